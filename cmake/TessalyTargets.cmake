@@ -1,0 +1,37 @@
+# How every target of this project is compiled, and the three kinds of target there are.
+
+add_library(tessaly_options INTERFACE)
+if(MSVC)
+  target_compile_options(tessaly_options INTERFACE /W4 /WX /permissive- /utf-8)
+else()
+  # Contraction would let a compiler fuse a multiply and an add and so round once instead of twice;
+  # sample values must be the same on every build.
+  target_compile_options(tessaly_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ffp-contract=off)
+endif()
+if(WIN32)
+  target_compile_definitions(
+    tessaly_options INTERFACE NOMINMAX UNICODE _UNICODE _WIN32_WINNT=0x0601
+                              WINVER=0x0601)
+endif()
+if(TESSALY_SANITIZE)
+  target_compile_options(tessaly_options INTERFACE -fsanitize=${TESSALY_SANITIZE}
+                                                   -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tessaly_options INTERFACE -fsanitize=${TESSALY_SANITIZE})
+endif()
+target_include_directories(tessaly_options INTERFACE ${CMAKE_SOURCE_DIR})
+
+# tessaly_kernels(<folder> <sources...>): plain C++, built on every platform, without COM.
+function(tessaly_kernels folder)
+  add_library(${folder}_kernels STATIC ${ARGN})
+  target_link_libraries(${folder}_kernels PUBLIC tessaly_options)
+endfunction()
+
+# tessaly_components(<folder> <sources...>): the COM classes of one folder, linked into the module.
+function(tessaly_components folder)
+  add_library(${folder}_components OBJECT ${ARGN})
+  target_link_libraries(${folder}_components PUBLIC tessaly_options marlinda_contracts)
+  add_dependencies(${folder}_components marlinda_contracts_files)
+  if(TARGET ${folder}_kernels)
+    target_link_libraries(${folder}_components PUBLIC ${folder}_kernels)
+  endif()
+endfunction()

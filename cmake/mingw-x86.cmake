@@ -1,0 +1,8 @@
+# Cross-compiles the 32-bit module on Linux. Use through the preset: cmake --preset x86
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86)
+set(TESSALY_MINGW_TRIPLET i686-w64-mingw32)
+# The x87 unit is slow and keeps extra precision; every processor since 2003 has SSE2.
+set(CMAKE_C_FLAGS_INIT "-msse2 -mfpmath=sse")
+set(CMAKE_CXX_FLAGS_INIT "-msse2 -mfpmath=sse")
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)

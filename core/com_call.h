@@ -1,0 +1,54 @@
+// The border between C++ and COM: inside, code throws and uses RAII; an interface method returns an
+// HRESULT and nothing else. ComCall is the only place where the one turns into the other.
+#pragma once
+
+#include <windows.h>
+
+#include <new>
+#include <utility>
+
+namespace marlinda {
+
+// An HRESULT on its way to the interface boundary.
+class HResultError {
+ public:
+  explicit HResultError(HRESULT code) noexcept : code_(code) {}
+  HRESULT code() const noexcept { return code_; }
+
+ private:
+  HRESULT code_;
+};
+
+// Throws when `hr` is a failure; success codes pass through.
+inline HRESULT Check(HRESULT hr) {
+  if (FAILED(hr)) throw HResultError(hr);
+  return hr;
+}
+
+// The HRESULT of the last failed system call; E_FAIL where the system named no error.
+inline HRESULT LastErrorResult() noexcept {
+  const DWORD error = GetLastError();
+  return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
+}
+
+// Runs the body of an interface method. The body returns the method's HRESULT or throws.
+template <class Body>
+HRESULT ComCall(Body&& body) noexcept {
+  try {
+    return std::forward<Body>(body)();
+  } catch (const HResultError& error) {
+    return error.code();
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (...) {
+    return E_FAIL;
+  }
+}
+
+// E_POINTER when any of the out-pointers is null.
+template <class... Pointers>
+HRESULT RequirePointers(Pointers*... pointers) noexcept {
+  return ((pointers != nullptr) && ...) ? S_OK : E_POINTER;
+}
+
+}  // namespace marlinda

@@ -1,0 +1,149 @@
+// The base of every COM class: reference counting, QueryInterface, aggregation, IDispatch per dual
+// interface, IProvideClassInfo and the module's object count. A class names its interfaces in the
+// order of its contract; that line is its whole COM declaration:
+//
+//   class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
+//    public:
+//     static constexpr const CLSID& kClassId = CLSID_CAudioPool;
+//     ...
+//   };
+//   MARLINDA_DEFINE_CLASS(CAudioPool)
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <ocidl.h>
+
+#include <atomic>
+#include <type_traits>
+
+#include "core/com_call.h"
+#include "core/com_dispatch.h"
+#include "core/module.h"
+
+namespace marlinda {
+
+// An interface as an object implements it: a dual one comes with its IDispatch.
+template <class I>
+using Implemented = std::conditional_t<std::is_base_of_v<IDispatch, I>, Dual<I>, I>;
+
+template <class Derived, class... Interfaces>
+class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
+ public:
+  // A class with outgoing event interfaces hides this with true and overrides GetGUID.
+  static constexpr bool kHasEvents = false;
+
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+
+  // IUnknown: the outer object's when this one is aggregated, our own otherwise.
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    return outer_->QueryInterface(iid, object);
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return outer_->AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return outer_->Release(); }
+
+  // IProvideClassInfo
+  STDMETHODIMP GetClassInfo(ITypeInfo** info) override {
+    return ClassTypeInfo(Derived::kClassId, info);
+  }
+  // IProvideClassInfo2: answered only by a class that has events and overrides it.
+  STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
+
+  // Creates an object, aggregated when `outer` is given. Nothing of it remains after a failure.
+  static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (outer != nullptr && !IsEqualIID(iid, IID_IUnknown)) return CLASS_E_NOAGGREGATION;
+    return ComCall([&] {
+      auto* created = new Derived;
+      if (outer != nullptr) created->outer_ = outer;
+      // The count starts at 1: that reference keeps the object alive until the query has taken its
+      // own, and destroys it when the query fails.
+      const HRESULT hr = created->inner_.QueryInterface(iid, object);
+      created->inner_.Release();
+      return hr;
+    });
+  }
+
+ protected:
+  Object() noexcept : inner_(*this), outer_(&inner_) {}
+  ~Object() = default;
+
+  // The object's identity, without a reference: the outer unknown when aggregated.
+  IUnknown* OuterUnknown() noexcept { return outer_; }
+
+ private:
+  // The unknown that does not delegate: what an outer object holds, and our identity without one.
+  class Inner final : public IUnknown {
+   public:
+    explicit Inner(Object& object) noexcept : object_(object) {}
+    STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
+      return object_.QueryInner(iid, out);
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++object_.references_; }
+    STDMETHODIMP_(ULONG) Release() override {
+      const ULONG left = --object_.references_;
+      if (left == 0) {
+        // A destructor that hands out this object, however briefly, must not destroy it again.
+        object_.references_ = kDestroying;
+        delete static_cast<Derived*>(&object_);
+      }
+      return left;
+    }
+
+   private:
+    Object& object_;
+  };
+
+  HRESULT QueryInner(REFIID iid, void** out) noexcept {
+    if (out == nullptr) return E_POINTER;
+    *out = nullptr;
+    if (IsEqualIID(iid, IID_IUnknown)) {
+      inner_.AddRef();
+      *out = &inner_;
+      return S_OK;
+    }
+    IUnknown* found = nullptr;
+    (void)((found = Offer<Interfaces>(iid, out)) || ...);
+    if (found == nullptr && IsEqualIID(iid, IID_IProvideClassInfo)) {
+      found = Give<IProvideClassInfo>(out);
+    }
+    if (found == nullptr && Derived::kHasEvents && IsEqualIID(iid, IID_IProvideClassInfo2)) {
+      found = Give<IProvideClassInfo2>(out);
+    }
+    if (found == nullptr) return E_NOINTERFACE;
+    found->AddRef();
+    return S_OK;
+  }
+
+  // IDispatch is answered by the first dual interface of the list, the class's default interface.
+  template <class I>
+  IUnknown* Offer(REFIID iid, void** out) noexcept {
+    const bool asked = IsEqualIID(iid, __uuidof(I)) ||
+                       (std::is_base_of_v<IDispatch, I> && IsEqualIID(iid, IID_IDispatch));
+    return asked ? Give<I>(out) : nullptr;
+  }
+
+  template <class I>
+  IUnknown* Give(void** out) noexcept {
+    I* const face = static_cast<I*>(this);
+    *out = face;
+    return face;
+  }
+
+  static constexpr ULONG kDestroying = 0x40000000;
+
+  const ModuleObjectCount module_count_;
+  std::atomic<ULONG> references_{1};
+  Inner inner_;
+  IUnknown* outer_;
+};
+
+// Defines the creation function that the class table refers to.
+#define MARLINDA_DEFINE_CLASS(Class)                                           \
+  HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept { \
+    return Class::Instantiate(outer, iid, object);                             \
+  }
+
+}  // namespace marlinda

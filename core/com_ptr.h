@@ -1,0 +1,32 @@
+// The smart pointer for interfaces and the few helpers that go with it.
+#pragma once
+
+#include <wrl/client.h>
+
+#include "core/com_call.h"
+
+namespace marlinda {
+
+// Take over a reference with *p.GetAddressOf() or ReceiveVoid, never with Attach: the Attach of the
+// header that comes with mingw adds a reference.
+template <class I>
+using ComPtr = Microsoft::WRL::ComPtr<I>;
+
+// Creates an object by class identifier, as any client does.
+template <class I>
+HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
+  return CoCreateInstance(clsid, nullptr, CLSCTX_ALL, __uuidof(I),
+                          reinterpret_cast<void**>(object.ReleaseAndGetAddressOf()));
+}
+
+// Another interface of the same object; null when `object` is null or has none.
+template <class I>
+ComPtr<I> TryQuery(IUnknown* object) {
+  ComPtr<I> result;
+  if (object != nullptr) {
+    object->QueryInterface(__uuidof(I), reinterpret_cast<void**>(result.GetAddressOf()));
+  }
+  return result;
+}
+
+}  // namespace marlinda

@@ -1,0 +1,33 @@
+#include "core/class_table.h"
+
+#include <marlinda.h>
+
+namespace marlinda {
+
+// Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
+#define MARLINDA_DECLARE_CLASS(Class) \
+  HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CNullReader);
+#undef MARLINDA_DECLARE_CLASS
+
+std::span<const ClassEntry> ClassTable() noexcept {
+  static const ClassEntry table[] = {
+      {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1", nullptr},
+      {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", nullptr},
+      {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", nullptr},
+      {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", nullptr},
+      {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1", nullptr},
+      {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
+      {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
+      {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
+      {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
+      {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
+      {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", nullptr},
+      {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
+      {&CLSID_COggImport, L"COggImport", L"Marlinda.OggImport.1", nullptr},
+      {&CLSID_CWaveWriter, L"CWaveWriter", L"Marlinda.WaveWriter.1", nullptr},
+  };
+  return table;
+}
+
+}  // namespace marlinda

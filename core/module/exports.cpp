@@ -1,0 +1,39 @@
+// The five functions that the module exports.
+#include <windows.h>
+
+#include "core/class_factory.h"
+#include "core/class_table.h"
+#include "core/com_dispatch.h"
+#include "core/module.h"
+#include "core/registration.h"
+
+using marlinda::ClassTable;
+using marlinda::TheModule;
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
+  if (reason == DLL_PROCESS_ATTACH) {
+    DisableThreadLibraryCalls(instance);
+    TheModule().Attach(instance);
+  } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
+    // When the process ends, the libraries that the type information came from may be gone already.
+    marlinda::ReleaseTypeInfo();
+  }
+  return TRUE;
+}
+
+STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** factory) {
+  if (factory == nullptr) return E_POINTER;
+  *factory = nullptr;
+  for (const auto& entry : ClassTable()) {
+    if (IsEqualCLSID(*entry.clsid, clsid) && entry.create != nullptr) {
+      return marlinda::CreateClassFactory(entry, iid, factory);
+    }
+  }
+  return CLASS_E_CLASSNOTAVAILABLE;
+}
+
+STDAPI DllCanUnloadNow() { return TheModule().CanUnload() ? S_OK : S_FALSE; }
+
+STDAPI DllRegisterServer() { return marlinda::RegisterModule(); }
+
+STDAPI DllUnregisterServer() { return marlinda::UnregisterModule(); }

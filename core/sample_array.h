@@ -1,0 +1,58 @@
+// Sample blocks: the view through which the engine reaches the floats of a caller's SAFEARRAY, and
+// the arrays that the engine itself hands to readers and writers.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <oleauto.h>
+
+#include <cstddef>
+#include <span>
+
+namespace marlinda {
+
+// Locks a caller's array and gives its samples; unlocks on destruction. Lower bounds do not matter:
+// the block is all the elements from the first on.
+class SampleArrayView {
+ public:
+  SampleArrayView() noexcept = default;
+  ~SampleArrayView();
+  SampleArrayView(const SampleArrayView&) = delete;
+  SampleArrayView& operator=(const SampleArrayView&) = delete;
+
+  // E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats that has its data.
+  HRESULT Lock(SAFEARRAY* array) noexcept;
+
+  std::span<float> samples() const noexcept { return samples_; }
+
+ private:
+  SAFEARRAY* array_ = nullptr;
+  std::span<float> samples_;
+};
+
+// A one-dimensional array of floats that the engine owns, to pass to a reader or a writer.
+class SampleArray {
+ public:
+  SampleArray() noexcept = default;
+  // All samples are 0. Throws std::bad_alloc, also when the count exceeds what an array can hold.
+  explicit SampleArray(std::size_t count);
+  ~SampleArray();
+  SampleArray(const SampleArray&) = delete;
+  SampleArray& operator=(const SampleArray&) = delete;
+  SampleArray(SampleArray&& other) noexcept;
+  SampleArray& operator=(SampleArray&& other) noexcept;
+
+  // Gives the array another element count. The samples keep their values as far as both reach.
+  void Resize(std::size_t count);
+
+  SAFEARRAY* get() const noexcept { return array_; }
+
+  // Read afresh from the descriptor: a callee that resized the array against the rules must not
+  // make us read past its end.
+  std::span<float> samples() const noexcept;
+
+ private:
+  SAFEARRAY* array_ = nullptr;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,44 @@
+#include "core/text.h"
+
+#include <new>
+
+#include "core/com_call.h"
+
+namespace marlinda {
+
+std::string ToAnsi(BSTR text) {
+  const int length = static_cast<int>(SysStringLen(text));
+  if (length == 0) return {};
+  const int size = WideCharToMultiByte(CP_ACP, 0, text, length, nullptr, 0, nullptr, nullptr);
+  if (size <= 0) throw HResultError(LastErrorResult());
+  std::string result(static_cast<std::size_t>(size), '\0');
+  WideCharToMultiByte(CP_ACP, 0, text, length, result.data(), size, nullptr, nullptr);
+  // Names end at the first NUL, as they do in files and in the system's own functions.
+  return result.substr(0, result.find('\0'));
+}
+
+BSTR ToBstr(std::string_view text) {
+  const int length = static_cast<int>(text.size());
+  int size = 0;
+  if (length > 0) {
+    size = MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), length, nullptr, 0);
+    if (size <= 0) throw HResultError(LastErrorResult());
+  }
+  BSTR result = SysAllocStringLen(nullptr, static_cast<UINT>(size));
+  if (result == nullptr) throw std::bad_alloc();
+  if (size > 0) MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), length, result, size);
+  return result;
+}
+
+std::string Format(std::string_view pattern, std::string_view argument) {
+  std::string result;
+  for (;;) {
+    const std::size_t place = pattern.find("%s");
+    result += pattern.substr(0, place);
+    if (place == std::string_view::npos) return result;
+    result += argument;
+    pattern.remove_prefix(place + 2);
+  }
+}
+
+}  // namespace marlinda

@@ -1,0 +1,23 @@
+// Strings. Inside the engine text is ANSI (the system's code page); interfaces carry BSTRs.
+// Characters that the code page cannot hold are lost on the way in, which is accepted.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <oleauto.h>
+
+#include <string>
+#include <string_view>
+
+namespace marlinda {
+
+// A BSTR that came in, as ANSI text. A null BSTR is the empty string, as everywhere in automation.
+std::string ToAnsi(BSTR text);
+
+// ANSI text as a new BSTR that the caller frees. Throws std::bad_alloc.
+BSTR ToBstr(std::string_view text);
+
+// A resource text with every "%s" replaced by `argument`.
+std::string Format(std::string_view pattern, std::string_view argument);
+
+}  // namespace marlinda

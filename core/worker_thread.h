@@ -1,0 +1,42 @@
+// One worker thread of a task, the playback or the scrubber.
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+
+#include "core/handle.h"
+
+namespace marlinda {
+
+// Owns at most one thread. The body must keep alive what it touches (capture shared state, not the
+// COM object), because the last release of the object may happen on the worker itself.
+class WorkerThread {
+ public:
+  WorkerThread() noexcept = default;
+  // Waits for the body to end. On the worker itself, where waiting would never end, lets it run
+  // out.
+  ~WorkerThread();
+  WorkerThread(const WorkerThread&) = delete;
+  WorkerThread& operator=(const WorkerThread&) = delete;
+
+  // Starts the body; the HRESULT of the system when no thread could be made. A thread that has
+  // ended is replaced. E_FAIL while one is running. An exception of the body ends the thread
+  // quietly.
+  HRESULT Start(std::function<void()> body) noexcept;
+
+  // True from Start until the body has returned.
+  bool IsRunning() const noexcept;
+
+  // Polls every `milliseconds` until the body has ended. Returns at once on the worker itself,
+  // which cannot outlast its own end.
+  void PollUntilEnded(DWORD milliseconds) const noexcept;
+
+ private:
+  bool OnWorker() const noexcept;
+
+  KernelHandle thread_;
+  DWORD id_ = 0;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,144 @@
+#include "tests/support/com_client.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace marlinda::testing {
+namespace {
+
+using GetClassObjectFunction = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
+using CanUnloadNowFunction = HRESULT(WINAPI*)();
+
+constexpr const CLSID* kClasses[] = {
+    &CLSID_CAudioConnector,  &CLSID_CAudioGrabber,  &CLSID_CAudioPlayback, &CLSID_CAudioPool,
+    &CLSID_CAudioPoolReader, &CLSID_CAudioScrubber, &CLSID_CDShowExport,   &CLSID_CEditedAudio,
+    &CLSID_CWavExportFilter, &CLSID_CDShowImport,   &CLSID_CFileFilterMgr, &CLSID_CNullReader,
+    &CLSID_COggImport,       &CLSID_CWaveWriter,
+};
+
+HMODULE module_handle = nullptr;
+std::vector<DWORD> registrations;
+
+template <class Function>
+Function Export(const char* name) {
+  const FARPROC address = GetProcAddress(ModuleUnderTest::Handle(), name);
+  if (address == nullptr) throw std::runtime_error(std::string("no export ") + name);
+  return reinterpret_cast<Function>(reinterpret_cast<void*>(address));
+}
+
+}  // namespace
+
+void ModuleUnderTest::Load() {
+  module_handle = LoadLibraryW(Path().c_str());
+  if (module_handle == nullptr) throw std::runtime_error("the module does not load");
+  for (const CLSID* clsid : kClasses) {
+    ComPtr<IUnknown> factory;
+    // A class that this version does not offer yet is left out.
+    if (FAILED(GetClassObject(*clsid, IID_IClassFactory,
+                              reinterpret_cast<void**>(factory.GetAddressOf())))) {
+      continue;
+    }
+    DWORD cookie = 0;
+    Check(CoRegisterClassObject(*clsid, factory.Get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
+                                &cookie));
+    registrations.push_back(cookie);
+  }
+}
+
+void ModuleUnderTest::Revoke() {
+  for (const DWORD cookie : registrations) CoRevokeClassObject(cookie);
+  registrations.clear();
+}
+
+HMODULE ModuleUnderTest::Handle() { return module_handle; }
+
+std::wstring ModuleUnderTest::Path() {
+  if (const wchar_t* named = _wgetenv(L"TESSALY_DLL")) return named;
+  wchar_t program[MAX_PATH];
+  GetModuleFileNameW(nullptr, program, MAX_PATH);
+  return (std::filesystem::path(program).parent_path().parent_path() / L"Tessaly.dll").wstring();
+}
+
+HRESULT ModuleUnderTest::GetClassObject(REFCLSID clsid, REFIID iid, void** factory) {
+  return Export<GetClassObjectFunction>("DllGetClassObject")(clsid, iid, factory);
+}
+
+HRESULT ModuleUnderTest::CanUnloadNow() {
+  return Export<CanUnloadNowFunction>("DllCanUnloadNow")();
+}
+
+Floats::Floats(std::size_t count, float value, LONG lower_bound) {
+  SAFEARRAYBOUND bound = {static_cast<ULONG>(count), lower_bound};
+  array_ = SafeArrayCreate(VT_R4, 1, &bound);
+  if (array_ == nullptr) throw std::bad_alloc();
+  std::ranges::fill(values(), value);
+}
+
+Floats::Floats(std::span<const float> values) : Floats(values.size()) {
+  std::ranges::copy(values, this->values().begin());
+}
+
+Floats::~Floats() { SafeArrayDestroy(array_); }
+
+std::span<float> Floats::values() const {
+  return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
+}
+
+std::vector<float> Floats::ToVector() const { return {values().begin(), values().end()}; }
+
+ForeignArray::ForeignArray(VARTYPE type, UINT dimensions, ULONG count) {
+  std::vector<SAFEARRAYBOUND> bounds(dimensions, SAFEARRAYBOUND{count, 0});
+  array_ = SafeArrayCreate(type, dimensions, bounds.data());
+  if (array_ == nullptr) throw std::bad_alloc();
+}
+
+ForeignArray::~ForeignArray() { SafeArrayDestroy(array_); }
+
+TemporaryFolder::TemporaryFolder() {
+  static int counter = 0;
+  const auto folder =
+      std::filesystem::temp_directory_path() /
+      ("tessaly-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter));
+  std::filesystem::create_directories(folder);
+  path_ = folder.wstring();
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<unsigned char> ReadFileBytes(const std::wstring& path) {
+  std::ifstream file(std::filesystem::path(path), std::ios::binary);
+  if (!file) throw std::runtime_error("a file cannot be opened for reading");
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void WriteFileBytes(const std::wstring& path, std::span<const unsigned char> bytes) {
+  std::ofstream file(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+  if (!file) throw std::runtime_error("a file cannot be written");
+}
+
+ULONG ReferenceCount(IUnknown* object) {
+  object->AddRef();
+  return object->Release();
+}
+
+bool WaitForTask(ICoreTask* task, int seconds) {
+  for (int tick = 0; tick < seconds * 100; ++tick) {
+    VARIANT_BOOL running = VARIANT_FALSE;
+    Check(task->QueryIsTaskRunning(&running));
+    if (running == VARIANT_FALSE) return true;
+    Sleep(10);
+  }
+  return false;
+}
+
+}  // namespace marlinda::testing

@@ -1,0 +1,21 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "tests/support/com_client.h"
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  int result = 1;
+  try {
+    marlinda::testing::ModuleUnderTest::Load();
+    result = RUN_ALL_TESTS();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+  }
+  marlinda::testing::ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return result;
+}
