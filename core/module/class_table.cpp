@@ -7,17 +7,20 @@ namespace marlinda {
 // Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CAudioGrabber);
+MARLINDA_DECLARE_CLASS(CAudioPlayback);
+MARLINDA_DECLARE_CLASS(CAudioScrubber);
 MARLINDA_DECLARE_CLASS(CNullReader);
 #undef MARLINDA_DECLARE_CLASS
 
 std::span<const ClassEntry> ClassTable() noexcept {
   static const ClassEntry table[] = {
       {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1", nullptr},
-      {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", nullptr},
-      {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", nullptr},
+      {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", CreateCAudioGrabber},
+      {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", CreateCAudioPlayback},
       {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", nullptr},
       {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1", nullptr},
-      {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
+      {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", CreateCAudioScrubber},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
