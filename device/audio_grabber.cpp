@@ -81,7 +81,7 @@ STDMETHODIMP CAudioGrabber::OpenDevice() {
   return ComCall([&]() -> HRESULT {
     const std::lock_guard lock(mutex_);
     Close();
-    if (!data_event_ || format_.nBlockAlign == 0 || buffer_bytes_ < format_.nBlockAlign) {
+    if (!data_event_ || !IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) {
       return E_FAIL;
     }
     recording_format_ = format_;

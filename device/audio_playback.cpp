@@ -124,7 +124,7 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
     // An open device would never be closed again once its handle is overwritten.
     Close();
     output_levels_.assign(format_.nChannels, 0.0F);
-    if (!done_event_) return E_FAIL;
+    if (!done_event_ || !IsPlausible(format_)) return E_FAIL;
     queue_limit_bytes_ = format_.nBlockAlign * buffer_millisecs_ * format_.nSamplesPerSec / 1000;
     queued_bytes_ = 0;
     broken_ = false;

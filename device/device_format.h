@@ -24,4 +24,11 @@ inline bool IsFloat(const WAVEFORMATEX& format) noexcept {
   return format.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
 }
 
+// Whether a device may be asked for the format at all: some drivers take a format without channels
+// and come down in the first write.
+inline bool IsPlausible(const WAVEFORMATEX& format) noexcept {
+  return format.nBlockAlign > 0 && static_cast<SHORT>(format.nChannels) > 0 &&
+         static_cast<LONG>(format.nSamplesPerSec) > 0;
+}
+
 }  // namespace marlinda
