@@ -223,11 +223,12 @@ TEST(Grabber, RecordsWhatIsPlayedSampleBySampleAcrossItsBuffers) {
   __int64 count = 77;
   EXPECT_EQ(reader->GetSampleCount(&count), E_NOTIMPL);
   EXPECT_EQ(count, 77);
-  ASSERT_EQ(reader->OpenDevice(), S_OK);
-
   constexpr std::size_t kSamples = 2 * 44100;
   Player player(44100, 2, 16);
+  // Opening one device holds up the other: the speaker first, and the recording runs undisturbed.
   ASSERT_EQ(player.writer->OpenDevice(), S_OK);
+  ASSERT_EQ(player.writer->WriteAudio(Floats(2 * 4410)), S_OK);
+  ASSERT_EQ(reader->OpenDevice(), S_OK);
   std::thread speaker([&] {
     // The sound server swallows some milliseconds of what a stream starts with.
     player.writer->WriteAudio(Floats(2 * 22050));

@@ -18,6 +18,7 @@ void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
   auto writer = As<IAudioWriter>(playback);
   playback->SetFormat(44100, 2, bits);
   Check(writer->OpenDevice());
+  Check(writer->WriteAudio(Floats(2 * 22050)));
   for (std::size_t frame = 0; frame < total_frames; frame += block_frames) {
     const std::size_t frames = std::min(block_frames, total_frames - frame);
     std::vector<float> block(2 * frames);
