@@ -7,6 +7,8 @@ namespace marlinda {
 // Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CAudioPool);
+MARLINDA_DECLARE_CLASS(CAudioPoolReader);
 MARLINDA_DECLARE_CLASS(CNullReader);
 #undef MARLINDA_DECLARE_CLASS
 
@@ -15,8 +17,9 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1", nullptr},
       {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", nullptr},
       {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", nullptr},
-      {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", nullptr},
-      {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1", nullptr},
+      {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", CreateCAudioPool},
+      {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1",
+       CreateCAudioPoolReader},
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
