@@ -9,7 +9,7 @@
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
 #include "pool/file_access.h"
-#include "pool/stored_width.h"
+#include "pool/storage.h"
 
 namespace marlinda {
 namespace {
@@ -115,7 +115,8 @@ STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
       if (Dithers()) dither_.Process(samples, std::rand);
       ConvertFloatToPcm(samples, pcm_, bits_per_sample_);
       // At a width between the usual ones the code takes more bytes than the file has room for.
-      audio = std::span(pcm_).first(samples.size() * static_cast<std::size_t>(BytesPerSample()));
+      audio = std::span(pcm_).first(samples.size() *
+                                    static_cast<std::size_t>(StoredBytes(bits_per_sample_)));
     }
     BuildPeaks(samples, channels_, peaks_);
 
@@ -132,7 +133,7 @@ STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
 // the tail of the take.
 void CAudioPool::Advance(std::int64_t audio_bytes) noexcept {
   audio_position_ += audio_bytes;
-  const std::int64_t bytes_per_peak = BytesPerSample() * channels_ * kFramesPerPeak;
+  const std::int64_t bytes_per_peak = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
   const std::int64_t peaks = (audio_position_ - take_audio_begin_) / bytes_per_peak;
   peak_position_ =
       take_peak_begin_ + peaks * channels_ * static_cast<std::int64_t>(sizeof(PeakRecord));

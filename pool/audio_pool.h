@@ -65,7 +65,6 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
   HRESULT CreateReader(IAudioReader** reader);
   void Advance(std::int64_t audio_bytes) noexcept;
   bool Dithers() const noexcept;
-  std::int64_t BytesPerSample() const noexcept { return bits_per_sample_ / 8; }
 
   TemporaryFile audio_file_;
   TemporaryFile peak_file_;

@@ -5,10 +5,9 @@
 
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
-#include "pool/byte_offset.h"
 #include "pool/file_access.h"
 #include "pool/peak_builder.h"
-#include "pool/stored_width.h"
+#include "pool/storage.h"
 
 namespace marlinda {
 namespace {
@@ -61,7 +60,8 @@ STDMETHODIMP CAudioPoolReader::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudio
 HRESULT CAudioPoolReader::ReadPcm(std::int64_t offset, std::span<float> samples) {
   // At a width between the usual ones a code takes more bytes than the file has of it.
   const std::size_t width = PcmBytesPerSample(region_.bits_per_sample);
-  const std::size_t stored = samples.size() * static_cast<std::size_t>(region_.BytesPerSample());
+  const std::size_t stored =
+      samples.size() * static_cast<std::size_t>(StoredBytes(region_.bits_per_sample));
   pcm_.resize(samples.size() * width);
   const ReadResult read = ReadAt(region_.audio_file, offset, std::span(pcm_).first(stored));
   if (FAILED(read.hr) && read.hr != HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) return read.hr;

@@ -12,6 +12,7 @@
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
+#include "pool/storage.h"
 
 namespace marlinda {
 
@@ -63,8 +64,7 @@ class CAudioPoolReader final
     HANDLE audio_file = nullptr;
     HANDLE peak_file = nullptr;
 
-    std::int64_t BytesPerSample() const noexcept { return bits_per_sample / 8; }
-    std::int64_t BytesPerFrame() const noexcept { return BytesPerSample() * channels; }
+    std::int64_t BytesPerFrame() const noexcept { return StoredBytes(bits_per_sample) * channels; }
   };
 
   HRESULT ReadPcm(std::int64_t offset, std::span<float> samples);

@@ -1,4 +1,4 @@
-// Byte offsets into the pool's files.
+// How samples lie in the pool's files.
 #pragma once
 
 #include <algorithm>
@@ -6,6 +6,13 @@
 #include <limits>
 
 namespace marlinda {
+
+// Below 8 bits a sample would take no bytes, above 32 more than it has.
+constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 32; }
+
+// Bytes by which positions advance per sample. At widths between the usual ones this is less than
+// what the sample's code takes: kept on purpose.
+constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
 // base + unit * count. Where that does not fit in 64 bits the result is the largest or smallest
 // number, an offset that no file has. A unit below 1 counts as 0.
