@@ -151,6 +151,17 @@ Bytes WithPacketsScrambled(const std::string& name, unsigned seed) {
   return file;
 }
 
+Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
+  Bytes file = ReadAll(DataFile(name));
+  const Page last = PagesOf(file).back();
+  for (std::size_t i = 0; i < 8; ++i) {
+    file[last.begin + 6 + i] =
+        static_cast<unsigned char>(static_cast<std::uint64_t>(frames) >> (8 * i));
+  }
+  MakeChecksumRight(file, last);
+  return file;
+}
+
 Bytes WithPageMissing(const std::string& name) {
   Bytes file = ReadAll(DataFile(name));
   const auto pages = PagesOf(file);

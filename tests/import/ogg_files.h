@@ -64,6 +64,8 @@ Bytes WithByteFlipped(const std::string& name, std::size_t offset);
 // Many flips in the bodies of audio pages with the pages' checksums made right again, so that the
 // damage reaches the decoder instead of being thrown away as a broken page.
 Bytes WithPacketsScrambled(const std::string& name, unsigned seed);
+// The last page's position set, from which the length of the file follows.
+Bytes WithLastPosition(const std::string& name, std::int64_t frames);
 // A page in the middle taken out.
 Bytes WithPageMissing(const std::string& name);
 

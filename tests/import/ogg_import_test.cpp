@@ -395,6 +395,27 @@ TEST_F(OggImport, AWriterMayChangeTheArrayThatItGets) {
   EXPECT_EQ(writer_->block_sizes, sizes);
 }
 
+TEST_F(OggImport, StopsAtTheLengthThatTheFileAnnounces) {
+  // The position in the file is wrong on purpose: more samples follow.
+  const TemporaryOgg file(WithLastPosition("stereo.ogg", 1000));
+  const DecodedLink all = DecodeWithLibrary(file.path()).links.at(0);
+  ASSERT_GT(all.samples.size(), 2U * 10000);
+  Import(file.path());
+  EXPECT_EQ(SourceSampleCount(), 1000);
+  EXPECT_GE(writer_->samples.size(), 2U * 1000);
+  EXPECT_LT(writer_->samples.size() - writer_->block_sizes.back(), 2U * 1000);
+  EXPECT_GT(writer_->samples.size(), 2U * 1000) << "the last block is not cut";
+  EXPECT_EQ(Progress(), 1.0F);
+}
+
+TEST_F(OggImport, AGiganticLengthIsOnlyAPromise) {
+  const TemporaryOgg file(WithLastPosition("stereo.ogg", std::int64_t{1} << 60));
+  Import(file.path());
+  EXPECT_GT(SourceSampleCount(), std::int64_t{1} << 59);
+  EXPECT_GT(writer_->samples.size(), 2U * 10000);
+  EXPECT_LT(Progress(), 0.001F);
+}
+
 TEST_F(OggImport, DeliversWhatIsLeftOfDamagedFilesAndStopsWhereAChainChangesItsFormat) {
   const TemporaryOgg files[] = {
       TemporaryOgg(Truncated("stereo.ogg", 12000)),

@@ -4,8 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <cstring>
+#include <limits>
 
 #include "tests/import/ogg_files.h"
 
@@ -118,6 +117,9 @@ TEST(VorbisStream, AChainOfOneFormatIsOneStream) {
 }
 
 TEST(VorbisStream, AChainEndsWhereItsFormatChanges) {
+  const TemporaryOgg other_rate(Chained("mono.ogg", "rate_8000.ogg"));
+  ExpectLikeTheLibrary(other_rate.path());
+  EXPECT_EQ(ReadToEnd(*OpenStream(other_rate.path())).samples.size(), 66150U);
   for (const char* const second : {"mono.ogg", "rate_8000.ogg", "six_channels.ogg"}) {
     SCOPED_TRACE(second);
     const TemporaryOgg chain(Chained("stereo.ogg", second));
@@ -160,6 +162,12 @@ TEST(VorbisStream, GoesOnAfterAHole) {
 }
 
 TEST(VorbisStream, EndsOnEveryDamagedFile) {
+  for (const std::int64_t frames :
+       {std::int64_t{1000}, std::int64_t{-1}, std::int64_t{-5}, std::int64_t{1} << 40,
+        std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::min()}) {
+    SCOPED_TRACE(frames);
+    ExpectLikeTheLibrary(TemporaryOgg(WithLastPosition("stereo.ogg", frames)).path());
+  }
   const std::size_t size = ReadAll(DataFile("stereo.ogg")).size();
   for (std::size_t offset = 0; offset < size; offset += offset < 200 ? 1 : 211) {
     SCOPED_TRACE(offset);
