@@ -9,7 +9,9 @@ namespace marlinda {
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
 MARLINDA_DECLARE_CLASS(CAudioPool);
 MARLINDA_DECLARE_CLASS(CAudioPoolReader);
+MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
+MARLINDA_DECLARE_CLASS(COggImport);
 #undef MARLINDA_DECLARE_CLASS
 
 std::span<const ClassEntry> ClassTable() noexcept {
@@ -25,9 +27,9 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
       {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
-      {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", nullptr},
+      {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", CreateCFileFilterMgr},
       {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
-      {&CLSID_COggImport, L"COggImport", L"Marlinda.OggImport.1", nullptr},
+      {&CLSID_COggImport, L"COggImport", L"Marlinda.OggImport.1", CreateCOggImport},
       {&CLSID_CWaveWriter, L"CWaveWriter", L"Marlinda.WaveWriter.1", nullptr},
   };
   return table;
