@@ -8,6 +8,7 @@ namespace marlinda {
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
 MARLINDA_DECLARE_CLASS(CNullReader);
+MARLINDA_DECLARE_CLASS(CWavExportFilter);
 #undef MARLINDA_DECLARE_CLASS
 
 std::span<const ClassEntry> ClassTable() noexcept {
@@ -20,7 +21,8 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
-      {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
+      {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",
+       CreateCWavExportFilter},
       {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
       {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", nullptr},
       {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
