@@ -17,7 +17,7 @@ void DropFailure(bool /*succeeded*/) noexcept {}
 
 void RiffChunkWriter::Attach(std::unique_ptr<ByteSink> sink) {
   sink_ = std::move(sink);
-  body_starts_.clear();
+  open_chunks_.clear();
   if (sink_) SeekTo(0);
 }
 
@@ -30,22 +30,23 @@ void RiffChunkWriter::SeekTo(std::uint64_t position) noexcept {
 }
 
 void RiffChunkWriter::BeginChunk(FourCC id) {
-  Write(LittleEndianBytes().Id(id).U32(0).bytes());
-  body_starts_.push_back(sink_ ? sink_->Position() : 0);
+  const bool has_header = sink_ && sink_->Write(LittleEndianBytes().Id(id).U32(0).bytes());
+  open_chunks_.push_back({sink_ ? sink_->Position() : 0, has_header});
 }
 
 void RiffChunkWriter::EndChunk() {
-  if (body_starts_.empty()) throw std::logic_error("no chunk is open");
+  if (open_chunks_.empty()) throw std::logic_error("no chunk is open");
   EndInnermost();
 }
 
 void RiffChunkWriter::EndInnermost() noexcept {
-  const std::uint64_t start = body_starts_.back();
-  body_starts_.pop_back();
-  if (!sink_) return;
+  const auto [start, has_header] = open_chunks_.back();
+  open_chunks_.pop_back();
+  // On a full disk there may be no size field to fill in: what lies there is an earlier chunk's.
+  if (!has_header) return;
 
   std::uint64_t size = sink_->Position() - start;
-  const std::size_t padding = -size % 4;
+  const auto padding = static_cast<std::size_t>((4 - size % 4) % 4);
   const std::array<std::byte, 4> zeros = {};
   Write(std::span(zeros).first(padding));
   size += padding;
@@ -58,7 +59,7 @@ void RiffChunkWriter::EndInnermost() noexcept {
 }
 
 void RiffChunkWriter::Close() noexcept {
-  while (!body_starts_.empty()) EndInnermost();
+  while (!open_chunks_.empty()) EndInnermost();
   sink_.reset();
 }
 

@@ -37,11 +37,16 @@ class RiffChunkWriter {
   void Close() noexcept;
 
  private:
+  struct OpenChunk {
+    std::uint64_t body_start;
+    bool has_header;
+  };
+
   void SeekTo(std::uint64_t position) noexcept;
   void EndInnermost() noexcept;
 
   std::unique_ptr<ByteSink> sink_;
-  std::vector<std::uint64_t> body_starts_;  // of the open chunks, innermost last
+  std::vector<OpenChunk> open_chunks_;  // innermost last
 };
 
 }  // namespace marlinda
