@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -35,6 +36,15 @@ inline Bytes F32(float value) {
 
 inline Bytes Text(std::string_view text) { return Bytes(text.begin(), text.end()); }
 inline Bytes TextZ(std::string_view text) { return Text(text) + Bytes{0}; }
+
+inline Bytes Hex(std::string_view digits) {
+  Bytes result;
+  for (; digits.size() >= 2; digits.remove_prefix(2)) {
+    result.push_back(
+        static_cast<unsigned char>(std::stoi(std::string(digits.substr(0, 2)), nullptr, 16)));
+  }
+  return result;
+}
 
 // Padded to a multiple of 4 bytes, the padding counted in the size.
 inline Bytes Chunk(std::string_view id, Bytes body) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 
+#include "core/extensible_rules.h"
 #include "tests/export/memory_sink.h"
 
 namespace marlinda::testing {
@@ -54,6 +55,7 @@ TEST(WavLayout, AnnouncesSpeakersForTheCustomaryChannelCounts) {
   }
   EXPECT_EQ(ToBytes(ExtensibleFormatBody({48000, 6, 32, true})),
             ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F));
+  EXPECT_EQ(ChannelMask(1, true), 3U);
 }
 
 TEST(WavLayout, LeavesDataOpenForTheSamplesThatFollow) {
@@ -125,6 +127,45 @@ TEST(WavLayout, OrdersCuesInfoAndAcid) {
   all.acid = WavAcidData{};
   EXPECT_EQ(Written([&](RiffChunkWriter& file) { WriteAnnotations(file, all, 2); }),
             without_acid + Chunk("acid", Bytes(24)));
+}
+
+// The example of docs/wav-layout.md, line by line.
+TEST(WavLayout, WritesTheBytesOfTheWorkedExample) {
+  WavAnnotations all;
+  all.labels = {{"In", 1}};
+  all.markers = {{"Hit", 2, 3}};
+  all.meta_data.title = "Snap";
+  all.meta_data.year = "2009";
+  all.acid = WavAcidData{60, 4, 4, 2, 120.0F};
+  const WavFormat format{44100, 1, 8, false};
+  const unsigned char samples[] = {0x80, 0xC0, 0x01};
+  EXPECT_EQ(Written([&](RiffChunkWriter& file) {
+              BeginWav(file, PlainFormatBody(format).bytes());
+              file.Write(std::as_bytes(std::span(samples)));
+              file.EndChunk();
+              WriteAnnotations(file, all, format.BlockAlign());
+            }),
+            Hex("524946461401000057415645"
+                "666D7420100000000100010044AC000044AC0000"
+                "01000800"
+                "646174610400000080C00100"
+                "637565203400000002000000"
+                "00000000010000006461746100000000"
+                "0100000001000000"
+                "01000000010000006461746100000000"
+                "0100000002000000"
+                "4C495354340000006164746C"
+                "6C61626C0800000000000000496E0000"
+                "6C747874180000000100000001000000"
+                "72676E20000000000000000048697400"
+                "4C4953544C000000494E464F"
+                "494E414D08000000536E617000000000"
+                "494152540400000000000000"
+                "49474E520400000000000000"
+                "495052440400000000000000"
+                "494352440C000000323030392D30312D30310000"
+                "61636964180000003C0000000000000000000000"
+                "02000000040004000000F042"));
 }
 
 }  // namespace
