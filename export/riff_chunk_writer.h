@@ -12,8 +12,8 @@ namespace marlinda {
 
 // Two oddities, kept because files written with them exist:
 // - A chunk is padded to a multiple of 4 bytes, not of 2 as RIFF asks, and the padding counts in
-// the
-//   size field.
+// its
+//   size.
 // - Sizes are 32-bit and nothing checks them: in a file past 4 GiB they wrap. Only the fields wrap;
 //   writing goes on at the true end, so no sample is overwritten.
 //

@@ -47,7 +47,8 @@ STDMETHODIMP CWavExportFilter::GetProgress(FLOAT* pfProgress) {
   if (pfProgress == nullptr) return E_POINTER;
   const std::int64_t total = job_->Total();
   if (total <= 0) return E_FAIL;
-  *pfProgress = static_cast<float>(static_cast<double>(job_->Position()) / total);
+  const auto progress = static_cast<double>(job_->Position()) / static_cast<double>(total);
+  *pfProgress = static_cast<float>(progress);
   return S_OK;
 }
 

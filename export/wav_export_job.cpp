@@ -44,12 +44,13 @@ void WavExportJob::SetTarget(FileHandle file) {
 
 void WavExportJob::Run(std::int16_t bits, bool is_float) noexcept {
   const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
-  // Only memory can run out on the way. The file is closed in order whatever happened.
+  // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
   ComCall([&] {
-    WriteAudio(format);
+    WriteSamples(format);
     return S_OK;
   });
   ComCall([&] {
+    file_.EndChunk();  // "data"
     const auto annotations = WithAnnotations([](const WavAnnotations& all) { return all; });
     WriteAnnotations(file_, annotations, format.BlockAlign());
     return S_OK;
@@ -58,12 +59,12 @@ void WavExportJob::Run(std::int16_t bits, bool is_float) noexcept {
   reader_.Reset();
 }
 
-void WavExportJob::WriteAudio(const WavFormat& format) {
+void WavExportJob::WriteSamples(const WavFormat& format) {
   const auto body = format.channels > 2 ? ExtensibleFormatBody(format) : PlainFormatBody(format);
   BeginWav(file_, body.bytes());
 
   // Without channels there is nothing to read, whatever the length.
-  if (format.channels <= 0) position_ = Total();
+  if (format.channels <= 0) position_ = std::max(Position(), Total());
 
   WavSampleWriter writer(format);
   SampleArray block;
@@ -77,7 +78,6 @@ void WavExportJob::WriteAudio(const WavFormat& format) {
     writer.Write(file_, block.samples(), static_cast<std::size_t>(frames));
     position_ += frames;
   }
-  file_.EndChunk();
 }
 
 }  // namespace marlinda

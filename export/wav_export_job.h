@@ -48,7 +48,8 @@ class WavExportJob {
   }
 
  private:
-  void WriteAudio(const WavFormat& format);
+  // Begins the file and writes its samples; leaves "data" open.
+  void WriteSamples(const WavFormat& format);
 
   RiffChunkWriter file_;
   ComPtr<IAudioReader> reader_;

@@ -275,6 +275,15 @@ TEST(WavExportFilter, WritesAFileWithoutSamplesForAReaderWithoutAFormat) {
   }
 }
 
+TEST(WavExportFilter, EndsTheSamplesWhereNoArrayCanHoldABlock) {
+  // 2^31 floats: more than a block may have.
+  Export out(CodeReader::Create({.channels = 32767, .frames = 100000}));
+  out.labels->AddLabel(1, Bstr(L"kept"));
+  EXPECT_EQ(out.Run(), Wav(ExtensibleFormat(1, 32767, 44100, 2, 16, 0), {},
+                           Chunk("cue ", U32(1) + CuePoint(0, 1, 65534, 1)) +
+                               List("adtl", Label(0, "kept")) + Info()));
+}
+
 TEST(WavExportFilter, TakesAnyNumberOfBits) {
   const ComPtr<IAudioReader> reader = CodeReader::Create({.channels = 2, .frames = 9});
   const Bytes pcm16 = CodesAsPcm(0, 18, 16);
