@@ -12,6 +12,7 @@ MARLINDA_DECLARE_CLASS(CAudioPoolReader);
 MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
 MARLINDA_DECLARE_CLASS(COggImport);
+MARLINDA_DECLARE_CLASS(CWavExportFilter);
 #undef MARLINDA_DECLARE_CLASS
 
 std::span<const ClassEntry> ClassTable() noexcept {
@@ -25,7 +26,8 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
-      {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
+      {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",
+       CreateCWavExportFilter},
       {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
       {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", CreateCFileFilterMgr},
       {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
