@@ -7,6 +7,7 @@ namespace marlinda {
 // Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CEditedAudio);
 MARLINDA_DECLARE_CLASS(CNullReader);
 #undef MARLINDA_DECLARE_CLASS
 
@@ -19,7 +20,7 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1", nullptr},
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
-      {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
+      {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", CreateCEditedAudio},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1", nullptr},
       {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
       {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", nullptr},
