@@ -449,5 +449,103 @@ TEST_F(EditedAudio, ReadsSilenceFromTheSilenceSource) {
   EXPECT_THAT(document_.Read(98, 6), ElementsAre(0, 0, 0, 0, 0, 0));
 }
 
+// Another maker's document: it hands out one segment again and again, notes what a copy into it
+// brings, and has neither labels nor markers.
+class ForeignDocument final : public IEditedAudio {
+ public:
+  ForeignDocument(CallLog* log, IAudioReader* source, int segments)
+      : log_(log), source_(source), segments_(segments) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    *object = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IEditedAudio) ? this : nullptr;
+    return *object != nullptr ? S_OK : E_NOINTERFACE;
+  }
+  // Lives on the stack.
+  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    return E_NOTIMPL;
+  }
+
+  STDMETHODIMP Clear() override { return Note("Clear"); }
+  STDMETHODIMP SetFormat(LONG rate, SHORT channels, SHORT bits) override {
+    return Note("SetFormat(" + std::to_string(rate) + ", " + std::to_string(channels) + ", " +
+                std::to_string(bits) + ")");
+  }
+  STDMETHODIMP AppendSegment(IAudioReader* source, __int64 begin, __int64 end) override {
+    return Note("AppendSegment(" + std::string(source == nullptr ? "null" : "source") + ", " +
+                std::to_string(begin) + ", " + std::to_string(end) + ")");
+  }
+  STDMETHODIMP GetFirstSegment(IAudioReader** source, __int64* begin, __int64* end,
+                               LONG* valid) override {
+    next_ = 0;
+    return GetNextSegment(source, begin, end, valid);
+  }
+  STDMETHODIMP GetNextSegment(IAudioReader** source, __int64* begin, __int64* end,
+                              LONG* valid) override {
+    *valid = next_++ < segments_ ? -1 : 0;
+    if (*valid == 0) return S_OK;
+    *source = source_;
+    *begin = 10;
+    *end = 20;
+    return S_OK;
+  }
+
+  STDMETHODIMP ReadWaveplot(__int64, __int64, SAFEARRAY*) override { return E_NOTIMPL; }
+  STDMETHODIMP Insert(__int64, IEditedAudio*) override { return E_NOTIMPL; }
+  STDMETHODIMP Copy(IEditedAudio*, __int64, __int64) override { return E_NOTIMPL; }
+  STDMETHODIMP CopyAll(IEditedAudio*) override { return E_NOTIMPL; }
+  STDMETHODIMP InsertSegment(__int64, IAudioReader*, __int64, __int64) override {
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP Delete(__int64, __int64) override { return E_NOTIMPL; }
+  STDMETHODIMP InitChange(LONG, BSTR) override { return E_NOTIMPL; }
+  STDMETHODIMP CommitChange() override { return E_NOTIMPL; }
+  STDMETHODIMP RollbackChange() override { return E_NOTIMPL; }
+  STDMETHODIMP Play(__int64, __int64, ULONG, VARIANT_BOOL) override { return E_NOTIMPL; }
+  STDMETHODIMP StopPlay() override { return E_NOTIMPL; }
+  STDMETHODIMP GetPlayStatus(VARIANT_BOOL*, __int64*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetOutputLevel(SHORT, float*) override { return E_NOTIMPL; }
+  STDMETHODIMP SetPlaybackDevice(LONG) override { return E_NOTIMPL; }
+  STDMETHODIMP GetBitsPerSample(SHORT*) override { return E_NOTIMPL; }
+  STDMETHODIMP ModifyPlaySection(__int64, __int64) override { return E_NOTIMPL; }
+
+ private:
+  HRESULT Note(const std::string& call) {
+    log_->push_back(call);
+    return S_OK;
+  }
+
+  CallLog* log_;
+  IAudioReader* source_;
+  int segments_;
+  int next_ = 0;
+};
+
+TEST_F(EditedAudio, WorksWithAnotherMakersDocumentThroughItsInterface) {
+  ForeignDocument foreign(&log_, b_.Get(), 3);
+  document_.Append(a_, 0, 4);
+  document_.Label(L"x", 3);
+  // What has no labels lets the call fail after the segments were transferred.
+  EXPECT_EQ(document_->Insert(2, &foreign), E_FAIL);
+  EXPECT_EQ(document_.Segments(), "A[0,2) B[10,20) B[10,20) B[10,20) A[2,4)");
+  EXPECT_EQ(document_.Labels(), "x@33");
+  EXPECT_EQ(b_->Held(), 3);
+
+  log_.clear();
+  document_->AppendSegment(nullptr, 0, 9);
+  EXPECT_EQ(document_->Copy(&foreign, 31, 40), E_FAIL);
+  EXPECT_THAT(log_, ElementsAre("Clear", "SetFormat(44100, 1, 16)", "AppendSegment(source, 19, 20)",
+                                "AppendSegment(source, 2, 4)", "AppendSegment(null, 0, 6)"));
+  log_.clear();
+  EXPECT_EQ(document_->CopyAll(&foreign), E_FAIL);
+  EXPECT_EQ(log_.size(), 8u);
+  EXPECT_EQ(log_.back(), "AppendSegment(null, 0, 9)");
+}
+
 }  // namespace
 }  // namespace marlinda::testing
