@@ -9,6 +9,7 @@ namespace marlinda {
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
 MARLINDA_DECLARE_CLASS(CAudioPool);
 MARLINDA_DECLARE_CLASS(CAudioPoolReader);
+MARLINDA_DECLARE_CLASS(CEditedAudio);
 MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
 MARLINDA_DECLARE_CLASS(COggImport);
@@ -25,7 +26,7 @@ std::span<const ClassEntry> ClassTable() noexcept {
        CreateCAudioPoolReader},
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
-      {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", nullptr},
+      {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", CreateCEditedAudio},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",
        CreateCWavExportFilter},
       {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
