@@ -245,5 +245,50 @@ TEST(TypeLibrary, DescribesEveryClassAsTheTablesDo) {
   }
 }
 
+// The module must find its own type library wherever it was installed: the system's function for it
+// takes neither long paths nor all names.
+TEST(TypeLibrary, IsFoundByAModuleUnderAnyPath) {
+  const TemporaryFolder folder;
+  // The prefix lets the system take paths of more than MAX_PATH characters.
+  std::vector<std::wstring> nested = {L"\\\\?\\" + folder.path()};
+  for (int i = 0; i < 6; ++i) {
+    nested.push_back(nested.back() + L"\\" + std::wstring(60, static_cast<wchar_t>(L'a' + i)));
+    ASSERT_TRUE(CreateDirectoryW(nested.back().c_str(), nullptr));
+  }
+  const std::wstring& deep = nested.back();
+  ASSERT_GT(deep.size(), static_cast<std::size_t>(MAX_PATH));
+  const std::wstring odd = folder.path() + L"\\Ton & Bild 100% (2) #\x00e4\x97f3;,=";
+  ASSERT_TRUE(CreateDirectoryW(odd.c_str(), nullptr));
+  for (const std::wstring& place :
+       {deep + L"\\Tessaly.dll", odd + L"\\Tessaly.dll", odd + L"\\Tessaly.x\x97f3"}) {
+    SCOPED_TRACE(::testing::PrintToString(place));
+    ASSERT_TRUE(CopyFileW(ModuleUnderTest::Path().c_str(), place.c_str(), TRUE));
+    const HMODULE module = LoadLibraryW(place.c_str());
+    ASSERT_NE(module, nullptr);
+    ASSERT_NE(module, ModuleUnderTest::Handle());
+    const auto get_class_object = reinterpret_cast<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject")));
+    ComPtr<IClassFactory> factory;
+    ASSERT_EQ(get_class_object(CLSID_CNullReader, IID_IClassFactory,
+                               reinterpret_cast<void**>(factory.GetAddressOf())),
+              S_OK);
+    ComPtr<IAudioReader> reader;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IAudioReader,
+                                      reinterpret_cast<void**>(reader.GetAddressOf())),
+              S_OK);
+    ComPtr<ITypeInfo> info;
+    EXPECT_EQ(reader->GetTypeInfo(0, 0, info.GetAddressOf()), S_OK);
+    DISPPARAMS none = {};
+    EXPECT_EQ(reader->Invoke(4, IID_NULL, 0, DISPATCH_METHOD, &none, nullptr, nullptr, nullptr),
+              S_OK);
+    info.Reset();
+    reader.Reset();
+    factory.Reset();
+    EXPECT_TRUE(FreeLibrary(module));
+    EXPECT_TRUE(DeleteFileW(place.c_str())) << "the module is not let go";
+  }
+  for (; nested.size() > 1; nested.pop_back()) RemoveDirectoryW(nested.back().c_str());
+}
+
 }  // namespace
 }  // namespace marlinda::testing
