@@ -124,21 +124,23 @@ class TypeLibraryRegistration {
     library_->ReleaseTLibAttr(attributes);
     // The library's own kind may be the other word size's; entries are made for the module's.
     const bool is_64_bit = sizeof(void*) == 8;
-    const RegistryPlace entry = ClassesRoot(scope_) / L"TypeLib" / ToText(library.guid) /
-                                (ToHex(library.wMajorVerNum) + L"." + ToHex(library.wMinorVerNum)) /
-                                ToHex(library.lcid) / (is_64_bit ? L"win64" : L"win32");
-    if (!KeyExists(entry)) return;
     const SYSKIND kind = is_64_bit ? SYS_WIN64 : SYS_WIN32;
     Protect(registry);
+    HRESULT hr = S_OK;
     if (scope_ == RegistrationScope::kMachine) {
-      Check(UnRegisterTypeLib(library.guid, library.wMajorVerNum, library.wMinorVerNum,
-                              library.lcid, kind));
+      hr = UnRegisterTypeLib(library.guid, library.wMajorVerNum, library.wMinorVerNum, library.lcid,
+                             kind);
     } else {
       using Function = HRESULT(WINAPI*)(REFGUID, WORD, WORD, LCID, SYSKIND);
       const auto unregister_for_user = PerUser<Function>("UnRegisterTypeLibForUser");
-      Check(unregister_for_user(library.guid, library.wMajorVerNum, library.wMinorVerNum,
-                                library.lcid, kind));
+      hr = unregister_for_user(library.guid, library.wMajorVerNum, library.wMinorVerNum,
+                               library.lcid, kind);
     }
+    // Where nothing is registered, this fails with one code or another.
+    const RegistryPlace entry = ClassesRoot(scope_) / L"TypeLib" / ToText(library.guid) /
+                                (ToHex(library.wMajorVerNum) + L"." + ToHex(library.wMinorVerNum)) /
+                                ToHex(library.lcid) / (is_64_bit ? L"win64" : L"win32");
+    if (KeyExists(entry)) Check(hr);
   }
 
  private:
