@@ -337,7 +337,11 @@ int Activate(const std::wstring& prog_id) {
   CLSID clsid = {};
   HRESULT hr = CLSIDFromProgID(prog_id.c_str(), &clsid);
   ComPtr<IUnknown> object;
-  if (SUCCEEDED(hr)) hr = CreateInstance(clsid, object);
+  if (SUCCEEDED(hr)) {
+    // In-process alone: asked for any server, the system hides the module's own answer.
+    hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                          reinterpret_cast<void**>(object.GetAddressOf()));
+  }
   if (hr == S_OK) return 0;
   std::cerr << "0x" << std::hex << static_cast<unsigned>(hr) << '\n';
   return hr == CLASS_E_CLASSNOTAVAILABLE ? 3 : 4;
