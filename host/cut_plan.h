@@ -12,10 +12,10 @@ namespace marlinda {
 
 // The options as they were written on the command line.
 struct CutRequest {
-  std::vector<std::string> keep;      // BEGIN:END
-  std::vector<std::string> silences;  // AT:SECONDS
-  std::vector<std::string> labels;    // AT:NAME
-  std::vector<std::string> markers;   // BEGIN:END:NAME
+  std::vector<std::string> keep = {};      // BEGIN:END
+  std::vector<std::string> silences = {};  // AT:SECONDS
+  std::vector<std::string> labels = {};    // AT:NAME
+  std::vector<std::string> markers = {};   // BEGIN:END:NAME
 };
 
 struct FrameRange {

@@ -90,7 +90,7 @@ int Run(const Console& console) {
   CutOptions cut_options;
   CLI::App* cut = app.add_subcommand("cut", "Join pieces of an audio file and write them as WAV");
   AddFiles(cut, cut_options.input, cut_options.output);
-  AddRepeated(cut, "--keep", "BEGIN:END ...", cut_options.request.keep, "Pieces to keep")
+  AddRepeated(cut, "--keep", "BEGIN:END", cut_options.request.keep, "Pieces to keep")
       ->required()
       ->allow_extra_args();
   AddRepeated(cut, "--silence", "AT:SECONDS", cut_options.request.silences, "Insert silence");
