@@ -31,8 +31,11 @@ BOOL WINAPI HandleControl(DWORD event) {
 
 Console::Console() : old_code_page_(GetConsoleOutputCP()) {
   SetConsoleOutputCP(CP_UTF8);
-  _setmode(_fileno(stdout), _O_BINARY);
-  _setmode(_fileno(stderr), _O_BINARY);
+  for (std::FILE* stream : {stdout, stderr}) {
+    _setmode(_fileno(stream), _O_BINARY);
+    // A console that is handed UTF-8 byte by byte cannot put the characters together.
+    std::setvbuf(stream, nullptr, _IOFBF, 1 << 12);
+  }
   interrupt_event = KernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!interrupt_event) throw HResultError(LastErrorResult());
   SetConsoleCtrlHandler(HandleControl, TRUE);
@@ -76,6 +79,7 @@ void Console::Print(const std::string& text) const {
 
 void Console::Tell(const std::string& message) const {
   std::fprintf(stderr, "marlinda: %s\n", message.c_str());
+  std::fflush(stderr);
 }
 
 }  // namespace marlinda

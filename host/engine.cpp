@@ -228,7 +228,7 @@ std::optional<AcidData> Source::ReadAcidData() const {
 
 ImportedAudio Source::Import(const Console& console) {
   const std::optional<__int64> promised = Frames();
-  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Reading " + file_, console)) {
+  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Reading", console)) {
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
   }
   ImportedAudio audio;
@@ -285,7 +285,7 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
   HandOver();
-  const bool finished = RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Writing " + file_, console);
+  const bool finished = RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Writing", console);
 
   const std::optional<WaveFileFacts> facts = Examine();
   if (finished && facts && HoldsFrames(*facts, frames)) return *facts;

@@ -43,6 +43,7 @@ std::vector<FilterReport> Report(const FilterList& list) {
     FilterReport report = {"", entry.class_id, entry.value_name, false, 0, "", ""};
     CLSID class_id;
     if (SUCCEEDED(CLSIDFromString(Widen(entry.class_id).c_str(), &class_id))) {
+      report.class_id = ClassIdText(class_id);
       Ask(class_id, report);
     }
     reports.push_back(report);
