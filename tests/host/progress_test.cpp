@@ -1,0 +1,49 @@
+#include "host/progress.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <string>
+
+namespace marlinda {
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+TEST(Progress, LinesAreEquallyLongWhateverTheFractionClaims) {
+  const std::size_t length = ProgressLine("Reading", 0.5).size();
+  for (const double fraction :
+       {0.0, 0.004, 0.999, 1.0, -3.0, 7.0, std::numeric_limits<double>::quiet_NaN(),
+        std::numeric_limits<double>::infinity()}) {
+    EXPECT_EQ(ProgressLine("Reading", fraction).size(), length) << fraction;
+  }
+  EXPECT_THAT(ProgressLine("Reading", 0.999), EndsWith(" 99 %"));
+  EXPECT_THAT(ProgressLine("Reading", 0.999), HasSubstr("# ]"));
+  EXPECT_THAT(ProgressLine("Reading", 7.0), HasSubstr("##] 100 %"));
+  EXPECT_THAT(ProgressLine("Reading", -3.0), HasSubstr("[  "));
+}
+
+TEST(Progress, WipesItsLineAtTheEndAndDrawsOnlyChanges) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), &std::fclose);
+  ASSERT_NE(file, nullptr);
+  {
+    ProgressBar bar(file.get(), "T");
+    bar.Show(0.5);
+    bar.Show(0.5001);
+    ProgressBar nowhere(nullptr, "T");
+    nowhere.Show(0.5);
+  }
+  const std::string line = ProgressLine("T", 0.5);
+  const std::string expected = "\r" + line + "\r" + std::string(line.size(), ' ') + "\r";
+  std::rewind(file.get());
+  std::string drawn(1000, '\0');
+  drawn.resize(std::fread(drawn.data(), 1, drawn.size(), file.get()));
+  EXPECT_EQ(drawn, expected);
+}
+
+}  // namespace
+}  // namespace marlinda
