@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <exception>
 #include <random>
-#include <string>
+#include <span>
 #include <vector>
 
-#include "pool/temporary_file.h"
+#include "core/handle.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
@@ -35,10 +35,12 @@ void FillWithNoise(std::span<float> samples) {
   for (float& sample : samples) sample = level(random);
 }
 
-TemporaryFile& BareFile(TemporaryFile& file) {
-  char directory[MAX_PATH];
-  GetTempPathA(MAX_PATH, directory);
-  Check(file.Create(directory, "bench"));
+// A file like the pool's own.
+FileHandle BareFile(const TemporaryFolder& folder) {
+  FileHandle file(CreateFileW(folder.File(L"bare").c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                              nullptr, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+  if (!file) throw HResultError(LastErrorResult());
   return file;
 }
 
@@ -75,19 +77,19 @@ BENCHMARK(WriteToPool)->ArgName("bits")->Arg(8)->Arg(16)->Arg(24)->Arg(32)->UseR
 void WriteToBareFile(benchmark::State& state) {
   const __int64 size = static_cast<__int64>(kBlock) * state.range(0) / 8;
   const std::vector<std::byte> block(static_cast<std::size_t>(size), std::byte{1});
-  TemporaryFile file;
-  BareFile(file);
+  const TemporaryFolder folder;
+  const FileHandle file = BareFile(folder);
   __int64 offset = 0;
   for (auto _ : state) {
     if (offset > kFileFrames * kChannels * state.range(0) / 8) {
       state.PauseTiming();
       offset = 0;
-      SeekTo(file.handle(), 0);
-      SetEndOfFile(file.handle());
+      SeekTo(file.get(), 0);
+      SetEndOfFile(file.get());
       state.ResumeTiming();
     }
     DWORD written = 0;
-    WriteFile(file.handle(), block.data(), static_cast<DWORD>(size), &written, nullptr);
+    WriteFile(file.get(), block.data(), static_cast<DWORD>(size), &written, nullptr);
     offset += size;
   }
   state.SetBytesProcessed(state.iterations() * size);
@@ -130,21 +132,21 @@ BENCHMARK(ReadFromPool)
 void ReadFromBareFile(benchmark::State& state) {
   const __int64 frame_bytes = kChannels * state.range(0) / 8;
   const __int64 frames = state.range(1);
-  TemporaryFile file;
-  BareFile(file);
+  const TemporaryFolder folder;
+  const FileHandle file = BareFile(folder);
   {
     const std::vector<std::byte> content(static_cast<std::size_t>(kFileFrames * frame_bytes),
                                          std::byte{1});
     DWORD written = 0;
-    WriteFile(file.handle(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr);
+    WriteFile(file.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr);
   }
   const std::vector<__int64> places = Places(frames);
   std::vector<std::byte> block(static_cast<std::size_t>(frames * frame_bytes));
   std::size_t next = 0;
   for (auto _ : state) {
-    SeekTo(file.handle(), places[next++ % places.size()] * frame_bytes);
+    SeekTo(file.get(), places[next++ % places.size()] * frame_bytes);
     DWORD read = 0;
-    ReadFile(file.handle(), block.data(), static_cast<DWORD>(block.size()), &read, nullptr);
+    ReadFile(file.get(), block.data(), static_cast<DWORD>(block.size()), &read, nullptr);
   }
   state.SetBytesProcessed(state.iterations() * frames * frame_bytes);
 }
