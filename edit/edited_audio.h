@@ -106,6 +106,8 @@ class CEditedAudio final
 
   IUnknown* Identity() noexcept { return static_cast<IEditedAudio*>(this); }
 
+  void FireStoreUndo(BSTR operation);
+
   Format CurrentFormat() const;
   void AdoptFormat(IAudioReader* source);
   std::vector<Segment> TakeSegments(IEditedAudio* document);
@@ -118,6 +120,10 @@ class CEditedAudio final
   Format format_;
   SegmentList segments_;
   Annotations annotations_;
+
+  // A change is open as long as this holds; the snapshot is the content at its beginning.
+  bool change_open_ = false;
+  ComPtr<IEditedAudio> snapshot_;
 
   LONG playback_device_ = -1;
   ScratchKeeper scratch_;
