@@ -29,6 +29,8 @@ void DitherState::SetUp(int mode, int channels, int bits) noexcept {
   const double half_range = std::ldexp(1.0, std::clamp(bits, 2, 32) - 1);
   scale_ = half_range - 1.0;
   offset_ = -half_range;
+  step_ = 1.0 / scale_;
+  lowest_ = offset_ / scale_;
   states_.fill({});
 }
 
@@ -36,11 +38,11 @@ float DitherState::Dithered(float sample, Channel& channel, const Random& random
   if (mode_ == kTriangularNoise) {
     const int first = random();
     const int second = random();
-    sample = static_cast<float>(sample + ((first + second) / 65534.0 - 0.5) * (1.0 / scale_));
+    sample = static_cast<float>(sample + ((first + second) / 65534.0 - 0.5) * step_);
   }
   sample += channel.shaper(channel.error);
   const double code = std::trunc(sample * scale_ - offset_ + 0.5);
-  const auto quantised = static_cast<float>(code / scale_ + offset_ / scale_);
+  const auto quantised = static_cast<float>(code / scale_ + lowest_);
   channel.error = ErrorToKeep(sample - quantised);
   return quantised;
 }

@@ -71,6 +71,8 @@ class DitherState {
   int mode_ = kOff;
   double scale_ = 1.0;    // highest code
   double offset_ = -1.0;  // lowest code
+  double step_ = 1.0;     // one code as a sample
+  double lowest_ = -1.0;  // the lowest code as a sample
   std::array<Channel, kMaxChannels> states_;
 };
 

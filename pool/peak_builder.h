@@ -1,8 +1,6 @@
 // Peaks: the minimum and maximum of every 256 frames of a block, per channel.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <span>
 #include <vector>
 

@@ -24,6 +24,7 @@ class RecordingWriter final : public IAudioWriter {
   SHORT channels = 0;
   std::vector<std::size_t> block_sizes;
   std::vector<float> samples;
+  bool keep_samples = true;  // and block sizes
 
   std::atomic<std::size_t> blocks = 0;
   std::atomic<bool> closed = false;
@@ -36,8 +37,10 @@ class RecordingWriter final : public IAudioWriter {
     Note("WriteAudio");
     const auto* values = static_cast<const float*>(array->pvData);
     const std::size_t count = array->rgsabound[0].cElements;
-    block_sizes.push_back(count);
-    samples.insert(samples.end(), values, values + count);
+    if (keep_samples) {
+      block_sizes.push_back(count);
+      samples.insert(samples.end(), values, values + count);
+    }
     ++blocks;
     if (on_write) on_write(array);
     return result;

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <numbers>
 #include <random>
 #include <vector>
 
@@ -49,8 +48,8 @@ const std::vector<float> kSamples = {0.3F,   -0.3F,   0.301F, -0.302F, 0.303F, -
                                      0.304F, -0.305F, 0.25F,  -0.9F,   0.25F,  1.2F,
                                      0.0F,   -1.2F,   0.0F,   0.0F};
 
-// The codes were worked out by a separate program with unbounded intermediate precision where it
-// matters and single precision where values are kept.
+// The codes were worked out by a separate program, in double precision, with single precision for
+// every value that is kept.
 TEST(Dither, FollowsTheRuleStepByStep) {
   const std::vector<int> random = {0, 32767, 16384, 8192,  100, 32000, 25000, 25000,
                                    0, 0,     32767, 32767, 1,   2,     3,     4};
