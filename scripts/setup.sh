@@ -12,7 +12,7 @@ build=(
   wine64-tools libwine-dev libwine libcli11-dev nlohmann-json3-dev
   dpkg-dev ca-certificates xz-utils
 )
-# Wine, its display, and fonts for the dialogs that a test may open.
+# Wine and its display.
 wine=(wine64 libwine xvfb)
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
@@ -23,8 +23,8 @@ test=(
   sox sndfile-programs vorbis-tools mediainfo ffmpeg
 )
 lint=("${build[@]}" g++ googletest clang-format clang-tidy)
-bench=("${build[@]}" "${wine[@]}" g++ sox vorbis-tools python3)
-fuzz=(cmake ninja-build dpkg-dev clang libclang-rt-14-dev)
+bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)
+fuzz=(cmake ninja-build dpkg-dev ca-certificates xz-utils g++ clang libclang-rt-14-dev)
 
 groups=("$@")
 [[ ${#groups[@]} -gt 0 ]] || groups=(build test)
@@ -61,10 +61,11 @@ if [[ ${#missing[@]} -gt 0 ]]; then
 fi
 
 # The libraries are needed for the machine's own kernels only where those are built.
-targets=(x64 x86)
+targets=()
 libraries=(libogg libvorbis)
 for group in "${groups[@]}"; do
-  [[ $group == build || $group == demo ]] || targets=(x64 x86 native)
+  [[ $group == fuzz ]] || targets+=(x64 x86)
+  [[ $group == build || $group == demo ]] || targets+=(native)
   [[ $group != bench ]] || libraries+=(benchmark)
 done
 "$root/scripts/build-dependencies" --only "${libraries[*]}" "${targets[@]}"
