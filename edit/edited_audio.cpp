@@ -373,9 +373,13 @@ STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSou
 
 STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) {
   return ComCall([&] {
-    AdoptFormat(parSource);
     Segment segment(parSource, nBegin, nEnd);
-    const std::unique_lock lock(lock_);
+    std::unique_lock lock(lock_);
+    if (!format_.IsSet()) {
+      lock.unlock();
+      AdoptFormat(parSource);
+      lock.lock();
+    }
     segments_.Append(std::move(segment));
     return S_OK;
   });
@@ -501,7 +505,7 @@ void CEditedAudio::FireStoreUndo(BSTR operation) {
 // purpose: what it wrote counts.
 void CEditedAudio::AdoptFormat(IAudioReader* source) {
   Format format = CurrentFormat();
-  if (source == nullptr || (format.samples_per_sec != 0 && format.channels != 0)) return;
+  if (source == nullptr || format.IsSet()) return;
   source->GetFormat(&format.samples_per_sec, &format.channels);
   const std::unique_lock lock(lock_);
   format_.samples_per_sec = format.samples_per_sec;

@@ -99,6 +99,8 @@ class CEditedAudio final
 
   // The rate of 1 is deliberate: what marks a fresh document is that it has no channels.
   struct Format {
+    bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
+
     LONG samples_per_sec = 1;
     SHORT channels = 0;
     SHORT bits_per_sample = 16;
