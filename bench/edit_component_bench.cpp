@@ -93,6 +93,28 @@ void DrawOverview(benchmark::State& state) {
 }
 BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
 
+// A take of so many minutes in a pool, drawn from the peak file.
+void DrawPoolTake(benchmark::State& state) {
+  auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  auto writer = As<IAudioWriter>(pool);
+  Check(pool->SetBitDepth(8, 0));
+  Check(writer->SetFormat(44100, kChannels));
+  Check(writer->OpenDevice());
+  const Floats block(65'536 * kChannels, 0.5F);
+  __int64 frames = 0;
+  for (; frames < state.range(0) * 60 * 44'100; frames += 65'536) {
+    Check(writer->WriteAudio(block));
+  }
+  Check(writer->CloseDevice());
+  ComPtr<IAudioReader> take;
+  Check(pool->CreateLastReader(take.GetAddressOf()));
+  auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(edit->AppendSegment(take.Get(), 0, frames));
+  const Floats pairs(1920 * 2 * kChannels);
+  for (auto _ : state) Check(edit->ReadWaveplot(0, frames, pairs));
+}
+BENCHMARK(DrawPoolTake)->Arg(6)->Arg(60)->Unit(benchmark::kMicrosecond);
+
 }  // namespace
 }  // namespace marlinda::testing
 
