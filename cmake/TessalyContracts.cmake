@@ -34,4 +34,5 @@ add_library(marlinda_identifiers STATIC ${contracts_dir}/marlinda_i.c)
 add_library(marlinda_contracts INTERFACE)
 target_include_directories(marlinda_contracts SYSTEM INTERFACE ${contracts_dir})
 target_link_libraries(marlinda_contracts INTERFACE marlinda_identifiers oleaut32 ole32 uuid advapi32)
-set(MARLINDA_TYPE_LIBRARY ${contracts_dir}/marlinda.tlb)
+# In the cache, because the folder that embeds it does not see this one's variables.
+set(MARLINDA_TYPE_LIBRARY ${contracts_dir}/marlinda.tlb CACHE INTERNAL "The type library")

@@ -33,11 +33,8 @@ class ClassFactory final : public IClassFactory {
     return entry_.create(outer, iid, object);
   }
   STDMETHODIMP LockServer(BOOL lock) override {
-    if (lock != FALSE) {
-      TheModule().Lock();
-    } else {
-      TheModule().Unlock();
-    }
+    if (lock == FALSE) return TheModule().Unlock() ? S_OK : E_UNEXPECTED;
+    TheModule().Lock();
     return S_OK;
   }
 

@@ -20,6 +20,7 @@
 #include "core/com_call.h"
 #include "core/com_dispatch.h"
 #include "core/module.h"
+#include "core/type_library.h"
 
 namespace marlinda {
 
@@ -45,7 +46,9 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
 
   // IProvideClassInfo
   STDMETHODIMP GetClassInfo(ITypeInfo** info) override {
-    return ClassTypeInfo(Derived::kClassId, info);
+    if (info == nullptr) return E_POINTER;
+    *info = nullptr;
+    return FindTypeInfo(Derived::kClassId, info);
   }
   // IProvideClassInfo2: answered only by a class that has events and overrides it.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }

@@ -17,6 +17,13 @@ std::wstring CMarlindaModule::Path() const {
   }
 }
 
+bool CMarlindaModule::Unlock() noexcept {
+  long locks = locks_;
+  while (locks > 0 && !locks_.compare_exchange_weak(locks, locks - 1)) {
+  }
+  return locks > 0;
+}
+
 std::string CMarlindaModule::LoadText(UINT id) const {
   char text[512];
   const int length = LoadStringA(instance_, id, text, static_cast<int>(sizeof text));

@@ -19,7 +19,8 @@ class CMarlindaModule {
   void AddObject() noexcept { ++objects_; }
   void RemoveObject() noexcept { --objects_; }
   void Lock() noexcept { ++locks_; }
-  void Unlock() noexcept { --locks_; }
+  // False when there is no lock to take back.
+  bool Unlock() noexcept;
   bool CanUnload() const noexcept { return objects_ == 0 && locks_ == 0; }
 
   // String resource `id` in the system's ANSI code page; empty when it cannot be loaded.

@@ -21,9 +21,16 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
   return SUCCEEDED(SafeArrayGetVartype(array, &type)) && type == VT_R4;
 }
 
+// Automation counts an array's bytes in 32 bits. Some platforms do not check that, so an array that
+// claims more has less memory than it says.
+constexpr std::size_t kMostSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
+
 SAFEARRAY* CreateFloats(std::size_t count) {
-  if (count > std::numeric_limits<ULONG>::max() / sizeof(float)) throw std::bad_alloc();
-  SAFEARRAY* array = SafeArrayCreateVector(VT_R4, 0, static_cast<ULONG>(count));
+  if (count > kMostSamples) throw std::bad_alloc();
+  // Not SafeArrayCreateVector, which puts the data into the descriptor's own block of memory: such
+  // an array is not meant to be resized.
+  SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
+  SAFEARRAY* array = SafeArrayCreate(VT_R4, 1, &bound);
   if (array == nullptr) throw std::bad_alloc();
   return array;
 }
@@ -35,15 +42,13 @@ SampleArrayView::~SampleArrayView() {
 }
 
 HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
+  if (array_ != nullptr) return E_UNEXPECTED;
   if (array == nullptr || !HoldsFloats(array)) return E_INVALIDARG;
   const std::size_t count = array->rgsabound[0].cElements;
+  if (count > kMostSamples || (count > 0 && array->pvData == nullptr)) return E_INVALIDARG;
   void* data = nullptr;
   const HRESULT hr = SafeArrayAccessData(array, &data);
   if (FAILED(hr)) return hr;
-  if (data == nullptr && count > 0) {
-    SafeArrayUnaccessData(array);
-    return E_INVALIDARG;
-  }
   array_ = array;
   samples_ = {static_cast<float*>(data), count};
   return S_OK;
@@ -69,7 +74,7 @@ void SampleArray::Resize(std::size_t count) {
     return;
   }
   if (samples().size() == count) return;
-  if (count > std::numeric_limits<ULONG>::max() / sizeof(float)) throw std::bad_alloc();
+  if (count > kMostSamples) throw std::bad_alloc();
   SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
   Check(SafeArrayRedim(array_, &bound));
 }

@@ -20,7 +20,8 @@ class SampleArrayView {
   SampleArrayView(const SampleArrayView&) = delete;
   SampleArrayView& operator=(const SampleArrayView&) = delete;
 
-  // E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats that has its data.
+  // E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats that has its data. To
+  // be called once.
   HRESULT Lock(SAFEARRAY* array) noexcept;
 
   std::span<float> samples() const noexcept { return samples_; }

@@ -6,15 +6,32 @@
 
 namespace marlinda {
 
-std::string ToAnsi(BSTR text) {
-  const int length = static_cast<int>(SysStringLen(text));
+namespace {
+
+std::string ToAnsi(std::wstring_view text) {
+  const int length = static_cast<int>(text.size());
   if (length == 0) return {};
-  const int size = WideCharToMultiByte(CP_ACP, 0, text, length, nullptr, 0, nullptr, nullptr);
+  const int size =
+      WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
   if (size <= 0) throw HResultError(LastErrorResult());
   std::string result(static_cast<std::size_t>(size), '\0');
-  WideCharToMultiByte(CP_ACP, 0, text, length, result.data(), size, nullptr, nullptr);
+  WideCharToMultiByte(CP_ACP, 0, text.data(), length, result.data(), size, nullptr, nullptr);
   // Names end at the first NUL, as they do in files and in the system's own functions.
   return result.substr(0, result.find('\0'));
+}
+
+}  // namespace
+
+std::string ToAnsi(BSTR text) { return ToAnsi(std::wstring_view(text, SysStringLen(text))); }
+
+std::string Utf8ToAnsi(std::string_view text) {
+  const int length = static_cast<int>(text.size());
+  const int size =
+      MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), length, nullptr, 0);
+  if (size <= 0) return std::string(text);
+  std::wstring wide(static_cast<std::size_t>(size), L'\0');
+  MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), length, wide.data(), size);
+  return ToAnsi(wide);
 }
 
 BSTR ToBstr(std::string_view text) {

@@ -14,6 +14,10 @@ namespace marlinda {
 // A BSTR that came in, as ANSI text. A null BSTR is the empty string, as everywhere in automation.
 std::string ToAnsi(BSTR text);
 
+// Text that a file holds in UTF-8, as ANSI text. Text that is no UTF-8 comes back unchanged: older
+// programs wrote such fields in the code page.
+std::string Utf8ToAnsi(std::string_view text);
+
 // ANSI text as a new BSTR that the caller frees. Throws std::bad_alloc.
 BSTR ToBstr(std::string_view text);
 

@@ -11,17 +11,25 @@ namespace {
 
 struct Job {
   std::function<void()> body;
-  // The module stays loaded while its code runs on the thread.
+  // The module that the code of this file lies in, with a reference.
+  HMODULE module = nullptr;
+  // A running job keeps the module in use, like an object.
   ModuleObjectCount module_count;
 };
 
 DWORD WINAPI Run(void* parameter) noexcept {
-  const std::unique_ptr<Job> job(static_cast<Job*>(parameter));
-  ComCall([&] {
-    job->body();
-    return S_OK;
-  });
-  return 0;
+  HMODULE module = nullptr;
+  {
+    const std::unique_ptr<Job> job(static_cast<Job*>(parameter));
+    module = job->module;
+    ComCall([&] {
+      job->body();
+      return S_OK;
+    });
+  }
+  // The count is gone with the job, so the host may let go of the module from here on. Our own
+  // reference keeps the code loaded until the thread has left it.
+  FreeLibraryAndExitThread(module, 0);
 }
 
 }  // namespace
@@ -35,8 +43,17 @@ HRESULT WorkerThread::Start(std::function<void()> body) noexcept {
   return ComCall([&] {
     auto job = std::make_unique<Job>();
     job->body = std::move(body);
+    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                           reinterpret_cast<const wchar_t*>(&Run), &job->module) == FALSE) {
+      return LastErrorResult();
+    }
+    // Suspended, so that the thread finds its own identifier in `id_`.
     thread_.Reset(CreateThread(nullptr, 0, Run, job.get(), CREATE_SUSPENDED, &id_));
-    if (!thread_) return LastErrorResult();
+    if (!thread_) {
+      const HRESULT hr = LastErrorResult();
+      FreeLibrary(job->module);
+      return hr;
+    }
     job.release();
     ResumeThread(thread_.get());
     return S_OK;

@@ -3,16 +3,16 @@
 
 #include "core/class_factory.h"
 #include "core/class_table.h"
-#include "core/com_dispatch.h"
 #include "core/module.h"
 #include "core/registration.h"
+#include "core/type_library.h"
 
 using marlinda::ClassTable;
 using marlinda::TheModule;
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    DisableThreadLibraryCalls(instance);
+    // Thread calls stay enabled: the runtime inside this module frees each thread's data there.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
     // When the process ends, the libraries that the type information came from may be gone already.

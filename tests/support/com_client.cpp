@@ -101,10 +101,12 @@ ForeignArray::~ForeignArray() { SafeArrayDestroy(array_); }
 
 TemporaryFolder::TemporaryFolder() {
   static int counter = 0;
-  const auto folder =
-      std::filesystem::temp_directory_path() /
-      ("tessaly-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++counter));
-  std::filesystem::create_directories(folder);
+  const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
+  std::filesystem::path folder;
+  // Process identifiers come again, and a test that crashed leaves its folder behind.
+  do {
+    folder = std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter));
+  } while (!std::filesystem::create_directories(folder));
   path_ = folder.wstring();
 }
 

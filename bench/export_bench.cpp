@@ -1,0 +1,79 @@
+// WAV export of ten minutes of stereo to 16 bits through COM, beside bare writes of as many bytes.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+#include "core/handle.h"
+#include "tests/export/code_reader.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+constexpr __int64 kFrames = 10 * 60 * 44100;
+constexpr SHORT kChannels = 2;
+constexpr std::size_t kBlockSamples = 65536 * kChannels;
+constexpr std::size_t kFileBytes = std::size_t{kFrames} * kChannels * 2;
+
+void ExportThroughCom(benchmark::State& state) {
+  const TemporaryFolder folder;
+  const std::wstring path = folder.File(L"out.wav");
+  std::vector<float> noise(kBlockSamples);
+  for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = SampleAt(i, 16);
+  // What a reader costs at least: a copy.
+  const auto copy_noise = [&](__int64, std::span<float> samples) {
+    std::copy_n(noise.begin(), samples.size(), samples.begin());
+    return E_FAIL;  // the block is complete; keeps the reader from computing its own samples
+  };
+  const auto reader =
+      CodeReader::Create({.channels = kChannels, .frames = kFrames, .before_read = copy_noise});
+  for (auto _ : state) {
+    auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+    Check(filter->Initialize(Bstr(path), reader.Get()));
+    auto task = As<ICoreTask>(filter);
+    Check(task->Start());
+    for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(1)) {
+      Check(task->QueryIsTaskRunning(&running));
+    }
+    if (std::filesystem::file_size(path) < kFileBytes) state.SkipWithError("the file is short");
+  }
+  state.SetItemsProcessed(state.iterations() * kFrames * kChannels);
+}
+
+void BareWriteFile(benchmark::State& state) {
+  const TemporaryFolder folder;
+  const std::wstring path = folder.File(L"out.raw");
+  const std::vector<char> block(kBlockSamples * 2, 0x55);
+  for (auto _ : state) {
+    const FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    for (std::size_t left = kFileBytes; left > 0;) {
+      const auto size = static_cast<DWORD>(std::min(left, block.size()));
+      DWORD written = 0;
+      if (!WriteFile(file.get(), block.data(), size, &written, nullptr) || written != size) {
+        state.SkipWithError("a write failed");
+        break;
+      }
+      left -= size;
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kFrames * kChannels);
+}
+
+BENCHMARK(BareWriteFile)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(ExportThroughCom)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  marlinda::testing::ModuleUnderTest::Load();
+  benchmark::RunSpecifiedBenchmarks();
+  marlinda::testing::ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return 0;
+}

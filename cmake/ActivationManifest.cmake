@@ -1,0 +1,77 @@
+# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
+# without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
+# for it; Tessaly.dll must lie in the same folder. Classes and identifiers come from the IDL.
+function(tessaly_activation_manifest target)
+  set(idl ${CMAKE_SOURCE_DIR}/core/marlinda.idl)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${idl})
+  file(READ ${idl} text)
+  # Brackets and semicolons have a meaning in CMake's lists.
+  string(REPLACE "[" "<" text "${text}")
+  string(REPLACE "]" ">" text "${text}")
+  string(REPLACE ";" "," text "${text}")
+  set(blank "[ \t\r\n]*")
+  set(attributes "uuid\\(([-0-9A-Fa-f]+)\\)[^>]*>${blank}")
+
+  string(REGEX MATCH "${attributes}library[ \t\r\n]" library "${text}")
+  set(library_id ${CMAKE_MATCH_1})
+  if(NOT library_id)
+    message(FATAL_ERROR "No library found in ${idl}")
+  endif()
+
+  # Interfaces as well: a client on another thread than the object's reaches it through a proxy,
+  # which the type library describes.
+  set(proxies)
+  string(REGEX MATCHALL "<[^<>]*>${blank}interface[ \t\r\n]+[A-Za-z0-9_]+" interfaces "${text}")
+  foreach(interface IN LISTS interfaces)
+    if(interface MATCHES "oleautomation"
+       AND interface MATCHES "${attributes}interface[ \t\r\n]+([A-Za-z0-9_]+)$")
+      string(APPEND proxies "  <comInterfaceExternalProxyStub name=\"${CMAKE_MATCH_2}\""
+                            " iid=\"{${CMAKE_MATCH_1}}\" tlbid=\"{${library_id}}\"\n"
+                            "    proxyStubClsid32=\"{00020424-0000-0000-C000-000000000046}\"/>\n")
+    endif()
+  endforeach()
+
+  set(classes)
+  string(REGEX MATCHALL "${attributes}coclass[ \t\r\n]+[A-Za-z0-9_]+" coclasses "${text}")
+  string(REGEX MATCHALL "[ \t\r\n]coclass[ \t\r\n]" expected "${text}")
+  list(LENGTH coclasses found_count)
+  list(LENGTH expected expected_count)
+  if(found_count EQUAL 0 OR NOT found_count EQUAL expected_count)
+    message(FATAL_ERROR "${found_count} of ${expected_count} classes understood in ${idl}")
+  endif()
+  foreach(coclass IN LISTS coclasses)
+    string(REGEX MATCH "${attributes}coclass[ \t\r\n]+C([A-Za-z0-9_]+)$" matched "${coclass}")
+    set(clsid ${CMAKE_MATCH_1})
+    set(name ${CMAKE_MATCH_2})
+    string(
+      APPEND classes
+      "    <comClass clsid=\"{${clsid}}\" tlbid=\"{${library_id}}\" threadingModel=\"Apartment\"\n"
+      "      progid=\"Marlinda.${name}.1\" description=\"C${name} Object\">\n"
+      "      <progid>Marlinda.${name}</progid>\n"
+      "    </comClass>\n")
+  endforeach()
+
+  if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+    set(architecture amd64)
+  else()
+    set(architecture x86)
+  endif()
+  get_target_property(folder ${target} RUNTIME_OUTPUT_DIRECTORY)
+  if(NOT folder)
+    set(folder ${CMAKE_CURRENT_BINARY_DIR})
+  endif()
+  file(
+    CONFIGURE
+    OUTPUT ${folder}/${target}.exe.manifest
+    CONTENT
+      [[<?xml version="1.0" encoding="UTF-8" standalone="yes"?>
+<assembly xmlns="urn:schemas-microsoft-com:asm.v1" manifestVersion="1.0">
+  <assemblyIdentity type="win32" name="Tessaly.@target@" version="@PROJECT_VERSION@.0"
+    processorArchitecture="@architecture@"/>
+  <file name="Tessaly.dll">
+    <typelib tlbid="{@library_id@}" version="1.0" resourceid="1" helpdir=""/>
+@classes@  </file>
+@proxies@</assembly>
+]]
+    @ONLY)
+endfunction()

@@ -1,0 +1,19 @@
+# The libraries that scripts/build-dependencies builds: one folder below TESSALY_DEPS per target.
+if(NOT WIN32)
+  set(dependencies_target native)
+elseif(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  set(dependencies_target x64)
+else()
+  set(dependencies_target x86)
+endif()
+
+# tessaly_find_package(<name>): find_package among those libraries and nowhere else, so that no
+# other build of a library slips in. A macro, because find_package sets variables for its caller.
+macro(tessaly_find_package name)
+  find_package(${name} CONFIG QUIET GLOBAL PATHS ${TESSALY_DEPS}/${dependencies_target}
+               NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+  if(NOT ${name}_FOUND)
+    message(FATAL_ERROR "${name} is not in ${TESSALY_DEPS}/${dependencies_target}. "
+                        "Run scripts/build-dependencies first.")
+  endif()
+endmacro()

@@ -1,0 +1,35 @@
+// What an extensible wave format says beyond the plain one: the speaker mask that goes with a
+// channel count, and the identifier of the sample type in the byte order of files.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace marlinda {
+
+// Bits of the mask: front left 1, front right 2, front centre 4. One channel is announced as front
+// centre, or as front left and right where `mono_as_stereo_mask` is set; a count without a
+// customary layout gets no mask.
+constexpr std::uint32_t ChannelMask(int channels, bool mono_as_stereo_mask) noexcept {
+  switch (channels) {
+    case 1:
+      return mono_as_stereo_mask ? 0x3 : 0x4;
+    case 2:
+      return 0x3;
+    case 6:
+      return 0x3F;
+    case 8:
+      return 0xFF;
+    default:
+      return 0;
+  }
+}
+
+// {0000000t-0000-0010-8000-00AA00389B71}, t being the plain format tag: 1 for PCM, 3 for floats.
+constexpr std::array<std::uint8_t, 16> SubFormatBytes(bool is_float) noexcept {
+  const std::uint8_t tag = is_float ? 3 : 1;
+  return {tag,  0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,
+          0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+}
+
+}  // namespace marlinda

@@ -1,0 +1,92 @@
+#include "core/registration_run.h"
+
+#include <ranges>
+
+namespace marlinda {
+namespace {
+
+RegistryPlace Root(RegistryHive hive, RegistrationScope scope) {
+  switch (hive) {
+    case RegistryHive::kCurrentUser:
+      return {HKEY_CURRENT_USER, {}};
+    case RegistryHive::kLocalMachine:
+      return {HKEY_LOCAL_MACHINE, {}};
+    case RegistryHive::kClassesRoot:
+      break;
+  }
+  return ClassesRoot(scope);
+}
+
+void WriteValue(const RegistryPlace& key, const RegistryScriptValue& value,
+                RegistryTransaction& registry) {
+  if (const auto* number = std::get_if<std::uint32_t>(&value.data)) {
+    registry.SetValue(key, value.name, REG_DWORD,
+                      {reinterpret_cast<const BYTE*>(number), sizeof *number});
+  } else {
+    const std::wstring& text = std::get<std::wstring>(value.data);
+    registry.SetValue(
+        key, value.name, REG_SZ,
+        {reinterpret_cast<const BYTE*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
+  }
+}
+
+void Register(const RegistryPlace& place, const RegistryScriptKey& key,
+              RegistryTransaction& registry) {
+  if (key.mark == RegistryMark::kDelete || key.mark == RegistryMark::kForceRemove) {
+    registry.RemoveTree(place);
+  }
+  if (key.mark == RegistryMark::kDelete) return;
+  registry.CreateKey(place);
+  for (const auto& value : key.values) WriteValue(place, value, registry);
+  for (const auto& child : key.keys) Register(place / child.name, child, registry);
+}
+
+void Unregister(const RegistryPlace& place, const RegistryScriptKey& key,
+                RegistryTransaction& registry) {
+  switch (key.mark) {
+    case RegistryMark::kDelete:
+      return;
+    case RegistryMark::kForceRemove:
+      registry.RemoveTree(place);
+      return;
+    case RegistryMark::kNone:
+    case RegistryMark::kNoRemove:
+      break;
+  }
+  for (const auto& child : key.keys | std::views::reverse) {
+    Unregister(place / child.name, child, registry);
+  }
+  const bool stays = key.mark == RegistryMark::kNoRemove;
+  for (const auto& value : key.values | std::views::reverse) {
+    const bool value_stays = value.no_remove || (stays && value.name.empty());
+    if (!value_stays) registry.RemoveValue(place, value.name);
+  }
+  if (!stays) registry.RemoveKeyIfEmpty(place);
+}
+
+}  // namespace
+
+RegistryPlace ClassesRoot(RegistrationScope scope) {
+  if (scope == RegistrationScope::kUser) return {HKEY_CURRENT_USER, L"Software\\Classes"};
+  return {HKEY_CLASSES_ROOT, {}};
+}
+
+void RunRegistration(const RegistryScript& script, RegistrationScope scope,
+                     RegistryTransaction& registry) {
+  for (const auto& root : script) {
+    const RegistryPlace place = Root(root.hive, scope);
+    for (const auto& key : root.keys) Register(place / key.name, key, registry);
+  }
+}
+
+void RunUnregistration(const RegistryScript& script, RegistrationScope scope,
+                       RegistryTransaction& registry) {
+  for (const auto& root : script | std::views::reverse) {
+    const RegistryPlace place = Root(root.hive, scope);
+    for (const auto& key : root.keys | std::views::reverse) {
+      Unregister(place / key.name, key, registry);
+    }
+  }
+}
+
+}  // namespace marlinda

@@ -1,0 +1,74 @@
+// An array of floats that serves many reads of different sizes in turn: a fresh array for each
+// read would cost more than the read.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <oleauto.h>
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <utility>
+
+namespace marlinda {
+
+// The array is locked for as long as it lives, so a callee that wants to resize or destroy it
+// against the rules is refused by the system.
+class ScratchArray {
+ public:
+  // Throws std::bad_alloc.
+  ScratchArray();
+  ~ScratchArray();
+  ScratchArray(const ScratchArray&) = delete;
+  ScratchArray& operator=(const ScratchArray&) = delete;
+
+  // The array with exactly `count` samples, all 0, as a fresh one would be. Throws std::bad_alloc,
+  // also when the count exceeds what an array can hold.
+  SAFEARRAY* Prepare(std::size_t count);
+
+  // What the array holds, never more than it was prepared for.
+  std::span<const float> samples() const noexcept;
+
+  std::size_t capacity() const noexcept { return capacity_; }
+
+ private:
+  SAFEARRAY* array_ = nullptr;
+  std::unique_ptr<float[]> buffer_;
+  std::size_t capacity_ = 0;
+  std::size_t count_ = 0;
+};
+
+// Keeps one scratch array between calls. Calls that run at once or within each other each get an
+// array of their own.
+class ScratchKeeper {
+ public:
+  ScratchKeeper() noexcept = default;
+  ~ScratchKeeper() { delete kept_.load(); }
+  ScratchKeeper(const ScratchKeeper&) = delete;
+  ScratchKeeper& operator=(const ScratchKeeper&) = delete;
+
+  std::unique_ptr<ScratchArray> Take();
+  void GiveBack(std::unique_ptr<ScratchArray> array) noexcept;
+
+ private:
+  std::atomic<ScratchArray*> kept_{nullptr};
+};
+
+// The kept array for the length of one call.
+class ScratchLease {
+ public:
+  explicit ScratchLease(ScratchKeeper& keeper) : keeper_(keeper), array_(keeper.Take()) {}
+  ~ScratchLease() { keeper_.GiveBack(std::move(array_)); }
+  ScratchLease(const ScratchLease&) = delete;
+  ScratchLease& operator=(const ScratchLease&) = delete;
+
+  ScratchArray* operator->() const noexcept { return array_.get(); }
+
+ private:
+  ScratchKeeper& keeper_;
+  std::unique_ptr<ScratchArray> array_;
+};
+
+}  // namespace marlinda

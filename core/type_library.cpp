@@ -1,0 +1,210 @@
+#include "core/type_library.h"
+
+#include <cstddef>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "core/com_call.h"
+#include "core/com_ptr.h"
+#include "core/handle.h"
+#include "core/module.h"
+#include "core/resource.h"
+
+namespace marlinda {
+namespace {
+
+struct GuidLess {
+  bool operator()(const GUID& a, const GUID& b) const noexcept {
+    return std::memcmp(&a, &b, sizeof(GUID)) < 0;
+  }
+};
+
+// Descriptions borrowed from type information and given back.
+class TypeAttributes {
+ public:
+  explicit TypeAttributes(ITypeInfo* info) : info_(info) { Check(info->GetTypeAttr(&attributes_)); }
+  ~TypeAttributes() { info_->ReleaseTypeAttr(attributes_); }
+  TypeAttributes(const TypeAttributes&) = delete;
+  TypeAttributes& operator=(const TypeAttributes&) = delete;
+  const TYPEATTR* operator->() const noexcept { return attributes_; }
+
+ private:
+  ITypeInfo* info_;
+  TYPEATTR* attributes_ = nullptr;
+};
+
+class FunctionDescription {
+ public:
+  FunctionDescription(ITypeInfo* info, UINT index) : info_(info) {
+    Check(info->GetFuncDesc(index, &function_));
+  }
+  ~FunctionDescription() { info_->ReleaseFuncDesc(function_); }
+  FunctionDescription(const FunctionDescription&) = delete;
+  FunctionDescription& operator=(const FunctionDescription&) = delete;
+  const FUNCDESC* operator->() const noexcept { return function_; }
+
+ private:
+  ITypeInfo* info_;
+  FUNCDESC* function_ = nullptr;
+};
+
+Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
+  Parameter parameter;
+  const TYPEDESC* type = &description.tdesc;
+  int pointers = 0;
+  for (; type->vt == VT_PTR; type = type->lptdesc) ++pointers;
+  switch (type->vt) {
+    case VT_USERDEFINED: {
+      ComPtr<ITypeInfo> referred;
+      Check(info->GetRefTypeInfo(type->hreftype, referred.GetAddressOf()));
+      const TypeAttributes attributes(referred.Get());
+      parameter.type = attributes->typekind == TKIND_DISPATCH ? VT_DISPATCH : VT_UNKNOWN;
+      parameter.iid = attributes->guid;
+      --pointers;
+      break;
+    }
+    case VT_UNKNOWN:
+    case VT_DISPATCH:
+      parameter.type = type->vt;
+      parameter.iid = type->vt == VT_UNKNOWN ? IID_IUnknown : IID_IDispatch;
+      break;
+    case VT_SAFEARRAY:
+      parameter.type = VT_ARRAY;
+      parameter.element = type->lptdesc->vt;
+      break;
+    default:
+      parameter.type = type->vt;
+  }
+  const USHORT flags = description.paramdesc.wParamFlags;
+  if (pointers > 0) {
+    parameter.role =
+        (flags & PARAMFLAG_FRETVAL) != 0 ? Parameter::Role::kResult : Parameter::Role::kOut;
+  }
+  return parameter;
+}
+
+MethodTable ReadMethods(ITypeInfo* dispatch_face) {
+  // The face that describes the vtable: it has the results as parameters and leaves out the methods
+  // of IDispatch itself.
+  HREFTYPE reference = 0;
+  ComPtr<ITypeInfo> info;
+  Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
+  Check(dispatch_face->GetRefTypeInfo(reference, info.GetAddressOf()));
+  const TypeAttributes attributes(info.Get());
+  MethodTable methods;
+  for (UINT i = 0; i < attributes->cFuncs; ++i) {
+    const FunctionDescription function(info.Get(), i);
+    Method method;
+    method.id = function->memid;
+    method.vtable_offset = static_cast<ULONG_PTR>(function->oVft);
+    for (SHORT k = 0; k < function->cParams; ++k) {
+      method.parameters.push_back(ReadParameter(info.Get(), function->lprgelemdescParam[k]));
+    }
+    methods.push_back(std::move(method));
+  }
+  return methods;
+}
+
+class TypeLibrary {
+ public:
+  HRESULT Find(REFGUID guid, ITypeInfo** info) {
+    const std::lock_guard lock(mutex_);
+    return FindLocked(guid, info);
+  }
+
+  const MethodTable& Methods(REFIID iid) {
+    const std::lock_guard lock(mutex_);
+    const auto known = methods_.find(iid);
+    if (known != methods_.end()) return known->second;
+    ComPtr<ITypeInfo> info;
+    Check(FindLocked(iid, info.GetAddressOf()));
+    return methods_.emplace(iid, ReadMethods(info.Get())).first->second;
+  }
+
+  void Clear() {
+    const std::lock_guard lock(mutex_);
+    methods_.clear();
+    entries_.clear();
+    library_.Reset();
+    if (!copy_.empty()) DeleteFileW(copy_.c_str());
+    copy_.clear();
+  }
+
+ private:
+  HRESULT FindLocked(REFGUID guid, ITypeInfo** info) {
+    const auto known = entries_.find(guid);
+    if (known != entries_.end()) return known->second.CopyTo(info);
+    if (!library_) Check(Load());
+    ComPtr<ITypeInfo> found;
+    const HRESULT hr = library_->GetTypeInfoOfGuid(guid, found.GetAddressOf());
+    if (FAILED(hr)) return hr;
+    entries_.emplace(guid, found);
+    return found.CopyTo(info);
+  }
+
+  HRESULT Load() {
+    const HRESULT hr =
+        LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf());
+    // The system takes no path of more than MAX_PATH characters here, unlike when it loads a
+    // module. What it cannot find beside us it can read from a copy.
+    return SUCCEEDED(hr) ? hr : LoadCopy();
+  }
+
+  HRESULT LoadCopy() {
+    const HINSTANCE module = TheModule().Instance();
+    const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(IDR_TYPE_LIBRARY), L"TYPELIB");
+    const HGLOBAL loaded = resource == nullptr ? nullptr : LoadResource(module, resource);
+    if (loaded == nullptr) return LastErrorResult();
+
+    wchar_t folder[MAX_PATH + 1];
+    wchar_t file_name[MAX_PATH];
+    if (GetTempPathW(MAX_PATH + 1, folder) == 0 ||
+        GetTempFileNameW(folder, L"tlb", 0, file_name) == 0) {
+      return LastErrorResult();
+    }
+    FileHandle file(CreateFileW(file_name, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_TEMPORARY, nullptr));
+    DWORD written = 0;
+    if (!file || WriteFile(file.get(), LockResource(loaded), SizeofResource(module, resource),
+                           &written, nullptr) == FALSE) {
+      const HRESULT hr = LastErrorResult();
+      file.Reset();
+      DeleteFileW(file_name);
+      return hr;
+    }
+    file.Reset();
+    const HRESULT hr = LoadTypeLibEx(file_name, REGKIND_NONE, library_.GetAddressOf());
+    // A system that keeps the file open refuses this; Clear tries again.
+    if (DeleteFileW(file_name) == FALSE) copy_ = file_name;
+    return hr;
+  }
+
+  std::mutex mutex_;
+  ComPtr<ITypeLib> library_;
+  std::wstring copy_;
+  std::map<GUID, ComPtr<ITypeInfo>, GuidLess> entries_;
+  std::map<GUID, MethodTable, GuidLess> methods_;
+};
+
+// Never destroyed by the runtime: at process exit the automation library may be gone already.
+TypeLibrary& Library() {
+  alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
+  static TypeLibrary* const library = new (storage) TypeLibrary;
+  return *library;
+}
+
+}  // namespace
+
+HRESULT FindTypeInfo(REFGUID guid, ITypeInfo** info) noexcept {
+  return ComCall([&] { return Library().Find(guid, info); });
+}
+
+const MethodTable& MethodsOf(REFIID iid) { return Library().Methods(iid); }
+
+void ReleaseTypeInfo() noexcept { Library().Clear(); }
+
+}  // namespace marlinda

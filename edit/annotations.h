@@ -1,0 +1,39 @@
+// Labels and section markers: the names that a document carries beside its segments, and how they
+// follow its edits.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "edit/section.h"
+
+namespace marlinda {
+
+struct Label {
+  std::int64_t position = 0;
+  std::string name;
+};
+
+struct SectionMarker {
+  CSection section;
+  std::string name;
+};
+
+// Both lists keep the order in which records were added; nothing sorts them. Positions and ranges
+// are never checked.
+struct Annotations {
+  std::vector<Label> labels;
+  std::vector<SectionMarker> markers;
+
+  // Makes room for `length` frames inserted at `position`. Labels and markers from there on move;
+  // a marker around it is cut in two, also by an insertion of nothing. Deliberate: the second
+  // halves go to the end of the list, not next to their first halves.
+  void MoveForInsertion(std::int64_t position, std::int64_t length);
+};
+
+// The part of a marker that lies within `range`; nothing when that part is empty.
+std::optional<CSection> ClipMarker(const CSection& marker, const CSection& range) noexcept;
+
+}  // namespace marlinda

@@ -1,0 +1,258 @@
+#include "edit/connection_points.h"
+
+#include <marlinda.h>
+// After the contracts.
+#include <olectl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <span>
+#include <utility>
+
+#include "core/module.h"
+
+namespace marlinda {
+namespace {
+
+// An entry of EnumConnections; its copies are kept alive by reference.
+struct Connection {
+  ComPtr<IUnknown> sink;
+  DWORD cookie = 0;
+};
+
+void HandOut(const Connection& connection, CONNECTDATA* out) {
+  *out = {connection.sink.Get(), connection.cookie};
+  out->pUnk->AddRef();
+}
+
+void HandOut(const ComPtr<IConnectionPoint>& point, IConnectionPoint** out) {
+  *out = point.Get();
+  (*out)->AddRef();
+}
+
+// An enumerator over a list that it owns, taken when the enumeration began.
+template <class I, class Entry, class Out>
+class Enumerator final : public I {
+ public:
+  explicit Enumerator(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(I))) return E_NOINTERFACE;
+    *object = static_cast<I*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  STDMETHODIMP Next(ULONG wanted, Out* out, ULONG* fetched) override {
+    if (fetched != nullptr) *fetched = 0;
+    if (out == nullptr || (fetched == nullptr && wanted != 1)) return E_POINTER;
+    const std::size_t count = std::min<std::size_t>(wanted, entries_.size() - next_);
+    for (std::size_t i = 0; i < count; ++i) HandOut(entries_[next_ + i], out + i);
+    next_ += count;
+    if (fetched != nullptr) *fetched = static_cast<ULONG>(count);
+    return count == wanted ? S_OK : S_FALSE;
+  }
+  STDMETHODIMP Skip(ULONG wanted) override {
+    const std::size_t count = std::min<std::size_t>(wanted, entries_.size() - next_);
+    next_ += count;
+    return count == wanted ? S_OK : S_FALSE;
+  }
+  STDMETHODIMP Reset() override {
+    next_ = 0;
+    return S_OK;
+  }
+  STDMETHODIMP Clone(I** clone) override {
+    if (clone == nullptr) return E_POINTER;
+    *clone = nullptr;
+    return ComCall([&] {
+      auto* const copy = new Enumerator(entries_);
+      copy->next_ = next_;
+      *clone = copy;
+      return S_OK;
+    });
+  }
+
+ private:
+  ~Enumerator() = default;
+
+  const ModuleObjectCount module_count_;
+  std::atomic<ULONG> references_{1};
+  const std::vector<Entry> entries_;
+  std::size_t next_ = 0;
+};
+
+// The arguments of one call, freed after it. Each call gets its own: a sink that clears or replaces
+// one against the rules harms neither the next sink nor the caller's string.
+class CallArguments {
+ public:
+  explicit CallArguments(const ConnectionPoint::Arguments& make) {
+    if (make) arguments_ = make();
+  }
+  ~CallArguments() {
+    for (VARIANTARG& argument : arguments_) VariantClear(&argument);
+  }
+  CallArguments(const CallArguments&) = delete;
+  CallArguments& operator=(const CallArguments&) = delete;
+
+  DISPPARAMS Params() noexcept {
+    DISPPARAMS params = {};
+    params.rgvarg = arguments_.data();
+    params.cArgs = static_cast<UINT>(arguments_.size());
+    return params;
+  }
+
+ private:
+  std::vector<VARIANTARG> arguments_;
+};
+
+// Makes what a sink told about its failure the error information of this thread.
+void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
+  if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
+  ComPtr<ICreateErrorInfo> error;
+  if (FAILED(CreateErrorInfo(error.GetAddressOf()))) return;
+  error->SetGUID(event_interface);
+  error->SetSource(exception.bstrSource);
+  error->SetDescription(exception.bstrDescription);
+  error->SetHelpFile(exception.bstrHelpFile);
+  error->SetHelpContext(exception.dwHelpContext);
+  SetErrorInfo(0, TryQuery<IErrorInfo>(error.Get()).Get());
+}
+
+HRESULT CallSink(IDispatch* sink, DISPID event, const ConnectionPoint::Arguments& make_arguments,
+                 REFIID event_interface) {
+  CallArguments arguments(make_arguments);
+  DISPPARAMS params = arguments.Params();
+  VARIANT result;
+  VariantInit(&result);
+  EXCEPINFO exception = {};
+  UINT argument_error = 0;
+  const HRESULT hr = sink->Invoke(event, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params,
+                                  &result, &exception, &argument_error);
+  if (FAILED(hr)) InstallErrorInfo(exception, event_interface);
+  VariantClear(&result);
+  SysFreeString(exception.bstrSource);
+  SysFreeString(exception.bstrDescription);
+  SysFreeString(exception.bstrHelpFile);
+  return hr;
+}
+
+}  // namespace
+
+HRESULT ConnectionPoint::Fire(DISPID event, const Arguments& arguments) {
+  const ComPtr<IUnknown> keep_alive(&container_);
+  const auto connected = sinks_;
+  HRESULT result = S_OK;
+  for (std::size_t slot = 0; slot < connected.size(); ++slot) {
+    const ComPtr<IUnknown>& sink = connected[slot];
+    // An earlier sink may have disconnected this one.
+    if (!sink || sinks_[slot].Get() != sink.Get()) continue;
+    const HRESULT hr = CallSink(static_cast<IDispatch*>(sink.Get()), event, arguments, iid_);
+    if (FAILED(hr)) result = hr;
+  }
+  return result;
+}
+
+STDMETHODIMP ConnectionPoint::QueryInterface(REFIID iid, void** object) {
+  if (object == nullptr) return E_POINTER;
+  *object = nullptr;
+  if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IConnectionPoint)) {
+    return E_NOINTERFACE;
+  }
+  *object = static_cast<IConnectionPoint*>(this);
+  AddRef();
+  return S_OK;
+}
+
+STDMETHODIMP ConnectionPoint::GetConnectionInterface(IID* iid) {
+  if (iid == nullptr) return E_POINTER;
+  *iid = iid_;
+  return S_OK;
+}
+
+STDMETHODIMP ConnectionPoint::GetConnectionPointContainer(IConnectionPointContainer** container) {
+  if (container == nullptr) return E_POINTER;
+  *container = &container_;
+  container_.AddRef();
+  return S_OK;
+}
+
+STDMETHODIMP ConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
+  if (cookie != nullptr) *cookie = 0;
+  if (sink == nullptr || cookie == nullptr) return E_POINTER;
+  return ComCall([&] {
+    ComPtr<IUnknown> face = AcceptedFace(sink);
+    if (!face) return CONNECT_E_CANNOTCONNECT;
+    auto slot = std::ranges::find_if(sinks_, [](const auto& held) { return !held; });
+    if (slot == sinks_.end()) slot = sinks_.emplace(slot);
+    *slot = std::move(face);
+    *cookie = static_cast<DWORD>(slot - sinks_.begin()) + 1;
+    return S_OK;
+  });
+}
+
+STDMETHODIMP ConnectionPoint::Unadvise(DWORD cookie) {
+  if (cookie == 0 || cookie > sinks_.size() || !sinks_[cookie - 1]) return CONNECT_E_NOCONNECTION;
+  // The sink may come back to us while it is released: the slot is empty by then.
+  const ComPtr<IUnknown> released = std::exchange(sinks_[cookie - 1], nullptr);
+  return S_OK;
+}
+
+STDMETHODIMP ConnectionPoint::EnumConnections(IEnumConnections** connections) {
+  if (connections == nullptr) return E_POINTER;
+  *connections = nullptr;
+  return ComCall([&] {
+    std::vector<Connection> entries;
+    for (std::size_t slot = 0; slot < sinks_.size(); ++slot) {
+      if (sinks_[slot]) entries.push_back({sinks_[slot], static_cast<DWORD>(slot) + 1});
+    }
+    *connections = new Enumerator<IEnumConnections, Connection, CONNECTDATA>(std::move(entries));
+    return S_OK;
+  });
+}
+
+// A listener to an event interface that answers only IDispatch understands its calls as well.
+ComPtr<IUnknown> ConnectionPoint::AcceptedFace(IUnknown* sink) const {
+  ComPtr<IUnknown> face;
+  const auto receive = [&](REFIID iid) {
+    return SUCCEEDED(
+        sink->QueryInterface(iid, reinterpret_cast<void**>(face.ReleaseAndGetAddressOf())));
+  };
+  const bool events = !IsEqualIID(iid_, IID_IPropertyNotifySink);
+  if (receive(iid_) || (events && receive(IID_IDispatch))) return face;
+  return nullptr;
+}
+
+ConnectionPoints::ConnectionPoints(IConnectionPointContainer& container) noexcept
+    : update(container, DIID__IEAUpdateEvents),
+      undo(container, DIID__IEAUndoEvents),
+      property(container, IID_IPropertyNotifySink) {}
+
+HRESULT ConnectionPoints::Enumerate(IEnumConnectionPoints** points) {
+  if (points == nullptr) return E_POINTER;
+  *points = nullptr;
+  std::vector<ComPtr<IConnectionPoint>> entries;
+  for (ConnectionPoint* point : All()) entries.emplace_back(point);
+  *points = new Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*>(
+      std::move(entries));
+  return S_OK;
+}
+
+HRESULT ConnectionPoints::Find(REFIID iid, IConnectionPoint** point) noexcept {
+  if (point == nullptr) return E_POINTER;
+  *point = nullptr;
+  for (ConnectionPoint* candidate : All()) {
+    if (IsEqualIID(candidate->iid(), iid))
+      return candidate->QueryInterface(IID_IConnectionPoint, reinterpret_cast<void**>(point));
+  }
+  return CONNECT_E_NOCONNECTION;
+}
+
+}  // namespace marlinda

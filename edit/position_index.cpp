@@ -1,0 +1,104 @@
+#include "edit/position_index.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace marlinda {
+namespace {
+
+// As long as all lengths together stay below this, no offset and no sum of two of them overflows.
+constexpr std::uint64_t kSafeTravel = std::uint64_t{1} << 62;
+
+std::uint64_t Travel(const CSection& segment) noexcept {
+  const bool backward = segment.end < segment.begin;
+  const auto begin = static_cast<std::uint64_t>(segment.begin);
+  const auto end = static_cast<std::uint64_t>(segment.end);
+  return std::min(backward ? begin - end : end - begin, kSafeTravel);
+}
+
+}  // namespace
+
+void BlockSummary::Add(const CSection& segment) noexcept {
+  lowest_start = std::min(lowest_start, length);
+  length = WrappingAdd(length, segment.Length());
+  highest_end = count == 0 ? length : std::max(highest_end, length);
+  travel = std::min(travel + Travel(segment), kSafeTravel);
+  goes_back = goes_back || segment.end < segment.begin;
+  ++count;
+}
+
+std::size_t PositionIndex::Count() const noexcept {
+  return blocks_.empty() ? 0 : blocks_.back().ordinal + blocks_.back().summary.count;
+}
+
+std::int64_t PositionIndex::Length() const noexcept {
+  return blocks_.empty() ? 0 : WrappingAdd(blocks_.back().start, blocks_.back().summary.length);
+}
+
+std::size_t PositionIndex::BlockOfOrdinal(std::size_t ordinal) const noexcept {
+  const auto after = std::ranges::upper_bound(blocks_, ordinal, {}, &Block::ordinal);
+  return static_cast<std::size_t>(after - blocks_.begin()) - 1;
+}
+
+std::size_t PositionIndex::FirstReaching(std::int64_t position) const noexcept {
+  if (CanOverflow()) return 0;
+  const auto found = std::ranges::lower_bound(blocks_, position, {}, &Block::furthest_end);
+  return static_cast<std::size_t>(found - blocks_.begin());
+}
+
+bool PositionIndex::NoneStartsBefore(std::int64_t position, std::size_t block) const noexcept {
+  return !CanOverflow() && !blocks_.back().goes_back && blocks_[block].start >= position;
+}
+
+bool PositionIndex::MayShareFrames(std::size_t block, const CSection& range) const noexcept {
+  if (CanOverflow()) return true;
+  const Block& at = blocks_[block];
+  return at.start + at.summary.lowest_start < range.end &&
+         at.start + at.summary.highest_end > range.begin;
+}
+
+void PositionIndex::Reserve(std::size_t more) {
+  const std::size_t needed = blocks_.size() + more;
+  // Growing by the exact amount each time would copy all blocks each time.
+  if (needed > blocks_.capacity()) blocks_.reserve(std::max(needed, 2 * blocks_.capacity()));
+}
+
+void PositionIndex::AddBlock() noexcept {
+  blocks_.emplace_back();
+  Total(blocks_.size() - 1);
+}
+
+void PositionIndex::Append(const CSection& segment) noexcept {
+  blocks_.back().summary.Add(segment);
+  Total(blocks_.size() - 1);
+}
+
+void PositionIndex::Replace(std::size_t block, std::span<const BlockSummary> summaries) noexcept {
+  const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
+  blocks_.insert(place + 1, summaries.size() - 1, Block{});
+  for (std::size_t i = 0; i < summaries.size(); ++i) blocks_[block + i].summary = summaries[i];
+  for (std::size_t i = block; i < blocks_.size(); ++i) Total(i);
+}
+
+void PositionIndex::Total(std::size_t block) noexcept {
+  Block& at = blocks_[block];
+  const BlockSummary& own = at.summary;
+  if (block == 0) {
+    at.furthest_end = own.highest_end;
+    at.travel = own.travel;
+    at.goes_back = own.goes_back;
+    return;
+  }
+  const Block& before = blocks_[block - 1];
+  at.start = WrappingAdd(before.start, before.summary.length);
+  at.ordinal = before.ordinal + before.summary.count;
+  at.furthest_end = std::max(before.furthest_end, WrappingAdd(at.start, own.highest_end));
+  at.travel = std::min(before.travel + own.travel, kSafeTravel);
+  at.goes_back = before.goes_back || own.goes_back;
+}
+
+bool PositionIndex::CanOverflow() const noexcept {
+  return !blocks_.empty() && blocks_.back().travel >= kSafeTravel;
+}
+
+}  // namespace marlinda

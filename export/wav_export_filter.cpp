@@ -1,0 +1,176 @@
+#include "export/wav_export_filter.h"
+
+#include <utility>
+
+#include "core/resource.h"
+#include "core/text.h"
+#include "export/file_sink.h"
+
+namespace marlinda {
+namespace {
+
+constexpr char kExtension[] = "wav";
+constexpr SHORT kMerit = 200;
+constexpr DWORD kCancelPollMilliseconds = 100;
+
+HRESULT Answer(VARIANT_BOOL* out, bool yes) noexcept {
+  if (out == nullptr) return E_POINTER;
+  *out = yes ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
+}
+
+}  // namespace
+
+CWavExportFilter::CWavExportFilter() : job_(std::make_shared<WavExportJob>()) {}
+
+CWavExportFilter::~CWavExportFilter() { Cancel(); }
+
+STDMETHODIMP CWavExportFilter::Start() {
+  return ComCall([&] {
+    if (worker_.IsRunning() || !job_->IsReady()) return E_FAIL;
+    return worker_.Start(
+        [job = job_, bits = bits_per_sample_, is_float = is_float_] { job->Run(bits, is_float); });
+  });
+}
+
+STDMETHODIMP CWavExportFilter::Cancel() {
+  job_->Cancel();
+  worker_.PollUntilEnded(kCancelPollMilliseconds);
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
+  return Answer(pbRunning, worker_.IsRunning());
+}
+
+STDMETHODIMP CWavExportFilter::GetProgress(FLOAT* pfProgress) {
+  if (pfProgress == nullptr) return E_POINTER;
+  const std::int64_t total = job_->Total();
+  if (total <= 0) return E_FAIL;
+  const auto progress = static_cast<double>(job_->Position()) / static_cast<double>(total);
+  *pfProgress = static_cast<float>(progress);
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::GetName(BSTR* pbstrName) {
+  if (pbstrName == nullptr) return E_POINTER;
+  *pbstrName = nullptr;
+  return ComCall([&] {
+    *pbstrName = ToBstr(Format(TheModule().LoadText(IDS_SAVING), file_name_));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::QuerySupportsExtension(BSTR bstrExtension,
+                                                      VARIANT_BOOL* pbSupported) {
+  return ComCall([&] {
+    return Answer(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), kExtension) == 0);
+  });
+}
+
+STDMETHODIMP CWavExportFilter::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
+  if (pReader == nullptr) return E_POINTER;
+  return ComCall([&] {
+    if (worker_.IsRunning()) return E_FAIL;
+    file_name_ = ToAnsi(bstrFileName);
+    job_->SetReader(pReader);
+    FileHandle file = CreateTargetFile(file_name_);
+    const HRESULT hr = file ? S_OK : LastErrorResult();
+    job_->SetTarget(std::move(file));
+    return hr;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::SetBitsPerSample(SHORT nBitsPerSample) {
+  bits_per_sample_ = nBitsPerSample;
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) {
+  if (pbstrFilterString == nullptr || pbstrExtensions == nullptr) return E_POINTER;
+  *pbstrFilterString = nullptr;
+  *pbstrExtensions = nullptr;
+  return ComCall([&] {
+    *pbstrExtensions = ToBstr(std::string("*.") + kExtension);
+    *pbstrFilterString = ToBstr(TheModule().LoadText(IDS_WAV_FILTER));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSettings) {
+  return Answer(pbHasSettings, true);
+}
+
+// This version has no settings dialog to show.
+STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG) { return E_NOTIMPL; }
+
+STDMETHODIMP CWavExportFilter::GetMerit(SHORT* pnMerit) {
+  if (pnMerit == nullptr) return E_POINTER;
+  *pnMerit = kMerit;
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::QueryIsLossy(VARIANT_BOOL* pbLossy) {
+  return Answer(pbLossy, false);
+}
+
+STDMETHODIMP CWavExportFilter::AddLabel(__int64 nPosition, BSTR bstrName) {
+  return ComCall([&] {
+    WavLabel label{ToAnsi(bstrName), nPosition};
+    job_->WithAnnotations([&](WavAnnotations& all) { all.labels.push_back(std::move(label)); });
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::GetLabelCount(LONG* pnLabelCount) {
+  if (pnLabelCount == nullptr) return E_POINTER;
+  *pnLabelCount = job_->WithAnnotations(
+      [](const WavAnnotations& all) { return static_cast<LONG>(all.labels.size()); });
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::RemoveAllLabels() {
+  job_->WithAnnotations([](WavAnnotations& all) { all.labels.clear(); });
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
+                                           BSTR bstrYear, BSTR bstrGenre) {
+  return ComCall([&] {
+    WavMetaData meta_data{ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum),
+                          ToAnsi(bstrYear), ToAnsi(bstrGenre)};
+    job_->WithAnnotations([&](WavAnnotations& all) { all.meta_data = std::move(meta_data); });
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) {
+  return ComCall([&] {
+    WavMarker marker{ToAnsi(bstrName), nBegin, nEnd};
+    job_->WithAnnotations([&](WavAnnotations& all) { all.markers.push_back(std::move(marker)); });
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWavExportFilter::GetMarkerCount(LONG* pnMarkerCount) {
+  if (pnMarkerCount == nullptr) return E_POINTER;
+  *pnMarkerCount = job_->WithAnnotations(
+      [](const WavAnnotations& all) { return static_cast<LONG>(all.markers.size()); });
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::RemoveAllSectionMarkers() {
+  job_->WithAnnotations([](WavAnnotations& all) { all.markers.clear(); });
+  return S_OK;
+}
+
+STDMETHODIMP CWavExportFilter::SetAcidData(SHORT nRootNote, SHORT nMeterBeats,
+                                           SHORT nMeterDelimiter, LONG nBeatCount, FLOAT fTempo) {
+  const WavAcidData acid{nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
+  job_->WithAnnotations([&](WavAnnotations& all) { all.acid = acid; });
+  return S_OK;
+}
+
+MARLINDA_DEFINE_CLASS(CWavExportFilter)
+
+}  // namespace marlinda

@@ -1,0 +1,88 @@
+#include "host/console.h"
+
+#include <fcntl.h>
+#include <io.h>
+#include <shellapi.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include "core/com_call.h"
+#include "core/handle.h"
+#include "host/wide_text.h"
+
+namespace marlinda {
+namespace {
+
+// The control handler is a plain function on a thread of the system's own.
+KernelHandle interrupt_event;
+
+bool IsInterrupted() { return WaitForSingleObject(interrupt_event.get(), 0) == WAIT_OBJECT_0; }
+
+BOOL WINAPI HandleControl(DWORD event) {
+  if (IsInterrupted()) return FALSE;
+  SetEvent(interrupt_event.get());
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
+    // The window closes or the user logs off: the process ends as soon as this returns, or after a
+    // few seconds in any case, so the main thread gets that time to finish the file.
+    Sleep(INFINITE);
+  }
+  return TRUE;
+}
+
+}  // namespace
+
+Console::Console() : old_code_page_(GetConsoleOutputCP()) {
+  SetConsoleOutputCP(CP_UTF8);
+  for (std::FILE* stream : {stdout, stderr}) {
+    _setmode(_fileno(stream), _O_BINARY);
+    // A console that is handed UTF-8 byte by byte cannot put the characters together.
+    std::setvbuf(stream, nullptr, _IOFBF, 1 << 12);
+  }
+  interrupt_event = KernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  if (!interrupt_event) throw HResultError(LastErrorResult());
+  SetConsoleCtrlHandler(HandleControl, TRUE);
+}
+
+Console::~Console() {
+  SetConsoleCtrlHandler(HandleControl, FALSE);
+  if (old_code_page_ != 0) SetConsoleOutputCP(old_code_page_);
+}
+
+std::vector<std::string> Console::Arguments() {
+  int count = 0;
+  wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (words == nullptr) throw HResultError(LastErrorResult());
+  std::vector<std::string> arguments;
+  for (int i = 1; i < count; ++i) arguments.push_back(Narrow(words[i]));
+  LocalFree(words);
+  return arguments;
+}
+
+std::ostream* Console::ProgressOutput() const {
+  DWORD mode = 0;
+  return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE ? &std::cerr : nullptr;
+}
+
+bool Console::Interrupted() const { return IsInterrupted(); }
+
+void Console::Wait(DWORD milliseconds) const {
+  const HANDLE event = interrupt_event.get();
+  MsgWaitForMultipleObjects(1, &event, FALSE, milliseconds, QS_ALLINPUT);
+  MSG message;
+  while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
+    TranslateMessage(&message);
+    DispatchMessageW(&message);
+  }
+}
+
+void Console::Print(const std::string& text) const {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void Console::Tell(const std::string& message) const {
+  std::fprintf(stderr, "marlinda: %s\n", message.c_str());
+  std::fflush(stderr);
+}
+
+}  // namespace marlinda

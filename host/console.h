@@ -1,0 +1,42 @@
+// The terminal: UTF-8 arguments and output, where a progress bar may be drawn, and Ctrl+C.
+#pragma once
+
+#include <windows.h>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace marlinda {
+
+class Console {
+ public:
+  // From here on output is UTF-8 and Ctrl+C no longer ends the program but sets Interrupted; a
+  // second Ctrl+C ends it all the same.
+  Console();
+  ~Console();
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
+
+  // The command line without the program's name.
+  static std::vector<std::string> Arguments();
+
+  // Standard error when it is a terminal, else null.
+  std::ostream* ProgressOutput() const;
+
+  bool Interrupted() const;
+
+  // Waits at most so long, less when interrupted, and serves the window messages that the
+  // single-threaded apartment lives by.
+  void Wait(DWORD milliseconds) const;
+
+  // Data on standard output.
+  void Print(const std::string& text) const;
+  // A message on standard error, with the program's name before it.
+  void Tell(const std::string& message) const;
+
+ private:
+  UINT old_code_page_;
+};
+
+}  // namespace marlinda

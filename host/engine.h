@@ -1,0 +1,140 @@
+// The host's side of the engine: objects created by class identifier and driven through their
+// interfaces alone. Every failure is thrown as a HostError that names the file or the class.
+#pragma once
+
+#include <marlinda.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "core/com_ptr.h"
+#include "host/annotations.h"
+#include "host/console.h"
+#include "host/messages.h"
+#include "host/wave_check.h"
+
+namespace marlinda {
+
+// The single-threaded apartment that the engine's objects live in.
+class Apartment {
+ public:
+  Apartment() { Check(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)); }
+  ~Apartment() { CoUninitialize(); }
+  Apartment(const Apartment&) = delete;
+  Apartment& operator=(const Apartment&) = delete;
+};
+
+// Creates an object or throws with the remedy for a class that is not registered.
+template <class I>
+ComPtr<I> CreateObject(REFCLSID class_id, const char* class_name) {
+  ComPtr<I> object;
+  const HRESULT hr = CreateInstance(class_id, object);
+  if (FAILED(hr)) throw Explain(hr, class_name, ExitStatus::kRegistration);
+  return object;
+}
+
+// Another interface of an object that cannot be without it.
+template <class I>
+ComPtr<I> Query(IUnknown* object) {
+  ComPtr<I> result = TryQuery<I>(object);
+  if (!result) throw HResultError(E_NOINTERFACE);
+  return result;
+}
+
+struct FilterIdentity {
+  std::string class_name;  // both empty when the object does not tell
+  std::string class_id;
+};
+
+FilterIdentity IdentityOf(IUnknown* object);
+
+struct AudioFormat {
+  LONG rate = 0;
+  SHORT channels = 0;
+};
+
+struct Tags {
+  std::string title;
+  std::string artist;
+  std::string album;
+  std::string year;
+  std::string genre;
+};
+
+struct AcidData {
+  SHORT root_note = 0;
+  SHORT meter_beats = 0;
+  SHORT meter_delimiter = 0;
+  LONG beat_count = 0;
+  float tempo = 0.0F;
+};
+
+// Labels and markers of an object; none where it has no such interfaces.
+Annotations ReadAnnotations(IUnknown* object);
+void AddAnnotations(IUnknown* object, const Annotations& annotations);
+
+// Decoded audio: a reader over the take that the import left in the pool.
+struct ImportedAudio {
+  ComPtr<IAudioReader> reader;
+  AudioFormat format;
+  __int64 frames = 0;
+};
+
+// An input file, the filter that reads it and the pool that it is read into.
+class Source {
+ public:
+  // Asks the filter manager and, when that has no filter for the file, the built-in filters.
+  explicit Source(const std::string& file);
+
+  const std::string& file() const { return file_; }
+  const FilterIdentity& filter() const { return identity_; }
+
+  // What the filter tells about the file before it is decoded; nothing where it does not tell.
+  std::optional<AudioFormat> Format() const;
+  std::optional<int> BitsPerSample() const;
+  std::optional<std::int64_t> BitRate() const;
+  std::optional<__int64> Frames() const;
+  Tags ReadTags() const;
+  Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
+  std::optional<AcidData> ReadAcidData() const;
+
+  // Decodes the whole file. Tells on standard error when it holds less than it promises.
+  ImportedAudio Import(const Console& console);
+
+ private:
+  std::string file_;
+  ComPtr<IImportFilter> filter_;
+  FilterIdentity identity_;
+  ComPtr<IAudioPool> pool_;
+};
+
+// One WAV file to be written.
+class WaveExport {
+ public:
+  // Refuses at once what could not be written after a long import: another extension, a folder that
+  // does not exist, the input itself.
+  WaveExport(const std::string& file, const Source& source);
+
+  // Texts beside the audio; to be set before Run.
+  void SetTags(const Tags& tags) { tags_ = tags; }
+  void SetAcidData(const AcidData& acid) { acid_ = acid; }
+  void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
+
+  // Writes the file and examines it. When that is interrupted, throws with kInterrupted and leaves
+  // a valid file of what was written by then; a file that is not whole for another reason is
+  // removed.
+  WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console);
+
+ private:
+  void HandOver();
+  std::optional<WaveFileFacts> Examine() const;
+
+  std::string file_;
+  ComPtr<IExportFilter> filter_;
+  Tags tags_;
+  Annotations annotations_;
+  std::optional<AcidData> acid_;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,71 @@
+#include "host/file_name.h"
+
+#include <windows.h>
+
+#include <filesystem>
+
+#include "core/com_call.h"
+#include "core/handle.h"
+#include "host/messages.h"
+#include "host/wide_text.h"
+
+namespace marlinda {
+namespace {
+
+FileHandle OpenFile(const std::string& file, DWORD access, DWORD disposition,
+                    ExitStatus otherwise) {
+  FileHandle handle(CreateFileW(Widen(file).c_str(), access,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!handle) throw Explain(LastErrorResult(), file, otherwise);
+  return handle;
+}
+
+// The name itself when it fits; else the short name, where the file has one that fits.
+std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
+  const std::wstring name = Widen(file);
+  if (FitsCodePage(name)) return name;
+  std::wstring short_name(GetShortPathNameW(name.c_str(), nullptr, 0), L'\0');
+  short_name.resize(
+      GetShortPathNameW(name.c_str(), short_name.data(), static_cast<DWORD>(short_name.size())));
+  if (short_name.empty() || !FitsCodePage(short_name)) {
+    throw HostError(otherwise, file, "the name holds characters that the engine cannot use",
+                    "Choose a name, and a folder, whose letters belong to the system's code page.");
+  }
+  return short_name;
+}
+
+}  // namespace
+
+void RequireReadable(const std::string& file) {
+  OpenFile(file, GENERIC_READ, OPEN_EXISTING, ExitStatus::kInput);
+}
+
+void RequireWritablePlace(const std::string& output, const std::string& input) {
+  const std::filesystem::path path(Widen(output));
+  const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : L".";
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(folder, ignored)) {
+    throw Explain(HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), output, ExitStatus::kOutput);
+  }
+  if (std::filesystem::equivalent(path, Widen(input), ignored)) {
+    throw HostError(ExitStatus::kUsage, output, "the output is the input file itself",
+                    "Choose another name.");
+  }
+}
+
+std::string ExtensionOf(const std::string& file) {
+  const std::wstring extension = std::filesystem::path(Widen(file)).extension().wstring();
+  return extension.empty() ? std::string() : Narrow(extension.substr(1));
+}
+
+std::wstring EngineNameOfInput(const std::string& file) {
+  return FittingName(file, ExitStatus::kInput);
+}
+
+std::wstring EngineNameOfOutput(const std::string& file) {
+  if (!FitsCodePage(Widen(file))) OpenFile(file, GENERIC_WRITE, OPEN_ALWAYS, ExitStatus::kOutput);
+  return FittingName(file, ExitStatus::kOutput);
+}
+
+}  // namespace marlinda

@@ -1,0 +1,25 @@
+// File names between the user (any Unicode name) and the engine (the system's ANSI code page).
+#pragma once
+
+#include <string>
+
+namespace marlinda {
+
+// Opens the file for a moment. Throws a HostError with the reason when it cannot be read.
+void RequireReadable(const std::string& file);
+
+// Throws a HostError when the folder of the output does not exist, or when the output is the input
+// itself.
+void RequireWritablePlace(const std::string& output, const std::string& input);
+
+// Extension without its dot.
+std::string ExtensionOf(const std::string& file);
+
+// A name for the same file that the engine's code page can hold: the name itself, or the short name
+// that the system keeps beside it. Throws a HostError when there is neither.
+std::wstring EngineNameOfInput(const std::string& file);
+// The same for a file to be written. A file that has only a short name to offer is made first,
+// empty.
+std::wstring EngineNameOfOutput(const std::string& file);
+
+}  // namespace marlinda

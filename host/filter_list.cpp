@@ -1,0 +1,99 @@
+#include "host/filter_list.h"
+
+#include <marlinda.h>
+
+#include "core/com_call.h"
+#include "core/handle.h"
+#include "host/messages.h"
+#include "host/wide_text.h"
+
+namespace marlinda {
+
+const char* const kFilterListKey = "HKEY_LOCAL_MACHINE\\Software\\Brevant\\Cutloom\\Import Filters";
+
+namespace {
+
+constexpr wchar_t kSubkey[] = L"Software\\Brevant\\Cutloom\\Import Filters";
+
+void RequireSuccess(LSTATUS error) {
+  if (error == ERROR_SUCCESS) return;
+  if (error == ERROR_ACCESS_DENIED) {
+    throw HostError(ExitStatus::kRegistration, kFilterListKey, "access is denied",
+                    "Run the command as an administrator.");
+  }
+  throw Explain(HRESULT_FROM_WIN32(static_cast<DWORD>(error)), kFilterListKey,
+                ExitStatus::kRegistration);
+}
+
+std::string FromAnsi(const char* text) {
+  const int count = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
+  std::wstring wide(static_cast<std::size_t>(count), L'\0');
+  MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), count);
+  return Narrow(wide.c_str());
+}
+
+}  // namespace
+
+FilterList ReadFilterList() {
+  FilterList list;
+  RegistryKey key;
+  const LSTATUS opened =
+      RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSubkey, 0, KEY_QUERY_VALUE, key.Receive());
+  if (opened == ERROR_FILE_NOT_FOUND) return list;
+  RequireSuccess(opened);
+  for (DWORD index = 0;; ++index) {
+    // The manager's own buffer sizes, so that this list ends where the manager's does. One byte of
+    // each buffer stays zero in case the value's text comes without its end.
+    char name[101] = {};
+    char data[101] = {};
+    DWORD name_size = 100;
+    DWORD data_size = 100;
+    DWORD type = 0;
+    const LSTATUS found = RegEnumValueA(key.get(), index, name, &name_size, nullptr, &type,
+                                        reinterpret_cast<BYTE*>(data), &data_size);
+    if (found != ERROR_SUCCESS) {
+      list.cut_short = found != ERROR_NO_MORE_ITEMS;
+      return list;
+    }
+    if (type == REG_SZ) list.entries.push_back({FromAnsi(name), FromAnsi(data)});
+  }
+}
+
+void WriteListedFilter(const std::string& value_name, REFCLSID class_id) {
+  RegistryKey key;
+  RequireSuccess(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kSubkey, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                 KEY_SET_VALUE, nullptr, key.Receive(), nullptr));
+  const std::wstring text = Widen(ClassIdText(class_id));
+  RequireSuccess(RegSetValueExW(key.get(), Widen(value_name).c_str(), 0, REG_SZ,
+                                reinterpret_cast<const BYTE*>(text.c_str()),
+                                static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
+}
+
+void RemoveListedFilter(const std::string& value_name) {
+  RegistryKey key;
+  RequireSuccess(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSubkey, 0, KEY_SET_VALUE, key.Receive()));
+  const LSTATUS removed = RegDeleteValueW(key.get(), Widen(value_name).c_str());
+  if (removed != ERROR_FILE_NOT_FOUND) RequireSuccess(removed);
+}
+
+bool Lists(const ListedFilter& entry, REFCLSID class_id) {
+  CLSID listed;
+  return SUCCEEDED(CLSIDFromString(Widen(entry.class_id).c_str(), &listed)) &&
+         IsEqualCLSID(listed, class_id);
+}
+
+std::string ClassIdText(REFCLSID class_id) {
+  wchar_t text[40] = {};
+  StringFromGUID2(class_id, text, static_cast<int>(std::size(text)));
+  return Narrow(text);
+}
+
+std::span<const BuiltInFilter> BuiltInFilters() {
+  static const BuiltInFilter filters[] = {
+      {&CLSID_CDShowImport, "CDShowImport"},
+      {&CLSID_COggImport, "COggImport"},
+  };
+  return filters;
+}
+
+}  // namespace marlinda

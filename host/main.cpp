@@ -1,0 +1,167 @@
+// marlinda: the audio engine on the command line. This file holds the grammar; what the commands do
+// is in host/commands.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <sstream>
+
+#include "host/commands/convert.h"
+#include "host/commands/cut.h"
+#include "host/commands/filters.h"
+#include "host/commands/info.h"
+#include "host/commands/install_filters.h"
+#include "host/commands/plot.h"
+#include "host/console.h"
+#include "host/engine.h"
+#include "host/messages.h"
+
+namespace marlinda {
+namespace {
+
+constexpr const char* kExitStatuses =
+    "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration, 130 "
+    "interrupted.";
+
+constexpr const char* kCutHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. The pieces are joined in the order\n"
+    "given; an empty BEGIN or END means the start or the end of the file. Then every silence is\n"
+    "inserted, in the order given, at its position in the result so far. Labels and markers are\n"
+    "positions in the finished result.\n"
+    "Example: marlinda cut in.ogg out.wav --keep 0:2.5 --keep 10: --silence 2.5:1 --label 3.5:Two";
+
+constexpr const char* kPlotHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. One lane a channel; full scale "
+    "fills\n"
+    "a lane. Labels and markers of the file are drawn in.\n"
+    "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
+
+void AddJson(CLI::App* command, bool& json) { command->add_flag("--json", json, "Report in JSON"); }
+
+void AddBits(CLI::App* command, int& bits) {
+  command->add_option("--bits", bits, "Bits per sample of the output (16 unless given)")
+      ->check(CLI::IsMember({8, 16, 24, 32}));
+}
+
+void AddFiles(CLI::App* command, std::string& input, std::string& output) {
+  command->add_option("IN", input, "Audio file to read")->required();
+  command->add_option("OUT.wav", output, "WAV file to write; an existing one is replaced")
+      ->required();
+}
+
+// Any number of values, one after each occurrence of the option.
+CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
+                         std::vector<std::string>& values, const char* help) {
+  return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);
+}
+
+int Run(const Console& console) {
+  CLI::App app("The audio engine on the command line.", "marlinda");
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "marlinda " MARLINDA_VERSION);
+  app.footer(kExitStatuses);
+  // A path may begin with a slash.
+  app.allow_windows_style_options(false);
+  const auto run_in_apartment = [&](auto command) {
+    return [&console, command] {
+      const Apartment apartment;
+      command();
+    };
+  };
+
+  bool json = false;
+  CLI::App* filters = app.add_subcommand("filters", "List the import filters");
+  AddJson(filters, json);
+  filters->callback(run_in_apartment([&] { RunFilters(json, console); }));
+
+  bool remove = false;
+  CLI::App* install = app.add_subcommand(
+      "install-filters", "List the built-in import filters in the registry, for all users");
+  install->add_flag("--remove", remove, "Take them off the list");
+  AddJson(install, json);
+  install->callback(run_in_apartment([&] { RunInstallFilters(remove, json, console); }));
+
+  std::string file;
+  CLI::App* info = app.add_subcommand("info", "Describe an audio file");
+  info->add_option("FILE", file, "Audio file")->required();
+  AddJson(info, json);
+  info->callback(run_in_apartment([&] { RunInfo(file, json, console); }));
+
+  ConvertOptions convert_options;
+  CLI::App* convert = app.add_subcommand("convert", "Write an audio file as WAV");
+  AddFiles(convert, convert_options.input, convert_options.output);
+  AddBits(convert, convert_options.bits);
+  AddJson(convert, convert_options.json);
+  convert->callback(run_in_apartment([&] { RunConvert(convert_options, console); }));
+
+  CutOptions cut_options;
+  CLI::App* cut = app.add_subcommand("cut", "Join pieces of an audio file and write them as WAV");
+  AddFiles(cut, cut_options.input, cut_options.output);
+  AddRepeated(cut, "--keep", "BEGIN:END", cut_options.request.keep, "Pieces to keep")
+      ->required()
+      ->allow_extra_args();
+  AddRepeated(cut, "--silence", "AT:SECONDS", cut_options.request.silences, "Insert silence");
+  AddRepeated(cut, "--label", "AT:NAME", cut_options.request.labels, "Set a label");
+  AddRepeated(cut, "--marker", "BEGIN:END:NAME", cut_options.request.markers, "Mark a section");
+  cut->add_option("--plot", cut_options.picture.file, "Draw the result as a picture as well")
+      ->type_name("OUT.png");
+  AddBits(cut, cut_options.bits);
+  AddJson(cut, cut_options.json);
+  cut->footer(kCutHelp);
+  cut->callback(run_in_apartment([&] { RunCut(cut_options, console); }));
+
+  PlotOptions plot_options;
+  CLI::App* plot = app.add_subcommand("plot", "Draw the waveform of an audio file");
+  plot->add_option("IN", plot_options.input, "Audio file to read")->required();
+  plot->add_option("OUT.png", plot_options.picture.file, "Picture; an existing one is replaced")
+      ->required();
+  plot->add_option("--width", plot_options.picture.width, "Pixels (1200 unless given)");
+  plot->add_option("--height", plot_options.picture.height, "Pixels (320 unless given)");
+  plot->add_option("--from", plot_options.from, "Draw from this time on");
+  plot->add_option("--to", plot_options.to, "Draw up to this time");
+  AddJson(plot, plot_options.json);
+  plot->footer(kPlotHelp);
+  plot->callback(run_in_apartment([&] { RunPlot(plot_options, console); }));
+
+  std::vector<std::string> arguments = Console::Arguments();
+  std::ranges::reverse(arguments);  // the order in which CLI11 takes them
+  try {
+    app.parse(arguments);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0) {
+      throw HostError(ExitStatus::kUsage, "", error.what(), "See \"marlinda --help\".");
+    }
+    std::ostringstream help;
+    app.exit(error, help, help);
+    console.Print(help.str());
+  }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    throw HostError(ExitStatus::kOutput, "standard output", "it could not be written");
+  }
+  return static_cast<int>(ExitStatus::kSuccess);
+}
+
+}  // namespace
+}  // namespace marlinda
+
+int main() {
+  using marlinda::ExitStatus;
+  try {
+    const marlinda::Console console;
+    try {
+      return marlinda::Run(console);
+    } catch (const marlinda::HostError& error) {
+      console.Tell(error.what());
+      return static_cast<int>(error.status());
+    } catch (const marlinda::HResultError& error) {
+      const auto explained = marlinda::Explain(error.code(), "", ExitStatus::kFailure);
+      console.Tell(explained.what());
+      return static_cast<int>(explained.status());
+    } catch (const std::exception& error) {
+      console.Tell(error.what());
+    }
+  } catch (const marlinda::HResultError&) {
+    std::fputs("marlinda: the console cannot be used\n", stderr);
+  }
+  return static_cast<int>(ExitStatus::kFailure);
+}

@@ -1,0 +1,62 @@
+// Times as a user writes them: seconds such as 1.5, or frames with an f such as 44100f.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace marlinda {
+
+// A time that was written in seconds or in frames; which frame seconds mean depends on the rate.
+class Timecode {
+ public:
+  // Digits with at most nine decimals for seconds, digits and an f for frames; neither signs nor
+  // exponents. Throws std::invalid_argument with a reason in words.
+  static Timecode Parse(std::string_view text);
+
+  // The frame nearest to the time, the later one of two that are equally near. `rate` is positive.
+  // Throws std::invalid_argument when the frame does not fit in 64 bits.
+  std::int64_t ToFrames(std::int32_t rate) const;
+
+ private:
+  std::int64_t whole_ = 0;  // seconds or frames
+  std::int64_t nanoseconds_ = 0;
+  bool is_frames_ = false;
+};
+
+// A range whose missing ends mean the start and the end of the audio.
+struct TimeRange {
+  std::optional<Timecode> begin;
+  std::optional<Timecode> end;
+};
+
+// "BEGIN:END"; either side may be empty. Throws std::invalid_argument.
+TimeRange ParseRange(std::string_view text);
+
+// A time and the text after its colon: "AT:NAME". The text may hold further colons. Throws
+// std::invalid_argument.
+struct NamedTime {
+  Timecode at;
+  std::string name;
+};
+NamedTime ParseNamedTime(std::string_view text);
+
+// "BEGIN:END:NAME". Throws std::invalid_argument.
+struct NamedRange {
+  TimeRange range;
+  std::string name;
+};
+NamedRange ParseNamedRange(std::string_view text);
+
+// "AT:LENGTH". Throws std::invalid_argument.
+struct TimeSpan {
+  Timecode at;
+  Timecode length;
+};
+TimeSpan ParseSpan(std::string_view text);
+
+// "H:MM:SS.mmm", rounded down to the millisecond. A rate that is not positive gives "unknown".
+std::string FormatDuration(std::int64_t frames, std::int32_t rate);
+
+}  // namespace marlinda

@@ -1,0 +1,46 @@
+// The host's text is UTF-8; Windows and the engine's interfaces take UTF-16.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <oleauto.h>
+
+#include <new>
+#include <string>
+#include <string_view>
+
+namespace marlinda {
+
+std::wstring Widen(std::string_view utf8);
+std::string Narrow(std::wstring_view wide);
+
+// True when the engine, whose text is in the system's ANSI code page, can hold the text unchanged.
+bool FitsCodePage(const std::wstring& text);
+
+// A string for or from an interface.
+class Bstr {
+ public:
+  Bstr() = default;
+  explicit Bstr(const std::wstring& text)
+      : text_(SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {
+    if (text_ == nullptr) throw std::bad_alloc();
+  }
+  explicit Bstr(std::string_view utf8) : Bstr(Widen(utf8)) {}
+  Bstr(const Bstr&) = delete;
+  Bstr& operator=(const Bstr&) = delete;
+  ~Bstr() { SysFreeString(text_); }
+
+  operator BSTR() const { return text_; }
+  // For an out parameter; frees what was held.
+  BSTR* Receive() {
+    SysFreeString(text_);
+    text_ = nullptr;
+    return &text_;
+  }
+  std::string utf8() const { return Narrow({text_, SysStringLen(text_)}); }
+
+ private:
+  BSTR text_ = nullptr;
+};
+
+}  // namespace marlinda

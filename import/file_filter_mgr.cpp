@@ -1,0 +1,104 @@
+#include "import/file_filter_mgr.h"
+
+#include <string>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "core/registry.h"
+#include "core/resource.h"
+#include "core/text.h"
+#include "import/filter_strings.h"
+
+namespace marlinda {
+namespace {
+
+// Below this no filter is ever chosen.
+constexpr SHORT kLowestMerit = -1;
+
+// A text that a foreign filter hands out, freed with the scope. Null where the filter gave none.
+class ReceivedText {
+ public:
+  ReceivedText() = default;
+  ReceivedText(const ReceivedText&) = delete;
+  ReceivedText& operator=(const ReceivedText&) = delete;
+  ~ReceivedText() { SysFreeString(text_); }
+  BSTR* Receive() noexcept { return &text_; }
+  std::string ToAnsi() const { return marlinda::ToAnsi(text_); }
+
+ private:
+  BSTR text_ = nullptr;
+};
+
+// The class identifiers in the list, as text. A list that cannot be opened is an empty one.
+std::vector<std::string> ListedClasses() {
+  std::vector<std::string> names;
+  std::vector<std::string> class_ids;
+  CRegistry registry;
+  registry.Open(HKEY_LOCAL_MACHINE, std::string(kSettingsKey) + "\\Import Filters", true);
+  registry.EnumStringValues(names, class_ids);
+  return class_ids;
+}
+
+// Null when the text is no class identifier or the class cannot be created as an import filter.
+ComPtr<IImportFilter> CreateFilter(const std::string& class_id) {
+  CLSID clsid = CLSID_NULL;
+  ComPtr<IImportFilter> filter;
+  const std::wstring text(class_id.begin(), class_id.end());
+  if (FAILED(CLSIDFromString(text.c_str(), &clsid))) return filter;
+  if (FAILED(CreateInstance(clsid, filter))) return nullptr;
+  return filter;
+}
+
+SHORT MeritOf(IImportFilter* filter) {
+  SHORT merit = kLowestMerit;
+  return SUCCEEDED(filter->GetMerit(&merit)) ? merit : kLowestMerit;
+}
+
+}  // namespace
+
+STDMETHODIMP CFileFilterMgr::CreateImportFilter(BSTR bstrPathName, IImportFilter** ppImportFilter) {
+  if (ppImportFilter == nullptr) return E_POINTER;
+  *ppImportFilter = nullptr;
+  return ComCall([&] {
+    ComPtr<IImportFilter> best;
+    SHORT best_merit = kLowestMerit;
+    for (const std::string& class_id : ListedClasses()) {
+      ComPtr<IImportFilter> filter = CreateFilter(class_id);
+      if (filter == nullptr) continue;
+      // Only S_OK accepts the file; S_FALSE refuses it. The merit is asked either way. Among equals
+      // the first in the list wins.
+      const bool accepts = filter->QueryCanLoad(bstrPathName) == S_OK;
+      const SHORT merit = MeritOf(filter.Get());
+      if (!accepts || merit <= best_merit) continue;
+      best = filter;
+      best_merit = merit;
+    }
+    *ppImportFilter = best.Detach();
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CFileFilterMgr::GetImportFilterString(BSTR* pbstrFilterString) {
+  if (pbstrFilterString == nullptr) return E_POINTER;
+  *pbstrFilterString = nullptr;
+  return ComCall([&] {
+    FilterStrings strings;
+    for (const std::string& class_id : ListedClasses()) {
+      const ComPtr<IImportFilter> filter = CreateFilter(class_id);
+      if (filter == nullptr) continue;
+      ReceivedText fragment;
+      ReceivedText patterns;
+      filter->GetFilterStrings(fragment.Receive(), patterns.Receive());
+      strings.Add(fragment.ToAnsi(), patterns.ToAnsi());
+    }
+    const CMarlindaModule& module = TheModule();
+    *pbstrFilterString =
+        ToBstr(strings.Compose(Format(module.LoadText(IDS_ALL_KNOWN_FILES), strings.patterns()),
+                               module.LoadText(IDS_ALL_FILES)));
+    return S_OK;
+  });
+}
+
+MARLINDA_DEFINE_CLASS(CFileFilterMgr)
+
+}  // namespace marlinda

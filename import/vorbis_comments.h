@@ -1,0 +1,23 @@
+// Vorbis comments as the five metadata texts that the engine knows.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace marlinda {
+
+struct MetaData {
+  std::string title;
+  std::string artist;
+  std::string album;
+  std::string year;
+  std::string genre;
+};
+
+// Takes one user comment, "KEY=value" with the key in any case, into `data`. A later comment
+// replaces an earlier one with the same key. DATE gives the year: its first four characters, so
+// that a full date counts too. Comments with other keys, without "=" or beginning with it are
+// ignored.
+void ApplyVorbisComment(std::string_view comment, MetaData& data);
+
+}  // namespace marlinda

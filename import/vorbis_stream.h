@@ -1,0 +1,68 @@
+// An Ogg Vorbis file as a run of 16-bit samples, decoded by libvorbisfile. Files are hostile until
+// proven otherwise: whatever they hold, reading ends and stays inside the caller's buffer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace marlinda {
+
+struct CloseFile {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
+
+class VorbisStream {
+ public:
+  // Takes the file over, which is open for binary reading. Null, and the file closed, when it is
+  // not an Ogg Vorbis file.
+  static std::unique_ptr<VorbisStream> Open(FilePointer file);
+
+  VorbisStream(const VorbisStream&) = delete;
+  VorbisStream& operator=(const VorbisStream&) = delete;
+  ~VorbisStream();
+
+  // The format of the first link of a chain; Read delivers nothing else.
+  std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
+  std::int16_t channels() const noexcept { return channels_; }
+
+  // Frames of the whole file as its headers have it, all links of a chain included. Not positive
+  // where the file does not tell. What is really delivered may differ in a damaged file.
+  std::int64_t total_frames() const noexcept { return total_frames_; }
+
+  // Of the compressed stream: what its header names or, where that names none, the average over the
+  // file. 0 when neither is known.
+  std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
+
+  // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
+  // its first NUL. They live as long as this object.
+  std::vector<std::string_view> Comments() const;
+
+  // Decodes the next block of interleaved 16-bit little-endian samples, whole frames, and returns
+  // its size in bytes: at least one frame and at most the buffer, which must be aligned for 16-bit
+  // integers. 0 at the end, which comes early
+  // - where a link of a chain changes the sample rate or the channel count, so that the format
+  //   announced stays true of all that is delivered;
+  // - at an error that the decoder cannot recover from. A hole (damaged or missing pages) is none:
+  //   decoding goes on with what comes after it.
+  std::size_t Read(std::span<std::byte> buffer) noexcept;
+
+ private:
+  struct Decoder;
+
+  explicit VorbisStream(std::unique_ptr<Decoder> decoder);
+
+  std::unique_ptr<Decoder> decoder_;
+  std::int32_t samples_per_sec_ = 0;
+  std::int16_t channels_ = 0;
+  std::int64_t total_frames_ = 0;
+  std::int32_t average_bytes_per_sec_ = 0;
+  bool ended_ = false;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,31 @@
+// A file that lives no longer than its handle.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "core/handle.h"
+
+namespace marlinda {
+
+class TemporaryFile {
+ public:
+  TemporaryFile() noexcept = default;
+  // Closes the file and deletes it by name too: it may have got a name and then not been opened.
+  ~TemporaryFile();
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  // Makes a file of a new name in `directory`, for reading and writing by this handle alone.
+  HRESULT Create(const std::string& directory, const char* prefix) noexcept;
+
+  // INVALID_HANDLE_VALUE while there is no file.
+  HANDLE handle() const noexcept { return handle_.get(); }
+
+ private:
+  FileHandle handle_;
+  char name_[MAX_PATH] = "";
+};
+
+}  // namespace marlinda

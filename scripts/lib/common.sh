@@ -1,0 +1,68 @@
+# What the scripts share: where things are, running a step, configuring and building a preset.
+# Sourced; sets `root`, and works from any current folder.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+logs=$root/build/logs
+mkdir -p "$logs"
+# Compilers and test programs put their temporary files here; whatever happens, none stays behind in
+# the system's folder.
+export TMPDIR=$root/build/tmp
+mkdir -p "$TMPDIR"
+
+die() {
+  echo "${0##*/}: $*" >&2
+  exit 1
+}
+
+# step [-q] WHAT REMEDY COMMAND...: runs a command with its output in a log. One line on success (none
+# with -q); on failure the end of the log, where the rest of it is, and what may help.
+step() {
+  local quiet=
+  if [[ $1 == -q ]]; then
+    quiet=1
+    shift
+  fi
+  local what=$1 remedy=$2 started=$SECONDS log status=0
+  shift 2
+  log=$logs/$(tr -cs 'A-Za-z0-9\n' - <<<"$what").log
+  "$@" >"$log" 2>&1 </dev/null || status=$?
+  if [[ $status -ne 0 ]]; then
+    tail -n 30 "$log" >&2
+    {
+      echo
+      echo "${0##*/}: failed: $what (status $status)"
+      echo "  all of its output: ${log#"$root"/}"
+      echo "  what may help: $remedy"
+    } >&2
+    return "$status"
+  fi
+  [[ -n $quiet ]] || say "$what" $((SECONDS - started))
+}
+
+# say WHAT SECONDS: the line of a step that has succeeded.
+say() { printf '  %-52s %4d s\n' "$1" "$2"; }
+
+# configure PRESET [CMAKE ARGUMENTS...]: only when something changed that the build does not see.
+configure() {
+  local preset=$1 folder=$root/build/$1
+  shift
+  # A clone that was moved or copied has the old place in its cache.
+  if [[ -f $folder/CMakeCache.txt ]] &&
+    ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$folder/CMakeCache.txt"; then
+    rm -rf "$folder"
+  fi
+  if [[ ! -f $folder/build.ninja || $root/CMakePresets.json -nt $folder/CMakeCache.txt || $# -gt 0 ]]; then
+    step -q "configure $preset" "scripts/setup.sh installs what is missing; rm -r build/$preset starts afresh" \
+      cmake -S "$root" --preset "$preset" "$@"
+  fi
+}
+
+# compile PRESET [TARGET...]: configures and builds.
+compile() {
+  local preset=$1 targets=()
+  shift
+  [[ $# -eq 0 ]] || targets=(--target "$@")
+  configure "$preset"
+  step "build $preset" "the first line with 'error' in the log names the place" \
+    cmake --build "$root/build/$preset" "${targets[@]}"
+}

@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Installs what is missing on a Debian machine, as root, and builds the libraries that the engine
+# links:
+#   scripts/setup.sh [GROUP...]     groups: build test demo lint bench fuzz; "build test" by default
+# Takes a fraction of a second when nothing is missing.
+. "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
+
+# Cross compilers, interface compiler (widl and the files it reads), header-only libraries, and what
+# fetching and building the source packages of libogg and libvorbis takes.
+build=(
+  cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
+  wine64-tools libwine-dev libwine libcli11-dev nlohmann-json3-dev
+  dpkg-dev ca-certificates xz-utils
+)
+# Wine and its display.
+wine=(wine64 libwine xvfb)
+# The programs that describe the demo's result.
+demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
+# The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
+# writes.
+test=(
+  "${build[@]}" "${wine[@]}" g++ googletest clang-format python3
+  sox sndfile-programs vorbis-tools mediainfo ffmpeg
+)
+lint=("${build[@]}" g++ googletest clang-format clang-tidy)
+bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)
+fuzz=(cmake ninja-build dpkg-dev ca-certificates xz-utils g++ clang libclang-rt-14-dev)
+
+groups=("$@")
+[[ ${#groups[@]} -gt 0 ]] || groups=(build test)
+packages=()
+for group in "${groups[@]}"; do
+  case $group in
+    build | demo | test | lint | bench | fuzz) declare -n members=$group ;;
+    *)
+      echo "usage: setup.sh [build|test|demo|lint|bench|fuzz ...]" >&2
+      exit 2
+      ;;
+  esac
+  packages+=("${members[@]}")
+done
+
+missing=()
+installed=$(dpkg-query -W -f '${db:Status-Abbrev}${Package}\n' "${packages[@]}" 2>/dev/null || true)
+for package in $(printf '%s\n' "${packages[@]}" | sort -u); do
+  grep -qxF "ii $package" <<<"$installed" || missing+=("$package")
+done
+
+if [[ ${#missing[@]} -gt 0 ]]; then
+  [[ $(id -u) -eq 0 ]] ||
+    die "these packages are missing; as root: apt-get install --no-install-recommends ${missing[*]}"
+  command -v apt-get >/dev/null || die "these packages are missing, and there is no apt-get: ${missing[*]}"
+  echo "Installing ${#missing[@]} packages: ${missing[*]}"
+  apt() {
+    DEBIAN_FRONTEND=noninteractive TMPDIR=/tmp apt-get -y -o DPkg::Lock::Timeout=300 "$@"
+  }
+  # One unreachable list need not matter; whether the packages can be had shows below.
+  step -q "read the package lists" "is the network there?" apt update || true
+  step "install packages" "repair what apt-get reports above, then run this again" \
+    apt install --no-install-recommends "${missing[@]}"
+fi
+
+# The libraries are needed for the machine's own kernels only where those are built.
+targets=()
+libraries=(libogg libvorbis)
+for group in "${groups[@]}"; do
+  [[ $group == fuzz ]] || targets+=(x64 x86)
+  [[ $group == build || $group == demo ]] || targets+=(native)
+  [[ $group != bench ]] || libraries+=(benchmark)
+done
+"$root/scripts/build-dependencies" --only "${libraries[*]}" "${targets[@]}"

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything and runs every test: the kernels natively, plain and under
+# the sanitizers, then kernels and components under Wine, and checks the format of the code. Ends with
+# one summary; the status is 0 only if everything passed.
+. "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
+started=$SECONDS
+
+"$root/scripts/setup.sh" build test
+echo "Building"
+for preset in x64 x86 native asan tsan; do
+  compile "$preset"
+done
+
+echo "Testing"
+passed=0 failed=0 skipped=0 broken=()
+
+# count LOG: "passed failed skipped" of the single tests in CTest's log. A program that died before
+# its closing line, or that is no GoogleTest program, counts as one test.
+count() {
+  awk '
+    / Testing: / { ran = bad = left = 0 }
+    /^\[==========\] [0-9]+ tests? from .* ran/ { ran += $2 }
+    /^\[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $4 }
+    /^\[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $4 }
+    /^Test (Passed|Failed)\./ {
+      whole = /Passed/
+      if (ran == 0) { ran = 1; bad = !whole }
+      else if (!whole && bad == 0) { ran++; bad = 1 }
+      passed += ran - bad - left; failed += bad; skipped += left
+    }
+    END { print passed + 0, failed + 0, skipped + 0 }' "$1"
+}
+
+# suite PRESET WHAT [COMMAND...]: the tests of one preset, run by the command.
+suite() {
+  local preset=$1 what=$2 begun=$SECONDS status=0 good bad left
+  shift 2
+  local log=$root/build/$preset/Testing/Temporary/LastTest.log
+  rm -f "$log"
+  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error -j "$(nproc)") \
+    >"$logs/test-$preset.log" 2>&1 </dev/null || status=$?
+  read -r good bad left < <(count "$log" 2>/dev/null || echo 0 0 0)
+  # Whatever CTest says counts, also where no single test says why.
+  [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
+  passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))
+  if [[ $bad -eq 0 ]]; then
+    say "$what: $good tests" $((SECONDS - begun))
+    return
+  fi
+  broken+=("$what")
+  grep -E '^\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' \
+    "$logs/test-$preset.log" | sort -u | head -n 40 >&2
+  tail -n 15 "$logs/test-$preset.log" >&2
+  echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$preset.log" >&2
+  echo "  again: ctest --preset $preset --rerun-failed --output-on-failure" >&2
+}
+
+suite native "kernels, native"
+suite asan "kernels under AddressSanitizer and UBSan"
+suite tsan "kernels under ThreadSanitizer"
+suite x64 "kernels and components under Wine" "$root/scripts/wine-session"
+
+if step "format of the code" "clang-format -i FILE puts it right" "$root/scripts/lib/check-format"; then
+  passed=$((passed + 1))
+else
+  failed=$((failed + 1)) broken+=("format of the code")
+fi
+
+echo
+if [[ $failed -gt 0 ]]; then
+  printf 'Failed: %s\n' "${broken[@]}"
+fi
+echo "All of it took $((SECONDS - started)) s."
+echo "$passed passed, $failed failed, $skipped skipped"
+[[ $failed -eq 0 && $passed -gt 1 ]]

@@ -1,0 +1,104 @@
+#include "core/worker_thread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+
+#include "core/module.h"
+
+namespace marlinda {
+namespace {
+
+// What a test and its worker share. A worker that is never let go ends the test by its time limit.
+struct Shared {
+  KernelHandle go{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::atomic<int> runs{0};
+  std::atomic<DWORD> thread{0};
+
+  void WaitForGo() const { WaitForSingleObject(go.get(), INFINITE); }
+};
+
+class WorkerThreadTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+};
+
+TEST_F(WorkerThreadTest, RunsItsBodyOnAnotherThreadAndSaysSo) {
+  WorkerThread worker;
+  EXPECT_FALSE(worker.IsRunning());
+  worker.PollUntilEnded(1);
+  ASSERT_EQ(worker.Start([shared = shared_] {
+    shared->thread = GetCurrentThreadId();
+    shared->WaitForGo();
+    ++shared->runs;
+  }),
+            S_OK);
+  EXPECT_TRUE(worker.IsRunning());
+  EXPECT_FALSE(TheModule().CanUnload());
+  EXPECT_EQ(worker.Start([] {}), E_FAIL) << "one thread at a time";
+  SetEvent(shared_->go.get());
+  worker.PollUntilEnded(1);
+  EXPECT_FALSE(worker.IsRunning());
+  EXPECT_EQ(shared_->runs, 1);
+  EXPECT_NE(shared_->thread, GetCurrentThreadId());
+  EXPECT_TRUE(TheModule().CanUnload());
+}
+
+TEST_F(WorkerThreadTest, StartsAgainAfterItHasEnded) {
+  WorkerThread worker;
+  for (int run = 1; run <= 100; ++run) {
+    ASSERT_EQ(worker.Start([shared = shared_] { ++shared->runs; }), S_OK);
+    worker.PollUntilEnded(0);
+    EXPECT_EQ(shared_->runs, run);
+  }
+}
+
+TEST_F(WorkerThreadTest, SurvivesAnExceptionOfItsBody) {
+  WorkerThread worker;
+  ASSERT_EQ(worker.Start([] { throw std::runtime_error("lost"); }), S_OK);
+  worker.PollUntilEnded(1);
+  ASSERT_EQ(worker.Start([] { throw 1; }), S_OK);
+  worker.PollUntilEnded(1);
+  ASSERT_EQ(worker.Start([shared = shared_] { ++shared->runs; }), S_OK);
+  worker.PollUntilEnded(1);
+  EXPECT_EQ(shared_->runs, 1);
+  EXPECT_TRUE(TheModule().CanUnload());
+}
+
+TEST_F(WorkerThreadTest, WaitsForItsBodyWhenItIsDestroyed) {
+  {
+    WorkerThread worker;
+    ASSERT_EQ(worker.Start([shared = shared_] {
+      shared->WaitForGo();
+      Sleep(20);
+      ++shared->runs;
+    }),
+              S_OK);
+    SetEvent(shared_->go.get());
+  }
+  EXPECT_EQ(shared_->runs, 1);
+  EXPECT_EQ(shared_.use_count(), 1) << "what the body held is let go with it";
+}
+
+// The last release of an object may happen on its own worker, when a writer that the worker calls
+// holds it.
+TEST_F(WorkerThreadTest, MayBeDestroyedOnItsOwnThread) {
+  auto worker = std::make_unique<WorkerThread>();
+  WorkerThread& started = *worker;
+  auto owner = std::make_shared<std::unique_ptr<WorkerThread>>(std::move(worker));
+  ASSERT_EQ(started.Start([shared = shared_, owner] {
+    shared->WaitForGo();
+    (*owner)->PollUntilEnded(1000000);
+    owner->reset();
+    ++shared->runs;
+  }),
+            S_OK);
+  SetEvent(shared_->go.get());
+  while (shared_->runs == 0 || !TheModule().CanUnload()) Sleep(1);
+  EXPECT_EQ(*owner, nullptr);
+}
+
+}  // namespace
+}  // namespace marlinda

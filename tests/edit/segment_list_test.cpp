@@ -1,0 +1,310 @@
+#include "edit/segment_list.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace marlinda {
+namespace {
+
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+
+// A counted source, told apart by its number. Null is silence.
+using Source = std::shared_ptr<const int>;
+using List = SegmentList<Source>;
+using Segment = List::Segment;
+
+Source MakeSource(int number) { return std::make_shared<const int>(number); }
+
+std::string Text(const std::vector<Segment>& segments) {
+  std::string text;
+  for (const Segment& segment : segments) {
+    text += segment.source ? static_cast<char>('A' + *segment.source) : '-';
+    text += "[" + std::to_string(segment.begin) + "," + std::to_string(segment.end) + ") ";
+  }
+  if (!text.empty()) text.pop_back();
+  return text;
+}
+
+std::string Text(const List& list) { return Text(list.All()); }
+
+std::string Iterate(List& list) {
+  std::vector<Segment> met;
+  for (const Segment* segment = list.First(); segment != nullptr; segment = list.Next()) {
+    met.push_back(*segment);
+  }
+  return Text(met);
+}
+
+// The rules as a plain walk over a plain list.
+class WalkedList {
+ public:
+  void Append(const Segment& segment) { segments_.push_back(segment); }
+
+  void Insert(std::int64_t position, const std::vector<Segment>& inserted) {
+    const std::size_t at = SplitAt(position);
+    segments_.insert(segments_.begin() + static_cast<std::ptrdiff_t>(at), inserted.begin(),
+                     inserted.end());
+  }
+
+  std::vector<Segment> Cut(std::int64_t begin, std::int64_t end) const {
+    std::vector<Segment> pieces;
+    std::int64_t offset = 0;
+    for (const Segment& segment : segments_) {
+      CSection piece(segment.begin, segment.end);
+      if (begin > offset) piece.begin = segment.begin + (begin - offset);
+      if (segment.begin + (end - offset) < segment.end) {
+        piece.end = segment.begin + (end - offset);
+      }
+      if (piece.end - piece.begin > 0) {
+        pieces.emplace_back(segment.source, piece.begin, piece.end);
+      }
+      offset += segment.end - segment.begin;
+    }
+    return pieces;
+  }
+
+  std::int64_t Length() const {
+    std::int64_t sum = 0;
+    for (const Segment& segment : segments_) sum += segment.end - segment.begin;
+    return sum;
+  }
+
+  const std::vector<Segment>& segments() const { return segments_; }
+
+ private:
+  // Number of segments before the place of an insertion.
+  std::size_t SplitAt(std::int64_t position) {
+    if (position == 0) return 0;
+    std::int64_t offset = 0;
+    for (std::size_t i = 0; i < segments_.size(); ++i) {
+      const std::int64_t length = segments_[i].end - segments_[i].begin;
+      if (position == offset + length) return i + 1;
+      if (position < offset + length) {
+        Segment second = segments_[i];
+        second.begin = segments_[i].begin + (position - offset);
+        segments_[i].end = second.begin;
+        segments_.insert(segments_.begin() + static_cast<std::ptrdiff_t>(i) + 1, second);
+        return i + 1;
+      }
+      offset += length;
+    }
+    return segments_.size();
+  }
+
+  std::vector<Segment> segments_;
+};
+
+// Random edits on both lists. `odd_percent` of the segments are empty or backward.
+class RandomEdits {
+ public:
+  RandomEdits(unsigned seed, int odd_percent) : random_(seed), odd_percent_(odd_percent) {
+    for (int i = 0; i < 5; ++i) sources_.push_back(MakeSource(i));
+    sources_.push_back(nullptr);
+  }
+
+  void Step() {
+    switch (Draw(0, 9)) {
+      case 0: {
+        const Segment segment = RandomSegment();
+        list_.Append(segment);
+        walked_.Append(segment);
+        break;
+      }
+      case 1: {
+        // Now and then enough at once to fill several blocks.
+        std::vector<Segment> many;
+        for (std::int64_t n = Draw(0, Draw(0, 8) == 0 ? 900 : 4); n > 0; --n) {
+          many.push_back(RandomSegment());
+        }
+        Insert(many);
+        break;
+      }
+      default:
+        Insert({RandomSegment()});
+    }
+  }
+
+  void Compare() {
+    ASSERT_EQ(list_.Length(), walked_.Length());
+    ASSERT_EQ(list_.Count(), walked_.segments().size());
+    for (int i = 0; i < 3; ++i) {
+      const std::int64_t begin = RandomPosition();
+      const std::int64_t end = i == 0 ? RandomPosition() : begin + Draw(-5, 200);
+      ASSERT_EQ(Text(list_.Cut({begin, end})), Text(walked_.Cut(begin, end)));
+    }
+  }
+
+  void CompareWhole() {
+    ASSERT_EQ(Text(list_), Text(walked_.segments()));
+    ASSERT_EQ(Iterate(list_), Text(walked_.segments()));
+  }
+
+  std::size_t Count() const { return list_.Count(); }
+
+ private:
+  std::int64_t Draw(std::int64_t low, std::int64_t high) {
+    return std::uniform_int_distribution<std::int64_t>(low, high)(random_);
+  }
+
+  Segment RandomSegment() {
+    const std::int64_t begin = Draw(-1000, 1000);
+    const bool odd = Draw(0, 99) < odd_percent_;
+    return {sources_[static_cast<std::size_t>(Draw(0, 5))], begin,
+            begin + (odd ? Draw(-60, 0) : Draw(1, 60))};
+  }
+
+  std::int64_t RandomPosition() {
+    const std::int64_t length = walked_.Length();
+    const std::int64_t low = std::min<std::int64_t>(0, length);
+    const std::int64_t high = std::max<std::int64_t>(0, length);
+    return Draw(0, 9) == 0 ? Draw(low - 300, high + 300) : Draw(low, high);
+  }
+
+  void Insert(const std::vector<Segment>& segments) {
+    const std::int64_t position = RandomPosition();
+    list_.Insert(position, segments);
+    walked_.Insert(position, segments);
+  }
+
+  std::mt19937 random_;
+  int odd_percent_;
+  std::vector<Source> sources_;
+  List list_;
+  WalkedList walked_;
+};
+
+TEST(SegmentList, GivesWhatAWalkOverThePlainListGives) {
+  for (const int odd_percent : {0, 1, 30, 80}) {
+    SCOPED_TRACE(odd_percent);
+    RandomEdits edits(20 + static_cast<unsigned>(odd_percent), odd_percent);
+    for (int step = 0; step < 400; ++step) {
+      edits.Step();
+      edits.Compare();
+      if (step % 100 == 0) edits.CompareWhole();
+      if (HasFatalFailure()) return;
+    }
+    edits.CompareWhole();
+    // Fewer would not leave the first blocks of the list.
+    EXPECT_GT(edits.Count(), 2000u);
+  }
+}
+
+class SegmentListTest : public ::testing::Test {
+ protected:
+  const Source a_ = MakeSource(0);
+  const Source b_ = MakeSource(1);
+  List list_;
+};
+
+TEST_F(SegmentListTest, SplitsOnlyInsideASegment) {
+  list_.Append({a_, 100, 200});
+  list_.Append({b_, 0, 50});
+  list_.Insert(100, {{nullptr, 0, 1}});
+  EXPECT_EQ(Text(list_), "A[100,200) -[0,1) B[0,50)");
+  list_.Insert(0, {{nullptr, 0, 2}});
+  EXPECT_EQ(Text(list_), "-[0,2) A[100,200) -[0,1) B[0,50)");
+  list_.Insert(12, {{b_, 7, 8}});
+  EXPECT_EQ(Text(list_), "-[0,2) A[100,110) B[7,8) A[110,200) -[0,1) B[0,50)");
+  list_.Insert(1000, {{a_, 0, 1}});
+  EXPECT_EQ(Text(list_), "-[0,2) A[100,110) B[7,8) A[110,200) -[0,1) B[0,50) A[0,1)");
+  // Nothing to insert still splits.
+  list_.Insert(1, {});
+  EXPECT_EQ(Text(list_), "-[0,1) -[1,2) A[100,110) B[7,8) A[110,200) -[0,1) B[0,50) A[0,1)");
+}
+
+TEST_F(SegmentListTest, StoresEmptyAndBackwardSegmentsAsGiven) {
+  list_.Append({a_, 10, 10});
+  list_.Append({b_, 50, 20});
+  EXPECT_EQ(list_.Length(), -30);
+  EXPECT_EQ(Text(list_), "A[10,10) B[50,20)");
+  EXPECT_EQ(Text(list_.Cut({-100, 100})), "");
+  // The frames behind a backward segment come to lie at positions that were passed before.
+  list_.Append({a_, 0, 40});
+  EXPECT_EQ(list_.Length(), 10);
+  EXPECT_EQ(Text(list_.Cut({0, 10})), "A[30,40)");
+  EXPECT_EQ(Text(list_.Cut({-30, 0})), "A[0,30)");
+}
+
+TEST_F(SegmentListTest, CutsBeforeTheBeginOfTheFirstSegmentAtANegativePosition) {
+  list_.Append({a_, 100, 200});
+  list_.Insert(-10, {{b_, 0, 5}});
+  EXPECT_EQ(Text(list_), "A[100,90) B[0,5) A[90,200)");
+  EXPECT_EQ(list_.Length(), 105);
+}
+
+TEST_F(SegmentListTest, TakesTheLargestPositionAsTheEnd) {
+  list_.Append({a_, 100, 200});
+  list_.Append({b_, kMax - 10, kMax});
+  list_.Append({nullptr, kMin, kMin + 5});
+  const std::string whole = "A[100,200) B[" + std::to_string(kMax - 10) + "," +
+                            std::to_string(kMax) + ") -[" + std::to_string(kMin) + "," +
+                            std::to_string(kMin + 5) + ")";
+  EXPECT_EQ(Text(list_.Cut({0, kMax})), whole);
+  EXPECT_EQ(Text(list_.Cut({kMin, kMax})), whole);
+  EXPECT_EQ(Text(list_.Cut({kMax, kMin})), "");
+  EXPECT_EQ(Text(list_.Cut({kMin, 1})), "A[100,101)");
+  EXPECT_EQ(Text(list_.Cut({kMax - 1, kMax})), "");
+  EXPECT_EQ(Text(list_.Cut({kMin, kMin + 1})), "");
+  list_.Insert(kMax, {{a_, 1, 2}});
+  EXPECT_EQ(Text(list_), whole + " A[1,2)");
+}
+
+TEST_F(SegmentListTest, SurvivesLengthsThatDoNotFit) {
+  // Two of these wrap around; whatever comes out, it comes out of the walk and stays in bounds.
+  for (int i = 0; i < 600; ++i) {
+    list_.Append({a_, 0, 3});
+    list_.Append({b_, kMin, kMax});
+    list_.Append({a_, kMax, kMin});
+    list_.Append({b_, 0, kMax});
+  }
+  const std::vector<std::int64_t> positions = {kMin, kMin + 1, -1, 0, 1, 5, kMax - 1, kMax};
+  for (const std::int64_t position : positions) {
+    list_.Insert(position, {{nullptr, 0, 1}});
+    for (const Segment& piece : list_.Cut({position, SaturatingAdd(position, 10)})) {
+      EXPECT_LT(piece.begin, piece.end);
+      EXPECT_LE(WrappingSubtract(piece.end, piece.begin), 10);
+    }
+  }
+  EXPECT_EQ(Text(list_.Cut({0, 1})).substr(0, 6), "-[0,1)");
+}
+
+TEST_F(SegmentListTest, GivesEveryReferenceBack) {
+  {
+    List list;
+    for (int i = 0; i < 1000; ++i) list.Append({a_, 0, 10});
+    EXPECT_EQ(a_.use_count(), 1001);
+    for (int i = 0; i < 1000; ++i) list.Insert(i * 7 + 3, {{b_, 0, 1}});
+    EXPECT_EQ(b_.use_count(), 1001);
+    const auto pieces = list.Cut({5, 25});
+    EXPECT_GT(pieces.size(), 2u);
+  }
+  EXPECT_EQ(a_.use_count(), 1);
+  EXPECT_EQ(b_.use_count(), 1);
+}
+
+TEST_F(SegmentListTest, IterationStaysOnItsSegmentAndEndsForGood) {
+  EXPECT_EQ(list_.First(), nullptr);
+  for (int i = 0; i < 600; ++i) list_.Append({a_, i, i + 1});
+  EXPECT_EQ(list_.First()->begin, 0);
+  for (int i = 1; i <= 300; ++i) ASSERT_EQ(list_.Next()->begin, i);
+  // Neither what comes in front nor what comes behind makes it lose or repeat a segment.
+  list_.Insert(10, std::vector<Segment>(700, Segment(b_, 0, 1)));
+  EXPECT_EQ(list_.Next()->begin, 301);
+  list_.Insert(list_.Length() - 1, {{b_, 5, 6}});
+  for (int i = 302; i < 599; ++i) ASSERT_EQ(list_.Next()->begin, i);
+  EXPECT_EQ(list_.Next()->source, b_);
+  EXPECT_EQ(list_.Next()->begin, 599);
+  EXPECT_EQ(list_.Next(), nullptr);
+  list_.Append({a_, 0, 1});
+  EXPECT_EQ(list_.Next(), nullptr);
+}
+
+}  // namespace
+}  // namespace marlinda

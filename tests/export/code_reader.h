@@ -1,0 +1,158 @@
+// A source whose samples are known PCM codes, with a say in what each read does.
+#pragma once
+
+#include <marlinda.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "tests/export/riff_builder.h"
+
+namespace marlinda::testing {
+
+// The code of the sample with this index (frame * channels + channel), spread over the width. The
+// most negative code is left out: not every width can reach it.
+inline std::int32_t CodeAt(std::uint64_t index, int bits) {
+  const auto spread = static_cast<std::uint32_t>((index + 1) * 2654435761U);
+  // A float holds 24 bits: codes of 32 bits have their low byte 0.
+  const std::int32_t code = static_cast<std::int32_t>(spread) >> (bits == 32 ? 8 : 32 - bits);
+  const std::int32_t lowest = -(1 << (std::min(bits, 24) - 1));
+  return std::max(code, lowest + 1) * (bits == 32 ? 256 : 1);
+}
+
+// The float that the engine's rules turn into that code.
+inline float SampleAt(std::uint64_t index, int bits) {
+  const auto code = static_cast<float>(CodeAt(index, bits));
+  switch (bits) {
+    case 8:
+      return code / 127.0F;
+    case 16:
+      return code / 32767.0F;
+    case 24:
+      return code / 8388608.0F;
+    default:
+      return code / 2147483648.0F;
+  }
+}
+
+// Bytes of the samples from `first` on, as the file must have them.
+inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits) {
+  riff::Bytes result;
+  for (std::uint64_t index = first; index < first + count; ++index) {
+    // 8-bit samples are unsigned around 128.
+    const auto code = static_cast<std::uint32_t>(CodeAt(index, bits) + (bits == 8 ? 128 : 0));
+    for (int shift = 0; shift < bits; shift += 8) {
+      result.push_back(static_cast<unsigned char>(code >> shift));
+    }
+  }
+  return result;
+}
+
+// Outlives its reader.
+struct ReaderLog {
+  struct Block {
+    __int64 position;
+    std::size_t samples;
+    bool operator==(const Block&) const = default;
+  };
+  std::vector<Block> Blocks() {
+    const std::lock_guard lock(mutex);
+    return blocks;
+  }
+
+  std::mutex mutex;
+  std::vector<Block> blocks;
+  std::atomic<DWORD> released_on_thread{0};  // 0 while the reader lives
+};
+
+class CodeReader final : public IAudioReader {
+ public:
+  struct Setup {
+    LONG samples_per_sec = 44100;
+    SHORT channels = 1;
+    __int64 frames = 0;
+    int bits = 16;
+    // Runs before each read. A failure is returned, and the block left as this left it.
+    std::function<HRESULT(__int64 position, std::span<float> samples)> before_read = {};
+    HRESULT format_result = S_OK;  // a failure leaves format and length unanswered
+  };
+
+  static ComPtr<IAudioReader> Create(Setup setup, std::shared_ptr<ReaderLog> log = {}) {
+    ComPtr<IAudioReader> reader;
+    *reader.GetAddressOf() = new CodeReader(std::move(setup), std::move(log));
+    return reader;
+  }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    const bool is_ours = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ||
+                         IsEqualIID(iid, IID_IAudioReader);
+    *object = is_ours ? this : nullptr;
+    if (!is_ours) return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) {
+      if (log_) log_->released_on_thread = GetCurrentThreadId();
+      delete this;
+    }
+    return left;
+  }
+
+  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    return E_NOTIMPL;
+  }
+
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    const std::span<float> samples(static_cast<float*>(psaAudioData->pvData),
+                                   psaAudioData->rgsabound[0].cElements);
+    if (log_) {
+      const std::lock_guard lock(log_->mutex);
+      log_->blocks.push_back({nSamplePos, samples.size()});
+    }
+    if (setup_.before_read) {
+      const HRESULT hr = setup_.before_read(nSamplePos, samples);
+      if (FAILED(hr)) return hr;
+    }
+    std::uint64_t index = static_cast<std::uint64_t>(nSamplePos) * setup_.channels;
+    for (float& sample : samples) sample = SampleAt(index++, setup_.bits);
+    return S_OK;
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    if (FAILED(setup_.format_result)) return setup_.format_result;
+    *pnSamplesPerSec = setup_.samples_per_sec;
+    *pnChannels = setup_.channels;
+    return S_OK;
+  }
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    if (FAILED(setup_.format_result)) return setup_.format_result;
+    *pnSamples = setup_.frames;
+    return S_OK;
+  }
+  STDMETHODIMP OpenDevice() override { return S_OK; }
+  STDMETHODIMP CloseDevice() override { return S_OK; }
+
+ private:
+  CodeReader(Setup setup, std::shared_ptr<ReaderLog> log)
+      : setup_(std::move(setup)), log_(std::move(log)) {}
+  ~CodeReader() = default;
+
+  const Setup setup_;
+  const std::shared_ptr<ReaderLog> log_;
+  std::atomic<ULONG> references_{1};
+};
+
+}  // namespace marlinda::testing

@@ -1,0 +1,78 @@
+// Writes WAV files through the export filter into the current folder, for foreign programs to
+// judge, and beside each the bare samples that they must find in it.
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <string>
+
+#include "tests/export/code_reader.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+struct Sample {
+  const wchar_t* name;
+  LONG rate;
+  SHORT channels;
+  SHORT bits;
+  __int64 frames;
+};
+
+constexpr Sample kSamples[] = {
+    {L"mono8", 22050, 1, 8, 1000},      {L"mono8_odd", 8000, 1, 8, 1001},
+    {L"stereo16", 44100, 2, 16, 70000}, {L"three16", 48000, 3, 16, 500},
+    {L"six24", 48000, 6, 24, 333},      {L"eight32", 96000, 8, 32, 100},
+    {L"empty16", 44100, 2, 16, 0},
+};
+
+void Annotate(const ComPtr<IExportFilter>& filter) {
+  Check(As<ILabelSupport>(filter)->AddLabel(100, Bstr(L"Verse")));
+  Check(As<ILabelSupport>(filter)->AddLabel(200, Bstr(L"Chorus")));
+  Check(As<ISectionMarkerSupport>(filter)->AddSectionMarker(300, 400, Bstr(L"Solo")));
+  Check(As<IMetaDataWriter>(filter)->SetMetaData(
+      Bstr(L"A Title"), Bstr(L"An Artist"), Bstr(L"An Album"), Bstr(L"2009"), Bstr(L"A Genre")));
+  Check(As<IAcidWriter>(filter)->SetAcidData(60, 4, 4, 8, 120.0F));
+}
+
+void Write(const Sample& sample, bool is_annotated) {
+  const std::filesystem::path folder = std::filesystem::current_path();
+  const std::wstring name = sample.name + std::wstring(is_annotated ? L"_annotated" : L"");
+  const auto reader = CodeReader::Create({.samples_per_sec = sample.rate,
+                                          .channels = sample.channels,
+                                          .frames = sample.frames,
+                                          .bits = sample.bits});
+  auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+  Check(filter->Initialize(Bstr(folder / (name + L".wav")), reader.Get()));
+  Check(filter->SetBitsPerSample(sample.bits));
+  if (is_annotated) Annotate(filter);
+  auto task = As<ICoreTask>(filter);
+  Check(task->Start());
+  if (!WaitForTask(task.Get())) throw std::runtime_error("an export does not end");
+  WriteFileBytes(folder / (name + L".raw"),
+                 CodesAsPcm(0, sample.frames * sample.channels, sample.bits));
+}
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main() {
+  using namespace marlinda::testing;
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  int result = 1;
+  try {
+    ModuleUnderTest::Load();
+    for (const Sample& sample : kSamples) {
+      Write(sample, false);
+      Write(sample, true);
+    }
+    result = 0;
+  } catch (const marlinda::HResultError& error) {
+    std::fprintf(stderr, "HRESULT 0x%08lX\n", static_cast<unsigned long>(error.code()));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+  }
+  ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return result;
+}

@@ -1,0 +1,367 @@
+"""Runs marlinda.exe as its users do and lets foreign programs judge what it writes.
+
+Called inside a Wine session of its own: host_test.py PATH/marlinda.exe [unittest arguments]
+"""
+
+import array
+import json
+import os
+import pathlib
+import resource
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import wave
+
+PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
+WINE = os.environ["TESSALY_WINE"]
+ENVIRONMENT = dict(os.environ, LC_ALL="C.UTF-8")
+RATE = 44100
+FRAMES = 3 * RATE
+FILTER_KEY = r"HKLM\Software\Brevant\Cutloom\Import Filters"
+OGG_CLASS = "{2A54BF54-1E13-4AC8-A8FB-EA25D67E29C0}"
+
+
+def windows(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
+def start(*arguments, program=PROGRAM, most_bytes=None):
+    """Starts the program; none of its files can grow beyond so many bytes, as on a full disk."""
+    def limit():
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (most_bytes, most_bytes))
+
+    words = [windows(word) if isinstance(word, pathlib.Path) else word for word in arguments]
+    return subprocess.Popen([WINE, str(program), *words], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            preexec_fn=limit if most_bytes else None)
+
+
+def run(*arguments, **options):
+    """(exit status, standard output, standard error)"""
+    process = start(*arguments, **options)
+    output, messages = process.communicate(timeout=120)
+    return process.returncode, output.decode("utf-8"), messages.decode("utf-8")
+
+
+def tool(*words):
+    return subprocess.run([str(word) for word in words], check=True, env=ENVIRONMENT,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE).stdout
+
+
+def reg(*words):
+    return subprocess.run([WINE, "reg", *words], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).returncode
+
+
+def chunks(data):
+    """The chunks of a RIFF body as (tag, body) pairs."""
+    found = []
+    position = 0
+    while position < len(data):
+        tag, size = struct.unpack_from("<4sI", data, position)
+        found.append((tag.decode(), data[position + 8:position + 8 + size]))
+        position += 8 + size
+    return found
+
+
+def annotations(path):
+    """Labels and markers of a WAV file as a reader of its cue and adtl chunks sees them."""
+    file = dict((tag + body[:4].decode("latin1") if tag == "LIST" else tag, body)
+                for tag, body in chunks(path.read_bytes()[12:]))
+    points = {}
+    for i in range(struct.unpack_from("<I", file["cue "])[0]):
+        name, _, _, _, _, offset = struct.unpack_from("<IIIIII", file["cue "], 4 + 24 * i)
+        points[name] = offset
+    labels, markers = [], []
+    for tag, body in chunks(file["LISTadtl"][4:]):
+        begin = points[struct.unpack_from("<I", body)[0]]
+        if tag == "labl":
+            labels.append((begin, body[4:].split(b"\0")[0].decode()))
+        else:
+            length = struct.unpack_from("<I", body, 4)[0]
+            markers.append((begin, begin + length, body[20:].split(b"\0")[0].decode()))
+    return labels, markers
+
+
+class HostTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.shared = tempfile.TemporaryDirectory()
+        folder = pathlib.Path(cls.shared.name)
+        cls.ogg = folder / "in.ogg"
+        # A gliding tone and noise, so that no two stretches of the audio are alike.
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 16, folder / "in.wav", "synth", 3, "sine",
+             "100:9000", "pinknoise", "vol", 0.5)
+        tool("oggenc", "-Q", "-s", 1, "-t", "Glide", "-a", "Nobody", "-l", "Tests", "-d",
+             "2009-05-01", "-G", "Noise", folder / "in.wav", "-o", cls.ogg)
+        # What everything else is compared with, bit for bit; one test compares it with oggdec.
+        assert run("convert", cls.ogg, folder / "all.wav")[0] == 0
+        with wave.open(str(folder / "all.wav")) as file:
+            cls.samples = file.readframes(file.getnframes())
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.shared.cleanup()
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.out = self.folder / "out.wav"
+
+    def succeed(self, *arguments, **options):
+        status, output, messages = run(*arguments, **options)
+        self.assertEqual((status, messages), (0, ""))
+        return output
+
+    def fail_with(self, status, *arguments, says="", **options):
+        """The command fails with nothing on standard output; returns its messages."""
+        got, output, messages = run(*arguments, **options)
+        self.assertEqual((got, output), (status, ""), (arguments, messages))
+        self.assertTrue(messages.startswith("marlinda: "), messages)
+        self.assertIn(says, messages)
+        return messages
+
+    def piece(self, begin, end):
+        return self.samples[begin * 4:end * 4]
+
+    def frames_of(self, path):
+        with wave.open(str(path)) as file:
+            return file.readframes(file.getnframes())
+
+    def test_wrong_usage_ends_with_2_and_writes_nothing(self):
+        for arguments, says in [
+            ([], "subcommand"),
+            (["frob"], "subcommand"),
+            (["convert", self.ogg], "OUT.wav"),
+            (["convert", self.ogg, self.out, "--bits", "12"], "--bits"),
+            (["convert", self.ogg, self.out, "--frob"], "--frob"),
+            (["cut", self.ogg, self.out], "--keep"),
+            (["cut", self.ogg, self.out, "--keep", "1"], "--keep 1"),
+            (["cut", self.ogg, self.out, "--keep", "0:1", "--label", "x"], "--label x"),
+            (["cut", self.ogg, self.out, "--keep", "2:1"], "holds no frame"),
+            (["cut", self.ogg, self.out, "--keep", "0:3.1"], "132300 frames"),
+            (["cut", self.ogg, self.out, "--keep", "0:1", "--silence", "2:1"], "--silence 2:1"),
+            (["convert", self.ogg, self.folder / "out.mp3"], "out.mp3"),
+            (["convert", self.ogg, self.folder / "out"], ".wav"),
+        ]:
+            with self.subTest(arguments=arguments):
+                self.fail_with(2, *arguments, says=says)
+        self.assertEqual(list(self.folder.iterdir()), [])
+
+    def test_an_input_is_never_overwritten_by_its_own_output(self):
+        same = self.folder / "same.wav"
+        shutil.copy(self.ogg, same)
+        self.fail_with(2, "convert", same, self.folder / "." / "same.wav", says="same.wav")
+        self.assertEqual(same.read_bytes(), self.ogg.read_bytes())
+
+    def test_an_input_that_cannot_be_read_ends_with_3_and_names_file_and_reason(self):
+        empty = self.folder / "empty.ogg"
+        empty.touch()
+        text = self.folder / "text.ogg"
+        text.write_text("This is no music.\n" * 100)
+        for file, says in [
+            (self.folder / "missing.ogg", "does not exist"),
+            (self.folder / "nowhere" / "missing.ogg", "folder does not exist"),
+            (self.folder, "access is denied"),
+            (empty, "no import filter"),
+            (text, "no import filter"),
+        ]:
+            with self.subTest(file=file.name):
+                messages = self.fail_with(3, "convert", file, self.out, says=says)
+                self.assertIn(windows(file), messages)
+                self.assertIn(says, self.fail_with(3, "info", file))
+        self.assertFalse(self.out.exists())
+
+    def test_an_output_that_cannot_be_written_ends_with_4(self):
+        self.fail_with(4, "convert", self.ogg, self.folder / "nowhere" / "out.wav", says="folder")
+        (self.folder / "folder.wav").mkdir()
+        self.fail_with(4, "convert", self.ogg, self.folder / "folder.wav", says="folder.wav")
+        self.fail_with(4, "cut", self.ogg, self.out, "--keep", ":", "--silence", "3:100000",
+                       says="4 GiB")
+        self.assertFalse(self.out.exists())
+
+    def test_a_full_disk_ends_with_4_and_leaves_no_broken_file(self):
+        # Room for the pool's 32-bit samples, but not for 20 s more in the output.
+        self.fail_with(4, "cut", self.ogg, self.out, "--keep", ":", "--silence", "0:20",
+                       most_bytes=2 * FRAMES * 4 + 100_000, says="could not be written whole")
+        self.assertFalse(self.out.exists())
+        self.fail_with(4, "convert", self.ogg, self.out, most_bytes=FRAMES * 4,
+                       says="temporary folder")
+        self.assertFalse(self.out.exists())
+
+    def test_a_module_that_cannot_be_found_ends_with_6_and_the_remedy(self):
+        alone = self.folder / PROGRAM.name
+        shutil.copy(PROGRAM, alone)
+        for arguments in [["filters"], ["install-filters"], ["info", self.ogg],
+                          ["convert", self.ogg, self.out]]:
+            with self.subTest(arguments=arguments):
+                self.fail_with(6, *arguments, says="regsvr32", program=alone)
+        self.assertFalse(self.out.exists())
+
+    def test_a_registered_module_is_found_without_the_manifest(self):
+        alone = self.folder / PROGRAM.name
+        shutil.copy(PROGRAM, alone)
+        module = windows(PROGRAM.parent / "Tessaly.dll")
+        tool(WINE, "regsvr32", "/s", module)
+        try:
+            self.succeed("convert", self.ogg, self.out, program=alone)
+        finally:
+            tool(WINE, "regsvr32", "/s", "/u", module)
+        self.assertEqual(self.frames_of(self.out), self.samples)
+
+    def test_info_tells_what_other_readers_find_in_the_file(self):
+        report = json.loads(self.succeed("info", self.ogg, "--json"))
+        self.assertEqual(report["file"], windows(self.ogg))
+        self.assertEqual(report["filter"], {"class": "COggImport", "class_id": OGG_CLASS})
+        self.assertEqual(
+            [report["sample_rate"], report["channels"], report["frames"]],
+            [int(tool("soxi", flag, self.ogg)) for flag in ("-r", "-c", "-s")])
+        self.assertEqual(report["duration_seconds"], 3.0)
+        self.assertEqual(report["bits_per_sample"], 16)
+        self.assertEqual(report["tags"], {"title": "Glide", "artist": "Nobody", "album": "Tests",
+                                          "year": "2009", "genre": "Noise"})
+        self.assertEqual((report["labels"], report["markers"], report["acid"]), ([], [], None))
+
+        text = self.succeed("info", self.ogg)
+        for line in ("COggImport", "44100 Hz, 2 channels", "0:00:03.000", "132300", "Glide"):
+            self.assertIn(line, text)
+
+    def test_convert_keeps_every_sample_at_every_width(self):
+        for bits in (8, 16, 24, 32):
+            with self.subTest(bits=bits):
+                report = json.loads(
+                    self.succeed("convert", self.ogg, self.out, "--bits", str(bits), "--json"))
+                self.assertEqual(report["bytes"], self.out.stat().st_size)
+                self.assertEqual((report["frames"], report["bits_per_sample"]), (FRAMES, bits))
+                self.assertEqual([int(tool("soxi", flag, self.out)) for flag in "-s -b -r -c".split()],
+                                 [FRAMES, bits, RATE, 2])
+                if bits == 16:
+                    self.assertEqual(self.frames_of(self.out), self.samples)
+        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
+
+    def test_convert_decodes_what_the_reference_decoder_decodes(self):
+        expected = array.array("h", tool("oggdec", "-Q", "-R", "-o", "-", self.ogg))
+        got = array.array("h", self.samples)
+        self.assertEqual(len(got), 2 * FRAMES)
+        self.assertEqual(len(got), len(expected))
+        # Another compiler's arithmetic may round a sample to the other neighbour.
+        self.assertLessEqual(max(abs(a - b) for a, b in zip(got, expected)), 1)
+
+    def test_convert_writes_16_bits_and_a_line_of_text_unless_told_otherwise(self):
+        text = self.succeed("convert", self.ogg, self.out)
+        self.assertIn("132300 frames, 44100 Hz, 2 channels, 16 bits", text)
+        self.assertEqual(self.frames_of(self.out), self.samples)
+
+    def test_cut_joins_the_pieces_to_the_frame(self):
+        self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "1000f:2001f", "--keep", ":0.1")
+        self.assertEqual(self.frames_of(self.out), self.piece(110250, FRAMES) +
+                         self.piece(1000, 2001) + self.piece(0, 4410))
+
+    def test_cut_places_silence_labels_and_markers_in_the_result(self):
+        report = json.loads(self.succeed(
+            "cut", self.ogg, self.out, "--keep", "0:1", "--keep", "2:3", "--silence", "1:0.5",
+            "--silence", "0:1f", "--label", "44101f:Pause: long", "--label", "0:Start", "--marker",
+            "0.5:1.25:Part", "--marker", "::All", "--json"))
+        frames = 2 * RATE + 22051
+        self.assertEqual(self.frames_of(self.out), bytes(4) + self.piece(0, RATE) +
+                         bytes(4 * 22050) + self.piece(2 * RATE, 3 * RATE))
+        labels = [(44101, "Pause: long"), (0, "Start")]
+        markers = [(22050, 55125, "Part"), (0, frames, "All")]
+        self.assertEqual(annotations(self.out), (labels, markers))
+        self.assertEqual(report["frames"], frames)
+        self.assertEqual([(l["position"], l["name"]) for l in report["labels"]], labels)
+        self.assertEqual([(m["begin"], m["end"], m["name"]) for m in report["markers"]], markers)
+        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
+
+    def test_a_file_cut_off_in_the_middle_gives_what_can_be_decoded(self):
+        half = self.folder / "half.ogg"
+        half.write_bytes(self.ogg.read_bytes()[:self.ogg.stat().st_size // 2])
+        status, _, _ = run("convert", half, self.out)
+        self.assertEqual(status, 0)
+        frames = self.frames_of(self.out)
+        self.assertGreater(len(frames), RATE)
+        self.assertEqual(frames, self.samples[:len(frames)])
+
+    def test_names_outside_the_code_page_work_for_input_and_output(self):
+        for name in ("Stück", "音楽 Ω"):
+            with self.subTest(name=name):
+                folder = self.folder / name
+                folder.mkdir()
+                ogg = folder / (name + ".ogg")
+                shutil.copy(self.ogg, ogg)
+                out = folder / (name + ".wav")
+                report = json.loads(self.succeed("convert", ogg, out, "--json"))
+                self.assertEqual(report["output"], windows(out))
+                self.assertEqual(self.frames_of(out), self.samples)
+                self.assertEqual(sorted(folder.iterdir()), sorted([ogg, out]))
+                self.assertIn(name, self.fail_with(3, "info", self.folder / (name + ".ogg")))
+
+    def test_install_filters_lists_each_filter_once_and_removes_it_again(self):
+        def listed():
+            report = json.loads(self.succeed("filters", "--json"))
+            self.assertTrue(report["dialog_filter"].startswith("All Known Audio File Types ("))
+            for entry in report["filters"]:
+                if entry["class"] == "COggImport":
+                    self.assertEqual((entry["class_id"], entry["merit"], entry["patterns"]),
+                                     (OGG_CLASS, 200, ["*.ogg"]))
+            return [entry["listed_as"] for entry in report["filters"]
+                    if entry["class"] == "COggImport"]
+
+        def states(*arguments):
+            report = json.loads(self.succeed("install-filters", "--json", *arguments))
+            return {entry["class"]: entry["state"] for entry in report["filters"]}
+
+        self.addCleanup(reg, "delete", FILTER_KEY, "/f")
+        reg("delete", FILTER_KEY, "/f")
+        self.assertEqual(listed(), [None])
+        self.assertEqual(states("--remove")["COggImport"], "not listed")
+        # A damaged entry under our own name is put right.
+        self.assertEqual(reg("add", FILTER_KEY, "/v", "COggImport", "/d", "{broken}", "/f"), 0)
+        self.assertEqual(states()["COggImport"], "listed")
+        self.assertEqual(states()["COggImport"], "listed already")
+        self.assertEqual(listed(), ["COggImport"])
+        self.succeed("convert", self.ogg, self.out)
+        self.assertEqual(self.frames_of(self.out), self.samples)
+        self.assertEqual(states("--remove")["COggImport"], "removed")
+        self.assertEqual(listed(), [None])
+
+        # An entry that somebody else made for the same class is respected and found.
+        reg("add", FILTER_KEY, "/v", "Vorbis", "/d", OGG_CLASS.lower(), "/f")
+        self.assertEqual(states()["COggImport"], "listed already")
+        self.assertEqual(listed(), ["Vorbis"])
+        self.assertIn('listed as "Vorbis", merit 200, *.ogg', self.succeed("filters"))
+
+    def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
+        # Two hours of silence, so that the export is far from its end when the signal arrives.
+        process = start("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
+        deadline = time.monotonic() + 60
+        while not (self.out.exists() and self.out.stat().st_size > 0):
+            self.assertIsNone(process.poll())
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.01)
+        process.send_signal(signal.SIGINT)
+        output, messages = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, output), (130, b""))
+        self.assertIn(b"interrupted; the file is valid", messages)
+        with wave.open(str(self.out)) as file:
+            frames = file.getnframes()
+            self.assertLess(frames, FRAMES + 7200 * RATE)
+            self.assertEqual(file.readframes(FRAMES), self.samples[:min(frames, FRAMES) * 4])
+        self.assertEqual(int(tool("soxi", "-s", self.out)), frames)
+
+    def test_help_and_version_are_data_on_standard_output(self):
+        self.assertIn("install-filters", self.succeed("--help"))
+        self.assertIn("--keep", self.succeed("cut", "--help"))
+        self.assertRegex(self.succeed("--version"), r"^marlinda \d+\.\d+\.\d+\n$")
+
+
+if __name__ == "__main__":
+    unittest.main()

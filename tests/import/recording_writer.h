@@ -1,0 +1,107 @@
+// An audio writer that notes what is done to it, for tests of what writes into one.
+#pragma once
+
+#include <marlinda.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/com_ptr.h"
+
+namespace marlinda::testing {
+
+// The notes belong to the thread that writes until the task has ended, but for the two counters.
+class RecordingWriter final : public IAudioWriter {
+ public:
+  static ComPtr<RecordingWriter> Make() { return new RecordingWriter; }
+
+  // The methods in the order of the calls, "WriteAudio" once for a run of them.
+  std::vector<std::string> calls;
+  std::vector<DWORD> threads;
+  LONG samples_per_sec = 0;
+  SHORT channels = 0;
+  std::vector<std::size_t> block_sizes;
+  std::vector<float> samples;
+  bool keep_samples = true;  // and block sizes
+
+  std::atomic<std::size_t> blocks = 0;
+  std::atomic<bool> closed = false;
+
+  // What WriteAudio does beyond taking notes, and what every method returns.
+  std::function<void(SAFEARRAY*)> on_write;
+  HRESULT result = S_OK;
+
+  STDMETHODIMP WriteAudio(SAFEARRAY* array) override {
+    Note("WriteAudio");
+    const auto* values = static_cast<const float*>(array->pvData);
+    const std::size_t count = array->rgsabound[0].cElements;
+    if (keep_samples) {
+      block_sizes.push_back(count);
+      samples.insert(samples.end(), values, values + count);
+    }
+    ++blocks;
+    if (on_write) on_write(array);
+    return result;
+  }
+  STDMETHODIMP OpenDevice() override {
+    Note("OpenDevice");
+    return result;
+  }
+  STDMETHODIMP CloseDevice() override {
+    Note("CloseDevice");
+    closed = true;
+    return result;
+  }
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
+    Note("SetFormat");
+    samples_per_sec = nSamplesPerSec;
+    channels = nChannels;
+    return result;
+  }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    Note("QueryIsReady");
+    *pbReady = 1;
+    return result;
+  }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
+        !IsEqualIID(iid, IID_IAudioWriter)) {
+      *object = nullptr;
+      return E_NOINTERFACE;
+    }
+    *object = static_cast<IAudioWriter*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    return E_NOTIMPL;
+  }
+
+ private:
+  RecordingWriter() = default;
+  ~RecordingWriter() = default;
+
+  void Note(const char* call) {
+    if (calls.empty() || calls.back() != call) calls.emplace_back(call);
+    const DWORD thread = GetCurrentThreadId();
+    if (threads.empty() || threads.back() != thread) threads.push_back(thread);
+  }
+
+  std::atomic<ULONG> references_ = 0;
+};
+
+}  // namespace marlinda::testing
