@@ -3,9 +3,10 @@
 //   device_tool record WIDTH READ_FRAMES TOTAL_FRAMES FILE
 //   device_tool lose break|close|release|record|drop|scrub
 // Sample n of the interleaved signal that is played is ((n * 7919) mod 60001 - 30000) / 32767. A
-// recording goes into the file as raw floats; the frames it has so far are told on standard output.
-// `lose` brings a device into use, says "ready", waits for a line of input, during which the sound
-// server dies, and tells as "name value" how what it does then goes; times are in milliseconds.
+// recording goes into a pool of the same width and from there into the file as raw floats; the
+// frames it has so far are told on standard output. `lose` brings a device into use, says "ready",
+// waits for a line of input, during which the sound server dies, and tells as "name value" how what
+// it does then goes; times are in milliseconds.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -46,8 +47,10 @@ ComPtr<IAudioReader> Microphone(SHORT bits) {
 void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
   auto writer = Speaker(bits);
   Check(writer->OpenDevice());
-  // The sound server swallows some milliseconds of what a stream starts with.
-  Check(writer->WriteAudio(Floats(kRate)));
+  // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
+  // played some milliseconds before they are.
+  const Floats silence(kRate);
+  Check(writer->WriteAudio(silence));
   for (std::size_t frame = 0; frame < total_frames; frame += block_frames) {
     Floats block(kChannels * std::min(block_frames, total_frames - frame));
     for (std::size_t i = 0; i < block.values().size(); ++i) {
@@ -55,24 +58,39 @@ void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
     }
     Check(writer->WriteAudio(block));
   }
+  Check(writer->WriteAudio(silence));
   for (LONG ready = 0; ready == 0; Sleep(10)) Check(writer->QueryIsReady(&ready));
   Check(writer->CloseDevice());
 }
 
 void Record(SHORT bits, std::size_t read_frames, std::size_t total_frames, const char* path) {
-  std::ofstream file(path, std::ios::binary);
   auto reader = Microphone(bits);
+  auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  auto writer = As<IAudioWriter>(pool);
+  Check(pool->SetBitDepth(bits, 0));
+  Check(writer->SetFormat(kRate, kChannels));
+  Check(writer->OpenDevice());
   Check(reader->OpenDevice());
   Say("0\n");
   for (std::size_t frame = 0; frame < total_frames; frame += read_frames) {
     Floats block(kChannels * std::min(read_frames, total_frames - frame));
     Check(reader->ReadAudio(0, block));
-    const auto bytes = std::as_bytes(block.values());
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
+    Check(writer->WriteAudio(block));
     Say("%u\n", static_cast<unsigned>(frame + block.values().size() / kChannels));
   }
   Check(reader->CloseDevice());
+  Check(writer->CloseDevice());
+
+  ComPtr<IAudioReader> take;
+  Check(pool->CreateLastReader(take.GetAddressOf()));
+  Check(take->OpenDevice());
+  Floats all(kChannels * total_frames);
+  Check(take->ReadAudio(0, all));
+  Check(take->CloseDevice());
+  std::ofstream file(path, std::ios::binary);
+  const auto bytes = std::as_bytes(all.values());
+  file.write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
 }
 
 // Does what is asked and tells how long it took.
@@ -127,7 +145,7 @@ void LoseRecording(const std::string& how) {
   Check(reader->OpenDevice());
   std::atomic<HRESULT> last{S_OK};
   std::thread waiting([&last, borrowed = reader.Get()] {
-    last = borrowed->ReadAudio(0, Floats(kChannels * kRate * 600));
+    last = borrowed->ReadAudio(0, Floats(kChannels * kRate * 60));
   });
   Sleep(200);
   AwaitLoss();
