@@ -20,7 +20,7 @@ demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
 # writes.
 test=(
   "${build[@]}" "${wine[@]}" g++ googletest clang-format python3
-  sox sndfile-programs vorbis-tools mediainfo ffmpeg
+  sox sndfile-programs vorbis-tools mediainfo ffmpeg pulseaudio pulseaudio-utils
 )
 lint=("${build[@]}" g++ googletest clang-format clang-tidy)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)
