@@ -6,7 +6,6 @@
 #include <ranges>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "core/class_table.h"
 #include "core/com_call.h"

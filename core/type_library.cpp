@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "core/com_call.h"
 #include "core/com_ptr.h"

@@ -10,6 +10,8 @@
 #include "core/text.h"
 #include "edit/annotation_copy.h"
 #include "edit/nested_call.h"
+#include "edit/piece_plot.h"
+#include "edit/waveplot.h"
 
 namespace marlinda {
 namespace {
@@ -17,6 +19,10 @@ namespace {
 // More levels of documents within themselves than any content needs, and few enough for a thread's
 // stack.
 constexpr int kDeepestRead = 64;
+
+// Events of _IEAUpdateEvents and _IEAUndoEvents.
+constexpr DISPID kFireContentChanged = 3;
+constexpr DISPID kFireStoreUndo = 1;
 
 // The record with this index. Compared without sign, so that a negative index fails too.
 template <class Record>
@@ -269,7 +275,37 @@ STDMETHODIMP CEditedAudio::RemoveAllSectionMarkers() {
   return S_OK;
 }
 
-STDMETHODIMP CEditedAudio::ReadWaveplot(__int64, __int64, SAFEARRAY*) { return E_NOTIMPL; }
+// Deliberate: the array holds floats although the type library declares shorts, and columns that no
+// piece is drawn into keep what the host put there. Pieces are laid side by side from the first
+// column also when the range begins before the document.
+STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) {
+  return ComCall([&] {
+    SampleArrayView view;
+    Check(view.Lock(psaPeaks));
+    std::shared_lock lock(lock_);
+    if (format_.channels <= 0) return S_OK;
+    const auto channels = static_cast<std::size_t>(format_.channels);
+    const std::vector<Segment> pieces = segments_.Cut({nBegin, nEnd});
+    lock.unlock();
+
+    const std::size_t pair_floats = 2 * channels;
+    const auto columns = static_cast<__int64>(view.samples().size() / pair_floats);
+    const __int64 range = SaturatingSubtract(nEnd, nBegin);
+    __int64 offset = 0;
+    for (const Segment& piece : pieces) {
+      const __int64 first = Scale(offset, columns, range);
+      offset = SaturatingAdd(offset, piece.Length());
+      const __int64 last = Scale(offset, columns, range);
+      // Backward segments can make the pieces wider than the array.
+      if (first >= last || first >= columns) continue;
+      const std::span<float> pairs = view.samples().subspan(
+          static_cast<std::size_t>(first) * pair_floats,
+          static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
+      DrawPiece(piece.source.Get(), piece, channels, last - first, pairs, scratch_);
+    }
+    return S_OK;
+  });
+}
 
 STDMETHODIMP CEditedAudio::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
   const std::unique_lock lock(lock_);
@@ -337,9 +373,13 @@ STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSou
 
 STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) {
   return ComCall([&] {
-    AdoptFormat(parSource);
     Segment segment(parSource, nBegin, nEnd);
-    const std::unique_lock lock(lock_);
+    std::unique_lock lock(lock_);
+    if (!format_.IsSet()) {
+      lock.unlock();
+      AdoptFormat(parSource);
+      lock.lock();
+    }
     segments_.Append(std::move(segment));
     return S_OK;
   });
@@ -381,11 +421,50 @@ STDMETHODIMP CEditedAudio::Delete(__int64 nBegin, __int64 nEnd) {
   });
 }
 
-STDMETHODIMP CEditedAudio::InitChange(LONG, BSTR) { return E_NOTIMPL; }
+STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
+  return ComCall([&]() -> HRESULT {
+    if (change_open_) return E_FAIL;
+    // A sink may release the document that it is told about.
+    const ComPtr<IUnknown> keep_alive(Identity());
+    if (bStoreUndo != 0) FireStoreUndo(bstrOperation);
+    ComPtr<IEditedAudio> snapshot;
+    Check(CreateInstance(CLSID_CEditedAudio, snapshot));
+    __int64 length = 0;
+    GetSampleCount(&length);
+    CopyRange(snapshot.Get(), {0, length});
+    snapshot_ = std::move(snapshot);
+    change_open_ = true;
+    return S_OK;
+  });
+}
 
-STDMETHODIMP CEditedAudio::CommitChange() { return E_NOTIMPL; }
+STDMETHODIMP CEditedAudio::CommitChange() {
+  return ComCall([&]() -> HRESULT {
+    if (!change_open_) return E_FAIL;
+    const ComPtr<IUnknown> keep_alive(Identity());
+    change_open_ = false;
+    snapshot_.Reset();
+    connection_points_.update.Fire(kFireContentChanged, {});
+    return S_OK;
+  });
+}
 
-STDMETHODIMP CEditedAudio::RollbackChange() { return E_NOTIMPL; }
+// Deliberate: the document ends up empty, not restored, because copying the snapshot onto itself
+// empties it first. The host restores the content from what it stored when the change began.
+STDMETHODIMP CEditedAudio::RollbackChange() {
+  return ComCall([&]() -> HRESULT {
+    if (!change_open_) return E_FAIL;
+    Clear();
+    const auto reader = TryQuery<IAudioReader>(snapshot_.Get());
+    if (!reader) return E_FAIL;
+    __int64 length = 0;
+    reader->GetSampleCount(&length);
+    snapshot_->Copy(snapshot_.Get(), 0, length);
+    snapshot_.Reset();
+    change_open_ = false;
+    return S_OK;
+  });
+}
 
 STDMETHODIMP CEditedAudio::EnumConnectionPoints(IEnumConnectionPoints** ppEnum) {
   return ComCall([&] { return connection_points_.Enumerate(ppEnum); });
@@ -408,11 +487,25 @@ CEditedAudio::Format CEditedAudio::CurrentFormat() const {
   return format_;
 }
 
+void CEditedAudio::FireStoreUndo(BSTR operation) {
+  const auto identity = TryQuery<IUnknown>(Identity());
+  connection_points_.undo.Fire(kFireStoreUndo, [&] {
+    std::vector<VARIANTARG> arguments(2);
+    V_VT(&arguments[0]) = VT_UNKNOWN;
+    V_UNKNOWN(&arguments[0]) = identity.Get();
+    if (identity) identity->AddRef();
+    V_VT(&arguments[1]) = VT_BSTR;
+    V_BSTR(&arguments[1]) =
+        operation == nullptr ? nullptr : SysAllocStringLen(operation, SysStringLen(operation));
+    return arguments;
+  });
+}
+
 // The first source decides the format of a document that has none. Its result is ignored on
 // purpose: what it wrote counts.
 void CEditedAudio::AdoptFormat(IAudioReader* source) {
   Format format = CurrentFormat();
-  if (source == nullptr || (format.samples_per_sec != 0 && format.channels != 0)) return;
+  if (source == nullptr || format.IsSet()) return;
   source->GetFormat(&format.samples_per_sec, &format.channels);
   const std::unique_lock lock(lock_);
   format_.samples_per_sec = format.samples_per_sec;

@@ -99,12 +99,16 @@ class CEditedAudio final
 
   // The rate of 1 is deliberate: what marks a fresh document is that it has no channels.
   struct Format {
+    bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
+
     LONG samples_per_sec = 1;
     SHORT channels = 0;
     SHORT bits_per_sample = 16;
   };
 
   IUnknown* Identity() noexcept { return static_cast<IEditedAudio*>(this); }
+
+  void FireStoreUndo(BSTR operation);
 
   Format CurrentFormat() const;
   void AdoptFormat(IAudioReader* source);
@@ -118,6 +122,10 @@ class CEditedAudio final
   Format format_;
   SegmentList segments_;
   Annotations annotations_;
+
+  // A change is open as long as this holds; the snapshot is the content at its beginning.
+  bool change_open_ = false;
+  ComPtr<IEditedAudio> snapshot_;
 
   LONG playback_device_ = -1;
   ScratchKeeper scratch_;

@@ -54,8 +54,14 @@ class SegmentList {
     std::vector<Segment> pieces;
     if (range.begin >= range.end) return pieces;
     const std::size_t first = index_.FirstReaching(range.begin);
-    for (std::size_t block = first; block < blocks_.size(); ++block) {
-      if (index_.NoneStartsBefore(range.end, block)) break;
+    std::size_t last = first;
+    std::size_t touched = 0;
+    for (; last < blocks_.size() && !index_.NoneStartsBefore(range.end, last); ++last) {
+      if (index_.MayShareFrames(last, range)) ++touched;
+    }
+    // Growing step by step would move a long cut several times over.
+    if (touched > 2) pieces.reserve(touched * kBlockSize);
+    for (std::size_t block = first; block < last; ++block) {
       if (!index_.MayShareFrames(block, range)) continue;
       std::int64_t offset = index_.StartOf(block);
       for (const Segment& segment : blocks_[block]) {

@@ -4,6 +4,9 @@
 #include <io.h>
 #include <shellapi.h>
 
+#include <cstdio>
+#include <iostream>
+
 #include "core/com_call.h"
 #include "core/handle.h"
 #include "host/wide_text.h"
@@ -56,9 +59,9 @@ std::vector<std::string> Console::Arguments() {
   return arguments;
 }
 
-std::FILE* Console::ProgressOutput() const {
+std::ostream* Console::ProgressOutput() const {
   DWORD mode = 0;
-  return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE ? stderr : nullptr;
+  return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE ? &std::cerr : nullptr;
 }
 
 bool Console::Interrupted() const { return IsInterrupted(); }

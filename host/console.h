@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include <cstdio>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -22,7 +22,7 @@ class Console {
   static std::vector<std::string> Arguments();
 
   // Standard error when it is a terminal, else null.
-  std::FILE* ProgressOutput() const;
+  std::ostream* ProgressOutput() const;
 
   bool Interrupted() const;
 

@@ -280,6 +280,11 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
                     "Choose fewer bits, or cut the audio into several files.");
   }
 
+  // Before an existing file is emptied for nothing.
+  if (console.Interrupted()) {
+    throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
+  }
+
   const OpenReader open(reader);
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)), reader);
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);

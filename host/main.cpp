@@ -11,6 +11,7 @@
 #include "host/commands/filters.h"
 #include "host/commands/info.h"
 #include "host/commands/install_filters.h"
+#include "host/commands/plot.h"
 #include "host/console.h"
 #include "host/engine.h"
 #include "host/messages.h"
@@ -28,6 +29,12 @@ constexpr const char* kCutHelp =
     "inserted, in the order given, at its position in the result so far. Labels and markers are\n"
     "positions in the finished result.\n"
     "Example: marlinda cut in.ogg out.wav --keep 0:2.5 --keep 10: --silence 2.5:1 --label 3.5:Two";
+
+constexpr const char* kPlotHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. One lane a channel; full scale "
+    "fills\n"
+    "a lane. Labels and markers of the file are drawn in.\n"
+    "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
 
 void AddJson(CLI::App* command, bool& json) { command->add_flag("--json", json, "Report in JSON"); }
 
@@ -96,10 +103,25 @@ int Run(const Console& console) {
   AddRepeated(cut, "--silence", "AT:SECONDS", cut_options.request.silences, "Insert silence");
   AddRepeated(cut, "--label", "AT:NAME", cut_options.request.labels, "Set a label");
   AddRepeated(cut, "--marker", "BEGIN:END:NAME", cut_options.request.markers, "Mark a section");
+  cut->add_option("--plot", cut_options.picture.file, "Draw the result as a picture as well")
+      ->type_name("OUT.png");
   AddBits(cut, cut_options.bits);
   AddJson(cut, cut_options.json);
   cut->footer(kCutHelp);
   cut->callback(run_in_apartment([&] { RunCut(cut_options, console); }));
+
+  PlotOptions plot_options;
+  CLI::App* plot = app.add_subcommand("plot", "Draw the waveform of an audio file");
+  plot->add_option("IN", plot_options.input, "Audio file to read")->required();
+  plot->add_option("OUT.png", plot_options.picture.file, "Picture; an existing one is replaced")
+      ->required();
+  plot->add_option("--width", plot_options.picture.width, "Pixels (1200 unless given)");
+  plot->add_option("--height", plot_options.picture.height, "Pixels (320 unless given)");
+  plot->add_option("--from", plot_options.from, "Draw from this time on");
+  plot->add_option("--to", plot_options.to, "Draw up to this time");
+  AddJson(plot, plot_options.json);
+  plot->footer(kPlotHelp);
+  plot->callback(run_in_apartment([&] { RunPlot(plot_options, console); }));
 
   std::vector<std::string> arguments = Console::Arguments();
   std::ranges::reverse(arguments);  // the order in which CLI11 takes them

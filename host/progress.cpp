@@ -16,20 +16,19 @@ std::string ProgressLine(std::string_view title, double fraction) {
          "] " + number + " %";
 }
 
-ProgressBar::ProgressBar(std::FILE* out, std::string title) : out_(out), title_(std::move(title)) {}
+ProgressBar::ProgressBar(std::ostream* out, std::string title)
+    : out_(out), title_(std::move(title)) {}
 
 ProgressBar::~ProgressBar() {
   if (shown_.empty()) return;
-  std::fprintf(out_, "\r%s\r", std::string(shown_.size(), ' ').c_str());
-  std::fflush(out_);
+  *out_ << "\r" + std::string(shown_.size(), ' ') + "\r" << std::flush;
 }
 
 void ProgressBar::Show(double fraction) {
   if (out_ == nullptr) return;
   std::string line = ProgressLine(title_, fraction);
   if (line == shown_) return;
-  std::fprintf(out_, "\r%s", line.c_str());
-  std::fflush(out_);
+  *out_ << "\r" + line << std::flush;
   shown_ = std::move(line);
 }
 

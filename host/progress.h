@@ -1,7 +1,7 @@
 // The progress bar of a long task.
 #pragma once
 
-#include <cstdio>
+#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -15,7 +15,7 @@ std::string ProgressLine(std::string_view title, double fraction);
 // null, which is how a caller keeps it out of files and pipes.
 class ProgressBar {
  public:
-  ProgressBar(std::FILE* out, std::string title);
+  ProgressBar(std::ostream* out, std::string title);
   ~ProgressBar();
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
@@ -24,7 +24,7 @@ class ProgressBar {
   void Show(double fraction);
 
  private:
-  std::FILE* out_;
+  std::ostream* out_;
   std::string title_;
   std::string shown_;
 };

@@ -58,6 +58,8 @@ void RunCut(const CutOptions& options, const Console& console) {
   }
   Source source(options.input);
   WaveExport wave(options.output, source);
+  const bool draws = !options.picture.file.empty();
+  if (draws) CheckPicture(options.picture, options.input);
   const ImportedAudio audio = source.Import(console);
   CutPlan plan;
   try {
@@ -73,6 +75,7 @@ void RunCut(const CutOptions& options, const Console& console) {
   wave.SetAnnotations(annotations);
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), options.bits, console);
+  if (draws) DrawDocument(document.Get(), annotations, options.picture);
   PrintSummary({options.input, source.filter().class_name, options.output, audio.format,
                 options.bits, plan.length, annotations, facts},
                options.json, console);

@@ -5,6 +5,7 @@
 
 #include "host/console.h"
 #include "host/cut_plan.h"
+#include "host/document_picture.h"
 
 namespace marlinda {
 
@@ -12,6 +13,7 @@ struct CutOptions {
   std::string input;
   std::string output;
   CutRequest request;
+  PictureRequest picture;  // of the result; none without a file
   int bits = 16;
   bool json = false;
 };

@@ -85,6 +85,21 @@ TEST_F(Activation, ObjectsWorkThroughTheirInterfacesAndByName) {
   EXPECT_EQ(count, 1000);
 }
 
+TEST_F(Activation, ObjectsCreateOthersOfTheModule) {
+  if (GetFactory(CLSID_CEditedAudio) == CLASS_E_CLASSNOTAVAILABLE) {
+    GTEST_SKIP() << "CEditedAudio is not offered by this version";
+  }
+  auto silence = Create<INullReader>(CLSID_CNullReader);
+  EXPECT_EQ(silence->Create(1000, 44100, 2), S_OK);
+  auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+  EXPECT_EQ(document->AppendSegment(As<IAudioReader>(silence).Get(), 0, 1000), S_OK);
+  // Works on two temporary documents that it creates by class identifier.
+  EXPECT_EQ(document->Delete(100, 300), S_OK);
+  __int64 count = 0;
+  EXPECT_EQ(As<IAudioReader>(document)->GetSampleCount(&count), S_OK);
+  EXPECT_EQ(count, 800);
+}
+
 TEST_F(Activation, AnObjectIsReachedFromAnotherApartment) {
   HRESULT result = E_FAIL;
   __int64 count = 0;

@@ -57,15 +57,6 @@ bool BeginsWithAny(const std::wstring& path, std::initializer_list<const wchar_t
   });
 }
 
-RegistryView Select(const RegistryView& view, std::initializer_list<const wchar_t*> prefixes,
-                    bool below) {
-  RegistryView selected;
-  for (const auto& entry : view) {
-    if (BeginsWithAny(entry.first, prefixes) == below) selected.insert(entry);
-  }
-  return selected;
-}
-
 }  // namespace
 
 RegistryView ViewRegistry(HKEY root, const std::wstring& path) {
@@ -83,12 +74,10 @@ RegistryView Added(const RegistryView& before, const RegistryView& after) {
   return added;
 }
 
-RegistryView Below(const RegistryView& view, std::initializer_list<const wchar_t*> prefixes) {
-  return Select(view, prefixes, true);
-}
-
 RegistryView NotBelow(const RegistryView& view, std::initializer_list<const wchar_t*> prefixes) {
-  return Select(view, prefixes, false);
+  RegistryView left = view;
+  std::erase_if(left, [&](const auto& entry) { return BeginsWithAny(entry.first, prefixes); });
+  return left;
 }
 
 std::string ToLines(const RegistryView& view) {

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <initializer_list>
 #include <map>
 #include <string>
 
@@ -17,8 +18,7 @@ RegistryView ViewRegistry(HKEY root, const std::wstring& path);
 // The entries of `after` that `before` has not or has otherwise.
 RegistryView Added(const RegistryView& before, const RegistryView& after);
 
-// The entries of `view` whose path begins with any of `prefixes`, or with none of them.
-RegistryView Below(const RegistryView& view, std::initializer_list<const wchar_t*> prefixes);
+// The entries of `view` whose path begins with none of `prefixes`.
 RegistryView NotBelow(const RegistryView& view, std::initializer_list<const wchar_t*> prefixes);
 
 // One entry a line, so that two views compare with a readable difference.

@@ -3,9 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <limits>
-#include <memory>
+#include <sstream>
 #include <string>
 
 namespace marlinda {
@@ -28,21 +27,16 @@ TEST(Progress, LinesAreEquallyLongWhateverTheFractionClaims) {
 }
 
 TEST(Progress, WipesItsLineAtTheEndAndDrawsOnlyChanges) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), &std::fclose);
-  ASSERT_NE(file, nullptr);
+  std::ostringstream screen;
   {
-    ProgressBar bar(file.get(), "T");
+    ProgressBar bar(&screen, "T");
     bar.Show(0.5);
     bar.Show(0.5001);
     ProgressBar nowhere(nullptr, "T");
     nowhere.Show(0.5);
   }
   const std::string line = ProgressLine("T", 0.5);
-  const std::string expected = "\r" + line + "\r" + std::string(line.size(), ' ') + "\r";
-  std::rewind(file.get());
-  std::string drawn(1000, '\0');
-  drawn.resize(std::fread(drawn.data(), 1, drawn.size(), file.get()));
-  EXPECT_EQ(drawn, expected);
+  EXPECT_EQ(screen.str(), "\r" + line + "\r" + std::string(line.size(), ' ') + "\r");
 }
 
 }  // namespace

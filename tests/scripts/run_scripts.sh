@@ -6,10 +6,10 @@
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(cd "$here/../.." && pwd)
-if [[ ${TESSALY_WINE_SESSION:-} != "$root" ]]; then
-  exec "$root/scripts/wine-session" "$0" "$@"
+if [[ $1 != --in-session ]]; then
+  exec "$root/scripts/wine-session" "$0" --in-session "$@"
 fi
-build=$(realpath "$1")
+build=$(realpath "$2")
 unset TESSALY_REGISTRATION
 
 picker='{5B0E39C1-6F0A-4C53-9D7A-215E0B84C36E}'

@@ -1,0 +1,134 @@
+// What the document costs through its interfaces, by the number of segments: reading, editing,
+// opening a change, and the overview.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+constexpr __int64 kSegmentFrames = 10'000;
+constexpr SHORT kChannels = 2;
+
+struct Document {
+  explicit Document(__int64 segments)
+      : edit(Create<IEditedAudio>(CLSID_CEditedAudio)), reader(As<IAudioReader>(edit)) {
+    auto silence = Create<INullReader>(CLSID_CNullReader);
+    silence->Create(kSegmentFrames, 44100, kChannels);
+    source = As<IAudioReader>(silence);
+    for (__int64 i = 0; i < segments; ++i) edit->AppendSegment(source.Get(), 0, kSegmentFrames);
+  }
+
+  ComPtr<IEditedAudio> edit;
+  ComPtr<IAudioReader> reader;
+  ComPtr<IAudioReader> source;
+};
+
+void ReadNearTheEnd(benchmark::State& state) {
+  const Document document(state.range(0));
+  const Floats block(4096 * kChannels);
+  const __int64 position = state.range(0) * kSegmentFrames - kSegmentFrames / 2;
+  for (auto _ : state) document.reader->ReadAudio(position, block);
+}
+BENCHMARK(ReadNearTheEnd)->Arg(1)->Arg(1'000)->Arg(100'000);
+
+void Append(benchmark::State& state) {
+  for (auto _ : state) {
+    const Document document(state.range(0));
+    benchmark::DoNotOptimize(document.edit.Get());
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(Append)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
+
+void InsertInTheMiddle(benchmark::State& state) {
+  const Document document(state.range(0));
+  const __int64 middle = state.range(0) * kSegmentFrames / 2 + 1;
+  const auto limit = std::max<__int64>(100, state.range(0) / 10);
+  __int64 inserted = 0;
+  for (auto _ : state) {
+    document.edit->InsertSegment(middle + inserted * 7, document.source.Get(), 0, 10);
+    if (++inserted < limit) continue;
+    state.PauseTiming();
+    document.edit->Clear();
+    for (__int64 i = 0; i < state.range(0); ++i) {
+      document.edit->AppendSegment(document.source.Get(), 0, kSegmentFrames);
+    }
+    inserted = 0;
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(InsertInTheMiddle)->Arg(1'000)->Arg(100'000);
+
+void DeleteInTheMiddle(benchmark::State& state) {
+  const Document document(state.range(0));
+  auto labels = As<ILabelSupport>(document.edit);
+  auto markers = As<ISectionMarkerSupport>(document.edit);
+  for (__int64 i = 0; i < 1'000; ++i) {
+    labels->AddLabel(i, Bstr(L"label"));
+    markers->AddSectionMarker(i, i + 5, Bstr(L"marker"));
+  }
+  const __int64 middle = state.range(0) * kSegmentFrames / 2 + 1;
+  for (auto _ : state) document.edit->Delete(middle, middle + 3);
+}
+BENCHMARK(DeleteInTheMiddle)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
+
+void OpenAndCommitAChange(benchmark::State& state) {
+  const Document document(state.range(0));
+  for (auto _ : state) {
+    document.edit->InitChange(1, nullptr);
+    document.edit->CommitChange();
+  }
+}
+BENCHMARK(OpenAndCommitAChange)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
+
+void DrawOverview(benchmark::State& state) {
+  const Document document(state.range(0));
+  const Floats pairs(1920 * 2 * kChannels);
+  for (auto _ : state) document.edit->ReadWaveplot(0, state.range(0) * kSegmentFrames, pairs);
+}
+BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
+
+// A take of so many minutes in a pool, drawn from the peak file.
+void DrawPoolTake(benchmark::State& state) {
+  auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  auto writer = As<IAudioWriter>(pool);
+  Check(pool->SetBitDepth(8, 0));
+  Check(writer->SetFormat(44100, kChannels));
+  Check(writer->OpenDevice());
+  const Floats block(65'536 * kChannels, 0.5F);
+  __int64 frames = 0;
+  for (; frames < state.range(0) * 60 * 44'100; frames += 65'536) {
+    Check(writer->WriteAudio(block));
+  }
+  Check(writer->CloseDevice());
+  ComPtr<IAudioReader> take;
+  Check(pool->CreateLastReader(take.GetAddressOf()));
+  auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(edit->AppendSegment(take.Get(), 0, frames));
+  const Floats pairs(1920 * 2 * kChannels);
+  for (auto _ : state) Check(edit->ReadWaveplot(0, frames, pairs));
+}
+BENCHMARK(DrawPoolTake)->Arg(6)->Arg(60)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  try {
+    marlinda::testing::ModuleUnderTest::Load();
+    benchmark::RunSpecifiedBenchmarks();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+  marlinda::testing::ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return 0;
+}

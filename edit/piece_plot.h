@@ -1,0 +1,19 @@
+// Draws one piece of a document into the waveform overview, from its source's samples or peaks.
+#pragma once
+
+#include <marlinda.h>
+
+#include <span>
+
+#include "core/scratch_array.h"
+#include "edit/section.h"
+
+namespace marlinda {
+
+// `piece` is the range in the source, `columns` how many pixel columns it is wide, `pairs` those of
+// them that lie in the host's array. The pairs stay as they were when the source cannot be opened
+// or read, or has no peaks where peaks are needed. A null source is silence.
+void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
+               std::span<float> pairs, ScratchKeeper& scratch_keeper);
+
+}  // namespace marlinda

@@ -1,0 +1,168 @@
+#include "edit/waveplot.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "core/frame_math.h"
+
+namespace marlinda {
+namespace {
+
+constexpr float kLargest = std::numeric_limits<float>::max();
+
+// The two comparisons, and no minimum function, decide what becomes of a NaN: it is passed over.
+void Extend(float& lowest, float& highest, float low, float high) noexcept {
+  if (low < lowest) lowest = low;
+  if (high > highest) highest = high;
+}
+
+}  // namespace
+
+std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;
+  // Long division of the wide product, one bit of the numerator at a time. The remainder stays
+  // below the denominator, so its double fits.
+  const std::int64_t whole = value / denominator;
+  if (whole > kMax / numerator) return kMax;
+  const auto divisor = static_cast<std::uint64_t>(denominator);
+  const auto step = static_cast<std::uint64_t>(value % denominator);
+  std::uint64_t quotient = 0;
+  std::uint64_t remainder = 0;
+  const auto add = [&](std::uint64_t amount) {
+    remainder += amount;
+    if (remainder < divisor) return;
+    remainder -= divisor;
+    ++quotient;
+  };
+  for (int bit = 62; bit >= 0; --bit) {
+    quotient *= 2;
+    add(remainder);
+    if ((numerator >> bit & 1) != 0) add(step);
+  }
+  return SaturatingAdd(whole * numerator, static_cast<std::int64_t>(quotient));
+}
+
+SampleColumns::SampleColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+                             std::int64_t frames) noexcept
+    : pairs_(pairs),
+      channels_(channels),
+      columns_(columns),
+      frames_(frames),
+      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))) {
+  if (frames_ < columns_) return;
+  for (std::size_t i = 0; i + 1 < pairs_.size(); i += 2) {
+    pairs_[i] = 1.0F;
+    pairs_[i + 1] = -1.0F;
+  }
+}
+
+void SampleColumns::Add(std::span<const float> samples) noexcept {
+  const std::int64_t end = frame_ + static_cast<std::int64_t>(samples.size() / channels_);
+  if (frames_ >= columns_) {
+    Narrow(samples, end);
+  } else {
+    Repeat(samples, end);
+  }
+  frame_ = end;
+}
+
+// At least one frame a column: frame s belongs to column s * columns / frames.
+void SampleColumns::Narrow(std::span<const float> samples, std::int64_t end) noexcept {
+  std::int64_t frame = frame_;
+  const float* sample = samples.data();
+  while (frame < end && column_ < visible_) {
+    const std::int64_t next_column = FirstFrame(column_ + 1);
+    const std::int64_t stop = std::min(end, next_column);
+    float* const pairs = &pairs_[static_cast<std::size_t>(column_) * 2 * channels_];
+    for (std::size_t channel = 0; channel < channels_; ++channel) {
+      float lowest = pairs[2 * channel];
+      float highest = pairs[2 * channel + 1];
+      const float* at = sample + channel;
+      for (std::int64_t i = frame; i < stop; ++i, at += channels_) {
+        Extend(lowest, highest, *at, *at);
+      }
+      pairs[2 * channel] = lowest;
+      pairs[2 * channel + 1] = highest;
+    }
+    sample += static_cast<std::size_t>(stop - frame) * channels_;
+    frame = stop;
+    if (frame == next_column) ++column_;
+  }
+}
+
+// More columns than frames: column c shows frame c * frames / columns.
+void SampleColumns::Repeat(std::span<const float> samples, std::int64_t end) noexcept {
+  for (; column_ < visible_; ++column_) {
+    const std::int64_t frame = Scale(column_, frames_, columns_);
+    if (frame >= end) return;
+    for (std::size_t channel = 0; channel < channels_; ++channel) {
+      const float sample = samples[static_cast<std::size_t>(frame - frame_) * channels_ + channel];
+      const std::size_t pair = 2 * (static_cast<std::size_t>(column_) * channels_ + channel);
+      pairs_[pair] = sample;
+      pairs_[pair + 1] = sample;
+    }
+  }
+}
+
+// The quotient column * frames / columns rounded up.
+std::int64_t SampleColumns::FirstFrame(std::int64_t column) const noexcept {
+  return frames_ - Scale(columns_ - column, frames_, columns_);
+}
+
+PeakColumns::PeakColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+                         std::int64_t peaks) noexcept
+    : pairs_(pairs),
+      channels_(channels),
+      columns_(columns),
+      peaks_(peaks),
+      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))) {
+  if (visible_ == 0) return;
+  for (std::size_t channel = 0; channel < channels_; ++channel) {
+    pairs_[2 * channel] = kLargest;
+    pairs_[2 * channel + 1] = -kLargest;
+  }
+}
+
+// Peak i belongs to column i * columns / peaks.
+void PeakColumns::Add(std::span<const float> peaks) noexcept {
+  const std::int64_t end = peak_ + static_cast<std::int64_t>(peaks.size() / (2 * channels_));
+  const float* peak = peaks.data();
+  while (peak_ < end) {
+    const std::int64_t column = Scale(peak_, columns_, peaks_);
+    if (column >= visible_) break;
+    if (column > column_) Open(column);
+    // The first peak of the next column that has one.
+    const std::int64_t next = peaks_ - Scale(columns_ - column - 1, peaks_, columns_);
+    const std::int64_t stop = std::min(end, next);
+    float* const pairs = &pairs_[static_cast<std::size_t>(column) * 2 * channels_];
+    for (std::size_t channel = 0; channel < channels_; ++channel) {
+      float lowest = pairs[2 * channel];
+      float highest = pairs[2 * channel + 1];
+      const float* at = peak + 2 * channel;
+      for (std::int64_t i = peak_; i < stop; ++i, at += 2 * channels_) {
+        Extend(lowest, highest, at[0], at[1]);
+      }
+      pairs[2 * channel] = lowest;
+      pairs[2 * channel + 1] = highest;
+    }
+    peak += static_cast<std::size_t>(stop - peak_) * 2 * channels_;
+    peak_ = stop;
+  }
+  peak_ = end;
+}
+
+// A column starts from its left neighbour with minimum and maximum exchanged. Deliberate: it links
+// the two, so that the drawn waveform has no gap between them. With fewer peaks than columns the
+// neighbour may be one that nothing was written to; it then counts as the host left it.
+void PeakColumns::Open(std::int64_t column) noexcept {
+  float* const pairs = &pairs_[static_cast<std::size_t>(column) * 2 * channels_];
+  const float* const left = pairs - 2 * channels_;
+  for (std::size_t channel = 0; channel < channels_; ++channel) {
+    pairs[2 * channel] = left[2 * channel + 1];
+    pairs[2 * channel + 1] = left[2 * channel];
+  }
+  column_ = column;
+}
+
+}  // namespace marlinda

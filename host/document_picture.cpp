@@ -1,0 +1,95 @@
+#include "host/document_picture.h"
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+#include "host/engine.h"
+#include "host/file_name.h"
+#include "host/png_file.h"
+#include "host/waveform_picture.h"
+
+namespace marlinda {
+namespace {
+
+constexpr int kLeastSide = 32;
+constexpr int kGreatestSide = 16384;
+
+HostError UsageError(const std::string& subject, const std::string& reason) {
+  return {ExitStatus::kUsage, subject, reason, "See \"marlinda plot --help\"."};
+}
+
+// An array of floats for ReadWaveplot, which wants floats whatever the type library declares.
+class Columns {
+ public:
+  explicit Columns(std::size_t count)
+      : array_(SafeArrayCreateVector(VT_R4, 0, static_cast<ULONG>(count))) {
+    if (array_ == nullptr) throw std::bad_alloc();
+    // Columns that nothing is drawn into keep their value: silence.
+    std::ranges::fill(samples(), 0.0F);
+  }
+  Columns(const Columns&) = delete;
+  Columns& operator=(const Columns&) = delete;
+  ~Columns() { SafeArrayDestroy(array_); }
+
+  SAFEARRAY* get() const { return array_; }
+  std::span<float> samples() const {
+    return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
+  }
+
+ private:
+  SAFEARRAY* array_;
+};
+
+}  // namespace
+
+void CheckPicture(const PictureRequest& request, const std::string& input) {
+  std::string extension = ExtensionOf(request.file);
+  std::ranges::transform(extension, extension.begin(),
+                         [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (extension != "png") throw UsageError(request.file, "a picture is written as .png");
+  for (const int side : {request.width, request.height}) {
+    if (side < kLeastSide || side > kGreatestSide) {
+      throw UsageError(request.file, "width and height are " + std::to_string(kLeastSide) + " to " +
+                                         std::to_string(kGreatestSide) + " pixels");
+    }
+  }
+  try {
+    ParseRange(request.range);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError("the range to draw", error.what());
+  }
+  RequireWritablePlace(request.file, input);
+}
+
+void DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                  const PictureRequest& request) {
+  const auto reader = Query<IAudioReader>(document);
+  LONG rate = 0;
+  SHORT channels = 0;
+  Check(reader->GetFormat(&rate, &channels));
+  __int64 frames = 0;
+  Check(reader->GetSampleCount(&frames));
+
+  const TimeRange range = ParseRange(request.range);
+  __int64 begin = 0;
+  __int64 end = frames;
+  try {
+    if (range.begin) begin = range.begin->ToFrames(rate);
+    if (range.end) end = range.end->ToFrames(rate);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError("the range to draw", error.what());
+  }
+  if (begin >= end || end > frames) {
+    throw UsageError("the range to draw", "it is empty or reaches beyond the audio, which has " +
+                                              std::to_string(frames) + " frames");
+  }
+
+  const Columns columns(2 * static_cast<std::size_t>(request.width) *
+                        static_cast<std::size_t>(channels));
+  Check(document->ReadWaveplot(begin, end, columns.get()));
+  const Waveform waveform{columns.samples(), channels, begin, end, rate, annotations};
+  WritePng(request.file, DrawWaveform(waveform, request.width, request.height));
+}
+
+}  // namespace marlinda

@@ -1,0 +1,28 @@
+// The picture of a document, drawn from the engine's overview of it.
+#pragma once
+
+#include <marlinda.h>
+
+#include <string>
+
+#include "host/annotations.h"
+#include "host/timecode.h"
+
+namespace marlinda {
+
+struct PictureRequest {
+  std::string file;  // PNG
+  int width = 1200;  // pixels
+  int height = 320;
+  // BEGIN:END, with either side empty for the start and the end of the document.
+  std::string range = ":";
+};
+
+// Refuses at once what could not be drawn after a long import. Throws a HostError.
+void CheckPicture(const PictureRequest& request, const std::string& input);
+
+// Draws the document with these labels and markers. Throws a HostError.
+void DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                  const PictureRequest& request);
+
+}  // namespace marlinda

@@ -1,0 +1,312 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "tests/edit/document.h"
+
+namespace marlinda::testing {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr __int64 kTakeFrames = 200'000;
+
+// A take of noise with its peaks, as a pool hands it out.
+class Take final : public RampSource, public IPeakReader {
+ public:
+  static ComPtr<Take> Make(char name, SHORT channels, CallLog* log, bool has_peaks = true) {
+    ComPtr<Take> take;
+    *take.GetAddressOf() = new Take(name, channels, log, has_peaks);
+    return take;
+  }
+
+  std::vector<float> samples;
+  LONG frames_per_peak = 256;
+  HRESULT peaks_result = S_OK;
+  // Reads fail from this one on.
+  int failing_read = 1'000'000;
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (!has_peaks_ || !IsEqualIID(iid, IID_IPeakReader)) {
+      return RampSource::QueryInterface(iid, object);
+    }
+    *object = static_cast<IPeakReader*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return RampSource::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return RampSource::Release(); }
+
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    const ULONG count = psaAudioData->rgsabound[0].cElements;
+    Note("ReadAudio(" + std::to_string(nSamplePos) + ", " + std::to_string(count) + ")");
+    if (--failing_read < 0) return E_ACCESSDENIED;
+    std::copy_n(samples.begin() + nSamplePos * channels_, count,
+                static_cast<float*>(psaAudioData->pvData));
+    return S_OK;
+  }
+  STDMETHODIMP ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) override {
+    const ULONG count = psaPeakData->rgsabound[0].cElements;
+    Note("ReadPeaks(" + std::to_string(nPeakPosition) + ", " + std::to_string(count) + ")");
+    if (FAILED(peaks_result)) return peaks_result;
+    const std::vector<float> peaks = Peaks(nPeakPosition, count / (2 * channels_));
+    std::ranges::copy(peaks, static_cast<float*>(psaPeakData->pvData));
+    return S_OK;
+  }
+  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override {
+    *pnSamplesPerPeak = frames_per_peak;
+    return S_OK;
+  }
+
+  std::vector<float> Peaks(__int64 first, __int64 count) const {
+    std::vector<float> peaks;
+    for (__int64 peak = first; peak < first + count; ++peak) {
+      for (__int64 channel = 0; channel < channels_; ++channel) {
+        float low = At(peak * frames_per_peak, channel);
+        float high = low;
+        for (__int64 frame = peak * frames_per_peak; frame < (peak + 1) * frames_per_peak;
+             ++frame) {
+          low = std::min(low, At(frame, channel));
+          high = std::max(high, At(frame, channel));
+        }
+        peaks.push_back(low);
+        peaks.push_back(high);
+      }
+    }
+    return peaks;
+  }
+
+  float At(__int64 frame, __int64 channel) const {
+    return samples[static_cast<std::size_t>(frame * channels_ + channel)];
+  }
+
+ private:
+  Take(char name, SHORT channels, CallLog* log, bool has_peaks)
+      : RampSource(name, channels, log, 44100), channels_(channels), has_peaks_(has_peaks) {
+    std::mt19937 random(static_cast<unsigned>(name));
+    std::uniform_real_distribution<float> noise(-1.5F, 1.5F);
+    samples.resize(static_cast<std::size_t>(kTakeFrames * channels));
+    for (float& sample : samples) sample = noise(random);
+  }
+
+  const SHORT channels_;
+  const bool has_peaks_;
+};
+
+struct Piece {
+  const Take* take;
+  __int64 begin;
+  __int64 end;
+};
+
+// The overview by the letter: loops over samples and peaks, frame by frame and peak by peak. `out`
+// may have room for more than the `width` columns of the range.
+void DrawByTheLetter(std::vector<float>& out, __int64 width, const std::vector<Piece>& pieces,
+                     __int64 range, __int64 nc) {
+  const auto pair = [&](__int64 col, __int64 ch) {
+    return out.begin() + static_cast<std::ptrdiff_t>(2 * (col * nc + ch));
+  };
+  __int64 o = 0;
+  for (const Piece& piece : pieces) {
+    const __int64 length = piece.end - piece.begin;
+    const __int64 c0 = width * o / range;
+    o += length;
+    const __int64 n = width * o / range - c0;
+    for (__int64 ch = 0; ch < nc && n > 0; ++ch) {
+      if (piece.take == nullptr) {
+        for (__int64 col = c0; col < c0 + n; ++col) std::fill_n(pair(col, ch), 2, 0.0F);
+      } else if (length < n) {
+        for (__int64 col = 0; col < n; ++col) {
+          std::fill_n(pair(c0 + col, ch), 2, piece.take->At(piece.begin + col * length / n, ch));
+        }
+      } else if (length < n * 256) {
+        for (__int64 col = c0; col < c0 + n; ++col) {
+          pair(col, ch)[0] = 1.0F;
+          pair(col, ch)[1] = -1.0F;
+        }
+        for (__int64 s = 0; s < length; ++s) {
+          const auto at = pair(c0 + s * n / length, ch);
+          at[0] = std::min(at[0], piece.take->At(piece.begin + s, ch));
+          at[1] = std::max(at[1], piece.take->At(piece.begin + s, ch));
+        }
+      } else {
+        const __int64 count = length / 256;
+        const std::vector<float> peaks = piece.take->Peaks(piece.begin / 256, count);
+        pair(c0, ch)[0] = 3.4028235e38F;
+        pair(c0, ch)[1] = -3.4028235e38F;
+        __int64 previous = 0;
+        for (__int64 i = 0; i < count; ++i) {
+          const __int64 col = i * n / count;
+          if (col > previous) {
+            pair(c0 + col, ch)[1] = pair(c0 + col - 1, ch)[0];
+            pair(c0 + col, ch)[0] = pair(c0 + col - 1, ch)[1];
+          }
+          previous = col;
+          const auto at = pair(c0 + col, ch);
+          const auto* const peak = &peaks[static_cast<std::size_t>(2 * (i * nc + ch))];
+          at[0] = std::min(at[0], peak[0]);
+          at[1] = std::max(at[1], peak[1]);
+        }
+      }
+    }
+  }
+}
+
+class EditedAudioWaveplot : public ::testing::Test {
+ protected:
+  void Append(const ComPtr<Take>& take, __int64 begin, __int64 end) {
+    IAudioReader* const reader = take ? static_cast<RampSource*>(take.Get()) : nullptr;
+    EXPECT_EQ(document_->AppendSegment(reader, begin, end), S_OK);
+    pieces_.push_back({take.Get(), begin, end});
+  }
+  // The pairs of a range, on top of what the host put there.
+  std::vector<float> Plot(__int64 begin, __int64 end, std::size_t columns, std::size_t channels) {
+    const Floats block(columns * 2 * channels, kHost);
+    EXPECT_EQ(document_->ReadWaveplot(begin, end, block), S_OK);
+    return block.ToVector();
+  }
+
+  static constexpr float kHost = 0.125F;
+  CallLog log_;
+  Document document_;
+  std::vector<Piece> pieces_;
+};
+
+TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
+  const auto a = Take::Make('A', 2, nullptr);
+  const auto b = Take::Make('B', 2, nullptr);
+  Append(a, 1000, 60'000);
+  Append(nullptr, 0, 9000);
+  Append(b, 77, 90'000);
+  Append(a, 130'000, 130'300);
+  Append(b, 0, 40'000);
+  const __int64 length = document_.Length();
+  std::mt19937 random(11);
+  const auto draw = [&](__int64 low, __int64 high) {
+    return std::uniform_int_distribution<__int64>(low, high)(random);
+  };
+  for (int round = 0; round < 60; ++round) {
+    const __int64 begin = draw(0, length - 2);
+    const __int64 end = draw(begin + 1, round % 2 == 0 ? length : std::min(length, begin + 3000));
+    const auto columns = static_cast<std::size_t>(draw(1, round % 3 == 0 ? 2000 : 100));
+    std::vector<Piece> cut;
+    __int64 offset = 0;
+    for (const Piece& piece : pieces_) {
+      const __int64 size = piece.end - piece.begin;
+      const __int64 from = std::max<__int64>(begin - offset, 0);
+      const __int64 to = std::min(end - offset, size);
+      if (from < to) cut.push_back({piece.take, piece.begin + from, piece.begin + to});
+      offset += size;
+    }
+    std::vector<float> expected(columns * 4, kHost);
+    DrawByTheLetter(expected, static_cast<__int64>(columns), cut, end - begin, 2);
+    ASSERT_EQ(Plot(begin, end, columns, 2), expected)
+        << begin << " to " << end << " in " << columns << " columns";
+  }
+}
+
+TEST_F(EditedAudioWaveplot, ReadsSamplesCloseUpAndPeaksFromAfar) {
+  const auto a = Take::Make('A', 1, &log_);
+  Append(a, 512, 100'512);
+  log_.clear();
+  Plot(0, 10'000, 100, 1);
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(512, 10000)", "A.CloseDevice"));
+  log_.clear();
+  Plot(1000, 100'000, 99, 1);
+  EXPECT_THAT(log_, ElementsAre("A.ReadPeaks(5, 772)"));
+  log_.clear();
+  // The border: 255 and 256 frames a column.
+  Plot(0, 2550, 10, 1);
+  Plot(0, 2560, 10, 1);
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(512, 2550)", "A.CloseDevice",
+                                "A.ReadPeaks(2, 20)"));
+}
+
+TEST_F(EditedAudioWaveplot, ReadsLongStretchesOfSamplesInBlocks) {
+  const auto a = Take::Make('A', 1, &log_);
+  Append(a, 0, kTakeFrames);
+  log_.clear();
+  std::vector<float> expected(2000, kHost);
+  DrawByTheLetter(expected, 1000, pieces_, kTakeFrames, 1);
+  EXPECT_EQ(Plot(0, kTakeFrames, 1000, 1), expected);
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 131072)",
+                                "A.ReadAudio(131072, 68928)", "A.CloseDevice"));
+  // A later block that fails leaves nothing of the earlier one.
+  a->failing_read = 1;
+  EXPECT_THAT(Plot(0, kTakeFrames, 1000, 1), Each(kHost));
+  EXPECT_EQ(log_.back(), "A.CloseDevice");
+}
+
+TEST_F(EditedAudioWaveplot, LeavesColumnsAloneThatItCannotDraw) {
+  const auto closed = Take::Make('A', 1, &log_);
+  const auto unreadable = Take::Make('B', 1, &log_);
+  const auto peakless = Take::Make('C', 1, &log_, false);
+  closed->open_result = E_ACCESSDENIED;
+  unreadable->failing_read = 0;
+  unreadable->peaks_result = E_FAIL;
+  Append(closed, 0, 1000);
+  Append(unreadable, 0, 1000);
+  Append(nullptr, 0, 1000);
+  Append(peakless, 0, 1000);
+  log_.clear();
+  std::vector<float> pairs = Plot(0, 4000, 40, 1);
+  EXPECT_THAT(std::vector<float>(pairs.begin(), pairs.begin() + 40), Each(kHost));
+  EXPECT_THAT(std::vector<float>(pairs.begin() + 40, pairs.begin() + 60), Each(0.0F));
+  EXPECT_NE(pairs[60], kHost);
+  EXPECT_THAT(log_,
+              ElementsAre("A.OpenDevice", "B.OpenDevice", "B.ReadAudio(0, 1000)", "B.CloseDevice",
+                          "C.OpenDevice", "C.ReadAudio(0, 1000)", "C.CloseDevice"));
+  // One column a piece needs peaks, which none of the first two gives and the last has not.
+  closed->frames_per_peak = 0;
+  EXPECT_THAT(Plot(0, 4000, 4, 1), ElementsAre(kHost, kHost, kHost, kHost, 0, 0, kHost, kHost));
+}
+
+TEST_F(EditedAudioWaveplot, OddRangesArraysAndFormatsAreSafe) {
+  const Floats fresh(8, kHost);
+  EXPECT_EQ(document_->ReadWaveplot(0, 100, fresh), S_OK);
+  EXPECT_THAT(fresh.ToVector(), Each(kHost));
+  const auto a = Take::Make('A', 2, nullptr);
+  Append(a, 0, 1000);
+  EXPECT_THAT(Plot(500, 500, 10, 2), Each(kHost));
+  EXPECT_THAT(Plot(500, 100, 10, 2), Each(kHost));
+  EXPECT_THAT(Plot(1000, 2000, 10, 2), Each(kHost));
+  EXPECT_THAT(Plot(0, 1000, 0, 2), IsEmpty());
+  // Three floats are no column of two channels.
+  const Floats few(3, kHost);
+  EXPECT_EQ(document_->ReadWaveplot(0, 1000, few), S_OK);
+  EXPECT_THAT(few.ToVector(), Each(kHost));
+  constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
+  EXPECT_THAT(Plot(-kMax - 1, kMax, 10, 2), Each(kHost));
+  EXPECT_EQ(document_->ReadWaveplot(0, 1000, nullptr), E_INVALIDARG);
+  EXPECT_EQ(document_->ReadWaveplot(0, 1000, ForeignArray(VT_I2)), E_INVALIDARG);
+  document_->SetFormat(44100, -2, 16);
+  EXPECT_THAT(Plot(0, 1000, 10, 2), Each(kHost));
+}
+
+TEST_F(EditedAudioWaveplot, BackwardSegmentsNeverDrawPastTheArray) {
+  const auto a = Take::Make('A', 1, nullptr);
+  Append(a, 0, 1000);
+  Append(a, 900, 0);
+  Append(a, 2000, 3000);
+  // Two whole pieces of 1000 frames in a range of 1000.
+  std::vector<float> expected(40);
+  DrawByTheLetter(expected, 10, {{a.Get(), 0, 1000}, {a.Get(), 2000, 2900}}, 1000, 1);
+  expected.resize(20);
+  EXPECT_EQ(Plot(0, 1000, 10, 1), expected);
+}
+
+TEST_F(EditedAudioWaveplot, DrawsTheSilenceSourceAsALineAtEveryZoom) {
+  auto silence = Create<INullReader>(CLSID_CNullReader);
+  silence->Create(1'000'000, 48000, 1);
+  document_->AppendSegment(As<IAudioReader>(silence).Get(), 0, 1'000'000);
+  for (const __int64 frames : {5, 1000, 1'000'000}) {
+    EXPECT_THAT(Plot(0, frames, 10, 1), Each(0.0F));
+  }
+}
+
+}  // namespace
+}  // namespace marlinda::testing
