@@ -9,7 +9,7 @@
 # fetching and building the source packages of libogg and libvorbis takes.
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
-  wine64-tools libwine-dev libwine libcli11-dev nlohmann-json3-dev
+  wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev
   dpkg-dev ca-certificates xz-utils
 )
 # Wine and its display.

@@ -31,23 +31,39 @@ def windows(path):
     return "Z:" + str(path).replace("/", "\\")
 
 
-def start(*arguments, program=PROGRAM, most_bytes=None):
-    """Starts the program; none of its files can grow beyond so many bytes, as on a full disk."""
-    def limit():
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (most_bytes, most_bytes))
+class Run:
+    """One run of the program. It writes into files: Wine's helper processes, which it may start, live
+    on for a while and would keep pipes open."""
 
-    words = [windows(word) if isinstance(word, pathlib.Path) else word for word in arguments]
-    return subprocess.Popen([WINE, str(program), *words], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                            preexec_fn=limit if most_bytes else None)
+    def __init__(self, *arguments, program=PROGRAM, most_bytes=None):
+        """No file of the program can grow beyond `most_bytes`, as on a full disk."""
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (most_bytes, most_bytes))
+
+        words = [windows(word) if isinstance(word, pathlib.Path) else word for word in arguments]
+        self.files = [tempfile.TemporaryFile(), tempfile.TemporaryFile()]
+        self.process = subprocess.Popen([WINE, str(program), *words], env=ENVIRONMENT,
+                                        stdin=subprocess.DEVNULL, stdout=self.files[0],
+                                        stderr=self.files[1],
+                                        preexec_fn=limit if most_bytes else None)
+
+    def result(self):
+        """(exit status, standard output, standard error)"""
+        try:
+            status = self.process.wait(timeout=120)
+        finally:
+            self.process.kill()
+        texts = []
+        for file in self.files:
+            file.seek(0)
+            texts.append(file.read().decode("utf-8"))
+            file.close()
+        return status, *texts
 
 
 def run(*arguments, **options):
-    """(exit status, standard output, standard error)"""
-    process = start(*arguments, **options)
-    output, messages = process.communicate(timeout=120)
-    return process.returncode, output.decode("utf-8"), messages.decode("utf-8")
+    return Run(*arguments, **options).result()
 
 
 def tool(*words):
@@ -93,8 +109,14 @@ def annotations(path):
 class HostTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.shared = tempfile.TemporaryDirectory()
-        folder = pathlib.Path(cls.shared.name)
+        # While one program runs, Wine's helper processes stay, and what they say goes nowhere.
+        cls.keeper = subprocess.Popen([WINE, "cmd", "/k", "echo ready"], stdin=subprocess.PIPE,
+                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        cls.addClassCleanup(cls.end_keeper)
+        assert cls.keeper.stdout.readline().startswith(b"ready")
+        shared = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(shared.cleanup)
+        folder = pathlib.Path(shared.name)
         cls.ogg = folder / "in.ogg"
         # A gliding tone and noise, so that no two stretches of the audio are alike.
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 16, folder / "in.wav", "synth", 3, "sine",
@@ -107,8 +129,10 @@ class HostTest(unittest.TestCase):
             cls.samples = file.readframes(file.getnframes())
 
     @classmethod
-    def tearDownClass(cls):
-        cls.shared.cleanup()
+    def end_keeper(cls):
+        cls.keeper.stdin.close()
+        cls.keeper.wait(timeout=60)
+        cls.keeper.stdout.close()
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -341,16 +365,16 @@ class HostTest(unittest.TestCase):
 
     def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
         # Two hours of silence, so that the export is far from its end when the signal arrives.
-        process = start("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
+        export = Run("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
         deadline = time.monotonic() + 60
         while not (self.out.exists() and self.out.stat().st_size > 0):
-            self.assertIsNone(process.poll())
+            self.assertIsNone(export.process.poll())
             self.assertLess(time.monotonic(), deadline)
             time.sleep(0.01)
-        process.send_signal(signal.SIGINT)
-        output, messages = process.communicate(timeout=60)
-        self.assertEqual((process.returncode, output), (130, b""))
-        self.assertIn(b"interrupted; the file is valid", messages)
+        export.process.send_signal(signal.SIGINT)
+        status, output, messages = export.result()
+        self.assertEqual((status, output), (130, ""))
+        self.assertIn("interrupted; the file is valid", messages)
         with wave.open(str(self.out)) as file:
             frames = file.getnframes()
             self.assertLess(frames, FRAMES + 7200 * RATE)
