@@ -21,7 +21,7 @@ std::uint64_t Travel(const CSection& segment) noexcept {
 void BlockSummary::Add(const CSection& segment) noexcept {
   lowest_start = std::min(lowest_start, length);
   length = WrappingAdd(length, segment.Length());
-  highest_end = count == 0 ? length : std::max(highest_end, length);
+  highest_end = std::max(highest_end, length);
   travel = std::min(travel + Travel(segment), kSafeTravel);
   goes_back = goes_back || segment.end < segment.begin;
   ++count;

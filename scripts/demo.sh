@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The engine's main job from end to end: a piece of music comes in as Ogg Vorbis, is cut, gets a second
-# of silence, labels and a section marker, and leaves as a WAV file, which other programs then
-# describe. Installs and builds what is missing first. The result stays in build/demo.
+# of silence, labels and a section marker, is drawn, and leaves as a WAV file, which other programs
+# then describe. Installs and builds what is missing first. The result stays in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo
@@ -29,12 +29,10 @@ demo() {
   show "marlinda info demo.ogg" marlinda info demo.ogg
   # A bar takes 2.4 seconds: the third one first, then the first two, with a second of silence between.
   show 'marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
-    --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence"' \
+    --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png' \
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
-    --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence"
-  show "marlinda info demo.wav" marlinda info demo.wav
+    --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
   show "sox --info demo.wav" sox --info demo.wav
-  show "sndfile-info --cues demo.wav" sndfile-info --cues demo.wav
   show "sndfile-info demo.wav" sndfile-info demo.wav
 }
 export root folder music
@@ -42,4 +40,4 @@ export root folder music
 export -f demo show die
 "$root/scripts/wine-session" bash -euo pipefail -c demo
 echo
-echo "The result is in build/demo: demo.ogg (from) and demo.wav (to)."
+echo "The result is in build/demo: demo.ogg (from), demo.wav (to) and demo.png (its waveform)."

@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <limits>
+#include <thread>
 
 #include "tests/edit/document.h"
 
@@ -145,6 +147,44 @@ TEST_F(EditedAudio, BackwardSegmentsShortenItAndNeverWriteOutsideTheArray) {
   EXPECT_EQ(samples[99], A(99));
   EXPECT_EQ(samples[100], A(200));
   EXPECT_EQ(samples[119], A(219));
+}
+
+TEST_F(EditedAudio, TwoThreadsMayReadItAtOnce) {
+  const auto quiet = RampSource::Make('Q', 1);
+  for (int i = 0; i < 1000; ++i) document_.Append(quiet, i, i + 3);
+  const auto read_often = [&](std::size_t frames, int& wrong) {
+    const Floats block(frames);
+    for (int i = 0; i < 1000; ++i) {
+      document_.reader->ReadAudio(3 * i, block);
+      if (block[0] != RampSource::Sample('Q', i, 0) || block[2] != block[0] + 16) ++wrong;
+    }
+  };
+  int wrong_here = 0;
+  int wrong_there = 0;
+  std::thread other([&] { read_often(30, wrong_there); });
+  read_often(7, wrong_here);
+  other.join();
+  EXPECT_EQ(wrong_here + wrong_there, 0);
+}
+
+// Forbidden to hosts; what is read then may be either content, but nothing else must happen.
+TEST_F(EditedAudio, AnEditDuringAReadDoesNotCorruptIt) {
+  const auto quiet = RampSource::Make('Q', 1);
+  document_.Append(quiet, 0, 1);
+  std::atomic<bool> stop = false;
+  std::thread other([&] {
+    const Floats block(500);
+    while (!stop) document_.reader->ReadAudio(0, block);
+  });
+  for (int round = 0; round < 50; ++round) {
+    for (int i = 0; i < 300; ++i) document_->InsertSegment(i / 2, quiet.Get(), 0, 4);
+    document_->Delete(20, 100);
+    if (round % 5 == 0) document_->Clear();
+  }
+  stop = true;
+  other.join();
+  document_->Clear();
+  EXPECT_EQ(quiet->Held(), 0);
 }
 
 TEST_F(EditedAudio, ReadsOddFormatsAndArraysWithoutACrash) {

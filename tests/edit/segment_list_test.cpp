@@ -58,21 +58,21 @@ class WalkedList {
     std::int64_t offset = 0;
     for (const Segment& segment : segments_) {
       CSection piece(segment.begin, segment.end);
-      if (begin > offset) piece.begin = segment.begin + (begin - offset);
-      if (segment.begin + (end - offset) < segment.end) {
-        piece.end = segment.begin + (end - offset);
-      }
-      if (piece.end - piece.begin > 0) {
+      const std::int64_t first = SaturatingAdd(segment.begin, SaturatingSubtract(begin, offset));
+      const std::int64_t last = SaturatingAdd(segment.begin, SaturatingSubtract(end, offset));
+      if (first > segment.begin) piece.begin = first;
+      if (last < segment.end) piece.end = last;
+      if (piece.begin < piece.end) {
         pieces.emplace_back(segment.source, piece.begin, piece.end);
       }
-      offset += segment.end - segment.begin;
+      offset = WrappingAdd(offset, segment.Length());
     }
     return pieces;
   }
 
   std::int64_t Length() const {
     std::int64_t sum = 0;
-    for (const Segment& segment : segments_) sum += segment.end - segment.begin;
+    for (const Segment& segment : segments_) sum = WrappingAdd(sum, segment.Length());
     return sum;
   }
 
@@ -84,16 +84,16 @@ class WalkedList {
     if (position == 0) return 0;
     std::int64_t offset = 0;
     for (std::size_t i = 0; i < segments_.size(); ++i) {
-      const std::int64_t length = segments_[i].end - segments_[i].begin;
-      if (position == offset + length) return i + 1;
-      if (position < offset + length) {
+      const std::int64_t end = WrappingAdd(offset, segments_[i].Length());
+      if (position == end) return i + 1;
+      if (position < end) {
         Segment second = segments_[i];
-        second.begin = segments_[i].begin + (position - offset);
+        second.begin = WrappingAdd(second.begin, WrappingSubtract(position, offset));
         segments_[i].end = second.begin;
         segments_.insert(segments_.begin() + static_cast<std::ptrdiff_t>(i) + 1, second);
         return i + 1;
       }
-      offset += length;
+      offset = end;
     }
     return segments_.size();
   }
@@ -101,10 +101,12 @@ class WalkedList {
   std::vector<Segment> segments_;
 };
 
-// Random edits on both lists. `odd_percent` of the segments are empty or backward.
+// Random edits on both lists. `odd_percent` of the segments are empty or backward; with `extremes`
+// some more have bounds at the ends of the number range.
 class RandomEdits {
  public:
-  RandomEdits(unsigned seed, int odd_percent) : random_(seed), odd_percent_(odd_percent) {
+  RandomEdits(unsigned seed, int odd_percent, bool extremes)
+      : random_(seed), odd_percent_(odd_percent), extremes_(extremes) {
     for (int i = 0; i < 5; ++i) sources_.push_back(MakeSource(i));
     sources_.push_back(nullptr);
   }
@@ -136,7 +138,7 @@ class RandomEdits {
     ASSERT_EQ(list_.Count(), walked_.segments().size());
     for (int i = 0; i < 3; ++i) {
       const std::int64_t begin = RandomPosition();
-      const std::int64_t end = i == 0 ? RandomPosition() : begin + Draw(-5, 200);
+      const std::int64_t end = i == 0 ? RandomPosition() : SaturatingAdd(begin, Draw(-5, 200));
       ASSERT_EQ(Text(list_.Cut({begin, end})), Text(walked_.Cut(begin, end)));
     }
   }
@@ -153,7 +155,16 @@ class RandomEdits {
     return std::uniform_int_distribution<std::int64_t>(low, high)(random_);
   }
 
+  std::int64_t Extreme() {
+    const std::int64_t near = Draw(0, 3);
+    return Draw(0, 1) == 0 ? kMin + near : kMax - near;
+  }
+
   Segment RandomSegment() {
+    if (extremes_ && Draw(0, 20) == 0) {
+      const std::int64_t other = Draw(0, 1) == 0 ? Extreme() : Draw(-1000, 1000);
+      return {sources_[static_cast<std::size_t>(Draw(0, 5))], Extreme(), other};
+    }
     const std::int64_t begin = Draw(-1000, 1000);
     const bool odd = Draw(0, 99) < odd_percent_;
     return {sources_[static_cast<std::size_t>(Draw(0, 5))], begin,
@@ -161,10 +172,12 @@ class RandomEdits {
   }
 
   std::int64_t RandomPosition() {
+    if (extremes_ && Draw(0, 9) == 0) return Extreme();
     const std::int64_t length = walked_.Length();
     const std::int64_t low = std::min<std::int64_t>(0, length);
     const std::int64_t high = std::max<std::int64_t>(0, length);
-    return Draw(0, 9) == 0 ? Draw(low - 300, high + 300) : Draw(low, high);
+    if (Draw(0, 9) != 0) return Draw(low, high);
+    return Draw(SaturatingSubtract(low, 300), SaturatingAdd(high, 300));
   }
 
   void Insert(const std::vector<Segment>& segments) {
@@ -175,26 +188,33 @@ class RandomEdits {
 
   std::mt19937 random_;
   int odd_percent_;
+  bool extremes_;
   std::vector<Source> sources_;
   List list_;
   WalkedList walked_;
 };
 
+void CompareRandomEdits(int odd_percent, bool extremes) {
+  RandomEdits edits(20 + static_cast<unsigned>(odd_percent), odd_percent, extremes);
+  for (int step = 0; step < 400; ++step) {
+    edits.Step();
+    edits.Compare();
+    if (step % 100 == 0) edits.CompareWhole();
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+  edits.CompareWhole();
+  // Fewer would not leave the first blocks of the list.
+  EXPECT_GT(edits.Count(), 2000u);
+}
+
 TEST(SegmentList, GivesWhatAWalkOverThePlainListGives) {
   for (const int odd_percent : {0, 1, 30, 80}) {
     SCOPED_TRACE(odd_percent);
-    RandomEdits edits(20 + static_cast<unsigned>(odd_percent), odd_percent);
-    for (int step = 0; step < 400; ++step) {
-      edits.Step();
-      edits.Compare();
-      if (step % 100 == 0) edits.CompareWhole();
-      if (HasFatalFailure()) return;
-    }
-    edits.CompareWhole();
-    // Fewer would not leave the first blocks of the list.
-    EXPECT_GT(edits.Count(), 2000u);
+    CompareRandomEdits(odd_percent, false);
   }
 }
+
+TEST(SegmentList, GivesWhatTheWalkGivesAlsoWhereOffsetsWrap) { CompareRandomEdits(20, true); }
 
 class SegmentListTest : public ::testing::Test {
  protected:
@@ -256,23 +276,13 @@ TEST_F(SegmentListTest, TakesTheLargestPositionAsTheEnd) {
   EXPECT_EQ(Text(list_), whole + " A[1,2)");
 }
 
-TEST_F(SegmentListTest, SurvivesLengthsThatDoNotFit) {
-  // Two of these wrap around; whatever comes out, it comes out of the walk and stays in bounds.
-  for (int i = 0; i < 600; ++i) {
-    list_.Append({a_, 0, 3});
-    list_.Append({b_, kMin, kMax});
-    list_.Append({a_, kMax, kMin});
-    list_.Append({b_, 0, kMax});
+TEST_F(SegmentListTest, SplitsNothingAtTheEndOfASegmentInAnyBlock) {
+  for (int i = 0; i < 1000; ++i) list_.Append({a_, 0, 3});
+  for (std::int64_t position = 0; position <= 3000; ++position) {
+    List list = list_;
+    list.Insert(position, {{b_, 0, 1}});
+    ASSERT_EQ(list.Count(), position % 3 == 0 ? 1001u : 1002u) << position;
   }
-  const std::vector<std::int64_t> positions = {kMin, kMin + 1, -1, 0, 1, 5, kMax - 1, kMax};
-  for (const std::int64_t position : positions) {
-    list_.Insert(position, {{nullptr, 0, 1}});
-    for (const Segment& piece : list_.Cut({position, SaturatingAdd(position, 10)})) {
-      EXPECT_LT(piece.begin, piece.end);
-      EXPECT_LE(WrappingSubtract(piece.end, piece.begin), 10);
-    }
-  }
-  EXPECT_EQ(Text(list_.Cut({0, 1})).substr(0, 6), "-[0,1)");
 }
 
 TEST_F(SegmentListTest, GivesEveryReferenceBack) {
@@ -297,8 +307,14 @@ TEST_F(SegmentListTest, IterationStaysOnItsSegmentAndEndsForGood) {
   // Neither what comes in front nor what comes behind makes it lose or repeat a segment.
   list_.Insert(10, std::vector<Segment>(700, Segment(b_, 0, 1)));
   EXPECT_EQ(list_.Next()->begin, 301);
+  // Directly before the segment, and directly behind it.
+  list_.Insert(700 + 301, {{b_, 7, 8}});
+  EXPECT_EQ(list_.Next()->begin, 302);
+  list_.Insert(700 + 1 + 303, {{b_, 9, 10}});
+  EXPECT_EQ(list_.Next()->begin, 9);
+  EXPECT_EQ(list_.Next()->begin, 303);
   list_.Insert(list_.Length() - 1, {{b_, 5, 6}});
-  for (int i = 302; i < 599; ++i) ASSERT_EQ(list_.Next()->begin, i);
+  for (int i = 304; i < 599; ++i) ASSERT_EQ(list_.Next()->begin, i);
   EXPECT_EQ(list_.Next()->source, b_);
   EXPECT_EQ(list_.Next()->begin, 599);
   EXPECT_EQ(list_.Next(), nullptr);

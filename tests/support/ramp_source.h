@@ -4,6 +4,7 @@
 
 #include <marlinda.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -66,7 +67,7 @@ class RampSource : public IAudioReader {
   const SHORT channels_;
   const LONG samples_per_sec_;
   CallLog* const log_;
-  long references_ = 1;
+  std::atomic<long> references_ = 1;
 };
 
 }  // namespace marlinda::testing
