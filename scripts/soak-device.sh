@@ -10,8 +10,9 @@ cycles=${1:-10000} seconds=${2:-600}
   exit 2
 }
 
+# shellcheck disable=SC2154 -- root comes from common.sh
 "$root/scripts/setup.sh" build test
-compile x64
+compile x64 Tessaly device_component_tests device_tool
 tests=$root/build/x64/tests
 
 echo "Playing $seconds s and recording half as long"

@@ -45,6 +45,16 @@ def start(environment, *words):
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
 
+def finish(tool, timeout, words=None):
+    """What the tool still says; a tool that does not end is ended."""
+    try:
+        return tool.communicate(words, timeout=timeout)[0]
+    except subprocess.TimeoutExpired:
+        tool.kill()
+        tool.communicate()
+        raise
+
+
 def known_signal(frames, full_scale):
     """The signal that the tool plays; no frame of it is silent, and it repeats after 60001 samples."""
     period = array.array("f", ((n * 7919 % 60001 - 30000) / full_scale for n in range(60001)))
@@ -107,7 +117,7 @@ class PlayTest(unittest.TestCase):
         with sound(pipes=True) as environment:
             speaker = Speaker(environment["TESSALY_SPEAKER"])
             tool = start(environment, "play", bits, block, frames)
-            tool.communicate(timeout=frames / RATE * 5 + 60)
+            finish(tool, frames / RATE * 5 + 60)
             self.assertEqual(tool.returncode, 0)
         speaker.close()
         return bytes(speaker.got)
@@ -146,7 +156,7 @@ class RecordTest(unittest.TestCase):
                     due = (int(line) + ahead) * FRAME_BYTES
                     while sent < due and sent < len(fed):
                         sent += microphone.write(fed[sent:min(due, sent + 4096)])
-            tool.communicate(timeout=60)
+            finish(tool, 60)
             self.assertEqual(tool.returncode, 0)
             return path.read_bytes()
 
@@ -173,7 +183,7 @@ class LostServerTest(unittest.TestCase):
             self.assertEqual(tool.stdout.readline().split(), [b"ready"])
             os.kill(int(environment["TESSALY_SOUND_SERVER_PID"]), signal.SIGKILL)
             time.sleep(0.5)
-            output, _ = tool.communicate(b"\n", timeout=120)
+            output = finish(tool, 120, b"\n")
             self.assertEqual(tool.returncode, 0, how)
         told = dict(line.split() for line in output.decode().splitlines())
         for name, value in told.items():
