@@ -249,10 +249,11 @@ TEST_F(EditedAudioPlay, FormatsThatAreNoneDoNoHarm) {
     EXPECT_EQ(odd->SetFormat(format.rate, format.channels, format.bits), S_OK);
     EXPECT_EQ(odd->Play(0, 10, 1, VARIANT_FALSE), S_OK);
     EXPECT_EQ(odd->StopPlay(), S_OK);
+    // A tenth of a second may be more than there is memory for.
+    if (format.rate > 1'000'000) continue;
     const auto scrub = As<IScrubSupport>(odd.edit);
     EXPECT_EQ(scrub->StartScrub(), S_OK);
-    const HRESULT hr = scrub->SetScrubPosition(100);
-    EXPECT_EQ(hr, format.channels == 32767 ? E_OUTOFMEMORY : S_OK);
+    EXPECT_EQ(scrub->SetScrubPosition(100), S_OK);
     EXPECT_EQ(scrub->StopScrub(), S_OK);
   }
   Document fresh;
