@@ -7,8 +7,11 @@ namespace marlinda {
 // Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CAudioGrabber);
+MARLINDA_DECLARE_CLASS(CAudioPlayback);
 MARLINDA_DECLARE_CLASS(CAudioPool);
 MARLINDA_DECLARE_CLASS(CAudioPoolReader);
+MARLINDA_DECLARE_CLASS(CAudioScrubber);
 MARLINDA_DECLARE_CLASS(CEditedAudio);
 MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
@@ -19,12 +22,12 @@ MARLINDA_DECLARE_CLASS(CWavExportFilter);
 std::span<const ClassEntry> ClassTable() noexcept {
   static const ClassEntry table[] = {
       {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1", nullptr},
-      {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", nullptr},
-      {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", nullptr},
+      {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", CreateCAudioGrabber},
+      {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", CreateCAudioPlayback},
       {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", CreateCAudioPool},
       {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1",
        CreateCAudioPoolReader},
-      {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", nullptr},
+      {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", CreateCAudioScrubber},
       {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", CreateCEditedAudio},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",

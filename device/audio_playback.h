@@ -1,0 +1,78 @@
+// CAudioPlayback: plays interleaved floats on a wave-out device.
+#pragma once
+
+#include <marlinda.h>
+// After windows.h.
+#include <mmsystem.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/com_object.h"
+#include "core/handle.h"
+#include "core/sample_array.h"
+#include "device/audio_out_buffer.h"
+#include "device/calls_inside.h"
+
+namespace marlinda {
+
+// Each block written becomes one device buffer, queued at once; a writer waits while more than the
+// buffer length is queued, which paces it to real time. A producer thread may be in WriteAudio
+// while another thread asks for position and level or calls Break or CloseDevice.
+//
+// A device can be lost without a word: no buffer comes back any more while the position calls go on
+// succeeding. When a reset fails, or a device being closed returns no buffer for two seconds, it
+// counts as lost: it is closed, its buffers are freed, and the object can be opened again.
+class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
+
+  CAudioPlayback();
+  ~CAudioPlayback();
+
+  // IAudioPlayback
+  STDMETHODIMP SetBufferLength(LONG nMilliSecs) override;
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override;
+  STDMETHODIMP GetPlaybackPos(__int64* nPlaybackPos) override;
+  STDMETHODIMP SetPosOffset(__int64 nOffset) override;
+  STDMETHODIMP GetPosOffset(__int64* pnOffset) override;
+  STDMETHODIMP Break() override;
+  STDMETHODIMP SetDevice(ULONG nDeviceId) override;
+  STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override;
+
+  // IAudioWriter
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
+  STDMETHODIMP OpenDevice() override;
+  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override;
+
+ private:
+  using Guard = std::unique_lock<std::mutex>;
+
+  // Each expects the lock to be held.
+  void WaitForRoom(Guard& lock);
+  void Queue(std::span<const float> samples);
+  void Reap();
+  void Close();
+
+  CallsInside writers_;
+  std::mutex mutex_;
+  WAVEFORMATEX format_ = {};
+  KernelHandle done_event_;
+  HWAVEOUT device_ = nullptr;
+  std::int64_t pos_offset_ = 0;
+  std::uint32_t buffer_millisecs_ = 1000;
+  std::uint32_t queue_limit_bytes_ = 0;
+  std::uint32_t queued_bytes_ = 0;
+  bool broken_ = false;
+  int waiting_writers_ = 0;
+  UINT device_id_ = WAVE_MAPPER;
+  std::deque<std::unique_ptr<CAudioOutBuffer>> pending_;
+  std::vector<float> output_levels_;
+};
+
+}  // namespace marlinda

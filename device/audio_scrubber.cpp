@@ -1,0 +1,97 @@
+#include "device/audio_scrubber.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "core/sample_array.h"
+#include "device/overlap_add.h"
+
+namespace marlinda {
+namespace {
+
+constexpr DWORD kStopPollMilliSecs = 100;
+
+}  // namespace
+
+// What the thread and the object share.
+struct CAudioScrubber::Scrub {
+  Scrub(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
+      : writer(target),
+        overlap_add(given_frames - given_frames % 2, channels),
+        output(overlap_add.OutputSamples()),
+        block(given_frames * channels),
+        pass_milliseconds(rate > 0
+                              ? static_cast<DWORD>(given_frames * 500 / static_cast<DWORD>(rate))
+                              : kStopPollMilliSecs) {}
+
+  void Run() {
+    while (!stop) {
+      {
+        const std::lock_guard lock(block_mutex);
+        overlap_add.Pass(block, output.samples());
+      }
+      // A writer that refuses the block does not wait either; without a pause the thread would
+      // spin.
+      if (FAILED(writer->WriteAudio(output.get()))) Sleep(std::max<DWORD>(pass_milliseconds, 1));
+    }
+  }
+
+  const ComPtr<IAudioWriter> writer;
+  OverlapAdd overlap_add;
+  SampleArray output;
+  std::mutex block_mutex;
+  std::vector<float> block;
+  const DWORD pass_milliseconds;
+  std::atomic<bool> stop{false};
+};
+
+CAudioScrubber::~CAudioScrubber() { Stop(); }
+
+STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks,
+                                   LONG nSamplesPerSec, SHORT nChannels) {
+  if (nChannels <= 0) return E_INVALIDARG;
+  if (pAudioWriter == nullptr) return E_POINTER;
+  if (nSamplesInBlocks < 2) return E_INVALIDARG;
+  if (running_) return E_FAIL;
+  return ComCall([&] {
+    scrub_ = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
+                                     nSamplesPerSec, static_cast<std::size_t>(nChannels));
+    pAudioWriter->OpenDevice();
+    const HRESULT hr = thread_.Start([scrub = scrub_] { scrub->Run(); });
+    if (FAILED(hr)) {
+      pAudioWriter->CloseDevice();
+      return hr;
+    }
+    running_ = true;
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CAudioScrubber::Stop() {
+  if (!running_) return S_OK;
+  scrub_->stop = true;
+  thread_.PollUntilEnded(kStopPollMilliSecs);
+  running_ = false;
+  scrub_->writer->CloseDevice();
+  return S_OK;
+}
+
+STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
+  SampleArrayView given;
+  const HRESULT hr = given.Lock(psaAudio);
+  if (FAILED(hr)) return hr;
+  if (!running_) return E_FAIL;
+  const std::size_t needed = 2 * scrub_->overlap_add.OutputSamples();
+  if (given.samples().size() < needed) return E_INVALIDARG;
+  const std::lock_guard lock(scrub_->block_mutex);
+  std::ranges::copy(given.samples().first(needed), scrub_->block.begin());
+  return S_OK;
+}
+
+MARLINDA_DEFINE_CLASS(CAudioScrubber)
+
+}  // namespace marlinda

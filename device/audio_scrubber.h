@@ -1,0 +1,41 @@
+// CAudioScrubber: makes scrubbing audible. A thread plays the block under the cursor over and over,
+// crossfaded with the one before, into a writer.
+#pragma once
+
+#include <marlinda.h>
+
+#include <memory>
+
+#include "core/com_object.h"
+#include "core/worker_thread.h"
+
+namespace marlinda {
+
+// The caller sets the writer's format beforehand. The writer paces the thread by blocking in
+// WriteAudio; its results do not matter. It is held until the next Start or the last release.
+//
+// Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of fewer than 2
+// frames and negative channel counts with E_INVALIDARG; Stop without Start does nothing; WriteBlock
+// outside Start and Stop gives E_FAIL, one that is too short E_INVALIDARG.
+class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;
+
+  CAudioScrubber() = default;
+  ~CAudioScrubber();
+
+  // IAudioScrubber
+  STDMETHODIMP Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks, LONG nSamplesPerSec,
+                     SHORT nChannels) override;
+  STDMETHODIMP Stop() override;
+  STDMETHODIMP WriteBlock(SAFEARRAY* psaAudio) override;
+
+ private:
+  struct Scrub;
+
+  std::shared_ptr<Scrub> scrub_;
+  bool running_ = false;
+  WorkerThread thread_;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,34 @@
+// The wave format that playback and recording ask a device for.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <mmreg.h>
+
+namespace marlinda {
+
+// 32 bits always mean IEEE float, any other width PCM. Nothing is validated: a device refuses what
+// it cannot play when it is opened. Products wrap in the width of their field.
+inline WAVEFORMATEX DeviceFormat(LONG samples_per_sec, SHORT channels, SHORT bits) noexcept {
+  WAVEFORMATEX format = {};
+  format.wFormatTag = bits == 32 ? WAVE_FORMAT_IEEE_FLOAT : WAVE_FORMAT_PCM;
+  format.nChannels = static_cast<WORD>(channels);
+  format.nSamplesPerSec = static_cast<DWORD>(samples_per_sec);
+  format.wBitsPerSample = static_cast<WORD>(bits);
+  format.nBlockAlign = static_cast<WORD>(bits * channels / 8);
+  format.nAvgBytesPerSec = format.nBlockAlign * format.nSamplesPerSec;
+  return format;
+}
+
+inline bool IsFloat(const WAVEFORMATEX& format) noexcept {
+  return format.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
+}
+
+// Whether a device may be asked for the format at all: some drivers take a format without channels
+// and come down in the first write.
+inline bool IsPlausible(const WAVEFORMATEX& format) noexcept {
+  return format.nBlockAlign > 0 && static_cast<SHORT>(format.nChannels) > 0 &&
+         static_cast<LONG>(format.nSamplesPerSec) > 0;
+}
+
+}  // namespace marlinda
