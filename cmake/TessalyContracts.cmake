@@ -1,6 +1,7 @@
 # Generates header, identifiers and type library from core/marlinda.idl: interfaces, identifiers and
 # DISPIDs exist once, in the IDL.
-find_program(WIDL_EXECUTABLE widl REQUIRED)
+# Only the package of the wrapper scripts adds the plain name.
+find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
 find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
           NO_CMAKE_FIND_ROOT_PATH REQUIRED)
 find_path(WINE_TLB_DIR stdole2.tlb

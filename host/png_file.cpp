@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <system_error>
 
 #include "host/messages.h"
 #include "host/wide_text.h"
@@ -25,10 +27,16 @@ void WritePng(const std::string& file, const Picture& picture) {
   std::string content;
   const bool encoded = stbi_write_png_to_func(Collect, &content, picture.width(), picture.height(),
                                               3, picture.bytes().data(), 3 * picture.width()) != 0;
-  std::ofstream output(std::filesystem::path(Widen(file)), std::ios::binary | std::ios::trunc);
+  if (!encoded) throw std::bad_alloc();
+  const std::filesystem::path path(Widen(file));
+  std::ofstream output(path, std::ios::binary | std::ios::trunc);
+  const bool opened = output.is_open();
   output.write(content.data(), static_cast<std::streamsize>(content.size()));
   output.close();
-  if (!encoded || !output) {
+  if (!output) {
+    std::error_code ignored;
+    // Half a picture helps nobody. What could not be opened is not ours to remove.
+    if (opened) std::filesystem::remove(path, ignored);
     throw HostError(ExitStatus::kOutput, file, "it could not be written",
                     "Check that the folder may be written to and the disk is not full.");
   }

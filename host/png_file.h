@@ -7,7 +7,8 @@
 
 namespace marlinda {
 
-// Writes the picture; an existing file is replaced. Throws a HostError that names the file.
+// Writes the picture; an existing file is replaced. Throws a HostError that names the file, and
+// then leaves no half of one.
 void WritePng(const std::string& file, const Picture& picture);
 
 }  // namespace marlinda

@@ -33,7 +33,6 @@ demo() {
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
   show "sox --info demo.wav" sox --info demo.wav
-  show "sndfile-info --cues demo.wav" sndfile-info --cues demo.wav
   show "sndfile-info demo.wav" sndfile-info demo.wav
 }
 export root folder music

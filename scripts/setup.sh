@@ -24,7 +24,7 @@ test=(
 )
 lint=("${build[@]}" g++ googletest clang-format clang-tidy)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)
-fuzz=(cmake ninja-build dpkg-dev ca-certificates xz-utils g++ clang libclang-rt-14-dev)
+fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
 
 groups=("$@")
 [[ ${#groups[@]} -gt 0 ]] || groups=(build test)

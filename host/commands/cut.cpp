@@ -75,10 +75,21 @@ void RunCut(const CutOptions& options, const Console& console) {
   wave.SetAnnotations(annotations);
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), options.bits, console);
-  if (draws) DrawDocument(document.Get(), annotations, options.picture);
-  PrintSummary({options.input, source.filter().class_name, options.output, audio.format,
-                options.bits, plan.length, annotations, facts},
-               options.json, console);
+  WrittenFile written = {options.input,  source.filter().class_name,
+                         options.output, audio.format,
+                         options.bits,   plan.length,
+                         annotations,    facts};
+  try {
+    if (draws) {
+      DrawDocument(document.Get(), annotations, options.picture);
+      written.picture = options.picture.file;
+    }
+  } catch (...) {
+    // The audio is whole without its picture: it stays, and the report says so.
+    PrintSummary(written, options.json, console);
+    throw;
+  }
+  PrintSummary(written, options.json, console);
 }
 
 }  // namespace marlinda

@@ -18,7 +18,8 @@ void PrintSummary(const WrittenFile& written, bool json, const Console& console)
                           {"duration_seconds", static_cast<double>(written.frames) / format.rate},
                           {"bytes", written.facts.bytes},
                           {"labels", ToJson(written.annotations.labels)},
-                          {"markers", ToJson(written.annotations.markers)}}));
+                          {"markers", ToJson(written.annotations.markers)},
+                          {"picture", OrNull(written.picture)}}));
     return;
   }
   console.Print(written.output + ": " + FormatDuration(written.frames, format.rate) + ", " +

@@ -15,6 +15,7 @@ struct WrittenFile {
   std::int64_t frames = 0;
   Annotations annotations;
   WaveFileFacts facts;
+  std::optional<std::string> picture = {};  // drawn beside it
 };
 
 void PrintSummary(const WrittenFile& written, bool json, const Console& console);

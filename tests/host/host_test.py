@@ -17,6 +17,7 @@ import tempfile
 import time
 import unittest
 import wave
+import zlib
 
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
@@ -104,6 +105,48 @@ def annotations(path):
             length = struct.unpack_from("<I", body, 4)[0]
             markers.append((begin, begin + length, body[20:].split(b"\0")[0].decode()))
     return labels, markers
+
+
+class Picture:
+    """A PNG file as any reader sees it: 8-bit RGB, checked and unpacked to rows of bytes."""
+
+    def __init__(self, path):
+        data = path.read_bytes()
+        assert data[:8] == b"\x89PNG\r\n\x1a\n"
+        position, packed = 8, b""
+        while position < len(data):
+            size, tag = struct.unpack_from(">I4s", data, position)
+            body = data[position + 8:position + 8 + size]
+            assert struct.unpack_from(">I", data, position + 8 + size)[0] == zlib.crc32(tag + body)
+            if tag == b"IHDR":
+                self.width, self.height, *kind = struct.unpack(">IIBBBBB", body)
+                assert kind == [8, 2, 0, 0, 0], kind
+            elif tag == b"IDAT":
+                packed += body
+            position += 12 + size
+        assert tag == b"IEND"
+        raw = zlib.decompress(packed)
+        stride = 3 * self.width
+        assert len(raw) == (stride + 1) * self.height
+        self.rows = [bytes(stride)]
+        for y in range(self.height):
+            start = y * (stride + 1)
+            self.rows.append(self.unfiltered(raw[start], raw[start + 1:start + 1 + stride]))
+        del self.rows[0]
+
+    def unfiltered(self, kind, line):
+        above, row = self.rows[-1], bytearray(line)
+        for i in range(len(row)):
+            left, up, corner = (row[i - 3], above[i], above[i - 3]) if i >= 3 else (0, above[i], 0)
+            guess = left + up - corner
+            nearest = min((left, up, corner), key=lambda byte: abs(guess - byte))
+            row[i] = row[i] + (0, left, up, (left + up) // 2, nearest)[kind] & 255
+        return bytes(row)
+
+    def wave(self, column, top, bottom):
+        """The rows of a lane that the waveform covers in one column."""
+        return [y for y in range(top, bottom)
+                if self.rows[y][3 * column:3 * column + 3] == b"\x26\x5c\x9e"]
 
 
 class HostTest(unittest.TestCase):
@@ -362,6 +405,118 @@ class HostTest(unittest.TestCase):
         self.assertEqual(states()["COggImport"], "listed already")
         self.assertEqual(listed(), ["Vorbis"])
         self.assertIn('listed as "Vorbis", merit 200, *.ogg', self.succeed("filters"))
+
+    def music(self, name, *effects, channels=1):
+        """An Ogg file of one second made by sox."""
+        made, ogg = self.folder / (name + ".wav"), self.folder / (name + ".ogg")
+        tool("sox", "-D", "-n", "-r", RATE, "-c", channels, "-b", 16, made, "synth", 1, *effects)
+        tool("oggenc", "-Q", "-s", 1, "-q", 9, made, "-o", ogg)
+        return ogg
+
+    def test_plot_draws_the_wave_as_high_as_it_sounds(self):
+        png = self.folder / "out.png"
+        # Below the lane is an axis of 20 pixels, and its last 4 separate it from the next one.
+        size = ["--width", "300", "--height", "120"]
+        report = json.loads(self.succeed("plot", self.music("half", "sine", 1000, "vol", 0.5), png,
+                                         *size, "--json"))
+        self.assertEqual((report["input"], report["picture"], report["frames"]),
+                         (windows(self.folder / "half.ogg"), windows(png), RATE))
+        self.assertEqual((report["width"], report["height"]), (300, 120))
+        picture = Picture(png)
+        self.assertEqual((picture.width, picture.height), (300, 120))
+        for column in range(10, 290):
+            rows = picture.wave(column, 0, 100)
+            self.assertEqual(rows, list(range(rows[0], rows[-1] + 1)))
+            self.assertAlmostEqual(rows[0], 24, delta=2)
+            self.assertAlmostEqual(rows[-1], 71, delta=2)
+
+        self.succeed("plot", self.music("silence", "sine", 1000, "vol", 0), png, *size)
+        picture = Picture(png)
+        for column in range(300):
+            self.assertEqual(len(picture.wave(column, 0, 100)), 1, column)
+
+        # The left half of one channel sounds, and all of the other is silent.
+        ogg = self.music("sides", "sine", 1000, "vol", 0.9, "remix", 1, "1v0", "trim", 0, 0.5, "pad",
+                         0, 0.5, channels=2)
+        self.succeed("plot", ogg, png, *size)
+        picture = Picture(png)
+        self.assertGreater(len(picture.wave(75, 0, 50)), 40)
+        self.assertLess(len(picture.wave(225, 0, 50)), 3)
+        self.assertLess(len(picture.wave(75, 50, 100)), 3)
+
+    def test_plot_draws_the_range_it_is_told(self):
+        png = self.folder / "out.png"
+        self.assertIn("1200 x 320", self.succeed("plot", self.ogg, png))
+        whole = Picture(png)
+        self.assertEqual((whole.width, whole.height), (1200, 320))
+        ogg = self.music("late", "sine", 1000, "pad", 1, 0)
+        for range_, loud in [(["--to", "0.9"], False), (["--from", "48510f"], True),
+                             (["--from", "1.2", "--to", "1.2001"], True)]:
+            with self.subTest(range=range_):
+                self.succeed("plot", ogg, png, *range_, "--width", "100", "--height", "120")
+                heights = [len(Picture(png).wave(column, 0, 100)) for column in (10, 50, 90)]
+                self.assertEqual(max(heights) > 3, loud, heights)
+
+    def test_plot_refuses_what_cannot_be_drawn_and_leaves_nothing(self):
+        png = self.folder / "out.png"
+        for arguments, says in [
+            ([self.folder / "out.jpg"], "out.jpg: a picture is written as .png"),
+            ([self.folder / "out"], ".png"),
+            ([png, "--width", "31"], "32 to 16384 pixels"),
+            ([png, "--height", "16385"], "32 to 16384 pixels"),
+            ([png, "--width", "-5"], "32 to 16384 pixels"),
+            ([png, "--width", "wide"], "--width"),
+            ([png, "--width", "99999999999"], "--width"),
+            ([png, "--from", "2", "--to", "1"], "132300 frames"),
+            ([png, "--from", "1", "--to", "1"], "132300 frames"),
+            ([png, "--from", "3"], "132300 frames"),
+            ([png, "--to", "3.1"], "132300 frames"),
+            ([png, "--to", "soon"], '"soon"'),
+            ([png, "--to", "9223372036854775807"], "too large"),
+        ]:
+            with self.subTest(arguments=arguments):
+                self.fail_with(2, "plot", self.ogg, *arguments, says=says)
+        self.fail_with(3, "plot", self.folder / "missing.ogg", png, says="does not exist")
+        self.fail_with(4, "plot", self.ogg, self.folder / "nowhere" / "out.png", says="folder")
+        self.assertEqual(list(self.folder.iterdir()), [])
+
+        same = self.folder / "same.png"
+        shutil.copy(self.ogg, same)
+        self.fail_with(2, "plot", same, same, says="input file itself")
+        self.assertEqual(same.read_bytes(), self.ogg.read_bytes())
+        (self.folder / "folder.png").mkdir()
+        self.fail_with(4, "plot", self.ogg, self.folder / "folder.png", says="folder.png")
+        self.assertTrue((self.folder / "folder.png").is_dir())
+        # Room for the short file's samples in the pool, but not for so large a picture.
+        self.fail_with(4, "plot", self.music("short", "sine", 50, "trim", 0, 0.1), png, "--width",
+                       "2000", "--height", "2000", most_bytes=20_000, says="could not be written")
+        self.assertFalse(png.exists())
+
+    def test_cut_draws_its_result(self):
+        png = self.folder / "out.png"
+        report = json.loads(self.succeed("cut", self.ogg, self.out, "--keep", "0:1", "--silence",
+                                         "1:1", "--plot", png, "--json"))
+        self.assertEqual(report["picture"], windows(png))
+        picture = Picture(png)
+        self.assertGreater(len(picture.wave(300, 0, 146)), 20)
+        self.assertEqual(len(picture.wave(900, 0, 146)), 1)
+        self.fail_with(2, "cut", self.ogg, self.folder / "no.wav", "--keep", "0:1", "--plot",
+                       self.folder / "out.jpg", says="out.jpg")
+        self.fail_with(4, "cut", self.ogg, self.folder / "no.wav", "--keep", "0:1", "--plot",
+                       self.folder / "nowhere" / "out.png", says="folder")
+        self.assertFalse((self.folder / "no.wav").exists())
+
+    def test_cut_keeps_and_reports_the_audio_when_its_picture_cannot_be_written(self):
+        png = self.folder / "out.png"
+        png.mkdir()
+        for json_option in ([], ["--json"]):
+            status, output, messages = run("cut", self.ogg, self.out, "--keep", "1:2", "--plot", png,
+                                           *json_option)
+            self.assertEqual(status, 4)
+            self.assertIn("out.png: it could not be written", messages)
+            self.assertIn("out.wav", output)
+            self.assertEqual(self.frames_of(self.out), self.piece(RATE, 2 * RATE))
+        self.assertIsNone(json.loads(output)["picture"])
 
     def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
         # Two hours of silence, so that the export is far from its end when the signal arrives.
