@@ -65,9 +65,14 @@ bool WorkerThread::IsRunning() const noexcept {
   return thread_ && GetExitCodeThread(thread_.get(), &code) != FALSE && code == STILL_ACTIVE;
 }
 
-void WorkerThread::PollUntilEnded(DWORD milliseconds) const noexcept {
-  if (OnWorker()) return;
-  while (IsRunning()) Sleep(milliseconds);
+bool WorkerThread::PollUntilEnded(DWORD milliseconds, ULONGLONG at_most) const noexcept {
+  if (OnWorker()) return true;
+  const ULONGLONG start = GetTickCount64();
+  while (IsRunning()) {
+    if (GetTickCount64() - start >= at_most) return false;
+    Sleep(milliseconds);
+  }
+  return true;
 }
 
 bool WorkerThread::OnWorker() const noexcept { return id_ == GetCurrentThreadId(); }

@@ -13,6 +13,8 @@ namespace marlinda {
 // COM object), because the last release of the object may happen on the worker itself.
 class WorkerThread {
  public:
+  static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};
+
   WorkerThread() noexcept = default;
   // Waits for the body to end. On the worker itself, where waiting would never end, lets it run
   // out.
@@ -28,9 +30,10 @@ class WorkerThread {
   // True from Start until the body has returned.
   bool IsRunning() const noexcept;
 
-  // Polls every `milliseconds` until the body has ended. Returns at once on the worker itself,
-  // which cannot outlast its own end.
-  void PollUntilEnded(DWORD milliseconds) const noexcept;
+  // Polls every `milliseconds` until the body has ended, or for about `at_most` milliseconds; false
+  // when it still runs then. Returns true at once on the worker itself, which cannot outlast its
+  // own end.
+  bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
  private:
   bool OnWorker() const noexcept;

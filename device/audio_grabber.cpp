@@ -1,6 +1,9 @@
 #include "device/audio_grabber.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <vector>
 
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
@@ -17,6 +20,57 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
 
+// One run of the device, from OpenDevice to CloseDevice.
+struct CAudioGrabber::Recording {
+  struct Buffer {
+    explicit Buffer(std::size_t size) : data(size) {}
+    WAVEHDR header = {};
+    std::vector<std::byte> data;
+  };
+
+  // Makes everything that can fail before the device is open.
+  Recording(const WAVEFORMATEX& wanted, std::uint32_t bytes, HANDLE event)
+      : format(wanted),
+        data_event(event),
+        buffer_bytes(bytes),
+        samples(bytes / format.nBlockAlign * format.nChannels),
+        // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
+        buffers(kBufferCount,
+                Buffer(std::max<std::size_t>(
+                    bytes, samples.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {}
+
+  void Start() noexcept {
+    for (auto& buffer : buffers) {
+      buffer.header.lpData = reinterpret_cast<LPSTR>(buffer.data.data());
+      buffer.header.dwBufferLength = buffer_bytes;
+      Add(buffer);
+    }
+    waveInStart(device);
+  }
+
+  void Add(Buffer& buffer) noexcept {
+    waveInPrepareHeader(device, &buffer.header, sizeof buffer.header);
+    waveInAddBuffer(device, &buffer.header, sizeof buffer.header);
+  }
+
+  void Remove(Buffer& buffer) noexcept {
+    waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
+  }
+
+  // SetFormat meanwhile is for the next opening.
+  const WAVEFORMATEX format;
+  const HANDLE data_event;
+  const std::uint32_t buffer_bytes;
+  HWAVEIN device = nullptr;
+  // One buffer as floats.
+  std::vector<float> samples;
+  std::vector<Buffer> buffers;
+  // The buffer that the device fills next.
+  std::size_t next = 0;
+  // Buffers filled and not yet collected.
+  std::atomic<std::int32_t> done{0};
+};
+
 CAudioGrabber::CAudioGrabber() : data_event_(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
   format_ = DeviceFormat(44100, 2, 16);
   buffer_bytes_ = kInitialBufferBytes;
@@ -28,6 +82,7 @@ CAudioGrabber::~CAudioGrabber() {
     Close();
   }
   readers_.SeeOut(data_event_.get());
+  if (driver_keeps_event_) data_event_.Detach();
 }
 
 STDMETHODIMP CAudioGrabber::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
@@ -50,13 +105,17 @@ STDMETHODIMP CAudioGrabber::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
   return ComCall([&]() -> HRESULT {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
+    Guard lock(mutex_);
+    const std::uint32_t opening = opening_;
     while (queue_.Count() < block.samples().size()) {
-      {
-        const std::lock_guard lock(mutex_);
-        if (device_ == nullptr) return E_FAIL;
+      if (!recording_ || opening_ != opening) {
+        // The event wakes one reader; what ended this wait ends another's.
+        SetEvent(data_event_.get());
+        return E_FAIL;
       }
+      lock.unlock();
       WaitForSingleObject(data_event_.get(), INFINITE);
-      const std::lock_guard lock(mutex_);
+      lock.lock();
       Collect();
     }
     queue_.Read(block.samples());
@@ -72,9 +131,9 @@ STDMETHODIMP CAudioGrabber::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) 
   return S_OK;
 }
 
-STDMETHODIMP CAudioGrabber::GetSampleCount(__int64* pnSamples) {
+STDMETHODIMP CAudioGrabber::GetSampleCount(__int64*) {
   // A live source has no length.
-  return pnSamples == nullptr ? E_POINTER : E_NOTIMPL;
+  return E_NOTIMPL;
 }
 
 STDMETHODIMP CAudioGrabber::OpenDevice() {
@@ -84,24 +143,20 @@ STDMETHODIMP CAudioGrabber::OpenDevice() {
     if (!data_event_ || !IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) {
       return E_FAIL;
     }
-    recording_format_ = format_;
-    // All that can fail comes before the device is open.
-    buffers_.resize(kBufferCount);
-    for (auto& buffer : buffers_) buffer.data.resize(buffer_bytes_);
-    scratch_.resize(buffer_bytes_ / format_.nBlockAlign * format_.nChannels);
-
+    auto recording = std::make_unique<Recording>(format_, buffer_bytes_, data_event_.get());
     const auto callback = reinterpret_cast<DWORD_PTR>(&DataCallback);
-    const auto self = reinterpret_cast<DWORD_PTR>(this);
-    if (waveInOpen(&device_, device_id_, &format_, callback, self, CALLBACK_FUNCTION) !=
-        MMSYSERR_NOERROR) {
+    const auto instance = reinterpret_cast<DWORD_PTR>(recording.get());
+    if (waveInOpen(&recording->device, device_id_, &format_, callback, instance,
+                   CALLBACK_FUNCTION) != MMSYSERR_NOERROR) {
       const auto extensible = MakeExtensibleFormat(format_, IsFloat(format_), false);
-      if (waveInOpen(&device_, device_id_, &extensible.Format, callback, self, CALLBACK_FUNCTION) !=
-          MMSYSERR_NOERROR) {
-        device_ = nullptr;
+      if (waveInOpen(&recording->device, device_id_, &extensible.Format, callback, instance,
+                     CALLBACK_FUNCTION) != MMSYSERR_NOERROR) {
         return E_FAIL;
       }
     }
-    StartDevice();
+    recording_ = std::move(recording);
+    ++opening_;
+    recording_->Start();
     return S_OK;
   });
 }
@@ -113,58 +168,43 @@ STDMETHODIMP CAudioGrabber::CloseDevice() {
 }
 
 // Runs on a thread of the device and only counts and signals.
-void CALLBACK CAudioGrabber::DataCallback(HWAVEIN, UINT message, DWORD_PTR grabber, DWORD_PTR,
+void CALLBACK CAudioGrabber::DataCallback(HWAVEIN, UINT message, DWORD_PTR recording, DWORD_PTR,
                                           DWORD_PTR) {
   if (message != WIM_DATA) return;
-  auto* self = reinterpret_cast<CAudioGrabber*>(grabber);
-  ++self->done_count_;
-  SetEvent(self->data_event_.get());
-}
-
-void CAudioGrabber::StartDevice() {
-  next_buffer_ = 0;
-  done_count_ = 0;
-  for (auto& buffer : buffers_) {
-    buffer.header = {};
-    buffer.header.lpData = reinterpret_cast<LPSTR>(buffer.data.data());
-    buffer.header.dwBufferLength = static_cast<DWORD>(buffer.data.size());
-    waveInPrepareHeader(device_, &buffer.header, sizeof buffer.header);
-    waveInAddBuffer(device_, &buffer.header, sizeof buffer.header);
-  }
-  waveInStart(device_);
+  auto* self = reinterpret_cast<Recording*>(recording);
+  ++self->done;
+  SetEvent(self->data_event);
 }
 
 void CAudioGrabber::Collect() {
-  if (device_ == nullptr) return;
-  for (; done_count_ > 0; --done_count_) {
+  if (!recording_) return;
+  Recording& device = *recording_;
+  for (; device.done > 0; --device.done) {
     // The whole buffer is taken, whatever the device says that it recorded into it.
-    DeviceBuffer& buffer = buffers_[next_buffer_];
-    if (IsFloat(recording_format_)) {
-      std::memcpy(scratch_.data(), buffer.data.data(), scratch_.size() * sizeof(float));
+    Recording::Buffer& buffer = device.buffers[device.next];
+    if (IsFloat(device.format)) {
+      std::memcpy(device.samples.data(), buffer.data.data(), device.samples.size() * sizeof(float));
     } else {
-      ConvertPcmToFloat(buffer.data, scratch_, recording_format_.wBitsPerSample);
+      ConvertPcmToFloat(buffer.data, device.samples, device.format.wBitsPerSample);
     }
-    queue_.Append(scratch_);
-    waveInUnprepareHeader(device_, &buffer.header, sizeof buffer.header);
-    waveInPrepareHeader(device_, &buffer.header, sizeof buffer.header);
-    waveInAddBuffer(device_, &buffer.header, sizeof buffer.header);
-    next_buffer_ = (next_buffer_ + 1) % buffers_.size();
+    queue_.Append(device.samples);
+    device.Remove(buffer);
+    device.Add(buffer);
+    device.next = (device.next + 1) % device.buffers.size();
   }
 }
 
 void CAudioGrabber::Close() {
-  if (device_ == nullptr) return;
-  waveInReset(device_);
+  if (!recording_) return;
+  waveInReset(recording_->device);
   // A prepared header can only be unprepared while its device is open.
-  for (auto& buffer : buffers_) {
-    waveInUnprepareHeader(device_, &buffer.header, sizeof buffer.header);
+  for (auto& buffer : recording_->buffers) recording_->Remove(buffer);
+  if (waveInClose(recording_->device) != MMSYSERR_NOERROR) {
+    // The driver may still fill these buffers and signal the event: they are left to it.
+    static_cast<void>(recording_.release());
+    driver_keeps_event_ = true;
   }
-  if (waveInClose(device_) != MMSYSERR_NOERROR) {
-    // The driver may still fill these buffers: they are left to it.
-    static_cast<void>(new std::vector<DeviceBuffer>(std::move(buffers_)));
-    buffers_.clear();
-  }
-  device_ = nullptr;
+  recording_.reset();
   // A reader that waits finds the device closed.
   SetEvent(data_event_.get());
 }

@@ -5,11 +5,9 @@
 // After windows.h.
 #include <mmsystem.h>
 
-#include <atomic>
-#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
-#include <vector>
 
 #include "core/com_object.h"
 #include "core/handle.h"
@@ -20,8 +18,9 @@ namespace marlinda {
 
 // A read waits until the recording holds as many samples as it asks for, however long that takes,
 // and ignores the position: recording is strictly sequential. One reader at a time. CloseDevice
-// from another thread, or the last release, ends a wait; the read then fails with E_FAIL. Samples
-// that were collected but not read stay readable after CloseDevice.
+// from another thread, or the last release, ends a wait, also on a device that is lost; the read
+// then fails with E_FAIL, and so does one on a closed device. Samples that were collected but not
+// read stay readable after CloseDevice.
 class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
@@ -41,31 +40,29 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   STDMETHODIMP CloseDevice() override;
 
  private:
-  struct DeviceBuffer {
-    WAVEHDR header = {};
-    std::vector<std::byte> data;
-  };
+  using Guard = std::unique_lock<std::mutex>;
+  struct Recording;
 
-  static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR grabber, DWORD_PTR, DWORD_PTR);
+  static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR recording, DWORD_PTR,
+                                    DWORD_PTR);
 
   // Each expects the lock to be held.
-  void StartDevice();
+  // Appends the buffers that the device has filled to the queue and gives them back to it.
   void Collect();
   void Close();
 
   CallsInside readers_;
   std::mutex mutex_;
   WAVEFORMATEX format_ = {};
-  // What the open device was opened with; SetFormat meanwhile is for the next opening.
-  WAVEFORMATEX recording_format_ = {};
-  KernelHandle data_event_;
-  HWAVEIN device_ = nullptr;
-  UINT device_id_ = WAVE_MAPPER;
-  std::atomic<std::int32_t> done_count_{0};
   std::uint32_t buffer_bytes_ = 0;
-  std::size_t next_buffer_ = 0;
-  std::vector<DeviceBuffer> buffers_;
-  std::vector<float> scratch_;
+  UINT device_id_ = WAVE_MAPPER;
+  KernelHandle data_event_;
+  // Null while closed.
+  std::unique_ptr<Recording> recording_;
+  // Counts the openings, so that a reader which has waited knows its recording again.
+  std::uint32_t opening_ = 0;
+  // A driver that did not let itself be closed may signal the event at any time.
+  bool driver_keeps_event_ = false;
   CAudioQueue queue_;
 };
 

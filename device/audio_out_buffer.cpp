@@ -6,7 +6,8 @@
 namespace marlinda {
 
 CAudioOutBuffer::CAudioOutBuffer(HWAVEOUT device, DWORD size, std::size_t capacity)
-    : device_(device), data_(std::max<std::size_t>(size, capacity)) {
+    : device_(device), data_(std::max<std::size_t>({size, capacity, 1})) {
+  // An empty block is played as well, and drivers want an address.
   header_.lpData = reinterpret_cast<LPSTR>(data_.data());
   header_.dwBufferLength = size;
   header_.dwLoops = 1;

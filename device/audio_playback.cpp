@@ -13,7 +13,7 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kClosePollMilliSecs = 10;
-constexpr DWORD kLostAfterMilliSecs = 2000;
+constexpr ULONGLONG kLostAfterMilliSecs = 2000;
 
 // Runs on a thread of the device. It only signals: any wave-out call from here could deadlock.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
@@ -32,6 +32,7 @@ CAudioPlayback::~CAudioPlayback() {
     Close();
   }
   writers_.SeeOut(done_event_.get());
+  if (driver_keeps_event_) done_event_.Detach();
 }
 
 STDMETHODIMP CAudioPlayback::SetBufferLength(LONG nMilliSecs) {
@@ -81,7 +82,7 @@ STDMETHODIMP CAudioPlayback::Break() {
   const Guard lock(mutex_);
   if (device_ == nullptr) return S_OK;
   broken_ = true;
-  waveOutReset(device_);
+  if (waveOutReset(device_) != MMSYSERR_NOERROR) LetGo();
   // The device signals each buffer that it gives back; a lost one gives none, and the writer that
   // waits for it must wake all the same.
   SetEvent(done_event_.get());
@@ -111,8 +112,7 @@ STDMETHODIMP CAudioPlayback::WriteAudio(SAFEARRAY* psaAudioData) {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
     Guard lock(mutex_);
-    WaitForRoom(lock);
-    if (device_ == nullptr || broken_) return E_FAIL;
+    if (!WaitForRoom(lock)) return E_FAIL;
     Queue(block.samples());
     return S_OK;
   });
@@ -128,6 +128,7 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
     queue_limit_bytes_ = format_.nBlockAlign * buffer_millisecs_ * format_.nSamplesPerSec / 1000;
     queued_bytes_ = 0;
     broken_ = false;
+    ++opening_;
 
     const auto callback = reinterpret_cast<DWORD_PTR>(&PlaybackDoneCallback);
     const auto event = reinterpret_cast<DWORD_PTR>(done_event_.get());
@@ -165,8 +166,10 @@ STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
   return S_OK;
 }
 
-void CAudioPlayback::WaitForRoom(Guard& lock) {
-  while (device_ != nullptr && !broken_ && queued_bytes_ > queue_limit_bytes_) {
+bool CAudioPlayback::WaitForRoom(Guard& lock) {
+  const std::uint32_t opening = opening_;
+  const auto takes_blocks = [&] { return device_ != nullptr && !broken_ && opening_ == opening; };
+  while (takes_blocks() && queued_bytes_ > queue_limit_bytes_) {
     ++waiting_writers_;
     lock.unlock();
     WaitForSingleObject(done_event_.get(), INFINITE);
@@ -174,6 +177,9 @@ void CAudioPlayback::WaitForRoom(Guard& lock) {
     --waiting_writers_;
     Reap();
   }
+  // The event wakes one writer; whatever ended this wait may end another's.
+  if (waiting_writers_ > 0) SetEvent(done_event_.get());
+  return takes_blocks();
 }
 
 void CAudioPlayback::Queue(std::span<const float> samples) {
@@ -211,24 +217,32 @@ void CAudioPlayback::Reap() {
 
 void CAudioPlayback::Close() {
   if (device_ == nullptr) return;
-  bool lost = waveOutReset(device_) != MMSYSERR_NOERROR;
+  if (waveOutReset(device_) == MMSYSERR_NOERROR) WaitForBuffers();
+  LetGo();
+}
+
+void CAudioPlayback::WaitForBuffers() {
   std::size_t left = pending_.size();
-  for (DWORD waited = 0; !lost; waited += kClosePollMilliSecs) {
+  for (ULONGLONG since = GetTickCount64();; Sleep(kClosePollMilliSecs)) {
     Reap();
-    if (pending_.empty()) break;
-    if (pending_.size() < left) waited = 0;
+    if (pending_.empty()) return;
+    const ULONGLONG now = GetTickCount64();
+    if (pending_.size() < left) since = now;
     left = pending_.size();
-    lost = waited >= kLostAfterMilliSecs;
-    Sleep(kClosePollMilliSecs);
+    if (now - since >= kLostAfterMilliSecs) return;
   }
+}
+
+void CAudioPlayback::LetGo() {
   if (waveOutClose(device_) != MMSYSERR_NOERROR) {
-    // The driver may still write to these buffers, now or later: leaving them to it is the one
-    // thing that cannot corrupt memory.
+    // The driver may still read these buffers and signal the event, now or later: leaving them to
+    // it is the one thing that cannot corrupt memory.
     for (auto& buffer : pending_) static_cast<void>(buffer.release());
+    driver_keeps_event_ = true;
   }
+  device_ = nullptr;
   pending_.clear();
   queued_bytes_ = 0;
-  device_ = nullptr;
   output_levels_.clear();
   // A writer that waits finds the device closed; without one, no old signal may wake the next
   // writer.

@@ -25,7 +25,8 @@ namespace marlinda {
 //
 // A device can be lost without a word: no buffer comes back any more while the position calls go on
 // succeeding. When a reset fails, or a device being closed returns no buffer for two seconds, it
-// counts as lost: it is closed, its buffers are freed, and the object can be opened again.
+// counts as lost: it is closed, its buffers are freed, and the object can be opened again. A writer
+// that waits for a lost device waits until Break or CloseDevice.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
@@ -54,10 +55,16 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   using Guard = std::unique_lock<std::mutex>;
 
   // Each expects the lock to be held.
-  void WaitForRoom(Guard& lock);
+  // Waits while too much is queued. False when the device does not take the block: closed, broken,
+  // or opened anew meanwhile.
+  bool WaitForRoom(Guard& lock);
   void Queue(std::span<const float> samples);
+  // Frees the buffers that have been played.
   void Reap();
   void Close();
+  void WaitForBuffers();
+  // Closes the device whatever it still holds.
+  void LetGo();
 
   CallsInside writers_;
   std::mutex mutex_;
@@ -69,7 +76,11 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   std::uint32_t queue_limit_bytes_ = 0;
   std::uint32_t queued_bytes_ = 0;
   bool broken_ = false;
+  // Counts the openings, so that a writer which has waited knows its device again.
+  std::uint32_t opening_ = 0;
   int waiting_writers_ = 0;
+  // A driver that did not let itself be closed may signal the event at any time.
+  bool driver_keeps_event_ = false;
   UINT device_id_ = WAVE_MAPPER;
   std::deque<std::unique_ptr<CAudioOutBuffer>> pending_;
   std::vector<float> output_levels_;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "core/com_ptr.h"
@@ -14,6 +15,7 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
+constexpr ULONGLONG kLostAfterMilliSecs = 2000;
 
 }  // namespace
 
@@ -30,6 +32,8 @@ struct CAudioScrubber::Scrub {
 
   void Run() {
     while (!stop) {
+      // A writer that resized the array against the rules finds a whole one again.
+      output.Resize(overlap_add.OutputSamples());
       {
         const std::lock_guard lock(block_mutex);
         overlap_add.Pass(block, output.samples());
@@ -56,27 +60,32 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
   if (nChannels <= 0) return E_INVALIDARG;
   if (pAudioWriter == nullptr) return E_POINTER;
   if (nSamplesInBlocks < 2) return E_INVALIDARG;
-  if (running_) return E_FAIL;
+  if (scrub_) return E_FAIL;
   return ComCall([&] {
-    scrub_ = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
-                                     nSamplesPerSec, static_cast<std::size_t>(nChannels));
-    pAudioWriter->OpenDevice();
-    const HRESULT hr = thread_.Start([scrub = scrub_] { scrub->Run(); });
+    auto scrub = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
+                                         nSamplesPerSec, static_cast<std::size_t>(nChannels));
+    writer_ = pAudioWriter;
+    writer_->OpenDevice();
+    const HRESULT hr = thread_.Start([scrub] { scrub->Run(); });
     if (FAILED(hr)) {
-      pAudioWriter->CloseDevice();
+      writer_->CloseDevice();
       return hr;
     }
-    running_ = true;
+    scrub_ = std::move(scrub);
     return S_OK;
   });
 }
 
 STDMETHODIMP CAudioScrubber::Stop() {
-  if (!running_) return S_OK;
+  if (!scrub_) return S_OK;
   scrub_->stop = true;
-  thread_.PollUntilEnded(kStopPollMilliSecs);
-  running_ = false;
-  scrub_->writer->CloseDevice();
+  if (!thread_.PollUntilEnded(kStopPollMilliSecs, kLostAfterMilliSecs)) {
+    // What it breaks off would be broken off by CloseDevice below just as well.
+    if (const auto playback = TryQuery<IAudioPlayback>(writer_.Get())) playback->Break();
+    thread_.PollUntilEnded(kStopPollMilliSecs);
+  }
+  scrub_.reset();
+  writer_->CloseDevice();
   return S_OK;
 }
 
@@ -84,7 +93,7 @@ STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
   SampleArrayView given;
   const HRESULT hr = given.Lock(psaAudio);
   if (FAILED(hr)) return hr;
-  if (!running_) return E_FAIL;
+  if (!scrub_) return E_FAIL;
   const std::size_t needed = 2 * scrub_->overlap_add.OutputSamples();
   if (given.samples().size() < needed) return E_INVALIDARG;
   const std::lock_guard lock(scrub_->block_mutex);

@@ -7,12 +7,15 @@
 #include <memory>
 
 #include "core/com_object.h"
+#include "core/com_ptr.h"
 #include "core/worker_thread.h"
 
 namespace marlinda {
 
 // The caller sets the writer's format beforehand. The writer paces the thread by blocking in
-// WriteAudio; its results do not matter. It is held until the next Start or the last release.
+// WriteAudio; its results do not matter. It is held until the next Start or the last release. A
+// playback object that keeps the thread waiting for two seconds after Stop has lost its device, and
+// is told to break.
 //
 // Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of fewer than 2
 // frames and negative channel counts with E_INVALIDARG; Stop without Start does nothing; WriteBlock
@@ -33,8 +36,9 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  private:
   struct Scrub;
 
+  ComPtr<IAudioWriter> writer_;
+  // Null unless running.
   std::shared_ptr<Scrub> scrub_;
-  bool running_ = false;
   WorkerThread thread_;
 };
 

@@ -16,11 +16,11 @@
 namespace marlinda {
 namespace {
 
-// More levels of documents within themselves than any content needs, and few enough for a thread's
-// stack.
-constexpr int kDeepestRead = 64;
+// A sink that starts playback whenever playback is started would never end otherwise.
+constexpr int kDeepestPlay = 16;
 
 // Events of _IEAUpdateEvents and _IEAUndoEvents.
+constexpr DISPID kFireStartedPlayback = 1;
 constexpr DISPID kFireContentChanged = 3;
 constexpr DISPID kFireStoreUndo = 1;
 
@@ -58,57 +58,13 @@ HRESULT Lend(const Segment* segment, IAudioReader** source, __int64* begin, __in
 
 }  // namespace
 
-// A piece goes through an array of exactly its own size, so that a source cannot tell who reads it,
-// and delivers nothing to the caller when it fails. Deliberate: the pieces are written one after
-// another from the start of the array also when the read begins before the document, and where
-// backward segments make them longer than the array, what does not fit is read and dropped.
 STDMETHODIMP CEditedAudio::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) {
-  return ComCall([&]() -> HRESULT {
-    SampleArrayView view;
-    Check(view.Lock(psaAudioData));
-    const NestedCall call(this, NestedCall::Kind::kRead);
-    if (call.Depth() > kDeepestRead) return E_FAIL;
-
-    std::shared_lock lock(lock_);
-    const __int64 channels = format_.channels;
-    if (channels == 0) {
-      lock.unlock();
-      std::ranges::fill(view.samples(), 0.0F);
-      return S_FALSE;
-    }
-    // With a negative channel count the frames are negative too, and no piece fits between.
-    const __int64 frames = static_cast<__int64>(view.samples().size()) / channels;
-    const CSection request(nSamplePos, SaturatingAdd(nSamplePos, frames));
-    const std::vector<Segment> pieces = segments_.Cut(request);
-    const __int64 length = segments_.Length();
-    lock.unlock();
-
-    if (length < request.end) {
-      const __int64 left = std::max<__int64>(0, SaturatingSubtract(length, request.begin));
-      std::ranges::fill(view.samples().subspan(static_cast<std::size_t>(left * channels)), 0.0F);
-    }
-    std::span<float> room = view.samples();
-    ScratchLease scratch(scratch_);
-    for (const Segment& piece : pieces) {
-      const auto count = static_cast<std::size_t>(piece.Length() * channels);
-      const std::span<float> target = room.first(std::min(count, room.size()));
-      if (piece.source) {
-        Check(piece.source->ReadAudio(piece.begin, scratch->Prepare(count)));
-        const std::span<const float> delivered = scratch->samples();
-        std::ranges::copy(delivered.first(std::min(delivered.size(), target.size())),
-                          target.begin());
-      } else {
-        std::ranges::fill(target, 0.0F);
-      }
-      room = room.subspan(target.size());
-    }
-    return S_OK;
-  });
+  return content_->ReadAudio(nSamplePos, psaAudioData);
 }
 
 STDMETHODIMP CEditedAudio::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
   if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  const Format format = CurrentFormat();
+  const DocumentFormat format = content_->CurrentFormat();
   *pnSamplesPerSec = format.samples_per_sec;
   *pnChannels = format.channels;
   return S_OK;
@@ -116,73 +72,89 @@ STDMETHODIMP CEditedAudio::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
 
 STDMETHODIMP CEditedAudio::GetSampleCount(__int64* pnSamples) {
   if (pnSamples == nullptr) return E_POINTER;
-  const std::shared_lock lock(lock_);
-  *pnSamples = segments_.Length();
+  const std::shared_lock lock(content_->lock);
+  *pnSamples = content_->segments.Length();
   return S_OK;
 }
 
-// Deliberate: the sources that were opened before the failing one stay open.
-STDMETHODIMP CEditedAudio::OpenDevice() {
-  return ComCall([&]() -> HRESULT {
-    const NestedCall call(this, NestedCall::Kind::kOpen);
-    if (call.Depth() > 1) return E_FAIL;
-    for (const auto& source : Sources()) Check(source->OpenDevice());
+STDMETHODIMP CEditedAudio::OpenDevice() { return content_->OpenDevice(); }
+
+STDMETHODIMP CEditedAudio::CloseDevice() { return content_->CloseDevice(); }
+
+STDMETHODIMP CEditedAudio::StartScrub() {
+  return ComCall([&] {
+    player_.StartScrub();
     return S_OK;
   });
 }
 
-STDMETHODIMP CEditedAudio::CloseDevice() {
-  return ComCall([&]() -> HRESULT {
-    const NestedCall call(this, NestedCall::Kind::kClose);
-    if (call.Depth() > 1) return S_OK;
-    for (const auto& source : Sources()) source->CloseDevice();
+STDMETHODIMP CEditedAudio::SetScrubPosition(__int64 nPosition) {
+  return ComCall([&] {
+    player_.SetScrubPosition(nPosition);
     return S_OK;
   });
 }
 
-// Scrubbing and playback come with the device classes. Until then nothing plays, and that is what
-// the methods that ask or stop say.
-STDMETHODIMP CEditedAudio::StartScrub() { return E_NOTIMPL; }
+STDMETHODIMP CEditedAudio::StopScrub() {
+  player_.StopScrub();
+  return S_OK;
+}
 
-STDMETHODIMP CEditedAudio::SetScrubPosition(__int64) { return E_NOTIMPL; }
+// Deliberate: the event is fired also when playback was running already or the section is empty.
+STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
+                                VARIANT_BOOL bLooped) {
+  return ComCall([&] {
+    const ComPtr<IUnknown> keep_alive(Identity());
+    const NestedCall call(this, NestedCall::Kind::kPlay);
+    player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
+    if (call.Depth() <= kDeepestPlay) connection_points_.update.Fire(kFireStartedPlayback, {});
+    return S_OK;
+  });
+}
 
-STDMETHODIMP CEditedAudio::StopScrub() { return E_NOTIMPL; }
-
-STDMETHODIMP CEditedAudio::Play(__int64, __int64, ULONG, VARIANT_BOOL) { return E_NOTIMPL; }
-
-STDMETHODIMP CEditedAudio::StopPlay() { return S_OK; }
+STDMETHODIMP CEditedAudio::StopPlay() {
+  player_.StopPlay();
+  return S_OK;
+}
 
 STDMETHODIMP CEditedAudio::GetPlayStatus(VARIANT_BOOL* pbPlaying, __int64* pnPosition) {
   if (pbPlaying == nullptr || pnPosition == nullptr) return E_POINTER;
-  *pbPlaying = VARIANT_FALSE;
-  *pnPosition = 0;
+  const std::optional<__int64> position = player_.Position();
+  *pbPlaying = position ? VARIANT_TRUE : VARIANT_FALSE;
+  *pnPosition = position.value_or(0);
   return S_OK;
 }
 
-STDMETHODIMP CEditedAudio::GetOutputLevel(SHORT, float* pfOutputLevel) {
-  return pfOutputLevel == nullptr ? E_POINTER : E_NOTIMPL;
+STDMETHODIMP CEditedAudio::GetOutputLevel(SHORT niChannel, float* pfOutputLevel) {
+  if (pfOutputLevel == nullptr) return E_POINTER;
+  return ComCall([&] { return player_.GetOutputLevel(niChannel, pfOutputLevel); });
 }
 
 STDMETHODIMP CEditedAudio::SetPlaybackDevice(LONG niDevice) {
-  playback_device_ = niDevice;
+  player_.SetDevice(niDevice);
   return S_OK;
 }
 
-STDMETHODIMP CEditedAudio::ModifyPlaySection(__int64, __int64) { return E_NOTIMPL; }
+STDMETHODIMP CEditedAudio::ModifyPlaySection(__int64 nBegin, __int64 nEnd) {
+  const std::optional<ULONG> channel_mask = player_.LoopedChannelMask();
+  if (!channel_mask) return S_OK;
+  player_.StopPlay();
+  return Play(nBegin, std::max(nEnd, SaturatingAdd(nBegin, 1)), *channel_mask, VARIANT_TRUE);
+}
 
 STDMETHODIMP CEditedAudio::AddLabel(__int64 nPosition, BSTR bstrName) {
   return ComCall([&] {
     Label label{nPosition, ToAnsi(bstrName)};
-    const std::unique_lock lock(lock_);
-    annotations_.labels.push_back(std::move(label));
+    const std::unique_lock lock(content_->lock);
+    content_->annotations.labels.push_back(std::move(label));
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::GetLabelCount(LONG* pnLabelCount) {
   if (pnLabelCount == nullptr) return E_POINTER;
-  const std::shared_lock lock(lock_);
-  *pnLabelCount = static_cast<LONG>(annotations_.labels.size());
+  const std::shared_lock lock(content_->lock);
+  *pnLabelCount = static_cast<LONG>(content_->annotations.labels.size());
   return S_OK;
 }
 
@@ -190,8 +162,8 @@ STDMETHODIMP CEditedAudio::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbs
   if (pnPosition == nullptr || pbstrName == nullptr) return E_POINTER;
   *pbstrName = nullptr;
   return ComCall([&] {
-    const std::shared_lock lock(lock_);
-    const Label& label = RecordAt(annotations_.labels, niLabel);
+    const std::shared_lock lock(content_->lock);
+    const Label& label = RecordAt(content_->annotations.labels, niLabel);
     *pbstrName = ToBstr(label.name);
     *pnPosition = label.position;
     return S_OK;
@@ -201,39 +173,39 @@ STDMETHODIMP CEditedAudio::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbs
 STDMETHODIMP CEditedAudio::SetLabel(LONG niLabel, __int64 nPosition, BSTR bstrName) {
   return ComCall([&] {
     Label label{nPosition, ToAnsi(bstrName)};
-    const std::unique_lock lock(lock_);
-    RecordAt(annotations_.labels, niLabel) = std::move(label);
+    const std::unique_lock lock(content_->lock);
+    RecordAt(content_->annotations.labels, niLabel) = std::move(label);
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::RemoveLabel(LONG niLabel) {
   return ComCall([&] {
-    const std::unique_lock lock(lock_);
-    RemoveRecord(annotations_.labels, niLabel);
+    const std::unique_lock lock(content_->lock);
+    RemoveRecord(content_->annotations.labels, niLabel);
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::RemoveAllLabels() {
-  const std::unique_lock lock(lock_);
-  annotations_.labels.clear();
+  const std::unique_lock lock(content_->lock);
+  content_->annotations.labels.clear();
   return S_OK;
 }
 
 STDMETHODIMP CEditedAudio::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) {
   return ComCall([&] {
     SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
-    const std::unique_lock lock(lock_);
-    annotations_.markers.push_back(std::move(marker));
+    const std::unique_lock lock(content_->lock);
+    content_->annotations.markers.push_back(std::move(marker));
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::GetMarkerCount(LONG* pnMarkerCount) {
   if (pnMarkerCount == nullptr) return E_POINTER;
-  const std::shared_lock lock(lock_);
-  *pnMarkerCount = static_cast<LONG>(annotations_.markers.size());
+  const std::shared_lock lock(content_->lock);
+  *pnMarkerCount = static_cast<LONG>(content_->annotations.markers.size());
   return S_OK;
 }
 
@@ -242,8 +214,8 @@ STDMETHODIMP CEditedAudio::GetSectionMarker(LONG niSectionMarker, __int64* pnBeg
   if (pnBegin == nullptr || pnEnd == nullptr || pbstrName == nullptr) return E_POINTER;
   *pbstrName = nullptr;
   return ComCall([&] {
-    const std::shared_lock lock(lock_);
-    const SectionMarker& marker = RecordAt(annotations_.markers, niSectionMarker);
+    const std::shared_lock lock(content_->lock);
+    const SectionMarker& marker = RecordAt(content_->annotations.markers, niSectionMarker);
     *pbstrName = ToBstr(marker.name);
     *pnBegin = marker.section.begin;
     *pnEnd = marker.section.end;
@@ -255,23 +227,23 @@ STDMETHODIMP CEditedAudio::SetSectionMarker(LONG niSectionMarker, __int64 nBegin
                                             BSTR bstrName) {
   return ComCall([&] {
     SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
-    const std::unique_lock lock(lock_);
-    RecordAt(annotations_.markers, niSectionMarker) = std::move(marker);
+    const std::unique_lock lock(content_->lock);
+    RecordAt(content_->annotations.markers, niSectionMarker) = std::move(marker);
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::RemoveSectionMarker(LONG niSectionMarker) {
   return ComCall([&] {
-    const std::unique_lock lock(lock_);
-    RemoveRecord(annotations_.markers, niSectionMarker);
+    const std::unique_lock lock(content_->lock);
+    RemoveRecord(content_->annotations.markers, niSectionMarker);
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::RemoveAllSectionMarkers() {
-  const std::unique_lock lock(lock_);
-  annotations_.markers.clear();
+  const std::unique_lock lock(content_->lock);
+  content_->annotations.markers.clear();
   return S_OK;
 }
 
@@ -282,10 +254,10 @@ STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY*
   return ComCall([&] {
     SampleArrayView view;
     Check(view.Lock(psaPeaks));
-    std::shared_lock lock(lock_);
-    if (format_.channels <= 0) return S_OK;
-    const auto channels = static_cast<std::size_t>(format_.channels);
-    const std::vector<Segment> pieces = segments_.Cut({nBegin, nEnd});
+    std::shared_lock lock(content_->lock);
+    if (content_->format.channels <= 0) return S_OK;
+    const auto channels = static_cast<std::size_t>(content_->format.channels);
+    const std::vector<Segment> pieces = content_->segments.Cut({nBegin, nEnd});
     lock.unlock();
 
     const std::size_t pair_floats = 2 * channels;
@@ -301,21 +273,21 @@ STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY*
       const std::span<float> pairs = view.samples().subspan(
           static_cast<std::size_t>(first) * pair_floats,
           static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
-      DrawPiece(piece.source.Get(), piece, channels, last - first, pairs, scratch_);
+      DrawPiece(piece.source.Get(), piece, channels, last - first, pairs, content_->scratch);
     }
     return S_OK;
   });
 }
 
 STDMETHODIMP CEditedAudio::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
-  const std::unique_lock lock(lock_);
-  format_ = {nSamplesPerSec, nChannels, nBitsPerSample};
+  const std::unique_lock lock(content_->lock);
+  content_->format = {nSamplesPerSec, nChannels, nBitsPerSample};
   return S_OK;
 }
 
 STDMETHODIMP CEditedAudio::GetBitsPerSample(SHORT* pnBitsPerSample) {
   if (pnBitsPerSample == nullptr) return E_POINTER;
-  *pnBitsPerSample = CurrentFormat().bits_per_sample;
+  *pnBitsPerSample = content_->CurrentFormat().bits_per_sample;
   return S_OK;
 }
 
@@ -343,8 +315,8 @@ STDMETHODIMP CEditedAudio::CopyAll(IEditedAudio* peaDest) {
   if (peaDest == nullptr) return E_POINTER;
   return ComCall([&] {
     BeginCopy(peaDest);
-    std::shared_lock lock(lock_);
-    const std::vector<Segment> all = segments_.All();
+    std::shared_lock lock(content_->lock);
+    const std::vector<Segment> all = content_->segments.All();
     lock.unlock();
     for (const Segment& segment : all) {
       peaDest->AppendSegment(segment.source.Get(), segment.begin, segment.end);
@@ -354,10 +326,10 @@ STDMETHODIMP CEditedAudio::CopyAll(IEditedAudio* peaDest) {
 }
 
 STDMETHODIMP CEditedAudio::Clear() {
-  std::unique_lock lock(lock_);
+  std::unique_lock lock(content_->lock);
   // Destroyed after the lock is gone: a source may do anything when it is released.
-  const SegmentList segments = std::exchange(segments_, {});
-  const Annotations annotations = std::exchange(annotations_, {});
+  const DocumentContent::Segments segments = std::exchange(content_->segments, {});
+  const Annotations annotations = std::exchange(content_->annotations, {});
   lock.unlock();
   return S_OK;
 }
@@ -374,13 +346,13 @@ STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSou
 STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) {
   return ComCall([&] {
     Segment segment(parSource, nBegin, nEnd);
-    std::unique_lock lock(lock_);
-    if (!format_.IsSet()) {
+    std::unique_lock lock(content_->lock);
+    if (!content_->format.IsSet()) {
       lock.unlock();
       AdoptFormat(parSource);
       lock.lock();
     }
-    segments_.Append(std::move(segment));
+    content_->segments.Append(std::move(segment));
     return S_OK;
   });
 }
@@ -389,16 +361,16 @@ STDMETHODIMP CEditedAudio::GetFirstSegment(IAudioReader** pparSource, __int64* p
                                            __int64* pnEnd, LONG* bValid) {
   const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
   if (FAILED(hr)) return hr;
-  const std::unique_lock lock(lock_);
-  return Lend(segments_.First(), pparSource, pnBegin, pnEnd, bValid);
+  const std::unique_lock lock(content_->lock);
+  return Lend(content_->segments.First(), pparSource, pnBegin, pnEnd, bValid);
 }
 
 STDMETHODIMP CEditedAudio::GetNextSegment(IAudioReader** pparSource, __int64* pnBegin,
                                           __int64* pnEnd, LONG* bValid) {
   const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
   if (FAILED(hr)) return hr;
-  const std::unique_lock lock(lock_);
-  return Lend(segments_.Next(), pparSource, pnBegin, pnEnd, bValid);
+  const std::unique_lock lock(content_->lock);
+  return Lend(content_->segments.Next(), pparSource, pnBegin, pnEnd, bValid);
 }
 
 // Deliberately made of copies and insertions: labels and markers follow from that, a marker around
@@ -482,11 +454,6 @@ STDMETHODIMP CEditedAudio::GetGUID(DWORD dwGuidKind, GUID* pGUID) {
   return S_OK;
 }
 
-CEditedAudio::Format CEditedAudio::CurrentFormat() const {
-  const std::shared_lock lock(lock_);
-  return format_;
-}
-
 void CEditedAudio::FireStoreUndo(BSTR operation) {
   const auto identity = TryQuery<IUnknown>(Identity());
   connection_points_.undo.Fire(kFireStoreUndo, [&] {
@@ -504,12 +471,12 @@ void CEditedAudio::FireStoreUndo(BSTR operation) {
 // The first source decides the format of a document that has none. Its result is ignored on
 // purpose: what it wrote counts.
 void CEditedAudio::AdoptFormat(IAudioReader* source) {
-  Format format = CurrentFormat();
+  DocumentFormat format = content_->CurrentFormat();
   if (source == nullptr || format.IsSet()) return;
   source->GetFormat(&format.samples_per_sec, &format.channels);
-  const std::unique_lock lock(lock_);
-  format_.samples_per_sec = format.samples_per_sec;
-  format_.channels = format.channels;
+  const std::unique_lock lock(content_->lock);
+  content_->format.samples_per_sec = format.samples_per_sec;
+  content_->format.channels = format.channels;
 }
 
 // The segments of another document, through its iteration.
@@ -531,40 +498,27 @@ std::vector<CEditedAudio::Segment> CEditedAudio::TakeSegments(IEditedAudio* docu
 void CEditedAudio::InsertSegments(__int64 position, std::vector<Segment> segments) {
   __int64 length = 0;
   for (const Segment& segment : segments) length = WrappingAdd(length, segment.Length());
-  const std::unique_lock lock(lock_);
-  segments_.Insert(position, std::move(segments));
-  annotations_.MoveForInsertion(position, length);
+  const std::unique_lock lock(content_->lock);
+  content_->segments.Insert(position, std::move(segments));
+  content_->annotations.MoveForInsertion(position, length);
 }
 
 void CEditedAudio::BeginCopy(IEditedAudio* destination) {
   destination->Clear();
-  const Format format = CurrentFormat();
+  const DocumentFormat format = content_->CurrentFormat();
   destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
 }
 
 // The destination is emptied first, also when it is this document: then nothing is left to copy.
 HRESULT CEditedAudio::CopyRange(IEditedAudio* destination, const CSection& range) {
   BeginCopy(destination);
-  std::shared_lock lock(lock_);
-  const std::vector<Segment> pieces = segments_.Cut(range);
+  std::shared_lock lock(content_->lock);
+  const std::vector<Segment> pieces = content_->segments.Cut(range);
   lock.unlock();
   for (const Segment& piece : pieces) {
     destination->AppendSegment(piece.source.Get(), piece.begin, piece.end);
   }
   return CopyAnnotations(Identity(), destination, WrappingSubtract(0, range.begin), range);
-}
-
-// One entry for each segment that has a source, in order.
-std::vector<ComPtr<IAudioReader>> CEditedAudio::Sources() const {
-  std::shared_lock lock(lock_);
-  std::vector<Segment> all = segments_.All();
-  lock.unlock();
-  std::vector<ComPtr<IAudioReader>> sources;
-  sources.reserve(all.size());
-  for (Segment& segment : all) {
-    if (segment.source) sources.push_back(std::move(segment.source));
-  }
-  return sources;
 }
 
 MARLINDA_DEFINE_CLASS(CEditedAudio)

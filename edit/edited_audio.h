@@ -4,24 +4,22 @@
 
 #include <marlinda.h>
 
+#include <memory>
 #include <vector>
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
-#include "core/scratch_array.h"
-#include "core/srw_lock.h"
-#include "edit/annotations.h"
 #include "edit/connection_points.h"
-#include "edit/segment_list.h"
+#include "edit/document_content.h"
+#include "edit/document_player.h"
 
 namespace marlinda {
 
 // Editing rearranges, splits and clones segments; samples stay in their sources. No method checks
 // its ranges, and no edit fires an event.
 //
-// The host must not edit while another thread reads, or that read may miss a part of the edit. The
-// lock only keeps such a mistake from corrupting memory; it is never held while a source, a sink
-// or another document is called.
+// The host must not edit while another thread reads, the playback thread included, or that read may
+// miss a part of the edit. The content's lock only keeps such a mistake from corrupting memory.
 class CEditedAudio final
     : public Object<CEditedAudio, IAudioReader, IScrubSupport, ILabelSupport, ISectionMarkerSupport,
                     IEditedAudio, IConnectionPointContainer> {
@@ -94,42 +92,26 @@ class CEditedAudio final
   STDMETHODIMP GetGUID(DWORD dwGuidKind, GUID* pGUID) override;
 
  private:
-  using SegmentList = marlinda::SegmentList<ComPtr<IAudioReader>>;
-  using Segment = SegmentList::Segment;
-
-  // The rate of 1 is deliberate: what marks a fresh document is that it has no channels.
-  struct Format {
-    bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
-
-    LONG samples_per_sec = 1;
-    SHORT channels = 0;
-    SHORT bits_per_sample = 16;
-  };
+  using Segment = DocumentContent::Segment;
 
   IUnknown* Identity() noexcept { return static_cast<IEditedAudio*>(this); }
 
   void FireStoreUndo(BSTR operation);
 
-  Format CurrentFormat() const;
   void AdoptFormat(IAudioReader* source);
   std::vector<Segment> TakeSegments(IEditedAudio* document);
   void InsertSegments(__int64 position, std::vector<Segment> segments);
   void BeginCopy(IEditedAudio* destination);
   HRESULT CopyRange(IEditedAudio* destination, const CSection& range);
-  std::vector<ComPtr<IAudioReader>> Sources() const;
 
-  mutable SrwLock lock_;
-  Format format_;
-  SegmentList segments_;
-  Annotations annotations_;
+  const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
 
   // A change is open as long as this holds; the snapshot is the content at its beginning.
   bool change_open_ = false;
   ComPtr<IEditedAudio> snapshot_;
 
-  LONG playback_device_ = -1;
-  ScratchKeeper scratch_;
   ConnectionPoints connection_points_{*this};
+  DocumentPlayer player_{content_};
 };
 
 }  // namespace marlinda

@@ -1,12 +1,13 @@
 // NestedCall: tells how deep calls of one kind on one object are nested on this thread. A document
-// can come to contain itself through its segments; reading or opening it would never end.
+// can come to contain itself through its segments, and a sink can play what tells it about playing:
+// such calls would never end.
 #pragma once
 
 namespace marlinda {
 
 class NestedCall {
  public:
-  enum class Kind { kRead, kOpen, kClose };
+  enum class Kind { kRead, kOpen, kClose, kPlay };
 
   NestedCall(const void* object, Kind kind) noexcept;
   ~NestedCall();

@@ -1,0 +1,182 @@
+#include "edit/document_player.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <utility>
+
+#include "core/sample_array.h"
+#include "edit/play_section.h"
+
+namespace marlinda {
+namespace {
+
+constexpr LONG kPlayBufferMilliSecs = 1000;
+constexpr LONG kScrubBufferMilliSecs = 100;
+constexpr LONG kScrubBlocksPerSecond = 10;
+constexpr DWORD kPollMilliSecs = 10;
+
+class Apartment {
+ public:
+  Apartment() noexcept : result_(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
+  ~Apartment() {
+    if (SUCCEEDED(result_)) CoUninitialize();
+  }
+  Apartment(const Apartment&) = delete;
+  Apartment& operator=(const Apartment&) = delete;
+
+ private:
+  const HRESULT result_;
+};
+
+}  // namespace
+
+// One playback, shared by the document and the thread. The thread holds what it needs and not the
+// document: a looped playback must not keep that alive, and the document's last release may come
+// from a source that the thread reads.
+struct DocumentPlayer::Job {
+  // Deliberate: when the sources cannot be opened, the writer stays open and held, until the next
+  // playback or the end of the document.
+  void Run() noexcept {
+    const DocumentFormat format = content->CurrentFormat();
+    writer->SetFormat(format.samples_per_sec, format.channels);
+    if (SUCCEEDED(writer->OpenDevice())) {
+      if (FAILED(content->OpenDevice())) return;
+      ComCall([&] {
+        PlaySection(format.channels);
+        Drain();
+        return S_OK;
+      });
+      writer->CloseDevice();
+      content->CloseDevice();
+    }
+    writer.Reset();
+  }
+
+  void PlaySection(SHORT channels) {
+    SampleArray block;
+    for (PlayCursor cursor(section, looped, block_bytes, channels); !cursor.AtEnd() && !stop;
+         cursor.Advance()) {
+      block.Resize(cursor.Samples());
+      Check(content->ReadAudio(cursor.Position(), block.get()));
+      ApplyChannelMask(block.samples(), static_cast<std::size_t>(channels), channel_mask);
+      Check(writer->WriteAudio(block.get()));
+    }
+  }
+
+  void Drain() {
+    for (LONG ready = 0; ready == 0 && !stop; Sleep(kPollMilliSecs)) {
+      Check(writer->QueryIsReady(&ready));
+    }
+  }
+
+  const std::shared_ptr<DocumentContent> content;
+  ComPtr<IAudioWriter> writer;
+  const CSection section;
+  const bool looped;
+  const ULONG channel_mask;
+  const __int64 block_bytes;
+  std::atomic<bool> stop{false};
+};
+
+DocumentPlayer::DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept
+    : content_(std::move(content)) {}
+
+DocumentPlayer::~DocumentPlayer() {
+  StopPlay();
+  if (scrubbing_) StopScrub();
+}
+
+void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool looped) {
+  // The device that is open must not be told another format either.
+  if (IsPlaying()) return;
+  const DocumentFormat format = content_->CurrentFormat();
+  const ComPtr<IAudioWriter> writer = PreparedWriter(format, kPlayBufferMilliSecs);
+  if (section.begin >= section.end) return;
+  job_.reset(new Job{content_, writer, section, looped, channel_mask,
+                     PlayBlockBytes(format.samples_per_sec, format.channels)});
+  thread_.emplace();
+  thread_->Start([job = job_]() mutable {
+    const Apartment apartment;
+    // The last holder of the sources releases them inside the apartment.
+    std::exchange(job, nullptr)->Run();
+  });
+}
+
+void DocumentPlayer::StopPlay() noexcept {
+  if (!IsPlaying()) return;
+  // Wakes the thread where it waits for room in the device.
+  playback_->Break();
+  job_->stop = true;
+  thread_->PollUntilEnded(kPollMilliSecs);
+  IsPlaying();
+}
+
+std::optional<__int64> DocumentPlayer::Position() noexcept {
+  if (!IsPlaying()) return std::nullopt;
+  __int64 played = 0;
+  playback_->GetPlaybackPos(&played);
+  return PositionInSection(job_->section, played);
+}
+
+std::optional<ULONG> DocumentPlayer::LoopedChannelMask() noexcept {
+  if (!IsPlaying() || !job_->looped) return std::nullopt;
+  return job_->channel_mask;
+}
+
+HRESULT DocumentPlayer::GetOutputLevel(SHORT channel, float* level) {
+  return Playback()->GetOutputLevel(channel, level);
+}
+
+void DocumentPlayer::StartScrub() {
+  if (scrubbing_) return;
+  if (!scrubber_) Check(CreateInstance(CLSID_CAudioScrubber, scrubber_));
+  const DocumentFormat format = content_->CurrentFormat();
+  const ComPtr<IAudioWriter> writer = PreparedWriter(format, kScrubBufferMilliSecs);
+  scrub_frames_ = format.samples_per_sec / kScrubBlocksPerSecond;
+  content_->OpenDevice();
+  scrubbing_ = SUCCEEDED(
+      scrubber_->Start(writer.Get(), scrub_frames_, format.samples_per_sec, format.channels));
+}
+
+void DocumentPlayer::SetScrubPosition(__int64 position) {
+  const __int64 samples = static_cast<__int64>(scrub_frames_) * content_->CurrentFormat().channels;
+  const SampleArray block(static_cast<std::size_t>(std::max<__int64>(samples, 0)));
+  content_->ReadAudio(ScrubBlockBegin(position, scrub_frames_), block.get());
+  if (scrubber_) scrubber_->WriteBlock(block.get());
+}
+
+void DocumentPlayer::StopScrub() noexcept {
+  // The scrubber waits until its thread has written a block. A device that was lost takes none any
+  // more: Break refuses the block instead. When nothing was started, it would only cut off what
+  // else uses the device.
+  if (scrubbing_) playback_->Break();
+  scrubbing_ = false;
+  if (scrubber_) scrubber_->Stop();
+  content_->CloseDevice();
+}
+
+IAudioPlayback* DocumentPlayer::Playback() {
+  if (!playback_) Check(CreateInstance(CLSID_CAudioPlayback, playback_));
+  return playback_.Get();
+}
+
+ComPtr<IAudioWriter> DocumentPlayer::PreparedWriter(const DocumentFormat& format,
+                                                    LONG buffer_milliseconds) {
+  IAudioPlayback* const playback = Playback();
+  // Answers E_NOTIMPL, and stores the format all the same.
+  playback->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
+  playback->SetDevice(static_cast<ULONG>(device_));
+  playback->SetBufferLength(buffer_milliseconds);
+  ComPtr<IAudioWriter> writer;
+  Check(playback->QueryInterface(__uuidof(IAudioWriter),
+                                 reinterpret_cast<void**>(writer.GetAddressOf())));
+  return writer;
+}
+
+bool DocumentPlayer::IsPlaying() noexcept {
+  if (thread_ && !thread_->IsRunning()) thread_.reset();
+  return thread_.has_value();
+}
+
+}  // namespace marlinda

@@ -1,0 +1,128 @@
+// Starts and stops the devices over and over and counts what is left. TESSALY_DEVICE_CYCLES names
+// another number of cycles, for a soak.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "core/handle.h"
+#include "tests/support/com_client.h"
+#include "tests/support/process_counts.h"
+
+namespace marlinda::testing {
+namespace {
+
+int Cycles(int usual) {
+  const char* named = std::getenv("TESSALY_DEVICE_CYCLES");
+  return named == nullptr ? usual : std::atoi(named);
+}
+
+struct Counts {
+  unsigned threads = CountThreads();
+  unsigned handles = CountHandles();
+  bool Within(const Counts& other) const {
+    return threads <= other.threads && handles <= other.handles;
+  }
+};
+
+// A thread that has ended may stay in the system's list for a moment.
+Counts SettledCounts(const Counts& before) {
+  Counts now;
+  for (int tick = 0; tick < 500 && !now.Within(before); ++tick) {
+    Sleep(10);
+    now = Counts();
+  }
+  return now;
+}
+
+void ExpectNothingLeft(int cycles, const std::function<void(int)>& cycle) {
+  // The system's own threads and handles for the devices come with the first use, and stay.
+  for (int i = 0; i < 10; ++i) cycle(i);
+  const Counts before;
+  for (int i = 0; i < cycles && !::testing::Test::HasFailure(); ++i) cycle(i);
+  const Counts after = SettledCounts(before);
+  EXPECT_LE(after.threads, before.threads);
+  EXPECT_LE(after.handles, before.handles);
+}
+
+ComPtr<IAudioWriter> StereoSpeaker() {
+  auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
+  playback->SetFormat(44100, 2, 16);
+  playback->SetBufferLength(100);
+  return As<IAudioWriter>(playback);
+}
+
+// Holds a hundred handles and twenty threads more while it looks.
+Counts CountsWhileHoldingMore() {
+  std::vector<KernelHandle> events;
+  for (int i = 0; i < 100; ++i) events.emplace_back(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  std::vector<std::thread> waiting;
+  for (int i = 0; i < 20; ++i) {
+    waiting.emplace_back([&] { WaitForSingleObject(events[0].get(), INFINITE); });
+  }
+  const Counts during;
+  SetEvent(events[0].get());
+  for (auto& thread : waiting) thread.join();
+  return during;
+}
+
+TEST(Cycles, CountsSeeWhatIsHeldAndThatItIsGone) {
+  CountsWhileHoldingMore();  // what the first use brings, stays
+  const Counts before;
+  const Counts during = CountsWhileHoldingMore();
+  EXPECT_GE(during.threads, before.threads + 20);
+  EXPECT_GE(during.handles, before.handles + 100);
+  EXPECT_TRUE(SettledCounts(before).Within(before));
+}
+
+TEST(Cycles, PlayingLeavesNoThreadOrHandle) {
+  ExpectNothingLeft(Cycles(200), [](int i) {
+    auto writer = StereoSpeaker();
+    ASSERT_EQ(writer->OpenDevice(), S_OK);
+    Floats block(2 * 2205, 0.1F);
+    if (i % 3 == 0) {
+      // A producer that is held back when the stop comes.
+      std::thread producer([&] {
+        while (SUCCEEDED(writer->WriteAudio(block))) {
+        }
+      });
+      As<IAudioPlayback>(writer)->Break();
+      writer->CloseDevice();
+      producer.join();
+    } else {
+      for (int n = 0; n < 2; ++n) ASSERT_EQ(writer->WriteAudio(block), S_OK);
+      // Every other time the last release closes the device.
+      if (i % 3 == 1) writer->CloseDevice();
+    }
+  });
+}
+
+TEST(Cycles, RecordingLeavesNoThreadOrHandle) {
+  ExpectNothingLeft(Cycles(200), [](int i) {
+    auto reader = As<IAudioReader>(Create<IAudioGrabber>(CLSID_CAudioGrabber));
+    ASSERT_EQ(reader->OpenDevice(), S_OK);
+    if (i % 3 == 0) {
+      ASSERT_EQ(reader->ReadAudio(0, Floats(2 * 100)), S_OK);
+    } else if (i % 3 == 1) {
+      std::thread waiting([&] { reader->ReadAudio(0, Floats(2 * 44100 * 60)); });
+      reader->CloseDevice();
+      waiting.join();
+    }
+    // Otherwise the last release closes the device.
+  });
+}
+
+TEST(Cycles, ScrubbingLeavesNoThreadOrHandle) {
+  // Each stop takes a tenth of a second.
+  ExpectNothingLeft(Cycles(100), [](int i) {
+    auto writer = StereoSpeaker();
+    auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
+    ASSERT_EQ(scrubber->Start(writer.Get(), 4410, 44100, 2), S_OK);
+    ASSERT_EQ(scrubber->WriteBlock(Floats(2 * 4410, 0.1F)), S_OK);
+    if (i % 2 == 0) scrubber->Stop();
+  });
+}
+
+}  // namespace
+}  // namespace marlinda::testing
