@@ -37,7 +37,7 @@ void CheckSyntax(const CutRequest& request) {
 CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEach("--keep", request.keep, [&](const std::string& text) {
-    plan.pieces.push_back(Resolve(ParseRange(text), source_frames, rate));
+    plan.pieces.push_back(ResolveRange(ParseRange(text), source_frames, rate));
     Lengthen(plan.length, plan.pieces.back().end - plan.pieces.back().begin);
   });
   ForEach("--silence", request.silences, [&](const std::string& text) {

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 
 namespace marlinda {
 
@@ -17,7 +16,8 @@ class DeviceWatch {
 
   explicit DeviceWatch(Time start) : last_change_(start) {}
 
-  // Notes the device's counter. True once it has stood still for longer than the patience.
+  // Notes the device's counter, which is not negative. True once it has stood still for longer than
+  // the patience.
   bool IsLost(std::int64_t counter, Time now) {
     if (counter_ != counter) {
       counter_ = counter;
@@ -27,7 +27,7 @@ class DeviceWatch {
   }
 
  private:
-  std::optional<std::int64_t> counter_;
+  std::int64_t counter_ = -1;
   Time last_change_;
 };
 
