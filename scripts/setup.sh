@@ -16,11 +16,11 @@ build=(
 wine=(wine64 libwine xvfb)
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
-# The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
-# writes.
+# The native compiler with its sanitizers, the foreign programs that judge what the engine reads and
+# writes, and the sound server whose devices it plays and records with.
 test=(
   "${build[@]}" "${wine[@]}" g++ googletest clang-format python3
-  sox sndfile-programs vorbis-tools mediainfo ffmpeg
+  sox sndfile-programs vorbis-tools mediainfo ffmpeg pulseaudio pulseaudio-utils
 )
 lint=("${build[@]}" g++ googletest clang-format clang-tidy)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)

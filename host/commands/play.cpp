@@ -1,5 +1,6 @@
 #include "host/commands/play.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "host/channel_list.h"
@@ -51,7 +52,8 @@ class Player {
       __int64 now_at = 0;
       Check(document_->GetPlayStatus(&playing, &now_at));
       if (playing == VARIANT_FALSE) break;
-      position = now_at;
+      // At its end a section that is played once is reported from its begin again.
+      position = section_.loop ? now_at : std::max(position, now_at);
       if (console.Interrupted()) {
         throw HostError(ExitStatus::kInterrupted, file,
                         "interrupted at " + FormatDuration(position, format_.rate));

@@ -1,5 +1,6 @@
 #include "host/commands/scrub.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 

@@ -6,6 +6,7 @@ Called inside a sound session and a Wine session: sound_test.py PATH/marlinda.ex
 import array
 import contextlib
 import json
+import os
 import pathlib
 import signal
 import subprocess
@@ -19,6 +20,7 @@ import program
 from program import Run, run, tool, windows
 
 RATE = 44100
+SOUND_SESSION = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "sound-session"
 NO_SERVER = {"PULSE_SERVER": "unix:/nowhere/native"}
 
 
@@ -242,6 +244,31 @@ class SoundTest(unittest.TestCase):
                                                   5)
         self.assertEqual((status, output), (130, ""))
         self.assertIn("interrupted at 0:00:01.000", messages)
+
+    def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
+        session = subprocess.Popen(
+            [SOUND_SESSION, "bash", "-c", 'echo "$PULSE_SERVER $TESSALY_SOUND_SERVER_PID"; read -r'],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        try:
+            address, server = session.stdout.readline().decode().split()
+            own = {"PULSE_SERVER": address}
+            play = Run("play", self.long, environment=own)
+            record = Run("record", self.out, "--seconds", "600", environment=own)
+            time.sleep(6)
+            self.assertEqual((play.process.poll(), record.process.poll()), (None, None))
+            os.kill(int(server), signal.SIGKILL)
+            status, _, messages = play.result()
+            self.assertEqual(status, 7, messages)
+            self.assertIn("it stopped playing at", messages)
+            status, _, messages = record.result()
+            self.assertEqual(status, 7, messages)
+            self.assertIn("holds the first", messages)
+            with wave.open(str(self.out)) as file:
+                self.assertGreater(file.getnframes(), RATE // 2)
+        finally:
+            session.stdin.close()
+            session.wait(timeout=60)
+            session.stdout.close()
 
     def test_without_a_sound_server_there_is_no_device_and_nothing_hangs(self):
         # Messages may come from the system's own sound library.

@@ -59,7 +59,7 @@ TEST(TransportLine, TellsPositionAndLengthAndABarForEachLevel) {
   EXPECT_EQ(TransportLine("Scrubbing", 66150, 132300, 44100, {}),
             "Scrubbing 0:00:01.500 / 0:00:03.000");
   // -60 dB to full scale in 20 steps of 3 dB: half scale is 6 dB below the top.
-  EXPECT_EQ(Meter({0.5005F, 0.0F}), "[##################  ] [                    ]");
+  EXPECT_EQ(Meter({0.51F, 0.0F}), "[##################  ] [                    ]");
   EXPECT_EQ(Meter({1.0F}), "[###################!]");
   EXPECT_EQ(Meter({0.999F}), "[################### ]");
   EXPECT_EQ(Meter({0.0009F}), "[                    ]");
