@@ -19,6 +19,14 @@ KernelHandle interrupt_event;
 
 bool IsInterrupted() { return WaitForSingleObject(interrupt_event.get(), 0) == WAIT_OBJECT_0; }
 
+void ServeMessages() {
+  MSG message;
+  while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
+    TranslateMessage(&message);
+    DispatchMessageW(&message);
+  }
+}
+
 BOOL WINAPI HandleControl(DWORD event) {
   if (IsInterrupted()) return FALSE;
   SetEvent(interrupt_event.get());
@@ -66,14 +74,33 @@ std::ostream* Console::ProgressOutput() const {
 
 bool Console::Interrupted() const { return IsInterrupted(); }
 
+void Console::ForgetInterrupt() const { ResetEvent(interrupt_event.get()); }
+
 void Console::Wait(DWORD milliseconds) const {
   const HANDLE event = interrupt_event.get();
   MsgWaitForMultipleObjects(1, &event, FALSE, milliseconds, QS_ALLINPUT);
-  MSG message;
-  while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
-    TranslateMessage(&message);
-    DispatchMessageW(&message);
+  ServeMessages();
+}
+
+bool Console::HasKeyboard() const {
+  DWORD mode = 0;
+  return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != FALSE;
+}
+
+std::optional<WORD> Console::ReadKey(DWORD milliseconds) const {
+  const HANDLE keyboard = GetStdHandle(STD_INPUT_HANDLE);
+  const HANDLE handles[] = {interrupt_event.get(), keyboard};
+  if (MsgWaitForMultipleObjects(2, handles, FALSE, milliseconds, QS_ALLINPUT) ==
+      WAIT_OBJECT_0 + 1) {
+    INPUT_RECORD record = {};
+    DWORD count = 0;
+    if (ReadConsoleInputW(keyboard, &record, 1, &count) != FALSE && count == 1 &&
+        record.EventType == KEY_EVENT && record.Event.KeyEvent.bKeyDown != FALSE) {
+      return record.Event.KeyEvent.wVirtualKeyCode;
+    }
   }
+  ServeMessages();
+  return std::nullopt;
 }
 
 void Console::Print(const std::string& text) const {

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,10 +26,19 @@ class Console {
   std::ostream* ProgressOutput() const;
 
   bool Interrupted() const;
+  // For a command that has ended its work because of Ctrl+C and has yet to save it: the next Ctrl+C
+  // is a first one again.
+  void ForgetInterrupt() const;
 
   // Waits at most so long, less when interrupted, and serves the window messages that the
   // single-threaded apartment lives by.
   void Wait(DWORD milliseconds) const;
+
+  // True when standard input is a terminal, whose keys ReadKey gives.
+  bool HasKeyboard() const;
+  // The virtual-key code of the next key that is pressed; nothing after so long without one, or
+  // when interrupted. Serves window messages like Wait.
+  std::optional<WORD> ReadKey(DWORD milliseconds) const;
 
   // Data on standard output.
   void Print(const std::string& text) const;

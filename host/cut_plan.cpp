@@ -3,8 +3,6 @@
 #include <limits>
 #include <stdexcept>
 
-#include "host/timecode.h"
-
 namespace marlinda {
 namespace {
 
@@ -18,30 +16,6 @@ void ForEach(const char* option, const std::vector<std::string>& texts, Read rea
       throw std::invalid_argument(std::string(option) + " " + text + ": " + error.what());
     }
   }
-}
-
-std::string Length(std::int64_t frames, std::int32_t rate) {
-  return std::to_string(frames) + " frames, " + FormatDuration(frames, rate);
-}
-
-FrameRange Resolve(const TimeRange& range, std::int64_t length, std::int32_t rate) {
-  const FrameRange frames = {range.begin ? range.begin->ToFrames(rate) : 0,
-                             range.end ? range.end->ToFrames(rate) : length};
-  if (frames.begin >= length || frames.end > length) {
-    throw std::invalid_argument("the range reaches past the end of the audio (" +
-                                Length(length, rate) + ")");
-  }
-  if (frames.begin >= frames.end) throw std::invalid_argument("the range holds no frame");
-  return frames;
-}
-
-std::int64_t ResolvePosition(const Timecode& at, std::int64_t length, std::int32_t rate) {
-  const std::int64_t position = at.ToFrames(rate);
-  if (position > length) {
-    throw std::invalid_argument("the position lies past the end of the result (" +
-                                Length(length, rate) + ")");
-  }
-  return position;
 }
 
 void Lengthen(std::int64_t& length, std::int64_t by) {
@@ -63,7 +37,7 @@ void CheckSyntax(const CutRequest& request) {
 CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEach("--keep", request.keep, [&](const std::string& text) {
-    plan.pieces.push_back(Resolve(ParseRange(text), source_frames, rate));
+    plan.pieces.push_back(ResolveRange(ParseRange(text), source_frames, rate));
     Lengthen(plan.length, plan.pieces.back().end - plan.pieces.back().begin);
   });
   ForEach("--silence", request.silences, [&](const std::string& text) {
@@ -80,7 +54,7 @@ CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int3
   });
   ForEach("--marker", request.markers, [&](const std::string& text) {
     const NamedRange marker = ParseNamedRange(text);
-    const FrameRange frames = Resolve(marker.range, plan.length, rate);
+    const FrameRange frames = ResolveRange(marker.range, plan.length, rate);
     plan.annotations.markers.push_back({frames.begin, frames.end, marker.name});
   });
   return plan;

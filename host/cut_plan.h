@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/annotations.h"
+#include "host/timecode.h"
 
 namespace marlinda {
 
@@ -16,11 +17,6 @@ struct CutRequest {
   std::vector<std::string> silences = {};  // AT:SECONDS
   std::vector<std::string> labels = {};    // AT:NAME
   std::vector<std::string> markers = {};   // BEGIN:END:NAME
-};
-
-struct FrameRange {
-  std::int64_t begin = 0;
-  std::int64_t end = 0;  // exclusive
 };
 
 struct SilenceInsertion {

@@ -6,6 +6,7 @@
 
 #include "host/engine.h"
 #include "host/file_name.h"
+#include "host/float_array.h"
 #include "host/png_file.h"
 #include "host/waveform_picture.h"
 
@@ -18,28 +19,6 @@ constexpr int kGreatestSide = 16384;
 HostError UsageError(const std::string& subject, const std::string& reason) {
   return {ExitStatus::kUsage, subject, reason, "See \"marlinda plot --help\"."};
 }
-
-// An array of floats for ReadWaveplot, which wants floats whatever the type library declares.
-class Columns {
- public:
-  explicit Columns(std::size_t count)
-      : array_(SafeArrayCreateVector(VT_R4, 0, static_cast<ULONG>(count))) {
-    if (array_ == nullptr) throw std::bad_alloc();
-    // Columns that nothing is drawn into keep their value: silence.
-    std::ranges::fill(samples(), 0.0F);
-  }
-  Columns(const Columns&) = delete;
-  Columns& operator=(const Columns&) = delete;
-  ~Columns() { SafeArrayDestroy(array_); }
-
-  SAFEARRAY* get() const { return array_; }
-  std::span<float> samples() const {
-    return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
-  }
-
- private:
-  SAFEARRAY* array_;
-};
 
 }  // namespace
 
@@ -71,24 +50,19 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
   __int64 frames = 0;
   Check(reader->GetSampleCount(&frames));
 
-  const TimeRange range = ParseRange(request.range);
-  __int64 begin = 0;
-  __int64 end = frames;
+  FrameRange range;
   try {
-    if (range.begin) begin = range.begin->ToFrames(rate);
-    if (range.end) end = range.end->ToFrames(rate);
+    range = ResolveRange(ParseRange(request.range), frames, rate);
   } catch (const std::invalid_argument& error) {
     throw UsageError("the range to draw", error.what());
   }
-  if (begin >= end || end > frames) {
-    throw UsageError("the range to draw", "it is empty or reaches beyond the audio, which has " +
-                                              std::to_string(frames) + " frames");
-  }
 
-  const Columns columns(2 * static_cast<std::size_t>(request.width) *
-                        static_cast<std::size_t>(channels));
-  Check(document->ReadWaveplot(begin, end, columns.get()));
-  const Waveform waveform{columns.samples(), channels, begin, end, rate, annotations};
+  // Columns that nothing is drawn into keep their value: silence. The method wants floats, whatever
+  // the type library declares.
+  const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
+                           static_cast<std::size_t>(channels));
+  Check(document->ReadWaveplot(range.begin, range.end, columns.get()));
+  const Waveform waveform{columns.samples(), channels, range.begin, range.end, rate, annotations};
   WritePng(request.file, DrawWaveform(waveform, request.width, request.height));
 }
 

@@ -6,6 +6,7 @@
 
 #include "host/file_name.h"
 #include "host/filter_list.h"
+#include "host/float_array.h"
 #include "host/progress.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"
@@ -13,7 +14,6 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 constexpr HRESULT kEndOfFile = static_cast<HRESULT>(0x80070026);
 
 // Starts the task and waits for its end. False when it was interrupted and cancelled.
@@ -48,11 +48,8 @@ class OpenReader {
 };
 
 HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
-  SAFEARRAY* const frame = SafeArrayCreateVector(VT_R4, 0, static_cast<ULONG>(channels));
-  if (frame == nullptr) return E_OUTOFMEMORY;
-  const HRESULT hr = reader->ReadAudio(position, frame);
-  SafeArrayDestroy(frame);
-  return hr;
+  const FloatArray frame(static_cast<std::size_t>(channels));
+  return reader->ReadAudio(position, frame.get());
 }
 
 // The filter that the manager chooses; null when it has none for the file.
@@ -257,7 +254,7 @@ ImportedAudio Source::Import(const Console& console) {
   return audio;
 }
 
-WaveExport::WaveExport(const std::string& file, const Source& source)
+WaveExport::WaveExport(const std::string& file, const std::string& input)
     : file_(file),
       filter_(CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter")) {
   VARIANT_BOOL supported = VARIANT_FALSE;
@@ -266,7 +263,7 @@ WaveExport::WaveExport(const std::string& file, const Source& source)
     throw HostError(ExitStatus::kUsage, file, "only WAV files can be written",
                     "Choose a name that ends in .wav.");
   }
-  RequireWritablePlace(file, source.file());
+  RequireWritablePlace(file, input);
 }
 
 WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& console) {

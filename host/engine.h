@@ -16,6 +16,9 @@
 
 namespace marlinda {
 
+// What a failure of the pool's own files is reported about.
+constexpr const char* kTemporaryFolder = "the engine's temporary folder";
+
 // The single-threaded apartment that the engine's objects live in.
 class Apartment {
  public:
@@ -113,8 +116,8 @@ class Source {
 class WaveExport {
  public:
   // Refuses at once what could not be written after a long import: another extension, a folder that
-  // does not exist, the input itself.
-  WaveExport(const std::string& file, const Source& source);
+  // does not exist, the input itself. `input` is empty when the audio comes from no file.
+  WaveExport(const std::string& file, const std::string& input);
 
   // Texts beside the audio; to be set before Run.
   void SetTags(const Tags& tags) { tags_ = tags; }

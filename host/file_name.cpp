@@ -41,6 +41,14 @@ void RequireReadable(const std::string& file) {
   OpenFile(file, GENERIC_READ, OPEN_EXISTING, ExitStatus::kInput);
 }
 
+void RequireWritable(const std::string& file) {
+  const std::filesystem::path path(Widen(file));
+  std::error_code ignored;
+  const bool existed = std::filesystem::exists(path, ignored);
+  OpenFile(file, GENERIC_WRITE, OPEN_ALWAYS, ExitStatus::kOutput);
+  if (!existed) std::filesystem::remove(path, ignored);
+}
+
 void RequireWritablePlace(const std::string& output, const std::string& input) {
   const std::filesystem::path path(Widen(output));
   const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : L".";

@@ -8,6 +8,10 @@ namespace marlinda {
 // Opens the file for a moment. Throws a HostError with the reason when it cannot be read.
 void RequireReadable(const std::string& file);
 
+// Opens the file for a moment to write, without touching what it holds; one that does not exist is
+// not left behind. Throws a HostError with the reason when that is impossible.
+void RequireWritable(const std::string& file);
+
 // Throws a HostError when the folder of the output does not exist, or when the output is the input
 // itself.
 void RequireWritablePlace(const std::string& output, const std::string& input);

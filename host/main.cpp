@@ -4,14 +4,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <sstream>
 
 #include "host/commands/convert.h"
 #include "host/commands/cut.h"
+#include "host/commands/devices.h"
 #include "host/commands/filters.h"
 #include "host/commands/info.h"
 #include "host/commands/install_filters.h"
+#include "host/commands/play.h"
 #include "host/commands/plot.h"
+#include "host/commands/record.h"
+#include "host/commands/scrub.h"
 #include "host/console.h"
 #include "host/engine.h"
 #include "host/messages.h"
@@ -20,8 +25,9 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kExitStatuses =
-    "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration, 130 "
-    "interrupted.";
+    "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration, 7 "
+    "sound "
+    "device, 130 interrupted.";
 
 constexpr const char* kCutHelp =
     "Times are seconds such as 1.5, or frames such as 66150f. The pieces are joined in the order\n"
@@ -36,6 +42,19 @@ constexpr const char* kPlotHelp =
     "a lane. Labels and markers of the file are drawn in.\n"
     "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
 
+constexpr const char* kPlayHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. Ctrl+C ends it.\n"
+    "Example: marlinda play in.ogg --from 10 --to 12.5 --loop --channels 0";
+
+constexpr const char* kRecordHelp =
+    "Ctrl+C ends the recording early; what was recorded by then is written all the same.\n"
+    "Example: marlinda record take.wav --seconds 60 --rate 48000 --bits 24";
+
+constexpr const char* kScrubHelp =
+    "Without --at the keys move: left and right by a tenth of a second, down and up by a second,\n"
+    "Home and End; Escape, Enter or Q ends it.\n"
+    "Example: marlinda scrub in.ogg --at 1,1.1,1.2,5 --hold 0.25";
+
 void AddJson(CLI::App* command, bool& json) { command->add_flag("--json", json, "Report in JSON"); }
 
 void AddBits(CLI::App* command, int& bits) {
@@ -47,6 +66,14 @@ void AddFiles(CLI::App* command, std::string& input, std::string& output) {
   command->add_option("IN", input, "Audio file to read")->required();
   command->add_option("OUT.wav", output, "WAV file to write; an existing one is replaced")
       ->required();
+}
+
+void AddDevice(CLI::App* command, std::optional<int>& device) {
+  command
+      ->add_option("--device", device,
+                   "Sound device by its index (the system's default unless given); \"marlinda "
+                   "devices\" lists them")
+      ->check(CLI::NonNegativeNumber);
 }
 
 // Any number of values, one after each occurrence of the option.
@@ -122,6 +149,51 @@ int Run(const Console& console) {
   AddJson(plot, plot_options.json);
   plot->footer(kPlotHelp);
   plot->callback(run_in_apartment([&] { RunPlot(plot_options, console); }));
+
+  CLI::App* devices = app.add_subcommand("devices", "List the sound devices");
+  AddJson(devices, json);
+  devices->callback(run_in_apartment([&] { RunDevices(json, console); }));
+
+  PlayOptions play_options;
+  CLI::App* play = app.add_subcommand("play", "Play an audio file");
+  play->add_option("IN", play_options.input, "Audio file to read")->required();
+  play->add_option("--from", play_options.from, "Play from this time on");
+  play->add_option("--to", play_options.to, "Play up to this time");
+  play->add_flag("--loop", play_options.loop, "Play again and again, until Ctrl+C");
+  play->add_option("--channels", play_options.channels,
+                   "Channels to be heard, counted from 0, such as 0,1 (all unless given)");
+  AddDevice(play, play_options.device);
+  AddJson(play, play_options.json);
+  play->footer(kPlayHelp);
+  play->callback(run_in_apartment([&] { RunPlay(play_options, console); }));
+
+  RecordOptions record_options;
+  CLI::App* record = app.add_subcommand("record", "Record a WAV file");
+  record
+      ->add_option("OUT.wav", record_options.output,
+                   "WAV file to write; an existing one is replaced")
+      ->required();
+  record->add_option("--seconds", record_options.seconds, "How long to record")->required();
+  record->add_option("--rate", record_options.rate, "Frames per second (44100 unless given)")
+      ->check(CLI::Range(1000, 768000));
+  record->add_option("--channels", record_options.channels, "How many channels (2 unless given)")
+      ->check(CLI::Range(1, 32));
+  AddBits(record, record_options.bits);
+  AddDevice(record, record_options.device);
+  AddJson(record, record_options.json);
+  record->footer(kRecordHelp);
+  record->callback(run_in_apartment([&] { RunRecord(record_options, console); }));
+
+  ScrubOptions scrub_options;
+  CLI::App* scrub = app.add_subcommand("scrub", "Hear an audio file at a moving position");
+  scrub->add_option("IN", scrub_options.input, "Audio file to read")->required();
+  scrub->add_option("--at", scrub_options.at, "Positions to hear one after the other")
+      ->type_name("TIME,TIME,...");
+  scrub->add_option("--hold", scrub_options.hold, "Seconds to stay at each (0.5 unless given)");
+  AddDevice(scrub, scrub_options.device);
+  AddJson(scrub, scrub_options.json);
+  scrub->footer(kScrubHelp);
+  scrub->callback(run_in_apartment([&] { RunScrub(scrub_options, console); }));
 
   std::vector<std::string> arguments = Console::Arguments();
   std::ranges::reverse(arguments);  // the order in which CLI11 takes them

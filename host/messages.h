@@ -7,8 +7,7 @@
 
 namespace marlinda {
 
-// 5 stays free, because a program that crashed ends with it; 7 is kept for commands that use a
-// sound device.
+// 5 stays free, because a program that crashed ends with it.
 enum class ExitStatus {
   kSuccess = 0,
   kFailure = 1,
@@ -16,6 +15,7 @@ enum class ExitStatus {
   kInput = 3,
   kOutput = 4,
   kRegistration = 6,
+  kDevice = 7,
   kInterrupted = 130,
 };
 

@@ -1,9 +1,28 @@
 #include "host/progress.h"
 
 #include <algorithm>
-#include <utility>
+#include <cmath>
+
+#include "host/timecode.h"
 
 namespace marlinda {
+namespace {
+
+constexpr std::size_t kLineWidth = 79;
+constexpr std::size_t kLeastBar = 3;
+constexpr std::size_t kGreatestBar = 20;
+constexpr float kLowestDecibels = -60.0F;
+
+std::string LevelBar(float level, std::size_t width) {
+  if (level >= 1.0F) return std::string(width - 1, '#') + "!";
+  // Written so that NaN becomes silence.
+  if (!(level > 0.0F)) return std::string(width, ' ');
+  const float share = 1.0F - 20.0F * std::log10(level) / kLowestDecibels;
+  const auto filled = static_cast<std::size_t>(std::max(0.0F, share) * static_cast<float>(width));
+  return std::string(filled, '#') + std::string(width - filled, ' ');
+}
+
+}  // namespace
 
 std::string ProgressLine(std::string_view title, double fraction) {
   constexpr int kWidth = 40;
@@ -16,20 +35,29 @@ std::string ProgressLine(std::string_view title, double fraction) {
          "] " + number + " %";
 }
 
-ProgressBar::ProgressBar(std::ostream* out, std::string title)
-    : out_(out), title_(std::move(title)) {}
-
-ProgressBar::~ProgressBar() {
+StatusLine::~StatusLine() {
   if (shown_.empty()) return;
   *out_ << "\r" + std::string(shown_.size(), ' ') + "\r" << std::flush;
 }
 
-void ProgressBar::Show(double fraction) {
-  if (out_ == nullptr) return;
-  std::string line = ProgressLine(title_, fraction);
-  if (line == shown_) return;
-  *out_ << "\r" + line << std::flush;
-  shown_ = std::move(line);
+void StatusLine::Show(const std::string& line) {
+  if (out_ == nullptr || line == shown_) return;
+  // What the last line had beyond the new one is wiped.
+  const std::size_t rest = shown_.size() > line.size() ? shown_.size() - line.size() : 0;
+  *out_ << "\r" + line + std::string(rest, ' ') << std::flush;
+  shown_ = line + std::string(rest, ' ');
+}
+
+std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
+                          std::int32_t rate, std::span<const float> levels) {
+  std::string line = std::string(title) + " " + FormatDuration(position, rate) + " / " +
+                     FormatDuration(length, rate);
+  if (levels.empty()) return line;
+  const std::size_t room = kLineWidth - std::min(kLineWidth, line.size());
+  const std::size_t share = room / levels.size();
+  const std::size_t width = std::clamp(share, kLeastBar + 3, kGreatestBar + 3) - 3;
+  for (const float level : levels) line += " [" + LevelBar(level, width) + "]";
+  return line;
 }
 
 }  // namespace marlinda

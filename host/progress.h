@@ -1,32 +1,52 @@
-// The progress bar of a long task.
+// What a command shows while it works: one line of a terminal, drawn again and again.
 #pragma once
 
+#include <cstdint>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace marlinda {
+
+// Draws a line of text over the last one and wipes it at the end. Draws nothing when `out` is null,
+// which is how a caller keeps it out of files and pipes.
+class StatusLine {
+ public:
+  explicit StatusLine(std::ostream* out) : out_(out) {}
+  ~StatusLine();
+  StatusLine(const StatusLine&) = delete;
+  StatusLine& operator=(const StatusLine&) = delete;
+
+  // Draws only when the line changes. ASCII.
+  void Show(const std::string& line);
+
+ private:
+  std::ostream* out_;
+  std::string shown_;
+};
 
 // "title [#####     ]  50 %"; a fraction outside 0 to 1, or none (NaN), is shown as the nearest
 // end.
 std::string ProgressLine(std::string_view title, double fraction);
 
-// Draws the line on `out` again and again and wipes it at the end. Draws nothing when `out` is
-// null, which is how a caller keeps it out of files and pipes.
+// The status line of a long task.
 class ProgressBar {
  public:
-  ProgressBar(std::ostream* out, std::string title);
-  ~ProgressBar();
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
+  ProgressBar(std::ostream* out, std::string title) : line_(out), title_(std::move(title)) {}
 
-  // Draws only when the line changes.
-  void Show(double fraction);
+  void Show(double fraction) { line_.Show(ProgressLine(title_, fraction)); }
 
  private:
-  std::ostream* out_;
+  StatusLine line_;
   std::string title_;
-  std::string shown_;
 };
+
+// What play, scrub and record show: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [####      ]",
+// a bar for each of the levels, which stretches from -60 dB to full scale and ends in "!" at full
+// scale and above. Fits in 79 columns as long as the channels leave each bar three.
+std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
+                          std::int32_t rate, std::span<const float> levels);
 
 }  // namespace marlinda

@@ -1,5 +1,6 @@
 #include "host/timecode.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <limits>
@@ -41,6 +42,10 @@ std::string_view TakeUpToColon(std::string_view& text, std::string_view whole,
 std::optional<Timecode> ParseOptional(std::string_view text) {
   if (text.empty()) return std::nullopt;
   return Timecode::Parse(text);
+}
+
+std::string Length(std::int64_t frames, std::int32_t rate) {
+  return std::to_string(frames) + " frames, " + FormatDuration(frames, rate);
 }
 
 }  // namespace
@@ -88,6 +93,26 @@ TimeRange ParseRange(std::string_view text) {
   return {ParseOptional(begin), ParseOptional(rest)};
 }
 
+FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate) {
+  const FrameRange resolved = {range.begin ? range.begin->ToFrames(rate) : 0,
+                               range.end ? range.end->ToFrames(rate) : frames};
+  if (resolved.begin >= frames || resolved.end > frames) {
+    throw std::invalid_argument("the range reaches past the end of the audio (" +
+                                Length(frames, rate) + ")");
+  }
+  if (resolved.begin >= resolved.end) throw std::invalid_argument("the range holds no frame");
+  return resolved;
+}
+
+std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate) {
+  const std::int64_t position = at.ToFrames(rate);
+  if (position > frames) {
+    throw std::invalid_argument("the position lies past the end of the audio (" +
+                                Length(frames, rate) + ")");
+  }
+  return position;
+}
+
 NamedTime ParseNamedTime(std::string_view text) {
   std::string_view rest = text;
   const std::string_view at = TakeUpToColon(rest, text, "AT:NAME");
@@ -105,6 +130,16 @@ TimeSpan ParseSpan(std::string_view text) {
   std::string_view rest = text;
   const std::string_view at = TakeUpToColon(rest, text, "AT:SECONDS");
   return {Timecode::Parse(at), Timecode::Parse(rest)};
+}
+
+std::vector<Timecode> ParseTimes(std::string_view text) {
+  std::vector<Timecode> times;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    times.push_back(Timecode::Parse(text.substr(begin, end - begin)));
+    begin = end + 1;
+  }
+  return times;
 }
 
 std::string FormatDuration(std::int64_t frames, std::int32_t rate) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace marlinda {
 
@@ -34,6 +35,17 @@ struct TimeRange {
 // "BEGIN:END"; either side may be empty. Throws std::invalid_argument.
 TimeRange ParseRange(std::string_view text);
 
+struct FrameRange {
+  std::int64_t begin = 0;
+  std::int64_t end = 0;  // exclusive
+};
+
+// The frames of a range, or the frame of a position, in audio of so many frames. A range that is
+// empty, backward or reaches past the end is refused, and so is a position past the end: nothing is
+// moved or clipped silently. Throws std::invalid_argument.
+FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate);
+std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate);
+
 // A time and the text after its colon: "AT:NAME". The text may hold further colons. Throws
 // std::invalid_argument.
 struct NamedTime {
@@ -55,6 +67,9 @@ struct TimeSpan {
   Timecode length;
 };
 TimeSpan ParseSpan(std::string_view text);
+
+// Times with commas between them: "1,2.5,44100f". Throws std::invalid_argument.
+std::vector<Timecode> ParseTimes(std::string_view text);
 
 // "H:MM:SS.mmm", rounded down to the millisecond. A rate that is not positive gives "unknown".
 std::string FormatDuration(std::int64_t frames, std::int32_t rate);

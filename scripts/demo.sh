@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The engine's main job from end to end: a piece of music comes in as Ogg Vorbis, is cut, gets a second
 # of silence, labels and a section marker, is drawn, and leaves as a WAV file, which other programs
-# then describe. Installs and builds what is missing first. The result stays in build/demo.
+# then describe; it is played when the machine has a sound device. Installs and builds what is missing first. The result stays in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo
@@ -34,6 +34,14 @@ demo() {
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
   show "sox --info demo.wav" sox --info demo.wav
   show "sndfile-info demo.wav" sndfile-info demo.wav
+
+  # The sound library of a machine without devices complains at length.
+  if marlinda devices 2>/dev/null | grep -qx "outputs: none"; then
+    printf '\n%s\n' '"marlinda devices" finds no output on this machine, so the result is not played.'
+  else
+    show "sox demo.wav edited.ogg" sox demo.wav edited.ogg
+    show "marlinda play edited.ogg" marlinda play edited.ogg
+  fi
 }
 export root folder music
 "$root/scripts/wine-session" true # makes the prefix on first use, before the commands are shown

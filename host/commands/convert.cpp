@@ -7,7 +7,7 @@ namespace marlinda {
 
 void RunConvert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
-  WaveExport wave(options.output, source);
+  WaveExport wave(options.output, options.input);
   const ImportedAudio audio = source.Import(console);
   const Annotations annotations = source.ReadAnnotations();
   wave.SetTags(source.ReadTags());

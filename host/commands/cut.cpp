@@ -57,7 +57,7 @@ void RunCut(const CutOptions& options, const Console& console) {
     throw UsageError(error);
   }
   Source source(options.input);
-  WaveExport wave(options.output, source);
+  WaveExport wave(options.output, options.input);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, options.input);
   const ImportedAudio audio = source.Import(console);

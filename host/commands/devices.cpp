@@ -1,0 +1,36 @@
+#include "host/commands/devices.h"
+
+#include "host/commands/json.h"
+#include "host/sound_devices.h"
+
+namespace marlinda {
+namespace {
+
+Json ToJson(const std::vector<SoundDevice>& devices) {
+  Json list = Json::array();
+  for (const SoundDevice& device : devices) {
+    list.push_back({{"index", list.size()}, {"name", device.name}, {"channels", device.channels}});
+  }
+  return list;
+}
+
+std::string ToText(const char* kind, const std::vector<SoundDevice>& devices) {
+  if (devices.empty()) return std::string(kind) + ": none\n";
+  std::string text = std::string(kind) + ":\n";
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    text += "  " + std::to_string(i) + "  " + devices[i].name + ", " +
+            std::to_string(devices[i].channels) + " channels\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+void RunDevices(bool json, const Console& console) {
+  const auto outputs = OutputDevices();
+  const auto inputs = InputDevices();
+  console.Print(json ? ToText(Json{{"outputs", ToJson(outputs)}, {"inputs", ToJson(inputs)}})
+                     : ToText("outputs", outputs) + ToText("inputs", inputs));
+}
+
+}  // namespace marlinda

@@ -1,0 +1,141 @@
+#include "host/commands/play.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "host/channel_list.h"
+#include "host/commands/json.h"
+#include "host/device_watch.h"
+#include "host/engine.h"
+#include "host/progress.h"
+#include "host/sound_devices.h"
+#include "host/timecode.h"
+
+namespace marlinda {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+HostError UsageError(const std::invalid_argument& error) {
+  return {ExitStatus::kUsage, "", error.what(), "See \"marlinda play --help\"."};
+}
+
+// What of the file is played.
+struct Section {
+  FrameRange range;
+  std::uint32_t mask = 0;
+  bool loop = false;
+};
+
+class Player {
+ public:
+  Player(IEditedAudio* document, const AudioFormat& format, const Section& section)
+      : document_(document), format_(format), section_(section), start_(Clock::now()) {
+    Check(document_->Play(section.range.begin, section.range.end, section.mask,
+                          section.loop ? VARIANT_TRUE : VARIANT_FALSE));
+  }
+  ~Player() { document_->StopPlay(); }
+  Player(const Player&) = delete;
+  Player& operator=(const Player&) = delete;
+
+  // Returns at the end; throws when interrupted and when the device does not play.
+  void Watch(const std::string& file, const DeviceChoice& device, const Console& console) {
+    constexpr DWORD kPollMilliseconds = 50;
+    const std::int64_t frames = section_.range.end - section_.range.begin;
+    // The position of a short loop may well be the same whenever it is asked for.
+    const bool can_stall = !section_.loop || frames >= format_.rate;
+    StatusLine line(console.ProgressOutput());
+    DeviceWatch watch(start_);
+    __int64 position = section_.range.begin;
+    for (;;) {
+      VARIANT_BOOL playing = VARIANT_FALSE;
+      __int64 now_at = 0;
+      Check(document_->GetPlayStatus(&playing, &now_at));
+      if (playing == VARIANT_FALSE) break;
+      // At its end a section that is played once is reported from its begin again.
+      position = section_.loop ? now_at : std::max(position, now_at);
+      if (console.Interrupted()) {
+        throw HostError(ExitStatus::kInterrupted, file,
+                        "interrupted at " + FormatDuration(position, format_.rate));
+      }
+      if (watch.IsLost(position, Clock::now()) && can_stall) {
+        throw DeviceLost(device, "it stopped playing at " + FormatDuration(position, format_.rate));
+      }
+      line.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()));
+      console.Wait(kPollMilliseconds);
+    }
+    if (section_.loop || EndedTooSoon(frames, format_.rate, Clock::now() - start_)) {
+      throw DeviceLost(device, "playing ended at " + FormatDuration(position, format_.rate));
+    }
+  }
+
+ private:
+  std::vector<float> Levels() const {
+    std::vector<float> levels(static_cast<std::size_t>(format_.channels));
+    for (SHORT channel = 0; channel < format_.channels; ++channel) {
+      document_->GetOutputLevel(channel, &levels[static_cast<std::size_t>(channel)]);
+    }
+    return levels;
+  }
+
+  IEditedAudio* document_;
+  AudioFormat format_;
+  Section section_;
+  Clock::time_point start_;
+};
+
+std::uint32_t MaskOf(const std::string& channels) {
+  return channels.empty() ? 0xFFFFFFFFU : ParseChannelMask(channels);
+}
+
+Section Resolve(const PlayOptions& options, const ImportedAudio& audio) {
+  Section section = {{}, MaskOf(options.channels), options.loop};
+  if (!options.channels.empty()) RequireChannels(section.mask, audio.format.channels);
+  section.range =
+      ResolveRange(ParseRange(options.from + ":" + options.to), audio.frames, audio.format.rate);
+  return section;
+}
+
+}  // namespace
+
+void RunPlay(const PlayOptions& options, const Console& console) {
+  try {
+    MaskOf(options.channels);
+    ParseRange(options.from + ":" + options.to);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error);
+  }
+  const auto device = DeviceChoice::OfOutputs(options.device);
+  Source source(options.input);
+  const ImportedAudio audio = source.Import(console);
+  Section section;
+  try {
+    section = Resolve(options, audio);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error);
+  }
+
+  const SHORT bits = ChooseOutputBits(device, audio.format);
+  const auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
+  Check(document->SetFormat(audio.format.rate, audio.format.channels, bits));
+  Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
+  Check(document->SetPlaybackDevice(device.number()));
+  Player(document.Get(), audio.format, section).Watch(options.input, device, console);
+
+  const auto [begin, end] = section.range;
+  if (options.json) {
+    console.Print(ToText({{"input", options.input},
+                          {"filter", source.filter().class_name},
+                          {"device", OrNull(device.index())},
+                          {"sample_rate", audio.format.rate},
+                          {"channels", ChannelsOf(section.mask, audio.format.channels)},
+                          {"bits_per_sample", bits},
+                          {"begin", begin},
+                          {"end", end}}));
+  } else {
+    console.Print("played " + options.input + ": " + FormatDuration(begin, audio.format.rate) +
+                  " to " + FormatDuration(end, audio.format.rate) + "\n");
+  }
+}
+
+}  // namespace marlinda
