@@ -18,11 +18,15 @@ int Cycles(int usual) {
   return named == nullptr ? usual : std::atoi(named);
 }
 
+// The system makes a handle for some of its locks when two threads first meet there, whenever that
+// is. A leak in no more than every third cycle is many times as much.
+constexpr unsigned kLateHandles = 8;
+
 struct Counts {
   unsigned threads = CountThreads();
   unsigned handles = CountHandles();
   bool Within(const Counts& other) const {
-    return threads <= other.threads && handles <= other.handles;
+    return threads <= other.threads && handles <= other.handles + kLateHandles;
   }
 };
 
@@ -43,7 +47,7 @@ void ExpectNothingLeft(int cycles, const std::function<void(int)>& cycle) {
   for (int i = 0; i < cycles && !::testing::Test::HasFailure(); ++i) cycle(i);
   const Counts after = SettledCounts(before);
   EXPECT_LE(after.threads, before.threads);
-  EXPECT_LE(after.handles, before.handles);
+  EXPECT_LE(after.handles, before.handles + kLateHandles);
 }
 
 ComPtr<IAudioWriter> StereoSpeaker() {
