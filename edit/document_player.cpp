@@ -147,9 +147,9 @@ void DocumentPlayer::SetScrubPosition(__int64 position) {
 }
 
 void DocumentPlayer::StopScrub() noexcept {
-  // The scrubber waits until its thread has written a block. A device that was lost takes none any
-  // more: Break refuses the block instead. When nothing was started, it would only cut off what
-  // else uses the device.
+  // The scrubber waits until its thread has written a block, and a device that was lost takes none
+  // any more; Break has the block refused at once. When no scrubbing was started, it would only cut
+  // off a playback.
   if (scrubbing_) playback_->Break();
   scrubbing_ = false;
   if (scrubber_) scrubber_->Stop();

@@ -102,7 +102,11 @@ class PlayedDocument(unittest.TestCase):
             self.assertEqual(player.stdout.readline().strip(), "playing")
             os.kill(int(os.environ["TESSALY_SOUND_SERVER_PID"]), signal.SIGKILL)
             time.sleep(2)
-            rest, _ = player.communicate("\n", timeout=120)
+            try:
+                rest, _ = player.communicate("\n", timeout=120)
+            except subprocess.TimeoutExpired:
+                player.kill()
+                raise
         self.assertEqual(rest.split(), ["stopped", "ended"])
         self.assertEqual(player.returncode, 0)
 
