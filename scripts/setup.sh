@@ -5,25 +5,27 @@
 # Takes a fraction of a second when nothing is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
-# Cross compilers, interface compiler (widl and the files it reads), header-only libraries, and what
-# fetching and building the source packages of libogg and libvorbis takes.
+# Cross compilers, interface compiler (widl and the files it reads), header-only libraries, what
+# fetching and building the source packages of libogg and libvorbis takes, and what configuring looks
+# for because the tests are part of the build.
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev
   dpkg-dev ca-certificates xz-utils
+  googletest python3 vorbis-tools
 )
 # Wine and its display.
 wine=(wine64 libwine xvfb)
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
-# The native compiler with its sanitizers, the foreign programs that judge what the engine reads and
-# writes, and the sound server whose devices it plays and records with.
+# The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
+# writes; a sound server stands for the sound card.
 test=(
-  "${build[@]}" "${wine[@]}" g++ googletest clang-format python3
-  sox sndfile-programs vorbis-tools mediainfo ffmpeg pulseaudio pulseaudio-utils
+  "${build[@]}" "${wine[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
+  pulseaudio pulseaudio-utils
 )
-lint=("${build[@]}" g++ googletest clang-format clang-tidy)
-bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox vorbis-tools python3)
+lint=("${build[@]}" g++ clang-format clang-tidy)
+bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox)
 fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
 
 groups=("$@")

@@ -79,7 +79,7 @@ TEST(AudioQueue, GivesBackEverySampleInOrderWhateverTheBlockSizes) {
 
 TEST(AudioQueue, CarriesAStreamBetweenTwoThreadsUnchanged) {
   CAudioQueue queue;
-  constexpr int kBlocks = 2000;
+  constexpr int kBlocks = 200;
   std::thread producer([&] {
     for (int block = 0; block < kBlocks; ++block) {
       queue.Append(std::vector<float>(100, static_cast<float>(block)));

@@ -1,0 +1,209 @@
+// The module's client in the device tests that another program drives (device_test.py):
+//   device_tool play WIDTH BLOCK_FRAMES TOTAL_FRAMES
+//   device_tool record WIDTH READ_FRAMES TOTAL_FRAMES FILE
+//   device_tool lose break|close|release|record|drop|scrub
+// Sample n of the interleaved signal that is played is ((n * 7919) mod 60001 - 30000) / 32767. A
+// recording goes into a pool of the same width and from there into the file as raw floats; the
+// frames it has so far are told on standard output. `lose` brings a device into use, says "ready",
+// waits for a line of input, during which the sound server dies, and tells as "name value" how what
+// it does then goes; times are in milliseconds.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+constexpr std::size_t kChannels = 2;
+constexpr LONG kRate = 44100;
+
+float Signal(std::size_t sample) {
+  return static_cast<float>(static_cast<int>(sample * 7919 % 60001) - 30000) / 32767.0F;
+}
+
+template <class... Arguments>
+void Say(const char* format, Arguments... arguments) {
+  std::printf(format, arguments...);
+  std::fflush(stdout);
+}
+
+ComPtr<IAudioWriter> Speaker(SHORT bits, LONG milliseconds = 1000) {
+  auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
+  playback->SetFormat(kRate, kChannels, bits);
+  playback->SetBufferLength(milliseconds);
+  return As<IAudioWriter>(playback);
+}
+
+ComPtr<IAudioReader> Microphone(SHORT bits) {
+  auto grabber = Create<IAudioGrabber>(CLSID_CAudioGrabber);
+  grabber->SetFormat(kRate, kChannels, bits);
+  return As<IAudioReader>(grabber);
+}
+
+void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
+  auto writer = Speaker(bits);
+  Check(writer->OpenDevice());
+  // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
+  // played some milliseconds before they are.
+  const Floats silence(kRate);
+  Check(writer->WriteAudio(silence));
+  for (std::size_t frame = 0; frame < total_frames; frame += block_frames) {
+    Floats block(kChannels * std::min(block_frames, total_frames - frame));
+    for (std::size_t i = 0; i < block.values().size(); ++i) {
+      block[i] = Signal(kChannels * frame + i);
+    }
+    Check(writer->WriteAudio(block));
+  }
+  Check(writer->WriteAudio(silence));
+  for (LONG ready = 0; ready == 0; Sleep(10)) Check(writer->QueryIsReady(&ready));
+  Check(writer->CloseDevice());
+}
+
+void Record(SHORT bits, std::size_t read_frames, std::size_t total_frames, const char* path) {
+  auto reader = Microphone(bits);
+  auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  auto writer = As<IAudioWriter>(pool);
+  Check(pool->SetBitDepth(bits, 0));
+  Check(writer->SetFormat(kRate, kChannels));
+  Check(writer->OpenDevice());
+  Check(reader->OpenDevice());
+  Say("0\n");
+  for (std::size_t frame = 0; frame < total_frames; frame += read_frames) {
+    Floats block(kChannels * std::min(read_frames, total_frames - frame));
+    Check(reader->ReadAudio(0, block));
+    Check(writer->WriteAudio(block));
+    Say("%u\n", static_cast<unsigned>(frame + block.values().size() / kChannels));
+  }
+  Check(reader->CloseDevice());
+  Check(writer->CloseDevice());
+
+  ComPtr<IAudioReader> take;
+  Check(pool->CreateLastReader(take.GetAddressOf()));
+  Check(take->OpenDevice());
+  Floats all(kChannels * total_frames);
+  Check(take->ReadAudio(0, all));
+  Check(take->CloseDevice());
+  std::ofstream file(path, std::ios::binary);
+  const auto bytes = std::as_bytes(all.values());
+  file.write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+
+// Does what is asked and tells how long it took.
+template <class Action>
+void Timed(const char* name, Action&& action) {
+  const ULONGLONG start = GetTickCount64();
+  action();
+  Say("%s %u\n", name, static_cast<unsigned>(GetTickCount64() - start));
+}
+
+void AwaitLoss() {
+  Say("ready\n");
+  while (std::getchar() != '\n') {
+  }
+}
+
+void LosePlaying(const std::string& how) {
+  auto writer = Speaker(16);
+  Check(writer->OpenDevice());
+  std::atomic<int> written{0};
+  std::atomic<HRESULT> last{S_OK};
+  // Without a reference of its own, so that the last release meets it in the wait.
+  std::thread producer([&last, &written, borrowed = writer.Get()] {
+    Floats block(kChannels * kRate / 2, 0.1F);
+    while (SUCCEEDED(last = borrowed->WriteAudio(block))) ++written;
+  });
+  while (written < 3) Sleep(10);
+  AwaitLoss();
+  if (how == "break") {
+    Timed("break", [&] { As<IAudioPlayback>(writer)->Break(); });
+  } else if (how == "close") {
+    Timed("close", [&] { writer->CloseDevice(); });
+  } else {
+    Timed("release", [&] { writer.Reset(); });
+  }
+  Timed("join", [&] { producer.join(); });
+  Say("written %d\n", last == E_FAIL ? 1 : 0);
+  if (!writer) return;
+  LONG ready = 0;
+  if (how == "break") {
+    Timed("close", [&] { writer->CloseDevice(); });
+  }
+  Say("status %ld\n", writer->QueryIsReady(&ready));
+  Say("idle %ld\n", ready);
+  // There is no device now; what counts is that asking for one comes back.
+  Timed("reopen", [&] { writer->OpenDevice(); });
+  Timed("release", [&] { writer.Reset(); });
+}
+
+void LoseRecording(const std::string& how) {
+  auto reader = Microphone(16);
+  Check(reader->OpenDevice());
+  std::atomic<HRESULT> last{S_OK};
+  std::thread waiting([&last, borrowed = reader.Get()] {
+    last = borrowed->ReadAudio(0, Floats(kChannels * kRate * 60));
+  });
+  Sleep(200);
+  AwaitLoss();
+  if (how == "record") {
+    Timed("close", [&] { reader->CloseDevice(); });
+  } else {
+    Timed("release", [&] { reader.Reset(); });
+  }
+  Timed("join", [&] { waiting.join(); });
+  Say("read %d\n", last == E_FAIL ? 1 : 0);
+}
+
+void LoseScrubbing() {
+  auto writer = Speaker(16, 100);
+  auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
+  Check(scrubber->Start(writer.Get(), kRate / 10, kRate, kChannels));
+  Sleep(500);
+  AwaitLoss();
+  Timed("stop", [&] { scrubber->Stop(); });
+  Timed("release", [&] {
+    scrubber.Reset();
+    writer.Reset();
+  });
+}
+
+int Run(const std::vector<std::string>& words) {
+  const auto number = [&](std::size_t i) { return std::strtoul(words.at(i).c_str(), nullptr, 10); };
+  const std::string& command = words.at(0);
+  if (command == "play") {
+    Play(static_cast<SHORT>(number(1)), number(2), number(3));
+  } else if (command == "record") {
+    Record(static_cast<SHORT>(number(1)), number(2), number(3), words.at(4).c_str());
+  } else if (command == "lose" && words.at(1) == "scrub") {
+    LoseScrubbing();
+  } else if (command == "lose" && (words.at(1) == "record" || words.at(1) == "drop")) {
+    LoseRecording(words.at(1));
+  } else if (command == "lose") {
+    LosePlaying(words.at(1));
+  } else {
+    return 2;
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  if (argc < 2 || FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 2;
+  int status = 0;
+  try {
+    marlinda::testing::ModuleUnderTest::Load();
+    status = marlinda::testing::Run({argv + 1, argv + argc});
+  } catch (const marlinda::HResultError& error) {
+    std::fprintf(stderr, "failed: 0x%08lX\n", static_cast<unsigned long>(error.code()));
+    status = 1;
+  }
+  marlinda::testing::ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return status;
+}
