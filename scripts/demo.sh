@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The engine's main job from end to end: a piece of music comes in as Ogg Vorbis, is cut, gets a second
 # of silence, labels and a section marker, is drawn, and leaves as a WAV file, which other programs
-# then describe; it is played when the machine has a sound device. Installs and builds what is missing first. The result stays in build/demo.
+# then describe. It is played when the machine has a sound device. Installs and builds what is missing
+# first. The result stays in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo

@@ -64,8 +64,9 @@ SavedTake Save(IAudioReader* take, const RecordOptions& options, const Console& 
     const std::string spare = Narrow((std::filesystem::temp_directory_path() /
                                       ("take-" + std::to_string(GetCurrentProcessId()) + ".wav"))
                                          .wstring());
+    console.Tell(error.what());
     WaveExport(spare, "").Run(take, options.bits, console);
-    throw HostError(error.status(), error.what(), "the take was saved as " + spare);
+    throw HostError(error.status(), options.output, "the take was saved as " + spare + " instead");
   }
 }
 

@@ -8,6 +8,7 @@ import contextlib
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -217,6 +218,18 @@ class SoundTest(unittest.TestCase):
                     self.assertAlmostEqual(max(samples), 16384, delta=300)
                     swings = sum(a < 0 <= b for a, b in zip(samples, samples[1:]))
                     self.assertAlmostEqual(swings, 440 * frames / expected[2], delta=2)
+
+    def test_a_take_whose_place_is_gone_is_saved_elsewhere(self):
+        record = Run("record", self.out, "--seconds", "6")
+        time.sleep(4)
+        self.out.mkdir()
+        status, output, messages = record.result()
+        self.assertEqual((status, output), (4, ""), messages)
+        saved = re.search(r"the take was saved as C:(.*) instead", messages)[1]
+        saved = pathlib.Path(os.environ["WINEPREFIX"] + "/drive_c" + saved.replace("\\", "/"))
+        self.addCleanup(saved.unlink)
+        with wave.open(str(saved)) as file:
+            self.assertEqual(file.getnframes(), 6 * RATE)
 
     def test_an_interrupted_recording_keeps_its_take(self):
         with self.tone():
