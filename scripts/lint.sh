@@ -14,15 +14,18 @@ configure x64
 # The generated headers are read, too.
 step -q "generate the contracts" "see the log" cmake --build build/x64 --target marlinda_contracts_files
 
+folders=()
+for folder in core pool edit device import export task host; do
+  [[ ! -d $folder ]] || folders+=("$folder")
+done
 files=("$@")
 if [[ ${#files[@]} -eq 0 ]]; then
-  mapfile -t files < <(find core pool edit device import export task host -name '*.cpp' 2>/dev/null | sort)
+  mapfile -t files < <(find "${folders[@]}" -name '*.cpp' | sort)
 fi
 stamps=$root/build/lint
 mkdir -p "$stamps"
-newest=$(find .clang-tidy scripts/lint.sh core pool edit device import export task host \
-  \( -name '*.h' -o -name .clang-tidy -o -name lint.sh \) -printf '%T@ %p\n' 2>/dev/null |
-  sort -rn | head -n 1 | cut -d ' ' -f 2-)
+newest=$(find .clang-tidy "${folders[@]}" \( -name '*.h' -o -name .clang-tidy \) -printf '%T@ %p\n' |
+  sort -rn | sed -n '1s/^[^ ]* //p')
 
 # The C++ headers of the cross compiler, which clang does not look for by itself.
 mingw=$(dirname "$(x86_64-w64-mingw32-g++-posix -print-libgcc-file-name)")/include/c++

@@ -31,34 +31,45 @@ count() {
     END { print passed + 0, failed + 0, skipped + 0 }' "$1"
 }
 
-# suite PRESET WHAT [COMMAND...]: the tests of one preset, run by the command.
+# suite PRESET WHAT [COMMAND...]: runs the tests of one preset by the command, says how they went and
+# leaves "passed failed skipped" in a file for the sum.
 suite() {
   local preset=$1 what=$2 begun=$SECONDS status=0 good bad left
   shift 2
-  local log=$root/build/$preset/Testing/Temporary/LastTest.log
+  local log=$root/build/$preset/Testing/Temporary/LastTest.log output=$logs/test-$preset.log
   rm -f "$log"
-  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error -j "$(nproc)") \
-    >"$logs/test-$preset.log" 2>&1 </dev/null || status=$?
+  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error) >"$output" 2>&1 </dev/null || status=$?
   read -r good bad left < <(count "$log" 2>/dev/null || echo 0 0 0)
   # Whatever CTest says counts, also where no single test says why.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
-  passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))
+  echo "$good $bad $left $what" >"$logs/result-$preset"
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
     return
   fi
-  broken+=("$what")
-  grep -E '^\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' \
-    "$logs/test-$preset.log" | sort -u | head -n 40 >&2
-  tail -n 15 "$logs/test-$preset.log" >&2
-  echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$preset.log" >&2
-  echo "  again: ctest --preset $preset --rerun-failed --output-on-failure" >&2
+  {
+    grep -E '^\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$output" |
+      sort -u | head -n 40
+    tail -n 15 "$output"
+    echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$preset.log"
+    echo "  again: ctest --preset $preset --rerun-failed --output-on-failure"
+  } >&2
 }
 
+rm -f "$logs"/result-*
+# One line of suites per core of a small machine: those under Wine wait now and then.
+suite x64 "kernels and components under Wine" "$root/scripts/wine-session" &
 suite native "kernels, native"
 suite asan "kernels under AddressSanitizer and UBSan"
 suite tsan "kernels under ThreadSanitizer"
-suite x64 "kernels and components under Wine" "$root/scripts/wine-session"
+wait
+for preset in x64 native asan tsan; do
+  # A suite that left no result has failed.
+  good=0 bad=1 left=0 what="tests of $preset"
+  read -r good bad left what 2>/dev/null <"$logs/result-$preset" || true
+  passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))
+  [[ $bad -eq 0 ]] || broken+=("$what")
+done
 
 if step "format of the code" "clang-format -i FILE puts it right" "$root/scripts/lib/check-format"; then
   passed=$((passed + 1))
