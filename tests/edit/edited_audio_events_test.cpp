@@ -99,7 +99,7 @@ TEST_F(EditedAudioEvents, ListsItsPointsAndTheirConnections) {
   data[1].pUnk->Release();
   connections.Reset();
   Disconnect(cookie);
-  EXPECT_EQ(second.references(), 0);
+  EXPECT_EQ(second.Held(), 0);
 }
 
 TEST_F(EditedAudioEvents, AnswersWrongConnectionsWithTheirCodes) {
@@ -127,7 +127,7 @@ TEST_F(EditedAudioEvents, AnswersWrongConnectionsWithTheirCodes) {
   }
   EXPECT_EQ(point->Unadvise(cookie), S_OK);
   EXPECT_EQ(point->Unadvise(cookie), CONNECT_E_NOCONNECTION);
-  EXPECT_EQ(sink.references(), 0);
+  EXPECT_EQ(sink.Held(), 0);
   // One that answers nothing but IDispatch understands events as well.
   Sink plain("p", IID_IDispatch, &log_);
   cookie = Connect(plain);
@@ -297,7 +297,7 @@ TEST_F(EditedAudioEvents, SinksMayConnectAndDisconnectDuringAnEvent) {
   Commit();
   // Who is gone is not called, who has just come waits for the next event.
   EXPECT_THAT(log_, ElementsAre("a3", "c3"));
-  EXPECT_EQ(b.references(), 0);
+  EXPECT_EQ(b.Held(), 0);
   log_.clear();
   Commit();
   EXPECT_THAT(log_, ElementsAre("l3", "c3"));
@@ -366,7 +366,7 @@ TEST_F(EditedAudioEvents, ASinkMayReleaseTheDocumentThatCallsIt) {
     }
     EXPECT_EQ(doomed.Get(), nullptr);
     // Everything went with it.
-    EXPECT_EQ(sink.references(), 0);
+    EXPECT_EQ(sink.Held(), 0);
     EXPECT_EQ(a_->Held(), 0);
   }
 }

@@ -491,25 +491,10 @@ TEST_F(EditedAudio, ReadsSilenceFromTheSilenceSource) {
 
 // Another maker's document: it hands out one segment again and again, notes what a copy into it
 // brings, and has neither labels nor markers.
-class ForeignDocument final : public IEditedAudio {
+class ForeignDocument final : public TestObject<IEditedAudio> {
  public:
   ForeignDocument(CallLog* log, IAudioReader* source, int segments)
       : log_(log), source_(source), segments_(segments) {}
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IEditedAudio) ? this : nullptr;
-    return *object != nullptr ? S_OK : E_NOINTERFACE;
-  }
-  // Lives on the stack.
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
-  }
 
   STDMETHODIMP Clear() override { return Note("Clear"); }
   STDMETHODIMP SetFormat(LONG rate, SHORT channels, SHORT bits) override {

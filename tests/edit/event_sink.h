@@ -9,17 +9,17 @@
 #include <utility>
 
 #include "tests/support/ramp_source.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 
 // A listener as any host may write one: it notes each event and then does what the test wants.
-class Sink final : public IDispatch {
+class Sink final : public TestObject<IDispatch> {
  public:
   Sink(std::string name, const IID& iid, CallLog* log)
       : name_(std::move(name)), iid_(iid), log_(log) {}
 
   std::function<HRESULT(DISPPARAMS*, EXCEPINFO*)> on_event;
-  long references() const { return references_; }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     *object = nullptr;
@@ -28,12 +28,6 @@ class Sink final : public IDispatch {
     AddRef();
     return S_OK;
   }
-  // Lives on the stack.
-  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++references_); }
-  STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--references_); }
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
 
   STDMETHODIMP Invoke(DISPID event, REFIID reserved, LCID locale, WORD flags, DISPPARAMS* params,
                       VARIANT* result, EXCEPINFO* exception, UINT* argument_error) override {
@@ -53,7 +47,6 @@ class Sink final : public IDispatch {
   const std::string name_;
   const IID iid_;
   CallLog* const log_;
-  long references_ = 0;
 };
 
 }  // namespace marlinda::testing

@@ -12,8 +12,8 @@
 #include <span>
 #include <vector>
 
-#include "core/com_ptr.h"
 #include "tests/export/riff_builder.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 
@@ -72,7 +72,7 @@ struct ReaderLog {
   std::atomic<DWORD> released_on_thread{0};  // 0 while the reader lives
 };
 
-class CodeReader final : public IAudioReader {
+class CodeReader final : public TestObject<IAudioReader> {
  public:
   struct Setup {
     LONG samples_per_sec = 44100;
@@ -84,36 +84,14 @@ class CodeReader final : public IAudioReader {
     HRESULT format_result = S_OK;  // a failure leaves format and length unanswered
   };
 
+  explicit CodeReader(Setup setup, std::shared_ptr<ReaderLog> log = {})
+      : setup_(std::move(setup)), log_(std::move(log)) {}
+  ~CodeReader() override {
+    if (log_) log_->released_on_thread = GetCurrentThreadId();
+  }
+
   static ComPtr<IAudioReader> Create(Setup setup, std::shared_ptr<ReaderLog> log = {}) {
-    ComPtr<IAudioReader> reader;
-    *reader.GetAddressOf() = new CodeReader(std::move(setup), std::move(log));
-    return reader;
-  }
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool is_ours = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ||
-                         IsEqualIID(iid, IID_IAudioReader);
-    *object = is_ours ? this : nullptr;
-    if (!is_ours) return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) {
-      if (log_) log_->released_on_thread = GetCurrentThreadId();
-      delete this;
-    }
-    return left;
-  }
-
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
+    return MakeObject<CodeReader>(std::move(setup), std::move(log));
   }
 
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
@@ -146,13 +124,8 @@ class CodeReader final : public IAudioReader {
   STDMETHODIMP CloseDevice() override { return S_OK; }
 
  private:
-  CodeReader(Setup setup, std::shared_ptr<ReaderLog> log)
-      : setup_(std::move(setup)), log_(std::move(log)) {}
-  ~CodeReader() = default;
-
   const Setup setup_;
   const std::shared_ptr<ReaderLog> log_;
-  std::atomic<ULONG> references_{1};
 };
 
 }  // namespace marlinda::testing

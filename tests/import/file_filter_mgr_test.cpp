@@ -9,6 +9,7 @@
 #include "core/handle.h"
 #include "tests/import/ogg_files.h"
 #include "tests/support/com_client.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 namespace {
@@ -106,7 +107,7 @@ struct Answers {
 };
 
 // A class of import filters that this process offers under an identifier of its own.
-class FilterClass final : public IClassFactory {
+class FilterClass final : public TestObject<IClassFactory> {
  public:
   explicit FilterClass(const Answers& answers) : answers_(answers) {
     EXPECT_EQ(CoCreateGuid(&clsid_), S_OK);
@@ -131,14 +132,6 @@ class FilterClass final : public IClassFactory {
 
   STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override;
   STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory);
-    *object = known ? this : nullptr;
-    return known ? S_OK : E_NOINTERFACE;
-  }
-  // Lives with the test.
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
 
  private:
   class Filter;
@@ -147,7 +140,7 @@ class FilterClass final : public IClassFactory {
   DWORD registration_ = 0;
 };
 
-class FilterClass::Filter final : public IImportFilter {
+class FilterClass::Filter final : public TestObject<IImportFilter> {
  public:
   explicit Filter(FilterClass& owner) : owner_(owner) {
     ++owner.created;
@@ -174,33 +167,12 @@ class FilterClass::Filter final : public IImportFilter {
   STDMETHODIMP Initialize(BSTR, IAudioWriter*) override { return E_NOTIMPL; }
   STDMETHODIMP GetSourceSampleCount(__int64*) override { return E_NOTIMPL; }
 
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IImportFilter);
-    *object = known ? this : nullptr;
-    if (known) AddRef();
-    return known ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
-  }
-
  private:
   FilterClass& owner_;
-  ULONG references_ = 0;
 };
 
 STDMETHODIMP FilterClass::CreateInstance(IUnknown*, REFIID iid, void** object) {
-  const ComPtr<Filter> filter(new Filter(*this));
+  const auto filter = MakeObject<Filter>(*this);
   return filter->QueryInterface(iid, object);
 }
 

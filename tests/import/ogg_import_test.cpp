@@ -76,13 +76,13 @@ class OggImport : public ::testing::Test {
   ComPtr<ICoreTask> task_ = As<ICoreTask>(filter_);
   ComPtr<IExFormatInfo> format_ = As<IExFormatInfo>(filter_);
   ComPtr<IMetaDataReader> metadata_ = As<IMetaDataReader>(filter_);
-  ComPtr<RecordingWriter> writer_ = RecordingWriter::Make();
+  ComPtr<RecordingWriter> writer_ = MakeObject<RecordingWriter>();
 };
 
 TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn) {
   for (const std::string& name : WholeFiles()) {
     SCOPED_TRACE(name);
-    writer_ = RecordingWriter::Make();
+    writer_ = MakeObject<RecordingWriter>();
     Import(DataFile(name));
     ExpectDelivered(*writer_.Get(), DecodeWithLibrary(DataFile(name)));
     if (name == "no_samples.ogg") {
@@ -103,7 +103,7 @@ TEST_F(OggImport, IsWithinOneStepOfOggdec) {
     SCOPED_TRACE(name);
     // oggdec puts the channels of surround files into another order.
     if (name == "six_channels.ogg") continue;
-    writer_ = RecordingWriter::Make();
+    writer_ = MakeObject<RecordingWriter>();
     Import(DataFile(name));
     std::vector<std::int16_t> steps;
     for (const float sample : writer_->samples) {
@@ -221,7 +221,7 @@ TEST_F(OggImport, RunsOnceAfterEachInitialize) {
   EXPECT_EQ(Progress(), 1.0F);
   const std::size_t mono_samples = writer_->samples.size();
 
-  const auto second = RecordingWriter::Make();
+  const auto second = MakeObject<RecordingWriter>();
   EXPECT_EQ(filter_->Initialize(Bstr(DataFile("stereo.ogg").wstring()), second.Get()), S_OK);
   EXPECT_EQ(Progress(), 0.0F);
   EXPECT_EQ(ReferenceCount(writer_.Get()), 1U) << "the old writer is still held";
@@ -232,7 +232,7 @@ TEST_F(OggImport, RunsOnceAfterEachInitialize) {
 
 TEST_F(OggImport, AFailedInitializeLeavesTheFilterAsItWas) {
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
-  const auto other = RecordingWriter::Make();
+  const auto other = MakeObject<RecordingWriter>();
   EXPECT_EQ(filter_->Initialize(Bstr(L"no such file"), other.Get()), E_FAIL);
   EXPECT_EQ(ReferenceCount(other.Get()), 1U);
   EXPECT_EQ(SourceSampleCount(), 44100);
@@ -326,7 +326,7 @@ TEST_F(OggImport, ACancelBeforeStartStandsAndTheNextInitializeForgetsIt) {
   StartAndWait();
   EXPECT_EQ(writer_->blocks, 1U);
   EXPECT_THAT(writer_->calls, ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice"));
-  writer_ = RecordingWriter::Make();
+  writer_ = MakeObject<RecordingWriter>();
   Import(DataFile("stereo.ogg"));
   EXPECT_EQ(writer_->samples.size(), 88200U);
 }
@@ -431,7 +431,7 @@ TEST_F(OggImport, DeliversWhatIsLeftOfDamagedFilesAndStopsWhereAChainChangesItsF
   };
   for (const TemporaryOgg& file : files) {
     SCOPED_TRACE(&file - files);
-    writer_ = RecordingWriter::Make();
+    writer_ = MakeObject<RecordingWriter>();
     Import(file.path());
     const Decoded expected = DecodeWithLibrary(file.path());
     EXPECT_EQ(SourceSampleCount(), expected.total_frames);

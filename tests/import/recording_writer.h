@@ -8,15 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "core/com_ptr.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 
 // The notes belong to the thread that writes until the task has ended, but for the two counters.
-class RecordingWriter final : public IAudioWriter {
+class RecordingWriter final : public TestObject<IAudioWriter> {
  public:
-  static ComPtr<RecordingWriter> Make() { return new RecordingWriter; }
-
   // The methods in the order of the calls, "WriteAudio" once for a run of them.
   std::vector<std::string> calls;
   std::vector<DWORD> threads;
@@ -66,42 +64,12 @@ class RecordingWriter final : public IAudioWriter {
     return result;
   }
 
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-        !IsEqualIID(iid, IID_IAudioWriter)) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IAudioWriter*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
-  }
-
  private:
-  RecordingWriter() = default;
-  ~RecordingWriter() = default;
-
   void Note(const char* call) {
     if (calls.empty() || calls.back() != call) calls.emplace_back(call);
     const DWORD thread = GetCurrentThreadId();
     if (threads.empty() || threads.back() != thread) threads.push_back(thread);
   }
-
-  std::atomic<ULONG> references_ = 0;
 };
 
 }  // namespace marlinda::testing

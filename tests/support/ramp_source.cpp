@@ -12,23 +12,6 @@ float RampSource::Sample(char name, __int64 frame, int channel) {
   return static_cast<float>(((name - 'A' + 1) << 16) + (frame + 4096) * 8 + channel);
 }
 
-STDMETHODIMP RampSource::QueryInterface(REFIID iid, void** object) {
-  if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-      !IsEqualIID(iid, IID_IAudioReader)) {
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  *object = static_cast<IAudioReader*>(this);
-  AddRef();
-  return S_OK;
-}
-
-STDMETHODIMP_(ULONG) RampSource::Release() {
-  const long left = --references_;
-  if (left == 0) delete this;
-  return static_cast<ULONG>(left);
-}
-
 STDMETHODIMP RampSource::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) {
   const ULONG count = psaAudioData->rgsabound[0].cElements;
   Note("ReadAudio(" + std::to_string(nSamplePos) + ", " + std::to_string(count) + ")");
