@@ -2,27 +2,10 @@
 // instructions, so nothing else must call what is defined here but through the table.
 #include <immintrin.h>
 
-#include "core/sample_kernels.h"
+#include "core/sample_kernel_blocks.h"
 
 namespace marlinda {
 namespace {
-
-// `kConvertBlock` converts kBlock samples and touches what kReach samples take, or fewer.
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
-void Encode(const float* source, std::byte* out, std::size_t count) noexcept {
-  for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {
-    kConvertBlock(source, out);
-  }
-  kScalarSampleKernels.encode[kBytes - 1](source, out, count);
-}
-
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
-void Decode(const std::byte* in, float* destination, std::size_t count) noexcept {
-  for (; count >= kReach; count -= kBlock, destination += kBlock, in += kBlock * kBytes) {
-    kConvertBlock(in, destination);
-  }
-  kScalarSampleKernels.decode[kBytes - 1](in, destination, count);
-}
 
 void Store(__m256i value, std::byte* out) noexcept {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), value);
@@ -139,9 +122,9 @@ void DecodeBlock32(const std::byte* in, float* destination) noexcept {
 }  // namespace
 
 const SampleKernels kAvx2SampleKernels = {
-    {Encode<1, 32, 32, EncodeBlock8>, Encode<2, 16, 16, EncodeBlock16>,
-     Encode<3, 8, 11, EncodeBlock24>, Encode<4, 16, 16, EncodeBlock32>},
-    {Decode<1, 16, 16, DecodeBlock8>, Decode<2, 16, 16, DecodeBlock16>,
-     Decode<3, 8, 10, DecodeBlock24>, Decode<4, 16, 16, DecodeBlock32>}};
+    {EncodeBlocks<1, 32, 32, EncodeBlock8>, EncodeBlocks<2, 16, 16, EncodeBlock16>,
+     EncodeBlocks<3, 8, 11, EncodeBlock24>, EncodeBlocks<4, 16, 16, EncodeBlock32>},
+    {DecodeBlocks<1, 16, 16, DecodeBlock8>, DecodeBlocks<2, 16, 16, DecodeBlock16>,
+     DecodeBlocks<3, 8, 10, DecodeBlock24>, DecodeBlocks<4, 16, 16, DecodeBlock32>}};
 
 }  // namespace marlinda

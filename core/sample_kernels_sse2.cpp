@@ -2,27 +2,10 @@
 // form; everything else is exact in single precision.
 #include <emmintrin.h>
 
-#include "core/sample_kernels.h"
+#include "core/sample_kernel_blocks.h"
 
 namespace marlinda {
 namespace {
-
-// `Block` converts kBlock samples and touches what kReach samples take, or fewer.
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
-void Encode(const float* source, std::byte* out, std::size_t count) noexcept {
-  for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {
-    kConvertBlock(source, out);
-  }
-  kScalarSampleKernels.encode[kBytes - 1](source, out, count);
-}
-
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
-void Decode(const std::byte* in, float* destination, std::size_t count) noexcept {
-  for (; count >= kReach; count -= kBlock, destination += kBlock, in += kBlock * kBytes) {
-    kConvertBlock(in, destination);
-  }
-  kScalarSampleKernels.decode[kBytes - 1](in, destination, count);
-}
 
 __m128i Load(const std::byte* in) noexcept {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
@@ -128,9 +111,9 @@ void DecodeBlock32(const std::byte* in, float* destination) noexcept {
 }  // namespace
 
 const SampleKernels kSse2SampleKernels = {
-    {Encode<1, 16, 16, EncodeBlock8>, Encode<2, 8, 8, EncodeBlock16>,
-     Encode<3, 4, 6, EncodeBlock24>, Encode<4, 4, 4, EncodeBlock32>},
-    {Decode<1, 16, 16, DecodeBlock8>, Decode<2, 8, 8, DecodeBlock16>,
-     Decode<3, 4, 6, DecodeBlock24>, Decode<4, 4, 4, DecodeBlock32>}};
+    {EncodeBlocks<1, 16, 16, EncodeBlock8>, EncodeBlocks<2, 8, 8, EncodeBlock16>,
+     EncodeBlocks<3, 4, 6, EncodeBlock24>, EncodeBlocks<4, 4, 4, EncodeBlock32>},
+    {DecodeBlocks<1, 16, 16, DecodeBlock8>, DecodeBlocks<2, 8, 8, DecodeBlock16>,
+     DecodeBlocks<3, 4, 6, DecodeBlock24>, DecodeBlocks<4, 4, 4, DecodeBlock32>}};
 
 }  // namespace marlinda

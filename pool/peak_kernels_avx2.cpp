@@ -2,72 +2,26 @@
 // but through the dispatch.
 #include <immintrin.h>
 
-#include "pool/peak_kernels.h"
+#include "pool/peak_search.h"
 
 namespace marlinda {
 namespace {
 
-constexpr std::size_t kLanes = 8;
-
-// Minima and maxima lane by lane. A comparison with NaN takes its second operand, the value so far:
-// NaN never counts, nor does a sample that is merely equal. kPeriod vectors hold whole frames, so
-// that a lane of each always belongs to one channel; kUnroll of them are searched side by side,
-// because each step waits for the one before it.
-template <std::size_t kPeriod, std::size_t kUnroll>
-PeakLanes SearchGroup(const float* sample, std::size_t channels) noexcept {
-  constexpr std::size_t kVectors = kPeriod * kUnroll;
-  __m256 low[kVectors];
-  __m256 high[kVectors];
-  for (std::size_t i = 0; i < kVectors; ++i) {
-    low[i] = _mm256_set1_ps(kLargestSample);
-    high[i] = _mm256_set1_ps(-kLargestSample);
-  }
-  const float* const end = sample + kFramesPerPeak * channels;
-  for (; sample < end; sample += kVectors * kLanes) {
-    for (std::size_t i = 0; i < kVectors; ++i) {
-      const __m256 value = _mm256_loadu_ps(sample + i * kLanes);
-      low[i] = _mm256_min_ps(value, low[i]);
-      high[i] = _mm256_max_ps(value, high[i]);
-    }
-  }
-  PeakLanes lanes;
-  lanes.count = kPeriod * kLanes;
-  for (std::size_t i = 0; i < kPeriod; ++i) {
-    for (std::size_t other = i + kPeriod; other < kVectors; other += kPeriod) {
-      low[i] = _mm256_min_ps(low[other], low[i]);
-      high[i] = _mm256_max_ps(high[other], high[i]);
-    }
-    _mm256_storeu_ps(lanes.lowest + i * kLanes, low[i]);
-    _mm256_storeu_ps(lanes.highest + i * kLanes, high[i]);
-  }
-  return lanes;
-}
-
-using Search = PeakLanes (*)(const float* group, std::size_t channels);
-
-// The period is the channel count without the factors that it shares with the lane count.
-Search SearchFor(std::size_t channels) noexcept {
-  switch (channels) {
-    case 3:
-    case 6:
-      return SearchGroup<3, 1>;
-    case 5:
-      return SearchGroup<5, 1>;
-    case 7:
-      return SearchGroup<7, 1>;
-    default:
-      return SearchGroup<1, 4>;
-  }
-}
+struct Ops {
+  using Vector = __m256;
+  static constexpr std::size_t kLanes = 8;
+  static __m256 Fill(float value) noexcept { return _mm256_set1_ps(value); }
+  static __m256 Load(const float* from) noexcept { return _mm256_loadu_ps(from); }
+  static void Store(float* to, const __m256& value) noexcept { _mm256_storeu_ps(to, value); }
+  static __m256 Min(const __m256& a, const __m256& b) noexcept { return _mm256_min_ps(a, b); }
+  static __m256 Max(const __m256& a, const __m256& b) noexcept { return _mm256_max_ps(a, b); }
+};
 
 }  // namespace
 
 void Avx2Peaks(const float* samples, std::size_t groups, std::size_t channels,
                PeakRecord* peaks) noexcept {
-  const Search search = SearchFor(channels);
-  for (; groups > 0; --groups, samples += kFramesPerPeak * channels, peaks += channels) {
-    FoldPeakLanes(search(samples, channels), samples, channels, peaks);
-  }
+  SearchPeaks<Ops>(samples, groups, channels, peaks);
 }
 
 }  // namespace marlinda
