@@ -60,8 +60,8 @@ void FoldPeakLanes(const PeakLanes& lanes, const float* group, std::size_t chann
   for (std::size_t channel = 0; channel < channels; ++channel) {
     PeakRecord peak = {lanes.lowest[channel], lanes.highest[channel]};
     for (std::size_t lane = channel + channels; lane < lanes.count; lane += channels) {
-      if (lanes.lowest[lane] < peak.minimum) peak.minimum = lanes.lowest[lane];
-      if (lanes.highest[lane] > peak.maximum) peak.maximum = lanes.highest[lane];
+      peak.minimum = lanes.lowest[lane] < peak.minimum ? lanes.lowest[lane] : peak.minimum;
+      peak.maximum = lanes.highest[lane] > peak.maximum ? lanes.highest[lane] : peak.maximum;
     }
     // Silence is too frequent to be searched once more.
     if ((peak.minimum == 0.0F || peak.maximum == 0.0F) &&
