@@ -67,13 +67,3 @@ BENCHMARK(ExportThroughCom)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  marlinda::testing::ModuleUnderTest::Load();
-  benchmark::RunSpecifiedBenchmarks();
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return 0;
-}

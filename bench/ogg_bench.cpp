@@ -22,7 +22,7 @@ namespace {
 
 constexpr long kSamplesPerSec = 44100;
 constexpr int kChannels = 2;
-constexpr std::int64_t kFrames = 5 * 60 * kSamplesPerSec;
+constexpr std::int64_t kFrames = 60 * kSamplesPerSec;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
@@ -116,6 +116,16 @@ void LibraryDecode(benchmark::State& state) {
   Report(state);
 }
 
+void Import(BSTR path, IAudioWriter* writer) {
+  const auto filter = Create<IImportFilter>(CLSID_COggImport);
+  const auto task = As<ICoreTask>(filter);
+  Check(filter->Initialize(path, writer));
+  Check(task->Start());
+  for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(1)) {
+    Check(task->QueryIsTaskRunning(&running));
+  }
+}
+
 void ImportThroughCom(benchmark::State& state) {
   const Bstr path(MusicFile());
   const auto writer = RecordingWriter::Make();
@@ -124,30 +134,31 @@ void ImportThroughCom(benchmark::State& state) {
   writer->on_write = [&](SAFEARRAY* array) { samples += array->rgsabound[0].cElements; };
   for (auto _ : state) {
     samples = 0;
-    const auto filter = Create<IImportFilter>(CLSID_COggImport);
-    const auto task = As<ICoreTask>(filter);
-    Check(filter->Initialize(path, writer.Get()));
-    Check(task->Start());
-    for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(1)) {
-      Check(task->QueryIsTaskRunning(&running));
-    }
+    Import(path, writer.Get());
     if (samples != kFrames * kChannels) state.SkipWithError("samples are missing");
+  }
+  Report(state);
+}
+
+// The whole way of a file into a pool of the width it was decoded to.
+void ImportIntoPool(benchmark::State& state) {
+  const Bstr path(MusicFile());
+  for (auto _ : state) {
+    const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+    Check(pool->SetBitDepth(16, 0));
+    Import(path, As<IAudioWriter>(pool).Get());
+    ComPtr<IAudioReader> take;
+    __int64 frames = 0;
+    Check(pool->CreateLastReader(take.GetAddressOf()));
+    Check(take->GetSampleCount(&frames));
+    if (frames != kFrames) state.SkipWithError("samples are missing");
   }
   Report(state);
 }
 
 BENCHMARK(LibraryDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(ImportThroughCom)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(ImportIntoPool)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  marlinda::testing::ModuleUnderTest::Load();
-  benchmark::RunSpecifiedBenchmarks();
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return 0;
-}
