@@ -1,13 +1,14 @@
-// The sample kernels, beside a plain copy of the same floats: items per second are samples.
+// The sample kernels at each level of vector instructions: scalar 0, SSE2 1, AVX2 2.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <vector>
 
+#include "bench/bench_support.h"
+#include "core/cpu_level.h"
 #include "core/sample_converter.h"
 #include "pool/dither.h"
 #include "pool/peak_builder.h"
@@ -15,24 +16,30 @@
 namespace marlinda {
 namespace {
 
-// A block that stays in the cache, as an import or a playback has it, and one that does not.
-constexpr std::int64_t kInCache = 8192;
+using namespace bench;
+
+// A block that stays in the cache with what it becomes, and one that does not.
+constexpr std::int64_t kInCache = 16'384;
 constexpr std::int64_t kOutOfCache = std::int64_t{1} << 24;
+const std::vector<std::int64_t> kLevels = {0, 1, 2};
+const std::vector<std::int64_t> kWidths = {8, 16, 24, 32};
 
-std::vector<float> Noise(std::int64_t count) {
-  std::minstd_rand random(1);
-  std::uniform_real_distribution<float> level(-1.0F, 1.0F);
-  std::vector<float> samples(static_cast<std::size_t>(count));
-  for (float& sample : samples) sample = level(random);
-  return samples;
-}
-
-void CountSamples(benchmark::State& state, std::size_t samples) {
-  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(samples));
-}
+// Limits the level for one benchmark.
+class Level {
+ public:
+  Level(benchmark::State& state, std::int64_t level) {
+    LimitCpuLevel(static_cast<CpuLevel>(level));
+    if (CurrentCpuLevel() != static_cast<CpuLevel>(level)) {
+      state.SkipWithError("this processor has no such instructions");
+    }
+  }
+  Level(const Level&) = delete;
+  Level& operator=(const Level&) = delete;
+  ~Level() { LimitCpuLevel(HighestCpuLevel()); }
+};
 
 void CopyFloats(benchmark::State& state) {
-  const std::vector<float> source = Noise(state.range(0));
+  const std::vector<float> source = Noise(static_cast<std::size_t>(state.range(0)));
   std::vector<float> target(source.size());
   for (auto _ : state) {
     std::memcpy(target.data(), source.data(), source.size() * sizeof(float));
@@ -42,9 +49,20 @@ void CopyFloats(benchmark::State& state) {
 }
 BENCHMARK(CopyFloats)->ArgName("samples")->Arg(kInCache)->Arg(kOutOfCache);
 
+// As fast as memory can be read: the search for a byte that is not there.
+void ReadFloats(benchmark::State& state) {
+  const std::vector<float> source(static_cast<std::size_t>(state.range(0)), 0.5F);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(std::memchr(source.data(), 0x77, source.size() * sizeof(float)));
+  }
+  CountSamples(state, source.size());
+}
+BENCHMARK(ReadFloats)->ArgName("samples")->Arg(kInCache)->Arg(kOutOfCache);
+
 void FloatToPcm(benchmark::State& state) {
   const int bits = static_cast<int>(state.range(0));
-  const std::vector<float> source = Noise(state.range(1));
+  const Level level(state, state.range(2));
+  const std::vector<float> source = Noise(static_cast<std::size_t>(state.range(1)));
   std::vector<std::byte> target(source.size() * PcmBytesPerSample(bits));
   for (auto _ : state) {
     ConvertFloatToPcm(source, target, bits);
@@ -53,12 +71,15 @@ void FloatToPcm(benchmark::State& state) {
   CountSamples(state, source.size());
 }
 BENCHMARK(FloatToPcm)
-    ->ArgNames({"bits", "samples"})
-    ->ArgsProduct({{8, 16, 24, 32}, {kInCache, kOutOfCache}});
+    ->ArgNames({"bits", "samples", "level"})
+    ->ArgsProduct({kWidths, {kInCache}, kLevels})
+    ->ArgsProduct({{16}, {kBlockSamples}, kLevels})
+    ->ArgsProduct({kWidths, {kOutOfCache}, {2}});
 
 void PcmToFloat(benchmark::State& state) {
   const int bits = static_cast<int>(state.range(0));
-  std::vector<float> target = Noise(state.range(1));
+  const Level level(state, state.range(2));
+  std::vector<float> target = Noise(static_cast<std::size_t>(state.range(1)));
   std::vector<std::byte> source(target.size() * PcmBytesPerSample(bits));
   ConvertFloatToPcm(target, source, bits);
   for (auto _ : state) {
@@ -68,12 +89,14 @@ void PcmToFloat(benchmark::State& state) {
   CountSamples(state, target.size());
 }
 BENCHMARK(PcmToFloat)
-    ->ArgNames({"bits", "samples"})
-    ->ArgsProduct({{8, 16, 24, 32}, {kInCache, kOutOfCache}});
+    ->ArgNames({"bits", "samples", "level"})
+    ->ArgsProduct({kWidths, {kInCache}, kLevels})
+    ->ArgsProduct({kWidths, {kOutOfCache}, {2}});
 
 void Peaks(benchmark::State& state) {
   const int channels = static_cast<int>(state.range(0));
-  const std::vector<float> samples = Noise(state.range(1));
+  const Level level(state, state.range(2));
+  const std::vector<float> samples = Noise(static_cast<std::size_t>(state.range(1)));
   std::vector<PeakRecord> peaks;
   for (auto _ : state) {
     BuildPeaks(samples, channels, peaks);
@@ -82,20 +105,22 @@ void Peaks(benchmark::State& state) {
   CountSamples(state, samples.size());
 }
 BENCHMARK(Peaks)
-    ->ArgNames({"channels", "samples"})
-    ->ArgsProduct({{1, 2, 6}, {kInCache, kOutOfCache}});
+    ->ArgNames({"channels", "samples", "level"})
+    ->ArgsProduct({{1, 2, 6}, {kInCache}, kLevels})
+    ->ArgsProduct({{1, 2, 6}, {kOutOfCache}, {2}});
 
 // Mode 1 is noise shaping alone, 2 with triangular noise. In near silence the filter decays towards
 // the denormals, which must not make it slower.
 void Dither(benchmark::State& state) {
-  std::vector<float> source = Noise(kInCache);
+  const Level level(state, state.range(2));
+  std::vector<float> source = Noise(8192);
   if (state.range(1) != 0) {
     std::ranges::fill(source, 0.0F);
     source[0] = 1e-5F;
   }
   std::vector<float> samples = source;
   DitherState dither;
-  dither.SetUp(static_cast<int>(state.range(0)), 2, 16);
+  dither.SetUp(static_cast<int>(state.range(0)), kStereo, 16);
   for (auto _ : state) {
     samples = source;
     dither.Process(samples, std::rand);
@@ -103,7 +128,10 @@ void Dither(benchmark::State& state) {
   }
   CountSamples(state, samples.size());
 }
-BENCHMARK(Dither)->ArgNames({"mode", "silence"})->ArgsProduct({{1, 2}, {0, 1}});
+BENCHMARK(Dither)
+    ->ArgNames({"mode", "silence", "level"})
+    ->ArgsProduct({{1}, {0, 1}, kLevels})
+    ->ArgsProduct({{2}, {0}, {0, 2}});
 
 }  // namespace
 }  // namespace marlinda

@@ -22,7 +22,7 @@ namespace {
 
 constexpr long kSamplesPerSec = 44100;
 constexpr int kChannels = 2;
-constexpr std::int64_t kFrames = 5 * 60 * kSamplesPerSec;
+constexpr std::int64_t kFrames = 60 * kSamplesPerSec;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
@@ -84,10 +84,11 @@ void EncodeMusic(const std::string& path) {
   vorbis_info_clear(&info);
 }
 
-// The file that all benchmarks read, encoded once.
+// The file that all benchmarks read: what the environment names, otherwise encoded once.
 const std::wstring& MusicFile() {
   static const TemporaryFolder folder;
   static const std::wstring path = [] {
+    if (const wchar_t* const named = _wgetenv(L"TESSALY_BENCH_OGG")) return std::wstring(named);
     std::wstring name = folder.File(L"music.ogg");
     EncodeMusic(std::filesystem::path(name).string());
     return name;
@@ -95,10 +96,24 @@ const std::wstring& MusicFile() {
   return path;
 }
 
+// Its length, as the library reads it.
+std::int64_t MusicFrames() {
+  static const std::int64_t frames = [] {
+    OggVorbis_File file;
+    if (ov_fopen(std::filesystem::path(MusicFile()).string().c_str(), &file) != 0)
+      return ogg_int64_t{0};
+    const ogg_int64_t total = ov_pcm_total(&file, -1);
+    ov_clear(&file);
+    return total;
+  }();
+  return frames;
+}
+
 void Report(benchmark::State& state) {
-  state.SetItemsProcessed(state.iterations() * kFrames * kChannels);
-  state.counters["times_real_time"] = benchmark::Counter(
-      static_cast<double>(kFrames) / kSamplesPerSec, benchmark::Counter::kIsIterationInvariantRate);
+  state.SetItemsProcessed(state.iterations() * MusicFrames() * kChannels);
+  state.counters["times_real_time"] =
+      benchmark::Counter(static_cast<double>(MusicFrames()) / kSamplesPerSec,
+                         benchmark::Counter::kIsIterationInvariantRate);
 }
 
 void LibraryDecode(benchmark::State& state) {
@@ -111,9 +126,19 @@ void LibraryDecode(benchmark::State& state) {
     int link = 0;
     while (const long count = ov_read(&file, buffer.data(), 32768, 0, 2, 1, &link)) bytes += count;
     ov_clear(&file);
-    if (bytes != kFrames * kChannels * 2) state.SkipWithError("the file is short");
+    if (bytes != MusicFrames() * kChannels * 2) state.SkipWithError("the file is short");
   }
   Report(state);
+}
+
+void Import(BSTR path, IAudioWriter* writer) {
+  const auto filter = Create<IImportFilter>(CLSID_COggImport);
+  const auto task = As<ICoreTask>(filter);
+  Check(filter->Initialize(path, writer));
+  Check(task->Start());
+  for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(1)) {
+    Check(task->QueryIsTaskRunning(&running));
+  }
 }
 
 void ImportThroughCom(benchmark::State& state) {
@@ -124,30 +149,31 @@ void ImportThroughCom(benchmark::State& state) {
   writer->on_write = [&](SAFEARRAY* array) { samples += array->rgsabound[0].cElements; };
   for (auto _ : state) {
     samples = 0;
-    const auto filter = Create<IImportFilter>(CLSID_COggImport);
-    const auto task = As<ICoreTask>(filter);
-    Check(filter->Initialize(path, writer.Get()));
-    Check(task->Start());
-    for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(1)) {
-      Check(task->QueryIsTaskRunning(&running));
-    }
-    if (samples != kFrames * kChannels) state.SkipWithError("samples are missing");
+    Import(path, writer.Get());
+    if (samples != MusicFrames() * kChannels) state.SkipWithError("samples are missing");
+  }
+  Report(state);
+}
+
+// The whole way of a file into a pool of the width it was decoded to.
+void ImportIntoPool(benchmark::State& state) {
+  const Bstr path(MusicFile());
+  for (auto _ : state) {
+    const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+    Check(pool->SetBitDepth(16, 0));
+    Import(path, As<IAudioWriter>(pool).Get());
+    ComPtr<IAudioReader> take;
+    __int64 frames = 0;
+    Check(pool->CreateLastReader(take.GetAddressOf()));
+    Check(take->GetSampleCount(&frames));
+    if (frames != MusicFrames()) state.SkipWithError("samples are missing");
   }
   Report(state);
 }
 
 BENCHMARK(LibraryDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(ImportThroughCom)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(ImportIntoPool)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  marlinda::testing::ModuleUnderTest::Load();
-  benchmark::RunSpecifiedBenchmarks();
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return 0;
-}

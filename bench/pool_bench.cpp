@@ -4,20 +4,21 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
-#include <exception>
 #include <random>
 #include <span>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "core/handle.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
 namespace {
 
-constexpr __int64 kFileFrames = 1 << 22;  // stereo
-constexpr int kChannels = 2;
+using bench::CountBytes;
+
+constexpr int kChannels = bench::kStereo;
+constexpr __int64 kMinuteFrames = 60 * 44100;
 
 struct StereoPool {
   explicit StereoPool(SHORT bits)
@@ -28,12 +29,6 @@ struct StereoPool {
   ComPtr<IAudioPool> pool;
   ComPtr<IAudioWriter> writer;
 };
-
-void FillWithNoise(std::span<float> samples) {
-  std::minstd_rand random(1);
-  std::uniform_real_distribution<float> level(-1.0F, 1.0F);
-  for (float& sample : samples) sample = level(random);
-}
 
 // A file like the pool's own.
 FileHandle BareFile(const TemporaryFolder& folder) {
@@ -50,83 +45,90 @@ void SeekTo(HANDLE file, __int64 offset) {
   SetFilePointerEx(file, place, nullptr, FILE_BEGIN);
 }
 
-// Blocks of 16384 frames, as an import writes them. The file starts over before it grows large.
-constexpr std::size_t kBlock = 16384 * kChannels;
+// Both files start over before they grow large.
+constexpr __int64 kBlocksPerFile = 64;
 
 void WriteToPool(benchmark::State& state) {
   const auto bits = static_cast<SHORT>(state.range(0));
-  Floats block(kBlock);
-  FillWithNoise(block.values());
+  const Floats block(bench::kBlockSamples);
+  bench::FillWithNoise(block.values());
   StereoPool pool(bits);
   Check(pool.writer->OpenDevice());
-  __int64 frames = 0;
+  __int64 blocks = 0;
   for (auto _ : state) {
-    if ((frames += kBlock / kChannels) > kFileFrames) {
+    if (++blocks > kBlocksPerFile) {
       state.PauseTiming();
       pool = StereoPool(bits);
       Check(pool.writer->OpenDevice());
-      frames = 0;
+      blocks = 0;
       state.ResumeTiming();
     }
     Check(pool.writer->WriteAudio(block));
   }
-  state.SetBytesProcessed(state.iterations() * static_cast<__int64>(kBlock) * bits / 8);
+  CountBytes(state, bench::kBlockSamples * static_cast<std::size_t>(bits) / 8);
 }
 BENCHMARK(WriteToPool)->ArgName("bits")->Arg(8)->Arg(16)->Arg(24)->Arg(32)->UseRealTime();
 
 void WriteToBareFile(benchmark::State& state) {
-  const __int64 size = static_cast<__int64>(kBlock) * state.range(0) / 8;
-  const std::vector<std::byte> block(static_cast<std::size_t>(size), std::byte{1});
+  const std::size_t size = bench::kBlockSamples * static_cast<std::size_t>(state.range(0)) / 8;
+  const std::vector<std::byte> block(size, std::byte{1});
   const TemporaryFolder folder;
-  const FileHandle file = BareFile(folder);
-  __int64 offset = 0;
+  FileHandle file = BareFile(folder);
+  __int64 blocks = 0;
   for (auto _ : state) {
-    if (offset > kFileFrames * kChannels * state.range(0) / 8) {
+    if (++blocks > kBlocksPerFile) {
       state.PauseTiming();
-      offset = 0;
-      SeekTo(file.get(), 0);
-      SetEndOfFile(file.get());
+      file.Reset();
+      file = BareFile(folder);
+      blocks = 0;
       state.ResumeTiming();
     }
     DWORD written = 0;
     WriteFile(file.get(), block.data(), static_cast<DWORD>(size), &written, nullptr);
-    offset += size;
   }
-  state.SetBytesProcessed(state.iterations() * size);
+  CountBytes(state, size);
 }
 BENCHMARK(WriteToBareFile)->ArgName("bits")->Arg(8)->Arg(16)->Arg(24)->Arg(32)->UseRealTime();
 
-// Random places are drawn beforehand, the same for all.
-std::vector<__int64> Places(__int64 frames_read) {
+// Random places are drawn beforehand, the same for all, and visited once before it counts.
+std::vector<__int64> Places(__int64 file_frames, __int64 frames_read) {
   std::minstd_rand random(2);
-  std::uniform_int_distribution<__int64> frame(0, kFileFrames - frames_read);
-  std::vector<__int64> places(4096);
+  std::uniform_int_distribution<__int64> frame(0, file_frames - frames_read);
+  std::vector<__int64> places(512);
   std::ranges::generate(places, [&] { return frame(random); });
   return places;
+}
+
+// Zeros as far as the file goes. Only what is read takes room on the disk.
+void Extend(HANDLE file, __int64 size) {
+  SeekTo(file, size);
+  if (!SetEndOfFile(file)) throw HResultError(LastErrorResult());
 }
 
 void ReadFromPool(benchmark::State& state) {
   const auto bits = static_cast<SHORT>(state.range(0));
   const __int64 frames = state.range(1);
-  StereoPool pool(bits);
-  {
-    Floats content(kFileFrames * kChannels);
-    FillWithNoise(content.values());
-    Check(pool.writer->OpenDevice());
-    Check(pool.writer->WriteAudio(content));
-    Check(pool.writer->CloseDevice());
-  }
-  ComPtr<IAudioReader> reader;
-  Check(pool.pool->CreateLastReader(reader.GetAddressOf()));
-  const std::vector<__int64> places = Places(frames);
-  Floats block(static_cast<std::size_t>(frames * kChannels));
+  const __int64 file_frames = state.range(2) * kMinuteFrames;
+  const __int64 file_bytes = file_frames * kChannels * bits / 8;
+  const StereoPool pool(bits);
+  __int64 audio_file = 0;
+  __int64 peak_file = 0;
+  Check(pool.pool->GetFileHandles(&audio_file, &peak_file));
+  Extend(reinterpret_cast<HANDLE>(static_cast<INT_PTR>(audio_file)), file_bytes);
+  const auto pool_reader = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
+  Check(pool_reader->Create(pool.pool.Get(), 0, 0, file_bytes, bits));
+  const auto reader = As<IAudioReader>(pool_reader);
+  const std::vector<__int64> places = Places(file_frames, frames);
+  const Floats block(static_cast<std::size_t>(frames * kChannels));
+  for (const __int64 place : places) Check(reader->ReadAudio(place, block));
   std::size_t next = 0;
   for (auto _ : state) Check(reader->ReadAudio(places[next++ % places.size()], block));
-  state.SetBytesProcessed(state.iterations() * frames * kChannels * bits / 8);
+  CountBytes(state, static_cast<std::size_t>(frames * kChannels * bits / 8));
 }
 BENCHMARK(ReadFromPool)
-    ->ArgNames({"bits", "frames"})
-    ->ArgsProduct({{8, 16, 24, 32}, {512, 4096, 65536}})
+    ->ArgNames({"bits", "frames", "minutes"})
+    ->ArgsProduct({{16, 32}, {64, 4096, 65536}, {1}})
+    ->ArgsProduct({{32}, {64, 4096}, {600}})
     ->UseRealTime();
 
 void ReadFromBareFile(benchmark::State& state) {
@@ -134,44 +136,23 @@ void ReadFromBareFile(benchmark::State& state) {
   const __int64 frames = state.range(1);
   const TemporaryFolder folder;
   const FileHandle file = BareFile(folder);
-  {
-    const std::vector<std::byte> content(static_cast<std::size_t>(kFileFrames * frame_bytes),
-                                         std::byte{1});
-    DWORD written = 0;
-    WriteFile(file.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr);
-  }
-  const std::vector<__int64> places = Places(frames);
+  Extend(file.get(), kMinuteFrames * frame_bytes);
+  const std::vector<__int64> places = Places(kMinuteFrames, frames);
   std::vector<std::byte> block(static_cast<std::size_t>(frames * frame_bytes));
-  std::size_t next = 0;
-  for (auto _ : state) {
-    SeekTo(file.get(), places[next++ % places.size()] * frame_bytes);
+  const auto read_at = [&](__int64 place) {
+    SeekTo(file.get(), place * frame_bytes);
     DWORD read = 0;
     ReadFile(file.get(), block.data(), static_cast<DWORD>(block.size()), &read, nullptr);
-  }
-  state.SetBytesProcessed(state.iterations() * frames * frame_bytes);
+  };
+  for (const __int64 place : places) read_at(place);
+  std::size_t next = 0;
+  for (auto _ : state) read_at(places[next++ % places.size()]);
+  CountBytes(state, block.size());
 }
 BENCHMARK(ReadFromBareFile)
     ->ArgNames({"bits", "frames"})
-    ->ArgsProduct({{8, 16, 24, 32}, {512, 4096, 65536}})
+    ->ArgsProduct({{16, 32}, {64, 4096, 65536}})
     ->UseRealTime();
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  int result = 1;
-  try {
-    marlinda::testing::ModuleUnderTest::Load();
-    benchmark::RunSpecifiedBenchmarks();
-    result = 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-  } catch (const marlinda::HResultError& error) {
-    std::fprintf(stderr, "failed with 0x%08lX\n", static_cast<unsigned long>(error.code()));
-  }
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return result;
-}

@@ -26,6 +26,21 @@ function(tessaly_kernels folder)
   target_link_libraries(${folder}_kernels PUBLIC tessaly_options)
 endfunction()
 
+# tessaly_avx2_sources(<sources...>): kernels of this folder that are compiled for AVX2 and FMA. They run
+# only where the processor has both, so they must not define anything inline that other files use.
+function(tessaly_avx2_sources)
+  if(MSVC)
+    set(options /arch:AVX2)
+  else()
+    set(options -mavx2 -mfma)
+    if(MINGW)
+      # This compiler believes the stack aligned for wide registers, which on Windows it is not.
+      list(APPEND options -Wa,-muse-unaligned-vector-move)
+    endif()
+  endif()
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "${options}")
+endfunction()
+
 # tessaly_components(<folder> <sources...>): the COM classes of one folder, linked into the module.
 function(tessaly_components folder)
   add_library(${folder}_components OBJECT ${ARGN})

@@ -286,7 +286,7 @@ HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT
   if (names == nullptr || ids == nullptr) return E_POINTER;
   if (count == 0) return E_INVALIDARG;
   std::fill_n(ids, count, DISPID_UNKNOWN);
-  if (std::any_of(names, names + count, [](LPOLESTR name) { return name == nullptr; })) {
+  if (std::any_of(names, names + count, [](LPCOLESTR name) { return name == nullptr; })) {
     return E_POINTER;
   }
   ComPtr<ITypeInfo> info;

@@ -2,8 +2,8 @@
 
 #include <marlinda.h>
 
+#include <algorithm>
 #include <cwchar>
-#include <ranges>
 #include <string>
 #include <string_view>
 
@@ -73,7 +73,7 @@ std::wstring ToText(REFGUID guid) {
 
 std::wstring ToHex(ULONG number) {
   wchar_t text[9];
-  std::swprintf(text, ARRAYSIZE(text), L"%lx", number);
+  (void)std::swprintf(text, ARRAYSIZE(text), L"%lx", number);
   return text;
 }
 
@@ -199,9 +199,10 @@ HRESULT UnregisterModule() noexcept {
     const RegistrationScope scope = ChosenScope();
     RegistryTransaction registry;
     TypeLibraryRegistration(scope).Unregister(registry);
-    for (const ClassEntry& entry : ClassTable() | std::views::reverse) {
+    const auto classes = ClassTable();
+    std::for_each(classes.rbegin(), classes.rend(), [&](const ClassEntry& entry) {
       RunUnregistration(ClassScript(entry), scope, registry);
-    }
+    });
     RunUnregistration(ModuleScript(), scope, registry);
     registry.Commit();
     return S_OK;

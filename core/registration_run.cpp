@@ -1,6 +1,6 @@
 #include "core/registration_run.h"
 
-#include <ranges>
+#include <algorithm>
 
 namespace marlinda {
 namespace {
@@ -23,7 +23,7 @@ void WriteValue(const RegistryPlace& key, const RegistryScriptValue& value,
     registry.SetValue(key, value.name, REG_DWORD,
                       {reinterpret_cast<const BYTE*>(number), sizeof *number});
   } else {
-    const std::wstring& text = std::get<std::wstring>(value.data);
+    const auto& text = std::get<std::wstring>(value.data);
     registry.SetValue(
         key, value.name, REG_SZ,
         {reinterpret_cast<const BYTE*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)});
@@ -53,14 +53,13 @@ void Unregister(const RegistryPlace& place, const RegistryScriptKey& key,
     case RegistryMark::kNoRemove:
       break;
   }
-  for (const auto& child : key.keys | std::views::reverse) {
-    Unregister(place / child.name, child, registry);
-  }
+  std::for_each(key.keys.rbegin(), key.keys.rend(),
+                [&](const auto& child) { Unregister(place / child.name, child, registry); });
   const bool stays = key.mark == RegistryMark::kNoRemove;
-  for (const auto& value : key.values | std::views::reverse) {
+  std::for_each(key.values.rbegin(), key.values.rend(), [&](const auto& value) {
     const bool value_stays = value.no_remove || (stays && value.name.empty());
     if (!value_stays) registry.RemoveValue(place, value.name);
-  }
+  });
   if (!stays) registry.RemoveKeyIfEmpty(place);
 }
 
@@ -81,12 +80,11 @@ void RunRegistration(const RegistryScript& script, RegistrationScope scope,
 
 void RunUnregistration(const RegistryScript& script, RegistrationScope scope,
                        RegistryTransaction& registry) {
-  for (const auto& root : script | std::views::reverse) {
+  std::for_each(script.rbegin(), script.rend(), [&](const auto& root) {
     const RegistryPlace place = Root(root.hive, scope);
-    for (const auto& key : root.keys | std::views::reverse) {
-      Unregister(place / key.name, key, registry);
-    }
-  }
+    std::for_each(root.keys.rbegin(), root.keys.rend(),
+                  [&](const auto& key) { Unregister(place / key.name, key, registry); });
+  });
 }
 
 }  // namespace marlinda

@@ -4,20 +4,25 @@
 #include <cassert>
 #include <cmath>
 #include <cstddef>
-#include <limits>
+
+#include "core/cpu_level.h"
 
 namespace marlinda {
 namespace {
 
-// An error below this is far too small to reach any code. Dropping it keeps the filter, which would
-// ring on for ever in a silent take, out of the denormals, which are slow.
-constexpr float kSmallestError = 0x1p-100F;
+// The vector forms reach up to here.
+constexpr int kMostVectorBits = 24;
 
-float ErrorToKeep(float error) noexcept {
-  const float magnitude = std::fabs(error);
-  // Both comparisons are false for NaN.
-  const bool keep = magnitude >= kSmallestError && magnitude <= std::numeric_limits<float>::max();
-  return keep ? error : 0.0F;
+ShapingKernel KernelFor(int bits) noexcept {
+  if (bits > kMostVectorBits) return ScalarShape;
+  switch (CurrentCpuLevel()) {
+    case CpuLevel::kAvx2:
+      return Avx2Shape;
+    case CpuLevel::kSse2:
+      return Sse2Shape;
+    default:
+      return ScalarShape;
+  }
 }
 
 }  // namespace
@@ -26,36 +31,29 @@ void DitherState::SetUp(int mode, int channels, int bits) noexcept {
   mode_ = mode;
   channels_ = channels;
   // No code is narrower than 2 bits or wider than 32, whatever a client sets.
-  const double half_range = std::ldexp(1.0, std::clamp(bits, 2, 32) - 1);
-  scale_ = half_range - 1.0;
-  offset_ = -half_range;
-  step_ = 1.0 / scale_;
-  lowest_ = offset_ / scale_;
-  states_.fill({});
+  bits_ = std::clamp(bits, 2, 32);
+  const double half_range = std::ldexp(1.0, bits_ - 1);
+  const double scale = half_range - 1.0;
+  steps_ = {scale, -half_range, -half_range / scale, 1.0 / scale};
+  errors_ = {};
 }
 
-float DitherState::Dithered(float sample, Channel& channel, const Random& random) {
-  if (mode_ == kTriangularNoise) {
+void DitherState::AddTriangularNoise(std::span<float> samples, const Random& random) const {
+  for (float& sample : samples) {
     const int first = random();
     const int second = random();
-    sample = static_cast<float>(sample + ((first + second) / 65534.0 - 0.5) * step_);
+    sample = static_cast<float>(sample + ((first + second) / 65534.0 - 0.5) * steps_.reciprocal);
   }
-  sample += channel.shaper(channel.error);
-  const double code = std::trunc(sample * scale_ - offset_ + 0.5);
-  const auto quantised = static_cast<float>(code / scale_ + lowest_);
-  channel.error = ErrorToKeep(sample - quantised);
-  return quantised;
 }
 
 void DitherState::Process(std::span<float> samples, const Random& random) {
   if (mode_ == kOff) return;
   assert(CanDither());
   const auto channels = static_cast<std::size_t>(channels_);
-  for (; samples.size() >= channels; samples = samples.subspan(channels)) {
-    for (std::size_t channel = 0; channel < channels; ++channel) {
-      samples[channel] = Dithered(samples[channel], states_[channel], random);
-    }
-  }
+  const std::size_t frames = samples.size() / channels;
+  // The noise does not depend on the errors, so all of it can come first.
+  if (mode_ == kTriangularNoise) AddTriangularNoise(samples.first(frames * channels), random);
+  KernelFor(bits_)(steps_, errors_.data(), samples.data(), frames, channels);
 }
 
 }  // namespace marlinda

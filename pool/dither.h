@@ -5,38 +5,16 @@
 #include <functional>
 #include <span>
 
+#include "pool/dither_kernels.h"
+
 namespace marlinda {
-
-// A three-tap filter over the quantisation errors of one channel; it moves their noise to where the
-// ear is less sensitive. State and coefficients are floats.
-class NoiseShaper {
- public:
-  void Reset() noexcept { e1_ = e2_ = 0.0F; }
-
-  float operator()(float error) noexcept {
-    const double shaped = static_cast<double>(kTap0) * error + static_cast<double>(kTap1) * e1_ +
-                          static_cast<double>(kTap2) * e2_;
-    e2_ = e1_;
-    e1_ = error;
-    return static_cast<float>(shaped);
-  }
-
- private:
-  static constexpr float kTap0 = 1.623F;
-  static constexpr float kTap1 = -0.982F;
-  static constexpr float kTap2 = 0.109F;
-
-  float e1_ = 0.0F;
-  float e2_ = 0.0F;
-};
 
 // Dithers interleaved blocks, one after the other; the errors carry over from block to block.
 //
-// Everything that is kept (samples, errors, filter state) is a float; expressions in between are
-// evaluated in double, because in float a 24-bit code could no longer be told from its neighbour.
+// The errors go through a filter that moves their noise to where the ear is less sensitive.
 class DitherState {
  public:
-  static constexpr int kMaxChannels = 8;
+  static constexpr int kMaxChannels = kMostShapedChannels;
 
   // Modes; any other value but 0 works as noise shaping alone.
   static constexpr int kOff = 0;
@@ -60,20 +38,13 @@ class DitherState {
   void Process(std::span<float> samples, const Random& random);
 
  private:
-  struct Channel {
-    NoiseShaper shaper;
-    float error = 0.0F;
-  };
-
-  float Dithered(float sample, Channel& channel, const Random& random);
+  void AddTriangularNoise(std::span<float> samples, const Random& random) const;
 
   int channels_ = 0;
   int mode_ = kOff;
-  double scale_ = 1.0;    // highest code
-  double offset_ = -1.0;  // lowest code
-  double step_ = 1.0;     // one code as a sample
-  double lowest_ = -1.0;  // the lowest code as a sample
-  std::array<Channel, kMaxChannels> states_;
+  int bits_ = 0;
+  ShapingSteps steps_ = {};
+  std::array<ShapingErrors, kMaxChannels> errors_ = {};
 };
 
 }  // namespace marlinda

@@ -4,16 +4,9 @@
 #include <span>
 #include <vector>
 
+#include "pool/peak_record.h"
+
 namespace marlinda {
-
-inline constexpr int kFramesPerPeak = 256;
-
-// As stored in the peak file.
-struct PeakRecord {
-  float minimum;
-  float maximum;
-  friend bool operator==(const PeakRecord&, const PeakRecord&) = default;
-};
 
 // Replaces `peaks` by the peaks of a block of interleaved samples: for F whole frames F / 256 + 1
 // groups, each with one record per channel. The last group holds the frames that are left; where

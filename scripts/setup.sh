@@ -25,7 +25,7 @@ test=(
   pulseaudio pulseaudio-utils
 )
 lint=("${build[@]}" g++ clang-format clang-tidy)
-bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev sox)
+bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)
 fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
 
 groups=("$@")

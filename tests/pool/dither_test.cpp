@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <random>
 #include <vector>
+
+#include "core/cpu_level.h"
 
 namespace marlinda {
 namespace {
@@ -186,6 +190,63 @@ TEST(Dither, IsSetUpForAnyBitsWithoutGoingAstray) {
     dither.Process(samples, NoNumber);
     for (const float sample : samples) EXPECT_TRUE(std::isfinite(sample)) << bits;
   }
+}
+
+// Noise, a ramp through all codes, overs, a decay into silence, and now and then what is no number:
+// after all of that the errors, which feed back, are still the same.
+std::vector<float> HardSamples(std::size_t count) {
+  std::minstd_rand random(7);
+  std::uniform_real_distribution<float> level(-1.1F, 1.1F);
+  std::vector<float> samples(count);
+  const float odd[] = {std::numeric_limits<float>::quiet_NaN(),
+                       std::numeric_limits<float>::infinity(),
+                       -3.999F,
+                       4.0F,
+                       1e30F,
+                       -0.0F,
+                       std::numeric_limits<float>::denorm_min(),
+                       0x1p-110F};
+  for (std::size_t i = 0; i < count; ++i) {
+    const float x = static_cast<float>(i % 4096) / 2048.0F - 1.0F;
+    switch (i / 4096 % 4) {
+      case 0:
+        samples[i] = level(random);
+        break;
+      case 1:
+        samples[i] = x;
+        break;
+      case 2:
+        samples[i] = level(random) * std::exp2(-40.0F * (x + 1.0F));
+        break;
+      default:
+        samples[i] = random() % 97 == 0 ? odd[random() % std::size(odd)] : 2.0F * level(random);
+    }
+  }
+  return samples;
+}
+
+TEST(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
+  const std::vector<float> source = HardSamples(65536);
+  for (const int bits : {2, 8, 13, 16, 20, 22, 24, 25, 32}) {
+    for (int channels = 1; channels <= 8; ++channels) {
+      std::vector<std::uint32_t> expected;
+      for (const CpuLevel level : {CpuLevel::kScalar, CpuLevel::kSse2, CpuLevel::kAvx2}) {
+        LimitCpuLevel(level);
+        DitherState dither;
+        dither.SetUp(kNoiseShaping, channels, bits);
+        std::vector<float> samples = source;
+        // In two blocks, the second one at an odd place.
+        const auto split = static_cast<std::size_t>(channels * 333);
+        dither.Process(std::span(samples).first(split), NoNumber);
+        dither.Process(std::span(samples).subspan(split), NoNumber);
+        std::vector<std::uint32_t> patterns;
+        for (const float sample : samples) patterns.push_back(std::bit_cast<std::uint32_t>(sample));
+        if (level == CpuLevel::kScalar) expected = patterns;
+        ASSERT_EQ(patterns, expected) << bits << " bits, " << channels << " channels";
+      }
+    }
+  }
+  LimitCpuLevel(HighestCpuLevel());
 }
 
 }  // namespace

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <random>
+
+#include "core/cpu_level.h"
 
 namespace marlinda {
 namespace {
@@ -80,6 +84,49 @@ TEST(BuildPeaks, AgreesWithASearchFrameByFrame) {
       }
     }
   }
+}
+
+std::vector<std::uint32_t> Bits(const Peaks& peaks) {
+  std::vector<std::uint32_t> bits;
+  for (const PeakRecord& peak : peaks) {
+    bits.push_back(std::bit_cast<std::uint32_t>(peak.minimum));
+    bits.push_back(std::bit_cast<std::uint32_t>(peak.maximum));
+  }
+  return bits;
+}
+
+// Blocks of few different values, so that zeros of both signs, NaN and infinities meet often;
+// blocks of one sign, whose peak is a zero; silence; and noise.
+TEST(BuildPeaks, GivesTheSameBitsWithEveryLevelOfInstructions) {
+  const std::vector<std::vector<float>> palettes = {
+      {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F},
+      {0.0F, -0.0F, 0.25F, kNan},
+      {0.0F, -0.0F, -0.25F},
+      {0.0F, -0.0F},
+      {0.0F},
+      {kNan},
+      {-0.7F, 0.3F, 0.1F, -0.2F, 0.9F, std::numeric_limits<float>::denorm_min()}};
+  std::minstd_rand random(3);
+  for (const auto& palette : palettes) {
+    for (int channels = 1; channels <= 9; ++channels) {
+      for (const std::size_t frames : {1U, 255U, 256U, 1023U, 1024U}) {
+        // The block ends where its memory does, and begins at an odd place.
+        std::vector<float> memory(1 + frames * static_cast<std::size_t>(channels));
+        for (float& sample : memory) sample = palette[random() % palette.size()];
+        const auto samples = std::span(memory).subspan(1);
+        Peaks expected;
+        LimitCpuLevel(CpuLevel::kScalar);
+        BuildPeaks(samples, channels, expected);
+        for (const CpuLevel level : {CpuLevel::kSse2, CpuLevel::kAvx2}) {
+          LimitCpuLevel(level);
+          Peaks peaks;
+          BuildPeaks(samples, channels, peaks);
+          ASSERT_EQ(Bits(peaks), Bits(expected)) << channels << " channels, " << frames;
+        }
+      }
+    }
+  }
+  LimitCpuLevel(HighestCpuLevel());
 }
 
 }  // namespace

@@ -1,0 +1,27 @@
+// The loops of the vector forms of the converters. `kConvertBlock` is a function of the file that
+// includes this, in an unnamed namespace, which makes the loop that file's own, too.
+#pragma once
+
+#include "core/sample_kernels.h"
+
+namespace marlinda {
+
+// `kConvertBlock` converts kBlock samples and touches no more memory than kReach samples take. The
+// scalar form does what is left.
+template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
+void EncodeBlocks(const float* source, std::byte* out, std::size_t count) noexcept {
+  for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {
+    kConvertBlock(source, out);
+  }
+  kScalarSampleKernels.encode[kBytes - 1](source, out, count);
+}
+
+template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
+void DecodeBlocks(const std::byte* in, float* destination, std::size_t count) noexcept {
+  for (; count >= kReach; count -= kBlock, destination += kBlock, in += kBlock * kBytes) {
+    kConvertBlock(in, destination);
+  }
+  kScalarSampleKernels.decode[kBytes - 1](in, destination, count);
+}
+
+}  // namespace marlinda

@@ -1,0 +1,48 @@
+// Noise shaping of a block for each level of vector instructions. Only dither and the tests call
+// it. This header is read by a file that is compiled for AVX2: nothing inline that another file
+// could end up with belongs here.
+#pragma once
+
+#include <cstddef>
+
+namespace marlinda {
+
+inline constexpr std::size_t kMostShapedChannels = 8;
+
+// The steps of a width, as numbers.
+struct ShapingSteps {
+  double scale;       // highest code
+  double offset;      // lowest code
+  double lowest;      // the lowest code as a sample
+  double reciprocal;  // one code as a sample
+};
+
+// The last quantisation errors of a channel, the newest first.
+struct ShapingErrors {
+  float newest;
+  float second;
+  float third;
+};
+
+// A three-tap filter over the errors moves their noise to where the ear is less sensitive.
+inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
+
+// An error below this is far too small to reach any code. Dropping it keeps the filter, which would
+// ring on for ever in a silent take, out of the denormals, which are slow.
+inline constexpr float kSmallestShapedError = 0x1p-100F;
+
+// Replaces the samples by steps, frame after frame; `errors` has one entry per channel and carries
+// over to the next block.
+using ShapingKernel = void (*)(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
+                               std::size_t frames, std::size_t channels);
+
+// The definition of the result.
+void ScalarShape(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
+                 std::size_t frames, std::size_t channels) noexcept;
+// The same results, faster; widths of at most 24 bits.
+void Sse2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
+               std::size_t channels) noexcept;
+void Avx2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
+               std::size_t channels) noexcept;
+
+}  // namespace marlinda

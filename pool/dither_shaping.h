@@ -1,0 +1,129 @@
+// The vector form of noise shaping: two channels side by side. A channel has to wait for each of
+// its errors, so what counts is the way from one error to the next, and not the work.
+//
+// `Ops` says how a level of instructions multiplies and adds and how it truncates. Each file has
+// its own Ops in an unnamed namespace, which makes what is defined here its own, too.
+#pragma once
+
+#include <emmintrin.h>
+
+#include "pool/dither_kernels.h"
+
+namespace marlinda {
+
+// Three things are done otherwise than in the definition, and give the same bits:
+// - A product of floats is exact in double, so multiplying and adding may round once.
+// - Half a code is added together with the offset. What one rounding less changes is far below a
+//   code, and at the edge of a code there is nothing to round.
+// - code / scale is taken as code * (1 / scale). Rounded to a float the two agree for every code of
+// up
+//   to 24 bits and samples below 4.0.
+// The soak program goes through all samples for the last two. A frame that has something larger,
+// something that is no number or an error too small to keep is left to the definition.
+template <class Ops, std::size_t kChannels>
+void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
+                   std::size_t frames) noexcept {
+  constexpr std::size_t kPairs = (kChannels + 1) / 2;
+  constexpr bool kOdd = kChannels % 2 != 0;
+  const __m128d tap0 = _mm_set1_pd(kShapingTaps[0]);
+  const __m128d tap1 = _mm_set1_pd(kShapingTaps[1]);
+  const __m128d tap2 = _mm_set1_pd(kShapingTaps[2]);
+  const __m128d scale = _mm_set1_pd(steps.scale);
+  const __m128d offset = _mm_set1_pd(0.5 - steps.offset);
+  const __m128d reciprocal = _mm_set1_pd(steps.reciprocal);
+  const __m128d lowest = _mm_set1_pd(steps.lowest);
+  const __m128 limit = _mm_set1_ps(4.0F);
+  const __m128 smallest = _mm_set1_ps(kSmallestShapedError);
+  const __m128 sign = _mm_set1_ps(-0.0F);
+
+  __m128 newest[kPairs];
+  __m128 second[kPairs];
+  __m128 third[kPairs];
+  const auto load = [&] {
+    for (std::size_t pair = 0; pair < kPairs; ++pair) {
+      const ShapingErrors& left = errors[2 * pair];
+      const ShapingErrors right =
+          kOdd && pair + 1 == kPairs ? ShapingErrors{} : errors[2 * pair + 1];
+      newest[pair] = _mm_setr_ps(left.newest, right.newest, 0.0F, 0.0F);
+      second[pair] = _mm_setr_ps(left.second, right.second, 0.0F, 0.0F);
+      third[pair] = _mm_setr_ps(left.third, right.third, 0.0F, 0.0F);
+    }
+  };
+  const auto store = [&] {
+    for (std::size_t channel = 0; channel < kChannels; ++channel) {
+      float all[3][4];
+      _mm_storeu_ps(all[0], newest[channel / 2]);
+      _mm_storeu_ps(all[1], second[channel / 2]);
+      _mm_storeu_ps(all[2], third[channel / 2]);
+      errors[channel] = {all[0][channel % 2], all[1][channel % 2], all[2][channel % 2]};
+    }
+  };
+
+  load();
+  for (; frames > 0; --frames, samples += kChannels) {
+    __m128 quantised[kPairs];
+    __m128 rest[kPairs];
+    int left_alone = 0;
+    for (std::size_t pair = 0; pair < kPairs; ++pair) {
+      const float* const at = samples + 2 * pair;
+      const bool single = kOdd && pair + 1 == kPairs;
+      __m128 sample = single ? _mm_load_ss(at)
+                             : _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(at)));
+      // In this order: the first sum has the newest error, the other products can be ready before.
+      __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
+                                        _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
+      shaped = Ops::MultiplyAdd(_mm_cvtps_pd(third[pair]), tap2, shaped);
+      sample = _mm_add_ps(sample, _mm_cvtpd_ps(shaped));
+      const __m128d code = Ops::Truncate(Ops::MultiplyAdd(_mm_cvtps_pd(sample), scale, offset));
+      quantised[pair] = _mm_cvtpd_ps(_mm_add_pd(_mm_mul_pd(code, reciprocal), lowest));
+      rest[pair] = _mm_sub_ps(sample, quantised[pair]);
+      const __m128 in_range = _mm_cmplt_ps(_mm_andnot_ps(sign, sample), limit);
+      const __m128 kept = _mm_or_ps(_mm_cmpge_ps(_mm_andnot_ps(sign, rest[pair]), smallest),
+                                    _mm_cmpeq_ps(rest[pair], _mm_setzero_ps()));
+      left_alone |= _mm_movemask_ps(_mm_and_ps(in_range, kept)) ^ 0xF;
+    }
+    if (left_alone != 0) {
+      store();
+      ScalarShape(steps, errors, samples, 1, kChannels);
+      load();
+      continue;
+    }
+    for (std::size_t pair = 0; pair < kPairs; ++pair) {
+      float* const at = samples + 2 * pair;
+      if (kOdd && pair + 1 == kPairs) {
+        _mm_store_ss(at, quantised[pair]);
+      } else {
+        _mm_store_sd(reinterpret_cast<double*>(at), _mm_castps_pd(quantised[pair]));
+      }
+      third[pair] = second[pair];
+      second[pair] = newest[pair];
+      newest[pair] = rest[pair];
+    }
+  }
+  store();
+}
+
+template <class Ops>
+void ShapeWith(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
+               std::size_t channels) noexcept {
+  switch (channels) {
+    case 1:
+      return ShapeChannels<Ops, 1>(steps, errors, samples, frames);
+    case 2:
+      return ShapeChannels<Ops, 2>(steps, errors, samples, frames);
+    case 3:
+      return ShapeChannels<Ops, 3>(steps, errors, samples, frames);
+    case 4:
+      return ShapeChannels<Ops, 4>(steps, errors, samples, frames);
+    case 5:
+      return ShapeChannels<Ops, 5>(steps, errors, samples, frames);
+    case 6:
+      return ShapeChannels<Ops, 6>(steps, errors, samples, frames);
+    case 7:
+      return ShapeChannels<Ops, 7>(steps, errors, samples, frames);
+    default:
+      return ShapeChannels<Ops, 8>(steps, errors, samples, frames);
+  }
+}
+
+}  // namespace marlinda
