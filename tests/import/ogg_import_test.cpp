@@ -8,7 +8,7 @@
 
 #include "core/handle.h"
 #include "tests/import/ogg_files.h"
-#include "tests/import/recording_writer.h"
+#include "tests/support/recording_writer.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
