@@ -20,6 +20,17 @@ std::string ToAnsi(std::wstring_view text) {
   return result.substr(0, result.find('\0'));
 }
 
+std::string Replace(std::string_view pattern, std::string_view mark, std::string_view argument) {
+  std::string result;
+  for (;;) {
+    const std::size_t place = pattern.find(mark);
+    result += pattern.substr(0, place);
+    if (place == std::string_view::npos) return result;
+    result += argument;
+    pattern.remove_prefix(place + mark.size());
+  }
+}
+
 }  // namespace
 
 std::string ToAnsi(BSTR text) { return ToAnsi(std::wstring_view(text, SysStringLen(text))); }
@@ -48,14 +59,11 @@ BSTR ToBstr(std::string_view text) {
 }
 
 std::string Format(std::string_view pattern, std::string_view argument) {
-  std::string result;
-  for (;;) {
-    const std::size_t place = pattern.find("%s");
-    result += pattern.substr(0, place);
-    if (place == std::string_view::npos) return result;
-    result += argument;
-    pattern.remove_prefix(place + 2);
-  }
+  return Replace(pattern, "%s", argument);
+}
+
+std::string Format(std::string_view pattern, int argument) {
+  return Replace(pattern, "%d", std::to_string(argument));
 }
 
 }  // namespace marlinda

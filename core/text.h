@@ -24,4 +24,7 @@ BSTR ToBstr(std::string_view text);
 // A resource text with every "%s" replaced by `argument`.
 std::string Format(std::string_view pattern, std::string_view argument);
 
+// A resource text with every "%d" replaced by `argument`.
+std::string Format(std::string_view pattern, int argument);
+
 }  // namespace marlinda

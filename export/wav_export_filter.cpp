@@ -2,9 +2,11 @@
 
 #include <utility>
 
+#include "core/com_ptr.h"
 #include "core/resource.h"
 #include "core/text.h"
 #include "export/file_sink.h"
+#include "export/wav_settings.h"
 
 namespace marlinda {
 namespace {
@@ -101,8 +103,19 @@ STDMETHODIMP CWavExportFilter::QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSett
   return Answer(pbHasSettings, true);
 }
 
-// This version has no settings dialog to show.
-STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG) { return E_NOTIMPL; }
+STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
+  // The dialog serves other messages of this thread, and the last release may be among them.
+  const ComPtr<IUnknown> alive(OuterUnknown());
+  ComCall([&] {
+    CWavSettings settings(bits_per_sample_, is_float_);
+    if (settings.ShowModal(WindowOfNumber(nHwndParent)) == IDOK) {
+      bits_per_sample_ = static_cast<SHORT>(settings.bits_per_sample());
+      is_float_ = settings.is_float();
+    }
+    return S_OK;
+  });
+  return S_OK;  // a dialog that could not be shown has changed nothing
+}
 
 STDMETHODIMP CWavExportFilter::GetMerit(SHORT* pnMerit) {
   if (pnMerit == nullptr) return E_POINTER;

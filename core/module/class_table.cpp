@@ -17,6 +17,7 @@ MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
 MARLINDA_DECLARE_CLASS(COggImport);
 MARLINDA_DECLARE_CLASS(CWavExportFilter);
+MARLINDA_DECLARE_CLASS(CWaveWriter);
 #undef MARLINDA_DECLARE_CLASS
 
 std::span<const ClassEntry> ClassTable() noexcept {
@@ -36,7 +37,7 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", CreateCFileFilterMgr},
       {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
       {&CLSID_COggImport, L"COggImport", L"Marlinda.OggImport.1", CreateCOggImport},
-      {&CLSID_CWaveWriter, L"CWaveWriter", L"Marlinda.WaveWriter.1", nullptr},
+      {&CLSID_CWaveWriter, L"CWaveWriter", L"Marlinda.WaveWriter.1", CreateCWaveWriter},
   };
   return table;
 }

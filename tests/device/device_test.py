@@ -10,6 +10,7 @@ import json
 import os
 import pathlib
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -53,6 +54,10 @@ def finish(tool, timeout, words=None):
         tool.kill()
         tool.communicate()
         raise
+
+
+def windows_path(path):
+    return "Z:" + str(path).replace("/", "\\")
 
 
 def known_signal(frames, full_scale):
@@ -113,10 +118,10 @@ def equal_frames(one, other):
 
 
 class PlayTest(unittest.TestCase):
-    def play(self, bits, block, frames):
+    def play(self, bits, block, frames, *words):
         with sound(pipes=True) as environment:
             speaker = Speaker(environment["TESSALY_SPEAKER"])
-            tool = start(environment, "play", bits, block, frames)
+            tool = start(environment, "play", bits, block, frames, *words)
             finish(tool, frames / RATE * 5 + 60)
             self.assertEqual(tool.returncode, 0)
         speaker.close()
@@ -127,6 +132,21 @@ class PlayTest(unittest.TestCase):
         same = equal_frames(got, known_signal(frames, full_scale))
         self.assertEqual((len(got) // FRAME_BYTES, same), (frames, frames),
                          f"{bits} bits: frames got, and how many from the start are right")
+
+    def test_a_wave_writer_records_what_reaches_the_speaker(self):
+        frames = RATE
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder) / "played.wav"
+            got = without_silence(self.play(32, 3001, frames, windows_path(path)))
+            recorded = path.read_bytes()
+        # The tool plays half a second of silence before and after.
+        silence = SILENCE * (RATE // 2)
+        played = silence + known_signal(frames, 32767) + silence
+        self.assertEqual(recorded[:44], b"RIFF" + struct.pack("<I", 36 + len(played)) + b"WAVEfmt " +
+                         struct.pack("<IHHIIHH", 16, 3, 2, RATE, RATE * 8, 8, 32) + b"data" +
+                         struct.pack("<I", len(played)))
+        self.assertTrue(recorded[44:] == played, "samples in the file")
+        self.assertTrue(got == known_signal(frames, 32767), "samples at the speaker")
 
     def test_floats_reach_the_speaker_bit_for_bit(self):
         # Blocks of an odd length, the last one shorter.
@@ -147,7 +167,7 @@ class RecordTest(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder, sound(pipes=True) as environment:
             path = pathlib.Path(folder) / "recorded"
             tool = start(environment, "record", bits, read_frames, frames,
-                         "Z:" + str(path).replace("/", "\\"))
+                         windows_path(path))
             # What the last buffers of the device are filled up with.
             fed += SILENCE * 2 * ahead
             sent = 0

@@ -1,7 +1,8 @@
 // The module's client in the device tests that another program drives (device_test.py):
-//   device_tool play WIDTH BLOCK_FRAMES TOTAL_FRAMES
+//   device_tool play WIDTH BLOCK_FRAMES TOTAL_FRAMES [WAV-FILE]
 //   device_tool record WIDTH READ_FRAMES TOTAL_FRAMES FILE
 //   device_tool lose break|close|release|record|drop|scrub
+// With a file a wave writer stands in front of the speaker and records there what is played.
 // Sample n of the interleaved signal that is played is ((n * 7919) mod 60001 - 30000) / 32767. A
 // recording goes into a pool of the same width and from there into the file as raw floats; the
 // frames it has so far are told on standard output. `lose` brings a device into use, says "ready",
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -44,8 +46,18 @@ ComPtr<IAudioReader> Microphone(SHORT bits) {
   return As<IAudioReader>(grabber);
 }
 
-void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
+// A wave writer that passes all on to `next`.
+ComPtr<IAudioWriter> Recorder(const ComPtr<IAudioWriter>& next, SHORT bits, const char* path) {
+  auto recorder = Create<IWaveWriter>(CLSID_CWaveWriter);
+  recorder->SetWriteThrough(next.Get());
+  recorder->SetResolution(bits);
+  recorder->SetTargetFile(Bstr(std::wstring(path, path + std::strlen(path))));
+  return As<IAudioWriter>(recorder);
+}
+
+void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames, const char* path) {
   auto writer = Speaker(bits);
+  if (path != nullptr) writer = Recorder(writer, bits, path);
   Check(writer->OpenDevice());
   // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
   // played some milliseconds before they are.
@@ -175,7 +187,8 @@ int Run(const std::vector<std::string>& words) {
   const auto number = [&](std::size_t i) { return std::strtoul(words.at(i).c_str(), nullptr, 10); };
   const std::string& command = words.at(0);
   if (command == "play") {
-    Play(static_cast<SHORT>(number(1)), number(2), number(3));
+    Play(static_cast<SHORT>(number(1)), number(2), number(3),
+         words.size() > 4 ? words[4].c_str() : nullptr);
   } else if (command == "record") {
     Record(static_cast<SHORT>(number(1)), number(2), number(3), words.at(4).c_str());
   } else if (command == "lose" && words.at(1) == "scrub") {

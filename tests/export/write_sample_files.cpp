@@ -1,5 +1,5 @@
-// Writes WAV files through the export filter into the current folder, for foreign programs to
-// judge, and beside each the bare samples that they must find in it.
+// Writes WAV files through the export filter, and through the wave writer, into the current folder,
+// for foreign programs to judge, and beside each the bare samples that they must find in it.
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -53,6 +53,32 @@ void Write(const Sample& sample, bool is_annotated) {
                  CodesAsPcm(0, sample.frames * sample.channels, sample.bits));
 }
 
+// The same by a wave writer, in two blocks.
+void Stream(const Sample& sample) {
+  const std::filesystem::path folder = std::filesystem::current_path();
+  const std::wstring name = sample.name + std::wstring(L"_streamed");
+  const auto reader = CodeReader::Create({.samples_per_sec = sample.rate,
+                                          .channels = sample.channels,
+                                          .frames = sample.frames,
+                                          .bits = sample.bits});
+  auto writer = Create<IWaveWriter>(CLSID_CWaveWriter);
+  Check(writer->SetTargetFile(Bstr(folder / (name + L".wav"))));
+  Check(writer->SetResolution(sample.bits));
+  auto audio = As<IAudioWriter>(writer);
+  Check(audio->SetFormat(sample.rate, sample.channels));
+  Check(audio->OpenDevice());
+  const __int64 half = sample.frames / 2;
+  for (const long long at : {0LL, half}) {
+    const __int64 frames = at == half ? sample.frames - half : half;
+    Floats block(static_cast<std::size_t>(frames * sample.channels));
+    Check(reader->ReadAudio(at, block));
+    Check(audio->WriteAudio(block));
+  }
+  Check(audio->CloseDevice());
+  WriteFileBytes(folder / (name + L".raw"),
+                 CodesAsPcm(0, sample.frames * sample.channels, sample.bits));
+}
+
 }  // namespace
 }  // namespace marlinda::testing
 
@@ -65,6 +91,8 @@ int main() {
     for (const Sample& sample : kSamples) {
       Write(sample, false);
       Write(sample, true);
+      // 32 bits are floats there, of which the bare samples here are none.
+      if (sample.bits != 32) Stream(sample);
     }
     result = 0;
   } catch (const marlinda::HResultError& error) {

@@ -1,0 +1,58 @@
+// A compressed file while it is being written, whichever encoder makes it.
+#pragma once
+
+#include <windows.h>
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "core/com_call.h"
+
+namespace marlinda {
+
+// No encoder of the system can make the file: there is none, or it refuses the format.
+class CodecError final : public HResultError {
+ public:
+  CodecError() noexcept;
+};
+
+// What a file tells about itself; empty texts are left out.
+struct FileTags {
+  std::wstring title;
+  std::wstring artist;
+  std::wstring album;
+  std::wstring year;
+  std::wstring genre;
+};
+
+struct EncodingOrder {
+  std::string path;
+  int samples_per_sec = 0;
+  int channels = 0;
+  int bit_rate_kbit = 0;  // an encoder that does not have it takes the next lower one
+  FileTags tags;
+};
+
+// Belongs to one thread, from its creation to its end, which has entered an apartment.
+class EncodedFile {
+ public:
+  EncodedFile() = default;
+  EncodedFile(const EncodedFile&) = delete;
+  EncodedFile& operator=(const EncodedFile&) = delete;
+  // Without Finish before it, the file stays cut off.
+  virtual ~EncodedFile() = default;
+
+  // Whole frames of 16 bits. Throws HResultError where encoder or disk fail.
+  virtual void Write(std::span<const std::byte> pcm) = 0;
+  // Writes what the encoder still holds and completes the file. Throws like Write.
+  virtual void Finish() = 0;
+};
+
+// Throw CodecError, or HResultError where the file cannot be created; there is no new file then,
+// and an old one is as it was.
+std::unique_ptr<EncodedFile> CreateMp3File(const EncodingOrder& order);
+std::unique_ptr<EncodedFile> CreateWmaFile(const EncodingOrder& order);
+
+}  // namespace marlinda

@@ -1,0 +1,463 @@
+#include "export/graph_filter.h"
+
+#include <uuids.h>
+#include <vfwmsgs.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "export/stream_config.h"
+
+namespace marlinda {
+namespace {
+
+constexpr long kBufferCount = 4;
+
+// The enumerators of pins and of media types are the same but for how an item is handed out.
+template <class Interface, class Out, class Item>
+class Enumerator final : public Interface {
+ public:
+  using Give = HRESULT (*)(const Item&, Out*);
+
+  Enumerator(std::vector<Item> items, Give give) : items_(std::move(items)), give_(give) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(Interface))) {
+      return E_NOINTERFACE;
+    }
+    *object = static_cast<Interface*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  STDMETHODIMP Next(ULONG count, Out* out, ULONG* fetched) override {
+    if (out == nullptr) return E_POINTER;
+    ULONG given = 0;
+    for (; given < count && next_ < items_.size(); ++given, ++next_) {
+      const HRESULT hr = give_(items_[next_], out + given);
+      if (FAILED(hr)) return hr;
+    }
+    if (fetched != nullptr) *fetched = given;
+    return given == count ? S_OK : S_FALSE;
+  }
+  STDMETHODIMP Skip(ULONG count) override {
+    const std::size_t left = items_.size() - next_;
+    next_ += std::min<std::size_t>(count, left);
+    return count <= left ? S_OK : S_FALSE;
+  }
+  STDMETHODIMP Reset() override {
+    next_ = 0;
+    return S_OK;
+  }
+  STDMETHODIMP Clone(Interface** clone) override {
+    if (clone == nullptr) return E_POINTER;
+    return ComCall([&] {
+      ComPtr<Enumerator> copy = new Enumerator(items_, give_);
+      copy->next_ = next_;
+      *clone = copy.Detach();
+      return S_OK;
+    });
+  }
+
+ private:
+  ~Enumerator() = default;
+
+  std::atomic<ULONG> references_{0};
+  const std::vector<Item> items_;
+  const Give give_;
+  std::size_t next_ = 0;
+};
+
+HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
+
+HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
+  auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+  if (copy == nullptr) return E_OUTOFMEMORY;
+  const HRESULT hr = type.CopyTo(copy);
+  if (FAILED(hr))
+    CoTaskMemFree(copy);
+  else
+    *out = copy;
+  return hr;
+}
+
+HRESULT CopyText(const wchar_t* text, LPWSTR* out) {
+  if (out == nullptr) return E_POINTER;
+  const std::size_t size = (std::wcslen(text) + 1) * sizeof(wchar_t);
+  *out = static_cast<LPWSTR>(CoTaskMemAlloc(size));
+  if (*out == nullptr) return E_OUTOFMEMORY;
+  std::memcpy(*out, text, size);
+  return S_OK;
+}
+
+HRESULT CreateAllocator(ComPtr<IMemAllocator>& allocator) {
+  return CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER,
+                          __uuidof(IMemAllocator),
+                          reinterpret_cast<void**>(allocator.ReleaseAndGetAddressOf()));
+}
+
+}  // namespace
+
+AudioType::AudioType(const WAVEFORMATEX& format)
+    : format_(reinterpret_cast<const BYTE*>(&format),
+              reinterpret_cast<const BYTE*>(&format) + sizeof format + format.cbSize) {}
+
+AudioType::AudioType(const AM_MEDIA_TYPE& type) {
+  const WAVEFORMATEX* const format = WaveFormatOf(type);
+  if (!IsEqualGUID(type.majortype, MEDIATYPE_Audio) || format == nullptr) return;
+  format_.assign(type.pbFormat, type.pbFormat + type.cbFormat);
+}
+
+AM_MEDIA_TYPE AudioType::View() const noexcept {
+  AM_MEDIA_TYPE type = {};
+  if (empty()) return type;
+  type.majortype = MEDIATYPE_Audio;
+  type.subtype = MEDIASUBTYPE_PCM;  // the subtype of a format tag differs in its first field alone
+  type.subtype.Data1 = format()->wFormatTag;
+  type.bFixedSizeSamples = format()->wFormatTag == WAVE_FORMAT_PCM;
+  type.lSampleSize = format()->nBlockAlign;
+  type.formattype = FORMAT_WaveFormatEx;
+  type.cbFormat = static_cast<ULONG>(format_.size());
+  type.pbFormat = const_cast<BYTE*>(format_.data());
+  return type;
+}
+
+HRESULT AudioType::CopyTo(AM_MEDIA_TYPE* type) const noexcept {
+  *type = View();
+  type->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(format_.size()));
+  if (type->pbFormat == nullptr) return E_OUTOFMEMORY;
+  std::memcpy(type->pbFormat, format_.data(), format_.size());
+  return S_OK;
+}
+
+// GraphPin
+
+STDMETHODIMP GraphPin::QueryInterface(REFIID iid, void** object) {
+  if (object == nullptr) return E_POINTER;
+  IUnknown* found = Extra(iid);
+  if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IPin)) found = static_cast<IPin*>(this);
+  *object = found;
+  if (found == nullptr) return E_NOINTERFACE;
+  found->AddRef();
+  return S_OK;
+}
+
+STDMETHODIMP_(ULONG) GraphPin::AddRef() { return filter_.AddRef(); }
+STDMETHODIMP_(ULONG) GraphPin::Release() { return filter_.Release(); }
+
+STDMETHODIMP GraphPin::Connect(IPin*, const AM_MEDIA_TYPE*) { return E_UNEXPECTED; }
+
+STDMETHODIMP GraphPin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) {
+  if (connector == nullptr || type == nullptr) return E_POINTER;
+  if (direction_ != PINDIR_INPUT) return E_UNEXPECTED;
+  if (IsConnected()) return VFW_E_ALREADY_CONNECTED;
+  return ComCall([&] {
+    AudioType offered(*type);
+    if (offered.empty() || !Accepts(offered)) return VFW_E_TYPE_NOT_ACCEPTED;
+    type_ = std::move(offered);
+    peer_ = connector;
+    return S_OK;
+  });
+}
+
+STDMETHODIMP GraphPin::Disconnect() {
+  if (!IsConnected()) return S_FALSE;
+  if (filter_.state() != State_Stopped) return VFW_E_NOT_STOPPED;
+  peer_.Reset();
+  type_ = AudioType();
+  return S_OK;
+}
+
+STDMETHODIMP GraphPin::ConnectedTo(IPin** pin) {
+  if (pin == nullptr) return E_POINTER;
+  *pin = nullptr;
+  return IsConnected() ? peer_.CopyTo(pin) : VFW_E_NOT_CONNECTED;
+}
+
+STDMETHODIMP GraphPin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
+  if (type == nullptr) return E_POINTER;
+  *type = {};
+  return IsConnected() ? type_.CopyTo(type) : VFW_E_NOT_CONNECTED;
+}
+
+STDMETHODIMP GraphPin::QueryPinInfo(PIN_INFO* info) {
+  if (info == nullptr) return E_POINTER;
+  *info = {};
+  info->pFilter = &filter_;
+  info->pFilter->AddRef();
+  info->dir = direction_;
+  std::wcscpy(info->achName, direction_ == PINDIR_INPUT ? L"Input" : L"Output");
+  return S_OK;
+}
+
+STDMETHODIMP GraphPin::QueryDirection(PIN_DIRECTION* direction) {
+  if (direction == nullptr) return E_POINTER;
+  *direction = direction_;
+  return S_OK;
+}
+
+STDMETHODIMP GraphPin::QueryId(LPWSTR* id) {
+  return CopyText(direction_ == PINDIR_INPUT ? L"Input" : L"Output", id);
+}
+
+STDMETHODIMP GraphPin::QueryAccept(const AM_MEDIA_TYPE* type) {
+  if (type == nullptr) return E_POINTER;
+  return ComCall([&] {
+    const AudioType asked(*type);
+    return !asked.empty() && Accepts(asked) ? S_OK : S_FALSE;
+  });
+}
+
+STDMETHODIMP GraphPin::EnumMediaTypes(IEnumMediaTypes** types) {
+  if (types == nullptr) return E_POINTER;
+  return ComCall([&] {
+    using Types = Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*, AudioType>;
+    *types = ComPtr<Types>(new Types(this->Types(), GiveType)).Detach();
+    return S_OK;
+  });
+}
+
+// InputPin
+
+IUnknown* InputPin::Extra(REFIID iid) noexcept {
+  return IsEqualIID(iid, IID_IMemInputPin) ? static_cast<IMemInputPin*>(this) : nullptr;
+}
+
+STDMETHODIMP InputPin::EndOfStream() { return ComCall(purpose_.end); }
+
+STDMETHODIMP InputPin::GetAllocator(IMemAllocator** allocator) {
+  if (allocator == nullptr) return E_POINTER;
+  ComPtr<IMemAllocator> created;
+  const HRESULT hr = CreateAllocator(created);
+  *allocator = created.Detach();
+  return hr;
+}
+
+STDMETHODIMP InputPin::Receive(IMediaSample* sample) {
+  if (sample == nullptr) return E_POINTER;
+  if (filter_.state() == State_Stopped) return VFW_E_WRONG_STATE;
+  return ComCall([&] {
+    BYTE* data = nullptr;
+    Check(sample->GetPointer(&data));
+    const auto size = static_cast<std::size_t>(std::max(sample->GetActualDataLength(), 0L));
+    return purpose_.receive(std::as_bytes(std::span(data, size)));
+  });
+}
+
+STDMETHODIMP InputPin::ReceiveMultiple(IMediaSample** samples, long count, long* processed) {
+  if (samples == nullptr || processed == nullptr) return E_POINTER;
+  for (*processed = 0; *processed < count; ++*processed) {
+    const HRESULT hr = Receive(samples[*processed]);
+    if (hr != S_OK) return hr;
+  }
+  return S_OK;
+}
+
+// OutputPin
+
+bool OutputPin::Accepts(const AudioType& type) const {
+  return std::ranges::any_of(types_, [&](const AudioType& own) {
+    return own.format()->wFormatTag == type.format()->wFormatTag &&
+           own.format()->nSamplesPerSec == type.format()->nSamplesPerSec &&
+           own.format()->nChannels == type.format()->nChannels;
+  });
+}
+
+STDMETHODIMP OutputPin::Connect(IPin* receiver, const AM_MEDIA_TYPE* type) {
+  if (receiver == nullptr) return E_POINTER;
+  if (IsConnected()) return VFW_E_ALREADY_CONNECTED;
+  return ComCall([&] {
+    for (const AudioType& own : Types()) {
+      const bool asked_for =
+          type == nullptr || IsEqualGUID(type->majortype, GUID_NULL) || QueryAccept(type) == S_OK;
+      if (asked_for && SUCCEEDED(TryType(receiver, own))) return S_OK;
+    }
+    return VFW_E_NO_ACCEPTABLE_TYPES;
+  });
+}
+
+HRESULT OutputPin::TryType(IPin* receiver, const AudioType& type) {
+  const AM_MEDIA_TYPE view = type.View();
+  HRESULT hr = receiver->ReceiveConnection(this, &view);
+  if (FAILED(hr)) return hr;
+  peer_ = receiver;
+  type_ = type;
+  hr = AgreeOnAllocator();
+  if (FAILED(hr)) {
+    receiver->Disconnect();
+    Disconnect();
+  }
+  return hr;
+}
+
+HRESULT OutputPin::AgreeOnAllocator() {
+  input_ = TryQuery<IMemInputPin>(peer_.Get());
+  if (!input_) return VFW_E_NO_TRANSPORT;
+  HRESULT hr = input_->GetAllocator(allocator_.ReleaseAndGetAddressOf());
+  if (FAILED(hr) || !allocator_) hr = CreateAllocator(allocator_);
+  if (FAILED(hr)) return hr;
+  ALLOCATOR_PROPERTIES wanted = {kBufferCount, buffer_bytes_, 1, 0};
+  ALLOCATOR_PROPERTIES actual = {};
+  hr = allocator_->SetProperties(&wanted, &actual);
+  return FAILED(hr) ? hr : input_->NotifyAllocator(allocator_.Get(), FALSE);
+}
+
+STDMETHODIMP OutputPin::Disconnect() {
+  const HRESULT hr = GraphPin::Disconnect();
+  if (hr == S_OK) {
+    input_.Reset();
+    allocator_.Reset();
+  }
+  return hr;
+}
+
+HRESULT OutputPin::Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start,
+                           REFERENCE_TIME stop) {
+  if (!allocator_) return VFW_E_NOT_CONNECTED;
+  const std::size_t total = bytes.size();
+  const auto time_at = [&](std::size_t offset) {
+    return start +
+           static_cast<REFERENCE_TIME>(static_cast<double>(stop - start) *
+                                       static_cast<double>(offset) / static_cast<double>(total));
+  };
+  for (std::size_t done = 0; done < total;) {
+    ComPtr<IMediaSample> sample;
+    HRESULT hr = allocator_->GetBuffer(sample.GetAddressOf(), nullptr, nullptr, 0);
+    if (FAILED(hr)) return hr;
+    BYTE* data = nullptr;
+    hr = sample->GetPointer(&data);
+    if (FAILED(hr)) return hr;
+    const auto piece = std::min(total - done, static_cast<std::size_t>(sample->GetSize()));
+    if (piece == 0) return E_FAIL;
+    std::memcpy(data, bytes.data() + done, piece);
+    REFERENCE_TIME from = time_at(done);
+    REFERENCE_TIME to = time_at(done + piece);
+    sample->SetActualDataLength(static_cast<long>(piece));
+    sample->SetTime(&from, &to);
+    sample->SetSyncPoint(TRUE);
+    sample->SetDiscontinuity(FALSE);
+    hr = input_->Receive(sample.Get());
+    if (hr != S_OK) return FAILED(hr) ? hr : E_FAIL;
+    done += piece;
+  }
+  return S_OK;
+}
+
+HRESULT OutputPin::DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
+
+// GraphFilter
+
+STDMETHODIMP GraphFilter::QueryInterface(REFIID iid, void** object) {
+  if (object == nullptr) return E_POINTER;
+  *object = nullptr;
+  if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IPersist) &&
+      !IsEqualIID(iid, IID_IMediaFilter) && !IsEqualIID(iid, IID_IBaseFilter)) {
+    return E_NOINTERFACE;
+  }
+  *object = static_cast<IBaseFilter*>(this);
+  AddRef();
+  return S_OK;
+}
+
+STDMETHODIMP_(ULONG) GraphFilter::Release() {
+  const ULONG left = --references_;
+  if (left == 0) delete this;
+  return left;
+}
+
+STDMETHODIMP GraphFilter::GetClassID(CLSID* class_id) {
+  if (class_id == nullptr) return E_POINTER;
+  *class_id = GUID_NULL;  // made by the engine alone, never by class identifier
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::Stop() {
+  state_ = State_Stopped;
+  for (const auto& pin : pins_) {
+    auto* const output = dynamic_cast<OutputPin*>(pin.get());
+    if (output != nullptr && output->allocator_) output->allocator_->Decommit();
+  }
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::Pause() {
+  for (const auto& pin : pins_) {
+    auto* const output = dynamic_cast<OutputPin*>(pin.get());
+    if (output == nullptr || !output->allocator_) continue;
+    const HRESULT hr = output->allocator_->Commit();
+    if (FAILED(hr)) return hr;
+  }
+  state_ = State_Paused;
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::Run(REFERENCE_TIME) {
+  const HRESULT hr = state_ == State_Stopped ? Pause() : S_OK;
+  if (SUCCEEDED(hr)) state_ = State_Running;
+  return hr;
+}
+
+STDMETHODIMP GraphFilter::GetState(DWORD, FILTER_STATE* state) {
+  if (state == nullptr) return E_POINTER;
+  *state = state_;
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::SetSyncSource(IReferenceClock* clock) {
+  clock_ = clock;
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::GetSyncSource(IReferenceClock** clock) {
+  if (clock == nullptr) return E_POINTER;
+  return clock_.CopyTo(clock);
+}
+
+STDMETHODIMP GraphFilter::EnumPins(IEnumPins** pins) {
+  if (pins == nullptr) return E_POINTER;
+  return ComCall([&] {
+    using Pins = Enumerator<IEnumPins, IPin*, ComPtr<IPin>>;
+    std::vector<ComPtr<IPin>> items;
+    for (const auto& pin : pins_) items.emplace_back(pin.get());
+    *pins = ComPtr<Pins>(new Pins(std::move(items), GivePin)).Detach();
+    return S_OK;
+  });
+}
+
+STDMETHODIMP GraphFilter::FindPin(LPCWSTR id, IPin** pin) {
+  if (id == nullptr || pin == nullptr) return E_POINTER;
+  *pin = nullptr;
+  const PIN_DIRECTION direction = std::wcscmp(id, L"Input") == 0 ? PINDIR_INPUT : PINDIR_OUTPUT;
+  for (const auto& own : pins_) {
+    if (own->direction_ == direction) return ComPtr<IPin>(own.get()).CopyTo(pin);
+  }
+  return VFW_E_NOT_FOUND;
+}
+
+STDMETHODIMP GraphFilter::QueryFilterInfo(FILTER_INFO* info) {
+  if (info == nullptr) return E_POINTER;
+  *info = {};
+  name_.copy(info->achName, std::size(info->achName) - 1);
+  info->pGraph = graph_;
+  if (graph_ != nullptr) graph_->AddRef();
+  return S_OK;
+}
+
+STDMETHODIMP GraphFilter::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
+  return ComCall([&] {
+    name_ = name != nullptr ? name : L"";
+    graph_ = graph;
+    return S_OK;
+  });
+}
+
+}  // namespace marlinda

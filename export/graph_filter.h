@@ -1,0 +1,208 @@
+// The filters that the engine itself puts into a DirectShow graph: what every filter and every pin
+// has to answer, so that one with a purpose says only what it accepts and what it does with data.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <mmreg.h>
+#include <strmif.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "core/com_ptr.h"
+
+namespace marlinda {
+
+class GraphFilter;
+
+// A media type of sound in the wave format; `format` points at one that may be longer than its
+// structure.
+class AudioType {
+ public:
+  AudioType() noexcept = default;
+  explicit AudioType(const WAVEFORMATEX& format);
+  // A copy; what is not of sound in a wave format becomes empty.
+  explicit AudioType(const AM_MEDIA_TYPE& type);
+
+  bool empty() const noexcept { return format_.empty(); }
+  const WAVEFORMATEX* format() const noexcept {
+    return empty() ? nullptr : reinterpret_cast<const WAVEFORMATEX*>(format_.data());
+  }
+  // Valid as long as this object.
+  AM_MEDIA_TYPE View() const noexcept;
+  // A copy for the caller to free.
+  HRESULT CopyTo(AM_MEDIA_TYPE* type) const noexcept;
+
+ private:
+  std::vector<BYTE> format_;
+};
+
+// What both kinds of pins share. A pin lives in its filter and counts its references there.
+class GraphPin : public IPin {
+ public:
+  GraphPin(const GraphPin&) = delete;
+  GraphPin& operator=(const GraphPin&) = delete;
+
+  bool IsConnected() const noexcept { return peer_ != nullptr; }
+  const AudioType& type() const noexcept { return type_; }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
+  STDMETHODIMP_(ULONG) AddRef() override;
+  STDMETHODIMP_(ULONG) Release() override;
+
+  STDMETHODIMP Connect(IPin* receiver, const AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP Disconnect() override;
+  STDMETHODIMP ConnectedTo(IPin** pin) override;
+  STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP QueryPinInfo(PIN_INFO* info) override;
+  STDMETHODIMP QueryDirection(PIN_DIRECTION* direction) override;
+  STDMETHODIMP QueryId(LPWSTR* id) override;
+  STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** types) override;
+  STDMETHODIMP QueryInternalConnections(IPin**, ULONG*) override { return E_NOTIMPL; }
+  STDMETHODIMP EndOfStream() override { return E_UNEXPECTED; }
+  STDMETHODIMP BeginFlush() override { return S_OK; }
+  STDMETHODIMP EndFlush() override { return S_OK; }
+  STDMETHODIMP NewSegment(REFERENCE_TIME, REFERENCE_TIME, double) override { return S_OK; }
+
+ protected:
+  GraphPin(GraphFilter& filter, PIN_DIRECTION direction) noexcept
+      : filter_(filter), direction_(direction) {}
+  virtual ~GraphPin() = default;
+
+  virtual bool Accepts(const AudioType& type) const = 0;
+  virtual std::vector<AudioType> Types() const { return {}; }
+  // The interface that only this kind of pin has; null for any other.
+  virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
+
+  GraphFilter& filter_;
+  const PIN_DIRECTION direction_;
+  ComPtr<IPin> peer_;
+  AudioType type_;
+
+  friend class GraphFilter;
+};
+
+// Calls `receive` with the bytes of each sample and `end` after the last, on the thread that
+// delivers. What `receive` returns stops the deliverer unless it is S_OK.
+class InputPin final : public GraphPin, private IMemInputPin {
+ public:
+  struct Purpose {
+    std::function<bool(const WAVEFORMATEX&)> accepts;
+    std::function<HRESULT(std::span<const std::byte>)> receive;
+    std::function<HRESULT()> end;
+  };
+  InputPin(GraphFilter& filter, Purpose purpose)
+      : GraphPin(filter, PINDIR_INPUT), purpose_(std::move(purpose)) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    return GraphPin::QueryInterface(iid, object);
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return GraphPin::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return GraphPin::Release(); }
+  STDMETHODIMP EndOfStream() override;
+
+ private:
+  bool Accepts(const AudioType& type) const override { return purpose_.accepts(*type.format()); }
+  IUnknown* Extra(REFIID iid) noexcept override;
+
+  STDMETHODIMP GetAllocator(IMemAllocator** allocator) override;
+  STDMETHODIMP NotifyAllocator(IMemAllocator*, BOOL) override { return S_OK; }
+  STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
+  STDMETHODIMP Receive(IMediaSample* sample) override;
+  STDMETHODIMP ReceiveMultiple(IMediaSample** samples, long count, long* processed) override;
+  STDMETHODIMP ReceiveCanBlock() override { return S_FALSE; }
+
+  const Purpose purpose_;
+};
+
+// Delivers bytes of one of its types to the pin it is connected to.
+class OutputPin : public GraphPin {
+ public:
+  OutputPin(GraphFilter& filter, std::vector<AudioType> types, long buffer_bytes)
+      : GraphPin(filter, PINDIR_OUTPUT), types_(std::move(types)), buffer_bytes_(buffer_bytes) {}
+
+  // Splits `bytes` into samples. `start` and `stop` are their times, spread evenly.
+  HRESULT Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start, REFERENCE_TIME stop);
+  HRESULT DeliverEnd();
+
+  STDMETHODIMP Connect(IPin* receiver, const AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP Disconnect() override;
+
+ protected:
+  bool Accepts(const AudioType& type) const override;
+  std::vector<AudioType> Types() const override { return types_; }
+
+ private:
+  HRESULT TryType(IPin* receiver, const AudioType& type);
+  HRESULT AgreeOnAllocator();
+
+  const std::vector<AudioType> types_;
+  const long buffer_bytes_;
+  ComPtr<IMemInputPin> input_;
+  ComPtr<IMemAllocator> allocator_;
+
+  friend class GraphFilter;
+};
+
+// A filter with the pins that are added to it before it is used.
+class GraphFilter : public IBaseFilter {
+ public:
+  static ComPtr<GraphFilter> Make() { return new GraphFilter; }
+
+  GraphFilter(const GraphFilter&) = delete;
+  GraphFilter& operator=(const GraphFilter&) = delete;
+
+  template <class Pin, class... Arguments>
+  Pin& AddPin(Arguments&&... arguments) {
+    auto pin = std::make_unique<Pin>(*this, std::forward<Arguments>(arguments)...);
+    Pin& added = *pin;
+    pins_.emplace_back(pin.release());
+    return added;
+  }
+  const auto& pins() const noexcept { return pins_; }
+  FILTER_STATE state() const noexcept { return state_; }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override;
+
+  STDMETHODIMP GetClassID(CLSID* class_id) override;
+  STDMETHODIMP Stop() override;
+  STDMETHODIMP Pause() override;
+  STDMETHODIMP Run(REFERENCE_TIME start) override;
+  STDMETHODIMP GetState(DWORD milliseconds, FILTER_STATE* state) override;
+  STDMETHODIMP SetSyncSource(IReferenceClock* clock) override;
+  STDMETHODIMP GetSyncSource(IReferenceClock** clock) override;
+  STDMETHODIMP EnumPins(IEnumPins** pins) override;
+  STDMETHODIMP FindPin(LPCWSTR id, IPin** pin) override;
+  STDMETHODIMP QueryFilterInfo(FILTER_INFO* info) override;
+  STDMETHODIMP JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) override;
+  STDMETHODIMP QueryVendorInfo(LPWSTR*) override { return E_NOTIMPL; }
+
+ protected:
+  GraphFilter() = default;
+  virtual ~GraphFilter() = default;
+
+ private:
+  struct DeletePin {
+    void operator()(GraphPin* pin) const { delete pin; }
+  };
+
+  std::atomic<ULONG> references_{0};
+  std::atomic<FILTER_STATE> state_{State_Stopped};
+  std::vector<std::unique_ptr<GraphPin, DeletePin>> pins_;
+  ComPtr<IReferenceClock> clock_;
+  IFilterGraph* graph_ = nullptr;  // the graph owns its filters: no reference
+  std::wstring name_;
+
+  friend class GraphPin;
+};
+
+}  // namespace marlinda

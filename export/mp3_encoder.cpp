@@ -1,0 +1,86 @@
+#include "export/mp3_encoder.h"
+
+#include <mmreg.h>
+#include <oleauto.h>
+#include <uuids.h>
+
+#include "export/stream_config.h"
+
+namespace marlinda {
+namespace {
+
+// The system lists the codecs of its older kind as compressors whose property tells the format tag,
+// and such a filter names its formats only once its input is connected.
+bool IsListedAsMp3(IMoniker* moniker) {
+  ComPtr<IPropertyBag> properties;
+  if (FAILED(moniker->BindToStorage(nullptr, nullptr, __uuidof(IPropertyBag),
+                                    reinterpret_cast<void**>(properties.GetAddressOf())))) {
+    return false;
+  }
+  VARIANT tag;
+  VariantInit(&tag);
+  const bool is_mp3 = properties->Read(L"AcmId", &tag, nullptr) == S_OK && tag.vt == VT_I4 &&
+                      tag.lVal == WAVE_FORMAT_MPEGLAYER3;
+  VariantClear(&tag);
+  return is_mp3;
+}
+
+bool OffersMp3(IPin* pin) {
+  bool found = false;
+  ForEachCapability(TryQuery<IAMStreamConfig>(pin).Get(),
+                    [&](const AM_MEDIA_TYPE& type) { found = found || IsMp3(type); });
+  ComPtr<IEnumMediaTypes> types;
+  if (found || FAILED(pin->EnumMediaTypes(types.GetAddressOf())) || !types) return found;
+  AM_MEDIA_TYPE* type = nullptr;
+  while (!found && types->Next(1, &type, nullptr) == S_OK) {
+    const MediaType owner(type);
+    found = IsMp3(*type);
+  }
+  return found;
+}
+
+bool OffersMp3(IBaseFilter* filter) {
+  bool found = false;
+  ForEachPin(filter, PINDIR_OUTPUT, [&](IPin* pin) { return found = OffersMp3(pin); });
+  return found;
+}
+
+}  // namespace
+
+void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
+  ComPtr<ICreateDevEnum> devices;
+  ComPtr<IEnumMoniker> monikers;
+  if (FAILED(CoCreateInstance(CLSID_SystemDeviceEnum, nullptr, CLSCTX_INPROC_SERVER,
+                              __uuidof(ICreateDevEnum),
+                              reinterpret_cast<void**>(devices.GetAddressOf()))) ||
+      devices->CreateClassEnumerator(CLSID_AudioCompressorCategory, monikers.GetAddressOf(), 0) !=
+          S_OK) {
+    return;  // S_FALSE is an empty category
+  }
+  ComPtr<IMoniker> moniker;
+  while (monikers->Next(1, moniker.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
+    ComPtr<IBaseFilter> filter;
+    if (FAILED(moniker->BindToObject(nullptr, nullptr, __uuidof(IBaseFilter),
+                                     reinterpret_cast<void**>(filter.GetAddressOf())))) {
+      continue;
+    }
+    if (!IsListedAsMp3(moniker.Get()) && !OffersMp3(filter.Get())) continue;
+    if (visit(filter.Get())) return;
+  }
+}
+
+ComPtr<IBaseFilter> CreateMp3Encoder() {
+  ComPtr<IBaseFilter> first;
+  ForEachMp3Encoder([&](IBaseFilter* encoder) {
+    first = encoder;
+    return true;
+  });
+  return first;
+}
+
+bool IsMp3(const AM_MEDIA_TYPE& type) noexcept {
+  const WAVEFORMATEX* const format = WaveFormatOf(type);
+  return format != nullptr && format->wFormatTag == WAVE_FORMAT_MPEGLAYER3;
+}
+
+}  // namespace marlinda

@@ -1,0 +1,35 @@
+// CMpegSettings: the dialog "MPEG Layer 3 Encoder Settings".
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <strmif.h>
+
+#include "core/com_ptr.h"
+#include "export/settings_dialog.h"
+
+namespace marlinda {
+
+// Offers the customary bit rates up to the best that an encoder filter has. An encoder that does
+// not tell its capabilities has a best of 0: then there is nothing to choose, and the bit rate
+// stays what it was.
+class CMpegSettings final : public SettingsDialog {
+ public:
+  // Reads what the encoder can do; the bit rate becomes its best, but 128 at most.
+  explicit CMpegSettings(IBaseFilter* encoder);
+
+  int max_bit_rate_kbit() const noexcept { return max_bit_rate_kbit_; }
+  int bit_rate_kbit() const noexcept { return bit_rate_kbit_; }
+  void set_bit_rate_kbit(int bit_rate_kbit) noexcept { bit_rate_kbit_ = bit_rate_kbit; }
+
+ private:
+  // Lowers the bit rate to the encoder's best. One that is not in the list selects no line.
+  HWND OnOpening() override;
+  void OnOk() override;
+
+  const ComPtr<IAMStreamConfig> encoder_stream_config_;
+  const int max_bit_rate_kbit_;
+  int bit_rate_kbit_;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,136 @@
+#include "export/wave_writer.h"
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "core/sample_array.h"
+#include "core/text.h"
+#include "export/file_sink.h"
+#include "export/wav_layout.h"
+#include "export/wav_sample_writer.h"
+
+namespace marlinda {
+namespace {
+
+// 32 bits always mean floats here.
+constexpr SHORT kFloatBits = 32;
+
+enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQueryIsReady };
+
+// One method of one writer on the way through a chain. All that are under way on a thread form a
+// list on its stack, in which a call that comes back along a ring finds itself.
+class Passage {
+ public:
+  Passage(const CWaveWriter* writer, WriterCall call) noexcept
+      : writer_(writer), call_(call), outer_(innermost) {
+    innermost = this;
+  }
+  ~Passage() { innermost = outer_; }
+  Passage(const Passage&) = delete;
+  Passage& operator=(const Passage&) = delete;
+
+  bool CameBack() const noexcept {
+    for (const Passage* passage = outer_; passage != nullptr; passage = passage->outer_) {
+      if (passage->writer_ == writer_ && passage->call_ == call_) return true;
+    }
+    return false;
+  }
+
+ private:
+  static thread_local const Passage* innermost;
+
+  const CWaveWriter* const writer_;
+  const WriterCall call_;
+  const Passage* const outer_;
+};
+
+thread_local const Passage* Passage::innermost = nullptr;
+
+}  // namespace
+
+STDMETHODIMP CWaveWriter::SetWriteThrough(IAudioWriter* pawWriteThrough) {
+  // Plain pointers: the smart ones of mingw compare as truth values.
+  const bool is_self = pawWriteThrough != nullptr && TryQuery<IUnknown>(pawWriteThrough).Get() ==
+                                                         TryQuery<IUnknown>(OuterUnknown()).Get();
+  write_through_ = is_self ? nullptr : pawWriteThrough;
+  return S_OK;
+}
+
+STDMETHODIMP CWaveWriter::SetResolution(SHORT nBitsPerSample) {
+  bits_per_sample_ = nBitsPerSample;
+  return S_OK;
+}
+
+STDMETHODIMP CWaveWriter::SetTargetFile(BSTR bstrFileName) {
+  return ComCall([&] {
+    target_file_ = ToAnsi(bstrFileName);
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
+  const Passage passage(this, WriterCall::kWriteAudio);
+  if (passage.CameBack()) return S_OK;
+  return ComCall([&] {
+    SampleArrayView block;
+    Check(block.Lock(psaAudioData));
+    if (const auto next = write_through_) next->WriteAudio(psaAudioData);
+
+    if (bits_per_sample_ == kFloatBits) {
+      file_.Write(std::as_bytes(block.samples()));
+    } else if (channels_ > 0) {
+      const std::size_t frames = block.samples().size() / static_cast<std::size_t>(channels_);
+      const auto whole = block.samples().first(frames * static_cast<std::size_t>(channels_));
+      WavSampleWriter({samples_per_sec_, channels_, bits_per_sample_, false})
+          .Write(file_, whole, frames);
+    }
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWaveWriter::OpenDevice() {
+  const Passage passage(this, WriterCall::kOpenDevice);
+  if (passage.CameBack()) return S_OK;
+  return ComCall([&] {
+    if (const auto next = write_through_) next->OpenDevice();
+    FileHandle file = CreateTargetFile(target_file_);
+    if (!file) return LastErrorResult();
+    file_.Close();
+    file_.Attach(std::make_unique<FileSink>(std::move(file)));
+    const bool is_float = bits_per_sample_ == kFloatBits;
+    const WavFormat format{samples_per_sec_, channels_, bits_per_sample_, is_float};
+    // Plain also for many channels: players of these files have never been told about speakers.
+    BeginWav(file_, PlainFormatBody(format).bytes());
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CWaveWriter::CloseDevice() {
+  const Passage passage(this, WriterCall::kCloseDevice);
+  if (passage.CameBack()) return S_OK;
+  if (const auto next = write_through_) next->CloseDevice();
+  file_.Close();
+  return S_OK;
+}
+
+STDMETHODIMP CWaveWriter::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
+  const Passage passage(this, WriterCall::kSetFormat);
+  if (passage.CameBack()) return S_OK;
+  if (const auto next = write_through_) next->SetFormat(nSamplesPerSec, nChannels);
+  samples_per_sec_ = nSamplesPerSec;
+  channels_ = nChannels;
+  return S_OK;
+}
+
+STDMETHODIMP CWaveWriter::QueryIsReady(LONG* pbReady) {
+  if (pbReady == nullptr) return E_POINTER;
+  const Passage passage(this, WriterCall::kQueryIsReady);
+  if (passage.CameBack()) return S_OK;
+  if (const auto next = write_through_) next->QueryIsReady(pbReady);
+  return S_OK;
+}
+
+MARLINDA_DEFINE_CLASS(CWaveWriter)
+
+}  // namespace marlinda

@@ -1,0 +1,24 @@
+// CWmaSettings: the dialog "WMA Encoder Settings".
+#pragma once
+
+#include "export/settings_dialog.h"
+
+namespace marlinda {
+
+class CWmaSettings final : public SettingsDialog {
+ public:
+  static constexpr int kDefaultBitRateKbit = 96;
+
+  explicit CWmaSettings(int bit_rate_kbit = kDefaultBitRateKbit) noexcept;
+
+  int bit_rate_kbit() const noexcept { return bit_rate_kbit_; }
+
+ private:
+  // A bit rate that no button stands for checks none, and stays until one is clicked.
+  HWND OnOpening() override;
+  void OnClick(int item) override;
+
+  int bit_rate_kbit_;
+};
+
+}  // namespace marlinda
