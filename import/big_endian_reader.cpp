@@ -34,27 +34,37 @@ bool IsPossible(const PcmFormat& format) {
   return format.channels > 0 && format.samples_per_sec > 0;
 }
 
-// The whole frames that lie between `offset` and the end of the file, at most `promised`.
-std::int64_t FramesThere(ByteSource& file, std::uint64_t offset, const PcmFormat& format,
-                         std::uint64_t promised) {
-  const std::uint64_t bytes = file.size() - std::min(offset, file.size());
-  return static_cast<std::int64_t>(std::min(promised, bytes / format.FrameBytes()));
+// Keeps of the frames only the whole ones that lie within `promised` bytes and within the file.
+PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
+  const std::uint64_t there = file.size() - std::min(pcm.offset, file.size());
+  const std::uint64_t whole = std::min(promised, there) / pcm.FrameBytes();
+  pcm.frames = static_cast<std::int64_t>(std::min(static_cast<std::uint64_t>(pcm.frames), whole));
+  return pcm;
 }
 
-// What an AIFF-C compression type says about samples that are not compressed.
+// What an AIFF-C compression type says about samples that need no decoder.
 struct Encoding {
   std::string_view type;
   bool is_float;
   bool big_endian;
   int bits;  // 0 where the common chunk tells
+  Coding coding = Coding::kLinear;
 };
 constexpr Encoding kEncodings[] = {
-    {"NONE", false, true, 0},  {"twos", false, true, 0},  {"sowt", false, false, 0},
-    {"in24", false, true, 24}, {"in32", false, true, 32}, {"fl32", true, true, 32},
-    {"FL32", true, true, 32},  {"fl64", true, true, 64},  {"FL64", true, true, 64},
+    {"NONE", false, true, 0},
+    {"twos", false, true, 0},
+    {"sowt", false, false, 0},
+    {"in24", false, true, 24},
+    {"in32", false, true, 32},
+    {"fl32", true, true, 32},
+    {"FL32", true, true, 32},
+    {"fl64", true, true, 64},
+    {"FL64", true, true, 64},
+    {"ulaw", false, false, 16, Coding::kMuLaw},
+    {"ULAW", false, false, 16, Coding::kMuLaw},
+    {"alaw", false, false, 16, Coding::kALaw},
+    {"ALAW", false, false, 16, Coding::kALaw},
 };
-
-constexpr std::string_view kOneByteASample[] = {"ulaw", "ULAW", "alaw", "ALAW"};
 
 struct AiffChunks {
   std::vector<std::byte> common;
@@ -86,28 +96,34 @@ AiffChunks FindChunks(ByteSource& file) {
   return found;
 }
 
-// AU encodings by number; the others are compressed.
-std::optional<PcmFormat> AuFormat(std::uint32_t encoding) {
+// What the number of an AU encoding says about samples that need no decoder; no bits for the
+// others.
+PcmData AuEncoding(std::uint32_t encoding) {
+  PcmData pcm = {.big_endian = true, .signed_bytes = true};
   switch (encoding) {
+    case 1:
+      pcm.coding = Coding::kMuLaw;
+      pcm.format.bits = 16;
+      break;
+    case 27:
+      pcm.coding = Coding::kALaw;
+      pcm.format.bits = 16;
+      break;
     case 2:
     case 3:
     case 4:
     case 5:
-      return PcmFormat{0, 0, static_cast<std::int16_t>((encoding - 1) * 8), false};
+      pcm.format.bits = static_cast<std::int16_t>((encoding - 1) * 8);
+      break;
     case 6:
-      return PcmFormat{0, 0, 32, true};
     case 7:
-      return PcmFormat{0, 0, 64, true};
+      pcm.format.is_float = true;
+      pcm.format.bits = encoding == 6 ? 32 : 64;
+      break;
     default:
-      return std::nullopt;
+      break;
   }
-}
-
-// Bytes that a sample of a compressed encoding takes; 0 where samples have no fixed size.
-std::uint64_t CompressedSampleBytes(std::uint32_t encoding) {
-  constexpr std::uint32_t kMuLaw = 1;
-  constexpr std::uint32_t kALaw = 27;
-  return encoding == kMuLaw || encoding == kALaw ? 1 : 0;
+  return pcm;
 }
 
 }  // namespace
@@ -122,20 +138,13 @@ std::optional<SoundFacts> ReadAiff(ByteSource& file) {
   const AiffChunks chunks = FindChunks(file);
   const Bytes common = chunks.common;
   if (common.size() < kCommonBytes + (is_aifc ? 4 : 0)) {
-    facts.broken = true;
+    facts.refused = true;
     return facts;
   }
   const std::uint32_t frames = BigU32(common, 2);
   const auto* encoding = std::ranges::find(
       kEncodings, is_aifc ? IdAt(common, kCommonBytes) : kEncodings[0].type, &Encoding::type);
-  if (encoding == std::end(kEncodings)) {
-    // Of other compressions the count is one of packets.
-    const std::string_view type = IdAt(common, kCommonBytes);
-    if (std::ranges::find(kOneByteASample, type) != std::end(kOneByteASample)) {
-      facts.promised_frames = frames;
-    }
-    return facts;
-  }
+  if (encoding == std::end(kEncodings)) return facts;
 
   const std::uint64_t bits =
       encoding->bits != 0 ? static_cast<std::uint64_t>(encoding->bits) : ReadBig<2>(common, 6);
@@ -144,12 +153,16 @@ std::optional<SoundFacts> ReadAiff(ByteSource& file) {
                             static_cast<std::int16_t>((bits + 7) / 8 * 8), encoding->is_float};
   const bool known_width = bits > 0 && (bits <= 32 || encoding->is_float);
   // A file without samples may leave out their chunk.
-  facts.broken = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
-  if (facts.broken) return facts;
-  const std::uint64_t whole = chunks.sound_bytes / format.FrameBytes();
-  facts.pcm = PcmData{
-      format, encoding->big_endian, true, chunks.sound_offset,
-      FramesThere(file, chunks.sound_offset, format, std::min<std::uint64_t>(frames, whole))};
+  facts.refused = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
+  if (facts.refused) return facts;
+  facts.pcm = CutToFile(file,
+                        {.format = format,
+                         .coding = encoding->coding,
+                         .big_endian = encoding->big_endian,
+                         .signed_bytes = true,
+                         .offset = chunks.sound_offset,
+                         .frames = frames},
+                        chunks.sound_bytes);
   return facts;
 }
 
@@ -157,33 +170,26 @@ std::optional<SoundFacts> ReadAu(ByteSource& file) {
   const std::vector<std::byte> header = file.ReadUpTo(0, kAuHeaderBytes);
   if (header.size() < 4 || IdAt(header, 0) != ".snd") return std::nullopt;
   SoundFacts facts;
-  facts.broken = header.size() < kAuHeaderBytes;
-  if (facts.broken) return facts;
+  facts.refused = header.size() < kAuHeaderBytes;
+  if (facts.refused) return facts;
 
   const std::uint64_t offset = BigU32(header, 4);
   const std::uint32_t data_bytes = BigU32(header, 8);
   const std::uint32_t encoding = BigU32(header, 12);
   const std::uint32_t rate = BigU32(header, 16);
   const std::uint32_t channels = BigU32(header, 20);
-  facts.broken = offset < kAuHeaderBytes || rate == 0 ||
-                 rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
-                 channels > std::numeric_limits<std::int16_t>::max();
-  if (facts.broken) return facts;
+  facts.refused = offset < kAuHeaderBytes || rate == 0 ||
+                  rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
+                  channels > std::numeric_limits<std::int16_t>::max() ||
+                  AuEncoding(encoding).format.bits == 0;
+  if (facts.refused) return facts;
 
-  const std::uint64_t there = file.size() - std::min(offset, file.size());
-  const std::uint64_t promised = data_bytes == kUnknownSize ? there : data_bytes;
-  auto format = AuFormat(encoding);
-  if (!format) {
-    const std::uint64_t frame_bytes = channels * CompressedSampleBytes(encoding);
-    if (frame_bytes > 0) {
-      facts.promised_frames = static_cast<std::int64_t>(std::min(promised, there) / frame_bytes);
-    }
-    return facts;
-  }
-  format->samples_per_sec = static_cast<std::int32_t>(rate);
-  format->channels = static_cast<std::int16_t>(channels);
-  facts.pcm = PcmData{*format, true, true, offset,
-                      FramesThere(file, offset, *format, promised / format->FrameBytes())};
+  PcmData pcm = AuEncoding(encoding);
+  pcm.format.samples_per_sec = static_cast<std::int32_t>(rate);
+  pcm.format.channels = static_cast<std::int16_t>(channels);
+  pcm.offset = offset;
+  pcm.frames = std::numeric_limits<std::int64_t>::max();
+  facts.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);
   return facts;
 }
 

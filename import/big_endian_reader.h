@@ -7,8 +7,9 @@
 
 namespace marlinda {
 
-// Each is nothing when the file is of another kind. Compressed samples are left to others; what the
-// header then tells is their number, for a decoder may hand out more than belong to the sound.
+// Each is nothing when the file is of another kind. Compressed samples of AIFF-C files are left to
+// the filters of the system; those of AU files are refused, because these filters take the header
+// of an AU file for sound.
 std::optional<SoundFacts> ReadAiff(ByteSource& file);
 std::optional<SoundFacts> ReadAu(ByteSource& file);
 

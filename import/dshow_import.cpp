@@ -56,7 +56,7 @@ bool AskFilters(Source& source) {
       const auto stream = DShowStream::Open(source.file_name);
       if (stream == nullptr) return;
       source.format = stream->format();
-      source.total = source.facts.promised_frames.value_or(stream->total_frames());
+      source.total = stream->total_frames();
       decoded = true;
     }));
   }
@@ -75,7 +75,7 @@ HRESULT OpenSource(BSTR file_name, Source& source) {
   if (!source.file.Open(source.file_name)) return S_FALSE;
   source.facts = ExamineSound(source.file);
   if (source.facts.utf8) MakeAnsi(source.facts.meta_data);
-  if (source.facts.broken) return E_FAIL;
+  if (source.facts.refused) return E_FAIL;
   if (!source.facts.pcm) return AskFilters(source) ? S_OK : E_FAIL;
   source.format = source.facts.pcm->format;
   source.total = source.facts.pcm->frames;
@@ -84,10 +84,12 @@ HRESULT OpenSource(BSTR file_name, Source& source) {
 
 LONG AverageBytesPerSec(const Source& source) {
   const double rate = source.format.samples_per_sec;
-  const double frame_bytes =
-      source.facts.pcm || source.total <= 0
-          ? static_cast<double>(source.format.FrameBytes())
-          : static_cast<double>(source.file.size()) / static_cast<double>(source.total);
+  double frame_bytes = static_cast<double>(source.format.FrameBytes());
+  if (source.facts.pcm) {
+    frame_bytes = static_cast<double>(source.facts.pcm->FrameBytes());
+  } else if (source.total > 0) {
+    frame_bytes = static_cast<double>(source.file.size()) / static_cast<double>(source.total);
+  }
   return static_cast<LONG>(std::min<double>(rate * frame_bytes, std::numeric_limits<LONG>::max()));
 }
 
@@ -112,8 +114,7 @@ struct CDShowImport::Run {
   void Import();
   void WriteSamplesOf(FileSource& file, const PcmData& pcm);
   void WriteDecoded(const Source& decoded);
-  bool WriteBlock(std::span<const std::byte> bytes, SampleArray& block,
-                  std::optional<std::int64_t> limit);
+  void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block);
 };
 
 // The results of the writer's methods are not checked: a failing writer misses samples, and its
@@ -161,36 +162,24 @@ void CDShowImport::Run::WriteDecoded(const Source& decoded) {
   if (stream == nullptr || stream->format() != format) return;
   SampleArray block(kBlockSamples);
   std::vector<std::byte> bytes;
-  bool more = true;
-  while (more && stream->Read(bytes, cancelled)) {
-    more = WriteBlock(bytes, block, decoded.facts.promised_frames) && !cancelled;
-  }
+  while (!cancelled && stream->Read(bytes, cancelled)) WriteBuffer(bytes, block);
   // The length was an estimate; now it is known.
   if (stream->has_ended_well() && position > 0) total = position.load();
 }
 
-// Writes what one buffer of the graph holds, in blocks that are not too large. False once as many
-// frames were written as the file has: what decoders deliver beyond them is no sound.
-bool CDShowImport::Run::WriteBlock(std::span<const std::byte> bytes, SampleArray& block,
-                                   std::optional<std::int64_t> limit) {
+// Writes what one buffer of the graph holds, in blocks that are not too large.
+void CDShowImport::Run::WriteBuffer(std::span<const std::byte> bytes, SampleArray& block) {
   const std::size_t frame_bytes = format.FrameBytes();
   const auto channels = static_cast<std::size_t>(format.channels);
   const std::size_t most = std::max(kBlockSamples / channels, std::size_t{1});
-  while (bytes.size() >= frame_bytes) {
-    std::size_t frames = std::min(bytes.size() / frame_bytes, most);
-    if (limit) {
-      const std::int64_t left = std::max<std::int64_t>(*limit - position, 0);
-      frames = static_cast<std::size_t>(std::min(left, static_cast<std::int64_t>(frames)));
-      if (frames == 0) return false;
-    }
+  do {
+    const std::size_t frames = std::min(bytes.size() / frame_bytes, most);
     block.Resize(frames * channels);
     DecodeSamples(format, bytes, block.samples());
     bytes = bytes.subspan(frames * frame_bytes);
     writer->WriteAudio(block.get());
     position += static_cast<__int64>(frames);
-    if (cancelled) return false;
-  }
-  return true;
+  } while (bytes.size() >= frame_bytes && !cancelled);
 }
 
 CDShowImport::~CDShowImport() {

@@ -280,17 +280,18 @@ void RiffWalk::Conclude() {
   if (!is_wave_) return;
   cues_.Resolve(facts_);
   if (!data_offset_) {
-    facts_.broken = true;
+    facts_.refused = true;
     return;
   }
   if (IsCompressed(format_)) return;
   const auto format = ParseWaveFormat(format_);
   if (!format) {
-    facts_.broken = true;
+    facts_.refused = true;
     return;
   }
   const std::uint64_t frames = data_bytes_ / format->FrameBytes();
-  facts_.pcm = PcmData{*format, false, false, *data_offset_, static_cast<std::int64_t>(frames)};
+  facts_.pcm = PcmData{
+      .format = *format, .offset = *data_offset_, .frames = static_cast<std::int64_t>(frames)};
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // What the bytes of a sound file tell before anything is decoded.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -37,22 +38,33 @@ struct LoopData {
   friend bool operator==(const LoopData&, const LoopData&) = default;
 };
 
-// Uncompressed samples somewhere in a file. `frames` counts what is really there.
+// How a file keeps each sample: as the format says, or in one byte of a logarithmic scale.
+enum class Coding { kLinear, kMuLaw, kALaw };
+
+// Samples somewhere in a file that need no decoder. `frames` counts what is really there.
 struct PcmData {
-  PcmFormat format;
+  PcmFormat format = {};  // of the samples as they are read
+  Coding coding = Coding::kLinear;
   bool big_endian = false;
   bool signed_bytes = false;  // 8-bit samples are signed, where a wave has them around 128
   std::uint64_t offset = 0;
   std::int64_t frames = 0;
+
+  std::size_t SampleBytes() const noexcept {
+    return coding == Coding::kLinear ? static_cast<std::size_t>(format.bits / 8) : 1;
+  }
+  // In the file.
+  std::size_t FrameBytes() const noexcept {
+    return static_cast<std::size_t>(format.channels) * SampleBytes();
+  }
 };
 
 struct SoundFacts {
   // Where the samples are; nothing when they are compressed or the file is of another kind.
   std::optional<PcmData> pcm;
-  // The header contradicts itself or promises no sound: nothing should try to decode this.
-  bool broken = false;
-  // The length that the header of a compressed file promises.
-  std::optional<std::int64_t> promised_frames;
+  // Nothing should try to decode this: the header contradicts itself or promises no sound, or the
+  // file is one that another filter of the engine reads.
+  bool refused = false;
 
   std::vector<SoundLabel> labels;
   std::vector<SoundMarker> markers;

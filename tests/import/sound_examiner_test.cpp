@@ -109,14 +109,17 @@ TEST(SoundExaminer, RefusesHeadersThatContradictThemselvesAndLeavesCompressionTo
         PlainFormat(1, 40000, 44100, 1, 8), PlainFormat(1, 1, 0x80000000, 2, 16),
         PlainFormat(1, 2, 44100, 8, 64), Bytes(10, 1), Bytes()}) {
     const SoundFacts facts = Examine(RiffFile(Format(body) + data));
-    EXPECT_TRUE(facts.broken && !facts.pcm);
+    EXPECT_TRUE(facts.refused && !facts.pcm);
   }
-  EXPECT_TRUE(Examine(RiffFile(data)).broken);
-  EXPECT_TRUE(Examine(RiffFile(Format(kStereo16))).broken) << "no samples promised";
+  EXPECT_TRUE(Examine(RiffFile(data)).refused);
+  EXPECT_TRUE(Examine(RiffFile(Format(kStereo16))).refused) << "no samples promised";
   const SoundFacts mu_law = Examine(RiffFile(Format(PlainFormat(7, 1, 8000, 1, 8)) + data));
-  EXPECT_TRUE(!mu_law.broken && !mu_law.pcm);
+  EXPECT_TRUE(!mu_law.refused && !mu_law.pcm);
+  EXPECT_TRUE(Examine(Bytes()).refused);
+  EXPECT_TRUE(Examine(Text("OggS") + Bytes(24, 0) + Bytes{1} + Text("vorbis more")).refused);
+  EXPECT_FALSE(Examine(Text("OggS") + Bytes(24, 0) + Text("OpusHead more")).refused);
   const SoundFacts text = Examine(Text("RIFFRAFF and other texts"));
-  EXPECT_TRUE(!text.broken && !text.pcm);
+  EXPECT_TRUE(!text.refused && !text.pcm);
 }
 
 TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
@@ -176,9 +179,9 @@ TEST(SoundExaminer, ReadsSamplesInEveryByteOrder) {
   EXPECT_EQ(Examine(au(1, 3, {1, 2, 3, 4})).promised_frames, 3);
   EXPECT_EQ(Examine(aifc("ulaw", 16, {1, 2})).promised_frames, 2);
   EXPECT_EQ(Examine(aifc("ima4", 16, {1, 2})).promised_frames, std::nullopt) << "packets";
-  EXPECT_TRUE(Examine(aiff(0, 1, 16, {1, 2})).broken);
-  EXPECT_TRUE(Examine(aiff(1, 1, 40, {1, 2, 3, 4, 5})).broken);
-  EXPECT_TRUE(Examine(Text(".snd") + Big(24, 4) + U32(0) + Big(3, 4) + U32(0) + Big(1, 4)).broken);
+  EXPECT_TRUE(Examine(aiff(0, 1, 16, {1, 2})).refused);
+  EXPECT_TRUE(Examine(aiff(1, 1, 40, {1, 2, 3, 4, 5})).refused);
+  EXPECT_TRUE(Examine(Text(".snd") + Big(24, 4) + U32(0) + Big(3, 4) + U32(0) + Big(1, 4)).refused);
 }
 
 Bytes SyncSafe(std::uint64_t size) {
@@ -267,7 +270,7 @@ TEST(SoundExaminer, SurvivesEveryTruncationAndEveryWrongByte) {
     const SoundFacts facts = ExamineSound(source);
     if (!facts.pcm) return;
     const std::uint64_t bytes =
-        static_cast<std::uint64_t>(facts.pcm->frames) * facts.pcm->format.FrameBytes();
+        static_cast<std::uint64_t>(facts.pcm->frames) * facts.pcm->FrameBytes();
     EXPECT_LE(facts.pcm->offset + bytes, source.size());
   };
   for (std::size_t length = 0; length <= whole.size(); ++length) {
