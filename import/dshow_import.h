@@ -15,9 +15,9 @@ namespace marlinda {
 
 // One Initialize serves one run, as with the other import filters.
 //
-// Uncompressed samples of WAV, AIFF and AU files are read from the file itself, exactly and
-// whatever filters are installed; everything else goes through a filter graph, which lives on the
-// worker.
+// Uncompressed samples of WAV and AIFF files and the samples of AU files are read from the file
+// itself, exactly and whatever filters are installed; everything else goes through a filter graph,
+// which lives on the worker.
 //
 // Metadata, labels, section markers and loop data are those of the file named last, by Initialize
 // or by SetFilename. They can be read, not edited.

@@ -176,9 +176,15 @@ TEST(SoundExaminer, ReadsSamplesInEveryByteOrder) {
   EXPECT_THAT(SamplesOf(Wav(PlainFormat(1, 1, 8000, 3, 24), {0, 0, 0x40}, {})), ElementsAre(0.5F));
 
   EXPECT_EQ(Examine(aiff(1, 0, 16, {})).pcm->format, (PcmFormat{44100, 1, 16, false}));
-  EXPECT_EQ(Examine(au(1, 3, {1, 2, 3, 4})).promised_frames, 3);
-  EXPECT_EQ(Examine(aifc("ulaw", 16, {1, 2})).promised_frames, 2);
-  EXPECT_EQ(Examine(aifc("ima4", 16, {1, 2})).promised_frames, std::nullopt) << "packets";
+  const auto code = [](int value) { return static_cast<float>(value / 32767.0); };
+  EXPECT_THAT(SamplesOf(au(1, 3, {0x00, 0x80, 0xFE, 0x55})),
+              ElementsAre(code(-32124), code(32124), code(8)));
+  EXPECT_THAT(SamplesOf(au(27, 9, {0xD5, 0x2A, 0xAA})),
+              ElementsAre(code(8), code(-32256), code(32256)));
+  EXPECT_THAT(SamplesOf(aifc("ulaw", 16, {0x7F, 0xFF})), ElementsAre(0.0F, 0.0F));
+  const SoundFacts packets = Examine(aifc("ima4", 16, {1, 2}));
+  EXPECT_TRUE(!packets.refused && !packets.pcm);
+  EXPECT_TRUE(Examine(au(23, 9, {1, 2})).refused);
   EXPECT_TRUE(Examine(aiff(0, 1, 16, {1, 2})).refused);
   EXPECT_TRUE(Examine(aiff(1, 1, 40, {1, 2, 3, 4, 5})).refused);
   EXPECT_TRUE(Examine(Text(".snd") + Big(24, 4) + U32(0) + Big(3, 4) + U32(0) + Big(1, 4)).refused);

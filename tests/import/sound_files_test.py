@@ -25,8 +25,8 @@ PLAIN = {
     "s32.wav": ("-b 32 -e signed-integer", "s32le"),
     "f32.wav": ("-b 32 -e floating-point", "f32le"),
     "f64.wav": ("-b 64 -e floating-point", "f64le"),
-    "mono.wav": ("-c 1", "s16le"),
-    "surround.wav": ("-c 6", "s16le"),
+    "mono.wav": ("-c 1 -b 16", "s16le"),
+    "surround.wav": ("-c 6 -b 16", "s16le"),
     "eight.wav": ("-c 8 -b 24", "s24le"),
     "wide.wav": ("-t wavpcm -b 24", "s24le"),
     "s8.aiff": ("-b 8", "u8"),
@@ -39,10 +39,11 @@ PLAIN = {
     "s24.au": ("-b 24 -e signed-integer", "s24le"),
     "s32.au": ("-b 32 -e signed-integer", "s32le"),
     "f32.au": ("-b 32 -e floating-point", "f32le"),
+    "mulaw.au": ("-e mu-law", "s16le"),
+    "alaw.au": ("-e a-law", "s16le"),
     # These go through a filter graph.
     "mulaw.wav": ("-e mu-law", "s16le"),
     "alaw.wav": ("-e a-law", "s16le"),
-    "mulaw.au": ("-e mu-law", "s16le"),
 }
 VIDEO = ["-f", "lavfi", "-i", "testsrc=duration=0.25:size=64x48"]
 CODED = {
