@@ -224,7 +224,6 @@ std::optional<AcidData> Source::ReadAcidData() const {
 }
 
 ImportedAudio Source::Import(const Console& console) {
-  const std::optional<__int64> promised = Frames();
   if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Reading", console)) {
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
   }
@@ -247,6 +246,8 @@ ImportedAudio Source::Import(const Console& console) {
                     "\"Temporary\" of HKEY_CURRENT_USER\\Software\\Brevant\\Cutloom\\Directories.");
   }
   if (FAILED(last)) throw Explain(last, kTemporaryFolder, ExitStatus::kOutput);
+  // Asked at the end, because the length of a compressed file may be an estimate until then.
+  const std::optional<__int64> promised = Frames();
   if (promised && audio.frames < *promised) {
     console.Tell(file_ + ": only " + std::to_string(audio.frames) + " of " +
                  std::to_string(*promised) + " frames could be decoded; the file seems damaged");

@@ -4,7 +4,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <initializer_list>
 #include <utility>
 
 #include "core/com_ptr.h"
@@ -12,6 +11,7 @@
 #include "core/sample_converter.h"
 #include "core/scratch_array.h"
 #include "core/text.h"
+#include "import/hand_out.h"
 #include "import/vorbis_stream.h"
 
 namespace marlinda {
@@ -59,26 +59,6 @@ MetaData ReadMetaData(const VorbisStream& stream) {
     ApplyVorbisComment(Utf8ToAnsi(comment), data);
   }
   return data;
-}
-
-struct OutText {
-  BSTR* out;
-  std::string_view text;
-};
-
-// Hands out all of the texts or none.
-HRESULT HandOut(std::initializer_list<OutText> texts) noexcept {
-  for (const OutText& each : texts) {
-    if (each.out == nullptr) return E_POINTER;
-  }
-  for (const OutText& each : texts) *each.out = nullptr;
-  const HRESULT hr = ComCall([&] {
-    for (const OutText& each : texts) *each.out = ToBstr(each.text);
-    return S_OK;
-  });
-  if (SUCCEEDED(hr)) return hr;
-  for (const OutText& each : texts) SysFreeString(std::exchange(*each.out, nullptr));
-  return hr;
 }
 
 }  // namespace

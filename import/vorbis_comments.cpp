@@ -1,6 +1,7 @@
 #include "import/vorbis_comments.h"
 
 #include <algorithm>
+#include <string>
 
 namespace marlinda {
 namespace {

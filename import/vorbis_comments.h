@@ -1,18 +1,11 @@
 // Vorbis comments as the five metadata texts that the engine knows.
 #pragma once
 
-#include <string>
 #include <string_view>
 
-namespace marlinda {
+#include "import/meta_data.h"
 
-struct MetaData {
-  std::string title;
-  std::string artist;
-  std::string album;
-  std::string year;
-  std::string genre;
-};
+namespace marlinda {
 
 // Takes one user comment, "KEY=value" with the key in any case, into `data`. A later comment
 // replaces an earlier one with the same key. DATE gives the year: its first four characters, so

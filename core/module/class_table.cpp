@@ -12,6 +12,7 @@ MARLINDA_DECLARE_CLASS(CAudioPlayback);
 MARLINDA_DECLARE_CLASS(CAudioPool);
 MARLINDA_DECLARE_CLASS(CAudioPoolReader);
 MARLINDA_DECLARE_CLASS(CAudioScrubber);
+MARLINDA_DECLARE_CLASS(CDShowImport);
 MARLINDA_DECLARE_CLASS(CEditedAudio);
 MARLINDA_DECLARE_CLASS(CFileFilterMgr);
 MARLINDA_DECLARE_CLASS(CNullReader);
@@ -33,7 +34,7 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", CreateCEditedAudio},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",
        CreateCWavExportFilter},
-      {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", nullptr},
+      {&CLSID_CDShowImport, L"CDShowImport", L"Marlinda.DShowImport.1", CreateCDShowImport},
       {&CLSID_CFileFilterMgr, L"CFileFilterMgr", L"Marlinda.FileFilterMgr.1", CreateCFileFilterMgr},
       {&CLSID_CNullReader, L"CNullReader", L"Marlinda.NullReader.1", CreateCNullReader},
       {&CLSID_COggImport, L"COggImport", L"Marlinda.OggImport.1", CreateCOggImport},

@@ -1,0 +1,25 @@
+// Feeds arbitrary bytes to the readers of sound files, and reads the samples that they find.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "import/sound_examiner.h"
+#include "tests/import/memory_source.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  marlinda::testing::MemorySource file(std::vector<unsigned char>(data, data + size));
+  const marlinda::SoundFacts facts = marlinda::ExamineSound(file);
+  if (!facts.pcm) return 0;
+  const auto channels = static_cast<std::size_t>(facts.pcm->format.channels);
+  std::vector<float> block(64 * channels);
+  std::vector<std::byte> scratch;
+  std::int64_t frames = 0;
+  while (frames < facts.pcm->frames) {
+    const std::size_t read = marlinda::ReadSamples(file, *facts.pcm, frames, block, scratch);
+    // As many frames as were promised must be there.
+    if (read < channels || read % channels != 0) std::abort();
+    frames += static_cast<std::int64_t>(read / channels);
+  }
+  return 0;
+}

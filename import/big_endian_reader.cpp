@@ -1,0 +1,196 @@
+#include "import/big_endian_reader.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <string_view>
+
+#include "import/byte_reader.h"
+
+namespace marlinda {
+namespace {
+
+constexpr int kMostChunks = 65536;
+constexpr std::size_t kCommonBytes = 18;
+constexpr std::size_t kAuHeaderBytes = 24;
+constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
+
+using Bytes = std::span<const std::byte>;
+
+std::string_view IdAt(Bytes bytes, std::size_t offset) { return AsText(bytes.subspan(offset, 4)); }
+
+// The rate of an AIFF file is an 80-bit float: sign and exponent, then all bits of the fraction.
+// 0 when it is no rate that can be.
+std::int32_t RateFrom80Bits(Bytes bytes) {
+  const auto exponent = static_cast<int>(ReadBig<2>(bytes, 0));
+  const auto fraction = static_cast<double>(ReadBig<8>(bytes, 2));
+  if (exponent < 16383 || exponent > 16383 + 31) return 0;  // below 1, beyond 2^32 or negative
+  const double rate = std::round(std::ldexp(fraction, exponent - 16383 - 63));
+  return rate <= std::numeric_limits<std::int32_t>::max() ? static_cast<std::int32_t>(rate) : 0;
+}
+
+bool IsPossible(const PcmFormat& format) {
+  return format.channels > 0 && format.samples_per_sec > 0;
+}
+
+// Keeps of the frames only the whole ones that lie within `promised` bytes and within the file.
+PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
+  const std::uint64_t there = file.size() - std::min(pcm.offset, file.size());
+  const std::uint64_t whole = std::min(promised, there) / pcm.FrameBytes();
+  pcm.frames = static_cast<std::int64_t>(std::min(static_cast<std::uint64_t>(pcm.frames), whole));
+  return pcm;
+}
+
+// What an AIFF-C compression type says about samples that need no decoder.
+struct Encoding {
+  std::string_view type;
+  bool is_float;
+  bool big_endian;
+  int bits;  // 0 where the common chunk tells
+  Coding coding = Coding::kLinear;
+};
+constexpr Encoding kEncodings[] = {
+    {"NONE", false, true, 0},
+    {"twos", false, true, 0},
+    {"sowt", false, false, 0},
+    {"in24", false, true, 24},
+    {"in32", false, true, 32},
+    {"fl32", true, true, 32},
+    {"FL32", true, true, 32},
+    {"fl64", true, true, 64},
+    {"FL64", true, true, 64},
+    {"ulaw", false, false, 16, Coding::kMuLaw},
+    {"ULAW", false, false, 16, Coding::kMuLaw},
+    {"alaw", false, false, 16, Coding::kALaw},
+    {"ALAW", false, false, 16, Coding::kALaw},
+};
+
+struct AiffChunks {
+  std::vector<std::byte> common;
+  std::uint64_t sound_offset = 0;  // 0 where there is no sound
+  std::uint64_t sound_bytes = 0;
+};
+
+AiffChunks FindChunks(ByteSource& file) {
+  AiffChunks found;
+  std::uint64_t position = 12;
+  for (int count = 0; count < kMostChunks; ++count) {
+    const std::vector<std::byte> header = file.ReadUpTo(position, 8);
+    if (header.size() < 8) break;
+    const std::uint64_t size = BigU32(header, 4);
+    position += 8;
+    if (IdAt(header, 0) == "COMM" && found.common.empty()) {
+      found.common = file.ReadUpTo(position, std::min<std::uint64_t>(size, 22));
+    } else if (IdAt(header, 0) == "SSND" && found.sound_offset == 0) {
+      // The samples begin behind an offset, which is for alignment and nearly always 0.
+      const std::vector<std::byte> sound = file.ReadUpTo(position, 8);
+      if (sound.size() == 8 && size >= 8) {
+        const std::uint64_t skipped = 8 + std::min<std::uint64_t>(BigU32(sound, 0), size - 8);
+        found.sound_offset = position + skipped;
+        found.sound_bytes = size - skipped;
+      }
+    }
+    position += size + size % 2;
+  }
+  return found;
+}
+
+// What the number of an AU encoding says about samples that need no decoder; no bits for the
+// others.
+PcmData AuEncoding(std::uint32_t encoding) {
+  PcmData pcm = {.big_endian = true, .signed_bytes = true};
+  switch (encoding) {
+    case 1:
+      pcm.coding = Coding::kMuLaw;
+      pcm.format.bits = 16;
+      break;
+    case 27:
+      pcm.coding = Coding::kALaw;
+      pcm.format.bits = 16;
+      break;
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+      pcm.format.bits = static_cast<std::int16_t>((encoding - 1) * 8);
+      break;
+    case 6:
+    case 7:
+      pcm.format.is_float = true;
+      pcm.format.bits = encoding == 6 ? 32 : 64;
+      break;
+    default:
+      break;
+  }
+  return pcm;
+}
+
+}  // namespace
+
+std::optional<SoundFacts> ReadAiff(ByteSource& file) {
+  const std::vector<std::byte> form = file.ReadUpTo(0, 12);
+  if (form.size() < 12 || IdAt(form, 0) != "FORM") return std::nullopt;
+  const bool is_aifc = IdAt(form, 8) == "AIFC";
+  if (!is_aifc && IdAt(form, 8) != "AIFF") return std::nullopt;
+
+  SoundFacts facts;
+  const AiffChunks chunks = FindChunks(file);
+  const Bytes common = chunks.common;
+  if (common.size() < kCommonBytes + (is_aifc ? 4 : 0)) {
+    facts.refused = true;
+    return facts;
+  }
+  const std::uint32_t frames = BigU32(common, 2);
+  const auto* encoding = std::ranges::find(
+      kEncodings, is_aifc ? IdAt(common, kCommonBytes) : kEncodings[0].type, &Encoding::type);
+  if (encoding == std::end(kEncodings)) return facts;
+
+  const std::uint64_t bits =
+      encoding->bits != 0 ? static_cast<std::uint64_t>(encoding->bits) : ReadBig<2>(common, 6);
+  const PcmFormat format = {RateFrom80Bits(common.subspan(8, 10)),
+                            static_cast<std::int16_t>(ReadBig<2>(common, 0)),
+                            static_cast<std::int16_t>((bits + 7) / 8 * 8), encoding->is_float};
+  const bool known_width = bits > 0 && (bits <= 32 || encoding->is_float);
+  // A file without samples may leave out their chunk.
+  facts.refused = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
+  if (facts.refused) return facts;
+  facts.pcm = CutToFile(file,
+                        {.format = format,
+                         .coding = encoding->coding,
+                         .big_endian = encoding->big_endian,
+                         .signed_bytes = true,
+                         .offset = chunks.sound_offset,
+                         .frames = frames},
+                        chunks.sound_bytes);
+  return facts;
+}
+
+std::optional<SoundFacts> ReadAu(ByteSource& file) {
+  const std::vector<std::byte> header = file.ReadUpTo(0, kAuHeaderBytes);
+  if (header.size() < 4 || IdAt(header, 0) != ".snd") return std::nullopt;
+  SoundFacts facts;
+  facts.refused = header.size() < kAuHeaderBytes;
+  if (facts.refused) return facts;
+
+  const std::uint64_t offset = BigU32(header, 4);
+  const std::uint32_t data_bytes = BigU32(header, 8);
+  const std::uint32_t encoding = BigU32(header, 12);
+  const std::uint32_t rate = BigU32(header, 16);
+  const std::uint32_t channels = BigU32(header, 20);
+  facts.refused = offset < kAuHeaderBytes || rate == 0 ||
+                  rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
+                  channels > std::numeric_limits<std::int16_t>::max() ||
+                  AuEncoding(encoding).format.bits == 0;
+  if (facts.refused) return facts;
+
+  PcmData pcm = AuEncoding(encoding);
+  pcm.format.samples_per_sec = static_cast<std::int32_t>(rate);
+  pcm.format.channels = static_cast<std::int16_t>(channels);
+  pcm.offset = offset;
+  pcm.frames = std::numeric_limits<std::int64_t>::max();
+  facts.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);
+  return facts;
+}
+
+}  // namespace marlinda

@@ -1,0 +1,24 @@
+// The bytes of a file on disk, which nobody may write or delete meanwhile.
+#pragma once
+
+#include <string>
+
+#include "core/handle.h"
+#include "import/byte_source.h"
+
+namespace marlinda {
+
+class FileSource final : public ByteSource {
+ public:
+  // False when the file cannot be opened; to be called once.
+  bool Open(const std::wstring& name) noexcept;
+
+  std::uint64_t size() const override { return size_; }
+  std::size_t Read(std::uint64_t offset, std::span<std::byte> out) override;
+
+ private:
+  FileHandle file_;
+  std::uint64_t size_ = 0;
+};
+
+}  // namespace marlinda

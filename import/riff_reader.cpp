@@ -1,0 +1,301 @@
+#include "import/riff_reader.h"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+
+#include "import/byte_reader.h"
+
+namespace marlinda {
+namespace {
+
+constexpr std::size_t kHeaderBytes = 8;
+constexpr std::size_t kFormHeaderBytes = 12;
+// More chunks than any file has that was not made to keep a reader busy.
+constexpr int kMostChunks = 65536;
+// Of cue points and texts in all; more are left out.
+constexpr std::uint64_t kMostBodyBytes = std::uint64_t{16} << 20;
+// In an RF64 file and in one that was written to a pipe: the size stands elsewhere or nowhere.
+constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
+
+constexpr std::size_t kCuePointBytes = 24;
+constexpr std::size_t kRegionHeaderBytes = 20;
+constexpr std::size_t kLoopBytes = 24;
+constexpr std::size_t kYearCharacters = 4;
+
+using Bytes = std::span<const std::byte>;
+
+std::string_view IdAt(Bytes bytes, std::size_t offset) { return AsText(bytes.subspan(offset, 4)); }
+
+// The text of a chunk ends with its first NUL or with the chunk.
+std::string TextOf(Bytes bytes) {
+  const std::string_view text = AsText(bytes);
+  return std::string(text.substr(0, text.find('\0')));
+}
+
+struct Chunk {
+  std::string_view id;
+  Bytes body;
+};
+
+// Takes the first chunk off `list`, which lies in memory. False at its end.
+bool NextChunk(Bytes& list, Chunk& chunk) {
+  if (list.size() < kHeaderBytes) return false;
+  const std::uint64_t size = LittleU32(list, 4);
+  chunk.id = IdAt(list, 0);
+  list = list.subspan(kHeaderBytes);
+  chunk.body = list.first(static_cast<std::size_t>(std::min<std::uint64_t>(size, list.size())));
+  list =
+      list.subspan(static_cast<std::size_t>(std::min<std::uint64_t>(size + size % 2, list.size())));
+  return true;
+}
+
+// The names and regions of cue points as the file has them, put together at its end: "adtl" may
+// come before "cue ".
+class CueSheet {
+ public:
+  void AddPoints(Bytes body);
+  void AddAssociatedData(Bytes list);
+  void Resolve(SoundFacts& facts);
+
+ private:
+  struct Point {
+    std::uint32_t id;
+    std::int64_t position;
+    const std::string* label = nullptr;
+    const std::string* note = nullptr;
+    bool is_region = false;
+  };
+  struct Text {
+    std::uint32_t id;
+    std::string text;
+  };
+  struct Region {
+    std::uint32_t id;
+    std::int64_t length;
+    std::string name;
+  };
+
+  std::vector<Point*> SortedById();
+
+  std::vector<Point> points_;
+  std::vector<Text> labels_;
+  std::vector<Text> notes_;
+  std::vector<Region> regions_;
+};
+
+void CueSheet::AddPoints(Bytes body) {
+  if (body.size() < 4) return;
+  std::uint32_t left = LittleU32(body, 0);
+  for (body = body.subspan(4); left > 0 && body.size() >= kCuePointBytes;
+       body = body.subspan(kCuePointBytes), --left) {
+    points_.push_back({LittleU32(body, 0), LittleU32(body, 20)});
+  }
+}
+
+void CueSheet::AddAssociatedData(Bytes list) {
+  Chunk chunk;
+  while (NextChunk(list, chunk)) {
+    if (chunk.body.size() < 4) continue;
+    const std::uint32_t id = LittleU32(chunk.body, 0);
+    if (chunk.id == "labl") {
+      labels_.push_back({id, TextOf(chunk.body.subspan(4))});
+    } else if (chunk.id == "note") {
+      notes_.push_back({id, TextOf(chunk.body.subspan(4))});
+    } else if (chunk.id == "ltxt" && chunk.body.size() >= kRegionHeaderBytes) {
+      regions_.push_back(
+          {id, LittleU32(chunk.body, 4), TextOf(chunk.body.subspan(kRegionHeaderBytes))});
+    }
+  }
+}
+
+std::vector<CueSheet::Point*> CueSheet::SortedById() {
+  std::vector<Point*> sorted;
+  sorted.reserve(points_.size());
+  for (Point& point : points_) sorted.push_back(&point);
+  std::ranges::stable_sort(sorted, {}, [](const Point* point) { return point->id; });
+  return sorted;
+}
+
+void CueSheet::Resolve(SoundFacts& facts) {
+  const std::vector<Point*> by_id = SortedById();
+  // Of several points with one number the first is meant.
+  const auto find = [&](std::uint32_t id) -> Point* {
+    const auto found =
+        std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
+    return found != by_id.end() && (*found)->id == id ? *found : nullptr;
+  };
+  for (const Text& label : labels_) {
+    if (Point* point = find(label.id); point != nullptr && !point->label) {
+      point->label = &label.text;
+    }
+  }
+  for (const Text& note : notes_) {
+    if (Point* point = find(note.id); point != nullptr && !point->note) point->note = &note.text;
+  }
+  const auto name_of = [](const Point& point) {
+    if (point.label != nullptr && !point.label->empty()) return *point.label;
+    return point.note != nullptr ? *point.note : std::string();
+  };
+  for (Region& region : regions_) {
+    Point* const point = find(region.id);
+    if (point == nullptr) continue;
+    // Some programs give every point an empty region beside its name.
+    if (region.length == 0 && region.name.empty() && point->label != nullptr) continue;
+    point->is_region = true;
+    facts.markers.push_back({region.name.empty() ? name_of(*point) : std::move(region.name),
+                             point->position, point->position + region.length});
+  }
+  for (const Point& point : points_) {
+    if (!point.is_region) facts.labels.push_back({name_of(point), point.position});
+  }
+}
+
+void ReadInfo(Bytes list, MetaData& data) {
+  Chunk chunk;
+  while (NextChunk(list, chunk)) {
+    if (chunk.id == "INAM") {
+      data.title = TextOf(chunk.body);
+    } else if (chunk.id == "IART") {
+      data.artist = TextOf(chunk.body);
+    } else if (chunk.id == "IPRD") {
+      data.album = TextOf(chunk.body);
+    } else if (chunk.id == "IGNR") {
+      data.genre = TextOf(chunk.body);
+    } else if (chunk.id == "ICRD") {
+      // The first four characters of a date are its year. They end at a "-" because a year that
+      // nobody knew is written as "-01-01".
+      data.year = TextOf(chunk.body).substr(0, kYearCharacters);
+      data.year.erase(std::min(data.year.find('-'), data.year.size()));
+    }
+  }
+}
+
+LoopData ReadLoop(Bytes body) {
+  return {static_cast<std::int32_t>(LittleU32(body, 0)),
+          static_cast<std::int16_t>(LittleU16(body, 16)),
+          static_cast<std::int16_t>(LittleU16(body, 18)),
+          static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
+}
+
+// Whether a format body says that samples are compressed, in a way that this system may know.
+bool IsCompressed(Bytes body) {
+  constexpr unsigned kPcm = 1;
+  constexpr unsigned kFloat = 3;
+  constexpr unsigned kExtensible = 0xFFFE;
+  if (body.size() < 16) return false;
+  unsigned tag = LittleU16(body, 0);
+  if (tag == kExtensible && body.size() >= 26) tag = LittleU16(body, 24);
+  return tag != kPcm && tag != kFloat;
+}
+
+class RiffWalk {
+ public:
+  explicit RiffWalk(ByteSource& file) : file_(file) {}
+  std::optional<SoundFacts> Read();
+
+ private:
+  void WalkChunks(std::uint64_t end);
+  void TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there);
+  void TakeList(Bytes body);
+  void Conclude();
+  std::vector<std::byte> Body(std::uint64_t there);
+
+  ByteSource& file_;
+  SoundFacts facts_;
+  CueSheet cues_;
+  std::uint64_t position_ = kFormHeaderBytes;  // of the chunk's header, then of its body
+  std::uint64_t bytes_left_ = kMostBodyBytes;
+  bool is_wave_ = false;
+  std::vector<std::byte> format_;
+  std::optional<std::uint64_t> wide_data_size_;
+  std::optional<std::uint64_t> data_offset_;
+  std::uint64_t data_bytes_ = 0;
+};
+
+std::optional<SoundFacts> RiffWalk::Read() {
+  const std::vector<std::byte> header = file_.ReadUpTo(0, kFormHeaderBytes);
+  if (header.size() < kFormHeaderBytes) return std::nullopt;
+  const std::string_view id = IdAt(header, 0);
+  if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
+  is_wave_ = IdAt(header, 8) == "WAVE";
+  // A size of nothing or of everything comes from a writer that could not come back to fill it in.
+  const std::uint64_t size = LittleU32(header, 4);
+  const bool known = size >= 4 && size != kUnknownSize;
+  WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());
+  Conclude();
+  return std::move(facts_);
+}
+
+void RiffWalk::WalkChunks(std::uint64_t end) {
+  for (int count = 0; count < kMostChunks && position_ + kHeaderBytes <= end; ++count) {
+    const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
+    if (header.size() < kHeaderBytes) return;
+    position_ += kHeaderBytes;
+    std::uint64_t size = LittleU32(header, 4);
+    const std::string_view id = IdAt(header, 0);
+    if (id == "data" && size == kUnknownSize) size = wide_data_size_.value_or(end - position_);
+    const std::uint64_t there = std::min(size, end - position_);
+    TakeChunk(id, size, there);
+    position_ += there;
+    if (there == size && size % 2 != 0) ++position_;
+  }
+}
+
+void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there) {
+  if (id == "LIST") {
+    TakeList(Body(there));
+  } else if (!is_wave_) {
+    return;
+  } else if (id == "fmt " && format_.empty()) {
+    format_ = Body(there);
+  } else if (id == "data" && !data_offset_) {
+    data_offset_ = position_;
+    data_bytes_ = there;
+  } else if (id == "ds64" && size >= 24) {
+    const auto body = Body(there);
+    if (body.size() >= 24) wide_data_size_ = ReadLittle<8>(body, 8);
+  } else if (id == "cue ") {
+    cues_.AddPoints(Body(there));
+  } else if (id == "acid") {
+    const auto body = Body(there);
+    if (body.size() >= kLoopBytes) facts_.loop = ReadLoop(body);
+  }
+}
+
+void RiffWalk::TakeList(Bytes body) {
+  if (body.size() < 4) return;
+  const std::string_view type = IdAt(body, 0);
+  if (type == "INFO") ReadInfo(body.subspan(4), facts_.meta_data);
+  if (type == "adtl" && is_wave_) cues_.AddAssociatedData(body.subspan(4));
+}
+
+std::vector<std::byte> RiffWalk::Body(std::uint64_t there) {
+  auto body = file_.ReadUpTo(position_, std::min(there, bytes_left_));
+  bytes_left_ -= body.size();
+  return body;
+}
+
+void RiffWalk::Conclude() {
+  if (!is_wave_) return;
+  cues_.Resolve(facts_);
+  if (!data_offset_) {
+    facts_.refused = true;
+    return;
+  }
+  if (IsCompressed(format_)) return;
+  const auto format = ParseWaveFormat(format_);
+  if (!format) {
+    facts_.refused = true;
+    return;
+  }
+  const std::uint64_t frames = data_bytes_ / format->FrameBytes();
+  facts_.pcm = PcmData{
+      .format = *format, .offset = *data_offset_, .frames = static_cast<std::int64_t>(frames)};
+}
+
+}  // namespace
+
+std::optional<SoundFacts> ReadRiff(ByteSource& file) { return RiffWalk(file).Read(); }
+
+}  // namespace marlinda

@@ -1,0 +1,54 @@
+// Imports every file of a folder through CDShowImport, in one process, and leaves the samples
+// beside it as raw floats, for comparison with what other programs decode:
+//   import_files FOLDER
+// For each file one line: name, result, rate, channels, bits, promised frames.
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "tests/import/recording_writer.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+void ImportFile(const std::filesystem::path& path) {
+  const auto filter = Create<IImportFilter>(CLSID_CDShowImport);
+  const auto writer = RecordingWriter::Make();
+  const Bstr name(path.wstring());
+  std::cout << path.filename().string() << ' ' << std::hex << filter->QueryCanLoad(name)
+            << std::dec;
+  if (filter->Initialize(name, writer.Get()) == S_OK) {
+    LONG rate = 0;
+    SHORT channels = 0;
+    SHORT bits = 0;
+    As<IExFormatInfo>(filter)->GetFormat(&rate, &channels);
+    As<IExFormatInfo>(filter)->GetBitsPerSample(&bits);
+    const auto task = As<ICoreTask>(filter);
+    task->Start();
+    if (!WaitForTask(task.Get())) throw HResultError(E_FAIL);
+    __int64 frames = 0;
+    filter->GetSourceSampleCount(&frames);
+    std::cout << ' ' << rate << ' ' << channels << ' ' << bits << ' ' << frames;
+    std::ofstream raw(path.string() + ".raw", std::ios::binary);
+    raw.write(reinterpret_cast<const char*>(writer->samples.data()),
+              static_cast<std::streamsize>(writer->samples.size() * sizeof(float)));
+  }
+  std::cout << std::endl;
+}
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  using namespace marlinda::testing;
+  if (argc != 2) return 2;
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  ModuleUnderTest::Load();
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) files.push_back(entry);
+  for (const auto& file : files) ImportFile(file);
+  ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return 0;
+}

@@ -1,0 +1,295 @@
+// Headers, chunks and tags of sound files as other programs write them, and as nobody should.
+#include "import/sound_examiner.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+#include "tests/export/riff_builder.h"
+#include "tests/import/memory_source.h"
+
+namespace marlinda::testing {
+namespace {
+
+using namespace riff;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+SoundFacts Examine(const Bytes& file) {
+  MemorySource source(file);
+  return ExamineSound(source);
+}
+
+// A chunk as RIFF has it: padded to 2 bytes, the padding not counted.
+Bytes EvenChunk(std::string_view id, const Bytes& body) {
+  return Text(id) + U32(body.size()) + body + Bytes(body.size() % 2, 0);
+}
+Bytes RiffFile(const Bytes& chunks) { return EvenChunk("RIFF", Text("WAVE") + chunks); }
+Bytes Format(const Bytes& body) { return EvenChunk("fmt ", body); }
+const Bytes kStereo16 = PlainFormat(1, 2, 44100, 2, 16);
+
+Bytes Big(std::uint64_t value, int bytes) {
+  Bytes result = Integer(value, bytes);
+  std::ranges::reverse(result);
+  return result;
+}
+Bytes BigChunk(std::string_view id, const Bytes& body) {
+  return Text(id) + Big(body.size(), 4) + body + Bytes(body.size() % 2, 0);
+}
+
+std::vector<float> SamplesOf(const Bytes& file) {
+  MemorySource source(file);
+  const SoundFacts facts = ExamineSound(source);
+  if (!facts.pcm) return {};
+  const auto count = static_cast<std::size_t>(facts.pcm->frames * facts.pcm->format.channels);
+  std::vector<float> samples(count + 4, 9.0F);
+  std::vector<std::byte> scratch;
+  samples.resize(ReadSamples(source, *facts.pcm, 0, samples, scratch));
+  EXPECT_GE(samples.size(), count);
+  samples.resize(std::min(samples.size(), count));
+  return samples;
+}
+
+TEST(SoundExaminer, ReadsCuesRegionsTextsAndLoopsOfOtherPrograms) {
+  const Bytes region_without_text = U32(7) + U32(50) + Text("rgn ") + U32(0) + U32(0);
+  const Bytes point_as_region = U32(3) + U32(0) + Text("mark") + U32(0) + U32(0);
+  const SoundFacts facts = Examine(RiffFile(
+      EvenChunk("JUNK", Text("odd")) +
+      EvenChunk("LIST", Text("adtl") + EvenChunk("labl", U32(7) + TextZ("Solo")) +
+                            EvenChunk("ltxt", region_without_text) +
+                            EvenChunk("labl", U32(3) + TextZ("Hit")) +
+                            EvenChunk("ltxt", point_as_region) +
+                            EvenChunk("note", U32(9) + TextZ("a note")) +
+                            EvenChunk("labl", U32(99) + TextZ("of no point"))) +
+      Format(kStereo16) +
+      EvenChunk("cue ", U32(4) + CuePoint(3, 0, 0, 10) + CuePoint(7, 0, 0, 100) +
+                            CuePoint(9, 0, 0, 4294967295) + CuePoint(3, 0, 0, 12)) +
+      EvenChunk("data", Bytes(9, 1)) +
+      EvenChunk("LIST", Text("INFO") + EvenChunk("INAM", TextZ("Song")) +
+                            EvenChunk("IART", Text("Band")) + EvenChunk("IPRD", TextZ("LP")) +
+                            EvenChunk("IGNR", TextZ("Dub")) +
+                            EvenChunk("ICRD", TextZ("1998-10-02"))) +
+      EvenChunk("acid", U32(60) + U32(1) + U32(2) + U32(16) + U16(3) + U16(4) + F32(99.5F))));
+  const std::vector<SoundLabel> labels = {{"Hit", 10}, {"a note", 4294967295}, {"", 12}};
+  EXPECT_EQ(facts.labels, labels);
+  const std::vector<SoundMarker> markers = {{"Solo", 100, 150}};
+  EXPECT_EQ(facts.markers, markers);
+  EXPECT_EQ(facts.meta_data, (MetaData{"Song", "Band", "LP", "1998", "Dub"}));
+  EXPECT_EQ(facts.loop, (LoopData{60, 3, 4, 16, 99.5F}));
+  ASSERT_TRUE(facts.pcm);
+  EXPECT_EQ(facts.pcm->format, (PcmFormat{44100, 2, 16, false}));
+  EXPECT_EQ(facts.pcm->frames, 2);
+}
+
+TEST(SoundExaminer, TakesAYearThatNobodyKnewForNone) {
+  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info())).meta_data, MetaData());
+  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info("", "", "", "", "99-01-01"))).meta_data.year, "99");
+}
+
+TEST(SoundExaminer, ReadsEveryUncompressedWaveFormat) {
+  const auto format_of = [](const Bytes& body) {
+    const SoundFacts facts = Examine(RiffFile(Format(body) + EvenChunk("data", Bytes(64, 0))));
+    return facts.pcm ? facts.pcm->format : PcmFormat();
+  };
+  EXPECT_EQ(format_of(PlainFormat(1, 1, 8000, 1, 8)), (PcmFormat{8000, 1, 8, false}));
+  EXPECT_EQ(format_of(PlainFormat(1, 2, 96000, 3, 20)), (PcmFormat{96000, 2, 24, false}));
+  EXPECT_EQ(format_of(PlainFormat(1, 2, 48000, 4, 24)), (PcmFormat{48000, 2, 32, false}));
+  EXPECT_EQ(format_of(PlainFormat(3, 1, 48000, 8, 64)), (PcmFormat{48000, 1, 64, true}));
+  EXPECT_EQ(format_of(ExtensibleFormat(3, 8, 48000, 4, 32, 0xFF)), (PcmFormat{48000, 8, 32, true}));
+  EXPECT_EQ(format_of(ExtensibleFormat(1, 6, 44100, 2, 16, 0x3F)),
+            (PcmFormat{44100, 6, 16, false}));
+}
+
+TEST(SoundExaminer, RefusesHeadersThatContradictThemselvesAndLeavesCompressionToOthers) {
+  const auto data = EvenChunk("data", Bytes(64, 0));
+  for (const Bytes& body :
+       {PlainFormat(1, 0, 44100, 2, 16), PlainFormat(1, 2, 0, 2, 16),
+        PlainFormat(1, 2, 44100, 0, 16), PlainFormat(1, 2, 44100, 1, 16),
+        PlainFormat(1, 2, 44100, 2, 0), PlainFormat(3, 2, 44100, 2, 16),
+        PlainFormat(1, 40000, 44100, 1, 8), PlainFormat(1, 1, 0x80000000, 2, 16),
+        PlainFormat(1, 2, 44100, 8, 64), Bytes(10, 1), Bytes()}) {
+    const SoundFacts facts = Examine(RiffFile(Format(body) + data));
+    EXPECT_TRUE(facts.refused && !facts.pcm);
+  }
+  EXPECT_TRUE(Examine(RiffFile(data)).refused);
+  EXPECT_TRUE(Examine(RiffFile(Format(kStereo16))).refused) << "no samples promised";
+  const SoundFacts mu_law = Examine(RiffFile(Format(PlainFormat(7, 1, 8000, 1, 8)) + data));
+  EXPECT_TRUE(!mu_law.refused && !mu_law.pcm);
+  EXPECT_TRUE(Examine(Bytes()).refused);
+  EXPECT_TRUE(Examine(Text("OggS") + Bytes(24, 0) + Bytes{1} + Text("vorbis more")).refused);
+  EXPECT_FALSE(Examine(Text("OggS") + Bytes(24, 0) + Text("OpusHead more")).refused);
+  const SoundFacts text = Examine(Text("RIFFRAFF and other texts"));
+  EXPECT_TRUE(!text.refused && !text.pcm);
+}
+
+TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
+  const auto frames = [](const Bytes& file) {
+    const SoundFacts facts = Examine(file);
+    return facts.pcm ? facts.pcm->frames : -1;
+  };
+  const Bytes header = Text("WAVE") + Format(kStereo16) + Text("data");
+  for (const std::uint64_t size : {100ULL, 0x7FFFFFFFULL, 0xFFFFFFFEULL, 0xFFFFFFFFULL}) {
+    EXPECT_EQ(frames(Text("RIFF") + U32(size) + header + U32(size) + Bytes(41, 0)), 10) << size;
+    EXPECT_EQ(frames(Text("RIFF") + U32(0) + header + U32(size) + Bytes(41, 0)), 10) << size;
+  }
+  // The size of a file past 4 GiB stands in a chunk of its own.
+  const Bytes wide =
+      EvenChunk("ds64", U32(0) + U32(0) + U32(8) + U32(0) + U32(2) + U32(0) + U32(0));
+  EXPECT_EQ(frames(Text("RF64") + U32(0xFFFFFFFF) + Text("WAVE") + wide + Format(kStereo16) +
+                   Text("data") + U32(0xFFFFFFFF) + Bytes(41, 0)),
+            2);
+  // A count of cue points that no file can hold.
+  const SoundFacts facts = Examine(RiffFile(Format(kStereo16) + EvenChunk("data", {}) +
+                                            EvenChunk("cue ", U32(0xFFFFFFFF) + Bytes(24, 0))));
+  EXPECT_EQ(facts.labels.size(), 1U);
+  EXPECT_EQ(facts.pcm->frames, 0);
+}
+
+TEST(SoundExaminer, ReadsSamplesInEveryByteOrder) {
+  const Bytes rate_44100 = Bytes{0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0};
+  const auto aiff = [&](int channels, int frames, int bits, const Bytes& samples) {
+    return BigChunk("FORM", Text("AIFF") +
+                                BigChunk("COMM", Big(channels, 2) + Big(frames, 4) + Big(bits, 2) +
+                                                     rate_44100) +
+                                BigChunk("SSND", U32(0) + U32(0) + samples));
+  };
+  const auto aifc = [&](std::string_view type, int bits, const Bytes& samples) {
+    return BigChunk("FORM", Text("AIFC") +
+                                BigChunk("SSND", Big(2, 4) + U32(0) + Bytes(2, 0x55) + samples) +
+                                BigChunk("COMM", Big(1, 2) + Big(2, 4) + Big(bits, 2) + rate_44100 +
+                                                     Text(type) + Bytes(2, 0)));
+  };
+  const auto au = [](int encoding, std::uint64_t size, const Bytes& samples) {
+    return Text(".snd") + Big(28, 4) + Big(size, 4) + Big(encoding, 4) + Big(8000, 4) + Big(1, 4) +
+           U32(0) + samples;
+  };
+  const float step = 1.0F / 32767.0F;
+  EXPECT_THAT(SamplesOf(aiff(1, 2, 16, {0x00, 0x01, 0x7F, 0xFF, 9, 9})), ElementsAre(step, 1.0F));
+  EXPECT_THAT(SamplesOf(aiff(1, 1, 8, {0xFF})), ElementsAre(0.0F));
+  EXPECT_THAT(SamplesOf(aiff(2, 9, 24, {0x40, 0, 0, 0xC0, 0, 0})), ElementsAre(0.5F, -0.5F));
+  EXPECT_THAT(SamplesOf(aifc("sowt", 16, {1, 0, 0xFF, 0x7F})), ElementsAre(step, 1.0F));
+  EXPECT_THAT(SamplesOf(aifc("fl32", 32, {0x3F, 0x80, 0, 0, 0xC0, 0, 0, 0})),
+              ElementsAre(1.0F, -2.0F));
+  EXPECT_THAT(SamplesOf(au(2, 1, {0xFF, 1})), ElementsAre(0.0F));
+  EXPECT_THAT(SamplesOf(au(3, 0xFFFFFFFF, {0x00, 0x01, 0x7F, 0xFF})), ElementsAre(step, 1.0F));
+  EXPECT_THAT(SamplesOf(au(7, 100, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 1})), ElementsAre(1.0F));
+  EXPECT_THAT(SamplesOf(Wav(PlainFormat(1, 1, 8000, 3, 24), {0, 0, 0x40}, {})), ElementsAre(0.5F));
+
+  EXPECT_EQ(Examine(aiff(1, 0, 16, {})).pcm->format, (PcmFormat{44100, 1, 16, false}));
+  const auto code = [](int value) { return static_cast<float>(value / 32767.0); };
+  EXPECT_THAT(SamplesOf(au(1, 3, {0x00, 0x80, 0xFE, 0x55})),
+              ElementsAre(code(-32124), code(32124), code(8)));
+  EXPECT_THAT(SamplesOf(au(27, 9, {0xD5, 0x2A, 0xAA})),
+              ElementsAre(code(8), code(-32256), code(32256)));
+  EXPECT_THAT(SamplesOf(aifc("ulaw", 16, {0x7F, 0xFF})), ElementsAre(0.0F, 0.0F));
+  const SoundFacts packets = Examine(aifc("ima4", 16, {1, 2}));
+  EXPECT_TRUE(!packets.refused && !packets.pcm);
+  EXPECT_TRUE(Examine(au(23, 9, {1, 2})).refused);
+  EXPECT_TRUE(Examine(aiff(0, 1, 16, {1, 2})).refused);
+  EXPECT_TRUE(Examine(aiff(1, 1, 40, {1, 2, 3, 4, 5})).refused);
+  EXPECT_TRUE(Examine(Text(".snd") + Big(24, 4) + U32(0) + Big(3, 4) + U32(0) + Big(1, 4)).refused);
+}
+
+Bytes SyncSafe(std::uint64_t size) {
+  return Big(size >> 21, 1) + Big(size >> 14 & 127, 1) + Big(size >> 7 & 127, 1) +
+         Big(size & 127, 1);
+}
+Bytes Id3(int version, int flags, const Bytes& frames) {
+  return Text("ID3") + Big(version, 1) + Big(0, 1) + Big(flags, 1) + SyncSafe(frames.size()) +
+         frames;
+}
+Bytes Frame(int version, std::string_view id, const Bytes& text) {
+  if (version == 2) return Text(id) + Big(text.size(), 3) + text;
+  return Text(id) + (version == 4 ? SyncSafe(text.size()) : Big(text.size(), 4)) + U16(0) + text;
+}
+Bytes Utf16(std::string_view text) {
+  Bytes result;
+  for (const char c : text) result = result + U16(static_cast<unsigned char>(c));
+  return result;
+}
+
+TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
+  const Bytes old_tag = Text("TAG") + Text("Old title") + Bytes(21, ' ') + Text("Old artist") +
+                        Bytes(20, 0) + Bytes(30, 0) + Text("1977") + Bytes(30, 0) + Bytes{17};
+  const SoundFacts old_only = Examine(Bytes(200, 1) + old_tag);
+  EXPECT_EQ(old_only.meta_data, (MetaData{"Old title", "Old artist", "", "1977", "Rock"}));
+  EXPECT_TRUE(old_only.utf8);
+
+  EXPECT_EQ(
+      Examine(Id3(2, 0,
+                  Frame(2, "TT2", Bytes{0, 0xDC, 'b'}) + Frame(2, "TCO", Bytes{0} + Text("(17)"))) +
+              old_tag)
+          .meta_data,
+      (MetaData{"\xC3\x9C"
+                "b",
+                "Old artist", "", "1977", "Rock"}));
+
+  // The byte order mark of the text looks like sound, so a zero was put into it.
+  const Bytes text = Bytes{1, 0xFF, 0xFE} + Utf16("Title");
+  Bytes frame = Frame(3, "TPE1", text);
+  frame.insert(frame.begin() + 12, 0);
+  const Bytes extended = Big(6, 4) + Bytes(6, 0);
+  EXPECT_EQ(
+      Examine(Id3(3, 0xC0, extended + frame + Frame(3, "TCON", Bytes{0} + Text("(4)Nu-Disco"))))
+          .meta_data,
+      (MetaData{"", "Title", "", "", "Nu-Disco"}));
+
+  EXPECT_EQ(Examine(Id3(4, 0,
+                        Frame(4, "APIC", Bytes(200, 1)) +
+                            Frame(4, "TALB", Bytes{3} + Text("\xE2\x82\xAC")) +
+                            Frame(4, "TDRC", Bytes{3} + Text("2009-05-01")) +
+                            Frame(4, "TIT2", Bytes{2, 0xD8, 0x3C, 0xDF, 0xB5}) + Text("TPE1") +
+                            Big(0x7F7F7F7F, 4)))
+                .meta_data,
+            (MetaData{"\xF0\x9F\x8E\xB5", "", "\xE2\x82\xAC", "2009", ""}));
+
+  const auto object = [](const Bytes& id, const Bytes& body) {
+    return id + U32(body.size() + 24) + U32(0) + body;
+  };
+  const auto field = [](std::string_view name, const Bytes& value) {
+    const Bytes wide = Utf16(name) + U16(0);
+    return U16(wide.size()) + wide + U16(0) + U16(value.size()) + value;
+  };
+  const Bytes objects =
+      object(Hex("3326B2758E66CF11A6D900AA0062CE6C"),
+             U16(4) + U16(6) + U16(0) + U16(0) + U16(0) + Utf16("Ti") + Utf16("Art")) +
+      object(Hex("40A4D0D207E3D21197F000A0C95EA850"), U16(3) + field("WM/AlbumTitle", Utf16("LP")) +
+                                                          field("WM/Year", Utf16("2010-02-03")) +
+                                                          field("WM/Genre", Utf16("Dub")));
+  EXPECT_EQ(Examine(Hex("3026B2758E66CF11A6D900AA0062CE6C") + U32(objects.size() + 30) + U32(0) +
+                    U32(2) + U16(0) + objects)
+                .meta_data,
+            (MetaData{"Ti", "Art", "LP", "2010", "Dub"}));
+}
+
+// Whatever one wrong byte does to a file, and wherever it breaks off: nothing is read from beyond
+// it.
+TEST(SoundExaminer, SurvivesEveryTruncationAndEveryWrongByte) {
+  const Bytes whole =
+      Wav(ExtensibleFormat(1, 3, 44100, 2, 16, 0), Bytes(24, 1),
+          Chunk("cue ", U32(2) + CuePoint(0, 1, 6, 1) + CuePoint(1, 1, 6, 2)) +
+              List("adtl", Label(0, "A label") + Region(1, 5, "A region")) +
+              Info("t", "a", "g", "b", "2009-01-01") +
+              Chunk("acid", U32(60) + U32(0) + U32(0) + U32(4) + U16(4) + U16(4) + F32(120)));
+  const auto examine = [](const Bytes& file) {
+    MemorySource source(file);
+    const SoundFacts facts = ExamineSound(source);
+    if (!facts.pcm) return;
+    const std::uint64_t bytes =
+        static_cast<std::uint64_t>(facts.pcm->frames) * facts.pcm->FrameBytes();
+    EXPECT_LE(facts.pcm->offset + bytes, source.size());
+  };
+  for (std::size_t length = 0; length <= whole.size(); ++length) {
+    examine(Bytes(std::vector(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length))));
+  }
+  for (std::size_t at = 0; at < whole.size(); ++at) {
+    for (const unsigned char wrong : {0x00, 0x01, 0x7F, 0x80, 0xFF}) {
+      Bytes file = whole;
+      file[at] = wrong;
+      examine(file);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace marlinda::testing

@@ -1,0 +1,153 @@
+"""Real files of sox and ffmpeg, in every container and width, imported through CDShowImport and
+compared with what ffmpeg decodes. The first argument is the program that imports them.
+"""
+
+import array
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAM = sys.argv.pop(1)
+RATE = 44100
+FRAMES = 11025
+# The decoder's own delay, which a decoder that reads the encoder's notes takes off and the system's
+# filters leave in place.
+MP3_DELAY = 1105
+
+PLAIN = {
+    # name: how sox is told, how ffmpeg names the samples
+    "u8.wav": ("-b 8 -e unsigned-integer", "u8"),
+    "s16.wav": ("-b 16 -e signed-integer", "s16le"),
+    "s24.wav": ("-b 24 -e signed-integer", "s24le"),
+    "s32.wav": ("-b 32 -e signed-integer", "s32le"),
+    "f32.wav": ("-b 32 -e floating-point", "f32le"),
+    "f64.wav": ("-b 64 -e floating-point", "f64le"),
+    "mono.wav": ("-c 1 -b 16", "s16le"),
+    "surround.wav": ("-c 6 -b 16", "s16le"),
+    "eight.wav": ("-c 8 -b 24", "s24le"),
+    "wide.wav": ("-t wavpcm -b 24", "s24le"),
+    "s8.aiff": ("-b 8", "u8"),
+    "s16.aif": ("-t aiff -b 16", "s16le"),
+    "s24.aiff": ("-b 24", "s24le"),
+    "s32.aiff": ("-b 32", "s32le"),
+    "f32.aiff": ("-t aifc -b 32 -e floating-point", "f32le"),
+    "s8.au": ("-b 8 -e signed-integer", "u8"),
+    "s16.au": ("-b 16 -e signed-integer", "s16le"),
+    "s24.au": ("-b 24 -e signed-integer", "s24le"),
+    "s32.au": ("-b 32 -e signed-integer", "s32le"),
+    "f32.au": ("-b 32 -e floating-point", "f32le"),
+    "mulaw.au": ("-e mu-law", "s16le"),
+    "alaw.au": ("-e a-law", "s16le"),
+    # These go through a filter graph.
+    "mulaw.wav": ("-e mu-law", "s16le"),
+    "alaw.wav": ("-e a-law", "s16le"),
+}
+VIDEO = ["-f", "lavfi", "-i", "testsrc=duration=0.25:size=64x48"]
+CODED = {
+    # name: how ffmpeg is told; frames that may be more or fewer than were put in
+    "tone.mp3": (["-b:a", "192k", "-metadata", "title=Tone"], 3000),
+    "tone.wma": (["-b:a", "192k"], 5000),
+    "pcm.avi": (["-c:a", "pcm_s16le"], 0),
+    "film.avi": (VIDEO + ["-map", "0", "-map", "1", "-c:v", "mpeg4", "-c:a", "pcm_s16le"], 0),
+    "film.wmv": (VIDEO + ["-map", "0", "-map", "1", "-c:v", "wmv2", "-c:a", "wmav2"], 5000),
+}
+REFUSED = ["silent.avi", "text.wav", "noise.mp3", "hollow.wav"]
+
+
+def tool(*words):
+    return subprocess.run([str(word) for word in words], check=True, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE).stdout
+
+
+def ffmpeg(*words):
+    return tool("ffmpeg", "-v", "error", "-y", *words)
+
+
+def floats(values):
+    return array.array("f", values)
+
+
+def engine_floats(codes, kind):
+    """Integer codes as the engine turns them into floats."""
+    if kind == "u8":
+        return floats(code / 127.0 - 1.0 for code in codes)
+    if kind == "s24le":
+        return floats(int.from_bytes(codes[i:i + 3], "little", signed=True) / 2.0**23
+                      for i in range(0, len(codes), 3))
+    if kind in ("f32le", "f64le"):
+        return floats(array.array("f" if kind == "f32le" else "d", codes))
+    scale, letter = (32767.0, "h") if kind == "s16le" else (2.0**31, "i")
+    return floats(code / scale for code in array.array(letter, codes))
+
+
+class SoundFiles(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        source = cls.folder.with_suffix(".source.wav")
+        cls.addClassCleanup(source.unlink)
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 32, source, "synth",
+             FRAMES / RATE, "sine", "300:3000", "pinknoise", "vol", 0.4)
+        for name, (options, _) in PLAIN.items():
+            tool("sox", "-R", "-D", source, *options.split(), cls.folder / name)
+        for name, (options, _) in CODED.items():
+            ffmpeg("-i", source, *options, cls.folder / name)
+        ffmpeg(*VIDEO, "-c:v", "mpeg4", cls.folder / "silent.avi")
+        (cls.folder / "text.wav").write_text("no sound at all\n" * 100)
+        (cls.folder / "noise.mp3").write_bytes(os.urandom(64))
+        (cls.folder / "hollow.wav").write_bytes((cls.folder / "s16.wav").read_bytes()[:36])
+        # Wine's helper processes live on for a while and would keep pipes open.
+        with tempfile.TemporaryFile() as output:
+            subprocess.run([os.environ["TESSALY_WINE"], PROGRAM, str(cls.folder)], check=True,
+                           stdin=subprocess.DEVNULL, stdout=output)
+            output.seek(0)
+            lines = [line.split() for line in output.read().decode().splitlines()]
+        cls.reports = {words[0]: words[1:] for words in lines}
+
+    def imported(self, name):
+        self.assertEqual(self.reports[name][0], "0", name)
+        samples = floats([])
+        samples.frombytes((self.folder / (name + ".raw")).read_bytes())
+        return samples
+
+    def test_every_uncompressed_sample_arrives_as_it_is(self):
+        for name, (options, kind) in PLAIN.items():
+            with self.subTest(name=name):
+                got = self.imported(name)
+                codes = ffmpeg("-i", self.folder / name, "-f", kind, "-")
+                self.assertEqual(got, engine_floats(codes, kind))
+                rate, channels, _, frames = map(int, self.reports[name][1:])
+                self.assertEqual((rate, frames, len(got)), (RATE, FRAMES, FRAMES * channels))
+
+    def test_the_sound_of_films_and_compressed_files_is_decoded(self):
+        for name, (_, tolerance) in CODED.items():
+            with self.subTest(name=name):
+                got = self.imported(name)
+                rate, channels, _, frames = map(int, self.reports[name][1:])
+                self.assertEqual((rate, channels, len(got)), (RATE, 2, 2 * frames))
+                self.assertLessEqual(abs(frames - FRAMES), tolerance)
+                if tolerance == 0:
+                    codes = ffmpeg("-i", self.folder / name, "-f", "s16le", "-")
+                    self.assertEqual(got, engine_floats(codes, "s16le"))
+                else:
+                    self.assertGreater(max(got), 0.2)
+
+    def test_mp3_is_within_a_step_of_16_bits_behind_the_delay_of_the_decoder(self):
+        got = self.imported("tone.mp3")[2 * MP3_DELAY:]
+        expected = floats([])
+        expected.frombytes(ffmpeg("-i", self.folder / "tone.mp3", "-f", "f32le", "-"))
+        self.assertGreaterEqual(len(got), len(expected))
+        self.assertLess(max(abs(a - b) for a, b in zip(got, expected)), 4 / 32768)
+
+    def test_what_has_no_sound_is_refused(self):
+        for name in REFUSED:
+            self.assertEqual(self.reports[name], ["80004005"], name)
+
+
+if __name__ == "__main__":
+    unittest.main()
