@@ -13,7 +13,26 @@ if(WIN32)
     tessaly_options INTERFACE NOMINMAX UNICODE _UNICODE _WIN32_WINNT=0x0601
                               WINVER=0x0601)
 endif()
-if(TESSALY_SANITIZE)
+# An attacker who gets past a bound in this code should find nothing where he expects it, and no stack
+# to write over. The rest of the image flags are the linker's habit; a test holds the module to them.
+if(MSVC)
+  target_link_options(tessaly_options INTERFACE /DYNAMICBASE /NXCOMPAT)
+else()
+  target_compile_options(tessaly_options INTERFACE -fstack-protector-strong)
+  if(WIN32)
+    target_link_options(tessaly_options INTERFACE -fstack-protector-strong -Wl,--dynamicbase
+                                                  -Wl,--nxcompat)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+      target_link_options(tessaly_options INTERFACE -Wl,--high-entropy-va)
+    endif()
+  endif()
+endif()
+if(TESSALY_SANITIZE_TRAP)
+  # There is no sanitizer runtime for Windows: what is undefined ends the program on the spot. The
+  # check of dynamic types is the one that cannot do without a runtime.
+  target_compile_options(tessaly_options INTERFACE -fsanitize=undefined -fno-sanitize=vptr
+                                                   -fsanitize-undefined-trap-on-error)
+elseif(TESSALY_SANITIZE)
   target_compile_options(tessaly_options INTERFACE -fsanitize=${TESSALY_SANITIZE}
                                                    -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tessaly_options INTERFACE -fsanitize=${TESSALY_SANITIZE})

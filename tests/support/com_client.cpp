@@ -1,6 +1,7 @@
 #include "tests/support/com_client.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -100,7 +101,7 @@ ForeignArray::ForeignArray(VARTYPE type, UINT dimensions, ULONG count) {
 ForeignArray::~ForeignArray() { SafeArrayDestroy(array_); }
 
 TemporaryFolder::TemporaryFolder() {
-  static int counter = 0;
+  static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
   std::filesystem::path folder;
   // Process identifiers come again, and a test that crashed leaves its folder behind.
