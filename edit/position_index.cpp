@@ -46,10 +46,6 @@ std::size_t PositionIndex::FirstReaching(std::int64_t position) const noexcept {
   return static_cast<std::size_t>(found - blocks_.begin());
 }
 
-bool PositionIndex::NoneStartsBefore(std::int64_t position, std::size_t block) const noexcept {
-  return !CanOverflow() && blocks_.back().shortest >= 0 && blocks_[block].start >= position;
-}
-
 bool PositionIndex::MayShareFrames(std::size_t block, const CSection& range) const noexcept {
   if (CanOverflow()) return true;
   const Block& at = blocks_[block];
@@ -57,8 +53,8 @@ bool PositionIndex::MayShareFrames(std::size_t block, const CSection& range) con
          at.start + at.summary.highest_end > range.begin;
 }
 
-bool PositionIndex::AllHaveFrames() const noexcept {
-  return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest > 0);
+bool PositionIndex::NoneShorterThan(std::int64_t length) const noexcept {
+  return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
 }
 
 void PositionIndex::Reserve(std::size_t more) {

@@ -49,12 +49,11 @@ class PositionIndex {
   std::size_t BlockOfOrdinal(std::size_t ordinal) const noexcept;
   // No block before this one holds a segment that ends at `position` or later.
   std::size_t FirstReaching(std::int64_t position) const noexcept;
-  // No segment of this block or of a later one starts before `position`.
-  bool NoneStartsBefore(std::int64_t position, std::size_t block) const noexcept;
   // False when no segment of the block shares a frame with the range.
   bool MayShareFrames(std::size_t block, const CSection& range) const noexcept;
-  // True when no segment is empty or backward, and no offset can overflow.
-  bool AllHaveFrames() const noexcept;
+  // True when no segment is shorter than `length`, which is not negative, and no offset can
+  // overflow: offsets then only grow along the list.
+  bool NoneShorterThan(std::int64_t length) const noexcept;
 
   // Makes room for `more` blocks, so that adding them cannot fail.
   void Reserve(std::size_t more);

@@ -50,7 +50,7 @@ class SegmentList {
 
   // True when no segment is empty or backward, and no position of the list can overflow: then the
   // segments lie one behind the other, as in most documents.
-  bool AllHaveFrames() const noexcept { return index_.AllHaveFrames(); }
+  bool AllHaveFrames() const noexcept { return index_.NoneShorterThan(1); }
 
   // Takes out what lies in `range`, which neither begins before the list nor runs backward, out of
   // a list whose segments all have frames. A segment that contains an end of the range is cut
@@ -149,14 +149,20 @@ class SegmentList {
   template <class Take>
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
-    for (std::size_t block = index_.FirstReaching(range.begin);
-         block < blocks_.size() && !index_.NoneStartsBefore(range.end, block); ++block) {
-      if (!index_.MayShareFrames(block, range)) continue;
+    // Without backward segments the pieces lie together, and the rest of the list can be left out.
+    const bool in_order = index_.NoneShorterThan(0);
+    for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
       std::int64_t offset = index_.StartOf(block);
+      if (in_order && offset >= range.end) return;
+      if (!index_.MayShareFrames(block, range)) continue;
       for (const Segment& segment : blocks_[block]) {
-        const CSection piece = Clip(segment, offset, range);
-        if (piece.begin < piece.end) take(segment.source, piece);
-        offset = WrappingAdd(offset, segment.Length());
+        const std::int64_t end = WrappingAdd(offset, segment.Length());
+        if (in_order && offset >= range.end) return;
+        if (!in_order || end > range.begin) {
+          const CSection piece = Clip(segment, offset, range);
+          if (piece.begin < piece.end) take(segment.source, piece);
+        }
+        offset = end;
       }
     }
   }
