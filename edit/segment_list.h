@@ -101,6 +101,9 @@ class SegmentList {
   // and nothing backward is kept.
   std::vector<Segment> Cut(const CSection& range) const {
     std::vector<Segment> pieces;
+    // Growing step by step would move a long cut several times over.
+    const std::size_t blocks = index_.FirstReaching(range.end) - index_.FirstReaching(range.begin);
+    if (range.begin < range.end && blocks > 1) pieces.reserve(blocks * kBlockSize);
     ForEachPiece(range, [&](const Source& source, const CSection& piece) {
       pieces.emplace_back(source, piece.begin, piece.end);
     });
