@@ -75,6 +75,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
 
   // The object's identity, without a reference: the outer unknown when aggregated.
   IUnknown* OuterUnknown() noexcept { return outer_; }
+  // True when an outer object stands between this one and its clients.
+  bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
   // The unknown that does not delegate: what an outer object holds, and our identity without one.

@@ -31,6 +31,11 @@ struct Annotations {
   // a marker around it is cut in two, also by an insertion of nothing. Deliberate: the second
   // halves go to the end of the list, not next to their first halves.
   void MoveForInsertion(std::int64_t position, std::int64_t length);
+
+  // The labels in `range` and the markers clipped to it, all moved by `offset`.
+  Annotations Part(const CSection& range, std::int64_t offset) const;
+  // Adds copies behind what is there.
+  void Append(const Annotations& more);
 };
 
 // The part of a marker that lies within `range`; nothing when that part is empty.

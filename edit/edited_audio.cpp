@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <optional>
 #include <shared_mutex>
 #include <utility>
 
@@ -308,21 +307,12 @@ STDMETHODIMP CEditedAudio::Insert(__int64 nPosition, IEditedAudio* peaInsert) {
 
 STDMETHODIMP CEditedAudio::Copy(IEditedAudio* peaDest, __int64 nBegin, __int64 nEnd) {
   if (peaDest == nullptr) return E_POINTER;
-  return ComCall([&] { return CopyRange(peaDest, {nBegin, nEnd}); });
+  return ComCall([&] { return CopyInto(peaDest, CSection(nBegin, nEnd)); });
 }
 
 STDMETHODIMP CEditedAudio::CopyAll(IEditedAudio* peaDest) {
   if (peaDest == nullptr) return E_POINTER;
-  return ComCall([&] {
-    BeginCopy(peaDest);
-    std::shared_lock lock(content_->lock);
-    const std::vector<Segment> all = content_->segments.All();
-    lock.unlock();
-    for (const Segment& segment : all) {
-      peaDest->AppendSegment(segment.source.Get(), segment.begin, segment.end);
-    }
-    return CopyAnnotations(Identity(), peaDest, 0, std::nullopt);
-  });
+  return ComCall([&] { return CopyInto(peaDest, std::nullopt); });
 }
 
 STDMETHODIMP CEditedAudio::Clear() {
@@ -375,17 +365,21 @@ STDMETHODIMP CEditedAudio::GetNextSegment(IAudioReader** pparSource, __int64* pn
 
 // Deliberately made of copies and insertions: labels and markers follow from that, a marker around
 // the range comes back as two, a range that runs backward doubles what lies in it, and empty and
-// backward segments are gone afterwards.
+// backward segments are gone afterwards. In a document without such segments a range that lies
+// forward can as well be cut out of the list, which takes no time for the segments that stay.
 STDMETHODIMP CEditedAudio::Delete(__int64 nBegin, __int64 nEnd) {
   return ComCall([&] {
     ComPtr<IEditedAudio> head;
     ComPtr<IEditedAudio> tail;
     Check(CreateInstance(CLSID_CEditedAudio, head));
     Check(CreateInstance(CLSID_CEditedAudio, tail));
+    if (Direct(head.Get()) != nullptr && Direct(tail.Get()) != nullptr && CutOut({nBegin, nEnd})) {
+      return S_OK;
+    }
     __int64 length = 0;
     GetSampleCount(&length);
-    CopyRange(head.Get(), {0, nBegin});
-    CopyRange(tail.Get(), {nEnd, length});
+    CopyInto(head.Get(), CSection(0, nBegin));
+    CopyInto(tail.Get(), CSection(nEnd, length));
     Clear();
     Insert(0, head.Get());
     Insert(nBegin, tail.Get());
@@ -403,7 +397,7 @@ STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
     Check(CreateInstance(CLSID_CEditedAudio, snapshot));
     __int64 length = 0;
     GetSampleCount(&length);
-    CopyRange(snapshot.Get(), {0, length});
+    CopyInto(snapshot.Get(), CSection(0, length));
     snapshot_ = std::move(snapshot);
     change_open_ = true;
     return S_OK;
@@ -503,22 +497,67 @@ void CEditedAudio::InsertSegments(__int64 position, std::vector<Segment> segment
   content_->annotations.MoveForInsertion(position, length);
 }
 
-void CEditedAudio::BeginCopy(IEditedAudio* destination) {
+// Replaces the destination's content by what lies in the range, or by all. The destination is
+// emptied first, also when it is this document: then nothing is left to copy.
+HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
   destination->Clear();
   const DocumentFormat format = content_->CurrentFormat();
   destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
-}
 
-// The destination is emptied first, also when it is this document: then nothing is left to copy.
-HRESULT CEditedAudio::CopyRange(IEditedAudio* destination, const CSection& range) {
-  BeginCopy(destination);
+  const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
+  // Without a format the destination asks each source for one.
+  CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
   std::shared_lock lock(content_->lock);
-  const std::vector<Segment> pieces = content_->segments.Cut(range);
+  const DocumentContent::Segments& segments = content_->segments;
+  if (direct != nullptr) {
+    DocumentContent::Segments pieces = range ? segments.CutList(*range) : segments.Copy();
+    Annotations annotations =
+        range ? content_->annotations.Part(*range, offset) : content_->annotations;
+    lock.unlock();
+    direct->Receive(std::move(pieces), std::move(annotations));
+    return S_OK;
+  }
+  const std::vector<Segment> pieces = range ? segments.Cut(*range) : segments.All();
   lock.unlock();
   for (const Segment& piece : pieces) {
     destination->AppendSegment(piece.source.Get(), piece.begin, piece.end);
   }
-  return CopyAnnotations(Identity(), destination, WrappingSubtract(0, range.begin), range);
+  return CopyAnnotations(Identity(), destination, offset, range);
+}
+
+// The object behind another document, where this one may work on it without its interface: both
+// are of this class, and no outer object answers for one of them.
+CEditedAudio* CEditedAudio::Direct(IEditedAudio* document) {
+  const auto object = TryQuery<IDocumentObject>(document);
+  CEditedAudio* const found = object ? object->Implementation() : nullptr;
+  const bool bare = found == document && !found->IsAggregated() && !IsAggregated();
+  return bare ? found : nullptr;
+}
+
+// Takes the content of a copy in the place of its own.
+void CEditedAudio::Receive(DocumentContent::Segments segments, Annotations annotations) {
+  // The old content is destroyed after the lock is gone.
+  const std::unique_lock lock(content_->lock);
+  std::swap(content_->segments, segments);
+  std::swap(content_->annotations, annotations);
+}
+
+// Deletes the range where that comes to the same as copies and insertions; otherwise does nothing
+// and returns false.
+bool CEditedAudio::CutOut(const CSection& range) {
+  // Destroyed after the lock is gone: a source may do anything when it is released.
+  std::vector<Segment> removed;
+  const std::unique_lock lock(content_->lock);
+  if (!content_->format.IsSet() || !content_->segments.AllHaveFrames() || range.begin < 0 ||
+      range.end < range.begin) {
+    return false;
+  }
+  const CSection tail(range.end, content_->segments.Length());
+  Annotations kept = content_->annotations.Part({0, range.begin}, 0);
+  kept.Append(content_->annotations.Part(tail, WrappingSubtract(range.begin, range.end)));
+  removed = content_->segments.Remove(range);
+  content_->annotations = std::move(kept);
+  return true;
 }
 
 MARLINDA_DEFINE_CLASS(CEditedAudio)

@@ -5,12 +5,14 @@
 #include <marlinda.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
 #include "edit/connection_points.h"
 #include "edit/document_content.h"
+#include "edit/document_object.h"
 #include "edit/document_player.h"
 
 namespace marlinda {
@@ -22,7 +24,7 @@ namespace marlinda {
 // miss a part of the edit. The content's lock only keeps such a mistake from corrupting memory.
 class CEditedAudio final
     : public Object<CEditedAudio, IAudioReader, IScrubSupport, ILabelSupport, ISectionMarkerSupport,
-                    IEditedAudio, IConnectionPointContainer> {
+                    IEditedAudio, IConnectionPointContainer, IDocumentObject> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CEditedAudio;
   static constexpr bool kHasEvents = true;
@@ -88,6 +90,9 @@ class CEditedAudio final
   STDMETHODIMP EnumConnectionPoints(IEnumConnectionPoints** ppEnum) override;
   STDMETHODIMP FindConnectionPoint(REFIID riid, IConnectionPoint** ppCP) override;
 
+  // IDocumentObject
+  CEditedAudio* STDMETHODCALLTYPE Implementation() override { return this; }
+
   // IProvideClassInfo2
   STDMETHODIMP GetGUID(DWORD dwGuidKind, GUID* pGUID) override;
 
@@ -101,8 +106,10 @@ class CEditedAudio final
   void AdoptFormat(IAudioReader* source);
   std::vector<Segment> TakeSegments(IEditedAudio* document);
   void InsertSegments(__int64 position, std::vector<Segment> segments);
-  void BeginCopy(IEditedAudio* destination);
-  HRESULT CopyRange(IEditedAudio* destination, const CSection& range);
+  HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range);
+  CEditedAudio* Direct(IEditedAudio* document);
+  void Receive(DocumentContent::Segments segments, Annotations annotations);
+  bool CutOut(const CSection& range);
 
   const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
 

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "core/com_ptr.h"
+#include "core/extremes.h"
+#include "core/peak_summary.h"
 #include "edit/waveplot.h"
 
 namespace marlinda {
@@ -15,6 +17,9 @@ constexpr __int64 kFramesPerColumnOfPeaks = 256;
 // Floats that one read of a source asks for at most, so that memory does not grow with the piece.
 constexpr std::size_t kSamplesPerRead = std::size_t{1} << 17;
 constexpr std::size_t kPeakFloatsPerRead = std::size_t{1} << 20;
+
+// From this many peaks a column on, a summary of them costs less than they do.
+constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in blocks and passes each on; false as soon as one read
 // fails. `read` takes the record to start from and the array to fill. At least one read is made.
@@ -56,6 +61,26 @@ bool DrawSamples(IAudioReader* source, const CSection& piece, std::size_t channe
                       });
 }
 
+// Draws what each column's peaks come to. One peak a column in their place gives the same picture.
+bool DrawSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
+                 __int64 columns, std::span<float> pairs) {
+  const auto summary = TryQuery<IPeakSummary>(reader);
+  if (!summary) return false;
+  std::vector<std::int64_t> ends(pairs.size() / (2 * channels));
+  for (std::size_t column = 0; column < ends.size(); ++column) {
+    ends[column] =
+        SaturatingAdd(first, FirstOfColumn(static_cast<__int64>(column) + 1, columns, count));
+  }
+  std::vector<float> peaks(pairs.size());
+  for (std::size_t i = 0; i + 1 < peaks.size(); i += 2) {
+    peaks[i] = kNoLowest;
+    peaks[i + 1] = kNoHighest;
+  }
+  if (FAILED(summary->SummarizePeaks(reader, channels, first, ends, peaks))) return false;
+  PeakColumns(pairs, channels, columns, columns).Add(peaks);
+  return true;
+}
+
 bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
                std::span<float> pairs, ScratchKeeper& scratch_keeper) {
   const auto reader = TryQuery<IPeakReader>(source);
@@ -65,6 +90,10 @@ bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels
   }
   const __int64 count = piece.Length() / frames_per_peak;
   const __int64 first = piece.begin / frames_per_peak;
+  if (count / columns >= kPeaksPerColumnOfSummary &&
+      DrawSummary(reader.Get(), first, count, channels, columns, pairs)) {
+    return true;
+  }
   PeakColumns drawn(pairs, channels, columns, count);
   return ReadInBlocks(
       count, 2 * channels, kPeakFloatsPerRead, scratch_keeper, drawn,

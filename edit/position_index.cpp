@@ -23,7 +23,7 @@ void BlockSummary::Add(const CSection& segment) noexcept {
   length = WrappingAdd(length, segment.Length());
   highest_end = std::max(highest_end, length);
   travel = std::min(travel + Travel(segment), kSafeTravel);
-  goes_back = goes_back || segment.end < segment.begin;
+  shortest = std::min(shortest, segment.Length());
   ++count;
 }
 
@@ -46,15 +46,15 @@ std::size_t PositionIndex::FirstReaching(std::int64_t position) const noexcept {
   return static_cast<std::size_t>(found - blocks_.begin());
 }
 
-bool PositionIndex::NoneStartsBefore(std::int64_t position, std::size_t block) const noexcept {
-  return !CanOverflow() && !blocks_.back().goes_back && blocks_[block].start >= position;
-}
-
 bool PositionIndex::MayShareFrames(std::size_t block, const CSection& range) const noexcept {
   if (CanOverflow()) return true;
   const Block& at = blocks_[block];
   return at.start + at.summary.lowest_start < range.end &&
          at.start + at.summary.highest_end > range.begin;
+}
+
+bool PositionIndex::NoneShorterThan(std::int64_t length) const noexcept {
+  return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
 }
 
 void PositionIndex::Reserve(std::size_t more) {
@@ -73,20 +73,27 @@ void PositionIndex::Append(const CSection& segment) noexcept {
   Total(blocks_.size() - 1);
 }
 
-void PositionIndex::Replace(std::size_t block, std::span<const BlockSummary> summaries) noexcept {
-  const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(block);
-  blocks_.insert(place + 1, summaries.size() - 1, Block{});
-  for (std::size_t i = 0; i < summaries.size(); ++i) blocks_[block + i].summary = summaries[i];
-  for (std::size_t i = block; i < blocks_.size(); ++i) Total(i);
+void PositionIndex::Replace(std::size_t first, std::size_t count,
+                            std::span<const BlockSummary> summaries) noexcept {
+  const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(first);
+  if (summaries.size() < count) {
+    blocks_.erase(place, place + static_cast<std::ptrdiff_t>(count - summaries.size()));
+  } else {
+    blocks_.insert(place, summaries.size() - count, Block{});
+  }
+  for (std::size_t i = 0; i < summaries.size(); ++i) blocks_[first + i].summary = summaries[i];
+  for (std::size_t i = first; i < blocks_.size(); ++i) Total(i);
 }
 
 void PositionIndex::Total(std::size_t block) noexcept {
   Block& at = blocks_[block];
   const BlockSummary& own = at.summary;
   if (block == 0) {
+    at.start = 0;
+    at.ordinal = 0;
     at.furthest_end = own.highest_end;
     at.travel = own.travel;
-    at.goes_back = own.goes_back;
+    at.shortest = own.shortest;
     return;
   }
   const Block& before = blocks_[block - 1];
@@ -94,7 +101,7 @@ void PositionIndex::Total(std::size_t block) noexcept {
   at.ordinal = before.ordinal + before.summary.count;
   at.furthest_end = std::max(before.furthest_end, WrappingAdd(at.start, own.highest_end));
   at.travel = std::min(before.travel + own.travel, kSafeTravel);
-  at.goes_back = before.goes_back || own.goes_back;
+  at.shortest = std::min(before.shortest, own.shortest);
 }
 
 bool PositionIndex::CanOverflow() const noexcept {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -23,7 +24,8 @@ struct BlockSummary {
   std::int64_t highest_end = 0;
   // Sum of the lengths without their signs, saturating: how far offsets can stray.
   std::uint64_t travel = 0;
-  bool goes_back = false;
+  // The shortest length: negative where a segment runs backward.
+  std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
 // Backward segments make offsets go down again, so the index bounds instead of sorting: it keeps
@@ -47,10 +49,11 @@ class PositionIndex {
   std::size_t BlockOfOrdinal(std::size_t ordinal) const noexcept;
   // No block before this one holds a segment that ends at `position` or later.
   std::size_t FirstReaching(std::int64_t position) const noexcept;
-  // No segment of this block or of a later one starts before `position`.
-  bool NoneStartsBefore(std::int64_t position, std::size_t block) const noexcept;
   // False when no segment of the block shares a frame with the range.
   bool MayShareFrames(std::size_t block, const CSection& range) const noexcept;
+  // True when no segment is shorter than `length`, which is not negative, and no offset can
+  // overflow: offsets then only grow along the list.
+  bool NoneShorterThan(std::int64_t length) const noexcept;
 
   // Makes room for `more` blocks, so that adding them cannot fail.
   void Reserve(std::size_t more);
@@ -58,8 +61,10 @@ class PositionIndex {
   void AddBlock() noexcept;
   // Adds a segment to the last block.
   void Append(const CSection& segment) noexcept;
-  // Puts blocks with these summaries, at least one, in the place of one block.
-  void Replace(std::size_t block, std::span<const BlockSummary> summaries) noexcept;
+  // Puts blocks with these summaries in the place of `count` blocks. Reserve has made room for more
+  // than there were.
+  void Replace(std::size_t first, std::size_t count,
+               std::span<const BlockSummary> summaries) noexcept;
 
  private:
   struct Block {
@@ -70,7 +75,7 @@ class PositionIndex {
     // Running totals that include this block.
     std::int64_t furthest_end = 0;
     std::uint64_t travel = 0;
-    bool goes_back = false;
+    std::int64_t shortest = 0;
   };
 
   void Total(std::size_t block) noexcept;

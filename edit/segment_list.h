@@ -48,29 +48,81 @@ class SegmentList {
     if (!segments.empty()) Splice(place, segments);
   }
 
+  // True when no segment is empty or backward, and no position of the list can overflow: then the
+  // segments lie one behind the other, as in most documents.
+  bool AllHaveFrames() const noexcept { return index_.NoneShorterThan(1); }
+
+  // Takes out what lies in `range`, which neither begins before the list nor runs backward, out of
+  // a list whose segments all have frames. A segment that contains an end of the range is cut
+  // there, also when the range is empty. Returns the segments that are gone as a whole. The
+  // iteration is over.
+  std::vector<Segment> Remove(const CSection& range) {
+    std::vector<Segment> removed;
+    if (Count() == 0) return removed;
+    const Place first = FindPlace(range.begin);
+    const Place last = FindPlace(range.end);
+    if (first.cut && last.cut && OrdinalOf(first) == OrdinalOf(last)) {
+      const Segment& whole = blocks_[last.block][last.slot - 1];
+      std::vector<Segment> rest;
+      rest.emplace_back(whole.source, *last.cut, whole.end);
+      Splice(first, rest);
+      cursor_.reset();
+      return removed;
+    }
+
+    // The segment that the range ends in stays.
+    const std::size_t past_removed = last.slot - (last.cut ? 1 : 0);
+    removed.reserve(index_.OrdinalOf(last.block) + past_removed - OrdinalOf(first));
+    const std::size_t touched = last.block - first.block + 1;
+    std::vector<BlockSummary> summaries;
+    summaries.reserve(touched);
+    // Nothing fails from here on.
+    cursor_.reset();
+    if (first.cut) blocks_[first.block][first.slot - 1].end = *first.cut;
+    if (last.cut) blocks_[last.block][last.slot - 1].begin = *last.cut;
+    std::size_t kept = first.block;
+    for (std::size_t i = first.block; i <= last.block; ++i) {
+      Block& block = blocks_[i];
+      const auto from = At(block, i == first.block ? first.slot : 0);
+      const auto to = At(block, i == last.block ? past_removed : block.size());
+      removed.insert(removed.end(), std::move_iterator(from), std::move_iterator(to));
+      block.erase(from, to);
+      if (block.empty()) continue;
+      summaries.push_back(Summarize(block));
+      blocks_[kept++].swap(block);
+    }
+    blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(kept),
+                  blocks_.begin() + static_cast<std::ptrdiff_t>(last.block + 1));
+    index_.Replace(first.block, touched, summaries);
+    return removed;
+  }
+
   // What lies in `range`, as segments of their own with the bounds clipped to it. Nothing empty
   // and nothing backward is kept.
   std::vector<Segment> Cut(const CSection& range) const {
     std::vector<Segment> pieces;
-    if (range.begin >= range.end) return pieces;
-    const std::size_t first = index_.FirstReaching(range.begin);
-    std::size_t last = first;
-    std::size_t touched = 0;
-    for (; last < blocks_.size() && !index_.NoneStartsBefore(range.end, last); ++last) {
-      if (index_.MayShareFrames(last, range)) ++touched;
-    }
     // Growing step by step would move a long cut several times over.
-    if (touched > 2) pieces.reserve(touched * kBlockSize);
-    for (std::size_t block = first; block < last; ++block) {
-      if (!index_.MayShareFrames(block, range)) continue;
-      std::int64_t offset = index_.StartOf(block);
-      for (const Segment& segment : blocks_[block]) {
-        const CSection piece = Clip(segment, offset, range);
-        if (piece.begin < piece.end) pieces.emplace_back(segment.source, piece.begin, piece.end);
-        offset = WrappingAdd(offset, segment.Length());
-      }
-    }
+    const std::size_t blocks = index_.FirstReaching(range.end) - index_.FirstReaching(range.begin);
+    if (range.begin < range.end && blocks > 1) pieces.reserve(blocks * kBlockSize);
+    ForEachPiece(range, [&](const Source& source, const CSection& piece) {
+      pieces.emplace_back(source, piece.begin, piece.end);
+    });
     return pieces;
+  }
+
+  // The same as a list, and all segments as a list: cheaper for many segments, because no array has
+  // to hold them all.
+  SegmentList CutList(const CSection& range) const {
+    SegmentList pieces;
+    ForEachPiece(range, [&](const Source& source, const CSection& piece) {
+      pieces.Append({source, piece.begin, piece.end});
+    });
+    return pieces;
+  }
+  SegmentList Copy() const {
+    SegmentList copy = *this;
+    copy.cursor_.reset();
+    return copy;
   }
 
   // All segments, whole, in order.
@@ -97,6 +149,27 @@ class SegmentList {
   static constexpr std::size_t kBlockSize = 256;
   using Block = std::vector<Segment>;
 
+  template <class Take>
+  void ForEachPiece(const CSection& range, Take&& take) const {
+    if (range.begin >= range.end) return;
+    // Without backward segments the pieces lie together, and the rest of the list can be left out.
+    const bool in_order = index_.NoneShorterThan(0);
+    for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
+      std::int64_t offset = index_.StartOf(block);
+      if (in_order && offset >= range.end) return;
+      if (!index_.MayShareFrames(block, range)) continue;
+      for (const Segment& segment : blocks_[block]) {
+        const std::int64_t end = WrappingAdd(offset, segment.Length());
+        if (in_order && offset >= range.end) return;
+        if (!in_order || end > range.begin) {
+          const CSection piece = Clip(segment, offset, range);
+          if (piece.begin < piece.end) take(segment.source, piece);
+        }
+        offset = end;
+      }
+    }
+  }
+
   // Where an insertion goes: before `slot` of `block`. With a cut, the segment before that slot is
   // divided at this position of its source.
   struct Place {
@@ -122,6 +195,16 @@ class SegmentList {
     return {blocks_.size() - 1, blocks_.back().size(), std::nullopt};
   }
 
+  std::size_t OrdinalOf(const Place& place) const noexcept {
+    return index_.OrdinalOf(place.block) + place.slot;
+  }
+
+  static BlockSummary Summarize(const Block& block) noexcept {
+    BlockSummary summary;
+    for (const Segment& segment : block) summary.Add(segment);
+    return summary;
+  }
+
   const Segment* AtCursor() const noexcept {
     if (!cursor_) return nullptr;
     const std::size_t block = index_.BlockOfOrdinal(*cursor_);
@@ -139,7 +222,10 @@ class SegmentList {
   // A block without segments does no harm, should the segment it was meant for not arrive.
   void AddBlock() {
     index_.Reserve(1);
-    blocks_.emplace_back();
+    Block block;
+    // The first one grows with a short document; whoever needs more will fill them.
+    if (!blocks_.empty()) block.reserve(kBlockSize);
+    blocks_.push_back(std::move(block));
     index_.AddBlock();
   }
 
@@ -159,9 +245,7 @@ class SegmentList {
     block.reserve(total);
 
     if (place.cut) block[place.slot - 1].end = *place.cut;
-    if (cursor_ && *cursor_ >= index_.OrdinalOf(place.block) + place.slot) {
-      *cursor_ += segments.size();
-    }
+    if (cursor_ && *cursor_ >= OrdinalOf(place)) *cursor_ += segments.size();
     block.insert(At(block, place.slot), std::move_iterator(segments.begin()),
                  std::move_iterator(segments.end()));
     for (std::size_t part = 0; part < shares.size(); ++part) {
@@ -175,9 +259,9 @@ class SegmentList {
                      std::move_iterator(shares.end()));
     }
     for (std::size_t part = 0; part < parts; ++part) {
-      for (const Segment& segment : blocks_[place.block + part]) summaries[part].Add(segment);
+      summaries[part] = Summarize(blocks_[place.block + part]);
     }
-    index_.Replace(place.block, summaries);
+    index_.Replace(place.block, 1, summaries);
   }
 
   static auto At(Block& block, std::size_t slot) noexcept {

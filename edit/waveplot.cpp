@@ -3,18 +3,13 @@
 #include <algorithm>
 #include <limits>
 
+#include "core/extremes.h"
 #include "core/frame_math.h"
 
 namespace marlinda {
 namespace {
 
 constexpr float kLargest = std::numeric_limits<float>::max();
-
-// The two comparisons, and no minimum function, decide what becomes of a NaN: it is passed over.
-void Extend(float& lowest, float& highest, float low, float high) noexcept {
-  if (low < lowest) lowest = low;
-  if (high > highest) highest = high;
-}
 
 }  // namespace
 
@@ -43,6 +38,10 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
   return SaturatingAdd(whole * numerator, static_cast<std::int64_t>(quotient));
 }
 
+std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept {
+  return count - Scale(columns - column, count, columns);
+}
+
 SampleColumns::SampleColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                              std::int64_t frames) noexcept
     : pairs_(pairs),
@@ -69,23 +68,15 @@ void SampleColumns::Add(std::span<const float> samples) noexcept {
 
 // At least one frame a column: frame s belongs to column s * columns / frames.
 void SampleColumns::Narrow(std::span<const float> samples, std::int64_t end) noexcept {
+  const std::size_t pair_floats = 2 * channels_;
   std::int64_t frame = frame_;
-  const float* sample = samples.data();
   while (frame < end && column_ < visible_) {
-    const std::int64_t next_column = FirstFrame(column_ + 1);
+    const std::int64_t next_column = FirstOfColumn(column_ + 1, columns_, frames_);
     const std::int64_t stop = std::min(end, next_column);
-    float* const pairs = &pairs_[static_cast<std::size_t>(column_) * 2 * channels_];
-    for (std::size_t channel = 0; channel < channels_; ++channel) {
-      float lowest = pairs[2 * channel];
-      float highest = pairs[2 * channel + 1];
-      const float* at = sample + channel;
-      for (std::int64_t i = frame; i < stop; ++i, at += channels_) {
-        Extend(lowest, highest, *at, *at);
-      }
-      pairs[2 * channel] = lowest;
-      pairs[2 * channel + 1] = highest;
-    }
-    sample += static_cast<std::size_t>(stop - frame) * channels_;
+    const std::size_t count = static_cast<std::size_t>(stop - frame) * channels_;
+    ExtendBySamples(pairs_.subspan(static_cast<std::size_t>(column_) * pair_floats, pair_floats),
+                    samples.first(count));
+    samples = samples.subspan(count);
     frame = stop;
     if (frame == next_column) ++column_;
   }
@@ -105,11 +96,6 @@ void SampleColumns::Repeat(std::span<const float> samples, std::int64_t end) noe
   }
 }
 
-// The quotient column * frames / columns rounded up.
-std::int64_t SampleColumns::FirstFrame(std::int64_t column) const noexcept {
-  return frames_ - Scale(columns_ - column, frames_, columns_);
-}
-
 PeakColumns::PeakColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                          std::int64_t peaks) noexcept
     : pairs_(pairs),
@@ -126,27 +112,18 @@ PeakColumns::PeakColumns(std::span<float> pairs, std::size_t channels, std::int6
 
 // Peak i belongs to column i * columns / peaks.
 void PeakColumns::Add(std::span<const float> peaks) noexcept {
-  const std::int64_t end = peak_ + static_cast<std::int64_t>(peaks.size() / (2 * channels_));
-  const float* peak = peaks.data();
+  const std::size_t pair_floats = 2 * channels_;
+  const std::int64_t end = peak_ + static_cast<std::int64_t>(peaks.size() / pair_floats);
   while (peak_ < end) {
     const std::int64_t column = Scale(peak_, columns_, peaks_);
     if (column >= visible_) break;
     if (column > column_) Open(column);
     // The first peak of the next column that has one.
-    const std::int64_t next = peaks_ - Scale(columns_ - column - 1, peaks_, columns_);
-    const std::int64_t stop = std::min(end, next);
-    float* const pairs = &pairs_[static_cast<std::size_t>(column) * 2 * channels_];
-    for (std::size_t channel = 0; channel < channels_; ++channel) {
-      float lowest = pairs[2 * channel];
-      float highest = pairs[2 * channel + 1];
-      const float* at = peak + 2 * channel;
-      for (std::int64_t i = peak_; i < stop; ++i, at += 2 * channels_) {
-        Extend(lowest, highest, at[0], at[1]);
-      }
-      pairs[2 * channel] = lowest;
-      pairs[2 * channel + 1] = highest;
-    }
-    peak += static_cast<std::size_t>(stop - peak_) * 2 * channels_;
+    const std::int64_t stop = std::min(end, FirstOfColumn(column + 1, columns_, peaks_));
+    const std::size_t count = static_cast<std::size_t>(stop - peak_) * pair_floats;
+    ExtendByPeaks(pairs_.subspan(static_cast<std::size_t>(column) * pair_floats, pair_floats),
+                  peaks.first(count));
+    peaks = peaks.subspan(count);
     peak_ = stop;
   }
   peak_ = end;

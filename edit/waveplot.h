@@ -16,6 +16,10 @@ namespace marlinda {
 // the result does not fit. None is negative, the denominator is positive.
 std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept;
 
+// The first frame or peak of a column, where `count` of them are spread over `columns` so that the
+// i-th belongs to column i * columns / count: column * count / columns, rounded up.
+std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
+
 // Fills the columns of a piece from its samples, which come in blocks.
 class SampleColumns {
  public:
@@ -30,7 +34,6 @@ class SampleColumns {
  private:
   void Narrow(std::span<const float> samples, std::int64_t end) noexcept;
   void Repeat(std::span<const float> samples, std::int64_t end) noexcept;
-  std::int64_t FirstFrame(std::int64_t column) const noexcept;
 
   std::span<float> pairs_;
   std::size_t channels_;

@@ -135,8 +135,10 @@ void CAudioPool::Advance(std::int64_t audio_bytes) noexcept {
   audio_position_ += audio_bytes;
   const std::int64_t bytes_per_peak = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
   const std::int64_t peaks = (audio_position_ - take_audio_begin_) / bytes_per_peak;
-  peak_position_ =
+  const std::int64_t position =
       take_peak_begin_ + peaks * channels_ * static_cast<std::int64_t>(sizeof(PeakRecord));
+  if (position < peak_position_) ++peak_rewinds_;
+  peak_position_ = position;
 }
 
 STDMETHODIMP CAudioPool::OpenDevice() {
@@ -167,6 +169,14 @@ STDMETHODIMP CAudioPool::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
 STDMETHODIMP CAudioPool::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
   *pbReady = open_count_ == 0 ? 1 : 0;
+  return S_OK;
+}
+
+// The next block of peaks goes to the peak position, and nothing before it is written again.
+STDMETHODIMP CAudioPool::GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) {
+  if (FAILED(files_) || file != peak_file_.handle()) return E_INVALIDARG;
+  *end = peak_position_;
+  *rewinds = peak_rewinds_;
   return S_OK;
 }
 

@@ -12,6 +12,7 @@
 #include "core/com_object.h"
 #include "pool/dither.h"
 #include "pool/peak_builder.h"
+#include "pool/peak_file.h"
 #include "pool/take_list.h"
 #include "pool/temporary_file.h"
 
@@ -24,7 +25,7 @@ namespace marlinda {
 // When the files cannot be made, creation succeeds all the same; OpenDevice, WriteAudio,
 // CloseDevice, GetFileHandles, CreateLastReader and CreatePrevReader then do nothing but return the
 // HRESULT of that failure. The other methods need no files and work.
-class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
+class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;
 
@@ -60,6 +61,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
+  // IPeakFile
+  STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override;
+
  private:
   HRESULT CreateFiles();
   HRESULT CreateReader(IAudioReader** reader);
@@ -77,7 +81,10 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
   DitherState dither_;
 
   std::int64_t audio_position_ = 0;
-  std::int64_t peak_position_ = 0;
+  std::atomic<std::int64_t> peak_position_{0};
+  // How often the peak position went back: a change of format or bit depth within a take can do
+  // that, and what had settled is overwritten.
+  std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;
   TakeList takes_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/frame_math.h"
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
 #include "pool/file_access.h"
@@ -39,6 +40,7 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
     const std::lock_guard lock(mutex_);
     pool_.Swap(pool);
     region_ = region;
+    peak_groups_.reset();
     return S_OK;
   });
 }
@@ -75,11 +77,48 @@ STDMETHODIMP CAudioPoolReader::ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPe
     SampleArrayView view;
     Check(view.Lock(psaPeakData));
     const std::lock_guard lock(mutex_);
-    Check(region_.handles);
-    const std::int64_t offset =
-        ByteOffset(region_.peak_offset,
-                   region_.channels * static_cast<std::int64_t>(sizeof(PeakRecord)), nPeakPosition);
-    return ReadAt(region_.peak_file, offset, std::as_writable_bytes(view.samples())).hr;
+    return ReadStoredPeaks(nPeakPosition, view.samples());
+  });
+}
+
+HRESULT CAudioPoolReader::ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
+  if (FAILED(region_.handles)) return region_.handles;
+  const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(), first);
+  return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
+}
+
+std::int64_t CAudioPoolReader::PeakBytes() const noexcept {
+  return region_.channels * static_cast<std::int64_t>(sizeof(PeakRecord));
+}
+
+STDMETHODIMP CAudioPoolReader::SummarizePeaks(IPeakReader* peaks, std::size_t channels,
+                                              std::int64_t first,
+                                              std::span<const std::int64_t> ends,
+                                              std::span<float> pairs) {
+  return ComCall([&]() -> HRESULT {
+    const std::lock_guard lock(mutex_);
+    if (peaks != this || region_.channels < 1 || first < 0 || ends.empty() ||
+        channels != static_cast<std::size_t>(region_.channels)) {
+      return E_INVALIDARG;
+    }
+    const auto file = TryQuery<IPeakFile>(pool_.Get());
+    std::int64_t settled_bytes = 0;
+    std::uint32_t rewinds = 0;
+    if (!file) return E_NOINTERFACE;
+    Check(file->GetSettledPeaks(region_.peak_file, &settled_bytes, &rewinds));
+    const std::int64_t settled =
+        SaturatingSubtract(settled_bytes, region_.peak_offset) / PeakBytes();
+    if (region_.peak_offset < 0 || ends.back() > settled) return E_INVALIDARG;
+
+    if (!peak_groups_ || peak_rewinds_ != rewinds) {
+      peak_groups_.emplace(channels);
+      peak_rewinds_ = rewinds;
+    }
+    peak_groups_->Settle(settled);
+    const auto read = [this](std::int64_t at, std::span<float> block) {
+      return SUCCEEDED(ReadStoredPeaks(at, block));
+    };
+    return peak_groups_->Extend(first, ends, pairs, read) ? S_OK : E_FAIL;
   });
 }
 

@@ -7,11 +7,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
+#include "core/peak_summary.h"
+#include "pool/peak_file.h"
+#include "pool/peak_groups.h"
 #include "pool/storage.h"
 
 namespace marlinda {
@@ -24,7 +28,7 @@ namespace marlinda {
 // be whole frames. Refused are reads whose first byte would lie before the file
 // (ERROR_NEGATIVE_SEEK), and samples beyond 8 to 32 bits (E_INVALIDARG).
 class CAudioPoolReader final
-    : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader> {
+    : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPoolReader;
 
@@ -49,6 +53,10 @@ class CAudioPoolReader final
   STDMETHODIMP OpenDevice() override;
   STDMETHODIMP CloseDevice() override;
 
+  // IPeakSummary: over peaks that the pool will not write again.
+  STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,
+                              std::span<const std::int64_t> ends, std::span<float> pairs) override;
+
  private:
   static constexpr HRESULT kNotCreated = HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
 
@@ -68,12 +76,18 @@ class CAudioPoolReader final
   };
 
   HRESULT ReadPcm(std::int64_t offset, std::span<float> samples);
+  std::int64_t PeakBytes() const noexcept;
+  HRESULT ReadStoredPeaks(std::int64_t first, std::span<float> peaks);
 
   std::mutex mutex_;
   ComPtr<IAudioPool> pool_;
   Region region_;
   // Kept between calls: a fresh large allocation costs more than the conversion out of it.
   std::vector<std::byte> pcm_;
+
+  // What is known of the region's peaks, as long as the pool has not rewound.
+  std::optional<PeakGroups> peak_groups_;
+  std::uint32_t peak_rewinds_ = 0;
 };
 
 }  // namespace marlinda

@@ -27,6 +27,20 @@ std::string Text(const Annotations& annotations) {
   return text;
 }
 
+TEST(Annotations, APartIsClippedMovedAndInTheSameOrder) {
+  const Annotations annotations{{{500, "b"}, {100, "a"}, {99, "c"}, {199, "d"}, {200, "e"}},
+                                {{{0, 100}, "before"},
+                                 {{150, 300}, "into"},
+                                 {{50, 101}, "out"},
+                                 {{150, 150}, "empty"},
+                                 {{-5, 999}, "around"}}};
+  Annotations part = annotations.Part({100, 200}, -100);
+  EXPECT_EQ(Text(part), "a@0 d@99 into[50,100) out[0,1) around[0,100)");
+  part.Append(annotations.Part({400, 600}, 0));
+  EXPECT_EQ(Text(part), "a@0 d@99 b@500 into[50,100) out[0,1) around[0,100) around[400,600)");
+  EXPECT_EQ(Text(annotations.Part({200, 100}, 0)), "");
+}
+
 TEST(Annotations, MoveWithAnInsertionFromItsPositionOn) {
   Annotations annotations{{{500, "b"}, {100, "a"}, {99, "c"}, {500, "d"}},
                           {{{0, 100}, "before"},

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <random>
+#include <set>
 
 #include "tests/edit/document.h"
 
@@ -306,6 +307,88 @@ TEST_F(EditedAudioWaveplot, DrawsTheSilenceSourceAsALineAtEveryZoom) {
   for (const __int64 frames : {5, 1000, 1'000'000}) {
     EXPECT_THAT(Plot(0, frames, 10, 1), Each(0.0F));
   }
+}
+
+// A source of another maker, which has nothing but the peaks of a pool reader.
+class PeaksOf final : public RampSource, public IPeakReader {
+ public:
+  static ComPtr<PeaksOf> Make(const ComPtr<IPeakReader>& peaks, SHORT channels) {
+    ComPtr<PeaksOf> made;
+    *made.GetAddressOf() = new PeaksOf(peaks, channels);
+    return made;
+  }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (!IsEqualIID(iid, IID_IPeakReader)) return RampSource::QueryInterface(iid, object);
+    *object = static_cast<IPeakReader*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return RampSource::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return RampSource::Release(); }
+  STDMETHODIMP ReadPeaks(__int64 position, SAFEARRAY* array) override {
+    return peaks_->ReadPeaks(position, array);
+  }
+  STDMETHODIMP GetSamplesPerPeak(LONG* count) override { return peaks_->GetSamplesPerPeak(count); }
+
+ private:
+  PeaksOf(const ComPtr<IPeakReader>& peaks, SHORT channels)
+      : RampSource('P', channels, nullptr, 44100), peaks_(peaks) {}
+
+  const ComPtr<IPeakReader> peaks_;
+};
+
+// What a pool reader sums up for the document must be what its peaks say, also when the pool has
+// written on or, with another bit depth in the middle of a take, has written over them.
+TEST(EditedAudioPoolWaveplot, IsThatOfThePeaksAtEveryMomentOfATake) {
+  constexpr SHORT kChannels = 2;
+  constexpr __int64 kBlockFrames = 256 * 100;
+  const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  const auto writer = As<IAudioWriter>(pool);
+  ASSERT_EQ(pool->SetBitDepth(8, 0), S_OK);
+  ASSERT_EQ(writer->SetFormat(44100, kChannels), S_OK);
+  ASSERT_EQ(writer->OpenDevice(), S_OK);
+  const auto take = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
+  ASSERT_EQ(take->Create(pool.Get(), 0, 0, 0, 8), S_OK);
+  const auto reader = As<IAudioReader>(take);
+  const auto forwarder = PeaksOf::Make(As<IPeakReader>(take), kChannels);
+  const Document direct;
+  const Document forwarded;
+  direct->AppendSegment(reader.Get(), 0, 40 * kBlockFrames);
+  forwarded->AppendSegment(forwarder.Get(), 0, 40 * kBlockFrames);
+
+  std::mt19937 random(9);
+  const auto draw_int = [&](__int64 low, __int64 high) {
+    return std::uniform_int_distribution<__int64>(low, high)(random);
+  };
+  std::set<std::vector<float>> pictures;
+  for (__int64 block = 1; block <= 40; ++block) {
+    Floats samples(static_cast<std::size_t>(kBlockFrames * kChannels));
+    std::uniform_real_distribution<float> noise(-1.0F, 1.0F);
+    for (float& sample : samples.values()) sample = noise(random);
+    // The position in the peak file falls back to a quarter of what it was.
+    if (block == 25) {
+      ASSERT_EQ(pool->SetBitDepth(32, 0), S_OK);
+    }
+    ASSERT_EQ(writer->WriteAudio(samples), S_OK);
+    // Twice the same picture, and two others, also beyond what is written.
+    __int64 begin = 0;
+    __int64 end = block * kBlockFrames;
+    for (int picture = 0; picture < 4; ++picture) {
+      if (picture > 1) begin = draw_int(0, end);
+      if (picture > 2) end = draw_int(begin, 40 * kBlockFrames);
+      const std::size_t columns = picture < 2 ? 5 : static_cast<std::size_t>(draw_int(1, 8));
+      // Too near, and samples would be drawn.
+      if (end - begin < 256 * 8) continue;
+      const Floats ours(columns * 2 * kChannels, 7.0F);
+      const Floats theirs(columns * 2 * kChannels, 7.0F);
+      ASSERT_EQ(direct->ReadWaveplot(begin, end, ours), S_OK);
+      ASSERT_EQ(forwarded->ReadWaveplot(begin, end, theirs), S_OK);
+      ASSERT_EQ(ours.ToVector(), theirs.ToVector()) << block << ": " << begin << " to " << end;
+      pictures.insert(ours.ToVector());
+    }
+  }
+  EXPECT_GT(pictures.size(), 50u);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <random>
@@ -70,6 +71,17 @@ class WalkedList {
     return pieces;
   }
 
+  // What is left and right of the range, cut out and joined.
+  void Remove(std::int64_t begin, std::int64_t end) {
+    std::vector<Segment> kept = Cut(0, begin);
+    for (const Segment& piece : Cut(end, Length())) kept.push_back(piece);
+    segments_ = std::move(kept);
+  }
+
+  bool AllHaveFrames() const {
+    return std::ranges::all_of(segments_, [](const Segment& s) { return s.begin < s.end; });
+  }
+
   std::int64_t Length() const {
     std::int64_t sum = 0;
     for (const Segment& segment : segments_) sum = WrappingAdd(sum, segment.Length());
@@ -128,6 +140,18 @@ class RandomEdits {
         Insert(many);
         break;
       }
+      case 2: {
+        const std::int64_t begin = Draw(0, walked_.Length() + 100);
+        // Now and then several blocks at once.
+        const std::int64_t end = begin + Draw(0, Draw(0, 8) == 0 ? 30'000 : 200);
+        if (!list_.AllHaveFrames()) break;
+        EXPECT_TRUE(walked_.AllHaveFrames());
+        ++removals_;
+        walked_.Remove(begin, end);
+        list_.Remove({begin, end});
+        EXPECT_EQ(list_.Next(), nullptr);
+        break;
+      }
       default:
         Insert({RandomSegment()});
     }
@@ -145,10 +169,14 @@ class RandomEdits {
 
   void CompareWhole() {
     ASSERT_EQ(Text(list_), Text(walked_.segments()));
+    ASSERT_EQ(Text(list_.Copy()), Text(walked_.segments()));
+    const std::int64_t begin = RandomPosition();
+    ASSERT_EQ(Text(list_.CutList({begin, kMax})), Text(walked_.Cut(begin, kMax)));
     ASSERT_EQ(Iterate(list_), Text(walked_.segments()));
   }
 
   std::size_t Count() const { return list_.Count(); }
+  int removals() const { return removals_; }
 
  private:
   std::int64_t Draw(std::int64_t low, std::int64_t high) {
@@ -177,7 +205,8 @@ class RandomEdits {
     const std::int64_t low = std::min<std::int64_t>(0, length);
     const std::int64_t high = std::max<std::int64_t>(0, length);
     if (Draw(0, 9) != 0) return Draw(low, high);
-    return Draw(SaturatingSubtract(low, 300), SaturatingAdd(high, 300));
+    // A cut at a negative position leaves a backward segment.
+    return Draw(odd_percent_ > 0 ? SaturatingSubtract(low, 300) : 0, SaturatingAdd(high, 300));
   }
 
   void Insert(const std::vector<Segment>& segments) {
@@ -192,6 +221,7 @@ class RandomEdits {
   std::vector<Source> sources_;
   List list_;
   WalkedList walked_;
+  int removals_ = 0;
 };
 
 void CompareRandomEdits(int odd_percent, bool extremes) {
@@ -203,6 +233,7 @@ void CompareRandomEdits(int odd_percent, bool extremes) {
     if (::testing::Test::HasFatalFailure()) return;
   }
   edits.CompareWhole();
+  EXPECT_TRUE(odd_percent > 0 || edits.removals() > 20);
   // Fewer would not leave the first blocks of the list.
   EXPECT_GT(edits.Count(), 2000u);
 }
@@ -294,6 +325,15 @@ TEST_F(SegmentListTest, GivesEveryReferenceBack) {
     EXPECT_EQ(b_.use_count(), 1001);
     const auto pieces = list.Cut({5, 25});
     EXPECT_GT(pieces.size(), 2u);
+    {
+      // From inside one segment to inside another: those keep their references.
+      const auto removed = list.Remove({5, list.Length() - 5});
+      EXPECT_GT(removed.size(), 1000u);
+      EXPECT_EQ(list.Count() + removed.size() + pieces.size(),
+                static_cast<std::size_t>(a_.use_count() + b_.use_count()) - 2);
+    }
+    EXPECT_EQ(list.Count() + pieces.size(),
+              static_cast<std::size_t>(a_.use_count() + b_.use_count()) - 2);
   }
   EXPECT_EQ(a_.use_count(), 1);
   EXPECT_EQ(b_.use_count(), 1);

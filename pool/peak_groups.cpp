@@ -1,0 +1,116 @@
+#include "pool/peak_groups.h"
+
+#include <algorithm>
+
+#include "core/extremes.h"
+
+namespace marlinda {
+namespace {
+
+constexpr std::int64_t kGroup = 64;
+
+// Floats that one read asks for at most: the block is compared while it is in the cache.
+constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
+
+constexpr std::size_t kMostKeptFloats = (std::size_t{4} << 20) / sizeof(float);
+
+}  // namespace
+
+bool PeakGroups::Extend(std::int64_t first, std::span<const std::int64_t> ends,
+                        std::span<float> pairs, const Read& read) {
+  if (!LearnGroups(first, ends, read)) return false;
+  for (const std::int64_t end : ends) {
+    const std::span<float> own = pairs.first(pair_floats_);
+    pairs = pairs.subspan(pair_floats_);
+    // From left to right, because the first of two equal values counts.
+    const std::int64_t first_group = (first + kGroup - 1) / kGroup;
+    const std::int64_t last_group = end / kGroup;
+    if (first_group > last_group) {
+      if (!ExtendByPart(own, first, end, read)) return false;
+    } else {
+      if (!ExtendByPart(own, first, first_group * kGroup, read)) return false;
+      const auto groups = static_cast<std::size_t>(last_group - first_group);
+      ExtendByPeaks(own, {Group(first_group).data(), groups * pair_floats_});
+      if (!ExtendByPart(own, last_group * kGroup, end, read)) return false;
+    }
+    first = end;
+  }
+  return true;
+}
+
+// Reads what is new of the groups that lie in the stretches as a whole.
+bool PeakGroups::LearnGroups(std::int64_t first, std::span<const std::int64_t> ends,
+                             const Read& read) {
+  if (ends.empty()) return true;
+  const std::int64_t last_group = ends.back() / kGroup;
+  const auto most_groups =
+      static_cast<std::int64_t>(std::max<std::size_t>(1, kBlockFloats / (kGroup * pair_floats_)));
+  if (static_cast<std::size_t>(last_group) >= known_.size()) {
+    const std::size_t count = static_cast<std::size_t>(last_group) + 1;
+    groups_.resize(count * pair_floats_);
+    known_.resize(count);
+  }
+  auto boundary = ends.begin();
+  const auto is_known = [&](std::int64_t group) { return known_[static_cast<std::size_t>(group)]; };
+  for (std::int64_t group = (first + kGroup - 1) / kGroup; group < last_group;) {
+    if (is_known(group)) {
+      ++group;
+      continue;
+    }
+    std::int64_t past = group + 1;
+    while (past < last_group && past < group + most_groups && !is_known(past)) ++past;
+    const auto group_floats = static_cast<std::size_t>(kGroup) * pair_floats_;
+    block_.resize(static_cast<std::size_t>(past - group) * group_floats);
+    if (!read(group * kGroup, block_)) return false;
+    for (std::span<const float> left(block_); group < past;
+         ++group, left = left.subspan(group_floats)) {
+      const std::span<float> own = Group(group);
+      for (std::size_t i = 0; i < pair_floats_; i += 2) {
+        own[i] = kNoLowest;
+        own[i + 1] = kNoHighest;
+      }
+      ExtendByPeaks(own, left.first(group_floats));
+      known_[static_cast<std::size_t>(group)] = true;
+      boundary = std::lower_bound(boundary, ends.end(), group * kGroup + 1);
+      if (*boundary < (group + 1) * kGroup) Keep(group, left.first(group_floats));
+    }
+  }
+  return true;
+}
+
+// Extends the pairs by some of the peaks of one group, or by none.
+bool PeakGroups::ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
+                              const Read& read) {
+  if (begin >= end) return true;
+  const std::int64_t group = begin / kGroup;
+  auto kept = kept_peaks_.find(group);
+  if (kept == kept_peaks_.end()) {
+    const bool whole = (group + 1) * kGroup <= settled_;
+    const std::int64_t from = whole ? group * kGroup : begin;
+    const std::int64_t to = whole ? from + kGroup : end;
+    block_.resize(static_cast<std::size_t>(to - from) * pair_floats_);
+    if (!read(from, block_)) return false;
+    if (!whole) {
+      ExtendByPeaks(pairs, block_);
+      return true;
+    }
+    Keep(group, block_);
+    kept = kept_peaks_.find(group);
+  }
+  const auto at = static_cast<std::size_t>(begin - group * kGroup) * pair_floats_;
+  ExtendByPeaks(pairs, std::span<const float>(kept->second)
+                           .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
+  return true;
+}
+
+// What is kept is given up as a whole when it becomes too much: pictures of one size need far less.
+void PeakGroups::Keep(std::int64_t group, std::span<const float> peaks) {
+  if ((kept_peaks_.size() + 1) * peaks.size() > kMostKeptFloats) kept_peaks_.clear();
+  kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());
+}
+
+std::span<float> PeakGroups::Group(std::int64_t group) noexcept {
+  return {groups_.data() + static_cast<std::size_t>(group) * pair_floats_, pair_floats_};
+}
+
+}  // namespace marlinda
