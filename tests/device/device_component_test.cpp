@@ -384,6 +384,9 @@ TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, 0), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, -1), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1, 44100, 2), E_INVALIDARG);
+  // More than there can be: refused before anything of that size is made.
+  EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 1), E_INVALIDARG);
+  EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 32767), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(nullptr, 1024, 44100, 2), E_POINTER);
   EXPECT_EQ(scrubber->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber->Stop(), S_OK);
