@@ -49,7 +49,7 @@ void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames) {
   Check(writer->OpenDevice());
   // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
   // played some milliseconds before they are.
-  const Floats silence(kRate);
+  const Floats silence(3 * kRate);
   Check(writer->WriteAudio(silence));
   for (std::size_t frame = 0; frame < total_frames; frame += block_frames) {
     Floats block(kChannels * std::min(block_frames, total_frames - frame));

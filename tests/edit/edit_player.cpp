@@ -52,7 +52,7 @@ void Play(std::string_view how) {
     // as played some milliseconds before they are.
     document->AppendSegment(nullptr, 0, kRate / 2);
     document.Append(source, 0, 66'000);
-    document->AppendSegment(nullptr, 0, kRate / 2);
+    document->AppendSegment(nullptr, 0, kRate);
     Check(document->Play(0, document.Length(), 1, VARIANT_FALSE));
     WaitForEnd(document);
     return;

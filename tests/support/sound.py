@@ -67,13 +67,15 @@ def without_silence(samples):
 
 
 class Speaker:
-    """Reads the speaker's pipe at the pace of real time, or later, while its server lives. A pause is
-    (frame, seconds): so long it does not read once it has got as many frames that are not silent."""
+    """Reads the speaker's pipe at the pace of real time, or later, while its server lives. Nothing comes
+    while nobody plays. A pause is (frame, seconds): so long the server stands still once as many frames
+    that are not silent have come."""
 
     def __init__(self, environment, pause=None):
         self.pipe = os.open(environment["TESSALY_SPEAKER"], os.O_RDONLY | os.O_NONBLOCK)
         os.set_blocking(self.pipe, True)
         self.got = bytearray()
+        self.server = int(environment["TESSALY_SOUND_SERVER_PID"])
         self.pause = pause
         self.thread = threading.Thread(target=self.read)
         self.thread.start()
@@ -86,16 +88,21 @@ class Speaker:
             if due < 4096:
                 time.sleep(0.01)
                 continue
+            asked = time.monotonic()
             piece = os.read(self.pipe, due)
             if not piece:
                 return
+            idle = time.monotonic() - asked
+            if idle > 1:
+                begun += idle  # nobody played
             total += len(piece)
             self.got += piece
             if self.pause:
                 heard += len(without_silence(piece)) // FRAME_BYTES
                 if heard > self.pause[0]:
+                    os.kill(self.server, signal.SIGSTOP)
                     time.sleep(self.pause[1])
-                    begun += self.pause[1]
+                    os.kill(self.server, signal.SIGCONT)
                     self.pause = None
 
     def close(self):
@@ -126,7 +133,12 @@ class Microphone:
                 due = int((time.monotonic() - begun) * RATE) * FRAME_BYTES
                 while sent < due:
                     at = sent % len(self.second)
+                    asked = time.monotonic()
                     sent += self.pipe.write(self.second[at:at + min(due - sent, 4096)])
+                    idle = time.monotonic() - asked
+                    if idle > 0.1:
+                        begun += idle  # nobody recorded
+                        break
                 time.sleep(0.01)
 
     def close(self):
