@@ -56,7 +56,7 @@ STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHO
 STDMETHODIMP CAudioPlayback::GetPlaybackPos(__int64* nPlaybackPos) {
   if (nPlaybackPos == nullptr) return E_POINTER;
   const Guard lock(mutex_);
-  std::uint64_t position = static_cast<std::uint64_t>(pos_offset_);
+  auto position = static_cast<std::uint64_t>(pos_offset_);
   // The device's counter has 32 bits and is taken as it is, also when it wraps.
   if (device_ != nullptr) position += PlayedFrames();
   *nPlaybackPos = static_cast<std::int64_t>(position);

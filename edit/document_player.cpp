@@ -64,7 +64,7 @@ struct DocumentPlayer::Job {
     }
   }
 
-  void Drain() {
+  void Drain() const {
     for (LONG ready = 0; ready == 0 && !stop; Sleep(kPollMilliSecs)) {
       Check(writer->QueryIsReady(&ready));
     }
