@@ -33,7 +33,7 @@ struct CAudioGrabber::Recording {
       : format(wanted),
         data_event(event),
         buffer_bytes(bytes),
-        samples(bytes / format.nBlockAlign * format.nChannels),
+        samples(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
         // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
         buffers(kBufferCount,
                 Buffer(std::max<std::size_t>(
@@ -48,18 +48,18 @@ struct CAudioGrabber::Recording {
     waveInStart(device);
   }
 
-  void Add(Buffer& buffer) noexcept {
+  void Add(Buffer& buffer) const noexcept {
     waveInPrepareHeader(device, &buffer.header, sizeof buffer.header);
     waveInAddBuffer(device, &buffer.header, sizeof buffer.header);
   }
 
-  void Remove(Buffer& buffer) noexcept {
+  void Remove(Buffer& buffer) const noexcept {
     waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
   }
 
   // SetFormat meanwhile is for the next opening.
   const WAVEFORMATEX format;
-  const HANDLE data_event;
+  HANDLE data_event;
   const std::uint32_t buffer_bytes;
   HWAVEIN device = nullptr;
   // One buffer as floats.

@@ -1,6 +1,7 @@
 #include "device/audio_playback.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -13,6 +14,9 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kClosePollMilliSecs = 10;
+// How often a waiting writer looks whether the device is still there. It wakes for each buffer
+// besides.
+constexpr DWORD kLookMilliSecs = 500;
 constexpr ULONGLONG kLostAfterMilliSecs = 2000;
 
 // Runs on a thread of the device. It only signals: any wave-out call from here could deadlock.
@@ -52,15 +56,9 @@ STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHO
 STDMETHODIMP CAudioPlayback::GetPlaybackPos(__int64* nPlaybackPos) {
   if (nPlaybackPos == nullptr) return E_POINTER;
   const Guard lock(mutex_);
-  std::uint64_t position = static_cast<std::uint64_t>(pos_offset_);
-  if (device_ != nullptr) {
-    MMTIME time = {};
-    time.wType = TIME_SAMPLES;
-    // The device's counter has 32 bits and is taken as it is, also when it wraps.
-    if (waveOutGetPosition(device_, &time, sizeof time) == MMSYSERR_NOERROR) {
-      position += static_cast<std::uint32_t>(time.u.sample);
-    }
-  }
+  auto position = static_cast<std::uint64_t>(pos_offset_);
+  // The device's counter has 32 bits and is taken as it is, also when it wraps.
+  if (device_ != nullptr) position += PlayedFrames();
   *nPlaybackPos = static_cast<std::int64_t>(position);
   return S_OK;
 }
@@ -127,6 +125,7 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
     if (!done_event_ || !IsPlausible(format_)) return E_FAIL;
     queue_limit_bytes_ = format_.nBlockAlign * buffer_millisecs_ * format_.nSamplesPerSec / 1000;
     queued_bytes_ = 0;
+    bytes_per_sec_ = std::uint64_t{format_.nBlockAlign} * format_.nSamplesPerSec;
     broken_ = false;
     ++opening_;
 
@@ -162,6 +161,7 @@ STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
   const Guard lock(mutex_);
   Reap();
+  CloseIfLost();
   *pbReady = pending_.empty() ? 1 : 0;
   return S_OK;
 }
@@ -172,10 +172,11 @@ bool CAudioPlayback::WaitForRoom(Guard& lock) {
   while (takes_blocks() && queued_bytes_ > queue_limit_bytes_) {
     ++waiting_writers_;
     lock.unlock();
-    WaitForSingleObject(done_event_.get(), INFINITE);
+    WaitForSingleObject(done_event_.get(), kLookMilliSecs);
     lock.lock();
     --waiting_writers_;
     Reap();
+    CloseIfLost();
   }
   // The event wakes one writer; whatever ended this wait may end another's.
   if (waiting_writers_ > 0) SetEvent(done_event_.get());
@@ -200,6 +201,7 @@ void CAudioPlayback::Queue(std::span<const float> samples) {
     ConvertFloatToPcm(samples, buffer->data(), bits);
   }
   buffer->peaks = ChannelPeaks(samples, channels);
+  if (pending_.empty()) progress_.Restart();
   pending_.push_back(std::move(buffer));
   queued_bytes_ += static_cast<std::uint32_t>(size);
   pending_.back()->Play();
@@ -211,8 +213,26 @@ void CAudioPlayback::Reap() {
     const auto buffer = std::move(pending_.front());
     pending_.pop_front();
     queued_bytes_ -= buffer->size();
+    ++returned_;
     output_levels_ = std::move(buffer->peaks);
   }
+}
+
+std::uint32_t CAudioPlayback::PlayedFrames() const {
+  MMTIME time = {};
+  time.wType = TIME_SAMPLES;
+  const bool told = waveOutGetPosition(device_, &time, sizeof time) == MMSYSERR_NOERROR;
+  return told ? static_cast<std::uint32_t>(time.u.sample) : 0;
+}
+
+void CAudioPlayback::CloseIfLost() {
+  if (device_ == nullptr || pending_.empty()) return;
+  // The position alone does not show it: a driver may count whole buffers only.
+  const std::uint64_t progress = std::uint64_t{returned_} << 32 | PlayedFrames();
+  const std::uint64_t milliseconds =
+      std::uint64_t{pending_.front()->size()} * 1000 / bytes_per_sec_;
+  const auto patience = StallWatch::kPatience + std::chrono::milliseconds(milliseconds);
+  if (progress_.Look(progress, StallWatch::Clock::now()) > patience) Close();
 }
 
 void CAudioPlayback::Close() {

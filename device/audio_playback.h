@@ -14,6 +14,7 @@
 #include "core/com_object.h"
 #include "core/handle.h"
 #include "core/sample_array.h"
+#include "core/stall_watch.h"
 #include "device/audio_out_buffer.h"
 #include "device/calls_inside.h"
 
@@ -24,9 +25,10 @@ namespace marlinda {
 // while another thread asks for position and level or calls Break or CloseDevice.
 //
 // A device can be lost without a word: no buffer comes back any more while the position calls go on
-// succeeding. When a reset fails, or a device being closed returns no buffer for two seconds, it
-// counts as lost: it is closed, its buffers are freed, and the object can be opened again. A writer
-// that waits for a lost device waits until Break or CloseDevice.
+// succeeding. It counts as lost when, before the eyes of a writer that waits or of QueryIsReady,
+// its position stands still and the next buffer is five seconds late; when a reset fails; and when
+// it is being closed and returns no buffer for two seconds. Then it is closed, its buffers are
+// freed, and the object can be opened again.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
@@ -56,11 +58,15 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
   // Each expects the lock to be held.
   // Waits while too much is queued. False when the device does not take the block: closed, broken,
-  // or opened anew meanwhile.
+  // lost, or opened anew meanwhile.
   bool WaitForRoom(Guard& lock);
   void Queue(std::span<const float> samples);
   // Frees the buffers that have been played.
   void Reap();
+  // The device's counter of frames; 0 when it does not tell.
+  std::uint32_t PlayedFrames() const;
+  // Closes a device that holds buffers and goes on with none of them.
+  void CloseIfLost();
   void Close();
   void WaitForBuffers();
   // Closes the device whatever it still holds.
@@ -75,6 +81,10 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   std::uint32_t buffer_millisecs_ = 1000;
   std::uint32_t queue_limit_bytes_ = 0;
   std::uint32_t queued_bytes_ = 0;
+  std::uint64_t bytes_per_sec_ = 1;
+  // Buffers that came back, and whether more do.
+  std::uint32_t returned_ = 0;
+  StallWatch progress_;
   bool broken_ = false;
   // Counts the openings, so that a writer which has waited knows its device again.
   std::uint32_t opening_ = 0;

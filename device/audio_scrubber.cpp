@@ -16,8 +16,9 @@ namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
 constexpr ULONGLONG kLostAfterMilliSecs = 2000;
-// A minute and a half at 192 kHz. The window of a longer block would hold its caller up for seconds.
-constexpr LONG kLongestBlock = 1 << 24;
+// Many minutes. A longer block is a mistake, and making its window would take long before memory
+// ran out.
+constexpr std::uint64_t kMostBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
@@ -61,7 +62,11 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
                                    LONG nSamplesPerSec, SHORT nChannels) {
   if (nChannels <= 0) return E_INVALIDARG;
   if (pAudioWriter == nullptr) return E_POINTER;
-  if (nSamplesInBlocks < 2 || nSamplesInBlocks > kLongestBlock) return E_INVALIDARG;
+  if (nSamplesInBlocks < 2) return E_INVALIDARG;
+  if (static_cast<std::uint64_t>(nSamplesInBlocks) * static_cast<std::uint64_t>(nChannels) >
+      kMostBlockSamples) {
+    return E_INVALIDARG;
+  }
   if (scrub_) return E_FAIL;
   return ComCall([&] {
     auto scrub = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),

@@ -18,8 +18,9 @@ namespace marlinda {
 // is told to break.
 //
 // Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of fewer than 2
-// frames and negative channel counts with E_INVALIDARG; Stop without Start does nothing; WriteBlock
-// outside Start and Stop gives E_FAIL, one that is too short E_INVALIDARG.
+// frames or more than 2^24 samples and negative channel counts with E_INVALIDARG; Stop without
+// Start does nothing; WriteBlock outside Start and Stop gives E_FAIL, one that is too short
+// E_INVALIDARG.
 class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;

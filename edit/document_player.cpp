@@ -64,7 +64,7 @@ struct DocumentPlayer::Job {
     }
   }
 
-  void Drain() {
+  void Drain() const {
     for (LONG ready = 0; ready == 0 && !stop; Sleep(kPollMilliSecs)) {
       Check(writer->QueryIsReady(&ready));
     }
@@ -133,10 +133,12 @@ void DocumentPlayer::StartScrub() {
   if (!scrubber_) Check(CreateInstance(CLSID_CAudioScrubber, scrubber_));
   const DocumentFormat format = content_->CurrentFormat();
   const ComPtr<IAudioWriter> writer = PreparedWriter(format, kScrubBufferMilliSecs);
-  scrub_frames_ = format.samples_per_sec / kScrubBlocksPerSecond;
+  const LONG frames = format.samples_per_sec / kScrubBlocksPerSecond;
   content_->OpenDevice();
-  scrubbing_ = SUCCEEDED(
-      scrubber_->Start(writer.Get(), scrub_frames_, format.samples_per_sec, format.channels));
+  scrubbing_ =
+      SUCCEEDED(scrubber_->Start(writer.Get(), frames, format.samples_per_sec, format.channels));
+  // A block that the scrubber refuses may be of any size, and nobody is to read it.
+  scrub_frames_ = scrubbing_ ? frames : 0;
 }
 
 void DocumentPlayer::SetScrubPosition(__int64 position) {

@@ -85,7 +85,7 @@ SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format) {
 
 ComPtr<IAudioReader> OpenGrabber(const DeviceChoice& device, const AudioFormat& format) {
   const auto grabber = CreateObject<IAudioGrabber>(CLSID_CAudioGrabber, "CAudioGrabber");
-  const auto reader = Query<IAudioReader>(grabber.Get());
+  auto reader = Query<IAudioReader>(grabber.Get());
   Check(grabber->SetDevice(device.number()));
   for (const SHORT bits : kBitsToTry) {
     Check(grabber->SetFormat(format.rate, format.channels, bits));

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the tests of playing, recording and scrubbing on sound servers
-# of their own. They take real time, about four minutes, and want a machine that is not busy with other
-# things: that is why scripts/test.sh leaves them out.
+# Installs what is missing, builds, and runs only those tests that play, record and scrub, on sound servers
+# of their own. They take real time, about three minutes; scripts/test.sh runs them beside others.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build test

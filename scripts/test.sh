@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything and runs every test: the kernels natively, plain and under
-# the sanitizers, then kernels and components under Wine, and checks the format of the code. Ends with
-# one summary; the status is 0 only if everything passed.
+# the sanitizers, kernels and components under Wine, sound on sound servers of the tests' own; and checks
+# the format of the code. Ends with one summary; the status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
@@ -31,19 +31,19 @@ count() {
     END { print passed + 0, failed + 0, skipped + 0 }' "$1"
 }
 
-# suite PRESET WHAT [COMMAND...]: runs the tests of one preset by the command, says how they went and
-# leaves "passed failed skipped" in a file for the sum.
+# suite NAME PRESET WHAT OPTION [COMMAND...]: runs the tests of one preset that CTest's option -L or -LE
+# (with the label of the sound tests) leaves, by the command; says how they went and leaves "passed failed
+# skipped" in a file for the sum.
 suite() {
-  local preset=$1 what=$2 begun=$SECONDS status=0 good bad left
-  shift 2
-  local log=$root/build/$preset/Testing/Temporary/LastTest.log output=$logs/test-$preset.log
+  local name=$1 preset=$2 what=$3 option=$4 begun=$SECONDS status=0 good bad left
+  shift 4
+  local log=$root/build/$preset/Testing/Temporary/LastTest.log output=$logs/test-$name.log
   rm -f "$log"
-  # What needs a sound server is run alone: scripts/test-sound.sh.
-  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error -LE '^sound$') >"$output" 2>&1 </dev/null || status=$?
+  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error "$option" '^sound$') >"$output" 2>&1 </dev/null || status=$?
   read -r good bad left < <(count "$log" 2>/dev/null || echo 0 0 0)
   # Whatever CTest says counts, also where no single test says why.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
-  echo "$good $bad $left $what" >"$logs/result-$preset"
+  echo "$good $bad $left $what" >"$logs/result-$name"
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
     return
@@ -52,22 +52,26 @@ suite() {
     grep -E '^\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$output" |
       sort -u | head -n 40
     tail -n 15 "$output"
-    echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$preset.log"
-    echo "  again: ctest --preset $preset --rerun-failed --output-on-failure"
+    echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$name.log"
+    echo "  again: ctest --preset $preset -R '^($(sed 's/^[0-9]*://' "${log%/*}/LastTestsFailed.log" | paste -sd '|'))\$'"
   } >&2
 }
 
 rm -f "$logs"/result-*
-# One line of suites per core of a small machine: those under Wine wait now and then.
-suite x64 "kernels and components under Wine" "$root/scripts/wine-session" &
-suite native "kernels, native"
-suite asan "kernels under AddressSanitizer and UBSan"
-suite tsan "kernels under ThreadSanitizer"
+# One line of suites per core of a small machine: those under Wine wait now and then, those of sound
+# mostly.
+{
+  suite x64 x64 "kernels and components under Wine" -LE "$root/scripts/wine-session"
+  suite sound x64 "sound under Wine" -L "$root/scripts/wine-session"
+} &
+suite native native "kernels, native" -LE
+suite asan asan "kernels under AddressSanitizer and UBSan" -LE
+suite tsan tsan "kernels under ThreadSanitizer" -LE
 wait
-for preset in x64 native asan tsan; do
+for name in x64 sound native asan tsan; do
   # A suite that left no result has failed.
-  good=0 bad=1 left=0 what="tests of $preset"
-  read -r good bad left what 2>/dev/null <"$logs/result-$preset" || true
+  good=0 bad=1 left=0 what="tests of $name"
+  read -r good bad left what 2>/dev/null <"$logs/result-$name" || true
   passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))
   [[ $bad -eq 0 ]] || broken+=("$what")
 done

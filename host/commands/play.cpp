@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "core/stall_watch.h"
 #include "host/channel_list.h"
 #include "host/commands/json.h"
-#include "host/device_watch.h"
 #include "host/engine.h"
+#include "host/played_time.h"
 #include "host/progress.h"
 #include "host/sound_devices.h"
 #include "host/timecode.h"
@@ -42,10 +43,11 @@ class Player {
   void Watch(const std::string& file, const DeviceChoice& device, const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
     const std::int64_t frames = section_.range.end - section_.range.begin;
-    // The position of a short loop may well be the same whenever it is asked for.
+    // The position of a short loop may well be the same whenever it is asked for. The engine ends
+    // it when its device is lost.
     const bool can_stall = !section_.loop || frames >= format_.rate;
     StatusLine line(console.ProgressOutput());
-    DeviceWatch watch(start_);
+    StallWatch watch;
     __int64 position = section_.range.begin;
     for (;;) {
       VARIANT_BOOL playing = VARIANT_FALSE;
@@ -58,7 +60,8 @@ class Player {
         throw HostError(ExitStatus::kInterrupted, file,
                         "interrupted at " + FormatDuration(position, format_.rate));
       }
-      if (watch.IsLost(position, Clock::now()) && can_stall) {
+      const auto stalled = watch.Look(static_cast<std::uint64_t>(position), Clock::now());
+      if (can_stall && stalled > StallWatch::kPatience) {
         throw DeviceLost(device, "it stopped playing at " + FormatDuration(position, format_.rate));
       }
       line.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()));

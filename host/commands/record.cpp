@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "core/stall_watch.h"
 #include "host/commands/json.h"
-#include "host/device_watch.h"
 #include "host/engine.h"
 #include "host/file_name.h"
 #include "host/progress.h"
@@ -15,8 +15,6 @@
 
 namespace marlinda {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 HostError UsageError(const std::string& reason) {
   return {ExitStatus::kUsage, "", reason, "See \"marlinda record --help\"."};
@@ -30,13 +28,14 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
   constexpr DWORD kPollMilliseconds = 50;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   StatusLine line(console.ProgressOutput());
-  DeviceWatch watch(Clock::now());
+  StallWatch watch;
   while (recorder.IsRunning()) {
     if (console.Interrupted()) {
       recorder.Stop();
       return HostError(ExitStatus::kInterrupted, "", "interrupted");
     }
-    if (watch.IsLost(recorder.recorded(), Clock::now())) {
+    const auto recorded = static_cast<std::uint64_t>(recorder.recorded());
+    if (watch.Look(recorded, StallWatch::Clock::now()) > StallWatch::kPatience) {
       recorder.Stop();
       return DeviceLost(device, "it stopped delivering audio");
     }

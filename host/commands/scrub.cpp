@@ -26,10 +26,12 @@ HostError UsageError(const std::string& reason) {
 class Scrubber {
  public:
   Scrubber(IEditedAudio* document, const ImportedAudio& audio, const std::string& file,
-           const Console& console)
-      : scrub_(Query<IScrubSupport>(document)),
+           const DeviceChoice& device, const Console& console)
+      : document_(document),
+        scrub_(Query<IScrubSupport>(document)),
         audio_(audio),
         file_(file),
+        device_(device),
         console_(console),
         line_(console.ProgressOutput()) {
     Check(scrub_->StartScrub());
@@ -42,7 +44,7 @@ class Scrubber {
     MoveTo(position);
     constexpr std::chrono::milliseconds kPoll(50);
     for (const auto end = Clock::now() + time;;) {
-      ThrowIfInterrupted(position);
+      ThrowIfEnded(position);
       const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
       if (rest.count() <= 0) return;
       console_.Wait(static_cast<DWORD>(std::min(rest, kPoll).count()));
@@ -55,7 +57,7 @@ class Scrubber {
     ScrubCursor cursor(audio_.frames, audio_.format.rate);
     MoveTo(0);
     for (;;) {
-      ThrowIfInterrupted(cursor.position());
+      ThrowIfEnded(cursor.position());
       const auto key = console_.ReadKey(kPollMilliseconds);
       if (!key) continue;
       if (*key == VK_ESCAPE || *key == VK_RETURN || *key == 'Q') return;
@@ -91,15 +93,26 @@ class Scrubber {
     line_.Show(TransportLine("Scrubbing", position, audio_.frames, audio_.format.rate, {}));
   }
 
-  void ThrowIfInterrupted(std::int64_t position) const {
-    if (!console_.Interrupted()) return;
-    throw HostError(ExitStatus::kInterrupted, file_,
-                    "interrupted at " + FormatDuration(position, audio_.format.rate));
+  void ThrowIfEnded(std::int64_t position) const {
+    const std::string place = FormatDuration(position, audio_.format.rate);
+    if (console_.Interrupted()) {
+      throw HostError(ExitStatus::kInterrupted, file_, "interrupted at " + place);
+    }
+    if (!DeviceIsOpen()) throw DeviceLost(device_, "it stopped playing at " + place);
   }
 
+  // A lost device is closed by the engine, and this is how a document tells: only an open one
+  // refuses to give the level of a channel that it does not have.
+  bool DeviceIsOpen() const {
+    float level = 0;
+    return FAILED(document_->GetOutputLevel(audio_.format.channels, &level));
+  }
+
+  IEditedAudio* document_;
   ComPtr<IScrubSupport> scrub_;
   const ImportedAudio& audio_;
   const std::string& file_;
+  const DeviceChoice& device_;
   const Console& console_;
   StatusLine line_;
 };
@@ -137,7 +150,7 @@ void RunScrub(const ScrubOptions& options, const Console& console) {
   Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
   Check(document->SetPlaybackDevice(device.number()));
   {
-    Scrubber scrubber(document.Get(), audio, options.input, console);
+    Scrubber scrubber(document.Get(), audio, options.input, device, console);
     for (const std::int64_t position : positions) scrubber.Hold(position, hold);
     if (positions.empty()) scrubber.FollowKeys();
   }

@@ -147,12 +147,17 @@ TEST(Playback, EveryWaitingWriterWakesAndNoneWritesIntoTheNextOpening) {
     ASSERT_EQ(player.writer->OpenDevice(), S_OK);
     ASSERT_EQ(player.writer->WriteAudio(Floats(2 * 44100 * 5)), S_OK);
     std::vector<std::thread> producers;
+    std::atomic<int> begun{0};
     std::atomic<int> refused{0};
     for (int i = 0; i < 3; ++i) {
-      producers.emplace_back(
-          [&] { refused += player.writer->WriteAudio(Floats(2 * 441)) == E_FAIL ? 1 : 0; });
+      producers.emplace_back([&] {
+        const Floats block(2 * 441);
+        ++begun;
+        refused += player.writer->WriteAudio(block) == E_FAIL ? 1 : 0;
+      });
     }
-    Sleep(1000);
+    while (begun < 3) Sleep(10);
+    Sleep(500);
     EXPECT_EQ(broken ? player.playback->Break() : player.writer->CloseDevice(), S_OK);
     EXPECT_EQ(player.writer->OpenDevice(), S_OK);
     for (auto& producer : producers) producer.join();
@@ -268,12 +273,17 @@ TEST(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
   EXPECT_EQ(reader->CloseDevice(), S_OK);
   ASSERT_EQ(reader->OpenDevice(), S_OK);
   std::vector<std::thread> waiting;
+  std::atomic<int> begun{0};
   std::atomic<int> ended{0};
   for (int i = 0; i < 2; ++i) {
-    waiting.emplace_back(
-        [&] { ended += reader->ReadAudio(0, Floats(2 * 44100 * 60)) == E_FAIL ? 1 : 0; });
+    waiting.emplace_back([&] {
+      const Floats minute(2 * 44100 * 60);
+      ++begun;
+      ended += reader->ReadAudio(0, minute) == E_FAIL ? 1 : 0;
+    });
   }
-  Sleep(1000);
+  while (begun < 2) Sleep(10);
+  Sleep(500);
   EXPECT_EQ(reader->CloseDevice(), S_OK);
   EXPECT_EQ(reader->OpenDevice(), S_OK);
   for (auto& thread : waiting) thread.join();
@@ -384,6 +394,9 @@ TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, 0), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, -1), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1, 44100, 2), E_INVALIDARG);
+  // More than there can be: refused before anything of that size is made.
+  EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 1), E_INVALIDARG);
+  EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 32767), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(nullptr, 1024, 44100, 2), E_POINTER);
   EXPECT_EQ(scrubber->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber->Stop(), S_OK);

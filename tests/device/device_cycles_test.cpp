@@ -118,13 +118,23 @@ TEST(Cycles, RecordingLeavesNoThreadOrHandle) {
 }
 
 TEST(Cycles, ScrubbingLeavesNoThreadOrHandle) {
-  // Each stop takes a tenth of a second.
-  ExpectNothingLeft(Cycles(100), [](int i) {
-    auto writer = StereoSpeaker();
-    auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
-    ASSERT_EQ(scrubber->Start(writer.Get(), 4410, 44100, 2), S_OK);
-    ASSERT_EQ(scrubber->WriteBlock(Floats(2 * 4410, 0.1F)), S_OK);
-    if (i % 2 == 0) scrubber->Stop();
+  // Each stop takes a tenth of a second, so that several are under way at once.
+  constexpr int kAtOnce = 8;
+  ExpectNothingLeft(Cycles(200) / kAtOnce, [](int) {
+    std::vector<ComPtr<IAudioScrubber>> scrubbers;
+    for (int i = 0; i < kAtOnce; ++i) {
+      scrubbers.push_back(Create<IAudioScrubber>(CLSID_CAudioScrubber));
+      ASSERT_EQ(scrubbers[i]->Start(StereoSpeaker().Get(), 4410, 44100, 2), S_OK);
+      ASSERT_EQ(scrubbers[i]->WriteBlock(Floats(2 * 4410, 0.1F)), S_OK);
+    }
+    std::vector<std::thread> enders;
+    for (int i = 0; i < kAtOnce; ++i) {
+      enders.emplace_back([&scrubber = scrubbers[i], i] {
+        if (i % 2 == 0) scrubber->Stop();
+        scrubber.Reset();
+      });
+    }
+    for (auto& ender : enders) ender.join();
   });
 }
 

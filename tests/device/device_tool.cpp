@@ -1,7 +1,7 @@
 // The module's client in the device tests that another program drives (device_test.py):
 //   device_tool play WIDTH BLOCK_FRAMES TOTAL_FRAMES [WAV-FILE]
 //   device_tool record WIDTH READ_FRAMES TOTAL_FRAMES FILE
-//   device_tool lose break|close|release|record|drop|scrub
+//   device_tool lose break|close|release|write|drain|record|drop|scrub
 // With a file a wave writer stands in front of the speaker and records there what is played.
 // Sample n of the interleaved signal that is played is ((n * 7919) mod 60001 - 30000) / 32767. A
 // recording goes into a pool of the same width and from there into the file as raw floats; the
@@ -61,7 +61,7 @@ void Play(SHORT bits, std::size_t block_frames, std::size_t total_frames, const 
   Check(writer->OpenDevice());
   // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
   // played some milliseconds before they are.
-  const Floats silence(kRate);
+  const Floats silence(3 * kRate);
   Check(writer->WriteAudio(silence));
   for (std::size_t frame = 0; frame < total_frames; frame += block_frames) {
     Floats block(kChannels * std::min(block_frames, total_frames - frame));
@@ -115,7 +115,7 @@ void Timed(const char* name, Action&& action) {
 
 void AwaitLoss() {
   Say("ready\n");
-  while (std::getchar() != '\n') {
+  for (int c = 0; c != '\n' && c != EOF; c = std::getchar()) {
   }
 }
 
@@ -131,15 +131,17 @@ void LosePlaying(const std::string& how) {
   });
   while (written < 3) Sleep(10);
   AwaitLoss();
-  if (how == "break") {
+  if (how == "write") {
+    Timed("noticed", [&] { producer.join(); });
+  } else if (how == "break") {
     Timed("break", [&] { As<IAudioPlayback>(writer)->Break(); });
   } else if (how == "close") {
     Timed("close", [&] { writer->CloseDevice(); });
   } else {
     Timed("release", [&] { writer.Reset(); });
   }
-  Timed("join", [&] { producer.join(); });
-  Say("written %d\n", last == E_FAIL ? 1 : 0);
+  if (producer.joinable()) Timed("join", [&] { producer.join(); });
+  Say("refused %d\n", last == E_FAIL ? 1 : 0);
   if (!writer) return;
   LONG ready = 0;
   if (how == "break") {
@@ -150,6 +152,21 @@ void LosePlaying(const std::string& how) {
   // There is no device now; what counts is that asking for one comes back.
   Timed("reopen", [&] { writer->OpenDevice(); });
   Timed("release", [&] { writer.Reset(); });
+}
+
+// Nobody writes any more; what is queued is waited for.
+void LoseDraining() {
+  auto writer = Speaker(16, 5000);
+  Check(writer->OpenDevice());
+  const Floats second(kChannels * kRate, 0.1F);
+  for (int i = 0; i < 5; ++i) Check(writer->WriteAudio(second));
+  AwaitLoss();
+  LONG ready = 0;
+  Timed("noticed", [&] {
+    for (; ready == 0; Sleep(10)) Check(writer->QueryIsReady(&ready));
+  });
+  Say("idle %ld\n", ready);
+  Say("refused %d\n", writer->WriteAudio(second) == E_FAIL ? 1 : 0);
 }
 
 void LoseRecording(const std::string& how) {
@@ -191,6 +208,8 @@ int Run(const std::vector<std::string>& words) {
          words.size() > 4 ? words[4].c_str() : nullptr);
   } else if (command == "record") {
     Record(static_cast<SHORT>(number(1)), number(2), number(3), words.at(4).c_str());
+  } else if (command == "lose" && words.at(1) == "drain") {
+    LoseDraining();
   } else if (command == "lose" && words.at(1) == "scrub") {
     LoseScrubbing();
   } else if (command == "lose" && (words.at(1) == "record" || words.at(1) == "drop")) {

@@ -1,22 +1,22 @@
 """What a document plays is what the speaker gets, sample by sample, and a device that is lost in the
 middle holds nobody up.
 
-    sound-session python3 play_capture_test.py WINE_RUN EDIT_PLAYER
-
-Runs in a sound session whose sink keeps 32-bit floats. A starved sound server inserts silence, which is
-passed over: the signal has no sample that is 0. Lost, doubled or changed samples are failures.
+Called inside a Wine session: play_capture_test.py edit_player.exe [unittest arguments]
 """
 
 import array
 import os
-import signal
+import pathlib
+import struct
 import subprocess
 import sys
-import threading
-import time
 import unittest
 
-WINE_RUN, PLAYER = sys.argv[1:3]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from sound import Speaker, kill_server, sound_server, wait_until, without_silence
+
+PLAYER = sys.argv.pop(1)
+WINE = os.environ["TESSALY_WINE"]
 
 
 def sample(n):
@@ -28,41 +28,40 @@ def frame(position, mask=3):
     return tuple(sample(2 * position + c) if mask >> c & 1 else 0.0 for c in (0, 1))
 
 
-class Capture:
-    """Records the sink's monitor while the player runs."""
+class Player:
+    """The player, and the frames that the speaker is given meanwhile."""
+
+    def __init__(self, how):
+        self.how = how
 
     def __enter__(self):
-        self.recorder = subprocess.Popen(
-            ["parec", "--device=speaker.monitor", "--format=float32le", "--rate=44100", "--channels=2",
-             "--raw", "--latency-msec=50"], stdout=subprocess.PIPE)
-        self.data = bytearray(self.recorder.stdout.read(8))
-        self.reader = threading.Thread(target=self.read)
-        self.reader.start()
+        self.server = sound_server(pipes=True)
+        environment = self.server.__enter__()
+        self.speaker = Speaker(environment)
+        self.program = subprocess.Popen([WINE, PLAYER, self.how], env=environment,
+                                        stdin=subprocess.PIPE)
         return self
 
-    def read(self):
-        while chunk := self.recorder.stdout.read(65536):
-            self.data += chunk
+    def after(self, frames, first, last):
+        """Gives the player a line once so many of the frames from first to last have been heard."""
+        section = {struct.pack("2f", *frame(position)) for position in range(first, last)}
+        def heard():
+            got = bytes(self.speaker.got)
+            return sum(got[at:at + 8] in section for at in range(0, len(got) - 7, 8))
+        wait_until(lambda: heard() >= frames, f"{frames} frames")
+        self.program.stdin.write(b"\n")
+        self.program.stdin.flush()
 
-    def __exit__(self, *_):
-        time.sleep(1)
-        self.recorder.terminate()
-        self.reader.join()
-        self.recorder.stdout.close()
-        self.recorder.wait()
-
-    def sounding(self):
-        """The frames that are not silent."""
-        floats = array.array("f")
-        floats.frombytes(bytes(self.data[:len(self.data) // 8 * 8]))
-        frames = zip(floats[0::2], floats[1::2])
-        return [f for f in frames if f != (0.0, 0.0)]
-
-
-def played(how):
-    with Capture() as capture:
-        subprocess.run([WINE_RUN, PLAYER, how], check=True, timeout=120)
-    return capture.sounding()
+    def __exit__(self, *failure):
+        try:
+            # In trouble, the end of its input ends the player.
+            self.program.communicate(timeout=120)
+        finally:
+            self.program.kill()
+            self.server.__exit__(*failure)
+            floats = array.array("f", without_silence(self.speaker.close()))
+        assert self.program.returncode == 0, self.how
+        self.frames = list(zip(floats[0::2], floats[1::2]))
 
 
 class PlayedDocument(unittest.TestCase):
@@ -77,31 +76,36 @@ class PlayedDocument(unittest.TestCase):
         return len(frames)
 
     def test_a_mask_lets_only_its_channels_through(self):
-        frames = played("mask")
+        with Player("mask") as player:
+            pass
+        frames = player.frames
         self.assertEqual(len(frames), 66000)
         for position, got in enumerate(frames):
             self.assertEqual(got, frame(position, mask=1), f"frame {position}")
 
     def test_a_section_shorter_than_a_block_loops_without_a_gap(self):
-        frames = played("loop")
-        self.assertGreater(len(frames), 10000)
+        with Player("loop") as player:
+            player.after(20000, 100, 110)
+        frames = player.frames
         self.assertEqual(self.expect_loop(frames, 100, 110), len(frames))
 
     def test_another_section_follows_at_once_and_nothing_of_the_old_one_comes_again(self):
-        frames = played("modify")
+        with Player("modify") as player:
+            player.after(20000, 2000, 7000)
+            player.after(20000, 50, 777)
+        frames = player.frames
         first = self.expect_loop(frames, 2000, 7000)
         self.assertGreater(first, 10000)
         second = frames[first:]
         self.assertGreater(len(second), 10000)
         self.assertEqual(self.expect_loop(second, 50, 777), len(second))
 
-    # The last one: the sound server does not come back.
-    def test_z_stopping_does_not_wait_for_a_device_that_is_lost(self):
-        with subprocess.Popen([WINE_RUN, PLAYER, "lost"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              text=True) as player:
+    def test_playing_ends_and_stopping_does_not_wait_when_the_device_is_lost(self):
+        with sound_server(pipes=False) as environment, \
+                subprocess.Popen([WINE, PLAYER, "lost"], env=environment, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, text=True) as player:
             self.assertEqual(player.stdout.readline().strip(), "playing")
-            os.kill(int(os.environ["TESSALY_SOUND_SERVER_PID"]), signal.SIGKILL)
-            time.sleep(2)
+            kill_server(environment)
             try:
                 rest, _ = player.communicate("\n", timeout=120)
             except subprocess.TimeoutExpired:
@@ -112,4 +116,4 @@ class PlayedDocument(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(verbosity=2)

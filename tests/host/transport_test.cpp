@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/channel_list.h"
-#include "host/device_watch.h"
+#include "host/played_time.h"
 #include "host/progress.h"
 #include "host/scrub_cursor.h"
 
@@ -97,20 +97,7 @@ TEST(StatusLine, WipesWhatAShorterLineLeaves) {
   EXPECT_EQ(screen.str(), "\rlong line\rshort    \r         \r");
 }
 
-TEST(DeviceWatch, CallsADeviceLostWhenItsCounterStandsStill) {
-  const DeviceWatch::Time start{};
-  DeviceWatch watch(start);
-  EXPECT_FALSE(watch.IsLost(0, start + seconds(4)));
-  // The first look is no progress that would be missed: what counts is that it changes.
-  EXPECT_FALSE(watch.IsLost(0, start + seconds(9)));
-  EXPECT_TRUE(watch.IsLost(0, start + seconds(9) + milliseconds(1)));
-  EXPECT_FALSE(watch.IsLost(1, start + seconds(20)));
-  EXPECT_FALSE(watch.IsLost(0, start + seconds(24)));  // backward is a change as well: a loop
-  EXPECT_FALSE(watch.IsLost(0, start + seconds(29)));
-  EXPECT_TRUE(watch.IsLost(0, start + seconds(30)));
-}
-
-TEST(DeviceWatch, PlayingCannotEndBeforeTheAudioHasPassed) {
+TEST(PlayedTime, PlayingCannotEndBeforeTheAudioHasPassed) {
   EXPECT_TRUE(EndedTooSoon(441000, 44100, milliseconds(9400)));
   EXPECT_FALSE(EndedTooSoon(441000, 44100, milliseconds(9600)));
   EXPECT_FALSE(EndedTooSoon(441000, 44100, seconds(60)));
