@@ -1,7 +1,8 @@
 ; The set-up program: copies the files, registers the modules, lists the import filters, and takes all of
 ; it back. Built by scripts/package.sh, which defines VERSION, FOLDER (the files) and OUT.
 ;   setup.exe [/S] [/AllUsers | /CurrentUser] [/D=FOLDER]
-; Exit statuses: 0 done, 1 cancelled by the user, 2 not installed or not removed, nothing changed.
+; For everybody where the user may, else for the user alone. Exit statuses: 0 done, 1 cancelled by the
+; user, 2 not installed, or not removed, and nothing changed.
 
 ; The 64-bit stub: a 32-bit one would see the other view of registry and system folder.
 Target amd64-unicode
@@ -13,20 +14,12 @@ SetCompressor /SOLID lzma
 !define UNINSTALL_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\${NAME}"
 !define SETTINGS_KEY "Software\Brevant\Cutloom"
 
-; For everybody where the user may, else for the user alone.
-!define MULTIUSER_EXECUTIONLEVEL Highest
-!define MULTIUSER_INSTALLMODE_COMMANDLINE
-!define MULTIUSER_INSTALLMODE_INSTDIR "${NAME}"
-!define MULTIUSER_USE_PROGRAMFILES64
-!define MULTIUSER_INSTALLMODE_INSTDIR_REGISTRY_KEY "${UNINSTALL_KEY}"
-!define MULTIUSER_INSTALLMODE_INSTDIR_REGISTRY_VALUENAME InstallLocation
-!define MULTIUSER_INSTALLMODE_DEFAULT_REGISTRY_KEY "${UNINSTALL_KEY}"
-!define MULTIUSER_INSTALLMODE_DEFAULT_REGISTRY_VALUENAME InstallLocation
-!define MULTIUSER_MUI
-!include MultiUser.nsh
+RequestExecutionLevel highest
 !include MUI2.nsh
 !include LogicLib.nsh
 !include FileFunc.nsh
+
+Var Scope ; machine or user, as the modules' variable TESSALY_REGISTRATION has it
 
 Name "${TITLE}"
 OutFile "${OUT}"
@@ -40,7 +33,6 @@ VIAddVersionKey FileDescription "${TITLE} set-up"
 VIAddVersionKey LegalCopyright ""
 
 !define MUI_ABORTWARNING
-!insertmacro MULTIUSER_PAGE_INSTALLMODE
 !insertmacro MUI_PAGE_DIRECTORY
 !insertmacro MUI_PAGE_INSTFILES
 !insertmacro MUI_UNPAGE_CONFIRM
@@ -83,15 +75,6 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; The modules register for whom this variable says; the user's own setting must not interfere.
-!macro ChooseScope
-  ${If} $MultiUser.InstallMode == AllUsers
-    System::Call 'kernel32::SetEnvironmentVariable(t "TESSALY_REGISTRATION", t "machine")'
-  ${Else}
-    System::Call 'kernel32::SetEnvironmentVariable(t "TESSALY_REGISTRATION", t "user")'
-  ${EndIf}
-!macroend
-
 ; In a process of their own, so that a module stays loaded nowhere. $0: status, 0 for success.
 !macro Register module options
   nsExec::Exec '"$SYSDIR\regsvr32.exe" /s ${options} "$INSTDIR\${module}"'
@@ -101,8 +84,7 @@ VIAddVersionKey LegalCopyright ""
 !macro DefineTakeBack un
   ; Undoes all that Install does. What was not done is not missed.
   Function ${un}TakeBack
-    !insertmacro ChooseScope
-    ${If} $MultiUser.InstallMode == AllUsers
+    ${If} $Scope == machine
       nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters --remove'
       Pop $0
     ${EndIf}
@@ -112,7 +94,7 @@ VIAddVersionKey LegalCopyright ""
     !insertmacro Register Tessaly.dll /u
     ; The engine makes the keys of its settings when it looks for them. What is in them is the user's,
     ; or the application's.
-    ${If} $MultiUser.InstallMode == AllUsers
+    ${If} $Scope == machine
       DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
       DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
       DeleteRegKey /ifempty HKLM "Software\Brevant"
@@ -138,6 +120,11 @@ VIAddVersionKey LegalCopyright ""
 !macroend
 
 Section
+  ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
+  ${If} $R0 != ""
+  ${AndIf} $R0 != $INSTDIR
+    !insertmacro Refuse "An installation in $R0 is there already. Remove it first, or renew it there."
+  ${EndIf}
   Call RequireUnused
   SetOutPath "$INSTDIR"
   ClearErrors
@@ -148,7 +135,6 @@ Section
   ${EndIf}
   SetOutPath "$TEMP" ; a current folder cannot be removed
 
-  !insertmacro ChooseScope
   !insertmacro Register Tessaly.dll ""
   ${If} $0 != 0
     !insertmacro GiveUp "Tessaly.dll could not be registered (regsvr32: $0)."
@@ -160,7 +146,7 @@ Section
     ${EndIf}
   ${EndIf}
   ; The list is the machine's; marlinda.exe works without it.
-  ${If} $MultiUser.InstallMode == AllUsers
+  ${If} $Scope == machine
     nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters'
     Pop $0
     ${If} $0 != 0
@@ -173,9 +159,8 @@ Section
   WriteRegStr SHCTX "${UNINSTALL_KEY}" DisplayIcon "$INSTDIR\marlinda.exe"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" Publisher "${NAME}"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" InstallLocation "$INSTDIR"
-  WriteRegStr SHCTX "${UNINSTALL_KEY}" UninstallString '"$INSTDIR\uninstall.exe" /$MultiUser.InstallMode'
-  WriteRegStr SHCTX "${UNINSTALL_KEY}" QuietUninstallString \
-    '"$INSTDIR\uninstall.exe" /$MultiUser.InstallMode /S'
+  WriteRegStr SHCTX "${UNINSTALL_KEY}" UninstallString '"$INSTDIR\uninstall.exe"'
+  WriteRegStr SHCTX "${UNINSTALL_KEY}" QuietUninstallString '"$INSTDIR\uninstall.exe" /S'
   WriteRegDWORD SHCTX "${UNINSTALL_KEY}" NoModify 1
   WriteRegDWORD SHCTX "${UNINSTALL_KEY}" NoRepair 1
   ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
@@ -184,14 +169,79 @@ Section
 SectionEnd
 
 Section Uninstall
+  SetOutPath "$TEMP" ; a current folder cannot be removed
   Call un.RequireUnused
   Call un.TakeBack
 SectionEnd
 
+; The uninstaller runs as a copy in the temporary folder, which cannot remove itself: a command processor
+; waits for its end, in the folder that the section has made the current one.
+Function un.onUninstSuccess
+  ${If} $EXEDIR != $INSTDIR
+    ExecShell "" "$SYSDIR\cmd.exe" '/d /c for /l %i in (1,1,60) do \
+      (del "$EXEPATH" & rmdir "$EXEDIR" & if exist "$EXEDIR" ping -n 2 127.0.0.1)' SW_HIDE
+  ${EndIf}
+FunctionEnd
+
+; The user's own setting of the variable must not interfere.
+!macro EnterScope
+  SetRegView 64
+  ${If} $Scope == machine
+    SetShellVarContext all
+  ${Else}
+    SetShellVarContext current
+  ${EndIf}
+  System::Call 'kernel32::SetEnvironmentVariable(t "TESSALY_REGISTRATION", t "$Scope")'
+!macroend
+
 Function .onInit
-  !insertmacro MULTIUSER_INIT
+  UserInfo::GetAccountType
+  Pop $R0
+  ${GetParameters} $R1
+  StrCpy $Scope user
+  ${If} $R0 == Admin
+    StrCpy $Scope machine
+  ${EndIf}
+  ClearErrors
+  ${GetOptions} $R1 /CurrentUser $R2
+  ${IfNot} ${Errors}
+    StrCpy $Scope user
+  ${EndIf}
+  ClearErrors
+  ${GetOptions} $R1 /AllUsers $R2
+  ${IfNot} ${Errors}
+    StrCpy $Scope machine
+    ${If} $R0 != Admin
+      !insertmacro Refuse "Only an administrator can install for all users."
+    ${EndIf}
+  ${EndIf}
+  !insertmacro EnterScope
+
+  ; An installation is renewed where it is; two of them would share one registration.
+  ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
+  ${If} $INSTDIR == "" ; no /D
+    StrCpy $INSTDIR $R0
+    ${If} $INSTDIR == ""
+      StrCpy $INSTDIR "$PROGRAMFILES64\${NAME}"
+      ${If} $Scope == user
+        StrCpy $INSTDIR "$LOCALAPPDATA\Programs\${NAME}"
+      ${EndIf}
+    ${EndIf}
+  ${EndIf}
 FunctionEnd
 
 Function un.onInit
-  !insertmacro MULTIUSER_UNINIT
+  SetRegView 64
+  StrCpy $Scope machine
+  ReadRegStr $R0 HKCU "${UNINSTALL_KEY}" InstallLocation
+  ${If} $R0 == $INSTDIR
+    StrCpy $Scope user
+  ${EndIf}
+  UserInfo::GetAccountType
+  Pop $R0
+  ${If} $Scope == machine
+  ${AndIf} $R0 != Admin
+    !insertmacro Refuse "Only an administrator can remove what is installed for all users."
+  ${EndIf}
+  !insertmacro EnterScope
 FunctionEnd
