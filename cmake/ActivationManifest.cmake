@@ -1,8 +1,12 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
 # for it; Tessaly.dll must lie in the same folder. Classes and identifiers come from the IDL.
+# Part of the installed CMake package as well, where the IDL lies with the headers.
 function(tessaly_activation_manifest target)
-  set(idl ${CMAKE_SOURCE_DIR}/core/marlinda.idl)
+  set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
+  if(NOT EXISTS ${idl})
+    set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../../include/marlinda.idl)
+  endif()
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${idl})
   file(READ ${idl} text)
   # Brackets and semicolons have a meaning in CMake's lists.
@@ -66,7 +70,7 @@ function(tessaly_activation_manifest target)
     CONTENT
       [[<?xml version="1.0" encoding="UTF-8" standalone="yes"?>
 <assembly xmlns="urn:schemas-microsoft-com:asm.v1" manifestVersion="1.0">
-  <assemblyIdentity type="win32" name="Tessaly.@target@" version="@PROJECT_VERSION@.0"
+  <assemblyIdentity type="win32" name="Tessaly.@target@" version="@Tessaly_VERSION@.0"
     processorArchitecture="@architecture@"/>
   <file name="Tessaly.dll">
     <typelib tlbid="{@library_id@}" version="1.0" resourceid="1" helpdir=""/>

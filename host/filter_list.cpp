@@ -25,13 +25,6 @@ void RequireSuccess(LSTATUS error) {
                 ExitStatus::kRegistration);
 }
 
-std::string FromAnsi(const char* text) {
-  const int count = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-  std::wstring wide(static_cast<std::size_t>(count), L'\0');
-  MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), count);
-  return Narrow(wide.c_str());
-}
-
 }  // namespace
 
 FilterList ReadFilterList() {

@@ -10,6 +10,7 @@
 #include "host/commands/convert.h"
 #include "host/commands/cut.h"
 #include "host/commands/devices.h"
+#include "host/commands/doctor.h"
 #include "host/commands/filters.h"
 #include "host/commands/info.h"
 #include "host/commands/install_filters.h"
@@ -97,6 +98,11 @@ int Run(const Console& console) {
   };
 
   bool json = false;
+  CLI::App* doctor =
+      app.add_subcommand("doctor", "Tell whether everything is in place, and what helps if not");
+  AddJson(doctor, json);
+  doctor->callback(run_in_apartment([&] { RunDoctor(json, console); }));
+
   CLI::App* filters = app.add_subcommand("filters", "List the import filters");
   AddJson(filters, json);
   filters->callback(run_in_apartment([&] { RunFilters(json, console); }));

@@ -49,6 +49,8 @@ constexpr Meaning kMeanings[] = {
     {0x8007007E, ExitStatus::kRegistration, "the module of the class is missing", kRegister},
     {0x800700C1, ExitStatus::kRegistration, "the module of the class is not a program of this kind",
      "Use the 64-bit Tessaly.dll with the 64-bit program, and the 32-bit one with the other."},
+    {0x8002801D, ExitStatus::kRegistration, "the type library is not registered", kRegister},
+    {0x80029C4A, ExitStatus::kRegistration, "the type library cannot be read", kRegister},
     {0x800736B1, ExitStatus::kRegistration, "the manifest beside the program cannot be used",
      kRegister},
 };
@@ -65,7 +67,11 @@ std::string Compose(const std::string& subject, const std::string& reason,
 const char* const kRegistrationRemedy = kRegister;
 
 HostError::HostError(ExitStatus status, std::string subject, std::string reason, std::string remedy)
-    : status_(status), text_(Compose(subject, reason, remedy)) {}
+    : status_(status),
+      subject_(std::move(subject)),
+      reason_(std::move(reason)),
+      remedy_(std::move(remedy)),
+      text_(Compose(subject_, reason_, remedy_)) {}
 
 HostError Explain(std::int32_t hresult, std::string subject, ExitStatus otherwise) {
   const auto code = static_cast<std::uint32_t>(hresult);

@@ -26,11 +26,17 @@ class HostError : public std::exception {
   HostError(ExitStatus status, std::string subject, std::string reason, std::string remedy = "");
 
   ExitStatus status() const noexcept { return status_; }
+  const std::string& subject() const noexcept { return subject_; }
+  const std::string& reason() const noexcept { return reason_; }
+  const std::string& remedy() const noexcept { return remedy_; }
   // "subject: reason", and the remedy on a line of its own.
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:
   ExitStatus status_;
+  std::string subject_;
+  std::string reason_;
+  std::string remedy_;
   std::string text_;
 };
 

@@ -19,6 +19,13 @@ std::string Narrow(std::wstring_view wide) {
   return utf8;
 }
 
+std::string FromAnsi(const char* text) {
+  const int count = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
+  std::wstring wide(static_cast<std::size_t>(count), L'\0');
+  MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), count);
+  return Narrow(wide.c_str());
+}
+
 bool FitsCodePage(const std::wstring& text) {
   // As a code page UTF-8 holds everything, and refuses to be asked in this way.
   if (text.empty() || GetACP() == CP_UTF8) return true;

@@ -13,6 +13,8 @@ namespace marlinda {
 
 std::wstring Widen(std::string_view utf8);
 std::string Narrow(std::wstring_view wide);
+// From the engine's code page; the text ends at its NUL.
+std::string FromAnsi(const char* text);
 
 // True when the engine, whose text is in the system's ANSI code page, can hold the text unchanged.
 bool FitsCodePage(const std::wstring& text);

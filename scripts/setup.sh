@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing on a Debian machine, as root, and builds the libraries that the engine
 # links:
-#   scripts/setup.sh [GROUP...]     groups: build test demo lint bench fuzz; "build test" by default
+#   scripts/setup.sh [GROUP...]     groups: build test demo lint bench fuzz package; "build test" by default
 # Takes a fraction of a second when nothing is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
@@ -18,11 +18,13 @@ build=(
 wine=(wine64 libwine xvfb)
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
+# What packs and unpacks what is handed out.
+package=("${build[@]}" nsis zip unzip)
 # The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
 # writes; a sound server stands for the sound card.
 test=(
   "${build[@]}" "${wine[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
-  pulseaudio pulseaudio-utils
+  pulseaudio pulseaudio-utils "${package[@]}"
 )
 lint=("${build[@]}" g++ clang-format clang-tidy)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)
@@ -33,9 +35,9 @@ groups=("$@")
 packages=()
 for group in "${groups[@]}"; do
   case $group in
-    build | demo | test | lint | bench | fuzz) declare -n members=$group ;;
+    build | demo | test | lint | bench | fuzz | package) declare -n members=$group ;;
     *)
-      echo "usage: setup.sh [build|test|demo|lint|bench|fuzz ...]" >&2
+      echo "usage: setup.sh [build|test|demo|lint|bench|fuzz|package ...]" >&2
       exit 2
       ;;
   esac
@@ -67,7 +69,7 @@ targets=()
 libraries=(libogg libvorbis)
 for group in "${groups[@]}"; do
   [[ $group == fuzz ]] || targets+=(x64 x86)
-  [[ $group == build || $group == demo ]] || targets+=(native)
+  [[ $group == build || $group == demo || $group == package ]] || targets+=(native)
   [[ $group != bench ]] || libraries+=(benchmark)
 done
 "$root/scripts/build-dependencies" --only "${libraries[*]}" "${targets[@]}"

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Builds what is handed out, from the 64-bit build:
+#   build/package/tessaly-VERSION-x64.zip         unpack and run
+#   build/package/tessaly-VERSION-x64-setup.exe   installs, registers and removes
+. "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
+
+"$root/scripts/setup.sh" build package
+compile x64 Tessaly marlinda
+# shellcheck disable=SC2154 -- root comes from common.sh
+if [[ -f $root/converter/CMakeLists.txt ]]; then
+  compile x64 Converter
+fi
+
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/x64/CMakeCache.txt")
+name=tessaly-$version-x64
+package=$root/build/package
+folder=$package/$name
+rm -rf "$package"
+mkdir -p "$package"
+
+lay_out() {
+  cmake --install "$root/build/x64" --strip --prefix "$folder" || return
+  # Besides our own list of other people's code its texts as they came: of the libraries that are linked,
+  # from their sources, and of the header-only ones and the compiler's runtime, from Debian's packages.
+  local stamp library place
+  for stamp in "$root"/build/deps/x64/.built-*; do
+    library=${stamp##*.built-}
+    [[ $library == benchmark ]] && continue
+    place=$root/build/deps/src/$library
+    cp "$(find "$place" -maxdepth 1 \( -name 'COPYING*' -o -name 'LICEN[CS]E*' \) | sort | head -n 1)" \
+      "$folder/licences/$library.txt" || return
+  done
+  for library in libcli11-dev nlohmann-json3-dev libstb-dev mingw-w64-x86-64-dev \
+    gcc-mingw-w64-x86-64-posix-runtime; do
+    cp -L "/usr/share/doc/$library/copyright" "$folder/licences/$library.txt" || return
+  done
+  sed -i 's/$/\r/' "$folder/README.txt" # the one file that is read in Windows' own editor
+}
+pack() {
+  (cd "$package" && find "$name" -type f | LC_ALL=C sort | zip -q -9 -X -@ "$name.zip")
+}
+set_up_program() {
+  # What the uninstaller is to remove, by name; folders after what is in them.
+  (cd "$folder" && {
+    find . -type f -printf 'Delete "$INSTDIR/%P"\n'
+    find . -mindepth 1 -depth -type d -printf 'RMDir "$INSTDIR/%P"\n'
+  } | tr / '\\') >"$folder.remove.nsh"
+  makensis -V2 -WX -DVERSION="$version" -DFOLDER="$folder" -DOUT="$folder-setup.exe" \
+    "$root/installer/tessaly.nsi" &&
+    rm "$folder.remove.nsh"
+}
+step "lay out the files" "see the log" lay_out
+step "zip" "see the log" pack
+step "set-up program" "see the log" set_up_program
+# makensis ends well also when it could not write all of it.
+for product in "$folder.zip" "$folder-setup.exe"; do
+  [[ -s $product ]] || die "there is no ${product#"$root"/}"
+  printf '  %-52s %4d KiB\n' "${product#"$root"/}" $(($(stat -c %s "$product") / 1024))
+done
