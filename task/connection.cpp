@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "core/sample_array.h"
-#include "task/sample_count.h"
+#include "core/sample_count.h"
 
 namespace marlinda {
 namespace {

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "task/sample_count.h"
+#include "core/sample_count.h"
 
 namespace marlinda {
 namespace {
