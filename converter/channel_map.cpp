@@ -22,7 +22,7 @@ Layout LayoutOf(int channels) {
   static constexpr std::array<Position, 6> kFivePointOne = {kFL, kFR, kFC, kLFE, kBL, kBR};
   static constexpr std::array<Position, 7> kSixPointOne = {kFL, kFR, kFC, kLFE, kBC, kSL, kSR};
   static constexpr std::array<Position, 8> kSevenPointOne = {kFL, kFR, kFC, kLFE,
-                                                            kBL, kBR, kSL, kSR};
+                                                             kBL, kBR, kSL, kSR};
   static constexpr std::array<Layout, 9> kLayouts = {
       Layout(), kMono, kStereo, kThree, kQuad, kFive, kFivePointOne, kSixPointOne, kSevenPointOne};
   return channels >= 1 && channels <= 8 ? kLayouts[static_cast<std::size_t>(channels)] : Layout();
@@ -100,7 +100,8 @@ ChannelMap::ChannelMap(int source_channels, int target_channels)
     return;
   }
   for (std::size_t from = 0; from < source_channels_; ++from) {
-    Route(source, target, std::span(gains_).subspan(from), source_channels_).Send(source[from], 1.0);
+    Route(source, target, std::span(gains_).subspan(from), source_channels_)
+        .Send(source[from], 1.0);
   }
 }
 

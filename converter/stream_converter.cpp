@@ -42,8 +42,7 @@ StreamConverter::StreamConverter(const Format& source, const Format& target)
       ratio_(RatioOf(source, target)) {
   if (source.rate == target.rate) return;
   int error = 0;
-  resampler_.reset(
-      src_new(SRC_SINC_BEST_QUALITY, static_cast<int>(resampled_channels_), &error));
+  resampler_.reset(src_new(SRC_SINC_BEST_QUALITY, static_cast<int>(resampled_channels_), &error));
   if (resampler_ == nullptr) throw std::bad_alloc();
 }
 

@@ -38,15 +38,16 @@ RegistryScript ModuleScript() {
 
 RegistryScript ClassScript(const ClassEntry& entry) {
   const std::wstring prog_id = entry.prog_id;
-  return LoadRegistryScript(IDR_CLASS_REGISTRATION,
-                    {{L"MODULE", TheModule().Path()},
-                     {L"MODULETYPE", L"InprocServer32"},
-                     {L"APPID", ModuleGuid()},
-                     {L"MODULEGUID", ModuleGuid()},
-                     {L"FriendlyName", std::wstring(entry.name) + L" Object"},
-                     {L"CLSID", ToText(*entry.clsid)},
-                     {L"PROGID", prog_id},
-                     {L"VERSIONINDEPENDENTPROGID", prog_id.substr(0, prog_id.rfind(L'.'))}});
+  return LoadRegistryScript(
+      IDR_CLASS_REGISTRATION,
+      {{L"MODULE", TheModule().Path()},
+       {L"MODULETYPE", L"InprocServer32"},
+       {L"APPID", ModuleGuid()},
+       {L"MODULEGUID", ModuleGuid()},
+       {L"FriendlyName", std::wstring(entry.name) + L" Object"},
+       {L"CLSID", ToText(*entry.clsid)},
+       {L"PROGID", prog_id},
+       {L"VERSIONINDEPENDENTPROGID", prog_id.substr(0, prog_id.rfind(L'.'))}});
 }
 
 // The module's type library and its entries in the registry.

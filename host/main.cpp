@@ -183,7 +183,8 @@ int Run(const Console& console) {
                    "WAV file to write; an existing one is replaced")
       ->required();
   record->add_option("--seconds", record_options.seconds, "How long to record")->required();
-  AddFormat(record, record_options.rate, record_options.channels, "44100 Hz, 2 channels unless given");
+  AddFormat(record, record_options.rate, record_options.channels,
+            "44100 Hz, 2 channels unless given");
   AddBits(record, record_options.bits);
   AddDevice(record, record_options.device);
   AddJson(record, record_options.json);

@@ -11,8 +11,9 @@
 
 namespace marlinda {
 
-// A writer to the import filter and a reader to the export filter; between them a bounded queue and,
-// where the formats differ, the external format converter. As a task it runs the two filters' tasks.
+// A writer to the import filter and a reader to the export filter; between them a bounded queue
+// and, where the formats differ, the external format converter. As a task it runs the two filters'
+// tasks.
 //
 // The filters hold this object as their writer and reader while it holds them: Cancel, or
 // QueryIsTaskRunning polled to its end, opens that circle. Filters that let go of reader and writer

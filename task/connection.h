@@ -40,7 +40,8 @@ class Connection {
 
   // Starts the export and then the import, whatever comes of it.
   void Start();
-  // Ends both: the export first, which leaves a valid file, then the import. Lets go of the filters.
+  // Ends both: the export first, which leaves a valid file, then the import. Lets go of the
+  // filters.
   void Cancel();
   // The same for what is still running, when another set-up takes this one's place. A filter that
   // has ended is left alone: it may be ready for its next run already.

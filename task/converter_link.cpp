@@ -29,7 +29,8 @@ class ReceivedArray {
 
 ConverterLink::ConverterLink(const StreamFormat& source, const StreamFormat& target) {
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter_))) return;
-  if (FAILED(converter_->SetUp(source.rate, target.rate, source.channels, target.channels, kMode))) {
+  if (FAILED(
+          converter_->SetUp(source.rate, target.rate, source.channels, target.channels, kMode))) {
     converter_.Reset();
   }
 }

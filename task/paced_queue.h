@@ -37,8 +37,8 @@ class PacedQueue {
   // Throws std::bad_alloc and leaves the queue as it was.
   void Put(std::span<const float> samples);
 
-  // Reader: waits at most one round for something to be put, unless `wanted` samples are there. Adds
-  // a round that passed in vain to `timeouts`. False when there is no more to wait for.
+  // Reader: waits at most one round for something to be put, unless `wanted` samples are there.
+  // Adds a round that passed in vain to `timeouts`. False when there is no more to wait for.
   bool AwaitSamples(std::size_t wanted, int& timeouts);
   // Fills all of `destination`; 0.0 for what is not there.
   void Take(std::span<float> destination);

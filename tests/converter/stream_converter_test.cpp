@@ -97,8 +97,8 @@ TEST(StreamConverter, ClickComesOutAtItsPlaceAlsoInTheLastFrames) {
       std::vector<float> click(kFrames);
       click[at] = 1.0F;
       const auto out = Convert(click, {source, 1}, {target, 1});
-      ASSERT_EQ(out.size(), kFrames * static_cast<std::size_t>(target) /
-                                static_cast<std::size_t>(source));
+      ASSERT_EQ(out.size(),
+                kFrames * static_cast<std::size_t>(target) / static_cast<std::size_t>(source));
       const auto top = std::ranges::max_element(out) - out.begin();
       EXPECT_NEAR(static_cast<double>(top), static_cast<double>(at) * target / source, 1.0)
           << source << " to " << target << " at " << at;
@@ -111,9 +111,11 @@ TEST(StreamConverter, BlocksOfAnySizeJoinWithoutSeams) {
   std::uniform_real_distribution<float> noise(-1.0F, 1.0F);
   std::vector<float> in(30000);
   for (float& sample : in) sample = noise(random);
-  const std::pair<Format, Format> kFormats[] = {
-      {{44100, 2}, {48000, 2}}, {{48000, 6}, {32000, 2}}, {{8000, 1}, {44100, 2}},
-      {{44100, 3}, {44100, 1}}, {{96000, 2}, {44100, 6}}};
+  const std::pair<Format, Format> kFormats[] = {{{44100, 2}, {48000, 2}},
+                                                {{48000, 6}, {32000, 2}},
+                                                {{8000, 1}, {44100, 2}},
+                                                {{44100, 3}, {44100, 1}},
+                                                {{96000, 2}, {44100, 6}}};
   for (const auto& [source, target] : kFormats) {
     StreamConverter whole(source, target);
     std::vector<float> expected;
@@ -131,9 +133,9 @@ TEST(StreamConverter, BlocksOfAnySizeJoinWithoutSeams) {
 }
 
 TEST(StreamConverter, RefusesWhatItCannotConvert) {
-  const std::pair<Format, Format> kBad[] = {
-      {{0, 2}, {48000, 2}},    {{44100, 2}, {-1, 2}},  {{44100, 0}, {48000, 2}},
-      {{44100, 2}, {48000, -2}}, {{100, 1}, {48000, 1}}, {{44100, 129}, {48000, 200}}};
+  const std::pair<Format, Format> kBad[] = {{{0, 2}, {48000, 2}},     {{44100, 2}, {-1, 2}},
+                                            {{44100, 0}, {48000, 2}}, {{44100, 2}, {48000, -2}},
+                                            {{100, 1}, {48000, 1}},   {{44100, 129}, {48000, 200}}};
   for (const auto& [source, target] : kBad) {
     EXPECT_THROW(StreamConverter(source, target), std::invalid_argument);
   }
@@ -154,8 +156,7 @@ TEST(ChannelMap, SendsEachPositionToWhereItIsHeard) {
       {{1, 2, 4, 8, 16, 32}, {1 + 20 * kMinus3dB, 2 + 36 * kMinus3dB}},
       {{1, 2, 4, 8, 16, 32}, {1, 2, 4, 8, 0, 16, 32}},
       {{1, 2, 4, 8}, {1 + 4 * kMinus3dB, 2 + 8 * kMinus3dB}},
-      {{1, 2, 4, 8, 16, 32, 64, 128},
-       {1, 2, 4, 8, 16 + 64 * kMinus3dB, 32 + 128 * kMinus3dB}},
+      {{1, 2, 4, 8, 16, 32, 64, 128}, {1, 2, 4, 8, 16 + 64 * kMinus3dB, 32 + 128 * kMinus3dB}},
       {{1, 2, 4, 8, 16, 32, 64},
        {1 + 4 * kMinus3dB + 8 + 32 * kMinus3dB, 2 + 4 * kMinus3dB + 8 + 64 * kMinus3dB}},
       {{1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2}},

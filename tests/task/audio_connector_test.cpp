@@ -227,9 +227,9 @@ TEST(AudioConnector, AReadOfMoreThanTheQueueMayHoldGetsItAll) {
   const auto from = TestImport::Make(8'000'000);
   const auto to = TestExport::Make();
   to->Initialize(nullptr, joined.reader.Get());  // nothing to do, so that it leaves us the reading
-  ASSERT_EQ(joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 44100,
-                                                  2),
-            S_OK);
+  ASSERT_EQ(
+      joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 44100, 2),
+      S_OK);
   from->Initialize(nullptr, joined.writer.Get());
   joined.task->Start();
   const Floats all(16'000'000);
@@ -331,9 +331,9 @@ TEST(AudioConnector, ReadsASourcesFormatAgainWhenItWasNotKnownAtSetUp) {
   const auto from = TestImport::Make(0);
   from->rate = from->channels = 0;
   const auto to = TestExport::Make();
-  ASSERT_EQ(joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 48000,
-                                                  2),
-            S_OK);
+  ASSERT_EQ(
+      joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 48000, 2),
+      S_OK);
   __int64 count = -1;
   EXPECT_EQ(joined.reader->GetSampleCount(&count), S_OK);
   EXPECT_EQ(count, 0);

@@ -134,8 +134,9 @@ class TestImport final : public DispatchFake<IImportFilter, IExFormatInfo, ICore
   STDMETHODIMP GetAvgBytesPerSec(LONG*) override { return E_NOTIMPL; }
 
   STDMETHODIMP Start() override {
-    return task_.Start([writer = std::move(writer_), samples = static_cast<std::uint64_t>(frames) *
-                                                               static_cast<std::uint64_t>(channels),
+    return task_.Start([writer = std::move(writer_),
+                        samples = static_cast<std::uint64_t>(frames) *
+                                  static_cast<std::uint64_t>(channels),
                         size = block_samples, make = signal](const std::atomic<bool>& cancelled) {
       for (std::uint64_t at = 0; at < samples && !cancelled;) {
         const Floats block(static_cast<std::size_t>(std::min<std::uint64_t>(size, samples - at)));
