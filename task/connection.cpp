@@ -33,11 +33,11 @@ StreamFormat AskFormat(const Parties& parties) {
   return SUCCEEDED(hr) && format.IsKnown() ? format : StreamFormat{};
 }
 
+// Leaves `count` alone where there is no source.
 HRESULT AskSampleCount(const Parties& parties, __int64& count) {
-  count = 0;
   if (parties.reader) return parties.reader->GetSampleCount(&count);
   if (parties.import_filter) return parties.import_filter->GetSourceSampleCount(&count);
-  return S_FALSE;
+  return S_OK;
 }
 
 }  // namespace
@@ -55,7 +55,9 @@ void Connection::Start() {
     parties.export_task->Start();
     export_was_seen_ = IsRunning(parties.export_task.Get());
   }
-  if (parties.import_task) import_has_ended_ = FAILED(parties.import_task->Start());
+  if (parties.import_task && FAILED(parties.import_task->Start())) {
+    import_has_ended_ = !IsRunning(parties.import_task.Get());
+  }
 }
 
 void Connection::Cancel() {
@@ -102,12 +104,14 @@ HRESULT Connection::GetProgress(float* progress) {
 HRESULT Connection::GetSampleCount(__int64* count) {
   LearnSource();
   __int64 frames = 0;
+  {
+    // Whoever asks after the end gets what was last known.
+    const std::lock_guard lock(parties_mutex_);
+    frames = source_frames_;
+  }
   const HRESULT hr = AskSampleCount(Members(), frames);
   if (FAILED(hr)) return hr;
-  const std::lock_guard lock(parties_mutex_);
-  // Whoever asks after the end gets what was last known.
-  if (hr == S_FALSE) frames = source_frames_;
-  *count = ConvertSampleCount(frames, source_.rate, target_.rate);
+  *count = ConvertSampleCount(frames, SourceFormat().rate, target_.rate);
   return S_OK;
 }
 
@@ -169,12 +173,13 @@ void Connection::EndImport(const Parties& parties) {
 void Connection::LearnSource() {
   if (started_) return;
   const Parties parties = Members();
+  if (!parties.reader && !parties.import_filter) return;
   const StreamFormat format = AskFormat(parties);
   __int64 frames = 0;
   const HRESULT hr = AskSampleCount(parties, frames);
   {
     const std::lock_guard lock(parties_mutex_);
-    if (hr == S_OK) source_frames_ = frames;
+    if (SUCCEEDED(hr)) source_frames_ = frames;
     if (!format.IsKnown() || format == source_) return;
     source_ = format;
   }

@@ -532,8 +532,9 @@ class HostTest(unittest.TestCase):
     def test_an_interrupted_conversion_ends_with_130_and_leaves_a_valid_file(self):
         # Long in the making: many seconds of work for the converter.
         ogg = self.folder / "long.ogg"
-        tool("sox", "-R", "-n", "-r", RATE, "-c", 1, self.folder / "long.wav", "synth", 60, "sine", 997)
-        tool("oggenc", "-Q", self.folder / "long.wav", "-o", ogg)
+        long = self.folder / "long.wav"
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-b", 16, long, "synth", 60, "sine", 997)
+        tool("oggenc", "-Q", long, "-o", ogg)
         self.interrupt_writing("convert", ogg, self.out, "--rate", "768000")
         frames = int(tool("soxi", "-s", self.out))
         self.assertLess(frames, 60 * 768000)

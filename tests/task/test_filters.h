@@ -41,7 +41,7 @@ class Fake : public First, public Rest... {
     return left;
   }
 
-  // Of all kinds.
+  // Objects of this list of interfaces.
   static inline std::atomic<int> alive = 0;
 
  protected:
