@@ -1,6 +1,7 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
-# for it; Tessaly.dll must lie in the same folder. Classes and identifiers come from the IDL.
+# for it; Tessaly.dll must lie in the same folder, and Converter.dll where formats are to be converted.
+# Classes and identifiers come from the IDL.
 # Part of the installed CMake package as well, where the IDL lies with the headers.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
@@ -55,6 +56,15 @@ function(tessaly_activation_manifest target)
       "    </comClass>\n")
   endforeach()
 
+  # The format converter, which lies in a module of its own.
+  set(converter_idl ${CMAKE_SOURCE_DIR}/core/converter.idl)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${converter_idl})
+  file(READ ${converter_idl} text)
+  if(NOT text MATCHES "uuid\\(([-0-9A-Fa-f]+)\\)${blank}.${blank}coclass[ \t\r\n]+CFormatConverter")
+    message(FATAL_ERROR "CFormatConverter not found in ${converter_idl}")
+  endif()
+  set(converter_id ${CMAKE_MATCH_1})
+
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(architecture amd64)
   else()
@@ -75,6 +85,9 @@ function(tessaly_activation_manifest target)
   <file name="Tessaly.dll">
     <typelib tlbid="{@library_id@}" version="1.0" resourceid="1" helpdir=""/>
 @classes@  </file>
+  <file name="Converter.dll">
+    <comClass clsid="{@converter_id@}" threadingModel="Both" description="CFormatConverter Object"/>
+  </file>
 @proxies@</assembly>
 ]]
     @ONLY)

@@ -1,5 +1,5 @@
-# Generates header, identifiers and type library from core/marlinda.idl: interfaces, identifiers and
-# DISPIDs exist once, in the IDL.
+# Generates header, identifiers and type library from core/marlinda.idl, and header and identifiers
+# from core/converter.idl: interfaces, identifiers and DISPIDs exist once, in the IDL.
 # Only the package of the wrapper scripts adds the plain name.
 find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
 find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
@@ -10,16 +10,18 @@ find_path(WINE_TLB_DIR stdole2.tlb
 
 set(contracts_dir ${CMAKE_BINARY_DIR}/contracts)
 file(MAKE_DIRECTORY ${contracts_dir})
-set(idl ${CMAKE_SOURCE_DIR}/core/marlinda.idl)
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
   set(widl_target -m64)
 else()
   set(widl_target -m32)
 endif()
 
-foreach(product "-h;marlinda.h" "-u;marlinda_i.c" "-t;marlinda.tlb")
-  list(GET product 0 flag)
-  list(GET product 1 name)
+foreach(product "marlinda;-h;marlinda.h" "marlinda;-u;marlinda_i.c" "marlinda;-t;marlinda.tlb"
+                "converter;-h;converter.h" "converter;-u;converter_i.c")
+  list(GET product 0 contract)
+  list(GET product 1 flag)
+  list(GET product 2 name)
+  set(idl ${CMAKE_SOURCE_DIR}/core/${contract}.idl)
   add_custom_command(
     OUTPUT ${contracts_dir}/${name}
     COMMAND ${WIDL_EXECUTABLE} ${widl_target} ${flag} -o ${contracts_dir}/${name} -I${WINE_IDL_DIR}
@@ -30,8 +32,10 @@ foreach(product "-h;marlinda.h" "-u;marlinda_i.c" "-t;marlinda.tlb")
 endforeach()
 
 add_custom_target(marlinda_contracts_files DEPENDS ${contracts_dir}/marlinda.h
-                                                   ${contracts_dir}/marlinda.tlb)
-add_library(marlinda_identifiers STATIC ${contracts_dir}/marlinda_i.c)
+                                                   ${contracts_dir}/marlinda.tlb
+                                                   ${contracts_dir}/converter.h)
+add_library(marlinda_identifiers STATIC ${contracts_dir}/marlinda_i.c
+                                        ${contracts_dir}/converter_i.c)
 add_library(marlinda_contracts INTERFACE)
 target_include_directories(marlinda_contracts SYSTEM INTERFACE ${contracts_dir})
 target_link_libraries(marlinda_contracts INTERFACE marlinda_identifiers oleaut32 ole32 uuid advapi32)

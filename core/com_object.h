@@ -33,6 +33,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
  public:
   // A class with outgoing event interfaces hides this with true and overrides GetGUID.
   static constexpr bool kHasEvents = false;
+  // A class that no type library describes hides this with false.
+  static constexpr bool kHasClassInfo = true;
 
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
@@ -111,7 +113,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     }
     IUnknown* found = nullptr;
     (void)((found = Offer<Interfaces>(iid, out)) || ...);
-    if (found == nullptr && IsEqualIID(iid, IID_IProvideClassInfo)) {
+    if (found == nullptr && Derived::kHasClassInfo && IsEqualIID(iid, IID_IProvideClassInfo)) {
       found = Give<IProvideClassInfo>(out);
     }
     if (found == nullptr && Derived::kHasEvents && IsEqualIID(iid, IID_IProvideClassInfo2)) {

@@ -17,54 +17,6 @@
 namespace marlinda {
 namespace {
 
-// Registry texts are processed under the system's locale, whatever the calling thread's is.
-class SystemLocale {
- public:
-  SystemLocale() noexcept { SetThreadLocale(LOCALE_SYSTEM_DEFAULT); }
-  SystemLocale(const SystemLocale&) = delete;
-  SystemLocale& operator=(const SystemLocale&) = delete;
-  ~SystemLocale() { SetThreadLocale(previous_); }
-
- private:
-  const LCID previous_ = GetThreadLocale();
-};
-
-RegistrationScope ChosenScope() {
-  wchar_t setting[16] = L"";
-  const DWORD length =
-      GetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting, ARRAYSIZE(setting));
-  // A value too long for the buffer leaves it unspecified.
-  const std::wstring_view value =
-      length < ARRAYSIZE(setting) ? std::wstring_view(setting, length) : L"?";
-  if (value.empty() || value == L"machine") return RegistrationScope::kMachine;
-  if (value == L"user") return RegistrationScope::kUser;
-  throw HResultError(E_INVALIDARG);
-}
-
-// A script of the module's resources, which are UTF-8.
-std::wstring LoadScript(UINT id) {
-  const HINSTANCE instance = TheModule().Instance();
-  const HRSRC resource = FindResourceW(instance, MAKEINTRESOURCEW(id), L"REGISTRY");
-  const HGLOBAL loaded = resource == nullptr ? nullptr : LoadResource(instance, resource);
-  if (loaded == nullptr) throw HResultError(LastErrorResult());
-  const auto* bytes = static_cast<const char*>(LockResource(loaded));
-  const int size = static_cast<int>(SizeofResource(instance, resource));
-  const int length = MultiByteToWideChar(CP_UTF8, 0, bytes, size, nullptr, 0);
-  std::wstring text(static_cast<std::size_t>(length), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, bytes, size, text.data(), length);
-  return text;
-}
-
-RegistryScript ReadScript(UINT id, const RegistryReplacements& replacements) {
-  try {
-    return ParseRegistryScript(LoadScript(id), replacements);
-  } catch (const RegistryScriptError& error) {
-    OutputDebugStringA(
-        ("Tessaly: registry script " + std::to_string(id) + ": " + error.what() + "\n").c_str());
-    throw HResultError(HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
-  }
-}
-
 std::wstring ToText(REFGUID guid) {
   wchar_t text[39];
   StringFromGUID2(guid, text, ARRAYSIZE(text));
@@ -81,20 +33,21 @@ std::wstring ToHex(ULONG number) {
 std::wstring ModuleGuid() { return ToText(LIBID_MarlindaLib); }
 
 RegistryScript ModuleScript() {
-  return ReadScript(IDR_MODULE_REGISTRATION, {{L"APPID", ModuleGuid()}});
+  return LoadRegistryScript(IDR_MODULE_REGISTRATION, {{L"APPID", ModuleGuid()}});
 }
 
 RegistryScript ClassScript(const ClassEntry& entry) {
   const std::wstring prog_id = entry.prog_id;
-  return ReadScript(IDR_CLASS_REGISTRATION,
-                    {{L"MODULE", TheModule().Path()},
-                     {L"MODULETYPE", L"InprocServer32"},
-                     {L"APPID", ModuleGuid()},
-                     {L"MODULEGUID", ModuleGuid()},
-                     {L"FriendlyName", std::wstring(entry.name) + L" Object"},
-                     {L"CLSID", ToText(*entry.clsid)},
-                     {L"PROGID", prog_id},
-                     {L"VERSIONINDEPENDENTPROGID", prog_id.substr(0, prog_id.rfind(L'.'))}});
+  return LoadRegistryScript(
+      IDR_CLASS_REGISTRATION,
+      {{L"MODULE", TheModule().Path()},
+       {L"MODULETYPE", L"InprocServer32"},
+       {L"APPID", ModuleGuid()},
+       {L"MODULEGUID", ModuleGuid()},
+       {L"FriendlyName", std::wstring(entry.name) + L" Object"},
+       {L"CLSID", ToText(*entry.clsid)},
+       {L"PROGID", prog_id},
+       {L"VERSIONINDEPENDENTPROGID", prog_id.substr(0, prog_id.rfind(L'.'))}});
 }
 
 // The module's type library and its entries in the registry.

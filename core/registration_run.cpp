@@ -1,6 +1,12 @@
 #include "core/registration_run.h"
 
 #include <algorithm>
+#include <ranges>
+#include <string>
+#include <string_view>
+
+#include "core/com_call.h"
+#include "core/module.h"
 
 namespace marlinda {
 namespace {
@@ -63,7 +69,43 @@ void Unregister(const RegistryPlace& place, const RegistryScriptKey& key,
   if (!stays) registry.RemoveKeyIfEmpty(place);
 }
 
+// A script of the module's resources, which are UTF-8.
+std::wstring LoadScript(UINT id) {
+  const HINSTANCE instance = TheModule().Instance();
+  const HRSRC resource = FindResourceW(instance, MAKEINTRESOURCEW(id), L"REGISTRY");
+  const HGLOBAL loaded = resource == nullptr ? nullptr : LoadResource(instance, resource);
+  if (loaded == nullptr) throw HResultError(LastErrorResult());
+  const auto* bytes = static_cast<const char*>(LockResource(loaded));
+  const int size = static_cast<int>(SizeofResource(instance, resource));
+  const int length = MultiByteToWideChar(CP_UTF8, 0, bytes, size, nullptr, 0);
+  std::wstring text(static_cast<std::size_t>(length), L'\0');
+  MultiByteToWideChar(CP_UTF8, 0, bytes, size, text.data(), length);
+  return text;
+}
+
 }  // namespace
+
+RegistrationScope ChosenScope() {
+  wchar_t setting[16] = L"";
+  const DWORD length =
+      GetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting, ARRAYSIZE(setting));
+  // A value too long for the buffer leaves it unspecified.
+  const std::wstring_view value =
+      length < ARRAYSIZE(setting) ? std::wstring_view(setting, length) : L"?";
+  if (value.empty() || value == L"machine") return RegistrationScope::kMachine;
+  if (value == L"user") return RegistrationScope::kUser;
+  throw HResultError(E_INVALIDARG);
+}
+
+RegistryScript LoadRegistryScript(UINT id, const RegistryReplacements& replacements) {
+  try {
+    return ParseRegistryScript(LoadScript(id), replacements);
+  } catch (const RegistryScriptError& error) {
+    OutputDebugStringA(
+        ("Tessaly: registry script " + std::to_string(id) + ": " + error.what() + "\n").c_str());
+    throw HResultError(HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
+  }
+}
 
 RegistryPlace ClassesRoot(RegistrationScope scope) {
   if (scope == RegistrationScope::kUser) return {HKEY_CURRENT_USER, L"Software\\Classes"};

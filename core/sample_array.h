@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <span>
+#include <utility>
 
 namespace marlinda {
 
@@ -47,6 +48,9 @@ class SampleArray {
   void Resize(std::size_t count);
 
   SAFEARRAY* get() const noexcept { return array_; }
+
+  // Hands the array over to who is to destroy it.
+  SAFEARRAY* Detach() noexcept { return std::exchange(array_, nullptr); }
 
   // Read afresh from the descriptor: a callee that resized the array against the rules must not
   // make us read past its end.

@@ -45,6 +45,10 @@ std::span<float> ScratchArray::samples() noexcept {
   return {buffer_.get(), std::min<std::size_t>(count_, array_->rgsabound[0].cElements)};
 }
 
+std::span<const float> ScratchArray::samples() const noexcept {
+  return {buffer_.get(), std::min<std::size_t>(count_, array_->rgsabound[0].cElements)};
+}
+
 std::unique_ptr<ScratchArray> ScratchKeeper::Take() {
   std::unique_ptr<ScratchArray> array(kept_.exchange(nullptr));
   return array != nullptr ? std::move(array) : std::make_unique<ScratchArray>();

@@ -30,6 +30,7 @@ class ScratchArray {
 
   // What the array holds, never more than it was prepared for.
   std::span<float> samples() noexcept;
+  std::span<const float> samples() const noexcept;
 
   std::size_t capacity() const noexcept { return capacity_; }
 

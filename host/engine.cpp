@@ -16,17 +16,22 @@ namespace {
 
 constexpr HRESULT kEndOfFile = static_cast<HRESULT>(0x80070026);
 
+// An audio connector answers Start and Cancel with E_NOTIMPL whatever it did.
+void CheckTask(HRESULT hr) {
+  if (hr != E_NOTIMPL) Check(hr);
+}
+
 // Starts the task and waits for its end. False when it was interrupted and cancelled.
 bool RunTask(ICoreTask* task, const std::string& title, const Console& console) {
   constexpr DWORD kPollMilliseconds = 20;
   ProgressBar bar(console.ProgressOutput(), title);
-  Check(task->Start());
+  CheckTask(task->Start());
   for (;;) {
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
-      Check(task->Cancel());
+      CheckTask(task->Cancel());
       return false;
     }
     float progress = 0.0F;
@@ -151,18 +156,22 @@ void AddAnnotations(IUnknown* object, const Annotations& annotations) {
   }
 }
 
-Source::Source(const std::string& file) : file_(file) {
+Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   RequireReadable(file);
   const Bstr engine_name(EngineNameOfInput(file));
   filter_ = ChooseFilter(file, engine_name);
   identity_ = IdentityOf(filter_.Get());
 
-  pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  // Floats keep every bit of what the filter decodes. A pool that could not make its files says so
-  // here.
-  HRESULT hr = pool_->SetBitDepth(32, 0);
-  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
-  hr = filter_->Initialize(engine_name, Query<IAudioWriter>(pool_.Get()).Get());
+  ComPtr<IAudioWriter> writer = target;
+  if (!writer) {
+    pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
+    // Floats keep every bit of what the filter decodes. A pool that could not make its files says
+    // so here.
+    const HRESULT made = pool_->SetBitDepth(32, 0);
+    if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
+    writer = Query<IAudioWriter>(pool_.Get());
+  }
+  const HRESULT hr = filter_->Initialize(engine_name, writer.Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
   }
@@ -195,6 +204,12 @@ std::optional<__int64> Source::Frames() const {
   // A filter that knows the length only after decoding answers with a negative number.
   if (FAILED(filter_->GetSourceSampleCount(&frames)) || frames < 0) return std::nullopt;
   return frames;
+}
+
+bool Source::IsDamaged() const {
+  float progress = 1.0F;
+  const auto task = TryQuery<ICoreTask>(filter_.Get());
+  return task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1.0F;
 }
 
 Tags Source::ReadTags() const {
@@ -267,7 +282,8 @@ WaveExport::WaveExport(const std::string& file, const std::string& input)
   RequireWritablePlace(file, input);
 }
 
-WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& console) {
+WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& console,
+                              ICoreTask* driver) {
   AudioFormat format;
   __int64 frames = 0;
   Check(reader->GetFormat(&format.rate, &format.channels));
@@ -288,7 +304,8 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
   HandOver();
-  const bool finished = RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Writing", console);
+  const auto own_task = Query<ICoreTask>(filter_.Get());
+  const bool finished = RunTask(driver != nullptr ? driver : own_task.Get(), "Writing", console);
 
   const std::optional<WaveFileFacts> facts = Examine();
   if (finished && facts && HoldsFrames(*facts, frames)) return *facts;

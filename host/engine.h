@@ -84,13 +84,15 @@ struct ImportedAudio {
   __int64 frames = 0;
 };
 
-// An input file, the filter that reads it and the pool that it is read into.
+// An input file, the filter that reads it and, unless it goes elsewhere, the pool it is read into.
 class Source {
  public:
-  // Asks the filter manager and, when that has no filter for the file, the built-in filters.
-  explicit Source(const std::string& file);
+  // Asks the filter manager and, when that has no filter for the file, the built-in filters. With a
+  // target of its own the source has no pool and is not imported here.
+  explicit Source(const std::string& file, IAudioWriter* target = nullptr);
 
   const std::string& file() const { return file_; }
+  IUnknown* filter_object() const { return filter_.Get(); }
   const FilterIdentity& filter() const { return identity_; }
 
   // What the filter tells about the file before it is decoded; nothing where it does not tell.
@@ -101,6 +103,8 @@ class Source {
   Tags ReadTags() const;
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
   std::optional<AcidData> ReadAcidData() const;
+  // After an import that nobody interrupted: whether the filter found less than it had promised.
+  bool IsDamaged() const;
 
   // Decodes the whole file. Tells on standard error when it holds less than it promises.
   ImportedAudio Import(const Console& console);
@@ -126,8 +130,11 @@ class WaveExport {
 
   // Writes the file and examines it. When that is interrupted, throws with kInterrupted and leaves
   // a valid file of what was written by then; a file that is not whole for another reason is
-  // removed.
-  WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console);
+  // removed. `driver` is the task that runs the export filter's; without one that runs by itself.
+  WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
+                    ICoreTask* driver = nullptr);
+
+  IUnknown* filter_object() const { return filter_.Get(); }
 
  private:
   void HandOver();

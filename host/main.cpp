@@ -69,6 +69,14 @@ void AddFiles(CLI::App* command, std::string& input, std::string& output) {
       ->required();
 }
 
+template <class Number>
+void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::string& defaults) {
+  command->add_option("--rate", rate, "Frames per second (" + defaults + ")")
+      ->check(CLI::Range(1000, 768000));
+  command->add_option("--channels", channels, "How many channels (" + defaults + ")")
+      ->check(CLI::Range(1, 32));
+}
+
 void AddDevice(CLI::App* command, std::optional<int>& device) {
   command
       ->add_option("--device", device,
@@ -124,6 +132,7 @@ int Run(const Console& console) {
   CLI::App* convert = app.add_subcommand("convert", "Write an audio file as WAV");
   AddFiles(convert, convert_options.input, convert_options.output);
   AddBits(convert, convert_options.bits);
+  AddFormat(convert, convert_options.rate, convert_options.channels, "as the input unless given");
   AddJson(convert, convert_options.json);
   convert->callback(run_in_apartment([&] { RunConvert(convert_options, console); }));
 
@@ -180,10 +189,8 @@ int Run(const Console& console) {
                    "WAV file to write; an existing one is replaced")
       ->required();
   record->add_option("--seconds", record_options.seconds, "How long to record")->required();
-  record->add_option("--rate", record_options.rate, "Frames per second (44100 unless given)")
-      ->check(CLI::Range(1000, 768000));
-  record->add_option("--channels", record_options.channels, "How many channels (2 unless given)")
-      ->check(CLI::Range(1, 32));
+  AddFormat(record, record_options.rate, record_options.channels,
+            "44100 Hz, 2 channels unless given");
   AddBits(record, record_options.bits);
   AddDevice(record, record_options.device);
   AddJson(record, record_options.json);

@@ -20,7 +20,6 @@ namespace marlinda {
 // reference to that is released on the worker.
 struct COggImport::Run {
   // Set by the apartment's thread before the worker starts and untouched by it until the end.
-  ComPtr<IAudioWriter> writer;
   LONG samples_per_sec = 0;
   SHORT channels = 0;
   LONG average_bytes_per_sec = 0;
@@ -29,12 +28,13 @@ struct COggImport::Run {
 
   // The worker's own from its start on.
   std::unique_ptr<VorbisStream> stream;
+  ComPtr<IAudioWriter> writer;
 
   std::atomic<bool> cancelled = false;
   std::atomic<__int64> position = 0;
 
   void Import();
-  void WriteBlocks(VorbisStream& source);
+  void WriteBlocks(VorbisStream& source, IAudioWriter* target);
 };
 
 namespace {
@@ -68,17 +68,19 @@ MetaData ReadMetaData(const VorbisStream& stream) {
 void COggImport::Run::Import() {
   // Closes the file with the run, so that it can be moved or deleted as soon as the task has ended.
   const std::unique_ptr<VorbisStream> source = std::move(stream);
-  writer->SetFormat(samples_per_sec, channels);
-  writer->OpenDevice();
+  // A writer that holds this filter in turn, as an audio connector does, is let go with it.
+  const ComPtr<IAudioWriter> target = std::move(writer);
+  target->SetFormat(samples_per_sec, channels);
+  target->OpenDevice();
   // The device that was opened is closed, whatever happens in between.
   ComCall([&] {
-    WriteBlocks(*source);
+    WriteBlocks(*source, target.Get());
     return S_OK;
   });
-  writer->CloseDevice();
+  target->CloseDevice();
 }
 
-void COggImport::Run::WriteBlocks(VorbisStream& source) {
+void COggImport::Run::WriteBlocks(VorbisStream& source, IAudioWriter* target) {
   alignas(std::int16_t) std::array<std::byte, kBlockBytes> pcm;
   // The decoder's blocks differ in size, and a fresh array for each costs as much as its samples.
   ScratchArray block;
@@ -87,7 +89,7 @@ void COggImport::Run::WriteBlocks(VorbisStream& source) {
     if (bytes == 0) return;
     SAFEARRAY* const array = block.Prepare(bytes / kBytesPerSample);
     ConvertPcmToFloat(pcm, block.samples(), kBitsPerSample);
-    writer->WriteAudio(array);
+    target->WriteAudio(array);
     position += static_cast<__int64>(bytes / (channels * kBytesPerSample));
   } while (!cancelled && position < total);
 }

@@ -7,6 +7,7 @@ namespace marlinda {
 // Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
 #define MARLINDA_DECLARE_CLASS(Class) \
   HRESULT Create##Class(IUnknown* outer, REFIID iid, void** object) noexcept
+MARLINDA_DECLARE_CLASS(CAudioConnector);
 MARLINDA_DECLARE_CLASS(CAudioGrabber);
 MARLINDA_DECLARE_CLASS(CAudioPlayback);
 MARLINDA_DECLARE_CLASS(CAudioPool);
@@ -23,7 +24,8 @@ MARLINDA_DECLARE_CLASS(CWaveWriter);
 
 std::span<const ClassEntry> ClassTable() noexcept {
   static const ClassEntry table[] = {
-      {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1", nullptr},
+      {&CLSID_CAudioConnector, L"CAudioConnector", L"Marlinda.AudioConnector.1",
+       CreateCAudioConnector},
       {&CLSID_CAudioGrabber, L"CAudioGrabber", L"Marlinda.AudioGrabber.1", CreateCAudioGrabber},
       {&CLSID_CAudioPlayback, L"CAudioPlayback", L"Marlinda.AudioPlayback.1", CreateCAudioPlayback},
       {&CLSID_CAudioPool, L"CAudioPool", L"Marlinda.AudioPool.1", CreateCAudioPool},

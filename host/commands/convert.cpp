@@ -1,18 +1,123 @@
 #include "host/commands/convert.h"
 
+#include <converter.h>
+
+#include "core/sample_count.h"
 #include "host/commands/summary.h"
 #include "host/engine.h"
 
 namespace marlinda {
+namespace {
+
+// Everything but the audio.
+void CopyTexts(const Source& source, const Annotations& annotations, WaveExport& wave) {
+  wave.SetTags(source.ReadTags());
+  wave.SetAnnotations(annotations);
+  if (const auto acid = source.ReadAcidData()) wave.SetAcidData(*acid);
+}
+
+std::string Describe(const AudioFormat& format) {
+  return std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) + " channels";
+}
+
+// The engine passes samples unchanged where it has no converter, and tells nobody. So it is tried
+// before anything is written.
+void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
+  constexpr LONG kMode = 151;  // what the engine passes
+  ComPtr<IFormatConverter> converter;
+  if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {
+    throw HostError(ExitStatus::kRegistration, "Converter.dll", "the format converter is missing",
+                    "Keep Converter.dll beside marlinda.exe, or register it with \"regsvr32 "
+                    "Converter.dll\".");
+  }
+  if (FAILED(converter->SetUp(from.rate, to.rate, from.channels, to.channels, kMode))) {
+    throw HostError(ExitStatus::kUsage, "Converter.dll",
+                    Describe(from) + " cannot be converted to " + Describe(to));
+  }
+}
+
+// Positions of the source at another sample rate.
+Annotations AtRate(Annotations annotations, LONG from, LONG to) {
+  for (Label& label : annotations.labels) {
+    label.position = ConvertSampleCount(label.position, from, to);
+  }
+  for (Marker& marker : annotations.markers) {
+    marker.begin = ConvertSampleCount(marker.begin, from, to);
+    marker.end = ConvertSampleCount(marker.end, from, to);
+  }
+  return annotations;
+}
+
+// A connector that is taken apart when it goes, whatever happened: it and the filters hold each
+// other.
+class Connector {
+ public:
+  Connector() = default;
+  ~Connector() { task_->Cancel(); }
+  Connector(const Connector&) = delete;
+  Connector& operator=(const Connector&) = delete;
+
+  IAudioConnector* operator->() const { return connector_.Get(); }
+  ComPtr<IAudioReader> reader() const { return Query<IAudioReader>(connector_.Get()); }
+  ComPtr<IAudioWriter> writer() const { return Query<IAudioWriter>(connector_.Get()); }
+  ICoreTask* task() const { return task_.Get(); }
+
+ private:
+  const ComPtr<IAudioConnector> connector_ =
+      CreateObject<IAudioConnector>(CLSID_CAudioConnector, "CAudioConnector");
+  const ComPtr<ICoreTask> task_ = Query<ICoreTask>(connector_.Get());
+};
+
+AudioFormat FormatOf(const Source& source) {
+  const std::optional<AudioFormat> format = source.Format();
+  if (!format || format->rate <= 0 || format->channels <= 0 || !source.Frames()) {
+    throw HostError(ExitStatus::kInput, source.file(),
+                    "its format and length are known only once it is decoded",
+                    "Convert it without --rate and --channels first, and the result with them.");
+  }
+  if (*source.Frames() == 0) {
+    throw HostError(ExitStatus::kInput, source.file(), "no audio could be decoded",
+                    "The file may be damaged.");
+  }
+  return *format;
+}
+
+// Straight from the import filter to the export filter, without a pool.
+void ConvertFormat(const ConvertOptions& options, const Console& console) {
+  const Connector connector;
+  const Source source(options.input, connector.writer().Get());
+  const AudioFormat from = FormatOf(source);
+  const AudioFormat to = {static_cast<LONG>(options.rate.value_or(from.rate)),
+                          static_cast<SHORT>(options.channels.value_or(from.channels))};
+  if (from.rate != to.rate || from.channels != to.channels) RequireConverter(from, to);
+  WaveExport wave(options.output, options.input);
+  Check(connector->SetupImportToExport(source.filter_object(), wave.filter_object(), to.rate,
+                                       to.channels));
+  const Annotations annotations = AtRate(source.ReadAnnotations(), from.rate, to.rate);
+  CopyTexts(source, annotations, wave);
+  __int64 frames = 0;
+  Check(connector.reader()->GetSampleCount(&frames));
+  const WaveFileFacts facts =
+      wave.Run(connector.reader().Get(), options.bits, console, connector.task());
+  if (source.IsDamaged()) {
+    console.Tell(options.input +
+                 ": it could not be decoded whole, so the output ends in silence; the file seems "
+                 "damaged");
+  }
+  PrintSummary({options.input, source.filter().class_name, options.output, to, options.bits, frames,
+                annotations, facts},
+               options.json, console);
+}
+
+}  // namespace
 
 void RunConvert(const ConvertOptions& options, const Console& console) {
+  if (options.rate || options.channels) return ConvertFormat(options, console);
   Source source(options.input);
   WaveExport wave(options.output, options.input);
   const ImportedAudio audio = source.Import(console);
   const Annotations annotations = source.ReadAnnotations();
-  wave.SetTags(source.ReadTags());
-  wave.SetAnnotations(annotations);
-  if (const auto acid = source.ReadAcidData()) wave.SetAcidData(*acid);
+  CopyTexts(source, annotations, wave);
   const WaveFileFacts facts = wave.Run(audio.reader.Get(), options.bits, console);
   PrintSummary({options.input, source.filter().class_name, options.output, audio.format,
                 options.bits, audio.frames, annotations, facts},

@@ -1,6 +1,8 @@
-// "marlinda convert": a whole file as WAV, with its tags, labels, markers and loop data.
+// "marlinda convert": a whole file as WAV, with its tags, labels, markers and loop data, and in
+// another sample rate or number of channels if asked.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "host/console.h"
@@ -11,6 +13,9 @@ struct ConvertOptions {
   std::string input;
   std::string output;
   int bits = 16;
+  // Those of the input unless given.
+  std::optional<int> rate;
+  std::optional<int> channels;
   bool json = false;
 };
 

@@ -269,6 +269,63 @@ class HostTest(unittest.TestCase):
         self.assertIn("132300 frames, 44100 Hz, 2 channels, 16 bits", text)
         self.assertEqual(self.frames_of(self.out), self.samples)
 
+    def test_convert_to_another_format_agrees_with_sox_to_the_frame(self):
+        for rate, channels in ((48000, 2), (22050, 1)):
+            with self.subTest(rate=rate, channels=channels):
+                report = json.loads(self.succeed("convert", self.ogg, self.out, "--rate", str(rate),
+                                                 "--channels", str(channels), "--json"))
+                frames = FRAMES * rate // RATE
+                self.assertEqual((report["sample_rate"], report["channels"], report["frames"]),
+                                 (rate, channels, frames))
+                self.assertEqual([int(tool("soxi", flag, self.out)) for flag in "-s -r -c".split()],
+                                 [frames, rate, channels])
+                self.assertIn(f"sample_rate={rate}", tool(
+                    "ffprobe", "-v", "error", "-show_streams", self.out).decode())
+                self.assertIn(f"Frames      : {frames}", tool("sndfile-info", self.out).decode())
+                same = self.folder / "all.wav"
+                self.succeed("convert", self.ogg, same)
+                # Both without what lies near half the rate, where filters may differ.
+                low = ["sinc", "-8000"]
+                theirs, ours = (
+                    array.array("f", tool("sox", "-D", file, "-t", "f32", "-", *effects, *low))
+                    for file, effects in ((same, ["rate", "-v", rate, "channels", channels]),
+                                          (self.out, [])))
+                self.assertEqual((len(ours), len(theirs)), (frames * channels, frames * channels))
+
+                def differ(shift):
+                    pairs = zip(ours[4800:], theirs[4800 + shift * channels:-4800])
+                    return sum((a - b) ** 2 for a, b in pairs) / sum(a * a for a in theirs)
+
+                self.assertLess(differ(0), 1e-7)  # the noise of 16 bits
+                self.assertGreater(differ(1), 1e-3)
+
+    def test_convert_through_the_connector_keeps_every_sample_of_an_equal_format(self):
+        self.succeed("convert", self.ogg, self.out, "--rate", str(RATE))
+        self.assertEqual(self.frames_of(self.out), self.samples)
+        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
+
+    def test_convert_needs_the_converter_only_where_formats_differ(self):
+        alone = self.folder / PROGRAM.name
+        for file in (PROGRAM, PROGRAM.parent / "Tessaly.dll",
+                     PROGRAM.parent / (PROGRAM.name + ".manifest")):
+            shutil.copy(file, self.folder)
+        self.fail_with(6, "convert", self.ogg, self.out, "--rate", "48000", program=alone,
+                       says="Converter.dll")
+        self.assertFalse(self.out.exists())
+        self.succeed("convert", self.ogg, self.out, "--channels", "2", program=alone)
+        module = windows(PROGRAM.parent / "Converter.dll")
+        (self.folder / (PROGRAM.name + ".manifest")).unlink()
+        engine = windows(PROGRAM.parent / "Tessaly.dll")
+        for file in (engine, module):
+            tool(WINE, "regsvr32", "/s", file)
+        try:
+            self.succeed("convert", self.ogg, self.out, "--channels", "1", program=alone)
+        finally:
+            for file in (engine, module):
+                tool(WINE, "regsvr32", "/s", "/u", file)
+        self.assertNotEqual(0, reg("query", r"HKCR\CLSID\{DFD6DD75-5801-4EA1-9C21-58589B93028A}"))
+        self.assertEqual(len(self.frames_of(self.out)), FRAMES * 2)
+
     def test_cut_joins_the_pieces_to_the_frame(self):
         self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "1000f:2001f", "--keep", ":0.1")
         self.assertEqual(self.frames_of(self.out), self.piece(110250, FRAMES) +
@@ -460,18 +517,33 @@ class HostTest(unittest.TestCase):
             self.assertEqual(self.frames_of(self.out), self.piece(RATE, 2 * RATE))
         self.assertIsNone(json.loads(output)["picture"])
 
-    def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
-        # Two hours of silence, so that the export is far from its end when the signal arrives.
-        export = Run("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
+    def interrupt_writing(self, *arguments):
+        command = Run(*arguments)
         deadline = time.monotonic() + 60
         while not (self.out.exists() and self.out.stat().st_size > 0):
-            self.assertIsNone(export.process.poll())
+            self.assertIsNone(command.process.poll())
             self.assertLess(time.monotonic(), deadline)
             time.sleep(0.01)
-        export.process.send_signal(signal.SIGINT)
-        status, output, messages = export.result()
+        command.process.send_signal(signal.SIGINT)
+        status, output, messages = command.result()
         self.assertEqual((status, output), (130, ""))
         self.assertIn("interrupted; the file is valid", messages)
+
+    def test_an_interrupted_conversion_ends_with_130_and_leaves_a_valid_file(self):
+        # Long in the making: many seconds of work for the converter.
+        ogg = self.folder / "long.ogg"
+        long = self.folder / "long.wav"
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-b", 16, long, "synth", 60, "sine", 997)
+        tool("oggenc", "-Q", long, "-o", ogg)
+        self.interrupt_writing("convert", ogg, self.out, "--rate", "768000")
+        frames = int(tool("soxi", "-s", self.out))
+        self.assertLess(frames, 60 * 768000)
+        with wave.open(str(self.out)) as file:
+            self.assertEqual(len(file.readframes(frames)), 2 * frames)
+
+    def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
+        # Two hours of silence, so that the export is far from its end when the signal arrives.
+        self.interrupt_writing("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
         with wave.open(str(self.out)) as file:
             frames = file.getnframes()
             self.assertLess(frames, FRAMES + 7200 * RATE)

@@ -77,4 +77,15 @@ unsigned CountThreads() {
   return ours;
 }
 
+std::size_t CountPrivateBytes() {
+  std::size_t bytes = 0;
+  MEMORY_BASIC_INFORMATION region = {};
+  const char* address = nullptr;
+  while (VirtualQuery(address, &region, sizeof region) != 0) {
+    if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+    address = static_cast<const char*>(region.BaseAddress) + region.RegionSize;
+  }
+  return bytes;
+}
+
 }  // namespace marlinda::testing

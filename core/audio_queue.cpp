@@ -1,4 +1,4 @@
-#include "device/audio_queue.h"
+#include "core/audio_queue.h"
 
 #include <algorithm>
 
@@ -11,7 +11,9 @@ std::size_t CAudioQueue::Capacity() const {
 
 void CAudioQueue::Append(std::span<const float> samples) {
   const std::lock_guard lock(mutex_);
-  if (count_ + samples.size() >= ring_.size()) Grow(samples.size());
+  if (count_ + samples.size() >= ring_.size()) {
+    MoveToRing(ring_.size() + std::max(samples.size(), kGrowMinimum));
+  }
   const std::size_t write_index = (read_index_ + count_) % ring_.size();
   const std::size_t to_end = std::min(samples.size(), ring_.size() - write_index);
   std::ranges::copy(samples.first(to_end),
@@ -30,8 +32,21 @@ void CAudioQueue::Read(std::span<float> destination, std::size_t advance) {
   count_ -= consumed;
 }
 
-void CAudioQueue::Grow(std::size_t needed) {
-  std::vector<float> larger(ring_.size() + std::max(needed, kGrowMinimum));
+void CAudioQueue::Reserve(std::size_t capacity) {
+  const std::lock_guard lock(mutex_);
+  if (capacity > ring_.size()) MoveToRing(capacity);
+}
+
+void CAudioQueue::Clear() {
+  std::vector<float> fresh(kGrowMinimum);
+  const std::lock_guard lock(mutex_);
+  ring_.swap(fresh);
+  read_index_ = 0;
+  count_ = 0;
+}
+
+void CAudioQueue::MoveToRing(std::size_t capacity) {
+  std::vector<float> larger(capacity);
   CopyOut(std::span(larger).first(count_));
   ring_ = std::move(larger);
   read_index_ = 0;

@@ -26,6 +26,12 @@ class CAudioQueue {
   // Ring size in samples; always more than Count().
   std::size_t Capacity() const;
 
+  // Makes the ring at least that large, in one step where many appends would take many.
+  void Reserve(std::size_t capacity);
+
+  // Drops all samples and the memory that they grew to.
+  void Clear();
+
   // Adds the samples at the end. Throws std::bad_alloc and leaves the queue as it was.
   void Append(std::span<const float> samples);
 
@@ -39,7 +45,7 @@ class CAudioQueue {
  private:
   static constexpr std::size_t kGrowMinimum = 2048;
 
-  void Grow(std::size_t needed);
+  void MoveToRing(std::size_t capacity);
   void CopyOut(std::span<float> destination) const noexcept;
 
   mutable std::mutex mutex_;

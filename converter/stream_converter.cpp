@@ -1,0 +1,97 @@
+#include "converter/stream_converter.h"
+
+#include <samplerate.h>
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+#include <stdexcept>
+
+namespace marlinda {
+namespace {
+
+constexpr double kMostRatio = 256.0;
+constexpr int kMostResampledChannels = 128;
+// Input is handed to the resampler in pieces, whose output fits in a buffer of known size.
+constexpr std::size_t kFramesPerPiece = 4096;
+
+double RatioOf(const StreamConverter::Format& source, const StreamConverter::Format& target) {
+  return static_cast<double>(target.rate) / static_cast<double>(source.rate);
+}
+
+}  // namespace
+
+void StreamConverter::Closer::operator()(SRC_STATE_tag* state) const noexcept { src_delete(state); }
+
+bool StreamConverter::CanConvert(const Format& source, const Format& target) noexcept {
+  if (source.rate <= 0 || target.rate <= 0 || source.channels <= 0 || target.channels <= 0) {
+    return false;
+  }
+  if (source.rate == target.rate) return true;
+  const double ratio = RatioOf(source, target);
+  return ratio <= kMostRatio && ratio >= 1.0 / kMostRatio &&
+         std::min(source.channels, target.channels) <= kMostResampledChannels;
+}
+
+StreamConverter::StreamConverter(const Format& source, const Format& target)
+    : source_(CanConvert(source, target) ? source : throw std::invalid_argument("format")),
+      map_(source.channels, target.channels),
+      // The resampler, which costs most, gets the smaller number of channels.
+      maps_first_(target.channels < source.channels),
+      resampled_channels_(static_cast<std::size_t>(std::min(source.channels, target.channels))),
+      ratio_(RatioOf(source, target)) {
+  if (source.rate == target.rate) return;
+  int error = 0;
+  resampler_.reset(src_new(SRC_SINC_BEST_QUALITY, static_cast<int>(resampled_channels_), &error));
+  if (resampler_ == nullptr) throw std::bad_alloc();
+}
+
+void StreamConverter::Convert(std::span<const float> samples, std::vector<float>& output) {
+  const auto channels = static_cast<std::size_t>(source_.channels);
+  if (!partial_.empty()) {
+    const std::size_t missing = std::min(channels - partial_.size(), samples.size());
+    partial_.insert(partial_.end(), samples.begin(),
+                    samples.begin() + static_cast<std::ptrdiff_t>(missing));
+    samples = samples.subspan(missing);
+    if (partial_.size() < channels) return;
+    ConvertFrames(partial_, output);
+  }
+  const std::size_t whole = samples.size() / channels * channels;
+  ConvertFrames(samples.first(whole), output);
+  partial_.assign(samples.begin() + static_cast<std::ptrdiff_t>(whole), samples.end());
+}
+
+void StreamConverter::ConvertFrames(std::span<const float> frames, std::vector<float>& output) {
+  if (resampler_ == nullptr) return map_.Apply(frames, output);
+  mapped_.clear();
+  if (maps_first_) {
+    map_.Apply(frames, mapped_);
+    Resample(mapped_, output);
+  } else {
+    Resample(frames, mapped_);
+    map_.Apply(mapped_, output);
+  }
+}
+
+void StreamConverter::Resample(std::span<const float> frames, std::vector<float>& output) {
+  const auto room = static_cast<std::size_t>(std::ceil(kFramesPerPiece * ratio_)) + 64;
+  SRC_DATA data = {};
+  data.src_ratio = ratio_;
+  while (!frames.empty()) {
+    const std::size_t begin = output.size();
+    output.resize(begin + room * resampled_channels_);
+    data.data_in = frames.data();
+    data.input_frames =
+        static_cast<long>(std::min(frames.size() / resampled_channels_, kFramesPerPiece));
+    data.data_out = output.data() + begin;
+    data.output_frames = static_cast<long>(room);
+    if (src_process(resampler_.get(), &data) != 0 ||
+        (data.input_frames_used == 0 && data.output_frames_gen == 0)) {
+      throw std::runtime_error("resampler");
+    }
+    output.resize(begin + static_cast<std::size_t>(data.output_frames_gen) * resampled_channels_);
+    frames = frames.subspan(static_cast<std::size_t>(data.input_frames_used) * resampled_channels_);
+  }
+}
+
+}  // namespace marlinda

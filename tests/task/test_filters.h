@@ -1,0 +1,288 @@
+// An import filter that makes up its audio, an export filter that keeps what it reads, and format
+// converters that behave well or badly: the parties of a connection, as other people might write
+// them.
+#pragma once
+
+#include <converter.h>
+#include <marlinda.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+
+// IUnknown for tests, and IDispatch without its use.
+template <class First, class... Rest>
+class Fake : public First, public Rest... {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    *object = nullptr;
+    if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(First))) {
+      *object = static_cast<First*>(this);
+    }
+    (void)((IsEqualIID(iid, __uuidof(Rest)) ? (*object = static_cast<Rest*>(this), true) : false) ||
+           ...);
+    if (*object == nullptr) return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  // Objects of this list of interfaces.
+  static inline std::atomic<int> alive = 0;
+
+ protected:
+  Fake() { ++alive; }
+  virtual ~Fake() { --alive; }
+
+ private:
+  std::atomic<ULONG> references_ = 0;
+};
+
+template <class First, class... Rest>
+class DispatchFake : public Fake<First, Rest...> {
+ public:
+  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    return E_NOTIMPL;
+  }
+};
+
+// A thread that holds nothing but what it shares, and stays behind when its filter goes.
+class TestTask {
+ public:
+  ~TestTask() { cancelled_ = true; }
+
+  HRESULT Start(std::function<void(const std::atomic<bool>& cancelled)> body) {
+    state_->running = true;
+    std::thread([state = state_, body = std::move(body)] {
+      body(state->cancelled);
+      state->running = false;
+    }).detach();
+    return S_OK;
+  }
+  HRESULT Cancel() {
+    state_->cancelled = true;
+    while (state_->running) Sleep(10);
+    return S_OK;
+  }
+  bool IsRunning() const { return state_->running; }
+
+ private:
+  struct State {
+    std::atomic<bool> running = false;
+    std::atomic<bool> cancelled = false;
+  };
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::atomic<bool>& cancelled_ = state_->cancelled;
+};
+
+// Sample `index` of the interleaved stream.
+using Signal = std::function<float(std::uint64_t index)>;
+
+inline float Counting(std::uint64_t index) { return static_cast<float>(index % 0x1000000); }
+
+class TestImport final : public DispatchFake<IImportFilter, IExFormatInfo, ICoreTask> {
+ public:
+  LONG rate = 44100;
+  SHORT channels = 2;
+  __int64 promised = 0;
+  __int64 frames = 0;  // that it delivers
+  std::size_t block_samples = 16384;
+  Signal signal = Counting;
+
+  static ComPtr<TestImport> Make(__int64 frames) {
+    ComPtr<TestImport> filter(new TestImport);
+    filter->promised = filter->frames = frames;
+    return filter;
+  }
+  bool IsRunning() const { return task_.IsRunning(); }
+
+  STDMETHODIMP QueryCanLoad(BSTR) override { return S_OK; }
+  STDMETHODIMP Initialize(BSTR, IAudioWriter* writer) override {
+    writer_ = writer;
+    return S_OK;
+  }
+  STDMETHODIMP GetFilterStrings(BSTR*, BSTR*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSourceSampleCount(__int64* count) override {
+    *count = promised;
+    return S_OK;
+  }
+  STDMETHODIMP GetMerit(SHORT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channel_count) override {
+    *samples_per_sec = rate;
+    *channel_count = channels;
+    return S_OK;
+  }
+  STDMETHODIMP GetBitsPerSample(SHORT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetAvgBytesPerSec(LONG*) override { return E_NOTIMPL; }
+
+  STDMETHODIMP Start() override {
+    return task_.Start([writer = std::move(writer_),
+                        samples = static_cast<std::uint64_t>(frames) *
+                                  static_cast<std::uint64_t>(channels),
+                        size = block_samples, make = signal](const std::atomic<bool>& cancelled) {
+      for (std::uint64_t at = 0; at < samples && !cancelled;) {
+        const Floats block(static_cast<std::size_t>(std::min<std::uint64_t>(size, samples - at)));
+        for (float& sample : block.values()) sample = make(at++);
+        writer->WriteAudio(block);
+      }
+      writer->CloseDevice();
+    });
+  }
+  STDMETHODIMP Cancel() override { return task_.Cancel(); }
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
+    *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+  }
+  STDMETHODIMP GetProgress(float*) override { return E_FAIL; }
+  STDMETHODIMP GetName(BSTR*) override { return E_NOTIMPL; }
+
+ private:
+  ComPtr<IAudioWriter> writer_;
+  TestTask task_;
+};
+
+class TestExport final : public DispatchFake<IExportFilter, ICoreTask> {
+ public:
+  struct Result {
+    std::vector<float> samples;
+    std::vector<HRESULT> results;
+    std::atomic<int> blocks = 0;
+  };
+  const std::shared_ptr<Result> result = std::make_shared<Result>();
+  DWORD pause = 0;  // milliseconds after each block
+  bool keep = true;
+
+  static ComPtr<TestExport> Make() { return new TestExport; }
+  bool IsRunning() const { return task_.IsRunning(); }
+
+  STDMETHODIMP QuerySupportsExtension(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
+  STDMETHODIMP Initialize(BSTR, IAudioReader* reader) override {
+    reader_ = reader;
+    return reader->GetSampleCount(&total_);
+  }
+  STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
+  STDMETHODIMP GetFilterStrings(BSTR*, BSTR*) override { return E_NOTIMPL; }
+  STDMETHODIMP QueryHasSettingsDlg(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
+  STDMETHODIMP ShowSettingsDlg(BSTR, ULONG) override { return E_NOTIMPL; }
+  STDMETHODIMP GetMerit(SHORT*) override { return E_NOTIMPL; }
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL*) override { return E_NOTIMPL; }
+
+  STDMETHODIMP Start() override {
+    return task_.Start([reader = std::move(reader_), total = total_, result = result, pause = pause,
+                        keep = keep](const std::atomic<bool>& cancelled) {
+      LONG rate = 0;
+      SHORT channels = 0;
+      reader->GetFormat(&rate, &channels);
+      for (__int64 at = 0; at < total && !cancelled; at += 65536) {
+        const auto frames = static_cast<std::size_t>(std::min<__int64>(65536, total - at));
+        const Floats block(frames * static_cast<std::size_t>(channels), 9.0F);
+        const HRESULT hr = reader->ReadAudio(at, block);
+        if (keep) {
+          result->results.push_back(hr);
+          const auto values = block.values();
+          result->samples.insert(result->samples.end(), values.begin(), values.end());
+        }
+        ++result->blocks;
+        Sleep(pause);
+      }
+    });
+  }
+  STDMETHODIMP Cancel() override { return task_.Cancel(); }
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
+    *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+  }
+  STDMETHODIMP GetProgress(float* progress) override {
+    *progress = 0.25F;
+    return S_OK;
+  }
+  STDMETHODIMP GetName(BSTR*) override { return E_NOTIMPL; }
+
+ private:
+  ComPtr<IAudioReader> reader_;
+  __int64 total_ = 0;
+  TestTask task_;
+};
+
+// Passes samples on, or does what a converter should not do.
+class TestConverter final : public Fake<IFormatConverter> {
+ public:
+  enum class Habit { kPasses, kRefusesSetUp, kFails, kGivesEmpty, kGivesNull, kGivesShorts };
+
+  explicit TestConverter(Habit habit) : habit_(habit) {}
+  std::vector<LONG> set_up;  // its arguments
+
+  STDMETHODIMP SetUp(LONG source_rate, LONG target_rate, SHORT source_channels,
+                     SHORT target_channels, LONG mode) override {
+    set_up = {source_rate, target_rate, source_channels, target_channels, mode};
+    return habit_ == Habit::kRefusesSetUp ? E_FAIL : S_OK;
+  }
+  STDMETHODIMP Convert(SAFEARRAY* block) override {
+    const auto* values = static_cast<const float*>(block->pvData);
+    held_.assign(values, values + block->rgsabound[0].cElements);
+    return habit_ == Habit::kFails ? E_FAIL : S_OK;
+  }
+  STDMETHODIMP GetOutput(SAFEARRAY** output) override {
+    *output = nullptr;
+    if (habit_ == Habit::kGivesNull) return S_OK;
+    const std::size_t count = habit_ == Habit::kGivesEmpty ? 0 : held_.size();
+    *output = SafeArrayCreateVector(habit_ == Habit::kGivesShorts ? VT_I2 : VT_R4, 0,
+                                    static_cast<ULONG>(count));
+    if (habit_ == Habit::kPasses) {
+      std::copy(held_.begin(), held_.end(), static_cast<float*>((*output)->pvData));
+    }
+    return S_OK;
+  }
+
+ private:
+  const Habit habit_;
+  std::vector<float> held_;
+};
+
+// Makes a converter the one that is found by class identifier, for as long as it lives.
+class InstalledConverter {
+ public:
+  explicit InstalledConverter(IUnknown* factory) {
+    Check(CoRegisterClassObject(CLSID_CFormatConverter, factory, CLSCTX_INPROC_SERVER,
+                                REGCLS_MULTIPLEUSE, &cookie_));
+  }
+  InstalledConverter(const InstalledConverter&) = delete;
+  InstalledConverter& operator=(const InstalledConverter&) = delete;
+  ~InstalledConverter() { CoRevokeClassObject(cookie_); }
+
+ private:
+  DWORD cookie_ = 0;
+};
+
+// Hands out the same object again and again.
+class SingleFactory final : public Fake<IClassFactory> {
+ public:
+  explicit SingleFactory(IUnknown* object) : object_(object) {}
+  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
+    return object_->QueryInterface(iid, object);
+  }
+  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+
+ private:
+  ComPtr<IUnknown> object_;
+};
+
+}  // namespace marlinda::testing
