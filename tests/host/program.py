@@ -23,7 +23,7 @@ def windows(path):
 def without_noise(text):
     """Without what the libraries below Wine's decoders say on a machine without a sound card, and about
     files that they do not know."""
-    noise = re.compile(r"^(ALSA lib .*|\(wine:\d+\): GStreamer.*|\n)\n", re.MULTILINE)
+    noise = re.compile(r"^(ALSA lib .*|\(wine:\d+\): GStreamer.*)?\r?\n", re.MULTILINE)
     return noise.sub("", text) if "ALSA lib" in text or "GStreamer" in text else text
 
 
