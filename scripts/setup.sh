@@ -16,6 +16,11 @@ build=(
 )
 # Wine and its display.
 wine=(wine64 libwine xvfb)
+# What Wine's DirectShow decodes with: WAV with compressed sound and AVI (good), MP3 (ugly, libav), WMA
+# and WMV (libav). Uncompressed files need none of it.
+decoders=(
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav
+)
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
 # What packs and unpacks what is handed out.
@@ -23,7 +28,7 @@ package=("${build[@]}" nsis zip unzip)
 # The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
 # writes; a sound server stands for the sound card.
 test=(
-  "${build[@]}" "${wine[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
+  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
   pulseaudio pulseaudio-utils "${package[@]}"
 )
 lint=("${build[@]}" g++ clang-format clang-tidy)

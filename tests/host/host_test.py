@@ -347,6 +347,38 @@ class HostTest(unittest.TestCase):
         self.assertEqual([(m["begin"], m["end"], m["name"]) for m in report["markers"]], markers)
         self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
 
+    def test_wave_files_are_read_back_with_all_that_they_carry(self):
+        self.succeed("cut", self.ogg, self.out, "--keep", ":", "--label", "1:Here", "--marker",
+                     "0.5:1.5:There", "--bits", "24")
+        wide = self.folder / "wide.wav"
+        self.succeed("convert", self.out, wide, "--bits", "24")
+        self.assertEqual(wide.read_bytes(), self.out.read_bytes())
+        loop = struct.pack("<iIIihhf", 60, 0, 0, 8, 3, 4, 120.0)
+        data = self.out.read_bytes()[8:] + b"acid" + struct.pack("<I", len(loop)) + loop
+        wide.write_bytes(b"RIFF" + struct.pack("<I", len(data)) + data)
+        report = json.loads(self.succeed("info", wide, "--json"))
+        self.assertEqual(report["filter"]["class"], "CDShowImport")
+        self.assertEqual((report["frames"], report["bits_per_sample"], report["bit_rate"]),
+                         (FRAMES, 24, RATE * 48))
+        self.assertEqual(report["labels"], [{"position": RATE, "name": "Here"}])
+        self.assertEqual(report["markers"],
+                         [{"begin": RATE // 2, "end": RATE * 3 // 2, "name": "There"}])
+        self.assertEqual(report["tags"]["year"], "2009")
+        self.assertEqual(report["acid"], {"root_note": 60, "meter_beats": 3, "meter_delimiter": 4,
+                                          "beat_count": 8, "tempo": 120.0})
+        text = self.succeed("info", wide)
+        for line in ("Here", "0:00:00.500 to 0:00:01.500  There", "8 beats of 3/4"):
+            self.assertIn(line, text)
+
+    def test_compressed_files_are_read_with_their_tags(self):
+        mp3 = self.folder / "in.mp3"
+        tool("ffmpeg", "-v", "error", "-i", self.ogg, "-map_metadata", "-1",
+             "-metadata", "title=Glide", "-metadata", "date=2009-05-01", mp3)
+        report = json.loads(self.succeed("info", mp3, "--json"))
+        self.assertEqual((report["tags"]["title"], report["tags"]["year"]), ("Glide", "2009"))
+        self.succeed("convert", mp3, self.out)
+        self.assertGreaterEqual(len(self.frames_of(self.out)), FRAMES * 4)
+
     def test_a_file_cut_off_in_the_middle_gives_what_can_be_decoded(self):
         half = self.folder / "half.ogg"
         half.write_bytes(self.ogg.read_bytes()[:self.ogg.stat().st_size // 2])
@@ -394,6 +426,8 @@ class HostTest(unittest.TestCase):
         self.assertEqual(states()["COggImport"], "listed")
         self.assertEqual(states()["COggImport"], "listed already")
         self.assertEqual(listed(), ["COggImport"])
+        self.assertEqual(list(states()), ["CDShowImport", "COggImport"])
+        self.assertEqual(set(states().values()), {"listed already"})
         self.succeed("convert", self.ogg, self.out)
         self.assertEqual(self.frames_of(self.out), self.samples)
         self.assertEqual(states("--remove")["COggImport"], "removed")
