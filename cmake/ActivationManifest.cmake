@@ -1,6 +1,6 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
-# for it; Tessaly.dll must lie in the same folder. Classes and identifiers come from the IDL.
+# for it; Tessaly.dll must lie in the same folder, and Converter.dll where it is there. Classes and identifiers come from the IDL.
 # Part of the installed CMake package as well, where the IDL lies with the headers.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
@@ -55,6 +55,15 @@ function(tessaly_activation_manifest target)
       "    </comClass>\n")
   endforeach()
 
+  # The converter is a module of its own with one class; not every version has it.
+  set(converter)
+  if(EXISTS ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../converter/CMakeLists.txt
+     OR EXISTS ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../../Converter.dll)
+    string(APPEND converter "  <file name=\"Converter.dll\">\n"
+                            "    <comClass clsid=\"{DFD6DD75-5801-4EA1-9C21-58589B93028A}\""
+                            " threadingModel=\"Both\"/>\n" "  </file>\n")
+  endif()
+
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(architecture amd64)
   else()
@@ -75,7 +84,7 @@ function(tessaly_activation_manifest target)
   <file name="Tessaly.dll">
     <typelib tlbid="{@library_id@}" version="1.0" resourceid="1" helpdir=""/>
 @classes@  </file>
-@proxies@</assembly>
+@converter@@proxies@</assembly>
 ]]
     @ONLY)
 endfunction()

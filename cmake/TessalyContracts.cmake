@@ -1,33 +1,49 @@
 # Generates header, identifiers and type library from core/marlinda.idl: interfaces, identifiers and
 # DISPIDs exist once, in the IDL.
-# Only the package of the wrapper scripts adds the plain name.
-find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
-find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
-          NO_CMAKE_FIND_ROOT_PATH REQUIRED)
-find_path(WINE_TLB_DIR stdole2.tlb
-          PATHS /usr/lib/x86_64-linux-gnu/wine/x86_64-windows /usr/lib/wine/x86_64-windows
-          NO_CMAKE_FIND_ROOT_PATH REQUIRED)
-
 set(contracts_dir ${CMAKE_BINARY_DIR}/contracts)
 file(MAKE_DIRECTORY ${contracts_dir})
 set(idl ${CMAKE_SOURCE_DIR}/core/marlinda.idl)
-if(CMAKE_SIZEOF_VOID_P EQUAL 8)
-  set(widl_target -m64)
-else()
-  set(widl_target -m32)
-endif()
-
-foreach(product "-h;marlinda.h" "-u;marlinda_i.c" "-t;marlinda.tlb")
-  list(GET product 0 flag)
-  list(GET product 1 name)
+if(MSVC)
+  # Windows' own interface compiler makes all three at once.
+  if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+    set(midl_target x64)
+  else()
+    set(midl_target win32)
+  endif()
   add_custom_command(
-    OUTPUT ${contracts_dir}/${name}
-    COMMAND ${WIDL_EXECUTABLE} ${widl_target} ${flag} -o ${contracts_dir}/${name} -I${WINE_IDL_DIR}
-            -L${WINE_TLB_DIR} ${idl}
+    OUTPUT ${contracts_dir}/marlinda.h ${contracts_dir}/marlinda_i.c ${contracts_dir}/marlinda.tlb
+    COMMAND midl /nologo /env ${midl_target} /out ${contracts_dir} /h marlinda.h /iid marlinda_i.c
+            /tlb marlinda.tlb /proxy marlinda_p.c /dlldata marlinda_dlldata.c ${idl}
     DEPENDS ${idl}
-    COMMENT "Generating ${name}"
+    COMMENT "Generating the contracts"
     VERBATIM)
-endforeach()
+else()
+  # Only the package of the wrapper scripts adds the plain name.
+  find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
+  find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
+            NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+  find_path(WINE_TLB_DIR stdole2.tlb
+            PATHS /usr/lib/x86_64-linux-gnu/wine/x86_64-windows /usr/lib/wine/x86_64-windows
+            NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+
+  if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+    set(widl_target -m64)
+  else()
+    set(widl_target -m32)
+  endif()
+
+  foreach(product "-h;marlinda.h" "-u;marlinda_i.c" "-t;marlinda.tlb")
+    list(GET product 0 flag)
+    list(GET product 1 name)
+    add_custom_command(
+      OUTPUT ${contracts_dir}/${name}
+      COMMAND ${WIDL_EXECUTABLE} ${widl_target} ${flag} -o ${contracts_dir}/${name} -I${WINE_IDL_DIR}
+              -L${WINE_TLB_DIR} ${idl}
+      DEPENDS ${idl}
+      COMMENT "Generating ${name}"
+      VERBATIM)
+  endforeach()
+endif()
 
 add_custom_target(marlinda_contracts_files DEPENDS ${contracts_dir}/marlinda.h
                                                    ${contracts_dir}/marlinda.tlb)

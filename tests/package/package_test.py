@@ -184,6 +184,8 @@ class PackageTest(unittest.TestCase):
         self.assertIn("no sound device for output", doctor)
         self.assertEqual(doctor.count("problem: "), 2)
         self.assertRegex(doctor, r"found by +manifest\n")
+        if (ROOT / "converter").exists():
+            self.assertRegex(doctor, r"converter +can be created\n")
         self.assertRegex(info, r"44100 Hz, 2 channels")
         self.assertRegex(cut, r"cut\.wav: 0:00:04\.500")
         self.assertIn("no sound device for output", (self.folder / "messages4").read_text())
