@@ -1,7 +1,7 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
-# for it; Tessaly.dll must lie in the same folder, and Converter.dll where it is there. Classes and identifiers come from the IDL.
-# Part of the installed CMake package as well, where the IDL lies with the headers.
+# for it; Tessaly.dll must lie in the same folder, and Converter.dll where there is one. Classes and
+# identifiers come from the IDL. Part of the installed CMake package as well, where the IDL lies with the headers.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
   if(NOT EXISTS ${idl})
