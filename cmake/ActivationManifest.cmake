@@ -1,8 +1,8 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
 # for it; Tessaly.dll must lie in the same folder, and Converter.dll where formats are to be converted.
-# Classes and identifiers come from the IDL.
-# Part of the installed CMake package as well, where the IDL lies with the headers.
+# Classes and identifiers come from the IDL. Part of the installed CMake package as well, where the IDL
+# lies with the headers.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
   if(NOT EXISTS ${idl})
@@ -57,7 +57,8 @@ function(tessaly_activation_manifest target)
   endforeach()
 
   # The format converter, which lies in a module of its own.
-  set(converter_idl ${CMAKE_SOURCE_DIR}/core/converter.idl)
+  cmake_path(GET idl PARENT_PATH folder)
+  set(converter_idl ${folder}/converter.idl)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${converter_idl})
   file(READ ${converter_idl} text)
   if(NOT text MATCHES "uuid\\(([-0-9A-Fa-f]+)\\)${blank}.${blank}coclass[ \t\r\n]+CFormatConverter")

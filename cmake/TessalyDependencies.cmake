@@ -10,8 +10,12 @@ endif()
 # tessaly_find_package(<name>): find_package among those libraries and nowhere else, so that no
 # other build of a library slips in. A macro, because find_package sets variables for its caller.
 macro(tessaly_find_package name)
-  find_package(${name} CONFIG QUIET GLOBAL PATHS ${TESSALY_DEPS}/${dependencies_target}
-               NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+  if(MSVC)
+    find_package(${name} CONFIG QUIET GLOBAL) # vcpkg's, by vcpkg.json
+  else()
+    find_package(${name} CONFIG QUIET GLOBAL PATHS ${TESSALY_DEPS}/${dependencies_target}
+                 NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+  endif()
   if(NOT ${name}_FOUND)
     message(FATAL_ERROR "${name} is not in ${TESSALY_DEPS}/${dependencies_target}. "
                         "Run scripts/build-dependencies first.")

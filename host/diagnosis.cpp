@@ -235,7 +235,8 @@ void ExamineConverter(Diagnosis& diagnosis) {
       Explain(diagnosis.converter.created, "converter", ExitStatus::kRegistration);
   diagnosis.notes.emplace_back(
       ExitStatus::kSuccess, "converter",
-      error.reason() + ", so CAudioConnector passes audio on at its own rate and channels",
+      "it cannot be created (" + error.reason() +
+          "), so CAudioConnector passes audio on at its own rate and channels",
       "Where that is not meant: put Converter.dll beside Tessaly.dll and register it.");
 }
 

@@ -14,39 +14,60 @@ folder=$root/build/demo
 rm -rf "$folder"
 mkdir -p "$folder"
 
-# Shows a command as a person would type it, and runs it.
+# Shows a command as a person would type it and runs it; what it says goes to log.txt and, for picking out,
+# to `said`.
 show() {
   local shown=$1
   shift
-  printf '\n$ %s\n' "$shown"
-  "$@" || die "that command ended with status $?"
+  printf '$ %s\n' "$shown"
+  said=$("$@" 2>messages) || {
+    cat messages >&2
+    die "that command ended with status $?"
+  }
+  printf '$ %s\n%s\n\n' "$shown" "$said" >>log.txt
+}
+# pick REGEX: the first group of it in what was said.
+pick() {
+  [[ $said =~ $1 ]] || die "log.txt: the last program said nothing like $1"
+  printf '%s' "${BASH_REMATCH[1]}"
 }
 
 demo() {
   cd "$folder"
   cp "$music" demo.ogg
   marlinda() { "$root/scripts/wine-run" "$root/build/x64/marlinda.exe" "$@"; }
+  local picks
 
   show "marlinda info demo.ogg" marlinda info demo.ogg
+  picks="$(pick $'duration +([0-9:.]+)'), $(pick $'format +([^\n]+)')"
+  printf '    "%s", %s, read by %s\n' "$(pick $'title +([^\n]+)')" "$picks" "$(pick $'read by +([^\n]+)')"
   # A bar takes 2.4 seconds: the third one first, then the first two, with a second of silence between.
   show 'marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png' \
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
+  printf '    %s\n' "$(pick $'(demo.wav[^\n]+)')"
+  # What was written is described by programs that know nothing of the engine.
   show "sox --info demo.wav" sox --info demo.wav
+  printf '    %s, %s\n' "$(pick '= ([0-9]+ samples)')" "$(pick $'Sample Encoding: ([^\n]+)')"
   show "sndfile-info demo.wav" sndfile-info demo.wav
+  printf '    labels "%s" and "%s", title "%s"\n' "$(pick $'labl : 0 : ([^\n]+)')" \
+    "$(pick $'labl : 1 : ([^\n]+)')" "$(pick $'INAM : ([^\n]+)')"
 
   # The sound library of a machine without devices complains at length.
   if marlinda devices 2>/dev/null | grep -qx "outputs: none"; then
-    printf '\n%s\n' '"marlinda devices" finds no output on this machine, so the result is not played.'
+    echo '"marlinda devices" finds no output on this machine, so the result is not played.'
   else
-    show "sox demo.wav edited.ogg" sox demo.wav edited.ogg
+    sox demo.wav edited.ogg
     show "marlinda play edited.ogg" marlinda play edited.ogg
+    printf '    %s\n' "$said"
   fi
+  rm messages
 }
 export root folder music
 "$root/scripts/wine-session" true # makes the prefix on first use, before the commands are shown
-export -f demo show die
+export -f demo show pick die
 "$root/scripts/wine-session" bash -euo pipefail -c demo
-echo
-echo "The result is in build/demo: demo.ogg (from), demo.wav (to) and demo.png (its waveform)."
+echo "In build/demo: demo.ogg (from), demo.wav (to), demo.png (its waveform), log.txt (all that was said)."
+cmp -s "$folder/demo.png" "$root/docs/images/demo.png" ||
+  echo "The picture in README.md is another: cp build/demo/demo.png docs/images/"

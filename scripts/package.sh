@@ -5,11 +5,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build package
-compile x64 Tessaly marlinda
-# shellcheck disable=SC2154 -- root comes from common.sh
-if [[ -f $root/converter/CMakeLists.txt ]]; then
-  compile x64 Converter
-fi
+compile x64 Tessaly Converter marlinda
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/x64/CMakeCache.txt")
 name=tessaly-$version-x64
