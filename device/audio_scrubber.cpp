@@ -16,7 +16,8 @@ namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
 constexpr ULONGLONG kLostAfterMilliSecs = 2000;
-// A minute and a half at 192 kHz. The window of a longer block would hold its caller up for seconds.
+// A minute and a half at 192 kHz. The window of a longer block would hold its caller up for
+// seconds.
 constexpr LONG kLongestBlock = 1 << 24;
 
 }  // namespace
