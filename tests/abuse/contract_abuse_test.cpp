@@ -470,6 +470,7 @@ class Child {
     LONG64 index = 0;
     unsigned handles = 0;
     unsigned threads = 0;
+    std::vector<std::pair<unsigned, std::string>> after_method;
     for (const State state : kStates) {
       for (const Method& method : class_->methods) {
         for (const Case& test : CasesOf(method)) {
@@ -485,6 +486,7 @@ class Child {
             threads = CountThreads();
           }
         }
+        if (handles != 0) after_method.emplace_back(CountHandles(), report_->running);
       }
     }
     std::snprintf(report_->running, sizeof report_->running, "%s at the end", name_.c_str());
@@ -495,6 +497,11 @@ class Child {
       Sleep(50);
     }
     if (CountHandles() > handles + 20) {
+      for (std::size_t i = 1; i < after_method.size(); ++i) {
+        if (after_method[i].first <= after_method[i - 1].first) continue;
+        report_.Fail(std::to_string(after_method[i - 1].first) + " handles became " +
+                     std::to_string(after_method[i].first) + " before " + after_method[i].second);
+      }
       report_.Fail(std::to_string(handles) + " handles have become " +
                    std::to_string(CountHandles()));
     }
