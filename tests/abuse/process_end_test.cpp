@@ -1,0 +1,196 @@
+// A host that ends without releasing anything, in every state and by every way out, is gone at once
+// and without a crash, and leaves no temporary file; and one that loads, uses and unloads the
+// module over and over ends where it began.
+#include <gtest/gtest.h>
+#include <windows.h>
+// After windows.h.
+#include <mmsystem.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+
+#include "core/handle.h"
+#include "tests/abuse/child_runs.h"
+#include "tests/abuse/contract_model.h"
+#include "tests/import/recording_writer.h"
+#include "tests/support/com_client.h"
+#include "tests/support/process_counts.h"
+
+namespace marlinda::testing {
+namespace {
+
+// Five times what a quiet machine is held to by hand.
+constexpr DWORD kLongestEnd = 10000;
+constexpr int kCycles = 100;
+
+// Nothing that this returns from is ever released.
+template <class I>
+I* Leak(ComPtr<I> object) {
+  return object.Detach();
+}
+
+ComPtr<IAudioReader> Silence(__int64 frames) {
+  auto silence = Create<INullReader>(CLSID_CNullReader);
+  Check(silence->Create(frames, 44100, 2));
+  return As<IAudioReader>(silence);
+}
+
+RecordingWriter* SlowWriter() {
+  auto writer = RecordingWriter::Make();
+  writer->keep_samples = false;
+  writer->on_write = [](SAFEARRAY*) { Sleep(200); };
+  return Leak(std::move(writer));
+}
+
+void BringInto(const std::string& state, const std::wstring& folder) {
+  if (state == "importing") {
+    auto* const filter = Leak(Create<IImportFilter>(CLSID_COggImport));
+    Check(filter->Initialize(Bstr(TESSALY_SAMPLE_OGG), SlowWriter()));
+    Check(Leak(As<ICoreTask>(filter))->Start());
+  } else if (state == "exporting") {
+    auto* const filter = Leak(Create<IExportFilter>(CLSID_CWavExportFilter));
+    Check(filter->Initialize(Bstr(folder + L"\\endless.wav"), Silence(1LL << 40).Get()));
+    Check(Leak(As<ICoreTask>(filter))->Start());
+    Sleep(50);
+  } else if (state == "scrubbing") {
+    Check(Leak(Create<IAudioScrubber>(CLSID_CAudioScrubber))->Start(SlowWriter(), 4410, 44100, 2));
+  } else if (state == "writing a pool") {
+    auto* const pool = Leak(Create<IAudioPool>(CLSID_CAudioPool));
+    auto* const writer = Leak(As<IAudioWriter>(pool));
+    Check(writer->SetFormat(44100, 2));
+    Check(writer->OpenDevice());
+    Check(writer->WriteAudio(Floats(20000)));
+  } else if (state == "changing a document") {
+    auto* const document = Leak(Create<IEditedAudio>(CLSID_CEditedAudio));
+    Check(document->AppendSegment(Silence(1000).Get(), 0, 1000));
+    Check(document->InitChange(1, Bstr(L"change")));
+  } else if (state == "playing") {
+    auto* const document = Leak(Create<IEditedAudio>(CLSID_CEditedAudio));
+    Check(document->AppendSegment(Silence(1LL << 30).Get(), 0, 1LL << 30));
+    Check(document->Play(0, 1LL << 30, 0xFFFFFFFF, VARIANT_TRUE));
+    Sleep(500);
+  } else if (state == "recording") {
+    auto* const recorder = Leak(As<IAudioReader>(Create<IAudioGrabber>(CLSID_CAudioGrabber)));
+    Check(recorder->OpenDevice());
+    Check(recorder->ReadAudio(0, Floats(20000)));
+  } else {
+    throw HResultError(E_INVALIDARG);
+  }
+}
+
+// The name is the way out; the argument after the folder the state.
+void RunCases(const ChildTask& task, SharedReport& report) {
+  const std::wstring& wide = task.arguments.at(1);
+  report.Begin(0, "setting up");
+  BringInto(std::string(wide.begin(), wide.end()), task.arguments.at(0));
+  report->finished = 1;
+  if (task.name == "ExitProcess") ExitProcess(7);
+  if (task.name == "TerminateProcess") TerminateProcess(GetCurrentProcess(), 9);
+}
+
+void ExpectGoneAtOnce(const std::string& state) {
+  const std::map<std::string, DWORD> kWays = {
+      {"return", 0}, {"ExitProcess", 7}, {"TerminateProcess", 9}};
+  static int counter = 0;
+  for (const auto& [way, expected] : kWays) {
+    SCOPED_TRACE(state + ", " + way);
+    const TemporaryFolder folder;
+    // Where the child's pools put their files.
+    wchar_t usual[MAX_PATH] = {};
+    ASSERT_GT(GetEnvironmentVariableW(L"TMP", usual, MAX_PATH), 0U);
+    ASSERT_TRUE(SetEnvironmentVariableW(L"TMP", folder.path().c_str()));
+    const std::wstring mapping = L"tessaly-end-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                 std::to_wstring(++counter);
+    const SharedReport report(mapping);
+    const KernelHandle child(StartThisProgram(L"--child " + std::wstring(way.begin(), way.end()) +
+                                              L" 0 " + mapping + L" \"" + folder.path() + L"\" \"" +
+                                              std::wstring(state.begin(), state.end()) + L"\""));
+    ASSERT_TRUE(SetEnvironmentVariableW(L"TMP", usual));
+    for (int i = 0; i < 600 && report->finished == 0; ++i) {
+      if (WaitForSingleObject(child.get(), 100) == WAIT_OBJECT_0) break;
+    }
+    ASSERT_EQ(report->finished, 1) << "never came into that state";
+    const ULONGLONG begun = GetTickCount64();
+    const DWORD waited = WaitForSingleObject(child.get(), kLongestEnd);
+    EXPECT_EQ(waited, WAIT_OBJECT_0) << "still there after " << GetTickCount64() - begun << " ms";
+    if (waited != WAIT_OBJECT_0) TerminateProcess(child.get(), 1);
+    WaitForSingleObject(child.get(), INFINITE);
+    DWORD code = 0;
+    ASSERT_TRUE(GetExitCodeProcess(child.get(), &code));
+    EXPECT_EQ(code, expected);
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+      EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
+    }
+  }
+}
+
+TEST(ProcessEnd, IsImmediateWhileTasksRunAndFilesAreOpen) {
+  for (const char* state :
+       {"importing", "exporting", "scrubbing", "writing a pool", "changing a document"}) {
+    ExpectGoneAtOnce(state);
+  }
+}
+
+TEST(ProcessEnd, IsImmediateWhileDevicesRun) {
+  if (waveOutGetNumDevs() == 0 || waveInGetNumDevs() == 0) GTEST_SKIP() << "no sound devices";
+  for (const char* state : {"playing", "recording"}) ExpectGoneAtOnce(state);
+}
+
+TEST(Module, EndsWhereItBeganAfterEveryCycleOfLoadUseAndUnload) {
+  const TemporaryFolder folder;
+  const std::wstring path = folder.File(L"Tessaly.dll");
+  ASSERT_TRUE(CopyFileW(ModuleUnderTest::Path().c_str(), path.c_str(), TRUE));
+  const std::vector<Class> classes = ClassesOfTheModule();
+  unsigned handles = 0;
+  unsigned threads = 0;
+  int created = 0;
+  for (int cycle = 0; cycle < kCycles; ++cycle) {
+    const HMODULE module = LoadLibraryW(path.c_str());
+    ASSERT_NE(module, nullptr);
+    const auto get_class_object = reinterpret_cast<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>(
+        reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject")));
+    const auto can_unload = reinterpret_cast<HRESULT(WINAPI*)()>(
+        reinterpret_cast<void*>(GetProcAddress(module, "DllCanUnloadNow")));
+    for (const Class& known : classes) {
+      ComPtr<IClassFactory> factory;
+      ComPtr<IDispatch> object;
+      if (FAILED(get_class_object(known.clsid, IID_IClassFactory,
+                                  reinterpret_cast<void**>(factory.GetAddressOf())))) {
+        continue;
+      }
+      ASSERT_EQ(factory->CreateInstance(nullptr, IID_IDispatch,
+                                        reinterpret_cast<void**>(object.GetAddressOf())),
+                S_OK);
+      ++created;
+      ComPtr<ITypeInfo> info;
+      EXPECT_EQ(object->GetTypeInfo(0, 0, info.GetAddressOf()), S_OK);
+      if (auto writer = As<IAudioWriter>(object); writer && As<IAudioPool>(object)) {
+        writer->SetFormat(44100, 2);
+        writer->OpenDevice();
+        EXPECT_EQ(writer->WriteAudio(Floats(2000)), S_OK);
+      }
+      if (auto scrubber = As<IAudioScrubber>(object); scrubber && cycle == 0) {
+        EXPECT_EQ(scrubber->Start(RecordingWriter::Make().Get(), 441000, 44100, 2), S_OK);
+      }
+      EXPECT_EQ(can_unload(), S_FALSE);
+    }
+    EXPECT_EQ(can_unload(), S_OK) << "cycle " << cycle;
+    ASSERT_TRUE(FreeLibrary(module));
+    ASSERT_EQ(GetModuleHandleW(path.c_str()), nullptr) << "cycle " << cycle;
+    if (cycle == 10) {
+      handles = CountHandles();
+      threads = CountThreads();
+    }
+  }
+  EXPECT_GE(created, 10 * kCycles);
+  EXPECT_LE(CountHandles(), handles + 2);
+  EXPECT_LE(CountThreads(), threads);
+}
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  return marlinda::testing::AbuseMain(argc, argv, marlinda::testing::RunCases, [] {});
+}
