@@ -22,7 +22,7 @@ demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
 # writes; a sound server stands for the sound card.
 test=(
   "${build[@]}" "${wine[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
-  pulseaudio pulseaudio-utils
+  pulseaudio pulseaudio-utils valgrind
 )
 lint=("${build[@]}" g++ clang-format clang-tidy)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)
