@@ -8,7 +8,7 @@ namespace marlinda {
 
 // `kConvertBlock` converts kBlock samples and touches no more memory than kReach samples take. The
 // scalar form does what is left.
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
+template <std::size_t kBytes, std::size_t kBlock, std::size_t kReach, auto kConvertBlock>
 void EncodeBlocks(const float* source, std::byte* out, std::size_t count) noexcept {
   for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {
     kConvertBlock(source, out);
@@ -16,7 +16,7 @@ void EncodeBlocks(const float* source, std::byte* out, std::size_t count) noexce
   kScalarSampleKernels.encode[kBytes - 1](source, out, count);
 }
 
-template <int kBytes, int kBlock, int kReach, auto kConvertBlock>
+template <std::size_t kBytes, std::size_t kBlock, std::size_t kReach, auto kConvertBlock>
 void DecodeBlocks(const std::byte* in, float* destination, std::size_t count) noexcept {
   for (; count >= kReach; count -= kBlock, destination += kBlock, in += kBlock * kBytes) {
     kConvertBlock(in, destination);

@@ -15,12 +15,14 @@ void Store(__m128i value, std::byte* out) noexcept {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out), value);
 }
 
-// Two codes from 0 to kHighest in the lower half. The maximum takes its second operand for NaN: 0.
+// Two codes from 0 to kHighest, 255 or 65535, in the lower half. The maximum takes its second
+// operand for NaN: 0.
 template <int kHighest>
 __m128i RoundTwo(__m128 samples) noexcept {
   const __m128d half = _mm_set1_pd(0.5);
-  const __m128d scale = _mm_set1_pd(kHighest / 2);         // 127 or 32767
-  const __m128d offset = _mm_set1_pd((kHighest + 1) / 2);  // 128 or 32768
+  constexpr int kScale = kHighest / 2;  // 127 or 32767
+  const __m128d scale = _mm_set1_pd(kScale);
+  const __m128d offset = _mm_set1_pd(kScale + 1);
   __m128d value = _mm_mul_pd(_mm_cvtps_pd(samples), scale);
   value = _mm_add_pd(_mm_add_pd(value, offset), half);
   value = _mm_max_pd(value, _mm_setzero_pd());
