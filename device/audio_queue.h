@@ -40,6 +40,7 @@ class CAudioQueue {
   static constexpr std::size_t kGrowMinimum = 2048;
 
   void Grow(std::size_t needed);
+  std::size_t InRing(std::size_t position) const noexcept;
   void CopyOut(std::span<float> destination) const noexcept;
 
   mutable std::mutex mutex_;
