@@ -43,7 +43,7 @@ void ReadNearTheEnd(benchmark::State& state) {
   const __int64 position = state.range(0) * kSegmentFrames - kSegmentFrames / 2;
   for (auto _ : state) document.reader->ReadAudio(position, block);
 }
-BENCHMARK(ReadNearTheEnd)->Arg(1)->Arg(1'000)->Arg(100'000);
+BENCHMARK(ReadNearTheEnd)->Arg(1)->Arg(1'000)->Arg(100'000)->Arg(1'000'000);
 
 void Append(benchmark::State& state) {
   for (auto _ : state) {
@@ -102,27 +102,92 @@ void DrawOverview(benchmark::State& state) {
 }
 BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
 
-// A take of so many minutes in a pool, drawn from the peak file.
-void DrawPoolTake(benchmark::State& state) {
-  auto pool = Create<IAudioPool>(CLSID_CAudioPool);
-  auto writer = As<IAudioWriter>(pool);
-  Check(pool->SetBitDepth(8, 0));
-  Check(writer->SetFormat(44100, kChannels));
-  Check(writer->OpenDevice());
-  const Floats block(65'536 * kChannels, 0.5F);
-  __int64 frames = 0;
-  for (; frames < state.range(0) * 60 * 44'100; frames += 65'536) {
-    Check(writer->WriteAudio(block));
+// A mono take of so many hours in a pool of its own, made once.
+struct PoolTake {
+  explicit PoolTake(__int64 hours) : pool(Create<IAudioPool>(CLSID_CAudioPool)) {
+    auto writer = As<IAudioWriter>(pool);
+    Check(pool->SetBitDepth(8, 0));
+    Check(writer->SetFormat(44100, 1));
+    Check(writer->OpenDevice());
+    const Floats block(65'536, 0.5F);
+    for (; frames < hours * 3'600 * 44'100; frames += 65'536) Check(writer->WriteAudio(block));
+    Check(writer->CloseDevice());
   }
-  Check(writer->CloseDevice());
-  ComPtr<IAudioReader> take;
-  Check(pool->CreateLastReader(take.GetAddressOf()));
-  auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
-  Check(edit->AppendSegment(take.Get(), 0, frames));
-  const Floats pairs(1920 * 2 * kChannels);
-  for (auto _ : state) Check(edit->ReadWaveplot(0, frames, pairs));
+  static PoolTake& Of(__int64 hours) {
+    static PoolTake one(1);
+    static PoolTake ten(10);
+    return hours == 1 ? one : ten;
+  }
+  ComPtr<IAudioReader> Reader() const {
+    ComPtr<IAudioReader> take;
+    Check(pool->CreateLastReader(take.GetAddressOf()));
+    return take;
+  }
+
+  ComPtr<IAudioPool> pool;
+  __int64 frames = 0;
+};
+
+// Repeated draws find in the reader what the first one had to read.
+void DrawPoolTake(benchmark::State& state, bool repeated) {
+  const PoolTake& take = PoolTake::Of(state.range(0));
+  const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
+  const Floats pairs(1920 * 2);
+  Check(edit->AppendSegment(take.Reader().Get(), 0, take.frames));
+  Check(edit->ReadWaveplot(0, take.frames, pairs));
+  for (auto _ : state) {
+    if (!repeated) {
+      Check(edit->Clear());
+      Check(edit->AppendSegment(take.Reader().Get(), 0, take.frames));
+    }
+    Check(edit->ReadWaveplot(0, take.frames, pairs));
+  }
 }
-BENCHMARK(DrawPoolTake)->Arg(6)->Arg(60)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(DrawPoolTake, Repeated, true)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(DrawPoolTake, First, false)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
+
+// All peaks of the take through its reader, each compared once.
+void ScanPoolTakeFlat(benchmark::State& state) {
+  const PoolTake& take = PoolTake::Of(state.range(0));
+  const auto peaks = As<IPeakReader>(take.Reader());
+  constexpr __int64 kBlockPeaks = 1 << 17;
+  const Floats block(kBlockPeaks * 2);
+  const __int64 count = take.frames / 256 / kBlockPeaks * kBlockPeaks;
+  for (auto _ : state) {
+    float lowest = 0.0F;
+    float highest = 0.0F;
+    for (__int64 at = 0; at < count; at += kBlockPeaks) {
+      Check(peaks->ReadPeaks(at, block));
+      for (std::size_t i = 0; i < block.values().size(); i += 2) {
+        lowest = std::min(lowest, block[i]);
+        highest = std::max(highest, block[i + 1]);
+      }
+    }
+    benchmark::DoNotOptimize(lowest);
+    benchmark::DoNotOptimize(highest);
+  }
+}
+BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
+
+// 255 frames a column, the furthest view that is drawn from samples, beside reading the same.
+void DrawPoolSamples(benchmark::State& state) {
+  const PoolTake& take = PoolTake::Of(1);
+  const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(edit->AppendSegment(take.Reader().Get(), 0, take.frames));
+  const Floats pairs(1920 * 2);
+  for (auto _ : state) Check(edit->ReadWaveplot(0, 1920 * state.range(0), pairs));
+}
+BENCHMARK(DrawPoolSamples)->Arg(10)->Arg(255)->Unit(benchmark::kMicrosecond);
+
+void ReadPoolSamples(benchmark::State& state) {
+  const PoolTake& take = PoolTake::Of(1);
+  const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(edit->AppendSegment(take.Reader().Get(), 0, take.frames));
+  const auto reader = As<IAudioReader>(edit);
+  const Floats block(static_cast<std::size_t>(1920 * state.range(0)));
+  for (auto _ : state) Check(reader->ReadAudio(0, block));
+}
+BENCHMARK(ReadPoolSamples)->Arg(10)->Arg(255)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace marlinda::testing

@@ -11,25 +11,26 @@ std::size_t CAudioQueue::Capacity() const {
 
 void CAudioQueue::Append(std::span<const float> samples) {
   const std::lock_guard lock(mutex_);
-  if (count_ + samples.size() >= ring_.size()) {
+  const std::size_t count = count_;
+  if (count + samples.size() >= ring_.size()) {
     MoveToRing(ring_.size() + std::max(samples.size(), kGrowMinimum));
   }
-  const std::size_t write_index = (read_index_ + count_) % ring_.size();
+  const std::size_t write_index = InRing(read_index_ + count);
   const std::size_t to_end = std::min(samples.size(), ring_.size() - write_index);
-  std::ranges::copy(samples.first(to_end),
-                    ring_.begin() + static_cast<std::ptrdiff_t>(write_index));
-  std::ranges::copy(samples.subspan(to_end), ring_.begin());
-  count_ += samples.size();
+  std::copy_n(samples.data(), to_end, ring_.data() + write_index);
+  std::copy_n(samples.data() + to_end, samples.size() - to_end, ring_.data());
+  count_.store(count + samples.size(), std::memory_order_release);
 }
 
 void CAudioQueue::Read(std::span<float> destination, std::size_t advance) {
   const std::lock_guard lock(mutex_);
-  const std::size_t present = std::min<std::size_t>(destination.size(), count_);
+  const std::size_t count = count_;
+  const std::size_t present = std::min(destination.size(), count);
   CopyOut(destination.first(present));
   std::ranges::fill(destination.subspan(present), 0.0F);
-  const std::size_t consumed = std::min<std::size_t>(advance, count_);
-  read_index_ = (read_index_ + consumed) % ring_.size();
-  count_ -= consumed;
+  const std::size_t consumed = std::min(advance, count);
+  read_index_ = InRing(read_index_ + consumed);
+  count_.store(count - consumed, std::memory_order_release);
 }
 
 void CAudioQueue::Reserve(std::size_t capacity) {
@@ -54,10 +55,13 @@ void CAudioQueue::MoveToRing(std::size_t capacity) {
 
 void CAudioQueue::CopyOut(std::span<float> destination) const noexcept {
   const std::size_t to_end = std::min(destination.size(), ring_.size() - read_index_);
-  const auto first = ring_.begin() + static_cast<std::ptrdiff_t>(read_index_);
-  std::copy_n(first, to_end, destination.begin());
-  std::copy_n(ring_.begin(), destination.size() - to_end,
-              destination.begin() + static_cast<std::ptrdiff_t>(to_end));
+  std::copy_n(ring_.data() + read_index_, to_end, destination.data());
+  std::copy_n(ring_.data(), destination.size() - to_end, destination.data() + to_end);
+}
+
+// Of a position that is less than two rings: cheaper than a division.
+std::size_t CAudioQueue::InRing(std::size_t position) const noexcept {
+  return position < ring_.size() ? position : position - ring_.size();
 }
 
 }  // namespace marlinda

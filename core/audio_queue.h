@@ -46,6 +46,7 @@ class CAudioQueue {
   static constexpr std::size_t kGrowMinimum = 2048;
 
   void MoveToRing(std::size_t capacity);
+  std::size_t InRing(std::size_t position) const noexcept;
   void CopyOut(std::span<float> destination) const noexcept;
 
   mutable std::mutex mutex_;

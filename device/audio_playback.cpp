@@ -196,7 +196,7 @@ void CAudioPlayback::Queue(std::span<const float> samples) {
   const std::size_t capacity = samples.size() * PcmBytesPerSample(bits);
   auto buffer = std::make_unique<CAudioOutBuffer>(device_, static_cast<DWORD>(size), capacity);
   if (IsFloat(format_)) {
-    std::ranges::copy(std::as_bytes(samples), buffer->data().begin());
+    std::copy_n(std::as_bytes(samples).data(), samples.size_bytes(), buffer->data().data());
   } else {
     ConvertFloatToPcm(samples, buffer->data(), bits);
   }

@@ -26,17 +26,24 @@ constexpr std::uint64_t kMostBlockSamples = std::uint64_t{1} << 24;
 struct CAudioScrubber::Scrub {
   Scrub(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
       : writer(target),
-        overlap_add(given_frames - given_frames % 2, channels),
-        output(overlap_add.OutputSamples()),
+        channel_count(channels),
+        output(given_frames / 2 * channels),
         block(given_frames * channels),
         pass_milliseconds(rate > 0
                               ? static_cast<DWORD>(given_frames * 500 / static_cast<DWORD>(rate))
                               : kStopPollMilliSecs) {}
 
+  // Samples that one pass gives: half a block of an even number of frames.
+  std::size_t OutputSamples() const noexcept {
+    return block.size() / channel_count / 2 * channel_count;
+  }
+
   void Run() {
+    // Here and not before, because its window takes longer than the start of the thread.
+    OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
     while (!stop) {
       // A writer that resized the array against the rules finds a whole one again.
-      output.Resize(overlap_add.OutputSamples());
+      output.Resize(OutputSamples());
       {
         const std::lock_guard lock(block_mutex);
         overlap_add.Pass(block, output.samples());
@@ -48,7 +55,7 @@ struct CAudioScrubber::Scrub {
   }
 
   const ComPtr<IAudioWriter> writer;
-  OverlapAdd overlap_add;
+  const std::size_t channel_count;
   SampleArray output;
   std::mutex block_mutex;
   std::vector<float> block;
@@ -101,10 +108,10 @@ STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
   const HRESULT hr = given.Lock(psaAudio);
   if (FAILED(hr)) return hr;
   if (!scrub_) return E_FAIL;
-  const std::size_t needed = 2 * scrub_->overlap_add.OutputSamples();
+  const std::size_t needed = 2 * scrub_->OutputSamples();
   if (given.samples().size() < needed) return E_INVALIDARG;
   const std::lock_guard lock(scrub_->block_mutex);
-  std::ranges::copy(given.samples().first(needed), scrub_->block.begin());
+  std::copy_n(given.samples().data(), needed, scrub_->block.data());
   return S_OK;
 }
 

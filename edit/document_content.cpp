@@ -56,8 +56,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
       if (piece.source) {
         Check(piece.source->ReadAudio(piece.begin, lease->Prepare(count)));
         const std::span<const float> delivered = lease->samples();
-        std::ranges::copy(delivered.first(std::min(delivered.size(), target.size())),
-                          target.begin());
+        std::copy_n(delivered.data(), std::min(delivered.size(), target.size()), target.data());
       } else {
         std::ranges::fill(target, 0.0F);
       }

@@ -114,7 +114,7 @@ void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels
   const bool complete = few_frames
                             ? DrawSamples(source, piece, channels, columns, aside, scratch_keeper)
                             : DrawPeaks(source, piece, channels, columns, aside, scratch_keeper);
-  if (complete) std::ranges::copy(aside, pairs.begin());
+  if (complete) std::copy_n(aside.data(), aside.size(), pairs.data());
 }
 
 }  // namespace marlinda

@@ -1,0 +1,96 @@
+// What the calls take that start a thread: an export task, scrubbing and playback, beside a bare
+// thread. Only the call is timed, not what the thread does; without a sound device its playback
+// ends at once.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <exception>
+
+#include "core/handle.h"
+#include "tests/import/recording_writer.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+template <class Call>
+void Time(benchmark::State& state, Call&& call) {
+  const auto begin = std::chrono::steady_clock::now();
+  call();
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+  state.SetIterationTime(taken.count());
+}
+
+ComPtr<IAudioReader> Silence() {
+  const auto silence = Create<INullReader>(CLSID_CNullReader);
+  Check(silence->Create(1'000, 44'100, 2));
+  return As<IAudioReader>(silence);
+}
+
+DWORD WINAPI Nothing(void*) { return 0; }
+
+void BareThread(benchmark::State& state) {
+  for (auto _ : state) {
+    KernelHandle thread;
+    Time(state, [&] { thread.Reset(CreateThread(nullptr, 0, Nothing, nullptr, 0, nullptr)); });
+    WaitForSingleObject(thread.get(), INFINITE);
+  }
+}
+
+void ExportTask(benchmark::State& state) {
+  const TemporaryFolder folder;
+  const auto source = Silence();
+  for (auto _ : state) {
+    const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+    const auto task = As<ICoreTask>(filter);
+    Check(filter->Initialize(Bstr(folder.File(L"out.wav")), source.Get()));
+    Time(state, [&] { Check(task->Start()); });
+    for (VARIANT_BOOL running = VARIANT_TRUE; running != VARIANT_FALSE; Sleep(0)) {
+      Check(task->QueryIsTaskRunning(&running));
+    }
+  }
+}
+
+void Scrubbing(benchmark::State& state) {
+  const auto writer = RecordingWriter::Make();
+  writer->keep_samples = false;
+  writer->on_write = [](SAFEARRAY*) { Sleep(1); };
+  const auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
+  for (auto _ : state) {
+    Time(state, [&] { Check(scrubber->Start(writer.Get(), 4'410, 44'100, 2)); });
+    Check(scrubber->Stop());
+  }
+}
+
+void Playing(benchmark::State& state) {
+  const auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(document->AppendSegment(Silence().Get(), 0, 1'000));
+  for (auto _ : state) {
+    Time(state, [&] { Check(document->Play(0, 1'000, ~ULONG{0}, VARIANT_FALSE)); });
+    Check(document->StopPlay());
+  }
+}
+
+BENCHMARK(BareThread)->UseManualTime()->Iterations(200)->Unit(benchmark::kMicrosecond);
+BENCHMARK(ExportTask)->UseManualTime()->Iterations(200)->Unit(benchmark::kMicrosecond);
+BENCHMARK(Scrubbing)->UseManualTime()->Iterations(20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(Playing)->UseManualTime()->Iterations(100)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  try {
+    marlinda::testing::ModuleUnderTest::Load();
+    benchmark::RunSpecifiedBenchmarks();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+  marlinda::testing::ModuleUnderTest::Revoke();
+  CoUninitialize();
+  return 0;
+}
