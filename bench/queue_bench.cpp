@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "device/audio_queue.h"
+#include "core/audio_queue.h"
 
 namespace marlinda {
 namespace {
