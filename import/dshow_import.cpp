@@ -70,7 +70,7 @@ void MakeAnsi(MetaData& data) {
 }
 
 // S_FALSE when the file cannot be opened, E_FAIL when it cannot be imported.
-HRESULT OpenSource(BSTR file_name, Source& source) {
+HRESULT OpenSource(const wchar_t* file_name, Source& source) {
   source.file_name = file_name != nullptr ? file_name : L"";
   if (!source.file.Open(source.file_name)) return S_FALSE;
   source.facts = ExamineSound(source.file);
@@ -84,7 +84,7 @@ HRESULT OpenSource(BSTR file_name, Source& source) {
 
 LONG AverageBytesPerSec(const Source& source) {
   const double rate = source.format.samples_per_sec;
-  double frame_bytes = static_cast<double>(source.format.FrameBytes());
+  auto frame_bytes = static_cast<double>(source.format.FrameBytes());
   if (source.facts.pcm) {
     frame_bytes = static_cast<double>(source.facts.pcm->FrameBytes());
   } else if (source.total > 0) {

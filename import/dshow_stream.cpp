@@ -28,9 +28,9 @@ struct DShowStream::Graph {
   }
 
   bool Build(const std::wstring& file_name);
-  bool ConnectAnyOutput(IBaseFilter* source);
-  double DurationSeconds();
-  bool HasFailed();
+  bool ConnectAnyOutput(IBaseFilter* source) const;
+  double DurationSeconds() const;
+  bool HasFailed() const;
 };
 
 bool DShowStream::Graph::Build(const std::wstring& file_name) {
@@ -51,7 +51,7 @@ bool DShowStream::Graph::Build(const std::wstring& file_name) {
 }
 
 // A source that splits the file itself has several outputs, and not all need be sound.
-bool DShowStream::Graph::ConnectAnyOutput(IBaseFilter* source) {
+bool DShowStream::Graph::ConnectAnyOutput(IBaseFilter* source) const {
   ComPtr<IEnumPins> pins;
   if (FAILED(source->EnumPins(pins.GetAddressOf()))) return false;
   ComPtr<IPin> pin;
@@ -63,7 +63,7 @@ bool DShowStream::Graph::ConnectAnyOutput(IBaseFilter* source) {
   return false;
 }
 
-double DShowStream::Graph::DurationSeconds() {
+double DShowStream::Graph::DurationSeconds() const {
   ComPtr<IPin> upstream;
   if (FAILED(sink->pin()->ConnectedTo(upstream.GetAddressOf()))) return 0;
   const auto seeking = TryQuery<IMediaSeeking>(upstream.Get());
@@ -72,7 +72,7 @@ double DShowStream::Graph::DurationSeconds() {
   return static_cast<double>(ticks) / kTicksPerSecond;
 }
 
-bool DShowStream::Graph::HasFailed() {
+bool DShowStream::Graph::HasFailed() const {
   long code = 0;
   LONG_PTR first = 0;
   LONG_PTR second = 0;

@@ -300,7 +300,7 @@ std::optional<MetaData> ReadId3v2(ByteSource& file) {
   if (header.size() < 10 || AsText(header).substr(0, 3) != "ID3") return std::nullopt;
   const int version = std::to_integer<int>(header[3]);
   if (version < 2 || version > 4) return std::nullopt;
-  const unsigned flags = std::to_integer<unsigned>(header[5]);
+  const auto flags = std::to_integer<unsigned>(header[5]);
   std::vector<std::byte> tag =
       file.ReadUpTo(10, std::min<std::uint64_t>(SyncSafe(header, 6), kMostTagBytes));
   if ((flags & 0x80U) != 0 && version < 4) tag = Resynchronised(tag);
