@@ -1,5 +1,5 @@
-// An array of floats that serves many blocks of different sizes in turn: a fresh array for each
-// block would cost more than its samples.
+// An array of floats that serves many reads of different sizes in turn: a fresh array for each
+// read would cost more than the read.
 #pragma once
 
 #include <windows.h>
@@ -29,7 +29,7 @@ class ScratchArray {
   SAFEARRAY* Prepare(std::size_t count);
 
   // What the array holds, never more than it was prepared for.
-  std::span<float> samples() noexcept;
+  std::span<const float> samples() const noexcept;
 
   std::size_t capacity() const noexcept { return capacity_; }
 

@@ -9,8 +9,8 @@
 
 #include "core/com_ptr.h"
 #include "core/resource.h"
+#include "core/sample_array.h"
 #include "core/sample_converter.h"
-#include "core/scratch_array.h"
 #include "core/text.h"
 #include "import/vorbis_stream.h"
 
@@ -100,14 +100,13 @@ void COggImport::Run::Import() {
 
 void COggImport::Run::WriteBlocks(VorbisStream& source) {
   alignas(std::int16_t) std::array<std::byte, kBlockBytes> pcm;
-  // The decoder's blocks differ in size, and a fresh array for each costs as much as its samples.
-  ScratchArray block;
+  SampleArray block(kBlockBytes / kBytesPerSample);
   do {
     const std::size_t bytes = source.Read(pcm);
     if (bytes == 0) return;
-    SAFEARRAY* const array = block.Prepare(bytes / kBytesPerSample);
+    block.Resize(bytes / kBytesPerSample);
     ConvertPcmToFloat(pcm, block.samples(), kBitsPerSample);
-    writer->WriteAudio(array);
+    writer->WriteAudio(block.get());
     position += static_cast<__int64>(bytes / (channels * kBytesPerSample));
   } while (!cancelled && position < total);
 }
