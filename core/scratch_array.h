@@ -1,5 +1,5 @@
-// An array of floats that serves many blocks of different sizes in turn: a fresh array for each
-// block would cost more than its samples.
+// An array of floats that serves many reads of different sizes in turn: a fresh array for each
+// read would cost more than the read.
 #pragma once
 
 #include <windows.h>

@@ -8,8 +8,8 @@
 
 #include "core/com_ptr.h"
 #include "core/resource.h"
+#include "core/sample_array.h"
 #include "core/sample_converter.h"
-#include "core/scratch_array.h"
 #include "core/text.h"
 #include "import/hand_out.h"
 #include "import/vorbis_stream.h"
@@ -82,14 +82,13 @@ void COggImport::Run::Import() {
 
 void COggImport::Run::WriteBlocks(VorbisStream& source, IAudioWriter* target) {
   alignas(std::int16_t) std::array<std::byte, kBlockBytes> pcm;
-  // The decoder's blocks differ in size, and a fresh array for each costs as much as its samples.
-  ScratchArray block;
+  SampleArray block(kBlockBytes / kBytesPerSample);
   do {
     const std::size_t bytes = source.Read(pcm);
     if (bytes == 0) return;
-    SAFEARRAY* const array = block.Prepare(bytes / kBytesPerSample);
+    block.Resize(bytes / kBytesPerSample);
     ConvertPcmToFloat(pcm, block.samples(), kBitsPerSample);
-    target->WriteAudio(array);
+    target->WriteAudio(block.get());
     position += static_cast<__int64>(bytes / (channels * kBytesPerSample));
   } while (!cancelled && position < total);
 }

@@ -67,8 +67,9 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
     for (std::size_t pair = 0; pair < kPairs; ++pair) {
       const float* const at = samples + 2 * pair;
       const bool single = kOdd && pair + 1 == kPairs;
-      __m128 sample = single ? _mm_load_ss(at)
-                             : _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(at)));
+      __m128 sample = single
+                          ? _mm_load_ss(at)
+                          : _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
       // In this order: the first sum has the newest error, the other products can be ready before.
       __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
                                         _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
@@ -93,7 +94,7 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       if (kOdd && pair + 1 == kPairs) {
         _mm_store_ss(at, quantised[pair]);
       } else {
-        _mm_store_sd(reinterpret_cast<double*>(at), _mm_castps_pd(quantised[pair]));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(at), _mm_castps_si128(quantised[pair]));
       }
       third[pair] = second[pair];
       second[pair] = newest[pair];
