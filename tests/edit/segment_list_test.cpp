@@ -141,10 +141,10 @@ class RandomEdits {
         break;
       }
       case 2: {
+        if (!list_.AllHaveFrames()) break;
         const std::int64_t begin = Draw(0, walked_.Length() + 100);
         // Now and then several blocks at once.
         const std::int64_t end = begin + Draw(0, Draw(0, 8) == 0 ? 30'000 : 200);
-        if (!list_.AllHaveFrames()) break;
         EXPECT_TRUE(walked_.AllHaveFrames());
         ++removals_;
         walked_.Remove(begin, end);
