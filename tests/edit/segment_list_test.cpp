@@ -134,7 +134,7 @@ class RandomEdits {
       case 1: {
         // Now and then enough at once to fill several blocks.
         std::vector<Segment> many;
-        for (std::int64_t n = Draw(0, Draw(0, 8) == 0 ? 900 : 4); n > 0; --n) {
+        for (std::int64_t n = Draw(0, Draw(0, 2) == 0 ? 900 : 4); n > 0; --n) {
           many.push_back(RandomSegment());
         }
         Insert(many);
