@@ -36,41 +36,51 @@ void Extend(Extremes& extremes, const float* at, std::size_t count, std::size_t 
   for (std::size_t i = 4 * each; i < count; ++i, at += stride) extremes.Add(at[0], at[0]);
 }
 
-__m128 TwoAndTwo(const float* first, const float* second) noexcept {
-  const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(first));
-  return _mm_loadh_pi(_mm_castsi128_ps(low), reinterpret_cast<const __m64*>(second));
+__m128 Two(const float* at) noexcept {
+  return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
 }
 
-// Records of two floats, each with extremes of its own. The instructions return their second
+__m128 TwoAndTwo(const float* first, const float* second) noexcept {
+  return _mm_loadh_pi(Two(first), reinterpret_cast<const __m64*>(second));
+}
+
+// Extremes of two floats side by side, in the lower half. The instructions return their second
 // operand for equal numbers and for a NaN, as Add does.
-void ExtendTwo(Extremes (&two)[2], const float* at, std::size_t count,
-               std::size_t stride) noexcept {
+struct TwoExtremes {
+  void Add(__m128 low, __m128 high) noexcept {
+    lowest = _mm_min_ps(low, lowest);
+    highest = _mm_max_ps(high, highest);
+  }
+  // First the lower halves, then the upper ones.
+  void AddBoth(const TwoExtremes& other) noexcept {
+    Add(other.lowest, other.highest);
+    Add(_mm_movehl_ps(other.lowest, other.lowest), _mm_movehl_ps(other.highest, other.highest));
+  }
+
+  __m128 lowest = _mm_set1_ps(kNoLowest);
+  __m128 highest = _mm_set1_ps(kNoHighest);
+};
+
+// Records of two floats, each with extremes of its own.
+TwoExtremes Extended(TwoExtremes extremes, const float* at, std::size_t count,
+                     std::size_t stride) noexcept {
   const std::size_t each = count < kFewRecords ? 0 : count / 4;
-  const std::size_t apart = each * stride;
-  __m128 lowest[2] = {_mm_set1_ps(kNoLowest), _mm_set1_ps(kNoLowest)};
-  __m128 highest[2] = {_mm_set1_ps(kNoHighest), _mm_set1_ps(kNoHighest)};
-  for (std::size_t i = 0; i < each; ++i, at += stride) {
-    const __m128 front = TwoAndTwo(at, at + apart);
-    const __m128 back = TwoAndTwo(at + 2 * apart, at + 3 * apart);
-    lowest[0] = _mm_min_ps(front, lowest[0]);
-    highest[0] = _mm_max_ps(front, highest[0]);
-    lowest[1] = _mm_min_ps(back, lowest[1]);
-    highest[1] = _mm_max_ps(back, highest[1]);
-  }
   if (each > 0) {
-    float lows[8];
-    float highs[8];
-    for (std::size_t half = 0; half < 2; ++half) {
-      _mm_storeu_ps(lows + 4 * half, lowest[half]);
-      _mm_storeu_ps(highs + 4 * half, highest[half]);
+    const std::size_t apart = each * stride;
+    TwoExtremes front;
+    TwoExtremes back;
+    for (std::size_t i = 0; i < each; ++i, at += stride) {
+      const __m128 first = TwoAndTwo(at, at + apart);
+      const __m128 second = TwoAndTwo(at + 2 * apart, at + 3 * apart);
+      front.Add(first, first);
+      back.Add(second, second);
     }
-    for (std::size_t i = 0; i < 8; ++i) two[i % 2].Add(lows[i], highs[i]);
+    extremes.AddBoth(front);
+    extremes.AddBoth(back);
+    at += 3 * apart;
   }
-  at += 3 * apart;
-  for (std::size_t i = 4 * each; i < count; ++i, at += stride) {
-    two[0].Add(at[0], at[0]);
-    two[1].Add(at[1], at[1]);
-  }
+  for (std::size_t i = 4 * each; i < count; ++i, at += stride) extremes.Add(Two(at), Two(at));
+  return extremes;
 }
 
 }  // namespace
@@ -81,12 +91,10 @@ void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noe
   float* pair = pairs.data();
   std::size_t channel = 0;
   for (; channel + 1 < channels; channel += 2, pair += 4) {
-    Extremes two[2] = {{pair[0], pair[1]}, {pair[2], pair[3]}};
-    ExtendTwo(two, samples.data() + channel, frames, channels);
-    pair[0] = two[0].lowest;
-    pair[1] = two[0].highest;
-    pair[2] = two[1].lowest;
-    pair[3] = two[1].highest;
+    const TwoExtremes two =
+        Extended({_mm_setr_ps(pair[0], pair[2], 0, 0), _mm_setr_ps(pair[1], pair[3], 0, 0)},
+                 samples.data() + channel, frames, channels);
+    _mm_storeu_ps(pair, _mm_unpacklo_ps(two.lowest, two.highest));
   }
   if (channel == channels) return;
   Extremes last{pair[0], pair[1]};
@@ -99,12 +107,10 @@ void ExtendByPeaks(std::span<float> pairs, std::span<const float> peaks) noexcep
   const std::size_t count = peaks.size() / pairs.size();
   for (std::size_t i = 0; i + 1 < pairs.size(); i += 2) {
     // Of a peak's lowest sample only the lowest counts, and of its highest the highest.
-    Extremes two[2];
-    two[0].lowest = pairs[i];
-    two[1].highest = pairs[i + 1];
-    ExtendTwo(two, peaks.data() + i, count, pairs.size());
-    pairs[i] = two[0].lowest;
-    pairs[i + 1] = two[1].highest;
+    const TwoExtremes two = Extended({_mm_set1_ps(pairs[i]), _mm_set1_ps(pairs[i + 1])},
+                                     peaks.data() + i, count, pairs.size());
+    pairs[i] = _mm_cvtss_f32(two.lowest);
+    pairs[i + 1] = _mm_cvtss_f32(_mm_shuffle_ps(two.highest, two.highest, 1));
   }
 }
 

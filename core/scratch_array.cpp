@@ -41,7 +41,7 @@ SAFEARRAY* ScratchArray::Prepare(std::size_t count) {
   return array_;
 }
 
-std::span<const float> ScratchArray::samples() const noexcept {
+std::span<float> ScratchArray::samples() noexcept {
   return {buffer_.get(), std::min<std::size_t>(count_, array_->rgsabound[0].cElements)};
 }
 

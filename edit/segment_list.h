@@ -103,7 +103,7 @@ class SegmentList {
     std::vector<Segment> pieces;
     // Growing step by step would move a long cut several times over.
     const std::size_t blocks = index_.FirstReaching(range.end) - index_.FirstReaching(range.begin);
-    if (range.begin < range.end && blocks > 1) pieces.reserve(blocks * kBlockSize);
+    if (range.begin < range.end && blocks > 1) pieces.reserve((blocks + 1) * kBlockSize);
     ForEachPiece(range, [&](const Source& source, const CSection& piece) {
       pieces.emplace_back(source, piece.begin, piece.end);
     });

@@ -15,6 +15,9 @@ constexpr float kLargest = std::numeric_limits<float>::max();
 
 std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  // Almost always so, and a comparison costs less than the division below.
+  constexpr std::int64_t kSmall = std::int64_t{1} << 31;
+  if (value <= kSmall && numerator <= kSmall) return value * numerator / denominator;
   if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;
   // Long division of the wide product, one bit of the numerator at a time. The remainder stays
   // below the denominator, so its double fits.

@@ -134,17 +134,17 @@ class RandomEdits {
       case 1: {
         // Now and then enough at once to fill several blocks.
         std::vector<Segment> many;
-        for (std::int64_t n = Draw(0, Draw(0, 8) == 0 ? 900 : 4); n > 0; --n) {
+        for (std::int64_t n = Draw(0, Draw(0, 2) == 0 ? 900 : 4); n > 0; --n) {
           many.push_back(RandomSegment());
         }
         Insert(many);
         break;
       }
       case 2: {
+        if (!list_.AllHaveFrames()) break;
         const std::int64_t begin = Draw(0, walked_.Length() + 100);
         // Now and then several blocks at once.
         const std::int64_t end = begin + Draw(0, Draw(0, 8) == 0 ? 30'000 : 200);
-        if (!list_.AllHaveFrames()) break;
         EXPECT_TRUE(walked_.AllHaveFrames());
         ++removals_;
         walked_.Remove(begin, end);
