@@ -2,7 +2,6 @@
 
 #include <marlinda.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <utility>
@@ -15,7 +14,7 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kTemporaryKey = "HKEY_CURRENT_USER\\Software\\Brevant\\Cutloom\\Directories";
+constexpr const char* kTemporaryKey = R"(HKEY_CURRENT_USER\Software\Brevant\Cutloom\Directories)";
 constexpr std::uint64_t kLeastFreeBytes = 64U << 20U;
 
 // Of a module of its own, which the audio connector creates.
@@ -80,8 +79,7 @@ ModuleFile Describe(const std::string& path) { return {path, VersionOf(path), Bi
 
 // The module whose code the object runs.
 std::string ModuleOf(IUnknown* object) {
-  void* table = nullptr;
-  std::memcpy(&table, object, sizeof table);
+  const void* table = *reinterpret_cast<void**>(object);
   HMODULE module = nullptr;
   GetModuleHandleExW(
       GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
@@ -301,7 +299,7 @@ TemporaryFolder FindTemporaryFolder() {
   char value[256] = "";
   DWORD size = sizeof value - 1;
   RegistryKey key;
-  if (RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Brevant\\Cutloom\\Directories", 0,
+  if (RegOpenKeyExA(HKEY_CURRENT_USER, R"(Software\Brevant\Cutloom\Directories)", 0,
                     KEY_QUERY_VALUE, key.Receive()) == ERROR_SUCCESS &&
       RegQueryValueExA(key.get(), "Temporary", nullptr, nullptr, reinterpret_cast<BYTE*>(value),
                        &size) == ERROR_SUCCESS) {

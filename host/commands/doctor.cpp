@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 
 #include "host/commands/json.h"
 #include "host/diagnosis.h"
@@ -164,7 +165,7 @@ void RunDoctor(bool json, const Console& console) {
   console.Print(json ? ToText(ToJson(diagnosis)) : ToText(diagnosis));
   if (diagnosis.problems.empty()) return;
   const std::size_t count = diagnosis.problems.size();
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));  // before the message on the other stream
   throw HostError(
       Gravest(diagnosis.problems), "",
       count == 1 ? "there is 1 problem" : "there are " + std::to_string(count) + " problems");

@@ -192,7 +192,8 @@ class PackageTest(unittest.TestCase):
         self.assertEqual((self.folder / "demo.png").read_bytes()[:8], b"\x89PNG\r\n\x1a\n")
 
         added, removed = self.changes()
-        self.assertEqual((added - SETTINGS_KEYS, removed), (set(), set()))
+        # Wine's file leaves out a key that has nothing but others below it.
+        self.assertEqual((added - SETTINGS_KEYS, removed - SETTINGS_KEYS), (set(), set()))
         self.assertEqual(files(DRIVE), self.disk)
 
     def test_a_client_is_built_with_the_cmake_package_and_runs_unregistered(self):
