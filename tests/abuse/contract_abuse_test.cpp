@@ -662,8 +662,8 @@ class OneClass : public ::testing::Test {
 // A detector that cannot fire proves nothing.
 TEST(ContractAbuseItself, SeesAccessesOutsideTheSamplesLocksAndHangs) {
   const std::pair<const char*, const char*> kFaults[] = {
-      {"beyond", "crashed with 0xC0000005"},
-      {"before", "crashed with 0xC0000005"},
+      {"beyond", "crashed with 0xC00000"},
+      {"before", "crashed with 0xC00000"},
       {"locks", "lock count has changed"},
       {"hangs", "hung: CNullReader (fresh) IAudioReader::ReadAudio, "},
       {"none", "instead of E_INVALIDARG"},
