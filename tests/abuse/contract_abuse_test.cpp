@@ -433,6 +433,7 @@ class ImpatientUser {
 // Stands in for an object of the module to show that this test sees each kind of fault.
 ComPtr<IUnknown> FaultyReader(const std::string& fault) {
   ComPtr<RampSource> reader = RampSource::Make('A');
+  reader->read_result = E_FAIL;  // its samples are not made for positions like these
   reader->on_read = [fault](SAFEARRAY* array) {
     if (array == nullptr || array->cDims != 1 || array->rgsabound[0].cElements != kProperElements) {
       return;
