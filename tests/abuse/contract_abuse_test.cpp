@@ -671,7 +671,7 @@ TEST(ContractAbuseItself, SeesAccessesOutsideTheSamplesLocksAndHangs) {
   };
   for (const auto& [fault, expected] : kFaults) {
     SCOPED_TRACE(fault);
-    const Outcome outcome = RunClass(std::string("CNullReader+") + fault, 2, 0);
+    const Outcome outcome = RunClass(std::string("CNullReader+") + fault, 2, 2);
     EXPECT_THAT(outcome.failures, ::testing::Contains(::testing::HasSubstr(expected)));
   }
 }
