@@ -12,8 +12,9 @@ namespace marlinda {
 class TemporaryFile {
  public:
   TemporaryFile() noexcept = default;
-  // Closes the file and deletes it by name too: it may have got a name and then not been opened.
-  ~TemporaryFile();
+  // The system deletes the file with its handle. Deleting it by its name as well could take away
+  // the file to which another program has given that name meanwhile.
+  ~TemporaryFile() = default;
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
@@ -25,7 +26,6 @@ class TemporaryFile {
 
  private:
   FileHandle handle_;
-  char name_[MAX_PATH] = "";
 };
 
 }  // namespace marlinda

@@ -1,33 +1,90 @@
 #!/usr/bin/env bash
-# Checks that take too long for the tests:
-#   scripts/soak.sh [PART...]     all parts by default
-# Parts:
-#   samples   every vector form of the sample converters over all 2^32 patterns of a float (minutes)
-#   dither    the vector forms of noise shaping for every sample (minutes)
+# Wears the engine out, in parts of minutes to hours that are no part of the tests:
+#   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
+# shellcheck disable=SC2154 -- root comes from common.sh
+abuse=$root/build/x64/tests
 
-# One function per part, named soak_PART.
-parts=(samples dither)
+# under_wine LOG COMMAND...: one line, and the failures when there are any.
+under_wine() {
+  local what=$1
+  shift
+  step "$what" "run it by hand: scripts/wine-run" "$root/tests/abuse/limited" "$root/scripts/wine-session" "$@"
+}
 
-soak_samples() {
+# Ten minutes of each fuzzer, or FUZZ_SECONDS. New inputs are kept in build/fuzz/corpus, findings beside.
+part_fuzz() {
+  local program name dictionary options
+  compile fuzz
+  for program in "$root"/build/fuzz/fuzz/*_fuzz; do
+    name=$(basename "$program" _fuzz)
+    dictionary=$root/fuzz/$name.dict
+    options=(-max_total_time="${FUZZ_SECONDS:-600}" -timeout=10 -rss_limit_mb=600 -max_len=20000
+      -print_final_stats=1 -artifact_prefix="$root/build/fuzz/$name-")
+    [[ ! -f $dictionary ]] || options+=(-dict="$dictionary")
+    mkdir -p "$root/build/fuzz/corpus/$name"
+    step "fuzz $name" "the input is in build/fuzz, named after the fuzzer" \
+      "$program" "${options[@]}" "$root/build/fuzz/corpus/$name" "$root/fuzz/corpus/$name"
+  done
+}
+
+# 20,000 damaged Ogg files.
+part_ogg() {
+  compile x64 Tessaly abuse_hostile_ogg_tests
+  TESSALY_HOSTILE_OGG=20000 under_wine "20,000 damaged Ogg files" \
+    "$root/scripts/wine-run" "$abuse/abuse_hostile_ogg_tests.exe"
+}
+
+# Eight hosts in one process, for half an hour.
+part_hosts() {
+  compile x64 Tessaly abuse_concurrent_hosts_tests
+  TESSALY_CONCURRENT_SECONDS=1800 under_wine "eight hosts for half an hour" \
+    "$root/scripts/wine-run" "$abuse/abuse_concurrent_hosts_tests.exe"
+}
+
+# The tests under Wine in a build that traps on undefined behaviour.
+part_trap() {
+  compile x64-trap
+  step "tests that trap on undefined behaviour" "ctest --preset x64-trap --rerun-failed" \
+    env -C "$root" "$root/scripts/wine-session" ctest --preset x64-trap --no-tests=error -LE '^sound$'
+}
+
+# The sound devices, for most of an hour.
+part_device() { "$root/scripts/soak-device.sh"; }
+
+# Every vector form of the sample converters over all 2^32 patterns of a float.
+part_samples() {
   compile native sample_kernels_soak
   step "sample converters over all patterns" "the log names the patterns that differ" \
     "$root/build/native/tests/sample_kernels_soak"
 }
 
-soak_dither() {
+# The vector forms of noise shaping for every sample.
+part_dither() {
   compile native dither_kernels_soak
   step "noise shaping of every sample" "the log names the first sample that differs" \
     "$root/build/native/tests/dither_kernels_soak"
 }
 
-chosen=("$@")
-[[ ${#chosen[@]} -gt 0 ]] || chosen=("${parts[@]}")
-for part in "${chosen[@]}"; do
-  [[ " ${parts[*]} " == *" $part "* ]] || {
-    echo "usage: soak.sh [${parts[*]}]" >&2
-    exit 2
-  }
+# name            function
+parts="
+  samples         part_samples
+  dither          part_dither
+  fuzz            part_fuzz
+  ogg             part_ogg
+  hosts           part_hosts
+  trap            part_trap
+  device          part_device
+"
+
+[[ $# -gt 0 ]] || mapfile -t names < <(awk 'NF { print $1 }' <<<"$parts")
+[[ $# -eq 0 ]] || names=("$@")
+for name in "${names[@]}"; do
+  function=$(awk -v name="$name" '$1 == name { print $2 }' <<<"$parts")
+  [[ -n $function ]] || die "no part $name; there are: $(awk 'NF { printf "%s ", $1 }' <<<"$parts")"
 done
-"$root/scripts/setup.sh" build test
-for part in "${chosen[@]}"; do "soak_$part"; done
+"$root/scripts/setup.sh" build test fuzz
+for name in "${names[@]}"; do
+  echo "Part $name"
+  "$(awk -v name="$name" '$1 == name { print $2 }' <<<"$parts")"
+done
