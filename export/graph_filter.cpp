@@ -1,8 +1,5 @@
 #include "export/graph_filter.h"
 
-#include <uuids.h>
-#include <vfwmsgs.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
