@@ -34,17 +34,16 @@ std::string ExtensionOf(const std::string& path) {
 
 // Whether the file can be written, seen without changing it.
 HRESULT TryTarget(const std::string& path) {
-  const FileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, OPEN_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+  FileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) return LastErrorResult();
-  if (GetLastError() != ERROR_ALREADY_EXISTS) {
-    FILE_DISPOSITION_INFO deleted = {TRUE};
-    SetFileInformationByHandle(file.get(), FileDispositionInfo, &deleted, sizeof deleted);
-  }
+  const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
+  file.Reset();
+  if (is_new) DeleteFileA(path.c_str());
   return S_OK;
 }
 
-std::wstring Text(BSTR text) { return {text != nullptr ? text : L""}; }
+std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; }
 
 }  // namespace
 
@@ -131,10 +130,10 @@ STDMETHODIMP CDShowExport::QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL*
 STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) {
   const ComPtr<IUnknown> alive(OuterUnknown());
   ComCall([&] {
-    const HWND owner = message_owner_ = WindowOfNumber(nHwndParent);
+    message_owner_ = WindowOfNumber(nHwndParent);
     const auto kind = KindOf(ToAnsi(bstrExtension));
-    if (kind == EncodedKind::kWma) ShowWmaSettings(owner);
-    if (kind == EncodedKind::kMp3) ShowMpegSettings(owner);
+    if (kind == EncodedKind::kWma) ShowWmaSettings();
+    if (kind == EncodedKind::kMp3) ShowMpegSettings();
     return S_OK;
   });
   return S_OK;  // a dialog that could not be shown has changed nothing
@@ -160,13 +159,13 @@ int CDShowExport::BitRate(const char* name) const noexcept {
   return static_cast<int>(settings_.ReadDword(name, kDefaultBitRateKbit));
 }
 
-void CDShowExport::ShowWmaSettings(HWND owner) {
+void CDShowExport::ShowWmaSettings() {
   CWmaSettings dialog(BitRate(kWmaBitRate));
-  if (dialog.ShowModal(owner) != IDOK) return;
+  if (dialog.ShowModal(message_owner_) != IDOK) return;
   settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
 }
 
-void CDShowExport::ShowMpegSettings(HWND owner) {
+void CDShowExport::ShowMpegSettings() {
   const auto encoder = CreateMp3Encoder();
   if (!encoder) {
     ShowCodecError();
@@ -174,7 +173,7 @@ void CDShowExport::ShowMpegSettings(HWND owner) {
   }
   CMpegSettings dialog(encoder.Get());
   dialog.set_bit_rate_kbit(BitRate(kMp3BitRate));
-  if (dialog.ShowModal(owner) != IDOK) return;
+  if (dialog.ShowModal(message_owner_) != IDOK) return;
   settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
 }
 

@@ -52,8 +52,8 @@ class CDShowExport final : public Object<CDShowExport, ICoreTask, IExportFilter,
 
  private:
   int BitRate(const char* name) const noexcept;
-  void ShowWmaSettings(HWND owner);
-  void ShowMpegSettings(HWND owner);
+  void ShowWmaSettings();
+  void ShowMpegSettings();
   // The message that no encoder can do the job; nothing without a window to own it.
   void ShowCodecError() const;
 

@@ -59,7 +59,8 @@ void AppendField(Bytes& tag, std::u16string_view text, std::size_t size) {
 }
 
 std::u16string_view Year(const Id3Texts& texts) {
-  return std::u16string_view(texts.year).substr(0, kYearCharacters);
+  const std::u16string_view year = texts.year;
+  return year.substr(0, kYearCharacters);
 }
 
 }  // namespace

@@ -20,6 +20,7 @@ constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
 // An encoder that has been told the end has nothing left to wait for.
 constexpr DWORD kEndMilliseconds = 60'000;
+constexpr DWORD kTimeout = ERROR_TIMEOUT;
 
 WAVEFORMATEX PcmFormat(const EncodingOrder& order) {
   WAVEFORMATEX format = {};
@@ -116,7 +117,7 @@ class Mp3File final : public EncodedFile {
     ThrowFailure(source_->DeliverEnd());
     const bool in_time = WaitForSingleObject(ended_.get(), kEndMilliseconds) == WAIT_OBJECT_0;
     control()->Stop();
-    ThrowFailure(in_time ? S_OK : HRESULT_FROM_WIN32(ERROR_TIMEOUT));
+    ThrowFailure(in_time ? S_OK : HRESULT_FROM_WIN32(kTimeout));
     WriteTag(Id3v1Tag(TextsOf(order_.tags)));
   }
 
