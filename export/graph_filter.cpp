@@ -1,8 +1,5 @@
 #include "export/graph_filter.h"
 
-#include <uuids.h>
-#include <vfwmsgs.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -88,6 +85,11 @@ HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
   else
     *out = copy;
   return hr;
+}
+
+// No filter here has two pins of one direction.
+const wchar_t* NameOf(PIN_DIRECTION direction) {
+  return direction == PINDIR_INPUT ? L"Input" : L"Output";
 }
 
 HRESULT CopyText(const wchar_t* text, LPWSTR* out) {
@@ -195,7 +197,7 @@ STDMETHODIMP GraphPin::QueryPinInfo(PIN_INFO* info) {
   info->pFilter = &filter_;
   info->pFilter->AddRef();
   info->dir = direction_;
-  std::wcscpy(info->achName, direction_ == PINDIR_INPUT ? L"Input" : L"Output");
+  lstrcpynW(info->achName, NameOf(direction_), static_cast<int>(std::size(info->achName)));
   return S_OK;
 }
 
@@ -205,9 +207,7 @@ STDMETHODIMP GraphPin::QueryDirection(PIN_DIRECTION* direction) {
   return S_OK;
 }
 
-STDMETHODIMP GraphPin::QueryId(LPWSTR* id) {
-  return CopyText(direction_ == PINDIR_INPUT ? L"Input" : L"Output", id);
-}
+STDMETHODIMP GraphPin::QueryId(LPWSTR* id) { return CopyText(NameOf(direction_), id); }
 
 STDMETHODIMP GraphPin::QueryAccept(const AM_MEDIA_TYPE* type) {
   if (type == nullptr) return E_POINTER;
@@ -436,9 +436,8 @@ STDMETHODIMP GraphFilter::EnumPins(IEnumPins** pins) {
 STDMETHODIMP GraphFilter::FindPin(LPCWSTR id, IPin** pin) {
   if (id == nullptr || pin == nullptr) return E_POINTER;
   *pin = nullptr;
-  const PIN_DIRECTION direction = std::wcscmp(id, L"Input") == 0 ? PINDIR_INPUT : PINDIR_OUTPUT;
   for (const auto& own : pins_) {
-    if (own->direction_ == direction) return ComPtr<IPin>(own.get()).CopyTo(pin);
+    if (std::wcscmp(id, NameOf(own->direction_)) == 0) return ComPtr<IPin>(own.get()).CopyTo(pin);
   }
   return VFW_E_NOT_FOUND;
 }

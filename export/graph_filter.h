@@ -4,8 +4,8 @@
 
 #include <windows.h>
 // After windows.h.
+#include <dshow.h>
 #include <mmreg.h>
-#include <strmif.h>
 
 #include <atomic>
 #include <functional>

@@ -2,7 +2,6 @@
 
 #include <mmreg.h>
 #include <oleauto.h>
-#include <uuids.h>
 
 #include "export/stream_config.h"
 

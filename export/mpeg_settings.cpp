@@ -31,7 +31,7 @@ CMpegSettings::CMpegSettings(IBaseFilter* encoder)
       bit_rate_kbit_(std::min(max_bit_rate_kbit_, kDefaultBitRateKbit)) {}
 
 HWND CMpegSettings::OnOpening() {
-  const HWND list = Item(IDC_MPEG_BIT_RATE);
+  HWND list = Item(IDC_MPEG_BIT_RATE);
   if (max_bit_rate_kbit_ == 0) return list;
 
   bit_rate_kbit_ = std::min(max_bit_rate_kbit_, bit_rate_kbit_);

@@ -3,7 +3,7 @@
 
 #include <windows.h>
 // After windows.h.
-#include <strmif.h>
+#include <dshow.h>
 
 #include "core/com_ptr.h"
 #include "export/settings_dialog.h"

@@ -7,6 +7,8 @@ namespace marlinda {
 namespace {
 
 constexpr INT_PTR kNotShown = -1;
+// Named here, because systems disagree on the last error for it.
+constexpr DWORD kNoSuchItem = ERROR_CONTROL_ID_NOT_FOUND;
 
 }  // namespace
 
@@ -36,7 +38,7 @@ INT_PTR CALLBACK SettingsDialog::Procedure(HWND window, UINT message, WPARAM wpa
 void SettingsDialog::Open(HWND window) {
   window_ = window;
   failure_ = ComCall([&] {
-    const HWND start = OnOpening();
+    HWND start = OnOpening();
     SendMessageW(window_, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(start), TRUE);
     return S_OK;
   });
@@ -58,9 +60,8 @@ void SettingsDialog::Command(int item, int notification) {
 }
 
 HWND SettingsDialog::Item(int item) const {
-  const HWND found = GetDlgItem(window_, item);
-  // Named here, because systems disagree on the last error.
-  if (found == nullptr) throw HResultError(HRESULT_FROM_WIN32(ERROR_CONTROL_ID_NOT_FOUND));
+  HWND found = GetDlgItem(window_, item);
+  if (found == nullptr) throw HResultError(HRESULT_FROM_WIN32(kNoSuchItem));
   return found;
 }
 

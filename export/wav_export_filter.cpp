@@ -5,6 +5,7 @@
 #include "core/com_ptr.h"
 #include "core/resource.h"
 #include "core/text.h"
+#include "export/export_answers.h"
 #include "export/file_sink.h"
 #include "export/wav_settings.h"
 
@@ -13,13 +14,6 @@ namespace {
 
 constexpr char kExtension[] = "wav";
 constexpr SHORT kMerit = 200;
-constexpr DWORD kCancelPollMilliseconds = 100;
-
-HRESULT Answer(VARIANT_BOOL* out, bool yes) noexcept {
-  if (out == nullptr) return E_POINTER;
-  *out = yes ? VARIANT_TRUE : VARIANT_FALSE;
-  return S_OK;
-}
 
 }  // namespace
 
@@ -46,21 +40,11 @@ STDMETHODIMP CWavExportFilter::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
 }
 
 STDMETHODIMP CWavExportFilter::GetProgress(FLOAT* pfProgress) {
-  if (pfProgress == nullptr) return E_POINTER;
-  const std::int64_t total = job_->Total();
-  if (total <= 0) return E_FAIL;
-  const auto progress = static_cast<double>(job_->Position()) / static_cast<double>(total);
-  *pfProgress = static_cast<float>(progress);
-  return S_OK;
+  return AnswerProgress(pfProgress, job_->Position(), job_->Total());
 }
 
 STDMETHODIMP CWavExportFilter::GetName(BSTR* pbstrName) {
-  if (pbstrName == nullptr) return E_POINTER;
-  *pbstrName = nullptr;
-  return ComCall([&] {
-    *pbstrName = ToBstr(Format(TheModule().LoadText(IDS_SAVING), file_name_));
-    return S_OK;
-  });
+  return AnswerTaskName(pbstrName, file_name_);
 }
 
 STDMETHODIMP CWavExportFilter::QuerySupportsExtension(BSTR bstrExtension,

@@ -13,6 +13,7 @@ MARLINDA_DECLARE_CLASS(CAudioPlayback);
 MARLINDA_DECLARE_CLASS(CAudioPool);
 MARLINDA_DECLARE_CLASS(CAudioPoolReader);
 MARLINDA_DECLARE_CLASS(CAudioScrubber);
+MARLINDA_DECLARE_CLASS(CDShowExport);
 MARLINDA_DECLARE_CLASS(CDShowImport);
 MARLINDA_DECLARE_CLASS(CEditedAudio);
 MARLINDA_DECLARE_CLASS(CFileFilterMgr);
@@ -32,7 +33,7 @@ std::span<const ClassEntry> ClassTable() noexcept {
       {&CLSID_CAudioPoolReader, L"CAudioPoolReader", L"Marlinda.AudioPoolReader.1",
        CreateCAudioPoolReader},
       {&CLSID_CAudioScrubber, L"CAudioScrubber", L"Marlinda.AudioScrubber.1", CreateCAudioScrubber},
-      {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", nullptr},
+      {&CLSID_CDShowExport, L"CDShowExport", L"Marlinda.DShowExport.1", CreateCDShowExport},
       {&CLSID_CEditedAudio, L"CEditedAudio", L"Marlinda.EditedAudio.1", CreateCEditedAudio},
       {&CLSID_CWavExportFilter, L"CWavExportFilter", L"Marlinda.WavExportFilter.1",
        CreateCWavExportFilter},

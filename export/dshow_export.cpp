@@ -1,0 +1,189 @@
+#include "export/dshow_export.h"
+
+#include <future>
+#include <optional>
+#include <utility>
+
+#include "core/com_ptr.h"
+#include "core/handle.h"
+#include "export/export_answers.h"
+#include "export/mp3_encoder.h"
+#include "export/mpeg_settings.h"
+#include "export/wma_settings.h"
+
+namespace marlinda {
+namespace {
+
+// Behind the WAV export, which loses nothing.
+constexpr SHORT kMerit = 100;
+constexpr char kWmaBitRate[] = "WMABitrate";
+constexpr char kMp3BitRate[] = "MP3Bitrate";
+constexpr int kDefaultBitRateKbit = 128;
+
+std::optional<EncodedKind> KindOf(const std::string& extension) {
+  if (lstrcmpiA(extension.c_str(), "wma") == 0) return EncodedKind::kWma;
+  if (lstrcmpiA(extension.c_str(), "mp3") == 0) return EncodedKind::kMp3;
+  return std::nullopt;
+}
+
+// Behind the last dot of the name itself; empty without one.
+std::string ExtensionOf(const std::string& path) {
+  const std::size_t dot = path.find_last_of("./\\:");
+  return dot != std::string::npos && path[dot] == '.' ? path.substr(dot + 1) : std::string();
+}
+
+// Whether the file can be written, seen without changing it.
+HRESULT TryTarget(const std::string& path) {
+  FileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return LastErrorResult();
+  const bool is_new = GetLastError() != ERROR_ALREADY_EXISTS;
+  file.Reset();
+  if (is_new) DeleteFileA(path.c_str());
+  return S_OK;
+}
+
+std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; }
+
+}  // namespace
+
+CDShowExport::CDShowExport() {
+  // A key that cannot be opened reads as one without values.
+  settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
+}
+
+CDShowExport::~CDShowExport() { Cancel(); }
+
+STDMETHODIMP CDShowExport::Start() {
+  // The message serves other messages of this thread, and the last release may be among them.
+  const ComPtr<IUnknown> alive(OuterUnknown());
+  const HRESULT hr = ComCall([&] {
+    if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
+    EncodingOrder order;
+    Check(job_->AskFormat(order.samples_per_sec, order.channels));
+    order.bit_rate_kbit = BitRate(job_->kind() == EncodedKind::kMp3 ? kMp3BitRate : kWmaBitRate);
+    order.tags = tags_;
+    const auto opened = std::make_shared<std::promise<HRESULT>>();
+    auto outcome = opened->get_future();
+    Check(worker_.Start([job = job_, opened, order] { job->Run(order, *opened); }));
+    const HRESULT opening = outcome.get();
+    // A failed task is over when its failure is told.
+    if (FAILED(opening)) worker_.PollUntilEnded(1);
+    return opening;
+  });
+  if (hr == CodecError().code()) ShowCodecError();
+  return hr;
+}
+
+STDMETHODIMP CDShowExport::Cancel() {
+  if (job_) job_->Cancel();
+  worker_.PollUntilEnded(kCancelPollMilliseconds);
+  return S_OK;
+}
+
+STDMETHODIMP CDShowExport::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
+  return Answer(pbRunning, worker_.IsRunning());
+}
+
+STDMETHODIMP CDShowExport::GetProgress(FLOAT* pfProgress) {
+  return AnswerProgress(pfProgress, job_ ? job_->Position() : 0, job_ ? job_->Total() : 0);
+}
+
+STDMETHODIMP CDShowExport::GetName(BSTR* pbstrName) {
+  return AnswerTaskName(pbstrName, file_name_);
+}
+
+STDMETHODIMP CDShowExport::QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) {
+  return ComCall([&] { return Answer(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
+}
+
+STDMETHODIMP CDShowExport::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
+  if (pReader == nullptr) return E_POINTER;
+  return ComCall([&] {
+    if (worker_.IsRunning()) return E_FAIL;
+    std::string path = ToAnsi(bstrFileName);
+    const auto kind = KindOf(ExtensionOf(path));
+    if (!kind) return E_INVALIDARG;
+    Check(TryTarget(path));
+    job_ = std::make_shared<DShowExportJob>(*kind, path, pReader);
+    file_name_ = std::move(path);
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CDShowExport::GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) {
+  if (pbstrFilterString == nullptr || pbstrExtensions == nullptr) return E_POINTER;
+  *pbstrFilterString = nullptr;
+  *pbstrExtensions = nullptr;
+  return ComCall([&] {
+    const auto& module = TheModule();
+    *pbstrExtensions = ToBstr("*.wma;*.mp3");
+    *pbstrFilterString = ToBstr(module.LoadText(IDS_WMA_FILTER) + module.LoadText(IDS_MP3_FILTER));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP CDShowExport::QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) {
+  return QuerySupportsExtension(bstrExtension, pbHasSettings);
+}
+
+STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) {
+  const ComPtr<IUnknown> alive(OuterUnknown());
+  ComCall([&] {
+    message_owner_ = WindowOfNumber(nHwndParent);
+    const auto kind = KindOf(ToAnsi(bstrExtension));
+    if (kind == EncodedKind::kWma) ShowWmaSettings();
+    if (kind == EncodedKind::kMp3) ShowMpegSettings();
+    return S_OK;
+  });
+  return S_OK;  // a dialog that could not be shown has changed nothing
+}
+
+STDMETHODIMP CDShowExport::GetMerit(SHORT* pnMerit) {
+  if (pnMerit == nullptr) return E_POINTER;
+  *pnMerit = kMerit;
+  return S_OK;
+}
+
+STDMETHODIMP CDShowExport::QueryIsLossy(VARIANT_BOOL* pbLossy) { return Answer(pbLossy, true); }
+
+STDMETHODIMP CDShowExport::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
+                                       BSTR bstrYear, BSTR bstrGenre) {
+  return ComCall([&] {
+    tags_ = {Text(bstrTitle), Text(bstrArtist), Text(bstrAlbum), Text(bstrYear), Text(bstrGenre)};
+    return S_OK;
+  });
+}
+
+int CDShowExport::BitRate(const char* name) const noexcept {
+  return static_cast<int>(settings_.ReadDword(name, kDefaultBitRateKbit));
+}
+
+void CDShowExport::ShowWmaSettings() {
+  CWmaSettings dialog(BitRate(kWmaBitRate));
+  if (dialog.ShowModal(message_owner_) != IDOK) return;
+  settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
+}
+
+void CDShowExport::ShowMpegSettings() {
+  const auto encoder = CreateMp3Encoder();
+  if (!encoder) {
+    ShowCodecError();
+    return;
+  }
+  CMpegSettings dialog(encoder.Get());
+  dialog.set_bit_rate_kbit(BitRate(kMp3BitRate));
+  if (dialog.ShowModal(message_owner_) != IDOK) return;
+  settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
+}
+
+void CDShowExport::ShowCodecError() const {
+  if (message_owner_ == nullptr) return;
+  const auto& module = TheModule();
+  MessageBoxA(message_owner_, module.LoadText(IDS_NO_ENCODER).c_str(),
+              module.LoadText(IDS_CODEC_ERROR).c_str(), MB_OK | MB_ICONERROR);
+}
+
+MARLINDA_DEFINE_CLASS(CDShowExport)
+
+}  // namespace marlinda

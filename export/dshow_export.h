@@ -1,0 +1,68 @@
+// CDShowExport: writes the audio of a reader into a WMA or MP3 file, as a task, with the encoders
+// that the system has.
+#pragma once
+
+#include <marlinda.h>
+
+#include <memory>
+#include <string>
+
+#include "core/com_object.h"
+#include "core/registry.h"
+#include "core/worker_thread.h"
+#include "export/dshow_export_job.h"
+
+namespace marlinda {
+
+// One object serves one export: Initialize, metadata, Start, then poll until the task has ended, or
+// Cancel. The extension of the file decides what is written. Bit rates are the user's settings in
+// the registry.
+//
+// Start waits until encoder and file are open, and fails when they are not; nothing is left behind
+// then. Without an encoder a message says so, provided that ShowSettingsDlg has named a window to
+// own it. A task that fails later deletes its file, and its progress stays below 1.
+class CDShowExport final : public Object<CDShowExport, ICoreTask, IExportFilter, IMetaDataWriter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CDShowExport;
+
+  CDShowExport();
+  ~CDShowExport();
+
+  // ICoreTask. Start is E_FAIL while the task runs, without Initialize and after a task that ran.
+  STDMETHODIMP Start() override;
+  STDMETHODIMP Cancel() override;
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
+  STDMETHODIMP GetProgress(FLOAT* pfProgress) override;
+  STDMETHODIMP GetName(BSTR* pbstrName) override;
+
+  // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and tells when the
+  // file cannot be written, without changing it. The encoders choose their own sample width.
+  STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
+  STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
+  STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
+  STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override;
+  STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override;
+  STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override;
+  STDMETHODIMP GetMerit(SHORT* pnMerit) override;
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override;
+
+  // IMetaDataWriter. The texts are taken at Start.
+  STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
+                           BSTR bstrGenre) override;
+
+ private:
+  int BitRate(const char* name) const noexcept;
+  void ShowWmaSettings();
+  void ShowMpegSettings();
+  // The message that no encoder can do the job; nothing without a window to own it.
+  void ShowCodecError() const;
+
+  CRegistry settings_;  // open for as long as the filter lives
+  std::shared_ptr<DShowExportJob> job_;
+  WorkerThread worker_;
+  std::string file_name_;
+  FileTags tags_;
+  HWND message_owner_ = nullptr;
+};
+
+}  // namespace marlinda

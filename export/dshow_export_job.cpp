@@ -1,0 +1,100 @@
+#include "export/dshow_export_job.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "core/sample_array.h"
+#include "core/sample_converter.h"
+
+namespace marlinda {
+namespace {
+
+constexpr std::int64_t kFramesPerBlock = 65536;
+constexpr int kBits = 16;
+// What the formats of files and encoders count in 16 bits: the bytes of a frame.
+constexpr int kMostChannels = 0xFFFF / (kBits / 8);
+
+// The worker's apartment: encoders expect one, and nobody serves messages here.
+class Apartment {
+ public:
+  Apartment() : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
+  Apartment(const Apartment&) = delete;
+  Apartment& operator=(const Apartment&) = delete;
+  ~Apartment() {
+    if (SUCCEEDED(result_)) CoUninitialize();
+  }
+
+ private:
+  const HRESULT result_;
+};
+
+std::int64_t SampleCountOf(IAudioReader* reader) {
+  __int64 count = 0;
+  reader->GetSampleCount(&count);
+  return count;
+}
+
+}  // namespace
+
+DShowExportJob::DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
+    : kind_(kind), path_(std::move(path)), total_(SampleCountOf(reader)), reader_(reader) {}
+
+HRESULT DShowExportJob::AskFormat(int& samples_per_sec, int& channels) const {
+  LONG rate = 0;
+  SHORT count = 0;
+  const HRESULT hr = reader_->GetFormat(&rate, &count);
+  if (FAILED(hr)) return hr;
+  if (rate <= 0 || count <= 0 || count > kMostChannels) return E_INVALIDARG;
+  samples_per_sec = rate;
+  channels = count;
+  return S_OK;
+}
+
+void DShowExportJob::Run(EncodingOrder order, std::promise<HRESULT>& opened) noexcept {
+  const Apartment apartment;
+  order.path = path_;
+  const int channels = order.channels;
+  std::unique_ptr<EncodedFile> file;
+  const HRESULT opening = ComCall([&] {
+    file = kind_ == EncodedKind::kMp3 ? CreateMp3File(order) : CreateWmaFile(order);
+    return S_OK;
+  });
+  // The one who waits may try again from then on, so nothing of the job is touched after a failure.
+  opened.set_value(opening);
+  if (FAILED(opening)) return;
+
+  const HRESULT writing = ComCall([&] {
+    WriteSamples(*file, channels);
+    file->Finish();
+    return S_OK;
+  });
+  file.reset();
+  // A task cannot tell that it failed, but a file that is not there does.
+  if (FAILED(writing)) DeleteFileA(path_.c_str());
+  reader_.Reset();
+}
+
+void DShowExportJob::WriteSamples(EncodedFile& file, int channels) {
+  const bool is_open = SUCCEEDED(reader_->OpenDevice());
+  const HRESULT hr = ComCall([&] {
+    std::vector<std::byte> pcm;
+    while (!cancelled_ && Position() < Total()) {
+      const std::int64_t frames = std::min(Total() - Position(), kFramesPerBlock);
+      // Silence where a failing reader delivers nothing, so that the rest keeps its place.
+      const SampleArray block(static_cast<std::size_t>(frames) *
+                              static_cast<std::size_t>(channels));
+      reader_->ReadAudio(Position(), block.get());
+      const auto samples = block.samples();
+      pcm.resize(samples.size() * kBits / 8);
+      ConvertFloatToPcm(samples, pcm, kBits);
+      file.Write(pcm);
+      position_ += frames;
+    }
+    return S_OK;
+  });
+  if (is_open) reader_->CloseDevice();
+  Check(hr);
+}
+
+}  // namespace marlinda

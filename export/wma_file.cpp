@@ -1,0 +1,227 @@
+// WMA files: the system's own writer of Windows Media files, with a profile of one audio stream.
+
+#include <windows.h>
+// After windows.h.
+#include <dshow.h>
+#include <mmreg.h>
+#include <wmsdkidl.h>
+
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "core/handle.h"
+#include "export/encoded_file.h"
+#include "export/file_sink.h"
+
+namespace marlinda {
+namespace {
+
+constexpr WORD kBits = 16;
+constexpr WORD kStreamNumber = 1;
+constexpr std::uint64_t kTicksPerSecond = 10'000'000;
+
+// The library is an optional part of the system, so it is looked up when a file is wanted.
+class WindowsMedia {
+ public:
+  WindowsMedia() : library_(LoadLibraryExW(L"wmvcore.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
+    if (library_ == nullptr) throw CodecError();
+  }
+  WindowsMedia(const WindowsMedia&) = delete;
+  WindowsMedia& operator=(const WindowsMedia&) = delete;
+  ~WindowsMedia() { FreeLibrary(library_); }
+
+  ComPtr<IWMWriter> CreateWriter() const {
+    ComPtr<IWMWriter> writer;
+    const auto create = Function<HRESULT(WINAPI*)(IUnknown*, IWMWriter**)>("WMCreateWriter");
+    if (FAILED(create(nullptr, writer.GetAddressOf()))) throw CodecError();
+    return writer;
+  }
+  ComPtr<IWMProfileManager> CreateProfileManager() const {
+    ComPtr<IWMProfileManager> manager;
+    const auto create = Function<HRESULT(WINAPI*)(IWMProfileManager**)>("WMCreateProfileManager");
+    if (FAILED(create(manager.GetAddressOf()))) throw CodecError();
+    return manager;
+  }
+
+ private:
+  template <class Pointer>
+  Pointer Function(const char* name) const {
+    const FARPROC address = GetProcAddress(library_, name);
+    if (address == nullptr) throw CodecError();
+    Pointer pointer;
+    static_assert(sizeof pointer == sizeof address);
+    std::memcpy(&pointer, &address, sizeof pointer);
+    return pointer;
+  }
+
+  const HMODULE library_;
+};
+
+void CheckCodec(HRESULT hr) {
+  if (FAILED(hr)) throw CodecError();
+}
+
+// True when the stream has the rate and the channels that the order wants.
+bool Matches(IWMStreamConfig* stream, const EncodingOrder& order) {
+  const auto properties = TryQuery<IWMMediaProps>(stream);
+  DWORD size = 0;
+  if (!properties || FAILED(properties->GetMediaType(nullptr, &size))) return false;
+  std::vector<BYTE> memory(size);
+  auto* const type = reinterpret_cast<WM_MEDIA_TYPE*>(memory.data());
+  if (size < sizeof *type || FAILED(properties->GetMediaType(type, &size))) return false;
+  if (type->pbFormat == nullptr || type->cbFormat < sizeof(WAVEFORMATEX)) return false;
+  const auto* const format = reinterpret_cast<const WAVEFORMATEX*>(type->pbFormat);
+  return static_cast<int>(format->nSamplesPerSec) == order.samples_per_sec &&
+         format->nChannels == order.channels;
+}
+
+// The stream of an audio codec with the best bit rate up to the wanted one, else with the lowest.
+ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncodingOrder& order) {
+  const auto codecs = TryQuery<IWMCodecInfo>(manager);
+  DWORD codec_count = 0;
+  if (!codecs || FAILED(codecs->GetCodecInfoCount(MEDIATYPE_Audio, &codec_count))) {
+    throw CodecError();
+  }
+  const DWORD wanted = static_cast<DWORD>(order.bit_rate_kbit) * 1000;
+  ComPtr<IWMStreamConfig> chosen;
+  DWORD best = 0;
+  for (DWORD codec = 0; codec < codec_count; ++codec) {
+    DWORD format_count = 0;
+    codecs->GetCodecFormatCount(MEDIATYPE_Audio, codec, &format_count);
+    for (DWORD format = 0; format < format_count; ++format) {
+      ComPtr<IWMStreamConfig> stream;
+      DWORD rate = 0;
+      if (FAILED(codecs->GetCodecFormat(MEDIATYPE_Audio, codec, format, stream.GetAddressOf())) ||
+          FAILED(stream->GetBitrate(&rate)) || !Matches(stream.Get(), order)) {
+        continue;
+      }
+      const bool fits = rate <= wanted;
+      const bool best_fits = best <= wanted;
+      if (!chosen || (fits && (!best_fits || rate > best)) ||
+          (!fits && !best_fits && rate < best)) {
+        chosen = stream;
+        best = rate;
+      }
+    }
+  }
+  if (!chosen) throw CodecError();
+  return chosen;
+}
+
+class WmaFile final : public EncodedFile {
+ public:
+  explicit WmaFile(const EncodingOrder& order)
+      : samples_per_sec_(static_cast<std::uint64_t>(order.samples_per_sec)),
+        bytes_per_frame_(static_cast<std::size_t>(order.channels) * kBits / 8),
+        writer_(media_.CreateWriter()) {
+    SetProfile(order);
+    SetInput(order);
+    SetTags(order.tags);
+    const std::wstring path = WidePath(order.path);
+    CheckCodec(writer_->SetOutputFilename(path.c_str()));
+    const bool is_new = GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES;
+    const HRESULT hr = writer_->BeginWriting();
+    if (FAILED(hr)) {
+      if (is_new) DeleteFileW(path.c_str());
+      throw HResultError(hr);
+    }
+    is_open_ = true;
+  }
+
+  ~WmaFile() override {
+    if (is_open_) writer_->EndWriting();
+  }
+
+  void Write(std::span<const std::byte> pcm) override {
+    ComPtr<INSSBuffer> buffer;
+    Check(writer_->AllocateSample(static_cast<DWORD>(pcm.size()), buffer.GetAddressOf()));
+    BYTE* data = nullptr;
+    Check(buffer->GetBuffer(&data));
+    std::memcpy(data, pcm.data(), pcm.size());
+    Check(buffer->SetLength(static_cast<DWORD>(pcm.size())));
+    Check(writer_->WriteSample(0, position_ * kTicksPerSecond / samples_per_sec_, 0, buffer.Get()));
+    position_ += pcm.size() / bytes_per_frame_;
+  }
+
+  void Finish() override {
+    is_open_ = false;
+    Check(writer_->EndWriting());
+  }
+
+ private:
+  static std::wstring WidePath(const std::string& path) {
+    std::wstring wide(path.size(), L'\0');
+    const int length = MultiByteToWideChar(CP_ACP, 0, path.data(), static_cast<int>(path.size()),
+                                           wide.data(), static_cast<int>(wide.size()));
+    wide.resize(static_cast<std::size_t>(length));
+    return wide;
+  }
+
+  void SetProfile(const EncodingOrder& order) {
+    const auto manager = media_.CreateProfileManager();
+    ComPtr<IWMProfile> profile;
+    CheckCodec(manager->CreateEmptyProfile(WMT_VER_9_0, profile.GetAddressOf()));
+    const auto stream = ChooseStream(manager.Get(), order);
+    CheckCodec(stream->SetStreamNumber(kStreamNumber));
+    CheckCodec(stream->SetStreamName(L"Audio"));
+    CheckCodec(stream->SetConnectionName(L"Audio"));
+    CheckCodec(profile->AddStream(stream.Get()));
+    CheckCodec(writer_->SetProfile(profile.Get()));
+  }
+
+  void SetInput(const EncodingOrder& order) {
+    WAVEFORMATEX format = {};
+    format.wFormatTag = WAVE_FORMAT_PCM;
+    format.nChannels = static_cast<WORD>(order.channels);
+    format.nSamplesPerSec = static_cast<DWORD>(order.samples_per_sec);
+    format.wBitsPerSample = kBits;
+    format.nBlockAlign = static_cast<WORD>(bytes_per_frame_);
+    format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
+    WM_MEDIA_TYPE type = {};
+    type.majortype = MEDIATYPE_Audio;
+    type.subtype = MEDIASUBTYPE_PCM;
+    type.bFixedSizeSamples = TRUE;
+    type.lSampleSize = format.nBlockAlign;
+    type.formattype = FORMAT_WaveFormatEx;
+    type.cbFormat = sizeof format;
+    type.pbFormat = reinterpret_cast<BYTE*>(&format);
+    ComPtr<IWMInputMediaProps> input;
+    CheckCodec(writer_->GetInputProps(0, input.GetAddressOf()));
+    CheckCodec(input->SetMediaType(&type));
+    CheckCodec(writer_->SetInputProps(0, input.Get()));
+  }
+
+  void SetTags(const FileTags& tags) {
+    const auto header = TryQuery<IWMHeaderInfo>(writer_.Get());
+    const std::pair<const wchar_t*, const std::wstring&> attributes[] = {
+        {L"Title", tags.title},  {L"Author", tags.artist},  {L"WM/AlbumTitle", tags.album},
+        {L"WM/Year", tags.year}, {L"WM/Genre", tags.genre},
+    };
+    for (const auto& [name, text] : attributes) {
+      // The length is counted in 16 bits and includes the terminator.
+      const std::size_t size = (text.size() + 1) * sizeof(wchar_t);
+      if (!header || text.empty() || size > 0xFFFF) continue;
+      CheckCodec(header->SetAttribute(0, name, WMT_TYPE_STRING,
+                                      reinterpret_cast<const BYTE*>(text.c_str()),
+                                      static_cast<WORD>(size)));
+    }
+  }
+
+  const std::uint64_t samples_per_sec_;
+  const std::size_t bytes_per_frame_;
+  const WindowsMedia media_;
+  const ComPtr<IWMWriter> writer_;
+  std::uint64_t position_ = 0;
+  bool is_open_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<EncodedFile> CreateWmaFile(const EncodingOrder& order) {
+  return std::make_unique<WmaFile>(order);
+}
+
+}  // namespace marlinda

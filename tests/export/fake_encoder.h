@@ -1,0 +1,193 @@
+// An MP3 encoder of the tests, and its place among the audio compressors of the system. What it
+// puts out is no MP3 but tells what came in: the bytes per second that were chosen, the samples as
+// they came, and "END".
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <dshow.h>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/com_ptr.h"
+#include "export/graph_filter.h"
+
+namespace marlinda::testing {
+
+// {5B0E6B1F-6B1B-4B0E-9C55-1D7C3A4E9F21}
+inline constexpr CLSID kFakeEncoderId = {
+    0x5B0E6B1F, 0x6B1B, 0x4B0E, {0x9C, 0x55, 0x1D, 0x7C, 0x3A, 0x4E, 0x9F, 0x21}};
+
+// How fakes behave that are made from now on.
+struct EncoderPlan {
+  std::vector<int> kbits_per_sec = {56, 64, 96, 128, 192, 256, 320};
+  bool tells_capabilities = true;
+  int most_channels = 2;
+  bool fails_while_encoding = false;
+
+  static EncoderPlan& Current() {
+    static EncoderPlan plan;
+    return plan;
+  }
+};
+
+inline AudioType Mp3Type(int kbit_per_sec, int channels = 2) {
+  WAVEFORMATEX format = {};
+  format.wFormatTag = WAVE_FORMAT_MPEGLAYER3;
+  format.nChannels = static_cast<WORD>(channels);
+  format.nSamplesPerSec = 44100;
+  format.nAvgBytesPerSec = static_cast<DWORD>(kbit_per_sec) * 125;
+  format.nBlockAlign = 1;
+  return AudioType(format);
+}
+
+class EncoderPin final : public OutputPin, private IAMStreamConfig {
+ public:
+  EncoderPin(GraphFilter& filter, const EncoderPlan& plan)
+      : OutputPin(filter, {}, 4096), plan_(plan), chosen_(Mp3Type(plan.kbits_per_sec.front())) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    return OutputPin::QueryInterface(iid, object);
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return OutputPin::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return OutputPin::Release(); }
+
+ private:
+  std::vector<AudioType> Types() const override { return {chosen_}; }
+  IUnknown* Extra(REFIID iid) noexcept override {
+    const bool has_it = plan_.tells_capabilities && IsEqualIID(iid, IID_IAMStreamConfig);
+    return has_it ? static_cast<IAMStreamConfig*>(this) : nullptr;
+  }
+
+  STDMETHODIMP SetFormat(AM_MEDIA_TYPE* type) override {
+    chosen_ = AudioType(*type);
+    return S_OK;
+  }
+  STDMETHODIMP GetFormat(AM_MEDIA_TYPE**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
+    *count = static_cast<int>(plan_.kbits_per_sec.size());
+    *size = sizeof(AUDIO_STREAM_CONFIG_CAPS);
+    return S_OK;
+  }
+  STDMETHODIMP GetStreamCaps(int index, AM_MEDIA_TYPE** type, BYTE* details) override {
+    std::memset(details, 0, sizeof(AUDIO_STREAM_CONFIG_CAPS));
+    *type = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+    return Mp3Type(plan_.kbits_per_sec.at(static_cast<std::size_t>(index))).CopyTo(*type);
+  }
+
+  const EncoderPlan plan_;
+  AudioType chosen_;
+};
+
+class FakeEncoder final : public GraphFilter {
+ public:
+  FakeEncoder() : plan_(EncoderPlan::Current()) {
+    AddPin<InputPin>(InputPin::Purpose{[this](const WAVEFORMATEX& format) {
+                                         return format.wFormatTag == WAVE_FORMAT_PCM &&
+                                                format.wBitsPerSample == 16 &&
+                                                format.nChannels <= plan_.most_channels;
+                                       },
+                                       [this](std::span<const std::byte> bytes) {
+                                         if (plan_.fails_while_encoding) return E_FAIL;
+                                         TellRate();
+                                         return output_->Deliver(bytes, 0, 0);
+                                       },
+                                       [this] {
+                                         TellRate();
+                                         output_->Deliver(std::as_bytes(std::span("END", 3)), 0, 0);
+                                         return output_->DeliverEnd();
+                                       }});
+    output_ = &AddPin<EncoderPin>(plan_);
+  }
+
+ private:
+  void TellRate() {
+    if (std::exchange(has_told_, true)) return;
+    const DWORD rate = output_->type().format()->nAvgBytesPerSec;
+    output_->Deliver(std::as_bytes(std::span(&rate, 1)), 0, 0);
+  }
+
+  const EncoderPlan plan_;
+  EncoderPin* output_ = nullptr;
+  bool has_told_ = false;
+};
+
+// Makes the encoder known to the system, and to both apartments of this process, for as long as it
+// lives.
+class InstalledEncoder {
+ public:
+  InstalledEncoder() {
+    SetValue(L"CLSID", Id());
+    SetValue(L"FriendlyName", L"Encoder of the tests");
+    Check(Register(cookie_));
+    std::promise<HRESULT> registered;
+    other_apartment_ = std::thread([this, &registered, end = end_.get_future()]() mutable {
+      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+      DWORD cookie = 0;
+      registered.set_value(Register(cookie));
+      end.wait();
+      CoRevokeClassObject(cookie);
+      CoUninitialize();
+    });
+    Check(registered.get_future().get());
+  }
+  InstalledEncoder(const InstalledEncoder&) = delete;
+  InstalledEncoder& operator=(const InstalledEncoder&) = delete;
+  ~InstalledEncoder() {
+    end_.set_value();
+    other_apartment_.join();
+    CoRevokeClassObject(cookie_);
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, Key().c_str());
+    EncoderPlan::Current() = {};
+  }
+
+ private:
+  struct Factory final : IClassFactory {
+    STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+      *object = nullptr;
+      if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IClassFactory)) {
+        return E_NOINTERFACE;
+      }
+      *object = this;
+      return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+    STDMETHODIMP_(ULONG) Release() override { return 1; }
+    STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
+      return ComPtr<GraphFilter>(new FakeEncoder)->QueryInterface(iid, object);
+    }
+    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+  };
+
+  HRESULT Register(DWORD& cookie) {
+    return CoRegisterClassObject(kFakeEncoderId, &factory_, CLSCTX_INPROC_SERVER,
+                                 REGCLS_MULTIPLEUSE, &cookie);
+  }
+  static std::wstring TextOf(REFGUID id) {
+    wchar_t text[40] = L"";
+    StringFromGUID2(id, text, static_cast<int>(std::size(text)));
+    return text;
+  }
+  static std::wstring Id() { return TextOf(kFakeEncoderId); }
+  static std::wstring Key() {
+    return L"CLSID\\" + TextOf(CLSID_AudioCompressorCategory) + L"\\Instance\\" + Id();
+  }
+  static void SetValue(const wchar_t* name, const std::wstring& text) {
+    const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+    Check(HRESULT_FROM_WIN32(static_cast<DWORD>(
+        RegSetKeyValueW(HKEY_CLASSES_ROOT, Key().c_str(), name, REG_SZ, text.c_str(), size))));
+  }
+
+  Factory factory_;
+  DWORD cookie_ = 0;
+  std::promise<void> end_;
+  std::thread other_apartment_;
+};
+
+}  // namespace marlinda::testing
