@@ -2,6 +2,8 @@
 #pragma once
 
 #include <windows.h>
+// After windows.h.
+#include <mmreg.h>
 
 #include <cstddef>
 #include <memory>
@@ -34,6 +36,13 @@ struct EncodingOrder {
   int bit_rate_kbit = 0;  // an encoder that does not have it takes the next lower one
   FileTags tags;
 };
+
+// What encoders are given: interleaved 16-bit PCM.
+WAVEFORMATEX PcmFormatOf(const EncodingOrder& order) noexcept;
+
+// Whether bit rate `rate` serves better than `best`: the highest one up to `wanted` is best, and
+// otherwise the lowest.
+bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept;
 
 // Belongs to one thread, from its creation to its end, which has entered an apartment.
 class EncodedFile {

@@ -15,23 +15,11 @@
 namespace marlinda {
 namespace {
 
-constexpr WORD kBits = 16;
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
 // An encoder that has been told the end has nothing left to wait for.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
-
-WAVEFORMATEX PcmFormat(const EncodingOrder& order) {
-  WAVEFORMATEX format = {};
-  format.wFormatTag = WAVE_FORMAT_PCM;
-  format.nChannels = static_cast<WORD>(order.channels);
-  format.nSamplesPerSec = static_cast<DWORD>(order.samples_per_sec);
-  format.wBitsPerSample = kBits;
-  format.nBlockAlign = static_cast<WORD>(format.nChannels * kBits / 8);
-  format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
-  return format;
-}
 
 Id3Texts TextsOf(const FileTags& tags) {
   const auto wide = [](const std::wstring& text) {
@@ -53,6 +41,7 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
 // wanted one, else the lowest. An encoder without such a format keeps what it would do by itself.
 void ChooseBitRate(IBaseFilter* encoder, const EncodingOrder& order) {
   const auto config = FindStreamConfig(encoder);
+  const auto wanted = static_cast<DWORD>(order.bit_rate_kbit);
   std::optional<AudioType> chosen;
   ForEachCapability(config.Get(), [&](const AM_MEDIA_TYPE& type) {
     if (!IsMp3(type)) return;
@@ -63,13 +52,10 @@ void ChooseBitRate(IBaseFilter* encoder, const EncodingOrder& order) {
         format.nChannels != order.channels) {
       return;
     }
-    const int rate = BitRateKbit(format);
-    const int best = chosen ? BitRateKbit(*chosen->format()) : 0;
-    const bool fits = rate <= order.bit_rate_kbit;
-    const bool best_fits = best <= order.bit_rate_kbit;
-    if (!chosen || (fits && (!best_fits || rate > best)) || (!fits && !best_fits && rate < best)) {
-      chosen = candidate;
-    }
+    const auto rate = [](const AudioType& of) {
+      return static_cast<DWORD>(BitRateKbit(*of.format()));
+    };
+    if (!chosen || IsBetterBitRate(rate(candidate), rate(*chosen), wanted)) chosen = candidate;
   });
   if (!chosen) return;
   AM_MEDIA_TYPE type = chosen->View();
@@ -79,7 +65,7 @@ void ChooseBitRate(IBaseFilter* encoder, const EncodingOrder& order) {
 class Mp3File final : public EncodedFile {
  public:
   explicit Mp3File(const EncodingOrder& order)
-      : order_(order), bytes_per_frame_(PcmFormat(order).nBlockAlign) {
+      : order_(order), bytes_per_frame_(PcmFormatOf(order).nBlockAlign) {
     if (!ended_) throw HResultError(LastErrorResult());
     Check(CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER,
                            __uuidof(IGraphBuilder),
@@ -126,7 +112,7 @@ class Mp3File final : public EncodedFile {
 
   void AddOwnFilters() {
     const auto source = GraphFilter::Make();
-    source_ = &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormat(order_))}, kBufferBytes);
+    source_ = &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormatOf(order_))}, kBufferBytes);
     const auto sink = GraphFilter::Make();
     sink_ = &sink->AddPin<InputPin>(InputPin::Purpose{
         [](const WAVEFORMATEX& format) { return format.wFormatTag == WAVE_FORMAT_MPEGLAYER3; },
@@ -184,8 +170,6 @@ class Mp3File final : public EncodedFile {
 };
 
 }  // namespace
-
-CodecError::CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 
 std::unique_ptr<EncodedFile> CreateMp3File(const EncodingOrder& order) {
   return std::make_unique<Mp3File>(order);

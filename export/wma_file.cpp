@@ -19,7 +19,6 @@
 namespace marlinda {
 namespace {
 
-constexpr WORD kBits = 16;
 constexpr WORD kStreamNumber = 1;
 constexpr std::uint64_t kTicksPerSecond = 10'000'000;
 
@@ -98,10 +97,7 @@ ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncodingO
           FAILED(stream->GetBitrate(&rate)) || !Matches(stream.Get(), order)) {
         continue;
       }
-      const bool fits = rate <= wanted;
-      const bool best_fits = best <= wanted;
-      if (!chosen || (fits && (!best_fits || rate > best)) ||
-          (!fits && !best_fits && rate < best)) {
+      if (!chosen || IsBetterBitRate(rate, best, wanted)) {
         chosen = stream;
         best = rate;
       }
@@ -115,7 +111,7 @@ class WmaFile final : public EncodedFile {
  public:
   explicit WmaFile(const EncodingOrder& order)
       : samples_per_sec_(static_cast<std::uint64_t>(order.samples_per_sec)),
-        bytes_per_frame_(static_cast<std::size_t>(order.channels) * kBits / 8),
+        bytes_per_frame_(PcmFormatOf(order).nBlockAlign),
         writer_(media_.CreateWriter()) {
     SetProfile(order);
     SetInput(order);
@@ -173,13 +169,7 @@ class WmaFile final : public EncodedFile {
   }
 
   void SetInput(const EncodingOrder& order) {
-    WAVEFORMATEX format = {};
-    format.wFormatTag = WAVE_FORMAT_PCM;
-    format.nChannels = static_cast<WORD>(order.channels);
-    format.nSamplesPerSec = static_cast<DWORD>(order.samples_per_sec);
-    format.wBitsPerSample = kBits;
-    format.nBlockAlign = static_cast<WORD>(bytes_per_frame_);
-    format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
+    WAVEFORMATEX format = PcmFormatOf(order);
     WM_MEDIA_TYPE type = {};
     type.majortype = MEDIATYPE_Audio;
     type.subtype = MEDIASUBTYPE_PCM;

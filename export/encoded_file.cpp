@@ -1,0 +1,30 @@
+#include "export/encoded_file.h"
+
+#include <dshow.h>
+
+namespace marlinda {
+namespace {
+
+constexpr WORD kBits = 16;
+
+}  // namespace
+
+CodecError::CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
+
+WAVEFORMATEX PcmFormatOf(const EncodingOrder& order) noexcept {
+  WAVEFORMATEX format = {};
+  format.wFormatTag = WAVE_FORMAT_PCM;
+  format.nChannels = static_cast<WORD>(order.channels);
+  format.nSamplesPerSec = static_cast<DWORD>(order.samples_per_sec);
+  format.wBitsPerSample = kBits;
+  format.nBlockAlign = static_cast<WORD>(format.nChannels * kBits / 8);
+  format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
+  return format;
+}
+
+bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept {
+  if (rate <= wanted) return best > wanted || rate > best;
+  return best > wanted && rate < best;
+}
+
+}  // namespace marlinda
