@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -143,7 +143,7 @@ void Import(BSTR path, IAudioWriter* writer) {
 
 void ImportThroughCom(benchmark::State& state) {
   const Bstr path(MusicFile());
-  const auto writer = RecordingWriter::Make();
+  const auto writer = MakeObject<RecordingWriter>();
   writer->keep_samples = false;
   std::int64_t samples = 0;
   writer->on_write = [&](SAFEARRAY* array) { samples += array->rgsabound[0].cElements; };

@@ -8,8 +8,8 @@
 #include <exception>
 
 #include "core/handle.h"
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -53,7 +53,7 @@ void ExportTask(benchmark::State& state) {
 }
 
 void Scrubbing(benchmark::State& state) {
-  const auto writer = RecordingWriter::Make();
+  const auto writer = MakeObject<RecordingWriter>();
   writer->keep_samples = false;
   writer->on_write = [](SAFEARRAY*) { Sleep(1); };
   const auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);

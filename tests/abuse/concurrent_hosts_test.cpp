@@ -11,8 +11,8 @@
 
 #include "tests/abuse/child_runs.h"
 #include "tests/abuse/contract_model.h"
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -143,7 +143,7 @@ class Host {
   }
 
   void Scrub() {
-    auto writer = RecordingWriter::Make();
+    auto writer = MakeObject<RecordingWriter>();
     writer->keep_samples = false;
     writer->on_write = [](SAFEARRAY*) { Sleep(1); };
     auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);

@@ -10,9 +10,9 @@
 
 #include "tests/abuse/child_runs.h"
 #include "tests/abuse/ogg_mutator.h"
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -41,7 +41,7 @@ class Import {
   // True when the file was taken.
   bool Run(bool cancel) {
     auto filter = Create<IImportFilter>(CLSID_COggImport);
-    auto writer = RecordingWriter::Make();
+    auto writer = MakeObject<RecordingWriter>();
     writer->keep_samples = false;
     const HRESULT can_load = filter->QueryCanLoad(path_);
     if (can_load != S_OK && can_load != E_FAIL) Fail("QueryCanLoad gave " + Hex(can_load));

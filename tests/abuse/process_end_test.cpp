@@ -13,9 +13,9 @@
 #include "core/handle.h"
 #include "tests/abuse/child_runs.h"
 #include "tests/abuse/contract_model.h"
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -37,7 +37,7 @@ ComPtr<IAudioReader> Silence(__int64 frames) {
 }
 
 RecordingWriter* SlowWriter() {
-  auto writer = RecordingWriter::Make();
+  auto writer = MakeObject<RecordingWriter>();
   writer->keep_samples = false;
   writer->on_write = [](SAFEARRAY*) { Sleep(200); };
   return Leak(std::move(writer));
@@ -181,7 +181,7 @@ TEST(Module, EndsWhereItBeganAfterEveryCycleOfLoadUseAndUnload) {
         EXPECT_EQ(writer->WriteAudio(Floats(2000)), S_OK);
       }
       if (auto scrubber = As<IAudioScrubber>(object); scrubber && cycle == 0) {
-        EXPECT_EQ(scrubber->Start(RecordingWriter::Make().Get(), 441000, 44100, 2), S_OK);
+        EXPECT_EQ(scrubber->Start(MakeObject<RecordingWriter>().Get(), 441000, 44100, 2), S_OK);
       }
       EXPECT_EQ(can_unload(), S_FALSE);
     }

@@ -93,7 +93,7 @@ TEST_F(WaveWriter, StartsWithTheDocumentedFormat) {
 }
 
 TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
-  const auto next = RecordingWriter::Make();
+  const auto next = MakeObject<RecordingWriter>();
   next->result = E_FAIL;  // which concerns nobody
   next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
@@ -113,7 +113,7 @@ TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
 }
 
 TEST_F(WaveWriter, HoldsTheNextWriterUntilItIsReplacedOrTheObjectGoes) {
-  const auto next = RecordingWriter::Make();
+  const auto next = MakeObject<RecordingWriter>();
   const ULONG before = ReferenceCount(next.Get());
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
@@ -158,7 +158,7 @@ TEST_F(WaveWriter, LeavesReadinessAloneWithoutANextWriter) {
 }
 
 TEST_F(WaveWriter, RefusesWhatIsNoSampleBlockWithoutPassingItOn) {
-  const auto next = RecordingWriter::Make();
+  const auto next = MakeObject<RecordingWriter>();
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(audio->WriteAudio(nullptr), E_INVALIDARG);
@@ -171,7 +171,7 @@ TEST_F(WaveWriter, RefusesWhatIsNoSampleBlockWithoutPassingItOn) {
 }
 
 TEST_F(WaveWriter, ServesTheNextWriterAloneWhileNoFileIsOpen) {
-  const auto next = RecordingWriter::Make();
+  const auto next = MakeObject<RecordingWriter>();
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
   EXPECT_EQ(audio->CloseDevice(), S_OK);
@@ -180,7 +180,7 @@ TEST_F(WaveWriter, ServesTheNextWriterAloneWhileNoFileIsOpen) {
 }
 
 TEST_F(WaveWriter, ReportsAFileThatCannotBeMadeAfterOpeningTheNextWriter) {
-  const auto next = RecordingWriter::Make();
+  const auto next = MakeObject<RecordingWriter>();
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
   EXPECT_EQ(audio->OpenDevice(), kPathNotFound);

@@ -9,10 +9,10 @@
 #include "core/handle.h"
 #include "core/sample_converter.h"
 #include "tests/export/riff_builder.h"
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/ramp_source.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -93,7 +93,7 @@ class DShowImport : public ::testing::Test {
   TemporaryFolder folder_;
   ComPtr<IImportFilter> filter_ = Create<IImportFilter>(CLSID_CDShowImport);
   ComPtr<ICoreTask> task_ = As<ICoreTask>(filter_);
-  ComPtr<RecordingWriter> writer_ = RecordingWriter::Make();
+  ComPtr<RecordingWriter> writer_ = MakeObject<RecordingWriter>();
 };
 
 TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
@@ -117,7 +117,7 @@ TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
       ASSERT_EQ(As<ICoreTask>(wav)->Start(), S_OK);
       ASSERT_TRUE(WaitForTask(As<ICoreTask>(wav).Get()));
 
-      writer_ = RecordingWriter::Make();
+      writer_ = MakeObject<RecordingWriter>();
       Import(path);
       std::vector<float> expected;
       __int64 frames = 0;
@@ -191,7 +191,7 @@ TEST_F(DShowImport, WritesModerateBlocksOnOneThreadOfItsOwnByBothRoads) {
   for (const bool compressed : {false, true}) {
     SCOPED_TRACE(compressed);
     const std::wstring path = Write(L"a.wav", compressed ? MuLawFile() : plain);
-    writer_ = RecordingWriter::Make();
+    writer_ = MakeObject<RecordingWriter>();
     EXPECT_EQ(QueryCanLoad(path), S_OK);
     EXPECT_EQ(Initialize(path), S_OK);
     EXPECT_THAT(MetaData()[0], compressed ? L"Compressed" : L"Plain");
@@ -234,7 +234,7 @@ TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
   EXPECT_EQ(QueryCanLoad(folder_.File(L"missing.wav")), S_FALSE);
   EXPECT_EQ(QueryCanLoad(folder_.path()), S_FALSE);
   EXPECT_EQ(filter_->QueryCanLoad(nullptr), S_FALSE);
-  const auto other = RecordingWriter::Make();
+  const auto other = MakeObject<RecordingWriter>();
   for (const std::wstring& path : {text, no_rate, empty}) {
     EXPECT_EQ(QueryCanLoad(path), E_FAIL);
     EXPECT_EQ(filter_->Initialize(Bstr(path), other.Get()), E_FAIL);
@@ -313,7 +313,7 @@ TEST_F(DShowImport, CancelEndsAGraphAtOnceAndItsLastReleaseDoesToo) {
   const std::wstring path = Write(L"a.wav", MuLawFile());
   for (const bool by_release : {false, true}) {
     SCOPED_TRACE(by_release);
-    writer_ = RecordingWriter::Make();
+    writer_ = MakeObject<RecordingWriter>();
     const KernelHandle go(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     writer_->on_write = [&](SAFEARRAY*) { WaitForSingleObject(go.get(), 50); };
     EXPECT_EQ(Initialize(path), S_OK);
@@ -376,7 +376,7 @@ TEST_F(DShowImport, EndsCleanlyWithWhatADamagedFileHolds) {
   EXPECT_GT(writer_->samples.size(), kMuLawFrames / 3);
   EXPECT_LE(writer_->samples.size(), kMuLawFrames / 2 + 100);
   EXPECT_TRUE(writer_->closed);
-  writer_ = RecordingWriter::Make();
+  writer_ = MakeObject<RecordingWriter>();
   Import(Write(L"plain.wav", plain));
   EXPECT_EQ(writer_->samples.size(), 2U * 749);
   EXPECT_EQ(Progress(), 1.0F);
@@ -391,7 +391,7 @@ TEST_F(DShowImport, AWriterThatFailsThrowsOrResizesDoesNotHurtTheRun) {
   };
   Import(path);
   EXPECT_EQ(writer_->samples.size(), kMuLawFrames);
-  writer_ = RecordingWriter::Make();
+  writer_ = MakeObject<RecordingWriter>();
   writer_->on_write = [](SAFEARRAY*) { throw std::runtime_error("the writer's own trouble"); };
   Import(path);
   EXPECT_EQ(writer_->blocks, 1U);

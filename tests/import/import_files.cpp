@@ -6,15 +6,15 @@
 #include <fstream>
 #include <iostream>
 
-#include "tests/import/recording_writer.h"
 #include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
 
 void ImportFile(const std::filesystem::path& path) {
   const auto filter = Create<IImportFilter>(CLSID_CDShowImport);
-  const auto writer = RecordingWriter::Make();
+  const auto writer = MakeObject<RecordingWriter>();
   const Bstr name(path.wstring());
   std::cout << path.filename().string() << ' ' << std::hex << filter->QueryCanLoad(name)
             << std::dec;
