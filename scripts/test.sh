@@ -15,13 +15,15 @@ echo "Testing"
 passed=0 failed=0 skipped=0 broken=()
 
 # count LOG: "passed failed skipped" of the single tests in CTest's log. A program that died before
-# its closing line, or that is no GoogleTest program, counts as one test.
+# its closing line, or that is no GoogleTest program, counts as one test, and so does one that says that
+# it was not tested.
 count() {
   awk '
     / Testing: / { ran = bad = left = 0 }
     /^\[==========\] [0-9]+ tests? from .* ran/ { ran += $2 }
     /^\[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $4 }
     /^\[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $4 }
+    / NOT TESTED\. / { ran++; left++ }
     /^Test (Passed|Failed)\./ {
       whole = /Passed/
       if (ran == 0) { ran = 1; bad = !whole }
@@ -44,6 +46,8 @@ suite() {
   # Whatever CTest says counts, also where no single test says why.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
+  # A whole program that this machine cannot run says so, and nobody is to overlook it.
+  grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
     return
