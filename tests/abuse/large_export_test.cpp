@@ -41,9 +41,9 @@ void ExpectFile(const std::wstring& path, std::int64_t data_bytes, const Bytes& 
   EXPECT_EQ(Range(file, end, tail.size() + 1), tail);
   for (std::int64_t at = 0; at < data_bytes; at += data_bytes / 64 / kFrameBytes * kFrameBytes) {
     const std::int64_t count = std::min<std::int64_t>(4096, data_bytes - at);
-    EXPECT_EQ(Range(file, static_cast<std::int64_t>(kHeader) + at, static_cast<std::size_t>(count)),
-              CodesAsPcm(static_cast<std::uint64_t>(at) / 2, static_cast<std::uint64_t>(count) / 2,
-                         16))
+    EXPECT_EQ(
+        Range(file, static_cast<std::int64_t>(kHeader) + at, static_cast<std::size_t>(count)),
+        CodesAsPcm(static_cast<std::uint64_t>(at) / 2, static_cast<std::uint64_t>(count) / 2, 16))
         << "samples at byte " << at;
   }
   const std::int64_t frames = data_bytes / kFrameBytes;
