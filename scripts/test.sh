@@ -15,13 +15,15 @@ echo "Testing"
 passed=0 failed=0 skipped=0 broken=()
 
 # count LOG: "passed failed skipped" of the single tests in what CTest said with -V. A program that died
-# before its closing line, or that is no GoogleTest program, counts as one test.
+# before its closing line, or that is no GoogleTest program, counts as one test, and so does one that says
+# that it was not tested.
 count() {
   awk '
     /^test [0-9]+$/ { ran = bad = left = 0 }
     /^[0-9]+: \[==========\] [0-9]+ tests? from .* ran/ { ran += $3 }
     /^[0-9]+: \[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $5 }
     /^[0-9]+: \[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $5 }
+    / NOT TESTED\. / { ran++; left++ }
     /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: / {
       whole = / Passed +[0-9.]+ sec/
       if (ran == 0) { ran = 1; bad = !whole }
@@ -43,6 +45,8 @@ suite() {
   # Whatever CTest says counts, also where no single test says why.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
+  # A whole program that this machine cannot run says so, and nobody is to overlook it.
+  grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
     return
