@@ -4,75 +4,13 @@
 #include <cstring>
 #include <utility>
 
+#include "core/enumerator.h"
 #include "export/stream_config.h"
 
 namespace marlinda {
 namespace {
 
 constexpr long kBufferCount = 4;
-
-// The enumerators of pins and of media types are the same but for how an item is handed out.
-template <class Interface, class Out, class Item>
-class Enumerator final : public Interface {
- public:
-  using Give = HRESULT (*)(const Item&, Out*);
-
-  Enumerator(std::vector<Item> items, Give give) : items_(std::move(items)), give_(give) {}
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(Interface))) {
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<Interface*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  STDMETHODIMP Next(ULONG count, Out* out, ULONG* fetched) override {
-    if (out == nullptr) return E_POINTER;
-    ULONG given = 0;
-    for (; given < count && next_ < items_.size(); ++given, ++next_) {
-      const HRESULT hr = give_(items_[next_], out + given);
-      if (FAILED(hr)) return hr;
-    }
-    if (fetched != nullptr) *fetched = given;
-    return given == count ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override {
-    const std::size_t left = items_.size() - next_;
-    next_ += std::min<std::size_t>(count, left);
-    return count <= left ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Reset() override {
-    next_ = 0;
-    return S_OK;
-  }
-  STDMETHODIMP Clone(Interface** clone) override {
-    if (clone == nullptr) return E_POINTER;
-    return ComCall([&] {
-      ComPtr<Enumerator> copy = new Enumerator(items_, give_);
-      copy->next_ = next_;
-      *clone = copy.Detach();
-      return S_OK;
-    });
-  }
-
- private:
-  ~Enumerator() = default;
-
-  std::atomic<ULONG> references_{0};
-  const std::vector<Item> items_;
-  const Give give_;
-  std::size_t next_ = 0;
-};
 
 HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 
@@ -86,6 +24,9 @@ HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
     *out = copy;
   return hr;
 }
+
+using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
+using MediaTypes = Enumerator<IEnumMediaTypes, AudioType, AM_MEDIA_TYPE*, GiveType>;
 
 // No filter here has two pins of one direction.
 const wchar_t* NameOf(PIN_DIRECTION direction) {
@@ -219,11 +160,7 @@ STDMETHODIMP GraphPin::QueryAccept(const AM_MEDIA_TYPE* type) {
 
 STDMETHODIMP GraphPin::EnumMediaTypes(IEnumMediaTypes** types) {
   if (types == nullptr) return E_POINTER;
-  return ComCall([&] {
-    using Types = Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*, AudioType>;
-    *types = ComPtr<Types>(new Types(this->Types(), GiveType)).Detach();
-    return S_OK;
-  });
+  return ComCall([&] { return MediaTypes::Create(Types(), types); });
 }
 
 // InputPin
@@ -425,11 +362,9 @@ STDMETHODIMP GraphFilter::GetSyncSource(IReferenceClock** clock) {
 STDMETHODIMP GraphFilter::EnumPins(IEnumPins** pins) {
   if (pins == nullptr) return E_POINTER;
   return ComCall([&] {
-    using Pins = Enumerator<IEnumPins, IPin*, ComPtr<IPin>>;
     std::vector<ComPtr<IPin>> items;
     for (const auto& pin : pins_) items.emplace_back(pin.get());
-    *pins = ComPtr<Pins>(new Pins(std::move(items), GivePin)).Detach();
-    return S_OK;
+    return Pins::Create(std::move(items), pins);
   });
 }
 

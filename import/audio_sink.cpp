@@ -5,6 +5,8 @@
 #include <cwchar>
 #include <iterator>
 
+#include "core/enumerator.h"
+
 namespace marlinda {
 namespace {
 
@@ -27,84 +29,14 @@ HRESULT CopyTaskText(const wchar_t* text, LPWSTR* copy) noexcept {
   return S_OK;
 }
 
-// The part of an enumerator that does not depend on what is enumerated: `Enumerator` is one of
-// DirectShow's enumeration interfaces over `kCount` items.
-template <class Derived, class Enumerator>
-class EnumeratorBase : public Enumerator {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (iid != IID_IUnknown && iid != __uuidof(Enumerator)) return E_NOINTERFACE;
-    *object = static_cast<Enumerator*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete static_cast<Derived*>(this);
-    return left;
-  }
-
- private:
-  std::atomic<ULONG> references_ = 1;
-};
-
-// Enumerates the one pin that there is.
-class OnePin final : public EnumeratorBase<OnePin, IEnumPins> {
- public:
-  OnePin(IPin* pin, bool done) noexcept : pin_(pin), done_(done) {}
-
-  STDMETHODIMP Next(ULONG count, IPin** pins, ULONG* fetched) override {
-    if (pins == nullptr || (fetched == nullptr && count != 1)) return E_POINTER;
-    const ULONG given = count > 0 && !done_ ? 1 : 0;
-    if (given == 1) {
-      pin_.CopyTo(pins);
-      done_ = true;
-    }
-    if (fetched != nullptr) *fetched = given;
-    return given == count ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override {
-    const ULONG left = done_ ? 0 : 1;
-    if (count > 0) done_ = true;
-    return count <= left ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Reset() override {
-    done_ = false;
-    return S_OK;
-  }
-  STDMETHODIMP Clone(IEnumPins** copy) override {
-    if (copy == nullptr) return E_POINTER;
-    return ComCall([&] {
-      *copy = new OnePin(pin_.Get(), done_);
-      return S_OK;
-    });
-  }
-
- private:
-  const ComPtr<IPin> pin_;
-  bool done_;
-};
+HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 
 // The pin names no types of its own: it takes any that QueryAccept takes.
-class NoTypes final : public EnumeratorBase<NoTypes, IEnumMediaTypes> {
- public:
-  STDMETHODIMP Next(ULONG count, AM_MEDIA_TYPE**, ULONG* fetched) override {
-    if (fetched != nullptr) *fetched = 0;
-    return count == 0 ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override { return count == 0 ? S_OK : S_FALSE; }
-  STDMETHODIMP Reset() override { return S_OK; }
-  STDMETHODIMP Clone(IEnumMediaTypes** copy) override {
-    if (copy == nullptr) return E_POINTER;
-    return ComCall([&] {
-      *copy = new NoTypes;
-      return S_OK;
-    });
-  }
-};
+struct NoType {};
+HRESULT GiveType(const NoType&, AM_MEDIA_TYPE**) { return E_UNEXPECTED; }
+
+using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
+using MediaTypes = Enumerator<IEnumMediaTypes, NoType, AM_MEDIA_TYPE*, GiveType>;
 
 }  // namespace
 
@@ -199,10 +131,7 @@ STDMETHODIMP AudioSink::GetSyncSource(IReferenceClock** clock) {
 
 STDMETHODIMP AudioSink::EnumPins(IEnumPins** pins) {
   if (pins == nullptr) return E_POINTER;
-  return ComCall([&] {
-    *pins = new OnePin(&pin_, false);
-    return S_OK;
-  });
+  return ComCall([&] { return Pins::Create({ComPtr<IPin>(&pin_)}, pins); });
 }
 
 STDMETHODIMP AudioSink::FindPin(LPCWSTR id, IPin** pin) {
@@ -377,10 +306,7 @@ STDMETHODIMP AudioSink::Pin::QueryAccept(const AM_MEDIA_TYPE* type) {
 
 STDMETHODIMP AudioSink::Pin::EnumMediaTypes(IEnumMediaTypes** types) {
   if (types == nullptr) return E_POINTER;
-  return ComCall([&] {
-    *types = new NoTypes;
-    return S_OK;
-  });
+  return ComCall([&] { return MediaTypes::Create({}, types); });
 }
 
 STDMETHODIMP AudioSink::Pin::EndOfStream() {
