@@ -54,7 +54,7 @@ HRESULT WorkerThread::Start(std::function<void()> body) noexcept {
       FreeLibrary(job->module);
       return hr;
     }
-    job.release();
+    static_cast<void>(job.release());  // the thread's now
     ResumeThread(thread_.get());
     return S_OK;
   });

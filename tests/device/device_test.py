@@ -76,8 +76,8 @@ class PlayTest(unittest.TestCase):
             path = pathlib.Path(folder) / "played.wav"
             got = self.play(32, 3001, frames, windows_path(path))
             recorded = path.read_bytes()
-        # The tool plays half a second of silence before and after.
-        silence = SILENCE * (RATE // 2)
+        # The tool plays one and a half seconds of silence before and after.
+        silence = SILENCE * (RATE * 3 // 2)
         played = silence + known_signal(frames, 32767) + silence
         self.assertEqual(recorded[:44], b"RIFF" + struct.pack("<I", 36 + len(played)) + b"WAVEfmt " +
                          struct.pack("<IHHIIHH", 16, 3, 2, RATE, RATE * 8, 8, 32) + b"data" +

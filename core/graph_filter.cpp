@@ -1,11 +1,11 @@
-#include "export/graph_filter.h"
+#include "core/graph_filter.h"
 
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
+#include "core/com_call.h"
 #include "core/enumerator.h"
-#include "export/stream_config.h"
 
 namespace marlinda {
 namespace {
@@ -50,23 +50,53 @@ HRESULT CreateAllocator(ComPtr<IMemAllocator>& allocator) {
 
 }  // namespace
 
+const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept {
+  if (type.pbFormat == nullptr || type.cbFormat < sizeof(WAVEFORMATEX)) return nullptr;
+  return reinterpret_cast<const WAVEFORMATEX*>(type.pbFormat);
+}
+
+void FreeContents(AM_MEDIA_TYPE& type) noexcept {
+  if (type.pUnk != nullptr) type.pUnk->Release();
+  CoTaskMemFree(type.pbFormat);
+  type.pUnk = nullptr;
+  type.pbFormat = nullptr;
+  type.cbFormat = 0;
+}
+
+MediaType::~MediaType() {
+  if (type_ == nullptr) return;
+  FreeContents(*type_);
+  CoTaskMemFree(type_);
+}
+
 AudioType::AudioType(const WAVEFORMATEX& format)
     : format_(reinterpret_cast<const BYTE*>(&format),
               reinterpret_cast<const BYTE*>(&format) + sizeof format + format.cbSize) {}
 
 AudioType::AudioType(const AM_MEDIA_TYPE& type) {
-  const WAVEFORMATEX* const format = WaveFormatOf(type);
-  if (!IsEqualGUID(type.majortype, MEDIATYPE_Audio) || format == nullptr) return;
+  if (!IsEqualGUID(type.majortype, MEDIATYPE_Audio) ||
+      !IsEqualGUID(type.formattype, FORMAT_WaveFormatEx) || type.pbFormat == nullptr ||
+      type.cbFormat < sizeof(PCMWAVEFORMAT)) {
+    return;
+  }
   format_.assign(type.pbFormat, type.pbFormat + type.cbFormat);
+  format_.resize(std::max(format_.size(), sizeof(WAVEFORMATEX)));
 }
 
 AM_MEDIA_TYPE AudioType::View() const noexcept {
   AM_MEDIA_TYPE type = {};
   if (empty()) return type;
   type.majortype = MEDIATYPE_Audio;
-  type.subtype = MEDIASUBTYPE_PCM;  // the subtype of a format tag differs in its first field alone
-  type.subtype.Data1 = format()->wFormatTag;
-  type.bFixedSizeSamples = format()->wFormatTag == WAVE_FORMAT_PCM;
+  const WORD tag = format()->wFormatTag;
+  if (tag == WAVE_FORMAT_EXTENSIBLE && format_.size() >= sizeof(WAVEFORMATEXTENSIBLE)) {
+    type.subtype = reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(format())->SubFormat;
+  } else {
+    // The subtype of a format tag differs in its first field alone.
+    type.subtype = MEDIASUBTYPE_PCM;
+    type.subtype.Data1 = tag;
+  }
+  type.bFixedSizeSamples = IsEqualGUID(type.subtype, MEDIASUBTYPE_PCM) ||
+                           IsEqualGUID(type.subtype, MEDIASUBTYPE_IEEE_FLOAT);
   type.lSampleSize = format()->nBlockAlign;
   type.formattype = FORMAT_WaveFormatEx;
   type.cbFormat = static_cast<ULONG>(format_.size());
@@ -103,6 +133,7 @@ STDMETHODIMP GraphPin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* t
   if (connector == nullptr || type == nullptr) return E_POINTER;
   if (direction_ != PINDIR_INPUT) return E_UNEXPECTED;
   if (IsConnected()) return VFW_E_ALREADY_CONNECTED;
+  if (filter_.state() != State_Stopped) return VFW_E_NOT_STOPPED;
   return ComCall([&] {
     AudioType offered(*type);
     if (offered.empty() || !Accepts(offered)) return VFW_E_TYPE_NOT_ACCEPTED;
@@ -350,12 +381,14 @@ STDMETHODIMP GraphFilter::GetState(DWORD, FILTER_STATE* state) {
 }
 
 STDMETHODIMP GraphFilter::SetSyncSource(IReferenceClock* clock) {
+  const std::lock_guard lock(mutex_);
   clock_ = clock;
   return S_OK;
 }
 
 STDMETHODIMP GraphFilter::GetSyncSource(IReferenceClock** clock) {
   if (clock == nullptr) return E_POINTER;
+  const std::lock_guard lock(mutex_);
   return clock_.CopyTo(clock);
 }
 
@@ -380,6 +413,7 @@ STDMETHODIMP GraphFilter::FindPin(LPCWSTR id, IPin** pin) {
 STDMETHODIMP GraphFilter::QueryFilterInfo(FILTER_INFO* info) {
   if (info == nullptr) return E_POINTER;
   *info = {};
+  const std::lock_guard lock(mutex_);
   name_.copy(info->achName, std::size(info->achName) - 1);
   info->pGraph = graph_;
   if (graph_ != nullptr) graph_->AddRef();
@@ -388,6 +422,7 @@ STDMETHODIMP GraphFilter::QueryFilterInfo(FILTER_INFO* info) {
 
 STDMETHODIMP GraphFilter::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
   return ComCall([&] {
+    const std::lock_guard lock(mutex_);
     name_ = name != nullptr ? name : L"";
     graph_ = graph;
     return S_OK;
