@@ -1,33 +1,15 @@
 #include "core/class_factory.h"
 
-#include <atomic>
-
 #include "core/com_call.h"
 #include "core/module.h"
+#include "core/plain_object.h"
 
 namespace marlinda {
 namespace {
 
-class ClassFactory final : public IClassFactory {
+class ClassFactory final : public PlainObject<IClassFactory> {
  public:
   explicit ClassFactory(const ClassEntry& entry) noexcept : entry_(entry) {}
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IClassFactory)) {
-      return E_NOINTERFACE;
-    }
-    AddRef();
-    *object = static_cast<IClassFactory*>(this);
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
 
   STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
     return entry_.create(outer, iid, object);
@@ -40,8 +22,6 @@ class ClassFactory final : public IClassFactory {
 
  private:
   const ClassEntry& entry_;
-  const ModuleObjectCount module_count_;
-  std::atomic<ULONG> references_{1};
 };
 
 }  // namespace

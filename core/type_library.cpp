@@ -193,7 +193,7 @@ class TypeLibrary {
 // Never destroyed by the runtime: at process exit the automation library may be gone already.
 TypeLibrary& Library() {
   alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
-  static TypeLibrary* const library = new (storage) TypeLibrary;
+  static auto* const library = new (storage) TypeLibrary;
   return *library;
 }
 

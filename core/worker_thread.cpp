@@ -53,7 +53,7 @@ HRESULT WorkerThread::StartJob(std::function<void()> body) {
     FreeLibrary(job->module);
     return hr;
   }
-  job.release();
+  static_cast<void>(job.release());  // the thread's now
   ResumeThread(thread_.get());
   return S_OK;
 }

@@ -5,11 +5,9 @@
 #include <olectl.h>
 
 #include <algorithm>
-#include <atomic>
-#include <span>
 #include <utility>
 
-#include "core/module.h"
+#include "core/enumerator.h"
 
 namespace marlinda {
 namespace {
@@ -20,74 +18,19 @@ struct Connection {
   DWORD cookie = 0;
 };
 
-void HandOut(const Connection& connection, CONNECTDATA* out) {
+HRESULT GiveConnection(const Connection& connection, CONNECTDATA* out) {
   *out = {connection.sink.Get(), connection.cookie};
   out->pUnk->AddRef();
+  return S_OK;
 }
 
-void HandOut(const ComPtr<IConnectionPoint>& point, IConnectionPoint** out) {
-  *out = point.Get();
-  (*out)->AddRef();
+HRESULT GivePoint(const ComPtr<IConnectionPoint>& point, IConnectionPoint** out) {
+  return point.CopyTo(out);
 }
 
-// An enumerator over a list that it owns, taken when the enumeration began.
-template <class I, class Entry, class Out>
-class Enumerator final : public I {
- public:
-  explicit Enumerator(std::vector<Entry> entries) : entries_(std::move(entries)) {}
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(I))) return E_NOINTERFACE;
-    *object = static_cast<I*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  STDMETHODIMP Next(ULONG wanted, Out* out, ULONG* fetched) override {
-    if (fetched != nullptr) *fetched = 0;
-    if (out == nullptr || (fetched == nullptr && wanted != 1)) return E_POINTER;
-    const std::size_t count = std::min<std::size_t>(wanted, entries_.size() - next_);
-    for (std::size_t i = 0; i < count; ++i) HandOut(entries_[next_ + i], out + i);
-    next_ += count;
-    if (fetched != nullptr) *fetched = static_cast<ULONG>(count);
-    return count == wanted ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG wanted) override {
-    const std::size_t count = std::min<std::size_t>(wanted, entries_.size() - next_);
-    next_ += count;
-    return count == wanted ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Reset() override {
-    next_ = 0;
-    return S_OK;
-  }
-  STDMETHODIMP Clone(I** clone) override {
-    if (clone == nullptr) return E_POINTER;
-    *clone = nullptr;
-    return ComCall([&] {
-      auto* const copy = new Enumerator(entries_);
-      copy->next_ = next_;
-      *clone = copy;
-      return S_OK;
-    });
-  }
-
- private:
-  ~Enumerator() = default;
-
-  const ModuleObjectCount module_count_;
-  std::atomic<ULONG> references_{1};
-  const std::vector<Entry> entries_;
-  std::size_t next_ = 0;
-};
+using Connections = Enumerator<IEnumConnections, Connection, CONNECTDATA, GiveConnection>;
+using Points =
+    Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
 // The arguments of one call, freed after it. Each call gets its own: a sink that clears or replaces
 // one against the rules harms neither the next sink nor the caller's string.
@@ -213,8 +156,7 @@ STDMETHODIMP ConnectionPoint::EnumConnections(IEnumConnections** connections) {
     for (std::size_t slot = 0; slot < sinks_.size(); ++slot) {
       if (sinks_[slot]) entries.push_back({sinks_[slot], static_cast<DWORD>(slot) + 1});
     }
-    *connections = new Enumerator<IEnumConnections, Connection, CONNECTDATA>(std::move(entries));
-    return S_OK;
+    return Connections::Create(std::move(entries), connections);
   });
 }
 
@@ -240,9 +182,7 @@ HRESULT ConnectionPoints::Enumerate(IEnumConnectionPoints** points) {
   *points = nullptr;
   std::vector<ComPtr<IConnectionPoint>> entries;
   for (ConnectionPoint* point : All()) entries.emplace_back(point);
-  *points = new Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*>(
-      std::move(entries));
-  return S_OK;
+  return Points::Create(std::move(entries), points);
 }
 
 HRESULT ConnectionPoints::Find(REFIID iid, IConnectionPoint** point) noexcept {

@@ -452,11 +452,13 @@ void CEditedAudio::FireStoreUndo(BSTR operation) {
   const auto identity = TryQuery<IUnknown>(Identity());
   connection_points_.undo.Fire(kFireStoreUndo, [&] {
     std::vector<VARIANTARG> arguments(2);
-    V_VT(&arguments[0]) = VT_UNKNOWN;
-    V_UNKNOWN(&arguments[0]) = identity.Get();
+    VARIANTARG& document = arguments.front();
+    VARIANTARG& name = arguments.back();
+    V_VT(&document) = VT_UNKNOWN;
+    V_UNKNOWN(&document) = identity.Get();
     if (identity) identity->AddRef();
-    V_VT(&arguments[1]) = VT_BSTR;
-    V_BSTR(&arguments[1]) =
+    V_VT(&name) = VT_BSTR;
+    V_BSTR(&name) =
         operation == nullptr ? nullptr : SysAllocStringLen(operation, SysStringLen(operation));
     return arguments;
   });
@@ -530,7 +532,8 @@ HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CS
 CEditedAudio* CEditedAudio::Direct(IEditedAudio* document) {
   const auto object = TryQuery<IDocumentObject>(document);
   CEditedAudio* const found = object ? object->Implementation() : nullptr;
-  const bool bare = found == document && !found->IsAggregated() && !IsAggregated();
+  const bool bare =
+      found != nullptr && found == document && !found->IsAggregated() && !IsAggregated();
   return bare ? found : nullptr;
 }
 

@@ -4,10 +4,10 @@
 #include <optional>
 #include <utility>
 
+#include "core/graph_filter.h"
 #include "core/handle.h"
 #include "export/encoded_file.h"
 #include "export/file_sink.h"
-#include "export/graph_filter.h"
 #include "export/id3_tag.h"
 #include "export/mp3_encoder.h"
 #include "export/stream_config.h"

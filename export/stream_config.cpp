@@ -45,27 +45,8 @@ void ForEachCapability(IAMStreamConfig* config,
   }
 }
 
-const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept {
-  if (type.pbFormat == nullptr || type.cbFormat < sizeof(WAVEFORMATEX)) return nullptr;
-  return reinterpret_cast<const WAVEFORMATEX*>(type.pbFormat);
-}
-
 int BitRateKbit(const WAVEFORMATEX& format) noexcept {
   return static_cast<int>(std::uint64_t{format.nAvgBytesPerSec} * 8 / 1000);
-}
-
-MediaType::~MediaType() {
-  if (type_ == nullptr) return;
-  FreeContents(*type_);
-  CoTaskMemFree(type_);
-}
-
-void FreeContents(AM_MEDIA_TYPE& type) noexcept {
-  if (type.pUnk != nullptr) type.pUnk->Release();
-  CoTaskMemFree(type.pbFormat);
-  type.pUnk = nullptr;
-  type.pbFormat = nullptr;
-  type.cbFormat = 0;
 }
 
 }  // namespace marlinda

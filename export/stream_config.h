@@ -1,4 +1,4 @@
-// What an encoder filter can do: its IAMStreamConfig, the media types in it, and their owner.
+// What an encoder filter can do: its IAMStreamConfig and the media types in it.
 #pragma once
 
 #include <windows.h>
@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "core/com_ptr.h"
+#include "core/graph_filter.h"
 
 namespace marlinda {
 
@@ -23,24 +24,6 @@ ComPtr<IAMStreamConfig> FindStreamConfig(IBaseFilter* encoder);
 void ForEachCapability(IAMStreamConfig* config,
                        const std::function<void(const AM_MEDIA_TYPE&)>& visit);
 
-// The wave format in a media type; null when its format block is too short for one.
-const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
-
 int BitRateKbit(const WAVEFORMATEX& format) noexcept;
-
-// Owns a media type that came from a filter.
-class MediaType {
- public:
-  explicit MediaType(AM_MEDIA_TYPE* type) noexcept : type_(type) {}
-  MediaType(const MediaType&) = delete;
-  MediaType& operator=(const MediaType&) = delete;
-  ~MediaType();
-
- private:
-  AM_MEDIA_TYPE* type_;
-};
-
-// Frees the format block and the reference of a media type, not the structure itself.
-void FreeContents(AM_MEDIA_TYPE& type) noexcept;
 
 }  // namespace marlinda

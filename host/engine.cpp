@@ -149,18 +149,18 @@ Annotations ReadAnnotations(IUnknown* object) {
 void AddAnnotations(IUnknown* object, const Annotations& annotations) {
   const auto labels = Query<ILabelSupport>(object);
   for (const Label& label : annotations.labels) {
-    Check(labels->AddLabel(label.position, Bstr(label.name)));
+    Check(labels->AddLabel(label.position, Bstr(label.name).get()));
   }
   const auto markers = Query<ISectionMarkerSupport>(object);
   for (const Marker& marker : annotations.markers) {
-    Check(markers->AddSectionMarker(marker.begin, marker.end, Bstr(marker.name)));
+    Check(markers->AddSectionMarker(marker.begin, marker.end, Bstr(marker.name).get()));
   }
 }
 
 Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   RequireReadable(file);
   const Bstr engine_name(EngineNameOfInput(file));
-  filter_ = ChooseFilter(file, engine_name);
+  filter_ = ChooseFilter(file, engine_name.get());
   identity_ = IdentityOf(filter_.Get());
 
   ComPtr<IAudioWriter> writer = target;
@@ -172,7 +172,7 @@ Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
     if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
     writer = Query<IAudioWriter>(pool_.Get());
   }
-  const HRESULT hr = filter_->Initialize(engine_name, writer.Get());
+  const HRESULT hr = filter_->Initialize(engine_name.get(), writer.Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
   }
@@ -275,7 +275,7 @@ WaveExport::WaveExport(const std::string& file, const std::string& input)
     : file_(file),
       filter_(CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter")) {
   VARIANT_BOOL supported = VARIANT_FALSE;
-  Check(filter_->QuerySupportsExtension(Bstr(ExtensionOf(file)), &supported));
+  Check(filter_->QuerySupportsExtension(Bstr(ExtensionOf(file)).get(), &supported));
   if (supported == VARIANT_FALSE) {
     throw HostError(ExitStatus::kUsage, file, "only WAV files can be written",
                     "Choose a name that ends in .wav.");
@@ -301,7 +301,7 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   }
 
   const OpenReader open(reader);
-  const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)), reader);
+  const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), reader);
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
   HandOver();
@@ -327,8 +327,9 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
 
 void WaveExport::HandOver() {
   Check(Query<IMetaDataWriter>(filter_.Get())
-            ->SetMetaData(Bstr(tags_.title), Bstr(tags_.artist), Bstr(tags_.album),
-                          Bstr(tags_.year), Bstr(tags_.genre)));
+            ->SetMetaData(Bstr(tags_.title).get(), Bstr(tags_.artist).get(),
+                          Bstr(tags_.album).get(), Bstr(tags_.year).get(),
+                          Bstr(tags_.genre).get()));
   AddAnnotations(filter_.Get(), annotations_);
   if (acid_) {
     Check(Query<IAcidWriter>(filter_.Get())

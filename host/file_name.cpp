@@ -23,7 +23,7 @@ FileHandle OpenFile(const std::string& file, DWORD access, DWORD disposition,
 
 // The name itself when it fits; else the short name, where the file has one that fits.
 std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
-  const std::wstring name = Widen(file);
+  std::wstring name = Widen(file);
   if (FitsCodePage(name)) return name;
   std::wstring short_name(GetShortPathNameW(name.c_str(), nullptr, 0), L'\0');
   short_name.resize(

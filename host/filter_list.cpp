@@ -9,11 +9,11 @@
 
 namespace marlinda {
 
-const char* const kFilterListKey = "HKEY_LOCAL_MACHINE\\Software\\Brevant\\Cutloom\\Import Filters";
+const char* const kFilterListKey = R"(HKEY_LOCAL_MACHINE\Software\Brevant\Cutloom\Import Filters)";
 
 namespace {
 
-constexpr wchar_t kSubkey[] = L"Software\\Brevant\\Cutloom\\Import Filters";
+constexpr wchar_t kSubkey[] = LR"(Software\Brevant\Cutloom\Import Filters)";
 
 void RequireSuccess(LSTATUS error) {
   if (error == ERROR_SUCCESS) return;

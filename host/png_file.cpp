@@ -25,7 +25,8 @@ void Collect(void* file, void* data, int size) {
 
 void WritePng(const std::string& file, const Picture& picture) {
   std::string content;
-  const bool encoded = stbi_write_png_to_func(Collect, &content, picture.width(), picture.height(),
+  const bool encoded = picture.width() > 0 &&
+                       stbi_write_png_to_func(Collect, &content, picture.width(), picture.height(),
                                               3, picture.bytes().data(), 3 * picture.width()) != 0;
   if (!encoded) throw std::bad_alloc();
   const std::filesystem::path path(Widen(file));

@@ -30,12 +30,12 @@ std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
 }
 
 // Cuts `text` at its first colon and leaves what follows it in `text`.
-std::string_view TakeUpToColon(std::string_view& text, std::string_view whole,
+std::string_view TakeUpToColon(std::string_view& rest, std::string_view whole,
                                std::string_view form) {
-  const std::size_t colon = text.find(':');
+  const std::size_t colon = rest.find(':');
   if (colon == std::string_view::npos) Refuse(whole, "is not of the form " + std::string(form));
-  const std::string_view head = text.substr(0, colon);
-  text.remove_prefix(colon + 1);
+  const std::string_view head = rest.substr(0, colon);
+  rest.remove_prefix(colon + 1);
   return head;
 }
 

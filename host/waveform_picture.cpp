@@ -117,10 +117,12 @@ class Canvas {
     const double first = static_cast<double>(waveform_.begin) / waveform_.rate;
     const double step = TickStep(seconds, picture_.width(), kTickSpace);
     picture_.Fill(0, lanes_bottom_, picture_.width(), 1, kText);
-    for (double tick = std::ceil(first / step - 1e-9); tick * step < first + seconds; ++tick) {
-      const auto x = static_cast<int>((tick * step - first) / seconds * picture_.width());
+    for (auto tick = std::llround(std::ceil(first / step - 1e-9));; ++tick) {
+      const double time = static_cast<double>(tick) * step;
+      if (time >= first + seconds) break;
+      const auto x = static_cast<int>((time - first) / seconds * picture_.width());
       picture_.Fill(x, lanes_bottom_, 1, 5, kText);
-      picture_.DrawText(x + 3, lanes_bottom_ + 5, TickText(tick * step, step), kText);
+      picture_.DrawText(x + 3, lanes_bottom_ + 5, TickText(time, step), kText);
     }
   }
 
@@ -174,9 +176,9 @@ double TickStep(double seconds, int width, int least_pixels) {
   constexpr std::array kClock = {1.0,   2.0,   5.0,   10.0,   15.0,   30.0,   60.0,    120.0,
                                  300.0, 600.0, 900.0, 1800.0, 3600.0, 7200.0, 14400.0, 43200.0};
   const double least = seconds * least_pixels / width;
-  for (double power = 1e-6; power < 1.0; power *= 10) {
+  for (const double power : {1e-6, 1e-5, 1e-4, 1e-3, 1e-2, 1e-1}) {
     for (const double step : {power, 2 * power, 5 * power}) {
-      if (step >= least && step < 0.99) return step;
+      if (step >= least) return step;
     }
   }
   for (const double step : kClock) {
@@ -187,13 +189,13 @@ double TickStep(double seconds, int width, int least_pixels) {
 }
 
 std::string TickText(double seconds, double step) {
-  int decimals = 0;
-  for (double unit = 1.0; unit > step * 1.000001 && decimals < 6; unit /= 10) ++decimals;
+  const auto needed = static_cast<int>(std::ceil(-std::log10(step) - 1e-6));
+  const int decimals = std::clamp(needed, 0, 6);
   // Rounded to what is shown, so that 59.9999 does not read as "0:60".
   const double scale = std::pow(10.0, decimals);
   const auto units = static_cast<long long>(std::llround(seconds * scale));
   const auto whole = units / static_cast<long long>(scale);
-  const double rest = static_cast<double>(units) / scale - static_cast<double>(whole / 60 * 60);
+  const double rest = static_cast<double>(units) / scale - static_cast<double>(whole - whole % 60);
   char text[64];
   const int digits = decimals > 0 ? decimals + 3 : 2;
   if (whole >= 3600) {

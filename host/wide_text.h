@@ -32,7 +32,7 @@ class Bstr {
   Bstr& operator=(const Bstr&) = delete;
   ~Bstr() { SysFreeString(text_); }
 
-  operator BSTR() const { return text_; }
+  BSTR get() const { return text_; }
   // For an out parameter; frees what was held.
   BSTR* Receive() {
     SysFreeString(text_);

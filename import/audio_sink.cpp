@@ -1,112 +1,59 @@
 #include "import/audio_sink.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cwchar>
-#include <iterator>
 
 namespace marlinda {
-namespace {
 
-constexpr wchar_t kPinId[] = L"In";
-
-std::span<const std::byte> FormatBody(const AM_MEDIA_TYPE& type) noexcept {
-  if (type.majortype != MEDIATYPE_Audio || type.formattype != FORMAT_WaveFormatEx ||
-      type.pbFormat == nullptr) {
-    return {};
-  }
-  return {reinterpret_cast<const std::byte*>(type.pbFormat), type.cbFormat};
-}
-
-// Text that the caller frees with CoTaskMemFree.
-HRESULT CopyTaskText(const wchar_t* text, LPWSTR* copy) noexcept {
-  const std::size_t bytes = (std::wcslen(text) + 1) * sizeof(wchar_t);
-  *copy = static_cast<LPWSTR>(CoTaskMemAlloc(bytes));
-  if (*copy == nullptr) return E_OUTOFMEMORY;
-  std::copy_n(text, bytes / sizeof(wchar_t), *copy);
-  return S_OK;
-}
-
-// The part of an enumerator that does not depend on what is enumerated: `Enumerator` is one of
-// DirectShow's enumeration interfaces over `kCount` items.
-template <class Derived, class Enumerator>
-class EnumeratorBase : public Enumerator {
+// Takes every uncompressed format, one for as long as it is connected.
+class AudioSink::Pin final : public InputPin {
  public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (iid != IID_IUnknown && iid != __uuidof(Enumerator)) return E_NOINTERFACE;
-    *object = static_cast<Enumerator*>(this);
-    AddRef();
+  Pin(GraphFilter& filter, AudioSink& sink)
+      : InputPin(filter, {.accepts = {},
+                          .receive = [&](auto bytes) { return sink.Deliver(bytes); },
+                          .end = [&] { return sink.End(); }}),
+        sink_(sink) {}
+
+  STDMETHODIMP ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override {
+    const HRESULT hr = InputPin::ReceiveConnection(connector, type);
+    if (SUCCEEDED(hr)) sink_.SetFormat(ParseWaveFormat(this->type().bytes()));
+    return hr;
+  }
+  STDMETHODIMP BeginFlush() override {
+    sink_.SetFlushing(true);
     return S_OK;
   }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete static_cast<Derived*>(this);
-    return left;
+  STDMETHODIMP EndFlush() override {
+    sink_.SetFlushing(false);
+    return S_OK;
   }
 
  private:
-  std::atomic<ULONG> references_ = 1;
-};
+  bool Accepts(const AudioType& type) const override {
+    return ParseWaveFormat(type.bytes()).has_value();
+  }
 
-// Enumerates the one pin that there is.
-class OnePin final : public EnumeratorBase<OnePin, IEnumPins> {
- public:
-  OnePin(IPin* pin, bool done) noexcept : pin_(pin), done_(done) {}
-
-  STDMETHODIMP Next(ULONG count, IPin** pins, ULONG* fetched) override {
-    if (pins == nullptr || (fetched == nullptr && count != 1)) return E_POINTER;
-    const ULONG given = count > 0 && !done_ ? 1 : 0;
-    if (given == 1) {
-      pin_.CopyTo(pins);
-      done_ = true;
-    }
-    if (fetched != nullptr) *fetched = given;
-    return given == count ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override {
-    const ULONG left = done_ ? 0 : 1;
-    if (count > 0) done_ = true;
-    return count <= left ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Reset() override {
-    done_ = false;
-    return S_OK;
-  }
-  STDMETHODIMP Clone(IEnumPins** copy) override {
-    if (copy == nullptr) return E_POINTER;
+  STDMETHODIMP GetAllocator(IMemAllocator**) override { return VFW_E_NO_ALLOCATOR; }
+  STDMETHODIMP ReceiveCanBlock() override { return S_OK; }
+  STDMETHODIMP Receive(IMediaSample* sample) override {
+    if (sample == nullptr) return E_POINTER;
     return ComCall([&] {
-      *copy = new OnePin(pin_.Get(), done_);
-      return S_OK;
+      AM_MEDIA_TYPE* announced = nullptr;
+      if (sample->GetMediaType(&announced) == S_OK && announced != nullptr) {
+        const MediaType owner(announced);
+        // The format was announced and stays true of all that is delivered: another one is the end.
+        if (ParseWaveFormat(AudioType(*announced).bytes()) != sink_.format()) {
+          sink_.End();
+          return S_FALSE;
+        }
+      }
+      return InputPin::Receive(sample);
     });
   }
 
- private:
-  const ComPtr<IPin> pin_;
-  bool done_;
+  AudioSink& sink_;
 };
 
-// The pin names no types of its own: it takes any that QueryAccept takes.
-class NoTypes final : public EnumeratorBase<NoTypes, IEnumMediaTypes> {
- public:
-  STDMETHODIMP Next(ULONG count, AM_MEDIA_TYPE**, ULONG* fetched) override {
-    if (fetched != nullptr) *fetched = 0;
-    return count == 0 ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override { return count == 0 ? S_OK : S_FALSE; }
-  STDMETHODIMP Reset() override { return S_OK; }
-  STDMETHODIMP Clone(IEnumMediaTypes** copy) override {
-    if (copy == nullptr) return E_POINTER;
-    return ComCall([&] {
-      *copy = new NoTypes;
-      return S_OK;
-    });
-  }
-};
-
-}  // namespace
+AudioSink::AudioSink() { AddPin<Pin>(*this); }
 
 std::optional<PcmFormat> AudioSink::format() const {
   const std::lock_guard lock(mutex_);
@@ -132,146 +79,18 @@ void AudioSink::Abandon() {
   changed_.notify_all();
 }
 
-STDMETHODIMP AudioSink::QueryInterface(REFIID iid, void** object) {
-  if (object == nullptr) return E_POINTER;
-  *object = nullptr;
-  if (iid != IID_IUnknown && iid != IID_IPersist && iid != IID_IMediaFilter &&
-      iid != IID_IBaseFilter) {
-    return E_NOINTERFACE;
-  }
-  *object = static_cast<IBaseFilter*>(this);
-  AddRef();
-  return S_OK;
-}
-
-STDMETHODIMP_(ULONG) AudioSink::Release() {
-  const ULONG left = --references_;
-  if (left == 0) delete this;
-  return left;
-}
-
-STDMETHODIMP AudioSink::GetClassID(CLSID* class_id) {
-  if (class_id == nullptr) return E_POINTER;
-  // It is registered nowhere.
-  *class_id = CLSID_NULL;
-  return S_OK;
-}
-
-void AudioSink::SetState(FILTER_STATE state) {
-  const std::lock_guard lock(mutex_);
-  state_ = state;
-  changed_.notify_all();
-}
-
 STDMETHODIMP AudioSink::Stop() {
-  SetState(State_Stopped);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pause() {
-  SetState(State_Paused);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Run(REFERENCE_TIME) {
-  SetState(State_Running);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::GetState(DWORD, FILTER_STATE* state) {
-  if (state == nullptr) return E_POINTER;
+  const HRESULT hr = GraphFilter::Stop();
+  // Under the lock, so that no delivery looks before it and waits after it.
   const std::lock_guard lock(mutex_);
-  *state = state_;
-  return S_OK;
+  changed_.notify_all();
+  return hr;
 }
 
-STDMETHODIMP AudioSink::SetSyncSource(IReferenceClock* clock) {
-  const std::lock_guard lock(mutex_);
-  clock_ = clock;
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::GetSyncSource(IReferenceClock** clock) {
-  if (clock == nullptr) return E_POINTER;
-  const std::lock_guard lock(mutex_);
-  return clock_.CopyTo(clock);
-}
-
-STDMETHODIMP AudioSink::EnumPins(IEnumPins** pins) {
-  if (pins == nullptr) return E_POINTER;
-  return ComCall([&] {
-    *pins = new OnePin(&pin_, false);
-    return S_OK;
-  });
-}
-
-STDMETHODIMP AudioSink::FindPin(LPCWSTR id, IPin** pin) {
-  if (pin == nullptr) return E_POINTER;
-  *pin = nullptr;
-  if (id == nullptr || std::wcscmp(id, kPinId) != 0) return VFW_E_NOT_FOUND;
-  *pin = &pin_;
-  AddRef();
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::QueryFilterInfo(FILTER_INFO* info) {
-  if (info == nullptr) return E_POINTER;
-  const std::lock_guard lock(mutex_);
-  *info = {};
-  name_.copy(info->achName, std::size(info->achName) - 1);
-  info->pGraph = graph_;
-  if (graph_ != nullptr) graph_->AddRef();
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
-  return ComCall([&] {
-    const std::lock_guard lock(mutex_);
-    name_ = name != nullptr ? name : L"";
-    graph_ = graph;
-    return S_OK;
-  });
-}
-
-// Called by an output pin that has found the format good for itself.
-HRESULT AudioSink::Accept(IPin* connector, const AM_MEDIA_TYPE& type) {
-  const auto body = FormatBody(type);
-  const auto format = ParseWaveFormat(body);
-  const std::lock_guard lock(mutex_);
-  if (connected_to_ != nullptr) return VFW_E_ALREADY_CONNECTED;
-  if (state_ != State_Stopped) return VFW_E_NOT_STOPPED;
-  if (!format) return VFW_E_TYPE_NOT_ACCEPTED;
-  format_body_.assign(body.begin(), body.end());
-  format_ = format;
-  connected_to_ = connector;
-  return S_OK;
-}
-
-HRESULT AudioSink::Deliver(IMediaSample* sample) {
-  AM_MEDIA_TYPE* new_type = nullptr;
-  if (sample->GetMediaType(&new_type) == S_OK && new_type != nullptr) {
-    // The format was announced and stays true of all that is delivered: another one is the end.
-    const bool same = ParseWaveFormat(FormatBody(*new_type)) == format();
-    if (new_type->pUnk != nullptr) new_type->pUnk->Release();
-    CoTaskMemFree(new_type->pbFormat);
-    CoTaskMemFree(new_type);
-    if (!same) {
-      End();
-      return S_FALSE;
-    }
-  }
-  BYTE* data = nullptr;
-  const HRESULT hr = sample->GetPointer(&data);
-  if (FAILED(hr)) return hr;
-  const LONG length = sample->GetActualDataLength();
-  if (data == nullptr || length <= 0) return S_OK;
-  return DeliverBytes({reinterpret_cast<const std::byte*>(data), static_cast<std::size_t>(length)});
-}
-
-HRESULT AudioSink::DeliverBytes(std::span<const std::byte> bytes) {
+HRESULT AudioSink::Deliver(std::span<const std::byte> bytes) {
   std::unique_lock lock(mutex_);
   const auto refused = [&] {
-    return abandoned_ || flushing_ || ended_ || state_ == State_Stopped || !format_;
+    return abandoned_ || flushing_ || ended_ || state() == State_Stopped || !format_;
   };
   changed_.wait(lock, [&] { return !has_block_ || refused(); });
   if (refused()) return S_FALSE;
@@ -283,10 +102,16 @@ HRESULT AudioSink::DeliverBytes(std::span<const std::byte> bytes) {
   return S_OK;
 }
 
-void AudioSink::End() {
+HRESULT AudioSink::End() {
   const std::lock_guard lock(mutex_);
   ended_ = true;
   changed_.notify_all();
+  return S_OK;
+}
+
+void AudioSink::SetFormat(const std::optional<PcmFormat>& format) {
+  const std::lock_guard lock(mutex_);
+  format_ = format;
 }
 
 void AudioSink::SetFlushing(bool flushing) {
@@ -294,122 +119,6 @@ void AudioSink::SetFlushing(bool flushing) {
   flushing_ = flushing;
   if (flushing) has_block_ = false;
   changed_.notify_all();
-}
-
-STDMETHODIMP AudioSink::Pin::QueryInterface(REFIID iid, void** object) {
-  if (object == nullptr) return E_POINTER;
-  *object = nullptr;
-  if (iid == IID_IUnknown || iid == IID_IPin) {
-    *object = static_cast<IPin*>(this);
-  } else if (iid == IID_IMemInputPin) {
-    *object = static_cast<IMemInputPin*>(this);
-  } else {
-    return E_NOINTERFACE;
-  }
-  AddRef();
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) {
-  if (connector == nullptr || type == nullptr) return E_POINTER;
-  return ComCall([&] { return sink_.Accept(connector, *type); });
-}
-
-STDMETHODIMP AudioSink::Pin::Disconnect() {
-  ComPtr<IPin> released_unlocked;
-  const std::lock_guard lock(sink_.mutex_);
-  if (sink_.state_ != State_Stopped) return VFW_E_NOT_STOPPED;
-  if (sink_.connected_to_ == nullptr) return S_FALSE;
-  released_unlocked.Swap(sink_.connected_to_);
-  sink_.format_.reset();
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::ConnectedTo(IPin** pin) {
-  if (pin == nullptr) return E_POINTER;
-  const std::lock_guard lock(sink_.mutex_);
-  sink_.connected_to_.CopyTo(pin);
-  return *pin != nullptr ? S_OK : VFW_E_NOT_CONNECTED;
-}
-
-STDMETHODIMP AudioSink::Pin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
-  if (type == nullptr) return E_POINTER;
-  *type = {};
-  const std::lock_guard lock(sink_.mutex_);
-  if (!sink_.format_) return VFW_E_NOT_CONNECTED;
-  auto* body = static_cast<BYTE*>(CoTaskMemAlloc(sink_.format_body_.size()));
-  if (body == nullptr) return E_OUTOFMEMORY;
-  std::ranges::copy(sink_.format_body_, reinterpret_cast<std::byte*>(body));
-  type->majortype = MEDIATYPE_Audio;
-  type->subtype = sink_.format_->is_float ? MEDIASUBTYPE_IEEE_FLOAT : MEDIASUBTYPE_PCM;
-  type->bFixedSizeSamples = TRUE;
-  type->lSampleSize = static_cast<ULONG>(sink_.format_->FrameBytes());
-  type->formattype = FORMAT_WaveFormatEx;
-  type->cbFormat = static_cast<ULONG>(sink_.format_body_.size());
-  type->pbFormat = body;
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::QueryPinInfo(PIN_INFO* info) {
-  if (info == nullptr) return E_POINTER;
-  *info = {};
-  info->pFilter = &sink_;
-  sink_.AddRef();
-  info->dir = PINDIR_INPUT;
-  std::copy_n(kPinId, std::size(kPinId), info->achName);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::QueryDirection(PIN_DIRECTION* direction) {
-  if (direction == nullptr) return E_POINTER;
-  *direction = PINDIR_INPUT;
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::QueryId(LPWSTR* id) {
-  return id == nullptr ? E_POINTER : CopyTaskText(kPinId, id);
-}
-
-STDMETHODIMP AudioSink::Pin::QueryAccept(const AM_MEDIA_TYPE* type) {
-  if (type == nullptr) return E_POINTER;
-  return ParseWaveFormat(FormatBody(*type)) ? S_OK : S_FALSE;
-}
-
-STDMETHODIMP AudioSink::Pin::EnumMediaTypes(IEnumMediaTypes** types) {
-  if (types == nullptr) return E_POINTER;
-  return ComCall([&] {
-    *types = new NoTypes;
-    return S_OK;
-  });
-}
-
-STDMETHODIMP AudioSink::Pin::EndOfStream() {
-  sink_.End();
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::BeginFlush() {
-  sink_.SetFlushing(true);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::EndFlush() {
-  sink_.SetFlushing(false);
-  return S_OK;
-}
-
-STDMETHODIMP AudioSink::Pin::Receive(IMediaSample* sample) {
-  if (sample == nullptr) return E_POINTER;
-  return ComCall([&] { return sink_.Deliver(sample); });
-}
-
-STDMETHODIMP AudioSink::Pin::ReceiveMultiple(IMediaSample** samples, LONG count, LONG* done) {
-  if (samples == nullptr || done == nullptr) return E_POINTER;
-  for (*done = 0; *done < count; ++*done) {
-    const HRESULT hr = Receive(samples[*done]);
-    if (hr != S_OK) return hr;
-  }
-  return S_OK;
 }
 
 }  // namespace marlinda

@@ -15,7 +15,7 @@ configure x64
 step -q "generate the contracts" "see the log" cmake --build build/x64 --target marlinda_contracts_files
 
 folders=()
-for folder in core pool edit device import export task host; do
+for folder in core pool edit device import export task converter host; do
   [[ ! -d $folder ]] || folders+=("$folder")
 done
 files=("$@")

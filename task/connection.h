@@ -81,7 +81,7 @@ class Connection {
   // Gets the last frames out of the converter. False when there is none, or it had enough silence.
   bool PushSilence();
 
-  const StreamFormat target_;
+  const StreamFormat target_{};
   PacedQueue queue_;
 
   mutable std::mutex parties_mutex_;  // also of what the source says about itself

@@ -85,7 +85,7 @@ void RunRecord(const RecordOptions& options, const Console& console) {
     throw UsageError("a WAV file holds at most 4 GiB, and this needs more");
   }
   // Every reason that the take could not be written for is found before it is made.
-  WaveExport(options.output, "");
+  static_cast<void>(WaveExport(options.output, ""));
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
   const auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");

@@ -10,6 +10,7 @@
 
 #include "device/overlap_add.h"
 #include "tests/support/com_client.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 namespace {
@@ -310,26 +311,8 @@ TEST(Grabber, LastReleaseEndsTheWaitOfAReader) {
 }
 
 // A writer that keeps what it gets and lets the scrubber run a few passes at a time.
-class RecordingWriter final : public IAudioWriter {
+class ScrubWriter final : public TestObject<IAudioWriter> {
  public:
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
-  }
-  STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(IAudioWriter))) {
-      *out = nullptr;
-      return E_NOINTERFACE;
-    }
-    AddRef();
-    *out = static_cast<IAudioWriter*>(this);
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references; }
-  STDMETHODIMP_(ULONG) Release() override { return --references; }
   STDMETHODIMP WriteAudio(SAFEARRAY* block) override {
     {
       const std::lock_guard lock(mutex);
@@ -347,7 +330,6 @@ class RecordingWriter final : public IAudioWriter {
     const std::lock_guard lock(mutex);
     return blocks;
   }
-  std::atomic<ULONG> references{1};
   std::atomic<int> opened{0}, closed{0}, formats{0};
   std::atomic<HRESULT> result{S_OK};
   std::mutex mutex;
@@ -355,7 +337,7 @@ class RecordingWriter final : public IAudioWriter {
 };
 
 TEST(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
-  RecordingWriter writer;
+  ScrubWriter writer;
   auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
   ASSERT_EQ(scrubber->Start(&writer, 9, 44100, 2), S_OK);
   while (writer.Blocks().size() < 3) Sleep(5);
@@ -383,13 +365,13 @@ TEST(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
     }
   }
   // The writer is kept after Stop, and let go with the scrubber.
-  EXPECT_EQ(writer.references, 2U);
+  EXPECT_EQ(writer.Held(), 1);
   scrubber.Reset();
-  EXPECT_EQ(writer.references, 1U);
+  EXPECT_EQ(writer.Held(), 0);
 }
 
 TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
-  RecordingWriter writer;
+  ScrubWriter writer;
   auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, 0), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, -1), E_INVALIDARG);
@@ -412,7 +394,7 @@ TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(writer.Blocks()[0].size(), 512U);
   scrubber.Reset();  // running: stops, closes the writer and releases it
   EXPECT_EQ(writer.closed, 1);
-  EXPECT_EQ(writer.references, 1U);
+  EXPECT_EQ(writer.Held(), 0);
 }
 
 }  // namespace

@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "core/com_ptr.h"
-#include "export/graph_filter.h"
+#include "core/graph_filter.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 
@@ -148,17 +149,7 @@ class InstalledEncoder {
   }
 
  private:
-  struct Factory final : IClassFactory {
-    STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-      *object = nullptr;
-      if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IClassFactory)) {
-        return E_NOINTERFACE;
-      }
-      *object = this;
-      return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-    STDMETHODIMP_(ULONG) Release() override { return 1; }
+  struct Factory final : TestObject<IClassFactory> {
     STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
       return ComPtr<GraphFilter>(new FakeEncoder)->QueryInterface(iid, object);
     }

@@ -259,19 +259,17 @@ TEST(AudioConnector, ThreadsAndObjectsGoWhenTheExportIsCancelledAndAllIsReleased
     ASSERT_TRUE(WaitUntil([&] { return to->result->blocks > 3; }));
     to->Cancel();
   }
-  using ImportFake = Fake<IImportFilter, IExFormatInfo, ICoreTask>;
-  using ExportFake = Fake<IExportFilter, ICoreTask>;
-  EXPECT_TRUE(WaitUntil([] { return ImportFake::alive == 0 && ExportFake::alive == 0; }));
+  EXPECT_TRUE(WaitUntil([] { return TestTask::alive == 0; }));
   EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }));
 }
 
 TEST(AudioConnector, PassesSamplesUnchangedWhenNoConverterCanBeHad) {
   for (const bool there : {false, true}) {
     std::unique_ptr<InstalledConverter> installed;
-    ComPtr<TestConverter> converter(new TestConverter(Habit::kRefusesSetUp));
+    const auto converter = MakeObject<TestConverter>(Habit::kRefusesSetUp);
     if (there) {
-      installed = std::make_unique<InstalledConverter>(
-          ComPtr<SingleFactory>(new SingleFactory(converter.Get())).Get());
+      installed =
+          std::make_unique<InstalledConverter>(MakeObject<SingleFactory>(converter.Get()).Get());
     }
     const Connector joined;
     const auto source = RampSource::Make('A');
@@ -291,9 +289,8 @@ TEST(AudioConnector, PassesSamplesUnchangedWhenNoConverterCanBeHad) {
 TEST(AudioConnector, AConverterThatGivesNothingMakesSilenceAndNoHang) {
   for (const Habit habit :
        {Habit::kFails, Habit::kGivesEmpty, Habit::kGivesNull, Habit::kGivesShorts}) {
-    ComPtr<TestConverter> converter(new TestConverter(habit));
-    const InstalledConverter installed(
-        ComPtr<SingleFactory>(new SingleFactory(converter.Get())).Get());
+    const auto converter = MakeObject<TestConverter>(habit);
+    const InstalledConverter installed(MakeObject<SingleFactory>(converter.Get()).Get());
     const Connector joined;
     const auto source = RampSource::Make('A');
     const auto to = TestExport::Make();
@@ -306,9 +303,8 @@ TEST(AudioConnector, AConverterThatGivesNothingMakesSilenceAndNoHang) {
 }
 
 TEST(AudioConnector, ReadsASourcesFormatAgainWhenItWasNotKnownAtSetUp) {
-  ComPtr<TestConverter> converter(new TestConverter(Habit::kPasses));
-  const InstalledConverter installed(
-      ComPtr<SingleFactory>(new SingleFactory(converter.Get())).Get());
+  const auto converter = MakeObject<TestConverter>(Habit::kPasses);
+  const InstalledConverter installed(MakeObject<SingleFactory>(converter.Get()).Get());
   const Connector joined;
   const auto from = TestImport::Make(0);
   from->rate = from->channels = 0;

@@ -16,58 +16,21 @@
 
 #include "core/com_ptr.h"
 #include "tests/support/com_client.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
-
-// IUnknown for tests, and IDispatch without its use.
-template <class First, class... Rest>
-class Fake : public First, public Rest... {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = nullptr;
-    if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(First))) {
-      *object = static_cast<First*>(this);
-    }
-    (void)((IsEqualIID(iid, __uuidof(Rest)) ? (*object = static_cast<Rest*>(this), true) : false) ||
-           ...);
-    if (*object == nullptr) return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  // Objects of this list of interfaces.
-  static inline std::atomic<int> alive = 0;
-
- protected:
-  Fake() { ++alive; }
-  virtual ~Fake() { --alive; }
-
- private:
-  std::atomic<ULONG> references_ = 0;
-};
-
-template <class First, class... Rest>
-class DispatchFake : public Fake<First, Rest...> {
- public:
-  STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return E_NOTIMPL;
-  }
-};
 
 // A thread that holds nothing but what it shares, and stays behind when its filter goes.
 class TestTask {
  public:
-  ~TestTask() { cancelled_ = true; }
+  // How many there are, and with them filters.
+  static inline std::atomic<int> alive = 0;
+
+  TestTask() { ++alive; }
+  ~TestTask() {
+    cancelled_ = true;
+    --alive;
+  }
 
   HRESULT Start(std::function<void(const std::atomic<bool>& cancelled)> body) {
     state_->running = true;
@@ -98,7 +61,7 @@ using Signal = std::function<float(std::uint64_t index)>;
 
 inline float Counting(std::uint64_t index) { return static_cast<float>(index % 0x1000000); }
 
-class TestImport final : public DispatchFake<IImportFilter, IExFormatInfo, ICoreTask> {
+class TestImport final : public TestObject<IImportFilter, IExFormatInfo, ICoreTask> {
  public:
   LONG rate = 44100;
   SHORT channels = 2;
@@ -108,7 +71,7 @@ class TestImport final : public DispatchFake<IImportFilter, IExFormatInfo, ICore
   Signal signal = Counting;
 
   static ComPtr<TestImport> Make(__int64 frames) {
-    ComPtr<TestImport> filter(new TestImport);
+    const auto filter = MakeObject<TestImport>();
     filter->promised = filter->frames = frames;
     return filter;
   }
@@ -159,7 +122,7 @@ class TestImport final : public DispatchFake<IImportFilter, IExFormatInfo, ICore
   TestTask task_;
 };
 
-class TestExport final : public DispatchFake<IExportFilter, ICoreTask> {
+class TestExport final : public TestObject<IExportFilter, ICoreTask> {
  public:
   struct Result {
     std::vector<float> samples;
@@ -170,7 +133,7 @@ class TestExport final : public DispatchFake<IExportFilter, ICoreTask> {
   DWORD pause = 0;  // milliseconds after each block
   bool keep = true;
 
-  static ComPtr<TestExport> Make() { return new TestExport; }
+  static ComPtr<TestExport> Make() { return MakeObject<TestExport>(); }
   bool IsRunning() const { return task_.IsRunning(); }
 
   STDMETHODIMP QuerySupportsExtension(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
@@ -223,7 +186,7 @@ class TestExport final : public DispatchFake<IExportFilter, ICoreTask> {
 };
 
 // Passes samples on, or does what a converter should not do.
-class TestConverter final : public Fake<IFormatConverter> {
+class TestConverter final : public TestObject<IFormatConverter> {
  public:
   enum class Habit { kPasses, kRefusesSetUp, kFails, kGivesEmpty, kGivesNull, kGivesShorts };
 
@@ -258,7 +221,7 @@ class TestConverter final : public Fake<IFormatConverter> {
 };
 
 // Hands out the same object again and again.
-class SingleFactory final : public Fake<IClassFactory> {
+class SingleFactory final : public TestObject<IClassFactory> {
  public:
   explicit SingleFactory(IUnknown* object) : object_(object) {}
   STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
@@ -20,16 +21,36 @@ namespace marlinda {
 
 class GraphFilter;
 
+// The wave format in a media type; null when its format block is too short for one.
+const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
+
+// Frees the format block and the reference of a media type, not the structure itself.
+void FreeContents(AM_MEDIA_TYPE& type) noexcept;
+
+// Owns a media type that came from a filter.
+class MediaType {
+ public:
+  explicit MediaType(AM_MEDIA_TYPE* type) noexcept : type_(type) {}
+  MediaType(const MediaType&) = delete;
+  MediaType& operator=(const MediaType&) = delete;
+  ~MediaType();
+
+ private:
+  AM_MEDIA_TYPE* type_;
+};
+
 // A media type of sound in the wave format; `format` points at one that may be longer than its
 // structure.
 class AudioType {
  public:
   AudioType() noexcept = default;
   explicit AudioType(const WAVEFORMATEX& format);
-  // A copy; what is not of sound in a wave format becomes empty.
+  // A copy; what is not of sound in a wave format becomes empty. A format without the size field
+  // that only compressed ones need gets one.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
+  std::span<const std::byte> bytes() const noexcept { return std::as_bytes(std::span(format_)); }
   const WAVEFORMATEX* format() const noexcept {
     return empty() ? nullptr : reinterpret_cast<const WAVEFORMATEX*>(format_.data());
   }
@@ -91,7 +112,7 @@ class GraphPin : public IPin {
 
 // Calls `receive` with the bytes of each sample and `end` after the last, on the thread that
 // delivers. What `receive` returns stops the deliverer unless it is S_OK.
-class InputPin final : public GraphPin, private IMemInputPin {
+class InputPin : public GraphPin, protected IMemInputPin {
  public:
   struct Purpose {
     std::function<bool(const WAVEFORMATEX&)> accepts;
@@ -108,7 +129,7 @@ class InputPin final : public GraphPin, private IMemInputPin {
   STDMETHODIMP_(ULONG) Release() override { return GraphPin::Release(); }
   STDMETHODIMP EndOfStream() override;
 
- private:
+ protected:
   bool Accepts(const AudioType& type) const override { return purpose_.accepts(*type.format()); }
   IUnknown* Extra(REFIID iid) noexcept override;
 
@@ -119,6 +140,7 @@ class InputPin final : public GraphPin, private IMemInputPin {
   STDMETHODIMP ReceiveMultiple(IMediaSample** samples, long count, long* processed) override;
   STDMETHODIMP ReceiveCanBlock() override { return S_FALSE; }
 
+ private:
   const Purpose purpose_;
 };
 
@@ -198,6 +220,9 @@ class GraphFilter : public IBaseFilter {
   std::atomic<ULONG> references_{0};
   std::atomic<FILTER_STATE> state_{State_Stopped};
   std::vector<std::unique_ptr<GraphPin, DeletePin>> pins_;
+
+  std::mutex mutex_;
+  // All below is guarded by the mutex.
   ComPtr<IReferenceClock> clock_;
   IFilterGraph* graph_ = nullptr;  // the graph owns its filters: no reference
   std::wstring name_;

@@ -1,78 +1,16 @@
-#include "export/graph_filter.h"
+#include "core/graph_filter.h"
 
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
-#include "export/stream_config.h"
+#include "core/com_call.h"
+#include "core/enumerator.h"
 
 namespace marlinda {
 namespace {
 
 constexpr long kBufferCount = 4;
-
-// The enumerators of pins and of media types are the same but for how an item is handed out.
-template <class Interface, class Out, class Item>
-class Enumerator final : public Interface {
- public:
-  using Give = HRESULT (*)(const Item&, Out*);
-
-  Enumerator(std::vector<Item> items, Give give) : items_(std::move(items)), give_(give) {}
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(Interface))) {
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<Interface*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  STDMETHODIMP Next(ULONG count, Out* out, ULONG* fetched) override {
-    if (out == nullptr) return E_POINTER;
-    ULONG given = 0;
-    for (; given < count && next_ < items_.size(); ++given, ++next_) {
-      const HRESULT hr = give_(items_[next_], out + given);
-      if (FAILED(hr)) return hr;
-    }
-    if (fetched != nullptr) *fetched = given;
-    return given == count ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Skip(ULONG count) override {
-    const std::size_t left = items_.size() - next_;
-    next_ += std::min<std::size_t>(count, left);
-    return count <= left ? S_OK : S_FALSE;
-  }
-  STDMETHODIMP Reset() override {
-    next_ = 0;
-    return S_OK;
-  }
-  STDMETHODIMP Clone(Interface** clone) override {
-    if (clone == nullptr) return E_POINTER;
-    return ComCall([&] {
-      ComPtr<Enumerator> copy = new Enumerator(items_, give_);
-      copy->next_ = next_;
-      *clone = copy.Detach();
-      return S_OK;
-    });
-  }
-
- private:
-  ~Enumerator() = default;
-
-  std::atomic<ULONG> references_{0};
-  const std::vector<Item> items_;
-  const Give give_;
-  std::size_t next_ = 0;
-};
 
 HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 
@@ -86,6 +24,9 @@ HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
     *out = copy;
   return hr;
 }
+
+using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
+using MediaTypes = Enumerator<IEnumMediaTypes, AudioType, AM_MEDIA_TYPE*, GiveType>;
 
 // No filter here has two pins of one direction.
 const wchar_t* NameOf(PIN_DIRECTION direction) {
@@ -109,23 +50,53 @@ HRESULT CreateAllocator(ComPtr<IMemAllocator>& allocator) {
 
 }  // namespace
 
+const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept {
+  if (type.pbFormat == nullptr || type.cbFormat < sizeof(WAVEFORMATEX)) return nullptr;
+  return reinterpret_cast<const WAVEFORMATEX*>(type.pbFormat);
+}
+
+void FreeContents(AM_MEDIA_TYPE& type) noexcept {
+  if (type.pUnk != nullptr) type.pUnk->Release();
+  CoTaskMemFree(type.pbFormat);
+  type.pUnk = nullptr;
+  type.pbFormat = nullptr;
+  type.cbFormat = 0;
+}
+
+MediaType::~MediaType() {
+  if (type_ == nullptr) return;
+  FreeContents(*type_);
+  CoTaskMemFree(type_);
+}
+
 AudioType::AudioType(const WAVEFORMATEX& format)
     : format_(reinterpret_cast<const BYTE*>(&format),
               reinterpret_cast<const BYTE*>(&format) + sizeof format + format.cbSize) {}
 
 AudioType::AudioType(const AM_MEDIA_TYPE& type) {
-  const WAVEFORMATEX* const format = WaveFormatOf(type);
-  if (!IsEqualGUID(type.majortype, MEDIATYPE_Audio) || format == nullptr) return;
+  if (!IsEqualGUID(type.majortype, MEDIATYPE_Audio) ||
+      !IsEqualGUID(type.formattype, FORMAT_WaveFormatEx) || type.pbFormat == nullptr ||
+      type.cbFormat < sizeof(PCMWAVEFORMAT)) {
+    return;
+  }
   format_.assign(type.pbFormat, type.pbFormat + type.cbFormat);
+  format_.resize(std::max(format_.size(), sizeof(WAVEFORMATEX)));
 }
 
 AM_MEDIA_TYPE AudioType::View() const noexcept {
   AM_MEDIA_TYPE type = {};
   if (empty()) return type;
   type.majortype = MEDIATYPE_Audio;
-  type.subtype = MEDIASUBTYPE_PCM;  // the subtype of a format tag differs in its first field alone
-  type.subtype.Data1 = format()->wFormatTag;
-  type.bFixedSizeSamples = format()->wFormatTag == WAVE_FORMAT_PCM;
+  const WORD tag = format()->wFormatTag;
+  if (tag == WAVE_FORMAT_EXTENSIBLE && format_.size() >= sizeof(WAVEFORMATEXTENSIBLE)) {
+    type.subtype = reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(format())->SubFormat;
+  } else {
+    // The subtype of a format tag differs in its first field alone.
+    type.subtype = MEDIASUBTYPE_PCM;
+    type.subtype.Data1 = tag;
+  }
+  type.bFixedSizeSamples = IsEqualGUID(type.subtype, MEDIASUBTYPE_PCM) ||
+                           IsEqualGUID(type.subtype, MEDIASUBTYPE_IEEE_FLOAT);
   type.lSampleSize = format()->nBlockAlign;
   type.formattype = FORMAT_WaveFormatEx;
   type.cbFormat = static_cast<ULONG>(format_.size());
@@ -162,6 +133,7 @@ STDMETHODIMP GraphPin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* t
   if (connector == nullptr || type == nullptr) return E_POINTER;
   if (direction_ != PINDIR_INPUT) return E_UNEXPECTED;
   if (IsConnected()) return VFW_E_ALREADY_CONNECTED;
+  if (filter_.state() != State_Stopped) return VFW_E_NOT_STOPPED;
   return ComCall([&] {
     AudioType offered(*type);
     if (offered.empty() || !Accepts(offered)) return VFW_E_TYPE_NOT_ACCEPTED;
@@ -219,11 +191,7 @@ STDMETHODIMP GraphPin::QueryAccept(const AM_MEDIA_TYPE* type) {
 
 STDMETHODIMP GraphPin::EnumMediaTypes(IEnumMediaTypes** types) {
   if (types == nullptr) return E_POINTER;
-  return ComCall([&] {
-    using Types = Enumerator<IEnumMediaTypes, AM_MEDIA_TYPE*, AudioType>;
-    *types = ComPtr<Types>(new Types(this->Types(), GiveType)).Detach();
-    return S_OK;
-  });
+  return ComCall([&] { return MediaTypes::Create(Types(), types); });
 }
 
 // InputPin
@@ -413,23 +381,23 @@ STDMETHODIMP GraphFilter::GetState(DWORD, FILTER_STATE* state) {
 }
 
 STDMETHODIMP GraphFilter::SetSyncSource(IReferenceClock* clock) {
+  const std::lock_guard lock(mutex_);
   clock_ = clock;
   return S_OK;
 }
 
 STDMETHODIMP GraphFilter::GetSyncSource(IReferenceClock** clock) {
   if (clock == nullptr) return E_POINTER;
+  const std::lock_guard lock(mutex_);
   return clock_.CopyTo(clock);
 }
 
 STDMETHODIMP GraphFilter::EnumPins(IEnumPins** pins) {
   if (pins == nullptr) return E_POINTER;
   return ComCall([&] {
-    using Pins = Enumerator<IEnumPins, IPin*, ComPtr<IPin>>;
     std::vector<ComPtr<IPin>> items;
     for (const auto& pin : pins_) items.emplace_back(pin.get());
-    *pins = ComPtr<Pins>(new Pins(std::move(items), GivePin)).Detach();
-    return S_OK;
+    return Pins::Create(std::move(items), pins);
   });
 }
 
@@ -445,6 +413,7 @@ STDMETHODIMP GraphFilter::FindPin(LPCWSTR id, IPin** pin) {
 STDMETHODIMP GraphFilter::QueryFilterInfo(FILTER_INFO* info) {
   if (info == nullptr) return E_POINTER;
   *info = {};
+  const std::lock_guard lock(mutex_);
   name_.copy(info->achName, std::size(info->achName) - 1);
   info->pGraph = graph_;
   if (graph_ != nullptr) graph_->AddRef();
@@ -453,6 +422,7 @@ STDMETHODIMP GraphFilter::QueryFilterInfo(FILTER_INFO* info) {
 
 STDMETHODIMP GraphFilter::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
   return ComCall([&] {
+    const std::lock_guard lock(mutex_);
     name_ = name != nullptr ? name : L"";
     graph_ = graph;
     return S_OK;

@@ -1,0 +1,48 @@
+// The base of a COM object that no class identifier makes and no outer object contains: one
+// interface, and nothing else to ask for.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <unknwn.h>
+
+#include <atomic>
+
+#include "core/module.h"
+
+namespace marlinda {
+
+// Lives on the heap. The reference it is born with belongs to whoever made it.
+template <class Interface>
+class PlainObject : public Interface {
+ public:
+  PlainObject(const PlainObject&) = delete;
+  PlainObject& operator=(const PlainObject&) = delete;
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, __uuidof(Interface))) {
+      return E_NOINTERFACE;
+    }
+    *object = static_cast<Interface*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+ protected:
+  PlainObject() noexcept = default;
+  virtual ~PlainObject() = default;
+
+ private:
+  const ModuleObjectCount module_count_;
+  std::atomic<ULONG> references_{1};
+};
+
+}  // namespace marlinda
