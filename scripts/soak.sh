@@ -73,6 +73,12 @@ part_dither() {
     "$root/build/native/tests/dither_kernels_soak"
 }
 
+# The memory that ten hours take beside ten minutes.
+part_memory() {
+  compile x64 Tessaly marlinda
+  under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"
+}
+
 # name            function
 parts="
   samples         part_samples
@@ -82,6 +88,7 @@ parts="
   hosts           part_hosts
   large           part_large
   trap            part_trap
+  memory          part_memory
   device          part_device
 "
 
