@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "core/handle.h"
 #include "tests/export/fake_encoder.h"
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"
@@ -345,6 +346,47 @@ TEST(ReadOnlyDisk, IsToldByEveryCallThatWouldWriteThere) {
     EXPECT_EQ(writer->WriteAudio(Floats(8)), S_OK);
     EXPECT_EQ(writer->CloseDevice(), S_OK);
   });
+}
+
+// The exit code of the command-line host, which converts the sample.
+DWORD Convert(const std::wstring& target) {
+  std::wstring program = ModuleUnderTest::Path();
+  program = program.substr(0, program.rfind(L'\\')) + L"\\marlinda.exe";
+  std::wstring command =
+      L"\"" + program + L"\" convert \"" + TESSALY_SAMPLE_OGG + L"\" \"" + target + L"\"";
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process = {};
+  Check(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                       &startup, &process)
+            ? S_OK
+            : LastErrorResult());
+  CloseHandle(process.hThread);
+  const KernelHandle ended(process.hProcess);
+  EXPECT_EQ(WaitForSingleObject(ended.get(), 120'000), WAIT_OBJECT_0);
+  DWORD code = STILL_ACTIVE;
+  GetExitCodeProcess(ended.get(), &code);
+  return code;
+}
+
+TEST(FullDisk, OfTheHostEndsItWithFourAndWithoutAFile) {
+  const TemporaryFolder roomy;
+  ASSERT_EQ(Convert(roomy.File(L"out.wav")), 0U);
+  const auto whole = ReadFileBytes(roomy.File(L"out.wav")).size();
+  EXPECT_EQ(Convert(ReadOnlyDisk() + L"\\out.wav"), 4U);
+  {
+    const TemporaryDisk disk(ReadOnlyDisk());
+    EXPECT_EQ(Convert(roomy.File(L"pool.wav")), 4U);
+  }
+  for (const std::size_t room : {std::size_t{0}, whole / 2}) {
+    const Filler filler(room);
+    EXPECT_EQ(Convert(SmallDisk() + L"\\out.wav"), 4U) << room;
+    const TemporaryDisk disk(SmallDisk());
+    EXPECT_EQ(Convert(roomy.File(L"pool.wav")), 4U) << room;
+  }
+  EXPECT_FALSE(IsThere(roomy.File(L"pool.wav")));
+  EXPECT_TRUE(std::filesystem::is_empty(SmallDisk()));
+  EXPECT_TRUE(std::filesystem::is_empty(ReadOnlyDisk()));
 }
 
 }  // namespace

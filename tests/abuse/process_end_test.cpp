@@ -7,8 +7,10 @@
 #include <mmsystem.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 #include "core/handle.h"
 #include "tests/abuse/child_runs.h"
@@ -43,6 +45,30 @@ RecordingWriter* SlowWriter() {
   return Leak(std::move(writer));
 }
 
+// Comes back when the dialog is there.
+void ShowDialog() {
+  static std::atomic<DWORD> thread_id = 0;
+  std::thread([] {
+    Check(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
+    // The classes are registered for the other thread's apartment.
+    ComPtr<IClassFactory> factory;
+    Check(ModuleUnderTest::GetClassObject(CLSID_CWavExportFilter, IID_IClassFactory,
+                                          reinterpret_cast<void**>(factory.GetAddressOf())));
+    IExportFilter* filter = nullptr;
+    Check(factory->CreateInstance(nullptr, IID_IExportFilter, reinterpret_cast<void**>(&filter)));
+    thread_id = GetCurrentThreadId();
+    filter->ShowSettingsDlg(Bstr(L"wav"), 0);
+  }).detach();
+  const auto see = [](HWND window, LPARAM seen) {
+    if (IsWindowVisible(window) != FALSE) *reinterpret_cast<bool*>(seen) = true;
+    return TRUE;
+  };
+  for (bool seen = false; !seen; Sleep(10)) {
+    if (thread_id == 0) continue;
+    EnumThreadWindows(thread_id, see, reinterpret_cast<LPARAM>(&seen));
+  }
+}
+
 void BringInto(const std::string& state, const std::wstring& folder) {
   if (state == "importing") {
     auto* const filter = Leak(Create<IImportFilter>(CLSID_COggImport));
@@ -65,6 +91,8 @@ void BringInto(const std::string& state, const std::wstring& folder) {
     auto* const document = Leak(Create<IEditedAudio>(CLSID_CEditedAudio));
     Check(document->AppendSegment(Silence(1000).Get(), 0, 1000));
     Check(document->InitChange(1, Bstr(L"change")));
+  } else if (state == "showing a dialog") {
+    ShowDialog();
   } else if (state == "playing") {
     auto* const document = Leak(Create<IEditedAudio>(CLSID_CEditedAudio));
     Check(document->AppendSegment(Silence(1LL << 30).Get(), 0, 1LL << 30));
@@ -125,9 +153,9 @@ void ExpectGoneAtOnce(const std::string& state) {
   }
 }
 
-TEST(ProcessEnd, IsImmediateWhileTasksRunAndFilesAreOpen) {
-  for (const char* state :
-       {"importing", "exporting", "scrubbing", "writing a pool", "changing a document"}) {
+TEST(ProcessEnd, IsImmediateWhileTasksRunAndFilesOrDialogsAreOpen) {
+  for (const char* state : {"importing", "exporting", "scrubbing", "writing a pool",
+                            "changing a document", "showing a dialog"}) {
     ExpectGoneAtOnce(state);
   }
 }

@@ -224,6 +224,20 @@ class SoundTest(unittest.TestCase):
         with wave.open(str(saved)) as file:
             self.assertEqual(file.getnframes(), 3 * RATE)
 
+    def test_a_disk_that_runs_full_ends_with_4_and_keeps_the_take(self):
+        # The pool takes 8 bytes a frame, the file 4.
+        room = RATE * 8
+        status, output, messages = run("record", self.out, "--seconds", "600", most_bytes=room)
+        self.assertEqual((status, output), (4, ""), messages)
+        self.assertIn("the file is valid and holds the first", messages)
+        with wave.open(str(self.out)) as file:
+            frames = file.getnframes()
+            samples = array.array("h", file.readframes(frames))
+        # With the block that found no more room.
+        self.assertGreaterEqual(frames, RATE)
+        self.assertLessEqual(frames, RATE + RATE // 25)
+        self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
+
     def test_an_interrupted_recording_keeps_its_take(self):
         record = Run("record", self.out, "--seconds", "600")
         wait_for_take()
