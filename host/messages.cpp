@@ -46,7 +46,7 @@ constexpr Meaning kMeanings[] = {
     {0x80070032, {}, "the system does not support this", ""},
     {0x80070083, {}, "a position lies before the begin of the file", ""},
     {0x800705B4, {}, "it did not answer in time", "Try again."},
-    {0x80040110, {}, "the class cannot be made part of another object", ""},
+    {0x80040110, {}, "the object cannot be made part of another in this way", ""},
     {0x80040200, {}, "nobody is connected there", ""},
     {0x80040202, {}, "the object cannot be connected there", ""},
     {0x80020003, {}, "there is no such method", ""},
