@@ -1,6 +1,7 @@
 #include "core/audio_queue.h"
 
 #include <algorithm>
+#include <new>
 
 namespace marlinda {
 
@@ -38,12 +39,15 @@ void CAudioQueue::Reserve(std::size_t capacity) {
   if (capacity > ring_.size()) MoveToRing(capacity);
 }
 
-void CAudioQueue::Clear() {
-  std::vector<float> fresh(kGrowMinimum);
+void CAudioQueue::Clear() noexcept {
   const std::lock_guard lock(mutex_);
-  ring_.swap(fresh);
   read_index_ = 0;
   count_ = 0;
+  try {
+    std::vector<float>(kGrowMinimum).swap(ring_);
+  } catch (const std::bad_alloc&) {
+    // The larger ring serves as well.
+  }
 }
 
 void CAudioQueue::MoveToRing(std::size_t capacity) {

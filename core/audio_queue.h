@@ -29,8 +29,9 @@ class CAudioQueue {
   // Makes the ring at least that large, in one step where many appends would take many.
   void Reserve(std::size_t capacity);
 
-  // Drops all samples and the memory that they grew to.
-  void Clear();
+  // Drops all samples and the memory that they grew to; the latter stays when there is none for the
+  // first size.
+  void Clear() noexcept;
 
   // Adds the samples at the end. Throws std::bad_alloc and leaves the queue as it was.
   void Append(std::span<const float> samples);

@@ -29,4 +29,11 @@ ComPtr<I> TryQuery(IUnknown* object) {
   return result;
 }
 
+// Whether both are interfaces of one object; no object is the same as none.
+inline bool IsSameObject(IUnknown* a, IUnknown* b) {
+  // Plain pointers: the smart ones of mingw compare as truth values.
+  const IUnknown* const identity = TryQuery<IUnknown>(a).Get();
+  return identity != nullptr && identity == TryQuery<IUnknown>(b).Get();
+}
+
 }  // namespace marlinda

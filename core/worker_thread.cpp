@@ -38,26 +38,24 @@ WorkerThread::~WorkerThread() {
   if (thread_ && !OnWorker()) WaitForSingleObject(thread_.get(), INFINITE);
 }
 
-HRESULT WorkerThread::Start(std::function<void()> body) noexcept {
+HRESULT WorkerThread::StartJob(std::function<void()> body) {
   if (IsRunning()) return E_FAIL;
-  return ComCall([&] {
-    auto job = std::make_unique<Job>();
-    job->body = std::move(body);
-    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                           reinterpret_cast<const wchar_t*>(&Run), &job->module) == FALSE) {
-      return LastErrorResult();
-    }
-    // Suspended, so that the thread finds its own identifier in `id_`.
-    thread_.Reset(CreateThread(nullptr, 0, Run, job.get(), CREATE_SUSPENDED, &id_));
-    if (!thread_) {
-      const HRESULT hr = LastErrorResult();
-      FreeLibrary(job->module);
-      return hr;
-    }
-    static_cast<void>(job.release());  // the thread's now
-    ResumeThread(thread_.get());
-    return S_OK;
-  });
+  auto job = std::make_unique<Job>();
+  job->body = std::move(body);
+  if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                         reinterpret_cast<const wchar_t*>(&Run), &job->module) == FALSE) {
+    return LastErrorResult();
+  }
+  // Suspended, so that the thread finds its own identifier in `id_`.
+  thread_.Reset(CreateThread(nullptr, 0, Run, job.get(), CREATE_SUSPENDED, &id_));
+  if (!thread_) {
+    const HRESULT hr = LastErrorResult();
+    FreeLibrary(job->module);
+    return hr;
+  }
+  static_cast<void>(job.release());  // the thread's now
+  ResumeThread(thread_.get());
+  return S_OK;
 }
 
 bool WorkerThread::IsRunning() const noexcept {

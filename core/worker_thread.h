@@ -4,7 +4,9 @@
 #include <windows.h>
 
 #include <functional>
+#include <utility>
 
+#include "core/com_call.h"
 #include "core/handle.h"
 
 namespace marlinda {
@@ -25,7 +27,11 @@ class WorkerThread {
   // Starts the body; the HRESULT of the system when no thread could be made. A thread that has
   // ended is replaced. E_FAIL while one is running. An exception of the body ends the thread
   // quietly.
-  HRESULT Start(std::function<void()> body) noexcept;
+  template <class Body>
+  HRESULT Start(Body body) noexcept {
+    // In here, because the function's memory may run out.
+    return ComCall([&] { return StartJob(std::move(body)); });
+  }
 
   // True from Start until the body has returned.
   bool IsRunning() const noexcept;
@@ -36,6 +42,7 @@ class WorkerThread {
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
  private:
+  HRESULT StartJob(std::function<void()> body);
   bool OnWorker() const noexcept;
 
   KernelHandle thread_;

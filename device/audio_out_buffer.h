@@ -14,8 +14,9 @@ namespace marlinda {
 class CAudioOutBuffer {
  public:
   // Holds `size` bytes to be played; there is room for `capacity` bytes, the greater of the two
-  // counts.
-  CAudioOutBuffer(HWAVEOUT device, DWORD size, std::size_t capacity);
+  // counts. Makes use of `storage`, whatever it held.
+  CAudioOutBuffer(HWAVEOUT device, DWORD size, std::size_t capacity,
+                  std::vector<std::byte> storage = {});
   virtual ~CAudioOutBuffer();
   CAudioOutBuffer(const CAudioOutBuffer&) = delete;
   CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
@@ -27,6 +28,8 @@ class CAudioOutBuffer {
   // nobody waits for it.
   void Play() noexcept;
   bool IsDone() const noexcept;
+  // Takes the buffer, once done, from the device; its storage may serve another one.
+  std::vector<std::byte> Retire() noexcept;
 
   // The largest sample of each channel, shown as the output level once the buffer has been played.
   std::vector<float> peaks;

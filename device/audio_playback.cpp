@@ -194,7 +194,8 @@ void CAudioPlayback::Queue(std::span<const float> samples) {
   samples = samples.first(frames * channels);
   // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
   const std::size_t capacity = samples.size() * PcmBytesPerSample(bits);
-  auto buffer = std::make_unique<CAudioOutBuffer>(device_, static_cast<DWORD>(size), capacity);
+  auto buffer = std::make_unique<CAudioOutBuffer>(device_, static_cast<DWORD>(size), capacity,
+                                                  SpareStorage(std::max(size, capacity)));
   if (IsFloat(format_)) {
     std::copy_n(std::as_bytes(samples).data(), samples.size_bytes(), buffer->data().data());
   } else {
@@ -202,9 +203,20 @@ void CAudioPlayback::Queue(std::span<const float> samples) {
   }
   buffer->peaks = ChannelPeaks(samples, channels);
   if (pending_.empty()) progress_.Restart();
+  // No buffer that comes back may find too little memory.
+  spare_.reserve(spare_.size() + pending_.size() + 1);
   pending_.push_back(std::move(buffer));
   queued_bytes_ += static_cast<std::uint32_t>(size);
   pending_.back()->Play();
+}
+
+std::vector<std::byte> CAudioPlayback::SpareStorage(std::size_t capacity) {
+  if (spare_.empty()) return {};
+  std::vector<std::byte> storage = std::move(spare_.back());
+  spare_.pop_back();
+  // Small blocks that keep the storage of large ones would hold many times the buffer length.
+  if (storage.capacity() < capacity || storage.capacity() / 2 > capacity) return {};
+  return storage;
 }
 
 void CAudioPlayback::Reap() {
@@ -215,6 +227,7 @@ void CAudioPlayback::Reap() {
     queued_bytes_ -= buffer->size();
     ++returned_;
     output_levels_ = std::move(buffer->peaks);
+    spare_.push_back(buffer->Retire());
   }
 }
 
@@ -262,6 +275,7 @@ void CAudioPlayback::LetGo() {
   }
   device_ = nullptr;
   pending_.clear();
+  spare_.clear();
   queued_bytes_ = 0;
   output_levels_.clear();
   // A writer that waits finds the device closed; without one, no old signal may wake the next

@@ -61,6 +61,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   // lost, or opened anew meanwhile.
   bool WaitForRoom(Guard& lock);
   void Queue(std::span<const float> samples);
+  // Storage of a buffer that came back, if it suits `capacity`.
+  std::vector<std::byte> SpareStorage(std::size_t capacity);
   // Frees the buffers that have been played.
   void Reap();
   // The device's counter of frames; 0 when it does not tell.
@@ -93,6 +95,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   bool driver_keeps_event_ = false;
   UINT device_id_ = WAVE_MAPPER;
   std::deque<std::unique_ptr<CAudioOutBuffer>> pending_;
+  // The storage of buffers that came back, for the next ones: never more of them than were pending.
+  std::vector<std::vector<std::byte>> spare_;
   std::vector<float> output_levels_;
 };
 

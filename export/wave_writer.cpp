@@ -50,10 +50,7 @@ thread_local const Passage* Passage::innermost = nullptr;
 }  // namespace
 
 STDMETHODIMP CWaveWriter::SetWriteThrough(IAudioWriter* pawWriteThrough) {
-  // Plain pointers: the smart ones of mingw compare as truth values.
-  const bool is_self = pawWriteThrough != nullptr && TryQuery<IUnknown>(pawWriteThrough).Get() ==
-                                                         TryQuery<IUnknown>(OuterUnknown()).Get();
-  write_through_ = is_self ? nullptr : pawWriteThrough;
+  write_through_ = IsSameObject(pawWriteThrough, OuterUnknown()) ? nullptr : pawWriteThrough;
   return S_OK;
 }
 

@@ -67,9 +67,11 @@ std::vector<std::string> Console::Arguments() {
   return arguments;
 }
 
-std::ostream* Console::ProgressOutput() const {
+ProgressOutput Console::Progress() const {
+  if (progress_lines_) return {.lines = &std::cerr};
   DWORD mode = 0;
-  return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE ? &std::cerr : nullptr;
+  if (GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) == FALSE) return {};
+  return {.terminal = &std::cerr};
 }
 
 bool Console::Interrupted() const { return IsInterrupted(); }

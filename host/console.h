@@ -4,9 +4,10 @@
 #include <windows.h>
 
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
+
+#include "host/progress.h"
 
 namespace marlinda {
 
@@ -22,8 +23,10 @@ class Console {
   // The command line without the program's name.
   static std::vector<std::string> Arguments();
 
-  // Standard error when it is a terminal, else null.
-  std::ostream* ProgressOutput() const;
+  // Progress as lines instead of a bar, wherever standard error goes.
+  void WriteProgressLines() { progress_lines_ = true; }
+  // The bar is for a terminal only.
+  ProgressOutput Progress() const;
 
   bool Interrupted() const;
   // For a command that has ended its work because of Ctrl+C and has yet to save it: the next Ctrl+C
@@ -47,6 +50,7 @@ class Console {
 
  private:
   UINT old_code_page_;
+  bool progress_lines_ = false;
 };
 
 }  // namespace marlinda

@@ -24,18 +24,19 @@ void CheckTask(HRESULT hr) {
 // Starts the task and waits for its end. False when it was interrupted and cancelled.
 bool RunTask(ICoreTask* task, const std::string& title, const Console& console) {
   constexpr DWORD kPollMilliseconds = 20;
-  ProgressBar bar(console.ProgressOutput(), title);
+  ProgressBar bar(console.Progress(), title);
   CheckTask(task->Start());
   for (;;) {
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
+    float progress = 0.0F;
+    // Before the end as well: a short task has come and gone between two looks.
+    if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(progress);
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
       CheckTask(task->Cancel());
       return false;
     }
-    float progress = 0.0F;
-    if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(progress);
     console.Wait(kPollMilliseconds);
   }
 }

@@ -30,6 +30,10 @@ constexpr const char* kExitStatuses =
     "sound "
     "device, 130 interrupted.";
 
+constexpr const char* kInstallHelp =
+    "Needs the right to write for all users. Listed filters are left alone.\n"
+    "Example: marlinda install-filters --remove";
+
 constexpr const char* kCutHelp =
     "Times are seconds such as 1.5, or frames such as 66150f. The pieces are joined in the order\n"
     "given; an empty BEGIN or END means the start or the end of the file. Then every silence is\n"
@@ -57,6 +61,12 @@ constexpr const char* kScrubHelp =
     "Example: marlinda scrub in.ogg --at 1,1.1,1.2,5 --hold 0.25";
 
 void AddJson(CLI::App* command, bool& json) { command->add_flag("--json", json, "Report in JSON"); }
+
+void AddProgress(CLI::App* command, Console& console) {
+  command->add_flag_callback(
+      "--progress", [&console] { console.WriteProgressLines(); },
+      "Tell on standard error how far it is, a line for each percent");
+}
 
 void AddBits(CLI::App* command, int& bits) {
   command->add_option("--bits", bits, "Bits per sample of the output (16 unless given)")
@@ -91,7 +101,7 @@ CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
   return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);
 }
 
-int Run(const Console& console) {
+int Run(Console& console) {
   CLI::App app("The audio engine on the command line.", "marlinda");
   app.require_subcommand(1);
   app.set_version_flag("--version", "marlinda " MARLINDA_VERSION);
@@ -109,10 +119,12 @@ int Run(const Console& console) {
   CLI::App* doctor =
       app.add_subcommand("doctor", "Tell whether everything is in place, and what helps if not");
   AddJson(doctor, json);
+  doctor->footer("Example: marlinda doctor");
   doctor->callback(run_in_apartment([&] { RunDoctor(json, console); }));
 
   CLI::App* filters = app.add_subcommand("filters", "List the import filters");
   AddJson(filters, json);
+  filters->footer("Example: marlinda filters --json");
   filters->callback(run_in_apartment([&] { RunFilters(json, console); }));
 
   bool remove = false;
@@ -120,12 +132,14 @@ int Run(const Console& console) {
       "install-filters", "List the built-in import filters in the registry, for all users");
   install->add_flag("--remove", remove, "Take them off the list");
   AddJson(install, json);
+  install->footer(kInstallHelp);
   install->callback(run_in_apartment([&] { RunInstallFilters(remove, json, console); }));
 
   std::string file;
   CLI::App* info = app.add_subcommand("info", "Describe an audio file");
   info->add_option("FILE", file, "Audio file")->required();
   AddJson(info, json);
+  info->footer("Example: marlinda info in.ogg");
   info->callback(run_in_apartment([&] { RunInfo(file, json, console); }));
 
   ConvertOptions convert_options;
@@ -133,7 +147,9 @@ int Run(const Console& console) {
   AddFiles(convert, convert_options.input, convert_options.output);
   AddBits(convert, convert_options.bits);
   AddFormat(convert, convert_options.rate, convert_options.channels, "as the input unless given");
+  AddProgress(convert, console);
   AddJson(convert, convert_options.json);
+  convert->footer("Example: marlinda convert in.ogg out.wav --bits 24 --rate 48000");
   convert->callback(run_in_apartment([&] { RunConvert(convert_options, console); }));
 
   CutOptions cut_options;
@@ -148,6 +164,7 @@ int Run(const Console& console) {
   cut->add_option("--plot", cut_options.picture.file, "Draw the result as a picture as well")
       ->type_name("OUT.png");
   AddBits(cut, cut_options.bits);
+  AddProgress(cut, console);
   AddJson(cut, cut_options.json);
   cut->footer(kCutHelp);
   cut->callback(run_in_apartment([&] { RunCut(cut_options, console); }));
@@ -161,12 +178,14 @@ int Run(const Console& console) {
   plot->add_option("--height", plot_options.picture.height, "Pixels (320 unless given)");
   plot->add_option("--from", plot_options.from, "Draw from this time on");
   plot->add_option("--to", plot_options.to, "Draw up to this time");
+  AddProgress(plot, console);
   AddJson(plot, plot_options.json);
   plot->footer(kPlotHelp);
   plot->callback(run_in_apartment([&] { RunPlot(plot_options, console); }));
 
   CLI::App* devices = app.add_subcommand("devices", "List the sound devices");
   AddJson(devices, json);
+  devices->footer("Example: marlinda devices");
   devices->callback(run_in_apartment([&] { RunDevices(json, console); }));
 
   PlayOptions play_options;
@@ -178,6 +197,7 @@ int Run(const Console& console) {
   play->add_option("--channels", play_options.channels,
                    "Channels to be heard, counted from 0, such as 0,1 (all unless given)");
   AddDevice(play, play_options.device);
+  AddProgress(play, console);
   AddJson(play, play_options.json);
   play->footer(kPlayHelp);
   play->callback(run_in_apartment([&] { RunPlay(play_options, console); }));
@@ -193,6 +213,7 @@ int Run(const Console& console) {
             "44100 Hz, 2 channels unless given");
   AddBits(record, record_options.bits);
   AddDevice(record, record_options.device);
+  AddProgress(record, console);
   AddJson(record, record_options.json);
   record->footer(kRecordHelp);
   record->callback(run_in_apartment([&] { RunRecord(record_options, console); }));
@@ -202,7 +223,8 @@ int Run(const Console& console) {
   scrub->add_option("IN", scrub_options.input, "Audio file to read")->required();
   scrub->add_option("--at", scrub_options.at, "Positions to hear one after the other")
       ->type_name("TIME,TIME,...");
-  scrub->add_option("--hold", scrub_options.hold, "Seconds to stay at each (0.5 unless given)");
+  scrub->add_option("--hold", scrub_options.hold, "Seconds to stay at each (0.5 unless given)")
+      ->needs("--at");
   AddDevice(scrub, scrub_options.device);
   AddJson(scrub, scrub_options.json);
   scrub->footer(kScrubHelp);
@@ -232,7 +254,7 @@ int Run(const Console& console) {
 int main() {
   using marlinda::ExitStatus;
   try {
-    const marlinda::Console console;
+    marlinda::Console console;
     try {
       return marlinda::Run(console);
     } catch (const marlinda::HostError& error) {

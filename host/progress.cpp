@@ -22,14 +22,18 @@ std::string LevelBar(float level, std::size_t width) {
   return std::string(filled, '#') + std::string(width - filled, ' ');
 }
 
+// Written so that NaN becomes 0.
+double Clamped(double fraction) { return fraction > 0.0 ? std::min(fraction, 1.0) : 0.0; }
+
+int Percent(double fraction) { return static_cast<int>(Clamped(fraction) * 100); }
+
 }  // namespace
 
 std::string ProgressLine(std::string_view title, double fraction) {
   constexpr int kWidth = 40;
-  // Written so that NaN becomes 0.
-  const double clamped = fraction > 0.0 ? std::min(fraction, 1.0) : 0.0;
+  const double clamped = Clamped(fraction);
   const auto filled = static_cast<std::size_t>(clamped * kWidth);
-  std::string number = std::to_string(static_cast<int>(clamped * 100));
+  std::string number = std::to_string(Percent(fraction));
   number.insert(0, 3 - number.size(), ' ');
   return std::string(title) + " [" + std::string(filled, '#') + std::string(kWidth - filled, ' ') +
          "] " + number + " %";
@@ -46,6 +50,13 @@ void StatusLine::Show(const std::string& line) {
   const std::size_t rest = shown_.size() > line.size() ? shown_.size() - line.size() : 0;
   *out_ << "\r" + line + std::string(rest, ' ') << std::flush;
   shown_ = line + std::string(rest, ' ');
+}
+
+void ProgressBar::Show(const std::string& text, double fraction) {
+  line_.Show(text);
+  if (lines_ == nullptr || Percent(fraction) == percent_) return;
+  percent_ = Percent(fraction);
+  *lines_ << "progress " + std::to_string(percent_) + " " + title_ + "\n" << std::flush;
 }
 
 std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,

@@ -31,16 +31,27 @@ class StatusLine {
 // end.
 std::string ProgressLine(std::string_view title, double fraction);
 
-// The status line of a long task.
+// Where progress goes.
+struct ProgressOutput {
+  std::ostream* terminal = nullptr;  // a line that is drawn again and again, for a person
+  std::ostream* lines = nullptr;     // a line for each whole percent, for a program
+};
+
+// How far a long task is.
 class ProgressBar {
  public:
-  ProgressBar(std::ostream* out, std::string title) : line_(out), title_(std::move(title)) {}
+  ProgressBar(const ProgressOutput& out, std::string title)
+      : line_(out.terminal), lines_(out.lines), title_(std::move(title)) {}
 
-  void Show(double fraction) { line_.Show(ProgressLine(title_, fraction)); }
+  void Show(double fraction) { Show(ProgressLine(title_, fraction), fraction); }
+  // With a text of the caller's for the terminal.
+  void Show(const std::string& text, double fraction);
 
  private:
   StatusLine line_;
+  std::ostream* lines_;
   std::string title_;
+  int percent_ = -1;
 };
 
 // What play, scrub and record show: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [####      ]",

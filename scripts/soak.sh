@@ -42,6 +42,13 @@ part_hosts() {
     "$root/scripts/wine-run" "$abuse/abuse_concurrent_hosts_tests.exe"
 }
 
+# WAV files around 4 GiB, one after the other in the temporary folder.
+part_large() {
+  compile x64 Tessaly abuse_large_export_tests
+  step "WAV files around 4 GiB" "is there room for 4.3 GB in the temporary folder?" \
+    "$root/scripts/wine-run" "$abuse/abuse_large_export_tests.exe"
+}
+
 # The tests under Wine in a build that traps on undefined behaviour.
 part_trap() {
   compile x64-trap
@@ -73,6 +80,7 @@ parts="
   fuzz            part_fuzz
   ogg             part_ogg
   hosts           part_hosts
+  large           part_large
   trap            part_trap
   device          part_device
 "

@@ -14,16 +14,18 @@ done
 echo "Testing"
 passed=0 failed=0 skipped=0 broken=()
 
-# count LOG: "passed failed skipped" of the single tests in CTest's log. A program that died before
-# its closing line, or that is no GoogleTest program, counts as one test.
+# count LOG: "passed failed skipped" of the single tests in what CTest said with -V. A program that died
+# before its closing line, or that is no GoogleTest program, counts as one test, and so does one that says
+# that it was not tested.
 count() {
   awk '
-    / Testing: / { ran = bad = left = 0 }
-    /^\[==========\] [0-9]+ tests? from .* ran/ { ran += $2 }
-    /^\[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $4 }
-    /^\[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $4 }
-    /^Test (Passed|Failed)\./ {
-      whole = /Passed/
+    /^test [0-9]+$/ { ran = bad = left = 0 }
+    /^[0-9]+: \[==========\] [0-9]+ tests? from .* ran/ { ran += $3 }
+    /^[0-9]+: \[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $5 }
+    /^[0-9]+: \[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $5 }
+    / NOT TESTED\. / { ran++; left++ }
+    /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: / {
+      whole = / Passed +[0-9.]+ sec/
       if (ran == 0) { ran = 1; bad = !whole }
       else if (!whole && bad == 0) { ran++; bad = 1 }
       passed += ran - bad - left; failed += bad; skipped += left
@@ -37,36 +39,35 @@ count() {
 suite() {
   local name=$1 preset=$2 what=$3 option=$4 begun=$SECONDS status=0 good bad left
   shift 4
-  local log=$root/build/$preset/Testing/Temporary/LastTest.log output=$logs/test-$name.log
-  rm -f "$log"
-  (cd "$root" && "$@" ctest --preset "$preset" --no-tests=error "$option" '^sound$') >"$output" 2>&1 </dev/null || status=$?
-  read -r good bad left < <(count "$log" 2>/dev/null || echo 0 0 0)
+  local log=$logs/test-$name.log
+  (cd "$root" && "$@" ctest --preset "$preset" -V --no-tests=error "$option" '^sound$') >"$log" 2>&1 </dev/null || status=$?
+  read -r good bad left < <(count "$log")
   # Whatever CTest says counts, also where no single test says why.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
+  # A whole program that this machine cannot run says so, and nobody is to overlook it.
+  grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
     return
   fi
   {
-    grep -E '^\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$output" |
+    grep -E '\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$log" |
       sort -u | head -n 40
-    tail -n 15 "$output"
+    tail -n 15 "$log"
     echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$name.log"
-    echo "  again: ctest --preset $preset -R '^($(sed 's/^[0-9]*://' "${log%/*}/LastTestsFailed.log" | paste -sd '|'))\$'"
+    echo "  again: ctest --preset $preset -R NAME, for each of those that failed"
   } >&2
 }
 
 rm -f "$logs"/result-*
 # One line of suites per core of a small machine: those under Wine wait now and then, those of sound
 # mostly.
-{
-  suite x64 x64 "kernels and components under Wine" -LE "$root/scripts/wine-session"
-  suite sound x64 "sound under Wine" -L "$root/scripts/wine-session"
-} &
+suite x64 x64 "kernels and components under Wine" -LE "$root/scripts/wine-session" &
 suite native native "kernels, native" -LE
 suite asan asan "kernels under AddressSanitizer and UBSan" -LE
 suite tsan tsan "kernels under ThreadSanitizer" -LE
+suite sound x64 "sound under Wine" -L "$root/scripts/wine-session"
 wait
 for name in x64 sound native asan tsan; do
   # A suite that left no result has failed.

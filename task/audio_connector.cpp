@@ -43,6 +43,7 @@ STDMETHODIMP CAudioConnector::SetupReaderToExport(IUnknown* punkAudioReader,
                                                   SHORT nChannels) {
   if (punkAudioReader == nullptr || punkExportFilter == nullptr) return E_POINTER;
   return ComCall([&] {
+    if (IsSameObject(punkAudioReader, OuterUnknown())) return E_INVALIDARG;
     Parties parties;
     parties.reader = TryQuery<IAudioReader>(punkAudioReader);
     if (!parties.reader) return E_NOINTERFACE;

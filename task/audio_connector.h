@@ -25,9 +25,10 @@ class CAudioConnector final
 
   CAudioConnector();
 
-  // IAudioConnector. E_POINTER, E_NOINTERFACE and, for a target format that is not positive,
-  // E_INVALIDARG leave the set-up there was as it is. A new set-up ends what still runs of the one
-  // before it, and what that had in the queue is gone.
+  // IAudioConnector. E_POINTER, E_NOINTERFACE and E_INVALIDARG leave the set-up there was as it is.
+  // E_INVALIDARG is for a target format that is not positive, and for this object as its own
+  // reader, which would hold itself and wait for itself for ever. A new set-up ends what still runs
+  // of the one before it, and what that had in the queue is gone.
   STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override;
   STDMETHODIMP SetupReaderToExport(IUnknown* punkAudioReader, IUnknown* punkExportFilter,

@@ -25,8 +25,8 @@ class PacedQueue {
     int most_timeouts = 10;  // rounds in which nothing came, over all waits of one read
   };
 
-  PacedQueue() noexcept = default;
-  explicit PacedQueue(const Pace& pace) noexcept : pace_(pace) {}
+  PacedQueue() = default;
+  explicit PacedQueue(const Pace& pace) : pace_(pace) {}
 
   std::size_t Count() const noexcept { return queue_.Count(); }
   bool HasRoom() const noexcept { return queue_.Count() < kMostQueued; }

@@ -12,9 +12,14 @@ namespace marlinda {
 // Keeps the keys in the order in which they are written.
 using Json = nlohmann::ordered_json;
 
-inline std::string ToText(const Json& json) {
+// Goes up when a key of some report goes or means something else; new keys leave it as it is.
+constexpr int kSchemaVersion = 1;
+
+inline std::string ToText(const Json& report) {
+  Json versioned = {{"schema_version", kSchemaVersion}};
+  versioned.update(report);
   // Names come from files; a broken character in one must not cost the report.
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  return versioned.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 template <class T>

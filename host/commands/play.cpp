@@ -46,7 +46,7 @@ class Player {
     // The position of a short loop may well be the same whenever it is asked for. The engine ends
     // it when its device is lost.
     const bool can_stall = !section_.loop || frames >= format_.rate;
-    StatusLine line(console.ProgressOutput());
+    ProgressBar bar(console.Progress(), "Playing");
     StallWatch watch;
     __int64 position = section_.range.begin;
     for (;;) {
@@ -64,7 +64,8 @@ class Player {
       if (can_stall && stalled > StallWatch::kPatience) {
         throw DeviceLost(device, "it stopped playing at " + FormatDuration(position, format_.rate));
       }
-      line.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()));
+      bar.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()),
+               static_cast<double>(position - section_.range.begin) / static_cast<double>(frames));
       console.Wait(kPollMilliseconds);
     }
     if (section_.loop || EndedTooSoon(frames, format_.rate, Clock::now() - start_)) {

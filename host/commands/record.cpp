@@ -27,7 +27,7 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
                  std::int64_t frames, const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
-  StatusLine line(console.ProgressOutput());
+  ProgressBar bar(console.Progress(), "Recording");
   StallWatch watch;
   while (recorder.IsRunning()) {
     if (console.Interrupted()) {
@@ -39,8 +39,9 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
       recorder.Stop();
       return DeviceLost(device, "it stopped delivering audio");
     }
-    line.Show(
-        TransportLine("Recording", recorder.recorded(), frames, format.rate, recorder.Levels()));
+    bar.Show(
+        TransportLine("Recording", recorder.recorded(), frames, format.rate, recorder.Levels()),
+        static_cast<double>(recorded) / static_cast<double>(frames));
     console.Wait(kPollMilliseconds);
   }
   const HRESULT hr = recorder.Stop();

@@ -33,7 +33,7 @@ class Scrubber {
         file_(file),
         device_(device),
         console_(console),
-        line_(console.ProgressOutput()) {
+        line_(console.Progress().terminal) {
     Check(scrub_->StartScrub());
   }
   ~Scrubber() { scrub_->StopScrub(); }

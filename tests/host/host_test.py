@@ -6,6 +6,7 @@ Called inside a Wine session of its own: host_test.py PATH/marlinda.exe [unittes
 import array
 import json
 import pathlib
+import re
 import shutil
 import signal
 import struct
@@ -18,6 +19,7 @@ import zlib
 
 from program import ENVIRONMENT, PROGRAM, WINE, Run, keep_wine_alive, run, tool, windows
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 RATE = 44100
 FRAMES = 3 * RATE
 FILTER_KEY = r"HKLM\Software\Brevant\Cutloom\Import Filters"
@@ -159,6 +161,9 @@ class HostTest(unittest.TestCase):
             (["cut", self.ogg, self.out, "--keep", "0:3.1"], "132300 frames"),
             (["cut", self.ogg, self.out, "--keep", "0:1", "--silence", "2:1"], "--silence 2:1"),
             (["convert", self.ogg, self.folder / "out.mp3"], "out.mp3"),
+            (["convert", self.ogg, self.out, "--bits", "8", "--bits", "16"], "--bits"),
+            (["scrub", self.ogg, "--hold", "1"], "--at"),
+            (["info", self.ogg, "--progress"], "--progress"),
             (["convert", self.ogg, self.folder / "out"], ".wav"),
         ]:
             with self.subTest(arguments=arguments):
@@ -584,9 +589,48 @@ class HostTest(unittest.TestCase):
             self.assertEqual(file.readframes(FRAMES), self.samples[:min(frames, FRAMES) * 4])
         self.assertEqual(int(tool("soxi", "-s", self.out)), frames)
 
+    def test_progress_for_a_program_comes_as_lines_of_rising_percentages(self):
+        for arguments in (["convert", self.ogg, self.out], ["plot", self.ogg, self.folder / "a.png"],
+                          ["convert", self.ogg, self.out, "--rate", "48000"]):
+            status, output, messages = run(*arguments, "--progress")
+            self.assertEqual(status, 0, messages)
+            self.assertNotIn("progress", output)
+            lines = [re.fullmatch(r"progress (\d+) (Reading|Writing)", line).groups()
+                     for line in messages.splitlines()]
+            for step in {step for _, step in lines}:
+                percents = [int(percent) for percent, which in lines if which == step]
+                self.assertEqual(percents, sorted(set(percents)))
+                self.assertEqual(percents[-1], 100)
+            self.assertEqual(lines[0][1], "Writing" if "--rate" in arguments else "Reading")
+
+    def test_reports_have_the_documented_keys_and_the_version_of_their_schema(self):
+        def keys(report):
+            if isinstance(report, list):
+                return set().union(*map(keys, report))
+            return set(report).union(*map(keys, report.values())) if isinstance(report, dict) else set()
+
+        page = (ROOT / "docs/host.md").read_text()
+        for command, arguments in {"doctor": [], "filters": [], "info": [self.ogg], "devices": [],
+                                   "cut": [self.ogg, self.out, "--keep", ":", "--label", "1:x"],
+                                   "plot": [self.ogg, self.folder / "a.png"]}.items():
+            with self.subTest(command=command):
+                report = json.loads(run(command, *arguments, "--json")[1])
+                section = re.search(rf"^### `{command}`\n(.*?)(?=^###? )", page, re.M | re.S)[1]
+                if command == "cut":  # described together with convert
+                    self.assertIn("`convert` and `cut` report", section)
+                block = section.split("JSON:\n")[1]
+                self.assertEqual(list(report)[0], "schema_version")
+                self.assertEqual(report.pop("schema_version"), 1)
+                # One level of indentation below the brace.
+                self.assertEqual(list(report), re.findall(r'^      "(\w+)":', block, re.M))
+                self.assertLessEqual(keys(report), set(re.findall(r'"(\w+)":', block)))
+
     def test_help_and_version_are_data_on_standard_output(self):
-        self.assertIn("install-filters", self.succeed("--help"))
-        self.assertIn("--keep", self.succeed("cut", "--help"))
+        commands = re.findall(r"^  ([a-z-]+)  ", self.succeed("--help").split("Subcommands:")[1], re.MULTILINE)
+        documented = re.findall(r"^### `(.*)`$", (ROOT / "docs/host.md").read_text(), re.MULTILINE)
+        self.assertEqual(sorted(commands), sorted(documented))
+        for command in commands:
+            self.assertIn(f"Example: marlinda {command}", self.succeed(command, "--help"))
         self.assertRegex(self.succeed("--version"), r"^marlinda \d+\.\d+\.\d+\n$")
 
 

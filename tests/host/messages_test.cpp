@@ -9,6 +9,7 @@ namespace marlinda {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 HostError Explained(std::uint32_t hresult, ExitStatus otherwise) {
@@ -35,6 +36,18 @@ TEST(Messages, LeaveTheStatusToWhatWasBeingDoneUnlessTheCodeTellsMore) {
     const HostError error = Explained(code, ExitStatus::kFailure);
     EXPECT_EQ(error.status(), ExitStatus::kRegistration);
     EXPECT_THAT(error.what(), HasSubstr("Tessaly.dll"));
+  }
+}
+
+TEST(Messages, HaveWordsForWhateverTheEngineReturns) {
+  for (const std::uint32_t code :
+       {0x80004001U, 0x80004002U, 0x80004003U, 0x80004005U, 0x8000FFFFU, 0x8007000EU,
+        0x80070057U, 0x80040110U, 0x80040111U, 0x80040200U, 0x80040202U, 0x80040217U,
+        0x80020001U, 0x80020003U, 0x80020004U, 0x80020005U, 0x80020006U, 0x80020009U,
+        0x8002000AU, 0x8002000BU, 0x8002000EU, 0x8002000FU, 0x80070006U, 0x8007000DU,
+        0x80070026U, 0x80070032U, 0x80070070U, 0x80070083U, 0x800705B4U}) {
+    EXPECT_THAT(Explained(code, ExitStatus::kFailure).reason(), Not(HasSubstr("0x")))
+        << std::hex << code;
   }
 }
 

@@ -26,13 +26,24 @@ TEST(Progress, LinesAreEquallyLongWhateverTheFractionClaims) {
   EXPECT_THAT(ProgressLine("Reading", -3.0), HasSubstr("[  "));
 }
 
+TEST(Progress, GivesAProgramOneLineForEachPercentAndNoBar) {
+  std::ostringstream lines;
+  {
+    ProgressBar bar({.lines = &lines}, "Reading a b");
+    for (const double fraction : {0.0, 0.004, 0.5, 0.509, 0.51, 1.0}) bar.Show(fraction);
+  }
+  EXPECT_EQ(lines.str(),
+            "progress 0 Reading a b\nprogress 50 Reading a b\nprogress 51 Reading a b\n"
+            "progress 100 Reading a b\n");
+}
+
 TEST(Progress, WipesItsLineAtTheEndAndDrawsOnlyChanges) {
   std::ostringstream screen;
   {
-    ProgressBar bar(&screen, "T");
+    ProgressBar bar({.terminal = &screen}, "T");
     bar.Show(0.5);
     bar.Show(0.5001);
-    ProgressBar nowhere(nullptr, "T");
+    ProgressBar nowhere({}, "T");
     nowhere.Show(0.5);
   }
   const std::string line = ProgressLine("T", 0.5);

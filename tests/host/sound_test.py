@@ -276,7 +276,7 @@ class SoundTest(unittest.TestCase):
     def test_without_a_sound_server_there_is_no_device_and_nothing_hangs(self):
         # Messages may come from the system's own sound library.
         status, output, _ = run("devices", "--json", environment=NO_SERVER)
-        self.assertEqual((status, json.loads(output)), (0, {"outputs": [], "inputs": []}))
+        self.assertEqual((status, json.loads(output)), (0, {"schema_version": 1, "outputs": [], "inputs": []}))
         status, output, _ = run("devices", environment=NO_SERVER)
         self.assertEqual((status, output), (0, "outputs: none\ninputs: none\n"))
         for arguments in (["play", self.ogg], ["scrub", self.ogg, "--at", "1"],

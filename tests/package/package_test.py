@@ -35,7 +35,7 @@ SYSTEM_LIBRARIES = {"advapi32.dll", "comctl32.dll", "comdlg32.dll", "gdi32.dll",
 # The engine makes the keys that it looks for settings in and leaves them empty.
 SETTINGS_KEYS = {
     f"{hive} [Software\\\\Brevant{rest}]" for hive, rests in
-    {"user": ["", r"\\Cutloom", r"\\Cutloom\\Directories"],
+    {"user": ["", r"\\Cutloom", r"\\Cutloom\\Directories", r"\\Cutloom\\EncoderSettings"],
      "system": ["", r"\\Cutloom", r"\\Cutloom\\Import Filters"]}.items() for rest in rests}
 # What Wine writes by itself when programs start and end.
 WINES_OWN = re.compile(r"(user \[(Console|Software\\\\Wine|Volatile Environment|Control Panel)\b)|"
@@ -115,9 +115,11 @@ class PackageTest(unittest.TestCase):
             assert packed.testzip() is None
             packed.extractall(cls.top)
         cls.folder, = cls.top.iterdir()
-        # What Wine writes at the first start of a program is there afterwards.
-        session("wine cmd /c ver; wine regsvr32 /s nothing.dll; wine reg query HKCU\\\\Software",
-                cls.folder)
+        # What Wine writes at the first start of a program is there afterwards, and so are the keys that
+        # all programs share.
+        session("wine cmd /c ver; wine regsvr32 /s nothing.dll; wine cscript //nologo nothing.vbs; "
+                r"wine reg add 'HKCU\Software\Microsoft\Windows\CurrentVersion\Uninstall' /f; "
+                r"wine reg add 'HKCU\Software\Classes\AppID' /f", cls.folder)
 
     def setUp(self):
         for folder in DRIVE.glob("users/*/Temp/*"):  # of a run that was broken off

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 
 #include "tests/pool/pool_test_support.h"
@@ -209,6 +210,42 @@ TEST(AudioPoolReader, ReachesPlacesBeyondFourGigabytes) {
     Floats peaks(2);
     EXPECT_EQ(reader.peaks->ReadPeaks(peak, peaks), S_OK);
     EXPECT_EQ(peaks.ToVector(), expected_peak);
+  }
+}
+
+TEST(AudioPoolReader, ReadsSamplesAndPeaksThatLieAcrossTwoFourAndEightGibibytes) {
+  const Pool pool(1, 24);
+  MakeSparse(pool.AudioFile());
+  MakeSparse(pool.PeakFile());
+  for (const long long boundary : {1LL << 31, 1LL << 32, 1LL << 33}) {
+    SCOPED_TRACE(boundary);
+    std::vector<unsigned char> bytes(48);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = static_cast<unsigned char>(37 * i + 5 + static_cast<std::size_t>(boundary >> 31));
+    }
+    const long long first = boundary - 24;
+    WriteBytesAt(pool.AudioFile(), first, bytes);
+    WriteBytesAt(pool.PeakFile(), first, bytes);
+    // By the region's offset, and by the position in a region from the beginning of the file on;
+    // the boundary before, within and behind a sample and a peak.
+    for (int before = 0; before < 8; ++before) {
+      const std::size_t at = 20 + static_cast<std::size_t>(before);
+      const long long place = first + static_cast<long long>(at);
+      std::int32_t code = 0;
+      std::memcpy(&code, &bytes[at - 1], sizeof code);  // the sample's bytes are the upper three
+      const float expected = static_cast<float>(code >> 8) / 8388608.0F;
+      float pair[2];
+      std::memcpy(pair, &bytes[at - 1], sizeof pair);
+      const RegionReader close(pool.pool.Get(), place, place - 1, 6, 24);
+      const RegionReader distant(pool.pool.Get(), place % 3, (place - 1) % 8, boundary, 24);
+      EXPECT_EQ(Read(close.audio.Get(), 0, 1), Samples{expected}) << place;
+      EXPECT_EQ(Read(distant.audio.Get(), place / 3, 1), Samples{expected}) << place;
+      for (const auto& [reader, position] : {std::pair{&close, 0LL}, {&distant, (place - 1) / 8}}) {
+        Floats peaks(2);
+        EXPECT_EQ(reader->peaks->ReadPeaks(position, peaks), S_OK);
+        EXPECT_EQ(std::memcmp(peaks.values().data(), pair, sizeof pair), 0) << place;
+      }
+    }
   }
 }
 

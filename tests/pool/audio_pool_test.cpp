@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -503,41 +504,57 @@ TEST(AudioPool, ReportsAFailedWriteOfAudioButNotOfPeaksAndAdvancesAllTheSame) {
   EXPECT_EQ(BytesOf(pool.PeakFile()).size(), 3 * sizeof(float[2]));
 }
 
-TEST(AudioPool, WritesBeyondFourGigabytes) {
+TEST(AudioPool, WritesAcrossTwoFourAndEightGibibytes) {
   const Pool pool;
   pool.WriteTake(Wave(300));
-  constexpr __int64 kGap = (1LL << 30) + (1LL << 22);
-  {
-    // Writes that fail advance the position without filling the disk.
-    WithheldFile audio(pool.AudioFile());
-    Floats block(1 << 22);
-    EXPECT_EQ(pool.writer->OpenDevice(), S_OK);
-    for (__int64 sample = 0; sample < kGap; sample += 1 << 22) {
-      EXPECT_EQ(pool.writer->WriteAudio(block), kInvalidHandle);
-    }
-    EXPECT_EQ(pool.writer->CloseDevice(), S_OK);
-  }
   MakeSparse(pool.AudioFile());
-  pool.WriteTake(Wave(1000, 0.0F));
+  const std::array kBoundaries = {1LL << 31, 1LL << 32, 1LL << 33};
+  const Samples wave = Wave(1000, 0.0F);
+  __int64 position = 300;
+  for (const __int64 boundary : kBoundaries) {
+    // Half of the next take lies behind the boundary.
+    const __int64 begin = boundary / 4 - 500;
+    {
+      // Writes that fail advance the position without filling the disk.
+      WithheldFile audio(pool.AudioFile());
+      EXPECT_EQ(pool.writer->OpenDevice(), S_OK);
+      Floats block(1 << 22);
+      for (; begin - position >= 1 << 22; position += 1 << 22) {
+        ASSERT_EQ(pool.writer->WriteAudio(block), kInvalidHandle);
+      }
+      EXPECT_EQ(pool.Write(Samples(static_cast<std::size_t>(begin - position))), kInvalidHandle);
+      EXPECT_EQ(pool.writer->CloseDevice(), S_OK);
+    }
+    pool.WriteTake(wave);
+    position = begin + 1000;
+  }
   LARGE_INTEGER size = {};
   EXPECT_TRUE(GetFileSizeEx(pool.AudioFile(), &size));
-  EXPECT_EQ(size.QuadPart, (300 + kGap + 1000) * 4);
+  EXPECT_EQ(size.QuadPart, (1LL << 33) + 2000);
 
-  const auto third = pool.LastReader();
-  const auto second = pool.PrevReader();
-  const auto first = pool.PrevReader();
-  EXPECT_EQ(SampleCount(third.Get()), 1000);
-  EXPECT_EQ(SampleCount(second.Get()), kGap);
-  EXPECT_EQ(SampleCount(first.Get()), 300);
-  EXPECT_EQ(Read(third.Get(), 0, 1000), Wave(1000, 0.0F));
-  EXPECT_EQ(Read(second.Get(), kGap - 2, 2), Samples(2, 0.0F));
-  EXPECT_EQ(Read(second.Get(), kGap, 1000), Wave(1000, 0.0F));
-  EXPECT_EQ(Read(first.Get(), 0, 300), Wave(300));
-  Floats peaks(4);
-  EXPECT_EQ(As<IPeakReader>(third)->ReadPeaks(0, peaks), S_OK);
-  const Samples wave = Wave(256, 0.0F);
-  EXPECT_EQ(peaks[0], std::ranges::min(wave));
-  EXPECT_EQ(peaks[1], std::ranges::max(wave));
+  auto take = pool.LastReader();
+  for (std::size_t i = kBoundaries.size(); i-- > 0;) {
+    SCOPED_TRACE(kBoundaries[i]);
+    EXPECT_EQ(SampleCount(take.Get()), 1000);
+    EXPECT_EQ(Read(take.Get(), 0, 1000), wave);
+    for (const std::size_t at : {498U, 499U, 500U, 501U}) {
+      EXPECT_EQ(Read(take.Get(), static_cast<__int64>(at), 2), (Samples{wave[at], wave[at + 1]}));
+    }
+    // Of its whole groups: the next take has written over the last.
+    Floats peaks(6);
+    EXPECT_EQ(As<IPeakReader>(take)->ReadPeaks(0, peaks), S_OK);
+    for (std::size_t group = 0; group < 3; ++group) {
+      const auto samples = std::span(wave).subspan(256 * group, 256);
+      EXPECT_EQ(peaks[2 * group], std::ranges::min(samples));
+      EXPECT_EQ(peaks[2 * group + 1], std::ranges::max(samples));
+    }
+    // The gap before it ends where it begins.
+    const auto gap = pool.PrevReader();
+    const __int64 length = SampleCount(gap.Get());
+    EXPECT_EQ(Read(gap.Get(), length - 2, 3), (Samples{0.0F, 0.0F, wave[0]}));
+    take = pool.PrevReader();
+  }
+  EXPECT_EQ(Read(take.Get(), 0, 300), Wave(300));
 }
 
 }  // namespace

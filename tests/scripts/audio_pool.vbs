@@ -2,7 +2,7 @@
 Option Explicit
 Dim name, pool, writer
 Dim pick
-Set pick = CreateObject("TessalyTests.InterfacePicker")
+Set pick = CreateObject("TessalySamples.InterfacePicker")
 For Each name In Array("Marlinda.AudioPool.1", "Marlinda.AudioPool")
   Set pool = CreateObject(name)
   Expect "type", TypeName(pool), "IAudioPool"

@@ -2,7 +2,7 @@
 // The length is given because JScript has no 64-bit numbers.
 var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2));
-var pick = new ActiveXObject("TessalyTests.InterfacePicker");
+var pick = new ActiveXObject("TessalySamples.InterfacePicker");
 var pool = new ActiveXObject("Marlinda.AudioPool");
 var filter = new ActiveXObject("Marlinda.OggImport");
 filter.Initialize(input, pool);

@@ -2,7 +2,7 @@
 ' Prints the frames that went in and those that came out.
 Option Explicit
 Dim pick, pool, filter, reader, frames
-Set pick = CreateObject("TessalyTests.InterfacePicker")
+Set pick = CreateObject("TessalySamples.InterfacePicker")
 Set pool = CreateObject("Marlinda.AudioPool")
 Set filter = CreateObject("Marlinda.OggImport")
 filter.Initialize WScript.Arguments(0), pool

@@ -8,7 +8,7 @@ for (var i = 0; i < names.length; ++i) {
   expectError("not a number", function () { silence.Create("abc", 44100, 2); });
   expectError("an unknown method", function () { silence.NoSuchMethod(); });
 }
-var pick = new ActiveXObject("TessalyTests.InterfacePicker");
+var pick = new ActiveXObject("TessalySamples.InterfacePicker");
 var reader = pick(silence, "IAudioReader");
 reader.OpenDevice();
 reader.CloseDevice();

@@ -23,7 +23,7 @@ For Each name In Array("Marlinda.NullReader.1", "Marlinda.NullReader")
 Next
 
 Dim pick, reader
-Set pick = CreateObject("TessalyTests.InterfacePicker")
+Set pick = CreateObject("TessalySamples.InterfacePicker")
 silence.Create 4294967296 * 3, 44100, 2
 Set reader = pick(silence, "IAudioReader")
 Expect "a length beyond 32 bits", CStr(reader.GetSampleCount), "12884901888"

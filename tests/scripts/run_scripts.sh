@@ -12,8 +12,8 @@ fi
 build=$(realpath "$2")
 unset TESSALY_REGISTRATION
 
-picker='{5B0E39C1-6F0A-4C53-9D7A-215E0B84C36E}'
 filters='HKLM\Software\Brevant\Cutloom\Import Filters'
+modules=(tests/tone_import.dll tests/interface_picker.dll Tessaly.dll)
 work=$(mktemp -d)
 failures=0
 
@@ -24,16 +24,13 @@ clean_up() {
   {
     wine reg delete "$filters" /f
     [[ ! -s $work/filters.reg ]] || wine reg import "$(windows_path "$work/filters.reg")"
-    wine reg delete 'HKCR\TessalyTests.InterfacePicker' /f
-    wine reg delete "HKCR\\CLSID\\$picker" /f
-    wine regsvr32 /s /u "$(windows_path "$build/Tessaly.dll")"
+    for module in "${modules[@]}"; do wine regsvr32 /s /u "$(windows_path "$build/$module")"; done
   } >/dev/null 2>&1 || true
   rm -rf "$work"
 }
 trap clean_up EXIT
 
 set_text() { wine reg add "$1" /v "$2" /d "$3" /f >/dev/null; }
-set_default() { wine reg add "$1" /ve /d "$2" /f >/dev/null; }
 
 # run SCRIPT "CLASSES IT NEEDS" [ARGUMENTS...]: the script's output goes to $work/output.
 run() {
@@ -64,13 +61,13 @@ expect() {
   failures=$((failures + 1))
 }
 
-wine regsvr32 /s "$(windows_path "$build/Tessaly.dll")" || {
-  echo "the module cannot be registered" >&2
+register() {
+  wine regsvr32 /s "$(windows_path "$build/$1")" && return
+  echo "$1 cannot be registered" >&2
   exit 1
 }
-set_default 'HKCR\TessalyTests.InterfacePicker\CLSID' "$picker"
-set_default "HKCR\\CLSID\\$picker\\InprocServer32" "$(windows_path "$build/tests/interface_picker.dll")"
-set_text "HKCR\\CLSID\\$picker\\InprocServer32" ThreadingModel Both
+register Tessaly.dll
+register tests/interface_picker.dll
 
 offered=
 for class in AudioPool EditedAudio FileFilterMgr NullReader OggImport WavExportFilter; do
@@ -108,4 +105,31 @@ if run import_edit_export.js "AudioPool OggImport EditedAudio WavExportFilter" "
   expect "frames in the WAV file" "$(sox --info -s "$work/cut.wav")" 44100
   expect "bits in the WAV file" "$(sox --info -b "$work/cut.wav")" 24
 fi
+
+# The samples, which find the importers in the list: the engine's, and the one that is a sample itself.
+# sample SCRIPT IN "EXPECTED OUTPUT" [ARGUMENTS...]: writes $work/half.wav.
+sample() {
+  local script=$1 input=$2 expected=$3
+  shift 3
+  rm -f "$work/half.wav"
+  wine cscript //nologo "$(windows_path "$root/samples/scripts/$script")" "$(windows_path "$input")" \
+    "$(windows_path "$work/half.wav")" "$@" >"$work/raw" 2>&1 || true
+  expect "what $script says of ${input##*/}" "$(tr -d '\r' <"$work/raw")" "$expected"
+}
+sample cut_in_half.vbs "$work/tone.ogg" "22050 of 44100 frames written"
+expect "frames in the WAV file" "$(sox --info -s "$work/half.wav")" 22050
+sample cut_in_half.js "$work/tone.ogg" "22050 of 44100 frames written" 44100
+expect "frames in the WAV file" "$(sox --info -s "$work/half.wav")" 22050
+
+description=$root/samples/import-filter/example.tone
+sample cut_in_half.vbs "$description" "No import filter reads $(windows_path "$description")"
+register tests/tone_import.dll
+sample cut_in_half.vbs "$description" "27562 of 55125 frames written"
+# sox says its estimate in whole hertz.
+expect "the pitch of the first tone" \
+  "$(sox "$work/half.wav" -n trim 0 0.5 stat 2>&1 | sed -n 's/^Rough *frequency: *\(439\|44[01]\)$/440/p')" 440
+expect "the pause after it" \
+  "$(sox "$work/half.wav" -n trim 22050s stat 2>&1 | sed -n 's/^Maximum amplitude: *//p')" 0.000000
+wine regsvr32 /s /u "$(windows_path "$build/tests/tone_import.dll")" || true
+sample cut_in_half.vbs "$description" "No import filter reads $(windows_path "$description")"
 exit $((failures > 0))

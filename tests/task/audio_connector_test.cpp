@@ -6,6 +6,7 @@
 #include <numbers>
 
 #include "tests/support/com_client.h"
+#include "tests/support/our_converter.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/ramp_source.h"
 #include "tests/task/test_filters.h"
@@ -48,27 +49,6 @@ bool WaitUntil(const Condition& condition, int seconds = 30) {
   }
   return condition();
 }
-
-// The module that is built beside the engine's.
-class OurConverter {
- public:
-  OurConverter() {
-    std::wstring path = ModuleUnderTest::Path();
-    path = path.substr(0, path.rfind(L'\\')) + L"\\Converter.dll";
-    module_ = LoadLibraryW(path.c_str());
-    using Function = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
-    const auto get = reinterpret_cast<Function>(
-        reinterpret_cast<void*>(GetProcAddress(module_, "DllGetClassObject")));
-    ComPtr<IUnknown> factory;
-    Check(get(CLSID_CFormatConverter, IID_IClassFactory,
-              reinterpret_cast<void**>(factory.GetAddressOf())));
-    installed_ = std::make_unique<InstalledConverter>(factory.Get());
-  }
-
- private:
-  HMODULE module_ = nullptr;  // stays loaded
-  std::unique_ptr<InstalledConverter> installed_;
-};
 
 TEST(AudioConnector, PassesEqualFormatsBitForBitAndLetsGoOfTheFiltersAtTheEnd) {
   const OurConverter converter;  // not needed, and not asked
@@ -157,6 +137,8 @@ TEST(AudioConnector, RefusesWhatItCannotUseAndKeepsWhatItHad) {
   EXPECT_EQ(joined.connector->SetupReaderToExport(exporter, exporter, 1, 1), E_NOINTERFACE);
   EXPECT_EQ(joined.connector->SetupReaderToExport(source.Get(), source.Get(), 1, 1), E_NOINTERFACE);
   EXPECT_EQ(joined.connector->SetupReaderToExport(source.Get(), exporter, 0, 1), E_INVALIDARG);
+  EXPECT_EQ(joined.connector->SetupReaderToExport(joined.reader.Get(), exporter, 1, 1),
+            E_INVALIDARG);
   EXPECT_EQ(joined.connector->SetupImportToExport(source.Get(), exporter, 1, 1), E_NOINTERFACE);
   EXPECT_EQ(joined.connector->SetupImportToExport(Connector::Face(from), exporter, 1, 0),
             E_INVALIDARG);

@@ -220,21 +220,6 @@ class TestConverter final : public TestObject<IFormatConverter> {
   std::vector<float> held_;
 };
 
-// Makes a converter the one that is found by class identifier, for as long as it lives.
-class InstalledConverter {
- public:
-  explicit InstalledConverter(IUnknown* factory) {
-    Check(CoRegisterClassObject(CLSID_CFormatConverter, factory, CLSCTX_INPROC_SERVER,
-                                REGCLS_MULTIPLEUSE, &cookie_));
-  }
-  InstalledConverter(const InstalledConverter&) = delete;
-  InstalledConverter& operator=(const InstalledConverter&) = delete;
-  ~InstalledConverter() { CoRevokeClassObject(cookie_); }
-
- private:
-  DWORD cookie_ = 0;
-};
-
 // Hands out the same object again and again.
 class SingleFactory final : public TestObject<IClassFactory> {
  public:

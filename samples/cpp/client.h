@@ -1,0 +1,68 @@
+// What the clients in this folder share: creating objects, asking them for interfaces, texts,
+// tasks.
+#pragma once
+
+#include <windows.h>
+// After windows.h.
+#include <marlinda.h>
+#include <wrl/client.h>
+
+#include <cstdio>
+#include <string>
+
+using Microsoft::WRL::ComPtr;
+
+// Errors end these programs; a real host would tell its user.
+inline void Check(HRESULT hr, const char* what) {
+  if (SUCCEEDED(hr)) return;
+  std::fprintf(stderr, "%s failed with 0x%08lX\n", what, static_cast<unsigned long>(hr));
+  ExitProcess(1);
+}
+
+template <class I>
+ComPtr<I> Create(REFCLSID class_id) {
+  ComPtr<I> object;
+  Check(CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, __uuidof(I),
+                         reinterpret_cast<void**>(object.GetAddressOf())),
+        "creating an object");
+  return object;
+}
+
+template <class I>
+ComPtr<I> Query(IUnknown* object) {
+  ComPtr<I> result;
+  Check(object->QueryInterface(__uuidof(I), reinterpret_cast<void**>(result.GetAddressOf())),
+        "asking for an interface");
+  return result;
+}
+
+// A text as the engine takes it.
+class Text {
+ public:
+  explicit Text(const std::wstring& text) : text_(SysAllocString(text.c_str())) {
+    if (text_ == nullptr) Check(E_OUTOFMEMORY, "making a text");
+  }
+  ~Text() { SysFreeString(text_); }
+  Text(const Text&) = delete;
+  Text& operator=(const Text&) = delete;
+  operator BSTR() const { return text_; }
+
+ private:
+  BSTR text_;
+};
+
+// An array of floats as the engine takes it.
+class Floats {
+ public:
+  explicit Floats(ULONG count) : array_(SafeArrayCreateVector(VT_R4, 0, count)) {
+    if (array_ == nullptr) Check(E_OUTOFMEMORY, "making an array");
+  }
+  ~Floats() { SafeArrayDestroy(array_); }
+  Floats(const Floats&) = delete;
+  Floats& operator=(const Floats&) = delete;
+  operator SAFEARRAY*() const { return array_; }
+  float operator[](ULONG index) const { return static_cast<const float*>(array_->pvData)[index]; }
+
+ private:
+  SAFEARRAY* array_;
+};

@@ -1,0 +1,53 @@
+' Imports an audio file, leaves its second half away and writes the rest as WAV:
+'   cscript cut_in_half.vbs IN OUT.wav
+' Needs the registered engine and, beside it, interface_picker.dll: see README.md.
+'
+' What the language cannot do here:
+' - Ask an object for another interface; pick does that.
+' - Make an array of floats. So ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot are out of reach, and
+'   this sample draws no overview.
+Option Explicit
+Dim pick, manager, pool, import, take, frames
+Set pick = CreateObject("TessalySamples.InterfacePicker")
+
+' Null filter: no listed one reads the file. "marlinda install-filters" lists those of the engine.
+Set manager = CreateObject("Marlinda.FileFilterMgr")
+Set import = manager.CreateImportFilter(WScript.Arguments(0))
+If import Is Nothing Then
+  WScript.Echo "No import filter reads " & WScript.Arguments(0)
+  WScript.Quit 1
+End If
+Set pool = CreateObject("Marlinda.AudioPool")
+import.Initialize WScript.Arguments(0), pool
+RunTask pick(import, "ICoreTask")
+Set take = pool.CreateLastReader
+frames = take.GetSampleCount
+
+' The default interface of a document is IAudioReader: what exports and plays takes it as it is.
+Dim document, edit
+Set document = CreateObject("Marlinda.EditedAudio")
+Set edit = pick(document, "IEditedAudio")
+edit.AppendSegment take, 0, frames
+edit.Delete frames \ 2, frames
+pick(document, "ILabelSupport").AddLabel 0, "Begin"
+
+Dim task, export
+Set task = CreateObject("Marlinda.WavExportFilter")
+Set export = pick(task, "IExportFilter")
+export.Initialize WScript.Arguments(1), document
+pick(task, "ILabelSupport").AddLabel 0, "Begin"
+RunTask task
+WScript.Echo document.GetSampleCount & " of " & frames & " frames written"
+
+Sub RunTask(job)
+  job.Start
+  Do While job.QueryIsTaskRunning
+    Pause
+  Loop
+End Sub
+
+' Wine's script host has no Sleep.
+Sub Pause
+  On Error Resume Next
+  WScript.Sleep 10
+End Sub
