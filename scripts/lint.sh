@@ -3,7 +3,7 @@
 #   scripts/lint.sh [--changed | FILE.cpp...]
 # Kernels are read as this machine compiles them, components as the cross compiler does, so the code
 # for Windows is read too. A file that was clean is read again only after a change of it, of a header
-# or of .clang-tidy. All of them take about a quarter of an hour on two cores; scripts/test.sh leaves it
+# or of .clang-tidy. All of them take fifteen to thirty minutes on two cores; scripts/test.sh leaves it
 # out for that reason. --changed reads only the files that differ from the last commit: seconds, but a
 # changed header then counts for them alone.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
