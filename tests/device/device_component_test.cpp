@@ -193,12 +193,6 @@ TEST(Playback, OddCallsGiveAnErrorAndDoNoHarm) {
   Floats block(2 * 441);
   EXPECT_EQ(player.writer->WriteAudio(block), E_FAIL);  // closed
   EXPECT_EQ(player.playback->Break(), S_OK);
-  EXPECT_EQ(player.writer->WriteAudio(nullptr), E_INVALIDARG);
-  EXPECT_EQ(player.writer->WriteAudio(ForeignArray(VT_I2)), E_INVALIDARG);
-  EXPECT_EQ(player.writer->QueryIsReady(nullptr), E_POINTER);
-  EXPECT_EQ(player.playback->GetPlaybackPos(nullptr), E_POINTER);
-  EXPECT_EQ(player.playback->GetPosOffset(nullptr), E_POINTER);
-  EXPECT_EQ(player.playback->GetOutputLevel(0, nullptr), E_POINTER);
 
   ASSERT_EQ(player.writer->OpenDevice(), S_OK);
   EXPECT_EQ(player.writer->WriteAudio(Floats(0)), S_OK);

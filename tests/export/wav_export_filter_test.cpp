@@ -527,21 +527,5 @@ TEST(WavExportFilter, DescribesItselfToTheHost) {
   EXPECT_EQ(name.str(), L"Saving " + out.folder.File(L"100%s.wav"));
 }
 
-TEST(WavExportFilter, RefusesNullOutPointers) {
-  Export out(CodeReader::Create({.frames = 1}));
-  Bstr text;
-  EXPECT_EQ(out.task->QueryIsTaskRunning(nullptr), E_POINTER);
-  EXPECT_EQ(out.task->GetProgress(nullptr), E_POINTER);
-  EXPECT_EQ(out.task->GetName(nullptr), E_POINTER);
-  EXPECT_EQ(out.filter->QuerySupportsExtension(Bstr(L"wav"), nullptr), E_POINTER);
-  EXPECT_EQ(out.filter->GetFilterStrings(nullptr, text.Receive()), E_POINTER);
-  EXPECT_EQ(out.filter->GetFilterStrings(text.Receive(), nullptr), E_POINTER);
-  EXPECT_EQ(out.filter->QueryHasSettingsDlg(Bstr(L"wav"), nullptr), E_POINTER);
-  EXPECT_EQ(out.filter->GetMerit(nullptr), E_POINTER);
-  EXPECT_EQ(out.filter->QueryIsLossy(nullptr), E_POINTER);
-  EXPECT_EQ(out.labels->GetLabelCount(nullptr), E_POINTER);
-  EXPECT_EQ(out.markers->GetMarkerCount(nullptr), E_POINTER);
-}
-
 }  // namespace
 }  // namespace marlinda::testing

@@ -58,17 +58,6 @@ TEST(WavLayout, AnnouncesSpeakersForTheCustomaryChannelCounts) {
   EXPECT_EQ(ChannelMask(1, true), 3U);
 }
 
-TEST(WavLayout, LeavesDataOpenForTheSamplesThatFollow) {
-  const Bytes format = PlainFormat(1, 1, 8000, 1, 8);
-  EXPECT_EQ(Written([&](RiffChunkWriter& file) {
-              BeginWav(file, std::as_bytes(std::span(format)));
-              file.Write(std::as_bytes(std::span("abc", 3)));
-              file.EndChunk();
-              WriteInfo(file, {});
-            }),
-            Wav(format, Text("abc"), Info()));
-}
-
 TEST(WavLayout, CarriesTheLastLabelsPositionIntoTheMarkersCuePoints) {
   const WavLabel labels[] = {{"first", 100}, {"", 200}};
   const WavMarker markers[] = {{"region", 300, 400}, {"backward", 50, 20}};
@@ -77,13 +66,6 @@ TEST(WavLayout, CarriesTheLastLabelsPositionIntoTheMarkersCuePoints) {
                               CuePoint(2, 200, 1200, 300) + CuePoint(3, 200, 1200, 50)) +
                 List("adtl", Label(0, "first") + Label(1, "") + Region(2, 100, "region") +
                                  Region(3, 0xFFFFFFE2, "backward")));
-}
-
-TEST(WavLayout, StartsMarkersAtZeroWhenThereAreNoLabelsAndWritesNothingForNeither) {
-  const WavMarker markers[] = {{"m", 7, 9}};
-  EXPECT_EQ(Written([&](RiffChunkWriter& file) { WriteCuesAndRegions(file, {}, markers, 4); }),
-            Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 7)) + List("adtl", Region(0, 2, "m")));
-  EXPECT_EQ(Written([&](RiffChunkWriter& file) { WriteCuesAndRegions(file, {}, {}, 4); }), Bytes{});
 }
 
 TEST(WavLayout, KeepsTheLowBitsOfPositionsThatNeedMore) {
@@ -97,36 +79,6 @@ TEST(WavLayout, KeepsTheLowBitsOfPositionsThatNeedMore) {
                               CuePoint(1, 0xFFFFFFFF, 0xFFFFFFFC, 0xFFFFFFFF) +
                               CuePoint(2, 0xFFFFFFFF, 0xFFFFFFFC, 0)) +
                 List("adtl", Label(0, "far") + Label(1, "before") + Region(2, 0xFFFFFFFF, "all")));
-}
-
-TEST(WavLayout, WritesAllFiveTextsAlsoWhenTheyAreEmpty) {
-  EXPECT_EQ(Written([](RiffChunkWriter& file) {
-              WriteInfo(file, {"Title", "Artist", "Album", "2009", "Genre"});
-            }),
-            Info("Title", "Artist", "Genre", "Album", "2009-01-01"));
-  const Bytes empty = Written([](RiffChunkWriter& file) { WriteInfo(file, {}); });
-  EXPECT_EQ(empty, Info());
-  EXPECT_EQ(empty.size(), 8U + 4U + 4 * 12U + 16U);
-}
-
-TEST(WavLayout, PutsTheRootNoteFirstInTheAcidChunk) {
-  EXPECT_EQ(Written([](RiffChunkWriter& file) {
-              WriteAcid(file, {-3, 4, -8, 0x01020304, 120.5F});
-            }),
-            Chunk("acid", U32(0xFFFFFFFD) + U32(0) + U32(0) + U32(0x01020304) + U16(4) +
-                              U16(0xFFF8) + F32(120.5F)));
-}
-
-TEST(WavLayout, OrdersCuesInfoAndAcid) {
-  WavAnnotations all;
-  all.labels = {{"L", 1}};
-  all.meta_data.title = "T";
-  const Bytes without_acid =
-      Chunk("cue ", U32(1) + CuePoint(0, 1, 2, 1)) + List("adtl", Label(0, "L")) + Info("T");
-  EXPECT_EQ(Written([&](RiffChunkWriter& file) { WriteAnnotations(file, all, 2); }), without_acid);
-  all.acid = WavAcidData{};
-  EXPECT_EQ(Written([&](RiffChunkWriter& file) { WriteAnnotations(file, all, 2); }),
-            without_acid + Chunk("acid", Bytes(24)));
 }
 
 // The example of docs/wav-layout.md, line by line.

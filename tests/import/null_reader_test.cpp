@@ -52,20 +52,5 @@ TEST(NullReader, FillsEveryReadWithSilenceWhereverItIs) {
   EXPECT_EQ(frames_per_peak, 256);
 }
 
-TEST(NullReader, RefusesWhatIsNoArrayOfFloatsAndNullOutPointers) {
-  auto silence = StereoSilence(100);
-  auto reader = As<IAudioReader>(silence);
-  auto peaks = As<IPeakReader>(silence);
-  EXPECT_EQ(reader->ReadAudio(0, nullptr), E_INVALIDARG);
-  EXPECT_EQ(peaks->ReadPeaks(0, nullptr), E_INVALIDARG);
-  EXPECT_EQ(reader->ReadAudio(0, ForeignArray(VT_I2)), E_INVALIDARG);
-  EXPECT_EQ(reader->ReadAudio(0, ForeignArray(VT_I4)), E_INVALIDARG);
-  EXPECT_EQ(reader->ReadAudio(0, ForeignArray(VT_R4, 2)), E_INVALIDARG);
-  LONG rate = 0;
-  EXPECT_EQ(reader->GetFormat(&rate, nullptr), E_POINTER);
-  EXPECT_EQ(reader->GetSampleCount(nullptr), E_POINTER);
-  EXPECT_EQ(peaks->GetSamplesPerPeak(nullptr), E_POINTER);
-}
-
 }  // namespace
 }  // namespace marlinda::testing
