@@ -73,6 +73,15 @@ bool WorkerThread::PollUntilEnded(DWORD milliseconds, ULONGLONG at_most) const n
   return true;
 }
 
+void WorkerThread::AwaitServingCalls(DWORD milliseconds) const noexcept {
+  if (!thread_ || OnWorker()) return;
+  HANDLE thread = thread_.get();
+  DWORD index = 0;
+  const HRESULT hr = CoWaitForMultipleHandles(0, milliseconds, 1, &thread, &index);
+  // A thread without an apartment has no calls to serve.
+  if (FAILED(hr) && hr != RPC_S_CALLPENDING) WaitForSingleObject(thread, milliseconds);
+}
+
 bool WorkerThread::OnWorker() const noexcept { return id_ == GetCurrentThreadId(); }
 
 }  // namespace marlinda

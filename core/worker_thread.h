@@ -41,6 +41,10 @@ class WorkerThread {
   // own end.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
+  // Waits until the body has ended, or for `milliseconds`. Meanwhile this thread serves the calls
+  // that come to the objects of its apartment: the body may depend on one of them.
+  void AwaitServingCalls(DWORD milliseconds) const noexcept;
+
  private:
   HRESULT StartJob(std::function<void()> body);
   bool OnWorker() const noexcept;

@@ -126,6 +126,7 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
     queue_limit_bytes_ = format_.nBlockAlign * buffer_millisecs_ * format_.nSamplesPerSec / 1000;
     queued_bytes_ = 0;
     bytes_per_sec_ = std::uint64_t{format_.nBlockAlign} * format_.nSamplesPerSec;
+    open_format_ = format_;
     broken_ = false;
     ++opening_;
 
@@ -184,10 +185,10 @@ bool CAudioPlayback::WaitForRoom(Guard& lock) {
 }
 
 void CAudioPlayback::Queue(std::span<const float> samples) {
-  const std::size_t channels = format_.nChannels;
+  const std::size_t channels = open_format_.nChannels;
   const std::size_t frames = channels == 0 ? 0 : samples.size() / channels;
-  const std::size_t size = frames * format_.nBlockAlign;
-  const int bits = format_.wBitsPerSample;
+  const std::size_t size = frames * open_format_.nBlockAlign;
+  const int bits = open_format_.wBitsPerSample;
   if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
     throw HResultError(E_INVALIDARG);
   }
@@ -196,7 +197,7 @@ void CAudioPlayback::Queue(std::span<const float> samples) {
   const std::size_t capacity = samples.size() * PcmBytesPerSample(bits);
   auto buffer = std::make_unique<CAudioOutBuffer>(device_, static_cast<DWORD>(size), capacity,
                                                   SpareStorage(std::max(size, capacity)));
-  if (IsFloat(format_)) {
+  if (IsFloat(open_format_)) {
     std::copy_n(std::as_bytes(samples).data(), samples.size_bytes(), buffer->data().data());
   } else {
     ConvertFloatToPcm(samples, buffer->data(), bits);

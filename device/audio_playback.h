@@ -76,7 +76,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
   CallsInside writers_;
   std::mutex mutex_;
-  WAVEFORMATEX format_ = {};
+  WAVEFORMATEX format_ = {};       // for the next opening
+  WAVEFORMATEX open_format_ = {};  // what the open device takes
   KernelHandle done_event_;
   HWAVEOUT device_ = nullptr;
   std::int64_t pos_offset_ = 0;

@@ -29,9 +29,14 @@ struct CAudioScrubber::Scrub {
         channel_count(channels),
         output(given_frames / 2 * channels),
         block(given_frames * channels),
-        pass_milliseconds(rate > 0
-                              ? static_cast<DWORD>(given_frames * 500 / static_cast<DWORD>(rate))
-                              : kStopPollMilliSecs) {}
+        pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
+
+  // About as long as one pass sounds, but never so long that Stop would have to wait for it.
+  static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
+    if (rate <= 0) return kStopPollMilliSecs;
+    const std::uint64_t pass = std::uint64_t{given_frames} * 500 / static_cast<std::uint64_t>(rate);
+    return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
+  }
 
   // Samples that one pass gives: half a block of an even number of frames.
   std::size_t OutputSamples() const noexcept {
@@ -50,7 +55,7 @@ struct CAudioScrubber::Scrub {
       }
       // A writer that refuses the block does not wait either; without a pause the thread would
       // spin.
-      if (FAILED(writer->WriteAudio(output.get()))) Sleep(std::max<DWORD>(pass_milliseconds, 1));
+      if (FAILED(writer->WriteAudio(output.get()))) Sleep(pause_milliseconds);
     }
   }
 
@@ -59,7 +64,7 @@ struct CAudioScrubber::Scrub {
   SampleArray output;
   std::mutex block_mutex;
   std::vector<float> block;
-  const DWORD pass_milliseconds;
+  const DWORD pause_milliseconds;
   std::atomic<bool> stop{false};
 };
 
@@ -74,7 +79,7 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
       kMostBlockSamples) {
     return E_INVALIDARG;
   }
-  if (scrub_) return E_FAIL;
+  if (Current()) return E_FAIL;
   return ComCall([&] {
     auto scrub = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                          nSamplesPerSec, static_cast<std::size_t>(nChannels));
@@ -85,20 +90,27 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
       writer_->CloseDevice();
       return hr;
     }
+    const std::lock_guard lock(mutex_);
     scrub_ = std::move(scrub);
     return S_OK;
   });
 }
 
 STDMETHODIMP CAudioScrubber::Stop() {
-  if (!scrub_) return S_OK;
-  scrub_->stop = true;
+  const auto scrub = Current();
+  if (!scrub) return S_OK;
+  scrub->stop = true;
+  // Also where the thread has ended by now: hosts count on this pause.
+  Sleep(kStopPollMilliSecs);
   if (!thread_.PollUntilEnded(kStopPollMilliSecs, kLostAfterMilliSecs)) {
     // What it breaks off would be broken off by CloseDevice below just as well.
     if (const auto playback = TryQuery<IAudioPlayback>(writer_.Get())) playback->Break();
     thread_.PollUntilEnded(kStopPollMilliSecs);
   }
-  scrub_.reset();
+  {
+    const std::lock_guard lock(mutex_);
+    scrub_.reset();
+  }
   writer_->CloseDevice();
   return S_OK;
 }
@@ -107,12 +119,18 @@ STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
   SampleArrayView given;
   const HRESULT hr = given.Lock(psaAudio);
   if (FAILED(hr)) return hr;
-  if (!scrub_) return E_FAIL;
-  const std::size_t needed = 2 * scrub_->OutputSamples();
+  const auto scrub = Current();
+  if (!scrub) return E_FAIL;
+  const std::size_t needed = 2 * scrub->OutputSamples();
   if (given.samples().size() < needed) return E_INVALIDARG;
-  const std::lock_guard lock(scrub_->block_mutex);
-  std::copy_n(given.samples().data(), needed, scrub_->block.data());
+  const std::lock_guard lock(scrub->block_mutex);
+  std::copy_n(given.samples().data(), needed, scrub->block.data());
   return S_OK;
+}
+
+std::shared_ptr<CAudioScrubber::Scrub> CAudioScrubber::Current() {
+  const std::lock_guard lock(mutex_);
+  return scrub_;
 }
 
 MARLINDA_DEFINE_CLASS(CAudioScrubber)

@@ -5,6 +5,7 @@
 #include <marlinda.h>
 
 #include <memory>
+#include <mutex>
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
@@ -37,8 +38,11 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  private:
   struct Scrub;
 
+  std::shared_ptr<Scrub> Current();
+
   ComPtr<IAudioWriter> writer_;
-  // Null unless running.
+  std::mutex mutex_;
+  // Null unless running. Under the lock: a block may be written while another thread stops.
   std::shared_ptr<Scrub> scrub_;
   WorkerThread thread_;
 };

@@ -99,13 +99,18 @@ STDMETHODIMP CEditedAudio::StopScrub() {
   return S_OK;
 }
 
-// Deliberate: the event is fired also when playback was running already or the section is empty.
+// Deliberate: the event is fired, and S_OK returned, also when playback was running already, the
+// section is empty or nothing could be started.
 STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
                                 VARIANT_BOOL bLooped) {
   return ComCall([&] {
     const ComPtr<IUnknown> keep_alive(Identity());
     const NestedCall call(this, NestedCall::Kind::kPlay);
-    player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
+    // What did not start shows in GetPlayStatus.
+    static_cast<void>(ComCall([&] {
+      player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
+      return S_OK;
+    }));
     if (call.Depth() <= kDeepestPlay) connection_points_.update.Fire(kFireStartedPlayback, {});
     return S_OK;
   });

@@ -14,9 +14,10 @@ namespace {
 // From this many frames a column on, precomputed peaks are read in the place of samples.
 constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// Floats that one read of a source asks for at most, so that memory does not grow with the piece.
-constexpr std::size_t kSamplesPerRead = std::size_t{1} << 17;
-constexpr std::size_t kPeakFloatsPerRead = std::size_t{1} << 20;
+// Floats that one read of a source asks for at most, so that memory does not grow without bound
+// with the piece. A picture as wide as a screen takes one read.
+constexpr std::size_t kSamplesPerRead = std::size_t{1} << 20;
+constexpr std::size_t kPeakFloatsPerRead = std::size_t{1} << 22;
 
 // From this many peaks a column on, a summary of them costs less than they do.
 constexpr __int64 kPeaksPerColumnOfSummary = 64;

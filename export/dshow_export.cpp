@@ -1,5 +1,6 @@
 #include "export/dshow_export.h"
 
+#include <chrono>
 #include <future>
 #include <optional>
 #include <utility>
@@ -19,6 +20,7 @@ constexpr SHORT kMerit = 100;
 constexpr char kWmaBitRate[] = "WMABitrate";
 constexpr char kMp3BitRate[] = "MP3Bitrate";
 constexpr int kDefaultBitRateKbit = 128;
+constexpr DWORD kServeMilliseconds = 10;
 
 std::optional<EncodedKind> KindOf(const std::string& extension) {
   if (lstrcmpiA(extension.c_str(), "wma") == 0) return EncodedKind::kWma;
@@ -66,6 +68,11 @@ STDMETHODIMP CDShowExport::Start() {
     const auto opened = std::make_shared<std::promise<HRESULT>>();
     auto outcome = opened->get_future();
     Check(worker_.Start([job = job_, opened, order] { job->Run(order, *opened); }));
+    // An encoder without a threading model of its own is made on the host's first thread, which may
+    // be this one.
+    while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
+      worker_.AwaitServingCalls(kServeMilliseconds);
+    }
     const HRESULT opening = outcome.get();
     // A failed task is over when its failure is told.
     if (FAILED(opening)) worker_.PollUntilEnded(1);

@@ -59,6 +59,9 @@ bool AskFilters(Source& source) {
       source.total = stream->total_frames();
       decoded = true;
     }));
+    // A decoder without a threading model of its own is made on the host's first thread, which may
+    // be this one.
+    worker.AwaitServingCalls(INFINITE);
   }
   return decoded;
 }
@@ -112,9 +115,9 @@ struct CDShowImport::Run {
   std::atomic<__int64> position = 0;
 
   void Import();
-  void WriteSamplesOf(FileSource& file, const PcmData& pcm);
-  void WriteDecoded(const Source& decoded);
-  void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block);
+  void WriteSamplesOf(FileSource& file, const PcmData& pcm, IAudioWriter* target);
+  void WriteDecoded(const Source& decoded, IAudioWriter* target);
+  void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, IAudioWriter* target);
 };
 
 // The results of the writer's methods are not checked: a failing writer misses samples, and its
@@ -122,21 +125,23 @@ struct CDShowImport::Run {
 void CDShowImport::Run::Import() {
   // Closes the file with the run, so that it can be moved or deleted as soon as the task has ended.
   const std::unique_ptr<Source> own = std::move(source);
-  writer->SetFormat(format.samples_per_sec, format.channels);
-  writer->OpenDevice();
+  // A writer that holds this filter in turn, as an audio connector does, is let go with it.
+  const ComPtr<IAudioWriter> target = std::move(writer);
+  target->SetFormat(format.samples_per_sec, format.channels);
+  target->OpenDevice();
   // The device that was opened is closed, whatever happens in between.
   ComCall([&] {
     if (own->facts.pcm) {
-      WriteSamplesOf(own->file, *own->facts.pcm);
+      WriteSamplesOf(own->file, *own->facts.pcm, target.Get());
     } else {
-      WriteDecoded(*own);
+      WriteDecoded(*own, target.Get());
     }
     return S_OK;
   });
-  writer->CloseDevice();
+  target->CloseDevice();
 }
 
-void CDShowImport::Run::WriteSamplesOf(FileSource& file, const PcmData& pcm) {
+void CDShowImport::Run::WriteSamplesOf(FileSource& file, const PcmData& pcm, IAudioWriter* target) {
   const auto channels = static_cast<std::size_t>(format.channels);
   const std::size_t most = std::max(kBlockSamples / channels, std::size_t{1});
   SampleArray block(most * channels);
@@ -149,26 +154,27 @@ void CDShowImport::Run::WriteSamplesOf(FileSource& file, const PcmData& pcm) {
     // An error of the disk.
     if (there == 0) return;
     block.Resize(there);
-    writer->WriteAudio(block.get());
+    target->WriteAudio(block.get());
     position += static_cast<__int64>(there / channels);
     if (cancelled) return;
   }
 }
 
-void CDShowImport::Run::WriteDecoded(const Source& decoded) {
+void CDShowImport::Run::WriteDecoded(const Source& decoded, IAudioWriter* target) {
   const WorkerApartment apartment;
   const auto stream = DShowStream::Open(decoded.file_name);
   // The format that was announced stays true, also when other filters have been installed since.
   if (stream == nullptr || stream->format() != format) return;
   SampleArray block(kBlockSamples);
   std::vector<std::byte> bytes;
-  while (!cancelled && stream->Read(bytes, cancelled)) WriteBuffer(bytes, block);
+  while (!cancelled && stream->Read(bytes, cancelled)) WriteBuffer(bytes, block, target);
   // The length was an estimate; now it is known.
   if (stream->has_ended_well() && position > 0) total = position.load();
 }
 
 // Writes what one buffer of the graph holds, in blocks that are not too large.
-void CDShowImport::Run::WriteBuffer(std::span<const std::byte> bytes, SampleArray& block) {
+void CDShowImport::Run::WriteBuffer(std::span<const std::byte> bytes, SampleArray& block,
+                                    IAudioWriter* target) {
   const std::size_t frame_bytes = format.FrameBytes();
   const auto channels = static_cast<std::size_t>(format.channels);
   const std::size_t most = std::max(kBlockSamples / channels, std::size_t{1});
@@ -177,7 +183,7 @@ void CDShowImport::Run::WriteBuffer(std::span<const std::byte> bytes, SampleArra
     block.Resize(frames * channels);
     DecodeSamples(format, bytes, block.samples());
     bytes = bytes.subspan(frames * frame_bytes);
-    writer->WriteAudio(block.get());
+    target->WriteAudio(block.get());
     position += static_cast<__int64>(frames);
   } while (bytes.size() >= frame_bytes && !cancelled);
 }

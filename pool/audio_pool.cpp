@@ -9,6 +9,7 @@
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
 #include "pool/file_access.h"
+#include "pool/kept_buffer.h"
 #include "pool/storage.h"
 
 namespace marlinda {
@@ -123,6 +124,7 @@ STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
     const HRESULT hr = WriteAt(audio_file_.handle(), audio_position_, audio);
     WriteAt(peak_file_.handle(), peak_position_, std::as_bytes(std::span(peaks_)));
     Advance(static_cast<std::int64_t>(audio.size()));
+    DropIfLarge(pcm_);
     return hr;
   });
 }

@@ -18,9 +18,9 @@
 
 namespace marlinda {
 
-// One thread at a time may write. Readers share the file pointers with the writer and with each
-// other: a pool is not to be read while it is written, nor from two threads at once. Only the open
-// count may be asked for from any thread.
+// One thread at a time may write. Readers may read what has been written meanwhile, each from one
+// thread at a time: every access to the files carries its own place. The open count may be asked
+// for from any thread.
 //
 // When the files cannot be made, creation succeeds all the same; OpenDevice, WriteAudio,
 // CloseDevice, GetFileHandles, CreateLastReader and CreatePrevReader then do nothing but return the

@@ -7,6 +7,7 @@
 #include "core/sample_array.h"
 #include "core/sample_converter.h"
 #include "pool/file_access.h"
+#include "pool/kept_buffer.h"
 #include "pool/peak_builder.h"
 #include "pool/storage.h"
 
@@ -69,6 +70,7 @@ HRESULT CAudioPoolReader::ReadPcm(std::int64_t offset, std::span<float> samples)
   if (FAILED(read.hr) && read.hr != HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) return read.hr;
   ConvertPcmToFloat(pcm_, samples, region_.bits_per_sample);
   std::ranges::fill(samples.subspan(read.count / width), 0.0F);
+  DropIfLarge(pcm_);
   return read.hr;
 }
 

@@ -20,8 +20,8 @@
 
 namespace marlinda {
 
-// Holds no audio: every read goes to the pool's files through the pool's handles and moves their
-// file pointers, so the lock here orders the calls on one reader only (see CAudioPool).
+// Holds no audio: every read goes to the pool's files through the pool's handles. The lock here
+// orders the calls on one reader.
 //
 // Reads are not clipped to the region, on purpose: what lies beyond it in the pool's file, behind
 // or before, is read too, and only the file's end (0x80070026) or start stops them. Nor must a read

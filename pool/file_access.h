@@ -1,4 +1,4 @@
-// Whole blocks at 64-bit places of a file, with the file pointer that all users of a handle share.
+// Whole blocks at 64-bit places of a file, whatever other users of the same handle do meanwhile.
 #pragma once
 
 #include <windows.h>
@@ -9,8 +9,7 @@
 
 namespace marlinda {
 
-// Writes all of `bytes` at `offset`: S_OK or the HRESULT of the failed write. A failed seek is
-// dropped: what makes a seek fail makes the write fail too.
+// Writes all of `bytes` at `offset`: S_OK or the HRESULT of the failed write.
 HRESULT WriteAt(HANDLE file, std::int64_t offset, std::span<const std::byte> bytes) noexcept;
 
 struct ReadResult {
@@ -18,8 +17,7 @@ struct ReadResult {
   std::size_t count;  // bytes that were read
 };
 
-// Reads into `bytes` from `offset`. An offset before the start of the file is refused: the seek
-// would fail, and the read deliver what happens to lie at the old place.
+// Reads into `bytes` from `offset`. An offset before the start of the file is refused.
 ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept;
 
 }  // namespace marlinda

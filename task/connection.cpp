@@ -51,21 +51,32 @@ void Connection::Start() {
   LearnSource();
   started_ = true;
   const Parties parties = Members();
+  // E_NOTIMPL is no failure: a task may answer that it has done what it could, as the connector
+  // does.
+  bool export_failed = false;
   if (parties.export_task) {
-    parties.export_task->Start();
-    export_was_seen_ = IsRunning(parties.export_task.Get());
+    const HRESULT hr = parties.export_task->Start();
+    export_failed = FAILED(hr) && hr != E_NOTIMPL;
   }
   if (parties.import_task && FAILED(parties.import_task->Start())) {
     import_has_ended_ = !IsRunning(parties.import_task.Get());
   }
+  // One that failed never reads: an import that waits for room must not wait for it.
+  if (parties.export_task) {
+    export_was_seen_ = export_failed || IsRunning(parties.export_task.Get());
+  }
 }
 
 void Connection::Cancel() {
-  const Parties parties = Members();
+  Parties parties = Members();
   if (!parties.export_task) return;
   // The export ends after its present block. As long as the import delivers, that block is whole.
   queue_.Hurry();
   parties.export_task->Cancel();
+  // Gone before the import is told: its owner may wait for the file.
+  ReleaseExport();
+  parties.export_filter.Reset();
+  parties.export_task.Reset();
   EndImport(parties);
 }
 
@@ -150,6 +161,13 @@ HRESULT Connection::Write(SAFEARRAY* array) {
 Parties Connection::Members() const {
   const std::lock_guard lock(parties_mutex_);
   return parties_;
+}
+
+void Connection::ReleaseExport() {
+  Parties released;
+  const std::lock_guard lock(parties_mutex_);
+  released.export_filter = std::exchange(parties_.export_filter, {});
+  released.export_task = std::exchange(parties_.export_task, {});
 }
 
 void Connection::Release() {

@@ -62,6 +62,7 @@ class Connection {
  private:
   // A copy: the host's thread lets go of the originals.
   Parties Members() const;
+  void ReleaseExport();
   void Release();
   void EndImport(const Parties& parties);
 

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/module.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda {
 namespace {
@@ -98,6 +99,40 @@ TEST_F(WorkerThreadTest, MayBeDestroyedOnItsOwnThread) {
   SetEvent(shared_->go.get());
   while (shared_->runs == 0 || !TheModule().CanUnload()) Sleep(1);
   EXPECT_EQ(*owner, nullptr);
+}
+
+class Named : public testing::TestObject<IPersist> {
+ public:
+  STDMETHODIMP GetClassID(CLSID* clsid) override {
+    *clsid = CLSID_StdGlobalInterfaceTable;
+    thread = GetCurrentThreadId();
+    return S_OK;
+  }
+  DWORD thread = 0;
+};
+
+// The tests' own thread is a single-threaded apartment.
+TEST_F(WorkerThreadTest, MayCallAnObjectOfTheThreadThatAwaitsIt) {
+  const auto object = testing::MakeObject<Named>();
+  IStream* stream = nullptr;
+  ASSERT_EQ(CoMarshalInterThreadInterfaceInStream(IID_IPersist, object.Get(), &stream), S_OK);
+  CLSID got = {};
+  WorkerThread worker;
+  ASSERT_EQ(worker.Start([&] {
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    {
+      ComPtr<IPersist> proxy;
+      CoGetInterfaceAndReleaseStream(stream, IID_IPersist,
+                                     reinterpret_cast<void**>(proxy.GetAddressOf()));
+      if (proxy) proxy->GetClassID(&got);
+    }
+    CoUninitialize();
+  }),
+            S_OK);
+  worker.AwaitServingCalls(INFINITE);
+  EXPECT_FALSE(worker.IsRunning());
+  EXPECT_TRUE(IsEqualGUID(got, CLSID_StdGlobalInterfaceTable));
+  EXPECT_EQ(object->thread, GetCurrentThreadId());
 }
 
 }  // namespace

@@ -227,18 +227,21 @@ TEST_F(EditedAudioWaveplot, ReadsSamplesCloseUpAndPeaksFromAfar) {
                                 "A.ReadPeaks(2, 20)"));
 }
 
-TEST_F(EditedAudioWaveplot, ReadsLongStretchesOfSamplesInBlocks) {
-  const auto a = Take::Make('A', 1, &log_);
+TEST_F(EditedAudioWaveplot, ReadsSamplesAtOnceAndOnlyVeryLongStretchesInBlocks) {
+  const auto a = Take::Make('A', 6, &log_);
   Append(a, 0, kTakeFrames);
   log_.clear();
-  std::vector<float> expected(2000, kHost);
-  DrawByTheLetter(expected, 1000, pieces_, kTakeFrames, 1);
-  EXPECT_EQ(Plot(0, kTakeFrames, 1000, 1), expected);
-  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 131072)",
-                                "A.ReadAudio(131072, 68928)", "A.CloseDevice"));
+  Plot(0, 170'000, 1000, 6);
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 1020000)", "A.CloseDevice"));
+  log_.clear();
+  std::vector<float> expected(12'000, kHost);
+  DrawByTheLetter(expected, 1000, pieces_, kTakeFrames, 6);
+  EXPECT_EQ(Plot(0, kTakeFrames, 1000, 6), expected);
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 1048572)",
+                                "A.ReadAudio(174762, 151428)", "A.CloseDevice"));
   // A later block that fails leaves nothing of the earlier one.
   a->failing_read = 1;
-  EXPECT_THAT(Plot(0, kTakeFrames, 1000, 1), Each(kHost));
+  EXPECT_THAT(Plot(0, kTakeFrames, 1000, 6), Each(kHost));
   EXPECT_EQ(log_.back(), "A.CloseDevice");
 }
 

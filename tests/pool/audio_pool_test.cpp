@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "tests/pool/pool_test_support.h"
 
@@ -35,6 +37,41 @@ TEST(AudioPool, StoresEachBitDepthInItsCode) {
     EXPECT_EQ(BytesOf(pool.AudioFile()), row.bytes);
     EXPECT_EQ(block.ToVector(), samples);
     EXPECT_EQ(FloatsOf(pool.PeakFile()), (Samples{-1.0F, 2.0F}));
+  }
+}
+
+TEST(AudioPool, LendsATakeToReadersWhileTheNextIsWritten) {
+  const Pool pool;
+  const Samples first = Wave(1 << 16);
+  pool.WriteTake(first);
+  const auto reader = pool.LastReader();
+  const auto peaks = As<IPeakReader>(reader);
+  // Without the record behind them, which belongs to the next take.
+  Samples stored_peaks = FloatsOf(pool.PeakFile());
+  stored_peaks.resize(2 * first.size() / 256);
+  ASSERT_EQ(pool.writer->OpenDevice(), S_OK);
+  std::atomic<bool> done = false;
+  int wrong = 0;
+  std::thread other([&] {
+    const Floats read(first.size());
+    const Floats read_peaks(stored_peaks.size());
+    while (!done) {
+      if (reader->ReadAudio(0, read) != S_OK || read.ToVector() != first) ++wrong;
+      if (peaks->ReadPeaks(0, read_peaks) != S_OK || read_peaks.ToVector() != stored_peaks) ++wrong;
+    }
+  });
+  const Samples block = Wave(1000, 0.25F);
+  for (int i = 0; i < 2000; ++i) EXPECT_EQ(pool.Write(block), S_OK);
+  done = true;
+  other.join();
+  EXPECT_EQ(pool.writer->CloseDevice(), S_OK);
+  EXPECT_EQ(wrong, 0);
+  const Samples stored = FloatsOf(pool.AudioFile());
+  ASSERT_EQ(stored.size(), first.size() + 2000 * block.size());
+  for (std::size_t at = first.size(); at < stored.size(); at += block.size()) {
+    ASSERT_TRUE(
+        std::equal(block.begin(), block.end(), stored.begin() + static_cast<std::ptrdiff_t>(at)))
+        << at;
   }
 }
 
