@@ -62,12 +62,12 @@ suite() {
 
 rm -f "$logs"/result-*
 # One line of suites per core of a small machine: those under Wine wait now and then, those of sound
-# mostly.
+# mostly. Sound has a prefix of its own, for others register and unregister the classes meanwhile.
 suite x64 x64 "kernels and components under Wine" -LE "$root/scripts/wine-session" &
 suite native native "kernels, native" -LE
 suite asan asan "kernels under AddressSanitizer and UBSan" -LE
 suite tsan tsan "kernels under ThreadSanitizer" -LE
-suite sound x64 "sound under Wine" -L "$root/scripts/wine-session"
+suite sound x64 "sound under Wine" -L env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session"
 wait
 for name in x64 sound native asan tsan; do
   # A suite that left no result has failed.
