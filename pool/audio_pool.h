@@ -19,7 +19,7 @@
 namespace marlinda {
 
 // One thread at a time may write. Readers may read what has been written meanwhile, each from one
-// thread at a time: every access to the files carries its own place. The open count may be asked
+// thread at a time: no access to the files comes in between another. The open count may be asked
 // for from any thread.
 //
 // When the files cannot be made, creation succeeds all the same; OpenDevice, WriteAudio,

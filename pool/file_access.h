@@ -1,4 +1,5 @@
-// Whole blocks at 64-bit places of a file, whatever other users of the same handle do meanwhile.
+// Whole blocks at 64-bit places of a file, whatever other callers do with the same handle
+// meanwhile.
 #pragma once
 
 #include <windows.h>
@@ -9,7 +10,8 @@
 
 namespace marlinda {
 
-// Writes all of `bytes` at `offset`: S_OK or the HRESULT of the failed write.
+// Writes all of `bytes` at `offset`: S_OK or the HRESULT of the failed write. A failed seek is
+// dropped: what makes a seek fail makes the write fail too.
 HRESULT WriteAt(HANDLE file, std::int64_t offset, std::span<const std::byte> bytes) noexcept;
 
 struct ReadResult {
