@@ -6,7 +6,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 # Cross compilers, interface compiler (widl and the files it reads), header-only libraries, what
-# fetching and building the source packages of libogg and libvorbis takes, and what configuring looks
+# fetching and building the source packages takes, and what configuring looks
 # for because the tests are part of the build.
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
@@ -71,7 +71,7 @@ fi
 
 # The libraries are needed for the machine's own kernels only where those are built.
 targets=()
-libraries=(libogg libvorbis)
+libraries=(libogg libvorbis libsamplerate)
 for group in "${groups[@]}"; do
   [[ $group == fuzz ]] || targets+=(x64 x86)
   [[ $group == build || $group == demo || $group == package ]] || targets+=(native)
