@@ -148,6 +148,16 @@ class DocsTest(unittest.TestCase):
                     # One that keeps its HRESULT returns that.
                     self.assertEqual(result, "int" if method == "QueryCanLoad" else wanted)
 
+    def test_the_places_in_the_tables_of_nodejs_are_those_of_the_type_library(self):
+        theirs = {name: (iid, [method for method, _ in METHOD.findall(body)]) for iid, name, body in INTERFACE.findall(IDL)}
+        declared = re.findall(r"^  (I\w+): \{\n    iid: '([-0-9A-F]+)',\n(.*?)^  \},", text("samples/nodejs/cut_in_half.mjs"),
+                              re.M | re.S)
+        self.assertEqual(len(declared), 7)
+        for name, iid, body in declared:
+            self.assertEqual(iid, theirs[name][0], name)
+            for method, place in re.findall(r"(\w+): \[(\d+),", body):
+                self.assertEqual(theirs[name][1][int(place)], method, name)
+
     def test_clients_that_cannot_run_here_compile(self):
         with tempfile.TemporaryDirectory() as folder:
             subprocess.run(["mcs", "-nologo", "-warnaserror", f"-out:{folder}/sample.exe",
