@@ -22,7 +22,9 @@ def windows(path):
 
 def without_noise(text):
     """Without what the libraries below Wine's decoders say on a machine without a sound card, and about
-    files that they do not know."""
+    files that they do not know; and without what Wine says of a process of which one thread talked to
+    the server while another ended it."""
+    text = re.sub(r"^wine client error:.*\n", "", text, flags=re.MULTILINE)
     noise = re.compile(r"^(ALSA lib .*|\(wine:\d+\): GStreamer.*)?\r?\n", re.MULTILINE)
     return noise.sub("", text) if "ALSA lib" in text or "GStreamer" in text else text
 
