@@ -5,6 +5,9 @@
 namespace marlinda {
 namespace {
 
+// Whether the floats that a walk visits are samples or, in pairs, the lowest and highest of peaks.
+enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
+
 struct Extremes {
   // The two comparisons, and no minimum function, decide what becomes of a NaN.
   void Add(float low, float high) noexcept {
@@ -16,101 +19,131 @@ struct Extremes {
   float highest = kNoHighest;
 };
 
-// Both walks below take `count` records, each `stride` floats behind the one before. Each
-// comparison waits for the one before it, so they compare four stretches of the records side by
-// side; joined in their order these give what one walk gives. For a few records that does not pay.
+// The definition, for one channel: `count` records, each `stride` floats behind the one before.
+// Each comparison waits for the one before it, so four stretches of the records are compared side
+// by side; joined in their order they give what one walk gives. For a few that does not pay.
 constexpr std::size_t kFewRecords = 24;
 
-void Extend(Extremes& extremes, const float* at, std::size_t count, std::size_t stride) noexcept {
+void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
+            Kind kind) noexcept {
+  const auto high = static_cast<std::size_t>(kind);
   const std::size_t each = count < kFewRecords ? 0 : count / 4;
   const std::size_t apart = each * stride;
   Extremes part[4];
   for (std::size_t i = 0; i < each; ++i, at += stride) {
-    part[0].Add(at[0], at[0]);
-    part[1].Add(at[apart], at[apart]);
-    part[2].Add(at[2 * apart], at[2 * apart]);
-    part[3].Add(at[3 * apart], at[3 * apart]);
+    part[0].Add(at[0], at[high]);
+    part[1].Add(at[apart], at[apart + high]);
+    part[2].Add(at[2 * apart], at[2 * apart + high]);
+    part[3].Add(at[3 * apart], at[3 * apart + high]);
   }
-  for (const Extremes& next : part) extremes.Add(next.lowest, next.highest);
+  Extremes all{pair[0], pair[1]};
+  for (const Extremes& next : part) all.Add(next.lowest, next.highest);
   at += 3 * apart;
-  for (std::size_t i = 4 * each; i < count; ++i, at += stride) extremes.Add(at[0], at[0]);
+  for (std::size_t i = 4 * each; i < count; ++i, at += stride) all.Add(at[0], at[high]);
+  pair[0] = all.lowest;
+  pair[1] = all.highest;
 }
 
-__m128 Two(const float* at) noexcept {
-  return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
-}
-
-__m128 TwoAndTwo(const float* first, const float* second) noexcept {
-  return _mm_loadh_pi(Two(first), reinterpret_cast<const __m64*>(second));
-}
-
-// Extremes of two floats side by side, in the lower half. The instructions return their second
-// operand for equal numbers and for a NaN, as Add does.
-struct TwoExtremes {
+// The same for floats that lie side by side, four at a time. The instructions return their second
+// operand for a NaN and for equal numbers, as Add does.
+struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);
     highest = _mm_max_ps(high, highest);
   }
-  // First the lower halves, then the upper ones.
-  void AddBoth(const TwoExtremes& other) noexcept {
-    Add(other.lowest, other.highest);
-    Add(_mm_movehl_ps(other.lowest, other.lowest), _mm_movehl_ps(other.highest, other.highest));
+  void Add(const float* at) noexcept {
+    const __m128 values = _mm_loadu_ps(at);
+    Add(values, values);
   }
+  void Add(const FourExtremes& other) noexcept { Add(other.lowest, other.highest); }
 
   __m128 lowest = _mm_set1_ps(kNoLowest);
   __m128 highest = _mm_set1_ps(kNoHighest);
 };
 
-// Records of two floats, each with extremes of its own.
-TwoExtremes Extended(TwoExtremes extremes, const float* at, std::size_t count,
-                     std::size_t stride) noexcept {
-  const std::size_t each = count < kFewRecords ? 0 : count / 4;
-  if (each > 0) {
-    const std::size_t apart = each * stride;
-    TwoExtremes front;
-    TwoExtremes back;
-    for (std::size_t i = 0; i < each; ++i, at += stride) {
-      const __m128 first = TwoAndTwo(at, at + apart);
-      const __m128 second = TwoAndTwo(at + 2 * apart, at + 3 * apart);
-      front.Add(first, first);
-      back.Add(second, second);
-    }
-    extremes.AddBoth(front);
-    extremes.AddBoth(back);
-    at += 3 * apart;
+// Records of 1, 2 or 4 floats, at least four floats of them. Each lane of the result belongs to the
+// float of the record that has its number, modulo the record's size.
+FourExtremes Search(std::span<const float> records) noexcept {
+  const float* at = records.data();
+  const float* const end = at + records.size();
+  FourExtremes first;
+  FourExtremes second;
+  FourExtremes third;
+  FourExtremes fourth;
+  for (; end - at >= 16; at += 16) {
+    first.Add(at);
+    second.Add(at + 4);
+    third.Add(at + 8);
+    fourth.Add(at + 12);
   }
-  for (std::size_t i = 4 * each; i < count; ++i, at += stride) extremes.Add(Two(at), Two(at));
-  return extremes;
+  for (; end - at >= 4; at += 4) first.Add(at);
+  // The last ones with some that were there before, which changes nothing.
+  if (at < end) first.Add(end - 4);
+  first.Add(second);
+  third.Add(fourth);
+  first.Add(third);
+  return first;
+}
+
+bool HasNegativeZero(std::span<const float> values) noexcept {
+  const __m128i negative_zero = _mm_set1_epi32(static_cast<int>(0x80000000U));
+  __m128i found = _mm_setzero_si128();
+  const auto look = [&](const float* at) {
+    const __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    found = _mm_or_si128(found, _mm_cmpeq_epi32(four, negative_zero));
+  };
+  std::size_t i = 0;
+  for (; i + 4 <= values.size(); i += 4) look(&values[i]);
+  if (i < values.size()) look(&values[values.size() - 4]);
+  return _mm_movemask_epi8(found) != 0;
+}
+
+// False, and nothing done, where only the walk in order gives the exact result: of zeros of both
+// signs the first one counts, and lanes do not tell which that was.
+bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
+                      Kind kind) noexcept {
+  if (size > 4 || 4 % size != 0 || records.size() < 4) return false;
+  FourExtremes found = Search(records);
+  const auto fold = [&found](auto shuffled) {
+    found.Add(shuffled(found.lowest), shuffled(found.highest));
+  };
+  if (size < 4) fold([](__m128 v) { return _mm_movehl_ps(v, v); });
+  if (size < 2) fold([](__m128 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 1, 1, 1)); });
+
+  const __m128 zero = _mm_setzero_ps();
+  const __m128 zeros =
+      _mm_or_ps(_mm_cmpeq_ps(found.lowest, zero), _mm_cmpeq_ps(found.highest, zero));
+  if (_mm_movemask_ps(zeros) != 0 && HasNegativeZero(records)) return false;
+
+  float lowest[4];
+  float highest[4];
+  _mm_storeu_ps(lowest, found.lowest);
+  _mm_storeu_ps(highest, found.highest);
+  const std::size_t step = kind == Kind::kPeaks ? 2 : 1;
+  for (std::size_t i = 0; 2 * i < pairs.size(); ++i) {
+    Extremes all{pairs[2 * i], pairs[2 * i + 1]};
+    all.Add(lowest[i * step], highest[i * step + static_cast<std::size_t>(kind)]);
+    pairs[2 * i] = all.lowest;
+    pairs[2 * i + 1] = all.highest;
+  }
+  return true;
 }
 
 }  // namespace
 
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept {
   const std::size_t channels = pairs.size() / 2;
-  const std::size_t frames = samples.size() / channels;
-  float* pair = pairs.data();
-  std::size_t channel = 0;
-  for (; channel + 1 < channels; channel += 2, pair += 4) {
-    const TwoExtremes two =
-        Extended({_mm_setr_ps(pair[0], pair[2], 0, 0), _mm_setr_ps(pair[1], pair[3], 0, 0)},
-                 samples.data() + channel, frames, channels);
-    _mm_storeu_ps(pair, _mm_unpacklo_ps(two.lowest, two.highest));
+  if (ExtendSideBySide(pairs, samples, channels, Kind::kSamples)) return;
+  for (std::size_t channel = 0; channel < channels; ++channel) {
+    Extend(&pairs[2 * channel], samples.data() + channel, samples.size() / channels, channels,
+           Kind::kSamples);
   }
-  if (channel == channels) return;
-  Extremes last{pair[0], pair[1]};
-  Extend(last, samples.data() + channel, frames, channels);
-  pair[0] = last.lowest;
-  pair[1] = last.highest;
 }
 
 void ExtendByPeaks(std::span<float> pairs, std::span<const float> peaks) noexcept {
-  const std::size_t count = peaks.size() / pairs.size();
+  if (ExtendSideBySide(pairs, peaks, pairs.size(), Kind::kPeaks)) return;
   for (std::size_t i = 0; i + 1 < pairs.size(); i += 2) {
-    // Of a peak's lowest sample only the lowest counts, and of its highest the highest.
-    const TwoExtremes two = Extended({_mm_set1_ps(pairs[i]), _mm_set1_ps(pairs[i + 1])},
-                                     peaks.data() + i, count, pairs.size());
-    pairs[i] = _mm_cvtss_f32(two.lowest);
-    pairs[i + 1] = _mm_cvtss_f32(_mm_shuffle_ps(two.highest, two.highest, 1));
+    Extend(&pairs[i], peaks.data() + i, peaks.size() / pairs.size(), pairs.size(), Kind::kPeaks);
   }
 }
 

@@ -45,13 +45,30 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
   return count - Scale(columns - column, count, columns);
 }
 
+ColumnEnds::ColumnEnds(std::int64_t columns, std::int64_t count) noexcept
+    : each_(count / columns), more_(count % columns), columns_(columns) {
+  Advance();
+}
+
+void ColumnEnds::Advance() noexcept {
+  whole_ += each_;
+  const std::int64_t room = columns_ - part_;
+  if (more_ < room) {
+    part_ += more_;
+  } else {
+    part_ = more_ - room;
+    ++whole_;
+  }
+}
+
 SampleColumns::SampleColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                              std::int64_t frames) noexcept
     : pairs_(pairs),
       channels_(channels),
       columns_(columns),
       frames_(frames),
-      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))) {
+      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))),
+      ends_(columns, frames) {
   if (frames_ < columns_) return;
   for (std::size_t i = 0; i + 1 < pairs_.size(); i += 2) {
     pairs_[i] = 1.0F;
@@ -74,14 +91,15 @@ void SampleColumns::Narrow(std::span<const float> samples, std::int64_t end) noe
   const std::size_t pair_floats = 2 * channels_;
   std::int64_t frame = frame_;
   while (frame < end && column_ < visible_) {
-    const std::int64_t next_column = FirstOfColumn(column_ + 1, columns_, frames_);
-    const std::int64_t stop = std::min(end, next_column);
+    const std::int64_t stop = std::min(end, ends_.end());
     const std::size_t count = static_cast<std::size_t>(stop - frame) * channels_;
     ExtendBySamples(pairs_.subspan(static_cast<std::size_t>(column_) * pair_floats, pair_floats),
                     samples.first(count));
     samples = samples.subspan(count);
     frame = stop;
-    if (frame == next_column) ++column_;
+    if (frame < ends_.end()) break;
+    ends_.Advance();
+    ++column_;
   }
 }
 

@@ -20,6 +20,25 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
 // i-th belongs to column i * columns / count: column * count / columns, rounded up.
 std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
 
+// The same, column after column, without a division for each. None is negative, `columns` positive.
+class ColumnEnds {
+ public:
+  ColumnEnds(std::int64_t columns, std::int64_t count) noexcept;
+
+  // The first of the next column, which ends this one.
+  std::int64_t end() const noexcept { return whole_ + (part_ > 0 ? 1 : 0); }
+  void Advance() noexcept;
+
+ private:
+  // What a column takes, and the columns for which that is one more.
+  std::int64_t each_;
+  std::int64_t more_;
+  std::int64_t columns_;
+  // The end is this many and part_ / columns_, rounded up.
+  std::int64_t whole_ = 0;
+  std::int64_t part_ = 0;
+};
+
 // Fills the columns of a piece from its samples, which come in blocks.
 class SampleColumns {
  public:
@@ -43,6 +62,7 @@ class SampleColumns {
   // The next frame to come, and the column that is being filled.
   std::int64_t frame_ = 0;
   std::int64_t column_ = 0;
+  ColumnEnds ends_;
 };
 
 // Fills the columns of a piece from its peaks, which come in blocks of pairs.

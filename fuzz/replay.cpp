@@ -1,4 +1,5 @@
-// Runs a fuzzer over the files of folders, whole, cut short at many places and with bytes changed:
+// Runs a fuzzer over the files of folders, whole, cut short (small ones at every byte, others at
+// many places) and with bytes changed:
 // what the fuzzer found once stays found, without the fuzzer's compiler.
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace {
 
 constexpr std::size_t kCuts = 50;
+constexpr std::size_t kSmall = 4096;
 constexpr int kDamages = 100;
 
 int Replay(const std::vector<std::uint8_t>& seed) {
@@ -25,8 +27,9 @@ int Replay(const std::vector<std::uint8_t>& seed) {
     ++runs;
   };
   run(seed);
-  for (std::size_t cut = 0; cut < kCuts && !seed.empty(); ++cut) {
-    const auto length = static_cast<std::ptrdiff_t>(seed.size() * cut / kCuts);
+  const std::size_t cuts = seed.size() <= kSmall ? seed.size() : kCuts;
+  for (std::size_t cut = 0; cut < cuts; ++cut) {
+    const auto length = static_cast<std::ptrdiff_t>(seed.size() * cut / cuts);
     run({seed.begin(), seed.begin() + length});
   }
   std::mt19937 random(static_cast<unsigned>(seed.size()));

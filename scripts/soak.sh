@@ -28,10 +28,12 @@ part_fuzz() {
   done
 }
 
-# 20,000 damaged Ogg files.
+# 20,000 damaged Ogg files, and five small ones cut short at every byte.
 part_ogg() {
   compile x64 Tessaly abuse_hostile_ogg_tests
   TESSALY_HOSTILE_OGG=20000 under_wine "20,000 damaged Ogg files" \
+    "$root/scripts/wine-run" "$abuse/abuse_hostile_ogg_tests.exe"
+  TESSALY_HOSTILE_OGG=cuts under_wine "five Ogg files cut at every byte" \
     "$root/scripts/wine-run" "$abuse/abuse_hostile_ogg_tests.exe"
 }
 

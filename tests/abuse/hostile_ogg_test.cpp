@@ -1,6 +1,6 @@
 // Damaged Ogg files through the built module: no crash, no hang, no flood of memory, the writer's
 // protocol kept, and a cancel that is answered. Hundreds of files; TESSALY_HOSTILE_OGG names
-// another number.
+// another number, or "cuts" for five small files cut short at every byte.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 namespace marlinda::testing {
 namespace {
 
-constexpr LONG64 kFiles = 500;
+constexpr char kFiles[] = "500";
 // Six times what a quiet machine is held to by hand.
 constexpr ULONGLONG kLongestImport = 30000;
 constexpr ULONGLONG kLongestCancel = 1800;
@@ -102,22 +102,57 @@ class Import {
   bool odd_blocks_ = false;
 };
 
+constexpr char kCuts[] = "cuts";
+
+// The files of a run, each by its number.
+class Cases {
+ public:
+  explicit Cases(const std::string& name) : seeds_(Seeds()), cut_(name == kCuts) {
+    if (cut_) {
+      std::ranges::sort(seeds_, {}, &OggBytes::size);
+      seeds_.resize(5);
+      for (const OggBytes& seed : seeds_) count_ += static_cast<LONG64>(seed.size());
+    } else {
+      count_ = std::atoll(name.c_str());
+    }
+  }
+
+  LONG64 Count() const { return count_; }
+
+  DamagedOgg Get(LONG64 number) const {
+    if (!cut_) {
+      // First what is whole, so that a test of refusals alone cannot pass.
+      return IsWhole(number) ? DamagedOgg{"whole", seeds_[static_cast<std::size_t>(number)]}
+                             : Damage(seeds_, static_cast<std::uint32_t>(number));
+    }
+    auto length = static_cast<std::size_t>(number);
+    auto seed = seeds_.begin();
+    for (; length >= seed->size(); ++seed) length -= seed->size();
+    return {std::to_string(length) + " of " + std::to_string(seed->size()) + " bytes",
+            {seed->begin(), seed->begin() + static_cast<std::ptrdiff_t>(length)}};
+  }
+
+  bool IsWhole(LONG64 number) const { return !cut_ && number < static_cast<LONG64>(seeds_.size()); }
+
+ private:
+  std::vector<OggBytes> seeds_;
+  bool cut_;
+  LONG64 count_ = 0;
+};
+
 void RunCases(const ChildTask& task, SharedReport& report) {
-  const std::vector<OggBytes> seeds = Seeds();
-  const LONG64 count = std::atoll(task.name.c_str());
+  const Cases cases(task.name);
+  const LONG64 count = cases.Count();
   const std::wstring path = task.arguments.at(0) + L"\\damaged.ogg";
   LONG64 taken = 0;
   unsigned handles = 0;
   for (LONG64 number = task.first; number < count; ++number) {
-    const auto stem = static_cast<std::uint32_t>(number);
-    // First what is whole, so that a test of refusals alone cannot pass.
-    DamagedOgg damaged =
-        stem < seeds.size() ? DamagedOgg{"whole", seeds[stem]} : Damage(seeds, stem);
+    const DamagedOgg damaged = cases.Get(number);
     report.Begin(number, damaged.what);
     report.Count();
     WriteFileBytes(path, damaged.bytes);
     const bool was_taken = Import(report, path).Run(number % 5 == 4);
-    if (!was_taken && stem < seeds.size()) report.Fail("a whole file was refused");
+    if (!was_taken && cases.IsWhole(number)) report.Fail("a whole file was refused");
     if (was_taken) ++taken;
     if (number == task.first + 50) handles = CountHandles();
   }
@@ -128,11 +163,11 @@ void RunCases(const ChildTask& task, SharedReport& report) {
 
 TEST(HostileOgg, IsReadOrRefusedAndHarmsNothing) {
   const char* const named = std::getenv("TESSALY_HOSTILE_OGG");
+  const std::string cases = named != nullptr ? named : kFiles;
   const TemporaryFolder folder;
-  const LONG64 count = named != nullptr ? std::atoll(named) : kFiles;
-  const Outcome outcome = RunInChildren(std::to_string(count), {folder.path()});
+  const Outcome outcome = RunInChildren(cases, {folder.path()});
   for (const std::string& failure : outcome.failures) ADD_FAILURE() << failure;
-  EXPECT_GE(outcome.calls, count);
+  EXPECT_GE(outcome.calls, Cases(cases).Count());
 }
 
 }  // namespace
