@@ -31,7 +31,7 @@ test=(
   "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
   pulseaudio pulseaudio-utils valgrind mono-mcs "${package[@]}"
 )
-lint=("${build[@]}" g++ clang-format clang-tidy)
+lint=("${build[@]}" g++ clang-format clang-tidy cppcheck)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)
 fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
 
