@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (stream == nullptr) return 0;
   Require(stream->channels() > 0 && stream->samples_per_sec() > 0);
   Require(stream->average_bytes_per_sec() >= 0);
-  const std::size_t frame = 2 * static_cast<std::size_t>(stream->channels());
+  const auto channels = static_cast<std::size_t>(stream->channels());
 
   marlinda::MetaData texts;
   for (const std::string_view comment : stream->Comments()) {
@@ -47,12 +47,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   Require(texts.year.size() <= 4);
 
-  // At least a frame; the byte behind the block is watched by the sanitizer.
-  std::vector<std::uint16_t> block((frame / 2) * (1 + choice * choice / 8));
-  const auto buffer = std::as_writable_bytes(std::span(block));
-  while (const std::size_t bytes = stream->Read(buffer)) {
-    Require(bytes <= buffer.size() && bytes % frame == 0);
+  // At least a frame; what lies behind the block is watched by the sanitizer.
+  std::vector<std::int16_t> block(channels * (1 + choice * choice / 8));
+  while (const std::size_t samples = stream->Read(block)) {
+    Require(samples <= block.size() && samples % channels == 0);
   }
-  Require(stream->Read(buffer) == 0);
+  Require(stream->Read(block) == 0);
   return 0;
 }

@@ -40,9 +40,8 @@ struct COggImport::Run {
 namespace {
 
 constexpr int kBitsPerSample = 16;
-constexpr std::size_t kBytesPerSample = kBitsPerSample / 8;
-// What the decoder is asked for at once: 16384 samples over all channels.
-constexpr std::size_t kBlockBytes = 32768;
+// What the decoder is asked for at once, over all channels.
+constexpr std::size_t kBlockSamples = 16384;
 // Above the DirectShow import, which may read the same files.
 constexpr SHORT kMerit = 200;
 constexpr DWORD kPollMilliseconds = 100;
@@ -81,15 +80,15 @@ void COggImport::Run::Import() {
 }
 
 void COggImport::Run::WriteBlocks(VorbisStream& source, IAudioWriter* target) {
-  alignas(std::int16_t) std::array<std::byte, kBlockBytes> pcm;
-  SampleArray block(kBlockBytes / kBytesPerSample);
+  std::array<std::int16_t, kBlockSamples> codes;
+  SampleArray block(kBlockSamples);
   do {
-    const std::size_t bytes = source.Read(pcm);
-    if (bytes == 0) return;
-    block.Resize(bytes / kBytesPerSample);
-    ConvertPcmToFloat(pcm, block.samples(), kBitsPerSample);
+    const std::size_t samples = source.Read(codes);
+    if (samples == 0) return;
+    block.Resize(samples);
+    ConvertPcmToFloat(std::as_bytes(std::span(codes)), block.samples(), kBitsPerSample);
     target->WriteAudio(block.get());
-    position += static_cast<__int64>(bytes / (channels * kBytesPerSample));
+    position += static_cast<__int64>(samples) / channels;
   } while (!cancelled && position < total);
 }
 

@@ -43,14 +43,14 @@ class VorbisStream {
   // its first NUL. They live as long as this object.
   std::vector<std::string_view> Comments() const;
 
-  // Decodes the next block of interleaved 16-bit little-endian samples, whole frames, and returns
-  // its size in bytes: at least one frame and at most the buffer, which must be aligned for 16-bit
-  // integers. 0 at the end, which comes early
+  // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many
+  // samples it has: at least one frame's and at most what the buffer, of one frame or more, has
+  // room for. 0 at the end, which comes early
   // - where a link of a chain changes the sample rate or the channel count, so that the format
   //   announced stays true of all that is delivered;
   // - at an error that the decoder cannot recover from. A hole (damaged or missing pages) is none:
   //   decoding goes on with what comes after it.
-  std::size_t Read(std::span<std::byte> buffer) noexcept;
+  std::size_t Read(std::span<std::int16_t> buffer) noexcept;
 
  private:
   struct Decoder;
