@@ -3,8 +3,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <exception>
 
 #include "tests/support/com_client.h"
 
@@ -191,18 +189,3 @@ BENCHMARK(ReadPoolSamples)->Arg(10)->Arg(255)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  try {
-    marlinda::testing::ModuleUnderTest::Load();
-    benchmark::RunSpecifiedBenchmarks();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return 0;
-}

@@ -4,8 +4,6 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <cstdio>
-#include <exception>
 
 #include "core/handle.h"
 #include "tests/support/com_client.h"
@@ -79,18 +77,3 @@ BENCHMARK(Playing)->UseManualTime()->Iterations(100)->Unit(benchmark::kMicroseco
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-  try {
-    marlinda::testing::ModuleUnderTest::Load();
-    benchmark::RunSpecifiedBenchmarks();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
-  marlinda::testing::ModuleUnderTest::Revoke();
-  CoUninitialize();
-  return 0;
-}
