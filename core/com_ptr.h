@@ -19,6 +19,14 @@ HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
                           reinterpret_cast<void**>(object.ReleaseAndGetAddressOf()));
 }
 
+// Makes `held` hold another object, or none: the new one gets its reference before the old one
+// loses its own. The assignment of a plain pointer in the header that comes with mingw does it the
+// other way round.
+template <class I>
+void Hold(ComPtr<I>& held, I* object) {
+  if (held.Get() != object) ComPtr<I>(object).Swap(held);
+}
+
 // Another interface of the same object; null when `object` is null or has none.
 template <class I>
 ComPtr<I> TryQuery(IUnknown* object) {

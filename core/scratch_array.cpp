@@ -7,8 +7,9 @@
 namespace marlinda {
 namespace {
 
-// One unusually large read must not occupy its memory for good: 4 MiB.
-constexpr std::size_t kMostKept = std::size_t{1} << 20;
+// One unusually large read must not occupy its memory for good: 8 MiB, which is what the widest
+// screens take.
+constexpr std::size_t kMostKept = std::size_t{1} << 21;
 
 }  // namespace
 

@@ -15,7 +15,9 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-constexpr ULONGLONG kLostAfterMilliSecs = 2000;
+// With the pause before it and the check after it, less than the two seconds in which everything of
+// a lost device is over.
+constexpr ULONGLONG kLostAfterMilliSecs = 1500;
 // Many minutes. A longer block is a mistake, and making its window would take long before memory
 // ran out.
 constexpr std::uint64_t kMostBlockSamples = std::uint64_t{1} << 24;
@@ -53,13 +55,17 @@ struct CAudioScrubber::Scrub {
         const std::lock_guard lock(block_mutex);
         overlap_add.Pass(block, output.samples());
       }
-      // A writer that refuses the block does not wait either; without a pause the thread would
-      // spin.
-      if (FAILED(writer->WriteAudio(output.get()))) Sleep(pause_milliseconds);
+      // A writer that refuses the block, or gets an empty one, does not wait either; without a
+      // pause the thread would spin.
+      const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
+      if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
     }
   }
 
-  const ComPtr<IAudioWriter> writer;
+  // The object's, which holds it longer than the thread runs, but for one case: the writer itself
+  // may release the object within WriteAudio, and is then kept until it has returned.
+  IAudioWriter* const writer;
+  ComPtr<IAudioWriter> kept_writer;
   const std::size_t channel_count;
   SampleArray output;
   std::mutex block_mutex;
@@ -68,13 +74,16 @@ struct CAudioScrubber::Scrub {
   std::atomic<bool> stop{false};
 };
 
-CAudioScrubber::~CAudioScrubber() { Stop(); }
+CAudioScrubber::~CAudioScrubber() {
+  if (const auto scrub = Current()) scrub->kept_writer = writer_;
+  Stop();
+}
 
 STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks,
                                    LONG nSamplesPerSec, SHORT nChannels) {
   if (nChannels <= 0) return E_INVALIDARG;
   if (pAudioWriter == nullptr) return E_POINTER;
-  if (nSamplesInBlocks < 2) return E_INVALIDARG;
+  if (nSamplesInBlocks < 0) return E_INVALIDARG;
   if (static_cast<std::uint64_t>(nSamplesInBlocks) * static_cast<std::uint64_t>(nChannels) >
       kMostBlockSamples) {
     return E_INVALIDARG;
@@ -83,7 +92,7 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
   return ComCall([&] {
     auto scrub = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                          nSamplesPerSec, static_cast<std::size_t>(nChannels));
-    writer_ = pAudioWriter;
+    Hold(writer_, pAudioWriter);
     writer_->OpenDevice();
     const HRESULT hr = thread_.Start([scrub] { scrub->Run(); });
     if (FAILED(hr)) {

@@ -15,10 +15,10 @@ namespace marlinda {
 
 // The caller sets the writer's format beforehand. The writer paces the thread by blocking in
 // WriteAudio; its results do not matter. It is held until the next Start or the last release. A
-// playback object that keeps the thread waiting for two seconds after Stop has lost its device, and
-// is told to break.
+// playback object that keeps the thread waiting for a second and a half after Stop has lost its
+// device, and is told to break.
 //
-// Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of fewer than 2
+// Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of less than no
 // frames or more than 2^24 samples and negative channel counts with E_INVALIDARG; Stop without
 // Start does nothing; WriteBlock outside Start and Stop gives E_FAIL, one that is too short
 // E_INVALIDARG.

@@ -80,7 +80,10 @@ struct DocumentPlayer::Job {
 };
 
 DocumentPlayer::DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept
-    : content_(std::move(content)) {}
+    : content_(std::move(content)) {
+  CreateInstance(CLSID_CAudioPlayback, playback_);
+  CreateInstance(CLSID_CAudioScrubber, scrubber_);
+}
 
 DocumentPlayer::~DocumentPlayer() {
   StopPlay();
@@ -88,11 +91,11 @@ DocumentPlayer::~DocumentPlayer() {
 }
 
 void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool looped) {
-  // The device that is open must not be told another format either.
-  if (IsPlaying()) return;
   const DocumentFormat format = content_->CurrentFormat();
-  const ComPtr<IAudioWriter> writer = PreparedWriter(format, kPlayBufferMilliSecs);
-  if (section.begin >= section.end) return;
+  // Also while it plays: the device that is open keeps the format that it was opened with.
+  SetUpPlayback(format, kPlayBufferMilliSecs);
+  const ComPtr<IAudioWriter> writer = PlaybackWriter();
+  if (IsPlaying() || section.begin >= section.end) return;
   job_.reset(new Job{content_, writer, section, looped, channel_mask,
                      PlayBlockBytes(format.samples_per_sec, format.channels)});
   thread_.emplace();
@@ -104,7 +107,8 @@ void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool loop
 }
 
 void DocumentPlayer::StopPlay() noexcept {
-  if (!IsPlaying()) return;
+  // Also one that has ended, as long as nobody has asked.
+  if (!thread_) return;
   // Wakes the thread where it waits for room in the device.
   playback_->Break();
   job_->stop = true;
@@ -132,7 +136,8 @@ void DocumentPlayer::StartScrub() {
   if (scrubbing_) return;
   if (!scrubber_) Check(CreateInstance(CLSID_CAudioScrubber, scrubber_));
   const DocumentFormat format = content_->CurrentFormat();
-  const ComPtr<IAudioWriter> writer = PreparedWriter(format, kScrubBufferMilliSecs);
+  const ComPtr<IAudioWriter> writer = PlaybackWriter();
+  SetUpPlayback(format, kScrubBufferMilliSecs);
   const LONG frames = format.samples_per_sec / kScrubBlocksPerSecond;
   content_->OpenDevice();
   scrubbing_ =
@@ -149,10 +154,6 @@ void DocumentPlayer::SetScrubPosition(__int64 position) {
 }
 
 void DocumentPlayer::StopScrub() noexcept {
-  // The scrubber waits until its thread has written a block, and a device that was lost takes none
-  // any more; Break has the block refused at once. When no scrubbing was started, it would only cut
-  // off a playback.
-  if (scrubbing_) playback_->Break();
   scrubbing_ = false;
   if (scrubber_) scrubber_->Stop();
   content_->CloseDevice();
@@ -163,16 +164,18 @@ IAudioPlayback* DocumentPlayer::Playback() {
   return playback_.Get();
 }
 
-ComPtr<IAudioWriter> DocumentPlayer::PreparedWriter(const DocumentFormat& format,
-                                                    LONG buffer_milliseconds) {
+void DocumentPlayer::SetUpPlayback(const DocumentFormat& format, LONG buffer_milliseconds) {
   IAudioPlayback* const playback = Playback();
   // Answers E_NOTIMPL, and stores the format all the same.
   playback->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
   playback->SetDevice(static_cast<ULONG>(device_));
   playback->SetBufferLength(buffer_milliseconds);
+}
+
+ComPtr<IAudioWriter> DocumentPlayer::PlaybackWriter() {
   ComPtr<IAudioWriter> writer;
-  Check(playback->QueryInterface(__uuidof(IAudioWriter),
-                                 reinterpret_cast<void**>(writer.GetAddressOf())));
+  Check(Playback()->QueryInterface(__uuidof(IAudioWriter),
+                                   reinterpret_cast<void**>(writer.GetAddressOf())));
   return writer;
 }
 

@@ -13,9 +13,9 @@
 
 namespace marlinda {
 
-// The playback object and the scrubber are created when they are first needed and kept from then
-// on: edits make many documents that never play, and the two would cost several times as much as
-// such a document. Where they cannot be created, the method that needs them throws why.
+// The playback object and the scrubber are created with the document and kept. Where that fails,
+// the document edits as well as ever; a method that needs them tries once more, and throws why it
+// cannot.
 //
 // Playing and scrubbing share the one playback object, so that they get in each other's way when
 // they run at once.
@@ -51,8 +51,8 @@ class DocumentPlayer {
   struct Job;
 
   IAudioPlayback* Playback();
-  // The playback object as a writer, set up for the document's format.
-  ComPtr<IAudioWriter> PreparedWriter(const DocumentFormat& format, LONG buffer_milliseconds);
+  void SetUpPlayback(const DocumentFormat& format, LONG buffer_milliseconds);
+  ComPtr<IAudioWriter> PlaybackWriter();
   // Lets go of a thread that has ended.
   bool IsPlaying() noexcept;
 

@@ -1,6 +1,7 @@
 #include "edit/piece_plot.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "core/com_ptr.h"
@@ -16,8 +17,11 @@ constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
 // Floats that one read of a source asks for at most, so that memory does not grow without bound
 // with the piece. A picture as wide as a screen takes one read.
-constexpr std::size_t kSamplesPerRead = std::size_t{1} << 20;
+constexpr std::size_t kSamplesPerRead = std::size_t{1} << 24;
 constexpr std::size_t kPeakFloatsPerRead = std::size_t{1} << 22;
+// Floats that no array could hold, 4 GiB of them: a piece with that many peaks is not drawn, since
+// reading them would take the caller's patience in the place of its memory.
+constexpr std::int64_t kMostPeakFloats = std::int64_t{1} << 30;
 
 // From this many peaks a column on, a summary of them costs less than they do.
 constexpr __int64 kPeaksPerColumnOfSummary = 64;
@@ -95,6 +99,7 @@ bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels
       DrawSummary(reader.Get(), first, count, channels, columns, pairs)) {
     return true;
   }
+  if (count > kMostPeakFloats / static_cast<std::int64_t>(2 * channels)) return false;
   PeakColumns drawn(pairs, channels, columns, count);
   return ReadInBlocks(
       count, 2 * channels, kPeakFloatsPerRead, scratch_keeper, drawn,

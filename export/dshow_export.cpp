@@ -173,11 +173,8 @@ void CDShowExport::ShowWmaSettings() {
 }
 
 void CDShowExport::ShowMpegSettings() {
+  // Without an encoder there is nothing to choose from.
   const auto encoder = CreateMp3Encoder();
-  if (!encoder) {
-    ShowCodecError();
-    return;
-  }
   CMpegSettings dialog(encoder.Get());
   dialog.set_bit_rate_kbit(BitRate(kMp3BitRate));
   if (dialog.ShowModal(message_owner_) != IDOK) return;

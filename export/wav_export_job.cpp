@@ -32,7 +32,7 @@ void MakeSilent(SampleArray& block, std::size_t samples) {
 }  // namespace
 
 void WavExportJob::SetReader(IAudioReader* reader) {
-  reader_ = reader;
+  Hold(reader_, reader);
   __int64 total = 0;
   reader->GetSampleCount(&total);
   total_ = total;

@@ -50,7 +50,8 @@ thread_local const Passage* Passage::innermost = nullptr;
 }  // namespace
 
 STDMETHODIMP CWaveWriter::SetWriteThrough(IAudioWriter* pawWriteThrough) {
-  write_through_ = IsSameObject(pawWriteThrough, OuterUnknown()) ? nullptr : pawWriteThrough;
+  // Itself would be a cycle that nobody could break.
+  Hold(write_through_, pawWriteThrough == this ? nullptr : pawWriteThrough);
   return S_OK;
 }
 

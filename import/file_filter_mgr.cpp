@@ -51,7 +51,8 @@ ComPtr<IImportFilter> CreateFilter(const std::string& class_id) {
 
 SHORT MeritOf(IImportFilter* filter) {
   SHORT merit = kLowestMerit;
-  return SUCCEEDED(filter->GetMerit(&merit)) ? merit : kLowestMerit;
+  filter->GetMerit(&merit);
+  return merit;
 }
 
 }  // namespace

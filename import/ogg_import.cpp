@@ -108,18 +108,19 @@ STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
   if (pWriter == nullptr) return E_POINTER;
   if (worker_.IsRunning()) return E_FAIL;
   return ComCall([&] {
-    std::string file_name = ToAnsi(bstrFileName);
+    // Writer and name are taken in any case; without a file there is nothing to start.
     auto run = std::make_shared<Run>();
-    run->stream = VorbisStream::Open(OpenForReading(file_name));
-    if (run->stream == nullptr) return E_FAIL;
     run->writer = pWriter;
-    run->samples_per_sec = run->stream->samples_per_sec();
-    run->channels = run->stream->channels();
-    run->average_bytes_per_sec = run->stream->average_bytes_per_sec();
-    run->total = run->stream->total_frames();
-    metadata_ = ReadMetaData(*run->stream);
-    file_name_ = std::move(file_name);
-    run_ = std::move(run);
+    run_ = run;
+    file_name_ = ToAnsi(bstrFileName);
+    auto stream = VorbisStream::Open(OpenForReading(file_name_));
+    if (stream == nullptr) return E_FAIL;
+    metadata_ = ReadMetaData(*stream);
+    run->samples_per_sec = stream->samples_per_sec();
+    run->channels = stream->channels();
+    run->average_bytes_per_sec = stream->average_bytes_per_sec();
+    run->total = stream->total_frames();
+    run->stream = std::move(stream);
     return S_OK;
   });
 }
@@ -163,7 +164,7 @@ STDMETHODIMP COggImport::GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) {
 }
 
 STDMETHODIMP COggImport::Start() {
-  if (run_ == nullptr || run_->started) return E_FAIL;
+  if (run_ == nullptr || run_->started || run_->stream == nullptr) return E_FAIL;
   const HRESULT hr = worker_.Start([run = run_] { run->Import(); });
   run_->started = SUCCEEDED(hr);
   return hr;

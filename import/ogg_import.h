@@ -25,8 +25,8 @@ class COggImport final
 
   // IImportFilter
   STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override;
-  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file, and while a run is active; the
-  // object then stays as it was.
+  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file; writer and name are kept then,
+  // but there is nothing to start. E_FAIL, and no change, while a run is active.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
   STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override;
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override;

@@ -72,16 +72,12 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) noexcept {
   const auto room = static_cast<int>(std::min(buffer.size() / channels, kMostFrames));
   OggVorbis_File* const file = &decoder_->file;
   float** planes = nullptr;
-  long frames = OV_HOLE;
-  while (!ended_ && frames == OV_HOLE) {
-    int link = 0;
-    frames = ov_read_float(file, &planes, room, &link);
-  }
-  if (!ended_) {
-    const vorbis_info* const info = ov_info(file, -1);
-    ended_ = frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
-             info->channels != channels_;
-  }
+  if (ended_) return 0;
+  int link = 0;
+  const long frames = ov_read_float(file, &planes, room, &link);
+  const vorbis_info* const info = ov_info(file, -1);
+  ended_ = frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
+           info->channels != channels_;
   if (ended_) return 0;
   PackVorbisFrames(planes, channels, static_cast<std::size_t>(frames), buffer.data());
   return static_cast<std::size_t>(frames) * channels;

@@ -48,8 +48,8 @@ class VorbisStream {
   // room for. 0 at the end, which comes early
   // - where a link of a chain changes the sample rate or the channel count, so that the format
   //   announced stays true of all that is delivered;
-  // - at an error that the decoder cannot recover from. A hole (damaged or missing pages) is none:
-  //   decoding goes on with what comes after it.
+  // - at the first error, such as a hole where pages are damaged or missing: what lies behind it
+  //   would no longer be in its place.
   std::size_t Read(std::span<std::int16_t> buffer) noexcept;
 
  private:

@@ -107,14 +107,17 @@ STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
     Check(view.Lock(psaAudioData));
     const std::span<float> samples = view.samples();
     if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
+    // Without a frame there is no peak.
+    if (samples.size() < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
     if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-    if (samples.empty()) return S_OK;
 
     std::span<const std::byte> audio = std::as_bytes(samples);
     if (bits_per_sample_ != 32) {
-      pcm_.resize(samples.size() * PcmBytesPerSample(bits_per_sample_));
+      pcm_.resize(ConversionBytes(samples.size(), bits_per_sample_));
       if (Dithers()) dither_.Process(samples, std::rand);
       ConvertFloatToPcm(samples, pcm_, bits_per_sample_);
+      const auto codes = samples.size() * PcmBytesPerSample(bits_per_sample_);
+      std::ranges::fill(std::span(pcm_).subspan(codes), std::byte{});
       // At a width between the usual ones the code takes more bytes than the file has room for.
       audio = std::span(pcm_).first(samples.size() *
                                     static_cast<std::size_t>(StoredBytes(bits_per_sample_)));

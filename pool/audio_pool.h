@@ -43,17 +43,17 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   // cannot be created, and the HRESULT of its creation is returned.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override;
   STDMETHODIMP CreatePrevReader(IAudioReader** ppAudioReader) override;
-  // Any values are stored; audio can be written at 8 to 32 bits. A sample takes bits / 8 bytes in
-  // the file whatever its code takes, so that only 8, 16, 24 and 32 bits can be read back.
+  // Any values are stored; audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in
+  // the file whatever its code takes, so that only 8, 16, 24 and 32 to 39 bits can be read back.
   STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override;
 
   // IAudioWriter
-  // Changes the caller's samples when it dithers. An empty block is S_OK and nothing. A block that
-  // ends within a frame is stored in full, while its peaks cover the whole frames. Refused, with
-  // nothing written and the caller's block untouched: a block before SetFormat has set a channel or
-  // beyond 8 to 32 bits (E_INVALIDARG); dithering of more than 8 channels (ERROR_NOT_SUPPORTED).
-  // After a failed write the positions advance all the same: the take keeps a gap. A failed write
-  // of peaks is dropped, since peaks only serve the display.
+  // Changes the caller's samples when it dithers. A block that ends within a frame is stored in
+  // full, while its peaks cover the whole frames. Refused, with nothing written and the caller's
+  // block untouched: a block before SetFormat has set a channel, shorter than a frame or beyond 8
+  // to 40 bits (E_INVALIDARG); dithering of more than 8 channels (ERROR_NOT_SUPPORTED). After a
+  // failed write the positions advance all the same: the take keeps a gap. A failed write of peaks
+  // is dropped, since peaks only serve the display.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
   STDMETHODIMP OpenDevice() override;
   STDMETHODIMP CloseDevice() override;

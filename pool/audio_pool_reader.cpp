@@ -24,6 +24,16 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
                                       SHORT nBitsPerSample) {
   if (pPool == nullptr) return E_POINTER;
   return ComCall([&] {
+    ComPtr<IAudioPool> pool = pPool;
+    {
+      const std::lock_guard lock(mutex_);
+      pool_.Swap(pool);
+      region_ = {};
+      peak_groups_.reset();
+    }
+    // The old pool, without the lock: its destruction may take a while.
+    pool.Reset();
+
     Region region;
     region.audio_offset = nAudioByteOffset;
     region.peak_offset = nPeakByteOffset;
@@ -31,17 +41,13 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
     region.bits_per_sample = nBitsPerSample;
     __int64 audio = 0;
     __int64 peak = 0;
-    region.handles = pPool->GetFileHandles(&audio, &peak);
+    const HRESULT handles = pPool->GetFileHandles(&audio, &peak);
+    if (FAILED(handles)) region.without_file = handles;
     region.audio_file = ToHandle(audio);
     region.peak_file = ToHandle(peak);
     pPool->GetFormat(&region.samples_per_sec, &region.channels);
-
-    // The old pool is released last and without the lock: its destruction may take a while.
-    ComPtr<IAudioPool> pool = pPool;
     const std::lock_guard lock(mutex_);
-    pool_.Swap(pool);
     region_ = region;
-    peak_groups_.reset();
     return S_OK;
   });
 }
@@ -50,8 +56,9 @@ STDMETHODIMP CAudioPoolReader::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudio
   return ComCall([&]() -> HRESULT {
     SampleArrayView view;
     Check(view.Lock(psaAudioData));
+    if (view.samples().empty()) return S_OK;
     const std::lock_guard lock(mutex_);
-    Check(region_.handles);
+    if (region_.audio_file == nullptr) return region_.without_file;
     if (!IsStorable(region_.bits_per_sample)) return E_INVALIDARG;
     const std::int64_t offset =
         ByteOffset(region_.audio_offset, region_.BytesPerFrame(), nSamplePos);
@@ -65,11 +72,11 @@ HRESULT CAudioPoolReader::ReadPcm(std::int64_t offset, std::span<float> samples)
   const std::size_t width = PcmBytesPerSample(region_.bits_per_sample);
   const std::size_t stored =
       samples.size() * static_cast<std::size_t>(StoredBytes(region_.bits_per_sample));
-  pcm_.resize(samples.size() * width);
+  pcm_.resize(ConversionBytes(samples.size(), region_.bits_per_sample));
   const ReadResult read = ReadAt(region_.audio_file, offset, std::span(pcm_).first(stored));
   if (FAILED(read.hr) && read.hr != HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) return read.hr;
   ConvertPcmToFloat(pcm_, samples, region_.bits_per_sample);
-  std::ranges::fill(samples.subspan(read.count / width), 0.0F);
+  std::ranges::fill(samples.subspan(std::min(samples.size(), read.count / width)), 0.0F);
   DropIfLarge(pcm_);
   return read.hr;
 }
@@ -78,13 +85,14 @@ STDMETHODIMP CAudioPoolReader::ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPe
   return ComCall([&]() -> HRESULT {
     SampleArrayView view;
     Check(view.Lock(psaPeakData));
+    if (view.samples().empty()) return S_OK;
     const std::lock_guard lock(mutex_);
     return ReadStoredPeaks(nPeakPosition, view.samples());
   });
 }
 
 HRESULT CAudioPoolReader::ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
-  if (FAILED(region_.handles)) return region_.handles;
+  if (region_.peak_file == nullptr) return region_.without_file;
   const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(), first);
   return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
 }
@@ -140,7 +148,16 @@ STDMETHODIMP CAudioPoolReader::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannel
 STDMETHODIMP CAudioPoolReader::GetSampleCount(__int64* pnSamples) {
   if (pnSamples == nullptr) return E_POINTER;
   const std::int64_t bytes_per_frame = region_.BytesPerFrame();
-  *pnSamples = bytes_per_frame < 1 ? 0 : region_.byte_count / bytes_per_frame;
+  switch (bytes_per_frame) {
+    case 0:
+      *pnSamples = 0;
+      break;
+    case -1:  // the lowest number has no opposite
+      *pnSamples = SaturatingSubtract(0, region_.byte_count);
+      break;
+    default:
+      *pnSamples = region_.byte_count / bytes_per_frame;
+  }
   return S_OK;
 }
 

@@ -26,7 +26,7 @@ namespace marlinda {
 // Reads are not clipped to the region, on purpose: what lies beyond it in the pool's file, behind
 // or before, is read too, and only the file's end (0x80070026) or start stops them. Nor must a read
 // be whole frames. Refused are reads whose first byte would lie before the file
-// (ERROR_NEGATIVE_SEEK), and samples beyond 8 to 32 bits (E_INVALIDARG).
+// (ERROR_NEGATIVE_SEEK), and samples beyond 8 to 40 bits (E_INVALIDARG).
 class CAudioPoolReader final
     : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
  public:
@@ -48,7 +48,7 @@ class CAudioPoolReader final
   // that the file could not deliver keep their values in a 32-bit region and are silence otherwise.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  // 0 where the format has no frames (no channels, or fewer than 8 bits).
+  // 0 where the frames of the format take no bytes (no channels, or fewer than 8 bits).
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
   STDMETHODIMP OpenDevice() override;
   STDMETHODIMP CloseDevice() override;
@@ -68,7 +68,8 @@ class CAudioPoolReader final
     SHORT bits_per_sample = 0;
     LONG samples_per_sec = 0;
     SHORT channels = 0;
-    HRESULT handles = kNotCreated;
+    // What a read without a file returns.
+    HRESULT without_file = kNotCreated;
     HANDLE audio_file = nullptr;
     HANDLE peak_file = nullptr;
 

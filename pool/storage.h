@@ -2,17 +2,25 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 
+#include "core/sample_converter.h"
+
 namespace marlinda {
 
-// Below 8 bits a sample would take no bytes, above 32 more than it has.
-constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 32; }
+// Below 8 bits a sample would take no bytes; above 40 there is nothing that anybody could mean.
+constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 
 // Bytes by which positions advance per sample. At widths between the usual ones this is less than
-// what the sample's code takes: kept on purpose.
+// what the sample's code takes, and at 40 bits more: kept on purpose.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
+
+// What `count` samples take while they are converted: room for their codes and for what is stored.
+inline std::size_t ConversionBytes(std::size_t count, int bits) noexcept {
+  return count * std::max(PcmBytesPerSample(bits), static_cast<std::size_t>(StoredBytes(bits)));
+}
 
 // base + unit * count. Where that does not fit in 64 bits the result is the largest or smallest
 // number, an offset that no file has. A unit below 1 counts as 0.

@@ -369,7 +369,7 @@ TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, 0), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 1024, 44100, -1), E_INVALIDARG);
-  EXPECT_EQ(scrubber->Start(&writer, 1, 44100, 2), E_INVALIDARG);
+  EXPECT_EQ(scrubber->Start(&writer, -1, 44100, 2), E_INVALIDARG);
   // More than there can be: refused before anything of that size is made.
   EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 1), E_INVALIDARG);
   EXPECT_EQ(scrubber->Start(&writer, 0x7FFFFFFF, 0x7FFFFFFF, 32767), E_INVALIDARG);
@@ -378,16 +378,26 @@ TEST(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(scrubber->Stop(), S_OK);
   EXPECT_EQ(writer.opened, 0);
 
+  // Blocks of nothing.
+  ASSERT_EQ(scrubber->Start(&writer, 1, 44100, 2), S_OK);
+  EXPECT_EQ(writer.Held(), 1) << "the thread takes no reference of its own";
+  EXPECT_EQ(scrubber->WriteBlock(Floats(0)), S_OK);
+  while (writer.Blocks().empty()) Sleep(5);
+  EXPECT_EQ(scrubber->Stop(), S_OK);
+  EXPECT_EQ(writer.Blocks()[0].size(), 0U);
+  EXPECT_LT(writer.Blocks().size(), 1000U) << "the thread spins";
+  const std::size_t before = writer.Blocks().size();
+
   writer.result = E_FAIL;
   ASSERT_EQ(scrubber->Start(&writer, 1025, 44100, 1), S_OK);
   EXPECT_EQ(scrubber->Start(&writer, 1025, 44100, 1), E_FAIL);
   EXPECT_EQ(scrubber->WriteBlock(nullptr), E_INVALIDARG);
   EXPECT_EQ(scrubber->WriteBlock(Floats(1023)), E_INVALIDARG);
   EXPECT_EQ(scrubber->WriteBlock(Floats(1024)), S_OK);
-  while (writer.Blocks().size() < 2) Sleep(5);
-  EXPECT_EQ(writer.Blocks()[0].size(), 512U);
+  while (writer.Blocks().size() < before + 2) Sleep(5);
+  EXPECT_EQ(writer.Blocks()[before].size(), 512U);
   scrubber.Reset();  // running: stops, closes the writer and releases it
-  EXPECT_EQ(writer.closed, 1);
+  EXPECT_EQ(writer.closed, 2);
   EXPECT_EQ(writer.Held(), 0);
 }
 

@@ -259,24 +259,42 @@ TEST_F(EditedAudioPlay, FormatsThatAreNoneDoNoHarm) {
 }
 
 TEST_F(EditedAudioPlay, ADocumentThatCannotHaveItsDeviceObjectsEditsAndDoesNotPlay) {
+  ComPtr<IClassFactory> documents;
+  ASSERT_EQ(CoGetClassObject(CLSID_CEditedAudio, CLSCTX_ALL, nullptr, __uuidof(IClassFactory),
+                             reinterpret_cast<void**>(documents.GetAddressOf())),
+            S_OK);
   ModuleUnderTest::Revoke();
-  const HRESULT played = document_->Play(0, 4410, kAll, VARIANT_FALSE);
-  const HRESULT scrubbed = As<IScrubSupport>(document_.edit)->StartScrub();
-  const HRESULT positioned = As<IScrubSupport>(document_.edit)->SetScrubPosition(0);
-  const HRESULT stopped = As<IScrubSupport>(document_.edit)->StopScrub();
+  ComPtr<IEditedAudio> silent;
+  const HRESULT made = documents->CreateInstance(nullptr, __uuidof(IEditedAudio),
+                                                 reinterpret_cast<void**>(silent.GetAddressOf()));
+  if (FAILED(made)) {
+    ModuleUnderTest::Load();
+    FAIL() << made;
+  }
+  const auto scrub = As<IScrubSupport>(silent);
+  const HRESULT appended = silent->AppendSegment(source_.Get(), 0, kHour);
+  const HRESULT played = silent->Play(0, 4410, kAll, VARIANT_FALSE);
+  const HRESULT scrubbed = scrub->StartScrub();
+  const HRESULT positioned = scrub->SetScrubPosition(0);
+  const HRESULT stopped = scrub->StopScrub();
   float level = 0;
-  const HRESULT measured = document_->GetOutputLevel(0, &level);
-  const bool playing = Playing();
+  const HRESULT measured = silent->GetOutputLevel(0, &level);
+  VARIANT_BOOL playing = VARIANT_TRUE;
+  __int64 position = 0;
+  const HRESULT asked = silent->GetPlayStatus(&playing, &position);
   ModuleUnderTest::Load();
+  EXPECT_EQ(appended, S_OK);
+  EXPECT_EQ(asked, S_OK);
   EXPECT_EQ(played, S_OK);
   EXPECT_TRUE(FAILED(scrubbed));
   EXPECT_EQ(measured, scrubbed);
   EXPECT_EQ(positioned, S_OK);
   EXPECT_EQ(stopped, S_OK);
-  EXPECT_FALSE(playing);
-  EXPECT_EQ(document_.Length(), kHour);
-  EXPECT_EQ(document_->Play(0, 4410, kAll, VARIANT_FALSE), S_OK);
-  EXPECT_TRUE(WaitForEnd());
+  EXPECT_EQ(playing, VARIANT_FALSE);
+  // What was missing may have come meanwhile.
+  EXPECT_EQ(silent->GetOutputLevel(0, &level), S_OK);
+  EXPECT_EQ(scrub->StartScrub(), S_OK);
+  EXPECT_EQ(scrub->StopScrub(), S_OK);
 }
 
 TEST_F(EditedAudioPlay, SinksMayPlayStopAndGiveAnotherSection) {

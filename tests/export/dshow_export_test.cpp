@@ -128,21 +128,24 @@ TEST_F(DShowExport, FailsWithoutAnEncoderAndLeavesNothingBehind) {
   EXPECT_EQ(task->Start(), kNoEncoder);
   EXPECT_EQ(Bytes(ReadFileBytes(mp3)), Text("old"));
   EXPECT_EQ(task->Cancel(), S_OK);
-  // Without an owner for a message nothing is shown, or this call would not return.
-  EXPECT_EQ(filter->ShowSettingsDlg(Bstr(L"mp3"), 0), S_OK);
 }
 
-TEST_F(DShowExport, SaysCodecErrorToTheOwnerOfTheSettings) {
+TEST_F(DShowExport, OffersNoBitRateAndSaysCodecErrorToTheOwnerOfTheSettings) {
   if (HasRealEncoder()) GTEST_SKIP() << "this machine has an MP3 encoder";
   const HostWindow host;
   const auto confirm = [&](const OpenDialog& message) {
     EXPECT_EQ(message.Owner(), host.handle);
     message.Press(VK_RETURN);
   };
+  settings.WriteDword("MP3Bitrate", 192);
   {
-    const DialogUser user(kMessageTitle, confirm);
+    const DialogUser user(kMp3Title, [&](const OpenDialog& dialog) {
+      EXPECT_THAT(dialog.Lines(207), ElementsAre());
+      confirm(dialog);
+    });
     EXPECT_EQ(filter->ShowSettingsDlg(Bstr(L"mp3"), host.Number()), S_OK);
   }
+  EXPECT_EQ(settings.ReadDword("MP3Bitrate", 0), 192U);
   EXPECT_EQ(filter->Initialize(Bstr(mp3), CodeReader::Create({.channels = 2}).Get()), S_OK);
   const DialogUser user(kMessageTitle, confirm);
   EXPECT_EQ(task->Start(), kNoEncoder);

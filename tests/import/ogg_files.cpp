@@ -70,7 +70,6 @@ Decoded DecodeWithLibrary(const std::filesystem::path& path) {
     int link = 0;
     const long bytes =
         ov_read(&file, reinterpret_cast<char*>(buffer.data()), 32768, 0, 2, 1, &link);
-    if (bytes == OV_HOLE) continue;
     if (bytes <= 0) break;
     if (link != last_link) {
       const vorbis_info* info = ov_info(&file, link);

@@ -193,15 +193,19 @@ TEST_F(OggImport, RunsOnceAfterEachInitialize) {
   EXPECT_EQ(writer_->samples.size(), mono_samples);
 }
 
-TEST_F(OggImport, AFailedInitializeLeavesTheFilterAsItWas) {
+TEST_F(OggImport, AFailedInitializeTakesNameAndWriterAndHasNothingToStart) {
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
+  EXPECT_EQ(filter_->Initialize(Bstr(DataFile("mono.ogg").wstring()), nullptr), E_POINTER);
+  EXPECT_EQ(SourceSampleCount(), 44100);
   const auto other = MakeObject<RecordingWriter>();
   EXPECT_EQ(filter_->Initialize(Bstr(L"no such file"), other.Get()), E_FAIL);
-  EXPECT_EQ(filter_->Initialize(Bstr(DataFile("mono.ogg").wstring()), nullptr), E_POINTER);
-  EXPECT_EQ(ReferenceCount(other.Get()), 1U);
-  EXPECT_EQ(SourceSampleCount(), 44100);
-  StartAndWait();
-  EXPECT_EQ(writer_->samples.size(), 88200U);
+  EXPECT_EQ(ReferenceCount(other.Get()), 2U);
+  EXPECT_EQ(ReferenceCount(writer_.Get()), 1U);
+  Bstr name;
+  EXPECT_EQ(task_->GetName(name.Receive()), S_OK);
+  EXPECT_EQ(name.str(), L"Loading no such file");
+  EXPECT_EQ(task_->Start(), E_FAIL);
+  EXPECT_EQ(SourceSampleCount(), 0);
 }
 
 TEST_F(OggImport, HasNoProgressWithoutSamples) {

