@@ -44,6 +44,13 @@ part_hosts() {
     "$root/scripts/wine-run" "$abuse/abuse_concurrent_hosts_tests.exe"
 }
 
+# A thousand times loaded, used and unloaded.
+part_loads() {
+  compile x64 Tessaly abuse_process_end_tests
+  TESSALY_LOAD_CYCLES=1000 under_wine "1,000 cycles of load, use and unload" "$root/scripts/wine-run" \
+    "$abuse/abuse_process_end_tests.exe" --gtest_filter='Module.*'
+}
+
 # WAV files around 4 GiB, one after the other in the temporary folder.
 part_large() {
   compile x64 Tessaly abuse_large_export_tests
@@ -88,6 +95,7 @@ parts="
   fuzz            part_fuzz
   ogg             part_ogg
   hosts           part_hosts
+  loads           part_loads
   large           part_large
   trap            part_trap
   memory          part_memory

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <iostream>
+#include <thread>
+#include <vector>
 
 #include "tests/core/expected_contracts.h"
 #include "tests/support/com_client.h"
@@ -226,6 +228,28 @@ TEST(EveryClass, IsAggregatedByItsIUnknownOnly) {
     EXPECT_EQ(offered.factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
     EXPECT_EQ(outer.references, 1U);
   });
+}
+
+TEST(EveryClass, LosesNoCountOfEightThreadsThatHoldAndReleaseAtOnce) {
+  constexpr int kThreads = 8;
+  constexpr int kTimes = 125'000;
+  for (const ExpectedClass& expected : ExpectedClasses()) {
+    ComPtr<IUnknown> object;
+    const auto factory = FactoryOf(expected.clsid);
+    if (!factory) continue;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown,
+                                      reinterpret_cast<void**>(object.GetAddressOf())),
+              S_OK);
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([face = object.Get()] {
+        for (int i = 0; i < kTimes; ++i) face->AddRef();
+        for (int i = 0; i < kTimes; ++i) face->Release();
+      });
+    }
+    threads.clear();
+    EXPECT_EQ(ReferenceCount(object.Get()), 1U) << expected.name;
+  }
 }
 
 TEST(EveryClass, HoldsTheModuleWhileAnObjectLives) {
