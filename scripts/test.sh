@@ -52,8 +52,8 @@ suite() {
     return
   fi
   {
-    grep -E '\[  FAILED  \]|Failure|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$log" |
-      sort -u | head -n 40
+    grep -E '\[  FAILED  \]|Failure|exception|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$log" |
+      awk "!seen[\$0]++" | head -n 40
     tail -n 15 "$log"
     echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$name.log"
     echo "  again: ctest --preset $preset -R NAME, for each of those that failed"

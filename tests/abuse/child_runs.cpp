@@ -7,12 +7,22 @@
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 #include "core/handle.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
 namespace {
+
+constexpr int kMostStartAttempts = 5;
+constexpr DWORD kStartPause = 1000;
+
+// GoogleTest shows the text of a standard exception, and nothing of another one.
+[[noreturn]] void FailToPrepare(const std::string& what) {
+  throw std::runtime_error(what + ": " + Hex(LastErrorResult()));
+}
 
 std::wstring Widen(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -58,9 +68,9 @@ int RunChild(int argc, char** argv,
 SharedReport::SharedReport(const std::wstring& name)
     : mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Report),
                                   name.c_str())) {
-  if (mapping_ == nullptr) throw HResultError(LastErrorResult());
+  if (mapping_ == nullptr) FailToPrepare("the memory shared with a child cannot be had");
   report_ = static_cast<Report*>(MapViewOfFile(mapping_, FILE_MAP_WRITE, 0, 0, sizeof(Report)));
-  if (report_ == nullptr) throw HResultError(LastErrorResult());
+  if (report_ == nullptr) FailToPrepare("the memory shared with a child cannot be seen");
 }
 
 SharedReport::~SharedReport() {
@@ -87,9 +97,13 @@ HANDLE StartThisProgram(const std::wstring& arguments) {
   STARTUPINFOW startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process = {};
-  if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                     &startup, &process) == FALSE) {
-    throw HResultError(LastErrorResult());
+  // A system short of processes refuses one for a moment. No test is about that.
+  for (int attempt = 1; CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                                       nullptr, &startup, &process) == FALSE;
+       ++attempt) {
+    if (attempt == kMostStartAttempts) FailToPrepare("a child cannot be started");
+    std::fprintf(stderr, "a child was not started: %s\n", Hex(LastErrorResult()).c_str());
+    Sleep(kStartPause);
   }
   CloseHandle(process.hThread);
   return process.hProcess;
