@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -138,6 +139,10 @@ std::string Hex(HRESULT hr) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(hr));
   return text;
+}
+
+DWORD TimeLimit(DWORD stated, DWORD busy) {
+  return std::getenv("TESSALY_STRICT_TIMES") != nullptr ? stated : busy;
 }
 
 int AbuseMain(int argc, char** argv,

@@ -60,6 +60,10 @@ HANDLE StartThisProgram(const std::wstring& arguments);
 
 std::string Hex(HRESULT hr);
 
+// The longest that something may take: `busy` milliseconds, for tests run on whatever else a
+// machine does, or the `stated` ones when TESSALY_STRICT_TIMES is set, on a quiet one.
+DWORD TimeLimit(DWORD stated, DWORD busy);
+
 // The main function of a program whose children run `in_child` and whose parent runs the tests,
 // after `before_tests`. Both have the module loaded.
 int AbuseMain(int argc, char** argv,

@@ -1,17 +1,24 @@
-// Eight threads, each a host of its own, edit, read, write, import, export, scrub and cancel at
-// random, and share the objects that may be shared: nothing crashes, nothing waits without end, and
-// every object gets all its references back. TESSALY_CONCURRENT_SECONDS names another time.
+// Eight threads, each a host of its own, edit, read, write, import, export, connect, cancel and
+// scrub at random, play and record, let last references go in the middle of
+// all that, and share the objects that may be shared: nothing crashes, nothing waits without end,
+// and every object gets all its references back. TESSALY_CONCURRENT_SECONDS names another time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <map>
+#include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "core/handle.h"
 #include "tests/abuse/child_runs.h"
 #include "tests/abuse/contract_model.h"
 #include "tests/support/com_client.h"
+#include "tests/support/ramp_source.h"
 #include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
@@ -37,38 +44,21 @@ class Host {
         report_(report) {}
 
   void Step() {
-    const int what = Draw(8);
+    const auto& [name, step] = kSteps[static_cast<std::size_t>(Draw(kSteps.size()))];
     const ULONGLONG begun = GetTickCount64();
-    switch (what) {
-      case 0:
-        EditAndRead();
-        break;
-      case 1:
-        WriteAndReadBack();
-        break;
-      case 2:
-        Import();
-        break;
-      case 3:
-        Export();
-        break;
-      case 4:
-        Scrub();
-        break;
-      default:
-        UseShared();
-    }
+    (this->*step)();
     const ULONGLONG took = GetTickCount64() - begun;
     if (took > kLongestCall) {
-      report_.Fail("step " + std::to_string(what) + " took " + std::to_string(took) + " ms");
+      report_.Fail(std::string(name) + " took " + std::to_string(took) + " ms");
     }
-    ++steps;
+    ++steps[name];
   }
 
-  long long steps = 0;
+  std::map<std::string, long long> steps;
 
  private:
-  int Draw(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
+  int Draw(std::size_t below) { return static_cast<int>(random_() % below); }
+  bool Sometimes() { return Draw(2) == 0; }
 
   ComPtr<IAudioPool> FilledPool(SHORT bits) {
     auto pool = Create<IAudioPool>(CLSID_CAudioPool);
@@ -102,7 +92,7 @@ class Host {
 
   void WriteAndReadBack() {
     ComPtr<IAudioReader> take;
-    Check(FilledPool(Draw(2) == 0 ? SHORT{32} : SHORT{24})->CreateLastReader(take.GetAddressOf()));
+    Check(FilledPool(Sometimes() ? SHORT{32} : SHORT{24})->CreateLastReader(take.GetAddressOf()));
     const Floats block(4096);
     Check(take->ReadAudio(0, block));
     if (block[0] != kLevel || block[4095] != kLevel) report_.Fail("a pool gave other samples");
@@ -149,7 +139,87 @@ class Host {
     auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
     Check(scrubber->Start(writer.Get(), 100, 44100, 2));
     Check(scrubber->WriteBlock(Floats(200, kLevel)));
-    if (Draw(2) == 0) Check(scrubber->Stop());
+    if (Sometimes()) Check(scrubber->Stop());
+  }
+
+  // The task holds the only references to what it reads and to itself when the read returns.
+  void ReleaseInTheMiddleOfARead() {
+    auto source = RampSource::Make('A');
+    auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+    Check(filter->Initialize(Bstr(target_), source.Get()));
+    auto task = As<ICoreTask>(filter);
+    const KernelHandle reading(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    const KernelHandle released(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    source->on_read = [&, first = true](SAFEARRAY*) mutable {
+      if (!std::exchange(first, false)) return;
+      SetEvent(reading.get());
+      WaitForSingleObject(released.get(), INFINITE);
+    };
+    Check(task->Start());
+    WaitForSingleObject(reading.get(), INFINITE);
+    filter.Reset();
+    // The last release waits for the thread that reads, so that the read must end.
+    std::thread last([&] { task.Reset(); });
+    SetEvent(released.get());
+    last.join();
+  }
+
+  // From one file to another without a pool.
+  void Connect() {
+    auto from = Create<IImportFilter>(CLSID_COggImport);
+    auto to = Create<IExportFilter>(CLSID_CWavExportFilter);
+    auto connector = Create<IAudioConnector>(CLSID_CAudioConnector);
+    Check(connector->SetupImportToExport(from.Get(), to.Get(), 44100, 2));
+    Check(from->Initialize(Bstr(TESSALY_SAMPLE_OGG), As<IAudioWriter>(connector).Get()));
+    Check(to->Initialize(Bstr(target_), As<IAudioReader>(connector).Get()));
+    const auto task = As<ICoreTask>(connector);
+    // A connector answers E_NOTIMPL, whatever it did.
+    task->Start();
+    if (Sometimes()) {
+      task->Cancel();
+    } else if (!WaitForTask(task.Get(), 10)) {
+      report_.Fail("a connection does not end");
+    }
+  }
+
+  void Play() {
+    ComPtr<IAudioReader> take;
+    Check(FilledPool(16)->CreateLastReader(take.GetAddressOf()));
+    auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+    Check(document->AppendSegment(take.Get(), 0, 2048));
+    Check(document->Play(0, 2048, 3, VARIANT_TRUE));
+    VARIANT_BOOL playing = VARIANT_FALSE;
+    __int64 position = 0;
+    for (int i = Draw(20); i > 0; --i) {
+      Check(document->GetPlayStatus(&playing, &position));
+      Check(document->ModifyPlaySection(Draw(100), 1000 + Draw(1000)));
+      float left = 0;
+      float right = 0;
+      Check(shared_.playback->GetOutputLevel(0, &left));
+      Check(shared_.playback->GetOutputLevel(1, &right));
+      Sleep(static_cast<DWORD>(Draw(5)));
+    }
+    // Otherwise the last release stops it.
+    if (Sometimes()) Check(document->StopPlay());
+  }
+
+  void Record() {
+    const auto recorder = As<IAudioReader>(Create<IAudioGrabber>(CLSID_CAudioGrabber));
+    Check(recorder->OpenDevice());
+    // Otherwise it is closed before it has collected a buffer.
+    if (Sometimes()) Check(recorder->ReadAudio(0, Floats(200)));
+    if (Sometimes()) Check(recorder->CloseDevice());
+  }
+
+  void ScrubADocument() {
+    ComPtr<IAudioReader> take;
+    Check(FilledPool(32)->CreateLastReader(take.GetAddressOf()));
+    auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+    Check(document->AppendSegment(take.Get(), 0, 2048));
+    const auto scrub = As<IScrubSupport>(document);
+    Check(scrub->StartScrub());
+    for (int i = Draw(5); i > 0; --i) Check(scrub->SetScrubPosition(Draw(2048)));
+    if (Sometimes()) Check(scrub->StopScrub());
   }
 
   void UseShared() {
@@ -173,10 +243,30 @@ class Host {
     }
   }
 
+  struct NamedStep {
+    const char* name;
+    void (Host::*step)();
+  };
+  static const std::vector<NamedStep> kSteps;
+
   std::mt19937 random_;
   const Shared& shared_;
   const std::wstring target_;
   const SharedReport& report_;
+};
+
+const std::vector<Host::NamedStep> Host::kSteps = {
+    {"edit", &Host::EditAndRead},
+    {"write and read", &Host::WriteAndReadBack},
+    {"import", &Host::Import},
+    {"export", &Host::Export},
+    {"connect", &Host::Connect},
+    {"play", &Host::Play},
+    {"record", &Host::Record},
+    {"scrub", &Host::Scrub},
+    {"scrub a document", &Host::ScrubADocument},
+    {"last release in a read", &Host::ReleaseInTheMiddleOfARead},
+    {"use what is shared", &Host::UseShared},
 };
 
 // An apartment with the module's classes, so that what creates others finds them.
@@ -230,7 +320,8 @@ void RunCases(const ChildTask& task, SharedReport& report) {
   const ULONG before[] = {ReferenceCount(shared.document.Get()),
                           ReferenceCount(shared.playback.Get())};
   Check(shared.endless_export->Start());
-  std::atomic<long long> steps = 0;
+  std::map<std::string, long long> steps;
+  std::mutex steps_mutex;
   std::vector<std::thread> threads;
   for (int number = 0; number < kThreads; ++number) {
     threads.emplace_back([&, number] {
@@ -241,7 +332,8 @@ void RunCases(const ChildTask& task, SharedReport& report) {
           host.Step();
           report.Count();
         }
-        steps += host.steps;
+        const std::lock_guard lock(steps_mutex);
+        for (const auto& [name, count] : host.steps) steps[name] += count;
       } catch (const HResultError& error) {
         report.Fail("a legal call gave " + Hex(error.code()));
       }
@@ -255,13 +347,13 @@ void RunCases(const ChildTask& task, SharedReport& report) {
   shared = {};
   ModuleUnderTest::Revoke();
   if (ModuleUnderTest::CanUnloadNow() != S_OK) report.Fail("objects are left");
-  std::printf("%lld steps\n", steps.load());
+  for (const auto& [name, count] : steps) std::printf("%s: %lld\n", name.c_str(), count);
 }
 
 TEST(ConcurrentHosts, GetInNobodysWay) {
   const char* const named = std::getenv("TESSALY_CONCURRENT_SECONDS");
   const TemporaryFolder folder;
-  const Outcome outcome = RunInChildren(named != nullptr ? named : "8", {folder.path()}, 30, 0);
+  const Outcome outcome = RunInChildren(named != nullptr ? named : "60", {folder.path()}, 30, 0);
   for (const std::string& failure : outcome.failures) ADD_FAILURE() << failure;
   EXPECT_GT(outcome.calls, 100);
 }

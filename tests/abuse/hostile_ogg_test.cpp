@@ -18,9 +18,8 @@ namespace marlinda::testing {
 namespace {
 
 constexpr char kFiles[] = "500";
-// Six times what a quiet machine is held to by hand.
-constexpr ULONGLONG kLongestImport = 30000;
-constexpr ULONGLONG kLongestCancel = 1800;
+const DWORD kLongestImport = TimeLimit(5000, 30000);
+const DWORD kLongestCancel = TimeLimit(300, 1800);
 
 std::vector<OggBytes> Seeds() {
   std::vector<std::filesystem::path> paths;

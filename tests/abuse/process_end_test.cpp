@@ -24,8 +24,7 @@
 namespace marlinda::testing {
 namespace {
 
-// Five times what a quiet machine is held to by hand.
-constexpr DWORD kLongestEnd = 10000;
+const DWORD kLongestEnd = TimeLimit(2000, 10000);
 // Of loading and unloading, unless TESSALY_LOAD_CYCLES names another number.
 constexpr int kCycles = 100;
 
