@@ -158,6 +158,7 @@ int AbuseMain(int argc, char** argv,
       ::testing::InitGoogleTest(&argc, argv);
       before_tests();
       result = RUN_ALL_TESTS();
+      if (!ModuleUnderTest::RevokeAndSeeUnused()) result = 1;
     }
   } catch (const HResultError& error) {
     std::fprintf(stderr, "%s\n", Hex(error.code()).c_str());

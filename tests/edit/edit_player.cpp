@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "failed: 0x%08lX\n", static_cast<unsigned long>(error.code()));
     status = 1;
   }
-  marlinda::testing::ModuleUnderTest::Revoke();
+  if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) status = 1;
   CoUninitialize();
   return status;
 }

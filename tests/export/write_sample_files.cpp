@@ -100,7 +100,7 @@ int main() {
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
   }
-  ModuleUnderTest::Revoke();
+  if (!ModuleUnderTest::RevokeAndSeeUnused()) result = 1;
   CoUninitialize();
   return result;
 }

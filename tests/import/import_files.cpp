@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   std::vector<std::filesystem::path> files;
   for (const auto& entry : std::filesystem::directory_iterator(argv[1])) files.push_back(entry);
   for (const auto& file : files) ImportFile(file);
-  ModuleUnderTest::Revoke();
+  const bool unused = ModuleUnderTest::RevokeAndSeeUnused();
   CoUninitialize();
-  return 0;
+  return unused ? 0 : 1;
 }

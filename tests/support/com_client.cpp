@@ -56,6 +56,15 @@ void ModuleUnderTest::Revoke() {
   registrations.clear();
 }
 
+bool ModuleUnderTest::RevokeAndSeeUnused() {
+  Revoke();
+  // A thread that has let go of its object may be on its way out.
+  for (int tick = 0; tick < 500 && CanUnloadNow() != S_OK; ++tick) Sleep(10);
+  const bool unused = CanUnloadNow() == S_OK;
+  if (!unused) std::fprintf(stderr, "objects or threads of the module are left at the end\n");
+  return unused;
+}
+
 HMODULE ModuleUnderTest::Handle() { return module_handle; }
 
 std::wstring ModuleUnderTest::Path() {

@@ -12,10 +12,10 @@ int main(int argc, char** argv) {
   try {
     marlinda::testing::ModuleUnderTest::Load();
     result = RUN_ALL_TESTS();
+    if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) result = 1;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
   }
-  marlinda::testing::ModuleUnderTest::Revoke();
   CoUninitialize();
   return result;
 }
