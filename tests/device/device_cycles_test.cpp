@@ -2,9 +2,16 @@
 // another number of cycles, for a soak.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <iostream>
+#include <iterator>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "core/handle.h"
 #include "tests/support/com_client.h"
@@ -21,14 +28,33 @@ int Cycles(int usual) {
 // The system makes a handle for some of its locks when two threads first meet there, whenever that
 // is. A leak in no more than every third cycle is many times as much.
 constexpr unsigned kLateHandles = 8;
+// What the heap grows by when more threads than ever before are in it at once.
+constexpr std::size_t kLateBytes = 1 << 20;
+
+std::ptrdiff_t CountTemporaryFiles() {
+  return std::distance(std::filesystem::directory_iterator(std::filesystem::temp_directory_path()),
+                       std::filesystem::directory_iterator());
+}
 
 struct Counts {
   unsigned threads = CountThreads();
   unsigned handles = CountHandles();
+  DWORD gdi_objects = GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS);
+  DWORD user_objects = GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS);
+  std::ptrdiff_t files = CountTemporaryFiles();
+  std::size_t bytes = CountPrivateBytes();
   bool Within(const Counts& other) const {
-    return threads <= other.threads && handles <= other.handles + kLateHandles;
+    return threads <= other.threads && handles <= other.handles + kLateHandles &&
+           gdi_objects <= other.gdi_objects && user_objects <= other.user_objects &&
+           files <= other.files && bytes <= other.bytes + kLateBytes;
   }
 };
+
+std::ostream& operator<<(std::ostream& out, const Counts& counts) {
+  return out << counts.threads << " threads, " << counts.handles << " handles, "
+             << counts.gdi_objects << " GDI and " << counts.user_objects << " USER objects, "
+             << counts.files << " files, " << counts.bytes << " bytes";
+}
 
 // A thread that has ended may stay in the system's list for a moment.
 Counts SettledCounts(const Counts& before) {
@@ -42,12 +68,12 @@ Counts SettledCounts(const Counts& before) {
 
 void ExpectNothingLeft(int cycles, const std::function<void(int)>& cycle) {
   // The system's own threads and handles for the devices come with the first use, and stay.
-  for (int i = 0; i < 10; ++i) cycle(i);
+  for (int i = 0; i < std::clamp(cycles / 20, 10, 100); ++i) cycle(i);
   const Counts before;
   for (int i = 0; i < cycles && !::testing::Test::HasFailure(); ++i) cycle(i);
   const Counts after = SettledCounts(before);
-  EXPECT_LE(after.threads, before.threads);
-  EXPECT_LE(after.handles, before.handles + kLateHandles);
+  EXPECT_TRUE(after.Within(before)) << before << " became " << after;
+  std::cout << cycles << " cycles: " << before << "; then " << after << std::endl;
 }
 
 ComPtr<IAudioWriter> StereoSpeaker() {
@@ -57,8 +83,11 @@ ComPtr<IAudioWriter> StereoSpeaker() {
   return As<IAudioWriter>(playback);
 }
 
-// Holds a hundred handles and twenty threads more while it looks.
+// Holds a hundred handles, twenty threads, a file and twice the memory that may come late while it
+// looks.
 Counts CountsWhileHoldingMore() {
+  const TemporaryFolder folder;
+  const std::unique_ptr<void, decltype(&std::free)> memory(std::malloc(2 * kLateBytes), std::free);
   std::vector<KernelHandle> events;
   for (int i = 0; i < 100; ++i) events.emplace_back(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   std::vector<std::thread> waiting;
@@ -77,6 +106,8 @@ TEST(Cycles, CountsSeeWhatIsHeldAndThatItIsGone) {
   const Counts during = CountsWhileHoldingMore();
   EXPECT_GE(during.threads, before.threads + 20);
   EXPECT_GE(during.handles, before.handles + 100);
+  EXPECT_EQ(during.files, before.files + 1);
+  EXPECT_GT(during.bytes, before.bytes + kLateBytes);
   EXPECT_TRUE(SettledCounts(before).Within(before));
 }
 

@@ -23,7 +23,8 @@ class ModuleUnderTest {
   // Takes the classes back. The module stays loaded.
   static void Revoke();
   // Takes the classes back and says whether nothing else of the module is in use: at the end of a
-  // program an object that is left, or a thread of the module's, is a fault. Complains when there is.
+  // program an object that is left, or a thread of the module's, is a fault. Complains when there
+  // is.
   static bool RevokeAndSeeUnused();
 
   static HMODULE Handle();
