@@ -111,10 +111,9 @@ HANDLE StartThisProgram(const std::wstring& arguments) {
 }
 
 Outcome RunInChildren(const std::string& name, const std::vector<std::wstring>& arguments,
-                      DWORD hang_seconds, int most_restarts) {
+                      DWORD hang_seconds, int most_restarts, LONG64 first) {
   static std::atomic<int> counter = 0;
   Outcome outcome;
-  LONG64 first = 0;
   for (int run = 0; run <= most_restarts; ++run) {
     const std::wstring mapping = L"tessaly-abuse-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
                                  std::to_wstring(++counter);

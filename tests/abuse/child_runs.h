@@ -53,7 +53,7 @@ struct Outcome {
 // Children one after the other, each going on after the case that ended the one before. One that
 // does not count for `hang_seconds` hangs.
 Outcome RunInChildren(const std::string& name, const std::vector<std::wstring>& arguments,
-                      DWORD hang_seconds = 60, int most_restarts = 12);
+                      DWORD hang_seconds = 60, int most_restarts = 12, LONG64 first = 0);
 
 // Starts this program again with the given arguments. The handle is the caller's.
 HANDLE StartThisProgram(const std::wstring& arguments);

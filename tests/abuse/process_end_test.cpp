@@ -1,6 +1,8 @@
 // A host that ends without releasing anything, in every state and by every way out, is gone at once
-// and without a crash, and leaves no temporary file; and one that loads, uses and unloads the
-// module over and over ends where it began.
+// and without a crash, and leaves no temporary file; hosts at once never share one, nor write to
+// one that was planted; and a host that loads, uses and unloads the module over and over ends where
+// it began.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 // After windows.h.
@@ -9,7 +11,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cwchar>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <thread>
 #include <vector>
@@ -109,8 +113,35 @@ void BringInto(const std::string& state, const std::wstring& folder) {
   }
 }
 
+constexpr char kPools[] = "pools";
+
+// Many pools at once, each with samples of its own.
+void FillPools(LONG64 host, const SharedReport& report) {
+  constexpr int kPoolCount = 100;
+  const auto level = [host](int number) { return static_cast<float>(1000 * host + number); };
+  std::vector<ComPtr<IAudioPool>> pools;
+  for (int number = 0; number < kPoolCount; ++number) {
+    pools.push_back(Create<IAudioPool>(CLSID_CAudioPool));
+    const auto writer = As<IAudioWriter>(pools.back());
+    Check(writer->SetFormat(44100, 1));
+    Check(writer->OpenDevice());
+    Check(writer->WriteAudio(Floats(1000, level(number))));
+    Check(writer->CloseDevice());
+  }
+  for (int number = 0; number < kPoolCount; ++number) {
+    report.Count();
+    ComPtr<IAudioReader> take;
+    Check(pools[static_cast<std::size_t>(number)]->CreateLastReader(take.GetAddressOf()));
+    const Floats block(1000);
+    Check(take->ReadAudio(0, block));
+    if (block.ToVector() != std::vector<float>(1000, level(number)))
+      report.Fail("another's samples");
+  }
+}
+
 // The name is the way out; the argument after the folder the state.
 void RunCases(const ChildTask& task, SharedReport& report) {
+  if (task.name == kPools) return FillPools(task.first, report);
   const std::wstring& wide = task.arguments.at(1);
   report.Begin(0, "setting up");
   BringInto(std::string(wide.begin(), wide.end()), task.arguments.at(0));
@@ -119,6 +150,21 @@ void RunCases(const ChildTask& task, SharedReport& report) {
   if (task.name == "TerminateProcess") TerminateProcess(GetCurrentProcess(), 9);
 }
 
+// The folder in which this process and those that it starts make their temporary files.
+class TemporaryFilesIn {
+ public:
+  explicit TemporaryFilesIn(const TemporaryFolder& folder) {
+    GetEnvironmentVariableW(L"TMP", usual_, MAX_PATH);
+    SetEnvironmentVariableW(L"TMP", folder.path().c_str());
+  }
+  TemporaryFilesIn(const TemporaryFilesIn&) = delete;
+  TemporaryFilesIn& operator=(const TemporaryFilesIn&) = delete;
+  ~TemporaryFilesIn() { SetEnvironmentVariableW(L"TMP", usual_); }
+
+ private:
+  wchar_t usual_[MAX_PATH] = {};
+};
+
 void ExpectGoneAtOnce(const std::string& state) {
   const std::map<std::string, DWORD> kWays = {
       {"return", 0}, {"ExitProcess", 7}, {"TerminateProcess", 9}};
@@ -126,17 +172,13 @@ void ExpectGoneAtOnce(const std::string& state) {
   for (const auto& [way, expected] : kWays) {
     SCOPED_TRACE(state + ", " + way);
     const TemporaryFolder folder;
-    // Where the child's pools put their files.
-    wchar_t usual[MAX_PATH] = {};
-    ASSERT_GT(GetEnvironmentVariableW(L"TMP", usual, MAX_PATH), 0U);
-    ASSERT_TRUE(SetEnvironmentVariableW(L"TMP", folder.path().c_str()));
+    const TemporaryFilesIn place(folder);
     const std::wstring mapping = L"tessaly-end-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
                                  std::to_wstring(++counter);
     const SharedReport report(mapping);
     const KernelHandle child(StartThisProgram(L"--child " + std::wstring(way.begin(), way.end()) +
                                               L" 0 " + mapping + L" \"" + folder.path() + L"\" \"" +
                                               std::wstring(state.begin(), state.end()) + L"\""));
-    ASSERT_TRUE(SetEnvironmentVariableW(L"TMP", usual));
     for (int i = 0; i < 600 && report->finished == 0; ++i) {
       if (WaitForSingleObject(child.get(), 100) == WAIT_OBJECT_0) break;
     }
@@ -165,6 +207,68 @@ TEST(ProcessEnd, IsImmediateWhileTasksRunAndFilesOrDialogsAreOpen) {
 TEST(ProcessEnd, IsImmediateWhileDevicesRun) {
   if (waveOutGetNumDevs() == 0 || waveInGetNumDevs() == 0) GTEST_SKIP() << "no sound devices";
   for (const char* state : {"playing", "recording"}) ExpectGoneAtOnce(state);
+}
+
+TEST(TemporaryFiles, AreNeverSharedByHostsAtOnce) {
+  const TemporaryFolder folder;
+  const TemporaryFilesIn place(folder);
+  std::vector<std::thread> hosts;
+  std::vector<Outcome> outcomes(3);
+  for (std::size_t host = 0; host < outcomes.size(); ++host) {
+    hosts.emplace_back([&, host] {
+      outcomes[host] = RunInChildren(kPools, {}, 60, 0, static_cast<LONG64>(host) + 1);
+    });
+  }
+  for (std::thread& host : hosts) host.join();
+  for (const Outcome& outcome : outcomes) {
+    EXPECT_THAT(outcome.failures, ::testing::IsEmpty());
+    EXPECT_EQ(outcome.calls, 100);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+}
+
+std::wstring TemporaryName(const wchar_t* prefix, DWORD number) {
+  wchar_t name[16];
+  swprintf(name, std::size(name), L"%ls%x.tmp", prefix, static_cast<unsigned>(number & 0xFFFF));
+  return name;
+}
+
+// The system numbers temporary files by its clock, and goes on from a name that is taken. Names are
+// planted for a while that is to come; whether the pool was made in it shows in the number it got.
+TEST(TemporaryFiles, SpareAFileThatWasPlantedUnderTheirName) {
+  constexpr DWORD kPlanted = 100;
+  constexpr DWORD kAhead = 500;
+  const std::vector<unsigned char> text = {'d', 'e', 'a', 'r'};
+  bool met = false;
+  for (int round = 0; round < 100 && !met; ++round) {
+    const TemporaryFolder folder;
+    const TemporaryFilesIn place(folder);
+    const std::wstring victim = folder.File(L"victim");
+    WriteFileBytes(victim, text);
+    const DWORD begun = GetTickCount();
+    const DWORD first = begun + kAhead;
+    for (DWORD i = 0; i < kPlanted; ++i) {
+      for (const wchar_t* prefix : {L"aud", L"pea"}) {
+        const std::wstring path = folder.File(TemporaryName(prefix, first + i));
+        ASSERT_TRUE(CreateHardLinkW(path.c_str(), victim.c_str(), nullptr));
+      }
+    }
+    while (GetTickCount() - begun < kAhead) Sleep(1);
+    {
+      const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+      met = std::filesystem::exists(folder.File(TemporaryName(L"aud", first + kPlanted))) &&
+            std::filesystem::exists(folder.File(TemporaryName(L"pea", first + kPlanted)));
+      const auto writer = As<IAudioWriter>(pool);
+      EXPECT_EQ(writer->SetFormat(44100, 2), S_OK);
+      EXPECT_EQ(writer->OpenDevice(), S_OK);
+      EXPECT_EQ(writer->WriteAudio(Floats(2000)), S_OK);
+      EXPECT_EQ(writer->CloseDevice(), S_OK);
+    }
+    EXPECT_EQ(ReadFileBytes(victim), text);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}),
+              2 * kPlanted + 1);
+  }
+  EXPECT_TRUE(met);
 }
 
 // The slots for thread data that the process has left.
