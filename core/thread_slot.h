@@ -16,7 +16,7 @@ class ThreadSlot {
 
 #ifdef _WIN32
   static T* Get() noexcept { return static_cast<T*>(TlsGetValue(index_.value)); }
-  // False, and nothing changed, when there is no memory for it; never so for null.
+  // False, and nothing changed, when the system has no memory for it.
   static bool Set(T* current) noexcept {
     return TlsSetValue(index_.value, const_cast<void*>(static_cast<const void*>(current))) != FALSE;
   }
