@@ -55,8 +55,9 @@ void* marlinda_codec_malloc(std::size_t size) {
 }
 
 void* marlinda_codec_calloc(std::size_t count, std::size_t size) {
-  if (size != 0 && count > std::numeric_limits<std::size_t>::max() / size) throw std::bad_alloc();
-  return std::memset(marlinda::CodecMemory::Resize(nullptr, count * size), 0, count * size);
+  constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max();
+  const std::size_t all = size != 0 && count > kTooMuch / size ? kTooMuch : count * size;
+  return std::memset(marlinda::CodecMemory::Resize(nullptr, all), 0, all);
 }
 
 void* marlinda_codec_realloc(void* contents, std::size_t size) {
