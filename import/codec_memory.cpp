@@ -16,7 +16,11 @@ CodecMemory::Use::Use(CodecMemory& memory) : outer_(ThreadSlot<CodecMemory>::Get
 CodecMemory::Use::~Use() { ThreadSlot<CodecMemory>::Set(outer_); }
 
 CodecMemory::~CodecMemory() {
-  while (blocks_.next != &blocks_) Free(blocks_.next + 1);
+  for (Block* block = blocks_.next; block != &blocks_;) {
+    Block* const next = block->next;
+    std::free(block);
+    block = next;
+  }
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
