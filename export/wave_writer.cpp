@@ -6,6 +6,7 @@
 
 #include "core/sample_array.h"
 #include "core/text.h"
+#include "core/thread_slot.h"
 #include "export/file_sink.h"
 #include "export/wav_layout.h"
 #include "export/wav_sample_writer.h"
@@ -23,10 +24,10 @@ enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQue
 class Passage {
  public:
   Passage(const CWaveWriter* writer, WriterCall call) noexcept
-      : writer_(writer), call_(call), outer_(innermost) {
-    innermost = this;
+      : writer_(writer), call_(call), outer_(Innermost::Get()) {
+    Innermost::Set(this);
   }
-  ~Passage() { innermost = outer_; }
+  ~Passage() { Innermost::Set(outer_); }
   Passage(const Passage&) = delete;
   Passage& operator=(const Passage&) = delete;
 
@@ -38,14 +39,12 @@ class Passage {
   }
 
  private:
-  static thread_local const Passage* innermost;
+  using Innermost = ThreadSlot<const Passage>;
 
   const CWaveWriter* const writer_;
   const WriterCall call_;
   const Passage* const outer_;
 };
-
-thread_local const Passage* Passage::innermost = nullptr;
 
 }  // namespace
 

@@ -11,15 +11,6 @@
 #include "import/vorbis_comments.h"
 #include "import/vorbis_stream.h"
 
-// What the codec library loses of damaged files: the list of stream numbers, eight bytes for each,
-// and the headers of a later link of a chain that it gives up on, a few kilobytes. The file bounds
-// both, and the code is not ours.
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:_add_serialno\nleak:_fetch_headers\nleak:vorbis_info_init\n"
-         "leak:vorbis_synthesis_headerin\nleak:vorbis_staticbook_unpack\nleak:vorbis_comment_init\n"
-         "leak:mapping0_unpack\nleak:res0_unpack\nleak:floor0_unpack\nleak:floor1_unpack\n";
-}
-
 namespace {
 
 void Require(bool holds) {

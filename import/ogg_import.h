@@ -46,8 +46,8 @@ class COggImport final
   // run ends after its first block.
   STDMETHODIMP Cancel() override;
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
-  // Never goes back and never exceeds 1. Stays below 1 when a damaged file or a change of format
-  // ended the run early.
+  // Never goes back and never exceeds 1. Stays below 1 when a damaged file, a change of format or a
+  // decoder without memory ended the run early.
   STDMETHODIMP GetProgress(float* pfProgress) override;
   STDMETHODIMP GetName(BSTR* pbstrName) override;
 

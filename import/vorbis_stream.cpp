@@ -6,21 +6,43 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <utility>
 
+#include "import/codec_memory.h"
 #include "import/vorbis_samples.h"
 
 namespace marlinda {
 
 // The decoder's state holds pointers into itself and so must never move.
 struct VorbisStream::Decoder {
+  FilePointer input;
+  CodecMemory memory;
   OggVorbis_File file = {};
+  // Not while a call is under way that may run out of memory, nor after one that did.
+  bool whole = true;
 
-  Decoder() = default;
+  explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
-  // Closes the file as well. Does nothing after a failed opening.
-  ~Decoder() { ov_clear(&file); }
+  // For what may ask for memory.
+  template <class Function>
+  auto Call(Function&& function) {
+    const CodecMemory::Use use(memory);
+    whole = false;
+    const auto result = function(&file);
+    whole = true;
+    return result;
+  }
+
+  // Even clearing takes memory. Does little after a failed opening.
+  ~Decoder() {
+    if (!whole) return;
+    try {
+      Call([](OggVorbis_File* state) { return ov_clear(state); });
+    } catch (const std::bad_alloc&) {
+    }
+  }
 };
 
 namespace {
@@ -34,9 +56,13 @@ bool FitsAFormat(const vorbis_info* info) noexcept {
 }  // namespace
 
 std::unique_ptr<VorbisStream> VorbisStream::Open(FilePointer file) {
-  auto decoder = std::make_unique<Decoder>();
-  if (file == nullptr || ov_open(file.get(), &decoder->file, nullptr, 0) != 0) return nullptr;
-  static_cast<void>(file.release());
+  if (file == nullptr) return nullptr;
+  auto decoder = std::make_unique<Decoder>(std::move(file));
+  std::FILE* const input = decoder->input.get();
+  const auto open = [input](OggVorbis_File* state) { return ov_open(input, state, nullptr, 0); };
+  if (decoder->Call(open) != 0) return nullptr;
+  // Whatever becomes of the state, the file is closed, and once.
+  decoder->file.callbacks.close_func = nullptr;
   if (!FitsAFormat(ov_info(&decoder->file, -1))) return nullptr;
   return std::unique_ptr<VorbisStream>(new VorbisStream(std::move(decoder)));
 }
@@ -57,6 +83,7 @@ VorbisStream::~VorbisStream() = default;
 
 std::vector<std::string_view> VorbisStream::Comments() const {
   std::vector<std::string_view> result;
+  if (!decoder_->whole) return result;
   const vorbis_comment* const comments = ov_comment(&decoder_->file, -1);
   if (comments == nullptr) return result;
   for (int i = 0; i < comments->comments; ++i) {
@@ -66,15 +93,17 @@ std::vector<std::string_view> VorbisStream::Comments() const {
 }
 
 // The floats are what the library's own 16-bit decoding starts from, at the same ends of blocks.
-std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) noexcept {
+std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMostFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);
   const auto room = static_cast<int>(std::min(buffer.size() / channels, kMostFrames));
   OggVorbis_File* const file = &decoder_->file;
   float** planes = nullptr;
-  if (ended_) return 0;
   int link = 0;
-  const long frames = ov_read_float(file, &planes, room, &link);
+  if (ended_) return 0;
+  ended_ = true;
+  const long frames = decoder_->Call(
+      [&](OggVorbis_File* state) { return ov_read_float(state, &planes, room, &link); });
   const vorbis_info* const info = ov_info(file, -1);
   ended_ = frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
            info->channels != channels_;

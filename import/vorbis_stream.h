@@ -20,7 +20,7 @@ using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 class VorbisStream {
  public:
   // Takes the file over, which is open for binary reading. Null, and the file closed, when it is
-  // not an Ogg Vorbis file.
+  // not an Ogg Vorbis file. std::bad_alloc, and the file closed, when there is not enough memory.
   static std::unique_ptr<VorbisStream> Open(FilePointer file);
 
   VorbisStream(const VorbisStream&) = delete;
@@ -40,7 +40,7 @@ class VorbisStream {
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
   // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
-  // its first NUL. They live as long as this object.
+  // its first NUL, until a Read throws. They live as long as this object.
   std::vector<std::string_view> Comments() const;
 
   // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many
@@ -50,7 +50,8 @@ class VorbisStream {
   //   announced stays true of all that is delivered;
   // - at the first error, such as a hole where pages are damaged or missing: what lies behind it
   //   would no longer be in its place.
-  std::size_t Read(std::span<std::int16_t> buffer) noexcept;
+  // std::bad_alloc when the decoder gets no memory; that is the end as well.
+  std::size_t Read(std::span<std::int16_t> buffer);
 
  private:
   struct Decoder;

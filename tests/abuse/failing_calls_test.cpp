@@ -1,18 +1,22 @@
 // Fails the Nth file call of the module, and then the Nth allocation, for every N up to the end of
-// a story in which a host imports, edits and exports two seconds of audio. Whatever fails, no call
-// crashes or hangs, what was stored before stays, and with the fault gone the same objects serve.
+// a story in which a host imports, edits and exports two seconds of audio, and at last the Nth
+// allocation of the codec library while it imports. Whatever fails, no call crashes or hangs, what
+// was stored before stays, and with the fault gone the same objects serve.
 //
-// The calls are caught where the module's table of imported functions names them. Allocations are
-// those of the module's own code: what the codec library allocates for itself it does not look at.
+// The calls are caught where the module's table of imported functions names them. What the
+// compiler's runtime in the module allocates for itself does not fail.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "tests/abuse/child_runs.h"
@@ -28,7 +32,7 @@ using Samples = std::vector<float>;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
-enum class Kind { kNone, kFileCall, kAllocation };
+enum class Kind { kNone, kFileCall, kAllocation, kCodecAllocation };
 
 // --- which call fails
 // ---------------------------------------------------------------------------------
@@ -198,7 +202,7 @@ struct CreateThreadFails : GivesNothing<void> {
   static HANDLE Fail() { return FailWith<HANDLE>(ERROR_NOT_ENOUGH_MEMORY, nullptr); }
 };
 
-// The C heap, of which only what operator new asks for is refused.
+// The C heap, of which only what operator new and the codec library ask for is refused.
 struct Heap {
   static inline void* (*malloc)(std::size_t) = nullptr;
   static inline void* (*calloc)(std::size_t, std::size_t) = nullptr;
@@ -207,6 +211,10 @@ struct Heap {
   // Where operator new calls malloc: learned from an object that the module makes.
   static inline std::atomic<bool> learning = false;
   static inline std::atomic<const void*> operator_new = nullptr;
+  // Where the codec library's requests reach realloc, all at one place: learned from a file that
+  // the module looks into.
+  static inline std::atomic<bool> learning_codec = false;
+  static inline std::atomic<const void*> codec = nullptr;
 
   static void* Malloc(std::size_t size) {
     const void* const caller = __builtin_return_address(0);
@@ -216,6 +224,14 @@ struct Heap {
   }
   static void* Calloc(std::size_t count, std::size_t size) { return Counted(calloc(count, size)); }
   static void* Realloc(void* block, std::size_t size) {
+    const void* const caller = __builtin_return_address(0);
+    if (learning_codec) {
+      if (codec == nullptr) codec = caller;
+      if (codec != caller) std::abort();
+    }
+    if (caller == codec && turn.Comes(Kind::kCodecAllocation, "the codec's realloc")) {
+      return nullptr;
+    }
     return block == nullptr ? Counted(realloc(block, size)) : realloc(block, size);
   }
   static void Free(void* block) {
@@ -231,17 +247,20 @@ struct Heap {
   static void Install(const char* name, Function& real, Function replacement) {
     real = reinterpret_cast<Function>(ReplaceImport(name, reinterpret_cast<void*>(replacement)));
   }
-  static void Install() {
+  static void Install(const std::wstring& sample) {
     Install("malloc", malloc, Malloc);
     Install("calloc", calloc, Calloc);
     Install("realloc", realloc, Realloc);
     Install("free", free, Free);
     learning = true;
     Create<IUnknown>(CLSID_CNullReader);
+    learning_codec = true;
+    if (Create<IImportFilter>(CLSID_COggImport)->QueryCanLoad(Bstr(sample)) != S_OK) std::abort();
+    learning_codec = false;
   }
 };
 
-void InstallStandIns() {
+void InstallStandIns(const std::wstring& sample) {
   StandIn<GetTempFileNameAFails, decltype(GetTempFileNameA)>::Install();
   StandIn<CreateFileAFails, decltype(CreateFileA)>::Install();
   StandIn<WriteFileFails, decltype(WriteFile)>::Install();
@@ -257,7 +276,7 @@ void InstallStandIns() {
   StandIn<SafeArrayRedimFails, decltype(SafeArrayRedim)>::Install();
   StandIn<DescriptorFails, decltype(SafeArrayAllocDescriptorEx)>::Install();
   StandIn<CreateThreadFails, decltype(CreateThread)>::Install();
-  Heap::Install();
+  Heap::Install(sample);
 }
 
 // --- the story
@@ -285,7 +304,11 @@ class Story {
   bool Run(Kind kind, LONG64 n) {
     kind_ = kind;
     turn.Arm(kind, n);
-    Tell();
+    if (kind == Kind::kCodecAllocation) {
+      Decode();
+    } else {
+      Tell();
+    }
     turn.Disarm();
     if (turn.failed() == nullptr && failures_ > 0) report_.Fail("a call failed without a cause");
     GoOn();
@@ -311,9 +334,11 @@ class Story {
     if (SUCCEEDED(hr)) return true;
     ++failures_;
     const bool known =
-        hr == E_FAIL || hr == E_OUTOFMEMORY || hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF) ||
-        (kind_ == Kind::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
-        (kind_ == Kind::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
+        kind_ == Kind::kCodecAllocation
+            ? hr == E_OUTOFMEMORY
+            : hr == E_FAIL || hr == E_OUTOFMEMORY || hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF) ||
+                  (kind_ == Kind::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
+                  (kind_ == Kind::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
     if (!known) report_.Fail(std::string(what) + " gave " + Hex(hr));
     return false;
   }
@@ -357,6 +382,35 @@ class Story {
     const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
     if (!import || !Take(import->Initialize(Bstr(sample_), writer_.Get()), "Initialize")) return;
     Finish(As<ICoreTask>(import).Get());
+  }
+
+  // Everything that the codec library is asked for.
+  void Decode() {
+    const Bstr file(sample_);
+    const auto import = Create<IImportFilter>(CLSID_COggImport);
+    const auto task = As<ICoreTask>(import);
+    Take(import->QueryCanLoad(file), "QueryCanLoad");
+    Take(As<IMetaDataReader>(import)->SetFilename(file), "SetFilename");
+    if (Take(import->Initialize(file, writer_.Get()), "Initialize")) Finish(task.Get());
+    turn.Disarm();
+    const Samples decoded = All(LastReader(pool_.Get()).Get());
+    Require(import->Initialize(file, writer_.Get()), "Initialize once more");
+    Finish(task.Get());
+    const Samples whole = All(LastReader(pool_.Get()).Get());
+    if (whole.size() <= kept_samples_.size()) report_.Fail("the file is not imported afterwards");
+    // Nothing new when it failed before the first block.
+    if (decoded != kept_samples_ &&
+        !std::ranges::equal(decoded,
+                            std::span(whole).first(std::min(decoded.size(), whole.size())))) {
+      report_.Fail("what was decoded before is lost");
+    }
+  }
+  Samples All(IAudioReader* reader) const {
+    __int64 frames = 0;
+    Require(reader->GetSampleCount(&frames), "GetSampleCount");
+    const Floats block(2 * static_cast<std::size_t>(frames));
+    Require(reader->ReadAudio(0, block), "ReadAudio");
+    return block.ToVector();
   }
 
   void Edit(IEditedAudio* document, IAudioReader* source) {
@@ -484,8 +538,10 @@ struct Step {
 
 // The name is the kind of calls; with "+leak" an object is forgotten whenever one fails.
 void RunCases(const ChildTask& task, SharedReport& report) {
-  InstallStandIns();
-  const Kind kind = task.name == "files" ? Kind::kFileCall : Kind::kAllocation;
+  InstallStandIns(task.arguments.at(1));
+  const Kind kind = task.name == "files"   ? Kind::kFileCall
+                    : task.name == "codec" ? Kind::kCodecAllocation
+                                           : Kind::kAllocation;
   const bool leaks = task.name.ends_with("+leak");
   LONG failures = 0;
   const auto run = [&](LONG64 n) {
@@ -550,6 +606,7 @@ void Sweep(const std::string& kind) {
 
 TEST(FailingCalls, OfFilesHarmNothingThatWasStored) { Sweep("files"); }
 TEST(FailingCalls, OfMemoryHarmNothingThatWasStored) { Sweep("memory"); }
+TEST(FailingCalls, OfTheCodecsMemoryHarmNothingThatWasStored) { Sweep("codec"); }
 
 // A detector that cannot fire proves nothing.
 TEST(FailingCallsThemselves, SeeWhatIsForgottenInTheModule) {

@@ -1,0 +1,72 @@
+#include "import/codec_memory.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "core/thread_slot.h"
+
+namespace marlinda {
+
+CodecMemory::Use::Use(CodecMemory& memory) : outer_(ThreadSlot<CodecMemory>::Get()) {
+  if (!ThreadSlot<CodecMemory>::Set(&memory)) throw std::bad_alloc();
+}
+
+CodecMemory::Use::~Use() { ThreadSlot<CodecMemory>::Set(outer_); }
+
+CodecMemory::~CodecMemory() {
+  for (Block* block = blocks_.next; block != &blocks_;) {
+    Block* const next = block->next;
+    std::free(block);
+    block = next;
+  }
+}
+
+void* CodecMemory::Resize(void* contents, std::size_t size) {
+  // What follows two pointers is as aligned as the block itself, where malloc aligns to no more.
+  static_assert(sizeof(Block) == 2 * sizeof(void*));
+  Block* const old = contents != nullptr ? static_cast<Block*>(contents) - 1 : nullptr;
+  const bool alone = old == nullptr || old->next == old;
+  if (size > std::numeric_limits<std::size_t>::max() - sizeof(Block)) throw std::bad_alloc();
+  auto* const block = static_cast<Block*>(std::realloc(old, sizeof(Block) + size));
+  if (block == nullptr) throw std::bad_alloc();
+  if (alone) new (block) Block;
+  if (CodecMemory* const owner = ThreadSlot<CodecMemory>::Get(); old == nullptr && owner) {
+    block->previous = owner->blocks_.previous;
+    block->next = &owner->blocks_;
+  }
+  block->previous->next = block;
+  block->next->previous = block;
+  return block + 1;
+}
+
+void CodecMemory::Free(void* contents) noexcept {
+  if (contents == nullptr) return;
+  Block* const block = static_cast<Block*>(contents) - 1;
+  block->previous->next = block->next;
+  block->next->previous = block->previous;
+  std::free(block);
+}
+
+}  // namespace marlinda
+
+// The names that scripts/build-dependencies gives the library for malloc, calloc, realloc and free.
+extern "C" {
+
+void* marlinda_codec_malloc(std::size_t size) {
+  return marlinda::CodecMemory::Resize(nullptr, size);
+}
+
+void* marlinda_codec_calloc(std::size_t count, std::size_t size) {
+  constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max();
+  const std::size_t all = size != 0 && count > kTooMuch / size ? kTooMuch : count * size;
+  return std::memset(marlinda::CodecMemory::Resize(nullptr, all), 0, all);
+}
+
+void* marlinda_codec_realloc(void* contents, std::size_t size) {
+  return marlinda::CodecMemory::Resize(contents, size);
+}
+
+void marlinda_codec_free(void* contents) { marlinda::CodecMemory::Free(contents); }
+}
