@@ -45,16 +45,16 @@ std::string Utf8ToAnsi(std::string_view text) {
   return ToAnsi(wide);
 }
 
-BSTR ToBstr(std::string_view text) {
+BSTR ToBstr(std::string_view text, UINT code_page) {
   const int length = static_cast<int>(text.size());
   int size = 0;
   if (length > 0) {
-    size = MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), length, nullptr, 0);
+    size = MultiByteToWideChar(code_page, 0, text.data(), length, nullptr, 0);
     if (size <= 0) throw HResultError(LastErrorResult());
   }
   BSTR result = SysAllocStringLen(nullptr, static_cast<UINT>(size));
   if (result == nullptr) throw std::bad_alloc();
-  if (size > 0) MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), length, result, size);
+  if (size > 0) MultiByteToWideChar(code_page, 0, text.data(), length, result, size);
   return result;
 }
 

@@ -18,8 +18,9 @@ std::string ToAnsi(BSTR text);
 // programs wrote such fields in the code page.
 std::string Utf8ToAnsi(std::string_view text);
 
-// ANSI text as a new BSTR that the caller frees. Throws std::bad_alloc.
-BSTR ToBstr(std::string_view text);
+// ANSI text as a new BSTR that the caller frees, in the code page of the thread's locale unless
+// another one is named. Throws std::bad_alloc.
+BSTR ToBstr(std::string_view text, UINT code_page = CP_THREAD_ACP);
 
 // A resource text with every "%s" replaced by `argument`.
 std::string Format(std::string_view pattern, std::string_view argument);

@@ -168,7 +168,7 @@ STDMETHODIMP CEditedAudio::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbs
   return ComCall([&] {
     const std::shared_lock lock(content_->lock);
     const Label& label = RecordAt(content_->annotations.labels, niLabel);
-    *pbstrName = ToBstr(label.name);
+    *pbstrName = ToBstr(label.name, CP_ACP);
     *pnPosition = label.position;
     return S_OK;
   });
@@ -220,7 +220,7 @@ STDMETHODIMP CEditedAudio::GetSectionMarker(LONG niSectionMarker, __int64* pnBeg
   return ComCall([&] {
     const std::shared_lock lock(content_->lock);
     const SectionMarker& marker = RecordAt(content_->annotations.markers, niSectionMarker);
-    *pbstrName = ToBstr(marker.name);
+    *pbstrName = ToBstr(marker.name, CP_ACP);
     *pnBegin = marker.section.begin;
     *pnEnd = marker.section.end;
     return S_OK;

@@ -458,6 +458,22 @@ TEST_F(EditedAudio, KeepsSectionMarkersInTheOrderTheyWereAdded) {
   EXPECT_EQ(document_.Markers(), "");
 }
 
+// A name goes in through the system's code page, so it has to come out through that as well.
+TEST_F(EditedAudio, GivesNamesBackWhateverTheLocaleOfTheThread) {
+  document_.Label(L"caf\u00E9", 0);
+  document_.Marker(L"\u00E9t\u00E9", 0, 1);
+  const LCID usual = GetThreadLocale();
+  ASSERT_TRUE(SetThreadLocale(MAKELCID(MAKELANGID(LANG_RUSSIAN, SUBLANG_DEFAULT), SORT_DEFAULT)));
+  __int64 position = 0;
+  Bstr label;
+  Bstr marker;
+  EXPECT_EQ(document_.labels->GetLabel(0, &position, label.Receive()), S_OK);
+  EXPECT_EQ(document_.markers->GetSectionMarker(0, &position, &position, marker.Receive()), S_OK);
+  SetThreadLocale(usual);
+  EXPECT_EQ(label.str(), L"caf\u00E9");
+  EXPECT_EQ(marker.str(), L"\u00E9t\u00E9");
+}
+
 TEST_F(EditedAudio, ClearKeepsTheFormat) {
   document_.Append(a_, 0, 10);
   document_.Label(L"x", 1);
