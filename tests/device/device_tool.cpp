@@ -15,35 +15,13 @@
 #include <fstream>
 #include <thread>
 
-#include "tests/support/com_client.h"
+#include "tests/device/device_clients.h"
 
 namespace marlinda::testing {
 namespace {
 
-constexpr std::size_t kChannels = 2;
-constexpr LONG kRate = 44100;
-
 float Signal(std::size_t sample) {
   return static_cast<float>(static_cast<int>(sample * 7919 % 60001) - 30000) / 32767.0F;
-}
-
-template <class... Arguments>
-void Say(const char* format, Arguments... arguments) {
-  std::printf(format, arguments...);
-  std::fflush(stdout);
-}
-
-ComPtr<IAudioWriter> Speaker(SHORT bits, LONG milliseconds = 1000) {
-  auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
-  playback->SetFormat(kRate, kChannels, bits);
-  playback->SetBufferLength(milliseconds);
-  return As<IAudioWriter>(playback);
-}
-
-ComPtr<IAudioReader> Microphone(SHORT bits) {
-  auto grabber = Create<IAudioGrabber>(CLSID_CAudioGrabber);
-  grabber->SetFormat(kRate, kChannels, bits);
-  return As<IAudioReader>(grabber);
 }
 
 // A wave writer that passes all on to `next`.
@@ -103,14 +81,6 @@ void Record(SHORT bits, std::size_t read_frames, std::size_t total_frames, const
   const auto bytes = std::as_bytes(all.values());
   file.write(reinterpret_cast<const char*>(bytes.data()),
              static_cast<std::streamsize>(bytes.size()));
-}
-
-// Does what is asked and tells how long it took.
-template <class Action>
-void Timed(const char* name, Action&& action) {
-  const ULONGLONG start = GetTickCount64();
-  action();
-  Say("%s %u\n", name, static_cast<unsigned>(GetTickCount64() - start));
 }
 
 void AwaitLoss() {
