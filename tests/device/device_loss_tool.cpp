@@ -42,28 +42,51 @@ float Tone(int hertz, __int64 frame) {
   return kLoudness * static_cast<float>(std::sin(2 * std::numbers::pi * in_period));
 }
 
+struct ToneBlock : Floats {
+  explicit ToneBlock(int hertz) : Floats(kChannels * kBlockFrames) {
+    for (std::size_t i = 0; i < values().size(); ++i) {
+      (*this)[i] = Tone(hertz, static_cast<__int64>(i / kChannels));
+    }
+  }
+};
+
 // One way to use a device, which can be started again after each end.
 class Use {
  public:
   virtual ~Use() = default;
   // With the object of the last time, if there still is one.
   virtual HRESULT Start() = 0;
+  // What a host goes on asking meanwhile.
+  virtual void Ask() {}
   virtual void End() = 0;
   virtual void LetGo() = 0;
   virtual bool Works() { return true; }
   virtual bool Idle() { return true; }
 };
 
-// A thread that calls the object without a reference of its own, so that the last release meets it
-// in its wait.
+// A thread that calls the object over and over, without a reference of its own, so that the last
+// release meets it in its wait.
 class Caller {
  public:
   template <class Call>
   void Start(Call call) {
-    thread_ = std::thread([this, call] {
-      while (SUCCEEDED(last_ = call())) {
-      }
+    leaving_ = false;
+    left_ = false;
+    std::atomic<bool> begun{false};
+    thread_ = std::thread([this, call, &begun] {
+      begun = true;
+      do {
+        last_ = call();
+      } while (SUCCEEDED(last_) && !leaving_);
+      left_ = true;
     });
+    while (!begun) Sleep(1);
+  }
+  // To be called before the last release, for the thread must not call an object that is gone.
+  // Returns when it has left, or waits in a call for certain: with a device no call takes as long.
+  void LeaveOrWait() {
+    leaving_ = true;
+    for (int tick = 0; tick < 50 && !left_; ++tick) Sleep(10);
   }
   void Join() {
     Timed("join", [this] { thread_.join(); });
@@ -72,34 +95,48 @@ class Caller {
 
  private:
   std::thread thread_;
+  std::atomic<bool> leaving_{false};
+  std::atomic<bool> left_{false};
   std::atomic<HRESULT> last_{S_OK};
 };
 
 class Playback final : public Use {
  public:
-  Playback(std::string end, int hertz) : end_(std::move(end)), block_(kChannels * kBlockFrames) {
-    for (std::size_t i = 0; i < block_.values().size(); ++i) {
-      block_[i] = Tone(hertz, static_cast<__int64>(i / kChannels));
-    }
-  }
+  Playback(std::string end, int hertz) : end_(std::move(end)), block_(hertz) {}
   HRESULT Start() override {
     if (!writer_) writer_ = Speaker(16);
     const HRESULT hr = writer_->OpenDevice();
     producer_.Start([this, borrowed = writer_.Get()] { return borrowed->WriteAudio(block_); });
     return hr;
   }
+  void Ask() override {
+    const auto playback = As<IAudioPlayback>(writer_);
+    __int64 position = 0;
+    float level = 0;
+    LONG ready = 0;
+    Check(playback->GetPlaybackPos(&position));
+    Check(playback->GetOutputLevel(0, &level));
+    Check(writer_->QueryIsReady(&ready));
+  }
   void End() override {
     if (end_ == "break") Timed("break", [this] { As<IAudioPlayback>(writer_)->Break(); });
     if (end_ == "close") Timed("close", [this] { writer_->CloseDevice(); });
-    if (end_ == "release") Timed("release", [this] { writer_.Reset(); });
+    if (end_ == "release") {
+      producer_.LeaveOrWait();
+      Timed("release", [this] { writer_.Reset(); });
+    }
     producer_.Join();
     if (end_ == "break") Timed("close", [this] { writer_->CloseDevice(); });
+    if (!writer_) return;
+    LONG ready = 0;
+    Check(writer_->QueryIsReady(&ready));
+    Say("idle %ld\n", ready);
   }
   void LetGo() override { writer_.Reset(); }
 
  private:
   const std::string end_;
-  const Floats block_;
+  const ToneBlock block_;
   ComPtr<IAudioWriter> writer_;
   Caller producer_;
 };
@@ -122,7 +159,10 @@ class Recorder final : public Use {
   bool Works() override { return loud_blocks_ >= 10; }
   void End() override {
     if (end_ == "close") Timed("close", [this] { reader_->CloseDevice(); });
-    if (end_ == "release") Timed("release", [this] { reader_.Reset(); });
+    if (end_ == "release") {
+      consumer_.LeaveOrWait();
+      Timed("release", [this] { reader_.Reset(); });
+    }
     consumer_.Join();
   }
   void LetGo() override { reader_.Reset(); }
@@ -137,11 +177,7 @@ class Recorder final : public Use {
 
 class Scrubber final : public Use {
  public:
-  Scrubber(std::string end, int hertz) : end_(std::move(end)), block_(kChannels * kBlockFrames) {
-    for (std::size_t i = 0; i < block_.values().size(); ++i) {
-      block_[i] = Tone(hertz, static_cast<__int64>(i / kChannels));
-    }
-  }
+  Scrubber(std::string end, int hertz) : end_(std::move(end)), block_(hertz) {}
   HRESULT Start() override {
     if (!scrubber_) {
       scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
@@ -150,6 +186,7 @@ class Scrubber final : public Use {
     const HRESULT hr = scrubber_->Start(writer_.Get(), kBlockFrames, kRate, kChannels);
     return FAILED(hr) ? hr : scrubber_->WriteBlock(block_);
   }
+  void Ask() override { Check(scrubber_->WriteBlock(block_)); }
   void End() override {
     if (end_ == "stop") {
       Timed("stop", [this] { scrubber_->Stop(); });
@@ -164,7 +201,7 @@ class Scrubber final : public Use {
 
  private:
   const std::string end_;
-  const Floats block_;
+  const ToneBlock block_;
   ComPtr<IAudioScrubber> scrubber_;
   ComPtr<IAudioWriter> writer_;
 };
@@ -208,6 +245,12 @@ class InDocument final : public Use {
     if (!scrubs_) Check((*document_)->GetPlayStatus(&playing, &position));
     return playing == VARIANT_FALSE;
   }
+  void Ask() override {
+    Idle();
+    float level = 0;
+    Check((*document_)->GetOutputLevel(0, &level));
+    if (scrubs_) Check(As<IScrubSupport>(document_->edit)->SetScrubPosition(0));
+  }
   void End() override {
     if (end_ == "release") {
       Timed("release", [this] { LetGo(); });
@@ -215,7 +258,7 @@ class InDocument final : public Use {
       Timed("stop", [this] { As<IScrubSupport>(document_->edit)->StopScrub(); });
     } else {
       Timed("stop", [this] { (*document_)->StopPlay(); });
-      Say("refused %d\n", Idle() ? 1 : 0);
+      Say("idle %d\n", Idle() ? 1 : 0);
     }
   }
   void LetGo() override { document_.reset(); }
@@ -235,7 +278,7 @@ class Culprit final : public Use {
   HRESULT Start() override { return S_OK; }
   void End() override {
     Timed("close", [this] { Sleep(milliseconds_); });
-    Say("refused 0\n");
+    Say("refused 0\nidle 0\n");
     for (int i = 0; i < 20; ++i) {
       std::thread([] { Sleep(INFINITE); }).detach();
       for (int n = 0; n < 5; ++n) CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -300,6 +343,7 @@ void Obey(Use& use) {
     } else if (order == "idle") {
       WaitFor("idle", [&] { return use.Idle(); });
     } else if (order == "end") {
+      Timed("ask", [&] { use.Ask(); });
       use.End();
     } else if (order == "drop") {
       use.LetGo();

@@ -10,6 +10,7 @@ import json
 import math
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -158,11 +159,14 @@ class ChangingServer:
                ("module-sine", "sink=room", "frequency=440"))
 
     def __init__(self):
-        self.folder = tempfile.TemporaryDirectory(dir="/tmp")  # a socket's path must be short
-        self.socket = f"{self.folder.name}/native"
-        self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, HOME=self.folder.name,
-                                XDG_RUNTIME_DIR=self.folder.name, PULSE_RUNTIME_PATH=self.folder.name,
-                                PULSE_STATE_PATH=self.folder.name)
+        self.folder = tempfile.mkdtemp()
+        if len(self.folder) > 90:  # the path of a socket has 107 characters at most
+            os.rmdir(self.folder)
+            self.folder = subprocess.check_output(["env", "-u", "TMPDIR", "mktemp", "-d"], text=True).strip()
+        self.socket = self.folder + "/native"
+        self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, HOME=self.folder,
+                                XDG_RUNTIME_DIR=self.folder, PULSE_RUNTIME_PATH=self.folder,
+                                PULSE_STATE_PATH=self.folder)
         self.process = None
         self.modules = []
 
@@ -171,7 +175,7 @@ class ChangingServer:
 
     def __exit__(self, *_):
         self.kill()
-        self.folder.cleanup()
+        shutil.rmtree(self.folder)
 
     def control(self, *words):
         return subprocess.run(["pactl", *words], env=self.environment, check=True, text=True,
