@@ -164,7 +164,9 @@ class ChangingServer:
             os.rmdir(self.folder)
             self.folder = subprocess.check_output(["env", "-u", "TMPDIR", "mktemp", "-d"], text=True).strip()
         self.socket = self.folder + "/native"
+        # Where there is a sound card, it must not step in.
         self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, HOME=self.folder,
+                                ALSA_CONFIG_PATH="/dev/null",
                                 XDG_RUNTIME_DIR=self.folder, PULSE_RUNTIME_PATH=self.folder,
                                 PULSE_STATE_PATH=self.folder)
         self.process = None
