@@ -15,9 +15,9 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// With the pause before it and the check after it, less than the two seconds in which everything of
-// a lost device is over.
-constexpr ULONGLONG kLostAfterMilliSecs = 1500;
+// Everything of a lost device is to be over in two seconds. What is left of them is for the pause
+// before this wait, the check after it, and a machine that is busy.
+constexpr ULONGLONG kLostAfterMilliSecs = 1000;
 // Many minutes. A longer block is a mistake, and making its window would take long before memory
 // ran out.
 constexpr std::uint64_t kMostBlockSamples = std::uint64_t{1} << 24;

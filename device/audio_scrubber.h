@@ -15,7 +15,7 @@ namespace marlinda {
 
 // The caller sets the writer's format beforehand. The writer paces the thread by blocking in
 // WriteAudio; its results do not matter. It is held until the next Start or the last release. A
-// playback object that keeps the thread waiting for a second and a half after Stop has lost its
+// playback object that keeps the thread waiting for a second after Stop is taken to have lost its
 // device, and is told to break.
 //
 // Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of less than no

@@ -78,6 +78,15 @@ part_trap() {
 # The sound devices, for most of an hour.
 part_device() { "$root/scripts/soak-device.sh"; }
 
+# Each loss of a device twenty times, with no more time than is promised: for a machine that is not busy.
+part_loss() {
+  compile x64 Tessaly device_loss_tool
+  TESSALY_LOSS_REPEATS=20 TESSALY_STRICT_TIMES=1 step "each loss of a device twenty times" \
+    "is the machine busy? The log names the call" \
+    "$root/scripts/wine-session" python3 -B "$root/tests/device/device_loss_test.py" "$abuse/device_loss_tool.exe"
+  sed -n '/^The longest call/,/^$/p' "$logs/each-loss-of-a-device-twenty-times.log"
+}
+
 # Every vector form of the sample converters over all 2^32 patterns of a float.
 part_samples() {
   compile native sample_kernels_soak
@@ -111,6 +120,7 @@ parts="
   trap            part_trap
   memory          part_memory
   device          part_device
+  loss            part_loss
 "
 
 [[ $# -gt 0 ]] || mapfile -t names < <(awk 'NF { print $1 }' <<<"$parts")

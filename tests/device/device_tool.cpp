@@ -1,11 +1,11 @@
 // The module's client in the device tests that another program drives (device_test.py):
 //   device_tool play WIDTH BLOCK_FRAMES TOTAL_FRAMES [WAV-FILE]
 //   device_tool record WIDTH READ_FRAMES TOTAL_FRAMES FILE
-//   device_tool lose break|close|release|write|drain|record|drop|scrub
+//   device_tool lose write|drain
 // With a file a wave writer stands in front of the speaker and records there what is played.
 // Sample n of the interleaved signal that is played is ((n * 7919) mod 60001 - 30000) / 32767. A
 // recording goes into a pool of the same width and from there into the file as raw floats; the
-// frames it has so far are told on standard output. `lose` brings a device into use, says "ready",
+// frames it has so far are told on standard output. `lose` plays, says "ready",
 // waits for a line of input, during which the sound server dies, and tells as "name value" how what
 // it does then goes; times are in milliseconds.
 #include <atomic>
@@ -15,35 +15,13 @@
 #include <fstream>
 #include <thread>
 
-#include "tests/support/com_client.h"
+#include "tests/device/device_clients.h"
 
 namespace marlinda::testing {
 namespace {
 
-constexpr std::size_t kChannels = 2;
-constexpr LONG kRate = 44100;
-
 float Signal(std::size_t sample) {
   return static_cast<float>(static_cast<int>(sample * 7919 % 60001) - 30000) / 32767.0F;
-}
-
-template <class... Arguments>
-void Say(const char* format, Arguments... arguments) {
-  std::printf(format, arguments...);
-  std::fflush(stdout);
-}
-
-ComPtr<IAudioWriter> Speaker(SHORT bits, LONG milliseconds = 1000) {
-  auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
-  playback->SetFormat(kRate, kChannels, bits);
-  playback->SetBufferLength(milliseconds);
-  return As<IAudioWriter>(playback);
-}
-
-ComPtr<IAudioReader> Microphone(SHORT bits) {
-  auto grabber = Create<IAudioGrabber>(CLSID_CAudioGrabber);
-  grabber->SetFormat(kRate, kChannels, bits);
-  return As<IAudioReader>(grabber);
 }
 
 // A wave writer that passes all on to `next`.
@@ -105,53 +83,29 @@ void Record(SHORT bits, std::size_t read_frames, std::size_t total_frames, const
              static_cast<std::streamsize>(bytes.size()));
 }
 
-// Does what is asked and tells how long it took.
-template <class Action>
-void Timed(const char* name, Action&& action) {
-  const ULONGLONG start = GetTickCount64();
-  action();
-  Say("%s %u\n", name, static_cast<unsigned>(GetTickCount64() - start));
-}
-
 void AwaitLoss() {
   Say("ready\n");
   for (int c = 0; c != '\n' && c != EOF; c = std::getchar()) {
   }
 }
 
-void LosePlaying(const std::string& how) {
+// A writer that waits for room.
+void LoseWriting() {
   auto writer = Speaker(16);
   Check(writer->OpenDevice());
   std::atomic<int> written{0};
   std::atomic<HRESULT> last{S_OK};
-  // Without a reference of its own, so that the last release meets it in the wait.
-  std::thread producer([&last, &written, borrowed = writer.Get()] {
+  std::thread producer([&] {
     Floats block(kChannels * kRate / 2, 0.1F);
-    while (SUCCEEDED(last = borrowed->WriteAudio(block))) ++written;
+    while (SUCCEEDED(last = writer->WriteAudio(block))) ++written;
   });
   while (written < 3) Sleep(10);
   AwaitLoss();
-  if (how == "write") {
-    Timed("noticed", [&] { producer.join(); });
-  } else if (how == "break") {
-    Timed("break", [&] { As<IAudioPlayback>(writer)->Break(); });
-  } else if (how == "close") {
-    Timed("close", [&] { writer->CloseDevice(); });
-  } else {
-    Timed("release", [&] { writer.Reset(); });
-  }
-  if (producer.joinable()) Timed("join", [&] { producer.join(); });
+  Timed("noticed", [&] { producer.join(); });
   Say("refused %d\n", last == E_FAIL ? 1 : 0);
-  if (!writer) return;
   LONG ready = 0;
-  if (how == "break") {
-    Timed("close", [&] { writer->CloseDevice(); });
-  }
-  Say("status %ld\n", writer->QueryIsReady(&ready));
+  Check(writer->QueryIsReady(&ready));
   Say("idle %ld\n", ready);
-  // There is no device now; what counts is that asking for one comes back.
-  Timed("reopen", [&] { writer->OpenDevice(); });
-  Timed("release", [&] { writer.Reset(); });
 }
 
 // Nobody writes any more; what is queued is waited for.
@@ -169,37 +123,6 @@ void LoseDraining() {
   Say("refused %d\n", writer->WriteAudio(second) == E_FAIL ? 1 : 0);
 }
 
-void LoseRecording(const std::string& how) {
-  auto reader = Microphone(16);
-  Check(reader->OpenDevice());
-  std::atomic<HRESULT> last{S_OK};
-  std::thread waiting([&last, borrowed = reader.Get()] {
-    last = borrowed->ReadAudio(0, Floats(kChannels * kRate * 60));
-  });
-  Sleep(200);
-  AwaitLoss();
-  if (how == "record") {
-    Timed("close", [&] { reader->CloseDevice(); });
-  } else {
-    Timed("release", [&] { reader.Reset(); });
-  }
-  Timed("join", [&] { waiting.join(); });
-  Say("read %d\n", last == E_FAIL ? 1 : 0);
-}
-
-void LoseScrubbing() {
-  auto writer = Speaker(16, 100);
-  auto scrubber = Create<IAudioScrubber>(CLSID_CAudioScrubber);
-  Check(scrubber->Start(writer.Get(), kRate / 10, kRate, kChannels));
-  Sleep(500);
-  AwaitLoss();
-  Timed("stop", [&] { scrubber->Stop(); });
-  Timed("release", [&] {
-    scrubber.Reset();
-    writer.Reset();
-  });
-}
-
 int Run(const std::vector<std::string>& words) {
   const auto number = [&](std::size_t i) { return std::strtoul(words.at(i).c_str(), nullptr, 10); };
   const std::string& command = words.at(0);
@@ -210,12 +133,8 @@ int Run(const std::vector<std::string>& words) {
     Record(static_cast<SHORT>(number(1)), number(2), number(3), words.at(4).c_str());
   } else if (command == "lose" && words.at(1) == "drain") {
     LoseDraining();
-  } else if (command == "lose" && words.at(1) == "scrub") {
-    LoseScrubbing();
-  } else if (command == "lose" && (words.at(1) == "record" || words.at(1) == "drop")) {
-    LoseRecording(words.at(1));
-  } else if (command == "lose") {
-    LosePlaying(words.at(1));
+  } else if (command == "lose" && words.at(1) == "write") {
+    LoseWriting();
   } else {
     return 2;
   }
@@ -235,7 +154,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "failed: 0x%08lX\n", static_cast<unsigned long>(error.code()));
     status = 1;
   }
-  marlinda::testing::ModuleUnderTest::Revoke();
+  if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) status = 1;
   CoUninitialize();
   return status;
 }

@@ -10,9 +10,11 @@ import json
 import math
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
@@ -145,3 +147,78 @@ class Microphone:
         """To be called when the sound server is gone."""
         self.thread.join()
         self.pipe.close()
+
+
+class ChangingServer:
+    """A sound server that can be killed and started again at the same place, and whose devices come and
+    go: a speaker that can be listened to and a microphone that hears a tone."""
+
+    # What plays into a sink of its own is the microphone.
+    NULL_SINK = ("module-null-sink", "norewinds=1", "format=float32le", f"rate={RATE}", "channels=2")
+    DEVICES = ((*NULL_SINK, "sink_name=speaker"), (*NULL_SINK, "sink_name=room"),
+               ("module-sine", "sink=room", "frequency=440"))
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp()
+        if len(self.folder) > 90:  # the path of a socket has 107 characters at most
+            os.rmdir(self.folder)
+            self.folder = subprocess.check_output(["env", "-u", "TMPDIR", "mktemp", "-d"], text=True).strip()
+        self.socket = self.folder + "/native"
+        # Where there is a sound card, it must not step in.
+        self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, HOME=self.folder,
+                                ALSA_CONFIG_PATH="/dev/null",
+                                XDG_RUNTIME_DIR=self.folder, PULSE_RUNTIME_PATH=self.folder,
+                                PULSE_STATE_PATH=self.folder)
+        self.process = None
+        self.modules = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+        shutil.rmtree(self.folder)
+
+    def control(self, *words):
+        return subprocess.run(["pactl", *words], env=self.environment, check=True, text=True,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE).stdout
+
+    def start(self):
+        """Without devices."""
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "TERM", "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
+             "--use-pid-file=no", "--disable-shm=yes", "-L", f"module-native-protocol-unix socket={self.socket}"],
+            env=self.environment, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_until(lambda: subprocess.run(["pactl", "info"], env=self.environment, stdin=subprocess.DEVNULL,
+                                          capture_output=True).returncode == 0, "the sound server")
+
+    def kill(self):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+        self.process = None
+        self.modules = []
+
+    def load(self):
+        self.modules = [self.control("load-module", *device).strip() for device in self.DEVICES]
+        self.control("set-default-sink", "speaker")
+        self.control("set-default-source", "room.monitor")
+
+    def start_with_devices(self):
+        self.start()
+        self.load()
+
+    def unload(self):
+        for module in reversed(self.modules):
+            self.control("unload-module", module)
+        self.modules = []
+
+    def listen(self, frames):
+        """What the speaker gets from now on, as floats of two channels."""
+        with subprocess.Popen(["parec", "--raw", "--device=speaker.monitor", "--format=float32le",
+                               f"--rate={RATE}", "--channels=2", "--latency-msec=50"],
+                              env=self.environment, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE) as recorder:
+            samples = array.array("f", recorder.stdout.read(frames * FRAME_BYTES))
+            recorder.kill()
+        return samples
