@@ -20,7 +20,7 @@ def memory_of(minutes, folder):
                     f"sine=frequency=440:sample_rate={RATE}:duration={60 * minutes}",
                     "-c:a", "libvorbis", "-q:a", "2", str(source)], check=True)
     pid = os.spawnvp(os.P_NOWAIT, os.environ["TESSALY_WINE"],
-                     ["wine", sys.argv[1], "cut", f"Z:{source}", f"Z:{target}", "--keep", "0:"])
+                     [os.environ["TESSALY_WINE"], sys.argv[1], "cut", f"Z:{source}", f"Z:{target}", "--keep", "0:"])
     _, status, usage = os.wait4(pid, 0)
     frames = (target.stat().st_size - 44) // 2 if status == 0 else 0
     # The header may hold more than the smallest one does.
