@@ -4,11 +4,13 @@
 #include <io.h>
 #include <shellapi.h>
 
+#include <atomic>
 #include <cstdio>
 #include <iostream>
 
 #include "core/com_call.h"
 #include "core/handle.h"
+#include "host/messages.h"
 #include "host/wide_text.h"
 
 namespace marlinda {
@@ -16,6 +18,7 @@ namespace {
 
 // The control handler is a plain function on a thread of the system's own.
 KernelHandle interrupt_event;
+std::atomic<int> finishing_count = 0;
 
 bool IsInterrupted() { return WaitForSingleObject(interrupt_event.get(), 0) == WAIT_OBJECT_0; }
 
@@ -28,17 +31,23 @@ void ServeMessages() {
 }
 
 BOOL WINAPI HandleControl(DWORD event) {
-  if (IsInterrupted()) return FALSE;
+  const bool again = IsInterrupted();
   SetEvent(interrupt_event.get());
   if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
     // The window closes or the user logs off: the process ends as soon as this returns, or after a
     // few seconds in any case, so the main thread gets that time to finish the file.
     Sleep(INFINITE);
   }
+  if (again && finishing_count == 0) {
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(ExitStatus::kInterrupted));
+  }
   return TRUE;
 }
 
 }  // namespace
+
+Console::Finishing::Finishing() { ++finishing_count; }
+Console::Finishing::~Finishing() { --finishing_count; }
 
 Console::Console() : old_code_page_(GetConsoleOutputCP()) {
   SetConsoleOutputCP(CP_UTF8);
@@ -53,7 +62,8 @@ Console::Console() : old_code_page_(GetConsoleOutputCP()) {
 }
 
 Console::~Console() {
-  SetConsoleCtrlHandler(HandleControl, FALSE);
+  // The handler stays: at the very end a Ctrl+C must not take the place of the exit status.
+  ++finishing_count;
   if (old_code_page_ != 0) SetConsoleOutputCP(old_code_page_);
 }
 

@@ -13,8 +13,18 @@ namespace marlinda {
 
 class Console {
  public:
+  // While one lives, a second Ctrl+C changes nothing: the file that is being written, or the take
+  // that is being recorded, is finished in moments and must not be left broken.
+  class Finishing {
+   public:
+    Finishing();
+    ~Finishing();
+    Finishing(const Finishing&) = delete;
+    Finishing& operator=(const Finishing&) = delete;
+  };
+
   // From here on output is UTF-8 and Ctrl+C no longer ends the program but sets Interrupted; a
-  // second Ctrl+C ends it all the same.
+  // second Ctrl+C ends it at once with the status of an interruption.
   Console();
   ~Console();
   Console(const Console&) = delete;

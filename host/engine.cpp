@@ -300,6 +300,7 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
   }
 
+  const Console::Finishing finishing;
   const OpenReader open(reader);
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), reader);
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);

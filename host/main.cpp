@@ -101,6 +101,26 @@ CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
   return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);
 }
 
+// A flag has no value, and given twice it is a slip.
+void RefuseFlagsTwice(CLI::App& app) {
+  for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+    for (CLI::Option* option : command->get_options()) {
+      if (option->get_items_expected_max() != 0) continue;
+      option->disable_flag_override();
+      option->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+    }
+  }
+}
+
+// The parser would say no more than that a command is missing.
+void RequireCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
+  if (arguments.empty() || arguments[0].starts_with('-')) return;
+  const auto is_named = [&](const CLI::App* command) { return command->check_name(arguments[0]); };
+  if (!app.get_subcommands(is_named).empty()) return;
+  throw HostError(ExitStatus::kUsage, arguments[0], "there is no such command",
+                  "See \"marlinda --help\".");
+}
+
 int Run(Console& console) {
   CLI::App app("The audio engine on the command line.", "marlinda");
   app.require_subcommand(1);
@@ -230,7 +250,9 @@ int Run(Console& console) {
   scrub->footer(kScrubHelp);
   scrub->callback(run_in_apartment([&] { RunScrub(scrub_options, console); }));
 
+  RefuseFlagsTwice(app);
   std::vector<std::string> arguments = Console::Arguments();
+  RequireCommand(app, arguments);
   std::ranges::reverse(arguments);  // the order in which CLI11 takes them
   try {
     app.parse(arguments);

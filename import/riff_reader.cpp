@@ -195,7 +195,8 @@ class RiffWalk {
   std::optional<SoundFacts> Read();
 
  private:
-  void WalkChunks(std::uint64_t end);
+  void WalkChunks(std::uint64_t riff_end);
+  std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end);
   void TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there);
   void TakeList(Bytes body);
   void Conclude();
@@ -227,19 +228,39 @@ std::optional<SoundFacts> RiffWalk::Read() {
   return std::move(facts_);
 }
 
-void RiffWalk::WalkChunks(std::uint64_t end) {
-  for (int count = 0; count < kMostChunks && position_ + kHeaderBytes <= end; ++count) {
+void RiffWalk::WalkChunks(std::uint64_t riff_end) {
+  for (int count = 0; count < kMostChunks; ++count) {
+    // A size of the whole that is too small must not hide the audio. Only what follows that and the
+    // size as well is nobody's.
+    const std::uint64_t end = data_offset_ ? riff_end : file_.size();
+    if (position_ + kHeaderBytes > end) return;
     const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
     if (header.size() < kHeaderBytes) return;
     position_ += kHeaderBytes;
-    std::uint64_t size = LittleU32(header, 4);
     const std::string_view id = IdAt(header, 0);
-    if (id == "data" && size == kUnknownSize) size = wide_data_size_.value_or(end - position_);
-    const std::uint64_t there = std::min(size, end - position_);
+    std::uint64_t size = LittleU32(header, 4);
+    if (id == "data") size = DataSize(size, riff_end);
+    const std::uint64_t there = std::min(size, (id == "data" ? file_.size() : end) - position_);
     TakeChunk(id, size, there);
     position_ += there;
     if (there == size && size % 2 != 0) ++position_;
   }
+}
+
+// Of the "data" chunk at `position_`, whose header says `size`.
+std::uint64_t RiffWalk::DataSize(std::uint64_t size, std::uint64_t riff_end) {
+  if (size == kUnknownSize) {
+    const std::uint64_t end = riff_end > position_ ? riff_end : file_.size();
+    return wide_data_size_.value_or(end - position_);
+  }
+  if (size != 0) return size;
+  // Empty, or never filled in by a writer that was stopped: then no chunk follows, but audio.
+  const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
+  const std::uint64_t rest = file_.size() - position_;
+  const bool is_chunk =
+      next.size() == kHeaderBytes && LittleU32(next, 4) <= rest - kHeaderBytes &&
+      std::ranges::all_of(IdAt(next, 0), [](char c) { return c >= 32 && c < 127; });
+  return is_chunk ? 0 : rest;
 }
 
 void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there) {
@@ -283,7 +304,11 @@ void RiffWalk::Conclude() {
     facts_.refused = true;
     return;
   }
-  if (IsCompressed(format_)) return;
+  if (IsCompressed(format_)) {
+    // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
+    facts_.refused = data_bytes_ < std::max<std::uint64_t>(1, LittleU16(format_, 12));
+    return;
+  }
   const auto format = ParseWaveFormat(format_);
   if (!format) {
     facts_.refused = true;

@@ -71,6 +71,7 @@ class Player {
     if (section_.loop || EndedTooSoon(frames, format_.rate, Clock::now() - start_)) {
       throw DeviceLost(device, "playing ended at " + FormatDuration(position, format_.rate));
     }
+    bar.Show(TransportLine("Playing", section_.range.end, section_.range.end, format_.rate, {}), 1);
   }
 
  private:

@@ -45,6 +45,8 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
     console.Wait(kPollMilliseconds);
   }
   const HRESULT hr = recorder.Stop();
+  bar.Show(TransportLine("Recording", recorder.recorded(), frames, format.rate, recorder.Levels()),
+           static_cast<double>(recorder.recorded()) / static_cast<double>(frames));
   if (FAILED(hr)) return Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
   return std::nullopt;
 }
@@ -92,6 +94,7 @@ void RunRecord(const RecordOptions& options, const Console& console) {
   const HRESULT hr = pool->SetBitDepth(32, 0);
   if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
 
+  const Console::Finishing finishing;
   const Shortfall shortfall =
       Record(OpenGrabber(device, format), pool.Get(), format, frames, device, console);
   ComPtr<IAudioReader> take;
@@ -103,7 +106,7 @@ void RunRecord(const RecordOptions& options, const Console& console) {
         shortfall ? shortfall->status() : ExitStatus::kFailure, options.output,
         std::string(shortfall ? shortfall->what() : "nothing came") + "; nothing was recorded");
   }
-  // From here on Ctrl+C means the writing.
+  // From here on Ctrl+C means the writing. Impatient ones until now meant the recording.
   console.ForgetInterrupt();
   const SavedTake saved = Save(take.Get(), options, console);
   if (shortfall) {

@@ -136,8 +136,10 @@ class SoundTest(unittest.TestCase):
 
     def test_play_plays_the_section_and_the_channels_it_is_told(self):
         with Heard(self.speaker) as heard:
-            text = self.succeed("play", self.ogg, "--from", "0.5", "--to", "1", "--channels", "1",
-                                "--device", "0")
+            status, text, messages = run("play", self.ogg, "--from", "0.5", "--to", "1",
+                                         "--channels", "1", "--device", "0", "--progress")
+        self.assertEqual(status, 0)
+        self.assertTrue(messages.endswith("progress 100 Playing\n"), messages)
         self.assertRegex(text, r"^played .*two\.ogg: 0:00:00\.500 to 0:00:01\.000\n$")
         frames = heard.frames()
         self.assertAlmostEqual(len(frames), 0.5 * RATE, delta=0.1 * RATE)
@@ -241,6 +243,9 @@ class SoundTest(unittest.TestCase):
     def test_an_interrupted_recording_keeps_its_take(self):
         record = Run("record", self.out, "--seconds", "600")
         wait_for_take()
+        # An impatient hand loses nothing.
+        record.process.send_signal(signal.SIGINT)
+        time.sleep(0.02)
         status, output, messages = self.interrupt(record)
         self.assertEqual((status, output), (130, ""))
         self.assertIn("the file is valid and holds the first", messages)

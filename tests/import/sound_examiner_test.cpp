@@ -115,6 +115,9 @@ TEST(SoundExaminer, RefusesHeadersThatContradictThemselvesAndLeavesCompressionTo
   EXPECT_TRUE(Examine(RiffFile(Format(kStereo16))).refused) << "no samples promised";
   const SoundFacts mu_law = Examine(RiffFile(Format(PlainFormat(7, 1, 8000, 1, 8)) + data));
   EXPECT_TRUE(!mu_law.refused && !mu_law.pcm);
+  const auto adpcm = Format(PlainFormat(2, 1, 8000, 256, 4));
+  EXPECT_TRUE(Examine(RiffFile(adpcm + EvenChunk("data", Bytes(255, 0)))).refused);
+  EXPECT_FALSE(Examine(RiffFile(adpcm + EvenChunk("data", Bytes(256, 0)))).refused);
   EXPECT_TRUE(Examine(Bytes()).refused);
   EXPECT_TRUE(Examine(Text("OggS") + Bytes(24, 0) + Bytes{1} + Text("vorbis more")).refused);
   EXPECT_FALSE(Examine(Text("OggS") + Bytes(24, 0) + Text("OpusHead more")).refused);
@@ -132,6 +135,18 @@ TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
     EXPECT_EQ(frames(Text("RIFF") + U32(size) + header + U32(size) + Bytes(41, 0)), 10) << size;
     EXPECT_EQ(frames(Text("RIFF") + U32(0) + header + U32(size) + Bytes(41, 0)), 10) << size;
   }
+  // The whole says less than it holds, down to nothing but its own name.
+  for (const std::uint32_t size : {4U, 8U, 20U, 36U, 44U, 75U}) {
+    EXPECT_EQ(frames(Text("RIFF") + U32(size) + header + U32(40) + Bytes(40, 0)), 10) << size;
+  }
+  // A writer that was stopped has filled in nothing; one of an empty file has.
+  for (const std::uint32_t size : {0U, 36U, 76U}) {
+    EXPECT_EQ(frames(Text("RIFF") + U32(size) + header + U32(0) + Bytes(41, 0)), 10) << size;
+    EXPECT_EQ(frames(Text("RIFF") + U32(size) + header + U32(0) + Bytes(4, 0)), 1) << size;
+  }
+  EXPECT_EQ(frames(RiffFile(Format(kStereo16) + EvenChunk("data", {}) +
+                            EvenChunk("LIST", Text("INFO") + Bytes(40, 0)))),
+            0);
   // The size of a file past 4 GiB stands in a chunk of its own.
   const Bytes wide =
       EvenChunk("ds64", U32(0) + U32(0) + U32(8) + U32(0) + U32(2) + U32(0) + U32(0));
