@@ -26,8 +26,8 @@ struct Document {
   ComPtr<IAudioReader> source;
 };
 
-// Small edits create documents of their own: what one costs, and what its two device objects would
-// add if each document created them at once.
+// Small edits create documents of their own: what one costs, and what of that is for its two device
+// objects, which are made with it.
 void CreateObject(benchmark::State& state, const CLSID& clsid) {
   for (auto _ : state) benchmark::DoNotOptimize(Create<IUnknown>(clsid).Get());
 }

@@ -1,8 +1,8 @@
 ; The set-up program: copies the files, registers the modules, lists the import filters, and takes all of
 ; it back. Built by scripts/package.sh, which defines VERSION, FOLDER (the files) and OUT.
-;   setup.exe [/S] [/AllUsers | /CurrentUser] [/D=FOLDER]
+;   tessaly-VERSION-x64-setup.exe [/S] [/AllUsers | /CurrentUser] [/D=FOLDER]
 ; For everybody where the user may, else for the user alone. Exit statuses: 0 done, 1 cancelled by the
-; user, 2 not installed, or not removed, and nothing changed.
+; user, 2 not installed, or not removed, and nothing changed; also after a switch that is none of these.
 
 ; The 64-bit stub: a 32-bit one would see the other view of registry and system folder.
 Target amd64-unicode
@@ -18,6 +18,7 @@ RequestExecutionLevel highest
 !include MUI2.nsh
 !include LogicLib.nsh
 !include FileFunc.nsh
+!include WordFunc.nsh
 
 Var Scope ; machine or user, as the modules' variable TESSALY_REGISTRATION has it
 
@@ -92,13 +93,11 @@ VIAddVersionKey LegalCopyright ""
       !insertmacro Register Converter.dll /u
     ${EndIf}
     !insertmacro Register Tessaly.dll /u
-    ; The engine makes the keys of its settings when it looks for them. What is in them is the user's,
-    ; or the application's.
-    ${If} $Scope == machine
-      DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
-      DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
-      DeleteRegKey /ifempty HKLM "Software\Brevant"
-    ${EndIf}
+    ; The engine makes the keys of its settings when it looks for them, the machine's too where the user
+    ; may. What is in them is the user's, or the application's.
+    DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
+    DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
+    DeleteRegKey /ifempty HKLM "Software\Brevant"
     DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\Directories"
     DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\EncoderSettings"
     DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}"
@@ -108,6 +107,10 @@ VIAddVersionKey LegalCopyright ""
     !include "${FOLDER}.remove.nsh"
     Delete "$INSTDIR\uninstall.exe"
     RMDir "$INSTDIR"
+    ; Not part of every user's profile: it may have come with us. Others' programs keep it.
+    ${If} $INSTDIR == "$LOCALAPPDATA\Programs\${NAME}"
+      RMDir "$LOCALAPPDATA\Programs"
+    ${EndIf}
   FunctionEnd
 !macroend
 !insertmacro DefineTakeBack ""
@@ -197,7 +200,17 @@ FunctionEnd
 Function .onInit
   UserInfo::GetAccountType
   Pop $R0
-  ${GetParameters} $R1
+  ${GetParameters} $R1 ; without /D
+  ; A switch that is mistyped would be passed over, and something else installed than was meant.
+  ${WordReplace} " $R1 " " " "  " "+" $R3 ; each word has its own two spaces
+  ${WordReplace} $R3 " /S " "" "+" $R3
+  ${WordReplace} $R3 " /NCRC " "" "+" $R3
+  ${WordReplace} $R3 " /AllUsers " "" "+" $R3
+  ${WordReplace} $R3 " /CurrentUser " "" "+" $R3
+  ${WordReplace} $R3 " " "" "+" $R3
+  ${If} $R3 != ""
+    !insertmacro Refuse "Not a switch of this program: $R1"
+  ${EndIf}
   StrCpy $Scope user
   ${If} $R0 == Admin
     StrCpy $Scope machine
@@ -206,6 +219,11 @@ Function .onInit
   ${GetOptions} $R1 /CurrentUser $R2
   ${IfNot} ${Errors}
     StrCpy $Scope user
+    ClearErrors
+    ${GetOptions} $R1 /AllUsers $R2
+    ${IfNot} ${Errors}
+      !insertmacro Refuse "/AllUsers and /CurrentUser contradict each other."
+    ${EndIf}
   ${EndIf}
   ClearErrors
   ${GetOptions} $R1 /AllUsers $R2

@@ -51,7 +51,10 @@ class Text {
   BSTR text_;
 };
 
-// An array of floats as the engine takes it.
+// An array of floats as the engine takes it. One frame of stereo for an IAudioWriter:
+//   Floats block(2);
+//   block[0] = block[1] = 0.5F;
+//   Check(writer->WriteAudio(block), "WriteAudio");
 class Floats {
  public:
   explicit Floats(ULONG count) : array_(SafeArrayCreateVector(VT_R4, 0, count)) {
@@ -61,6 +64,7 @@ class Floats {
   Floats(const Floats&) = delete;
   Floats& operator=(const Floats&) = delete;
   operator SAFEARRAY*() const { return array_; }
+  float& operator[](ULONG index) { return static_cast<float*>(array_->pvData)[index]; }
   float operator[](ULONG index) const { return static_cast<const float*>(array_->pvData)[index]; }
 
  private:

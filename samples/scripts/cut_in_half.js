@@ -9,6 +9,10 @@
 //   As arguments of methods, whole numbers up to 2^53 are taken.
 // - Receive through [out] parameters that are not the result, or make an array of floats: ReadAudio,
 //   WriteAudio, ReadPeaks, ReadWaveplot and GetFormat are out of reach.
+if (WScript.Arguments.length != 3 || !(Number(WScript.Arguments(2)) > 0)) {
+  WScript.Echo("usage: cscript cut_in_half.js IN OUT.wav FRAMES");
+  WScript.Quit(2);
+}
 var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2)), half = Math.floor(frames / 2);
 var pick = new ActiveXObject("TessalySamples.InterfacePicker");

@@ -7,6 +7,10 @@
 ' - Make an array of floats. So ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot are out of reach, and
 '   this sample draws no overview.
 Option Explicit
+If WScript.Arguments.Count <> 2 Then
+  WScript.Echo "usage: cscript cut_in_half.vbs IN OUT.wav"
+  WScript.Quit 2
+End If
 Dim pick, manager, pool, import, take, frames
 Set pick = CreateObject("TessalySamples.InterfacePicker")
 

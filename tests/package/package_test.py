@@ -255,17 +255,45 @@ class PackageTest(unittest.TestCase):
                 self.assertIn(path.name, output)
         self.assertNothingLeft()
 
-    def test_setup_for_one_user_into_a_chosen_folder_leaves_nothing(self):
-        output = self.installed(r"/CurrentUser /D=C:\\Other Place\\Tessaly", "Other Place/Tessaly", rf"""
+    # Made by the engine in the registry of an installation for one user, too, by one who may.
+    MADE = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings",
+                       r"HKLM\Software\Brevant\Cutloom\Import Filters"])
+
+    def test_setup_for_one_user_leaves_nothing(self):
+        profile, = (path.parent for path in DRIVE.glob("users/*/Temp"))
+        programs = profile / "AppData/Local/Programs"
+        self.assertFalse(programs.exists())
+        output = self.installed("/CurrentUser", programs.relative_to(DRIVE) / "Tessaly", rf"""
             wine ./marlinda.exe doctor
+            wine ./marlinda.exe info samples/demo.ogg
+            for key in {self.MADE}; do wine reg query "$key" || exit 14; done
             wine reg query HKCU\\{self.ENTRY} || exit 15
             wine reg query HKLM\\{self.ENTRY} && exit 16
         """)
-        self.assertIn(r"registry, for the user: C:\Other Place\Tessaly\Tessaly.dll", output)
+        self.assertRegex(output, r"registry, for the user: C:\\.*\\AppData\\Local\\Programs\\Tessaly\\Tessaly.dll")
         self.assertNotIn("registry, for the machine", output)
         self.assertIn("filters       none listed", output)
-        (DRIVE / "Other Place").rmdir()  # the uninstaller removes what is its own
+        self.assertRegex(output, r"frames +529200")
         self.assertNothingLeft()
+
+    def test_setup_for_one_user_into_a_chosen_folder_leaves_what_others_put_there(self):
+        output = self.installed(r"/CurrentUser /S /D=C:\\Other Place\\Tessaly", "Other Place/Tessaly", rf"""
+            for key in {self.MADE}; do wine reg add "$key" /v theirs /d kept /f || exit 14; done
+        """)
+        (DRIVE / "Other Place").rmdir()  # the uninstaller removes what is its own
+        _, output = session(f"""
+            for key in {self.MADE}; do wine reg query "$key" /v theirs; done
+            for hive in HKCU HKLM; do wine reg delete $hive\\\\Software\\\\Brevant /f; done
+        """, self.folder)
+        self.assertEqual(len(re.findall(r"theirs +REG_SZ +kept", output)), 2, output)
+        self.assertNothingLeft()
+
+    def test_setup_refuses_switches_that_it_does_not_know_or_that_contradict_each_other(self):
+        refused = ["/AllUsers /CurrentUser", "/AllUser", "/CurrentUser /AllUs /S ers", "Tessaly"]
+        _, output = session("".join(f"wine {shlex.quote(str(SETUP))} /S {switches}; echo $?\n"
+                                    for switches in refused), self.folder)
+        self.assertEqual(output, "2\n" * len(refused))
+        self.assertEqual((self.changes()[0], files(DRIVE)), (set(), self.disk))
 
     def test_an_installation_in_use_is_neither_replaced_nor_removed_and_stays_the_only_one(self):
         # A host in Windows' script language, until it is told to end; Wine's cannot sleep.

@@ -121,6 +121,17 @@ expect "frames in the WAV file" "$(sox --info -s "$work/half.wav")" 22050
 sample cut_in_half.js "$work/tone.ogg" "22050 of 44100 frames written" 44100
 expect "frames in the WAV file" "$(sox --info -s "$work/half.wav")" 22050
 
+rm "$work/half.wav"
+for call in "vbs IN OUT.wav" "js IN OUT.wav FRAMES"; do
+  script=cut_in_half.${call%% *}
+  said=$(wine cscript //nologo "$(windows_path "$root/samples/scripts/$script")" "$tone" 2>&1) && status=0 ||
+    status=$?
+  expect "what $script says without all its arguments" "${said//$'\r'/}, status $status" \
+    "usage: cscript $script ${call#* }, status 2"
+done
+sample cut_in_half.js "$work/tone.ogg" "usage: cscript cut_in_half.js IN OUT.wav FRAMES" many
+expect "what that leaves" "$(ls "$work" | grep half || true)" ""
+
 description=$root/samples/import-filter/example.tone
 sample cut_in_half.vbs "$description" "No import filter reads $(windows_path "$description")"
 register tests/tone_import.dll
