@@ -73,6 +73,11 @@ bool WorkerThread::PollUntilEnded(DWORD milliseconds, ULONGLONG at_most) const n
   return true;
 }
 
+void WorkerThread::LetGo() noexcept {
+  thread_ = KernelHandle();
+  id_ = 0;
+}
+
 void WorkerThread::AwaitServingCalls(DWORD milliseconds) const noexcept {
   if (!thread_ || OnWorker()) return;
   HANDLE thread = thread_.get();

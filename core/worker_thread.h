@@ -41,6 +41,10 @@ class WorkerThread {
   // own end.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
+  // Leaves the body to itself, for one that waits inside somebody else's code and may never come
+  // back. The module stays in use until it does.
+  void LetGo() noexcept;
+
   // Waits until the body has ended, or for `milliseconds`. Meanwhile this thread serves the calls
   // that come to the objects of its apartment: the body may depend on one of them.
   void AwaitServingCalls(DWORD milliseconds) const noexcept;

@@ -63,6 +63,7 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
                            static_cast<std::size_t>(channels));
   Check(document->ReadWaveplot(range.begin, range.end, columns.get()));
   const Waveform waveform{columns.samples(), channels, range.begin, range.end, rate, annotations};
+  const Console::Finishing finishing;
   WritePng(request.file, DrawWaveform(waveform, request.width, request.height));
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
@@ -24,6 +25,7 @@ constexpr char kPatterns[] = "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*
 // Below the Ogg Vorbis import, which may read the same files.
 constexpr SHORT kMerit = 100;
 constexpr DWORD kPollMilliseconds = 100;
+constexpr DWORD kDecoderPatience = 15000;
 // Of one block, over all channels.
 constexpr std::size_t kBlockSamples = 16384;
 
@@ -45,25 +47,35 @@ struct Source {
   std::int64_t total = 0;
 };
 
-// Asks the filters of the system whether they can decode the file; on a thread of its own, because
-// a graph must not live in the apartment of the host.
-bool AskFilters(Source& source) {
+// What the filters of the system tell of a file.
+struct Answer {
   bool decoded = false;
-  {
-    WorkerThread worker;
-    Check(worker.Start([&] {
-      const WorkerApartment apartment;
-      const auto stream = DShowStream::Open(source.file_name);
-      if (stream == nullptr) return;
-      source.format = stream->format();
-      source.total = stream->total_frames();
-      decoded = true;
-    }));
-    // A decoder without a threading model of its own is made on the host's first thread, which may
-    // be this one.
-    worker.AwaitServingCalls(INFINITE);
+  PcmFormat format;
+  std::int64_t total = 0;
+};
+
+// Asks the filters of the system whether they can decode the file; on a thread of its own, because
+// a graph must not live in the apartment of the host, and because some decoders wait for ever for
+// what a damaged file lacks. Such a file is refused, and the thread left behind.
+bool AskFilters(Source& source) {
+  const auto answer = std::make_shared<Answer>();
+  WorkerThread worker;
+  Check(worker.Start([answer, file_name = source.file_name] {
+    const WorkerApartment apartment;
+    const auto stream = DShowStream::Open(file_name);
+    if (stream == nullptr) return;
+    *answer = {true, stream->format(), stream->total_frames()};
+  }));
+  // A decoder without a threading model of its own is made on the host's first thread, which may
+  // be this one.
+  worker.AwaitServingCalls(kDecoderPatience);
+  if (worker.IsRunning()) {
+    worker.LetGo();
+    return false;
   }
-  return decoded;
+  source.format = answer->format;
+  source.total = answer->total;
+  return answer->decoded;
 }
 
 void MakeAnsi(MetaData& data) {

@@ -85,6 +85,24 @@ TEST_F(WorkerThreadTest, WaitsForItsBodyWhenItIsDestroyed) {
 
 // The last release of an object may happen on its own worker, when a writer that the worker calls
 // holds it.
+TEST_F(WorkerThreadTest, WaitsForNoBodyThatItHasLetGo) {
+  {
+    WorkerThread worker;
+    ASSERT_EQ(worker.Start([shared = shared_] {
+      shared->WaitForGo();
+      ++shared->runs;
+    }),
+              S_OK);
+    worker.LetGo();
+    EXPECT_FALSE(worker.IsRunning());
+  }
+  EXPECT_EQ(shared_->runs, 0);
+  EXPECT_FALSE(TheModule().CanUnload()) << "the thread is in the module";
+  SetEvent(shared_->go.get());
+  while (!TheModule().CanUnload()) Sleep(1);
+  EXPECT_EQ(shared_->runs, 1);
+}
+
 TEST_F(WorkerThreadTest, MayBeDestroyedOnItsOwnThread) {
   auto worker = std::make_unique<WorkerThread>();
   WorkerThread& started = *worker;

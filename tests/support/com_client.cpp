@@ -112,12 +112,18 @@ ForeignArray::~ForeignArray() { SafeArrayDestroy(array_); }
 TemporaryFolder::TemporaryFolder() {
   static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
-  std::filesystem::path folder;
   // Process identifiers come again, and a test that crashed leaves its folder behind.
-  do {
+  constexpr int kMostNames = 1000;
+  std::filesystem::path folder;
+  std::error_code error;
+  for (int tried = 0; tried < kMostNames; ++tried) {
     folder = std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter));
-  } while (!std::filesystem::create_directories(folder));
-  path_ = folder.wstring();
+    if (std::filesystem::create_directories(folder, error)) {
+      path_ = folder.wstring();
+      return;
+    }
+  }
+  throw std::filesystem::filesystem_error("no temporary folder can be made", folder, error);
 }
 
 TemporaryFolder::~TemporaryFolder() {
