@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <filesystem>
+#include <future>
 #include <iterator>
 #include <map>
 #include <thread>
@@ -212,15 +213,13 @@ TEST(ProcessEnd, IsImmediateWhileDevicesRun) {
 TEST(TemporaryFiles, AreNeverSharedByHostsAtOnce) {
   const TemporaryFolder folder;
   const TemporaryFilesIn place(folder);
-  std::vector<std::thread> hosts;
-  std::vector<Outcome> outcomes(3);
-  for (std::size_t host = 0; host < outcomes.size(); ++host) {
-    hosts.emplace_back([&, host] {
-      outcomes[host] = RunInChildren(kPools, {}, 60, 0, static_cast<LONG64>(host) + 1);
-    });
+  std::vector<std::future<Outcome>> hosts;
+  for (LONG64 host = 1; host <= 3; ++host) {
+    hosts.push_back(
+        std::async(std::launch::async, [host] { return RunInChildren(kPools, {}, 60, 0, host); }));
   }
-  for (std::thread& host : hosts) host.join();
-  for (const Outcome& outcome : outcomes) {
+  for (std::future<Outcome>& host : hosts) {
+    const Outcome outcome = host.get();
     EXPECT_THAT(outcome.failures, ::testing::IsEmpty());
     EXPECT_EQ(outcome.calls, 100);
   }
