@@ -40,7 +40,7 @@ class VorbisStream {
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
   // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
-  // its first NUL, until a Read throws. They live as long as this object.
+  // its first NUL; none once a Read has thrown. They live as long as this object, or until then.
   std::vector<std::string_view> Comments() const;
 
   // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many

@@ -1,7 +1,7 @@
-// Eight threads, each a host of its own, edit, read, write, import, export, connect, cancel and
-// scrub at random, play and record, let last references go in the middle of
-// all that, and share the objects that may be shared: nothing crashes, nothing waits without end,
-// and every object gets all its references back. TESSALY_CONCURRENT_SECONDS names another time.
+// Eight threads, each a host of its own, edit, read, write, import, export, connect, cancel, scrub,
+// play and record at random, let last references go in the middle of all that, and share the
+// objects that may be shared: nothing crashes, nothing waits without end, and every object gets all
+// its references back. TESSALY_CONCURRENT_SECONDS names another time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -142,7 +142,7 @@ class Host {
     if (Sometimes()) Check(scrubber->Stop());
   }
 
-  // The task holds the only references to what it reads and to itself when the read returns.
+  // The last reference to a task goes while its thread is in a read, or has just come back.
   void ReleaseInTheMiddleOfARead() {
     auto source = RampSource::Make('A');
     auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
@@ -158,7 +158,7 @@ class Host {
     Check(task->Start());
     WaitForSingleObject(reading.get(), INFINITE);
     filter.Reset();
-    // The last release waits for the thread that reads, so that the read must end.
+    // It waits for that thread, so that somebody else must let the read end.
     std::thread last([&] { task.Reset(); });
     SetEvent(released.get());
     last.join();
