@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "bench/bench_support.h"
-#include "core/cpu_level.h"
-#include "core/sample_converter.h"
+#include "core/samples/cpu_level.h"
+#include "core/samples/sample_converter.h"
 #include "pool/dither.h"
 #include "pool/peak_builder.h"
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/audio_queue.h"
+#include "core/samples/audio_queue.h"
 
 namespace marlinda {
 namespace {

@@ -1,5 +1,5 @@
 // The classes of this module. Class factories, registration and the tests all read this one table;
-// adding a class is adding a row in core/module/class_table.cpp.
+// adding a class is adding a row in module/class_table.cpp.
 #pragma once
 
 #include <windows.h>

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace marlinda {
@@ -31,11 +32,17 @@ inline HRESULT LastErrorResult() noexcept {
   return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
 }
 
-// Runs the body of an interface method. The body returns the method's HRESULT or throws.
+// Runs the body of an interface method. The body returns the method's HRESULT or throws; a body
+// that returns nothing means S_OK.
 template <class Body>
 HRESULT ComCall(Body&& body) noexcept {
   try {
-    return std::forward<Body>(body)();
+    if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+      std::forward<Body>(body)();
+      return S_OK;
+    } else {
+      return std::forward<Body>(body)();
+    }
   } catch (const HResultError& error) {
     return error.code();
   } catch (const std::bad_alloc&) {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/sample_array.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "core/wave_format.h"
 #include "device/device_format.h"
 

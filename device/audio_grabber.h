@@ -9,9 +9,9 @@
 #include <memory>
 #include <mutex>
 
-#include "core/audio_queue.h"
 #include "core/com_object.h"
 #include "core/handle.h"
+#include "core/samples/audio_queue.h"
 #include "device/calls_inside.h"
 
 namespace marlinda {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "core/wave_format.h"
 #include "device/device_format.h"
 #include "device/level_meter.h"

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "edit/section.h"
+#include "core/section.h"
 
 namespace marlinda {
 

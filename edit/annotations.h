@@ -4,22 +4,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
-#include "edit/section.h"
+#include "core/records.h"
 
 namespace marlinda {
-
-struct Label {
-  std::int64_t position = 0;
-  std::string name;
-};
-
-struct SectionMarker {
-  CSection section;
-  std::string name;
-};
 
 // Both lists keep the order in which records were added; nothing sorts them. Positions and ranges
 // are never checked.

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "edit/section.h"
+#include "core/section.h"
 
 namespace marlinda {
 

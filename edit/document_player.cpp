@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "core/apartment.h"
 #include "core/sample_array.h"
 #include "edit/play_section.h"
 
@@ -15,19 +16,6 @@ constexpr LONG kPlayBufferMilliSecs = 1000;
 constexpr LONG kScrubBufferMilliSecs = 100;
 constexpr LONG kScrubBlocksPerSecond = 10;
 constexpr DWORD kPollMilliSecs = 10;
-
-class Apartment {
- public:
-  Apartment() noexcept : result_(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
-  ~Apartment() {
-    if (SUCCEEDED(result_)) CoUninitialize();
-  }
-  Apartment(const Apartment&) = delete;
-  Apartment& operator=(const Apartment&) = delete;
-
- private:
-  const HRESULT result_;
-};
 
 }  // namespace
 
@@ -100,7 +88,7 @@ void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool loop
                      PlayBlockBytes(format.samples_per_sec, format.channels)});
   thread_.emplace();
   thread_->Start([job = job_]() mutable {
-    const Apartment apartment;
+    const Apartment apartment(COINIT_APARTMENTTHREADED);
     // The last holder of the sources releases them inside the apartment.
     std::exchange(job, nullptr)->Run();
   });

@@ -7,9 +7,9 @@
 #include <optional>
 
 #include "core/com_ptr.h"
+#include "core/section.h"
 #include "core/worker_thread.h"
 #include "edit/document_content.h"
-#include "edit/section.h"
 
 namespace marlinda {
 

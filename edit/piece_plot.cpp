@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "core/com_ptr.h"
-#include "core/extremes.h"
-#include "core/peak_summary.h"
+#include "core/samples/extremes.h"
+#include "core/samples/peak_summary.h"
 #include "edit/waveplot.h"
 
 namespace marlinda {

@@ -6,7 +6,7 @@
 #include <span>
 
 #include "core/scratch_array.h"
-#include "edit/section.h"
+#include "core/section.h"
 
 namespace marlinda {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "edit/section.h"
+#include "core/section.h"
 
 namespace marlinda {
 

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "edit/section.h"
+#include "core/section.h"
 
 namespace marlinda {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "core/extremes.h"
 #include "core/frame_math.h"
+#include "core/samples/extremes.h"
 
 namespace marlinda {
 namespace {

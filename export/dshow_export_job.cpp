@@ -4,8 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include "core/apartment.h"
 #include "core/sample_array.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 namespace marlinda {
 namespace {
@@ -14,20 +15,6 @@ constexpr std::int64_t kFramesPerBlock = 65536;
 constexpr int kBits = 16;
 // What the formats of files and encoders count in 16 bits: the bytes of a frame.
 constexpr int kMostChannels = 0xFFFF / (kBits / 8);
-
-// The worker's apartment: encoders expect one, and nobody serves messages here.
-class Apartment {
- public:
-  Apartment() : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
-  Apartment(const Apartment&) = delete;
-  Apartment& operator=(const Apartment&) = delete;
-  ~Apartment() {
-    if (SUCCEEDED(result_)) CoUninitialize();
-  }
-
- private:
-  const HRESULT result_;
-};
 
 std::int64_t SampleCountOf(IAudioReader* reader) {
   __int64 count = 0;
@@ -52,7 +39,7 @@ HRESULT DShowExportJob::AskFormat(int& samples_per_sec, int& channels) const {
 }
 
 void DShowExportJob::Run(EncodingOrder order, std::promise<HRESULT>& opened) noexcept {
-  const Apartment apartment;
+  const Apartment apartment(COINIT_MULTITHREADED);
   order.path = path_;
   const int channels = order.channels;
   std::unique_ptr<EncodedFile> file;

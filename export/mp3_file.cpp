@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "core/graph_filter.h"
 #include "core/handle.h"
+#include "dshow/graph_filter.h"
 #include "export/encoded_file.h"
 #include "export/file_sink.h"
 #include "export/id3_tag.h"

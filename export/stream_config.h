@@ -9,7 +9,7 @@
 #include <functional>
 
 #include "core/com_ptr.h"
-#include "core/graph_filter.h"
+#include "dshow/graph_filter.h"
 
 namespace marlinda {
 

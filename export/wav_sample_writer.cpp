@@ -4,7 +4,7 @@
 #include <array>
 #include <bit>
 
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 namespace marlinda {
 

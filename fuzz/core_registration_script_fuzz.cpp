@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "core/registration_script.h"
+#include "core/registration/registration_script.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const marlinda::RegistryReplacements replacements = {{L"A", L"'{}=%A%"}, {L"B", L""}};

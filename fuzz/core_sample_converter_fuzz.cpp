@@ -9,7 +9,7 @@
 #include <span>
 #include <vector>
 
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "core/apartment.h"
 #include "core/com_ptr.h"
 #include "host/annotations.h"
 #include "host/console.h"
@@ -18,15 +19,6 @@ namespace marlinda {
 
 // What a failure of the pool's own files is reported about.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
-
-// The single-threaded apartment that the engine's objects live in.
-class Apartment {
- public:
-  Apartment() { Check(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)); }
-  ~Apartment() { CoUninitialize(); }
-  Apartment(const Apartment&) = delete;
-  Apartment& operator=(const Apartment&) = delete;
-};
 
 // Creates an object or throws with the remedy for a class that is not registered.
 template <class I>

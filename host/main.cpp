@@ -130,7 +130,8 @@ int Run(Console& console) {
   app.allow_windows_style_options(false);
   const auto run_in_apartment = [&](auto command) {
     return [&console, command] {
-      const Apartment apartment;
+      const Apartment apartment(COINIT_APARTMENTTHREADED);
+      Check(apartment.result());
       command();
     };
   };

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "core/com_ptr.h"
-#include "core/graph_filter.h"
+#include "dshow/graph_filter.h"
 #include "import/pcm_format.h"
 
 namespace marlinda {

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/apartment.h"
 #include "core/com_ptr.h"
 #include "core/resource.h"
 #include "core/sample_array.h"
@@ -28,15 +29,6 @@ constexpr DWORD kPollMilliseconds = 100;
 constexpr DWORD kDecoderPatience = 15000;
 // Of one block, over all channels.
 constexpr std::size_t kBlockSamples = 16384;
-
-// The multithreaded apartment for a thread of our own.
-class WorkerApartment {
- public:
-  WorkerApartment() { Check(CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
-  ~WorkerApartment() { CoUninitialize(); }
-  WorkerApartment(const WorkerApartment&) = delete;
-  WorkerApartment& operator=(const WorkerApartment&) = delete;
-};
 
 // What is known of a file that can be imported.
 struct Source {
@@ -61,7 +53,8 @@ bool AskFilters(Source& source) {
   const auto answer = std::make_shared<Answer>();
   WorkerThread worker;
   Check(worker.Start([answer, file_name = source.file_name] {
-    const WorkerApartment apartment;
+    const Apartment apartment(COINIT_MULTITHREADED);
+    Check(apartment.result());
     const auto stream = DShowStream::Open(file_name);
     if (stream == nullptr) return;
     *answer = {true, stream->format(), stream->total_frames()};
@@ -173,7 +166,8 @@ void CDShowImport::Run::WriteSamplesOf(FileSource& file, const PcmData& pcm, IAu
 }
 
 void CDShowImport::Run::WriteDecoded(const Source& decoded, IAudioWriter* target) {
-  const WorkerApartment apartment;
+  const Apartment apartment(COINIT_MULTITHREADED);
+  Check(apartment.result());
   const auto stream = DShowStream::Open(decoded.file_name);
   // The format that was announced stays true, also when other filters have been installed since.
   if (stream == nullptr || stream->format() != format) return;

@@ -9,7 +9,7 @@
 #include "core/com_ptr.h"
 #include "core/resource.h"
 #include "core/sample_array.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "core/text.h"
 #include "import/hand_out.h"
 #include "import/vorbis_stream.h"

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "core/extensible_rules.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "import/byte_reader.h"
 
 namespace marlinda {

@@ -7,7 +7,7 @@
 #include "core/com_ptr.h"
 #include "core/registry.h"
 #include "core/sample_array.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "pool/file_access.h"
 #include "pool/kept_buffer.h"
 #include "pool/storage.h"

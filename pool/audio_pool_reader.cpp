@@ -5,7 +5,7 @@
 
 #include "core/frame_math.h"
 #include "core/sample_array.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "pool/file_access.h"
 #include "pool/kept_buffer.h"
 #include "pool/peak_builder.h"

@@ -13,7 +13,7 @@
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
-#include "core/peak_summary.h"
+#include "core/samples/peak_summary.h"
 #include "pool/peak_file.h"
 #include "pool/peak_groups.h"
 #include "pool/storage.h"

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstddef>
 
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 
 namespace marlinda {
 namespace {

@@ -3,7 +3,7 @@
 #include <cassert>
 #include <cstddef>
 
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 #include "pool/peak_kernels.h"
 
 namespace marlinda {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "core/extremes.h"
+#include "core/samples/extremes.h"
 
 namespace marlinda {
 namespace {

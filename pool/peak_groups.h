@@ -26,9 +26,10 @@ class PeakGroups {
   // over with a new object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
-  // Extends the pairs of each stretch by its peaks (see core/extremes.h). Stretches follow each
-  // other: the first begins at `first`, stretch i ends before the peak ends[i]. None is negative
-  // or goes beyond what has settled. False as soon as a read fails; the pairs are then of no use.
+  // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). Stretches follow
+  // each other: the first begins at `first`, stretch i ends before the peak ends[i]. None is
+  // negative or goes beyond what has settled. False as soon as a read fails; the pairs are then of
+  // no use.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read);
 

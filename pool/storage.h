@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 namespace marlinda {
 

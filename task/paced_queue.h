@@ -9,7 +9,7 @@
 #include <mutex>
 #include <span>
 
-#include "core/audio_queue.h"
+#include "core/samples/audio_queue.h"
 
 namespace marlinda {
 

@@ -1,12 +1,12 @@
 // The converter has one class and no type library, so its registration is one script.
-#include "core/registration.h"
+#include "module/registration.h"
 
 #include <string>
 
 #include "core/class_table.h"
 #include "core/com_call.h"
 #include "core/module.h"
-#include "core/registration_run.h"
+#include "core/registration/registration_run.h"
 #include "core/resource.h"
 
 namespace marlinda {

@@ -1,5 +1,5 @@
 // The extremes of blocks, held bit by bit against two comparisons for each value in turn.
-#include "core/extremes.h"
+#include "core/samples/extremes.h"
 
 #include <gtest/gtest.h>
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/cpu_level.h"
-#include "core/sample_kernels.h"
+#include "core/samples/cpu_level.h"
+#include "core/samples/sample_kernels.h"
 
 namespace marlinda::testing {
 

@@ -1,5 +1,5 @@
 // Registration scripts and their rollback on a scratch part of the real registry.
-#include "core/registration_run.h"
+#include "core/registration/registration_run.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "core/registration_script.h"
+#include "core/registration/registration_script.h"
 
 #include <gmock/gmock.h>
 

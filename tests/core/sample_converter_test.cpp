@@ -1,5 +1,5 @@
 // The converters against exact integer arithmetic and literal codes.
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The vector forms of the converters against the scalar form, bit for bit.
-#include "core/sample_kernels.h"
+#include "core/samples/sample_kernels.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
-#include "core/cpu_level.h"
-#include "core/sample_converter.h"
+#include "core/samples/cpu_level.h"
+#include "core/samples/sample_converter.h"
 #include "tests/core/kernel_comparison.h"
 
 namespace marlinda {

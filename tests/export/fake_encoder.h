@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "core/com_ptr.h"
-#include "core/graph_filter.h"
+#include "dshow/graph_filter.h"
 #include "tests/support/test_object.h"
 
 namespace marlinda::testing {

@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "core/handle.h"
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 #include "tests/export/riff_builder.h"
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"

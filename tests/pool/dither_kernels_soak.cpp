@@ -8,7 +8,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 #include "pool/dither_kernels.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 
 namespace marlinda {
 namespace {

@@ -8,7 +8,7 @@
 #include <limits>
 #include <random>
 
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 
 namespace marlinda {
 namespace {

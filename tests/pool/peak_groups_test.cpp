@@ -7,7 +7,7 @@
 #include <limits>
 #include <random>
 
-#include "core/extremes.h"
+#include "core/samples/extremes.h"
 
 namespace marlinda {
 namespace {

@@ -1,9 +1,9 @@
-#include "core/sample_converter.h"
+#include "core/samples/sample_converter.h"
 
 #include <cassert>
 
-#include "core/cpu_level.h"
-#include "core/sample_kernels.h"
+#include "core/samples/cpu_level.h"
+#include "core/samples/sample_kernels.h"
 
 namespace marlinda {
 namespace {

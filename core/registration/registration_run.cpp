@@ -1,4 +1,4 @@
-#include "core/registration_run.h"
+#include "core/registration/registration_run.h"
 
 #include <algorithm>
 #include <ranges>

@@ -1,4 +1,4 @@
-#include "core/registry_transaction.h"
+#include "core/registration/registry_transaction.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,8 +1,8 @@
 // Carries registration scripts out on the registry.
 #pragma once
 
-#include "core/registration_script.h"
-#include "core/registry_transaction.h"
+#include "core/registration/registration_script.h"
+#include "core/registration/registry_transaction.h"
 
 namespace marlinda {
 

@@ -2,7 +2,7 @@
 // instructions, so nothing else must call what is defined here but through the table.
 #include <immintrin.h>
 
-#include "core/sample_kernel_blocks.h"
+#include "core/samples/sample_kernel_blocks.h"
 
 namespace marlinda {
 namespace {

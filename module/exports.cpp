@@ -4,8 +4,8 @@
 #include "core/class_factory.h"
 #include "core/class_table.h"
 #include "core/module.h"
-#include "core/registration.h"
 #include "core/type_library.h"
+#include "module/registration.h"
 
 using marlinda::ClassTable;
 using marlinda::TheModule;

@@ -1,4 +1,4 @@
-#include "core/extremes.h"
+#include "core/samples/extremes.h"
 
 #include <emmintrin.h>
 

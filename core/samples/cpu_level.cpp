@@ -1,4 +1,4 @@
-#include "core/cpu_level.h"
+#include "core/samples/cpu_level.h"
 
 #include <immintrin.h>
 #ifdef _MSC_VER

@@ -1,4 +1,4 @@
-#include "core/graph_filter.h"
+#include "dshow/graph_filter.h"
 
 #include <algorithm>
 #include <cstring>

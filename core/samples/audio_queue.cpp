@@ -1,4 +1,4 @@
-#include "core/audio_queue.h"
+#include "core/samples/audio_queue.h"
 
 #include <algorithm>
 #include <new>

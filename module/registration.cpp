@@ -1,4 +1,4 @@
-#include "core/registration.h"
+#include "module/registration.h"
 
 #include <marlinda.h>
 
@@ -11,7 +11,7 @@
 #include "core/com_call.h"
 #include "core/com_ptr.h"
 #include "core/module.h"
-#include "core/registration_run.h"
+#include "core/registration/registration_run.h"
 #include "core/resource.h"
 
 namespace marlinda {

@@ -2,7 +2,7 @@
 // form; everything else is exact in single precision.
 #include <emmintrin.h>
 
-#include "core/sample_kernel_blocks.h"
+#include "core/samples/sample_kernel_blocks.h"
 
 namespace marlinda {
 namespace {

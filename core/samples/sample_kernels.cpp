@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "core/sample_kernels.h"
+#include "core/samples/sample_kernels.h"
 
 namespace marlinda {
 namespace {

@@ -2,7 +2,7 @@
 // includes this, in an unnamed namespace, which makes the loop that file's own, too.
 #pragma once
 
-#include "core/sample_kernels.h"
+#include "core/samples/sample_kernels.h"
 
 namespace marlinda {
 
