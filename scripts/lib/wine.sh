@@ -1,10 +1,13 @@
-# What scripts/wine-session and the keeper of its display share. Sourced; expects `prefix`.
+# What scripts/wine-session and the keeper of its display share. Sourced; expects `root` and `prefix`.
 #
 # $prefix.lock     every session holds it shared; held alone to make the prefix or to stop the server
 # $prefix.display  "<display> <keeper's process id>"; locked for as long as the keeper lives
 
 wine=/usr/lib/wine/wine64 # the package's wrapper would print a hint about a missing 32-bit Wine
-wine_server=/usr/lib/wine/wineserver64
+wine_server=/usr/lib/wine/wineserver64 # also ends and awaits the server of a 32-bit prefix
+if [[ ${TESSALY_WINE_BITS:-64} == 32 ]]; then
+  wine=$root/scripts/lib/wine32
+fi
 
 # Ends what is left running in the prefix: Wine's helper processes would stay for some seconds.
 stop_wine_server() {
