@@ -1,5 +1,5 @@
-// The classes of this module. Class factories, registration and the tests all read this one table;
-// adding a class is adding a row in module/class_table.cpp.
+// The classes of this module, for class factories and registration. A new class is a new row in
+// module/class_table.cpp.
 #pragma once
 
 #include <windows.h>
@@ -12,7 +12,6 @@ struct ClassEntry {
   const CLSID* clsid;
   const wchar_t* name;     // class name; the friendly name is "<name> Object"
   const wchar_t* prog_id;  // versioned, such as "Marlinda.AudioPool.1"
-  // Creates an object; null for a class that this version does not offer yet.
   HRESULT (*create)(IUnknown* outer, REFIID iid, void** object) noexcept;
 };
 

@@ -23,10 +23,10 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
 
 // Automation counts an array's bytes in 32 bits. Some platforms do not check that, so an array that
 // claims more has less memory than it says.
-constexpr std::size_t kMostSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
+constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
 
 SAFEARRAY* CreateFloats(std::size_t count) {
-  if (count > kMostSamples) throw std::bad_alloc();
+  if (count > kMaxSamples) throw std::bad_alloc();
   // Not SafeArrayCreateVector, which puts the data into the descriptor's own block of memory: such
   // an array is not meant to be resized.
   SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
@@ -45,7 +45,7 @@ HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
   if (array_ != nullptr) return E_UNEXPECTED;
   if (array == nullptr || !HoldsFloats(array)) return E_INVALIDARG;
   const std::size_t count = array->rgsabound[0].cElements;
-  if (count > kMostSamples || (count > 0 && array->pvData == nullptr)) return E_INVALIDARG;
+  if (count > kMaxSamples || (count > 0 && array->pvData == nullptr)) return E_INVALIDARG;
   void* data = nullptr;
   const HRESULT hr = SafeArrayAccessData(array, &data);
   if (FAILED(hr)) return hr;
@@ -74,7 +74,7 @@ void SampleArray::Resize(std::size_t count) {
     return;
   }
   if (samples().size() == count) return;
-  if (count > kMostSamples) throw std::bad_alloc();
+  if (count > kMaxSamples) throw std::bad_alloc();
   SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
   Check(SafeArrayRedim(array_, &bound));
 }

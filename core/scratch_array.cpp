@@ -7,9 +7,8 @@
 namespace marlinda {
 namespace {
 
-// One unusually large read must not occupy its memory for good: 8 MiB, which is what the widest
-// screens take.
-constexpr std::size_t kMostKept = std::size_t{1} << 21;
+// Larger arrays are not kept: 8 MiB is the size for the widest screens.
+constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace
 
@@ -50,13 +49,13 @@ std::span<const float> ScratchArray::samples() const noexcept {
   return {buffer_.get(), std::min<std::size_t>(count_, array_->rgsabound[0].cElements)};
 }
 
-std::unique_ptr<ScratchArray> ScratchKeeper::Take() {
+std::unique_ptr<ScratchArray> ScratchCache::Take() {
   std::unique_ptr<ScratchArray> array(kept_.exchange(nullptr));
   return array != nullptr ? std::move(array) : std::make_unique<ScratchArray>();
 }
 
-void ScratchKeeper::GiveBack(std::unique_ptr<ScratchArray> array) noexcept {
-  if (array->capacity() > kMostKept) return;
+void ScratchCache::GiveBack(std::unique_ptr<ScratchArray> array) noexcept {
+  if (array->capacity() > kMaxKeptSamples) return;
   delete kept_.exchange(array.release());
 }
 

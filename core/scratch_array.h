@@ -43,12 +43,12 @@ class ScratchArray {
 
 // Keeps one scratch array between calls. Calls that run at once or within each other each get an
 // array of their own.
-class ScratchKeeper {
+class ScratchCache {
  public:
-  ScratchKeeper() noexcept = default;
-  ~ScratchKeeper() { delete kept_.load(); }
-  ScratchKeeper(const ScratchKeeper&) = delete;
-  ScratchKeeper& operator=(const ScratchKeeper&) = delete;
+  ScratchCache() noexcept = default;
+  ~ScratchCache() { delete kept_.load(); }
+  ScratchCache(const ScratchCache&) = delete;
+  ScratchCache& operator=(const ScratchCache&) = delete;
 
   std::unique_ptr<ScratchArray> Take();
   void GiveBack(std::unique_ptr<ScratchArray> array) noexcept;
@@ -60,15 +60,15 @@ class ScratchKeeper {
 // The kept array for the length of one call.
 class ScratchLease {
  public:
-  explicit ScratchLease(ScratchKeeper& keeper) : keeper_(keeper), array_(keeper.Take()) {}
-  ~ScratchLease() { keeper_.GiveBack(std::move(array_)); }
+  explicit ScratchLease(ScratchCache& cache) : cache_(cache), array_(cache.Take()) {}
+  ~ScratchLease() { cache_.GiveBack(std::move(array_)); }
   ScratchLease(const ScratchLease&) = delete;
   ScratchLease& operator=(const ScratchLease&) = delete;
 
   ScratchArray* operator->() const noexcept { return array_.get(); }
 
  private:
-  ScratchKeeper& keeper_;
+  ScratchCache& cache_;
   std::unique_ptr<ScratchArray> array_;
 };
 

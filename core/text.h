@@ -9,7 +9,18 @@
 #include <string>
 #include <string_view>
 
+#include "core/handle.h"
+
 namespace marlinda {
+
+struct BstrTraits {
+  using Raw = BSTR;
+  static Raw Invalid() noexcept { return nullptr; }
+  static void Close(Raw raw) noexcept { SysFreeString(raw); }
+};
+
+// Owns a BSTR, such as one received from a method.
+using OwnedBstr = Handle<BstrTraits>;
 
 // A BSTR that came in, as ANSI text. A null BSTR is the empty string, as everywhere in automation.
 std::string ToAnsi(BSTR text);

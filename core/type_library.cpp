@@ -5,14 +5,11 @@
 #include <map>
 #include <mutex>
 #include <new>
-#include <string>
 #include <utility>
 
 #include "core/com_call.h"
 #include "core/com_ptr.h"
-#include "core/handle.h"
 #include "core/module.h"
-#include "core/resource.h"
 
 namespace marlinda {
 namespace {
@@ -130,8 +127,6 @@ class TypeLibrary {
     methods_.clear();
     entries_.clear();
     library_.Reset();
-    if (!copy_.empty()) DeleteFileW(copy_.c_str());
-    copy_.clear();
   }
 
  private:
@@ -147,45 +142,12 @@ class TypeLibrary {
   }
 
   HRESULT Load() {
-    const HRESULT hr =
-        LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf());
-    // The system takes no path of more than MAX_PATH characters here, unlike when it loads a
-    // module. What it cannot find beside us it can read from a copy.
-    return SUCCEEDED(hr) ? hr : LoadCopy();
-  }
-
-  HRESULT LoadCopy() {
-    const HINSTANCE module = TheModule().Instance();
-    const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(IDR_TYPE_LIBRARY), L"TYPELIB");
-    const HGLOBAL loaded = resource == nullptr ? nullptr : LoadResource(module, resource);
-    if (loaded == nullptr) return LastErrorResult();
-
-    wchar_t folder[MAX_PATH + 1];
-    wchar_t file_name[MAX_PATH];
-    if (GetTempPathW(MAX_PATH + 1, folder) == 0 ||
-        GetTempFileNameW(folder, L"tlb", 0, file_name) == 0) {
-      return LastErrorResult();
-    }
-    FileHandle file(CreateFileW(file_name, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_TEMPORARY, nullptr));
-    DWORD written = 0;
-    if (!file || WriteFile(file.get(), LockResource(loaded), SizeofResource(module, resource),
-                           &written, nullptr) == FALSE) {
-      const HRESULT hr = LastErrorResult();
-      file.Reset();
-      DeleteFileW(file_name);
-      return hr;
-    }
-    file.Reset();
-    const HRESULT hr = LoadTypeLibEx(file_name, REGKIND_NONE, library_.GetAddressOf());
-    // A system that keeps the file open refuses this; Clear tries again.
-    if (DeleteFileW(file_name) == FALSE) copy_ = file_name;
-    return hr;
+    // The system takes no path of more than MAX_PATH characters here.
+    return LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf());
   }
 
   std::mutex mutex_;
   ComPtr<ITypeLib> library_;
-  std::wstring copy_;
   std::map<GUID, ComPtr<ITypeInfo>, GuidLess> entries_;
   std::map<GUID, MethodTable, GuidLess> methods_;
 };

@@ -73,7 +73,7 @@ bool WorkerThread::PollUntilEnded(DWORD milliseconds, ULONGLONG at_most) const n
   return true;
 }
 
-void WorkerThread::LetGo() noexcept {
+void WorkerThread::Detach() noexcept {
   thread_ = KernelHandle();
   id_ = 0;
 }

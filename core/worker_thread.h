@@ -41,9 +41,9 @@ class WorkerThread {
   // own end.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
-  // Leaves the body to itself, for one that waits inside somebody else's code and may never come
-  // back. The module stays in use until it does.
-  void LetGo() noexcept;
+  // Gives up the thread, for a body that waits in foreign code and may never return. The module
+  // stays loaded until the body returns.
+  void Detach() noexcept;
 
   // Waits until the body has ended, or for `milliseconds`. Meanwhile this thread serves the calls
   // that come to the objects of its apartment: the body may depend on one of them.

@@ -3,25 +3,11 @@
 #include <marlinda.h>
 
 #include "core/com_ptr.h"
+#include "core/text.h"
 #include "edit/annotations.h"
 
 namespace marlinda {
 namespace {
-
-// A string received from an object.
-class ReceivedName {
- public:
-  ReceivedName() noexcept = default;
-  ~ReceivedName() { SysFreeString(text_); }
-  ReceivedName(const ReceivedName&) = delete;
-  ReceivedName& operator=(const ReceivedName&) = delete;
-
-  BSTR get() const noexcept { return text_; }
-  BSTR* Receive() noexcept { return &text_; }
-
- private:
-  BSTR text_ = nullptr;
-};
 
 void CopyLabels(ILabelSupport* source, ILabelSupport* destination, __int64 offset,
                 const std::optional<CSection>& range) {
@@ -29,7 +15,7 @@ void CopyLabels(ILabelSupport* source, ILabelSupport* destination, __int64 offse
   source->GetLabelCount(&count);
   for (LONG i = 0; i < count; ++i) {
     __int64 position = 0;
-    ReceivedName name;
+    OwnedBstr name;
     if (FAILED(source->GetLabel(i, &position, name.Receive()))) continue;
     if (range && !range->Contains(position)) continue;
     destination->AddLabel(WrappingAdd(position, offset), name.get());
@@ -41,7 +27,7 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
   LONG count = 0;
   source->GetMarkerCount(&count);
   for (LONG i = 0; i < count; ++i) {
-    ReceivedName name;
+    OwnedBstr name;
     __int64 begin = 0;
     __int64 end = 0;
     if (FAILED(source->GetSectionMarker(i, &begin, &end, name.Receive()))) continue;

@@ -7,11 +7,13 @@
 #include <utility>
 
 #include "core/frame_math.h"
+#include "core/nested_call.h"
 #include "core/sample_array.h"
-#include "edit/nested_call.h"
 
 namespace marlinda {
 namespace {
+
+enum class DocumentCall { kRead, kOpen, kClose };
 
 // More levels of documents within themselves than any content needs, and few enough for a thread's
 // stack.
@@ -27,7 +29,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
   return ComCall([&]() -> HRESULT {
     SampleArrayView view;
     Check(view.Lock(samples));
-    const NestedCall call(this, NestedCall::Kind::kRead);
+    const NestedCall call(this, DocumentCall::kRead);
     if (call.Depth() > kDeepestRead) return E_FAIL;
 
     std::shared_lock guard(lock);
@@ -69,7 +71,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
 // Deliberate: the sources that were opened before the failing one stay open.
 HRESULT DocumentContent::OpenDevice() {
   return ComCall([&]() -> HRESULT {
-    const NestedCall call(this, NestedCall::Kind::kOpen);
+    const NestedCall call(this, DocumentCall::kOpen);
     if (call.Depth() > 1) return E_FAIL;
     for (const auto& source : Sources()) Check(source->OpenDevice());
     return S_OK;
@@ -78,7 +80,7 @@ HRESULT DocumentContent::OpenDevice() {
 
 HRESULT DocumentContent::CloseDevice() {
   return ComCall([&]() -> HRESULT {
-    const NestedCall call(this, NestedCall::Kind::kClose);
+    const NestedCall call(this, DocumentCall::kClose);
     if (call.Depth() > 1) return S_OK;
     for (const auto& source : Sources()) source->CloseDevice();
     return S_OK;

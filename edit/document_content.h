@@ -42,7 +42,7 @@ struct DocumentContent {
   DocumentFormat format;
   Segments segments;
   Annotations annotations;
-  ScratchKeeper scratch;
+  ScratchCache scratch;
 };
 
 }  // namespace marlinda

@@ -5,15 +5,17 @@
 #include <shared_mutex>
 #include <utility>
 
+#include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "core/text.h"
 #include "edit/annotation_copy.h"
-#include "edit/nested_call.h"
 #include "edit/piece_plot.h"
 #include "edit/waveplot.h"
 
 namespace marlinda {
 namespace {
+
+enum class DocumentCall { kPlay };
 
 // A sink that starts playback whenever playback is started would never end otherwise.
 constexpr int kDeepestPlay = 16;
@@ -105,7 +107,7 @@ STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMas
                                 VARIANT_BOOL bLooped) {
   return ComCall([&] {
     const ComPtr<IUnknown> keep_alive(Identity());
-    const NestedCall call(this, NestedCall::Kind::kPlay);
+    const NestedCall call(this, DocumentCall::kPlay);
     // What did not start shows in GetPlayStatus.
     static_cast<void>(ComCall([&] {
       player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);

@@ -30,7 +30,7 @@ constexpr __int64 kPeaksPerColumnOfSummary = 64;
 // fails. `read` takes the record to start from and the array to fill. At least one read is made.
 template <class Read, class Columns>
 bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t most_floats,
-                  ScratchKeeper& scratch_keeper, Columns& columns, Read&& read) {
+                  ScratchCache& scratch_keeper, Columns& columns, Read&& read) {
   const auto most = static_cast<__int64>(std::max<std::size_t>(1, most_floats / unit));
   ScratchLease scratch(scratch_keeper);
   __int64 done = 0;
@@ -56,7 +56,7 @@ class OpenedDevice {
 };
 
 bool DrawSamples(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-                 std::span<float> pairs, ScratchKeeper& scratch_keeper) {
+                 std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (FAILED(source->OpenDevice())) return false;
   const OpenedDevice opened(source);
   SampleColumns drawn(pairs, channels, columns, piece.Length());
@@ -87,7 +87,7 @@ bool DrawSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t 
 }
 
 bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-               std::span<float> pairs, ScratchKeeper& scratch_keeper) {
+               std::span<float> pairs, ScratchCache& scratch_keeper) {
   const auto reader = TryQuery<IPeakReader>(source);
   LONG frames_per_peak = 0;
   if (!reader || FAILED(reader->GetSamplesPerPeak(&frames_per_peak)) || frames_per_peak <= 0) {
@@ -109,7 +109,7 @@ bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels
 }  // namespace
 
 void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-               std::span<float> pairs, ScratchKeeper& scratch_keeper) {
+               std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {
     std::ranges::fill(pairs, 0.0F);
     return;

@@ -14,6 +14,6 @@ namespace marlinda {
 // them that lie in the host's array. The pairs stay as they were when the source cannot be opened
 // or read, or has no peaks where peaks are needed. A null source is silence.
 void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-               std::span<float> pairs, ScratchKeeper& scratch_keeper);
+               std::span<float> pairs, ScratchCache& scratch_keeper);
 
 }  // namespace marlinda

@@ -4,9 +4,9 @@
 #include <memory>
 #include <utility>
 
+#include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "core/text.h"
-#include "core/thread_slot.h"
 #include "export/file_sink.h"
 #include "export/wav_layout.h"
 #include "export/wav_sample_writer.h"
@@ -18,33 +18,6 @@ namespace {
 constexpr SHORT kFloatBits = 32;
 
 enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQueryIsReady };
-
-// One method of one writer on the way through a chain. All that are under way on a thread form a
-// list on its stack, in which a call that comes back along a ring finds itself.
-class Passage {
- public:
-  Passage(const CWaveWriter* writer, WriterCall call) noexcept
-      : writer_(writer), call_(call), outer_(Innermost::Get()) {
-    Innermost::Set(this);
-  }
-  ~Passage() { Innermost::Set(outer_); }
-  Passage(const Passage&) = delete;
-  Passage& operator=(const Passage&) = delete;
-
-  bool CameBack() const noexcept {
-    for (const Passage* passage = outer_; passage != nullptr; passage = passage->outer_) {
-      if (passage->writer_ == writer_ && passage->call_ == call_) return true;
-    }
-    return false;
-  }
-
- private:
-  using Innermost = ThreadSlot<const Passage>;
-
-  const CWaveWriter* const writer_;
-  const WriterCall call_;
-  const Passage* const outer_;
-};
 
 }  // namespace
 
@@ -67,8 +40,8 @@ STDMETHODIMP CWaveWriter::SetTargetFile(BSTR bstrFileName) {
 }
 
 STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
-  const Passage passage(this, WriterCall::kWriteAudio);
-  if (passage.CameBack()) return S_OK;
+  const NestedCall call(this, WriterCall::kWriteAudio);
+  if (call.Depth() > 1) return S_OK;
   return ComCall([&] {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
@@ -87,8 +60,8 @@ STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
 }
 
 STDMETHODIMP CWaveWriter::OpenDevice() {
-  const Passage passage(this, WriterCall::kOpenDevice);
-  if (passage.CameBack()) return S_OK;
+  const NestedCall call(this, WriterCall::kOpenDevice);
+  if (call.Depth() > 1) return S_OK;
   return ComCall([&] {
     if (const auto next = write_through_) next->OpenDevice();
     FileHandle file = CreateTargetFile(target_file_);
@@ -104,16 +77,16 @@ STDMETHODIMP CWaveWriter::OpenDevice() {
 }
 
 STDMETHODIMP CWaveWriter::CloseDevice() {
-  const Passage passage(this, WriterCall::kCloseDevice);
-  if (passage.CameBack()) return S_OK;
+  const NestedCall call(this, WriterCall::kCloseDevice);
+  if (call.Depth() > 1) return S_OK;
   if (const auto next = write_through_) next->CloseDevice();
   file_.Close();
   return S_OK;
 }
 
 STDMETHODIMP CWaveWriter::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
-  const Passage passage(this, WriterCall::kSetFormat);
-  if (passage.CameBack()) return S_OK;
+  const NestedCall call(this, WriterCall::kSetFormat);
+  if (call.Depth() > 1) return S_OK;
   if (const auto next = write_through_) next->SetFormat(nSamplesPerSec, nChannels);
   samples_per_sec_ = nSamplesPerSec;
   channels_ = nChannels;
@@ -122,8 +95,8 @@ STDMETHODIMP CWaveWriter::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
 
 STDMETHODIMP CWaveWriter::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
-  const Passage passage(this, WriterCall::kQueryIsReady);
-  if (passage.CameBack()) return S_OK;
+  const NestedCall call(this, WriterCall::kQueryIsReady);
+  if (call.Depth() > 1) return S_OK;
   if (const auto next = write_through_) next->QueryIsReady(pbReady);
   return S_OK;
 }

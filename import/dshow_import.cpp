@@ -63,7 +63,7 @@ bool AskFilters(Source& source) {
   // be this one.
   worker.AwaitServingCalls(kDecoderPatience);
   if (worker.IsRunning()) {
-    worker.LetGo();
+    worker.Detach();
     return false;
   }
   source.format = answer->format;

@@ -15,20 +15,6 @@ namespace {
 // Below this no filter is ever chosen.
 constexpr SHORT kLowestMerit = -1;
 
-// A text that a foreign filter hands out, freed with the scope. Null where the filter gave none.
-class ReceivedText {
- public:
-  ReceivedText() = default;
-  ReceivedText(const ReceivedText&) = delete;
-  ReceivedText& operator=(const ReceivedText&) = delete;
-  ~ReceivedText() { SysFreeString(text_); }
-  BSTR* Receive() noexcept { return &text_; }
-  std::string ToAnsi() const { return marlinda::ToAnsi(text_); }
-
- private:
-  BSTR text_ = nullptr;
-};
-
 // The class identifiers in the list, as text. A list that cannot be opened is an empty one.
 std::vector<std::string> ListedClasses() {
   std::vector<std::string> names;
@@ -87,10 +73,10 @@ STDMETHODIMP CFileFilterMgr::GetImportFilterString(BSTR* pbstrFilterString) {
     for (const std::string& class_id : ListedClasses()) {
       const ComPtr<IImportFilter> filter = CreateFilter(class_id);
       if (filter == nullptr) continue;
-      ReceivedText fragment;
-      ReceivedText patterns;
+      OwnedBstr fragment;
+      OwnedBstr patterns;
       filter->GetFilterStrings(fragment.Receive(), patterns.Receive());
-      strings.Add(fragment.ToAnsi(), patterns.ToAnsi());
+      strings.Add(ToAnsi(fragment.get()), ToAnsi(patterns.get()));
     }
     const CMarlindaModule& module = TheModule();
     *pbstrFilterString =

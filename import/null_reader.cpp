@@ -2,12 +2,11 @@
 
 #include <algorithm>
 
+#include "core/constants.h"
 #include "core/sample_array.h"
 
 namespace marlinda {
 namespace {
-
-constexpr LONG kFramesPerPeak = 256;
 
 HRESULT FillWithSilence(SAFEARRAY* array) noexcept {
   SampleArrayView view;

@@ -15,7 +15,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_e
     // Thread calls stay enabled: the runtime inside this module frees each thread's data there.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
-    // When the process ends, the libraries that the type information came from may be gone already.
+    // At process end the automation library may be unloaded before this module.
     marlinda::ReleaseTypeInfo();
   }
   return TRUE;
@@ -25,7 +25,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** factory) {
   if (factory == nullptr) return E_POINTER;
   *factory = nullptr;
   for (const auto& entry : ClassTable()) {
-    if (IsEqualCLSID(*entry.clsid, clsid) && entry.create != nullptr) {
+    if (IsEqualCLSID(*entry.clsid, clsid)) {
       return marlinda::CreateClassFactory(entry, iid, factory);
     }
   }

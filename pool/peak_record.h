@@ -1,9 +1,9 @@
 // One record of the peak file.
 #pragma once
 
-namespace marlinda {
+#include "core/constants.h"
 
-inline constexpr int kFramesPerPeak = 256;
+namespace marlinda {
 
 // As stored in the peak file.
 struct PeakRecord {

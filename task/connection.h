@@ -91,7 +91,7 @@ class Connection {
   __int64 source_frames_ = 0;
 
   std::mutex pull_mutex_;
-  ScratchKeeper scratch_;
+  ScratchCache scratch_;
   __int64 read_position_ = 0;
 
   mutable std::mutex conversion_mutex_;

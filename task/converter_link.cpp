@@ -1,12 +1,10 @@
 #include "task/converter_link.h"
 
+#include "core/constants.h"
 #include "core/sample_array.h"
 
 namespace marlinda {
 namespace {
-
-// Part of the converter's contract. Nothing tells what it stands for, so it is passed as it is.
-constexpr LONG kMode = 151;
 
 // An array that a callee made and we destroy.
 class ReceivedArray {
@@ -29,8 +27,8 @@ class ReceivedArray {
 
 ConverterLink::ConverterLink(const StreamFormat& source, const StreamFormat& target) {
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter_))) return;
-  if (FAILED(
-          converter_->SetUp(source.rate, target.rate, source.channels, target.channels, kMode))) {
+  if (FAILED(converter_->SetUp(source.rate, target.rate, source.channels, target.channels,
+                               kConverterMode))) {
     converter_.Reset();
   }
 }

@@ -2,6 +2,7 @@
 
 #include <converter.h>
 
+#include "core/constants.h"
 #include "core/sample_count.h"
 #include "host/commands/summary.h"
 #include "host/engine.h"
@@ -23,14 +24,13 @@ std::string Describe(const AudioFormat& format) {
 // The engine passes samples unchanged where it has no converter, and tells nobody. So it is tried
 // before anything is written.
 void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
-  constexpr LONG kMode = 151;  // what the engine passes
   ComPtr<IFormatConverter> converter;
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {
     throw HostError(ExitStatus::kRegistration, "Converter.dll", "the format converter is missing",
                     "Keep Converter.dll beside marlinda.exe, or register it with \"regsvr32 "
                     "Converter.dll\".");
   }
-  if (FAILED(converter->SetUp(from.rate, to.rate, from.channels, to.channels, kMode))) {
+  if (FAILED(converter->SetUp(from.rate, to.rate, from.channels, to.channels, kConverterMode))) {
     throw HostError(ExitStatus::kUsage, "Converter.dll",
                     Describe(from) + " cannot be converted to " + Describe(to));
   }

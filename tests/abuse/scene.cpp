@@ -92,8 +92,7 @@ IUnknown* Scene::LegalObject(const Parameter& parameter) {
     const bool lists = std::ranges::any_of(
         candidate.methods, [&](const Method& method) { return method.iid == parameter.iid; });
     if (!lists) continue;
-    ComPtr<IUnknown> object;
-    if (FAILED(CreateInstance(candidate.clsid, object))) continue;
+    const auto object = Create<IUnknown>(candidate.clsid);
     ComPtr<IUnknown> face;
     object->QueryInterface(parameter.iid, reinterpret_cast<void**>(face.GetAddressOf()));
     kept_.push_back(face);

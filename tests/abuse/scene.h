@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/abuse/contract_model.h"
+#include "tests/support/contract_model.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {

@@ -85,7 +85,7 @@ TEST_F(WorkerThreadTest, WaitsForItsBodyWhenItIsDestroyed) {
 
 // The last release of an object may happen on its own worker, when a writer that the worker calls
 // holds it.
-TEST_F(WorkerThreadTest, WaitsForNoBodyThatItHasLetGo) {
+TEST_F(WorkerThreadTest, WaitsForNoBodyThatItHasDetach) {
   {
     WorkerThread worker;
     ASSERT_EQ(worker.Start([shared = shared_] {
@@ -93,7 +93,7 @@ TEST_F(WorkerThreadTest, WaitsForNoBodyThatItHasLetGo) {
       ++shared->runs;
     }),
               S_OK);
-    worker.LetGo();
+    worker.Detach();
     EXPECT_FALSE(worker.IsRunning());
   }
   EXPECT_EQ(shared_->runs, 0);

@@ -9,18 +9,13 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "tests/support/contract_model.h"
+
 namespace marlinda::testing {
 namespace {
 
 using GetClassObjectFunction = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
 using CanUnloadNowFunction = HRESULT(WINAPI*)();
-
-constexpr const CLSID* kClasses[] = {
-    &CLSID_CAudioConnector,  &CLSID_CAudioGrabber,  &CLSID_CAudioPlayback, &CLSID_CAudioPool,
-    &CLSID_CAudioPoolReader, &CLSID_CAudioScrubber, &CLSID_CDShowExport,   &CLSID_CEditedAudio,
-    &CLSID_CWavExportFilter, &CLSID_CDShowImport,   &CLSID_CFileFilterMgr, &CLSID_CNullReader,
-    &CLSID_COggImport,       &CLSID_CWaveWriter,
-};
 
 HMODULE module_handle = nullptr;
 std::vector<DWORD> registrations;
@@ -37,16 +32,14 @@ Function Export(const char* name) {
 void ModuleUnderTest::Load() {
   module_handle = LoadLibraryW(Path().c_str());
   if (module_handle == nullptr) throw std::runtime_error("the module does not load");
-  for (const CLSID* clsid : kClasses) {
+  static const std::vector<Class> classes = ClassesOfTheModule();
+  for (const Class& known : classes) {
     ComPtr<IUnknown> factory;
-    // A class that this version does not offer yet is left out.
-    if (FAILED(GetClassObject(*clsid, IID_IClassFactory,
-                              reinterpret_cast<void**>(factory.GetAddressOf())))) {
-      continue;
-    }
     DWORD cookie = 0;
-    Check(CoRegisterClassObject(*clsid, factory.Get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
-                                &cookie));
+    Check(GetClassObject(known.clsid, IID_IClassFactory,
+                         reinterpret_cast<void**>(factory.GetAddressOf())));
+    Check(CoRegisterClassObject(known.clsid, factory.Get(), CLSCTX_INPROC_SERVER,
+                                REGCLS_MULTIPLEUSE, &cookie));
     registrations.push_back(cookie);
   }
 }
@@ -58,8 +51,8 @@ void ModuleUnderTest::Revoke() {
 
 bool ModuleUnderTest::RevokeAndSeeUnused() {
   Revoke();
-  // A thread that has let go of its object may be on its way out.
-  for (int tick = 0; tick < 500 && CanUnloadNow() != S_OK; ++tick) Sleep(10);
+  // A thread that has released its object may still be ending.
+  for (int tick = 0; tick < 6000 && CanUnloadNow() != S_OK; ++tick) Sleep(10);
   const bool unused = CanUnloadNow() == S_OK;
   if (!unused) std::fprintf(stderr, "objects or threads of the module are left at the end\n");
   return unused;
@@ -113,10 +106,10 @@ TemporaryFolder::TemporaryFolder() {
   static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
   // Process identifiers come again, and a test that crashed leaves its folder behind.
-  constexpr int kMostNames = 1000;
+  constexpr int kMaxNames = 1000;
   std::filesystem::path folder;
   std::error_code error;
-  for (int tried = 0; tried < kMostNames; ++tried) {
+  for (int tried = 0; tried < kMaxNames; ++tried) {
     folder = std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter));
     if (std::filesystem::create_directories(folder, error)) {
       path_ = folder.wstring();

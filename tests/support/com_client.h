@@ -22,9 +22,7 @@ class ModuleUnderTest {
   static void Load();
   // Takes the classes back. The module stays loaded.
   static void Revoke();
-  // Takes the classes back and says whether nothing else of the module is in use: at the end of a
-  // program an object that is left, or a thread of the module's, is a fault. Complains when there
-  // is.
+  // Takes the classes back and returns whether no object and no thread of the module is left.
   static bool RevokeAndSeeUnused();
 
   static HMODULE Handle();
@@ -117,11 +115,11 @@ class TemporaryFolder {
 std::vector<unsigned char> ReadFileBytes(const std::wstring& path);
 void WriteFileBytes(const std::wstring& path, std::span<const unsigned char> bytes);
 
-// Reference count as AddRef and Release tell it.
+// The reference count that Release returns.
 ULONG ReferenceCount(IUnknown* object);
 
-// Starts nothing: waits until the task says that it has ended. False after `seconds`.
-bool WaitForTask(ICoreTask* task, int seconds = 60);
+// Waits until the task has ended; false after `seconds`, for which CTest ends the test as hung.
+bool WaitForTask(ICoreTask* task, int seconds = 600);
 
 template <class I>
 ComPtr<I> Create(REFCLSID clsid) {

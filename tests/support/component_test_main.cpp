@@ -13,6 +13,8 @@ int main(int argc, char** argv) {
     marlinda::testing::ModuleUnderTest::Load();
     result = RUN_ALL_TESTS();
     if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) result = 1;
+  } catch (const marlinda::HResultError& error) {
+    std::fprintf(stderr, "0x%08lx\n", static_cast<unsigned long>(error.code()));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
   }

@@ -4,6 +4,7 @@
 // After windows.h.
 #include <tlhelp32.h>
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -75,6 +76,26 @@ unsigned CountThreads() {
     if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++ours;
   }
   return ours;
+}
+
+void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what) {
+  for (unsigned now = count(); now > most; now = count()) {
+    std::printf("waiting: %u %s instead of %u\n", now, what, most);
+    std::fflush(stdout);
+    Sleep(500);
+  }
+}
+
+std::size_t CountHeapBlocks() {
+  const HANDLE heap = GetProcessHeap();
+  PROCESS_HEAP_ENTRY entry = {};
+  std::size_t blocks = 0;
+  HeapLock(heap);
+  while (HeapWalk(heap, &entry) != FALSE) {
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) ++blocks;
+  }
+  HeapUnlock(heap);
+  return blocks;
 }
 
 std::size_t CountPrivateBytes() {

@@ -1,4 +1,4 @@
-#include "tests/abuse/contract_model.h"
+#include "tests/support/contract_model.h"
 
 #include <stdexcept>
 
@@ -122,12 +122,15 @@ std::vector<Class> ClassesOfTheModule() {
     Check(library->GetTypeInfo(i, info.GetAddressOf()));
     const TYPEATTR attributes = AttributesOf(info.Get());
     if (attributes.typekind != TKIND_COCLASS) continue;
-    Class found = {NameOf(info.Get()), attributes.guid, {}};
+    Class found = {NameOf(info.Get()), attributes.guid, {}, {}, {}};
     for (UINT k = 0; k < attributes.cImplTypes; ++k) {
       INT flags = 0;
       Check(info->GetImplTypeFlags(k, &flags));
-      if ((flags & IMPLTYPEFLAG_FSOURCE) != 0) continue;
-      AppendMethods(VtableFace(Implemented(info.Get(), k)).Get(), found.methods);
+      const ComPtr<ITypeInfo> face = Implemented(info.Get(), k);
+      const bool is_source = (flags & IMPLTYPEFLAG_FSOURCE) != 0;
+      (is_source ? found.events : found.interfaces)
+          .push_back({NameOf(face.Get()), AttributesOf(face.Get()).guid});
+      if (!is_source) AppendMethods(VtableFace(face).Get(), found.methods);
     }
     classes.push_back(std::move(found));
   }

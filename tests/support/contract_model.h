@@ -1,5 +1,5 @@
-// The module's contracts as its type library tells them: every class, the interfaces that it lists,
-// their methods and parameters. What the library gains, the tests that run over this gain too.
+// The module's contracts, read from its type library: every class with its interfaces, their
+// methods and parameters. Tests that loop over them cover new classes and methods by themselves.
 #pragma once
 
 #include <windows.h>
@@ -32,14 +32,19 @@ struct Method {
   std::string FullName() const { return interface_name + "::" + name; }
 };
 
+struct Interface {
+  std::string name;
+  IID iid;
+};
+
 struct Class {
   std::string name;
   CLSID clsid;
-  // All of its interfaces, in their order.
-  std::vector<Method> methods;
+  std::vector<Interface> interfaces;  // the first is the default one
+  std::vector<Interface> events;
+  std::vector<Method> methods;  // of all interfaces, in their order
 };
 
-// Read out of the module under test.
 std::vector<Class> ClassesOfTheModule();
 
 }  // namespace marlinda::testing

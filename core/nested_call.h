@@ -1,0 +1,39 @@
+// Counts calls that come back to the same object on the same thread. A document can contain itself
+// through its segments, and a chain of writers can be a ring: such calls would never end.
+#pragma once
+
+#include "core/thread_slot.h"
+
+namespace marlinda {
+
+// One call of one object, as a local variable of the method. The calls in progress on a thread form
+// a list on its stack. `Kind` is an enumeration of the methods that are told apart.
+template <class Kind>
+class NestedCall {
+ public:
+  NestedCall(const void* object, Kind kind) noexcept
+      : object_(object), kind_(kind), outer_(Innermost::Get()) {
+    Innermost::Set(this);
+  }
+  ~NestedCall() { Innermost::Set(outer_); }
+  NestedCall(const NestedCall&) = delete;
+  NestedCall& operator=(const NestedCall&) = delete;
+
+  // Calls of this kind in progress on the object, this one included: 1 when it is not nested.
+  int Depth() const noexcept {
+    int depth = 0;
+    for (const NestedCall* call = this; call != nullptr; call = call->outer_) {
+      if (call->object_ == object_ && call->kind_ == kind_) ++depth;
+    }
+    return depth;
+  }
+
+ private:
+  using Innermost = ThreadSlot<const NestedCall>;
+
+  const void* const object_;
+  const Kind kind_;
+  const NestedCall* const outer_;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,62 @@
+// Applies the registry scripts of a module's resources to the registry.
+#pragma once
+
+#include <windows.h>
+
+#include <span>
+#include <string>
+
+#include "core/class_table.h"
+#include "core/registration/registry_script.h"
+
+namespace marlinda {
+
+std::wstring ToText(REFGUID guid);
+
+// Gives the thread the system's locale, so that registry texts do not depend on the user's.
+class SystemLocale {
+ public:
+  SystemLocale() noexcept { SetThreadLocale(LOCALE_SYSTEM_DEFAULT); }
+  SystemLocale(const SystemLocale&) = delete;
+  SystemLocale& operator=(const SystemLocale&) = delete;
+  ~SystemLocale() { SetThreadLocale(previous_); }
+
+ private:
+  const LCID previous_ = GetThreadLocale();
+};
+
+// One registration or unregistration. The thread has the system's locale meanwhile. Each method
+// stops at the first change that fails and throws HResultError; earlier changes stay.
+class Registration {
+ public:
+  // Reads the environment variable TESSALY_REGISTRATION: "user" means the current user; "machine"
+  // or no value means the machine. Throws HResultError with E_INVALIDARG for anything else.
+  Registration();
+
+  bool is_per_user() const noexcept { return is_per_user_; }
+
+  // Writes what script `id` contains. Keys and values of others stay.
+  void Register(UINT id, const RegistryReplacements& replacements) const;
+  // Removes what script `id` contains, last key first. A key with other content stays, and so does
+  // a key that the script marks NoRemove.
+  void Unregister(UINT id, const RegistryReplacements& replacements) const;
+
+  // The same for each of `classes`, with the script IDR_CLASS_REGISTRATION.
+  void RegisterClasses(std::span<const ClassEntry> classes) const;
+  void UnregisterClasses(std::span<const ClassEntry> classes) const;
+
+  // Whether a key exists below HKEY_CLASSES_ROOT or, per user, below the user's own classes.
+  bool HasKey(const std::wstring& path) const;
+
+ private:
+  std::wstring FullPath(const std::wstring& path) const;
+
+  const SystemLocale locale_;
+  bool is_per_user_ = false;
+  HKEY root_ = HKEY_CLASSES_ROOT;
+};
+
+// The replacements that every script knows: MODULE, MODULETYPE, APPID and MODULEGUID.
+RegistryReplacements ModuleReplacements();
+
+}  // namespace marlinda
