@@ -259,7 +259,7 @@ Shared MakeShared(const std::wstring& folder) {
 
 TEST(ConcurrentHosts, DoNotDisturbEachOther) {
   const char* const named = std::getenv("TESSALY_CONCURRENT_STEPS");
-  const int steps = named != nullptr ? std::atoi(named) : 12;
+  const int steps = named != nullptr ? std::atoi(named) : 40;
   const TemporaryFolder folder;
   const std::vector<Class> classes = ClassesOfTheModule();
   Shared shared = MakeShared(folder.path());

@@ -1,84 +1,57 @@
-// Fails the Nth file call of the module, and then the Nth allocation, for every N up to the end of
-// a story in which a host imports, edits and exports two seconds of audio, and at last the Nth
-// allocation of the codec library while it imports. Whatever fails, no call crashes or hangs, what
-// was stored before stays, and with the fault gone the same objects serve.
+// A host imports, edits and exports two seconds of audio while the Nth file call of the module
+// fails, and then the Nth allocation, for every N. No call crashes or hangs, stored audio stays,
+// nothing leaks, and afterwards the same objects work again.
 //
-// The calls are caught where the module's table of imported functions names them. What the
-// compiler's runtime in the module allocates for itself does not fail.
+// The calls are replaced in the module's import table. Allocations of the compiler's runtime do not
+// fail.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "tests/abuse/child_runs.h"
-#include "tests/abuse/contract_model.h"
 #include "tests/support/com_client.h"
+#include "tests/support/contract_model.h"
 #include "tests/support/process_counts.h"
-#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
 
 using Samples = std::vector<float>;
-using ::testing::Contains;
-using ::testing::HasSubstr;
 
-enum class Kind { kNone, kFileCall, kAllocation, kCodecAllocation };
-
-// --- which call fails
-// ---------------------------------------------------------------------------------
+// Of calls that fail.
+enum class Fault { kNone, kFileCall, kAllocation };
 
 // Whose turn it is to fail.
 class Turn {
  public:
   // Counts calls of the kind from now on, and makes number `n` fail, the first being 1.
-  void Arm(Kind kind, LONG64 n) {
+  void Arm(Fault kind, LONG64 n) {
     calls_ = 0;
     failed_ = nullptr;
     at_ = n;
     kind_ = kind;
   }
-  void Disarm() { kind_ = Kind::kNone; }
-  bool Comes(Kind kind, const char* name) {
+  void Disarm() { kind_ = Fault::kNone; }
+  bool Comes(Fault kind, const char* name) {
     if (kind_ != kind || ++calls_ != at_) return false;
-    callers_ = CaptureStackBackTrace(2, kCallers, stack_, nullptr);
     failed_ = name;
     return true;
-  }
-  // Where the function that failed was called, as offsets into the module for addr2line.
-  std::string Callers() const {
-    std::string text;
-    for (USHORT i = 0; i < callers_; ++i) {
-      char offset[24];
-      std::snprintf(
-          offset, sizeof offset, " +0x%llx",
-          static_cast<unsigned long long>(static_cast<std::byte*>(stack_[i]) -
-                                          reinterpret_cast<std::byte*>(ModuleUnderTest::Handle())));
-      text += offset;
-    }
-    return text;
   }
   LONG64 calls() const { return calls_; }
   // The function that failed; null when it was nobody's turn.
   const char* failed() const { return failed_; }
 
  private:
-  std::atomic<Kind> kind_ = Kind::kNone;
+  std::atomic<Fault> kind_ = Fault::kNone;
   std::atomic<LONG64> calls_ = 0;
   std::atomic<LONG64> at_ = 0;
   std::atomic<const char*> failed_ = nullptr;
-  static constexpr ULONG kCallers = 12;
-  void* stack_[kCallers] = {};
-  USHORT callers_ = 0;
 };
 
 Turn turn;
@@ -134,7 +107,7 @@ R FailWith(DWORD error, R result) {
 }
 
 struct FileCall {
-  static constexpr Kind kKind = Kind::kFileCall;
+  static constexpr Fault kKind = Fault::kFileCall;
 };
 struct GetTempFileNameAFails : FileCall {
   static constexpr char kName[] = "GetTempFileNameA";
@@ -174,7 +147,7 @@ struct FtellFails : FileCall {
 };
 
 struct Allocation {
-  static constexpr Kind kKind = Kind::kAllocation;
+  static constexpr Fault kKind = Fault::kAllocation;
 };
 template <class T>
 struct GivesNothing : Allocation {
@@ -202,7 +175,7 @@ struct CreateThreadFails : GivesNothing<void> {
   static HANDLE Fail() { return FailWith<HANDLE>(ERROR_NOT_ENOUGH_MEMORY, nullptr); }
 };
 
-// The C heap, of which only what operator new and the codec library ask for is refused.
+// The C heap, of which only the requests of operator new fail.
 struct Heap {
   static inline void* (*malloc)(std::size_t) = nullptr;
   static inline void* (*calloc)(std::size_t, std::size_t) = nullptr;
@@ -211,27 +184,14 @@ struct Heap {
   // Where operator new calls malloc: learned from an object that the module makes.
   static inline std::atomic<bool> learning = false;
   static inline std::atomic<const void*> operator_new = nullptr;
-  // Where the codec library's requests reach realloc, all at one place: learned from a file that
-  // the module looks into.
-  static inline std::atomic<bool> learning_codec = false;
-  static inline std::atomic<const void*> codec = nullptr;
-
   static void* Malloc(std::size_t size) {
     const void* const caller = __builtin_return_address(0);
     if (learning.exchange(false)) operator_new = caller;
-    if (caller == operator_new && turn.Comes(Kind::kAllocation, "operator new")) return nullptr;
+    if (caller == operator_new && turn.Comes(Fault::kAllocation, "operator new")) return nullptr;
     return Counted(malloc(size));
   }
   static void* Calloc(std::size_t count, std::size_t size) { return Counted(calloc(count, size)); }
   static void* Realloc(void* block, std::size_t size) {
-    const void* const caller = __builtin_return_address(0);
-    if (learning_codec) {
-      if (codec == nullptr) codec = caller;
-      if (codec != caller) std::abort();
-    }
-    if (caller == codec && turn.Comes(Kind::kCodecAllocation, "the codec's realloc")) {
-      return nullptr;
-    }
     return block == nullptr ? Counted(realloc(block, size)) : realloc(block, size);
   }
   static void Free(void* block) {
@@ -247,20 +207,17 @@ struct Heap {
   static void Install(const char* name, Function& real, Function replacement) {
     real = reinterpret_cast<Function>(ReplaceImport(name, reinterpret_cast<void*>(replacement)));
   }
-  static void Install(const std::wstring& sample) {
+  static void Install() {
     Install("malloc", malloc, Malloc);
     Install("calloc", calloc, Calloc);
     Install("realloc", realloc, Realloc);
     Install("free", free, Free);
     learning = true;
     Create<IUnknown>(CLSID_CNullReader);
-    learning_codec = true;
-    if (Create<IImportFilter>(CLSID_COggImport)->QueryCanLoad(Bstr(sample)) != S_OK) std::abort();
-    learning_codec = false;
   }
 };
 
-void InstallStandIns(const std::wstring& sample) {
+void InstallStandIns() {
   StandIn<GetTempFileNameAFails, decltype(GetTempFileNameA)>::Install();
   StandIn<CreateFileAFails, decltype(CreateFileA)>::Install();
   StandIn<WriteFileFails, decltype(WriteFile)>::Install();
@@ -276,11 +233,8 @@ void InstallStandIns(const std::wstring& sample) {
   StandIn<SafeArrayRedimFails, decltype(SafeArrayRedim)>::Install();
   StandIn<DescriptorFails, decltype(SafeArrayAllocDescriptorEx)>::Install();
   StandIn<CreateThreadFails, decltype(CreateThread)>::Install();
-  Heap::Install(sample);
+  Heap::Install();
 }
-
-// --- the story
-// ----------------------------------------------------------------------------------------
 
 Samples Wave(std::size_t count, int step) {
   Samples samples(count);
@@ -292,8 +246,7 @@ Samples Wave(std::size_t count, int step) {
 
 class Story {
  public:
-  Story(const SharedReport& report, const std::wstring& folder, const std::wstring& sample)
-      : report_(report), folder_(folder), sample_(sample) {
+  explicit Story(const std::wstring& folder) : folder_(folder) {
     Require(writer_->SetFormat(44100, 2), "SetFormat");
     Require(pool_->SetBitDepth(32, 0), "SetBitDepth");
     WriteTake(pool_.Get(), kept_samples_);
@@ -301,16 +254,12 @@ class Story {
   }
 
   // With call number `n` failing. False when there was no such call.
-  bool Run(Kind kind, LONG64 n) {
+  bool Run(Fault kind, LONG64 n) {
     kind_ = kind;
     turn.Arm(kind, n);
-    if (kind == Kind::kCodecAllocation) {
-      Decode();
-    } else {
-      Tell();
-    }
+    Tell();
     turn.Disarm();
-    if (turn.failed() == nullptr && failures_ > 0) report_.Fail("a call failed without a cause");
+    if (turn.failed() == nullptr && failures_ > 0) ADD_FAILURE() << "a call failed without a cause";
     GoOn();
     return turn.failed() != nullptr;
   }
@@ -325,21 +274,18 @@ class Story {
   }
 
   void Require(HRESULT hr, const char* what) const {
-    if (FAILED(hr)) report_.Fail(std::string(what) + " gave " + Hex(hr));
+    EXPECT_TRUE(SUCCEEDED(hr)) << what << std::hex << hr;
   }
 
   // What a call answers while calls fail.
   bool Take(HRESULT hr, const char* what) {
-    report_.Count();
     if (SUCCEEDED(hr)) return true;
     ++failures_;
     const bool known =
-        kind_ == Kind::kCodecAllocation
-            ? hr == E_OUTOFMEMORY
-            : hr == E_FAIL || hr == E_OUTOFMEMORY || hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF) ||
-                  (kind_ == Kind::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
-                  (kind_ == Kind::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
-    if (!known) report_.Fail(std::string(what) + " gave " + Hex(hr));
+        hr == E_FAIL || hr == E_OUTOFMEMORY || hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF) ||
+        (kind_ == Fault::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
+        (kind_ == Fault::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_TRUE(known) << what << std::hex << hr;
     return false;
   }
   template <class I>
@@ -349,7 +295,9 @@ class Story {
     return object;
   }
   void Finish(ICoreTask* task) {
-    if (Take(task->Start(), "Start") && !WaitForTask(task)) report_.Fail("a task does not end");
+    if (Take(task->Start(), "Start")) {
+      EXPECT_TRUE(WaitForTask(task));
+    }
   }
 
   void Tell() {
@@ -380,37 +328,9 @@ class Story {
 
   void Import() {
     const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
-    if (!import || !Take(import->Initialize(Bstr(sample_), writer_.Get()), "Initialize")) return;
+    if (!import || !Take(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer_.Get()), "Initialize"))
+      return;
     Finish(As<ICoreTask>(import).Get());
-  }
-
-  // Everything that the codec library is asked for.
-  void Decode() {
-    const Bstr file(sample_);
-    const auto import = Create<IImportFilter>(CLSID_COggImport);
-    const auto task = As<ICoreTask>(import);
-    Take(import->QueryCanLoad(file), "QueryCanLoad");
-    Take(As<IMetaDataReader>(import)->SetFilename(file), "SetFilename");
-    if (Take(import->Initialize(file, writer_.Get()), "Initialize")) Finish(task.Get());
-    turn.Disarm();
-    const Samples decoded = All(LastReader(pool_.Get()).Get());
-    Require(import->Initialize(file, writer_.Get()), "Initialize once more");
-    Finish(task.Get());
-    const Samples whole = All(LastReader(pool_.Get()).Get());
-    if (whole.size() <= kept_samples_.size()) report_.Fail("the file is not imported afterwards");
-    // Nothing new when it failed before the first block.
-    if (decoded != kept_samples_ &&
-        !std::ranges::equal(decoded,
-                            std::span(whole).first(std::min(decoded.size(), whole.size())))) {
-      report_.Fail("what was decoded before is lost");
-    }
-  }
-  Samples All(IAudioReader* reader) const {
-    __int64 frames = 0;
-    Require(reader->GetSampleCount(&frames), "GetSampleCount");
-    const Floats block(2 * static_cast<std::size_t>(frames));
-    Require(reader->ReadAudio(0, block), "ReadAudio");
-    return block.ToVector();
   }
 
   void Edit(IEditedAudio* document, IAudioReader* source) {
@@ -467,7 +387,7 @@ class Story {
     if (Take(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2), "Setup") &&
         Take(filter->Initialize(Bstr(Target()), reader.Get()), "Initialize")) {
       task->Start();
-      if (!WaitForTask(task.Get())) report_.Fail("a connection does not end");
+      EXPECT_TRUE(WaitForTask(task.Get()));
     }
     // The two hold each other until then.
     task->Cancel();
@@ -493,9 +413,9 @@ class Story {
   }
   void ExpectStored(IAudioReader* reader, const Samples& samples, const char* what) const {
     const Floats block(samples.size(), -7.0F);
-    if (reader == nullptr || reader->ReadAudio(0, block) != S_OK || block.ToVector() != samples) {
-      report_.Fail(std::string(what) + " is lost");
-    }
+    ASSERT_NE(reader, nullptr) << what;
+    EXPECT_EQ(reader->ReadAudio(0, block), S_OK) << what;
+    EXPECT_EQ(block.ToVector(), samples) << what;
   }
 
   // Nothing fails any more.
@@ -508,19 +428,16 @@ class Story {
     ExpectStored(reader.Get(), more, "the take after");
     // All files are closed.
     for (const std::wstring& path : {Target(), WaveTarget()}) {
-      if (!DeleteFileW(path.c_str()) && GetLastError() != ERROR_FILE_NOT_FOUND) {
-        report_.Fail("a file is still open");
-      }
+      EXPECT_TRUE(DeleteFileW(path.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND)
+          << "a file is still open";
     }
   }
 
   std::wstring Target() const { return folder_ + L"\\out.wav"; }
   std::wstring WaveTarget() const { return folder_ + L"\\wave.wav"; }
 
-  const SharedReport& report_;
   const std::wstring folder_;
-  const std::wstring sample_;
-  Kind kind_ = Kind::kNone;
+  Fault kind_ = Fault::kNone;
   LONG failures_ = 0;
   const Samples kept_samples_ = Wave(2 * 1000, 7);
   const ComPtr<IAudioPool> pool_ = Create<IAudioPool>(CLSID_CAudioPool);
@@ -528,98 +445,47 @@ class Story {
   ComPtr<IAudioReader> kept_;
 };
 
-// --- the sweeps
-// ---------------------------------------------------------------------------------------
-
-struct Step {
-  bool failed;  // a call was made to fail
-  LONG64 left;  // blocks of memory that the story left behind
-};
-
-// The name is the kind of calls; with "+leak" an object is forgotten whenever one fails.
-void RunCases(const ChildTask& task, SharedReport& report) {
-  InstallStandIns(task.arguments.at(1));
-  const Kind kind = task.name == "files"   ? Kind::kFileCall
-                    : task.name == "codec" ? Kind::kCodecAllocation
-                                           : Kind::kAllocation;
-  const bool leaks = task.name.ends_with("+leak");
+void Sweep(Fault kind) {
+  static const bool installed = (InstallStandIns(), true);
+  (void)installed;
+  const TemporaryFolder folder;
   LONG failures = 0;
+  LONG64 left = 0;
+  // Blocks of memory that the story leaves behind are in `left`.
   const auto run = [&](LONG64 n) {
     const LONG64 before = live_blocks;
     bool failed = false;
-    try {
-      Story story(report, task.arguments.at(0), task.arguments.at(1));
+    {
+      Story story(folder.path());
       failed = story.Run(kind, n);
       failures += story.failures();
-      if (failed && leaks) Create<IUnknown>(CLSID_CNullReader).Detach();
-    } catch (const HResultError& error) {
-      report.Fail("a call that cannot fail gave " + Hex(error.code()) + turn.Callers());
-    } catch (const std::exception& error) {
-      report.Fail(std::string("an exception left the module: ") + error.what() + turn.Callers());
     }
-    return Step{failed, live_blocks - before};
+    left = live_blocks - before;
+    return failed;
   };
-  report.Begin(0, task.name + ", no failure");
   run(0);
-  const LONG64 usual = run(0).left;
+  run(0);
+  const LONG64 usual = left;
   const LONG64 all = turn.calls();
   const unsigned handles = CountHandles();
-  std::map<std::string, int> failed;
-  LONG64 n = std::max<LONG64>(task.first, 1);
-  for (; !leaks || n == 1; ++n) {
-    report.Begin(n, task.name + ", call " + std::to_string(n));
-    Step step = run(n);
-    if (!step.failed) break;
-    ++failed[turn.failed()];
-    report.Begin(n, task.name + ", call " + std::to_string(n) + ", which is " + turn.failed());
-    // What is made once stays; what is forgotten is forgotten every time.
-    if (step.left <= usual) continue;
-    const LONG64 again = run(n).left;
-    if (again > usual) {
-      report.Fail(std::to_string(again) + " blocks of memory are left, instead of " +
-                  std::to_string(usual) + turn.Callers());
-    }
+  LONG64 n = 1;
+  for (; run(n); ++n) {
+    SCOPED_TRACE(std::to_string(n) + ", " + turn.failed());
+    // Some blocks are allocated once for the process; a leak repeats.
+    if (left > usual) run(n);
+    EXPECT_LE(left, usual);
+    if (::testing::Test::HasFailure()) break;
   }
-  report.Begin(n, "at the end");
-  ModuleUnderTest::Revoke();
-  if (ModuleUnderTest::CanUnloadNow() != S_OK) report.Fail("objects of the module are left");
-  // A call more or less is a matter of timing.
-  if (!leaks && n < all - all / 10) {
-    report.Fail("only " + std::to_string(n) + " of " + std::to_string(all) + " calls");
-  }
-  if (failures == 0) report.Fail("nobody told of a failure");
-  if (CountHandles() > handles + 20) {
-    report.Fail(std::to_string(handles) + " handles have become " + std::to_string(CountHandles()));
-  }
-  for (const auto& [name, count] : failed) std::printf("%s: %d\n", name.c_str(), count);
-  std::printf("%s: %lld calls, %ld results that told of one\n", task.name.c_str(), n - 1, failures);
-  std::fflush(stdout);
-}
-
-void Sweep(const std::string& kind) {
-  const TemporaryFolder folder;
-  const Outcome outcome = RunInChildren(kind, {folder.path(), TESSALY_SAMPLE_OGG});
-  for (const std::string& failure : outcome.failures) ADD_FAILURE() << failure;
-  EXPECT_GT(outcome.calls, 1000);
+  // The number of calls depends a little on timing.
+  EXPECT_GT(n, all - all / 10);
+  EXPECT_GT(failures, 0);
+  EXPECT_LE(CountHandles(), handles + 20);
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+  std::printf("%lld calls, %ld results that reported one\n", n - 1, failures);
 }
 
-TEST(FailingCalls, OfFilesHarmNothingThatWasStored) { Sweep("files"); }
-TEST(FailingCalls, OfMemoryHarmNothingThatWasStored) { Sweep("memory"); }
-TEST(FailingCalls, OfTheCodecsMemoryHarmNothingThatWasStored) { Sweep("codec"); }
-
-// A detector that cannot fire proves nothing.
-TEST(FailingCallsThemselves, SeeWhatIsForgottenInTheModule) {
-  const TemporaryFolder folder;
-  const Outcome outcome = RunInChildren("memory+leak", {folder.path(), TESSALY_SAMPLE_OGG});
-  EXPECT_THAT(outcome.failures,
-              Contains(HasSubstr("call 1, which is operator new: 1 blocks of memory are left")));
-  EXPECT_THAT(outcome.failures, Contains(HasSubstr("objects of the module are left")));
-}
+TEST(FailingCalls, OfFilesHarmNoStoredAudio) { Sweep(Fault::kFileCall); }
+TEST(FailingCalls, OfMemoryHarmNoStoredAudio) { Sweep(Fault::kAllocation); }
 
 }  // namespace
 }  // namespace marlinda::testing
-
-int main(int argc, char** argv) {
-  return marlinda::testing::AbuseMain(argc, argv, marlinda::testing::RunCases, [] {});
-}

@@ -1,10 +1,15 @@
 // A host without any registration: the manifest beside this program names the module's classes.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
+#include <vector>
 
+#include "core/apartment.h"
 #include "core/handle.h"
 #include "tests/support/com_client.h"
+#include "tests/support/contract_model.h"
+#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 namespace {
@@ -15,10 +20,10 @@ bool IsRegistered(const std::wstring& key) {
          ERROR_SUCCESS;
 }
 
-HRESULT GetFactory(REFCLSID clsid) {
-  ComPtr<IUnknown> factory;
-  return CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                          reinterpret_cast<void**>(factory.GetAddressOf()));
+ComPtr<IUnknown> Query(IUnknown* object, REFIID iid) {
+  ComPtr<IUnknown> result;
+  object->QueryInterface(iid, reinterpret_cast<void**>(result.GetAddressOf()));
+  return result;
 }
 
 class Activation : public ::testing::Test {
@@ -36,95 +41,80 @@ class Activation : public ::testing::Test {
   static void ForgetTypeLibrary() { UnRegisterTypeLib(LIBID_MarlindaLib, 1, 0, 0, SYS_WIN64); }
 };
 
-TEST_F(Activation, EveryClassIsKnownByIdentifierAndByBothProgIds) {
-  const std::pair<const wchar_t*, const CLSID&> classes[] = {
-      {L"Marlinda.AudioConnector", CLSID_CAudioConnector},
-      {L"Marlinda.AudioGrabber", CLSID_CAudioGrabber},
-      {L"Marlinda.AudioPlayback", CLSID_CAudioPlayback},
-      {L"Marlinda.AudioPool", CLSID_CAudioPool},
-      {L"Marlinda.AudioPoolReader", CLSID_CAudioPoolReader},
-      {L"Marlinda.AudioScrubber", CLSID_CAudioScrubber},
-      {L"Marlinda.DShowExport", CLSID_CDShowExport},
-      {L"Marlinda.EditedAudio", CLSID_CEditedAudio},
-      {L"Marlinda.WavExportFilter", CLSID_CWavExportFilter},
-      {L"Marlinda.DShowImport", CLSID_CDShowImport},
-      {L"Marlinda.FileFilterMgr", CLSID_CFileFilterMgr},
-      {L"Marlinda.NullReader", CLSID_CNullReader},
-      {L"Marlinda.OggImport", CLSID_COggImport},
-      {L"Marlinda.WaveWriter", CLSID_CWaveWriter},
-  };
-  for (const auto& [name, clsid] : classes) {
+TEST_F(Activation, CreatesEveryClassByIdentifierAndByBothProgIds) {
+  for (const Class& known : ClassesOfTheModule()) {
+    SCOPED_TRACE(known.name);
+    const std::wstring prog_id =
+        L"Marlinda." + std::wstring(known.name.begin() + 1, known.name.end());
     // A ProgID of a manifest stands for an identifier that is valid in this program alone.
     CLSID versioned = {};
     CLSID independent = {};
-    EXPECT_EQ(CLSIDFromProgID((std::wstring(name) + L".1").c_str(), &versioned), S_OK);
-    EXPECT_EQ(CLSIDFromProgID(name, &independent), S_OK);
-    const HRESULT offered = GetFactory(clsid);
-    // The module itself answers, also for a class that it does not offer yet.
-    EXPECT_TRUE(offered == S_OK || offered == CLASS_E_CLASSNOTAVAILABLE) << std::hex << offered;
-    EXPECT_EQ(GetFactory(versioned), offered);
-    EXPECT_EQ(GetFactory(independent), offered);
-  }
-  for (const wchar_t* name : {L"Marlinda.NullReader.1", L"Marlinda.NullReader"}) {
-    CLSID clsid = {};
-    ASSERT_EQ(CLSIDFromProgID(name, &clsid), S_OK);
-    EXPECT_NE(As<INullReader>(Create<IUnknown>(clsid)), nullptr);
-  }
-}
-
-TEST_F(Activation, ObjectsWorkThroughTheirInterfacesAndByName) {
-  auto silence = Create<INullReader>(CLSID_CNullReader);
-  DISPID create = DISPID_UNKNOWN;
-  wchar_t name[] = L"Create";
-  LPOLESTR names[] = {name};
-  EXPECT_EQ(silence->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &create), S_OK);
-  EXPECT_EQ(create, 1);
-  EXPECT_EQ(silence->Create(1000, 44100, 2), S_OK);
-  __int64 count = 0;
-  EXPECT_EQ(As<IAudioReader>(silence)->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 1000);
-}
-
-TEST_F(Activation, ObjectsCreateOthersOfTheModule) {
-  auto silence = Create<INullReader>(CLSID_CNullReader);
-  EXPECT_EQ(silence->Create(1000, 44100, 2), S_OK);
-  auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
-  EXPECT_EQ(document->AppendSegment(As<IAudioReader>(silence).Get(), 0, 1000), S_OK);
-  // Works on two temporary documents that it creates by class identifier.
-  EXPECT_EQ(document->Delete(100, 300), S_OK);
-  __int64 count = 0;
-  EXPECT_EQ(As<IAudioReader>(document)->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 800);
-}
-
-TEST_F(Activation, AnObjectIsReachedFromAnotherApartment) {
-  HRESULT result = E_FAIL;
-  __int64 count = 0;
-  std::thread client([&] {
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    {
-      // The object lives in an apartment of its own and is called through a proxy.
-      ComPtr<INullReader> silence;
-      ComPtr<IAudioReader> reader;
-      result = CreateInstance(CLSID_CNullReader, silence);
-      if (SUCCEEDED(result)) result = silence->Create(1000, 44100, 2);
-      if (SUCCEEDED(result)) result = silence.As(&reader);
-      if (SUCCEEDED(result)) result = reader->GetSampleCount(&count);
+    EXPECT_EQ(CLSIDFromProgID((prog_id + L".1").c_str(), &versioned), S_OK);
+    EXPECT_EQ(CLSIDFromProgID(prog_id.c_str(), &independent), S_OK);
+    for (const CLSID& clsid : {known.clsid, versioned, independent}) {
+      EXPECT_TRUE(Query(Create<IUnknown>(clsid).Get(), known.interfaces.front().iid));
     }
-    CoUninitialize();
-  });
-  client.join();
-  EXPECT_EQ(result, S_OK) << std::hex << result;
-  EXPECT_EQ(count, 1000);
+  }
 }
+
+class CountingSink final : public TestObject<IDispatch> {
+ public:
+  std::vector<DISPID> events;
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    return TestObject::QueryInterface(IsEqualIID(iid, DIID__IEAUpdateEvents) ? IID_IDispatch : iid,
+                                      object);
+  }
+  STDMETHODIMP Invoke(DISPID event, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    events.push_back(event);
+    return S_OK;
+  }
+};
+
+// The objects live in an apartment of their own. This thread calls them through proxies.
+void UseProxies() {
+  const Apartment apartment(COINIT_MULTITHREADED);
+  const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  const auto writer = As<IAudioWriter>(pool);
+  EXPECT_EQ(pool->SetBitDepth(32, 0), S_OK);
+  EXPECT_EQ(writer->SetFormat(44100, 1), S_OK);
+  EXPECT_EQ(writer->OpenDevice(), S_OK);
+  EXPECT_EQ(writer->WriteAudio(Floats(1000, 0.25F)), S_OK);
+  EXPECT_EQ(writer->CloseDevice(), S_OK);
+  ComPtr<IAudioReader> take;
+  ASSERT_EQ(pool->CreateLastReader(take.GetAddressOf()), S_OK);
+  const Floats block(1000);
+  EXPECT_EQ(take->ReadAudio(0, block), S_OK);
+  EXPECT_EQ(block.ToVector(), std::vector<float>(1000, 0.25F));
+
+  const auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+  const auto sink = MakeObject<CountingSink>();
+  ComPtr<IConnectionPoint> point;
+  DWORD cookie = 0;
+  ASSERT_EQ(As<IConnectionPointContainer>(document)->FindConnectionPoint(DIID__IEAUpdateEvents,
+                                                                         point.GetAddressOf()),
+            S_OK);
+  ASSERT_EQ(point->Advise(sink.Get(), &cookie), S_OK);
+  EXPECT_EQ(document->AppendSegment(take.Get(), 0, 1000), S_OK);
+  EXPECT_EQ(document->InitChange(0, nullptr), S_OK);
+  EXPECT_EQ(document->CommitChange(), S_OK);
+  EXPECT_EQ(sink->events, std::vector<DISPID>{3});
+  EXPECT_EQ(point->Unadvise(cookie), S_OK);
+}
+
+TEST_F(Activation, CarriesArraysAndEventsBetweenApartments) { std::thread(UseProxies).join(); }
 
 }  // namespace
 }  // namespace marlinda::testing
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
-  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  const int result = RUN_ALL_TESTS();
-  CoUninitialize();
-  return result;
+  // The module lies beside this program, where its manifest expects it.
+  wchar_t path[MAX_PATH];
+  GetModuleFileNameW(nullptr, path, MAX_PATH);
+  _wputenv_s(L"TESSALY_DLL",
+             std::filesystem::path(path).replace_filename(L"Tessaly.dll").wstring().c_str());
+  const marlinda::Apartment apartment(COINIT_APARTMENTTHREADED);
+  return RUN_ALL_TESTS();
 }

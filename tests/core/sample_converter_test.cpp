@@ -1,12 +1,17 @@
-// The converters against exact integer arithmetic and literal codes.
+// The converters against exact integer arithmetic and literal codes, at every level of vector
+// instructions that this processor has.
 #include "core/samples/sample_converter.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <span>
 #include <vector>
+
+#include "core/samples/cpu_level.h"
 
 namespace marlinda {
 namespace {
@@ -27,19 +32,52 @@ std::int64_t CodeAt(const std::byte* in, int bits) {
   return bits > 8 && code >= half ? code - 2 * half : code;
 }
 
+// Blocks are long enough for every vector form.
+std::vector<std::int64_t> EncodeAll(std::span<const float> samples, int bits) {
+  const auto width = static_cast<std::size_t>(bits / 8);
+  std::vector<std::byte> bytes(samples.size() * width);
+  ConvertFloatToPcm(samples, bytes, bits);
+  std::vector<std::int64_t> codes;
+  for (std::size_t i = 0; i < samples.size(); ++i) codes.push_back(CodeAt(&bytes[i * width], bits));
+  return codes;
+}
+
+std::vector<float> DecodeAll(std::span<const std::int64_t> codes, int bits) {
+  std::vector<std::byte> bytes;
+  for (const std::int64_t code : codes) {
+    for (int i = 0; i < bits / 8; ++i) bytes.push_back(static_cast<std::byte>(code >> (8 * i)));
+  }
+  std::vector<float> samples(codes.size(), -99.0F);
+  ConvertPcmToFloat(bytes, samples, bits);
+  return samples;
+}
+
 std::int64_t Encode(float sample, int bits) {
-  std::byte bytes[4];
-  ConvertFloatToPcm({&sample, 1}, bytes, bits);
-  return CodeAt(bytes, bits);
+  return EncodeAll(std::vector<float>(40, sample), bits).front();
 }
 
 float Decode(std::int64_t code, int bits) {
-  std::byte bytes[4];
-  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<std::byte>(code >> (8 * i));
-  float sample = -99.0F;
-  ConvertPcmToFloat(bytes, {&sample, 1}, bits);
-  return sample;
+  return DecodeAll(std::vector<std::int64_t>(40, code), bits).front();
 }
+
+std::vector<CpuLevel> Levels() {
+  std::vector<CpuLevel> levels;
+  for (const CpuLevel level : {CpuLevel::kScalar, CpuLevel::kSse2, CpuLevel::kAvx2}) {
+    if (level <= HighestCpuLevel()) levels.push_back(level);
+  }
+  return levels;
+}
+
+class Converters : public ::testing::TestWithParam<CpuLevel> {
+ protected:
+  void SetUp() override {
+    LimitCpuLevel(GetParam());
+    ASSERT_EQ(CurrentCpuLevel(), GetParam());
+  }
+  void TearDown() override { LimitCpuLevel(HighestCpuLevel()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(EveryLevel, Converters, ::testing::ValuesIn(Levels()));
 
 // A finite float as the exact product integer * 2^exponent.
 struct Exact {
@@ -88,7 +126,7 @@ std::int64_t ExactCode(float value, int bits) {
   }
 }
 
-TEST(FloatToPcm, GivesTheFixedCodesAtEveryEdge) {
+TEST_P(Converters, WriteTheFixedCodesAtEveryEdge) {
   constexpr std::int64_t kLow24 = -8388608;
   constexpr std::int64_t kLow32 = -2147483648LL;
   struct Row {
@@ -135,29 +173,37 @@ TEST(FloatToPcm, GivesTheFixedCodesAtEveryEdge) {
   }
 }
 
-TEST(FloatToPcm, AgreesWithExactArithmeticOverTheWholeRangeOfFloats) {
+TEST_P(Converters, WriteWhatExactArithmeticGivesOverTheWholeRangeOfFloats) {
   // A stride that is no multiple of any power of two visits all exponents and both signs.
-  for (std::uint64_t pattern = 0; pattern < (std::uint64_t{1} << 32); pattern += 4001) {
-    const float sample = FloatOf(static_cast<std::uint32_t>(pattern));
-    for (const int bits : kWidths) {
-      ASSERT_EQ(Encode(sample, bits), ExactCode(sample, bits)) << pattern << " at " << bits;
+  constexpr std::uint64_t kStride = 4001;
+  std::vector<float> samples;
+  for (std::uint64_t pattern = 0; pattern < std::uint64_t{1} << 32; pattern += kStride) {
+    samples.push_back(FloatOf(static_cast<std::uint32_t>(pattern)));
+  }
+  for (const int bits : kWidths) {
+    const auto codes = EncodeAll(samples, bits);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      ASSERT_EQ(codes[i], ExactCode(samples[i], bits)) << i * kStride << " at " << bits;
     }
   }
 }
 
-TEST(FloatToPcm, FlipsExactlyHalfwayBetweenTheCodes) {
+TEST_P(Converters, ChangeCodesExactlyHalfwayBetweenThem) {
   for (const auto& [bits, scale, lowest] : {std::tuple{8, 127, -128}, {16, 32767, -32768}}) {
+    // For each code the last float below the middle to the next code, and the first above it.
+    std::vector<float> samples;
+    std::vector<std::int64_t> expected;
     for (int code = lowest; code < scale; ++code) {
-      // The first float at or above the middle between code and code + 1; the products are exact.
-      const double middle = code + 0.5;
+      const double middle = code + 0.5;  // the products below are exact
       auto first = static_cast<float>(middle / scale);
       while (static_cast<double>(first) * scale < middle) first = std::nextafter(first, kInfinity);
       const float before = std::nextafter(first, -kInfinity);
       ASSERT_LT(static_cast<double>(before) * scale, middle);
+      samples.insert(samples.end(), {before, first});
       const int shown = bits == 8 ? code + 128 : code;
-      ASSERT_EQ(Encode(first, bits), shown + 1);
-      ASSERT_EQ(Encode(before, bits), shown);
+      expected.insert(expected.end(), {shown, shown + 1});
     }
+    EXPECT_EQ(EncodeAll(samples, bits), expected);
   }
 }
 
@@ -170,18 +216,28 @@ void ExpectNearest(float value, std::int64_t numerator, std::int64_t denominator
   ASSERT_LE(distance, step / 2 * static_cast<double>(denominator)) << numerator;
 }
 
-TEST(PcmToFloat, ReadsEveryCodeAsTheNearestFloat) {
-  for (int code = 0; code <= 255; ++code) ExpectNearest(Decode(code, 8), code - 127, 127);
-  for (int code = -32768; code <= 32767; ++code) ExpectNearest(Decode(code, 16), code, 32767);
-  for (int code = -8388608; code <= 8388607; code += 7) {
-    ASSERT_EQ(static_cast<double>(Decode(code, 24)) * 8388608.0, code);
-  }
-  for (std::int64_t code = -2147483648LL; code <= 2147483647; code += 65003) {
-    ExpectNearest(Decode(code, 32), code, std::int64_t{1} << 31);
+TEST_P(Converters, ReadEveryCodeAsTheNearestFloat) {
+  struct Range {
+    int bits;
+    std::int64_t first, last, step, offset, denominator;
+  };
+  const Range ranges[] = {{8, 0, 255, 1, 127, 127},
+                          {16, -32768, 32767, 1, 0, 32767},
+                          {24, -8388608, 8388607, 7, 0, 8388608},
+                          {32, -2147483648LL, 2147483647, 65003, 0, 2147483648LL}};
+  for (const Range& range : ranges) {
+    std::vector<std::int64_t> codes;
+    for (std::int64_t code = range.first; code <= range.last; code += range.step) {
+      codes.push_back(code);
+    }
+    const auto floats = DecodeAll(codes, range.bits);
+    for (std::size_t i = 0; i < codes.size(); ++i) {
+      ExpectNearest(floats[i], codes[i] - range.offset, range.denominator);
+    }
   }
 }
 
-TEST(PcmToFloat, GivesTheFixedFloatsAtEveryEdge) {
+TEST_P(Converters, ReadTheFixedFloatsAtEveryEdge) {
   EXPECT_EQ(Decode(0, 8), -1.0F);
   EXPECT_EQ(Decode(127, 8), 0.0F);
   EXPECT_EQ(Decode(128, 8), 0x1.020408p-7F);  // 1/127: the centre is not 0
@@ -202,18 +258,7 @@ TEST(PcmToFloat, GivesTheFixedFloatsAtEveryEdge) {
   EXPECT_EQ(Decode(0x400000C0, 32), 0x1.000004p-1F);
 }
 
-TEST(Converters, RoundTripsKeepTheCodesExceptAtEightBits) {
-  // Reading is not the inverse of writing at 8 bits: every code comes back one higher.
-  for (int code = 0; code <= 255; ++code) {
-    ASSERT_EQ(Encode(Decode(code, 8), 8), std::min(code + 1, 255));
-  }
-  for (int code = -32768; code <= 32767; ++code) ASSERT_EQ(Encode(Decode(code, 16), 16), code);
-  for (int code = -8388608; code <= 8388607; code += 5) {
-    ASSERT_EQ(Encode(Decode(code, 24), 24), code);
-  }
-}
-
-TEST(Converters, ChooseTheWidthForOddBits) {
+TEST_P(Converters, ChooseTheWidthForOddBits) {
   struct Row {
     int bits;
     int width;
@@ -238,21 +283,8 @@ TEST(Converters, ChooseTheWidthForOddBits) {
   }
 }
 
-TEST(Converters, StoreTheLowByteFirst) {
-  const float samples[] = {-0x1.579becp-1F};  // -(0xABCDF6 / 2^24)
-  std::byte bytes[4];
-  ConvertFloatToPcm(samples, bytes, 24);
-  EXPECT_EQ(std::vector<std::byte>(bytes, bytes + 3),
-            (std::vector<std::byte>{std::byte{0x05}, std::byte{0x19}, std::byte{0xAA}}));
-  ConvertFloatToPcm(samples, bytes, 32);
-  EXPECT_EQ(
-      std::vector<std::byte>(bytes, bytes + 4),
-      (std::vector<std::byte>{std::byte{0x00}, std::byte{0x05}, std::byte{0x19}, std::byte{0xAA}}));
-}
-
-// Every short length, from and to places of every alignment: a block is the sum of its samples, and
-// nothing before or behind it changes.
-TEST(Converters, TouchNothingOutsideTheBlock) {
+// Every short length at every alignment.
+TEST_P(Converters, TouchNothingOutsideTheBlock) {
   constexpr std::size_t kMargin = 40;
   constexpr std::size_t kLongest = 67;
   constexpr std::byte kGuard{0xA5};
