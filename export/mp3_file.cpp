@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/handle.h"
+#include "dshow/filter_graph.h"
 #include "dshow/graph_filter.h"
 #include "export/encoded_file.h"
 #include "export/file_sink.h"
@@ -67,26 +68,17 @@ class Mp3File final : public EncodedFile {
   explicit Mp3File(const EncodingOrder& order)
       : order_(order), bytes_per_frame_(PcmFormatOf(order).nBlockAlign) {
     if (!ended_) throw HResultError(LastErrorResult());
-    Check(CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER,
-                           __uuidof(IGraphBuilder),
-                           reinterpret_cast<void**>(graph_.GetAddressOf())));
     AddOwnFilters();
     bool has_encoder = false;
     ForEachMp3Encoder(
         [&](IBaseFilter* encoder) { return has_encoder = SUCCEEDED(ConnectThrough(encoder)); });
     if (!has_encoder) throw CodecError();
-    // No clock: as fast as it goes.
-    Check(TryQuery<IMediaFilter>(graph_.Get())->SetSyncSource(nullptr));
-    if (FAILED(control()->Run())) throw CodecError();
+    if (FAILED(graph_.Run())) throw CodecError();
     // Only now is it certain that there is something to replace an old file with.
     FileHandle file = CreateTargetFile(order.path);
     if (!file) throw HResultError(LastErrorResult());
     file_.emplace(std::move(file));
     WriteTag(Id3v2Tag(TextsOf(order.tags)));
-  }
-
-  ~Mp3File() override {
-    if (graph_) control()->Stop();
   }
 
   void Write(std::span<const std::byte> pcm) override {
@@ -102,14 +94,12 @@ class Mp3File final : public EncodedFile {
   void Finish() override {
     ThrowFailure(source_->DeliverEnd());
     const bool in_time = WaitForSingleObject(ended_.get(), kEndMilliseconds) == WAIT_OBJECT_0;
-    control()->Stop();
+    graph_.Stop();
     ThrowFailure(in_time ? S_OK : HRESULT_FROM_WIN32(kTimeout));
     WriteTag(Id3v1Tag(TextsOf(order_.tags)));
   }
 
  private:
-  ComPtr<IMediaControl> control() const { return TryQuery<IMediaControl>(graph_.Get()); }
-
   void AddOwnFilters() {
     const auto source = GraphFilter::Make();
     source_ = &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormatOf(order_))}, kBufferBytes);
@@ -121,8 +111,8 @@ class Mp3File final : public EncodedFile {
           SetEvent(ended_.get());
           return S_OK;
         }});
-    Check(graph_->AddFilter(source.Get(), L"Source"));
-    Check(graph_->AddFilter(sink.Get(), L"File"));
+    Check(graph_.builder()->AddFilter(source.Get(), L"Source"));
+    Check(graph_.builder()->AddFilter(sink.Get(), L"File"));
   }
 
   // Leaves no encoder in the graph when it refuses.
@@ -130,14 +120,14 @@ class Mp3File final : public EncodedFile {
     const auto input = FirstPin(encoder, PINDIR_INPUT);
     const auto output = FirstPin(encoder, PINDIR_OUTPUT);
     if (!input || !output) return E_FAIL;
-    HRESULT hr = graph_->AddFilter(encoder, L"Encoder");
+    HRESULT hr = graph_.builder()->AddFilter(encoder, L"Encoder");
     if (FAILED(hr)) return hr;
-    hr = graph_->ConnectDirect(source_, input.Get(), nullptr);
+    hr = graph_.builder()->ConnectDirect(source_, input.Get(), nullptr);
     if (SUCCEEDED(hr)) {
       ChooseBitRate(encoder, order_);
-      hr = graph_->ConnectDirect(output.Get(), sink_, nullptr);
+      hr = graph_.builder()->ConnectDirect(output.Get(), sink_, nullptr);
     }
-    if (FAILED(hr)) graph_->RemoveFilter(encoder);
+    if (FAILED(hr)) graph_.builder()->RemoveFilter(encoder);
     return hr;
   }
 
@@ -164,9 +154,11 @@ class Mp3File final : public EncodedFile {
   std::optional<FileSink> file_;
   std::atomic<HRESULT> failure_{S_OK};
   REFERENCE_TIME position_ = 0;
-  ComPtr<IGraphBuilder> graph_;  // holds the filters, and they their pins
   OutputPin* source_ = nullptr;
   InputPin* sink_ = nullptr;
+  // Holds the filters, and they their pins. The last member: it stops before its sink's file goes,
+  // also when the constructor throws.
+  FilterGraph graph_;
 };
 
 }  // namespace

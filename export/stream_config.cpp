@@ -8,17 +8,6 @@
 
 namespace marlinda {
 
-void ForEachPin(IBaseFilter* filter, PIN_DIRECTION direction,
-                const std::function<bool(IPin*)>& visit) {
-  ComPtr<IEnumPins> pins;
-  if (filter == nullptr || filter->EnumPins(&pins) != S_OK) return;
-  ComPtr<IPin> pin;
-  while (pins->Next(1, pin.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
-    PIN_DIRECTION found = PINDIR_INPUT;
-    if (SUCCEEDED(pin->QueryDirection(&found)) && found == direction && visit(pin.Get())) return;
-  }
-}
-
 ComPtr<IAMStreamConfig> FindStreamConfig(IBaseFilter* encoder) {
   ComPtr<IAMStreamConfig> config;
   ForEachPin(encoder, PINDIR_OUTPUT, [&](IPin* pin) {

@@ -9,13 +9,10 @@
 #include <functional>
 
 #include "core/com_ptr.h"
+#include "dshow/filter_graph.h"
 #include "dshow/graph_filter.h"
 
 namespace marlinda {
-
-// Calls `visit` with each pin of the filter until it returns true.
-void ForEachPin(IBaseFilter* filter, PIN_DIRECTION direction,
-                const std::function<bool(IPin*)>& visit);
 
 // The IAMStreamConfig of the first output pin that has one; null when none has, or without filter.
 ComPtr<IAMStreamConfig> FindStreamConfig(IBaseFilter* encoder);

@@ -43,9 +43,9 @@ STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
   const NestedCall call(this, WriterCall::kWriteAudio);
   if (call.Depth() > 1) return S_OK;
   return ComCall([&] {
+    if (const auto next = write_through_) next->WriteAudio(psaAudioData);
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
-    if (const auto next = write_through_) next->WriteAudio(psaAudioData);
 
     if (bits_per_sample_ == kFloatBits) {
       file_.Write(std::as_bytes(block.samples()));

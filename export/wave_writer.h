@@ -32,7 +32,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   STDMETHODIMP SetTargetFile(BSTR bstrFileName) override;
 
   // IAudioWriter. Without an open file all of it succeeds and only the next writer is served. An
-  // array that is no sample block is E_INVALIDARG and goes nowhere.
+  // array that holds no floats reaches the next writer and is then E_INVALIDARG.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
   // Fails when the file cannot be created; a file that is open stays so then, and is otherwise
   // finished before the new one begins.

@@ -206,7 +206,6 @@ STDMETHODIMP CDShowImport::QueryCanLoad(BSTR bstrFileName) {
 }
 
 STDMETHODIMP CDShowImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
-  if (pWriter == nullptr) return E_POINTER;
   if (worker_.IsRunning()) return E_FAIL;
   return ComCall([&] {
     std::string file_name = ToAnsi(bstrFileName);
@@ -263,7 +262,7 @@ STDMETHODIMP CDShowImport::GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) {
 }
 
 STDMETHODIMP CDShowImport::Start() {
-  if (run_ == nullptr || run_->started) return E_FAIL;
+  if (run_ == nullptr || run_->started || run_->writer == nullptr) return E_FAIL;
   const HRESULT hr = worker_.Start([run = run_] { run->Import(); });
   run_->started = SUCCEEDED(hr);
   return hr;

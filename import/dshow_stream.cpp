@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "core/com_ptr.h"
+#include "dshow/filter_graph.h"
 #include "import/audio_sink.h"
 
 namespace marlinda {
@@ -17,50 +18,34 @@ constexpr double kTicksPerSecond = 10000000.0;
 }  // namespace
 
 struct DShowStream::Graph {
-  ComPtr<IGraphBuilder> builder;
-  ComPtr<IMediaControl> control;
-  ComPtr<IMediaEvent> events;
   ComPtr<AudioSink> sink = AudioSink::Make();
+  FilterGraph filters;
 
-  ~Graph() {
-    sink->Abandon();
-    if (control != nullptr) control->Stop();
-  }
+  // A delivery that waits would keep the graph from stopping.
+  ~Graph() { sink->Abandon(); }
 
   bool Build(const std::wstring& file_name);
   bool ConnectAnyOutput(IBaseFilter* source) const;
   double DurationSeconds() const;
-  bool HasFailed() const;
 };
 
 bool DShowStream::Graph::Build(const std::wstring& file_name) {
-  if (FAILED(CreateInstance(CLSID_FilterGraph, builder))) return false;
-  control = TryQuery<IMediaControl>(builder.Get());
-  // The header that comes with mingw does not know this interface's identifier by its type.
-  builder->QueryInterface(IID_IMediaEvent, reinterpret_cast<void**>(events.GetAddressOf()));
-  if (control == nullptr || events == nullptr) return false;
-  if (FAILED(builder->AddFilter(sink.Get(), L"Audio"))) return false;
+  if (FAILED(filters.builder()->AddFilter(sink.Get(), L"Audio"))) return false;
   ComPtr<IBaseFilter> source;
-  if (FAILED(builder->AddSourceFilter(file_name.c_str(), L"Source", source.GetAddressOf()))) {
+  if (FAILED(filters.builder()->AddSourceFilter(file_name.c_str(), L"Source",
+                                                source.GetAddressOf()))) {
     return false;
   }
-  if (!ConnectAnyOutput(source.Get()) || !sink->format()) return false;
-  // Without a clock every filter works as fast as it can.
-  const auto filter = TryQuery<IMediaFilter>(builder.Get());
-  return filter != nullptr && SUCCEEDED(filter->SetSyncSource(nullptr));
+  return ConnectAnyOutput(source.Get()) && sink->format();
 }
 
 // A source that splits the file itself has several outputs, and not all need be sound.
 bool DShowStream::Graph::ConnectAnyOutput(IBaseFilter* source) const {
-  ComPtr<IEnumPins> pins;
-  if (FAILED(source->EnumPins(pins.GetAddressOf()))) return false;
-  ComPtr<IPin> pin;
-  while (pins->Next(1, pin.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
-    PIN_DIRECTION direction = PINDIR_INPUT;
-    if (FAILED(pin->QueryDirection(&direction)) || direction != PINDIR_OUTPUT) continue;
-    if (SUCCEEDED(builder->Connect(pin.Get(), sink->pin()))) return true;
-  }
-  return false;
+  bool connected = false;
+  ForEachPin(source, PINDIR_OUTPUT, [&](IPin* pin) {
+    return connected = SUCCEEDED(filters.builder()->Connect(pin, sink->pin()));
+  });
+  return connected;
 }
 
 double DShowStream::Graph::DurationSeconds() const {
@@ -70,19 +55,6 @@ double DShowStream::Graph::DurationSeconds() const {
   LONGLONG ticks = 0;
   if (seeking == nullptr || FAILED(seeking->GetDuration(&ticks))) return 0;
   return static_cast<double>(ticks) / kTicksPerSecond;
-}
-
-bool DShowStream::Graph::HasFailed() const {
-  long code = 0;
-  LONG_PTR first = 0;
-  LONG_PTR second = 0;
-  bool failed = false;
-  while (events->GetEvent(&code, &first, &second, 0) == S_OK) {
-    failed =
-        failed || code == EC_ERRORABORT || code == EC_STREAM_ERROR_STOPPED || code == EC_USERABORT;
-    events->FreeEventParams(code, first, second);
-  }
-  return failed;
 }
 
 DShowStream::DShowStream(std::unique_ptr<Graph> graph)
@@ -103,7 +75,7 @@ std::unique_ptr<DShowStream> DShowStream::Open(const std::wstring& file_name) {
 bool DShowStream::Read(std::vector<std::byte>& block, const std::atomic<bool>& cancelled) {
   if (!running_) {
     running_ = true;
-    ended_ = FAILED(graph_->control->Run());
+    ended_ = FAILED(graph_->filters.Run());
   }
   const ULONGLONG begin = GetTickCount64();
   while (!ended_ && !cancelled) {
@@ -114,7 +86,7 @@ bool DShowStream::Read(std::vector<std::byte>& block, const std::atomic<bool>& c
         ended_ = ended_well_ = true;
         break;
       case AudioSink::Outcome::kNothingYet:
-        ended_ = graph_->HasFailed() || GetTickCount64() - begin > kPatienceMilliseconds;
+        ended_ = graph_->filters.HasFailed() || GetTickCount64() - begin > kPatienceMilliseconds;
         break;
     }
   }

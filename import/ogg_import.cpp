@@ -105,7 +105,6 @@ STDMETHODIMP COggImport::QueryCanLoad(BSTR bstrFileName) {
 }
 
 STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
-  if (pWriter == nullptr) return E_POINTER;
   if (worker_.IsRunning()) return E_FAIL;
   return ComCall([&] {
     // Writer and name are taken in any case; without a file there is nothing to start.
@@ -164,7 +163,9 @@ STDMETHODIMP COggImport::GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) {
 }
 
 STDMETHODIMP COggImport::Start() {
-  if (run_ == nullptr || run_->started || run_->stream == nullptr) return E_FAIL;
+  if (run_ == nullptr || run_->started || run_->stream == nullptr || run_->writer == nullptr) {
+    return E_FAIL;
+  }
   const HRESULT hr = worker_.Start([run = run_] { run->Import(); });
   run_->started = SUCCEEDED(hr);
   return hr;

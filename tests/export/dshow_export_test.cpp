@@ -206,6 +206,22 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenTheEncoderFails) 
   EXPECT_FALSE(IsThere(mp3));
 }
 
+TEST_F(DShowExport, StopsTheGraphBeforeItIsReleasedWhenTheTargetCannotBeMade) {
+  const InstalledEncoder installed;
+  const auto released_running = EncoderPlan::Current().released_running;
+  EXPECT_EQ(filter->Initialize(Bstr(mp3), CodeReader::Create({.channels = 2, .frames = 9}).Get()),
+            S_OK);
+  // The name is taken between Initialize and Start.
+  ASSERT_TRUE(CreateDirectoryW(mp3.c_str(), nullptr));
+  EXPECT_EQ(task->Start(), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+  EXPECT_EQ(*released_running, 0);
+  EXPECT_FALSE(IsRunning());
+  ASSERT_TRUE(RemoveDirectoryW(mp3.c_str()));
+  EXPECT_EQ(task->Start(), S_OK) << "the reader stays for another try";
+  ASSERT_TRUE(WaitForTask(task.Get()));
+  EXPECT_EQ(Progress(), 1.0F);
+}
+
 TEST_F(DShowExport, HasNoEncoderForChannelsThatAllRefuse) {
   const InstalledEncoder installed;
   EXPECT_EQ(filter->Initialize(Bstr(mp3), CodeReader::Create({.channels = 6}).Get()), S_OK);

@@ -157,14 +157,14 @@ TEST_F(WaveWriter, LeavesReadinessAloneWithoutANextWriter) {
   EXPECT_EQ(audio->QueryIsReady(nullptr), E_POINTER);
 }
 
-TEST_F(WaveWriter, RefusesWhatIsNoSampleBlockWithoutPassingItOn) {
+TEST_F(WaveWriter, PassesOnAnArrayThatHoldsNoFloatsBeforeItRefusesIt) {
   const auto next = MakeObject<RecordingWriter>();
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(audio->WriteAudio(nullptr), E_INVALIDARG);
   EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R8)), E_INVALIDARG);
   EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R4, 2)), E_INVALIDARG);
-  EXPECT_EQ(next->blocks, 0U);
+  EXPECT_EQ(next->blocks, 3U);
   EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
   EXPECT_EQ(audio->CloseDevice(), S_OK);
   EXPECT_EQ(File(), Wav(Format(2, 16), Bytes(8), {}));

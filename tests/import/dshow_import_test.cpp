@@ -306,7 +306,23 @@ TEST_F(DShowImport, ListsOfLabelsAndMarkersCanBeReadAndNotEdited) {
   EXPECT_EQ(markers->GetMarkerCount(&count), S_OK);
   EXPECT_EQ(count, 0);
   EXPECT_EQ(markers->GetSectionMarker(0, &position, &position, name.Receive()), E_INVALIDARG);
-  EXPECT_EQ(filter_->Initialize(Bstr(path), nullptr), E_POINTER);
+}
+
+TEST_F(DShowImport, ReportsAFileWithoutAWriterAndThenRefusesToStart) {
+  std::wstring name = L"a.wav";
+  for (const riff::Bytes& file :
+       {MuLawFile(), riff::Wav(riff::PlainFormat(1, 1, 8000, 2, 16),
+                               riff::Bytes(2 * kMuLawFrames, 0), riff::Info("Compressed"))}) {
+    EXPECT_EQ(filter_->Initialize(Bstr(Write(name += L'b', file)), nullptr), S_OK);
+    EXPECT_EQ(Total(), static_cast<__int64>(kMuLawFrames));
+    EXPECT_EQ(Format()[0], 8000);
+    EXPECT_EQ(MetaData()[0], L"Compressed");
+    EXPECT_EQ(task_->Start(), E_FAIL);
+    VARIANT_BOOL running = VARIANT_TRUE;
+    EXPECT_EQ(task_->QueryIsTaskRunning(&running), S_OK);
+    EXPECT_EQ(running, VARIANT_FALSE);
+    EXPECT_EQ(task_->Cancel(), S_OK);
+  }
 }
 
 TEST_F(DShowImport, CancelEndsAGraphAtOnceAndItsLastReleaseDoesToo) {

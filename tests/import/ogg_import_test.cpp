@@ -195,8 +195,15 @@ TEST_F(OggImport, RunsOnceAfterEachInitialize) {
 
 TEST_F(OggImport, AFailedInitializeTakesNameAndWriterAndHasNothingToStart) {
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
-  EXPECT_EQ(filter_->Initialize(Bstr(DataFile("mono.ogg").wstring()), nullptr), E_POINTER);
+  EXPECT_EQ(filter_->Initialize(Bstr(DataFile("stereo.ogg").wstring()), nullptr), S_OK);
+  EXPECT_EQ(ReferenceCount(writer_.Get()), 1U);
   EXPECT_EQ(SourceSampleCount(), 44100);
+  EXPECT_EQ(MetaData()[0], L"A title");
+  EXPECT_EQ(task_->Start(), E_FAIL) << "without a writer";
+  VARIANT_BOOL running = VARIANT_TRUE;
+  EXPECT_EQ(task_->QueryIsTaskRunning(&running), S_OK);
+  EXPECT_EQ(running, VARIANT_FALSE);
+  EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
   const auto other = MakeObject<RecordingWriter>();
   EXPECT_EQ(filter_->Initialize(Bstr(L"no such file"), other.Get()), E_FAIL);
   EXPECT_EQ(ReferenceCount(other.Get()), 2U);

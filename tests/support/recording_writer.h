@@ -33,9 +33,9 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
 
   STDMETHODIMP WriteAudio(SAFEARRAY* array) override {
     Note("WriteAudio");
-    const auto* values = static_cast<const float*>(array->pvData);
-    const std::size_t count = array->rgsabound[0].cElements;
-    if (keep_samples) {
+    if (keep_samples && array != nullptr && array->cbElements == sizeof(float)) {
+      const auto* values = static_cast<const float*>(array->pvData);
+      const std::size_t count = array->rgsabound[0].cElements;
       block_sizes.push_back(count);
       samples.insert(samples.end(), values, values + count);
     }
