@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -32,7 +31,6 @@ struct EncoderPlan {
   bool tells_capabilities = true;
   int most_channels = 2;
   bool fails_while_encoding = false;
-  std::shared_ptr<std::atomic<int>> released_running = std::make_shared<std::atomic<int>>(0);
 
   static EncoderPlan& Current() {
     static EncoderPlan plan;
@@ -107,9 +105,6 @@ class FakeEncoder final : public GraphFilter {
                                          return output_->DeliverEnd();
                                        }});
     output_ = &AddPin<EncoderPin>(plan_);
-  }
-  ~FakeEncoder() override {
-    if (state() != State_Stopped) ++*plan_.released_running;
   }
 
  private:
