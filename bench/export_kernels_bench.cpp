@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "export/wav_layout.h"
-#include "export/wav_sample_writer.h"
+#include "export/wav_sample_encoder.h"
 
 namespace marlinda {
 namespace {
@@ -31,22 +31,9 @@ File MakeFile() {
   return file;
 }
 
-class StdioSink final : public ByteSink {
- public:
-  explicit StdioSink(File file) : file_(std::move(file)) {}
-  bool Write(std::span<const std::byte> bytes) noexcept override {
-    return std::fwrite(bytes.data(), 1, bytes.size(), file_.get()) == bytes.size();
-  }
-  bool Seek(std::uint64_t position) noexcept override {
-    return std::fseek(file_.get(), static_cast<long>(position), SEEK_SET) == 0;
-  }
-  std::uint64_t Position() const noexcept override {
-    return static_cast<std::uint64_t>(std::ftell(file_.get()));
-  }
-
- private:
-  File file_;
-};
+bool Write(const File& file, std::span<const std::byte> bytes) {
+  return std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
+}
 
 std::vector<float> Noise() {
   std::vector<float> noise(kFramesPerBlock * kChannels);
@@ -71,16 +58,15 @@ void ForEachBlock(WriteBlock write_block) {
 void Kernels(benchmark::State& state) {
   const std::vector<float> noise = Noise();
   for (auto _ : state) {
-    RiffChunkWriter file;
-    file.Attach(std::make_unique<StdioSink>(MakeFile()));
-    BeginWav(file, PlainFormatBody(kFormat).bytes());
-    WavSampleWriter samples(kFormat);
+    const File file = MakeFile();
+    bool written = Write(file, WavHeader(kFormat, ManyChannels::kExtensible).bytes());
+    WavSampleEncoder encoder(kFormat);
     ForEachBlock([&](std::size_t frames) {
-      samples.Write(file, std::span(noise).first(frames * kChannels), frames);
+      written = written &&
+                Write(file, encoder.Encode(std::span(noise).first(frames * kChannels), frames));
     });
-    file.EndChunk();
-    WriteAnnotations(file, {}, kFormat.BlockAlign());
-    file.Close();
+    written = written && Write(file, WavTrailer({}, kFormat.BlockAlign()).bytes());
+    if (!written) state.SkipWithError("a write failed");
   }
   state.SetItemsProcessed(state.iterations() * kFrames * kChannels);
 }
@@ -107,9 +93,9 @@ void Libsndfile(benchmark::State& state) {
 void BareWrite(benchmark::State& state) {
   const std::vector<char> block(kFramesPerBlock * kChannels * 2, 0x55);
   for (auto _ : state) {
-    StdioSink sink(MakeFile());
+    const File file = MakeFile();
     ForEachBlock([&](std::size_t frames) {
-      if (!sink.Write(std::as_bytes(std::span(block).first(frames * kChannels * 2)))) {
+      if (!Write(file, std::as_bytes(std::span(block).first(frames * kChannels * 2)))) {
         state.SkipWithError("a write failed");
       }
     });

@@ -21,3 +21,23 @@ macro(tessaly_find_package name)
                         "Run scripts/build-dependencies first.")
   endif()
 endmacro()
+
+# TagLib 1 brings no CMake package.
+macro(tessaly_find_taglib)
+  if(MSVC)
+    find_library(TAGLIB_LIBRARY tag REQUIRED) # vcpkg's, by vcpkg.json
+    find_path(TAGLIB_INCLUDE_DIR taglib/tag.h REQUIRED)
+  else()
+    set(TAGLIB_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/libtag.a)
+    set(TAGLIB_INCLUDE_DIR ${TESSALY_DEPS}/${dependencies_target}/include)
+    if(NOT EXISTS ${TAGLIB_LIBRARY})
+      message(FATAL_ERROR "${TAGLIB_LIBRARY} is missing. Run scripts/build-dependencies first.")
+    endif()
+  endif()
+  add_library(TagLib::tag STATIC IMPORTED GLOBAL)
+  set_target_properties(
+    TagLib::tag
+    PROPERTIES IMPORTED_LOCATION ${TAGLIB_LIBRARY}
+               INTERFACE_INCLUDE_DIRECTORIES ${TAGLIB_INCLUDE_DIR}
+               INTERFACE_COMPILE_DEFINITIONS TAGLIB_STATIC)
+endmacro()

@@ -7,7 +7,6 @@
 
 #include "core/com_ptr.h"
 #include "core/handle.h"
-#include "export/export_answers.h"
 #include "export/mp3_encoder.h"
 #include "export/mpeg_settings.h"
 #include "export/wma_settings.h"
@@ -15,8 +14,6 @@
 namespace marlinda {
 namespace {
 
-// Behind the WAV export, which loses nothing.
-constexpr SHORT kMerit = 100;
 constexpr char kWmaBitRate[] = "WMABitrate";
 constexpr char kMp3BitRate[] = "MP3Bitrate";
 constexpr int kDefaultBitRateKbit = 128;
@@ -34,7 +31,7 @@ std::string ExtensionOf(const std::string& path) {
   return dot != std::string::npos && path[dot] == '.' ? path.substr(dot + 1) : std::string();
 }
 
-// Whether the file can be written, seen without changing it.
+// Whether the file can be written; leaves it as it is.
 HRESULT TryTarget(const std::string& path) {
   FileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -54,27 +51,25 @@ CDShowExport::CDShowExport() {
   settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
 }
 
-CDShowExport::~CDShowExport() { Cancel(); }
-
 STDMETHODIMP CDShowExport::Start() {
   // The message serves other messages of this thread, and the last release may be among them.
   const ComPtr<IUnknown> alive(OuterUnknown());
   const HRESULT hr = ComCall([&] {
     if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
-    EncodingOrder order;
-    Check(job_->AskFormat(order.samples_per_sec, order.channels));
-    order.bit_rate_kbit = BitRate(job_->kind() == EncodedKind::kMp3 ? kMp3BitRate : kWmaBitRate);
-    order.tags = tags_;
+    EncoderSettings settings;
+    Check(job_->AskFormat(settings.samples_per_sec, settings.channels));
+    settings.bit_rate_kbit = BitRate(job_->kind() == EncodedKind::kMp3 ? kMp3BitRate : kWmaBitRate);
+    settings.tags = tags_;
     const auto opened = std::make_shared<std::promise<HRESULT>>();
     auto outcome = opened->get_future();
-    Check(worker_.Start([job = job_, opened, order] { job->Run(order, *opened); }));
+    Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
     // An encoder without a threading model of its own is made on the host's first thread, which may
     // be this one.
     while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
       worker_.AwaitServingCalls(kServeMilliseconds);
     }
     const HRESULT opening = outcome.get();
-    // A failed task is over when its failure is told.
+    // A task that failed to start has ended when Start returns.
     if (FAILED(opening)) worker_.PollUntilEnded(1);
     return opening;
   });
@@ -82,26 +77,8 @@ STDMETHODIMP CDShowExport::Start() {
   return hr;
 }
 
-STDMETHODIMP CDShowExport::Cancel() {
-  if (job_) job_->Cancel();
-  worker_.PollUntilEnded(kCancelPollMilliseconds);
-  return S_OK;
-}
-
-STDMETHODIMP CDShowExport::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
-  return Answer(pbRunning, worker_.IsRunning());
-}
-
-STDMETHODIMP CDShowExport::GetProgress(FLOAT* pfProgress) {
-  return AnswerProgress(pfProgress, job_ ? job_->Position() : 0, job_ ? job_->Total() : 0);
-}
-
-STDMETHODIMP CDShowExport::GetName(BSTR* pbstrName) {
-  return AnswerTaskName(pbstrName, file_name_);
-}
-
 STDMETHODIMP CDShowExport::QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) {
-  return ComCall([&] { return Answer(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
+  return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
 }
 
 STDMETHODIMP CDShowExport::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
@@ -118,18 +95,6 @@ STDMETHODIMP CDShowExport::Initialize(BSTR bstrFileName, IAudioReader* pReader) 
   });
 }
 
-STDMETHODIMP CDShowExport::GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) {
-  if (pbstrFilterString == nullptr || pbstrExtensions == nullptr) return E_POINTER;
-  *pbstrFilterString = nullptr;
-  *pbstrExtensions = nullptr;
-  return ComCall([&] {
-    const auto& module = TheModule();
-    *pbstrExtensions = ToBstr("*.wma;*.mp3");
-    *pbstrFilterString = ToBstr(module.LoadText(IDS_WMA_FILTER) + module.LoadText(IDS_MP3_FILTER));
-    return S_OK;
-  });
-}
-
 STDMETHODIMP CDShowExport::QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) {
   return QuerySupportsExtension(bstrExtension, pbHasSettings);
 }
@@ -141,24 +106,16 @@ STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent
     const auto kind = KindOf(ToAnsi(bstrExtension));
     if (kind == EncodedKind::kWma) ShowWmaSettings();
     if (kind == EncodedKind::kMp3) ShowMpegSettings();
-    return S_OK;
   });
   return S_OK;  // a dialog that could not be shown has changed nothing
 }
 
-STDMETHODIMP CDShowExport::GetMerit(SHORT* pnMerit) {
-  if (pnMerit == nullptr) return E_POINTER;
-  *pnMerit = kMerit;
-  return S_OK;
-}
-
-STDMETHODIMP CDShowExport::QueryIsLossy(VARIANT_BOOL* pbLossy) { return Answer(pbLossy, true); }
+STDMETHODIMP CDShowExport::QueryIsLossy(VARIANT_BOOL* pbLossy) { return HandOut(pbLossy, true); }
 
 STDMETHODIMP CDShowExport::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
                                        BSTR bstrYear, BSTR bstrGenre) {
   return ComCall([&] {
     tags_ = {Text(bstrTitle), Text(bstrArtist), Text(bstrAlbum), Text(bstrYear), Text(bstrGenre)};
-    return S_OK;
   });
 }
 

@@ -2,14 +2,11 @@
 // that the system has.
 #pragma once
 
-#include <marlinda.h>
-
-#include <memory>
 #include <string>
 
-#include "core/com_object.h"
+#include "core/filter_task.h"
 #include "core/registry.h"
-#include "core/worker_thread.h"
+#include "core/resource.h"
 #include "export/dshow_export_job.h"
 
 namespace marlinda {
@@ -21,29 +18,28 @@ namespace marlinda {
 // Start waits until encoder and file are open, and fails when they are not; nothing is left behind
 // then. Without an encoder a message says so, provided that ShowSettingsDlg has named a window to
 // own it. A task that fails later deletes its file, and its progress stays below 1.
-class CDShowExport final : public Object<CDShowExport, ICoreTask, IExportFilter, IMetaDataWriter> {
+class CDShowExport final
+    : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowExport;
+  // Behind the WAV export, which loses nothing.
+  static constexpr SHORT kMerit = 100;
+  static constexpr UINT kNameText = IDS_SAVING;
+  static constexpr UINT kFilterTexts[] = {IDS_WMA_FILTER, IDS_MP3_FILTER};
+  static constexpr char kPatterns[] = "*.wma;*.mp3";
 
   CDShowExport();
-  ~CDShowExport();
 
   // ICoreTask. Start is E_FAIL while the task runs, without Initialize and after a task that ran.
   STDMETHODIMP Start() override;
-  STDMETHODIMP Cancel() override;
-  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
-  STDMETHODIMP GetProgress(FLOAT* pfProgress) override;
-  STDMETHODIMP GetName(BSTR* pbstrName) override;
 
   // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and tells when the
   // file cannot be written, without changing it. The encoders choose their own sample width.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
   STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
-  STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override;
   STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override;
   STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override;
-  STDMETHODIMP GetMerit(SHORT* pnMerit) override;
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override;
 
   // IMetaDataWriter. The texts are taken at Start.
@@ -58,10 +54,7 @@ class CDShowExport final : public Object<CDShowExport, ICoreTask, IExportFilter,
   void ShowCodecError() const;
 
   CRegistry settings_;  // open for as long as the filter lives
-  std::shared_ptr<DShowExportJob> job_;
-  WorkerThread worker_;
-  std::string file_name_;
-  FileTags tags_;
+  WideTags tags_;
   HWND message_owner_ = nullptr;
 };
 

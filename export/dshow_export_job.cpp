@@ -13,51 +13,47 @@ namespace {
 
 constexpr std::int64_t kFramesPerBlock = 65536;
 constexpr int kBits = 16;
-// What the formats of files and encoders count in 16 bits: the bytes of a frame.
-constexpr int kMostChannels = 0xFFFF / (kBits / 8);
-
-std::int64_t SampleCountOf(IAudioReader* reader) {
-  __int64 count = 0;
-  reader->GetSampleCount(&count);
-  return count;
-}
+// The formats of files and encoders count the bytes of a frame in 16 bits.
+constexpr int kMaxChannels = 0xFFFF / (kBits / 8);
 
 }  // namespace
 
 DShowExportJob::DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
-    : kind_(kind), path_(std::move(path)), total_(SampleCountOf(reader)), reader_(reader) {}
+    : kind_(kind), path_(std::move(path)), reader_(reader) {
+  __int64 count = 0;
+  reader->GetSampleCount(&count);
+  total = count;
+}
 
 HRESULT DShowExportJob::AskFormat(int& samples_per_sec, int& channels) const {
   LONG rate = 0;
   SHORT count = 0;
   const HRESULT hr = reader_->GetFormat(&rate, &count);
   if (FAILED(hr)) return hr;
-  if (rate <= 0 || count <= 0 || count > kMostChannels) return E_INVALIDARG;
+  if (rate <= 0 || count <= 0 || count > kMaxChannels) return E_INVALIDARG;
   samples_per_sec = rate;
   channels = count;
   return S_OK;
 }
 
-void DShowExportJob::Run(EncodingOrder order, std::promise<HRESULT>& opened) noexcept {
+void DShowExportJob::Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
   const Apartment apartment(COINIT_MULTITHREADED);
-  order.path = path_;
-  const int channels = order.channels;
+  settings.path = path_;
+  const int channels = settings.channels;
   std::unique_ptr<EncodedFile> file;
   const HRESULT opening = ComCall([&] {
-    file = kind_ == EncodedKind::kMp3 ? CreateMp3File(order) : CreateWmaFile(order);
-    return S_OK;
+    file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
   });
-  // The one who waits may try again from then on, so nothing of the job is touched after a failure.
+  // The filter may start again from then on, so the job is not touched after a failure.
   opened.set_value(opening);
   if (FAILED(opening)) return;
 
   const HRESULT writing = ComCall([&] {
     WriteSamples(*file, channels);
     file->Finish();
-    return S_OK;
   });
   file.reset();
-  // A task cannot tell that it failed, but a file that is not there does.
+  // A task cannot report its failure; a missing file shows it.
   if (FAILED(writing)) DeleteFileA(path_.c_str());
   reader_.Reset();
 }
@@ -66,19 +62,18 @@ void DShowExportJob::WriteSamples(EncodedFile& file, int channels) {
   const bool is_open = SUCCEEDED(reader_->OpenDevice());
   const HRESULT hr = ComCall([&] {
     std::vector<std::byte> pcm;
-    while (!cancelled_ && Position() < Total()) {
-      const std::int64_t frames = std::min(Total() - Position(), kFramesPerBlock);
+    while (!cancelled && position < total) {
+      const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
       // Silence where a failing reader delivers nothing, so that the rest keeps its place.
       const SampleArray block(static_cast<std::size_t>(frames) *
                               static_cast<std::size_t>(channels));
-      reader_->ReadAudio(Position(), block.get());
+      reader_->ReadAudio(position, block.get());
       const auto samples = block.samples();
       pcm.resize(samples.size() * kBits / 8);
       ConvertFloatToPcm(samples, pcm, kBits);
       file.Write(pcm);
-      position_ += frames;
+      position += frames;
     }
-    return S_OK;
   });
   if (is_open) reader_->CloseDevice();
   Check(hr);

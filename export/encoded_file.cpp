@@ -11,11 +11,11 @@ constexpr WORD kBits = 16;
 
 CodecError::CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 
-WAVEFORMATEX PcmFormatOf(const EncodingOrder& order) noexcept {
+WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept {
   WAVEFORMATEX format = {};
   format.wFormatTag = WAVE_FORMAT_PCM;
-  format.nChannels = static_cast<WORD>(order.channels);
-  format.nSamplesPerSec = static_cast<DWORD>(order.samples_per_sec);
+  format.nChannels = static_cast<WORD>(settings.channels);
+  format.nSamplesPerSec = static_cast<DWORD>(settings.samples_per_sec);
   format.wBitsPerSample = kBits;
   format.nBlockAlign = static_cast<WORD>(format.nChannels * kBits / 8);
   format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;

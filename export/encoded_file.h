@@ -20,8 +20,9 @@ class CodecError final : public HResultError {
   CodecError() noexcept;
 };
 
-// What a file tells about itself; empty texts are left out.
-struct FileTags {
+// Tags as the host gives them: both kinds of files hold characters beyond the code page. Empty
+// texts are left out.
+struct WideTags {
   std::wstring title;
   std::wstring artist;
   std::wstring album;
@@ -29,16 +30,16 @@ struct FileTags {
   std::wstring genre;
 };
 
-struct EncodingOrder {
+struct EncoderSettings {
   std::string path;
   int samples_per_sec = 0;
   int channels = 0;
   int bit_rate_kbit = 0;  // an encoder that does not have it takes the next lower one
-  FileTags tags;
+  WideTags tags;
 };
 
-// What encoders are given: interleaved 16-bit PCM.
-WAVEFORMATEX PcmFormatOf(const EncodingOrder& order) noexcept;
+// The encoders' input: interleaved 16-bit PCM.
+WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept;
 
 // Whether bit rate `rate` serves better than `best`: the highest one up to `wanted` is best, and
 // otherwise the lowest.
@@ -61,7 +62,7 @@ class EncodedFile {
 
 // Throw CodecError, or HResultError where the file cannot be created; there is no new file then,
 // and an old one is as it was.
-std::unique_ptr<EncodedFile> CreateMp3File(const EncodingOrder& order);
-std::unique_ptr<EncodedFile> CreateWmaFile(const EncodingOrder& order);
+std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
+std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 
 }  // namespace marlinda

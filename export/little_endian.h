@@ -1,12 +1,14 @@
-// Bytes of a file that is little-endian whatever the machine is.
+// LittleEndianBytes: the bytes of RIFF chunks, little-endian whatever the machine is.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace marlinda {
@@ -22,7 +24,7 @@ class FourCC {
   char text_[4];
 };
 
-// Collects the body of a chunk, or a part of one, field by field.
+// Collects the bytes of chunks field by field.
 class LittleEndianBytes {
  public:
   // Appends the low `kBytes` bytes of `value`. Wider and signed values are cut, not clamped: a
@@ -51,6 +53,18 @@ class LittleEndianBytes {
   }
   LittleEndianBytes& TextWithNul(std::string_view text) { return Text(text).Low<1>(0); }
   LittleEndianBytes& Id(FourCC id) { return Text(id.text()); }
+
+  // A chunk whose body `write_body` appends. Padding to a multiple of 4 bytes counts in the size.
+  template <class Body>
+  LittleEndianBytes& Chunk(FourCC id, Body&& write_body) {
+    Id(id).U32(0);
+    const std::size_t start = bytes_.size();
+    std::forward<Body>(write_body)();
+    while ((bytes_.size() - start) % 4 != 0) Low<1>(0);
+    const LittleEndianBytes size = LittleEndianBytes().U32(bytes_.size() - start);
+    std::ranges::copy(size.bytes_, bytes_.begin() + static_cast<std::ptrdiff_t>(start) - 4);
+    return *this;
+  }
 
   std::span<const std::byte> bytes() const noexcept { return bytes_; }
 

@@ -1,6 +1,9 @@
 // MP3 files: our source, an encoder of the system and our sink in a DirectShow graph that runs
 // without a clock. The thread that writes is the one that drives the graph's data.
 
+#include <taglib/id3v1tag.h>
+#include <taglib/id3v2tag.h>
+
 #include <optional>
 #include <utility>
 
@@ -8,10 +11,9 @@
 #include "dshow/filter_graph.h"
 #include "dshow/graph_filter.h"
 #include "export/encoded_file.h"
-#include "export/file_sink.h"
-#include "export/id3_tag.h"
 #include "export/mp3_encoder.h"
 #include "export/stream_config.h"
+#include "export/wav_file.h"
 
 namespace marlinda {
 namespace {
@@ -22,11 +24,16 @@ constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 
-Id3Texts TextsOf(const FileTags& tags) {
-  const auto wide = [](const std::wstring& text) {
-    return std::u16string(text.begin(), text.end());
-  };
-  return {wide(tags.title), wide(tags.artist), wide(tags.album), wide(tags.year), wide(tags.genre)};
+// The bytes of a tag of the kind; none without texts.
+template <class Tag, class... Version>
+TagLib::ByteVector Render(const WideTags& texts, Version... version) {
+  Tag tag;
+  tag.setTitle(texts.title);
+  tag.setArtist(texts.artist);
+  tag.setAlbum(texts.album);
+  tag.setYear(static_cast<unsigned>(std::max(0, TagLib::String(texts.year).substr(0, 4).toInt())));
+  tag.setGenre(texts.genre);
+  return tag.isEmpty() ? TagLib::ByteVector() : tag.render(version...);
 }
 
 ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
@@ -40,17 +47,17 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
 
 // Chooses among the encoder's formats for this rate and channel count: the best bit rate up to the
 // wanted one, else the lowest. An encoder without such a format keeps what it would do by itself.
-void ChooseBitRate(IBaseFilter* encoder, const EncodingOrder& order) {
+void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   const auto config = FindStreamConfig(encoder);
-  const auto wanted = static_cast<DWORD>(order.bit_rate_kbit);
+  const auto wanted = static_cast<DWORD>(settings.bit_rate_kbit);
   std::optional<AudioType> chosen;
   ForEachCapability(config.Get(), [&](const AM_MEDIA_TYPE& type) {
     if (!IsMp3(type)) return;
     const AudioType candidate(type);
     if (candidate.empty()) return;
     const auto& format = *candidate.format();
-    if (static_cast<int>(format.nSamplesPerSec) != order.samples_per_sec ||
-        format.nChannels != order.channels) {
+    if (static_cast<int>(format.nSamplesPerSec) != settings.samples_per_sec ||
+        format.nChannels != settings.channels) {
       return;
     }
     const auto rate = [](const AudioType& of) {
@@ -65,8 +72,8 @@ void ChooseBitRate(IBaseFilter* encoder, const EncodingOrder& order) {
 
 class Mp3File final : public EncodedFile {
  public:
-  explicit Mp3File(const EncodingOrder& order)
-      : order_(order), bytes_per_frame_(PcmFormatOf(order).nBlockAlign) {
+  explicit Mp3File(const EncoderSettings& settings)
+      : settings_(settings), bytes_per_frame_(PcmFormatOf(settings).nBlockAlign) {
     if (!ended_) throw HResultError(LastErrorResult());
     AddOwnFilters();
     bool has_encoder = false;
@@ -74,17 +81,17 @@ class Mp3File final : public EncodedFile {
         [&](IBaseFilter* encoder) { return has_encoder = SUCCEEDED(ConnectThrough(encoder)); });
     if (!has_encoder) throw CodecError();
     if (FAILED(graph_.Run())) throw CodecError();
-    // Only now is it certain that there is something to replace an old file with.
-    FileHandle file = CreateTargetFile(order.path);
+    // An old file is replaced only once the encoder runs.
+    FileHandle file = CreateTargetFile(settings.path);
     if (!file) throw HResultError(LastErrorResult());
-    file_.emplace(std::move(file));
-    WriteTag(Id3v2Tag(TextsOf(order.tags)));
+    file_ = std::move(file);
+    Write(Render<TagLib::ID3v2::Tag>(settings.tags, TagLib::ID3v2::v3));
   }
 
   void Write(std::span<const std::byte> pcm) override {
     const auto frames = static_cast<REFERENCE_TIME>(pcm.size() / bytes_per_frame_);
     const auto time = [&](REFERENCE_TIME frame) {
-      return frame * kTicksPerSecond / order_.samples_per_sec;
+      return frame * kTicksPerSecond / settings_.samples_per_sec;
     };
     const HRESULT hr = source_->Deliver(pcm, time(position_), time(position_ + frames));
     position_ += frames;
@@ -96,13 +103,14 @@ class Mp3File final : public EncodedFile {
     const bool in_time = WaitForSingleObject(ended_.get(), kEndMilliseconds) == WAIT_OBJECT_0;
     graph_.Stop();
     ThrowFailure(in_time ? S_OK : HRESULT_FROM_WIN32(kTimeout));
-    WriteTag(Id3v1Tag(TextsOf(order_.tags)));
+    Write(Render<TagLib::ID3v1::Tag>(settings_.tags));
   }
 
  private:
   void AddOwnFilters() {
     const auto source = GraphFilter::Make();
-    source_ = &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormatOf(order_))}, kBufferBytes);
+    source_ =
+        &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormatOf(settings_))}, kBufferBytes);
     const auto sink = GraphFilter::Make();
     sink_ = &sink->AddPin<InputPin>(InputPin::Purpose{
         [](const WAVEFORMATEX& format) { return format.wFormatTag == WAVE_FORMAT_MPEGLAYER3; },
@@ -124,7 +132,7 @@ class Mp3File final : public EncodedFile {
     if (FAILED(hr)) return hr;
     hr = graph_.builder()->ConnectDirect(source_, input.Get(), nullptr);
     if (SUCCEEDED(hr)) {
-      ChooseBitRate(encoder, order_);
+      ChooseBitRate(encoder, settings_);
       hr = graph_.builder()->ConnectDirect(output.Get(), sink_, nullptr);
     }
     if (FAILED(hr)) graph_.builder()->RemoveFilter(encoder);
@@ -134,12 +142,13 @@ class Mp3File final : public EncodedFile {
   // Called by the encoder, on whatever thread it works.
   HRESULT Store(std::span<const std::byte> bytes) noexcept {
     if (!file_ || FAILED(failure_)) return E_FAIL;
-    if (!file_->Write(bytes)) failure_ = LastErrorResult();
+    if (!WriteToFile(file_.get(), bytes)) failure_ = LastErrorResult();
     return failure_;
   }
 
-  void WriteTag(std::span<const std::byte> tag) {
-    if (!file_->Write(tag)) throw HResultError(LastErrorResult());
+  void Write(const TagLib::ByteVector& tag) {
+    const auto bytes = std::as_bytes(std::span(tag.data(), tag.size()));
+    if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
   // What went wrong at the file says more than what the encoder made of it.
@@ -148,10 +157,10 @@ class Mp3File final : public EncodedFile {
     Check(hr);
   }
 
-  const EncodingOrder order_;
+  const EncoderSettings settings_;
   const std::size_t bytes_per_frame_;
   const KernelHandle ended_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  std::optional<FileSink> file_;
+  FileHandle file_;
   std::atomic<HRESULT> failure_{S_OK};
   REFERENCE_TIME position_ = 0;
   OutputPin* source_ = nullptr;
@@ -163,8 +172,8 @@ class Mp3File final : public EncodedFile {
 
 }  // namespace
 
-std::unique_ptr<EncodedFile> CreateMp3File(const EncodingOrder& order) {
-  return std::make_unique<Mp3File>(order);
+std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings) {
+  return std::make_unique<Mp3File>(settings);
 }
 
 }  // namespace marlinda

@@ -40,7 +40,6 @@ void SettingsDialog::Open(HWND window) {
   failure_ = ComCall([&] {
     HWND start = OnOpening();
     SendMessageW(window_, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(start), TRUE);
-    return S_OK;
   });
   if (FAILED(failure_)) EndDialog(window_, kNotShown);
 }

@@ -3,23 +3,11 @@
 #include <utility>
 
 #include "core/com_ptr.h"
-#include "core/resource.h"
-#include "core/text.h"
-#include "export/export_answers.h"
-#include "export/file_sink.h"
 #include "export/wav_settings.h"
 
 namespace marlinda {
-namespace {
 
-constexpr char kExtension[] = "wav";
-constexpr SHORT kMerit = 200;
-
-}  // namespace
-
-CWavExportFilter::CWavExportFilter() : job_(std::make_shared<WavExportJob>()) {}
-
-CWavExportFilter::~CWavExportFilter() { Cancel(); }
+CWavExportFilter::CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
 
 STDMETHODIMP CWavExportFilter::Start() {
   return ComCall([&] {
@@ -29,29 +17,10 @@ STDMETHODIMP CWavExportFilter::Start() {
   });
 }
 
-STDMETHODIMP CWavExportFilter::Cancel() {
-  job_->Cancel();
-  worker_.PollUntilEnded(kCancelPollMilliseconds);
-  return S_OK;
-}
-
-STDMETHODIMP CWavExportFilter::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
-  return Answer(pbRunning, worker_.IsRunning());
-}
-
-STDMETHODIMP CWavExportFilter::GetProgress(FLOAT* pfProgress) {
-  return AnswerProgress(pfProgress, job_->Position(), job_->Total());
-}
-
-STDMETHODIMP CWavExportFilter::GetName(BSTR* pbstrName) {
-  return AnswerTaskName(pbstrName, file_name_);
-}
-
 STDMETHODIMP CWavExportFilter::QuerySupportsExtension(BSTR bstrExtension,
                                                       VARIANT_BOOL* pbSupported) {
-  return ComCall([&] {
-    return Answer(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), kExtension) == 0);
-  });
+  return ComCall(
+      [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
 }
 
 STDMETHODIMP CWavExportFilter::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
@@ -72,19 +41,8 @@ STDMETHODIMP CWavExportFilter::SetBitsPerSample(SHORT nBitsPerSample) {
   return S_OK;
 }
 
-STDMETHODIMP CWavExportFilter::GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) {
-  if (pbstrFilterString == nullptr || pbstrExtensions == nullptr) return E_POINTER;
-  *pbstrFilterString = nullptr;
-  *pbstrExtensions = nullptr;
-  return ComCall([&] {
-    *pbstrExtensions = ToBstr(std::string("*.") + kExtension);
-    *pbstrFilterString = ToBstr(TheModule().LoadText(IDS_WAV_FILTER));
-    return S_OK;
-  });
-}
-
 STDMETHODIMP CWavExportFilter::QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSettings) {
-  return Answer(pbHasSettings, true);
+  return HandOut(pbHasSettings, true);
 }
 
 STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
@@ -96,26 +54,18 @@ STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
       bits_per_sample_ = static_cast<SHORT>(settings.bits_per_sample());
       is_float_ = settings.is_float();
     }
-    return S_OK;
   });
   return S_OK;  // a dialog that could not be shown has changed nothing
 }
 
-STDMETHODIMP CWavExportFilter::GetMerit(SHORT* pnMerit) {
-  if (pnMerit == nullptr) return E_POINTER;
-  *pnMerit = kMerit;
-  return S_OK;
-}
-
 STDMETHODIMP CWavExportFilter::QueryIsLossy(VARIANT_BOOL* pbLossy) {
-  return Answer(pbLossy, false);
+  return HandOut(pbLossy, false);
 }
 
 STDMETHODIMP CWavExportFilter::AddLabel(__int64 nPosition, BSTR bstrName) {
   return ComCall([&] {
-    WavLabel label{ToAnsi(bstrName), nPosition};
+    Label label{nPosition, ToAnsi(bstrName)};
     job_->WithAnnotations([&](WavAnnotations& all) { all.labels.push_back(std::move(label)); });
-    return S_OK;
   });
 }
 
@@ -134,18 +84,16 @@ STDMETHODIMP CWavExportFilter::RemoveAllLabels() {
 STDMETHODIMP CWavExportFilter::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
                                            BSTR bstrYear, BSTR bstrGenre) {
   return ComCall([&] {
-    WavMetaData meta_data{ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum),
-                          ToAnsi(bstrYear), ToAnsi(bstrGenre)};
-    job_->WithAnnotations([&](WavAnnotations& all) { all.meta_data = std::move(meta_data); });
-    return S_OK;
+    Tags tags{ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum), ToAnsi(bstrYear),
+              ToAnsi(bstrGenre)};
+    job_->WithAnnotations([&](WavAnnotations& all) { all.tags = std::move(tags); });
   });
 }
 
 STDMETHODIMP CWavExportFilter::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) {
   return ComCall([&] {
-    WavMarker marker{ToAnsi(bstrName), nBegin, nEnd};
+    SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
     job_->WithAnnotations([&](WavAnnotations& all) { all.markers.push_back(std::move(marker)); });
-    return S_OK;
   });
 }
 
@@ -163,7 +111,7 @@ STDMETHODIMP CWavExportFilter::RemoveAllSectionMarkers() {
 
 STDMETHODIMP CWavExportFilter::SetAcidData(SHORT nRootNote, SHORT nMeterBeats,
                                            SHORT nMeterDelimiter, LONG nBeatCount, FLOAT fTempo) {
-  const WavAcidData acid{nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
+  const AcidData acid{nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
   job_->WithAnnotations([&](WavAnnotations& all) { all.acid = acid; });
   return S_OK;
 }

@@ -1,13 +1,8 @@
 // CWavExportFilter: writes the audio of a reader into a RIFF WAV file, as a task.
 #pragma once
 
-#include <marlinda.h>
-
-#include <memory>
-#include <string>
-
-#include "core/com_object.h"
-#include "core/worker_thread.h"
+#include "core/filter_task.h"
+#include "core/resource.h"
 #include "export/wav_export_job.h"
 
 namespace marlinda {
@@ -19,31 +14,28 @@ namespace marlinda {
 // Errors that the task meets while it runs are not reported: a full disk leaves a truncated file,
 // and what a reader fails to deliver is written as silence.
 class CWavExportFilter final
-    : public Object<CWavExportFilter, ICoreTask, IExportFilter, ILabelSupport, IMetaDataWriter,
-                    ISectionMarkerSupport, IAcidWriter> {
+    : public FilterTask<CWavExportFilter, WavExportJob, ICoreTask, IExportFilter, ILabelSupport,
+                        IMetaDataWriter, ISectionMarkerSupport, IAcidWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CWavExportFilter;
+  static constexpr SHORT kMerit = 200;
+  static constexpr UINT kNameText = IDS_SAVING;
+  static constexpr UINT kFilterTexts[] = {IDS_WAV_FILTER};
+  static constexpr char kPatterns[] = "*.wav";
 
   CWavExportFilter();
-  ~CWavExportFilter();
 
   // ICoreTask. Start is E_FAIL while the task runs and where file or reader are missing; a Cancel
   // before Start stays in force, and the file then has no samples.
   STDMETHODIMP Start() override;
-  STDMETHODIMP Cancel() override;
-  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
-  STDMETHODIMP GetProgress(FLOAT* pfProgress) override;
-  STDMETHODIMP GetName(BSTR* pbstrName) override;
 
   // IExportFilter. Initialize is E_FAIL while the task runs. Where it cannot create the file, the
   // object has none afterwards, also when an earlier call had made one.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
   STDMETHODIMP SetBitsPerSample(SHORT nBitsPerSample) override;
-  STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override;
   STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override;
   STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override;
-  STDMETHODIMP GetMerit(SHORT* pnMerit) override;
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override;
 
   // ILabelSupport
@@ -71,11 +63,8 @@ class CWavExportFilter final
                            LONG nBeatCount, FLOAT fTempo) override;
 
  private:
-  const std::shared_ptr<WavExportJob> job_;
-  WorkerThread worker_;
-  std::string file_name_;
   SHORT bits_per_sample_ = 16;
-  bool is_float_ = false;  // chosen in the settings dialog alone, and kept by SetBitsPerSample
+  bool is_float_ = false;  // the settings dialog alone changes it
 };
 
 }  // namespace marlinda

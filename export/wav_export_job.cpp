@@ -1,12 +1,10 @@
 #include "export/wav_export_job.h"
 
 #include <algorithm>
-#include <memory>
 
 #include "core/com_call.h"
 #include "core/sample_array.h"
-#include "export/file_sink.h"
-#include "export/wav_sample_writer.h"
+#include "export/wav_sample_encoder.h"
 
 namespace marlinda {
 namespace {
@@ -33,50 +31,41 @@ void MakeSilent(SampleArray& block, std::size_t samples) {
 
 void WavExportJob::SetReader(IAudioReader* reader) {
   Hold(reader_, reader);
-  __int64 total = 0;
-  reader->GetSampleCount(&total);
-  total_ = total;
-}
-
-void WavExportJob::SetTarget(FileHandle file) {
-  file_.Attach(file ? std::make_unique<FileSink>(std::move(file)) : nullptr);
+  __int64 count = 0;
+  reader->GetSampleCount(&count);
+  total = count;
 }
 
 void WavExportJob::Run(std::int16_t bits, bool is_float) noexcept {
   const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
   // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
+  ComCall([&] { WriteSamples(format); });
+  LittleEndianBytes trailer;
   ComCall([&] {
-    WriteSamples(format);
-    return S_OK;
-  });
-  ComCall([&] {
-    file_.EndChunk();  // "data"
     const auto annotations = WithAnnotations([](const WavAnnotations& all) { return all; });
-    WriteAnnotations(file_, annotations, format.BlockAlign());
-    return S_OK;
+    trailer = WavTrailer(annotations, format.BlockAlign());
   });
-  file_.Close();
+  file_.Finish(trailer.bytes());
   reader_.Reset();
 }
 
 void WavExportJob::WriteSamples(const WavFormat& format) {
-  const auto body = format.channels > 2 ? ExtensibleFormatBody(format) : PlainFormatBody(format);
-  BeginWav(file_, body.bytes());
+  file_.Begin(format, ManyChannels::kExtensible);
 
   // Without channels there is nothing to read, whatever the length.
-  if (format.channels <= 0) position_ = std::max(Position(), Total());
+  if (format.channels <= 0) position = std::max(position.load(), total.load());
 
-  WavSampleWriter writer(format);
+  WavSampleEncoder encoder(format);
   SampleArray block;
-  while (!cancelled_ && Position() < Total()) {
+  while (!cancelled && position < total) {
     // The difference is taken in 64 bits: in 32, a source of 2^31 frames or more would give
     // negative or empty blocks and no end.
-    const std::int64_t frames = std::min(Total() - Position(), kFramesPerBlock);
+    const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
     MakeSilent(block, static_cast<std::size_t>(frames) * format.channels);
     // Whatever a failing reader left in the block is written, so that the rest keeps its place.
-    reader_->ReadAudio(Position(), block.get());
-    writer.Write(file_, block.samples(), static_cast<std::size_t>(frames));
-    position_ += frames;
+    reader_->ReadAudio(position, block.get());
+    file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
+    position += frames;
   }
 }
 

@@ -1,15 +1,13 @@
-// The chunks of the WAV files that this system writes. All functions write through a
-// RiffChunkWriter; docs/wav-layout.md has the byte tables.
+// The bytes of the WAV files that this system writes, but for the samples. docs/wav-layout.md has
+// the byte tables.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <span>
-#include <string>
 #include <vector>
 
+#include "core/records.h"
 #include "export/little_endian.h"
-#include "export/riff_chunk_writer.h"
 
 namespace marlinda {
 
@@ -24,63 +22,23 @@ struct WavFormat {
   std::int32_t BlockAlign() const noexcept { return channels * (bits / 8); }
 };
 
-// Names are in the system's code page and hold no NUL.
-struct WavLabel {
-  std::string name;
-  std::int64_t position = 0;
-};
-
-struct WavMarker {
-  std::string name;
-  std::int64_t begin = 0;
-  std::int64_t end = 0;
-};
-
-struct WavMetaData {
-  std::string title;
-  std::string artist;
-  std::string album;
-  std::string year;
-  std::string genre;
-};
-
-struct WavAcidData {
-  std::int32_t root_note = 0;
-  std::int16_t meter_beats = 0;
-  std::int16_t meter_delimiter = 0;
-  std::int32_t beat_count = 0;
-  float tempo = 0;
-};
-
-// What a file carries beside its samples.
+// What a file carries beside its samples. Names hold no NUL.
 struct WavAnnotations {
-  std::vector<WavLabel> labels;
-  std::vector<WavMarker> markers;
-  WavMetaData meta_data;
-  std::optional<WavAcidData> acid;
+  std::vector<Label> labels = {};
+  std::vector<SectionMarker> markers = {};
+  Tags tags = {};
+  std::optional<AcidData> acid = {};
 };
 
-// The 16 bytes of a plain format: tag 1 for PCM, 3 for floats.
-LittleEndianBytes PlainFormatBody(const WavFormat& format);
+// Whether more than two channels get the 40 bytes of an extensible format.
+enum class ManyChannels { kExtensible, kPlain };
 
-// The 40 bytes of an extensible format, mono announced as front centre.
-LittleEndianBytes ExtensibleFormatBody(const WavFormat& format);
+// Everything before the samples: "RIFF", "fmt " and the header of "data". The sizes of "RIFF" and
+// "data" are 0; the file fills them in at its end.
+LittleEndianBytes WavHeader(const WavFormat& format, ManyChannels many_channels);
 
-// Opens "RIFF" "WAVE", writes "fmt " with `format_body` and opens "data"; samples follow.
-void BeginWav(RiffChunkWriter& file, std::span<const std::byte> format_body);
-
-// "cue " and "LIST" "adtl": labels, then markers, numbered through from 0. Nothing when there are
-// none.
-void WriteCuesAndRegions(RiffChunkWriter& file, std::span<const WavLabel> labels,
-                         std::span<const WavMarker> markers, std::int32_t block_align);
-
-// "LIST" "INFO", which is written also when every text is empty.
-void WriteInfo(RiffChunkWriter& file, const WavMetaData& meta_data);
-
-void WriteAcid(RiffChunkWriter& file, const WavAcidData& acid);
-
-// Everything behind the samples, in its order; "data" has been ended.
-void WriteAnnotations(RiffChunkWriter& file, const WavAnnotations& annotations,
-                      std::int32_t block_align);
+// Everything behind the samples: "cue " and "adtl" where there are labels or markers, "INFO" in any
+// case, "acid" where it was set.
+LittleEndianBytes WavTrailer(const WavAnnotations& annotations, std::int32_t block_align);
 
 }  // namespace marlinda

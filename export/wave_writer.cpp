@@ -1,15 +1,12 @@
 #include "export/wave_writer.h"
 
 #include <cstdint>
-#include <memory>
 #include <utility>
 
 #include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "core/text.h"
-#include "export/file_sink.h"
-#include "export/wav_layout.h"
-#include "export/wav_sample_writer.h"
+#include "export/wav_sample_encoder.h"
 
 namespace marlinda {
 namespace {
@@ -33,10 +30,7 @@ STDMETHODIMP CWaveWriter::SetResolution(SHORT nBitsPerSample) {
 }
 
 STDMETHODIMP CWaveWriter::SetTargetFile(BSTR bstrFileName) {
-  return ComCall([&] {
-    target_file_ = ToAnsi(bstrFileName);
-    return S_OK;
-  });
+  return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
 }
 
 STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
@@ -52,10 +46,9 @@ STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {
     } else if (channels_ > 0) {
       const std::size_t frames = block.samples().size() / static_cast<std::size_t>(channels_);
       const auto whole = block.samples().first(frames * static_cast<std::size_t>(channels_));
-      WavSampleWriter({samples_per_sec_, channels_, bits_per_sample_, false})
-          .Write(file_, whole, frames);
+      WavSampleEncoder encoder({samples_per_sec_, channels_, bits_per_sample_, false});
+      file_.Write(encoder.Encode(whole, frames));
     }
-    return S_OK;
   });
 }
 
@@ -66,12 +59,10 @@ STDMETHODIMP CWaveWriter::OpenDevice() {
     if (const auto next = write_through_) next->OpenDevice();
     FileHandle file = CreateTargetFile(target_file_);
     if (!file) return LastErrorResult();
-    file_.Close();
-    file_.Attach(std::make_unique<FileSink>(std::move(file)));
+    file_.Finish();
+    file_.Attach(std::move(file));
     const bool is_float = bits_per_sample_ == kFloatBits;
-    const WavFormat format{samples_per_sec_, channels_, bits_per_sample_, is_float};
-    // Plain also for many channels: players of these files have never been told about speakers.
-    BeginWav(file_, PlainFormatBody(format).bytes());
+    file_.Begin({samples_per_sec_, channels_, bits_per_sample_, is_float}, ManyChannels::kPlain);
     return S_OK;
   });
 }
@@ -80,7 +71,7 @@ STDMETHODIMP CWaveWriter::CloseDevice() {
   const NestedCall call(this, WriterCall::kCloseDevice);
   if (call.Depth() > 1) return S_OK;
   if (const auto next = write_through_) next->CloseDevice();
-  file_.Close();
+  file_.Finish();
   return S_OK;
 }
 

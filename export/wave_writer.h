@@ -7,7 +7,7 @@
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
-#include "export/riff_chunk_writer.h"
+#include "export/wav_file.h"
 
 namespace marlinda {
 
@@ -48,7 +48,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   LONG samples_per_sec_ = 44100;
   SHORT channels_ = 2;
   SHORT bits_per_sample_ = 16;
-  RiffChunkWriter file_;
+  WavFile file_;
 };
 
 }  // namespace marlinda

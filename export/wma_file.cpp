@@ -14,7 +14,6 @@
 #include "core/com_ptr.h"
 #include "core/handle.h"
 #include "export/encoded_file.h"
-#include "export/file_sink.h"
 
 namespace marlinda {
 namespace {
@@ -63,8 +62,8 @@ void CheckCodec(HRESULT hr) {
   if (FAILED(hr)) throw CodecError();
 }
 
-// True when the stream has the rate and the channels that the order wants.
-bool Matches(IWMStreamConfig* stream, const EncodingOrder& order) {
+// True when the stream has the rate and the channels of the settings.
+bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
   const auto properties = TryQuery<IWMMediaProps>(stream);
   DWORD size = 0;
   if (!properties || FAILED(properties->GetMediaType(nullptr, &size))) return false;
@@ -73,18 +72,18 @@ bool Matches(IWMStreamConfig* stream, const EncodingOrder& order) {
   if (size < sizeof *type || FAILED(properties->GetMediaType(type, &size))) return false;
   if (type->pbFormat == nullptr || type->cbFormat < sizeof(WAVEFORMATEX)) return false;
   const auto* const format = reinterpret_cast<const WAVEFORMATEX*>(type->pbFormat);
-  return static_cast<int>(format->nSamplesPerSec) == order.samples_per_sec &&
-         format->nChannels == order.channels;
+  return static_cast<int>(format->nSamplesPerSec) == settings.samples_per_sec &&
+         format->nChannels == settings.channels;
 }
 
 // The stream of an audio codec with the best bit rate up to the wanted one, else with the lowest.
-ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncodingOrder& order) {
+ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncoderSettings& settings) {
   const auto codecs = TryQuery<IWMCodecInfo>(manager);
   DWORD codec_count = 0;
   if (!codecs || FAILED(codecs->GetCodecInfoCount(MEDIATYPE_Audio, &codec_count))) {
     throw CodecError();
   }
-  const DWORD wanted = static_cast<DWORD>(order.bit_rate_kbit) * 1000;
+  const DWORD wanted = static_cast<DWORD>(settings.bit_rate_kbit) * 1000;
   ComPtr<IWMStreamConfig> chosen;
   DWORD best = 0;
   for (DWORD codec = 0; codec < codec_count; ++codec) {
@@ -94,7 +93,7 @@ ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncodingO
       ComPtr<IWMStreamConfig> stream;
       DWORD rate = 0;
       if (FAILED(codecs->GetCodecFormat(MEDIATYPE_Audio, codec, format, stream.GetAddressOf())) ||
-          FAILED(stream->GetBitrate(&rate)) || !Matches(stream.Get(), order)) {
+          FAILED(stream->GetBitrate(&rate)) || !Matches(stream.Get(), settings)) {
         continue;
       }
       if (!chosen || IsBetterBitRate(rate, best, wanted)) {
@@ -109,14 +108,14 @@ ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncodingO
 
 class WmaFile final : public EncodedFile {
  public:
-  explicit WmaFile(const EncodingOrder& order)
-      : samples_per_sec_(static_cast<std::uint64_t>(order.samples_per_sec)),
-        bytes_per_frame_(PcmFormatOf(order).nBlockAlign),
+  explicit WmaFile(const EncoderSettings& settings)
+      : samples_per_sec_(static_cast<std::uint64_t>(settings.samples_per_sec)),
+        bytes_per_frame_(PcmFormatOf(settings).nBlockAlign),
         writer_(media_.CreateWriter()) {
-    SetProfile(order);
-    SetInput(order);
-    SetTags(order.tags);
-    const std::wstring path = WidePath(order.path);
+    SetProfile(settings);
+    SetInput(settings);
+    SetTags(settings.tags);
+    const std::wstring path = WidePath(settings.path);
     CheckCodec(writer_->SetOutputFilename(path.c_str()));
     const bool is_new = GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES;
     const HRESULT hr = writer_->BeginWriting();
@@ -156,11 +155,11 @@ class WmaFile final : public EncodedFile {
     return wide;
   }
 
-  void SetProfile(const EncodingOrder& order) {
+  void SetProfile(const EncoderSettings& settings) {
     const auto manager = media_.CreateProfileManager();
     ComPtr<IWMProfile> profile;
     CheckCodec(manager->CreateEmptyProfile(WMT_VER_9_0, profile.GetAddressOf()));
-    const auto stream = ChooseStream(manager.Get(), order);
+    const auto stream = ChooseStream(manager.Get(), settings);
     CheckCodec(stream->SetStreamNumber(kStreamNumber));
     CheckCodec(stream->SetStreamName(L"Audio"));
     CheckCodec(stream->SetConnectionName(L"Audio"));
@@ -168,8 +167,8 @@ class WmaFile final : public EncodedFile {
     CheckCodec(writer_->SetProfile(profile.Get()));
   }
 
-  void SetInput(const EncodingOrder& order) {
-    WAVEFORMATEX format = PcmFormatOf(order);
+  void SetInput(const EncoderSettings& settings) {
+    WAVEFORMATEX format = PcmFormatOf(settings);
     WM_MEDIA_TYPE type = {};
     type.majortype = MEDIATYPE_Audio;
     type.subtype = MEDIASUBTYPE_PCM;
@@ -184,7 +183,7 @@ class WmaFile final : public EncodedFile {
     CheckCodec(writer_->SetInputProps(0, input.Get()));
   }
 
-  void SetTags(const FileTags& tags) {
+  void SetTags(const WideTags& tags) {
     const auto header = TryQuery<IWMHeaderInfo>(writer_.Get());
     const std::pair<const wchar_t*, const std::wstring&> attributes[] = {
         {L"Title", tags.title},  {L"Author", tags.artist},  {L"WM/AlbumTitle", tags.album},
@@ -210,8 +209,8 @@ class WmaFile final : public EncodedFile {
 
 }  // namespace
 
-std::unique_ptr<EncodedFile> CreateWmaFile(const EncodingOrder& order) {
-  return std::make_unique<WmaFile>(order);
+std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings) {
+  return std::make_unique<WmaFile>(settings);
 }
 
 }  // namespace marlinda

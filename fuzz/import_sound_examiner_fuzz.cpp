@@ -9,14 +9,14 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   marlinda::testing::MemorySource file(std::vector<unsigned char>(data, data + size));
-  const marlinda::SoundFacts facts = marlinda::ExamineSound(file);
-  if (!facts.pcm) return 0;
-  const auto channels = static_cast<std::size_t>(facts.pcm->format.channels);
+  const marlinda::SoundFileInfo info = marlinda::ExamineSound(file);
+  if (!info.pcm) return 0;
+  const auto channels = static_cast<std::size_t>(info.pcm->format.channels);
   std::vector<float> block(64 * channels);
   std::vector<std::byte> scratch;
   std::int64_t frames = 0;
-  while (frames < facts.pcm->frames) {
-    const std::size_t read = marlinda::ReadSamples(file, *facts.pcm, frames, block, scratch);
+  while (frames < info.pcm->frames) {
+    const std::size_t read = marlinda::ReadSamples(file, *info.pcm, frames, block, scratch);
     // As many frames as were promised must be there.
     if (read < channels || read % channels != 0) std::abort();
     frames += static_cast<std::int64_t>(read / channels);

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "import/vorbis_comments.h"
 #include "import/vorbis_stream.h"
 
 namespace {
@@ -32,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(stream->average_bytes_per_sec() >= 0);
   const auto channels = static_cast<std::size_t>(stream->channels());
 
-  marlinda::MetaData texts;
+  marlinda::Tags texts;
   for (const std::string_view comment : stream->Comments()) {
     marlinda::ApplyVorbisComment(comment, texts);
   }

@@ -11,7 +11,7 @@
 namespace marlinda {
 namespace {
 
-constexpr int kMostChunks = 65536;
+constexpr int kMaxChunks = 65536;
 constexpr std::size_t kCommonBytes = 18;
 constexpr std::size_t kAuHeaderBytes = 24;
 constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
@@ -75,7 +75,7 @@ struct AiffChunks {
 AiffChunks FindChunks(ByteSource& file) {
   AiffChunks found;
   std::uint64_t position = 12;
-  for (int count = 0; count < kMostChunks; ++count) {
+  for (int count = 0; count < kMaxChunks; ++count) {
     const std::vector<std::byte> header = file.ReadUpTo(position, 8);
     if (header.size() < 8) break;
     const std::uint64_t size = BigU32(header, 4);
@@ -128,23 +128,23 @@ PcmData AuEncoding(std::uint32_t encoding) {
 
 }  // namespace
 
-std::optional<SoundFacts> ReadAiff(ByteSource& file) {
+std::optional<SoundFileInfo> ReadAiff(ByteSource& file) {
   const std::vector<std::byte> form = file.ReadUpTo(0, 12);
   if (form.size() < 12 || IdAt(form, 0) != "FORM") return std::nullopt;
   const bool is_aifc = IdAt(form, 8) == "AIFC";
   if (!is_aifc && IdAt(form, 8) != "AIFF") return std::nullopt;
 
-  SoundFacts facts;
+  SoundFileInfo info;
   const AiffChunks chunks = FindChunks(file);
   const Bytes common = chunks.common;
   if (common.size() < kCommonBytes + (is_aifc ? 4 : 0)) {
-    facts.refused = true;
-    return facts;
+    info.refused = true;
+    return info;
   }
   const std::uint32_t frames = BigU32(common, 2);
   const auto* encoding = std::ranges::find(
       kEncodings, is_aifc ? IdAt(common, kCommonBytes) : kEncodings[0].type, &Encoding::type);
-  if (encoding == std::end(kEncodings)) return facts;
+  if (encoding == std::end(kEncodings)) return info;
 
   const std::uint64_t bits =
       encoding->bits != 0 ? static_cast<std::uint64_t>(encoding->bits) : ReadBig<2>(common, 6);
@@ -153,44 +153,44 @@ std::optional<SoundFacts> ReadAiff(ByteSource& file) {
                             static_cast<std::int16_t>((bits + 7) / 8 * 8), encoding->is_float};
   const bool known_width = bits > 0 && (bits <= 32 || encoding->is_float);
   // A file without samples may leave out their chunk.
-  facts.refused = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
-  if (facts.refused) return facts;
-  facts.pcm = CutToFile(file,
-                        {.format = format,
-                         .coding = encoding->coding,
-                         .big_endian = encoding->big_endian,
-                         .signed_bytes = true,
-                         .offset = chunks.sound_offset,
-                         .frames = frames},
-                        chunks.sound_bytes);
-  return facts;
+  info.refused = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
+  if (info.refused) return info;
+  info.pcm = CutToFile(file,
+                       {.format = format,
+                        .coding = encoding->coding,
+                        .big_endian = encoding->big_endian,
+                        .signed_bytes = true,
+                        .offset = chunks.sound_offset,
+                        .frames = frames},
+                       chunks.sound_bytes);
+  return info;
 }
 
-std::optional<SoundFacts> ReadAu(ByteSource& file) {
+std::optional<SoundFileInfo> ReadAu(ByteSource& file) {
   const std::vector<std::byte> header = file.ReadUpTo(0, kAuHeaderBytes);
   if (header.size() < 4 || IdAt(header, 0) != ".snd") return std::nullopt;
-  SoundFacts facts;
-  facts.refused = header.size() < kAuHeaderBytes;
-  if (facts.refused) return facts;
+  SoundFileInfo info;
+  info.refused = header.size() < kAuHeaderBytes;
+  if (info.refused) return info;
 
   const std::uint64_t offset = BigU32(header, 4);
   const std::uint32_t data_bytes = BigU32(header, 8);
   const std::uint32_t encoding = BigU32(header, 12);
   const std::uint32_t rate = BigU32(header, 16);
   const std::uint32_t channels = BigU32(header, 20);
-  facts.refused = offset < kAuHeaderBytes || rate == 0 ||
-                  rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
-                  channels > std::numeric_limits<std::int16_t>::max() ||
-                  AuEncoding(encoding).format.bits == 0;
-  if (facts.refused) return facts;
+  info.refused = offset < kAuHeaderBytes || rate == 0 ||
+                 rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
+                 channels > std::numeric_limits<std::int16_t>::max() ||
+                 AuEncoding(encoding).format.bits == 0;
+  if (info.refused) return info;
 
   PcmData pcm = AuEncoding(encoding);
   pcm.format.samples_per_sec = static_cast<std::int32_t>(rate);
   pcm.format.channels = static_cast<std::int16_t>(channels);
   pcm.offset = offset;
   pcm.frames = std::numeric_limits<std::int64_t>::max();
-  facts.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);
-  return facts;
+  info.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);
+  return info;
 }
 
 }  // namespace marlinda

@@ -3,14 +3,14 @@
 #pragma once
 
 #include "import/byte_source.h"
-#include "import/sound_facts.h"
+#include "import/sound_file_info.h"
 
 namespace marlinda {
 
 // Each is nothing when the file is of another kind. Compressed samples of AIFF-C files are left to
 // the filters of the system; those of AU files are refused, because these filters take the header
 // of an AU file for sound.
-std::optional<SoundFacts> ReadAiff(ByteSource& file);
-std::optional<SoundFacts> ReadAu(ByteSource& file);
+std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
+std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 
 }  // namespace marlinda

@@ -2,16 +2,26 @@
 // decode, as a task, into an audio writer.
 #pragma once
 
-#include <marlinda.h>
-
-#include <memory>
+#include <cstdint>
 #include <string>
 
-#include "core/com_object.h"
-#include "core/worker_thread.h"
-#include "import/sound_facts.h"
+#include "core/resource.h"
+#include "import/file_source.h"
+#include "import/import_task.h"
+#include "import/sound_file_info.h"
 
 namespace marlinda {
+
+// A file that can be imported.
+struct DShowSource {
+  std::wstring file_name;
+  FileSource file;
+  SoundFileInfo info;
+  PcmFormat format;  // of the decoded samples
+  std::int64_t total = 0;
+};
+
+using DShowImportJob = ImportJob<DShowSource>;
 
 // One Initialize serves one run, as with the other import filters.
 //
@@ -22,14 +32,17 @@ namespace marlinda {
 // Metadata, labels, section markers and loop data are those of the file named last, by Initialize
 // or by SetFilename. They can be read, not edited.
 class CDShowImport final
-    : public Object<CDShowImport, IImportFilter, IExFormatInfo, ICoreTask, ILabelSupport,
-                    IMetaDataReader, ISectionMarkerSupport, IAcidReader> {
+    : public ImportTask<CDShowImport, DShowImportJob, IImportFilter, IExFormatInfo, ICoreTask,
+                        ILabelSupport, IMetaDataReader, ISectionMarkerSupport, IAcidReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowImport;
 
-  CDShowImport() = default;
-  // Cancels a run and waits for it.
-  ~CDShowImport();
+  // Below the Ogg Vorbis import, which may read the same files.
+  static constexpr SHORT kMerit = 100;
+  static constexpr UINT kNameText = IDS_LOADING;
+  static constexpr UINT kFilterTexts[] = {IDS_DSHOW_FILTER};
+  static constexpr char kPatterns[] =
+      "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv";
 
   // IImportFilter. A file that cannot be opened is S_FALSE; E_FAIL is one that nothing can decode,
   // that has no sound or whose header contradicts itself.
@@ -37,30 +50,6 @@ class CDShowImport final
   // E_FAIL where QueryCanLoad is not S_OK, and while a run is active; the object then stays as it
   // was.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
-  STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override;
-  // Exact for uncompressed files. Of others as the decoder estimates it, until the file has been
-  // decoded to its end.
-  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override;
-  STDMETHODIMP GetMerit(SHORT* pnMerit) override;
-
-  // IExFormatInfo: all zeros before Initialize.
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  // Of the decoded samples.
-  STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override;
-  // Of the file; the average over all of it, pictures included, when it is compressed.
-  STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override;
-
-  // ICoreTask
-  // E_FAIL without a successful Initialize before it.
-  STDMETHODIMP Start() override;
-  // Returns when the run has ended. A Cancel between Initialize and Start is not forgotten: that
-  // run writes at most one block.
-  STDMETHODIMP Cancel() override;
-  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
-  // Never exceeds 1. Stays below 1 when an error ended the run early.
-  STDMETHODIMP GetProgress(float* pfProgress) override;
-  STDMETHODIMP GetName(BSTR* pbstrName) override;
-
   // ILabelSupport
   STDMETHODIMP AddLabel(__int64, BSTR) override { return E_NOTIMPL; }
   STDMETHODIMP GetLabelCount(LONG* pnLabelCount) override;
@@ -70,8 +59,6 @@ class CDShowImport final
   STDMETHODIMP RemoveAllLabels() override { return E_NOTIMPL; }
 
   // IMetaDataReader
-  STDMETHODIMP GetMetaData(BSTR* pbstrTitle, BSTR* pbstrArtist, BSTR* pbstrAlbum, BSTR* pbstrYear,
-                           BSTR* pbstrGenre) override;
   // E_FAIL where QueryCanLoad is not S_OK; everything then stays as it was.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override;
 
@@ -90,14 +77,12 @@ class CDShowImport final
   STDMETHODIMP GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats, SHORT* pnMeterDelimiter,
                            LONG* pnBeatCount, float* pfTempo) override;
 
- private:
-  struct Run;
+  static void WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target);
 
-  // The latest successful Initialize; shared with the worker.
-  std::shared_ptr<Run> run_;
-  std::string file_name_;
-  SoundFacts facts_;
-  WorkerThread worker_;
+ private:
+  void SetInfo(SoundFileInfo info);
+
+  SoundFileInfo info_;
 };
 
 }  // namespace marlinda

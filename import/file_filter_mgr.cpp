@@ -7,13 +7,12 @@
 #include "core/registry.h"
 #include "core/resource.h"
 #include "core/text.h"
-#include "import/filter_strings.h"
 
 namespace marlinda {
 namespace {
 
-// Below this no filter is ever chosen.
-constexpr SHORT kLowestMerit = -1;
+// A filter needs a higher merit to be chosen.
+constexpr SHORT kNoMerit = -1;
 
 // The class identifiers in the list, as text. A list that cannot be opened is an empty one.
 std::vector<std::string> ListedClasses() {
@@ -36,7 +35,7 @@ ComPtr<IImportFilter> CreateFilter(const std::string& class_id) {
 }
 
 SHORT MeritOf(IImportFilter* filter) {
-  SHORT merit = kLowestMerit;
+  SHORT merit = kNoMerit;
   filter->GetMerit(&merit);
   return merit;
 }
@@ -48,7 +47,7 @@ STDMETHODIMP CFileFilterMgr::CreateImportFilter(BSTR bstrPathName, IImportFilter
   *ppImportFilter = nullptr;
   return ComCall([&] {
     ComPtr<IImportFilter> best;
-    SHORT best_merit = kLowestMerit;
+    SHORT best_merit = kNoMerit;
     for (const std::string& class_id : ListedClasses()) {
       ComPtr<IImportFilter> filter = CreateFilter(class_id);
       if (filter == nullptr) continue;
@@ -61,7 +60,6 @@ STDMETHODIMP CFileFilterMgr::CreateImportFilter(BSTR bstrPathName, IImportFilter
       best_merit = merit;
     }
     *ppImportFilter = best.Detach();
-    return S_OK;
   });
 }
 
@@ -69,20 +67,22 @@ STDMETHODIMP CFileFilterMgr::GetImportFilterString(BSTR* pbstrFilterString) {
   if (pbstrFilterString == nullptr) return E_POINTER;
   *pbstrFilterString = nullptr;
   return ComCall([&] {
-    FilterStrings strings;
+    std::string fragments;
+    std::string patterns;
     for (const std::string& class_id : ListedClasses()) {
       const ComPtr<IImportFilter> filter = CreateFilter(class_id);
       if (filter == nullptr) continue;
       OwnedBstr fragment;
-      OwnedBstr patterns;
-      filter->GetFilterStrings(fragment.Receive(), patterns.Receive());
-      strings.Add(ToAnsi(fragment.get()), ToAnsi(patterns.get()));
+      OwnedBstr extensions;
+      filter->GetFilterStrings(fragment.Receive(), extensions.Receive());
+      fragments += ToAnsi(fragment.get());
+      const std::string added = ToAnsi(extensions.get());
+      if (!patterns.empty() && !added.empty()) patterns += ';';
+      patterns += added;
     }
     const CMarlindaModule& module = TheModule();
-    *pbstrFilterString =
-        ToBstr(strings.Compose(Format(module.LoadText(IDS_ALL_KNOWN_FILES), strings.patterns()),
-                               module.LoadText(IDS_ALL_FILES)));
-    return S_OK;
+    *pbstrFilterString = ToBstr(Format(module.LoadText(IDS_ALL_KNOWN_FILES), patterns) + fragments +
+                                module.LoadText(IDS_ALL_FILES));
   });
 }
 

@@ -12,14 +12,14 @@ bool FileSource::Open(const std::wstring& name) noexcept {
 }
 
 std::size_t FileSource::Read(std::uint64_t offset, std::span<std::byte> out) {
-  constexpr std::size_t kMostAtOnce = std::size_t{1} << 30;
+  constexpr std::size_t kMaxRead = std::size_t{1} << 30;
   std::size_t done = 0;
   while (done < out.size()) {
     OVERLAPPED at = {};
     at.Offset = static_cast<DWORD>(offset + done);
     at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
     DWORD count = 0;
-    const auto wanted = static_cast<DWORD>(std::min(out.size() - done, kMostAtOnce));
+    const auto wanted = static_cast<DWORD>(std::min(out.size() - done, kMaxRead));
     if (!ReadFile(file_.get(), out.data() + done, wanted, &count, &at) || count == 0) break;
     done += count;
   }

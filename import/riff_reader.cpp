@@ -12,15 +12,15 @@ namespace {
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
 // More chunks than any file has that was not made to keep a reader busy.
-constexpr int kMostChunks = 65536;
+constexpr int kMaxChunks = 65536;
 // Of cue points and texts in all; more are left out.
-constexpr std::uint64_t kMostBodyBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
 // In an RF64 file and in one that was written to a pipe: the size stands elsewhere or nowhere.
 constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
 constexpr std::size_t kCuePointBytes = 24;
 constexpr std::size_t kRegionHeaderBytes = 20;
-constexpr std::size_t kLoopBytes = 24;
+constexpr std::size_t kAcidBytes = 24;
 constexpr std::size_t kYearCharacters = 4;
 
 using Bytes = std::span<const std::byte>;
@@ -56,7 +56,7 @@ class CueSheet {
  public:
   void AddPoints(Bytes body);
   void AddAssociatedData(Bytes list);
-  void Resolve(SoundFacts& facts);
+  void Resolve(SoundFileInfo& info);
 
  private:
   struct Point {
@@ -117,7 +117,7 @@ std::vector<CueSheet::Point*> CueSheet::SortedById() {
   return sorted;
 }
 
-void CueSheet::Resolve(SoundFacts& facts) {
+void CueSheet::Resolve(SoundFileInfo& info) {
   const std::vector<Point*> by_id = SortedById();
   // Of several points with one number the first is meant.
   const auto find = [&](std::uint32_t id) -> Point* {
@@ -143,15 +143,15 @@ void CueSheet::Resolve(SoundFacts& facts) {
     // Some programs give every point an empty region beside its name.
     if (region.length == 0 && region.name.empty() && point->label != nullptr) continue;
     point->is_region = true;
-    facts.markers.push_back({region.name.empty() ? name_of(*point) : std::move(region.name),
-                             point->position, point->position + region.length});
+    info.markers.push_back({{point->position, point->position + region.length},
+                            region.name.empty() ? name_of(*point) : std::move(region.name)});
   }
   for (const Point& point : points_) {
-    if (!point.is_region) facts.labels.push_back({name_of(point), point.position});
+    if (!point.is_region) info.labels.push_back({point.position, name_of(point)});
   }
 }
 
-void ReadInfo(Bytes list, MetaData& data) {
+void ReadInfo(Bytes list, Tags& data) {
   Chunk chunk;
   while (NextChunk(list, chunk)) {
     if (chunk.id == "INAM") {
@@ -171,7 +171,7 @@ void ReadInfo(Bytes list, MetaData& data) {
   }
 }
 
-LoopData ReadLoop(Bytes body) {
+AcidData ReadAcid(Bytes body) {
   return {static_cast<std::int32_t>(LittleU32(body, 0)),
           static_cast<std::int16_t>(LittleU16(body, 16)),
           static_cast<std::int16_t>(LittleU16(body, 18)),
@@ -192,7 +192,7 @@ bool IsCompressed(Bytes body) {
 class RiffWalk {
  public:
   explicit RiffWalk(ByteSource& file) : file_(file) {}
-  std::optional<SoundFacts> Read();
+  std::optional<SoundFileInfo> Read();
 
  private:
   void WalkChunks(std::uint64_t riff_end);
@@ -203,10 +203,10 @@ class RiffWalk {
   std::vector<std::byte> Body(std::uint64_t there);
 
   ByteSource& file_;
-  SoundFacts facts_;
+  SoundFileInfo info_;
   CueSheet cues_;
   std::uint64_t position_ = kFormHeaderBytes;  // of the chunk's header, then of its body
-  std::uint64_t bytes_left_ = kMostBodyBytes;
+  std::uint64_t bytes_left_ = kMaxBodyBytes;
   bool is_wave_ = false;
   std::vector<std::byte> format_;
   std::optional<std::uint64_t> wide_data_size_;
@@ -214,7 +214,7 @@ class RiffWalk {
   std::uint64_t data_bytes_ = 0;
 };
 
-std::optional<SoundFacts> RiffWalk::Read() {
+std::optional<SoundFileInfo> RiffWalk::Read() {
   const std::vector<std::byte> header = file_.ReadUpTo(0, kFormHeaderBytes);
   if (header.size() < kFormHeaderBytes) return std::nullopt;
   const std::string_view id = IdAt(header, 0);
@@ -225,11 +225,11 @@ std::optional<SoundFacts> RiffWalk::Read() {
   const bool known = size >= 4 && size != kUnknownSize;
   WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());
   Conclude();
-  return std::move(facts_);
+  return std::move(info_);
 }
 
 void RiffWalk::WalkChunks(std::uint64_t riff_end) {
-  for (int count = 0; count < kMostChunks; ++count) {
+  for (int count = 0; count < kMaxChunks; ++count) {
     // A size of the whole that is too small must not hide the audio. Only what follows that and the
     // size as well is nobody's.
     const std::uint64_t end = data_offset_ ? riff_end : file_.size();
@@ -280,14 +280,14 @@ void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t 
     cues_.AddPoints(Body(there));
   } else if (id == "acid") {
     const auto body = Body(there);
-    if (body.size() >= kLoopBytes) facts_.loop = ReadLoop(body);
+    if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
   }
 }
 
 void RiffWalk::TakeList(Bytes body) {
   if (body.size() < 4) return;
   const std::string_view type = IdAt(body, 0);
-  if (type == "INFO") ReadInfo(body.subspan(4), facts_.meta_data);
+  if (type == "INFO") ReadInfo(body.subspan(4), info_.tags);
   if (type == "adtl" && is_wave_) cues_.AddAssociatedData(body.subspan(4));
 }
 
@@ -299,28 +299,28 @@ std::vector<std::byte> RiffWalk::Body(std::uint64_t there) {
 
 void RiffWalk::Conclude() {
   if (!is_wave_) return;
-  cues_.Resolve(facts_);
+  cues_.Resolve(info_);
   if (!data_offset_) {
-    facts_.refused = true;
+    info_.refused = true;
     return;
   }
   if (IsCompressed(format_)) {
     // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
-    facts_.refused = data_bytes_ < std::max<std::uint64_t>(1, LittleU16(format_, 12));
+    info_.refused = data_bytes_ < std::max<std::uint64_t>(1, LittleU16(format_, 12));
     return;
   }
   const auto format = ParseWaveFormat(format_);
   if (!format) {
-    facts_.refused = true;
+    info_.refused = true;
     return;
   }
   const std::uint64_t frames = data_bytes_ / format->FrameBytes();
-  facts_.pcm = PcmData{
+  info_.pcm = PcmData{
       .format = *format, .offset = *data_offset_, .frames = static_cast<std::int64_t>(frames)};
 }
 
 }  // namespace
 
-std::optional<SoundFacts> ReadRiff(ByteSource& file) { return RiffWalk(file).Read(); }
+std::optional<SoundFileInfo> ReadRiff(ByteSource& file) { return RiffWalk(file).Read(); }
 
 }  // namespace marlinda

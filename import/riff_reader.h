@@ -4,7 +4,7 @@
 #pragma once
 
 #include "import/byte_source.h"
-#include "import/sound_facts.h"
+#include "import/sound_file_info.h"
 
 namespace marlinda {
 
@@ -20,6 +20,6 @@ namespace marlinda {
 // "note".
 //
 // Loop data is read in the layout that the engine writes, with the root note in the first field.
-std::optional<SoundFacts> ReadRiff(ByteSource& file);
+std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
 }  // namespace marlinda

@@ -56,20 +56,20 @@ bool IsOggVorbis(ByteSource& file) {
 
 }  // namespace
 
-SoundFacts ExamineSound(ByteSource& file) {
-  if (auto facts = ReadRiff(file)) return *std::move(facts);
-  if (auto facts = ReadAiff(file)) return *std::move(facts);
-  if (auto facts = ReadAu(file)) return *std::move(facts);
-  SoundFacts facts;
+SoundFileInfo ExamineSound(ByteSource& file) {
+  if (auto info = ReadRiff(file)) return *std::move(info);
+  if (auto info = ReadAiff(file)) return *std::move(info);
+  if (auto info = ReadAu(file)) return *std::move(info);
+  SoundFileInfo info;
   // Ogg Vorbis has a filter of its own with a higher merit. To ask the filters of the system as
   // well would make everyone who opens such a file wait for them.
-  facts.refused = file.size() == 0 || IsOggVorbis(file);
-  if (facts.refused) return facts;
+  info.refused = file.size() == 0 || IsOggVorbis(file);
+  if (info.refused) return info;
   if (auto tags = ReadTags(file)) {
-    facts.meta_data = *std::move(tags);
-    facts.utf8 = true;
+    info.tags = *std::move(tags);
+    info.utf8 = true;
   }
-  return facts;
+  return info;
 }
 
 std::size_t ReadSamples(ByteSource& file, const PcmData& pcm, std::int64_t first,

@@ -2,12 +2,12 @@
 #pragma once
 
 #include "import/byte_source.h"
-#include "import/sound_facts.h"
+#include "import/sound_file_info.h"
 
 namespace marlinda {
 
-// Of a file of an unknown kind the facts are empty, but for the tags that it may have.
-SoundFacts ExamineSound(ByteSource& file);
+// Of a file of an unknown kind the info are empty, but for the tags that it may have.
+SoundFileInfo ExamineSound(ByteSource& file);
 
 // Reads frames from `first` on as floats, as many as `samples` takes, and returns how many of these
 // samples there were, whole frames: fewer at the end of the file. `scratch` is for the bytes.

@@ -94,9 +94,9 @@ std::vector<std::string_view> VorbisStream::Comments() const {
 
 // The floats are what the library's own 16-bit decoding starts from, at the same ends of blocks.
 std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
-  constexpr std::size_t kMostFrames = std::numeric_limits<int>::max();
+  constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);
-  const auto room = static_cast<int>(std::min(buffer.size() / channels, kMostFrames));
+  const auto room = static_cast<int>(std::min(buffer.size() / channels, kMaxFrames));
   OggVorbis_File* const file = &decoder_->file;
   float** planes = nullptr;
   int link = 0;
@@ -110,6 +110,20 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   if (ended_) return 0;
   PackVorbisFrames(planes, channels, static_cast<std::size_t>(frames), buffer.data());
   return static_cast<std::size_t>(frames) * channels;
+}
+
+void ApplyVorbisComment(std::string_view comment, Tags& tags) {
+  const std::size_t equals = comment.find('=');
+  if (equals == std::string_view::npos || equals == 0) return;
+  std::string key(comment.substr(0, equals));
+  // Keys are ASCII, whatever the program's locale.
+  for (char& c : key) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  const std::string_view value = comment.substr(equals + 1);
+  if (key == "TITLE") tags.title = value;
+  if (key == "ARTIST") tags.artist = value;
+  if (key == "ALBUM") tags.album = value;
+  if (key == "DATE") tags.year = value.substr(0, 4);
+  if (key == "GENRE") tags.genre = value;
 }
 
 }  // namespace marlinda

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "core/records.h"
+
 namespace marlinda {
 
 struct CloseFile {
@@ -65,5 +67,11 @@ class VorbisStream {
   std::int32_t average_bytes_per_sec_ = 0;
   bool ended_ = false;
 };
+
+// Takes one user comment, "KEY=value" with the key in any case, into `tags`. A later comment
+// replaces an earlier one with the same key. DATE gives the year: its first four characters, so
+// that a full date counts too. Comments with other keys, without "=" or beginning with it are
+// ignored.
+void ApplyVorbisComment(std::string_view comment, Tags& tags);
 
 }  // namespace marlinda

@@ -11,7 +11,7 @@
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev
-  dpkg-dev ca-certificates xz-utils
+  dpkg-dev ca-certificates xz-utils libutfcpp-dev
   googletest python3 vorbis-tools
 )
 # Wine and its display.
@@ -71,7 +71,7 @@ fi
 
 # The libraries are needed for the machine's own kernels only where those are built.
 targets=()
-libraries=(libogg libvorbis libsamplerate)
+libraries=(libogg libvorbis libsamplerate taglib)
 for group in "${groups[@]}"; do
   [[ $group == fuzz ]] || targets+=(x64 x86)
   [[ $group == build || $group == demo || $group == package ]] || targets+=(native)

@@ -15,7 +15,7 @@ using namespace riff;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-SoundFacts Examine(const Bytes& file) {
+SoundFileInfo Examine(const Bytes& file) {
   MemorySource source(file);
   return ExamineSound(source);
 }
@@ -39,12 +39,12 @@ Bytes BigChunk(std::string_view id, const Bytes& body) {
 
 std::vector<float> SamplesOf(const Bytes& file) {
   MemorySource source(file);
-  const SoundFacts facts = ExamineSound(source);
-  if (!facts.pcm) return {};
-  const auto count = static_cast<std::size_t>(facts.pcm->frames * facts.pcm->format.channels);
+  const SoundFileInfo info = ExamineSound(source);
+  if (!info.pcm) return {};
+  const auto count = static_cast<std::size_t>(info.pcm->frames * info.pcm->format.channels);
   std::vector<float> samples(count + 4, 9.0F);
   std::vector<std::byte> scratch;
-  samples.resize(ReadSamples(source, *facts.pcm, 0, samples, scratch));
+  samples.resize(ReadSamples(source, *info.pcm, 0, samples, scratch));
   EXPECT_GE(samples.size(), count);
   samples.resize(std::min(samples.size(), count));
   return samples;
@@ -53,7 +53,7 @@ std::vector<float> SamplesOf(const Bytes& file) {
 TEST(SoundExaminer, ReadsCuesRegionsTextsAndLoopsOfOtherPrograms) {
   const Bytes region_without_text = U32(7) + U32(50) + Text("rgn ") + U32(0) + U32(0);
   const Bytes point_as_region = U32(3) + U32(0) + Text("mark") + U32(0) + U32(0);
-  const SoundFacts facts = Examine(RiffFile(
+  const SoundFileInfo info = Examine(RiffFile(
       EvenChunk("JUNK", Text("odd")) +
       EvenChunk("LIST", Text("adtl") + EvenChunk("labl", U32(7) + TextZ("Solo")) +
                             EvenChunk("ltxt", region_without_text) +
@@ -70,26 +70,28 @@ TEST(SoundExaminer, ReadsCuesRegionsTextsAndLoopsOfOtherPrograms) {
                             EvenChunk("IGNR", TextZ("Dub")) +
                             EvenChunk("ICRD", TextZ("1998-10-02"))) +
       EvenChunk("acid", U32(60) + U32(1) + U32(2) + U32(16) + U16(3) + U16(4) + F32(99.5F))));
-  const std::vector<SoundLabel> labels = {{"Hit", 10}, {"a note", 4294967295}, {"", 12}};
-  EXPECT_EQ(facts.labels, labels);
-  const std::vector<SoundMarker> markers = {{"Solo", 100, 150}};
-  EXPECT_EQ(facts.markers, markers);
-  EXPECT_EQ(facts.meta_data, (MetaData{"Song", "Band", "LP", "1998", "Dub"}));
-  EXPECT_EQ(facts.loop, (LoopData{60, 3, 4, 16, 99.5F}));
-  ASSERT_TRUE(facts.pcm);
-  EXPECT_EQ(facts.pcm->format, (PcmFormat{44100, 2, 16, false}));
-  EXPECT_EQ(facts.pcm->frames, 2);
+  const std::vector<marlinda::Label> labels = {{10, "Hit"}, {4294967295, "a note"}, {12, ""}};
+  EXPECT_EQ(info.labels, labels);
+  ASSERT_EQ(info.markers.size(), 1U);
+  EXPECT_EQ(info.markers[0].name, "Solo");
+  EXPECT_EQ(info.markers[0].section.begin, 100);
+  EXPECT_EQ(info.markers[0].section.end, 150);
+  EXPECT_EQ(info.tags, (Tags{"Song", "Band", "LP", "1998", "Dub"}));
+  EXPECT_EQ(info.acid, (AcidData{60, 3, 4, 16, 99.5F}));
+  ASSERT_TRUE(info.pcm);
+  EXPECT_EQ(info.pcm->format, (PcmFormat{44100, 2, 16, false}));
+  EXPECT_EQ(info.pcm->frames, 2);
 }
 
 TEST(SoundExaminer, TakesAYearThatNobodyKnewForNone) {
-  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info())).meta_data, MetaData());
-  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info("", "", "", "", "99-01-01"))).meta_data.year, "99");
+  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info())).tags, Tags());
+  EXPECT_EQ(Examine(Wav(kStereo16, {}, Info("", "", "", "", "99-01-01"))).tags.year, "99");
 }
 
 TEST(SoundExaminer, ReadsEveryUncompressedWaveFormat) {
   const auto format_of = [](const Bytes& body) {
-    const SoundFacts facts = Examine(RiffFile(Format(body) + EvenChunk("data", Bytes(64, 0))));
-    return facts.pcm ? facts.pcm->format : PcmFormat();
+    const SoundFileInfo info = Examine(RiffFile(Format(body) + EvenChunk("data", Bytes(64, 0))));
+    return info.pcm ? info.pcm->format : PcmFormat();
   };
   EXPECT_EQ(format_of(PlainFormat(1, 1, 8000, 1, 8)), (PcmFormat{8000, 1, 8, false}));
   EXPECT_EQ(format_of(PlainFormat(1, 2, 96000, 3, 20)), (PcmFormat{96000, 2, 24, false}));
@@ -108,12 +110,12 @@ TEST(SoundExaminer, RefusesHeadersThatContradictThemselvesAndLeavesCompressionTo
         PlainFormat(1, 2, 44100, 2, 0), PlainFormat(3, 2, 44100, 2, 16),
         PlainFormat(1, 40000, 44100, 1, 8), PlainFormat(1, 1, 0x80000000, 2, 16),
         PlainFormat(1, 2, 44100, 8, 64), Bytes(10, 1), Bytes()}) {
-    const SoundFacts facts = Examine(RiffFile(Format(body) + data));
-    EXPECT_TRUE(facts.refused && !facts.pcm);
+    const SoundFileInfo info = Examine(RiffFile(Format(body) + data));
+    EXPECT_TRUE(info.refused && !info.pcm);
   }
   EXPECT_TRUE(Examine(RiffFile(data)).refused);
   EXPECT_TRUE(Examine(RiffFile(Format(kStereo16))).refused) << "no samples promised";
-  const SoundFacts mu_law = Examine(RiffFile(Format(PlainFormat(7, 1, 8000, 1, 8)) + data));
+  const SoundFileInfo mu_law = Examine(RiffFile(Format(PlainFormat(7, 1, 8000, 1, 8)) + data));
   EXPECT_TRUE(!mu_law.refused && !mu_law.pcm);
   const auto adpcm = Format(PlainFormat(2, 1, 8000, 256, 4));
   EXPECT_TRUE(Examine(RiffFile(adpcm + EvenChunk("data", Bytes(255, 0)))).refused);
@@ -121,14 +123,14 @@ TEST(SoundExaminer, RefusesHeadersThatContradictThemselvesAndLeavesCompressionTo
   EXPECT_TRUE(Examine(Bytes()).refused);
   EXPECT_TRUE(Examine(Text("OggS") + Bytes(24, 0) + Bytes{1} + Text("vorbis more")).refused);
   EXPECT_FALSE(Examine(Text("OggS") + Bytes(24, 0) + Text("OpusHead more")).refused);
-  const SoundFacts text = Examine(Text("RIFFRAFF and other texts"));
+  const SoundFileInfo text = Examine(Text("RIFFRAFF and other texts"));
   EXPECT_TRUE(!text.refused && !text.pcm);
 }
 
 TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
   const auto frames = [](const Bytes& file) {
-    const SoundFacts facts = Examine(file);
-    return facts.pcm ? facts.pcm->frames : -1;
+    const SoundFileInfo info = Examine(file);
+    return info.pcm ? info.pcm->frames : -1;
   };
   const Bytes header = Text("WAVE") + Format(kStereo16) + Text("data");
   for (const std::uint64_t size : {100ULL, 0x7FFFFFFFULL, 0xFFFFFFFEULL, 0xFFFFFFFFULL}) {
@@ -154,10 +156,10 @@ TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
                    Text("data") + U32(0xFFFFFFFF) + Bytes(41, 0)),
             2);
   // A count of cue points that no file can hold.
-  const SoundFacts facts = Examine(RiffFile(Format(kStereo16) + EvenChunk("data", {}) +
-                                            EvenChunk("cue ", U32(0xFFFFFFFF) + Bytes(24, 0))));
-  EXPECT_EQ(facts.labels.size(), 1U);
-  EXPECT_EQ(facts.pcm->frames, 0);
+  const SoundFileInfo info = Examine(RiffFile(Format(kStereo16) + EvenChunk("data", {}) +
+                                              EvenChunk("cue ", U32(0xFFFFFFFF) + Bytes(24, 0))));
+  EXPECT_EQ(info.labels.size(), 1U);
+  EXPECT_EQ(info.pcm->frames, 0);
 }
 
 TEST(SoundExaminer, ReadsSamplesInEveryByteOrder) {
@@ -197,7 +199,7 @@ TEST(SoundExaminer, ReadsSamplesInEveryByteOrder) {
   EXPECT_THAT(SamplesOf(au(27, 9, {0xD5, 0x2A, 0xAA})),
               ElementsAre(code(8), code(-32256), code(32256)));
   EXPECT_THAT(SamplesOf(aifc("ulaw", 16, {0x7F, 0xFF})), ElementsAre(0.0F, 0.0F));
-  const SoundFacts packets = Examine(aifc("ima4", 16, {1, 2}));
+  const SoundFileInfo packets = Examine(aifc("ima4", 16, {1, 2}));
   EXPECT_TRUE(!packets.refused && !packets.pcm);
   EXPECT_TRUE(Examine(au(23, 9, {1, 2})).refused);
   EXPECT_TRUE(Examine(aiff(0, 1, 16, {1, 2})).refused);
@@ -226,18 +228,18 @@ Bytes Utf16(std::string_view text) {
 TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
   const Bytes old_tag = Text("TAG") + Text("Old title") + Bytes(21, ' ') + Text("Old artist") +
                         Bytes(20, 0) + Bytes(30, 0) + Text("1977") + Bytes(30, 0) + Bytes{17};
-  const SoundFacts old_only = Examine(Bytes(200, 1) + old_tag);
-  EXPECT_EQ(old_only.meta_data, (MetaData{"Old title", "Old artist", "", "1977", "Rock"}));
+  const SoundFileInfo old_only = Examine(Bytes(200, 1) + old_tag);
+  EXPECT_EQ(old_only.tags, (Tags{"Old title", "Old artist", "", "1977", "Rock"}));
   EXPECT_TRUE(old_only.utf8);
 
   EXPECT_EQ(
       Examine(Id3(2, 0,
                   Frame(2, "TT2", Bytes{0, 0xDC, 'b'}) + Frame(2, "TCO", Bytes{0} + Text("(17)"))) +
               old_tag)
-          .meta_data,
-      (MetaData{"\xC3\x9C"
-                "b",
-                "Old artist", "", "1977", "Rock"}));
+          .tags,
+      (Tags{"\xC3\x9C"
+            "b",
+            "Old artist", "", "1977", "Rock"}));
 
   // The byte order mark of the text looks like sound, so a zero was put into it.
   const Bytes text = Bytes{1, 0xFF, 0xFE} + Utf16("Title");
@@ -246,8 +248,8 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
   const Bytes extended = Big(6, 4) + Bytes(6, 0);
   EXPECT_EQ(
       Examine(Id3(3, 0xC0, extended + frame + Frame(3, "TCON", Bytes{0} + Text("(4)Nu-Disco"))))
-          .meta_data,
-      (MetaData{"", "Title", "", "", "Nu-Disco"}));
+          .tags,
+      (Tags{"", "Title", "", "", "Disco Nu-Disco"}));
 
   EXPECT_EQ(Examine(Id3(4, 0,
                         Frame(4, "APIC", Bytes(200, 1)) +
@@ -255,8 +257,17 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
                             Frame(4, "TDRC", Bytes{3} + Text("2009-05-01")) +
                             Frame(4, "TIT2", Bytes{2, 0xD8, 0x3C, 0xDF, 0xB5}) + Text("TPE1") +
                             Big(0x7F7F7F7F, 4)))
-                .meta_data,
-            (MetaData{"\xF0\x9F\x8E\xB5", "", "\xE2\x82\xAC", "2009", ""}));
+                .tags,
+            (Tags{"\xF0\x9F\x8E\xB5", "", "\xE2\x82\xAC", "2009", ""}));
+
+  // Chapters inside chapters, deeper than a stack.
+  Bytes chapters;
+  for (std::uint64_t depth = 30000; depth > 0; --depth) {
+    chapters = std::move(chapters) + Text("CHAP") + SyncSafe(28 * depth - 10) + U16(0) +
+               TextZ("c") + U32(0) + U32(0) + U32(0) + U32(0);
+  }
+  EXPECT_EQ(Examine(Id3(4, 0, chapters + Frame(4, "TIT2", Bytes{3} + Text("top")))).tags.title,
+            "top");
 
   const auto object = [](const Bytes& id, const Bytes& body) {
     return id + U32(body.size() + 24) + U32(0) + body;
@@ -273,8 +284,8 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
                                                           field("WM/Genre", Utf16("Dub")));
   EXPECT_EQ(Examine(Hex("3026B2758E66CF11A6D900AA0062CE6C") + U32(objects.size() + 30) + U32(0) +
                     U32(2) + U16(0) + objects)
-                .meta_data,
-            (MetaData{"Ti", "Art", "LP", "2010", "Dub"}));
+                .tags,
+            (Tags{"Ti", "Art", "LP", "2010", "Dub"}));
 }
 
 // Whatever one wrong byte does to a file, and wherever it breaks off: nothing is read from beyond
@@ -288,11 +299,11 @@ TEST(SoundExaminer, SurvivesEveryTruncationAndEveryWrongByte) {
               Chunk("acid", U32(60) + U32(0) + U32(0) + U32(4) + U16(4) + U16(4) + F32(120)));
   const auto examine = [](const Bytes& file) {
     MemorySource source(file);
-    const SoundFacts facts = ExamineSound(source);
-    if (!facts.pcm) return;
+    const SoundFileInfo info = ExamineSound(source);
+    if (!info.pcm) return;
     const std::uint64_t bytes =
-        static_cast<std::uint64_t>(facts.pcm->frames) * facts.pcm->FrameBytes();
-    EXPECT_LE(facts.pcm->offset + bytes, source.size());
+        static_cast<std::uint64_t>(info.pcm->frames) * info.pcm->FrameBytes();
+    EXPECT_LE(info.pcm->offset + bytes, source.size());
   };
   for (std::size_t length = 0; length <= whole.size(); ++length) {
     examine(Bytes(std::vector(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length))));

@@ -1,42 +1,15 @@
-// What the bytes of a sound file tell before anything is decoded.
+// SoundFileInfo: what the bytes of a sound file say before anything is decoded.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
-#include "import/meta_data.h"
+#include "core/records.h"
 #include "import/pcm_format.h"
 
 namespace marlinda {
-
-// Positions are frames; names are the bytes that the file holds.
-struct SoundLabel {
-  std::string name;
-  std::int64_t position = 0;
-
-  friend bool operator==(const SoundLabel&, const SoundLabel&) = default;
-};
-
-struct SoundMarker {
-  std::string name;
-  std::int64_t begin = 0;
-  std::int64_t end = 0;
-
-  friend bool operator==(const SoundMarker&, const SoundMarker&) = default;
-};
-
-struct LoopData {
-  std::int32_t root_note = 0;
-  std::int16_t meter_beats = 0;
-  std::int16_t meter_delimiter = 0;
-  std::int32_t beat_count = 0;
-  float tempo = 0;
-
-  friend bool operator==(const LoopData&, const LoopData&) = default;
-};
 
 // How a file keeps each sample: as the format says, or in one byte of a logarithmic scale.
 enum class Coding { kLinear, kMuLaw, kALaw };
@@ -59,18 +32,19 @@ struct PcmData {
   }
 };
 
-struct SoundFacts {
+struct SoundFileInfo {
   // Where the samples are; nothing when they are compressed or the file is of another kind.
   std::optional<PcmData> pcm;
-  // Nothing should try to decode this: the header contradicts itself or promises no sound, or the
-  // file is one that another filter of the engine reads.
+  // Not to be decoded: the header contradicts itself or promises no sound, or another filter of the
+  // engine reads such files.
   bool refused = false;
 
-  std::vector<SoundLabel> labels;
-  std::vector<SoundMarker> markers;
-  std::optional<LoopData> loop;
-  MetaData meta_data;
-  // The texts of `meta_data` are UTF-8; otherwise they are the bytes that the file holds.
+  // Names are the bytes that the file holds.
+  std::vector<Label> labels;
+  std::vector<SectionMarker> markers;
+  std::optional<AcidData> acid;
+  Tags tags;
+  // The tags are UTF-8; otherwise they are the bytes that the file holds.
   bool utf8 = false;
 };
 

@@ -1,0 +1,109 @@
+// FilterTask: what import and export filters share: their task, their merit and their texts.
+#pragma once
+
+#include <marlinda.h>
+
+#include <algorithm>
+#include <atomic>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "core/com_object.h"
+#include "core/text.h"
+#include "core/worker_thread.h"
+
+namespace marlinda {
+
+struct OutText {
+  BSTR* out;
+  std::string_view text;
+};
+
+// Hands out all of the texts or none.
+inline HRESULT HandOut(std::initializer_list<OutText> texts) noexcept {
+  for (const OutText& each : texts) {
+    if (each.out == nullptr) return E_POINTER;
+  }
+  for (const OutText& each : texts) *each.out = nullptr;
+  const HRESULT hr = ComCall([&] {
+    for (const OutText& each : texts) *each.out = ToBstr(each.text);
+  });
+  if (FAILED(hr)) {
+    for (const OutText& each : texts) SysFreeString(std::exchange(*each.out, nullptr));
+  }
+  return hr;
+}
+
+inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
+  if (out == nullptr) return E_POINTER;
+  *out = value ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
+}
+
+// The state that a filter shares with its worker. It outlives whichever of them ends first.
+struct TaskJob {
+  std::atomic<bool> cancelled{false};
+  // In frames. A compressed or damaged source may hold more frames than its total.
+  std::atomic<__int64> total{0};
+  std::atomic<__int64> position{0};
+};
+
+// `Class` has the constants kMerit, kNameText (the resource of the task's name), kFilterTexts (the
+// resources whose texts make up the filter string) and kPatterns. `Job` derives from TaskJob.
+template <class Class, class Job, class... Interfaces>
+class FilterTask : public Object<Class, Interfaces...> {
+ public:
+  // ICoreTask
+  // Returns when the worker has ended. A Cancel before Start stays in force for that job.
+  STDMETHODIMP Cancel() override {
+    if (job_ != nullptr) job_->cancelled = true;
+    worker_.PollUntilEnded(kPollMilliseconds);
+    return S_OK;
+  }
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
+    return HandOut(pbRunning, worker_.IsRunning());
+  }
+  // E_FAIL where there is nothing to do. Stays below 1 when the worker ended early.
+  STDMETHODIMP GetProgress(float* pfProgress) override {
+    if (pfProgress == nullptr) return E_POINTER;
+    const __int64 total = job_ != nullptr ? job_->total.load() : 0;
+    if (total <= 0) return E_FAIL;
+    const __int64 position = std::min<__int64>(job_->position, total);
+    *pfProgress = static_cast<float>(static_cast<double>(position) / static_cast<double>(total));
+    return S_OK;
+  }
+  STDMETHODIMP GetName(BSTR* pbstrName) override {
+    return ComCall([&] {
+      return HandOut({{pbstrName, Format(TheModule().LoadText(Class::kNameText), file_name_)}});
+    });
+  }
+
+  // IImportFilter or IExportFilter
+  STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override {
+    return ComCall([&] {
+      std::string text;
+      for (const UINT id : Class::kFilterTexts) text += TheModule().LoadText(id);
+      return HandOut({{pbstrFilterString, text}, {pbstrExtensions, Class::kPatterns}});
+    });
+  }
+  STDMETHODIMP GetMerit(SHORT* pnMerit) override {
+    if (pnMerit == nullptr) return E_POINTER;
+    *pnMerit = Class::kMerit;
+    return S_OK;
+  }
+
+ protected:
+  // Cancels a running job and waits for it.
+  ~FilterTask() { FilterTask::Cancel(); }
+
+  static constexpr DWORD kPollMilliseconds = 100;
+
+  std::shared_ptr<Job> job_;
+  WorkerThread worker_;
+  std::string file_name_;
+};
+
+}  // namespace marlinda

@@ -1,0 +1,103 @@
+// ImportTask: what the import filters share beyond FilterTask: the info of the source and the way
+// from the source to the writer.
+#pragma once
+
+#include "core/com_ptr.h"
+#include "core/filter_task.h"
+#include "core/records.h"
+#include "import/pcm_format.h"
+
+namespace marlinda {
+
+// Samples of one block, over all channels.
+inline constexpr std::size_t kImportBlockSamples = 16384;
+
+// `Source` is what the filter decodes from.
+template <class Source>
+struct ImportJob : TaskJob {
+  PcmFormat format;  // of the decoded samples
+  LONG average_bytes_per_sec = 0;
+  bool started = false;
+  // The filter's until the worker starts, then the worker's.
+  std::shared_ptr<Source> source;
+  ComPtr<IAudioWriter> writer;
+};
+
+// `Class` has a static WriteBlocks(Job&, Source&, IAudioWriter*), which runs on the worker.
+template <class Class, class Job, class... Interfaces>
+class ImportTask : public FilterTask<Class, Job, Interfaces...> {
+ public:
+  // IImportFilter. The length of a compressed file is an estimate until it has been decoded.
+  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
+    if (pnSampleCount == nullptr) return E_POINTER;
+    *pnSampleCount = job_ != nullptr ? job_->total.load() : 0;
+    return S_OK;
+  }
+
+  // IExFormatInfo: all zeros before Initialize.
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
+    *pnSamplesPerSec = job_ != nullptr ? job_->format.samples_per_sec : 0;
+    *pnChannels = job_ != nullptr ? job_->format.channels : SHORT{0};
+    return S_OK;
+  }
+  // Of the decoded samples.
+  STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
+    if (pnBitsPerSample == nullptr) return E_POINTER;
+    *pnBitsPerSample = job_ != nullptr ? job_->format.bits : SHORT{0};
+    return S_OK;
+  }
+  // Of the file.
+  STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override {
+    if (pnAvgBytesPerSec == nullptr) return E_POINTER;
+    *pnAvgBytesPerSec = job_ != nullptr ? job_->average_bytes_per_sec : 0;
+    return S_OK;
+  }
+
+  // ICoreTask. E_FAIL without a file and a writer, and after the first start.
+  STDMETHODIMP Start() override {
+    if (job_ == nullptr || job_->started || !job_->source || !job_->writer) return E_FAIL;
+    const HRESULT hr = worker_.Start([job = job_] { Run(*job); });
+    job_->started = SUCCEEDED(hr);
+    return hr;
+  }
+
+  // IMetaDataReader
+  STDMETHODIMP GetMetaData(BSTR* pbstrTitle, BSTR* pbstrArtist, BSTR* pbstrAlbum, BSTR* pbstrYear,
+                           BSTR* pbstrGenre) override {
+    return HandOut({{pbstrTitle, tags_.title},
+                    {pbstrArtist, tags_.artist},
+                    {pbstrAlbum, tags_.album},
+                    {pbstrYear, tags_.year},
+                    {pbstrGenre, tags_.genre}});
+  }
+
+ protected:
+  using FilterTask<Class, Job, Interfaces...>::job_;
+  using FilterTask<Class, Job, Interfaces...>::worker_;
+
+  Tags tags_;
+
+ private:
+  // Ignores the results of the writer: a writer that fails misses samples, and its owner can ask
+  // it.
+  static void Run(Job& job) {
+    // Released with the run: a finished task holds no file open, and no writer that may hold this
+    // filter in turn.
+    const auto source = std::move(job.source);
+    const auto target = std::move(job.writer);
+    target->SetFormat(job.format.samples_per_sec, job.format.channels);
+    target->OpenDevice();
+    // An exception must not leave the device open.
+    ComCall([&] { Class::WriteBlocks(job, *source, target.Get()); });
+    target->CloseDevice();
+  }
+};
+
+// The same texts in the system's code page.
+inline Tags ToAnsi(const Tags& utf8) {
+  return {Utf8ToAnsi(utf8.title), Utf8ToAnsi(utf8.artist), Utf8ToAnsi(utf8.album),
+          Utf8ToAnsi(utf8.year), Utf8ToAnsi(utf8.genre)};
+}
+
+}  // namespace marlinda

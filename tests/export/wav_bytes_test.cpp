@@ -1,0 +1,151 @@
+// The bytes of WAV files: headers, trailers and samples.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "export/wav_layout.h"
+#include "export/wav_sample_encoder.h"
+#include "tests/export/riff_builder.h"
+
+namespace marlinda::testing {
+namespace {
+
+using namespace riff;
+
+Bytes ToBytes(std::span<const std::byte> bytes) {
+  Bytes result;
+  for (const std::byte byte : bytes) result.push_back(std::to_integer<unsigned char>(byte));
+  return result;
+}
+Bytes Header(const WavFormat& format, ManyChannels many = ManyChannels::kExtensible) {
+  return ToBytes(WavHeader(format, many).bytes());
+}
+Bytes WithFormat(const Bytes& format) {
+  return Text("RIFF") + U32(0) + Text("WAVE") + Chunk("fmt ", format) + Text("data") + U32(0);
+}
+Bytes Trailer(const WavAnnotations& all, std::int32_t block_align) {
+  return ToBytes(WavTrailer(all, block_align).bytes());
+}
+
+TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
+  EXPECT_EQ(Header({44100, 2, 24, false}), WithFormat(PlainFormat(1, 2, 44100, 3, 24)));
+  EXPECT_EQ(Header({192000, 1, 32, true}), WithFormat(PlainFormat(3, 1, 192000, 4, 32)));
+  // Whole bytes only, and a width that fills none gives a block align of 0.
+  EXPECT_EQ(Header({8000, 2, 12, false}), WithFormat(PlainFormat(1, 2, 8000, 1, 12)));
+  EXPECT_EQ(Header({8000, 2, 7, false}), WithFormat(PlainFormat(1, 2, 8000, 0, 7)));
+  for (const auto& [channels, mask] :
+       {std::pair{3, 0}, {4, 0}, {5, 0}, {6, 0x3F}, {7, 0}, {8, 0xFF}, {9, 0}}) {
+    EXPECT_EQ(Header({48000, static_cast<std::int16_t>(channels), 16, false}),
+              WithFormat(ExtensibleFormat(1, channels, 48000, 2, 16, mask)));
+  }
+  EXPECT_EQ(Header({48000, 6, 32, true}), WithFormat(ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F)));
+  EXPECT_EQ(Header({48000, 6, 32, true}, ManyChannels::kPlain),
+            WithFormat(PlainFormat(3, 6, 48000, 4, 32)));
+  // Fields hold the low bits of absurd values.
+  EXPECT_EQ(Header({-1, -2, -8, false}), WithFormat(U16(1) + U16(0xFFFE) + U32(0xFFFFFFFF) +
+                                                    U32(0xFFFFFFFE) + U16(2) + U16(0xFFF8)));
+  EXPECT_EQ(
+      Header({std::numeric_limits<std::int32_t>::max(), 32767, 32767, false}, ManyChannels::kPlain),
+      WithFormat(U16(1) + U16(32767) + U32(0x7FFFFFFF) + U32(134180865ULL * 0x7FFFFFFF) +
+                 U16(134180865) + U16(32767)));
+}
+
+TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
+  EXPECT_EQ(Trailer({.labels = {{100, "first"}, {200, ""}},
+                     .markers = {{{300, 400}, "region"}, {{50, 20}, "backward"}}},
+                    6),
+            Chunk("cue ", U32(4) + CuePoint(0, 100, 600, 100) + CuePoint(1, 200, 1200, 200) +
+                              CuePoint(2, 200, 1200, 300) + CuePoint(3, 200, 1200, 50)) +
+                List("adtl", Label(0, "first") + Label(1, "") + Region(2, 100, "region") +
+                                 Region(3, 0xFFFFFFE2, "backward")) +
+                Info());
+  EXPECT_EQ(Trailer({.labels = {{0x1'2345'6789, "far"}, {-1, "before"}},
+                     .markers = {{{std::numeric_limits<std::int64_t>::min(),
+                                   std::numeric_limits<std::int64_t>::max()},
+                                  "all"}}},
+                    4),
+            Chunk("cue ", U32(3) + CuePoint(0, 0x23456789, 0x8D159E24, 0x23456789) +
+                              CuePoint(1, 0xFFFFFFFF, 0xFFFFFFFC, 0xFFFFFFFF) +
+                              CuePoint(2, 0xFFFFFFFF, 0xFFFFFFFC, 0)) +
+                List("adtl", Label(0, "far") + Label(1, "before") + Region(2, 0xFFFFFFFF, "all")) +
+                Info());
+  EXPECT_EQ(Trailer({.markers = {{{5, 9}, ""}}}, 2),
+            Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 5)) + List("adtl", Region(0, 4, "")) + Info());
+}
+
+// The example of docs/wav-layout.md, line by line; the file fills in the two sizes that are 0 here.
+TEST(WavBytes, AreThoseOfTheWorkedExample) {
+  const WavFormat format{44100, 1, 8, false};
+  EXPECT_EQ(Header(format), Hex("524946460000000057415645"
+                                "666D7420100000000100010044AC000044AC0000"
+                                "01000800"
+                                "6461746100000000"));
+  EXPECT_EQ(
+      Trailer({.labels = {{1, "In"}},
+               .markers = {{{2, 3}, "Hit"}},
+               .tags = {.title = "Snap", .artist = "", .album = "", .year = "2009", .genre = ""},
+               .acid = AcidData{60, 4, 4, 2, 120.0F}},
+              format.BlockAlign()),
+      Hex("637565203400000002000000"
+          "00000000010000006461746100000000"
+          "0100000001000000"
+          "01000000010000006461746100000000"
+          "0100000002000000"
+          "4C495354340000006164746C"
+          "6C61626C0800000000000000496E0000"
+          "6C747874180000000100000001000000"
+          "72676E20000000000000000048697400"
+          "4C4953544C000000494E464F"
+          "494E414D08000000536E617000000000"
+          "494152540400000000000000"
+          "49474E520400000000000000"
+          "495052440400000000000000"
+          "494352440C000000323030392D30312D30310000"
+          "61636964180000003C0000000000000000000000"
+          "02000000040004000000F042"));
+}
+
+TEST(WavBytes, OfSamplesFillWhatTheHeaderAnnounces) {
+  const std::vector<float> four = {0.0F, -1.0F, 0.5F, 1.0F};
+  struct Case {
+    WavFormat format;
+    std::vector<float> samples;
+    Bytes expected;
+  };
+  const Case cases[] = {
+      {{8000, 2, 8, false}, four, Bytes{128, 1, 192, 255}},
+      {{8000, 2, 16, false}, four, U16(0) + U16(0x8001) + U16(0x4000) + U16(0x7FFF)},
+      // Full scale wraps to the most negative code at 24 and 32 bits.
+      {{8000, 2, 24, false},
+       four,
+       Integer(0, 3) + Integer(0x800000, 3) + Integer(0x400000, 3) + Integer(0x800000, 3)},
+      {{8000, 2, 32, false}, four, U32(0) + U32(0x80000000) + U32(0x40000000) + U32(0x80000000)},
+      {{8000, 1, 32, true}, {0.25F, 2.0F, -0.0F}, F32(0.25F) + F32(2) + F32(-0.0F)},
+      // Floats announced with 16 bits keep their first half.
+      {{8000, 2, 16, true}, {1.0F, 3.0F, 0.125F, 7.0F}, F32(1.0F) + F32(3.0F)},
+      // 12 bits convert to 16 but count as one byte a sample, 40 bits to 32 but as five.
+      {{8000, 1, 12, false}, four, U16(0) + U16(0x8001)},
+      {{8000, 1, 40, false}, {0.5F, -1.0F}, U32(0x40000000) + U32(0x80000000) + Bytes(2)},
+      {{8000, 1, 64, true}, {0.5F}, F32(0.5F) + Bytes(4)},
+      {{8000, 1, 7, false}, four, {}},
+      {{8000, 1, -8, true}, four, {}},
+      {{8000, 1, 32767, false}, {0.0F}, Bytes(4095)},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.format.bits);
+    WavSampleEncoder encoder(each.format);
+    const std::size_t frames = each.samples.size() / each.format.channels;
+    // What an earlier block left does not show.
+    encoder.Encode(std::vector<float>(each.samples.size(), 0.75F), frames);
+    EXPECT_EQ(ToBytes(encoder.Encode(each.samples, frames)), each.expected);
+  }
+  // A block with fewer samples than its frames, and one that no memory holds.
+  const std::vector<float> one = {0.5F};
+  EXPECT_EQ(ToBytes(WavSampleEncoder({8000, 2, 16, false}).Encode(one, 2)), U16(0x4000) + Bytes(6));
+  EXPECT_THROW(WavSampleEncoder({8000, 32767, 32767, false})
+                   .Encode(one, std::numeric_limits<std::size_t>::max()),
+               std::bad_alloc);
+}
+
+}  // namespace
+}  // namespace marlinda::testing
