@@ -97,7 +97,7 @@ void Peaks(benchmark::State& state) {
   const int channels = static_cast<int>(state.range(0));
   const Level level(state, state.range(2));
   const std::vector<float> samples = Noise(static_cast<std::size_t>(state.range(1)));
-  std::vector<PeakRecord> peaks;
+  std::vector<float> peaks;
   for (auto _ : state) {
     BuildPeaks(samples, channels, peaks);
     benchmark::ClobberMemory();

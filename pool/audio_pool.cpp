@@ -7,17 +7,14 @@
 #include "core/com_ptr.h"
 #include "core/registry.h"
 #include "core/sample_array.h"
-#include "core/samples/sample_converter.h"
-#include "pool/file_access.h"
-#include "pool/kept_buffer.h"
-#include "pool/storage.h"
+#include "pool/peak_builder.h"
 
 namespace marlinda {
 namespace {
 
 static_assert(RAND_MAX == 32767, "The dither is scaled for random numbers from 0 to 32767.");
 
-// What the user chose as temporary directory, otherwise the system's.
+// The directory of the user's settings, otherwise the system's.
 std::string TemporaryDirectory() {
   char directory[MAX_PATH] = "";
   GetTempPathA(MAX_PATH, directory);
@@ -28,13 +25,10 @@ std::string TemporaryDirectory() {
 
 }  // namespace
 
-CAudioPool::CAudioPool() : files_(CreateFiles()) {}
-
-HRESULT CAudioPool::CreateFiles() {
+CAudioPool::CAudioPool() {
   const std::string directory = TemporaryDirectory();
-  if (GetFileAttributesA(directory.c_str()) == INVALID_FILE_ATTRIBUTES) return LastErrorResult();
-  const HRESULT hr = audio_file_.Create(directory, "audio");
-  return FAILED(hr) ? hr : peak_file_.Create(directory, "peak");
+  audio_file_.Create(directory, "audio");
+  peak_file_.Create(directory, "peak");
 }
 
 STDMETHODIMP CAudioPool::Lock() {
@@ -49,8 +43,6 @@ STDMETHODIMP CAudioPool::Unlock() {
 
 STDMETHODIMP CAudioPool::GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) {
   if (pnHandleAudio == nullptr || pnHandlePeak == nullptr) return E_POINTER;
-  *pnHandleAudio = *pnHandlePeak = 0;
-  if (FAILED(files_)) return files_;
   *pnHandleAudio = reinterpret_cast<INT_PTR>(audio_file_.handle());
   *pnHandlePeak = reinterpret_cast<INT_PTR>(peak_file_.handle());
   return S_OK;
@@ -65,7 +57,7 @@ STDMETHODIMP CAudioPool::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
 
 STDMETHODIMP CAudioPool::CreateLastReader(IAudioReader** ppAudioReader) {
   if (ppAudioReader == nullptr) return E_POINTER;
-  takes_.AimAtLast();
+  cursor_ = takes_.size();
   return CreateReader(ppAudioReader);
 }
 
@@ -76,16 +68,15 @@ STDMETHODIMP CAudioPool::CreatePrevReader(IAudioReader** ppAudioReader) {
 
 HRESULT CAudioPool::CreateReader(IAudioReader** reader) {
   return ComCall([&]() -> HRESULT {
-    Check(files_);
-    const PoolTake* const take = takes_.Current();
-    if (take == nullptr) return S_FALSE;
+    if (cursor_ == 0) return S_FALSE;
+    const Take take = takes_[cursor_ - 1];
     ComPtr<IAudioPoolReader> created;
     Check(CreateInstance(CLSID_CAudioPoolReader, created));
-    Check(created->Create(this, take->audio_begin, take->peak_begin,
-                          take->audio_end - take->audio_begin, bits_per_sample_));
+    Check(created->Create(this, take.audio_begin, take.peak_begin,
+                          take.audio_end - take.audio_begin, bits_per_sample_));
     const auto answer = TryQuery<IAudioReader>(created.Get());
     if (!answer) return E_NOINTERFACE;
-    takes_.StepBack();
+    --cursor_;
     return answer.CopyTo(reader);
   });
 }
@@ -97,57 +88,48 @@ STDMETHODIMP CAudioPool::SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode)
   return S_OK;
 }
 
-// 32-bit samples are stored as received.
-bool CAudioPool::Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-
 STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
-  return ComCall([&]() -> HRESULT {
-    Check(files_);
+  return ComCall([&] {
     SampleArrayView view;
     Check(view.Lock(psaAudioData));
     const std::span<float> samples = view.samples();
-    if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
-    // Without a frame there is no peak.
-    if (samples.size() < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
-    if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-
-    std::span<const std::byte> audio = std::as_bytes(samples);
-    if (bits_per_sample_ != 32) {
-      pcm_.resize(ConversionBytes(samples.size(), bits_per_sample_));
-      if (Dithers()) dither_.Process(samples, std::rand);
-      ConvertFloatToPcm(samples, pcm_, bits_per_sample_);
-      const auto codes = samples.size() * PcmBytesPerSample(bits_per_sample_);
-      std::ranges::fill(std::span(pcm_).subspan(codes), std::byte{});
-      // At a width between the usual ones the code takes more bytes than the file has room for.
-      audio = std::span(pcm_).first(samples.size() *
-                                    static_cast<std::size_t>(StoredBytes(bits_per_sample_)));
-    }
+    Check(CheckBlock(samples.size()));
+    if (Dithers()) dither_.Process(samples, std::rand);
+    const std::span<const std::byte> audio = stored_samples_.Encode(samples, bits_per_sample_);
     BuildPeaks(samples, channels_, peaks_);
-
-    const HRESULT hr = WriteAt(audio_file_.handle(), audio_position_, audio);
-    WriteAt(peak_file_.handle(), peak_position_, std::as_bytes(std::span(peaks_)));
-    Advance(static_cast<std::int64_t>(audio.size()));
-    DropIfLarge(pcm_);
+    const HRESULT hr = audio_file_.Write(audio_position_, audio);
+    peak_file_.Write(peak_position_, std::as_bytes(std::span(peaks_)));
+    Advance(audio.size());
+    stored_samples_.Trim();
     return hr;
   });
 }
 
-// The peak position follows from the audio position: the record of an incomplete group at the end
-// is overwritten by the next block, so a take's peaks stay in step with its frames only while every
-// block but the last is a multiple of 256 frames. Kept on purpose; the extra record is what shows
-// the tail of the take.
-void CAudioPool::Advance(std::int64_t audio_bytes) noexcept {
-  audio_position_ += audio_bytes;
-  const std::int64_t bytes_per_peak = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
-  const std::int64_t peaks = (audio_position_ - take_audio_begin_) / bytes_per_peak;
-  const std::int64_t position =
-      take_peak_begin_ + peaks * channels_ * static_cast<std::int64_t>(sizeof(PeakRecord));
+HRESULT CAudioPool::CheckBlock(std::size_t samples) const noexcept {
+  if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
+  // Without a frame there is no peak.
+  if (samples < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
+  if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+  return S_OK;
+}
+
+// 32-bit samples are stored as received.
+bool CAudioPool::Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
+
+// The peak position follows from the audio position: the next block overwrites the record of an
+// incomplete group. So the peaks of a take stay in step with its frames only while every block but
+// the last is a multiple of 256 frames. The record of the incomplete group shows the tail of a
+// take.
+void CAudioPool::Advance(std::size_t audio_bytes) noexcept {
+  audio_position_ += static_cast<std::int64_t>(audio_bytes);
+  const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
+  const std::int64_t groups = (audio_position_ - take_audio_begin_) / group_bytes;
+  const std::int64_t position = take_peak_begin_ + groups * PeakBytes(channels_);
   if (position < peak_position_) ++peak_rewinds_;
   peak_position_ = position;
 }
 
 STDMETHODIMP CAudioPool::OpenDevice() {
-  if (FAILED(files_)) return files_;
   ++open_count_;
   take_audio_begin_ = audio_position_;
   take_peak_begin_ = peak_position_;
@@ -155,11 +137,10 @@ STDMETHODIMP CAudioPool::OpenDevice() {
 }
 
 STDMETHODIMP CAudioPool::CloseDevice() {
-  if (FAILED(files_)) return files_;
-  return ComCall([&]() -> HRESULT {
+  return ComCall([&] {
     --open_count_;
     if (audio_position_ <= take_audio_begin_) return S_FALSE;
-    takes_.Add({take_audio_begin_, audio_position_, take_peak_begin_, peak_position_});
+    takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
     return S_OK;
   });
 }
@@ -177,9 +158,9 @@ STDMETHODIMP CAudioPool::QueryIsReady(LONG* pbReady) {
   return S_OK;
 }
 
-// The next block of peaks goes to the peak position, and nothing before it is written again.
+// The next peaks are written at the peak position, so those before it have settled.
 STDMETHODIMP CAudioPool::GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) {
-  if (FAILED(files_) || file != peak_file_.handle()) return E_INVALIDARG;
+  if (file != peak_file_.handle()) return E_INVALIDARG;
   *end = peak_position_;
   *rewinds = peak_rewinds_;
   return S_OK;

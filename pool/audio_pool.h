@@ -11,20 +11,17 @@
 
 #include "core/com_object.h"
 #include "pool/dither.h"
-#include "pool/peak_builder.h"
 #include "pool/peak_file.h"
-#include "pool/take_list.h"
-#include "pool/temporary_file.h"
+#include "pool/pool_file.h"
+#include "pool/stored_samples.h"
 
 namespace marlinda {
 
-// One thread at a time may write. Readers may read what has been written meanwhile, each from one
-// thread at a time: no access to the files comes in between another. The open count may be asked
-// for from any thread.
+// One thread at a time writes. Meanwhile readers may read what has been written, each on one thread
+// at a time. QueryIsReady, Lock and Unlock may be called from any thread.
 //
-// When the files cannot be made, creation succeeds all the same; OpenDevice, WriteAudio,
-// CloseDevice, GetFileHandles, CreateLastReader and CreatePrevReader then do nothing but return the
-// HRESULT of that failure. The other methods need no files and work.
+// A file that cannot be made is missing: its handle is 0, reads and writes of it fail, WriteAudio
+// with the error of the creation. Everything else works as with files.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;
@@ -34,30 +31,27 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   // IAudioPool
   STDMETHODIMP Lock() override;
   STDMETHODIMP Unlock() override;
-  // Null handles while there are no files.
   STDMETHODIMP GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) override;
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  // The out-pointer is left untouched unless a reader comes back. A reader gets the pool's present
-  // bit depth, so a change of it makes the takes written before unreadable: kept on purpose, since
-  // the pool does not record what a take was written in. The cursor stays where it is when a reader
-  // cannot be created, and the HRESULT of its creation is returned.
+  // Without a take the out-pointer stays untouched. A reader gets the pool's present bit depth, so
+  // a change of it makes earlier takes unreadable: the pool does not record the depth of a take. If
+  // a reader cannot be created, its HRESULT is returned and the cursor stays where it is.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override;
   STDMETHODIMP CreatePrevReader(IAudioReader** ppAudioReader) override;
-  // Any values are stored; audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in
-  // the file whatever its code takes, so that only 8, 16, 24 and 32 to 39 bits can be read back.
+  // Accepts any values. Audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in the
+  // file whatever its code takes, so only 8, 16, 24 and 32 to 39 bits can be read back.
   STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override;
 
   // IAudioWriter
-  // Changes the caller's samples when it dithers. A block that ends within a frame is stored in
-  // full, while its peaks cover the whole frames. Refused, with nothing written and the caller's
-  // block untouched: a block before SetFormat has set a channel, shorter than a frame or beyond 8
-  // to 40 bits (E_INVALIDARG); dithering of more than 8 channels (ERROR_NOT_SUPPORTED). After a
-  // failed write the positions advance all the same: the take keeps a gap. A failed write of peaks
-  // is dropped, since peaks only serve the display.
+  // Dithering changes the caller's samples. A block that ends within a frame is stored in full, and
+  // its peaks cover the whole frames. Three blocks are refused, with nothing written and the block
+  // unchanged: before SetFormat has set a channel, shorter than a frame or outside 8 to 40 bits
+  // (E_INVALIDARG), and dithering of more than 8 channels (ERROR_NOT_SUPPORTED). A failed write
+  // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
   STDMETHODIMP OpenDevice() override;
   STDMETHODIMP CloseDevice() override;
-  // Any values are stored.
+  // Accepts any values.
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
@@ -65,14 +59,20 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override;
 
  private:
-  HRESULT CreateFiles();
+  // One run of audio in the files, in bytes.
+  struct Take {
+    std::int64_t audio_begin;
+    std::int64_t audio_end;  // just past the last sample
+    std::int64_t peak_begin;
+  };
+
   HRESULT CreateReader(IAudioReader** reader);
-  void Advance(std::int64_t audio_bytes) noexcept;
+  HRESULT CheckBlock(std::size_t samples) const noexcept;
   bool Dithers() const noexcept;
+  void Advance(std::size_t audio_bytes) noexcept;
 
   TemporaryFile audio_file_;
   TemporaryFile peak_file_;
-  HRESULT files_ = E_FAIL;  // outcome of their creation
 
   LONG samples_per_sec_ = 0;
   SHORT channels_ = 0;
@@ -82,18 +82,17 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // How often the peak position went back: a change of format or bit depth within a take can do
-  // that, and what had settled is overwritten.
+  // How often the peak position went back and settled peaks are overwritten: a change of format or
+  // bit depth within a take can cause that.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;
-  TakeList takes_;
-  // Writer, locks and open readers together.
-  std::atomic<long> open_count_{0};
+  std::vector<Take> takes_;          // in the order in which they were closed
+  std::size_t cursor_ = 0;           // takes from the first to the one under the reader cursor
+  std::atomic<long> open_count_{0};  // writer, locks and open readers together
 
-  // Kept between blocks: a fresh large allocation costs more than the conversion into it.
-  std::vector<std::byte> pcm_;
-  std::vector<PeakRecord> peaks_;
+  StoredSamples stored_samples_;
+  std::vector<float> peaks_;
 };
 
 }  // namespace marlinda

@@ -1,15 +1,9 @@
 #include "pool/audio_pool_reader.h"
 
-#include <algorithm>
-#include <utility>
-
 #include "core/frame_math.h"
 #include "core/sample_array.h"
-#include "core/samples/sample_converter.h"
-#include "pool/file_access.h"
-#include "pool/kept_buffer.h"
 #include "pool/peak_builder.h"
-#include "pool/storage.h"
+#include "pool/pool_file.h"
 
 namespace marlinda {
 namespace {
@@ -31,7 +25,7 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
       region_ = {};
       peak_groups_.reset();
     }
-    // The old pool, without the lock: its destruction may take a while.
+    // Without the lock: the destruction of the old pool may take a while.
     pool.Reset();
 
     Region region;
@@ -41,14 +35,12 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
     region.bits_per_sample = nBitsPerSample;
     __int64 audio = 0;
     __int64 peak = 0;
-    const HRESULT handles = pPool->GetFileHandles(&audio, &peak);
-    if (FAILED(handles)) region.without_file = handles;
+    pPool->GetFileHandles(&audio, &peak);
     region.audio_file = ToHandle(audio);
     region.peak_file = ToHandle(peak);
     pPool->GetFormat(&region.samples_per_sec, &region.channels);
     const std::lock_guard lock(mutex_);
     region_ = region;
-    return S_OK;
   });
 }
 
@@ -58,7 +50,7 @@ STDMETHODIMP CAudioPoolReader::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudio
     Check(view.Lock(psaAudioData));
     if (view.samples().empty()) return S_OK;
     const std::lock_guard lock(mutex_);
-    if (region_.audio_file == nullptr) return region_.without_file;
+    if (region_.audio_file == nullptr) return kNoFile;
     if (!IsStorable(region_.bits_per_sample)) return E_INVALIDARG;
     const std::int64_t offset =
         ByteOffset(region_.audio_offset, region_.BytesPerFrame(), nSamplePos);
@@ -68,16 +60,13 @@ STDMETHODIMP CAudioPoolReader::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudio
 }
 
 HRESULT CAudioPoolReader::ReadPcm(std::int64_t offset, std::span<float> samples) {
-  // At a width between the usual ones a code takes more bytes than the file has of it.
-  const std::size_t width = PcmBytesPerSample(region_.bits_per_sample);
-  const std::size_t stored =
-      samples.size() * static_cast<std::size_t>(StoredBytes(region_.bits_per_sample));
-  pcm_.resize(ConversionBytes(samples.size(), region_.bits_per_sample));
-  const ReadResult read = ReadAt(region_.audio_file, offset, std::span(pcm_).first(stored));
-  if (FAILED(read.hr) && read.hr != HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) return read.hr;
-  ConvertPcmToFloat(pcm_, samples, region_.bits_per_sample);
-  std::ranges::fill(samples.subspan(std::min(samples.size(), read.count / width)), 0.0F);
-  DropIfLarge(pcm_);
+  const int bits = region_.bits_per_sample;
+  const ReadResult read =
+      ReadAt(region_.audio_file, offset, stored_samples_.Prepare(samples.size(), bits));
+  if (SUCCEEDED(read.hr) || read.hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) {
+    stored_samples_.Decode(read.count, samples, bits);
+  }
+  stored_samples_.Trim();
   return read.hr;
 }
 
@@ -92,13 +81,9 @@ STDMETHODIMP CAudioPoolReader::ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPe
 }
 
 HRESULT CAudioPoolReader::ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
-  if (region_.peak_file == nullptr) return region_.without_file;
-  const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(), first);
+  if (region_.peak_file == nullptr) return kNoFile;
+  const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(region_.channels), first);
   return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
-}
-
-std::int64_t CAudioPoolReader::PeakBytes() const noexcept {
-  return region_.channels * static_cast<std::int64_t>(sizeof(PeakRecord));
 }
 
 STDMETHODIMP CAudioPoolReader::SummarizePeaks(IPeakReader* peaks, std::size_t channels,
@@ -117,7 +102,7 @@ STDMETHODIMP CAudioPoolReader::SummarizePeaks(IPeakReader* peaks, std::size_t ch
     if (!file) return E_NOINTERFACE;
     Check(file->GetSettledPeaks(region_.peak_file, &settled_bytes, &rewinds));
     const std::int64_t settled =
-        SaturatingSubtract(settled_bytes, region_.peak_offset) / PeakBytes();
+        SaturatingSubtract(settled_bytes, region_.peak_offset) / PeakBytes(region_.channels);
     if (region_.peak_offset < 0 || ends.back() > settled) return E_INVALIDARG;
 
     if (!peak_groups_ || peak_rewinds_ != rewinds) {
@@ -161,9 +146,9 @@ STDMETHODIMP CAudioPoolReader::GetSampleCount(__int64* pnSamples) {
   return S_OK;
 }
 
-STDMETHODIMP CAudioPoolReader::OpenDevice() { return pool_ ? pool_->Lock() : kNotCreated; }
+STDMETHODIMP CAudioPoolReader::OpenDevice() { return pool_ ? pool_->Lock() : kNoFile; }
 
-STDMETHODIMP CAudioPoolReader::CloseDevice() { return pool_ ? pool_->Unlock() : kNotCreated; }
+STDMETHODIMP CAudioPoolReader::CloseDevice() { return pool_ ? pool_->Unlock() : kNoFile; }
 
 MARLINDA_DEFINE_CLASS(CAudioPoolReader)
 

@@ -1,20 +1,18 @@
 #include "pool/dither.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
-#include <cstddef>
 
 #include "core/samples/cpu_level.h"
 
 namespace marlinda {
 namespace {
 
-// The vector forms reach up to here.
-constexpr int kMostVectorBits = 24;
+// Widest code of the vector forms.
+constexpr int kMaxVectorBits = 24;
 
 ShapingKernel KernelFor(int bits) noexcept {
-  if (bits > kMostVectorBits) return ScalarShape;
+  if (bits > kMaxVectorBits) return ScalarShape;
   switch (CurrentCpuLevel()) {
     case CpuLevel::kAvx2:
       return Avx2Shape;
@@ -30,7 +28,7 @@ ShapingKernel KernelFor(int bits) noexcept {
 void DitherState::SetUp(int mode, int channels, int bits) noexcept {
   mode_ = mode;
   channels_ = channels;
-  // No code is narrower than 2 bits or wider than 32, whatever a client sets.
+  // A client may set any width. Codes have 2 to 32 bits.
   bits_ = std::clamp(bits, 2, 32);
   const double half_range = std::ldexp(1.0, bits_ - 1);
   const double scale = half_range - 1.0;
@@ -38,22 +36,10 @@ void DitherState::SetUp(int mode, int channels, int bits) noexcept {
   errors_ = {};
 }
 
-void DitherState::AddTriangularNoise(std::span<float> samples, const Random& random) const {
-  for (float& sample : samples) {
-    const int first = random();
-    const int second = random();
-    sample = static_cast<float>(sample + ((first + second) / 65534.0 - 0.5) * steps_.reciprocal);
-  }
-}
-
-void DitherState::Process(std::span<float> samples, const Random& random) {
-  if (mode_ == kOff) return;
-  assert(CanDither());
+void DitherState::Shape(std::span<float> whole_frames) noexcept {
   const auto channels = static_cast<std::size_t>(channels_);
-  const std::size_t frames = samples.size() / channels;
-  // The noise does not depend on the errors, so all of it can come first.
-  if (mode_ == kTriangularNoise) AddTriangularNoise(samples.first(frames * channels), random);
-  KernelFor(bits_)(steps_, errors_.data(), samples.data(), frames, channels);
+  KernelFor(bits_)(steps_, errors_.data(), whole_frames.data(), whole_frames.size() / channels,
+                   channels);
 }
 
 }  // namespace marlinda

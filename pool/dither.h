@@ -2,43 +2,56 @@
 #pragma once
 
 #include <array>
-#include <functional>
+#include <cassert>
+#include <cstddef>
 #include <span>
 
 #include "pool/dither_kernels.h"
 
 namespace marlinda {
 
-// Dithers interleaved blocks, one after the other; the errors carry over from block to block.
-//
-// The errors go through a filter that moves their noise to where the ear is less sensitive.
+// Dithers interleaved blocks. The errors carry over from block to block, through a filter that
+// moves their noise to where the ear is less sensitive.
 class DitherState {
  public:
-  static constexpr int kMaxChannels = kMostShapedChannels;
+  static constexpr int kMaxChannels = kMaxShapedChannels;
 
   // Modes; any other value but 0 works as noise shaping alone.
   static constexpr int kOff = 0;
   static constexpr int kNoiseShaping = 1;
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
 
-  // A number from 0 to 32767, evenly distributed.
-  using Random = std::function<int()>;
-
-  // Forgets all errors. Any values are taken, but only 1 to 8 channels can be dithered.
+  // Clears all errors. Accepts any values, but only 1 to 8 channels can be dithered.
   void SetUp(int mode, int channels, int bits) noexcept;
 
   bool CanDither() const noexcept { return channels_ >= 1 && channels_ <= kMaxChannels; }
 
-  // Replaces the samples of all whole frames by the steps of the target code; does nothing in mode
-  // 0. A part of a frame at the end stays as it is. Draws two numbers a sample in mode 2, none
-  // otherwise.
+  // Replaces the samples of all whole frames by the steps of the target code. Does nothing in mode
+  // 0. An incomplete frame at the end stays unchanged. `random` returns evenly distributed numbers
+  // from 0 to 32767; mode 2 draws two for each sample, other modes none.
   //
-  // A sample that is NaN or infinite comes out as it went in and leaves no error behind: passed on,
-  // its error would turn the rest of the channel into NaN.
-  void Process(std::span<float> samples, const Random& random);
+  // A sample that is NaN or infinite stays unchanged and leaves no error, which would turn the rest
+  // of the channel into NaN.
+  template <class Random>
+  void Process(std::span<float> samples, Random random) {
+    if (mode_ == kOff) return;
+    assert(CanDither());
+    const auto channels = static_cast<std::size_t>(channels_);
+    const std::span<float> whole_frames = samples.first(samples.size() / channels * channels);
+    // The noise does not depend on the errors, so all of it can come first.
+    if (mode_ == kTriangularNoise) {
+      for (float& sample : whole_frames) {
+        const int first = random();
+        const int second = random();
+        const double noise = (first + second) / 65534.0 - 0.5;
+        sample = static_cast<float>(sample + noise * steps_.reciprocal);
+      }
+    }
+    Shape(whole_frames);
+  }
 
  private:
-  void AddTriangularNoise(std::span<float> samples, const Random& random) const;
+  void Shape(std::span<float> whole_frames) noexcept;
 
   int channels_ = 0;
   int mode_ = kOff;

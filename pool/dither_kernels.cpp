@@ -1,6 +1,5 @@
-// Noise shaping as it is defined, one sample at a time. Everything that is kept (samples, errors)
-// is a float; expressions in between are evaluated in double, because in float a 24-bit code could
-// no longer be told from its neighbour.
+// The definition of noise shaping, one sample at a time. Samples and errors are kept as floats.
+// Expressions are evaluated in double: a float cannot tell neighbouring 24-bit codes apart.
 #include "pool/dither_kernels.h"
 
 #include <cmath>

@@ -1,15 +1,14 @@
-// Noise shaping of a block for each level of vector instructions. Only dither and the tests call
-// it. This header is read by a file that is compiled for AVX2: nothing inline that another file
-// could end up with belongs here.
+// Noise shaping of a block, for each level of vector instructions. Only dither.cpp calls it. A file
+// that is compiled for AVX2 includes this header, so it defines nothing inline.
 #pragma once
 
 #include <cstddef>
 
 namespace marlinda {
 
-inline constexpr std::size_t kMostShapedChannels = 8;
+inline constexpr std::size_t kMaxShapedChannels = 8;
 
-// The steps of a width, as numbers.
+// The codes of a width.
 struct ShapingSteps {
   double scale;       // highest code
   double offset;      // lowest code
@@ -27,8 +26,8 @@ struct ShapingErrors {
 // A three-tap filter over the errors moves their noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// An error below this is far too small to reach any code. Dropping it keeps the filter, which would
-// ring on for ever in a silent take, out of the denormals, which are slow.
+// A smaller error cannot change any code and is dropped. Otherwise the filter would ring on in
+// silence down to denormals, which are slow.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
 // Replaces the samples by steps, frame after frame; `errors` has one entry per channel and carries

@@ -1,5 +1,4 @@
-// Noise shaping with FMA. Compiled for AVX2, so nothing else must call what is defined here but
-// through the dispatch.
+// Noise shaping with FMA. Compiled for AVX2: to be called only where the processor has it.
 #include <immintrin.h>
 
 #include "pool/dither_shaping.h"

@@ -1,8 +1,8 @@
-// The vector form of noise shaping: two channels side by side. A channel has to wait for each of
-// its errors, so what counts is the way from one error to the next, and not the work.
+// The vector form of noise shaping: two channels side by side. Each sample waits for the error of
+// the one before it, so the speed depends on the length of that chain.
 //
-// `Ops` says how a level of instructions multiplies and adds and how it truncates. Each file has
-// its own Ops in an unnamed namespace, which makes what is defined here its own, too.
+// `Ops` multiplies, adds and truncates for one level of instructions. Each file has its own Ops in
+// an unnamed namespace, which keeps these templates local to it, too.
 #pragma once
 
 #include <emmintrin.h>
@@ -11,15 +11,13 @@
 
 namespace marlinda {
 
-// Three things are done otherwise than in the definition, and give the same bits:
+// Three steps differ from the definition and give the same bits:
 // - A product of floats is exact in double, so multiplying and adding may round once.
-// - Half a code is added together with the offset. What one rounding less changes is far below a
-//   code, and at the edge of a code there is nothing to round.
-// - code / scale is taken as code * (1 / scale). Rounded to a float the two agree for every code of
-// up
-//   to 24 bits and samples below 4.0.
-// The soak program goes through all samples for the last two. A frame that has something larger,
-// something that is no number or an error too small to keep is left to the definition.
+// - Half a code is added together with the offset. The rounding saved is far below a code, and at
+//   the edge of a code there is nothing to round.
+// - code / scale is computed as code * (1 / scale). Rounded to a float the two agree for every code
+//   of up to 24 bits and samples below 4.0.
+// The definition processes a frame with a larger sample, a NaN or an error too small to keep.
 template <class Ops, std::size_t kChannels>
 void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                    std::size_t frames) noexcept {
@@ -63,7 +61,7 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
   for (; frames > 0; --frames, samples += kChannels) {
     __m128 quantised[kPairs];
     __m128 rest[kPairs];
-    int left_alone = 0;
+    int by_definition = 0;
     for (std::size_t pair = 0; pair < kPairs; ++pair) {
       const float* const at = samples + 2 * pair;
       const bool single = kOdd && pair + 1 == kPairs;
@@ -81,9 +79,9 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       const __m128 in_range = _mm_cmplt_ps(_mm_andnot_ps(sign, sample), limit);
       const __m128 kept = _mm_or_ps(_mm_cmpge_ps(_mm_andnot_ps(sign, rest[pair]), smallest),
                                     _mm_cmpeq_ps(rest[pair], _mm_setzero_ps()));
-      left_alone |= _mm_movemask_ps(_mm_and_ps(in_range, kept)) ^ 0xF;
+      by_definition |= _mm_movemask_ps(_mm_and_ps(in_range, kept)) ^ 0xF;
     }
-    if (left_alone != 0) {
+    if (by_definition != 0) {
       store();
       ScalarShape(steps, errors, samples, 1, kChannels);
       load();

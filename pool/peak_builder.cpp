@@ -1,40 +1,33 @@
 #include "pool/peak_builder.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <limits>
 
-#include "core/samples/cpu_level.h"
-#include "pool/peak_kernels.h"
+#include "core/samples/extremes.h"
 
 namespace marlinda {
-namespace {
 
-PeakKernel KernelFor(std::size_t channels) noexcept {
-  if (channels > kMostPeakKernelChannels) return ScalarPeaks;
-  switch (CurrentCpuLevel()) {
-    case CpuLevel::kAvx2:
-      return Avx2Peaks;
-    case CpuLevel::kSse2:
-      return Sse2Peaks;
-    default:
-      return ScalarPeaks;
-  }
-}
-
-}  // namespace
-
-void BuildPeaks(std::span<const float> samples, int channels, std::vector<PeakRecord>& peaks) {
+void BuildPeaks(std::span<const float> samples, int channels, std::vector<float>& peaks) {
   assert(channels >= 1);
+  constexpr std::size_t kGroup = kFramesPerPeak;
+  constexpr float kLargest = std::numeric_limits<float>::max();
   const auto width = static_cast<std::size_t>(channels);
   const std::size_t frames = samples.size() / width;
-  if (frames == 0) return peaks.clear();
-  const std::size_t whole_groups = frames / kFramesPerPeak;
-  peaks.resize((whole_groups + 1) * width);
-  KernelFor(width)(samples.data(), whole_groups, width, peaks.data());
-  const std::size_t left = frames % kFramesPerPeak;
-  const std::size_t last = left > 0 ? left : 1;
-  ScalarGroupPeaks(samples.data() + (frames - last) * width, last, width,
-                   peaks.data() + whole_groups * width);
+  peaks.clear();
+  if (frames == 0) return;
+  peaks.resize((frames / kGroup + 1) * 2 * width);
+  std::span<float> pairs(peaks);
+  for (std::size_t group = 0; !pairs.empty(); ++group, pairs = pairs.subspan(2 * width)) {
+    for (std::size_t channel = 0; channel < width; ++channel) {
+      pairs[2 * channel] = kLargest;
+      pairs[2 * channel + 1] = -kLargest;
+    }
+    const std::size_t first = std::min(group * kGroup, frames - 1);
+    const std::size_t count = std::min(frames - first, kGroup);
+    ExtendBySamples(pairs.first(2 * width), samples.subspan(first * width, count * width));
+  }
 }
 
 }  // namespace marlinda

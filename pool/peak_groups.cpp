@@ -9,10 +9,10 @@ namespace {
 
 constexpr std::int64_t kGroup = 64;
 
-// Floats that one read asks for at most: the block is compared while it is in the cache.
+// Floats per read at most: the block is compared while it is in the cache.
 constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
-constexpr std::size_t kMostKeptFloats = (std::size_t{4} << 20) / sizeof(float);
+constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 }  // namespace
 
@@ -38,12 +38,12 @@ bool PeakGroups::Extend(std::int64_t first, std::span<const std::int64_t> ends,
   return true;
 }
 
-// Reads what is new of the groups that lie in the stretches as a whole.
+// Reads the groups that lie wholly in the stretches and are not known yet.
 bool PeakGroups::LearnGroups(std::int64_t first, std::span<const std::int64_t> ends,
                              const Read& read) {
   if (ends.empty()) return true;
   const std::int64_t last_group = ends.back() / kGroup;
-  const auto most_groups =
+  const auto max_groups =
       static_cast<std::int64_t>(std::max<std::size_t>(1, kBlockFloats / (kGroup * pair_floats_)));
   if (static_cast<std::size_t>(last_group) >= known_.size()) {
     const std::size_t count = static_cast<std::size_t>(last_group) + 1;
@@ -58,7 +58,7 @@ bool PeakGroups::LearnGroups(std::int64_t first, std::span<const std::int64_t> e
       continue;
     }
     std::int64_t past = group + 1;
-    while (past < last_group && past < group + most_groups && !is_known(past)) ++past;
+    while (past < last_group && past < group + max_groups && !is_known(past)) ++past;
     const auto group_floats = static_cast<std::size_t>(kGroup) * pair_floats_;
     block_.resize(static_cast<std::size_t>(past - group) * group_floats);
     if (!read(group * kGroup, block_)) return false;
@@ -103,9 +103,9 @@ bool PeakGroups::ExtendByPart(std::span<float> pairs, std::int64_t begin, std::i
   return true;
 }
 
-// What is kept is given up as a whole when it becomes too much: pictures of one size need far less.
+// Drops all cached peaks when they become too many: pictures of one size need far fewer.
 void PeakGroups::Keep(std::int64_t group, std::span<const float> peaks) {
-  if ((kept_peaks_.size() + 1) * peaks.size() > kMostKeptFloats) kept_peaks_.clear();
+  if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
   kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());
 }
 

@@ -1,4 +1,4 @@
-// PeakGroups: what a stretch of a take's peaks comes to, with most of the peaks read only once.
+// PeakGroups: caches the minimum and maximum of each 64 peaks, so that a range query reads little.
 #pragma once
 
 #include <cstddef>
@@ -10,26 +10,25 @@
 
 namespace marlinda {
 
-// Keeps the lowest and highest values of every group of 64 peaks that it has read, and the peaks of
-// the groups that a stretch began or ended in: drawing the same picture again reads nothing,
-// another one reads a group for each column. For 10 hours of stereo the groups take 1.5 MiB, twice
-// as much while the take grows; the peaks kept never take more than 4 MiB.
+// Caches the extremes of every group of 64 peaks that was read, and the peaks of the groups in
+// which a stretch begins or ends. Drawing the same picture again reads nothing, another picture
+// reads one group for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much
+// while the take grows, and the cached peaks at most 4 MiB.
 class PeakGroups {
  public:
-  // Fills the array with the peaks from `first` on; false when that fails.
+  // Fills the array with the peaks from `first` on. False if that fails.
   using Read = std::function<bool(std::int64_t first, std::span<float> peaks)>;
 
   // `channels` is at least 1.
   explicit PeakGroups(std::size_t channels) noexcept : pair_floats_(2 * channels) {}
 
-  // Says that the peaks before this one stay as they are. When others have changed since, start
-  // over with a new object.
+  // States that the peaks before this one do not change any more. If one does change, start over
+  // with a new object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
   // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). Stretches follow
-  // each other: the first begins at `first`, stretch i ends before the peak ends[i]. None is
-  // negative or goes beyond what has settled. False as soon as a read fails; the pairs are then of
-  // no use.
+  // each other: the first begins at `first`, stretch i ends before the peak ends[i]. Their peaks
+  // have settled. False as soon as a read fails; the pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read);
 

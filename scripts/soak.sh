@@ -94,13 +94,6 @@ part_samples() {
     "$root/build/native/tests/sample_kernels_soak"
 }
 
-# The vector forms of noise shaping for every sample.
-part_dither() {
-  compile native dither_kernels_soak
-  step "noise shaping of every sample" "the log names the first sample that differs" \
-    "$root/build/native/tests/dither_kernels_soak"
-}
-
 # The memory that ten hours take beside ten minutes.
 part_memory() {
   compile x64 Tessaly marlinda
@@ -110,7 +103,6 @@ part_memory() {
 # name            function
 parts="
   samples         part_samples
-  dither          part_dither
   fuzz            part_fuzz
   ogg             part_ogg
   hosts           part_hosts

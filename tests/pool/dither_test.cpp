@@ -17,11 +17,11 @@ namespace {
 constexpr int kNoiseShaping = DitherState::kNoiseShaping;
 constexpr int kTriangularNoise = DitherState::kTriangularNoise;
 
-// Plays back fixed numbers, and counts them.
+// Returns fixed numbers and counts them.
 class Numbers {
  public:
   explicit Numbers(std::vector<int> numbers) : numbers_(std::move(numbers)) {}
-  DitherState::Random Source() {
+  auto Source() {
     return [this] { return numbers_[drawn_++ % numbers_.size()]; };
   }
   std::size_t drawn() const { return drawn_; }
@@ -41,7 +41,7 @@ std::vector<int> Codes(std::span<const float> samples, int bits) {
   std::vector<int> codes;
   for (const float sample : samples) {
     const double code = std::round(sample * scale);
-    // What comes out is a step of the code, as exactly as a float can hold it.
+    // The result is a step of the code, as exactly as a float can hold it.
     EXPECT_NEAR(sample, code / scale, 2e-7);
     codes.push_back(static_cast<int>(code));
   }
@@ -52,8 +52,8 @@ const std::vector<float> kSamples = {0.3F,   -0.3F,   0.301F, -0.302F, 0.303F, -
                                      0.304F, -0.305F, 0.25F,  -0.9F,   0.25F,  1.2F,
                                      0.0F,   -1.2F,   0.0F,   0.0F};
 
-// The codes were worked out by a separate program, in double precision, with single precision for
-// every value that is kept.
+// A separate program computed the codes, in double precision with single precision for the values
+// that are kept.
 TEST(Dither, FollowsTheRuleStepByStep) {
   const std::vector<int> random = {0, 32767, 16384, 8192,  100, 32000, 25000, 25000,
                                    0, 0,     32767, 32767, 1,   2,     3,     4};
@@ -71,7 +71,6 @@ TEST(Dither, FollowsTheRuleStepByStep) {
        8,
        {38, -38, 38, -38, 38, -39, 39, -38, 31, -115, 32, 153, -1, -151, 0, -2}},
       // An unknown mode is noise shaping alone.
-      {7, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
       {-1, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
       {kNoiseShaping,
        1,
@@ -144,25 +143,7 @@ TEST(Dither, HasRoomForOneToEightChannels) {
   }
 }
 
-// What the dither is for: a level between two codes survives as their mean.
-TEST(Dither, KeepsWhatLiesBetweenTheCodes) {
-  for (const int mode : {kNoiseShaping, kTriangularNoise}) {
-    std::minstd_rand random(5);
-    const auto draw = [&random] { return static_cast<int>(random() & 0x7FFF); };
-    DitherState dither;
-    dither.SetUp(mode, 1, 8);
-    constexpr int kCount = 20000;
-    std::vector<float> samples(kCount, 0.3F / 127.0F);
-    dither.Process(samples, draw);
-    double sum = 0.0;
-    for (const float sample : samples) sum += sample * 127.0;
-    // The filter's gain at zero frequency keeps a quarter of each error.
-    EXPECT_NEAR(sum / kCount, 0.3, 0.15) << mode;
-    EXPECT_GT(sum / kCount, 0.1) << "plain rounding would give 0";
-  }
-}
-
-TEST(Dither, PassesNumbersThatAreNoneOnAndGoesOnAsIfNothingHadBeen) {
+TEST(Dither, LeavesNaNAndHugeSamplesUnchangedAndRecoversAtOnce) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float infinity = std::numeric_limits<float>::infinity();
   const float largest = std::numeric_limits<float>::max();
@@ -182,7 +163,7 @@ TEST(Dither, PassesNumbersThatAreNoneOnAndGoesOnAsIfNothingHadBeen) {
   }
 }
 
-TEST(Dither, IsSetUpForAnyBitsWithoutGoingAstray) {
+TEST(Dither, GivesFiniteSamplesAtAnyWidth) {
   for (const int bits : {-32768, -1, 0, 1, 2, 7, 12, 31, 32, 33, 32767}) {
     DitherState dither;
     dither.SetUp(kNoiseShaping, 1, bits);
@@ -192,8 +173,8 @@ TEST(Dither, IsSetUpForAnyBitsWithoutGoingAstray) {
   }
 }
 
-// Noise, a ramp through all codes, overs, a decay into silence, and now and then what is no number:
-// after all of that the errors, which feed back, are still the same.
+// Noise, a ramp through all codes, overs, a decay into silence, and now and then NaN or infinity.
+// The errors feed back, so a difference in any of them shows in the samples behind it.
 std::vector<float> HardSamples(std::size_t count) {
   std::minstd_rand random(7);
   std::uniform_real_distribution<float> level(-1.1F, 1.1F);

@@ -1,0 +1,53 @@
+// How samples lie in the pool's audio file.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <vector>
+
+namespace marlinda {
+
+// Below 8 bits a sample takes no bytes. No code is wider than 40 bits.
+constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
+
+// Bytes that a sample takes in the file. At widths between 8, 16, 24 and 32 bits this is less than
+// its code takes, and at 40 bits more.
+constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
+
+// base + unit * count, the place of an item in a file. Returns the largest or smallest number where
+// the sum does not fit in 64 bits: no file is that long. A unit below 1 counts as 0.
+constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
+                                  std::int64_t count) noexcept {
+  constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kZero = 0;
+  if (unit < 1) return base;
+  if (count > (kHighest - std::max(base, kZero)) / unit) return kHighest;
+  if (count < (kLowest - std::min(base, kZero)) / unit) return kLowest;
+  return base + unit * count;
+}
+
+// Converts blocks between samples and their stored bytes. The widths are storable ones. The buffer
+// is kept between blocks: a fresh large allocation costs more than the conversion.
+class StoredSamples {
+ public:
+  // Returns the bytes to store. At 32 bits they are the samples themselves, otherwise the buffer,
+  // valid until the next call.
+  std::span<const std::byte> Encode(std::span<const float> samples, int bits);
+
+  // Returns a buffer for the stored bytes of `count` samples, to be filled before Decode.
+  std::span<std::byte> Prepare(std::size_t count, int bits);
+  // Decodes the first `read` bytes of the buffer. Samples behind them become silence.
+  void Decode(std::size_t read, std::span<float> samples, int bits) const;
+
+  // Frees the buffer of an unusually large block, which the object would otherwise hold for life.
+  void Trim() noexcept;
+
+ private:
+  std::vector<std::byte> buffer_;
+};
+
+}  // namespace marlinda
