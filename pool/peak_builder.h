@@ -5,9 +5,9 @@
 #include <span>
 #include <vector>
 
-namespace marlinda {
+#include "core/constants.h"
 
-inline constexpr int kFramesPerPeak = 256;
+namespace marlinda {
 
 // Bytes that the peaks of one group take in the peak file: two floats for each channel.
 constexpr std::int64_t PeakBytes(int channels) noexcept {

@@ -4,24 +4,12 @@
 
 namespace marlinda {
 
-CAudioConnector::CAudioConnector() : connection_(std::make_shared<Connection>()) {}
-
-std::shared_ptr<Connection> CAudioConnector::Current() const {
-  const std::lock_guard lock(mutex_);
-  return connection_;
-}
-
-HRESULT CAudioConnector::SetUp(Parties parties, IUnknown* export_filter,
+HRESULT CAudioConnector::SetUp(Filters filters, IUnknown* export_filter,
                                const StreamFormat& target) {
-  if (!target.IsKnown()) return E_INVALIDARG;
-  parties.export_filter = TryQuery<IExportFilter>(export_filter);
-  parties.export_task = TryQuery<ICoreTask>(export_filter);
-  if (!parties.export_filter || !parties.export_task) return E_NOINTERFACE;
-  auto connection = std::make_shared<Connection>(std::move(parties), target);
-  Current()->Replace();
-  const std::lock_guard lock(mutex_);
-  // What is released here is destroyed after the lock.
-  connection_.swap(connection);
+  filters.export_filter = TryQuery<IExportFilter>(export_filter);
+  filters.export_task = TryQuery<ICoreTask>(export_filter);
+  if (!filters.export_filter || !filters.export_task) return E_NOINTERFACE;
+  connection_.SetUp(std::move(filters), target);
   return S_OK;
 }
 
@@ -30,11 +18,11 @@ STDMETHODIMP CAudioConnector::SetupImportToExport(IUnknown* punkImportFilter,
                                                   SHORT nChannels) {
   if (punkImportFilter == nullptr || punkExportFilter == nullptr) return E_POINTER;
   return ComCall([&] {
-    Parties parties;
-    parties.import_filter = TryQuery<IImportFilter>(punkImportFilter);
-    parties.import_task = TryQuery<ICoreTask>(punkImportFilter);
-    if (!parties.import_filter || !parties.import_task) return E_NOINTERFACE;
-    return SetUp(std::move(parties), punkExportFilter, {nSamplesPerSec, nChannels});
+    Filters filters;
+    filters.import_filter = TryQuery<IImportFilter>(punkImportFilter);
+    filters.import_task = TryQuery<ICoreTask>(punkImportFilter);
+    if (!filters.import_filter || !filters.import_task) return E_NOINTERFACE;
+    return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
   });
 }
 
@@ -43,38 +31,33 @@ STDMETHODIMP CAudioConnector::SetupReaderToExport(IUnknown* punkAudioReader,
                                                   SHORT nChannels) {
   if (punkAudioReader == nullptr || punkExportFilter == nullptr) return E_POINTER;
   return ComCall([&] {
+    // The object would hold itself and wait for itself.
     if (IsSameObject(punkAudioReader, OuterUnknown())) return E_INVALIDARG;
-    Parties parties;
-    parties.reader = TryQuery<IAudioReader>(punkAudioReader);
-    if (!parties.reader) return E_NOINTERFACE;
-    return SetUp(std::move(parties), punkExportFilter, {nSamplesPerSec, nChannels});
+    Filters filters;
+    filters.reader = TryQuery<IAudioReader>(punkAudioReader);
+    if (!filters.reader) return E_NOINTERFACE;
+    return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
   });
 }
 
 STDMETHODIMP CAudioConnector::Start() {
-  ComCall([&] {
-    Current()->Start();
-    return S_OK;
-  });
+  ComCall([&] { connection_.Start(); });
   return E_NOTIMPL;
 }
 
 STDMETHODIMP CAudioConnector::Cancel() {
-  ComCall([&] {
-    Current()->Cancel();
-    return S_OK;
-  });
+  ComCall([&] { connection_.Cancel(); });
   return E_NOTIMPL;
 }
 
 STDMETHODIMP CAudioConnector::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
   if (pbRunning == nullptr) return E_POINTER;
-  return ComCall([&] { return Current()->QueryIsRunning(pbRunning); });
+  return ComCall([&] { return connection_.QueryIsRunning(pbRunning); });
 }
 
 STDMETHODIMP CAudioConnector::GetProgress(FLOAT* pfProgress) {
   if (pfProgress == nullptr) return E_POINTER;
-  return ComCall([&] { return Current()->GetProgress(pfProgress); });
+  return ComCall([&] { return connection_.GetProgress(pfProgress); });
 }
 
 STDMETHODIMP CAudioConnector::GetName(BSTR* pbstrName) {
@@ -84,35 +67,31 @@ STDMETHODIMP CAudioConnector::GetName(BSTR* pbstrName) {
 }
 
 STDMETHODIMP CAudioConnector::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
-  return ComCall([&] { return Current()->Read(psaAudioData); });
+  return ComCall([&] { return connection_.job()->Read(psaAudioData); });
 }
 
 STDMETHODIMP CAudioConnector::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
   if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
   return ComCall([&] {
-    const StreamFormat target = Current()->target();
+    const StreamFormat target = connection_.job()->target();
     *pnSamplesPerSec = target.rate;
     *pnChannels = target.channels;
-    return S_OK;
   });
 }
 
 STDMETHODIMP CAudioConnector::GetSampleCount(__int64* pnSamples) {
   if (pnSamples == nullptr) return E_POINTER;
   *pnSamples = 0;
-  return ComCall([&] { return Current()->GetSampleCount(pnSamples); });
+  return ComCall([&] { return connection_.GetSampleCount(pnSamples); });
 }
 
 STDMETHODIMP CAudioConnector::WriteAudio(SAFEARRAY* psaAudioData) {
-  return ComCall([&] { return Current()->Write(psaAudioData); });
+  return ComCall([&] { return connection_.job()->Write(psaAudioData); });
 }
 
 STDMETHODIMP CAudioConnector::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
-  return ComCall([&] {
-    *pbReady = Current()->HasRoom() ? 1 : 0;
-    return S_OK;
-  });
+  return ComCall([&] { *pbReady = connection_.job()->queue().HasRoom() ? 1 : 0; });
 }
 
 MARLINDA_DEFINE_CLASS(CAudioConnector)

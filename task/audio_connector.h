@@ -3,67 +3,62 @@
 
 #include <marlinda.h>
 
-#include <memory>
-#include <mutex>
-
 #include "core/com_object.h"
 #include "task/connection.h"
 
 namespace marlinda {
 
-// A writer to the import filter and a reader to the export filter; between them a bounded queue
-// and, where the formats differ, the external format converter. As a task it runs the two filters'
-// tasks.
+// A writer to the import filter and a reader to the export filter, with a bounded queue and, where
+// the formats differ, the external format converter in between. As a task it runs the tasks of the
+// two filters.
 //
-// The filters hold this object as their writer and reader while it holds them: Cancel, or
-// QueryIsTaskRunning polled to its end, opens that circle. Filters that let go of reader and writer
-// when their run ends, as this module's do, open it too.
+// The filters hold this object as their writer and reader, and it holds them. Cancel releases them,
+// and so does a poll of QueryIsTaskRunning that finds the export ended. One of the two is needed:
+// an import that waits for room waits until then.
+//
+// The host's thread calls the tasks. ReadAudio and GetFormat are for the export's thread,
+// WriteAudio and QueryIsReady for the import's. They use no filter but the source reader.
 class CAudioConnector final
     : public Object<CAudioConnector, IAudioConnector, ICoreTask, IAudioReader, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioConnector;
 
-  CAudioConnector();
-
-  // IAudioConnector. E_POINTER, E_NOINTERFACE and E_INVALIDARG leave the set-up there was as it is.
-  // E_INVALIDARG is for a target format that is not positive, and for this object as its own
-  // reader, which would hold itself and wait for itself for ever. A new set-up ends what still runs
-  // of the one before it, and what that had in the queue is gone.
+  // IAudioConnector. A failure (E_POINTER, E_NOINTERFACE, E_INVALIDARG for this object as its own
+  // reader) leaves the earlier set-up as it is. A new set-up cancels what still runs of the earlier
+  // one and drops its queued samples. A target with a rate or channel count that is not positive
+  // makes no converter.
   STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override;
   STDMETHODIMP SetupReaderToExport(IUnknown* punkAudioReader, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override;
 
-  // ICoreTask. Start and Cancel return E_NOTIMPL whatever they did: that is how hosts know this
-  // object.
+  // ICoreTask. Start and Cancel do their work and return E_NOTIMPL. Ignore the result.
   STDMETHODIMP Start() override;
   STDMETHODIMP Cancel() override;
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override;
   STDMETHODIMP GetProgress(FLOAT* pfProgress) override;
-  // An empty text.
+  // An empty string.
   STDMETHODIMP GetName(BSTR* pbstrName) override;
 
-  // IAudioReader. Reads are sequential: the position is not looked at.
+  // IAudioReader. Reads are sequential: the position is ignored.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  // The target's.
+  // The target format.
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
 
-  // IAudioWriter. The source's format comes from the import filter, not from SetFormat.
+  // IAudioWriter. SetFormat is ignored: the import filter reports the source's format.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
   STDMETHODIMP SetFormat(LONG, SHORT) override { return S_OK; }
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
-  // Of both.
+  // IAudioReader and IAudioWriter.
   STDMETHODIMP OpenDevice() override { return S_OK; }
   STDMETHODIMP CloseDevice() override { return S_OK; }
 
  private:
-  std::shared_ptr<Connection> Current() const;
-  HRESULT SetUp(Parties parties, IUnknown* export_filter, const StreamFormat& target);
+  HRESULT SetUp(Filters filters, IUnknown* export_filter, const StreamFormat& target);
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<Connection> connection_;
+  Connection connection_;
 };
 
 }  // namespace marlinda

@@ -7,7 +7,6 @@
 
 #include "tests/support/com_client.h"
 #include "tests/support/our_converter.h"
-#include "tests/support/process_counts.h"
 #include "tests/support/ramp_source.h"
 #include "tests/task/test_filters.h"
 
@@ -16,20 +15,39 @@ namespace {
 
 using Habit = TestConverter::Habit;
 
-// A connector and its faces.
+// A connector and its interfaces.
 struct Connector {
   ComPtr<IAudioConnector> connector = Create<IAudioConnector>(CLSID_CAudioConnector);
   ComPtr<ICoreTask> task = As<ICoreTask>(connector);
   ComPtr<IAudioReader> reader = As<IAudioReader>(connector);
   ComPtr<IAudioWriter> writer = As<IAudioWriter>(connector);
 
-  // Sets up, readies both filters and starts.
+  // Sets up, initialises both filters and starts.
   void Run(const ComPtr<TestImport>& from, const ComPtr<TestExport>& to, LONG rate,
            SHORT channels) const {
     ASSERT_EQ(connector->SetupImportToExport(Face(from), Face(to), rate, channels), S_OK);
     from->Initialize(nullptr, writer.Get());
+    Start(to);
+  }
+  void Start(const ComPtr<TestExport>& to) const {
     to->Initialize(nullptr, reader.Get());
     EXPECT_EQ(task->Start(), E_NOTIMPL);
+  }
+
+  bool IsRunning() const {
+    VARIANT_BOOL running = VARIANT_FALSE;
+    EXPECT_EQ(task->QueryIsTaskRunning(&running), S_OK);
+    return running != VARIANT_FALSE;
+  }
+  bool IsReady() const {
+    LONG ready = -1;
+    EXPECT_EQ(writer->QueryIsReady(&ready), S_OK);
+    return ready == 1;
+  }
+  __int64 SampleCount() const {
+    __int64 count = -1;
+    EXPECT_EQ(reader->GetSampleCount(&count), S_OK);
+    return count;
   }
 
   // Several of their interfaces derive from IUnknown.
@@ -42,47 +60,67 @@ struct Connector {
 };
 
 template <class Condition>
-bool WaitUntil(const Condition& condition, int seconds = 30) {
-  for (int i = 0; i < seconds * 100; ++i) {
-    if (condition()) return true;
-    Sleep(10);
-  }
-  return condition();
+void Await(const Condition& condition) {
+  while (!condition()) Sleep(5);
 }
 
-TEST(AudioConnector, PassesEqualFormatsBitForBitAndLetsGoOfTheFiltersAtTheEnd) {
-  const OurConverter converter;  // not needed, and not asked
+void ExpectCounting(const std::vector<float>& samples, std::size_t count) {
+  ASSERT_EQ(samples.size(), count);
+  for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(samples[i], Counting(i)) << i;
+}
+
+TEST(AudioConnector, PassesEqualFormatsBitForBitAndReleasesTheFiltersAtTheEnd) {
+  const OurConverter converter;  // not needed
   const Connector joined;
-  const auto from = TestImport::Make(1'000'003);
-  from->block_samples = 4999;
-  const auto to = TestExport::Make();
-  joined.Run(from, to, 44100, 2);
-  EXPECT_GT(ReferenceCount(Connector::Face(from)), 1U);
-  float progress = 0;
-  EXPECT_EQ(joined.task->GetProgress(&progress), S_OK);
-  EXPECT_EQ(progress, 0.25F);
-  ASSERT_TRUE(WaitForTask(joined.task.Get()));
-
-  ASSERT_EQ(to->result->samples.size(), 2'000'006U);
-  for (std::size_t i = 0; i < to->result->samples.size(); ++i) {
-    ASSERT_EQ(to->result->samples[i], Counting(i)) << i;
+  for (const __int64 frames : {1'000'003, 1000}) {  // the same object serves again
+    const auto from = TestImport::Make(frames);
+    from->block_samples = 4999;
+    const auto to = TestExport::Make();
+    joined.Run(from, to, 44100, 2);
+    EXPECT_GT(from->references(), 1);
+    float progress = 0;
+    EXPECT_EQ(joined.task->GetProgress(&progress), S_OK);
+    EXPECT_EQ(progress, 0.25F);
+    Await([&] { return !joined.IsRunning(); });
+    ExpectCounting(to->result->samples, static_cast<std::size_t>(2 * frames));
+    EXPECT_TRUE(std::ranges::all_of(to->result->results, [](HRESULT hr) { return hr == S_OK; }));
+    EXPECT_EQ(from->references(), 1);
+    EXPECT_EQ(to->references(), 1);
+    EXPECT_EQ(joined.task->GetProgress(&progress), S_OK);
+    EXPECT_EQ(progress, 1.0F);
+    EXPECT_FALSE(joined.IsRunning());
   }
-  EXPECT_EQ(to->result->results, std::vector<HRESULT>(16, S_OK));
-  EXPECT_EQ(ReferenceCount(Connector::Face(from)), 1U);
-  EXPECT_EQ(ReferenceCount(Connector::Face(to)), 1U);
-  EXPECT_EQ(joined.task->GetProgress(&progress), S_OK);
-  EXPECT_EQ(progress, 1.0F);
-  VARIANT_BOOL running = VARIANT_TRUE;
-  EXPECT_EQ(joined.task->QueryIsTaskRunning(&running), S_OK);
-  EXPECT_EQ(running, VARIANT_FALSE);
+}
 
-  // The same object serves again.
-  const auto again = TestExport::Make();
-  const auto next = TestImport::Make(1000);
-  joined.Run(next, again, 44100, 2);
-  ASSERT_TRUE(WaitForTask(joined.task.Get()));
-  ASSERT_EQ(again->result->samples.size(), 2000U);
-  EXPECT_EQ(again->result->samples[1999], 1999.0F);
+// Filters are apartment-threaded: they may count their references without interlocking.
+TEST(AudioConnector, CallsAndCountsTheFiltersOnTheThreadOfTheHostAlone) {
+  constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
+  const auto to_import = TestExport::Make();
+  const auto to_reader = TestExport::Make();
+  const auto from = TestImport::Make(kFrames);
+  const auto reader = MakeObject<TestReader>(kFrames);
+  {
+    const Connector joined;
+    to_import->pause = 20;  // so that the import has to wait for room
+    joined.Run(from, to_import, 44100, 2);
+    Await([&] { return !joined.IsReady(); });
+    Await([&] { return !joined.IsRunning(); });
+
+    ASSERT_EQ(
+        joined.connector->SetupReaderToExport(reader.Get(), Connector::Face(to_reader), 44100, 2),
+        S_OK);
+    joined.Start(to_reader);
+    Await([&] { return !joined.IsRunning(); });
+  }
+  ExpectCounting(to_import->result->samples, 2 * kFrames);
+  ExpectCounting(to_reader->result->samples, 2 * kFrames);
+  EXPECT_EQ(from->foreign_calls(), 0);
+  EXPECT_EQ(reader->foreign_calls(), 0);
+  EXPECT_EQ(to_import->foreign_calls(), 0);
+  EXPECT_EQ(to_reader->foreign_calls(), 0);
+  EXPECT_EQ(from->references(), 1);
+  EXPECT_EQ(reader->references(), 1);
+  EXPECT_EQ(to_reader->references(), 1);
 }
 
 TEST(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition) {
@@ -96,13 +134,11 @@ TEST(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition
   const Floats block(100, 0, 5);
   EXPECT_EQ(joined.reader->ReadAudio(1'000'000, block), S_OK);
   EXPECT_EQ(block[99], RampSource::Sample('A', 49, 1));
-  const Floats none(0);
-  EXPECT_EQ(joined.reader->ReadAudio(0, none), S_OK);
   const Floats odd(3);
   EXPECT_EQ(joined.reader->ReadAudio(0, odd), S_OK);
   EXPECT_EQ(odd[2], RampSource::Sample('A', 51, 0));
   EXPECT_EQ(log, (CallLog{"A.ReadAudio(0, 131070)"}));
-  source->read_result = E_FAIL;  // what it does not deliver is silence
+  source->read_result = E_FAIL;  // a block that fails is silent
   const Floats large(200'000, 9.0F);
   EXPECT_EQ(joined.reader->ReadAudio(0, large), S_OK);
   EXPECT_EQ(log.back(), "A.ReadAudio(65535, 131070)");
@@ -110,13 +146,10 @@ TEST(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition
   EXPECT_EQ(large[131070 - 103], 0.0F);
   EXPECT_EQ(large[199'999], 0.0F);
 
-  __int64 count = 0;
-  EXPECT_EQ(joined.reader->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 4096);
+  EXPECT_EQ(joined.SampleCount(), 4096);
   ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), Connector::Face(to), 22050, 2),
             S_OK);
-  EXPECT_EQ(joined.reader->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 2048);
+  EXPECT_EQ(joined.SampleCount(), 2048);
 
   const auto shapeless = RampSource::Make('B', 0);
   ASSERT_EQ(joined.connector->SetupReaderToExport(shapeless.Get(), Connector::Face(to), 44100, 2),
@@ -125,23 +158,17 @@ TEST(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition
   EXPECT_EQ(large[0], 0.0F);
 }
 
-TEST(AudioConnector, RefusesWhatItCannotUseAndKeepsWhatItHad) {
+TEST(AudioConnector, KeepsItsSetUpWhenANewOneFails) {
   const Connector joined;
   const auto source = RampSource::Make('A');
-  const auto from = TestImport::Make(1);
   const auto to = TestExport::Make();
   IUnknown* const exporter = Connector::Face(to);
   ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), exporter, 44100, 2), S_OK);
-  EXPECT_EQ(joined.connector->SetupReaderToExport(nullptr, exporter, 1, 1), E_POINTER);
-  EXPECT_EQ(joined.connector->SetupReaderToExport(source.Get(), nullptr, 1, 1), E_POINTER);
   EXPECT_EQ(joined.connector->SetupReaderToExport(exporter, exporter, 1, 1), E_NOINTERFACE);
   EXPECT_EQ(joined.connector->SetupReaderToExport(source.Get(), source.Get(), 1, 1), E_NOINTERFACE);
-  EXPECT_EQ(joined.connector->SetupReaderToExport(source.Get(), exporter, 0, 1), E_INVALIDARG);
   EXPECT_EQ(joined.connector->SetupReaderToExport(joined.reader.Get(), exporter, 1, 1),
             E_INVALIDARG);
   EXPECT_EQ(joined.connector->SetupImportToExport(source.Get(), exporter, 1, 1), E_NOINTERFACE);
-  EXPECT_EQ(joined.connector->SetupImportToExport(Connector::Face(from), exporter, 1, 0),
-            E_INVALIDARG);
   LONG rate = 0;
   SHORT channels = 0;
   EXPECT_EQ(joined.reader->GetFormat(&rate, &channels), S_OK);
@@ -150,41 +177,26 @@ TEST(AudioConnector, RefusesWhatItCannotUseAndKeepsWhatItHad) {
   const Floats block(2);
   EXPECT_EQ(joined.reader->ReadAudio(0, block), S_OK);
   EXPECT_EQ(block[1], RampSource::Sample('A', 0, 1));
-
-  EXPECT_EQ(joined.reader->ReadAudio(0, nullptr), E_INVALIDARG);
-  EXPECT_EQ(joined.reader->ReadAudio(0, ForeignArray(VT_R8)), E_INVALIDARG);
-  EXPECT_EQ(joined.writer->WriteAudio(nullptr), E_INVALIDARG);
-  EXPECT_EQ(joined.writer->WriteAudio(ForeignArray(VT_R4, 2)), E_INVALIDARG);
-  EXPECT_EQ(joined.reader->GetFormat(nullptr, &channels), E_POINTER);
-  EXPECT_EQ(joined.reader->GetSampleCount(nullptr), E_POINTER);
-  EXPECT_EQ(joined.task->QueryIsTaskRunning(nullptr), E_POINTER);
-  EXPECT_EQ(joined.task->GetProgress(nullptr), E_POINTER);
-  EXPECT_EQ(joined.task->GetName(nullptr), E_POINTER);
-  EXPECT_EQ(joined.writer->QueryIsReady(nullptr), E_POINTER);
   Bstr name;
   EXPECT_EQ(joined.task->GetName(name.Receive()), S_OK);
   EXPECT_NE(static_cast<BSTR>(name), nullptr);
   EXPECT_EQ(name.str(), L"");
-  EXPECT_EQ(joined.task->Cancel(), E_NOTIMPL);
-  EXPECT_EQ(Create<ICoreTask>(CLSID_CAudioConnector)->Start(), E_NOTIMPL);
 }
 
-TEST(AudioConnector, IsAPlainQueueBeforeASetUpAndSaysWhenItIsFull) {
+TEST(AudioConnector, IsAPlainQueueBeforeASetUpAndReadyUntilItIsFull) {
   const Connector queue;
-  LONG ready = 0;
-  EXPECT_EQ(queue.writer->QueryIsReady(&ready), S_OK);
-  EXPECT_EQ(ready, 1);
+  EXPECT_EQ(queue.task->Start(), E_NOTIMPL);
+  EXPECT_EQ(queue.task->Cancel(), E_NOTIMPL);
+  EXPECT_TRUE(queue.IsReady());
   const Floats block(std::vector<float>{1, 2, 3});
   EXPECT_EQ(queue.writer->WriteAudio(block), S_OK);
   const Floats got(2);
   EXPECT_EQ(queue.reader->ReadAudio(0, got), S_OK);
   EXPECT_EQ(got[1], 2.0F);
   EXPECT_EQ(queue.writer->WriteAudio(Floats(0x800000 - 2)), S_OK);
-  EXPECT_EQ(queue.writer->QueryIsReady(&ready), S_OK);
-  EXPECT_EQ(ready, 1);
+  EXPECT_TRUE(queue.IsReady());
   EXPECT_EQ(queue.writer->WriteAudio(Floats(1)), S_OK);
-  EXPECT_EQ(queue.writer->QueryIsReady(&ready), S_OK);
-  EXPECT_EQ(ready, 0);
+  EXPECT_FALSE(queue.IsReady());
 }
 
 TEST(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASecond) {
@@ -194,10 +206,8 @@ TEST(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASe
   const auto to = TestExport::Make();
   const ULONGLONG start = GetTickCount64();
   joined.Run(from, to, 44100, 2);
-  ASSERT_TRUE(WaitForTask(joined.task.Get()));
-  const ULONGLONG took = GetTickCount64() - start;
-  EXPECT_GE(took, 4900U);
-  EXPECT_LT(took, 20'000U);  // the seven reads that follow do not wait again
+  Await([&] { return !joined.IsRunning(); });
+  EXPECT_GE(GetTickCount64() - start, 4900U);
   ASSERT_EQ(to->result->samples.size(), 1'000'000U);
   EXPECT_EQ(to->result->samples[1999], 1999.0F);
   for (std::size_t i = 2000; i < 1'000'000; ++i) ASSERT_EQ(to->result->samples[i], 0.0F) << i;
@@ -207,20 +217,19 @@ TEST(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASe
 TEST(AudioConnector, AReadOfMoreThanTheQueueMayHoldGetsItAll) {
   const Connector joined;
   const auto from = TestImport::Make(8'000'000);
-  const auto to = TestExport::Make();
-  to->Initialize(nullptr, joined.reader.Get());  // nothing to do, so that it leaves us the reading
+  const auto to = TestExport::Make();  // never started
   ASSERT_EQ(
       joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 44100, 2),
       S_OK);
   from->Initialize(nullptr, joined.writer.Get());
-  joined.task->Start();
+  from->Start();
   const Floats all(16'000'000);
   EXPECT_EQ(joined.reader->ReadAudio(0, all), S_OK);
-  for (std::size_t i = 0; i < 16'000'000; ++i) ASSERT_EQ(all[i], Counting(i)) << i;
+  ExpectCounting(all.ToVector(), 16'000'000);
   joined.task->Cancel();
 }
 
-TEST(AudioConnector, CancelEndsBothSidesAlsoAnImportThatWaitsForRoomOrAnExportThatWaitsForData) {
+TEST(AudioConnector, CancelEndsAnImportThatWaitsForRoomAndAnExportThatWaitsForData) {
   for (const bool stalled : {false, true}) {
     const Connector joined;
     const auto from = TestImport::Make(1LL << 40);
@@ -229,64 +238,86 @@ TEST(AudioConnector, CancelEndsBothSidesAlsoAnImportThatWaitsForRoomOrAnExportTh
     to->pause = 10;
     to->keep = false;
     joined.Run(from, to, 44100, 2);
-    LONG ready = 1;
-    ASSERT_TRUE(stalled || WaitUntil([&] {
-                  joined.writer->QueryIsReady(&ready);
-                  return ready == 0;
-                }));
-    const ULONGLONG start = GetTickCount64();
+    Await([&] { return stalled || !joined.IsReady(); });
     EXPECT_EQ(joined.task->Cancel(), E_NOTIMPL);
-    EXPECT_LT(GetTickCount64() - start, 4500U);
     EXPECT_FALSE(from->IsRunning());
     EXPECT_FALSE(to->IsRunning());
-    EXPECT_EQ(ReferenceCount(Connector::Face(from)), 1U);
+    EXPECT_EQ(from->references(), 1);
+    EXPECT_EQ(to->references(), 1);
+    EXPECT_FALSE(joined.IsRunning());
     EXPECT_EQ(joined.task->Cancel(), E_NOTIMPL);
-    const Floats late(4, 9.0F);
-    EXPECT_EQ(joined.writer->WriteAudio(late), S_OK);
-    EXPECT_EQ(joined.reader->ReadAudio(0, late), S_FALSE);
-    EXPECT_EQ(late[0], 0.0F);
   }
 }
 
-TEST(AudioConnector, ThreadsAndObjectsGoWhenTheExportIsCancelledAndAllIsReleasedWithoutAWord) {
-  const unsigned threads = CountThreads();
-  {
-    const Connector joined;
-    const auto from = TestImport::Make(10'000'000);
-    const auto to = TestExport::Make();
-    to->pause = 10;
-    joined.Run(from, to, 44100, 2);
-    ASSERT_TRUE(WaitUntil([&] { return to->result->blocks > 3; }));
-    to->Cancel();
-  }
-  EXPECT_TRUE(WaitUntil([] { return TestTask::alive == 0; }));
-  EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }));
+TEST(AudioConnector, StoresBlocksThatComeAfterAPollHasFoundTheExportEnded) {
+  const Connector joined;
+  const auto from = TestImport::Make(1);
+  const auto to = TestExport::Make();
+  ASSERT_EQ(
+      joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 44100, 2),
+      S_OK);
+  EXPECT_FALSE(joined.IsRunning());  // not started
+  EXPECT_EQ(from->references(), 1);
+  EXPECT_EQ(joined.writer->WriteAudio(Floats(4, 0.5F)), S_OK);
+  const Floats block(4);
+  EXPECT_EQ(joined.reader->ReadAudio(0, block), S_OK);
+  EXPECT_EQ(block[3], 0.5F);
 }
 
-TEST(AudioConnector, PassesSamplesUnchangedWhenNoConverterCanBeHad) {
-  for (const bool there : {false, true}) {
+TEST(AudioConnector, ANewSetUpEndsTheEarlierOne) {
+  const Connector joined;
+  const auto from = TestImport::Make(1LL << 40);
+  const auto to = TestExport::Make();
+  to->keep = false;
+  to->pause = 10;
+  joined.Run(from, to, 44100, 2);
+  Await([&] { return !joined.IsReady(); });
+  const auto source = RampSource::Make('A');
+  const auto next = TestExport::Make();
+  ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), Connector::Face(next), 44100, 2),
+            S_OK);
+  EXPECT_FALSE(from->IsRunning());
+  EXPECT_FALSE(to->IsRunning());
+  EXPECT_EQ(from->references(), 1);
+  EXPECT_EQ(to->references(), 1);
+  const Floats block(2);
+  EXPECT_EQ(joined.reader->ReadAudio(0, block), S_OK);
+  EXPECT_EQ(block[1], RampSource::Sample('A', 0, 1));
+}
+
+TEST(AudioConnector, PassesSamplesUnchangedWithoutAConverter) {
+  struct Row {
+    bool installed;
+    LONG rate;
+    SHORT channels;
+    std::vector<LONG> set_up;
+  };
+  for (const Row& row : {Row{false, 22050, 1, {}},
+                         {true, 22050, 1, {44100, 22050, 2, 1, 151}},
+                         // A target that is not positive.
+                         {true, 0, 2, {}},
+                         {true, 44100, -1, {}}}) {
+    SCOPED_TRACE(::testing::Message() << row.rate << " Hz, " << row.channels);
     std::unique_ptr<InstalledConverter> installed;
     const auto converter = MakeObject<TestConverter>(Habit::kRefusesSetUp);
-    if (there) {
+    if (row.installed) {
       installed =
           std::make_unique<InstalledConverter>(MakeObject<SingleFactory>(converter.Get()).Get());
     }
     const Connector joined;
     const auto source = RampSource::Make('A');
     const auto to = TestExport::Make();
-    ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), Connector::Face(to), 22050, 1),
+    ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), Connector::Face(to), row.rate,
+                                                    row.channels),
               S_OK);
     const Floats block(4);
     EXPECT_EQ(joined.reader->ReadAudio(0, block), S_OK);
     EXPECT_EQ(block[3], RampSource::Sample('A', 1, 1));
-    EXPECT_EQ(converter->set_up.empty(), !there);
-    if (there) {
-      EXPECT_EQ(converter->set_up, (std::vector<LONG>{44100, 22050, 2, 1, 151}));
-    }
+    EXPECT_EQ(converter->set_up, row.set_up);
   }
 }
 
-TEST(AudioConnector, AConverterThatGivesNothingMakesSilenceAndNoHang) {
+TEST(AudioConnector, EndsTheDataWhenAConverterReturnsNothing) {
   for (const Habit habit :
        {Habit::kFails, Habit::kGivesEmpty, Habit::kGivesNull, Habit::kGivesShorts}) {
     const auto converter = MakeObject<TestConverter>(habit);
@@ -312,9 +343,7 @@ TEST(AudioConnector, ReadsASourcesFormatAgainWhenItWasNotKnownAtSetUp) {
   ASSERT_EQ(
       joined.connector->SetupImportToExport(Connector::Face(from), Connector::Face(to), 48000, 2),
       S_OK);
-  __int64 count = -1;
-  EXPECT_EQ(joined.reader->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 0);
+  EXPECT_EQ(joined.SampleCount(), 0);
   EXPECT_TRUE(converter->set_up.empty());
   from->rate = 24000;
   from->channels = 2;
@@ -323,12 +352,11 @@ TEST(AudioConnector, ReadsASourcesFormatAgainWhenItWasNotKnownAtSetUp) {
   to->Initialize(nullptr, joined.reader.Get());
   joined.task->Start();
   EXPECT_EQ(converter->set_up, (std::vector<LONG>{24000, 48000, 2, 2, 151}));
-  EXPECT_EQ(joined.reader->GetSampleCount(&count), S_OK);
-  EXPECT_EQ(count, 1200);
+  EXPECT_EQ(joined.SampleCount(), 1200);
   joined.task->Cancel();
 }
 
-TEST(AudioConnector, ConvertsToTheLastFrameAndAtOnce) {
+TEST(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
   const OurConverter converter;
   const double frequency = 997;
   const auto sine = [&](double frame, int rate) {
@@ -343,13 +371,13 @@ TEST(AudioConnector, ConvertsToTheLastFrameAndAtOnce) {
   };
   const auto to = TestExport::Make();
   joined.Run(from, to, 48000, 2);
-  ASSERT_TRUE(WaitForTask(joined.task.Get()));
+  Await([&] { return !joined.IsRunning(); });
   const auto& samples = to->result->samples;
   ASSERT_EQ(samples.size(), 192000U);
-  // Not what a wait in vain would give.
+  // No read waited in vain.
   EXPECT_EQ(to->result->results, std::vector<HRESULT>(2, S_OK));
   double error = 0;
-  double last = 0;  // the frames that a converter cannot give before it knows what follows them
+  double last = 0;  // level of the frames that the converter holds back until the end
   for (std::size_t i = 500; i < 96000; ++i) {
     const double difference = samples[2 * i] - sine(static_cast<double>(i), 48000);
     ASSERT_EQ(samples[2 * i], samples[2 * i + 1]);
@@ -362,7 +390,7 @@ TEST(AudioConnector, ConvertsToTheLastFrameAndAtOnce) {
 
 TEST(AudioConnector, ConvertsOneTakeOfAPoolAsIfNothingCameAfterIt) {
   const OurConverter converter;
-  const auto source = RampSource::Make('A', 1);  // says 4096 frames and gives more
+  const auto source = RampSource::Make('A', 1);  // reports 4096 frames and delivers more
   const Connector joined;
   const auto to = TestExport::Make();
   ASSERT_EQ(joined.connector->SetupReaderToExport(source.Get(), Connector::Face(to), 88200, 1),
@@ -372,26 +400,6 @@ TEST(AudioConnector, ConvertsOneTakeOfAPoolAsIfNothingCameAfterIt) {
   const float last = RampSource::Sample('A', 4095, 0);
   EXPECT_NEAR(block[8190], last, last * 0.2);
   for (std::size_t i = 8192 + 1000; i < 8192 + 2000; ++i) ASSERT_EQ(block[i], 0.0F);
-}
-
-TEST(AudioConnector, MemoryStaysBoundedHoweverFastTheImportIs) {
-  const Connector joined;
-  const auto from = TestImport::Make(2LL * 3600 * 44100);
-  const auto to = TestExport::Make();
-  to->keep = false;
-  to->pause = 5;
-  joined.Run(from, to, 44100, 2);
-  std::size_t most = 0;
-  LONG ready = 1;
-  while (to->result->blocks < 150 || ready != 0) {
-    ASSERT_TRUE(to->IsRunning());
-    most = std::max(most, CountPrivateBytes());
-    joined.writer->QueryIsReady(&ready);
-    Sleep(1);
-  }
-  joined.task->Cancel();
-  EXPECT_GT(most, std::size_t{32} << 20);  // the measure sees a full queue
-  EXPECT_LT(most, std::size_t{100} << 20);
 }
 
 }  // namespace

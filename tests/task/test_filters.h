@@ -1,6 +1,5 @@
-// An import filter that makes up its audio, an export filter that keeps what it reads, and format
-// converters that behave well or badly: the parties of a connection, as other people might write
-// them.
+// An import filter and a reader that make up their audio, an export filter that keeps what it
+// reads, and format converters that behave well or badly, as other makers might write them.
 #pragma once
 
 #include <converter.h>
@@ -20,28 +19,53 @@
 
 namespace marlinda::testing {
 
-// A thread that holds nothing but what it shares, and stays behind when its filter goes.
-class TestTask {
+// An object that belongs to the thread that makes it, and counts its references without
+// interlocking.
+template <class... Interfaces>
+class ApartmentObject : public TestObject<Interfaces...> {
  public:
-  // How many there are, and with them filters.
-  static inline std::atomic<int> alive = 0;
+  STDMETHODIMP_(ULONG) AddRef() override {
+    NoteCall();
+    ++references_;
+    return TestObject<Interfaces...>::AddRef();
+  }
+  STDMETHODIMP_(ULONG) Release() override {
+    NoteCall();
+    --references_;
+    return TestObject<Interfaces...>::Release();
+  }
+  int references() const { return references_; }
+  // Calls on other threads.
+  int foreign_calls() const { return foreign_calls_; }
 
-  TestTask() { ++alive; }
-  ~TestTask() {
-    cancelled_ = true;
-    --alive;
+ protected:
+  void NoteCall() {
+    if (GetCurrentThreadId() != thread_) ++foreign_calls_;
   }
 
+ private:
+  const DWORD thread_ = GetCurrentThreadId();
+  int references_ = 1;
+  std::atomic<int> foreign_calls_ = 0;
+};
+
+// A thread that shares nothing with its filter but this.
+class TestTask {
+ public:
+  ~TestTask() { cancelled_ = true; }
+
+  // The body is destroyed, with the references that it holds, before the task has ended.
   HRESULT Start(std::function<void(const std::atomic<bool>& cancelled)> body) {
     state_->running = true;
-    std::thread([state = state_, body = std::move(body)] {
+    std::thread([state = state_, body = std::move(body)]() mutable {
       body(state->cancelled);
+      body = nullptr;
       state->running = false;
     }).detach();
     return S_OK;
   }
   HRESULT Cancel() {
-    state_->cancelled = true;
+    cancelled_ = true;
     while (state_->running) Sleep(10);
     return S_OK;
   }
@@ -61,12 +85,12 @@ using Signal = std::function<float(std::uint64_t index)>;
 
 inline float Counting(std::uint64_t index) { return static_cast<float>(index % 0x1000000); }
 
-class TestImport final : public TestObject<IImportFilter, IExFormatInfo, ICoreTask> {
+class TestImport final : public ApartmentObject<IImportFilter, IExFormatInfo, ICoreTask> {
  public:
   LONG rate = 44100;
   SHORT channels = 2;
   __int64 promised = 0;
-  __int64 frames = 0;  // that it delivers
+  __int64 frames = 0;  // to deliver
   std::size_t block_samples = 16384;
   Signal signal = Counting;
 
@@ -84,11 +108,13 @@ class TestImport final : public TestObject<IImportFilter, IExFormatInfo, ICoreTa
   }
   STDMETHODIMP GetFilterStrings(BSTR*, BSTR*) override { return E_NOTIMPL; }
   STDMETHODIMP GetSourceSampleCount(__int64* count) override {
+    NoteCall();
     *count = promised;
     return S_OK;
   }
   STDMETHODIMP GetMerit(SHORT*) override { return E_NOTIMPL; }
   STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channel_count) override {
+    NoteCall();
     *samples_per_sec = rate;
     *channel_count = channels;
     return S_OK;
@@ -109,8 +135,12 @@ class TestImport final : public TestObject<IImportFilter, IExFormatInfo, ICoreTa
       writer->CloseDevice();
     });
   }
-  STDMETHODIMP Cancel() override { return task_.Cancel(); }
+  STDMETHODIMP Cancel() override {
+    NoteCall();
+    return task_.Cancel();
+  }
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
+    NoteCall();
     *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE;
     return S_OK;
   }
@@ -122,7 +152,36 @@ class TestImport final : public TestObject<IImportFilter, IExFormatInfo, ICoreTa
   TestTask task_;
 };
 
-class TestExport final : public TestObject<IExportFilter, ICoreTask> {
+// A source of the counting signal. Reads are for the export's thread.
+class TestReader final : public ApartmentObject<IAudioReader> {
+ public:
+  explicit TestReader(__int64 frames) : frames_(frames) {}
+
+  STDMETHODIMP ReadAudio(__int64 position, SAFEARRAY* array) override {
+    auto* const samples = static_cast<float*>(array->pvData);
+    const auto first = static_cast<std::uint64_t>(position) * 2;
+    for (ULONG i = 0; i < array->rgsabound[0].cElements; ++i) samples[i] = Counting(first + i);
+    return S_OK;
+  }
+  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channels) override {
+    NoteCall();
+    *samples_per_sec = 44100;
+    *channels = 2;
+    return S_OK;
+  }
+  STDMETHODIMP GetSampleCount(__int64* count) override {
+    NoteCall();
+    *count = frames_;
+    return S_OK;
+  }
+  STDMETHODIMP OpenDevice() override { return S_OK; }
+  STDMETHODIMP CloseDevice() override { return S_OK; }
+
+ private:
+  const __int64 frames_;
+};
+
+class TestExport final : public ApartmentObject<IExportFilter, ICoreTask> {
  public:
   struct Result {
     std::vector<float> samples;
@@ -139,7 +198,7 @@ class TestExport final : public TestObject<IExportFilter, ICoreTask> {
   STDMETHODIMP QuerySupportsExtension(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
   STDMETHODIMP Initialize(BSTR, IAudioReader* reader) override {
     reader_ = reader;
-    return reader->GetSampleCount(&total_);
+    return S_OK;
   }
   STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
   STDMETHODIMP GetFilterStrings(BSTR*, BSTR*) override { return E_NOTIMPL; }
@@ -148,12 +207,15 @@ class TestExport final : public TestObject<IExportFilter, ICoreTask> {
   STDMETHODIMP GetMerit(SHORT*) override { return E_NOTIMPL; }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL*) override { return E_NOTIMPL; }
 
+  // Asks for format and length on its own thread.
   STDMETHODIMP Start() override {
-    return task_.Start([reader = std::move(reader_), total = total_, result = result, pause = pause,
+    return task_.Start([reader = std::move(reader_), result = result, pause = pause,
                         keep = keep](const std::atomic<bool>& cancelled) {
       LONG rate = 0;
       SHORT channels = 0;
+      __int64 total = 0;
       reader->GetFormat(&rate, &channels);
+      reader->GetSampleCount(&total);
       for (__int64 at = 0; at < total && !cancelled; at += 65536) {
         const auto frames = static_cast<std::size_t>(std::min<__int64>(65536, total - at));
         const Floats block(frames * static_cast<std::size_t>(channels), 9.0F);
@@ -168,12 +230,17 @@ class TestExport final : public TestObject<IExportFilter, ICoreTask> {
       }
     });
   }
-  STDMETHODIMP Cancel() override { return task_.Cancel(); }
+  STDMETHODIMP Cancel() override {
+    NoteCall();
+    return task_.Cancel();
+  }
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
+    NoteCall();
     *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE;
     return S_OK;
   }
   STDMETHODIMP GetProgress(float* progress) override {
+    NoteCall();
     *progress = 0.25F;
     return S_OK;
   }
@@ -181,11 +248,10 @@ class TestExport final : public TestObject<IExportFilter, ICoreTask> {
 
  private:
   ComPtr<IAudioReader> reader_;
-  __int64 total_ = 0;
   TestTask task_;
 };
 
-// Passes samples on, or does what a converter should not do.
+// Passes samples on, or breaks the contract of a converter.
 class TestConverter final : public TestObject<IFormatConverter> {
  public:
   enum class Habit { kPasses, kRefusesSetUp, kFails, kGivesEmpty, kGivesNull, kGivesShorts };
@@ -220,7 +286,7 @@ class TestConverter final : public TestObject<IFormatConverter> {
   std::vector<float> held_;
 };
 
-// Hands out the same object again and again.
+// Returns the same object for each creation.
 class SingleFactory final : public TestObject<IClassFactory> {
  public:
   explicit SingleFactory(IUnknown* object) : object_(object) {}
