@@ -318,9 +318,7 @@ HRESULT TryTemporaryFiles() {
   ComPtr<IAudioPool> pool;
   const HRESULT hr = CreateInstance(CLSID_CAudioPool, pool);
   if (FAILED(hr)) return S_OK;  // which is no fault of the folder
-  __int64 audio = 0;
-  __int64 peaks = 0;
-  return pool->GetFileHandles(&audio, &peaks);
+  return TryPoolFiles(pool.Get());
 }
 
 void ExamineTemporaryFolder(Diagnosis& diagnosis) {

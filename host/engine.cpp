@@ -157,6 +157,20 @@ void AddAnnotations(IUnknown* object, const Annotations& annotations) {
   }
 }
 
+HRESULT TryPoolFiles(IAudioPool* pool) {
+  __int64 audio = 0;
+  __int64 peaks = 0;
+  const HRESULT hr = pool->GetFileHandles(&audio, &peaks);
+  if (FAILED(hr) || audio != 0) return hr;
+  // The pool has no file for samples. Only a write reports the reason.
+  const auto writer = Query<IAudioWriter>(pool);
+  Check(writer->SetFormat(44100, 1));
+  SAFEARRAY* const block = SafeArrayCreateVector(VT_R4, 0, 1);
+  const HRESULT reason = writer->WriteAudio(block);
+  if (block != nullptr) SafeArrayDestroy(block);
+  return reason;
+}
+
 Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   RequireReadable(file);
   const Bstr engine_name(EngineNameOfInput(file));
@@ -166,10 +180,10 @@ Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   ComPtr<IAudioWriter> writer = target;
   if (!writer) {
     pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-    // Floats keep every bit of what the filter decodes. A pool that could not make its files says
-    // so here.
-    const HRESULT made = pool_->SetBitDepth(32, 0);
+    const HRESULT made = TryPoolFiles(pool_.Get());
     if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
+    // Floats keep every bit of what the filter decodes.
+    Check(pool_->SetBitDepth(32, 0));
     writer = Query<IAudioWriter>(pool_.Get());
   }
   const HRESULT hr = filter_->Initialize(engine_name.get(), writer.Get());

@@ -20,6 +20,9 @@ namespace marlinda {
 // What a failure of the pool's own files is reported about.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
+// S_OK if a new pool has a file for its samples, otherwise the reason why it has none.
+HRESULT TryPoolFiles(IAudioPool* pool);
+
 // Creates an object or throws with the remedy for a class that is not registered.
 template <class I>
 ComPtr<I> CreateObject(REFCLSID class_id, const char* class_name) {

@@ -91,7 +91,8 @@ void RunRecord(const RecordOptions& options, const Console& console) {
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
   const auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  const HRESULT hr = pool->SetBitDepth(32, 0);
+  Check(pool->SetBitDepth(32, 0));
+  const HRESULT hr = TryPoolFiles(pool.Get());
   if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
 
   const Console::Finishing finishing;
