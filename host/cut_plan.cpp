@@ -55,7 +55,7 @@ CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int3
   ForEach("--marker", request.markers, [&](const std::string& text) {
     const NamedRange marker = ParseNamedRange(text);
     const FrameRange frames = ResolveRange(marker.range, plan.length, rate);
-    plan.annotations.markers.push_back({frames.begin, frames.end, marker.name});
+    plan.annotations.markers.push_back({{frames.begin, frames.end}, marker.name});
   });
   return plan;
 }

@@ -1,5 +1,6 @@
 #include "host/diagnosis.h"
 
+#include <converter.h>
 #include <marlinda.h>
 
 #include <filesystem>
@@ -16,10 +17,6 @@ namespace {
 
 constexpr const char* kTemporaryKey = R"(HKEY_CURRENT_USER\Software\Brevant\Cutloom\Directories)";
 constexpr std::uint64_t kLeastFreeBytes = 64U << 20U;
-
-// Of a module of its own, which the audio connector creates.
-constexpr CLSID kConverterClass = {
-    0xDFD6DD75, 0x5801, 0x4EA1, {0x9C, 0x21, 0x58, 0x58, 0x9B, 0x93, 0x02, 0x8A}};
 
 std::string Chosen(const std::string& text) {
   return text + ", or name another in the registry value \"Temporary\" of " + kTemporaryKey + ".";
@@ -220,14 +217,15 @@ void ExamineClasses(Diagnosis& diagnosis) {
     Check(info->GetDocumentation(MEMBERID_NIL, name.Receive(), nullptr, nullptr, nullptr));
     const ClassState state = {name.utf8(), ClassIdText(class_id), TryToCreate(class_id)};
     diagnosis.classes.push_back(state);
-    if (!state.Available() && !state.NotOffered()) {
+    if (!state.Available()) {
       diagnosis.problems.push_back(Explain(state.created, state.name, ExitStatus::kRegistration));
     }
   }
 }
 
 void ExamineConverter(Diagnosis& diagnosis) {
-  diagnosis.converter = {"converter", ClassIdText(kConverterClass), TryToCreate(kConverterClass)};
+  diagnosis.converter = {"converter", ClassIdText(CLSID_CFormatConverter),
+                         TryToCreate(CLSID_CFormatConverter)};
   if (diagnosis.converter.Available()) return;
   const HostError error =
       Explain(diagnosis.converter.created, "converter", ExitStatus::kRegistration);

@@ -32,8 +32,6 @@ struct ClassState {
   std::string class_id;
   HRESULT created = S_OK;
   bool Available() const { return SUCCEEDED(created); }
-  // A version may know a class that it does not have yet.
-  bool NotOffered() const { return created == CLASS_E_CLASSNOTAVAILABLE; }
 };
 
 struct ListedFilterState {

@@ -6,7 +6,6 @@
 
 #include "host/engine.h"
 #include "host/file_name.h"
-#include "host/float_array.h"
 #include "host/png_file.h"
 #include "host/waveform_picture.h"
 

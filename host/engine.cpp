@@ -4,9 +4,9 @@
 #include <fstream>
 #include <string_view>
 
+#include "host/clamped_reader.h"
 #include "host/file_name.h"
 #include "host/filter_list.h"
-#include "host/float_array.h"
 #include "host/progress.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"
@@ -140,7 +140,7 @@ Annotations ReadAnnotations(IUnknown* object) {
       __int64 begin = 0;
       __int64 end = 0;
       if (FAILED(markers->GetSectionMarker(i, &begin, &end, name.Receive()))) break;
-      annotations.markers.push_back({begin, end, name.utf8()});
+      annotations.markers.push_back({{begin, end}, name.utf8()});
     }
   }
   return annotations;
@@ -152,8 +152,8 @@ void AddAnnotations(IUnknown* object, const Annotations& annotations) {
     Check(labels->AddLabel(label.position, Bstr(label.name).get()));
   }
   const auto markers = Query<ISectionMarkerSupport>(object);
-  for (const Marker& marker : annotations.markers) {
-    Check(markers->AddSectionMarker(marker.begin, marker.end, Bstr(marker.name).get()));
+  for (const auto& [section, name] : annotations.markers) {
+    Check(markers->AddSectionMarker(section.begin, section.end, Bstr(name).get()));
   }
 }
 
@@ -244,12 +244,16 @@ Tags Source::ReadTags() const {
 std::optional<AcidData> Source::ReadAcidData() const {
   const auto reader = TryQuery<IAcidReader>(filter_.Get());
   VARIANT_BOOL available = VARIANT_FALSE;
+  LONG beat_count = 0;
   AcidData acid;
+  SHORT root_note = 0;
   if (!reader || FAILED(reader->QueryAcidDataAvailable(&available)) || available == VARIANT_FALSE ||
-      FAILED(reader->GetAcidData(&acid.root_note, &acid.meter_beats, &acid.meter_delimiter,
-                                 &acid.beat_count, &acid.tempo))) {
+      FAILED(reader->GetAcidData(&root_note, &acid.meter_beats, &acid.meter_delimiter, &beat_count,
+                                 &acid.tempo))) {
     return std::nullopt;
   }
+  acid.root_note = root_note;
+  acid.beat_count = beat_count;
   return acid;
 }
 
@@ -316,7 +320,8 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
 
   const Console::Finishing finishing;
   const OpenReader open(reader);
-  const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), reader);
+  const ComPtr<IAudioReader> source = bits > 16 ? ClampSamples(reader) : reader;
+  const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), source.Get());
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
   HandOver();
@@ -348,8 +353,8 @@ void WaveExport::HandOver() {
   AddAnnotations(filter_.Get(), annotations_);
   if (acid_) {
     Check(Query<IAcidWriter>(filter_.Get())
-              ->SetAcidData(acid_->root_note, acid_->meter_beats, acid_->meter_delimiter,
-                            acid_->beat_count, acid_->tempo));
+              ->SetAcidData(static_cast<SHORT>(acid_->root_note), acid_->meter_beats,
+                            acid_->meter_delimiter, acid_->beat_count, acid_->tempo));
   }
 }
 

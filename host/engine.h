@@ -4,11 +4,14 @@
 
 #include <marlinda.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <new>
 #include <optional>
+#include <span>
 #include <string>
 
-#include "core/apartment.h"
 #include "core/com_ptr.h"
 #include "host/annotations.h"
 #include "host/console.h"
@@ -40,6 +43,27 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
+// A one-dimensional array of floats, all 0 at first, as the interfaces take it.
+class FloatArray {
+ public:
+  explicit FloatArray(std::size_t count)
+      : array_(SafeArrayCreateVector(VT_R4, 0, static_cast<ULONG>(count))) {
+    if (array_ == nullptr) throw std::bad_alloc();
+    std::ranges::fill(samples(), 0.0F);
+  }
+  FloatArray(const FloatArray&) = delete;
+  FloatArray& operator=(const FloatArray&) = delete;
+  ~FloatArray() { SafeArrayDestroy(array_); }
+
+  SAFEARRAY* get() const { return array_; }
+  std::span<float> samples() const {
+    return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
+  }
+
+ private:
+  SAFEARRAY* array_;
+};
+
 struct FilterIdentity {
   std::string class_name;  // both empty when the object does not tell
   std::string class_id;
@@ -50,22 +74,6 @@ FilterIdentity IdentityOf(IUnknown* object);
 struct AudioFormat {
   LONG rate = 0;
   SHORT channels = 0;
-};
-
-struct Tags {
-  std::string title;
-  std::string artist;
-  std::string album;
-  std::string year;
-  std::string genre;
-};
-
-struct AcidData {
-  SHORT root_note = 0;
-  SHORT meter_beats = 0;
-  SHORT meter_delimiter = 0;
-  LONG beat_count = 0;
-  float tempo = 0.0F;
 };
 
 // Labels and markers of an object; none where it has no such interfaces.
@@ -123,9 +131,10 @@ class WaveExport {
   void SetAcidData(const AcidData& acid) { acid_ = acid; }
   void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
 
-  // Writes the file and examines it. When that is interrupted, throws with kInterrupted and leaves
-  // a valid file of what was written by then; a file that is not whole for another reason is
-  // removed. `driver` is the task that runs the export filter's; without one that runs by itself.
+  // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
+  // file of the part that was written; a file that is incomplete for another reason is removed.
+  // At 24 and 32 bits samples of full scale and above become the highest code. `driver` is the task
+  // that runs the export filter's; without one the filter runs by itself.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr);
 

@@ -5,8 +5,6 @@
 #include <cmath>
 #include <memory>
 
-#include "host/float_array.h"
-
 namespace marlinda {
 
 Recorder::Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool,

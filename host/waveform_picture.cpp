@@ -71,9 +71,9 @@ class Canvas {
 
   void DrawLaneBackground(int channel) {
     picture_.Fill(0, LaneTop(channel), picture_.width(), LaneHeight(channel), kLane);
-    for (const Marker& marker : waveform_.annotations.markers) {
-      const int left = XOf(marker.begin);
-      picture_.Fill(left, LaneTop(channel), XOf(marker.end) - left, LaneHeight(channel),
+    for (const auto& [section, name] : waveform_.annotations.markers) {
+      const int left = XOf(section.begin);
+      picture_.Fill(left, LaneTop(channel), XOf(section.end) - left, LaneHeight(channel),
                     kMarkedLane);
     }
   }
@@ -135,12 +135,13 @@ class Canvas {
 
   void DrawMarkers() {
     int free_from = 0;
-    for (const Marker& marker : Sorted(waveform_.annotations.markers, &Marker::begin)) {
-      if (marker.end <= waveform_.begin || marker.begin >= waveform_.end) continue;
-      for (const std::int64_t edge : {marker.begin, marker.end}) {
+    const auto begin = [](const SectionMarker& marker) { return marker.section.begin; };
+    for (const auto& [section, name] : Sorted(waveform_.annotations.markers, begin)) {
+      if (section.end <= waveform_.begin || section.begin >= waveform_.end) continue;
+      for (const std::int64_t edge : {section.begin, section.end}) {
         if (Shows(edge)) picture_.Fill(XOf(edge), 0, 1, lanes_bottom_, kMarker);
       }
-      DrawName(XOf(marker.begin), 2, marker.name, kMarker, free_from);
+      DrawName(XOf(section.begin), 2, name, kMarker, free_from);
     }
   }
 
@@ -154,8 +155,8 @@ class Canvas {
     }
   }
 
-  template <class Record>
-  static std::vector<Record> Sorted(std::vector<Record> records, std::int64_t Record::*key) {
+  template <class Record, class Key>
+  static std::vector<Record> Sorted(std::vector<Record> records, Key key) {
     std::ranges::stable_sort(records, {}, key);
     return records;
   }

@@ -1,14 +1,28 @@
-#include "host/commands/convert.h"
+// "marlinda convert": a whole file as WAV, with its tags, labels, markers and loop data, and in
+// another sample rate or number of channels if asked.
+#include "host/commands/commands.h"
 
 #include <converter.h>
 
 #include "core/constants.h"
 #include "core/sample_count.h"
-#include "host/commands/summary.h"
+#include "host/commands/shared.h"
 #include "host/engine.h"
 
 namespace marlinda {
 namespace {
+
+constexpr const char* kHelp = "Example: marlinda convert in.ogg out.wav --bits 24 --rate 48000";
+
+struct ConvertOptions {
+  std::string input;
+  std::string output;
+  std::optional<int> bits;
+  // Those of the input unless given.
+  std::optional<int> rate;
+  std::optional<int> channels;
+  bool json = false;
+};
 
 // Everything but the audio.
 void CopyTexts(const Source& source, const Annotations& annotations, WaveExport& wave) {
@@ -41,9 +55,9 @@ Annotations AtRate(Annotations annotations, LONG from, LONG to) {
   for (Label& label : annotations.labels) {
     label.position = ConvertSampleCount(label.position, from, to);
   }
-  for (Marker& marker : annotations.markers) {
-    marker.begin = ConvertSampleCount(marker.begin, from, to);
-    marker.end = ConvertSampleCount(marker.end, from, to);
+  for (SectionMarker& marker : annotations.markers) {
+    marker.section.begin = ConvertSampleCount(marker.section.begin, from, to);
+    marker.section.end = ConvertSampleCount(marker.section.end, from, to);
   }
   return annotations;
 }
@@ -97,31 +111,43 @@ void ConvertFormat(const ConvertOptions& options, const Console& console) {
   CopyTexts(source, annotations, wave);
   __int64 frames = 0;
   Check(connector.reader()->GetSampleCount(&frames));
-  const WaveFileFacts facts =
-      wave.Run(connector.reader().Get(), options.bits, console, connector.task());
+  const int bits = OutputBits(options.bits, source);
+  const WaveFileFacts facts = wave.Run(connector.reader().Get(), bits, console, connector.task());
   if (source.IsDamaged()) {
     console.Tell(options.input +
                  ": it could not be decoded whole, so the output ends in silence; the file seems "
                  "damaged");
   }
-  PrintSummary({options.input, source.filter().class_name, options.output, to, options.bits, frames,
+  PrintSummary({options.input, source.filter().class_name, options.output, to, bits, frames,
                 annotations, facts},
                options.json, console);
 }
 
-}  // namespace
-
-void RunConvert(const ConvertOptions& options, const Console& console) {
+void Convert(const ConvertOptions& options, const Console& console) {
   if (options.rate || options.channels) return ConvertFormat(options, console);
   Source source(options.input);
   WaveExport wave(options.output, options.input);
   const ImportedAudio audio = source.Import(console);
   const Annotations annotations = source.ReadAnnotations();
   CopyTexts(source, annotations, wave);
-  const WaveFileFacts facts = wave.Run(audio.reader.Get(), options.bits, console);
-  PrintSummary({options.input, source.filter().class_name, options.output, audio.format,
-                options.bits, audio.frames, annotations, facts},
+  const int bits = OutputBits(options.bits, source);
+  const WaveFileFacts facts = wave.Run(audio.reader.Get(), bits, console);
+  PrintSummary({options.input, source.filter().class_name, options.output, audio.format, bits,
+                audio.frames, annotations, facts},
                options.json, console);
+}
+
+}  // namespace
+
+void AddConvert(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<ConvertOptions>();
+  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV", kHelp,
+                                 [options, &console] { Convert(*options, console); });
+  AddFiles(command, options->input, options->output);
+  AddBits(command, options->bits, kSourceBits);
+  AddFormat(command, options->rate, options->channels, "as the input unless given");
+  AddProgress(command, console);
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

@@ -1,12 +1,31 @@
-#include "host/commands/cut.h"
+// "marlinda cut": pieces of a file joined in the order given, with silence, labels and markers.
+#include "host/commands/commands.h"
 
 #include <stdexcept>
 
-#include "host/commands/summary.h"
+#include "host/commands/shared.h"
+#include "host/cut_plan.h"
+#include "host/document_picture.h"
 #include "host/engine.h"
 
 namespace marlinda {
 namespace {
+
+constexpr const char* kHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. The pieces are joined in the order\n"
+    "given; an empty BEGIN or END means the start or the end of the file. Then every silence is\n"
+    "inserted, in the order given, at its position in the result so far. Labels and markers are\n"
+    "positions in the finished result.\n"
+    "Example: marlinda cut in.ogg out.wav --keep 0:2.5 --keep 10: --silence 2.5:1 --label 3.5:Two";
+
+struct CutOptions {
+  std::string input;
+  std::string output;
+  CutRequest request;
+  PictureRequest picture;  // of the result; none without a file
+  std::optional<int> bits;
+  bool json = false;
+};
 
 HostError UsageError(const std::invalid_argument& error) {
   return {ExitStatus::kUsage, "", error.what(), "See \"marlinda cut --help\"."};
@@ -48,9 +67,7 @@ ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
   return result;
 }
 
-}  // namespace
-
-void RunCut(const CutOptions& options, const Console& console) {
+void Cut(const CutOptions& options, const Console& console) {
   try {
     CheckSyntax(options.request);
   } catch (const std::invalid_argument& error) {
@@ -68,16 +85,17 @@ void RunCut(const CutOptions& options, const Console& console) {
     throw UsageError(error);
   }
 
-  const auto document = Assemble(plan, audio, source.ReadAnnotations(), options.bits);
+  const int bits = OutputBits(options.bits, source);
+  const auto document = Assemble(plan, audio, source.ReadAnnotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
   wave.SetTags(source.ReadTags());
   // Loop data is left behind: its beat count tells of the whole source.
   wave.SetAnnotations(annotations);
   const auto reader = Query<IAudioReader>(document.Get());
-  const WaveFileFacts facts = wave.Run(reader.Get(), options.bits, console);
+  const WaveFileFacts facts = wave.Run(reader.Get(), bits, console);
   WrittenFile written = {options.input,  source.filter().class_name,
                          options.output, audio.format,
-                         options.bits,   plan.length,
+                         bits,           plan.length,
                          annotations,    facts};
   try {
     if (draws) {
@@ -90,6 +108,33 @@ void RunCut(const CutOptions& options, const Console& console) {
     throw;
   }
   PrintSummary(written, options.json, console);
+}
+
+// Any number of values, one after each occurrence of the option.
+CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
+                         std::vector<std::string>& values, const char* help) {
+  return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);
+}
+
+}  // namespace
+
+void AddCut(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<CutOptions>();
+  CLI::App* command = AddCommand(app, "cut", "Join pieces of an audio file and write them as WAV",
+                                 kHelp, [options, &console] { Cut(*options, console); });
+  AddFiles(command, options->input, options->output);
+  CutRequest& request = options->request;
+  AddRepeated(command, "--keep", "BEGIN:END", request.keep, "Pieces to keep")
+      ->required()
+      ->allow_extra_args();
+  AddRepeated(command, "--silence", "AT:SECONDS", request.silences, "Insert silence");
+  AddRepeated(command, "--label", "AT:NAME", request.labels, "Set a label");
+  AddRepeated(command, "--marker", "BEGIN:END:NAME", request.markers, "Mark a section");
+  command->add_option("--plot", options->picture.file, "Draw the result as a picture as well")
+      ->type_name("OUT.png");
+  AddBits(command, options->bits, kSourceBits);
+  AddProgress(command, console);
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

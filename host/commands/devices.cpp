@@ -1,6 +1,6 @@
-#include "host/commands/devices.h"
-
-#include "host/commands/json.h"
+// "marlinda devices": the sound devices of the system.
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/sound_devices.h"
 
 namespace marlinda {
@@ -24,13 +24,20 @@ std::string ToText(const char* kind, const std::vector<SoundDevice>& devices) {
   return text;
 }
 
-}  // namespace
-
-void RunDevices(bool json, const Console& console) {
+void ListDevices(bool json, const Console& console) {
   const auto outputs = OutputDevices();
   const auto inputs = InputDevices();
-  console.Print(json ? ToText(Json{{"outputs", ToJson(outputs)}, {"inputs", ToJson(inputs)}})
+  console.Print(json ? Serialize(Json{{"outputs", ToJson(outputs)}, {"inputs", ToJson(inputs)}})
                      : ToText("outputs", outputs) + ToText("inputs", inputs));
+}
+
+}  // namespace
+
+void AddDevices(CLI::App& app, Console& console) {
+  const auto json = std::make_shared<bool>();
+  AddJson(AddCommand(app, "devices", "List the sound devices", "Example: marlinda devices",
+                     [json, &console] { ListDevices(*json, console); }),
+          *json);
 }
 
 }  // namespace marlinda

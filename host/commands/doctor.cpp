@@ -1,10 +1,11 @@
-#include "host/commands/doctor.h"
+// "marlinda doctor": the parts of the engine on this machine, and their problems.
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 
-#include "host/commands/json.h"
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/diagnosis.h"
 
 namespace marlinda {
@@ -40,10 +41,8 @@ Json ToJson(const Diagnosis& diagnosis) {
   }
   Json classes = Json::array();
   for (const ClassState& state : diagnosis.classes) {
-    classes.push_back({{"class", state.name},
-                       {"class_id", state.class_id},
-                       {"available", state.Available()},
-                       {"offered", !state.NotOffered()}});
+    classes.push_back(
+        {{"class", state.name}, {"class_id", state.class_id}, {"available", state.Available()}});
   }
   Json filters = Json::array();
   for (const ListedFilterState& filter : diagnosis.filters) {
@@ -103,13 +102,7 @@ std::string ToText(const std::vector<SoundDevice>& devices) {
 
 std::string Classes(const std::vector<ClassState>& classes) {
   const auto count = std::ranges::count_if(classes, &ClassState::Available);
-  std::string text =
-      std::to_string(count) + " of " + std::to_string(classes.size()) + " can be created";
-  std::string missing;
-  for (const ClassState& state : classes) {
-    if (state.NotOffered()) missing += (missing.empty() ? "" : ", ") + state.name;
-  }
-  return missing.empty() ? text : text + "; not in this version: " + missing;
+  return std::to_string(count) + " of " + std::to_string(classes.size()) + " can be created";
 }
 
 std::string Filters(const std::vector<ListedFilterState>& filters) {
@@ -158,17 +151,26 @@ ExitStatus Gravest(const std::vector<HostError>& problems) {
   return ExitStatus::kFailure;
 }
 
-}  // namespace
-
-void RunDoctor(bool json, const Console& console) {
+// Prints everything that was found, then throws with the status of the gravest problem, if any:
+// registration before the temporary folder before sound devices.
+void Report(bool json, const Console& console) {
   const Diagnosis diagnosis = Diagnose();
-  console.Print(json ? ToText(ToJson(diagnosis)) : ToText(diagnosis));
+  console.Print(json ? Serialize(ToJson(diagnosis)) : ToText(diagnosis));
   if (diagnosis.problems.empty()) return;
   const std::size_t count = diagnosis.problems.size();
   static_cast<void>(std::fflush(stdout));  // before the message on the other stream
   throw HostError(
       Gravest(diagnosis.problems), "",
       count == 1 ? "there is 1 problem" : "there are " + std::to_string(count) + " problems");
+}
+
+}  // namespace
+
+void AddDoctor(CLI::App& app, Console& console) {
+  const auto json = std::make_shared<bool>();
+  AddJson(AddCommand(app, "doctor", "Check the installation and name a remedy for each problem",
+                     "Example: marlinda doctor", [json, &console] { Report(*json, console); }),
+          *json);
 }
 
 }  // namespace marlinda

@@ -1,8 +1,8 @@
-#include "host/commands/filters.h"
-
+// "marlinda filters": the import filters that the engine uses, and those it could use.
 #include <algorithm>
 
-#include "host/commands/json.h"
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/filter_list.h"
 #include "host/wide_text.h"
@@ -89,9 +89,7 @@ std::string ToLine(const FilterReport& report) {
   return line + ", merit " + std::to_string(report.merit) + ", " + report.patterns + "\n";
 }
 
-}  // namespace
-
-void RunFilters(bool json, const Console& console) {
+void ListFilters(bool json, const Console& console) {
   const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
   const FilterList list = ReadFilterList();
   if (list.cut_short) {
@@ -108,9 +106,18 @@ void RunFilters(bool json, const Console& console) {
   Check(manager->GetImportFilterString(dialog_filter.Receive()));
   Json filters = Json::array();
   for (const FilterReport& report : reports) filters.push_back(ToJson(report));
-  console.Print(ToText({{"registry_key", kFilterListKey},
-                        {"filters", filters},
-                        {"dialog_filter", dialog_filter.utf8()}}));
+  console.Print(Serialize({{"registry_key", kFilterListKey},
+                           {"filters", filters},
+                           {"dialog_filter", dialog_filter.utf8()}}));
+}
+
+}  // namespace
+
+void AddFilters(CLI::App& app, Console& console) {
+  const auto json = std::make_shared<bool>();
+  AddJson(AddCommand(app, "filters", "List the import filters", "Example: marlinda filters --json",
+                     [json, &console] { ListFilters(*json, console); }),
+          *json);
 }
 
 }  // namespace marlinda

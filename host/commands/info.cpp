@@ -1,6 +1,6 @@
-#include "host/commands/info.h"
-
-#include "host/commands/json.h"
+// "marlinda info": the properties of a file that its filter reports without decoding it.
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/timecode.h"
 
@@ -77,10 +77,10 @@ std::string ToText(const Source& source) {
   for (const Label& label : annotations.labels) {
     Line(text, "label", FormatDuration(label.position, rate) + "  " + label.name);
   }
-  for (const Marker& marker : annotations.markers) {
+  for (const auto& [section, name] : annotations.markers) {
     Line(text, "marker",
-         FormatDuration(marker.begin, rate) + " to " + FormatDuration(marker.end, rate) + "  " +
-             marker.name);
+         FormatDuration(section.begin, rate) + " to " + FormatDuration(section.end, rate) + "  " +
+             name);
   }
   if (const auto acid = source.ReadAcidData()) {
     Line(text, "loop",
@@ -93,9 +93,19 @@ std::string ToText(const Source& source) {
 
 }  // namespace
 
-void RunInfo(const std::string& file, bool json, const Console& console) {
-  const Source source(file);
-  console.Print(json ? ToText(ToJson(source)) : ToText(source));
+void AddInfo(CLI::App& app, Console& console) {
+  struct Options {
+    std::string file;
+    bool json = false;
+  };
+  const auto options = std::make_shared<Options>();
+  CLI::App* command = AddCommand(
+      app, "info", "Describe an audio file", "Example: marlinda info in.ogg", [options, &console] {
+        const Source source(options->file);
+        console.Print(options->json ? Serialize(ToJson(source)) : ToText(source));
+      });
+  command->add_option("FILE", options->file, "Audio file")->required();
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

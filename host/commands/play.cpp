@@ -1,13 +1,11 @@
-#include "host/commands/play.h"
-
+// "marlinda play": an audio file through a sound device.
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
 
-#include "core/stall_watch.h"
 #include "host/channel_list.h"
-#include "host/commands/json.h"
-#include "host/engine.h"
-#include "host/played_time.h"
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/progress.h"
 #include "host/sound_devices.h"
 #include "host/timecode.h"
@@ -16,6 +14,20 @@ namespace marlinda {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kHelp =
+    "Times are seconds such as 1.5, or frames such as 66150f. Ctrl+C ends it.\n"
+    "Example: marlinda play in.ogg --from 10 --to 12.5 --loop --channels 0";
+
+struct PlayOptions {
+  std::string input;
+  std::string from;  // either may be empty
+  std::string to;
+  std::string channels;  // all when empty
+  std::optional<int> device;
+  bool loop = false;
+  bool json = false;
+};
 
 HostError UsageError(const std::invalid_argument& error) {
   return {ExitStatus::kUsage, "", error.what(), "See \"marlinda play --help\"."};
@@ -43,11 +55,7 @@ class Player {
   void Watch(const std::string& file, const DeviceChoice& device, const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
     const std::int64_t frames = section_.range.end - section_.range.begin;
-    // The position of a short loop may well be the same whenever it is asked for. The engine ends
-    // it when its device is lost.
-    const bool can_stall = !section_.loop || frames >= format_.rate;
     ProgressBar bar(console.Progress(), "Playing");
-    StallWatch watch;
     __int64 position = section_.range.begin;
     for (;;) {
       VARIANT_BOOL playing = VARIANT_FALSE;
@@ -60,15 +68,15 @@ class Player {
         throw HostError(ExitStatus::kInterrupted, file,
                         "interrupted at " + FormatDuration(position, format_.rate));
       }
-      const auto stalled = watch.Look(static_cast<std::uint64_t>(position), Clock::now());
-      if (can_stall && stalled > StallWatch::kPatience) {
-        throw DeviceLost(device, "it stopped playing at " + FormatDuration(position, format_.rate));
-      }
       bar.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()),
                static_cast<double>(position - section_.range.begin) / static_cast<double>(frames));
       console.Wait(kPollMilliseconds);
     }
-    if (section_.loop || EndedTooSoon(frames, format_.rate, Clock::now() - start_)) {
+    // Playing takes at least as long as the audio lasts; the device did not play the rest.
+    constexpr double kSlackSeconds = 0.5;
+    const std::chrono::duration<double> took = Clock::now() - start_;
+    const double length = static_cast<double>(frames) / format_.rate;
+    if (section_.loop || took.count() + kSlackSeconds < length) {
       throw DeviceLost(device, "playing ended at " + FormatDuration(position, format_.rate));
     }
     bar.Show(TransportLine("Playing", section_.range.end, section_.range.end, format_.rate, {}), 1);
@@ -101,9 +109,7 @@ Section Resolve(const PlayOptions& options, const ImportedAudio& audio) {
   return section;
 }
 
-}  // namespace
-
-void RunPlay(const PlayOptions& options, const Console& console) {
+void Play(const PlayOptions& options, const Console& console) {
   try {
     MaskOf(options.channels);
     ParseRange(options.from + ":" + options.to);
@@ -129,18 +135,35 @@ void RunPlay(const PlayOptions& options, const Console& console) {
 
   const auto [begin, end] = section.range;
   if (options.json) {
-    console.Print(ToText({{"input", options.input},
-                          {"filter", source.filter().class_name},
-                          {"device", OrNull(device.index())},
-                          {"sample_rate", audio.format.rate},
-                          {"channels", ChannelsOf(section.mask, audio.format.channels)},
-                          {"bits_per_sample", bits},
-                          {"begin", begin},
-                          {"end", end}}));
+    console.Print(Serialize({{"input", options.input},
+                             {"filter", source.filter().class_name},
+                             {"device", OrNull(device.index())},
+                             {"sample_rate", audio.format.rate},
+                             {"channels", ChannelsOf(section.mask, audio.format.channels)},
+                             {"bits_per_sample", bits},
+                             {"begin", begin},
+                             {"end", end}}));
   } else {
     console.Print("played " + options.input + ": " + FormatDuration(begin, audio.format.rate) +
                   " to " + FormatDuration(end, audio.format.rate) + "\n");
   }
+}
+
+}  // namespace
+
+void AddPlay(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<PlayOptions>();
+  CLI::App* command = AddCommand(app, "play", "Play an audio file", kHelp,
+                                 [options, &console] { Play(*options, console); });
+  command->add_option("IN", options->input, "Audio file to read")->required();
+  command->add_option("--from", options->from, "Play from this time on");
+  command->add_option("--to", options->to, "Play up to this time");
+  command->add_flag("--loop", options->loop, "Play again and again, until Ctrl+C");
+  command->add_option("--channels", options->channels,
+                      "Channels to be heard, counted from 0, such as 0,1 (all unless given)");
+  AddDevice(command, options->device);
+  AddProgress(command, console);
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

@@ -1,11 +1,9 @@
-#include "host/commands/record.h"
-
+// "marlinda record": a WAV file of the sound that a device records.
 #include <filesystem>
 #include <stdexcept>
 
-#include "core/stall_watch.h"
-#include "host/commands/json.h"
-#include "host/engine.h"
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/file_name.h"
 #include "host/progress.h"
 #include "host/recorder.h"
@@ -16,8 +14,31 @@
 namespace marlinda {
 namespace {
 
+constexpr const char* kHelp =
+    "Ctrl+C ends the recording early; the file holds what was recorded until then.\n"
+    "Example: marlinda record take.wav --seconds 60 --rate 48000 --bits 24";
+
+struct RecordOptions {
+  std::string output;
+  std::string seconds;
+  int rate = 44100;
+  int channels = 2;
+  int bits = 16;
+  std::optional<int> device;
+  bool json = false;
+};
+
 HostError UsageError(const std::string& reason) {
   return {ExitStatus::kUsage, "", reason, "See \"marlinda record --help\"."};
+}
+
+bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
+  try {
+    OpenGrabber(device, format)->CloseDevice();
+    return true;
+  } catch (const HostError&) {
+    return false;
+  }
 }
 
 // Why a recording ended before its time; nothing when it did not.
@@ -26,27 +47,34 @@ using Shortfall = std::optional<HostError>;
 Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioFormat& format,
                  std::int64_t frames, const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
+  // A device that delivers nothing may go on later. It is lost when it cannot be opened a second
+  // time; that is tried after every so many polls without a frame.
+  constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");
-  StallWatch watch;
+  std::int64_t recorded = 0;
+  const auto show = [&] {
+    bar.Show(TransportLine("Recording", recorded, frames, format.rate, recorder.Levels()),
+             static_cast<double>(recorded) / static_cast<double>(frames));
+  };
+  int polls = 0;
   while (recorder.IsRunning()) {
     if (console.Interrupted()) {
       recorder.Stop();
       return HostError(ExitStatus::kInterrupted, "", "interrupted");
     }
-    const auto recorded = static_cast<std::uint64_t>(recorder.recorded());
-    if (watch.Look(recorded, StallWatch::Clock::now()) > StallWatch::kPatience) {
+    if (recorder.recorded() != recorded) polls = 0;
+    recorded = recorder.recorded();
+    if (++polls % kPollsBetweenProbes == 0 && !CanBeOpened(device, format)) {
       recorder.Stop();
       return DeviceLost(device, "it stopped delivering audio");
     }
-    bar.Show(
-        TransportLine("Recording", recorder.recorded(), frames, format.rate, recorder.Levels()),
-        static_cast<double>(recorded) / static_cast<double>(frames));
+    show();
     console.Wait(kPollMilliseconds);
   }
   const HRESULT hr = recorder.Stop();
-  bar.Show(TransportLine("Recording", recorder.recorded(), frames, format.rate, recorder.Levels()),
-           static_cast<double>(recorder.recorded()) / static_cast<double>(frames));
+  recorded = recorder.recorded();
+  show();
   if (FAILED(hr)) return Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
   return std::nullopt;
 }
@@ -72,9 +100,7 @@ SavedTake Save(IAudioReader* take, const RecordOptions& options, const Console& 
   }
 }
 
-}  // namespace
-
-void RunRecord(const RecordOptions& options, const Console& console) {
+void RecordFile(const RecordOptions& options, const Console& console) {
   const AudioFormat format = {options.rate, static_cast<SHORT>(options.channels)};
   std::int64_t frames = 0;
   try {
@@ -116,20 +142,32 @@ void RunRecord(const RecordOptions& options, const Console& console) {
                         FormatDuration(recorded, format.rate) + "; " + shortfall->what());
   }
   if (options.json) {
-    console.Print(ToText({{"device", OrNull(device.index())},
-                          {"output", saved.file},
-                          {"sample_rate", format.rate},
-                          {"channels", format.channels},
-                          {"bits_per_sample", options.bits},
-                          {"frames", recorded},
-                          {"duration_seconds", static_cast<double>(recorded) / format.rate},
-                          {"bytes", saved.facts.bytes}}));
+    console.Print(Serialize({{"device", OrNull(device.index())},
+                             {"output", saved.file},
+                             {"sample_rate", format.rate},
+                             {"channels", format.channels},
+                             {"bits_per_sample", options.bits},
+                             {"frames", recorded},
+                             {"duration_seconds", static_cast<double>(recorded) / format.rate},
+                             {"bytes", saved.facts.bytes}}));
   } else {
-    console.Print(saved.file + ": " + FormatDuration(recorded, format.rate) + ", " +
-                  std::to_string(recorded) + " frames, " + std::to_string(format.rate) + " Hz, " +
-                  std::to_string(format.channels) + " channels, " + std::to_string(options.bits) +
-                  " bits\n");
+    console.Print(DescribeFile(saved.file, recorded, format, options.bits));
   }
+}
+
+}  // namespace
+
+void AddRecord(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<RecordOptions>();
+  CLI::App* command = AddCommand(app, "record", "Record a WAV file", kHelp,
+                                 [options, &console] { RecordFile(*options, console); });
+  AddOutput(command, options->output);
+  command->add_option("--seconds", options->seconds, "How long to record")->required();
+  AddFormat(command, options->rate, options->channels, "44100 Hz, 2 channels unless given");
+  AddBits(command, options->bits, "16 unless given");
+  AddDevice(command, options->device);
+  AddProgress(command, console);
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

@@ -1,13 +1,11 @@
-#include "host/commands/scrub.h"
-
+// "marlinda scrub": an audio file heard at positions that a list or the arrow keys give.
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
-#include "host/commands/json.h"
-#include "host/engine.h"
+#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/progress.h"
-#include "host/scrub_cursor.h"
 #include "host/sound_devices.h"
 #include "host/timecode.h"
 
@@ -15,6 +13,19 @@ namespace marlinda {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kHelp =
+    "Without --at the keys move: left and right by a tenth of a second, down and up by a second,\n"
+    "Home and End; Escape, Enter or Q ends it.\n"
+    "Example: marlinda scrub in.ogg --at 1,1.1,1.2,5 --hold 0.25";
+
+struct ScrubOptions {
+  std::string input;
+  std::string at;            // positions with commas between them; the keys move when it is empty
+  std::string hold = "0.5";  // time for each of them
+  std::optional<int> device;
+  bool json = false;
+};
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
@@ -54,35 +65,39 @@ class Scrubber {
   // Until Escape, Enter or Q is pressed.
   void FollowKeys() {
     constexpr DWORD kPollMilliseconds = 100;
-    ScrubCursor cursor(audio_.frames, audio_.format.rate);
-    MoveTo(0);
+    std::int64_t position = 0;
+    MoveTo(position);
     for (;;) {
-      ThrowIfEnded(cursor.position());
+      ThrowIfEnded(position);
       const auto key = console_.ReadKey(kPollMilliseconds);
       if (!key) continue;
       if (*key == VK_ESCAPE || *key == VK_RETURN || *key == 'Q') return;
-      if (const auto move = MoveOf(*key)) {
-        cursor.Move(*move);
-        MoveTo(cursor.position());
+      if (const auto step = StepOf(*key)) {
+        position = std::clamp(position + *step, std::int64_t{0}, audio_.frames);
+        MoveTo(position);
       }
     }
   }
 
  private:
-  static std::optional<CursorMove> MoveOf(WORD key) {
+  // Frames by which a key moves the position; Home and End move it past every end.
+  std::optional<std::int64_t> StepOf(WORD key) const {
+    const LONG rate = audio_.format.rate;
+    // At least a frame, so that every key moves.
+    const LONG tenth = std::max(1L, rate / 10);
     switch (key) {
       case VK_LEFT:
-        return CursorMove::kBack;
+        return -tenth;
       case VK_RIGHT:
-        return CursorMove::kForward;
+        return tenth;
       case VK_DOWN:
-        return CursorMove::kFarBack;
+        return -rate;
       case VK_UP:
-        return CursorMove::kFarForward;
+        return rate;
       case VK_HOME:
-        return CursorMove::kStart;
+        return -audio_.frames;
       case VK_END:
-        return CursorMove::kEnd;
+        return audio_.frames;
       default:
         return std::nullopt;
     }
@@ -117,9 +132,7 @@ class Scrubber {
   StatusLine line_;
 };
 
-}  // namespace
-
-void RunScrub(const ScrubOptions& options, const Console& console) {
+void Scrub(const ScrubOptions& options, const Console& console) {
   std::vector<Timecode> times;
   std::chrono::microseconds hold{};
   try {
@@ -155,14 +168,29 @@ void RunScrub(const ScrubOptions& options, const Console& console) {
     if (positions.empty()) scrubber.FollowKeys();
   }
   if (options.json) {
-    console.Print(ToText(Json{{"input", options.input},
-                              {"filter", source.filter().class_name},
-                              {"device", OrNull(device.index())},
-                              {"sample_rate", audio.format.rate},
-                              {"positions", positions}}));
+    console.Print(Serialize(Json{{"input", options.input},
+                                 {"filter", source.filter().class_name},
+                                 {"device", OrNull(device.index())},
+                                 {"sample_rate", audio.format.rate},
+                                 {"positions", positions}}));
   } else {
     console.Print("scrubbed " + options.input + "\n");
   }
+}
+
+}  // namespace
+
+void AddScrub(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<ScrubOptions>();
+  CLI::App* command = AddCommand(app, "scrub", "Hear an audio file at a moving position", kHelp,
+                                 [options, &console] { Scrub(*options, console); });
+  command->add_option("IN", options->input, "Audio file to read")->required();
+  command->add_option("--at", options->at, "Positions to hear one after the other")
+      ->type_name("TIME,TIME,...");
+  command->add_option("--hold", options->hold, "Seconds to stay at each (0.5 unless given)")
+      ->needs("--at");
+  AddDevice(command, options->device);
+  AddJson(command, options->json);
 }
 
 }  // namespace marlinda

@@ -3,9 +3,8 @@
 //     npm install koffi
 //     node cut_in_half.mjs IN.ogg OUT.wav
 //
-// Never run by our tests, which hold the places in the tables and the identifiers against the type library
-// and leave the rest to you. Takes an engine that is registered, of Node's own bitness. Node has no COM of
-// its own, and koffi is one of several packages that call native functions.
+// Needs the registered engine, of Node's own bitness. Node has no COM of its own; koffi is one of several
+// packages that call native functions.
 import koffi from 'koffi';
 import { setTimeout as sleep } from 'node:timers/promises';
 
@@ -190,5 +189,5 @@ if (process.argv.length !== 4) {
   console.error('usage: node cut_in_half.mjs IN.ogg OUT.wav');
   process.exit(2);
 }
-check(CoInitializeEx(null, 0 /* many threads: waiting needs no messages */));
+check(CoInitializeEx(null, 2 /* a single-threaded apartment */));
 await cutInHalf(process.argv[2], process.argv[3]);

@@ -43,9 +43,9 @@ TEST(CutPlan, JoinsPiecesInTheOrderGivenAndCountsSilenceInTheResultSoFar) {
   EXPECT_EQ(plan.length, 14001);
   EXPECT_EQ(plan.annotations.labels[0].position, 14001);
   EXPECT_EQ(plan.annotations.labels[1].name, "Start");
-  EXPECT_EQ(plan.annotations.markers[0].begin, 2000);
-  EXPECT_EQ(plan.annotations.markers[0].end, 2500);
-  EXPECT_EQ(plan.annotations.markers[1].end, 14001);
+  EXPECT_EQ(plan.annotations.markers[0].section.begin, 2000);
+  EXPECT_EQ(plan.annotations.markers[0].section.end, 2500);
+  EXPECT_EQ(plan.annotations.markers[1].section.end, 14001);
 }
 
 TEST(CutPlan, RefusesWhatLiesOutsideTheAudioAndNamesTheOption) {

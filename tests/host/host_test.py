@@ -15,7 +15,6 @@ import tempfile
 import time
 import unittest
 import wave
-import zlib
 
 from program import ENVIRONMENT, PROGRAM, WINE, Run, keep_wine_alive, run, tool, windows
 
@@ -62,40 +61,15 @@ def annotations(path):
 
 
 class Picture:
-    """A PNG file as any reader sees it: 8-bit RGB, checked and unpacked to rows of bytes."""
+    """A picture as ffmpeg reads it, in rows of three bytes a pixel."""
 
     def __init__(self, path):
-        data = path.read_bytes()
-        assert data[:8] == b"\x89PNG\r\n\x1a\n"
-        position, packed = 8, b""
-        while position < len(data):
-            size, tag = struct.unpack_from(">I4s", data, position)
-            body = data[position + 8:position + 8 + size]
-            assert struct.unpack_from(">I", data, position + 8 + size)[0] == zlib.crc32(tag + body)
-            if tag == b"IHDR":
-                self.width, self.height, *kind = struct.unpack(">IIBBBBB", body)
-                assert kind == [8, 2, 0, 0, 0], kind
-            elif tag == b"IDAT":
-                packed += body
-            position += 12 + size
-        assert tag == b"IEND"
-        raw = zlib.decompress(packed)
+        self.width, self.height = map(int, tool("ffprobe", "-v", "error", "-show_entries", "stream=width,height",
+                                                "-of", "csv=p=0", path).decode().split(","))
+        data = tool("ffmpeg", "-v", "error", "-i", path, "-f", "rawvideo", "-pix_fmt", "rgb24", "-")
         stride = 3 * self.width
-        assert len(raw) == (stride + 1) * self.height
-        self.rows = [bytes(stride)]
-        for y in range(self.height):
-            start = y * (stride + 1)
-            self.rows.append(self.unfiltered(raw[start], raw[start + 1:start + 1 + stride]))
-        del self.rows[0]
-
-    def unfiltered(self, kind, line):
-        above, row = self.rows[-1], bytearray(line)
-        for i in range(len(row)):
-            left, up, corner = (row[i - 3], above[i], above[i - 3]) if i >= 3 else (0, above[i], 0)
-            guess = left + up - corner
-            nearest = min((left, up, corner), key=lambda byte: abs(guess - byte))
-            row[i] = row[i] + (0, left, up, (left + up) // 2, nearest)[kind] & 255
-        return bytes(row)
+        self.rows = [data[at:at + stride] for at in range(0, len(data), stride)]
+        assert len(self.rows) == self.height
 
     def wave(self, column, top, bottom):
         """The rows of a lane that the waveform covers in one column."""
@@ -148,35 +122,34 @@ class HostTest(unittest.TestCase):
             return file.readframes(file.getnframes())
 
     def test_wrong_usage_ends_with_2_and_writes_nothing(self):
+        same = self.folder / "same.wav"
+        shutil.copy(self.ogg, same)
+        png = self.folder / "out.png"
         for arguments, says in [
             ([], "subcommand"),
             (["frob"], "frob: there is no such command"),
             (["convert", self.ogg], "OUT.wav"),
             (["convert", self.ogg, self.out, "--bits", "12"], "--bits"),
             (["convert", self.ogg, self.out, "--frob"], "--frob"),
+            (["convert", self.ogg, self.out, "--progress", "--progress"], "--progress"),
+            (["convert", self.ogg, self.folder / "out.mp3"], "out.mp3"),
+            (["convert", self.ogg, self.folder / "out"], ".wav"),
+            (["convert", same, self.folder / "." / "same.wav"], "input file itself"),
             (["cut", self.ogg, self.out], "--keep"),
             (["cut", self.ogg, self.out, "--keep", "1"], "--keep 1"),
-            (["cut", self.ogg, self.out, "--keep", "0:1", "--label", "x"], "--label x"),
-            (["cut", self.ogg, self.out, "--keep", "2:1"], "holds no frame"),
             (["cut", self.ogg, self.out, "--keep", "0:3.1"], "132300 frames"),
-            (["cut", self.ogg, self.out, "--keep", "0:1", "--silence", "2:1"], "--silence 2:1"),
-            (["convert", self.ogg, self.folder / "out.mp3"], "out.mp3"),
-            (["convert", self.ogg, self.out, "--bits", "8", "--bits", "16"], "--bits"),
+            (["cut", self.ogg, self.out, "--keep", "0:1", "--plot", self.folder / "out.jpg"], "out.jpg"),
             (["scrub", self.ogg, "--hold", "1"], "--at"),
-            (["info", self.ogg, "--progress"], "--progress"),
-            (["info", self.ogg, "--json", "--json"], "--json"),
             (["info", self.ogg, "--json=false"], "json was given"),
-            (["convert", self.ogg, self.out, "--progress", "--progress"], "--progress"),
-            (["convert", self.ogg, self.folder / "out"], ".wav"),
+            (["plot", self.ogg, png, "--width", "31"], "32 to 16384 pixels"),
+            (["plot", self.ogg, png, "--width", "99999999999"], "--width"),
+            (["plot", self.ogg, png, "--from", "2", "--to", "1"], "holds no frame"),
+            (["plot", self.ogg, png, "--to", "9223372036854775807"], "too large"),
+            (["plot", same, same], ".png"),
         ]:
             with self.subTest(arguments=arguments):
                 self.fail_with(2, *arguments, says=says)
-        self.assertEqual(list(self.folder.iterdir()), [])
-
-    def test_an_input_is_never_overwritten_by_its_own_output(self):
-        same = self.folder / "same.wav"
-        shutil.copy(self.ogg, same)
-        self.fail_with(2, "convert", same, self.folder / "." / "same.wav", says="same.wav")
+        self.assertEqual(list(self.folder.iterdir()), [same])
         self.assertEqual(same.read_bytes(), self.ogg.read_bytes())
 
     def test_an_input_that_cannot_be_read_ends_with_3_and_names_file_and_reason(self):
@@ -254,15 +227,39 @@ class HostTest(unittest.TestCase):
     def test_convert_keeps_every_sample_at_every_width(self):
         for bits in (8, 16, 24, 32):
             with self.subTest(bits=bits):
-                report = json.loads(
-                    self.succeed("convert", self.ogg, self.out, "--bits", str(bits), "--json"))
-                self.assertEqual(report["bytes"], self.out.stat().st_size)
-                self.assertEqual((report["frames"], report["bits_per_sample"]), (FRAMES, bits))
+                text = self.succeed("convert", self.ogg, self.out, "--bits", str(bits))
+                self.assertIn(f"132300 frames, 44100 Hz, 2 channels, {bits} bits", text)
                 self.assertEqual([int(tool("soxi", flag, self.out)) for flag in "-s -b -r -c".split()],
                                  [FRAMES, bits, RATE, 2])
-                if bits == 16:
-                    self.assertEqual(self.frames_of(self.out), self.samples)
+                # An engine's sample, scaled to the width. sox reads the highest 16 bits.
+                step = 512 if bits == 8 else 1
+                sixteen = array.array("h", tool("sox", "-D", self.out, "-b", 16, "-t", "s16", "-"))
+                self.assertLessEqual(max(abs(a - b) for a, b in zip(sixteen, array.array("h", self.samples))), step)
         self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
+
+    def test_full_scale_stays_full_scale_at_every_width_and_wide_sources_stay_wide(self):
+        full = self.folder / "full.wav"
+        for width, kept, highest in ((2, 2, 0x7fff), (3, 3, 0x7fffff), (4, 4, 0x7fffffff)):
+            lowest = -highest - 1
+            square = [highest] * 50 + [lowest] * 50
+            with wave.open(str(full), "wb") as made:
+                made.setparams((1, width, RATE, 0, "NONE", ""))
+                made.writeframes(b"".join(code.to_bytes(width, "little", signed=True) for code in square * 9))
+            for command, bits in ((["convert"], 24), (["convert"], 32), (["convert"], None),
+                                  (["convert", "--rate", str(RATE)], 24), (["cut", "--keep", ":"], 32)):
+                with self.subTest(width=width, command=command, bits=bits):
+                    self.succeed(*command[:1], full, self.out, *command[1:],
+                                 *(["--bits", str(bits)] if bits else []))
+                    with wave.open(str(self.out)) as file:
+                        got = file.getsampwidth()
+                        data = file.readframes(file.getnframes())
+                    self.assertEqual(got, bits // 8 if bits else kept)
+                    codes = [int.from_bytes(data[at:at + got], "little", signed=True)
+                             for at in range(0, len(data), got)]
+                    # A float holds the highest 24 bits.
+                    near = 1 << 8 * (got - min(width, 3)) if got > 2 else 1
+                    for code, wanted in zip(codes, square * 9, strict=True):
+                        self.assertAlmostEqual(code, wanted * 256 ** got // 256 ** width, delta=max(near, 256))
 
     def test_convert_decodes_what_the_reference_decoder_decodes(self):
         expected = array.array("h", tool("oggdec", "-Q", "-R", "-o", "-", self.ogg))
@@ -271,11 +268,6 @@ class HostTest(unittest.TestCase):
         self.assertEqual(len(got), len(expected))
         # Another compiler's arithmetic may round a sample to the other neighbour.
         self.assertLessEqual(max(abs(a - b) for a, b in zip(got, expected)), 1)
-
-    def test_convert_writes_16_bits_and_a_line_of_text_unless_told_otherwise(self):
-        text = self.succeed("convert", self.ogg, self.out)
-        self.assertIn("132300 frames, 44100 Hz, 2 channels, 16 bits", text)
-        self.assertEqual(self.frames_of(self.out), self.samples)
 
     def test_convert_to_another_format_agrees_with_sox_to_the_frame(self):
         for rate, channels in ((48000, 2), (22050, 1)):
@@ -307,11 +299,6 @@ class HostTest(unittest.TestCase):
                 self.assertLess(differ(0), 1e-7)  # the noise of 16 bits
                 self.assertGreater(differ(1), 1e-3)
 
-    def test_convert_through_the_connector_keeps_every_sample_of_an_equal_format(self):
-        self.succeed("convert", self.ogg, self.out, "--rate", str(RATE))
-        self.assertEqual(self.frames_of(self.out), self.samples)
-        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
-
     def test_convert_needs_the_converter_only_where_formats_differ(self):
         alone = self.folder / PROGRAM.name
         for file in (PROGRAM, PROGRAM.parent / "Tessaly.dll",
@@ -320,19 +307,9 @@ class HostTest(unittest.TestCase):
         self.fail_with(6, "convert", self.ogg, self.out, "--rate", "48000", program=alone,
                        says="Converter.dll")
         self.assertFalse(self.out.exists())
-        self.succeed("convert", self.ogg, self.out, "--channels", "2", program=alone)
-        module = windows(PROGRAM.parent / "Converter.dll")
-        (self.folder / (PROGRAM.name + ".manifest")).unlink()
-        engine = windows(PROGRAM.parent / "Tessaly.dll")
-        for file in (engine, module):
-            tool(WINE, "regsvr32", "/s", file)
-        try:
-            self.succeed("convert", self.ogg, self.out, "--channels", "1", program=alone)
-        finally:
-            for file in (engine, module):
-                tool(WINE, "regsvr32", "/s", "/u", file)
-        self.assertNotEqual(0, reg("query", r"HKCR\CLSID\{DFD6DD75-5801-4EA1-9C21-58589B93028A}"))
-        self.assertEqual(len(self.frames_of(self.out)), FRAMES * 2)
+        self.succeed("convert", self.ogg, self.out, "--rate", str(RATE), program=alone)
+        self.assertEqual(self.frames_of(self.out), self.samples)
+        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
 
     def test_cut_joins_the_pieces_to_the_frame(self):
         self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "1000f:2001f", "--keep", ":0.1")
@@ -456,78 +433,28 @@ class HostTest(unittest.TestCase):
 
     def test_plot_draws_the_wave_as_high_as_it_sounds(self):
         png = self.folder / "out.png"
-        # Below the lane is an axis of 20 pixels, and its last 4 separate it from the next one.
-        size = ["--width", "300", "--height", "120"]
-        report = json.loads(self.succeed("plot", self.music("half", "sine", 1000, "vol", 0.5), png,
-                                         *size, "--json"))
+        # Below the lane is an axis of 20 pixels, and its last 4 separate it from the next one. The left
+        # half of one channel sounds, and all of the other is silent.
+        report = json.loads(self.succeed(
+            "plot", self.music("sides", "sine", 1000, "vol", 0.5, "remix", 1, "1v0", "trim", 0, 0.5, "pad", 0, 0.5,
+                               channels=2), png, "--width", "300", "--height", "120", "--json"))
         self.assertEqual((report["input"], report["picture"], report["frames"]),
-                         (windows(self.folder / "half.ogg"), windows(png), RATE))
-        self.assertEqual((report["width"], report["height"]), (300, 120))
+                         (windows(self.folder / "sides.ogg"), windows(png), RATE))
         picture = Picture(png)
         self.assertEqual((picture.width, picture.height), (300, 120))
-        for column in range(10, 290):
-            rows = picture.wave(column, 0, 100)
+        self.assertEqual((report["width"], report["height"]), (300, 120))
+        for column in range(10, 140):
+            rows = picture.wave(column, 0, 50)
             self.assertEqual(rows, list(range(rows[0], rows[-1] + 1)))
-            self.assertAlmostEqual(rows[0], 24, delta=2)
-            self.assertAlmostEqual(rows[-1], 71, delta=2)
-
-        self.succeed("plot", self.music("silence", "sine", 1000, "vol", 0), png, *size)
-        picture = Picture(png)
-        for column in range(300):
-            self.assertEqual(len(picture.wave(column, 0, 100)), 1, column)
-
-        # The left half of one channel sounds, and all of the other is silent.
-        ogg = self.music("sides", "sine", 1000, "vol", 0.9, "remix", 1, "1v0", "trim", 0, 0.5, "pad",
-                         0, 0.5, channels=2)
-        self.succeed("plot", ogg, png, *size)
-        picture = Picture(png)
-        self.assertGreater(len(picture.wave(75, 0, 50)), 40)
+            self.assertAlmostEqual(len(rows), 23, delta=3)
         self.assertLess(len(picture.wave(225, 0, 50)), 3)
         self.assertLess(len(picture.wave(75, 50, 100)), 3)
 
-    def test_plot_draws_the_range_it_is_told(self):
+    def test_a_picture_that_cannot_be_written_ends_with_4_and_leaves_nothing(self):
         png = self.folder / "out.png"
-        self.assertIn("1200 x 320", self.succeed("plot", self.ogg, png))
-        whole = Picture(png)
-        self.assertEqual((whole.width, whole.height), (1200, 320))
-        ogg = self.music("late", "sine", 1000, "pad", 1, 0)
-        for range_, loud in [(["--to", "0.9"], False), (["--from", "48510f"], True),
-                             (["--from", "1.2", "--to", "1.2001"], True)]:
-            with self.subTest(range=range_):
-                self.succeed("plot", ogg, png, *range_, "--width", "100", "--height", "120")
-                heights = [len(Picture(png).wave(column, 0, 100)) for column in (10, 50, 90)]
-                self.assertEqual(max(heights) > 3, loud, heights)
-
-    def test_plot_refuses_what_cannot_be_drawn_and_leaves_nothing(self):
-        png = self.folder / "out.png"
-        for arguments, says in [
-            ([self.folder / "out.jpg"], "out.jpg: a picture is written as .png"),
-            ([self.folder / "out"], ".png"),
-            ([png, "--width", "31"], "32 to 16384 pixels"),
-            ([png, "--height", "16385"], "32 to 16384 pixels"),
-            ([png, "--width", "-5"], "32 to 16384 pixels"),
-            ([png, "--width", "wide"], "--width"),
-            ([png, "--width", "99999999999"], "--width"),
-            ([png, "--from", "2", "--to", "1"], "holds no frame"),
-            ([png, "--from", "1", "--to", "1"], "holds no frame"),
-            ([png, "--from", "3"], "132300 frames"),
-            ([png, "--to", "3.1"], "132300 frames"),
-            ([png, "--to", "soon"], '"soon"'),
-            ([png, "--to", "9223372036854775807"], "too large"),
-        ]:
-            with self.subTest(arguments=arguments):
-                self.fail_with(2, "plot", self.ogg, *arguments, says=says)
-        self.fail_with(3, "plot", self.folder / "missing.ogg", png, says="does not exist")
         self.fail_with(4, "plot", self.ogg, self.folder / "nowhere" / "out.png", says="folder")
-        self.assertEqual(list(self.folder.iterdir()), [])
-
-        same = self.folder / "same.png"
-        shutil.copy(self.ogg, same)
-        self.fail_with(2, "plot", same, same, says="input file itself")
-        self.assertEqual(same.read_bytes(), self.ogg.read_bytes())
         (self.folder / "folder.png").mkdir()
         self.fail_with(4, "plot", self.ogg, self.folder / "folder.png", says="folder.png")
-        self.assertTrue((self.folder / "folder.png").is_dir())
         # Room for the short file's samples in the pool, but not for so large a picture.
         self.fail_with(4, "plot", self.music("short", "sine", 50, "trim", 0, 0.1), png, "--width",
                        "2000", "--height", "2000", most_bytes=20_000, says="could not be written")
@@ -539,13 +466,9 @@ class HostTest(unittest.TestCase):
                                          "1:1", "--plot", png, "--json"))
         self.assertEqual(report["picture"], windows(png))
         picture = Picture(png)
+        self.assertEqual((picture.width, picture.height), (1200, 320))
         self.assertGreater(len(picture.wave(300, 0, 146)), 20)
         self.assertEqual(len(picture.wave(900, 0, 146)), 1)
-        self.fail_with(2, "cut", self.ogg, self.folder / "no.wav", "--keep", "0:1", "--plot",
-                       self.folder / "out.jpg", says="out.jpg")
-        self.fail_with(4, "cut", self.ogg, self.folder / "no.wav", "--keep", "0:1", "--plot",
-                       self.folder / "nowhere" / "out.png", says="folder")
-        self.assertFalse((self.folder / "no.wav").exists())
 
     def test_cut_keeps_and_reports_the_audio_when_its_picture_cannot_be_written(self):
         png = self.folder / "out.png"
@@ -561,39 +484,35 @@ class HostTest(unittest.TestCase):
 
     def interrupt_writing(self, *arguments):
         command = Run(*arguments)
-        deadline = time.monotonic() + 60
         while not (self.out.exists() and self.out.stat().st_size > 0):
             self.assertIsNone(command.process.poll())
-            self.assertLess(time.monotonic(), deadline)
             time.sleep(0.01)
-        # An impatient hand changes nothing.
-        for pause in (0.03, 0.03, 0):
+        # A second and a third Ctrl+C change nothing.
+        for _ in range(3):
             command.process.send_signal(signal.SIGINT)
-            time.sleep(pause)
         status, output, messages = command.result()
         self.assertEqual((status, output), (130, ""))
         self.assertIn("interrupted; the file is valid", messages)
 
     def test_an_interrupted_conversion_ends_with_130_and_leaves_a_valid_file(self):
-        # Long in the making: many seconds of work for the converter.
+        # Many minutes of work for the converter.
         ogg = self.folder / "long.ogg"
         long = self.folder / "long.wav"
-        tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-b", 16, long, "synth", 60, "sine", 997)
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-b", 16, long, "synth", 600, "sine", 997)
         tool("oggenc", "-Q", long, "-o", ogg)
         self.interrupt_writing("convert", ogg, self.out, "--rate", "768000")
         frames = int(tool("soxi", "-s", self.out))
-        self.assertLess(frames, 60 * 768000)
+        self.assertLess(frames, 600 * 768000)
         with wave.open(str(self.out)) as file:
             self.assertEqual(len(file.readframes(frames)), 2 * frames)
 
     def test_an_interrupted_export_ends_with_130_and_leaves_a_valid_file(self):
-        # Two hours of silence, so that the export is far from its end when the signal arrives.
-        self.interrupt_writing("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:7200")
+        # Almost 4 GiB, of which little is written when the signal arrives.
+        self.interrupt_writing("cut", self.ogg, self.out, "--keep", ":", "--silence", "3:12000", "--bits", "32")
+        frames = int(tool("soxi", "-s", self.out))
+        self.assertLess(frames, FRAMES + 12000 * RATE)
         with wave.open(str(self.out)) as file:
-            frames = file.getnframes()
-            self.assertLess(frames, FRAMES + 7200 * RATE)
-            self.assertEqual(file.readframes(FRAMES), self.samples[:min(frames, FRAMES) * 4])
-        self.assertEqual(int(tool("soxi", "-s", self.out)), frames)
+            self.assertEqual((file.getnframes(), len(file.readframes(FRAMES))), (frames, 8 * min(frames, FRAMES)))
 
     def test_progress_for_a_program_comes_as_lines_of_rising_percentages(self):
         for arguments in (["convert", self.ogg, self.out], ["plot", self.ogg, self.folder / "a.png"],
@@ -626,7 +545,7 @@ class HostTest(unittest.TestCase):
                     self.assertIn("`convert` and `cut` report", section)
                 block = section.split("JSON:\n")[1]
                 self.assertEqual(list(report)[0], "schema_version")
-                self.assertEqual(report.pop("schema_version"), 1)
+                self.assertEqual(report.pop("schema_version"), 2)
                 # One level of indentation below the brace.
                 self.assertEqual(list(report), re.findall(r'^      "(\w+)":', block, re.M))
                 self.assertLessEqual(keys(report), set(re.findall(r'"(\w+)":', block)))

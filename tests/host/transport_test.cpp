@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -11,15 +10,11 @@
 #include <vector>
 
 #include "host/channel_list.h"
-#include "host/played_time.h"
 #include "host/progress.h"
-#include "host/scrub_cursor.h"
 
 namespace marlinda {
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -95,38 +90,6 @@ TEST(StatusLine, WipesWhatAShorterLineLeaves) {
     line.Show("short");
   }
   EXPECT_EQ(screen.str(), "\rlong line\rshort    \r         \r");
-}
-
-TEST(PlayedTime, PlayingCannotEndBeforeTheAudioHasPassed) {
-  EXPECT_TRUE(EndedTooSoon(441000, 44100, milliseconds(9400)));
-  EXPECT_FALSE(EndedTooSoon(441000, 44100, milliseconds(9600)));
-  EXPECT_FALSE(EndedTooSoon(441000, 44100, seconds(60)));
-  EXPECT_FALSE(EndedTooSoon(4410, 44100, seconds(0)));
-}
-
-TEST(ScrubCursor, MovesByTenthsAndSecondsInsideTheAudio) {
-  ScrubCursor cursor(100'000, 44100);
-  cursor.Move(CursorMove::kBack);
-  EXPECT_EQ(cursor.position(), 0);
-  cursor.Move(CursorMove::kForward);
-  EXPECT_EQ(cursor.position(), 4410);
-  cursor.Move(CursorMove::kFarForward);
-  EXPECT_EQ(cursor.position(), 48510);
-  cursor.Move(CursorMove::kBack);
-  EXPECT_EQ(cursor.position(), 44100);
-  cursor.Move(CursorMove::kFarForward);
-  cursor.Move(CursorMove::kFarForward);
-  EXPECT_EQ(cursor.position(), 100'000);
-  cursor.Move(CursorMove::kFarBack);
-  EXPECT_EQ(cursor.position(), 55'900);
-  cursor.Move(CursorMove::kEnd);
-  EXPECT_EQ(cursor.position(), 100'000);
-  cursor.Move(CursorMove::kStart);
-  EXPECT_EQ(cursor.position(), 0);
-
-  ScrubCursor slow(10, 5);
-  slow.Move(CursorMove::kForward);
-  EXPECT_EQ(slow.position(), 1);
 }
 
 }  // namespace

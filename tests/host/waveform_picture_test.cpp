@@ -98,7 +98,7 @@ TEST(WaveformPicture, ColumnsWithoutSamplesAndNotNumbersLeaveTheLaneEmpty) {
 TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimes) {
   Annotations annotations;
   annotations.labels = {{22050, "Half"}, {-5, "before"}, {44100, "after"}};
-  annotations.markers = {{4410, 8820, "Verse"}, {30000, 20000, "backward"}};
+  annotations.markers = {{{4410, 8820}, "Verse"}, {{30000, 20000}, "backward"}};
   const Picture picture = Draw([](int, int) { return std::pair(0.0F, 0.0F); }, annotations);
   const Colour label{196, 48, 43};
   const Colour marker{178, 120, 10};

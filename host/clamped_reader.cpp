@@ -1,0 +1,82 @@
+#include "host/clamped_reader.h"
+
+#include <algorithm>
+#include <atomic>
+#include <span>
+
+namespace marlinda {
+namespace {
+
+constexpr float kLargestSample = 0x1.fffffep-1F;
+
+// The export filter calls it through its table alone, so its dispatch interface is empty.
+class ClampedReader final : public IAudioReader {
+ public:
+  explicit ClampedReader(IAudioReader* source) : source_(source) {}
+  virtual ~ClampedReader() = default;
+  ClampedReader(const ClampedReader&) = delete;
+  ClampedReader& operator=(const ClampedReader&) = delete;
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
+        !IsEqualIID(iid, IID_IAudioReader)) {
+      return E_NOINTERFACE;
+    }
+    *object = static_cast<IAudioReader*>(this);
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  STDMETHODIMP GetTypeInfoCount(UINT* count) override {
+    if (count == nullptr) return E_POINTER;
+    *count = 0;
+    return S_OK;
+  }
+  STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                      UINT*) override {
+    return E_NOTIMPL;
+  }
+
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    const HRESULT hr = source_->ReadAudio(nSamplePos, psaAudioData);
+    // The source has refused every array that is no array of floats.
+    if (SUCCEEDED(hr)) {
+      const std::span samples(static_cast<float*>(psaAudioData->pvData),
+                              psaAudioData->rgsabound[0].cElements);
+      for (float& sample : samples) sample = std::min(sample, kLargestSample);
+    }
+    return hr;
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return source_->GetFormat(pnSamplesPerSec, pnChannels);
+  }
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    return source_->GetSampleCount(pnSamples);
+  }
+  STDMETHODIMP OpenDevice() override { return source_->OpenDevice(); }
+  STDMETHODIMP CloseDevice() override { return source_->CloseDevice(); }
+
+ private:
+  const ComPtr<IAudioReader> source_;
+  std::atomic<ULONG> references_{1};
+};
+
+}  // namespace
+
+ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
+  ComPtr<IAudioReader> reader;
+  *reader.GetAddressOf() = new ClampedReader(source);
+  return reader;
+}
+
+}  // namespace marlinda

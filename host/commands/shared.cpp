@@ -1,0 +1,110 @@
+#include "host/commands/shared.h"
+
+#include <utility>
+
+#include "core/apartment.h"
+#include "host/timecode.h"
+
+namespace marlinda {
+namespace {
+
+// Rises when a key of a report is removed or changes its meaning; new keys leave it as it is.
+constexpr int kSchemaVersion = 2;
+
+}  // namespace
+
+CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
+                     std::function<void()> action) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->footer(footer);
+  command->callback([action = std::move(action)] {
+    const Apartment apartment(COINIT_APARTMENTTHREADED);
+    Check(apartment.result());
+    action();
+  });
+  return command;
+}
+
+void AddJson(CLI::App* command, bool& json) { command->add_flag("--json", json, "Report in JSON"); }
+
+void AddProgress(CLI::App* command, Console& console) {
+  command->add_flag_callback(
+      "--progress", [&console] { console.WriteProgressLines(); },
+      "Report progress on standard error, a line for each percent");
+}
+
+CLI::Option* AddOutput(CLI::App* command, std::string& output) {
+  return command->add_option("OUT.wav", output, "WAV file to write; an existing one is replaced")
+      ->required();
+}
+
+void AddFiles(CLI::App* command, std::string& input, std::string& output) {
+  command->add_option("IN", input, "Audio file to read")->required();
+  AddOutput(command, output);
+}
+
+void AddDevice(CLI::App* command, std::optional<int>& device) {
+  command
+      ->add_option("--device", device,
+                   "Sound device by its index (the system's default unless given); \"marlinda "
+                   "devices\" lists them")
+      ->check(CLI::NonNegativeNumber);
+}
+
+int OutputBits(const std::optional<int>& asked, const Source& source) {
+  if (asked) return *asked;
+  const int bits = source.BitsPerSample().value_or(16);
+  return bits == 24 || bits == 32 ? bits : 16;
+}
+
+std::string Serialize(const Json& report) {
+  Json versioned = {{"schema_version", kSchemaVersion}};
+  versioned.update(report);
+  // Names come from files; a broken character in one must not cost the report.
+  return versioned.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+Json ToJson(const std::vector<Label>& labels) {
+  Json list = Json::array();
+  for (const Label& label : labels) {
+    list.push_back({{"position", label.position}, {"name", label.name}});
+  }
+  return list;
+}
+
+Json ToJson(const std::vector<SectionMarker>& markers) {
+  Json list = Json::array();
+  for (const auto& [section, name] : markers) {
+    list.push_back({{"begin", section.begin}, {"end", section.end}, {"name", name}});
+  }
+  return list;
+}
+
+std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
+                         int bits) {
+  return file + ": " + FormatDuration(frames, format.rate) + ", " + std::to_string(frames) +
+         " frames, " + std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) +
+         " channels, " + std::to_string(bits) + " bits\n";
+}
+
+void PrintSummary(const WrittenFile& written, bool json, const Console& console) {
+  const AudioFormat& format = written.format;
+  if (!json) {
+    console.Print(DescribeFile(written.output, written.frames, format, written.bits));
+    return;
+  }
+  console.Print(Serialize({{"input", written.input},
+                           {"filter", written.filter},
+                           {"output", written.output},
+                           {"sample_rate", format.rate},
+                           {"channels", format.channels},
+                           {"bits_per_sample", written.bits},
+                           {"frames", written.frames},
+                           {"duration_seconds", static_cast<double>(written.frames) / format.rate},
+                           {"bytes", written.facts.bytes},
+                           {"labels", ToJson(written.annotations.labels)},
+                           {"markers", ToJson(written.annotations.markers)},
+                           {"picture", OrNull(written.picture)}}));
+}
+
+}  // namespace marlinda

@@ -1,0 +1,78 @@
+// Options, JSON forms and the report of a written file, as several commands have them.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/annotations.h"
+#include "host/console.h"
+#include "host/engine.h"
+
+namespace marlinda {
+
+// Adds a command. `action` runs in a single-threaded apartment after the line is parsed.
+CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
+                     std::function<void()> action);
+
+void AddJson(CLI::App* command, bool& json);
+void AddProgress(CLI::App* command, Console& console);
+// IN and OUT.wav.
+void AddFiles(CLI::App* command, std::string& input, std::string& output);
+CLI::Option* AddOutput(CLI::App* command, std::string& output);
+void AddDevice(CLI::App* command, std::optional<int>& device);
+
+// `standard` describes the value that holds without the option.
+template <class Number>
+void AddBits(CLI::App* command, Number& bits, const std::string& standard) {
+  command->add_option("--bits", bits, "Bits per sample of the output (" + standard + ")")
+      ->check(CLI::IsMember({8, 16, 24, 32}));
+}
+
+template <class Number>
+void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::string& standard) {
+  command->add_option("--rate", rate, "Frames per second (" + standard + ")")
+      ->check(CLI::Range(1000, 768000));
+  command->add_option("--channels", channels, "Number of channels (" + standard + ")")
+      ->check(CLI::Range(1, 32));
+}
+
+constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
+// `asked`, or the width of a source of 24 or 32 bits, or 16.
+int OutputBits(const std::optional<int>& asked, const Source& source);
+
+// Keeps the keys in the order in which they are written.
+using Json = nlohmann::ordered_json;
+
+// The text of a report, with the version of its schema.
+std::string Serialize(const Json& report);
+Json ToJson(const std::vector<Label>& labels);
+Json ToJson(const std::vector<SectionMarker>& markers);
+
+template <class T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+struct WrittenFile {
+  std::string input;
+  std::string filter;  // class name of the filter that read the input
+  std::string output;
+  AudioFormat format;
+  int bits = 16;
+  std::int64_t frames = 0;
+  Annotations annotations;
+  WaveFileFacts facts;
+  std::optional<std::string> picture = {};  // drawn beside it
+};
+
+void PrintSummary(const WrittenFile& written, bool json, const Console& console);
+// "out.wav: 0:00:01.000, 44100 frames, 44100 Hz, 2 channels, 16 bits" and the end of the line.
+std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
+                         int bits);
+
+}  // namespace marlinda
