@@ -54,8 +54,9 @@ VIAddVersionKey LegalCopyright ""
   Function ${un}RequireUnused
     Push Tessaly.dll
     Push Converter.dll
+    Push InterfacePicker.dll
     Push marlinda.exe
-    ${For} $1 1 3
+    ${For} $1 1 4
       Pop $2
       ${DoWhile} ${FileExists} "$INSTDIR\$2"
         ClearErrors
@@ -76,7 +77,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; In a process of their own, so that a module stays loaded nowhere. $0: status, 0 for success.
+; Registers in a process of its own, which unloads the module again. $0: status, 0 for success.
 !macro Register module options
   nsExec::Exec '"$SYSDIR\regsvr32.exe" /s ${options} "$INSTDIR\${module}"'
   Pop $0
@@ -89,9 +90,8 @@ VIAddVersionKey LegalCopyright ""
       nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters --remove'
       Pop $0
     ${EndIf}
-    ${If} ${FileExists} "$INSTDIR\Converter.dll"
-      !insertmacro Register Converter.dll /u
-    ${EndIf}
+    !insertmacro Register InterfacePicker.dll /u
+    !insertmacro Register Converter.dll /u
     !insertmacro Register Tessaly.dll /u
     ; The engine makes the keys of its settings when it looks for them, the machine's too where the user
     ; may. What is in them is the user's, or the application's.
@@ -122,6 +122,13 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Refuse "${message} Nothing is left of the installation."
 !macroend
 
+!macro InstallModule module
+  !insertmacro Register ${module} ""
+  ${If} $0 != 0
+    !insertmacro GiveUp "${module} could not be registered (regsvr32: $0)."
+  ${EndIf}
+!macroend
+
 Section
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $R0 != ""
@@ -138,16 +145,9 @@ Section
   ${EndIf}
   SetOutPath "$TEMP" ; a current folder cannot be removed
 
-  !insertmacro Register Tessaly.dll ""
-  ${If} $0 != 0
-    !insertmacro GiveUp "Tessaly.dll could not be registered (regsvr32: $0)."
-  ${EndIf}
-  ${If} ${FileExists} "$INSTDIR\Converter.dll"
-    !insertmacro Register Converter.dll ""
-    ${If} $0 != 0
-      !insertmacro GiveUp "Converter.dll could not be registered (regsvr32: $0)."
-    ${EndIf}
-  ${EndIf}
+  !insertmacro InstallModule Tessaly.dll
+  !insertmacro InstallModule Converter.dll
+  !insertmacro InstallModule InterfacePicker.dll
   ; The list is the machine's; marlinda.exe works without it.
   ${If} $Scope == machine
     nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters'

@@ -5,7 +5,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build
-compile x64 Tessaly Converter marlinda
+compile x64 Tessaly Converter InterfacePicker marlinda
 compile x86
 for product in x64/Tessaly.dll x64/Converter.dll x64/marlinda.exe x86/Tessaly.dll x86/Converter.dll; do
   [[ -s $root/build/$product ]] || die "the build left no build/$product"

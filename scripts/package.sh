@@ -5,7 +5,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build package
-compile x64 Tessaly Converter marlinda
+compile x64 Tessaly Converter InterfacePicker marlinda
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/x64/CMakeCache.txt")
 name=tessaly-$version-x64

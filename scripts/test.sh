@@ -1,22 +1,16 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds everything and runs every test: the kernels natively, plain and under
-# the sanitizers, kernels and components under Wine, sound on sound servers of the tests' own; and checks
-# the format of the code. Ends with one summary; the status is 0 only if everything passed.
+# Installs missing packages, builds everything and runs every test: the kernels natively, plain and
+# under the sanitizers, kernels and components under Wine, sound on sound servers of the tests' own; and
+# checks the format of the code. Ends with one summary; the status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
 "$root/scripts/setup.sh" build test
-echo "Building"
-for preset in x64 x86 native asan tsan; do
-  compile "$preset"
-done
-
-echo "Testing"
 passed=0 failed=0 skipped=0 broken=()
 
-# count LOG: "passed failed skipped" of the single tests in what CTest said with -V. A program that died
-# before its closing line, or that is no GoogleTest program, counts as one test, and so does one that says
-# that it was not tested.
+# count LOG: "passed failed skipped" of the single tests in the output of CTest with -V. A program that
+# died before its closing line, or that is no GoogleTest program, counts as one test, and so does one that
+# prints NOT TESTED.
 count() {
   awk '
     /^test [0-9]+$/ { ran = bad = left = 0 }
@@ -33,19 +27,20 @@ count() {
     END { print passed + 0, failed + 0, skipped + 0 }' "$1"
 }
 
-# suite NAME PRESET WHAT OPTION [COMMAND...]: runs the tests of one preset that CTest's option -L or -LE
-# (with the label of the sound tests) leaves, by the command; says how they went and leaves "passed failed
-# skipped" in a file for the sum.
+# suite NAME PRESET WHAT SELECTION [COMMAND...]: runs the tests of a preset that CTest's option SELECTION
+# ("-L LABEL" or "-LE LABEL") leaves, by the command; prints the result and leaves "passed failed skipped"
+# in a file for the sum.
 suite() {
-  local name=$1 preset=$2 what=$3 option=$4 begun=$SECONDS status=0 good bad left
+  local name=$1 preset=$2 what=$3 begun=$SECONDS status=0 good bad left selection
+  read -ra selection <<<"$4"
   shift 4
   local log=$logs/test-$name.log
-  (cd "$root" && "$@" ctest --preset "$preset" -V --no-tests=error "$option" '^sound$') >"$log" 2>&1 </dev/null || status=$?
+  (cd "$root" && "$@" ctest --preset "$preset" -V --no-tests=error "${selection[@]}") >"$log" 2>&1 </dev/null || status=$?
   read -r good bad left < <(count "$log")
-  # Whatever CTest says counts, also where no single test says why.
+  # CTest may report a failure that no single test explains.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
-  # A whole program that this machine cannot run says so, and nobody is to overlook it.
+  # Shown to the user: what this machine cannot run.
   grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
@@ -55,22 +50,26 @@ suite() {
     grep -E '\[  FAILED  \]|Failure|exception|Sanitizer|runtime error|\*\*\*(Failed|Timeout|Exception)' "$log" |
       awk "!seen[\$0]++" | head -n 40
     tail -n 15 "$log"
+    sed -n 's/.*Test *#[0-9]*: \([^ ]*\).*\*\*\*Timeout.*/  HANG: \1 was ended; it gave no result in ten minutes/p' "$log"
     echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$name.log"
     echo "  again: ctest --preset $preset -R NAME, for each of those that failed"
   } >&2
 }
 
 rm -f "$logs"/result-*
-# One line of suites per core of a small machine: those under Wine wait now and then, those of sound
-# mostly. Sound has a prefix of its own, for others register and unregister the classes meanwhile.
-suite x64 x64 "kernels and components under Wine" -LE "$root/scripts/wine-session" &
-suite native native "kernels, native" -LE
-suite asan asan "kernels under AddressSanitizer and UBSan" -LE
-suite tsan tsan "kernels under ThreadSanitizer" -LE
-suite sound x64 "sound under Wine" -L env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session"
+# The suites under Wine wait for devices and timers, and the other builds use that time. Sound has a
+# prefix of its own, because other tests register and unregister the classes meanwhile.
+compile x64
+suite x64 x64 "kernels and components under Wine" "-LE ^sound$" "$root/scripts/wine-session" &
+suite sound x64 "sound under Wine" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
+compile native && suite native native "kernels, native" "-LE ^sound$"
+compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
+compile tsan threaded_kernel_tests &&
+  suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
+compile x86 || failed=1 broken=("build for 32 bits")
 wait
 for name in x64 sound native asan tsan; do
-  # A suite that left no result has failed.
+  # A suite without a result has failed.
   good=0 bad=1 left=0 what="tests of $name"
   read -r good bad left what 2>/dev/null <"$logs/result-$name" || true
   passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))

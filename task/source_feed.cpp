@@ -16,6 +16,7 @@ constexpr int kMaxEmptyBlocks = 10;
 // No converter holds back as much as all of these blocks.
 constexpr int kMaxSilentBlocks = 16;
 constexpr std::size_t kSilentFrames = 4096;
+
 // An array that a callee made and we destroy.
 class ReceivedArray {
  public:

@@ -1,7 +1,7 @@
 // Imports an audio file, leaves its second half away and writes the rest as WAV:
 //   cscript cut_in_half.js IN OUT.wav FRAMES
 // FRAMES is the length of the file, which "marlinda info IN" tells. Needs the registered engine and,
-// beside it, interface_picker.dll: see README.md.
+// beside it, InterfacePicker.dll: see README.md.
 //
 // What the language cannot do here:
 // - Ask an object for another interface; pick does that.
@@ -15,7 +15,7 @@ if (WScript.Arguments.length != 3 || !(Number(WScript.Arguments(2)) > 0)) {
 }
 var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2)), half = Math.floor(frames / 2);
-var pick = new ActiveXObject("TessalySamples.InterfacePicker");
+var pick = new ActiveXObject("Tessaly.InterfacePicker");
 
 // Null: no listed filter reads the file. "marlinda install-filters" lists those of the engine.
 var filter = new ActiveXObject("Marlinda.FileFilterMgr").CreateImportFilter(input);

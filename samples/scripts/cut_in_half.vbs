@@ -1,6 +1,6 @@
 ' Imports an audio file, leaves its second half away and writes the rest as WAV:
 '   cscript cut_in_half.vbs IN OUT.wav
-' Needs the registered engine and, beside it, interface_picker.dll: see README.md.
+' Needs the registered engine and, beside it, InterfacePicker.dll: see README.md.
 '
 ' What the language cannot do here:
 ' - Ask an object for another interface; pick does that.
@@ -12,7 +12,7 @@ If WScript.Arguments.Count <> 2 Then
   WScript.Quit 2
 End If
 Dim pick, manager, pool, import, take, frames
-Set pick = CreateObject("TessalySamples.InterfacePicker")
+Set pick = CreateObject("Tessaly.InterfacePicker")
 
 ' Null filter: no listed one reads the file. "marlinda install-filters" lists those of the engine.
 Set manager = CreateObject("Marlinda.FileFilterMgr")

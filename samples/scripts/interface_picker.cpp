@@ -1,8 +1,9 @@
-// What a host adds so that its scripts reach all of the engine. A script is handed an object's
-// default interface and cannot ask for another one; this object's one method does that for it:
-//   Set pick = CreateObject("TessalySamples.InterfacePicker")
+// Gives scripts every interface of an object. A script receives an object's default interface and
+// cannot ask for another one; the one method of this object does it:
+//   Set pick = CreateObject("Tessaly.InterfacePicker")
 //   pick(filter, "ICoreTask").Start
-// "regsvr32 interface_picker.dll" registers it.
+// "regsvr32 InterfacePicker.dll" registers it for the machine, or for the user alone when the
+// environment variable TESSALY_REGISTRATION is "user".
 #include <windows.h>
 // After windows.h.
 #include <oleauto.h>
@@ -20,7 +21,7 @@ constexpr CLSID kPicker = {
     0x5B0E39C1, 0x6F0A, 0x4C53, {0x9D, 0x7A, 0x21, 0x5E, 0x0B, 0x84, 0xC3, 0x6E}};
 constexpr wchar_t kClassText[] = L"{5B0E39C1-6F0A-4C53-9D7A-215E0B84C36E}";
 constexpr wchar_t kClassKey[] = L"Software\\Classes\\CLSID\\{5B0E39C1-6F0A-4C53-9D7A-215E0B84C36E}";
-constexpr wchar_t kNameKey[] = L"Software\\Classes\\TessalySamples.InterfacePicker";
+constexpr wchar_t kNameKey[] = L"Software\\Classes\\Tessaly.InterfacePicker";
 constexpr GUID kMarlinda = {
     0xF70A5B7A, 0x7291, 0x4204, {0x93, 0xE6, 0xE7, 0x5F, 0xDA, 0xEF, 0x39, 0xFC}};
 
@@ -50,7 +51,7 @@ HRESULT FindInterface(const wchar_t* name, IID& iid) {
   return DISP_E_UNKNOWNNAME;
 }
 
-// `object` as the interface that `name` tells.
+// Queries `object` for the interface `name`.
 HRESULT Pick(const VARIANT& object, const VARIANT& name, VARIANT* result) {
   if (V_VT(&object) != VT_DISPATCH || V_DISPATCH(&object) == nullptr || V_VT(&name) != VT_BSTR ||
       V_BSTR(&name) == nullptr) {
@@ -67,7 +68,7 @@ HRESULT Pick(const VARIANT& object, const VARIANT& name, VARIANT* result) {
   return S_OK;
 }
 
-// One object for the life of the process: what it does needs no state.
+// One object for the life of the process; it has no state.
 class InterfacePicker final : public IDispatch, public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
@@ -115,8 +116,14 @@ class InterfacePicker final : public IDispatch, public IClassFactory {
   }
 };
 
+HKEY Root() {
+  wchar_t scope[8] = {};
+  GetEnvironmentVariableW(L"TESSALY_REGISTRATION", scope, ARRAYSIZE(scope));
+  return std::wcscmp(scope, L"user") == 0 ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
+}
+
 bool SetText(const std::wstring& key, const wchar_t* name, const wchar_t* text) {
-  return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, REG_SZ, text,
+  return RegSetKeyValueW(Root(), key.c_str(), name, REG_SZ, text,
                          static_cast<DWORD>((std::wcslen(text) + 1) * sizeof(wchar_t))) ==
          ERROR_SUCCESS;
 }
@@ -147,8 +154,7 @@ STDAPI DllRegisterServer() {
 }
 
 STDAPI DllUnregisterServer() {
-  // What is not there need not be removed.
-  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kNameKey);
-  const LSTATUS status = RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClassKey);
+  RegDeleteTreeW(Root(), kNameKey);
+  const LSTATUS status = RegDeleteTreeW(Root(), kClassKey);
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND ? S_OK : SELFREG_E_CLASS;
 }

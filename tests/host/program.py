@@ -50,7 +50,7 @@ class Run:
     def result(self):
         """(exit status, standard output, standard error)"""
         try:
-            status = self.process.wait(timeout=120)
+            status = self.process.wait()
         finally:
             self.process.kill()
         texts = []
@@ -77,7 +77,7 @@ def keep_wine_alive(test_class):
 
     def end():
         keeper.stdin.close()
-        keeper.wait(timeout=60)
+        keeper.wait()
         keeper.stdout.close()
 
     test_class.addClassCleanup(end)

@@ -1,7 +1,7 @@
 ' A document of silence, cut and joined, with labels and markers.
 Option Explicit
 Dim pick, silence, name, document, edit, labels, markers
-Set pick = CreateObject("TessalySamples.InterfacePicker")
+Set pick = CreateObject("Tessaly.InterfacePicker")
 Set silence = CreateObject("Marlinda.NullReader")
 silence.Create 1000, 44100, 2
 For Each name In Array("Marlinda.EditedAudio.1", "Marlinda.EditedAudio")
