@@ -42,18 +42,24 @@ Extent WaveIn(const Picture& picture, int column, int from = 0, int to = 200) {
   return extent;
 }
 
-TEST(WaveformPicture, SilenceIsALineAndFullScaleFillsTheLane) {
-  const Picture silence = Draw([](int, int) { return std::pair(0.0F, 0.0F); });
-  const Picture clipped = Draw([](int, int) { return std::pair(-3.0F, 1.0e30F); });
-  const Picture half = Draw([](int, int) { return std::pair(-0.5F, 0.5F); });
-  for (const int column : {0, 77, kWidth - 1}) {
-    EXPECT_EQ(WaveIn(silence, column).count, 1);
-    EXPECT_NEAR(WaveIn(silence, column).top, 98, 1);
-    EXPECT_EQ(WaveIn(clipped, column).top, 0);
-    EXPECT_GE(WaveIn(clipped, column).count, 196);
-    EXPECT_NEAR(WaveIn(half, column).count, 98, 2);
-    EXPECT_NEAR(WaveIn(half, column).top, 49, 2);
-  }
+TEST(WaveformPicture, EachLaneShowsItsChannelsMinimumAndMaximum) {
+  const float nan = std::nanf("");
+  const Picture picture = Draw(
+      [&](int column, int channel) {
+        if (column < 50) return std::pair(0.0F, 0.0F);
+        if (column == 60) return std::pair(3.4e38F, -3.4e38F);  // a column without samples
+        if (column == 70) return std::pair(nan, nan);
+        return channel == 0 ? std::pair(-3.0F, 1.0e30F) : std::pair(-0.5F, 0.5F);
+      },
+      {}, 2);
+  EXPECT_EQ(WaveIn(picture, 40, 0, 100).count, 1);
+  EXPECT_NEAR(WaveIn(picture, 40, 0, 100).top, 48, 1);
+  EXPECT_EQ(WaveIn(picture, 80, 0, 100).top, 0);
+  EXPECT_GE(WaveIn(picture, 80, 0, 100).count, 95);
+  EXPECT_NEAR(WaveIn(picture, 80, 100, 200).count, 48, 2);
+  EXPECT_NEAR(WaveIn(picture, 80, 100, 200).top, 124, 2);
+  EXPECT_EQ(WaveIn(picture, 60).count, 0);
+  EXPECT_EQ(WaveIn(picture, 70).count, 0);
 }
 
 TEST(WaveformPicture, EveryColumnTouchesItsNeighbourAndHasNoHoles) {
@@ -63,36 +69,13 @@ TEST(WaveformPicture, EveryColumnTouchesItsNeighbourAndHasNoHoles) {
     const float a = sample(random);
     return std::pair(a, a + 0.01F);
   });
-  for (int column = 0; column < kWidth; ++column) {
+  for (int column = 1; column < kWidth; ++column) {
+    const Extent before = WaveIn(picture, column - 1);
     const Extent here = WaveIn(picture, column);
     ASSERT_EQ(here.count, here.bottom - here.top + 1) << column;
-    if (column == 0) continue;
-    const Extent before = WaveIn(picture, column - 1);
     ASSERT_LE(here.top, before.bottom) << column;
     ASSERT_GE(here.bottom, before.top) << column;
   }
-}
-
-TEST(WaveformPicture, ChannelsHaveLanesOfTheirOwn) {
-  const Picture picture = Draw(
-      [](int, int channel) {
-        return channel == 0 ? std::pair(-1.0F, 1.0F) : std::pair(0.0F, 0.0F);
-      },
-      {}, 2);
-  EXPECT_GE(WaveIn(picture, 50, 0, 100).count, 90);
-  EXPECT_EQ(WaveIn(picture, 50, 100, 200).count, 1);
-}
-
-TEST(WaveformPicture, ColumnsWithoutSamplesAndNotNumbersLeaveTheLaneEmpty) {
-  const float nan = std::nanf("");
-  const Picture picture = Draw([&](int column, int) {
-    if (column == 10) return std::pair(3.4e38F, -3.4e38F);
-    if (column == 20) return std::pair(nan, nan);
-    return std::pair(-0.5F, 0.5F);
-  });
-  EXPECT_EQ(WaveIn(picture, 10).count, 0);
-  EXPECT_EQ(WaveIn(picture, 20).count, 0);
-  EXPECT_GT(WaveIn(picture, 21).count, 90);
 }
 
 TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimes) {
@@ -115,9 +98,6 @@ TEST(WaveformPicture, TicksAreFarEnoughApartAndReadAsTimes) {
   EXPECT_DOUBLE_EQ(TickStep(1.0, 1200, 70), 0.1);
   EXPECT_DOUBLE_EQ(TickStep(3600.0, 1200, 70), 300.0);
   EXPECT_DOUBLE_EQ(TickStep(1e7, 1200, 70), 7 * 86400.0);
-  for (double seconds = 1e-4; seconds < 1e6; seconds *= 1.7) {
-    EXPECT_GE(TickStep(seconds, 1200, 70) / seconds * 1200, 69.999) << seconds;
-  }
   EXPECT_EQ(TickText(0, 1), "0");
   EXPECT_EQ(TickText(0.25, 0.05), "0.25");
   EXPECT_EQ(TickText(12, 1), "12");
