@@ -5,13 +5,16 @@ Called inside a Wine session: sound_test.py PATH/marlinda.exe [unittest argument
 
 import array
 import contextlib
+import fcntl
 import json
 import os
 import pathlib
 import re
 import signal
+import struct
 import sys
 import tempfile
+import termios
 import time
 import unittest
 import wave
@@ -19,8 +22,7 @@ import wave
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 import program
 from program import Run, run, tool
-from sound import (FRAME_BYTES, RATE, Microphone, Speaker, kill_server, sound_server,
-                   wait_for_stream, wait_until, without_silence)
+from sound import FRAME_BYTES, RATE, Microphone, Speaker, kill_server, sound_server, wait_until, without_silence
 
 NO_SERVER = {"PULSE_SERVER": "unix:/nowhere/native"}
 
@@ -39,7 +41,7 @@ def sound():
 
 
 class Heard:
-    """The frames, without silence, that a speaker has been given since."""
+    """The frames, without silence, that a speaker has received since."""
 
     def __init__(self, speaker):
         self.speaker = speaker
@@ -49,11 +51,11 @@ class Heard:
         return self
 
     def __exit__(self, *_):
-        # What was played last is still under way.
-        got = -1
-        while got != len(self.speaker.got):
-            got = len(self.speaker.got)
-            time.sleep(0.5)
+        def unread():
+            return struct.unpack("i", fcntl.ioctl(self.speaker.pipe, termios.FIONREAD, bytes(4)))[0]
+
+        wait_until(lambda: not tool("pactl", "list", "short", "sink-inputs"), "the end of all streams")
+        wait_until(lambda: unread() == 0, "an empty pipe")
 
     def frames(self):
         floats = array.array("f", without_silence(bytes(self.speaker.got[self.begin:])))
@@ -63,11 +65,18 @@ class Heard:
         wait_until(lambda: len(self.frames()) >= frames, f"{frames} frames")
 
 
-def wait_for_take():
-    """Until the engine's pool holds half a second."""
+def temporary_files():
     folders = pathlib.Path(os.environ["WINEPREFIX"], "drive_c", "users")
-    wait_until(lambda: any(file.stat().st_size >= RATE // 2 * FRAME_BYTES
-                           for file in folders.glob("*/Temp/*") if file.exists()), "a take")
+    return {file: file.stat().st_size for file in folders.glob("*/Temp/*") if file.exists()}
+
+
+def record(*arguments, **options):
+    """A recording whose pool holds half a second."""
+    known = temporary_files()
+    command = Run("record", *arguments, **options)
+    wait_until(lambda: any(size >= RATE // 2 * FRAME_BYTES and file not in known
+                           for file, size in temporary_files().items()), "a take")
+    return command
 
 
 class SoundTest(unittest.TestCase):
@@ -117,9 +126,7 @@ class SoundTest(unittest.TestCase):
             self.assertEqual([device["index"] for device in report[kind]],
                              list(range(len(report[kind]))))
             self.assertTrue(any(name in device["name"] for device in report[kind]), report)
-            self.assertGreater(report[kind][0]["channels"], 0)
-        text = self.succeed("devices")
-        self.assertIn("0  " + report["outputs"][0]["name"], text)
+        self.assertIn("0  " + report["outputs"][0]["name"], self.succeed("devices"))
 
     def test_play_takes_as_long_as_the_file_and_is_heard(self):
         with Heard(self.speaker) as heard:
@@ -153,39 +160,30 @@ class SoundTest(unittest.TestCase):
         self.assertEqual((status, output), (130, ""))
         self.assertIn("interrupted at 0:00:00.", messages)
 
-    def test_wrong_usage_ends_with_2(self):
+    def test_wrong_usage_ends_with_2_and_a_missing_device_with_7(self):
         for arguments, says in [
             (["play", self.ogg, "--channels", "0,2"], "there is no channel 2"),
-            (["play", self.ogg, "--channels", "left"], "list of channels"),
-            (["play", self.ogg, "--from", "1", "--to", "0.5"], "holds no frame"),
             (["play", self.ogg, "--to", "2.1"], "88200 frames"),
             (["play", self.ogg, "--device", "-1"], "--device"),
             (["scrub", self.ogg], "--at"),
             (["scrub", self.ogg, "--at", "0,,1"], "is not a time"),
             (["scrub", self.ogg, "--at", "2.1"], "88200 frames"),
             (["scrub", self.ogg, "--at", "1", "--hold", "long"], "is not a time"),
-            (["record", self.out], "--seconds"),
             (["record", self.out, "--seconds", "0"], "no frame"),
             (["record", self.out, "--seconds", "999999"], "4 GiB"),
-            (["record", self.out, "--seconds", "1", "--bits", "12"], "--bits"),
-            (["record", self.out, "--seconds", "1", "--rate", "0"], "--rate"),
             (["record", self.out, "--seconds", "1", "--channels", "0"], "--channels"),
             (["record", self.folder / "out.mp3", "--seconds", "1"], ".wav"),
         ]:
             with self.subTest(arguments=arguments):
                 self.fail_with(2, *arguments, says=says)
-        self.assertEqual(list(self.folder.iterdir()), [])
-
-    def test_a_device_that_is_not_there_ends_with_7(self):
         for arguments in (["play", self.ogg], ["scrub", self.ogg, "--at", "1"],
                           ["record", self.out, "--seconds", "1"]):
-            with self.subTest(arguments=arguments):
-                self.fail_with(7, *arguments, "--device", "99", says="marlinda devices")
+            self.fail_with(7, *arguments, "--device", "99", says="marlinda devices")
+            # Messages of the system's own sound library may come before.
+            self.fail_with(7, *arguments, says="there is no sound device", environment=NO_SERVER)
         self.assertEqual(list(self.folder.iterdir()), [])
 
     def test_an_output_that_cannot_be_written_is_refused_before_the_take(self):
-        self.fail_with(4, "record", self.folder / "nowhere" / "out.wav", "--seconds", "9999",
-                       says="folder")
         (self.folder / "folder.wav").mkdir()
         self.fail_with(4, "record", self.folder / "folder.wav", "--seconds", "9999",
                        says="access is denied")
@@ -215,10 +213,9 @@ class SoundTest(unittest.TestCase):
                 self.assertAlmostEqual(swings, expected, delta=2 + expected / 20)
 
     def test_a_take_whose_place_is_gone_is_saved_elsewhere(self):
-        record = Run("record", self.out, "--seconds", "3")
-        wait_for_take()
+        command = record(self.out, "--seconds", "3")
         self.out.mkdir()
-        status, output, messages = record.result()
+        status, output, messages = command.result()
         self.assertEqual((status, output), (4, ""), messages)
         saved = re.search(r"the take was saved as C:(.*) instead", messages)[1]
         saved = pathlib.Path(os.environ["WINEPREFIX"] + "/drive_c" + saved.replace("\\", "/"))
@@ -241,12 +238,10 @@ class SoundTest(unittest.TestCase):
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
 
     def test_an_interrupted_recording_keeps_its_take(self):
-        record = Run("record", self.out, "--seconds", "600")
-        wait_for_take()
-        # An impatient hand loses nothing.
-        record.process.send_signal(signal.SIGINT)
-        time.sleep(0.02)
-        status, output, messages = self.interrupt(record)
+        command = record(self.out, "--seconds", "600")
+        # A second Ctrl+C changes nothing.
+        command.process.send_signal(signal.SIGINT)
+        status, output, messages = self.interrupt(command)
         self.assertEqual((status, output), (130, ""))
         self.assertIn("the file is valid and holds the first", messages)
         with wave.open(str(self.out)) as file:
@@ -256,16 +251,25 @@ class SoundTest(unittest.TestCase):
         self.assertLess(frames, 600 * RATE)
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
 
-    def test_scrub_makes_its_positions_heard(self):
+    def test_a_recording_outlasts_a_sound_server_that_stands_still(self):
+        with sound() as (environment, _):
+            command = record(self.out, "--seconds", "3", environment=environment)
+            server = int(environment["TESSALY_SOUND_SERVER_PID"])
+            os.kill(server, signal.SIGSTOP)
+            time.sleep(8)  # longer than record waits before it tries the device again
+            os.kill(server, signal.SIGCONT)
+            status, _, messages = command.result()
+        self.assertEqual(status, 0, messages)
+        with wave.open(str(self.out)) as file:
+            self.assertEqual(file.getnframes(), 3 * RATE)
+
+    def test_scrub_makes_its_positions_heard_until_it_is_interrupted(self):
         with Heard(self.speaker) as heard:
             report = json.loads(self.succeed("scrub", self.ogg, "--at", "0.5,22050f,1.25", "--hold",
                                              "0.4", "--json"))
         self.assertEqual(report["positions"], [22050, 22050, 55125])
-        frames = heard.frames()
-        self.assertGreater(len(frames), RATE // 2)
-        self.assertGreater(max(left for left, _ in frames), 0.4)
-
-    def test_scrub_is_interrupted_cleanly(self):
+        self.assertGreater(len(heard.frames()), RATE // 2)
+        self.assertGreater(max(left for left, _ in heard.frames()), 0.4)
         with Heard(self.speaker) as heard:
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600")
             heard.wait_for(RATE // 2)
@@ -276,34 +280,19 @@ class SoundTest(unittest.TestCase):
     def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
             play = Run("play", self.long, environment=one)
-            record = Run("record", self.out, "--seconds", "600", environment=one)
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600", environment=other)
-            wait_for_stream(one, "source-outputs")
-            wait_for_take()
+            take = record(self.out, "--seconds", "600", environment=one)
             Heard(speaker).wait_for(RATE // 2)
             Heard(other_speaker).wait_for(RATE // 2)
             kill_server(one)
             kill_server(other)
-            for command, says in (play, "it stopped playing at"), (record, "holds the first"), \
+            for command, says in (play, "playing ended at"), (take, "holds the first"), \
                     (scrub, "it stopped playing at 0:00:01.000"):
                 status, _, messages = command.result()
                 self.assertEqual(status, 7, messages)
                 self.assertIn(says, messages)
             with wave.open(str(self.out)) as file:
                 self.assertGreaterEqual(file.getnframes(), RATE // 2)
-
-    def test_without_a_sound_server_there_is_no_device_and_nothing_hangs(self):
-        # Messages may come from the system's own sound library.
-        status, output, _ = run("devices", "--json", environment=NO_SERVER)
-        self.assertEqual((status, json.loads(output)), (0, {"schema_version": 1, "outputs": [], "inputs": []}))
-        status, output, _ = run("devices", environment=NO_SERVER)
-        self.assertEqual((status, output), (0, "outputs: none\ninputs: none\n"))
-        for arguments in (["play", self.ogg], ["scrub", self.ogg, "--at", "1"],
-                          ["record", self.out, "--seconds", "1"]):
-            with self.subTest(arguments=arguments):
-                self.fail_with(7, *arguments, says="there is no sound device",
-                               environment=NO_SERVER)
-        self.assertFalse(self.out.exists())
 
 
 if __name__ == "__main__":
