@@ -2,10 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstring>
+#include <new>
+#include <span>
+#include <utility>
 #include <vector>
 
+#include "core/handle.h"
 #include "core/sample_array.h"
+#include "core/samples/audio_queue.h"
 #include "core/samples/sample_converter.h"
 #include "core/wave_format.h"
 #include "device/device_format.h"
@@ -14,38 +20,100 @@ namespace marlinda {
 namespace {
 
 constexpr std::size_t kBufferCount = 16;
-// What a fresh object records with; an explicit SetFormat gives 40 ms instead.
+// For a fresh object; an explicit SetFormat gives 40 ms instead.
 constexpr std::uint32_t kInitialBufferBytes = 4096;
 constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
 
-// One run of the device, from OpenDevice to CloseDevice.
-struct CAudioGrabber::Recording {
+// The recorded samples that nobody has read yet. They outlive the device and, for a reader that
+// waits, the object.
+struct CAudioGrabber::Samples {
+  // False, and takes nothing, when there are fewer.
+  bool Take(std::span<float> destination) {
+    const std::lock_guard lock(mutex);
+    if (queue.Count() < destination.size()) return false;
+    queue.Read(destination);
+    return true;
+  }
+
+  std::mutex mutex;
+  CAudioQueue queue;
+};
+
+// One opening of the device, shared by the object, its readers and the device.
+struct CAudioGrabber::Job {
   struct Buffer {
     explicit Buffer(std::size_t size) : data(size) {}
     WAVEHDR header = {};
     std::vector<std::byte> data;
   };
 
-  // Makes everything that can fail before the device is open.
-  Recording(const WAVEFORMATEX& wanted, std::uint32_t bytes, HANDLE event)
+  Job(const WAVEFORMATEX& wanted, std::uint32_t bytes, std::shared_ptr<Samples> target)
       : format(wanted),
-        data_event(event),
-        buffer_bytes(bytes),
-        samples(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
+        samples(std::move(target)),
+        floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
         // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
         buffers(kBufferCount,
                 Buffer(std::max<std::size_t>(
-                    bytes, samples.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {}
-
-  void Start() noexcept {
+                    bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
     for (auto& buffer : buffers) {
       buffer.header.lpData = reinterpret_cast<LPSTR>(buffer.data.data());
-      buffer.header.dwBufferLength = buffer_bytes;
-      Add(buffer);
+      buffer.header.dwBufferLength = bytes;
     }
+  }
+
+  bool Open(UINT device_id) {
+    if (!event) return false;
+    const auto try_format = [&](const WAVEFORMATEX& tried) {
+      return waveInOpen(&device, device_id, &tried, reinterpret_cast<DWORD_PTR>(&DataCallback),
+                        reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION) == MMSYSERR_NOERROR;
+    };
+    if (!try_format(format) &&
+        !try_format(MakeExtensibleFormat(format, IsFloat(format), false).Format)) {
+      return false;
+    }
+    for (auto& buffer : buffers) Add(buffer);
     waveInStart(device);
+    return true;
+  }
+
+  // Waits for the device; false when it is closed.
+  bool WaitAndCollect() {
+    WaitForSingleObject(event.get(), INFINITE);
+    const std::lock_guard lock(mutex);
+    if (!open) {
+      // The event wakes one reader, which wakes the next.
+      SetEvent(event.get());
+      return false;
+    }
+    for (; done > 0; --done) {
+      // The whole buffer is taken, whatever the device says that it recorded into it.
+      Buffer& buffer = buffers[next];
+      if (IsFloat(format)) {
+        std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
+      } else {
+        ConvertPcmToFloat(buffer.data, floats, format.wBitsPerSample);
+      }
+      samples->queue.Append(floats);
+      Remove(buffer);
+      Add(buffer);
+      next = (next + 1) % buffers.size();
+    }
+    return true;
+  }
+
+  // False when the driver refused.
+  bool Close() noexcept {
+    {
+      const std::lock_guard lock(mutex);
+      open = false;
+    }
+    SetEvent(event.get());
+    waveInReset(device);
+    // A prepared header can only be unprepared while its device is open.
+    for (auto& buffer : buffers) Remove(buffer);
+    return waveInClose(device) == MMSYSERR_NOERROR;
   }
 
   void Add(Buffer& buffer) const noexcept {
@@ -57,33 +125,38 @@ struct CAudioGrabber::Recording {
     waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
   }
 
-  // SetFormat meanwhile is for the next opening.
+  // Runs on a thread of the device and only counts and signals.
+  static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
+    if (message != WIM_DATA) return;
+    auto* const self = reinterpret_cast<Job*>(job);
+    ++self->done;
+    SetEvent(self->event.get());
+  }
+
   const WAVEFORMATEX format;
-  HANDLE data_event;
-  const std::uint32_t buffer_bytes;
+  const std::shared_ptr<Samples> samples;
+  // Signalled for each buffer, and when the device is closed.
+  const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
   HWAVEIN device = nullptr;
+  // Buffers filled and not yet collected.
+  std::atomic<std::int32_t> done{0};
+
+  // Guards what follows.
+  std::mutex mutex;
+  bool open = true;
   // One buffer as floats.
-  std::vector<float> samples;
+  std::vector<float> floats;
   std::vector<Buffer> buffers;
   // The buffer that the device fills next.
   std::size_t next = 0;
-  // Buffers filled and not yet collected.
-  std::atomic<std::int32_t> done{0};
 };
 
-CAudioGrabber::CAudioGrabber() : data_event_(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
-  format_ = DeviceFormat(44100, 2, 16);
-  buffer_bytes_ = kInitialBufferBytes;
-}
+CAudioGrabber::CAudioGrabber()
+    : samples_(std::make_shared<Samples>()),
+      format_(DeviceFormat(44100, 2, 16)),
+      buffer_bytes_(kInitialBufferBytes) {}
 
-CAudioGrabber::~CAudioGrabber() {
-  {
-    const std::lock_guard lock(mutex_);
-    Close();
-  }
-  readers_.SeeOut(data_event_.get());
-  if (driver_keeps_event_) data_event_.Detach();
-}
+CAudioGrabber::~CAudioGrabber() { Close(); }
 
 STDMETHODIMP CAudioGrabber::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
   const std::lock_guard lock(mutex_);
@@ -101,24 +174,19 @@ STDMETHODIMP CAudioGrabber::SetDevice(LONG nDeviceId) {
 }
 
 STDMETHODIMP CAudioGrabber::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
-  const CallsInside::Scope inside(readers_);
   return ComCall([&]() -> HRESULT {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
-    Guard lock(mutex_);
-    const std::uint32_t opening = opening_;
-    while (queue_.Count() < block.samples().size()) {
-      if (!recording_ || opening_ != opening) {
-        // The event wakes one reader; what ended this wait ends another's.
-        SetEvent(data_event_.get());
-        return E_FAIL;
-      }
-      lock.unlock();
-      WaitForSingleObject(data_event_.get(), INFINITE);
-      lock.lock();
-      Collect();
+    // A wait touches nothing of this object, which may be released meanwhile.
+    const std::shared_ptr<Samples> samples = samples_;
+    std::shared_ptr<Job> job;
+    {
+      const std::lock_guard lock(mutex_);
+      job = job_;
     }
-    queue_.Read(block.samples());
+    while (!samples->Take(block.samples())) {
+      if (!job || !job->WaitAndCollect()) return E_FAIL;
+    }
     return S_OK;
   });
 }
@@ -138,75 +206,37 @@ STDMETHODIMP CAudioGrabber::GetSampleCount(__int64*) {
 
 STDMETHODIMP CAudioGrabber::OpenDevice() {
   return ComCall([&]() -> HRESULT {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard opening_lock(opening_mutex_);
     Close();
-    if (!data_event_ || !IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) {
-      return E_FAIL;
+    std::shared_ptr<Job> job;
+    UINT device_id = WAVE_MAPPER;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) return E_FAIL;
+      job = std::make_shared<Job>(format_, buffer_bytes_, samples_);
+      device_id = device_id_;
     }
-    auto recording = std::make_unique<Recording>(format_, buffer_bytes_, data_event_.get());
-    const auto callback = reinterpret_cast<DWORD_PTR>(&DataCallback);
-    const auto instance = reinterpret_cast<DWORD_PTR>(recording.get());
-    if (waveInOpen(&recording->device, device_id_, &format_, callback, instance,
-                   CALLBACK_FUNCTION) != MMSYSERR_NOERROR) {
-      const auto extensible = MakeExtensibleFormat(format_, IsFloat(format_), false);
-      if (waveInOpen(&recording->device, device_id_, &extensible.Format, callback, instance,
-                     CALLBACK_FUNCTION) != MMSYSERR_NOERROR) {
-        return E_FAIL;
-      }
-    }
-    recording_ = std::move(recording);
-    ++opening_;
-    recording_->Start();
+    if (!job->Open(device_id)) return E_FAIL;
+    const std::lock_guard lock(mutex_);
+    job_ = std::move(job);
     return S_OK;
   });
 }
 
 STDMETHODIMP CAudioGrabber::CloseDevice() {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard opening_lock(opening_mutex_);
   Close();
   return S_OK;
 }
 
-// Runs on a thread of the device and only counts and signals.
-void CALLBACK CAudioGrabber::DataCallback(HWAVEIN, UINT message, DWORD_PTR recording, DWORD_PTR,
-                                          DWORD_PTR) {
-  if (message != WIM_DATA) return;
-  auto* self = reinterpret_cast<Recording*>(recording);
-  ++self->done;
-  SetEvent(self->data_event);
-}
-
-void CAudioGrabber::Collect() {
-  if (!recording_) return;
-  Recording& device = *recording_;
-  for (; device.done > 0; --device.done) {
-    // The whole buffer is taken, whatever the device says that it recorded into it.
-    Recording::Buffer& buffer = device.buffers[device.next];
-    if (IsFloat(device.format)) {
-      std::memcpy(device.samples.data(), buffer.data.data(), device.samples.size() * sizeof(float));
-    } else {
-      ConvertPcmToFloat(buffer.data, device.samples, device.format.wBitsPerSample);
-    }
-    queue_.Append(device.samples);
-    device.Remove(buffer);
-    device.Add(buffer);
-    device.next = (device.next + 1) % device.buffers.size();
-  }
-}
-
 void CAudioGrabber::Close() {
-  if (!recording_) return;
-  waveInReset(recording_->device);
-  // A prepared header can only be unprepared while its device is open.
-  for (auto& buffer : recording_->buffers) recording_->Remove(buffer);
-  if (waveInClose(recording_->device) != MMSYSERR_NOERROR) {
-    // The driver may still fill these buffers and signal the event: they are left to it.
-    static_cast<void>(recording_.release());
-    driver_keeps_event_ = true;
+  std::shared_ptr<Job> job;
+  {
+    const std::lock_guard lock(mutex_);
+    job.swap(job_);
   }
-  recording_.reset();
-  // A reader that waits finds the device closed.
-  SetEvent(data_event_.get());
+  // A driver that refuses may go on filling the buffers and signalling: they are left to it.
+  if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
 }
 
 MARLINDA_DEFINE_CLASS(CAudioGrabber)

@@ -1,291 +1,418 @@
 #include "device/audio_playback.h"
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <limits>
+#include <list>
+#include <new>
+#include <span>
 #include <utility>
+#include <vector>
 
+#include "core/handle.h"
+#include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
 #include "core/wave_format.h"
 #include "device/device_format.h"
-#include "device/level_meter.h"
 
 namespace marlinda {
 namespace {
 
-constexpr DWORD kClosePollMilliSecs = 10;
-// How often a waiting writer looks whether the device is still there. It wakes for each buffer
-// besides.
-constexpr DWORD kLookMilliSecs = 500;
-constexpr ULONGLONG kLostAfterMilliSecs = 2000;
+// How long no buffer may return, beyond the length of the next one, until the device is probed.
+constexpr std::uint64_t kProbeMilliSecs = 3000;
 
-// Runs on a thread of the device. It only signals: any wave-out call from here could deadlock.
+// Runs on a thread of the device. It only signals: a wave-out call from here can deadlock.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
   if (message == WOM_DONE) SetEvent(reinterpret_cast<HANDLE>(event));
 }
 
+// One block of samples on its way through the device.
+class CAudioOutBuffer {
+ public:
+  // Throws E_INVALIDARG when a device buffer cannot hold the block. A last, incomplete frame is
+  // left out.
+  CAudioOutBuffer(std::span<const float> samples, const WAVEFORMATEX& format)
+      : peaks(format.nChannels) {
+    const std::size_t frames = samples.size() / format.nChannels;
+    samples = samples.first(frames * format.nChannels);
+    const std::size_t size = frames * format.nBlockAlign;
+    if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
+      throw HResultError(E_INVALIDARG);
+    }
+    // A width that is no multiple of 8 takes more bytes to convert than its block align tells. An
+    // empty block is played as well, and drivers want an address.
+    const int bits = format.wBitsPerSample;
+    data_.resize(std::max<std::size_t>({size, samples.size() * PcmBytesPerSample(bits), 1}));
+    if (IsFloat(format)) {
+      std::ranges::copy(std::as_bytes(samples), data_.begin());
+    } else {
+      ConvertFloatToPcm(samples, data_, bits);
+    }
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      float& peak = peaks[i % peaks.size()];
+      // NaN is passed over.
+      if (samples[i] > peak) peak = samples[i];
+    }
+    header_.lpData = reinterpret_cast<LPSTR>(data_.data());
+    header_.dwBufferLength = static_cast<DWORD>(size);
+    header_.dwLoops = 1;
+  }
+  ~CAudioOutBuffer() { Unprepare(); }
+  CAudioOutBuffer(const CAudioOutBuffer&) = delete;
+  CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
+
+  // False when the device refuses the buffer.
+  bool Play(HWAVEOUT device) noexcept {
+    device_ = device;
+    waveOutPrepareHeader(device_, &header_, sizeof header_);
+    return waveOutWrite(device_, &header_, sizeof header_) == MMSYSERR_NOERROR;
+  }
+
+  void Unprepare() noexcept {
+    if (device_ == nullptr) return;
+    waveOutUnprepareHeader(std::exchange(device_, nullptr), &header_, sizeof header_);
+  }
+
+  bool IsDone() const noexcept {
+    // The device sets the flag on a thread of its own.
+    const volatile DWORD& flags = header_.dwFlags;
+    const bool done = (flags & WHDR_DONE) != 0;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return done;
+  }
+
+  DWORD size() const noexcept { return header_.dwBufferLength; }
+
+  // The largest sample of each channel, at least 0: the signed value counts, not its magnitude.
+  // Hosts' meters are calibrated to it. Becomes the output level when the buffer has been played.
+  std::vector<float> peaks;
+
+ private:
+  HWAVEOUT device_ = nullptr;
+  std::vector<std::byte> data_;
+  WAVEHDR header_ = {};
+};
+
+using Buffers = std::list<CAudioOutBuffer>;
+
 }  // namespace
 
-CAudioPlayback::CAudioPlayback() : done_event_(CreateEventW(nullptr, FALSE, TRUE, nullptr)) {
-  format_ = DeviceFormat(0, 0, 16);
-}
+// One opening of the device, shared by the object, its writers and the worker. A writer that waits
+// touches nothing of the object, which may be released meanwhile.
+struct CAudioPlayback::Job {
+  Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
+      : format(wanted),
+        queue_limit_bytes(format.nBlockAlign * buffer_millisecs * format.nSamplesPerSec / 1000),
+        levels(format.nChannels) {}
 
-CAudioPlayback::~CAudioPlayback() {
-  {
-    const Guard lock(mutex_);
-    Close();
+  bool Open(UINT device_id) {
+    if (!event) return false;
+    const auto try_format = [&](const WAVEFORMATEX& tried) {
+      const auto callback = reinterpret_cast<DWORD_PTR>(&PlaybackDoneCallback);
+      const auto instance = reinterpret_cast<DWORD_PTR>(event.get());
+      return waveOutOpen(&device, device_id, &tried, callback, instance, CALLBACK_FUNCTION) ==
+             MMSYSERR_NOERROR;
+    };
+    return try_format(format) ||
+           try_format(MakeExtensibleFormat(format, IsFloat(format), true).Format);
   }
-  writers_.SeeOut(done_event_.get());
-  if (driver_keeps_event_) done_event_.Detach();
-}
+
+  HRESULT Write(std::span<const float> samples) {
+    Buffers block;
+    block.emplace_back(samples, format);
+    const std::lock_guard write_lock(write_mutex);
+    {
+      std::unique_lock lock(mutex);
+      changed.wait(lock, [&] { return !TakesBlocks() || queued_bytes <= queue_limit_bytes; });
+    }
+    const std::lock_guard device_lock(device_mutex);
+    {
+      const std::lock_guard lock(mutex);
+      if (!TakesBlocks()) return E_FAIL;
+    }
+    if (!block.front().Play(device)) {
+      block.clear();
+      End();
+      return E_FAIL;
+    }
+    {
+      const std::lock_guard lock(mutex);
+      queued_bytes += block.front().size();
+      pending.splice(pending.end(), block);
+    }
+    // The block may have been played by now.
+    SetEvent(event.get());
+    return S_OK;
+  }
+
+  void Break() noexcept {
+    {
+      const std::lock_guard lock(mutex);
+      broken = true;
+      reset_wanted = true;
+    }
+    Wake();
+  }
+
+  // Ends the use of the device. The worker closes it.
+  void End() noexcept {
+    {
+      const std::lock_guard lock(mutex);
+      open = false;
+    }
+    Wake();
+  }
+
+  // The device's count of frames. The last one known while the device is in a call of another
+  // thread, which may take long.
+  std::uint32_t Position() noexcept {
+    const std::unique_lock device_lock(device_mutex, std::try_to_lock);
+    MMTIME time = {};
+    time.wType = TIME_SAMPLES;
+    // The counter has 32 bits and is taken as it is, also when it wraps.
+    if (device_lock && device != nullptr &&
+        waveOutGetPosition(device, &time, sizeof time) == MMSYSERR_NOERROR) {
+      position = static_cast<std::uint32_t>(time.u.sample);
+    }
+    return position;
+  }
+
+  // The worker: frees played buffers, resets a broken device and probes a stalled one, until the
+  // device is to be closed or is lost. False when the driver refuses to close it.
+  bool Run() noexcept {
+    for (bool alive = true; alive && IsOpen();) {
+      const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
+      Buffers played = Reap();
+      const std::lock_guard device_lock(device_mutex);
+      played.clear();
+      if (reset_wanted.exchange(false)) {
+        alive = Reset();
+      } else if (stalled) {
+        // A lost device reports nothing: its buffers do not return and its position freezes. It
+        // refuses to be paused, though. A pause of a device that stands still loses no sample.
+        alive =
+            waveOutPause(device) == MMSYSERR_NOERROR && waveOutRestart(device) == MMSYSERR_NOERROR;
+      }
+    }
+    End();
+    return Close();
+  }
+
+  bool Close() noexcept {
+    const std::lock_guard device_lock(device_mutex);
+    // Each turn resets again, because the reset fails once the device is lost.
+    while (Reset()) {
+      Reap();
+      if (IsPlayed()) break;
+      WaitForSingleObject(event.get(), static_cast<DWORD>(kProbeMilliSecs));
+    }
+    for (auto& buffer : pending) buffer.Unprepare();
+    if (waveOutClose(std::exchange(device, nullptr)) != MMSYSERR_NOERROR) return false;
+    const std::lock_guard lock(mutex);
+    pending.clear();
+    return true;
+  }
+
+  bool IsOpen() noexcept {
+    const std::lock_guard lock(mutex);
+    return open;
+  }
+
+  bool IsPlayed() noexcept {
+    const std::lock_guard lock(mutex);
+    return pending.empty();
+  }
+
+  // Call with `mutex` held.
+  bool TakesBlocks() const noexcept { return open && !broken; }
+
+  bool Reset() const noexcept { return waveOutReset(device) == MMSYSERR_NOERROR; }
+
+  void Wake() noexcept {
+    changed.notify_all();
+    SetEvent(event.get());
+  }
+
+  // Infinite while nothing is queued.
+  DWORD MilliSecsToProbe() noexcept {
+    const std::lock_guard lock(mutex);
+    if (pending.empty()) return INFINITE;
+    const std::uint64_t next =
+        std::uint64_t{pending.front().size()} * 1000 / format.nBlockAlign / format.nSamplesPerSec;
+    return static_cast<DWORD>(std::min<std::uint64_t>(next + kProbeMilliSecs, INFINITE - 1));
+  }
+
+  // Takes the played buffers off the queue. They are to be freed with `device_mutex` held.
+  Buffers Reap() noexcept {
+    Buffers played;
+    const std::lock_guard lock(mutex);
+    // Buffers return in the order in which they were written.
+    while (!pending.empty() && pending.front().IsDone()) {
+      queued_bytes -= pending.front().size();
+      levels.swap(pending.front().peaks);
+      played.splice(played.end(), pending, pending.begin());
+    }
+    changed.notify_all();
+    return played;
+  }
+
+  const WAVEFORMATEX format;
+  const std::uint32_t queue_limit_bytes;
+  // Signalled for each played buffer, and for the worker.
+  const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+
+  // Held by a writer from its wait to the end of its write.
+  std::mutex write_mutex;
+
+  // Held during every device call: each may take as long as the driver or its sound service stands
+  // still. Taken before `mutex`.
+  std::mutex device_mutex;
+  HWAVEOUT device = nullptr;
+  std::atomic<std::uint32_t> position{0};
+
+  // Guards what follows. Never held during a device call.
+  std::mutex mutex;
+  std::condition_variable changed;
+  Buffers pending;
+  std::uint32_t queued_bytes = 0;
+  std::vector<float> levels;
+  bool open = true;
+  bool broken = false;
+  std::atomic<bool> reset_wanted{false};
+};
+
+CAudioPlayback::CAudioPlayback() noexcept : format_(DeviceFormat(0, 0, 16)) {}
+
+CAudioPlayback::~CAudioPlayback() { Close(); }
 
 STDMETHODIMP CAudioPlayback::SetBufferLength(LONG nMilliSecs) {
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   buffer_millisecs_ = static_cast<std::uint32_t>(nMilliSecs);
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
-  // The format has been stored all the same. Callers have always had to ignore this result, and it
-  // is kept on purpose.
+  // The format is stored all the same; callers ignore this result.
   return E_NOTIMPL;
 }
 
 STDMETHODIMP CAudioPlayback::GetPlaybackPos(__int64* nPlaybackPos) {
   if (nPlaybackPos == nullptr) return E_POINTER;
-  const Guard lock(mutex_);
-  auto position = static_cast<std::uint64_t>(pos_offset_);
-  // The device's counter has 32 bits and is taken as it is, also when it wraps.
-  if (device_ != nullptr) position += PlayedFrames();
-  *nPlaybackPos = static_cast<std::int64_t>(position);
+  const auto job = OpenJob();
+  const std::uint32_t played = job ? job->Position() : 0;
+  const std::lock_guard lock(mutex_);
+  *nPlaybackPos = static_cast<std::int64_t>(static_cast<std::uint64_t>(pos_offset_) + played);
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::SetPosOffset(__int64 nOffset) {
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   pos_offset_ = nOffset;
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::GetPosOffset(__int64* pnOffset) {
   if (pnOffset == nullptr) return E_POINTER;
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   *pnOffset = pos_offset_;
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::Break() {
-  const Guard lock(mutex_);
-  if (device_ == nullptr) return S_OK;
-  broken_ = true;
-  if (waveOutReset(device_) != MMSYSERR_NOERROR) LetGo();
-  // The device signals each buffer that it gives back; a lost one gives none, and the writer that
-  // waits for it must wake all the same.
-  SetEvent(done_event_.get());
+  if (const auto job = OpenJob()) job->Break();
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::SetDevice(ULONG nDeviceId) {
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   device_id_ = nDeviceId;
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::GetOutputLevel(SHORT niChannel, float* pfOutputLevel) {
   if (pfOutputLevel == nullptr) return E_POINTER;
-  const Guard lock(mutex_);
   *pfOutputLevel = 0.0F;
-  if (output_levels_.empty()) return S_OK;
+  const auto job = OpenJob();
+  if (!job) return S_OK;
+  const std::lock_guard lock(job->mutex);
   const auto channel = static_cast<std::uint16_t>(niChannel);
-  if (channel >= output_levels_.size()) return E_INVALIDARG;
-  *pfOutputLevel = output_levels_[channel];
+  if (channel >= job->levels.size()) return E_INVALIDARG;
+  *pfOutputLevel = job->levels[channel];
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::WriteAudio(SAFEARRAY* psaAudioData) {
-  const CallsInside::Scope inside(writers_);
   return ComCall([&]() -> HRESULT {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
-    Guard lock(mutex_);
-    if (!WaitForRoom(lock)) return E_FAIL;
-    Queue(block.samples());
-    return S_OK;
+    const auto job = OpenJob();
+    return job ? job->Write(block.samples()) : E_FAIL;
   });
 }
 
 STDMETHODIMP CAudioPlayback::OpenDevice() {
   return ComCall([&]() -> HRESULT {
-    const Guard lock(mutex_);
-    // An open device would never be closed again once its handle is overwritten.
+    const std::lock_guard opening_lock(opening_mutex_);
     Close();
-    output_levels_.assign(format_.nChannels, 0.0F);
-    if (!done_event_ || !IsPlausible(format_)) return E_FAIL;
-    queue_limit_bytes_ = format_.nBlockAlign * buffer_millisecs_ * format_.nSamplesPerSec / 1000;
-    queued_bytes_ = 0;
-    bytes_per_sec_ = std::uint64_t{format_.nBlockAlign} * format_.nSamplesPerSec;
-    open_format_ = format_;
-    broken_ = false;
-    ++opening_;
-
-    const auto callback = reinterpret_cast<DWORD_PTR>(&PlaybackDoneCallback);
-    const auto event = reinterpret_cast<DWORD_PTR>(done_event_.get());
-    if (waveOutOpen(&device_, device_id_, &format_, callback, event, CALLBACK_FUNCTION) ==
-        MMSYSERR_NOERROR) {
-      return S_OK;
+    std::shared_ptr<Job> job;
+    UINT device_id = WAVE_MAPPER;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!IsPlausible(format_)) return E_FAIL;
+      job = std::make_shared<Job>(format_, buffer_millisecs_);
+      device_id = device_id_;
     }
-    const WAVEFORMATEXTENSIBLE extensible = MakeExtensibleFormat(format_, IsFloat(format_), true);
-    if (waveOutOpen(&device_, device_id_, &extensible.Format, callback, event, CALLBACK_FUNCTION) ==
-        MMSYSERR_NOERROR) {
-      return S_OK;
+    if (!job->Open(device_id)) return E_FAIL;
+    worker_.emplace();
+    const HRESULT hr = worker_->Start([job] {
+      // A driver that refused may go on using the buffers and the event: they are left to it.
+      if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
+    });
+    if (FAILED(hr)) {
+      job->Close();
+      return hr;
     }
-    device_ = nullptr;
-    return E_FAIL;
+    const std::lock_guard lock(mutex_);
+    job_ = std::move(job);
+    return S_OK;
   });
 }
 
 STDMETHODIMP CAudioPlayback::CloseDevice() {
-  const Guard lock(mutex_);
+  const std::lock_guard opening_lock(opening_mutex_);
   Close();
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
-  const Guard lock(mutex_);
+  const std::lock_guard lock(mutex_);
   format_ = DeviceFormat(nSamplesPerSec, nChannels, static_cast<SHORT>(format_.wBitsPerSample));
   return S_OK;
 }
 
 STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
-  const Guard lock(mutex_);
-  Reap();
-  CloseIfLost();
-  *pbReady = pending_.empty() ? 1 : 0;
+  const auto job = OpenJob();
+  *pbReady = !job || job->IsPlayed() ? 1 : 0;
   return S_OK;
 }
 
-bool CAudioPlayback::WaitForRoom(Guard& lock) {
-  const std::uint32_t opening = opening_;
-  const auto takes_blocks = [&] { return device_ != nullptr && !broken_ && opening_ == opening; };
-  while (takes_blocks() && queued_bytes_ > queue_limit_bytes_) {
-    ++waiting_writers_;
-    lock.unlock();
-    WaitForSingleObject(done_event_.get(), kLookMilliSecs);
-    lock.lock();
-    --waiting_writers_;
-    Reap();
-    CloseIfLost();
-  }
-  // The event wakes one writer; whatever ended this wait may end another's.
-  if (waiting_writers_ > 0) SetEvent(done_event_.get());
-  return takes_blocks();
-}
-
-void CAudioPlayback::Queue(std::span<const float> samples) {
-  const std::size_t channels = open_format_.nChannels;
-  const std::size_t frames = channels == 0 ? 0 : samples.size() / channels;
-  const std::size_t size = frames * open_format_.nBlockAlign;
-  const int bits = open_format_.wBitsPerSample;
-  if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
-    throw HResultError(E_INVALIDARG);
-  }
-  samples = samples.first(frames * channels);
-  // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
-  const std::size_t capacity = samples.size() * PcmBytesPerSample(bits);
-  auto buffer = std::make_unique<CAudioOutBuffer>(device_, static_cast<DWORD>(size), capacity,
-                                                  SpareStorage(std::max(size, capacity)));
-  if (IsFloat(open_format_)) {
-    std::copy_n(std::as_bytes(samples).data(), samples.size_bytes(), buffer->data().data());
-  } else {
-    ConvertFloatToPcm(samples, buffer->data(), bits);
-  }
-  buffer->peaks = ChannelPeaks(samples, channels);
-  if (pending_.empty()) progress_.Restart();
-  // No buffer that comes back may find too little memory.
-  spare_.reserve(spare_.size() + pending_.size() + 1);
-  pending_.push_back(std::move(buffer));
-  queued_bytes_ += static_cast<std::uint32_t>(size);
-  pending_.back()->Play();
-}
-
-std::vector<std::byte> CAudioPlayback::SpareStorage(std::size_t capacity) {
-  if (spare_.empty()) return {};
-  std::vector<std::byte> storage = std::move(spare_.back());
-  spare_.pop_back();
-  // Small blocks that keep the storage of large ones would hold many times the buffer length.
-  if (storage.capacity() < capacity || storage.capacity() / 2 > capacity) return {};
-  return storage;
-}
-
-void CAudioPlayback::Reap() {
-  // Buffers come back in the order in which they were written.
-  while (!pending_.empty() && pending_.front()->IsDone()) {
-    const auto buffer = std::move(pending_.front());
-    pending_.pop_front();
-    queued_bytes_ -= buffer->size();
-    ++returned_;
-    output_levels_ = std::move(buffer->peaks);
-    spare_.push_back(buffer->Retire());
-  }
-}
-
-std::uint32_t CAudioPlayback::PlayedFrames() const {
-  MMTIME time = {};
-  time.wType = TIME_SAMPLES;
-  const bool told = waveOutGetPosition(device_, &time, sizeof time) == MMSYSERR_NOERROR;
-  return told ? static_cast<std::uint32_t>(time.u.sample) : 0;
-}
-
-void CAudioPlayback::CloseIfLost() {
-  if (device_ == nullptr || pending_.empty()) return;
-  // The position alone does not show it: a driver may count whole buffers only.
-  const std::uint64_t progress = std::uint64_t{returned_} << 32 | PlayedFrames();
-  const std::uint64_t milliseconds =
-      std::uint64_t{pending_.front()->size()} * 1000 / bytes_per_sec_;
-  const auto patience = StallWatch::kPatience + std::chrono::milliseconds(milliseconds);
-  if (progress_.Look(progress, StallWatch::Clock::now()) > patience) Close();
+std::shared_ptr<CAudioPlayback::Job> CAudioPlayback::OpenJob() {
+  const std::lock_guard lock(mutex_);
+  return job_ && job_->IsOpen() ? job_ : nullptr;
 }
 
 void CAudioPlayback::Close() {
-  if (device_ == nullptr) return;
-  if (waveOutReset(device_) == MMSYSERR_NOERROR) WaitForBuffers();
-  LetGo();
-}
-
-void CAudioPlayback::WaitForBuffers() {
-  std::size_t left = pending_.size();
-  for (ULONGLONG since = GetTickCount64();; Sleep(kClosePollMilliSecs)) {
-    Reap();
-    if (pending_.empty()) return;
-    const ULONGLONG now = GetTickCount64();
-    if (pending_.size() < left) since = now;
-    left = pending_.size();
-    if (now - since >= kLostAfterMilliSecs) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (const auto job = std::exchange(job_, nullptr)) job->End();
   }
-}
-
-void CAudioPlayback::LetGo() {
-  if (waveOutClose(device_) != MMSYSERR_NOERROR) {
-    // The driver may still read these buffers and signal the event, now or later: leaving them to
-    // it is the one thing that cannot corrupt memory.
-    for (auto& buffer : pending_) static_cast<void>(buffer.release());
-    driver_keeps_event_ = true;
-  }
-  device_ = nullptr;
-  pending_.clear();
-  spare_.clear();
-  queued_bytes_ = 0;
-  output_levels_.clear();
-  // A writer that waits finds the device closed; without one, no old signal may wake the next
-  // writer.
-  if (waiting_writers_ > 0) {
-    SetEvent(done_event_.get());
-  } else {
-    ResetEvent(done_event_.get());
-  }
+  // Waits until the worker has closed the device.
+  worker_.reset();
 }
 
 MARLINDA_DEFINE_CLASS(CAudioPlayback)

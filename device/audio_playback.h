@@ -6,34 +6,30 @@
 #include <mmsystem.h>
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <optional>
 
 #include "core/com_object.h"
-#include "core/handle.h"
-#include "core/sample_array.h"
-#include "core/stall_watch.h"
-#include "device/audio_out_buffer.h"
-#include "device/calls_inside.h"
+#include "core/worker_thread.h"
 
 namespace marlinda {
 
-// Each block written becomes one device buffer, queued at once; a writer waits while more than the
-// buffer length is queued, which paces it to real time. A producer thread may be in WriteAudio
-// while another thread asks for position and level or calls Break or CloseDevice.
+// Each block written becomes one device buffer, queued at once. A writer waits while more than the
+// buffer length is queued, which paces it to real time. A producer may be in WriteAudio while
+// another thread asks for position and level or calls Break or CloseDevice.
 //
-// A device can be lost without a word: no buffer comes back any more while the position calls go on
-// succeeding. It counts as lost when, before the eyes of a writer that waits or of QueryIsReady,
-// its position stands still and the next buffer is five seconds late; when a reset fails; and when
-// it is being closed and returns no buffer for two seconds. Then it is closed, its buffers are
-// freed, and the object can be opened again.
+// Position, level, QueryIsReady and Break return at once, also while the device stands still.
+// OpenDevice and CloseDevice wait for the device.
+//
+// A device that stands still is waited for. A device is lost when it refuses a block or a reset,
+// or when no buffer returns for some seconds and it then refuses to be paused. The object is then
+// as after CloseDevice.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
 
-  CAudioPlayback();
+  CAudioPlayback() noexcept;
   ~CAudioPlayback();
 
   // IAudioPlayback
@@ -54,51 +50,25 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
  private:
-  using Guard = std::unique_lock<std::mutex>;
+  struct Job;
 
-  // Each expects the lock to be held.
-  // Waits while too much is queued. False when the device does not take the block: closed, broken,
-  // lost, or opened anew meanwhile.
-  bool WaitForRoom(Guard& lock);
-  void Queue(std::span<const float> samples);
-  // Storage of a buffer that came back, if it suits `capacity`.
-  std::vector<std::byte> SpareStorage(std::size_t capacity);
-  // Frees the buffers that have been played.
-  void Reap();
-  // The device's counter of frames; 0 when it does not tell.
-  std::uint32_t PlayedFrames() const;
-  // Closes a device that holds buffers and goes on with none of them.
-  void CloseIfLost();
+  // Null while closed.
+  std::shared_ptr<Job> OpenJob();
+  // Call with `opening_mutex_` held.
   void Close();
-  void WaitForBuffers();
-  // Closes the device whatever it still holds.
-  void LetGo();
 
-  CallsInside writers_;
+  // Held while the device is being opened or closed. Taken before `mutex_`.
+  std::mutex opening_mutex_;
+  std::optional<WorkerThread> worker_;
+
+  // Guards what follows. Never held during a device call.
   std::mutex mutex_;
-  WAVEFORMATEX format_ = {};       // for the next opening
-  WAVEFORMATEX open_format_ = {};  // what the open device takes
-  KernelHandle done_event_;
-  HWAVEOUT device_ = nullptr;
-  std::int64_t pos_offset_ = 0;
+  std::shared_ptr<Job> job_;
+  // For the next opening.
+  WAVEFORMATEX format_;
   std::uint32_t buffer_millisecs_ = 1000;
-  std::uint32_t queue_limit_bytes_ = 0;
-  std::uint32_t queued_bytes_ = 0;
-  std::uint64_t bytes_per_sec_ = 1;
-  // Buffers that came back, and whether more do.
-  std::uint32_t returned_ = 0;
-  StallWatch progress_;
-  bool broken_ = false;
-  // Counts the openings, so that a writer which has waited knows its device again.
-  std::uint32_t opening_ = 0;
-  int waiting_writers_ = 0;
-  // A driver that did not let itself be closed may signal the event at any time.
-  bool driver_keeps_event_ = false;
   UINT device_id_ = WAVE_MAPPER;
-  std::deque<std::unique_ptr<CAudioOutBuffer>> pending_;
-  // The storage of buffers that came back, for the next ones: never more of them than were pending.
-  std::vector<std::vector<std::byte>> spare_;
-  std::vector<float> output_levels_;
+  std::int64_t pos_offset_ = 0;
 };
 
 }  // namespace marlinda

@@ -15,69 +15,64 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// Everything of a lost device is to be over in two seconds. What is left of them is for the pause
-// before this wait, the check after it, and a machine that is busy.
-constexpr ULONGLONG kLostAfterMilliSecs = 1000;
-// Many minutes. A longer block is a mistake, and making its window would take long before memory
-// ran out.
-constexpr std::uint64_t kMostBlockSamples = std::uint64_t{1} << 24;
+// Longer than a playback of 100 ms blocks a writer, as long as its device goes on.
+constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
+// Many minutes. A longer block is a mistake, and its window takes long to compute.
+constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
-// What the thread and the object share.
-struct CAudioScrubber::Scrub {
-  Scrub(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
+// One scrub, from Start to Stop, shared by the object and the thread.
+struct CAudioScrubber::Job {
+  Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
       : writer(target),
         channel_count(channels),
         output(given_frames / 2 * channels),
         block(given_frames * channels),
         pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
 
-  // About as long as one pass sounds, but never so long that Stop would have to wait for it.
+  // About as long as one pass sounds, but short enough for Stop.
   static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
     if (rate <= 0) return kStopPollMilliSecs;
     const std::uint64_t pass = std::uint64_t{given_frames} * 500 / static_cast<std::uint64_t>(rate);
     return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
   }
 
-  // Samples that one pass gives: half a block of an even number of frames.
+  // Samples of one pass: half a block of an even number of frames.
   std::size_t OutputSamples() const noexcept {
     return block.size() / channel_count / 2 * channel_count;
   }
 
   void Run() {
-    // Here and not before, because its window takes longer than the start of the thread.
+    // On this thread, because its window takes longer than the start of the thread.
     OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
     while (!stop) {
-      // A writer that resized the array against the rules finds a whole one again.
+      // Undoes what a writer did that resized the array against the rules.
       output.Resize(OutputSamples());
       {
         const std::lock_guard lock(block_mutex);
         overlap_add.Pass(block, output.samples());
       }
-      // A writer that refuses the block, or gets an empty one, does not wait either; without a
-      // pause the thread would spin.
+      // A writer that refuses the block, or gets an empty one, does not wait. Without a pause the
+      // thread would spin.
       const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
       if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
     }
   }
 
-  // The object's, which holds it longer than the thread runs, but for one case: the writer itself
-  // may release the object within WriteAudio, and is then kept until it has returned.
-  IAudioWriter* const writer;
-  ComPtr<IAudioWriter> kept_writer;
+  const ComPtr<IAudioWriter> writer;
   const std::size_t channel_count;
   SampleArray output;
+  // Guards the block. Start holds it until the thread may call the writer.
   std::mutex block_mutex;
   std::vector<float> block;
   const DWORD pause_milliseconds;
   std::atomic<bool> stop{false};
+  // Until the writer has been told to close its device.
+  std::atomic<bool> running{true};
 };
 
-CAudioScrubber::~CAudioScrubber() {
-  if (const auto scrub = Current()) scrub->kept_writer = writer_;
-  Stop();
-}
+CAudioScrubber::~CAudioScrubber() { CAudioScrubber::Stop(); }
 
 STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks,
                                    LONG nSamplesPerSec, SHORT nChannels) {
@@ -85,42 +80,41 @@ STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBl
   if (pAudioWriter == nullptr) return E_POINTER;
   if (nSamplesInBlocks < 0) return E_INVALIDARG;
   if (static_cast<std::uint64_t>(nSamplesInBlocks) * static_cast<std::uint64_t>(nChannels) >
-      kMostBlockSamples) {
+      kMaxBlockSamples) {
     return E_INVALIDARG;
   }
-  if (Current()) return E_FAIL;
+  if (Current() || thread_.IsRunning()) return E_FAIL;
   return ComCall([&] {
-    auto scrub = std::make_shared<Scrub>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
-                                         nSamplesPerSec, static_cast<std::size_t>(nChannels));
-    Hold(writer_, pAudioWriter);
-    writer_->OpenDevice();
-    const HRESULT hr = thread_.Start([scrub] { scrub->Run(); });
+    auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
+                                     nSamplesPerSec, static_cast<std::size_t>(nChannels));
+    pAudioWriter->OpenDevice();
+    // The writer may call this object as soon as the thread calls it.
+    const std::lock_guard block_lock(job->block_mutex);
+    const HRESULT hr = thread_.Start([job] { job->Run(); });
     if (FAILED(hr)) {
-      writer_->CloseDevice();
-      return hr;
+      job->running = false;
+      pAudioWriter->CloseDevice();
     }
     const std::lock_guard lock(mutex_);
-    scrub_ = std::move(scrub);
-    return S_OK;
+    job_.swap(job);
+    return hr;
   });
 }
 
 STDMETHODIMP CAudioScrubber::Stop() {
-  const auto scrub = Current();
-  if (!scrub) return S_OK;
-  scrub->stop = true;
-  // Also where the thread has ended by now: hosts count on this pause.
+  const auto job = Current();
+  if (!job) return S_OK;
+  job->stop = true;
+  // Stop takes at least this long, also when the thread has ended by now.
   Sleep(kStopPollMilliSecs);
-  if (!thread_.PollUntilEnded(kStopPollMilliSecs, kLostAfterMilliSecs)) {
-    // What it breaks off would be broken off by CloseDevice below just as well.
-    if (const auto playback = TryQuery<IAudioPlayback>(writer_.Get())) playback->Break();
+  if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
+    // The writer may have stopped this scrub in the meantime, and have been started for another
+    // use, which is not to be broken.
+    const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
+    if (playback) playback->Break();
     thread_.PollUntilEnded(kStopPollMilliSecs);
   }
-  {
-    const std::lock_guard lock(mutex_);
-    scrub_.reset();
-  }
-  writer_->CloseDevice();
+  if (job->running.exchange(false)) job->writer->CloseDevice();
   return S_OK;
 }
 
@@ -128,18 +122,18 @@ STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
   SampleArrayView given;
   const HRESULT hr = given.Lock(psaAudio);
   if (FAILED(hr)) return hr;
-  const auto scrub = Current();
-  if (!scrub) return E_FAIL;
-  const std::size_t needed = 2 * scrub->OutputSamples();
+  const auto job = Current();
+  if (!job) return E_FAIL;
+  const std::size_t needed = 2 * job->OutputSamples();
   if (given.samples().size() < needed) return E_INVALIDARG;
-  const std::lock_guard lock(scrub->block_mutex);
-  std::copy_n(given.samples().data(), needed, scrub->block.data());
+  const std::lock_guard lock(job->block_mutex);
+  std::copy_n(given.samples().data(), needed, job->block.data());
   return S_OK;
 }
 
-std::shared_ptr<CAudioScrubber::Scrub> CAudioScrubber::Current() {
+std::shared_ptr<CAudioScrubber::Job> CAudioScrubber::Current() {
   const std::lock_guard lock(mutex_);
-  return scrub_;
+  return job_ && job_->running ? job_ : nullptr;
 }
 
 MARLINDA_DEFINE_CLASS(CAudioScrubber)

@@ -8,20 +8,17 @@
 #include <mutex>
 
 #include "core/com_object.h"
-#include "core/com_ptr.h"
 #include "core/worker_thread.h"
 
 namespace marlinda {
 
 // The caller sets the writer's format beforehand. The writer paces the thread by blocking in
 // WriteAudio; its results do not matter. It is held until the next Start or the last release. A
-// playback object that keeps the thread waiting for a second after Stop is taken to have lost its
-// device, and is told to break.
+// playback object whose WriteAudio still blocks a second after Stop is broken.
 //
-// Beyond what hosts must do: Start while running is refused with E_FAIL, blocks of less than no
-// frames or more than 2^24 samples and negative channel counts with E_INVALIDARG; Stop without
-// Start does nothing; WriteBlock outside Start and Stop gives E_FAIL, one that is too short
-// E_INVALIDARG.
+// Start while running fails with E_FAIL. Start fails with E_INVALIDARG for a negative block length,
+// blocks of more than 2^24 samples and negative channel counts. Stop without Start does nothing.
+// WriteBlock outside Start and Stop fails with E_FAIL, and with E_INVALIDARG for a short block.
 class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;
@@ -36,14 +33,13 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
   STDMETHODIMP WriteBlock(SAFEARRAY* psaAudio) override;
 
  private:
-  struct Scrub;
+  struct Job;
 
-  std::shared_ptr<Scrub> Current();
+  std::shared_ptr<Job> Current();
 
-  ComPtr<IAudioWriter> writer_;
   std::mutex mutex_;
-  // Null unless running. Under the lock: a block may be written while another thread stops.
-  std::shared_ptr<Scrub> scrub_;
+  // Null before the first Start. Kept after Stop, because it holds the writer.
+  std::shared_ptr<Job> job_;
   WorkerThread thread_;
 };
 

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
-#include <limits>
 
-#include "device/level_meter.h"
 #include "device/overlap_add.h"
 
 namespace marlinda {
@@ -53,17 +50,6 @@ TEST(OverlapAdd, HeldBlockFadesInOnceAndThenRepeats) {
   EXPECT_FLOAT_EQ(out[2], w[5]);
   scrub.Pass(silence, out);
   EXPECT_EQ(out, std::vector<float>(8, 0.0F));
-}
-
-TEST(LevelMeter, TakesTheLargestSignedSampleOfEachChannelFromZeroUp) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  EXPECT_EQ(ChannelPeaks(std::vector<float>{0.1F, -0.9F, 0.5F, -0.2F, 0.3F, -1.0F}, 2),
-            (std::vector<float>{0.5F, 0.0F}));
-  EXPECT_EQ(ChannelPeaks(std::vector<float>{nan, 0.25F, nan, 2.0F}, 2), (std::vector<float>{0, 2}));
-  // The last, incomplete frame is not played and does not count.
-  EXPECT_EQ(ChannelPeaks(std::vector<float>{0.1F, 0.2F, 0.9F}, 2),
-            (std::vector<float>{0.1F, 0.2F}));
-  EXPECT_TRUE(ChannelPeaks(std::vector<float>{1.0F}, 0).empty());
 }
 
 }  // namespace
