@@ -7,6 +7,8 @@
 namespace marlinda {
 namespace {
 
+constexpr double kMinus3dB = 1.0 / std::numbers::sqrt2;
+
 enum class Position { kFL, kFR, kFC, kLFE, kBL, kBR, kBC, kSL, kSR };
 
 using Layout = std::span<const Position>;
@@ -38,7 +40,6 @@ class Route {
 
   void Send(Position position, double gain) {
     using enum Position;
-    constexpr double kMinus3dB = 1.0 / std::numbers::sqrt2;
     const auto found = std::ranges::find(target_, position);
     if (found != target_.end()) {
       gains_[static_cast<std::size_t>(found - target_.begin()) * stride_] += gain;
@@ -73,7 +74,6 @@ class Route {
 
   // The other surround pair stands in at full level, unless it has a source channel of its own.
   void SendSurround(Position other, Position front, double gain) {
-    constexpr double kMinus3dB = 1.0 / std::numbers::sqrt2;
     if (!Has(target_, other)) return Send(front, gain * kMinus3dB);
     Send(other, Has(source_, other) ? gain * kMinus3dB : gain);
   }
@@ -103,10 +103,6 @@ ChannelMap::ChannelMap(int source_channels, int target_channels)
     Route(source, target, std::span(gains_).subspan(from), source_channels_)
         .Send(source[from], 1.0);
   }
-}
-
-double ChannelMap::Gain(int to, int from) const {
-  return gains_[static_cast<std::size_t>(to) * source_channels_ + static_cast<std::size_t>(from)];
 }
 
 void ChannelMap::Apply(std::span<const float> source, std::vector<float>& target) const {

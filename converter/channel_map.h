@@ -21,9 +21,6 @@ class ChannelMap {
   // Whole frames in, as many frames out, added at the end of `target`.
   void Apply(std::span<const float> source, std::vector<float>& target) const;
 
-  // What target channel `to` takes of source channel `from`.
-  double Gain(int to, int from) const;
-
  private:
   std::size_t source_channels_;
   std::size_t target_channels_;

@@ -14,7 +14,6 @@ STDMETHODIMP CFormatConverter::SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamp
   return ComCall([&] {
     stream_ = std::make_unique<StreamConverter>(source, target);
     output_.clear();
-    return S_OK;
   });
 }
 
@@ -24,7 +23,6 @@ STDMETHODIMP CFormatConverter::Convert(SAFEARRAY* psaAudioData) {
     SampleArrayView block;
     Check(block.Lock(psaAudioData));
     stream_->Convert(block.samples(), output_);
-    return S_OK;
   });
 }
 
@@ -37,7 +35,6 @@ STDMETHODIMP CFormatConverter::GetOutput(SAFEARRAY** ppsaAudioData) {
     std::ranges::copy(output_, ready.samples().begin());
     output_.clear();
     *ppsaAudioData = ready.Detach();
-    return S_OK;
   });
 }
 

@@ -11,19 +11,19 @@
 
 namespace marlinda {
 
-// One stream after the other: SetUp, then Convert for each block and GetOutput for what has become
-// ready. The calls come from one thread at a time, whichever that is.
+// For each stream: SetUp, then Convert for each block and GetOutput for the samples that are ready.
+// The calls come from one thread at a time, not always the same.
 class CFormatConverter final : public Object<CFormatConverter, IFormatConverter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CFormatConverter;
   static constexpr bool kHasClassInfo = false;
 
-  // E_INVALIDARG for formats that cannot be converted; the stream that was set up goes on. nMode is
-  // not looked at: there is one way to convert here, the best.
+  // E_INVALIDARG for formats that cannot be converted; the stream that was set up continues. nMode
+  // is ignored.
   STDMETHODIMP SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec, SHORT nSourceChannels,
                      SHORT nTargetChannels, LONG nMode) override;
-  // E_UNEXPECTED before SetUp, E_INVALIDARG when the block is no array of floats. Any number of
-  // samples, also none, and also part of a frame.
+  // E_UNEXPECTED before SetUp, E_INVALIDARG for another array than one of floats. Takes any number
+  // of samples, none and part of a frame included.
   STDMETHODIMP Convert(SAFEARRAY* psaAudioData) override;
   // An array of 0 samples when nothing is ready. E_UNEXPECTED before SetUp.
   STDMETHODIMP GetOutput(SAFEARRAY** ppsaAudioData) override;

@@ -10,8 +10,8 @@
 namespace marlinda {
 namespace {
 
-constexpr double kMostRatio = 256.0;
-constexpr int kMostResampledChannels = 128;
+constexpr double kMaxRatio = 256.0;
+constexpr int kMaxResampledChannels = 128;
 // Input is handed to the resampler in pieces, whose output fits in a buffer of known size.
 constexpr std::size_t kFramesPerPiece = 4096;
 
@@ -29,8 +29,8 @@ bool StreamConverter::CanConvert(const Format& source, const Format& target) noe
   }
   if (source.rate == target.rate) return true;
   const double ratio = RatioOf(source, target);
-  return ratio <= kMostRatio && ratio >= 1.0 / kMostRatio &&
-         std::min(source.channels, target.channels) <= kMostResampledChannels;
+  return ratio <= kMaxRatio && ratio >= 1.0 / kMaxRatio &&
+         std::min(source.channels, target.channels) <= kMaxResampledChannels;
 }
 
 StreamConverter::StreamConverter(const Format& source, const Format& target)
