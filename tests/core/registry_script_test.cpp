@@ -46,7 +46,7 @@ TEST(RegistryScript, ListsTheKeysOfTheModulesScriptsInOrderWithTheirValues) {
 }
 
 TEST(RegistryScript, RefusesEveryBeginningOfAScriptAndAnUnknownReplacement) {
-  const std::string script = "HKCR { NoRemove A = s 'x' { val B = s '%R%' C } }";
+  const std::string script = "HKCR{NoRemove A=s 'x'{val B=s '%R%' C}}";
   const RegistryReplacements replacements = {{"R", L"r"}};
   EXPECT_EQ(Describe(script, replacements), "*A =x B=r\nA\\C\n");
   for (std::size_t length = 0; length < script.size(); ++length) {
