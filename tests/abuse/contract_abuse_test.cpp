@@ -47,38 +47,33 @@ struct Case {
   bool pair = false;
 };
 
-const std::vector<Number>& NumbersOf(VARTYPE type) {
-  static const std::vector<Number> small = {-1, 0,  1,  2,  3,   7,     8,     9,
-                                            24, 25, 32, 33, 256, 32767, -32768};
-  static const std::vector<Number> medium = {
-      -1,    0,     1,      2,       3,       100,        1023,        65535,
-      65536, 32768, 384000, 1 << 24, 1 << 30, 2147483647, -2147483647, -2147483648LL};
-  static const std::vector<Number> large = {-1,
-                                            0,
-                                            1,
-                                            2,
-                                            99,
-                                            999,
-                                            1000,
-                                            1001,
-                                            2147483648LL,
-                                            4294967296LL,
-                                            Limits64::max() / 8,
-                                            Limits64::max() / 4 + 1,
-                                            Limits64::max() / 2,
-                                            Limits64::max() - 1000,
-                                            Limits64::max() - 1,
-                                            Limits64::max(),
-                                            Limits64::min(),
-                                            Limits64::min() + 1};
+std::vector<Number> NumbersOf(VARTYPE type) {
   switch (type) {
     case VT_I2:
     case VT_BOOL:
-      return small;
+      return {-1, 0, 1, 2, 3, 7, 8, 9, 24, 25, 32, 33, 256, 32767, -32768};
     case VT_I8:
-      return large;
+      return {-1,
+              0,
+              1,
+              2,
+              99,
+              999,
+              1000,
+              1001,
+              1LL << 31,
+              1LL << 32,
+              Limits64::max() / 8,
+              Limits64::max() / 4 + 1,
+              Limits64::max() / 2,
+              Limits64::max() - 1000,
+              Limits64::max() - 1,
+              Limits64::max(),
+              Limits64::min(),
+              Limits64::min() + 1};
     default:
-      return medium;
+      return {-1,    0,     1,      2,       3,       100,        1023,        65535,
+              65536, 32768, 384000, 1 << 24, 1 << 30, 2147483647, -2147483647, -2147483648LL};
   }
 }
 

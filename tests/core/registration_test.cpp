@@ -176,63 +176,47 @@ class Registration : public ::testing::Test {
   }
 };
 
-TEST_F(Registration, WritesExactlyItsEntriesForTheMachineAndTakesThemBack) {
-  const RegistryView machine_before = MachineClasses();
-  const RegistryView user_before = UserClasses();
-  ASSERT_EQ(module_.Register(), S_OK);
-  const RegistryView machine_after = MachineClasses();
-  EXPECT_EQ(ToLines(WithoutSharedKeys(WithoutTypeLibrary(Added(machine_before, machine_after)))),
-            ToLines(ExpectedEntries(module_.path())));
-  EXPECT_EQ(ToLines(Added(machine_after, machine_before)), "") << "entries of others";
-  EXPECT_EQ(ToLines(UserClasses()), ToLines(user_before));
+TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
+  for (const wchar_t* setting : {L"machine", L"user"}) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(setting)));
+    Choose(setting);
+    const bool is_user = setting == std::wstring(L"user");
+    const auto classes = is_user ? UserClasses : MachineClasses;
+    // Wine writes a user's type library for the machine, so that part is left out.
+    const auto others = [&] {
+      return WithoutTypeLibrary(is_user ? MachineClasses() : UserClasses());
+    };
+    const RegistryView before = classes();
+    const RegistryView others_before = others();
+    ASSERT_EQ(module_.Register(), S_OK);
+    const RegistryView after = classes();
+    EXPECT_EQ(ToLines(WithoutSharedKeys(WithoutTypeLibrary(Added(before, after)))),
+              ToLines(ExpectedEntries(module_.path())));
+    EXPECT_EQ(ToLines(Added(after, before)), "") << "entries of others";
+    EXPECT_EQ(ToLines(others()), ToLines(others_before));
+    EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
+    EXPECT_EQ(ToLines(Added(after, classes())), "");
 
-  EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
-  EXPECT_EQ(ToLines(Added(machine_after, MachineClasses())), "");
-
-  ASSERT_EQ(module_.Unregister(), S_OK);
-  const RegistryView left = MachineClasses();
-  EXPECT_TRUE(left.contains(L"AppID\\"));
-  EXPECT_EQ(ToLines(WithoutSharedKeys(Added(machine_before, left))), "");
-  EXPECT_EQ(ToLines(Added(left, machine_before)), "");
-  EXPECT_EQ(module_.Unregister(), S_OK) << "a second unregistration";
-}
-
-TEST_F(Registration, WritesTheSameEntriesForOneUser) {
-  const RegistryView machine_before = MachineClasses();
-  const RegistryView user_before = UserClasses();
-  Choose(L"user");
-  ASSERT_EQ(module_.Register(), S_OK);
-  EXPECT_EQ(ToLines(WithoutSharedKeys(WithoutTypeLibrary(Added(user_before, UserClasses())))),
-            ToLines(ExpectedEntries(module_.path())));
-  // Wine writes a user's type library for the whole machine, so that part is left out here.
-  EXPECT_EQ(ToLines(WithoutTypeLibrary(Added(machine_before, MachineClasses()))), "");
-
-  ASSERT_EQ(module_.Unregister(), S_OK);
-  EXPECT_TRUE(UserClasses().contains(L"AppID\\"));
-  RegistryView left = Added(user_before, UserClasses());
-  left.erase(L"AppID\\");
-  EXPECT_EQ(ToLines(left), "");
-  EXPECT_EQ(ToLines(Added(machine_before, MachineClasses())), "");
-  EXPECT_EQ(module_.Unregister(), S_OK) << "a second unregistration";
+    ASSERT_EQ(module_.Unregister(), S_OK);
+    const RegistryView left = classes();
+    EXPECT_TRUE(left.contains(L"AppID\\"));
+    EXPECT_EQ(ToLines(WithoutSharedKeys(Added(before, left))), "");
+    EXPECT_EQ(ToLines(Added(left, before)), "");
+    EXPECT_EQ(module_.Unregister(), S_OK) << "a second unregistration";
+  }
 }
 
 TEST_F(Registration, RefusesAnUnknownSettingAndWritesNothing) {
-  for (const wchar_t* setting : {L"User", L"machine ", L"both", L"a setting that is rather long"}) {
+  for (const wchar_t* setting : {L"User", L"machine ", L"a setting that is rather long"}) {
     Choose(setting);
     EXPECT_EQ(module_.Register(), E_INVALIDARG);
     EXPECT_FALSE(HasEntry(L"AppID\\Tessaly.EXE"));
   }
-  for (const wchar_t* setting : {L"machine", L""}) {
-    Choose(setting);
-    EXPECT_EQ(module_.Register(), S_OK);
-    EXPECT_TRUE(HasEntry(L"AppID\\Tessaly.EXE"));
-    Choose(L"both");
-    EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
-    EXPECT_TRUE(HasEntry(L"AppID\\Tessaly.EXE"));
-    Choose(setting);
-    EXPECT_EQ(module_.Unregister(), S_OK);
-    EXPECT_FALSE(HasEntry(L"AppID\\Tessaly.EXE"));
-  }
+  Choose(L"");
+  EXPECT_EQ(module_.Register(), S_OK);
+  Choose(L"both");
+  EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
+  EXPECT_TRUE(HasEntry(L"AppID\\Tessaly.EXE"));
 }
 
 TEST_F(Registration, LetsAnotherProcessCreateClassesByEitherProgId) {
@@ -257,26 +241,17 @@ TEST_F(Registration, LetsAnotherProcessCreateClassesByEitherProgId) {
 TEST_F(Registration, RegistersTheTypeLibraryWithItsInterfaces) {
   ASSERT_EQ(module_.Register(), S_OK);
   ComPtr<ITypeLib> library;
-  ASSERT_EQ(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
-  Bstr name, help;
-  ASSERT_EQ(
-      library->GetDocumentation(MEMBERID_NIL, name.Receive(), help.Receive(), nullptr, nullptr),
-      S_OK);
-  EXPECT_EQ(help.str(), L"Marlinda 1.0 Type Library");
-
+  EXPECT_EQ(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
   RegistryView entries = ViewRegistry(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid);
   EXPECT_EQ(entries[L"1.0\\@"], L"1:Marlinda 1.0 Type Library");
   EXPECT_EQ(entries[L"1.0\\0\\win64\\@"], L"1:" + module_.path());
   EXPECT_EQ(entries[L"1.0\\HELPDIR\\@"],
             L"1:" + std::filesystem::path(module_.path()).parent_path().wstring());
-  RegistryView interfaces = ViewRegistry(HKEY_CLASSES_ROOT, L"Interface");
-  EXPECT_EQ(interfaces[L"{86B3DC4E-2401-48A9-A393-3D946F030260}\\@"], L"1:IAudioReader");
-  EXPECT_EQ(interfaces[L"{86B3DC4E-2401-48A9-A393-3D946F030260}\\TypeLib\\@"],
-            std::wstring(L"1:") + kGuid);
-
+  EXPECT_TRUE(HasEntry(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
   library.Reset();
   ASSERT_EQ(module_.Unregister(), S_OK);
   EXPECT_NE(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
+  EXPECT_FALSE(HasEntry(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
 }
 
 TEST_F(Registration, WritesAModulePathThatLooksLikeAScript) {
