@@ -1,5 +1,5 @@
-// The border between C++ and COM: inside, code throws and uses RAII; an interface method returns an
-// HRESULT and nothing else. ComCall is the only place where the one turns into the other.
+// The boundary between C++ and COM. Inside, code throws and uses RAII; an interface method returns
+// an HRESULT. ComCall turns exceptions into HRESULTs.
 #pragma once
 
 #include <windows.h>
@@ -10,7 +10,7 @@
 
 namespace marlinda {
 
-// An HRESULT on its way to the interface boundary.
+// Carries an HRESULT to the interface boundary.
 class HResultError {
  public:
   explicit HResultError(HRESULT code) noexcept : code_(code) {}
@@ -26,7 +26,7 @@ inline HRESULT Check(HRESULT hr) {
   return hr;
 }
 
-// The HRESULT of the last failed system call; E_FAIL where the system named no error.
+// The HRESULT of the last failed system call; E_FAIL when GetLastError gives no error.
 inline HRESULT LastErrorResult() noexcept {
   const DWORD error = GetLastError();
   return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);

@@ -55,7 +55,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   // IProvideClassInfo2: answered only by a class that has events and overrides it.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
 
-  // Creates an object, aggregated when `outer` is given. Nothing of it remains after a failure.
+  // Creates an object, aggregated when `outer` is given. A failure leaves nothing behind.
   static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
@@ -81,7 +81,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
-  // The unknown that does not delegate: what an outer object holds, and our identity without one.
+  // The unknown that does not delegate. An outer object holds it; without one it is the identity.
   class Inner final : public IUnknown {
    public:
     explicit Inner(Object& object) noexcept : object_(object) {}
@@ -92,7 +92,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     STDMETHODIMP_(ULONG) Release() override {
       const ULONG left = --object_.references_;
       if (left == 0) {
-        // A destructor that hands out this object, however briefly, must not destroy it again.
+        // A destructor can pass this object to others, whose Release must not destroy it again.
         object_.references_ = kDestroying;
         delete static_cast<Derived*>(&object_);
       }

@@ -19,9 +19,8 @@ HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
                           reinterpret_cast<void**>(object.ReleaseAndGetAddressOf()));
 }
 
-// Makes `held` hold another object, or none: the new one gets its reference before the old one
-// loses its own. The assignment of a plain pointer in the header that comes with mingw does it the
-// other way round.
+// Makes `held` hold `object`, which can be null. Adds the new reference before it releases the old
+// one. The assignment in the header that comes with mingw releases first.
 template <class I>
 void Hold(ComPtr<I>& held, I* object) {
   if (held.Get() != object) ComPtr<I>(object).Swap(held);
@@ -37,7 +36,7 @@ ComPtr<I> TryQuery(IUnknown* object) {
   return result;
 }
 
-// Whether both are interfaces of one object; no object is the same as none.
+// True if both pointers refer to the same COM object; null matches nothing.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
   // Plain pointers: the smart ones of mingw compare as truth values.
   const IUnknown* const identity = TryQuery<IUnknown>(a).Get();

@@ -1,4 +1,4 @@
-// The enumerators of COM are the same but for how an entry is handed out.
+// One implementation of COM's enumerator interfaces.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 namespace marlinda {
 
 // An enumerator over a list that it owns, taken when the enumeration began. `kHandOut` gives the
-// caller its copy of an entry; its failure ends the call that met it.
+// caller a copy of an entry; when it fails, Next fails too.
 template <class Interface, class Entry, class Out, HRESULT (*kHandOut)(const Entry&, Out*)>
 class Enumerator final : public PlainObject<Interface> {
  public:

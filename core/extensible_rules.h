@@ -1,5 +1,4 @@
-// What an extensible wave format says beyond the plain one: the speaker mask that goes with a
-// channel count, and the identifier of the sample type in the byte order of files.
+// The speaker mask and the sample type identifier of an extensible wave format.
 #pragma once
 
 #include <array>
@@ -8,8 +7,8 @@
 namespace marlinda {
 
 // Bits of the mask: front left 1, front right 2, front centre 4. One channel is announced as front
-// centre, or as front left and right where `mono_as_stereo_mask` is set; a count without a
-// customary layout gets no mask.
+// centre, or as front left and right where `mono_as_stereo_mask` is set; other
+// counts than 1, 2, 6 and 8 get mask 0.
 constexpr std::uint32_t ChannelMask(int channels, bool mono_as_stereo_mask) noexcept {
   switch (channels) {
     case 1:

@@ -1,5 +1,4 @@
-// The base of a COM object that no class identifier makes and no outer object contains: one
-// interface, and nothing else to ask for.
+// The base of a COM object with one interface, without class identifier and aggregation.
 #pragma once
 
 #include <windows.h>
@@ -12,7 +11,7 @@
 
 namespace marlinda {
 
-// Lives on the heap. The reference it is born with belongs to whoever made it.
+// Lives on the heap. The creator owns the first reference.
 template <class Interface>
 class PlainObject : public Interface {
  public:

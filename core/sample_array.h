@@ -1,5 +1,4 @@
-// Sample blocks: the view through which the engine reaches the floats of a caller's SAFEARRAY, and
-// the arrays that the engine itself hands to readers and writers.
+// Sample blocks: a view of the floats in a caller's SAFEARRAY, and an array that the engine owns.
 #pragma once
 
 #include <windows.h>
@@ -49,11 +48,10 @@ class SampleArray {
 
   SAFEARRAY* get() const noexcept { return array_; }
 
-  // Hands the array over to who is to destroy it.
+  // Transfers ownership to the caller.
   SAFEARRAY* Detach() noexcept { return std::exchange(array_, nullptr); }
 
-  // Read afresh from the descriptor: a callee that resized the array against the rules must not
-  // make us read past its end.
+  // Reads the size from the descriptor each time, because a callee can resize the array.
   std::span<float> samples() const noexcept;
 
  private:

@@ -1,5 +1,5 @@
-// An array of floats that serves many reads of different sizes in turn: a fresh array for each
-// read would cost more than the read.
+// An array of floats that is reused for reads of different sizes. A new array for each read would
+// cost more than the read.
 #pragma once
 
 #include <windows.h>
@@ -14,8 +14,8 @@
 
 namespace marlinda {
 
-// The array is locked for as long as it lives, so a callee that wants to resize or destroy it
-// against the rules is refused by the system.
+// The array is locked for its whole life, so that the system refuses a callee that resizes or
+// destroys it.
 class ScratchArray {
  public:
   // Throws std::bad_alloc.
@@ -28,7 +28,7 @@ class ScratchArray {
   // also when the count exceeds what an array can hold.
   SAFEARRAY* Prepare(std::size_t count);
 
-  // What the array holds, never more than it was prepared for.
+  // The samples, never more than the array was prepared for.
   std::span<float> samples() noexcept;
   std::span<const float> samples() const noexcept;
 
@@ -41,8 +41,7 @@ class ScratchArray {
   std::size_t count_ = 0;
 };
 
-// Keeps one scratch array between calls. Calls that run at once or within each other each get an
-// array of their own.
+// Keeps one scratch array between calls. Concurrent and nested calls get one array each.
 class ScratchCache {
  public:
   ScratchCache() noexcept = default;

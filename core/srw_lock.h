@@ -1,5 +1,5 @@
 // A reader-writer lock of the system, for std::shared_lock and std::unique_lock: the standard's own
-// is many times dearer under mingw. It does not nest on one thread.
+// is much slower under mingw. Not recursive.
 #pragma once
 
 #include <windows.h>

@@ -22,11 +22,11 @@ struct BstrTraits {
 // Owns a BSTR, such as one received from a method.
 using OwnedBstr = Handle<BstrTraits>;
 
-// A BSTR that came in, as ANSI text. A null BSTR is the empty string, as everywhere in automation.
+// A BSTR as ANSI text. A null BSTR is the empty string, as everywhere in automation.
 std::string ToAnsi(BSTR text);
 
-// Text that a file holds in UTF-8, as ANSI text. Text that is no UTF-8 comes back unchanged: older
-// programs wrote such fields in the code page.
+// UTF-8 text of a file as ANSI text. Text that is not UTF-8 is returned unchanged: older programs
+// wrote such fields in the code page.
 std::string Utf8ToAnsi(std::string_view text);
 
 // ANSI text as a new BSTR that the caller frees, in the code page of the thread's locale unless

@@ -14,8 +14,8 @@ struct Parameter {
   enum class Role { kIn, kOut, kResult };
 
   Role role = Role::kIn;
-  // What travels, without the pointer of an out parameter. VT_ARRAY stands for an array of
-  // `element`, VT_DISPATCH and VT_UNKNOWN for an interface pointer.
+  // The type of the value; of an out parameter, the type that it points to. VT_ARRAY means an array
+  // of `element`, VT_DISPATCH and VT_UNKNOWN an interface pointer.
   VARTYPE type = VT_EMPTY;
   VARTYPE element = VT_EMPTY;
   IID iid = {};
@@ -35,7 +35,7 @@ HRESULT FindTypeInfo(REFGUID guid, ITypeInfo** info) noexcept;
 // The methods of the dual interface `iid`, valid until ReleaseTypeInfo. Throws HResultError.
 const MethodTable& MethodsOf(REFIID iid);
 
-// Lets go of everything; called when the module is unloaded, when no object is left to use it.
+// Releases all type information. Called when the module is unloaded and no object is left.
 void ReleaseTypeInfo() noexcept;
 
 }  // namespace marlinda

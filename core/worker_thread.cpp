@@ -27,8 +27,8 @@ DWORD WINAPI Run(void* parameter) noexcept {
       return S_OK;
     });
   }
-  // The count is gone with the job, so the host may let go of the module from here on. Our own
-  // reference keeps the code loaded until the thread has left it.
+  // The count ended with the job, so the host may free the module from here on. The reference keeps
+  // the code loaded until the thread has left it.
   FreeLibraryAndExitThread(module, 0);
 }
 
@@ -53,7 +53,7 @@ HRESULT WorkerThread::StartJob(std::function<void()> body) {
     FreeLibrary(job->module);
     return hr;
   }
-  static_cast<void>(job.release());  // the thread's now
+  static_cast<void>(job.release());  // owned by the thread
   ResumeThread(thread_.get());
   return S_OK;
 }

@@ -18,18 +18,17 @@ class WorkerThread {
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};
 
   WorkerThread() noexcept = default;
-  // Waits for the body to end. On the worker itself, where waiting would never end, lets it run
-  // out.
+  // Waits for the body to end, except on the worker itself, where waiting would never end.
   ~WorkerThread();
   WorkerThread(const WorkerThread&) = delete;
   WorkerThread& operator=(const WorkerThread&) = delete;
 
   // Starts the body; the HRESULT of the system when no thread could be made. A thread that has
   // ended is replaced. E_FAIL while one is running. An exception of the body ends the thread
-  // quietly.
+  // without a report.
   template <class Body>
   HRESULT Start(Body body) noexcept {
-    // In here, because the function's memory may run out.
+    // Inside ComCall, because making the std::function can fail for lack of memory.
     return ComCall([&] { return StartJob(std::move(body)); });
   }
 
@@ -37,8 +36,7 @@ class WorkerThread {
   bool IsRunning() const noexcept;
 
   // Polls every `milliseconds` until the body has ended, or for about `at_most` milliseconds; false
-  // when it still runs then. Returns true at once on the worker itself, which cannot outlast its
-  // own end.
+  // when it still runs then. Returns true at once on the worker itself.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
   // Gives up the thread, for a body that waits in foreign code and may never return. The module

@@ -1,10 +1,9 @@
-// Which vector instructions the kernels use: chosen when the program runs, so that one module
-// serves every processor.
+// The level of vector instructions that the kernels use, chosen at run time.
 #pragma once
 
 namespace marlinda {
 
-// Each level gives the same results, bit for bit; the lowest one is written to be read.
+// Each level gives the same results, bit for bit.
 enum class CpuLevel { kScalar, kSse2, kAvx2 };
 
 // The highest level of this processor. AVX2 counts only together with FMA and with a system that

@@ -7,13 +7,12 @@
 
 namespace marlinda {
 
-// Extremes are kept as pairs (lowest, highest), one for each channel. These stand for no samples at
-// all: they change nothing when they are added to others.
+// Extremes are pairs (lowest, highest), one for each channel. These are the extremes of no samples.
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both lower and raise the pairs where a sample or peak is less or greater, one after the other. So
-// a NaN is passed over, and of two equal zeros the first one stays.
+// Both compare one value after the other and replace a pair's element only by a smaller or greater
+// one. So NaN is skipped, and of 0.0 and -0.0 the first one stays.
 //
 // By interleaved samples, whole frames.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;

@@ -1,5 +1,5 @@
-// IPeakSummary: how a source of peaks says what stretches of them come to, without handing out each
-// peak. Private: no type library names it, and a source can do without.
+// IPeakSummary: gives the extremes of ranges of peaks without copying each peak. Private and
+// optional: no type library describes it.
 #pragma once
 
 #include <marlinda.h>
@@ -10,12 +10,12 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("b8a0b9a5-3c3b-4f0f-8a38-6de1f4f9c2d7") IPeakSummary : public IUnknown {
-  // The stretches follow each other: the first begins at the peak `first`, stretch i ends before
-  // the peak ends[i]. Of each it writes the pairs (lowest, highest), one for each of `channels`,
-  // that ReadPeaks and a comparison of one peak after the other would give.
+  // The ranges follow each other: the first begins at peak `first`, range i ends before peak
+  // ends[i]. For each range writes one pair (lowest, highest) per channel: the result of ReadPeaks
+  // and a comparison of one peak after the other.
   //
-  // Fails without saying why when ReadPeaks has to do: so also when `peaks` is not this object's
-  // own interface, because an outer object answers for it.
+  // On failure, use ReadPeaks instead. Fails also when `peaks` is not this object's own interface,
+  // because an outer object replaces it.
   virtual HRESULT STDMETHODCALLTYPE SummarizePeaks(IPeakReader* peaks, std::size_t channels,
                                                    std::int64_t first,
                                                    std::span<const std::int64_t> ends,

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include "core/module.h"
 #include "tests/support/test_object.h"
@@ -60,6 +61,7 @@ TEST_F(WorkerThreadTest, SurvivesAnExceptionOfItsBody) {
 }
 
 TEST_F(WorkerThreadTest, WaitsForItsBodyWhenItIsDestroyed) {
+  std::jthread later;
   {
     WorkerThread worker;
     ASSERT_EQ(worker.Start([shared = shared_] {
@@ -67,7 +69,11 @@ TEST_F(WorkerThreadTest, WaitsForItsBodyWhenItIsDestroyed) {
       ++shared->runs;
     }),
               S_OK);
-    SetEvent(shared_->go.get());
+    // The delay only makes it likely that the destructor is reached first.
+    later = std::jthread([this] {
+      Sleep(100);
+      SetEvent(shared_->go.get());
+    });
   }
   EXPECT_EQ(shared_->runs, 1);
   EXPECT_EQ(shared_.use_count(), 1) << "the body releases what it holds";
