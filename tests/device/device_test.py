@@ -1,163 +1,170 @@
 """Compares what the speaker gets with what was played, and recordings with what went into the
-microphone, bit for bit; and takes the sound server away from a program that uses it.
+microphone, sample by sample, also across a time in which the sound server is stopped.
 
-Called inside a Wine session: device_test.py device_tool.exe [unittest arguments]
+Called inside a Wine session: device_test.py sound_tool.exe [unittest arguments]
 """
 
 import array
+import math
 import os
 import pathlib
+import signal
 import struct
-import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from sound import FRAME_BYTES, RATE, SILENCE, Speaker, kill_server, sound_server, without_silence
+from sound import RATE, SoundTool, Speaker, sound_server, wait_until, without_silence
 
 TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
-WINE = os.environ["TESSALY_WINE"]
 SECONDS = int(os.environ.get("TESSALY_DEVICE_SECONDS", "10"))
+STALL = 8  # seconds for which the server is stopped
 
 
-def start(environment, *words):
-    return subprocess.Popen([WINE, TOOL, *(str(word) for word in words)], env=environment,
-                            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+def codes(samples):
+    """The signal that the tool plays, as parts of 32767."""
+    period = [k if k < 0 else k + 1 for k in (n * 7919 % 60000 - 30000 for n in range(60000))]
+    return (period * (samples // 60000 + 1))[:samples]
 
 
-def finish(tool, timeout, words=None):
-    """What the tool still says; a tool that does not end is ended."""
-    try:
-        return tool.communicate(words, timeout=timeout)[0]
-    except subprocess.TimeoutExpired:
-        tool.kill()
-        tool.communicate()
-        raise
+def as_float(value):
+    return struct.unpack("f", struct.pack("f", value))[0]
 
 
-def windows_path(path):
-    return "Z:" + str(path).replace("/", "\\")
+# What the speaker gets for a code, by width. The system converts 24 bits to 16.
+PLAYED = {8: lambda code: (math.floor(as_float(code / 32767) * 127 + 128.5) - 128) / 128,
+          16: lambda code: code / 32768,
+          24: lambda code: (int(as_float(code / 32767) * 2**31) >> 16) / 32768,
+          32: lambda code: code / 32767}
 
 
-def known_signal(frames, full_scale):
-    """The signal that the tool plays; no frame of it is silent, and it repeats after 60001 samples."""
-    period = array.array("f", ((n * 7919 % 60001 - 30000) / full_scale for n in range(60001)))
-    size = frames * FRAME_BYTES
-    return (period.tobytes() * (size // (4 * len(period)) + 1))[:size]
-
-
-def equal_frames(one, other):
+def equal_frames(one, other, frame_bytes):
     """How many frames are the same from the start."""
-    for at in range(0, min(len(one), len(other)), FRAME_BYTES):
-        if one[at:at + FRAME_BYTES] != other[at:at + FRAME_BYTES]:
-            return at // FRAME_BYTES
-    return min(len(one), len(other)) // FRAME_BYTES
+    frames = min(len(one), len(other)) // frame_bytes
+    for frame in range(frames):
+        if one[frame * frame_bytes:(frame + 1) * frame_bytes] != other[frame * frame_bytes:(frame + 1) * frame_bytes]:
+            return frame
+    return frames
 
 
 class PlayTest(unittest.TestCase):
-    def play(self, bits, block, frames, *words, pause=None):
-        with sound_server(pipes=True) as environment:
+    def check(self, bits, channels, frames, pause=None):
+        with sound_server(pipes=True, channels=channels) as environment:
             speaker = Speaker(environment, pause)
-            tool = start(environment, "play", bits, block, frames, *words)
-            finish(tool, frames / RATE * 5 + 60)
-            self.assertEqual(tool.returncode, 0)
-        return without_silence(speaker.close())
+            with SoundTool(TOOL, environment, "play", bits, channels, 1764, frames) as tool:
+                tool.finish()
+        got = without_silence(speaker.close(), 4 * channels)
+        played = array.array("f", map(PLAYED[bits], codes(frames * channels))).tobytes()
+        expected = without_silence(played, 4 * channels)
+        if bits == 8:
+            # The system plays some samples of its own after the end.
+            got = got[:len(expected)]
+        if bits == 24:
+            # The system's conversion keeps the last frame to itself.
+            expected = expected[:len(got)]
+            self.assertGreaterEqual(len(got), 4 * channels * (frames - 1))
+        same = equal_frames(got, expected, 4 * channels)
+        self.assertEqual((len(got), 4 * channels * same), (len(expected), len(expected)), "bytes got, and equal ones")
 
-    def check(self, bits, block, frames, full_scale):
-        got = self.play(bits, block, frames)
-        same = equal_frames(got, known_signal(frames, full_scale))
-        self.assertEqual((len(got) // FRAME_BYTES, same), (frames, frames),
-                         f"{bits} bits: frames got, and how many from the start are right")
+    def test_every_width_and_channel_count_reaches_the_speaker_unchanged(self):
+        # The system makes stereo of six channels of integers.
+        for bits, channels in ((8, 1), (8, 2), (16, 1), (24, 1), (24, 2), (32, 1), (32, 2), (32, 6)):
+            with self.subTest(bits=bits, channels=channels):
+                self.check(bits, channels, RATE // 2)
 
-    def test_a_wave_writer_records_what_reaches_the_speaker(self):
-        frames = RATE
-        with tempfile.TemporaryDirectory() as folder:
-            path = pathlib.Path(folder) / "played.wav"
-            got = self.play(32, 3001, frames, windows_path(path))
-            recorded = path.read_bytes()
-        # The tool plays one and a half seconds of silence before and after.
-        silence = SILENCE * (RATE * 3 // 2)
-        played = silence + known_signal(frames, 32767) + silence
-        self.assertEqual(recorded[:44], b"RIFF" + struct.pack("<I", 36 + len(played)) + b"WAVEfmt " +
-                         struct.pack("<IHHIIHH", 16, 3, 2, RATE, RATE * 8, 8, 32) + b"data" +
-                         struct.pack("<I", len(played)))
-        self.assertTrue(recorded[44:] == played, "samples in the file")
-        self.assertTrue(got == known_signal(frames, 32767), "samples at the speaker")
+    def test_a_long_playback_has_no_gap(self):
+        self.check(16, 2, SECONDS * RATE)
 
-    def test_floats_reach_the_speaker_bit_for_bit(self):
-        # Blocks of an odd length, the last one shorter.
-        self.check(32, 3001, 2 * RATE, full_scale=32767)
-
-    def test_a_device_that_stands_still_for_a_while_is_not_taken_for_lost(self):
-        # Every block is taken and the end is waited for. What the system itself drops in such a case
-        # is not looked at.
-        heard = self.play(16, 1764, 2 * RATE, pause=(RATE // 4, 2.5))
-        self.assertGreater(len(heard) // FRAME_BYTES, RATE // 4)
-
-    def test_sixteen_bits_reach_the_speaker_without_a_gap(self):
-        # The module writes the codes; the speaker reads them as parts of 32768.
-        self.check(16, 1764, SECONDS * RATE, full_scale=32768)
+    def test_a_playback_goes_on_without_loss_after_a_stall(self):
+        self.check(16, 2, 4 * RATE, pause=(RATE // 4, STALL))
 
 
 class RecordTest(unittest.TestCase):
-    """Recorded into a pool and read back. The microphone gets no more than 80 ms ahead of what has been
-    read, for the system's own recording buffer holds 100 ms and drops what is too much."""
-
-    def record(self, bits, read_frames, fed):
-        frames = len(fed) // FRAME_BYTES
+    def check(self, bits, channels, frames):
+        """The microphone gets no more than 80 ms ahead of what has been read, because the system's recording
+        buffer holds 100 ms and drops the rest."""
         ahead = RATE * 80 // 1000
-        with tempfile.TemporaryDirectory() as folder, sound_server(pipes=True) as environment:
+        fed_channels = min(channels, 2)
+        frame_bytes = 4 * fed_channels
+        # The silence at the end fills the last buffers of the device.
+        source = [code / 32768 for code in codes(frames * fed_channels)]
+        fed = array.array("f", source).tobytes() + bytes(2 * ahead * frame_bytes)
+        with tempfile.TemporaryDirectory() as folder, \
+                sound_server(pipes=True, channels=fed_channels) as environment:
             path = pathlib.Path(folder) / "recorded"
-            tool = start(environment, "record", bits, read_frames, frames,
-                         windows_path(path))
-            # What the last buffers of the device are filled up with.
-            fed += SILENCE * 2 * ahead
-            sent = 0
-            with open(environment["TESSALY_MICROPHONE"], "wb", buffering=0) as microphone:
-                for line in tool.stdout:
-                    due = (int(line) + ahead) * FRAME_BYTES
-                    while sent < due and sent < len(fed):
-                        sent += microphone.write(fed[sent:min(due, sent + 4096)])
-            finish(tool, 60)
-            self.assertEqual(tool.returncode, 0)
-            return path.read_bytes()
+            with SoundTool(TOOL, environment, "record", bits, channels, 1001, frames, "Z:" + str(path)) as tool:
+                sent = 0
+                with open(environment["TESSALY_MICROPHONE"], "wb", buffering=0) as microphone:
+                    for line in tool.lines():
+                        due = min((int(line) + ahead) * frame_bytes, len(fed))
+                        while sent < due:
+                            sent += microphone.write(fed[sent:min(due, sent + 4096)])
+                tool.finish()
+            got = path.read_bytes()
+        scale = 32768 / 32767 if bits == 16 else 1
+        if channels == 6:
+            # The server spreads stereo over six channels.
+            pairs = zip(source[0::2], source[1::2])
+            source = [sample for left, right in pairs for sample in (left, right, (left + right) / 2, 0, left, right)]
+        expected = array.array("f", [sample * scale for sample in source]).tobytes()
+        same = equal_frames(got, expected, 4 * channels)
+        self.assertEqual((len(got), same), (len(expected), frames), "bytes got, and equal frames")
 
-    def check(self, bits, scale):
-        frames = SECONDS // 2 * RATE
-        got = self.record(bits, 1001, known_signal(frames, 32768))
-        same = equal_frames(got, known_signal(frames, scale))
-        self.assertEqual((len(got) // FRAME_BYTES, same), (frames, frames),
-                         f"{bits} bits: frames got, and how many from the start are right")
+    def test_every_width_and_channel_count_is_recorded_unchanged(self):
+        # The system delivers nothing for six channels of 16 bits.
+        for bits, channels in ((16, 1), (24, 1), (24, 2), (24, 6), (32, 1), (32, 2), (32, 6)):
+            with self.subTest(bits=bits, channels=channels):
+                self.check(bits, channels, RATE // 2)
 
-    def test_sixteen_bits_are_recorded_as_they_are_across_device_buffers(self):
-        self.check(16, 32767)
-
-    def test_floats_are_recorded_as_they_are_across_device_buffers(self):
-        self.check(32, 32768)
+    def test_a_long_recording_has_no_gap(self):
+        self.check(16, 2, SECONDS // 2 * RATE)
 
 
-class LostServerTest(unittest.TestCase):
-    MOST = 30000  # seconds until a device counts as lost, and what a busy machine takes
+class StallTest(unittest.TestCase):
+    def repeat(self, how, period):
+        """Stalls a document whose sound repeats after `period` frames."""
+        with sound_server(pipes=True) as environment:
+            speaker = Speaker(environment, pause=(RATE // 2, STALL))
+            with SoundTool(TOOL, environment, "document", how) as tool:
+                wait_until(lambda: speaker.pause is None, "the stall")
+                after_stall = len(speaker.got)
+                # More than what was queued before the stall.
+                wait_until(lambda: len(speaker.got) > after_stall + 3 * RATE * 8, "sound after the stall")
+                tool.order()
+                tool.finish()
+        got = without_silence(speaker.close())
+        # The first passes of the scrubber fade in.
+        got = got[3 * period * 8:]
+        self.assertGreater(len(got), RATE * 8)
+        same = equal_frames(got, got[period * 8:], 8)
+        self.assertEqual(same, len(got) // 8 - period)
 
-    def lose(self, how):
+    def test_a_loop_goes_on_without_loss_after_a_stall(self):
+        self.repeat("loop", 10)
+
+    def test_scrubbing_goes_on_without_loss_after_a_stall(self):
+        self.repeat("scrub", RATE // 20)
+
+    def test_calls_of_a_user_interface_return_while_the_server_is_stopped(self):
         with sound_server(pipes=False) as environment:
-            tool = start(environment, "lose", how)
-            self.assertEqual(tool.stdout.readline().split(), [b"ready"])
-            kill_server(environment)
-            output = finish(tool, 120, b"\n")
-            self.assertEqual(tool.returncode, 0, how)
-        told = dict(line.split() for line in output.decode().splitlines())
-        for name, value in told.items():
-            self.assertLess(int(value), self.MOST, (how, name))
-        return told
-
-    def test_a_writer_and_who_asks_whether_all_is_played_notice_a_lost_device_themselves(self):
-        for how in ("write", "drain"):
-            told = self.lose(how)
-            # Not before a slow device could have gone on.
-            self.assertGreater(int(told["noticed"]), 4000, how)
-            self.assertEqual((told["refused"], told["idle"]), ("1", "1"), how)
+            uses = [SoundTool(TOOL, environment, "use", use, "break", 440) for use in ("playback", "drain", "document")]
+            for tool in uses:
+                self.assertEqual(tool.ask("start"), {"started": 1})
+            os.kill(int(environment["TESSALY_SOUND_SERVER_PID"]), signal.SIGSTOP)
+            try:
+                threading.Event().wait(STALL)
+                for tool in uses:
+                    tool.ask("ask")
+                self.assertEqual(uses[0].ask("end"), {"refused": 1})
+                for tool in uses:
+                    tool.ask("ask")
+            finally:
+                os.kill(int(environment["TESSALY_SOUND_SERVER_PID"]), signal.SIGCONT)
+            for tool in uses:
+                with tool:
+                    tool.finish()
 
 
 if __name__ == "__main__":

@@ -26,9 +26,9 @@ PATIENCE = 120  # seconds; for what takes a moment on an idle machine
 
 
 @contextlib.contextmanager
-def sound_server(pipes):
+def sound_server(pipes, channels=2):
     """The environment of a sound server, whose speaker and microphone are pipes or a null sink."""
-    environment = dict(os.environ, TESSALY_SOUND_PIPES="1" if pipes else "")
+    environment = dict(os.environ, TESSALY_SOUND_PIPES="1" if pipes else "", TESSALY_SOUND_CHANNELS=str(channels))
     program = ("import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); "
                "sys.stdin.read()")
     server = subprocess.Popen([SESSION, sys.executable, "-c", program], env=environment,
@@ -56,24 +56,26 @@ def wait_for_stream(environment, kind):
                                       stdin=subprocess.DEVNULL, stdout=subprocess.PIPE).stdout, kind)
 
 
-def without_silence(samples):
+def without_silence(samples, frame_bytes=FRAME_BYTES):
     """The frames that are not silent."""
+    silence = bytes(frame_bytes)
     sound = bytearray()
-    for begin in range(0, len(samples), 4096):
-        piece = samples[begin:begin + 4096]
-        if SILENCE in piece:
-            piece = b"".join(piece[at:at + FRAME_BYTES] for at in range(0, len(piece), FRAME_BYTES)
-                             if piece[at:at + FRAME_BYTES] != SILENCE)
+    for begin in range(0, len(samples), 512 * frame_bytes):
+        piece = samples[begin:begin + 512 * frame_bytes]
+        if silence in piece:
+            piece = b"".join(piece[at:at + frame_bytes] for at in range(0, len(piece), frame_bytes)
+                             if piece[at:at + frame_bytes] != silence)
         sound += piece
     return bytes(sound)
 
 
 class Speaker:
     """Reads the speaker's pipe at the pace of real time, or later, while its server lives. Nothing comes
-    while nobody plays. A pause is (frame, seconds): so long the server stands still once as many frames
+    while nobody plays. A pause is (frame, seconds): the server is stopped for so long once as many frames
     that are not silent have come."""
 
     def __init__(self, environment, pause=None):
+        self.frame_bytes = 4 * int(environment["TESSALY_SOUND_CHANNELS"])
         self.pipe = os.open(environment["TESSALY_SPEAKER"], os.O_RDONLY | os.O_NONBLOCK)
         os.set_blocking(self.pipe, True)
         self.got = bytearray()
@@ -86,7 +88,7 @@ class Speaker:
         begun = time.monotonic()
         heard = total = 0
         while True:
-            due = int((time.monotonic() - begun) * RATE) * FRAME_BYTES - total
+            due = int((time.monotonic() - begun) * RATE) * self.frame_bytes - total
             if due < 4096:
                 time.sleep(0.01)
                 continue
@@ -100,7 +102,7 @@ class Speaker:
             total += len(piece)
             self.got += piece
             if self.pause:
-                heard += len(without_silence(piece)) // FRAME_BYTES
+                heard += len(without_silence(piece, self.frame_bytes)) // self.frame_bytes
                 if heard > self.pause[0]:
                     os.kill(self.server, signal.SIGSTOP)
                     time.sleep(self.pause[1])
@@ -147,6 +149,45 @@ class Microphone:
         """To be called when the sound server is gone."""
         self.thread.join()
         self.pipe.close()
+
+
+class SoundTool:
+    """A run of sound_tool.exe, `program`, with the words as its arguments."""
+
+    def __init__(self, program, environment, *words):
+        self.words = [str(word) for word in words]
+        self.name = " ".join(self.words)
+        self.process = subprocess.Popen([os.environ["TESSALY_WINE"], program, *self.words], env=environment,
+                                        text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.communicate()
+
+    def lines(self):
+        return self.process.stdout
+
+    def order(self, word=""):
+        self.process.stdin.write(word + "\n")
+        self.process.stdin.flush()
+
+    def answer(self):
+        """An answer that never comes hangs the test, which CTest then ends."""
+        line = self.process.stdout.readline()
+        assert line, f"{self.name} has died"
+        return {name: int(value) for name, value in (word.split("=") for word in line.split())}
+
+    def ask(self, word):
+        self.order(word)
+        return self.answer()
+
+    def finish(self):
+        """Ends the input and waits for the program; it fails if objects or threads are left."""
+        self.process.communicate()
+        assert self.process.returncode == 0, f"{self.name} ended with {self.process.returncode}"
 
 
 class ChangingServer:

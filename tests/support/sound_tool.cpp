@@ -1,0 +1,413 @@
+// Uses sound devices, which the calling test stops, kills and takes away meanwhile:
+//   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
+//   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
+//   sound_tool document mask    66000 frames between silences, the left channel only
+//   sound_tool document loop    frames 100 to 110 over and over, until a line comes in
+//   sound_tool document modify  frames 2000 to 7000 over and over, then 50 to 777, a line each
+//   sound_tool document scrub   the block around frame 10000, until a line comes in
+//   sound_tool use playback|drain|document|scrubber|cursor|recorder ENDING HERTZ
+// `use` reads orders, one a line, and answers each with a line of "name=number" words:
+//   start  started=1 if the device was opened
+//   works  waits until sound has passed
+//   ask    calls what a user interface polls
+//   end    ends the use by ENDING, which is break, close, stop, release or watch, which only joins
+//          the thread; refused=1 if a thread
+//          that waited has failed with E_FAIL
+//   idle   waits until nothing plays any more
+// The end of the input ends the program. Its status is 1 if objects or threads are left.
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <numbers>
+#include <optional>
+#include <thread>
+
+#include "tests/edit/document.h"
+
+namespace marlinda::testing {
+namespace {
+
+constexpr LONG kRate = 44100;
+constexpr std::size_t kChannels = 2;
+
+template <class... Arguments>
+void Say(const char* format, Arguments... arguments) {
+  std::printf(format, arguments...);
+  std::fflush(stdout);
+}
+
+void AwaitLine() {
+  std::string line;
+  std::getline(std::cin, line);
+}
+
+// Sample n of the interleaved signal. Never 0, so that silence can be told apart.
+float Signal(__int64 n) {
+  const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
+  return static_cast<float>(k < 0 ? k : k + 1) / 32767.0F;
+}
+
+// The first device and not the mapper, which converts formats to stereo of 16 bits.
+constexpr LONG kFirstDevice = 0;
+
+ComPtr<IAudioWriter> Speaker(SHORT bits, SHORT channels = kChannels, LONG milliseconds = 1000) {
+  const auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
+  playback->SetFormat(kRate, channels, bits);
+  playback->SetDevice(kFirstDevice);
+  playback->SetBufferLength(milliseconds);
+  return As<IAudioWriter>(playback);
+}
+
+ComPtr<IAudioReader> Microphone(SHORT bits, SHORT channels = kChannels) {
+  const auto grabber = Create<IAudioGrabber>(CLSID_CAudioGrabber);
+  grabber->SetFormat(kRate, channels, bits);
+  grabber->SetDevice(kFirstDevice);
+  return As<IAudioReader>(grabber);
+}
+
+bool IsReady(const ComPtr<IAudioWriter>& writer) {
+  LONG ready = 0;
+  Check(writer->QueryIsReady(&ready));
+  return ready != 0;
+}
+
+void Play(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t frames) {
+  const auto writer = Speaker(bits, channels);
+  Check(writer->OpenDevice());
+  // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
+  // played some milliseconds before they are.
+  const auto width = static_cast<std::size_t>(channels);
+  const Floats silence(width * kRate);
+  Check(writer->WriteAudio(silence));
+  for (std::size_t frame = 0; frame < frames; frame += block_frames) {
+    const Floats block(width * std::min(block_frames, frames - frame));
+    for (std::size_t i = 0; i < block.values().size(); ++i) {
+      block[i] = Signal(static_cast<__int64>(width * frame + i));
+    }
+    Check(writer->WriteAudio(block));
+  }
+  Check(writer->WriteAudio(silence));
+  while (!IsReady(writer)) Sleep(10);
+  Check(writer->CloseDevice());
+}
+
+void Record(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t frames,
+            const std::string& path) {
+  const auto reader = Microphone(bits, channels);
+  std::ofstream file(path, std::ios::binary);
+  Check(reader->OpenDevice());
+  Say("0\n");
+  for (std::size_t frame = 0; frame < frames; frame += block_frames) {
+    const std::size_t wanted = std::min(block_frames, frames - frame);
+    const Floats block(static_cast<std::size_t>(channels) * wanted);
+    Check(reader->ReadAudio(0, block));
+    const auto bytes = std::as_bytes(block.values());
+    file.write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+    Say("%u\n", static_cast<unsigned>(frame + wanted));
+  }
+  Check(reader->CloseDevice());
+}
+
+// The signal, or a tone.
+class SoundSource final : public RampSource {
+ public:
+  explicit SoundSource(float (*sample)(int, __int64), int hertz = 0)
+      : RampSource('A', kChannels, nullptr, kRate), sample_(sample), hertz_(hertz) {}
+  STDMETHODIMP ReadAudio(__int64 position, SAFEARRAY* samples) override {
+    auto* const out = static_cast<float*>(samples->pvData);
+    for (ULONG i = 0; i < samples->rgsabound[0].cElements; ++i) {
+      out[i] = sample_(hertz_, static_cast<__int64>(kChannels) * position + i);
+    }
+    return S_OK;
+  }
+
+ private:
+  float (*const sample_)(int, __int64);
+  const int hertz_;
+};
+
+void Append(const Document& document, SoundSource* fresh, __int64 frames) {
+  ComPtr<RampSource> source;
+  *source.GetAddressOf() = fresh;
+  document.Append(source, 0, frames);
+}
+
+bool IsPlaying(const Document& document) {
+  VARIANT_BOOL playing = VARIANT_TRUE;
+  __int64 position = 0;
+  Check(document->GetPlayStatus(&playing, &position));
+  return playing != VARIANT_FALSE;
+}
+
+void PlayDocument(const std::string& how) {
+  constexpr __int64 kFrames = 66'000;
+  const Document document;
+  document->SetFormat(kRate, kChannels, 32);
+  const bool mask = how == "mask";
+  if (mask) document->AppendSegment(nullptr, 0, kRate / 2);
+  Append(document, new SoundSource([](int, __int64 n) { return Signal(n); }), kFrames);
+  if (mask) {
+    document->AppendSegment(nullptr, 0, kRate);
+    Check(document->Play(0, document.Length(), 1, VARIANT_FALSE));
+    while (IsPlaying(document)) Sleep(10);
+  } else if (how == "scrub") {
+    const auto scrub = As<IScrubSupport>(document.edit);
+    Check(scrub->StartScrub());
+    Check(scrub->SetScrubPosition(10'000));
+    AwaitLine();
+    Check(scrub->StopScrub());
+  } else if (how == "loop") {
+    Check(document->Play(100, 110, 3, VARIANT_TRUE));
+    AwaitLine();
+    Check(document->StopPlay());
+  } else if (how == "modify") {
+    Check(document->Play(2000, 7000, 3, VARIANT_TRUE));
+    AwaitLine();
+    Check(document->ModifyPlaySection(50, 777));
+    AwaitLine();
+    Check(document->StopPlay());
+  }
+}
+
+constexpr std::size_t kToneFrames = kRate / 10;
+constexpr float kLoudness = 0.05F;
+
+// Half a block holds whole periods of a multiple of 20 Hz, so that blocks join, also where the
+// scrubber overlaps halves of them.
+float Tone(int hertz, __int64 n) {
+  const auto frame = n / static_cast<__int64>(kChannels);
+  const auto in_period = static_cast<double>(frame * hertz % kRate) / kRate;
+  return kLoudness * static_cast<float>(std::sin(2 * std::numbers::pi * in_period));
+}
+
+struct ToneBlock : Floats {
+  explicit ToneBlock(int hertz) : Floats(kChannels * kToneFrames) {
+    for (std::size_t i = 0; i < values().size(); ++i) {
+      (*this)[i] = Tone(hertz, static_cast<__int64>(i));
+    }
+  }
+};
+
+// One way to use a device, which can be started again after each end.
+class Use {
+ public:
+  virtual ~Use() = default;
+  virtual HRESULT Start() = 0;
+  virtual void Ask() {}
+  virtual void End(const std::string& ending) = 0;
+  virtual bool Works() { return true; }
+  virtual bool Idle() { return true; }
+};
+
+// A thread that calls an object over and over.
+class Caller {
+ public:
+  template <class Call>
+  void Start(Call call) {
+    leaving_ = false;
+    thread_ = std::thread([this, call] {
+      do {
+        last_ = call();
+      } while (SUCCEEDED(last_) && !leaving_);
+    });
+  }
+  // The thread makes no further call.
+  void Leave() { leaving_ = true; }
+  void Join() {
+    if (!thread_.joinable()) return;
+    thread_.join();
+    Say("refused=%d ", last_ == E_FAIL ? 1 : 0);
+  }
+
+ private:
+  std::thread thread_;
+  std::atomic<bool> leaving_{false};
+  std::atomic<HRESULT> last_{S_OK};
+};
+
+class Playback final : public Use {
+ public:
+  Playback(bool writes, int hertz) : writes_(writes), block_(hertz) {}
+  HRESULT Start() override {
+    if (!writer_) writer_ = Speaker(16, kChannels, writes_ ? 1000 : 60'000);
+    const HRESULT hr = writer_->OpenDevice();
+    if (!writes_) {
+      for (int i = 0; i < 20 && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block_));
+    } else {
+      producer_.Start([this, writer = writer_] { return writer->WriteAudio(block_); });
+    }
+    return hr;
+  }
+  void Ask() override {
+    const auto playback = As<IAudioPlayback>(writer_);
+    __int64 position = 0;
+    float level = 0;
+    Check(playback->GetPlaybackPos(&position));
+    Check(playback->GetOutputLevel(0, &level));
+    IsReady(writer_);
+  }
+  void End(const std::string& ending) override {
+    if (ending == "break") As<IAudioPlayback>(writer_)->Break();
+    if (ending == "close") writer_->CloseDevice();
+    if (ending == "release") {
+      producer_.Leave();
+      writer_.Reset();
+    }
+    producer_.Join();
+  }
+  bool Idle() override { return !writer_ || IsReady(writer_); }
+
+ private:
+  const bool writes_;
+  const ToneBlock block_;
+  ComPtr<IAudioWriter> writer_;
+  Caller producer_;
+};
+
+class Recorder final : public Use {
+ public:
+  HRESULT Start() override {
+    if (!reader_) reader_ = Microphone(16);
+    loud_blocks_ = 0;
+    const HRESULT hr = reader_->OpenDevice();
+    consumer_.Start([this, reader = reader_] {
+      const HRESULT read = reader->ReadAudio(0, block_);
+      if (SUCCEEDED(read) && std::ranges::max(block_.values()) > kLoudness) ++loud_blocks_;
+      return read;
+    });
+    return hr;
+  }
+  // More than what may be left from the last time.
+  bool Works() override { return loud_blocks_ >= 10; }
+  void End(const std::string& ending) override {
+    if (ending == "close") reader_->CloseDevice();
+    consumer_.Join();
+  }
+
+ private:
+  const Floats block_{kChannels * kToneFrames};
+  ComPtr<IAudioReader> reader_;
+  std::atomic<int> loud_blocks_{0};
+  Caller consumer_;
+};
+
+class Scrubber final : public Use {
+ public:
+  explicit Scrubber(int hertz) : block_(hertz) {}
+  HRESULT Start() override {
+    if (!scrubber_) {
+      scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
+      writer_ = Speaker(16, kChannels, 100);
+    }
+    Check(scrubber_->Start(writer_.Get(), kToneFrames, kRate, kChannels));
+    return scrubber_->WriteBlock(block_);
+  }
+  void Ask() override { Check(scrubber_->WriteBlock(block_)); }
+  void End(const std::string& ending) override {
+    if (ending == "stop") scrubber_->Stop();
+    if (ending != "release") return;
+    scrubber_.Reset();
+    writer_.Reset();
+  }
+
+ private:
+  const ToneBlock block_;
+  ComPtr<IAudioScrubber> scrubber_;
+  ComPtr<IAudioWriter> writer_;
+};
+
+// Plays in a document, or scrubs in it.
+class InDocument final : public Use {
+ public:
+  InDocument(bool scrubs, int hertz) : scrubs_(scrubs), hertz_(hertz) {}
+  HRESULT Start() override {
+    if (!document_) {
+      document_.emplace();
+      (*document_)->SetFormat(kRate, kChannels, 16);
+      Append(*document_, new SoundSource(Tone, hertz_), kRate);
+    }
+    if (!scrubs_) return (*document_)->Play(0, kRate, 3, VARIANT_TRUE);
+    const auto scrub = As<IScrubSupport>(document_->edit);
+    Check(scrub->StartScrub());
+    return scrub->SetScrubPosition(kRate / 2);
+  }
+  bool Idle() override { return scrubs_ || !document_ || !IsPlaying(*document_); }
+  void Ask() override {
+    IsPlaying(*document_);
+    float level = 0;
+    Check((*document_)->GetOutputLevel(0, &level));
+    if (scrubs_) Check(As<IScrubSupport>(document_->edit)->SetScrubPosition(0));
+  }
+  void End(const std::string& ending) override {
+    if (ending == "release") {
+      document_.reset();
+    } else if (scrubs_) {
+      As<IScrubSupport>(document_->edit)->StopScrub();
+    } else {
+      (*document_)->StopPlay();
+    }
+  }
+
+ private:
+  const bool scrubs_;
+  const int hertz_;
+  std::optional<Document> document_;
+};
+
+std::unique_ptr<Use> MakeUse(const std::string& name, int hertz) {
+  if (name == "recorder") return std::make_unique<Recorder>();
+  if (name == "scrubber") return std::make_unique<Scrubber>(hertz);
+  if (name == "document" || name == "cursor") {
+    return std::make_unique<InDocument>(name == "cursor", hertz);
+  }
+  return std::make_unique<Playback>(name != "drain", hertz);
+}
+
+void Obey(Use& use, const std::string& ending) {
+  for (std::string order; std::getline(std::cin, order); Say("\n")) {
+    if (order == "start") Say("started=%d ", use.Start() == S_OK ? 1 : 0);
+    if (order == "ask") use.Ask();
+    if (order == "end") use.End(ending);
+    while (order == "works" && !use.Works()) Sleep(10);
+    while (order == "idle" && !use.Idle()) Sleep(10);
+  }
+}
+
+void Run(const std::vector<std::string>& words) {
+  const auto number = [&](std::size_t i) { return std::stoi(words.at(i)); };
+  const auto width = [&](std::size_t i) { return static_cast<SHORT>(number(i)); };
+  const auto count = [&](std::size_t i) { return static_cast<std::size_t>(number(i)); };
+  const std::string& command = words.at(0);
+  if (command == "play") {
+    Play(width(1), width(2), count(3), count(4));
+  } else if (command == "record") {
+    Record(width(1), width(2), count(3), count(4), words.at(5));
+  } else if (command == "document") {
+    PlayDocument(words.at(1));
+  } else {
+    Obey(*MakeUse(words.at(1), number(3)), words.at(2));
+  }
+}
+
+}  // namespace
+}  // namespace marlinda::testing
+
+int main(int argc, char** argv) {
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 2;
+  int status = 0;
+  try {
+    marlinda::testing::ModuleUnderTest::Load();
+    marlinda::testing::Run({argv + 1, argv + argc});
+  } catch (const marlinda::HResultError& error) {
+    std::fprintf(stderr, "failed: 0x%08lX\n", static_cast<unsigned long>(error.code()));
+    status = 1;
+  }
+  if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) status = 1;
+  CoUninitialize();
+  return status;
+}
