@@ -10,9 +10,9 @@
 //   start  started=1 if the device was opened
 //   works  waits until sound has passed
 //   ask    calls what a user interface polls
-//   end    ends the use by ENDING, which is break, close, stop, release or watch, which only joins
-//          the thread; refused=1 if a thread
-//          that waited has failed with E_FAIL
+//   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits for
+//          the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
+//   break  ends a use whose ENDING is watch while the device is there
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.
 #include <algorithm>
@@ -373,6 +373,7 @@ void Obey(Use& use, const std::string& ending) {
     if (order == "start") Say("started=%d ", use.Start() == S_OK ? 1 : 0);
     if (order == "ask") use.Ask();
     if (order == "end") use.End(ending);
+    if (order == "break") use.End(order);
     while (order == "works" && !use.Works()) Sleep(10);
     while (order == "idle" && !use.Idle()) Sleep(10);
   }
