@@ -133,7 +133,10 @@ struct CAudioPlayback::Job {
       if (!TakesBlocks()) return E_FAIL;
     }
     if (!block.front().Play(device)) {
+      // A format conversion of the system may refuse an empty block, of which nothing is lost.
+      const bool lost = block.front().size() > 0;
       block.clear();
+      if (!lost) return S_OK;
       End();
       return E_FAIL;
     }
