@@ -328,6 +328,7 @@ TEST(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
       EXPECT_EQ(scrubber->Stop(), S_OK);
     };
     ASSERT_EQ(scrubber->Start(&writer, 2, 44100, 2), S_OK);
+    while (calls == 0) Sleep(0);
     EXPECT_EQ(scrubber->Stop(), S_OK);
     // Stop of the writer's own does not wait for the call that it is made from.
     while (scrubber->Start(&writer, 2, 44100, 2) == E_FAIL) Sleep(1);
