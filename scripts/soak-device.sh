@@ -12,12 +12,12 @@ cycles=${1:-10000} seconds=${2:-600}
 
 # shellcheck disable=SC2154 -- root comes from common.sh
 "$root/scripts/setup.sh" build test
-compile x64 Tessaly device_component_tests device_tool
+compile x64 Tessaly device_component_tests sound_tool
 tests=$root/build/x64/tests
 
 echo "Playing $seconds s and recording half as long"
 TESSALY_DEVICE_SECONDS=$seconds "$root/scripts/wine-session" python3 -B "$root/tests/device/device_test.py" \
-  "$tests/device_tool.exe" PlayTest RecordTest
+  "$tests/sound_tool.exe" PlayTest RecordTest
 echo "Starting and stopping $cycles times"
 TESSALY_DEVICE_CYCLES=$cycles "$root/scripts/sound-session" "$root/scripts/wine-run" \
   "$tests/device_component_tests.exe" '--gtest_filter=Cycles.*'
