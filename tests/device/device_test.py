@@ -40,13 +40,14 @@ PLAYED = {8: lambda code: (math.floor(as_float(code / 32767) * 127 + 128.5) - 12
           32: lambda code: code / 32767}
 
 
+def frames_of(samples, frame_bytes):
+    return [samples[at:at + frame_bytes] for at in range(0, len(samples), frame_bytes)]
+
+
 def equal_frames(one, other, frame_bytes):
     """How many frames are the same from the start."""
-    frames = min(len(one), len(other)) // frame_bytes
-    for frame in range(frames):
-        if one[frame * frame_bytes:(frame + 1) * frame_bytes] != other[frame * frame_bytes:(frame + 1) * frame_bytes]:
-            return frame
-    return frames
+    pairs = list(zip(frames_of(one, frame_bytes), frames_of(other, frame_bytes)))
+    return next((at for at, (a, b) in enumerate(pairs) if a != b), len(pairs))
 
 
 class PlayTest(unittest.TestCase):
@@ -59,8 +60,11 @@ class PlayTest(unittest.TestCase):
         played = array.array("f", map(PLAYED[bits], codes(frames * channels))).tobytes()
         expected = without_silence(played, 4 * channels)
         if bits == 8:
-            # The system plays some samples of its own after the end.
-            got = got[:len(expected)]
+            # The system plays some samples of its own besides.
+            heard = iter(frames_of(got, 4 * channels))
+            missing = sum(frame not in heard for frame in frames_of(expected, 4 * channels))
+            self.assertEqual(missing, 0, "frames missing or out of order")
+            return
         if bits == 24:
             # The system's conversion keeps the last frame to itself.
             expected = expected[:len(got)]

@@ -10,7 +10,8 @@
 //   start  started=1 if the device was opened
 //   works  waits until sound has passed
 //   ask    calls what a user interface polls
-//   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits for
+//   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits
+//   for
 //          the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
 //   break  ends a use whose ENDING is watch while the device is there
 //   idle   waits until nothing plays any more
