@@ -36,10 +36,11 @@ void ReadNearTheEnd(benchmark::State& state) {
   std::vector<float> block(kReadFrames * kChannels);
   for (auto _ : state) {
     auto target = block.begin();
-    for (const auto& piece : list.Cut({position, position + std::int64_t{kReadFrames}})) {
-      const auto first = piece.source->begin() + piece.begin * std::int64_t{kChannels};
+    list.ForEachPiece({position, position + std::int64_t{kReadFrames}}, [&](const Samples& source,
+                                                                            const CSection& piece) {
+      const auto first = source->begin() + piece.begin * std::int64_t{kChannels};
       target = std::copy(first, first + piece.Length() * std::int64_t{kChannels}, target);
-    }
+    });
     benchmark::DoNotOptimize(block.data());
   }
 }
@@ -63,7 +64,8 @@ void InsertInTheMiddle(benchmark::State& state) {
     std::vector<List::Segment> one;
     one.reserve(2);
     one.emplace_back(samples, 0, kSegmentFrames);
-    list.Insert(list.Length() / 2 + 1, std::move(one));
+    Samples divided = samples;
+    list.Insert(list.Length() / 2 + 1, one, divided);
     if (++inserted < state.range(0) / 10) continue;
     state.PauseTiming();
     list = MakeList(state.range(0), samples);

@@ -33,9 +33,8 @@ void DrawFromPeaks(benchmark::State& state) {
   const std::vector<float> peaks = PeaksOf(state.range(0));
   std::vector<float> pairs(kColumns * 2 * kChannels);
   for (auto _ : state) {
-    PeakColumns columns(pairs, kChannels, kColumns,
-                        static_cast<std::int64_t>(peaks.size() / (2 * kChannels)));
-    columns.Add(peaks);
+    DrawPeaks(pairs, kChannels, kColumns, static_cast<std::int64_t>(peaks.size() / (2 * kChannels)),
+              0, peaks);
     benchmark::DoNotOptimize(pairs.data());
   }
   state.SetBytesProcessed(state.iterations() *
@@ -67,8 +66,7 @@ void DrawFromSamples(benchmark::State& state) {
   const std::vector<float> samples = Noise(static_cast<std::size_t>(frames) * kChannels);
   std::vector<float> pairs(kColumns * 2 * kChannels);
   for (auto _ : state) {
-    SampleColumns columns(pairs, kChannels, kColumns, frames);
-    columns.Add(samples);
+    DrawSamples(pairs, kChannels, kColumns, frames, 0, samples);
     benchmark::DoNotOptimize(pairs.data());
   }
   state.SetBytesProcessed(state.iterations() *

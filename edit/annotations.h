@@ -1,5 +1,4 @@
-// Labels and section markers: the names that a document carries beside its segments, and how they
-// follow its edits.
+// Labels and section markers: named positions and ranges of a document, and how edits move them.
 #pragma once
 
 #include <cstdint>
@@ -10,21 +9,24 @@
 
 namespace marlinda {
 
-// Both lists keep the order in which records were added; nothing sorts them. Positions and ranges
-// are never checked.
+// Both lists keep the order in which records were added. Positions and ranges are never checked.
+// Nothing has changed when a method throws.
 struct Annotations {
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;
 
   // Makes room for `length` frames inserted at `position`. Labels and markers from there on move;
-  // a marker around it is cut in two, also by an insertion of nothing. Deliberate: the second
-  // halves go to the end of the list, not next to their first halves.
+  // a marker around it is cut in two, also by an insertion of nothing. The second halves go to the
+  // end of the list, not next to their first halves.
   void MoveForInsertion(std::int64_t position, std::int64_t length);
 
   // The labels in `range` and the markers clipped to it, all moved by `offset`.
   Annotations Part(const CSection& range, std::int64_t offset) const;
-  // Adds copies behind what is there.
-  void Append(const Annotations& more);
+
+  // Keeps the parts before `range`, then those behind it, which follow the frames that move up. A
+  // marker around the range becomes two, and a backward range doubles the records inside it.
+  // `document` is the document's length.
+  void Delete(const CSection& range, std::int64_t document);
 };
 
 // The part of a marker that lies within `range`; nothing when that part is empty.

@@ -15,23 +15,35 @@ namespace {
 
 enum class DocumentCall { kRead, kOpen, kClose };
 
-// More levels of documents within themselves than any content needs, and few enough for a thread's
-// stack.
-constexpr int kDeepestRead = 64;
+// Reads of a document that contains itself, nested in each other. Few enough for a thread's stack.
+constexpr int kMaxReadDepth = 64;
 
 }  // namespace
 
-// A piece goes through an array of exactly its own size, so that a source cannot tell who reads it,
-// and delivers nothing to the caller when it fails. Deliberate: the pieces are written one after
-// another from the start of the array also when the read begins before the document, and where
-// backward segments make them longer than the array, what does not fit is read and dropped.
+DocumentContent::Pin::Pin(DocumentContent& content) noexcept : content_(content) {
+  const std::unique_lock guard(content_.lock);
+  ++content_.pins;
+}
+
+DocumentContent::Pin::~Pin() {
+  // Destroyed after the lock is released.
+  std::vector<std::vector<Segments::Block>> released;
+  const std::unique_lock guard(content_.lock);
+  if (--content_.pins == 0) released.swap(content_.removed);
+}
+
+// Each piece is read into an array of exactly its own size, and delivers nothing to the caller when
+// it fails. The pieces are written one after another from the start of the array, also when the
+// read begins before the document. Where backward segments make them longer than the array, the
+// rest is read and dropped.
 HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
   return ComCall([&]() -> HRESULT {
     SampleArrayView view;
     Check(view.Lock(samples));
     const NestedCall call(this, DocumentCall::kRead);
-    if (call.Depth() > kDeepestRead) return E_FAIL;
+    if (call.Depth() > kMaxReadDepth) return E_FAIL;
 
+    const Pin pin(*this);
     std::shared_lock guard(lock);
     const __int64 channels = format.channels;
     if (channels == 0) {
@@ -42,7 +54,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
     // With a negative channel count the frames are negative too, and no piece fits between.
     const __int64 frames = static_cast<__int64>(view.samples().size()) / channels;
     const CSection request(position, SaturatingAdd(position, frames));
-    const std::vector<Segment> pieces = segments.Cut(request);
+    const std::vector<Piece> pieces = Cut(request);
     const __int64 length = segments.Length();
     guard.unlock();
 
@@ -52,10 +64,10 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
     }
     std::span<float> room = view.samples();
     ScratchLease lease(scratch);
-    for (const Segment& piece : pieces) {
+    for (const Piece& piece : pieces) {
       const auto count = static_cast<std::size_t>(piece.Length() * channels);
       const std::span<float> target = room.first(std::min(count, room.size()));
-      if (piece.source) {
+      if (piece.source != nullptr) {
         Check(piece.source->ReadAudio(piece.begin, lease->Prepare(count)));
         const std::span<const float> delivered = lease->samples();
         std::copy_n(delivered.data(), std::min(delivered.size(), target.size()), target.data());
@@ -68,22 +80,27 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
   });
 }
 
-// Deliberate: the sources that were opened before the failing one stay open.
+// The sources that were opened before the failing one stay open.
 HRESULT DocumentContent::OpenDevice() {
   return ComCall([&]() -> HRESULT {
     const NestedCall call(this, DocumentCall::kOpen);
     if (call.Depth() > 1) return E_FAIL;
-    for (const auto& source : Sources()) Check(source->OpenDevice());
+    const Pin pin(*this);
+    for (const Piece& piece : AllPieces()) {
+      if (piece.source != nullptr) Check(piece.source->OpenDevice());
+    }
     return S_OK;
   });
 }
 
 HRESULT DocumentContent::CloseDevice() {
-  return ComCall([&]() -> HRESULT {
+  return ComCall([&] {
     const NestedCall call(this, DocumentCall::kClose);
-    if (call.Depth() > 1) return S_OK;
-    for (const auto& source : Sources()) source->CloseDevice();
-    return S_OK;
+    if (call.Depth() > 1) return;
+    const Pin pin(*this);
+    for (const Piece& piece : AllPieces()) {
+      if (piece.source != nullptr) piece.source->CloseDevice();
+    }
   });
 }
 
@@ -92,16 +109,111 @@ DocumentFormat DocumentContent::CurrentFormat() {
   return format;
 }
 
-std::vector<ComPtr<IAudioReader>> DocumentContent::Sources() {
-  std::shared_lock guard(lock);
-  std::vector<Segment> all = segments.All();
-  guard.unlock();
-  std::vector<ComPtr<IAudioReader>> sources;
-  sources.reserve(all.size());
-  for (Segment& segment : all) {
-    if (segment.source) sources.push_back(std::move(segment.source));
+void DocumentContent::AdoptFormat(IAudioReader* source) {
+  DocumentFormat adopted = CurrentFormat();
+  if (source == nullptr || adopted.IsSet()) return;
+  source->GetFormat(&adopted.samples_per_sec, &adopted.channels);
+  const std::unique_lock guard(lock);
+  format.samples_per_sec = adopted.samples_per_sec;
+  format.channels = adopted.channels;
+}
+
+std::vector<DocumentContent::Piece> DocumentContent::Cut(
+    const std::optional<CSection>& range) const {
+  std::vector<Piece> pieces;
+  const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
+    pieces.emplace_back(source.Get(), section.begin, section.end);
+  };
+  if (range) {
+    segments.ForEachPiece(*range, take);
+  } else {
+    pieces.reserve(segments.Count());
+    segments.ForEach(take);
   }
-  return sources;
+  return pieces;
+}
+
+void DocumentContent::Insert(__int64 position, std::vector<Segment> added) {
+  __int64 length = 0;
+  for (const Segment& segment : added) length = WrappingAdd(length, segment.Length());
+  const Pin pin(*this);
+  ComPtr<IAudioReader> divided;
+  std::unique_lock guard(lock);
+  HoldDivided(guard, {position, position}, divided);
+  segments.Insert(position, added, divided);
+  annotations.MoveForInsertion(position, length);
+}
+
+void DocumentContent::Delete(const CSection& range) {
+  if (CutOut(range)) return;
+  const Pin pin(*this);
+  std::shared_lock guard(lock);
+  const __int64 length = segments.Length();
+  const std::vector<Piece> head = Cut(CSection(0, range.begin));
+  const std::vector<Piece> tail = Cut(CSection(range.end, length));
+  Annotations kept_annotations = annotations;
+  guard.unlock();
+
+  kept_annotations.Delete(range, length);
+  Segments kept;
+  for (const Piece& piece : head) {
+    AdoptFormat(piece.source);
+    kept.Append({piece.source, piece.begin, piece.end});
+  }
+  std::vector<Segment> behind;
+  for (const Piece& piece : tail) {
+    AdoptFormat(piece.source);
+    behind.emplace_back(piece.source, piece.begin, piece.end);
+  }
+  // Without the backward segments between them, the pieces may reach past the begin of the range.
+  const Segment* const found = kept.DividedBy({range.begin, range.begin});
+  ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
+  kept.Insert(range.begin, behind, divided);
+  Replace(std::move(kept), std::move(kept_annotations));
+}
+
+void DocumentContent::Replace(Segments new_segments, Annotations new_annotations) {
+  const Pin pin(*this);
+  const std::unique_lock guard(lock);
+  removed.emplace_back();
+  removed.back() = segments.RemoveAll();
+  segments = std::move(new_segments);
+  std::swap(annotations, new_annotations);
+}
+
+// Deletes the range in place where all segments have frames and the range runs forward; otherwise
+// does nothing and returns false.
+bool DocumentContent::CutOut(const CSection& range) {
+  if (range.begin < 0 || range.end < range.begin) return false;
+  const Pin pin(*this);
+  ComPtr<IAudioReader> divided;
+  std::unique_lock guard(lock);
+  HoldDivided(guard, range, divided);
+  if (!format.IsSet() || !segments.AllHaveFrames()) return false;
+  const __int64 length = segments.Length();
+  removed.emplace_back(1);
+  removed.back().front() = segments.Remove(range, divided);
+  annotations.Delete(range, length);
+  return true;
+}
+
+// Makes `divided` hold the source of the segment that an edit at `range` will divide. Gives up the
+// lock while the reference is counted.
+void DocumentContent::HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
+                                  ComPtr<IAudioReader>& divided) {
+  for (;;) {
+    const Segment* const found = segments.DividedBy(range);
+    IAudioReader* const source = found != nullptr ? found->source.Get() : nullptr;
+    if (source == divided.Get()) return;
+    guard.unlock();
+    Hold(divided, source);
+    guard.lock();
+  }
+}
+
+std::vector<DocumentContent::Piece> DocumentContent::AllPieces() {
+  const std::shared_lock guard(lock);
+  return Cut(std::nullopt);
 }
 
 }  // namespace marlinda

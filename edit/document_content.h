@@ -4,6 +4,8 @@
 
 #include <marlinda.h>
 
+#include <mutex>
+#include <optional>
 #include <vector>
 
 #include "core/com_ptr.h"
@@ -14,7 +16,7 @@
 
 namespace marlinda {
 
-// The rate of 1 is deliberate: what marks a fresh document is that it has no channels.
+// A fresh document has the rate 1; its zero channels alone mean that no format is set.
 struct DocumentFormat {
   bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
 
@@ -23,11 +25,27 @@ struct DocumentFormat {
   SHORT bits_per_sample = 16;
 };
 
-// The lock guards every other member but the scratch array. It is never held while a source, a sink
-// or another document is called.
+// The lock guards every other member but the scratch array. No method of a source, a sink or
+// another document is called under it, not even AddRef or Release: any of them may come back to the
+// document.
 struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
+  // A part of the list whose source is borrowed: valid while a Pin exists.
+  using Piece = CAudioSegment<IAudioReader*>;
+
+  // While a pin exists, sources that an edit removes from the list keep their references. The last
+  // pin releases them, without the lock.
+  class Pin {
+   public:
+    explicit Pin(DocumentContent& content) noexcept;
+    ~Pin();
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+
+   private:
+    DocumentContent& content_;
+  };
 
   // What the document answers to the methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples);
@@ -35,14 +53,33 @@ struct DocumentContent {
   HRESULT CloseDevice();
 
   DocumentFormat CurrentFormat();
-  // One entry for each segment that has a source, in order.
-  std::vector<ComPtr<IAudioReader>> Sources();
+  // A document without a format takes that of the source. The source's result is ignored.
+  void AdoptFormat(IAudioReader* source);
+
+  // The parts of the list in a range, or all segments whole. Call with the lock and a pin held.
+  std::vector<Piece> Cut(const std::optional<CSection>& range) const;
+
+  // Inserts segments and moves labels and markers.
+  void Insert(__int64 position, std::vector<Segment> added);
+  // Joins the frames before and behind a range. A range that runs backward repeats the frames in
+  // it, a marker around the range becomes two, and empty and backward segments disappear.
+  void Delete(const CSection& range);
+  // Replaces segments, labels and markers.
+  void Replace(Segments new_segments, Annotations new_annotations);
 
   SrwLock lock;
   DocumentFormat format;
   Segments segments;
   Annotations annotations;
+  int pins = 0;
+  std::vector<std::vector<Segments::Block>> removed;
   ScratchCache scratch;
+
+ private:
+  bool CutOut(const CSection& range);
+  void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
+                   ComPtr<IAudioReader>& divided);
+  std::vector<Piece> AllPieces();
 };
 
 }  // namespace marlinda

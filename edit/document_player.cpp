@@ -19,12 +19,12 @@ constexpr DWORD kPollMilliSecs = 10;
 
 }  // namespace
 
-// One playback, shared by the document and the thread. The thread holds what it needs and not the
-// document: a looped playback must not keep that alive, and the document's last release may come
-// from a source that the thread reads.
+// One playback, shared by the document and the thread. The thread does not hold the document: a
+// looped playback must not keep it alive, and its last release may come from a source that the
+// thread reads.
 struct DocumentPlayer::Job {
-  // Deliberate: when the sources cannot be opened, the writer stays open and held, until the next
-  // playback or the end of the document.
+  // When the sources cannot be opened, the writer stays open and held until the next playback or
+  // the end of the document.
   void Run() noexcept {
     const DocumentFormat format = content->CurrentFormat();
     writer->SetFormat(format.samples_per_sec, format.channels);
@@ -33,7 +33,6 @@ struct DocumentPlayer::Job {
       ComCall([&] {
         PlaySection(format.channels);
         Drain();
-        return S_OK;
       });
       writer->CloseDevice();
       content->CloseDevice();
@@ -75,11 +74,12 @@ DocumentPlayer::DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcep
 
 DocumentPlayer::~DocumentPlayer() {
   StopPlay();
-  if (scrubbing_) StopScrub();
+  StopScrub();
 }
 
 void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool looped) {
   const DocumentFormat format = content_->CurrentFormat();
+  if (scrubbing_) StopScrub();
   // Also while it plays: the device that is open keeps the format that it was opened with.
   SetUpPlayback(format, kPlayBufferMilliSecs);
   const ComPtr<IAudioWriter> writer = PlaybackWriter();
@@ -95,7 +95,7 @@ void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool loop
 }
 
 void DocumentPlayer::StopPlay() noexcept {
-  // Also one that has ended, as long as nobody has asked.
+  // Also a thread that has ended and was not asked for yet.
   if (!thread_) return;
   // Wakes the thread where it waits for room in the device.
   playback_->Break();
@@ -122,15 +122,17 @@ HRESULT DocumentPlayer::GetOutputLevel(SHORT channel, float* level) {
 
 void DocumentPlayer::StartScrub() {
   if (scrubbing_) return;
+  // The playback object has one device, which the playback would share with the scrubber.
+  StopPlay();
   if (!scrubber_) Check(CreateInstance(CLSID_CAudioScrubber, scrubber_));
   const DocumentFormat format = content_->CurrentFormat();
   const ComPtr<IAudioWriter> writer = PlaybackWriter();
   SetUpPlayback(format, kScrubBufferMilliSecs);
   const LONG frames = format.samples_per_sec / kScrubBlocksPerSecond;
-  content_->OpenDevice();
+  if (!std::exchange(open_for_scrub_, true)) content_->OpenDevice();
   scrubbing_ =
       SUCCEEDED(scrubber_->Start(writer.Get(), frames, format.samples_per_sec, format.channels));
-  // A block that the scrubber refuses may be of any size, and nobody is to read it.
+  // A block that the scrubber refuses may be of any size and is not read.
   scrub_frames_ = scrubbing_ ? frames : 0;
 }
 
@@ -144,7 +146,7 @@ void DocumentPlayer::SetScrubPosition(__int64 position) {
 void DocumentPlayer::StopScrub() noexcept {
   scrubbing_ = false;
   if (scrubber_) scrubber_->Stop();
-  content_->CloseDevice();
+  if (std::exchange(open_for_scrub_, false)) content_->CloseDevice();
 }
 
 IAudioPlayback* DocumentPlayer::Playback() {
@@ -154,7 +156,7 @@ IAudioPlayback* DocumentPlayer::Playback() {
 
 void DocumentPlayer::SetUpPlayback(const DocumentFormat& format, LONG buffer_milliseconds) {
   IAudioPlayback* const playback = Playback();
-  // Answers E_NOTIMPL, and stores the format all the same.
+  // Returns E_NOTIMPL and stores the format.
   playback->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
   playback->SetDevice(static_cast<ULONG>(device_));
   playback->SetBufferLength(buffer_milliseconds);

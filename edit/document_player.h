@@ -14,24 +14,22 @@
 namespace marlinda {
 
 // The playback object and the scrubber are created with the document and kept. Where that fails,
-// the document edits as well as ever; a method that needs them tries once more, and throws why it
-// cannot.
+// editing works nevertheless; a method that needs them tries once more and throws the error.
 //
-// Playing and scrubbing share the one playback object, so that they get in each other's way when
-// they run at once.
+// Playing and scrubbing share the playback object, so that starting one ends the other.
 class DocumentPlayer {
  public:
   explicit DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept;
-  // Stops what runs and waits for its threads, unless it is the playback thread that destroys us.
+  // Stops playing and scrubbing and waits for their threads, unless the playback thread calls.
   ~DocumentPlayer();
   DocumentPlayer(const DocumentPlayer&) = delete;
   DocumentPlayer& operator=(const DocumentPlayer&) = delete;
 
-  // By its index from 0, -1 for the default; for what is started next.
+  // By its index from 0, -1 for the default; used by the next start.
   void SetDevice(LONG index) noexcept { device_ = index; }
 
-  // Changes nothing while playback runs. What fails on the thread, or in making it, ends the
-  // playback without a word.
+  // Changes nothing while playback runs; ends scrubbing. A failure on the thread ends the playback
+  // and is not reported.
   void Play(const CSection& section, ULONG channel_mask, bool looped);
   void StopPlay() noexcept;
 
@@ -41,8 +39,8 @@ class DocumentPlayer {
   std::optional<ULONG> LoopedChannelMask() noexcept;
   HRESULT GetOutputLevel(SHORT channel, float* level);
 
-  // Changes nothing while scrubbing runs. What the sources and the scrubber answer does not matter:
-  // without a format or a device nothing is heard.
+  // Changes nothing while scrubbing runs; stops playing. Failures of the sources and the scrubber
+  // are ignored: without a format or a device scrubbing is silent.
   void StartScrub();
   void SetScrubPosition(__int64 position);
   void StopScrub() noexcept;
@@ -53,7 +51,7 @@ class DocumentPlayer {
   IAudioPlayback* Playback();
   void SetUpPlayback(const DocumentFormat& format, LONG buffer_milliseconds);
   ComPtr<IAudioWriter> PlaybackWriter();
-  // Lets go of a thread that has ended.
+  // Forgets a thread that has ended.
   bool IsPlaying() noexcept;
 
   const std::shared_ptr<DocumentContent> content_;
@@ -62,6 +60,8 @@ class DocumentPlayer {
   LONG device_ = -1;
   LONG scrub_frames_ = 0;
   bool scrubbing_ = false;
+  // StartScrub has opened the sources, and StopScrub has not closed them.
+  bool open_for_scrub_ = false;
 
   std::shared_ptr<Job> job_;
   std::optional<WorkerThread> thread_;

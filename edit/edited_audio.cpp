@@ -8,7 +8,6 @@
 #include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "core/text.h"
-#include "edit/annotation_copy.h"
 #include "edit/piece_plot.h"
 #include "edit/waveplot.h"
 
@@ -17,8 +16,8 @@ namespace {
 
 enum class DocumentCall { kPlay };
 
-// A sink that starts playback whenever playback is started would never end otherwise.
-constexpr int kDeepestPlay = 16;
+// Ends the recursion of a sink that starts playback whenever playback is started.
+constexpr int kMaxPlayDepth = 16;
 
 // Events of _IEAUpdateEvents and _IEAUndoEvents.
 constexpr DISPID kFireStartedPlayback = 1;
@@ -39,21 +38,80 @@ void RemoveRecord(std::vector<Record>& records, LONG index) {
   records.erase(records.begin() + index);
 }
 
-bool SameObject(IUnknown* a, IUnknown* b) {
-  return TryQuery<IUnknown>(a).Get() == TryQuery<IUnknown>(b).Get();
-}
-
-// Tells the caller of the iteration about a segment. The source is lent, without a reference: it
-// stays valid as long as the segment, and nobody may release it. Deliberate; callers rely on it.
-// Past the end only `valid` is written.
+// Returns a segment to the caller of the iteration. The source comes without a reference: it is
+// valid as long as the segment exists, and the caller must not release it. Past the end only
+// `valid` is written.
 template <class Segment>
-HRESULT Lend(const Segment* segment, IAudioReader** source, __int64* begin, __int64* end,
-             LONG* valid) {
+HRESULT ReturnSegment(const Segment* segment, IAudioReader** source, __int64* begin, __int64* end,
+                      LONG* valid) {
   *valid = segment != nullptr ? 1 : 0;
   if (segment == nullptr) return S_OK;
   *source = segment->source.Get();
   *begin = segment->begin;
   *end = segment->end;
+  return S_OK;
+}
+
+// A string received from an object.
+class ReceivedName {
+ public:
+  ReceivedName() noexcept = default;
+  ~ReceivedName() { SysFreeString(text_); }
+  ReceivedName(const ReceivedName&) = delete;
+  ReceivedName& operator=(const ReceivedName&) = delete;
+
+  BSTR get() const noexcept { return text_; }
+  BSTR* Receive() noexcept { return &text_; }
+
+ private:
+  BSTR text_ = nullptr;
+};
+
+void CopyLabels(ILabelSupport* source, ILabelSupport* destination, __int64 offset,
+                const std::optional<CSection>& range) {
+  LONG count = 0;
+  source->GetLabelCount(&count);
+  for (LONG i = 0; i < count; ++i) {
+    __int64 position = 0;
+    ReceivedName name;
+    if (FAILED(source->GetLabel(i, &position, name.Receive()))) continue;
+    if (range && !range->Contains(position)) continue;
+    destination->AddLabel(WrappingAdd(position, offset), name.get());
+  }
+}
+
+void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destination, __int64 offset,
+                 const std::optional<CSection>& range) {
+  LONG count = 0;
+  source->GetMarkerCount(&count);
+  for (LONG i = 0; i < count; ++i) {
+    ReceivedName name;
+    __int64 begin = 0;
+    __int64 end = 0;
+    if (FAILED(source->GetSectionMarker(i, &begin, &end, name.Receive()))) continue;
+    std::optional<CSection> kept = CSection(begin, end);
+    if (range) kept = ClipMarker(*kept, *range);
+    if (!kept) continue;
+    destination->AddSectionMarker(WrappingAdd(kept->begin, offset), WrappingAdd(kept->end, offset),
+                                  name.get());
+  }
+}
+
+// Appends the source's labels and markers to the destination's through their interfaces, in order,
+// moved by `offset`. With a range, only labels inside it and the parts of markers that lie inside
+// it. E_FAIL when one of the objects has no labels or no markers; what was copied before that
+// stays.
+HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
+                        const std::optional<CSection>& range) {
+  const auto source_labels = TryQuery<ILabelSupport>(source);
+  const auto destination_labels = TryQuery<ILabelSupport>(destination);
+  if (!source_labels || !destination_labels) return E_FAIL;
+  CopyLabels(source_labels.Get(), destination_labels.Get(), offset, range);
+
+  const auto source_markers = TryQuery<ISectionMarkerSupport>(source);
+  const auto destination_markers = TryQuery<ISectionMarkerSupport>(destination);
+  if (!source_markers || !destination_markers) return E_FAIL;
+  CopyMarkers(source_markers.Get(), destination_markers.Get(), offset, range);
   return S_OK;
 }
 
@@ -83,17 +141,11 @@ STDMETHODIMP CEditedAudio::OpenDevice() { return content_->OpenDevice(); }
 STDMETHODIMP CEditedAudio::CloseDevice() { return content_->CloseDevice(); }
 
 STDMETHODIMP CEditedAudio::StartScrub() {
-  return ComCall([&] {
-    player_.StartScrub();
-    return S_OK;
-  });
+  return ComCall([&] { player_.StartScrub(); });
 }
 
 STDMETHODIMP CEditedAudio::SetScrubPosition(__int64 nPosition) {
-  return ComCall([&] {
-    player_.SetScrubPosition(nPosition);
-    return S_OK;
-  });
+  return ComCall([&] { player_.SetScrubPosition(nPosition); });
 }
 
 STDMETHODIMP CEditedAudio::StopScrub() {
@@ -101,20 +153,18 @@ STDMETHODIMP CEditedAudio::StopScrub() {
   return S_OK;
 }
 
-// Deliberate: the event is fired, and S_OK returned, also when playback was running already, the
-// section is empty or nothing could be started.
+// Fires the event and returns S_OK also when playback was running already, the section is empty or
+// nothing could be started.
 STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
                                 VARIANT_BOOL bLooped) {
   return ComCall([&] {
     const ComPtr<IUnknown> keep_alive(Identity());
     const NestedCall call(this, DocumentCall::kPlay);
-    // What did not start shows in GetPlayStatus.
+    // GetPlayStatus reports whether playback runs.
     static_cast<void>(ComCall([&] {
       player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
-      return S_OK;
     }));
-    if (call.Depth() <= kDeepestPlay) connection_points_.update.Fire(kFireStartedPlayback, {});
-    return S_OK;
+    if (call.Depth() <= kMaxPlayDepth) connection_points_.update.Fire(kFireStartedPlayback, {});
   });
 }
 
@@ -153,7 +203,6 @@ STDMETHODIMP CEditedAudio::AddLabel(__int64 nPosition, BSTR bstrName) {
     Label label{nPosition, ToAnsi(bstrName)};
     const std::unique_lock lock(content_->lock);
     content_->annotations.labels.push_back(std::move(label));
-    return S_OK;
   });
 }
 
@@ -172,7 +221,6 @@ STDMETHODIMP CEditedAudio::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbs
     const Label& label = RecordAt(content_->annotations.labels, niLabel);
     *pbstrName = ToBstr(label.name, CP_ACP);
     *pnPosition = label.position;
-    return S_OK;
   });
 }
 
@@ -181,7 +229,6 @@ STDMETHODIMP CEditedAudio::SetLabel(LONG niLabel, __int64 nPosition, BSTR bstrNa
     Label label{nPosition, ToAnsi(bstrName)};
     const std::unique_lock lock(content_->lock);
     RecordAt(content_->annotations.labels, niLabel) = std::move(label);
-    return S_OK;
   });
 }
 
@@ -189,7 +236,6 @@ STDMETHODIMP CEditedAudio::RemoveLabel(LONG niLabel) {
   return ComCall([&] {
     const std::unique_lock lock(content_->lock);
     RemoveRecord(content_->annotations.labels, niLabel);
-    return S_OK;
   });
 }
 
@@ -204,7 +250,6 @@ STDMETHODIMP CEditedAudio::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR b
     SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
     const std::unique_lock lock(content_->lock);
     content_->annotations.markers.push_back(std::move(marker));
-    return S_OK;
   });
 }
 
@@ -225,7 +270,6 @@ STDMETHODIMP CEditedAudio::GetSectionMarker(LONG niSectionMarker, __int64* pnBeg
     *pbstrName = ToBstr(marker.name, CP_ACP);
     *pnBegin = marker.section.begin;
     *pnEnd = marker.section.end;
-    return S_OK;
   });
 }
 
@@ -235,7 +279,6 @@ STDMETHODIMP CEditedAudio::SetSectionMarker(LONG niSectionMarker, __int64 nBegin
     SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
     const std::unique_lock lock(content_->lock);
     RecordAt(content_->annotations.markers, niSectionMarker) = std::move(marker);
-    return S_OK;
   });
 }
 
@@ -243,7 +286,6 @@ STDMETHODIMP CEditedAudio::RemoveSectionMarker(LONG niSectionMarker) {
   return ComCall([&] {
     const std::unique_lock lock(content_->lock);
     RemoveRecord(content_->annotations.markers, niSectionMarker);
-    return S_OK;
   });
 }
 
@@ -253,24 +295,25 @@ STDMETHODIMP CEditedAudio::RemoveAllSectionMarkers() {
   return S_OK;
 }
 
-// Deliberate: the array holds floats although the type library declares shorts, and columns that no
-// piece is drawn into keep what the host put there. Pieces are laid side by side from the first
-// column also when the range begins before the document.
+// The array holds floats although the type library declares shorts. Columns that no piece is drawn
+// into keep what the host put there. Pieces are laid side by side from the first column, also when
+// the range begins before the document.
 STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) {
   return ComCall([&] {
     SampleArrayView view;
     Check(view.Lock(psaPeaks));
+    const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);
-    if (content_->format.channels <= 0) return S_OK;
+    if (content_->format.channels <= 0) return;
     const auto channels = static_cast<std::size_t>(content_->format.channels);
-    const std::vector<Segment> pieces = content_->segments.Cut({nBegin, nEnd});
+    const std::vector<DocumentContent::Piece> pieces = content_->Cut(CSection(nBegin, nEnd));
     lock.unlock();
 
     const std::size_t pair_floats = 2 * channels;
     const auto columns = static_cast<__int64>(view.samples().size() / pair_floats);
     const __int64 range = SaturatingSubtract(nEnd, nBegin);
     __int64 offset = 0;
-    for (const Segment& piece : pieces) {
+    for (const DocumentContent::Piece& piece : pieces) {
       const __int64 first = Scale(offset, columns, range);
       offset = SaturatingAdd(offset, piece.Length());
       const __int64 last = Scale(offset, columns, range);
@@ -279,9 +322,8 @@ STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY*
       const std::span<float> pairs = view.samples().subspan(
           static_cast<std::size_t>(first) * pair_floats,
           static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
-      DrawPiece(piece.source.Get(), piece, channels, last - first, pairs, content_->scratch);
+      DrawPiece(piece.source, piece, channels, last - first, pairs, content_->scratch);
     }
-    return S_OK;
   });
 }
 
@@ -300,14 +342,14 @@ STDMETHODIMP CEditedAudio::GetBitsPerSample(SHORT* pnBitsPerSample) {
 STDMETHODIMP CEditedAudio::Insert(__int64 nPosition, IEditedAudio* peaInsert) {
   if (peaInsert == nullptr) return E_POINTER;
   return ComCall([&] {
-    if (SameObject(peaInsert, Identity())) {
-      // What is inserted is the document as it was before.
+    if (IsSameObject(peaInsert, Identity())) {
+      // Inserts the document as it was before.
       ComPtr<IEditedAudio> before;
       Check(CreateInstance(CLSID_CEditedAudio, before));
       CopyAll(before.Get());
       return Insert(nPosition, before.Get());
     }
-    InsertSegments(nPosition, TakeSegments(peaInsert));
+    content_->Insert(nPosition, TakeSegments(peaInsert));
     return CopyAnnotations(peaInsert, Identity(), nPosition, std::nullopt);
   });
 }
@@ -323,34 +365,23 @@ STDMETHODIMP CEditedAudio::CopyAll(IEditedAudio* peaDest) {
 }
 
 STDMETHODIMP CEditedAudio::Clear() {
-  std::unique_lock lock(content_->lock);
-  // Destroyed after the lock is gone: a source may do anything when it is released.
-  const DocumentContent::Segments segments = std::exchange(content_->segments, {});
-  const Annotations annotations = std::exchange(content_->annotations, {});
-  lock.unlock();
-  return S_OK;
+  return ComCall([&] { content_->Replace({}, {}); });
 }
 
 STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSource, __int64 nBegin,
                                          __int64 nEnd) {
   return ComCall([&] {
-    AdoptFormat(parSource);
-    InsertSegments(nPosition, {Segment(parSource, nBegin, nEnd)});
-    return S_OK;
+    content_->AdoptFormat(parSource);
+    content_->Insert(nPosition, {Segment(parSource, nBegin, nEnd)});
   });
 }
 
 STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) {
   return ComCall([&] {
     Segment segment(parSource, nBegin, nEnd);
-    std::unique_lock lock(content_->lock);
-    if (!content_->format.IsSet()) {
-      lock.unlock();
-      AdoptFormat(parSource);
-      lock.lock();
-    }
+    content_->AdoptFormat(parSource);
+    const std::unique_lock lock(content_->lock);
     content_->segments.Append(std::move(segment));
-    return S_OK;
   });
 }
 
@@ -359,7 +390,7 @@ STDMETHODIMP CEditedAudio::GetFirstSegment(IAudioReader** pparSource, __int64* p
   const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
   if (FAILED(hr)) return hr;
   const std::unique_lock lock(content_->lock);
-  return Lend(content_->segments.First(), pparSource, pnBegin, pnEnd, bValid);
+  return ReturnSegment(content_->segments.First(), pparSource, pnBegin, pnEnd, bValid);
 }
 
 STDMETHODIMP CEditedAudio::GetNextSegment(IAudioReader** pparSource, __int64* pnBegin,
@@ -367,31 +398,11 @@ STDMETHODIMP CEditedAudio::GetNextSegment(IAudioReader** pparSource, __int64* pn
   const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
   if (FAILED(hr)) return hr;
   const std::unique_lock lock(content_->lock);
-  return Lend(content_->segments.Next(), pparSource, pnBegin, pnEnd, bValid);
+  return ReturnSegment(content_->segments.Next(), pparSource, pnBegin, pnEnd, bValid);
 }
 
-// Deliberately made of copies and insertions: labels and markers follow from that, a marker around
-// the range comes back as two, a range that runs backward doubles what lies in it, and empty and
-// backward segments are gone afterwards. In a document without such segments a range that lies
-// forward can as well be cut out of the list, which takes no time for the segments that stay.
 STDMETHODIMP CEditedAudio::Delete(__int64 nBegin, __int64 nEnd) {
-  return ComCall([&] {
-    ComPtr<IEditedAudio> head;
-    ComPtr<IEditedAudio> tail;
-    Check(CreateInstance(CLSID_CEditedAudio, head));
-    Check(CreateInstance(CLSID_CEditedAudio, tail));
-    if (Direct(head.Get()) != nullptr && Direct(tail.Get()) != nullptr && CutOut({nBegin, nEnd})) {
-      return S_OK;
-    }
-    __int64 length = 0;
-    GetSampleCount(&length);
-    CopyInto(head.Get(), CSection(0, nBegin));
-    CopyInto(tail.Get(), CSection(nEnd, length));
-    Clear();
-    Insert(0, head.Get());
-    Insert(nBegin, tail.Get());
-    return S_OK;
-  });
+  return ComCall([&] { content_->Delete({nBegin, nEnd}); });
 }
 
 STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
@@ -422,8 +433,8 @@ STDMETHODIMP CEditedAudio::CommitChange() {
   });
 }
 
-// Deliberate: the document ends up empty, not restored, because copying the snapshot onto itself
-// empties it first. The host restores the content from what it stored when the change began.
+// Empties the document instead of restoring it: copying the snapshot onto itself empties the
+// snapshot. The host restores the content from the copy that it took when the change began.
 STDMETHODIMP CEditedAudio::RollbackChange() {
   return ComCall([&]() -> HRESULT {
     if (!change_open_) return E_FAIL;
@@ -471,17 +482,6 @@ void CEditedAudio::FireStoreUndo(BSTR operation) {
   });
 }
 
-// The first source decides the format of a document that has none. Its result is ignored on
-// purpose: what it wrote counts.
-void CEditedAudio::AdoptFormat(IAudioReader* source) {
-  DocumentFormat format = content_->CurrentFormat();
-  if (source == nullptr || format.IsSet()) return;
-  source->GetFormat(&format.samples_per_sec, &format.channels);
-  const std::unique_lock lock(content_->lock);
-  content_->format.samples_per_sec = format.samples_per_sec;
-  content_->format.channels = format.channels;
-}
-
 // The segments of another document, through its iteration.
 std::vector<CEditedAudio::Segment> CEditedAudio::TakeSegments(IEditedAudio* document) {
   std::vector<Segment> segments;
@@ -494,20 +494,12 @@ std::vector<CEditedAudio::Segment> CEditedAudio::TakeSegments(IEditedAudio* docu
                              : document->GetNextSegment(&lent, &begin, &end, &valid);
     if (FAILED(hr) || valid == 0) return segments;
     segments.emplace_back(lent, begin, end);
-    AdoptFormat(lent);
+    content_->AdoptFormat(lent);
   }
 }
 
-void CEditedAudio::InsertSegments(__int64 position, std::vector<Segment> segments) {
-  __int64 length = 0;
-  for (const Segment& segment : segments) length = WrappingAdd(length, segment.Length());
-  const std::unique_lock lock(content_->lock);
-  content_->segments.Insert(position, std::move(segments));
-  content_->annotations.MoveForInsertion(position, length);
-}
-
-// Replaces the destination's content by what lies in the range, or by all. The destination is
-// emptied first, also when it is this document: then nothing is left to copy.
+// Replaces the destination's content by the range, or by all. The destination is emptied first,
+// also when it is this document: then nothing is left to copy.
 HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
   destination->Clear();
   const DocumentFormat format = content_->CurrentFormat();
@@ -516,22 +508,25 @@ HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CS
   const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
   // Without a format the destination asks each source for one.
   CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
+  const DocumentContent::Pin pin(*content_);
   std::shared_lock lock(content_->lock);
-  const DocumentContent::Segments& segments = content_->segments;
-  if (direct != nullptr) {
-    DocumentContent::Segments pieces = range ? segments.CutList(*range) : segments.Copy();
-    Annotations annotations =
-        range ? content_->annotations.Part(*range, offset) : content_->annotations;
+  const std::vector<DocumentContent::Piece> pieces = content_->Cut(range);
+  if (direct == nullptr) {
     lock.unlock();
-    direct->Receive(std::move(pieces), std::move(annotations));
-    return S_OK;
+    for (const DocumentContent::Piece& piece : pieces) {
+      destination->AppendSegment(piece.source, piece.begin, piece.end);
+    }
+    return CopyAnnotations(Identity(), destination, offset, range);
   }
-  const std::vector<Segment> pieces = range ? segments.Cut(*range) : segments.All();
+  Annotations annotations =
+      range ? content_->annotations.Part(*range, offset) : content_->annotations;
   lock.unlock();
-  for (const Segment& piece : pieces) {
-    destination->AppendSegment(piece.source.Get(), piece.begin, piece.end);
+  DocumentContent::Segments segments;
+  for (const DocumentContent::Piece& piece : pieces) {
+    segments.Append({piece.source, piece.begin, piece.end});
   }
-  return CopyAnnotations(Identity(), destination, offset, range);
+  direct->content_->Replace(std::move(segments), std::move(annotations));
+  return S_OK;
 }
 
 // The object behind another document, where this one may work on it without its interface: both
@@ -542,32 +537,6 @@ CEditedAudio* CEditedAudio::Direct(IEditedAudio* document) {
   const bool bare =
       found != nullptr && found == document && !found->IsAggregated() && !IsAggregated();
   return bare ? found : nullptr;
-}
-
-// Takes the content of a copy in the place of its own.
-void CEditedAudio::Receive(DocumentContent::Segments segments, Annotations annotations) {
-  // The old content is destroyed after the lock is gone.
-  const std::unique_lock lock(content_->lock);
-  std::swap(content_->segments, segments);
-  std::swap(content_->annotations, annotations);
-}
-
-// Deletes the range where that comes to the same as copies and insertions; otherwise does nothing
-// and returns false.
-bool CEditedAudio::CutOut(const CSection& range) {
-  // Destroyed after the lock is gone: a source may do anything when it is released.
-  std::vector<Segment> removed;
-  const std::unique_lock lock(content_->lock);
-  if (!content_->format.IsSet() || !content_->segments.AllHaveFrames() || range.begin < 0 ||
-      range.end < range.begin) {
-    return false;
-  }
-  const CSection tail(range.end, content_->segments.Length());
-  Annotations kept = content_->annotations.Part({0, range.begin}, 0);
-  kept.Append(content_->annotations.Part(tail, WrappingSubtract(range.begin, range.end)));
-  removed = content_->segments.Remove(range);
-  content_->annotations = std::move(kept);
-  return true;
 }
 
 MARLINDA_DEFINE_CLASS(CEditedAudio)

@@ -12,8 +12,25 @@
 #include "core/com_ptr.h"
 #include "edit/connection_points.h"
 #include "edit/document_content.h"
-#include "edit/document_object.h"
 #include "edit/document_player.h"
+
+namespace marlinda {
+
+class CEditedAudio;
+
+// How a document recognises another one of this module, to copy many segments without a call for
+// each. Private: no type library names it.
+struct DECLSPEC_UUID("6f0c9e42-7d35-4b1a-9a5e-2c81d4f7b360") IDocumentObject : public IUnknown {
+  // The object itself, without a reference.
+  virtual CEditedAudio* STDMETHODCALLTYPE Implementation() = 0;
+};
+
+}  // namespace marlinda
+
+#ifdef __CRT_UUID_DECL
+__CRT_UUID_DECL(marlinda::IDocumentObject, 0x6f0c9e42, 0x7d35, 0x4b1a, 0x9a, 0x5e, 0x2c, 0x81, 0xd4,
+                0xf7, 0xb3, 0x60)
+#endif
 
 namespace marlinda {
 
@@ -103,13 +120,9 @@ class CEditedAudio final
 
   void FireStoreUndo(BSTR operation);
 
-  void AdoptFormat(IAudioReader* source);
   std::vector<Segment> TakeSegments(IEditedAudio* document);
-  void InsertSegments(__int64 position, std::vector<Segment> segments);
   HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range);
   CEditedAudio* Direct(IEditedAudio* document);
-  void Receive(DocumentContent::Segments segments, Annotations annotations);
-  bool CutOut(const CSection& range);
 
   const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
 

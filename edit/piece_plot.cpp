@@ -12,38 +12,38 @@
 namespace marlinda {
 namespace {
 
-// From this many frames a column on, precomputed peaks are read in the place of samples.
+// Precomputed peaks replace samples from this many frames a column on.
 constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// Floats that one read of a source asks for at most, so that memory does not grow without bound
-// with the piece. A picture as wide as a screen takes one read.
-constexpr std::size_t kSamplesPerRead = std::size_t{1} << 24;
-constexpr std::size_t kPeakFloatsPerRead = std::size_t{1} << 22;
-// Floats that no array could hold, 4 GiB of them: a piece with that many peaks is not drawn, since
-// reading them would take the caller's patience in the place of its memory.
-constexpr std::int64_t kMostPeakFloats = std::int64_t{1} << 30;
+// Floats of one read at most, so that memory does not grow without bound with the piece. A picture
+// as wide as a screen takes one read.
+constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
+constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
+// A piece with more floats of peaks, 4 GiB of them, is not drawn: no array could hold them in one
+// read, and reading them in blocks would take too long.
+constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
-// From this many peaks a column on, a summary of them costs less than they do.
+// From this many peaks a column on, a summary costs less than the peaks.
 constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
-// Reads `count` records of `unit` floats in blocks and passes each on; false as soon as one read
-// fails. `read` takes the record to start from and the array to fill. At least one read is made.
-template <class Read, class Columns>
-bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t most_floats,
-                  ScratchCache& scratch_keeper, Columns& columns, Read&& read) {
-  const auto most = static_cast<__int64>(std::max<std::size_t>(1, most_floats / unit));
+// Reads `count` records of `unit` floats in blocks, at least one; false as soon as one read fails.
+// read(first, array) fills the array from a record on, draw(first, floats) takes the result.
+template <class Read, class Draw>
+bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
+                  ScratchCache& scratch_keeper, Read&& read, Draw&& draw) {
+  const auto max_records = static_cast<__int64>(std::max<std::size_t>(1, max_floats / unit));
   ScratchLease scratch(scratch_keeper);
-  __int64 done = 0;
+  __int64 first = 0;
   do {
-    const __int64 block = std::min(most, count - done);
-    if (FAILED(read(done, scratch->Prepare(static_cast<std::size_t>(block) * unit)))) return false;
-    columns.Add(scratch->samples());
-    done += block;
-  } while (done < count);
+    const __int64 block = std::min(max_records, count - first);
+    if (FAILED(read(first, scratch->Prepare(static_cast<std::size_t>(block) * unit)))) return false;
+    draw(first, scratch->samples());
+    first += block;
+  } while (first < count);
   return true;
 }
 
-// Closes on every way out what has been opened.
+// Closes an opened reader.
 class OpenedDevice {
  public:
   explicit OpenedDevice(IAudioReader* reader) : reader_(reader) {}
@@ -55,20 +55,23 @@ class OpenedDevice {
   IAudioReader* reader_;
 };
 
-bool DrawSamples(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-                 std::span<float> pairs, ScratchCache& scratch_keeper) {
+bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::size_t channels,
+                     __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (FAILED(source->OpenDevice())) return false;
   const OpenedDevice opened(source);
-  SampleColumns drawn(pairs, channels, columns, piece.Length());
-  return ReadInBlocks(piece.Length(), channels, kSamplesPerRead, scratch_keeper, drawn,
-                      [&](__int64 frame, SAFEARRAY* array) {
-                        return source->ReadAudio(piece.begin + frame, array);
-                      });
+  return ReadInBlocks(
+      piece.Length(), channels, kMaxSamplesPerRead, scratch_keeper,
+      [&](__int64 frame, SAFEARRAY* array) {
+        return source->ReadAudio(piece.begin + frame, array);
+      },
+      [&](__int64 frame, std::span<const float> samples) {
+        DrawSamples(pairs, channels, columns, piece.Length(), frame, samples);
+      });
 }
 
-// Draws what each column's peaks come to. One peak a column in their place gives the same picture.
-bool DrawSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
-                 __int64 columns, std::span<float> pairs) {
+// Draws from one summary of the peaks of each column, which gives the same picture.
+bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
+                     __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);
   if (!summary) return false;
   std::vector<std::int64_t> ends(pairs.size() / (2 * channels));
@@ -82,12 +85,12 @@ bool DrawSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t 
     peaks[i + 1] = kNoHighest;
   }
   if (FAILED(summary->SummarizePeaks(reader, channels, first, ends, peaks))) return false;
-  PeakColumns(pairs, channels, columns, columns).Add(peaks);
+  DrawPeaks(pairs, channels, columns, columns, 0, peaks);
   return true;
 }
 
-bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
-               std::span<float> pairs, ScratchCache& scratch_keeper) {
+bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size_t channels,
+                   __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   const auto reader = TryQuery<IPeakReader>(source);
   LONG frames_per_peak = 0;
   if (!reader || FAILED(reader->GetSamplesPerPeak(&frames_per_peak)) || frames_per_peak <= 0) {
@@ -96,14 +99,16 @@ bool DrawPeaks(IAudioReader* source, const CSection& piece, std::size_t channels
   const __int64 count = piece.Length() / frames_per_peak;
   const __int64 first = piece.begin / frames_per_peak;
   if (count / columns >= kPeaksPerColumnOfSummary &&
-      DrawSummary(reader.Get(), first, count, channels, columns, pairs)) {
+      DrawFromSummary(reader.Get(), first, count, channels, columns, pairs)) {
     return true;
   }
-  if (count > kMostPeakFloats / static_cast<std::int64_t>(2 * channels)) return false;
-  PeakColumns drawn(pairs, channels, columns, count);
+  if (count > kMaxPeakFloats / static_cast<std::int64_t>(2 * channels)) return false;
   return ReadInBlocks(
-      count, 2 * channels, kPeakFloatsPerRead, scratch_keeper, drawn,
-      [&](__int64 peak, SAFEARRAY* array) { return reader->ReadPeaks(first + peak, array); });
+      count, 2 * channels, kMaxPeakFloatsPerRead, scratch_keeper,
+      [&](__int64 peak, SAFEARRAY* array) { return reader->ReadPeaks(first + peak, array); },
+      [&](__int64 peak, std::span<const float> peaks) {
+        DrawPeaks(pairs, channels, columns, count, peak, peaks);
+      });
 }
 
 }  // namespace
@@ -114,12 +119,12 @@ void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels
     std::ranges::fill(pairs, 0.0F);
     return;
   }
-  // Drawn aside, because a read that fails halfway must leave nothing behind.
+  // Drawn into a copy, because a read that fails halfway must leave the pairs unchanged.
   std::vector<float> aside(pairs.begin(), pairs.end());
   const bool few_frames = piece.Length() < columns * kFramesPerColumnOfPeaks;
-  const bool complete = few_frames
-                            ? DrawSamples(source, piece, channels, columns, aside, scratch_keeper)
-                            : DrawPeaks(source, piece, channels, columns, aside, scratch_keeper);
+  const bool complete =
+      few_frames ? DrawFromSamples(source, piece, channels, columns, aside, scratch_keeper)
+                 : DrawFromPeaks(source, piece, channels, columns, aside, scratch_keeper);
   if (complete) std::copy_n(aside.data(), aside.size(), pairs.data());
 }
 

@@ -10,8 +10,8 @@
 
 namespace marlinda {
 
-// `piece` is the range in the source, `columns` how many pixel columns it is wide, `pairs` those of
-// them that lie in the host's array. The pairs stay as they were when the source cannot be opened
+// `piece` is the range in the source, `columns` its width in pixel columns, `pairs` those of the
+// columns that lie in the host's array. The pairs stay unchanged when the source cannot be opened
 // or read, or has no peaks where peaks are needed. A null source is silence.
 void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels, __int64 columns,
                std::span<float> pairs, ScratchCache& scratch_keeper);

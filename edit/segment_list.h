@@ -1,29 +1,56 @@
-// SegmentList: the ordered content of a document, with its edits, its reading and its iteration.
+// CAudioSegment and SegmentList: the ordered content of a document, with its edits and its
+// iteration.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
-#include "edit/audio_segment.h"
+#include "core/section.h"
 #include "edit/position_index.h"
 
 namespace marlinda {
+
+// One entry of the list: a range of frames of a source, in the source's own numbering and never
+// checked against its length. A null source is silence.
+template <class Source>
+class CAudioSegment final : public CSection {
+ public:
+  CAudioSegment(Source handle, std::int64_t first, std::int64_t past_last)
+      : CSection(first, past_last), source(std::move(handle)) {}
+  CAudioSegment(const CAudioSegment&) = default;
+  CAudioSegment(CAudioSegment&&) noexcept = default;
+  CAudioSegment& operator=(const CAudioSegment&) = default;
+  // Without the handle's own move assignment: the one of mingw's ComPtr adds a reference.
+  CAudioSegment& operator=(CAudioSegment&& other) noexcept {
+    if (this == &other) return *this;
+    CSection::operator=(other);
+    std::destroy_at(std::addressof(source));
+    std::construct_at(std::addressof(source), std::move(other.source));
+    return *this;
+  }
+
+  Source source;
+};
 
 // Segments lie in blocks of a bounded size, so that an insertion moves a few neighbours and a
 // look-up walks one block; the position index finds the block. All results are those of a walk
 // over the whole list, also with empty and backward segments.
 //
+// `Source` is a handle whose copy holds a reference. The list copies and destroys no handle, so
+// that it can be changed under a lock: callers bring the handles and receive the removed ones.
 // Nothing has changed when a method throws.
 template <class Source>
 class SegmentList {
  public:
   using Segment = CAudioSegment<Source>;
+  using Block = std::vector<Segment>;
 
   std::size_t Count() const noexcept { return index_.Count(); }
   // Sum of the lengths of all segments.
@@ -36,14 +63,24 @@ class SegmentList {
     index_.Append(blocks_.back().back());
   }
 
+  // The segment that an insertion at this position, or the removal of this range, divides in two
+  // because it contains both ends of the range. Null when there is none.
+  const Segment* DividedBy(const CSection& range) const noexcept {
+    const Place first = FindPlace(range.begin);
+    const Place last = FindPlace(range.end);
+    const bool divided = first.cut && last.cut && OrdinalOf(first) == OrdinalOf(last);
+    return divided ? &blocks_[first.block][first.slot - 1] : nullptr;
+  }
+
   // Puts segments before the frame at `position`. A segment that contains it is cut in two there,
-  // also when there is nothing to insert; past the end they are appended without a gap. Deliberate:
-  // a position inside no segment because it is negative cuts the first segment before its begin.
-  void Insert(std::int64_t position, std::vector<Segment> segments) {
+  // also when there is nothing to insert; past the end they are appended without a gap. A negative
+  // position cuts the first segment before its begin. `divided` is a copy of the divided
+  // segment's source.
+  void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
-      const Segment& whole = blocks_[place.block][place.slot - 1];
-      segments.emplace_back(whole.source, *place.cut, whole.end);
+      const std::int64_t end = blocks_[place.block][place.slot - 1].end;
+      segments.emplace_back(std::move(divided), *place.cut, end);
     }
     if (!segments.empty()) Splice(place, segments);
   }
@@ -52,19 +89,19 @@ class SegmentList {
   // segments lie one behind the other, as in most documents.
   bool AllHaveFrames() const noexcept { return index_.NoneShorterThan(1); }
 
-  // Takes out what lies in `range`, which neither begins before the list nor runs backward, out of
-  // a list whose segments all have frames. A segment that contains an end of the range is cut
-  // there, also when the range is empty. Returns the segments that are gone as a whole. The
-  // iteration is over.
-  std::vector<Segment> Remove(const CSection& range) {
-    std::vector<Segment> removed;
+  // Takes out the frames in `range`, which neither begins before the list nor runs backward, of a
+  // list whose segments all have frames. A segment that contains an end of the range is cut there,
+  // also when the range is empty. `divided` is a copy of the divided
+  // segment's source. Returns the segments that
+  // are gone as a whole. The iteration is over.
+  Block Remove(const CSection& range, Source& divided) {
+    Block removed;
     if (Count() == 0) return removed;
     const Place first = FindPlace(range.begin);
     const Place last = FindPlace(range.end);
     if (first.cut && last.cut && OrdinalOf(first) == OrdinalOf(last)) {
-      const Segment& whole = blocks_[last.block][last.slot - 1];
       std::vector<Segment> rest;
-      rest.emplace_back(whole.source, *last.cut, whole.end);
+      rest.emplace_back(std::move(divided), *last.cut, blocks_[last.block][last.slot - 1].end);
       Splice(first, rest);
       cursor_.reset();
       return removed;
@@ -97,58 +134,15 @@ class SegmentList {
     return removed;
   }
 
-  // What lies in `range`, as segments of their own with the bounds clipped to it. Nothing empty
-  // and nothing backward is kept.
-  std::vector<Segment> Cut(const CSection& range) const {
-    std::vector<Segment> pieces;
-    // Growing step by step would move a long cut several times over.
-    const std::size_t blocks = index_.FirstReaching(range.end) - index_.FirstReaching(range.begin);
-    if (range.begin < range.end && blocks > 1) pieces.reserve((blocks + 1) * kBlockSize);
-    ForEachPiece(range, [&](const Source& source, const CSection& piece) {
-      pieces.emplace_back(source, piece.begin, piece.end);
-    });
-    return pieces;
+  // Removes and returns all segments.
+  std::vector<Block> RemoveAll() noexcept {
+    cursor_.reset();
+    index_ = {};
+    return std::exchange(blocks_, {});
   }
 
-  // The same as a list, and all segments as a list: cheaper for many segments, because no array has
-  // to hold them all.
-  SegmentList CutList(const CSection& range) const {
-    SegmentList pieces;
-    ForEachPiece(range, [&](const Source& source, const CSection& piece) {
-      pieces.Append({source, piece.begin, piece.end});
-    });
-    return pieces;
-  }
-  SegmentList Copy() const {
-    SegmentList copy = *this;
-    copy.cursor_.reset();
-    return copy;
-  }
-
-  // All segments, whole, in order.
-  std::vector<Segment> All() const {
-    std::vector<Segment> all;
-    all.reserve(Count());
-    for (const auto& block : blocks_) all.insert(all.end(), block.begin(), block.end());
-    return all;
-  }
-
-  // The iteration has one cursor. It stays on its segment whatever is inserted around it; null
-  // past the last segment, from where it does not come back. The pointer is valid until the next
-  // change of the list.
-  const Segment* First() noexcept {
-    cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
-    return AtCursor();
-  }
-  const Segment* Next() noexcept {
-    if (cursor_ && ++*cursor_ >= Count()) cursor_.reset();
-    return AtCursor();
-  }
-
- private:
-  static constexpr std::size_t kBlockSize = 256;
-  using Block = std::vector<Segment>;
-
+  // Calls take(source, piece) for each part of a segment that lies in `range`, in order, with the
+  // bounds of the part in its source. No piece is empty or backward.
   template <class Take>
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
@@ -169,6 +163,29 @@ class SegmentList {
       }
     }
   }
+
+  // Calls take(source, segment) for every segment, whole, in order.
+  template <class Take>
+  void ForEach(Take&& take) const {
+    for (const Block& block : blocks_) {
+      for (const Segment& segment : block) take(segment.source, segment);
+    }
+  }
+
+  // The iteration has one cursor. It stays on its segment whatever is inserted around it; null
+  // past the last segment, from where it does not come back. The pointer is valid until the next
+  // change of the list.
+  const Segment* First() noexcept {
+    cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
+    return AtCursor();
+  }
+  const Segment* Next() noexcept {
+    if (cursor_ && ++*cursor_ >= Count()) cursor_.reset();
+    return AtCursor();
+  }
+
+ private:
+  static constexpr std::size_t kBlockSize = 256;
 
   // Where an insertion goes: before `slot` of `block`. With a cut, the segment before that slot is
   // divided at this position of its source.

@@ -11,11 +11,84 @@ namespace {
 
 constexpr float kLargest = std::numeric_limits<float>::max();
 
+// FirstOfColumn of the columns from one column on, without a division for each.
+class ColumnEnds {
+ public:
+  ColumnEnds(std::int64_t columns, std::int64_t count, std::int64_t column) noexcept
+      : quotient_(count / columns), remainder_(count % columns), columns_(columns) {
+    // column * count = whole_ * columns + part_, where the products wrap and the difference fits.
+    const std::int64_t carried = Scale(column, remainder_, columns);
+    const auto unsigned_column = static_cast<std::uint64_t>(column);
+    whole_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(quotient_)) +
+             carried;
+    part_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(remainder_) -
+                                      static_cast<std::uint64_t>(carried) *
+                                          static_cast<std::uint64_t>(columns));
+  }
+
+  // The end of a column, then that of the next one.
+  std::int64_t Next() noexcept {
+    whole_ += quotient_;
+    const std::int64_t room = columns_ - part_;
+    if (remainder_ < room) {
+      part_ += remainder_;
+    } else {
+      part_ = remainder_ - room;
+      ++whole_;
+    }
+    return whole_ + (part_ > 0 ? 1 : 0);
+  }
+
+ private:
+  std::int64_t quotient_;
+  std::int64_t remainder_;
+  std::int64_t columns_;
+  // The end is whole_ + part_ / columns_, rounded up.
+  std::int64_t whole_;
+  std::int64_t part_;
+};
+
+void FillColumns(std::span<float> pairs, float minimum, float maximum) noexcept {
+  for (std::size_t i = 0; i + 1 < pairs.size(); i += 2) {
+    pairs[i] = minimum;
+    pairs[i + 1] = maximum;
+  }
+}
+
+// More columns than frames: column c shows frame c * frames / columns.
+void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+                   std::int64_t frames, std::int64_t first,
+                   std::span<const float> samples) noexcept {
+  const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
+  const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
+  // The first column of a frame is the first frame of a column with the counts exchanged.
+  for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
+    const std::int64_t frame = Scale(column, frames, columns);
+    if (frame >= end) return;
+    for (std::size_t channel = 0; channel < channels; ++channel) {
+      const float sample = samples[static_cast<std::size_t>(frame - first) * channels + channel];
+      const std::size_t pair = 2 * (static_cast<std::size_t>(column) * channels + channel);
+      pairs[pair] = sample;
+      pairs[pair + 1] = sample;
+    }
+  }
+}
+
+// `own` are the pairs of a column that has a left neighbour.
+void LinkToLeft(std::span<float> own) noexcept {
+  float* const pairs = own.data();
+  const float* const left = pairs - own.size();
+  for (std::size_t i = 0; i < own.size(); i += 2) {
+    pairs[i] = left[i + 1];
+    pairs[i + 1] = left[i];
+  }
+}
+
 }  // namespace
 
 std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  // Almost always so, and a comparison costs less than the division below.
+  // The usual case: a comparison costs less than the division below.
   constexpr std::int64_t kSmall = std::int64_t{1} << 31;
   if (value <= kSmall && numerator <= kSmall) return value * numerator / denominator;
   if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;
@@ -45,122 +118,48 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
   return count - Scale(columns - column, count, columns);
 }
 
-ColumnEnds::ColumnEnds(std::int64_t columns, std::int64_t count) noexcept
-    : each_(count / columns), more_(count % columns), columns_(columns) {
-  Advance();
-}
-
-void ColumnEnds::Advance() noexcept {
-  whole_ += each_;
-  const std::int64_t room = columns_ - part_;
-  if (more_ < room) {
-    part_ += more_;
-  } else {
-    part_ = more_ - room;
-    ++whole_;
+void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+                 std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept {
+  if (frames < columns) {
+    RepeatSamples(pairs, channels, columns, frames, first, samples);
+    return;
   }
-}
-
-SampleColumns::SampleColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
-                             std::int64_t frames) noexcept
-    : pairs_(pairs),
-      channels_(channels),
-      columns_(columns),
-      frames_(frames),
-      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))),
-      ends_(columns, frames) {
-  if (frames_ < columns_) return;
-  for (std::size_t i = 0; i + 1 < pairs_.size(); i += 2) {
-    pairs_[i] = 1.0F;
-    pairs_[i + 1] = -1.0F;
-  }
-}
-
-void SampleColumns::Add(std::span<const float> samples) noexcept {
-  const std::int64_t end = frame_ + static_cast<std::int64_t>(samples.size() / channels_);
-  if (frames_ >= columns_) {
-    Narrow(samples, end);
-  } else {
-    Repeat(samples, end);
-  }
-  frame_ = end;
-}
-
-// At least one frame a column: frame s belongs to column s * columns / frames.
-void SampleColumns::Narrow(std::span<const float> samples, std::int64_t end) noexcept {
-  const std::size_t pair_floats = 2 * channels_;
-  std::int64_t frame = frame_;
-  while (frame < end && column_ < visible_) {
-    const std::int64_t stop = std::min(end, ends_.end());
-    const std::size_t count = static_cast<std::size_t>(stop - frame) * channels_;
-    ExtendBySamples(pairs_.subspan(static_cast<std::size_t>(column_) * pair_floats, pair_floats),
+  if (first == 0) FillColumns(pairs, 1.0F, -1.0F);
+  const std::size_t pair_floats = 2 * channels;
+  const auto visible = static_cast<std::int64_t>(pairs.size() / pair_floats);
+  const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
+  // Frame s belongs to column s * columns / frames.
+  std::int64_t column = Scale(first, columns, frames);
+  ColumnEnds ends(columns, frames, column);
+  for (std::int64_t frame = first; frame < end && column < visible; ++column) {
+    const std::int64_t stop = std::min(end, ends.Next());
+    const std::size_t count = static_cast<std::size_t>(stop - frame) * channels;
+    ExtendBySamples(pairs.subspan(static_cast<std::size_t>(column) * pair_floats, pair_floats),
                     samples.first(count));
     samples = samples.subspan(count);
     frame = stop;
-    if (frame < ends_.end()) break;
-    ends_.Advance();
-    ++column_;
   }
 }
 
-// More columns than frames: column c shows frame c * frames / columns.
-void SampleColumns::Repeat(std::span<const float> samples, std::int64_t end) noexcept {
-  for (; column_ < visible_; ++column_) {
-    const std::int64_t frame = Scale(column_, frames_, columns_);
-    if (frame >= end) return;
-    for (std::size_t channel = 0; channel < channels_; ++channel) {
-      const float sample = samples[static_cast<std::size_t>(frame - frame_) * channels_ + channel];
-      const std::size_t pair = 2 * (static_cast<std::size_t>(column_) * channels_ + channel);
-      pairs_[pair] = sample;
-      pairs_[pair + 1] = sample;
-    }
+void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+               std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept {
+  const std::size_t pair_floats = 2 * channels;
+  if (first == 0)
+    FillColumns(pairs.first(std::min(pairs.size(), pair_floats)), kLargest, -kLargest);
+  const auto visible = static_cast<std::int64_t>(pairs.size() / pair_floats);
+  const std::int64_t end = first + static_cast<std::int64_t>(peaks.size() / pair_floats);
+  for (std::int64_t peak = first; peak < end;) {
+    // Peak i belongs to column i * columns / count.
+    const std::int64_t column = Scale(peak, columns, count);
+    if (column >= visible) return;
+    const auto own = pairs.subspan(static_cast<std::size_t>(column) * pair_floats, pair_floats);
+    if (column > 0 && peak == FirstOfColumn(column, columns, count)) LinkToLeft(own);
+    const std::int64_t stop = std::min(end, FirstOfColumn(column + 1, columns, count));
+    const std::size_t floats = static_cast<std::size_t>(stop - peak) * pair_floats;
+    ExtendByPeaks(own, peaks.first(floats));
+    peaks = peaks.subspan(floats);
+    peak = stop;
   }
-}
-
-PeakColumns::PeakColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
-                         std::int64_t peaks) noexcept
-    : pairs_(pairs),
-      channels_(channels),
-      columns_(columns),
-      peaks_(peaks),
-      visible_(static_cast<std::int64_t>(pairs.size() / (2 * channels))) {
-  if (visible_ == 0) return;
-  for (std::size_t channel = 0; channel < channels_; ++channel) {
-    pairs_[2 * channel] = kLargest;
-    pairs_[2 * channel + 1] = -kLargest;
-  }
-}
-
-// Peak i belongs to column i * columns / peaks.
-void PeakColumns::Add(std::span<const float> peaks) noexcept {
-  const std::size_t pair_floats = 2 * channels_;
-  const std::int64_t end = peak_ + static_cast<std::int64_t>(peaks.size() / pair_floats);
-  while (peak_ < end) {
-    const std::int64_t column = Scale(peak_, columns_, peaks_);
-    if (column >= visible_) break;
-    if (column > column_) Open(column);
-    // The first peak of the next column that has one.
-    const std::int64_t stop = std::min(end, FirstOfColumn(column + 1, columns_, peaks_));
-    const std::size_t count = static_cast<std::size_t>(stop - peak_) * pair_floats;
-    ExtendByPeaks(pairs_.subspan(static_cast<std::size_t>(column) * pair_floats, pair_floats),
-                  peaks.first(count));
-    peaks = peaks.subspan(count);
-    peak_ = stop;
-  }
-  peak_ = end;
-}
-
-// A column starts from its left neighbour with minimum and maximum exchanged. Deliberate: it links
-// the two, so that the drawn waveform has no gap between them. With fewer peaks than columns the
-// neighbour may be one that nothing was written to; it then counts as the host left it.
-void PeakColumns::Open(std::int64_t column) noexcept {
-  float* const pairs = &pairs_[static_cast<std::size_t>(column) * 2 * channels_];
-  const float* const left = pairs - 2 * channels_;
-  for (std::size_t channel = 0; channel < channels_; ++channel) {
-    pairs[2 * channel] = left[2 * channel + 1];
-    pairs[2 * channel + 1] = left[2 * channel];
-  }
-  column_ = column;
 }
 
 }  // namespace marlinda

@@ -2,8 +2,8 @@
 // samples or from precomputed peaks.
 //
 // Columns are (minimum, maximum) pairs, one for each channel, column after column. A piece of the
-// document has its own columns 0 to `columns` - 1. The span that takes their pairs may be shorter:
-// what lies past it is computed for and dropped.
+// document has its own columns 0 to `columns` - 1. The span of pairs may be shorter: columns past
+// it are not drawn.
 #pragma once
 
 #include <cstddef>
@@ -20,70 +20,18 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
 // i-th belongs to column i * columns / count: column * count / columns, rounded up.
 std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
 
-// The same, column after column, without a division for each. None is negative, `columns` positive.
-class ColumnEnds {
- public:
-  ColumnEnds(std::int64_t columns, std::int64_t count) noexcept;
+// Draws the columns of a piece from its samples, whole frames. The samples may come in blocks, one
+// call after another; `first` is the frame of the piece at which a block begins, `frames` the
+// length of the piece. Where every column has a frame, columns start from +1 and -1, so a column
+// whose samples all lie above full scale still begins at full scale.
+void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+                 std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
-  // The first of the next column, which ends this one.
-  std::int64_t end() const noexcept { return whole_ + (part_ > 0 ? 1 : 0); }
-  void Advance() noexcept;
-
- private:
-  // What a column takes, and the columns for which that is one more.
-  std::int64_t each_;
-  std::int64_t more_;
-  std::int64_t columns_;
-  // The end is this many and part_ / columns_, rounded up.
-  std::int64_t whole_ = 0;
-  std::int64_t part_ = 0;
-};
-
-// Fills the columns of a piece from its samples, which come in blocks.
-class SampleColumns {
- public:
-  // Where every column has a frame, columns start from +1 and -1: deliberate, so a column whose
-  // samples all lie above full scale still begins at full scale.
-  SampleColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
-                std::int64_t frames) noexcept;
-
-  // Takes the next samples of the piece, whole frames.
-  void Add(std::span<const float> samples) noexcept;
-
- private:
-  void Narrow(std::span<const float> samples, std::int64_t end) noexcept;
-  void Repeat(std::span<const float> samples, std::int64_t end) noexcept;
-
-  std::span<float> pairs_;
-  std::size_t channels_;
-  std::int64_t columns_;
-  std::int64_t frames_;
-  std::int64_t visible_;
-  // The next frame to come, and the column that is being filled.
-  std::int64_t frame_ = 0;
-  std::int64_t column_ = 0;
-  ColumnEnds ends_;
-};
-
-// Fills the columns of a piece from its peaks, which come in blocks of pairs.
-class PeakColumns {
- public:
-  PeakColumns(std::span<float> pairs, std::size_t channels, std::int64_t columns,
-              std::int64_t peaks) noexcept;
-
-  // Takes the next peaks of the piece, all channels of each.
-  void Add(std::span<const float> peaks) noexcept;
-
- private:
-  void Open(std::int64_t column) noexcept;
-
-  std::span<float> pairs_;
-  std::size_t channels_;
-  std::int64_t columns_;
-  std::int64_t peaks_;
-  std::int64_t visible_;
-  std::int64_t peak_ = 0;
-  std::int64_t column_ = 0;
-};
+// Draws the columns of a piece from `count` peaks, blocks of them as above. A column starts from
+// its left neighbour with minimum and maximum exchanged. This links the two, so that the drawn
+// waveform has no gap between them. With fewer peaks than columns the neighbour may be one that no
+// peak belongs to; it then counts as the host left it.
+void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
+               std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept;
 
 }  // namespace marlinda

@@ -85,7 +85,7 @@ TEST_F(EditedAudioEvents, ListsItsPointsAndTheirConnections) {
 
   Sink first = UpdateSink("a");
   Sink second = UpdateSink("b");
-  Connect(first);
+  const DWORD first_cookie = Connect(first);
   const DWORD cookie = Connect(second);
   ComPtr<IEnumConnections> connections;
   ASSERT_EQ(Point(DIID__IEAUpdateEvents)->EnumConnections(connections.GetAddressOf()), S_OK);
@@ -99,6 +99,7 @@ TEST_F(EditedAudioEvents, ListsItsPointsAndTheirConnections) {
   data[1].pUnk->Release();
   connections.Reset();
   Disconnect(cookie);
+  Disconnect(first_cookie);
   EXPECT_EQ(second.Held(), 0);
 }
 

@@ -1,0 +1,141 @@
+// The rules of editing as walks over plain lists: the reference for the fuzzer of the kernels and
+// for random edits of documents.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/records.h"
+#include "edit/segment_list.h"
+
+namespace marlinda::testing {
+
+struct PlainDocument {
+  using Segment = CAudioSegment<char>;
+
+  // Sources by name; a dash is silence.
+  std::vector<Segment> segments;
+  std::vector<Label> labels;
+  std::vector<SectionMarker> markers;
+
+  std::int64_t Length() const {
+    std::int64_t length = 0;
+    for (const Segment& segment : segments) length = WrappingAdd(length, segment.Length());
+    return length;
+  }
+
+  void Insert(std::int64_t position, const PlainDocument& other) {
+    const auto at = static_cast<std::ptrdiff_t>(Split(position));
+    segments.insert(segments.begin() + at, other.segments.begin(), other.segments.end());
+    Move(position, other.Length());
+    for (const Label& label : other.labels) {
+      labels.push_back({WrappingAdd(label.position, position), label.name});
+    }
+    for (const SectionMarker& marker : other.markers) {
+      markers.push_back({Moved(marker.section, position), marker.name});
+    }
+  }
+
+  PlainDocument Part(std::int64_t begin, std::int64_t end) const {
+    PlainDocument part;
+    std::int64_t offset = 0;
+    for (const Segment& segment : segments) {
+      const auto first = SaturatingAdd(segment.begin, SaturatingSubtract(begin, offset));
+      const auto last = SaturatingAdd(segment.begin, SaturatingSubtract(end, offset));
+      const Segment piece(segment.source, std::max(segment.begin, first),
+                          std::min(segment.end, last));
+      if (piece.begin < piece.end) part.segments.push_back(piece);
+      offset = WrappingAdd(offset, segment.Length());
+    }
+    const std::int64_t left = WrappingSubtract(0, begin);
+    for (const Label& label : labels) {
+      if (begin > label.position || label.position >= end) continue;
+      part.labels.push_back({WrappingAdd(label.position, left), label.name});
+    }
+    for (const SectionMarker& marker : markers) {
+      const CSection kept(std::max(begin, marker.section.begin), std::min(end, marker.section.end));
+      if (kept.begin < kept.end) part.markers.push_back({Moved(kept, left), marker.name});
+    }
+    return part;
+  }
+
+  void Delete(std::int64_t begin, std::int64_t end) {
+    const PlainDocument head = Part(0, begin);
+    const PlainDocument tail = Part(end, Length());
+    *this = {};
+    Insert(0, head);
+    Insert(begin, tail);
+  }
+
+  // "A[0,10) -[5,7)".
+  static std::string Text(const std::vector<Segment>& segments) {
+    std::string text;
+    for (const Segment& segment : segments) {
+      text += (text.empty() ? "" : " ") + std::string(1, segment.source) + Text(segment);
+    }
+    return text;
+  }
+  // "intro@5 outro@90".
+  static std::string Text(const std::vector<Label>& labels) {
+    std::string text;
+    for (const Label& label : labels) {
+      text += (text.empty() ? "" : " ") + label.name + "@" + std::to_string(label.position);
+    }
+    return text;
+  }
+  // "verse[5,7)".
+  static std::string Text(const std::vector<SectionMarker>& markers) {
+    std::string text;
+    for (const SectionMarker& marker : markers) {
+      text += (text.empty() ? "" : " ") + marker.name + Text(marker.section);
+    }
+    return text;
+  }
+
+ private:
+  static std::string Text(const CSection& section) {
+    return "[" + std::to_string(section.begin) + "," + std::to_string(section.end) + ")";
+  }
+  static CSection Moved(const CSection& section, std::int64_t offset) {
+    return {WrappingAdd(section.begin, offset), WrappingAdd(section.end, offset)};
+  }
+
+  // Number of segments before the place of an insertion; a segment around the position is cut.
+  std::size_t Split(std::int64_t position) {
+    std::int64_t offset = 0;
+    for (std::size_t i = 0; position != 0 && i < segments.size(); ++i) {
+      const std::int64_t end = WrappingAdd(offset, segments[i].Length());
+      if (position < end) {
+        Segment rest = segments[i];
+        rest.begin = WrappingAdd(rest.begin, WrappingSubtract(position, offset));
+        segments[i].end = rest.begin;
+        segments.insert(segments.begin() + static_cast<std::ptrdiff_t>(i) + 1, rest);
+      }
+      if (position <= end) return i + 1;
+      offset = end;
+    }
+    return position == 0 ? 0 : segments.size();
+  }
+
+  void Move(std::int64_t position, std::int64_t length) {
+    for (Label& label : labels) {
+      if (label.position >= position) label.position = WrappingAdd(label.position, length);
+    }
+    std::vector<SectionMarker> halves;
+    for (SectionMarker& marker : markers) {
+      CSection& section = marker.section;
+      if (section.begin >= position) {
+        section = Moved(section, length);
+      } else if (section.end > position) {
+        halves.push_back({Moved({position, section.end}, length), marker.name});
+        section.end = position;
+      }
+    }
+    markers.insert(markers.end(), halves.begin(), halves.end());
+  }
+};
+
+}  // namespace marlinda::testing
