@@ -6,17 +6,17 @@
 #include <set>
 
 #include "tests/edit/document.h"
+#include "tests/edit/plain_overview.h"
 
 namespace marlinda::testing {
 namespace {
 
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr __int64 kTakeFrames = 200'000;
 
-// A take of noise with its peaks, as a pool hands it out.
+// A take of noise with its peaks, as a pool reader offers it.
 class Take final : public RampSource, public IPeakReader {
  public:
   static ComPtr<Take> Make(char name, SHORT channels, CallLog* log, bool has_peaks = true) {
@@ -65,24 +65,18 @@ class Take final : public RampSource, public IPeakReader {
 
   std::vector<float> Peaks(__int64 first, __int64 count) const {
     std::vector<float> peaks;
-    for (__int64 peak = first; peak < first + count; ++peak) {
-      for (__int64 channel = 0; channel < channels_; ++channel) {
-        float low = At(peak * frames_per_peak, channel);
-        float high = low;
-        for (__int64 frame = peak * frames_per_peak; frame < (peak + 1) * frames_per_peak;
-             ++frame) {
-          low = std::min(low, At(frame, channel));
-          high = std::max(high, At(frame, channel));
-        }
-        peaks.push_back(low);
-        peaks.push_back(high);
+    for (__int64 i = first * channels_; i < (first + count) * channels_; ++i) {
+      const auto frame = static_cast<std::size_t>(i / channels_ * frames_per_peak);
+      float low = 2;
+      float high = -2;
+      for (std::size_t at = frame; at < frame + static_cast<std::size_t>(frames_per_peak); ++at) {
+        const auto index = at * static_cast<std::size_t>(channels_);
+        low = std::min(low, samples[index + static_cast<std::size_t>(i % channels_)]);
+        high = std::max(high, samples[index + static_cast<std::size_t>(i % channels_)]);
       }
+      peaks.insert(peaks.end(), {low, high});
     }
     return peaks;
-  }
-
-  float At(__int64 frame, __int64 channel) const {
-    return samples[static_cast<std::size_t>(frame * channels_ + channel)];
   }
 
  private:
@@ -104,55 +98,25 @@ struct Piece {
   __int64 end;
 };
 
-// The overview by the letter: loops over samples and peaks, frame by frame and peak by peak. `out`
-// may have room for more than the `width` columns of the range.
-void DrawByTheLetter(std::vector<float>& out, __int64 width, const std::vector<Piece>& pieces,
-                     __int64 range, __int64 nc) {
-  const auto pair = [&](__int64 col, __int64 ch) {
-    return out.begin() + static_cast<std::ptrdiff_t>(2 * (col * nc + ch));
-  };
-  __int64 o = 0;
+// The overview of pieces side by side, `width` columns for `range` frames.
+void DrawPieces(std::vector<float>& out, __int64 width, const std::vector<Piece>& pieces,
+                __int64 range, __int64 channels) {
+  PlainOverview overview(out, channels);
+  __int64 offset = 0;
   for (const Piece& piece : pieces) {
     const __int64 length = piece.end - piece.begin;
-    const __int64 c0 = width * o / range;
-    o += length;
-    const __int64 n = width * o / range - c0;
-    for (__int64 ch = 0; ch < nc && n > 0; ++ch) {
-      if (piece.take == nullptr) {
-        for (__int64 col = c0; col < c0 + n; ++col) std::fill_n(pair(col, ch), 2, 0.0F);
-      } else if (length < n) {
-        for (__int64 col = 0; col < n; ++col) {
-          std::fill_n(pair(c0 + col, ch), 2, piece.take->At(piece.begin + col * length / n, ch));
-        }
-      } else if (length < n * 256) {
-        for (__int64 col = c0; col < c0 + n; ++col) {
-          pair(col, ch)[0] = 1.0F;
-          pair(col, ch)[1] = -1.0F;
-        }
-        for (__int64 s = 0; s < length; ++s) {
-          const auto at = pair(c0 + s * n / length, ch);
-          at[0] = std::min(at[0], piece.take->At(piece.begin + s, ch));
-          at[1] = std::max(at[1], piece.take->At(piece.begin + s, ch));
-        }
-      } else {
-        const __int64 count = length / 256;
-        const std::vector<float> peaks = piece.take->Peaks(piece.begin / 256, count);
-        pair(c0, ch)[0] = 3.4028235e38F;
-        pair(c0, ch)[1] = -3.4028235e38F;
-        __int64 previous = 0;
-        for (__int64 i = 0; i < count; ++i) {
-          const __int64 col = i * n / count;
-          if (col > previous) {
-            pair(c0 + col, ch)[1] = pair(c0 + col - 1, ch)[0];
-            pair(c0 + col, ch)[0] = pair(c0 + col - 1, ch)[1];
-          }
-          previous = col;
-          const auto at = pair(c0 + col, ch);
-          const auto* const peak = &peaks[static_cast<std::size_t>(2 * (i * nc + ch))];
-          at[0] = std::min(at[0], peak[0]);
-          at[1] = std::max(at[1], peak[1]);
-        }
-      }
+    const __int64 first = width * offset / range;
+    offset += length;
+    const __int64 n = width * offset / range - first;
+    if (n == 0) continue;
+    if (piece.take == nullptr) {
+      overview.Silence(first, n);
+    } else if (length < n * 256) {
+      overview.Samples(
+          first, n, &piece.take->samples[static_cast<std::size_t>(piece.begin * channels)], length);
+    } else {
+      const std::vector<float> peaks = piece.take->Peaks(piece.begin / 256, length / 256);
+      overview.Peaks(first, n, peaks.data(), length / 256);
     }
   }
 }
@@ -204,7 +168,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
       offset += size;
     }
     std::vector<float> expected(columns * 4, kHost);
-    DrawByTheLetter(expected, static_cast<__int64>(columns), cut, end - begin, 2);
+    DrawPieces(expected, static_cast<__int64>(columns), cut, end - begin, 2);
     ASSERT_EQ(Plot(begin, end, columns, 2), expected)
         << begin << " to " << end << " in " << columns << " columns";
   }
@@ -235,7 +199,7 @@ TEST_F(EditedAudioWaveplot, ReadsSamplesAtOnceAndOnlyEnormousStretchesInBlocks) 
   EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 16000000)", "A.CloseDevice"));
   log_.clear();
   std::vector<float> expected(200'000, kHost);
-  DrawByTheLetter(expected, 1000, pieces_, kTakeFrames, 100);
+  DrawPieces(expected, 1000, pieces_, kTakeFrames, 100);
   EXPECT_EQ(Plot(0, kTakeFrames, 1000, 100), expected);
   EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 16777200)",
                                 "A.ReadAudio(167772, 3222800)", "A.CloseDevice"));
@@ -269,23 +233,20 @@ TEST_F(EditedAudioWaveplot, LeavesColumnsAloneThatItCannotDraw) {
   EXPECT_THAT(Plot(0, 4000, 4, 1), ElementsAre(kHost, kHost, kHost, kHost, 0, 0, kHost, kHost));
 }
 
-TEST_F(EditedAudioWaveplot, OddRangesArraysAndFormatsAreSafe) {
+TEST_F(EditedAudioWaveplot, DrawsNothingForOddRangesArraysAndFormats) {
+  const auto a = Take::Make('A', 2, nullptr);
   const Floats fresh(8, kHost);
   EXPECT_EQ(document_->ReadWaveplot(0, 100, fresh), S_OK);
   EXPECT_THAT(fresh.ToVector(), Each(kHost));
-  const auto a = Take::Make('A', 2, nullptr);
   Append(a, 0, 1000);
-  EXPECT_THAT(Plot(500, 500, 10, 2), Each(kHost));
-  EXPECT_THAT(Plot(500, 100, 10, 2), Each(kHost));
-  EXPECT_THAT(Plot(1000, 2000, 10, 2), Each(kHost));
-  EXPECT_THAT(Plot(0, 1000, 0, 2), IsEmpty());
+  constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
+  const std::pair<__int64, __int64> ranges[] = {
+      {500, 500}, {500, 100}, {1000, 2000}, {-kMax, kMax}};
+  for (const auto& [begin, end] : ranges) EXPECT_THAT(Plot(begin, end, 10, 2), Each(kHost));
   // Three floats are no column of two channels.
   const Floats few(3, kHost);
   EXPECT_EQ(document_->ReadWaveplot(0, 1000, few), S_OK);
   EXPECT_THAT(few.ToVector(), Each(kHost));
-  constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
-  EXPECT_THAT(Plot(-kMax - 1, kMax, 10, 2), Each(kHost));
-  EXPECT_EQ(document_->ReadWaveplot(0, 1000, nullptr), E_INVALIDARG);
   EXPECT_EQ(document_->ReadWaveplot(0, 1000, ForeignArray(VT_I2)), E_INVALIDARG);
   document_->SetFormat(44100, -2, 16);
   EXPECT_THAT(Plot(0, 1000, 10, 2), Each(kHost));
@@ -298,7 +259,7 @@ TEST_F(EditedAudioWaveplot, BackwardSegmentsNeverDrawPastTheArray) {
   Append(a, 2000, 3000);
   // Two whole pieces of 1000 frames in a range of 1000.
   std::vector<float> expected(40);
-  DrawByTheLetter(expected, 10, {{a.Get(), 0, 1000}, {a.Get(), 2000, 2900}}, 1000, 1);
+  DrawPieces(expected, 10, {{a.Get(), 0, 1000}, {a.Get(), 2000, 2900}}, 1000, 1);
   expected.resize(20);
   EXPECT_EQ(Plot(0, 1000, 10, 1), expected);
 }
@@ -312,38 +273,32 @@ TEST_F(EditedAudioWaveplot, DrawsTheSilenceSourceAsALineAtEveryZoom) {
   }
 }
 
-// A source of another maker, which has nothing but the peaks of a pool reader.
-class PeaksOf final : public RampSource, public IPeakReader {
+// A source that has no more than the peaks of a pool reader.
+class PeaksOf final : public TestObject<IAudioReader, IPeakReader> {
  public:
-  static ComPtr<PeaksOf> Make(const ComPtr<IPeakReader>& peaks, SHORT channels) {
-    ComPtr<PeaksOf> made;
-    *made.GetAddressOf() = new PeaksOf(peaks, channels);
-    return made;
-  }
+  explicit PeaksOf(ComPtr<IPeakReader> peaks) : peaks_(std::move(peaks)) {}
 
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (!IsEqualIID(iid, IID_IPeakReader)) return RampSource::QueryInterface(iid, object);
-    *object = static_cast<IPeakReader*>(this);
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return RampSource::AddRef(); }
-  STDMETHODIMP_(ULONG) Release() override { return RampSource::Release(); }
   STDMETHODIMP ReadPeaks(__int64 position, SAFEARRAY* array) override {
     return peaks_->ReadPeaks(position, array);
   }
   STDMETHODIMP GetSamplesPerPeak(LONG* count) override { return peaks_->GetSamplesPerPeak(count); }
+  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channels) override {
+    *samples_per_sec = 44100;
+    *channels = 2;
+    return S_OK;
+  }
+  STDMETHODIMP ReadAudio(__int64, SAFEARRAY*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSampleCount(__int64*) override { return E_NOTIMPL; }
+  STDMETHODIMP OpenDevice() override { return E_NOTIMPL; }
+  STDMETHODIMP CloseDevice() override { return E_NOTIMPL; }
 
  private:
-  PeaksOf(const ComPtr<IPeakReader>& peaks, SHORT channels)
-      : RampSource('P', channels, nullptr, 44100), peaks_(peaks) {}
-
   const ComPtr<IPeakReader> peaks_;
 };
 
-// What a pool reader sums up for the document must be what its peaks say, also when the pool has
-// written on or, with another bit depth in the middle of a take, has written over them.
-TEST(EditedAudioPoolWaveplot, IsThatOfThePeaksAtEveryMomentOfATake) {
+// The summaries of a pool reader agree with its peaks, also after the pool has written on or, with
+// another bit depth in the middle of a take, has overwritten peaks.
+TEST(EditedAudioPoolWaveplot, AgreesWithThePeaksAtEveryMomentOfATake) {
   constexpr SHORT kChannels = 2;
   constexpr __int64 kBlockFrames = 256 * 100;
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
@@ -354,7 +309,7 @@ TEST(EditedAudioPoolWaveplot, IsThatOfThePeaksAtEveryMomentOfATake) {
   const auto take = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
   ASSERT_EQ(take->Create(pool.Get(), 0, 0, 0, 8), S_OK);
   const auto reader = As<IAudioReader>(take);
-  const auto forwarder = PeaksOf::Make(As<IPeakReader>(take), kChannels);
+  const auto forwarder = MakeObject<PeaksOf>(As<IPeakReader>(take));
   const Document direct;
   const Document forwarded;
   direct->AppendSegment(reader.Get(), 0, 40 * kBlockFrames);
