@@ -12,18 +12,21 @@ CSection Moved(const CSection& section, std::int64_t offset) noexcept {
   return {WrappingAdd(section.begin, offset), WrappingAdd(section.end, offset)};
 }
 
-// The part of a record within `range`, moved by `offset` and without its name; nothing when the
-// range holds no part of it.
-std::optional<Label> Clip(const Label& label, const CSection& range, std::int64_t offset) {
-  if (!range.Contains(label.position)) return std::nullopt;
-  return Label{WrappingAdd(label.position, offset), {}};
+bool Reaches(const Label& label, const CSection& range) noexcept {
+  return range.Contains(label.position);
 }
 
-std::optional<SectionMarker> Clip(const SectionMarker& marker, const CSection& range,
-                                  std::int64_t offset) {
-  const std::optional<CSection> kept = ClipMarker(marker.section, range);
-  if (!kept) return std::nullopt;
-  return SectionMarker{Moved(*kept, offset), {}};
+bool Reaches(const SectionMarker& marker, const CSection& range) noexcept {
+  return ClipMarker(marker.section, range).has_value();
+}
+
+// Clips a record that reaches into the range and moves it.
+void Clip(Label& label, const CSection&, std::int64_t offset) noexcept {
+  label.position = WrappingAdd(label.position, offset);
+}
+
+void Clip(SectionMarker& marker, const CSection& range, std::int64_t offset) noexcept {
+  if (const auto kept = ClipMarker(marker.section, range)) marker.section = Moved(*kept, offset);
 }
 
 template <class Record>
@@ -31,43 +34,58 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
                            std::int64_t offset) {
   std::vector<Record> part;
   for (const Record& record : records) {
-    std::optional<Record> kept = Clip(record, range, offset);
-    if (!kept) continue;
-    kept->name = record.name;
-    part.push_back(std::move(*kept));
+    if (!Reaches(record, range)) continue;
+    part.push_back(record);
+    Clip(part.back(), range, offset);
   }
   return part;
 }
 
-// Names are copied only where a record becomes two.
+// Keeps the parts of the records in the head, then those in the tail. In place as long as the parts
+// in the tail come last anyway; otherwise these are collected first.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
-  std::vector<Record> behind;
-  std::size_t before = 0;
+  std::size_t in_head = 0;
+  std::size_t in_tail = 0;
+  bool in_order = true;
   for (const Record& record : records) {
-    const bool in_head = Clip(record, head, 0).has_value();
-    before += in_head ? 1 : 0;
-    std::optional<Record> kept = Clip(record, tail, offset);
-    if (!kept) continue;
-    if (in_head) kept->name = record.name;
-    behind.push_back(std::move(*kept));
+    in_tail += Reaches(record, tail) ? 1 : 0;
+    if (!Reaches(record, head)) continue;
+    ++in_head;
+    in_order = in_order && in_tail == 0;
   }
-  records.reserve(before + behind.size());
+  std::vector<Record> behind;
+  if (!in_order) {
+    behind.reserve(in_tail);
+    for (const Record& record : records) {
+      if (!Reaches(record, tail)) continue;
+      // The name is copied where the record becomes two, and moved below otherwise.
+      behind.push_back(Reaches(record, head) ? record : Record());
+    }
+    records.reserve(in_head + in_tail);
+  }
   // Nothing fails from here on.
   auto next_behind = behind.begin();
-  auto next_before = records.begin();
+  auto next = records.begin();
   for (Record& record : records) {
-    std::optional<Record> kept = Clip(record, head, 0);
-    if (Clip(record, tail, 0)) {
-      if (!kept) next_behind->name = std::move(record.name);
-      ++next_behind;
+    const bool stays = Reaches(record, head);
+    const bool moves = Reaches(record, tail);
+    if (moves && !in_order) {
+      if (!stays) *next_behind = std::move(record);
+      Clip(*next_behind++, tail, offset);
     }
-    if (!kept) continue;
-    kept->name = std::move(record.name);
-    *next_before++ = std::move(*kept);
+    if (stays) {
+      Clip(record, head, 0);
+    } else if (moves && in_order) {
+      Clip(record, tail, offset);
+    } else {
+      continue;
+    }
+    if (&*next != &record) *next = std::move(record);
+    ++next;
   }
-  records.erase(next_before, records.end());
+  records.erase(next, records.end());
   std::ranges::move(behind, std::back_inserter(records));
 }
 

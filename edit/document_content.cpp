@@ -65,7 +65,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
     std::span<float> room = view.samples();
     ScratchLease lease(scratch);
     for (const Piece& piece : pieces) {
-      const auto count = static_cast<std::size_t>(piece.Length() * channels);
+      const auto count = static_cast<std::size_t>((piece.end - piece.begin) * channels);
       const std::span<float> target = room.first(std::min(count, room.size()));
       if (piece.source != nullptr) {
         Check(piece.source->ReadAudio(piece.begin, lease->Prepare(count)));
@@ -122,9 +122,10 @@ std::vector<DocumentContent::Piece> DocumentContent::Cut(
     const std::optional<CSection>& range) const {
   std::vector<Piece> pieces;
   const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
-    pieces.emplace_back(source.Get(), section.begin, section.end);
+    pieces.push_back({source.Get(), section.begin, section.end});
   };
   if (range) {
+    pieces.reserve(segments.MaxPieces(*range));
     segments.ForEachPiece(*range, take);
   } else {
     pieces.reserve(segments.Count());

@@ -32,7 +32,11 @@ struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
   // A part of the list whose source is borrowed: valid while a Pin exists.
-  using Piece = CAudioSegment<IAudioReader*>;
+  struct Piece {
+    IAudioReader* source;
+    __int64 begin;
+    __int64 end;
+  };
 
   // While a pin exists, sources that an edit removes from the list keep their references. The last
   // pin releases them, without the lock.

@@ -314,15 +314,16 @@ STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY*
     const __int64 range = SaturatingSubtract(nEnd, nBegin);
     __int64 offset = 0;
     for (const DocumentContent::Piece& piece : pieces) {
+      const CSection section(piece.begin, piece.end);
       const __int64 first = Scale(offset, columns, range);
-      offset = SaturatingAdd(offset, piece.Length());
+      offset = SaturatingAdd(offset, section.Length());
       const __int64 last = Scale(offset, columns, range);
       // Backward segments can make the pieces wider than the array.
       if (first >= last || first >= columns) continue;
       const std::span<float> pairs = view.samples().subspan(
           static_cast<std::size_t>(first) * pair_floats,
           static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
-      DrawPiece(piece.source, piece, channels, last - first, pairs, content_->scratch);
+      DrawPiece(piece.source, section, channels, last - first, pairs, content_->scratch);
     }
   });
 }

@@ -141,6 +141,13 @@ class SegmentList {
     return std::exchange(blocks_, {});
   }
 
+  // The number of pieces in `range` is at most this.
+  std::size_t MaxPieces(const CSection& range) const noexcept {
+    const std::size_t first = index_.FirstReaching(range.begin);
+    const std::size_t last = index_.FirstReaching(range.end);
+    return index_.NoneShorterThan(0) && first <= last ? (last - first + 1) * kBlockSize : Count();
+  }
+
   // Calls take(source, piece) for each part of a segment that lies in `range`, in order, with the
   // bounds of the part in its source. No piece is empty or backward.
   template <class Take>
