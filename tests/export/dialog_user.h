@@ -1,8 +1,7 @@
-// Someone at a dialog: finds its window, looks at it and works its mouse and keyboard, from a
-// thread of their own, while the thread of the test shows it.
+// DialogUser: finds the window of a dialog, reads it and works its mouse and keyboard, on a thread
+// of its own, while the thread of the test shows the dialog.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <functional>
@@ -12,15 +11,9 @@
 
 namespace marlinda::testing {
 
-// A generous limit for everything that is waited for here.
-inline constexpr int kPatienceMilliseconds = 60'000;
-
-inline bool Eventually(const std::function<bool()>& happened) {
-  for (int waited = 0; waited < kPatienceMilliseconds; waited += 10) {
-    if (happened()) return true;
-    Sleep(10);
-  }
-  return false;
+// Waits for a state. A state that never comes is a hang, which the test runner ends.
+inline void WaitUntil(const std::function<bool()>& happened) {
+  while (!happened()) Sleep(10);
 }
 
 // An open dialog of this process.
@@ -39,16 +32,15 @@ class OpenDialog {
     PostMessageW(Focus(), WM_KEYDOWN, key, 1);
     PostMessageW(Focus(), WM_KEYUP, key, static_cast<LPARAM>(0xC0000001));
   }
-  bool FocusComesTo(int item) const {
-    return Eventually([&] { return Focus() == Item(item); });
+  void WaitForFocus(int item) const {
+    WaitUntil([&] { return Focus() == Item(item); });
   }
   // Presses the tab key once for each of `items`, which the keyboard must reach in turn.
-  bool TabVisits(std::initializer_list<int> items) const {
+  void TabThrough(std::initializer_list<int> items) const {
     for (const int item : items) {
       Press(VK_TAB);
-      if (!FocusComesTo(item)) return false;
+      WaitForFocus(item);
     }
-    return true;
   }
 
   // The radio buttons that are checked, or any other items.
@@ -114,22 +106,15 @@ class OpenDialog {
   HWND window_;
 };
 
-// Runs `steps` on the dialog with that title, once it is there. A dialog that the steps leave open
-// is closed, so that a failure ends the test instead of hanging it.
+// Runs `steps` on the dialog with that title, once it is there. The steps end the dialog.
 class DialogUser {
  public:
   DialogUser(std::wstring title, std::function<void(const OpenDialog&)> steps)
       : thread_([title = std::move(title), steps = std::move(steps)] {
           HWND window = nullptr;
-          if (!Eventually([&] { return (window = Find(title)) != nullptr; })) {
-            ADD_FAILURE() << "no dialog opened";
-            return;
-          }
+          WaitUntil([&] { return (window = Find(title)) != nullptr; });
           steps(OpenDialog(window));
-          if (!Eventually([&] { return !IsWindow(window); })) {
-            ADD_FAILURE() << "the dialog stayed open";
-            PostMessageW(window, WM_CLOSE, 0, 0);
-          }
+          WaitUntil([&] { return !IsWindow(window); });
         }) {}
   DialogUser(const DialogUser&) = delete;
   DialogUser& operator=(const DialogUser&) = delete;

@@ -232,10 +232,10 @@ TEST_F(DShowExport, OffersTheBitRatesOfTheEncoderAndStoresTheChosenOne) {
                 ElementsAre(L"56 kbit / s", L"64 kbit / s", L"96 kbit / s", L"128 kbit / s"));
     EXPECT_EQ(dialog.SelectedLine(207), 3);
     EXPECT_EQ(dialog.FontName(), L"MS Sans Serif");
-    EXPECT_TRUE(dialog.FocusComesTo(207));
-    EXPECT_TRUE(dialog.TabVisits({IDOK, IDCANCEL, 207}));
+    dialog.WaitForFocus(207);
+    dialog.TabThrough({IDOK, IDCANCEL, 207});
     dialog.Press(VK_UP);
-    EXPECT_TRUE(Eventually([&] { return dialog.SelectedLine(207) == 2; }));
+    WaitUntil([&] { return dialog.SelectedLine(207) == 2; });
     dialog.Press(VK_ESCAPE);
   });
   EXPECT_EQ(settings.ReadDword("MP3Bitrate", 0), 320U);
@@ -259,6 +259,12 @@ TEST_F(DShowExport, StoresTheWmaBitRateAndShowsNothingForOtherFiles) {
     EXPECT_EQ(filter->ShowSettingsDlg(Bstr(L"WMA"), 0), S_OK);
   };
   show([](const OpenDialog& dialog) {
+    EXPECT_THAT(dialog.Items(), ElementsAre(L"Button: Encoding bit rate",
+                                            L"201 Button: Encode audio with 64 kbit per second",
+                                            L"202 Button: Encode audio with 96 kbit per second",
+                                            L"203 Button: Encode audio with 128 kbit per second",
+                                            L"1 Button: OK", L"2 Button: Cancel"));
+    EXPECT_EQ(dialog.FontName(), L"MS Sans Serif");
     EXPECT_THAT(dialog.Checked(), ElementsAre(203));  // 128, without a stored one
     dialog.Click(201);
     dialog.Click(IDCANCEL);
@@ -269,6 +275,12 @@ TEST_F(DShowExport, StoresTheWmaBitRateAndShowsNothingForOtherFiles) {
     dialog.Click(IDOK);
   });
   EXPECT_EQ(settings.ReadDword("WMABitrate", 0), 64U);
+  show([](const OpenDialog& dialog) {
+    EXPECT_THAT(dialog.Checked(), ElementsAre(201));
+    dialog.Click(202);
+    dialog.Click(IDOK);
+  });
+  EXPECT_EQ(settings.ReadDword("WMABitrate", 0), 96U);
   settings.WriteDword("WMABitrate", 80);
   show([](const OpenDialog& dialog) {
     EXPECT_THAT(dialog.Checked(), IsEmpty());

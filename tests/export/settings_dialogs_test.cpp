@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/module.h"
-#include "export/wma_settings.h"
+#include "export/settings_dialog.h"
 #include "tests/export/code_reader.h"
 #include "tests/export/dialog_user.h"
 #include "tests/support/com_client.h"
@@ -16,7 +16,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr wchar_t kWavTitle[] = L"Wave Encoder Settings";
-constexpr wchar_t kWmaTitle[] = L"WMA Encoder Settings";
 constexpr ULONG kNoOwner = 0;
 
 // Dialogs that no interface shows by itself run in the test program, on the module's templates.
@@ -60,7 +59,6 @@ TEST_F(WavDialog, TakesTheWidthThatWasClickedBeforeOk) {
       dialog.Click(IDOK);
     });
     EXPECT_EQ(Written(), std::pair(tag, bits)) << item;
-    // The next dialog begins where the last one ended.
     Show([item = item](const OpenDialog& dialog) {
       EXPECT_THAT(dialog.Checked(), ElementsAre(item));
       dialog.Click(IDCANCEL);
@@ -109,15 +107,15 @@ TEST_F(WavDialog, ChecksFloatWhateverTheWidthAndThenMeans32Bits) {
 
 TEST_F(WavDialog, IsWorkedByKeyboardAlone) {
   Show([](const OpenDialog& dialog) {
-    EXPECT_TRUE(dialog.FocusComesTo(204));
-    EXPECT_TRUE(dialog.TabVisits({IDOK, IDCANCEL, 204}));
+    dialog.WaitForFocus(204);
+    dialog.TabThrough({IDOK, IDCANCEL, 204});
     for (const int item : {205, 206, 207, 203}) {
       dialog.Press(VK_DOWN);
-      EXPECT_TRUE(dialog.FocusComesTo(item));
+      dialog.WaitForFocus(item);
     }
     dialog.Press(VK_UP);
-    EXPECT_TRUE(dialog.FocusComesTo(207));
-    EXPECT_TRUE(Eventually([&] { return dialog.Checked() == std::vector{207}; }));
+    dialog.WaitForFocus(207);
+    WaitUntil([&] { return dialog.Checked() == std::vector{207}; });
     dialog.Press(VK_RETURN);
   });
   EXPECT_EQ(Written(), std::pair(3, 32));
@@ -162,41 +160,6 @@ TEST_F(WavDialog, OutlivesTheLastReleaseOfItsFilter) {
   });
 }
 
-TEST_F(SettingsDialogs, OfferThreeBitRatesForWma) {
-  CWmaSettings fresh;
-  EXPECT_EQ(fresh.bit_rate_kbit(), 96);
-  const std::pair<int, int> choices[] = {{201, 64}, {202, 96}, {203, 128}};
-  for (const auto& [item, rate] : choices) {
-    CWmaSettings settings(rate);
-    const int other = item == 201 ? 202 : 201;
-    const DialogUser user(kWmaTitle, [&, item = item](const OpenDialog& dialog) {
-      EXPECT_THAT(dialog.Checked(), ElementsAre(item));
-      EXPECT_TRUE(dialog.FocusComesTo(item));
-      dialog.Click(other);
-      dialog.Click(item);
-      dialog.Click(IDOK);
-    });
-    EXPECT_EQ(settings.ShowModal(nullptr), IDOK);
-    EXPECT_EQ(settings.bit_rate_kbit(), rate);
-  }
-}
-
-TEST_F(SettingsDialogs, LeaveAWmaBitRateWithoutAButtonAsItIs) {
-  CWmaSettings settings(80);
-  const DialogUser user(kWmaTitle, [](const OpenDialog& dialog) {
-    EXPECT_THAT(dialog.Items(), ElementsAre(L"Button: Encoding bit rate",
-                                            L"201 Button: Encode audio with 64 kbit per second",
-                                            L"202 Button: Encode audio with 96 kbit per second",
-                                            L"203 Button: Encode audio with 128 kbit per second",
-                                            L"1 Button: OK", L"2 Button: Cancel"));
-    EXPECT_THAT(dialog.Checked(), IsEmpty());
-    EXPECT_EQ(dialog.FontName(), L"MS Sans Serif");
-    dialog.Click(IDOK);
-  });
-  EXPECT_EQ(settings.ShowModal(nullptr), IDOK);
-  EXPECT_EQ(settings.bit_rate_kbit(), 80);
-}
-
 TEST_F(SettingsDialogs, ReportWhyTheyCouldNotBeSetUp) {
   class Broken final : public SettingsDialog {
    public:
@@ -208,29 +171,6 @@ TEST_F(SettingsDialogs, ReportWhyTheyCouldNotBeSetUp) {
   const INT_PTR result = broken.ShowModal(nullptr);
   EXPECT_TRUE(result != IDOK && result != IDCANCEL) << result;
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CONTROL_ID_NOT_FOUND));
-}
-
-TEST_F(SettingsDialogs, HaveTheTemplatesThatNothingShowsYet) {
-  for (const int id : {111, 112}) {
-    const HWND window = CreateDialogParamW(
-        ModuleUnderTest::Handle(), MAKEINTRESOURCEW(id), nullptr,
-        [](HWND, UINT, WPARAM, LPARAM) -> INT_PTR { return 0; }, 0);
-    ASSERT_NE(window, nullptr) << id;
-    const OpenDialog dialog(window);
-    EXPECT_EQ(dialog.FontName(), L"MS Sans Serif");
-    if (id == 111) {
-      EXPECT_EQ(OpenDialog::TextOf(window), L"Ogg Vorbis Encoder Settings");
-      EXPECT_THAT(dialog.Items(),
-                  ElementsAre(L"201 Button: Variable bit rate:", L"202 msctls_trackbar32: ",
-                              L"Static: Maximum compression", L"Static: Maximum quality",
-                              L"203 Button: Fixed bit rate:", L"204 ComboBox: ", L"1 Button: OK",
-                              L"2 Button: Cancel"));
-    } else {
-      EXPECT_THAT(dialog.Items(), ElementsAre(L"Static: Scanning DirectX plug-ins:",
-                                              L"201 Static: ", L"202 msctls_progress32: "));
-    }
-    DestroyWindow(window);
-  }
 }
 
 }  // namespace

@@ -217,43 +217,36 @@ TEST_F(FileFilterMgr, FindsTheListedOggImportForAnOggFileAlone) {
             L"All Files (*.*)|*.*");
 }
 
-TEST_F(FileFilterMgr, TheHighestMeritWinsWhereverItStands) {
-  FilterClass low({.merit = 100});
-  FilterClass high({.merit = 300});
-  FilterClass middle({.merit = 200});
-  for (const FilterClass* each : {&low, &high, &middle}) list_.Add(each->clsid());
-  EXPECT_EQ(FilterFor(L"a file").Get(), high.latest);
-  EXPECT_EQ(low.asked_about, L"a file");
-  EXPECT_EQ(middle.created, 1);
-}
-
-TEST_F(FileFilterMgr, AmongEqualMeritsTheFirstListedWins) {
-  FilterClass first({.merit = 100});
-  FilterClass second({.merit = 100});
-  list_.Add(first.clsid());
-  list_.Add(second.clsid());
-  EXPECT_EQ(FilterFor(L"a file").Get(), first.latest);
-}
-
-TEST_F(FileFilterMgr, OnlyExactlyOkAcceptsAndTheMeritIsAskedAnyway) {
-  FilterClass maybe({.can_load = S_FALSE, .merit = 1000});
-  FilterClass broken({.can_load = E_FAIL, .merit = 1000});
-  FilterClass accepting({.merit = 1});
-  for (const FilterClass* each : {&maybe, &broken, &accepting}) list_.Add(each->clsid());
-  EXPECT_EQ(FilterFor(L"a file").Get(), accepting.latest);
-  EXPECT_EQ(maybe.merit_questions, 1);
-  EXPECT_EQ(broken.merit_questions, 1);
-}
-
-TEST_F(FileFilterMgr, ANegativeOrMissingMeritIsNeverChosenAndZeroIs) {
-  FilterClass negative({.merit = -1});
-  FilterClass silent({.merit_result = E_FAIL});
-  list_.Add(negative.clsid());
-  list_.Add(silent.clsid());
-  EXPECT_EQ(FilterFor(L"a file"), nullptr);
-  FilterClass zero({.merit = 0});
-  list_.Add(zero.clsid());
-  EXPECT_EQ(FilterFor(L"a file").Get(), zero.latest);
+TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
+  struct Row {
+    std::vector<Answers> filters;
+    int chosen;  // -1 for none
+  };
+  const Row rows[] = {
+      {{{.merit = 100}, {.merit = 300}, {.merit = 200}}, 1},
+      {{{.merit = 100}, {.merit = 100}}, 0},
+      // Only S_OK accepts.
+      {{{.can_load = S_FALSE, .merit = 1000}, {.can_load = E_FAIL, .merit = 1000}, {.merit = 1}},
+       2},
+      // A merit below 0, or none, is never chosen.
+      {{{.merit = -1}, {.merit_result = E_FAIL}}, -1},
+      {{{.merit = -1}, {.merit = 0}}, 1},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    FilterList list;
+    std::vector<std::unique_ptr<FilterClass>> classes;
+    for (const Answers& answers : row.filters) {
+      list.Add(classes.emplace_back(std::make_unique<FilterClass>(answers))->clsid());
+    }
+    const auto chosen = FilterFor(L"a file");
+    EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : classes[row.chosen]->latest);
+    for (const auto& each : classes) {
+      EXPECT_EQ(each->created, 1);
+      EXPECT_EQ(each->asked_about, L"a file");
+      EXPECT_EQ(each->merit_questions, 1) << "the merit is asked of every filter";
+    }
+  }
 }
 
 TEST_F(FileFilterMgr, PassesOverWhatIsNoClassOrCannotBeCreated) {
