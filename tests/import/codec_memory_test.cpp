@@ -39,7 +39,7 @@ using Samples = std::vector<std::int16_t>;
 
 constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max();
 
-struct Story {
+struct Outcome {
   bool opened = false;
   bool failed = false;  // with an exception
   std::vector<std::string> comments;
@@ -47,8 +47,8 @@ struct Story {
 };
 
 // A file opened, its comments read, decoded to its end and closed, with one request refused.
-Story Tell(const std::filesystem::path& path, long refused_request) {
-  Story story;
+Outcome Decode(const std::filesystem::path& path, long refused_request) {
+  Outcome outcome;
   FilePointer file(std::fopen(path.string().c_str(), "rb"));
   std::unique_ptr<VorbisStream> stream;
   Samples block(16384);
@@ -56,27 +56,28 @@ Story Tell(const std::filesystem::path& path, long refused_request) {
   refused = refused_request;
   try {
     stream = VorbisStream::Open(std::move(file));
-    story.opened = true;
-    for (const std::string_view comment : stream->Comments()) story.comments.emplace_back(comment);
+    outcome.opened = true;
+    for (const std::string_view comment : stream->Comments())
+      outcome.comments.emplace_back(comment);
     while (const std::size_t count = stream->Read(block)) {
-      story.samples.insert(story.samples.end(), block.begin(),
-                           block.begin() + static_cast<std::ptrdiff_t>(count));
+      outcome.samples.insert(outcome.samples.end(), block.begin(),
+                             block.begin() + static_cast<std::ptrdiff_t>(count));
     }
   } catch (const std::bad_alloc&) {
-    story.failed = true;
+    outcome.failed = true;
   }
-  if (stream != nullptr && story.failed) {
+  if (stream != nullptr && outcome.failed) {
     EXPECT_EQ(stream->Read(block), 0U) << "it goes on with what is half made";
     EXPECT_TRUE(stream->Comments().empty());
   }
   stream.reset();
   refused = 0;
-  return story;
+  return outcome;
 }
 
 // What is lost, a leak checker sees.
 void RefuseEachRequest(const std::filesystem::path& path) {
-  const Story whole = Tell(path, 0);
+  const Outcome whole = Decode(path, 0);
   ASSERT_FALSE(whole.samples.empty());
   const long all = requests;
   EXPECT_GT(all, 100) << "the library has its memory from elsewhere";
@@ -84,14 +85,14 @@ void RefuseEachRequest(const std::filesystem::path& path) {
   long while_reading = 0;
   for (long n = 1; n <= all; ++n) {
     SCOPED_TRACE(n);
-    const Story story = Tell(path, n);
-    ++(story.opened ? while_reading : while_opening);
+    const Outcome outcome = Decode(path, n);
+    ++(outcome.opened ? while_reading : while_opening);
     ASSERT_GE(requests, n);
-    EXPECT_TRUE(story.failed || requests == n) << "the library asked for more";
-    EXPECT_TRUE(story.failed || story.samples == whole.samples);
-    EXPECT_TRUE(!story.opened || story.comments == whole.comments);
-    ASSERT_LE(story.samples.size(), whole.samples.size());
-    EXPECT_TRUE(std::equal(story.samples.begin(), story.samples.end(), whole.samples.begin()))
+    EXPECT_TRUE(outcome.failed || requests == n) << "the library asked for more";
+    EXPECT_TRUE(outcome.failed || outcome.samples == whole.samples);
+    EXPECT_TRUE(!outcome.opened || outcome.comments == whole.comments);
+    ASSERT_LE(outcome.samples.size(), whole.samples.size());
+    EXPECT_TRUE(std::equal(outcome.samples.begin(), outcome.samples.end(), whole.samples.begin()))
         << "other samples before the end";
   }
   EXPECT_GT(while_opening, 0);

@@ -2,8 +2,6 @@
 // ones.
 #include <gmock/gmock.h>
 
-#include <array>
-#include <atomic>
 #include <memory>
 
 #include "core/handle.h"
@@ -14,42 +12,27 @@
 namespace marlinda::testing {
 namespace {
 
+constexpr wchar_t kSavedKey[] = L"Software\\Brevant\\Cutloom\\Import Filters before the tests";
 constexpr wchar_t kListKey[] = L"Software\\Brevant\\Cutloom\\Import Filters";
 
-// The registry list of import filters, empty for the test; what stood there comes back at the end.
+// The registry list of import filters, empty for the test; the former list comes back at the end.
 class FilterList {
  public:
   FilterList() {
-    Open();
-    wchar_t name[256];
-    std::array<BYTE, 4096> data;
-    for (DWORD index = 0;; ++index) {
-      DWORD name_length = 256;
-      DWORD size = static_cast<DWORD>(data.size());
-      DWORD type = 0;
-      if (RegEnumValueW(key_.get(), index, name, &name_length, nullptr, &type, data.data(),
-                        &size) != ERROR_SUCCESS) {
-        break;
-      }
-      saved_.push_back({name, type, {data.begin(), data.begin() + size}});
-    }
-    Clear();
+    EXPECT_EQ(Copy(kListKey, kSavedKey), ERROR_SUCCESS);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey);
   }
   FilterList(const FilterList&) = delete;
   FilterList& operator=(const FilterList&) = delete;
   ~FilterList() {
-    Open();
-    Clear();
-    for (const Value& value : saved_) {
-      RegSetValueExW(key_.get(), value.name.c_str(), 0, value.type, value.data.data(),
-                     static_cast<DWORD>(value.data.size()));
-    }
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey);
+    EXPECT_EQ(Copy(kSavedKey, kListKey), ERROR_SUCCESS);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSavedKey);
   }
 
   void Add(const std::wstring& name, DWORD type, const std::wstring& text) {
-    EXPECT_EQ(RegSetValueExW(key_.get(), name.c_str(), 0, type,
-                             reinterpret_cast<const BYTE*>(text.c_str()),
-                             static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+    EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kListKey, name.c_str(), type, text.c_str(),
+                              static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
               ERROR_SUCCESS);
   }
   // Listed in the order of the calls: names that sort in it, too, for systems that sort.
@@ -64,35 +47,16 @@ class FilterList {
     return text;
   }
 
-  void DeleteKey() {
-    key_.Reset();
-    EXPECT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey), ERROR_SUCCESS);
-  }
-
  private:
-  struct Value {
-    std::wstring name;
-    DWORD type;
-    std::vector<BYTE> data;
-  };
-
-  void Open() {
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kListKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              key_.Receive(), nullptr),
-              ERROR_SUCCESS);
-  }
-  void Clear() {
-    wchar_t name[256];
-    DWORD length = 256;
-    while (RegEnumValueW(key_.get(), 0, name, &length, nullptr, nullptr, nullptr, nullptr) ==
-           ERROR_SUCCESS) {
-      RegDeleteValueW(key_.get(), name);
-      length = 256;
-    }
+  static LSTATUS Copy(const wchar_t* from, const wchar_t* to) {
+    RegistryKey source;
+    RegistryKey target;
+    const LSTATUS status = RegCreateKeyW(HKEY_LOCAL_MACHINE, from, source.Receive());
+    if (status != ERROR_SUCCESS) return status;
+    RegCreateKeyW(HKEY_LOCAL_MACHINE, to, target.Receive());
+    return RegCopyTreeW(source.get(), nullptr, target.get());
   }
 
-  RegistryKey key_;
-  std::vector<Value> saved_;
   int count_ = 0;
 };
 
@@ -199,7 +163,7 @@ TEST_F(FileFilterMgr, AddsNoFilterThatIsNotListed) {
   const std::wstring ogg = DataFile("stereo.ogg").wstring();
   EXPECT_EQ(FilterFor(ogg), nullptr);
   EXPECT_EQ(FilterString(), kNoFilters);
-  list_.DeleteKey();
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey);
   EXPECT_EQ(FilterFor(ogg), nullptr);
   EXPECT_EQ(FilterString(), kNoFilters);
 }
@@ -234,10 +198,10 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(&row - rows);
-    FilterList list;
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey);
     std::vector<std::unique_ptr<FilterClass>> classes;
     for (const Answers& answers : row.filters) {
-      list.Add(classes.emplace_back(std::make_unique<FilterClass>(answers))->clsid());
+      list_.Add(classes.emplace_back(std::make_unique<FilterClass>(answers))->clsid());
     }
     const auto chosen = FilterFor(L"a file");
     EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : classes[row.chosen]->latest);

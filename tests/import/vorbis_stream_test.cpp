@@ -146,31 +146,6 @@ TEST(VorbisStream, IsRefusedWhenItIsNoVorbis) {
   EXPECT_EQ(VorbisStream::Open(nullptr), nullptr);
 }
 
-TEST(VorbisStream, ATruncatedFileGivesWhatIsLeftOfIt) {
-  const std::size_t whole = ReadAll(DataFile("stereo.ogg")).size();
-  std::size_t most = 0;
-  for (std::size_t length = 0; length < whole; length += length < 6000 ? 397 : 1009) {
-    SCOPED_TRACE(length);
-    const TemporaryOgg file(Truncated("stereo.ogg", length));
-    ExpectLikeTheLibrary(file.path());
-    if (const auto stream = OpenStream(file.path())) {
-      const std::size_t delivered = ReadToEnd(*stream).samples.size();
-      EXPECT_GE(delivered, most) << "more of the file gave fewer samples";
-      most = delivered;
-    }
-  }
-  EXPECT_GT(most, 0U);
-}
-
-TEST(VorbisStream, EndsAtAHole) {
-  const std::size_t whole = DecodeWithLibrary(DataFile(kDemoPiece)).links[0].samples.size();
-  const TemporaryOgg file(WithPageMissing(kDemoPiece));
-  ExpectLikeTheLibrary(file.path());
-  const std::size_t delivered = ReadToEnd(*OpenStream(file.path())).samples.size();
-  EXPECT_GT(delivered, whole / 3);
-  EXPECT_LT(delivered, whole * 2 / 3) << "what comes after the hole";
-}
-
 TEST(VorbisStream, EndsOnEveryDamagedFile) {
   for (const std::int64_t frames :
        {std::int64_t{1000}, std::int64_t{-1}, std::int64_t{-5}, std::int64_t{1} << 40,
@@ -179,10 +154,15 @@ TEST(VorbisStream, EndsOnEveryDamagedFile) {
     ExpectLikeTheLibrary(TemporaryOgg(WithLastPosition("stereo.ogg", frames)).path());
   }
   const std::size_t size = ReadAll(DataFile("stereo.ogg")).size();
+  for (std::size_t length = 0; length < size; length += length < 6000 ? 397 : 1009) {
+    SCOPED_TRACE(length);
+    ExpectLikeTheLibrary(TemporaryOgg(Truncated("stereo.ogg", length)).path());
+  }
   for (std::size_t offset = 0; offset < size; offset += offset < 200 ? 1 : 211) {
     SCOPED_TRACE(offset);
     ExpectLikeTheLibrary(TemporaryOgg(WithByteFlipped("stereo.ogg", offset)).path());
   }
+  ExpectLikeTheLibrary(TemporaryOgg(WithPageMissing(kDemoPiece)).path());
   for (unsigned seed = 0; seed < 40; ++seed) {
     SCOPED_TRACE(seed);
     ExpectLikeTheLibrary(TemporaryOgg(WithPacketsScrambled("stereo.ogg", seed)).path());
