@@ -135,8 +135,8 @@ TEST(WavBytes, OfSamplesFillWhatTheHeaderAnnounces) {
     SCOPED_TRACE(each.format.bits);
     WavSampleEncoder encoder(each.format);
     const std::size_t frames = each.samples.size() / each.format.channels;
-    // What an earlier block left does not show.
-    encoder.Encode(std::vector<float>(each.samples.size(), 0.75F), frames);
+    // The bytes of an earlier, longer block do not show.
+    encoder.Encode(std::vector<float>(2 * each.samples.size(), 0.75F), 2 * frames);
     EXPECT_EQ(ToBytes(encoder.Encode(each.samples, frames)), each.expected);
   }
   // A block with fewer samples than its frames, and one that no memory holds.
