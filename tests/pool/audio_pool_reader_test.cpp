@@ -21,41 +21,6 @@ struct RegionReader {
   ComPtr<IPeakReader> peaks;
 };
 
-void WriteBytesAt(HANDLE file, __int64 offset, const Bytes& bytes) {
-  LARGE_INTEGER place;
-  place.QuadPart = offset;
-  ASSERT_TRUE(SetFilePointerEx(file, place, nullptr, FILE_BEGIN));
-  DWORD written = 0;
-  ASSERT_TRUE(WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr));
-}
-
-TEST(AudioPoolReader, ReadsEveryBitDepthFromAnyFrame) {
-  const Pool pool(2);
-  // 00 00 80 at 24 bits is -1.0, 128 at 8 bits is 1/127.
-  const Bytes bytes = {0x00, 0x00, 0x80, 0x00, 0x00, 0x40, 0xFF, 0xFF, 0xFF, 0x00, 0x80, 0x00};
-  WriteBytesAt(pool.AudioFile(), 0, bytes);
-  struct Row {
-    SHORT bits;
-    Samples samples;
-  };
-  const Row rows[] = {
-      {24, {-1.0F, 0.5F, -0x1p-23F, 0x1p-8F}},
-      {16,
-       {0.0F, 128.0F / 32767.0F, 16384.0F / 32767.0F, -1.0F / 32767.0F, 255.0F / 32767.0F,
-        128.0F / 32767.0F}},
-      {8,
-       {-1.0F, -1.0F, 0x1.020408p-7F, -1.0F, -1.0F, -63.0F / 127.0F, 0x1.020408p+0F, 0x1.020408p+0F,
-        0x1.020408p+0F, -1.0F, 0x1.020408p-7F, -1.0F}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.bits);
-    const RegionReader reader(pool.pool.Get(), 0, 0, 12, row.bits);
-    EXPECT_EQ(Read(reader.audio.Get(), 0, row.samples.size()), row.samples);
-    EXPECT_EQ(Read(reader.audio.Get(), 1, 2), Samples(&row.samples[2], &row.samples[4]));
-    EXPECT_EQ(SampleCount(reader.audio.Get()), 12 / (row.bits / 8) / 2);
-  }
-}
-
 TEST(AudioPoolReader, CountsTheFramesOfItsRegion) {
   const Pool stereo(2);
   const auto count = [&stereo](__int64 bytes, SHORT bits) {
@@ -174,42 +139,6 @@ TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
   EXPECT_EQ(past.ToVector(), (Samples{512, 699, -699.5F, -512.5F, -7, -7, -7, -7}));
 }
 
-TEST(AudioPoolReader, ReadsSamplesAndPeaksThatLieAcrossTwoFourAndEightGibibytes) {
-  const Pool pool(1, 24);
-  MakeSparse(pool.AudioFile());
-  MakeSparse(pool.PeakFile());
-  for (const long long boundary : {1LL << 31, 1LL << 32, 1LL << 33}) {
-    SCOPED_TRACE(boundary);
-    std::vector<unsigned char> bytes(48);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-      bytes[i] = static_cast<unsigned char>(37 * i + 5 + static_cast<std::size_t>(boundary >> 31));
-    }
-    const long long first = boundary - 24;
-    WriteBytesAt(pool.AudioFile(), first, bytes);
-    WriteBytesAt(pool.PeakFile(), first, bytes);
-    // By the region's offset, and by the position in a region from the beginning of the file on;
-    // the boundary before, within and behind a sample and a peak.
-    for (int before = 0; before < 8; ++before) {
-      const std::size_t at = 20 + static_cast<std::size_t>(before);
-      const long long place = first + static_cast<long long>(at);
-      std::int32_t code = 0;
-      std::memcpy(&code, &bytes[at - 1], sizeof code);  // the sample's bytes are the upper three
-      const float expected = static_cast<float>(code >> 8) / 8388608.0F;
-      float pair[2];
-      std::memcpy(pair, &bytes[at - 1], sizeof pair);
-      const RegionReader close(pool.pool.Get(), place, place - 1, 6, 24);
-      const RegionReader distant(pool.pool.Get(), place % 3, (place - 1) % 8, boundary, 24);
-      EXPECT_EQ(Read(close.audio.Get(), 0, 1), Samples{expected}) << place;
-      EXPECT_EQ(Read(distant.audio.Get(), place / 3, 1), Samples{expected}) << place;
-      for (const auto& [reader, position] : {std::pair{&close, 0LL}, {&distant, (place - 1) / 8}}) {
-        Floats peaks(2);
-        EXPECT_EQ(reader->peaks->ReadPeaks(position, peaks), S_OK);
-        EXPECT_EQ(std::memcmp(peaks.values().data(), pair, sizeof pair), 0) << place;
-      }
-    }
-  }
-}
-
 TEST(AudioPoolReader, FailsReadsBeforeCreate) {
   const auto region = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
   const auto audio = As<IAudioReader>(region);
@@ -227,9 +156,6 @@ TEST(AudioPoolReader, FailsReadsBeforeCreate) {
   EXPECT_EQ(audio->GetFormat(&rate, &channels), S_OK);
   EXPECT_EQ(rate, 0);
   EXPECT_EQ(channels, 0);
-  LONG frames_per_peak = 0;
-  EXPECT_EQ(peaks->GetSamplesPerPeak(&frames_per_peak), S_OK);
-  EXPECT_EQ(frames_per_peak, 256);
 }
 
 TEST(AudioPoolReader, CanBeAimedAgainAndReleasesTheOldPool) {

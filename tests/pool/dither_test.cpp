@@ -72,16 +72,6 @@ TEST(Dither, FollowsTheRuleStepByStep) {
        {38, -38, 38, -38, 38, -39, 39, -38, 31, -115, 32, 153, -1, -151, 0, -2}},
       // An unknown mode is noise shaping alone.
       {-1, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
-      {kNoiseShaping,
-       1,
-       16,
-       {9830, -9830, 9863, -9896, 9929, -9929, 9961, -9993, 8191, -29490, 8192, 39320, 0, -39319,
-        -2, 1}},
-      {kTriangularNoise,
-       1,
-       16,
-       {9830, -9830, 9863, -9896, 9928, -9927, 9960, -9995, 8193, -29491, 8192, 39320, 0, -39319,
-        -2, 0}},
       {kTriangularNoise,
        1,
        24,
@@ -115,8 +105,10 @@ TEST(Dither, LeavesTheBlockAloneInModeZeroAndAnIncompleteFrameInAnyMode) {
   dither.Process(samples, NoNumber);
   EXPECT_EQ(samples, kSamples);
 
-  dither.SetUp(kNoiseShaping, 3, 8);
-  dither.Process(std::span(samples).first(5), NoNumber);
+  dither.SetUp(kTriangularNoise, 3, 8);
+  Numbers numbers({0, 100});
+  dither.Process(std::span(samples).first(5), numbers.Source());
+  EXPECT_EQ(numbers.drawn(), 6U);
   EXPECT_NE(samples[2], kSamples[2]);
   EXPECT_EQ(samples[3], kSamples[3]);
   EXPECT_EQ(samples[4], kSamples[4]);
@@ -163,16 +155,6 @@ TEST(Dither, LeavesNaNAndHugeSamplesUnchangedAndRecoversAtOnce) {
   }
 }
 
-TEST(Dither, GivesFiniteSamplesAtAnyWidth) {
-  for (const int bits : {-32768, -1, 0, 1, 2, 7, 12, 31, 32, 33, 32767}) {
-    DitherState dither;
-    dither.SetUp(kNoiseShaping, 1, bits);
-    std::vector<float> samples = kSamples;
-    dither.Process(samples, NoNumber);
-    for (const float sample : samples) EXPECT_TRUE(std::isfinite(sample)) << bits;
-  }
-}
-
 // Noise, a ramp through all codes, overs, a decay into silence, and now and then NaN or infinity.
 // The errors feed back, so a difference in any of them shows in the samples behind it.
 std::vector<float> HardSamples(std::size_t count) {
@@ -183,6 +165,7 @@ std::vector<float> HardSamples(std::size_t count) {
                        std::numeric_limits<float>::infinity(),
                        -3.999F,
                        4.0F,
+                       -300.0F,
                        1e30F,
                        -0.0F,
                        std::numeric_limits<float>::denorm_min(),
@@ -208,7 +191,7 @@ std::vector<float> HardSamples(std::size_t count) {
 
 TEST(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
   const std::vector<float> source = HardSamples(65536);
-  for (const int bits : {2, 8, 13, 16, 20, 22, 24, 25, 32}) {
+  for (const int bits : {-1, 2, 8, 16, 24, 25, 40}) {
     for (int channels = 1; channels <= 8; ++channels) {
       std::vector<std::uint32_t> expected;
       for (const CpuLevel level : {CpuLevel::kScalar, CpuLevel::kSse2, CpuLevel::kAvx2}) {

@@ -9,6 +9,8 @@
 #include <limits>
 #include <random>
 
+#include "core/samples/cpu_level.h"
+
 namespace marlinda {
 namespace {
 
@@ -65,16 +67,17 @@ TEST(BuildPeaks, GivesTheBitsOfAComparisonFrameByFrame) {
       {0.0F, -0.0F, 0.25F, kNan},
       {0.0F, -0.0F, -0.25F},
       {kNan},
-      {-0.7F, 0.3F, 0.1F, -0.2F, 0.9F, std::numeric_limits<float>::denorm_min()}};
+      {-0.7F, 0.3F, 0.1F, kNan, 0.9F, std::numeric_limits<float>::denorm_min()}};
   std::minstd_rand random(3);
   for (const auto& palette : palettes) {
-    for (const std::size_t channels : {1U, 2U, 3U, 4U, 6U, 9U}) {
+    for (const std::size_t channels : {1U, 2U, 3U, 4U, 8U, 9U}) {
       for (const std::size_t frames : {1U, 3U, 255U, 256U, 1000U, 1024U}) {
         // The block ends where its memory does, and begins at an odd place.
         std::vector<float> memory(1 + frames * channels);
         for (float& sample : memory) sample = palette[random() % palette.size()];
         const float* const samples = memory.data() + 1;
         std::vector<float> peaks;
+        LimitCpuLevel(random() % 2 == 0 ? CpuLevel::kScalar : HighestCpuLevel());
         BuildPeaks({samples, frames * channels}, static_cast<int>(channels), peaks);
         ASSERT_EQ(peaks.size(), (frames / 256 + 1) * 2 * channels);
         for (std::size_t pair = 0; 2 * pair < peaks.size(); ++pair) {
@@ -94,6 +97,7 @@ TEST(BuildPeaks, GivesTheBitsOfAComparisonFrameByFrame) {
       }
     }
   }
+  LimitCpuLevel(HighestCpuLevel());
 }
 
 }  // namespace

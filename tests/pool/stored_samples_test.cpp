@@ -20,6 +20,8 @@ TEST(ByteOffset, IsExactWhereItFitsAndBeyondEveryFileWhereItDoesNot) {
   EXPECT_EQ(ByteOffset(0, 3, kHighest / 3 + 1), kHighest);
   EXPECT_EQ(ByteOffset(kLowest, 131068, kLowest), kLowest);
   EXPECT_EQ(ByteOffset(kHighest, 1, kLowest), -1);
+  EXPECT_EQ(ByteOffset(-1, 1, kHighest), kHighest - 1);
+  EXPECT_EQ(ByteOffset(1, 1, kLowest), kLowest + 1);
 }
 
 TEST(StoredSamples, StoresBitsOverEightBytesAndReadsTheCommonWidthsBack) {

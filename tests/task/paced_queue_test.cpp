@@ -51,6 +51,33 @@ TEST(PacedQueue, LetsTheWriterGoOnUntilItHoldsMoreThanTheLimit) {
   writer.join();
 }
 
+TEST(PacedQueue, WakesEitherSideAsSoonAsItsWaitIsOver) {
+  constexpr int kRounds = 2000;
+  PacedQueue samples(kPatient);
+  PacedQueue room(kPatient);
+  room.Put(std::vector<float>(kMax));
+  std::atomic<int> round = 0;
+  std::thread other([&] {
+    const float one[1] = {};
+    for (int i = 0; i < kRounds; ++i) {
+      samples.Put(one);
+      samples.Put(one);  // now as many as the reader waits for
+      room.Put(one);     // one more than the limit
+      round = i + 1;
+      EXPECT_TRUE(room.AwaitRoom());
+    }
+  });
+  std::vector<float> two(2);
+  for (int i = 0; i < kRounds; ++i) {
+    int timeouts = 0;
+    ASSERT_TRUE(samples.AwaitSamples(2, timeouts));
+    samples.Take(two);
+    while (round == i) std::this_thread::yield();
+    room.Take(std::span(two).first(1));
+  }
+  other.join();
+}
+
 TEST(PacedQueue, EndsTheWaitsOfAReadAfterTheAllowedTimeouts) {
   PacedQueue queue({std::chrono::milliseconds(5), 10});
   queue.Put(std::vector<float>{1, 2, 3});
