@@ -74,7 +74,11 @@ TEST(BuildPeaks, GivesTheBitsOfAComparisonFrameByFrame) {
       for (const std::size_t frames : {1U, 3U, 255U, 256U, 1000U, 1024U}) {
         // The block ends where its memory does, and begins at an odd place.
         std::vector<float> memory(1 + frames * channels);
-        for (float& sample : memory) sample = palette[random() % palette.size()];
+        for (std::size_t i = 1; i < memory.size(); ++i) {
+          // Each channel has a level of its own.
+          const auto level = static_cast<float>(1 + (i - 1) % channels);
+          memory[i] = level * palette[random() % palette.size()];
+        }
         const float* const samples = memory.data() + 1;
         std::vector<float> peaks;
         LimitCpuLevel(random() % 2 == 0 ? CpuLevel::kScalar : HighestCpuLevel());
