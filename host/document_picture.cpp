@@ -32,11 +32,6 @@ void CheckPicture(const PictureRequest& request, const std::string& input) {
                                          std::to_string(kGreatestSide) + " pixels");
     }
   }
-  try {
-    ParseRange(request.range);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("the range to draw", error.what());
-  }
   RequireWritablePlace(request.file, input);
 }
 
@@ -51,7 +46,7 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
 
   FrameRange range;
   try {
-    range = ResolveRange(ParseRange(request.range), frames, rate);
+    range = ResolveRange(request.range, frames, rate);
   } catch (const std::invalid_argument& error) {
     throw UsageError("the range to draw", error.what());
   }

@@ -14,8 +14,7 @@ struct PictureRequest {
   std::string file;  // PNG
   int width = 1200;  // pixels
   int height = 320;
-  // BEGIN:END, with either side empty for the start and the end of the document.
-  std::string range = ":";
+  TimeRange range = {};
 };
 
 // Refuses at once what could not be drawn after a long import. Throws a HostError.

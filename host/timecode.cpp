@@ -5,12 +5,13 @@
 #include <cstdio>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace marlinda {
 namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
-constexpr std::size_t kMostDecimals = 9;
+constexpr std::size_t kMaxDecimals = 9;
 
 [[noreturn]] void Refuse(std::string_view text, std::string_view reason) {
   throw std::invalid_argument("\"" + std::string(text) + "\" " + std::string(reason));
@@ -29,19 +30,75 @@ std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
   return value;
 }
 
-// Cuts `text` at its first colon and leaves what follows it in `text`.
-std::string_view TakeUpToColon(std::string_view& rest, std::string_view whole,
-                               std::string_view form) {
-  const std::size_t colon = rest.find(':');
-  if (colon == std::string_view::npos) Refuse(whole, "is not of the form " + std::string(form));
-  const std::string_view head = rest.substr(0, colon);
-  rest.remove_prefix(colon + 1);
-  return head;
+[[noreturn]] void RefuseTime(std::string_view text) {
+  Refuse(text,
+         "is not a time: write seconds such as 1.5, a time such as 1:02:03.5, or frames such "
+         "as 44100f");
+}
+
+// The seconds of "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS".
+std::int64_t ParseClock(std::string_view clock, std::string_view text) {
+  constexpr std::size_t kMaxHourDigits = 12;
+  const std::size_t first = std::min(clock.find(':'), clock.size());
+  if (!IsAllDigits(clock.substr(0, first))) RefuseTime(text);
+  if (first == clock.size()) return ParseDigits(clock, text);
+  const std::string_view rest = clock.substr(first);  // ":MM" or ":MM:SS"
+  if (first == 0 || (rest.size() != 3 && rest.size() != 6)) RefuseTime(text);
+  if (first > kMaxHourDigits) Refuse(text, "is too large for a time");
+  std::int64_t seconds = ParseDigits(clock.substr(0, first), text);
+  for (std::size_t at = 0; at < rest.size(); at += 3) {
+    const std::string_view digits = rest.substr(at + 1, 2);
+    if (rest[at] != ':' || !IsAllDigits(digits) || digits[0] > '5') RefuseTime(text);
+    seconds = seconds * 60 + ParseDigits(digits, text);
+  }
+  return seconds;
 }
 
 std::optional<Timecode> ParseOptional(std::string_view text) {
   if (text.empty()) return std::nullopt;
   return Timecode::Parse(text);
+}
+
+bool IsTime(std::string_view text, bool may_be_empty) {
+  try {
+    if (text.empty()) return may_be_empty;
+    Timecode::Parse(text);
+    return true;
+  } catch (const std::invalid_argument&) {
+    return false;
+  }
+}
+
+using TwoTexts = std::pair<std::string_view, std::string_view>;
+
+TwoTexts CutAt(std::string_view text, std::size_t colon) {
+  return {text.substr(0, colon), text.substr(colon + 1)};
+}
+
+// Cuts "TIME:TIME". Times may hold colons themselves, so every colon is tried. Nothing when no
+// colon has a time on each side.
+std::optional<TwoTexts> CutTimes(std::string_view text, bool may_be_empty) {
+  std::optional<TwoTexts> found;
+  for (auto colon = text.find(':'); colon != text.npos; colon = text.find(':', colon + 1)) {
+    const TwoTexts times = CutAt(text, colon);
+    if (!IsTime(times.first, may_be_empty) || !IsTime(times.second, may_be_empty)) continue;
+    if (found) Refuse(text, "can be read in two ways: write the times in seconds");
+    found = times;
+  }
+  return found;
+}
+
+// The same for a text that must have this form; the reason names the part that is no time.
+TwoTexts RequireTimes(std::string_view text, bool may_be_empty, const char* form) {
+  const auto times = CutTimes(text, may_be_empty);
+  if (times) return *times;
+  const std::size_t colon = text.find(':');
+  if (colon == text.npos) Refuse(text, "is not of the form " + std::string(form));
+  const TwoTexts parts = CutAt(text, colon);
+  for (const std::string_view part : {parts.first, parts.second}) {
+    if (!IsTime(part, may_be_empty)) RefuseTime(part);
+  }
+  return parts;
 }
 
 std::string Length(std::int64_t frames, std::int32_t rate) {
@@ -59,17 +116,14 @@ Timecode Timecode::Parse(std::string_view text) {
     time.is_frames_ = true;
     return time;
   }
-  const std::size_t point = text.find('.');
+  const std::size_t point = std::min(text.find('.'), text.size());
   const std::string_view whole = text.substr(0, point);
-  const std::string_view decimals =
-      point == std::string_view::npos ? std::string_view() : text.substr(point + 1);
-  if (whole.size() + decimals.size() == 0 || !IsAllDigits(whole) || !IsAllDigits(decimals)) {
-    Refuse(text, "is not a time: write seconds such as 1.5, or frames such as 44100f");
-  }
-  if (decimals.size() > kMostDecimals) Refuse(text, "has more than nine decimals");
-  time.whole_ = ParseDigits(whole, text);
+  const std::string_view decimals = point < text.size() ? text.substr(point + 1) : "";
+  if (whole.size() + decimals.size() == 0 || !IsAllDigits(decimals)) RefuseTime(text);
+  if (decimals.size() > kMaxDecimals) Refuse(text, "has more than nine decimals");
+  time.whole_ = ParseClock(whole, text);
   time.nanoseconds_ = ParseDigits(decimals, text);
-  for (std::size_t digit = decimals.size(); digit < kMostDecimals; ++digit) {
+  for (std::size_t digit = decimals.size(); digit < kMaxDecimals; ++digit) {
     time.nanoseconds_ *= 10;
   }
   return time;
@@ -88,9 +142,12 @@ std::int64_t Timecode::ToFrames(std::int32_t rate) const {
 }
 
 TimeRange ParseRange(std::string_view text) {
-  std::string_view rest = text;
-  const std::string_view begin = TakeUpToColon(rest, text, "BEGIN:END");
-  return {ParseOptional(begin), ParseOptional(rest)};
+  const auto [begin, end] = RequireTimes(text, true, "BEGIN:END");
+  return {ParseOptional(begin), ParseOptional(end)};
+}
+
+TimeRange ParseFromTo(std::string_view from, std::string_view to) {
+  return {ForOption("--from", ParseOptional, from), ForOption("--to", ParseOptional, to)};
 }
 
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate) {
@@ -114,22 +171,29 @@ std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32
 }
 
 NamedTime ParseNamedTime(std::string_view text) {
-  std::string_view rest = text;
-  const std::string_view at = TakeUpToColon(rest, text, "AT:NAME");
-  return {Timecode::Parse(at), std::string(rest)};
+  // The longest time; what follows its colon is the name.
+  for (auto colon = text.rfind(':'); colon != text.npos; colon = text.rfind(':', colon - 1)) {
+    const auto [at, name] = CutAt(text, colon);
+    if (IsTime(at, false)) return {Timecode::Parse(at), std::string(name)};
+    if (colon == 0) break;
+  }
+  Refuse(text, "is not of the form AT:NAME");
 }
 
 NamedRange ParseNamedRange(std::string_view text) {
-  std::string_view rest = text;
-  const std::string_view begin = TakeUpToColon(rest, text, "BEGIN:END:NAME");
-  const std::string_view end = TakeUpToColon(rest, text, "BEGIN:END:NAME");
-  return {{ParseOptional(begin), ParseOptional(end)}, std::string(rest)};
+  for (auto colon = text.rfind(':'); colon != text.npos; colon = text.rfind(':', colon - 1)) {
+    const auto [range, name] = CutAt(text, colon);
+    if (const auto times = CutTimes(range, true)) {
+      return {{ParseOptional(times->first), ParseOptional(times->second)}, std::string(name)};
+    }
+    if (colon == 0) break;
+  }
+  Refuse(text, "is not of the form BEGIN:END:NAME");
 }
 
 TimeSpan ParseSpan(std::string_view text) {
-  std::string_view rest = text;
-  const std::string_view at = TakeUpToColon(rest, text, "AT:SECONDS");
-  return {Timecode::Parse(at), Timecode::Parse(rest)};
+  const auto [at, length] = RequireTimes(text, false, "AT:SECONDS");
+  return {Timecode::Parse(at), Timecode::Parse(length)};
 }
 
 std::vector<Timecode> ParseTimes(std::string_view text) {

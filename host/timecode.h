@@ -1,8 +1,10 @@
-// Times as a user writes them: seconds such as 1.5, or frames with an f such as 44100f.
+// Times as a user writes them: seconds such as 1.5, times such as 1:02:03.5, or frames with an f
+// such as 44100f.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,8 +14,9 @@ namespace marlinda {
 // A time that was written in seconds or in frames; which frame seconds mean depends on the rate.
 class Timecode {
  public:
-  // Digits with at most nine decimals for seconds, digits and an f for frames; neither signs nor
-  // exponents. Throws std::invalid_argument with a reason in words.
+  // "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS" with at most nine decimals, where
+  // minutes and seconds behind a colon have two digits; or digits and an f. No signs, no exponents.
+  // Throws std::invalid_argument with a reason in words.
   static Timecode Parse(std::string_view text);
 
   // The frame nearest to the time, the later one of two that are equally near. `rate` is positive.
@@ -32,8 +35,22 @@ struct TimeRange {
   std::optional<Timecode> end;
 };
 
-// "BEGIN:END"; either side may be empty. Throws std::invalid_argument.
+// "BEGIN:END"; either side may be empty. A text that can be cut at more than one colon is refused.
+// Throws std::invalid_argument.
 TimeRange ParseRange(std::string_view text);
+
+// The values of --from and --to; either may be empty. The reason of a refusal names the option.
+TimeRange ParseFromTo(std::string_view from, std::string_view to);
+
+// Calls `parse` and puts the option's name before the reason of a refusal.
+template <class Parse>
+auto ForOption(const char* option, Parse parse, std::string_view text) {
+  try {
+    return parse(text);
+  } catch (const std::invalid_argument& error) {
+    throw std::invalid_argument(std::string(option) + ": " + error.what());
+  }
+}
 
 struct FrameRange {
   std::int64_t begin = 0;
@@ -46,8 +63,8 @@ struct FrameRange {
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate);
 std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate);
 
-// A time and the text after its colon: "AT:NAME". The text may hold further colons. Throws
-// std::invalid_argument.
+// A time and the text after its colon: "AT:NAME". The name may hold colons; the time is the longest
+// that can be read. Throws std::invalid_argument.
 struct NamedTime {
   Timecode at;
   std::string name;

@@ -12,10 +12,10 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kHelp =
-    "Times are seconds such as 1.5, or frames such as 66150f. The pieces are joined in the order\n"
-    "given; an empty BEGIN or END means the start or the end of the file. Then every silence is\n"
-    "inserted, in the order given, at its position in the result so far. Labels and markers are\n"
-    "positions in the finished result.\n"
+    "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
+    "The pieces are joined in the order given; an empty BEGIN or END means the start or the end\n"
+    "of the file. Then every silence is inserted, in the order given, at its position in the\n"
+    "result so far. Labels and markers are positions in the finished result.\n"
     "Example: marlinda cut in.ogg out.wav --keep 0:2.5 --keep 10: --silence 2.5:1 --label 3.5:Two";
 
 struct CutOptions {

@@ -16,7 +16,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kHelp =
-    "Times are seconds such as 1.5, or frames such as 66150f. Ctrl+C ends it.\n"
+    "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
+    "Ctrl+C ends it.\n"
     "Example: marlinda play in.ogg --from 10 --to 12.5 --loop --channels 0";
 
 struct PlayOptions {
@@ -105,14 +106,14 @@ Section Resolve(const PlayOptions& options, const ImportedAudio& audio) {
   Section section = {{}, MaskOf(options.channels), options.loop};
   if (!options.channels.empty()) RequireChannels(section.mask, audio.format.channels);
   section.range =
-      ResolveRange(ParseRange(options.from + ":" + options.to), audio.frames, audio.format.rate);
+      ResolveRange(ParseFromTo(options.from, options.to), audio.frames, audio.format.rate);
   return section;
 }
 
 void Play(const PlayOptions& options, const Console& console) {
   try {
     MaskOf(options.channels);
-    ParseRange(options.from + ":" + options.to);
+    ParseFromTo(options.from, options.to);
   } catch (const std::invalid_argument& error) {
     throw UsageError(error);
   }

@@ -1,4 +1,6 @@
 // "marlinda plot": the waveform of an audio file as a picture.
+#include <stdexcept>
+
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/document_picture.h"
@@ -7,9 +9,8 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kHelp =
-    "Times are seconds such as 1.5, or frames such as 66150f. One lane a channel; full scale "
-    "fills\n"
-    "a lane. Labels and markers of the file are drawn in.\n"
+    "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
+    "One lane a channel; full scale fills a lane. Labels and markers of the file are drawn in.\n"
     "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
 
 struct PlotOptions {
@@ -21,7 +22,11 @@ struct PlotOptions {
 };
 
 void Plot(PlotOptions options, const Console& console) {
-  options.picture.range = options.from + ":" + options.to;
+  try {
+    options.picture.range = ParseFromTo(options.from, options.to);
+  } catch (const std::invalid_argument& error) {
+    throw HostError(ExitStatus::kUsage, "", error.what(), "See \"marlinda plot --help\".");
+  }
   CheckPicture(options.picture, options.input);
   Source source(options.input);
   const ImportedAudio audio = source.Import(console);

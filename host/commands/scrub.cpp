@@ -136,9 +136,9 @@ void Scrub(const ScrubOptions& options, const Console& console) {
   std::vector<Timecode> times;
   std::chrono::microseconds hold{};
   try {
-    if (!options.at.empty()) times = ParseTimes(options.at);
-    hold =
-        std::chrono::microseconds(Timecode::Parse(options.hold).ToFrames(kMicrosecondsPerSecond));
+    if (!options.at.empty()) times = ForOption("--at", ParseTimes, options.at);
+    hold = std::chrono::microseconds(
+        ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
   } catch (const std::invalid_argument& error) {
     throw UsageError(error.what());
   }

@@ -143,7 +143,8 @@ class HostTest(unittest.TestCase):
             (["info", self.ogg, "--json=false"], "json was given"),
             (["plot", self.ogg, png, "--width", "31"], "32 to 16384 pixels"),
             (["plot", self.ogg, png, "--width", "99999999999"], "--width"),
-            (["plot", self.ogg, png, "--from", "2", "--to", "1"], "holds no frame"),
+            (["plot", self.ogg, png, "--from", "soon"], '--from: "soon" is not a time'),
+            (["plot", self.ogg, png, "--from", "0:02", "--to", "1"], "holds no frame"),
             (["plot", self.ogg, png, "--to", "9223372036854775807"], "too large"),
             (["plot", same, same], ".png"),
         ]:

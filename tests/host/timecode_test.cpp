@@ -28,9 +28,23 @@ TEST(Timecode, SecondsBecomeTheNearestFrameExactlyAndFramesStay) {
   EXPECT_THROW(Frames("9223372036854775807", 2), std::invalid_argument);
 }
 
+TEST(Timecode, ReadsTimesAsTheyArePrinted) {
+  EXPECT_EQ(Frames("0:05", 1000), 5000);
+  EXPECT_EQ(Frames("61:30.25", 1000), 3690250);
+  EXPECT_EQ(Frames("1:02:03.5", 1000), 3723500);
+  for (const std::int64_t frames : {0, 999, 3'723'500, 360'000'001}) {
+    EXPECT_EQ(Frames(FormatDuration(frames, 1000), 1000), frames);
+  }
+}
+
 TEST(Timecode, RefusesOtherTexts) {
-  for (const char* text : {"", ".", "f", "-1", "+1", "1e3", "1,5", " 1", "1 ", "0x10", "1.5f",
-                           "nan", "1.2.3", "1.0000000001", "9223372036854775808f", "1s", "1F"}) {
+  for (const char* text :
+       {"1:2",        "1:60",      "1:2:03", ":05",          "1:",
+        "1:02:03:04", "1:02.5:03", "-1:02",  "1:02f",        "1234567890123:00",
+        "",           ".",         "f",      "-1",           "+1",
+        "1e3",        "1,5",       " 1",     "1 ",           "0x10",
+        "1.5f",       "nan",       "1.2.3",  "1.0000000001", "9223372036854775808f",
+        "1s",         "1F"}) {
     EXPECT_THROW(Timecode::Parse(text), std::invalid_argument) << text;
   }
 }
@@ -45,6 +59,22 @@ TEST(Ranges, TakeEmptyEndsForTheEndsOfTheAudio) {
   for (const char* text : {"", "2", "1:2:3", "1:x", "x:1", "1-2"}) {
     EXPECT_THROW(ParseRange(text), std::invalid_argument) << text;
   }
+}
+
+TEST(Ranges, AreCutAtTheColonThatLeavesTwoTimes) {
+  const TimeRange printed = ParseRange("0:00:05.000:1:02:03.500");
+  EXPECT_EQ(printed.begin->ToFrames(10), 50);
+  EXPECT_EQ(printed.end->ToFrames(10), 37235);
+  EXPECT_EQ(ParseRange("0:10").end->ToFrames(1), 10);
+  EXPECT_EQ(ParseRange("0:05:").begin->ToFrames(1), 5);
+  EXPECT_EQ(ParseRange(":0:05").end->ToFrames(1), 5);
+  EXPECT_THROW(ParseRange("10:20:30"), std::invalid_argument);  // 10 to 20:30, or 10:20 to 30
+  EXPECT_EQ(ParseNamedTime("1:02:Verse").at.ToFrames(1), 62);
+  EXPECT_EQ(ParseNamedTime("1:02").name, "02");
+  EXPECT_EQ(ParseNamedRange("0:05:0:10:Verse: 2").range.end->ToFrames(1), 10);
+  EXPECT_THROW(ParseNamedRange("10:20:30:x"), std::invalid_argument);
+  EXPECT_EQ(ParseSpan("0:05:1.5").at.ToFrames(1), 5);
+  EXPECT_THROW(ParseFromTo("soon", ""), std::invalid_argument);
 }
 
 TEST(Names, KeepEverythingBehindTheirColon) {
