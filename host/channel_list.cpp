@@ -8,7 +8,7 @@
 namespace marlinda {
 namespace {
 
-constexpr int kMostChannels = 32;
+constexpr int kMaxChannels = 32;
 
 bool Names(std::uint32_t mask, int channel) { return (mask >> channel & 1U) != 0; }
 
@@ -22,7 +22,7 @@ std::uint32_t ParseChannelMask(std::string_view text) {
     int channel = -1;
     const auto parsed = std::from_chars(number.data(), number.data() + number.size(), channel);
     if (parsed.ec != std::errc() || parsed.ptr != number.data() + number.size() || channel < 0 ||
-        channel >= kMostChannels) {
+        channel >= kMaxChannels) {
       throw std::invalid_argument("\"" + std::string(text) +
                                   "\" is not a list of channels: write numbers from 0 such as 0,1");
     }
@@ -34,14 +34,14 @@ std::uint32_t ParseChannelMask(std::string_view text) {
 
 std::vector<int> ChannelsOf(std::uint32_t mask, int channels) {
   std::vector<int> list;
-  for (int channel = 0; channel < std::min(channels, kMostChannels); ++channel) {
+  for (int channel = 0; channel < std::min(channels, kMaxChannels); ++channel) {
     if (Names(mask, channel)) list.push_back(channel);
   }
   return list;
 }
 
 void RequireChannels(std::uint32_t mask, int channels) {
-  for (int channel = channels; channel < kMostChannels; ++channel) {
+  for (int channel = channels; channel < kMaxChannels; ++channel) {
     if (Names(mask, channel)) {
       throw std::invalid_argument("there is no channel " + std::to_string(channel) +
                                   ": the audio has " + std::to_string(channels) +

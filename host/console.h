@@ -47,7 +47,7 @@ class Console {
   // single-threaded apartment lives by.
   void Wait(DWORD milliseconds) const;
 
-  // True when standard input is a terminal, whose keys ReadKey gives.
+  // True when standard input is a terminal; ReadKey returns its keys.
   bool HasKeyboard() const;
   // The virtual-key code of the next key that is pressed; nothing after so long without one, or
   // when interrupted. Serves window messages like Wait.

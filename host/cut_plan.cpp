@@ -6,7 +6,7 @@
 namespace marlinda {
 namespace {
 
-// Runs `read` for every text of one option; what it refuses is reported with the option's name.
+// Runs `read` for every text of one option and adds the option's name to a refusal.
 template <class Read>
 void ForEach(const char* option, const std::vector<std::string>& texts, Read read) {
   for (const std::string& text : texts) {

@@ -16,13 +16,13 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kTemporaryKey = R"(HKEY_CURRENT_USER\Software\Brevant\Cutloom\Directories)";
-constexpr std::uint64_t kLeastFreeBytes = 64U << 20U;
+constexpr std::uint64_t kMinFreeBytes = 64U << 20U;
 
 std::string Chosen(const std::string& text) {
   return text + ", or name another in the registry value \"Temporary\" of " + kTemporaryKey + ".";
 }
 
-// Runs one part of the examination; what it throws is a problem, not the end.
+// Runs one part of the examination and turns its exception into a problem.
 template <class Part>
 void Try(Diagnosis& diagnosis, const char* subject, Part part) {
   try {
@@ -126,7 +126,7 @@ std::string UsedRegistration(const std::vector<Registration>& registrations,
 
 HRESULT TryToCreate(REFCLSID class_id) {
   ComPtr<IUnknown> object;
-  // In the process alone: otherwise the system hides what the module itself answers.
+  // In this process only: otherwise the system replaces the error of the module by its own.
   return CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
@@ -311,7 +311,7 @@ TemporaryFolder FindTemporaryFolder() {
   return folder;
 }
 
-// What the engine says to the folder when it makes its files there.
+// The result of the engine when it creates its files in the folder.
 HRESULT TryTemporaryFiles() {
   ComPtr<IAudioPool> pool;
   const HRESULT hr = CreateInstance(CLSID_CAudioPool, pool);
@@ -334,7 +334,7 @@ void ExamineTemporaryFolder(Diagnosis& diagnosis) {
   } else if (const HRESULT hr = TryTemporaryFiles(); FAILED(hr)) {
     add("no file can be made there: " + Explain(hr, "", ExitStatus::kOutput).reason(),
         "Allow the user to write there");
-  } else if (folder.free_bytes && *folder.free_bytes < kLeastFreeBytes) {
+  } else if (folder.free_bytes && *folder.free_bytes < kMinFreeBytes) {
     add("only " + std::to_string(*folder.free_bytes >> 20U) +
             " MiB are free, and imported audio needs 8 bytes a stereo frame",
         "Free some space there");

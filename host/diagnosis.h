@@ -65,7 +65,7 @@ struct Diagnosis {
   TemporaryFolder temporary;
 
   std::vector<HostError> problems;
-  std::vector<HostError> notes;  // what may be meant so
+  std::vector<HostError> notes;  // may be intended
 };
 
 // Looks at everything and goes on after each problem. Opens the default sound devices for a moment

@@ -12,8 +12,8 @@
 namespace marlinda {
 namespace {
 
-constexpr int kLeastSide = 32;
-constexpr int kGreatestSide = 16384;
+constexpr int kMinSide = 32;
+constexpr int kMaxSide = 16384;
 
 HostError UsageError(const std::string& subject, const std::string& reason) {
   return {ExitStatus::kUsage, subject, reason, "See \"marlinda plot --help\"."};
@@ -27,9 +27,9 @@ void CheckPicture(const PictureRequest& request, const std::string& input) {
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   if (extension != "png") throw UsageError(request.file, "a picture is written as .png");
   for (const int side : {request.width, request.height}) {
-    if (side < kLeastSide || side > kGreatestSide) {
-      throw UsageError(request.file, "width and height are " + std::to_string(kLeastSide) + " to " +
-                                         std::to_string(kGreatestSide) + " pixels");
+    if (side < kMinSide || side > kMaxSide) {
+      throw UsageError(request.file, "width and height are " + std::to_string(kMinSide) + " to " +
+                                         std::to_string(kMaxSide) + " pixels");
     }
   }
   RequireWritablePlace(request.file, input);

@@ -17,7 +17,7 @@ struct PictureRequest {
   TimeRange range = {};
 };
 
-// Refuses at once what could not be drawn after a long import. Throws a HostError.
+// Checks the request before the long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::string& input);
 
 // Draws the document with these labels and markers. Throws a HostError.

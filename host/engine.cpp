@@ -16,7 +16,7 @@ namespace {
 
 constexpr HRESULT kEndOfFile = static_cast<HRESULT>(0x80070026);
 
-// An audio connector answers Start and Cancel with E_NOTIMPL whatever it did.
+// Start and Cancel of an audio connector return E_NOTIMPL, also on success.
 void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
@@ -30,7 +30,7 @@ bool RunTask(ICoreTask* task, const std::string& title, const Console& console) 
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
     float progress = 0.0F;
-    // Before the end as well: a short task has come and gone between two looks.
+    // Before the check for the end, because a short task runs and ends between two polls.
     if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(progress);
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
@@ -216,7 +216,7 @@ std::optional<std::int64_t> Source::BitRate() const {
 
 std::optional<__int64> Source::Frames() const {
   __int64 frames = 0;
-  // A filter that knows the length only after decoding answers with a negative number.
+  // Negative when the filter knows the length only after decoding.
   if (FAILED(filter_->GetSourceSampleCount(&frames)) || frames < 0) return std::nullopt;
   return frames;
 }

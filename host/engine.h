@@ -20,7 +20,7 @@
 
 namespace marlinda {
 
-// What a failure of the pool's own files is reported about.
+// The subject of messages about the pool's files.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
 // S_OK if a new pool has a file for its samples, otherwise the reason why it has none.
@@ -65,7 +65,7 @@ class FloatArray {
 };
 
 struct FilterIdentity {
-  std::string class_name;  // both empty when the object does not tell
+  std::string class_name;  // both empty when the object has no class information
   std::string class_id;
 };
 
@@ -98,7 +98,7 @@ class Source {
   IUnknown* filter_object() const { return filter_.Get(); }
   const FilterIdentity& filter() const { return identity_; }
 
-  // What the filter tells about the file before it is decoded; nothing where it does not tell.
+  // Properties that the filter reports before it decodes the file; nothing where it fails.
   std::optional<AudioFormat> Format() const;
   std::optional<int> BitsPerSample() const;
   std::optional<std::int64_t> BitRate() const;

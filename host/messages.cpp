@@ -9,7 +9,7 @@ namespace {
 
 struct Meaning {
   std::uint32_t hresult;
-  std::optional<ExitStatus> status;  // none: what was being done decides
+  std::optional<ExitStatus> status;  // none: the caller decides
   const char* reason;
   const char* remedy;
 };

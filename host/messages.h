@@ -1,4 +1,4 @@
-// What the user reads when something fails, and the exit status that goes with it.
+// Messages about failures, and the exit status of each.
 #pragma once
 
 #include <cstdint>

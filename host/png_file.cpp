@@ -42,7 +42,7 @@ void WritePng(const std::string& file, const Picture& picture) {
   output.close();
   if (!output) {
     std::error_code ignored;
-    // Half a picture helps nobody. What could not be opened is not ours to remove.
+    // An incomplete picture is removed; a file that could not be opened stays.
     if (opened) std::filesystem::remove(path, ignored);
     throw HostError(ExitStatus::kOutput, file, "it could not be written",
                     "Check that the folder may be written to and the disk is not full.");

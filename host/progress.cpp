@@ -9,20 +9,20 @@ namespace marlinda {
 namespace {
 
 constexpr std::size_t kLineWidth = 79;
-constexpr std::size_t kLeastBar = 3;
-constexpr std::size_t kGreatestBar = 20;
+constexpr std::size_t kMinBar = 3;
+constexpr std::size_t kMaxBar = 20;
 constexpr float kLowestDecibels = -60.0F;
 
 std::string LevelBar(float level, std::size_t width) {
   if (level >= 1.0F) return std::string(width - 1, '#') + "!";
-  // Written so that NaN becomes silence.
+  // NaN counts as silence.
   if (!(level > 0.0F)) return std::string(width, ' ');
   const float share = 1.0F - 20.0F * std::log10(level) / kLowestDecibels;
   const auto filled = static_cast<std::size_t>(std::max(0.0F, share) * static_cast<float>(width));
   return std::string(filled, '#') + std::string(width - filled, ' ');
 }
 
-// Written so that NaN becomes 0.
+// NaN becomes 0.
 double Clamped(double fraction) { return fraction > 0.0 ? std::min(fraction, 1.0) : 0.0; }
 
 int Percent(double fraction) { return static_cast<int>(Clamped(fraction) * 100); }
@@ -46,7 +46,7 @@ StatusLine::~StatusLine() {
 
 void StatusLine::Show(const std::string& line) {
   if (out_ == nullptr || line == shown_) return;
-  // What the last line had beyond the new one is wiped.
+  // Spaces overwrite the rest of a longer last line.
   const std::size_t rest = shown_.size() > line.size() ? shown_.size() - line.size() : 0;
   *out_ << "\r" + line + std::string(rest, ' ') << std::flush;
   shown_ = line + std::string(rest, ' ');
@@ -66,7 +66,7 @@ std::string TransportLine(std::string_view title, std::int64_t position, std::in
   if (levels.empty()) return line;
   const std::size_t room = kLineWidth - std::min(kLineWidth, line.size());
   const std::size_t share = room / levels.size();
-  const std::size_t width = std::clamp(share, kLeastBar + 3, kGreatestBar + 3) - 3;
+  const std::size_t width = std::clamp(share, kMinBar + 3, kMaxBar + 3) - 3;
   for (const float level : levels) line += " [" + LevelBar(level, width) + "]";
   return line;
 }

@@ -1,4 +1,4 @@
-// What a command shows while it works: one line of a terminal, drawn again and again.
+// Progress of a command: one line of a terminal that is drawn again and again.
 #pragma once
 
 #include <cstdint>
@@ -54,8 +54,8 @@ class ProgressBar {
   int percent_ = -1;
 };
 
-// What play, scrub and record show: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [####      ]",
-// a bar for each of the levels, which stretches from -60 dB to full scale and ends in "!" at full
+// The line of play, scrub and record: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [#### ]", a
+// bar for each of the levels, which stretches from -60 dB to full scale and ends in "!" at full
 // scale and above. Fits in 79 columns as long as the channels leave each bar three.
 std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
                           std::int32_t rate, std::span<const float> levels);

@@ -1,4 +1,4 @@
-// The sound devices of the system, and what the user reads when one of them cannot be used.
+// The sound devices of the system, and messages about devices that cannot be used.
 #pragma once
 
 #include <marlinda.h>

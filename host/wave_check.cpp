@@ -64,8 +64,8 @@ bool HoldsFrames(const WaveFileFacts& facts, std::int64_t frames) {
 }
 
 bool FitsWaveFile(std::int64_t frames, int channels, int bits) {
-  constexpr std::int64_t kMost = 0xFFFFFFFF - (16 << 20);
-  return frames <= kMost / std::max(1, channels * (bits / 8));
+  constexpr std::int64_t kMaxDataBytes = 0xFFFFFFFF - (16 << 20);
+  return frames <= kMaxDataBytes / std::max(1, channels * (bits / 8));
 }
 
 }  // namespace marlinda

@@ -35,8 +35,8 @@ std::string Describe(const AudioFormat& format) {
   return std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) + " channels";
 }
 
-// The engine passes samples unchanged where it has no converter, and tells nobody. So it is tried
-// before anything is written.
+// Without a converter the engine passes samples unchanged and reports no error, so the converter is
+// tried before anything is written.
 void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
   ComPtr<IFormatConverter> converter;
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {

@@ -89,7 +89,7 @@ void Cut(const CutOptions& options, const Console& console) {
   const auto document = Assemble(plan, audio, source.ReadAnnotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
   wave.SetTags(source.ReadTags());
-  // Loop data is left behind: its beat count tells of the whole source.
+  // No loop data: its beat count belongs to the whole source.
   wave.SetAnnotations(annotations);
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), bits, console);
@@ -103,7 +103,7 @@ void Cut(const CutOptions& options, const Console& console) {
       written.picture = options.picture.file;
     }
   } catch (...) {
-    // The audio is whole without its picture: it stays, and the report says so.
+    // The audio file is complete without its picture and is reported.
     PrintSummary(written, options.json, console);
     throw;
   }

@@ -20,7 +20,7 @@ struct FilterReport {
   std::string patterns;
 };
 
-// Creates the filter and asks it; one that cannot be created stays unavailable.
+// Fills the report from the filter; a filter that cannot be created stays unavailable.
 void Ask(REFCLSID class_id, FilterReport& report) {
   ComPtr<IImportFilter> filter;
   if (FAILED(CreateInstance(class_id, filter))) return;

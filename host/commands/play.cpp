@@ -34,7 +34,7 @@ HostError UsageError(const std::invalid_argument& error) {
   return {ExitStatus::kUsage, "", error.what(), "See \"marlinda play --help\"."};
 }
 
-// What of the file is played.
+// The part of the file to play.
 struct Section {
   FrameRange range;
   std::uint32_t mask = 0;

@@ -116,8 +116,8 @@ class Scrubber {
     if (!DeviceIsOpen()) throw DeviceLost(device_, "it stopped playing at " + place);
   }
 
-  // A lost device is closed by the engine, and this is how a document tells: only an open one
-  // refuses to give the level of a channel that it does not have.
+  // The engine closes a lost device. A document has no other sign of it: only an open device
+  // refuses the level of a channel that it does not have.
   bool DeviceIsOpen() const {
     float level = 0;
     return FAILED(document_->GetOutputLevel(audio_.format.channels, &level));
