@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the benchmarks and runs them, natively and under Wine, and times whole programs beside ours:
 #   scripts/bench.sh [FILTER]      a regular expression for names of benchmarks; all by default
-# Writes one table to build/bench/table.md. Let nothing else run meanwhile.
+# Writes build/bench/table.md; a complete run also writes its comparisons to bench/RESULTS.md. Let nothing else
+# run meanwhile.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 filter=${1:-.}
 
@@ -73,6 +74,17 @@ export -f step say run_under_wine run_whole_programs under_wine
 export root results filter logs
 "$root/scripts/wine-session" bash -uo pipefail -c "$(declare -p options); failed=; under_wine" || failed=1
 
-"$root/scripts/lib/bench-table" "$root/bench/goals.txt" "$results" >"$root/build/bench/table.md"
-cat "$root/build/bench/table.md"
+table=$root/build/bench/table.md
+"$root/scripts/lib/bench-table" "$root/bench/goals.txt" "$results" >"$table"
+cat "$table"
 [[ -z $failed ]] || die "a program failed; its rows are empty"
+if [[ $filter == . ]]; then
+  page=$root/bench/RESULTS.md
+  # The explanation stays. The first of the two tables compares.
+  {
+    sed '/^## Last run/,$d' "$page"
+    printf '## Last run: %(%F)T\n\n' -1
+    sed '/^$/,$d' "$table"
+  } >"$page.new"
+  mv "$page.new" "$page"
+fi

@@ -18,7 +18,6 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 IDL = (ROOT / "core/marlinda.idl").read_text()
 INTERFACE = re.compile(r"uuid\(([-0-9A-F]+)\)[^\[\]]*\]\n(?:disp)?interface (\w+)[^\n]*\n\{\n(.*?)\n\};", re.S)
 METHOD = re.compile(r"HRESULT (\w+)\((.*)\);")
-COCLASS = re.compile(r"\[uuid\(([-0-9A-F]+)\)[^\n]*\]\n +coclass (\w+)\n +\{\n(.*?)\n +\};", re.S)
 # As C# has them.
 CSHARP = {"__int64": "long", "long": "int", "ULONG": "uint", "short": "short", "float": "float",
           "VARIANT_BOOL": "bool", "BSTR": "string", "SAFEARRAY(float)": "float[]",
@@ -110,18 +109,6 @@ class DocsTest(unittest.TestCase):
                              [1, 1, 2, 1])
             with wave.open(str(pathlib.Path(folder) / "converted.wav")) as converted:
                 self.assertEqual(converted.getparams()[:4], (2, 2, 48000, 72000))
-
-    def test_the_page_of_classes_has_each_class_with_its_interfaces(self):
-        sections = dict(re.findall(r"^## (\w+)\n(.*?)(?=^## |\Z)", text("docs/classes.md"), re.M | re.S))
-        classes = COCLASS.findall(IDL)
-        self.assertEqual(sorted(sections), sorted(name for _, name, _ in classes))
-        for class_id, name, body in classes:
-            with self.subTest(name=name):
-                first = sections[name].split("\n\n")[1]
-                self.assertIn(f"`Marlinda.{name[1:]}`", first)
-                self.assertIn(f"`{{{class_id}}}`", first)
-                self.assertEqual(re.findall(r"\[`(\w+)`\]\(interfaces\.md#\w+\)", first),
-                                 re.findall(r"interface (\w+);", body))
 
     def test_the_signatures_in_csharp_are_those_of_the_type_library(self):
         theirs = {name: (iid, METHOD.findall(body)) for iid, name, body in INTERFACE.findall(IDL)}
