@@ -1,4 +1,4 @@
-// The bytes of the WAV files that this system writes, but for the samples. docs/wav-layout.md has
+// The bytes of the WAV files that this system writes, but for the samples. docs/files.md has
 // the byte tables.
 #pragma once
 

@@ -73,7 +73,7 @@ TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
             Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 5)) + List("adtl", Region(0, 4, "")) + Info());
 }
 
-// The example of docs/wav-layout.md, line by line; the file fills in the two sizes that are 0 here.
+// A whole file, line by line; the file fills in the two sizes that are 0 here.
 TEST(WavBytes, AreThoseOfTheWorkedExample) {
   const WavFormat format{44100, 1, 8, false};
   EXPECT_EQ(Header(format), Hex("524946460000000057415645"
