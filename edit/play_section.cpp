@@ -1,6 +1,7 @@
 #include "edit/play_section.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace marlinda {
 namespace {
@@ -32,7 +33,9 @@ std::size_t PlayCursor::Samples() const noexcept {
   const auto channels = static_cast<std::uint64_t>(channels_);
   // Compared in frames, where nothing overflows: fewer samples are left than a block has.
   const bool last = left <= block_frames_ && left * channels < block_samples_;
-  return static_cast<std::size_t>(last ? left * channels : block_samples_);
+  // More than memory holds stays more than memory holds, also where std::size_t has 32 bits.
+  return static_cast<std::size_t>(std::min<std::uint64_t>(last ? left * channels : block_samples_,
+                                                          std::numeric_limits<std::size_t>::max()));
 }
 
 void PlayCursor::Advance() noexcept {

@@ -6,7 +6,7 @@
 
 "$root/scripts/setup.sh" build
 compile x64 Tessaly Converter InterfacePicker marlinda
-compile x86
+compile x86 Tessaly Converter
 for product in x64/Tessaly.dll x64/Converter.dll x64/marlinda.exe x86/Tessaly.dll x86/Converter.dll; do
   [[ -s $root/build/$product ]] || die "the build left no build/$product"
 done

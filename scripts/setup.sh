@@ -29,7 +29,7 @@ package=("${build[@]}" nsis zip unzip)
 # writes; a sound server stands for the sound card.
 test=(
   "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
-  pulseaudio pulseaudio-utils valgrind mono-mcs "${package[@]}"
+  pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
 )
 lint=("${build[@]}" g++ clang-format clang-tidy cppcheck)
 bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)

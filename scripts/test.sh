@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs missing packages, builds everything and runs every test: the kernels natively, plain and
-# under the sanitizers, kernels and components under Wine, sound on sound servers of the tests' own; and
-# checks the format of the code. Ends with one summary; the status is 0 only if everything passed.
+# under the sanitizers, kernels and components under Wine in 64 and 32 bits, sound on sound servers of the
+# tests' own; and checks the format of the code. Ends with one summary; the status is 0 only if everything
+# passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
@@ -57,18 +58,35 @@ suite() {
 }
 
 rm -f "$logs"/result-*
-# The suites under Wine wait for devices and timers, and the other builds use that time. Sound has a
+names=(x64 sound native asan tsan x86 x86-sound)
+"$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
+system=$!
+# The suite under Wine waits for timers now and then, and the other builds use that time. Sound has a
 # prefix of its own, because other tests register and unregister the classes meanwhile.
 compile x64
-suite x64 x64 "kernels and components under Wine" "-LE ^sound$" "$root/scripts/wine-session" &
-suite sound x64 "sound under Wine" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
+suite x64 x64 "kernels and components, 64 bits" "-LE ^sound$" "$root/scripts/wine-session" &
+suite_64=$!
 compile native && suite native native "kernels, native" "-LE ^sound$"
 compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
-compile x86 || failed=1 broken=("build for 32 bits")
+compile x86
+wait "$suite_64" || true
+# Sound after the builds: a starved sound server fills in silence.
+suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
+status=0
+wait "$system" || status=$?
+cat "$logs/x86-root.log"
+if [[ $status -eq 0 ]]; then
+  export TESSALY_WINE_BITS=32
+  suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "$root/scripts/wine-session"
+  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" "$root/scripts/wine-session"
+elif [[ $status -eq 3 ]]; then
+  echo "  32 bits NOT TESTED. The reason is above." >&2
+  echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
+fi
 wait
-for name in x64 sound native asan tsan; do
+for name in "${names[@]}"; do
   # A suite without a result has failed.
   good=0 bad=1 left=0 what="tests of $name"
   read -r good bad left what 2>/dev/null <"$logs/result-$name" || true

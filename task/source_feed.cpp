@@ -37,7 +37,8 @@ class ReceivedArray {
 ComPtr<IFormatConverter> CreateConverter(const StreamFormat& source, const StreamFormat& target) {
   ComPtr<IFormatConverter> converter;
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter)) ||
-      FAILED(converter->SetUp(source.rate, target.rate, source.channels, target.channels, kConverterMode))) {
+      FAILED(converter->SetUp(source.rate, target.rate, source.channels, target.channels,
+                              kConverterMode))) {
     return {};
   }
   return converter;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/contract_model.h"
 #include "tests/support/com_client.h"
+#include "tests/support/contract_model.h"
 
 namespace marlinda::testing {
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <numbers>
 #include <random>
 #include <stdexcept>
@@ -23,9 +24,10 @@ std::vector<float> Convert(const std::vector<float>& in, const Format& source,
   std::vector<float> out;
   converter.Convert(in, out);
   const auto channels = static_cast<std::size_t>(target.channels);
-  const std::size_t frames = in.size() / static_cast<std::size_t>(source.channels) *
-                             static_cast<std::size_t>(target.rate) /
-                             static_cast<std::size_t>(source.rate);
+  const std::uint64_t source_frames = in.size() / static_cast<std::size_t>(source.channels);
+  const auto frames =
+      static_cast<std::size_t>(source_frames * static_cast<std::uint64_t>(target.rate) /
+                               static_cast<std::uint64_t>(source.rate));
   for (int block = 0; out.size() < frames * channels && block < 16; ++block) {
     converter.Convert(std::vector<float>(4096 * static_cast<std::size_t>(source.channels)), out);
   }
@@ -119,7 +121,8 @@ TEST(StreamConverter, JoinsBlocksWithoutSeams) {
     StreamConverter pieces(source, target);
     std::vector<float> got;
     for (std::span<const float> rest = in; !rest.empty();) {
-      const auto count = std::min<std::size_t>(rest.size(), random() % (random() % 2 == 0 ? 4 : 700));
+      const auto count =
+          std::min<std::size_t>(rest.size(), random() % (random() % 2 == 0 ? 4 : 700));
       pieces.Convert(rest.first(count), got);
       rest = rest.subspan(count);
     }

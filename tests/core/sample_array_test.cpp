@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "tests/support/com_client.h"
 
@@ -39,7 +40,7 @@ TEST(SampleArray, KeepsItsSamplesWhenResized) {
   ASSERT_EQ(array.samples().size(), 100000U);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.5F), 4);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 99996);
-  EXPECT_THROW(array.Resize(std::size_t{1} << 40), std::bad_alloc);
+  EXPECT_THROW(array.Resize(std::numeric_limits<std::size_t>::max() / 2), std::bad_alloc);
   array.Resize(2);
   const SampleArray moved(std::move(array));
   EXPECT_EQ(moved.samples().size(), 2U);

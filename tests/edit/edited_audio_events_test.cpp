@@ -19,6 +19,12 @@ std::wstring CurrentErrorDescription() {
   return description.str();
 }
 
+HRESULT STDMETHODCALLTYPE FillInLater(EXCEPINFO* exception) {
+  exception->bstrSource = SysAllocString(L"source");
+  exception->bstrDescription = SysAllocString(L"second, deferred");
+  return S_OK;
+}
+
 class EditedAudioEvents : public ::testing::Test {
  protected:
   ComPtr<IConnectionPoint> Point(const IID& iid) {
@@ -231,11 +237,7 @@ TEST_F(EditedAudioEvents, AFailingSinkLeavesItsErrorAndStopsNobody) {
   };
   b.on_event = [](DISPPARAMS*, EXCEPINFO* exception) {
     // Filled in only when asked.
-    exception->pfnDeferredFillIn = [](EXCEPINFO* later) -> HRESULT {
-      later->bstrSource = SysAllocString(L"source");
-      later->bstrDescription = SysAllocString(L"second, deferred");
-      return S_OK;
-    };
+    exception->pfnDeferredFillIn = FillInLater;
     return DISP_E_EXCEPTION;
   };
   const DWORD cookies[] = {Connect(a), Connect(b), Connect(c)};

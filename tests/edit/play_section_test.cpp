@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <vector>
 
@@ -65,7 +66,9 @@ TEST(PlaySection, OddFormatsAndBoundsEnd) {
               ElementsAre(Block{kMax - 15, 20}, Block{kMax - 5, 10}));
   EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2),
               ElementsAre(Block{kMin, 20}, Block{kMin + 10, 20}));
-  EXPECT_THAT(Walk({0, kMax}, false, kMax, 32767, 1), ElementsAre(Block{0, kMax / 4}));
+  EXPECT_THAT(Walk({0, kMax}, false, kMax, 32767, 1),
+              ElementsAre(Block{0, static_cast<std::size_t>(std::min<std::uint64_t>(
+                                       kMax / 4, std::numeric_limits<std::size_t>::max()))}));
 }
 
 std::vector<float> Masked(std::vector<float> block, std::size_t channels, std::uint32_t mask) {

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <numeric>
-#include <stdexcept>
 
 #include "core/handle.h"
 #include "core/samples/sample_converter.h"
@@ -371,7 +370,7 @@ TEST_F(DShowImport, EndsCleanlyWithWhatADamagedFileHolds) {
   EXPECT_EQ(Progress(), 1.0F);
 }
 
-TEST_F(DShowImport, AWriterThatFailsThrowsOrResizesDoesNotHurtTheRun) {
+TEST_F(DShowImport, AWriterThatFailsOrResizesDoesNotHurtTheRun) {
   const std::wstring path = Write(L"a.wav", MuLawFile());
   writer_->result = E_FAIL;
   writer_->on_write = [&](SAFEARRAY* array) {
@@ -380,11 +379,6 @@ TEST_F(DShowImport, AWriterThatFailsThrowsOrResizesDoesNotHurtTheRun) {
   };
   Import(path);
   EXPECT_EQ(writer_->samples.size(), kMuLawFrames);
-  writer_ = MakeObject<RecordingWriter>();
-  writer_->on_write = [](SAFEARRAY*) { throw std::runtime_error("the writer's own trouble"); };
-  Import(path);
-  EXPECT_EQ(writer_->blocks, 1U);
-  EXPECT_TRUE(writer_->closed);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <stdexcept>
 
 #include "tests/import/ogg_files.h"
 #include "tests/support/com_client.h"
@@ -196,7 +195,7 @@ TEST_F(OggImport, ServesAnotherFileAfterARunAndForgetsItsCancel) {
   EXPECT_EQ(writer_->blocks, 1U);
 }
 
-TEST_F(OggImport, AWriterMayFailChangeItsArrayOrThrow) {
+TEST_F(OggImport, AWriterMayFailAndChangeItsArray) {
   const std::vector<std::size_t> sizes =
       DecodeWithLibrary(DataFile("stereo.ogg")).links[0].block_sizes;
   writer_->result = E_FAIL;
@@ -206,14 +205,6 @@ TEST_F(OggImport, AWriterMayFailChangeItsArrayOrThrow) {
   };
   Import(DataFile("stereo.ogg"));
   EXPECT_EQ(writer_->block_sizes, sizes);
-  EXPECT_TRUE(writer_->closed);
-
-  writer_ = MakeObject<RecordingWriter>();
-  writer_->on_write = [&](SAFEARRAY*) {
-    if (writer_->blocks == 3) throw std::runtime_error("the writer's own trouble");
-  };
-  Import(DataFile("stereo.ogg"));
-  EXPECT_EQ(writer_->blocks, 3U);
   EXPECT_TRUE(writer_->closed);
 }
 

@@ -4,6 +4,7 @@
 
 #include <marlinda.h>
 
+#include <concepts>
 #include <span>
 #include <string>
 #include <vector>
@@ -58,7 +59,12 @@ class Floats {
   operator SAFEARRAY*() const { return array_; }
   std::span<float> values() const;
   std::vector<float> ToVector() const;
-  float& operator[](std::size_t index) const { return values()[index]; }
+  // A template, because an index of another type than size_t could also index the converted
+  // pointer.
+  template <std::integral Index>
+  float& operator[](Index index) const {
+    return values()[static_cast<std::size_t>(index)];
+  }
 
  private:
   SAFEARRAY* array_;
