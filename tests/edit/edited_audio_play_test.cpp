@@ -404,7 +404,6 @@ TEST_F(EditedAudioPlay, ScrubbingAndPlayingEndEachOtherAndAreHeard) {
   EXPECT_FALSE(Playing());
   EXPECT_EQ(scrub->SetScrubPosition(2 * kRate), S_OK);
   WaitUntil(heard);
-  // Its sources are opened for each and closed for each, once.
   ASSERT_EQ(document_->Play(kRate, kRate + 50'000, kAll, VARIANT_TRUE), S_OK);
   WaitForReads();
   WaitUntil(heard);
@@ -412,8 +411,13 @@ TEST_F(EditedAudioPlay, ScrubbingAndPlayingEndEachOtherAndAreHeard) {
   EXPECT_EQ(scrub->StopScrub(), S_OK);
   EXPECT_TRUE(Playing());
   EXPECT_EQ(document_->StopPlay(), S_OK);
-  EXPECT_EQ(std::ranges::count(calls_, "A.OpenDevice"), 3);
-  EXPECT_EQ(std::ranges::count(calls_, "A.CloseDevice"), 3);
+  // The sources were closed before they were opened for the next of the three.
+  std::string openings;
+  for (const std::string& call : calls_) {
+    if (call == "A.OpenDevice") openings += "open ";
+    if (call == "A.CloseDevice") openings += "close ";
+  }
+  EXPECT_EQ(openings, "open close open close open close ");
 }
 
 TEST_F(EditedAudioPlay, QuickStartsAndStopsLeaveNoThreadOrHandle) {
