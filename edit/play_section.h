@@ -47,8 +47,8 @@ class PlayCursor {
 // mask's 32 bits are heard only when all of these are set.
 void ApplyChannelMask(std::span<float> block, std::size_t channels, std::uint32_t mask) noexcept;
 
-// The frame that is heard when the device has played so many frames of a section, over and over.
-// Deliberate: after the last frame that is the first one, also when the section is not looped.
+// The frame that is heard after `played` frames of a section that is repeated.
+// After the last frame that is the first one, also when the section is not looped.
 std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept;
 
 // Where a scrub block begins that is centred on `position`: never before the document.

@@ -247,7 +247,7 @@ class SegmentList {
   void AddBlock() {
     index_.Reserve(1);
     Block block;
-    // The first one grows with a short document; whoever needs more will fill them.
+    // The first block grows with a short document; later ones will be filled.
     if (!blocks_.empty()) block.reserve(kBlockSize);
     blocks_.push_back(std::move(block));
     index_.AddBlock();
