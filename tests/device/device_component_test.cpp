@@ -118,6 +118,7 @@ TEST(Playback, BreakAndCloseEndTheWaitOfEveryWriter) {
     for (auto& producer : producers) producer.join();
     EXPECT_EQ(refused, 3);
     player.WaitUntilReady();
+    EXPECT_LT(player.Position(), written * 22050) << "all was played";
     EXPECT_EQ(player.writer->WriteAudio(Floats(2)), E_FAIL);
     ASSERT_EQ(player.writer->OpenDevice(), S_OK);
     EXPECT_EQ(player.writer->WriteAudio(Floats(2)), S_OK);
