@@ -425,7 +425,6 @@ STDMETHODIMP GraphFilter::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
     const std::lock_guard lock(mutex_);
     name_ = name != nullptr ? name : L"";
     graph_ = graph;
-    return S_OK;
   });
 }
 

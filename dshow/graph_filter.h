@@ -1,5 +1,5 @@
-// The filters that the engine itself puts into a DirectShow graph: what every filter and every pin
-// has to answer, so that one with a purpose says only what it accepts and what it does with data.
+// GraphFilter: the base of the engine's own filters in a DirectShow graph. It implements the
+// interfaces of filters and pins; a user only names the formats it accepts and handles the data.
 #pragma once
 
 #include <windows.h>
@@ -45,8 +45,8 @@ class AudioType {
  public:
   AudioType() noexcept = default;
   explicit AudioType(const WAVEFORMATEX& format);
-  // A copy; what is not of sound in a wave format becomes empty. A format without the size field
-  // that only compressed ones need gets one.
+  // A copy; empty for a type that is no sound in a wave format. A format without its cbSize field
+  // gets one.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
@@ -63,7 +63,7 @@ class AudioType {
   std::vector<BYTE> format_;
 };
 
-// What both kinds of pins share. A pin lives in its filter and counts its references there.
+// The base of both kinds of pins. A pin lives in its filter and counts its references there.
 class GraphPin : public IPin {
  public:
   GraphPin(const GraphPin&) = delete;
@@ -111,7 +111,7 @@ class GraphPin : public IPin {
 };
 
 // Calls `receive` with the bytes of each sample and `end` after the last, on the thread that
-// delivers. What `receive` returns stops the deliverer unless it is S_OK.
+// delivers. Any result of `receive` other than S_OK stops the deliverer.
 class InputPin : public GraphPin, protected IMemInputPin {
  public:
   struct Purpose {

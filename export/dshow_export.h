@@ -33,8 +33,9 @@ class CDShowExport final
   // ICoreTask. Start is E_FAIL while the task runs, without Initialize and after a task that ran.
   STDMETHODIMP Start() override;
 
-  // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and tells when the
-  // file cannot be written, without changing it. The encoders choose their own sample width.
+  // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and fails when the
+  // file cannot be written; it does not change the file. The encoders choose their own sample
+  // width.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
   STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }

@@ -56,7 +56,7 @@ class EncodedFile {
 
   // Whole frames of 16 bits. Throws HResultError where encoder or disk fail.
   virtual void Write(std::span<const std::byte> pcm) = 0;
-  // Writes what the encoder still holds and completes the file. Throws like Write.
+  // Writes the encoder's remaining output and completes the file. Throws like Write.
   virtual void Finish() = 0;
 };
 

@@ -8,8 +8,8 @@
 namespace marlinda {
 namespace {
 
-// The system lists the codecs of its older kind as compressors whose property tells the format tag,
-// and such a filter names its formats only once its input is connected.
+// The system lists ACM codecs as compressors with the format tag as a property. Such a filter names
+// its formats only once its input is connected.
 bool IsListedAsMp3(IMoniker* moniker) {
   ComPtr<IPropertyBag> properties;
   if (FAILED(moniker->BindToStorage(nullptr, nullptr, __uuidof(IPropertyBag),

@@ -46,7 +46,7 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
 }
 
 // Chooses among the encoder's formats for this rate and channel count: the best bit rate up to the
-// wanted one, else the lowest. An encoder without such a format keeps what it would do by itself.
+// wanted one, else the lowest. An encoder without such a format keeps its default.
 void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   const auto config = FindStreamConfig(encoder);
   const auto wanted = static_cast<DWORD>(settings.bit_rate_kbit);
@@ -151,7 +151,7 @@ class Mp3File final : public EncodedFile {
     if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
-  // What went wrong at the file says more than what the encoder made of it.
+  // An error of the file comes first: the encoder only passes it on.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);

@@ -11,11 +11,11 @@
 namespace marlinda {
 
 // Offers the customary bit rates up to the best that an encoder filter has. An encoder that does
-// not tell its capabilities has a best of 0: then there is nothing to choose, and the bit rate
-// stays what it was.
+// not report its capabilities has a best of 0: then there is nothing to choose, and the bit rate
+// does not change.
 class CMpegSettings final : public SettingsDialog {
  public:
-  // Reads what the encoder can do; the bit rate becomes its best, but 128 at most.
+  // Reads the encoder's capabilities; the bit rate becomes its best, but 128 at most.
   explicit CMpegSettings(IBaseFilter* encoder);
 
   int max_bit_rate_kbit() const noexcept { return max_bit_rate_kbit_; }

@@ -13,7 +13,7 @@ class SettingsDialog {
 
   // Shows the dialog, modal to `owner`, which may be null, and returns IDOK or IDCANCEL, the latter
   // also when the window was closed. Any other result means that there was no dialog: no such
-  // owner, or its controls could not be set up. The thread's last error then tells why.
+  // owner, or its controls could not be set up. The thread's last error then holds the reason.
   INT_PTR ShowModal(HWND owner);
 
  protected:

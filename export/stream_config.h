@@ -1,4 +1,4 @@
-// What an encoder filter can do: its IAMStreamConfig and the media types in it.
+// The capabilities of an encoder filter: its IAMStreamConfig and the media types in it.
 #pragma once
 
 #include <windows.h>

@@ -12,7 +12,7 @@ namespace {
 WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
   LONG samples_per_sec = 0;
   SHORT channels = 0;
-  // A reader that cannot tell its format has no channels, and its file no samples.
+  // A reader that does not report its format has no channels, and its file no samples.
   reader->GetFormat(&samples_per_sec, &channels);
   return {samples_per_sec, channels, bits, is_float};
 }

@@ -27,7 +27,7 @@ bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept;
 // A write that fails is not reported: the file is finished as far as it goes.
 class WavFile {
  public:
-  // Takes a handle over, or none. What was open before is closed as it stands.
+  // Takes ownership of a handle, or of none. An open file is closed as it stands.
   void Attach(FileHandle file) noexcept;
   bool IsOpen() const noexcept { return static_cast<bool>(file_); }
 

@@ -11,7 +11,7 @@
 
 namespace marlinda {
 
-// Nothing here is validated; a field of the file holds the low bits of what stands here.
+// Nothing here is validated; a field of the file holds the low bits of a value.
 struct WavFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;

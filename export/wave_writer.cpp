@@ -19,7 +19,7 @@ enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQue
 }  // namespace
 
 STDMETHODIMP CWaveWriter::SetWriteThrough(IAudioWriter* pawWriteThrough) {
-  // Itself would be a cycle that nobody could break.
+  // A reference to itself would never be released.
   Hold(write_through_, pawWriteThrough == this ? nullptr : pawWriteThrough);
   return S_OK;
 }

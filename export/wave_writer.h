@@ -12,8 +12,8 @@
 namespace marlinda {
 
 // Every IAudioWriter call goes to the next writer first, whose result is ignored, and then into the
-// file; so the file holds what that writer made of the block, where it changes it in place. In
-// front of a playback it records what is played.
+// file. A writer that changes the block in place changes the file, too. In front of a playback it
+// records the sound that is played.
 //
 // For one thread at a time, the one that drives the chain. Rings of writers are allowed: a call
 // that comes back to a writer it has passed ends there, so each writes every block once.
@@ -25,8 +25,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   // sizes in its header stay 0.
   ~CWaveWriter() = default;
 
-  // IWaveWriter. The object itself as its next writer is the same as none: it would only get back
-  // what it has, and would hold itself for good.
+  // IWaveWriter. The object itself as its next writer is the same as none: it would hold a
+  // reference to itself that nothing releases.
   STDMETHODIMP SetWriteThrough(IAudioWriter* pawWriteThrough) override;
   STDMETHODIMP SetResolution(SHORT nBitsPerSample) override;
   STDMETHODIMP SetTargetFile(BSTR bstrFileName) override;
@@ -39,7 +39,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   STDMETHODIMP OpenDevice() override;
   STDMETHODIMP CloseDevice() override;
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
-  // Without a next writer the value stays what it was: callers initialise it.
+  // Without a next writer the value is not changed: callers initialise it.
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
  private:

@@ -42,12 +42,12 @@ PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
   return pcm;
 }
 
-// What an AIFF-C compression type says about samples that need no decoder.
+// An AIFF-C compression type whose samples need no decoder.
 struct Encoding {
   std::string_view type;
   bool is_float;
   bool big_endian;
-  int bits;  // 0 where the common chunk tells
+  int bits;  // 0 for the width in the common chunk
   Coding coding = Coding::kLinear;
 };
 constexpr Encoding kEncodings[] = {
@@ -96,8 +96,7 @@ AiffChunks FindChunks(ByteSource& file) {
   return found;
 }
 
-// What the number of an AU encoding says about samples that need no decoder; no bits for the
-// others.
+// The layout of samples in an AU encoding that needs no decoder; no bits for the others.
 PcmData AuEncoding(std::uint32_t encoding) {
   PcmData pcm = {.big_endian = true, .signed_bytes = true};
   switch (encoding) {

@@ -24,7 +24,7 @@ CodecMemory::~CodecMemory() {
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
-  // What follows two pointers is as aligned as the block itself, where malloc aligns to no more.
+  // Two pointers keep the alignment of malloc for the contents.
   static_assert(sizeof(Block) == 2 * sizeof(void*));
   Block* const old = contents != nullptr ? static_cast<Block*>(contents) - 1 : nullptr;
   const bool alone = old == nullptr || old->next == old;

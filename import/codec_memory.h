@@ -1,9 +1,9 @@
-// The memory of one decoder of the codec library. The library is written in C and does not look
-// whether it gets what it asks for, so scripts/build-dependencies builds it to ask here. A request
-// that cannot be met throws std::bad_alloc through the library, which leaves the decoder's state
-// half made: nobody may touch that again, and what the decoder still held is freed here.
-//
-// With a library that was built otherwise nothing of this comes into play.
+// CodecMemory: the heap of one decoder of the codec library, which scripts/build-dependencies
+// builds to allocate here. Why: the library uses the result of malloc without a check, so a small
+// file that announces huge tables would crash the host. Here a failed request throws std::bad_alloc
+// through the library instead. The decoder's state is then inconsistent and is never used again;
+// its blocks are freed with this object. A library built otherwise has its own heap, without this
+// protection.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@ namespace marlinda {
 
 class CodecMemory {
  public:
-  // While it lives, what the library asks for on this thread belongs to `memory`; without one, to
-  // nobody but the library. Throws std::bad_alloc when the system cannot take note of it.
+  // Until its end, blocks that the library allocates on this thread belong to `memory`. Blocks
+  // allocated without a Use have no owner. Throws std::bad_alloc.
   class Use {
    public:
     explicit Use(CodecMemory& memory);
@@ -28,8 +28,7 @@ class CodecMemory {
   CodecMemory() = default;
   CodecMemory(const CodecMemory&) = delete;
   CodecMemory& operator=(const CodecMemory&) = delete;
-  // Frees what the library has not freed: what it loses of damaged files, and all of it after an
-  // exception.
+  // Frees the blocks that the library has not freed: some of damaged files, all after an exception.
   ~CodecMemory();
 
   // The library's malloc and realloc: `contents` may be null, and stay as they are when it throws.
@@ -37,7 +36,8 @@ class CodecMemory {
   static void Free(void* contents) noexcept;
 
  private:
-  // In front of each block; those of one decoder form a ring, and what is nobody's is alone.
+  // Stands before the contents. The blocks of one owner form a ring; a block without an owner is a
+  // ring of one.
   struct Block {
     Block* previous = this;
     Block* next = this;

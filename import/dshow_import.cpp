@@ -16,10 +16,10 @@
 namespace marlinda {
 namespace {
 
-// Some decoders wait for ever for what a damaged file lacks.
+// Give up on a decoder after this time: some wait for ever for the missing part of a damaged file.
 constexpr DWORD kDecoderMilliseconds = 15000;
 
-// What the filters of the system say of a file.
+// The answer of the system's filters about a file.
 struct Answer {
   bool decoded = false;
   PcmFormat format;

@@ -60,7 +60,7 @@ double DShowStream::Graph::DurationSeconds() const {
 DShowStream::DShowStream(std::unique_ptr<Graph> graph)
     : graph_(std::move(graph)), format_(*graph_->sink->format()) {
   const double frames = graph_->DurationSeconds() * format_.samples_per_sec;
-  // A length beyond what anything can hold is none.
+  // An absurd length counts as unknown.
   if (frames > 0 && frames < 1e15) total_frames_ = std::llround(frames);
 }
 

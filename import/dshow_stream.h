@@ -28,8 +28,8 @@ class DShowStream {
 
   const PcmFormat& format() const noexcept { return format_; }
 
-  // Frames as the filters tell the duration; 0 where they do not. Compressed files may hold more or
-  // less.
+  // Frames by the duration that the filters report; 0 where they report none. Compressed files may
+  // hold more or fewer.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
   // Puts the next whole frames into `block`. False at the end, which comes early after an error in

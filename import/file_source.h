@@ -1,4 +1,4 @@
-// The bytes of a file on disk, which nobody may write or delete meanwhile.
+// FileSource: a file on disk, open for reading; others may only read it meanwhile.
 #pragma once
 
 #include <string>

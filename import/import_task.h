@@ -1,5 +1,5 @@
-// ImportTask: what the import filters share beyond FilterTask: the info of the source and the way
-// from the source to the writer.
+// ImportTask: what the import filters share beyond FilterTask: the format of the source, its tags,
+// and the run from source to writer.
 #pragma once
 
 #include "core/com_ptr.h"
@@ -12,7 +12,7 @@ namespace marlinda {
 // Samples of one block, over all channels.
 inline constexpr std::size_t kImportBlockSamples = 16384;
 
-// `Source` is what the filter decodes from.
+// `Source` is an open file with its decoder.
 template <class Source>
 struct ImportJob : TaskJob {
   PcmFormat format;  // of the decoded samples

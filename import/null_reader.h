@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// The position of a read is ignored on purpose: the sample count is information for the client, not
-// a bound, so a read before the start or past the end succeeds with silence. Before Create all
+// The position of a read is ignored: the sample count is information for the client, not a bound. A
+// read before the start or past the end succeeds with silence. Before Create all
 // three values are 0.
 class CNullReader final : public Object<CNullReader, INullReader, IAudioReader, IPeakReader> {
  public:

@@ -22,8 +22,8 @@ struct PcmFormat {
   friend bool operator==(const PcmFormat&, const PcmFormat&) = default;
 };
 
-// Reads the body of a "fmt " chunk, which is also what DirectShow describes a connection with.
-// Nothing when it is too short, compressed, contradicts itself, or has no channels or no rate.
+// Reads the body of a "fmt " chunk, or the format block of a DirectShow connection. Nothing when it
+// is too short, compressed, contradicts itself, or has no channels or no rate.
 //
 // Samples that use fewer bits than their bytes hold are left-justified in them, so the width of the
 // bytes is all that counts.

@@ -163,8 +163,8 @@ void ReadInfo(Bytes list, Tags& data) {
     } else if (chunk.id == "IGNR") {
       data.genre = TextOf(chunk.body);
     } else if (chunk.id == "ICRD") {
-      // The first four characters of a date are its year. They end at a "-" because a year that
-      // nobody knew is written as "-01-01".
+      // The first four characters of a date are its year. They end at a "-", because the export
+      // writes an unknown year as "-01-01".
       data.year = TextOf(chunk.body).substr(0, kYearCharacters);
       data.year.erase(std::min(data.year.find('-'), data.year.size()));
     }
@@ -230,8 +230,8 @@ std::optional<SoundFileInfo> RiffWalk::Read() {
 
 void RiffWalk::WalkChunks(std::uint64_t riff_end) {
   for (int count = 0; count < kMaxChunks; ++count) {
-    // A size of the whole that is too small must not hide the audio. Only what follows that and the
-    // size as well is nobody's.
+    // A RIFF size that is too small must not hide the audio. Only chunks behind both the audio and
+    // the RIFF size are ignored.
     const std::uint64_t end = data_offset_ ? riff_end : file_.size();
     if (position_ + kHeaderBytes > end) return;
     const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);

@@ -1,4 +1,4 @@
-// Tells what a sound file is by its bytes alone, and reads its uncompressed samples.
+// Recognises a sound file by its bytes alone, and reads its uncompressed samples.
 #pragma once
 
 #include "import/byte_source.h"

@@ -14,7 +14,7 @@ namespace marlinda {
 // How a file keeps each sample: as the format says, or in one byte of a logarithmic scale.
 enum class Coding { kLinear, kMuLaw, kALaw };
 
-// Samples somewhere in a file that need no decoder. `frames` counts what is really there.
+// Samples of a file that need no decoder. `frames` counts whole frames within the file.
 struct PcmData {
   PcmFormat format = {};  // of the samples as they are read
   Coding coding = Coding::kLinear;

@@ -7,8 +7,8 @@
 namespace marlinda {
 
 // The code of a sample as the codec library rounds it: to the nearest, halves to even, clipped.
-// What would not fit 32 bits either, NaN included, becomes the lowest code: deliberate, so that
-// decoding through floats gives the samples that the library's own 16-bit decoding gives.
+// A value beyond 32 bits, NaN included, becomes the lowest code, as in the library's own 16-bit
+// decoding.
 std::int16_t VorbisCode(float sample) noexcept;
 
 // The codes of `frames` frames, of which each channel's samples lie in a plane of their own,

@@ -1,6 +1,6 @@
 #include "import/vorbis_stream.h"
 
-// Leaves out tables of callbacks that nobody here uses.
+// Leaves out unused tables of callbacks.
 #define OV_EXCLUDE_STATIC_CALLBACKS
 #include <vorbis/vorbisfile.h>
 
@@ -25,7 +25,7 @@ struct VorbisStream::Decoder {
   explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
-  // For what may ask for memory.
+  // For library calls that may allocate.
   template <class Function>
   auto Call(Function&& function) {
     const CodecMemory::Use use(memory);
@@ -92,7 +92,7 @@ std::vector<std::string_view> VorbisStream::Comments() const {
   return result;
 }
 
-// The floats are what the library's own 16-bit decoding starts from, at the same ends of blocks.
+// The library's own 16-bit decoding converts the same floats in the same blocks, but more slowly.
 std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);

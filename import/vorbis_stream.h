@@ -33,12 +33,12 @@ class VorbisStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Frames of the whole file as its headers have it, all links of a chain included. Not positive
-  // where the file does not tell. What is really delivered may differ in a damaged file.
+  // Frames of the whole file by its headers, all links of a chain included. Not positive where they
+  // are missing. Read may deliver more or fewer from a damaged file.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
-  // Of the compressed stream: what its header names or, where that names none, the average over the
-  // file. 0 when neither is known.
+  // Of the compressed stream: the nominal rate of its header, else the average over the file, else
+  // 0.
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
   // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
