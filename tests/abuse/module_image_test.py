@@ -13,7 +13,7 @@ SYSTEM_LIBRARIES = {
     "ole32.dll", "oleaut32.dll", "quartz.dll", "shell32.dll", "shlwapi.dll", "strmiids.dll",
     "user32.dll", "winmm.dll",
 }
-PROTECTIONS = {"HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT"}
+PROTECTIONS = {"DYNAMIC_BASE", "NX_COMPAT"}
 
 
 def faults_of(objdump, nm, module):
@@ -25,8 +25,9 @@ def faults_of(objdump, nm, module):
         yield "no imports found"
     if imports - SYSTEM_LIBRARIES:
         yield f"imports that somebody could plant: {sorted(imports - SYSTEM_LIBRARIES)}"
-    if PROTECTIONS - flags:
-        yield f"missing protections: {sorted(PROTECTIONS - flags)}"
+    protections = PROTECTIONS | ({"HIGH_ENTROPY_VA"} if "pei-x86-64" in headers else set())
+    if protections - flags:
+        yield f"missing protections: {sorted(protections - flags)}"
     if "__stack_chk_fail" not in symbols:
         yield "the stack is not protected"
 

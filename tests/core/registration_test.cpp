@@ -244,7 +244,8 @@ TEST_F(Registration, RegistersTheTypeLibraryWithItsInterfaces) {
   EXPECT_EQ(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
   RegistryView entries = ViewRegistry(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid);
   EXPECT_EQ(entries[L"1.0\\@"], L"1:Marlinda 1.0 Type Library");
-  EXPECT_EQ(entries[L"1.0\\0\\win64\\@"], L"1:" + module_.path());
+  const std::wstring system = sizeof(void*) == 8 ? L"win64" : L"win32";
+  EXPECT_EQ(entries[L"1.0\\0\\" + system + L"\\@"], L"1:" + module_.path());
   EXPECT_EQ(entries[L"1.0\\HELPDIR\\@"],
             L"1:" + std::filesystem::path(module_.path()).parent_path().wstring());
   EXPECT_TRUE(HasEntry(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));

@@ -14,6 +14,7 @@ import unittest
 from program import PROGRAM, WINE, keep_wine_alive, run, windows
 
 MODULE = PROGRAM.parent / "Tessaly.dll"
+BITS = int(os.environ.get("TESSALY_WINE_BITS", "64"))
 SOUND_SESSION = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "sound-session"
 FILTERS = r"HKLM\Software\Brevant\Cutloom\Import Filters"
 DIRECTORIES = r"HKCU\Software\Brevant\Cutloom\Directories"
@@ -73,7 +74,7 @@ class DoctorTest(unittest.TestCase):
         self.assertEqual((problems, report["found_by"]), ({}, "manifest"))
         self.assertEqual(report["registrations"], [{"kind": "manifest", "module": windows(MODULE)}])
         for file, path in (("module", MODULE), ("program", PROGRAM)):
-            self.assertEqual((report[file]["path"], report[file]["bits"]), (windows(path), 64))
+            self.assertEqual((report[file]["path"], report[file]["bits"]), (windows(path), BITS))
         self.assertEqual(report["type_library"],
                          {"name": "Marlinda 1.0 Type Library", "path": windows(MODULE)})
         self.assertEqual([state["available"] for state in report["classes"]], [True] * 14)
@@ -100,8 +101,8 @@ class DoctorTest(unittest.TestCase):
         self.assertEqual(report["found_by"], "manifest")
         broken = bytearray(moved.read_bytes())
         place = int.from_bytes(broken[0x3c:0x40], "little") + 4
-        broken[place:place + 2] = (0x014c).to_bytes(2, "little")
-        for content, cause in [(bytes(broken), "a 32-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
+        broken[place:place + 2] = (0x8664 if BITS == 32 else 0x014c).to_bytes(2, "little")
+        for content, cause in [(bytes(broken), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
             with self.subTest(cause=cause):
                 moved.write_bytes(content) if content else moved.unlink()
                 report, problems = self.doctor(6, program=self.alone)
