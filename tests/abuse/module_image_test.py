@@ -34,4 +34,4 @@ def faults_of(objdump, nm, module):
 
 objdump, nm, *modules = sys.argv[1:]
 faults = [f"{module}: {fault}" for module in modules for fault in faults_of(objdump, nm, module)]
-sys.exit("\n".join(faults))
+sys.exit("\n".join(faults) or None)
