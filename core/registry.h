@@ -31,8 +31,8 @@ class CRegistry {
   std::string ReadString(const char* name, const std::string& default_value) const;
 
   // Appends the values of type REG_SZ in the system's order; values of other types are skipped.
-  // Deliberate limit: a value whose name or data does not fit in 100 bytes, terminator included,
-  // ends the enumeration, and the values behind it are not seen.
+  // A value whose name or data does not fit in 100 bytes, terminator included, ends the
+  // enumeration. The values behind it are not read.
   void EnumStringValues(std::vector<std::string>& names, std::vector<std::string>& datas) const;
 
  private:

@@ -14,15 +14,15 @@ std::size_t PcmBytesPerSample(int bits) noexcept;
 
 // Converts every sample of `source`; `destination` holds at least source.size() PCM samples.
 //
-// Deliberate, and relied upon by files and devices: 8 and 16 bits scale by 127 and 32767 and round
-// half up, 24 and 32 bits scale by 2^31 and truncate. There +1.0 becomes 2^31, which does not fit
-// and wraps to the most negative code. NaN becomes the most negative code of every width.
+// 8 and 16 bits scale by 127 and 32767 and round half up. 24 and 32 bits scale by 2^31 and
+// truncate: +1.0 becomes 2^31, which does not fit and wraps to the most negative code. NaN becomes
+// the most negative code of every width.
 void ConvertFloatToPcm(std::span<const float> source, std::span<std::byte> destination,
                        int bits) noexcept;
 
 // Converts PCM samples into all of `destination`; `source` holds at least as many samples.
 //
-// Deliberately not the inverse of ConvertFloatToPcm at 8 and 16 bits: the 8-bit centre 128 reads as
+// At 8 and 16 bits this is not the inverse of ConvertFloatToPcm: the 8-bit centre 128 reads as
 // 1/127, and -32768 reads slightly below -1.0.
 void ConvertPcmToFloat(std::span<const std::byte> source, std::span<float> destination,
                        int bits) noexcept;

@@ -230,7 +230,7 @@ TEST_F(OggImport, ClosesFilesThatItNoLongerNeeds) {
 }
 
 TEST_F(OggImport, StopsAtTheLengthThatTheFileAnnounces) {
-  // The position in the file is wrong on purpose: more samples follow.
+  // The file holds more samples than its last position announces.
   const TemporaryOgg file(WithLastPosition("stereo.ogg", 1000));
   const DecodedLink all = DecodeWithLibrary(file.path()).links.at(0);
   ASSERT_GT(all.samples.size(), 2U * 10000);
