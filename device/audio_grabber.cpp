@@ -95,7 +95,13 @@ struct CAudioGrabber::Job {
       } else {
         ConvertPcmToFloat(buffer.data, floats, format.wBitsPerSample);
       }
-      samples->queue.Append(floats);
+      try {
+        samples->queue.Append(floats);
+      } catch (...) {
+        // The buffers that are left are collected by the next read.
+        SetEvent(event.get());
+        throw;
+      }
       Remove(buffer);
       Add(buffer);
       next = (next + 1) % buffers.size();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <limits>
@@ -22,6 +23,8 @@ namespace {
 
 // How long no buffer may return, beyond the length of the next one, until the device is probed.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
+// For a device call of another thread to end. On a device that works they take much less.
+constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
 // Runs on a thread of the device. It only signals: a wave-out call from here can deadlock.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
@@ -105,6 +108,7 @@ struct CAudioPlayback::Job {
   Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
       : format(wanted),
         queue_limit_bytes(format.nBlockAlign * buffer_millisecs * format.nSamplesPerSec / 1000),
+        played_levels(format.nChannels),
         levels(format.nChannels) {}
 
   bool Open(UINT device_id) {
@@ -125,7 +129,10 @@ struct CAudioPlayback::Job {
     const std::lock_guard write_lock(write_mutex);
     {
       std::unique_lock lock(mutex);
-      changed.wait(lock, [&] { return !TakesBlocks() || queued_bytes <= queue_limit_bytes; });
+      if (TakesBlocks() && queued_bytes > queue_limit_bytes) {
+        changed.wait(lock, [&] { return !TakesBlocks() || queued_bytes <= queue_limit_bytes; });
+        levels = played_levels;
+      }
     }
     const std::lock_guard device_lock(device_mutex);
     {
@@ -168,10 +175,11 @@ struct CAudioPlayback::Job {
     Wake();
   }
 
-  // The device's count of frames. The last one known while the device is in a call of another
-  // thread, which may take long.
+  // The device's count of frames, 0 after `Break`. While the device stands still in a call of
+  // another thread, the last count known.
   std::uint32_t Position() noexcept {
-    const std::unique_lock device_lock(device_mutex, std::try_to_lock);
+    if (IsBroken()) return 0;
+    const std::unique_lock device_lock(device_mutex, kMaxPositionWait);
     MMTIME time = {};
     time.wType = TIME_SAMPLES;
     // The counter has 32 bits and is taken as it is, also when it wraps.
@@ -223,9 +231,22 @@ struct CAudioPlayback::Job {
     return open;
   }
 
+  bool IsBroken() noexcept {
+    const std::lock_guard lock(mutex);
+    return broken;
+  }
+
   bool IsPlayed() noexcept {
     const std::lock_guard lock(mutex);
     return pending.empty();
+  }
+
+  // True also after `Break`, which plays nothing more. Publishes the levels of the last block that
+  // was played.
+  bool IsReady() noexcept {
+    const std::lock_guard lock(mutex);
+    levels = played_levels;
+    return broken || pending.empty();
   }
 
   // Call with `mutex` held.
@@ -254,7 +275,7 @@ struct CAudioPlayback::Job {
     // Buffers return in the order in which they were written.
     while (!pending.empty() && pending.front().IsDone()) {
       queued_bytes -= pending.front().size();
-      levels.swap(pending.front().peaks);
+      played_levels.swap(pending.front().peaks);
       played.splice(played.end(), pending, pending.begin());
     }
     changed.notify_all();
@@ -271,7 +292,7 @@ struct CAudioPlayback::Job {
 
   // Held during every device call: each may take as long as the driver or its sound service stands
   // still. Taken before `mutex`.
-  std::mutex device_mutex;
+  std::timed_mutex device_mutex;
   HWAVEOUT device = nullptr;
   std::atomic<std::uint32_t> position{0};
 
@@ -280,6 +301,8 @@ struct CAudioPlayback::Job {
   std::condition_variable changed;
   Buffers pending;
   std::uint32_t queued_bytes = 0;
+  std::vector<float> played_levels;
+  // What GetOutputLevel returns: refreshed by a writer that had to wait and by QueryIsReady.
   std::vector<float> levels;
   bool open = true;
   bool broken = false;
@@ -376,8 +399,9 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
       if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
     });
     if (FAILED(hr)) {
-      job->Close();
-      return hr;
+      // As after Run.
+      if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
+      return E_FAIL;
     }
     const std::lock_guard lock(mutex_);
     job_ = std::move(job);
@@ -400,7 +424,7 @@ STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
 STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
   const auto job = OpenJob();
-  *pbReady = !job || job->IsPlayed() ? 1 : 0;
+  *pbReady = !job || job->IsReady() ? 1 : 0;
   return S_OK;
 }
 

@@ -79,11 +79,12 @@ DocumentPlayer::~DocumentPlayer() {
 
 void DocumentPlayer::Play(const CSection& section, ULONG channel_mask, bool looped) {
   const DocumentFormat format = content_->CurrentFormat();
-  if (scrubbing_) StopScrub();
+  const bool starts = !IsPlaying() && section.begin < section.end;
+  if (starts && scrubbing_) StopScrub();
   // Also while it plays: the device that is open keeps the format that it was opened with.
   SetUpPlayback(format, kPlayBufferMilliSecs);
   const ComPtr<IAudioWriter> writer = PlaybackWriter();
-  if (IsPlaying() || section.begin >= section.end) return;
+  if (!starts) return;
   job_.reset(new Job{content_, writer, section, looped, channel_mask,
                      PlayBlockBytes(format.samples_per_sec, format.channels)});
   thread_.emplace();

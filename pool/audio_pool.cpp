@@ -137,12 +137,14 @@ STDMETHODIMP CAudioPool::OpenDevice() {
 }
 
 STDMETHODIMP CAudioPool::CloseDevice() {
-  return ComCall([&] {
-    --open_count_;
+  // The count falls last: a client that finds the pool ready also finds the take.
+  const HRESULT hr = ComCall([&] {
     if (audio_position_ <= take_audio_begin_) return S_FALSE;
     takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
     return S_OK;
   });
+  --open_count_;
+  return hr;
 }
 
 STDMETHODIMP CAudioPool::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {

@@ -89,7 +89,11 @@ HRESULT Connection::QueryIsRunning(VARIANT_BOOL* running) {
   const HRESULT hr = filters.export_task->QueryIsTaskRunning(running);
   if (FAILED(hr)) return hr;
   if (*running != VARIANT_FALSE) {
-    if (filters.import_task) job()->SetImportRuns(IsRunning(filters.import_task.Get()));
+    VARIANT_BOOL imports = VARIANT_FALSE;
+    // An import that does not answer may still deliver.
+    if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
+      job()->SetImportRuns(imports != VARIANT_FALSE);
+    }
     return hr;
   }
   const std::shared_ptr<SourceFeed> job = this->job();
