@@ -117,8 +117,8 @@ TEST(Playback, BreakAndCloseEndTheWaitOfEveryWriter) {
     EXPECT_EQ(broken ? player.playback->Break() : player.writer->CloseDevice(), S_OK);
     for (auto& producer : producers) producer.join();
     EXPECT_EQ(refused, 3);
-    player.WaitUntilReady();
-    EXPECT_LT(player.Position(), written * 22050) << "all was played";
+    EXPECT_TRUE(player.Ready());
+    EXPECT_EQ(player.Position(), 0);
     EXPECT_EQ(player.writer->WriteAudio(Floats(2)), E_FAIL);
     ASSERT_EQ(player.writer->OpenDevice(), S_OK);
     EXPECT_EQ(player.writer->WriteAudio(Floats(2)), S_OK);
