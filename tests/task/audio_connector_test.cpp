@@ -101,9 +101,10 @@ TEST(AudioConnector, CallsAndCountsTheFiltersOnTheThreadOfTheHostAlone) {
   const auto reader = MakeObject<TestReader>(kFrames);
   {
     const Connector joined;
-    to_import->pause = 20;  // so that the import has to wait for room
+    to_import->result->may_read = false;  // until the import waits for room
     joined.Run(from, to_import, 44100, 2);
     Await([&] { return !joined.IsReady(); });
+    to_import->result->may_read = true;
     Await([&] { return !joined.IsRunning(); });
 
     ASSERT_EQ(
@@ -242,7 +243,7 @@ TEST(AudioConnector, CancelEndsAnImportThatWaitsForRoomAndAnExportThatWaitsForDa
     const auto from = TestImport::Make(1LL << 40);
     if (stalled) from->frames = 10;
     const auto to = TestExport::Make();
-    to->pause = 10;
+    to->result->may_read = stalled;
     to->keep = false;
     joined.Run(from, to, 44100, 2);
     Await([&] { return stalled || !joined.IsReady(); });
@@ -276,7 +277,7 @@ TEST(AudioConnector, ANewSetUpEndsTheEarlierOne) {
   const auto from = TestImport::Make(1LL << 40);
   const auto to = TestExport::Make();
   to->keep = false;
-  to->pause = 10;
+  to->result->may_read = false;
   joined.Run(from, to, 44100, 2);
   Await([&] { return !joined.IsReady(); });
   const auto source = RampSource::Make('A');

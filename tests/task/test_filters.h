@@ -187,9 +187,9 @@ class TestExport final : public ApartmentObject<IExportFilter, ICoreTask> {
     std::vector<float> samples;
     std::vector<HRESULT> results;
     std::atomic<int> blocks = 0;
+    std::atomic<bool> may_read = true;
   };
   const std::shared_ptr<Result> result = std::make_shared<Result>();
-  DWORD pause = 0;  // milliseconds after each block
   bool keep = true;
 
   static ComPtr<TestExport> Make() { return MakeObject<TestExport>(); }
@@ -209,13 +209,14 @@ class TestExport final : public ApartmentObject<IExportFilter, ICoreTask> {
 
   // Asks for format and length on its own thread.
   STDMETHODIMP Start() override {
-    return task_.Start([reader = std::move(reader_), result = result, pause = pause,
+    return task_.Start([reader = std::move(reader_), result = result,
                         keep = keep](const std::atomic<bool>& cancelled) {
       LONG rate = 0;
       SHORT channels = 0;
       __int64 total = 0;
       reader->GetFormat(&rate, &channels);
       reader->GetSampleCount(&total);
+      while (!result->may_read && !cancelled) Sleep(5);
       for (__int64 at = 0; at < total && !cancelled; at += 65536) {
         const auto frames = static_cast<std::size_t>(std::min<__int64>(65536, total - at));
         const Floats block(frames * static_cast<std::size_t>(channels), 9.0F);
@@ -226,7 +227,6 @@ class TestExport final : public ApartmentObject<IExportFilter, ICoreTask> {
           result->samples.insert(result->samples.end(), values.begin(), values.end());
         }
         ++result->blocks;
-        Sleep(pause);
       }
     });
   }
