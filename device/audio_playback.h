@@ -19,7 +19,8 @@ namespace marlinda {
 // buffer length is queued, which paces it to real time. A producer may be in WriteAudio while
 // another thread asks for position and level or calls Break or CloseDevice.
 //
-// Position, level, QueryIsReady and Break return at once, also while the device stands still.
+// Level, QueryIsReady and Break return at once, also while the device stands still. The position
+// waits up to 50 ms for a device call of another thread.
 // OpenDevice and CloseDevice wait for the device.
 //
 // A device that stands still is waited for. A device is lost when it refuses a block or a reset,

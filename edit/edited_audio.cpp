@@ -52,28 +52,13 @@ HRESULT ReturnSegment(const Segment* segment, IAudioReader** source, __int64* be
   return S_OK;
 }
 
-// A string received from an object.
-class ReceivedName {
- public:
-  ReceivedName() noexcept = default;
-  ~ReceivedName() { SysFreeString(text_); }
-  ReceivedName(const ReceivedName&) = delete;
-  ReceivedName& operator=(const ReceivedName&) = delete;
-
-  BSTR get() const noexcept { return text_; }
-  BSTR* Receive() noexcept { return &text_; }
-
- private:
-  BSTR text_ = nullptr;
-};
-
 void CopyLabels(ILabelSupport* source, ILabelSupport* destination, __int64 offset,
                 const std::optional<CSection>& range) {
   LONG count = 0;
   source->GetLabelCount(&count);
   for (LONG i = 0; i < count; ++i) {
     __int64 position = 0;
-    ReceivedName name;
+    OwnedBstr name;
     if (FAILED(source->GetLabel(i, &position, name.Receive()))) continue;
     if (range && !range->Contains(position)) continue;
     destination->AddLabel(WrappingAdd(position, offset), name.get());
@@ -85,7 +70,7 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
   LONG count = 0;
   source->GetMarkerCount(&count);
   for (LONG i = 0; i < count; ++i) {
-    ReceivedName name;
+    OwnedBstr name;
     __int64 begin = 0;
     __int64 end = 0;
     if (FAILED(source->GetSectionMarker(i, &begin, &end, name.Receive()))) continue;

@@ -4,8 +4,6 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 # shellcheck disable=SC2154 -- root comes from common.sh
 abuse=$root/build/x64/tests
-# Here the bounds on time are those that are promised; the tests allow for a busy machine.
-export TESSALY_STRICT_TIMES=1
 
 # under_wine LOG COMMAND...: one line, and the failures when there are any.
 under_wine() {
