@@ -7,13 +7,13 @@ namespace marlinda {
 namespace {
 
 // As long as all lengths together stay below this, no offset and no sum of two of them overflows.
-constexpr std::uint64_t kSafeTravel = std::uint64_t{1} << 62;
+constexpr std::uint64_t kMaxSafeLength = std::uint64_t{1} << 62;
 
-std::uint64_t Travel(const CSection& segment) noexcept {
+std::uint64_t AbsoluteLength(const CSection& segment) noexcept {
   const bool backward = segment.end < segment.begin;
   const auto begin = static_cast<std::uint64_t>(segment.begin);
   const auto end = static_cast<std::uint64_t>(segment.end);
-  return std::min(backward ? begin - end : end - begin, kSafeTravel);
+  return std::min(backward ? begin - end : end - begin, kMaxSafeLength);
 }
 
 }  // namespace
@@ -22,7 +22,7 @@ void BlockSummary::Add(const CSection& segment) noexcept {
   lowest_start = std::min(lowest_start, length);
   length = WrappingAdd(length, segment.Length());
   highest_end = std::max(highest_end, length);
-  travel = std::min(travel + Travel(segment), kSafeTravel);
+  absolute_length = std::min(absolute_length + AbsoluteLength(segment), kMaxSafeLength);
   shortest = std::min(shortest, segment.Length());
   ++count;
 }
@@ -53,7 +53,7 @@ bool PositionIndex::MayShareFrames(std::size_t block, const CSection& range) con
          at.start + at.summary.highest_end > range.begin;
 }
 
-bool PositionIndex::NoneShorterThan(std::int64_t length) const noexcept {
+bool PositionIndex::AllAtLeast(std::int64_t length) const noexcept {
   return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
 }
 
@@ -92,7 +92,7 @@ void PositionIndex::Total(std::size_t block) noexcept {
     at.start = 0;
     at.ordinal = 0;
     at.furthest_end = own.highest_end;
-    at.travel = own.travel;
+    at.absolute_length = own.absolute_length;
     at.shortest = own.shortest;
     return;
   }
@@ -100,12 +100,12 @@ void PositionIndex::Total(std::size_t block) noexcept {
   at.start = WrappingAdd(before.start, before.summary.length);
   at.ordinal = before.ordinal + before.summary.count;
   at.furthest_end = std::max(before.furthest_end, WrappingAdd(at.start, own.highest_end));
-  at.travel = std::min(before.travel + own.travel, kSafeTravel);
+  at.absolute_length = std::min(before.absolute_length + own.absolute_length, kMaxSafeLength);
   at.shortest = std::min(before.shortest, own.shortest);
 }
 
 bool PositionIndex::CanOverflow() const noexcept {
-  return !blocks_.empty() && blocks_.back().travel >= kSafeTravel;
+  return !blocks_.empty() && blocks_.back().absolute_length >= kMaxSafeLength;
 }
 
 }  // namespace marlinda

@@ -12,18 +12,18 @@
 
 namespace marlinda {
 
-// What the segments of one block come to. Offsets count from the block's first frame.
+// Totals of the segments of one block. Offsets count from the block's first frame.
 struct BlockSummary {
-  // Adds a segment behind those summed up so far.
+  // Appends a segment.
   void Add(const CSection& segment) noexcept;
 
   std::size_t count = 0;
   std::int64_t length = 0;
-  // No segment starts before the one or ends after the other.
+  // Bounds of all segments.
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Sum of the lengths without their signs, saturating: how far offsets can stray.
-  std::uint64_t travel = 0;
+  // Sum of the lengths without their signs, saturating: a bound on all offsets.
+  std::uint64_t absolute_length = 0;
   // The shortest length: negative where a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
@@ -51,9 +51,9 @@ class PositionIndex {
   std::size_t FirstReaching(std::int64_t position) const noexcept;
   // False when no segment of the block shares a frame with the range.
   bool MayShareFrames(std::size_t block, const CSection& range) const noexcept;
-  // True when no segment is shorter than `length`, which is not negative, and no offset can
+  // True when every segment has at least `length` frames, which is not negative, and no offset can
   // overflow: offsets then only grow along the list.
-  bool NoneShorterThan(std::int64_t length) const noexcept;
+  bool AllAtLeast(std::int64_t length) const noexcept;
 
   // Makes room for `more` blocks, so that adding them cannot fail.
   void Reserve(std::size_t more);
@@ -74,7 +74,7 @@ class PositionIndex {
     std::size_t ordinal = 0;
     // Running totals that include this block.
     std::int64_t furthest_end = 0;
-    std::uint64_t travel = 0;
+    std::uint64_t absolute_length = 0;
     std::int64_t shortest = 0;
   };
 

@@ -87,7 +87,7 @@ class SegmentList {
 
   // True when no segment is empty or backward, and no position of the list can overflow: then the
   // segments lie one behind the other, as in most documents.
-  bool AllHaveFrames() const noexcept { return index_.NoneShorterThan(1); }
+  bool AllHaveFrames() const noexcept { return index_.AllAtLeast(1); }
 
   // Takes out the frames in `range`, which neither begins before the list nor runs backward, of a
   // list whose segments all have frames. A segment that contains an end of the range is cut there,
@@ -145,7 +145,7 @@ class SegmentList {
   std::size_t MaxPieces(const CSection& range) const noexcept {
     const std::size_t first = index_.FirstReaching(range.begin);
     const std::size_t last = index_.FirstReaching(range.end);
-    return index_.NoneShorterThan(0) && first <= last ? (last - first + 1) * kBlockSize : Count();
+    return index_.AllAtLeast(0) && first <= last ? (last - first + 1) * kBlockSize : Count();
   }
 
   // Calls take(source, piece) for each part of a segment that lies in `range`, in order, with the
@@ -154,7 +154,7 @@ class SegmentList {
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
     // Without backward segments the pieces lie together, and the rest of the list can be left out.
-    const bool in_order = index_.NoneShorterThan(0);
+    const bool in_order = index_.AllAtLeast(0);
     for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
       std::int64_t offset = index_.StartOf(block);
       if (in_order && offset >= range.end) return;
