@@ -15,21 +15,19 @@ namespace {
 constexpr int kMinSide = 32;
 constexpr int kMaxSide = 16384;
 
-HostError UsageError(const std::string& subject, const std::string& reason) {
-  return {ExitStatus::kUsage, subject, reason, "See \"marlinda plot --help\"."};
-}
-
 }  // namespace
 
 void CheckPicture(const PictureRequest& request, const std::string& input) {
   std::string extension = ExtensionOf(request.file);
   std::ranges::transform(extension, extension.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (extension != "png") throw UsageError(request.file, "a picture is written as .png");
+  if (extension != "png") throw UsageError("plot", "a picture is written as .png", request.file);
   for (const int side : {request.width, request.height}) {
     if (side < kMinSide || side > kMaxSide) {
-      throw UsageError(request.file, "width and height are " + std::to_string(kMinSide) + " to " +
-                                         std::to_string(kMaxSide) + " pixels");
+      throw UsageError("plot",
+                       "width and height are " + std::to_string(kMinSide) + " to " +
+                           std::to_string(kMaxSide) + " pixels",
+                       request.file);
     }
   }
   RequireWritablePlace(request.file, input);
@@ -48,7 +46,7 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
   try {
     range = ResolveRange(request.range, frames, rate);
   } catch (const std::invalid_argument& error) {
-    throw UsageError("the range to draw", error.what());
+    throw UsageError("plot", error.what(), "the range to draw");
   }
 
   // Columns that nothing is drawn into keep their value: silence. The method wants floats, whatever

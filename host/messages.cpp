@@ -110,4 +110,9 @@ HostError Explain(std::int32_t hresult, std::string subject, ExitStatus otherwis
   return {otherwise, std::move(subject), reason};
 }
 
+HostError UsageError(const std::string& command, std::string reason, std::string subject) {
+  return {ExitStatus::kUsage, std::move(subject), std::move(reason),
+          "See \"marlinda " + command + " --help\"."};
+}
+
 }  // namespace marlinda

@@ -40,6 +40,9 @@ class HostError : public std::exception {
   std::string text_;
 };
 
+// A wrong command line of `command`, about `subject` where one argument is to blame.
+HostError UsageError(const std::string& command, std::string reason, std::string subject = "");
+
 // How to make the engine's classes known, for whatever failed for want of them.
 extern const char* const kRegistrationRemedy;
 

@@ -12,7 +12,8 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kHelp = "Example: marlinda convert in.ogg out.wav --bits 24 --rate 48000";
+constexpr const char* kConvertHelp =
+    "Example: marlinda convert in.ogg out.wav --bits 24 --rate 48000";
 
 struct ConvertOptions {
   std::string input;
@@ -141,7 +142,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
 
 void AddConvert(CLI::App& app, Console& console) {
   const auto options = std::make_shared<ConvertOptions>();
-  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV", kHelp,
+  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV", kConvertHelp,
                                  [options, &console] { Convert(*options, console); });
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);

@@ -11,7 +11,7 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kHelp =
+constexpr const char* kCutHelp =
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
     "The pieces are joined in the order given; an empty BEGIN or END means the start or the end\n"
     "of the file. Then every silence is inserted, in the order given, at its position in the\n"
@@ -26,10 +26,6 @@ struct CutOptions {
   std::optional<int> bits;
   bool json = false;
 };
-
-HostError UsageError(const std::invalid_argument& error) {
-  return {ExitStatus::kUsage, "", error.what(), "See \"marlinda cut --help\"."};
-}
 
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits) {
   auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
@@ -71,7 +67,7 @@ void Cut(const CutOptions& options, const Console& console) {
   try {
     CheckSyntax(options.request);
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error);
+    throw UsageError("cut", error.what());
   }
   Source source(options.input);
   WaveExport wave(options.output, options.input);
@@ -82,7 +78,7 @@ void Cut(const CutOptions& options, const Console& console) {
   try {
     plan = PlanCut(options.request, audio.frames, audio.format.rate);
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error);
+    throw UsageError("cut", error.what());
   }
 
   const int bits = OutputBits(options.bits, source);
@@ -121,7 +117,7 @@ CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
 void AddCut(CLI::App& app, Console& console) {
   const auto options = std::make_shared<CutOptions>();
   CLI::App* command = AddCommand(app, "cut", "Join pieces of an audio file and write them as WAV",
-                                 kHelp, [options, &console] { Cut(*options, console); });
+                                 kCutHelp, [options, &console] { Cut(*options, console); });
   AddFiles(command, options->input, options->output);
   CutRequest& request = options->request;
   AddRepeated(command, "--keep", "BEGIN:END", request.keep, "Pieces to keep")

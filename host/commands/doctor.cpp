@@ -28,7 +28,7 @@ Json ToJson(const std::vector<HostError>& errors) {
   return list;
 }
 
-Json ToJson(const std::vector<SoundDevice>& devices) {
+Json NamesOf(const std::vector<SoundDevice>& devices) {
   Json list = Json::array();
   for (const SoundDevice& device : devices) list.push_back(device.name);
   return list;
@@ -61,8 +61,8 @@ Json ToJson(const Diagnosis& diagnosis) {
           {"classes", classes},
           {"converter_available", diagnosis.converter.Available()},
           {"filters", filters},
-          {"outputs", ToJson(diagnosis.outputs)},
-          {"inputs", ToJson(diagnosis.inputs)},
+          {"outputs", NamesOf(diagnosis.outputs)},
+          {"inputs", NamesOf(diagnosis.inputs)},
           {"temporary_folder",
            {{"path", temporary.path},
             {"chosen", temporary.chosen},

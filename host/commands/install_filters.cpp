@@ -10,7 +10,7 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kHelp =
+constexpr const char* kInstallFiltersHelp =
     "Needs the right to write for all users. Listed filters are left alone.\n"
     "Example: marlinda install-filters --remove";
 
@@ -62,7 +62,8 @@ void AddInstallFilters(CLI::App& app, Console& console) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = AddCommand(
       app, "install-filters", "List the built-in import filters in the registry, for all users",
-      kHelp, [options, &console] { InstallFilters(options->remove, options->json, console); });
+      kInstallFiltersHelp,
+      [options, &console] { InstallFilters(options->remove, options->json, console); });
   command->add_flag("--remove", options->remove, "Remove them from the list");
   AddJson(command, options->json);
 }

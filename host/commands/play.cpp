@@ -15,7 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kHelp =
+constexpr const char* kPlayHelp =
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
     "Ctrl+C ends it.\n"
     "Example: marlinda play in.ogg --from 10 --to 12.5 --loop --channels 0";
@@ -29,10 +29,6 @@ struct PlayOptions {
   bool loop = false;
   bool json = false;
 };
-
-HostError UsageError(const std::invalid_argument& error) {
-  return {ExitStatus::kUsage, "", error.what(), "See \"marlinda play --help\"."};
-}
 
 // The part of the file to play.
 struct Section {
@@ -115,7 +111,7 @@ void Play(const PlayOptions& options, const Console& console) {
     MaskOf(options.channels);
     ParseFromTo(options.from, options.to);
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error);
+    throw UsageError("play", error.what());
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
@@ -124,7 +120,7 @@ void Play(const PlayOptions& options, const Console& console) {
   try {
     section = Resolve(options, audio);
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error);
+    throw UsageError("play", error.what());
   }
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
@@ -154,7 +150,7 @@ void Play(const PlayOptions& options, const Console& console) {
 
 void AddPlay(CLI::App& app, Console& console) {
   const auto options = std::make_shared<PlayOptions>();
-  CLI::App* command = AddCommand(app, "play", "Play an audio file", kHelp,
+  CLI::App* command = AddCommand(app, "play", "Play an audio file", kPlayHelp,
                                  [options, &console] { Play(*options, console); });
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("--from", options->from, "Play from this time on");

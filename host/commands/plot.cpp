@@ -8,7 +8,7 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kHelp =
+constexpr const char* kPlotHelp =
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
     "One lane a channel; full scale fills a lane. Labels and markers of the file are drawn in.\n"
     "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
@@ -25,7 +25,7 @@ void Plot(PlotOptions options, const Console& console) {
   try {
     options.picture.range = ParseFromTo(options.from, options.to);
   } catch (const std::invalid_argument& error) {
-    throw HostError(ExitStatus::kUsage, "", error.what(), "See \"marlinda plot --help\".");
+    throw UsageError("plot", error.what());
   }
   CheckPicture(options.picture, options.input);
   Source source(options.input);
@@ -54,7 +54,7 @@ void Plot(PlotOptions options, const Console& console) {
 
 void AddPlot(CLI::App& app, Console& console) {
   const auto options = std::make_shared<PlotOptions>();
-  CLI::App* command = AddCommand(app, "plot", "Draw the waveform of an audio file", kHelp,
+  CLI::App* command = AddCommand(app, "plot", "Draw the waveform of an audio file", kPlotHelp,
                                  [options, &console] { Plot(*options, console); });
   PictureRequest& picture = options->picture;
   command->add_option("IN", options->input, "Audio file to read")->required();

@@ -14,7 +14,7 @@
 namespace marlinda {
 namespace {
 
-constexpr const char* kHelp =
+constexpr const char* kRecordHelp =
     "Ctrl+C ends the recording early; the file holds what was recorded until then.\n"
     "Example: marlinda record take.wav --seconds 60 --rate 48000 --bits 24";
 
@@ -27,10 +27,6 @@ struct RecordOptions {
   std::optional<int> device;
   bool json = false;
 };
-
-HostError UsageError(const std::string& reason) {
-  return {ExitStatus::kUsage, "", reason, "See \"marlinda record --help\"."};
-}
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   try {
@@ -106,11 +102,11 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   try {
     frames = Timecode::Parse(options.seconds).ToFrames(options.rate);
   } catch (const std::invalid_argument& error) {
-    throw UsageError(std::string("--seconds: ") + error.what());
+    throw UsageError("record", std::string("--seconds: ") + error.what());
   }
-  if (frames == 0) throw UsageError("--seconds: that is no frame at all");
+  if (frames == 0) throw UsageError("record", "--seconds: that is no frame at all");
   if (!FitsWaveFile(frames, options.channels, options.bits)) {
-    throw UsageError("a WAV file holds at most 4 GiB, and this needs more");
+    throw UsageError("record", "a WAV file holds at most 4 GiB, and this needs more");
   }
   // Every reason that the take could not be written for is found before it is made.
   static_cast<void>(WaveExport(options.output, ""));
@@ -159,7 +155,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
 
 void AddRecord(CLI::App& app, Console& console) {
   const auto options = std::make_shared<RecordOptions>();
-  CLI::App* command = AddCommand(app, "record", "Record a WAV file", kHelp,
+  CLI::App* command = AddCommand(app, "record", "Record a WAV file", kRecordHelp,
                                  [options, &console] { RecordFile(*options, console); });
   AddOutput(command, options->output);
   command->add_option("--seconds", options->seconds, "How long to record")->required();

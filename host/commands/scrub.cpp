@@ -14,7 +14,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kHelp =
+constexpr const char* kScrubHelp =
     "Without --at the keys move: left and right by a tenth of a second, down and up by a second,\n"
     "Home and End; Escape, Enter or Q ends it.\n"
     "Example: marlinda scrub in.ogg --at 1,1.1,1.2,5 --hold 0.25";
@@ -28,10 +28,6 @@ struct ScrubOptions {
 };
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
-
-HostError UsageError(const std::string& reason) {
-  return {ExitStatus::kUsage, "", reason, "See \"marlinda scrub --help\"."};
-}
 
 // Scrubs a document while it lives.
 class Scrubber {
@@ -140,10 +136,11 @@ void Scrub(const ScrubOptions& options, const Console& console) {
     hold = std::chrono::microseconds(
         ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error.what());
+    throw UsageError("scrub", error.what());
   }
   if (times.empty() && !console.HasKeyboard()) {
-    throw UsageError("without a terminal there are no arrow keys: give the positions with --at");
+    throw UsageError("scrub",
+                     "without a terminal there are no arrow keys: give the positions with --at");
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
@@ -154,7 +151,7 @@ void Scrub(const ScrubOptions& options, const Console& console) {
       positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
     }
   } catch (const std::invalid_argument& error) {
-    throw UsageError(error.what());
+    throw UsageError("scrub", error.what());
   }
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
@@ -182,8 +179,8 @@ void Scrub(const ScrubOptions& options, const Console& console) {
 
 void AddScrub(CLI::App& app, Console& console) {
   const auto options = std::make_shared<ScrubOptions>();
-  CLI::App* command = AddCommand(app, "scrub", "Hear an audio file at a moving position", kHelp,
-                                 [options, &console] { Scrub(*options, console); });
+  CLI::App* command = AddCommand(app, "scrub", "Hear an audio file at a moving position",
+                                 kScrubHelp, [options, &console] { Scrub(*options, console); });
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("--at", options->at, "Positions to hear one after the other")
       ->type_name("TIME,TIME,...");
