@@ -13,7 +13,7 @@
 namespace marlinda {
 namespace {
 
-enum class DocumentCall { kRead, kOpen, kClose };
+enum class ContentCall { kRead, kOpen, kClose };
 
 // Reads of a document that contains itself, nested in each other. Few enough for a thread's stack.
 constexpr int kMaxReadDepth = 64;
@@ -40,7 +40,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
   return ComCall([&]() -> HRESULT {
     SampleArrayView view;
     Check(view.Lock(samples));
-    const NestedCall call(this, DocumentCall::kRead);
+    const NestedCall call(this, ContentCall::kRead);
     if (call.Depth() > kMaxReadDepth) return E_FAIL;
 
     const Pin pin(*this);
@@ -83,7 +83,7 @@ HRESULT DocumentContent::ReadAudio(__int64 position, SAFEARRAY* samples) {
 // The sources that were opened before the failing one stay open.
 HRESULT DocumentContent::OpenDevice() {
   return ComCall([&]() -> HRESULT {
-    const NestedCall call(this, DocumentCall::kOpen);
+    const NestedCall call(this, ContentCall::kOpen);
     if (call.Depth() > 1) return E_FAIL;
     const Pin pin(*this);
     for (const Piece& piece : AllPieces()) {
@@ -95,7 +95,7 @@ HRESULT DocumentContent::OpenDevice() {
 
 HRESULT DocumentContent::CloseDevice() {
   return ComCall([&] {
-    const NestedCall call(this, DocumentCall::kClose);
+    const NestedCall call(this, ContentCall::kClose);
     if (call.Depth() > 1) return;
     const Pin pin(*this);
     for (const Piece& piece : AllPieces()) {

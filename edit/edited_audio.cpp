@@ -14,7 +14,7 @@
 namespace marlinda {
 namespace {
 
-enum class DocumentCall { kPlay };
+enum class PlayerCall { kPlay };
 
 // Ends the recursion of a sink that starts playback whenever playback is started.
 constexpr int kMaxPlayDepth = 16;
@@ -144,7 +144,7 @@ STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMas
                                 VARIANT_BOOL bLooped) {
   return ComCall([&] {
     const ComPtr<IUnknown> keep_alive(Identity());
-    const NestedCall call(this, DocumentCall::kPlay);
+    const NestedCall call(this, PlayerCall::kPlay);
     // GetPlayStatus reports whether playback runs.
     static_cast<void>(ComCall([&] {
       player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);

@@ -5,7 +5,7 @@
 namespace marlinda {
 namespace {
 
-constexpr WORD kBits = 16;
+constexpr WORD kEncoderBits = 16;
 
 }  // namespace
 
@@ -16,8 +16,8 @@ WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept {
   format.wFormatTag = WAVE_FORMAT_PCM;
   format.nChannels = static_cast<WORD>(settings.channels);
   format.nSamplesPerSec = static_cast<DWORD>(settings.samples_per_sec);
-  format.wBitsPerSample = kBits;
-  format.nBlockAlign = static_cast<WORD>(format.nChannels * kBits / 8);
+  format.wBitsPerSample = kEncoderBits;
+  format.nBlockAlign = static_cast<WORD>(format.nChannels * kEncoderBits / 8);
   format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
   return format;
 }

@@ -12,7 +12,6 @@ namespace marlinda {
 namespace {
 
 constexpr int kBitRatesKbit[] = {56, 64, 96, 128, 192, 256, 320};
-constexpr int kDefaultBitRateKbit = 128;
 
 int BestBitRateKbit(IAMStreamConfig* config) {
   int best = 0;

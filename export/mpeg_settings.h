@@ -15,7 +15,9 @@ namespace marlinda {
 // does not change.
 class CMpegSettings final : public SettingsDialog {
  public:
-  // Reads the encoder's capabilities; the bit rate becomes its best, but 128 at most.
+  static constexpr int kDefaultBitRateKbit = 128;
+
+  // Reads the encoder's capabilities; the bit rate becomes its best, but the default at most.
   explicit CMpegSettings(IBaseFilter* encoder);
 
   int max_bit_rate_kbit() const noexcept { return max_bit_rate_kbit_; }

@@ -5,13 +5,13 @@
 namespace marlinda {
 namespace {
 
-struct Choice {
+struct WidthChoice {
   int item;
   int bits_per_sample;
   bool is_float;
 };
 
-constexpr Choice kChoices[] = {
+constexpr WidthChoice kWidthChoices[] = {
     {IDC_WAV_8_BITS, 8, false},   {IDC_WAV_16_BITS, 16, false}, {IDC_WAV_24_BITS, 24, false},
     {IDC_WAV_32_BITS, 32, false}, {IDC_WAV_FLOAT, 32, true},
 };
@@ -28,7 +28,7 @@ CWavSettings::CWavSettings(int bits_per_sample, bool is_float) noexcept : CWavSe
 HWND CWavSettings::OnOpening() {
   if (is_float_) bits_per_sample_ = 32;
   int checked = 0;
-  for (const Choice& choice : kChoices) {
+  for (const WidthChoice& choice : kWidthChoices) {
     if (choice.bits_per_sample == bits_per_sample_ && choice.is_float == is_float_) {
       checked = choice.item;
     }
@@ -37,7 +37,7 @@ HWND CWavSettings::OnOpening() {
 }
 
 void CWavSettings::OnClick(int item) {
-  for (const Choice& choice : kChoices) {
+  for (const WidthChoice& choice : kWidthChoices) {
     if (choice.item != item) continue;
     bits_per_sample_ = choice.bits_per_sample;
     is_float_ = choice.is_float;

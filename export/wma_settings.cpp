@@ -5,12 +5,12 @@
 namespace marlinda {
 namespace {
 
-struct Choice {
+struct BitRateChoice {
   int item;
   int bit_rate_kbit;
 };
 
-constexpr Choice kChoices[] = {
+constexpr BitRateChoice kBitRateChoices[] = {
     {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 
 }  // namespace
@@ -20,14 +20,14 @@ CWmaSettings::CWmaSettings(int bit_rate_kbit) noexcept
 
 HWND CWmaSettings::OnOpening() {
   int checked = 0;
-  for (const Choice& choice : kChoices) {
+  for (const BitRateChoice& choice : kBitRateChoices) {
     if (choice.bit_rate_kbit == bit_rate_kbit_) checked = choice.item;
   }
   return CheckRadio(IDC_WMA_64_KBIT, IDC_WMA_128_KBIT, checked);
 }
 
 void CWmaSettings::OnClick(int item) {
-  for (const Choice& choice : kChoices) {
+  for (const BitRateChoice& choice : kBitRateChoices) {
     if (choice.item == item) bit_rate_kbit_ = choice.bit_rate_kbit;
   }
 }
