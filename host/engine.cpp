@@ -171,22 +171,18 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
   return reason;
 }
 
-Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
+Source::Source(const std::string& file) : file_(file) {
   RequireReadable(file);
   const Bstr engine_name(EngineNameOfInput(file));
   filter_ = ChooseFilter(file, engine_name.get());
   identity_ = IdentityOf(filter_.Get());
 
-  ComPtr<IAudioWriter> writer = target;
-  if (!writer) {
-    pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-    const HRESULT made = TryPoolFiles(pool_.Get());
-    if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
-    // Floats keep every bit of what the filter decodes.
-    Check(pool_->SetBitDepth(32, 0));
-    writer = Query<IAudioWriter>(pool_.Get());
-  }
-  const HRESULT hr = filter_->Initialize(engine_name.get(), writer.Get());
+  pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
+  const HRESULT made = TryPoolFiles(pool_.Get());
+  if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
+  // Floats keep every bit of what the filter decodes.
+  Check(pool_->SetBitDepth(32, 0));
+  const HRESULT hr = filter_->Initialize(engine_name.get(), Query<IAudioWriter>(pool_.Get()).Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
   }
@@ -219,12 +215,6 @@ std::optional<__int64> Source::Frames() const {
   // Negative when the filter knows the length only after decoding.
   if (FAILED(filter_->GetSourceSampleCount(&frames)) || frames < 0) return std::nullopt;
   return frames;
-}
-
-bool Source::IsDamaged() const {
-  float progress = 1.0F;
-  const auto task = TryQuery<ICoreTask>(filter_.Get());
-  return task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1.0F;
 }
 
 Tags Source::ReadTags() const {

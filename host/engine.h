@@ -72,6 +72,8 @@ struct FilterIdentity {
 FilterIdentity IdentityOf(IUnknown* object);
 
 struct AudioFormat {
+  bool operator==(const AudioFormat&) const = default;
+
   LONG rate = 0;
   SHORT channels = 0;
 };
@@ -87,12 +89,11 @@ struct ImportedAudio {
   __int64 frames = 0;
 };
 
-// An input file, the filter that reads it and, unless it goes elsewhere, the pool it is read into.
+// An input file, the filter that reads it and the pool it is read into.
 class Source {
  public:
-  // Asks the filter manager and, when that has no filter for the file, the built-in filters. With a
-  // target of its own the source has no pool and is not imported here.
-  explicit Source(const std::string& file, IAudioWriter* target = nullptr);
+  // Asks the filter manager and, when that has no filter for the file, the built-in filters.
+  explicit Source(const std::string& file);
 
   const std::string& file() const { return file_; }
   IUnknown* filter_object() const { return filter_.Get(); }
@@ -106,8 +107,6 @@ class Source {
   Tags ReadTags() const;
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
   std::optional<AcidData> ReadAcidData() const;
-  // After an import that nobody interrupted: whether the filter found less than it had promised.
-  bool IsDamaged() const;
 
   // Decodes the whole file. Tells on standard error when it holds less than it promises.
   ImportedAudio Import(const Console& console);

@@ -74,7 +74,6 @@ class Connector {
 
   IAudioConnector* operator->() const { return connector_.Get(); }
   ComPtr<IAudioReader> reader() const { return Query<IAudioReader>(connector_.Get()); }
-  ComPtr<IAudioWriter> writer() const { return Query<IAudioWriter>(connector_.Get()); }
   ICoreTask* task() const { return task_.Get(); }
 
  private:
@@ -83,58 +82,31 @@ class Connector {
   const ComPtr<ICoreTask> task_ = Query<ICoreTask>(connector_.Get());
 };
 
-AudioFormat FormatOf(const Source& source) {
-  const std::optional<AudioFormat> format = source.Format();
-  if (!format || format->rate <= 0 || format->channels <= 0 || !source.Frames()) {
-    throw HostError(ExitStatus::kInput, source.file(),
-                    "its format and length are known only once it is decoded",
-                    "Convert it without --rate and --channels first, and the result with them.");
-  }
-  if (*source.Frames() == 0) {
-    throw HostError(ExitStatus::kInput, source.file(), "no audio could be decoded",
-                    "The file may be damaged.");
-  }
-  return *format;
-}
-
-// Straight from the import filter to the export filter, without a pool.
-void ConvertFormat(const ConvertOptions& options, const Console& console) {
-  const Connector connector;
-  const Source source(options.input, connector.writer().Get());
-  const AudioFormat from = FormatOf(source);
-  const AudioFormat to = {static_cast<LONG>(options.rate.value_or(from.rate)),
-                          static_cast<SHORT>(options.channels.value_or(from.channels))};
-  if (from.rate != to.rate || from.channels != to.channels) RequireConverter(from, to);
+void Convert(const ConvertOptions& options, const Console& console) {
+  Source source(options.input);
   WaveExport wave(options.output, options.input);
-  Check(connector->SetupImportToExport(source.filter_object(), wave.filter_object(), to.rate,
-                                       to.channels));
-  const Annotations annotations = AtRate(source.ReadAnnotations(), from.rate, to.rate);
-  CopyTexts(source, annotations, wave);
-  __int64 frames = 0;
-  Check(connector.reader()->GetSampleCount(&frames));
   const int bits = OutputBits(options.bits, source);
-  const WaveFileFacts facts = wave.Run(connector.reader().Get(), bits, console, connector.task());
-  if (source.IsDamaged()) {
-    console.Tell(options.input +
-                 ": it could not be decoded whole, so the output ends in silence; the file seems "
-                 "damaged");
+  // Into a pool even where the format changes: the connector needs the length in advance, and a
+  // filter may only estimate it.
+  const ImportedAudio audio = source.Import(console);
+  const AudioFormat to = {static_cast<LONG>(options.rate.value_or(audio.format.rate)),
+                          static_cast<SHORT>(options.channels.value_or(audio.format.channels))};
+  const Annotations annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
+  CopyTexts(source, annotations, wave);
+  __int64 frames = audio.frames;
+  WaveFileFacts facts;
+  if (to == audio.format) {
+    facts = wave.Run(audio.reader.Get(), bits, console);
+  } else {
+    RequireConverter(audio.format, to);
+    const Connector connector;
+    Check(connector->SetupReaderToExport(audio.reader.Get(), wave.filter_object(), to.rate,
+                                         to.channels));
+    Check(connector.reader()->GetSampleCount(&frames));
+    facts = wave.Run(connector.reader().Get(), bits, console, connector.task());
   }
   PrintSummary({options.input, source.filter().class_name, options.output, to, bits, frames,
                 annotations, facts},
-               options.json, console);
-}
-
-void Convert(const ConvertOptions& options, const Console& console) {
-  if (options.rate || options.channels) return ConvertFormat(options, console);
-  Source source(options.input);
-  WaveExport wave(options.output, options.input);
-  const ImportedAudio audio = source.Import(console);
-  const Annotations annotations = source.ReadAnnotations();
-  CopyTexts(source, annotations, wave);
-  const int bits = OutputBits(options.bits, source);
-  const WaveFileFacts facts = wave.Run(audio.reader.Get(), bits, console);
-  PrintSummary({options.input, source.filter().class_name, options.output, audio.format, bits,
-                audio.frames, annotations, facts},
                options.json, console);
 }
 
