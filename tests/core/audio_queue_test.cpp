@@ -11,99 +11,68 @@
 namespace marlinda {
 namespace {
 
-std::vector<float> Ramp(std::size_t count, float first = 0.0F) {
+std::vector<float> Ramp(std::size_t count, std::size_t first = 0) {
   std::vector<float> ramp(count);
-  std::iota(ramp.begin(), ramp.end(), first);
+  std::iota(ramp.begin(), ramp.end(), static_cast<float>(first));
   return ramp;
 }
 
-TEST(AudioQueue, GrowsByAtLeast2048SamplesBeforeItIsFull) {
+TEST(AudioQueue, GrowsBeforeItIsFullAndFreesMemoryWhenCleared) {
   CAudioQueue queue;
   EXPECT_EQ(queue.Capacity(), 2048U);
-  queue.Append(Ramp(2000));
+  queue.Append(Ramp(1500));
+  std::vector<float> seen(1000);
+  queue.Read(seen);
+  queue.Append(Ramp(1547, 1500));  // wraps around the ring's end
   EXPECT_EQ(queue.Capacity(), 2048U);
-  queue.Append(Ramp(48));
-  EXPECT_EQ(queue.Capacity(), 4096U);
-  queue.Append(Ramp(10000));
+  queue.Append(Ramp(1, 3047));
+  EXPECT_EQ(queue.Capacity(), 4096U) << "at least 2048 more";
+  queue.Append(Ramp(10000, 3048));
   EXPECT_EQ(queue.Capacity(), 14096U);
-  EXPECT_EQ(queue.Count(), 12048U);
+  for (const std::size_t reserved : {20000U, 5000U}) {
+    queue.Reserve(reserved);
+    EXPECT_EQ(queue.Capacity(), 20000U);
+  }
+  seen.resize(12048);
+  queue.Read(seen, 0);
+  EXPECT_EQ(seen, Ramp(12048, 1000));
+  queue.Clear();
+  EXPECT_EQ(queue.Count(), 0U);
+  EXPECT_EQ(queue.Capacity(), 2048U);
 }
 
-TEST(AudioQueue, ConsumesAsManySamplesAsAsked) {
+TEST(AudioQueue, ConsumesAsManySamplesAsAskedAndGivesSilenceForTheRest) {
   CAudioQueue queue;
   queue.Append(Ramp(10));
   std::vector<float> seen(4);
-  queue.Read(seen, 0);
-  EXPECT_EQ(seen, Ramp(4));
-  EXPECT_EQ(queue.Count(), 10U);
-  queue.Read(seen, 2);
-  EXPECT_EQ(queue.Count(), 8U);
-  queue.Read(seen);
+  for (const std::size_t advance : {0U, 2U, 4U}) queue.Read(seen, advance);
   EXPECT_EQ(seen, Ramp(4, 2));
   EXPECT_EQ(queue.Count(), 4U);
-  // More than there is: what is there, then silence, never an old sample again.
   std::vector<float> beyond(6, 9.0F);
   queue.Read(beyond);
   EXPECT_EQ(beyond, (std::vector<float>{6, 7, 8, 9, 0, 0}));
   EXPECT_EQ(queue.Count(), 0U);
 }
 
-TEST(AudioQueue, KeepsEverySampleInOrderForAllBlockSizes) {
+TEST(AudioQueue, CarriesAStreamOfAnyBlocksBetweenTwoThreads) {
   CAudioQueue queue;
-  std::mt19937 random(7);
-  // Counts up, as far as floats count.
-  std::size_t written = 0;
-  std::size_t read = 0;
-  while (written < 500'000) {
-    if (random() % 2 == 0) {
-      const auto block = Ramp(random() % 900, static_cast<float>(written));
-      written += block.size();
+  // As far as floats count.
+  constexpr std::size_t kSamples = 500'000;
+  std::jthread producer([&] {
+    std::mt19937 random(7);
+    for (std::size_t written = 0; written < kSamples;) {
+      const auto block = Ramp(std::min<std::size_t>(random() % 900, kSamples - written), written);
       queue.Append(block);
-    } else {
-      std::vector<float> block(std::min<std::size_t>(random() % 900, written - read));
-      queue.Read(block);
-      ASSERT_EQ(block, Ramp(block.size(), static_cast<float>(read)));
-      read += block.size();
-    }
-    ASSERT_EQ(queue.Count(), written - read);
-    ASSERT_LT(queue.Count(), queue.Capacity());
-  }
-}
-
-TEST(AudioQueue, CarriesAStreamBetweenTwoThreads) {
-  CAudioQueue queue;
-  constexpr int kBlocks = 200;
-  std::thread producer([&] {
-    for (int block = 0; block < kBlocks; ++block) {
-      queue.Append(std::vector<float>(100, static_cast<float>(block)));
+      written += block.size();
     }
   });
-  std::vector<float> got(50);
-  for (int half = 0; half < 2 * kBlocks; ++half) {
-    while (queue.Count() < got.size()) std::this_thread::yield();
-    queue.Read(got);
-    ASSERT_EQ(got, std::vector<float>(50, static_cast<float>(half / 2)));
+  std::mt19937 random(8);
+  for (std::size_t read = 0; read < kSamples;) {
+    std::vector<float> block(std::min<std::size_t>(random() % 900, queue.Count()));
+    queue.Read(block);
+    ASSERT_EQ(block, Ramp(block.size(), read));
+    read += block.size();
   }
-  producer.join();
-  EXPECT_EQ(queue.Count(), 0U);
-}
-
-TEST(AudioQueue, KeepsItsSamplesWhenReservedAndFreesMemoryWhenCleared) {
-  CAudioQueue queue;
-  queue.Append(Ramp(1500));
-  std::vector<float> dropped(1000);
-  queue.Read(dropped);
-  queue.Append(Ramp(1500, 1500));  // wraps around the ring's end
-  queue.Reserve(10000);
-  EXPECT_EQ(queue.Capacity(), 10000U);
-  queue.Reserve(5000);
-  EXPECT_EQ(queue.Capacity(), 10000U);
-  std::vector<float> kept(2000);
-  queue.Read(kept, 0);
-  EXPECT_EQ(kept, Ramp(2000, 1000));
-  queue.Clear();
-  EXPECT_EQ(queue.Count(), 0U);
-  EXPECT_EQ(queue.Capacity(), 2048U);
 }
 
 }  // namespace

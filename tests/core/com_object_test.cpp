@@ -13,21 +13,14 @@
 namespace marlinda::testing {
 namespace {
 
-using ::testing::UnorderedElementsAre;
-
-// An identity as a client compares it: never called, only looked at.
-IUnknown* IdentityOf(IUnknown* object) {
-  IUnknown* identity = nullptr;
-  EXPECT_EQ(object->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity)), S_OK);
-  if (identity != nullptr) identity->Release();
-  return identity;
-}
-
 ComPtr<IUnknown> Query(IUnknown* object, REFIID iid) {
   ComPtr<IUnknown> result;
   object->QueryInterface(iid, reinterpret_cast<void**>(result.GetAddressOf()));
   return result;
 }
+
+// To be compared, not called.
+IUnknown* IdentityOf(IUnknown* object) { return Query(object, IID_IUnknown).Get(); }
 
 ComPtr<IClassFactory> FactoryOf(REFCLSID clsid) {
   ComPtr<IClassFactory> factory;
@@ -36,7 +29,6 @@ ComPtr<IClassFactory> FactoryOf(REFCLSID clsid) {
   return factory;
 }
 
-// Every interface of the class.
 std::vector<IID> InterfacesOf(const Class& known) {
   std::vector<IID> iids = {IID_IUnknown, IID_IDispatch, IID_IProvideClassInfo};
   for (const Interface& each : known.interfaces) iids.push_back(each.iid);
@@ -46,6 +38,14 @@ std::vector<IID> InterfacesOf(const Class& known) {
   return iids;
 }
 
+GUID GuidOf(ITypeInfo* info) {
+  TYPEATTR* attributes = nullptr;
+  Check(info->GetTypeAttr(&attributes));
+  const GUID guid = attributes->guid;
+  info->ReleaseTypeAttr(attributes);
+  return guid;
+}
+
 // An object that aggregates another.
 class Outer final : public IUnknown {
  public:
@@ -53,12 +53,12 @@ class Outer final : public IUnknown {
 
   STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
     *out = nullptr;
-    if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIid)) {
-      *out = static_cast<IUnknown*>(this);
-      AddRef();
-      return S_OK;
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, kIid)) {
+      return inner->QueryInterface(iid, out);
     }
-    return inner ? inner->QueryInterface(iid, out) : E_NOINTERFACE;
+    *out = static_cast<IUnknown*>(this);
+    AddRef();
+    return S_OK;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return ++references; }
   STDMETHODIMP_(ULONG) Release() override { return --references; }
@@ -73,7 +73,7 @@ void ForEachClass(Body body) {
   EXPECT_EQ(classes.size(), 14U);
   for (const Class& known : classes) {
     SCOPED_TRACE(known.name);
-    body(known);
+    body(known, Create<IUnknown>(known.clsid));
   }
 }
 
@@ -81,11 +81,10 @@ TEST(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
   std::vector<IID> all = {IID_IMarshal,           IID_NULL,
                           IID_IClassFactory,      IID_IConnectionPointContainer,
                           IID_IProvideClassInfo2, IID_ISupportErrorInfo};
-  ForEachClass([&](const Class& known) {
+  for (const Class& known : ClassesOfTheModule()) {
     for (const Interface& each : known.interfaces) all.push_back(each.iid);
-  });
-  ForEachClass([&](const Class& known) {
-    const auto object = Create<IUnknown>(known.clsid);
+  }
+  ForEachClass([&](const Class& known, const ComPtr<IUnknown>& object) {
     const std::vector<IID> iids = InterfacesOf(known);
     for (const IID& from : iids) {
       const ComPtr<IUnknown> face = Query(object.Get(), from);
@@ -93,7 +92,6 @@ TEST(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
       EXPECT_EQ(IdentityOf(face.Get()), object.Get());
       for (const IID& to : iids) EXPECT_TRUE(Query(face.Get(), to));
     }
-    const ULONG before = ReferenceCount(object.Get());
     for (const IID& iid : all) {
       if (std::ranges::find(iids, iid) != iids.end()) continue;
       void* out = &out;
@@ -101,33 +99,24 @@ TEST(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
       EXPECT_EQ(out, nullptr);
     }
     EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-    EXPECT_EQ(ReferenceCount(object.Get()), before);
+    EXPECT_EQ(ReferenceCount(object.Get()), 1U);
   });
 }
 
-GUID GuidOf(ITypeInfo* info) {
-  TYPEATTR* attributes = nullptr;
-  Check(info->GetTypeAttr(&attributes));
-  const GUID guid = attributes->guid;
-  info->ReleaseTypeAttr(attributes);
-  return guid;
-}
-
 TEST(EveryClass, DescribesItselfAndEachDualInterface) {
-  ForEachClass([](const Class& known) {
-    const auto object = Create<IUnknown>(known.clsid);
+  ForEachClass([](const Class& known, const ComPtr<IUnknown>& object) {
     std::vector<std::pair<IID, IID>> described = {{IID_IDispatch, known.interfaces.front().iid}};
     for (const Interface& each : known.interfaces) {
       if (each.iid != IID_IPeakReader) described.emplace_back(each.iid, each.iid);
     }
+    ComPtr<ITypeInfo> info;
     for (const auto& [asked, expected] : described) {
       const ComPtr<IUnknown> face = Query(object.Get(), asked);
       auto* const dispatch = static_cast<IDispatch*>(face.Get());
       UINT count = 0;
       EXPECT_EQ(dispatch->GetTypeInfoCount(&count), S_OK);
       EXPECT_EQ(count, 1U);
-      ComPtr<ITypeInfo> info;
-      ASSERT_EQ(dispatch->GetTypeInfo(0, 0, info.GetAddressOf()), S_OK);
+      ASSERT_EQ(dispatch->GetTypeInfo(0, 0, info.ReleaseAndGetAddressOf()), S_OK);
       EXPECT_EQ(GuidOf(info.Get()), expected);
       ITypeInfo* out = info.Get();
       EXPECT_EQ(dispatch->GetTypeInfo(1, 0, &out), DISP_E_BADINDEX);
@@ -135,10 +124,10 @@ TEST(EveryClass, DescribesItselfAndEachDualInterface) {
       EXPECT_EQ(dispatch->GetTypeInfo(0, 0, nullptr), E_POINTER);
       EXPECT_EQ(dispatch->GetTypeInfoCount(nullptr), E_POINTER);
     }
-    ComPtr<ITypeInfo> info;
-    ASSERT_EQ(As<IProvideClassInfo>(object)->GetClassInfo(info.GetAddressOf()), S_OK);
+    const auto self = As<IProvideClassInfo>(object);
+    ASSERT_EQ(self->GetClassInfo(info.ReleaseAndGetAddressOf()), S_OK);
     EXPECT_EQ(GuidOf(info.Get()), known.clsid);
-    EXPECT_EQ(As<IProvideClassInfo>(object)->GetClassInfo(nullptr), E_POINTER);
+    EXPECT_EQ(self->GetClassInfo(nullptr), E_POINTER);
     if (known.events.empty()) return;
     GUID source = {};
     EXPECT_EQ(As<IProvideClassInfo2>(object)->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source),
@@ -148,7 +137,7 @@ TEST(EveryClass, DescribesItselfAndEachDualInterface) {
 }
 
 TEST(EveryClass, LeavesCountingAndQueriesToAnOuterObject) {
-  ForEachClass([](const Class& known) {
+  ForEachClass([](const Class& known, const ComPtr<IUnknown>&) {
     const auto factory = FactoryOf(known.clsid);
     Outer outer;
     ASSERT_EQ(factory->CreateInstance(&outer, IID_IUnknown,
@@ -158,51 +147,32 @@ TEST(EveryClass, LeavesCountingAndQueriesToAnOuterObject) {
     EXPECT_EQ(ReferenceCount(outer.inner.Get()), 1U);
     for (const IID& iid : InterfacesOf(known)) {
       if (iid == IID_IUnknown) continue;
-      ComPtr<IUnknown> face = Query(outer.inner.Get(), iid);
+      const ComPtr<IUnknown> face = Query(outer.inner.Get(), iid);
       ASSERT_TRUE(face);
       EXPECT_EQ(outer.references, 2U) << "an interface counts on the outer object";
       EXPECT_EQ(IdentityOf(face.Get()), &outer);
-      EXPECT_TRUE(Query(face.Get(), Outer::kIid)) << "the outer object's own interfaces";
-      face.Reset();
-      EXPECT_EQ(outer.references, 1U);
+      EXPECT_TRUE(Query(face.Get(), Outer::kIid));
     }
     EXPECT_EQ(IdentityOf(outer.inner.Get()), outer.inner.Get());
     EXPECT_FALSE(Query(outer.inner.Get(), Outer::kIid)) << "the inner unknown delegates";
     EXPECT_EQ(outer.inner.Reset(), 0U);
-    EXPECT_EQ(outer.references, 1U);
 
-    for (const IID& iid : {IID_IDispatch, known.interfaces.front().iid}) {
+    const auto refuses = [&](IUnknown* controlling, REFIID iid, HRESULT expected) {
       void* out = &out;
-      EXPECT_EQ(factory->CreateInstance(&outer, iid, &out), CLASS_E_NOAGGREGATION);
+      EXPECT_EQ(factory->CreateInstance(controlling, iid, &out), expected);
       EXPECT_EQ(out, nullptr);
-    }
-    void* out = &out;
-    EXPECT_EQ(factory->CreateInstance(nullptr, Outer::kIid, &out), E_NOINTERFACE);
-    EXPECT_EQ(out, nullptr);
+    };
+    refuses(&outer, IID_IDispatch, CLASS_E_NOAGGREGATION);
+    refuses(&outer, known.interfaces.front().iid, CLASS_E_NOAGGREGATION);
+    refuses(nullptr, Outer::kIid, E_NOINTERFACE);
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
     EXPECT_EQ(outer.references, 1U);
   });
 }
 
-TEST(EveryClass, CountsReferencesOfManyThreads) {
-  constexpr int kTimes = 50'000;
-  ForEachClass([](const Class& known) {
-    const auto object = Create<IUnknown>(known.clsid);
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-      threads.emplace_back([face = object.Get()] {
-        for (int i = 0; i < kTimes; ++i) face->AddRef();
-        for (int i = 0; i < kTimes; ++i) face->Release();
-      });
-    }
-    threads.clear();
-    EXPECT_EQ(ReferenceCount(object.Get()), 1U);
-  });
-}
-
 TEST(EveryClass, LeavesNoHeapBlockAndNoHandleBehind) {
   constexpr unsigned kTimes = 200;
-  ForEachClass([](const Class& known) {
+  ForEachClass([](const Class& known, const ComPtr<IUnknown>&) {
     const auto create = [&](unsigned times) {
       for (unsigned i = 0; i < times; ++i) {
         const auto object = Create<IUnknown>(known.clsid);
@@ -218,11 +188,32 @@ TEST(EveryClass, LeavesNoHeapBlockAndNoHandleBehind) {
   });
 }
 
-TEST(EveryClass, KeepsTheModuleLoaded) {
-  ForEachClass([](const Class& known) {
-    // The factories that are registered for this process count too.
-    ModuleUnderTest::Revoke();
-    EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_OK);
+// All classes share their base.
+TEST(OneClass, CountsReferencesOfManyThreads) {
+  constexpr int kTimes = 200'000;
+  const auto object = Create<IUnknown>(CLSID_CNullReader);
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([face = object.Get()] {
+      for (int i = 0; i < kTimes; ++i) face->AddRef();
+      for (int i = 0; i < kTimes; ++i) face->Release();
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(ReferenceCount(object.Get()), 1U);
+}
+
+// The factories that are registered for this process keep the module loaded, too.
+class Module : public ::testing::Test {
+ protected:
+  Module() { ModuleUnderTest::Revoke(); }
+  ~Module() override { ModuleUnderTest::Load(); }
+};
+
+TEST_F(Module, StaysLoadedForFactoriesObjectsAndServerLocks) {
+  EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_OK);
+  for (const Class& known : ClassesOfTheModule()) {
+    SCOPED_TRACE(known.name);
     ComPtr<IClassFactory> factory = FactoryOf(known.clsid);
     EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_FALSE) << "a factory";
     // An object may create others by class identifier.
@@ -233,64 +224,51 @@ TEST(EveryClass, KeepsTheModuleLoaded) {
     EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_FALSE) << "an object";
     object.Reset();
     EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_OK);
-    ModuleUnderTest::Load();
-  });
+  }
+  for (const int locks : {1, 2}) {
+    for (int i = 0; i < locks; ++i) EXPECT_EQ(FactoryOf(CLSID_CNullReader)->LockServer(TRUE), S_OK);
+    EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_FALSE) << "a lock";
+    for (int i = 0; i < locks; ++i)
+      EXPECT_EQ(FactoryOf(CLSID_CNullReader)->LockServer(FALSE), S_OK);
+    // One unlock too many must not cancel a later lock.
+    EXPECT_EQ(FactoryOf(CLSID_CNullReader)->LockServer(FALSE), E_UNEXPECTED);
+    EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_OK);
+  }
 }
 
-TEST(ClassFactory, HasItsInterfacesAndCountsServerLocks) {
-  ModuleUnderTest::Revoke();
-  ComPtr<IClassFactory> factory = FactoryOf(CLSID_CNullReader);
-  EXPECT_TRUE(Query(factory.Get(), IID_IUnknown));
-  void* out = &out;
-  EXPECT_EQ(factory->QueryInterface(IID_IDispatch, &out), E_NOINTERFACE);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(factory->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-
-  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-  factory.Reset();
-  EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_FALSE);
-  factory = FactoryOf(CLSID_CNullReader);
-  EXPECT_EQ(factory->LockServer(FALSE), S_OK);
-  EXPECT_EQ(factory->LockServer(FALSE), S_OK);
-  // One unlock too many must not cancel a later lock.
-  EXPECT_EQ(factory->LockServer(FALSE), E_UNEXPECTED);
-  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-  EXPECT_EQ(factory->LockServer(FALSE), S_OK);
-  factory.Reset();
-  EXPECT_EQ(ModuleUnderTest::CanUnloadNow(), S_OK);
-  ModuleUnderTest::Load();
-}
-
-TEST(Module, ReportsWhyItHasNoClassObject) {
-  void* out = &out;
+TEST_F(Module, ReportsWhyItHasNoClassObject) {
+  const auto get = [](REFCLSID clsid, REFIID iid) {
+    void* out = &out;
+    const HRESULT hr = ModuleUnderTest::GetClassObject(clsid, iid, &out);
+    EXPECT_EQ(out, nullptr);
+    return hr;
+  };
+  EXPECT_EQ(get(CLSID_CNullReader, IID_IDispatch), E_NOINTERFACE);
+  EXPECT_EQ(get(Outer::kIid, IID_IClassFactory), CLASS_E_CLASSNOTAVAILABLE);
   EXPECT_EQ(ModuleUnderTest::GetClassObject(CLSID_CNullReader, IID_IClassFactory, nullptr),
             E_POINTER);
-  EXPECT_EQ(ModuleUnderTest::GetClassObject(CLSID_CNullReader, IID_IDispatch, &out), E_NOINTERFACE);
-  EXPECT_EQ(out, nullptr);
-  out = &out;
-  EXPECT_EQ(ModuleUnderTest::GetClassObject(Outer::kIid, IID_IClassFactory, &out),
-            CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(ModuleUnderTest::GetClassObject(CLSID_CNullReader, IID_IUnknown, &out), S_OK);
-  static_cast<IUnknown*>(out)->Release();
+  const auto factory = FactoryOf(CLSID_CNullReader);
+  EXPECT_TRUE(Query(factory.Get(), IID_IUnknown));
+  EXPECT_FALSE(Query(factory.Get(), IID_IDispatch));
+  EXPECT_EQ(factory->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
 }
 
-TEST(Module, ExportsExactlyFiveFunctions) {
+TEST_F(Module, ExportsExactlyFiveFunctions) {
   const auto* base = reinterpret_cast<const BYTE*>(ModuleUnderTest::Handle());
   const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
   const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
   const auto& directory = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
   const auto* exports =
       reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + directory.VirtualAddress);
-  EXPECT_EQ(exports->NumberOfFunctions, 5U);
   const auto* names = reinterpret_cast<const DWORD*>(base + exports->AddressOfNames);
   std::vector<std::string> found;
   for (DWORD i = 0; i < exports->NumberOfNames; ++i) {
     found.emplace_back(reinterpret_cast<const char*>(base + names[i]));
   }
-  EXPECT_THAT(found, UnorderedElementsAre("DllMain", "DllGetClassObject", "DllCanUnloadNow",
-                                          "DllRegisterServer", "DllUnregisterServer"));
+  EXPECT_EQ(exports->NumberOfFunctions, exports->NumberOfNames);
+  EXPECT_THAT(found,
+              ::testing::UnorderedElementsAre("DllMain", "DllGetClassObject", "DllCanUnloadNow",
+                                              "DllRegisterServer", "DllUnregisterServer"));
 }
 
 }  // namespace

@@ -1,110 +1,127 @@
 // Registers the module in the real registry and reads the entries back.
 //   registration_tests --activate PROGID
-// creates an object in a process of its own; exit status 0 when it could.
+// creates an object in a process of its own and asks for its type; exit status 0 when it could.
 #include <gtest/gtest.h>
+#include <process.h>
 
+#include <algorithm>
+#include <cwchar>
 #include <filesystem>
-#include <vector>
+#include <iterator>
+#include <set>
 
+#include "core/apartment.h"
 #include "core/handle.h"
-#include "tests/core/registry_view.h"
 #include "tests/support/com_client.h"
+#include "tests/support/contract_model.h"
 
 namespace marlinda::testing {
 namespace {
 
 constexpr const wchar_t* kGuid = L"{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}";
+constexpr const wchar_t* kPool = L"CLSID\\{1A66174D-7E72-4209-A0D9-D524ACD94210}";
 
-struct RegisteredClass {
-  std::wstring name;
-  std::wstring clsid;
-  std::wstring ProgId() const { return L"Marlinda." + name.substr(1); }
-};
+// The keys ("path\") and the values of the registry below a place, one line each.
+using Lines = std::set<std::wstring>;
 
-std::wstring ToText(REFGUID guid) {
-  wchar_t text[39];
-  StringFromGUID2(guid, text, 39);
-  return text;
+// The line of a text, with its terminator. The name of a default value is empty.
+std::wstring Text(const std::wstring& path, const std::wstring& text, DWORD type = REG_SZ) {
+  return path + L" = " + std::to_wstring(type) + L":" + text + L'\0';
 }
 
-// The classes of the module's type library.
-std::vector<RegisteredClass> Classes() {
-  std::vector<RegisteredClass> classes;
-  ComPtr<ITypeLib> library;
-  Check(LoadTypeLibEx(ModuleUnderTest::Path().c_str(), REGKIND_NONE, library.GetAddressOf()));
-  for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
-    TYPEKIND kind = TKIND_MAX;
-    Check(library->GetTypeInfoType(i, &kind));
-    if (kind != TKIND_COCLASS) continue;
-    ComPtr<ITypeInfo> info;
-    Check(library->GetTypeInfo(i, info.GetAddressOf()));
-    Bstr name;
-    Check(
-        library->GetDocumentation(static_cast<INT>(i), name.Receive(), nullptr, nullptr, nullptr));
-    TYPEATTR* attributes = nullptr;
-    Check(info->GetTypeAttr(&attributes));
-    classes.push_back({name.str(), ToText(attributes->guid)});
-    info->ReleaseTypeAttr(attributes);
+void Collect(HKEY key, const std::wstring& path, Lines& lines) {
+  wchar_t name[1024];
+  for (DWORD index = 0;; ++index) {
+    wchar_t data[2048] = L"";
+    DWORD length = 1024;
+    DWORD size = sizeof data - sizeof *data;
+    DWORD type = REG_NONE;
+    const LSTATUS error = RegEnumValueW(key, index, name, &length, nullptr, &type,
+                                        reinterpret_cast<BYTE*>(data), &size);
+    if (error == ERROR_NO_MORE_ITEMS) break;
+    std::wstring line = Text(path + name, {data, size / sizeof *data}, type);
+    line.pop_back();
+    lines.insert(line);
   }
-  return classes;
-}
-
-// The entries of the module at `path`, without the type library and the shared keys.
-RegistryView ExpectedEntries(const std::wstring& path) {
-  const std::wstring guid = std::wstring(L"1:") + kGuid;
-  RegistryView view = {{std::wstring(L"AppID\\") + kGuid + L"\\", L""},
-                       {std::wstring(L"AppID\\") + kGuid + L"\\@", L"1:Tessaly"},
-                       {L"AppID\\Tessaly.EXE\\", L""},
-                       {L"AppID\\Tessaly.EXE\\AppID", guid}};
-  for (const RegisteredClass& expected : Classes()) {
-    const std::wstring friendly = L"1:" + expected.name + L" Object";
-    const std::wstring clsid = L"1:" + expected.clsid;
-    const std::wstring prog_id = expected.ProgId();
-    const std::wstring key = L"CLSID\\" + expected.clsid + L"\\";
-    view.insert({{prog_id + L".1\\", L""},
-                 {prog_id + L".1\\@", friendly},
-                 {prog_id + L".1\\CLSID\\", L""},
-                 {prog_id + L".1\\CLSID\\@", clsid},
-                 {prog_id + L"\\", L""},
-                 {prog_id + L"\\@", friendly},
-                 {prog_id + L"\\CLSID\\", L""},
-                 {prog_id + L"\\CLSID\\@", clsid},
-                 {prog_id + L"\\CurVer\\", L""},
-                 {prog_id + L"\\CurVer\\@", L"1:" + prog_id + L".1"},
-                 {key, L""},
-                 {key + L"@", friendly},
-                 {key + L"AppID", guid},
-                 {key + L"TypeLib", guid},
-                 {key + L"ProgID\\", L""},
-                 {key + L"ProgID\\@", L"1:" + prog_id + L".1"},
-                 {key + L"VersionIndependentProgID\\", L""},
-                 {key + L"VersionIndependentProgID\\@", L"1:" + prog_id},
-                 {key + L"Programmable\\", L""},
-                 {key + L"InprocServer32\\", L""},
-                 {key + L"InprocServer32\\@", L"1:" + path},
-                 {key + L"InprocServer32\\ThreadingModel", L"1:apartment"}});
+  for (DWORD index = 0;; ++index) {
+    DWORD length = 1024;
+    RegistryKey child;
+    if (RegEnumKeyExW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
+        ERROR_SUCCESS) {
+      break;
+    }
+    const std::wstring below = path + name + L"\\";
+    lines.insert(below);
+    if (RegOpenKeyExW(key, name, 0, KEY_READ, child.Receive()) == ERROR_SUCCESS) {
+      Collect(child.get(), below, lines);
+    }
   }
-  return view;
 }
 
-RegistryView MachineClasses() { return ViewRegistry(HKEY_LOCAL_MACHINE, L"Software\\Classes"); }
-RegistryView UserClasses() { return ViewRegistry(HKEY_CURRENT_USER, L"Software\\Classes"); }
-
-bool HasEntry(const std::wstring& path) { return !ViewRegistry(HKEY_CLASSES_ROOT, path).empty(); }
-
-// The automation library's own entries, and the shared keys that may have been there before.
-RegistryView WithoutTypeLibrary(const RegistryView& view) {
-  return NotBelow(view, {L"TypeLib\\", L"Interface\\", L"Wow6432Node\\"});
+Lines Below(HKEY root, const std::wstring& path) {
+  Lines lines;
+  RegistryKey key;
+  if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.Receive()) == ERROR_SUCCESS) {
+    Collect(key.get(), L"", lines);
+  }
+  return lines;
 }
-RegistryView WithoutSharedKeys(RegistryView view) {
-  view.erase(L"AppID\\");
-  view.erase(L"CLSID\\");
-  return view;
+
+bool Exists(const std::wstring& path) { return !Below(HKEY_CLASSES_ROOT, path).empty(); }
+
+// Without the entries of the automation library. Wine writes a user's type library for the machine.
+Lines ClassesIn(HKEY root) {
+  Lines lines = Below(root, L"Software\\Classes");
+  std::erase_if(lines, [](const std::wstring& line) {
+    return _wcsnicmp(line.c_str(), L"TypeLib\\", 8) == 0 ||
+           _wcsnicmp(line.c_str(), L"Interface\\", 10) == 0 ||
+           _wcsnicmp(line.c_str(), L"Wow6432Node\\", 12) == 0;
+  });
+  return lines;
+}
+
+// Without the shared keys, which may have been there before.
+Lines Added(const Lines& before, const Lines& after) {
+  Lines added;
+  std::ranges::set_difference(after, before, std::inserter(added, added.end()));
+  added.erase(L"AppID\\");
+  added.erase(L"CLSID\\");
+  return added;
+}
+
+std::wstring ProgId(const Class& known) {
+  return L"Marlinda." + std::wstring(known.name.begin() + 1, known.name.end());
+}
+
+Lines ExpectedEntries(const std::wstring& module) {
+  const std::wstring app = std::wstring(L"AppID\\") + kGuid + L"\\";
+  Lines lines = {app, Text(app, L"Tessaly"), L"AppID\\Tessaly.EXE\\",
+                 Text(L"AppID\\Tessaly.EXE\\AppID", kGuid)};
+  for (const Class& known : ClassesOfTheModule()) {
+    wchar_t clsid[39];
+    StringFromGUID2(known.clsid, clsid, 39);
+    const std::wstring friendly = std::wstring(known.name.begin(), known.name.end()) + L" Object";
+    const std::wstring prog_id = ProgId(known);
+    const std::wstring versioned = prog_id + L".1";
+    const std::wstring key = std::wstring(L"CLSID\\") + clsid + L"\\";
+    for (const std::wstring& id : {prog_id, versioned}) {
+      lines.insert({id + L"\\", Text(id + L"\\", friendly), id + L"\\CLSID\\",
+                    Text(id + L"\\CLSID\\", clsid)});
+    }
+    lines.insert({prog_id + L"\\CurVer\\", Text(prog_id + L"\\CurVer\\", versioned), key,
+                  Text(key, friendly), Text(key + L"AppID", kGuid), Text(key + L"TypeLib", kGuid),
+                  key + L"ProgID\\", Text(key + L"ProgID\\", versioned),
+                  key + L"VersionIndependentProgID\\",
+                  Text(key + L"VersionIndependentProgID\\", prog_id), key + L"Programmable\\",
+                  key + L"InprocServer32\\", Text(key + L"InprocServer32\\", module),
+                  Text(key + L"InprocServer32\\ThreadingModel", L"apartment")});
+  }
+  return lines;
 }
 
 class LoadedModule {
  public:
-  explicit LoadedModule(std::wstring path)
+  explicit LoadedModule(std::filesystem::path path)
       : path_(std::move(path)), handle_(LoadLibraryW(path_.c_str())) {
     if (handle_ == nullptr) throw std::runtime_error("the module does not load");
   }
@@ -112,7 +129,7 @@ class LoadedModule {
   LoadedModule& operator=(const LoadedModule&) = delete;
   ~LoadedModule() { FreeLibrary(handle_); }
 
-  const std::wstring& path() const { return path_; }
+  const std::filesystem::path& path() const { return path_; }
   HRESULT Register() const { return Call("DllRegisterServer"); }
   HRESULT Unregister() const { return Call("DllUnregisterServer"); }
 
@@ -128,32 +145,16 @@ class LoadedModule {
     return hr;
   }
 
-  std::wstring path_;
+  std::filesystem::path path_;
   HMODULE handle_;
 };
 
-std::wstring ModulePath() {
-  return std::filesystem::weakly_canonical(ModuleUnderTest::Path()).wstring();
-}
-
 // The exit status of this program run once more with --activate.
-DWORD ActivateElsewhere(const std::wstring& prog_id) {
+int ActivateElsewhere(const wchar_t* prog_id) {
   wchar_t program[MAX_PATH];
   GetModuleFileNameW(nullptr, program, MAX_PATH);
-  std::wstring command = L"\"" + std::wstring(program) + L"\" --activate " + prog_id;
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process = {};
-  if (CreateProcessW(program, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                     &startup, &process) == FALSE) {
-    throw std::runtime_error("this program does not start once more");
-  }
-  const KernelHandle thread(process.hThread);
-  const KernelHandle running(process.hProcess);
-  WaitForSingleObject(running.get(), INFINITE);
-  DWORD status = 0;
-  GetExitCodeProcess(running.get(), &status);
-  return status;
+  return static_cast<int>(
+      _wspawnl(_P_WAIT, program, L"registration_tests", L"--activate", prog_id, nullptr));
 }
 
 class Registration : public ::testing::Test {
@@ -165,7 +166,7 @@ class Registration : public ::testing::Test {
     SetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting);
   }
 
-  LoadedModule module_{ModulePath()};
+  LoadedModule module_{std::filesystem::weakly_canonical(ModuleUnderTest::Path())};
 
  private:
   void RemoveAll() {
@@ -177,31 +178,26 @@ class Registration : public ::testing::Test {
 };
 
 TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
-  for (const wchar_t* setting : {L"machine", L"user"}) {
-    SCOPED_TRACE(::testing::PrintToString(std::wstring(setting)));
+  const std::tuple<const wchar_t*, HKEY, HKEY> kSettings[] = {
+      {L"machine", HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER},
+      {L"user", HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE}};
+  for (const auto& [setting, own, other] : kSettings) {
     Choose(setting);
-    const bool is_user = setting == std::wstring(L"user");
-    const auto classes = is_user ? UserClasses : MachineClasses;
-    // Wine writes a user's type library for the machine, so that part is left out.
-    const auto others = [&] {
-      return WithoutTypeLibrary(is_user ? MachineClasses() : UserClasses());
-    };
-    const RegistryView before = classes();
-    const RegistryView others_before = others();
+    const Lines before = ClassesIn(own);
+    const Lines others = ClassesIn(other);
     ASSERT_EQ(module_.Register(), S_OK);
-    const RegistryView after = classes();
-    EXPECT_EQ(ToLines(WithoutSharedKeys(WithoutTypeLibrary(Added(before, after)))),
-              ToLines(ExpectedEntries(module_.path())));
-    EXPECT_EQ(ToLines(Added(after, before)), "") << "entries of others";
-    EXPECT_EQ(ToLines(others()), ToLines(others_before));
+    const Lines after = ClassesIn(own);
+    EXPECT_EQ(Added(before, after), ExpectedEntries(module_.path()));
+    EXPECT_EQ(Added(after, before), Lines());
+    EXPECT_EQ(ClassesIn(other), others);
     EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
-    EXPECT_EQ(ToLines(Added(after, classes())), "");
+    EXPECT_EQ(ClassesIn(own), after);
 
     ASSERT_EQ(module_.Unregister(), S_OK);
-    const RegistryView left = classes();
+    const Lines left = ClassesIn(own);
     EXPECT_TRUE(left.contains(L"AppID\\"));
-    EXPECT_EQ(ToLines(WithoutSharedKeys(Added(before, left))), "");
-    EXPECT_EQ(ToLines(Added(left, before)), "");
+    EXPECT_EQ(Added(before, left), Lines());
+    EXPECT_EQ(Added(left, before), Lines());
     EXPECT_EQ(module_.Unregister(), S_OK) << "a second unregistration";
   }
 }
@@ -210,66 +206,44 @@ TEST_F(Registration, RefusesAnUnknownSettingAndWritesNothing) {
   for (const wchar_t* setting : {L"User", L"machine ", L"a setting that is rather long"}) {
     Choose(setting);
     EXPECT_EQ(module_.Register(), E_INVALIDARG);
-    EXPECT_FALSE(HasEntry(L"AppID\\Tessaly.EXE"));
+    EXPECT_FALSE(Exists(L"AppID\\Tessaly.EXE"));
   }
   Choose(L"");
   EXPECT_EQ(module_.Register(), S_OK);
   Choose(L"both");
   EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
-  EXPECT_TRUE(HasEntry(L"AppID\\Tessaly.EXE"));
+  EXPECT_TRUE(Exists(L"AppID\\Tessaly.EXE"));
 }
 
-TEST_F(Registration, LetsAnotherProcessCreateClassesByEitherProgId) {
-  ASSERT_EQ(module_.Register(), S_OK);
-  EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 0U);
-  EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader"), 0U);
-  const auto classes = Classes();
-  EXPECT_EQ(classes.size(), 14U);
-  for (const RegisteredClass& expected : classes) {
-    CLSID clsid = {};
-    EXPECT_EQ(CLSIDFromProgID(expected.ProgId().c_str(), &clsid), S_OK);
-    EXPECT_EQ(ToText(clsid), expected.clsid);
-    ComPtr<IUnknown> factory;
-    EXPECT_EQ(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                               reinterpret_cast<void**>(factory.GetAddressOf())),
-              S_OK);
-  }
-  ASSERT_EQ(module_.Unregister(), S_OK);
-  EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 1U);
-}
-
-TEST_F(Registration, RegistersTheTypeLibraryWithItsInterfaces) {
-  ASSERT_EQ(module_.Register(), S_OK);
-  ComPtr<ITypeLib> library;
-  EXPECT_EQ(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
-  RegistryView entries = ViewRegistry(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid);
-  EXPECT_EQ(entries[L"1.0\\@"], L"1:Marlinda 1.0 Type Library");
-  const std::wstring system = sizeof(void*) == 8 ? L"win64" : L"win32";
-  EXPECT_EQ(entries[L"1.0\\0\\" + system + L"\\@"], L"1:" + module_.path());
-  EXPECT_EQ(entries[L"1.0\\HELPDIR\\@"],
-            L"1:" + std::filesystem::path(module_.path()).parent_path().wstring());
-  EXPECT_TRUE(HasEntry(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
-  library.Reset();
-  ASSERT_EQ(module_.Unregister(), S_OK);
-  EXPECT_NE(LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, 0, library.GetAddressOf()), S_OK);
-  EXPECT_FALSE(HasEntry(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
-}
-
-TEST_F(Registration, WritesAModulePathThatLooksLikeAScript) {
+// The path looks like a script and holds letters of no code page.
+TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
   const TemporaryFolder folder;
   const std::filesystem::path odd =
-      std::filesystem::path(folder.path()) / L"it's } %MODULE% = s 'x' {\u00e9\u97f3}";
+      std::filesystem::path(folder.path()) / L"it's } %MODULE% = s 'x' {\u00e9\u97f3} #1;,&";
   std::filesystem::create_directories(odd);
   std::filesystem::copy_file(module_.path(), odd / L"Tessaly.dll");
   {
-    const LoadedModule moved((odd / L"Tessaly.dll").wstring());
+    const LoadedModule moved(odd / L"Tessaly.dll");
     ASSERT_EQ(moved.Register(), S_OK);
-    EXPECT_EQ(ViewRegistry(HKEY_CLASSES_ROOT,
-                           L"CLSID\\{95E1D938-FE65-44BB-B2AD-1EF81D278512}")[L"InprocServer32\\@"],
-              L"1:" + moved.path());
-    EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 0U);
+    EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 0);
+    EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader"), 0);
+    for (const Class& known : ClassesOfTheModule()) {
+      CLSID clsid = {};
+      EXPECT_EQ(CLSIDFromProgID(ProgId(known).c_str(), &clsid), S_OK);
+      EXPECT_EQ(clsid, known.clsid);
+    }
+    const Lines library = Below(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid + L"\\1.0");
+    const std::wstring system = sizeof(void*) == 8 ? L"win64" : L"win32";
+    EXPECT_TRUE(library.contains(Text(L"", L"Marlinda 1.0 Type Library")));
+    EXPECT_TRUE(library.contains(Text(L"0\\" + system + L"\\", moved.path())));
+    EXPECT_TRUE(library.contains(Text(L"HELPDIR\\", odd)));
+    EXPECT_TRUE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
     EXPECT_EQ(moved.Unregister(), S_OK);
   }
+  EXPECT_TRUE(std::filesystem::remove(odd / L"Tessaly.dll")) << "the module is still loaded";
+  EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 1);
+  EXPECT_FALSE(Exists(std::wstring(L"TypeLib\\") + kGuid + L"\\1.0"));
+  EXPECT_FALSE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
 }
 
 TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatWasDoneBefore) {
@@ -280,11 +254,11 @@ TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatWasDoneBefore) {
                       KEY_ALL_ACCESS, nullptr, volatile_key.Receive(), nullptr),
       ERROR_SUCCESS);
   EXPECT_EQ(module_.Register(), HRESULT_FROM_WIN32(ERROR_CHILD_MUST_BE_VOLATILE));
-  EXPECT_TRUE(HasEntry(L"AppID\\Tessaly.EXE"));
-  EXPECT_TRUE(HasEntry(L"Marlinda.AudioPool.1\\CLSID"));
-  EXPECT_FALSE(HasEntry(L"Marlinda.EditedAudio"));
-  EXPECT_FALSE(HasEntry(L"Marlinda.WaveWriter.1"));
-  EXPECT_FALSE(HasEntry(std::wstring(L"TypeLib\\") + kGuid));
+  EXPECT_TRUE(Exists(L"AppID\\Tessaly.EXE"));
+  EXPECT_TRUE(Exists(L"Marlinda.AudioPool.1\\CLSID"));
+  EXPECT_FALSE(Exists(L"Marlinda.EditedAudio"));
+  EXPECT_FALSE(Exists(L"Marlinda.WaveWriter.1"));
+  EXPECT_FALSE(Exists(std::wstring(L"TypeLib\\") + kGuid));
 
   volatile_key.Reset();
   RegDeleteTreeW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1");
@@ -292,24 +266,27 @@ TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatWasDoneBefore) {
 }
 
 TEST_F(Registration, KeepsTheKeysThatOthersPutBelowAClass) {
-  const std::wstring pool = L"CLSID\\{1A66174D-7E72-4209-A0D9-D524ACD94210}";
+  const auto write = [](const std::wstring& key, const wchar_t* name) {
+    EXPECT_EQ(RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, L"kept", 10), 0);
+  };
   ASSERT_EQ(module_.Register(), S_OK);
-  WriteText(HKEY_CLASSES_ROOT, pool + L"\\Foreign", L"Value", L"kept");
-  WriteText(HKEY_CLASSES_ROOT, pool, L"", L"Another pool");
+  write(std::wstring(kPool) + L"\\Foreign", L"Value");
+  write(kPool, L"");
   EXPECT_EQ(module_.Register(), S_OK);
-  EXPECT_EQ(ViewRegistry(HKEY_CLASSES_ROOT, pool)[L"Foreign\\Value"], L"1:kept");
-  EXPECT_EQ(ViewRegistry(HKEY_CLASSES_ROOT, pool)[L"@"], L"1:CAudioPool Object");
+  EXPECT_TRUE(Below(HKEY_CLASSES_ROOT, kPool).contains(Text(L"", L"CAudioPool Object")));
   EXPECT_EQ(module_.Unregister(), S_OK);
-  EXPECT_EQ(ToLines(ViewRegistry(HKEY_CLASSES_ROOT, pool)),
-            "Foreign\\ = \nForeign\\Value = 1:kept\n");
-  RegDeleteTreeW(HKEY_CLASSES_ROOT, pool.c_str());
+  EXPECT_EQ(Below(HKEY_CLASSES_ROOT, kPool),
+            (Lines{L"Foreign\\", Text(L"Foreign\\Value", L"kept")}));
+  RegDeleteTreeW(HKEY_CLASSES_ROOT, kPool);
 }
 
 int Activate(const std::wstring& prog_id) {
   CLSID clsid = {};
-  ComPtr<IUnknown> object;
+  ComPtr<IDispatch> object;
+  ComPtr<ITypeInfo> info;
   return SUCCEEDED(CLSIDFromProgID(prog_id.c_str(), &clsid)) &&
-                 SUCCEEDED(CreateInstance(clsid, object))
+                 SUCCEEDED(CreateInstance(clsid, object)) &&
+                 SUCCEEDED(object->GetTypeInfo(0, 0, info.GetAddressOf()))
              ? 0
              : 1;
 }
@@ -318,15 +295,11 @@ int Activate(const std::wstring& prog_id) {
 }  // namespace marlinda::testing
 
 int main(int argc, char** argv) {
-  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  int result = 0;
+  const marlinda::Apartment apartment(COINIT_APARTMENTTHREADED);
   if (argc == 3 && std::string(argv[1]) == "--activate") {
     const std::string prog_id = argv[2];
-    result = marlinda::testing::Activate({prog_id.begin(), prog_id.end()});
-  } else {
-    ::testing::InitGoogleTest(&argc, argv);
-    result = RUN_ALL_TESTS();
+    return marlinda::testing::Activate({prog_id.begin(), prog_id.end()});
   }
-  CoUninitialize();
-  return result;
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
 }

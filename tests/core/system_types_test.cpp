@@ -1,0 +1,151 @@
+// Texts, arrays, formats and registry values of Windows as the engine uses them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "core/registry.h"
+#include "core/sample_array.h"
+#include "core/wave_format.h"
+#include "tests/support/com_client.h"
+
+namespace marlinda::testing {
+namespace {
+
+std::wstring AsUtf16(const std::string& ansi) {
+  const OwnedBstr text(ToBstr(ansi));
+  return {text.get(), SysStringLen(text.get())};
+}
+
+TEST(Text, IsKeptWhereTheCodePageHoldsItAndEndsAtTheFirstNul) {
+  const std::wstring text(100000, L'x');
+  EXPECT_EQ(AsUtf16(ToAnsi(Bstr(text))), text);
+  EXPECT_THAT(ToAnsi(Bstr(L"a\x97f3z")), ::testing::MatchesRegex("a.+z"));
+  EXPECT_EQ(ToAnsi(nullptr), "");
+  const OwnedBstr with_nul(SysAllocStringLen(L"ab\0cd", 5));
+  EXPECT_EQ(ToAnsi(with_nul.get()), "ab");
+  EXPECT_TRUE(OwnedBstr(ToBstr({}))) << "an empty text is not a null one";
+  EXPECT_EQ(AsUtf16(Utf8ToAnsi("Caf\xC3\xA9")), L"Caf\u00E9");
+  for (const char* plain : {"", "Caf\xE9", "\xC3"}) EXPECT_EQ(Utf8ToAnsi(plain), plain);
+}
+
+TEST(Text, ReplacesEveryPlaceHolderOnce) {
+  EXPECT_EQ(Format("(%s)|%s|", "*.wav;*.ogg"), "(*.wav;*.ogg)|*.wav;*.ogg|");
+  EXPECT_EQ(Format("%s%s", "%s"), "%s%s");
+  EXPECT_EQ(Format("100%", "x"), "100%");
+  EXPECT_EQ(Format("%d kbit", 64), "64 kbit");
+}
+
+TEST(SampleArrayView, LocksADescriptorWithoutATypeOnceAndUnlocksIt) {
+  float samples[3] = {1, 2, 3};
+  SAFEARRAY array = {1, FADF_AUTO | FADF_FIXEDSIZE, sizeof(float), 0, samples, {{3, 5}}};
+  {
+    SampleArrayView view;
+    ASSERT_EQ(view.Lock(&array), S_OK);
+    EXPECT_TRUE(std::ranges::equal(view.samples(), samples));
+    EXPECT_EQ(view.Lock(&array), E_UNEXPECTED);
+    EXPECT_EQ(array.cLocks, 1U);
+  }
+  EXPECT_EQ(array.cLocks, 0U);
+  array.cbElements = 8;
+  EXPECT_EQ(SampleArrayView().Lock(&array), E_INVALIDARG);
+}
+
+TEST(SampleArray, KeepsItsSamplesWhenResized) {
+  EXPECT_THROW(SampleArray(std::size_t{1} << 30), std::bad_alloc);
+  SampleArray array(4);
+  std::ranges::fill(array.samples(), 0.5F);
+  array.Resize(100000);
+  ASSERT_EQ(array.samples().size(), 100000U);
+  EXPECT_EQ(std::ranges::count(array.samples(), 0.5F), 4);
+  EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 99996);
+  EXPECT_THROW(array.Resize(std::size_t{1} << 30), std::bad_alloc);
+  array.Resize(2);
+  EXPECT_EQ(SampleArray(std::move(array)).samples().size(), 2U);
+}
+
+TEST(MakeExtensibleFormat, HasTheLayoutOfTheExtensibleFormatByteForByte) {
+  WAVEFORMATEX source = {0x1234, 6, 0x89ABCDEF, 0x12345678, 0xBEEF, 24, 99};
+  const WAVEFORMATEXTENSIBLE format = MakeExtensibleFormat(source, false, false);
+  // Tag, channels, frames and bytes per second, bytes per frame, bits, size of the rest; valid
+  // bits, channel mask, PCM.
+  const unsigned char expected[40] = {0xFE, 0xFF, 6,    0,    0xEF, 0xCD, 0xAB, 0x89, 0x78, 0x56,
+                                      0x34, 0x12, 0xEF, 0xBE, 24,   0,    22,   0,    24,   0,
+                                      0x3F, 0,    0,    0,    1,    0,    0,    0,    0,    0,
+                                      0x10, 0,    0x80, 0,    0,    0xAA, 0,    0x38, 0x9B, 0x71};
+  ASSERT_EQ(sizeof format, sizeof expected);
+  EXPECT_EQ(std::memcmp(&format, expected, sizeof expected), 0);
+  EXPECT_EQ(MakeExtensibleFormat(source, true, false).SubFormat.Data1, 3U) << "floats";
+  const DWORD masks[] = {0, 4, 3, 0, 0, 0, 0x3F, 0, 0xFF, 0};
+  for (WORD channels = 0; channels < std::size(masks); ++channels) {
+    source.nChannels = channels;
+    EXPECT_EQ(MakeExtensibleFormat(source, false, false).dwChannelMask, masks[channels]);
+    EXPECT_EQ(MakeExtensibleFormat(source, false, true).dwChannelMask,
+              channels == 1 ? 3U : masks[channels]);
+  }
+}
+
+class Registry : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(registry_.Open(HKEY_CURRENT_USER, kKey, false), 0); }
+  void TearDown() override { RegDeleteTreeA(HKEY_CURRENT_USER, kKey); }
+
+  static void Store(const std::string& name, DWORD type, const std::string& bytes) {
+    ASSERT_EQ(RegSetKeyValueA(HKEY_CURRENT_USER, kKey, name.c_str(), type, bytes.data(),
+                              static_cast<DWORD>(bytes.size())),
+              0);
+  }
+  // As the system's own tools store a text: with its terminator.
+  static void StoreText(const std::string& name, const std::string& text) {
+    Store(name, REG_SZ, text + '\0');
+  }
+
+  static constexpr char kKey[] = "Software\\TessalyRegistryTest";
+  CRegistry registry_;
+};
+
+TEST_F(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
+  EXPECT_EQ(registry_.ReadDword("Number", 42), 42U);
+  registry_.WriteDword("Number", 0xFFFFFFFEU);
+  EXPECT_EQ(registry_.ReadDword("Number", 42), 0xFFFFFFFEU);
+  Store("Number", REG_QWORD, std::string(8, '\1'));
+  EXPECT_EQ(registry_.ReadDword("Number", 42), 42U);
+  EXPECT_EQ(registry_.ReadString("Text", "default"), "default");
+  Store("Text", REG_SZ, std::string("ab\0cd", 5));
+  EXPECT_EQ(registry_.ReadString("Text", "default"), "ab");
+  StoreText("Text", std::string(254, 'x'));
+  EXPECT_EQ(registry_.ReadString("Text", "default"), std::string(254, 'x'));
+  StoreText("Text", std::string(255, 'x'));
+  EXPECT_EQ(registry_.ReadString("Text", "default"), "default");
+  registry_.Close();
+  EXPECT_EQ(registry_.ReadString("Text", "closed"), "closed");
+
+  CRegistry below;
+  EXPECT_EQ(below.Open(HKEY_CURRENT_USER, std::string(kKey) + "\\Below", true), ERROR_SUCCESS);
+  below.WriteDword("Number", 7);
+  EXPECT_EQ(below.ReadDword("Number", 1), 1U) << "a key made for reading was written";
+}
+
+TEST_F(Registry, EnumeratesTextsUpToTheFirstThatDoesNotFit) {
+  using Strings = std::vector<std::string>;
+  const std::string longest(99, 'e');
+  StoreText("a", "first");
+  Store("b", REG_DWORD, std::string(4, '\1'));
+  Store("c", REG_EXPAND_SZ, std::string("%TEMP%\0", 7));
+  StoreText("d", longest);
+  StoreText(longest, "long name");
+  Strings names = {"kept"};
+  Strings datas = {"kept too"};
+  registry_.EnumStringValues(names, datas);
+  EXPECT_EQ(names, (Strings{"kept", "a", "d", longest}));
+  EXPECT_EQ(datas, (Strings{"kept too", "first", longest, "long name"}));
+  StoreText("f", longest + 'z');
+  StoreText("g", "behind the value that does not fit");
+  names.clear();
+  registry_.EnumStringValues(names, datas);
+  EXPECT_EQ(names, (Strings{"a", "d", longest}));
+}
+
+}  // namespace
+}  // namespace marlinda::testing
