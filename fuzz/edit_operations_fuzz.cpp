@@ -76,9 +76,7 @@ void RequireSame(const List& list, const Annotations& annotations, const PlainDo
     all.emplace_back(source, segment.begin, segment.end);
   });
   Require(list.Count() == all.size() && list.Length() == plain.Length());
-  Require(PlainDocument::Text(all) == PlainDocument::Text(plain.segments));
-  Require(annotations.labels == plain.labels);
-  Require(PlainDocument::Text(annotations.markers) == PlainDocument::Text(plain.markers));
+  Require(PlainDocument{all, annotations.labels, annotations.markers}.Text() == plain.Text());
 }
 
 }  // namespace
@@ -111,15 +109,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       case 3: {
         const CSection range = bytes.Range();
         const PlainDocument part = plain.Part(range.begin, range.end);
-        std::vector<Segment> pieces;
-        list.ForEachPiece(range, [&](char source, const CSection& piece) {
-          pieces.emplace_back(source, piece.begin, piece.end);
-        });
-        Require(PlainDocument::Text(pieces) == PlainDocument::Text(part.segments));
         const Annotations kept =
             annotations.Part(range, marlinda::WrappingSubtract(0, range.begin));
-        Require(kept.labels == part.labels);
-        Require(PlainDocument::Text(kept.markers) == PlainDocument::Text(part.markers));
+        PlainDocument found{{}, kept.labels, kept.markers};
+        list.ForEachPiece(range, [&](char source, const CSection& piece) {
+          found.segments.emplace_back(source, piece.begin, piece.end);
+        });
+        Require(found.Text() == part.Text());
         break;
       }
       case 4: {

@@ -6,76 +6,65 @@
 #include <string>
 #include <vector>
 
+#include "tests/edit/plain_document.h"
 #include "tests/support/com_client.h"
 #include "tests/support/ramp_source.h"
 
 namespace marlinda::testing {
 
-class Document {
- public:
-  Document() : Document(Create<IEditedAudio>(CLSID_CEditedAudio)) {}
-  explicit Document(ComPtr<IEditedAudio> object)
-      : edit(object),
-        reader(As<IAudioReader>(object)),
-        labels(As<ILabelSupport>(object)),
-        markers(As<ISectionMarkerSupport>(object)) {}
-
+struct Document {
+  explicit Document(ComPtr<IEditedAudio> object = Create<IEditedAudio>(CLSID_CEditedAudio))
+      : edit(object) {}
   IEditedAudio* operator->() const { return edit.Get(); }
   operator IEditedAudio*() const { return edit.Get(); }
 
+  // A null source is silence.
   void Append(const ComPtr<RampSource>& source, __int64 begin, __int64 end) const {
     EXPECT_EQ(edit->AppendSegment(source.Get(), begin, end), S_OK);
   }
-  void Label(const std::wstring& name, __int64 position) const {
-    EXPECT_EQ(labels->AddLabel(position, Bstr(name)), S_OK);
+  void AddLabel(const std::string& name, __int64 position) const {
+    EXPECT_EQ(labels->AddLabel(position, Wide(name)), S_OK);
   }
-  void Marker(const std::wstring& name, __int64 begin, __int64 end) const {
-    EXPECT_EQ(markers->AddSectionMarker(begin, end, Bstr(name)), S_OK);
+  void AddMarker(const std::string& name, __int64 begin, __int64 end) const {
+    EXPECT_EQ(markers->AddSectionMarker(begin, end, Wide(name)), S_OK);
   }
 
-  // "A[0,10) -[5,7)": the sources by name, silence as a dash.
-  std::string Segments() const {
-    std::string text;
+  // As PlainDocument::Text. All sources are RampSources.
+  std::string Text() const {
+    PlainDocument content;
     IAudioReader* lent = nullptr;
     __int64 begin = 0;
     __int64 end = 0;
-    LONG valid = 0;
-    EXPECT_EQ(edit->GetFirstSegment(&lent, &begin, &end, &valid), S_OK);
-    while (valid != 0) {
-      text += lent == nullptr ? '-' : static_cast<RampSource*>(lent)->name();
-      text += "[" + std::to_string(begin) + "," + std::to_string(end) + ") ";
-      EXPECT_EQ(edit->GetNextSegment(&lent, &begin, &end, &valid), S_OK);
+    LONG more = 0;
+    Bstr name;
+    EXPECT_EQ(edit->GetFirstSegment(&lent, &begin, &end, &more), S_OK);
+    while (more != 0) {
+      const char source = lent == nullptr ? '-' : static_cast<RampSource*>(lent)->name();
+      content.segments.emplace_back(source, begin, end);
+      EXPECT_EQ(edit->GetNextSegment(&lent, &begin, &end, &more), S_OK);
     }
-    return Trim(text);
-  }
-
-  // "intro@5 outro@90".
-  std::string Labels() const {
     LONG count = 0;
     EXPECT_EQ(labels->GetLabelCount(&count), S_OK);
-    std::string text;
     for (LONG i = 0; i < count; ++i) {
-      __int64 position = 0;
-      Bstr name;
-      EXPECT_EQ(labels->GetLabel(i, &position, name.Receive()), S_OK);
-      text += Plain(name) + "@" + std::to_string(position) + " ";
+      EXPECT_EQ(labels->GetLabel(i, &begin, name.Receive()), S_OK);
+      content.labels.push_back({begin, Narrow(name)});
     }
-    return Trim(text);
+    EXPECT_EQ(markers->GetMarkerCount(&count), S_OK);
+    for (LONG i = 0; i < count; ++i) {
+      EXPECT_EQ(markers->GetSectionMarker(i, &begin, &end, name.Receive()), S_OK);
+      content.markers.push_back({{begin, end}, Narrow(name)});
+    }
+    return content.Text();
   }
 
-  // "verse[5,7)".
-  std::string Markers() const {
-    LONG count = 0;
-    EXPECT_EQ(markers->GetMarkerCount(&count), S_OK);
-    std::string text;
-    for (LONG i = 0; i < count; ++i) {
-      __int64 begin = 0;
-      __int64 end = 0;
-      Bstr name;
-      EXPECT_EQ(markers->GetSectionMarker(i, &begin, &end, name.Receive()), S_OK);
-      text += Plain(name) + "[" + std::to_string(begin) + "," + std::to_string(end) + ") ";
-    }
-    return Trim(text);
+  // "44100/2/16".
+  std::string Format() const {
+    LONG rate = -1;
+    SHORT channels = -1;
+    SHORT bits = -1;
+    EXPECT_EQ(reader->GetFormat(&rate, &channels), S_OK);
+    EXPECT_EQ(edit->GetBitsPerSample(&bits), S_OK);
+    return std::to_string(rate) + "/" + std::to_string(channels) + "/" + std::to_string(bits);
   }
 
   __int64 Length() const {
@@ -90,23 +79,18 @@ class Document {
     return block.ToVector();
   }
 
+  // Names are plain ASCII.
+  static Bstr Wide(const std::string& name) { return Bstr(std::wstring(name.begin(), name.end())); }
+  static std::string Narrow(const Bstr& name) {
+    const std::wstring wide = name.str();
+    return {wide.begin(), wide.end()};
+  }
+
   const ComPtr<IEditedAudio> edit;
-  const ComPtr<IAudioReader> reader;
-  const ComPtr<ILabelSupport> labels;
-  const ComPtr<ISectionMarkerSupport> markers;
-
- private:
-  // The tests name things in plain ASCII.
-  static std::string Plain(const Bstr& name) {
-    std::string text;
-    for (const wchar_t character : name.str()) text += static_cast<char>(character);
-    return text;
-  }
-
-  static std::string Trim(std::string text) {
-    if (!text.empty()) text.pop_back();
-    return text;
-  }
+  const ComPtr<IAudioReader> reader = As<IAudioReader>(edit);
+  const ComPtr<ILabelSupport> labels = As<ILabelSupport>(edit);
+  const ComPtr<ISectionMarkerSupport> markers = As<ISectionMarkerSupport>(edit);
+  const ComPtr<IScrubSupport> scrub = As<IScrubSupport>(edit);
 };
 
 }  // namespace marlinda::testing

@@ -5,102 +5,119 @@
 #include <random>
 
 #include "tests/edit/document.h"
-#include "tests/edit/plain_document.h"
 
 namespace marlinda::testing {
 namespace {
 
 class EditedAudioModel : public ::testing::Test {
  protected:
-  EditedAudioModel() {
-    for (const char name : {'A', 'B', 'C'}) sources_.push_back(RampSource::Make(name, 1));
-    for (const Document& document : documents_) document->SetFormat(44100, 1, 16);
-  }
+  // A document beside its plain lists.
+  struct Pair : Document {
+    PlainDocument plain;
+    bool has_format = false;
+  };
 
   void Step() {
-    const std::size_t which = Pick(documents_.size());
-    const std::size_t other = Pick(documents_.size());
-    const Document& document = documents_[which];
-    PlainDocument& plain = plain_[which];
-    const __int64 length = plain.Length();
-    const __int64 position = Draw(odd_ ? -20 : 0, std::max<__int64>(0, length) + 20);
+    Pair& at = pairs_[Pick(pairs_.size())];
+    Pair& other = pairs_[Pick(pairs_.size())];
+    PlainDocument& plain = at.plain;
+    const __int64 position = Draw(odd_ ? -20 : 0, std::max<__int64>(0, plain.Length()) + 20);
     const __int64 end = position + Draw(odd_ ? -50 : 0, 150);
-    switch (Draw(0, 12)) {
+    const std::string name = "n" + std::to_string(++names_);
+    const PlainDocument::Segment segment = NewSegment();
+    IAudioReader* const source =
+        segment.source == '-' ? nullptr
+                              : sources_[static_cast<std::size_t>(segment.source - 'A')].Get();
+    switch (Draw(0, 15)) {
       case 0:
+        plain.labels.push_back({position, name});
+        return at.AddLabel(name, position);
       case 1:
-        plain.labels.push_back({position, NewName()});
-        document.Label(name_, position);
-        break;
-      case 2:
-      case 3:
-        plain.markers.push_back({{position, end}, NewName()});
-        document.Marker(name_, position, end);
-        break;
-      case 4: {
-        const PlainDocument::Segment segment = NewSegment();
-        EXPECT_EQ(document->AppendSegment(Source(segment), segment.begin, segment.end), S_OK);
-        plain.segments.push_back(segment);
-        break;
+        plain.markers.push_back({{position, end}, name});
+        return at.AddMarker(name, position, end);
+      case 2: {
+        const auto place = static_cast<LONG>(Pick(plain.labels.size() + 1));
+        const HRESULT expected = Change(plain.labels, place, {position, name});
+        EXPECT_EQ(odd_ ? at.labels->RemoveLabel(place)
+                       : at.labels->SetLabel(place, position, Document::Wide(name)),
+                  expected);
+        return;
       }
+      case 3: {
+        const auto place = static_cast<LONG>(Pick(plain.markers.size() + 1));
+        const HRESULT expected = Change(plain.markers, place, {{position, end}, name});
+        EXPECT_EQ(odd_ ? at.markers->RemoveSectionMarker(place)
+                       : at.markers->SetSectionMarker(place, position, end, Document::Wide(name)),
+                  expected);
+        return;
+      }
+      case 4:
+        EXPECT_EQ(at->AppendSegment(source, segment.begin, segment.end), S_OK);
+        plain.segments.push_back(segment);
+        return Adopt(at, {segment});
       case 5:
       case 6:
-      case 7: {
-        const PlainDocument::Segment segment = NewSegment();
-        EXPECT_EQ(document->InsertSegment(position, Source(segment), segment.begin, segment.end),
-                  S_OK);
+      case 7:
+        EXPECT_EQ(at->InsertSegment(position, source, segment.begin, segment.end), S_OK);
         plain.Insert(position, {{segment}, {}, {}});
-        break;
-      }
+        return Adopt(at, {segment});
       case 8:
         // Also into itself.
-        if (plain.segments.size() + plain_[other].segments.size() > 2000) break;
-        EXPECT_EQ(document->Insert(position, documents_[other]), S_OK);
-        plain.Insert(position, PlainDocument(plain_[other]));
-        break;
-      case 9:
-        if (Draw(0, 4) != 0) break;
-        EXPECT_EQ(document->Copy(documents_[other], position, end), S_OK);
-        plain_[other] = which == other ? PlainDocument() : plain.Part(position, end);
-        break;
+        if (plain.segments.size() + other.plain.segments.size() > 2000) return;
+        EXPECT_EQ(at->Insert(position, other), S_OK);
+        Adopt(at, other.plain.segments);
+        return plain.Insert(position, PlainDocument(other.plain));
+      case 9: {
+        if (Draw(0, 2) != 0) return;
+        const bool all = Draw(0, 1) != 0;
+        EXPECT_EQ(all ? at->CopyAll(other) : at->Copy(other, position, end), S_OK);
+        return Copied(at, other, all ? PlainDocument(plain) : plain.Part(position, end));
+      }
       case 10:
-        if (Draw(0, 4) != 0) break;
-        EXPECT_EQ(document->CopyAll(documents_[other]), S_OK);
-        if (which != other) plain_[other] = plain;
-        if (which == other) plain = {};
-        break;
+        at.has_format = Draw(0, 1) != 0;
+        EXPECT_EQ(at->SetFormat(at.has_format ? 44100 : 0, 1, 16), S_OK);
+        return;
       default:
         deletions_ += plain.segments.size() > 10 ? 1 : 0;
-        EXPECT_EQ(document->Delete(position, end), S_OK);
+        EXPECT_EQ(at->Delete(position, end), S_OK);
         plain.Delete(position, end);
+        Adopt(at, plain.segments);
     }
   }
 
   void Compare() {
-    for (std::size_t i = 0; i < documents_.size(); ++i) {
-      const PlainDocument& plain = plain_[i];
-      ASSERT_EQ(documents_[i].Length(), plain.Length());
-      ASSERT_EQ(documents_[i].Segments(), PlainDocument::Text(plain.segments));
-      ASSERT_EQ(documents_[i].Labels(), PlainDocument::Text(plain.labels));
-      ASSERT_EQ(documents_[i].Markers(), PlainDocument::Text(plain.markers));
-      if (odd_) continue;
-      const __int64 position = Draw(0, plain.Length() + 5);
+    for (const Pair& pair : pairs_) {
+      ASSERT_EQ(pair.Length(), pair.plain.Length());
+      ASSERT_EQ(pair.Text(), pair.plain.Text());
+      ASSERT_EQ(pair.Format().starts_with("44100/1/"), pair.has_format);
+      if (odd_ || !pair.has_format) continue;
+      const __int64 position = Draw(0, pair.plain.Length() + 5);
       std::vector<float> expected;
-      for (const PlainDocument::Segment& piece : plain.Part(position, position + 40).segments) {
+      for (const auto& piece : pair.plain.Part(position, position + 40).segments) {
         for (__int64 frame = piece.begin; frame < piece.end; ++frame) {
           expected.push_back(piece.source == '-' ? 0 : RampSource::Sample(piece.source, frame, 0));
         }
       }
       expected.resize(40);
-      ASSERT_EQ(documents_[i].Read(position, 40), expected);
+      ASSERT_EQ(pair.Read(position, 40), expected);
+    }
+    // One reference for each segment.
+    for (const auto& source : sources_) {
+      std::ptrdiff_t count = 0;
+      for (const Pair& pair : pairs_) {
+        count += std::ranges::count(pair.plain.segments, source->name(),
+                                    &PlainDocument::Segment::source);
+      }
+      ASSERT_EQ(source->Held(), count);
     }
   }
 
   // Also with empty and backward segments and ranges.
   bool odd_ = false;
   int deletions_ = 0;
-  std::vector<ComPtr<RampSource>> sources_;
-  std::array<Document, 3> documents_;
-  std::array<PlainDocument, 3> plain_;
+  std::array<ComPtr<RampSource>, 3> sources_ = {RampSource::Make('A', 1), RampSource::Make('B', 1),
+                                                RampSource::Make('C', 1)};
+  std::array<Pair, 3> pairs_;
 
  private:
   __int64 Draw(__int64 low, __int64 high) {
@@ -109,39 +126,47 @@ class EditedAudioModel : public ::testing::Test {
   std::size_t Pick(std::size_t count) {
     return static_cast<std::size_t>(Draw(0, static_cast<__int64>(count) - 1));
   }
-  std::string NewName() {
-    const std::string name = "n" + std::to_string(++names_);
-    name_ = {name.begin(), name.end()};
-    return name;
-  }
   PlainDocument::Segment NewSegment() {
     const __int64 begin = Draw(0, 3000);
     return {"ABC-"[Pick(4)], begin, begin + Draw(odd_ ? -30 : 1, 100)};
   }
-  IAudioReader* Source(const PlainDocument::Segment& segment) const {
-    return segment.source == '-' ? nullptr
-                                 : sources_[static_cast<std::size_t>(segment.source - 'A')].Get();
+  // Replaces the record, or removes it in odd rounds.
+  template <class Record>
+  HRESULT Change(std::vector<Record>& records, LONG place, Record record) const {
+    const auto index = static_cast<std::size_t>(place);
+    if (index >= records.size()) return E_INVALIDARG;
+    records[index] = std::move(record);
+    if (odd_) records.erase(records.begin() + place);
+    return S_OK;
+  }
+  // A document without a format takes that of the first source.
+  static void Adopt(Pair& pair, const std::vector<PlainDocument::Segment>& segments) {
+    for (const auto& segment : segments) pair.has_format |= segment.source != '-';
+  }
+  // A copy into the document itself empties it.
+  static void Copied(const Pair& from, Pair& to, PlainDocument copy) {
+    to.plain = &from == &to ? PlainDocument() : std::move(copy);
+    to.has_format = from.has_format;
+    Adopt(to, to.plain.segments);
   }
 
   std::mt19937 random_{1};
-  std::wstring name_;
   int names_ = 0;
 };
 
 TEST_F(EditedAudioModel, HoldsWhatPlainListsHoldAfterThousandsOfEdits) {
   for (int step = 0; step < 3000; ++step) {
     odd_ = step / 500 % 2 == 1;
-    if (step % 500 == 0) {
-      for (const Document& document : documents_) document->Clear();
-      plain_ = {};
+    for (Pair& pair : pairs_) {
+      if (step % 500 != 0) break;
+      EXPECT_EQ(pair->Clear(), S_OK);
+      pair.plain = {};
     }
     Step();
     Compare();
     ASSERT_FALSE(HasFailure()) << "step " << step;
   }
   EXPECT_GT(deletions_, 200);
-  for (const Document& document : documents_) document->Clear();
-  for (const auto& source : sources_) EXPECT_EQ(source->Held(), 0);
 }
 
 }  // namespace

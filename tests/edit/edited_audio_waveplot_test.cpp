@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <set>
 
@@ -14,65 +15,56 @@ namespace {
 using ::testing::Each;
 using ::testing::ElementsAre;
 
-constexpr __int64 kTakeFrames = 200'000;
+constexpr __int64 kFramesPerPeak = 256;
 
-// A take of noise with its peaks, as a pool reader offers it.
+// A take of noise with its peaks, as a pool reader offers it, but without summaries.
 class Take final : public RampSource, public IPeakReader {
  public:
-  static ComPtr<Take> Make(char name, SHORT channels, CallLog* log, bool has_peaks = true) {
-    ComPtr<Take> take;
-    *take.GetAddressOf() = new Take(name, channels, log, has_peaks);
-    return take;
-  }
+  Take(char name, SHORT channels, CallLog* log) : RampSource(name, channels, log, 44100) {}
 
-  std::vector<float> samples;
-  LONG frames_per_peak = 256;
+  bool has_peaks = true;
+  LONG frames_per_peak = kFramesPerPeak;
   HRESULT peaks_result = S_OK;
-  // Reads fail from this one on.
-  int failing_read = 1'000'000;
+  ComPtr<IPeakReader> peaks_of;  // another reader, instead of the noise
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (!has_peaks_ || !IsEqualIID(iid, IID_IPeakReader)) {
+    if (!has_peaks || !IsEqualIID(iid, IID_IPeakReader)) {
       return RampSource::QueryInterface(iid, object);
     }
     *object = static_cast<IPeakReader*>(this);
-    AddRef();
-    return S_OK;
+    return AddRef(), S_OK;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return RampSource::AddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return RampSource::Release(); }
-
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
-    const ULONG count = psaAudioData->rgsabound[0].cElements;
-    Note("ReadAudio(" + std::to_string(nSamplePos) + ", " + std::to_string(count) + ")");
-    if (--failing_read < 0) return E_ACCESSDENIED;
-    std::copy_n(samples.begin() + nSamplePos * channels_, count,
-                static_cast<float*>(psaAudioData->pvData));
-    return S_OK;
-  }
-  STDMETHODIMP ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) override {
-    const ULONG count = psaPeakData->rgsabound[0].cElements;
-    Note("ReadPeaks(" + std::to_string(nPeakPosition) + ", " + std::to_string(count) + ")");
-    if (FAILED(peaks_result)) return peaks_result;
-    const std::vector<float> peaks = Peaks(nPeakPosition, count / (2 * channels_));
-    std::ranges::copy(peaks, static_cast<float*>(psaPeakData->pvData));
-    return S_OK;
-  }
-  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override {
-    *pnSamplesPerPeak = frames_per_peak;
-    return S_OK;
+  STDMETHODIMP GetSamplesPerPeak(LONG* count) override { return *count = frames_per_peak, S_OK; }
+  STDMETHODIMP ReadPeaks(__int64 position, SAFEARRAY* array) override {
+    const ULONG count = array->rgsabound[0].cElements;
+    Note("ReadPeaks(" + std::to_string(position) + ", " + std::to_string(count) + ")");
+    if (peaks_of) return peaks_of->ReadPeaks(position, array);
+    if (SUCCEEDED(peaks_result)) {
+      std::ranges::copy(Peaks(position, count / (2 * channels())),
+                        static_cast<float*>(array->pvData));
+    }
+    return peaks_result;
   }
 
+  std::vector<float> Samples(__int64 first, __int64 frames) const {
+    std::vector<float> samples;
+    for (__int64 i = 0; i < frames * channels(); ++i) {
+      samples.push_back(At(first + i / channels(), static_cast<int>(i % channels())));
+    }
+    return samples;
+  }
   std::vector<float> Peaks(__int64 first, __int64 count) const {
     std::vector<float> peaks;
-    for (__int64 i = first * channels_; i < (first + count) * channels_; ++i) {
-      const auto frame = static_cast<std::size_t>(i / channels_ * frames_per_peak);
+    for (__int64 i = 0; i < count * channels(); ++i) {
       float low = 2;
       float high = -2;
-      for (std::size_t at = frame; at < frame + static_cast<std::size_t>(frames_per_peak); ++at) {
-        const auto index = at * static_cast<std::size_t>(channels_);
-        low = std::min(low, samples[index + static_cast<std::size_t>(i % channels_)]);
-        high = std::max(high, samples[index + static_cast<std::size_t>(i % channels_)]);
+      for (__int64 frame = 0; frame < kFramesPerPeak; ++frame) {
+        const float sample =
+            At((first + i / channels()) * kFramesPerPeak + frame, static_cast<int>(i % channels()));
+        low = std::min(low, sample);
+        high = std::max(high, sample);
       }
       peaks.insert(peaks.end(), {low, high});
     }
@@ -80,75 +72,68 @@ class Take final : public RampSource, public IPeakReader {
   }
 
  private:
-  Take(char name, SHORT channels, CallLog* log, bool has_peaks)
-      : RampSource(name, channels, log, 44100), channels_(channels), has_peaks_(has_peaks) {
-    std::mt19937 random(static_cast<unsigned>(name));
-    std::uniform_real_distribution<float> noise(-1.5F, 1.5F);
-    samples.resize(static_cast<std::size_t>(kTakeFrames * channels));
-    for (float& sample : samples) sample = noise(random);
+  float At(__int64 frame, int channel) const override {
+    auto bits = static_cast<std::uint32_t>(frame * 101 + channel * 7 + name()) * 0x9E3779B1u;
+    bits = (bits ^ bits >> 15) * 0x85EBCA6Bu;
+    return static_cast<float>(static_cast<std::int32_t>(bits ^ bits >> 13)) * 0x1.8p-31F;
   }
-
-  const SHORT channels_;
-  const bool has_peaks_;
 };
-
-struct Piece {
-  const Take* take;
-  __int64 begin;
-  __int64 end;
-};
-
-// The overview of pieces side by side, `width` columns for `range` frames.
-void DrawPieces(std::vector<float>& out, __int64 width, const std::vector<Piece>& pieces,
-                __int64 range, __int64 channels) {
-  PlainOverview overview(out, channels);
-  __int64 offset = 0;
-  for (const Piece& piece : pieces) {
-    const __int64 length = piece.end - piece.begin;
-    const __int64 first = width * offset / range;
-    offset += length;
-    const __int64 n = width * offset / range - first;
-    if (n == 0) continue;
-    if (piece.take == nullptr) {
-      overview.Silence(first, n);
-    } else if (length < n * 256) {
-      overview.Samples(
-          first, n, &piece.take->samples[static_cast<std::size_t>(piece.begin * channels)], length);
-    } else {
-      const std::vector<float> peaks = piece.take->Peaks(piece.begin / 256, length / 256);
-      overview.Peaks(first, n, peaks.data(), length / 256);
-    }
-  }
-}
 
 class EditedAudioWaveplot : public ::testing::Test {
  protected:
-  void Append(const ComPtr<Take>& take, __int64 begin, __int64 end) {
-    IAudioReader* const reader = take ? static_cast<RampSource*>(take.Get()) : nullptr;
-    EXPECT_EQ(document_->AppendSegment(reader, begin, end), S_OK);
-    pieces_.push_back({take.Get(), begin, end});
+  // A new take at the end of the document, and of the plain lists.
+  ComPtr<Take> Append(char name, SHORT channels, __int64 begin, __int64 end) {
+    ComPtr<Take>& take = takes_[name];
+    if (!take && name != '-') take = MakeObject<Take>(name, channels, &log_);
+    EXPECT_EQ(document_->AppendSegment(static_cast<RampSource*>(take.Get()), begin, end), S_OK);
+    plain_.segments.emplace_back(name, begin, end);
+    log_.clear();
+    return take;
   }
-  // The pairs of a range, on top of what the host put there.
+  // The pairs of a range, on top of those of the host.
   std::vector<float> Plot(__int64 begin, __int64 end, std::size_t columns, std::size_t channels) {
     const Floats block(columns * 2 * channels, kHost);
     EXPECT_EQ(document_->ReadWaveplot(begin, end, block), S_OK);
     return block.ToVector();
   }
+  std::vector<float> Expected(__int64 begin, __int64 end, __int64 columns, __int64 channels) {
+    std::vector<float> pairs(static_cast<std::size_t>(columns * 2 * channels), kHost);
+    PlainOverview overview(pairs, channels);
+    __int64 offset = 0;
+    for (const PlainDocument::Segment& piece : plain_.Part(begin, end).segments) {
+      const __int64 length = piece.Length();
+      const __int64 first = columns * offset / (end - begin);
+      offset += length;
+      const __int64 n = columns * offset / (end - begin) - first;
+      if (n == 0) continue;
+      if (piece.source == '-') {
+        overview.Silence(first, n);
+      } else if (length < n * kFramesPerPeak) {
+        overview.Samples(first, n, takes_[piece.source]->Samples(piece.begin, length).data(),
+                         length);
+      } else {
+        const __int64 count = length / kFramesPerPeak;
+        overview.Peaks(first, n,
+                       takes_[piece.source]->Peaks(piece.begin / kFramesPerPeak, count).data(),
+                       count);
+      }
+    }
+    return pairs;
+  }
 
   static constexpr float kHost = 0.125F;
   CallLog log_;
+  std::map<char, ComPtr<Take>> takes_;
   Document document_;
-  std::vector<Piece> pieces_;
+  PlainDocument plain_;
 };
 
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
-  const auto a = Take::Make('A', 2, nullptr);
-  const auto b = Take::Make('B', 2, nullptr);
-  Append(a, 1000, 60'000);
-  Append(nullptr, 0, 9000);
-  Append(b, 77, 90'000);
-  Append(a, 130'000, 130'300);
-  Append(b, 0, 40'000);
+  Append('A', 2, 1000, 60'000);
+  Append('-', 2, 0, 9000);
+  Append('B', 2, 77, 90'000);
+  Append('A', 2, 130'000, 130'300);
+  Append('B', 2, 0, 40'000);
   const __int64 length = document_.Length();
   std::mt19937 random(11);
   const auto draw = [&](__int64 low, __int64 high) {
@@ -157,88 +142,62 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   for (int round = 0; round < 60; ++round) {
     const __int64 begin = draw(0, length - 2);
     const __int64 end = draw(begin + 1, round % 2 == 0 ? length : std::min(length, begin + 3000));
-    const auto columns = static_cast<std::size_t>(draw(1, round % 3 == 0 ? 2000 : 100));
-    std::vector<Piece> cut;
-    __int64 offset = 0;
-    for (const Piece& piece : pieces_) {
-      const __int64 size = piece.end - piece.begin;
-      const __int64 from = std::max<__int64>(begin - offset, 0);
-      const __int64 to = std::min(end - offset, size);
-      if (from < to) cut.push_back({piece.take, piece.begin + from, piece.begin + to});
-      offset += size;
-    }
-    std::vector<float> expected(columns * 4, kHost);
-    DrawPieces(expected, static_cast<__int64>(columns), cut, end - begin, 2);
-    ASSERT_EQ(Plot(begin, end, columns, 2), expected)
+    const __int64 columns = draw(1, round % 3 == 0 ? 2000 : 100);
+    ASSERT_EQ(Plot(begin, end, static_cast<std::size_t>(columns), 2),
+              Expected(begin, end, columns, 2))
         << begin << " to " << end << " in " << columns << " columns";
   }
 }
 
 TEST_F(EditedAudioWaveplot, ReadsSamplesCloseUpAndPeaksFromAfar) {
-  const auto a = Take::Make('A', 1, &log_);
-  Append(a, 512, 100'512);
-  log_.clear();
+  Append('A', 1, 512, 100'512);
   Plot(0, 10'000, 100, 1);
-  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(512, 10000)", "A.CloseDevice"));
-  log_.clear();
   Plot(1000, 100'000, 99, 1);
-  EXPECT_THAT(log_, ElementsAre("A.ReadPeaks(5, 772)"));
-  log_.clear();
   // The border: 255 and 256 frames a column.
   Plot(0, 2550, 10, 1);
   Plot(0, 2560, 10, 1);
-  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(512, 2550)", "A.CloseDevice",
-                                "A.ReadPeaks(2, 20)"));
+  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(512, 10000)", "A.CloseDevice",
+                                "A.ReadPeaks(5, 772)", "A.OpenDevice", "A.ReadAudio(512, 2550)",
+                                "A.CloseDevice", "A.ReadPeaks(2, 20)"));
 }
 
 TEST_F(EditedAudioWaveplot, ReadsSamplesAtOnceAndOnlyEnormousStretchesInBlocks) {
-  const auto a = Take::Make('A', 100, &log_);
-  Append(a, 0, kTakeFrames);
-  log_.clear();
+  const auto a = Append('A', 100, 0, 200'000);
   Plot(0, 160'000, 1000, 100);
   EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 16000000)", "A.CloseDevice"));
   log_.clear();
-  std::vector<float> expected(200'000, kHost);
-  DrawPieces(expected, 1000, pieces_, kTakeFrames, 100);
-  EXPECT_EQ(Plot(0, kTakeFrames, 1000, 100), expected);
+  EXPECT_EQ(Plot(0, 200'000, 1000, 100), Expected(0, 200'000, 1000, 100));
   EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 16777200)",
                                 "A.ReadAudio(167772, 3222800)", "A.CloseDevice"));
   // A later block that fails leaves nothing of the earlier one.
-  a->failing_read = 1;
-  EXPECT_THAT(Plot(0, kTakeFrames, 1000, 100), Each(kHost));
+  int left = 1;
+  a->on_read = [&](SAFEARRAY*) { a->read_result = left-- > 0 ? S_OK : E_ACCESSDENIED; };
+  EXPECT_THAT(Plot(0, 200'000, 1000, 100), Each(kHost));
   EXPECT_EQ(log_.back(), "A.CloseDevice");
 }
 
 TEST_F(EditedAudioWaveplot, LeavesColumnsAloneThatItCannotDraw) {
-  const auto closed = Take::Make('A', 1, &log_);
-  const auto unreadable = Take::Make('B', 1, &log_);
-  const auto peakless = Take::Make('C', 1, &log_, false);
-  closed->open_result = E_ACCESSDENIED;
-  unreadable->failing_read = 0;
-  unreadable->peaks_result = E_FAIL;
-  Append(closed, 0, 1000);
-  Append(unreadable, 0, 1000);
-  Append(nullptr, 0, 1000);
-  Append(peakless, 0, 1000);
-  log_.clear();
-  std::vector<float> pairs = Plot(0, 4000, 40, 1);
-  EXPECT_THAT(std::vector<float>(pairs.begin(), pairs.begin() + 40), Each(kHost));
-  EXPECT_THAT(std::vector<float>(pairs.begin() + 40, pairs.begin() + 60), Each(0.0F));
-  EXPECT_NE(pairs[60], kHost);
+  const auto closed = Append('A', 1, 0, 1000);
+  const auto unreadable = Append('B', 1, 0, 1000);
+  Append('-', 1, 0, 1000);
+  const auto peakless = Append('C', 1, 0, 1000);
+  closed->open_result = unreadable->read_result = unreadable->peaks_result = E_ACCESSDENIED;
+  closed->frames_per_peak = 0;
+  peakless->has_peaks = false;
+  const std::vector<float> pairs = Plot(0, 4000, 40, 1);
+  std::vector<float> expected = Expected(0, 4000, 40, 1);
+  std::fill_n(expected.begin(), 40, kHost);
+  EXPECT_EQ(pairs, expected);
   EXPECT_THAT(log_,
               ElementsAre("A.OpenDevice", "B.OpenDevice", "B.ReadAudio(0, 1000)", "B.CloseDevice",
                           "C.OpenDevice", "C.ReadAudio(0, 1000)", "C.CloseDevice"));
-  // One column a piece needs peaks, which none of the first two gives and the last has not.
-  closed->frames_per_peak = 0;
+  // One column a piece needs peaks.
   EXPECT_THAT(Plot(0, 4000, 4, 1), ElementsAre(kHost, kHost, kHost, kHost, 0, 0, kHost, kHost));
 }
 
 TEST_F(EditedAudioWaveplot, DrawsNothingForOddRangesArraysAndFormats) {
-  const auto a = Take::Make('A', 2, nullptr);
-  const Floats fresh(8, kHost);
-  EXPECT_EQ(document_->ReadWaveplot(0, 100, fresh), S_OK);
-  EXPECT_THAT(fresh.ToVector(), Each(kHost));
-  Append(a, 0, 1000);
+  EXPECT_THAT(Plot(0, 100, 4, 1), Each(kHost));
+  Append('A', 2, 0, 1000);
   constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
   const std::pair<__int64, __int64> ranges[] = {
       {500, 500}, {500, 100}, {1000, 2000}, {-kMax, kMax}};
@@ -247,25 +206,22 @@ TEST_F(EditedAudioWaveplot, DrawsNothingForOddRangesArraysAndFormats) {
   const Floats few(3, kHost);
   EXPECT_EQ(document_->ReadWaveplot(0, 1000, few), S_OK);
   EXPECT_THAT(few.ToVector(), Each(kHost));
-  EXPECT_EQ(document_->ReadWaveplot(0, 1000, ForeignArray(VT_I2)), E_INVALIDARG);
   document_->SetFormat(44100, -2, 16);
   EXPECT_THAT(Plot(0, 1000, 10, 2), Each(kHost));
 }
 
 TEST_F(EditedAudioWaveplot, BackwardSegmentsNeverDrawPastTheArray) {
-  const auto a = Take::Make('A', 1, nullptr);
-  Append(a, 0, 1000);
-  Append(a, 900, 0);
-  Append(a, 2000, 3000);
-  // Two whole pieces of 1000 frames in a range of 1000.
-  std::vector<float> expected(40);
-  DrawPieces(expected, 10, {{a.Get(), 0, 1000}, {a.Get(), 2000, 2900}}, 1000, 1);
-  expected.resize(20);
-  EXPECT_EQ(Plot(0, 1000, 10, 1), expected);
+  Append('A', 1, 0, 1000);
+  Append('A', 1, 900, 0);
+  Append('A', 1, 2000, 3000);
+  // Two whole pieces of 1000 frames in a range of 1000: the first fills the array.
+  const std::vector<float> pairs = Plot(0, 1000, 10, 1);
+  plain_.segments.resize(1, plain_.segments.front());
+  EXPECT_EQ(pairs, Expected(0, 1000, 10, 1));
 }
 
 TEST_F(EditedAudioWaveplot, DrawsTheSilenceSourceAsALineAtEveryZoom) {
-  auto silence = Create<INullReader>(CLSID_CNullReader);
+  const auto silence = Create<INullReader>(CLSID_CNullReader);
   silence->Create(1'000'000, 48000, 1);
   document_->AppendSegment(As<IAudioReader>(silence).Get(), 0, 1'000'000);
   for (const __int64 frames : {5, 1000, 1'000'000}) {
@@ -273,76 +229,43 @@ TEST_F(EditedAudioWaveplot, DrawsTheSilenceSourceAsALineAtEveryZoom) {
   }
 }
 
-// A source that has no more than the peaks of a pool reader.
-class PeaksOf final : public TestObject<IAudioReader, IPeakReader> {
- public:
-  explicit PeaksOf(ComPtr<IPeakReader> peaks) : peaks_(std::move(peaks)) {}
-
-  STDMETHODIMP ReadPeaks(__int64 position, SAFEARRAY* array) override {
-    return peaks_->ReadPeaks(position, array);
-  }
-  STDMETHODIMP GetSamplesPerPeak(LONG* count) override { return peaks_->GetSamplesPerPeak(count); }
-  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channels) override {
-    *samples_per_sec = 44100;
-    *channels = 2;
-    return S_OK;
-  }
-  STDMETHODIMP ReadAudio(__int64, SAFEARRAY*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSampleCount(__int64*) override { return E_NOTIMPL; }
-  STDMETHODIMP OpenDevice() override { return E_NOTIMPL; }
-  STDMETHODIMP CloseDevice() override { return E_NOTIMPL; }
-
- private:
-  const ComPtr<IPeakReader> peaks_;
-};
-
 // The summaries of a pool reader agree with its peaks, also after the pool has written on or, with
 // another bit depth in the middle of a take, has overwritten peaks.
-TEST(EditedAudioPoolWaveplot, AgreesWithThePeaksAtEveryMomentOfATake) {
-  constexpr SHORT kChannels = 2;
-  constexpr __int64 kBlockFrames = 256 * 100;
+TEST_F(EditedAudioWaveplot, AgreesWithThePeaksOfAPoolAtEveryMomentOfATake) {
+  constexpr __int64 kBlockFrames = kFramesPerPeak * 100;
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);
   ASSERT_EQ(pool->SetBitDepth(8, 0), S_OK);
-  ASSERT_EQ(writer->SetFormat(44100, kChannels), S_OK);
+  ASSERT_EQ(writer->SetFormat(44100, 2), S_OK);
   ASSERT_EQ(writer->OpenDevice(), S_OK);
-  const auto take = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
-  ASSERT_EQ(take->Create(pool.Get(), 0, 0, 0, 8), S_OK);
-  const auto reader = As<IAudioReader>(take);
-  const auto forwarder = MakeObject<PeaksOf>(As<IPeakReader>(take));
+  const auto reader = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
+  ASSERT_EQ(reader->Create(pool.Get(), 0, 0, 0, 8), S_OK);
   const Document direct;
-  const Document forwarded;
-  direct->AppendSegment(reader.Get(), 0, 40 * kBlockFrames);
-  forwarded->AppendSegment(forwarder.Get(), 0, 40 * kBlockFrames);
+  direct->AppendSegment(As<IAudioReader>(reader).Get(), 0, 40 * kBlockFrames);
+  const auto take = Append('A', 2, 0, 40 * kBlockFrames);
+  take->peaks_of = As<IPeakReader>(reader);
 
   std::mt19937 random(9);
-  const auto draw_int = [&](__int64 low, __int64 high) {
+  const auto draw = [&](__int64 low, __int64 high) {
     return std::uniform_int_distribution<__int64>(low, high)(random);
   };
   std::set<std::vector<float>> pictures;
   for (__int64 block = 1; block <= 40; ++block) {
-    Floats samples(static_cast<std::size_t>(kBlockFrames * kChannels));
-    std::uniform_real_distribution<float> noise(-1.0F, 1.0F);
-    for (float& sample : samples.values()) sample = noise(random);
     // The position in the peak file falls back to a quarter of what it was.
-    if (block == 25) {
-      ASSERT_EQ(pool->SetBitDepth(32, 0), S_OK);
-    }
-    ASSERT_EQ(writer->WriteAudio(samples), S_OK);
+    if (block == 25) pool->SetBitDepth(32, 0);
+    ASSERT_EQ(writer->WriteAudio(Floats(take->Samples(block * kBlockFrames, kBlockFrames))), S_OK);
     // Twice the same picture, and two others, also beyond what is written.
     __int64 begin = 0;
     __int64 end = block * kBlockFrames;
     for (int picture = 0; picture < 4; ++picture) {
-      if (picture > 1) begin = draw_int(0, end);
-      if (picture > 2) end = draw_int(begin, 40 * kBlockFrames);
-      const std::size_t columns = picture < 2 ? 5 : static_cast<std::size_t>(draw_int(1, 8));
+      if (picture > 1) begin = draw(0, end);
+      if (picture > 2) end = draw(begin, 40 * kBlockFrames);
+      const std::size_t columns = picture < 2 ? 5 : static_cast<std::size_t>(draw(1, 8));
       // Too near, and samples would be drawn.
-      if (end - begin < 256 * 8) continue;
-      const Floats ours(columns * 2 * kChannels, 7.0F);
-      const Floats theirs(columns * 2 * kChannels, 7.0F);
+      if (end - begin < kFramesPerPeak * 8) continue;
+      const Floats ours(columns * 4, kHost);
       ASSERT_EQ(direct->ReadWaveplot(begin, end, ours), S_OK);
-      ASSERT_EQ(forwarded->ReadWaveplot(begin, end, theirs), S_OK);
-      ASSERT_EQ(ours.ToVector(), theirs.ToVector()) << block << ": " << begin << " to " << end;
+      ASSERT_EQ(ours.ToVector(), Plot(begin, end, columns, 2)) << block << ": " << begin;
       pictures.insert(ours.ToVector());
     }
   }

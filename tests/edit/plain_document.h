@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "core/records.h"
@@ -63,41 +62,24 @@ struct PlainDocument {
   }
 
   void Delete(std::int64_t begin, std::int64_t end) {
-    const PlainDocument head = Part(0, begin);
     const PlainDocument tail = Part(end, Length());
-    *this = {};
-    Insert(0, head);
+    *this = Part(0, begin);
     Insert(begin, tail);
   }
 
-  // "A[0,10) -[5,7)".
-  static std::string Text(const std::vector<Segment>& segments) {
+  // "A[0,10) -[5,7) intro@5 verse[5,7)".
+  std::string Text() const {
     std::string text;
-    for (const Segment& segment : segments) {
-      text += (text.empty() ? "" : " ") + std::string(1, segment.source) + Text(segment);
-    }
-    return text;
-  }
-  // "intro@5 outro@90".
-  static std::string Text(const std::vector<Label>& labels) {
-    std::string text;
-    for (const Label& label : labels) {
-      text += (text.empty() ? "" : " ") + label.name + "@" + std::to_string(label.position);
-    }
-    return text;
-  }
-  // "verse[5,7)".
-  static std::string Text(const std::vector<SectionMarker>& markers) {
-    std::string text;
-    for (const SectionMarker& marker : markers) {
-      text += (text.empty() ? "" : " ") + marker.name + Text(marker.section);
-    }
+    for (const Segment& each : segments) text += std::string(1, each.source) + Text(each);
+    for (const Label& each : labels) text += each.name + "@" + std::to_string(each.position) + " ";
+    for (const SectionMarker& each : markers) text += each.name + Text(each.section);
+    if (!text.empty()) text.pop_back();
     return text;
   }
 
  private:
   static std::string Text(const CSection& section) {
-    return "[" + std::to_string(section.begin) + "," + std::to_string(section.end) + ")";
+    return "[" + std::to_string(section.begin) + "," + std::to_string(section.end) + ") ";
   }
   static CSection Moved(const CSection& section, std::int64_t offset) {
     return {WrappingAdd(section.begin, offset), WrappingAdd(section.end, offset)};
@@ -124,17 +106,15 @@ struct PlainDocument {
     for (Label& label : labels) {
       if (label.position >= position) label.position = WrappingAdd(label.position, length);
     }
-    std::vector<SectionMarker> halves;
-    for (SectionMarker& marker : markers) {
-      CSection& section = marker.section;
-      if (section.begin >= position) {
-        section = Moved(section, length);
-      } else if (section.end > position) {
-        halves.push_back({Moved({position, section.end}, length), marker.name});
-        section.end = position;
+    for (std::size_t i = 0, count = markers.size(); i < count; ++i) {
+      const SectionMarker marker = markers[i];
+      if (marker.section.begin >= position) {
+        markers[i].section = Moved(marker.section, length);
+      } else if (marker.section.end > position) {
+        markers[i].section.end = position;
+        markers.push_back({Moved({position, marker.section.end}, length), marker.name});
       }
     }
-    markers.insert(markers.end(), halves.begin(), halves.end());
   }
 };
 

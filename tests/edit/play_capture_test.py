@@ -1,98 +1,47 @@
 """What a document plays is what the speaker gets, sample by sample.
 
-Called inside a Wine session: play_capture_test.py edit_player.exe [unittest arguments]
+Called inside a Wine session: play_capture_test.py sound_tool.exe [unittest arguments]
 """
 
-import array
-import os
 import pathlib
-import struct
-import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from sound import Speaker, sound_server, wait_until, without_silence
+from sound import FRAME_BYTES, SoundTool, Speaker, frames_of, signal, sound_server, wait_until, without_silence
 
-PLAYER = sys.argv.pop(1)
-WINE = os.environ["TESSALY_WINE"]
-
-
-def sample(n):
-    k = n * 7919 % 60000 - 30000
-    return array.array("f", [(k if k < 0 else k + 1) / 32767])[0]
-
-
-def frame(position, mask=3):
-    return tuple(sample(2 * position + c) if mask >> c & 1 else 0.0 for c in (0, 1))
-
-
-class Player:
-    """The player, and the frames that the speaker is given meanwhile."""
-
-    def __init__(self, how):
-        self.how = how
-
-    def __enter__(self):
-        self.server = sound_server(pipes=True)
-        environment = self.server.__enter__()
-        self.speaker = Speaker(environment)
-        self.program = subprocess.Popen([WINE, PLAYER, self.how], env=environment,
-                                        stdin=subprocess.PIPE)
-        return self
-
-    def after(self, frames, first, last):
-        """Gives the player a line once so many of the frames from first to last have been heard."""
-        section = {struct.pack("2f", *frame(position)) for position in range(first, last)}
-        def heard():
-            got = bytes(self.speaker.got)
-            return sum(got[at:at + 8] in section for at in range(0, len(got) - 7, 8))
-        wait_until(lambda: heard() >= frames, f"{frames} frames")
-        self.program.stdin.write(b"\n")
-        self.program.stdin.flush()
-
-    def __exit__(self, *failure):
-        try:
-            # In trouble, the end of its input ends the player.
-            self.program.communicate(timeout=120)
-        finally:
-            self.program.kill()
-            self.server.__exit__(*failure)
-            floats = array.array("f", without_silence(self.speaker.close()))
-        assert self.program.returncode == 0, self.how
-        self.frames = list(zip(floats[0::2], floats[1::2]))
+TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 
 
 class PlayedDocument(unittest.TestCase):
-    def expect_loop(self, frames, begin, end):
-        """Compares the frames with a loop that starts anywhere in it; how many belong to it."""
-        loop = [frame(position) for position in range(begin, end)]
-        self.assertIn(frames[0], loop)
-        phase = loop.index(frames[0])
-        for i, got in enumerate(frames):
-            if got != loop[(phase + i) % len(loop)]:
-                return i
-        return len(frames)
-
     def test_a_mask_lets_only_its_channels_through(self):
-        with Player("mask") as player:
-            pass
-        frames = player.frames
-        self.assertEqual(len(frames), 66000)
-        for position, got in enumerate(frames):
-            self.assertEqual(got, frame(position, mask=1), f"frame {position}")
+        with sound_server(pipes=True) as environment:
+            speaker = Speaker(environment)
+            with SoundTool(TOOL, environment, "mask") as tool:
+                tool.finish()
+        left = [frame[:4] + bytes(4) for frame in frames_of(signal(0, 66000))]
+        self.assertTrue(frames_of(without_silence(speaker.close())) == left)
 
     def test_another_section_follows_at_once_and_nothing_of_the_old_one_comes_again(self):
-        with Player("modify") as player:
-            player.after(20000, 2000, 7000)
-            player.after(20000, 50, 777)
-        frames = player.frames
-        first = self.expect_loop(frames, 2000, 7000)
-        self.assertGreater(first, 10000)
-        second = frames[first:]
-        self.assertGreater(len(second), 10000)
-        self.assertEqual(self.expect_loop(second, 50, 777), len(second))
+        loops = [frames_of(signal(begin, end)) for begin, end in ((2000, 7000), (50, 777))]
+        with sound_server(pipes=True) as environment:
+            speaker = Speaker(environment)
+            with SoundTool(TOOL, environment, "loop", 2000, 7000, 50, 777) as tool:
+                for loop in map(set, loops):
+                    heard = lambda: sum(frame in loop for frame in frames_of(bytes(speaker.got)))
+                    wait_until(lambda: heard() > 20000, "20000 frames")
+                    tool.order()
+                tool.finish()
+        frames = frames_of(without_silence(speaker.close()))
+        for loop in loops:
+            phase = loop.index(frames[0])
+            same = 0
+            while same < len(frames) and frames[same] == loop[(phase + same) % len(loop)]:
+                same += 1
+            self.assertGreater(same, 10000)
+            frames = frames[same:]
+        self.assertEqual(frames, [])
 
 
 if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    unittest.main(argv=[sys.argv[0], "-v"] + sys.argv[1:])

@@ -19,7 +19,7 @@ STDMETHODIMP RampSource::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) 
   if (FAILED(read_result)) return read_result;
   auto* const samples = static_cast<float*>(psaAudioData->pvData);
   for (ULONG i = 0; i < count; ++i) {
-    samples[i] = Sample(name_, nSamplePos + i / channels_, static_cast<int>(i % channels_));
+    samples[i] = At(nSamplePos + i / channels_, static_cast<int>(i % channels_));
   }
   return read_result;
 }
@@ -33,7 +33,7 @@ STDMETHODIMP RampSource::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
 
 STDMETHODIMP RampSource::GetSampleCount(__int64* pnSamples) {
   Note("GetSampleCount");
-  *pnSamples = 4096;
+  *pnSamples = frames;
   return S_OK;
 }
 

@@ -1,5 +1,5 @@
-// An audio source whose every sample tells which source, frame and channel it is, and which notes
-// every call in a log.
+// An audio source whose every sample shows its source, frame and channel, and which notes every
+// call in a log.
 #pragma once
 
 #include <marlinda.h>
@@ -12,7 +12,7 @@
 
 namespace marlinda::testing {
 
-// What several sources were asked, in order: "A.ReadAudio(100, 8)", the 8 being array elements.
+// The calls of several sources in order: "A.ReadAudio(100, 8)", the 8 being array elements.
 using CallLog = std::vector<std::string>;
 
 class RampSource : public TestObject<IAudioReader> {
@@ -25,10 +25,12 @@ class RampSource : public TestObject<IAudioReader> {
   static float Sample(char name, __int64 frame, int channel);
 
   char name() const { return name_; }
+  int channels() const { return channels_; }
 
-  // What the calls answer; reads deliver only when they succeed.
+  // Results of the calls. Reads deliver only when they succeed.
   HRESULT read_result = S_OK;
   HRESULT open_result = S_OK;
+  __int64 frames = 4096;  // reported; reads deliver more
   // Runs inside ReadAudio before anything is delivered, with the caller's array.
   std::function<void(SAFEARRAY*)> on_read;
 
@@ -42,9 +44,12 @@ class RampSource : public TestObject<IAudioReader> {
   RampSource(char name, SHORT channels, CallLog* log, LONG samples_per_sec)
       : name_(name), channels_(channels), samples_per_sec_(samples_per_sec), log_(log) {}
 
-  void Note(const std::string& call) {
+  // Every call of IAudioReader comes here.
+  virtual void Note(const std::string& call) {
     if (log_ != nullptr) log_->push_back(name_ + ("." + call));
   }
+  // The samples that reads deliver.
+  virtual float At(__int64 frame, int channel) const { return Sample(name_, frame, channel); }
 
  private:
   const char name_;

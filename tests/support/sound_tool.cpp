@@ -1,16 +1,16 @@
 // Uses sound devices, which the calling test stops, kills and takes away meanwhile:
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
-//   sound_tool document loop   frames 100 to 110 over and over, until a line comes in
-//   sound_tool document scrub  the block around frame 10000, until a line comes in
+//   sound_tool mask                  the left channel of 66000 frames in a document
+//   sound_tool loop BEGIN END...     sections of a document, each until a line comes in
+//   sound_tool scrub                 the block around frame 10000, until a line comes in
 //   sound_tool use playback|drain|document|scrubber|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
 //   start  started=1 if the device was opened
 //   works  waits until sound has passed
 //   ask    calls what a user interface polls
 //   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits
-//   for
-//          the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
+//          for the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
 //   break  ends a use whose ENDING is watch while the device is there
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.
@@ -19,6 +19,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <numbers>
@@ -31,7 +32,9 @@ namespace marlinda::testing {
 namespace {
 
 constexpr LONG kRate = 44100;
-constexpr std::size_t kChannels = 2;
+constexpr SHORT kChannels = 2;
+// The first device and not the mapper, which converts formats to stereo of 16 bits.
+constexpr LONG kFirstDevice = 0;
 
 template <class... Arguments>
 void Say(const char* format, Arguments... arguments) {
@@ -50,8 +53,23 @@ float Signal(__int64 n) {
   return static_cast<float>(k < 0 ? k : k + 1) / 32767.0F;
 }
 
-// The first device and not the mapper, which converts formats to stereo of 16 bits.
-constexpr LONG kFirstDevice = 0;
+// Sample n of a tone. Half a block holds whole periods of a multiple of 20 Hz, so that blocks join,
+// also where the scrubber overlaps halves of them.
+constexpr std::size_t kToneFrames = kRate / 10;
+constexpr float kLoudness = 0.05F;
+
+float Tone(int hertz, __int64 n) {
+  const auto in_period = static_cast<double>(n / kChannels * hertz % kRate) / kRate;
+  return kLoudness * static_cast<float>(std::sin(2 * std::numbers::pi * in_period));
+}
+
+struct ToneBlock : Floats {
+  explicit ToneBlock(int hertz) : Floats(kChannels * kToneFrames) {
+    for (std::size_t i = 0; i < values().size(); ++i) {
+      (*this)[i] = Tone(hertz, static_cast<__int64>(i));
+    }
+  }
+};
 
 ComPtr<IAudioWriter> Speaker(SHORT bits, SHORT channels = kChannels, LONG milliseconds = 1000) {
   const auto playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
@@ -115,26 +133,16 @@ void Record(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t fr
 // The signal, or a tone.
 class SoundSource final : public RampSource {
  public:
-  explicit SoundSource(float (*sample)(int, __int64), int hertz = 0)
-      : RampSource('A', kChannels, nullptr, kRate), sample_(sample), hertz_(hertz) {}
-  STDMETHODIMP ReadAudio(__int64 position, SAFEARRAY* samples) override {
-    auto* const out = static_cast<float*>(samples->pvData);
-    for (ULONG i = 0; i < samples->rgsabound[0].cElements; ++i) {
-      out[i] = sample_(hertz_, static_cast<__int64>(kChannels) * position + i);
-    }
-    return S_OK;
-  }
+  explicit SoundSource(int hertz = 0) : RampSource('A', kChannels, nullptr, kRate), hertz_(hertz) {}
 
  private:
-  float (*const sample_)(int, __int64);
+  float At(__int64 frame, int channel) const override {
+    const __int64 n = frame * kChannels + channel;
+    return hertz_ != 0 ? Tone(hertz_, n) : Signal(n);
+  }
+
   const int hertz_;
 };
-
-void Append(const Document& document, SoundSource* fresh, __int64 frames) {
-  ComPtr<RampSource> source;
-  *source.GetAddressOf() = fresh;
-  document.Append(source, 0, frames);
-}
 
 bool IsPlaying(const Document& document) {
   VARIANT_BOOL playing = VARIANT_TRUE;
@@ -143,41 +151,33 @@ bool IsPlaying(const Document& document) {
   return playing != VARIANT_FALSE;
 }
 
-void PlayDocument(const std::string& how) {
+void PlayDocument(const std::string& how, const std::vector<std::string>& words) {
   const Document document;
+  const auto source = MakeObject<SoundSource>();
   document->SetFormat(kRate, kChannels, 32);
-  Append(document, new SoundSource([](int, __int64 n) { return Signal(n); }), kRate);
-  if (how == "scrub") {
-    const auto scrub = As<IScrubSupport>(document.edit);
-    Check(scrub->StartScrub());
-    Check(scrub->SetScrubPosition(10'000));
+  // As in Play.
+  if (how == "mask") document.Append(nullptr, 0, kRate / 2);
+  document.Append(source, 0, 66'000);
+  document.Append(nullptr, 0, kRate);
+  if (how == "mask") {
+    Check(document->Play(0, document.Length(), 1, VARIANT_FALSE));
+    while (IsPlaying(document)) Sleep(10);
+  } else if (how == "scrub") {
+    Check(document.scrub->StartScrub());
+    Check(document.scrub->SetScrubPosition(10'000));
     AwaitLine();
-    Check(scrub->StopScrub());
+    Check(document.scrub->StopScrub());
   } else {
-    Check(document->Play(100, 110, 3, VARIANT_TRUE));
-    AwaitLine();
+    for (std::size_t i = 1; i + 1 < words.size(); i += 2) {
+      const int begin = std::stoi(words[i]);
+      const int end = std::stoi(words[i + 1]);
+      Check(i == 1 ? document->Play(begin, end, 3, VARIANT_TRUE)
+                   : document->ModifyPlaySection(begin, end));
+      AwaitLine();
+    }
     Check(document->StopPlay());
   }
 }
-
-constexpr std::size_t kToneFrames = kRate / 10;
-constexpr float kLoudness = 0.05F;
-
-// Half a block holds whole periods of a multiple of 20 Hz, so that blocks join, also where the
-// scrubber overlaps halves of them.
-float Tone(int hertz, __int64 n) {
-  const auto frame = n / static_cast<__int64>(kChannels);
-  const auto in_period = static_cast<double>(frame * hertz % kRate) / kRate;
-  return kLoudness * static_cast<float>(std::sin(2 * std::numbers::pi * in_period));
-}
-
-struct ToneBlock : Floats {
-  explicit ToneBlock(int hertz) : Floats(kChannels * kToneFrames) {
-    for (std::size_t i = 0; i < values().size(); ++i) {
-      (*this)[i] = Tone(hertz, static_cast<__int64>(i));
-    }
-  }
-};
 
 // One way to use a device, which can be started again after each end.
 class Use {
@@ -188,21 +188,17 @@ class Use {
   virtual void End(const std::string& ending) = 0;
   virtual bool Works() { return true; }
   virtual bool Idle() { return true; }
-};
 
-// A thread that calls an object over and over.
-class Caller {
- public:
-  template <class Call>
-  void Start(Call call) {
+ protected:
+  // A thread that makes the call over and over.
+  void Repeat(std::function<HRESULT()> call) {
     leaving_ = false;
-    thread_ = std::thread([this, call] {
+    thread_ = std::thread([this, call = std::move(call)] {
       do {
         last_ = call();
       } while (SUCCEEDED(last_) && !leaving_);
     });
   }
-  // The thread makes no further call.
   void Leave() { leaving_ = true; }
   void Join() {
     if (!thread_.joinable()) return;
@@ -222,11 +218,8 @@ class Playback final : public Use {
   HRESULT Start() override {
     if (!writer_) writer_ = Speaker(16, kChannels, writes_ ? 1000 : 60'000);
     const HRESULT hr = writer_->OpenDevice();
-    if (!writes_) {
-      for (int i = 0; i < 20 && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block_));
-    } else {
-      producer_.Start([this, writer = writer_] { return writer->WriteAudio(block_); });
-    }
+    if (writes_) Repeat([this, writer = writer_] { return writer->WriteAudio(block_); });
+    for (int i = 0; i < 20 && !writes_ && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block_));
     return hr;
   }
   void Ask() override {
@@ -241,10 +234,10 @@ class Playback final : public Use {
     if (ending == "break") As<IAudioPlayback>(writer_)->Break();
     if (ending == "close") writer_->CloseDevice();
     if (ending == "release") {
-      producer_.Leave();
+      Leave();
       writer_.Reset();
     }
-    producer_.Join();
+    Join();
   }
   bool Idle() override { return !writer_ || IsReady(writer_); }
 
@@ -252,17 +245,15 @@ class Playback final : public Use {
   const bool writes_;
   const ToneBlock block_;
   ComPtr<IAudioWriter> writer_;
-  Caller producer_;
 };
 
 class Recorder final : public Use {
  public:
   HRESULT Start() override {
-    if (!reader_) reader_ = Microphone(16);
     loud_blocks_ = 0;
     const HRESULT hr = reader_->OpenDevice();
-    consumer_.Start([this, reader = reader_] {
-      const HRESULT read = reader->ReadAudio(0, block_);
+    Repeat([this] {
+      const HRESULT read = reader_->ReadAudio(0, block_);
       if (SUCCEEDED(read) && std::ranges::max(block_.values()) > kLoudness) ++loud_blocks_;
       return read;
     });
@@ -272,24 +263,21 @@ class Recorder final : public Use {
   bool Works() override { return loud_blocks_ >= 10; }
   void End(const std::string& ending) override {
     if (ending == "close") reader_->CloseDevice();
-    consumer_.Join();
+    Join();
   }
 
  private:
   const Floats block_{kChannels * kToneFrames};
-  ComPtr<IAudioReader> reader_;
+  const ComPtr<IAudioReader> reader_ = Microphone(16);
   std::atomic<int> loud_blocks_{0};
-  Caller consumer_;
 };
 
 class Scrubber final : public Use {
  public:
   explicit Scrubber(int hertz) : block_(hertz) {}
   HRESULT Start() override {
-    if (!scrubber_) {
-      scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
-      writer_ = Speaker(16, kChannels, 100);
-    }
+    if (!scrubber_) scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
+    if (!writer_) writer_ = Speaker(16, kChannels, 100);
     Check(scrubber_->Start(writer_.Get(), kToneFrames, kRate, kChannels));
     return scrubber_->WriteBlock(block_);
   }
@@ -314,29 +302,22 @@ class InDocument final : public Use {
   HRESULT Start() override {
     if (!document_) {
       document_.emplace();
-      (*document_)->SetFormat(kRate, kChannels, 16);
-      Append(*document_, new SoundSource(Tone, hertz_), kRate);
+      document_->Append(MakeObject<SoundSource>(hertz_), 0, kRate);
     }
     if (!scrubs_) return (*document_)->Play(0, kRate, 3, VARIANT_TRUE);
-    const auto scrub = As<IScrubSupport>(document_->edit);
-    Check(scrub->StartScrub());
-    return scrub->SetScrubPosition(kRate / 2);
+    Check(document_->scrub->StartScrub());
+    return document_->scrub->SetScrubPosition(kRate / 2);
   }
   bool Idle() override { return scrubs_ || !document_ || !IsPlaying(*document_); }
   void Ask() override {
     IsPlaying(*document_);
     float level = 0;
     Check((*document_)->GetOutputLevel(0, &level));
-    if (scrubs_) Check(As<IScrubSupport>(document_->edit)->SetScrubPosition(0));
+    if (scrubs_) Check(document_->scrub->SetScrubPosition(0));
   }
   void End(const std::string& ending) override {
-    if (ending == "release") {
-      document_.reset();
-    } else if (scrubs_) {
-      As<IScrubSupport>(document_->edit)->StopScrub();
-    } else {
-      (*document_)->StopPlay();
-    }
+    if (ending == "release") return document_.reset();
+    scrubs_ ? document_->scrub->StopScrub() : (*document_)->StopPlay();
   }
 
  private:
@@ -348,10 +329,10 @@ class InDocument final : public Use {
 std::unique_ptr<Use> MakeUse(const std::string& name, int hertz) {
   if (name == "recorder") return std::make_unique<Recorder>();
   if (name == "scrubber") return std::make_unique<Scrubber>(hertz);
-  if (name == "document" || name == "cursor") {
-    return std::make_unique<InDocument>(name == "cursor", hertz);
+  if (name == "playback" || name == "drain") {
+    return std::make_unique<Playback>(name == "playback", hertz);
   }
-  return std::make_unique<Playback>(name != "drain", hertz);
+  return std::make_unique<InDocument>(name == "cursor", hertz);
 }
 
 void Obey(Use& use, const std::string& ending) {
@@ -366,19 +347,15 @@ void Obey(Use& use, const std::string& ending) {
 }
 
 void Run(const std::vector<std::string>& words) {
-  const auto number = [&](std::size_t i) { return std::stoi(words.at(i)); };
-  const auto width = [&](std::size_t i) { return static_cast<SHORT>(number(i)); };
-  const auto count = [&](std::size_t i) { return static_cast<std::size_t>(number(i)); };
   const std::string& command = words.at(0);
-  if (command == "play") {
-    Play(width(1), width(2), count(3), count(4));
-  } else if (command == "record") {
-    Record(width(1), width(2), count(3), count(4), words.at(5));
-  } else if (command == "document") {
-    PlayDocument(words.at(1));
-  } else {
-    Obey(*MakeUse(words.at(1), number(3)), words.at(2));
-  }
+  if (command == "use") return Obey(*MakeUse(words.at(1), std::stoi(words.at(3))), words.at(2));
+  if (command != "play" && command != "record") return PlayDocument(command, words);
+  const auto bits = static_cast<SHORT>(std::stoi(words.at(1)));
+  const auto channels = static_cast<SHORT>(std::stoi(words.at(2)));
+  const std::size_t block_frames = std::stoul(words.at(3));
+  const std::size_t frames = std::stoul(words.at(4));
+  if (command == "play") return Play(bits, channels, block_frames, frames);
+  Record(bits, channels, block_frames, frames, words.at(5));
 }
 
 }  // namespace

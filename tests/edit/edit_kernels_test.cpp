@@ -1,0 +1,234 @@
+// The kernels of edits, of playing a section and of the overview.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <iterator>
+#include <limits>
+#include <random>
+
+#include "edit/annotations.h"
+#include "edit/play_section.h"
+#include "edit/segment_list.h"
+#include "edit/waveplot.h"
+#include "tests/edit/plain_document.h"
+#include "tests/edit/plain_overview.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace marlinda {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::PlainDocument;
+using testing::PlainOverview;
+
+constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+
+// The fuzzer aborts where the kernels and the plain lists differ.
+TEST(Edits, GiveWhatWalksOverPlainListsGive) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 500; ++round) {
+    // Every other round has neither extreme positions, where offsets overflow, nor backward
+    // segments: only then are ranges removed in place.
+    const bool tame = round % 2 != 0;
+    std::uniform_int_distribution<unsigned> byte(tame ? 3 : 0, tame ? 127 : 255);
+    std::vector<std::uint8_t> bytes(random() % 2000);
+    for (std::uint8_t& value : bytes) value = static_cast<std::uint8_t>(byte(random));
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+}
+
+// By hand, so that the rules do not rest on the plain lists alone.
+TEST(Edits, MoveCutAndDoubleAnnotationsByTheRules) {
+  Annotations annotations{
+      {{500, "b"}, {100, "a"}, {99, "c"}},
+      {{{0, 100}, "before"}, {{100, 200}, "at"}, {{50, 101}, "around"}, {{120, 30}, "backward"}}};
+  const auto text = [](const Annotations& of) {
+    return PlainDocument{{}, of.labels, of.markers}.Text();
+  };
+  annotations.MoveForInsertion(100, 10);
+  EXPECT_EQ(text(annotations),
+            "b@510 a@110 c@99 before[0,100) at[110,210) around[50,100) backward[130,40) "
+            "around[110,111)");
+  EXPECT_EQ(text(annotations.Part({90, 200}, -90)),
+            "a@20 c@9 before[0,10) at[20,110) around[0,10) around[20,21)");
+  annotations.Delete({80, 150}, 511);
+  EXPECT_EQ(text(annotations), "b@440 before[0,80) around[50,80) at[80,140)");
+  annotations.Delete({75, 60}, 441);
+  EXPECT_EQ(text(annotations),
+            "b@455 before[0,75) around[50,75) before[75,95) around[75,95) at[95,155)");
+}
+
+TEST(Edits, LeaveTheIterationOnItsSegment) {
+  SegmentList<char> list;
+  const auto insert = [&](std::int64_t position, std::size_t count) {
+    std::vector<SegmentList<char>::Segment> added(count, {'B', 0, 1});
+    char divided = 'A';
+    list.Insert(position, added, divided);
+  };
+  for (int i = 0; i < 600; ++i) list.Append({'A', i, i + 1});
+  EXPECT_EQ(list.First()->begin, 0);
+  for (int i = 1; i <= 300; ++i) ASSERT_EQ(list.Next()->begin, i);
+  insert(10, 700);
+  EXPECT_EQ(list.Next()->begin, 301);
+  // Directly before the segment, and directly behind it.
+  insert(700 + 301, 1);
+  EXPECT_EQ(list.Next()->begin, 302);
+  insert(700 + 1 + 303, 1);
+  EXPECT_EQ(list.Next()->source, 'B');
+  for (int i = 303; i < 600; ++i) ASSERT_EQ(list.Next()->begin, i);
+  // At the end, it ends for good.
+  EXPECT_EQ(list.Next(), nullptr);
+  list.Append({'A', 0, 1});
+  EXPECT_EQ(list.Next(), nullptr);
+}
+
+// The first blocks of a walk as pairs of position and samples.
+std::vector<std::int64_t> Walk(const CSection& section, bool looped, std::int64_t block_bytes,
+                               std::int64_t channels, std::size_t max_blocks = 9) {
+  std::vector<std::int64_t> blocks;
+  for (PlayCursor cursor(section, looped, block_bytes, channels);
+       !cursor.AtEnd() && blocks.size() < 2 * max_blocks; cursor.Advance()) {
+    blocks.push_back(cursor.Position());
+    blocks.push_back(static_cast<std::int64_t>(cursor.Samples()));
+  }
+  return blocks;
+}
+
+TEST(PlaySection, WalksInBlocksOfFortyMillisecondsShortensTheLastOneAndLoops) {
+  EXPECT_EQ(PlayBlockBytes(44100, 2), 1764 * 8);
+  EXPECT_EQ(PlayBlockBytes(44056, 2), 14097);
+  EXPECT_EQ(PlayBlockBytes(2147483647, 32767), std::int64_t{2147483647} * 32767 * 4 / 25);
+  EXPECT_THAT(Walk({100, 125}, false, 80, 2), ElementsAre(100, 20, 110, 20, 120, 10));
+  EXPECT_THAT(Walk({0, 20}, false, 80, 2), ElementsAre(0, 20, 10, 20));
+  EXPECT_THAT(Walk({100, 115}, true, 80, 2, 3), ElementsAre(100, 20, 110, 10, 100, 20));
+  EXPECT_THAT(Walk({7, 10}, true, 80, 2, 2), ElementsAre(7, 6, 7, 6));
+  // 35 bytes are 8 samples: two frames of three channels and two samples, which do not count.
+  EXPECT_THAT(Walk({0, 5}, false, 35, 3), ElementsAre(0, 8, 2, 8, 4, 3));
+  EXPECT_THAT(Walk({0, 4}, false, 35, 3), ElementsAre(0, 8, 2, 6));
+  // Less than a frame in 40 milliseconds.
+  EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(1, 2), 2), ElementsAre(0, 2, 1, 2));
+  EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(-44100, 2), 2), ElementsAre(0, 2, 1, 2));
+  for (const bool looped : {false, true}) {
+    EXPECT_THAT(Walk({0, 10}, looped, 80, 0), ElementsAre());
+    EXPECT_THAT(Walk({0, 10}, looped, 80, -2), ElementsAre());
+    EXPECT_THAT(Walk({10, 3}, looped, 80, 2), ElementsAre());
+  }
+  EXPECT_THAT(Walk({kMax - 15, kMax}, false, 80, 2), ElementsAre(kMax - 15, 20, kMax - 5, 10));
+  EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2), ElementsAre(kMin, 20, kMin + 10, 20));
+}
+
+TEST(PlaySection, MaskSilencesTheChannelsWhoseBitsAreClear) {
+  const auto masked = [](std::size_t channels, std::uint32_t mask) {
+    std::vector<float> block = {1, 2, 3, 4, 5, 6};
+    ApplyChannelMask(block, channels, mask);
+    return block;
+  };
+  EXPECT_THAT(masked(2, 1), ElementsAre(1, 0, 3, 0, 5, 0));
+  EXPECT_THAT(masked(3, 6), ElementsAre(0, 2, 3, 0, 5, 6));
+  EXPECT_THAT(masked(2, 0xFFFFFFFE), ElementsAre(0, 2, 0, 4, 0, 6));
+  EXPECT_THAT(masked(2, 3), ElementsAre(1, 2, 3, 4, 5, 6));
+  EXPECT_THAT(masked(0, 0), ElementsAre(1, 2, 3, 4, 5, 6));
+  std::vector<float> frame(34, 1.0F);
+  ApplyChannelMask(frame, 34, 0xFFFFFFFF);
+  EXPECT_EQ(frame, std::vector<float>(34, 1.0F));
+  ApplyChannelMask(frame, 34, 0x80000000);
+  std::vector<float> only(34);
+  only[31] = 1.0F;
+  EXPECT_EQ(frame, only);
+}
+
+TEST(PlaySection, PositionsStayInsideTheSectionAndTheDocument) {
+  EXPECT_EQ(PositionInSection({100, 110}, 9), 109);
+  EXPECT_EQ(PositionInSection({100, 110}, std::int64_t{10} << 32), 100);
+  // Longer than any count of frames.
+  EXPECT_EQ(PositionInSection({kMin, kMax}, 5), kMin + 5);
+  EXPECT_EQ(ScrubBlockBegin(10'000, 4410), 10'000 - 2205);
+  EXPECT_EQ(ScrubBlockBegin(2204, 4410), 0);
+  EXPECT_EQ(ScrubBlockBegin(kMin, 4410), 0);
+  EXPECT_EQ(ScrubBlockBegin(kMax, -4410), kMax);
+}
+
+class Overview : public ::testing::Test {
+ protected:
+  std::int64_t Draw(std::int64_t low, std::int64_t high) {
+    return std::uniform_int_distribution<std::int64_t>(low, high)(random_);
+  }
+  // Noise with values that comparisons treat in a way of their own: NaN, both zeros, infinities.
+  std::vector<float> Noise(std::int64_t count) {
+    constexpr float kInfinity = std::numeric_limits<float>::infinity();
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    const float special[] = {kNaN, -kNaN, 0.0F, -0.0F, kInfinity, -kInfinity, 1.0F};
+    std::uniform_real_distribution<float> noise(-2.0F, 2.0F);
+    std::vector<float> samples(static_cast<std::size_t>(count));
+    const bool silent = Draw(0, 3) == 0;
+    for (float& sample : samples) {
+      const auto draw = static_cast<std::size_t>(Draw(0, silent ? 3 : 60));
+      sample = draw < std::size(special) ? special[draw] : noise(random_);
+    }
+    return samples;
+  }
+
+  // Draws a piece of `unit` * channels floats a record, in blocks of random sizes.
+  template <class Kernel, class Reference>
+  void Compare(Kernel kernel, Reference reference, std::int64_t unit, std::int64_t fewest) {
+    for (int round = 0; round < 2000; ++round) {
+      const std::int64_t channels = Draw(1, 5);
+      const std::int64_t n = Draw(1, 60);
+      const std::int64_t count = Draw(fewest, round % 2 == 0 ? 60 : 400);
+      const std::vector<float> data = Noise(count * channels * unit);
+      std::vector<float> expected = Noise(n * channels * 2);
+      // The array may end before the piece does.
+      const std::int64_t visible = Draw(0, 3) == 0 ? Draw(0, n) : n;
+      std::vector<float> pairs(expected.begin(), expected.begin() + visible * channels * 2);
+      (PlainOverview(expected, channels).*reference)(0, n, data.data(), count);
+      for (std::int64_t first = 0, block = 0; first == 0 || first < count; first += block) {
+        block = std::min(count - first, round % 3 == 0 ? count : Draw(1, 50));
+        kernel(pairs, static_cast<std::size_t>(channels), n, count, first,
+               std::span(data).subspan(static_cast<std::size_t>(first * channels * unit),
+                                       static_cast<std::size_t>(block * channels * unit)));
+        if (count == 0) break;
+      }
+      // Bits, so that a NaN equals itself and the zeros differ.
+      constexpr auto kBits = std::bit_cast<std::uint32_t, float>;
+      ASSERT_TRUE(
+          std::ranges::equal(pairs, std::span(expected).first(pairs.size()), {}, kBits, kBits))
+          << n << " columns, " << count << " records, " << channels << " channels";
+    }
+  }
+
+  std::mt19937 random_{3};
+};
+
+TEST_F(Overview, DrawsWhatPlainLoopsDrawWhateverTheBlocks) {
+  Compare(DrawSamples, &PlainOverview::Samples, 1, 1);
+  Compare(DrawPeaks, &PlainOverview::Peaks, 2, 0);
+}
+
+TEST_F(Overview, LinksNeighboursAndKeepsItsStartValues) {
+  std::vector<float> pairs(4);
+  DrawPeaks(pairs, 1, 2, 2, 0, std::vector<float>{0.1F, 0.2F, 0.5F, 0.6F});
+  EXPECT_THAT(pairs, ElementsAre(0.1F, 0.2F, 0.2F, 0.6F));
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  DrawSamples(pairs, 1, 2, 4, 0, std::vector<float>{1.5F, 1.25F, nan, -0.5F});
+  EXPECT_THAT(pairs, ElementsAre(1.0F, 1.5F, -0.5F, -0.5F));
+}
+
+TEST_F(Overview, ScalesWithoutOverflow) {
+  EXPECT_EQ(Scale(999, 1920, 1000), 1918);
+  EXPECT_EQ(Scale(kMax / 2, 1 << 30, kMax), (1 << 29) - 1);
+  EXPECT_EQ(Scale(kMax - 1, kMax - 1, kMax), kMax - 2);
+  EXPECT_EQ(Scale(kMax, 2, 1), kMax);
+  // Against a division whose quotient is known: (q * d + r) * m / (d * m) with r < d.
+  for (int round = 0; round < 2000; ++round) {
+    const std::int64_t q = Draw(0, 1 << 20);
+    const std::int64_t d = Draw(1, std::int64_t{1} << 42);
+    const std::int64_t m = Draw(1, 1 << 20);
+    ASSERT_EQ(Scale(q * d + Draw(0, d - 1), m, d * m), q);
+  }
+}
+
+}  // namespace
+}  // namespace marlinda
