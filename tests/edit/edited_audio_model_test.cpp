@@ -28,7 +28,7 @@ class EditedAudioModel : public ::testing::Test {
     IAudioReader* const source =
         segment.source == '-' ? nullptr
                               : sources_[static_cast<std::size_t>(segment.source - 'A')].Get();
-    switch (Draw(0, 15)) {
+    switch (Draw(0, 16)) {
       case 0:
         plain.labels.push_back({position, name});
         return at.AddLabel(name, position);
@@ -36,18 +36,19 @@ class EditedAudioModel : public ::testing::Test {
         plain.markers.push_back({{position, end}, name});
         return at.AddMarker(name, position, end);
       case 2: {
-        const auto place = static_cast<LONG>(Pick(plain.labels.size() + 1));
+        const auto place = static_cast<LONG>(Draw(-1, std::ssize(plain.labels)));
         const HRESULT expected = Change(plain.labels, place, {position, name});
-        EXPECT_EQ(odd_ ? at.labels->RemoveLabel(place)
-                       : at.labels->SetLabel(place, position, Document::Wide(name)),
+        const Bstr wide = Document::Wide(name);
+        EXPECT_EQ(odd_ ? at.labels->RemoveLabel(place) : at.labels->SetLabel(place, position, wide),
                   expected);
         return;
       }
       case 3: {
-        const auto place = static_cast<LONG>(Pick(plain.markers.size() + 1));
+        const auto place = static_cast<LONG>(Draw(-1, std::ssize(plain.markers)));
         const HRESULT expected = Change(plain.markers, place, {{position, end}, name});
+        const Bstr wide = Document::Wide(name);
         EXPECT_EQ(odd_ ? at.markers->RemoveSectionMarker(place)
-                       : at.markers->SetSectionMarker(place, position, end, Document::Wide(name)),
+                       : at.markers->SetSectionMarker(place, position, end, wide),
                   expected);
         return;
       }
@@ -74,6 +75,13 @@ class EditedAudioModel : public ::testing::Test {
         return Copied(at, other, all ? PlainDocument(plain) : plain.Part(position, end));
       }
       case 10:
+        if (Draw(0, 2) != 0) return;
+        plain.labels.clear();
+        plain.markers.clear();
+        EXPECT_EQ(at.labels->RemoveAllLabels(), S_OK);
+        EXPECT_EQ(at.markers->RemoveAllSectionMarkers(), S_OK);
+        return;
+      case 11:
         at.has_format = Draw(0, 1) != 0;
         EXPECT_EQ(at->SetFormat(at.has_format ? 44100 : 0, 1, 16), S_OK);
         return;
@@ -89,6 +97,11 @@ class EditedAudioModel : public ::testing::Test {
     for (const Pair& pair : pairs_) {
       ASSERT_EQ(pair.Length(), pair.plain.Length());
       ASSERT_EQ(pair.Text(), pair.plain.Text());
+      Bstr name;
+      __int64 ignored = 0;
+      for (const LONG beyond : {-1L, static_cast<LONG>(pair.plain.labels.size())}) {
+        ASSERT_EQ(pair.labels->GetLabel(beyond, &ignored, name.Receive()), E_INVALIDARG);
+      }
       ASSERT_EQ(pair.Format().starts_with("44100/1/"), pair.has_format);
       if (odd_ || !pair.has_format) continue;
       const __int64 position = Draw(0, pair.plain.Length() + 5);
@@ -130,12 +143,11 @@ class EditedAudioModel : public ::testing::Test {
     const __int64 begin = Draw(0, 3000);
     return {"ABC-"[Pick(4)], begin, begin + Draw(odd_ ? -30 : 1, 100)};
   }
-  // Replaces the record, or removes it in odd rounds.
+  // Replaces a record, or removes it in odd rounds.
   template <class Record>
   HRESULT Change(std::vector<Record>& records, LONG place, Record record) const {
-    const auto index = static_cast<std::size_t>(place);
-    if (index >= records.size()) return E_INVALIDARG;
-    records[index] = std::move(record);
+    if (place < 0 || place >= std::ssize(records)) return E_INVALIDARG;
+    records[static_cast<std::size_t>(place)] = std::move(record);
     if (odd_) records.erase(records.begin() + place);
     return S_OK;
   }

@@ -232,40 +232,14 @@ TEST_F(EditedAudio, CallsItsSourcesWithoutItsLock) {
   source->document = nullptr;
 }
 
-TEST_F(EditedAudio, FindsLabelsAndMarkersByTheirNumberAlone) {
-  EXPECT_EQ(document_.labels->AddLabel(100, nullptr), S_OK);
-  document_.AddMarker("backward", 100, 50);
-  for (const LONG index : {-1L, 1L, 2147483647L, -2147483647L}) {
-    __int64 position = 0;
-    Bstr name;
-    EXPECT_EQ(document_.labels->GetLabel(index, &position, name.Receive()), E_INVALIDARG);
-    EXPECT_EQ(document_.labels->RemoveLabel(index), E_INVALIDARG);
-    EXPECT_EQ(document_.markers->GetSectionMarker(index, &position, &position, name.Receive()),
-              E_INVALIDARG);
-    EXPECT_EQ(document_.markers->RemoveSectionMarker(index), E_INVALIDARG);
-  }
-  // An append moves neither.
-  document_.Append(a_, 0, 1000);
-  EXPECT_EQ(document_.Text(), "A[0,1000) @100 backward[100,50)");
-  EXPECT_EQ(document_.labels->RemoveAllLabels(), S_OK);
-  EXPECT_EQ(document_.markers->RemoveAllSectionMarkers(), S_OK);
-  EXPECT_EQ(document_.Text(), "A[0,1000)");
-}
-
 // Names pass the code page of the system both ways, not that of the thread.
 TEST_F(EditedAudio, ReturnsNamesUnchangedInEveryLocaleOfTheThread) {
   EXPECT_EQ(document_.labels->AddLabel(0, Bstr(L"caf\u00E9")), S_OK);
   EXPECT_EQ(document_.markers->AddSectionMarker(0, 1, Bstr(L"\u00E9t\u00E9")), S_OK);
   const LCID usual = GetThreadLocale();
   ASSERT_TRUE(SetThreadLocale(MAKELCID(MAKELANGID(LANG_RUSSIAN, SUBLANG_DEFAULT), SORT_DEFAULT)));
-  __int64 position = 0;
-  Bstr label;
-  Bstr marker;
-  EXPECT_EQ(document_.labels->GetLabel(0, &position, label.Receive()), S_OK);
-  EXPECT_EQ(document_.markers->GetSectionMarker(0, &position, &position, marker.Receive()), S_OK);
+  EXPECT_EQ(document_.Text(), "caf\xE9@0 \xE9t\xE9[0,1)");
   SetThreadLocale(usual);
-  EXPECT_EQ(label.str(), L"caf\u00E9");
-  EXPECT_EQ(marker.str(), L"\u00E9t\u00E9");
 }
 
 // An object of a host that contains a document and may hide its labels.

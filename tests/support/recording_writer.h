@@ -1,4 +1,4 @@
-// An audio writer that notes what is done to it, for tests of what writes into one.
+// An audio writer that notes its calls and keeps its samples.
 #pragma once
 
 #include <marlinda.h>
@@ -12,7 +12,7 @@
 
 namespace marlinda::testing {
 
-// The notes belong to the thread that writes until the task has ended, but for the two counters.
+// The notes belong to the thread that writes until the task has ended, but for the atomics.
 class RecordingWriter final : public TestObject<IAudioWriter> {
  public:
   // The methods in the order of the calls, "WriteAudio" once for a run of them.
@@ -23,11 +23,10 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
   std::vector<std::size_t> block_sizes;
   std::vector<float> samples;
   bool keep_samples = true;  // and block sizes
-
   std::atomic<std::size_t> blocks = 0;
   std::atomic<bool> closed = false;
 
-  // What WriteAudio does beyond taking notes, and what every method returns.
+  // Runs in WriteAudio after the notes are taken; and the result of every method.
   std::function<void(SAFEARRAY*)> on_write;
   HRESULT result = S_OK;
 
@@ -35,40 +34,32 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
     Note("WriteAudio");
     if (keep_samples && array != nullptr && array->cbElements == sizeof(float)) {
       const auto* values = static_cast<const float*>(array->pvData);
-      const std::size_t count = array->rgsabound[0].cElements;
-      block_sizes.push_back(count);
-      samples.insert(samples.end(), values, values + count);
+      block_sizes.push_back(array->rgsabound[0].cElements);
+      samples.insert(samples.end(), values, values + block_sizes.back());
     }
     ++blocks;
     if (on_write) on_write(array);
     return result;
   }
-  STDMETHODIMP OpenDevice() override {
-    Note("OpenDevice");
-    return result;
-  }
+  STDMETHODIMP OpenDevice() override { return Note("OpenDevice"); }
   STDMETHODIMP CloseDevice() override {
     Note("CloseDevice");
     closed = true;
     return result;
   }
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
-    Note("SetFormat");
     samples_per_sec = nSamplesPerSec;
     channels = nChannels;
-    return result;
+    return Note("SetFormat");
   }
-  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
-    Note("QueryIsReady");
-    *pbReady = 1;
-    return result;
-  }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override { return *pbReady = 1, Note("QueryIsReady"); }
 
  private:
-  void Note(const char* call) {
+  HRESULT Note(const char* call) {
     if (calls.empty() || calls.back() != call) calls.emplace_back(call);
     const DWORD thread = GetCurrentThreadId();
     if (threads.empty() || threads.back() != thread) threads.push_back(thread);
+    return result;
   }
 };
 

@@ -4,7 +4,7 @@
 //   sound_tool mask                  the left channel of 66000 frames in a document
 //   sound_tool loop BEGIN END...     sections of a document, each until a line comes in
 //   sound_tool scrub                 the block around frame 10000, until a line comes in
-//   sound_tool use playback|drain|document|scrubber|cursor|recorder ENDING HERTZ
+//   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
 //   start  started=1 if the device was opened
 //   works  waits until sound has passed
@@ -272,29 +272,6 @@ class Recorder final : public Use {
   std::atomic<int> loud_blocks_{0};
 };
 
-class Scrubber final : public Use {
- public:
-  explicit Scrubber(int hertz) : block_(hertz) {}
-  HRESULT Start() override {
-    if (!scrubber_) scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
-    if (!writer_) writer_ = Speaker(16, kChannels, 100);
-    Check(scrubber_->Start(writer_.Get(), kToneFrames, kRate, kChannels));
-    return scrubber_->WriteBlock(block_);
-  }
-  void Ask() override { Check(scrubber_->WriteBlock(block_)); }
-  void End(const std::string& ending) override {
-    if (ending == "stop") scrubber_->Stop();
-    if (ending != "release") return;
-    scrubber_.Reset();
-    writer_.Reset();
-  }
-
- private:
-  const ToneBlock block_;
-  ComPtr<IAudioScrubber> scrubber_;
-  ComPtr<IAudioWriter> writer_;
-};
-
 // Plays in a document, or scrubs in it.
 class InDocument final : public Use {
  public:
@@ -328,7 +305,6 @@ class InDocument final : public Use {
 
 std::unique_ptr<Use> MakeUse(const std::string& name, int hertz) {
   if (name == "recorder") return std::make_unique<Recorder>();
-  if (name == "scrubber") return std::make_unique<Scrubber>(hertz);
   if (name == "playback" || name == "drain") {
     return std::make_unique<Playback>(name == "playback", hertz);
   }
