@@ -212,7 +212,8 @@ TEST_F(Grabber, AnswersForALiveSourceAndReadsMoreOrLessThanADeviceBuffer) {
   for (const SHORT bits : {8, 16, 32}) {
     ASSERT_EQ(grabber_->SetFormat(44100, 2, bits), S_OK);
     ASSERT_EQ(reader_->OpenDevice(), S_OK) << bits;
-    for (const std::size_t frames : {1, 5000, 100}) {
+    // Also more than all buffers hold.
+    for (const std::size_t frames : {1, 40'000, 100}) {
       const Floats block(2 * frames, 9.0F);
       ASSERT_EQ(reader_->ReadAudio(-1, block), S_OK);
       // Silence, at 8 bits the code above the middle.

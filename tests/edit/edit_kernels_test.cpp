@@ -83,6 +83,11 @@ TEST(Edits, LeaveTheIterationOnItsSegment) {
   EXPECT_EQ(list.Next(), nullptr);
   list.Append({'A', 0, 1});
   EXPECT_EQ(list.Next(), nullptr);
+  // A removal ends it too.
+  list.First();
+  char divided = 'A';
+  list.Remove({1, 2}, divided);
+  EXPECT_EQ(list.Next(), nullptr);
 }
 
 // The first blocks of a walk as pairs of position and samples.

@@ -200,6 +200,7 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
+      from->block_samples = 10'000;  // not ready is then above the limit
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());
@@ -237,6 +238,7 @@ TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverter) {
     std::vector<LONG> set_up;
   } rows[] = {{false, 22050, 1, {}},
               {true, 22050, 1, {44100, 22050, 2, 1, 151}},
+              {true, 44100, 2, {}},
               // A target that is not positive.
               {true, 0, 2, {}},
               {true, 44100, -1, {}}};
