@@ -1,5 +1,6 @@
 #include "import/codec_memory.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -24,15 +25,25 @@ CodecMemory::~CodecMemory() {
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
-  // Two pointers keep the alignment of malloc for the contents.
-  static_assert(sizeof(Block) == 2 * sizeof(void*));
+  // Keeps the alignment of malloc for the contents.
+  static_assert(sizeof(Block) % (2 * sizeof(void*)) == 0);
   Block* const old = contents != nullptr ? static_cast<Block*>(contents) - 1 : nullptr;
+  CodecMemory* const owner = old != nullptr ? old->owner : ThreadSlot<CodecMemory>::Get();
   const bool alone = old == nullptr || old->next == old;
-  if (size > std::numeric_limits<std::size_t>::max() - sizeof(Block)) throw std::bad_alloc();
-  auto* const block = static_cast<Block*>(std::realloc(old, sizeof(Block) + size));
+  const std::size_t old_size = old != nullptr ? old->size : 0;
+  const std::size_t most = owner != nullptr ? kMaxBytes - owner->held_ + old_size
+                                            : std::numeric_limits<std::size_t>::max();
+  if (size > most - std::min(most, sizeof(Block))) throw std::bad_alloc();
+  std::size_t wanted = sizeof(Block) + size;
+  if (wanted <= old_size) return contents;
+  if (old != nullptr) wanted = std::max(wanted, std::min(most, old_size + old_size / 2));
+  auto* const block = static_cast<Block*>(std::realloc(old, wanted));
   if (block == nullptr) throw std::bad_alloc();
   if (alone) new (block) Block;
-  if (CodecMemory* const owner = ThreadSlot<CodecMemory>::Get(); old == nullptr && owner) {
+  block->owner = owner;
+  block->size = wanted;
+  if (owner != nullptr) owner->held_ += wanted - old_size;
+  if (old == nullptr && owner != nullptr) {
     block->previous = owner->blocks_.previous;
     block->next = &owner->blocks_;
   }
@@ -44,6 +55,7 @@ void* CodecMemory::Resize(void* contents, std::size_t size) {
 void CodecMemory::Free(void* contents) noexcept {
   if (contents == nullptr) return;
   Block* const block = static_cast<Block*>(contents) - 1;
+  if (block->owner != nullptr) block->owner->held_ -= block->size;
   block->previous->next = block->next;
   block->next->previous = block->previous;
   std::free(block);

@@ -2,8 +2,8 @@
 // builds to allocate here. Why: the library uses the result of malloc without a check, so a small
 // file that announces huge tables would crash the host. Here a failed request throws std::bad_alloc
 // through the library instead. The decoder's state is then inconsistent and is never used again;
-// its blocks are freed with this object. A library built otherwise has its own heap, without this
-// protection.
+// its blocks are freed with this object. So does a request beyond what one decoder may hold. A
+// library built otherwise has its own heap, without this protection.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,9 @@ namespace marlinda {
 
 class CodecMemory {
  public:
+  // What the blocks of one owner take at most, in bytes.
+  static constexpr std::size_t kMaxBytes = std::size_t{128} << 20;
+
   // Until its end, blocks that the library allocates on this thread belong to `memory`. Blocks
   // allocated without a Use have no owner. Throws std::bad_alloc.
   class Use {
@@ -32,6 +35,7 @@ class CodecMemory {
   ~CodecMemory();
 
   // The library's malloc and realloc: `contents` may be null, and stay as they are when it throws.
+  // A block that grows gets room to grow further: the library asks for a page more each time.
   static void* Resize(void* contents, std::size_t size);
   static void Free(void* contents) noexcept;
 
@@ -41,9 +45,12 @@ class CodecMemory {
   struct Block {
     Block* previous = this;
     Block* next = this;
+    CodecMemory* owner = nullptr;
+    std::size_t size = sizeof(Block);  // with the contents and the room behind them
   };
 
   Block blocks_;
+  std::size_t held_ = 0;
 };
 
 }  // namespace marlinda
