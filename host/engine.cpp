@@ -217,6 +217,12 @@ std::optional<__int64> Source::Frames() const {
   return frames;
 }
 
+bool Source::IsIncomplete() const {
+  float progress = 1.0F;
+  const auto task = TryQuery<ICoreTask>(filter_.Get());
+  return task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1.0F;
+}
+
 Tags Source::ReadTags() const {
   const auto reader = TryQuery<IMetaDataReader>(filter_.Get());
   Bstr title;
@@ -275,6 +281,10 @@ ImportedAudio Source::Import(const Console& console) {
   if (promised && audio.frames < *promised) {
     console.Tell(file_ + ": only " + std::to_string(audio.frames) + " of " +
                  std::to_string(*promised) + " frames could be decoded; the file seems damaged");
+  } else if (IsIncomplete()) {
+    console.Tell(file_ + ": only the first " + std::to_string(audio.frames) +
+                 " frames were read; the part behind them has another sample rate or number of "
+                 "channels and is left out");
   }
   return audio;
 }

@@ -112,6 +112,9 @@ class Source {
   ImportedAudio Import(const Console& console);
 
  private:
+  // After an import that nobody interrupted: whether the filter left out a part of the file.
+  bool IsIncomplete() const;
+
   std::string file_;
   ComPtr<IImportFilter> filter_;
   FilterIdentity identity_;
