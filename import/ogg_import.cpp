@@ -13,6 +13,9 @@ namespace {
 // All decoding goes through 16-bit samples.
 constexpr SHORT kBitsPerSample = 16;
 
+// Longer comments are no titles but pictures.
+constexpr std::size_t kMaxCommentBytes = std::size_t{1} << 20;
+
 // Null when the file cannot be opened.
 FilePointer OpenForReading(const std::string& name) noexcept {
   std::FILE* file = nullptr;
@@ -22,7 +25,7 @@ FilePointer OpenForReading(const std::string& name) noexcept {
 Tags ReadTags(const VorbisStream& stream) {
   Tags tags;
   for (const std::string_view comment : stream.Comments()) {
-    ApplyVorbisComment(Utf8ToAnsi(comment), tags);
+    if (comment.size() <= kMaxCommentBytes) ApplyVorbisComment(Utf8ToAnsi(comment), tags);
   }
   return tags;
 }
@@ -58,13 +61,23 @@ STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
     file_name_ = ToAnsi(bstrFileName);
     std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
     if (stream == nullptr) return E_FAIL;
-    tags_ = ReadTags(*stream);
+    Tags tags = ReadTags(*stream);
+    // Takes the decoder's memory now. It may go on to the next link, whose comments are others.
+    stream->Prepare();
+    tags_ = std::move(tags);
     job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};
     job_->average_bytes_per_sec = stream->average_bytes_per_sec();
     job_->total = stream->total_frames();
+    job_->readable = stream->readable_frames();
     job_->source = std::move(stream);
     return S_OK;
   });
+}
+
+STDMETHODIMP COggImport::GetSourceSampleCount(__int64* pnSampleCount) {
+  if (pnSampleCount == nullptr) return E_POINTER;
+  *pnSampleCount = job_ != nullptr ? job_->readable : 0;
+  return S_OK;
 }
 
 STDMETHODIMP COggImport::SetFilename(BSTR bstrFileName) {

@@ -7,7 +7,9 @@
 
 namespace marlinda {
 
-using OggImportJob = ImportJob<VorbisStream>;
+struct OggImportJob : ImportJob<VorbisStream> {
+  __int64 readable = 0;  // frames before the first change of format
+};
 
 // One Initialize serves one run: it opens the file, Start decodes it to its end and closes it. A
 // new Initialize readies the same object for another file.
@@ -25,9 +27,13 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
 
   // IImportFilter
   STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override;
-  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file; writer and name are kept then,
-  // but there is nothing to start. E_FAIL, and no change, while a run is active.
+  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file, E_OUTOFMEMORY when its decoder
+  // takes too much memory; writer and name are kept then, but there is nothing to start. E_FAIL,
+  // and no change, while a run is active.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
+  // Of a chain that changes its format, the frames before the change. The progress counts the whole
+  // chain and so tells that a part is left out.
+  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override;
 
   // IMetaDataReader
   // Reads the metadata of a file that is not to be imported. E_FAIL when it cannot be opened or is

@@ -5,6 +5,7 @@
 #include <vorbis/vorbisfile.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <new>
 #include <utility>
@@ -14,11 +15,33 @@
 
 namespace marlinda {
 
+namespace {
+
+int SeekFile(std::FILE* file, std::int64_t offset, int origin) noexcept {
+#ifdef _WIN32
+  return _fseeki64(file, offset, origin);
+#else
+  return fseeko(file, offset, origin);
+#endif
+}
+
+std::int64_t TellFile(std::FILE* file) noexcept {
+#ifdef _WIN32
+  return _ftelli64(file);
+#else
+  return ftello(file);
+#endif
+}
+
+}  // namespace
+
 // The decoder's state holds pointers into itself and so must never move.
 struct VorbisStream::Decoder {
   FilePointer input;
   CodecMemory memory;
   OggVorbis_File file = {};
+  // Bytes that may still be read.
+  std::int64_t allowance = std::numeric_limits<std::int64_t>::max();
   // Not while a call is under way that may run out of memory, nor after one that did.
   bool whole = true;
 
@@ -33,6 +56,45 @@ struct VorbisStream::Decoder {
     const auto result = function(&file);
     whole = true;
     return result;
+  }
+
+  // The library's result of opening. Its search for the links of a chain reads some parts of a file
+  // several times, and a hostile one would have it read them without end.
+  int Open() {
+    std::FILE* const opened = input.get();
+    const std::int64_t size = SeekFile(opened, 0, SEEK_END) == 0 ? TellFile(opened) : 0;
+    std::rewind(opened);
+    allowance = 4 * size + (std::int64_t{1} << 30);
+    const int result = Call([this](OggVorbis_File* state) {
+      return ov_open_callbacks(this, state, nullptr, 0, Callbacks());
+    });
+    allowance = std::numeric_limits<std::int64_t>::max();
+    return result;
+  }
+
+  // Without one that closes: whatever becomes of the state, the file is closed, and once.
+  static ov_callbacks Callbacks() noexcept {
+    ov_callbacks callbacks = {};
+    // A block of nothing with errno set is a failure to the library.
+    callbacks.read_func = [](void* to, std::size_t size, std::size_t count, void* source) {
+      auto* const decoder = static_cast<Decoder*>(source);
+      const std::size_t read = std::fread(to, size, count, decoder->input.get());
+      decoder->allowance -= static_cast<std::int64_t>(size * read);
+      if (decoder->allowance >= 0) return read;
+      errno = EFBIG;
+      return std::size_t{0};
+    };
+    callbacks.seek_func = [](void* source, ogg_int64_t offset, int origin) {
+      return SeekFile(static_cast<Decoder*>(source)->input.get(), offset, origin);
+    };
+    // A library without the project's patch takes a long here. Where that has 32 bits, it refuses a
+    // longer file.
+    callbacks.tell_func = [](void* source) {
+      using Position = decltype(ov_callbacks().tell_func(nullptr));
+      const std::int64_t position = TellFile(static_cast<Decoder*>(source)->input.get());
+      return std::in_range<Position>(position) ? static_cast<Position>(position) : Position{-1};
+    };
+    return callbacks;
   }
 
   // Even clearing takes memory. Does little after a failed opening.
@@ -58,11 +120,7 @@ bool FitsAFormat(const vorbis_info* info) noexcept {
 std::unique_ptr<VorbisStream> VorbisStream::Open(FilePointer file) {
   if (file == nullptr) return nullptr;
   auto decoder = std::make_unique<Decoder>(std::move(file));
-  std::FILE* const input = decoder->input.get();
-  const auto open = [input](OggVorbis_File* state) { return ov_open(input, state, nullptr, 0); };
-  if (decoder->Call(open) != 0) return nullptr;
-  // Whatever becomes of the state, the file is closed, and once.
-  decoder->file.callbacks.close_func = nullptr;
+  if (decoder->Open() != 0) return nullptr;
   if (!FitsAFormat(ov_info(&decoder->file, -1))) return nullptr;
   return std::unique_ptr<VorbisStream>(new VorbisStream(std::move(decoder)));
 }
@@ -72,7 +130,16 @@ VorbisStream::VorbisStream(std::unique_ptr<Decoder> decoder) : decoder_(std::mov
   const vorbis_info* const info = ov_info(file, -1);
   samples_per_sec_ = static_cast<std::int32_t>(info->rate);
   channels_ = static_cast<std::int16_t>(info->channels);
-  total_frames_ = ov_pcm_total(file, -1);
+  bool same = true;
+  for (int link = 0; link < ov_streams(file); ++link) {
+    vorbis_info* const format = ov_info(file, link);
+    // A block has at most half a long one's samples, and takes two bytes of the file.
+    const std::int64_t most = file->end * (vorbis_info_blocksize(format, 1) / 4);
+    const std::int64_t frames = std::min<std::int64_t>(ov_pcm_total(file, link), most);
+    same &= frames <= 0 || (format->rate == info->rate && format->channels == info->channels);
+    total_frames_ += frames;
+    if (same) readable_frames_ += frames;
+  }
   const long bits_per_sec =
       info->bitrate_nominal > 0 ? info->bitrate_nominal : ov_bitrate(file, -1);
   average_bytes_per_sec_ = static_cast<std::int32_t>(
@@ -92,6 +159,15 @@ std::vector<std::string_view> VorbisStream::Comments() const {
   return result;
 }
 
+void VorbisStream::Prepare() {
+  if (ended_) return;
+  ended_ = true;
+  float** planes = nullptr;
+  ended_ = decoder_->Call([&](OggVorbis_File* state) {
+    return ov_read_float(state, &planes, 0, nullptr);
+  }) < 0;
+}
+
 // The library's own 16-bit decoding converts the same floats in the same blocks, but more slowly.
 std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
@@ -108,6 +184,13 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   ended_ = frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
            info->channels != channels_;
   if (ended_) return 0;
+  if (const int before = std::exchange(link_, link); before != link && before > 0) {
+    // The library keeps the tables of every link that it has decoded. It needs the first one's.
+    decoder_->Call([before](OggVorbis_File* state) {
+      vorbis_info_clear(ov_info(state, before));
+      return 0;
+    });
+  }
   PackVorbisFrames(planes, channels, static_cast<std::size_t>(frames), buffer.data());
   return static_cast<std::size_t>(frames) * channels;
 }

@@ -22,7 +22,8 @@ using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 class VorbisStream {
  public:
   // Takes the file over, which is open for binary reading. Null, and the file closed, when it is
-  // not an Ogg Vorbis file. std::bad_alloc, and the file closed, when there is not enough memory.
+  // not an Ogg Vorbis file, or a chain of more than 1000 links. std::bad_alloc, and the file
+  // closed, when there is not enough memory; a decoder gets CodecMemory::kMaxBytes at most.
   static std::unique_ptr<VorbisStream> Open(FilePointer file);
 
   VorbisStream(const VorbisStream&) = delete;
@@ -34,8 +35,11 @@ class VorbisStream {
   std::int16_t channels() const noexcept { return channels_; }
 
   // Frames of the whole file by its headers, all links of a chain included. Not positive where they
-  // are missing. Read may deliver more or fewer from a damaged file.
+  // are missing, and no more than a file of this size can hold. Read may deliver more or fewer from
+  // a damaged file.
   std::int64_t total_frames() const noexcept { return total_frames_; }
+  // The frames of these before the first link of another format.
+  std::int64_t readable_frames() const noexcept { return readable_frames_; }
 
   // Of the compressed stream: the nominal rate of its header, else the average over the file, else
   // 0.
@@ -44,6 +48,9 @@ class VorbisStream {
   // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
   // its first NUL; none once a Read has thrown. They live as long as this object, or until then.
   std::vector<std::string_view> Comments() const;
+
+  // Makes the decoder ready for Read, which does it otherwise. std::bad_alloc as there.
+  void Prepare();
 
   // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many
   // samples it has: at least one frame's and at most what the buffer, of one frame or more, has
@@ -64,7 +71,9 @@ class VorbisStream {
   std::int32_t samples_per_sec_ = 0;
   std::int16_t channels_ = 0;
   std::int64_t total_frames_ = 0;
+  std::int64_t readable_frames_ = 0;
   std::int32_t average_bytes_per_sec_ = 0;
+  int link_ = 0;  // that the latest Read delivered from
   bool ended_ = false;
 };
 

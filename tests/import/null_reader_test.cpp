@@ -8,7 +8,6 @@ namespace {
 TEST(NullReader, ReportsWhatItWasGivenAndReadsSilenceEverywhere) {
   const auto silence = Create<INullReader>(CLSID_CNullReader);
   const auto reader = As<IAudioReader>(silence);
-  const auto peaks = As<IPeakReader>(silence);
   const auto expect = [&](__int64 count, LONG rate, SHORT channels) {
     LONG told_rate = -9;
     SHORT told_channels = -9;
@@ -23,16 +22,16 @@ TEST(NullReader, ReportsWhatItWasGivenAndReadsSilenceEverywhere) {
   expect(-5, -1, -2);
   EXPECT_EQ(silence->Create(100, 48000, 2), S_OK);
   expect(100, 48000, 2);
-  for (const __int64 position : {0LL, 100LL, 1LL << 40, -7LL}) {
+  for (const __int64 position : {0LL, 1LL << 40, -7LL}) {
     const Floats block(8, 0.5F, 5);
-    const Floats peak_block(8, 0.5F);
+    const Floats peaks(8, 0.5F);
     EXPECT_EQ(reader->ReadAudio(position, block), S_OK);
-    EXPECT_EQ(peaks->ReadPeaks(position, peak_block), S_OK);
+    EXPECT_EQ(As<IPeakReader>(silence)->ReadPeaks(position, peaks), S_OK);
     EXPECT_EQ(block.ToVector(), std::vector<float>(8));
-    EXPECT_EQ(peak_block.ToVector(), std::vector<float>(8));
+    EXPECT_EQ(peaks.ToVector(), std::vector<float>(8));
   }
   LONG frames_per_peak = 0;
-  EXPECT_EQ(peaks->GetSamplesPerPeak(&frames_per_peak), S_OK);
+  EXPECT_EQ(As<IPeakReader>(silence)->GetSamplesPerPeak(&frames_per_peak), S_OK);
   EXPECT_EQ(frames_per_peak, 256);
 }
 

@@ -1,4 +1,4 @@
-// Ogg files for the tests: those of the tree, damaged and chained ones made from them, and decoders
+// Ogg files for the tests: those of the tree, others made from them or from nothing, and decoders
 // that are independent of the import code: a plain loop over the same build of the codec library
 // for exact comparison, and the output of the oggdec program.
 #pragma once
@@ -20,34 +20,28 @@ inline constexpr char kDemoPiece[] = "demo.ogg";
 
 std::filesystem::path DataFile(const std::string& name);
 Bytes ReadAll(const std::filesystem::path& path);
-
-// Stretches of the same format that a decoder delivered, as blocks of up to 32768 bytes.
-struct DecodedLink {
-  long samples_per_sec = 0;
-  int channels = 0;
-  std::vector<std::int16_t> samples;
-  std::vector<std::size_t> block_sizes;  // in samples
-};
+inline Bytes ReadData(const std::string& name) { return ReadAll(DataFile(name)); }
 
 struct Decoded {
   bool opened = false;
   std::int64_t total_frames = 0;
-  std::vector<DecodedLink> links;
+  // Of the first format.
+  long samples_per_sec = 0;
+  int channels = 0;
+  std::vector<std::int16_t> samples;
+  std::vector<std::size_t> block_sizes;  // in samples, of up to 32768 bytes
 };
 
-// Decodes a whole file, past holes, to the first other error.
+// Decodes a file up to an error or a change of format.
 Decoded DecodeWithLibrary(const std::filesystem::path& path);
 
 // What oggdec made of a file of the tree when the tests were built.
 std::vector<std::int16_t> DecodedByOggdec(const std::string& name);
 
-// The largest difference of two decodings, a 16-bit step being 1; -1 when the lengths differ.
-int LargestDifference(const std::vector<std::int16_t>& a, const std::vector<std::int16_t>& b);
-
-// A file with the given bytes in the system's temporary folder, removed at the end.
+// A file in the system's temporary folder, removed at the end: `bytes`, a gap of zeros, `tail`.
 class TemporaryOgg {
  public:
-  explicit TemporaryOgg(const Bytes& bytes);
+  explicit TemporaryOgg(const Bytes& bytes, std::uintmax_t gap = 0, const Bytes& tail = {});
   TemporaryOgg(const TemporaryOgg&) = delete;
   TemporaryOgg& operator=(const TemporaryOgg&) = delete;
   ~TemporaryOgg();
@@ -57,16 +51,19 @@ class TemporaryOgg {
   std::filesystem::path path_;
 };
 
-// Files made out of the tree's.
+Bytes Joined(const Bytes& first, const Bytes& second);
 Bytes Chained(const std::string& first, const std::string& second);
-Bytes Truncated(const std::string& name, std::size_t length);
-Bytes WithByteFlipped(const std::string& name, std::size_t offset);
+// Where the page in the middle of a file begins and ends.
+std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file);
 // Many flips in the bodies of audio pages with the pages' checksums made right again, so that the
 // damage reaches the decoder instead of being thrown away as a broken page.
 Bytes WithPacketsScrambled(const std::string& name, unsigned seed);
 // The last page's position set, from which the length of the file follows.
 Bytes WithLastPosition(const std::string& name, std::int64_t frames);
-// A page in the middle taken out.
-Bytes WithPageMissing(const std::string& name);
+// So many links, each with its own number and `file` as its content.
+Bytes ManyLinks(Bytes file, std::uint32_t count);
+// Headers and silence. Every codebook has 2^`entries` codewords, and `dimension` values for each
+// unless that is 1.
+Bytes WithCodebooks(int count, unsigned dimension, int entries, const Bytes& comment = {});
 
 }  // namespace marlinda::testing
