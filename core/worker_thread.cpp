@@ -34,6 +34,14 @@ DWORD WINAPI Run(void* parameter) noexcept {
 
 }  // namespace
 
+bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept {
+  DWORD index = 0;
+  const HRESULT hr = CoWaitForMultipleHandles(0, milliseconds, 1, &object, &index);
+  if (SUCCEEDED(hr) || hr == RPC_S_CALLPENDING) return SUCCEEDED(hr);
+  // A thread without an apartment has no calls to serve.
+  return WaitForSingleObject(object, milliseconds) == WAIT_OBJECT_0;
+}
+
 WorkerThread::~WorkerThread() {
   if (thread_ && !OnWorker()) WaitForSingleObject(thread_.get(), INFINITE);
 }
@@ -79,12 +87,7 @@ void WorkerThread::Detach() noexcept {
 }
 
 void WorkerThread::AwaitServingCalls(DWORD milliseconds) const noexcept {
-  if (!thread_ || OnWorker()) return;
-  HANDLE thread = thread_.get();
-  DWORD index = 0;
-  const HRESULT hr = CoWaitForMultipleHandles(0, milliseconds, 1, &thread, &index);
-  // A thread without an apartment has no calls to serve.
-  if (FAILED(hr) && hr != RPC_S_CALLPENDING) WaitForSingleObject(thread, milliseconds);
+  if (thread_ && !OnWorker()) marlinda::AwaitServingCalls(thread_.get(), milliseconds);
 }
 
 bool WorkerThread::OnWorker() const noexcept { return id_ == GetCurrentThreadId(); }

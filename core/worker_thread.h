@@ -11,6 +11,11 @@
 
 namespace marlinda {
 
+// Waits until the object is signalled; false when it is not after `milliseconds`. Meanwhile this
+// thread serves the calls that come to the objects of its apartment: whoever signals may depend on
+// one of them.
+bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
+
 // Owns at most one thread. The body must keep alive what it touches (capture shared state, not the
 // COM object), because the last release of the object may happen on the worker itself.
 class WorkerThread {
@@ -43,8 +48,7 @@ class WorkerThread {
   // stays loaded until the body returns.
   void Detach() noexcept;
 
-  // Waits until the body has ended, or for `milliseconds`. Meanwhile this thread serves the calls
-  // that come to the objects of its apartment: the body may depend on one of them.
+  // Waits until the body has ended, or for `milliseconds`, and serves calls meanwhile.
   void AwaitServingCalls(DWORD milliseconds) const noexcept;
 
  private:
