@@ -3,10 +3,13 @@
 namespace marlinda {
 
 bool FileSource::Open(const std::wstring& name) noexcept {
-  file_.Reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                          FILE_ATTRIBUTE_NORMAL, nullptr));
+  // Another program may have it open for writing.
+  file_.Reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   LARGE_INTEGER size = {};
-  if (!file_ || !GetFileSizeEx(file_.get(), &size)) return false;
+  if (!file_ || GetFileType(file_.get()) != FILE_TYPE_DISK || !GetFileSizeEx(file_.get(), &size)) {
+    return false;
+  }
   size_ = static_cast<std::uint64_t>(size.QuadPart);
   return true;
 }

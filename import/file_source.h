@@ -1,4 +1,4 @@
-// FileSource: a file on disk, open for reading; others may only read it meanwhile.
+// FileSource: a file on disk, open for reading. Others may read and write it meanwhile.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@ namespace marlinda {
 
 class FileSource final : public ByteSource {
  public:
-  // False when the file cannot be opened; to be called once.
+  // False when the file cannot be opened or the name is that of a device; to be called once.
   bool Open(const std::wstring& name) noexcept;
 
   std::uint64_t size() const override { return size_; }
