@@ -31,7 +31,7 @@ std::int32_t RateFrom80Bits(Bytes bytes) {
 }
 
 bool IsPossible(const PcmFormat& format) {
-  return format.channels > 0 && format.samples_per_sec > 0;
+  return format.channels > 0 && format.samples_per_sec > 0 && format.FrameBytes() <= kMaxFrameBytes;
 }
 
 // Keeps of the frames only the whole ones that lie within `promised` bytes and within the file.
@@ -136,14 +136,13 @@ std::optional<SoundFileInfo> ReadAiff(ByteSource& file) {
   SoundFileInfo info;
   const AiffChunks chunks = FindChunks(file);
   const Bytes common = chunks.common;
-  if (common.size() < kCommonBytes + (is_aifc ? 4 : 0)) {
-    info.refused = true;
-    return info;
-  }
+  info.refused = common.size() < kCommonBytes + (is_aifc ? 4 : 0);
+  if (info.refused) return info;
   const std::uint32_t frames = BigU32(common, 2);
   const auto* encoding = std::ranges::find(
       kEncodings, is_aifc ? IdAt(common, kCommonBytes) : kEncodings[0].type, &Encoding::type);
-  if (encoding == std::end(kEncodings)) return info;
+  info.refused = encoding == std::end(kEncodings);
+  if (info.refused) return info;
 
   const std::uint64_t bits =
       encoding->bits != 0 ? static_cast<std::uint64_t>(encoding->bits) : ReadBig<2>(common, 6);
@@ -177,15 +176,14 @@ std::optional<SoundFileInfo> ReadAu(ByteSource& file) {
   const std::uint32_t encoding = BigU32(header, 12);
   const std::uint32_t rate = BigU32(header, 16);
   const std::uint32_t channels = BigU32(header, 20);
-  info.refused = offset < kAuHeaderBytes || rate == 0 ||
-                 rate > std::numeric_limits<std::int32_t>::max() || channels == 0 ||
-                 channels > std::numeric_limits<std::int16_t>::max() ||
-                 AuEncoding(encoding).format.bits == 0;
-  if (info.refused) return info;
-
   PcmData pcm = AuEncoding(encoding);
+  info.refused = offset < kAuHeaderBytes || rate > std::numeric_limits<std::int32_t>::max() ||
+                 channels > std::numeric_limits<std::int16_t>::max() || pcm.format.bits == 0;
   pcm.format.samples_per_sec = static_cast<std::int32_t>(rate);
   pcm.format.channels = static_cast<std::int16_t>(channels);
+  info.refused = info.refused || !IsPossible(pcm.format);
+  if (info.refused) return info;
+
   pcm.offset = offset;
   pcm.frames = std::numeric_limits<std::int64_t>::max();
   info.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);

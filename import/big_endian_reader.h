@@ -7,9 +7,8 @@
 
 namespace marlinda {
 
-// Each is nothing when the file is of another kind. Compressed samples of AIFF-C files are left to
-// the filters of the system; those of AU files are refused, because these filters take the header
-// of an AU file for sound.
+// Each is nothing when the file is of another kind. Compressed samples are refused: the filters of
+// the system crash on those of AIFF-C files and take the header of an AU file for sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

@@ -8,48 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "core/apartment.h"
 #include "core/sample_array.h"
 #include "import/dshow_stream.h"
 #include "import/sound_examiner.h"
 
 namespace marlinda {
 namespace {
-
-// Give up on a decoder after this time: some wait for ever for the missing part of a damaged file.
-constexpr DWORD kDecoderMilliseconds = 15000;
-
-// The answer of the system's filters about a file.
-struct Answer {
-  bool decoded = false;
-  PcmFormat format;
-  std::int64_t total = 0;
-};
-
-// Asks the filters of the system whether they can decode the file, on a thread of its own, because
-// a graph must not live in the apartment of the host. A decoder that does not answer in time means
-// no, and the thread is left behind.
-bool AskFilters(DShowSource& source) {
-  const auto answer = std::make_shared<Answer>();
-  WorkerThread worker;
-  Check(worker.Start([answer, file_name = source.file_name] {
-    const Apartment apartment(COINIT_MULTITHREADED);
-    Check(apartment.result());
-    const auto stream = DShowStream::Open(file_name);
-    if (stream == nullptr) return;
-    *answer = {true, stream->format(), stream->total_frames()};
-  }));
-  // A decoder without a threading model of its own is made on the host's first thread, which may
-  // be this one.
-  worker.AwaitServingCalls(kDecoderMilliseconds);
-  if (worker.IsRunning()) {
-    worker.Detach();
-    return false;
-  }
-  source.format = answer->format;
-  source.total = answer->total;
-  return answer->decoded;
-}
 
 // S_FALSE when the file cannot be opened, E_FAIL when it cannot be imported.
 HRESULT OpenSource(const wchar_t* file_name, DShowSource& source) {
@@ -58,9 +22,19 @@ HRESULT OpenSource(const wchar_t* file_name, DShowSource& source) {
   source.info = ExamineSound(source.file);
   if (source.info.utf8) source.info.tags = ToAnsi(source.info.tags);
   if (source.info.refused) return E_FAIL;
-  if (!source.info.pcm) return AskFilters(source) ? S_OK : E_FAIL;
-  source.format = source.info.pcm->format;
-  source.total = source.info.pcm->frames;
+  if (source.info.pcm) {
+    source.format = source.info.pcm->format;
+    source.total = source.info.pcm->frames;
+  } else if (source.info.mpeg) {
+    source.mpeg = MpegStream::Open(source.file, *source.info.mpeg);
+    if (source.mpeg == nullptr) return E_FAIL;
+    source.format = {source.mpeg->samples_per_sec(), source.mpeg->channels(), 16, false};
+  } else {
+    const auto stream = DShowStream::Open(source.file_name);
+    if (stream == nullptr) return E_FAIL;
+    source.format = stream->format();
+    source.total = stream->total_frames();
+  }
   return S_OK;
 }
 
@@ -68,7 +42,7 @@ LONG AverageBytesPerSec(const DShowSource& source) {
   const double rate = source.format.samples_per_sec;
   auto frame_bytes = static_cast<double>(source.format.FrameBytes());
   if (source.info.pcm) {
-    frame_bytes = static_cast<double>(source.info.pcm->FrameBytes());
+    frame_bytes = source.info.pcm->BytesPerFrame();
   } else if (source.total > 0) {
     frame_bytes = static_cast<double>(source.file.size()) / static_cast<double>(source.total);
   }
@@ -78,6 +52,17 @@ LONG AverageBytesPerSec(const DShowSource& source) {
 // Frames of a block of moderate size; at least one.
 std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
+}
+
+// The length was an estimate. After the end it is exact, and after an error out of reach, so that
+// the progress stays below 1.
+void NoteEnd(bool ended_well, DShowImportJob& job) {
+  const __int64 position = job.position;
+  if (ended_well && position > 0) {
+    job.total = position;
+  } else if (!ended_well && job.total <= position) {
+    job.total = position + 1;
+  }
 }
 
 void WriteSamplesOf(FileSource& file, const PcmData& pcm, DShowImportJob& job,
@@ -100,6 +85,21 @@ void WriteSamplesOf(FileSource& file, const PcmData& pcm, DShowImportJob& job,
   }
 }
 
+void WriteSamplesOf(MpegStream& stream, DShowImportJob& job, IAudioWriter* target) {
+  const auto channels = static_cast<std::size_t>(job.format.channels);
+  std::vector<std::int16_t> codes(FramesPerBlock(job.format) * channels);
+  SampleArray block(codes.size());
+  do {
+    const std::size_t samples = stream.Read(codes);
+    if (samples == 0) break;
+    block.Resize(samples);
+    DecodeSamples(job.format, std::as_bytes(std::span(codes)), block.samples());
+    target->WriteAudio(block.get());
+    job.position += static_cast<__int64>(samples / channels);
+  } while (!job.cancelled);
+  NoteEnd(stream.has_ended_well(), job);
+}
+
 // Writes one buffer of the graph, in blocks of moderate size.
 void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImportJob& job,
                  IAudioWriter* target) {
@@ -115,8 +115,6 @@ void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImpo
 }
 
 void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWriter* target) {
-  const Apartment apartment(COINIT_MULTITHREADED);
-  Check(apartment.result());
   const auto stream = DShowStream::Open(file_name);
   // Other filters may have been installed since the format was announced.
   if (stream == nullptr || stream->format() != job.format) return;
@@ -125,8 +123,7 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
   while (!job.cancelled && stream->Read(bytes, job.cancelled)) {
     WriteBuffer(bytes, block, job, target);
   }
-  // The length was an estimate; now it is exact.
-  if (stream->has_ended_well() && job.position > 0) job.total = job.position.load();
+  NoteEnd(stream->has_ended_well(), job);
 }
 
 }  // namespace
@@ -134,6 +131,8 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 void CDShowImport::WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target) {
   if (source.info.pcm) {
     WriteSamplesOf(source.file, *source.info.pcm, job, target);
+  } else if (source.mpeg) {
+    WriteSamplesOf(*source.mpeg, job, target);
   } else {
     WriteDecoded(source.file_name, job, target);
   }
@@ -152,6 +151,7 @@ STDMETHODIMP CDShowImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) 
     std::string file_name = ToAnsi(bstrFileName);
     const auto source = std::make_shared<DShowSource>();
     if (OpenSource(bstrFileName, *source) != S_OK) return E_FAIL;
+    if (source->mpeg) source->total = source->mpeg->CountFrames();
     const auto job = std::make_shared<DShowImportJob>();
     job->format = source->format;
     job->average_bytes_per_sec = AverageBytesPerSec(*source);

@@ -1,13 +1,15 @@
-// CDShowImport: imports WAV, AIFF, AU, MP3 and whatever else the DirectShow filters of the system
-// decode, as a task, into an audio writer.
+// CDShowImport: imports WAV, AIFF, AU and MP3 files, and Windows Media, AVI and MPEG files with the
+// DirectShow filters of the system, as a task, into an audio writer.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "core/resource.h"
 #include "import/file_source.h"
 #include "import/import_task.h"
+#include "import/mpeg_stream.h"
 #include "import/sound_file_info.h"
 
 namespace marlinda {
@@ -17,7 +19,8 @@ struct DShowSource {
   std::wstring file_name;
   FileSource file;
   SoundFileInfo info;
-  PcmFormat format;  // of the decoded samples
+  std::unique_ptr<MpegStream> mpeg;  // of MPEG audio; reads `file`
+  PcmFormat format;                  // of the decoded samples
   std::int64_t total = 0;
 };
 
@@ -25,9 +28,9 @@ using DShowImportJob = ImportJob<DShowSource>;
 
 // One Initialize serves one run, as with the other import filters.
 //
-// Uncompressed samples of WAV and AIFF files and the samples of AU files are read from the file
-// itself, exactly and whatever filters are installed; everything else goes through a filter graph,
-// which lives on the worker.
+// WAV, AIFF, AU and MPEG audio files are read without the system's filters, except WAV files with a
+// rare compression. These, Windows Media, AVI and MPEG program streams go through a filter graph.
+// Files of all other kinds are refused.
 //
 // Metadata, labels, section markers and loop data are those of the file named last, by Initialize
 // or by SetFilename. They can be read, not edited.

@@ -1,5 +1,6 @@
 #include "import/pcm_format.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "core/extensible_rules.h"
@@ -12,46 +13,65 @@ namespace {
 constexpr std::size_t kPlainBytes = 16;
 constexpr std::size_t kExtensibleBytes = 40;
 constexpr std::size_t kSubFormatOffset = 24;
-constexpr unsigned kTagPcm = 1;
-constexpr unsigned kTagFloat = 3;
 constexpr unsigned kTagExtensible = 0xFFFE;
+// More than any compressed format has.
+constexpr std::uint32_t kMaxCompressedRate = 384000;
 
-// The tag that an extensible format stands for; the extensible tag itself when it stands for none.
-unsigned TagOf(std::span<const std::byte> body) noexcept {
-  const unsigned tag = LittleU16(body, 0);
-  if (tag != kTagExtensible || body.size() < kExtensibleBytes) return tag;
-  const auto matches = [&](bool is_float) {
-    const auto expected = SubFormatBytes(is_float);
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-      if (std::to_integer<std::uint8_t>(body[kSubFormatOffset + i]) != expected[i]) return false;
-    }
-    return true;
-  };
-  if (matches(false)) return kTagPcm;
-  return matches(true) ? kTagFloat : tag;
+// Channels that a compressed format allows.
+unsigned MaxChannels(unsigned tag) noexcept {
+  constexpr unsigned kGsm = 0x31;
+  constexpr unsigned kWindowsMediaPro = 0x162;
+  constexpr unsigned kWindowsMediaLossless = 0x163;
+  if (tag == kGsm) return 1;
+  return tag == kWindowsMediaPro || tag == kWindowsMediaLossless ? 8 : 2;
 }
 
 }  // namespace
 
+WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept {
+  if (body.size() < kPlainBytes) return {};
+  WaveFields fields = {LittleU16(body, 0), LittleU16(body, 2), LittleU32(body, 4),
+                       LittleU16(body, 12), LittleU16(body, 14)};
+  if (fields.tag != kTagExtensible || body.size() < kExtensibleBytes) return fields;
+  // The formats that have a tag differ in the first two bytes alone.
+  const auto pcm = SubFormatBytes(false);
+  const auto sub_format = body.subspan(kSubFormatOffset, pcm.size());
+  const bool has_tag = std::equal(pcm.begin() + 2, pcm.end(), sub_format.begin() + 2,
+                                  [](std::uint8_t a, std::byte b) { return std::byte{a} == b; });
+  if (has_tag) fields.tag = LittleU16(sub_format, 0);
+  return fields;
+}
+
 std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexcept {
-  if (body.size() < kPlainBytes) return std::nullopt;
-  const unsigned tag = TagOf(body);
-  const unsigned channels = LittleU16(body, 2);
-  const std::uint32_t rate = LittleU32(body, 4);
-  const unsigned block_align = LittleU16(body, 12);
-  const unsigned bits = LittleU16(body, 14);
-  if (channels == 0 || channels > std::numeric_limits<std::int16_t>::max() || rate == 0 ||
-      rate > std::numeric_limits<std::int32_t>::max()) {
+  const WaveFields wave = ReadWaveFields(body);
+  if (wave.channels == 0 || wave.channels > std::numeric_limits<std::int16_t>::max() ||
+      wave.samples_per_sec == 0 ||
+      wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
     return std::nullopt;
   }
-  const bool is_float = tag == kTagFloat;
-  const unsigned bytes = block_align / channels;
-  if (block_align != channels * bytes) return std::nullopt;
-  const bool fits = is_float ? (bits == 32 || bits == 64) && bytes * 8 == bits
-                             : tag == kTagPcm && bits > 0 && bits <= bytes * 8 && bytes <= 4;
+  const bool is_float = wave.tag == WaveFields::kFloat;
+  // Some writers leave out the size of a frame.
+  const unsigned bytes =
+      wave.block_align != 0 ? wave.block_align / wave.channels : (wave.bits + 7U) / 8;
+  if (wave.block_align % wave.channels != 0 || bytes * wave.channels > kMaxFrameBytes) {
+    return std::nullopt;
+  }
+  const bool fits = is_float ? (wave.bits == 32 || wave.bits == 64) && bytes * 8 == wave.bits
+                             : wave.tag == WaveFields::kPcm && wave.bits > 0 &&
+                                   wave.bits <= bytes * 8 && bytes <= 4;
   if (!fits) return std::nullopt;
-  return PcmFormat{static_cast<std::int32_t>(rate), static_cast<std::int16_t>(channels),
-                   static_cast<std::int16_t>(bytes * 8), is_float};
+  return PcmFormat{static_cast<std::int32_t>(wave.samples_per_sec),
+                   static_cast<std::int16_t>(wave.channels), static_cast<std::int16_t>(bytes * 8),
+                   is_float};
+}
+
+bool IsPlausibleForDecoders(std::span<const std::byte> body) noexcept {
+  const WaveFields wave = ReadWaveFields(body);
+  if (wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat) {
+    return ParseWaveFormat(body).has_value();
+  }
+  return wave.channels > 0 && wave.channels <= MaxChannels(wave.tag) && wave.samples_per_sec > 0 &&
+         wave.samples_per_sec <= kMaxCompressedRate && wave.block_align > 0 && wave.bits <= 32;
 }
 
 void DecodeSamples(const PcmFormat& format, std::span<const std::byte> bytes,

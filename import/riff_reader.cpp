@@ -4,6 +4,7 @@
 #include <limits>
 #include <string_view>
 
+#include "import/adpcm.h"
 #include "import/byte_reader.h"
 
 namespace marlinda {
@@ -178,15 +179,34 @@ AcidData ReadAcid(Bytes body) {
           static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
 }
 
-// Whether a format body says that samples are compressed, in a way that this system may know.
-bool IsCompressed(Bytes body) {
-  constexpr unsigned kPcm = 1;
-  constexpr unsigned kFloat = 3;
-  constexpr unsigned kExtensible = 0xFFFE;
-  if (body.size() < 16) return false;
-  unsigned tag = LittleU16(body, 0);
-  if (tag == kExtensible && body.size() >= 26) tag = LittleU16(body, 24);
-  return tag != kPcm && tag != kFloat;
+// Whether the streams of an AVI file, in its header list, have sound that decoders may see.
+bool HasSound(Bytes header_list) {
+  bool has_sound = false;
+  Chunk list;
+  while (NextChunk(header_list, list)) {
+    if (list.id != "LIST" || list.body.size() < 4 || IdAt(list.body, 0) != "strl") continue;
+    Bytes stream = list.body.subspan(4);
+    std::string_view kind;
+    Chunk chunk;
+    while (NextChunk(stream, chunk)) {
+      if (chunk.id == "strh" && chunk.body.size() >= 4) kind = IdAt(chunk.body, 0);
+      if (chunk.id != "strf") continue;
+      if (kind == "auds" && !IsPlausibleForDecoders(chunk.body)) return false;
+      // Of digital video the sound is interleaved with the pictures.
+      has_sound = has_sound || kind == "auds" || kind == "iavs";
+    }
+  }
+  return has_sound;
+}
+
+// The format of samples that become 16-bit ones. Nothing when it has no channels or no rate.
+std::optional<PcmFormat> Decoded(const WaveFields& wave) {
+  if (wave.channels == 0 || wave.channels > kMaxFrameBytes / 2 || wave.samples_per_sec == 0 ||
+      wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
+    return std::nullopt;
+  }
+  return PcmFormat{static_cast<std::int32_t>(wave.samples_per_sec),
+                   static_cast<std::int16_t>(wave.channels), 16, false};
 }
 
 class RiffWalk {
@@ -198,8 +218,10 @@ class RiffWalk {
   void WalkChunks(std::uint64_t riff_end);
   std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end);
   void TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there);
-  void TakeList(Bytes body);
+  void TakeList(std::uint64_t there);
   void Conclude();
+  std::optional<PcmData> Samples() const;
+  std::optional<PcmData> AdpcmSamples(const WaveFields& wave, Coding coding) const;
   std::vector<std::byte> Body(std::uint64_t there);
 
   ByteSource& file_;
@@ -208,7 +230,10 @@ class RiffWalk {
   std::uint64_t position_ = kFormHeaderBytes;  // of the chunk's header, then of its body
   std::uint64_t bytes_left_ = kMaxBodyBytes;
   bool is_wave_ = false;
+  bool is_avi_ = false;
+  bool has_sound_ = false;  // in an AVI file
   std::vector<std::byte> format_;
+  std::optional<std::uint32_t> frames_;  // that the file announces beside its compressed samples
   std::optional<std::uint64_t> wide_data_size_;
   std::optional<std::uint64_t> data_offset_;
   std::uint64_t data_bytes_ = 0;
@@ -220,6 +245,7 @@ std::optional<SoundFileInfo> RiffWalk::Read() {
   const std::string_view id = IdAt(header, 0);
   if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
   is_wave_ = IdAt(header, 8) == "WAVE";
+  is_avi_ = IdAt(header, 8) == "AVI ";
   // A size of nothing or of everything comes from a writer that could not come back to fill it in.
   const std::uint64_t size = LittleU32(header, 4);
   const bool known = size >= 4 && size != kUnknownSize;
@@ -265,7 +291,7 @@ std::uint64_t RiffWalk::DataSize(std::uint64_t size, std::uint64_t riff_end) {
 
 void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there) {
   if (id == "LIST") {
-    TakeList(Body(there));
+    TakeList(there);
   } else if (!is_wave_) {
     return;
   } else if (id == "fmt " && format_.empty()) {
@@ -276,6 +302,9 @@ void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t 
   } else if (id == "ds64" && size >= 24) {
     const auto body = Body(there);
     if (body.size() >= 24) wide_data_size_ = ReadLittle<8>(body, 8);
+  } else if (id == "fact") {
+    const auto body = Body(there);
+    if (body.size() >= 4) frames_ = LittleU32(body, 0);
   } else if (id == "cue ") {
     cues_.AddPoints(Body(there));
   } else if (id == "acid") {
@@ -284,11 +313,17 @@ void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t 
   }
 }
 
-void RiffWalk::TakeList(Bytes body) {
+// Lists of other types are not read: the pictures and the sound of an AVI file are one.
+void RiffWalk::TakeList(std::uint64_t there) {
+  const std::vector<std::byte> start = file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
+  const std::string_view type = AsText(start);
+  if (type != "INFO" && type != "adtl" && type != "hdrl") return;
+  const std::vector<std::byte> body = Body(there);
   if (body.size() < 4) return;
-  const std::string_view type = IdAt(body, 0);
-  if (type == "INFO") ReadInfo(body.subspan(4), info_.tags);
-  if (type == "adtl" && is_wave_) cues_.AddAssociatedData(body.subspan(4));
+  const Bytes list = Bytes(body).subspan(4);
+  if (type == "INFO") ReadInfo(list, info_.tags);
+  if (type == "adtl" && is_wave_) cues_.AddAssociatedData(list);
+  if (type == "hdrl" && is_avi_) has_sound_ = HasSound(list);
 }
 
 std::vector<std::byte> RiffWalk::Body(std::uint64_t there) {
@@ -298,25 +333,55 @@ std::vector<std::byte> RiffWalk::Body(std::uint64_t there) {
 }
 
 void RiffWalk::Conclude() {
-  if (!is_wave_) return;
-  cues_.Resolve(info_);
-  if (!data_offset_) {
-    info_.refused = true;
+  if (is_wave_) cues_.Resolve(info_);
+  info_.refused = is_wave_ ? !data_offset_ : !has_sound_;
+  if (info_.refused || !is_wave_) return;
+  const WaveFields wave = ReadWaveFields(format_);
+  if (wave.tag == WaveFields::kMpeg || wave.tag == WaveFields::kMpegLayer3) {
+    info_.mpeg = ByteRange{*data_offset_, data_bytes_};
     return;
   }
-  if (IsCompressed(format_)) {
-    // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
-    info_.refused = data_bytes_ < std::max<std::uint64_t>(1, LittleU16(format_, 12));
-    return;
+  info_.pcm = Samples();
+  if (info_.pcm) return;
+  // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
+  info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
+                  !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
+}
+
+// Nothing for samples that need a decoder, and for a format that contradicts itself.
+std::optional<PcmData> RiffWalk::Samples() const {
+  const WaveFields wave = ReadWaveFields(format_);
+  if (wave.tag == WaveFields::kImaAdpcm) return AdpcmSamples(wave, Coding::kImaAdpcm);
+  if (wave.tag == WaveFields::kMsAdpcm) return AdpcmSamples(wave, Coding::kMsAdpcm);
+  PcmData pcm = {.offset = *data_offset_};
+  if (wave.tag == WaveFields::kMuLaw || wave.tag == WaveFields::kALaw) {
+    const auto format = Decoded(wave);
+    if (!format) return std::nullopt;
+    pcm.format = *format;
+    pcm.coding = wave.tag == WaveFields::kMuLaw ? Coding::kMuLaw : Coding::kALaw;
+  } else {
+    const auto format = ParseWaveFormat(format_);
+    if (!format) return std::nullopt;
+    pcm.format = *format;
   }
-  const auto format = ParseWaveFormat(format_);
-  if (!format) {
-    info_.refused = true;
-    return;
-  }
-  const std::uint64_t frames = data_bytes_ / format->FrameBytes();
-  info_.pcm = PcmData{
-      .format = *format, .offset = *data_offset_, .frames = static_cast<std::int64_t>(frames)};
+  pcm.frames = static_cast<std::int64_t>(data_bytes_ / pcm.FrameBytes());
+  return pcm;
+}
+
+std::optional<PcmData> RiffWalk::AdpcmSamples(const WaveFields& wave, Coding coding) const {
+  const auto format = Decoded(wave);
+  if (!format || wave.bits != 4) return std::nullopt;
+  PcmData pcm = {.format = *format, .coding = coding, .offset = *data_offset_};
+  pcm.block_bytes = wave.block_align;
+  pcm.block_frames = AdpcmFrames(coding, wave.channels, wave.block_align);
+  if (pcm.block_frames == 0) return std::nullopt;
+  const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
+  const std::uint64_t frames =
+      data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
+  // The last block is filled up. A number of frames that does not end in it is no number of them.
+  const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
+  pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
+  return pcm;
 }
 
 }  // namespace

@@ -1,9 +1,13 @@
 #include "import/sound_examiner.h"
 
 #include <algorithm>
+#include <string_view>
 
+#include "core/samples/sample_converter.h"
+#include "import/adpcm.h"
 #include "import/big_endian_reader.h"
 #include "import/byte_reader.h"
+#include "import/mpeg_stream.h"
 #include "import/riff_reader.h"
 #include "import/tag_reader.h"
 
@@ -48,32 +52,96 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// The first packet of such a file stands behind one page header with one segment.
-bool IsOggVorbis(ByteSource& file) {
-  const std::vector<std::byte> start = file.ReadUpTo(0, 35);
-  return AsText(start).starts_with("OggS") && AsText(start).ends_with("\x01vorbis");
+// Whether a Windows Media file describes sound that decoders may see. A stream is described by an
+// object of its header: the kind of stream, then behind other fields the wave format of sound.
+bool HasWindowsMediaSound(ByteSource& file) {
+  constexpr std::string_view kStreamProperties{
+      "\x91\x07\xDC\xB7\xB7\xA9\xCF\x11\x8E\xE6\x00\xC0\x0C\x20\x53\x65", 16};
+  constexpr std::string_view kAudio{
+      "\x40\x9E\x69\xF8\x4D\x5B\xCF\x11\xA8\xFD\x00\x80\x5F\x5C\x44\x2B", 16};
+  constexpr std::uint64_t kFileHeaderBytes = 30;
+  constexpr std::uint64_t kObjectHeaderBytes = 24;
+  constexpr std::size_t kFormatOffset = 78;
+  constexpr std::uint64_t kFormatBytes = 40;
+  constexpr int kMaxObjects = 1000;
+  bool has_sound = false;
+  std::uint64_t position = kFileHeaderBytes;
+  for (int count = 0; count < kMaxObjects; ++count) {
+    const auto object = file.ReadUpTo(position, kFormatOffset + kFormatBytes);
+    if (object.size() < kObjectHeaderBytes) break;
+    const std::uint64_t size = ReadLittle<8>(object, 16);
+    const std::string_view text = AsText(object);
+    if (text.starts_with(kStreamProperties) && object.size() > kFormatOffset &&
+        text.substr(kObjectHeaderBytes).starts_with(kAudio)) {
+      if (!IsPlausibleForDecoders(std::span(object).subspan(kFormatOffset))) return false;
+      has_sound = true;
+    }
+    if (size < kObjectHeaderBytes || size > file.size() - position) break;
+    position += size;
+  }
+  return has_sound;
+}
+
+// Decodes the blocks in which the frames from `first` on lie.
+std::size_t ReadBlocks(ByteSource& file, const PcmData& pcm, std::int64_t first,
+                       std::span<float> samples, std::vector<std::byte>& scratch) {
+  const auto channels = static_cast<std::size_t>(pcm.format.channels);
+  const std::size_t wanted = samples.size() / channels;
+  std::vector<std::int16_t> decoded;
+  std::size_t done = 0;
+  while (done < wanted) {
+    const std::uint64_t frame = static_cast<std::uint64_t>(first) + done;
+    const std::uint64_t block = frame / pcm.block_frames;
+    const auto skipped = static_cast<std::size_t>(frame % pcm.block_frames);
+    scratch.resize(pcm.block_bytes);
+    scratch.resize(file.Read(pcm.offset + block * pcm.block_bytes, scratch));
+    const std::size_t there = AdpcmFrames(pcm.coding, channels, scratch.size());
+    if (there <= skipped) break;
+    const std::size_t count = std::min(there - skipped, wanted - done);
+    decoded.resize((skipped + count) * channels);
+    DecodeAdpcm(pcm.coding, channels, scratch, decoded);
+    ConvertPcmToFloat(std::as_bytes(std::span(decoded).subspan(skipped * channels)),
+                      samples.subspan(done * channels, count * channels), pcm.format.bits);
+    done += count;
+  }
+  return done * channels;
 }
 
 }  // namespace
 
 SoundFileInfo ExamineSound(ByteSource& file) {
-  if (auto info = ReadRiff(file)) return *std::move(info);
-  if (auto info = ReadAiff(file)) return *std::move(info);
-  if (auto info = ReadAu(file)) return *std::move(info);
+  constexpr std::string_view kWindowsMedia{
+      "\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C", 16};
+  constexpr std::string_view kProgramStream{"\x00\x00\x01\xBA", 4};
   SoundFileInfo info;
-  // Ogg Vorbis has a filter of its own with a higher merit. To ask the filters of the system as
-  // well would make everyone who opens such a file wait for them.
-  info.refused = file.size() == 0 || IsOggVorbis(file);
-  if (info.refused) return info;
-  if (auto tags = ReadTags(file)) {
-    info.tags = *std::move(tags);
-    info.utf8 = true;
+  if (auto riff = ReadRiff(file)) {
+    info = *std::move(riff);
+  } else if (auto aiff = ReadAiff(file)) {
+    return *std::move(aiff);
+  } else if (auto au = ReadAu(file)) {
+    return *std::move(au);
+  } else {
+    const std::vector<std::byte> start = file.ReadUpTo(0, kWindowsMedia.size());
+    if (AsText(start) == kWindowsMedia) {
+      info.refused = !HasWindowsMediaSound(file);
+    } else if (!AsText(start).starts_with(kProgramStream)) {
+      info.mpeg = ByteRange{0, file.size()};
+    }
+    if (auto tags = info.refused ? std::nullopt : ReadTags(file)) {
+      info.tags = *std::move(tags);
+      info.utf8 = true;
+    }
+  }
+  if (info.mpeg && MpegStream::Open(file, *info.mpeg) == nullptr) {
+    info.mpeg.reset();
+    info.refused = true;
   }
   return info;
 }
 
 std::size_t ReadSamples(ByteSource& file, const PcmData& pcm, std::int64_t first,
                         std::span<float> samples, std::vector<std::byte>& scratch) {
+  if (pcm.IsInBlocks()) return ReadBlocks(file, pcm, first, samples, scratch);
   scratch.resize(samples.size() * pcm.SampleBytes());
   const std::size_t frame_bytes = pcm.FrameBytes();
   const std::uint64_t offset = pcm.offset + static_cast<std::uint64_t>(first) * frame_bytes;

@@ -1,4 +1,4 @@
-// Recognises a sound file by its bytes alone, and reads its uncompressed samples.
+// Recognises a sound file by its bytes alone, and reads samples that need no decoder with a memory.
 #pragma once
 
 #include "import/byte_source.h"
@@ -6,7 +6,8 @@
 
 namespace marlinda {
 
-// Of a file of an unknown kind the info are empty, but for the tags that it may have.
+// Files of other kinds than WAV, AIFF, AU, MPEG audio, Windows Media, AVI and MPEG program streams
+// are refused: the filters of the system hang on some of them.
 SoundFileInfo ExamineSound(ByteSource& file);
 
 // Reads frames from `first` on as floats, as many as `samples` takes, and returns how many of these

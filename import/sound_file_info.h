@@ -11,10 +11,17 @@
 
 namespace marlinda {
 
-// How a file keeps each sample: as the format says, or in one byte of a logarithmic scale.
-enum class Coding { kLinear, kMuLaw, kALaw };
+// How a file keeps its samples: as the format says, in one byte of a logarithmic scale, or in
+// blocks with four bits a sample.
+enum class Coding { kLinear, kMuLaw, kALaw, kImaAdpcm, kMsAdpcm };
 
-// Samples of a file that need no decoder. `frames` counts whole frames within the file.
+// A part of a file, which ends within it.
+struct ByteRange {
+  std::uint64_t offset = 0;
+  std::uint64_t bytes = 0;
+};
+
+// Samples of a file that ReadSamples reads. `frames` counts frames within the file.
 struct PcmData {
   PcmFormat format = {};  // of the samples as they are read
   Coding coding = Coding::kLinear;
@@ -22,21 +29,33 @@ struct PcmData {
   bool signed_bytes = false;  // 8-bit samples are signed, where a wave has them around 128
   std::uint64_t offset = 0;
   std::int64_t frames = 0;
+  // Of the codings in blocks. The last block of a file may be shorter.
+  std::size_t block_bytes = 0;
+  std::size_t block_frames = 0;
 
+  bool IsInBlocks() const noexcept { return block_bytes != 0; }
+  // In the file. Not for codings in blocks.
   std::size_t SampleBytes() const noexcept {
     return coding == Coding::kLinear ? static_cast<std::size_t>(format.bits / 8) : 1;
   }
-  // In the file.
   std::size_t FrameBytes() const noexcept {
     return static_cast<std::size_t>(format.channels) * SampleBytes();
   }
+  // In the file, on average.
+  double BytesPerFrame() const noexcept {
+    return IsInBlocks() ? static_cast<double>(block_bytes) / static_cast<double>(block_frames)
+                        : static_cast<double>(FrameBytes());
+  }
 };
 
+// At most one of `pcm` and `mpeg` is there. A file that has neither and is not refused is for the
+// filters of the system.
 struct SoundFileInfo {
-  // Where the samples are; nothing when they are compressed or the file is of another kind.
   std::optional<PcmData> pcm;
-  // Not to be decoded: the header contradicts itself or promises no sound, or another filter of the
-  // engine reads such files.
+  // MPEG audio, for MpegStream.
+  std::optional<ByteRange> mpeg;
+  // Not to be decoded: the file is of another kind, its header contradicts itself or promises no
+  // sound.
   bool refused = false;
 
   // Names are the bytes that the file holds.
