@@ -12,10 +12,14 @@
 
 using Microsoft::WRL::ComPtr;
 
-// Errors end these programs; a real host would tell its user.
-inline void Check(HRESULT hr, const char* what) {
+// Errors end these programs; a real host would tell its user. Name the file that `what` is about.
+inline void Check(HRESULT hr, const char* what, const wchar_t* file = L"") {
   if (SUCCEEDED(hr)) return;
-  std::fprintf(stderr, "%s failed with 0x%08lX\n", what, static_cast<unsigned long>(hr));
+  wchar_t reason[256] = L"\n";
+  FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                 static_cast<DWORD>(hr), 0, reason, 256, nullptr);
+  std::fwprintf(stderr, L"%hs%hs%ls failed with 0x%08lX: %ls", what, *file == 0 ? "" : " ", file,
+                static_cast<unsigned long>(hr), reason);
   ExitProcess(1);
 }
 

@@ -19,7 +19,7 @@ static void RunTask(IUnknown* filter) {
 static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto import = Create<IImportFilter>(CLSID_COggImport);
-  Check(import->Initialize(Text(in), Query<IAudioWriter>(pool.Get()).Get()), "opening the input");
+  Check(import->Initialize(Text(in), Query<IAudioWriter>(pool.Get()).Get()), "opening", in);
   RunTask(import.Get());
   ComPtr<IAudioReader> take;
   Check(pool->CreateLastReader(take.GetAddressOf()), "CreateLastReader");
@@ -49,8 +49,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   std::printf("[%s]\n", overview.c_str());
 
   const auto wav = Create<IExportFilter>(CLSID_CWavExportFilter);
-  Check(wav->Initialize(Text(out), Query<IAudioReader>(document.Get()).Get()),
-        "creating the output");
+  Check(wav->Initialize(Text(out), Query<IAudioReader>(document.Get()).Get()), "creating", out);
   RunTask(wav.Get());
   std::printf("%lld of %lld frames written\n", static_cast<long long>(frames / 2),
               static_cast<long long>(frames));

@@ -6,6 +6,8 @@
 #include <shellapi.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -28,6 +30,10 @@ static void ShowPercent(float done) { std::printf("\r%3.0f %%", 100.0 * done); }
 // Recipe: import
 // The take of the file, or null when no filter reads it or nothing could be decoded.
 ComPtr<IAudioReader> Import(const Text& file) {
+  // For a missing file, as for any that no filter reads, there would be no filter and no reason.
+  if (GetFileAttributesW(file) == INVALID_FILE_ATTRIBUTES) {
+    Check(HRESULT_FROM_WIN32(GetLastError()), "finding the file", file);
+  }
   const auto manager = Create<IFileFilterMgr>(CLSID_CFileFilterMgr);
   ComPtr<IImportFilter> filter;
   // S_OK without a filter is the answer "none": test the pointer.
@@ -41,7 +47,7 @@ ComPtr<IAudioReader> Import(const Text& file) {
   if (!filter) return nullptr;
 
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
-  Check(filter->Initialize(file, Query<IAudioWriter>(pool.Get()).Get()), "opening the file");
+  Check(filter->Initialize(file, Query<IAudioWriter>(pool.Get()).Get()), "opening the file", file);
   const auto task = Query<ICoreTask>(filter.Get());
   Check(task->Start(), "Start");
   WaitFor(task.Get(), ShowPercent);  // task->Cancel() ends it early; what was decoded stays
@@ -162,7 +168,7 @@ ComPtr<IAudioReader> Record(double seconds) {
 // Recipe: export with markers
 void Export(IEditedAudio* document, const Text& file) {
   const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
-  Check(filter->Initialize(file, Query<IAudioReader>(document).Get()), "creating the file");
+  Check(filter->Initialize(file, Query<IAudioReader>(document).Get()), "creating the file", file);
   Check(filter->SetBitsPerSample(24), "SetBitsPerSample");
 
   // The export asks the document for samples only. Labels and markers are handed over.
@@ -207,7 +213,8 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
   Check(connector->SetupReaderToExport(source, filter.Get(), rate, channels),
         "SetupReaderToExport");
   // The export reads the connector, which reads the source and converts.
-  Check(filter->Initialize(file, Query<IAudioReader>(connector.Get()).Get()), "creating the file");
+  Check(filter->Initialize(file, Query<IAudioReader>(connector.Get()).Get()), "creating the file",
+        file);
   const auto task = Query<ICoreTask>(connector.Get());
   const HRESULT started = task->Start();
   if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL: it runs
@@ -218,11 +225,13 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
 // End
 
 // Recipe: undo
-// Keeps a copy of the document before each change: segments alone, no samples.
-class UndoSteps final : public IDispatch {
+// Passes the events of one interface of a document to a function.
+class Sink final : public IDispatch {
  public:
+  using Handler = std::function<void(DISPID event, const DISPPARAMS& params)>;
+  Sink(REFIID events, Handler handler) : events_(events), handler_(std::move(handler)) {}
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool known = iid == IID_IUnknown || iid == IID_IDispatch || iid == DIID__IEAUndoEvents;
+    const bool known = iid == IID_IUnknown || iid == IID_IDispatch || iid == events_;
     *object = known ? this : nullptr;
     if (known) AddRef();
     return known ? S_OK : E_NOINTERFACE;
@@ -241,21 +250,52 @@ class UndoSteps final : public IDispatch {
   STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
   STDMETHODIMP Invoke(DISPID event, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*, EXCEPINFO*,
                       UINT*) override {
-    if (event != 1 || params->cArgs != 2) return DISP_E_MEMBERNOTFOUND;  // 1: FireStoreUndo
-    // The last argument comes first: the document, then the operation's name.
-    const auto document = Query<IEditedAudio>(V_UNKNOWN(&params->rgvarg[0]));
-    const auto copy = Create<IEditedAudio>(CLSID_CEditedAudio);
-    Check(document->CopyAll(copy.Get()), "CopyAll");
-    steps_.push_back({V_BSTR(&params->rgvarg[1]), copy});
+    handler_(event, *params);
     return S_OK;
   }
 
-  // Takes the last change back and returns its name.
+ private:
+  const IID events_;
+  const Handler handler_;
+  std::atomic<ULONG> references_ = 0;
+};
+
+// Listens while it lives. Document and sink hold each other until then.
+class Listener {
+ public:
+  Listener(IEditedAudio* document, REFIID events, Sink::Handler handler) {
+    const ComPtr<Sink> sink(new Sink(events, std::move(handler)));
+    Check(Query<IConnectionPointContainer>(document)->FindConnectionPoint(events,
+                                                                          point_.GetAddressOf()),
+          "FindConnectionPoint");
+    Check(point_->Advise(sink.Get(), &cookie_), "Advise");
+  }
+  ~Listener() { point_->Unadvise(cookie_); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+ private:
+  ComPtr<IConnectionPoint> point_;
+  DWORD cookie_ = 0;
+};
+
+// Keeps a copy of the document before each change: segments alone, no samples.
+class UndoSteps {
+ public:
+  explicit UndoSteps(IEditedAudio* document)
+      : listener_(document, DIID__IEAUndoEvents, [this](DISPID event, const DISPPARAMS& params) {
+          if (event == 1 && params.cArgs == 2) Store(params);  // FireStoreUndo
+        }) {}
+
+  // Takes the last change back and returns its name. CopyAll fires no event: the change around it
+  // has FireContentChanged sent, and stores no step of its own (0).
   std::wstring Undo(IEditedAudio* document) {
     if (steps_.empty()) return L"";
     const Step last = std::move(steps_.back());
     steps_.pop_back();
+    Check(document->InitChange(0, Text(last.name)), "InitChange");
     Check(last.before->CopyAll(document), "CopyAll");
+    Check(document->CommitChange(), "CommitChange");
     return last.name;
   }
 
@@ -265,24 +305,31 @@ class UndoSteps final : public IDispatch {
     ComPtr<IEditedAudio> before;
   };
 
-  std::atomic<ULONG> references_ = 0;
+  void Store(const DISPPARAMS& params) {
+    // The last argument comes first: the document, then the operation's name.
+    const auto document = Query<IEditedAudio>(V_UNKNOWN(&params.rgvarg[0]));
+    const auto copy = Create<IEditedAudio>(CLSID_CEditedAudio);
+    Check(document->CopyAll(copy.Get()), "CopyAll");
+    steps_.push_back({V_BSTR(&params.rgvarg[1]), copy});
+  }
+
   std::vector<Step> steps_;
+  Listener listener_;
 };
 
-// Returns what `Unadvise` takes: until then the document holds the sink.
-DWORD Listen(IEditedAudio* document, UndoSteps* sink, ComPtr<IConnectionPoint>& point) {
-  DWORD cookie = 0;
-  Check(Query<IConnectionPointContainer>(document)->FindConnectionPoint(DIID__IEAUndoEvents,
-                                                                        point.GetAddressOf()),
-        "FindConnectionPoint");
-  Check(point->Advise(sink, &cookie), "Advise");
-  return cookie;
+void Shorten(IEditedAudio* document, __int64 begin, __int64 end) {
+  Check(document->InitChange(1, Text(L"Shorten")), "InitChange");  // the steps keep a copy
+  Check(document->Delete(begin, end), "Delete");
+  Check(document->CommitChange(), "CommitChange");
 }
 
-void Shorten(IEditedAudio* document, __int64 begin, __int64 end) {
-  Check(document->InitChange(1, Text(L"Shorten")), "InitChange");  // the sink keeps a copy
-  Check(document->Delete(begin, end), "Delete");
-  Check(document->CommitChange(), "CommitChange");  // FireContentChanged: draw again
+// Calls `draw` after each change and each undo.
+template <class Draw>
+auto DrawAgain(IEditedAudio* document, Draw draw) {
+  return std::make_unique<Listener>(document, DIID__IEAUpdateEvents,
+                                    [draw](DISPID event, const DISPPARAMS&) {
+                                      if (event == 3) draw();  // FireContentChanged
+                                    });
 }
 // End
 
@@ -314,14 +361,15 @@ static void CookAll(const std::wstring& in, const std::wstring& folder) {
   Export(document.Get(), Text(folder + L"\\marked.wav"));
   Convert(Query<IAudioReader>(document.Get()).Get(), Text(folder + L"\\converted.wav"), 48000, 2);
 
-  ComPtr<IConnectionPoint> point;
-  const ComPtr<UndoSteps> sink(new UndoSteps);
-  const DWORD cookie = Listen(document.Get(), sink.Get(), point);
+  int drawn = 0;
+  const auto view = DrawAgain(document.Get(), [&] { ++drawn; });
+  UndoSteps steps(document.Get());
   Shorten(document.Get(), 0, 1000);
   std::printf("\nshortened: %lld frames\n", FramesOf(document.Get()));
-  const std::wstring name = sink->Undo(document.Get());
+  const std::wstring name = steps.Undo(document.Get());
   std::printf("taken back: %ls, %lld frames\n", name.c_str(), FramesOf(document.Get()));
-  Check(point->Unadvise(cookie), "Unadvise");
+  const bool more = !steps.Undo(document.Get()).empty();
+  std::printf("drawn again: %d times%s\n", drawn, more ? ", and a step is left" : "");
 
   int asked = 0;
   const bool played = PlayLoop(document.Get(), 0, 22050, [&](__int64) { return ++asked == 10; });
