@@ -115,10 +115,15 @@ std::string InterfaceText(const Type& type) {
   const bool is_dispatch = type.attributes.typekind == TKIND_DISPATCH;
   std::string text = "## " + type.name + "\n" + GuidText(type.attributes.guid) + ", " +
                      (is_dual       ? "dual"
-                      : is_dispatch ? "event interface (dispinterface)"
+                      : is_dispatch ? "event interface (dispinterface), each event with its DISPID"
                                     : "custom, derived from `IUnknown`") +
                      ". " + type.Help() + "\n";
   const Type face = is_dual ? type.Implemented(-1) : type;
+  // What the page does not show: an interface compiler was seen to write a wrong base.
+  EXPECT_EQ(face.Implemented(0).attributes.guid,
+            is_dual || is_dispatch ? IID_IDispatch : IID_IUnknown)
+      << type.name;
+  EXPECT_EQ((face.attributes.wTypeFlags & TYPEFLAG_FOLEAUTOMATION) != 0, is_dual) << type.name;
   for (UINT i = 0; i < face.attributes.cFuncs; ++i) {
     FUNCDESC* function = nullptr;
     Check(face.info->GetFuncDesc(i, &function));
