@@ -3,8 +3,10 @@
 #include <converter.h>
 #include <marlinda.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "core/handle.h"
@@ -16,6 +18,7 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kTemporaryKey = R"(HKEY_CURRENT_USER\Software\Brevant\Cutloom\Directories)";
+constexpr int kOwnBits = sizeof(void*) == 8 ? 64 : 32;
 constexpr std::uint64_t kMinFreeBytes = 64U << 20U;
 
 std::string Chosen(const std::string& text) {
@@ -91,23 +94,34 @@ bool IsInManifest(REFCLSID class_id) {
                                &class_id, &data) != FALSE;
 }
 
+// What the registry holds for programs of that bitness.
+std::vector<Registration> RegistryEntries(REFCLSID class_id, int bits) {
+  std::vector<Registration> found;
+  const std::wstring path =
+      L"Software\\Classes\\CLSID\\" + Widen(ClassIdText(class_id)) + L"\\InprocServer32";
+  const REGSAM view = bits == 64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY;
+  for (const auto& [root, kind] :
+       {std::pair(HKEY_CURRENT_USER, "user"), std::pair(HKEY_LOCAL_MACHINE, "machine")}) {
+    RegistryKey key;
+    std::wstring module(32768, L'\0');
+    auto size = static_cast<DWORD>(module.size() * sizeof(wchar_t));
+    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_QUERY_VALUE | view, key.Receive()) ==
+            ERROR_SUCCESS &&
+        RegGetValueW(key.get(), nullptr, nullptr, RRF_RT_REG_SZ, nullptr, module.data(), &size) ==
+            ERROR_SUCCESS) {
+      found.push_back({kind, Narrow(module.c_str())});
+    }
+  }
+  return found;
+}
+
 std::vector<Registration> FindRegistrations(REFCLSID class_id, const std::string& program) {
   std::vector<Registration> found;
   if (IsInManifest(class_id)) {
     const auto folder = std::filesystem::path(Widen(program)).parent_path();
     found.push_back({"manifest", Narrow((folder / L"Tessaly.dll").native())});
   }
-  const std::wstring key =
-      L"Software\\Classes\\CLSID\\" + Widen(ClassIdText(class_id)) + L"\\InprocServer32";
-  for (const auto& [root, kind] :
-       {std::pair(HKEY_CURRENT_USER, "user"), std::pair(HKEY_LOCAL_MACHINE, "machine")}) {
-    std::wstring path(32768, L'\0');
-    auto size = static_cast<DWORD>(path.size() * sizeof(wchar_t));
-    if (RegGetValueW(root, key.c_str(), nullptr, RRF_RT_REG_SZ, nullptr, path.data(), &size) ==
-        ERROR_SUCCESS) {
-      found.push_back({kind, Narrow(path.c_str())});
-    }
-  }
+  std::ranges::move(RegistryEntries(class_id, kOwnBits), std::back_inserter(found));
   return found;
 }
 
@@ -131,14 +145,11 @@ HRESULT TryToCreate(REFCLSID class_id) {
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
-// Why the module cannot be used. The file itself is asked first: some systems say of whatever does
-// not load that access is denied.
-HostError ModuleProblem(HRESULT hr, const Diagnosis& diagnosis) {
-  std::string subject = "the engine's module";
-  if (diagnosis.registrations.empty()) return Explain(hr, subject, ExitStatus::kRegistration);
-  const Registration& first = diagnosis.registrations.front();
-  subject += " (" + first.kind + ": " + first.module + ")";
-  const std::filesystem::path file(Widen(first.module));
+// Why programs of that bitness cannot load the module at all.
+std::optional<HostError> FileProblem(std::string subject, const Registration& registration,
+                                     int wanted_bits) {
+  subject += " (" + registration.kind + ": " + registration.module + ")";
+  const std::filesystem::path file(Widen(registration.module));
   const auto problem = [&](const std::string& reason, const char* remedy) {
     return HostError(ExitStatus::kRegistration, subject, reason, remedy);
   };
@@ -149,17 +160,56 @@ HostError ModuleProblem(HRESULT hr, const Diagnosis& diagnosis) {
   if (std::ifstream stream(file, std::ios::binary); !stream) {
     return problem("the file cannot be read", "Give the user the right to read and run it.");
   }
-  const int bits = BitsOf(first.module);
+  const int bits = BitsOf(registration.module);
   if (bits == 0) return problem("the file is no module", "Put a whole Tessaly.dll there.");
-  if (bits != diagnosis.program.bits) {
-    return problem("it is a " + std::to_string(bits) + "-bit module, and this is a " +
-                       std::to_string(diagnosis.program.bits) + "-bit program",
+  if (bits != wanted_bits) {
+    return problem("it is a " + std::to_string(bits) + "-bit module, found by " +
+                       std::to_string(wanted_bits) + "-bit programs",
                    "Register the module of the same kind too; both can be registered.");
   }
-  if (hr == E_ACCESSDENIED) {
-    return problem("access is denied", "Give the user the right to read and run the file.");
+  return std::nullopt;
+}
+
+// The file itself is asked first: some systems say of whatever does not load that access is denied.
+HostError ModuleProblem(HRESULT hr, const Diagnosis& diagnosis) {
+  const char* const subject = "the engine's module";
+  if (!diagnosis.registrations.empty()) {
+    const Registration& first = diagnosis.registrations.front();
+    if (const auto problem = FileProblem(subject, first, kOwnBits)) return *problem;
+    if (hr == E_ACCESSDENIED) {
+      return {ExitStatus::kRegistration, subject + (" (" + first.kind + ": " + first.module + ")"),
+              "access is denied", "Give the user the right to read and run the file."};
+    }
   }
   return Explain(hr, subject, ExitStatus::kRegistration);
+}
+
+// The programs of a package lie in x64 and x86, those of a build or a host with their modules.
+std::string FindBeside(const std::string& program, int bits) {
+  const auto folder = std::filesystem::path(Widen(program)).parent_path();
+  for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
+    const std::string file = Narrow((place / L"Tessaly.dll").native());
+    if (BitsOf(file) == bits) return file;
+  }
+  return "";
+}
+
+// The other bitness concerns other programs: only a registration that leads nowhere is a problem.
+void ExamineEngines(Diagnosis& diagnosis) {
+  BOOL on_64_bits = FALSE;
+  if (kOwnBits == 32) IsWow64Process(GetCurrentProcess(), &on_64_bits);
+  for (const int bits : {64, 32}) {
+    if (bits != kOwnBits && kOwnBits == 32 && on_64_bits == FALSE) continue;
+    const Engine engine = {bits, FindBeside(diagnosis.program.path, bits),
+                           RegistryEntries(CLSID_CFileFilterMgr, bits)};
+    diagnosis.engines.push_back(engine);
+    if (bits == kOwnBits) continue;
+    for (const Registration& registration : engine.registrations) {
+      const auto problem =
+          FileProblem("the " + std::to_string(bits) + "-bit engine", registration, bits);
+      if (problem) diagnosis.problems.push_back(*problem);
+    }
+  }
 }
 
 void ExamineModule(Diagnosis& diagnosis) {
@@ -350,6 +400,7 @@ Diagnosis Diagnose() {
     Try(diagnosis, subject, [&] { part(diagnosis); });
   };
   examine("module", ExamineModule);
+  examine("engines", ExamineEngines);
   if (diagnosis.module) examine("classes", ExamineClasses);
   examine("type library", ExamineTypeLibrary);
   examine("converter", ExamineConverter);

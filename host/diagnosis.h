@@ -27,6 +27,13 @@ struct Registration {
   std::string module;
 };
 
+// The module of one bitness: where it is, and where programs of that bitness find it.
+struct Engine {
+  int bits = 0;
+  std::string file;  // beside the program or in its package; empty when it is not there
+  std::vector<Registration> registrations;
+};
+
 struct ClassState {
   std::string name;
   std::string class_id;
@@ -56,6 +63,7 @@ struct Diagnosis {
   std::optional<ModuleFile> module;  // none when it cannot be loaded
   std::string used;                  // kind of the registration by which it was found
   std::vector<Registration> registrations;
+  std::vector<Engine> engines;  // of each bitness that the system runs
   std::optional<TypeLibraryState> type_library;
   std::vector<ClassState> classes;
   ClassState converter;

@@ -34,10 +34,20 @@ Json NamesOf(const std::vector<SoundDevice>& devices) {
   return list;
 }
 
+Json ToJson(const std::vector<Registration>& registrations) {
+  Json list = Json::array();
+  for (const Registration& registration : registrations) {
+    list.push_back({{"kind", registration.kind}, {"module", registration.module}});
+  }
+  return list;
+}
+
 Json ToJson(const Diagnosis& diagnosis) {
-  Json registrations = Json::array();
-  for (const Registration& registration : diagnosis.registrations) {
-    registrations.push_back({{"kind", registration.kind}, {"module", registration.module}});
+  Json engines = Json::array();
+  for (const Engine& engine : diagnosis.engines) {
+    engines.push_back({{"bits", engine.bits},
+                       {"file", engine.file.empty() ? Json(nullptr) : Json(engine.file)},
+                       {"registrations", ToJson(engine.registrations)}});
   }
   Json classes = Json::array();
   for (const ClassState& state : diagnosis.classes) {
@@ -55,7 +65,8 @@ Json ToJson(const Diagnosis& diagnosis) {
   return {{"program", ToJson(diagnosis.program)},
           {"module", diagnosis.module ? ToJson(*diagnosis.module) : Json(nullptr)},
           {"found_by", diagnosis.module ? Json(diagnosis.used) : Json(nullptr)},
-          {"registrations", registrations},
+          {"registrations", ToJson(diagnosis.registrations)},
+          {"engines", engines},
           {"type_library",
            library ? Json{{"name", library->name}, {"path", library->path}} : Json(nullptr)},
           {"classes", classes},
@@ -93,6 +104,12 @@ std::string Places(const std::vector<Registration>& registrations) {
   return text;
 }
 
+std::string ToText(const Engine& engine) {
+  const std::string file = engine.file.empty() ? "not here" : engine.file;
+  return file + "; " +
+         (engine.registrations.empty() ? "not registered" : Places(engine.registrations));
+}
+
 std::string ToText(const std::vector<SoundDevice>& devices) {
   if (devices.empty()) return "none";
   std::string text;
@@ -126,6 +143,9 @@ std::string ToText(const Diagnosis& diagnosis) {
   text += Line("module", diagnosis.module ? ToText(*diagnosis.module) : "cannot be used");
   if (diagnosis.module) text += Line("found by", diagnosis.used);
   text += Line("registered", Places(diagnosis.registrations));
+  for (const Engine& engine : diagnosis.engines) {
+    text += Line(std::to_string(engine.bits) + " bits", ToText(engine));
+  }
   text += Line("type library", diagnosis.type_library ? diagnosis.type_library->name + ", " +
                                                             diagnosis.type_library->path
                                                       : "missing");

@@ -15,145 +15,139 @@ from program import PROGRAM, WINE, keep_wine_alive, run, windows
 
 MODULE = PROGRAM.parent / "Tessaly.dll"
 BITS = int(os.environ.get("TESSALY_WINE_BITS", "64"))
-SOUND_SESSION = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "sound-session"
+SOUND_SESSION = pathlib.Path(__file__).resolve().parents[2] / "scripts/sound-session"
+CLASSES = r"HKLM\Software\Classes"
 FILTERS = r"HKLM\Software\Brevant\Cutloom\Import Filters"
 DIRECTORIES = r"HKCU\Software\Brevant\Cutloom\Directories"
-LIBRARY = r"HKLM\Software\Classes\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}"
 NO_SERVER = {"PULSE_SERVER": "unix:/nowhere/native"}
 
 
-def reg(*words):
-    subprocess.run([WINE, "reg", *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                   stderr=subprocess.DEVNULL)
+def wine(*words, scope="machine"):
+    return subprocess.run([WINE, *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                          env=dict(os.environ, TESSALY_REGISTRATION=scope)).returncode
 
 
-def register(*options, module=MODULE, scope="machine"):
-    subprocess.run([WINE, "regsvr32", "/s", *options, windows(module)], check=True,
-                   env=dict(os.environ, TESSALY_REGISTRATION=scope), stdin=subprocess.DEVNULL)
+def image(bits):
+    """The module, with a header that names that bitness."""
+    data = bytearray(MODULE.read_bytes())
+    place = int.from_bytes(data[0x3c:0x40], "little") + 4
+    data[place:place + 2] = (0x8664 if bits == 64 else 0x014c).to_bytes(2, "little")
+    return bytes(data)
 
 
 class DoctorTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        keep_wine_alive(cls)
-
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-        self.alone = self.folder / PROGRAM.name
+        keep_wine_alive(type(self))
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.alone = self.folder / "x64" / PROGRAM.name
+        self.alone.parent.mkdir()
         shutil.copy(PROGRAM, self.alone)
         for key in (FILTERS, DIRECTORIES):
-            reg("delete", key, "/f")
-            self.addCleanup(reg, "delete", key, "/f")
+            wine("reg", "delete", key, "/f")
+            self.addCleanup(wine, "reg", "delete", key, "/f")
 
-    def registered(self, **options):
-        register(**options)
-        self.addCleanup(register, "/u", **options)
+    def register(self, module, scope="machine"):
+        self.assertEqual(wine("regsvr32", "/s", windows(module), scope=scope), 0)
+        self.addCleanup(wine, "regsvr32", "/s", "/u", windows(module), scope=scope)
 
-    def doctor(self, status=7, program=PROGRAM):
-        """The report and its causes by subject, without those of the missing sound server: status 7
-        unless another problem is graver."""
+    def doctor(self, status=7, program=PROGRAM, subject=None, cause=None):
+        """The report. Of its problems, besides the missing sound server, there is one with this subject and cause
+        or, without these, none unless the status names some."""
         got, output, messages = run("doctor", "--json", program=program, environment=NO_SERVER)
         self.assertEqual(got, status, output + messages)
         report = json.loads(output)
-        problems = {problem["subject"]: problem["cause"] for problem in report["problems"] if problem["status"] != 7}
-        self.assertEqual(len(report["problems"]), len(problems) + 2)
         self.assertTrue(all(problem["remedy"] for problem in report["problems"]))
-        return report, problems
-
-    def one_problem(self, status, subject, cause, **options):
-        report, problems = self.doctor(status, **options)
-        (found, given), = problems.items()
-        self.assertIn(subject, found)
-        self.assertIn(cause, given)
+        found = [problem for problem in report["problems"] if problem["status"] != 7]
+        self.assertEqual(len(report["problems"]), len(found) + 2)
+        if status == 7:
+            self.assertEqual(found, [])
+        if subject:
+            # Without a module there may be no type library either.
+            self.assertTrue(len(found) == 1 or not report["module"], found)
+            self.assertIn(subject, found[0]["subject"])
+            self.assertIn(cause, found[0]["cause"])
         return report
 
     def test_a_whole_installation_has_no_problems(self):
-        report, problems = self.doctor()
-        self.assertEqual((problems, report["found_by"]), ({}, "manifest"))
-        self.assertEqual(report["registrations"], [{"kind": "manifest", "module": windows(MODULE)}])
+        report = self.doctor()
+        here = {"kind": "manifest", "module": windows(MODULE)}
+        self.assertEqual((report["found_by"], report["registrations"]), ("manifest", [here]))
         for file, path in (("module", MODULE), ("program", PROGRAM)):
             self.assertEqual((report[file]["path"], report[file]["bits"]), (windows(path), BITS))
-        self.assertEqual(report["type_library"],
-                         {"name": "Marlinda 1.0 Type Library", "path": windows(MODULE)})
+        self.assertIn({"bits": BITS, "file": windows(MODULE), "registrations": []}, report["engines"])
+        self.assertEqual(report["type_library"], {"name": "Marlinda 1.0 Type Library", "path": windows(MODULE)})
         self.assertEqual([state["available"] for state in report["classes"]], [True] * 14)
         self.assertGreater(report["temporary_folder"]["free_bytes"], 0)
-
-        text = subprocess.run([SOUND_SESSION, WINE, str(PROGRAM), "doctor"], check=True, stdin=subprocess.DEVNULL,
+        text = subprocess.run([SOUND_SESSION, WINE, PROGRAM, "doctor"], check=True, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout.decode()
         self.assertEqual(text.splitlines()[-1], "no problems", text)
         self.assertRegex(text, r"outputs +\S.*Null Output")
 
-    def test_a_registered_module_is_named_with_its_scope_or_with_its_fault(self):
-        report, problems = self.doctor(6, program=self.alone)
-        self.assertEqual((report["module"], sorted(problems)), (None, ["the engine's module", "type library"]))
-        moved = self.folder / "moved" / MODULE.name
-        moved.parent.mkdir()
-        shutil.copy(MODULE, moved)
-        self.registered(module=moved)
-        self.addCleanup(shutil.copy, MODULE, moved)
-        report, problems = self.doctor(program=self.alone)
-        self.assertEqual((report["found_by"], report["module"]["path"], problems), ("machine", windows(moved), {}))
-        # The manifest comes first.
-        report, _ = self.doctor()
-        self.assertEqual([place["kind"] for place in report["registrations"]], ["manifest", "machine"])
-        self.assertEqual(report["found_by"], "manifest")
-        broken = bytearray(moved.read_bytes())
-        place = int.from_bytes(broken[0x3c:0x40], "little") + 4
-        broken[place:place + 2] = (0x8664 if BITS == 32 else 0x014c).to_bytes(2, "little")
-        for content, cause in [(bytes(broken), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
-            with self.subTest(cause=cause):
-                moved.write_bytes(content) if content else moved.unlink()
-                report, problems = self.doctor(6, program=self.alone)
-                self.assertIsNone(report["module"])
-                self.assertIn(cause, problems[f"the engine's module (machine: {windows(moved)})"])
-
-    def test_a_registration_for_the_user_is_named(self):
-        # Wine creates nothing from it, so the module counts as missing here.
-        self.registered(scope="user")
-        report, _ = self.doctor(6, program=self.alone)
-        self.assertEqual(report["registrations"], [{"kind": "user", "module": windows(MODULE)}])
-
-    def test_a_missing_type_library_and_listed_filters_that_cannot_be_created_are_problems(self):
-        self.registered()
-        reg("delete", LIBRARY, "/f")
-        report = self.one_problem(6, "type library", "not registered", program=self.alone)
-        self.assertIsNone(report["type_library"])
-        reg("add", FILTERS, "/v", "Ghost", "/d", "{11111111-2222-3333-4444-555555555555}", "/f")
-        self.one_problem(6, '"Ghost" in HKEY_LOCAL_MACHINE', "not registered")
-        reg("add", FILTERS, "/v", "Ghost", "/d", "COggImport", "/f")
-        self.one_problem(6, '"Ghost"', "not a class identifier")
-        reg("delete", FILTERS, "/v", "Ghost", "/f")
-        self.assertEqual(run("install-filters")[0], 0)
-        report, problems = self.doctor()
-        self.assertEqual(([entry["available"] for entry in report["filters"]], problems), ([True, True], {}))
-        # The manager reads no further than this.
-        reg("add", FILTERS, "/v", "Long", "/d", "x" * 120, "/f")
-        self.one_problem(6, "Import Filters", "too long")
-
-    def test_a_temporary_folder_that_cannot_be_used_is_a_problem(self):
-        def choose(path):
-            reg("add", DIRECTORIES, "/v", "Temporary", "/d", windows(path), "/f")
-
-        choose(self.folder)
-        report, problems = self.doctor()
-        self.assertEqual((report["temporary_folder"]["chosen"], problems), (True, {}))
-        self.assertEqual(list(self.folder.iterdir()), [self.alone])
-        for folder, cause in ((self.folder / "nowhere", "does not exist"), (self.alone, "not a folder"),
-                              # Not even root can write here.
-                              (pathlib.Path("/proc/self"), "no file can be made there")):
-            choose(folder)
-            self.one_problem(4, folder.name, cause)
-
-    def test_the_text_names_cause_and_remedy(self):
+    def test_a_missing_module_is_told_in_words_and_a_broken_one_by_its_fault(self):
         status, text, messages = run("doctor", program=self.alone, environment=NO_SERVER)
         self.assertEqual(status, 6)
         # The system's sound library may write messages before it.
         self.assertTrue(messages.endswith("marlinda: there are 4 problems\n"), messages)
         self.assertIn("problem: the engine's module: the class is not registered\n  Register", text)
-        self.assertRegex(text, r"(?m)^module +cannot be used$")
-        self.assertRegex(text, r"(?m)^temporary +.*MiB free$")
+        self.assertRegex(text, rf"(?m)^module +cannot be used\n(?s:.*)^{BITS} bits +not here; not registered\n"
+                               r"(?s:.*)^temporary +.*MiB free$")
+        moved = self.folder / MODULE.name
+        shutil.copy(MODULE, moved)
+        self.register(moved)
+        self.addCleanup(shutil.copy, MODULE, moved)
+        report = self.doctor(program=self.alone)
+        self.assertEqual((report["found_by"], report["module"]["path"]), ("machine", windows(moved)))
+        # The manifest comes first.
+        report = self.doctor()
+        self.assertEqual([place["kind"] for place in report["registrations"]], ["manifest", "machine"])
+        self.assertEqual(report["found_by"], "manifest")
+        for content, cause in [(image(96 - BITS), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
+            moved.write_bytes(content) if content else moved.unlink()
+            report = self.doctor(6, self.alone, f"the engine's module (machine: {windows(moved)})", cause)
+            self.assertIsNone(report["module"])
+
+    def test_a_registration_for_the_user_is_named(self):
+        # Wine creates nothing from it, so the module counts as missing here.
+        self.register(MODULE, scope="user")
+        self.assertEqual(self.doctor(6, self.alone)["registrations"], [{"kind": "user", "module": windows(MODULE)}])
+
+    @unittest.skipIf(BITS == 32, "runs programs of 32 bits alone")
+    def test_the_module_of_the_other_bitness_is_shown_and_a_registration_of_it_that_leads_nowhere_is_a_problem(self):
+        other = self.folder / "x86" / MODULE.name
+        other.parent.mkdir()
+        other.write_bytes(image(32))
+        key = CLASSES + r"\CLSID\{F9866FF8-ED3C-43D9-B7B9-F459EEAC472B}\InprocServer32"
+        self.addCleanup(wine, "reg", "delete", key, "/f", "/reg:32")
+        shutil.copy(MODULE, self.alone.parent), shutil.copy(f"{PROGRAM}.manifest", self.alone.parent)
+        for module, cause in ((other, None), (MODULE, "a 64-bit module"), (self.folder / "gone", "does not exist")):
+            wine("reg", "add", key, "/d", windows(module), "/f", "/reg:32")
+            report = self.doctor(6 if cause else 7, self.alone, cause and "the 32-bit engine (machine: ", cause)
+            self.assertEqual(report["engines"], [
+                {"bits": 64, "file": windows(self.alone.parent / MODULE.name), "registrations": []},
+                {"bits": 32, "file": windows(other), "registrations": [{"kind": "machine", "module": windows(module)}]}])
+
+    def test_a_missing_type_library_and_listed_filters_that_cannot_be_created_are_problems(self):
+        self.register(MODULE)
+        wine("reg", "delete", CLASSES + r"\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", "/f")
+        self.assertIsNone(self.doctor(6, self.alone, "type library", "not registered")["type_library"])
+        # The manager reads no further than the last one.
+        for value, subject, cause in (
+                ("{11111111-2222-3333-4444-555555555555}", '"Ghost" in HKEY_LOCAL_MACHINE', "not registered"),
+                ("COggImport", '"Ghost"', "not a class identifier"), ("x" * 120, "Import Filters", "too long")):
+            wine("reg", "add", FILTERS, "/v", "Ghost", "/d", value, "/f")
+            self.doctor(6, PROGRAM, subject, cause)
+        wine("reg", "delete", FILTERS, "/v", "Ghost", "/f")
+        self.assertEqual(run("install-filters")[0], 0)
+        self.assertEqual([entry["available"] for entry in self.doctor()["filters"]], [True, True])
+
+    def test_a_temporary_folder_that_cannot_be_used_is_a_problem(self):
+        # Not even root can write in the last one.
+        for folder, cause in ((self.folder, None), (self.folder / "nowhere", "does not exist"), (self.alone, "not a folder"),
+                              (pathlib.Path("/proc/self"), "no file can be made there")):
+            wine("reg", "add", DIRECTORIES, "/v", "Temporary", "/d", windows(folder), "/f")
+            report = self.doctor(4 if cause else 7, PROGRAM, cause and folder.name, cause)
+            self.assertTrue(report["temporary_folder"]["chosen"])
+        self.assertEqual(list(self.folder.iterdir()), [self.alone.parent])
 
 
 if __name__ == "__main__":
