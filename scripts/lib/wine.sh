@@ -5,9 +5,7 @@
 
 wine=/usr/lib/wine/wine64 # the package's wrapper would print a hint about a missing 32-bit Wine
 wine_server=/usr/lib/wine/wineserver64 # also ends and awaits the server of a 32-bit prefix
-if [[ ${TESSALY_WINE_BITS:-64} == 32 ]]; then
-  wine=$root/scripts/lib/wine32
-fi
+[[ ${TESSALY_WINE_BITS:-64} == 64 ]] || wine=$root/scripts/lib/wine-x86-root
 
 # Ends what is left running in the prefix: Wine's helper processes would stay for some seconds.
 stop_wine_server() {
