@@ -1,6 +1,7 @@
-; The set-up program: copies the files, registers the modules, lists the import filters, and takes all of
-; it back. Built by scripts/package.sh, which defines VERSION, FOLDER (the files) and OUT.
-;   tessaly-VERSION-x64-setup.exe [/S] [/AllUsers | /CurrentUser] [/D=FOLDER]
+; The set-up program: copies the files, registers the modules of both bitnesses, lists the import filters,
+; makes entries in the Start menu, and takes all of it back. Built by scripts/package.sh, which defines
+; VERSION, FOLDER (the files, with lists of them beside it) and OUT.
+;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
 ; For everybody where the user may, else for the user alone. Exit statuses: 0 done, 1 cancelled by the
 ; user, 2 not installed, or not removed, and nothing changed; also after a switch that is none of these.
 
@@ -19,8 +20,11 @@ RequestExecutionLevel highest
 !include LogicLib.nsh
 !include FileFunc.nsh
 !include WordFunc.nsh
+!include Sections.nsh
+!include WinMessages.nsh
 
 Var Scope ; machine or user, as the modules' variable TESSALY_REGISTRATION has it
+Var SysWow64 ; where the system has its 32-bit programs; empty when it runs none
 
 Name "${TITLE}"
 OutFile "${OUT}"
@@ -34,6 +38,13 @@ VIAddVersionKey FileDescription "${TITLE} set-up"
 VIAddVersionKey LegalCopyright ""
 
 !define MUI_ABORTWARNING
+!define MUI_PAGE_HEADER_TEXT "Other people's code"
+!define MUI_PAGE_HEADER_SUBTEXT "What is inside, and its licences"
+!define MUI_LICENSEPAGE_TEXT_TOP "Press Page Down for the text of each licence."
+!define MUI_LICENSEPAGE_TEXT_BOTTOM "The folder licences will hold these texts."
+!define MUI_LICENSEPAGE_BUTTON "&Next >"
+!insertmacro MUI_PAGE_LICENSE "${FOLDER}.licences.txt"
+!insertmacro MUI_PAGE_COMPONENTS
 !insertmacro MUI_PAGE_DIRECTORY
 !insertmacro MUI_PAGE_INSTFILES
 !insertmacro MUI_UNPAGE_CONFIRM
@@ -50,58 +61,150 @@ VIAddVersionKey LegalCopyright ""
 
 ; Modules and program must not be in use: half of them replaced would be worse than none. A file that runs
 ; or is loaded cannot be opened for writing.
+!macro RequireUnused folder kind
+  FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
+  ${DoUntil} $2 == ""
+    ClearErrors
+    FileOpen $0 "$INSTDIR\${folder}\$2" a
+    ${IfNot} ${Errors}
+      FileClose $0
+      FindNext $1 $2
+    ${ElseIf} ${Cmd} `MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION \
+      "$INSTDIR\${folder}\$2 is in use, or may not be written. Close the programs that use it and try again." \
+      /SD IDCANCEL IDCANCEL`
+      !insertmacro Refuse "$2 is in use, or may not be written; nothing was changed."
+    ${EndIf}
+  ${Loop}
+  FindClose $1
+!macroend
 !macro DefineRequireUnused un
   Function ${un}RequireUnused
-    Push Tessaly.dll
-    Push Converter.dll
-    Push InterfacePicker.dll
-    Push marlinda.exe
-    ${For} $1 1 4
-      Pop $2
-      ${DoWhile} ${FileExists} "$INSTDIR\$2"
-        ClearErrors
-        FileOpen $0 "$INSTDIR\$2" a
-        ${IfNot} ${Errors}
-          FileClose $0
-          ${Break}
-        ${EndIf}
-        MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION \
-          "$INSTDIR\$2 is in use, or may not be written. Close the programs that use it and try again." \
-          /SD IDCANCEL IDRETRY again
-        !insertmacro Refuse "$2 is in use, or may not be written; nothing was changed."
-        again:
-      ${Loop}
-    ${Next}
+    !insertmacro RequireUnused x64 dll
+    !insertmacro RequireUnused x64 exe
+    !insertmacro RequireUnused x86 dll
+    !insertmacro RequireUnused x86 exe
   FunctionEnd
 !macroend
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; Registers in a process of its own, which unloads the module again. $0: status, 0 for success.
-!macro Register module options
-  nsExec::Exec '"$SYSDIR\regsvr32.exe" /s ${options} "$INSTDIR\${module}"'
-  Pop $0
+; Registers in a process of its own, which unloads the module again and has its bitness. $0: status, 0 for
+; success, also of a 32-bit module where the system runs no 32-bit programs.
+!macro Register folder module options
+  StrCpy $0 0
+  !if ${folder} == x64
+    StrCpy $1 $SYSDIR
+  !else
+    StrCpy $1 $SysWow64
+  !endif
+  ${If} $1 != ""
+    nsExec::Exec '"$1\regsvr32.exe" /s ${options} "$INSTDIR\${folder}\${module}"'
+    Pop $0
+  ${EndIf}
 !macroend
+!macro TakeBackModule folder module
+  !insertmacro Register ${folder} ${module} /u
+!macroend
+
+; The list of import filters is the machine's, one for each bitness; marlinda.exe works without it.
+!macro ListFilters folder options
+  StrCpy $0 0
+  ${If} $Scope == machine
+    !if ${folder} == x86
+    ${AndIf} $SysWow64 != ""
+    !endif
+    nsExec::Exec '"$INSTDIR\${folder}\marlinda.exe" install-filters ${options}'
+    Pop $0
+  ${EndIf}
+!macroend
+
+; The engine makes the keys of its settings when it looks for them, the machine's too where the user may.
+; What is in them is the user's, or the application's.
+!macro RemoveEmptySettings view
+  SetRegView ${view}
+  DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
+  DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
+  DeleteRegKey /ifempty HKLM "Software\Brevant"
+  DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\Directories"
+  DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\EncoderSettings"
+  DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}"
+  DeleteRegKey /ifempty HKCU "Software\Brevant"
+!macroend
+
+!macro DefineChangePath un
+  ; Puts $INSTDIR\x64 at the end of the PATH of $Scope when $R9 is "add", else takes it out. The PATH is not
+  ; put into a variable, because those end at 1,024 characters.
+  Function ${un}ChangePath
+    StrCpy $R0 -2147483647 ; HKEY_CURRENT_USER
+    StrCpy $R1 "Environment"
+    ${If} $Scope == machine
+      StrCpy $R0 -2147483646 ; HKEY_LOCAL_MACHINE
+      StrCpy $R1 "System\CurrentControlSet\Control\Session Manager\Environment"
+    ${EndIf}
+    StrCpy $R2 "$INSTDIR\x64;"
+    System::Call 'advapi32::RegOpenKeyExW(p R0, w R1, i 0, i 0x103, *p .r1) i .r0'
+    System::Alloc 70000 ; a value of an environment has 65,534 bytes at most
+    Pop $2
+    StrCpy $4 2 ; REG_EXPAND_SZ, unless the value has another type
+    IntPtrOp $3 $2 + 2
+    System::Call 'advapi32::RegQueryValueExW(p r1, w "Path", p 0, *i r4r4, p r3, *i 65534) i .r5'
+    ${If} $5 == 2 ; there is none
+      StrCpy $5 0
+    ${EndIf}
+    ${If} $5 == 0
+      ; Every folder between semicolons, the first and the last too.
+      System::Call '*$2(&i2 0x3B)'
+      System::Call 'kernel32::lstrlenW(p r2) i .r6'
+      ${If} $6 > 1
+        System::Call 'kernel32::lstrcatW(p r2, w ";")'
+      ${EndIf}
+      System::Call 'shlwapi::StrStrIW(p r2, w ";$R2") p .r5'
+      ${If} $R9 == add
+      ${AndIf} $5 == 0
+        System::Call 'kernel32::lstrcatW(p r2, w R2)'
+      ${ElseIf} $R9 != add
+      ${AndIf} $5 != 0
+        StrLen $6 $R2
+        IntOp $6 $6 * 2
+        IntPtrOp $7 $5 + $6
+        System::Call 'kernel32::lstrlenW(p r7) i .r6'
+        IntOp $6 $6 * 2
+        IntOp $6 $6 + 2
+        System::Call 'ntdll::memmove(p r5, p r7, p r6)'
+      ${EndIf}
+      System::Call 'kernel32::lstrlenW(p r2) i .r6'
+      ${If} $6 > 1
+        IntOp $6 $6 - 1
+        IntOp $6 $6 * 2
+        IntPtrOp $7 $2 + $6
+        System::Call '*$7(&i2 0)'
+        System::Call 'advapi32::RegSetValueExW(p r1, w "Path", i 0, i r4, p r3, i r6)'
+      ${Else}
+        System::Call 'advapi32::RegDeleteValueW(p r1, w "Path")'
+      ${EndIf}
+      SendMessage ${HWND_BROADCAST} ${WM_SETTINGCHANGE} 0 "STR:Environment" /TIMEOUT=1000
+    ${EndIf}
+    System::Free $2
+    System::Call 'advapi32::RegCloseKey(p r1)'
+  FunctionEnd
+!macroend
+!insertmacro DefineChangePath ""
+!insertmacro DefineChangePath "un."
 
 !macro DefineTakeBack un
   ; Undoes all that Install does. What was not done is not missed.
   Function ${un}TakeBack
-    ${If} $Scope == machine
-      nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters --remove'
-      Pop $0
-    ${EndIf}
-    !insertmacro Register InterfacePicker.dll /u
-    !insertmacro Register Converter.dll /u
-    !insertmacro Register Tessaly.dll /u
-    ; The engine makes the keys of its settings when it looks for them, the machine's too where the user
-    ; may. What is in them is the user's, or the application's.
-    DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
-    DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
-    DeleteRegKey /ifempty HKLM "Software\Brevant"
-    DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\Directories"
-    DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}\EncoderSettings"
-    DeleteRegKey /ifempty HKCU "${SETTINGS_KEY}"
-    DeleteRegKey /ifempty HKCU "Software\Brevant"
+    !insertmacro ListFilters x64 --remove
+    !insertmacro ListFilters x86 --remove
+    !define Module "!insertmacro TakeBackModule"
+    !include "${FOLDER}.modules.nsh"
+    !undef Module
+    !insertmacro RemoveEmptySettings 32
+    !insertmacro RemoveEmptySettings 64
+    StrCpy $R9 remove
+    Call ${un}ChangePath
+    Delete "$SMPROGRAMS\${NAME}\*.lnk"
+    RMDir "$SMPROGRAMS\${NAME}"
     DeleteRegKey SHCTX "${UNINSTALL_KEY}"
     ; File by file, for the folder may hold more than ours.
     !include "${FOLDER}.remove.nsh"
@@ -122,14 +225,21 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Refuse "${message} Nothing is left of the installation."
 !macroend
 
-!macro InstallModule module
-  !insertmacro Register ${module} ""
+!macro InstallModule folder module
+  !insertmacro Register ${folder} ${module} ""
   ${If} $0 != 0
-    !insertmacro GiveUp "${module} could not be registered (regsvr32: $0)."
+    !insertmacro GiveUp "${folder}\${module} could not be registered (regsvr32: $0)."
+  ${EndIf}
+!macroend
+!macro InstallFilters folder
+  !insertmacro ListFilters ${folder} ""
+  ${If} $0 != 0
+    !insertmacro GiveUp "The import filters of ${folder} could not be listed (status $0)."
   ${EndIf}
 !macroend
 
-Section
+Section "Engine, programs, documents"
+  SectionIn RO
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $R0 != ""
   ${AndIf} $R0 != $INSTDIR
@@ -145,21 +255,18 @@ Section
   ${EndIf}
   SetOutPath "$TEMP" ; a current folder cannot be removed
 
-  !insertmacro InstallModule Tessaly.dll
-  !insertmacro InstallModule Converter.dll
-  !insertmacro InstallModule InterfacePicker.dll
-  ; The list is the machine's; marlinda.exe works without it.
-  ${If} $Scope == machine
-    nsExec::Exec '"$INSTDIR\marlinda.exe" install-filters'
-    Pop $0
-    ${If} $0 != 0
-      !insertmacro GiveUp "The import filters could not be listed (status $0)."
-    ${EndIf}
+  ${If} $SysWow64 == ""
+    DetailPrint "This system runs no 32-bit programs: the modules in x86 are not registered."
   ${EndIf}
+  !define Module "!insertmacro InstallModule"
+  !include "${FOLDER}.modules.nsh"
+  !undef Module
+  !insertmacro InstallFilters x64
+  !insertmacro InstallFilters x86
 
   WriteRegStr SHCTX "${UNINSTALL_KEY}" DisplayName "${TITLE} ${VERSION}"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" DisplayVersion "${VERSION}"
-  WriteRegStr SHCTX "${UNINSTALL_KEY}" DisplayIcon "$INSTDIR\marlinda.exe"
+  WriteRegStr SHCTX "${UNINSTALL_KEY}" DisplayIcon "$INSTDIR\x64\marlinda.exe"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" Publisher "${NAME}"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" InstallLocation "$INSTDIR"
   WriteRegStr SHCTX "${UNINSTALL_KEY}" UninstallString '"$INSTDIR\uninstall.exe"'
@@ -169,6 +276,22 @@ Section
   ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
   IntFmt $0 "0x%08X" $0
   WriteRegDWORD SHCTX "${UNINSTALL_KEY}" EstimatedSize $0
+SectionEnd
+
+Section "Entries in the Start menu"
+  SetOutPath "$INSTDIR" ; where the programs begin
+  CreateDirectory "$SMPROGRAMS\${NAME}"
+  CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} console.lnk" "$INSTDIR\console.cmd"
+  CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} documents.lnk" "$INSTDIR\docs"
+  ${If} ${FileExists} "$INSTDIR\x64\marlinda-editor.exe"
+    CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} editor.lnk" "$INSTDIR\x64\marlinda-editor.exe"
+  ${EndIf}
+  SetOutPath "$TEMP"
+SectionEnd
+
+Section /o "marlinda in the PATH" PathSection
+  StrCpy $R9 add
+  Call ChangePath
 SectionEnd
 
 Section Uninstall
@@ -195,6 +318,10 @@ FunctionEnd
     SetShellVarContext current
   ${EndIf}
   System::Call 'kernel32::SetEnvironmentVariable(t "TESSALY_REGISTRATION", t "$Scope")'
+  StrCpy $SysWow64 ""
+  ${If} ${FileExists} "$WINDIR\SysWOW64\regsvr32.exe"
+    StrCpy $SysWow64 "$WINDIR\SysWOW64"
+  ${EndIf}
 !macroend
 
 Function .onInit
@@ -207,6 +334,7 @@ Function .onInit
   ${WordReplace} $R3 " /NCRC " "" "+" $R3
   ${WordReplace} $R3 " /AllUsers " "" "+" $R3
   ${WordReplace} $R3 " /CurrentUser " "" "+" $R3
+  ${WordReplace} $R3 " /Path " "" "+" $R3
   ${WordReplace} $R3 " " "" "+" $R3
   ${If} $R3 != ""
     !insertmacro Refuse "Not a switch of this program: $R1"
@@ -234,6 +362,11 @@ Function .onInit
     ${EndIf}
   ${EndIf}
   !insertmacro EnterScope
+  ClearErrors
+  ${GetOptions} $R1 /Path $R2
+  ${IfNot} ${Errors}
+    !insertmacro SelectSection ${PathSection}
+  ${EndIf}
 
   ; An installation is renewed where it is; two of them would share one registration.
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation

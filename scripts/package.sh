@@ -1,21 +1,23 @@
 #!/usr/bin/env bash
-# Builds what is handed out, from the 64-bit build:
-#   build/package/tessaly-VERSION-x64.zip         unpack and run
-#   build/package/tessaly-VERSION-x64-setup.exe   installs, registers and removes
+# Builds what is handed out, from the 64-bit and the 32-bit build:
+#   build/package/tessaly-VERSION.zip         unpack and run
+#   build/package/tessaly-VERSION-setup.exe   installs, registers and removes
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build package
-compile x64 Tessaly Converter InterfacePicker marlinda
+compile x64 programs
+compile x86 programs
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/x64/CMakeCache.txt")
-name=tessaly-$version-x64
+name=tessaly-$version
 package=$root/build/package
 folder=$package/$name
 rm -rf "$package"
 mkdir -p "$package"
 
 lay_out() {
-  cmake --install "$root/build/x64" --strip --prefix "$folder" || return
+  cmake --install "$root/build/x64" --strip --prefix "$folder" &&
+    cmake --install "$root/build/x86" --strip --component programs --prefix "$folder" || return
   # Besides our own list of other people's code its texts as they came: of the libraries that are linked,
   # from their sources, and of the header-only ones and the compiler's runtime, from Debian's packages.
   local stamp library place
@@ -30,20 +32,30 @@ lay_out() {
     gcc-mingw-w64-x86-64-posix-runtime; do
     cp -L "/usr/share/doc/$library/copyright" "$folder/licences/$library.txt" || return
   done
-  sed -i 's/$/\r/' "$folder/README.txt" # the one file that is read in Windows' own editor
+  sed -i 's/$/\r/' "$folder/README.txt" "$folder/console.cmd" # Windows' own editor and prompt read these
 }
 pack() {
   (cd "$package" && find "$name" -type f | LC_ALL=C sort | zip -q -9 -X -@ "$name.zip")
 }
 set_up_program() {
-  # What the uninstaller is to remove, by name; folders after what is in them.
+  # What it shows of the licences, which modules it registers, and what the uninstaller is to remove, by name;
+  # folders after what is in them.
+  (
+    cd "$folder"
+    local text
+    printf '\357\273\277' # UTF-8
+    for text in licences/third-party.md licences/*.txt; do
+      printf '======== %s ========\n\n%s\n\n' "$text" "$(<"$text")"
+    done
+  ) | sed 's/\r*$/\r/' >"$folder.licences.txt"
+  (cd "$folder" && find x64 x86 -name '*.dll' | LC_ALL=C sort | sed 's|^|${Module} |; s|/| |') >"$folder.modules.nsh"
   (cd "$folder" && {
     find . -type f -printf 'Delete "$INSTDIR/%P"\n'
     find . -mindepth 1 -depth -type d -printf 'RMDir "$INSTDIR/%P"\n'
   } | tr / '\\') >"$folder.remove.nsh"
   makensis -V2 -WX -DVERSION="$version" -DFOLDER="$folder" -DOUT="$folder-setup.exe" \
     "$root/installer/tessaly.nsi" &&
-    rm "$folder.remove.nsh"
+    rm "$folder".{licences.txt,modules.nsh,remove.nsh}
 }
 step "lay out the files" "see the log" lay_out
 step "zip" "see the log" pack

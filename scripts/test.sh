@@ -58,20 +58,22 @@ suite() {
 }
 
 rm -f "$logs"/result-*
-names=(x64 sound native asan tsan x86 x86-sound)
+names=(x64 package sound native asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
 # The suite under Wine waits for timers now and then, and the other builds use that time. Sound has a
 # prefix of its own, because other tests register and unregister the classes meanwhile.
 compile x64
-suite x64 x64 "kernels and components, 64 bits" "-LE ^sound$" "$root/scripts/wine-session" &
+suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
 suite_64=$!
+compile x86
+suite package x64 "packages of both" "-L ^package$" &
+suite_package=$!
 compile native && suite native native "kernels, native" "-LE ^sound$"
 compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
-compile x86
-wait "$suite_64" || true
+wait "$suite_64" "$suite_package" || true
 # Sound after the builds: a starved sound server fills in silence.
 suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
 status=0

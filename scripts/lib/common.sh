@@ -57,12 +57,15 @@ configure() {
   fi
 }
 
-# compile PRESET [TARGET...]: configures and builds.
+# compile PRESET [TARGET...]: configures and builds. Scripts that run at once do it one after the other.
 compile() {
-  local preset=$1 targets=()
+  local preset=$1 targets=() lock
+  exec {lock}>"$root/build/$1.lock"
+  flock "$lock"
   shift
   [[ $# -eq 0 ]] || targets=(--target "$@")
   configure "$preset"
   step "build $preset" "the first line with 'error' in the log names the place" \
     cmake --build "$root/build/$preset" "${targets[@]}"
+  exec {lock}>&-
 }
