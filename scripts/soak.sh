@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Wears the engine out, in parts of minutes to hours that are no part of the tests:
+# Wears the engine out, in parts of minutes to hours, or of much to download, that are no part of the tests:
 #   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 # shellcheck disable=SC2154 -- root comes from common.sh
@@ -73,6 +73,13 @@ part_memory() {
   under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"
 }
 
+# The sample in C#, compiled and run by .NET Core for Windows, 315 MB from npm.
+part_clients() {
+  compile x64 Tessaly
+  step "the sample in C#" "build/csharp/npm.log is what npm said" "$root/tests/scripts/run_client.sh" csharp "$root/build/x64"
+  ! grep -h ' NOT TESTED\. ' "$logs/the-sample-in-C-.log"
+}
+
 # name            function
 parts="
   fuzz            part_fuzz
@@ -83,6 +90,7 @@ parts="
   memory          part_memory
   device          part_device
   loss            part_loss
+  clients         part_clients
 "
 
 [[ $# -gt 0 ]] || mapfile -t names < <(awk 'NF { print $1 }' <<<"$parts")

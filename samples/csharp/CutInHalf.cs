@@ -1,9 +1,9 @@
 // The engine from C# with interop signatures written by hand:
 //   csc CutInHalf.cs
 //   CutInHalf IN.ogg OUT.wav
-// Our tests compile it and never run it. Takes an engine that is registered, of the program's own
-// bitness. An interface declares its methods in the order of the type library, and may end after the
-// last one that is used; "tlbimp Tessaly.dll" would make them all.
+// Takes an engine that is registered, of the program's own bitness. An interface declares its methods in
+// the order of the type library, and may end after the last one that is used; "tlbimp Tessaly.dll" would
+// make them all.
 using System;
 using System.Runtime.InteropServices;
 using System.Threading;
