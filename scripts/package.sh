@@ -40,14 +40,13 @@ pack() {
 set_up_program() {
   # What it shows of the licences, which modules it registers, and what the uninstaller is to remove, by name;
   # folders after what is in them.
-  (
-    cd "$folder"
-    local text
+  local text
+  {
     printf '\357\273\277' # UTF-8
-    for text in licences/third-party.md licences/*.txt; do
-      printf '======== %s ========\n\n%s\n\n' "$text" "$(<"$text")"
+    for text in "$folder/licences/third-party.md" "$folder"/licences/*.txt; do
+      printf '======== %s ========\n\n%s\n\n' "${text#"$folder/"}" "$(<"$text")"
     done
-  ) | sed 's/\r*$/\r/' >"$folder.licences.txt"
+  } | sed 's/\r*$/\r/' >"$folder.licences.txt"
   (cd "$folder" && find x64 x86 -name '*.dll' | LC_ALL=C sort | sed 's|^|${Module} |; s|/| |') >"$folder.modules.nsh"
   (cd "$folder" && {
     find . -type f -printf 'Delete "$INSTDIR/%P"\n'
