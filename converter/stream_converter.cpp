@@ -41,6 +41,10 @@ StreamConverter::StreamConverter(const Format& source, const Format& target)
       resampled_channels_(static_cast<std::size_t>(std::min(source.channels, target.channels))),
       ratio_(RatioOf(source, target)) {
   if (source.rate == target.rate) return;
+  if (PolyphaseFilter::CanConvert(source.rate, target.rate)) {
+    filter_.emplace(source.rate, target.rate, resampled_channels_);
+    return;
+  }
   int error = 0;
   resampler_.reset(src_new(SRC_SINC_BEST_QUALITY, static_cast<int>(resampled_channels_), &error));
   if (resampler_ == nullptr) throw std::bad_alloc();
@@ -62,7 +66,7 @@ void StreamConverter::Convert(std::span<const float> samples, std::vector<float>
 }
 
 void StreamConverter::ConvertFrames(std::span<const float> frames, std::vector<float>& output) {
-  if (resampler_ == nullptr) return map_.Apply(frames, output);
+  if (!filter_ && resampler_ == nullptr) return map_.Apply(frames, output);
   mapped_.clear();
   if (maps_first_) {
     map_.Apply(frames, mapped_);
@@ -74,6 +78,7 @@ void StreamConverter::ConvertFrames(std::span<const float> frames, std::vector<f
 }
 
 void StreamConverter::Resample(std::span<const float> frames, std::vector<float>& output) {
+  if (filter_) return filter_->Process(frames, output);
   const auto room = static_cast<std::size_t>(std::ceil(kFramesPerPiece * ratio_)) + 64;
   SRC_DATA data = {};
   data.src_ratio = ratio_;

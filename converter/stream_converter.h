@@ -4,10 +4,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "converter/channel_map.h"
+#include "converter/polyphase_filter.h"
 
 struct SRC_STATE_tag;
 
@@ -45,7 +47,9 @@ class StreamConverter {
   const bool maps_first_;
   const std::size_t resampled_channels_;
   const double ratio_;
-  std::unique_ptr<SRC_STATE_tag, Closer> resampler_;  // null where the rates are the same
+  // One of them, or none where the rates are the same.
+  std::optional<PolyphaseFilter> filter_;
+  std::unique_ptr<SRC_STATE_tag, Closer> resampler_;  // for ratios that the filter cannot convert
   std::vector<float> partial_;                        // the beginning of a frame
   std::vector<float> mapped_;
 };

@@ -1,0 +1,53 @@
+// The order in which a polyphase filter adds its products. Every level of instructions has it from
+// here, so the results have the same bits.
+//
+// `Lanes` holds eight sums. Each file has its own Lanes in an unnamed namespace, which keeps these
+// templates local to it, too.
+#pragma once
+
+#include "converter/filter_kernels.h"
+
+namespace marlinda {
+
+// One channel. Both halves of the taps are added from their small outer ends to the large middle,
+// eight sums side by side, so few roundings are of large sums. Products are rounded before they are
+// added.
+template <class Lanes>
+void FilterOne(const float* taps, std::size_t count, const float* samples, float* frame) noexcept {
+  Lanes left;
+  Lanes right;
+  for (std::size_t begin = 0, end = count - 8; begin < end; begin += 8, end -= 8) {
+    left.Add(taps + begin, samples + begin);
+    right.Add(taps + end, samples + end);
+  }
+  *frame = Sum(left, right);
+}
+
+// Two channels, which share the taps.
+template <class Lanes>
+void FilterTwo(const float* taps, std::size_t count, const float* first, const float* second,
+               float* frame) noexcept {
+  Lanes first_left;
+  Lanes first_right;
+  Lanes second_left;
+  Lanes second_right;
+  for (std::size_t begin = 0, end = count - 8; begin < end; begin += 8, end -= 8) {
+    first_left.Add(taps + begin, first + begin);
+    first_right.Add(taps + end, first + end);
+    second_left.Add(taps + begin, second + begin);
+    second_right.Add(taps + end, second + end);
+  }
+  frame[0] = Sum(first_left, first_right);
+  frame[1] = Sum(second_left, second_right);
+}
+
+template <class Lanes>
+void FilterFrame(const float* taps, std::size_t count, const float* samples, std::size_t stride,
+                 std::size_t channels, float* frame) noexcept {
+  for (; channels >= 2; channels -= 2, samples += 2 * stride, frame += 2) {
+    FilterTwo<Lanes>(taps, count, samples, samples + stride, frame);
+  }
+  if (channels > 0) FilterOne<Lanes>(taps, count, samples, frame);
+}
+
+}  // namespace marlinda

@@ -1,0 +1,55 @@
+// Resamples between rates whose ratio is a fraction of small numbers, such as 44100 and 48000.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "converter/filter_kernels.h"
+
+namespace marlinda {
+
+// A windowed sinc at exactly the phases that occur. Flat to 0.91 of the lower rate's Nyquist
+// frequency, at least 140 dB down from that frequency on. Output frame n stands for the instant of
+// input frame n * source rate / target rate.
+class PolyphaseFilter {
+ public:
+  // False where the table of taps would be larger than 4 MiB.
+  static bool CanConvert(std::int32_t source_rate, std::int32_t target_rate) noexcept;
+
+  // Throws std::bad_alloc.
+  PolyphaseFilter(std::int32_t source_rate, std::int32_t target_rate, std::size_t channels);
+
+  // Takes whole frames and adds those that are ready to `output`. The split into calls does not
+  // change the result. Throws std::bad_alloc.
+  void Process(std::span<const float> frames, std::vector<float>& output);
+
+ private:
+  // Taps side by side, aligned for the widest instructions.
+  struct alignas(32) TapBlock {
+    float taps[8];
+  };
+
+  std::size_t ReadyFrames() const noexcept;
+  void TakeIn(std::span<const float> frames) noexcept;
+  void Filter(std::span<float> output) noexcept;
+
+  const std::size_t channels_;
+  // Reduced rates: every target_ output frames take source_ input frames.
+  const std::size_t source_;
+  const std::size_t target_;
+  const std::size_t taps_;  // of one phase
+  const FilterKernel filter_;
+  std::vector<TapBlock> table_;  // one row for each phase, in the order of use
+  // For each channel room for `room_` input frames. Those up to `held_` are in; the taps of the
+  // next output frame begin at `begin_`.
+  const std::size_t room_;
+  std::vector<float> history_;
+  std::size_t held_;
+  std::size_t begin_ = 0;
+  std::size_t phase_ = 0;  // of the next output frame, in parts 1 / target_ of an input frame
+  std::size_t row_ = 0;
+};
+
+}  // namespace marlinda
