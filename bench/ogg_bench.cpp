@@ -84,11 +84,10 @@ void EncodeMusic(const std::string& path) {
   vorbis_info_clear(&info);
 }
 
-// The file that all benchmarks read: what the environment names, otherwise encoded once.
+// The file that all benchmarks read, encoded once.
 const std::wstring& MusicFile() {
   static const TemporaryFolder folder;
   static const std::wstring path = [] {
-    if (const wchar_t* const named = _wgetenv(L"TESSALY_BENCH_OGG")) return std::wstring(named);
     std::wstring name = folder.File(L"music.ogg");
     EncodeMusic(std::filesystem::path(name).string());
     return name;

@@ -2,7 +2,7 @@
 # Builds the benchmarks and runs them, natively and under Wine, and times whole programs beside ours:
 #   scripts/bench.sh [FILTER]      a regular expression for names of benchmarks; all by default
 # Writes build/bench/table.md; a complete run also writes its comparisons to bench/RESULTS.md. Let nothing else
-# run meanwhile.
+# run meanwhile. The files that whole programs read stay in build/bench/whole (0.8 GB).
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 filter=${1:-.}
 
@@ -41,36 +41,61 @@ run_under_wine() {
       "${options[@]}" --benchmark_filter="$chosen" --benchmark_out="$name.wine.json" || failed=1
   done
 }
-# Ten minutes of sound through whole programs, from start to end. The import alone counts from within.
-run_whole_programs() {
-  local work=$results/whole
-  mkdir -p "$work"
-  cd "$work"
+# Whole programs from start to end, each beside its peers on the same file.
+make_sources() {
+  [[ ! -f hour.ogg ]] || return 0
   local pieces=() count
   for ((count = 0; count < 50; count++)); do pieces+=("$root/host/demo/demo.ogg"); done
-  sox "${pieces[@]}" -b 16 long.wav
-  oggenc -Q -q 4 -o long.ogg long.wav
-  local import="'$root/scripts/wine-run' '$root/build/bench-x64/bench/ogg_bench.exe'"
-  import="TESSALY_BENCH_OGG=long.ogg $import --benchmark_filter=ImportIntoPool --benchmark_format=json"
-  "$root/scripts/lib/time-programs" "$results/whole.native.json" \
-    "oggdec long.ogg" "oggdec -Q -o out.wav long.ogg" \
-    "import of long.ogg into a pool, Wine" "$import --benchmark_min_time=0.001 2>/dev/null" \
-    "sox long.ogg out.wav" "sox long.ogg -b 16 out.wav" \
-    "marlinda convert long.ogg out.wav, Wine" \
-    "'$root/scripts/wine-run' '$root/build/bench-x64/marlinda.exe' convert long.ogg out.wav >/dev/null"
-  rm -f long.wav long.ogg out.wav
+  sox "${pieces[@]}" -b 16 ten.wav
+  sox ten.wav ten.wav ten.wav ten.wav ten.wav ten.wav hour.wav
+  oggenc -Q -q 4 -o ten.ogg ten.wav
+  oggenc -Q -q 4 -o made.ogg hour.wav
+  mv made.ogg hour.ogg
+}
+run_whole_programs() {
+  local work=$root/build/bench/whole
+  mkdir -p "$work"
+  cd "$work"
+  local ours="'$root/scripts/wine-run' '$root/build/bench-x64/marlinda.exe'"
+  local ffmpeg="ffmpeg -v error -nostdin" soxr=
+  ! ffmpeg -v quiet -buildconf | grep enable-libsoxr >/dev/null || soxr=:resampler=soxr
+  local wave="-filter_complex showwavespic=s=1200x320 -frames:v 1"
+  local programs=(
+    "marlinda --version" "$ours --version >/dev/null"
+    "marlinda convert ten.ogg" "$ours convert ten.ogg out.wav >/dev/null"
+    "oggdec ten.ogg" "oggdec -Q -o out.wav ten.ogg"
+    "ffmpeg ten.ogg" "$ffmpeg -i ten.ogg out.wav"
+    "marlinda convert --rate 48000 ten.ogg" "$ours convert ten.ogg out.wav --rate 48000 >/dev/null"
+    "ffmpeg aresample ten.ogg" "$ffmpeg -i ten.ogg -af aresample=48000$soxr out.wav"
+    "marlinda convert --bits 24 hour.wav" "$ours convert hour.wav out.wav --bits 24 >/dev/null"
+    "sndfile-convert -pcm24 hour.wav" "sndfile-convert -pcm24 hour.wav out.wav"
+    "marlinda cut hour.ogg" "$ours cut hour.ogg out.wav --keep 1800:1810 >/dev/null"
+    "ffmpeg -ss hour.ogg" "$ffmpeg -ss 1800 -t 10 -i hour.ogg out.wav"
+    "marlinda cut hour.wav" "$ours cut hour.wav out.wav --keep 1800:1810 >/dev/null"
+    "ffmpeg -ss hour.wav" "$ffmpeg -ss 1800 -t 10 -i hour.wav out.wav"
+    "marlinda plot hour.ogg" "$ours plot hour.ogg out.png >/dev/null"
+    "ffmpeg showwavespic hour.ogg" "$ffmpeg -i hour.ogg $wave out.png"
+    "marlinda plot hour.wav" "$ours plot hour.wav out.png >/dev/null"
+    "ffmpeg showwavespic hour.wav" "$ffmpeg -i hour.wav $wave out.png"
+  )
+  local index chosen=()
+  for ((index = 0; index < ${#programs[@]}; index += 2)); do
+    [[ ! ${programs[index]} =~ $filter ]] || chosen+=("${programs[@]:index:2}")
+  done
+  [[ ${#chosen[@]} -gt 0 ]] || return 0
+  make_sources
+  "$root/scripts/lib/time-programs" "$results/whole.native.json" "${chosen[@]}"
+  rm -f out.*
 }
 failed=
 run_here
 # One session, so that the Windows programs share one start of Wine.
 under_wine() {
   run_under_wine
-  if [[ $filter == . ]]; then
-    step "whole programs" "see the log" bash -euo pipefail -c run_whole_programs || failed=1
-  fi
+  step "whole programs" "see the log" bash -euo pipefail -c run_whole_programs || failed=1
   [[ -z $failed ]]
 }
-export -f step say run_under_wine run_whole_programs under_wine
+export -f step say run_under_wine make_sources run_whole_programs under_wine
 export root results filter logs
 "$root/scripts/wine-session" bash -uo pipefail -c "$(declare -p options); failed=; under_wine" || failed=1
 

@@ -32,7 +32,7 @@ test=(
   pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
 )
 lint=("${build[@]}" g++ clang-format clang-tidy cppcheck)
-bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox)
+bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg)
 fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
 
 groups=("$@")
