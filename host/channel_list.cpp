@@ -40,6 +40,10 @@ std::vector<int> ChannelsOf(std::uint32_t mask, int channels) {
   return list;
 }
 
+std::string ChannelCount(int channels) {
+  return std::to_string(channels) + (channels == 1 ? " channel" : " channels");
+}
+
 void RequireChannels(std::uint32_t mask, int channels) {
   for (int channel = channels; channel < kMaxChannels; ++channel) {
     if (Names(mask, channel)) {

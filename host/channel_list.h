@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -13,6 +14,9 @@ std::uint32_t ParseChannelMask(std::string_view text);
 
 // The channels of the mask that audio of so many channels has.
 std::vector<int> ChannelsOf(std::uint32_t mask, int channels);
+
+// "1 channel", "2 channels".
+std::string ChannelCount(int channels);
 
 // Throws std::invalid_argument when the mask names a channel that the audio does not have.
 void RequireChannels(std::uint32_t mask, int channels);

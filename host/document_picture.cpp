@@ -17,7 +17,7 @@ constexpr int kMaxSide = 16384;
 
 }  // namespace
 
-void CheckPicture(const PictureRequest& request, const std::string& input) {
+void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs) {
   std::string extension = ExtensionOf(request.file);
   std::ranges::transform(extension, extension.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -30,7 +30,7 @@ void CheckPicture(const PictureRequest& request, const std::string& input) {
                        request.file);
     }
   }
-  RequireWritablePlace(request.file, input);
+  RequireWritablePlace(request.file, inputs);
 }
 
 void DrawDocument(IEditedAudio* document, const Annotations& annotations,

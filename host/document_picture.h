@@ -18,7 +18,7 @@ struct PictureRequest {
 };
 
 // Checks the request before the long import. Throws a HostError.
-void CheckPicture(const PictureRequest& request, const std::string& input);
+void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
 // Draws the document with these labels and markers. Throws a HostError.
 void DrawDocument(IEditedAudio* document, const Annotations& annotations,

@@ -42,17 +42,6 @@ bool RunTask(ICoreTask* task, const std::string& title, const Console& console) 
 }
 
 // Opens a reader for a run of reads and closes it afterwards.
-class OpenReader {
- public:
-  explicit OpenReader(IAudioReader* reader) : reader_(reader) { Check(reader_->OpenDevice()); }
-  ~OpenReader() { reader_->CloseDevice(); }
-  OpenReader(const OpenReader&) = delete;
-  OpenReader& operator=(const OpenReader&) = delete;
-
- private:
-  IAudioReader* reader_;
-};
-
 HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   const FloatArray frame(static_cast<std::size_t>(channels));
   return reader->ReadAudio(position, frame.get());
@@ -122,6 +111,32 @@ FilterIdentity IdentityOf(IUnknown* object) {
   return identity;
 }
 
+ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits) {
+  auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
+  Check(document->SetFormat(format.rate, format.channels, static_cast<SHORT>(bits)));
+  return document;
+}
+
+ComPtr<IAudioPool> NewPool() {
+  auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
+  const HRESULT hr = TryPoolFiles(pool.Get());
+  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
+  // Floats keep every bit of what a filter decodes.
+  Check(pool->SetBitDepth(32, 0));
+  return pool;
+}
+
+ImportedAudio LastTake(IAudioPool* pool) {
+  ImportedAudio audio;
+  const HRESULT hr = pool->CreateLastReader(audio.reader.GetAddressOf());
+  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
+  if (hr == S_OK) {
+    Check(audio.reader->GetFormat(&audio.format.rate, &audio.format.channels));
+    Check(audio.reader->GetSampleCount(&audio.frames));
+  }
+  return audio;
+}
+
 Annotations ReadAnnotations(IUnknown* object) {
   Annotations annotations;
   Bstr name;
@@ -177,11 +192,7 @@ Source::Source(const std::string& file) : file_(file) {
   filter_ = ChooseFilter(file, engine_name.get());
   identity_ = IdentityOf(filter_.Get());
 
-  pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  const HRESULT made = TryPoolFiles(pool_.Get());
-  if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
-  // Floats keep every bit of what the filter decodes.
-  Check(pool_->SetBitDepth(32, 0));
+  pool_ = NewPool();
   const HRESULT hr = filter_->Initialize(engine_name.get(), Query<IAudioWriter>(pool_.Get()).Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
@@ -257,13 +268,7 @@ ImportedAudio Source::Import(const Console& console) {
   if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Reading", console)) {
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
   }
-  ImportedAudio audio;
-  const HRESULT hr = pool_->CreateLastReader(audio.reader.GetAddressOf());
-  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
-  if (hr == S_OK) {
-    Check(audio.reader->GetFormat(&audio.format.rate, &audio.format.channels));
-    Check(audio.reader->GetSampleCount(&audio.frames));
-  }
+  const ImportedAudio audio = LastTake(pool_.Get());
   if (audio.frames <= 0 || audio.format.rate <= 0 || audio.format.channels <= 0) {
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
@@ -289,7 +294,7 @@ ImportedAudio Source::Import(const Console& console) {
   return audio;
 }
 
-WaveExport::WaveExport(const std::string& file, const std::string& input)
+WaveExport::WaveExport(const std::string& file, const std::vector<std::string>& inputs)
     : file_(file),
       filter_(CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter")) {
   VARIANT_BOOL supported = VARIANT_FALSE;
@@ -298,7 +303,7 @@ WaveExport::WaveExport(const std::string& file, const std::string& input)
     throw HostError(ExitStatus::kUsage, file, "only WAV files can be written",
                     "Choose a name that ends in .wav.");
   }
-  RequireWritablePlace(file, input);
+  RequireWritablePlace(file, inputs);
 }
 
 WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& console,
@@ -313,6 +318,7 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
                     "Choose fewer bits, or cut the audio into several files.");
   }
 
+  RequireText();
   // Before an existing file is emptied for nothing.
   if (console.Interrupted()) {
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
@@ -343,6 +349,21 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   throw HostError(ExitStatus::kOutput, file_,
                   "the file could not be written whole, so it was removed",
                   "The disk may be full: free some space there, or choose another disk.");
+}
+
+void WaveExport::RequireText() const {
+  if (replaces_text_) return;
+  const auto require = [&](const std::string& text) {
+    if (FitsCodePage(Widen(text))) return;
+    throw HostError(ExitStatus::kOutput, file_,
+                    "\"" + text + "\" has characters that the texts of a WAV file cannot hold here",
+                    "--replace-text writes \"?\" for each of them.");
+  };
+  for (const auto* text : {&tags_.title, &tags_.artist, &tags_.album, &tags_.year, &tags_.genre}) {
+    require(*text);
+  }
+  for (const Label& label : annotations_.labels) require(label.name);
+  for (const SectionMarker& marker : annotations_.markers) require(marker.name);
 }
 
 void WaveExport::HandOver() {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "core/com_ptr.h"
 #include "host/annotations.h"
@@ -51,6 +52,8 @@ class FloatArray {
     if (array_ == nullptr) throw std::bad_alloc();
     std::ranges::fill(samples(), 0.0F);
   }
+  // Takes over an array of floats.
+  explicit FloatArray(SAFEARRAY* array) : array_(array) {}
   FloatArray(const FloatArray&) = delete;
   FloatArray& operator=(const FloatArray&) = delete;
   ~FloatArray() { SafeArrayDestroy(array_); }
@@ -78,16 +81,35 @@ struct AudioFormat {
   SHORT channels = 0;
 };
 
+ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits);
+
+// Keeps a reader open while it lives.
+class OpenReader {
+ public:
+  explicit OpenReader(IAudioReader* reader) : reader_(reader) { Check(reader_->OpenDevice()); }
+  ~OpenReader() { reader_->CloseDevice(); }
+  OpenReader(const OpenReader&) = delete;
+  OpenReader& operator=(const OpenReader&) = delete;
+
+ private:
+  IAudioReader* reader_;
+};
+
 // Labels and markers of an object; none where it has no such interfaces.
 Annotations ReadAnnotations(IUnknown* object);
 void AddAnnotations(IUnknown* object, const Annotations& annotations);
 
-// Decoded audio: a reader over the take that the import left in the pool.
+// Decoded audio, usually a take in a pool.
 struct ImportedAudio {
   ComPtr<IAudioReader> reader;
   AudioFormat format;
   __int64 frames = 0;
 };
+
+// A pool that stores floats. Throws when its files cannot be made.
+ComPtr<IAudioPool> NewPool();
+// The latest take of the pool; without frames when there is none.
+ImportedAudio LastTake(IAudioPool* pool);
 
 // An input file, the filter that reads it and the pool it is read into.
 class Source {
@@ -125,12 +147,14 @@ class Source {
 class WaveExport {
  public:
   // Refuses at once what could not be written after a long import: another extension, a folder that
-  // does not exist, the input itself. `input` is empty when the audio comes from no file.
-  WaveExport(const std::string& file, const std::string& input);
+  // does not exist, one of the inputs itself.
+  WaveExport(const std::string& file, const std::vector<std::string>& inputs);
 
   // Texts beside the audio; to be set before Run.
   void SetTags(const Tags& tags) { tags_ = tags; }
   void SetAcidData(const AcidData& acid) { acid_ = acid; }
+  // Writes "?" for characters that the system's code page does not have; otherwise Run throws.
+  void SetReplacesText(bool replaces) { replaces_text_ = replaces; }
   void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
 
   // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
@@ -143,6 +167,7 @@ class WaveExport {
   IUnknown* filter_object() const { return filter_.Get(); }
 
  private:
+  void RequireText() const;
   void HandOver();
   std::optional<WaveFileFacts> Examine() const;
 
@@ -151,6 +176,7 @@ class WaveExport {
   Tags tags_;
   Annotations annotations_;
   std::optional<AcidData> acid_;
+  bool replaces_text_ = false;
 };
 
 }  // namespace marlinda

@@ -21,6 +21,25 @@ FileHandle OpenFile(const std::string& file, DWORD access, DWORD disposition,
   return handle;
 }
 
+// True for names such as CON.wav, which open a device wherever they stand.
+bool IsDevice(const std::wstring& name) {
+  std::wstring full(GetFullPathNameW(name.c_str(), 0, nullptr, nullptr), L'\0');
+  full.resize(
+      GetFullPathNameW(name.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+  return full.starts_with(L"\\\\.\\");
+}
+
+void RefuseNoFile(const std::string& file, ExitStatus status) {
+  const std::wstring name = Widen(file);
+  std::error_code ignored;
+  if (IsDevice(name)) {
+    throw HostError(status, file, "this name belongs to a device", "Choose another name.");
+  }
+  if (std::filesystem::is_directory(name, ignored)) {
+    throw HostError(status, file, "this is a folder", "Name a file.");
+  }
+}
+
 // The name itself when it fits; else the short name, where the file has one that fits.
 std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
   std::wstring name = Widen(file);
@@ -38,6 +57,7 @@ std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
 }  // namespace
 
 void RequireReadable(const std::string& file) {
+  RefuseNoFile(file, ExitStatus::kInput);
   OpenFile(file, GENERIC_READ, OPEN_EXISTING, ExitStatus::kInput);
 }
 
@@ -49,16 +69,19 @@ void RequireWritable(const std::string& file) {
   if (!existed) std::filesystem::remove(path, ignored);
 }
 
-void RequireWritablePlace(const std::string& output, const std::string& input) {
+void RequireWritablePlace(const std::string& output, const std::vector<std::string>& inputs) {
+  RefuseNoFile(output, ExitStatus::kOutput);
   const std::filesystem::path path(Widen(output));
   const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : L".";
   std::error_code ignored;
   if (!std::filesystem::is_directory(folder, ignored)) {
     throw Explain(HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), output, ExitStatus::kOutput);
   }
-  if (std::filesystem::equivalent(path, Widen(input), ignored)) {
-    throw HostError(ExitStatus::kUsage, output, "the output is the input file itself",
-                    "Choose another name.");
+  for (const std::string& input : inputs) {
+    if (std::filesystem::equivalent(path, Widen(input), ignored)) {
+      throw HostError(ExitStatus::kUsage, output, "the output is the input file itself",
+                      "Choose another name.");
+    }
   }
 }
 

@@ -2,19 +2,21 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace marlinda {
 
-// Opens the file for a moment. Throws a HostError with the reason when it cannot be read.
+// Opens the file for a moment. Throws a HostError with the reason when it cannot be read, or is a
+// folder or a device.
 void RequireReadable(const std::string& file);
 
 // Opens the file for a moment to write, without touching what it holds; one that does not exist is
 // not left behind. Throws a HostError with the reason when that is impossible.
 void RequireWritable(const std::string& file);
 
-// Throws a HostError when the folder of the output does not exist, or when the output is the input
-// itself.
-void RequireWritablePlace(const std::string& output, const std::string& input);
+// Throws a HostError when the output can be no file: its folder does not exist, it is a folder, a
+// device such as CON, or one of the inputs.
+void RequireWritablePlace(const std::string& output, const std::vector<std::string>& inputs);
 
 // Extension without its dot.
 std::string ExtensionOf(const std::string& file);

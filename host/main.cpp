@@ -18,6 +18,14 @@ constexpr const char* kExitStatuses =
     "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration,\n"
     "7 sound device, 130 interrupted.";
 
+// Shows of each option its name and form; the parser's types and limits read like code.
+class PlainHelp final : public CLI::Formatter {
+ public:
+  std::string make_option_opts(const CLI::Option* option) const override {
+    return option->get_option_text().empty() ? "" : " " + option->get_option_text();
+  }
+};
+
 // The parser accepts a flag that is given twice; here that is a usage error.
 void RefuseFlagsTwice(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
@@ -38,27 +46,51 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
                   "See \"marlinda --help\".");
 }
 
+// The error of a line that does not parse.
+HostError WrongLine(const CLI::App& app, const std::vector<std::string>& arguments,
+                    const std::string& reason) {
+  if (arguments.empty() || arguments[0].starts_with('-')) {
+    return {ExitStatus::kUsage, "", reason, "See \"marlinda --help\"."};
+  }
+  const CLI::App* command = app.get_subcommand(arguments[0]);
+  for (const std::string& argument : arguments) {
+    if (argument == "--") break;
+    const std::string name = argument.substr(0, argument.find('='));
+    if (name.size() < 2 || name[0] != '-' || command->get_option_no_throw(name) != nullptr)
+      continue;
+    return {ExitStatus::kUsage, argument, "\"" + arguments[0] + "\" has no such option",
+            "Put \"--\" before file names that begin with a dash, or see \"marlinda " +
+                arguments[0] + " --help\"."};
+  }
+  return UsageError(arguments[0], reason);
+}
+
 int Run(Console& console) {
   CLI::App app("The audio engine on the command line.", "marlinda");
   app.require_subcommand(1);
   app.set_version_flag("--version", "marlinda " MARLINDA_VERSION);
   app.footer(kExitStatuses);
+  app.formatter(std::make_shared<PlainHelp>());
   // A path may begin with a slash.
   app.allow_windows_style_options(false);
   for (const auto add : {AddDoctor, AddFilters, AddInstallFilters, AddInfo, AddConvert, AddCut,
-                         AddPlot, AddDevices, AddPlay, AddRecord, AddScrub}) {
+                         AddJoin, AddPlot, AddDevices, AddPlay, AddRecord, AddScrub}) {
     add(app, console);
   }
 
   RefuseFlagsTwice(app);
   std::vector<std::string> arguments = Console::Arguments();
+  if (!arguments.empty() && arguments[0] == "help") {
+    arguments.erase(arguments.begin());
+    arguments.insert(arguments.begin() + (arguments.empty() ? 0 : 1), "--help");
+  }
   RequireCommand(app, arguments);
-  std::ranges::reverse(arguments);  // the order in which CLI11 takes them
   try {
-    app.parse(arguments);
+    // The parser takes them in reverse.
+    app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0) {
-      throw HostError(ExitStatus::kUsage, "", error.what(), "See \"marlinda --help\".");
+      throw WrongLine(app, arguments, error.what());
     }
     std::ostringstream help;
     app.exit(error, help, help);

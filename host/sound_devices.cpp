@@ -2,6 +2,7 @@
 
 #include <mmsystem.h>
 
+#include "host/channel_list.h"
 #include "host/wide_text.h"
 
 namespace marlinda {
@@ -13,7 +14,7 @@ constexpr const char* kChoose = "Choose another with --device; \"marlinda device
 HostError Refused(const DeviceChoice& device, const AudioFormat& format) {
   return {ExitStatus::kDevice, device.description(),
           "it cannot be opened with " + std::to_string(format.rate) + " Hz, " +
-              std::to_string(format.channels) + " channels",
+              ChannelCount(format.channels),
           std::string("Another program may be using it. ") + kChoose};
 }
 

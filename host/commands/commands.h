@@ -17,6 +17,7 @@ void AddDoctor(CLI::App& app, Console& console);
 void AddFilters(CLI::App& app, Console& console);
 void AddInfo(CLI::App& app, Console& console);
 void AddInstallFilters(CLI::App& app, Console& console);
+void AddJoin(CLI::App& app, Console& console);
 void AddPlay(CLI::App& app, Console& console);
 void AddPlot(CLI::App& app, Console& console);
 void AddRecord(CLI::App& app, Console& console);

@@ -2,11 +2,8 @@
 // another sample rate or number of channels if asked.
 #include "host/commands/commands.h"
 
-#include <converter.h>
-
-#include "core/constants.h"
-#include "core/sample_count.h"
 #include "host/commands/shared.h"
+#include "host/converted_audio.h"
 #include "host/engine.h"
 
 namespace marlinda {
@@ -22,6 +19,7 @@ struct ConvertOptions {
   // Those of the input unless given.
   std::optional<int> rate;
   std::optional<int> channels;
+  bool replace_text = false;
   bool json = false;
 };
 
@@ -30,37 +28,6 @@ void CopyTexts(const Source& source, const Annotations& annotations, WaveExport&
   wave.SetTags(source.ReadTags());
   wave.SetAnnotations(annotations);
   if (const auto acid = source.ReadAcidData()) wave.SetAcidData(*acid);
-}
-
-std::string Describe(const AudioFormat& format) {
-  return std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) + " channels";
-}
-
-// Without a converter the engine passes samples unchanged and reports no error, so the converter is
-// tried before anything is written.
-void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
-  ComPtr<IFormatConverter> converter;
-  if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {
-    throw HostError(ExitStatus::kRegistration, "Converter.dll", "the format converter is missing",
-                    "Keep Converter.dll beside marlinda.exe, or register it with \"regsvr32 "
-                    "Converter.dll\".");
-  }
-  if (FAILED(converter->SetUp(from.rate, to.rate, from.channels, to.channels, kConverterMode))) {
-    throw HostError(ExitStatus::kUsage, "Converter.dll",
-                    Describe(from) + " cannot be converted to " + Describe(to));
-  }
-}
-
-// Positions of the source at another sample rate.
-Annotations AtRate(Annotations annotations, LONG from, LONG to) {
-  for (Label& label : annotations.labels) {
-    label.position = ConvertSampleCount(label.position, from, to);
-  }
-  for (SectionMarker& marker : annotations.markers) {
-    marker.section.begin = ConvertSampleCount(marker.section.begin, from, to);
-    marker.section.end = ConvertSampleCount(marker.section.end, from, to);
-  }
-  return annotations;
 }
 
 // A connector that is taken apart when it goes, whatever happened: it and the filters hold each
@@ -84,7 +51,8 @@ class Connector {
 
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
-  WaveExport wave(options.output, options.input);
+  WaveExport wave(options.output, {options.input});
+  wave.SetReplacesText(options.replace_text);
   const int bits = OutputBits(options.bits, source);
   // Into a pool even where the format changes: the connector needs the length in advance, and a
   // filter may only estimate it.
@@ -105,8 +73,14 @@ void Convert(const ConvertOptions& options, const Console& console) {
     Check(connector.reader()->GetSampleCount(&frames));
     facts = wave.Run(connector.reader().Get(), bits, console, connector.task());
   }
-  PrintSummary({options.input, source.filter().class_name, options.output, to, bits, frames,
-                annotations, facts},
+  PrintSummary({{options.input},
+                source.filter().class_name,
+                options.output,
+                to,
+                bits,
+                frames,
+                annotations,
+                facts},
                options.json, console);
 }
 
@@ -119,6 +93,7 @@ void AddConvert(CLI::App& app, Console& console) {
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the input unless given");
+  AddReplaceText(command, options->replace_text);
   AddProgress(command, console);
   AddJson(command, options->json);
 }

@@ -7,31 +7,27 @@
 #include "host/cut_plan.h"
 #include "host/document_picture.h"
 #include "host/engine.h"
+#include "host/joined_source.h"
 
 namespace marlinda {
 namespace {
 
 constexpr const char* kCutHelp =
+    "Several files count as one, in their order and in the format of the first.\n"
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
     "The pieces are joined in the order given; an empty BEGIN or END means the start or the end\n"
-    "of the file. Then every silence is inserted, in the order given, at its position in the\n"
+    "of the audio. Then every silence is inserted, in the order given, at its position in the\n"
     "result so far. Labels and markers are positions in the finished result.\n"
     "Example: marlinda cut in.ogg out.wav --keep 0:2.5 --keep 10: --silence 2.5:1 --label 3.5:Two";
 
 struct CutOptions {
-  std::string input;
-  std::string output;
+  std::vector<std::string> files;
   CutRequest request;
   PictureRequest picture;  // of the result; none without a file
   std::optional<int> bits;
+  bool replace_text = false;
   bool json = false;
 };
-
-ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits) {
-  auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
-  Check(document->SetFormat(format.rate, format.channels, static_cast<SHORT>(bits)));
-  return document;
-}
 
 ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
   const auto silence = CreateObject<INullReader>(CLSID_CNullReader, "CNullReader");
@@ -69,11 +65,13 @@ void Cut(const CutOptions& options, const Console& console) {
   } catch (const std::invalid_argument& error) {
     throw UsageError("cut", error.what());
   }
-  Source source(options.input);
-  WaveExport wave(options.output, options.input);
+  const auto [inputs, output] = SplitFiles("cut", options.files);
+  JoinedSource source(inputs);
+  WaveExport wave(output, inputs);
+  wave.SetReplacesText(options.replace_text);
   const bool draws = !options.picture.file.empty();
-  if (draws) CheckPicture(options.picture, options.input);
-  const ImportedAudio audio = source.Import(console);
+  if (draws) CheckPicture(options.picture, inputs);
+  const ImportedAudio audio = source.Import({}, {}, console);
   CutPlan plan;
   try {
     plan = PlanCut(options.request, audio.frames, audio.format.rate);
@@ -81,18 +79,18 @@ void Cut(const CutOptions& options, const Console& console) {
     throw UsageError("cut", error.what());
   }
 
-  const int bits = OutputBits(options.bits, source);
-  const auto document = Assemble(plan, audio, source.ReadAnnotations(), bits);
+  const int bits = OutputBits(options.bits, source.first());
+  const auto document = Assemble(plan, audio, source.annotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
-  wave.SetTags(source.ReadTags());
+  wave.SetTags(source.first().ReadTags());
   // No loop data: its beat count belongs to the whole source.
   wave.SetAnnotations(annotations);
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), bits, console);
-  WrittenFile written = {options.input,  source.filter().class_name,
-                         options.output, audio.format,
-                         bits,           plan.length,
-                         annotations,    facts};
+  WrittenFile written = {inputs,      source.first().filter().class_name,
+                         output,      audio.format,
+                         bits,        plan.length,
+                         annotations, facts};
   try {
     if (draws) {
       DrawDocument(document.Get(), annotations, options.picture);
@@ -116,9 +114,9 @@ CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
 
 void AddCut(CLI::App& app, Console& console) {
   const auto options = std::make_shared<CutOptions>();
-  CLI::App* command = AddCommand(app, "cut", "Join pieces of an audio file and write them as WAV",
+  CLI::App* command = AddCommand(app, "cut", "Join pieces of audio files and write them as WAV",
                                  kCutHelp, [options, &console] { Cut(*options, console); });
-  AddFiles(command, options->input, options->output);
+  AddFiles(command, options->files);
   CutRequest& request = options->request;
   AddRepeated(command, "--keep", "BEGIN:END", request.keep, "Pieces to keep")
       ->required()
@@ -129,6 +127,7 @@ void AddCut(CLI::App& app, Console& console) {
   command->add_option("--plot", options->picture.file, "Draw the result as a picture as well")
       ->type_name("OUT.png");
   AddBits(command, options->bits, kSourceBits);
+  AddReplaceText(command, options->replace_text);
   AddProgress(command, console);
   AddJson(command, options->json);
 }

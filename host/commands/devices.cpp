@@ -1,4 +1,5 @@
 // "marlinda devices": the sound devices of the system.
+#include "host/channel_list.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/sound_devices.h"
@@ -19,7 +20,7 @@ std::string ToText(const char* kind, const std::vector<SoundDevice>& devices) {
   std::string text = std::string(kind) + ":\n";
   for (std::size_t i = 0; i < devices.size(); ++i) {
     text += "  " + std::to_string(i) + "  " + devices[i].name + ", " +
-            std::to_string(devices[i].channels) + " channels\n";
+            ChannelCount(devices[i].channels) + "\n";
   }
   return text;
 }

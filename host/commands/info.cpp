@@ -1,4 +1,5 @@
 // "marlinda info": the properties of a file that its filter reports without decoding it.
+#include "host/channel_list.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/engine.h"
@@ -61,8 +62,7 @@ std::string ToText(const Source& source) {
   const std::string& filter = source.filter().class_name;
   Line(text, "read by", filter.empty() ? "a filter that does not tell its name" : filter);
   Line(text, "format",
-       format ? std::to_string(rate) + " Hz, " + std::to_string(format->channels) + " channels"
-              : "unknown");
+       format ? std::to_string(rate) + " Hz, " + ChannelCount(format->channels) : "unknown");
   Line(text, "duration", FormatDuration(frames.value_or(-1), rate));
   Line(text, "frames", Number(frames, ""));
   Line(text, "bits", Number(source.BitsPerSample(), ""));

@@ -124,8 +124,7 @@ void Play(const PlayOptions& options, const Console& console) {
   }
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
-  const auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
-  Check(document->SetFormat(audio.format.rate, audio.format.channels, bits));
+  const auto document = NewDocument(audio.format, bits);
   Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
   Check(document->SetPlaybackDevice(device.number()));
   Player(document.Get(), audio.format, section).Watch(options.input, device, console);

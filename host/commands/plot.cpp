@@ -27,7 +27,7 @@ void Plot(PlotOptions options, const Console& console) {
   } catch (const std::invalid_argument& error) {
     throw UsageError("plot", error.what());
   }
-  CheckPicture(options.picture, options.input);
+  CheckPicture(options.picture, {options.input});
   Source source(options.input);
   const ImportedAudio audio = source.Import(console);
   const auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");

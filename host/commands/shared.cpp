@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/apartment.h"
+#include "host/channel_list.h"
 #include "host/timecode.h"
 
 namespace marlinda {
@@ -38,6 +39,26 @@ CLI::Option* AddOutput(CLI::App* command, std::string& output) {
       ->required();
 }
 
+void AddFiles(CLI::App* command, std::vector<std::string>& files) {
+  command
+      ->add_option("FILES", files,
+                   "Audio files to read, in their order, and last the WAV file to write")
+      ->required();
+}
+
+std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
+                                                            std::vector<std::string> files) {
+  if (files.size() < 2) throw UsageError(command, "OUT.wav is required");
+  std::string output = std::move(files.back());
+  files.pop_back();
+  return {std::move(files), std::move(output)};
+}
+
+void AddReplaceText(CLI::App* command, bool& replace) {
+  command->add_flag("--replace-text", replace,
+                    "Write \"?\" for characters that the texts of a WAV file cannot hold");
+}
+
 void AddFiles(CLI::App* command, std::string& input, std::string& output) {
   command->add_option("IN", input, "Audio file to read")->required();
   AddOutput(command, output);
@@ -48,6 +69,7 @@ void AddDevice(CLI::App* command, std::optional<int>& device) {
       ->add_option("--device", device,
                    "Sound device by its index (the system's default unless given); \"marlinda "
                    "devices\" lists them")
+      ->option_text("N")
       ->check(CLI::NonNegativeNumber);
 }
 
@@ -83,8 +105,8 @@ Json ToJson(const std::vector<SectionMarker>& markers) {
 std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
                          int bits) {
   return file + ": " + FormatDuration(frames, format.rate) + ", " + std::to_string(frames) +
-         " frames, " + std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) +
-         " channels, " + std::to_string(bits) + " bits\n";
+         " frames, " + std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels) +
+         ", " + std::to_string(bits) + " bits\n";
 }
 
 void PrintSummary(const WrittenFile& written, bool json, const Console& console) {
@@ -93,7 +115,8 @@ void PrintSummary(const WrittenFile& written, bool json, const Console& console)
     console.Print(DescribeFile(written.output, written.frames, format, written.bits));
     return;
   }
-  console.Print(Serialize({{"input", written.input},
+  console.Print(Serialize({{"input", written.inputs.front()},
+                           {"inputs", written.inputs},
                            {"filter", written.filter},
                            {"output", written.output},
                            {"sample_rate", format.rate},

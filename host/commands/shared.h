@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/annotations.h"
@@ -21,6 +22,11 @@ CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, c
 
 void AddJson(CLI::App* command, bool& json);
 void AddProgress(CLI::App* command, Console& console);
+// FILES: the inputs and last the output. SplitFiles separates them, or reports a missing output.
+void AddFiles(CLI::App* command, std::vector<std::string>& files);
+std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
+                                                            std::vector<std::string> files);
+void AddReplaceText(CLI::App* command, bool& replace);
 // IN and OUT.wav.
 void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);
@@ -30,14 +36,17 @@ void AddDevice(CLI::App* command, std::optional<int>& device);
 template <class Number>
 void AddBits(CLI::App* command, Number& bits, const std::string& standard) {
   command->add_option("--bits", bits, "Bits per sample of the output (" + standard + ")")
+      ->option_text("8|16|24|32")
       ->check(CLI::IsMember({8, 16, 24, 32}));
 }
 
 template <class Number>
 void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::string& standard) {
-  command->add_option("--rate", rate, "Frames per second (" + standard + ")")
+  command->add_option("--rate", rate, "Frames per second, 1000 to 768000 (" + standard + ")")
+      ->option_text("HZ")
       ->check(CLI::Range(1000, 768000));
-  command->add_option("--channels", channels, "Number of channels (" + standard + ")")
+  command->add_option("--channels", channels, "Number of channels, 1 to 32 (" + standard + ")")
+      ->option_text("N")
       ->check(CLI::Range(1, 32));
 }
 
@@ -59,8 +68,8 @@ Json OrNull(const std::optional<T>& value) {
 }
 
 struct WrittenFile {
-  std::string input;
-  std::string filter;  // class name of the filter that read the input
+  std::vector<std::string> inputs;
+  std::string filter;  // class name of the filter that read the first input
   std::string output;
   AudioFormat format;
   int bits = 16;

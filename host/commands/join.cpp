@@ -1,0 +1,54 @@
+// "marlinda join": several files one after another as one WAV file.
+#include "host/commands/commands.h"
+
+#include "host/commands/shared.h"
+#include "host/joined_source.h"
+
+namespace marlinda {
+namespace {
+
+constexpr const char* kJoinHelp =
+    "Files in another sample rate or number of channels are converted; labels and markers keep\n"
+    "their places. Titles are those of the first file.\n"
+    "Example: marlinda join first.wav second.ogg third.mp3 whole.wav --rate 48000";
+
+struct JoinOptions {
+  std::vector<std::string> files;
+  std::optional<int> bits;
+  // Those of the first file unless given.
+  std::optional<int> rate;
+  std::optional<int> channels;
+  bool replace_text = false;
+  bool json = false;
+};
+
+void Join(const JoinOptions& options, const Console& console) {
+  const auto [inputs, output] = SplitFiles("join", options.files);
+  JoinedSource source(inputs);
+  WaveExport wave(output, inputs);
+  wave.SetReplacesText(options.replace_text);
+  const ImportedAudio audio = source.Import(options.rate, options.channels, console);
+  wave.SetTags(source.first().ReadTags());
+  wave.SetAnnotations(source.annotations());
+  const int bits = OutputBits(options.bits, source.first());
+  const WaveFileFacts facts = wave.Run(audio.reader.Get(), bits, console);
+  PrintSummary({inputs, source.first().filter().class_name, output, audio.format, bits,
+                audio.frames, source.annotations(), facts},
+               options.json, console);
+}
+
+}  // namespace
+
+void AddJoin(CLI::App& app, Console& console) {
+  const auto options = std::make_shared<JoinOptions>();
+  CLI::App* command = AddCommand(app, "join", "Write several audio files as one WAV file",
+                                 kJoinHelp, [options, &console] { Join(*options, console); });
+  AddFiles(command, options->files);
+  AddBits(command, options->bits, kSourceBits);
+  AddFormat(command, options->rate, options->channels, "as the first file unless given");
+  AddReplaceText(command, options->replace_text);
+  AddProgress(command, console);
+  AddJson(command, options->json);
+}
+
+}  // namespace marlinda
