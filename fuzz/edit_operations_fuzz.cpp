@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
-#include <optional>
 #include <vector>
 
 #include "edit/annotations.h"
@@ -89,12 +88,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   char name = 'a';
   while (!bytes.empty()) {
     switch (bytes.Next() % 8) {
-      case 0: {
-        const Segment segment = bytes.NextSegment();
-        list.Append(segment);
-        plain.segments.push_back(segment);
+      case 0:
+        plain.segments.push_back(bytes.NextSegment());
+        list.Append(plain.segments.back());
         break;
-      }
       case 1:
       case 2: {
         const std::int64_t position = bytes.Position();
@@ -118,18 +115,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Require(found.Text() == part.Text());
         break;
       }
-      case 4: {
-        const marlinda::Label label = {bytes.Position(), std::string(30, name++)};
-        annotations.labels.push_back(label);
-        plain.labels.push_back(label);
+      case 4:
+        annotations.labels.push_back({bytes.Position(), std::string(30, name++)});
+        plain.labels.push_back(annotations.labels.back());
         break;
-      }
-      case 5: {
-        const marlinda::SectionMarker marker = {bytes.Range(), std::string(30, name++)};
-        annotations.markers.push_back(marker);
-        plain.markers.push_back(marker);
+      case 5:
+        annotations.markers.push_back({bytes.Range(), std::string(30, name++)});
+        plain.markers.push_back(annotations.markers.back());
         break;
-      }
       case 6: {
         const CSection range = bytes.Range();
         annotations.Delete(range, list.Length());
