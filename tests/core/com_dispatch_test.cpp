@@ -324,41 +324,39 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
   DISPPARAMS no_arguments = {nullptr, nullptr, 3, 0};
   DISPPARAMS no_names = {arguments, nullptr, 3, 1};
   DISPPARAMS too_many_names = {arguments, names, 3, 4};
-  for (const auto& [params, iid, expected] :
-       {std::tuple{&good, IID_NULL, S_OK},
-        {&good, IID_IDispatch, DISP_E_UNKNOWNINTERFACE},
-        {static_cast<DISPPARAMS*>(nullptr), IID_NULL, E_INVALIDARG},
-        {&none, IID_NULL, DISP_E_BADPARAMCOUNT},
-        {&no_arguments, IID_NULL, E_INVALIDARG},
-        {&no_names, IID_NULL, E_INVALIDARG},
-        {&too_many_names, IID_NULL, E_INVALIDARG}}) {
-    // A caller who wants neither result nor exception nor index.
-    EXPECT_EQ(silence_->Invoke(kCreate, iid, 0, DISPATCH_METHOD, params, nullptr, nullptr, nullptr),
-              expected);
+  // A caller who wants neither result nor exception nor index.
+  const auto create = [this](DISPPARAMS* params, REFIID reserved = IID_NULL) {
+    return silence_->Invoke(kCreate, reserved, 0, DISPATCH_METHOD, params, nullptr, nullptr,
+                            nullptr);
+  };
+  EXPECT_EQ(create(&good), S_OK);
+  EXPECT_EQ(create(&good, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
+  EXPECT_EQ(create(&none), DISP_E_BADPARAMCOUNT);
+  for (DISPPARAMS* const wrong : {&no_arguments, &no_names, &too_many_names}) {
+    EXPECT_EQ(create(wrong), E_INVALIDARG);
   }
+  EXPECT_EQ(create(nullptr), E_INVALIDARG);
 }
 
 TEST_F(Dispatch, FindsNamesOfMembersAndParametersInAnyCase) {
-  const auto ask = [this](std::vector<std::wstring> texts, std::vector<DISPID> expected,
-                          REFIID reserved = IID_NULL) {
-    std::vector<OLECHAR*> names;
-    for (std::wstring& text : texts) names.push_back(text.empty() ? nullptr : text.data());
-    std::vector<DISPID> ids(texts.size());
-    const HRESULT hr = document_->GetIDsOfNames(reserved, names.data(),
-                                                static_cast<UINT>(names.size()), 0, ids.data());
-    EXPECT_EQ(ids, expected);
-    return hr;
+  OLECHAR play[] = L"pLaY";
+  OLECHAR mask[] = L"DWCHANNELMASK";
+  OLECHAR other[] = L"ReadAudio";  // of another interface
+  OLECHAR* names[] = {play, mask};
+  OLECHAR* unknown[] = {other};
+  OLECHAR* none[] = {nullptr};
+  DISPID ids[2] = {};
+  const auto ask = [&](OLECHAR** asked, UINT count, DISPID* out, REFIID reserved = IID_NULL) {
+    return document_->GetIDsOfNames(reserved, asked, count, 0, out);
   };
-  EXPECT_EQ(ask({L"pLaY", L"DWCHANNELMASK", L"nBegin"}, {kPlay, 2, 0}), S_OK);
-  EXPECT_EQ(ask({L"ReadAudio"}, {DISPID_UNKNOWN}), DISP_E_UNKNOWNNAME) << "another interface's";
-  EXPECT_EQ(ask({L"Play"}, {0}, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
-  EXPECT_EQ(ask({L""}, {DISPID_UNKNOWN}), E_POINTER);
-  EXPECT_EQ(ask({}, {}), E_POINTER);
-  OLECHAR play[] = L"Play";
-  OLECHAR* names[] = {play};
-  DISPID id = 0;
-  EXPECT_EQ(document_->GetIDsOfNames(IID_NULL, names, 0, 0, &id), E_INVALIDARG);
-  EXPECT_EQ(document_->GetIDsOfNames(IID_NULL, names, 1, 0, nullptr), E_POINTER);
+  EXPECT_EQ(ask(names, 2, ids), S_OK);
+  EXPECT_THAT(ids, ::testing::ElementsAre(kPlay, 2));
+  EXPECT_EQ(ask(unknown, 1, ids), DISP_E_UNKNOWNNAME);
+  EXPECT_EQ(ids[0], DISPID_UNKNOWN);
+  EXPECT_EQ(ask(names, 1, ids, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
+  EXPECT_EQ(ask(none, 1, ids), E_POINTER);
+  EXPECT_EQ(ask(names, 1, nullptr), E_POINTER);
+  EXPECT_EQ(ask(names, 0, ids), E_INVALIDARG);
 }
 
 }  // namespace

@@ -119,34 +119,28 @@ Lines ExpectedEntries(const std::wstring& module) {
   return lines;
 }
 
-class LoadedModule {
- public:
-  explicit LoadedModule(std::filesystem::path path)
-      : path_(std::move(path)), handle_(LoadLibraryW(path_.c_str())) {
-    if (handle_ == nullptr) throw std::runtime_error("the module does not load");
-  }
+struct LoadedModule {
+  explicit LoadedModule(const std::filesystem::path& from)
+      : path(from), handle(LoadLibraryW(from.c_str())) {}
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
-  ~LoadedModule() { FreeLibrary(handle_); }
+  ~LoadedModule() { FreeLibrary(handle); }
 
-  const std::filesystem::path& path() const { return path_; }
   HRESULT Register() const { return Call("DllRegisterServer"); }
   HRESULT Unregister() const { return Call("DllUnregisterServer"); }
-
- private:
   // Each call, failed or not, must restore the thread's locale.
   HRESULT Call(const char* name) const {
     using Function = HRESULT(WINAPI*)();
     SetThreadLocale(MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT));
     const LCID german = GetThreadLocale();
     const HRESULT hr =
-        reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(handle_, name)))();
+        reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(handle, name)))();
     EXPECT_EQ(GetThreadLocale(), german) << name;
     return hr;
   }
 
-  std::filesystem::path path_;
-  HMODULE handle_;
+  const std::filesystem::path path;
+  const HMODULE handle;
 };
 
 // The exit status of this program run once more with --activate.
@@ -187,7 +181,7 @@ TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
     const Lines others = ClassesIn(other);
     ASSERT_EQ(module_.Register(), S_OK);
     const Lines after = ClassesIn(own);
-    EXPECT_EQ(Added(before, after), ExpectedEntries(module_.path()));
+    EXPECT_EQ(Added(before, after), ExpectedEntries(module_.path));
     EXPECT_EQ(Added(after, before), Lines());
     EXPECT_EQ(ClassesIn(other), others);
     EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
@@ -221,7 +215,7 @@ TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
   const std::filesystem::path odd =
       std::filesystem::path(folder.path()) / L"it's } %MODULE% = s 'x' {\u00e9\u97f3} #1;,&";
   std::filesystem::create_directories(odd);
-  std::filesystem::copy_file(module_.path(), odd / L"Tessaly.dll");
+  std::filesystem::copy_file(module_.path, odd / L"Tessaly.dll");
   {
     const LoadedModule moved(odd / L"Tessaly.dll");
     ASSERT_EQ(moved.Register(), S_OK);
@@ -235,7 +229,7 @@ TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
     const Lines library = Below(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid + L"\\1.0");
     const std::wstring system = sizeof(void*) == 8 ? L"win64" : L"win32";
     EXPECT_TRUE(library.contains(Text(L"", L"Marlinda 1.0 Type Library")));
-    EXPECT_TRUE(library.contains(Text(L"0\\" + system + L"\\", moved.path())));
+    EXPECT_TRUE(library.contains(Text(L"0\\" + system + L"\\", moved.path)));
     EXPECT_TRUE(library.contains(Text(L"HELPDIR\\", odd)));
     EXPECT_TRUE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
     EXPECT_EQ(moved.Unregister(), S_OK);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "core/registry.h"
 #include "core/sample_array.h"
@@ -60,7 +61,7 @@ TEST(SampleArray, KeepsItsSamplesWhenResized) {
   ASSERT_EQ(array.samples().size(), 100000U);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.5F), 4);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 99996);
-  EXPECT_THROW(array.Resize(std::size_t{1} << 30), std::bad_alloc);
+  EXPECT_THROW(array.Resize(std::numeric_limits<std::size_t>::max() / 2), std::bad_alloc);
   array.Resize(2);
   EXPECT_EQ(SampleArray(std::move(array)).samples().size(), 2U);
 }
@@ -88,7 +89,10 @@ TEST(MakeExtensibleFormat, HasTheLayoutOfTheExtensibleFormatByteForByte) {
 
 class Registry : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(registry_.Open(HKEY_CURRENT_USER, kKey, false), 0); }
+  void SetUp() override {
+    TearDown();
+    ASSERT_EQ(registry_.Open(HKEY_CURRENT_USER, kKey, false), 0);
+  }
   void TearDown() override { RegDeleteTreeA(HKEY_CURRENT_USER, kKey); }
 
   static void Store(const std::string& name, DWORD type, const std::string& bytes) {

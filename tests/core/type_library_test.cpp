@@ -1,13 +1,9 @@
-// Compares the type library inside the module with docs/interfaces.md, line by line.
-#include <gmock/gmock.h>
+// Compares the type library inside the module with docs/interfaces.md, text by text.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <set>
-#include <sstream>
 
 #include "tests/support/com_client.h"
 
@@ -64,21 +60,15 @@ struct Type {
 };
 
 std::string FlagText(USHORT flags) {
-  switch (flags) {
-    case PARAMFLAG_FIN:
-      return "[in] ";
-    case PARAMFLAG_FOUT:
-      return "[out] ";
-    case PARAMFLAG_FIN | PARAMFLAG_FOUT:
-      return "[in,out] ";
-    case PARAMFLAG_FOUT | PARAMFLAG_FRETVAL:
-      return "[out,retval] ";
-    default:
-      return "[" + std::to_string(flags) + "] ";
-  }
+  static const std::map<USHORT, std::string> kTexts = {
+      {PARAMFLAG_FIN, "[in] "},
+      {PARAMFLAG_FOUT, "[out] "},
+      {PARAMFLAG_FIN | PARAMFLAG_FOUT, "[in,out] "},
+      {PARAMFLAG_FOUT | PARAMFLAG_FRETVAL, "[out,retval] "}};
+  return kTexts.at(flags);
 }
 
-// The two lines of a method.
+// A method as the page has it.
 std::string MethodText(const Type& type, const FUNCDESC& function, MEMBERID number) {
   BSTR names[16] = {};
   UINT count = 0;
@@ -90,34 +80,34 @@ std::string MethodText(const Type& type, const FUNCDESC& function, MEMBERID numb
             type.TextOf(parameter.tdesc) + " " + Narrow(names[i + 1]);
   }
   for (BSTR name : names) SysFreeString(name);
-  return text + ")`\n   " + type.Help(function.memid) + "\n";
+  return text + ")`\n\n   " + type.Help(function.memid) + "\n";
 }
 
-std::string ClassText(const Type& type) {
-  EXPECT_NE(type.attributes.wTypeFlags & TYPEFLAG_FCANCREATE, 0);
-  std::string lists[2];
-  for (int i = 0; i < type.attributes.cImplTypes; ++i) {
-    INT flags = 0;
-    Check(type.info->GetImplTypeFlags(static_cast<UINT>(i), &flags));
-    std::string& list = lists[(flags & IMPLTYPEFLAG_FSOURCE) != 0];
-    EXPECT_EQ((flags & IMPLTYPEFLAG_FDEFAULT) != 0, list.empty());
-    const std::string name = type.Implemented(i).name;
-    std::string anchor = name;
-    for (char& c : anchor) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    list += (list.empty() ? "[`" : ", [`") + name + "`](#" + anchor + ")";
-  }
-  return "- **`" + type.name + "`** " + GuidText(type.attributes.guid) + ": " + type.Help() +
-         " Interfaces: " + lists[0] + (lists[1].empty() ? "" : "; events: " + lists[1]) + ".\n";
-}
-
-std::string InterfaceText(const Type& type) {
+// A class or interface with its methods, as the page has it.
+std::string TextOf(const Type& type) {
   const bool is_dual = (type.attributes.wTypeFlags & TYPEFLAG_FDUAL) != 0;
   const bool is_dispatch = type.attributes.typekind == TKIND_DISPATCH;
-  std::string text = "## " + type.name + "\n" + GuidText(type.attributes.guid) + ", " +
+  if (type.attributes.typekind == TKIND_COCLASS) {
+    EXPECT_NE(type.attributes.wTypeFlags & TYPEFLAG_FCANCREATE, 0);
+    std::string lists[2];
+    for (int i = 0; i < type.attributes.cImplTypes; ++i) {
+      INT flags = 0;
+      Check(type.info->GetImplTypeFlags(static_cast<UINT>(i), &flags));
+      std::string& list = lists[(flags & IMPLTYPEFLAG_FSOURCE) != 0];
+      EXPECT_EQ((flags & IMPLTYPEFLAG_FDEFAULT) != 0, list.empty());
+      const std::string name = type.Implemented(i).name;
+      std::string anchor = name;
+      for (char& c : anchor) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      list += (list.empty() ? "[`" : ", [`") + name + "`](#" + anchor + ")";
+    }
+    return "- **`" + type.name + "`** " + GuidText(type.attributes.guid) + ": " + type.Help() +
+           " Interfaces: " + lists[0] + (lists[1].empty() ? "" : "; events: " + lists[1]) + ".\n";
+  }
+  std::string text = "## " + type.name + "\n\n" + GuidText(type.attributes.guid) + ", " +
                      (is_dual       ? "dual"
                       : is_dispatch ? "event interface (dispinterface), each event with its DISPID"
                                     : "custom, derived from `IUnknown`") +
-                     ". " + type.Help() + "\n";
+                     ". " + type.Help() + "\n\n";
   const Type face = is_dual ? type.Implemented(-1) : type;
   // What the page does not show: an interface compiler was seen to write a wrong base.
   EXPECT_EQ(face.Implemented(0).attributes.guid,
@@ -135,15 +125,12 @@ std::string InterfaceText(const Type& type) {
   return text;
 }
 
-std::multiset<std::string> Lines(const std::string& text) {
-  std::istringstream stream(text);
-  std::multiset<std::string> lines;
-  for (std::string line; std::getline(stream, line);) lines.insert(line);
-  lines.erase("");
-  return lines;
-}
-
 TEST(TypeLibrary, IsWhatTheInterfaceReferenceDescribes) {
+  std::ifstream file(TESSALY_SOURCES "/docs/interfaces.md");
+  std::string page((std::istreambuf_iterator<char>(file)), {});
+  // Markdown shows two backslashes as one.
+  for (std::size_t at = 0; (at = page.find("\\\\", at)) != std::string::npos; ++at)
+    page.erase(at, 1);
   ComPtr<ITypeLib> library;
   Check(LoadTypeLibEx(ModuleUnderTest::Path().c_str(), REGKIND_NONE, library.GetAddressOf()));
   TLIBATTR* attributes = nullptr;
@@ -151,29 +138,18 @@ TEST(TypeLibrary, IsWhatTheInterfaceReferenceDescribes) {
   EXPECT_EQ(attributes->guid, LIBID_MarlindaLib);
   EXPECT_EQ(attributes->wMajorVerNum, 1);
   EXPECT_EQ(attributes->wMinorVerNum, 0);
-  EXPECT_EQ(attributes->lcid, 0U);
   EXPECT_EQ(attributes->syskind, sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32);
   library->ReleaseTLibAttr(attributes);
-  std::string text = "The first interface of a class is its default one.\n";
   for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
     ComPtr<ITypeInfo> info;
     Check(library->GetTypeInfo(i, info.GetAddressOf()));
-    const Type type(info);
-    text += type.attributes.typekind == TKIND_COCLASS ? ClassText(type) : InterfaceText(type);
+    const std::string text = TextOf(Type(info));
+    const std::size_t at = page.find(text);
+    ASSERT_NE(at, std::string::npos) << text;
+    page.erase(at, text.size());
   }
-  const std::multiset<std::string> described = Lines(text);
-
-  std::ifstream file(TESSALY_SOURCES "/docs/interfaces.md");
-  std::string page((std::istreambuf_iterator<char>(file)), {});
-  page.erase(0, page.find("\n- **`"));
-  // Markdown shows two backslashes as one.
-  for (std::size_t at = 0; (at = page.find("\\\\", at)) != std::string::npos; ++at)
-    page.erase(at, 1);
-  const std::multiset<std::string> expected = Lines(page);
-  EXPECT_GT(expected.size(), 250U);
-  std::vector<std::string> different;
-  std::ranges::set_symmetric_difference(expected, described, std::back_inserter(different));
-  EXPECT_THAT(different, ::testing::IsEmpty());
+  EXPECT_EQ(page.find("`{"), std::string::npos) << "more classes or interfaces";
+  EXPECT_EQ(page.find("`\n\n"), std::string::npos) << "more methods";
 }
 
 }  // namespace

@@ -33,15 +33,21 @@ void Extend(float* pair, float low, float high) {
   if (high > pair[1]) pair[1] = high;
 }
 
+Floats Noise() {
+  Floats values(4096, kNan);
+  for (std::size_t i = 1; i < values.size(); ++i) values[i] = static_cast<float>(i) / 2048 - 1;
+  return values;
+}
+
 // Values of few kinds, so that zeros of both signs, NaN and infinities meet often; of one sign,
 // whose peak is a zero; and noise.
 const Floats kPalettes[] = {
-    {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F},
+    {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
     {0.0F, -0.0F},
     {0.0F, -0.0F, 0.25F, kNan},
     {0.0F, -0.0F, -0.25F},
     {kNan},
-    {-0.7F, 0.3F, 0.1F, kNan, 0.9F, 1e-45F, 0.4F, -0.3F, 0.8F}};
+    Noise()};
 
 class Peaks : public ::testing::Test {
  protected:
