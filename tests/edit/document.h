@@ -43,6 +43,8 @@ struct Document {
       content.segments.emplace_back(source, begin, end);
       EXPECT_EQ(edit->GetNextSegment(&lent, &begin, &end, &more), S_OK);
     }
+    // Past the end only `more` is written.
+    EXPECT_EQ(end, content.segments.empty() ? 0 : content.segments.back().end);
     LONG count = 0;
     EXPECT_EQ(labels->GetLabelCount(&count), S_OK);
     for (LONG i = 0; i < count; ++i) {

@@ -7,11 +7,9 @@
 #include <limits>
 #include <random>
 
-#include "edit/annotations.h"
 #include "edit/play_section.h"
 #include "edit/segment_list.h"
 #include "edit/waveplot.h"
-#include "tests/edit/plain_document.h"
 #include "tests/edit/plain_overview.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -20,7 +18,6 @@ namespace marlinda {
 namespace {
 
 using ::testing::ElementsAre;
-using testing::PlainDocument;
 using testing::PlainOverview;
 
 constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
@@ -38,27 +35,6 @@ TEST(Edits, GiveWhatWalksOverPlainListsGive) {
     for (std::uint8_t& value : bytes) value = static_cast<std::uint8_t>(byte(random));
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   }
-}
-
-// By hand, so that the rules do not rest on the plain lists alone.
-TEST(Edits, MoveCutAndDoubleAnnotationsByTheRules) {
-  Annotations annotations{
-      {{500, "b"}, {100, "a"}, {99, "c"}},
-      {{{0, 100}, "before"}, {{100, 200}, "at"}, {{50, 101}, "around"}, {{120, 30}, "backward"}}};
-  const auto text = [](const Annotations& of) {
-    return PlainDocument{{}, of.labels, of.markers}.Text();
-  };
-  annotations.MoveForInsertion(100, 10);
-  EXPECT_EQ(text(annotations),
-            "b@510 a@110 c@99 before[0,100) at[110,210) around[50,100) backward[130,40) "
-            "around[110,111)");
-  EXPECT_EQ(text(annotations.Part({90, 200}, -90)),
-            "a@20 c@9 before[0,10) at[20,110) around[0,10) around[20,21)");
-  annotations.Delete({80, 150}, 511);
-  EXPECT_EQ(text(annotations), "b@440 before[0,80) around[50,80) at[80,140)");
-  annotations.Delete({75, 60}, 441);
-  EXPECT_EQ(text(annotations),
-            "b@455 before[0,75) around[50,75) before[75,95) around[75,95) at[95,155)");
 }
 
 TEST(Edits, LeaveTheIterationOnItsSegment) {
@@ -210,15 +186,6 @@ class Overview : public ::testing::Test {
 TEST_F(Overview, DrawsWhatPlainLoopsDrawWhateverTheBlocks) {
   Compare(DrawSamples, &PlainOverview::Samples, 1, 1);
   Compare(DrawPeaks, &PlainOverview::Peaks, 2, 0);
-}
-
-TEST_F(Overview, LinksNeighboursAndKeepsItsStartValues) {
-  std::vector<float> pairs(4);
-  DrawPeaks(pairs, 1, 2, 2, 0, std::vector<float>{0.1F, 0.2F, 0.5F, 0.6F});
-  EXPECT_THAT(pairs, ElementsAre(0.1F, 0.2F, 0.2F, 0.6F));
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  DrawSamples(pairs, 1, 2, 4, 0, std::vector<float>{1.5F, 1.25F, nan, -0.5F});
-  EXPECT_THAT(pairs, ElementsAre(1.0F, 1.5F, -0.5F, -0.5F));
 }
 
 TEST_F(Overview, ScalesWithoutOverflow) {

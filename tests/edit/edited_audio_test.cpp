@@ -164,23 +164,6 @@ TEST_F(EditedAudio, MayContainItselfAndStillAnswersEveryCall) {
   EXPECT_EQ(document_->Clear(), S_OK);
 }
 
-TEST_F(EditedAudio, TheIterationWritesNothingPastItsEnd) {
-  document_.Append(b_, 3, 4);
-  IAudioReader* lent = a_.Get();
-  __int64 begin = 11;
-  __int64 end = 12;
-  LONG valid = 5;
-  EXPECT_EQ(document_->GetNextSegment(&lent, &begin, &end, &valid), S_OK);
-  EXPECT_TRUE(valid == 0 && lent == a_.Get() && begin == 11 && end == 12);
-  document_->GetFirstSegment(&lent, &begin, &end, &valid);
-  EXPECT_TRUE(valid == 1 && lent == b_.Get() && begin == 3 && end == 4);
-  // A cleared document has nothing left to point at.
-  document_->Clear();
-  document_.Append(a_, 0, 1);
-  EXPECT_EQ(document_->GetNextSegment(&lent, &begin, &end, &valid), S_OK);
-  EXPECT_EQ(valid, 0);
-}
-
 // Every call of this source comes back to the document, in a call that needs its lock.
 class AskingSource final : public RampSource {
  public:
