@@ -84,21 +84,30 @@ TEST(PacedQueue, EndsTheWaitsOfAReadAfterTheAllowedTimeouts) {
 
 TEST(PacedQueue, InterruptEndsTheWaitsOfBothSidesUntilReset) {
   PacedQueue queue(kPatient);
-  queue.Put(std::vector<float>(kMax + 1));
-  std::thread writer([&] { EXPECT_FALSE(queue.AwaitRoom()); });
-  std::thread reader([&] {
-    int timeouts = 0;
-    EXPECT_FALSE(queue.AwaitSamples(kMax + 2, timeouts));
-    EXPECT_EQ(timeouts, 0);
-  });
-  queue.Interrupt();
-  writer.join();
-  reader.join();
-  EXPECT_FALSE(queue.AwaitRoom());
-  EXPECT_EQ(queue.Count(), kMax + 1);
-  queue.Reset();
-  EXPECT_EQ(queue.Count(), 0U);
-  EXPECT_TRUE(queue.AwaitRoom());
+  for (int round = 0; round < 20; ++round) {
+    queue.Put(std::vector<float>(kMax + 1));
+    std::atomic<int> begun = 0;
+    std::thread writer([&] {
+      ++begun;
+      EXPECT_FALSE(queue.AwaitRoom());
+    });
+    std::thread reader([&] {
+      int timeouts = 0;
+      ++begun;
+      EXPECT_FALSE(queue.AwaitSamples(kMax + 2, timeouts));
+      EXPECT_EQ(timeouts, 0);
+    });
+    // In most rounds both wait when the interrupt comes.
+    for (int i = 0; i < 100 || begun < 2; ++i) std::this_thread::yield();
+    queue.Interrupt();
+    writer.join();
+    reader.join();
+    EXPECT_FALSE(queue.AwaitRoom());
+    EXPECT_EQ(queue.Count(), kMax + 1);
+    queue.Reset();
+    EXPECT_EQ(queue.Count(), 0U);
+    EXPECT_TRUE(queue.AwaitRoom());
+  }
 }
 
 TEST(PacedQueue, CarriesAStreamLongerThanItselfWhicheverSideIsFaster) {
