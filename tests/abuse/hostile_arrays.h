@@ -2,60 +2,118 @@
 // touch: an access outside the samples ends the program.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
-#include <oleauto.h>
-
-#include <cstddef>
+#include <algorithm>
 #include <functional>
+#include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
+#include "tests/support/com_client.h"
+
 namespace marlinda::testing {
 
-struct DestroyArray {
-  void operator()(SAFEARRAY* array) const noexcept;
-};
-using ArrayOwner = std::unique_ptr<SAFEARRAY, DestroyArray>;
+using SharedArray = std::shared_ptr<SAFEARRAY>;
 
-// A float array whose samples end right before a forbidden page or begin right after one.
-class GuardedFloats {
- public:
-  enum class Side { kAfter, kBefore };
-  explicit GuardedFloats(std::size_t count, Side side = Side::kAfter, float value = 0.25F,
-                         LONG lower_bound = 0);
-  GuardedFloats(const GuardedFloats&) = delete;
-  GuardedFloats& operator=(const GuardedFloats&) = delete;
-  ~GuardedFloats();
+// The samples end right before a forbidden page or begin right after one.
+inline SharedArray Guarded(std::size_t count, bool at_end = true, float value = 0.25F,
+                           LONG lower_bound = 0) {
+  constexpr std::size_t kPage = 4096;
+  const std::size_t bytes = count * sizeof(float);
+  const std::size_t room = (bytes + kPage - 1) / kPage * kPage;
+  auto* const pages =
+      static_cast<char*>(VirtualAlloc(nullptr, room + 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
+  SAFEARRAY* array = nullptr;
+  if (pages == nullptr ||
+      (room > 0 && !VirtualAlloc(pages + kPage, room, MEM_COMMIT, PAGE_READWRITE)) ||
+      FAILED(SafeArrayAllocDescriptorEx(VT_R4, 1, &array))) {
+    throw std::bad_alloc();
+  }
+  auto* const samples = reinterpret_cast<float*>(pages + kPage + (at_end ? room - bytes : 0));
+  std::fill_n(samples, count, value);
+  array->pvData = samples;
+  array->rgsabound[0] = {static_cast<ULONG>(count), lower_bound};
+  return {array, [pages](SAFEARRAY* given) {
+            given->cLocks = 0;
+            given->pvData = nullptr;
+            SafeArrayDestroyDescriptor(given);
+            VirtualFree(pages, 0, MEM_RELEASE);
+          }};
+}
 
-  SAFEARRAY* get() const noexcept { return array_; }
-
- private:
-  void* pages_ = nullptr;
-  SAFEARRAY* array_ = nullptr;
-};
-
-// What a method must make of an array.
+// What a method must return.
 enum class Verdict {
-  kRefuse,       // E_INVALIDARG
-  kFail,         // some failure
-  kAsTheProper,  // what it says of a proper array with the same number of elements
   kAny,
+  kPointer,      // E_POINTER
+  kInvalid,      // E_INVALIDARG
+  kFail,         // some failure
+  kAsTheProper,  // what it returns for a proper array
 };
+
+inline constexpr std::size_t kProperElements = 2048;
 
 struct ArrayCase {
   std::string name;
   Verdict verdict;
-  // For kAsTheProper.
-  std::size_t elements;
-  // The array, and what keeps it alive.
-  std::function<std::shared_ptr<SAFEARRAY>()> make;
+  std::function<SharedArray()> make;
 };
 
-const std::vector<ArrayCase>& ArrayMatrix();
+inline std::vector<ArrayCase> MakeArrayMatrix() {
+  std::vector<ArrayCase> cases;
+  const auto add = [&](std::string name, Verdict verdict, auto make) {
+    cases.push_back({std::move(name), verdict, make});
+  };
+  const auto foreign = [](VARTYPE type, UINT dimensions) {
+    const auto array = std::make_shared<ForeignArray>(type, dimensions);
+    return SharedArray(array, *array);
+  };
+  const auto changed = [](auto change) {
+    auto array = Guarded(kProperElements);
+    change(*array);
+    return array;
+  };
+  add("null", Verdict::kInvalid, [] { return SharedArray(); });
+  add("without data", Verdict::kInvalid,
+      [=] { return changed([](SAFEARRAY& array) { array.pvData = nullptr; }); });
+  add("of two dimensions", Verdict::kInvalid, [=] { return foreign(VT_R4, 2); });
+  constexpr VARTYPE kNoType = 15;
+  for (VARTYPE type = VT_I2; type <= VT_UINT; ++type) {
+    if (type == VT_R4 || type == kNoType) continue;
+    add("of type " + std::to_string(type), Verdict::kInvalid, [=] { return foreign(type, 1); });
+  }
+  for (const ULONG elements : {0x40000000UL, 0x7FFFFFFFUL, 0x80000000UL, 0xFFFFFFFFUL}) {
+    add("that promises " + std::to_string(elements), Verdict::kInvalid, [=] {
+      return changed([=](SAFEARRAY& array) { array.rgsabound[0].cElements = elements; });
+    });
+  }
+  for (const std::size_t count : {0, 1, 2, 3, 4, 511, 2047, 2048, 2049, 65537}) {
+    for (const bool at_end : {true, false}) {
+      add("of " + std::to_string(count) + (at_end ? " before" : " after") + " a forbidden page",
+          Verdict::kAny, [=] { return Guarded(count, at_end); });
+    }
+  }
+  using Bounds = std::numeric_limits<LONG>;
+  for (const LONG bound : {Bounds::min(), -2048L, -1L, 5L, Bounds::max() - 2047L, Bounds::max()}) {
+    add("from " + std::to_string(bound), Verdict::kAsTheProper,
+        [=] { return Guarded(kProperElements, true, 0.25F, bound); });
+  }
+  add("locked", Verdict::kAsTheProper,
+      [=] { return changed([](SAFEARRAY& array) { array.cLocks = 1; }); });
+  add("locked as often as can be", Verdict::kFail,
+      [=] { return changed([](SAFEARRAY& array) { array.cLocks = 0xFFFF; }); });
+  using Values = std::numeric_limits<float>;
+  for (const float value : {Values::quiet_NaN(), Values::signaling_NaN(), Values::infinity(),
+                            -Values::infinity(), Values::max(), Values::denorm_min(), -0.0F}) {
+    add("full of " + std::to_string(value), Verdict::kAsTheProper,
+        [=] { return Guarded(kProperElements, true, value); });
+  }
+  return cases;
+}
 
-// An array that a well-behaved host would pass.
-std::shared_ptr<SAFEARRAY> ProperArray(std::size_t elements);
+inline const std::vector<ArrayCase>& ArrayMatrix() {
+  static const std::vector<ArrayCase> matrix = MakeArrayMatrix();
+  return matrix;
+}
 
 }  // namespace marlinda::testing

@@ -8,30 +8,23 @@ import sys
 
 # Each is found in the system's own folder first: known to the loader, or part of every Windows. What is
 # added here has to be justified in SECURITY.md.
-SYSTEM_LIBRARIES = {
-    "advapi32.dll", "comctl32.dll", "comdlg32.dll", "gdi32.dll", "kernel32.dll", "msvcrt.dll",
-    "ole32.dll", "oleaut32.dll", "quartz.dll", "shell32.dll", "shlwapi.dll", "strmiids.dll",
-    "user32.dll", "winmm.dll",
-}
-PROTECTIONS = {"DYNAMIC_BASE", "NX_COMPAT"}
+SYSTEM_LIBRARIES = {f"{name}.dll" for name in (
+    "advapi32 comctl32 comdlg32 gdi32 kernel32 msvcrt ole32 oleaut32 quartz shell32 shlwapi strmiids user32 winmm"
+).split()}
 
 
 def faults_of(objdump, nm, module):
     headers = subprocess.run([objdump, "-p", module], capture_output=True, text=True, check=True).stdout
-    imports = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers)}
-    flags = set(re.findall(r"^\s+([A-Z_]+)$", headers, re.MULTILINE))
     symbols = subprocess.run([nm, module], capture_output=True, text=True, check=True).stdout
-    if not imports:
-        yield "no imports found"
-    if imports - SYSTEM_LIBRARIES:
-        yield f"imports that somebody could plant: {sorted(imports - SYSTEM_LIBRARIES)}"
-    protections = PROTECTIONS | ({"HIGH_ENTROPY_VA"} if "pei-x86-64" in headers else set())
-    if protections - flags:
-        yield f"missing protections: {sorted(protections - flags)}"
+    imports = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers)}
+    if not imports or imports - SYSTEM_LIBRARIES:
+        yield f"imports that somebody could plant, or none: {sorted(imports - SYSTEM_LIBRARIES)}"
+    wanted = {"DYNAMIC_BASE", "NX_COMPAT"} | ({"HIGH_ENTROPY_VA"} if "pei-x86-64" in headers else set())
+    if missing := wanted - set(re.findall(r"^\s+([A-Z_]+)$", headers, re.MULTILINE)):
+        yield f"missing protections: {sorted(missing)}"
     if "__stack_chk_fail" not in symbols:
         yield "the stack is not protected"
 
 
 objdump, nm, *modules = sys.argv[1:]
-faults = [f"{module}: {fault}" for module in modules for fault in faults_of(objdump, nm, module)]
-sys.exit("\n".join(faults) or None)
+sys.exit("\n".join(f"{module}: {fault}" for module in modules for fault in faults_of(objdump, nm, module)) or None)

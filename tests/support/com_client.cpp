@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include "tests/support/contract_model.h"
@@ -14,40 +15,33 @@
 namespace marlinda::testing {
 namespace {
 
-using GetClassObjectFunction = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
-using CanUnloadNowFunction = HRESULT(WINAPI*)();
-
 HMODULE module_handle = nullptr;
-std::vector<DWORD> registrations;
-
-template <class Function>
-Function Export(const char* name) {
-  const FARPROC address = GetProcAddress(ModuleUnderTest::Handle(), name);
-  if (address == nullptr) throw std::runtime_error(std::string("no export ") + name);
-  return reinterpret_cast<Function>(reinterpret_cast<void*>(address));
-}
+std::optional<Registration> registration;
 
 }  // namespace
+
+Registration::Registration() {
+  static const std::vector<Class> classes = ClassesOfTheModule();
+  for (const Class& known : classes) {
+    ComPtr<IUnknown> factory;
+    Check(ModuleUnderTest::GetClassObject(known.clsid, IID_IClassFactory,
+                                          reinterpret_cast<void**>(factory.GetAddressOf())));
+    Check(CoRegisterClassObject(known.clsid, factory.Get(), CLSCTX_INPROC_SERVER,
+                                REGCLS_MULTIPLEUSE, &cookies_.emplace_back()));
+  }
+}
+
+Registration::~Registration() {
+  for (const DWORD cookie : cookies_) CoRevokeClassObject(cookie);
+}
 
 void ModuleUnderTest::Load() {
   module_handle = LoadLibraryW(Path().c_str());
   if (module_handle == nullptr) throw std::runtime_error("the module does not load");
-  static const std::vector<Class> classes = ClassesOfTheModule();
-  for (const Class& known : classes) {
-    ComPtr<IUnknown> factory;
-    DWORD cookie = 0;
-    Check(GetClassObject(known.clsid, IID_IClassFactory,
-                         reinterpret_cast<void**>(factory.GetAddressOf())));
-    Check(CoRegisterClassObject(known.clsid, factory.Get(), CLSCTX_INPROC_SERVER,
-                                REGCLS_MULTIPLEUSE, &cookie));
-    registrations.push_back(cookie);
-  }
+  registration.emplace();
 }
 
-void ModuleUnderTest::Revoke() {
-  for (const DWORD cookie : registrations) CoRevokeClassObject(cookie);
-  registrations.clear();
-}
+void ModuleUnderTest::Revoke() { registration.reset(); }
 
 bool ModuleUnderTest::RevokeAndSeeUnused() {
   Revoke();
@@ -67,18 +61,48 @@ std::wstring ModuleUnderTest::Path() {
   return (std::filesystem::path(program).parent_path().parent_path() / L"Tessaly.dll").wstring();
 }
 
+std::wstring ModuleUnderTest::Sibling(const std::wstring& name) {
+  return std::filesystem::path(Path()).replace_filename(name).wstring();
+}
+
 HRESULT ModuleUnderTest::GetClassObject(REFCLSID clsid, REFIID iid, void** factory) {
-  return Export<GetClassObjectFunction>("DllGetClassObject")(clsid, iid, factory);
+  return ExportAs<decltype(DllGetClassObject)>(Handle(), "DllGetClassObject")(clsid, iid, factory);
 }
 
 HRESULT ModuleUnderTest::CanUnloadNow() {
-  return Export<CanUnloadNowFunction>("DllCanUnloadNow")();
+  return ExportAs<decltype(DllCanUnloadNow)>(Handle(), "DllCanUnloadNow")();
 }
 
-Floats::Floats(std::size_t count, float value, LONG lower_bound) {
-  SAFEARRAYBOUND bound = {static_cast<ULONG>(count), lower_bound};
-  array_ = SafeArrayCreate(VT_R4, 1, &bound);
+int RunClient(const std::function<int()>& body) {
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  int result = 1;
+  try {
+    ModuleUnderTest::Load();
+    result = body();
+  } catch (const HResultError& error) {
+    std::fprintf(stderr, "failed with 0x%08lX\n", static_cast<unsigned long>(error.code()));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+  }
+  if (ModuleUnderTest::Handle() != nullptr && !ModuleUnderTest::RevokeAndSeeUnused()) result = 1;
+  CoUninitialize();
+  return result;
+}
+
+void* ExportOf(HMODULE library, const char* name) {
+  const FARPROC address = GetProcAddress(library, name);
+  if (address == nullptr) throw std::runtime_error(std::string("no export ") + name);
+  return reinterpret_cast<void*>(address);
+}
+
+ForeignArray::ForeignArray(VARTYPE type, UINT dimensions, ULONG count, LONG lower_bound) {
+  std::vector<SAFEARRAYBOUND> bounds(dimensions, SAFEARRAYBOUND{count, lower_bound});
+  array_ = SafeArrayCreate(type, dimensions, bounds.data());
   if (array_ == nullptr) throw std::bad_alloc();
+}
+
+Floats::Floats(std::size_t count, float value, LONG lower_bound)
+    : ForeignArray(VT_R4, 1, static_cast<ULONG>(count), lower_bound) {
   std::ranges::fill(values(), value);
 }
 
@@ -86,37 +110,19 @@ Floats::Floats(std::span<const float> values) : Floats(values.size()) {
   std::ranges::copy(values, this->values().begin());
 }
 
-Floats::~Floats() { SafeArrayDestroy(array_); }
-
 std::span<float> Floats::values() const {
-  return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
+  const SAFEARRAY* const array = *this;
+  return {static_cast<float*>(array->pvData), array->rgsabound[0].cElements};
 }
-
-std::vector<float> Floats::ToVector() const { return {values().begin(), values().end()}; }
-
-ForeignArray::ForeignArray(VARTYPE type, UINT dimensions, ULONG count) {
-  std::vector<SAFEARRAYBOUND> bounds(dimensions, SAFEARRAYBOUND{count, 0});
-  array_ = SafeArrayCreate(type, dimensions, bounds.data());
-  if (array_ == nullptr) throw std::bad_alloc();
-}
-
-ForeignArray::~ForeignArray() { SafeArrayDestroy(array_); }
 
 TemporaryFolder::TemporaryFolder() {
   static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
   // Process identifiers come again, and a test that crashed leaves its folder behind.
-  constexpr int kMaxNames = 1000;
-  std::filesystem::path folder;
-  std::error_code error;
-  for (int tried = 0; tried < kMaxNames; ++tried) {
-    folder = std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter));
-    if (std::filesystem::create_directories(folder, error)) {
-      path_ = folder.wstring();
-      return;
-    }
-  }
-  throw std::filesystem::filesystem_error("no temporary folder can be made", folder, error);
+  do {
+    path_ =
+        (std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter))).wstring();
+  } while (!std::filesystem::create_directories(path_));
 }
 
 TemporaryFolder::~TemporaryFolder() {
@@ -142,14 +148,10 @@ ULONG ReferenceCount(IUnknown* object) {
   return object->Release();
 }
 
-bool WaitForTask(ICoreTask* task, int seconds) {
-  for (int tick = 0; tick < seconds * 100; ++tick) {
-    VARIANT_BOOL running = VARIANT_FALSE;
-    Check(task->QueryIsTaskRunning(&running));
-    if (running == VARIANT_FALSE) return true;
-    Sleep(10);
-  }
-  return false;
+bool WaitForTask(ICoreTask* task) {
+  VARIANT_BOOL running = VARIANT_TRUE;
+  while (SUCCEEDED(task->QueryIsTaskRunning(&running)) && running != VARIANT_FALSE) Sleep(10);
+  return running == VARIANT_FALSE;
 }
 
 }  // namespace marlinda::testing

@@ -1,10 +1,11 @@
-// What every component test needs to be a client of the module: the module loaded and its classes
-// creatable by class identifier, and short ways to make arrays and strings.
+// A client of the module: loads it, makes its classes creatable by class identifier, and makes
+// arrays, texts and folders.
 #pragma once
 
 #include <marlinda.h>
 
 #include <concepts>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -18,23 +19,50 @@ namespace marlinda::testing {
 // environment variable TESSALY_DLL names.
 class ModuleUnderTest {
  public:
-  // Loads the module and makes its classes known to this process alone, without touching the
-  // registry.
+  // Makes the classes known to this process alone, without touching the registry.
   static void Load();
-  // Takes the classes back. The module stays loaded.
+  // The module stays loaded.
   static void Revoke();
-  // Takes the classes back and returns whether no object and no thread of the module is left.
+  // Revokes and returns whether no object and no thread of the module is left.
   static bool RevokeAndSeeUnused();
 
   static HMODULE Handle();
   static std::wstring Path();
+  // Of a file beside the module.
+  static std::wstring Sibling(const std::wstring& name);
   static HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** factory);
   static HRESULT CanUnloadNow();
 };
 
-// Creates an object of the class, as its interface `I`. Fails the test when that does not work.
+// Makes the module's classes known to the calling apartment, for as long as it lives.
+class Registration {
+ public:
+  Registration();
+  Registration(const Registration&) = delete;
+  Registration& operator=(const Registration&) = delete;
+  ~Registration();
+
+ private:
+  std::vector<DWORD> cookies_;
+};
+
+// The main function of a client: runs `body` in an apartment with the module loaded, and returns
+// its result, or 1 after an exception and where objects of the module are left.
+int RunClient(const std::function<int()>& body);
+
+// An export of a library. Throws where there is none.
+void* ExportOf(HMODULE library, const char* name);
+template <class Function>
+Function* ExportAs(HMODULE library, const char* name) {
+  return reinterpret_cast<Function*>(ExportOf(library, name));
+}
+
 template <class I>
-ComPtr<I> Create(REFCLSID clsid);
+ComPtr<I> Create(REFCLSID clsid) {
+  ComPtr<I> object;
+  Check(CreateInstance(clsid, object));
+  return object;
+}
 
 // The object as another of its interfaces; null when it has none.
 template <class I>
@@ -46,41 +74,32 @@ ComPtr<I> As(const ComPtr<J>& object) {
   return TryQuery<I>(object.Get());
 }
 
-// An array of floats owned by the test.
-class Floats {
+// An array of another element type or shape than the engine's.
+class ForeignArray {
+ public:
+  explicit ForeignArray(VARTYPE type, UINT dimensions = 1, ULONG count = 8, LONG lower_bound = 0);
+  ForeignArray(const ForeignArray&) = delete;
+  ForeignArray& operator=(const ForeignArray&) = delete;
+  ~ForeignArray() { SafeArrayDestroy(array_); }
+  operator SAFEARRAY*() const { return array_; }
+
+ private:
+  SAFEARRAY* array_;
+};
+
+class Floats : public ForeignArray {
  public:
   explicit Floats(std::size_t count, float value = 0.0F, LONG lower_bound = 0);
   explicit Floats(std::span<const float> values);
-  Floats(const Floats&) = delete;
-  Floats& operator=(const Floats&) = delete;
-  ~Floats();
 
-  SAFEARRAY* array() const { return array_; }
-  operator SAFEARRAY*() const { return array_; }
   std::span<float> values() const;
-  std::vector<float> ToVector() const;
+  std::vector<float> ToVector() const { return {values().begin(), values().end()}; }
   // A template, because an index of another type than size_t could also index the converted
   // pointer.
   template <std::integral Index>
   float& operator[](Index index) const {
     return values()[static_cast<std::size_t>(index)];
   }
-
- private:
-  SAFEARRAY* array_;
-};
-
-// An array of another element type or shape, to be refused.
-class ForeignArray {
- public:
-  explicit ForeignArray(VARTYPE type, UINT dimensions = 1, ULONG count = 8);
-  ForeignArray(const ForeignArray&) = delete;
-  ForeignArray& operator=(const ForeignArray&) = delete;
-  ~ForeignArray();
-  operator SAFEARRAY*() const { return array_; }
-
- private:
-  SAFEARRAY* array_;
 };
 
 class Bstr {
@@ -94,8 +113,7 @@ class Bstr {
   operator BSTR() const { return text_; }
   // For an out parameter; frees what was held.
   BSTR* Receive() {
-    SysFreeString(text_);
-    text_ = nullptr;
+    SysFreeString(std::exchange(text_, nullptr));
     return &text_;
   }
   std::wstring str() const { return text_ == nullptr ? std::wstring() : std::wstring(text_); }
@@ -124,15 +142,7 @@ void WriteFileBytes(const std::wstring& path, std::span<const unsigned char> byt
 // The reference count that Release returns.
 ULONG ReferenceCount(IUnknown* object);
 
-// Waits until the task has ended; false after `seconds`, for which CTest ends the test as hung.
-bool WaitForTask(ICoreTask* task, int seconds = 600);
-
-template <class I>
-ComPtr<I> Create(REFCLSID clsid) {
-  ComPtr<I> object;
-  const HRESULT hr = CreateInstance(clsid, object);
-  if (FAILED(hr)) throw HResultError(hr);
-  return object;
-}
+// Waits until the task has ended. False when it cannot be asked.
+bool WaitForTask(ICoreTask* task);
 
 }  // namespace marlinda::testing

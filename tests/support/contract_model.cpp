@@ -1,5 +1,6 @@
 #include "tests/support/contract_model.h"
 
+#include <map>
 #include <stdexcept>
 
 #include "tests/support/com_client.h"
@@ -7,10 +8,7 @@
 namespace marlinda::testing {
 namespace {
 
-std::string Narrow(const Bstr& text) {
-  const std::wstring wide = text.str();
-  return {wide.begin(), wide.end()};
-}
+std::string Narrow(BSTR text) { return {text, text + SysStringLen(text)}; }
 
 std::string NameOf(ITypeInfo* info) {
   Bstr name;
@@ -26,64 +24,39 @@ TYPEATTR AttributesOf(ITypeInfo* info) {
   return copy;
 }
 
+ComPtr<ITypeInfo> Referred(ITypeInfo* info, HREFTYPE reference) {
+  ComPtr<ITypeInfo> referred;
+  Check(info->GetRefTypeInfo(reference, referred.GetAddressOf()));
+  return referred;
+}
+
 ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index) {
   HREFTYPE reference = 0;
   Check(info->GetRefTypeOfImplType(index, &reference));
-  ComPtr<ITypeInfo> implemented;
-  Check(info->GetRefTypeInfo(reference, implemented.GetAddressOf()));
-  return implemented;
+  return Referred(info, reference);
 }
 
-// The interface with its vtable, also where the library shows the dispatch face of a dual one.
-ComPtr<ITypeInfo> VtableFace(ComPtr<ITypeInfo> info) {
-  const TYPEATTR attributes = AttributesOf(info.Get());
-  if (attributes.typekind != TKIND_DISPATCH) return info;
-  return Implemented(info.Get(), static_cast<UINT>(-1));
-}
-
-Parameter Read(ITypeInfo* info, const ELEMDESC& element, std::string name) {
+Parameter Read(ITypeInfo* info, const ELEMDESC& element, const std::string& name) {
+  static const std::map<VARTYPE, Kind> kKinds = {
+      {VT_I2, Kind::kInteger}, {VT_I4, Kind::kInteger},     {VT_UI4, Kind::kInteger},
+      {VT_I8, Kind::kInteger}, {VT_BOOL, Kind::kInteger},   {VT_R4, Kind::kReal},
+      {VT_BSTR, Kind::kText},  {VT_UNKNOWN, Kind::kObject}, {VT_SAFEARRAY, Kind::kArray}};
   const TYPEDESC& type = element.tdesc;
-  const bool out = (element.paramdesc.wParamFlags & PARAMFLAG_FOUT) != 0;
-  Parameter result = {std::move(name), Kind::kInteger, type.vt, IID_IUnknown};
-  switch (type.vt) {
-    case VT_I2:
-    case VT_I4:
-    case VT_UI4:
-    case VT_I8:
-    case VT_BOOL:
-      return result;
-    case VT_R4:
-      result.kind = Kind::kReal;
-      return result;
-    case VT_BSTR:
-      result.kind = Kind::kText;
-      return result;
-    case VT_UNKNOWN:
-      result.kind = Kind::kObject;
-      return result;
-    case VT_SAFEARRAY:
-      result.kind = Kind::kArray;
-      return result;
-    case VT_PTR:
-      break;
-    default:
-      throw std::runtime_error("a parameter type that this test does not know: " + result.name);
+  if (const auto found = kKinds.find(type.vt); found != kKinds.end()) {
+    return {name, found->second, type.vt, IID_IUnknown};
   }
+  if (type.vt != VT_PTR) throw std::runtime_error("a type that this test does not know: " + name);
   const TYPEDESC& target = *type.lptdesc;
-  if (target.vt == VT_SAFEARRAY) {
-    result.kind = Kind::kArray;
-  } else if (target.vt == VT_USERDEFINED) {
-    ComPtr<ITypeInfo> referred;
-    Check(info->GetRefTypeInfo(target.hreftype, referred.GetAddressOf()));
-    result.kind = Kind::kObject;
-    result.iid = AttributesOf(referred.Get()).guid;
-  } else if (out) {
-    result.kind = Kind::kOut;
-    result.type = target.vt == VT_PTR ? static_cast<VARTYPE>(VT_UNKNOWN) : target.vt;
-  } else {
-    throw std::runtime_error("a pointer that this test does not know: " + result.name);
+  if (target.vt == VT_SAFEARRAY) return {name, Kind::kArray, type.vt, IID_IUnknown};
+  if (target.vt == VT_USERDEFINED) {
+    const IID iid = AttributesOf(Referred(info, target.hreftype).Get()).guid;
+    return {name, Kind::kObject, type.vt, iid};
   }
-  return result;
+  if ((element.paramdesc.wParamFlags & PARAMFLAG_FOUT) == 0) {
+    throw std::runtime_error("a pointer that this test does not know: " + name);
+  }
+  const VARTYPE pointed = target.vt == VT_PTR ? static_cast<VARTYPE>(VT_UNKNOWN) : target.vt;
+  return {name, Kind::kOut, pointed, IID_IUnknown};
 }
 
 void AppendMethods(ITypeInfo* info, std::vector<Method>& methods) {
@@ -94,18 +67,16 @@ void AppendMethods(ITypeInfo* info, std::vector<Method>& methods) {
     std::vector<BSTR> names(static_cast<std::size_t>(function->cParams) + 1, nullptr);
     UINT count = 0;
     Check(info->GetNames(function->memid, names.data(), static_cast<UINT>(names.size()), &count));
-    std::vector<std::string> texts;
-    for (BSTR name : names) {
-      const std::wstring wide = name == nullptr ? L"" : name;
-      texts.emplace_back(wide.begin(), wide.end());
-      SysFreeString(name);
+    Method method = {NameOf(info),
+                     Narrow(names[0]),
+                     attributes.guid,
+                     static_cast<ULONG_PTR>(function->oVft),
+                     {}};
+    for (std::size_t p = 1; p < names.size(); ++p) {
+      const ELEMDESC& element = function->lprgelemdescParam[p - 1];
+      method.parameters.push_back(Read(info, element, Narrow(names[p])));
     }
-    Method method = {
-        NameOf(info), texts[0], attributes.guid, static_cast<ULONG_PTR>(function->oVft), {}};
-    for (SHORT p = 0; p < function->cParams; ++p) {
-      method.parameters.push_back(
-          Read(info, function->lprgelemdescParam[p], texts[static_cast<std::size_t>(p) + 1]));
-    }
+    for (BSTR name : names) SysFreeString(name);
     info->ReleaseFuncDesc(function);
     methods.push_back(std::move(method));
   }
@@ -126,11 +97,15 @@ std::vector<Class> ClassesOfTheModule() {
     for (UINT k = 0; k < attributes.cImplTypes; ++k) {
       INT flags = 0;
       Check(info->GetImplTypeFlags(k, &flags));
-      const ComPtr<ITypeInfo> face = Implemented(info.Get(), k);
+      ComPtr<ITypeInfo> face = Implemented(info.Get(), k);
+      const TYPEATTR shown = AttributesOf(face.Get());
       const bool is_source = (flags & IMPLTYPEFLAG_FSOURCE) != 0;
-      (is_source ? found.events : found.interfaces)
-          .push_back({NameOf(face.Get()), AttributesOf(face.Get()).guid});
-      if (!is_source) AppendMethods(VtableFace(face).Get(), found.methods);
+      (is_source ? found.events : found.interfaces).push_back({NameOf(face.Get()), shown.guid});
+      if (is_source) continue;
+      // The library shows the dispatch face of a dual interface, which has no vtable.
+      constexpr UINT kVtableFace = static_cast<UINT>(-1);
+      if (shown.typekind == TKIND_DISPATCH) face = Implemented(face.Get(), kVtableFace);
+      AppendMethods(face.Get(), found.methods);
     }
     classes.push_back(std::move(found));
   }

@@ -1,18 +1,14 @@
-// The format converter that the connector finds by class identifier: any factory's, or that of the
-// module which is built beside the engine's.
+// The format converter that the connector finds by class identifier.
 #pragma once
 
 #include <converter.h>
 
-#include <memory>
-#include <string>
-
-#include "core/com_ptr.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
 
-// Makes a converter the one that is found by class identifier, for as long as it lives.
+// Makes a converter the one that is found, for as long as it lives: any factory's, or that of the
+// module which is built beside the engine's.
 class InstalledConverter {
  public:
   explicit InstalledConverter(IUnknown* factory) {
@@ -27,25 +23,20 @@ class InstalledConverter {
   DWORD cookie_ = 0;
 };
 
-// The module that is built beside the engine's.
-class OurConverter {
+class OurConverter : public InstalledConverter {
  public:
-  OurConverter() {
-    std::wstring path = ModuleUnderTest::Path();
-    path = path.substr(0, path.rfind(L'\\')) + L"\\Converter.dll";
-    module_ = LoadLibraryW(path.c_str());
-    using Function = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
-    const auto get = reinterpret_cast<Function>(
-        reinterpret_cast<void*>(GetProcAddress(module_, "DllGetClassObject")));
-    ComPtr<IUnknown> factory;
-    Check(get(CLSID_CFormatConverter, IID_IClassFactory,
-              reinterpret_cast<void**>(factory.GetAddressOf())));
-    installed_ = std::make_unique<InstalledConverter>(factory.Get());
-  }
+  OurConverter() : InstalledConverter(Factory().Get()) {}
 
  private:
-  HMODULE module_ = nullptr;  // stays loaded
-  std::unique_ptr<InstalledConverter> installed_;
+  // The library stays loaded.
+  static ComPtr<IUnknown> Factory() {
+    const HMODULE library = LoadLibraryW(ModuleUnderTest::Sibling(L"Converter.dll").c_str());
+    ComPtr<IUnknown> factory;
+    Check(ExportAs<decltype(DllGetClassObject)>(library, "DllGetClassObject")(
+        CLSID_CFormatConverter, IID_IClassFactory,
+        reinterpret_cast<void**>(factory.GetAddressOf())));
+    return factory;
+  }
 };
 
 }  // namespace marlinda::testing

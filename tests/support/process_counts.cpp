@@ -8,8 +8,8 @@
 #include <cstring>
 #include <vector>
 
-#include "core/com_call.h"
 #include "core/handle.h"
+#include "tests/support/com_client.h"
 
 namespace marlinda::testing {
 namespace {
@@ -26,41 +26,29 @@ struct HandleEntry {
   ULONG access;
 };
 
-// The system's table of all handles: their count, then the entries.
-std::vector<char> HandleTable() {
-  constexpr ULONG kSystemHandleInformation = 16;
-  constexpr LONG kLengthMismatch = static_cast<LONG>(0xC0000004);
-  using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
-  const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
-  if (query == nullptr) throw HResultError(E_NOTIMPL);
-  std::vector<char> table(1 << 20);
-  LONG status = 0;
-  while ((status = query(kSystemHandleInformation, table.data(), static_cast<ULONG>(table.size()),
-                         nullptr)) == kLengthMismatch) {
-    table.resize(2 * table.size());
-  }
-  if (status < 0) throw HResultError(E_FAIL);
-  return table;
-}
-
 }  // namespace
 
 unsigned CountHandles() {
   // The documented way always gives 0 under some versions of Wine.
   DWORD documented = 0;
-  if (GetProcessHandleCount(GetCurrentProcess(), &documented) != FALSE && documented > 0) {
-    return documented;
-  }
-  const std::vector<char> table = HandleTable();
+  GetProcessHandleCount(GetCurrentProcess(), &documented);
+  if (documented > 0) return documented;
+  const auto query = ExportAs<LONG WINAPI(ULONG, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll"),
+                                                                        "NtQuerySystemInformation");
+  constexpr ULONG kSystemHandleInformation = 16;
+  std::vector<char> table(1 << 20);
+  const auto is_too_small = [&] {
+    return query(kSystemHandleInformation, table.data(), static_cast<ULONG>(table.size()),
+                 nullptr) < 0;
+  };
+  while (is_too_small()) table.resize(2 * table.size());
   ULONG count = 0;
   std::memcpy(&count, table.data(), sizeof count);
-  const auto process = static_cast<USHORT>(GetCurrentProcessId());
   unsigned ours = 0;
   for (ULONG i = 0; i < count; ++i) {
     HandleEntry entry;
     std::memcpy(&entry, table.data() + sizeof(void*) + i * sizeof entry, sizeof entry);
-    if (entry.process == process) ++ours;
+    if (entry.process == static_cast<USHORT>(GetCurrentProcessId())) ++ours;
   }
   return ours;
 }
@@ -78,14 +66,6 @@ unsigned CountThreads() {
   return ours;
 }
 
-void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what) {
-  for (unsigned now = count(); now > most; now = count()) {
-    std::printf("waiting: %u %s instead of %u\n", now, what, most);
-    std::fflush(stdout);
-    Sleep(500);
-  }
-}
-
 std::size_t CountHeapBlocks() {
   const HANDLE heap = GetProcessHeap();
   PROCESS_HEAP_ENTRY entry = {};
@@ -98,15 +78,15 @@ std::size_t CountHeapBlocks() {
   return blocks;
 }
 
-std::size_t CountPrivateBytes() {
-  std::size_t bytes = 0;
-  MEMORY_BASIC_INFORMATION region = {};
-  const char* address = nullptr;
-  while (VirtualQuery(address, &region, sizeof region) != 0) {
-    if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
-    address = static_cast<const char*>(region.BaseAddress) + region.RegionSize;
+void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
+  for (;; Sleep(100)) {
+    const unsigned threads = CountThreads();
+    const unsigned handles = CountHandles();
+    if (threads <= threads_ + more_threads && handles <= handles_ + more_handles) return;
+    // Told when CTest ends a test that waits for a leak.
+    std::printf("%u threads of %u, %u handles of %u\n", threads, threads_, handles, handles_);
+    std::fflush(stdout);
   }
-  return bytes;
 }
 
 }  // namespace marlinda::testing

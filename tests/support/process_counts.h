@@ -7,12 +7,18 @@ namespace marlinda::testing {
 
 unsigned CountHandles();
 unsigned CountThreads();
-// Waits until `count` gives no more than `most`. Threads that have done their work may still be
-// ending.
-void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what);
 // Blocks in use in the process heap, from which the module's C library allocates.
 std::size_t CountHeapBlocks();
-// Memory that is committed and of this process alone.
-std::size_t CountPrivateBytes();
+
+// Waits until there are no more than at construction and some: threads that have done their work
+// may still be ending, and libraries make a few handles when they are used first.
+class LeakWatch {
+ public:
+  void AwaitAtMost(unsigned more_threads, unsigned more_handles) const;
+
+ private:
+  const unsigned threads_ = CountThreads();
+  const unsigned handles_ = CountHandles();
+};
 
 }  // namespace marlinda::testing
