@@ -132,8 +132,7 @@ void CDShowExport::ShowWmaSettings() {
 void CDShowExport::ShowMpegSettings() {
   // Without an encoder there is nothing to choose from.
   const auto encoder = CreateMp3Encoder();
-  CMpegSettings dialog(encoder.Get());
-  dialog.set_bit_rate_kbit(BitRate(kMp3BitRate));
+  CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
   if (dialog.ShowModal(message_owner_) != IDOK) return;
   settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
 }

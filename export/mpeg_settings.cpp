@@ -13,9 +13,9 @@ namespace {
 
 constexpr int kBitRatesKbit[] = {56, 64, 96, 128, 192, 256, 320};
 
-int BestBitRateKbit(IAMStreamConfig* config) {
+int BestBitRateKbit(IBaseFilter* encoder) {
   int best = 0;
-  ForEachCapability(config, [&](const AM_MEDIA_TYPE& type) {
+  ForEachCapability(FindStreamConfig(encoder).Get(), [&](const AM_MEDIA_TYPE& type) {
     if (const auto* format = WaveFormatOf(type)) best = std::max(best, BitRateKbit(*format));
   });
   return best;
@@ -23,11 +23,10 @@ int BestBitRateKbit(IAMStreamConfig* config) {
 
 }  // namespace
 
-CMpegSettings::CMpegSettings(IBaseFilter* encoder)
+CMpegSettings::CMpegSettings(IBaseFilter* encoder, int bit_rate_kbit)
     : SettingsDialog(IDD_MPEG_SETTINGS),
-      encoder_stream_config_(FindStreamConfig(encoder)),
-      max_bit_rate_kbit_(BestBitRateKbit(encoder_stream_config_.Get())),
-      bit_rate_kbit_(std::min(max_bit_rate_kbit_, kDefaultBitRateKbit)) {}
+      max_bit_rate_kbit_(BestBitRateKbit(encoder)),
+      bit_rate_kbit_(bit_rate_kbit) {}
 
 HWND CMpegSettings::OnOpening() {
   HWND list = Item(IDC_MPEG_BIT_RATE);

@@ -5,7 +5,6 @@
 // After windows.h.
 #include <dshow.h>
 
-#include "core/com_ptr.h"
 #include "export/settings_dialog.h"
 
 namespace marlinda {
@@ -15,21 +14,16 @@ namespace marlinda {
 // does not change.
 class CMpegSettings final : public SettingsDialog {
  public:
-  static constexpr int kDefaultBitRateKbit = 128;
+  // Reads the capabilities of the encoder, which may be null.
+  CMpegSettings(IBaseFilter* encoder, int bit_rate_kbit);
 
-  // Reads the encoder's capabilities; the bit rate becomes its best, but the default at most.
-  explicit CMpegSettings(IBaseFilter* encoder);
-
-  int max_bit_rate_kbit() const noexcept { return max_bit_rate_kbit_; }
   int bit_rate_kbit() const noexcept { return bit_rate_kbit_; }
-  void set_bit_rate_kbit(int bit_rate_kbit) noexcept { bit_rate_kbit_ = bit_rate_kbit; }
 
  private:
   // Lowers the bit rate to the encoder's best. One that is not in the list selects no line.
   HWND OnOpening() override;
   void OnOk() override;
 
-  const ComPtr<IAMStreamConfig> encoder_stream_config_;
   const int max_bit_rate_kbit_;
   int bit_rate_kbit_;
 };

@@ -7,18 +7,13 @@ namespace marlinda {
 namespace {
 
 constexpr INT_PTR kNotShown = -1;
-// Named here, because systems disagree on the last error for it.
-constexpr DWORD kNoSuchItem = ERROR_CONTROL_ID_NOT_FOUND;
 
 }  // namespace
 
 INT_PTR SettingsDialog::ShowModal(HWND owner) {
-  failure_ = S_OK;
   const INT_PTR result = DialogBoxParamW(TheModule().Instance(), MAKEINTRESOURCEW(template_id_),
                                          owner, Procedure, reinterpret_cast<LPARAM>(this));
   window_ = nullptr;
-  // Set here, where the destruction of the window can no longer overwrite it.
-  if (FAILED(failure_)) SetLastError(static_cast<DWORD>(failure_) & 0xFFFF);
   return result;
 }
 
@@ -37,11 +32,11 @@ INT_PTR CALLBACK SettingsDialog::Procedure(HWND window, UINT message, WPARAM wpa
 
 void SettingsDialog::Open(HWND window) {
   window_ = window;
-  failure_ = ComCall([&] {
+  const HRESULT hr = ComCall([&] {
     HWND start = OnOpening();
     SendMessageW(window_, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(start), TRUE);
   });
-  if (FAILED(failure_)) EndDialog(window_, kNotShown);
+  if (FAILED(hr)) EndDialog(window_, kNotShown);
 }
 
 void SettingsDialog::Command(int item, int notification) {
@@ -60,7 +55,7 @@ void SettingsDialog::Command(int item, int notification) {
 
 HWND SettingsDialog::Item(int item) const {
   HWND found = GetDlgItem(window_, item);
-  if (found == nullptr) throw HResultError(HRESULT_FROM_WIN32(kNoSuchItem));
+  if (found == nullptr) throw HResultError(LastErrorResult());
   return found;
 }
 

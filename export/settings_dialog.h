@@ -13,7 +13,7 @@ class SettingsDialog {
 
   // Shows the dialog, modal to `owner`, which may be null, and returns IDOK or IDCANCEL, the latter
   // also when the window was closed. Any other result means that there was no dialog: no such
-  // owner, or its controls could not be set up. The thread's last error then holds the reason.
+  // owner, or its controls could not be set up.
   INT_PTR ShowModal(HWND owner);
 
  protected:
@@ -42,7 +42,6 @@ class SettingsDialog {
 
   const int template_id_;
   HWND window_ = nullptr;
-  HRESULT failure_ = S_OK;
 };
 
 // The window whose handle came as the number that interfaces carry. A handle has 32 significant

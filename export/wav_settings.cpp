@@ -18,12 +18,8 @@ constexpr WidthChoice kWidthChoices[] = {
 
 }  // namespace
 
-CWavSettings::CWavSettings() noexcept : SettingsDialog(IDD_WAV_SETTINGS) {}
-
-CWavSettings::CWavSettings(int bits_per_sample, bool is_float) noexcept : CWavSettings() {
-  bits_per_sample_ = bits_per_sample;
-  is_float_ = is_float;
-}
+CWavSettings::CWavSettings(int bits_per_sample, bool is_float) noexcept
+    : SettingsDialog(IDD_WAV_SETTINGS), bits_per_sample_(bits_per_sample), is_float_(is_float) {}
 
 HWND CWavSettings::OnOpening() {
   if (is_float_) bits_per_sample_ = 32;

@@ -7,7 +7,6 @@ namespace marlinda {
 
 class CWavSettings final : public SettingsDialog {
  public:
-  CWavSettings() noexcept;
   CWavSettings(int bits_per_sample, bool is_float) noexcept;
 
   int bits_per_sample() const noexcept { return bits_per_sample_; }
@@ -19,8 +18,8 @@ class CWavSettings final : public SettingsDialog {
   HWND OnOpening() override;
   void OnClick(int item) override;
 
-  int bits_per_sample_ = 16;
-  bool is_float_ = false;
+  int bits_per_sample_;
+  bool is_float_;
 };
 
 }  // namespace marlinda

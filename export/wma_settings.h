@@ -7,9 +7,7 @@ namespace marlinda {
 
 class CWmaSettings final : public SettingsDialog {
  public:
-  static constexpr int kDefaultBitRateKbit = 96;
-
-  explicit CWmaSettings(int bit_rate_kbit = kDefaultBitRateKbit) noexcept;
+  explicit CWmaSettings(int bit_rate_kbit) noexcept;
 
   int bit_rate_kbit() const noexcept { return bit_rate_kbit_; }
 

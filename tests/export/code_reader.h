@@ -4,13 +4,9 @@
 #include <marlinda.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <span>
-#include <vector>
 
 #include "tests/export/riff_builder.h"
 #include "tests/support/test_object.h"
@@ -29,17 +25,8 @@ inline std::int32_t CodeAt(std::uint64_t index, int bits) {
 
 // The float that the engine's rules turn into that code.
 inline float SampleAt(std::uint64_t index, int bits) {
-  const auto code = static_cast<float>(CodeAt(index, bits));
-  switch (bits) {
-    case 8:
-      return code / 127.0F;
-    case 16:
-      return code / 32767.0F;
-    case 24:
-      return code / 8388608.0F;
-    default:
-      return code / 2147483648.0F;
-  }
+  const float scale = bits == 8 ? 127.0F : bits == 16 ? 32767.0F : bits == 24 ? 0x1p23F : 0x1p31F;
+  return static_cast<float>(CodeAt(index, bits)) / scale;
 }
 
 // Bytes of the samples from `first` on, as the file must have them.
@@ -55,23 +42,6 @@ inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits
   return result;
 }
 
-// Outlives its reader.
-struct ReaderLog {
-  struct Block {
-    __int64 position;
-    std::size_t samples;
-    bool operator==(const Block&) const = default;
-  };
-  std::vector<Block> Blocks() {
-    const std::lock_guard lock(mutex);
-    return blocks;
-  }
-
-  std::mutex mutex;
-  std::vector<Block> blocks;
-  std::atomic<DWORD> released_on_thread{0};  // 0 while the reader lives
-};
-
 class CodeReader final : public TestObject<IAudioReader> {
  public:
   struct Setup {
@@ -84,27 +54,16 @@ class CodeReader final : public TestObject<IAudioReader> {
     HRESULT format_result = S_OK;  // a failure leaves format and length unanswered
   };
 
-  explicit CodeReader(Setup setup, std::shared_ptr<ReaderLog> log = {})
-      : setup_(std::move(setup)), log_(std::move(log)) {}
-  ~CodeReader() override {
-    if (log_) log_->released_on_thread = GetCurrentThreadId();
-  }
-
-  static ComPtr<IAudioReader> Create(Setup setup, std::shared_ptr<ReaderLog> log = {}) {
-    return MakeObject<CodeReader>(std::move(setup), std::move(log));
+  explicit CodeReader(Setup setup) : setup_(std::move(setup)) {}
+  static ComPtr<IAudioReader> Create(Setup setup) {
+    return MakeObject<CodeReader>(std::move(setup));
   }
 
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     const std::span<float> samples(static_cast<float*>(psaAudioData->pvData),
                                    psaAudioData->rgsabound[0].cElements);
-    if (log_) {
-      const std::lock_guard lock(log_->mutex);
-      log_->blocks.push_back({nSamplePos, samples.size()});
-    }
-    if (setup_.before_read) {
-      const HRESULT hr = setup_.before_read(nSamplePos, samples);
-      if (FAILED(hr)) return hr;
-    }
+    const HRESULT hr = setup_.before_read ? setup_.before_read(nSamplePos, samples) : S_OK;
+    if (FAILED(hr)) return hr;
     std::uint64_t index = static_cast<std::uint64_t>(nSamplePos) * setup_.channels;
     for (float& sample : samples) sample = SampleAt(index++, setup_.bits);
     return S_OK;
@@ -125,7 +84,6 @@ class CodeReader final : public TestObject<IAudioReader> {
 
  private:
   const Setup setup_;
-  const std::shared_ptr<ReaderLog> log_;
 };
 
 }  // namespace marlinda::testing

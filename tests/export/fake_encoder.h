@@ -1,21 +1,19 @@
-// An MP3 encoder of the tests, and its place among the audio compressors of the system. What it
-// puts out is no MP3 but tells what came in: the bytes per second that were chosen, the samples as
-// they came, and "END".
+// An MP3 encoder of the tests, its place among the audio compressors of the system, and the user's
+// settings of encoders. What it puts out is no MP3 but shows what came in: the bytes per second
+// that were chosen, the samples as they came, and "END".
 #pragma once
 
 #include <windows.h>
 // After windows.h.
 #include <dshow.h>
 
-#include <atomic>
 #include <cstring>
 #include <future>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "core/com_ptr.h"
+#include "core/registry.h"
 #include "dshow/graph_filter.h"
 #include "tests/support/test_object.h"
 
@@ -29,7 +27,6 @@ inline constexpr CLSID kFakeEncoderId = {
 struct EncoderPlan {
   std::vector<int> kbits_per_sec = {56, 64, 96, 128, 192, 256, 320};
   bool tells_capabilities = true;
-  int most_channels = 2;
   bool fails_while_encoding = false;
 
   static EncoderPlan& Current() {
@@ -38,10 +35,10 @@ struct EncoderPlan {
   }
 };
 
-inline AudioType Mp3Type(int kbit_per_sec, int channels = 2) {
+inline AudioType Mp3Type(int kbit_per_sec) {
   WAVEFORMATEX format = {};
   format.wFormatTag = WAVE_FORMAT_MPEGLAYER3;
-  format.nChannels = static_cast<WORD>(channels);
+  format.nChannels = 2;
   format.nSamplesPerSec = 44100;
   format.nAvgBytesPerSec = static_cast<DWORD>(kbit_per_sec) * 125;
   format.nBlockAlign = 1;
@@ -89,34 +86,31 @@ class EncoderPin final : public OutputPin, private IAMStreamConfig {
 class FakeEncoder final : public GraphFilter {
  public:
   FakeEncoder() : plan_(EncoderPlan::Current()) {
-    AddPin<InputPin>(InputPin::Purpose{[this](const WAVEFORMATEX& format) {
-                                         return format.wFormatTag == WAVE_FORMAT_PCM &&
-                                                format.wBitsPerSample == 16 &&
-                                                format.nChannels <= plan_.most_channels;
-                                       },
-                                       [this](std::span<const std::byte> bytes) {
-                                         if (plan_.fails_while_encoding) return E_FAIL;
-                                         TellRate();
-                                         return output_->Deliver(bytes, 0, 0);
-                                       },
-                                       [this] {
-                                         TellRate();
-                                         output_->Deliver(std::as_bytes(std::span("END", 3)), 0, 0);
-                                         return output_->DeliverEnd();
-                                       }});
+    AddPin<InputPin>(InputPin::Purpose{
+        [this](const WAVEFORMATEX& format) {
+          return format.wFormatTag == WAVE_FORMAT_PCM && format.wBitsPerSample == 16 &&
+                 format.nChannels <= 2;
+        },
+        [this](std::span<const std::byte> bytes) {
+          if (plan_.fails_while_encoding) return E_FAIL;
+          if (!std::exchange(has_begun_, true)) {
+            Deliver(std::as_bytes(std::span(&output_->type().format()->nAvgBytesPerSec, 1)));
+          }
+          return Deliver(bytes);
+        },
+        [this] {
+          Deliver(std::as_bytes(std::span("END", 3)));
+          return output_->DeliverEnd();
+        }});
     output_ = &AddPin<EncoderPin>(plan_);
   }
 
  private:
-  void TellRate() {
-    if (std::exchange(has_told_, true)) return;
-    const DWORD rate = output_->type().format()->nAvgBytesPerSec;
-    output_->Deliver(std::as_bytes(std::span(&rate, 1)), 0, 0);
-  }
+  HRESULT Deliver(std::span<const std::byte> bytes) { return output_->Deliver(bytes, 0, 0); }
 
   const EncoderPlan plan_;
   EncoderPin* output_ = nullptr;
-  bool has_told_ = false;
+  bool has_begun_ = false;
 };
 
 // Makes the encoder known to the system, and to both apartments of this process, for as long as it
@@ -124,7 +118,7 @@ class FakeEncoder final : public GraphFilter {
 class InstalledEncoder {
  public:
   InstalledEncoder() {
-    SetValue(L"CLSID", Id());
+    SetValue(L"CLSID", TextOf(kFakeEncoderId));
     SetValue(L"FriendlyName", L"Encoder of the tests");
     Check(Register(cookie_));
     std::promise<HRESULT> registered;
@@ -144,7 +138,7 @@ class InstalledEncoder {
     end_.set_value();
     other_apartment_.join();
     CoRevokeClassObject(cookie_);
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, Key().c_str());
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, kKey.c_str());
     EncoderPlan::Current() = {};
   }
 
@@ -165,20 +159,43 @@ class InstalledEncoder {
     StringFromGUID2(id, text, static_cast<int>(std::size(text)));
     return text;
   }
-  static std::wstring Id() { return TextOf(kFakeEncoderId); }
-  static std::wstring Key() {
-    return L"CLSID\\" + TextOf(CLSID_AudioCompressorCategory) + L"\\Instance\\" + Id();
-  }
   static void SetValue(const wchar_t* name, const std::wstring& text) {
     const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
     Check(HRESULT_FROM_WIN32(static_cast<DWORD>(
-        RegSetKeyValueW(HKEY_CLASSES_ROOT, Key().c_str(), name, REG_SZ, text.c_str(), size))));
+        RegSetKeyValueW(HKEY_CLASSES_ROOT, kKey.c_str(), name, REG_SZ, text.c_str(), size))));
   }
 
+  static inline const std::wstring kKey =
+      L"CLSID\\" + TextOf(CLSID_AudioCompressorCategory) + L"\\Instance\\" + TextOf(kFakeEncoderId);
   Factory factory_;
   DWORD cookie_ = 0;
   std::promise<void> end_;
   std::thread other_apartment_;
+};
+
+// The user's settings of encoders, absent before and after.
+class EncoderSettings {
+ public:
+  EncoderSettings() {
+    Check(HRESULT_FROM_WIN32(key_.Open(HKEY_CURRENT_USER, kPath, false)));
+    Forget();
+  }
+  EncoderSettings(const EncoderSettings&) = delete;
+  EncoderSettings& operator=(const EncoderSettings&) = delete;
+  ~EncoderSettings() { Forget(); }
+
+  DWORD Read(const char* name) const { return key_.ReadDword(name, 0); }
+  void Write(const char* name, DWORD value) const { key_.WriteDword(name, value); }
+
+ private:
+  static void Forget() {
+    for (const char* name : {"WMABitrate", "MP3Bitrate"}) {
+      RegDeleteKeyValueA(HKEY_CURRENT_USER, kPath.c_str(), name);
+    }
+  }
+
+  static inline const std::string kPath = std::string(kSettingsKey) + "\\EncoderSettings";
+  CRegistry key_;
 };
 
 }  // namespace marlinda::testing

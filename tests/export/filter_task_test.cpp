@@ -1,4 +1,4 @@
-// The task of all four filters: one contract, whatever is imported or exported.
+// What all four filters share: how they describe themselves, and the contract of their task.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +19,11 @@ struct FilterCase {
   const CLSID& clsid;
   const wchar_t* file;
   const wchar_t* task;
+  // How an export describes itself; an import's own tests ask it.
+  SHORT merit = 0;
+  const wchar_t* strings = L"";
+  const wchar_t* patterns = L"";
+  std::vector<std::wstring> supported = {};
 
   friend void PrintTo(const FilterCase& filter, std::ostream* out) { *out << filter.name; }
 };
@@ -44,7 +49,8 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
     }
   }
 
-  bool IsExport() const { return GetParam().task[0] == L'S'; }
+  bool IsExport() const { return GetParam().merit != 0; }
+  bool IsLossy() const { return GetParam().clsid == CLSID_CDShowExport; }
   HRESULT Initialize(bool with_client = true) {
     IUnknown* const other = with_client ? client.Get() : nullptr;
     return IsExport()
@@ -81,6 +87,31 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
   std::function<void()> on_block;
   ComPtr<ICoreTask> task = Create<ICoreTask>(GetParam().clsid);
 };
+
+TEST_P(FilterTaskTest, DescribesItselfWhenItExports) {
+  if (!IsExport()) return;
+  const auto filter = As<IExportFilter>(task);
+  VARIANT_BOOL answer = 42;
+  for (const std::wstring extension :
+       {L"wav", L"wAv", L".wav", L"wave", L"wma", L"MP3", L".mp3", L"mp", L""}) {
+    const bool supports = std::ranges::count(GetParam().supported, extension) > 0;
+    EXPECT_EQ(filter->QuerySupportsExtension(Bstr(extension), &answer), S_OK);
+    EXPECT_EQ(answer, supports ? VARIANT_TRUE : VARIANT_FALSE)
+        << ::testing::PrintToString(extension);
+    EXPECT_EQ(filter->QueryHasSettingsDlg(Bstr(extension), &answer), S_OK);
+    EXPECT_EQ(answer, supports || !IsLossy() ? VARIANT_TRUE : VARIANT_FALSE);
+  }
+  EXPECT_EQ(filter->QueryIsLossy(&answer), S_OK);
+  EXPECT_EQ(answer, IsLossy() ? VARIANT_TRUE : VARIANT_FALSE);
+  SHORT merit = 0;
+  EXPECT_EQ(filter->GetMerit(&merit), S_OK);
+  EXPECT_EQ(merit, GetParam().merit);
+  Bstr strings, patterns;
+  EXPECT_EQ(filter->GetFilterStrings(strings.Receive(), patterns.Receive()), S_OK);
+  EXPECT_EQ(strings.str(), GetParam().strings);
+  EXPECT_EQ(patterns.str(), GetParam().patterns);
+  EXPECT_EQ(filter->SetBitsPerSample(24), S_OK);
+}
 
 TEST_P(FilterTaskTest, DoesNothingWithoutAFileAndAClient) {
   const auto expect_idle = [&] {
@@ -190,10 +221,26 @@ TEST_P(FilterTaskTest, SurvivesItsLastReleaseByItsOwnClient) {
 
 INSTANTIATE_TEST_SUITE_P(
     AllFilters, FilterTaskTest,
-    ::testing::Values(FilterCase{"Ogg", CLSID_COggImport, L"", L"Loading "},
-                      FilterCase{"DShowImport", CLSID_CDShowImport, L"in.wav", L"Loading "},
-                      FilterCase{"Wav", CLSID_CWavExportFilter, L"out.wav", L"Saving "},
-                      FilterCase{"Mp3", CLSID_CDShowExport, L"out.mp3", L"Saving "}),
+    ::testing::Values(
+        FilterCase{"Ogg", CLSID_COggImport, L"", L"Loading "},
+        FilterCase{"DShowImport", CLSID_CDShowImport, L"in.wav", L"Loading "},
+        // Texts of the host are no formats.
+        FilterCase{"Wav",
+                   CLSID_CWavExportFilter,
+                   L"100%s.wav",
+                   L"Saving ",
+                   200,
+                   L"Wave Audio Files (*.wav)|*.wav|",
+                   L"*.wav",
+                   {L"wav", L"wAv"}},
+        FilterCase{"Mp3",
+                   CLSID_CDShowExport,
+                   L"out.mp3",
+                   L"Saving ",
+                   100,
+                   L"Windows Media Audio Files (*.wma)|*.wma|MPEG Layer 3 Files (*.mp3)|*.mp3|",
+                   L"*.wma;*.mp3",
+                   {L"wma", L"MP3"}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

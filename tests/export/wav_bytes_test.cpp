@@ -17,9 +17,6 @@ Bytes ToBytes(std::span<const std::byte> bytes) {
   for (const std::byte byte : bytes) result.push_back(std::to_integer<unsigned char>(byte));
   return result;
 }
-Bytes Header(const WavFormat& format, ManyChannels many = ManyChannels::kExtensible) {
-  return ToBytes(WavHeader(format, many).bytes());
-}
 Bytes WithFormat(const Bytes& format) {
   return Text("RIFF") + U32(0) + Text("WAVE") + Chunk("fmt ", format) + Text("data") + U32(0);
 }
@@ -28,29 +25,41 @@ Bytes Trailer(const WavAnnotations& all, std::int32_t block_align) {
 }
 
 TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
-  EXPECT_EQ(Header({44100, 2, 24, false}), WithFormat(PlainFormat(1, 2, 44100, 3, 24)));
-  EXPECT_EQ(Header({192000, 1, 32, true}), WithFormat(PlainFormat(3, 1, 192000, 4, 32)));
-  // Whole bytes only, and a width that fills none gives a block align of 0.
-  EXPECT_EQ(Header({8000, 2, 12, false}), WithFormat(PlainFormat(1, 2, 8000, 1, 12)));
-  EXPECT_EQ(Header({8000, 2, 7, false}), WithFormat(PlainFormat(1, 2, 8000, 0, 7)));
-  for (const auto& [channels, mask] :
-       {std::pair{3, 0}, {4, 0}, {5, 0}, {6, 0x3F}, {7, 0}, {8, 0xFF}, {9, 0}}) {
-    EXPECT_EQ(Header({48000, static_cast<std::int16_t>(channels), 16, false}),
-              WithFormat(ExtensibleFormat(1, channels, 48000, 2, 16, mask)));
+  constexpr auto kPlain = ManyChannels::kPlain;
+  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
+  const std::tuple<WavFormat, Bytes, Bytes> formats[] = {
+      // As extensible as it may be, and plain.
+      {{44100, 2, 24, false}, PlainFormat(1, 2, 44100, 3, 24), {}},
+      {{192000, 1, 32, true}, PlainFormat(3, 1, 192000, 4, 32), {}},
+      // Whole bytes only, and a width that fills none gives a block align of 0.
+      {{8000, 2, 12, false}, PlainFormat(1, 2, 8000, 1, 12), {}},
+      {{8000, 2, 7, false}, PlainFormat(1, 2, 8000, 0, 7), {}},
+      {{48000, 5, 16, false},
+       ExtensibleFormat(1, 5, 48000, 2, 16, 0),
+       PlainFormat(1, 5, 48000, 2, 16)},
+      {{48000, 6, 32, true},
+       ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F),
+       PlainFormat(3, 6, 48000, 4, 32)},
+      {{48000, 8, 8, false},
+       ExtensibleFormat(1, 8, 48000, 1, 8, 0xFF),
+       PlainFormat(1, 8, 48000, 1, 8)},
+      // Fields hold the low bits of absurd values.
+      {{-1, -2, -8, false},
+       U16(1) + U16(0xFFFE) + U32(0xFFFFFFFF) + U32(0xFFFFFFFE) + U16(2) + U16(0xFFF8),
+       {}},
+      {{kMost, 2, 32767, false},
+       U16(1) + U16(2) + U32(kMost) + U32(8190ULL * kMost) + U16(8190) + U16(32767),
+       {}},
+  };
+  for (const auto& [format, usual, plain] : formats) {
+    EXPECT_EQ(ToBytes(WavHeader(format, ManyChannels::kExtensible).bytes()), WithFormat(usual));
+    EXPECT_EQ(ToBytes(WavHeader(format, kPlain).bytes()),
+              WithFormat(plain.empty() ? usual : plain));
   }
-  EXPECT_EQ(Header({48000, 6, 32, true}), WithFormat(ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F)));
-  EXPECT_EQ(Header({48000, 6, 32, true}, ManyChannels::kPlain),
-            WithFormat(PlainFormat(3, 6, 48000, 4, 32)));
-  // Fields hold the low bits of absurd values.
-  EXPECT_EQ(Header({-1, -2, -8, false}), WithFormat(U16(1) + U16(0xFFFE) + U32(0xFFFFFFFF) +
-                                                    U32(0xFFFFFFFE) + U16(2) + U16(0xFFF8)));
-  EXPECT_EQ(
-      Header({std::numeric_limits<std::int32_t>::max(), 32767, 32767, false}, ManyChannels::kPlain),
-      WithFormat(U16(1) + U16(32767) + U32(0x7FFFFFFF) + U32(134180865ULL * 0x7FFFFFFF) +
-                 U16(134180865) + U16(32767)));
 }
 
 TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
+  using Limits = std::numeric_limits<std::int64_t>;
   EXPECT_EQ(Trailer({.labels = {{100, "first"}, {200, ""}},
                      .markers = {{{300, 400}, "region"}, {{50, 20}, "backward"}}},
                     6),
@@ -60,49 +69,16 @@ TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
                                  Region(3, 0xFFFFFFE2, "backward")) +
                 Info());
   EXPECT_EQ(Trailer({.labels = {{0x1'2345'6789, "far"}, {-1, "before"}},
-                     .markers = {{{std::numeric_limits<std::int64_t>::min(),
-                                   std::numeric_limits<std::int64_t>::max()},
-                                  "all"}}},
+                     .markers = {{{Limits::min(), Limits::max()}, "all"}}},
                     4),
             Chunk("cue ", U32(3) + CuePoint(0, 0x23456789, 0x8D159E24, 0x23456789) +
                               CuePoint(1, 0xFFFFFFFF, 0xFFFFFFFC, 0xFFFFFFFF) +
                               CuePoint(2, 0xFFFFFFFF, 0xFFFFFFFC, 0)) +
                 List("adtl", Label(0, "far") + Label(1, "before") + Region(2, 0xFFFFFFFF, "all")) +
                 Info());
-  EXPECT_EQ(Trailer({.markers = {{{5, 9}, ""}}}, 2),
-            Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 5)) + List("adtl", Region(0, 4, "")) + Info());
-}
-
-// A whole file, line by line; the file fills in the two sizes that are 0 here.
-TEST(WavBytes, AreThoseOfTheWorkedExample) {
-  const WavFormat format{44100, 1, 8, false};
-  EXPECT_EQ(Header(format), Hex("524946460000000057415645"
-                                "666D7420100000000100010044AC000044AC0000"
-                                "01000800"
-                                "6461746100000000"));
-  EXPECT_EQ(
-      Trailer({.labels = {{1, "In"}},
-               .markers = {{{2, 3}, "Hit"}},
-               .tags = {.title = "Snap", .artist = "", .album = "", .year = "2009", .genre = ""},
-               .acid = AcidData{60, 4, 4, 2, 120.0F}},
-              format.BlockAlign()),
-      Hex("637565203400000002000000"
-          "00000000010000006461746100000000"
-          "0100000001000000"
-          "01000000010000006461746100000000"
-          "0100000002000000"
-          "4C495354340000006164746C"
-          "6C61626C0800000000000000496E0000"
-          "6C747874180000000100000001000000"
-          "72676E20000000000000000048697400"
-          "4C4953544C000000494E464F"
-          "494E414D08000000536E617000000000"
-          "494152540400000000000000"
-          "49474E520400000000000000"
-          "495052440400000000000000"
-          "494352440C000000323030392D30312D30310000"
-          "61636964180000003C0000000000000000000000"
-          "02000000040004000000F042"));
+  EXPECT_EQ(Trailer({.markers = {{{5, 9}, ""}}, .acid = AcidData{60, 4, 3, 2, 120.0F}}, 2),
+            Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 5)) + List("adtl", Region(0, 4, "")) + Info() +
+                Chunk("acid", U32(60) + U32(0) + U32(0) + U32(2) + U16(4) + U16(3) + F32(120.0F)));
 }
 
 TEST(WavBytes, OfSamplesFillWhatTheHeaderAnnounces) {

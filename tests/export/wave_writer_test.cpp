@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "export/wav_file.h"
 #include "tests/export/riff_builder.h"
 #include "tests/support/com_client.h"
 #include "tests/support/recording_writer.h"
@@ -11,22 +12,17 @@ namespace {
 using namespace riff;
 using ::testing::ElementsAre;
 
-constexpr HRESULT kSharingViolation = static_cast<HRESULT>(0x80070020);
-constexpr HRESULT kPathNotFound = static_cast<HRESULT>(0x80070003);
-
-Bytes Format(int channels, int bits, int rate = 44100) {
-  return PlainFormat(bits == 32 ? 3 : 1, channels, rate, bits / 8, bits);
+Bytes Format(int channels, int bits) {
+  return PlainFormat(bits == 32 ? 3 : 1, channels, 44100, bits / 8, bits);
 }
 
 class WaveWriter : public ::testing::Test {
  protected:
   WaveWriter() { EXPECT_EQ(writer->SetTargetFile(Bstr(path)), S_OK); }
 
-  void Configure(SHORT channels, SHORT bits) {
+  Bytes Record(SHORT channels, SHORT bits, const std::vector<float>& samples) {
     EXPECT_EQ(writer->SetResolution(bits), S_OK);
     EXPECT_EQ(audio->SetFormat(44100, channels), S_OK);
-  }
-  Bytes Record(std::span<const float> samples) {
     EXPECT_EQ(audio->OpenDevice(), S_OK);
     EXPECT_EQ(audio->WriteAudio(Floats(samples)), S_OK);
     EXPECT_EQ(audio->CloseDevice(), S_OK);
@@ -38,11 +34,11 @@ class WaveWriter : public ::testing::Test {
   std::wstring path = folder.File(L"out.wav");
   ComPtr<IWaveWriter> writer = Create<IWaveWriter>(CLSID_CWaveWriter);
   ComPtr<IAudioWriter> audio = As<IAudioWriter>(writer);
+  ComPtr<RecordingWriter> next = MakeObject<RecordingWriter>();
 };
 
 TEST_F(WaveWriter, WritesEveryWidthWithAPlainHeaderWhateverTheChannels) {
-  const std::vector<float> samples = {0.0F, 1.0F, -1.0F, 0.5F, -0.5F, 0.25F};
-  const std::pair<int, Bytes> widths[] = {
+  const std::pair<SHORT, Bytes> widths[] = {
       {8, Hex("80FF01C041A0")},
       {16, Hex("0000FF7F0180004001C00020")},
       {24, Hex("0000000000800000800000400000C0000020")},
@@ -50,38 +46,22 @@ TEST_F(WaveWriter, WritesEveryWidthWithAPlainHeaderWhateverTheChannels) {
   };
   for (const SHORT channels : {1, 2, 3, 6}) {
     for (const auto& [bits, codes] : widths) {
-      Configure(channels, static_cast<SHORT>(bits));
-      EXPECT_EQ(Record(samples), Wav(Format(channels, bits), codes, {})) << channels << ' ' << bits;
+      EXPECT_EQ(Record(channels, bits, {0.0F, 1.0F, -1.0F, 0.5F, -0.5F, 0.25F}),
+                Wav(Format(channels, bits), codes, {}))
+          << channels << ' ' << bits;
     }
   }
 }
 
-TEST_F(WaveWriter, AppendsBlocksAndPadsTheDataToFourBytes) {
-  Configure(1, 16);
-  EXPECT_EQ(Record(std::vector<float>{0.0F}), Wav(Format(1, 16), Bytes{0, 0}, {}));
-
-  Configure(2, 24);
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
-  for (int block = 0; block < 3; ++block) EXPECT_EQ(audio->WriteAudio(Floats(2000)), S_OK);
-  EXPECT_EQ(audio->WriteAudio(Floats(0)), S_OK);
-  EXPECT_EQ(audio->CloseDevice(), S_OK);
-  EXPECT_EQ(File(), Wav(Format(2, 24), Bytes(18000), {}));
-}
-
 TEST_F(WaveWriter, KeepsWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
-  Configure(2, 16);
-  EXPECT_EQ(Record(std::vector<float>(5)), Wav(Format(2, 16), Bytes(8), {}));
-  Configure(2, 32);
-  EXPECT_EQ(Record(std::vector<float>(5)), Wav(Format(2, 32), Bytes(20), {}));
-  for (const SHORT channels : {0, -2}) {
-    Configure(channels, 16);
-    EXPECT_EQ(Record(std::vector<float>(8)).size(), 44U) << channels;
-  }
-  Configure(0, 32);
-  EXPECT_EQ(Record(std::vector<float>(8)).size(), 44U + 32);
-  for (const SHORT bits : {0, -16, 12, 4096, 32767}) {
-    Configure(2, bits);
-    EXPECT_EQ(Record(std::vector<float>(8)).size(), 44U + std::max(0, bits / 8 * 8)) << bits;
+  const std::tuple<SHORT, SHORT, std::size_t, std::size_t> cases[] = {
+      // Channels, bits, samples, and bytes of data: padded to four.
+      {1, 16, 1, 4},  {2, 16, 5, 8},      {2, 32, 5, 20},      {0, 16, 8, 0},
+      {-2, 16, 8, 0}, {0, 32, 8, 32},     {2, 0, 8, 0},        {2, -16, 8, 0},
+      {2, 12, 8, 8},  {2, 4096, 8, 4096}, {2, 32767, 8, 32760}};
+  for (const auto& [channels, bits, samples, bytes] : cases) {
+    EXPECT_EQ(Record(channels, bits, std::vector<float>(samples)).size(), 44 + bytes)
+        << channels << ' ' << bits;
   }
 }
 
@@ -89,36 +69,29 @@ TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
   LONG ready = 42;
   EXPECT_EQ(audio->QueryIsReady(&ready), S_OK);
   EXPECT_EQ(ready, 42) << "there is no next writer";
-  const auto next = MakeObject<RecordingWriter>();
   next->result = E_FAIL;  // is ignored
   next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  Configure(1, 32);
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
-  EXPECT_EQ(audio->WriteAudio(Floats(std::vector<float>{0.5F, 0.25F})), S_OK);
+  EXPECT_EQ(Record(1, 32, {0.5F, 0.25F}), Wav(Format(1, 32), F32(0) + F32(0.25F), {}));
   EXPECT_EQ(audio->QueryIsReady(&ready), S_OK);
   EXPECT_EQ(ready, 1);
-  EXPECT_EQ(audio->CloseDevice(), S_OK);
   EXPECT_THAT(next->calls,
-              ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "QueryIsReady", "CloseDevice"));
+              ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice", "QueryIsReady"));
   EXPECT_EQ(next->samples_per_sec, 44100);
   EXPECT_EQ(next->channels, 1);
   EXPECT_THAT(next->samples, ElementsAre(0.5F, 0.25F));
-  EXPECT_EQ(File(), Wav(Format(1, 32), F32(0) + F32(0.25F), {}));
 }
 
 TEST_F(WaveWriter, HoldsTheNextWriterUntilItIsReplacedOrTheObjectGoes) {
-  const auto next = MakeObject<RecordingWriter>();
-  const ULONG before = ReferenceCount(next.Get());
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  EXPECT_EQ(ReferenceCount(next.Get()), before + 1);
+  EXPECT_EQ(next->Held(), 1);
   EXPECT_EQ(writer->SetWriteThrough(nullptr), S_OK);
-  EXPECT_EQ(ReferenceCount(next.Get()), before);
+  EXPECT_EQ(next->Held(), 0);
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   audio.Reset();
   writer.Reset();
-  EXPECT_EQ(ReferenceCount(next.Get()), before);
+  EXPECT_EQ(next->Held(), 0);
 }
 
 TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
@@ -126,8 +99,6 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   const ULONG before = ReferenceCount(writer.Get());
   EXPECT_EQ(writer->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(ReferenceCount(writer.Get()), before);
-  Configure(1, 32);
-  EXPECT_EQ(Record(std::vector<float>{1}), Wav(Format(1, 32), F32(1), {}));
 
   const auto second = Create<IWaveWriter>(CLSID_CWaveWriter);
   const std::wstring second_path = folder.File(L"second.wav");
@@ -135,9 +106,8 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   EXPECT_EQ(second->SetResolution(32), S_OK);
   EXPECT_EQ(writer->SetWriteThrough(As<IAudioWriter>(second).Get()), S_OK);
   EXPECT_EQ(second->SetWriteThrough(audio.Get()), S_OK);
-  Configure(1, 32);
   const Bytes expected = Wav(Format(1, 32), F32(0.5F) + F32(1), {});
-  EXPECT_EQ(Record(std::vector<float>{0.5F, 1}), expected);
+  EXPECT_EQ(Record(1, 32, {0.5F, 1}), expected);
   EXPECT_EQ(Bytes(ReadFileBytes(second_path)), expected);
   LONG ready = 42;
   EXPECT_EQ(audio->QueryIsReady(&ready), S_OK);
@@ -145,50 +115,65 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   EXPECT_EQ(second->SetWriteThrough(nullptr), S_OK);
 }
 
-TEST_F(WaveWriter, PassesOnAnArrayThatHoldsNoFloatsBeforeItRefusesIt) {
-  const auto next = MakeObject<RecordingWriter>();
-  EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
-  EXPECT_EQ(audio->WriteAudio(nullptr), E_INVALIDARG);
-  EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R8)), E_INVALIDARG);
-  EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R4, 2)), E_INVALIDARG);
-  EXPECT_EQ(next->blocks, 3U);
-  EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
-  EXPECT_EQ(audio->CloseDevice(), S_OK);
-  EXPECT_EQ(File(), Wav(Format(2, 16), Bytes(8), {}));
-}
-
-TEST_F(WaveWriter, ReportsAFileThatCannotBeMadeAfterOpeningTheNextWriter) {
-  const auto next = MakeObject<RecordingWriter>();
+TEST_F(WaveWriter, ServesTheNextWriterAlsoWithWrongArraysAndWithoutAFile) {
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), kPathNotFound);
-  // Without a file the next writer is served alone.
+  EXPECT_EQ(audio->OpenDevice(), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
+  EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R8)), E_INVALIDARG);
   EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
   EXPECT_EQ(audio->CloseDevice(), S_OK);
+  EXPECT_EQ(next->blocks, 2U);
   EXPECT_THAT(next->calls, ElementsAre("OpenDevice", "WriteAudio", "CloseDevice"));
 }
 
 TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), kSharingViolation);  // its own
+  EXPECT_EQ(audio->OpenDevice(), HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));  // its own
   EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
   const std::wstring other = folder.File(L"other.wav");
   EXPECT_EQ(writer->SetTargetFile(Bstr(other)), S_OK);
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(File(), Wav(Format(2, 16), Bytes(8), {}));
-  EXPECT_EQ(audio->CloseDevice(), S_OK);
-  EXPECT_EQ(Bytes(ReadFileBytes(other)), Wav(Format(2, 16), {}, {}));
-}
-
-TEST_F(WaveWriter, LeavesTheSizesAtZeroWhenReleasedWithoutCloseDevice) {
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
+  // Without CloseDevice the sizes stay 0.
   EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
   audio.Reset();
   writer.Reset();
-  EXPECT_EQ(File(), Text("RIFF") + U32(0) + Text("WAVE") + Chunk("fmt ", Format(2, 16)) +
-                        Text("data") + U32(0) + Bytes(4));
+  EXPECT_EQ(Bytes(ReadFileBytes(other)), Text("RIFF") + U32(0) + Text("WAVE") +
+                                             Chunk("fmt ", Format(2, 16)) + Text("data") + U32(0) +
+                                             Bytes(4));
+}
+
+TEST(WavFile, WrapsSizesPastFourGibibytesAndOverwritesNothing) {
+  constexpr std::uint64_t kSamples = (std::uint64_t{5} << 30) + 3;
+  constexpr std::uint64_t kPadded = kSamples + 1;
+  const TemporaryFolder folder;
+  HANDLE raw = CreateFileW(folder.File(L"large.wav").c_str(), GENERIC_READ | GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0, nullptr);
+  WavFile file;
+  file.Attach(FileHandle(raw));
+  file.Begin({44100, 1, 8, false}, ManyChannels::kPlain);
+  // As if so many samples had been written: the file is sparse.
+  LARGE_INTEGER end;
+  end.QuadPart = static_cast<LONGLONG>(44 + kSamples);
+  ASSERT_TRUE(SetFilePointerEx(raw, end, nullptr, FILE_BEGIN));
+  file.Finish(std::as_bytes(std::span("tail", 4)));
+
+  const FileHandle read(CreateFileW(folder.File(L"large.wav").c_str(), GENERIC_READ,
+                                    FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  const auto at = [&](std::uint64_t offset, DWORD count) {
+    Bytes bytes(count);
+    OVERLAPPED where = {};
+    where.Offset = static_cast<DWORD>(offset);
+    where.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    EXPECT_TRUE(ReadFile(read.get(), bytes.data(), count, &count, &where));
+    bytes.resize(count);
+    return bytes;
+  };
+  EXPECT_EQ(at(0, 44), Text("RIFF") + U32(36 + kPadded + 4) + Text("WAVE") +
+                           Chunk("fmt ", PlainFormat(1, 1, 44100, 1, 8)) + Text("data") +
+                           U32(kPadded));
+  EXPECT_EQ(at(44 + kPadded, 8), Text("tail"));
 }
 
 }  // namespace
