@@ -2,59 +2,57 @@
 
 #include <vorbis/vorbisfile.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 
 namespace marlinda::testing {
 namespace {
 
-constexpr std::size_t kPageHeaderBytes = 27;
-
-struct Page {
-  std::size_t begin;
-  std::size_t body;
-  std::size_t end;
-};
-
-std::vector<Page> PagesOf(const Bytes& file) {
-  std::vector<Page> pages;
-  for (std::size_t begin = 0; begin + kPageHeaderBytes < file.size();) {
-    const std::size_t segments = file[begin + 26];
-    const std::size_t body = begin + kPageHeaderBytes + segments;
-    std::size_t end = body;
-    for (std::size_t i = 0; i < segments; ++i) end += file[begin + kPageHeaderBytes + i];
-    pages.push_back({begin, body, end});
-    begin = end;
+// Where the pages begin, and the end of the last.
+std::vector<std::size_t> PagesOf(const Bytes& file) {
+  std::vector<std::size_t> begins = {0};
+  while (begins.back() + 27 < file.size()) {
+    const auto header = file.begin() + static_cast<std::ptrdiff_t>(begins.back());
+    const auto segments = header + 27;
+    begins.push_back(
+        std::accumulate(segments, segments + header[26], begins.back() + 27 + header[26]));
   }
-  return pages;
+  return begins;
 }
 
-void MakeChecksumRight(Bytes& file, const Page& page) {
-  ogg_page ogg = {file.data() + page.begin, static_cast<long>(page.body - page.begin),
-                  file.data() + page.body, static_cast<long>(page.end - page.body)};
-  ogg_page_checksum_set(&ogg);
+void MakeChecksumsRight(Bytes& file) {
+  const auto begins = PagesOf(file);
+  for (std::size_t i = 0; i + 1 < begins.size(); ++i) {
+    unsigned char* const header = file.data() + begins[i];
+    const long length = 27 + header[26];
+    ogg_page page = {header, length, header + length,
+                     static_cast<long>(begins[i + 1] - begins[i]) - length};
+    ogg_page_checksum_set(&page);
+  }
 }
 
-// A packet of the codec, bit by bit.
-class Packet {
+// A header of the codec, bit by bit.
+class Header {
  public:
-  explicit Packet(unsigned char type) {
+  explicit Header(unsigned char type) {
     oggpack_writeinit(&bits_);
     Put(type, 8);
     for (const unsigned char c : {'v', 'o', 'r', 'b', 'i', 's'}) Put(c, 8);
   }
-  Packet(const Packet&) = delete;
-  Packet& operator=(const Packet&) = delete;
-  ~Packet() { oggpack_writeclear(&bits_); }
-
-  Packet& Put(unsigned long value, int bits) {
+  Header& Put(unsigned long value, int bits) {
     oggpack_write(&bits_, value, bits);
     return *this;
   }
-  Bytes Take() { return {bits_.buffer, bits_.buffer + oggpack_bytes(&bits_)}; }
+  Bytes Take() {
+    const Bytes bytes(bits_.buffer, bits_.buffer + oggpack_bytes(&bits_));
+    oggpack_writeclear(&bits_);
+    return bytes;
+  }
 
  private:
   oggpack_buffer bits_;
@@ -82,12 +80,6 @@ Bytes StreamOf(const std::vector<Bytes>& packets) {
 }
 
 }  // namespace
-
-const std::vector<std::string>& WholeFiles() {
-  static const std::vector<std::string> names = {
-      "mono.ogg", "stereo.ogg", "other.ogg", "six_channels.ogg", "rate_8000.ogg", "no_samples.ogg"};
-  return names;
-}
 
 std::filesystem::path DataFile(const std::string& name) {
   const std::filesystem::path root(TESSALY_SOURCE_DIR);
@@ -127,7 +119,7 @@ Decoded DecodeWithLibrary(const std::filesystem::path& path) {
 std::vector<std::int16_t> DecodedByOggdec(const std::string& name) {
   const Bytes raw = ReadAll(std::filesystem::path(TESSALY_OGGDEC_OUTPUT) / (name + ".raw"));
   std::vector<std::int16_t> samples(raw.size() / 2);
-  std::memcpy(samples.data(), raw.data(), 2 * samples.size());
+  std::ranges::copy(raw, reinterpret_cast<unsigned char*>(samples.data()));
   return samples;
 }
 
@@ -161,42 +153,41 @@ Bytes Chained(const std::string& first, const std::string& second) {
 }
 
 std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file) {
-  const auto pages = PagesOf(file);
-  const Page& page = pages[2 + (pages.size() - 2) / 2];
-  return {static_cast<std::ptrdiff_t>(page.begin), static_cast<std::ptrdiff_t>(page.end)};
+  const auto begins = PagesOf(file);
+  const std::size_t middle = begins.size() / 2;
+  return {begins[middle], begins[middle + 1]};
 }
 
 Bytes WithPacketsScrambled(const std::string& name, unsigned seed) {
   Bytes file = ReadData(name);
   std::mt19937 random(seed);
+  // The first two pages hold the headers. Tables of segments end within 300 bytes.
   const auto pages = PagesOf(file);
-  // The first two pages hold the headers of the files that are scrambled here.
-  for (std::size_t i = 2; i < pages.size(); ++i) {
-    const std::size_t length = pages[i].end - pages[i].body;
-    for (std::size_t flips = length / 20; flips > 0; --flips) {
-      file[pages[i].body + random() % length] ^= static_cast<unsigned char>(1U << random() % 8);
-    }
-    MakeChecksumRight(file, pages[i]);
+  for (std::size_t flips = 0; flips < file.size() / 20; ++flips) {
+    const std::size_t offset = pages[2] + random() % (file.size() - pages[2]);
+    const std::size_t page = *std::prev(std::ranges::upper_bound(pages, offset));
+    if (offset > page + 300) file[offset] ^= static_cast<unsigned char>(1U << random() % 8);
   }
+  MakeChecksumsRight(file);
   return file;
 }
 
 Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
   Bytes file = ReadData(name);
-  const Page last = PagesOf(file).back();
-  std::memcpy(file.data() + last.begin + 6, &frames, sizeof frames);
-  MakeChecksumRight(file, last);
+  const auto begins = PagesOf(file);
+  std::memcpy(file.data() + begins[begins.size() - 2] + 6, &frames, sizeof frames);
+  MakeChecksumsRight(file);
   return file;
 }
 
 Bytes ManyLinks(Bytes file, std::uint32_t count) {
   Bytes chain;
-  const auto pages = PagesOf(file);
+  const auto begins = PagesOf(file);
   for (std::uint32_t link = 0; link < count; ++link) {
-    for (const Page& page : pages) {
-      std::memcpy(file.data() + page.begin + 14, &link, sizeof link);
-      MakeChecksumRight(file, page);
+    for (std::size_t i = 0; i + 1 < begins.size(); ++i) {
+      std::memcpy(file.data() + begins[i] + 14, &link, sizeof link);
     }
+    MakeChecksumsRight(file);
     chain.insert(chain.end(), file.begin(), file.end());
   }
   return chain;
@@ -204,7 +195,7 @@ Bytes ManyLinks(Bytes file, std::uint32_t count) {
 
 Bytes WithCodebooks(int count, unsigned dimension, int entries, const Bytes& comment) {
   // Mono, in blocks of 64 samples.
-  const Bytes format = Packet(1)
+  const Bytes format = Header(1)
                            .Put(0, 32)
                            .Put(1, 8)
                            .Put(8000, 32)
@@ -214,9 +205,9 @@ Bytes WithCodebooks(int count, unsigned dimension, int entries, const Bytes& com
                            .Put(0x66, 8)
                            .Put(1, 1)
                            .Take();
-  Packet comments(3);
+  Header comments(3);
   comments.Put(0, 32).Put(1, 32).Put(static_cast<unsigned long>(comment.size()), 32);
-  Packet setup(5);
+  Header setup(5);
   setup.Put(static_cast<unsigned long>(count) - 1, 8);
   for (int book = 0; book < count; ++book) {
     // All codewords have the same length.

@@ -12,9 +12,9 @@ namespace marlinda::testing {
 
 using Bytes = std::vector<unsigned char>;
 
-// The Ogg files of the tree that are whole, by name.
-const std::vector<std::string>& WholeFiles();
-
+// The Ogg files of the tree.
+inline constexpr const char* kFiles[] = {"mono.ogg",         "stereo.ogg",    "other.ogg",
+                                         "six_channels.ogg", "rate_8000.ogg", "no_samples.ogg"};
 // Twelve seconds of stereo, where the other files are too short.
 inline constexpr char kDemoPiece[] = "demo.ogg";
 
