@@ -62,7 +62,7 @@ STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
     std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
     if (stream == nullptr) return E_FAIL;
     Tags tags = ReadTags(*stream);
-    // Takes the decoder's memory now. It may go on to the next link, whose comments are others.
+    // Takes the decoder's memory now.
     stream->Prepare();
     tags_ = std::move(tags);
     job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};

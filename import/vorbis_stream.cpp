@@ -40,6 +40,7 @@ struct VorbisStream::Decoder {
   FilePointer input;
   CodecMemory memory;
   OggVorbis_File file = {};
+  const vorbis_comment* comments = nullptr;
   // Bytes that may still be read.
   std::int64_t allowance = std::numeric_limits<std::int64_t>::max();
   // Not while a call is under way that may run out of memory, nor after one that did.
@@ -122,6 +123,7 @@ std::unique_ptr<VorbisStream> VorbisStream::Open(FilePointer file) {
   auto decoder = std::make_unique<Decoder>(std::move(file));
   if (decoder->Open() != 0) return nullptr;
   if (!FitsAFormat(ov_info(&decoder->file, -1))) return nullptr;
+  decoder->comments = ov_comment(&decoder->file, -1);
   return std::unique_ptr<VorbisStream>(new VorbisStream(std::move(decoder)));
 }
 
@@ -151,8 +153,7 @@ VorbisStream::~VorbisStream() = default;
 std::vector<std::string_view> VorbisStream::Comments() const {
   std::vector<std::string_view> result;
   if (!decoder_->whole) return result;
-  const vorbis_comment* const comments = ov_comment(&decoder_->file, -1);
-  if (comments == nullptr) return result;
+  const vorbis_comment* const comments = decoder_->comments;
   for (int i = 0; i < comments->comments; ++i) {
     if (comments->user_comments[i] != nullptr) result.emplace_back(comments->user_comments[i]);
   }
