@@ -117,7 +117,7 @@ void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImpo
 void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWriter* target) {
   const auto stream = DShowStream::Open(file_name);
   // Other filters may have been installed since the format was announced.
-  if (stream == nullptr || stream->format() != job.format) return;
+  if (stream == nullptr || stream->format() != job.format) return NoteEnd(false, job);
   SampleArray block(kImportBlockSamples);
   std::vector<std::byte> bytes;
   while (!job.cancelled && stream->Read(bytes, job.cancelled)) {
