@@ -16,7 +16,7 @@ build=(
 )
 # Wine and its display.
 wine=(wine64 libwine xvfb)
-# What Wine's DirectShow decodes with: WAV with compressed sound and AVI (good), MP3 (ugly, libav), WMA
+# What Wine's DirectShow decodes with: rare WAV and AVI (good), WMA
 # and WMV (libav). Uncompressed files need none of it.
 decoders=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav
