@@ -15,7 +15,7 @@ namespace {
 
 // TagLib is given this much of a file and no more, which bounds its time and its memory. Texts that
 // lie behind so many bytes of pictures are not found.
-constexpr std::uint64_t kMaxTagBytes = std::uint64_t{1} << 20;
+constexpr std::uint64_t kMaxTagBytes = std::uint64_t{8} << 20;
 constexpr std::uint64_t kId3v1Bytes = 128;
 
 TagLib::ByteVector Read(ByteSource& file, std::uint64_t offset, std::uint64_t count) {

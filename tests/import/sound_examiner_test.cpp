@@ -333,10 +333,6 @@ Bytes SyncSafe(std::uint64_t size) {
   return Big(size >> 21, 1) + Big(size >> 14 & 127, 1) + Big(size >> 7 & 127, 1) +
          Big(size & 127, 1);
 }
-Bytes Id3(int version, int flags, const Bytes& frames) {
-  return Text("ID3") + Big(version, 1) + Big(0, 1) + Big(flags, 1) + SyncSafe(frames.size()) +
-         frames + MpegFrames(2);
-}
 Bytes Frame(int version, std::string_view id, const Bytes& text) {
   if (version == 2) return Text(id) + Big(text.size(), 3) + text;
   return Text(id) + (version == 4 ? SyncSafe(text.size()) : Big(text.size(), 4)) + U16(0) + text;
@@ -350,46 +346,39 @@ Bytes Utf16(std::string_view text) {
 TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
   const Bytes old_tag = Text("TAG") + Text("Old title") + Bytes(21, ' ') + Text("Old artist") +
                         Bytes(20, 0) + Bytes(30, 0) + Text("1977") + Bytes(30, 0) + Bytes{17};
+  const auto tags_of = [](int version, int flags, const Bytes& frames, const Bytes& rest = {}) {
+    return Examine(Text("ID3") + Big(version, 1) + Big(0, 1) + Big(flags, 1) +
+                   SyncSafe(frames.size()) + frames + MpegFrames(2) + rest)
+        .tags;
+  };
   const SoundFileInfo old_only = Examine(MpegFrames(2) + old_tag);
   EXPECT_EQ(old_only.tags, (Tags{"Old title", "Old artist", "", "1977", "Rock"}));
   EXPECT_TRUE(old_only.utf8);
-
   EXPECT_EQ(
-      Examine(
-          Id3(2, 0, Frame(2, "TT2", Bytes{0, 0xDC, 'b'}) + Frame(2, "TAL", Bytes{0} + Text("LP"))) +
-          old_tag)
-          .tags,
-      (Tags{"\xC3\x9C"
-            "b",
-            "Old artist", "LP", "1977", "Rock"}));
-
+      tags_of(2, 0, Frame(2, "TT2", {0, 0xDC}) + Frame(2, "TAL", Bytes{0} + Text("LP")), old_tag),
+      (Tags{"\xC3\x9C", "Old artist", "LP", "1977", "Rock"}));
   // The byte order mark of the text looks like sound, so a zero was put into it.
-  const Bytes text = Bytes{1, 0xFF, 0xFE} + Utf16("Title");
-  Bytes frame = Frame(3, "TPE1", text);
+  Bytes frame = Frame(3, "TPE1", Bytes{1, 0xFF, 0xFE} + Utf16("Title"));
   frame.insert(frame.begin() + 12, 0);
   const Bytes extended = Big(6, 4) + Bytes(6, 0);
-  EXPECT_EQ(
-      Examine(Id3(3, 0xC0, extended + frame + Frame(3, "TCON", Bytes{0} + Text("(4)Nu-Disco"))))
-          .tags,
-      (Tags{"", "Title", "", "", "Disco Nu-Disco"}));
-
-  EXPECT_EQ(Examine(Id3(4, 0,
-                        Frame(4, "APIC", Bytes(200, 1)) +
-                            Frame(4, "TALB", Bytes{3} + Text("\xE2\x82\xAC")) +
-                            Frame(4, "TDRC", Bytes{3} + Text("2009-05-01")) +
-                            Frame(4, "TIT2", Bytes{2, 0xD8, 0x3C, 0xDF, 0xB5}) + Text("TPE1") +
-                            Big(0x7F7F7F7F, 4)))
-                .tags,
+  EXPECT_EQ(tags_of(3, 0xC0, extended + frame + Frame(3, "TCON", Bytes{0} + Text("(4)Nu-Disco"))),
+            (Tags{"", "Title", "", "", "Disco Nu-Disco"}));
+  EXPECT_EQ(tags_of(3, 0, Frame(3, "TCON", Bytes{0} + Text("(51)(39)"))).genre,
+            "Techno-Industrial Noise");
+  EXPECT_EQ(tags_of(4, 0,
+                    Frame(4, "APIC", Bytes(3 << 20, 1)) +
+                        Frame(4, "TALB", Bytes{3} + Text("\xE2\x82\xAC")) +
+                        Frame(4, "TDRC", Bytes{3} + Text("2009-05-01")) +
+                        Frame(4, "TIT2", Bytes{2, 0xD8, 0x3C, 0xDF, 0xB5}) + Text("TPE1") +
+                        Big(0x7F7F7F7F, 4)),
             (Tags{"\xF0\x9F\x8E\xB5", "", "\xE2\x82\xAC", "2009", ""}));
-
   // Chapters inside chapters, deeper than a stack.
   Bytes chapters;
   for (std::uint64_t depth = 30000; depth > 0; --depth) {
     chapters = std::move(chapters) + Text("CHAP") + SyncSafe(28 * depth - 10) + U16(0) +
-               TextZ("c") + U32(0) + U32(0) + U32(0) + U32(0);
+               TextZ("c") + Bytes(16, 0);
   }
-  EXPECT_EQ(Examine(Id3(4, 0, chapters + Frame(4, "TIT2", Bytes{3} + Text("top")))).tags.title,
-            "top");
+  EXPECT_EQ(tags_of(4, 0, chapters + Frame(4, "TIT2", Bytes{3} + Text("top"))).title, "top");
 
   const auto object = [](const Bytes& id, const Bytes& body) {
     return id + U32(body.size() + 24) + U32(0) + body;
@@ -400,41 +389,12 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
   };
   const Bytes objects =
       object(Hex("3326B2758E66CF11A6D900AA0062CE6C"),
-             U16(4) + U16(6) + U16(0) + U16(0) + U16(0) + Utf16("Ti") + Utf16("Art")) +
+             U16(4) + U16(6) + Bytes(6, 0) + Utf16("Ti") + Utf16("Art")) +
       object(Hex("40A4D0D207E3D21197F000A0C95EA850"), U16(3) + field("WM/AlbumTitle", Utf16("LP")) +
                                                           field("WM/Year", Utf16("2010-02-03")) +
                                                           field("WM/Genre", Utf16("Dub")));
   EXPECT_EQ(Examine(Asf(kWindowsMedia, true, objects)).tags,
             (Tags{"Ti", "Art", "LP", "2010", "Dub"}));
-}
-
-// Whatever one wrong byte does to a file, and wherever it breaks off: nothing is read from beyond
-// it.
-TEST(SoundExaminer, SurvivesEveryTruncationAndEveryWrongByte) {
-  const Bytes whole =
-      Wav(ExtensibleFormat(1, 3, 44100, 2, 16, 0), Bytes(24, 1),
-          Chunk("cue ", U32(2) + CuePoint(0, 1, 6, 1) + CuePoint(1, 1, 6, 2)) +
-              List("adtl", Label(0, "A label") + Region(1, 5, "A region")) +
-              Info("t", "a", "g", "b", "2009-01-01") +
-              Chunk("acid", U32(60) + U32(0) + U32(0) + U32(4) + U16(4) + U16(4) + F32(120)));
-  const auto examine = [](const Bytes& file) {
-    MemorySource source(file);
-    const SoundFileInfo info = ExamineSound(source);
-    if (!info.pcm) return;
-    const std::uint64_t bytes =
-        static_cast<std::uint64_t>(info.pcm->frames) * info.pcm->FrameBytes();
-    EXPECT_LE(info.pcm->offset + bytes, source.size());
-  };
-  for (std::size_t length = 0; length <= whole.size(); ++length) {
-    examine(Bytes(std::vector(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length))));
-  }
-  for (std::size_t at = 0; at < whole.size(); ++at) {
-    for (const unsigned char wrong : {0x00, 0x01, 0x7F, 0x80, 0xFF}) {
-      Bytes file = whole;
-      file[at] = wrong;
-      examine(file);
-    }
-  }
 }
 
 }  // namespace
