@@ -36,8 +36,9 @@ def image(bits):
 
 
 class DoctorTest(unittest.TestCase):
+    setUpClass = classmethod(keep_wine_alive)
+
     def setUp(self):
-        keep_wine_alive(type(self))
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.alone = self.folder / "x64" / PROGRAM.name
         self.alone.parent.mkdir()
