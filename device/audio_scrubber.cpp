@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <utility>
@@ -17,6 +18,8 @@ namespace {
 constexpr DWORD kStopPollMilliSecs = 100;
 // Longer than a playback of 100 ms blocks a writer, as long as its device goes on.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
+// What the writer still waits in each pass, so that a late thread does not let it run out.
+constexpr double kWriterMilliSecs = 10;
 // Many minutes. A longer block is a mistake, and its window takes long to compute.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
@@ -47,17 +50,29 @@ struct CAudioScrubber::Job {
     // On this thread, because its window takes longer than the start of the thread.
     OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
     while (!stop) {
+      if (delay > 0) Sleep(delay);
       // Undoes what a writer did that resized the array against the rules.
       output.Resize(OutputSamples());
       {
         const std::lock_guard lock(block_mutex);
         overlap_add.Pass(block, output.samples());
       }
+      const auto begun = std::chrono::steady_clock::now();
+      const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
+      AdjustDelay(std::chrono::steady_clock::now() - begun);
       // A writer that refuses the block, or gets an empty one, does not wait. Without a pause the
       // thread would spin.
-      const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
       if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
     }
+  }
+
+  // A finished pass that waits for room in the writer is out of date when it is heard. So the
+  // thread waits before it takes the block, until the writer hardly waits.
+  void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
+    const double longest = pause_milliseconds - kWriterMilliSecs;
+    const double next =
+        std::clamp(delay + waited.count() - kWriterMilliSecs, 0.0, std::max(longest, 0.0));
+    delay = static_cast<DWORD>(next);
   }
 
   const ComPtr<IAudioWriter> writer;
@@ -67,6 +82,7 @@ struct CAudioScrubber::Job {
   std::mutex block_mutex;
   std::vector<float> block;
   const DWORD pause_milliseconds;
+  DWORD delay = 0;  // of the thread, before each pass
   std::atomic<bool> stop{false};
   // Until the writer has been told to close its device.
   std::atomic<bool> running{true};
