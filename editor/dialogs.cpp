@@ -1,0 +1,169 @@
+#include "editor/dialogs.h"
+
+#include <commdlg.h>
+
+#include <algorithm>
+#include <span>
+#include <utility>
+
+#include "editor/resource.h"
+#include "host/engine.h"
+#include "host/filter_list.h"
+#include "host/wide_text.h"
+
+namespace marlinda::editor {
+namespace {
+
+struct Field {
+  int item;
+  std::string text;
+};
+
+// A dialog of the resources whose items are filled with texts and read back.
+class TextDialog {
+ public:
+  TextDialog(std::string title, std::vector<Field> fields)
+      : title_(std::move(title)), fields_(std::move(fields)) {}
+
+  bool Show(HWND owner, int resource) {
+    return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource), owner, Procedure,
+                           reinterpret_cast<LPARAM>(this)) == IDOK;
+  }
+  const std::string& Text(std::size_t field) const { return fields_[field].text; }
+
+ private:
+  static INT_PTR CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
+    if (message == WM_INITDIALOG) {
+      SetWindowLongPtrW(window, GWLP_USERDATA, lparam);
+      reinterpret_cast<TextDialog*>(lparam)->Open(window);
+      return TRUE;
+    }
+    if (message != WM_COMMAND || (LOWORD(wparam) != IDOK && LOWORD(wparam) != IDCANCEL)) {
+      return FALSE;
+    }
+    auto* const dialog = reinterpret_cast<TextDialog*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+    if (LOWORD(wparam) == IDOK) dialog->Read(window);
+    EndDialog(window, LOWORD(wparam));
+    return TRUE;
+  }
+
+  void Open(HWND window) {
+    if (!title_.empty()) SetWindowTextW(window, Widen(title_).c_str());
+    for (const Field& field : fields_) {
+      SetDlgItemTextW(window, field.item, Widen(field.text).c_str());
+    }
+  }
+  void Read(HWND window) {
+    for (Field& field : fields_) {
+      wchar_t text[256] = L"";
+      GetDlgItemTextW(window, field.item, text, static_cast<int>(std::size(text)));
+      field.text = Narrow(text);
+    }
+  }
+
+  std::string title_;
+  std::vector<Field> fields_;
+};
+
+// A dialog's types end with two zeros and have zeros for bars.
+std::wstring WithZeros(std::wstring types) {
+  std::ranges::replace(types, L'|', L'\0');
+  types.append(2, L'\0');
+  return types;
+}
+
+std::wstring ImportTypes() {
+  std::wstring patterns;
+  for (const BuiltInFilter& built_in : BuiltInFilters()) {
+    const auto filter = CreateObject<IImportFilter>(*built_in.class_id, built_in.class_name);
+    Bstr text;
+    Bstr extensions;
+    Check(filter->GetFilterStrings(text.Receive(), extensions.Receive()));
+    if (!patterns.empty()) patterns += L';';
+    patterns += Widen(extensions.utf8());
+  }
+  // Filters of others are in the manager's list alone.
+  const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
+  Bstr listed;
+  Check(manager->GetImportFilterString(listed.Receive()));
+  return L"Audio and films|" + patterns + L"|" + Widen(listed.utf8());
+}
+
+}  // namespace
+
+std::optional<std::string> AskText(HWND owner, const std::string& title, const std::string& prompt,
+                                   const std::string& initial) {
+  TextDialog dialog(title, {{IDC_PROMPT, prompt}, {IDC_TEXT, initial}});
+  if (!dialog.Show(owner, IDD_TEXT)) return std::nullopt;
+  return dialog.Text(1);
+}
+
+std::optional<Tags> AskTags(HWND owner, const Tags& initial) {
+  TextDialog dialog("", {{IDC_TITLE, initial.title},
+                         {IDC_ARTIST, initial.artist},
+                         {IDC_ALBUM, initial.album},
+                         {IDC_YEAR, initial.year},
+                         {IDC_GENRE, initial.genre}});
+  if (!dialog.Show(owner, IDD_TAGS)) return std::nullopt;
+  return Tags{dialog.Text(0), dialog.Text(1), dialog.Text(2), dialog.Text(3), dialog.Text(4)};
+}
+
+std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title) {
+  const std::wstring types = WithZeros(ImportTypes());
+  const std::wstring caption = Widen(title);
+  std::wstring names(32768, L'\0');
+  OPENFILENAMEW dialog = {};
+  dialog.lStructSize = sizeof dialog;
+  dialog.hwndOwner = owner;
+  dialog.lpstrFilter = types.c_str();
+  dialog.lpstrTitle = caption.c_str();
+  dialog.lpstrFile = names.data();
+  dialog.nMaxFile = static_cast<DWORD>(names.size());
+  dialog.Flags =
+      OFN_EXPLORER | OFN_FILEMUSTEXIST | OFN_HIDEREADONLY | OFN_NOCHANGEDIR | OFN_ALLOWMULTISELECT;
+  if (GetOpenFileNameW(&dialog) == 0) return {};
+  // One path, or a folder and then the names in it.
+  std::vector<std::string> parts;
+  for (const wchar_t* part = names.c_str(); *part != L'\0'; part += wcslen(part) + 1) {
+    parts.push_back(Narrow(part));
+  }
+  if (parts.size() < 2) return parts;
+  std::vector<std::string> files;
+  for (const std::string& name : std::span(parts).subspan(1))
+    files.push_back(parts[0] + "\\" + name);
+  return files;
+}
+
+std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggested,
+                                          const std::wstring& types) {
+  const std::wstring filter = WithZeros(types);
+  std::wstring name = Widen(suggested);
+  name.resize(32768);
+  OPENFILENAMEW dialog = {};
+  dialog.lStructSize = sizeof dialog;
+  dialog.hwndOwner = owner;
+  dialog.lpstrFilter = filter.c_str();
+  dialog.lpstrTitle = L"Export";
+  dialog.lpstrDefExt = L"wav";
+  dialog.lpstrFile = name.data();
+  dialog.nMaxFile = static_cast<DWORD>(name.size());
+  dialog.Flags =
+      OFN_EXPLORER | OFN_OVERWRITEPROMPT | OFN_HIDEREADONLY | OFN_NOCHANGEDIR | OFN_PATHMUSTEXIST;
+  if (GetSaveFileNameW(&dialog) == 0) return std::nullopt;
+  return Narrow(name.c_str());
+}
+
+void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
+  std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
+                     error.reason() + ".";
+  // The command line's remedies name its own files and options.
+  const std::string remedy =
+      error.status() == ExitStatus::kRegistration
+          ? "Keep Tessaly.dll, Converter.dll and marlinda-editor.exe.manifest beside "
+            "marlinda-editor.exe, or register the engine with \"regsvr32 Tessaly.dll\"."
+          : error.remedy();
+  if (!remedy.empty()) text += "\n\n" + remedy;
+  MessageBoxW(owner, Widen(text).c_str(), L"Marlinda Editor", MB_OK | MB_ICONWARNING);
+}
+
+}  // namespace marlinda::editor

@@ -1,0 +1,28 @@
+// Questions to the user. All are modal to the window and return nothing when they are cancelled.
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/records.h"
+#include "host/messages.h"
+
+namespace marlinda::editor {
+
+std::optional<std::string> AskText(HWND owner, const std::string& title, const std::string& prompt,
+                                   const std::string& initial);
+std::optional<Tags> AskTags(HWND owner, const Tags& initial);
+
+// Files that exist, in the order of the dialog.
+std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title);
+// Asks before an existing file is chosen.
+std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggested,
+                                          const std::wstring& types);
+
+// What failed, on what, why, and what to do.
+void ShowFailure(HWND owner, const std::string& what, const HostError& error);
+
+}  // namespace marlinda::editor

@@ -1,0 +1,103 @@
+// The document that is edited: the engine's audio, its undo steps, the clipboard.
+#pragma once
+
+#include <marlinda.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+
+#include "editor/undo_stack.h"
+#include "editor/view.h"
+#include "host/engine.h"
+
+namespace marlinda::editor {
+
+// Audio from elsewhere: an imported file or a recording.
+struct Material {
+  ComPtr<IAudioReader> reader;  // keeps the pool of the take
+  AudioFormat format;
+  std::int64_t frames = 0;
+  Annotations annotations;
+  Tags tags;
+};
+
+class DocumentEvents;
+
+class Document {
+ public:
+  // An edit that changed names only, and no audio.
+  static constexpr std::int64_t kNoAudio = std::numeric_limits<std::int64_t>::max();
+
+  // `changed` is called after each change, with the first frame whose audio may be another.
+  explicit Document(std::function<void(std::int64_t)> changed);
+  ~Document();
+  Document(const Document&) = delete;
+  Document& operator=(const Document&) = delete;
+
+  IEditedAudio* audio() const { return audio_.Get(); }
+  // No channels while the document has no audio.
+  const AudioFormat& format() const { return format_; }
+  std::int64_t frames() const { return frames_; }
+  const Annotations& annotations() const { return annotations_; }
+  const UndoStack<ComPtr<IEditedAudio>>& undo() const { return undo_; }
+  bool CanPaste() const { return clipboard_ && clipboard_frames_ > 0; }
+
+  Tags tags;  // descriptive texts for the next export
+
+  // An empty document without history.
+  void Clear();
+  // The content is where undo ends, and in a file.
+  void ForgetSteps() { undo_.Clear(); }
+  // The content is in a file.
+  void MarkSaved() { undo_.MarkSaved(); }
+
+  // Edits. Each is one undo step, throws a HostError when it failed, and then changed nothing.
+  void Insert(const std::string& name, std::int64_t position, const Material& material);
+  void InsertSilence(std::int64_t position, std::int64_t frames);
+  void Delete(const std::string& name, Range range);
+  void Trim(Range range);
+  void Copy(Range range);
+  // Puts the clipboard in place of the range. Returns the range that it has then.
+  Range Paste(Range range);
+  void AddLabel(std::int64_t position, const std::string& name);
+  void SetLabel(const std::string& operation, LONG index, const Label& label);
+  void RemoveLabel(LONG index);
+  void AddSection(Range range, const std::string& name);
+  void SetSection(const std::string& operation, LONG index, const SectionMarker& section);
+  void RemoveSection(LONG index);
+
+  void Undo();
+  void Redo();
+
+ private:
+  friend class DocumentEvents;
+
+  void StoreUndo(const std::string& name);  // event: a change begins
+  void ContentChanged();                    // event: a change has ended
+
+  void Edit(const std::string& name, std::int64_t from, const std::function<void()>& edit);
+  void Restore(IEditedAudio* state);
+  // A document without audio takes the format of what comes first.
+  void TakeFormat(const AudioFormat& format);
+  ComPtr<IEditedAudio> CopyOfAll() const;
+
+  std::function<void(std::int64_t)> changed_;
+  ComPtr<IEditedAudio> audio_;
+  ComPtr<IAudioReader> reader_;
+  ComPtr<ILabelSupport> labels_;
+  ComPtr<ISectionMarkerSupport> sections_;
+  ComPtr<DocumentEvents> undo_events_;
+  ComPtr<DocumentEvents> update_events_;
+  ComPtr<IEditedAudio> clipboard_;
+  std::int64_t clipboard_frames_ = 0;
+  UndoStack<ComPtr<IEditedAudio>> undo_;
+  bool stored_ = false;            // the change that is open has its undo step
+  std::int64_t changed_from_ = 0;  // of the change that is open
+  AudioFormat format_;
+  std::int64_t frames_ = 0;
+  Annotations annotations_;
+};
+
+}  // namespace marlinda::editor

@@ -1,0 +1,150 @@
+// The window of the editor: what the user does becomes edits, sound and pictures.
+#pragma once
+
+#include <windows.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "editor/dialogs.h"
+#include "editor/document.h"
+#include "editor/file_jobs.h"
+#include "editor/painter.h"
+#include "editor/transport.h"
+#include "editor/view.h"
+#include "editor/waveform.h"
+
+namespace marlinda::editor {
+
+class EditorWindow {
+ public:
+  // Shows the window. Throws a HostError when the engine or the window cannot be made.
+  EditorWindow();
+  ~EditorWindow();
+  EditorWindow(const EditorWindow&) = delete;
+  EditorWindow& operator=(const EditorWindow&) = delete;
+
+  // Opens the files one after another as one document.
+  void Open(const std::vector<std::string>& files);
+  // Until the window is closed.
+  int Run();
+
+ private:
+  enum class Drag { kNone, kSelect, kScrub, kScroll, kLabel, kSection, kSectionBegin, kSectionEnd };
+
+  // editor_window.cpp: messages, drawing, status.
+  static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
+  LRESULT Handle(UINT message, WPARAM wparam, LPARAM lparam);
+  // Runs `action` and shows the user a failure of it.
+  template <class Action>
+  void Try(const std::string& what, Action action);
+  void ApplyLook();
+  void Arrange();
+  void Paint();
+  Scene CurrentScene();
+  void Tick();
+  void WatchTimer();
+  void ContentChanged(std::int64_t from);
+  void ShowState();  // title and status line
+  std::string StateText() const;
+  void Invalidate(const RECT& area);
+  void InvalidateAll() { Invalidate({0, 0, layout_.client.cx, layout_.client.cy}); }
+  void InvalidatePosition(std::int64_t frame);
+
+  // commands.cpp
+  void Command(int id);
+  bool CanDo(int id) const;
+  void PrepareMenu(HMENU menu);
+  void ListDevices(HMENU menu, int first, const std::vector<SoundDevice>& devices,
+                   const std::optional<int>& chosen);
+  void Edit(int id);
+  void EditMarks(int id);
+  void MakeSound(int id);
+  void Navigate(int id);
+  void MoveMark(int pixels);
+  void NextMark(int step);
+  // Calls `then` at once, after the work is saved, or never.
+  void AfterSaving(std::function<void()> then);
+  void StartFiles(std::vector<std::string> files, bool replace);
+  void StartNextFile();
+  void FinishJob();
+  void Export(std::function<void()> then);
+  void FinishRecording();
+  void ShowKeys();
+
+  // mouse.cpp
+  void Press(POINT at, bool scrubs);
+  void DragTo(POINT at);
+  void Release();
+  void DoubleClick(POINT at);
+  void Wheel(POINT at, int delta, bool zooms);
+  Mark MarkAt(POINT at) const;
+  Drag HandleAt(const Mark& mark, POINT at) const;
+  int ViewX(POINT at) const { return at.x - layout_.lanes.left; }
+
+  // Selection and cursor.
+  Range selection() const { return {std::min(anchor_, head_), std::max(anchor_, head_)}; }
+  std::int64_t cursor() const { return head_; }
+  void Select(std::int64_t anchor, std::int64_t head);
+  void MoveHead(std::int64_t frame, bool extend);
+  void ChooseMark(const Mark& mark);
+  Range SectionAround(std::int64_t frame) const;
+  void Scroll(const std::function<void()>& change);
+
+  HWND window_ = nullptr;
+  HWND status_ = nullptr;
+  Painter painter_;
+  Brush status_brush_;
+  Layout layout_;
+  Document document_;
+  View view_;
+  Waveform waveform_;
+  Transport transport_;
+  std::vector<float> peaks_;
+  std::int64_t anchor_ = 0;
+  std::int64_t head_ = 0;
+  Mark mark_;
+  bool decibels_ = false;
+  RulerUnit unit_ = RulerUnit::kTime;
+  View recording_view_;
+  Waveform recording_waveform_;
+
+  Drag drag_ = Drag::kNone;
+  POINT drag_from_ = {};
+  std::int64_t drag_origin_ = 0;
+  std::optional<Annotations> preview_;  // while a mark is dragged
+
+  std::string file_ = "";  // its name is the title
+  std::string message_;    // the last thing that happened
+  std::unique_ptr<FileJob> job_;
+  std::deque<std::string> files_;  // yet to be read
+  bool replace_ = false;           // the next file begins a new document
+  bool opening_ = false;           // the files are the document, not an edit of it
+  std::int64_t insert_at_ = 0;
+  std::function<void()> after_export_;
+  std::wstring shown_title_;
+  std::wstring shown_status_;
+  std::int64_t shown_playhead_ = 0;
+};
+
+template <class Action>
+void EditorWindow::Try(const std::string& what, Action action) {
+  std::optional<HostError> failure;
+  try {
+    action();
+    return;
+  } catch (const HostError& error) {
+    failure = error;
+  } catch (const HResultError& error) {
+    failure = Explain(error.code(), what, ExitStatus::kFailure);
+  } catch (const std::exception&) {
+    failure = Explain(E_OUTOFMEMORY, what, ExitStatus::kFailure);
+  }
+  ShowFailure(window_, what, *failure);
+}
+
+}  // namespace marlinda::editor

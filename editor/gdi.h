@@ -1,0 +1,57 @@
+// Owners of GDI objects, and texts of windows.
+#pragma once
+
+#include <windows.h>
+
+#include "core/handle.h"
+
+namespace marlinda::editor {
+
+template <class Object>
+struct GdiTraits {
+  using Raw = Object;
+  static Raw Invalid() noexcept { return nullptr; }
+  static void Close(Raw raw) noexcept { DeleteObject(raw); }
+};
+
+using Brush = Handle<GdiTraits<HBRUSH>>;
+using Pen = Handle<GdiTraits<HPEN>>;
+using Font = Handle<GdiTraits<HFONT>>;
+using Bitmap = Handle<GdiTraits<HBITMAP>>;
+
+// A device context in memory with a bitmap of its own, as the back buffer of a window.
+class BackBuffer {
+ public:
+  BackBuffer() = default;
+  BackBuffer(const BackBuffer&) = delete;
+  BackBuffer& operator=(const BackBuffer&) = delete;
+  ~BackBuffer() { Release(); }
+
+  // Keeps the bitmap while the size is the same. Null when there is no memory.
+  HDC Prepare(HDC like, SIZE size) {
+    if (dc_ != nullptr && size.cx == size_.cx && size.cy == size_.cy) return dc_;
+    Release();
+    dc_ = CreateCompatibleDC(like);
+    bitmap_.Reset(CreateCompatibleBitmap(like, size.cx, size.cy));
+    if (dc_ == nullptr || !bitmap_) return nullptr;
+    old_ = SelectObject(dc_, bitmap_.get());
+    size_ = size;
+    return dc_;
+  }
+
+ private:
+  void Release() {
+    if (dc_ == nullptr) return;
+    SelectObject(dc_, old_);
+    DeleteDC(dc_);
+    dc_ = nullptr;
+    bitmap_.Reset();
+  }
+
+  HDC dc_ = nullptr;
+  HGDIOBJ old_ = nullptr;
+  Bitmap bitmap_;
+  SIZE size_ = {};
+};
+
+}  // namespace marlinda::editor

@@ -1,0 +1,56 @@
+// marlinda-editor: a window for audio. The arguments are files, opened one after another.
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include "editor/editor_window.h"
+#include "host/wide_text.h"
+
+namespace {
+
+using namespace marlinda;
+
+// Before the first window; a manifest inside the program would hide the one beside it.
+void TellDpiAwareness() {
+  using Set = BOOL(WINAPI*)(HANDLE);
+  constexpr LONG_PTR kPerMonitorV2 = -4;
+  const auto set = reinterpret_cast<Set>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"user32"), "SetProcessDpiAwarenessContext")));
+  if (set == nullptr || set(reinterpret_cast<HANDLE>(kPerMonitorV2)) == FALSE) SetProcessDPIAware();
+}
+
+std::vector<std::string> Arguments() {
+  int count = 0;
+  wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
+  std::vector<std::string> arguments;
+  for (int i = 1; i < count; ++i) arguments.push_back(Narrow(words[i]));
+  LocalFree(words);
+  return arguments;
+}
+
+int Run() {
+  try {
+    editor::EditorWindow window;
+    window.Open(Arguments());
+    return window.Run();
+  } catch (const HostError& error) {
+    editor::ShowFailure(nullptr, "The editor cannot start", error);
+  } catch (const HResultError& error) {
+    editor::ShowFailure(nullptr, "The editor cannot start",
+                        Explain(error.code(), "the engine", ExitStatus::kFailure));
+  } catch (const std::exception&) {
+    editor::ShowFailure(nullptr, "The editor cannot start",
+                        Explain(E_OUTOFMEMORY, "", ExitStatus::kFailure));
+  }
+  return 1;
+}
+
+}  // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int) {
+  TellDpiAwareness();
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+  const int status = Run();
+  CoUninitialize();
+  return status;
+}

@@ -1,0 +1,189 @@
+#include "editor/transport.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/timecode.h"
+
+namespace marlinda::editor {
+namespace {
+
+HostError NoSuchDevice(const HostError& error) {
+  // The reasons are the same as on the command line; the remedy is in the menu.
+  return {error.status(), error.subject(), error.reason(),
+          "Connect a device and start the system's sound service, or choose another device in the "
+          "Sound menu."};
+}
+
+template <class Use>
+auto WithDevice(Use use) {
+  try {
+    return use();
+  } catch (const HostError& error) {
+    throw NoSuchDevice(error);
+  }
+}
+
+}  // namespace
+
+void Transport::PrepareOutput() {
+  WithDevice([&] {
+    device_ = DeviceChoice::OfOutputs(output);
+    const AudioFormat& format = document_.format();
+    const SHORT bits = ChooseOutputBits(*device_, format);
+    Check(document_.audio()->SetFormat(format.rate, format.channels, bits));
+    Check(document_.audio()->SetPlaybackDevice(device_->number()));
+  });
+}
+
+void Transport::Play(Range range, bool looped) {
+  Stop();
+  if (range.empty()) return;
+  PrepareOutput();
+  constexpr ULONG kAllChannels = 0xFFFFFFFF;
+  Check(document_.audio()->Play(range.begin, range.end, kAllChannels,
+                                looped ? VARIANT_TRUE : VARIANT_FALSE));
+  mode_ = Mode::kPlay;
+  range_ = range;
+  looped_ = looped;
+  position_ = range.begin;
+  started_ = GetTickCount64();
+}
+
+void Transport::Loop(Range range) {
+  if (!IsLooping() || range.empty() || range == range_) return;
+  Check(document_.audio()->ModifyPlaySection(range.begin, range.end));
+  range_ = range;
+}
+
+void Transport::StartScrub(std::int64_t position) {
+  Stop();
+  if (document_.frames() == 0) return;
+  PrepareOutput();
+  Check(Query<IScrubSupport>(document_.audio())->StartScrub());
+  mode_ = Mode::kScrub;
+  Scrub(position);
+}
+
+void Transport::Scrub(std::int64_t position) {
+  if (!IsScrubbing()) return;
+  position_ = std::clamp<std::int64_t>(position, 0, document_.frames());
+  Check(Query<IScrubSupport>(document_.audio())->SetScrubPosition(position_));
+}
+
+void Transport::Record() {
+  Stop();
+  recording_ = {};
+  recording_.format = document_.frames() > 0 ? document_.format() : AudioFormat{44100, 2};
+  pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
+  const HRESULT made = TryPoolFiles(pool_.Get());
+  if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
+  Check(pool_->SetBitDepth(32, 0));
+  WithDevice([&] {
+    device_ = DeviceChoice::OfInputs(input);
+    take_ =
+        std::make_unique<Take>(OpenGrabber(*device_, recording_.format), pool_, recording_.format);
+  });
+  columns_.clear();
+  last_recorded_ = 0;
+  polls_without_sound_ = 0;
+  mode_ = Mode::kRecord;
+}
+
+void Transport::Poll() {
+  if (mode_ == Mode::kPlay) PollPlay();
+  if (mode_ == Mode::kScrub) PollScrub();
+  if (mode_ == Mode::kRecord) PollRecord();
+}
+
+void Transport::ReadLevels() {
+  levels_.assign(static_cast<std::size_t>(document_.format().channels), 0.0F);
+  for (std::size_t i = 0; i < levels_.size(); ++i) {
+    document_.audio()->GetOutputLevel(static_cast<SHORT>(i), &levels_[i]);
+  }
+}
+
+void Transport::PollPlay() {
+  VARIANT_BOOL playing = VARIANT_FALSE;
+  __int64 position = 0;
+  Check(document_.audio()->GetPlayStatus(&playing, &position));
+  if (playing != VARIANT_FALSE) {
+    // At its end a section that is played once is reported from its begin again.
+    position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
+    return ReadLevels();
+  }
+  // Playing takes at least as long as the audio lasts; otherwise the device did not play the rest.
+  constexpr ULONGLONG kSlackMilliseconds = 500;
+  const ULONGLONG took = GetTickCount64() - started_ + kSlackMilliseconds;
+  const LONG rate = document_.format().rate;
+  const bool early = looped_ || took * static_cast<ULONGLONG>(rate) / 1000 <
+                                    static_cast<ULONGLONG>(range_.length());
+  const std::int64_t place = position_;
+  Stop();
+  if (early) {
+    throw NoSuchDevice(DeviceLost(*device_, "playing ended at " + FormatDuration(place, rate)));
+  }
+}
+
+void Transport::PollScrub() {
+  ReadLevels();
+  // The engine closes a lost device. A document has no other sign of it: only an open device
+  // refuses the level of a channel that it does not have.
+  float level = 0;
+  if (FAILED(document_.audio()->GetOutputLevel(document_.format().channels, &level))) return;
+  Stop();
+  throw NoSuchDevice(DeviceLost(*device_, "it stopped playing"));
+}
+
+bool Transport::InputOpens() const {
+  try {
+    OpenGrabber(*device_, recording_.format)->CloseDevice();
+    return true;
+  } catch (const HostError&) {
+    return false;
+  }
+}
+
+void Transport::PollRecord() {
+  // A device that delivers nothing may go on later. It is lost when it cannot be opened a second
+  // time; that is tried after every so many polls without a frame.
+  constexpr int kPollsBetweenProbes = 150;
+  take_->AppendColumns(columns_);
+  const auto channels = static_cast<std::size_t>(recording_.format.channels);
+  levels_.assign(channels, 0.0F);
+  for (std::size_t i = 0; columns_.size() >= channels && i < channels; ++i) {
+    const Extremes& last = columns_[columns_.size() - channels + i];
+    levels_[i] = std::max(-last.lowest, last.highest);
+  }
+  const std::int64_t recorded = take_->frames();
+  if (recorded != last_recorded_) polls_without_sound_ = 0;
+  last_recorded_ = recorded;
+  const bool failed = !take_->IsRunning();
+  if (!failed && (++polls_without_sound_ % kPollsBetweenProbes != 0 || InputOpens())) return;
+  const HRESULT result = take_->Stop();
+  Stop();
+  // A pool reports the system's reason, a device none.
+  if (failed && result != E_FAIL) throw Explain(result, kTemporaryFolder, ExitStatus::kOutput);
+  throw NoSuchDevice(DeviceLost(*device_, "it stopped delivering audio"));
+}
+
+void Transport::Stop() {
+  const Mode was = std::exchange(mode_, Mode::kIdle);
+  levels_.clear();
+  if (was == Mode::kPlay) document_.audio()->StopPlay();
+  if (was == Mode::kScrub) {
+    if (const auto scrub = TryQuery<IScrubSupport>(document_.audio())) scrub->StopScrub();
+  }
+  if (was == Mode::kRecord) take_->Stop();
+}
+
+Material Transport::TakeRecording() {
+  take_.reset();
+  const ComPtr<IAudioPool> pool = std::exchange(pool_, nullptr);
+  Material take = std::exchange(recording_, {});
+  if (!pool || pool->CreateLastReader(take.reader.GetAddressOf()) != S_OK) return {};
+  Check(take.reader->GetSampleCount(&take.frames));
+  return take;
+}
+
+}  // namespace marlinda::editor

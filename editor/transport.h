@@ -1,0 +1,86 @@
+// Playing, scrubbing and recording.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "editor/document.h"
+#include "editor/take.h"
+#include "host/sound_devices.h"
+
+namespace marlinda::editor {
+
+class Transport {
+ public:
+  explicit Transport(Document& document) : document_(document) {}
+  ~Transport() { Stop(); }
+  Transport(const Transport&) = delete;
+  Transport& operator=(const Transport&) = delete;
+
+  // Devices by index; the system's default without one. Used from the next start on.
+  std::optional<int> output;
+  std::optional<int> input;
+
+  bool IsPlaying() const { return mode_ == Mode::kPlay; }
+  bool IsLooping() const { return IsPlaying() && looped_; }
+  bool IsScrubbing() const { return mode_ == Mode::kScrub; }
+  bool IsRecording() const { return mode_ == Mode::kRecord; }
+  bool IsIdle() const { return mode_ == Mode::kIdle; }
+
+  // Each start ends what runs and throws a HostError when the device cannot be used.
+  void Play(Range range, bool looped);
+  void Loop(Range range);  // another section for the loop that runs
+  void StartScrub(std::int64_t position);
+  void Scrub(std::int64_t position);
+  // In the document's format, or 44100 Hz stereo before there is one.
+  void Record();
+
+  // Looks at the device; call it at each tick of a timer. Throws a HostError once when playing or
+  // recording has ended by itself and too early; after a recording TakeRecording has what came.
+  void Poll();
+  // Where it plays or scrubs; that of the last Poll.
+  std::int64_t position() const { return position_; }
+  // Level of each channel from 0 to 1; empty when idle.
+  const std::vector<float>& levels() const { return levels_; }
+
+  // Ends what runs. A recording is kept for TakeRecording.
+  void Stop();
+
+  // The take that is being recorded: one column of all channels for each block of the device.
+  std::int64_t recorded() const { return take_ ? take_->frames() : 0; }
+  std::int64_t frames_per_column() const { return take_ ? take_->frames_per_column() : 1; }
+  const AudioFormat& recording_format() const { return recording_.format; }
+  const std::vector<Extremes>& recorded_columns() const { return columns_; }
+  // What the last recording brought; no frames when nothing came.
+  Material TakeRecording();
+
+ private:
+  enum class Mode { kIdle, kPlay, kScrub, kRecord };
+
+  void PollPlay();
+  void PollScrub();
+  void PollRecord();
+  // Tries the device, because a document reports none that does not open.
+  void PrepareOutput();
+  void ReadLevels();
+  bool InputOpens() const;
+
+  Document& document_;
+  Mode mode_ = Mode::kIdle;
+  std::optional<DeviceChoice> device_;  // in use
+  Range range_;
+  bool looped_ = false;
+  std::int64_t position_ = 0;
+  ULONGLONG started_ = 0;  // milliseconds
+  std::vector<float> levels_;
+  Material recording_;
+  ComPtr<IAudioPool> pool_;
+  std::unique_ptr<Take> take_;
+  std::vector<Extremes> columns_;
+  std::int64_t last_recorded_ = 0;
+  int polls_without_sound_ = 0;
+};
+
+}  // namespace marlinda::editor

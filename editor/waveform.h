@@ -1,0 +1,46 @@
+// The lowest and highest samples of the columns that are visible, kept while the view scrolls.
+#pragma once
+
+#include <marlinda.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "editor/view.h"
+
+namespace marlinda::editor {
+
+struct Extremes {
+  float lowest = 0;
+  float highest = 0;
+};
+
+class Waveform {
+ public:
+  // Reads the columns of the view that are not there yet. A column is a pixel, or a frame where a
+  // frame has several pixels. Throws when out of memory; what cannot be read stays silent.
+  void Read(IEditedAudio* audio, int channels, const View& view);
+  // Columns from that frame on are read again.
+  void Forget(std::int64_t from_frame);
+
+  int channels() const { return channels_; }
+  // Columns count from the begin of the document.
+  std::int64_t begin() const { return begin_; }
+  std::int64_t end() const;
+  const Extremes& At(std::int64_t column, int channel) const {
+    return columns_[static_cast<std::size_t>((column - begin_) * channels_ + channel)];
+  }
+
+  // Replaces all columns by one channel's, for a take that is being recorded.
+  void Show(std::vector<Extremes> columns, int channels);
+
+ private:
+  void ReadColumns(IEditedAudio* audio, std::int64_t begin, std::int64_t end);
+
+  Zoom zoom_;
+  int channels_ = 0;
+  std::int64_t begin_ = 0;
+  std::vector<Extremes> columns_;  // all channels of a column, then the next column
+};
+
+}  // namespace marlinda::editor

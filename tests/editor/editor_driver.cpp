@@ -1,0 +1,252 @@
+// Works the mouse and the keyboard of a running editor and reads its window, for a script: an order
+// a line on standard input, an answer a line on standard output.
+#include <windows.h>
+// After windows.h.
+#include <psapi.h>
+
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "editor/resource.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+HWND editor = nullptr;
+HWND dialog = nullptr;
+
+std::wstring Widen(const std::string& text) {
+  std::wstring wide(
+      static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0)),
+      L'\0');
+  MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, wide.data(), static_cast<int>(wide.size()));
+  wide.pop_back();
+  return wide;
+}
+
+std::string TextOf(HWND window) {
+  wchar_t text[1000] = L"";
+  SendMessageW(window, WM_GETTEXT, std::size(text), reinterpret_cast<LPARAM>(text));
+  char utf8[3000] = "";
+  WideCharToMultiByte(CP_UTF8, 0, text, -1, utf8, sizeof utf8, nullptr, nullptr);
+  return utf8;
+}
+
+// States that never come hang, and the test runner ends the test.
+template <class Condition>
+void WaitUntil(Condition condition) {
+  while (!condition()) Sleep(10);
+}
+
+std::string Rest(const Words& words, std::size_t from) {
+  std::string text;
+  for (std::size_t i = from; i < words.size(); ++i) text += (i > from ? " " : "") + words[i];
+  return text;
+}
+
+std::string Status() { return TextOf(GetDlgItem(editor, ID_STATUS)); }
+
+DWORD EditorProcess() {
+  DWORD process = 0;
+  GetWindowThreadProcessId(editor, &process);
+  return process;
+}
+
+void Send(INPUT input) { SendInput(1, &input, sizeof input); }
+
+void Key(WORD key, bool down) {
+  INPUT input = {};
+  input.type = INPUT_KEYBOARD;
+  input.ki.wVk = key;
+  input.ki.dwFlags = down ? 0 : KEYEVENTF_KEYUP;
+  Send(input);
+}
+
+void Mouse(DWORD flags, int data = 0) {
+  INPUT input = {};
+  input.type = INPUT_MOUSE;
+  input.mi.dwFlags = flags;
+  input.mi.mouseData = static_cast<DWORD>(data);
+  Send(input);
+}
+
+void MoveTo(int x, int y) {
+  POINT at = {x, y};
+  ClientToScreen(editor, &at);
+  SetCursorPos(at.x, at.y);
+}
+
+// "key ctrl shift 90": the last word is a virtual key.
+void PressKeys(const Words& words) {
+  std::vector<WORD> keys;
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    keys.push_back(words[i] == "ctrl"    ? static_cast<WORD>(VK_CONTROL)
+                   : words[i] == "shift" ? static_cast<WORD>(VK_SHIFT)
+                                         : static_cast<WORD>(std::stoi(words[i])));
+  }
+  for (const WORD key : keys) Key(key, true);
+  for (auto key = keys.rbegin(); key != keys.rend(); ++key) Key(*key, false);
+}
+
+void AwaitDialog(const std::wstring& title) {
+  WaitUntil([&] {
+    dialog = FindWindowW(L"#32770", title.c_str());
+    return dialog != nullptr && IsWindowVisible(dialog) != FALSE;
+  });
+}
+
+std::string DialogText() {
+  std::string text;
+  for (HWND item = GetWindow(dialog, GW_CHILD); item; item = GetWindow(item, GW_HWNDNEXT)) {
+    text += TextOf(item) + " ";
+  }
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  return text;
+}
+
+// Under Wine the documented function gives 0, and for another process there is the system's table
+// of all handles only: their count, then the entries.
+unsigned CountHandles(DWORD process) {
+  struct Entry {
+    USHORT process;
+    USHORT others[3];
+    void* object;
+    ULONG access;
+  };
+  constexpr ULONG kAllHandles = 16;
+  using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
+  const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
+  std::vector<char> table(1 << 24);
+  if (query(kAllHandles, table.data(), static_cast<ULONG>(table.size()), nullptr) < 0) return 0;
+  ULONG count = 0;
+  std::memcpy(&count, table.data(), sizeof count);
+  unsigned found = 0;
+  for (ULONG i = 0; i < count; ++i) {
+    Entry entry;
+    std::memcpy(&entry, table.data() + sizeof(void*) + i * sizeof entry, sizeof entry);
+    if (entry.process == static_cast<USHORT>(process)) ++found;
+  }
+  return found;
+}
+
+std::string Counts() {
+  const DWORD id = EditorProcess();
+  const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id);
+  PROCESS_MEMORY_COUNTERS_EX memory = {};
+  memory.cb = sizeof memory;
+  GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof memory);
+  std::ostringstream text;
+  text << "gdi=" << GetGuiResources(process, GR_GDIOBJECTS)
+       << " user=" << GetGuiResources(process, GR_USEROBJECTS) << " handles=" << CountHandles(id)
+       << " kib=" << memory.PrivateUsage / 1024;
+  CloseHandle(process);
+  return text.str();
+}
+
+// Processor time of the editor in microseconds.
+ULONGLONG ProcessorTime() {
+  const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, EditorProcess());
+  FILETIME created, ended, kernel, user;
+  GetProcessTimes(process, &created, &ended, &kernel, &user);
+  CloseHandle(process);
+  const auto value = [](const FILETIME& time) {
+    return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32 | time.dwLowDateTime) / 10;
+  };
+  return value(kernel) + value(user);
+}
+
+std::string Obey(const Words& words) {
+  const std::string& order = words[0];
+  const auto number = [&](std::size_t i) { return std::stoi(words.at(i)); };
+  if (order == "find") {
+    WaitUntil([] { return (editor = FindWindowW(L"MarlindaEditor", nullptr)) != nullptr; });
+    WaitUntil([] { return IsWindowVisible(editor) != FALSE; });
+    SetForegroundWindow(editor);
+    return std::to_string(EditorProcess());
+  }
+  if (order == "title") return TextOf(editor);
+  if (order == "status") return Status();
+  if (order == "await") {
+    const std::string text = Rest(words, 1);
+    WaitUntil([&] { return Status().find(text) != std::string::npos; });
+    return Status();
+  }
+  if (order == "await_title") {
+    WaitUntil([&] { return TextOf(editor) == Rest(words, 1); });
+    return TextOf(editor);
+  }
+  if (order == "key") {
+    SetForegroundWindow(editor);
+    PressKeys(words);
+  } else if (order == "command") {
+    PostMessageW(editor, WM_COMMAND, static_cast<WPARAM>(number(1)), 0);
+  } else if (order == "size") {
+    SetWindowPos(editor, nullptr, 0, 0, number(1), number(2), SWP_NOZORDER);
+  } else if (order == "client") {
+    RECT client;
+    GetClientRect(editor, &client);
+    return std::to_string(client.right) + " " + std::to_string(client.bottom);
+  } else if (order == "move") {
+    MoveTo(number(1), number(2));
+  } else if (order == "button") {
+    Mouse(static_cast<DWORD>(number(1)), words.size() > 2 ? number(2) : 0);
+  } else if (order == "hold") {
+    Key(static_cast<WORD>(number(1)), number(2) != 0);
+  } else if (order == "dialog") {
+    AwaitDialog(Widen(Rest(words, 1)));
+    return DialogText();
+  } else if (order == "enter") {
+    SendMessageW(GetDlgItem(dialog, number(1)), WM_SETTEXT, 0,
+                 reinterpret_cast<LPARAM>(Widen(Rest(words, 2)).c_str()));
+  } else if (order == "click") {
+    const HWND shown = dialog;
+    PostMessageW(GetDlgItem(shown, number(1)), BM_CLICK, 0, 0);
+    if (words.size() == 2) WaitUntil([&] { return IsWindowVisible(shown) == FALSE; });
+  } else if (order == "counts") {
+    return Counts();
+  } else if (order == "repaint") {
+    const ULONGLONG before = ProcessorTime();
+    for (int i = 0; i < number(1); ++i) {
+      RedrawWindow(editor, nullptr, nullptr, RDW_INVALIDATE);
+      // An answer comes after the paint messages before it only if those are sent.
+      SendMessageW(editor, WM_PAINT, 0, 0);
+    }
+    return std::to_string((ProcessorTime() - before) / static_cast<ULONGLONG>(number(1)));
+  } else if (order == "wheel") {
+    const ULONGLONG before = ProcessorTime();
+    RECT place;
+    GetWindowRect(editor, &place);
+    const LPARAM middle =
+        MAKELPARAM((place.left + place.right) / 2, (place.top + place.bottom) / 2);
+    for (int i = 0; i < number(3); ++i) {
+      SendMessageW(editor, WM_MOUSEWHEEL, MAKEWPARAM(number(1), number(2) * WHEEL_DELTA), middle);
+      SendMessageW(editor, WM_PAINT, 0, 0);
+    }
+    return std::to_string((ProcessorTime() - before) / static_cast<ULONGLONG>(number(3)));
+  } else if (order == "close") {
+    PostMessageW(editor, WM_CLOSE, 0, 0);
+  } else {
+    return "unknown order";
+  }
+  return "ok";
+}
+
+}  // namespace
+
+int main() {
+  SetProcessDPIAware();
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream stream(line);
+    Words words;
+    for (std::string word; stream >> word;) words.push_back(word);
+    if (words.empty()) continue;
+    std::cout << Obey(words) << std::endl;
+  }
+}

@@ -1,0 +1,168 @@
+// The arithmetic of the editor's view, ruler and undo stack.
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "editor/ruler.h"
+#include "editor/undo_stack.h"
+#include "editor/view.h"
+
+namespace marlinda::editor {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr std::int64_t kTenHours = 36000LL * 44100;
+
+View ViewOf(std::int64_t frames, int width) {
+  View view;
+  view.SetWidth(width);
+  view.SetLength(frames);
+  return view;
+}
+
+TEST(View, ANewDocumentIsVisibleAsAWholeAndStaysSoWhileItGrows) {
+  View view = ViewOf(1000, 100);
+  EXPECT_EQ(view.visible(), (Range{0, 1000}));
+  view.SetLength(kTenHours);
+  EXPECT_EQ(view.visible(), (Range{0, kTenHours}));
+  view.ZoomAt(50, 2);
+  const Zoom zoom = view.zoom();
+  view.SetLength(2 * kTenHours);
+  EXPECT_EQ(view.zoom(), zoom) << "a part that the user has chosen is not left";
+}
+
+TEST(View, ZoomingKeepsTheFrameUnderTheMouse) {
+  for (const std::int64_t length : {std::int64_t{50'000}, kTenHours}) {
+    View view = ViewOf(length, 1920);
+    const int x = 700;
+    const std::int64_t frame = view.FrameAt(x);
+    while (view.zoom().pixels < View::kMaxPixelsPerFrame) {
+      const Zoom before = view.zoom();
+      view.ZoomAt(x, 1.5);
+      ASSERT_NE(view.zoom(), before) << "each step shows less";
+      ASSERT_NEAR(view.PixelOf(frame), x, 1);
+    }
+    for (int step = 0; !view.ShowsAll(); ++step) {
+      ASSERT_LT(step, 200);
+      view.ZoomAt(x, 1 / 1.5);
+    }
+    EXPECT_EQ(view.visible(), (Range{0, length}));
+  }
+}
+
+TEST(View, ColumnsLieOnAGridThatScrollingDoesNotMove) {
+  View view = ViewOf(kTenHours, 1920);
+  view.ShowRange({1'000'003, 9'000'007});
+  EXPECT_EQ(view.zoom().pixels, 1);
+  const std::int64_t column = view.FrameAt(10);
+  view.ScrollBy(7);
+  EXPECT_EQ(view.FrameAt(3), column);
+  EXPECT_EQ(view.PixelOf(column), 3);
+}
+
+TEST(View, PixelsAndFramesAgreeAtEveryZoom) {
+  std::mt19937 random(1);
+  View view = ViewOf(kTenHours, 1280);
+  for (int i = 0; i < 2000; ++i) {
+    view.ZoomAt(static_cast<int>(random() % 1280), random() % 2 == 0 ? 1.5 : 0.7);
+    view.ScrollBy(static_cast<std::int64_t>(random() % 100'000) - 50'000);
+    const int x = static_cast<int>(random() % 1280);
+    const std::int64_t frame = view.FrameAt(x);
+    if (frame == kTenHours) continue;
+    ASSERT_NEAR(view.PixelOf(frame), x, view.zoom().pixels);
+    ASSERT_LE(view.origin() + view.width(), std::max<std::int64_t>(view.extent(), view.width()));
+    ASSERT_GE(view.origin(), 0);
+  }
+}
+
+TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
+  View view = ViewOf(kTenHours, 1000);
+  for (const Range range : {Range{500, 520}, Range{12'345, 999'999}, Range{0, kTenHours}}) {
+    view.ShowRange(range);
+    EXPECT_LE(view.visible().begin, range.begin);
+    EXPECT_GE(view.visible().end, range.end);
+  }
+  view.ShowRange({500, 520});
+  view.MakeVisible(1'000'000);
+  EXPECT_TRUE(view.visible().Holds(1'000'000));
+}
+
+TEST(Ruler, TicksStandAtRoundTimesAndLeaveRoomForTheirTexts) {
+  for (const double seconds : {0.01, 1.0, 61.0, 5400.0, 36000.0}) {
+    const View view = ViewOf(static_cast<std::int64_t>(seconds * 44100), 1000);
+    int before = -1000;
+    int labelled = 0;
+    for (const Tick& tick : RulerTicks(view, 44100, RulerUnit::kTime, 90)) {
+      if (tick.text.empty()) continue;
+      EXPECT_GE(tick.x - before, 89);
+      before = tick.x;
+      ++labelled;
+    }
+    EXPECT_GE(labelled, 2) << seconds;
+  }
+  const auto text_of = [](double seconds, RulerUnit unit, std::size_t labelled) {
+    for (const Tick& tick :
+         RulerTicks(ViewOf(static_cast<std::int64_t>(seconds * 44100), 1000), 44100, unit, 90)) {
+      if (!tick.text.empty() && labelled-- == 0) return tick.text;
+    }
+    return std::string();
+  };
+  EXPECT_EQ(text_of(36000, RulerUnit::kTime, 1), "1:00:00");
+  EXPECT_EQ(text_of(0.8, RulerUnit::kTime, 1), "0:00.1");
+  EXPECT_EQ(text_of(60, RulerUnit::kFrames, 1), "500000");
+  EXPECT_EQ(FormatPosition(44100 * 3661 + 22050, 44100, RulerUnit::kTime), "1:01:01.500");
+}
+
+TEST(Ruler, SecondsAreReadOrRefused) {
+  EXPECT_EQ(ParseSeconds("1.5", 44100), 66150);
+  for (const char* const text : {"", "-1", "0", "x", "1x", "1e9", "nan"}) {
+    EXPECT_EQ(ParseSeconds(text, 44100), -1) << text;
+  }
+}
+
+TEST(Ruler, NoNameReachesIntoTheNext) {
+  const int xs[] = {0, 10, 100, 104, 190};
+  EXPECT_THAT(RoomForNames(xs, 200, 12), ElementsAre(0, 90, 0, 86, 0));
+}
+
+// A document is a number here.
+TEST(UndoStack, StatesComeBackInOrderAndANewEditEndsRedo) {
+  UndoStack<int> stack;
+  int state = 0;
+  for (const int next : {1, 2, 3}) {
+    stack.Store("to " + std::to_string(next), state);
+    state = next;
+  }
+  EXPECT_EQ(stack.UndoName(), "to 3");
+  state = stack.Undo(state);
+  state = stack.Undo(state);
+  EXPECT_EQ(state, 1);
+  EXPECT_EQ(stack.RedoName(), "to 2");
+  EXPECT_EQ(stack.Redo(state), 2);
+  stack.Store("to 9", 2);
+  EXPECT_FALSE(stack.CanRedo());
+  EXPECT_EQ(stack.Undo(9), 2);
+  EXPECT_EQ(stack.Undo(2), 1);
+  EXPECT_EQ(stack.Undo(1), 0);
+  EXPECT_FALSE(stack.CanUndo());
+}
+
+TEST(UndoStack, SavedIsOneStateWhichMayBecomeUnreachable) {
+  UndoStack<int> stack;
+  EXPECT_TRUE(stack.IsSaved());
+  stack.Store("one", 0);
+  stack.MarkSaved();
+  stack.Undo(1);
+  EXPECT_FALSE(stack.IsSaved());
+  stack.Redo(0);
+  EXPECT_TRUE(stack.IsSaved());
+  stack.Undo(1);
+  stack.Store("other", 0);
+  EXPECT_FALSE(stack.IsSaved()) << "as many edits, but others";
+  EXPECT_EQ(stack.Withdraw(), 0);
+  EXPECT_FALSE(stack.IsSaved());
+}
+
+}  // namespace
+}  // namespace marlinda::editor
