@@ -519,9 +519,9 @@ void EditorWindow::FinishJob() {
 
 void EditorWindow::Export(std::function<void()> then) {
   namespace fs = std::filesystem;
-  const fs::path path = Widen(file_.empty() ? "Untitled" : file_);
-  const auto file =
-      AskFileToWrite(window_, Narrow((path.stem().wstring() + L".wav")), ExportJob::DialogFilter());
+  fs::path path = Widen(file_.empty() ? "Untitled" : file_);
+  const auto file = AskFileToWrite(window_, Narrow(path.replace_extension(L".wav").wstring()),
+                                   ExportJob::DialogFilter());
   if (!file) return;
   transport_.Stop();
   Try("The file cannot be written", [&] {

@@ -294,10 +294,7 @@ void EditorWindow::WatchTimer() {
 void EditorWindow::Tick() {
   if (drag_ == Drag::kSelect) {
     // Beyond the edge the view follows the mouse.
-    POINT at;
-    GetCursorPos(&at);
-    ScreenToClient(window_, &at);
-    if (ViewX(at) < 0 || ViewX(at) >= view_.width()) DragTo(at);
+    if (ViewX(drag_at_) < 0 || ViewX(drag_at_) >= view_.width()) DragTo(drag_at_);
   }
   const bool recorded = transport_.IsRecording();
   const bool active = !transport_.IsIdle();

@@ -115,6 +115,7 @@ class EditorWindow {
 
   Drag drag_ = Drag::kNone;
   POINT drag_from_ = {};
+  POINT drag_at_ = {};
   std::int64_t drag_origin_ = 0;
   std::optional<Annotations> preview_;  // while a mark is dragged
 

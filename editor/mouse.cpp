@@ -61,7 +61,7 @@ EditorWindow::Drag EditorWindow::HandleAt(const Mark& mark, POINT at) const {
 void EditorWindow::Press(POINT at, bool scrubs) {
   if (document_.frames() == 0 || transport_.IsRecording() || drag_ != Drag::kNone) return;
   SetFocus(window_);
-  drag_from_ = at;
+  drag_from_ = drag_at_ = at;
   drag_origin_ = view_.origin();
   const std::int64_t frame = view_.FrameAt(ViewX(at));
   const bool in_names = at.y >= layout_.labels.top && at.y < layout_.sections.bottom;
@@ -97,6 +97,7 @@ void EditorWindow::Press(POINT at, bool scrubs) {
 }
 
 void EditorWindow::DragTo(POINT at) {
+  drag_at_ = at;
   const std::int64_t frame = view_.FrameAt(std::clamp(ViewX(at), 0, view_.width()));
   const auto frames_moved = [&] {
     return view_.FrameAt(ViewX(at)) - view_.FrameAt(ViewX(drag_from_));

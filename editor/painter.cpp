@@ -74,7 +74,7 @@ Layout::Layout(SIZE size, int dots) : dpi(dots), client(size) {
 
 RECT Layout::Lane(int channel, int channels) const {
   const LONG height = lanes.bottom - lanes.top;
-  const int gap = channels > 1 ? Scale(2) : 0;
+  const int gap = channel + 1 < channels ? Scale(6) : 0;
   return {lanes.left, lanes.top + height * channel / channels, lanes.right,
           lanes.top + height * (channel + 1) / channels - gap};
 }

@@ -66,20 +66,6 @@ void Key(WORD key, bool down) {
   Send(input);
 }
 
-void Mouse(DWORD flags, int data = 0) {
-  INPUT input = {};
-  input.type = INPUT_MOUSE;
-  input.mi.dwFlags = flags;
-  input.mi.mouseData = static_cast<DWORD>(data);
-  Send(input);
-}
-
-void MoveTo(int x, int y) {
-  POINT at = {x, y};
-  ClientToScreen(editor, &at);
-  SetCursorPos(at.x, at.y);
-}
-
 // "key ctrl shift 90": the last word is a virtual key.
 void PressKeys(const Words& words) {
   std::vector<WORD> keys;
@@ -92,10 +78,15 @@ void PressKeys(const Words& words) {
   for (auto key = keys.rbegin(); key != keys.rend(); ++key) Key(*key, false);
 }
 
+// A dialog is set up once it has the keyboard.
 void AwaitDialog(const std::wstring& title) {
   WaitUntil([&] {
     dialog = FindWindowW(L"#32770", title.c_str());
-    return dialog != nullptr && IsWindowVisible(dialog) != FALSE;
+    GUITHREADINFO info = {};
+    info.cbSize = sizeof info;
+    return dialog != nullptr && IsWindowVisible(dialog) != FALSE &&
+           GetGUIThreadInfo(GetWindowThreadProcessId(dialog, nullptr), &info) != FALSE &&
+           IsChild(dialog, info.hwndFocus) != FALSE;
   });
 }
 
@@ -193,18 +184,25 @@ std::string Obey(const Words& words) {
     RECT client;
     GetClientRect(editor, &client);
     return std::to_string(client.right) + " " + std::to_string(client.bottom);
-  } else if (order == "move") {
-    MoveTo(number(1), number(2));
-  } else if (order == "button") {
-    Mouse(static_cast<DWORD>(number(1)), words.size() > 2 ? number(2) : 0);
-  } else if (order == "hold") {
-    Key(static_cast<WORD>(number(1)), number(2) != 0);
+  } else if (order == "mouse") {
+    // As messages: a pointer that is moved elsewhere is moved back by the display at times.
+    SendMessageW(editor, static_cast<UINT>(number(1)), 0, MAKELPARAM(number(2), number(3)));
   } else if (order == "dialog") {
     AwaitDialog(Widen(Rest(words, 1)));
     return DialogText();
+  } else if (order == "question") {
+    // On top of the dialog.
+    const HWND below = dialog;
+    WaitUntil([&] { return (dialog = GetLastActivePopup(below)) != below; });
+    return DialogText();
   } else if (order == "enter") {
-    SendMessageW(GetDlgItem(dialog, number(1)), WM_SETTEXT, 0,
-                 reinterpret_cast<LPARAM>(Widen(Rest(words, 2)).c_str()));
+    const std::string text = Rest(words, 2);
+    const HWND field = GetDlgItem(dialog, number(1));
+    WaitUntil([&] {
+      SendMessageW(field, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(Widen(text).c_str()));
+      SendMessageW(dialog, WM_NULL, 0, 0);
+      return TextOf(field) == text;
+    });
   } else if (order == "click") {
     const HWND shown = dialog;
     PostMessageW(GetDlgItem(shown, number(1)), BM_CLICK, 0, 0);

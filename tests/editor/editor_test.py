@@ -1,0 +1,272 @@
+"""Works the editor with mouse and keyboard as a person does, and compares what it plays and writes.
+
+Called inside a Wine session: editor_test.py marlinda.exe marlinda-editor.exe editor_driver.exe [unittest arguments]
+TESSALY_EDITOR_PICTURES names a folder for pictures of the window.
+"""
+
+import array
+import math
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+import wave
+
+sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / folder) for folder in ("host", "support")]
+EDITOR, DRIVER = (sys.argv.pop(2) for _ in range(2))
+import program
+from program import WINE, run, windows
+from sound import RATE, kill_server, sound_server, wait_until
+from sound_test import Heard, sound
+
+SPACE, END, DELETE, PLUS = 32, 35, 46, 107
+MOVE, LEFT_DOWN, LEFT_UP, MIDDLE_DOWN, MIDDLE_UP = 0x200, 0x201, 0x202, 0x207, 0x208
+OK, CANCEL, NO = 1, 2, 7
+FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's own
+LANE = 200  # a height inside the first lane
+
+
+def key(letter):
+    return ord(letter)
+
+
+def signal(frames):
+    """16-bit stereo without a silent frame, in which every frame can be told from its neighbours."""
+    samples = array.array("h")
+    for n in range(frames):
+        loudness = 2000 + 6000 * abs(math.sin(n / 30000))
+        left = round(loudness * math.sin(n / (20 + n / 20000)))
+        samples.extend((left or 1, n % 4999 - 2500 or 1))
+    return samples
+
+
+def write_wave(path, samples):
+    with wave.open(str(path), "wb") as file:
+        file.setparams((2, 2, RATE, 0, "NONE", ""))
+        file.writeframes(samples.tobytes())
+
+
+def read_wave(path):
+    with wave.open(str(path), "rb") as file:
+        return array.array("h", file.readframes(file.getnframes()))
+
+
+class Editor:
+    """A running editor and the driver that works it."""
+
+    def __init__(self, *files, environment=None):
+        words = [windows(file) for file in files]
+        environment = environment or program.ENVIRONMENT
+        self.process = subprocess.Popen([WINE, EDITOR, *words], env=environment, stdin=subprocess.DEVNULL)
+        self.driver = subprocess.Popen([WINE, DRIVER], env=environment, text=True, stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE)
+        self.ask("find")
+        self.ask("size", 1200, 640)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for process in (self.driver, self.process):
+            process.kill()
+            process.communicate()
+
+    def ask(self, *words):
+        self.driver.stdin.write(" ".join(str(word) for word in words) + "\n")
+        self.driver.stdin.flush()
+        answer = self.driver.stdout.readline().strip()
+        assert answer and answer != "unknown order", words
+        return answer
+
+    def press(self, *keys, until=None):
+        self.ask("key", *keys)
+        return self.ask("await", until) if until else None
+
+    def answer(self, title, button, field=None, text=None):
+        """Answers a dialog and returns what it said."""
+        said = self.ask("dialog", title)
+        if text is not None:
+            self.ask("enter", field, text)
+        self.ask("click", button)
+        return said
+
+    def mouse(self, message, x):
+        self.ask("mouse", message, x, LANE)
+
+    def select(self, begin, end):
+        """Selects from pixel to pixel; returns the range in frames, which the status line shows."""
+        before = self.ask("status").split("Selected")[1:]
+        for message, x in ((LEFT_DOWN, begin), (MOVE, end), (LEFT_UP, end)):
+            self.mouse(message, x)
+        wait_until(lambda: self.ask("status").split("Selected")[1:] not in ([], before), "another selection")
+        found = re.search(r"Selected (\d+) to (\d+) \((\d+)\)", self.ask("status"))
+        first, last, length = map(int, found.groups())
+        assert last - first == length > 0
+        return first, last
+
+    def frames(self):
+        return int(re.search(r"channels?, (\d+)$", self.ask("status")).group(1))
+
+    def export(self, file):
+        self.press("ctrl", key("S"))
+        self.answer("Export", OK, FILE_NAME, windows(file))
+        self.answer("Wave Encoder Settings", OK)
+        self.ask("await", "Wrote " + file.name)
+
+    def picture(self, name):
+        folder = os.environ.get("TESSALY_EDITOR_PICTURES")
+        if folder:
+            subprocess.run(["ffmpeg", "-loglevel", "error", "-y", "-f", "x11grab", "-video_size", "1200x640",
+                            "-i", os.environ["DISPLAY"], "-frames:v", "1", f"{folder}/{name}.png"],
+                           check=True, stdin=subprocess.DEVNULL)
+
+
+class EditorTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        program.keep_wine_alive(cls)
+        environment, cls.speaker = cls.enterClassContext(sound())
+        program.ENVIRONMENT.update(environment)
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.source = self.folder / "in.wav"
+        self.samples = signal(4 * RATE)
+        write_wave(self.source, self.samples)
+
+    def start(self, *files):
+        editor = self.enterContext(Editor(*files))
+        editor.press(key("F"), until=f"channels, {4 * RATE * len(files)}" if files else "No audio")
+        return editor
+
+    def test_edits_are_heard_and_written_as_the_command_line_writes_them(self):
+        editor = self.start(self.source)
+        self.assertEqual(editor.ask("title"), "in.wav - Marlinda Editor")
+
+        begin, end = editor.select(300, 500)
+        editor.press("ctrl", key("X"), until="Cut")
+        self.assertEqual(editor.frames(), 4 * RATE - (end - begin))
+        editor.press("ctrl", key("Z"), until="Undone: Cut")
+        self.assertEqual(editor.frames(), 4 * RATE)
+        editor.press("ctrl", key("Y"), until="Redone: Cut")
+        editor.ask("await_title", "in.wav* - Marlinda Editor")
+
+        label, last = editor.select(600, 700)
+        editor.press(key("L"))
+        editor.answer("Add label", OK, TEXT, "Verse one")
+        editor.ask("await", "Add label")
+        editor.press(key("M"))
+        editor.answer("Add section", OK, TEXT, "Loop")
+        editor.ask("await", "Add section")
+        editor.picture("selection-with-labels")
+
+        with Heard(self.speaker) as heard:
+            editor.press(SPACE, until="Playing")
+            editor.ask("await", "Ready")
+        cut = array.array("h", self.samples[:2 * begin] + self.samples[2 * end:])
+        played = [tuple(round(value * 32767) for value in frame) for frame in heard.frames()]
+        self.assertEqual(played, list(zip(cut[2 * label:2 * last:2], cut[2 * label + 1:2 * last:2])))
+
+        written = self.folder / "out.wav"
+        editor.export(written)
+        editor.ask("await_title", "out.wav - Marlinda Editor")
+        wanted = self.folder / "wanted.wav"
+        self.assertEqual(run("cut", self.source, wanted, "--keep", f":{begin}f", "--keep", f"{end}f:",
+                             "--label", f"{label}f:Verse one", "--marker", f"{label}f:{last}f:Loop")[0], 0)
+        self.assertEqual(written.read_bytes(), wanted.read_bytes())
+
+        editor.press("ctrl", key("S"))
+        editor.ask("dialog", "Export")
+        editor.ask("enter", FILE_NAME, windows(written))
+        editor.ask("click", OK, "unfinished")
+        self.assertIn("exist", editor.ask("question"))
+        editor.ask("click", NO)
+        editor.answer("Export", CANCEL)
+        self.assertEqual(written.read_bytes(), wanted.read_bytes())
+
+    def test_a_position_that_is_held_is_heard_and_a_recording_follows_the_cursor(self):
+        editor = self.start(self.source)
+        with Heard(self.speaker) as heard:
+            editor.mouse(MIDDLE_DOWN, 400)
+            editor.ask("await", "Scrubbing")
+            heard.wait_for(RATE // 10)
+            editor.mouse(MOVE, 800)
+            heard.wait_for(RATE // 2)
+            editor.mouse(MIDDLE_UP, 800)
+            editor.ask("await", "Ready")
+
+        editor.press(END)
+        editor.press(key("R"), until="Recording")
+        wait_until(lambda: int(editor.ask("status").split("|")[1]) > RATE, "a second of recording")
+        editor.picture("recording")
+        editor.press(key("R"), until="Recorded")
+        recorded = editor.frames() - 4 * RATE
+        self.assertGreater(recorded, RATE)
+        written = self.folder / "tone.wav"
+        editor.export(written)
+        samples = read_wave(written)
+        self.assertEqual(samples[:8 * RATE], self.samples)
+        # The microphone hears 440 Hz at half the full scale.
+        tone = samples[2 * (4 * RATE + recorded // 4):2 * (4 * RATE + 3 * recorded // 4):2]
+        crossings = sum(1 for a, b in zip(tone, tone[1:]) if a < 0 <= b)
+        self.assertAlmostEqual(crossings * RATE / len(tone), 440, delta=5)
+        self.assertAlmostEqual(max(tone) / 32767, 0.5, delta=0.01)
+
+    def test_files_follow_one_another_and_failures_are_explained(self):
+        editor = self.start(self.source, self.source)
+        editor.picture("whole-file")
+        broken = self.folder / "broken.wav"
+        broken.write_bytes(b"RIFF, but no more")
+        editor.press("ctrl", key("I"))
+        editor.answer("Insert files", OK, FILE_NAME, windows(broken))
+        said = editor.answer("Marlinda Editor", CANCEL)
+        self.assertIn("broken.wav", said)
+        self.assertIn("no import filter", said)
+        self.assertEqual(editor.frames(), 8 * RATE)
+        for _ in range(11):
+            editor.press(PLUS)
+        editor.picture("zoomed-to-samples")
+
+    def test_a_loop_follows_the_selection_and_a_lost_device_is_explained(self):
+        with sound_server(pipes=False) as environment, Editor(self.source, environment=environment) as editor:
+            editor.press(key("F"), until=f"channels, {4 * RATE}")
+            editor.select(300, 500)
+            editor.press("shift", SPACE, until="Looping")
+            first, last = editor.select(600, 900)
+            wait_until(lambda: first < int(editor.ask("status").split("|")[1]) < last, "the other section")
+            editor.picture("playing-with-meters")
+            kill_server(environment)
+            said = editor.answer("Marlinda Editor", CANCEL)
+            self.assertIn("playing ended", said)
+            self.assertIn("choose another device", said)
+            self.assertEqual(editor.frames(), 4 * RATE)
+
+    def test_a_hundred_documents_leave_nothing_behind(self):
+        editor = self.start()
+        counts = []
+        for round in range(110):
+            editor.press("ctrl", key("O"))
+            editor.answer("Open", OK, FILE_NAME, windows(self.source))
+            editor.ask("await", f"channels, {4 * RATE}")
+            editor.press("ctrl", key("A"), until="Selected")
+            editor.press(DELETE, until="No audio")
+            editor.press("ctrl", key("Z"), until="Undone: Delete")
+            editor.press("ctrl", key("N"))
+            editor.answer("Marlinda Editor", NO)
+            editor.ask("await", "No audio")
+            if round in (9, 109):
+                counts.append(dict(word.split("=") for word in editor.ask("counts").split()))
+        before, after = ({name: int(value) for name, value in count.items()} for count in counts)
+        print("before", before, "after", after)
+        for name in ("gdi", "user", "handles"):
+            self.assertLessEqual(after[name], before[name] + 4, (name, before, after))
+        self.assertLess(after["kib"], before["kib"] + 4096)
+
+
+if __name__ == "__main__":
+    unittest.main()
