@@ -180,12 +180,11 @@ TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
     const Lines before = ClassesIn(own);
     const Lines others = ClassesIn(other);
     ASSERT_EQ(module_.Register(), S_OK);
+    EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
     const Lines after = ClassesIn(own);
     EXPECT_EQ(Added(before, after), ExpectedEntries(module_.path));
     EXPECT_EQ(Added(after, before), Lines());
     EXPECT_EQ(ClassesIn(other), others);
-    EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
-    EXPECT_EQ(ClassesIn(own), after);
 
     ASSERT_EQ(module_.Unregister(), S_OK);
     const Lines left = ClassesIn(own);
