@@ -78,14 +78,12 @@ std::size_t CountHeapBlocks() {
   return blocks;
 }
 
-void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
-  for (;; Sleep(100)) {
-    const unsigned threads = CountThreads();
-    const unsigned handles = CountHandles();
-    if (threads <= threads_ + more_threads && handles <= handles_ + more_handles) return;
-    // Told when CTest ends a test that waits for a leak.
-    std::printf("%u threads of %u, %u handles of %u\n", threads, threads_, handles, handles_);
+void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what) {
+  for (unsigned now = count(); now > most; now = count()) {
+    // For the report when CTest ends a test that waits for a leak.
+    std::printf("waiting: %u %s instead of %u\n", now, what, most);
     std::fflush(stdout);
+    Sleep(100);
   }
 }
 

@@ -10,11 +10,18 @@ unsigned CountThreads();
 // Blocks in use in the process heap, from which the module's C library allocates.
 std::size_t CountHeapBlocks();
 
-// Waits until there are no more than at construction and some: threads that have done their work
-// may still be ending, and libraries make a few handles when they are used first.
+// Waits until `count` gives no more than `most`: threads that have done their work may still be
+// ending.
+void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what);
+
+// The same against the counts at construction: libraries make a few handles when they are used
+// first.
 class LeakWatch {
  public:
-  void AwaitAtMost(unsigned more_threads, unsigned more_handles) const;
+  void AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
+    testing::AwaitAtMost(CountThreads, threads_ + more_threads, "threads");
+    testing::AwaitAtMost(CountHandles, handles_ + more_handles, "handles");
+  }
 
  private:
   const unsigned threads_ = CountThreads();
