@@ -45,20 +45,17 @@ Step StepOfTime(double least_seconds) {
 std::string TickText(std::int64_t units, const Step& step) {
   const std::int64_t seconds = units / step.divisor;
   char text[48];
-  int length =
-      seconds >= 3600
-          ? std::snprintf(text, sizeof text, "%lld:%02d:%02d",
-                          static_cast<long long>(seconds / 3600),
-                          static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60))
-          : std::snprintf(text, sizeof text, "%d:%02d", static_cast<int>(seconds / 60),
-                          static_cast<int>(seconds % 60));
-  if (step.divisor > 1) {
-    int decimals = 0;
-    for (std::int64_t d = step.divisor; d > 1; d /= 10) ++decimals;
-    std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), ".%0*lld",
-                  decimals, static_cast<long long>(units % step.divisor));
+  if (seconds >= 3600) {
+    std::snprintf(text, sizeof text, "%lld:%02d:%02d", static_cast<long long>(seconds / 3600),
+                  static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
+  } else {
+    std::snprintf(text, sizeof text, "%d:%02d", static_cast<int>(seconds / 60),
+                  static_cast<int>(seconds % 60));
   }
-  return text;
+  if (step.divisor == 1) return text;
+  // The digits behind the one that the divisor puts in front.
+  const std::string decimals = std::to_string(step.divisor + units % step.divisor).substr(1);
+  return std::string(text) + "." + decimals;
 }
 
 }  // namespace

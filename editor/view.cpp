@@ -66,7 +66,8 @@ std::int64_t View::WidestFrames() const {
 }
 
 void View::ZoomAt(int x, double factor) {
-  const std::int64_t frame = FrameAt(x);
+  // The middle of the pixel, so that several steps do not add up to a drift.
+  const std::int64_t frame = std::min(FrameAt(x) + zoom_.frames / 2, length_);
   const double now = static_cast<double>(zoom_.frames) / static_cast<double>(zoom_.pixels);
   Zoom next = NearestZoom(now / factor);
   if (next == zoom_) {
@@ -97,10 +98,13 @@ void View::ShowAll() {
 void View::ShowRange(Range range) {
   if (range.empty()) return;
   const double frames_per_pixel = static_cast<double>(range.length()) / width_;
-  // The range has to fit, so the grid's step above it is taken.
-  zoom_ = frames_per_pixel > 1
-              ? Zoom{DivideUp(range.length(), width_), 1}
-              : Zoom{1, std::clamp<std::int64_t>(width_ / range.length(), 1, kMaxPixelsPerFrame)};
+  // The range has to fit, so the grid's step above it is taken; its begin may lie within a pixel.
+  if (frames_per_pixel > 1) {
+    const int room = std::max(1, width_ - 1);
+    zoom_ = {std::min(DivideUp(range.length(), room), WidestFrames()), 1};
+  } else {
+    zoom_ = {1, std::clamp<std::int64_t>(width_ / range.length(), 1, kMaxPixelsPerFrame)};
+  }
   ScrollTo(range.begin * zoom_.pixels / zoom_.frames);
 }
 
