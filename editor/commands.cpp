@@ -366,6 +366,7 @@ void EditorWindow::MakeSound(int id) {
                                     : rest,
                     id == ID_LOOP);
   }
+  shown_playhead_ = transport_.position();
   peaks_.clear();
   InvalidateAll();
   WatchTimer();

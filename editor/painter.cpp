@@ -1,6 +1,7 @@
 #include "editor/painter.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "host/wide_text.h"
@@ -137,7 +138,7 @@ void Painter::Paint(HDC target, const RECT& update, const Layout& layout, const 
     for (int channel = 0; channel < scene.waveform->channels(); ++channel) {
       const RECT lane = layout.Lane(channel, scene.waveform->channels());
       PaintLane(channel, lane);
-      PaintScale(channel, lane);
+      PaintScale(lane);
       PaintMeter(channel, lane);
     }
     PaintNames();
@@ -200,7 +201,7 @@ void Painter::PaintLane(int channel, const RECT& lane) {
           lane.left + view.PixelOf(scene_->selection.end), lane.bottom},
          theme_.selection);
   }
-  for (const float level : {0.5F, 0.25F}) {
+  for (const float level : scene_->decibels ? std::array{0.1F, 0.01F} : std::array{0.5F, 0.25F}) {
     for (const float value : {level, -level}) {
       Line(lane.left, YOf(value, lane), lane.right, YOf(value, lane), theme_.grid);
     }
@@ -268,7 +269,7 @@ void Painter::PaintPoints(int channel, const RECT& lane) {
   }
 }
 
-void Painter::PaintScale(int channel, const RECT& lane) {
+void Painter::PaintScale(const RECT& lane) {
   const RECT area = {layout_->gutter.left, lane.top, layout_->gutter.right, lane.bottom};
   if (!Touches(area)) return;
   const auto mark = [&](float value, const char* text) {
@@ -290,7 +291,6 @@ void Painter::PaintScale(int channel, const RECT& lane) {
     mark(-1, "-1.0");
     if (tall) mark(0.5F, "0.5"), mark(-0.5F, "-0.5");
   }
-  static_cast<void>(channel);
 }
 
 void Painter::PaintMeter(int channel, const RECT& lane) {

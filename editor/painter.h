@@ -96,7 +96,7 @@ class Painter {
   void PaintLane(int channel, const RECT& lane);
   void PaintColumns(int channel, const RECT& lane);
   void PaintPoints(int channel, const RECT& lane);
-  void PaintScale(int channel, const RECT& lane);
+  void PaintScale(const RECT& lane);
   void PaintMeter(int channel, const RECT& lane);
   void PaintPositions();
   void PaintStrip();
