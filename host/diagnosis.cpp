@@ -200,8 +200,14 @@ void ExamineEngines(Diagnosis& diagnosis) {
   if (kOwnBits == 32) IsWow64Process(GetCurrentProcess(), &on_64_bits);
   for (const int bits : {64, 32}) {
     if (bits != kOwnBits && kOwnBits == 32 && on_64_bits == FALSE) continue;
-    const Engine engine = {bits, FindBeside(diagnosis.program.path, bits),
-                           RegistryEntries(CLSID_CFileFilterMgr, bits)};
+    Engine engine = {bits, FindBeside(diagnosis.program.path, bits),
+                     RegistryEntries(CLSID_CFileFilterMgr, bits)};
+    // Some systems have one view for both; the entry belongs to the program's own.
+    if (bits != kOwnBits) {
+      std::erase_if(engine.registrations, [&](const Registration& registration) {
+        return std::ranges::count(diagnosis.registrations, registration) != 0;
+      });
+    }
     diagnosis.engines.push_back(engine);
     if (bits == kOwnBits) continue;
     for (const Registration& registration : engine.registrations) {

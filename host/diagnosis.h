@@ -25,6 +25,7 @@ struct ModuleFile {
 struct Registration {
   std::string kind;  // "manifest", "user" or "machine", in the order in which the system looks
   std::string module;
+  bool operator==(const Registration&) const = default;
 };
 
 // The module of one bitness: where it is, and where programs of that bitness find it.

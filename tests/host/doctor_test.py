@@ -102,15 +102,16 @@ class DoctorTest(unittest.TestCase):
         report = self.doctor()
         self.assertEqual([place["kind"] for place in report["registrations"]], ["manifest", "machine"])
         self.assertEqual(report["found_by"], "manifest")
+        # Wine creates nothing from that of a user.
+        self.register(MODULE, scope="user")
+        report = self.doctor(program=self.alone)
+        self.assertEqual((report["found_by"], report["registrations"]), ("machine", [
+            {"kind": "user", "module": windows(MODULE)}, {"kind": "machine", "module": windows(moved)}]))
+        wine("regsvr32", "/s", "/u", windows(MODULE), scope="user")
         for content, cause in [(image(96 - BITS), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
             moved.write_bytes(content) if content else moved.unlink()
             report = self.doctor(6, self.alone, f"the engine's module (machine: {windows(moved)})", cause)
             self.assertIsNone(report["module"])
-
-    def test_a_registration_for_the_user_is_named(self):
-        # Wine creates nothing from it, so the module counts as missing here.
-        self.register(MODULE, scope="user")
-        self.assertEqual(self.doctor(6, self.alone)["registrations"], [{"kind": "user", "module": windows(MODULE)}])
 
     @unittest.skipIf(BITS == 32, "runs programs of 32 bits alone")
     def test_the_module_of_the_other_bitness_is_shown_and_a_registration_of_it_that_leads_nowhere_is_a_problem(self):
