@@ -159,11 +159,14 @@ VIAddVersionKey LegalCopyright ""
         System::Call 'kernel32::lstrcatW(p r2, w ";")'
       ${EndIf}
       System::Call 'shlwapi::StrStrIW(p r2, w ";$R2") p .r5'
+      StrCpy $8 same
       ${If} $R9 == add
       ${AndIf} $5 == 0
+        StrCpy $8 changed
         System::Call 'kernel32::lstrcatW(p r2, w R2)'
       ${ElseIf} $R9 != add
       ${AndIf} $5 != 0
+        StrCpy $8 changed
         StrLen $6 $R2
         IntOp $6 $6 * 2
         IntPtrOp $7 $5 + $6
@@ -173,7 +176,8 @@ VIAddVersionKey LegalCopyright ""
         System::Call 'ntdll::memmove(p r5, p r7, p r6)'
       ${EndIf}
       System::Call 'kernel32::lstrlenW(p r2) i .r6'
-      ${If} $6 > 1
+      ${If} $8 == same
+      ${ElseIf} $6 > 1
         IntOp $6 $6 - 1
         IntOp $6 $6 * 2
         IntPtrOp $7 $2 + $6
@@ -182,7 +186,9 @@ VIAddVersionKey LegalCopyright ""
       ${Else}
         System::Call 'advapi32::RegDeleteValueW(p r1, w "Path")'
       ${EndIf}
-      SendMessage ${HWND_BROADCAST} ${WM_SETTINGCHANGE} 0 "STR:Environment" /TIMEOUT=1000
+      ${If} $8 == changed
+        SendMessage ${HWND_BROADCAST} ${WM_SETTINGCHANGE} 0 "STR:Environment" /TIMEOUT=1000
+      ${EndIf}
     ${EndIf}
     System::Free $2
     System::Call 'advapi32::RegCloseKey(p r1)'

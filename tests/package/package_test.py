@@ -215,6 +215,7 @@ class PackageTest(unittest.TestCase):
         for pattern in (r"frames +529200", "DisplayName +REG_SZ +Tessaly audio engine", "Programs/Tessaly/Tessaly console.lnk\n",
                         r'QuietUninstallString +REG_SZ +"C:\\Program Files\\Tessaly\\uninstall.exe" /S'):
             self.assertRegex(output[-1], pattern)
+        self.assertEqual("Tessaly editor.lnk" in output[-1], (self.folder / "x64/marlinda-editor.exe").exists())
         for path in self.folder.rglob("*"):
             self.assertIn(f"./{path.relative_to(self.folder)}\n", output[-1])
         self.assertNothingLeft()
