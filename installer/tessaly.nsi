@@ -289,9 +289,7 @@ Section "Entries in the Start menu"
   CreateDirectory "$SMPROGRAMS\${NAME}"
   CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} console.lnk" "$INSTDIR\console.cmd"
   CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} documents.lnk" "$INSTDIR\docs"
-  ${If} ${FileExists} "$INSTDIR\x64\marlinda-editor.exe"
-    CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} editor.lnk" "$INSTDIR\x64\marlinda-editor.exe"
-  ${EndIf}
+  CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} editor.lnk" "$INSTDIR\x64\marlinda-editor.exe"
   SetOutPath "$TEMP"
 SectionEnd
 
