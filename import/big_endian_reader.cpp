@@ -11,14 +11,10 @@
 namespace marlinda {
 namespace {
 
-constexpr int kMaxChunks = 65536;
 constexpr std::size_t kCommonBytes = 18;
 constexpr std::size_t kAuHeaderBytes = 24;
-constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
 using Bytes = std::span<const std::byte>;
-
-std::string_view IdAt(Bytes bytes, std::size_t offset) { return AsText(bytes.subspan(offset, 4)); }
 
 // The rate of an AIFF file is an 80-bit float: sign and exponent, then all bits of the fraction.
 // 0 when it is no rate that can be.

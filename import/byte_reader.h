@@ -9,6 +9,11 @@
 
 namespace marlinda {
 
+// More chunks than any file has that was not made to keep a reader busy.
+inline constexpr int kMaxChunks = 65536;
+// A size that stands elsewhere or nowhere, as in a file that was written to a pipe.
+inline constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
+
 // Each reads at `offset`; the caller has checked that the bytes are there.
 template <int kBytes>
 constexpr std::uint64_t ReadLittle(std::span<const std::byte> bytes, std::size_t offset) noexcept {
@@ -48,6 +53,11 @@ inline double LittleF64(std::span<const std::byte> bytes, std::size_t offset) no
 // The bytes as the characters that they are.
 inline std::string_view AsText(std::span<const std::byte> bytes) noexcept {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// The four characters that name a chunk.
+inline std::string_view IdAt(std::span<const std::byte> bytes, std::size_t offset) noexcept {
+  return AsText(bytes.subspan(offset, 4));
 }
 
 }  // namespace marlinda

@@ -12,12 +12,8 @@ namespace {
 
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
-// More chunks than any file has that was not made to keep a reader busy.
-constexpr int kMaxChunks = 65536;
 // Of cue points and texts in all; more are left out.
 constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
-// In an RF64 file and in one that was written to a pipe: the size stands elsewhere or nowhere.
-constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
 constexpr std::size_t kCuePointBytes = 24;
 constexpr std::size_t kRegionHeaderBytes = 20;
@@ -25,8 +21,6 @@ constexpr std::size_t kAcidBytes = 24;
 constexpr std::size_t kYearCharacters = 4;
 
 using Bytes = std::span<const std::byte>;
-
-std::string_view IdAt(Bytes bytes, std::size_t offset) { return AsText(bytes.subspan(offset, 4)); }
 
 // The text of a chunk ends with its first NUL or with the chunk.
 std::string TextOf(Bytes bytes) {
