@@ -19,7 +19,7 @@ namespace marlinda {
 namespace {
 
 constexpr WORD kStreamNumber = 1;
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
+constexpr std::uint64_t kWmTicksPerSecond = 10'000'000;
 
 // The library is an optional part of the system, so it is looked up when a file is wanted.
 class WindowsMedia {
@@ -137,7 +137,7 @@ class WmaFile final : public EncodedFile {
     Check(buffer->GetBuffer(&data));
     std::memcpy(data, pcm.data(), pcm.size());
     Check(buffer->SetLength(static_cast<DWORD>(pcm.size())));
-    Check(writer_->WriteSample(0, position_ * kTicksPerSecond / samples_per_sec_, 0, buffer.Get()));
+    Check(writer_->WriteSample(0, position_ * kWmTicksPerSecond / samples_per_sec_, 0, buffer.Get()));
     position_ += pcm.size() / bytes_per_frame_;
   }
 
