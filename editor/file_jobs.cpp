@@ -29,15 +29,6 @@ void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
 
-ComPtr<IAudioPool> NewPool() {
-  auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  const HRESULT made = TryPoolFiles(pool.Get());
-  if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
-  // Floats keep every bit of what the filter decodes.
-  Check(pool->SetBitDepth(32, 0));
-  return pool;
-}
-
 std::int64_t AtRate(std::int64_t position, LONG from, LONG to) {
   return position / from * to + position % from * to / from;
 }
@@ -200,7 +191,7 @@ void ExportJob::Begin(const Document& document, HWND owner) {
     throw HostError(ExitStatus::kUsage, file_, "no export filter writes files of this kind",
                     "Choose a name that ends in .wav, .mp3 or .wma.");
   }
-  RequireWritablePlace(file_, "");
+  RequireWritablePlace(file_, {});
   VARIANT_BOOL has_settings = VARIANT_FALSE;
   Check(filter_->QueryHasSettingsDlg(kind.get(), &has_settings));
   if (has_settings != VARIANT_FALSE) {

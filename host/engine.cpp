@@ -186,14 +186,18 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
   return reason;
 }
 
-Source::Source(const std::string& file) : file_(file) {
+Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   RequireReadable(file);
   const Bstr engine_name(EngineNameOfInput(file));
   filter_ = ChooseFilter(file, engine_name.get());
   identity_ = IdentityOf(filter_.Get());
 
-  pool_ = NewPool();
-  const HRESULT hr = filter_->Initialize(engine_name.get(), Query<IAudioWriter>(pool_.Get()).Get());
+  ComPtr<IAudioWriter> writer = target;
+  if (!writer) {
+    pool_ = NewPool();
+    writer = Query<IAudioWriter>(pool_.Get());
+  }
+  const HRESULT hr = filter_->Initialize(engine_name.get(), writer.Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
   }

@@ -114,8 +114,9 @@ ImportedAudio LastTake(IAudioPool* pool);
 // An input file, the filter that reads it and the pool it is read into.
 class Source {
  public:
-  // Asks the filter manager and, when that has no filter for the file, the built-in filters.
-  explicit Source(const std::string& file);
+  // Asks the filter manager and, when that has no filter for the file, the built-in filters. With a
+  // target of its own the source has no pool, and the caller runs the import.
+  explicit Source(const std::string& file, IAudioWriter* target = nullptr);
 
   const std::string& file() const { return file_; }
   IUnknown* filter_object() const { return filter_.Get(); }
