@@ -225,15 +225,6 @@ TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
   EXPECT_EQ(writer_->samples.size(), 100U);
 }
 
-TEST_F(DShowImport, ReadsAFileThatAnotherProgramHasOpenForWriting) {
-  const std::wstring path = Write(L"a.wav", WavFile(10));
-  const FileHandle other(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                     OPEN_EXISTING, 0, nullptr));
-  ASSERT_TRUE(other);
-  Import(path);
-  EXPECT_THAT(writer_->samples, SizeIs(20));
-}
-
 TEST_F(DShowImport, ReportsNothingBeforeItHasAFile) {
   EXPECT_THAT(Format(), Each(0));
   EXPECT_EQ(Total(), 0);
@@ -323,18 +314,19 @@ TEST_F(DShowImport, GivesUpFiltersThatHang) {
   }
 }
 
-TEST_F(DShowImport, EndsCleanlyWithWhatADamagedFileHolds) {
+TEST_F(DShowImport, ReadsWhatADamagedOrUnfinishedFileHolds) {
   riff::Bytes film = AviFile();
   film.resize(film.size() / 2);
   Import(Write(L"film.avi", film));
   EXPECT_GT(writer_->samples.size(), kFrames / 3);
   EXPECT_LE(writer_->samples.size(), kFrames / 2 + 2000);
   EXPECT_TRUE(writer_->closed);
-  riff::Bytes plain = WavFile();
-  plain.resize(4044);
-  Import(Write(L"plain.wav", plain));
-  EXPECT_EQ(writer_->samples.size(), 2U * 1000);
-  EXPECT_EQ(Progress(), 1.0F);
+  const std::wstring path = Write(L"a.wav", WavFile(10));
+  const FileHandle other(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                     OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(other) << "the program that writes it";
+  Import(path);
+  EXPECT_THAT(writer_->samples, SizeIs(20));
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ class FileFilterMgr : public ::testing::Test {
     CopyKey(kSavedKey, kListKey);
   }
 
-  // Listed in the order of the calls: names that sort in it, too, for systems that sort.
+  // Listed in the order of the calls: names of two digits that sort in it, for systems that sort.
   void List(const std::wstring& text, DWORD type = REG_SZ) {
     const std::wstring name = L"filter " + std::to_wstring(++count_);
     EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kListKey, name.c_str(), type, text.c_str(),
@@ -124,7 +124,7 @@ class FileFilterMgr : public ::testing::Test {
     return text.str();
   }
 
-  int count_ = 0;
+  int count_ = 10;
   ComPtr<IFileFilterMgr> manager_ = Create<IFileFilterMgr>(CLSID_CFileFilterMgr);
 };
 

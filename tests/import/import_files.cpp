@@ -1,7 +1,7 @@
 // Imports every file of a folder through CDShowImport, in one process, and leaves the samples
 // beside it as raw floats, for comparison with what other programs decode:
 //   import_files FOLDER
-// For each file one line: name, result, rate, channels, bits, promised frames.
+// For each file one line: name, result, rate, channels, frames.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -19,17 +19,12 @@ void ImportFile(const std::filesystem::path& path) {
   std::cout << path.filename().string() << ' ' << std::hex << filter->QueryCanLoad(name)
             << std::dec;
   if (filter->Initialize(name, writer.Get()) == S_OK) {
-    LONG rate = 0;
-    SHORT channels = 0;
-    SHORT bits = 0;
-    As<IExFormatInfo>(filter)->GetFormat(&rate, &channels);
-    As<IExFormatInfo>(filter)->GetBitsPerSample(&bits);
     const auto task = As<ICoreTask>(filter);
     task->Start();
     if (!WaitForTask(task.Get())) throw HResultError(E_FAIL);
     __int64 frames = 0;
     filter->GetSourceSampleCount(&frames);
-    std::cout << ' ' << rate << ' ' << channels << ' ' << bits << ' ' << frames;
+    std::cout << ' ' << writer->samples_per_sec << ' ' << writer->channels << ' ' << frames;
     std::ofstream raw(path.string() + ".raw", std::ios::binary);
     raw.write(reinterpret_cast<const char*>(writer->samples.data()),
               static_cast<std::streamsize>(writer->samples.size() * sizeof(float)));
@@ -45,9 +40,10 @@ int main(int argc, char** argv) {
   if (argc != 2) return 2;
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   ModuleUnderTest::Load();
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) files.push_back(entry);
-  for (const auto& file : files) ImportFile(file);
+  const std::filesystem::directory_iterator folder(argv[1]);
+  for (const auto& file : std::vector<std::filesystem::path>(begin(folder), end(folder))) {
+    ImportFile(file);
+  }
   const bool unused = ModuleUnderTest::RevokeAndSeeUnused();
   CoUninitialize();
   return unused ? 0 : 1;
