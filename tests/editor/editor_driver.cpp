@@ -225,6 +225,8 @@ std::string Obey(const Words& words) {
         MAKELPARAM((place.left + place.right) / 2, (place.top + place.bottom) / 2);
     SendMessageW(editor, WM_MOUSEWHEEL, MAKEWPARAM(number(1), number(2) * WHEEL_DELTA), middle);
     SendMessageW(editor, WM_PAINT, 0, 0);
+  } else if (order == "close") {
+    PostMessageW(editor, WM_CLOSE, 0, 0);
   } else {
     return "unknown order";
   }

@@ -22,7 +22,7 @@ from program import WINE, run, windows
 from sound import RATE, kill_server, sound_server, wait_until
 from sound_test import Heard, sound
 
-SPACE, END, DELETE, PLUS = 32, 35, 46, 107
+SPACE, END, HOME, DELETE, PLUS = 32, 35, 36, 46, 107
 MOVE, LEFT_DOWN, LEFT_UP, MIDDLE_DOWN, MIDDLE_UP = 0x200, 0x201, 0x202, 0x207, 0x208
 OK, CANCEL, NO = 1, 2, 7
 FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's own
@@ -225,6 +225,12 @@ class EditorTest(unittest.TestCase):
     def test_files_follow_one_another_and_failures_are_explained(self):
         editor = self.start(self.source, self.source)
         editor.picture("whole-file")
+        other = self.folder / "other.wav"
+        program.tool("sox", "-D", "-n", "-r", 48000, "-c", 1, "-b", 16, other, "synth", 2, "sine", 440)
+        editor.press(END)
+        editor.press("ctrl", key("I"))
+        editor.answer("Insert files", OK, FILE_NAME, windows(other))
+        editor.ask("await", f"channels, {10 * RATE}")
         broken = self.folder / "broken.wav"
         broken.write_bytes(b"RIFF, but no more")
         editor.press("ctrl", key("I"))
@@ -232,10 +238,14 @@ class EditorTest(unittest.TestCase):
         said = editor.answer("Marlinda Editor", OK)
         self.assertIn("broken.wav", said)
         self.assertIn("no import filter", said)
-        self.assertEqual(editor.frames(), 8 * RATE)
+        self.assertEqual(editor.frames(), 10 * RATE)
+        editor.press(HOME)
         for _ in range(14):
             editor.press(PLUS)
         editor.picture("zoomed-to-samples")
+        editor.ask("close")
+        self.assertIn("in no file yet", editor.answer("Marlinda Editor", NO))
+        self.assertEqual(editor.process.wait(), 0)
 
     def test_a_loop_follows_the_selection_and_a_lost_device_is_explained(self):
         with sound_server(pipes=False) as environment, Editor(self.source, environment=environment) as editor:
@@ -253,6 +263,7 @@ class EditorTest(unittest.TestCase):
 
     def test_a_hundred_documents_leave_nothing_behind(self):
         editor = self.start()
+        editor.picture("empty")
         counts = []
         for round in range(110):
             editor.press("ctrl", key("O"))
