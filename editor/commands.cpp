@@ -350,7 +350,7 @@ void EditorWindow::MakeSound(int id) {
       message_ = "Cancelled";
     } else {
       ChooseMark({});
-      Select(cursor(), cursor());
+      Select(range.begin, range.begin);
     }
   } else if (!transport_.IsIdle() && id != ID_RECORD) {
     const bool scrubbing = transport_.IsScrubbing();
