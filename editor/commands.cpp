@@ -394,8 +394,17 @@ void EditorWindow::Navigate(int id) {
   constexpr std::int64_t kPixels = 4;
   const std::int64_t step = zoom.pixels > 1 ? 1 : kPixels * zoom.frames;
   const std::int64_t page = std::max<std::int64_t>(1, view_.visible().length() / 4);
-  const int middle = view_.PixelOf(cursor());
-  const int at = middle >= 0 && middle < view_.width() ? middle : view_.width() / 2;
+  const auto zoom_by = [&](double factor) {
+    const int x = view_.PixelOf(cursor());
+    const bool visible = x >= 0 && x < view_.width();
+    Scroll([&] {
+      if (visible) {
+        view_.ZoomAround(cursor(), x, factor);
+      } else {
+        view_.ZoomAt(view_.width() / 2, factor);
+      }
+    });
+  };
   switch (extend ? id - ID_EXTEND : id) {
     case ID_HOME:
       return MoveHead(0, extend);
@@ -410,9 +419,9 @@ void EditorWindow::Navigate(int id) {
     case ID_PAGE_RIGHT:
       return MoveHead(cursor() + page, extend);
     case ID_ZOOM_IN:
-      return Scroll([&] { view_.ZoomAt(at, 2); });
+      return zoom_by(2);
     case ID_ZOOM_OUT:
-      return Scroll([&] { view_.ZoomAt(at, 0.5); });
+      return zoom_by(0.5);
     case ID_ZOOM_ALL:
       return Scroll([&] { view_.ShowAll(); });
     case ID_ZOOM_SELECTION:

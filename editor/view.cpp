@@ -67,7 +67,10 @@ std::int64_t View::WidestFrames() const {
 
 void View::ZoomAt(int x, double factor) {
   // The middle of the pixel, so that several steps do not add up to a drift.
-  const std::int64_t frame = std::min(FrameAt(x) + zoom_.frames / 2, length_);
+  ZoomAround(std::min(FrameAt(x) + zoom_.frames / 2, length_), x, factor);
+}
+
+void View::ZoomAround(std::int64_t frame, int x, double factor) {
   const double now = static_cast<double>(zoom_.frames) / static_cast<double>(zoom_.pixels);
   Zoom next = NearestZoom(now / factor);
   if (next == zoom_) {

@@ -51,6 +51,8 @@ class View {
 
   // Zooms by `factor` (2 shows half as much) and keeps the frame under `x` there.
   void ZoomAt(int x, double factor);
+  // The same for a frame that is to be at `x` afterwards.
+  void ZoomAround(std::int64_t frame, int x, double factor);
   void SetZoom(Zoom zoom);
   void ShowAll();
   // Zooms so that the range fills the window.

@@ -51,6 +51,18 @@ TEST(View, ZoomingKeepsTheFrameUnderTheMouse) {
   }
 }
 
+TEST(View, ZoomingAroundTheCursorNeverMovesIt) {
+  View view = ViewOf(kTenHours, 1920);
+  for (const std::int64_t cursor : {std::int64_t{0}, kTenHours / 3}) {
+    view.ShowAll();
+    const int x = view.PixelOf(cursor);
+    while (view.zoom().pixels < View::kMaxPixelsPerFrame) {
+      view.ZoomAround(cursor, view.PixelOf(cursor), 2);
+      ASSERT_EQ(view.PixelOf(cursor), x);
+    }
+  }
+}
+
 TEST(View, ColumnsLieOnAGridThatScrollingDoesNotMove) {
   View view = ViewOf(kTenHours, 1920);
   view.ShowRange({1'000'003, 9'000'007});
