@@ -161,10 +161,10 @@ std::string Obey(const Words& words) {
   const std::string& order = words[0];
   const auto number = [&](std::size_t i) { return std::stoi(words.at(i)); };
   if (order == "find") {
-    WaitUntil([] { return (editor = FindWindowW(L"MarlindaEditor", nullptr)) != nullptr; });
-    WaitUntil([] { return IsWindowVisible(editor) != FALSE; });
+    editor = FindWindowW(L"MarlindaEditor", nullptr);
+    if (editor == nullptr || IsWindowVisible(editor) == FALSE) return "none";
     SetForegroundWindow(editor);
-    return std::to_string(EditorProcess());
+    return "found";
   }
   if (order == "title") return TextOf(editor);
   if (order == "status") return Status();

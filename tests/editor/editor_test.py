@@ -63,7 +63,8 @@ class Editor:
         self.process = subprocess.Popen([WINE, EDITOR, *words], env=environment, stdin=subprocess.DEVNULL)
         self.driver = subprocess.Popen([WINE, DRIVER], env=environment, text=True, stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE)
-        self.ask("find")
+        wait_until(lambda: self.ask("find") == "found" or self.process.poll() is not None, "the window")
+        assert self.process.poll() is None, f"the editor ended with {self.process.returncode}"
         self.ask("size", 1200, 640)
 
     def __enter__(self):
