@@ -137,7 +137,8 @@ class WmaFile final : public EncodedFile {
     Check(buffer->GetBuffer(&data));
     std::memcpy(data, pcm.data(), pcm.size());
     Check(buffer->SetLength(static_cast<DWORD>(pcm.size())));
-    Check(writer_->WriteSample(0, position_ * kWmTicksPerSecond / samples_per_sec_, 0, buffer.Get()));
+    Check(
+        writer_->WriteSample(0, position_ * kWmTicksPerSecond / samples_per_sec_, 0, buffer.Get()));
     position_ += pcm.size() / bytes_per_frame_;
   }
 
