@@ -145,6 +145,7 @@ TEST(VorbisStream, OpensAFileWithMuchBehindItAndOneOfMoreThanTwoGigabytes) {
   EXPECT_TRUE(ReadToEnd(*Made(file, 100'000'000U).stream).samples == whole.samples);
   const auto middle = file.begin() + MiddlePage(file).first;
   const Made huge(Bytes(file.begin(), middle), 2'200'000'000U, Bytes(middle, file.end()));
+  ASSERT_NE(huge.stream, nullptr);
   EXPECT_EQ(huge.stream->readable_frames(), 44100);
   EXPECT_TRUE(ReadToEnd(*huge.stream).samples == whole.samples);
 }
@@ -197,8 +198,6 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   std::size_t samples = 0;
   while (const std::size_t count = chain.stream->Read(block)) samples += count;
   EXPECT_EQ(samples, 600U * 24000 * 6);
-  EXPECT_EQ(ReadToEnd(*Made(ManyLinks(ReadData("rate_8000.ogg"), 3)).stream).samples.size(),
-            24000U);
   EXPECT_NE(Made(ManyLinks(WithCodebooks(1, 1, 0), 1000)).stream, nullptr);
   EXPECT_EQ(Made(ManyLinks(WithCodebooks(1, 1, 0), 1001)).stream, nullptr);
 }
