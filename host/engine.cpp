@@ -322,7 +322,6 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
                     "Choose fewer bits, or cut the audio into several files.");
   }
 
-  RequireText();
   // Before an existing file is emptied for nothing.
   if (console.Interrupted()) {
     throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
@@ -353,21 +352,6 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   throw HostError(ExitStatus::kOutput, file_,
                   "the file could not be written whole, so it was removed",
                   "The disk may be full: free some space there, or choose another disk.");
-}
-
-void WaveExport::RequireText() const {
-  if (replaces_text_) return;
-  const auto require = [&](const std::string& text) {
-    if (FitsCodePage(Widen(text))) return;
-    throw HostError(ExitStatus::kOutput, file_,
-                    "\"" + text + "\" has characters that the texts of a WAV file cannot hold here",
-                    "--replace-text writes \"?\" for each of them.");
-  };
-  for (const auto* text : {&tags_.title, &tags_.artist, &tags_.album, &tags_.year, &tags_.genre}) {
-    require(*text);
-  }
-  for (const Label& label : annotations_.labels) require(label.name);
-  for (const SectionMarker& marker : annotations_.markers) require(marker.name);
 }
 
 void WaveExport::HandOver() {

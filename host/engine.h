@@ -154,8 +154,6 @@ class WaveExport {
   // Texts beside the audio; to be set before Run.
   void SetTags(const Tags& tags) { tags_ = tags; }
   void SetAcidData(const AcidData& acid) { acid_ = acid; }
-  // Writes "?" for characters that the system's code page does not have; otherwise Run throws.
-  void SetReplacesText(bool replaces) { replaces_text_ = replaces; }
   void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
 
   // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
@@ -168,7 +166,6 @@ class WaveExport {
   IUnknown* filter_object() const { return filter_.Get(); }
 
  private:
-  void RequireText() const;
   void HandOver();
   std::optional<WaveFileFacts> Examine() const;
 
@@ -177,7 +174,6 @@ class WaveExport {
   Tags tags_;
   Annotations annotations_;
   std::optional<AcidData> acid_;
-  bool replaces_text_ = false;
 };
 
 }  // namespace marlinda

@@ -19,7 +19,6 @@ struct ConvertOptions {
   // Those of the input unless given.
   std::optional<int> rate;
   std::optional<int> channels;
-  bool replace_text = false;
   bool json = false;
 };
 
@@ -52,7 +51,6 @@ class Connector {
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
   WaveExport wave(options.output, {options.input});
-  wave.SetReplacesText(options.replace_text);
   const int bits = OutputBits(options.bits, source);
   // Into a pool even where the format changes: the connector needs the length in advance, and a
   // filter may only estimate it.
@@ -93,7 +91,6 @@ void AddConvert(CLI::App& app, Console& console) {
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the input unless given");
-  AddReplaceText(command, options->replace_text);
   AddProgress(command, console);
   AddJson(command, options->json);
 }

@@ -8,6 +8,7 @@
 #include "host/document_picture.h"
 #include "host/engine.h"
 #include "host/joined_source.h"
+#include "host/wide_text.h"
 
 namespace marlinda {
 namespace {
@@ -59,6 +60,13 @@ ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
   return result;
 }
 
+// The engine's texts are in the system's code page, which loses other characters without an error.
+void RequireText(const std::string& text) {
+  if (FitsCodePage(Widen(text))) return;
+  throw HostError(ExitStatus::kUsage, text, "a WAV file cannot hold all of these characters here",
+                  "Choose other ones, or let --replace-text write \"?\" for them.");
+}
+
 void Cut(const CutOptions& options, const Console& console) {
   try {
     CheckSyntax(options.request);
@@ -68,7 +76,6 @@ void Cut(const CutOptions& options, const Console& console) {
   const auto [inputs, output] = SplitFiles("cut", options.files);
   JoinedSource source(inputs);
   WaveExport wave(output, inputs);
-  wave.SetReplacesText(options.replace_text);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, inputs);
   const ImportedAudio audio = source.Import({}, {}, console);
@@ -79,6 +86,10 @@ void Cut(const CutOptions& options, const Console& console) {
     throw UsageError("cut", error.what());
   }
 
+  if (!options.replace_text) {
+    for (const Label& label : plan.annotations.labels) RequireText(label.name);
+    for (const SectionMarker& marker : plan.annotations.markers) RequireText(marker.name);
+  }
   const int bits = OutputBits(options.bits, source.first());
   const auto document = Assemble(plan, audio, source.annotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
@@ -127,7 +138,8 @@ void AddCut(CLI::App& app, Console& console) {
   command->add_option("--plot", options->picture.file, "Draw the result as a picture as well")
       ->type_name("OUT.png");
   AddBits(command, options->bits, kSourceBits);
-  AddReplaceText(command, options->replace_text);
+  command->add_flag("--replace-text", options->replace_text,
+                    "Write \"?\" for characters outside the system's code page");
   AddProgress(command, console);
   AddJson(command, options->json);
 }

@@ -18,7 +18,6 @@ struct JoinOptions {
   // Those of the first file unless given.
   std::optional<int> rate;
   std::optional<int> channels;
-  bool replace_text = false;
   bool json = false;
 };
 
@@ -26,7 +25,6 @@ void Join(const JoinOptions& options, const Console& console) {
   const auto [inputs, output] = SplitFiles("join", options.files);
   JoinedSource source(inputs);
   WaveExport wave(output, inputs);
-  wave.SetReplacesText(options.replace_text);
   const ImportedAudio audio = source.Import(options.rate, options.channels, console);
   wave.SetTags(source.first().ReadTags());
   wave.SetAnnotations(source.annotations());
@@ -46,7 +44,6 @@ void AddJoin(CLI::App& app, Console& console) {
   AddFiles(command, options->files);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the first file unless given");
-  AddReplaceText(command, options->replace_text);
   AddProgress(command, console);
   AddJson(command, options->json);
 }

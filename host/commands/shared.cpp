@@ -54,11 +54,6 @@ std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
   return {std::move(files), std::move(output)};
 }
 
-void AddReplaceText(CLI::App* command, bool& replace) {
-  command->add_flag("--replace-text", replace,
-                    "Write \"?\" for characters that the texts of a WAV file cannot hold");
-}
-
 void AddFiles(CLI::App* command, std::string& input, std::string& output) {
   command->add_option("IN", input, "Audio file to read")->required();
   AddOutput(command, output);

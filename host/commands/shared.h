@@ -26,7 +26,6 @@ void AddProgress(CLI::App* command, Console& console);
 void AddFiles(CLI::App* command, std::vector<std::string>& files);
 std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
                                                             std::vector<std::string> files);
-void AddReplaceText(CLI::App* command, bool& replace);
 // IN and OUT.wav.
 void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);

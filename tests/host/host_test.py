@@ -131,7 +131,7 @@ class HostTest(unittest.TestCase):
         for file, says in [
             (self.folder / "missing.ogg", "does not exist"),
             (self.folder / "nowhere" / "missing.ogg", "folder does not exist"),
-            (self.folder, "access is denied"),
+            (self.folder, "this is a folder"),
             (empty, "no import filter"),
             (text, "no import filter"),
         ]:
@@ -256,6 +256,40 @@ class HostTest(unittest.TestCase):
         self.succeed("convert", self.ogg, self.out, "--rate", str(RATE), program=alone)
         self.assertEqual(self.frames_of(self.out), self.samples)
         self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
+
+    def test_join_keeps_pitch_length_and_labels_of_files_in_other_formats(self):
+        self.succeed("cut", self.ogg, self.out, "--keep", ":1", "--label", "0.5:Half")
+        other = self.music("other", "sine", 1000)
+        mono = self.folder / "mono.wav"
+        self.succeed("convert", other, mono, "--rate", "48000", "--channels", "1")
+        whole = self.folder / "whole.wav"
+        report = json.loads(self.succeed("join", self.out, mono, self.out, whole, "--json"))
+        self.assertEqual((report["frames"], report["sample_rate"], report["channels"], len(report["inputs"])),
+                         (3 * RATE, RATE, 2, 3))
+        self.assertEqual([label["position"] for label in report["labels"]], [RATE // 2, 2 * RATE + RATE // 2])
+        data = self.frames_of(whole)
+        self.assertEqual(data[:4 * RATE], self.piece(0, RATE))
+        self.assertEqual(data[8 * RATE:], self.piece(0, RATE))
+        tone = array.array("h", data[4 * RATE:8 * RATE])[::2]
+        self.assertAlmostEqual(sum(a < 0 <= b for a, b in zip(tone, tone[1:])), 1000, delta=1)
+        self.succeed("cut", self.out, mono, whole, "--keep", "0.5:1.5")
+        self.assertEqual(self.frames_of(whole)[:2 * RATE], self.piece(RATE // 2, RATE))
+
+    def test_text_outside_the_code_page_is_refused_or_replaced(self):
+        cut = ["cut", self.ogg, self.out, "--keep", ":1", "--label", "0:日本"]
+        self.fail_with(2, *cut, says="日本")
+        self.assertFalse(self.out.exists())
+        report = json.loads(self.succeed(*cut, "--replace-text", "--json"))
+        self.assertEqual(report["frames"], RATE)
+
+    def test_messages_say_what_to_type(self):
+        for status, arguments, says in (
+                (2, ["convert", self.ogg], "See \"marlinda convert --help\""),
+                (2, ["convert", "-x.wav", self.out], "Put \"--\" before file names"),
+                (3, ["info", "com1"], "belongs to a device"),
+                (4, ["convert", self.ogg, "CON.wav"], "belongs to a device")):
+            self.fail_with(status, *arguments, says=says)
+        self.assertEqual(self.succeed("help", "cut"), self.succeed("cut", "--help"))
 
     def test_cut_joins_the_pieces_to_the_frame(self):
         self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "1000f:2001f", "--keep", ":0.1")
@@ -409,7 +443,7 @@ class HostTest(unittest.TestCase):
 
     def test_cut_keeps_and_reports_the_audio_when_its_picture_cannot_be_written(self):
         png = self.folder / "out.png"
-        png.mkdir()
+        png.symlink_to("nowhere/out.png")
         for json_option in ([], ["--json"]):
             status, output, messages = run("cut", self.ogg, self.out, "--keep", "1:2", "--plot", png,
                                            *json_option)
@@ -479,7 +513,7 @@ class HostTest(unittest.TestCase):
                 report = json.loads(run(command, *arguments, "--json")[1])
                 section = re.search(rf"^### `{command}`\n(.*?)(?=^###? )", page, re.M | re.S)[1]
                 if command == "cut":  # described together with convert
-                    self.assertIn("`convert` and `cut` report", section)
+                    self.assertIn("`convert`, `cut` and `join` report", section)
                 block = section.split("JSON:\n")[1]
                 self.assertEqual(list(report)[0], "schema_version")
                 self.assertEqual(report.pop("schema_version"), 2)
