@@ -55,7 +55,7 @@ void EncodeMusic(const std::string& path) {
   std::minstd_rand random(1);
   std::uniform_real_distribution<float> noise(-0.1F, 0.1F);
   constexpr int kBlockFrames = 4096;
-  // A block without frames tells the encoder that all is said.
+  // A block without frames ends the stream.
   int count = -1;
   for (std::int64_t done = 0; count != 0; done += count) {
     count = static_cast<int>(std::min<std::int64_t>(kBlockFrames, kFrames - done));

@@ -6,5 +6,5 @@ set(TESSALY_MINGW_TRIPLET i686-w64-mingw32)
 set(CMAKE_C_FLAGS_INIT "-msse2 -mfpmath=sse")
 set(CMAKE_CXX_FLAGS_INIT "-msse2 -mfpmath=sse")
 include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
-# The exports are undecorated on purpose, as COM asks for them by name.
+# COM asks for the exports by their undecorated names.
 string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,--enable-stdcall-fixup")

@@ -163,7 +163,7 @@ class Argument {
   IUnknown** reference_ = nullptr;
 };
 
-// What an argument that is refused is answered with: the reasons that automation tells apart.
+// The error for a refused argument, by the reasons that automation distinguishes.
 HRESULT CoercionResult(HRESULT hr) noexcept {
   switch (hr) {
     case DISP_E_OVERFLOW:

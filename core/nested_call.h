@@ -7,7 +7,7 @@
 namespace marlinda {
 
 // One call of one object, as a local variable of the method. The calls in progress on a thread form
-// a list on its stack. `Kind` is an enumeration of the methods that are told apart.
+// a list on its stack. `Kind` is an enumeration of the methods to distinguish.
 template <class Kind>
 class NestedCall {
  public:

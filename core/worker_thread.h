@@ -12,8 +12,8 @@
 namespace marlinda {
 
 // Waits until the object is signalled; false when it is not after `milliseconds`. Meanwhile this
-// thread serves the calls that come to the objects of its apartment: whoever signals may depend on
-// one of them.
+// thread serves the calls that come to the objects of its apartment: the signalling thread may
+// depend on one of them.
 bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
 
 // Owns at most one thread. The body must keep alive what it touches (capture shared state, not the

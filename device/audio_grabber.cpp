@@ -53,7 +53,7 @@ struct CAudioGrabber::Job {
       : format(wanted),
         samples(std::move(target)),
         floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-        // A width that is no multiple of 8 takes more bytes to convert than its block align tells.
+        // A width that is no multiple of 8 takes more bytes to convert than its block align.
         buffers(kBufferCount,
                 Buffer(std::max<std::size_t>(
                     bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {

@@ -44,7 +44,7 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // A width that is no multiple of 8 takes more bytes to convert than its block align tells. An
+    // A width that is no multiple of 8 takes more bytes to convert than its block align. An
     // empty block is played as well, and drivers want an address.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max<std::size_t>({size, samples.size() * PcmBytesPerSample(bits), 1}));
@@ -322,7 +322,7 @@ STDMETHODIMP CAudioPlayback::SetBufferLength(LONG nMilliSecs) {
 STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
   const std::lock_guard lock(mutex_);
   format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
-  // The format is stored all the same; callers ignore this result.
+  // The format is stored nevertheless; ignore this result.
   return E_NOTIMPL;
 }
 

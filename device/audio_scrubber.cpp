@@ -84,7 +84,7 @@ struct CAudioScrubber::Job {
   const DWORD pause_milliseconds;
   DWORD delay = 0;  // of the thread, before each pass
   std::atomic<bool> stop{false};
-  // Until the writer has been told to close its device.
+  // Until the writer has closed its device.
   std::atomic<bool> running{true};
 };
 

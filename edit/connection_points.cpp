@@ -56,7 +56,7 @@ class CallArguments {
   std::vector<VARIANTARG> arguments_;
 };
 
-// Makes what a sink told about its failure the error information of this thread.
+// Makes a failing sink's error information that of this thread.
 void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
   if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
   ComPtr<ICreateErrorInfo> error;

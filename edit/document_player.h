@@ -13,7 +13,7 @@
 
 namespace marlinda {
 
-// The playback object and the scrubber are created with the document and kept. Where that fails,
+// The playback object and the scrubber are created with the document. Where that fails,
 // editing works nevertheless; a method that needs them tries once more and throws the error.
 //
 // Playing and scrubbing share the playback object, so that starting one ends the other.

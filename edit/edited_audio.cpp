@@ -394,7 +394,7 @@ STDMETHODIMP CEditedAudio::Delete(__int64 nBegin, __int64 nEnd) {
 STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
   return ComCall([&]() -> HRESULT {
     if (change_open_) return E_FAIL;
-    // A sink may release the document that it is told about.
+    // A sink may release the document that the event is about.
     const ComPtr<IUnknown> keep_alive(Identity());
     if (bStoreUndo != 0) FireStoreUndo(bstrOperation);
     ComPtr<IEditedAudio> snapshot;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
-// An encoder that has been told the end has nothing left to wait for.
+// After the end of the stream an encoder waits for nothing.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 

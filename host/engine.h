@@ -131,7 +131,7 @@ class Source {
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
   std::optional<AcidData> ReadAcidData() const;
 
-  // Decodes the whole file. Tells on standard error when it holds less than it promises.
+  // Decodes the whole file. Reports on standard error when it holds less than it promises.
   ImportedAudio Import(const Console& console);
 
  private:

@@ -46,7 +46,7 @@ HostError UsageError(const std::string& command, std::string reason, std::string
 // How to make the engine's classes known, for whatever failed for want of them.
 extern const char* const kRegistrationRemedy;
 
-// The failure `hresult` of the system or the engine, about `subject`. A result that tells by itself
+// The failure `hresult` of the system or the engine, about `subject`. A result that shows by itself
 // what is wrong (a full disk, a missing class) decides the status; otherwise it is `otherwise`.
 HostError Explain(std::int32_t hresult, std::string subject, ExitStatus otherwise);
 

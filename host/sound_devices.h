@@ -42,7 +42,7 @@ class DeviceChoice {
 };
 
 // The bits per sample to use the device with: 32, which is float and keeps what there is, or else
-// 16. The device is opened and closed for it, because a document that plays tells nobody that its
+// 16. The device is opened and closed for it, because a playing document does not report that its
 // device would not open. Throws a HostError when it opens with neither.
 SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format);
 

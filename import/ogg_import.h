@@ -28,11 +28,11 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
   // IImportFilter
   STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override;
   // E_FAIL when the file cannot be opened or is no Ogg Vorbis file, E_OUTOFMEMORY when its decoder
-  // takes too much memory; writer and name are kept then, but there is nothing to start. E_FAIL,
+  // takes too much memory; writer and name stay set then, but there is nothing to start. E_FAIL,
   // and no change, while a run is active.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
   // Of a chain that changes its format, the frames before the change. The progress counts the whole
-  // chain and so tells that a part is left out.
+  // chain and so shows that a part is left out.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override;
 
   // IMetaDataReader

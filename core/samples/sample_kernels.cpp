@@ -33,8 +33,7 @@ std::uint16_t ToPcm16(float sample) noexcept {
   return static_cast<std::uint16_t>(static_cast<std::uint32_t>(Truncate(value)) + 0x8000U);
 }
 
-// Full scale 1.0 becomes 2^31, which does not fit and wraps to the most negative code. Kept on
-// purpose.
+// Full scale 1.0 becomes 2^31, which does not fit and wraps to the most negative code.
 std::uint32_t ToPcm32(float sample) noexcept {
   return static_cast<std::uint32_t>(
       Truncate(Clamp(static_cast<double>(sample), -1.0, 1.0) * 2147483648.0));

@@ -38,7 +38,7 @@ ComPtr<IAudioReader> Import(const Text& file) {
   ComPtr<IImportFilter> filter;
   // S_OK without a filter is the answer "none": test the pointer.
   Check(manager->CreateImportFilter(file, filter.GetAddressOf()), "CreateImportFilter");
-  if (!filter) {  // the list of filters may be empty; the engine's own are there all the same
+  if (!filter) {  // the list of filters may be empty; the engine's own need no list
     for (const CLSID* each : {&CLSID_COggImport, &CLSID_CDShowImport}) {
       const auto built_in = Create<IImportFilter>(*each);
       if (!filter && built_in->QueryCanLoad(file) == S_OK) filter = built_in;

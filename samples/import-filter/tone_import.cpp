@@ -120,11 +120,11 @@ void Job::Run() {
       for (const Tone& tone : description.tones) {
         if (!Write(tone)) break;
       }
-    } catch (...) {  // a writer of somebody else's; the device is closed all the same
+    } catch (...) {  // a foreign writer's; the device is closed nevertheless
     }
     writer->CloseDevice();
   }
-  // Let go here: who sees the task ended may rely on it.
+  // Released before the task counts as ended.
   std::exchange(writer, nullptr)->Release();
   running = false;
 }
@@ -294,7 +294,7 @@ class ToneImport final : public Dual<IImportFilter>,
     return S_OK;
   }
 
-  // A writer may hold the filter and be let go by the worker: then this runs on the worker itself,
+  // A writer that the worker releases may hold the filter: then this runs on the worker itself,
   // which must not wait for its own end.
   void Stop() {
     job_->cancelled = true;

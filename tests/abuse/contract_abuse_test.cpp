@@ -135,7 +135,7 @@ std::vector<Case> CasesOf(const Method& method) {
   return cases;
 }
 
-// Calls that wait by rule: for a device to take or deliver samples, or for a source that is not
+// Calls that wait: for a device to take or deliver samples, or for a source that is not
 // there.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
@@ -196,7 +196,7 @@ class Call {
       std::memcpy(&pointer, outs_[p].bytes, sizeof pointer);
       if (pointer == nullptr) continue;
       if (FAILED(hr)) {
-        wrong += parameter.name + " was handed out all the same; ";
+        wrong += parameter.name + " was handed out nevertheless; ";
       } else if (parameter.type == VT_BSTR) {
         SysFreeString(static_cast<BSTR>(pointer));
       } else if (!kLend.contains(method_.name)) {

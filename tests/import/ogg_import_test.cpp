@@ -83,7 +83,7 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   EXPECT_THAT(writer_->calls, ElementsAre("SetFormat", "OpenDevice", "CloseDevice"));
   expect(DataFile("stereo.ogg"), 44100, 1);
   EXPECT_THAT(writer_->calls, ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice"));
-  // Progress tells that a part is left out.
+  // Progress shows that a part is left out.
   expect(TemporaryOgg(Chained("stereo.ogg", "mono.ogg")).path(), 44100, 44100 / (44100 + 66150.0F));
   Bytes damaged = ReadData(kDemoPiece);
   const auto [begin, end] = MiddlePage(damaged);
