@@ -22,10 +22,10 @@ macro(tessaly_find_package name)
   endif()
 endmacro()
 
-# TagLib 1 brings no CMake package.
+# TagLib 1 brings no CMake package. The machine's own kernels take the system's library.
 macro(tessaly_find_taglib)
-  if(MSVC)
-    find_library(TAGLIB_LIBRARY tag REQUIRED) # vcpkg's, by vcpkg.json
+  if(MSVC OR NOT WIN32)
+    find_library(TAGLIB_LIBRARY tag REQUIRED) # with MSVC vcpkg's, by vcpkg.json
     find_path(TAGLIB_INCLUDE_DIR taglib/tag.h REQUIRED)
   else()
     set(TAGLIB_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/libtag.a)
@@ -34,10 +34,10 @@ macro(tessaly_find_taglib)
       message(FATAL_ERROR "${TAGLIB_LIBRARY} is missing. Run scripts/build-dependencies first.")
     endif()
   endif()
-  add_library(TagLib::tag STATIC IMPORTED GLOBAL)
+  add_library(TagLib::tag UNKNOWN IMPORTED GLOBAL)
   set_target_properties(
     TagLib::tag
     PROPERTIES IMPORTED_LOCATION ${TAGLIB_LIBRARY}
                INTERFACE_INCLUDE_DIRECTORIES ${TAGLIB_INCLUDE_DIR}
-               INTERFACE_COMPILE_DEFINITIONS TAGLIB_STATIC)
+               INTERFACE_COMPILE_DEFINITIONS "$<$<BOOL:${WIN32}>:TAGLIB_STATIC>")
 endmacro()

@@ -28,12 +28,12 @@ package=("${build[@]}" nsis zip unzip)
 # The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
 # writes; a sound server stands for the sound card.
 test=(
-  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ clang-format sox sndfile-programs mediainfo ffmpeg
+  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs mediainfo ffmpeg
   pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
 )
-lint=("${build[@]}" g++ clang-format clang-tidy cppcheck)
-bench=("${build[@]}" "${wine[@]}" g++ libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg)
-fuzz=("${build[@]}" g++ clang libclang-rt-14-dev)
+lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
+bench=("${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg)
+fuzz=("${build[@]}" g++ libtag1-dev clang libclang-rt-14-dev)
 
 groups=("$@")
 [[ ${#groups[@]} -gt 0 ]] || groups=(build test)

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Installs missing packages, builds everything and runs every test: the kernels natively, plain and
-# under the sanitizers, kernels and components under Wine in 64 and 32 bits, sound on sound servers of the
-# tests' own; and checks the format of the code. Ends with one summary; the status is 0 only if everything
-# passed.
+# Installs missing packages, builds everything and runs every test: the kernels natively under the
+# sanitizers, kernels and components under Wine in 64 and 32 bits, sound on sound servers of the tests' own;
+# and checks the format of the code. Ends with one summary; the status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
@@ -58,7 +57,7 @@ suite() {
 }
 
 rm -f "$logs"/result-*
-names=(x64 package sound native asan tsan x86 x86-sound)
+names=(x64 package sound asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
 # The suite under Wine waits for timers now and then, and the other builds use that time. Sound has a
@@ -69,7 +68,6 @@ suite_64=$!
 compile x86
 suite package x64 "packages of both" "-L ^package$" &
 suite_package=$!
-compile native && suite native native "kernels, native" "-LE ^sound$"
 compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
