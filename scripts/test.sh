@@ -63,7 +63,7 @@ system=$!
 # The suite under Wine waits for timers now and then, and the other builds use that time. Sound has a
 # prefix of its own, because other tests register and unregister the classes meanwhile.
 compile x64
-suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
+suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package|editor)$" "$root/scripts/wine-session" &
 suite_64=$!
 compile x86
 suite package x64 "packages of both" "-L ^package$" &
