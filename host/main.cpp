@@ -56,8 +56,8 @@ HostError WrongLine(const CLI::App& app, const std::vector<std::string>& argumen
   for (const std::string& argument : arguments) {
     if (argument == "--") break;
     const std::string name = argument.substr(0, argument.find('='));
-    if (name.size() < 2 || name[0] != '-' || command->get_option_no_throw(name) != nullptr)
-      continue;
+    const bool names_option = name.size() > 1 && name[0] == '-' && (name[1] < '0' || name[1] > '9');
+    if (!names_option || command->get_option_no_throw(name) != nullptr) continue;
     return {ExitStatus::kUsage, argument, "\"" + arguments[0] + "\" has no such option",
             "Put \"--\" before file names that begin with a dash, or see \"marlinda " +
                 arguments[0] + " --help\"."};
