@@ -5,6 +5,7 @@
 #include <fstream>
 #include <utility>
 
+#include "core/sample_count.h"
 #include "host/clamped_reader.h"
 #include "host/file_name.h"
 #include "host/timecode.h"
@@ -27,10 +28,6 @@ void Remove(const std::string& file) {
 // Start and Cancel of an audio connector return E_NOTIMPL, also on success.
 void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
-}
-
-std::int64_t AtRate(std::int64_t position, LONG from, LONG to) {
-  return position / from * to + position % from * to / from;
 }
 
 }  // namespace
@@ -92,13 +89,10 @@ bool ImportJob::Continue() {
 }
 
 void ImportJob::TakeAudio() {
-  const HRESULT hr = pool_->CreateLastReader(material_.reader.ReleaseAndGetAddressOf());
-  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
-  material_.frames = 0;
-  if (hr == S_OK) {
-    Check(material_.reader->GetFormat(&material_.format.rate, &material_.format.channels));
-    Check(material_.reader->GetSampleCount(&material_.frames));
-  }
+  const ImportedAudio take = LastTake(pool_.Get());
+  material_.reader = take.reader;
+  material_.format = take.format;
+  material_.frames = take.frames;
   if (material_.frames <= 0 || material_.format.rate <= 0 || material_.format.channels <= 0) {
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
@@ -132,11 +126,11 @@ void ImportJob::StartConversion() {
   Check(filter->SetBitsPerSample(kBits));
   const LONG from = material_.format.rate;
   for (Label& label : material_.annotations.labels) {
-    label.position = AtRate(label.position, from, wanted_->rate);
+    label.position = ConvertSampleCount(label.position, from, wanted_->rate);
   }
   for (auto& [section, text] : material_.annotations.markers) {
-    section = {AtRate(section.begin, from, wanted_->rate),
-               AtRate(section.end, from, wanted_->rate)};
+    section = {ConvertSampleCount(section.begin, from, wanted_->rate),
+               ConvertSampleCount(section.end, from, wanted_->rate)};
   }
   Start(Query<ICoreTask>(connector_.Get()));
 }

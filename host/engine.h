@@ -111,7 +111,7 @@ ComPtr<IAudioPool> NewPool();
 // The latest take of the pool; without frames when there is none.
 ImportedAudio LastTake(IAudioPool* pool);
 
-// An input file, the filter that reads it and the pool it is read into.
+// An input file, the filter that reads it and, unless it goes elsewhere, the pool it is read into.
 class Source {
  public:
   // Asks the filter manager and, when that has no filter for the file, the built-in filters. With a
