@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -17,23 +18,22 @@ namespace {
 class WorkerThreadTest : public ::testing::Test {
  protected:
   // Shared by a test and its worker.
+  // A promise, because the wait of an atomic loses wake-ups in GCC 12 without futexes.
   struct State {
-    std::atomic<bool> go = false;
+    std::promise<void> go;
+    std::shared_future<void> gone = go.get_future();
     std::atomic<int> runs = 0;
     std::atomic<DWORD> thread = 0;
   };
-  // Starts a body that waits for `go`.
+  // Starts a body that waits for `Go`.
   HRESULT Start(WorkerThread& worker) const {
     return worker.Start([state = state_] {
       state->thread = GetCurrentThreadId();
-      state->go.wait(false);
+      state->gone.wait();
       ++state->runs;
     });
   }
-  void Go() const {
-    state_->go = true;
-    state_->go.notify_all();
-  }
+  void Go() const { state_->go.set_value(); }
 
   const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
@@ -92,7 +92,7 @@ TEST_F(WorkerThreadTest, DoesNotWaitForADetachedBody) {
 TEST_F(WorkerThreadTest, CanBeDestroyedOnItsOwnThread) {
   const auto owner = std::make_shared<std::unique_ptr<WorkerThread>>(new WorkerThread);
   ASSERT_EQ((*owner)->Start([state = state_, owner] {
-    state->go.wait(false);
+    state->gone.wait();
     (*owner)->PollUntilEnded(1000000);
     owner->reset();
   }),
