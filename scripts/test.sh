@@ -79,8 +79,8 @@ wait "$system" || status=$?
 cat "$logs/x86-root.log"
 if [[ $status -eq 0 ]]; then
   export TESSALY_WINE_BITS=32
+  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "$root/scripts/wine-session" &
   suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "$root/scripts/wine-session"
-  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" "$root/scripts/wine-session"
 elif [[ $status -eq 3 ]]; then
   echo "  32 bits NOT TESTED. The reason is above." >&2
   echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
