@@ -19,10 +19,14 @@ VARIANT Value(int type, T value) {
   std::memcpy(&V_I8(&variant), &value, sizeof value);
   return variant;
 }
+// By reference; null where `value` is null.
+template <class T>
+VARIANT Reference(int type, T* value) {
+  return Value(VT_BYREF | type, value);
+}
 VARIANT Long(LONG value) { return Value(VT_I4, value); }
 VARIANT Array(SAFEARRAY* array) { return Value(VT_ARRAY | VT_R4, array); }
-VARIANT Object(IDispatch* object) { return Value(VT_DISPATCH, object); }
-VARIANT Variable(VARIANT& variable) { return Value(VT_BYREF | VT_VARIANT, &variable); }
+VARIANT Variable(VARIANT& variable) { return Reference(VT_VARIANT, &variable); }
 const VARIANT kEmpty = Value(VT_EMPTY, 0);
 
 constexpr UINT kUntouched = 77;
@@ -77,16 +81,6 @@ class Dispatch : public ::testing::Test {
     EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);
     return {static_cast<double>(count), static_cast<double>(rate), static_cast<double>(channels)};
   }
-  // The reader of the document's first segment.
-  IAudioReader* FirstSource() const {
-    IAudioReader* source = reader_.Get();
-    __int64 begin = 0;
-    __int64 end = 0;
-    LONG valid = 0;
-    EXPECT_EQ(document_->GetFirstSegment(&source, &begin, &end, &valid), S_OK);
-    EXPECT_EQ(valid, 1);
-    return source;
-  }
 
   const ComPtr<INullReader> silence_ = Create<INullReader>(CLSID_CNullReader);
   const ComPtr<IAudioReader> reader_ = As<IAudioReader>(silence_);
@@ -95,14 +89,10 @@ class Dispatch : public ::testing::Test {
 
 TEST_F(Dispatch, CoercesArgumentsByPlaceByReferenceInVariablesAndByName) {
   Bstr number(L"44100");
-  __int64 count = -(1LL << 40);
-  VARIANT inner = Value(VT_BYREF | VT_I8, &count);
-  VARIANT channels = Value(VT_I2, SHORT{2});
-  VARIANT none = Value(VT_NULL, 0);
-  LONG* const no_long = nullptr;
-  VARIANT* const no_variant = nullptr;
   Bstr word(L"forty");
-  Floats floats(4);
+  __int64 count = -(1LL << 40);
+  VARIANT inner = Reference(VT_I8, &count);
+  VARIANT channels = Value(VT_I2, SHORT{2});
   struct Case {
     std::vector<VARIANT> arguments;
     HRESULT hr;
@@ -120,16 +110,12 @@ TEST_F(Dispatch, CoercesArgumentsByPlaceByReferenceInVariablesAndByName) {
       {{Long(1), Long(2), Long(3)}, DISP_E_PARAMNOTFOUND, 0, {}, {1, 9}},
       {{Long(1), Long(2), Long(3)}, DISP_E_PARAMNOTOPTIONAL, kUntouched, {}, {1, 1}},
       {{Value(VT_BSTR, BSTR{word}), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
-      {{Long(1), Value(VT_BSTR, BSTR{word}), Long(3)}, DISP_E_TYPEMISMATCH, 1},
-      {{Long(1), Long(2), none}, DISP_E_TYPEMISMATCH, 0},
-      {{Array(floats), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
-      {{Value(VT_RECORD, 0LL), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
-      {{Value(VT_BYREF | VT_I4, no_long), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
-      {{Value(VT_BYREF | VT_VARIANT, no_variant), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
+      {{Long(1), Long(2), Value(VT_NULL, 0)}, DISP_E_TYPEMISMATCH, 0},
+      {{Reference<LONG>(VT_I4, nullptr), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
+      {{Reference<VARIANT>(VT_VARIANT, nullptr), Long(2), Long(3)}, DISP_E_TYPEMISMATCH, 2},
       {{Long(1), Long(2), Long(40000)}, DISP_E_OVERFLOW, 0},
       {{Long(1), Value(VT_ERROR, DISP_E_PARAMNOTFOUND), Long(3)}, DISP_E_PARAMNOTOPTIONAL, 1},
       {{Long(1), Long(2)}, DISP_E_BADPARAMCOUNT},
-      {{Long(1), Long(2), Long(3), Long(4)}, DISP_E_BADPARAMCOUNT},
   };
   for (const Case& each : cases) {
     SCOPED_TRACE(&each - cases.data());
@@ -139,7 +125,6 @@ TEST_F(Dispatch, CoercesArgumentsByPlaceByReferenceInVariablesAndByName) {
     EXPECT_EQ(outcome.hr, each.hr);
     EXPECT_EQ(outcome.argument_error, each.index);
     EXPECT_EQ(Format(), each.hr == S_OK ? each.format : before);
-    EXPECT_EQ(outcome.exception.scode, 0);
   }
 }
 
@@ -147,11 +132,12 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
   Floats block(8, 0.5F, 5);
   SAFEARRAY* array = block;
   VARIANT variable = Array(array);
-  VARIANT reference = Value(VT_BYREF | VT_ARRAY | VT_R4, &array);
+  VARIANT reference = Reference(VT_ARRAY | VT_R4, &array);
+  VARIANT outer = Variable(variable);
   ASSERT_EQ(document_->SetFormat(44100, 1, 16), S_OK);
   ASSERT_EQ(document_->AppendSegment(nullptr, 0, 8), S_OK);
   for (const VARIANT& argument :
-       {Array(array), reference, Variable(variable), Variable(reference)}) {
+       {Array(array), Variable(variable), Variable(reference), Variable(outer)}) {
     std::ranges::fill(block.values(), 0.5F);
     EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
@@ -163,7 +149,6 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
   EXPECT_EQ(array->cLocks, 0);
 
   const ForeignArray shorts(VT_I2);
-  const ForeignArray square(VT_R4, 2);
   VARIANT foreign = Value(VT_ARRAY | VT_I2, static_cast<SAFEARRAY*>(shorts));
   for (const VARIANT& argument : {foreign, Variable(foreign), Long(3), kEmpty}) {
     Outcome outcome(reader_.Get(), kReadAudio, {Long(0), argument});
@@ -171,67 +156,45 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
     EXPECT_EQ(outcome.argument_error, 0U);
   }
   // The method itself refuses an array of the declared type that it cannot use.
-  const auto scode = [](IDispatch* object, std::vector<VARIANT> arguments) {
-    Outcome outcome(object, kReadAudio, std::move(arguments));
-    EXPECT_EQ(outcome.hr, DISP_E_EXCEPTION);
-    return outcome.exception.scode;
-  };
-  EXPECT_EQ(scode(reader_.Get(), {Long(0), Array(nullptr)}), E_INVALIDARG);
-  EXPECT_EQ(scode(reader_.Get(), {Long(0), Array(square)}), E_INVALIDARG);
-  EXPECT_EQ(scode(document_.Get(), {Long(0), Long(8), foreign}), E_INVALIDARG);
+  Outcome refused(document_.Get(), kReadWaveplot, {Long(0), Long(8), foreign});
+  EXPECT_EQ(refused.exception.scode, E_INVALIDARG);
 }
 
 TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
   LONG rate = 0;
   SHORT channels = 0;
-  const VARIANT to_rate = Value(VT_BYREF | VT_I4, &rate);
-  const VARIANT to_channels = Value(VT_BYREF | VT_I2, &channels);
-  EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {to_rate, to_channels}).hr, S_OK);
+  const VARIANT to_channels = Reference(VT_I2, &channels);
+  EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Reference(VT_I4, &rate), to_channels}).hr, S_OK);
   EXPECT_EQ(rate, 48000);
   EXPECT_EQ(channels, 2);
-
-  VARIANT first = Value(VT_BSTR, SysAllocString(L"old"));
-  VARIANT second = kEmpty;
-  EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Variable(first), Variable(second)}).hr, S_OK);
-  EXPECT_EQ(V_VT(&first), VT_I4);
-  EXPECT_EQ(V_I4(&first), 48000);
-  EXPECT_EQ(V_VT(&second), VT_I2);
-  EXPECT_EQ(V_I2(&second), 2);
   // By value the results are lost.
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Long(0), kEmpty}).hr, S_OK);
-
   double wrong = 0;
-  Outcome mismatch(reader_.Get(), kGetFormat, {Value(VT_BYREF | VT_R8, &wrong), to_channels});
+  Outcome mismatch(reader_.Get(), kGetFormat, {Reference(VT_R8, &wrong), to_channels});
   EXPECT_EQ(mismatch.hr, DISP_E_TYPEMISMATCH);
   EXPECT_EQ(mismatch.argument_error, 1U);
-  LONG* const nowhere = nullptr;
-  Outcome refused(reader_.Get(), kGetFormat, {Value(VT_BYREF | VT_I4, nowhere), to_channels});
+  Outcome refused(reader_.Get(), kGetFormat, {Reference<LONG>(VT_I4, nullptr), to_channels});
   EXPECT_EQ(refused.exception.scode, E_POINTER);
-}
 
-TEST_F(Dispatch, GivesStringsToTheCallerAndKeepsVariablesAfterAFailure) {
   const auto labels = As<ILabelSupport>(document_);
   Bstr name(L"Schnitt \x00e4");
   Bstr direct;
   VARIANT position = kEmpty;
-  VARIANT variable = kEmpty;
+  VARIANT variable = Value(VT_BSTR, SysAllocString(L"old"));
+  const auto get_label = [&](LONG index, const VARIANT& to) {
+    return Outcome(labels.Get(), kGetLabel, {Long(index), Variable(position), to}).hr;
+  };
   EXPECT_EQ(Outcome(labels.Get(), kAddLabel, {Long(7), Value(VT_BSTR, BSTR{name})}).hr, S_OK);
-  EXPECT_EQ(Outcome(labels.Get(), kGetLabel,
-                    {Long(0), Variable(position), Value(VT_BYREF | VT_BSTR, direct.Receive())})
-                .hr,
-            S_OK);
+  EXPECT_EQ(get_label(0, Reference(VT_BSTR, direct.Receive())), S_OK);
   EXPECT_EQ(direct.str(), name.str());
+  EXPECT_EQ(V_VT(&position), VT_I8);
   EXPECT_EQ(V_I8(&position), 7);
-  const std::vector<VARIANT> to_variables = {Long(0), Variable(position), Variable(variable)};
-  EXPECT_EQ(Outcome(labels.Get(), kGetLabel, to_variables).hr, S_OK);
-  ASSERT_EQ(V_VT(&variable), VT_BSTR);
+  EXPECT_EQ(get_label(0, Variable(variable)), S_OK);
   EXPECT_EQ(V_BSTR(&variable), name.str());
   VariantClear(&variable);
-
   variable = Long(5);
-  EXPECT_EQ(Outcome(labels.Get(), kGetLabel, {Long(1), Variable(position), Variable(variable)}).hr,
-            DISP_E_EXCEPTION);
-  EXPECT_EQ(V_VT(&variable), VT_I4);
+  EXPECT_EQ(get_label(1, Variable(variable)), DISP_E_EXCEPTION);
+  EXPECT_EQ(V_VT(&variable), VT_I4) << "a failure keeps the variable";
 }
 
 TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
@@ -251,59 +214,54 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
                  {Long(0), Array(block)});
   EXPECT_EQ(failed.hr, DISP_E_EXCEPTION);
   EXPECT_EQ(failed.exception.scode, HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
-  EXPECT_EQ(failed.exception.wCode, 0);
   EXPECT_STREQ(failed.exception.bstrSource, L"Tessaly");
   EXPECT_NE(SysStringLen(failed.exception.bstrDescription), 0U);
   EXPECT_EQ(failed.argument_error, kUntouched);
 }
 
-TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclares) {
-  for (const VARIANT& argument : {Object(silence_.Get()), Object(reader_.Get()), Object(nullptr),
-                                  Value(VT_UNKNOWN, static_cast<IUnknown*>(silence_.Get()))}) {
-    const bool is_null = V_UNKNOWN(&argument) == nullptr;
-    const ULONG before = ReferenceCount(silence_.Get());
-    EXPECT_EQ(Outcome(document_.Get(), kInsertSegment, {Long(0), argument, Long(2), Long(3)}).hr,
-              S_OK);
-    EXPECT_EQ(FirstSource(), is_null ? nullptr : reader_.Get());
-    EXPECT_EQ(document_->Clear(), S_OK);
-    EXPECT_EQ(ReferenceCount(silence_.Get()), before);
-  }
-  const auto no_reader = Create<IAudioPool>(CLSID_CAudioPool);
-  Outcome outcome(document_.Get(), kInsertSegment,
-                  {Long(0), Object(no_reader.Get()), Long(2), Long(3)});
-  EXPECT_EQ(outcome.hr, DISP_E_TYPEMISMATCH);
-  EXPECT_EQ(outcome.argument_error, 2U);
-}
-
-TEST_F(Dispatch, AddsAReferenceToABorrowedReader) {
-  __int64 begin = 5;
-  __int64 end = 6;
+TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToABorrowedOne) {
   IDispatch* direct = document_.Get();
   VARIANT variable = Long(1);
-  const VARIANT to_direct = Value(VT_BYREF | VT_DISPATCH, &direct);
-  const auto first_segment = [&](VARIANT source) {
+  __int64 begin = 5;
+  __int64 end = 6;
+  const VARIANT to_direct = Reference(VT_DISPATCH, &direct);
+  const auto first_segment = [&](const VARIANT& source) {
     Outcome outcome(document_.Get(), kGetFirstSegment,
-                    {source, Value(VT_BYREF | VT_I8, &begin), Value(VT_BYREF | VT_I8, &end)});
+                    {source, Reference(VT_I8, &begin), Reference(VT_I8, &end)});
     EXPECT_EQ(outcome.hr, S_OK);
     return V_I4(&outcome.result);
   };
+  Outcome nowhere(document_.Get(), kGetFirstSegment,
+                  {Reference<IDispatch*>(VT_DISPATCH, nullptr), Reference(VT_I8, &begin), kEmpty});
+  EXPECT_EQ(nowhere.exception.scode, E_POINTER);
   EXPECT_EQ(first_segment(to_direct), 0);
   EXPECT_EQ(direct, document_.Get()) << "nothing is lent";
   EXPECT_EQ(begin, 5);
 
-  ASSERT_EQ(document_->AppendSegment(reader_.Get(), 10, 1LL << 40), S_OK);
-  const ULONG before = ReferenceCount(reader_.Get());
+  const auto insert = [this](int type, IUnknown* object) {
+    return Outcome(document_.Get(), kInsertSegment,
+                   {Long(0), Value(type, object), Long(2), Long(3)});
+  };
+  const ULONG before = ReferenceCount(silence_.Get());
+  EXPECT_EQ(insert(VT_DISPATCH, nullptr).hr, S_OK);
+  EXPECT_EQ(insert(VT_UNKNOWN, silence_.Get()).hr, S_OK);
   EXPECT_EQ(first_segment(to_direct), 1);
   EXPECT_EQ(first_segment(Variable(variable)), 1);
   EXPECT_EQ(first_segment(kEmpty), 1) << "by value nothing comes out";
-  EXPECT_EQ(begin, 10);
-  EXPECT_EQ(end, 1LL << 40);
+  EXPECT_EQ(begin, 2);
+  EXPECT_EQ(end, 3);
   EXPECT_EQ(direct, reader_.Get());
   EXPECT_EQ(V_VT(&variable), VT_DISPATCH);
   EXPECT_EQ(V_DISPATCH(&variable), reader_.Get());
-  EXPECT_EQ(ReferenceCount(reader_.Get()), before + 2);
+  EXPECT_EQ(ReferenceCount(silence_.Get()), before + 3);
   VariantClear(&variable);
   direct->Release();
+  EXPECT_EQ(document_->Clear(), S_OK);
+  EXPECT_EQ(ReferenceCount(silence_.Get()), before);
+  const auto no_reader = Create<IAudioPool>(CLSID_CAudioPool);
+  const Outcome refused = insert(VT_DISPATCH, no_reader.Get());
+  EXPECT_EQ(refused.hr, DISP_E_TYPEMISMATCH);
+  EXPECT_EQ(refused.argument_error, 2U);
 }
 
 TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
@@ -320,7 +278,6 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
   VARIANT arguments[] = {Long(16), Long(2), Long(1)};
   DISPID names[] = {0, 1, 2, 3};
   DISPPARAMS good = {arguments, nullptr, 3, 0};
-  DISPPARAMS none = {};
   DISPPARAMS no_arguments = {nullptr, nullptr, 3, 0};
   DISPPARAMS no_names = {arguments, nullptr, 3, 1};
   DISPPARAMS too_many_names = {arguments, names, 3, 4};
@@ -331,11 +288,10 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
   };
   EXPECT_EQ(create(&good), S_OK);
   EXPECT_EQ(create(&good, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
-  EXPECT_EQ(create(&none), DISP_E_BADPARAMCOUNT);
-  for (DISPPARAMS* const wrong : {&no_arguments, &no_names, &too_many_names}) {
+  for (DISPPARAMS* const wrong :
+       {&no_arguments, &no_names, &too_many_names, static_cast<DISPPARAMS*>(nullptr)}) {
     EXPECT_EQ(create(wrong), E_INVALIDARG);
   }
-  EXPECT_EQ(create(nullptr), E_INVALIDARG);
 }
 
 TEST_F(Dispatch, FindsNamesOfMembersAndParametersInAnyCase) {

@@ -18,52 +18,41 @@
 namespace marlinda::testing {
 namespace {
 
-constexpr const wchar_t* kGuid = L"{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}";
+const std::wstring kGuid = L"{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}";
 constexpr const wchar_t* kPool = L"CLSID\\{1A66174D-7E72-4209-A0D9-D524ACD94210}";
 
-// The keys ("path\") and the values of the registry below a place, one line each.
+// The keys ("path\") and values ("path\name=text") of the registry below a place.
 using Lines = std::set<std::wstring>;
 
-// The line of a text, with its terminator. The name of a default value is empty.
-std::wstring Text(const std::wstring& path, const std::wstring& text, DWORD type = REG_SZ) {
-  return path + L" = " + std::to_wstring(type) + L":" + text + L'\0';
-}
-
-void Collect(HKEY key, const std::wstring& path, Lines& lines) {
+void Collect(HKEY root, const std::wstring& path, const std::wstring& shown, Lines& lines) {
+  RegistryKey key;
+  if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.Receive()) != ERROR_SUCCESS) return;
   wchar_t name[1024];
-  for (DWORD index = 0;; ++index) {
-    wchar_t data[2048] = L"";
-    DWORD length = 1024;
-    DWORD size = sizeof data - sizeof *data;
-    DWORD type = REG_NONE;
-    const LSTATUS error = RegEnumValueW(key, index, name, &length, nullptr, &type,
-                                        reinterpret_cast<BYTE*>(data), &size);
-    if (error == ERROR_NO_MORE_ITEMS) break;
-    std::wstring line = Text(path + name, {data, size / sizeof *data}, type);
-    line.pop_back();
-    lines.insert(line);
-  }
-  for (DWORD index = 0;; ++index) {
-    DWORD length = 1024;
-    RegistryKey child;
-    if (RegEnumKeyExW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
-        ERROR_SUCCESS) {
-      break;
-    }
-    const std::wstring below = path + name + L"\\";
-    lines.insert(below);
-    if (RegOpenKeyExW(key, name, 0, KEY_READ, child.Receive()) == ERROR_SUCCESS) {
-      Collect(child.get(), below, lines);
-    }
+  const auto next = [&](DWORD index, auto enumerate) {
+    DWORD length = std::size(name);
+    return enumerate(key.get(), index, name, &length) == ERROR_SUCCESS;
+  };
+  wchar_t text[2048];
+  const auto value = [&](HKEY of, DWORD index, wchar_t* to, DWORD* length) {
+    DWORD size = sizeof text;
+    std::ranges::fill(text, L'\0');
+    return RegEnumValueW(of, index, to, length, nullptr, nullptr, reinterpret_cast<BYTE*>(text),
+                         &size);
+  };
+  for (DWORD i = 0; next(i, value); ++i) lines.insert(shown + name + L"=" + text);
+  const auto child = [](HKEY of, DWORD index, wchar_t* to, DWORD* length) {
+    return RegEnumKeyExW(of, index, to, length, nullptr, nullptr, nullptr, nullptr);
+  };
+  for (DWORD i = 0; next(i, child); ++i) {
+    const std::wstring below = name;
+    lines.insert(shown + below + L"\\");
+    Collect(key.get(), below, shown + below + L"\\", lines);
   }
 }
 
 Lines Below(HKEY root, const std::wstring& path) {
   Lines lines;
-  RegistryKey key;
-  if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.Receive()) == ERROR_SUCCESS) {
-    Collect(key.get(), L"", lines);
-  }
+  Collect(root, path, L"", lines);
   return lines;
 }
 
@@ -72,10 +61,12 @@ bool Exists(const std::wstring& path) { return !Below(HKEY_CLASSES_ROOT, path).e
 // Without the entries of the automation library. Wine writes a user's type library for the machine.
 Lines ClassesIn(HKEY root) {
   Lines lines = Below(root, L"Software\\Classes");
+  // Wine and Windows write them in different cases.
   std::erase_if(lines, [](const std::wstring& line) {
-    return _wcsnicmp(line.c_str(), L"TypeLib\\", 8) == 0 ||
-           _wcsnicmp(line.c_str(), L"Interface\\", 10) == 0 ||
-           _wcsnicmp(line.c_str(), L"Wow6432Node\\", 12) == 0;
+    const auto is_in = [&](const std::wstring& key) {
+      return _wcsnicmp(line.c_str(), key.c_str(), key.size()) == 0;
+    };
+    return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
   return lines;
 }
@@ -94,27 +85,25 @@ std::wstring ProgId(const Class& known) {
 }
 
 Lines ExpectedEntries(const std::wstring& module) {
-  const std::wstring app = std::wstring(L"AppID\\") + kGuid + L"\\";
-  Lines lines = {app, Text(app, L"Tessaly"), L"AppID\\Tessaly.EXE\\",
-                 Text(L"AppID\\Tessaly.EXE\\AppID", kGuid)};
+  const std::wstring app = L"AppID\\" + kGuid + L"\\";
+  Lines lines = {app, app + L"=Tessaly", L"AppID\\Tessaly.EXE\\",
+                 L"AppID\\Tessaly.EXE\\AppID=" + kGuid};
   for (const Class& known : ClassesOfTheModule()) {
     wchar_t clsid[39];
     StringFromGUID2(known.clsid, clsid, 39);
     const std::wstring friendly = std::wstring(known.name.begin(), known.name.end()) + L" Object";
-    const std::wstring prog_id = ProgId(known);
-    const std::wstring versioned = prog_id + L".1";
+    const std::wstring id = ProgId(known);
     const std::wstring key = std::wstring(L"CLSID\\") + clsid + L"\\";
-    for (const std::wstring& id : {prog_id, versioned}) {
-      lines.insert({id + L"\\", Text(id + L"\\", friendly), id + L"\\CLSID\\",
-                    Text(id + L"\\CLSID\\", clsid)});
+    for (const std::wstring& each : {id, id + L".1"}) {
+      lines.insert({each + L"\\", each + L"\\=" + friendly, each + L"\\CLSID\\",
+                    each + L"\\CLSID\\=" + clsid});
     }
-    lines.insert({prog_id + L"\\CurVer\\", Text(prog_id + L"\\CurVer\\", versioned), key,
-                  Text(key, friendly), Text(key + L"AppID", kGuid), Text(key + L"TypeLib", kGuid),
-                  key + L"ProgID\\", Text(key + L"ProgID\\", versioned),
-                  key + L"VersionIndependentProgID\\",
-                  Text(key + L"VersionIndependentProgID\\", prog_id), key + L"Programmable\\",
-                  key + L"InprocServer32\\", Text(key + L"InprocServer32\\", module),
-                  Text(key + L"InprocServer32\\ThreadingModel", L"apartment")});
+    lines.insert({id + L"\\CurVer\\", id + L"\\CurVer\\=" + id + L".1", key, key + L"=" + friendly,
+                  key + L"AppID=" + kGuid, key + L"TypeLib=" + kGuid, key + L"ProgID\\",
+                  key + L"ProgID\\=" + id + L".1", key + L"VersionIndependentProgID\\",
+                  key + L"VersionIndependentProgID\\=" + id, key + L"Programmable\\",
+                  key + L"InprocServer32\\", key + L"InprocServer32\\=" + module,
+                  key + L"InprocServer32\\ThreadingModel=apartment"});
   }
   return lines;
 }
@@ -130,11 +119,9 @@ struct LoadedModule {
   HRESULT Unregister() const { return Call("DllUnregisterServer"); }
   // Each call, failed or not, must restore the thread's locale.
   HRESULT Call(const char* name) const {
-    using Function = HRESULT(WINAPI*)();
     SetThreadLocale(MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT));
     const LCID german = GetThreadLocale();
-    const HRESULT hr =
-        reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(handle, name)))();
+    const HRESULT hr = ExportAs<HRESULT WINAPI()>(handle, name)();
     EXPECT_EQ(GetThreadLocale(), german) << name;
     return hr;
   }
@@ -153,22 +140,18 @@ int ActivateElsewhere(const wchar_t* prog_id) {
 
 class Registration : public ::testing::Test {
  protected:
-  void SetUp() override { RemoveAll(); }
-  void TearDown() override { RemoveAll(); }
-
-  static void Choose(const wchar_t* setting) {
-    SetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting);
-  }
-
-  LoadedModule module_{std::filesystem::weakly_canonical(ModuleUnderTest::Path())};
-
- private:
-  void RemoveAll() {
-    for (const wchar_t* setting : {L"user", static_cast<const wchar_t*>(nullptr)}) {
+  void SetUp() override { TearDown(); }
+  void TearDown() override {
+    for (const wchar_t* setting : {L"user", L"machine", L""}) {
       Choose(setting);
       ASSERT_EQ(module_.Unregister(), S_OK);
     }
   }
+  static void Choose(const wchar_t* setting) {
+    SetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting);
+  }
+
+  const LoadedModule module_{std::filesystem::weakly_canonical(ModuleUnderTest::Path())};
 };
 
 TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
@@ -200,16 +183,13 @@ TEST_F(Registration, RefusesAnUnknownSettingAndWritesNothing) {
     Choose(setting);
     EXPECT_EQ(module_.Register(), E_INVALIDARG);
     EXPECT_FALSE(Exists(L"AppID\\Tessaly.EXE"));
+    EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
   }
-  Choose(L"");
-  EXPECT_EQ(module_.Register(), S_OK);
-  Choose(L"both");
-  EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
-  EXPECT_TRUE(Exists(L"AppID\\Tessaly.EXE"));
 }
 
 // The path looks like a script and holds letters of no code page.
 TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
+  const std::wstring library = L"TypeLib\\" + kGuid + L"\\1.0";
   const TemporaryFolder folder;
   const std::filesystem::path odd =
       std::filesystem::path(folder.path()) / L"it's } %MODULE% = s 'x' {\u00e9\u97f3} #1;,&";
@@ -220,68 +200,58 @@ TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
     ASSERT_EQ(moved.Register(), S_OK);
     EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 0);
     EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader"), 0);
-    for (const Class& known : ClassesOfTheModule()) {
-      CLSID clsid = {};
-      EXPECT_EQ(CLSIDFromProgID(ProgId(known).c_str(), &clsid), S_OK);
-      EXPECT_EQ(clsid, known.clsid);
-    }
-    const Lines library = Below(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + kGuid + L"\\1.0");
-    const std::wstring system = sizeof(void*) == 8 ? L"win64" : L"win32";
-    EXPECT_TRUE(library.contains(Text(L"", L"Marlinda 1.0 Type Library")));
-    EXPECT_TRUE(library.contains(Text(L"0\\" + system + L"\\", moved.path)));
-    EXPECT_TRUE(library.contains(Text(L"HELPDIR\\", odd)));
-    EXPECT_TRUE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
+    const Lines written = Below(HKEY_CLASSES_ROOT, library);
+    EXPECT_TRUE(written.contains(L"=Marlinda 1.0 Type Library"));
+    EXPECT_TRUE(written.contains((sizeof(void*) == 8 ? L"0\\win64\\=" : L"0\\win32\\=") +
+                                 moved.path.wstring()));
+    EXPECT_TRUE(written.contains(L"HELPDIR\\=" + odd.wstring()));
     EXPECT_EQ(moved.Unregister(), S_OK);
   }
   EXPECT_TRUE(std::filesystem::remove(odd / L"Tessaly.dll")) << "the module is still loaded";
   EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 1);
-  EXPECT_FALSE(Exists(std::wstring(L"TypeLib\\") + kGuid + L"\\1.0"));
+  EXPECT_FALSE(Exists(library));
   EXPECT_FALSE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
 }
 
-TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatWasDoneBefore) {
+TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatOthersPutBelowAClass) {
   // A lasting key cannot be made in one that does not last.
-  RegistryKey volatile_key;
-  ASSERT_EQ(
-      RegCreateKeyExW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1", 0, nullptr, REG_OPTION_VOLATILE,
-                      KEY_ALL_ACCESS, nullptr, volatile_key.Receive(), nullptr),
-      ERROR_SUCCESS);
+  RegistryKey key;
+  ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1", 0, nullptr,
+                            REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, key.Receive(), nullptr),
+            ERROR_SUCCESS);
   EXPECT_EQ(module_.Register(), HRESULT_FROM_WIN32(ERROR_CHILD_MUST_BE_VOLATILE));
-  EXPECT_TRUE(Exists(L"AppID\\Tessaly.EXE"));
   EXPECT_TRUE(Exists(L"Marlinda.AudioPool.1\\CLSID"));
-  EXPECT_FALSE(Exists(L"Marlinda.EditedAudio"));
-  EXPECT_FALSE(Exists(L"Marlinda.WaveWriter.1"));
-  EXPECT_FALSE(Exists(std::wstring(L"TypeLib\\") + kGuid));
-
-  volatile_key.Reset();
+  EXPECT_FALSE(Exists(L"TypeLib\\" + kGuid));
+  key.Reset();
   RegDeleteTreeW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1");
   EXPECT_EQ(module_.Register(), S_OK) << "once the obstacle is gone";
-}
 
-TEST_F(Registration, KeepsTheKeysThatOthersPutBelowAClass) {
-  const auto write = [](const std::wstring& key, const wchar_t* name) {
-    EXPECT_EQ(RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, L"kept", 10), 0);
+  const auto write = [](const wchar_t* below, const wchar_t* name) {
+    EXPECT_EQ(RegSetKeyValueW(HKEY_CLASSES_ROOT, (kPool + std::wstring(below)).c_str(), name,
+                              REG_SZ, L"kept", 10),
+              0);
   };
-  ASSERT_EQ(module_.Register(), S_OK);
-  write(std::wstring(kPool) + L"\\Foreign", L"Value");
-  write(kPool, L"");
+  write(L"\\Foreign", L"Value");
+  write(L"\\Programmable", L"Theirs");
+  write(L"", L"");
   EXPECT_EQ(module_.Register(), S_OK);
-  EXPECT_TRUE(Below(HKEY_CLASSES_ROOT, kPool).contains(Text(L"", L"CAudioPool Object")));
+  EXPECT_TRUE(Below(HKEY_CLASSES_ROOT, kPool).contains(L"=CAudioPool Object"));
   EXPECT_EQ(module_.Unregister(), S_OK);
   EXPECT_EQ(Below(HKEY_CLASSES_ROOT, kPool),
-            (Lines{L"Foreign\\", Text(L"Foreign\\Value", L"kept")}));
+            (Lines{L"Foreign\\", L"Foreign\\Value=kept", L"Programmable\\",
+                   L"Programmable\\Theirs=kept"}));
   RegDeleteTreeW(HKEY_CLASSES_ROOT, kPool);
 }
 
-int Activate(const std::wstring& prog_id) {
+int Activate(const std::string& prog_id) {
   CLSID clsid = {};
   ComPtr<IDispatch> object;
   ComPtr<ITypeInfo> info;
-  return SUCCEEDED(CLSIDFromProgID(prog_id.c_str(), &clsid)) &&
-                 SUCCEEDED(CreateInstance(clsid, object)) &&
-                 SUCCEEDED(object->GetTypeInfo(0, 0, info.GetAddressOf()))
-             ? 0
-             : 1;
+  const std::wstring wide(prog_id.begin(), prog_id.end());
+  const bool could = SUCCEEDED(CLSIDFromProgID(wide.c_str(), &clsid)) &&
+                     SUCCEEDED(CreateInstance(clsid, object)) &&
+                     SUCCEEDED(object->GetTypeInfo(0, 0, info.GetAddressOf()));
+  return could ? 0 : 1;
 }
 
 }  // namespace
@@ -290,8 +260,7 @@ int Activate(const std::wstring& prog_id) {
 int main(int argc, char** argv) {
   const marlinda::Apartment apartment(COINIT_APARTMENTTHREADED);
   if (argc == 3 && std::string(argv[1]) == "--activate") {
-    const std::string prog_id = argv[2];
-    return marlinda::testing::Activate({prog_id.begin(), prog_id.end()});
+    return marlinda::testing::Activate(argv[2]);
   }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

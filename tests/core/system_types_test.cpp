@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 #include "core/registry.h"
@@ -14,31 +13,25 @@
 namespace marlinda::testing {
 namespace {
 
-std::wstring AsUtf16(const std::string& ansi) {
-  const OwnedBstr text(ToBstr(ansi));
-  return {text.get(), SysStringLen(text.get())};
-}
-
 TEST(Text, IsKeptWhereTheCodePageHoldsItAndEndsAtTheFirstNul) {
+  const auto as_utf16 = [](const std::string& ansi) {
+    const OwnedBstr text(ToBstr(ansi));
+    return std::wstring(text.get(), SysStringLen(text.get()));
+  };
   const std::wstring text(100000, L'x');
-  EXPECT_EQ(AsUtf16(ToAnsi(Bstr(text))), text);
+  EXPECT_EQ(as_utf16(ToAnsi(Bstr(text))), text);
   EXPECT_THAT(ToAnsi(Bstr(L"a\x97f3z")), ::testing::MatchesRegex("a.+z"));
   EXPECT_EQ(ToAnsi(nullptr), "");
   const OwnedBstr with_nul(SysAllocStringLen(L"ab\0cd", 5));
   EXPECT_EQ(ToAnsi(with_nul.get()), "ab");
   EXPECT_TRUE(OwnedBstr(ToBstr({}))) << "an empty text is not a null one";
-  EXPECT_EQ(AsUtf16(Utf8ToAnsi("Caf\xC3\xA9")), L"Caf\u00E9");
+  EXPECT_EQ(as_utf16(Utf8ToAnsi("Caf\xC3\xA9")), L"Caf\u00E9");
   for (const char* plain : {"", "Caf\xE9", "\xC3"}) EXPECT_EQ(Utf8ToAnsi(plain), plain);
-}
-
-TEST(Text, ReplacesEveryPlaceHolderOnce) {
-  EXPECT_EQ(Format("(%s)|%s|", "*.wav;*.ogg"), "(*.wav;*.ogg)|*.wav;*.ogg|");
-  EXPECT_EQ(Format("%s%s", "%s"), "%s%s");
-  EXPECT_EQ(Format("100%", "x"), "100%");
+  EXPECT_EQ(Format("(%s)|%s|", "%s;"), "(%s;)|%s;|") << "each place holder is replaced once";
   EXPECT_EQ(Format("%d kbit", 64), "64 kbit");
 }
 
-TEST(SampleArrayView, LocksADescriptorWithoutATypeOnceAndUnlocksIt) {
+TEST(SampleArray, LocksADescriptorWithoutATypeOnceAndUnlocksIt) {
   float samples[3] = {1, 2, 3};
   SAFEARRAY array = {1, FADF_AUTO | FADF_FIXEDSIZE, sizeof(float), 0, samples, {{3, 5}}};
   {
@@ -58,7 +51,6 @@ TEST(SampleArray, KeepsItsSamplesWhenResized) {
   SampleArray array(4);
   std::ranges::fill(array.samples(), 0.5F);
   array.Resize(100000);
-  ASSERT_EQ(array.samples().size(), 100000U);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.5F), 4);
   EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 99996);
   EXPECT_THROW(array.Resize(std::numeric_limits<std::size_t>::max() / 2), std::bad_alloc);
@@ -75,8 +67,9 @@ TEST(MakeExtensibleFormat, HasTheLayoutOfTheExtensibleFormatByteForByte) {
                                       0x34, 0x12, 0xEF, 0xBE, 24,   0,    22,   0,    24,   0,
                                       0x3F, 0,    0,    0,    1,    0,    0,    0,    0,    0,
                                       0x10, 0,    0x80, 0,    0,    0xAA, 0,    0x38, 0x9B, 0x71};
-  ASSERT_EQ(sizeof format, sizeof expected);
-  EXPECT_EQ(std::memcmp(&format, expected, sizeof expected), 0);
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(&format);
+  EXPECT_THAT(std::vector<int>(bytes, bytes + sizeof format),
+              ::testing::ElementsAreArray(expected));
   EXPECT_EQ(MakeExtensibleFormat(source, true, false).SubFormat.Data1, 3U) << "floats";
   const DWORD masks[] = {0, 4, 3, 0, 0, 0, 0x3F, 0, 0xFF, 0};
   for (WORD channels = 0; channels < std::size(masks); ++channels) {
@@ -122,13 +115,9 @@ TEST_F(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
   EXPECT_EQ(registry_.ReadString("Text", "default"), std::string(254, 'x'));
   StoreText("Text", std::string(255, 'x'));
   EXPECT_EQ(registry_.ReadString("Text", "default"), "default");
-  registry_.Close();
-  EXPECT_EQ(registry_.ReadString("Text", "closed"), "closed");
-
-  CRegistry below;
-  EXPECT_EQ(below.Open(HKEY_CURRENT_USER, std::string(kKey) + "\\Below", true), ERROR_SUCCESS);
-  below.WriteDword("Number", 7);
-  EXPECT_EQ(below.ReadDword("Number", 1), 1U) << "a key made for reading was written";
+  EXPECT_EQ(registry_.Open(HKEY_CURRENT_USER, kKey, true), ERROR_SUCCESS);
+  registry_.WriteDword("Fresh", 7);
+  EXPECT_EQ(registry_.ReadDword("Fresh", 1), 1U) << "a key opened for reading was written";
 }
 
 TEST_F(Registry, EnumeratesTextsUpToTheFirstThatDoesNotFit) {
@@ -136,19 +125,15 @@ TEST_F(Registry, EnumeratesTextsUpToTheFirstThatDoesNotFit) {
   const std::string longest(99, 'e');
   StoreText("a", "first");
   Store("b", REG_DWORD, std::string(4, '\1'));
-  Store("c", REG_EXPAND_SZ, std::string("%TEMP%\0", 7));
-  StoreText("d", longest);
+  StoreText("c", longest);
   StoreText(longest, "long name");
+  StoreText("f", longest + 'z');
+  StoreText("g", "behind the value that does not fit");
   Strings names = {"kept"};
   Strings datas = {"kept too"};
   registry_.EnumStringValues(names, datas);
-  EXPECT_EQ(names, (Strings{"kept", "a", "d", longest}));
+  EXPECT_EQ(names, (Strings{"kept", "a", "c", longest}));
   EXPECT_EQ(datas, (Strings{"kept too", "first", longest, "long name"}));
-  StoreText("f", longest + 'z');
-  StoreText("g", "behind the value that does not fit");
-  names.clear();
-  registry_.EnumStringValues(names, datas);
-  EXPECT_EQ(names, (Strings{"a", "d", longest}));
 }
 
 }  // namespace

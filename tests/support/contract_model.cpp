@@ -16,24 +16,10 @@ std::string NameOf(ITypeInfo* info) {
   return Narrow(name);
 }
 
-TYPEATTR AttributesOf(ITypeInfo* info) {
-  TYPEATTR* attributes = nullptr;
-  Check(info->GetTypeAttr(&attributes));
-  const TYPEATTR copy = *attributes;
-  info->ReleaseTypeAttr(attributes);
-  return copy;
-}
-
 ComPtr<ITypeInfo> Referred(ITypeInfo* info, HREFTYPE reference) {
   ComPtr<ITypeInfo> referred;
   Check(info->GetRefTypeInfo(reference, referred.GetAddressOf()));
   return referred;
-}
-
-ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index) {
-  HREFTYPE reference = 0;
-  Check(info->GetRefTypeOfImplType(index, &reference));
-  return Referred(info, reference);
 }
 
 Parameter Read(ITypeInfo* info, const ELEMDESC& element, const std::string& name) {
@@ -84,6 +70,20 @@ void AppendMethods(ITypeInfo* info, std::vector<Method>& methods) {
 
 }  // namespace
 
+TYPEATTR AttributesOf(ITypeInfo* info) {
+  TYPEATTR* attributes = nullptr;
+  Check(info->GetTypeAttr(&attributes));
+  const TYPEATTR copy = *attributes;
+  info->ReleaseTypeAttr(attributes);
+  return copy;
+}
+
+ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index) {
+  HREFTYPE reference = 0;
+  Check(info->GetRefTypeOfImplType(index, &reference));
+  return Referred(info, reference);
+}
+
 std::vector<Class> ClassesOfTheModule() {
   ComPtr<ITypeLib> library;
   Check(LoadTypeLibEx(ModuleUnderTest::Path().c_str(), REGKIND_NONE, library.GetAddressOf()));
@@ -103,7 +103,6 @@ std::vector<Class> ClassesOfTheModule() {
       (is_source ? found.events : found.interfaces).push_back({NameOf(face.Get()), shown.guid});
       if (is_source) continue;
       // The library shows the dispatch face of a dual interface, which has no vtable.
-      constexpr UINT kVtableFace = static_cast<UINT>(-1);
       if (shown.typekind == TKIND_DISPATCH) face = Implemented(face.Get(), kVtableFace);
       AppendMethods(face.Get(), found.methods);
     }

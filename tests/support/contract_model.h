@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "core/com_ptr.h"
+
 namespace marlinda::testing {
 
 enum class Kind { kInteger, kReal, kText, kObject, kArray, kOut };
@@ -46,5 +48,10 @@ struct Class {
 };
 
 std::vector<Class> ClassesOfTheModule();
+
+TYPEATTR AttributesOf(ITypeInfo* info);
+// A dual interface has one with a vtable.
+constexpr UINT kVtableFace = static_cast<UINT>(-1);
+ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index);
 
 }  // namespace marlinda::testing
