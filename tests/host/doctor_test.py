@@ -52,8 +52,8 @@ class DoctorTest(unittest.TestCase):
         self.addCleanup(wine, "regsvr32", "/s", "/u", windows(module), scope=scope)
 
     def doctor(self, status=7, program=PROGRAM, subject=None, cause=None):
-        """The report. Of its problems, besides the missing sound server, there is one with this subject and cause
-        or, without these, none unless the status names some."""
+        """The report. Besides the missing sound server it has one problem, with this subject and cause, or,
+        without these, none unless the status names some."""
         got, output, messages = run("doctor", "--json", program=program, environment=NO_SERVER)
         self.assertEqual(got, status, output + messages)
         report = json.loads(output)
@@ -71,14 +71,12 @@ class DoctorTest(unittest.TestCase):
 
     def test_a_whole_installation_has_no_problems(self):
         report = self.doctor()
-        here = {"kind": "manifest", "module": windows(MODULE)}
-        self.assertEqual((report["found_by"], report["registrations"]), ("manifest", [here]))
+        self.assertEqual((report["found_by"], report["registrations"]),
+                         ("manifest", [{"kind": "manifest", "module": windows(MODULE)}]))
         for file, path in (("module", MODULE), ("program", PROGRAM)):
             self.assertEqual((report[file]["path"], report[file]["bits"]), (windows(path), BITS))
-        self.assertIn({"bits": BITS, "file": windows(MODULE), "registrations": []}, report["engines"])
         self.assertEqual(report["type_library"], {"name": "Marlinda 1.0 Type Library", "path": windows(MODULE)})
         self.assertEqual([state["available"] for state in report["classes"]], [True] * 14)
-        self.assertGreater(report["temporary_folder"]["free_bytes"], 0)
         text = subprocess.run([SOUND_SESSION, WINE, PROGRAM, "doctor"], check=True, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout.decode()
         self.assertEqual(text.splitlines()[-1], "no problems", text)
@@ -86,29 +84,21 @@ class DoctorTest(unittest.TestCase):
 
     def test_a_missing_module_is_told_in_words_and_a_broken_one_by_its_fault(self):
         status, text, messages = run("doctor", program=self.alone, environment=NO_SERVER)
-        self.assertEqual(status, 6)
         # The system's sound library may write messages before it.
-        self.assertTrue(messages.endswith("marlinda: there are 4 problems\n"), messages)
+        self.assertEqual((status, messages[-len("there are 4 problems\n"):]), (6, "there are 4 problems\n"))
         self.assertIn("problem: the engine's module: the class is not registered\n  Register", text)
-        self.assertRegex(text, rf"(?m)^module +cannot be used\n(?s:.*)^{BITS} bits +not here; not registered\n"
-                               r"(?s:.*)^temporary +.*MiB free$")
         moved = self.folder / MODULE.name
         shutil.copy(MODULE, moved)
         self.register(moved)
         self.addCleanup(shutil.copy, MODULE, moved)
-        report = self.doctor(program=self.alone)
-        self.assertEqual((report["found_by"], report["module"]["path"]), ("machine", windows(moved)))
-        # The manifest comes first.
-        report = self.doctor()
-        self.assertEqual([place["kind"] for place in report["registrations"]], ["manifest", "machine"])
-        self.assertEqual(report["found_by"], "manifest")
-        # Wine creates nothing from that of a user.
+        # Wine creates nothing from the registration of a user. A manifest comes first.
         self.register(MODULE, scope="user")
         report = self.doctor(program=self.alone)
         self.assertEqual((report["found_by"], report["registrations"]), ("machine", [
             {"kind": "user", "module": windows(MODULE)}, {"kind": "machine", "module": windows(moved)}]))
+        self.assertEqual(self.doctor()["found_by"], "manifest")
         wine("regsvr32", "/s", "/u", windows(MODULE), scope="user")
-        for content, cause in [(image(96 - BITS), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist")]:
+        for content, cause in (image(96 - BITS), f"a {96 - BITS}-bit module"), (b"MZ", "no module"), (None, "does not exist"):
             moved.write_bytes(content) if content else moved.unlink()
             report = self.doctor(6, self.alone, f"the engine's module (machine: {windows(moved)})", cause)
             self.assertIsNone(report["module"])
@@ -120,15 +110,16 @@ class DoctorTest(unittest.TestCase):
         other.write_bytes(image(32))
         key = CLASSES + r"\CLSID\{F9866FF8-ED3C-43D9-B7B9-F459EEAC472B}\InprocServer32"
         self.addCleanup(wine, "reg", "delete", key, "/f", "/reg:32")
-        shutil.copy(MODULE, self.alone.parent), shutil.copy(f"{PROGRAM}.manifest", self.alone.parent)
-        for module, cause in ((other, None), (MODULE, "a 64-bit module"), (self.folder / "gone", "does not exist")):
+        for file in (MODULE, f"{PROGRAM}.manifest"):
+            shutil.copy(file, self.alone.parent)
+        for module, cause in (other, None), (MODULE, "a 64-bit module"):
             wine("reg", "add", key, "/d", windows(module), "/f", "/reg:32")
             report = self.doctor(6 if cause else 7, self.alone, cause and "the 32-bit engine (machine: ", cause)
             self.assertEqual(report["engines"], [
                 {"bits": 64, "file": windows(self.alone.parent / MODULE.name), "registrations": []},
                 {"bits": 32, "file": windows(other), "registrations": [{"kind": "machine", "module": windows(module)}]}])
 
-    def test_a_missing_type_library_and_listed_filters_that_cannot_be_created_are_problems(self):
+    def test_missing_type_libraries_filters_that_cannot_be_created_and_unusable_temporary_folders_are_problems(self):
         self.register(MODULE)
         wine("reg", "delete", CLASSES + r"\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", "/f")
         self.assertIsNone(self.doctor(6, self.alone, "type library", "not registered")["type_library"])
@@ -139,13 +130,9 @@ class DoctorTest(unittest.TestCase):
             wine("reg", "add", FILTERS, "/v", "Ghost", "/d", value, "/f")
             self.doctor(6, PROGRAM, subject, cause)
         wine("reg", "delete", FILTERS, "/v", "Ghost", "/f")
-        self.assertEqual(run("install-filters")[0], 0)
-        self.assertEqual([entry["available"] for entry in self.doctor()["filters"]], [True, True])
-
-    def test_a_temporary_folder_that_cannot_be_used_is_a_problem(self):
         # Not even root can write in the last one.
-        for folder, cause in ((self.folder, None), (self.folder / "nowhere", "does not exist"), (self.alone, "not a folder"),
-                              (pathlib.Path("/proc/self"), "no file can be made there")):
+        for folder, cause in ((self.folder, None), (self.folder / "nowhere", "does not exist"),
+                              (self.alone, "not a folder"), (pathlib.Path("/proc/self"), "no file can be made there")):
             wine("reg", "add", DIRECTORIES, "/v", "Temporary", "/d", windows(folder), "/f")
             report = self.doctor(4 if cause else 7, PROGRAM, cause and folder.name, cause)
             self.assertTrue(report["temporary_folder"]["chosen"])

@@ -25,6 +25,7 @@ from program import Run, run, tool
 from sound import FRAME_BYTES, RATE, Microphone, Speaker, kill_server, sound_server, wait_until, without_silence
 
 NO_SERVER = {"PULSE_SERVER": "unix:/nowhere/native"}
+LONG = ("--seconds", "600")
 
 
 @contextlib.contextmanager
@@ -85,66 +86,58 @@ class SoundTest(unittest.TestCase):
         program.keep_wine_alive(cls)
         environment, cls.speaker = cls.enterClassContext(sound())
         program.ENVIRONMENT.update(environment)
-        shared = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(shared.cleanup)
-        cls.ogg = cls.music(pathlib.Path(shared.name), "two", 2)
-        cls.long = cls.music(pathlib.Path(shared.name), "long", 60)
-
-    @staticmethod
-    def music(folder, name, seconds):
-        made, ogg = folder / (name + ".wav"), folder / (name + ".ogg")
-        tool("sox", "-D", "-n", "-r", RATE, "-c", 2, "-b", 16, made, "synth", seconds, "sine", 440,
-             "vol", 0.5)
-        tool("oggenc", "-Q", "-s", 1, made, "-o", ogg)
-        return ogg
+        shared = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        cls.ogg, cls.long = shared / "two.ogg", shared / "long.ogg"
+        for ogg, seconds in (cls.ogg, 2), (cls.long, 60):
+            tool("sox", "-R", "-n", "-r", RATE, "-c", 2, ogg, "synth", seconds, "sine", 440, "vol", 0.5)
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.out = self.folder / "out.wav"
 
-    def succeed(self, *arguments, **options):
-        status, output, messages = run(*arguments, **options)
+    def report(self, *arguments):
+        status, output, messages = run(*arguments, "--json")
         self.assertEqual((status, messages), (0, ""))
-        return output
+        return json.loads(output)
 
-    def fail_with(self, status, *arguments, says, **options):
-        got, output, messages = run(*arguments, **options)
-        self.assertEqual((got, output), (status, ""), (arguments, messages))
+    def ends(self, command, status, says):
+        """The command ends so, with nothing on standard output; returns its messages."""
+        got, output, messages = command.result()
+        self.assertEqual((got, output), (status, ""), messages)
         self.assertIn(says, messages)
+        return messages
 
-    def interrupt(self, command):
+    def interrupt(self, command, says):
         """Sends Ctrl+C; the command must be running then."""
         self.assertIsNone(command.process.poll())
         command.process.send_signal(signal.SIGINT)
-        return command.result()
+        self.ends(command, 130, says)
+
+    def take(self):
+        """Frames and samples of the file."""
+        with wave.open(str(self.out)) as file:
+            return file.getnframes(), array.array("h", file.readframes(file.getnframes()))
 
     def test_devices_lists_the_speaker_and_the_microphone(self):
-        report = json.loads(self.succeed("devices", "--json"))
+        report = self.report("devices")
         for kind, name in (("outputs", "speaker"), ("inputs", "microphone")):
-            self.assertEqual([device["index"] for device in report[kind]],
-                             list(range(len(report[kind]))))
+            self.assertEqual([device["index"] for device in report[kind]], list(range(len(report[kind]))))
             self.assertTrue(any(name in device["name"] for device in report[kind]), report)
-        self.assertIn("0  " + report["outputs"][0]["name"], self.succeed("devices"))
+        self.assertIn("0  " + report["outputs"][0]["name"], run("devices")[1])
 
-    def test_play_takes_as_long_as_the_file_and_is_heard(self):
+    def test_play_plays_the_file_or_a_section_of_it_and_the_channels_it_is_told(self):
         with Heard(self.speaker) as heard:
             start = time.monotonic()
-            report = json.loads(self.succeed("play", self.ogg, "--json"))
-            took = time.monotonic() - start
-        self.assertGreater(took, 1.9)
-        self.assertEqual((report["begin"], report["end"], report["device"], report["channels"]),
-                         (0, 2 * RATE, None, [0, 1]))
+            report = self.report("play", self.ogg)
+            self.assertGreater(time.monotonic() - start, 1.9)
+        self.assertEqual([report[key] for key in ("begin", "end", "device", "channels")], [0, 2 * RATE, None, [0, 1]])
         frames = heard.frames()
         self.assertAlmostEqual(len(frames), 2 * RATE, delta=0.1 * RATE)
         for channel in zip(*frames):
             self.assertAlmostEqual(max(channel), 0.5, delta=0.05)
-
-    def test_play_plays_the_section_and_the_channels_it_is_told(self):
         with Heard(self.speaker) as heard:
-            status, text, messages = run("play", self.ogg, "--from", "0.5", "--to", "1",
-                                         "--channels", "1", "--device", "0", "--progress")
+            status, text, messages = run("play", self.ogg, "--from", "0.5", "--to", "1", "--channels", "1",
+                                         "--device", "0", "--progress")
         self.assertEqual(status, 0)
         self.assertTrue(messages.endswith("progress 100 Playing\n"), messages)
         self.assertRegex(text, r"^played .*two\.ogg: 0:00:00\.500 to 0:00:01\.000\n$")
@@ -152,60 +145,60 @@ class SoundTest(unittest.TestCase):
         self.assertAlmostEqual(len(frames), 0.5 * RATE, delta=0.1 * RATE)
         self.assertTrue(all(left == 0 for left, _ in frames))
 
-    def test_play_loops_until_it_is_interrupted(self):
+    def test_play_and_scrub_go_on_until_they_are_interrupted(self):
         with Heard(self.speaker) as heard:
             play = Run("play", self.ogg, "--to", "0.25", "--loop")
             heard.wait_for(RATE)
-            status, output, messages = self.interrupt(play)
-        self.assertEqual((status, output), (130, ""))
-        self.assertIn("interrupted at 0:00:00.", messages)
+            self.interrupt(play, "interrupted at 0:00:00.")
+        with Heard(self.speaker) as heard:
+            report = self.report("scrub", self.ogg, "--at", "0.5,22050f,1.25", "--hold", "0.4")
+        self.assertEqual(report["positions"], [22050, 22050, 55125])
+        self.assertGreater(len(heard.frames()), RATE // 2)
+        self.assertGreater(max(left for left, _ in heard.frames()), 0.4)
+        with Heard(self.speaker) as heard:
+            scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600")
+            heard.wait_for(RATE // 2)
+            self.interrupt(scrub, "interrupted at 0:00:01.000")
 
-    def test_wrong_usage_ends_with_2_and_a_missing_device_with_7(self):
-        for arguments, says in [
-            (["play", self.ogg, "--channels", "0,2"], "there is no channel 2"),
-            (["play", self.ogg, "--to", "2.1"], "88200 frames"),
-            (["play", self.ogg, "--device", "-1"], "--device"),
-            (["scrub", self.ogg], "--at"),
-            (["scrub", self.ogg, "--at", "0,,1"], "is not a time"),
-            (["scrub", self.ogg, "--at", "2.1"], "88200 frames"),
-            (["scrub", self.ogg, "--at", "1", "--hold", "long"], "is not a time"),
-            (["record", self.out, "--seconds", "0"], "no frame"),
-            (["record", self.out, "--seconds", "999999"], "4 GiB"),
-            (["record", self.out, "--seconds", "1", "--channels", "0"], "--channels"),
-            (["record", self.folder / "out.mp3", "--seconds", "1"], ".wav"),
+    def test_a_command_that_cannot_be_done_ends_with_its_status_and_writes_nothing(self):
+        folder = self.folder / "folder.wav"
+        folder.mkdir()
+        play, scrub, take = ["play", self.ogg], ["scrub", self.ogg, "--at"], ["record", self.out, "--seconds"]
+        for status, arguments, says in [
+            (2, [*play, "--channels", "0,2"], "there is no channel 2"),
+            (2, [*play, "--to", "2.1"], "88200 frames"),
+            (2, [*play, "--device", "-1"], "--device"),
+            (2, ["scrub", self.ogg], "--at"),
+            (2, [*scrub, "0,,1"], "is not a time"),
+            (2, [*scrub, "2.1"], "88200 frames"),
+            (2, [*scrub, "1", "--hold", "long"], "is not a time"),
+            (2, [*take, "0"], "no frame"),
+            (2, [*take, "999999"], "4 GiB"),
+            (2, [*take, "1", "--channels", "0"], "--channels"),
+            (2, ["record", self.folder / "out.mp3", "--seconds", "1"], ".wav"),
+            # Before the take.
+            (4, ["record", folder, "--seconds", "9999"], "this is a folder"),
+            *((7, [*words, "--device", "99"], "marlinda devices") for words in (play, [*scrub, "1"], [*take, "1"])),
         ]:
             with self.subTest(arguments=arguments):
-                self.fail_with(2, *arguments, says=says)
-        for arguments in (["play", self.ogg], ["scrub", self.ogg, "--at", "1"],
-                          ["record", self.out, "--seconds", "1"]):
-            self.fail_with(7, *arguments, "--device", "99", says="marlinda devices")
+                self.ends(Run(*arguments), status, says)
+        for arguments in (play, [*scrub, "1"], [*take, "1"]):
             # Messages of the system's own sound library may come before.
-            self.fail_with(7, *arguments, says="there is no sound device", environment=NO_SERVER)
-        self.assertEqual(list(self.folder.iterdir()), [])
-
-    def test_an_output_that_cannot_be_written_is_refused_before_the_take(self):
-        (self.folder / "folder.wav").mkdir()
-        self.fail_with(4, "record", self.folder / "folder.wav", "--seconds", "9999",
-                       says="this is a folder")
+            self.ends(Run(*arguments, environment=NO_SERVER), 7, "there is no sound device")
+        self.assertEqual(list(self.folder.iterdir()), [folder])
 
     def test_record_writes_exactly_the_frames_it_is_told_and_what_it_hears(self):
         for options, frames, (channels, width, rate) in [
             (["--seconds", "1"], RATE, (2, 2, RATE)),
-            (["--seconds", "12345f", "--bits", "24", "--channels", "1", "--rate", "48000"],
-             12345, (1, 3, 48000)),
+            (["--seconds", "12345f", "--bits", "24", "--channels", "1", "--rate", "48000"], 12345, (1, 3, 48000)),
         ]:
             with self.subTest(options=options):
-                report = json.loads(self.succeed("record", self.out, *options, "--json"))
-                self.assertEqual((report["frames"], report["bytes"]),
-                                 (frames, self.out.stat().st_size))
+                report = self.report("record", self.out, *options)
+                self.assertEqual((report["frames"], report["bytes"]), (frames, self.out.stat().st_size))
                 with wave.open(str(self.out)) as file:
-                    self.assertEqual((file.getnchannels(), file.getsampwidth(),
-                                      file.getframerate()), (channels, width, rate))
-                    self.assertEqual(file.getnframes(), frames)
+                    self.assertEqual(file.getparams()[:4], (channels, width, rate, frames))
                 # The tone all the way through. A busy machine may drop pieces, but puts nothing in.
-                tool("sox", self.out, "-b", 16, self.folder / "s16.wav", "remix", 1)
-                with wave.open(str(self.folder / "s16.wav")) as file:
-                    samples = array.array("h", file.readframes(frames))
+                samples = array.array("h", tool("sox", self.out, "-b", 16, "-t", "s16", "-", "remix", 1))
                 for begin in range(0, frames - 1000, 1000):
                     self.assertAlmostEqual(max(samples[begin:begin + 1000]), 16384, delta=4000)
                 swings = sum(a < 0 <= b for a, b in zip(samples, samples[1:]))
@@ -215,38 +208,26 @@ class SoundTest(unittest.TestCase):
     def test_a_take_whose_place_is_gone_is_saved_elsewhere(self):
         command = record(self.out, "--seconds", "3")
         self.out.mkdir()
-        status, output, messages = command.result()
-        self.assertEqual((status, output), (4, ""), messages)
+        messages = self.ends(command, 4, "the take was saved as C:")
         saved = re.search(r"the take was saved as C:(.*) instead", messages)[1]
         saved = pathlib.Path(os.environ["WINEPREFIX"] + "/drive_c" + saved.replace("\\", "/"))
         self.addCleanup(saved.unlink)
         with wave.open(str(saved)) as file:
             self.assertEqual(file.getnframes(), 3 * RATE)
 
-    def test_a_disk_that_runs_full_ends_with_4_and_keeps_the_take(self):
+    def test_a_recording_that_a_full_disk_or_an_interrupt_ends_keeps_its_take(self):
         # The pool takes 8 bytes a frame, the file 4.
-        room = RATE * 8
-        status, output, messages = run("record", self.out, "--seconds", "600", most_bytes=room)
-        self.assertEqual((status, output), (4, ""), messages)
-        self.assertIn("the file is valid and holds the first", messages)
-        with wave.open(str(self.out)) as file:
-            frames = file.getnframes()
-            samples = array.array("h", file.readframes(frames))
+        self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
+        frames, samples = self.take()
         # With the block that found no more room.
         self.assertGreaterEqual(frames, RATE)
         self.assertLessEqual(frames, RATE + RATE // 25)
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
-
-    def test_an_interrupted_recording_keeps_its_take(self):
-        command = record(self.out, "--seconds", "600")
+        command = record(self.out, *LONG)
         # A second Ctrl+C changes nothing.
         command.process.send_signal(signal.SIGINT)
-        status, output, messages = self.interrupt(command)
-        self.assertEqual((status, output), (130, ""))
-        self.assertIn("the file is valid and holds the first", messages)
-        with wave.open(str(self.out)) as file:
-            frames = file.getnframes()
-            samples = array.array("h", file.readframes(frames))
+        self.interrupt(command, "the file is valid and holds the first")
+        frames, samples = self.take()
         self.assertGreaterEqual(frames, RATE // 2)
         self.assertLess(frames, 600 * RATE)
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
@@ -260,39 +241,21 @@ class SoundTest(unittest.TestCase):
             os.kill(server, signal.SIGCONT)
             status, _, messages = command.result()
         self.assertEqual(status, 0, messages)
-        with wave.open(str(self.out)) as file:
-            self.assertEqual(file.getnframes(), 3 * RATE)
-
-    def test_scrub_makes_its_positions_heard_until_it_is_interrupted(self):
-        with Heard(self.speaker) as heard:
-            report = json.loads(self.succeed("scrub", self.ogg, "--at", "0.5,22050f,1.25", "--hold",
-                                             "0.4", "--json"))
-        self.assertEqual(report["positions"], [22050, 22050, 55125])
-        self.assertGreater(len(heard.frames()), RATE // 2)
-        self.assertGreater(max(left for left, _ in heard.frames()), 0.4)
-        with Heard(self.speaker) as heard:
-            scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600")
-            heard.wait_for(RATE // 2)
-            status, output, messages = self.interrupt(scrub)
-        self.assertEqual((status, output), (130, ""))
-        self.assertIn("interrupted at 0:00:01.000", messages)
+        self.assertEqual(self.take()[0], 3 * RATE)
 
     def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
             play = Run("play", self.long, environment=one)
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600", environment=other)
-            take = record(self.out, "--seconds", "600", environment=one)
+            take = record(self.out, *LONG, environment=one)
             Heard(speaker).wait_for(RATE // 2)
             Heard(other_speaker).wait_for(RATE // 2)
             kill_server(one)
             kill_server(other)
             for command, says in (play, "playing ended at"), (take, "holds the first"), \
                     (scrub, "it stopped playing at 0:00:01.000"):
-                status, _, messages = command.result()
-                self.assertEqual(status, 7, messages)
-                self.assertIn(says, messages)
-            with wave.open(str(self.out)) as file:
-                self.assertGreaterEqual(file.getnframes(), RATE // 2)
+                self.ends(command, 7, says)
+            self.assertGreaterEqual(self.take()[0], RATE // 2)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,356 @@
+// The kernels of the host: times, the plan of a cut, messages, status lines, WAV files, pictures.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+#include "host/channel_list.h"
+#include "host/cut_plan.h"
+#include "host/messages.h"
+#include "host/progress.h"
+#include "host/timecode.h"
+#include "host/wave_check.h"
+#include "host/waveform_picture.h"
+
+namespace marlinda {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+
+std::int64_t Frames(const std::string& text, std::int32_t rate) {
+  return Timecode::Parse(text).ToFrames(rate);
+}
+
+// The reason of a refusal; empty when there is none.
+template <class Call>
+std::string RefusalOf(Call call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+  return "";
+}
+
+TEST(Timecode, BecomesTheNearestFrameExactly) {
+  const struct {
+    const char* text;
+    std::int32_t rate;
+    std::int64_t frames;
+  } times[] = {
+      {"1.5", 44100, 66150},
+      {"1.", 48000, 48000},
+      {".25", 48000, 12000},
+      // Half a frame goes to the later one, less than half to the earlier one.
+      {"0.5", 1, 1},
+      {"0.499999999", 1, 0},
+      // Beyond the 53 bits of a double.
+      {"200000000000.00001", 100000, 20000000000000001},
+      {"9223372036854775807f", 192000, kMax},
+      {"9223372036854775807.4", 1, kMax},
+      {"0:05", 1000, 5000},
+      {"61:30.25", 1000, 3690250},
+      {"1:02:03.5", 1000, 3723500},
+  };
+  for (const auto& [text, rate, frames] : times) EXPECT_EQ(Frames(text, rate), frames) << text;
+  EXPECT_THROW(Frames("9223372036854775807.5", 1), std::invalid_argument);
+  EXPECT_THROW(Frames("9223372036854775807", 2), std::invalid_argument);
+  for (const char* text :
+       {"1:2",   "1:60", "1:2:03", ":05",    "1:",  "1:02:03:04", "1:02.5:03",
+        "1:02f", "",     ".",      "f",      "-1",  "1e3",        "1234567890123:00",
+        " 1",    "1.5f", "1.2.3",  "1:02\n", "1F ", "nan",        "1.0000000001"}) {
+    EXPECT_THROW(Timecode::Parse(text), std::invalid_argument) << text;
+  }
+}
+
+TEST(Timecode, IsCutFromItsNeighboursAtTheColonThatLeavesTimes) {
+  const TimeRange both = ParseRange("0.5:100f");
+  EXPECT_EQ(both.begin->ToFrames(10), 5);
+  EXPECT_EQ(both.end->ToFrames(10), 100);
+  EXPECT_FALSE(ParseRange(":2").begin.has_value());
+  EXPECT_FALSE(ParseRange("2:").end.has_value());
+  const TimeRange printed = ParseRange("0:00:05.000:1:02:03.500");
+  EXPECT_EQ(printed.begin->ToFrames(10), 50);
+  EXPECT_EQ(printed.end->ToFrames(10), 37235);
+  EXPECT_EQ(ParseRange("0:05:").begin->ToFrames(1), 5);
+  EXPECT_EQ(ParseNamedTime("1:02:Verse: two").at.ToFrames(1), 62);
+  EXPECT_EQ(ParseNamedTime("1:Verse: two").name, "Verse: two");
+  EXPECT_EQ(ParseNamedTime("1:02").name, "02");
+  EXPECT_EQ(ParseNamedTime("1:").name, "");
+  EXPECT_EQ(ParseNamedRange("0:05:0:10:Verse: 2").range.end->ToFrames(1), 10);
+  EXPECT_EQ(ParseNamedRange("1:2:a:b").name, "a:b");
+  EXPECT_FALSE(ParseNamedRange("::all").range.end.has_value());
+  EXPECT_EQ(ParseSpan("0:05:1.5").at.ToFrames(1), 5);
+  EXPECT_EQ(ParseSpan("1:250f").length.ToFrames(8000), 250);
+  // 10 to 20:30, or 10:20 to 30
+  for (const char* text : {"10:20:30", "", "2", "1:2:3", "1:x", "x:1", "1-2"}) {
+    EXPECT_THROW(ParseRange(text), std::invalid_argument) << text;
+  }
+  for (const char* text : {"10:20:30:x", "1:Verse"}) {
+    EXPECT_THROW(ParseNamedRange(text), std::invalid_argument) << text;
+  }
+  EXPECT_THROW(ParseNamedTime(":Verse"), std::invalid_argument);
+  EXPECT_THROW(ParseSpan("1:"), std::invalid_argument);
+}
+
+TEST(Durations, AreShownToTheMillisecondAndNeverRoundedUp) {
+  EXPECT_EQ(FormatDuration(44099, 44100), "0:00:00.999");
+  EXPECT_EQ(FormatDuration(3725LL * 48000 + 24000, 48000), "1:02:05.500");
+  EXPECT_EQ(FormatDuration(kMax, 2147483647), "1193046:28:18.000");
+  EXPECT_EQ(FormatDuration(-1, 44100), "unknown");
+  EXPECT_EQ(FormatDuration(1, 0), "unknown");
+}
+
+TEST(CutPlan, JoinsPiecesInTheOrderGivenAndCountsSilenceInTheResultSoFar) {
+  const CutPlan plan = PlanCut({.keep = {"8:", "0:1500f", ":"},
+                                .silences = {"2:0.5", "14:1f"},
+                                .labels = {"14001f:End", "0:Start"},
+                                .markers = {"2:2.5:Pause", "::All"}},
+                               10000, 1000);
+  ASSERT_EQ(plan.pieces.size(), 3U);
+  EXPECT_EQ(plan.pieces[0].begin, 8000);
+  EXPECT_EQ(plan.pieces[0].end, 10000);
+  EXPECT_EQ(plan.pieces[1].end, 1500);
+  ASSERT_EQ(plan.silences.size(), 2U);
+  EXPECT_EQ(plan.silences[0].at, 2000);
+  EXPECT_EQ(plan.silences[0].length, 500);
+  EXPECT_EQ(plan.silences[1].at, 14000);  // the end of the result only after the first silence
+  EXPECT_EQ(plan.length, 14001);
+  EXPECT_EQ(plan.annotations.labels[0].position, 14001);
+  EXPECT_EQ(plan.annotations.labels[1].name, "Start");
+  EXPECT_EQ(plan.annotations.markers[0].section.begin, 2000);
+  EXPECT_EQ(plan.annotations.markers[0].section.end, 2500);
+  EXPECT_EQ(plan.annotations.markers[1].section.end, 14001);
+}
+
+TEST(CutPlan, RefusesPositionsOutsideTheAudioAndNamesTheOption) {
+  const std::pair<CutRequest, const char*> requests[] = {
+      {{.keep = {"0:10.001"}}, "--keep 0:10.001: the range reaches past the end"},
+      {{.keep = {"0:10.001"}}, "(10000 frames, 0:00:10.000)"},
+      {{.keep = {"2:2"}}, "holds no frame"},
+      {{.keep = {"0:1"}, .silences = {"1.001:1"}}, "--silence"},
+      {{.keep = {"0:1"}, .silences = {"1:0"}}, "holds no frame"},
+      {{.keep = {"0:1"}, .silences = {"0:9223372036854775807f"}}, "too long"},
+      {{.keep = {"0:1"}, .labels = {"1001f:x"}}, "--label"},
+      {{.keep = {"0:1"}, .markers = {"0:1001f:x"}}, "--marker"},
+      {{.keep = {"0:1"}, .silences = {"1:1"}, .labels = {"2:x"}}, ""},
+  };
+  for (const auto& [request, reason] : requests) {
+    EXPECT_THAT(RefusalOf([&] { PlanCut(request, 10000, 1000); }), HasSubstr(reason));
+  }
+  // Before the audio is known.
+  EXPECT_NO_THROW(CheckSyntax({{"0:99999"}, {"5:1"}, {"1:a"}, {"1:2:b"}}));
+  for (const CutRequest& wrong : {CutRequest{.keep = {"0:1", "1"}}, CutRequest{.silences = {"5"}},
+                                  CutRequest{.labels = {"a"}}, CutRequest{.markers = {"1:a"}}}) {
+    EXPECT_THROW(CheckSyntax(wrong), std::invalid_argument);
+  }
+}
+
+TEST(Messages, NameSubjectReasonAndRemedyAndShowAnUnknownCode) {
+  const auto explain = [](std::uint32_t hresult) {
+    return Explain(static_cast<std::int32_t>(hresult), "a.ogg", ExitStatus::kInput);
+  };
+  EXPECT_STREQ(explain(0x80070002).what(),
+               "a.ogg: the file does not exist\n  Check the name and the folder.");
+  EXPECT_EQ(explain(0x80070002).status(), ExitStatus::kInput);
+  // A full disk while reading is the disk of the temporary files.
+  EXPECT_EQ(explain(0x80070070).status(), ExitStatus::kOutput);
+  EXPECT_STREQ(explain(0x8BADF00D).what(), "a.ogg: the system reports error 0x8BADF00D");
+}
+
+TEST(Progress, EachPercentIsOneLineForAProgramAndOneBarForAPerson) {
+  std::ostringstream lines;
+  std::ostringstream screen;
+  {
+    ProgressBar for_program({.lines = &lines}, "Reading a b");
+    ProgressBar for_person({.terminal = &screen}, "T");
+    for (const double fraction : {0.0, 0.004, 0.999, 7.0, double{kNaN}}) for_program.Show(fraction);
+    for (const double fraction : {0.5, 0.5001}) for_person.Show(fraction);
+  }
+  EXPECT_EQ(lines.str(),
+            "progress 0 Reading a b\nprogress 99 Reading a b\nprogress 100 Reading a b\n"
+            "progress 0 Reading a b\n");
+  const std::string bar = "T [" + std::string(20, '#') + std::string(20, ' ') + "]  50 %";
+  EXPECT_EQ(screen.str(), "\r" + bar + "\r" + std::string(bar.size(), ' ') + "\r");
+  screen.str("");
+  StatusLine line(&screen);
+  line.Show("long line");
+  line.Show("short");
+  EXPECT_EQ(screen.str(), "\rlong line\rshort    ") << "the rest is overwritten";
+}
+
+TEST(TransportLine, ShowsABarOfSixtyDecibelsForEachLevelWithinATerminal) {
+  const auto meter = [](const std::vector<float>& levels) {
+    const std::string line = TransportLine("Playing", 66150, 132300, 44100, levels);
+    EXPECT_EQ(line.substr(0, 33), "Playing 0:00:01.500 / 0:00:03.000");
+    return line.substr(33);
+  };
+  // 20 steps of 3 dB: half scale is 6 dB below the top.
+  EXPECT_EQ(meter({0.51F, 0.0F}), " [##################  ] [                    ]");
+  EXPECT_EQ(meter({1.0F}), " [###################!]");
+  EXPECT_EQ(meter({0.999F, 0.0009F}), " [################### ] [                    ]");
+  EXPECT_EQ(meter({-1.0F, kNaN}), meter({0.0F, 0.0F}));
+  // Bars that do not fit stay readable.
+  EXPECT_THAT(meter(std::vector(32, 1.0F)), EndsWith(" [##!]"));
+}
+
+TEST(ChannelList, ReadsNumbersFromZeroAndRefusesMissingChannels) {
+  EXPECT_EQ(ParseChannelMask("1,0,5,5"), 35U);
+  EXPECT_EQ(ParseChannelMask("31"), 0x80000000U);
+  for (const char* text : {"", "0,", "0, 1", "-1", "1.0", "32", "99999999999999999999"}) {
+    EXPECT_THROW(ParseChannelMask(text), std::invalid_argument) << text;
+  }
+  EXPECT_THAT(ChannelsOf(6, 8), ElementsAre(1, 2));
+  EXPECT_EQ(ChannelsOf(0xFFFFFFFF, 40).size(), 32U);
+  EXPECT_NO_THROW(RequireChannels(0xFFFFFFFF, 32));
+  EXPECT_THROW(RequireChannels(0x80000000, 31), std::invalid_argument);
+}
+
+std::string Number(std::uint32_t value, int bytes = 4) {
+  std::string text;
+  for (int i = 0; i < bytes; ++i) text += static_cast<char>(value >> 8 * i);
+  return text;
+}
+
+std::string Chunk(const std::string& tag, const std::string& body) {
+  return tag + Number(static_cast<std::uint32_t>(body.size())) + body;
+}
+
+std::optional<WaveFileFacts> Examine(const std::string& bytes) {
+  std::istringstream file(bytes);
+  return ExamineWaveFile(file);
+}
+
+TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles) {
+  const std::string format =
+      Number(1, 2) + Number(1, 2) + Number(8000) + Number(24000) + Number(3, 2) + Number(24, 2);
+  const std::string whole = Chunk(
+      "RIFF", "WAVE" + Chunk("fmt ", format) + Chunk("data", "12345678") + Chunk("LIST", "INFO"));
+  const auto facts = Examine(whole);
+  ASSERT_TRUE(facts.has_value());
+  EXPECT_EQ(facts->bytes, static_cast<std::int64_t>(whole.size()));
+  EXPECT_EQ(facts->data_bytes, 8);
+  EXPECT_EQ(facts->block_align, 3);
+  EXPECT_FALSE(HoldsFrames(*facts, 1));
+  EXPECT_TRUE(HoldsFrames(*facts, 2));
+  EXPECT_FALSE(HoldsFrames(*facts, 3));
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_FALSE(Examine(whole.substr(0, length)).has_value()) << length;
+  }
+  EXPECT_FALSE(Examine(whole + "x").has_value());
+  // The low byte of each size, and the first letter of each tag.
+  for (const std::size_t position : {0U, 4U, 8U, 12U, 16U, 36U, 40U}) {
+    std::string broken = whole;
+    broken[position] ^= 1;
+    EXPECT_FALSE(Examine(broken).has_value()) << position;
+  }
+  EXPECT_TRUE(FitsWaveFile(std::int64_t{1} << 30, 1, 16));
+  EXPECT_FALSE(FitsWaveFile(std::int64_t{1} << 30, 2, 16));
+  EXPECT_FALSE(FitsWaveFile(std::int64_t{1} << 62, 32767, 32));
+}
+
+constexpr int kWidth = 200;
+constexpr int kHeight = 220;  // 200 for the lanes, 20 for the axis
+
+// A picture of one second whose columns are given by a function of column and channel.
+template <class Pair>
+Picture Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
+  std::vector<float> pairs;
+  for (int column = 0; column < kWidth; ++column) {
+    for (int channel = 0; channel < channels; ++channel) {
+      const auto [minimum, maximum] = pair(column, channel);
+      pairs.insert(pairs.end(), {minimum, maximum});
+    }
+  }
+  return DrawWaveform({pairs, channels, 0, 44100, 44100, std::move(annotations)}, kWidth, kHeight);
+}
+
+std::pair<float, float> Silent(int, int) { return {0.0F, 0.0F}; }
+
+// The rows of a column that the wave covers.
+std::vector<int> WaveIn(const Picture& picture, int column, int from = 0, int to = 200) {
+  std::vector<int> rows;
+  for (int y = from; y < to; ++y) {
+    if (picture.At(column, y) == Colour{38, 92, 158}) rows.push_back(y);
+  }
+  return rows;
+}
+
+TEST(WaveformPicture, EachLaneShowsItsChannelsMinimumAndMaximum) {
+  const Picture picture = Draw(
+      [&](int column, int channel) {
+        if (column < 50) return std::pair(0.0F, 0.0F);
+        if (column == 60) return std::pair(3.4e38F, -3.4e38F);  // a column without samples
+        if (column == 70) return std::pair(kNaN, kNaN);
+        return channel == 0 ? std::pair(-3.0F, 1.0e30F) : std::pair(-0.5F, 0.5F);
+      },
+      {}, 2);
+  EXPECT_THAT(WaveIn(picture, 40, 0, 100),
+              ElementsAre(AllOf(::testing::Ge(47), ::testing::Le(49))));
+  EXPECT_EQ(WaveIn(picture, 80, 0, 100).front(), 0);
+  EXPECT_GE(WaveIn(picture, 80, 0, 100).size(), 95U);
+  EXPECT_NEAR(static_cast<int>(WaveIn(picture, 80, 100, 200).size()), 48, 2);
+  EXPECT_NEAR(WaveIn(picture, 80, 100, 200).front(), 124, 2);
+  EXPECT_TRUE(WaveIn(picture, 60).empty());
+  EXPECT_TRUE(WaveIn(picture, 70).empty());
+}
+
+TEST(WaveformPicture, EveryColumnTouchesItsNeighbourAndHasNoHoles) {
+  std::mt19937 random(5);
+  std::uniform_real_distribution<float> sample(-1.0F, 1.0F);
+  const Picture picture = Draw([&](int, int) {
+    const float a = sample(random);
+    return std::pair(a, a + 0.01F);
+  });
+  for (int column = 1; column < kWidth; ++column) {
+    const auto before = WaveIn(picture, column - 1);
+    const auto here = WaveIn(picture, column);
+    ASSERT_EQ(static_cast<int>(here.size()), here.back() - here.front() + 1) << column;
+    ASSERT_LE(here.front(), before.back()) << column;
+    ASSERT_GE(here.back(), before.front()) << column;
+  }
+}
+
+TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesOfAnyLengthAndScript) {
+  const Colour label{196, 48, 43};
+  const Colour marker{178, 120, 10};
+  Annotations annotations;
+  annotations.labels = {{22050, "Half"}, {-5, "before"}, {44100, "after"}};
+  annotations.markers = {{{4410, 8820}, "Verse"}, {{30000, 20000}, "backward"}};
+  const Picture picture = Draw(Silent, annotations);
+  EXPECT_EQ(picture.At(100, 150), label);
+  EXPECT_EQ(picture.At(20, 150), marker);
+  EXPECT_EQ(picture.At(40, 150), marker);
+  EXPECT_NE(picture.At(30, 150), picture.At(60, 150));  // the marked section is tinted
+  EXPECT_NE(picture.At(0, 150), label);
+  EXPECT_NE(picture.At(kWidth - 1, 150), label);
+  annotations.labels = {{44000, std::string(5000, 'x')}, {100, "Caf\xC3\xA9 \xE4\xBD\xA0"}};
+  EXPECT_EQ(Draw(Silent, annotations).bytes().size(), 3U * kWidth * kHeight);
+  EXPECT_EQ(TextWidth("Caf\xC3\xA9"), TextWidth("Caf?"));
+  // The smallest picture has room for nothing but still a lane.
+  EXPECT_NO_THROW(DrawWaveform({{}, 8, 0, 1, 0, annotations}, 32, 32));
+}
+
+TEST(WaveformPicture, TicksAreFarEnoughApartAndReadAsTimes) {
+  const std::pair<double, double> steps[] = {
+      {12.0, 1.0}, {1.0, 0.1}, {3600.0, 300.0}, {1e7, 7 * 86400.0}};
+  for (const auto& [seconds, step] : steps) EXPECT_DOUBLE_EQ(TickStep(seconds, 1200, 70), step);
+  const std::tuple<double, double, const char*> texts[] = {
+      {0, 1, "0"},      {0.25, 0.05, "0.25"},  {59.99999, 0.5, "1:00.0"},
+      {185, 5, "3:05"}, {65.5, 0.5, "1:05.5"}, {3600, 600, "1:00:00"}};
+  for (const auto& [seconds, step, text] : texts) EXPECT_EQ(TickText(seconds, step), text);
+}
+
+}  // namespace
+}  // namespace marlinda
