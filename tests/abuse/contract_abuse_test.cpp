@@ -45,35 +45,23 @@ struct Case {
 const std::vector<Number>& NumbersOf(VARTYPE type) {
   constexpr Number kMin = std::numeric_limits<Number>::min();
   constexpr Number kMax = std::numeric_limits<Number>::max();
-  static const std::vector<Number> kShort = {-1, 0,  1,  2,  3,   7,     8,     9,
-                                             24, 25, 32, 33, 256, 32767, -32768};
+  static const std::vector<Number> kShort = {-1, 0, 1, 2, 7, 8, 24, 25, 32, 33, 32767, -32768};
   static const std::vector<Number> kLong = {
-      -1,    0,     1,      2,       3,       100,        1023,        65535,
-      65536, 32768, 384000, 1 << 24, 1 << 30, 2147483647, -2147483647, -2147483648LL};
+      -1, 0, 1, 2, 1023, 65535, 65536, 384000, 1 << 24, 1 << 30, 2147483647, -2147483648LL};
   static const std::vector<Number> kWide = {
-      -1,       0,           1,         2,         99,       999,
-      1000,     1001,        1LL << 31, 1LL << 32, kMax / 8, kMax / 4 + 1,
-      kMax / 2, kMax - 1000, kMax - 1,  kMax,      kMin,     kMin + 1};
+      -1,           0,        1,           2,    999,  1000,    1001, 1LL << 31, kMax / 8,
+      kMax / 4 + 1, kMax / 2, kMax - 1000, kMax, kMin, kMin + 1};
   return type == VT_I8 ? kWide : type == VT_I2 || type == VT_BOOL ? kShort : kLong;
-}
-
-// For pairs: sums, differences and products of any two of these overflow.
-std::vector<Number> ExtremesOf(VARTYPE type) {
-  const auto [low, high] = std::ranges::minmax(NumbersOf(type));
-  return {low, -1, 0, high / 2 + 1, high};
 }
 
 const std::vector<std::pair<std::string, std::wstring>>& Texts() {
   static const std::vector<std::pair<std::string, std::wstring>> texts = {
       {"empty", L""},
       {"with a NUL inside", std::wstring(L"C:\\a\0b.ogg", 10)},
-      {"beginning with a NUL", std::wstring(L"\0a", 2)},
       {"a million characters long", std::wstring(1 << 20, L'x')},
-      {"a path longer than any", L"C:\\" + std::wstring(40000, L'a') + L".ogg"},
       {"outside the code page", L"\x97f3\x697d\x0416\xd83c\xdfb5"},
       {"half a surrogate pair", L"\xd800 \xdc00\xdc00"},
       {"full of percent signs", L"%s%n%1!s!%%"},
-      {"a device", L"NUL"},
       {"a folder", L"C:\\"},
       {"a wild card", L"*?<>|\""},
   };
@@ -123,13 +111,16 @@ std::vector<Case> CasesOf(const Method& method) {
         break;
     }
   }
-  for (auto a = numbers.begin(); a != numbers.end(); ++a) {
-    for (auto b = a + 1; b != numbers.end(); ++b) {
-      for (const Number x : ExtremesOf(method.parameters[*a].type)) {
-        for (const Number y : ExtremesOf(method.parameters[*b].type)) {
-          cases.push_back({std::to_string(x) + " and " + std::to_string(y), {{*a, x}, {*b, y}}});
-        }
-      }
+  if (numbers.size() < 2) return cases;
+  // Sums, differences and products of these overflow.
+  constexpr Number kWide = std::numeric_limits<Number>::max();
+  for (const auto& [first, others] :
+       {std::pair{kWide, kWide}, std::pair{kWide, Number{-1}}, std::pair{~kWide, kWide},
+        std::pair{kWide / 2 + 1, kWide}, std::pair{Number{-1}, Number{1}}}) {
+    Case& all = cases.emplace_back(Case{"all " + std::to_string(first), {}});
+    for (const std::size_t p : numbers) {
+      const int unused = method.parameters[p].type == VT_I8 ? 0 : 32;
+      all.changes.push_back({p, (p == numbers.front() ? first : others) >> unused});
     }
   }
   return cases;
@@ -167,8 +158,7 @@ class Call {
     std::vector<VARTYPE> types;
     std::vector<VARIANTARG*> arguments;
     for (VARIANTARG& value : values_) {
-      types.push_back(V_VT(&value));
-      arguments.push_back(&value);
+      types.push_back(V_VT(arguments.emplace_back(&value)));
     }
     VARIANT result = {};
     Check(DispCallFunc(face, method_.vtable_offset, CC_STDCALL, VT_I4,
@@ -186,9 +176,8 @@ class Call {
     for (std::size_t p = 0; p < outs_.size(); ++p) {
       const Parameter& parameter = method_.parameters[p];
       if (parameter.kind != Kind::kOut) continue;
-      const auto untouched = [](unsigned char byte) { return byte == kUntouched; };
-      if (!std::ranges::all_of(std::span(outs_[p].bytes).subspan(SizeOf(parameter.type)),
-                               untouched)) {
+      const auto beyond = std::span(outs_[p].bytes).subspan(SizeOf(parameter.type));
+      if (std::ranges::count(beyond, kUntouched) != std::ssize(beyond)) {
         wrong += parameter.name + " was written beyond its size; ";
       }
       if (!HandsOut(parameter)) continue;
@@ -256,10 +245,10 @@ class Call {
         return SetPointer(p, texts_.back());
       }
       case Kind::kArray: {
-        SharedArray array = change != nullptr ? std::get<const ArrayCase*>(change->value)->make()
-                                              : Guarded(kProperElements);
-        SetPointer(p, array.get());
+        SharedArray array =
+            change != nullptr ? std::get<const ArrayCase*>(change->value)->make() : Guarded();
         if (array != nullptr) arrays_.emplace_back(array, *array);
+        return SetPointer(p, array.get());
       }
     }
   }
@@ -286,47 +275,28 @@ class ImpatientUser {
   }};
 };
 
-// The case that runs, for the report of a crash.
-std::string running;
-
-LONG WINAPI NameTheCase(EXCEPTION_POINTERS* exception) {
-  if (exception->ExceptionRecord->ExceptionCode >> 28 != 0xC) return EXCEPTION_CONTINUE_SEARCH;
-  std::printf("exception %08lX in %s\n", exception->ExceptionRecord->ExceptionCode,
-              running.c_str());
-  std::fflush(stdout);
-  return EXCEPTION_CONTINUE_SEARCH;
-}
-
 class ContractAbuse : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
     Check(CopyFileW(TESSALY_SAMPLE_OGG, sample_.c_str(), TRUE) ? S_OK : LastErrorResult());
     // Some of the texts are relative file names.
     SetCurrentDirectoryW(folder_.path().c_str());
-    handler_ = AddVectoredExceptionHandler(1, NameTheCase);
   }
-  void TearDown() override {
-    RemoveVectoredExceptionHandler(handler_);
-    SetCurrentDirectoryW(L"C:\\");
-  }
+  void TearDown() override { SetCurrentDirectoryW(L"C:\\"); }
 
-  void RunCase(const Class& tested, State state, const Method& method, const Case& test) {
-    if (MayWait(tested.name, method, state) && test.verdict != Verdict::kInvalid) return;
-    const HRESULT hr = RunOn(tested, state, method, test.changes, !test.HasArray());
-    const auto expect = [&](bool right, const char* what) {
-      EXPECT_TRUE(right) << running << ": not " << what << ", but 0x" << std::hex << hr;
-    };
-    switch (test.verdict) {
+  bool IsAsItShouldBe(HRESULT hr, const Class& tested, State state, const Method& method,
+                      Verdict verdict) {
+    switch (verdict) {
       case Verdict::kPointer:
-        return expect(hr == E_POINTER || hr == E_NOTIMPL, "E_POINTER");
+        return hr == E_POINTER || hr == E_NOTIMPL;
       case Verdict::kInvalid:
-        return expect(hr == E_INVALIDARG, "E_INVALIDARG");
+        return hr == E_INVALIDARG;
       case Verdict::kFail:
-        return expect(FAILED(hr), "a failure");
+        return FAILED(hr);
       case Verdict::kAsTheProper:
-        return expect(hr == RunOn(tested, state, method, {}, false), "as for a proper array");
-      case Verdict::kAny:
-        break;
+        return hr == RunOn(tested, state, method, {}, false);
+      default:
+        return true;
     }
   }
 
@@ -353,7 +323,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
     Call call(scene, object, method, changes);
     const HRESULT hr = call.Make(face.Get());
     const std::string wrong = call.Examine(hr);
-    EXPECT_EQ(wrong, "") << running << ", in " << method.FullName() << ", 0x" << std::hex << hr;
+    EXPECT_EQ(wrong, "") << "in " << method.FullName() << ", 0x" << std::hex << hr;
     return hr;
   }
 
@@ -362,7 +332,6 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   const std::wstring sample_ = folder_.File(L"sample.ogg");
   const ImpatientUser user_;
   const OurConverter converter_;
-  void* handler_ = nullptr;
   int index_ = 0;
 };
 
@@ -376,16 +345,17 @@ TEST_P(ContractAbuse, IsAnsweredAndTheObjectWorksAfterwards) {
                                     {State::kSetUp, "set up, "},
                                     {State::kOpen, "open, "}}) {
     for (const Method& method : tested->methods) {
-      // The last line before a hang names the method.
+      // The last line before a crash or a hang names the method.
       std::printf("%s%s\n", name, method.FullName().c_str());
       std::fflush(stdout);
       for (const Case& test : CasesOf(method)) {
-        // The result of two numbers does not depend on the state.
-        if (test.changes.size() == 2 && state != State::kSetUp) continue;
         // Each open object costs the end of its thread.
         if (state == State::kOpen && !test.HasArray() && ++open % 4 != 0) continue;
-        running = name + method.FullName() + ", " + test.name;
-        RunCase(*tested, state, method, test);
+        if (MayWait(tested->name, method, state) && test.verdict != Verdict::kInvalid) continue;
+        SCOPED_TRACE(test.name);
+        const HRESULT hr = RunOn(*tested, state, method, test.changes, !test.HasArray());
+        EXPECT_TRUE(IsAsItShouldBe(hr, *tested, state, method, test.verdict))
+            << method.FullName() << " returns 0x" << std::hex << hr;
         if (++index_ == kCasesToWarmUp) watch.emplace();
       }
     }

@@ -54,22 +54,4 @@ class TemporaryFilesIn {
   const std::wstring usual_ = _wgetenv(L"TMP");
 };
 
-// The exit code of a program.
-inline DWORD RunProgram(const std::wstring& path, const std::wstring& arguments) {
-  std::wstring command = L"\"" + path + L"\" " + arguments;
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process = {};
-  Check(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                       &startup, &process)
-            ? S_OK
-            : LastErrorResult());
-  const KernelHandle thread(process.hThread);
-  const KernelHandle ended(process.hProcess);
-  WaitForSingleObject(ended.get(), INFINITE);
-  DWORD code = STILL_ACTIVE;
-  GetExitCodeProcess(ended.get(), &code);
-  return code;
-}
-
 }  // namespace marlinda::testing

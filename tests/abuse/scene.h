@@ -60,12 +60,11 @@ class Scene {
     }
     if (parameter.name == "punkImportFilter") return Keep(Create<IImportFilter>(CLSID_COggImport));
     for (const Class& known : classes_) {
-      for (const Method& method : known.methods) {
-        if (method.iid != parameter.iid) continue;
-        ComPtr<IUnknown> face;
+      for (const Interface& each : known.interfaces) {
+        if (each.iid != parameter.iid) continue;
+        ComPtr<IUnknown>& face = kept_.emplace_back();
         Create<IUnknown>(known.clsid)
-            ->QueryInterface(method.iid, reinterpret_cast<void**>(face.GetAddressOf()));
-        kept_.push_back(face);
+            ->QueryInterface(each.iid, reinterpret_cast<void**>(face.GetAddressOf()));
         return face.Get();
       }
     }
