@@ -30,9 +30,6 @@ struct HandleEntry {
 
 unsigned CountHandles() {
   // The documented way always gives 0 under some versions of Wine.
-  DWORD documented = 0;
-  GetProcessHandleCount(GetCurrentProcess(), &documented);
-  if (documented > 0) return documented;
   const auto query = ExportAs<LONG WINAPI(ULONG, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll"),
                                                                         "NtQuerySystemInformation");
   constexpr ULONG kSystemHandleInformation = 16;

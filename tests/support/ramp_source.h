@@ -19,10 +19,16 @@ class RampSource : public TestObject<IAudioReader> {
  public:
   // `name` is one letter from A on.
   static ComPtr<RampSource> Make(char name, SHORT channels = 2, CallLog* log = nullptr,
-                                 LONG samples_per_sec = 44100);
+                                 LONG samples_per_sec = 44100) {
+    ComPtr<RampSource> source;
+    *source.GetAddressOf() = new RampSource(name, channels, log, samples_per_sec);
+    return source;
+  }
 
   // Exact for frames from -4096 to 4095 and up to 8 channels.
-  static float Sample(char name, __int64 frame, int channel);
+  static float Sample(char name, __int64 frame, int channel) {
+    return static_cast<float>(((name - 'A' + 1) << 16) + (frame + 4096) * 8 + channel);
+  }
 
   char name() const { return name_; }
   int channels() const { return channels_; }
@@ -34,11 +40,27 @@ class RampSource : public TestObject<IAudioReader> {
   // Runs inside ReadAudio before anything is delivered, with the caller's array.
   std::function<void(SAFEARRAY*)> on_read;
 
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
-  STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    const ULONG count = psaAudioData->rgsabound[0].cElements;
+    Note("ReadAudio(" + std::to_string(nSamplePos) + ", " + std::to_string(count) + ")");
+    if (on_read) on_read(psaAudioData);
+    auto* const samples = static_cast<float*>(psaAudioData->pvData);
+    for (ULONG i = 0; i < count && SUCCEEDED(read_result); ++i) {
+      samples[i] = At(nSamplePos + i / channels_, static_cast<int>(i % channels_));
+    }
+    return read_result;
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    *pnSamplesPerSec = samples_per_sec_;
+    *pnChannels = channels_;
+    return Note("GetFormat"), S_OK;
+  }
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    *pnSamples = frames;
+    return Note("GetSampleCount"), S_OK;
+  }
+  STDMETHODIMP OpenDevice() override { return Note("OpenDevice"), open_result; }
+  STDMETHODIMP CloseDevice() override { return Note("CloseDevice"), S_OK; }
 
  protected:
   RampSource(char name, SHORT channels, CallLog* log, LONG samples_per_sec)

@@ -326,10 +326,11 @@ void Run(const std::vector<std::string>& words) {
   const std::string& command = words.at(0);
   if (command == "use") return Obey(*MakeUse(words.at(1), std::stoi(words.at(3))), words.at(2));
   if (command != "play" && command != "record") return PlayDocument(command, words);
-  const auto bits = static_cast<SHORT>(std::stoi(words.at(1)));
-  const auto channels = static_cast<SHORT>(std::stoi(words.at(2)));
-  const std::size_t block_frames = std::stoul(words.at(3));
-  const std::size_t frames = std::stoul(words.at(4));
+  const auto number = [&](std::size_t place) { return std::stoi(words.at(place)); };
+  const auto bits = static_cast<SHORT>(number(1));
+  const auto channels = static_cast<SHORT>(number(2));
+  const auto block_frames = static_cast<std::size_t>(number(3));
+  const auto frames = static_cast<std::size_t>(number(4));
   if (command == "play") return Play(bits, channels, block_frames, frames);
   Record(bits, channels, block_frames, frames, words.at(5));
 }
@@ -338,16 +339,8 @@ void Run(const std::vector<std::string>& words) {
 }  // namespace marlinda::testing
 
 int main(int argc, char** argv) {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 2;
-  int status = 0;
-  try {
-    marlinda::testing::ModuleUnderTest::Load();
+  return marlinda::testing::RunClient([&] {
     marlinda::testing::Run({argv + 1, argv + argc});
-  } catch (const marlinda::HResultError& error) {
-    std::fprintf(stderr, "failed: 0x%08lX\n", static_cast<unsigned long>(error.code()));
-    status = 1;
-  }
-  if (!marlinda::testing::ModuleUnderTest::RevokeAndSeeUnused()) status = 1;
-  CoUninitialize();
-  return status;
+    return 0;
+  });
 }
