@@ -159,7 +159,7 @@ TEST_F(EveryClass, LeavesCountingAndQueriesToAnOuterObject) {
 
 // All classes share their base.
 TEST(OneClass, CountsReferencesOfManyThreads) {
-  constexpr int kTimes = 200'000;
+  constexpr int kTimes = 4'000'000;
   const auto object = Create<IUnknown>(CLSID_CNullReader);
   std::vector<std::jthread> threads;
   for (int thread = 0; thread < 4; ++thread) {

@@ -120,21 +120,5 @@ TEST_F(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
   EXPECT_EQ(registry_.ReadDword("Fresh", 1), 1U) << "a key opened for reading was written";
 }
 
-TEST_F(Registry, EnumeratesTextsUpToTheFirstThatDoesNotFit) {
-  using Strings = std::vector<std::string>;
-  const std::string longest(99, 'e');
-  StoreText("a", "first");
-  Store("b", REG_DWORD, std::string(4, '\1'));
-  StoreText("c", longest);
-  StoreText(longest, "long name");
-  StoreText("f", longest + 'z');
-  StoreText("g", "behind the value that does not fit");
-  Strings names = {"kept"};
-  Strings datas = {"kept too"};
-  registry_.EnumStringValues(names, datas);
-  EXPECT_EQ(names, (Strings{"kept", "a", "c", longest}));
-  EXPECT_EQ(datas, (Strings{"kept too", "first", longest, "long name"}));
-}
-
 }  // namespace
 }  // namespace marlinda::testing
