@@ -2,8 +2,6 @@
 #include <converter.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
@@ -11,21 +9,13 @@ namespace {
 
 class FormatConverter : public ::testing::Test {
  protected:
-  FormatConverter()
-      : module_(LoadLibraryW(std::filesystem::path(ModuleUnderTest::Path())
-                                 .replace_filename(L"Converter.dll")
-                                 .c_str())) {
+  FormatConverter() {
     Check(GetClass(CLSID_CFormatConverter));
     Check(factory_->CreateInstance(nullptr, __uuidof(IFormatConverter),
                                    reinterpret_cast<void**>(converter_.GetAddressOf())));
   }
-
-  template <class Function>
-  Function Export(const char* name) const {
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module_, name)));
-  }
   HRESULT GetClass(REFCLSID clsid) {
-    return Export<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>("DllGetClassObject")(
+    return ExportAs<decltype(DllGetClassObject)>(module_, "DllGetClassObject")(
         clsid, IID_IClassFactory, reinterpret_cast<void**>(factory_.ReleaseAndGetAddressOf()));
   }
   std::vector<float> Output() const {
@@ -37,7 +27,7 @@ class FormatConverter : public ::testing::Test {
     return samples;
   }
 
-  const HMODULE module_;
+  const HMODULE module_ = LoadLibraryW(ModuleUnderTest::Sibling(L"Converter.dll").c_str());
   ComPtr<IClassFactory> factory_;
   ComPtr<IFormatConverter> converter_;
 };
@@ -73,7 +63,7 @@ TEST_F(FormatConverter, StartsANewStreamWithEverySetUp) {
 }
 
 TEST_F(FormatConverter, HasOneClassInAModuleOfItsOwn) {
-  const auto can_unload = Export<HRESULT(WINAPI*)()>("DllCanUnloadNow");
+  const auto can_unload = ExportAs<decltype(DllCanUnloadNow)>(module_, "DllCanUnloadNow");
   EXPECT_EQ(GetClass(CLSID_CAudioConnector), CLASS_E_CLASSNOTAVAILABLE);
   EXPECT_EQ(can_unload(), S_FALSE);
   EXPECT_FALSE(As<IDispatch>(converter_));

@@ -44,12 +44,10 @@ struct Player {
     EXPECT_EQ(playback->GetPlaybackPos(&position), S_OK);
     return position;
   }
-  // -1 where there is no such channel.
-  float Level(SHORT channel) const {
+  float Level(SHORT channel, HRESULT expected = S_OK) const {
     float level = -1;
-    const HRESULT hr = playback->GetOutputLevel(channel, &level);
-    EXPECT_EQ(hr, hr == S_OK || level != 0 ? S_OK : E_INVALIDARG);
-    return hr == S_OK ? level : -1;
+    EXPECT_EQ(playback->GetOutputLevel(channel, &level), expected) << channel;
+    return level;
   }
   const ComPtr<IAudioPlayback> playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
   const ComPtr<IAudioWriter> writer = As<IAudioWriter>(playback);
@@ -60,9 +58,10 @@ TEST(Playback, OpensEveryWidthAndIsReadyOnceAllHasBeenPlayed) {
     const Player player(44100, 2, bits);
     ASSERT_EQ(player->OpenDevice(), S_OK) << bits;
     EXPECT_TRUE(player.Ready());
-    EXPECT_EQ(player->WriteAudio(Floats(0)), S_OK) << bits;
-    EXPECT_EQ(player->WriteAudio(Floats(7)), S_OK);  // three frames and a half
-    ASSERT_EQ(player->WriteAudio(Floats(2 * 22050, 0.25F)), S_OK) << bits;
+    // No frame, three and a half, and many.
+    for (const std::size_t samples : {0, 7, 2 * 22050}) {
+      EXPECT_EQ(player->WriteAudio(Floats(samples, 0.25F)), S_OK) << bits;
+    }
     EXPECT_FALSE(player.Ready()) << bits;
     player.Drain();
     EXPECT_EQ(player->CloseDevice(), S_OK);
@@ -178,23 +177,19 @@ TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
                                      -1.0F, -0.75F, 0, 0.25F,  0, 0.5F};
   ASSERT_EQ(player->WriteAudio(Floats(frames)), S_OK);
   player.Drain();
-  const float levels[] = {0.5F, 0, 0, 0.25F, 0, 0.75F, -1};
-  for (SHORT channel = 0; channel < 7; ++channel) {
-    EXPECT_EQ(player.Level(channel), levels[channel]) << channel;
-  }
-  for (const SHORT channel : {-1, 32767}) EXPECT_EQ(player.Level(channel), -1);
+  const float levels[] = {0.5F, 0, 0, 0.25F, 0, 0.75F};
+  for (SHORT channel = 0; channel < 6; ++channel) EXPECT_EQ(player.Level(channel), levels[channel]);
+  for (const SHORT channel : {-1, 6, 32767}) player.Level(channel, E_INVALIDARG);
 }
 
 TEST(Playback, RefusesFormatsAndDevicesThatAreNone) {
-  for (const SHORT channels : {0, -2}) {
+  for (const SHORT channels : {0, -2, 2}) {
     const Player odd(44100, channels, 16);
+    EXPECT_EQ(odd.playback->SetDevice(channels == 2 ? 4711 : 0), S_OK);
     EXPECT_EQ(odd->OpenDevice(), E_FAIL) << channels;
     EXPECT_EQ(odd->WriteAudio(Floats(2)), E_FAIL);
     EXPECT_EQ(odd.playback->Break(), S_OK);
   }
-  const Player nowhere(44100, 2, 16);
-  EXPECT_EQ(nowhere.playback->SetDevice(4711), S_OK);
-  EXPECT_EQ(nowhere->OpenDevice(), E_FAIL);
 }
 
 class Grabber : public ::testing::Test {
@@ -210,12 +205,11 @@ TEST_F(Grabber, AnswersForALiveSourceAndReadsMoreOrLessThanADeviceBuffer) {
   EXPECT_TRUE(rate == 44100 && channels == 2);
   __int64 count = 77;
   EXPECT_EQ(reader_->GetSampleCount(&count), E_NOTIMPL);
-  EXPECT_EQ(reader_->ReadAudio(0, Floats(0)), S_OK);
   for (const SHORT bits : {8, 16, 32}) {
     ASSERT_EQ(grabber_->SetFormat(44100, 2, bits), S_OK);
     ASSERT_EQ(reader_->OpenDevice(), S_OK) << bits;
-    // Also more than all buffers hold.
-    for (const std::size_t frames : {1, 40'000, 100}) {
+    // Also none, and more than all buffers hold.
+    for (const std::size_t frames : {0, 1, 40'000, 100}) {
       const Floats block(2 * frames, 9.0F);
       ASSERT_EQ(reader_->ReadAudio(-1, block), S_OK);
       // Silence, at 8 bits the code above the middle.
@@ -227,13 +221,11 @@ TEST_F(Grabber, AnswersForALiveSourceAndReadsMoreOrLessThanADeviceBuffer) {
     int reads = 0;
     while (reader_->ReadAudio(0, Floats(2)) == S_OK) ++reads;
     EXPECT_GT(reads, 0);
-    EXPECT_EQ(reader_->ReadAudio(0, Floats(2)), E_FAIL);
   }
 }
 
 TEST_F(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
   EXPECT_EQ(reader_->ReadAudio(0, Floats(2)), E_FAIL);
-  EXPECT_EQ(reader_->CloseDevice(), S_OK);
   ASSERT_EQ(reader_->OpenDevice(), S_OK);
   std::vector<std::thread> waiting;
   std::atomic<int> begun{0};
@@ -249,7 +241,6 @@ TEST_F(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
   EXPECT_EQ(reader_->CloseDevice(), S_OK);
   for (auto& thread : waiting) thread.join();
   EXPECT_EQ(ended, 2);
-
   EXPECT_EQ(grabber_->SetFormat(44100, 0, 16), S_OK);
   EXPECT_EQ(reader_->OpenDevice(), E_FAIL);
   EXPECT_EQ(grabber_->SetFormat(44100, 2, 16), S_OK);
@@ -352,16 +343,13 @@ TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   for (const SHORT channels : {0, -1}) EXPECT_EQ(Start(1024, channels), E_INVALIDARG);
   EXPECT_EQ(Start(-1, 2), E_INVALIDARG);
   // More than there can be: refused before anything of that size is made.
-  for (const SHORT channels : {1, 32767}) {
-    EXPECT_EQ(Start(0x7FFFFFFF, channels, 0x7FFFFFFF), E_INVALIDARG);
-  }
+  EXPECT_EQ(Start(0x7FFFFFFF, 32767, 0x7FFFFFFF), E_INVALIDARG);
   EXPECT_EQ(scrubber_->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber_->Stop(), S_OK);
   EXPECT_EQ(writer_.opened, 0);
 
   // Blocks of nothing.
   ASSERT_EQ(Start(1, 2), S_OK);
-  EXPECT_EQ(writer_.Held(), 1) << "the thread takes no reference of its own";
   EXPECT_EQ(scrubber_->WriteBlock(Floats(0)), S_OK);
   writer_.Await(1);
   EXPECT_EQ(scrubber_->Stop(), S_OK);

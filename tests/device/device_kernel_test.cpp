@@ -7,17 +7,14 @@
 namespace marlinda {
 namespace {
 
-TEST(OverlapAdd, WindowHasConstantPowerAcrossTheOverlap) {
-  for (const std::size_t frames : {2U, 4U, 1024U, 4410U}) {
+TEST(OverlapAdd, HeldBlockFadesInOnceWithConstantPowerAndThenRepeats) {
+  for (const std::size_t frames : {2U, 1024U, 4410U}) {
     const auto window = ScrubWindow(frames);
     ASSERT_EQ(window.size(), frames);
     for (std::size_t i = 0; i < frames; ++i) {
       ASSERT_NEAR(window[i], std::sin(3.14159265358979 * static_cast<double>(i) / frames), 1e-5);
     }
   }
-}
-
-TEST(OverlapAdd, HeldBlockFadesInOnceAndThenRepeats) {
   const std::vector<float> block = {1, 0, 1, 1, 1, 2, 1, 3, 1, 4, 1, 5, 1, 6, 1, 7};
   const std::vector<float> silence(16);
   const auto w = ScrubWindow(8);

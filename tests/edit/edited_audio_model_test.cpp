@@ -2,12 +2,30 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <functional>
 #include <random>
 
 #include "tests/edit/document.h"
 
 namespace marlinda::testing {
 namespace {
+
+// Every call of this source comes back to the documents, in a call that needs their locks alone and
+// changes nothing. Where a document holds its lock over a call to a source, this hangs.
+class AskingSource final : public RampSource {
+ public:
+  explicit AskingSource(char name) : RampSource(name, 1, nullptr, 44100) {}
+
+  std::function<void()> ask;
+
+  STDMETHODIMP_(ULONG) AddRef() override { return Note(""), RampSource::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return Note(""), RampSource::Release(); }
+
+ private:
+  void Note(const std::string&) override {
+    if (ask) ask();
+  }
+};
 
 class EditedAudioModel : public ::testing::Test {
  protected:
@@ -35,21 +53,15 @@ class EditedAudioModel : public ::testing::Test {
       case 1:
         plain.markers.push_back({{position, end}, name});
         return at.AddMarker(name, position, end);
-      case 2: {
-        const auto place = static_cast<LONG>(Draw(-1, std::ssize(plain.labels)));
-        const HRESULT expected = Change(plain.labels, place, {position, name});
+      case 2:
+      case 3: {
+        const auto place = static_cast<LONG>(Draw(-1, 4));
         const Bstr wide = Document::Wide(name);
         EXPECT_EQ(odd_ ? at.labels->RemoveLabel(place) : at.labels->SetLabel(place, position, wide),
-                  expected);
-        return;
-      }
-      case 3: {
-        const auto place = static_cast<LONG>(Draw(-1, std::ssize(plain.markers)));
-        const HRESULT expected = Change(plain.markers, place, {{position, end}, name});
-        const Bstr wide = Document::Wide(name);
+                  Change(plain.labels, place, {position, name}));
         EXPECT_EQ(odd_ ? at.markers->RemoveSectionMarker(place)
                        : at.markers->SetSectionMarker(place, position, end, wide),
-                  expected);
+                  Change(plain.markers, place, {{position, end}, name}));
         return;
       }
       case 4:
@@ -72,15 +84,17 @@ class EditedAudioModel : public ::testing::Test {
         if (Draw(0, 2) != 0) return;
         const bool all = Draw(0, 1) != 0;
         EXPECT_EQ(all ? at->CopyAll(other) : at->Copy(other, position, end), S_OK);
-        return Copied(at, other, all ? PlainDocument(plain) : plain.Part(position, end));
+        PlainDocument copy = all ? plain : plain.Part(position, end);
+        // A copy into the document itself empties it.
+        other.plain = &at == &other ? PlainDocument() : std::move(copy);
+        other.has_format = at.has_format;
+        return Adopt(other, other.plain.segments);
       }
       case 10:
         if (Draw(0, 2) != 0) return;
-        plain.labels.clear();
-        plain.markers.clear();
         EXPECT_EQ(at.labels->RemoveAllLabels(), S_OK);
         EXPECT_EQ(at.markers->RemoveAllSectionMarkers(), S_OK);
-        return;
+        return plain.labels.clear(), plain.markers.clear();
       case 11:
         at.has_format = Draw(0, 1) != 0;
         EXPECT_EQ(at->SetFormat(at.has_format ? 44100 : 0, 1, 16), S_OK);
@@ -97,11 +111,6 @@ class EditedAudioModel : public ::testing::Test {
     for (const Pair& pair : pairs_) {
       ASSERT_EQ(pair.Length(), pair.plain.Length());
       ASSERT_EQ(pair.Text(), pair.plain.Text());
-      Bstr name;
-      __int64 ignored = 0;
-      for (const LONG beyond : {-1L, static_cast<LONG>(pair.plain.labels.size())}) {
-        ASSERT_EQ(pair.labels->GetLabel(beyond, &ignored, name.Receive()), E_INVALIDARG);
-      }
       ASSERT_EQ(pair.Format().starts_with("44100/1/"), pair.has_format);
       if (odd_ || !pair.has_format) continue;
       const __int64 position = Draw(0, pair.plain.Length() + 5);
@@ -118,8 +127,7 @@ class EditedAudioModel : public ::testing::Test {
     for (const auto& source : sources_) {
       std::ptrdiff_t count = 0;
       for (const Pair& pair : pairs_) {
-        count += std::ranges::count(pair.plain.segments, source->name(),
-                                    &PlainDocument::Segment::source);
+        for (const auto& each : pair.plain.segments) count += each.source == source->name();
       }
       ASSERT_EQ(source->Held(), count);
     }
@@ -128,8 +136,8 @@ class EditedAudioModel : public ::testing::Test {
   // Also with empty and backward segments and ranges.
   bool odd_ = false;
   int deletions_ = 0;
-  std::array<ComPtr<RampSource>, 3> sources_ = {RampSource::Make('A', 1), RampSource::Make('B', 1),
-                                                RampSource::Make('C', 1)};
+  std::array<ComPtr<AskingSource>, 3> sources_ = {
+      MakeObject<AskingSource>('A'), MakeObject<AskingSource>('B'), MakeObject<AskingSource>('C')};
   std::array<Pair, 3> pairs_;
 
  private:
@@ -155,18 +163,16 @@ class EditedAudioModel : public ::testing::Test {
   static void Adopt(Pair& pair, const std::vector<PlainDocument::Segment>& segments) {
     for (const auto& segment : segments) pair.has_format |= segment.source != '-';
   }
-  // A copy into the document itself empties it.
-  static void Copied(const Pair& from, Pair& to, PlainDocument copy) {
-    to.plain = &from == &to ? PlainDocument() : std::move(copy);
-    to.has_format = from.has_format;
-    Adopt(to, to.plain.segments);
-  }
-
   std::mt19937 random_{1};
   int names_ = 0;
 };
 
 TEST_F(EditedAudioModel, HoldsWhatPlainListsHoldAfterThousandsOfEdits) {
+  for (const auto& source : sources_) {
+    source->ask = [this] {
+      for (const Pair& pair : pairs_) EXPECT_EQ(pair.labels->RemoveLabel(-1), E_INVALIDARG);
+    };
+  }
   for (int step = 0; step < 3000; ++step) {
     odd_ = step / 500 % 2 == 1;
     for (Pair& pair : pairs_) {
@@ -179,6 +185,7 @@ TEST_F(EditedAudioModel, HoldsWhatPlainListsHoldAfterThousandsOfEdits) {
     ASSERT_FALSE(HasFailure()) << "step " << step;
   }
   EXPECT_GT(deletions_, 200);
+  for (const auto& source : sources_) source->ask = nullptr;
 }
 
 }  // namespace

@@ -47,24 +47,13 @@ class OpenDialog {
   // The radio buttons that are checked.
   std::vector<int> Checked() const {
     std::vector<int> checked;
-    ForEachItem([&](HWND item) {
-      if (ClassOf(item) == L"Button" && SendMessageW(item, BM_GETCHECK, 0, 0) == BST_CHECKED) {
+    for (HWND item = GetWindow(window_, GW_CHILD); item; item = GetWindow(item, GW_HWNDNEXT)) {
+      const LRESULT code = SendMessageW(item, WM_GETDLGCODE, 0, 0);
+      if ((code & DLGC_RADIOBUTTON) != 0 && SendMessageW(item, BM_GETCHECK, 0, 0) == BST_CHECKED) {
         checked.push_back(GetDlgCtrlID(item));
       }
-    });
+    }
     return checked;
-  }
-  // "203 Button: 8 bit linear PCM", from the first item to the last; the number of a label or a
-  // group is left out.
-  std::vector<std::wstring> Items() const {
-    std::vector<std::wstring> items;
-    ForEachItem([&](HWND item) {
-      wchar_t text[200] = L"";
-      SendMessageW(item, WM_GETTEXT, std::size(text), reinterpret_cast<LPARAM>(text));
-      const int id = static_cast<SHORT>(GetDlgCtrlID(item));
-      items.push_back((id > 0 ? std::to_wstring(id) + L' ' : L"") + ClassOf(item) + L": " + text);
-    });
-    return items;
   }
   std::vector<std::wstring> Lines(int list) const {
     std::vector<std::wstring> lines;
@@ -77,16 +66,6 @@ class OpenDialog {
   }
 
  private:
-  void ForEachItem(const std::function<void(HWND)>& visit) const {
-    for (HWND item = GetWindow(window_, GW_CHILD); item; item = GetWindow(item, GW_HWNDNEXT)) {
-      visit(item);
-    }
-  }
-  static std::wstring ClassOf(HWND window) {
-    wchar_t name[100] = L"";
-    GetClassNameW(window, name, static_cast<int>(std::size(name)));
-    return name;
-  }
   HWND Focus() const {
     GUITHREADINFO info = {};
     info.cbSize = sizeof info;

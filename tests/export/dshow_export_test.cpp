@@ -118,7 +118,7 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenTheEncoderFails) 
   EXPECT_FALSE(IsThere());
 }
 
-TEST_F(DShowExport, ReportsATargetThatCannotBeMadeAndMayBeStartedAgain) {
+TEST_F(DShowExport, ReportsATargetThatCannotBeMadeAndFormatsThatAllEncodersRefuse) {
   const InstalledEncoder installed;
   Initialize({.channels = 2, .frames = 9});
   // The name is taken between Initialize and Start.
@@ -127,15 +127,12 @@ TEST_F(DShowExport, ReportsATargetThatCannotBeMadeAndMayBeStartedAgain) {
   ASSERT_TRUE(RemoveDirectoryW(mp3.c_str()));
   Run();
   EXPECT_EQ(Progress(), 1.0F);
-}
-
-TEST_F(DShowExport, HasNoEncoderForChannelsThatAllRefuse) {
-  const InstalledEncoder installed;
-  Initialize({.channels = 6});
-  EXPECT_EQ(task->Start(), kNoEncoder);
-  EXPECT_FALSE(IsThere());
-  Initialize({.channels = 0});
-  EXPECT_EQ(task->Start(), E_INVALIDARG);
+  DeleteFileW(mp3.c_str());
+  for (const auto& [channels, hr] : {std::pair<SHORT, HRESULT>{6, kNoEncoder}, {0, E_INVALIDARG}}) {
+    Initialize({.channels = channels});
+    EXPECT_EQ(task->Start(), hr);
+    EXPECT_FALSE(IsThere());
+  }
 }
 
 }  // namespace

@@ -26,11 +26,9 @@ Bytes Trailer(const WavAnnotations& all, std::int32_t block_align) {
 
 TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
   constexpr auto kPlain = ManyChannels::kPlain;
-  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
   const std::tuple<WavFormat, Bytes, Bytes> formats[] = {
       // As extensible as it may be, and plain.
       {{44100, 2, 24, false}, PlainFormat(1, 2, 44100, 3, 24), {}},
-      {{192000, 1, 32, true}, PlainFormat(3, 1, 192000, 4, 32), {}},
       // Whole bytes only, and a width that fills none gives a block align of 0.
       {{8000, 2, 12, false}, PlainFormat(1, 2, 8000, 1, 12), {}},
       {{8000, 2, 7, false}, PlainFormat(1, 2, 8000, 0, 7), {}},
@@ -40,15 +38,9 @@ TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
       {{48000, 6, 32, true},
        ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F),
        PlainFormat(3, 6, 48000, 4, 32)},
-      {{48000, 8, 8, false},
-       ExtensibleFormat(1, 8, 48000, 1, 8, 0xFF),
-       PlainFormat(1, 8, 48000, 1, 8)},
       // Fields hold the low bits of absurd values.
       {{-1, -2, -8, false},
        U16(1) + U16(0xFFFE) + U32(0xFFFFFFFF) + U32(0xFFFFFFFE) + U16(2) + U16(0xFFF8),
-       {}},
-      {{kMost, 2, 32767, false},
-       U16(1) + U16(2) + U32(kMost) + U32(8190ULL * kMost) + U16(8190) + U16(32767),
        {}},
   };
   for (const auto& [format, usual, plain] : formats) {
@@ -59,7 +51,6 @@ TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
 }
 
 TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
-  using Limits = std::numeric_limits<std::int64_t>;
   EXPECT_EQ(Trailer({.labels = {{100, "first"}, {200, ""}},
                      .markers = {{{300, 400}, "region"}, {{50, 20}, "backward"}}},
                     6),
@@ -68,14 +59,10 @@ TEST(WavBytes, CarryTheLastLabelsPositionIntoTheMarkersAndKeepLowBits) {
                 List("adtl", Label(0, "first") + Label(1, "") + Region(2, 100, "region") +
                                  Region(3, 0xFFFFFFE2, "backward")) +
                 Info());
-  EXPECT_EQ(Trailer({.labels = {{0x1'2345'6789, "far"}, {-1, "before"}},
-                     .markers = {{{Limits::min(), Limits::max()}, "all"}}},
-                    4),
-            Chunk("cue ", U32(3) + CuePoint(0, 0x23456789, 0x8D159E24, 0x23456789) +
-                              CuePoint(1, 0xFFFFFFFF, 0xFFFFFFFC, 0xFFFFFFFF) +
-                              CuePoint(2, 0xFFFFFFFF, 0xFFFFFFFC, 0)) +
-                List("adtl", Label(0, "far") + Label(1, "before") + Region(2, 0xFFFFFFFF, "all")) +
-                Info());
+  EXPECT_EQ(Trailer({.labels = {{0x1'2345'6789, "far"}, {-1, "before"}}}, 4),
+            Chunk("cue ", U32(2) + CuePoint(0, 0x23456789, 0x8D159E24, 0x23456789) +
+                              CuePoint(1, 0xFFFFFFFF, 0xFFFFFFFC, 0xFFFFFFFF)) +
+                List("adtl", Label(0, "far") + Label(1, "before")) + Info());
   EXPECT_EQ(Trailer({.markers = {{{5, 9}, ""}}, .acid = AcidData{60, 4, 3, 2, 120.0F}}, 2),
             Chunk("cue ", U32(1) + CuePoint(0, 0, 0, 5)) + List("adtl", Region(0, 4, "")) + Info() +
                 Chunk("acid", U32(60) + U32(0) + U32(0) + U32(2) + U16(4) + U16(3) + F32(120.0F)));
@@ -89,13 +76,10 @@ TEST(WavBytes, OfSamplesFillWhatTheHeaderAnnounces) {
     Bytes expected;
   };
   const Case cases[] = {
-      {{8000, 2, 8, false}, four, Bytes{128, 1, 192, 255}},
-      {{8000, 2, 16, false}, four, U16(0) + U16(0x8001) + U16(0x4000) + U16(0x7FFF)},
       // Full scale wraps to the most negative code at 24 and 32 bits.
       {{8000, 2, 24, false},
        four,
        Integer(0, 3) + Integer(0x800000, 3) + Integer(0x400000, 3) + Integer(0x800000, 3)},
-      {{8000, 2, 32, false}, four, U32(0) + U32(0x80000000) + U32(0x40000000) + U32(0x80000000)},
       {{8000, 1, 32, true}, {0.25F, 2.0F, -0.0F}, F32(0.25F) + F32(2) + F32(-0.0F)},
       // Floats announced with 16 bits keep their first half.
       {{8000, 2, 16, true}, {1.0F, 3.0F, 0.125F, 7.0F}, F32(1.0F) + F32(3.0F)},
@@ -104,8 +88,6 @@ TEST(WavBytes, OfSamplesFillWhatTheHeaderAnnounces) {
       {{8000, 1, 40, false}, {0.5F, -1.0F}, U32(0x40000000) + U32(0x80000000) + Bytes(2)},
       {{8000, 1, 64, true}, {0.5F}, F32(0.5F) + Bytes(4)},
       {{8000, 1, 7, false}, four, {}},
-      {{8000, 1, -8, true}, four, {}},
-      {{8000, 1, 32767, false}, {0.0F}, Bytes(4095)},
   };
   for (const Case& each : cases) {
     SCOPED_TRACE(each.format.bits);

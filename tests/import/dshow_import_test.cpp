@@ -8,9 +8,8 @@
 #include "core/samples/sample_converter.h"
 #include "tests/export/riff_builder.h"
 #include "tests/import/hanging_filter.h"
-#include "tests/support/com_client.h"
+#include "tests/import/import_client.h"
 #include "tests/support/ramp_source.h"
-#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -63,56 +62,16 @@ riff::Bytes MpegFile(int count) {
   return file;
 }
 
-class DShowImport : public ::testing::Test {
+class DShowImport : public ImportClient {
  protected:
+  DShowImport() : ImportClient(CLSID_CDShowImport) {}
+
   std::wstring Write(const std::wstring& name, const riff::Bytes& bytes) {
     WriteFileBytes(folder_.File(name), bytes);
     return folder_.File(name);
   }
-  HRESULT Initialize(const std::wstring& path) {
-    return filter_->Initialize(Bstr(path), writer_.Get());
-  }
-  HRESULT QueryCanLoad(const std::wstring& path) { return filter_->QueryCanLoad(Bstr(path)); }
-  void StartAndWait() {
-    ASSERT_EQ(task_->Start(), S_OK);
-    ASSERT_TRUE(WaitForTask(task_.Get()));
-  }
-  void Import(const std::wstring& path) {
-    writer_ = MakeObject<RecordingWriter>();
-    ASSERT_EQ(Initialize(path), S_OK);
-    StartAndWait();
-  }
-  std::vector<std::wstring> MetaData() {
-    Bstr title, artist, album, year, genre;
-    EXPECT_EQ(
-        As<IMetaDataReader>(filter_)->GetMetaData(title.Receive(), artist.Receive(),
-                                                  album.Receive(), year.Receive(), genre.Receive()),
-        S_OK);
-    return {title.str(), artist.str(), album.str(), year.str(), genre.str()};
-  }
-  std::vector<LONG> Format() {
-    LONG rate = -1, bytes_per_sec = -1;
-    SHORT channels = -1, bits = -1;
-    const auto format = As<IExFormatInfo>(filter_);
-    EXPECT_EQ(format->GetFormat(&rate, &channels), S_OK);
-    EXPECT_EQ(format->GetBitsPerSample(&bits), S_OK);
-    EXPECT_EQ(format->GetAvgBytesPerSec(&bytes_per_sec), S_OK);
-    return {rate, channels, bits, bytes_per_sec};
-  }
-  __int64 Total() {
-    __int64 count = -1;
-    EXPECT_EQ(filter_->GetSourceSampleCount(&count), S_OK);
-    return count;
-  }
-  float Progress() {
-    float progress = -1;
-    EXPECT_EQ(task_->GetProgress(&progress), S_OK);
-    return progress;
-  }
+
   TemporaryFolder folder_;
-  ComPtr<IImportFilter> filter_ = Create<IImportFilter>(CLSID_CDShowImport);
-  ComPtr<ICoreTask> task_ = As<ICoreTask>(filter_);
-  ComPtr<RecordingWriter> writer_ = MakeObject<RecordingWriter>();
 };
 
 TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
@@ -132,9 +91,7 @@ TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
 
   Import(path);
   std::vector<float> expected;
-  __int64 frames = 0;
-  source->GetSampleCount(&frames);
-  for (__int64 i = 0; i < frames * kChannels; ++i) {
+  for (__int64 i = 0; i < source->frames * kChannels; ++i) {
     expected.push_back(RampSource::Sample('A', i / kChannels, static_cast<int>(i % kChannels)));
   }
   std::vector<std::byte> codes(expected.size() * 3);
@@ -157,6 +114,8 @@ TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
   EXPECT_THAT(MetaData(), ElementsAre(L"Title", L"Artist", L"Album", L"2009", L"Genre"));
   SHORT root = 0, beats = 0, unit = 0;
   float tempo = 0;
+  EXPECT_EQ(filter_->GetMerit(&root), S_OK);
+  EXPECT_EQ(root, 100);
   EXPECT_EQ(As<IAcidReader>(filter_)->GetAcidData(&root, &beats, &unit, &count, &tempo), S_OK);
   EXPECT_TRUE(root == -3 && beats == 7 && unit == 8 && count == 21 && tempo == 98.25F);
 }
@@ -174,12 +133,7 @@ TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
   for (const Row& row : rows) {
     SCOPED_TRACE(&row - rows);
     const std::wstring path = Write(L"a.b", row.file);
-    writer_ = MakeObject<RecordingWriter>();
-    writer_->result = E_FAIL;
-    writer_->on_write = [&](SAFEARRAY* array) {
-      SAFEARRAYBOUND bound = {writer_->blocks % 2 == 0 ? 3U : 100000U, 7};
-      EXPECT_EQ(SafeArrayRedim(array, &bound), S_OK);
-    };
+    HarmArrays();
     EXPECT_EQ(QueryCanLoad(path), S_OK);
     EXPECT_EQ(Initialize(path), S_OK);
     EXPECT_EQ(MetaData()[0], row.title);
@@ -187,13 +141,11 @@ TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
     EXPECT_EQ(Total(), static_cast<__int64>(row.frames));
     EXPECT_EQ(Progress(), 0.0F);
     EXPECT_EQ(DeleteFileW(path.c_str()), FALSE) << "nothing holds the file";
-    StartAndWait();
+    Run();
     EXPECT_EQ(Progress(), 1.0F);
     EXPECT_EQ(Total(), static_cast<__int64>(row.frames));
     EXPECT_THAT(writer_->calls,
                 ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice"));
-    EXPECT_THAT(writer_->threads, SizeIs(1));
-    EXPECT_NE(writer_->threads.at(0), GetCurrentThreadId());
     EXPECT_THAT(writer_->block_sizes, Each(Le(16384U)));
     EXPECT_LT(writer_->blocks, 101U);
     EXPECT_EQ(writer_->samples.size(), row.frames * static_cast<std::size_t>(row.format[1]));
@@ -203,8 +155,12 @@ TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
 }
 
 TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
-  const std::wstring good = Write(L"good.avi", AviFile(100));
-  EXPECT_EQ(Initialize(good), S_OK);
+  EXPECT_THAT(Format(), Each(0));
+  EXPECT_EQ(Total(), 0);
+  VARIANT_BOOL loop = VARIANT_TRUE;
+  EXPECT_EQ(As<IAcidReader>(filter_)->QueryAcidDataAvailable(&loop), S_OK);
+  EXPECT_EQ(loop, VARIANT_FALSE);
+  EXPECT_EQ(Initialize(Write(L"good.avi", AviFile(100))), S_OK);
   EXPECT_EQ(QueryCanLoad(folder_.File(L"missing.wav")), S_FALSE);
   EXPECT_EQ(QueryCanLoad(folder_.path()), S_FALSE);
   EXPECT_EQ(QueryCanLoad(L"\\\\.\\NUL"), S_FALSE);
@@ -216,47 +172,13 @@ TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
     const std::wstring path = Write(L"bad", file);
     EXPECT_EQ(QueryCanLoad(path), E_FAIL);
     EXPECT_EQ(filter_->Initialize(Bstr(path), other.Get()), E_FAIL);
-    EXPECT_EQ(As<IMetaDataReader>(filter_)->SetFilename(Bstr(path)), E_FAIL);
+    EXPECT_EQ(tags_->SetFilename(Bstr(path)), E_FAIL);
     EXPECT_NE(DeleteFileW(path.c_str()), FALSE) << "a refused file is still open";
   }
-  EXPECT_EQ(ReferenceCount(other.Get()), 1U);
+  EXPECT_EQ(other->Held(), 0);
   EXPECT_EQ(MetaData()[0], L"Film");
-  StartAndWait();
+  Run();
   EXPECT_EQ(writer_->samples.size(), 100U);
-}
-
-TEST_F(DShowImport, ReportsNothingBeforeItHasAFile) {
-  EXPECT_THAT(Format(), Each(0));
-  EXPECT_EQ(Total(), 0);
-  EXPECT_THAT(MetaData(), Each(std::wstring()));
-  VARIANT_BOOL loop = VARIANT_TRUE;
-  EXPECT_EQ(As<IAcidReader>(filter_)->QueryAcidDataAvailable(&loop), S_OK);
-  EXPECT_EQ(loop, VARIANT_FALSE);
-  SHORT s = 0;
-  LONG count = -1;
-  float tempo = 0;
-  EXPECT_EQ(As<IAcidReader>(filter_)->GetAcidData(&s, &s, &s, &count, &tempo), E_FAIL);
-
-  Bstr fragment, patterns;
-  EXPECT_EQ(filter_->GetFilterStrings(fragment.Receive(), patterns.Receive()), S_OK);
-  EXPECT_EQ(patterns.str(), L"*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv");
-  EXPECT_THAT(fragment.str(), ::testing::StartsWith(L"Wave Audio Files (*.wav)|*.wav|"));
-  EXPECT_THAT(fragment.str(), ::testing::EndsWith(L"(*.wmv)|*.wmv|"));
-  EXPECT_EQ(std::ranges::count(fragment.str(), L'|'), 16);
-  EXPECT_EQ(filter_->GetMerit(&s), S_OK);
-  EXPECT_EQ(s, 100);
-
-  // What a file says can be read, not edited.
-  const auto labels = As<ILabelSupport>(filter_);
-  const auto markers = As<ISectionMarkerSupport>(filter_);
-  EXPECT_EQ(labels->AddLabel(1, nullptr), E_NOTIMPL);
-  EXPECT_EQ(labels->SetLabel(0, 1, nullptr), E_NOTIMPL);
-  EXPECT_EQ(labels->RemoveLabel(0), E_NOTIMPL);
-  EXPECT_EQ(labels->RemoveAllLabels(), E_NOTIMPL);
-  EXPECT_EQ(markers->AddSectionMarker(1, 2, nullptr), E_NOTIMPL);
-  EXPECT_EQ(markers->SetSectionMarker(0, 1, 2, nullptr), E_NOTIMPL);
-  EXPECT_EQ(markers->RemoveSectionMarker(0), E_NOTIMPL);
-  EXPECT_EQ(markers->RemoveAllSectionMarkers(), E_NOTIMPL);
 }
 
 TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsCancelledOrReleased) {

@@ -1,5 +1,5 @@
 // The filter manager over the real registry list, with filters of the test's own beside the real
-// ones.
+// ones; and the reader of silence.
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -36,63 +36,49 @@ struct Answers {
   HRESULT merit_result = S_OK;
   const wchar_t* fragment = L"";
   const wchar_t* patterns = L"";
-  HRESULT strings_result = S_OK;
 };
 
-// A class of import filters that this process offers under an identifier of its own.
-class FilterClass final : public TestObject<IClassFactory> {
+// A filter that this process offers as a class of its own, of which it is the only object.
+class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
  public:
-  explicit FilterClass(const Answers& answers) : answers_(answers) {
+  explicit TestFilter(const Answers& answers) : answers_(answers) {
     EXPECT_EQ(CoCreateGuid(&clsid), S_OK);
-    EXPECT_EQ(CoRegisterClassObject(clsid, this, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
-                                    &registration_),
+    EXPECT_EQ(CoRegisterClassObject(clsid, static_cast<IImportFilter*>(this), CLSCTX_INPROC_SERVER,
+                                    REGCLS_MULTIPLEUSE, &registration_),
               S_OK);
   }
-  ~FilterClass() {
+  ~TestFilter() {
     CoRevokeClassObject(registration_);
-    EXPECT_EQ(alive, 0) << "a filter was not released";
+    EXPECT_EQ(Held(), 0) << "it was not released";
   }
 
   CLSID clsid = {};
   int created = 0;
-  int alive = 0;
   int merit_questions = 0;
   std::wstring asked_about;
-  const IImportFilter* latest = nullptr;
 
   STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    return MakeObject<Filter>(*this)->QueryInterface(iid, object);
+    return ++created, QueryInterface(iid, object);
   }
   STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+  STDMETHODIMP QueryCanLoad(BSTR file_name) override {
+    return asked_about = file_name, answers_.can_load;
+  }
+  STDMETHODIMP GetMerit(SHORT* merit) override {
+    ++merit_questions;
+    if (SUCCEEDED(answers_.merit_result)) *merit = answers_.merit;
+    return answers_.merit_result;
+  }
+  STDMETHODIMP GetFilterStrings(BSTR* fragment, BSTR* patterns) override {
+    if (answers_.fragment == nullptr) return E_FAIL;
+    *fragment = SysAllocString(answers_.fragment);
+    *patterns = SysAllocString(answers_.patterns);
+    return S_OK;
+  }
+  STDMETHODIMP Initialize(BSTR, IAudioWriter*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSourceSampleCount(__int64*) override { return E_NOTIMPL; }
 
  private:
-  struct Filter final : TestObject<IImportFilter> {
-    explicit Filter(FilterClass& owner) : owner_(owner) {
-      ++owner.created;
-      ++owner.alive;
-      owner.latest = this;
-    }
-    ~Filter() { --owner_.alive; }
-    STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override {
-      owner_.asked_about = bstrFileName;
-      return owner_.answers_.can_load;
-    }
-    STDMETHODIMP GetMerit(SHORT* pnMerit) override {
-      ++owner_.merit_questions;
-      if (SUCCEEDED(owner_.answers_.merit_result)) *pnMerit = owner_.answers_.merit;
-      return owner_.answers_.merit_result;
-    }
-    STDMETHODIMP GetFilterStrings(BSTR* pbstrFilterString, BSTR* pbstrExtensions) override {
-      const Answers& answers = owner_.answers_;
-      if (answers.fragment != nullptr) *pbstrFilterString = SysAllocString(answers.fragment);
-      if (answers.patterns != nullptr) *pbstrExtensions = SysAllocString(answers.patterns);
-      return answers.strings_result;
-    }
-    STDMETHODIMP Initialize(BSTR, IAudioWriter*) override { return E_NOTIMPL; }
-    STDMETHODIMP GetSourceSampleCount(__int64*) override { return E_NOTIMPL; }
-    FilterClass& owner_;
-  };
-
   const Answers answers_;
   DWORD registration_ = 0;
 };
@@ -158,13 +144,13 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
   for (const Row& row : rows) {
     SCOPED_TRACE(&row - rows);
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, kListKey);
-    std::vector<std::unique_ptr<FilterClass>> classes;
+    std::vector<std::unique_ptr<TestFilter>> filters;
     for (const Answers& answers : row.filters) {
-      List(TextOf(classes.emplace_back(std::make_unique<FilterClass>(answers))->clsid));
+      List(TextOf(filters.emplace_back(std::make_unique<TestFilter>(answers))->clsid));
     }
     const auto chosen = FilterFor(L"a file");
-    EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : classes[row.chosen]->latest);
-    for (const auto& each : classes) {
+    EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : filters[row.chosen].get());
+    for (const auto& each : filters) {
       EXPECT_EQ(each->created, 1);
       EXPECT_EQ(each->asked_about, L"a file");
       EXPECT_EQ(each->merit_questions, 1) << "the merit is asked of every filter";
@@ -173,10 +159,10 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
 }
 
 TEST_F(FileFilterMgr, ReadsTextValuesThatNameAClassUpToTheFirstThatIsTooLong) {
-  FilterClass plain({.fragment = L"Anything (*)|*|", .patterns = L""});
-  FilterClass wave({.fragment = L"Wave (*.wav)|*.wav|", .patterns = L"*.wav;*.wave"});
-  FilterClass failing({.fragment = nullptr, .patterns = nullptr, .strings_result = E_FAIL});
-  FilterClass unseen({.fragment = L"unseen|"});
+  TestFilter plain({.fragment = L"Anything (*)|*|"});
+  TestFilter wave({.fragment = L"Wave (*.wav)|*.wav|", .patterns = L"*.wav;*.wave"});
+  TestFilter failing({.fragment = nullptr});
+  TestFilter unseen({.fragment = L"unseen|"});
   for (const std::wstring& text :
        {std::wstring(), std::wstring(L"no class identifier"), TextOf(wave.clsid).substr(1),
         std::wstring(L"{00000000-1111-2222-3333-444444444444}"), TextOf(CLSID_CNullReader),
@@ -191,8 +177,32 @@ TEST_F(FileFilterMgr, ReadsTextValuesThatNameAClassUpToTheFirstThatIsTooLong) {
             L"All Known Audio File Types (*.wav;*.wave;*.ogg)|*.wav;*.wave;*.ogg|"
             L"Anything (*)|*|Wave (*.wav)|*.wav|Ogg Vorbis Files (*.ogg)|*.ogg|"
             L"All Files (*.*)|*.*");
-  EXPECT_EQ(FilterFor(L"a file").Get(), plain.latest);
+  EXPECT_EQ(FilterFor(L"a file").Get(), &plain);
   EXPECT_EQ(unseen.created, 0);
+}
+
+TEST(NullReader, ReportsWhatItWasGivenAndReadsSilenceEverywhere) {
+  const auto silence = Create<INullReader>(CLSID_CNullReader);
+  const auto reader = As<IAudioReader>(silence);
+  // Nothing is validated, and a second Create replaces the first.
+  for (const auto& [frames, rates] : {std::pair{0, 0}, {-5, -1}, {100, 48000}}) {
+    EXPECT_TRUE(frames == 0 || silence->Create(frames, rates, 2) == S_OK);
+    LONG rate = -9;
+    SHORT channels = -9;
+    __int64 count = -9;
+    EXPECT_EQ(reader->GetFormat(&rate, &channels), S_OK);
+    EXPECT_EQ(reader->GetSampleCount(&count), S_OK);
+    EXPECT_TRUE(count == frames && rate == rates && channels == (frames == 0 ? 0 : 2));
+  }
+  const Floats block(8, 0.5F, 5);
+  const Floats peaks(8, 0.5F);
+  EXPECT_EQ(reader->ReadAudio(-7, block), S_OK);
+  EXPECT_EQ(As<IPeakReader>(silence)->ReadPeaks(1LL << 40, peaks), S_OK);
+  EXPECT_EQ(block.ToVector(), std::vector<float>(8));
+  EXPECT_EQ(peaks.ToVector(), std::vector<float>(8));
+  LONG frames_per_peak = 0;
+  EXPECT_EQ(As<IPeakReader>(silence)->GetSamplesPerPeak(&frames_per_peak), S_OK);
+  EXPECT_EQ(frames_per_peak, 256);
 }
 
 }  // namespace

@@ -14,33 +14,19 @@ PROGRAM = sys.argv.pop(1)
 RATE = 44100
 FRAMES = 11025
 
+# Name: how sox is told, how ffmpeg names the samples.
 PLAIN = {
-    # name: how sox is told, how ffmpeg names the samples
-    "u8.wav": ("-b 8 -e unsigned-integer", "u8"),
-    "s16.wav": ("-b 16 -e signed-integer", "s16le"),
-    "s24.wav": ("-b 24 -e signed-integer", "s24le"),
-    "s32.wav": ("-b 32 -e signed-integer", "s32le"),
-    "f32.wav": ("-b 32 -e floating-point", "f32le"),
-    "f64.wav": ("-b 64 -e floating-point", "f64le"),
-    "mono.wav": ("-c 1 -b 16", "s16le"),
-    "surround.wav": ("-c 6 -b 16", "s16le"),
-    "eight.wav": ("-c 8 -b 24", "s24le"),
-    "wide.wav": ("-t wavpcm -b 24", "s24le"),
-    "s8.aiff": ("-b 8", "u8"),
-    "s16.aif": ("-t aiff -b 16", "s16le"),
-    "s24.aiff": ("-b 24", "s24le"),
-    "s32.aiff": ("-b 32", "s32le"),
-    "f32.aiff": ("-t aifc -b 32 -e floating-point", "f32le"),
-    "s8.au": ("-b 8 -e signed-integer", "u8"),
-    "s16.au": ("-b 16 -e signed-integer", "s16le"),
-    "s24.au": ("-b 24 -e signed-integer", "s24le"),
-    "s32.au": ("-b 32 -e signed-integer", "s32le"),
-    "f32.au": ("-b 32 -e floating-point", "f32le"),
-    "mulaw.au": ("-e mu-law", "s16le"),
-    "alaw.au": ("-e a-law", "s16le"),
-    "mulaw.wav": ("-e mu-law", "s16le"),
-    "alaw.wav": ("-e a-law", "s16le"),
-    "ima.wav": ("-e ima-adpcm", "s16le"),
+    "u8.wav": ("-b 8 -e unsigned-integer", "u8"), "s16.wav": ("-b 16 -e signed-integer", "s16le"),
+    "s24.wav": ("-b 24 -e signed-integer", "s24le"), "s32.wav": ("-b 32 -e signed-integer", "s32le"),
+    "f32.wav": ("-b 32 -e floating-point", "f32le"), "f64.wav": ("-b 64 -e floating-point", "f64le"),
+    "mono.wav": ("-c 1 -b 16", "s16le"), "surround.wav": ("-c 6 -b 16", "s16le"),
+    "eight.wav": ("-c 8 -b 24", "s24le"), "wide.wav": ("-t wavpcm -b 24", "s24le"), "s8.aiff": ("-b 8", "u8"),
+    "s16.aif": ("-t aiff -b 16", "s16le"), "s24.aiff": ("-b 24", "s24le"), "s32.aiff": ("-b 32", "s32le"),
+    "f32.aiff": ("-t aifc -b 32 -e floating-point", "f32le"), "s8.au": ("-b 8 -e signed-integer", "u8"),
+    "s16.au": ("-b 16 -e signed-integer", "s16le"), "s24.au": ("-b 24 -e signed-integer", "s24le"),
+    "s32.au": ("-b 32 -e signed-integer", "s32le"), "f32.au": ("-b 32 -e floating-point", "f32le"),
+    "mulaw.au": ("-e mu-law", "s16le"), "alaw.au": ("-e a-law", "s16le"), "mulaw.wav": ("-e mu-law", "s16le"),
+    "alaw.wav": ("-e a-law", "s16le"), "ima.wav": ("-e ima-adpcm", "s16le"),
 }
 VIDEO = ["-f", "lavfi", "-i", "testsrc=duration=0.25:size=64x48"]
 CODED = {

@@ -127,20 +127,16 @@ TEST(VorbisStream, EndsOnEveryDamagedFile) {
   EXPECT_EQ(VorbisStream::Open(nullptr), nullptr);
 }
 
-TEST(VorbisStream, AnnouncesNoMoreThanAFileOfItsSizeCanHold) {
+TEST(VorbisStream, AnnouncesNoMoreThanAFileOfItsSizeCanHoldAndReadsMoreThanTwoGigabytes) {
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-  const std::int64_t most = static_cast<std::int64_t>(ReadData("stereo.ogg").size()) * 2048 / 4;
+  const Bytes file = ReadData("stereo.ogg");
+  const std::int64_t most = static_cast<std::int64_t>(file.size()) * 2048 / 4;
   for (const auto& [position, total] :
-       {std::pair{std::int64_t{1000}, std::int64_t{1000}}, {-1, 0}, {kMost, most}}) {
-    SCOPED_TRACE(position);
+       {std::pair{std::int64_t{-1}, std::int64_t{0}}, {kMost, most}}) {
     const Made made(WithLastPosition("stereo.ogg", position));
     EXPECT_EQ(made.stream->total_frames(), total);
     EXPECT_GT(ReadToEnd(*made.stream).samples.size(), 2U * 10000);
   }
-}
-
-TEST(VorbisStream, OpensAFileWithMuchBehindItAndOneOfMoreThanTwoGigabytes) {
-  const Bytes file = ReadData("stereo.ogg");
   const Decoded whole = DecodeWithLibrary(DataFile("stereo.ogg"));
   EXPECT_TRUE(ReadToEnd(*Made(file, 100'000'000U).stream).samples == whole.samples);
   const auto middle = file.begin() + MiddlePage(file).first;
@@ -152,19 +148,12 @@ TEST(VorbisStream, OpensAFileWithMuchBehindItAndOneOfMoreThanTwoGigabytes) {
 
 TEST(VorbisSamples, AreRoundedToTheNearestAndClippedForAnyChannelsAndLength) {
   constexpr float kStep = 1.0F / 32768;
-  const std::pair<float, int> table[] = {{0.5F * kStep, 0},
-                                         {1.5F * kStep, 2},
-                                         {-0.5F * kStep, 0},
-                                         {-2.6F * kStep, -3},
-                                         {1.0F, 32767},
-                                         {-1.5F, -32768},
-                                         {65535.0F, 32767},
-                                         {65536.0F, -32768},
-                                         {1e30F, -32768},
-                                         {-1e30F, -32768},
-                                         {-0.0F, 0},
-                                         {0.25F, 8192},
-                                         {std::numeric_limits<float>::quiet_NaN(), -32768}};
+  const std::pair<float, int> table[] = {
+      {0.5F * kStep, 0},   {1.5F * kStep, 2},
+      {-2.6F * kStep, -3}, {1.0F, 32767},
+      {-1.5F, -32768},     {65535.0F, 32767},
+      {65536.0F, -32768},  {-1e30F, -32768},
+      {0.25F, 8192},       {std::numeric_limits<float>::quiet_NaN(), -32768}};
   for (std::size_t channels = 1; channels <= 4; ++channels) {
     for (std::size_t frames = 0; frames <= 40; ++frames) {
       std::vector<std::vector<float>> samples(channels, std::vector<float>(frames));

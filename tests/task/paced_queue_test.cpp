@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <limits>
-#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -108,31 +107,6 @@ TEST(PacedQueue, InterruptEndsTheWaitsOfBothSidesUntilReset) {
     EXPECT_EQ(queue.Count(), 0U);
     EXPECT_TRUE(queue.AwaitRoom());
   }
-}
-
-TEST(PacedQueue, CarriesAStreamLongerThanItselfWhicheverSideIsFaster) {
-  PacedQueue queue(kPatient);
-  constexpr std::size_t kBlock = 16384;
-  constexpr std::size_t kTotal = kMax + kMax / 2;
-  std::thread writer([&] {
-    std::vector<float> block(kBlock);
-    for (std::size_t at = 0; at < kTotal; at += kBlock) {
-      ASSERT_TRUE(queue.AwaitRoom());
-      std::iota(block.begin(), block.end(), static_cast<float>(at));
-      queue.Put(block);
-      EXPECT_LE(queue.Count(), kMax + kBlock);
-    }
-  });
-  std::vector<float> got(100'000);
-  std::size_t size = 10;  // at first the reader waits often, then seldom
-  for (std::size_t at = 0; at < kTotal; size = std::min(2 * size, got.size())) {
-    const std::span<float> part = std::span(got).first(std::min(size, kTotal - at));
-    int timeouts = 0;
-    ASSERT_TRUE(queue.AwaitSamples(part.size(), timeouts));
-    queue.Take(part);
-    for (const float sample : part) ASSERT_EQ(sample, static_cast<float>(at++));
-  }
-  writer.join();
 }
 
 }  // namespace

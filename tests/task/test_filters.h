@@ -69,8 +69,7 @@ class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTas
     return this->Noted();
   }
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
-    *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE;
-    return this->Noted();
+    return *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE, this->Noted();
   }
   STDMETHODIMP GetProgress(float* progress) override { return *progress = 0.25F, this->Noted(); }
   STDMETHODIMP GetName(BSTR*) override { return E_NOTIMPL; }
@@ -114,10 +113,10 @@ class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
  private:
   std::function<void(const std::atomic<bool>&)> Body() override {
     return [writer = std::move(writer_), size = block_samples, make = signal,
-            samples =
-                static_cast<std::uint64_t>(frames * channels)](const std::atomic<bool>& cancelled) {
-      for (std::uint64_t at = 0; at < samples && !cancelled;) {
-        const Floats block(static_cast<std::size_t>(std::min<std::uint64_t>(size, samples - at)));
+            left = static_cast<std::size_t>(frames * channels)](const auto& cancelled) mutable {
+      for (std::uint64_t at = 0; left > 0 && !cancelled;) {
+        const Floats block(std::min(size, left));
+        left -= block.values().size();
         for (float& sample : block.values()) sample = make(at++);
         writer->WriteAudio(block);
       }
@@ -164,7 +163,7 @@ class TestExport final : public TestFilter<IExportFilter> {
  private:
   // Asks for format and length on its own thread.
   std::function<void(const std::atomic<bool>&)> Body() override {
-    return [reader = std::move(reader_), result = result](const std::atomic<bool>& cancelled) {
+    return [reader = std::move(reader_), result = result](const auto& cancelled) {
       LONG rate = 0;
       SHORT channels = 0;
       __int64 total = 0;
@@ -172,8 +171,9 @@ class TestExport final : public TestFilter<IExportFilter> {
       reader->GetSampleCount(&total);
       while (!result->may_read && !cancelled) Sleep(5);
       for (__int64 at = 0; at < total && !cancelled; at += 65536) {
-        const auto frames = static_cast<std::size_t>(std::min<__int64>(65536, total - at));
-        const Floats block(frames * static_cast<std::size_t>(channels), 9.0F);
+        const Floats block(static_cast<std::size_t>(std::min<__int64>(65536, total - at)) *
+                               static_cast<std::size_t>(channels),
+                           9.0F);
         result->results.push_back(reader->ReadAudio(at, block));
         const auto values = block.values();
         result->samples.insert(result->samples.end(), values.begin(), values.end());
