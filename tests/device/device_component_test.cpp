@@ -15,7 +15,6 @@
 #include "tests/support/process_counts.h"
 #include "tests/support/test_object.h"
 // After windows.h.
-#include <mmsystem.h>
 
 namespace marlinda::testing {
 namespace {
@@ -53,22 +52,6 @@ struct Player {
   const ComPtr<IAudioWriter> writer = As<IAudioWriter>(playback);
 };
 
-TEST(Playback, OpensEveryWidthAndIsReadyOnceAllHasBeenPlayed) {
-  for (const SHORT bits : {8, 16, 24, 32}) {
-    const Player player(44100, 2, bits);
-    ASSERT_EQ(player->OpenDevice(), S_OK) << bits;
-    EXPECT_TRUE(player.Ready());
-    // No frame, three and a half, and many.
-    for (const std::size_t samples : {0, 7, 2 * 22050}) {
-      EXPECT_EQ(player->WriteAudio(Floats(samples, 0.25F)), S_OK) << bits;
-    }
-    EXPECT_FALSE(player.Ready()) << bits;
-    player.Drain();
-    EXPECT_EQ(player->CloseDevice(), S_OK);
-    EXPECT_EQ(player->CloseDevice(), S_OK);
-  }
-}
-
 TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   const Player player(44100, 2, 16);
   EXPECT_EQ(player.playback->SetPosOffset(1000), S_OK);
@@ -77,6 +60,10 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   EXPECT_EQ(last, 1000);
   EXPECT_EQ(player.Position(), 1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
+  // No frame, and three and a half.
+  for (const std::size_t samples : {0, 7}) {
+    EXPECT_EQ(player->WriteAudio(Floats(samples)), S_OK);
+  }
   const Floats block(2 * 4410);
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
@@ -139,32 +126,6 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   EXPECT_EQ(player.playback->Break(), S_OK);
   // Longer than a gap in a sound whose player is late.
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
-}
-
-// Closes the devices of this process behind the module's back, as a driver does that is removed.
-// The system numbers its handles.
-void RemoveOutputs() {
-  for (UINT_PTR handle = 0x8000; handle <= 0xFFFF; ++handle) {
-    UINT id = 0;
-    const auto device = reinterpret_cast<HWAVEOUT>(handle);
-    if (waveOutGetID(device, &id) != MMSYSERR_NOERROR) continue;
-    waveOutReset(device);
-    EXPECT_EQ(waveOutClose(device), MMSYSERR_NOERROR);
-  }
-}
-
-TEST(Playback, BlockThatTheDeviceRefusesFailsAndEndsTheOpening) {
-  const Player player(44100, 2, 16);
-  player.playback->SetPosOffset(1000);
-  ASSERT_EQ(player->OpenDevice(), S_OK);
-  ASSERT_EQ(player->WriteAudio(Floats(2 * 22050)), S_OK);
-  RemoveOutputs();
-  EXPECT_EQ(player->WriteAudio(Floats(2 * 441)), E_FAIL);
-  EXPECT_EQ(player.Position(), 1000);
-  EXPECT_TRUE(player.Ready());
-  ASSERT_EQ(player->OpenDevice(), S_OK);
-  ASSERT_EQ(player->WriteAudio(Floats(2 * 441)), S_OK);
-  player.Drain();
 }
 
 TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
@@ -329,7 +290,7 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
     EXPECT_EQ(scrubber_->WriteBlock(Floats(4)), S_OK);
     EXPECT_EQ(scrubber_->Stop(), S_OK);
   };
-  for (int round = 1; round <= 10; ++round) {
+  for (int round = 1; round <= 5; ++round) {
     // Stop of the writer's own does not wait for the call that it is made from.
     WaitUntil([&] { return Start(2, 2) == S_OK; });
     WaitUntil([&] { return calls > 0; });

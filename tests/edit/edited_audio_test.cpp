@@ -211,23 +211,6 @@ TEST_F(EditedAudio, WorksWithAnotherMakersDocumentThroughItsInterfaces) {
   SetThreadLocale(usual);
 }
 
-TEST_F(EditedAudio, HasAPointForEachEventInterface) {
-  const auto container = As<IConnectionPointContainer>(document_.edit);
-  ComPtr<IEnumConnectionPoints> points;
-  ASSERT_EQ(container->EnumConnectionPoints(points.GetAddressOf()), S_OK);
-  ComPtr<IConnectionPoint> point;
-  for (const IID* iid : {&DIID__IEAUpdateEvents, &DIID__IEAUndoEvents, &IID_IPropertyNotifySink}) {
-    ASSERT_EQ(points->Next(1, point.ReleaseAndGetAddressOf(), nullptr), S_OK);
-    IID found = IID_NULL;
-    EXPECT_EQ(point->GetConnectionInterface(&found), S_OK);
-    EXPECT_TRUE(IsEqualIID(found, *iid));
-    EXPECT_EQ(point.Get(), Sink("", &log_, *iid).Point(document_).Get());
-  }
-  EXPECT_EQ(points->Next(1, point.ReleaseAndGetAddressOf(), nullptr), S_FALSE);
-  EXPECT_EQ(container->FindConnectionPoint(IID_IDispatch, point.GetAddressOf()),
-            CONNECT_E_NOCONNECTION);
-}
-
 TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlots) {
   const auto a = MakeSink("a");
   const auto b = MakeSink("b");

@@ -2,7 +2,6 @@
 // a line on standard input, an answer a line on standard output.
 #include <windows.h>
 
-#include <cstring>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -47,12 +46,6 @@ std::string Rest(const Words& words, std::size_t from) {
 }
 
 std::string Status() { return TextOf(GetDlgItem(editor, ID_STATUS)); }
-
-DWORD EditorProcess() {
-  DWORD process = 0;
-  GetWindowThreadProcessId(editor, &process);
-  return process;
-}
 
 void Send(INPUT input) { SendInput(1, &input, sizeof input); }
 
@@ -99,64 +92,6 @@ std::string DialogText() {
   return text;
 }
 
-// Under Wine the documented function gives 0, and for another process there is the system's table
-// of all handles only: their count, then the entries.
-unsigned CountHandles(DWORD process) {
-  struct Entry {
-    USHORT process;
-    USHORT others[3];
-    void* object;
-    ULONG access;
-  };
-  constexpr ULONG kAllHandles = 16;
-  using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
-  const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
-  std::vector<char> table(1 << 24);
-  if (query(kAllHandles, table.data(), static_cast<ULONG>(table.size()), nullptr) < 0) return 0;
-  ULONG count = 0;
-  std::memcpy(&count, table.data(), sizeof count);
-  unsigned found = 0;
-  for (ULONG i = 0; i < count; ++i) {
-    Entry entry;
-    std::memcpy(&entry, table.data() + sizeof(void*) + i * sizeof entry, sizeof entry);
-    if (entry.process == static_cast<USHORT>(process)) ++found;
-  }
-  return found;
-}
-
-// GetGuiResources gives 0 under Wine. The process has a table of its GDI objects: 65536 entries of
-// 24 bytes, whose type is 0 when they are free. 64 bits only.
-unsigned CountGdiObjects(HANDLE process) {
-  constexpr std::size_t kTableInPeb = 0xF8;
-  constexpr std::size_t kEntry = 24;
-  constexpr std::size_t kType = 14;
-  void* basic[6] = {};
-  using Query = LONG(WINAPI*)(HANDLE, ULONG, void*, ULONG, ULONG*);
-  const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQueryInformationProcess")));
-  const char* table = nullptr;
-  std::vector<char> entries(65536 * kEntry);
-  if (query(process, 0, basic, sizeof basic, nullptr) < 0 ||
-      ReadProcessMemory(process, static_cast<const char*>(basic[1]) + kTableInPeb, &table,
-                        sizeof table, nullptr) == FALSE ||
-      ReadProcessMemory(process, table, entries.data(), entries.size(), nullptr) == FALSE) {
-    return 0;
-  }
-  unsigned found = 0;
-  for (std::size_t at = kType; at < entries.size(); at += kEntry) found += entries[at] != 0 ? 1 : 0;
-  return found;
-}
-
-std::string Counts() {
-  const HANDLE process =
-      OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, EditorProcess());
-  const std::string text = "gdi=" + std::to_string(CountGdiObjects(process)) +
-                           " handles=" + std::to_string(CountHandles(EditorProcess()));
-  CloseHandle(process);
-  return text;
-}
-
 std::string Obey(const Words& words) {
   const std::string& order = words[0];
   const auto number = [&](std::size_t i) { return std::stoi(words.at(i)); };
@@ -180,14 +115,8 @@ std::string Obey(const Words& words) {
   if (order == "key") {
     SetForegroundWindow(editor);
     PressKeys(words);
-  } else if (order == "command") {
-    PostMessageW(editor, WM_COMMAND, static_cast<WPARAM>(number(1)), 0);
   } else if (order == "size") {
     SetWindowPos(editor, nullptr, 0, 0, number(1), number(2), SWP_NOZORDER);
-  } else if (order == "client") {
-    RECT client;
-    GetClientRect(editor, &client);
-    return std::to_string(client.right) + " " + std::to_string(client.bottom);
   } else if (order == "mouse") {
     // As messages: a pointer that is moved elsewhere is moved back by the display at times.
     SendMessageW(editor, static_cast<UINT>(number(1)), 0, MAKELPARAM(number(2), number(3)));
@@ -211,20 +140,6 @@ std::string Obey(const Words& words) {
     const HWND shown = dialog;
     PostMessageW(GetDlgItem(shown, number(1)), BM_CLICK, 0, 0);
     if (words.size() == 2) WaitUntil([&] { return IsWindowVisible(shown) == FALSE; });
-  } else if (order == "counts") {
-    return Counts();
-  } else if (order == "repaint") {
-    for (int i = 0; i < number(1); ++i) {
-      RedrawWindow(editor, nullptr, nullptr, RDW_INVALIDATE);
-      SendMessageW(editor, WM_PAINT, 0, 0);
-    }
-  } else if (order == "wheel") {
-    RECT place;
-    GetWindowRect(editor, &place);
-    const LPARAM middle =
-        MAKELPARAM((place.left + place.right) / 2, (place.top + place.bottom) / 2);
-    SendMessageW(editor, WM_MOUSEWHEEL, MAKEWPARAM(number(1), number(2) * WHEEL_DELTA), middle);
-    SendMessageW(editor, WM_PAINT, 0, 0);
   } else if (order == "close") {
     PostMessageW(editor, WM_CLOSE, 0, 0);
   } else {

@@ -9,7 +9,7 @@
 #include <span>
 
 #include "tests/export/riff_builder.h"
-#include "tests/support/test_object.h"
+#include "tests/support/ramp_source.h"
 
 namespace marlinda::testing {
 
@@ -42,7 +42,7 @@ inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits
   return result;
 }
 
-class CodeReader final : public TestObject<IAudioReader> {
+class CodeReader final : public RampSource {
  public:
   struct Setup {
     LONG samples_per_sec = 44100;
@@ -54,35 +54,32 @@ class CodeReader final : public TestObject<IAudioReader> {
     HRESULT format_result = S_OK;  // a failure leaves format and length unanswered
   };
 
-  explicit CodeReader(Setup setup) : setup_(std::move(setup)) {}
-  static ComPtr<IAudioReader> Create(Setup setup) {
-    return MakeObject<CodeReader>(std::move(setup));
+  explicit CodeReader(const Setup& setup)
+      : RampSource('A', setup.channels, nullptr, setup.samples_per_sec), setup_(setup) {
+    frames = setup.frames;
   }
+  static ComPtr<IAudioReader> Create(const Setup& setup) { return MakeObject<CodeReader>(setup); }
 
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
-    const std::span<float> samples(static_cast<float*>(psaAudioData->pvData),
-                                   psaAudioData->rgsabound[0].cElements);
-    const HRESULT hr = setup_.before_read ? setup_.before_read(nSamplePos, samples) : S_OK;
-    if (FAILED(hr)) return hr;
-    std::uint64_t index = static_cast<std::uint64_t>(nSamplePos) * setup_.channels;
-    for (float& sample : samples) sample = SampleAt(index++, setup_.bits);
-    return S_OK;
+  STDMETHODIMP ReadAudio(__int64 position, SAFEARRAY* array) override {
+    const std::span<float> samples(static_cast<float*>(array->pvData),
+                                   array->rgsabound[0].cElements);
+    const HRESULT hr = setup_.before_read ? setup_.before_read(position, samples) : S_OK;
+    return FAILED(hr) ? hr : RampSource::ReadAudio(position, array);
   }
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channels) override {
     if (FAILED(setup_.format_result)) return setup_.format_result;
-    *pnSamplesPerSec = setup_.samples_per_sec;
-    *pnChannels = setup_.channels;
-    return S_OK;
+    return RampSource::GetFormat(samples_per_sec, channels);
   }
-  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+  STDMETHODIMP GetSampleCount(__int64* count) override {
     if (FAILED(setup_.format_result)) return setup_.format_result;
-    *pnSamples = setup_.frames;
-    return S_OK;
+    return RampSource::GetSampleCount(count);
   }
-  STDMETHODIMP OpenDevice() override { return S_OK; }
-  STDMETHODIMP CloseDevice() override { return S_OK; }
 
  private:
+  float At(__int64 frame, int channel) const override {
+    return SampleAt(static_cast<std::uint64_t>(frame * channels() + channel), setup_.bits);
+  }
+
   const Setup setup_;
 };
 

@@ -8,14 +8,12 @@
 #include <dshow.h>
 
 #include <cstring>
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/registry.h"
 #include "dshow/graph_filter.h"
-#include "tests/support/test_object.h"
+#include "tests/import/class_in_both_apartments.h"
 
 namespace marlinda::testing {
 
@@ -36,13 +34,8 @@ struct EncoderPlan {
 };
 
 inline AudioType Mp3Type(int kbit_per_sec) {
-  WAVEFORMATEX format = {};
-  format.wFormatTag = WAVE_FORMAT_MPEGLAYER3;
-  format.nChannels = 2;
-  format.nSamplesPerSec = 44100;
-  format.nAvgBytesPerSec = static_cast<DWORD>(kbit_per_sec) * 125;
-  format.nBlockAlign = 1;
-  return AudioType(format);
+  const auto bytes_per_sec = static_cast<DWORD>(kbit_per_sec) * 125;
+  return AudioType(WAVEFORMATEX{WAVE_FORMAT_MPEGLAYER3, 2, 44100, bytes_per_sec, 1, 0, 0});
 }
 
 class EncoderPin final : public OutputPin, private IAMStreamConfig {
@@ -63,10 +56,7 @@ class EncoderPin final : public OutputPin, private IAMStreamConfig {
     return has_it ? static_cast<IAMStreamConfig*>(this) : nullptr;
   }
 
-  STDMETHODIMP SetFormat(AM_MEDIA_TYPE* type) override {
-    chosen_ = AudioType(*type);
-    return S_OK;
-  }
+  STDMETHODIMP SetFormat(AM_MEDIA_TYPE* type) override { return chosen_ = AudioType(*type), S_OK; }
   STDMETHODIMP GetFormat(AM_MEDIA_TYPE**) override { return E_NOTIMPL; }
   STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
     *count = static_cast<int>(plan_.kbits_per_sec.size());
@@ -87,7 +77,7 @@ class FakeEncoder final : public GraphFilter {
  public:
   FakeEncoder() : plan_(EncoderPlan::Current()) {
     AddPin<InputPin>(InputPin::Purpose{
-        [this](const WAVEFORMATEX& format) {
+        [](const WAVEFORMATEX& format) {
           return format.wFormatTag == WAVE_FORMAT_PCM && format.wBitsPerSample == 16 &&
                  format.nChannels <= 2;
         },
@@ -113,47 +103,21 @@ class FakeEncoder final : public GraphFilter {
   bool has_begun_ = false;
 };
 
-// Makes the encoder known to the system, and to both apartments of this process, for as long as it
-// lives.
+// Makes the encoder known to the system for as long as it lives.
 class InstalledEncoder {
  public:
   InstalledEncoder() {
     SetValue(L"CLSID", TextOf(kFakeEncoderId));
     SetValue(L"FriendlyName", L"Encoder of the tests");
-    Check(Register(cookie_));
-    std::promise<HRESULT> registered;
-    other_apartment_ = std::thread([this, &registered, end = end_.get_future()]() mutable {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-      DWORD cookie = 0;
-      registered.set_value(Register(cookie));
-      end.wait();
-      CoRevokeClassObject(cookie);
-      CoUninitialize();
-    });
-    Check(registered.get_future().get());
   }
   InstalledEncoder(const InstalledEncoder&) = delete;
   InstalledEncoder& operator=(const InstalledEncoder&) = delete;
   ~InstalledEncoder() {
-    end_.set_value();
-    other_apartment_.join();
-    CoRevokeClassObject(cookie_);
     RegDeleteTreeW(HKEY_CLASSES_ROOT, kKey.c_str());
     EncoderPlan::Current() = {};
   }
 
  private:
-  struct Factory final : TestObject<IClassFactory> {
-    STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-      return ComPtr<GraphFilter>(new FakeEncoder)->QueryInterface(iid, object);
-    }
-    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-  };
-
-  HRESULT Register(DWORD& cookie) {
-    return CoRegisterClassObject(kFakeEncoderId, &factory_, CLSCTX_INPROC_SERVER,
-                                 REGCLS_MULTIPLEUSE, &cookie);
-  }
   static std::wstring TextOf(REFGUID id) {
     wchar_t text[40] = L"";
     StringFromGUID2(id, text, static_cast<int>(std::size(text)));
@@ -167,10 +131,7 @@ class InstalledEncoder {
 
   static inline const std::wstring kKey =
       L"CLSID\\" + TextOf(CLSID_AudioCompressorCategory) + L"\\Instance\\" + TextOf(kFakeEncoderId);
-  Factory factory_;
-  DWORD cookie_ = 0;
-  std::promise<void> end_;
-  std::thread other_apartment_;
+  const ClassInBothApartments class_{kFakeEncoderId, [] { return new FakeEncoder; }};
 };
 
 // The user's settings of encoders, absent before and after.

@@ -35,9 +35,6 @@ TEST(WavBytes, TellTheFormatInTheWayOfItsChannels) {
       {{48000, 5, 16, false},
        ExtensibleFormat(1, 5, 48000, 2, 16, 0),
        PlainFormat(1, 5, 48000, 2, 16)},
-      {{48000, 6, 32, true},
-       ExtensibleFormat(3, 6, 48000, 4, 32, 0x3F),
-       PlainFormat(3, 6, 48000, 4, 32)},
       // Fields hold the low bits of absurd values.
       {{-1, -2, -8, false},
        U16(1) + U16(0xFFFE) + U32(0xFFFFFFFF) + U32(0xFFFFFFFE) + U16(2) + U16(0xFFF8),

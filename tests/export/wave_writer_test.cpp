@@ -65,26 +65,29 @@ TEST_F(WaveWriter, KeepsWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
 }
 
 TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
-  LONG ready = 42;
   next->result = E_FAIL;  // is ignored
   next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(Record(1, 32, {0.5F, 0.25F}), Wav(Format(1, 32), F32(0) + F32(0.25F), {}));
+  LONG ready = 42;
   EXPECT_EQ(audio->QueryIsReady(&ready), S_OK);
   EXPECT_EQ(ready, 1);
   EXPECT_THAT(next->calls,
               ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice", "QueryIsReady"));
-  EXPECT_EQ(next->samples_per_sec, 44100);
-  EXPECT_EQ(next->channels, 1);
+  EXPECT_TRUE(next->samples_per_sec == 44100 && next->channels == 1);
   EXPECT_THAT(next->samples, ElementsAre(0.5F, 0.25F));
+  // Also without a file.
+  EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
+  EXPECT_EQ(audio->OpenDevice(), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
+  EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
+  EXPECT_EQ(next->blocks, 2U);
 }
 
-TEST_F(WaveWriter, EndsCallsThatComeBackAlongARingAndHoldsTheNextWriterUntilItGoes) {
+TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   // Itself, which leaves no reference behind.
   const ULONG before = ReferenceCount(writer.Get());
   EXPECT_EQ(writer->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(ReferenceCount(writer.Get()), before);
-
   const auto second = Create<IWaveWriter>(CLSID_CWaveWriter);
   const std::wstring second_path = folder.File(L"second.wav");
   EXPECT_EQ(second->SetTargetFile(Bstr(second_path)), S_OK);
@@ -96,23 +99,6 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARingAndHoldsTheNextWriterUntilItGo
   EXPECT_EQ(Bytes(ReadFileBytes(second_path)), expected);
   EXPECT_EQ(second->SetWriteThrough(nullptr), S_OK);
   EXPECT_EQ(ReferenceCount(writer.Get()), before);
-  EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  EXPECT_EQ(next->Held(), 1);
-  audio.Reset();
-  writer.Reset();
-  EXPECT_EQ(next->Held(), 0);
-}
-
-TEST_F(WaveWriter, ServesTheNextWriterAlsoWithWrongArraysAndWithoutAFile) {
-  EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
-  EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
-  EXPECT_EQ(audio->WriteAudio(ForeignArray(VT_R8)), E_INVALIDARG);
-  EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
-  EXPECT_EQ(audio->CloseDevice(), S_OK);
-  EXPECT_EQ(next->blocks, 2U);
-  EXPECT_THAT(next->calls, ElementsAre("OpenDevice", "WriteAudio", "CloseDevice"));
 }
 
 TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {

@@ -7,44 +7,27 @@
 #include <dshow.h>
 
 #include <atomic>
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/handle.h"
-#include "dshow/graph_filter.h"
-#include "tests/support/test_object.h"
+#include "tests/import/class_in_both_apartments.h"
 
 namespace marlinda::testing {
 
 // While it lives the graphs of this process get such sources. Its end lets those go that hang.
 class HangingFilters {
  public:
-  HangingFilters() {
-    std::promise<HRESULT> registered;
-    // Graphs are in the multithreaded apartment.
-    apartment_ = std::thread([this, &registered] {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-      DWORD cookie = 0;
-      registered.set_value(CoRegisterClassObject(CLSID_AsyncReader, &factory_, CLSCTX_INPROC_SERVER,
-                                                 REGCLS_MULTIPLEUSE, &cookie));
-      Hang();
-      CoRevokeClassObject(cookie);
-      CoUninitialize();
-    });
-    Check(registered.get_future().get());
-  }
+  HangingFilters() = default;
   HangingFilters(const HangingFilters&) = delete;
   HangingFilters& operator=(const HangingFilters&) = delete;
   ~HangingFilters() {
     SetEvent(end_.get());
-    apartment_.join();
     while (hanging_ > 0) Sleep(1);
   }
 
   // Threads that hang in a filter.
-  int hanging() const { return hanging_ - 1; }
+  int hanging() const { return hanging_; }
 
  private:
   void Hang() {
@@ -94,20 +77,10 @@ class HangingFilters {
     std::wstring name_;
   };
 
-  struct Factory final : TestObject<IClassFactory> {
-    explicit Factory(HangingFilters& owner) : owner_(owner) {}
-    STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-      return ComPtr<GraphFilter>(new Source(owner_))->QueryInterface(iid, object);
-    }
-    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-    HangingFilters& owner_;
-  };
-
   const KernelHandle end_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  Factory factory_{*this};
   std::atomic<int> hanging_ = 0;
   std::atomic<int> loads_ = 0;
-  std::thread apartment_;
+  const ClassInBothApartments class_{CLSID_AsyncReader, [this] { return new Source(*this); }};
 };
 
 }  // namespace marlinda::testing

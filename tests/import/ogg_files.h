@@ -51,13 +51,10 @@ class TemporaryOgg {
   std::filesystem::path path_;
 };
 
-Bytes Joined(const Bytes& first, const Bytes& second);
+Bytes Joined(Bytes first, const Bytes& second);
 Bytes Chained(const std::string& first, const std::string& second);
 // Where the page in the middle of a file begins and ends.
 std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file);
-// Many flips in the bodies of audio pages with the pages' checksums made right again, so that the
-// damage reaches the decoder instead of being thrown away as a broken page.
-Bytes WithPacketsScrambled(const std::string& name, unsigned seed);
 // The last page's position set, from which the length of the file follows.
 Bytes WithLastPosition(const std::string& name, std::int64_t frames);
 // So many links, each with its own number and `file` as its content.

@@ -118,11 +118,6 @@ TEST(VorbisStream, EndsOnEveryDamagedFile) {
   const auto [begin, end] = MiddlePage(hole);
   hole.erase(hole.begin() + begin, hole.begin() + end);
   ExpectLikeTheLibrary(hole);
-  for (unsigned seed = 0; seed < 40; ++seed) {
-    SCOPED_TRACE(seed);
-    ExpectLikeTheLibrary(WithPacketsScrambled("stereo.ogg", seed));
-    ExpectLikeTheLibrary(WithPacketsScrambled("six_channels.ogg", seed), true);
-  }
   EXPECT_EQ(Made(Bytes(100000, 'x')).stream, nullptr);
   EXPECT_EQ(VorbisStream::Open(nullptr), nullptr);
 }

@@ -125,10 +125,7 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   const std::vector<float> large = Read(200'000);
   EXPECT_EQ(log.back(), "A.ReadAudio(65535, 131070)");
   EXPECT_EQ(large[131070 - 104], RampSource::Sample('A', 65534, 1));
-  EXPECT_EQ(large[131070 - 103], 0.0F);
-  EXPECT_EQ(large[199'999], 0.0F);
-
-  EXPECT_EQ(SampleCount(), 4096);
+  EXPECT_EQ(std::ranges::count(large, 0.0F), 200'000 - (131070 - 103));
   Join(source.Get(), to_.Get(), 22050);
   EXPECT_EQ(SampleCount(), 2048);
   Join(RampSource::Make('B', 0).Get(), to_.Get());
