@@ -60,10 +60,8 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   EXPECT_EQ(last, 1000);
   EXPECT_EQ(player.Position(), 1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // No frame, and three and a half.
-  for (const std::size_t samples : {0, 7}) {
-    EXPECT_EQ(player->WriteAudio(Floats(samples)), S_OK);
-  }
+  EXPECT_EQ(player->WriteAudio(Floats(0)), S_OK);
+  EXPECT_EQ(player->WriteAudio(Floats(1)), S_OK);  // half a frame
   const Floats block(2 * 4410);
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };

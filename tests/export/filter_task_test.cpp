@@ -72,8 +72,9 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
     EXPECT_TRUE(running == VARIANT_TRUE || running == VARIANT_FALSE);
     return running == VARIANT_TRUE;
   }
+  // -1 where there is none.
   float Progress() {
-    float progress = -1;
+    float progress = 7;
     return SUCCEEDED(task->GetProgress(&progress)) ? progress : -1;
   }
   std::wstring Name() {

