@@ -92,6 +92,13 @@ TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
   view.ShowRange({500, 520});
   view.MakeVisible(1'000'000);
   EXPECT_TRUE(view.visible().Holds(1'000'000));
+  // Between two points the nearer frame is meant.
+  EXPECT_EQ(view.FrameAt(view.PixelOf(1'000'001) - 1), 1'000'001);
+  view.ZoomAt(0, 1e6);
+  EXPECT_EQ(view.zoom().pixels, View::kMaxPixelsPerFrame);
+  view.ScrollBy(std::int64_t{1} << 40);
+  EXPECT_GT(view.visible().length(), 1);
+  EXPECT_EQ(view.FrameAt(5000), kTenHours);
 }
 
 TEST(Ruler, TicksStandAtRoundTimesAndLeaveRoomForTheirTexts) {
