@@ -40,6 +40,7 @@ TEST_F(FormatConverter, RefusesBadFormatsAndStartsANewStreamWithEverySetUp) {
   EXPECT_TRUE(Output().empty());
   EXPECT_EQ(converter_->Convert(Floats(std::vector<float>{0.25F, -1.5F})), S_OK);
   EXPECT_EQ(Output(), (std::vector<float>{0.25F, 0.25F, -1.5F, -1.5F}));
+  EXPECT_TRUE(Output().empty());
   std::vector<float> outputs[2];
   for (std::vector<float>& output : outputs) {
     ASSERT_EQ(converter_->SetUp(8000, 16000, 1, 1, 151), S_OK);
