@@ -15,6 +15,7 @@
 #include "tests/support/process_counts.h"
 #include "tests/support/test_object.h"
 // After windows.h.
+#include <mmsystem.h>
 
 namespace marlinda::testing {
 namespace {
@@ -124,6 +125,32 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   EXPECT_EQ(player.playback->Break(), S_OK);
   // Longer than a gap in a sound whose player is late.
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
+}
+
+// Closes the devices of this process behind the module's back, as a driver does that is removed.
+// The system numbers its handles.
+void RemoveOutputs() {
+  for (UINT_PTR handle = 0x8000; handle <= 0xFFFF; ++handle) {
+    UINT id = 0;
+    const auto device = reinterpret_cast<HWAVEOUT>(handle);
+    if (waveOutGetID(device, &id) != MMSYSERR_NOERROR) continue;
+    waveOutReset(device);
+    EXPECT_EQ(waveOutClose(device), MMSYSERR_NOERROR);
+  }
+}
+
+TEST(Playback, BlockThatTheDeviceRefusesFailsAndEndsTheOpening) {
+  const Player player(44100, 2, 16);
+  player.playback->SetPosOffset(1000);
+  ASSERT_EQ(player->OpenDevice(), S_OK);
+  ASSERT_EQ(player->WriteAudio(Floats(2 * 22050)), S_OK);
+  RemoveOutputs();
+  EXPECT_EQ(player->WriteAudio(Floats(2 * 441)), E_FAIL);
+  EXPECT_EQ(player.Position(), 1000);
+  EXPECT_TRUE(player.Ready());
+  ASSERT_EQ(player->OpenDevice(), S_OK);
+  ASSERT_EQ(player->WriteAudio(Floats(2 * 441)), S_OK);
+  player.Drain();
 }
 
 TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
