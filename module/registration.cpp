@@ -8,7 +8,7 @@
 #include "core/com_call.h"
 #include "core/com_ptr.h"
 #include "core/module.h"
-#include "core/registration/registration.h"
+#include "core/registration.h"
 #include "core/resource.h"
 
 namespace marlinda {
@@ -54,7 +54,7 @@ void UnregisterTypeLibrary(const Registration& registration) {
 HRESULT RegisterModule() noexcept {
   return ComCall([] {
     const Registration registration;
-    registration.Register(IDR_MODULE_REGISTRATION, ModuleReplacements());
+    registration.Register(IDR_MODULE_REGISTRATION);
     registration.RegisterClasses(ClassTable());
     RegisterTypeLibrary(registration.is_per_user());
   });
@@ -65,7 +65,7 @@ HRESULT UnregisterModule() noexcept {
     const Registration registration;
     UnregisterTypeLibrary(registration);
     registration.UnregisterClasses(ClassTable());
-    registration.Unregister(IDR_MODULE_REGISTRATION, ModuleReplacements());
+    registration.Unregister(IDR_MODULE_REGISTRATION);
   });
 }
 

@@ -3,7 +3,7 @@
 
 #include "core/class_table.h"
 #include "core/com_call.h"
-#include "core/registration/registration.h"
+#include "core/registration.h"
 
 namespace marlinda {
 

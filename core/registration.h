@@ -1,4 +1,7 @@
-// Applies the registry scripts of a module's resources to the registry.
+// Applies the registry scripts of a module's resources to the registry. A line of a script is a key
+// ("KEY"), a key with its default value ("KEY = TEXT") or another value ("KEY @NAME = TEXT"), below
+// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. Keys without a line of their own are never
+// removed.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +10,6 @@
 #include <string>
 
 #include "core/class_table.h"
-#include "core/registration/registry_script.h"
 
 namespace marlinda {
 
@@ -35,11 +37,11 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes what script `id` contains. Keys and values of others stay.
-  void Register(UINT id, const RegistryReplacements& replacements) const;
-  // Removes what script `id` contains, last key first. A key with other content stays, and so does
-  // a key that the script marks NoRemove.
-  void Unregister(UINT id, const RegistryReplacements& replacements) const;
+  // Writes what script `id` contains, with the replacements of a class if `of` names one. Keys and
+  // values of others stay.
+  void Register(UINT id, const ClassEntry* of = nullptr) const;
+  // Removes what script `id` contains, last line first. A key with other content stays.
+  void Unregister(UINT id, const ClassEntry* of = nullptr) const;
 
   // The same for each of `classes`, with the script IDR_CLASS_REGISTRATION.
   void RegisterClasses(std::span<const ClassEntry> classes) const;
@@ -55,8 +57,5 @@ class Registration {
   bool is_per_user_ = false;
   HKEY root_ = HKEY_CLASSES_ROOT;
 };
-
-// The replacements that every script knows: MODULE, MODULETYPE, APPID and MODULEGUID.
-RegistryReplacements ModuleReplacements();
 
 }  // namespace marlinda
