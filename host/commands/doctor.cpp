@@ -1,186 +1,507 @@
 // "marlinda doctor": the parts of the engine on this machine, and their problems.
+#include <converter.h>
+#include <marlinda.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
+#include "core/handle.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
-#include "host/diagnosis.h"
+#include "host/filter_list.h"
+#include "host/sound_devices.h"
+#include "host/wide_text.h"
 
 namespace marlinda {
 namespace {
 
-Json ToJson(const ModuleFile& file) {
-  return {{"path", file.path},
-          {"version", file.version.empty() ? Json(nullptr) : Json(file.version)},
-          {"bits", file.bits == 0 ? Json(nullptr) : Json(file.bits)}};
+constexpr int kOwnBits = sizeof(void*) == 8 ? 64 : 32;
+constexpr ULONGLONG kMinFreeBytes = 64U << 20U;
+constexpr char kDirectoriesKey[] = R"(Software\Brevant\Cutloom\Directories)";
+
+// One way by which the system could find a module.
+struct Registration {
+  std::string kind;  // "manifest", "user" or "machine", in the order in which the system looks
+  std::string module;
+  bool operator==(const Registration&) const = default;
+};
+using Registrations = std::vector<Registration>;
+
+Json TextOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
+
+std::string PathOf(HMODULE module) {
+  std::wstring path(32768, L'\0');
+  path.resize(GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size())));
+  return Narrow(path);
 }
 
-Json ToJson(const std::vector<HostError>& errors) {
+// The module whose code the object runs.
+std::string ModuleOf(IUnknown* object) {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(
+      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+      *reinterpret_cast<const wchar_t**>(object), &module);
+  return PathOf(module);
+}
+
+// 64 or 32, from the file's header; 0 when it is no module that runs here.
+int BitsOf(const std::string& file) {
+  std::ifstream stream(std::filesystem::path(Widen(file)), std::ios::binary);
+  IMAGE_DOS_HEADER dos = {};
+  stream.read(reinterpret_cast<char*>(&dos), sizeof dos);
+  struct {
+    DWORD signature;
+    IMAGE_FILE_HEADER header;
+  } nt = {};
+  stream.seekg(dos.e_lfanew);
+  stream.read(reinterpret_cast<char*>(&nt), sizeof nt);
+  if (!stream || dos.e_magic != IMAGE_DOS_SIGNATURE || nt.signature != IMAGE_NT_SIGNATURE) return 0;
+  if (nt.header.Machine == IMAGE_FILE_MACHINE_AMD64) return 64;
+  return nt.header.Machine == IMAGE_FILE_MACHINE_I386 ? 32 : 0;
+}
+
+// Empty when it cannot be read.
+std::string VersionOf(const std::string& file) {
+  const std::wstring path = Widen(file);
+  DWORD unused = 0;
+  std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), &unused));
+  VS_FIXEDFILEINFO* info = nullptr;
+  UINT size = 0;
+  if (data.empty() ||
+      GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(data.size()), data.data()) == FALSE ||
+      VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &size) == FALSE) {
+    return "";
+  }
+  return std::to_string(HIWORD(info->dwFileVersionMS)) + "." +
+         std::to_string(LOWORD(info->dwFileVersionMS)) + "." +
+         std::to_string(HIWORD(info->dwFileVersionLS));
+}
+
+std::filesystem::path FolderOf(const std::string& file) {
+  return std::filesystem::path(Widen(file)).parent_path();
+}
+
+// What the registry holds for programs of that bitness.
+Registrations InRegistry(REFCLSID class_id, int bits) {
+  Registrations found;
+  const std::wstring path =
+      L"Software\\Classes\\CLSID\\" + Widen(ClassIdText(class_id)) + L"\\InprocServer32";
+  const REGSAM view = bits == 64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY;
+  for (const auto& [root, kind] :
+       {std::pair(HKEY_CURRENT_USER, "user"), std::pair(HKEY_LOCAL_MACHINE, "machine")}) {
+    RegistryKey key;
+    std::wstring module(32768, L'\0');
+    auto size = static_cast<DWORD>(module.size() * sizeof(wchar_t));
+    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_QUERY_VALUE | view, key.Receive()) ==
+            ERROR_SUCCESS &&
+        RegGetValueW(key.get(), nullptr, nullptr, RRF_RT_REG_SZ, nullptr, module.data(), &size) ==
+            ERROR_SUCCESS) {
+      found.push_back({kind, Narrow(module.c_str())});
+    }
+  }
+  return found;
+}
+
+Registrations FindRegistrations(REFCLSID class_id, const std::string& program) {
+  Registrations found = InRegistry(class_id, kOwnBits);
+  ACTCTX_SECTION_KEYED_DATA data = {};
+  data.cbSize = sizeof data;
+  if (FindActCtxSectionGuid(0, nullptr, ACTIVATION_CONTEXT_SECTION_COM_SERVER_REDIRECTION,
+                            &class_id, &data) != FALSE) {
+    const std::string module = Narrow((FolderOf(program) / L"Tessaly.dll").native());
+    found.insert(found.begin(), {"manifest", module});
+  }
+  return found;
+}
+
+Json ToJson(const Registrations& registrations) {
   Json list = Json::array();
-  for (const HostError& error : errors) {
-    Json entry = {
-        {"subject", error.subject()}, {"cause", error.reason()}, {"remedy", error.remedy()}};
-    if (error.status() != ExitStatus::kSuccess) entry["status"] = static_cast<int>(error.status());
-    list.push_back(entry);
+  for (const auto& [kind, module] : registrations) {
+    list.push_back({{"kind", kind}, {"module", module}});
   }
   return list;
 }
 
-Json NamesOf(const std::vector<SoundDevice>& devices) {
-  Json list = Json::array();
-  for (const SoundDevice& device : devices) list.push_back(device.name);
-  return list;
-}
-
-Json ToJson(const std::vector<Registration>& registrations) {
-  Json list = Json::array();
-  for (const Registration& registration : registrations) {
-    list.push_back({{"kind", registration.kind}, {"module", registration.module}});
-  }
-  return list;
-}
-
-Json ToJson(const Diagnosis& diagnosis) {
-  Json engines = Json::array();
-  for (const Engine& engine : diagnosis.engines) {
-    engines.push_back({{"bits", engine.bits},
-                       {"file", engine.file.empty() ? Json(nullptr) : Json(engine.file)},
-                       {"registrations", ToJson(engine.registrations)}});
-  }
-  Json classes = Json::array();
-  for (const ClassState& state : diagnosis.classes) {
-    classes.push_back(
-        {{"class", state.name}, {"class_id", state.class_id}, {"available", state.Available()}});
-  }
-  Json filters = Json::array();
-  for (const ListedFilterState& filter : diagnosis.filters) {
-    filters.push_back({{"listed_as", filter.value_name},
-                       {"class_id", filter.class_id},
-                       {"available", SUCCEEDED(filter.created)}});
-  }
-  const auto& library = diagnosis.type_library;
-  const TemporaryFolder& temporary = diagnosis.temporary;
-  return {{"program", ToJson(diagnosis.program)},
-          {"module", diagnosis.module ? ToJson(*diagnosis.module) : Json(nullptr)},
-          {"found_by", diagnosis.module ? Json(diagnosis.used) : Json(nullptr)},
-          {"registrations", ToJson(diagnosis.registrations)},
-          {"engines", engines},
-          {"type_library",
-           library ? Json{{"name", library->name}, {"path", library->path}} : Json(nullptr)},
-          {"classes", classes},
-          {"converter_available", diagnosis.converter.Available()},
-          {"filters", filters},
-          {"outputs", NamesOf(diagnosis.outputs)},
-          {"inputs", NamesOf(diagnosis.inputs)},
-          {"temporary_folder",
-           {{"path", temporary.path},
-            {"chosen", temporary.chosen},
-            {"free_bytes", OrNull(temporary.free_bytes)}}},
-          {"notes", ToJson(diagnosis.notes)},
-          {"problems", ToJson(diagnosis.problems)}};
-}
-
-std::string Line(std::string name, const std::string& value) {
-  name.resize(14, ' ');
-  return name + value + "\n";
-}
-
-std::string ToText(const ModuleFile& file) {
-  return file.path + ", version " + (file.version.empty() ? "unknown" : file.version) + ", " +
-         (file.bits == 0 ? "unknown bitness" : std::to_string(file.bits) + "-bit");
-}
-
-std::string Places(const std::vector<Registration>& registrations) {
-  if (registrations.empty()) return "nowhere";
+std::string ToText(const Registrations& registrations, const char* none) {
   std::string text;
-  for (const Registration& registration : registrations) {
-    if (!text.empty()) text += "; ";
-    text += (registration.kind == "manifest" ? "manifest beside the program"
-                                             : "registry, for the " + registration.kind) +
-            ": " + registration.module;
+  for (const auto& [kind, module] : registrations) {
+    text += (text.empty() ? "" : "; ") +
+            (kind == "manifest" ? "manifest beside the program" : "registry, for the " + kind) +
+            ": " + module;
   }
-  return text;
+  return text.empty() ? none : text;
 }
 
-std::string ToText(const Engine& engine) {
-  const std::string file = engine.file.empty() ? "not here" : engine.file;
-  return file + "; " +
-         (engine.registrations.empty() ? "not registered" : Places(engine.registrations));
+HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
+  // In this process only: otherwise the system replaces the error of the module by its own.
+  return CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                          reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
-std::string ToText(const std::vector<SoundDevice>& devices) {
-  if (devices.empty()) return "none";
-  std::string text;
-  for (const SoundDevice& device : devices) text += (text.empty() ? "" : ", ") + device.name;
-  return text;
-}
-
-std::string Classes(const std::vector<ClassState>& classes) {
-  const auto count = std::ranges::count_if(classes, &ClassState::Available);
-  return std::to_string(count) + " of " + std::to_string(classes.size()) + " can be created";
-}
-
-std::string Filters(const std::vector<ListedFilterState>& filters) {
-  if (filters.empty()) return "none listed";
-  std::string text;
-  for (const ListedFilterState& filter : filters) {
-    text += (text.empty() ? "" : ", ") + filter.value_name +
-            (SUCCEEDED(filter.created) ? "" : " (cannot be created)");
+// Looks at everything and goes on after each problem. Opens the default sound devices for a moment
+// and lets the engine make temporary files; writes nothing that stays.
+class Doctor {
+ public:
+  Doctor() {
+    program_ = PathOf(nullptr);
+    AddFile("program", program_);
+    Examine("module", [&] { ExamineModule(); });
+    Examine("engines", [&] { ExamineEngines(); });
+    Examine("type library", [&] { ExamineTypeLibrary(); });
+    Examine("classes", [&] { ExamineClasses(); });
+    ExamineConverter();
+    Examine("import filters", [&] { ExamineFilters(); });
+    const auto outputs = OutputDevices();
+    const auto inputs = InputDevices();
+    AddDevices("outputs", outputs);
+    AddDevices("inputs", inputs);
+    Examine("temporary folder", [&] { ExamineTemporaryFolder(); });
+    constexpr AudioFormat kUsual = {44100, 2};
+    Examine("sound output", [&] {
+      const auto device = DeviceChoice::OfOutputs(std::nullopt);
+      if (!module_.empty()) ChooseOutputBits(device, kUsual);
+    });
+    Examine("sound input", [&] {
+      const auto device = DeviceChoice::OfInputs(std::nullopt);
+      if (!module_.empty()) OpenGrabber(device, kUsual)->CloseDevice();
+    });
+    AddErrors("note", notes_);
+    AddErrors("problem", problems_);
+    if (problems_.empty()) text_ += "no problems\n";
   }
-  return text;
-}
 
-std::string ToText(const TemporaryFolder& folder) {
-  std::string text = folder.path + (folder.chosen ? ", chosen in the registry" : ", the system's");
-  if (folder.free_bytes) text += ", " + std::to_string(*folder.free_bytes >> 20U) + " MiB free";
-  return text;
-}
+  std::string Report(bool json) const { return json ? Serialize(report_) : text_; }
+  const std::vector<HostError>& problems() const { return problems_; }
 
-std::string ToText(const Diagnosis& diagnosis) {
-  std::string text = Line("program", ToText(diagnosis.program));
-  text += Line("module", diagnosis.module ? ToText(*diagnosis.module) : "cannot be used");
-  if (diagnosis.module) text += Line("found by", diagnosis.used);
-  text += Line("registered", Places(diagnosis.registrations));
-  for (const Engine& engine : diagnosis.engines) {
-    text += Line(std::to_string(engine.bits) + " bits", ToText(engine));
+ private:
+  // Runs one part of the examination and turns its exception into a problem.
+  template <class Part>
+  void Examine(const char* subject, Part part) {
+    try {
+      part();
+    } catch (const HostError& error) {
+      problems_.push_back(error);
+    } catch (const HResultError& error) {
+      problems_.push_back(Explain(error.code(), subject, ExitStatus::kFailure));
+    }
   }
-  text += Line("type library", diagnosis.type_library ? diagnosis.type_library->name + ", " +
-                                                            diagnosis.type_library->path
-                                                      : "missing");
-  if (!diagnosis.classes.empty()) text += Line("classes", Classes(diagnosis.classes));
-  text += Line("converter", diagnosis.converter.Available() ? "can be created" : "missing");
-  text += Line("filters", Filters(diagnosis.filters));
-  text += Line("outputs", ToText(diagnosis.outputs));
-  text += Line("inputs", ToText(diagnosis.inputs));
-  text += Line("temporary", ToText(diagnosis.temporary));
-  for (const HostError& note : diagnosis.notes) text += std::string("note: ") + note.what() + "\n";
-  for (const HostError& problem : diagnosis.problems) {
-    text += std::string("problem: ") + problem.what() + "\n";
+
+  void Line(std::string name, const std::string& value) {
+    name.resize(14, ' ');
+    text_ += name + value + "\n";
   }
-  return diagnosis.problems.empty() ? text + "no problems\n" : text;
-}
+
+  void AddProblem(HRESULT hr, const std::string& subject) {
+    problems_.push_back(Explain(hr, subject, ExitStatus::kRegistration));
+  }
+
+  void AddErrors(const std::string& kind, const std::vector<HostError>& errors) {
+    Json& list = report_[kind + "s"] = Json::array();
+    for (const HostError& error : errors) {
+      list.push_back(
+          {{"subject", error.subject()}, {"cause", error.reason()}, {"remedy", error.remedy()}});
+      if (error.status() != ExitStatus::kSuccess) {
+        list.back()["status"] = static_cast<int>(error.status());
+      }
+      text_ += kind + ": " + error.what() + "\n";
+    }
+  }
+
+  void AddFile(const char* name, const std::string& path) {
+    const std::string version = VersionOf(path);
+    const int bits = BitsOf(path);
+    report_[name] = {{"path", path},
+                     {"version", TextOrNull(version)},
+                     {"bits", bits == 0 ? Json(nullptr) : Json(bits)}};
+    Line(name, path + ", version " + (version.empty() ? "unknown" : version) + ", " +
+                   std::to_string(bits) + "-bit");
+  }
+
+  void AddDevices(const char* name, const std::vector<SoundDevice>& devices) {
+    Json& list = report_[name] = Json::array();
+    std::string text;
+    for (const SoundDevice& device : devices) {
+      list.push_back(device.name);
+      text += (text.empty() ? "" : ", ") + device.name;
+    }
+    Line(name, text.empty() ? "none" : text);
+  }
+
+  static std::string SubjectOf(const std::string& engine, const Registration& registration) {
+    return engine + " (" + registration.kind + ": " + registration.module + ")";
+  }
+
+  // False, and a problem, where programs of that bitness cannot load the module at all.
+  bool CheckFile(const std::string& engine, const Registration& registration, int wanted_bits) {
+    const std::filesystem::path file(Widen(registration.module));
+    const int bits = BitsOf(registration.module);
+    const auto refuse = [&](const std::string& reason, const char* remedy) {
+      problems_.emplace_back(ExitStatus::kRegistration, SubjectOf(engine, registration), reason,
+                             remedy);
+      return false;
+    };
+    std::error_code error;
+    if (!std::filesystem::exists(file, error)) {
+      return refuse("the file does not exist", kRegistrationRemedy);
+    }
+    if (bits == 0) {
+      return refuse("the file is no module, or cannot be read",
+                    "Put a whole Tessaly.dll there that the user may read and run.");
+    }
+    if (bits == wanted_bits) return true;
+    return refuse("it is a " + std::to_string(bits) + "-bit module, found by " +
+                      std::to_string(wanted_bits) + "-bit programs",
+                  "Register the module of the same kind too; both can be registered.");
+  }
+
+  // The file is examined first: some systems report of any file that does not load that access is
+  // denied.
+  void ExamineModule() {
+    constexpr const char* kSubject = "the engine's module";
+    ComPtr<IUnknown> manager;
+    const HRESULT hr = TryToCreate(CLSID_CFileFilterMgr, manager);
+    registrations_ = FindRegistrations(CLSID_CFileFilterMgr, program_);
+    report_.update({{"module", nullptr}, {"found_by", nullptr}});
+    if (SUCCEEDED(hr)) {
+      module_ = ModuleOf(manager.Get());
+      AddFile("module", module_);
+      // The first registration that names the module.
+      const auto used = std::ranges::find_if(registrations_, [&](const auto& registration) {
+        std::error_code error;
+        return std::filesystem::equivalent(Widen(registration.module), Widen(module_), error);
+      });
+      report_["found_by"] = used == registrations_.end() ? "unknown" : used->kind;
+      Line("found by", report_["found_by"]);
+    } else {
+      Line("module", "cannot be used");
+      if (registrations_.empty()) {
+        AddProblem(hr, kSubject);
+      } else if (CheckFile(kSubject, registrations_.front(), kOwnBits)) {
+        AddProblem(hr, SubjectOf(kSubject, registrations_.front()));
+      }
+    }
+    report_["registrations"] = ToJson(registrations_);
+    Line("registered", ToText(registrations_, "nowhere"));
+  }
+
+  // The programs of a package lie in x64 and x86, those of a build or a host with their modules.
+  std::string FindBeside(int bits) const {
+    const auto folder = FolderOf(program_);
+    for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
+      const std::string file = Narrow((place / L"Tessaly.dll").native());
+      if (BitsOf(file) == bits) return file;
+    }
+    return "";
+  }
+
+  // The other bitness concerns other programs: only a registration that leads nowhere is a problem.
+  void ExamineEngines() {
+    report_["engines"] = Json::array();
+    for (const int bits : {64, 32}) {
+      const std::string file = FindBeside(bits);
+      Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
+      if (bits != kOwnBits) {
+        // Some systems have one view for both; the entry belongs to the program's own.
+        std::erase_if(registrations, [&](const Registration& registration) {
+          return std::ranges::count(registrations_, registration) != 0;
+        });
+        const std::string subject = "the " + std::to_string(bits) + "-bit engine";
+        for (const Registration& each : registrations) CheckFile(subject, each, bits);
+      }
+      report_["engines"].push_back(
+          {{"bits", bits}, {"file", TextOrNull(file)}, {"registrations", ToJson(registrations)}});
+      Line(std::to_string(bits) + " bits",
+           (file.empty() ? "not here" : file) + "; " + ToText(registrations, "not registered"));
+    }
+  }
+
+  void ExamineTypeLibrary() {
+    report_["type_library"] = nullptr;
+    ComPtr<ITypeLib> library;
+    const HRESULT hr =
+        LoadRegTypeLib(LIBID_MarlindaLib, 1, 0, LOCALE_NEUTRAL, library.GetAddressOf());
+    if (FAILED(hr)) {
+      Line("type library", "missing");
+      const HostError error = Explain(hr, "type library", ExitStatus::kRegistration);
+      problems_.emplace_back(error.status(), error.subject(),
+                             error.reason() + ", so scripts and calls from other apartments fail",
+                             kRegistrationRemedy);
+      return;
+    }
+    Bstr help;
+    Bstr path;
+    library->GetDocumentation(MEMBERID_NIL, nullptr, help.Receive(), nullptr, nullptr);
+    QueryPathOfRegTypeLib(LIBID_MarlindaLib, 1, 0, LOCALE_NEUTRAL, path.Receive());
+    report_["type_library"] = {{"name", help.utf8()}, {"path", path.utf8()}};
+    Line("type library", help.utf8() + ", " + path.utf8());
+  }
+
+  // The classes that the module's own description names.
+  void ExamineClasses() {
+    Json& classes = report_["classes"] = Json::array();
+    if (module_.empty()) return;
+    ComPtr<ITypeLib> library;
+    HRESULT hr = LoadTypeLibEx(Widen(module_).c_str(), REGKIND_NONE, library.GetAddressOf());
+    if (FAILED(hr)) return AddProblem(hr, "the description inside " + module_);
+    int available = 0;
+    for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
+      TYPEKIND kind = TKIND_MAX;
+      Check(library->GetTypeInfoType(i, &kind));
+      if (kind != TKIND_COCLASS) continue;
+      ComPtr<ITypeInfo> info;
+      TYPEATTR* attributes = nullptr;
+      Check(library->GetTypeInfo(i, info.GetAddressOf()));
+      Check(info->GetTypeAttr(&attributes));
+      const CLSID class_id = attributes->guid;
+      info->ReleaseTypeAttr(attributes);
+      Bstr name;
+      Check(info->GetDocumentation(MEMBERID_NIL, name.Receive(), nullptr, nullptr, nullptr));
+      ComPtr<IUnknown> object;
+      hr = TryToCreate(class_id, object);
+      if (FAILED(hr)) AddProblem(hr, name.utf8());
+      available += SUCCEEDED(hr) ? 1 : 0;
+      classes.push_back({{"class", name.utf8()},
+                         {"class_id", ClassIdText(class_id)},
+                         {"available", SUCCEEDED(hr)}});
+    }
+    Line("classes",
+         std::to_string(available) + " of " + std::to_string(classes.size()) + " can be created");
+  }
+
+  void ExamineConverter() {
+    ComPtr<IUnknown> converter;
+    const bool available = SUCCEEDED(TryToCreate(CLSID_CFormatConverter, converter));
+    report_["converter_available"] = available;
+    Line("converter", available ? "can be created" : "missing");
+    if (available) return;
+    notes_.emplace_back(
+        ExitStatus::kSuccess, "converter",
+        "it cannot be created, so CAudioConnector passes audio on at its own rate and channels",
+        "Where that is not meant: put Converter.dll beside Tessaly.dll and register it.");
+  }
+
+  // Whether the filter of a list entry can be created; otherwise a problem.
+  bool CheckFilter(const ListedFilter& entry) {
+    const std::string subject = "import filter \"" + entry.value_name + "\" in " + kFilterListKey;
+    CLSID class_id;
+    if (FAILED(CLSIDFromString(Widen(entry.class_id).c_str(), &class_id))) {
+      problems_.emplace_back(ExitStatus::kRegistration, subject,
+                             "\"" + entry.class_id + "\" is not a class identifier",
+                             "Correct or remove the value.");
+      return false;
+    }
+    ComPtr<IImportFilter> filter;
+    const HRESULT hr = CreateInstance(class_id, filter);
+    if (SUCCEEDED(hr)) return true;
+    problems_.emplace_back(
+        ExitStatus::kRegistration, subject,
+        entry.class_id + ": " + Explain(hr, "", ExitStatus::kRegistration).reason(),
+        "Register the module of the filter, or remove the value; the engine passes over it.");
+    return false;
+  }
+
+  void ExamineFilters() {
+    Json& filters = report_["filters"] = Json::array();
+    const FilterList list = ReadFilterList();
+    std::string text;
+    for (const ListedFilter& entry : list.entries) {
+      const bool available = CheckFilter(entry);
+      filters.push_back({{"listed_as", entry.value_name},
+                         {"class_id", entry.class_id},
+                         {"available", available}});
+      text +=
+          (text.empty() ? "" : ", ") + entry.value_name + (available ? "" : " (cannot be created)");
+    }
+    Line("filters", text.empty() ? "none listed" : text);
+    if (list.cut_short) {
+      problems_.emplace_back(
+          ExitStatus::kRegistration, kFilterListKey,
+          "one value is too long to be read, and the filters behind it are not used",
+          "Remove the value.");
+    } else if (list.entries.empty()) {
+      notes_.emplace_back(
+          ExitStatus::kSuccess, "import filters",
+          "none is listed, so hosts that ask CFileFilterMgr find none; marlinda asks the built-in "
+          "ones itself",
+          "\"marlinda install-filters\", run as an administrator, lists them.");
+    }
+  }
+
+  // The folder is chosen as the engine chooses: a value that does not fit in its buffer, or is no
+  // text, does not count.
+  void ExamineTemporaryFolder() {
+    char chosen[256] = "";
+    DWORD size = sizeof chosen - 1;
+    RegistryKey key;
+    const bool is_chosen =
+        RegOpenKeyExA(HKEY_CURRENT_USER, kDirectoriesKey, 0, KEY_QUERY_VALUE, key.Receive()) ==
+            ERROR_SUCCESS &&
+        RegQueryValueExA(key.get(), "Temporary", nullptr, nullptr, reinterpret_cast<BYTE*>(chosen),
+                         &size) == ERROR_SUCCESS;
+    char standard[MAX_PATH] = "";
+    GetTempPathA(MAX_PATH, standard);
+    const std::string folder = FromAnsi(is_chosen ? chosen : standard);
+    std::optional<ULONGLONG> free_bytes;
+    ULARGE_INTEGER free = {};
+    if (GetDiskFreeSpaceExW(Widen(folder).c_str(), &free, nullptr, nullptr) != FALSE) {
+      free_bytes = free.QuadPart;
+    }
+    const std::string free_text = std::to_string(free_bytes.value_or(0) >> 20U) + " MiB";
+    report_["temporary_folder"] = {
+        {"path", folder}, {"chosen", is_chosen}, {"free_bytes", OrNull(free_bytes)}};
+    Line("temporary", folder + (is_chosen ? ", chosen in the registry" : ", the system's") +
+                          (free_bytes ? ", " + free_text + " free" : ""));
+
+    const auto add = [&](const std::string& reason, const std::string& remedy) {
+      problems_.emplace_back(ExitStatus::kOutput, "temporary folder " + folder, reason,
+                             remedy + ", or name another in the registry value \"Temporary\" of " +
+                                 "HKEY_CURRENT_USER\\" + kDirectoriesKey + ".");
+    };
+    const DWORD attributes = GetFileAttributesW(Widen(folder).c_str());
+    ComPtr<IAudioPool> pool;
+    CreateInstance(CLSID_CAudioPool, pool);
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+      add("the folder does not exist", "Create it");
+    } else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      add("it is a file, not a folder", "Remove the file and create the folder");
+    } else if (const HRESULT hr = pool ? TryPoolFiles(pool.Get()) : S_OK; FAILED(hr)) {
+      add("no file can be made there: " + Explain(hr, "", ExitStatus::kOutput).reason(),
+          "Allow the user to write there");
+    } else if (free_bytes && *free_bytes < kMinFreeBytes) {
+      add("only " + free_text + " are free, and imported audio needs 8 bytes a stereo frame",
+          "Free some space there");
+    }
+  }
+
+  Json report_;
+  std::string text_;
+  std::vector<HostError> problems_;
+  std::vector<HostError> notes_;  // may be intended
+  std::string program_;
+  std::string module_;  // empty when it cannot be loaded
+  Registrations registrations_;
+};
 
 ExitStatus Gravest(const std::vector<HostError>& problems) {
   constexpr std::array kOrder = {ExitStatus::kFailure, ExitStatus::kRegistration,
                                  ExitStatus::kOutput, ExitStatus::kDevice};
-  for (const ExitStatus status : kOrder) {
-    if (std::ranges::any_of(problems, [&](auto& p) { return p.status() == status; })) return status;
-  }
-  return ExitStatus::kFailure;
+  return *std::ranges::find_if(kOrder, [&](ExitStatus status) {
+    return std::ranges::count(problems, status, &HostError::status) != 0;
+  });
 }
 
-// Prints everything that was found, then throws with the status of the gravest problem, if any:
-// registration before the temporary folder before sound devices.
-void Report(bool json, const Console& console) {
-  const Diagnosis diagnosis = Diagnose();
-  console.Print(json ? Serialize(ToJson(diagnosis)) : ToText(diagnosis));
-  if (diagnosis.problems.empty()) return;
-  const std::size_t count = diagnosis.problems.size();
+// Prints the report, then throws with the status of the gravest problem, if any.
+void PrintReport(bool json, const Console& console) {
+  const Doctor doctor;
+  console.Print(doctor.Report(json));
+  const std::size_t count = doctor.problems().size();
+  if (count == 0) return;
   static_cast<void>(std::fflush(stdout));  // before the message on the other stream
   throw HostError(
-      Gravest(diagnosis.problems), "",
+      Gravest(doctor.problems()), "",
       count == 1 ? "there is 1 problem" : "there are " + std::to_string(count) + " problems");
 }
 
@@ -189,7 +510,7 @@ void Report(bool json, const Console& console) {
 void AddDoctor(CLI::App& app, Console& console) {
   const auto json = std::make_shared<bool>();
   AddJson(AddCommand(app, "doctor", "Check the installation and name a remedy for each problem",
-                     "Example: marlinda doctor", [json, &console] { Report(*json, console); }),
+                     "Example: marlinda doctor", [json, &console] { PrintReport(*json, console); }),
           *json);
 }
 
