@@ -8,11 +8,8 @@
 #include <utility>
 
 #include "core/handle.h"
-#include "dshow/filter_graph.h"
-#include "dshow/graph_filter.h"
 #include "export/encoded_file.h"
 #include "export/mp3_encoder.h"
-#include "export/stream_config.h"
 #include "export/wav_file.h"
 
 namespace marlinda {
