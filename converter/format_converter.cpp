@@ -1,6 +1,8 @@
 #include "converter/format_converter.h"
 
 #include <algorithm>
+#include <limits>
+#include <new>
 
 #include "core/sample_array.h"
 
@@ -31,10 +33,14 @@ STDMETHODIMP CFormatConverter::GetOutput(SAFEARRAY** ppsaAudioData) {
   *ppsaAudioData = nullptr;
   if (stream_ == nullptr) return E_UNEXPECTED;
   return ComCall([&] {
-    SampleArray ready(output_.size());
-    std::ranges::copy(output_, ready.samples().begin());
+    constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
+    if (output_.size() > kMaxSamples) throw std::bad_alloc();
+    SAFEARRAYBOUND bound = {static_cast<ULONG>(output_.size()), 0};
+    SAFEARRAY* const ready = SafeArrayCreate(VT_R4, 1, &bound);
+    if (ready == nullptr) throw std::bad_alloc();
+    std::ranges::copy(output_, static_cast<float*>(ready->pvData));
     output_.clear();
-    *ppsaAudioData = ready.Detach();
+    *ppsaAudioData = ready;
   });
 }
 

@@ -1,10 +1,8 @@
 #include "core/sample_array.h"
 
+#include <algorithm>
 #include <limits>
 #include <new>
-#include <utility>
-
-#include "core/com_call.h"
 
 namespace marlinda {
 namespace {
@@ -25,15 +23,13 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
 // claims more has less memory than it says.
 constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
 
-SAFEARRAY* CreateFloats(std::size_t count) {
+std::size_t Checked(std::size_t count) {
   if (count > kMaxSamples) throw std::bad_alloc();
-  // Not SafeArrayCreateVector, which puts the data into the descriptor's own block of memory: such
-  // an array is not meant to be resized.
-  SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
-  SAFEARRAY* array = SafeArrayCreate(VT_R4, 1, &bound);
-  if (array == nullptr) throw std::bad_alloc();
-  return array;
+  return count;
 }
+
+// Larger arrays are not kept: 8 MiB is the size for the widest screens.
+constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace
 
@@ -54,34 +50,48 @@ HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
   return S_OK;
 }
 
-SampleArray::SampleArray(std::size_t count) : array_(CreateFloats(count)) {}
-
-SampleArray::~SampleArray() {
-  if (array_ != nullptr) SafeArrayDestroy(array_);
+SampleArray::SampleArray(std::size_t count) : buffer_(Checked(count)) {
+  // An array without samples has an address, too.
+  buffer_.reserve(1);
+  if (FAILED(SafeArrayAllocDescriptorEx(VT_R4, 1, &array_))) throw std::bad_alloc();
+  array_->cbElements = sizeof(float);
+  array_->fFeatures |= FADF_FIXEDSIZE;
+  array_->cLocks = 1;
+  Resize(count);
 }
 
-SampleArray::SampleArray(SampleArray&& other) noexcept
-    : array_(std::exchange(other.array_, nullptr)) {}
-
-SampleArray& SampleArray::operator=(SampleArray&& other) noexcept {
-  std::swap(array_, other.array_);
-  return *this;
+SampleArray::~SampleArray() {
+  array_->pvData = nullptr;
+  array_->cLocks = 0;
+  SafeArrayDestroyDescriptor(array_);
 }
 
 void SampleArray::Resize(std::size_t count) {
-  if (array_ == nullptr) {
-    array_ = CreateFloats(count);
-    return;
-  }
-  if (samples().size() == count) return;
-  if (count > kMaxSamples) throw std::bad_alloc();
-  SAFEARRAYBOUND bound = {static_cast<ULONG>(count), 0};
-  Check(SafeArrayRedim(array_, &bound));
+  buffer_.resize(Checked(count));
+  array_->pvData = buffer_.data();
+  array_->rgsabound[0] = {static_cast<ULONG>(count), 0};
 }
 
-std::span<float> SampleArray::samples() const noexcept {
-  if (array_ == nullptr || array_->pvData == nullptr) return {};
-  return {static_cast<float*>(array_->pvData), array_->rgsabound[0].cElements};
+SAFEARRAY* SampleArray::Prepare(std::size_t count) {
+  Resize(0);
+  // Frees the old memory before it takes the new.
+  if (count > buffer_.capacity()) std::vector<float>().swap(buffer_);
+  Resize(count);
+  return array_;
+}
+
+std::size_t SampleArray::Count() const noexcept {
+  return std::min<std::size_t>(buffer_.size(), array_->rgsabound[0].cElements);
+}
+
+std::unique_ptr<SampleArray> ScratchCache::Take() {
+  std::unique_ptr<SampleArray> array(kept_.exchange(nullptr));
+  return array != nullptr ? std::move(array) : std::make_unique<SampleArray>();
+}
+
+void ScratchCache::GiveBack(std::unique_ptr<SampleArray> array) noexcept {
+  if (array->capacity() > kMaxKeptSamples) return;
+  delete kept_.exchange(array.release());
 }
 
 }  // namespace marlinda

@@ -5,9 +5,12 @@
 // After windows.h.
 #include <oleauto.h>
 
+#include <atomic>
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <utility>
+#include <vector>
 
 namespace marlinda {
 
@@ -31,31 +34,65 @@ class SampleArrayView {
   std::span<float> samples_;
 };
 
-// A one-dimensional array of floats that the engine owns, to pass to a reader or a writer.
+// A one-dimensional array of floats that the engine owns, to pass to a reader or a writer. It is
+// locked for its whole life, so that the system refuses a callee that resizes or destroys it. A
+// smaller count keeps the memory: a new array for each read would cost more than the read.
 class SampleArray {
  public:
-  SampleArray() noexcept = default;
   // All samples are 0. Throws std::bad_alloc, also when the count exceeds what an array can hold.
-  explicit SampleArray(std::size_t count);
+  explicit SampleArray(std::size_t count = 0);
   ~SampleArray();
   SampleArray(const SampleArray&) = delete;
   SampleArray& operator=(const SampleArray&) = delete;
-  SampleArray(SampleArray&& other) noexcept;
-  SampleArray& operator=(SampleArray&& other) noexcept;
 
-  // Gives the array another element count. The samples keep their values as far as both reach.
+  // Gives the array another element count. The samples keep their values as far as both reach, and
+  // further ones are 0. Throws std::bad_alloc and leaves the array as it was.
   void Resize(std::size_t count);
+  // Returns the array with exactly `count` samples, all 0. Throws std::bad_alloc.
+  SAFEARRAY* Prepare(std::size_t count);
 
   SAFEARRAY* get() const noexcept { return array_; }
+  std::size_t capacity() const noexcept { return buffer_.capacity(); }
 
-  // Transfers ownership to the caller.
-  SAFEARRAY* Detach() noexcept { return std::exchange(array_, nullptr); }
-
-  // Reads the size from the descriptor each time, because a callee can resize the array.
-  std::span<float> samples() const noexcept;
+  // Never more than the array was made for, whatever a callee wrote into its descriptor.
+  std::span<float> samples() noexcept { return {buffer_.data(), Count()}; }
+  std::span<const float> samples() const noexcept { return {buffer_.data(), Count()}; }
 
  private:
+  std::size_t Count() const noexcept;
+
   SAFEARRAY* array_ = nullptr;
+  std::vector<float> buffer_;
+};
+
+// Keeps one array between calls. Concurrent and nested calls get one array each.
+class ScratchCache {
+ public:
+  ScratchCache() noexcept = default;
+  ~ScratchCache() { delete kept_.load(); }
+  ScratchCache(const ScratchCache&) = delete;
+  ScratchCache& operator=(const ScratchCache&) = delete;
+
+  std::unique_ptr<SampleArray> Take();
+  void GiveBack(std::unique_ptr<SampleArray> array) noexcept;
+
+ private:
+  std::atomic<SampleArray*> kept_{nullptr};
+};
+
+// The kept array for the length of one call.
+class ScratchLease {
+ public:
+  explicit ScratchLease(ScratchCache& cache) : cache_(cache), array_(cache.Take()) {}
+  ~ScratchLease() { cache_.GiveBack(std::move(array_)); }
+  ScratchLease(const ScratchLease&) = delete;
+  ScratchLease& operator=(const ScratchLease&) = delete;
+
+  SampleArray* operator->() const noexcept { return array_.get(); }
+
+ private:
+  ScratchCache& cache_;
+  std::unique_ptr<SampleArray> array_;
 };
 
 }  // namespace marlinda

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "core/com_ptr.h"
-#include "core/scratch_array.h"
+#include "core/sample_array.h"
 #include "core/srw_lock.h"
 #include "edit/annotations.h"
 #include "edit/segment_list.h"

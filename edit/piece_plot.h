@@ -5,7 +5,7 @@
 
 #include <span>
 
-#include "core/scratch_array.h"
+#include "core/sample_array.h"
 #include "core/section.h"
 
 namespace marlinda {

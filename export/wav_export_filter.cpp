@@ -17,16 +17,6 @@ WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
   return {samples_per_sec, channels, bits, is_float};
 }
 
-// A block of silence. An array is reused where it has the right size: a fresh one of half a
-// megabyte costs more than filling it.
-void MakeSilent(SampleArray& block, std::size_t samples) {
-  if (block.samples().size() == samples) {
-    std::ranges::fill(block.samples(), 0.0F);
-  } else {
-    block = SampleArray(samples);
-  }
-}
-
 }  // namespace
 
 void WavExportJob::SetReader(IAudioReader* reader) {
@@ -61,9 +51,10 @@ void WavExportJob::WriteSamples(const WavFormat& format) {
     // The difference is taken in 64 bits: in 32, a source of 2^31 frames or more would give
     // negative or empty blocks and no end.
     const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-    MakeSilent(block, static_cast<std::size_t>(frames) * format.channels);
+    SAFEARRAY* const silence =
+        block.Prepare(static_cast<std::size_t>(frames) * static_cast<std::size_t>(format.channels));
     // Whatever a failing reader left in the block is written, so that the rest keeps its place.
-    reader_->ReadAudio(position, block.get());
+    reader_->ReadAudio(position, silence);
     file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
     position += frames;
   }

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "core/constants.h"
-#include "core/sample_array.h"
 #include "core/sample_count.h"
 
 namespace marlinda {
@@ -121,7 +120,7 @@ bool SourceFeed::AwaitSamples(std::size_t wanted, int& timeouts) {
 }
 
 void SourceFeed::PullBlock() {
-  if (!block_) block_ = std::make_unique<ScratchArray>();
+  if (!block_) block_ = std::make_unique<SampleArray>();
   SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *
                                            static_cast<std::size_t>(source_.channels));
   // The block is silent where the reader fails, so its result does not matter.

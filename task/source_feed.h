@@ -11,7 +11,7 @@
 #include <span>
 
 #include "core/com_ptr.h"
-#include "core/scratch_array.h"
+#include "core/sample_array.h"
 #include "task/paced_queue.h"
 
 namespace marlinda {
@@ -72,7 +72,7 @@ class SourceFeed {
 
   std::mutex mutex_;  // of all below
   IAudioReader* reader_ = nullptr;
-  std::unique_ptr<ScratchArray> block_;
+  std::unique_ptr<SampleArray> block_;
   __int64 read_position_ = 0;
   StreamFormat source_;
   __int64 source_frames_ = 0;

@@ -55,7 +55,13 @@ TEST(SampleArray, KeepsItsSamplesWhenResized) {
   EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 99996);
   EXPECT_THROW(array.Resize(std::numeric_limits<std::size_t>::max() / 2), std::bad_alloc);
   array.Resize(2);
-  EXPECT_EQ(SampleArray(std::move(array)).samples().size(), 2U);
+  EXPECT_EQ(array.samples().size(), 2U);
+  EXPECT_THAT(std::vector(array.samples().begin(), array.samples().end()),
+              ::testing::ElementsAre(0.5F, 0.5F));
+  SAFEARRAYBOUND bound = {9, 0};
+  EXPECT_EQ(SafeArrayRedim(array.get(), &bound), DISP_E_ARRAYISLOCKED);
+  array.Prepare(3);
+  EXPECT_EQ(std::ranges::count(array.samples(), 0.0F), 3);
 }
 
 TEST(MakeExtensibleFormat, HasTheLayoutOfTheExtensibleFormatByteForByte) {
