@@ -8,11 +8,12 @@
 
 namespace marlinda {
 
+using CreationFunction = HRESULT(IUnknown* outer, REFIID iid, void** object) noexcept;
+
 struct ClassEntry {
   const CLSID* clsid;
-  const wchar_t* name;     // class name; the friendly name is "<name> Object"
-  const wchar_t* prog_id;  // versioned, such as "Marlinda.AudioPool.1"
-  HRESULT (*create)(IUnknown* outer, REFIID iid, void** object) noexcept;
+  const wchar_t* name;  // such as CAudioPool, whose identifier is Marlinda.AudioPool.1
+  CreationFunction* create;
 };
 
 std::span<const ClassEntry> ClassTable() noexcept;

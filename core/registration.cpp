@@ -77,11 +77,11 @@ Replacements ReplacementsFor(const ClassEntry* entry) {
                                {L"APPID", guid},
                                {L"MODULEGUID", guid}};
   if (entry == nullptr) return replacements;
-  const std::wstring prog_id = entry->prog_id;
+  const std::wstring prog_id = L"Marlinda." + std::wstring(entry->name).substr(1);
   replacements[L"FriendlyName"] = std::wstring(entry->name) + L" Object";
   replacements[L"CLSID"] = ToText(*entry->clsid);
-  replacements[L"PROGID"] = prog_id;
-  replacements[L"VERSIONINDEPENDENTPROGID"] = prog_id.substr(0, prog_id.rfind(L'.'));
+  replacements[L"PROGID"] = prog_id + L".1";
+  replacements[L"VERSIONINDEPENDENTPROGID"] = prog_id;
   return replacements;
 }
 

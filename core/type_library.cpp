@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -21,33 +22,19 @@ struct GuidLess {
 };
 
 // Descriptions borrowed from type information and given back.
-class TypeAttributes {
- public:
-  explicit TypeAttributes(ITypeInfo* info) : info_(info) { Check(info->GetTypeAttr(&attributes_)); }
-  ~TypeAttributes() { info_->ReleaseTypeAttr(attributes_); }
-  TypeAttributes(const TypeAttributes&) = delete;
-  TypeAttributes& operator=(const TypeAttributes&) = delete;
-  const TYPEATTR* operator->() const noexcept { return attributes_; }
+auto AttributesOf(ITypeInfo* info) {
+  TYPEATTR* attributes = nullptr;
+  Check(info->GetTypeAttr(&attributes));
+  const auto give_back = [info](TYPEATTR* borrowed) { info->ReleaseTypeAttr(borrowed); };
+  return std::unique_ptr<TYPEATTR, decltype(give_back)>(attributes, give_back);
+}
 
- private:
-  ITypeInfo* info_;
-  TYPEATTR* attributes_ = nullptr;
-};
-
-class FunctionDescription {
- public:
-  FunctionDescription(ITypeInfo* info, UINT index) : info_(info) {
-    Check(info->GetFuncDesc(index, &function_));
-  }
-  ~FunctionDescription() { info_->ReleaseFuncDesc(function_); }
-  FunctionDescription(const FunctionDescription&) = delete;
-  FunctionDescription& operator=(const FunctionDescription&) = delete;
-  const FUNCDESC* operator->() const noexcept { return function_; }
-
- private:
-  ITypeInfo* info_;
-  FUNCDESC* function_ = nullptr;
-};
+auto FunctionOf(ITypeInfo* info, UINT index) {
+  FUNCDESC* function = nullptr;
+  Check(info->GetFuncDesc(index, &function));
+  const auto give_back = [info](FUNCDESC* borrowed) { info->ReleaseFuncDesc(borrowed); };
+  return std::unique_ptr<FUNCDESC, decltype(give_back)>(function, give_back);
+}
 
 Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
   Parameter parameter;
@@ -58,7 +45,7 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
     case VT_USERDEFINED: {
       ComPtr<ITypeInfo> referred;
       Check(info->GetRefTypeInfo(type->hreftype, referred.GetAddressOf()));
-      const TypeAttributes attributes(referred.Get());
+      const auto attributes = AttributesOf(referred.Get());
       parameter.type = attributes->typekind == TKIND_DISPATCH ? VT_DISPATCH : VT_UNKNOWN;
       parameter.iid = attributes->guid;
       --pointers;
@@ -91,10 +78,10 @@ MethodTable ReadMethods(ITypeInfo* dispatch_face) {
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
   Check(dispatch_face->GetRefTypeInfo(reference, info.GetAddressOf()));
-  const TypeAttributes attributes(info.Get());
+  const auto attributes = AttributesOf(info.Get());
   MethodTable methods;
   for (UINT i = 0; i < attributes->cFuncs; ++i) {
-    const FunctionDescription function(info.Get(), i);
+    const auto function = FunctionOf(info.Get(), i);
     Method method;
     method.id = function->memid;
     method.vtable_offset = static_cast<ULONG_PTR>(function->oVft);
@@ -133,17 +120,15 @@ class TypeLibrary {
   HRESULT FindLocked(REFGUID guid, ITypeInfo** info) {
     const auto known = entries_.find(guid);
     if (known != entries_.end()) return known->second.CopyTo(info);
-    if (!library_) Check(Load());
+    if (!library_) {
+      // The system takes no path of more than MAX_PATH characters here.
+      Check(LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf()));
+    }
     ComPtr<ITypeInfo> found;
     const HRESULT hr = library_->GetTypeInfoOfGuid(guid, found.GetAddressOf());
     if (FAILED(hr)) return hr;
     entries_.emplace(guid, found);
     return found.CopyTo(info);
-  }
-
-  HRESULT Load() {
-    // The system takes no path of more than MAX_PATH characters here.
-    return LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf());
   }
 
   std::mutex mutex_;

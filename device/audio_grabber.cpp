@@ -13,7 +13,6 @@
 #include "core/sample_array.h"
 #include "core/samples/audio_queue.h"
 #include "core/samples/sample_converter.h"
-#include "core/wave_format.h"
 #include "device/device_format.h"
 
 namespace marlinda {

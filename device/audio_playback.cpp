@@ -15,7 +15,6 @@
 #include "core/handle.h"
 #include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
-#include "core/wave_format.h"
 #include "device/device_format.h"
 
 namespace marlinda {

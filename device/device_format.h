@@ -5,6 +5,10 @@
 // After windows.h.
 #include <mmreg.h>
 
+#include <cstring>
+
+#include "core/extensible_rules.h"
+
 namespace marlinda {
 
 // 32 bits always mean IEEE float, any other width PCM. Nothing is validated: a device refuses what
@@ -22,6 +26,23 @@ inline WAVEFORMATEX DeviceFormat(LONG samples_per_sec, SHORT channels, SHORT bit
 
 inline bool IsFloat(const WAVEFORMATEX& format) noexcept {
   return format.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
+}
+
+// Turns `source` into a WAVEFORMATEXTENSIBLE (tag 0xFFFE, cbSize 22) whose valid bits are the
+// source's bits. Playback sets `mono_as_stereo_mask`.
+inline WAVEFORMATEXTENSIBLE MakeExtensibleFormat(const WAVEFORMATEX& source, bool is_float,
+                                                 bool mono_as_stereo_mask) noexcept {
+  WAVEFORMATEXTENSIBLE format = {};
+  format.Format = source;
+  format.Format.wFormatTag = WAVE_FORMAT_EXTENSIBLE;
+  format.Format.cbSize = 22;
+  format.Samples.wValidBitsPerSample = source.wBitsPerSample;
+  format.dwChannelMask = ChannelMask(source.nChannels, mono_as_stereo_mask);
+  // A GUID lies in memory as it does in a file: Windows is little-endian.
+  const auto sub_format = SubFormatBytes(is_float);
+  static_assert(sizeof(format.SubFormat) == sub_format.size());
+  std::memcpy(&format.SubFormat, sub_format.data(), sub_format.size());
+  return format;
 }
 
 // Whether a device may be asked for the format at all: some drivers take a format without channels

@@ -1,14 +1,37 @@
 // The five functions that the module exports.
 #include <windows.h>
 
-#include "core/class_factory.h"
 #include "core/class_table.h"
+#include "core/com_call.h"
 #include "core/module.h"
+#include "core/plain_object.h"
 #include "core/type_library.h"
 #include "module/registration.h"
 
 using marlinda::ClassTable;
 using marlinda::TheModule;
+
+namespace {
+
+// One implementation for every row of the class table. A factory counts as an object of the module.
+class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
+ public:
+  explicit ClassFactory(const marlinda::ClassEntry& entry) noexcept : entry_(entry) {}
+
+  STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
+    return entry_.create(outer, iid, object);
+  }
+  STDMETHODIMP LockServer(BOOL lock) override {
+    if (lock == FALSE) return TheModule().Unlock() ? S_OK : E_UNEXPECTED;
+    TheModule().Lock();
+    return S_OK;
+  }
+
+ private:
+  const marlinda::ClassEntry& entry_;
+};
+
+}  // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
@@ -26,7 +49,12 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** factory) {
   *factory = nullptr;
   for (const auto& entry : ClassTable()) {
     if (IsEqualCLSID(*entry.clsid, clsid)) {
-      return marlinda::CreateClassFactory(entry, iid, factory);
+      return marlinda::ComCall([&] {
+        auto* created = new ClassFactory(entry);
+        const HRESULT hr = created->QueryInterface(iid, factory);
+        created->Release();
+        return hr;
+      });
     }
   }
   return CLASS_E_CLASSNOTAVAILABLE;

@@ -1,18 +1,30 @@
-// The one class of this module.
+// The one class of this module, and its registration. There is neither an application identifier
+// nor a type library to register.
 #include "core/class_table.h"
 
 #include <converter.h>
 
+#include "core/com_call.h"
+#include "core/registration.h"
+#include "module/registration.h"
+
 namespace marlinda {
 
-HRESULT CreateCFormatConverter(IUnknown* outer, REFIID iid, void** object) noexcept;
+CreationFunction CreateCFormatConverter;
 
 std::span<const ClassEntry> ClassTable() noexcept {
-  // Created by class identifier alone, so there is no ProgID.
   static const ClassEntry table[] = {
-      {&CLSID_CFormatConverter, L"CFormatConverter", L"", CreateCFormatConverter},
+      {&CLSID_CFormatConverter, L"CFormatConverter", CreateCFormatConverter},
   };
   return table;
+}
+
+HRESULT RegisterModule() noexcept {
+  return ComCall([] { Registration().RegisterClasses(ClassTable()); });
+}
+
+HRESULT UnregisterModule() noexcept {
+  return ComCall([] { Registration().UnregisterClasses(ClassTable()); });
 }
 
 }  // namespace marlinda

@@ -1,12 +1,17 @@
 // "marlinda record": a WAV file of the sound that a device records.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/file_name.h"
 #include "host/progress.h"
-#include "host/recorder.h"
 #include "host/sound_devices.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"
@@ -27,6 +32,102 @@ struct RecordOptions {
   std::optional<int> device;
   bool json = false;
 };
+
+// Pumps a recording into a pool on a thread of its own, so that the host can watch it and end it.
+class Recorder {
+ public:
+  // Begins at once. `source` is open, and is closed by Stop; `pool` is where one take arrives.
+  Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool, const AudioFormat& format,
+           std::int64_t frames);
+  ~Recorder();
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
+
+  bool IsRunning() const { return running_; }
+  std::int64_t recorded() const { return recorded_; }
+  // Highest magnitude of each channel in the block that came last.
+  std::vector<float> Levels() const;
+
+  // Ends the recording, also one that waits for a device that delivers nothing. Afterwards what
+  // was recorded is a take of the pool. Gives the first failure of device or pool.
+  HRESULT Stop();
+
+ private:
+  void Pump();
+
+  const ComPtr<IAudioReader> source_;
+  const ComPtr<IAudioWriter> pool_;
+  const AudioFormat format_;
+  const std::int64_t frames_;
+  std::atomic<bool> stopping_ = false;
+  std::atomic<bool> running_ = true;
+  std::atomic<std::int64_t> recorded_ = 0;
+  std::vector<std::atomic<float>> levels_;
+  HRESULT result_ = S_OK;  // the thread's until it has ended
+  std::thread thread_;     // the last member: everything above is ready for it
+};
+
+Recorder::Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool,
+                   const AudioFormat& format, std::int64_t frames)
+    : source_(std::move(source)),
+      pool_(std::move(pool)),
+      format_(format),
+      frames_(frames),
+      levels_(static_cast<std::size_t>(format.channels)) {
+  Check(pool_->SetFormat(format.rate, format.channels));
+  Check(pool_->OpenDevice());
+  thread_ = std::thread([this] {
+    try {
+      Pump();
+    } catch (const std::exception&) {
+      result_ = E_OUTOFMEMORY;
+    }
+    running_ = false;
+  });
+}
+
+Recorder::~Recorder() { Stop(); }
+
+std::vector<float> Recorder::Levels() const { return {levels_.begin(), levels_.end()}; }
+
+HRESULT Recorder::Stop() {
+  if (!thread_.joinable()) return result_;
+  stopping_ = true;
+  // A block takes 40 ms. Who waits for longer waits for a device that is gone, and only closing
+  // that ends the wait.
+  constexpr auto kPatience = std::chrono::seconds(2);
+  const auto start = std::chrono::steady_clock::now();
+  while (running_ && std::chrono::steady_clock::now() - start < kPatience) Sleep(10);
+  source_->CloseDevice();
+  thread_.join();
+  pool_->CloseDevice();
+  return result_;
+}
+
+void Recorder::Pump() {
+  const auto channels = static_cast<std::size_t>(format_.channels);
+  const std::int64_t block_frames = std::max(1L, format_.rate / 25);
+  auto block = std::make_unique<FloatArray>(static_cast<std::size_t>(block_frames) * channels);
+  while (!stopping_ && recorded_ < frames_) {
+    const std::int64_t rest = frames_ - recorded_;
+    if (rest < block_frames) {
+      block = std::make_unique<FloatArray>(static_cast<std::size_t>(rest) * channels);
+    }
+    result_ = source_->ReadAudio(0, block->get());
+    if (FAILED(result_)) return;
+    const std::span<const float> samples = block->samples();
+    for (std::size_t channel = 0; channel < channels; ++channel) {
+      float level = 0.0F;
+      for (std::size_t i = channel; i < samples.size(); i += channels) {
+        level = std::max(level, std::abs(samples[i]));
+      }
+      levels_[channel] = level;
+    }
+    result_ = pool_->WriteAudio(block->get());
+    if (FAILED(result_)) return;
+    recorded_ += static_cast<std::int64_t>(samples.size() / channels);
+  }
+}
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   try {

@@ -7,7 +7,7 @@
 
 #include "core/registry.h"
 #include "core/sample_array.h"
-#include "core/wave_format.h"
+#include "device/device_format.h"
 #include "tests/support/com_client.h"
 
 namespace marlinda::testing {
