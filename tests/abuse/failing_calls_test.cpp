@@ -130,8 +130,6 @@ bool InstallStandIns() {
   Replace<"ftell", kFile, -1>(&std::ftell);
   Replace<"SysAllocString", kMemory, 0>(&SysAllocString);
   Replace<"SysAllocStringLen", kMemory, 0>(&SysAllocStringLen);
-  Replace<"SafeArrayCreate", kMemory, 0>(&SafeArrayCreate);
-  Replace<"SafeArrayRedim", kMemory, E_OUTOFMEMORY>(&SafeArrayRedim);
   Replace<"SafeArrayAllocDescriptorEx", kMemory, E_OUTOFMEMORY>(&SafeArrayAllocDescriptorEx);
   Replace<"CreateThread", kMemory, 0>(&CreateThread);
   Heap::Install("malloc", Heap::malloc, &Heap::Malloc);

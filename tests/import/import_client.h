@@ -41,7 +41,7 @@ class ImportClient : public ::testing::Test {
     writer_->result = E_FAIL;
     writer_->on_write = [this](SAFEARRAY* array) {
       SAFEARRAYBOUND bound = {writer_->blocks % 2 == 0 ? 3U : 100000U, 7};
-      EXPECT_EQ(SafeArrayRedim(array, &bound), S_OK);
+      EXPECT_EQ(SafeArrayRedim(array, &bound), DISP_E_ARRAYISLOCKED);
     };
   }
   std::vector<std::wstring> MetaData() {

@@ -96,7 +96,7 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_EQ(merit, 200);
 }
 
-TEST_F(OggImport, AWriterMayFailAndChangeItsArray) {
+TEST_F(OggImport, AWriterMayFailAndCannotResizeItsArray) {
   HarmArrays();
   ASSERT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
   Run();
