@@ -1,5 +1,5 @@
-// GraphFilter: the base of the engine's own filters in a DirectShow graph. It implements the
-// interfaces of filters and pins; a user only names the formats it accepts and handles the data.
+// DirectShow graphs and the engine's own filters in them. GraphFilter implements the interfaces of
+// filters and pins; a user only names the formats it accepts and handles the data.
 #pragma once
 
 #include <windows.h>
@@ -229,5 +229,33 @@ class GraphFilter : public IBaseFilter {
 
   friend class GraphPin;
 };
+
+// A graph without a clock, so that its filters work as fast as they can.
+// Belongs to one thread, which is in an apartment.
+class FilterGraph {
+ public:
+  // Throws HResultError where the system has no filter graph.
+  FilterGraph();
+  FilterGraph(const FilterGraph&) = delete;
+  FilterGraph& operator=(const FilterGraph&) = delete;
+  // Stops the graph: filters must not be released while they run.
+  ~FilterGraph() { Stop(); }
+
+  IGraphBuilder* builder() const noexcept { return builder_.Get(); }
+  HRESULT Run();
+  void Stop() noexcept { control_->Stop(); }
+  // True once a filter has reported an error.
+  bool HasFailed();
+
+ private:
+  ComPtr<IGraphBuilder> builder_;
+  ComPtr<IMediaControl> control_;
+  ComPtr<IMediaEvent> events_;
+  bool has_failed_ = false;
+};
+
+// Calls `visit` with each pin of the filter until it returns true.
+void ForEachPin(IBaseFilter* filter, PIN_DIRECTION direction,
+                const std::function<bool(IPin*)>& visit);
 
 }  // namespace marlinda

@@ -32,30 +32,6 @@ using Connections = Enumerator<IEnumConnections, Connection, CONNECTDATA, GiveCo
 using Points =
     Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
-// The arguments of one call, freed after it. Each call gets its own: a sink that clears or replaces
-// one against the rules harms neither the next sink nor the caller's string.
-class CallArguments {
- public:
-  explicit CallArguments(const ConnectionPoint::Arguments& make) {
-    if (make) arguments_ = make();
-  }
-  ~CallArguments() {
-    for (VARIANTARG& argument : arguments_) VariantClear(&argument);
-  }
-  CallArguments(const CallArguments&) = delete;
-  CallArguments& operator=(const CallArguments&) = delete;
-
-  DISPPARAMS Params() noexcept {
-    DISPPARAMS params = {};
-    params.rgvarg = arguments_.data();
-    params.cArgs = static_cast<UINT>(arguments_.size());
-    return params;
-  }
-
- private:
-  std::vector<VARIANTARG> arguments_;
-};
-
 // Makes a failing sink's error information that of this thread.
 void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
   if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
@@ -71,8 +47,13 @@ void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
 
 HRESULT CallSink(IDispatch* sink, DISPID event, const ConnectionPoint::Arguments& make_arguments,
                  REFIID event_interface) {
-  CallArguments arguments(make_arguments);
-  DISPPARAMS params = arguments.Params();
+  // Each call gets arguments of its own: a sink that clears or replaces one against the rules harms
+  // neither the next sink nor the caller's string.
+  std::vector<VARIANTARG> arguments;
+  if (make_arguments) arguments = make_arguments();
+  DISPPARAMS params = {};
+  params.rgvarg = arguments.data();
+  params.cArgs = static_cast<UINT>(arguments.size());
   VARIANT result;
   VariantInit(&result);
   EXCEPINFO exception = {};
@@ -81,6 +62,7 @@ HRESULT CallSink(IDispatch* sink, DISPID event, const ConnectionPoint::Arguments
                                   &result, &exception, &argument_error);
   if (FAILED(hr)) InstallErrorInfo(exception, event_interface);
   VariantClear(&result);
+  for (VARIANTARG& argument : arguments) VariantClear(&argument);
   SysFreeString(exception.bstrSource);
   SysFreeString(exception.bstrDescription);
   SysFreeString(exception.bstrHelpFile);

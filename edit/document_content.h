@@ -10,7 +10,6 @@
 
 #include "core/com_ptr.h"
 #include "core/sample_array.h"
-#include "core/srw_lock.h"
 #include "edit/annotations.h"
 #include "edit/segment_list.h"
 
@@ -23,6 +22,23 @@ struct DocumentFormat {
   LONG samples_per_sec = 1;
   SHORT channels = 0;
   SHORT bits_per_sample = 16;
+};
+
+// A reader-writer lock of the system, for std::shared_lock and std::unique_lock: the standard's own
+// is much slower under mingw. Not recursive.
+class SrwLock {
+ public:
+  SrwLock() noexcept = default;
+  SrwLock(const SrwLock&) = delete;
+  SrwLock& operator=(const SrwLock&) = delete;
+
+  void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
+  void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }
+  void lock_shared() noexcept { AcquireSRWLockShared(&lock_); }
+  void unlock_shared() noexcept { ReleaseSRWLockShared(&lock_); }
+
+ private:
+  SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
 // The lock guards every other member but the scratch array. No method of a source, a sink or

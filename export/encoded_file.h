@@ -3,6 +3,7 @@
 
 #include <windows.h>
 // After windows.h.
+#include <dshow.h>
 #include <mmreg.h>
 
 #include <cstddef>
@@ -17,7 +18,7 @@ namespace marlinda {
 // No encoder of the system can make the file: there is none, or it refuses the format.
 class CodecError final : public HResultError {
  public:
-  CodecError() noexcept;
+  CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 };
 
 // Tags as the host gives them: both kinds of files hold characters beyond the code page. Empty
@@ -39,11 +40,24 @@ struct EncoderSettings {
 };
 
 // The encoders' input: interleaved 16-bit PCM.
-WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept;
+inline WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept {
+  constexpr WORD kBits = 16;
+  WAVEFORMATEX format = {};
+  format.wFormatTag = WAVE_FORMAT_PCM;
+  format.nChannels = static_cast<WORD>(settings.channels);
+  format.nSamplesPerSec = static_cast<DWORD>(settings.samples_per_sec);
+  format.wBitsPerSample = kBits;
+  format.nBlockAlign = static_cast<WORD>(format.nChannels * kBits / 8);
+  format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
+  return format;
+}
 
 // Whether bit rate `rate` serves better than `best`: the highest one up to `wanted` is best, and
 // otherwise the lowest.
-bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept;
+inline bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept {
+  if (rate <= wanted) return best > wanted || rate > best;
+  return best > wanted && rate < best;
+}
 
 // Belongs to one thread, from its creation to its end, which has entered an apartment.
 class EncodedFile {

@@ -9,7 +9,6 @@
 #include <functional>
 
 #include "core/com_ptr.h"
-#include "dshow/filter_graph.h"
 #include "dshow/graph_filter.h"
 
 namespace marlinda {

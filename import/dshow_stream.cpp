@@ -9,7 +9,6 @@
 #include "core/apartment.h"
 #include "core/com_ptr.h"
 #include "core/handle.h"
-#include "dshow/filter_graph.h"
 #include "import/audio_sink.h"
 
 namespace marlinda {
