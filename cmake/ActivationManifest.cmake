@@ -1,6 +1,7 @@
 # tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
 # without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
-# for it; Tessaly.dll must lie in the same folder, and Converter.dll where formats are to be converted.
+# for it; Tessaly.dll must lie in the same folder, Converter.dll where formats are to be converted, and
+# Mp3Encoder.dll where MP3 files are to be written.
 # Classes and identifiers come from the IDL. Part of the installed CMake package as well, where the IDL
 # lies with the headers.
 function(tessaly_activation_manifest target)
@@ -56,15 +57,17 @@ function(tessaly_activation_manifest target)
       "    </comClass>\n")
   endforeach()
 
-  # The format converter, which lies in a module of its own.
+  # The format converter and the MP3 encoder, which lie in modules of their own.
   cmake_path(GET idl PARENT_PATH folder)
   set(converter_idl ${folder}/converter.idl)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${converter_idl})
   file(READ ${converter_idl} text)
-  if(NOT text MATCHES "uuid\\(([-0-9A-Fa-f]+)\\)${blank}.${blank}coclass[ \t\r\n]+CFormatConverter")
-    message(FATAL_ERROR "CFormatConverter not found in ${converter_idl}")
-  endif()
-  set(converter_id ${CMAKE_MATCH_1})
+  foreach(name CFormatConverter CMp3Encoder)
+    if(NOT text MATCHES "uuid\\(([-0-9A-Fa-f]+)\\)${blank}.${blank}coclass[ \t\r\n]+${name}")
+      message(FATAL_ERROR "${name} not found in ${converter_idl}")
+    endif()
+    set(${name}_id ${CMAKE_MATCH_1})
+  endforeach()
 
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(architecture amd64)
@@ -87,7 +90,10 @@ function(tessaly_activation_manifest target)
     <typelib tlbid="{@library_id@}" version="1.0" resourceid="1" helpdir=""/>
 @classes@  </file>
   <file name="Converter.dll">
-    <comClass clsid="{@converter_id@}" threadingModel="Both" description="CFormatConverter Object"/>
+    <comClass clsid="{@CFormatConverter_id@}" threadingModel="Both" description="CFormatConverter Object"/>
+  </file>
+  <file name="Mp3Encoder.dll">
+    <comClass clsid="{@CMp3Encoder_id@}" threadingModel="Both" description="CMp3Encoder Object"/>
   </file>
 @proxies@</assembly>
 ]]

@@ -233,7 +233,7 @@ STDMETHODIMP InputPin::ReceiveMultiple(IMediaSample** samples, long count, long*
 // OutputPin
 
 bool OutputPin::Accepts(const AudioType& type) const {
-  return std::ranges::any_of(types_, [&](const AudioType& own) {
+  return std::ranges::any_of(Types(), [&](const AudioType& own) {
     return own.format()->wFormatTag == type.format()->wFormatTag &&
            own.format()->nSamplesPerSec == type.format()->nSamplesPerSec &&
            own.format()->nChannels == type.format()->nChannels;

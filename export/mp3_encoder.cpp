@@ -1,5 +1,6 @@
 #include "export/mp3_encoder.h"
 
+#include <converter.h>
 #include <oleauto.h>
 
 #include <algorithm>
@@ -46,9 +47,8 @@ bool OffersMp3(IBaseFilter* filter) {
   return found;
 }
 
-}  // namespace
-
-void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
+// Those that are registered as audio compressors. True when `visit` has taken one.
+bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   ComPtr<ICreateDevEnum> devices;
   ComPtr<IEnumMoniker> monikers;
   if (FAILED(CoCreateInstance(CLSID_SystemDeviceEnum, nullptr, CLSCTX_INPROC_SERVER,
@@ -56,7 +56,7 @@ void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
                               reinterpret_cast<void**>(devices.GetAddressOf()))) ||
       devices->CreateClassEnumerator(CLSID_AudioCompressorCategory, monikers.GetAddressOf(), 0) !=
           S_OK) {
-    return;  // S_FALSE is an empty category
+    return false;  // S_FALSE is an empty category
   }
   ComPtr<IMoniker> moniker;
   while (monikers->Next(1, moniker.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
@@ -66,8 +66,18 @@ void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
       continue;
     }
     if (!IsListedAsMp3(moniker.Get()) && !OffersMp3(filter.Get())) continue;
-    if (visit(filter.Get())) return;
+    if (visit(filter.Get())) return true;
   }
+  return false;
+}
+
+}  // namespace
+
+void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
+  if (ForEachListedMp3Encoder(visit)) return;
+  // Ours may be there without registration, by the manifest of a program.
+  ComPtr<IBaseFilter> ours;
+  if (SUCCEEDED(CreateInstance(CLSID_CMp3Encoder, ours))) visit(ours.Get());
 }
 
 ComPtr<IBaseFilter> CreateMp3Encoder() {

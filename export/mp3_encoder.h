@@ -14,7 +14,7 @@
 namespace marlinda {
 
 // Calls `visit` with a fresh filter of each encoder that puts out MPEG Layer 3, in the system's
-// order, until it returns true.
+// order and then ours, until it returns true.
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit);
 
 // The first of them; null when there is none.

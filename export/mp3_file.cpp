@@ -67,6 +67,68 @@ void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   config->SetFormat(&type);
 }
 
+// The end of the graph. As a file writer it offers IStream, through which an encoder can change the
+// beginning of what it has delivered.
+class FilePin final : public InputPin, private IStream {
+ public:
+  FilePin(GraphFilter& filter, Purpose purpose) : InputPin(filter, std::move(purpose)) {}
+
+  void SetFile(HANDLE file) {
+    file_ = file;
+    Check(Move({}, FILE_CURRENT, &begin_));
+  }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    return InputPin::QueryInterface(iid, object);
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return InputPin::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return InputPin::Release(); }
+
+ private:
+  IUnknown* Extra(REFIID iid) noexcept override {
+    return IsEqualIID(iid, IID_IStream) ? static_cast<IStream*>(this) : InputPin::Extra(iid);
+  }
+
+  HRESULT Move(LARGE_INTEGER distance, DWORD origin, LARGE_INTEGER* position) const {
+    return SetFilePointerEx(file_, distance, position, origin) ? S_OK : LastErrorResult();
+  }
+
+  // Positions count from where the tag at the beginning of the file ends.
+  STDMETHODIMP Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) override {
+    if (origin > STREAM_SEEK_END) return STG_E_INVALIDFUNCTION;
+    if (origin == STREAM_SEEK_SET) distance.QuadPart += begin_.QuadPart;
+    LARGE_INTEGER reached = {};
+    const HRESULT hr = Move(distance, origin, &reached);
+    if (position != nullptr) {
+      position->QuadPart = static_cast<ULONGLONG>(reached.QuadPart - begin_.QuadPart);
+    }
+    return hr;
+  }
+  STDMETHODIMP Write(const void* bytes, ULONG size, ULONG* written) override {
+    if (bytes == nullptr) return STG_E_INVALIDPOINTER;
+    if (written != nullptr) *written = 0;
+    if (!WriteToFile(file_, std::span(static_cast<const std::byte*>(bytes), size))) {
+      return LastErrorResult();
+    }
+    if (written != nullptr) *written = size;
+    return S_OK;
+  }
+  STDMETHODIMP Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
+  STDMETHODIMP SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
+  STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP Commit(DWORD) override { return S_OK; }
+  STDMETHODIMP Revert() override { return E_NOTIMPL; }
+  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
+
+  HANDLE file_ = INVALID_HANDLE_VALUE;
+  LARGE_INTEGER begin_ = {};
+};
+
 class Mp3File final : public EncodedFile {
  public:
   explicit Mp3File(const EncoderSettings& settings)
@@ -83,6 +145,7 @@ class Mp3File final : public EncodedFile {
     if (!file) throw HResultError(LastErrorResult());
     file_ = std::move(file);
     Write(Render<TagLib::ID3v2::Tag>(settings.tags, TagLib::ID3v2::v3));
+    sink_->SetFile(file_.get());
   }
 
   void Write(std::span<const std::byte> pcm) override {
@@ -109,7 +172,7 @@ class Mp3File final : public EncodedFile {
     source_ =
         &source->AddPin<OutputPin>(std::vector{AudioType(PcmFormatOf(settings_))}, kBufferBytes);
     const auto sink = GraphFilter::Make();
-    sink_ = &sink->AddPin<InputPin>(InputPin::Purpose{
+    sink_ = &sink->AddPin<FilePin>(InputPin::Purpose{
         [](const WAVEFORMATEX& format) { return format.wFormatTag == WAVE_FORMAT_MPEGLAYER3; },
         [this](std::span<const std::byte> bytes) { return Store(bytes); },
         [this] {
@@ -161,7 +224,7 @@ class Mp3File final : public EncodedFile {
   std::atomic<HRESULT> failure_{S_OK};
   REFERENCE_TIME position_ = 0;
   OutputPin* source_ = nullptr;
-  InputPin* sink_ = nullptr;
+  FilePin* sink_ = nullptr;
   // Holds the filters, and they their pins. The last member: it stops before its sink's file goes,
   // also when the constructor throws.
   FilterGraph graph_;

@@ -298,25 +298,30 @@ ImportedAudio Source::Import(const Console& console) {
   return audio;
 }
 
-WaveExport::WaveExport(const std::string& file, const std::vector<std::string>& inputs)
-    : file_(file),
-      filter_(CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter")) {
-  VARIANT_BOOL supported = VARIANT_FALSE;
-  Check(filter_->QuerySupportsExtension(Bstr(ExtensionOf(file)).get(), &supported));
-  if (supported == VARIANT_FALSE) {
-    throw HostError(ExitStatus::kUsage, file, "only WAV files can be written",
-                    "Choose a name that ends in .wav.");
+FileExport::FileExport(const std::string& file, const std::vector<std::string>& inputs)
+    : file_(file) {
+  for (const auto& [id, name] : {std::pair{CLSID_CWavExportFilter, "CWavExportFilter"},
+                                 std::pair{CLSID_CDShowExport, "CDShowExport"}}) {
+    filter_ = CreateObject<IExportFilter>(id, name);
+    is_wave_ = IsEqualCLSID(id, CLSID_CWavExportFilter);
+    VARIANT_BOOL supported = VARIANT_FALSE;
+    Check(filter_->QuerySupportsExtension(Bstr(ExtensionOf(file)).get(), &supported));
+    if (supported != VARIANT_FALSE) {
+      RequireWritablePlace(file, inputs);
+      return;
+    }
   }
-  RequireWritablePlace(file, inputs);
+  throw HostError(ExitStatus::kUsage, file, "files of this kind cannot be written",
+                  "Choose a name that ends in .wav, .mp3 or .wma.");
 }
 
-WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& console,
+WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& console,
                               ICoreTask* driver) {
   AudioFormat format;
   __int64 frames = 0;
   Check(reader->GetFormat(&format.rate, &format.channels));
   Check(reader->GetSampleCount(&frames));
-  if (!FitsWaveFile(frames, format.channels, bits)) {
+  if (is_wave_ && !FitsWaveFile(frames, format.channels, bits)) {
     throw HostError(ExitStatus::kOutput, file_,
                     "a WAV file holds at most 4 GiB, and this needs more",
                     "Choose fewer bits, or cut the audio into several files.");
@@ -329,7 +334,7 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
 
   const Console::Finishing finishing;
   const OpenReader open(reader);
-  const ComPtr<IAudioReader> source = bits > 16 ? ClampSamples(reader) : reader;
+  const ComPtr<IAudioReader> source = is_wave_ && bits > 16 ? ClampSamples(reader) : reader;
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), source.Get());
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
@@ -338,11 +343,12 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
   const bool finished = RunTask(driver != nullptr ? driver : own_task.Get(), "Writing", console);
 
   const std::optional<WaveFileFacts> facts = Examine();
-  if (finished && facts && HoldsFrames(*facts, frames)) return *facts;
+  if (finished && facts && (!is_wave_ || HoldsFrames(*facts, frames))) return *facts;
   if (!finished && facts) {
+    const std::string part =
+        is_wave_ ? FormatDuration(facts->data_bytes / facts->block_align, format.rate) : "part";
     throw HostError(ExitStatus::kInterrupted, file_,
-                    "interrupted; the file is valid and holds the first " +
-                        FormatDuration(facts->data_bytes / facts->block_align, format.rate));
+                    "interrupted; the file is valid and holds the first " + part);
   }
   std::error_code ignored;
   std::filesystem::remove(PathOf(file_), ignored);
@@ -354,11 +360,12 @@ WaveFileFacts WaveExport::Run(IAudioReader* reader, int bits, const Console& con
                   "The disk may be full: free some space there, or choose another disk.");
 }
 
-void WaveExport::HandOver() {
+void FileExport::HandOver() {
   Check(Query<IMetaDataWriter>(filter_.Get())
             ->SetMetaData(Bstr(tags_.title).get(), Bstr(tags_.artist).get(),
                           Bstr(tags_.album).get(), Bstr(tags_.year).get(),
                           Bstr(tags_.genre).get()));
+  if (!is_wave_) return;
   AddAnnotations(filter_.Get(), annotations_);
   if (acid_) {
     Check(Query<IAcidWriter>(filter_.Get())
@@ -367,7 +374,14 @@ void WaveExport::HandOver() {
   }
 }
 
-std::optional<WaveFileFacts> WaveExport::Examine() const {
+std::optional<WaveFileFacts> FileExport::Examine() const {
+  if (!is_wave_) {
+    // The filter removes a file that it could not write whole.
+    std::error_code error;
+    const auto bytes = std::filesystem::file_size(PathOf(file_), error);
+    if (error) return std::nullopt;
+    return WaveFileFacts{.bytes = static_cast<std::int64_t>(bytes)};
+  }
   std::ifstream file(PathOf(file_), std::ios::binary);
   return ExamineWaveFile(file);
 }

@@ -144,12 +144,13 @@ class Source {
   ComPtr<IAudioPool> pool_;
 };
 
-// One WAV file to be written.
-class WaveExport {
+// One file to be written: WAV or, by its extension, MP3 or WMA, which take the texts but neither
+// labels nor markers.
+class FileExport {
  public:
   // Refuses at once what could not be written after a long import: another extension, a folder that
   // does not exist, one of the inputs itself.
-  WaveExport(const std::string& file, const std::vector<std::string>& inputs);
+  FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
   // Texts beside the audio; to be set before Run.
   void SetTags(const Tags& tags) { tags_ = tags; }
@@ -158,7 +159,8 @@ class WaveExport {
 
   // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
   // file of the part that was written; a file that is incomplete for another reason is removed.
-  // At 24 and 32 bits samples of full scale and above become the highest code. `driver` is the task
+  // At 24 and 32 bits samples of full scale and above become the highest code. `bits` count for WAV
+  // alone; the result for other kinds has no more than the size of the file. `driver` is the task
   // that runs the export filter's; without one the filter runs by itself.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr);
@@ -171,6 +173,7 @@ class WaveExport {
 
   std::string file_;
   ComPtr<IExportFilter> filter_;
+  bool is_wave_ = true;
   Tags tags_;
   Annotations annotations_;
   std::optional<AcidData> acid_;

@@ -11,7 +11,7 @@ namespace marlinda {
 struct WaveFileFacts {
   std::int64_t bytes = 0;       // of the whole file
   std::int64_t data_bytes = 0;  // of the data chunk, its padding included
-  int block_align = 0;          // bytes per frame
+  int block_align = 0;          // bytes per frame; 0 of a compressed file
 };
 
 // What the file says about itself; nothing unless its chunks fill it exactly, with a format and a

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Builds the modules and the command-line program:
-#   build/x64/Tessaly.dll  build/x64/Converter.dll  build/x64/marlinda.exe
-#   build/x86/Tessaly.dll  build/x86/Converter.dll
+#   build/x64/Tessaly.dll  build/x64/Converter.dll  build/x64/Mp3Encoder.dll  build/x64/marlinda.exe
+#   build/x86/Tessaly.dll  build/x86/Converter.dll  build/x86/Mp3Encoder.dll
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build
-compile x64 Tessaly Converter InterfacePicker marlinda
-compile x86 Tessaly Converter
-for product in x64/Tessaly.dll x64/Converter.dll x64/marlinda.exe x86/Tessaly.dll x86/Converter.dll; do
+compile x64 Tessaly Converter Mp3Encoder InterfacePicker marlinda
+compile x86 Tessaly Converter Mp3Encoder
+for product in x{64,86}/{Tessaly,Converter,Mp3Encoder}.dll x64/marlinda.exe; do
   [[ -s $root/build/$product ]] || die "the build left no build/$product"
 done

@@ -25,7 +25,7 @@ lay_out() {
     library=${stamp##*.built-}
     [[ $library == benchmark ]] && continue
     place=$root/build/deps/src/$library
-    cp "$(find "$place" -maxdepth 1 \( -name 'COPYING*' -o -name 'LICEN[CS]E*' \) | sort | tail -n 1)" \
+    cp "$(find "$place" -maxdepth 1 -name 'COPYING*' | sort | tail -n 1)" \
       "$folder/licences/$library.txt" || return
   done
   for library in libcli11-dev nlohmann-json3-dev libstb-dev mingw-w64-x86-64-dev \

@@ -1,5 +1,5 @@
-// "marlinda convert": a whole file as WAV, with its tags, labels, markers and loop data, and in
-// another sample rate or number of channels if asked.
+// "marlinda convert": a whole file as WAV or MP3, with its tags, labels, markers and loop data, and
+// in another sample rate or number of channels if asked.
 #include "host/commands/commands.h"
 
 #include "host/commands/shared.h"
@@ -23,7 +23,7 @@ struct ConvertOptions {
 };
 
 // Everything but the audio.
-void CopyTexts(const Source& source, const Annotations& annotations, WaveExport& wave) {
+void CopyTexts(const Source& source, const Annotations& annotations, FileExport& wave) {
   wave.SetTags(source.ReadTags());
   wave.SetAnnotations(annotations);
   if (const auto acid = source.ReadAcidData()) wave.SetAcidData(*acid);
@@ -50,7 +50,7 @@ class Connector {
 
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
-  WaveExport wave(options.output, {options.input});
+  FileExport wave(options.output, {options.input});
   const int bits = OutputBits(options.bits, source);
   // Into a pool even where the format changes: the connector needs the length in advance, and a
   // filter may only estimate it.
@@ -86,7 +86,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
 
 void AddConvert(CLI::App& app, Console& console) {
   const auto options = std::make_shared<ConvertOptions>();
-  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV", kConvertHelp,
+  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV or MP3", kConvertHelp,
                                  [options, &console] { Convert(*options, console); });
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);

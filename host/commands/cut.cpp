@@ -75,7 +75,7 @@ void Cut(const CutOptions& options, const Console& console) {
   }
   const auto [inputs, output] = SplitFiles("cut", options.files);
   JoinedSource source(inputs);
-  WaveExport wave(output, inputs);
+  FileExport wave(output, inputs);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, inputs);
   const ImportedAudio audio = source.Import({}, {}, console);

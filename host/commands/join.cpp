@@ -24,7 +24,7 @@ struct JoinOptions {
 void Join(const JoinOptions& options, const Console& console) {
   const auto [inputs, output] = SplitFiles("join", options.files);
   JoinedSource source(inputs);
-  WaveExport wave(output, inputs);
+  FileExport wave(output, inputs);
   const ImportedAudio audio = source.Import(options.rate, options.channels, console);
   wave.SetTags(source.first().ReadTags());
   wave.SetAnnotations(source.annotations());

@@ -185,14 +185,14 @@ struct SavedTake {
 // be had a second time.
 SavedTake Save(IAudioReader* take, const RecordOptions& options, const Console& console) {
   try {
-    return {options.output, WaveExport(options.output, {}).Run(take, options.bits, console)};
+    return {options.output, FileExport(options.output, {}).Run(take, options.bits, console)};
   } catch (const HostError& error) {
     if (error.status() != ExitStatus::kOutput) throw;
     const std::string spare = Narrow((std::filesystem::temp_directory_path() /
                                       ("take-" + std::to_string(GetCurrentProcessId()) + ".wav"))
                                          .wstring());
     console.Tell(error.what());
-    WaveExport(spare, {}).Run(take, options.bits, console);
+    FileExport(spare, {}).Run(take, options.bits, console);
     throw HostError(error.status(), options.output, "the take was saved as " + spare + " instead");
   }
 }
@@ -210,7 +210,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
     throw UsageError("record", "a WAV file holds at most 4 GiB, and this needs more");
   }
   // Every reason that the take could not be written for is found before it is made.
-  static_cast<void>(WaveExport(options.output, {}));
+  static_cast<void>(FileExport(options.output, {}));
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
   const auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");

@@ -35,7 +35,9 @@ void AddProgress(CLI::App* command, Console& console) {
 }
 
 CLI::Option* AddOutput(CLI::App* command, std::string& output) {
-  return command->add_option("OUT.wav", output, "WAV file to write; an existing one is replaced")
+  return command
+      ->add_option("OUT.wav", output,
+                   "File to write: .wav, .mp3 or .wma; an existing one is replaced")
       ->required();
 }
 
@@ -101,13 +103,15 @@ std::string DescribeFile(const std::string& file, std::int64_t frames, const Aud
                          int bits) {
   return file + ": " + FormatDuration(frames, format.rate) + ", " + std::to_string(frames) +
          " frames, " + std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels) +
-         ", " + std::to_string(bits) + " bits\n";
+         (bits > 0 ? ", " + std::to_string(bits) + " bits\n" : "\n");
 }
 
 void PrintSummary(const WrittenFile& written, bool json, const Console& console) {
   const AudioFormat& format = written.format;
+  // Compressed files have no bits per sample.
+  const int bits = written.facts.block_align > 0 ? written.bits : 0;
   if (!json) {
-    console.Print(DescribeFile(written.output, written.frames, format, written.bits));
+    console.Print(DescribeFile(written.output, written.frames, format, bits));
     return;
   }
   console.Print(Serialize({{"input", written.inputs.front()},
@@ -116,7 +120,7 @@ void PrintSummary(const WrittenFile& written, bool json, const Console& console)
                            {"output", written.output},
                            {"sample_rate", format.rate},
                            {"channels", format.channels},
-                           {"bits_per_sample", written.bits},
+                           {"bits_per_sample", bits > 0 ? Json(bits) : Json(nullptr)},
                            {"frames", written.frames},
                            {"duration_seconds", static_cast<double>(written.frames) / format.rate},
                            {"bytes", written.facts.bytes},

@@ -79,7 +79,8 @@ struct WrittenFile {
 };
 
 void PrintSummary(const WrittenFile& written, bool json, const Console& console);
-// "out.wav: 0:00:01.000, 44100 frames, 44100 Hz, 2 channels, 16 bits" and the end of the line.
+// "out.wav: 0:00:01.000, 44100 frames, 44100 Hz, 2 channels, 16 bits" and the end of the line;
+// without bits where they are 0.
 std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
                          int bits);
 

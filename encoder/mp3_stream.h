@@ -1,0 +1,62 @@
+// Mp3Stream: 16-bit PCM in, MPEG audio layer 3 of a constant bit rate out, by LAME.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <vector>
+
+struct lame_global_struct;
+
+namespace marlinda {
+
+struct Mp3Format {
+  int samples_per_sec = 0;
+  int channels = 0;
+  int bit_rate_kbit = 0;
+
+  bool operator==(const Mp3Format&) const = default;
+};
+
+// The formats of a rate and a channel count, by ascending bit rate: MPEG 1, 2 and 2.5 (ISO/IEC
+// 11172-3, 13818-3). Empty for a rate or a count that they do not have.
+std::vector<Mp3Format> Mp3Formats(int samples_per_sec, int channels);
+
+// The rates that have formats.
+std::span<const int> Mp3Rates() noexcept;
+
+// The level is that of the input, at every bit rate.
+class Mp3Stream {
+ public:
+  // `format` is one of Mp3Formats. With an information frame the stream begins with a frame of
+  // silence, whose place InfoFrame takes in the end. Throws std::bad_alloc.
+  Mp3Stream(const Mp3Format& format, bool has_info_frame);
+  Mp3Stream(const Mp3Stream&) = delete;
+  Mp3Stream& operator=(const Mp3Stream&) = delete;
+  ~Mp3Stream();
+
+  // Takes whole interleaved frames. Returns the bytes that have become ready, valid until the next
+  // call. Throws std::runtime_error.
+  std::span<const std::byte> Encode(std::span<const std::byte> pcm);
+  // The last bytes. Nothing is encoded after it.
+  std::span<const std::byte> Finish();
+  // After Finish: the frame with the length, the delay and the padding, of the size of the first
+  // one. Empty without an information frame.
+  std::span<const std::byte> InfoFrame();
+
+ private:
+  struct Close {
+    void operator()(lame_global_struct* encoder) const noexcept;
+  };
+  using Encoder = std::unique_ptr<lame_global_struct, Close>;
+
+  static Encoder Open(const Mp3Format& format, bool has_info_frame, float scale);
+
+  std::span<const std::byte> Ready(int bytes) const;
+
+  const int channels_;
+  Encoder encoder_;
+  std::vector<std::byte> ready_;
+};
+
+}  // namespace marlinda
