@@ -71,7 +71,7 @@ fi
 
 # The libraries are needed for the machine's own kernels only where those are built.
 targets=()
-libraries=(libogg libvorbis libsamplerate taglib mpg123 lame)
+libraries=(libogg libvorbis libsamplerate taglib mpg123 lame flac)
 for group in "${groups[@]}"; do
   [[ $group == fuzz ]] || targets+=(x64 x86)
   [[ $group == build || $group == demo || $group == package ]] || targets+=(native)

@@ -29,7 +29,7 @@ SETUP, = PACKAGES.glob("tessaly-*-setup.exe")
 ENVIRONMENT = dict(os.environ, PULSE_SERVER="unix:/nowhere/native", LC_ALL="C.UTF-8", TESSALY_WINE_PREFIX=str(PREFIX),
                    TESSALY_WINE_BITS="both" if BOTH else "64")
 FOLDERS = {"x64": 64, "x86": 32}
-PROGRAMS = {"Tessaly.dll", "Converter.dll", "Mp3Encoder.dll", "InterfacePicker.dll", "marlinda.exe", "marlinda-editor.exe"}
+PROGRAMS = {"Tessaly.dll", "Converter.dll", "Mp3Encoder.dll", "FlacImport.dll", "InterfacePicker.dll", "marlinda.exe", "marlinda-editor.exe"}
 # All of these are part of every Windows since 7.
 SYSTEM_LIBRARIES = {f"{name}.dll" for name in (
     "advapi32 comctl32 comdlg32 gdi32 kernel32 msvcrt ole32 oleaut32 shell32 shlwapi user32 version winmm").split()}
