@@ -19,9 +19,16 @@ CodecMemory::Use::~Use() { ThreadSlot<CodecMemory>::Set(outer_); }
 CodecMemory::~CodecMemory() {
   for (Block* block = blocks_.next; block != &blocks_;) {
     Block* const next = block->next;
+    whole_->held_ -= block->size;
     std::free(block);
     block = next;
   }
+}
+
+bool CodecMemory::Take(std::size_t bytes) noexcept {
+  if (whole_->held_.fetch_add(bytes) + bytes <= kMaxBytes) return true;
+  whole_->held_ -= bytes;
+  return false;
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
@@ -31,18 +38,22 @@ void* CodecMemory::Resize(void* contents, std::size_t size) {
   CodecMemory* const owner = old != nullptr ? old->owner : ThreadSlot<CodecMemory>::Get();
   const bool alone = old == nullptr || old->next == old;
   const std::size_t old_size = old != nullptr ? old->size : 0;
-  const std::size_t most = owner != nullptr ? kMaxBytes - owner->held_ + old_size
-                                            : std::numeric_limits<std::size_t>::max();
+  const std::size_t most = owner != nullptr
+                               ? kMaxBytes - std::min(owner->held(), kMaxBytes) + old_size
+                               : std::numeric_limits<std::size_t>::max();
   if (size > most - std::min(most, sizeof(Block))) throw std::bad_alloc();
   std::size_t wanted = sizeof(Block) + size;
   if (wanted <= old_size) return contents;
   if (old != nullptr) wanted = std::max(wanted, std::min(most, old_size + old_size / 2));
+  if (owner != nullptr && !owner->Take(wanted - old_size)) throw std::bad_alloc();
   auto* const block = static_cast<Block*>(std::realloc(old, wanted));
-  if (block == nullptr) throw std::bad_alloc();
+  if (block == nullptr) {
+    if (owner != nullptr) owner->whole_->held_ -= wanted - old_size;
+    throw std::bad_alloc();
+  }
   if (alone) new (block) Block;
   block->owner = owner;
   block->size = wanted;
-  if (owner != nullptr) owner->held_ += wanted - old_size;
   if (old == nullptr && owner != nullptr) {
     block->previous = owner->blocks_.previous;
     block->next = &owner->blocks_;
@@ -55,7 +66,7 @@ void* CodecMemory::Resize(void* contents, std::size_t size) {
 void CodecMemory::Free(void* contents) noexcept {
   if (contents == nullptr) return;
   Block* const block = static_cast<Block*>(contents) - 1;
-  if (block->owner != nullptr) block->owner->held_ -= block->size;
+  if (block->owner != nullptr) block->owner->whole_->held_ -= block->size;
   block->previous->next = block->next;
   block->next->previous = block->previous;
   std::free(block);

@@ -6,13 +6,15 @@
 // library built otherwise has its own heap, without this protection.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 namespace marlinda {
 
+// One thread at a time uses an owner; parts of a whole have threads of their own.
 class CodecMemory {
  public:
-  // What the blocks of one owner take at most, in bytes.
+  // What the blocks of a whole take at most, in bytes.
   static constexpr std::size_t kMaxBytes = std::size_t{128} << 20;
 
   // Until its end, blocks that the library allocates on this thread belong to `memory`. Blocks
@@ -29,10 +31,15 @@ class CodecMemory {
   };
 
   CodecMemory() = default;
+  // A part of `whole`, which outlives it: their blocks are counted together.
+  explicit CodecMemory(CodecMemory* whole) : whole_(whole) {}
   CodecMemory(const CodecMemory&) = delete;
   CodecMemory& operator=(const CodecMemory&) = delete;
   // Frees the blocks that the library has not freed: some of damaged files, all after an exception.
   ~CodecMemory();
+
+  // Bytes of the blocks of a whole.
+  std::size_t held() const noexcept { return whole_->held_; }
 
   // The library's malloc and realloc: `contents` may be null, and stay as they are when it throws.
   // A block that grows gets room to grow further: the library asks for a page more each time.
@@ -49,8 +56,12 @@ class CodecMemory {
     std::size_t size = sizeof(Block);  // with the contents and the room behind them
   };
 
+  // False, and nothing taken, beyond the bound.
+  bool Take(std::size_t bytes) noexcept;
+
   Block blocks_;
-  std::size_t held_ = 0;
+  CodecMemory* const whole_ = this;
+  std::atomic<std::size_t> held_{0};
 };
 
 }  // namespace marlinda
