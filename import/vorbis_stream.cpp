@@ -1,9 +1,5 @@
 #include "import/vorbis_stream.h"
 
-// Leaves out unused tables of callbacks.
-#define OV_EXCLUDE_STATIC_CALLBACKS
-#include <vorbis/vorbisfile.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <limits>
@@ -12,6 +8,7 @@
 
 #include "import/codec_memory.h"
 #include "import/vorbis_samples.h"
+#include "import/vorbis_workers.h"
 
 namespace marlinda {
 
@@ -118,16 +115,17 @@ bool FitsAFormat(const vorbis_info* info) noexcept {
 
 }  // namespace
 
-std::unique_ptr<VorbisStream> VorbisStream::Open(FilePointer file) {
+std::unique_ptr<VorbisStream> VorbisStream::Open(FilePointer file, unsigned threads) {
   if (file == nullptr) return nullptr;
   auto decoder = std::make_unique<Decoder>(std::move(file));
   if (decoder->Open() != 0) return nullptr;
   if (!FitsAFormat(ov_info(&decoder->file, -1))) return nullptr;
   decoder->comments = ov_comment(&decoder->file, -1);
-  return std::unique_ptr<VorbisStream>(new VorbisStream(std::move(decoder)));
+  return std::unique_ptr<VorbisStream>(new VorbisStream(std::move(decoder), threads));
 }
 
-VorbisStream::VorbisStream(std::unique_ptr<Decoder> decoder) : decoder_(std::move(decoder)) {
+VorbisStream::VorbisStream(std::unique_ptr<Decoder> decoder, unsigned threads)
+    : decoder_(std::move(decoder)), threads_(threads) {
   OggVorbis_File* const file = &decoder_->file;
   const vorbis_info* const info = ov_info(file, -1);
   samples_per_sec_ = static_cast<std::int32_t>(info->rate);
@@ -169,22 +167,52 @@ void VorbisStream::Prepare() {
   }) < 0;
 }
 
-// The library's own 16-bit decoding converts the same floats in the same blocks, but more slowly.
 std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
+  if (ended_) return 0;
+  ended_ = true;
+  std::size_t samples = workers_ != nullptr ? ReadFromWorkers(buffer) : 0;
+  // The workers are gone where the library goes on.
+  if (samples == 0 && workers_ == nullptr) samples = ReadFromLibrary(buffer);
+  ended_ = samples == 0;
+  return samples;
+}
+
+// 0 at the end of what the workers decode. There are no workers any more where the library goes on.
+std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
+  if (decoder_->whole) {
+    try {
+      decoder_->Call([this](OggVorbis_File*) {
+        workers_->Fill();
+        return 0;
+      });
+    } catch (const std::bad_alloc&) {
+      // Blocks before the failure are still delivered.
+    }
+  }
+  const bool whole = std::exchange(decoder_->whole, false);
+  const std::size_t samples = workers_->Read(buffer);
+  decoder_->whole = whole;
+  if (samples > 0) return samples;
+  if (!whole) throw std::bad_alloc();
+  if (decoder_->Call([this](OggVorbis_File*) { return workers_->HandBack(); })) workers_.reset();
+  return 0;
+}
+
+// The library's own 16-bit decoding converts the same floats in the same blocks, but more slowly.
+std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);
   const auto room = static_cast<int>(std::min(buffer.size() / channels, kMaxFrames));
   OggVorbis_File* const file = &decoder_->file;
   float** planes = nullptr;
   int link = 0;
-  if (ended_) return 0;
-  ended_ = true;
   const long frames = decoder_->Call(
       [&](OggVorbis_File* state) { return ov_read_float(state, &planes, room, &link); });
   const vorbis_info* const info = ov_info(file, -1);
-  ended_ = frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
-           info->channels != channels_;
-  if (ended_) return 0;
+  if (frames <= 0 || info == nullptr || info->rate != samples_per_sec_ ||
+      info->channels != channels_) {
+    return 0;
+  }
   if (const int before = std::exchange(link_, link); before != link && before > 0) {
     // The library keeps the tables of every link that it has decoded. It needs the first one's.
     decoder_->Call([before](OggVorbis_File* state) {
@@ -193,6 +221,10 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
     });
   }
   PackVorbisFrames(planes, channels, static_cast<std::size_t>(frames), buffer.data());
+  if (threads_ > 1 && workers_link_ != link && VorbisWorkers::CanStart(*file)) {
+    workers_link_ = link;
+    workers_ = VorbisWorkers::Start(*file, decoder_->memory, threads_);
+  }
   return static_cast<std::size_t>(frames) * channels;
 }
 

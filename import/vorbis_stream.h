@@ -8,6 +8,7 @@
 #include <memory>
 #include <span>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "core/records.h"
@@ -17,6 +18,8 @@ namespace marlinda {
 struct CloseFile {
   void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
+class VorbisWorkers;
+
 using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 
 class VorbisStream {
@@ -24,7 +27,9 @@ class VorbisStream {
   // Takes the file over, which is open for binary reading. Null, and the file closed, when it is
   // not an Ogg Vorbis file, or a chain of more than 1000 links. std::bad_alloc, and the file
   // closed, when there is not enough memory; a decoder gets CodecMemory::kMaxBytes at most.
-  static std::unique_ptr<VorbisStream> Open(FilePointer file);
+  // Decodes on `threads` threads of its own, a few at most. With one, Read decodes itself.
+  static std::unique_ptr<VorbisStream> Open(FilePointer file,
+                                            unsigned threads = std::thread::hardware_concurrency());
 
   VorbisStream(const VorbisStream&) = delete;
   VorbisStream& operator=(const VorbisStream&) = delete;
@@ -65,9 +70,14 @@ class VorbisStream {
  private:
   struct Decoder;
 
-  explicit VorbisStream(std::unique_ptr<Decoder> decoder);
+  VorbisStream(std::unique_ptr<Decoder> decoder, unsigned threads);
+  std::size_t ReadFromWorkers(std::span<std::int16_t> buffer);
+  std::size_t ReadFromLibrary(std::span<std::int16_t> buffer);
 
   std::unique_ptr<Decoder> decoder_;
+  const unsigned threads_;
+  std::unique_ptr<VorbisWorkers> workers_;
+  int workers_link_ = -1;  // the latest that had workers
   std::int32_t samples_per_sec_ = 0;
   std::int16_t channels_ = 0;
   std::int64_t total_frames_ = 0;

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <new>
 #include <thread>
@@ -19,10 +20,13 @@ void* marlinda_codec_realloc(void* contents, std::size_t size);
 void marlinda_codec_free(void* contents);
 void* __real_realloc(void* block, std::size_t size);
 
-static long requests = 0;
-static long refused = 0;  // the number of one request; 0 for none
+static std::atomic<long> requests = 0;
+static std::atomic<long> requests_elsewhere = 0;  // on other threads than the test's
+static std::atomic<long> refused = 0;             // the number of one request; 0 for none
 
 void* __wrap_realloc(void* block, std::size_t size) {
+  static const std::thread::id tests = std::this_thread::get_id();
+  requests_elsewhere += std::this_thread::get_id() != tests;
   return ++requests == refused ? nullptr : __real_realloc(block, size);
 }
 }
@@ -30,27 +34,27 @@ void* __wrap_realloc(void* block, std::size_t size) {
 namespace marlinda::testing {
 namespace {
 
-// What is lost, a leak checker sees.
-TEST(CodecMemory, ThatIsRefusedEndsAFileAndHarmsNothing) {
-  const TemporaryOgg chain(Chained("stereo.ogg", "other.ogg"));
-  const std::vector<std::int16_t> whole = DecodeWithLibrary(chain.path()).samples;
+// Reads the file on so many threads while one request fails, of as many the next time. What is
+// lost, a leak checker sees.
+void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
+  const std::vector<std::int16_t> whole = DecodeWithLibrary(path).samples;
   long while_reading = 0;
   long n = 0;
-  for (bool ended = false; !ended; ++n) {
+  for (bool ended = false; !ended; n += threads) {
     SCOPED_TRACE(n);
     std::unique_ptr<VorbisStream> stream;
     std::vector<std::int16_t> samples, block(16384);
     requests = 0;
     refused = n;
     try {
-      stream = VorbisStream::Open(FilePointer(std::fopen(chain.path().string().c_str(), "rb")));
+      stream = VorbisStream::Open(FilePointer(std::fopen(path.string().c_str(), "rb")), threads);
       stream->Prepare();
       while (const std::size_t count = stream->Read(block)) {
         samples.insert(samples.end(), block.data(), block.data() + count);
       }
       EXPECT_EQ(samples, whole);
       EXPECT_EQ(stream->Comments().size(), 6U);
-      ended = n > 0;
+      ended = requests < n;
     } catch (const std::bad_alloc&) {
       EXPECT_TRUE(samples.size() <= whole.size() &&
                   std::equal(samples.begin(), samples.end(), whole.begin()));
@@ -63,6 +67,15 @@ TEST(CodecMemory, ThatIsRefusedEndsAFileAndHarmsNothing) {
   }
   EXPECT_GT(n, 100) << "the library has its memory from elsewhere";
   EXPECT_TRUE(while_reading > 0 && while_reading < n - 50);
+}
+
+TEST(CodecMemory, ThatIsRefusedEndsAFileAndHarmsNothing) {
+  const TemporaryOgg chain(Chained("stereo.ogg", "other.ogg"));
+  requests_elsewhere = 0;
+  RefuseRequests(chain.path(), 1);
+  EXPECT_EQ(requests_elsewhere, 0);
+  RefuseRequests(DataFile("stereo.ogg"), 3);
+  EXPECT_GT(requests_elsewhere, 0);
 }
 
 TEST(CodecMemory, IsTheLibrarysOwnHeapUpToABound) {
@@ -84,6 +97,13 @@ TEST(CodecMemory, IsTheLibrarysOwnHeapUpToABound) {
     std::thread([] { marlinda_codec_free(marlinda_codec_malloc(1)); }).join();
     for (int twice = 0; twice < 2; ++twice) {
       marlinda_codec_free(marlinda_codec_malloc(CodecMemory::kMaxBytes - 1000));
+      // A part counts with the whole, and takes its blocks with it.
+      CodecMemory part(&inner);
+      const CodecMemory::Use of_part(part);
+      EXPECT_THROW(marlinda_codec_malloc(CodecMemory::kMaxBytes), std::bad_alloc);
+      marlinda_codec_malloc(CodecMemory::kMaxBytes / 2);
+      const CodecMemory::Use of_whole(inner);
+      EXPECT_THROW(marlinda_codec_malloc(CodecMemory::kMaxBytes / 2), std::bad_alloc);
     }
   }
   // A block that grows by pages is seldom moved, and is still counted whole.

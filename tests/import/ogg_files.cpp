@@ -157,6 +157,53 @@ std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file) {
   return {begins[middle], begins[middle + 1]};
 }
 
+Bytes WithPagesMangled(const Bytes& file, unsigned seed) {
+  const auto begins = PagesOf(file);
+  std::vector<Bytes> pages;
+  for (std::size_t i = 0; i + 1 < begins.size(); ++i) {
+    pages.emplace_back(file.begin() + static_cast<std::ptrdiff_t>(begins[i]),
+                       file.begin() + static_cast<std::ptrdiff_t>(begins[i + 1]));
+  }
+  std::mt19937 random(seed);
+  for (unsigned count = 1 + seed % 3; count > 0; --count) {
+    // Behind the headers.
+    const std::size_t at = 2 + random() % (pages.size() - 2);
+    Bytes& page = pages[at];
+    const std::size_t segment = 27 + random() % page[26];
+    switch (random() % 7) {
+      case 0:
+        page.clear();
+        break;
+      case 1:
+        page = pages[at - 1];
+        break;
+      case 2:
+        page.swap(pages[at - 1]);
+        break;
+      case 3:
+        page[5] ^= static_cast<unsigned char>(1U << random() % 3);
+        break;
+      case 4:
+        page[6 + random() % 8] ^= static_cast<unsigned char>(1U << random() % 8);
+        break;
+      case 5:
+        page[14] ^= 1;
+        break;
+      default:
+        // Two packets that only together have the right size.
+        if (segment + 1 < 27U + page[26] && page[segment] + page[segment + 1] < 256) {
+          page[segment + 1] = static_cast<unsigned char>(page[segment + 1] + page[segment]);
+          page[segment] = 0;
+        }
+    }
+    std::erase(pages, Bytes());
+  }
+  Bytes mangled;
+  for (const Bytes& page : pages) mangled = Joined(mangled, page);
+  MakeChecksumsRight(mangled);
+  return mangled;
+}
+
 Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
   Bytes file = ReadData(name);
   const auto begins = PagesOf(file);

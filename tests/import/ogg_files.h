@@ -55,6 +55,9 @@ Bytes Joined(Bytes first, const Bytes& second);
 Bytes Chained(const std::string& first, const std::string& second);
 // Where the page in the middle of a file begins and ends.
 std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file);
+// A few pages lost, repeated, exchanged, or with other flags, positions, stream numbers or packet
+// sizes, and all checksums right.
+Bytes WithPagesMangled(const Bytes& file, unsigned seed);
 // The last page's position set, from which the length of the file follows.
 Bytes WithLastPosition(const std::string& name, std::int64_t frames);
 // So many links, each with its own number and `file` as its content.

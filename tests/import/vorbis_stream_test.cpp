@@ -8,14 +8,15 @@
 #include <limits>
 #include <new>
 
+#include "bench/ogg_music.h"
 #include "import/vorbis_samples.h"
 #include "tests/import/ogg_files.h"
 
 namespace marlinda::testing {
 namespace {
 
-std::unique_ptr<VorbisStream> OpenStream(const std::filesystem::path& path) {
-  return VorbisStream::Open(FilePointer(std::fopen(path.string().c_str(), "rb")));
+std::unique_ptr<VorbisStream> OpenStream(const std::filesystem::path& path, unsigned threads = 3) {
+  return VorbisStream::Open(FilePointer(std::fopen(path.string().c_str(), "rb")), threads);
 }
 
 // A file made for one test, and its decoder, which ends before it.
@@ -120,6 +121,41 @@ TEST(VorbisStream, EndsOnEveryDamagedFile) {
   ExpectLikeTheLibrary(hole);
   EXPECT_EQ(Made(Bytes(100000, 'x')).stream, nullptr);
   EXPECT_EQ(VorbisStream::Open(nullptr), nullptr);
+}
+
+TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
+  for (const auto& [channels, samples_per_sec, quality] : {std::tuple{1, 44100, -0.1F},
+                                                           {2, 44100, 0.4F},
+                                                           {2, 44100, 1.0F},
+                                                           {3, 22050, 0.2F},
+                                                           {4, 11025, 0.6F},
+                                                           {5, 32000, 0.0F},
+                                                           {6, 48000, 0.3F},
+                                                           {7, 8000, 0.9F},
+                                                           {8, 96000, 0.1F}}) {
+    SCOPED_TRACE(std::to_string(channels) + " channels at " + std::to_string(samples_per_sec));
+    const Bytes music = EncodeMusic(channels, samples_per_sec, quality, 4 * samples_per_sec);
+    const auto half = music.begin() + static_cast<std::ptrdiff_t>(music.size() / 2);
+    std::vector<Bytes> files = {music, ManyLinks(music, 3), Bytes(music.begin(), half)};
+    for (unsigned seed = 0; seed < 14; ++seed) files.push_back(WithPagesMangled(music, seed));
+    for (const Bytes& bytes : files) {
+      SCOPED_TRACE(&bytes - files.data());
+      const TemporaryOgg file(bytes);
+      const Decoded expected = DecodeWithLibrary(file.path());
+      for (const unsigned threads : {1U, 3U}) {
+        const auto stream = OpenStream(file.path(), threads);
+        ASSERT_EQ(stream != nullptr, expected.opened);
+        if (stream == nullptr) continue;
+        const Decoded got = ReadToEnd(*stream);
+        EXPECT_EQ(got.block_sizes, expected.block_sizes) << threads;
+        EXPECT_TRUE(got.samples == expected.samples) << threads << " threads: other samples";
+      }
+    }
+    // Closed while threads decode, and in blocks that are cut.
+    std::vector<std::int16_t> block(500 * 8);
+    const auto stream = OpenStream(DataFile(kDemoPiece));
+    for (int i = 0; i < 100; ++i) EXPECT_GT(stream->Read(block), 0U);
+  }
 }
 
 TEST(VorbisStream, AnnouncesNoMoreThanAFileOfItsSizeCanHoldAndReadsMoreThanTwoGigabytes) {
