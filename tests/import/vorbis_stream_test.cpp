@@ -137,7 +137,7 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
     const Bytes music = EncodeMusic(channels, samples_per_sec, quality, 4 * samples_per_sec);
     const auto half = music.begin() + static_cast<std::ptrdiff_t>(music.size() / 2);
     std::vector<Bytes> files = {music, ManyLinks(music, 3), Bytes(music.begin(), half)};
-    for (unsigned seed = 0; seed < 14; ++seed) files.push_back(WithPagesMangled(music, seed));
+    for (unsigned seed = 0; seed < 6; ++seed) files.push_back(WithPagesMangled(music, seed));
     for (const Bytes& bytes : files) {
       SCOPED_TRACE(&bytes - files.data());
       const TemporaryOgg file(bytes);
@@ -213,10 +213,11 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   // Many codewords need much memory for a moment, which a stack does not have.
   EXPECT_EQ(ReadToEnd(*Made(WithCodebooks(1, 1, 22)).stream).samples.size(), 64U);
   // Their tables together take more than the bound.
-  const Made chain(ManyLinks(ReadData("six_channels.ogg"), 600));
+  const TemporaryOgg links(ManyLinks(ReadData("six_channels.ogg"), 600));
+  const auto chain = OpenStream(links.path(), 1);
   std::vector<std::int16_t> block(16384);
   std::size_t samples = 0;
-  while (const std::size_t count = chain.stream->Read(block)) samples += count;
+  while (const std::size_t count = chain->Read(block)) samples += count;
   EXPECT_EQ(samples, 600U * 24000 * 6);
   EXPECT_NE(Made(ManyLinks(WithCodebooks(1, 1, 0), 1000)).stream, nullptr);
   EXPECT_EQ(Made(ManyLinks(WithCodebooks(1, 1, 0), 1001)).stream, nullptr);
