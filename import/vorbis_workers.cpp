@@ -83,7 +83,6 @@ VorbisWorkers::VorbisWorkers(OggVorbis_File& file, std::size_t packets_of_group)
   // The reader's block still refers to the packet that it was decoded from.
   const oggpack_buffer& packet = file.vb.opb;
   latest_.assign(packet.buffer, packet.buffer + packet.storage);
-  latest_header_.packetno = file.vd.sequence;
 }
 
 void VorbisWorkers::StartThreads(CodecMemory& memory, unsigned threads) {
@@ -159,8 +158,7 @@ bool VorbisWorkers::TakePacket(Group& group) {
 
 // True for a packet that yields a whole block.
 bool VorbisWorkers::IsOrdinary(ogg_packet& packet) {
-  return packet.bytes <= kMaxPacketBytes && packet.e_o_s == 0 &&
-         packet.packetno == latest_header_.packetno + 1 && packet.granulepos >= -1 &&
+  return packet.bytes <= kMaxPacketBytes && packet.e_o_s == 0 && packet.granulepos >= -1 &&
          packet.granulepos < kMaxPosition && vorbis_synthesis_trackonly(&file_.vb, &packet) == 0;
 }
 
