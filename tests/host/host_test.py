@@ -119,7 +119,7 @@ class HostTest(unittest.TestCase):
             (2, [*convert, self.out, "--bits", "12"], "--bits"),
             (2, [*convert, self.out, "--frob"], "--frob"),
             (2, [*convert, self.out, "--progress", "--progress"], "--progress"),
-            (2, [*convert, self.folder / "out.mp3"], "out.mp3"),
+            (2, [*convert, self.folder / "out.flac"], "out.flac"),
             (2, ["convert", same, self.folder / "." / "same.wav"], "input file itself"),
             (2, ["convert", "-x.wav", self.out], "Put \"--\" before file names"),
             (2, cut, "--keep"),
