@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Wears the engine out, in parts of minutes to hours, or of much to download, that are no part of the tests:
 #   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
+#   scripts/soak.sh files [N] [SEED]     so many damaged files, 20,000 unless given
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 # shellcheck disable=SC2154 -- root comes from common.sh
 abuse=$root/build/x64/tests
@@ -40,6 +41,13 @@ part_ends() {
   compile x64 Tessaly abuse_process_end_tests
   under_wine "hosts that end without a release" "$root/scripts/sound-session" "$root/scripts/wine-run" \
     "$abuse/abuse_process_end_tests.exe" --gtest_filter=-Module.* --gtest_repeat=20
+}
+
+# Damaged files of every kind that is read. Findings stay in build/damaged.
+part_files() {
+  compile x64 Tessaly marlinda import_files
+  "$root/scripts/wine-session" python3 -B "$root/tests/abuse/damaged_files.py" "$root/build/x64" \
+    "$root/build/damaged" "${numbers[@]}"
 }
 
 # Loaded, used and unloaded 900 times. A module that mingw links allows about a thousand in a process.
@@ -86,6 +94,7 @@ parts="
   hosts           part_hosts
   ends            part_ends
   loads           part_loads
+  files           part_files
   trap            part_trap
   memory          part_memory
   device          part_device
@@ -93,6 +102,11 @@ parts="
   clients         part_clients
 "
 
+numbers=()
+while [[ $# -gt 0 && ${!#} =~ ^[0-9]+$ ]]; do
+  numbers=("${!#}" "${numbers[@]}")
+  set -- "${@:1:$#-1}"
+done
 [[ $# -gt 0 ]] || mapfile -t names < <(awk 'NF { print $1 }' <<<"$parts")
 [[ $# -eq 0 ]] || names=("$@")
 for name in "${names[@]}"; do

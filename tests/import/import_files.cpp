@@ -1,33 +1,45 @@
-// Imports every file of a folder through CDShowImport, in one process, and leaves the samples
-// beside it as raw floats, for comparison with what other programs decode:
-//   import_files FOLDER
-// For each file one line: name, result, rate, channels, frames.
+// Imports every file of a folder, in one process, and leaves the samples beside it as raw floats,
+// for comparison with what other programs decode:
+//   import_files FOLDER [count]
+// For each file one line: name, result, rate, channels, frames. With `count` the samples are
+// counted instead of kept, and the line ends with the samples that came and the handles that are
+// open.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 
 #include "tests/support/com_client.h"
+#include "tests/support/process_counts.h"
 #include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
 
-void ImportFile(const std::filesystem::path& path) {
-  const auto filter = Create<IImportFilter>(CLSID_CDShowImport);
+void ImportFile(const std::filesystem::path& path, bool count) {
+  const bool is_ogg = count && path.extension() == ".ogg";
+  const auto filter = Create<IImportFilter>(is_ogg ? CLSID_COggImport : CLSID_CDShowImport);
   const auto writer = MakeObject<RecordingWriter>();
+  std::size_t samples = 0;
+  writer->keep_samples = !count;
+  writer->on_write = [&](SAFEARRAY* block) { samples += block->rgsabound[0].cElements; };
   const Bstr name(path.wstring());
-  std::cout << path.filename().string() << ' ' << std::hex << filter->QueryCanLoad(name)
-            << std::dec;
-  if (filter->Initialize(name, writer.Get()) == S_OK) {
+  const HRESULT can_load = filter->QueryCanLoad(name);
+  std::cout << path.filename().string() << ' ' << std::hex << can_load << std::dec;
+  if (can_load == S_OK && filter->Initialize(name, writer.Get()) == S_OK) {
     const auto task = As<ICoreTask>(filter);
     task->Start();
     if (!WaitForTask(task.Get())) throw HResultError(E_FAIL);
     __int64 frames = 0;
     filter->GetSourceSampleCount(&frames);
     std::cout << ' ' << writer->samples_per_sec << ' ' << writer->channels << ' ' << frames;
-    std::ofstream raw(path.string() + ".raw", std::ios::binary);
-    raw.write(reinterpret_cast<const char*>(writer->samples.data()),
-              static_cast<std::streamsize>(writer->samples.size() * sizeof(float)));
+    if (count) {
+      std::cout << ' ' << samples << ' ' << CountHandles();
+    } else {
+      std::ofstream raw(path.string() + ".raw", std::ios::binary);
+      raw.write(reinterpret_cast<const char*>(writer->samples.data()),
+                static_cast<std::streamsize>(writer->samples.size() * sizeof(float)));
+    }
   }
   std::cout << std::endl;
 }
@@ -37,13 +49,13 @@ void ImportFile(const std::filesystem::path& path) {
 
 int main(int argc, char** argv) {
   using namespace marlinda::testing;
-  if (argc != 2) return 2;
+  if (argc < 2) return 2;
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   ModuleUnderTest::Load();
   const std::filesystem::directory_iterator folder(argv[1]);
-  for (const auto& file : std::vector<std::filesystem::path>(begin(folder), end(folder))) {
-    ImportFile(file);
-  }
+  std::vector<std::filesystem::path> files(begin(folder), end(folder));
+  std::ranges::sort(files);
+  for (const auto& file : files) ImportFile(file, argc > 2);
   const bool unused = ModuleUnderTest::RevokeAndSeeUnused();
   CoUninitialize();
   return unused ? 0 : 1;
