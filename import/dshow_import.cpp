@@ -65,7 +65,7 @@ void NoteEnd(bool ended_well, DShowImportJob& job) {
   }
 }
 
-void WriteSamplesOf(FileSource& file, const PcmData& pcm, DShowImportJob& job,
+void WriteSamplesOf(FileSource& file, const PcmData& pcm, std::int64_t first, DShowImportJob& job,
                     IAudioWriter* target) {
   const auto channels = static_cast<std::size_t>(job.format.channels);
   const std::size_t most = FramesPerBlock(job.format);
@@ -73,9 +73,11 @@ void WriteSamplesOf(FileSource& file, const PcmData& pcm, DShowImportJob& job,
   std::vector<std::byte> scratch;
   while (job.position < job.total) {
     const auto left = static_cast<std::uint64_t>(job.total - job.position);
-    const auto frames = static_cast<std::size_t>(std::min<std::uint64_t>(left, most));
+    const std::size_t room = most - static_cast<std::uint64_t>(first + job.position) % most;
+    const auto frames = static_cast<std::size_t>(std::min<std::uint64_t>(left, room));
     block.Resize(frames * channels);
-    const std::size_t samples = ReadSamples(file, pcm, job.position, block.samples(), scratch);
+    const std::size_t samples =
+        ReadSamples(file, pcm, first + job.position, block.samples(), scratch);
     // An error of the disk.
     if (samples == 0) return;
     block.Resize(samples);
@@ -130,7 +132,7 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 
 void CDShowImport::WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target) {
   if (source.info.pcm) {
-    WriteSamplesOf(source.file, *source.info.pcm, job, target);
+    WriteSamplesOf(source.file, *source.info.pcm, source.first, job, target);
   } else if (source.mpeg) {
     WriteSamplesOf(*source.mpeg, job, target);
   } else {

@@ -22,6 +22,7 @@ struct DShowSource {
   std::unique_ptr<MpegStream> mpeg;  // of MPEG audio; reads `file`
   PcmFormat format;                  // of the decoded samples
   std::int64_t total = 0;
+  std::int64_t first = 0;  // of the frames that are wanted
 };
 
 using DShowImportJob = ImportJob<DShowSource>;
@@ -81,6 +82,14 @@ class CDShowImport final
                            LONG* pnBeatCount, float* pfTempo) override;
 
   static void WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target);
+  // MPEG audio depends on all frames before, and the length that a filter reports is an estimate.
+  static __int64 SectionFrames(const DShowImportJob& job) {
+    return job.source->info.pcm ? job.source->total : 0;
+  }
+  static bool Select(DShowImportJob& job, __int64 first, __int64) {
+    job.source->first = first;
+    return true;
+  }
 
  private:
   void SetInfo(SoundFileInfo info);

@@ -4,6 +4,7 @@
 
 #include "core/com_ptr.h"
 #include "core/filter_task.h"
+#include "core/import_section.h"
 #include "core/records.h"
 #include "import/pcm_format.h"
 
@@ -23,9 +24,11 @@ struct ImportJob : TaskJob {
   ComPtr<IAudioWriter> writer;
 };
 
-// `Class` has a static WriteBlocks(Job&, Source&, IAudioWriter*), which runs on the worker.
+// `Class` has a static WriteBlocks(Job&, Source&, IAudioWriter*), which runs on the worker, and
+// static SectionFrames(const Job&), the exact length of a file of which any part can be imported or
+// 0, and Select(Job&, first, count), which readies the source for a part.
 template <class Class, class Job, class... Interfaces>
-class ImportTask : public FilterTask<Class, Job, Interfaces...> {
+class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> {
  public:
   // IImportFilter. The length of a compressed file is an estimate until it has been decoded.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
@@ -62,6 +65,19 @@ class ImportTask : public FilterTask<Class, Job, Interfaces...> {
     return hr;
   }
 
+  // IImportSection
+  STDMETHODIMP QueryCanSetSection() override { return SectionFrames() > 0 ? S_OK : S_FALSE; }
+  STDMETHODIMP SetSection(__int64 first, __int64 count) override {
+    const __int64 frames = SectionFrames();
+    if (frames <= 0) return E_FAIL;
+    if (first < 0 || count <= 0 || count > frames - first) return E_INVALIDARG;
+    return ComCall([&] {
+      if (!Class::Select(*job_, first, count)) return E_FAIL;
+      job_->total = count;
+      return S_OK;
+    });
+  }
+
   // IMetaDataReader
   STDMETHODIMP GetMetaData(BSTR* pbstrTitle, BSTR* pbstrArtist, BSTR* pbstrAlbum, BSTR* pbstrYear,
                            BSTR* pbstrGenre) override {
@@ -73,12 +89,17 @@ class ImportTask : public FilterTask<Class, Job, Interfaces...> {
   }
 
  protected:
-  using FilterTask<Class, Job, Interfaces...>::job_;
-  using FilterTask<Class, Job, Interfaces...>::worker_;
+  using FilterTask<Class, Job, Interfaces..., IImportSection>::job_;
+  using FilterTask<Class, Job, Interfaces..., IImportSection>::worker_;
 
   Tags tags_;
 
  private:
+  // 0 where there is nothing to start, too.
+  __int64 SectionFrames() const {
+    return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;
+  }
+
   // Ignores the results of the writer: a writer that fails misses samples, and its owner can ask
   // it.
   static void Run(Job& job) {

@@ -41,6 +41,14 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
   STDMETHODIMP SetFilename(BSTR bstrFileName) override;
 
   static void WriteBlocks(OggImportJob& job, VorbisStream& source, IAudioWriter* target);
+  // A chain that changes its format is imported whole, so that the part left out shows.
+  static __int64 SectionFrames(const OggImportJob& job) {
+    return job.source->total_frames() == job.readable ? job.readable : 0;
+  }
+  static bool Select(OggImportJob& job, __int64 first, __int64 count) {
+    job.readable = count;
+    return job.source->Select(first, count);
+  }
 };
 
 }  // namespace marlinda

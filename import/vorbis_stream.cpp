@@ -167,13 +167,25 @@ void VorbisStream::Prepare() {
   }) < 0;
 }
 
+bool VorbisStream::Select(std::int64_t first, std::int64_t count) {
+  if (std::exchange(ended_, true)) return false;
+  left_ = count;
+  ended_ = first != 0 &&
+           decoder_->Call([=](OggVorbis_File* state) { return ov_pcm_seek(state, first); }) != 0;
+  return !ended_;
+}
+
 std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
-  if (ended_) return 0;
+  const auto channels = static_cast<std::size_t>(channels_);
+  const auto fit = static_cast<std::int64_t>(buffer.size() / channels);
+  buffer = buffer.first(static_cast<std::size_t>(std::min(fit, left_)) * channels);
+  if (ended_ || buffer.empty()) return 0;
   ended_ = true;
   std::size_t samples = workers_ != nullptr ? ReadFromWorkers(buffer) : 0;
   // The workers are gone where the library goes on.
   if (samples == 0 && workers_ == nullptr) samples = ReadFromLibrary(buffer);
   ended_ = samples == 0;
+  left_ -= static_cast<std::int64_t>(samples / channels);
   return samples;
 }
 

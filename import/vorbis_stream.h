@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -57,6 +58,11 @@ class VorbisStream {
   // Makes the decoder ready for Read, which does it otherwise. std::bad_alloc as there.
   void Prepare();
 
+  // Read then delivers `count` frames from `first` on, which lie within total_frames. False when
+  // the file is damaged; Read then delivers nothing. To be called before the first Read.
+  // std::bad_alloc as there.
+  bool Select(std::int64_t first, std::int64_t count);
+
   // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many
   // samples it has: at least one frame's and at most what the buffer, of one frame or more, has
   // room for. 0 at the end, which comes early
@@ -83,6 +89,7 @@ class VorbisStream {
   std::int64_t total_frames_ = 0;
   std::int64_t readable_frames_ = 0;
   std::int32_t average_bytes_per_sec_ = 0;
+  std::int64_t left_ = std::numeric_limits<std::int64_t>::max();  // frames that Read may deliver
   int link_ = 0;  // that the latest Read delivered from
   bool ended_ = false;
 };

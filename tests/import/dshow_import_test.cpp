@@ -2,9 +2,12 @@
 // that go through a filter graph, with filters of the test's own that hang.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <map>
+#include <span>
 
 #include "core/handle.h"
+#include "core/import_section.h"
 #include "core/samples/sample_converter.h"
 #include "tests/export/riff_builder.h"
 #include "tests/import/hanging_filter.h"
@@ -115,6 +118,43 @@ TEST_F(DShowImport, ReadsBackAllThatTheWavExportWrites) {
   float tempo = 0;
   EXPECT_EQ(As<IAcidReader>(filter_)->GetAcidData(&root, &beats, &unit, &count, &tempo), S_OK);
   EXPECT_TRUE(root == -3 && beats == 7 && unit == 8 && count == 21 && tempo == 98.25F);
+}
+
+TEST_F(DShowImport, ImportsAPartOfASoundFileAsOftenAsTheFileIsInitialized) {
+  using namespace riff;
+  Bytes samples;
+  for (std::size_t i = 0; i < 4 * kFrames; ++i) samples.push_back(static_cast<char>(i * i >> 7));
+  const Bytes au = Text(".snd") + Bytes{0, 0, 0, 24} + Bytes(4, -1) + Bytes{0, 0, 0, 3} +
+                   Bytes{0, 0, 16, 0} + Bytes{0, 0, 0, 2} + samples;
+  const Bytes wav = Wav(PlainFormat(1, 2, 44100, 2, 16), samples, {});
+  for (const auto& [name, file] : std::map<std::wstring, Bytes>{{L"a.wav", wav}, {L"a.au", au}}) {
+    const std::wstring path = Write(name, file);
+    Import(path);
+    const std::vector<float> whole = writer_->samples;
+    for (const auto& [first, count] :
+         {std::pair<std::size_t, std::size_t>{0, kFrames}, {70001, 20000}, {kFrames - 1, 1}}) {
+      writer_ = MakeObject<RecordingWriter>();
+      ASSERT_EQ(Initialize(path), S_OK);
+      const auto section = As<IImportSection>(filter_);
+      EXPECT_EQ(section->QueryCanSetSection(), S_OK);
+      EXPECT_EQ(section->SetSection(kFrames, 1), E_INVALIDARG);
+      EXPECT_EQ(section->SetSection(1, kFrames), E_INVALIDARG);
+      EXPECT_EQ(section->SetSection(-1, 1), E_INVALIDARG);
+      EXPECT_EQ(section->SetSection(0, 0), E_INVALIDARG);
+      ASSERT_EQ(section->SetSection(static_cast<__int64>(first), static_cast<__int64>(count)),
+                S_OK);
+      Run();
+      EXPECT_TRUE(
+          std::ranges::equal(writer_->samples, std::span(whole).subspan(2 * first, 2 * count)))
+          << first;
+      EXPECT_EQ(Total(), count);
+      EXPECT_EQ(Progress(), 1);
+      EXPECT_EQ(section->SetSection(0, 1), E_FAIL);
+    }
+  }
+  ASSERT_EQ(Initialize(Write(L"a.mp3", MpegFile(8))), S_OK);
+  EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
+  EXPECT_EQ(As<IImportSection>(filter_)->SetSection(0, 1), E_FAIL);
 }
 
 TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {

@@ -1,6 +1,10 @@
 // The Ogg import as a client drives it: real files, a writer that notes what it is given.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <span>
+
+#include "core/import_section.h"
 #include "tests/import/import_client.h"
 #include "tests/import/ogg_files.h"
 
@@ -36,6 +40,17 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   EXPECT_THAT(writer_->calls, ElementsAre("SetFormat", "OpenDevice", "CloseDevice"));
   // Progress shows that a part is left out.
   expect(TemporaryOgg(Chained("stereo.ogg", "mono.ogg")).path(), 44100, 44100 / (44100 + 66150.0F));
+  EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
+  Import(DataFile("stereo.ogg"));
+  const std::vector<float> whole = std::move(writer_->samples);
+  writer_ = MakeObject<RecordingWriter>();
+  ASSERT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
+  ASSERT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_OK);
+  ASSERT_EQ(As<IImportSection>(filter_)->SetSection(12345, 20000), S_OK);
+  Run();
+  EXPECT_TRUE(std::ranges::equal(writer_->samples, std::span(whole).subspan(2 * 12345, 40000)));
+  EXPECT_EQ(Total(), 20000);
+  EXPECT_EQ(Progress(), 1);
   Bytes damaged = ReadData(kDemoPiece);
   const auto [begin, end] = MiddlePage(damaged);
   damaged.erase(damaged.begin() + begin, damaged.begin() + end);

@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <span>
 
 #include "bench/ogg_music.h"
 #include "import/vorbis_samples.h"
@@ -100,6 +102,28 @@ TEST(VorbisStream, AnnouncesAndReadsAChainUpToAChangeOfItsFormat) {
     SCOPED_TRACE(second);
     EXPECT_EQ(ExpectLikeTheLibrary(Chained(first, second)), readable);
   }
+}
+
+TEST(VorbisStream, SelectsTheSameSamplesThatTheWholeFileHasThere) {
+  const auto expect = [](const std::filesystem::path& path) {
+    SCOPED_TRACE(path);
+    const Decoded whole = DecodeWithLibrary(path);
+    const auto channels = whole.channels;
+    const auto frames = static_cast<std::int64_t>(whole.samples.size()) / channels;
+    for (std::int64_t first = 0; first < frames; first = first * 17 / 16 + 61) {
+      const std::int64_t count = std::min<std::int64_t>(frames - first, first % 3000 + 1);
+      const auto stream = OpenStream(path);
+      stream->Prepare();
+      ASSERT_TRUE(stream->Select(first, count));
+      const auto begin = whole.samples.begin() + first * channels;
+      EXPECT_TRUE(std::ranges::equal(ReadToEnd(*stream).samples,
+                                     std::span(begin, begin + count * channels)))
+          << first;
+    }
+  };
+  for (const std::string name : kFiles) expect(DataFile(name));
+  expect(DataFile(kDemoPiece));
+  expect(TemporaryOgg(Chained("stereo.ogg", "other.ogg")).path());
 }
 
 TEST(VorbisStream, EndsOnEveryDamagedFile) {
