@@ -3,19 +3,21 @@
 #include <algorithm>
 #include <atomic>
 #include <span>
+#include <utility>
 
 namespace marlinda {
 namespace {
 
 constexpr float kLargestSample = 0x1.fffffep-1F;
 
-// The export filter calls it through its table alone, so its dispatch interface is empty.
-class ClampedReader final : public IAudioReader {
+// The engine calls it through its table alone, so its dispatch interface is empty.
+class FunctionReader final : public IAudioReader {
  public:
-  explicit ClampedReader(IAudioReader* source) : source_(source) {}
-  virtual ~ClampedReader() = default;
-  ClampedReader(const ClampedReader&) = delete;
-  ClampedReader& operator=(const ClampedReader&) = delete;
+  FunctionReader(IAudioReader* source, ReadFunction read)
+      : source_(source), read_(std::move(read)) {}
+  virtual ~FunctionReader() = default;
+  FunctionReader(const FunctionReader&) = delete;
+  FunctionReader& operator=(const FunctionReader&) = delete;
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     if (object == nullptr) return E_POINTER;
@@ -48,14 +50,7 @@ class ClampedReader final : public IAudioReader {
   }
 
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
-    const HRESULT hr = source_->ReadAudio(nSamplePos, psaAudioData);
-    // The source has refused every array that is no array of floats.
-    if (SUCCEEDED(hr)) {
-      const std::span samples(static_cast<float*>(psaAudioData->pvData),
-                              psaAudioData->rgsabound[0].cElements);
-      for (float& sample : samples) sample = std::min(sample, kLargestSample);
-    }
-    return hr;
+    return read_(source_.Get(), nSamplePos, psaAudioData);
   }
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return source_->GetFormat(pnSamplesPerSec, pnChannels);
@@ -68,15 +63,28 @@ class ClampedReader final : public IAudioReader {
 
  private:
   const ComPtr<IAudioReader> source_;
+  const ReadFunction read_;
   std::atomic<ULONG> references_{1};
 };
 
 }  // namespace
 
-ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
+ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   ComPtr<IAudioReader> reader;
-  *reader.GetAddressOf() = new ClampedReader(source);
+  *reader.GetAddressOf() = new FunctionReader(source, std::move(read));
   return reader;
+}
+
+ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
+  return ReadWith(source, [](IAudioReader* clamped, __int64 position, SAFEARRAY* array) {
+    const HRESULT hr = clamped->ReadAudio(position, array);
+    // The source has refused every array that is no array of floats.
+    if (SUCCEEDED(hr)) {
+      const std::span samples(static_cast<float*>(array->pvData), array->rgsabound[0].cElements);
+      for (float& sample : samples) sample = std::min(sample, kLargestSample);
+    }
+    return hr;
+  });
 }
 
 }  // namespace marlinda

@@ -52,6 +52,12 @@ __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SHORT cha
 
 }  // namespace
 
+AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
+                         std::optional<int> channels) {
+  return {static_cast<LONG>(rate.value_or(from.rate)),
+          static_cast<SHORT>(channels.value_or(from.channels))};
+}
+
 void RequireConverter(const AudioFormat& from, const AudioFormat& to) { NewConverter(from, to); }
 
 Annotations AtRate(Annotations annotations, LONG from, LONG to) {

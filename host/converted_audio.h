@@ -5,6 +5,10 @@
 
 namespace marlinda {
 
+// The format of an output; that of the input where nothing else is asked for.
+AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
+                         std::optional<int> channels);
+
 // Throws a HostError when Converter.dll is missing or cannot convert between the formats.
 void RequireConverter(const AudioFormat& from, const AudioFormat& to);
 

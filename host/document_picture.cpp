@@ -75,6 +75,14 @@ void CheckPicture(const PictureRequest& request, const std::vector<std::string>&
   RequireWritablePlace(request.file, inputs);
 }
 
+FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate) {
+  try {
+    return ResolveRange(request.range, frames, rate);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError("plot", error.what(), "the range to draw");
+  }
+}
+
 void DrawDocument(IEditedAudio* document, const Annotations& annotations,
                   const PictureRequest& request) {
   const auto reader = Query<IAudioReader>(document);
@@ -84,13 +92,7 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
   __int64 frames = 0;
   Check(reader->GetSampleCount(&frames));
 
-  FrameRange range;
-  try {
-    range = ResolveRange(request.range, frames, rate);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("plot", error.what(), "the range to draw");
-  }
-
+  const FrameRange range = ResolveRange(request, frames, rate);
   // Columns that nothing is drawn into keep their value: silence. The method wants floats, whatever
   // the type library declares.
   const FloatArray columns(2 * static_cast<std::size_t>(request.width) *

@@ -20,6 +20,9 @@ struct PictureRequest {
 // Checks the request before the long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
+// The frames to draw. Throws a HostError.
+FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate);
+
 // Draws the document with these labels and markers. Throws a HostError.
 void DrawDocument(IEditedAudio* document, const Annotations& annotations,
                   const PictureRequest& request);

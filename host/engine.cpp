@@ -4,6 +4,7 @@
 #include <fstream>
 #include <string_view>
 
+#include "core/import_section.h"
 #include "host/clamped_reader.h"
 #include "host/file_name.h"
 #include "host/filter_list.h"
@@ -21,17 +22,18 @@ void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
 
-// Starts the task and waits for its end. False when it was interrupted and cancelled.
-bool RunTask(ICoreTask* task, const std::string& title, const Console& console) {
+// Starts the task and waits for its end. False when it was interrupted and cancelled. The bar goes
+// from `done` by `share`.
+bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double done = 0,
+             double share = 1) {
   constexpr DWORD kPollMilliseconds = 20;
-  ProgressBar bar(console.Progress(), title);
   CheckTask(task->Start());
   for (;;) {
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
     float progress = 0.0F;
     // Before the check for the end, because a short task runs and ends between two polls.
-    if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(progress);
+    if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(done + share * progress);
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
       CheckTask(task->Cancel());
@@ -41,7 +43,6 @@ bool RunTask(ICoreTask* task, const std::string& title, const Console& console) 
   }
 }
 
-// Opens a reader for a run of reads and closes it afterwards.
 HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   const FloatArray frame(static_cast<std::size_t>(channels));
   return reader->ReadAudio(position, frame.get());
@@ -90,6 +91,35 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   return filter;
 }
 
+HostError ImportInterrupted(const std::string& file) {
+  return {ExitStatus::kInterrupted, file, "interrupted; nothing was written"};
+}
+
+// The parts in their order, each with a margin, and none touches another. Why: the peaks of a pool
+// depend on the blocks that it is given. Behind the first block, a part that begins between two
+// peaks has the peaks of the whole.
+std::vector<FrameRange> Separate(std::vector<FrameRange> parts, __int64 frames) {
+  constexpr __int64 kMaxBlockFrames = 16384;
+  constexpr __int64 kFramesPerPeak = 256;
+  std::ranges::sort(parts, {}, &FrameRange::begin);
+  std::vector<FrameRange> separate;
+  for (const FrameRange& part : parts) {
+    const __int64 margin = std::min(kMaxBlockFrames, part.begin);
+    const __int64 begin = (part.begin - margin) / kFramesPerPeak * kFramesPerPeak;
+    const __int64 end = part.end + std::min(kMaxBlockFrames, frames - part.end);
+    if (!separate.empty() && begin <= separate.back().end) {
+      separate.back().end = std::max(separate.back().end, end);
+    } else {
+      separate.push_back({begin, end});
+    }
+  }
+  return separate;
+}
+
+void AppendSilence(IEditedAudio* document, __int64 frames, const AudioFormat& format) {
+  if (frames > 0) Check(document->AppendSegment(Silence(frames, format).Get(), 0, frames));
+}
+
 std::filesystem::path PathOf(const std::string& file) { return Widen(file); }
 
 }  // namespace
@@ -115,6 +145,21 @@ ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits) {
   auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
   Check(document->SetFormat(format.rate, format.channels, static_cast<SHORT>(bits)));
   return document;
+}
+
+ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
+  const auto silence = CreateObject<INullReader>(CLSID_CNullReader, "CNullReader");
+  Check(silence->Create(frames, format.rate, format.channels));
+  return Query<IAudioReader>(silence.Get());
+}
+
+void SetAudio(IEditedAudio* document, const ImportedAudio& audio) {
+  // A document has no peaks, but its segments have.
+  if (const auto other = TryQuery<IEditedAudio>(audio.reader.Get())) {
+    Check(document->Insert(0, other.Get()));
+  } else {
+    Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
+  }
 }
 
 ComPtr<IAudioPool> NewPool() {
@@ -188,20 +233,20 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
 
 Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   RequireReadable(file);
-  const Bstr engine_name(EngineNameOfInput(file));
-  filter_ = ChooseFilter(file, engine_name.get());
+  engine_name_ = EngineNameOfInput(file);
+  filter_ = ChooseFilter(file, Bstr(engine_name_).get());
   identity_ = IdentityOf(filter_.Get());
+  if (target == nullptr) pool_ = NewPool();
+  Initialize(target);
+}
 
-  ComPtr<IAudioWriter> writer = target;
-  if (!writer) {
-    pool_ = NewPool();
-    writer = Query<IAudioWriter>(pool_.Get());
-  }
-  const HRESULT hr = filter_->Initialize(engine_name.get(), writer.Get());
+void Source::Initialize(IAudioWriter* target) {
+  const ComPtr<IAudioWriter> writer = target != nullptr ? target : Query<IAudioWriter>(pool_.Get());
+  const HRESULT hr = filter_->Initialize(Bstr(engine_name_).get(), writer.Get());
   if (hr == E_FAIL) {
-    throw HostError(ExitStatus::kInput, file, "the file is damaged or not of the kind it claims");
+    throw HostError(ExitStatus::kInput, file_, "the file is damaged or not of the kind it claims");
   }
-  if (FAILED(hr)) throw Explain(hr, file, ExitStatus::kInput);
+  if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kInput);
 }
 
 std::optional<AudioFormat> Source::Format() const {
@@ -269,9 +314,106 @@ std::optional<AcidData> Source::ReadAcidData() const {
 }
 
 ImportedAudio Source::Import(const Console& console) {
-  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), "Reading", console)) {
-    throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
+  ProgressBar bar(console.Progress(), "Reading");
+  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), bar, console)) {
+    throw ImportInterrupted(file_);
   }
+  return TakeOfRun(console);
+}
+
+std::optional<ImportedAudio> Source::Expected() const {
+  const auto section = TryQuery<IImportSection>(filter_.Get());
+  const auto format = Format();
+  const auto frames = Frames();
+  if (!section || section->QueryCanSetSection() != S_OK || !format || !frames) return std::nullopt;
+  return ImportedAudio{nullptr, *format, *frames};
+}
+
+void Source::Select(const FrameRange& part) {
+  const HRESULT hr =
+      Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);
+  if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kInput);
+}
+
+ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& console) {
+  const auto [none, format, frames] = Expected().value();
+  parts = Separate(std::move(parts), frames);
+  __int64 total = 0;
+  for (const FrameRange& part : parts) total += part.end - part.begin;
+  if (total == frames) return Import(console);
+
+  const auto document = NewDocument(format, 32);
+  const auto task = Query<ICoreTask>(filter_.Get());
+  ProgressBar bar(console.Progress(), "Reading");
+  const auto whole = static_cast<double>(total);
+  __int64 done = 0;
+  __int64 end = 0;
+  for (const FrameRange& part : parts) {
+    if (done > 0) Initialize();
+    Select(part);
+    const __int64 length = part.end - part.begin;
+    if (!RunTask(task.Get(), bar, console, static_cast<double>(done) / whole,
+                 static_cast<double>(length) / whole)) {
+      throw ImportInterrupted(file_);
+    }
+    const ImportedAudio take = LastTake(pool_.Get());
+    if (take.frames != length) {
+      Initialize();
+      return Import(console);
+    }
+    TakeOfRun(console);
+    AppendSilence(document.Get(), part.begin - end, format);
+    Check(document->AppendSegment(take.reader.Get(), 0, length));
+    done += length;
+    end = part.end;
+  }
+  AppendSilence(document.Get(), frames - end, format);
+  return {Query<IAudioReader>(document.Get()), format, frames};
+}
+
+ImportedAudio Source::StartImport(const FrameRange& part) {
+  constexpr DWORD kPollMilliseconds = 5;
+  const auto [none, format, frames] = Expected().value();
+  const __int64 length = part.end - part.begin;
+  if (length < frames) Select(part);
+  // The filter sets the same format again.
+  Check(Query<IAudioWriter>(pool_.Get())->SetFormat(format.rate, format.channels));
+  const auto take = CreateObject<IAudioPoolReader>(CLSID_CAudioPoolReader, "CAudioPoolReader");
+  const __int64 bytes = length * format.channels * static_cast<__int64>(sizeof(float));
+  Check(take->Create(pool_.Get(), 0, 0, bytes, 32));
+  const auto task = Query<ICoreTask>(filter_.Get());
+  Check(task->Start());
+  const auto wait_and_read = [task](IAudioReader* reader, __int64 position, SAFEARRAY* array) {
+    for (;;) {
+      // Asked before the read, which then sees all that an ended import has written.
+      VARIANT_BOOL running = VARIANT_FALSE;
+      task->QueryIsTaskRunning(&running);
+      if (running == VARIANT_FALSE) {
+        // Silence behind the end: after an error, playing would leave out what is queued.
+        std::fill_n(static_cast<float*>(array->pvData), array->rgsabound[0].cElements, 0.0F);
+      }
+      const HRESULT hr = reader->ReadAudio(position, array);
+      if (hr != kEndOfFile) return hr;
+      if (running == VARIANT_FALSE) return S_OK;
+      Sleep(kPollMilliseconds);
+    }
+  };
+  const auto reader = ReadWith(Query<IAudioReader>(take.Get()).Get(), wait_and_read);
+  const auto document = NewDocument(format, 32);
+  AppendSilence(document.Get(), part.begin, format);
+  Check(document->AppendSegment(reader.Get(), 0, length));
+  AppendSilence(document.Get(), frames - part.end, format);
+  return {Query<IAudioReader>(document.Get()), format, frames};
+}
+
+std::optional<__int64> Source::PollImport(const Console& console) const {
+  VARIANT_BOOL running = VARIANT_FALSE;
+  Check(Query<ICoreTask>(filter_.Get())->QueryIsTaskRunning(&running));
+  if (running != VARIANT_FALSE) return std::nullopt;
+  return TakeOfRun(console).frames;
+}
+
+ImportedAudio Source::TakeOfRun(const Console& console) const {
   const ImportedAudio audio = LastTake(pool_.Get());
   if (audio.frames <= 0 || audio.format.rate <= 0 || audio.format.channels <= 0) {
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
@@ -315,17 +457,19 @@ FileExport::FileExport(const std::string& file, const std::vector<std::string>& 
                   "Choose a name that ends in .wav, .mp3 or .wma.");
 }
 
+void FileExport::RequireRoom(__int64 frames, const AudioFormat& format, int bits) const {
+  if (!is_wave_ || FitsWaveFile(frames, format.channels, bits)) return;
+  throw HostError(ExitStatus::kOutput, file_, "a WAV file holds at most 4 GiB, and this needs more",
+                  "Choose fewer bits, or cut the audio into several files.");
+}
+
 WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& console,
                               ICoreTask* driver) {
   AudioFormat format;
   __int64 frames = 0;
   Check(reader->GetFormat(&format.rate, &format.channels));
   Check(reader->GetSampleCount(&frames));
-  if (is_wave_ && !FitsWaveFile(frames, format.channels, bits)) {
-    throw HostError(ExitStatus::kOutput, file_,
-                    "a WAV file holds at most 4 GiB, and this needs more",
-                    "Choose fewer bits, or cut the audio into several files.");
-  }
+  RequireRoom(frames, format, bits);
 
   // Before an existing file is emptied for nothing.
   if (console.Interrupted()) {
@@ -340,7 +484,8 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));
   HandOver();
   const auto own_task = Query<ICoreTask>(filter_.Get());
-  const bool finished = RunTask(driver != nullptr ? driver : own_task.Get(), "Writing", console);
+  ProgressBar bar(console.Progress(), "Writing");
+  const bool finished = RunTask(driver != nullptr ? driver : own_task.Get(), bar, console);
 
   const std::optional<WaveFileFacts> facts = Examine();
   if (finished && facts && (!is_wave_ || HoldsFrames(*facts, frames))) return *facts;

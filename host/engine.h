@@ -17,6 +17,7 @@
 #include "host/annotations.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "host/timecode.h"
 #include "host/wave_check.h"
 
 namespace marlinda {
@@ -82,6 +83,7 @@ struct AudioFormat {
 };
 
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits);
+ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format);
 
 // Keeps a reader open while it lives.
 class OpenReader {
@@ -105,6 +107,9 @@ struct ImportedAudio {
   AudioFormat format;
   __int64 frames = 0;
 };
+
+// Fills an empty document with the audio.
+void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
 // A pool that stores floats. Throws when its files cannot be made.
 ComPtr<IAudioPool> NewPool();
@@ -134,11 +139,28 @@ class Source {
   // Decodes the whole file. Reports on standard error when it holds less than it promises.
   ImportedAudio Import(const Console& console);
 
+  // What Import will return, without the reader, where the filter knows the exact length and can
+  // import any part of the file. The rest of these members need that.
+  std::optional<ImportedAudio> Expected() const;
+  // Decodes these parts; elsewhere the audio is silent. Samples and peaks of the parts are the same
+  // as after Import. Decodes the whole file where it holds less than it promises.
+  ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console);
+  // Starts to decode a part and returns audio that is silent elsewhere. Its reader waits for frames
+  // that are not decoded yet.
+  ImportedAudio StartImport(const FrameRange& part);
+  // The frames that the started import has read, once it has ended. Reports and throws as Import.
+  std::optional<__int64> PollImport(const Console& console) const;
+
  private:
+  // Without a target, the pool.
+  void Initialize(IAudioWriter* target = nullptr);
+  void Select(const FrameRange& part);
+  ImportedAudio TakeOfRun(const Console& console) const;
   // After an import that nobody interrupted: whether the filter left out a part of the file.
   bool IsIncomplete() const;
 
   std::string file_;
+  std::wstring engine_name_;
   ComPtr<IImportFilter> filter_;
   FilterIdentity identity_;
   ComPtr<IAudioPool> pool_;
@@ -156,6 +178,9 @@ class FileExport {
   void SetTags(const Tags& tags) { tags_ = tags; }
   void SetAcidData(const AcidData& acid) { acid_ = acid; }
   void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
+
+  // Throws when so much audio does not fit in a WAV file.
+  void RequireRoom(__int64 frames, const AudioFormat& format, int bits) const;
 
   // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
   // file of the part that was written; a file that is incomplete for another reason is removed.

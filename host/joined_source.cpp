@@ -1,5 +1,6 @@
 #include "host/joined_source.h"
 
+#include "core/sample_count.h"
 #include "host/converted_audio.h"
 
 namespace marlinda {
@@ -23,6 +24,23 @@ JoinedSource::JoinedSource(std::span<const std::string> files) {
   for (const std::string& file : files) sources_.emplace_back(file);
 }
 
+std::optional<ImportedAudio> JoinedSource::Expected(std::optional<int> rate,
+                                                    std::optional<int> channels) const {
+  std::optional<ImportedAudio> whole;
+  for (const Source& source : sources_) {
+    const auto part = source.Expected();
+    if (!part) return std::nullopt;
+    if (!whole) whole = {nullptr, TargetFormat(part->format, rate, channels), 0};
+    whole->frames += ConvertSampleCount(part->frames, part->format.rate, whole->format.rate);
+  }
+  return whole;
+}
+
+ImportedAudio JoinedSource::ImportParts(std::vector<FrameRange> parts, const Console& console) {
+  annotations_ = first().ReadAnnotations();
+  return sources_.front().ImportParts(std::move(parts), console);
+}
+
 ImportedAudio JoinedSource::Import(std::optional<int> rate, std::optional<int> channels,
                                    const Console& console) {
   ImportedAudio whole;
@@ -30,8 +48,7 @@ ImportedAudio JoinedSource::Import(std::optional<int> rate, std::optional<int> c
   for (Source& source : sources_) {
     const ImportedAudio audio = source.Import(console);
     if (!document) {
-      whole.format = {static_cast<LONG>(rate.value_or(audio.format.rate)),
-                      static_cast<SHORT>(channels.value_or(audio.format.channels))};
+      whole.format = TargetFormat(audio.format, rate, channels);
       document = NewDocument(whole.format, 32);
     }
     const ImportedAudio part = ConvertAudio(audio, whole.format, console);

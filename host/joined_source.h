@@ -2,8 +2,10 @@
 #pragma once
 
 #include <deque>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "host/engine.h"
 
@@ -16,6 +18,12 @@ class JoinedSource {
 
   // Its texts count for the whole.
   const Source& first() const { return sources_.front(); }
+
+  // What Import will return, without the reader, where the exact length of all files is known.
+  std::optional<ImportedAudio> Expected(std::optional<int> rate, std::optional<int> channels) const;
+  // Decodes these parts of a single file, as Source does.
+  bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
+  ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console);
 
   // Decodes all files. Those in another format than `rate` and `channels`, or than the first file
   // where these are missing, are converted. Labels and markers move with their file.

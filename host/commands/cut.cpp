@@ -30,18 +30,12 @@ struct CutOptions {
   bool json = false;
 };
 
-ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
-  const auto silence = CreateObject<INullReader>(CLSID_CNullReader, "CNullReader");
-  Check(silence->Create(frames, format.rate, format.channels));
-  return Query<IAudioReader>(silence.Get());
-}
-
 // The pieces are copied out of a document of the whole source, so that the labels and markers of
 // the source come along with the audio they belong to.
 ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
                               const Annotations& source_annotations, int bits) {
   const auto whole = NewDocument(audio.format, bits);
-  Check(whole->AppendSegment(audio.reader.Get(), 0, audio.frames));
+  SetAudio(whole.Get(), audio);
   AddAnnotations(whole.Get(), source_annotations);
 
   auto result = NewDocument(audio.format, bits);
@@ -67,6 +61,14 @@ void RequireText(const std::string& text) {
                   "Choose other ones, or let --replace-text write \"?\" for them.");
 }
 
+CutPlan Plan(const CutRequest& request, const ImportedAudio& audio) {
+  try {
+    return PlanCut(request, audio.frames, audio.format.rate);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError("cut", error.what());
+  }
+}
+
 void Cut(const CutOptions& options, const Console& console) {
   try {
     CheckSyntax(options.request);
@@ -78,19 +80,22 @@ void Cut(const CutOptions& options, const Console& console) {
   FileExport wave(output, inputs);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, inputs);
-  const ImportedAudio audio = source.Import({}, {}, console);
+  const int bits = OutputBits(options.bits, source.first());
   CutPlan plan;
-  try {
-    plan = PlanCut(options.request, audio.frames, audio.format.rate);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("cut", error.what());
+  ImportedAudio audio;
+  const auto expected = source.Expected({}, {});
+  if (expected) plan = Plan(options.request, *expected);
+  if (source.CanImportParts()) {
+    audio = source.ImportParts(plan.pieces, console);
+  } else {
+    audio = source.Import({}, {}, console);
   }
+  if (!expected || audio.frames != expected->frames) plan = Plan(options.request, audio);
 
   if (!options.replace_text) {
     for (const Label& label : plan.annotations.labels) RequireText(label.name);
     for (const SectionMarker& marker : plan.annotations.markers) RequireText(marker.name);
   }
-  const int bits = OutputBits(options.bits, source.first());
   const auto document = Assemble(plan, audio, source.annotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
   wave.SetTags(source.first().ReadTags());

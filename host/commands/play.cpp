@@ -48,10 +48,19 @@ class Player {
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  // Returns at the end; throws when interrupted and when the device does not play.
-  void Watch(const std::string& file, const DeviceChoice& device, const Console& console) {
+  // Returns the end of what was played; throws when interrupted and when the device does not play.
+  // `importing`: the section is being imported meanwhile.
+  std::int64_t Watch(const Source& source, bool importing, const DeviceChoice& device,
+                     const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
-    const std::int64_t frames = section_.range.end - section_.range.begin;
+    bool is_shorter = false;
+    const auto note_import = [&] {
+      const auto read = importing ? source.PollImport(console) : std::nullopt;
+      if (!read) return;
+      importing = false;
+      is_shorter = *read < Length();
+      if (is_shorter) section_.range.end = section_.range.begin + *read;
+    };
     ProgressBar bar(console.Progress(), "Playing");
     __int64 position = section_.range.begin;
     for (;;) {
@@ -62,24 +71,32 @@ class Player {
       // At its end a section that is played once is reported from its begin again.
       position = section_.loop ? now_at : std::max(position, now_at);
       if (console.Interrupted()) {
-        throw HostError(ExitStatus::kInterrupted, file,
+        throw HostError(ExitStatus::kInterrupted, source.file(),
                         "interrupted at " + FormatDuration(position, format_.rate));
       }
-      bar.Show(TransportLine("Playing", position, section_.range.end, format_.rate, Levels()),
-               static_cast<double>(position - section_.range.begin) / static_cast<double>(frames));
+      note_import();
+      if (is_shorter && position >= section_.range.end) break;
+      bar.Show(
+          TransportLine("Playing", position, section_.range.end, format_.rate, Levels()),
+          static_cast<double>(position - section_.range.begin) / static_cast<double>(Length()));
       console.Wait(kPollMilliseconds);
     }
+    // A short section can end between two polls.
+    for (note_import(); importing; note_import()) console.Wait(kPollMilliseconds);
     // Playing takes at least as long as the audio lasts; the device did not play the rest.
     constexpr double kSlackSeconds = 0.5;
     const std::chrono::duration<double> took = Clock::now() - start_;
-    const double length = static_cast<double>(frames) / format_.rate;
+    const double length = static_cast<double>(Length()) / format_.rate;
     if (section_.loop || took.count() + kSlackSeconds < length) {
       throw DeviceLost(device, "playing ended at " + FormatDuration(position, format_.rate));
     }
     bar.Show(TransportLine("Playing", section_.range.end, section_.range.end, format_.rate, {}), 1);
+    return section_.range.end;
   }
 
  private:
+  std::int64_t Length() const { return section_.range.end - section_.range.begin; }
+
   std::vector<float> Levels() const {
     std::vector<float> levels(static_cast<std::size_t>(format_.channels));
     for (SHORT channel = 0; channel < format_.channels; ++channel) {
@@ -115,21 +132,23 @@ void Play(const PlayOptions& options, const Console& console) {
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
-  const ImportedAudio audio = source.Import(console);
+  const auto expected = options.loop ? std::nullopt : source.Expected();
+  ImportedAudio audio = expected ? *expected : source.Import(console);
   Section section;
   try {
     section = Resolve(options, audio);
   } catch (const std::invalid_argument& error) {
     throw UsageError("play", error.what());
   }
+  if (expected) audio = source.StartImport(section.range);
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
   const auto document = NewDocument(audio.format, bits);
-  Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
+  SetAudio(document.Get(), audio);
   Check(document->SetPlaybackDevice(device.number()));
-  Player(document.Get(), audio.format, section).Watch(options.input, device, console);
-
-  const auto [begin, end] = section.range;
+  const std::int64_t begin = section.range.begin;
+  const std::int64_t end = Player(document.Get(), audio.format, section)
+                               .Watch(source, expected.has_value(), device, console);
   if (options.json) {
     console.Print(Serialize({{"input", options.input},
                              {"filter", source.filter().class_name},

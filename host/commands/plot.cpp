@@ -29,9 +29,14 @@ void Plot(PlotOptions options, const Console& console) {
   }
   CheckPicture(options.picture, {options.input});
   Source source(options.input);
-  const ImportedAudio audio = source.Import(console);
-  const auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
-  Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
+  const auto expected = source.Expected();
+  const ImportedAudio audio =
+      expected
+          ? source.ImportParts(
+                {ResolveRange(options.picture, expected->frames, expected->format.rate)}, console)
+          : source.Import(console);
+  const auto document = NewDocument(audio.format, 32);
+  SetAudio(document.Get(), audio);
   const Annotations annotations = source.ReadAnnotations();
   DrawDocument(document.Get(), annotations, options.picture);
 

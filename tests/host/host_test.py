@@ -354,6 +354,42 @@ class HostTest(unittest.TestCase):
         self.assertLess(len(picture.wave(225, 0, 50)), 3)
         self.assertLess(len(picture.wave(75, 50, 100)), 3)
 
+    def test_a_picture_of_a_part_is_that_of_the_whole_sound(self):
+        wav, film, chain = (self.folder / name for name in ("all.wav", "all.avi", "chain.ogg"))
+        self.succeed("convert", self.ogg, wav)
+        # These two are imported whole.
+        tool("ffmpeg", "-v", "error", "-i", wav, "-c:a", "pcm_s16le", film)
+        chain.write_bytes(self.ogg.read_bytes() + (ROOT / "tests/data/mono.ogg").read_bytes())
+        for sources in (wav, film), (self.ogg, chain):
+            pictures = []
+            for source in sources:
+                # 274 frames a column, which are drawn from peaks. Blocks of Ogg begin at other multiples of 256.
+                self.assertEqual(run("plot", source, self.png, "--width", "200", "--from", "42084f", "--to", "2.2")[0], 0)
+                pictures.append(self.png.read_bytes())
+            self.assertEqual(*pictures, sources)
+
+    def test_a_second_of_a_long_file_takes_the_room_of_a_second(self):
+        long = self.folder / "long.wav"
+        size = 3 * 3600 * RATE * 4
+        format_chunk = struct.pack("<4sIHHIIHH", b"fmt ", 16, 1, 2, RATE, 4 * RATE, 4, 16)
+        header = struct.pack("<4sI4s", b"RIFF", size + 36, b"WAVE") + format_chunk + struct.pack("<4sI", b"data", size)
+        with open(long, "wb") as file:
+            file.write(header)
+            file.seek(44 + size - 2 * RATE * 4)
+            file.write(self.piece(0, 2 * RATE))
+        options = {"most_bytes": 2_000_000}
+        self.succeed("cut", long, self.out, "--keep", "2:59:58.5:2:59:59.5", "--keep", "1f:10f", **options)
+        self.assertEqual(frames_of(self.out), self.piece(RATE // 2, RATE * 3 // 2) + bytes(36))
+        self.succeed("plot", long, self.png, "--from", "2:59:59", **options)
+
+    def test_cut_draws_its_result(self):
+        # So long that it is drawn from peaks.
+        self.succeed("cut", self.ogg, self.out, "--keep", ":", ":", "--silence", "6:6", "--plot", self.png)
+        picture = Picture(self.png)
+        self.assertEqual(picture.size, (1200, 320))
+        self.assertGreater(len(picture.wave(300, 0, 146)), 20)
+        self.assertEqual(len(picture.wave(900, 0, 146)), 1)
+
     def test_cut_keeps_and_reports_the_audio_when_its_picture_cannot_be_written(self):
         self.png.symlink_to("nowhere/out.png")
         status, output, messages = run("cut", self.ogg, self.out, "--keep", "1:2", "--plot", self.png, "--json")

@@ -140,10 +140,38 @@ class SoundTest(unittest.TestCase):
                                          "--device", "0", "--progress")
         self.assertEqual(status, 0)
         self.assertTrue(messages.endswith("progress 100 Playing\n"), messages)
+        # It did not wait for the import.
+        self.assertNotIn("Reading", messages)
         self.assertRegex(text, r"^played .*two\.ogg: 0:00:00\.500 to 0:00:01\.000\n$")
         frames = heard.frames()
         self.assertAlmostEqual(len(frames), 0.5 * RATE, delta=0.1 * RATE)
         self.assertTrue(all(left == 0 for left, _ in frames))
+
+    def test_play_from_the_end_of_a_long_file_imports_the_end(self):
+        long, size = self.folder / "long.wav", 3 * 3600 * RATE * 4
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 16, self.out, "synth", 1, "sine", 440, "vol", 0.5)
+        tone = self.out.read_bytes()[44:]
+        with open(long, "wb") as file:
+            file.write(struct.pack("<4sI8sIHHIIHH4sI", b"RIFF", size + 36, b"WAVEfmt ", 16, 1, 2, RATE, 4 * RATE, 4, 16,
+                                   b"data", size))
+            file.seek(44 + size - len(tone))
+            file.write(tone)
+        with Heard(self.speaker) as heard:
+            status, _, messages = run("play", long, "--from", "2:59:59.5", most_bytes=100_000_000)
+        self.assertEqual((status, messages), (0, ""))
+        self.assertAlmostEqual(len(heard.frames()), RATE / 2, delta=0.1 * RATE)
+
+    def test_play_of_a_damaged_file_ends_where_its_sound_ends(self):
+        data = self.long.read_bytes()
+        pages = [match.start() for match in re.finditer(b"OggS", data)]
+        damaged = self.folder / "damaged.ogg"
+        damaged.write_bytes(data[:pages[4]] + data[pages[5]:])
+        with Heard(self.speaker) as heard:
+            status, text, messages = run("play", damaged, "--json")
+        self.assertEqual(status, 0)
+        frames = int(re.search(r"only (\d+) of \d+ frames could be decoded", messages)[1])
+        self.assertEqual(json.loads(text)["end"], frames)
+        self.assertAlmostEqual(len(heard.frames()), frames, delta=0.2 * RATE)
 
     def test_play_and_scrub_go_on_until_they_are_interrupted(self):
         with Heard(self.speaker) as heard:
