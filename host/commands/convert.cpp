@@ -2,6 +2,7 @@
 // in another sample rate or number of channels if asked.
 #include "host/commands/commands.h"
 
+#include "core/sample_count.h"
 #include "host/commands/shared.h"
 #include "host/converted_audio.h"
 #include "host/engine.h"
@@ -52,11 +53,15 @@ void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
   FileExport wave(options.output, {options.input});
   const int bits = OutputBits(options.bits, source);
+  if (const auto expected = source.Expected()) {
+    const AudioFormat to = TargetFormat(expected->format, options.rate, options.channels);
+    wave.RequireRoom(ConvertSampleCount(expected->frames, expected->format.rate, to.rate), to,
+                     bits);
+  }
   // Into a pool even where the format changes: the connector needs the length in advance, and a
   // filter may only estimate it.
   const ImportedAudio audio = source.Import(console);
-  const AudioFormat to = {static_cast<LONG>(options.rate.value_or(audio.format.rate)),
-                          static_cast<SHORT>(options.channels.value_or(audio.format.channels))};
+  const AudioFormat to = TargetFormat(audio.format, options.rate, options.channels);
   const Annotations annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
   CopyTexts(source, annotations, wave);
   __int64 frames = audio.frames;

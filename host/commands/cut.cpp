@@ -84,7 +84,10 @@ void Cut(const CutOptions& options, const Console& console) {
   CutPlan plan;
   ImportedAudio audio;
   const auto expected = source.Expected({}, {});
-  if (expected) plan = Plan(options.request, *expected);
+  if (expected) {
+    plan = Plan(options.request, *expected);
+    wave.RequireRoom(plan.length, expected->format, bits);
+  }
   if (source.CanImportParts()) {
     audio = source.ImportParts(plan.pieces, console);
   } else {

@@ -25,10 +25,13 @@ void Join(const JoinOptions& options, const Console& console) {
   const auto [inputs, output] = SplitFiles("join", options.files);
   JoinedSource source(inputs);
   FileExport wave(output, inputs);
+  const int bits = OutputBits(options.bits, source.first());
+  if (const auto expected = source.Expected(options.rate, options.channels)) {
+    wave.RequireRoom(expected->frames, expected->format, bits);
+  }
   const ImportedAudio audio = source.Import(options.rate, options.channels, console);
   wave.SetTags(source.first().ReadTags());
   wave.SetAnnotations(source.annotations());
-  const int bits = OutputBits(options.bits, source.first());
   const WaveFileFacts facts = wave.Run(audio.reader.Get(), bits, console);
   PrintSummary({inputs, source.first().filter().class_name, output, audio.format, bits,
                 audio.frames, source.annotations(), facts},

@@ -381,6 +381,11 @@ class HostTest(unittest.TestCase):
         self.succeed("cut", long, self.out, "--keep", "2:59:58.5:2:59:59.5", "--keep", "1f:10f", **options)
         self.assertEqual(frames_of(self.out), self.piece(RATE // 2, RATE * 3 // 2) + bytes(36))
         self.succeed("plot", long, self.png, "--from", "2:59:59", **options)
+        # Refused before anything is imported.
+        self.out.unlink()
+        for command in (["convert", long], ["join", long, long]):
+            self.fail_with(4, *command, self.out, "--bits", "32", "--channels", "4", says="4 GiB", **options)
+        self.assertFalse(self.out.exists())
 
     def test_cut_draws_its_result(self):
         # So long that it is drawn from peaks.
