@@ -235,6 +235,10 @@ class HostTest(unittest.TestCase):
                          for options in ([], ["--rate", "22050"]))
         self.assertLess(whole, FRAMES)
         self.assertEqual(slower, whole * 22050 // RATE)
+        # The part is shorter than the file promises, so it ends there as well.
+        status, _, messages = run("cut", hole, self.out, "--keep", "0.5:")
+        self.assertEqual((status, frames_of(self.out)), (0, self.piece(RATE // 2, whole)))
+        self.assertIn(f"only {whole} of {FRAMES} frames", messages)
         self.assertEqual(run("convert", half, self.out)[0], 0)
         frames = frames_of(self.out)
         self.assertGreater(len(frames), RATE)

@@ -131,8 +131,11 @@ TEST_F(DShowImport, ImportsAPartOfASoundFileAsOftenAsTheFileIsInitialized) {
     const std::wstring path = Write(name, file);
     Import(path);
     const std::vector<float> whole = writer_->samples;
-    for (const auto& [first, count] :
-         {std::pair<std::size_t, std::size_t>{0, kFrames}, {70001, 20000}, {kFrames - 1, 1}}) {
+    const std::vector<std::size_t> blocks = writer_->block_sizes;
+    for (const auto& [first, count] : {std::pair<std::size_t, std::size_t>{0, kFrames},
+                                       {1, 20000},
+                                       {70001, kFrames - 70001},
+                                       {kFrames - 1, 1}}) {
       writer_ = MakeObject<RecordingWriter>();
       ASSERT_EQ(Initialize(path), S_OK);
       const auto section = As<IImportSection>(filter_);
@@ -147,6 +150,10 @@ TEST_F(DShowImport, ImportsAPartOfASoundFileAsOftenAsTheFileIsInitialized) {
       EXPECT_TRUE(
           std::ranges::equal(writer_->samples, std::span(whole).subspan(2 * first, 2 * count)))
           << first;
+      // All but the first block.
+      EXPECT_TRUE(first + count < kFrames ||
+                  std::equal(writer_->block_sizes.rbegin(), writer_->block_sizes.rend() - 1,
+                             blocks.rbegin()));
       EXPECT_EQ(Total(), count);
       EXPECT_EQ(Progress(), 1);
       EXPECT_EQ(section->SetSection(0, 1), E_FAIL);

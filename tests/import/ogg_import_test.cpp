@@ -39,7 +39,9 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   expect(DataFile("no_samples.ogg"), 0, -1);
   EXPECT_THAT(writer_->calls, ElementsAre("SetFormat", "OpenDevice", "CloseDevice"));
   // Progress shows that a part is left out.
-  expect(TemporaryOgg(Chained("stereo.ogg", "mono.ogg")).path(), 44100, 44100 / (44100 + 66150.0F));
+  const TemporaryOgg chain(Chained("stereo.ogg", "mono.ogg"));
+  expect(chain.path(), 44100, 44100 / (44100 + 66150.0F));
+  ASSERT_EQ(Initialize(chain.path()), S_OK);
   EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
   Import(DataFile("stereo.ogg"));
   const std::vector<float> whole = std::move(writer_->samples);
