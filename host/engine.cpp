@@ -57,7 +57,10 @@ ComPtr<IImportFilter> AskManager(BSTR file) {
 }
 
 // The built-in filter of the highest merit that accepts the file, chosen as the manager chooses.
+// Those that the manager has asked are not asked again: a hanging decoder takes them fifteen
+// seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
+  const std::vector<ListedFilter> listed = ReadFilterList().entries;
   ComPtr<IImportFilter> best;
   SHORT best_merit = -1;
   bool any = false;
@@ -65,6 +68,10 @@ ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
     ComPtr<IImportFilter> filter;
     if (FAILED(CreateInstance(*built_in.class_id, filter))) continue;
     any = true;
+    if (std::ranges::any_of(
+            listed, [&](const ListedFilter& entry) { return Lists(entry, *built_in.class_id); })) {
+      continue;
+    }
     SHORT merit = -1;
     if (filter->QueryCanLoad(file) == S_OK && SUCCEEDED(filter->GetMerit(&merit)) &&
         merit > best_merit) {
