@@ -556,14 +556,15 @@ STDAPI DllRegisterServer() {
                     SetText(root, server.c_str(), nullptr, path) &&
                     // The engine calls it from the thread that created it.
                     SetText(root, server.c_str(), L"ThreadingModel", L"Both");
-  // The list is the machine's, so a user may not be allowed to change it.
-  const bool listed = SetText(HKEY_LOCAL_MACHINE, kFilterList, kListedAs, kClassText);
-  return done && (listed || IsPerUser()) ? S_OK : SELFREG_E_CLASS;
+  // The list is the machine's, which a class of one user is no part of.
+  const bool listed =
+      IsPerUser() || SetText(HKEY_LOCAL_MACHINE, kFilterList, kListedAs, kClassText);
+  return done && listed ? S_OK : SELFREG_E_CLASS;
 }
 
 STDAPI DllUnregisterServer() {
   // What is not there need not be removed.
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFilterList, kListedAs);
+  if (!IsPerUser()) RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFilterList, kListedAs);
   const LSTATUS status =
       RegDeleteTreeW(IsPerUser() ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE, kClassKey);
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND ? S_OK : SELFREG_E_CLASS;
