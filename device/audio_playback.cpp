@@ -43,10 +43,9 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // A width that is no multiple of 8 takes more bytes to convert than its block align. An
-    // empty block is played as well, and drivers want an address.
+    // A width that is no multiple of 8 takes more bytes to convert than its block align.
     const int bits = format.wBitsPerSample;
-    data_.resize(std::max<std::size_t>({size, samples.size() * PcmBytesPerSample(bits), 1}));
+    data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
       std::ranges::copy(std::as_bytes(samples), data_.begin());
     } else {
@@ -65,8 +64,10 @@ class CAudioOutBuffer {
   CAudioOutBuffer(const CAudioOutBuffer&) = delete;
   CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
 
-  // False when the device refuses the buffer.
+  // False when the device refuses the buffer. An empty one is played without it: format conversions
+  // of the system refuse empty buffers, and two in a row stop the device of Wine.
   bool Play(HWAVEOUT device) noexcept {
+    if (size() == 0) return true;
     device_ = device;
     waveOutPrepareHeader(device_, &header_, sizeof header_);
     return waveOutWrite(device_, &header_, sizeof header_) == MMSYSERR_NOERROR;
@@ -80,7 +81,7 @@ class CAudioOutBuffer {
   bool IsDone() const noexcept {
     // The device sets the flag on a thread of its own.
     const volatile DWORD& flags = header_.dwFlags;
-    const bool done = (flags & WHDR_DONE) != 0;
+    const bool done = size() == 0 || (flags & WHDR_DONE) != 0;
     std::atomic_thread_fence(std::memory_order_acquire);
     return done;
   }
@@ -139,10 +140,7 @@ struct CAudioPlayback::Job {
       if (!TakesBlocks()) return E_FAIL;
     }
     if (!block.front().Play(device)) {
-      // A format conversion of the system may refuse an empty block, of which nothing is lost.
-      const bool lost = block.front().size() > 0;
       block.clear();
-      if (!lost) return S_OK;
       End();
       return E_FAIL;
     }

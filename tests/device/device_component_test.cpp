@@ -62,6 +62,7 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   EXPECT_EQ(player.Position(), 1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
   EXPECT_EQ(player->WriteAudio(Floats(0)), S_OK);
+  EXPECT_EQ(player->WriteAudio(Floats(1)), S_OK);  // half a frame
   EXPECT_EQ(player->WriteAudio(Floats(7)), S_OK);  // three frames and a half
   const Floats block(2 * 4410);
   const auto start = std::chrono::steady_clock::now();
