@@ -238,17 +238,19 @@ void RecordFile(const RecordOptions& options, const Console& console) {
                     "the file is valid and holds the first " +
                         FormatDuration(recorded, format.rate) + "; " + shortfall->what());
   }
+  // Compressed files have no bits per sample.
+  const int bits = saved.facts.block_align > 0 ? options.bits : 0;
   if (options.json) {
     console.Print(Serialize({{"device", OrNull(device.index())},
                              {"output", saved.file},
                              {"sample_rate", format.rate},
                              {"channels", format.channels},
-                             {"bits_per_sample", options.bits},
+                             {"bits_per_sample", bits > 0 ? Json(bits) : Json(nullptr)},
                              {"frames", recorded},
                              {"duration_seconds", static_cast<double>(recorded) / format.rate},
                              {"bytes", saved.facts.bytes}}));
   } else {
-    console.Print(DescribeFile(saved.file, recorded, format, options.bits));
+    console.Print(DescribeFile(saved.file, recorded, format, bits));
   }
 }
 

@@ -203,7 +203,7 @@ class SoundTest(unittest.TestCase):
             (2, [*take, "0"], "no frame"),
             (2, [*take, "999999"], "4 GiB"),
             (2, [*take, "1", "--channels", "0"], "--channels"),
-            (2, ["record", self.folder / "out.mp3", "--seconds", "1"], ".wav"),
+            (2, ["record", self.folder / "out.flac", "--seconds", "1"], ".wav"),
             # Before the take.
             (4, ["record", folder, "--seconds", "9999"], "this is a folder"),
             *((7, [*words, "--device", "99"], "marlinda devices") for words in (play, [*scrub, "1"], [*take, "1"])),

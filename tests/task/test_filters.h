@@ -113,9 +113,9 @@ class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
  private:
   std::function<void(const std::atomic<bool>&)> Body() override {
     return [writer = std::move(writer_), size = block_samples, make = signal,
-            left = static_cast<std::size_t>(frames * channels)](const auto& cancelled) mutable {
+            left = static_cast<std::uint64_t>(frames * channels)](const auto& cancelled) mutable {
       for (std::uint64_t at = 0; left > 0 && !cancelled;) {
-        const Floats block(std::min(size, left));
+        const Floats block(static_cast<std::size_t>(std::min<std::uint64_t>(size, left)));
         left -= block.values().size();
         for (float& sample : block.values()) sample = make(at++);
         writer->WriteAudio(block);
