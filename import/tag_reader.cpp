@@ -4,6 +4,7 @@
 #include <taglib/id3v1tag.h>
 #include <taglib/id3v2framefactory.h>
 #include <taglib/id3v2header.h>
+#include <taglib/id3v2synchdata.h>
 #include <taglib/id3v2tag.h>
 #include <taglib/tbytevectorstream.h>
 
@@ -44,15 +45,35 @@ class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
   }
 };
 
+// Of a tag and of each of its frames.
+constexpr unsigned kTagHeaderBytes = 10;
+
 // TagLib takes the size of a version 2.3 extended header for one of version 2.4.
 void RemoveExtendedHeader(TagLib::ByteVector& tag) {
-  constexpr unsigned kHeaderBytes = 10;
   constexpr char kExtended = 0x40;
-  if (tag.size() < kHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;
+  if (tag.size() < kTagHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;
   tag[5] = static_cast<char>(tag[5] & ~kExtended);
-  const std::uint64_t end = std::uint64_t{kHeaderBytes} + 4 + tag.toUInt(kHeaderBytes);
+  const std::uint64_t end = std::uint64_t{kTagHeaderBytes} + 4 + tag.toUInt(kTagHeaderBytes);
   const auto rest = static_cast<unsigned>(std::min<std::uint64_t>(end, tag.size()));
-  tag = tag.mid(0, kHeaderBytes) + tag.mid(rest);
+  tag = tag.mid(0, kTagHeaderBytes) + tag.mid(rest);
+}
+
+// TagLib takes the byte that names the group of a text for the first of the text.
+void RemoveGroups(TagLib::ByteVector& tag) {
+  const bool is_new = tag.size() > kTagHeaderBytes && tag[3] == 4;
+  const char grouped = is_new ? 0x40 : 0x20;
+  if (tag.size() <= kTagHeaderBytes || tag[3] < 3 || tag[5] != 0) return;
+  for (std::uint64_t at = kTagHeaderBytes; at + kTagHeaderBytes < tag.size();) {
+    const auto frame = static_cast<unsigned>(at);
+    const std::uint64_t size =
+        is_new ? TagLib::ID3v2::SynchData::toUInt(tag.mid(frame + 4, 4)) : tag.toUInt(frame + 4);
+    at += kTagHeaderBytes + size;
+    if (at > tag.size() || size < 2 || tag[frame] != 'T' || tag[frame + 9] != grouped) continue;
+    // A zero at the end of a text does not count.
+    tag[frame + 9] = tag[frame + kTagHeaderBytes] = 0;
+    std::rotate(tag.begin() + frame + kTagHeaderBytes, tag.begin() + frame + kTagHeaderBytes + 1,
+                tag.begin() + static_cast<unsigned>(at));
+  }
 }
 
 Tags TextsOf(const TagLib::Tag& tag) {
@@ -76,6 +97,7 @@ std::optional<Tags> ReadTags(ByteSource& file) {
   std::optional<Tags> tags;
   if (bytes.startsWith(TagLib::ID3v2::Header::fileIdentifier())) {
     RemoveExtendedHeader(bytes);
+    RemoveGroups(bytes);
     TagLib::ByteVectorStream stream(bytes);
     TagFile id3(stream);
     const TextFrameFactory factory;

@@ -369,6 +369,13 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
                         Frame(4, "TIT2", Bytes{2, 0xD8, 0x3C, 0xDF, 0xB5}) + Text("TPE1") +
                         Big(0x7F7F7F7F, 4)),
             (Tags{"\xF0\x9F\x8E\xB5", "", "\xE2\x82\xAC", "2009", ""}));
+  // A byte that names a group stands before the text.
+  for (const auto& [version, flag] : {std::pair{3, 0x20}, {4, 0x40}}) {
+    Bytes grouped = Frame(version, "TIT2", Bytes{7, 0} + Text("In a group"));
+    grouped[9] = static_cast<char>(flag);
+    EXPECT_EQ(tags_of(version, 0, Frame(version, "TALB", Bytes{0, 'A'}) + grouped).title,
+              "In a group");
+  }
   // Chapters inside chapters, deeper than a stack.
   Bytes chapters;
   for (std::uint64_t depth = 30000; depth > 0; --depth) {
