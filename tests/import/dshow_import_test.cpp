@@ -212,7 +212,7 @@ TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
   const auto other = MakeObject<RecordingWriter>();
   for (const riff::Bytes& file :
        {riff::Text("no music at all, only a line of text\n"), riff::Bytes(),
-        riff::Wav(riff::PlainFormat(1, 2, 0, 2, 16), riff::Bytes(8, 0), {}), AviFile(0)}) {
+        riff::Wav(riff::PlainFormat(1, 2, 0, 2, 16), riff::Bytes(8, 0), {})}) {
     const std::wstring path = Write(L"bad", file);
     EXPECT_EQ(QueryCanLoad(path), E_FAIL);
     EXPECT_EQ(filter_->Initialize(Bstr(path), other.Get()), E_FAIL);
