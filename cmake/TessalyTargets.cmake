@@ -1,4 +1,4 @@
-# How every target of this project is compiled, and the three kinds of target there are.
+# How every target of this project is compiled, and the kinds of target there are.
 
 add_library(tessaly_options INTERFACE)
 if(MSVC)
@@ -68,4 +68,12 @@ function(tessaly_components folder)
   if(TARGET ${folder}_kernels)
     target_link_libraries(${folder}_components PUBLIC ${folder}_kernels)
   endif()
+endfunction()
+
+# tessaly_module(<name> <description> <sources...>): <name>.dll, beside the programs.
+function(tessaly_module name description)
+  add_library(${name} SHARED ${ARGN})
+  set_target_properties(${name} PROPERTIES PREFIX "" IMPORT_PREFIX "" RUNTIME_OUTPUT_DIRECTORY
+                                                                      ${CMAKE_BINARY_DIR})
+  tessaly_version_resource(${name} "${description}")
 endfunction()
