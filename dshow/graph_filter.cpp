@@ -14,17 +14,6 @@ constexpr long kBufferCount = 4;
 
 HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 
-HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
-  auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-  if (copy == nullptr) return E_OUTOFMEMORY;
-  const HRESULT hr = type.CopyTo(copy);
-  if (FAILED(hr))
-    CoTaskMemFree(copy);
-  else
-    *out = copy;
-  return hr;
-}
-
 using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
 using MediaTypes = Enumerator<IEnumMediaTypes, AudioType, AM_MEDIA_TYPE*, GiveType>;
 
@@ -110,6 +99,17 @@ HRESULT AudioType::CopyTo(AM_MEDIA_TYPE* type) const noexcept {
   if (type->pbFormat == nullptr) return E_OUTOFMEMORY;
   std::memcpy(type->pbFormat, format_.data(), format_.size());
   return S_OK;
+}
+
+HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
+  auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
+  if (copy == nullptr) return E_OUTOFMEMORY;
+  const HRESULT hr = type.CopyTo(copy);
+  if (FAILED(hr))
+    CoTaskMemFree(copy);
+  else
+    *out = copy;
+  return hr;
 }
 
 // GraphPin

@@ -63,6 +63,9 @@ class AudioType {
   std::vector<BYTE> format_;
 };
 
+// Gives a copy of the type, structure and all, for the caller to free. Otherwise `out` stays.
+HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
+
 // The base of both kinds of pins. A pin lives in its filter and counts its references there.
 class GraphPin : public IPin {
  public:

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <utility>
 
 #include "core/com_call.h"
@@ -120,7 +119,8 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     if (type == nullptr) return E_POINTER;
     *type = nullptr;
     if (!chosen_ && !input_.IsConnected()) return VFW_E_NOT_CONNECTED;
-    return ComCall([&] { return Give(input_.IsConnected() ? Format() : *chosen_, type); });
+    return ComCall(
+        [&] { return GiveType(TypeOf(input_.IsConnected() ? Format() : *chosen_), type); });
   }
   STDMETHODIMP GetNumberOfCapabilities(int* count, int* size) override {
     if (count == nullptr || size == nullptr) return E_POINTER;
@@ -144,20 +144,8 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
       caps.MinimumSampleFrequency = caps.MaximumSampleFrequency =
           static_cast<ULONG>(format.samples_per_sec);
       std::memcpy(details, &caps, sizeof caps);
-      return Give(format, type);
+      return GiveType(TypeOf(format), type);
     });
-  }
-
-  static HRESULT Give(const Mp3Format& format, AM_MEDIA_TYPE** out) {
-    const AudioType type = TypeOf(format);
-    auto* const copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-    if (copy == nullptr) return E_OUTOFMEMORY;
-    const HRESULT hr = type.CopyTo(copy);
-    if (FAILED(hr))
-      CoTaskMemFree(copy);
-    else
-      *out = copy;
-    return hr;
   }
 
   const InputPin& input_;

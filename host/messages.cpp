@@ -50,8 +50,7 @@ constexpr Meaning kMeanings[] = {
      {},
      "the system has no decoder or encoder for this",
      "Install one for this kind of file. MP3 files need Mp3Encoder.dll beside Tessaly.dll, and "
-     "have one or two "
-     "channels and at most 48000 Hz."},
+     "have one or two channels and at most 48000 Hz."},
     {0x80070057, {}, "the engine refuses a value it was given", ""},
     {0x80040154, ExitStatus::kRegistration, "the class is not registered", kRegister},
     {0x80040111, ExitStatus::kRegistration, "the registered module does not offer the class",
