@@ -65,8 +65,7 @@ class EncoderPin final : public OutputPin, private IAMStreamConfig {
   }
   STDMETHODIMP GetStreamCaps(int index, AM_MEDIA_TYPE** type, BYTE* details) override {
     std::memset(details, 0, sizeof(AUDIO_STREAM_CONFIG_CAPS));
-    *type = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
-    return Mp3Type(plan_.kbits_per_sec.at(static_cast<std::size_t>(index))).CopyTo(*type);
+    return GiveType(Mp3Type(plan_.kbits_per_sec.at(static_cast<std::size_t>(index))), type);
   }
 
   const EncoderPlan plan_;

@@ -24,9 +24,7 @@ class Mp3Files(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         keep_wine_alive(cls)
-        folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         cls.addClassCleanup(lambda: wine("reg", "delete", SETTINGS, "/v", "MP3Bitrate", "/f"))
 
     def convert(self, *words):

@@ -16,9 +16,7 @@ class FlacFiles(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         keep_wine_alive(cls)
-        folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         # The manager asks registered filters alone.
         tool(WINE, "regsvr32", "/s", MODULE)
         cls.addClassCleanup(tool, WINE, "regsvr32", "/s", "/u", MODULE)
