@@ -1,72 +1,42 @@
-// Calls every method of one class with null pointers, numbers at and beyond every edge, texts of
-// every kind and the matrix of sample arrays, in every state of the object. After each such call
-// every method is called once more with proper arguments. The cases come from the type library.
-// CTest runs the program once for each class.
+// Calls every method of one class with null pointers, numbers at and beyond every edge, strange
+// texts and wrong sample arrays, in every state of the object, and then every method with proper
+// arguments. The cases come from the type library. CTest runs the program once for each class.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <list>
+#include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <thread>
-#include <variant>
 
-#include "tests/abuse/hostile_arrays.h"
-#include "tests/abuse/scene.h"
+#include "tests/abuse/parts.h"
+#include "tests/support/contract_model.h"
 #include "tests/support/our_converter.h"
 #include "tests/support/process_counts.h"
 
 namespace marlinda::testing {
 namespace {
 
+// Every argument travels as one: pointers and the bits of floats as well.
 using Number = std::int64_t;
+using SharedArray = std::shared_ptr<SAFEARRAY>;
 
+constexpr LONG kRate = 44100;
+constexpr SHORT kChannels = 2;
+constexpr __int64 kFrames = 1000;
+constexpr Number kMin = std::numeric_limits<Number>::min();
+constexpr Number kMax = std::numeric_limits<Number>::max();
 // Stopping a thread costs a poll of 100 milliseconds, so only some cases start one afterwards.
 constexpr int kCasesForOneStart = 64;
-
-// What is passed for one parameter instead of what a good host would pass.
-struct Change {
-  std::size_t parameter;
-  std::variant<std::nullptr_t, Number, float, const std::wstring*, const ArrayCase*> value;
-};
-
-struct Case {
-  std::string name;
-  std::vector<Change> changes;
-  Verdict verdict = Verdict::kAny;
-
-  bool HasArray() const {
-    return changes.size() == 1 && std::holds_alternative<const ArrayCase*>(changes[0].value);
-  }
-};
-
-const std::vector<Number>& NumbersOf(VARTYPE type) {
-  constexpr Number kMin = std::numeric_limits<Number>::min();
-  constexpr Number kMax = std::numeric_limits<Number>::max();
-  static const std::vector<Number> kShort = {-1, 0, 1, 2, 7, 8, 24, 25, 32, 33, 32767, -32768};
-  static const std::vector<Number> kLong = {
-      -1, 0, 1, 2, 1023, 65535, 65536, 384000, 1 << 24, 1 << 30, 2147483647, -2147483648LL};
-  static const std::vector<Number> kWide = {
-      -1,           0,        1,           2,    999,  1000,    1001, 1LL << 31, kMax / 8,
-      kMax / 4 + 1, kMax / 2, kMax - 1000, kMax, kMin, kMin + 1};
-  return type == VT_I8 ? kWide : type == VT_I2 || type == VT_BOOL ? kShort : kLong;
-}
-
-const std::vector<std::pair<std::string, std::wstring>>& Texts() {
-  static const std::vector<std::pair<std::string, std::wstring>> texts = {
-      {"empty", L""},
-      {"with a NUL inside", std::wstring(L"C:\\a\0b.ogg", 10)},
-      {"a million characters long", std::wstring(1 << 20, L'x')},
-      {"outside the code page", L"\x97f3\x697d\x0416\xd83c\xdfb5"},
-      {"half a surrogate pair", L"\xd800 \xdc00\xdc00"},
-      {"full of percent signs", L"%s%n%1!s!%%"},
-      {"a folder", L"C:\\"},
-      {"a wild card", L"*?<>|\""},
-  };
-  return texts;
-}
+// What a method must return, if not one error.
+constexpr HRESULT kAny = S_OK;
+constexpr HRESULT kAsTheProper = S_FALSE;  // what it returns for a proper array
 
 // Methods for which no object has a meaning of its own.
 const std::set<std::string> kTakeNoObject = {
@@ -76,51 +46,136 @@ const std::set<std::string> kStart = {"Start", "StartScrub", "Play", "ShowSettin
 // The segment iteration lends its readers.
 const std::set<std::string> kLend = {"GetFirstSegment", "GetNextSegment"};
 
+// An integer of a pointer's size, whatever it points to.
+constexpr VARTYPE kPointerType = sizeof(void*) == 8 ? VT_I8 : VT_I4;
+
+enum State { kFresh, kSetUp, kOpen };
+
+// An array whose samples end right before a forbidden page or begin right after one: an access
+// outside the samples ends the program.
+SharedArray Guarded(std::size_t count = 2048, bool at_end = true, float value = 0.25F) {
+  constexpr std::size_t kPage = 4096;
+  const std::size_t bytes = count * sizeof(float);
+  const std::size_t room = (bytes + kPage - 1) / kPage * kPage;
+  auto* const pages =
+      static_cast<char*>(VirtualAlloc(nullptr, room + 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
+  if (room > 0) VirtualAlloc(pages + kPage, room, MEM_COMMIT, PAGE_READWRITE);
+  auto* const samples = reinterpret_cast<float*>(pages + kPage + (at_end ? room - bytes : 0));
+  std::fill_n(samples, count, value);
+  SAFEARRAY* array = nullptr;
+  Check(SafeArrayAllocDescriptorEx(VT_R4, 1, &array));
+  array->pvData = samples;
+  array->rgsabound[0] = {static_cast<ULONG>(count), 0};
+  return {array, [pages](SAFEARRAY* given) {
+            given->cLocks = 0;
+            given->pvData = nullptr;
+            SafeArrayDestroyDescriptor(given);
+            VirtualFree(pages, 0, MEM_RELEASE);
+          }};
+}
+
+// Arrays as a host should never pass them, and proper ones, with what a method must return.
+std::vector<std::pair<HRESULT, SharedArray>> Arrays() {
+  std::vector<std::pair<HRESULT, SharedArray>> arrays = {{E_INVALIDARG, nullptr}};
+  for (const VARTYPE type : {VT_R4, VT_I4, VT_R8, VT_BSTR, VT_VARIANT, VT_I1, VT_UI8}) {
+    const auto array = std::make_shared<ForeignArray>(type, type == VT_R4 ? 2 : 1);
+    arrays.emplace_back(E_INVALIDARG, SharedArray(array, *array));
+  }
+  const auto changed = [&](HRESULT wanted) -> SAFEARRAY& {
+    return *arrays.emplace_back(wanted, Guarded()).second;
+  };
+  changed(E_INVALIDARG).pvData = nullptr;
+  for (const ULONG elements : {0x40000000UL, 0xFFFFFFFFUL}) {
+    changed(E_INVALIDARG).rgsabound[0].cElements = elements;
+  }
+  using Bounds = std::numeric_limits<LONG>;
+  for (const LONG bound : {Bounds::min(), 5L, Bounds::max()}) {
+    changed(kAsTheProper).rgsabound[0].lLbound = bound;
+  }
+  changed(kAsTheProper).cLocks = 1;
+  changed(E_UNEXPECTED).cLocks = 0xFFFF;
+  for (const std::size_t count : {0, 1, 2, 3, 511, 2047, 2049, 65537}) {
+    for (const bool at_end : {true, false}) arrays.emplace_back(kAny, Guarded(count, at_end));
+  }
+  using Values = std::numeric_limits<float>;
+  for (const float value : {Values::signaling_NaN(), -Values::infinity(), Values::max()}) {
+    arrays.emplace_back(kAsTheProper, Guarded(2048, true, value));
+  }
+  return arrays;
+}
+
+// What is passed for some parameters instead of what a good host would pass.
+using Changes = std::map<std::size_t, Number>;
+struct Case {
+  std::string name;
+  Changes changes;
+  HRESULT wanted = kAny;
+  SharedArray array;
+};
+
+Number AsNumber(const void* pointer) { return reinterpret_cast<INT_PTR>(pointer); }
+
 std::vector<Case> CasesOf(const Method& method) {
-  std::vector<Case> cases = {{"as it should be", {}}};
+  constexpr Number kNumbers[] = {-1,
+                                 0,
+                                 1,
+                                 2,
+                                 25,
+                                 33,
+                                 1001,
+                                 32767,
+                                 -32768,
+                                 384000,
+                                 1 << 30,
+                                 2147483647,
+                                 ~0x7FFFFFFFLL,
+                                 kMax / 4 + 1,
+                                 kMax - 1000,
+                                 kMax,
+                                 kMin};
+  static const BSTR kNul = SysAllocStringLen(L"C:\\a\0b.ogg", 10);
+  static const Bstr kTexts[] = {Bstr(L""),
+                                Bstr(std::wstring(1 << 20, L'x')),
+                                Bstr(L"\x97f3\x0416\xd83c\xdfb5"),
+                                Bstr(L"\xd800 \xdc00\xdc00"),
+                                Bstr(L"%s%n%1!s!%%"),
+                                Bstr(L"C:\\"),
+                                Bstr(L"*?<>|\"")};
+  std::vector<Case> cases = {{"as it should be", {}, kAny, {}}};
   std::vector<std::size_t> numbers;
   for (std::size_t p = 0; p < method.parameters.size(); ++p) {
-    const Parameter& parameter = method.parameters[p];
-    const auto add = [&](const std::string& text, auto value, Verdict verdict = Verdict::kAny) {
-      cases.push_back({parameter.name + " " + text, {{p, value}}, verdict});
+    const auto& [name, kind, type, iid] = method.parameters[p];
+    const auto add = [&, &name = name](Number value, HRESULT wanted = kAny,
+                                       const SharedArray& array = {}) {
+      cases.push_back({name + " " + std::to_string(value), {{p, value}}, wanted, array});
     };
-    switch (parameter.kind) {
-      case Kind::kOut:
-        add("null", nullptr, Verdict::kPointer);
-        break;
-      case Kind::kObject:
-        add("null", nullptr,
-            kTakeNoObject.contains(method.FullName()) ? Verdict::kAny : Verdict::kPointer);
-        break;
-      case Kind::kInteger:
-        numbers.push_back(p);
-        for (const Number number : NumbersOf(parameter.type)) add(std::to_string(number), number);
-        break;
-      case Kind::kReal:
-        for (const float real : {0.0F, -1.0F, std::numeric_limits<float>::infinity(),
-                                 std::numeric_limits<float>::quiet_NaN()}) {
-          add(std::to_string(real), real);
-        }
-        break;
-      case Kind::kText:
-        add("null", nullptr);
-        for (const auto& [name, text] : Texts()) add(name, &text);
-        break;
-      case Kind::kArray:
-        for (const ArrayCase& array : ArrayMatrix()) add(array.name, &array, array.verdict);
-        break;
+    if (kind == Kind::kInteger) {
+      numbers.push_back(p);
+      const int unused = type == VT_I8 ? 0 : type == VT_I2 || type == VT_BOOL ? 48 : 32;
+      for (const Number number : kNumbers) {
+        if (number <= kMax >> unused && number >= kMin >> unused) add(number);
+      }
+    } else if (kind == Kind::kReal) {
+      for (const float real : {-1.0F, 0.0F, std::numeric_limits<float>::quiet_NaN()}) {
+        add(std::bit_cast<std::int32_t>(real));
+      }
+    } else if (kind == Kind::kArray) {
+      for (const auto& [wanted, array] : Arrays()) add(AsNumber(array.get()), wanted, array);
+    } else if (kind == Kind::kText) {
+      for (const Bstr& text : kTexts) add(AsNumber(text));
+      for (const BSTR text : {kNul, BSTR{}}) add(AsNumber(text));
+    } else {
+      add(0, kTakeNoObject.contains(method.FullName()) ? kAny : E_POINTER);
     }
   }
   if (numbers.size() < 2) return cases;
   // Sums, differences and products of these overflow.
-  constexpr Number kWide = std::numeric_limits<Number>::max();
-  for (const auto& [first, others] :
-       {std::pair{kWide, kWide}, std::pair{kWide, Number{-1}}, std::pair{~kWide, kWide},
-        std::pair{kWide / 2 + 1, kWide}, std::pair{Number{-1}, Number{1}}}) {
-    Case& all = cases.emplace_back(Case{"all " + std::to_string(first), {}});
+  for (const auto& [first, others] : {std::pair{kMax, kMax}, std::pair{kMax, Number{-1}},
+                                      std::pair{kMin, kMax}, std::pair{kMax / 2 + 1, kMax}}) {
+    Case& all = cases.emplace_back(Case{"all " + std::to_string(first), {}, kAny, {}});
     for (const std::size_t p : numbers) {
       const int unused = method.parameters[p].type == VT_I8 ? 0 : 32;
-      all.changes.push_back({p, (p == numbers.front() ? first : others) >> unused});
+      all.changes[p] = (p == numbers.front() ? first : others) >> unused;
     }
   }
   return cases;
@@ -130,150 +185,18 @@ std::vector<Case> CasesOf(const Method& method) {
 // there.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
-  if (class_name == "CAudioPlayback") {
-    return state == State::kOpen && name == "IAudioWriter::WriteAudio";
-  }
+  if (class_name == "CAudioPlayback") return state == kOpen && name == "IAudioWriter::WriteAudio";
   if (name != "IAudioReader::ReadAudio") return false;
-  if (class_name == "CAudioGrabber") return state == State::kOpen;
-  return class_name == "CAudioConnector" && state != State::kSetUp;
+  return class_name == "CAudioGrabber" ? state == kOpen
+                                       : class_name == "CAudioConnector" && state != kSetUp;
 }
 
-// The arguments of one call, and a look at them after it.
-class Call {
- public:
-  Call(Scene& scene, IUnknown* object, const Method& method, const std::vector<Change>& changes)
-      : method_(method), values_(method.parameters.size()), outs_(values_.size()) {
-    for (std::size_t p = 0; p < values_.size(); ++p) {
-      const auto found = std::ranges::find(changes, p, &Change::parameter);
-      Fill(scene, object, p, found == changes.end() ? nullptr : &*found);
-    }
-  }
-  Call(const Call&) = delete;
-  Call& operator=(const Call&) = delete;
-  ~Call() {
-    for (BSTR text : texts_) SysFreeString(text);
-  }
-
-  HRESULT Make(IUnknown* face) {
-    std::vector<VARTYPE> types;
-    std::vector<VARIANTARG*> arguments;
-    for (VARIANTARG& value : values_) {
-      types.push_back(V_VT(arguments.emplace_back(&value)));
-    }
-    VARIANT result = {};
-    Check(DispCallFunc(face, method_.vtable_offset, CC_STDCALL, VT_I4,
-                       static_cast<UINT>(types.size()), types.data(), arguments.data(), &result));
-    return V_I4(&result);
-  }
-
-  // What is wrong after the call; empty when nothing is. Takes over what was handed out.
-  std::string Examine(HRESULT hr) {
-    std::string wrong;
-    if (SUCCEEDED(hr) && hr != S_OK && hr != S_FALSE) wrong += "an unknown success; ";
-    for (const auto& [array, before] : arrays_) {
-      if (std::memcmp(array.get(), &before, sizeof before) != 0) wrong += "a changed array; ";
-    }
-    for (std::size_t p = 0; p < outs_.size(); ++p) {
-      const Parameter& parameter = method_.parameters[p];
-      if (parameter.kind != Kind::kOut) continue;
-      const auto beyond = std::span(outs_[p].bytes).subspan(SizeOf(parameter.type));
-      if (std::ranges::count(beyond, kUntouched) != std::ssize(beyond)) {
-        wrong += parameter.name + " was written beyond its size; ";
-      }
-      if (!HandsOut(parameter)) continue;
-      void* pointer = nullptr;
-      std::memcpy(&pointer, outs_[p].bytes, sizeof pointer);
-      if (pointer == nullptr) continue;
-      if (FAILED(hr)) {
-        wrong += parameter.name + " was handed out nevertheless; ";
-      } else if (parameter.type == VT_BSTR) {
-        SysFreeString(static_cast<BSTR>(pointer));
-      } else if (!kLend.contains(method_.name)) {
-        static_cast<IUnknown*>(pointer)->Release();
-      }
-    }
-    return wrong;
-  }
-
- private:
-  static constexpr unsigned char kUntouched = 0xA5;
-  struct Out {
-    alignas(16) unsigned char bytes[32];
-  };
-
-  static bool HandsOut(const Parameter& parameter) {
-    return parameter.type == VT_BSTR || parameter.type == VT_UNKNOWN;
-  }
-  static std::size_t SizeOf(VARTYPE type) {
-    if (type == VT_BSTR || type == VT_UNKNOWN) return sizeof(void*);
-    return type == VT_I8 ? 8 : type == VT_I2 || type == VT_BOOL ? 2 : 4;
-  }
-
-  void Set(std::size_t p, VARTYPE type, Number number) {
-    V_VT(&values_[p]) = type;
-    V_I8(&values_[p]) = number;  // of which the call takes the low bytes
-  }
-  // An integer of a pointer's size, whatever it points to.
-  void SetPointer(std::size_t p, const void* pointer) {
-    Set(p, sizeof pointer == 8 ? VT_I8 : VT_I4, reinterpret_cast<INT_PTR>(pointer));
-  }
-
-  void Fill(Scene& scene, IUnknown* object, std::size_t p, const Change* change) {
-    const Parameter& parameter = method_.parameters[p];
-    std::ranges::fill(outs_[p].bytes, kUntouched);
-    if (HandsOut(parameter)) std::memset(outs_[p].bytes, 0, sizeof(void*));
-    if (change != nullptr && std::holds_alternative<std::nullptr_t>(change->value)) {
-      return SetPointer(p, nullptr);
-    }
-    switch (parameter.kind) {
-      case Kind::kOut:
-        return SetPointer(p, outs_[p].bytes);
-      case Kind::kObject:
-        return SetPointer(p, scene.LegalObject(parameter));
-      case Kind::kInteger:
-        return Set(
-            p, parameter.type,
-            change != nullptr ? std::get<Number>(change->value) : Scene::LegalNumber(parameter));
-      case Kind::kReal:
-        V_VT(&values_[p]) = VT_R4;
-        V_R4(&values_[p]) = change != nullptr ? std::get<float>(change->value) : 120.0F;
-        return;
-      case Kind::kText: {
-        const std::wstring text = change != nullptr ? *std::get<const std::wstring*>(change->value)
-                                                    : scene.LegalText(parameter, object);
-        texts_.push_back(SysAllocStringLen(text.data(), static_cast<UINT>(text.size())));
-        return SetPointer(p, texts_.back());
-      }
-      case Kind::kArray: {
-        SharedArray array =
-            change != nullptr ? std::get<const ArrayCase*>(change->value)->make() : Guarded();
-        if (array != nullptr) arrays_.emplace_back(array, *array);
-        return SetPointer(p, array.get());
-      }
-    }
-  }
-
-  const Method& method_;
-  std::vector<VARIANTARG> values_;
-  std::vector<Out> outs_;
-  std::vector<BSTR> texts_;
-  std::vector<std::pair<SharedArray, SAFEARRAY>> arrays_;
-};
-
-// Closes every dialog that the module opens, as a user who changes his mind.
-class ImpatientUser {
- private:
-  static BOOL CALLBACK Close(HWND window, LPARAM) {
-    wchar_t name[16] = {};
-    GetClassNameW(window, name, 16);
-    if (std::wstring(name) == L"#32770") PostMessageW(window, WM_COMMAND, IDCANCEL, 0);
-    return TRUE;
-  }
-
-  std::jthread thread_{[main = GetCurrentThreadId()](const std::stop_token& stop) {
-    for (; !stop.stop_requested(); Sleep(20)) EnumThreadWindows(main, Close, 0);
-  }};
-};
+BOOL CALLBACK CloseDialog(HWND window, LPARAM) {
+  wchar_t name[16] = {};
+  GetClassNameW(window, name, 16);
+  if (std::wstring(name) == L"#32770") PostMessageW(window, WM_COMMAND, IDCANCEL, 0);
+  return TRUE;
+}
 
 class ContractAbuse : public ::testing::TestWithParam<std::string> {
  protected:
@@ -284,84 +207,210 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   }
   void TearDown() override { SetCurrentDirectoryW(L"C:\\"); }
 
-  bool IsAsItShouldBe(HRESULT hr, const Class& tested, State state, const Method& method,
-                      Verdict verdict) {
-    switch (verdict) {
-      case Verdict::kPointer:
-        return hr == E_POINTER || hr == E_NOTIMPL;
-      case Verdict::kInvalid:
-        return hr == E_INVALIDARG;
-      case Verdict::kFail:
-        return FAILED(hr);
-      case Verdict::kAsTheProper:
-        return hr == RunOn(tested, state, method, {}, false);
-      default:
-        return true;
-    }
-  }
-
-  // On a new object, so that each case stands for itself.
-  HRESULT RunOn(const Class& tested, State state, const Method& method,
-                const std::vector<Change>& changes, bool and_go_on) {
-    Scene scene(folder_.path(), sample_, classes_);
-    const auto object = Create<IUnknown>(tested.clsid);
-    scene.Bring(object.Get(), state);
-    const HRESULT hr = CallOnce(scene, object.Get(), method, changes);
-    if (!and_go_on || changes.empty()) return hr;
+  // On a new object, so that each case stands for itself. Results of the preparation do not
+  // matter: an object that refuses stays in the state that it is in.
+  HRESULT RunOn(const Class& tested, State state, const Method& method, const Changes& changes,
+                bool and_go_on) {
+    auto object = Create<IUnknown>(tested.clsid);
+    if (state != kFresh) Prepare(object.Get());
+    if (state == kOpen) Open(object.Get());
+    const HRESULT hr = CallOnce(object.Get(), method, changes);
     for (const Method& next : tested.methods) {
-      if (MayWait(tested.name, next, State::kOpen)) continue;
+      if (!and_go_on || MayWait(tested.name, next, kOpen)) continue;
       if (kStart.contains(next.name) && index_ % kCasesForOneStart != 0) continue;
-      CallOnce(scene, object.Get(), next, {});
+      CallOnce(object.Get(), next, {});
     }
-    return hr;
-  }
-
-  HRESULT CallOnce(Scene& scene, IUnknown* object, const Method& method,
-                   const std::vector<Change>& changes) {
-    ComPtr<IUnknown> face;
-    Check(object->QueryInterface(method.iid, reinterpret_cast<void**>(face.GetAddressOf())));
-    Call call(scene, object, method, changes);
-    const HRESULT hr = call.Make(face.Get());
-    const std::string wrong = call.Examine(hr);
-    EXPECT_EQ(wrong, "") << "in " << method.FullName() << ", 0x" << std::hex << hr;
+    object.Reset();
+    kept_.clear();
+    texts_.clear();
+    arrays_.clear();
     return hr;
   }
 
   const std::vector<Class> classes_ = ClassesOfTheModule();
+  int index_ = 0;
+
+ private:
+  HRESULT CallOnce(IUnknown* object, const Method& method, const Changes& changes) {
+    ComPtr<IUnknown> face;
+    Check(object->QueryInterface(method.iid, reinterpret_cast<void**>(face.GetAddressOf())));
+    const std::size_t count = method.parameters.size();
+    std::vector<VARIANTARG> values(count);
+    std::vector<Number> outs(count);
+    std::vector<VARTYPE> types;
+    std::vector<VARIANTARG*> arguments;
+    for (std::size_t p = 0; p < count; ++p) {
+      const Parameter& parameter = method.parameters[p];
+      const auto changed = changes.find(p);
+      const bool is_plain = parameter.kind == Kind::kInteger || parameter.kind == Kind::kReal;
+      types.push_back(is_plain ? parameter.type : kPointerType);
+      V_VT(arguments.emplace_back(&values[p])) = types.back();
+      V_I8(&values[p]) =  // of which the call takes the low bytes
+          changed != changes.end()       ? changed->second
+          : parameter.kind == Kind::kOut ? AsNumber(&outs[p])
+                                         : Legal(object, parameter);
+    }
+    VARIANT result = {};
+    Check(DispCallFunc(face.Get(), method.vtable_offset, CC_STDCALL, VT_I4,
+                       static_cast<UINT>(count), types.data(), arguments.data(), &result));
+    const HRESULT hr = V_I4(&result);
+    EXPECT_TRUE(FAILED(hr) || hr == S_OK || hr == S_FALSE) << method.FullName() << std::hex << hr;
+    for (std::size_t p = 0; p < count; ++p) {
+      const VARTYPE type = method.parameters[p].type;
+      auto* const handed_out = reinterpret_cast<void*>(static_cast<INT_PTR>(outs[p]));
+      if (handed_out == nullptr || (type != VT_BSTR && type != VT_UNKNOWN)) continue;
+      EXPECT_TRUE(SUCCEEDED(hr)) << method.FullName() << " handed something out nevertheless";
+      if (type == VT_BSTR) SysFreeString(static_cast<BSTR>(handed_out));
+      if (type == VT_UNKNOWN && !kLend.contains(method.name)) {
+        static_cast<IUnknown*>(handed_out)->Release();
+      }
+    }
+    return hr;
+  }
+
+  // What a well-behaved host passes, by interface and parameter name: a new class gets its share.
+  Number Legal(IUnknown* object, const Parameter& parameter) {
+    static const std::map<std::string, Number> kKnown = {
+        {"nSamplesPerSec", kRate}, {"nChannels", kChannels},   {"nBitsPerSample", 16},
+        {"nMilliSecs", 100},       {"nSamplesInBlocks", 1024}, {"nEnd", kFrames},
+        {"nByteCount", 8000},      {"nSampleCount", kFrames},  {"nDeviceId", -1},
+        {"niDevice", -1},          {"dwChannelMask", -1},      {"bStoreUndo", 1}};
+    const std::string& name = parameter.name;
+    if (parameter.kind == Kind::kInteger) return kKnown.contains(name) ? kKnown.at(name) : 0;
+    if (parameter.kind == Kind::kReal) return std::bit_cast<std::int32_t>(120.0F);
+    if (parameter.kind == Kind::kArray) return AsNumber(arrays_.emplace_back(Guarded()).get());
+    if (parameter.kind == Kind::kObject) return AsNumber(LegalObject(parameter));
+    const auto has = [&](const char* part) { return name.find(part) != std::string::npos; };
+    const bool writes = As<IExportFilter>(object) || As<IWaveWriter>(object);
+    return AsNumber(texts_.emplace_back(has("Extension")               ? L"wav"
+                                        : !has("File") && !has("Path") ? L"name"
+                                        : writes                       ? folder_.File(L"target.wav")
+                                                                       : sample_));
+  }
+
+  // Some object with that interface. Null where the module has none.
+  IUnknown* LegalObject(const Parameter& parameter) {
+    const auto keep = [&](const auto& object) {
+      return kept_.emplace_back(As<IUnknown>(object)), object.Get();
+    };
+    if (parameter.iid == IID_IAudioReader || parameter.name == "punkAudioReader") {
+      return keep(Silence(kFrames));
+    }
+    if (parameter.iid == IID_IAudioPool) return keep(Pool());
+    if (parameter.iid == IID_IAudioWriter) return keep(As<IAudioWriter>(Pool()));
+    if (parameter.name == "punkExportFilter") {
+      return keep(Create<IExportFilter>(CLSID_CWavExportFilter));
+    }
+    if (parameter.name == "punkImportFilter") return keep(Create<IImportFilter>(CLSID_COggImport));
+    for (const Class& known : classes_) {
+      for (const Interface& each : known.interfaces) {
+        if (each.iid != parameter.iid) continue;
+        ComPtr<IUnknown>& face = kept_.emplace_back();
+        Create<IUnknown>(known.clsid)
+            ->QueryInterface(each.iid, reinterpret_cast<void**>(face.GetAddressOf()));
+        return face.Get();
+      }
+    }
+    return nullptr;
+  }
+
+  static ComPtr<IAudioPool> Pool() {
+    auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+    WriteTake(As<IAudioWriter>(pool).Get(), Samples(2 * kFrames, 0.25F));
+    return pool;
+  }
+
+  void Prepare(IUnknown* object) {
+    const Bstr name(L"name");
+    const Bstr target(folder_.File(L"setup.wav"));
+    const auto pool = Pool();
+    if (auto silence = As<INullReader>(object)) silence->Create(kFrames, kRate, kChannels);
+    if (auto reader = As<IAudioPoolReader>(object)) {
+      reader->Create(pool.Get(), 0, 0, kFrames * kChannels * 4, 32);
+    }
+    if (auto document = As<IEditedAudio>(object)) {
+      ComPtr<IAudioReader> take;
+      pool->CreateLastReader(take.GetAddressOf());
+      document->AppendSegment(take.Get(), 0, kFrames);
+      document->AppendSegment(nullptr, 0, kFrames);
+      document->AppendSegment(Silence(kFrames).Get(), 100, 600);
+    }
+    if (auto labels = As<ILabelSupport>(object)) {
+      for (const __int64 position : {100, 50}) labels->AddLabel(position, name);
+    }
+    if (auto markers = As<ISectionMarkerSupport>(object)) markers->AddSectionMarker(700, 300, name);
+    if (auto importer = As<IImportFilter>(object)) {
+      importer->Initialize(Bstr(sample_), As<IAudioWriter>(pool).Get());
+    }
+    if (auto exporter = As<IExportFilter>(object)) {
+      exporter->Initialize(target, Silence(kFrames).Get());
+    }
+    if (auto connector = As<IAudioConnector>(object)) {
+      connector->SetupReaderToExport(Silence(kFrames).Get(),
+                                     Create<IExportFilter>(CLSID_CWavExportFilter).Get(), kRate,
+                                     kChannels);
+    }
+    if (auto wave = As<IWaveWriter>(object)) wave->SetTargetFile(target);
+    if (auto grabber = As<IAudioGrabber>(object)) grabber->SetFormat(kRate, kChannels, 16);
+    if (auto writer = As<IAudioWriter>(object)) {
+      As<IAudioPool>(object) ? WriteTake(writer.Get(), Samples(2 * kFrames, 0.5F))
+                             : void(writer->SetFormat(kRate, kChannels));
+    }
+  }
+
+  static void Open(IUnknown* object) {
+    if (auto document = As<IEditedAudio>(object)) document->InitChange(0, nullptr);
+    if (auto scrubber = As<IAudioScrubber>(object)) {
+      scrubber->Start(As<IAudioWriter>(Pool()).Get(), 1024, kRate, kChannels);
+    }
+    if (auto reader = As<IAudioReader>(object)) reader->OpenDevice();
+    if (auto writer = As<IAudioWriter>(object)) writer->OpenDevice();
+    if (auto task = As<ICoreTask>(object)) task->Start();
+  }
+
   const TemporaryFolder folder_;
   const std::wstring sample_ = folder_.File(L"sample.ogg");
-  const ImpatientUser user_;
   const OurConverter converter_;
-  int index_ = 0;
+  // What one case holds.
+  std::vector<ComPtr<IUnknown>> kept_;
+  std::list<Bstr> texts_;
+  std::vector<SharedArray> arrays_;
+  // Closes every dialog that the module opens, as a user who changes his mind.
+  const std::jthread user_{[main = GetCurrentThreadId()](const std::stop_token& stop) {
+    for (; !stop.stop_requested(); Sleep(20)) EnumThreadWindows(main, CloseDialog, 0);
+  }};
 };
 
 TEST_P(ContractAbuse, IsAnsweredAndTheObjectWorksAfterwards) {
-  constexpr int kCasesToWarmUp = 40;  // they load libraries and start threads that stay
   const auto tested = std::ranges::find(classes_, GetParam(), &Class::name);
   ASSERT_NE(tested, classes_.end());
   std::optional<LeakWatch> watch;
   int open = 0;
-  for (const auto& [state, name] : {std::pair{State::kFresh, "fresh, "},
-                                    {State::kSetUp, "set up, "},
-                                    {State::kOpen, "open, "}}) {
+  for (const State state : {kFresh, kSetUp, kOpen}) {
     for (const Method& method : tested->methods) {
       // The last line before a crash or a hang names the method.
-      std::printf("%s%s\n", name, method.FullName().c_str());
+      std::printf("state %d, %s\n", state, method.FullName().c_str());
       std::fflush(stdout);
-      for (const Case& test : CasesOf(method)) {
+      for (auto& [name, changes, wanted, array] : CasesOf(method)) {
         // Each open object costs the end of its thread.
-        if (state == State::kOpen && !test.HasArray() && ++open % 4 != 0) continue;
-        if (MayWait(tested->name, method, state) && test.verdict != Verdict::kInvalid) continue;
-        SCOPED_TRACE(test.name);
-        const HRESULT hr = RunOn(*tested, state, method, test.changes, !test.HasArray());
-        EXPECT_TRUE(IsAsItShouldBe(hr, *tested, state, method, test.verdict))
-            << method.FullName() << " returns 0x" << std::hex << hr;
-        if (++index_ == kCasesToWarmUp) watch.emplace();
+        if (state == kOpen && !array && ++open % 4 != 0) continue;
+        if (MayWait(tested->name, method, state) && wanted != E_INVALIDARG) continue;
+        const SAFEARRAY before = array ? *array : SAFEARRAY{};
+        const HRESULT hr = RunOn(*tested, state, method, changes, !array && !changes.empty());
+        const HRESULT right =
+            wanted == kAsTheProper ? RunOn(*tested, state, method, {}, false) : wanted;
+        EXPECT_TRUE(hr == right || wanted == kAny || (wanted == E_POINTER && hr == E_NOTIMPL))
+            << method.FullName() << " returns 0x" << std::hex << hr << " for " << name;
+        EXPECT_TRUE(!array || std::memcmp(&before, array.get(), sizeof before) == 0)
+            << method.FullName() << " changes the array itself";
+        ++index_;
       }
     }
+    // The first state loads libraries and starts threads that stay.
+    if (!watch) watch.emplace();
   }
   EXPECT_GT(index_, 20);
-  if (watch) watch->AwaitAtMost(2, 20);
+  watch->AwaitAtMost(2, 20);
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, ContractAbuse, ::testing::Values(TESSALY_CLASSES),

@@ -26,7 +26,6 @@ std::atomic<Fault> armed = Fault::kNone;
 std::atomic<LONG64> calls = 0;
 std::atomic<LONG64> fails_at = 0;
 std::atomic<const char*> failed = nullptr;  // the function that failed
-std::atomic<LONG64> live_blocks = 0;        // of memory, in the module
 
 bool IsTurnOf(Fault kind, const char* name) {
   if (armed != kind || ++calls != fails_at) return false;
@@ -35,7 +34,8 @@ bool IsTurnOf(Fault kind, const char* name) {
 }
 
 // Puts a function into the place of an imported one, for good, and returns the imported one.
-void* ReplaceImport(const char* name, void* replacement) {
+template <class Function>
+Function* ReplaceImport(const char* name, Function* replacement) {
   auto* const base = reinterpret_cast<std::byte*>(ModuleUnderTest::Handle());
   const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
   const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
@@ -52,17 +52,19 @@ void* ReplaceImport(const char* name, void* replacement) {
       if (std::strcmp(by_name->Name, name) != 0) continue;
       DWORD protection = 0;
       VirtualProtect(entry, sizeof *entry, PAGE_READWRITE, &protection);
-      return reinterpret_cast<void*>(
+      return reinterpret_cast<Function*>(
           std::exchange(entry->u1.Function, reinterpret_cast<ULONGLONG>(replacement)));
     }
   }
   throw std::runtime_error(std::string("the module does not import ") + name);
 }
 
-template <std::size_t kSize>
 struct Name {
-  constexpr Name(const char (&given)[kSize]) { std::copy_n(given, kSize, text); }
-  char text[kSize] = {};
+  template <std::size_t kSize>
+  constexpr Name(const char (&given)[kSize]) {
+    std::copy_n(given, kSize, text);
+  }
+  char text[32] = {};
 };
 
 // Replaces an imported function by one that returns `kFailure` when its turn comes.
@@ -70,51 +72,26 @@ template <Name kName, Fault kKind, INT_PTR kFailure, DWORD kError = ERROR_NOT_EN
           class R, class... Arguments>
 void Replace(R (*)(Arguments...)) {
   static R (*real)(Arguments...) = nullptr;
-  R(*const stand_in)
-  (Arguments...) = [](Arguments... arguments) -> R {
+  real = ReplaceImport<R(Arguments...)>(kName.text, [](Arguments... arguments) -> R {
     if (!IsTurnOf(kKind, kName.text)) return real(arguments...);
     SetLastError(kError);
     if constexpr (std::is_pointer_v<R>) return reinterpret_cast<R>(kFailure);
     if constexpr (!std::is_pointer_v<R>) return static_cast<R>(kFailure);
-  };
-  real = reinterpret_cast<R (*)(Arguments...)>(
-      ReplaceImport(kName.text, reinterpret_cast<void*>(stand_in)));
+  });
 }
 
-// The C heap, of which only the requests of operator new fail.
-struct Heap {
-  static inline decltype(&std::malloc) malloc = nullptr;
-  static inline decltype(&std::calloc) calloc = nullptr;
-  static inline decltype(&std::realloc) realloc = nullptr;
-  static inline decltype(&std::free) free = nullptr;
-  // Where operator new calls malloc: learned from an object that the module makes.
-  static inline std::atomic<bool> learning = false;
-  static inline std::atomic<const void*> operator_new = nullptr;
+// Only operator new's requests to the C heap fail. It calls malloc from the place that is learned
+// from an object that the module makes.
+decltype(&std::malloc) real_malloc = nullptr;
+std::atomic<bool> learning = false;
+std::atomic<const void*> operator_new = nullptr;
 
-  static void* Counted(void* block) {
-    if (block != nullptr) ++live_blocks;
-    return block;
-  }
-  static void* Malloc(std::size_t size) {
-    const void* const caller = __builtin_return_address(0);
-    if (learning.exchange(false)) operator_new = caller;
-    if (caller == operator_new && IsTurnOf(Fault::kAllocation, "operator new")) return nullptr;
-    return Counted(malloc(size));
-  }
-  static void* Calloc(std::size_t count, std::size_t size) { return Counted(calloc(count, size)); }
-  static void* Realloc(void* block, std::size_t size) {
-    return block == nullptr ? Counted(realloc(block, size)) : realloc(block, size);
-  }
-  static void Free(void* block) {
-    if (block != nullptr) --live_blocks;
-    free(block);
-  }
-
-  template <class Function>
-  static void Install(const char* name, Function& real, Function replacement) {
-    real = reinterpret_cast<Function>(ReplaceImport(name, reinterpret_cast<void*>(replacement)));
-  }
-};
+void* Malloc(std::size_t size) {
+  const void* const caller = __builtin_return_address(0);
+  if (learning.exchange(false)) operator_new = caller;
+  if (caller == operator_new && IsTurnOf(Fault::kAllocation, "operator new")) return nullptr;
+  return real_malloc(size);
+}
 
 bool InstallStandIns() {
   constexpr Fault kFile = Fault::kFileCall;
@@ -132,11 +109,8 @@ bool InstallStandIns() {
   Replace<"SysAllocStringLen", kMemory, 0>(&SysAllocStringLen);
   Replace<"SafeArrayAllocDescriptorEx", kMemory, E_OUTOFMEMORY>(&SafeArrayAllocDescriptorEx);
   Replace<"CreateThread", kMemory, 0>(&CreateThread);
-  Heap::Install("malloc", Heap::malloc, &Heap::Malloc);
-  Heap::Install("calloc", Heap::calloc, &Heap::Calloc);
-  Heap::Install("realloc", Heap::realloc, &Heap::Realloc);
-  Heap::Install("free", Heap::free, &Heap::Free);
-  Heap::learning = true;
+  real_malloc = ReplaceImport("malloc", &Malloc);
+  learning = true;
   Create<IUnknown>(CLSID_CNullReader);
   return true;
 }
@@ -181,40 +155,45 @@ class Story {
     Try(CreateInstance(clsid, object));
     return object;
   }
-  void Finish(ICoreTask* task) {
-    if (Try(task->Start())) WaitForTask(task);
+  void Finish(IUnknown* object) {
+    const auto task = As<ICoreTask>(object);
+    const HRESULT hr = task->Start();
+    // A connector starts and returns E_NOTIMPL.
+    if (hr == E_NOTIMPL || Try(hr)) WaitForTask(task.Get());
   }
 
   void Tell() {
-    Import();
+    const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
+    if (import && Try(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer_.Get()))) {
+      Finish(import.Get());
+    }
     ComPtr<IAudioReader> last;
     const auto document = TryCreate<IEditedAudio>(CLSID_CEditedAudio);
-    if (Try(pool_->CreateLastReader(last.GetAddressOf())) && last && document) {
+    if (Try(pool_->CreateLastReader(last.GetAddressOf())) && document) {
       Try(last->ReadAudio(0, Floats(5000)));
       Try(As<IPeakReader>(last)->ReadPeaks(0, Floats(8)));
       Edit(document.Get(), last.Get());
-      Export(As<IAudioReader>(document).Get());
+      const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
+      Export(As<IAudioReader>(document).Get(), filter.Get(), filter.Get());
     }
-    Connect();
+    const auto connector = TryCreate<IAudioConnector>(CLSID_CAudioConnector);
+    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
+    if (connector && filter) {
+      if (Try(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2))) {
+        Export(As<IAudioReader>(connector).Get(), connector.Get(), filter.Get());
+      }
+      As<ICoreTask>(connector)->Cancel();  // the two hold each other until then
+    }
     static const std::vector<Class> classes = ClassesOfTheModule();
     for (const Class& known : classes) TryCreate<IUnknown>(known.clsid);
-  }
-
-  void Import() {
-    const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
-    if (import && Try(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer_.Get()))) {
-      Finish(As<ICoreTask>(import).Get());
-    }
   }
 
   void Edit(IEditedAudio* document, IAudioReader* source) {
     const Bstr name(L"name");
     Try(document->InitChange(1, name));
     Try(document->AppendSegment(source, 0, 80000));
-    Try(document->AppendSegment(nullptr, 0, 1000));
     Try(document->InsertSegment(500, kept_.Get(), 0, 1000));
-    const auto labels = As<ILabelSupport>(document);
-    if (Try(labels->AddLabel(100, name))) Try(labels->SetLabel(0, 200, name));
+    Try(As<ILabelSupport>(document)->AddLabel(100, name));
     Try(As<ISectionMarkerSupport>(document)->AddSectionMarker(0, 500, name));
     Try(document->CommitChange());
     Try(document->Delete(200, 400));
@@ -225,36 +204,21 @@ class Story {
     }
   }
 
-  void Export(IAudioReader* source) {
-    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
-    if (!filter || !Try(filter->Initialize(Bstr(target_), source))) return;
+  void Export(IAudioReader* source, IUnknown* task, IExportFilter* filter) {
+    if (filter == nullptr || !Try(filter->Initialize(Bstr(target_), source))) return;
     const Bstr name(L"name");
     Try(As<ILabelSupport>(filter)->AddLabel(100, name));
     Try(As<IMetaDataWriter>(filter)->SetMetaData(name, name, name, name, name));
-    Finish(As<ICoreTask>(filter).Get());
-  }
-
-  void Connect() {
-    const auto connector = TryCreate<IAudioConnector>(CLSID_CAudioConnector);
-    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
-    if (!connector || !filter) return;
-    const auto task = As<ICoreTask>(connector);
-    if (Try(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2)) &&
-        Try(filter->Initialize(Bstr(target_), As<IAudioReader>(connector).Get()))) {
-      task->Start();
-      WaitForTask(task.Get());
-    }
-    // The two hold each other until then.
-    task->Cancel();
+    Finish(task);
   }
 
   // Nothing fails any more.
   void GoOn() {
     ExpectStored(kept_.Get(), 0, kept_samples_);
-    const Samples more = Ramp(3000, 9000);
     LONG ready = 0;
     Check(writer_->QueryIsReady(&ready));
     EXPECT_EQ(ready, 1) << "the pool is still open";
+    const Samples more = Ramp(3000, 9000);
     WriteTake(writer_.Get(), more);
     ComPtr<IAudioReader> reader;
     Check(pool_->CreateLastReader(reader.GetAddressOf()));
@@ -272,29 +236,24 @@ class Story {
   ComPtr<IAudioReader> kept_;
 };
 
-void Sweep(Fault kind) {
+class FailingCalls : public ::testing::TestWithParam<Fault> {};
+
+TEST_P(FailingCalls, HarmNoStoredAudioAndLeakNothing) {
   static const bool installed = InstallStandIns();
   ASSERT_TRUE(installed);
   const TemporaryFolder folder;
   int failures = 0;
-  LONG64 left = 0;  // blocks of memory that the story leaves behind
   const auto run = [&](LONG64 n) {
-    left = -live_blocks;
-    failures += Story(folder.path()).Run(kind, n);
-    left += live_blocks;
+    failures += Story(folder.path()).Run(GetParam(), n);
     return failed != nullptr;
   };
   run(0);
   run(0);
-  const LONG64 usual = left;
   const LONG64 all = calls;
   const LeakWatch watch;
   LONG64 n = 1;
-  for (; run(n) && !::testing::Test::HasFailure(); ++n) {
+  for (; run(n) && !HasFailure(); ++n) {
     SCOPED_TRACE(std::to_string(n) + ", " + failed.load());
-    // Some blocks are allocated once for the process; a leak repeats.
-    if (left > usual) run(n);
-    EXPECT_LE(left, usual);
   }
   // The number of calls depends a little on timing.
   EXPECT_GT(n, all - all / 10);
@@ -303,8 +262,8 @@ void Sweep(Fault kind) {
   watch.AwaitAtMost(2, 20);
 }
 
-TEST(FailingCalls, OfFilesHarmNoStoredAudioAndLeakNothing) { Sweep(Fault::kFileCall); }
-TEST(FailingCalls, OfMemoryHarmNoStoredAudioAndLeakNothing) { Sweep(Fault::kAllocation); }
+INSTANTIATE_TEST_SUITE_P(Each, FailingCalls,
+                         ::testing::Values(Fault::kFileCall, Fault::kAllocation));
 
 }  // namespace
 }  // namespace marlinda::testing
