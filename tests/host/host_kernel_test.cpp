@@ -11,7 +11,6 @@
 
 #include "host/channel_list.h"
 #include "host/cut_plan.h"
-#include "host/messages.h"
 #include "host/progress.h"
 #include "host/timecode.h"
 #include "host/wave_check.h"
@@ -28,10 +27,6 @@ using ::testing::HasSubstr;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
-std::int64_t Frames(const std::string& text, std::int32_t rate) {
-  return Timecode::Parse(text).ToFrames(rate);
-}
-
 // The reason of a refusal; empty when there is none.
 template <class Call>
 std::string RefusalOf(Call call) {
@@ -43,73 +38,57 @@ std::string RefusalOf(Call call) {
   return "";
 }
 
-TEST(Timecode, BecomesTheNearestFrameExactly) {
-  const struct {
-    const char* text;
-    std::int32_t rate;
-    std::int64_t frames;
-  } times[] = {
-      {"1.5", 44100, 66150},
-      {"1.", 48000, 48000},
-      {".25", 48000, 12000},
-      // Half a frame goes to the later one, less than half to the earlier one.
-      {"0.5", 1, 1},
-      {"0.499999999", 1, 0},
-      // Beyond the 53 bits of a double.
-      {"200000000000.00001", 100000, 20000000000000001},
-      {"9223372036854775807f", 192000, kMax},
-      {"9223372036854775807.4", 1, kMax},
-      {"0:05", 1000, 5000},
-      {"61:30.25", 1000, 3690250},
-      {"1:02:03.5", 1000, 3723500},
+TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
+  const auto frames = [](const char* text, std::int32_t rate) {
+    return Timecode::Parse(text).ToFrames(rate);
   };
-  for (const auto& [text, rate, frames] : times) EXPECT_EQ(Frames(text, rate), frames) << text;
-  EXPECT_THROW(Frames("9223372036854775807.5", 1), std::invalid_argument);
-  EXPECT_THROW(Frames("9223372036854775807", 2), std::invalid_argument);
-  for (const char* text :
-       {"1:2",   "1:60", "1:2:03", ":05",    "1:",  "1:02:03:04", "1:02.5:03",
-        "1:02f", "",     ".",      "f",      "-1",  "1e3",        "1234567890123:00",
-        " 1",    "1.5f", "1.2.3",  "1:02\n", "1F ", "nan",        "1.0000000001"}) {
+  EXPECT_EQ(frames(".25", 48000), 12000);
+  // Half a frame goes to the later one, less than half to the earlier one.
+  EXPECT_EQ(frames("0.5", 1), 1);
+  EXPECT_EQ(frames("0.499999999", 1), 0);
+  // Beyond the 53 bits of a double.
+  EXPECT_EQ(frames("200000000000.00001", 100000), 20000000000000001);
+  EXPECT_EQ(frames("9223372036854775807f", 192000), kMax);
+  EXPECT_THROW(frames("9223372036854775807.5", 1), std::invalid_argument);
+  EXPECT_THROW(frames("9223372036854775807", 2), std::invalid_argument);
+  EXPECT_EQ(frames("61:30.", 1000), 3690000);
+  EXPECT_EQ(frames("1:02:03.5", 1000), 3723500);
+  for (const char* text : {"1:2", "1:60", ":05", "1:02:03:04", "1:02.5:03", "1:02f", "", ".", "f",
+                           "-1", "1e3", "1234567890123:00", "1.5f", "1:02\n", "1.0000000001"}) {
     EXPECT_THROW(Timecode::Parse(text), std::invalid_argument) << text;
   }
-}
-
-TEST(Timecode, IsCutFromItsNeighboursAtTheColonThatLeavesTimes) {
-  const TimeRange both = ParseRange("0.5:100f");
-  EXPECT_EQ(both.begin->ToFrames(10), 5);
-  EXPECT_EQ(both.end->ToFrames(10), 100);
-  EXPECT_FALSE(ParseRange(":2").begin.has_value());
-  EXPECT_FALSE(ParseRange("2:").end.has_value());
-  const TimeRange printed = ParseRange("0:00:05.000:1:02:03.500");
-  EXPECT_EQ(printed.begin->ToFrames(10), 50);
-  EXPECT_EQ(printed.end->ToFrames(10), 37235);
-  EXPECT_EQ(ParseRange("0:05:").begin->ToFrames(1), 5);
-  EXPECT_EQ(ParseNamedTime("1:02:Verse: two").at.ToFrames(1), 62);
-  EXPECT_EQ(ParseNamedTime("1:Verse: two").name, "Verse: two");
-  EXPECT_EQ(ParseNamedTime("1:02").name, "02");
-  EXPECT_EQ(ParseNamedTime("1:").name, "");
-  EXPECT_EQ(ParseNamedRange("0:05:0:10:Verse: 2").range.end->ToFrames(1), 10);
-  EXPECT_EQ(ParseNamedRange("1:2:a:b").name, "a:b");
-  EXPECT_FALSE(ParseNamedRange("::all").range.end.has_value());
-  EXPECT_EQ(ParseSpan("0:05:1.5").at.ToFrames(1), 5);
-  EXPECT_EQ(ParseSpan("1:250f").length.ToFrames(8000), 250);
-  // 10 to 20:30, or 10:20 to 30
-  for (const char* text : {"10:20:30", "", "2", "1:2:3", "1:x", "x:1", "1-2"}) {
-    EXPECT_THROW(ParseRange(text), std::invalid_argument) << text;
-  }
-  for (const char* text : {"10:20:30:x", "1:Verse"}) {
-    EXPECT_THROW(ParseNamedRange(text), std::invalid_argument) << text;
-  }
-  EXPECT_THROW(ParseNamedTime(":Verse"), std::invalid_argument);
-  EXPECT_THROW(ParseSpan("1:"), std::invalid_argument);
-}
-
-TEST(Durations, AreShownToTheMillisecondAndNeverRoundedUp) {
-  EXPECT_EQ(FormatDuration(44099, 44100), "0:00:00.999");
-  EXPECT_EQ(FormatDuration(3725LL * 48000 + 24000, 48000), "1:02:05.500");
+  EXPECT_EQ(FormatDuration(44099, 44100), "0:00:00.999") << "never rounded up";
   EXPECT_EQ(FormatDuration(kMax, 2147483647), "1193046:28:18.000");
   EXPECT_EQ(FormatDuration(-1, 44100), "unknown");
   EXPECT_EQ(FormatDuration(1, 0), "unknown");
+}
+
+TEST(Timecode, IsCutFromItsNeighboursAtTheColonThatLeavesTimes) {
+  const auto in_tenths = [](const std::optional<Timecode>& time) {
+    return time ? time->ToFrames(10) : -1;
+  };
+  const std::tuple<const char*, int, int> ranges[] = {
+      {"0.5:100f", 5, 100}, {":2", -1, 20}, {"0:00:05.000:1:02:03.500", 50, 37235}};
+  for (const auto& [text, begin, end] : ranges) {
+    EXPECT_EQ(in_tenths(ParseRange(text).begin), begin) << text;
+    EXPECT_EQ(in_tenths(ParseRange(text).end), end) << text;
+  }
+  const std::tuple<const char*, int, const char*> names[] = {
+      {"1:02:Verse: two", 620, "Verse: two"}, {"1:02", 10, "02"}, {"1:", 10, ""}};
+  for (const auto& [text, at, name] : names) {
+    EXPECT_EQ(in_tenths(ParseNamedTime(text).at), at) << text;
+    EXPECT_EQ(ParseNamedTime(text).name, name);
+  }
+  EXPECT_EQ(in_tenths(ParseNamedRange("0:05:0:10:Verse: 2").range.end), 100);
+  EXPECT_EQ(ParseNamedRange("1:2:a:b").name, "a:b");
+  EXPECT_EQ(in_tenths(ParseSpan("0:05:250f").length), 250);
+  // 10 to 20:30, or 10:20 to 30
+  for (const char* text : {"10:20:30", "", "2", "1:2:3", "1:x", "1-2"}) {
+    EXPECT_THROW(ParseRange(text), std::invalid_argument) << text;
+  }
+  EXPECT_THROW(ParseNamedRange("10:20:30:x"), std::invalid_argument);
+  EXPECT_THROW(ParseNamedTime(":Verse"), std::invalid_argument);
+  EXPECT_THROW(ParseSpan("1:"), std::invalid_argument);
 }
 
 TEST(CutPlan, JoinsPiecesInTheOrderGivenAndCountsSilenceInTheResultSoFar) {
@@ -123,21 +102,19 @@ TEST(CutPlan, JoinsPiecesInTheOrderGivenAndCountsSilenceInTheResultSoFar) {
   EXPECT_EQ(plan.pieces[0].end, 10000);
   EXPECT_EQ(plan.pieces[1].end, 1500);
   ASSERT_EQ(plan.silences.size(), 2U);
-  EXPECT_EQ(plan.silences[0].at, 2000);
   EXPECT_EQ(plan.silences[0].length, 500);
   EXPECT_EQ(plan.silences[1].at, 14000);  // the end of the result only after the first silence
   EXPECT_EQ(plan.length, 14001);
   EXPECT_EQ(plan.annotations.labels[0].position, 14001);
   EXPECT_EQ(plan.annotations.labels[1].name, "Start");
   EXPECT_EQ(plan.annotations.markers[0].section.begin, 2000);
-  EXPECT_EQ(plan.annotations.markers[0].section.end, 2500);
   EXPECT_EQ(plan.annotations.markers[1].section.end, 14001);
 }
 
 TEST(CutPlan, RefusesPositionsOutsideTheAudioAndNamesTheOption) {
   const std::pair<CutRequest, const char*> requests[] = {
-      {{.keep = {"0:10.001"}}, "--keep 0:10.001: the range reaches past the end"},
-      {{.keep = {"0:10.001"}}, "(10000 frames, 0:00:10.000)"},
+      {{.keep = {"0:10.001"}},
+       "--keep 0:10.001: the range reaches past the end of the audio (10000 frames, 0:00:10.000)"},
       {{.keep = {"2:2"}}, "holds no frame"},
       {{.keep = {"0:1"}, .silences = {"1.001:1"}}, "--silence"},
       {{.keep = {"0:1"}, .silences = {"1:0"}}, "holds no frame"},
@@ -150,54 +127,34 @@ TEST(CutPlan, RefusesPositionsOutsideTheAudioAndNamesTheOption) {
     EXPECT_THAT(RefusalOf([&] { PlanCut(request, 10000, 1000); }), HasSubstr(reason));
   }
   // Before the audio is known.
-  EXPECT_NO_THROW(CheckSyntax({{"0:99999"}, {"5:1"}, {"1:a"}, {"1:2:b"}}));
   for (const CutRequest& wrong : {CutRequest{.keep = {"0:1", "1"}}, CutRequest{.silences = {"5"}},
                                   CutRequest{.labels = {"a"}}, CutRequest{.markers = {"1:a"}}}) {
     EXPECT_THROW(CheckSyntax(wrong), std::invalid_argument);
   }
 }
 
-TEST(Messages, NameSubjectReasonAndRemedyAndShowAnUnknownCode) {
-  const auto explain = [](std::uint32_t hresult) {
-    return Explain(static_cast<std::int32_t>(hresult), "a.ogg", ExitStatus::kInput);
-  };
-  EXPECT_STREQ(explain(0x80070002).what(),
-               "a.ogg: the file does not exist\n  Check the name and the folder.");
-  EXPECT_EQ(explain(0x80070002).status(), ExitStatus::kInput);
-  // A full disk while reading is the disk of the temporary files.
-  EXPECT_EQ(explain(0x80070070).status(), ExitStatus::kOutput);
-  EXPECT_STREQ(explain(0x8BADF00D).what(), "a.ogg: the system reports error 0x8BADF00D");
-}
-
 TEST(Progress, EachPercentIsOneLineForAProgramAndOneBarForAPerson) {
   std::ostringstream lines;
   std::ostringstream screen;
   {
-    ProgressBar for_program({.lines = &lines}, "Reading a b");
+    ProgressBar for_program({.lines = &lines}, "Reading");
     ProgressBar for_person({.terminal = &screen}, "T");
     for (const double fraction : {0.0, 0.004, 0.999, 7.0, double{kNaN}}) for_program.Show(fraction);
     for (const double fraction : {0.5, 0.5001}) for_person.Show(fraction);
   }
   EXPECT_EQ(lines.str(),
-            "progress 0 Reading a b\nprogress 99 Reading a b\nprogress 100 Reading a b\n"
-            "progress 0 Reading a b\n");
+            "progress 0 Reading\nprogress 99 Reading\nprogress 100 Reading\nprogress 0 Reading\n");
   const std::string bar = "T [" + std::string(20, '#') + std::string(20, ' ') + "]  50 %";
   EXPECT_EQ(screen.str(), "\r" + bar + "\r" + std::string(bar.size(), ' ') + "\r");
-  screen.str("");
-  StatusLine line(&screen);
-  line.Show("long line");
-  line.Show("short");
-  EXPECT_EQ(screen.str(), "\rlong line\rshort    ") << "the rest is overwritten";
 }
 
 TEST(TransportLine, ShowsABarOfSixtyDecibelsForEachLevelWithinATerminal) {
-  const auto meter = [](const std::vector<float>& levels) {
-    const std::string line = TransportLine("Playing", 66150, 132300, 44100, levels);
-    EXPECT_EQ(line.substr(0, 33), "Playing 0:00:01.500 / 0:00:03.000");
-    return line.substr(33);
-  };
   // 20 steps of 3 dB: half scale is 6 dB below the top.
-  EXPECT_EQ(meter({0.51F, 0.0F}), " [##################  ] [                    ]");
+  EXPECT_EQ(TransportLine("Playing", 66150, 132300, 44100, {0.51F, 0.0F}),
+            "Playing 0:00:01.500 / 0:00:03.000 [##################  ] [                    ]");
+  const auto meter = [](const std::vector<float>& levels) {
+    return TransportLine("Playing", 0, 0, 44100, levels).substr(33);
+  };
   EXPECT_EQ(meter({1.0F}), " [###################!]");
   EXPECT_EQ(meter({0.999F, 0.0009F}), " [################### ] [                    ]");
   EXPECT_EQ(meter({-1.0F, kNaN}), meter({0.0F, 0.0F}));
@@ -206,54 +163,41 @@ TEST(TransportLine, ShowsABarOfSixtyDecibelsForEachLevelWithinATerminal) {
 }
 
 TEST(ChannelList, ReadsNumbersFromZeroAndRefusesMissingChannels) {
-  EXPECT_EQ(ParseChannelMask("1,0,5,5"), 35U);
-  EXPECT_EQ(ParseChannelMask("31"), 0x80000000U);
-  for (const char* text : {"", "0,", "0, 1", "-1", "1.0", "32", "99999999999999999999"}) {
+  EXPECT_EQ(ParseChannelMask("1,0,31,31"), 0x80000003U);
+  for (const char* text : {"", "0,", "0, 1", "-1", "32", "99999999999999999999"}) {
     EXPECT_THROW(ParseChannelMask(text), std::invalid_argument) << text;
   }
   EXPECT_THAT(ChannelsOf(6, 8), ElementsAre(1, 2));
-  EXPECT_EQ(ChannelsOf(0xFFFFFFFF, 40).size(), 32U);
   EXPECT_NO_THROW(RequireChannels(0xFFFFFFFF, 32));
   EXPECT_THROW(RequireChannels(0x80000000, 31), std::invalid_argument);
 }
 
-std::string Number(std::uint32_t value, int bytes = 4) {
-  std::string text;
-  for (int i = 0; i < bytes; ++i) text += static_cast<char>(value >> 8 * i);
-  return text;
-}
-
-std::string Chunk(const std::string& tag, const std::string& body) {
-  return tag + Number(static_cast<std::uint32_t>(body.size())) + body;
-}
-
-std::optional<WaveFileFacts> Examine(const std::string& bytes) {
-  std::istringstream file(bytes);
-  return ExamineWaveFile(file);
-}
-
 TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles) {
-  const std::string format =
-      Number(1, 2) + Number(1, 2) + Number(8000) + Number(24000) + Number(3, 2) + Number(24, 2);
-  const std::string whole = Chunk(
-      "RIFF", "WAVE" + Chunk("fmt ", format) + Chunk("data", "12345678") + Chunk("LIST", "INFO"));
-  const auto facts = Examine(whole);
+  const auto examine = [](const std::string& bytes) {
+    std::istringstream file(bytes);
+    return ExamineWaveFile(file);
+  };
+  // One channel of 24 bits, two frames and a third of one.
+  const char bytes[] =
+      "RIFF\x38\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1F\0\0\xC0\x5D\0\0\3\0\x18\0"
+      "data\x08\0\0\0"
+      "12345678LIST\4\0\0\0INFO";
+  const std::string whole(bytes, sizeof bytes - 1);
+  const auto facts = examine(whole);
   ASSERT_TRUE(facts.has_value());
   EXPECT_EQ(facts->bytes, static_cast<std::int64_t>(whole.size()));
   EXPECT_EQ(facts->data_bytes, 8);
   EXPECT_EQ(facts->block_align, 3);
-  EXPECT_FALSE(HoldsFrames(*facts, 1));
-  EXPECT_TRUE(HoldsFrames(*facts, 2));
-  EXPECT_FALSE(HoldsFrames(*facts, 3));
+  for (const int frames : {1, 2, 3}) EXPECT_EQ(HoldsFrames(*facts, frames), frames == 2);
   for (std::size_t length = 0; length < whole.size(); ++length) {
-    EXPECT_FALSE(Examine(whole.substr(0, length)).has_value()) << length;
+    EXPECT_FALSE(examine(whole.substr(0, length)).has_value()) << length;
   }
-  EXPECT_FALSE(Examine(whole + "x").has_value());
+  EXPECT_FALSE(examine(whole + "x").has_value());
   // The low byte of each size, and the first letter of each tag.
   for (const std::size_t position : {0U, 4U, 8U, 12U, 16U, 36U, 40U}) {
     std::string broken = whole;
     broken[position] ^= 1;
-    EXPECT_FALSE(Examine(broken).has_value()) << position;
+    EXPECT_FALSE(examine(broken).has_value()) << position;
   }
   EXPECT_TRUE(FitsWaveFile(std::int64_t{1} << 30, 1, 16));
   EXPECT_FALSE(FitsWaveFile(std::int64_t{1} << 30, 2, 16));
