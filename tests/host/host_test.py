@@ -65,7 +65,7 @@ class HostTest(unittest.TestCase):
     def setUpClass(cls):
         keep_wine_alive(cls)
         folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        cls.ogg, cls.tone = folder / "in.ogg", folder / "tone.ogg"
+        cls.ogg, cls.tone = folder / "音楽 Ω.ogg", folder / "tone.ogg"
         # A gliding tone and noise, so that no two stretches of the audio are alike.
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 16, folder / "in.wav", "synth", 3, "sine",
              "100:9000", "pinknoise", "vol", 0.5)
@@ -79,7 +79,7 @@ class HostTest(unittest.TestCase):
 
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.out, self.png = self.folder / "out.wav", self.folder / "out.png"
+        self.out, self.png = self.folder / "Stück Ω.wav", self.folder / "out.png"
 
     def succeed(self, *arguments, **options):
         status, output, messages = run(*arguments, **options)
@@ -114,34 +114,25 @@ class HostTest(unittest.TestCase):
         for status, arguments, says in [
             (2, [], "subcommand"),
             (2, ["frob"], "frob: there is no such command"),
-            (2, convert, "OUT.wav"),
             (2, convert, "See \"marlinda convert --help\""),
             (2, [*convert, self.out, "--bits", "12"], "--bits"),
-            (2, [*convert, self.out, "--frob"], "--frob"),
-            (2, [*convert, self.out, "--progress", "--progress"], "--progress"),
             (2, [*convert, self.folder / "out.flac"], "out.flac"),
             (2, ["convert", same, self.folder / "." / "same.wav"], "input file itself"),
             (2, ["convert", "-x.wav", self.out], "Put \"--\" before file names"),
-            (2, cut, "--keep"),
-            (2, [*cut, "--keep", "1"], "--keep 1"),
             (2, [*cut, "--keep", "0:3.1"], "132300 frames"),
             (2, [*cut, "--keep", "0:1", "--plot", self.folder / "out.jpg"], "out.jpg"),
             (2, [*cut, "--keep", ":1", "--label", "0:日本"], "日本"),
-            (2, ["scrub", self.ogg, "--hold", "1"], "--at"),
-            (2, ["info", self.ogg, "--json=false"], "json was given"),
             (2, [*plot, "--width", "31"], "32 to 16384 pixels"),
             (2, [*plot, "--width", "99999999999"], "--width"),
             (2, [*plot, "--from", "soon"], '--from: "soon" is not a time'),
             (2, [*plot, "--from", "0:02", "--to", "1"], "holds no frame"),
             (2, ["plot", same, same], ".png"),
-            (3, ["convert", nowhere / "missing.ogg", self.out], "folder does not exist"),
             (3, ["info", "com1"], "belongs to a device"),
-            *((3, [*words], says) for file, says in (
-                (self.folder / "missing.ogg", "does not exist"), (self.folder, "this is a folder"),
-                (empty, "no import filter"), (text, "no import filter")
-            ) for words in (["convert", file, self.out], ["info", file])),
+            (3, ["info", self.folder / "missing.ogg"], "does not exist"),
+            *((3, ["convert", file, self.out], says) for file, says in (
+                (nowhere / "missing.ogg", "folder does not exist"), (self.folder, "this is a folder"),
+                (empty, "no import filter"), (text, "no import filter"))),
             (4, ["convert", self.ogg, "CON.wav"], "belongs to a device"),
-            (4, [*convert, nowhere / "out.wav"], "folder"),
             (4, [*convert, self.folder / "folder.wav"], "folder.wav"),
             (4, [*cut, "--keep", ":", "--silence", "3:100000"], "4 GiB"),
             (4, ["plot", self.ogg, nowhere / "out.png"], "folder"),
@@ -169,66 +160,34 @@ class HostTest(unittest.TestCase):
         # The converter is needed only where formats differ.
         self.succeed("convert", self.ogg, self.out, "--rate", str(RATE), program=alone)
         self.assertEqual(frames_of(self.out), self.samples)
-        self.assertRegex(tool("sndfile-info", self.out).decode(), r"INAM : Glide\n")
 
-    def test_info_tells_what_other_readers_find_in_the_file(self):
-        report = self.report("info", self.ogg)
-        self.assertEqual(report["file"], windows(self.ogg))
-        self.assertEqual(report["filter"], {"class": "COggImport", "class_id": OGG_CLASS})
-        self.assertEqual([report[key] for key in ("frames", "sample_rate", "channels", "bits_per_sample")],
-                         facts_of(self.ogg)[:3] + [16])
-        self.assertEqual(report["duration_seconds"], 3.0)
-        self.assertEqual(report["tags"], {"title": "Glide", "artist": "Nobody", "album": "Tests",
-                                          "year": "2009", "genre": "Noise"})
-        self.assertEqual((report["labels"], report["markers"], report["acid"]), ([], [], None))
-        text = self.succeed("info", self.ogg)
-        for line in ("COggImport", "44100 Hz, 2 channels", "0:00:03.000", "132300", "Glide"):
-            self.assertIn(line, text)
-
-    def test_convert_keeps_every_sample_at_every_width(self):
+    def test_convert_keeps_every_sample_at_every_width_and_full_scale_full(self):
         for bits in (8, 16, 24, 32):
-            with self.subTest(bits=bits):
-                text = self.succeed("convert", self.ogg, self.out, "--bits", str(bits))
-                self.assertIn(f"132300 frames, 44100 Hz, 2 channels, {bits} bits", text)
-                self.assertEqual(facts_of(self.out), [FRAMES, RATE, 2, bits])
-                # An engine's sample, scaled to the width. sox reads the highest 16 bits.
-                step = 512 if bits == 8 else 1
-                sixteen = array.array("h", tool("sox", "-D", self.out, "-b", 16, "-t", "s16", "-"))
-                self.assertLessEqual(max(abs(a - b) for a, b in zip(sixteen, array.array("h", self.samples))), step)
-
-    def test_full_scale_stays_full_scale_at_every_width_and_wide_sources_stay_wide(self):
+            self.succeed("convert", self.ogg, self.out, "--bits", str(bits))
+            self.assertEqual(facts_of(self.out), [FRAMES, RATE, 2, bits])
+            # An engine's sample, scaled to the width. sox reads the highest 16 bits.
+            sixteen = array.array("h", tool("sox", "-D", self.out, "-b", 16, "-t", "s16", "-"))
+            most = max(abs(a - b) for a, b in zip(sixteen, array.array("h", self.samples)))
+            self.assertLessEqual(most, 512 if bits == 8 else 1)
         full = self.folder / "full.wav"
-        for width in (2, 3, 4):
+        for width, command, options, got in ((2, "convert", ["--bits", "24"], 3), (3, "convert", [], 3),
+                                             (4, "convert", [], 4), (2, "cut", ["--keep", ":", "--bits", "32"], 4)):
             highest = (1 << 8 * width - 1) - 1
-            square = ([highest] * 50 + [-highest - 1] * 50) * 9
+            square = [highest, -highest - 1] * 90
             with wave.open(str(full), "wb") as made:
                 made.setparams((1, width, RATE, 0, "NONE", ""))
                 made.writeframes(b"".join(code.to_bytes(width, "little", signed=True) for code in square))
-            for command, options, got in (("convert", ["--bits", "24"], 3), ("convert", [], width),
-                                          ("cut", ["--keep", ":", "--bits", "32"], 4)):
-                with self.subTest(width=width, command=command, options=options):
-                    self.succeed(command, full, self.out, *options)
-                    data = frames_of(self.out)
-                    self.assertEqual(len(data), got * len(square))
-                    # A float holds the highest 24 bits.
-                    near = max(256, 1 << 8 * (got - min(width, 3)))
-                    for at, wanted in enumerate(square):
-                        code = int.from_bytes(data[at * got:(at + 1) * got], "little", signed=True)
-                        self.assertAlmostEqual(code, wanted * 256 ** got // 256 ** width, delta=near)
+            self.succeed(command, full, self.out, *options)
+            data = frames_of(self.out)
+            codes = [int.from_bytes(data[at:at + got], "little", signed=True) for at in range(0, len(data), got)]
+            # A float holds the highest 24 bits.
+            near = max(256, 1 << 8 * (got - min(width, 3)))
+            for code, wanted in zip(codes, square, strict=True):
+                self.assertAlmostEqual(code, wanted * 256 ** got // 256 ** width, delta=near)
 
-    def test_convert_to_another_format_keeps_length_and_pitch(self):
-        for rate, channels in ((48000, 2), (22050, 1)):
-            with self.subTest(rate=rate, channels=channels):
-                report = self.report("convert", self.tone, self.out, "--rate", str(rate), "--channels", str(channels))
-                self.assertEqual([report[key] for key in ("frames", "sample_rate", "channels")], [rate, rate, channels])
-                self.assertEqual(facts_of(self.out)[:3], [rate, rate, channels])
-                samples = array.array("h", frames_of(self.out))[::channels]
-                self.assertAlmostEqual(hertz(samples) * rate / RATE, 1000, delta=1)
-
-    def test_a_damaged_or_cut_off_file_is_converted_up_to_where_it_ends(self):
-        hole, half = self.folder / "hole.ogg", self.folder / "half.ogg"
+    def test_a_damaged_file_is_converted_up_to_where_it_ends(self):
+        hole = self.folder / "hole.ogg"
         data = bytearray(self.ogg.read_bytes())
-        half.write_bytes(data[:len(data) // 2])
         data[len(data) // 2] ^= 0xff
         hole.write_bytes(data)
         whole, slower = (json.loads(run("convert", hole, self.out, "--json", *options)[1])["frames"]
@@ -239,22 +198,16 @@ class HostTest(unittest.TestCase):
         status, _, messages = run("cut", hole, self.out, "--keep", "0.5:")
         self.assertEqual((status, frames_of(self.out)), (0, self.piece(RATE // 2, whole)))
         self.assertIn(f"only {whole} of {FRAMES} frames", messages)
-        self.assertEqual(run("convert", half, self.out)[0], 0)
-        frames = frames_of(self.out)
-        self.assertGreater(len(frames), RATE)
-        self.assertEqual(frames, self.samples[:len(frames)])
 
     def test_join_keeps_pitch_length_and_labels_of_files_in_other_formats(self):
         self.succeed("cut", self.ogg, self.out, "--keep", ":1", "--label", "0.5:Half")
         mono, whole = self.folder / "mono.wav", self.folder / "whole.wav"
         self.succeed("convert", self.tone, mono, "--rate", "48000", "--channels", "1")
         report = self.report("join", self.out, mono, self.out, whole)
-        self.assertEqual((report["frames"], report["sample_rate"], report["channels"], len(report["inputs"])),
-                         (3 * RATE, RATE, 2, 3))
+        self.assertEqual([report[key] for key in ("frames", "sample_rate", "channels")], [3 * RATE, RATE, 2])
         self.assertEqual([label["position"] for label in report["labels"]], [RATE // 2, 2 * RATE + RATE // 2])
         data = frames_of(whole)
-        self.assertEqual(data[:4 * RATE], self.piece(0, RATE))
-        self.assertEqual(data[8 * RATE:], self.piece(0, RATE))
+        self.assertEqual((data[:4 * RATE], data[8 * RATE:]), (self.piece(0, RATE), self.piece(0, RATE)))
         self.assertAlmostEqual(hertz(array.array("h", data[4 * RATE:8 * RATE])[::2]), 1000, delta=1)
         self.succeed("cut", self.out, mono, whole, "--keep", "0.5:1.5")
         self.assertEqual(frames_of(whole)[:2 * RATE], self.piece(RATE // 2, RATE))
@@ -281,37 +234,29 @@ class HostTest(unittest.TestCase):
         self.assertGreater(len(picture.wave(200, 30, 146)), 20)
         self.assertEqual(len(picture.wave(600, 30, 146)), 1)
 
-    def test_wave_files_are_read_back_with_all_that_they_carry(self):
+    def test_files_are_read_back_with_all_that_they_carry(self):
+        def facts(report):
+            return [report["filter"]["class"], *(report[key] for key in (
+                "file", "frames", "sample_rate", "channels", "bits_per_sample", "tags", "labels", "markers", "acid"))]
+
+        tags = {"title": "Glide", "artist": "Nobody", "album": "Tests", "year": "2009", "genre": "Noise"}
+        self.assertEqual(facts(self.report("info", self.ogg)),
+                         ["COggImport", windows(self.ogg), FRAMES, RATE, 2, 16, tags, [], [], None])
         self.succeed("cut", self.ogg, self.out, "--keep", ":", "--label", "1:Here", "--marker", "0.5:1.5:There",
                      "--bits", "24")
         wide = self.folder / "wide.wav"
         self.succeed("convert", self.out, wide, "--bits", "24")
         self.assertEqual(wide.read_bytes(), self.out.read_bytes())
-        loop = struct.pack("<iIIihhf", 60, 0, 0, 8, 3, 4, 120.0)
-        data = self.out.read_bytes()[8:] + b"acid" + struct.pack("<I", len(loop)) + loop
+        loop = b"acid" + struct.pack("<IiIIihhf", 24, 60, 0, 0, 8, 3, 4, 120.0)
+        data = self.out.read_bytes()[8:] + loop
         wide.write_bytes(b"RIFF" + struct.pack("<I", len(data)) + data)
-        report = self.report("info", wide)
-        self.assertEqual(report["filter"]["class"], "CDShowImport")
-        self.assertEqual((report["frames"], report["bits_per_sample"], report["bit_rate"]), (FRAMES, 24, RATE * 48))
-        self.assertEqual(report["labels"], [{"position": RATE, "name": "Here"}])
-        self.assertEqual(report["markers"], [{"begin": RATE // 2, "end": RATE * 3 // 2, "name": "There"}])
-        self.assertEqual(report["tags"]["year"], "2009")
-        self.assertEqual(report["acid"], {"root_note": 60, "meter_beats": 3, "meter_delimiter": 4,
-                                          "beat_count": 8, "tempo": 120.0})
+        self.assertEqual(facts(self.report("info", wide)), [
+            "CDShowImport", windows(wide), FRAMES, RATE, 2, 24, tags, [{"position": RATE, "name": "Here"}],
+            [{"begin": RATE // 2, "end": RATE * 3 // 2, "name": "There"}],
+            {"root_note": 60, "meter_beats": 3, "meter_delimiter": 4, "beat_count": 8, "tempo": 120.0}])
         text = self.succeed("info", wide)
-        for line in ("Here", "0:00:00.500 to 0:00:01.500  There", "8 beats of 3/4"):
+        for line in ("44100 Hz, 2 channels", "0:00:03.000", "Glide", "0:00:00.500 to 0:00:01.500  There", "8 beats of 3/4"):
             self.assertIn(line, text)
-
-    def test_names_outside_the_code_page_work_for_input_and_output(self):
-        for name in ("Stück", "音楽 Ω"):
-            folder = self.folder / name
-            folder.mkdir()
-            ogg, out = folder / (name + ".ogg"), folder / (name + ".wav")
-            shutil.copy(self.ogg, ogg)
-            self.assertEqual(self.report("convert", ogg, out)["output"], windows(out))
-            self.assertEqual(frames_of(out), self.samples)
-            self.assertEqual(set(folder.iterdir()), {ogg, out})
-            self.fail_with(3, "info", self.folder / (name + ".ogg"), says=name)
 
     def test_install_filters_lists_each_filter_once_and_removes_it_again(self):
         def listed():
@@ -322,22 +267,18 @@ class HostTest(unittest.TestCase):
             return entry["listed_as"]
 
         def states(*arguments):
-            return {entry["class"]: entry["state"] for entry in self.report("install-filters", *arguments)["filters"]}
+            return [entry["state"] for entry in self.report("install-filters", *arguments)["filters"]]
 
         self.addCleanup(reg, "delete", FILTER_KEY, "/f")
         reg("delete", FILTER_KEY, "/f")
-        self.assertEqual((listed(), states("--remove")["COggImport"]), (None, "not listed"))
+        self.assertEqual((listed(), states("--remove")), (None, ["not listed"] * 2))
         # A damaged entry under our own name is put right.
         self.assertEqual(reg("add", FILTER_KEY, "/v", "COggImport", "/d", "{broken}", "/f"), 0)
-        self.assertEqual(states(), dict.fromkeys(("CDShowImport", "COggImport"), "listed"))
-        self.assertEqual(states(), dict.fromkeys(("CDShowImport", "COggImport"), "listed already"))
-        self.assertEqual(listed(), "COggImport")
-        self.succeed("convert", self.ogg, self.out)
-        self.assertEqual(frames_of(self.out), self.samples)
-        self.assertEqual((states("--remove")["COggImport"], listed()), ("removed", None))
+        self.assertEqual((states(), states(), listed()), (["listed"] * 2, ["listed already"] * 2, "COggImport"))
+        self.assertEqual((states("--remove"), listed()), (["removed"] * 2, None))
         # An entry that somebody else made for the same class is respected and found.
         reg("add", FILTER_KEY, "/v", "Vorbis", "/d", OGG_CLASS.lower(), "/f")
-        self.assertEqual((states(), listed()), ({"CDShowImport": "listed", "COggImport": "listed already"}, "Vorbis"))
+        self.assertEqual((sorted(states()), listed()), (["listed", "listed already"], "Vorbis"))
         self.assertIn('listed as "Vorbis", merit 200, *.ogg', self.succeed("filters"))
 
     def test_plot_draws_the_wave_as_high_as_it_sounds(self):
@@ -375,10 +316,9 @@ class HostTest(unittest.TestCase):
     def test_a_second_of_a_long_file_takes_the_room_of_a_second(self):
         long = self.folder / "long.wav"
         size = 3 * 3600 * RATE * 4
-        format_chunk = struct.pack("<4sIHHIIHH", b"fmt ", 16, 1, 2, RATE, 4 * RATE, 4, 16)
-        header = struct.pack("<4sI4s", b"RIFF", size + 36, b"WAVE") + format_chunk + struct.pack("<4sI", b"data", size)
         with open(long, "wb") as file:
-            file.write(header)
+            file.write(struct.pack("<4sI8sIHHIIHH4sI", b"RIFF", size + 36, b"WAVEfmt ", 16, 1, 2, RATE, 4 * RATE, 4, 16,
+                                   b"data", size))
             file.seek(44 + size - 2 * RATE * 4)
             file.write(self.piece(0, 2 * RATE))
         options = {"most_bytes": 2_000_000}
@@ -412,8 +352,7 @@ class HostTest(unittest.TestCase):
         long = self.folder / "long.ogg"
         tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-C", 3, long, "synth", 600, "sine", 997)
         for arguments, most in ((["convert", long, self.out, "--rate", "768000"], 600 * 768000),
-                                (["cut", self.ogg, self.out, "--keep", ":", "--silence", "3:12000", "--bits", "32"],
-                                 FRAMES + 12000 * RATE)):
+                                (["cut", self.ogg, self.out, "--keep", ":", "--silence", "3:12000"], 12000 * RATE)):
             self.out.unlink(missing_ok=True)
             command = Run(*arguments)
             while not (self.out.exists() and self.out.stat().st_size > 0):
@@ -425,24 +364,9 @@ class HostTest(unittest.TestCase):
             status, output, messages = command.result()
             self.assertEqual((status, output), (130, ""))
             self.assertIn("interrupted; the file is valid", messages)
-            with wave.open(str(self.out)) as file:
-                frames, channels, width = file.getnframes(), file.getnchannels(), file.getsampwidth()
-                self.assertLess(frames, most)
-                self.assertEqual(len(file.readframes(FRAMES)), channels * width * min(frames, FRAMES))
-            self.assertEqual(facts_of(self.out)[0], frames)
-
-    def test_progress_for_a_program_comes_as_lines_of_rising_percentages(self):
-        for arguments in (["plot", self.ogg, self.png], ["convert", self.ogg, self.out, "--rate", "48000"]):
-            status, output, messages = run(*arguments, "--progress")
-            self.assertEqual(status, 0, messages)
-            self.assertNotIn("progress", output)
-            lines = [re.fullmatch(r"progress (\d+) (Reading|Writing)", line).groups()
-                     for line in messages.splitlines()]
-            for step in {step for _, step in lines}:
-                percents = [int(percent) for percent, which in lines if which == step]
-                self.assertEqual(percents, sorted(set(percents)))
-                self.assertEqual(percents[-1], 100)
-            self.assertEqual(lines[0][1], "Reading")
+            frames, _, channels, bits = facts_of(self.out)
+            self.assertLess(frames, most)
+            self.assertGreaterEqual(self.out.stat().st_size, 44 + frames * channels * bits // 8)
 
     def test_help_version_and_reports_are_as_documented(self):
         def keys(report):
@@ -458,8 +382,7 @@ class HostTest(unittest.TestCase):
                 report = json.loads(run(command, *arguments, "--json")[1])
                 section = re.search(rf"^### `{command}`\n(.*?)(?=^###? )", page, re.M | re.S)[1]
                 block = section.split("JSON:\n")[1]
-                self.assertEqual(list(report)[0], "schema_version")
-                self.assertEqual(report.pop("schema_version"), 2)
+                self.assertEqual((list(report)[0], report.pop("schema_version")), ("schema_version", 2))
                 # One level of indentation below the brace.
                 self.assertEqual(list(report), re.findall(r'^      "(\w+)":', block, re.M))
                 self.assertLessEqual(keys(report), set(re.findall(r'"(\w+)":', block)))
@@ -467,7 +390,6 @@ class HostTest(unittest.TestCase):
         self.assertEqual(sorted(commands), sorted(re.findall(r"^### `(.*)`$", page, re.M)))
         for command in commands:
             self.assertIn(f"Example: marlinda {command}", self.succeed("help", command))
-        self.assertEqual(self.succeed("help", "cut"), self.succeed("cut", "--help"))
         self.assertRegex(self.succeed("--version"), r"^marlinda \d+\.\d+\.\d+\n$")
 
 

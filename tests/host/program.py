@@ -1,6 +1,4 @@
-"""How the tests of the host run the program and other tools. Reads the program's path from the command
-line, as the first argument.
-"""
+"""How the tests of the host run the program, the first argument of the command line, and other tools."""
 
 import os
 import pathlib
@@ -14,19 +12,13 @@ import tempfile
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
 ENVIRONMENT = dict(os.environ, LC_ALL="C.UTF-8")
+# What the libraries below Wine's decoders say on a machine without a sound card, and about files that they do
+# not know; and what Wine says of a process of which one thread talked to the server while another ended it.
+NOISE = re.compile(r"^\s*(ALSA lib |\(wine:\d+\): GStreamer|wine client error:).*\n(\r?\n)*", re.MULTILINE)
 
 
 def windows(path):
     return "Z:" + str(path).replace("/", "\\")
-
-
-def without_noise(text):
-    """Without what the libraries below Wine's decoders say on a machine without a sound card, and about
-    files that they do not know; and without what Wine says of a process of which one thread talked to
-    the server while another ended it."""
-    text = re.sub(r"^wine client error:.*\n", "", text, flags=re.MULTILINE)
-    noise = re.compile(r"^(ALSA lib .*|\(wine:\d+\): GStreamer.*)?\r?\n", re.MULTILINE)
-    return noise.sub("", text) if "ALSA lib" in text or "GStreamer" in text else text
 
 
 class Run:
@@ -41,10 +33,8 @@ class Run:
 
         words = [windows(word) if isinstance(word, pathlib.Path) else word for word in arguments]
         self.files = [tempfile.TemporaryFile(), tempfile.TemporaryFile()]
-        self.process = subprocess.Popen([WINE, str(program), *words],
-                                        env=dict(ENVIRONMENT, **(environment or {})),
-                                        stdin=subprocess.DEVNULL, stdout=self.files[0],
-                                        stderr=self.files[1],
+        self.process = subprocess.Popen([WINE, program, *words], env=dict(ENVIRONMENT, **(environment or {})),
+                                        stdin=subprocess.DEVNULL, stdout=self.files[0], stderr=self.files[1],
                                         preexec_fn=limit if most_bytes else None)
 
     def result(self):
@@ -55,9 +45,9 @@ class Run:
             self.process.kill()
         texts = []
         for file in self.files:
-            file.seek(0)
-            texts.append(without_noise(file.read().decode("utf-8")))
-            file.close()
+            with file:
+                file.seek(0)
+                texts.append(NOISE.sub("", file.read().decode("utf-8")))
         return status, *texts
 
 
@@ -74,11 +64,5 @@ def keep_wine_alive(test_class):
     """While one program runs, Wine's helper processes stay, and what they say goes nowhere."""
     keeper = subprocess.Popen([WINE, "cmd", "/k", "echo ready"], stdin=subprocess.PIPE,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-
-    def end():
-        keeper.stdin.close()
-        keeper.wait()
-        keeper.stdout.close()
-
-    test_class.addClassCleanup(end)
+    test_class.addClassCleanup(keeper.communicate)
     assert keeper.stdout.readline().startswith(b"ready")
