@@ -22,22 +22,20 @@ macro(tessaly_find_package name)
   endif()
 endmacro()
 
-# TagLib 1 brings no CMake package. The machine's own kernels take the system's library.
-macro(tessaly_find_taglib)
+# tessaly_find_library(<target> <library> <header>): a library without a CMake package. The machine's own
+# kernels take the system's.
+macro(tessaly_find_library target library header)
   if(MSVC OR NOT WIN32)
-    find_library(TAGLIB_LIBRARY tag REQUIRED) # with MSVC vcpkg's, by vcpkg.json
-    find_path(TAGLIB_INCLUDE_DIR taglib/tag.h REQUIRED)
+    find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC vcpkg's, by vcpkg.json
+    find_path(${library}_INCLUDE_DIR ${header} REQUIRED)
   else()
-    set(TAGLIB_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/libtag.a)
-    set(TAGLIB_INCLUDE_DIR ${TESSALY_DEPS}/${dependencies_target}/include)
-    if(NOT EXISTS ${TAGLIB_LIBRARY})
-      message(FATAL_ERROR "${TAGLIB_LIBRARY} is missing. Run scripts/build-dependencies first.")
+    set(${library}_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/lib${library}.a)
+    set(${library}_INCLUDE_DIR ${TESSALY_DEPS}/${dependencies_target}/include)
+    if(NOT EXISTS ${${library}_LIBRARY})
+      message(FATAL_ERROR "${${library}_LIBRARY} is missing. Run scripts/build-dependencies first.")
     endif()
   endif()
-  add_library(TagLib::tag UNKNOWN IMPORTED GLOBAL)
-  set_target_properties(
-    TagLib::tag
-    PROPERTIES IMPORTED_LOCATION ${TAGLIB_LIBRARY}
-               INTERFACE_INCLUDE_DIRECTORIES ${TAGLIB_INCLUDE_DIR}
-               INTERFACE_COMPILE_DEFINITIONS "$<$<BOOL:${WIN32}>:TAGLIB_STATIC>")
+  add_library(${target} UNKNOWN IMPORTED GLOBAL)
+  set_target_properties(${target} PROPERTIES IMPORTED_LOCATION ${${library}_LIBRARY}
+                                             INTERFACE_INCLUDE_DIRECTORIES ${${library}_INCLUDE_DIR})
 endmacro()

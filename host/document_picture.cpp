@@ -13,20 +13,21 @@
 #include <stb/stb_image_write.h>
 
 #include <algorithm>
-#include <cctype>
-#include <filesystem>
-#include <fstream>
+#include <cmath>
 #include <new>
 #include <stdexcept>
-#include <system_error>
 
+#include "host/channel_list.h"
 #include "host/engine.h"
 #include "host/file_name.h"
+#include "host/system_fonts.h"
 #include "host/waveform_picture.h"
-#include "host/wide_text.h"
 
 namespace marlinda {
 namespace {
+
+constexpr int kHeight = 320;
+constexpr int kRoom = 32;  // for each lane of many, more than the least
 
 constexpr int kMinSide = 32;
 constexpr int kMaxSide = 16384;
@@ -36,35 +37,45 @@ void Collect(void* file, void* data, int size) {
                                           static_cast<std::size_t>(size));
 }
 
-// An existing file is replaced. Throws a HostError that names the file, and then leaves no half of
-// one.
-void WritePng(const std::string& file, const Picture& picture) {
+std::string Png(const Drawing& drawing) {
   std::string content;
-  const bool encoded = stbi_write_png_to_func(Collect, &content, picture.width(), picture.height(),
-                                              3, picture.bytes().data(), 3 * picture.width()) != 0;
+  const bool encoded = stbi_write_png_to_func(Collect, &content, drawing.width(), drawing.height(),
+                                              3, drawing.Pixels().data(), 3 * drawing.width()) != 0;
   if (!encoded) throw std::bad_alloc();
-  const std::filesystem::path path(Widen(file));
-  std::ofstream output(path, std::ios::binary | std::ios::trunc);
-  const bool opened = output.is_open();
-  output.write(content.data(), static_cast<std::streamsize>(content.size()));
-  output.close();
-  if (!output) {
-    std::error_code ignored;
-    // An incomplete picture is removed; a file that could not be opened stays.
-    if (opened) std::filesystem::remove(path, ignored);
-    throw HostError(ExitStatus::kOutput, file, "it could not be written",
-                    "Check that the folder may be written to and the disk is not full.");
+  return content;
+}
+
+// For each column the root mean square of each channel.
+std::vector<float> RootMeanSquares(IAudioReader* reader, const FrameRange& range,
+                                   std::size_t columns, std::size_t channels) {
+  std::vector<double> sums(columns * channels);
+  std::vector<double> counts(columns);
+  const auto frames = static_cast<double>(range.end - range.begin);
+  ForEachBlock(reader, range, channels, [&](__int64 position, std::span<const float> block) {
+    for (std::size_t i = 0; i < block.size(); ++i) {
+      const auto frame =
+          static_cast<double>(position - range.begin) + static_cast<double>(i / channels);
+      const auto column = std::min(
+          static_cast<std::size_t>(frame / frames * static_cast<double>(columns)), columns - 1);
+      sums[column * channels + i % channels] += double{block[i]} * block[i];
+      if (i % channels == 0) ++counts[column];
+    }
+  });
+  std::vector<float> rms(sums.size());
+  for (std::size_t i = 0; i < rms.size(); ++i) {
+    rms[i] = static_cast<float>(std::sqrt(sums[i] / std::max(counts[i / channels], 1.0)));
   }
+  return rms;
 }
 
 }  // namespace
 
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs) {
-  std::string extension = ExtensionOf(request.file);
-  std::ranges::transform(extension, extension.begin(),
-                         [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (extension != "png") throw UsageError("plot", "a picture is written as .png", request.file);
-  for (const int side : {request.width, request.height}) {
+  const std::string extension = ExtensionOf(request.file);
+  if (extension != "png" && extension != "svg") {
+    throw UsageError("plot", "a picture is written as .png or .svg", request.file);
+  }
+  for (const int side : {request.width, request.height.value_or(kHeight)}) {
     if (side < kMinSide || side > kMaxSide) {
       throw UsageError("plot",
                        "width and height are " + std::to_string(kMinSide) + " to " +
@@ -83,8 +94,8 @@ FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std:
   }
 }
 
-void DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                  const PictureRequest& request) {
+PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                         const PictureRequest& request) {
   const auto reader = Query<IAudioReader>(document);
   LONG rate = 0;
   SHORT channels = 0;
@@ -98,9 +109,35 @@ void DrawDocument(IEditedAudio* document, const Annotations& annotations,
   const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
                            static_cast<std::size_t>(channels));
   Check(document->ReadWaveplot(range.begin, range.end, columns.get()));
-  const Waveform waveform{columns.samples(), channels, range.begin, range.end, rate, annotations};
+  Waveform waveform{columns.samples(), {}, {}, channels, range.begin, range.end, rate, annotations};
+
+  const __int64 length = range.end - range.begin;
+  const auto lanes = static_cast<std::size_t>(channels);
+  std::vector<float> rms;
+  std::vector<float> samples;
+  const OpenReader open(reader.Get());
+  if (length * 2 <= request.width) {
+    ForEachBlock(reader.Get(), range, lanes, [&](__int64, std::span<const float> block) {
+      samples.insert(samples.end(), block.begin(), block.end());
+    });
+    waveform.samples = samples;
+  } else if (request.rms) {
+    rms = RootMeanSquares(reader.Get(), range, static_cast<std::size_t>(request.width), lanes);
+    waveform.rms = rms;
+  }
+  const int height =
+      request.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
+  if (height < LeastHeight(channels)) {
+    throw UsageError("plot",
+                     ChannelCount(channels) + " need a height of " +
+                         std::to_string(LeastHeight(channels)) + " pixels",
+                     request.file);
+  }
   const Console::Finishing finishing;
-  WritePng(request.file, DrawWaveform(waveform, request.width, request.height));
+  const Drawing drawing =
+      DrawWaveform(waveform, request.style, request.width, height, SystemFonts());
+  WriteWholeFile(request.file, ExtensionOf(request.file) == "svg" ? drawing.Svg() : Png(drawing));
+  return {request.width, height};
 }
 
 }  // namespace marlinda

@@ -7,14 +7,18 @@
 
 #include "host/annotations.h"
 #include "host/timecode.h"
+#include "host/waveform_picture.h"
 
 namespace marlinda {
 
 struct PictureRequest {
-  std::string file;  // PNG
-  int width = 1200;  // pixels
-  int height = 320;
+  std::string file;                // .png or .svg
+  int width = 1200;                // pixels
+  std::optional<int> height = {};  // 320, or more where many channels need it
   TimeRange range = {};
+  PictureStyle style = {};
+  bool rms =
+      false;  // also draws the root mean square of each column, for which all samples are read
 };
 
 // Checks the request before the long import. Throws a HostError.
@@ -23,8 +27,13 @@ void CheckPicture(const PictureRequest& request, const std::vector<std::string>&
 // The frames to draw. Throws a HostError.
 FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate);
 
+struct PictureSize {
+  int width;
+  int height;
+};
+
 // Draws the document with these labels and markers. Throws a HostError.
-void DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                  const PictureRequest& request);
+PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                         const PictureRequest& request);
 
 }  // namespace marlinda

@@ -213,6 +213,17 @@ Annotations ReadAnnotations(IUnknown* object) {
   return annotations;
 }
 
+void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
+                  const BlockFunction& take) {
+  constexpr __int64 kBlockFrames = 65536;
+  for (__int64 at = range.begin; at < range.end; at += kBlockFrames) {
+    const auto frames = static_cast<std::size_t>(std::min(kBlockFrames, range.end - at));
+    const FloatArray block(frames * channels);
+    Check(reader->ReadAudio(at, block.get()));
+    take(at, block.samples());
+  }
+}
+
 void AddAnnotations(IUnknown* object, const Annotations& annotations) {
   const auto labels = Query<ILabelSupport>(object);
   for (const Label& label : annotations.labels) {

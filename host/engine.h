@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <new>
 #include <optional>
 #include <span>
@@ -96,6 +97,11 @@ class OpenReader {
  private:
   IAudioReader* reader_;
 };
+
+// Reads the range of an open reader in blocks.
+using BlockFunction = std::function<void(__int64 position, std::span<const float> samples)>;
+void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
+                  const BlockFunction& take);
 
 // Labels and markers of an object; none where it has no such interfaces.
 Annotations ReadAnnotations(IUnknown* object);

@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <fstream>
+#include <system_error>
 
 #include "core/com_call.h"
 #include "core/handle.h"
@@ -85,9 +87,26 @@ void RequireWritablePlace(const std::string& output, const std::vector<std::stri
   }
 }
 
+void WriteWholeFile(const std::string& file, const std::string& content) {
+  const std::filesystem::path path(Widen(file));
+  std::ofstream output(path, std::ios::binary | std::ios::trunc);
+  const bool opened = output.is_open();
+  output.write(content.data(), static_cast<std::streamsize>(content.size()));
+  output.close();
+  if (output) return;
+  std::error_code ignored;
+  // A file that could not be opened stays.
+  if (opened) std::filesystem::remove(path, ignored);
+  throw HostError(ExitStatus::kOutput, file, "it could not be written",
+                  "Check that the folder may be written to and the disk is not full.");
+}
+
 std::string ExtensionOf(const std::string& file) {
-  const std::wstring extension = std::filesystem::path(Widen(file)).extension().wstring();
-  return extension.empty() ? std::string() : Narrow(extension.substr(1));
+  std::string extension = Narrow(std::filesystem::path(Widen(file)).extension().wstring());
+  for (char& c : extension) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return extension.empty() ? extension : extension.substr(1);
 }
 
 std::wstring EngineNameOfInput(const std::string& file) {

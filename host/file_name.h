@@ -18,7 +18,11 @@ void RequireWritable(const std::string& file);
 // device such as CON, or one of the inputs.
 void RequireWritablePlace(const std::string& output, const std::vector<std::string>& inputs);
 
-// Extension without its dot.
+// Writes a file whole; an existing one is replaced. Throws a HostError that names the file, and
+// then leaves no half of one.
+void WriteWholeFile(const std::string& file, const std::string& content);
+
+// Extension without its dot, ASCII letters in lower case.
 std::string ExtensionOf(const std::string& file);
 
 // A name for the same file that the engine's code page can hold: the name itself, or the short name

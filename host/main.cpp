@@ -73,8 +73,9 @@ int Run(Console& console) {
   app.formatter(std::make_shared<PlainHelp>());
   // A path may begin with a slash.
   app.allow_windows_style_options(false);
-  for (const auto add : {AddDoctor, AddFilters, AddInstallFilters, AddInfo, AddConvert, AddCut,
-                         AddJoin, AddPlot, AddDevices, AddPlay, AddRecord, AddScrub}) {
+  for (const auto add :
+       {AddDoctor, AddFilters, AddInstallFilters, AddInfo, AddConvert, AddCut, AddJoin, AddPlot,
+        AddPeaks, AddStats, AddDevices, AddPlay, AddRecord, AddScrub}) {
     add(app, console);
   }
 

@@ -14,8 +14,8 @@ build=(
   dpkg-dev ca-certificates xz-utils libutfcpp-dev
   googletest python3 vorbis-tools
 )
-# Wine and its display.
-wine=(wine64 libwine xvfb)
+# Wine, its display and a font for pictures and windows.
+wine=(wine64 libwine xvfb fonts-dejavu-core)
 # What Wine's DirectShow decodes with: rare WAV and AVI (good), WMA
 # and WMV (libav). Uncompressed files need none of it.
 decoders=(
@@ -71,7 +71,7 @@ fi
 
 # The libraries are needed for the machine's own kernels only where those are built.
 targets=()
-libraries=(libogg libvorbis libsamplerate taglib mpg123 lame flac)
+libraries=(libogg libvorbis libsamplerate taglib mpg123 lame flac libebur128)
 for group in "${groups[@]}"; do
   [[ $group == fuzz ]] || targets+=(x64 x86)
   [[ $group == build || $group == demo || $group == package ]] || targets+=(native)

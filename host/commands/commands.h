@@ -18,9 +18,11 @@ void AddFilters(CLI::App& app, Console& console);
 void AddInfo(CLI::App& app, Console& console);
 void AddInstallFilters(CLI::App& app, Console& console);
 void AddJoin(CLI::App& app, Console& console);
+void AddPeaks(CLI::App& app, Console& console);
 void AddPlay(CLI::App& app, Console& console);
 void AddPlot(CLI::App& app, Console& console);
 void AddRecord(CLI::App& app, Console& console);
 void AddScrub(CLI::App& app, Console& console);
+void AddStats(CLI::App& app, Console& console);
 
 }  // namespace marlinda

@@ -10,7 +10,8 @@ namespace {
 
 constexpr const char* kPlotHelp =
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
-    "One lane a channel; full scale fills a lane. Labels and markers of the file are drawn in.\n"
+    "One lane a channel; full scale fills a lane, and what reaches it is marked above. Labels and\n"
+    "markers of the file are drawn in.\n"
     "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
 
 struct PlotOptions {
@@ -18,8 +19,22 @@ struct PlotOptions {
   PictureRequest picture;
   std::string from;  // either may be empty
   std::string to;
+  std::string colour;
   bool json = false;
 };
+
+// "26ab9c" or "#26ab9c".
+Colour ParseColour(const std::string& text) {
+  const std::string digits = text.starts_with('#') ? text.substr(1) : text;
+  if (digits.size() != 6 ||
+      digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    throw UsageError("plot", "--colour: \"" + text + "\" is no colour such as 265c9e");
+  }
+  const auto part = [&](std::size_t at) {
+    return static_cast<std::uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16));
+  };
+  return {part(0), part(2), part(4)};
+}
 
 void Plot(PlotOptions options, const Console& console) {
   try {
@@ -27,6 +42,7 @@ void Plot(PlotOptions options, const Console& console) {
   } catch (const std::invalid_argument& error) {
     throw UsageError("plot", error.what());
   }
+  if (!options.colour.empty()) options.picture.style.wave = ParseColour(options.colour);
   CheckPicture(options.picture, {options.input});
   Source source(options.input);
   const auto expected = source.Expected();
@@ -38,20 +54,20 @@ void Plot(PlotOptions options, const Console& console) {
   const auto document = NewDocument(audio.format, 32);
   SetAudio(document.Get(), audio);
   const Annotations annotations = source.ReadAnnotations();
-  DrawDocument(document.Get(), annotations, options.picture);
+  const PictureSize size = DrawDocument(document.Get(), annotations, options.picture);
 
   if (options.json) {
     console.Print(Serialize(Json{{"input", options.input},
                                  {"filter", source.filter().class_name},
                                  {"picture", options.picture.file},
-                                 {"width", options.picture.width},
-                                 {"height", options.picture.height},
+                                 {"width", size.width},
+                                 {"height", size.height},
                                  {"frames", audio.frames},
                                  {"labels", ToJson(annotations.labels)},
                                  {"markers", ToJson(annotations.markers)}}));
   } else {
-    console.Print("drew " + options.picture.file + ": " + std::to_string(options.picture.width) +
-                  " x " + std::to_string(options.picture.height) + " pixels\n");
+    console.Print("drew " + options.picture.file + ": " + std::to_string(size.width) + " x " +
+                  std::to_string(size.height) + " pixels\n");
   }
 }
 
@@ -63,9 +79,25 @@ void AddPlot(CLI::App& app, Console& console) {
                                  [options, &console] { Plot(*options, console); });
   PictureRequest& picture = options->picture;
   command->add_option("IN", options->input, "Audio file to read")->required();
-  command->add_option("OUT.png", picture.file, "Picture; an existing one is replaced")->required();
+  command->add_option("OUT.png|OUT.svg", picture.file, "Picture; an existing one is replaced")
+      ->required();
   command->add_option("--width", picture.width, "Pixels (1200 unless given)");
-  command->add_option("--height", picture.height, "Pixels (320 unless given)");
+  command->add_option("--height", picture.height,
+                      "Pixels (320 unless given, more for many channels)");
+  command
+      ->add_option_function<std::string>(
+          "--scale", [&picture](const std::string& name) { picture.style.decibels = name == "db"; },
+          "Height of a sample, or its level down to -60 dB (linear unless given)")
+      ->option_text("linear|db")
+      ->check(CLI::IsMember({"linear", "db"}));
+  command
+      ->add_option_function<std::string>(
+          "--theme", [&picture](const std::string& name) { picture.style.dark = name == "dark"; },
+          "Colours (light unless given)")
+      ->option_text("light|dark")
+      ->check(CLI::IsMember({"light", "dark"}));
+  command->add_option("--colour", options->colour, "Colour of the wave")->option_text("RRGGBB");
+  command->add_flag("--rms", picture.rms, "Draw the root mean square as well");
   command->add_option("--from", options->from, "Draw from this time on");
   command->add_option("--to", options->to, "Draw up to this time");
   AddProgress(command, console);

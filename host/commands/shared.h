@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,6 +49,11 @@ void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::str
       ->option_text("N")
       ->check(CLI::Range(1, 32));
 }
+
+// Imports the whole file and hands its samples over in blocks, at least one.
+using MeasureFunction =
+    std::function<void(const AudioFormat& format, std::span<const float> samples)>;
+ImportedAudio Measure(Source& source, const Console& console, const MeasureFunction& take);
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
 // `asked`, or the width of a source of 24 or 32 bits, or 16.

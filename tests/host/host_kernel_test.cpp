@@ -150,7 +150,7 @@ TEST(Progress, EachPercentIsOneLineForAProgramAndOneBarForAPerson) {
 
 TEST(TransportLine, ShowsABarOfSixtyDecibelsForEachLevelWithinATerminal) {
   // 20 steps of 3 dB: half scale is 6 dB below the top.
-  EXPECT_EQ(TransportLine("Playing", 66150, 132300, 44100, {0.51F, 0.0F}),
+  EXPECT_EQ(TransportLine("Playing", 66150, 132300, 44100, std::vector{0.51F, 0.0F}),
             "Playing 0:00:01.500 / 0:00:03.000 [##################  ] [                    ]");
   const auto meter = [](const std::vector<float>& levels) {
     return TransportLine("Playing", 0, 0, 44100, levels).substr(33);
@@ -205,11 +205,35 @@ TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles
 }
 
 constexpr int kWidth = 200;
-constexpr int kHeight = 220;  // 200 for the lanes, 20 for the axis
+constexpr int kHeight = 222;  // 200 for the lanes, 22 for the axis
+
+struct Pixels {
+  std::vector<std::uint8_t> bytes;
+  Colour At(int x, int y) const {
+    const auto at = static_cast<std::size_t>(3 * (y * kWidth + x));
+    return {bytes.at(at), bytes.at(at + 1), bytes.at(at + 2)};
+  }
+  // The rows of a column that the wave covers at least by half.
+  std::vector<int> Wave(int column, int from = 0, int to = 200) const {
+    std::vector<int> rows;
+    for (int y = from; y < to; ++y) {
+      if (At(column, y).red < 142) rows.push_back(y);
+    }
+    return rows;
+  }
+};
+
+// Six pixels a character.
+ShapedText Shape(const std::string& text) {
+  const double width = 6.0 * static_cast<double>(text.size());
+  ShapedText shaped{{}, width};
+  shaped.outline.AddPolygon({{0, -8}, {width, -8}, {width, 0}, {0, 0}});
+  return shaped;
+}
 
 // A picture of one second whose columns are given by a function of column and channel.
 template <class Pair>
-Picture Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
+Drawing Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
   std::vector<float> pairs;
   for (int column = 0; column < kWidth; ++column) {
     for (int channel = 0; channel < channels; ++channel) {
@@ -217,79 +241,84 @@ Picture Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
       pairs.insert(pairs.end(), {minimum, maximum});
     }
   }
-  return DrawWaveform({pairs, channels, 0, 44100, 44100, std::move(annotations)}, kWidth, kHeight);
+  const Waveform waveform{pairs, {}, {}, channels, 0, 44100, 44100, std::move(annotations)};
+  return DrawWaveform(waveform, {}, kWidth, kHeight, Shape);
 }
 
 std::pair<float, float> Silent(int, int) { return {0.0F, 0.0F}; }
 
-// The rows of a column that the wave covers.
-std::vector<int> WaveIn(const Picture& picture, int column, int from = 0, int to = 200) {
-  std::vector<int> rows;
-  for (int y = from; y < to; ++y) {
-    if (picture.At(column, y) == Colour{38, 92, 158}) rows.push_back(y);
-  }
-  return rows;
-}
-
 TEST(WaveformPicture, EachLaneShowsItsChannelsMinimumAndMaximum) {
-  const Picture picture = Draw(
-      [&](int column, int channel) {
-        if (column < 50) return std::pair(0.0F, 0.0F);
-        if (column == 60) return std::pair(3.4e38F, -3.4e38F);  // a column without samples
-        if (column == 70) return std::pair(kNaN, kNaN);
-        return channel == 0 ? std::pair(-3.0F, 1.0e30F) : std::pair(-0.5F, 0.5F);
-      },
-      {}, 2);
-  EXPECT_THAT(WaveIn(picture, 40, 0, 100),
-              ElementsAre(AllOf(::testing::Ge(47), ::testing::Le(49))));
-  EXPECT_EQ(WaveIn(picture, 80, 0, 100).front(), 0);
-  EXPECT_GE(WaveIn(picture, 80, 0, 100).size(), 95U);
-  EXPECT_NEAR(static_cast<int>(WaveIn(picture, 80, 100, 200).size()), 48, 2);
-  EXPECT_NEAR(WaveIn(picture, 80, 100, 200).front(), 124, 2);
-  EXPECT_TRUE(WaveIn(picture, 60).empty());
-  EXPECT_TRUE(WaveIn(picture, 70).empty());
+  const Pixels picture{Draw(
+                           [&](int column, int channel) {
+                             if (column < 50) return std::pair(0.0F, 0.0F);
+                             if (column == 60)
+                               return std::pair(3.4e38F, -3.4e38F);  // a column without samples
+                             if (column == 70) return std::pair(kNaN, kNaN);
+                             return channel == 0 ? std::pair(-3.0F, 1.0e30F)
+                                                 : std::pair(-0.5F, 0.5F);
+                           },
+                           {}, 2)
+                           .Pixels()};
+  EXPECT_THAT(picture.Wave(40, 0, 100), ElementsAre(AllOf(::testing::Ge(47), ::testing::Le(49))));
+  EXPECT_LE(picture.Wave(80, 5, 100).front(), 5);
+  EXPECT_GE(picture.Wave(80, 5, 100).size(), 90U);
+  EXPECT_EQ(picture.At(80, 1), (Colour{220, 20, 20}));  // clipped
+  EXPECT_NEAR(static_cast<int>(picture.Wave(80, 100, 200).size()), 49, 2);
+  EXPECT_NEAR(picture.Wave(80, 100, 200).front(), 124, 2);
+  EXPECT_TRUE(picture.Wave(60).empty());
+  EXPECT_TRUE(picture.Wave(70).empty());
 }
 
-TEST(WaveformPicture, EveryColumnTouchesItsNeighbourAndHasNoHoles) {
+TEST(WaveformPicture, EveryColumnTouchesItsNeighbourAndSingleSamplesAreJoined) {
   std::mt19937 random(5);
   std::uniform_real_distribution<float> sample(-1.0F, 1.0F);
-  const Picture picture = Draw([&](int, int) {
-    const float a = sample(random);
-    return std::pair(a, a + 0.01F);
-  });
-  for (int column = 1; column < kWidth; ++column) {
-    const auto before = WaveIn(picture, column - 1);
-    const auto here = WaveIn(picture, column);
-    ASSERT_EQ(static_cast<int>(here.size()), here.back() - here.front() + 1) << column;
-    ASSERT_LE(here.front(), before.back()) << column;
-    ASSERT_GE(here.back(), before.front()) << column;
+  const Pixels columns{Draw([&](int, int) {
+                         const float a = sample(random);
+                         return std::pair(a, a + 0.01F);
+                       }).Pixels()};
+  for (int column = 1; column + 1 < kWidth; ++column) {
+    const auto before = columns.Wave(column - 1);
+    const auto here = columns.Wave(column);
+    ASSERT_LE(here.front(), before.back() + 1) << column;
+    ASSERT_GE(here.back() + 1, before.front()) << column;
   }
+  const std::vector<float> samples = {1, -1, -1, 1};
+  const Waveform waveform{{}, {}, samples, 1, 0, 4, 44100, {}};
+  const Pixels line{DrawWaveform(waveform, {}, kWidth, kHeight, Shape).Pixels()};
+  EXPECT_NEAR(line.Wave(25).front(), 97, 4);  // half-way down
+  EXPECT_NEAR(line.Wave(75).front(), 194, 4);
 }
 
-TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesOfAnyLengthAndScript) {
-  const Colour label{196, 48, 43};
-  const Colour marker{178, 120, 10};
+TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesThatDoNotMeet) {
+  const Colour lane{246, 248, 251};
   Annotations annotations;
-  annotations.labels = {{22050, "Half"}, {-5, "before"}, {44100, "after"}};
+  annotations.labels = {{22050, "Half"}, {-5, "before"}, {44100, "after"}, {43000, "End"}};
   annotations.markers = {{{4410, 8820}, "Verse"}, {{30000, 20000}, "backward"}};
-  const Picture picture = Draw(Silent, annotations);
-  EXPECT_EQ(picture.At(100, 150), label);
-  EXPECT_EQ(picture.At(20, 150), marker);
-  EXPECT_EQ(picture.At(40, 150), marker);
-  EXPECT_NE(picture.At(30, 150), picture.At(60, 150));  // the marked section is tinted
-  EXPECT_NE(picture.At(0, 150), label);
-  EXPECT_NE(picture.At(kWidth - 1, 150), label);
-  annotations.labels = {{44000, std::string(5000, 'x')}, {100, "Caf\xC3\xA9 \xE4\xBD\xA0"}};
-  EXPECT_EQ(Draw(Silent, annotations).bytes().size(), 3U * kWidth * kHeight);
-  EXPECT_EQ(TextWidth("Caf\xC3\xA9"), TextWidth("Caf?"));
+  const Pixels picture{Draw(Silent, annotations).Pixels()};
+  const auto red = [&](int x, int y = 150) {
+    return picture.At(x, y).red - picture.At(x, y).green > 40;
+  };
+  EXPECT_TRUE(red(100) && red(20) && red(40));
+  EXPECT_FALSE(red(0) || red(kWidth - 1));
+  EXPECT_NE(picture.At(30, 150), lane);  // the marked section is tinted
+  EXPECT_EQ(picture.At(60, 150), lane);
+  EXPECT_TRUE(red(44, 8) && red(104, 8) && red(144, 8));  // right of their lines
+  EXPECT_FALSE(red(15, 8));
+  EXPECT_TRUE(red(180, 8 + 15));  // left of its line at the end, and below "backward"
+
+  annotations.labels = {{44000, std::string(5000, 'x')}, {100, ""}};
+  EXPECT_EQ(Draw(Silent, annotations).Pixels().size(), 3U * kWidth * kHeight);
   // The smallest picture has room for nothing but still a lane.
-  EXPECT_NO_THROW(DrawWaveform({{}, 8, 0, 1, 0, annotations}, 32, 32));
+  EXPECT_EQ(DrawWaveform({{}, {}, {}, 8, 0, 1, 0, annotations}, {}, 32, 32, Shape).Pixels().size(),
+            3072U);
+  EXPECT_THAT(Draw(Silent, annotations).Svg(), ::testing::StartsWith("<svg xmlns"));
 }
 
 TEST(WaveformPicture, TicksAreFarEnoughApartAndReadAsTimes) {
   const std::pair<double, double> steps[] = {
       {12.0, 1.0}, {1.0, 0.1}, {3600.0, 300.0}, {1e7, 7 * 86400.0}};
   for (const auto& [seconds, step] : steps) EXPECT_DOUBLE_EQ(TickStep(seconds, 1200, 70), step);
+  EXPECT_DOUBLE_EQ(TickStep(20, 200, 8, 15), 1);  // 2 does not divide 15, and 5 would do, too
   const std::tuple<double, double, const char*> texts[] = {
       {0, 1, "0"},      {0.25, 0.05, "0.25"},  {59.99999, 0.5, "1:00.0"},
       {185, 5, "3:05"}, {65.5, 0.5, "1:05.5"}, {3600, 600, "1:00:00"}};
