@@ -1,5 +1,5 @@
-// Reads bytes as a sequence of edits, of any positions, and compares segments, labels and markers
-// with the plain lists that follow the same rules by walking.
+// Reads bytes as edits, of any positions, and compares segments, labels and markers with the plain
+// lists that follow the same rules by walking.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -69,13 +69,13 @@ void Insert(List& list, std::int64_t position, std::vector<Segment> segments) {
   list.Insert(position, segments, divided);
 }
 
-void RequireSame(const List& list, const Annotations& annotations, const PlainDocument& plain) {
-  std::vector<Segment> all;
+std::string TextOf(const List& list, const Annotations& annotations) {
+  PlainDocument found{{}, annotations.labels, annotations.markers};
   list.ForEach([&](char source, const CSection& segment) {
-    all.emplace_back(source, segment.begin, segment.end);
+    found.segments.emplace_back(source, segment.begin, segment.end);
   });
-  Require(list.Count() == all.size() && list.Length() == plain.Length());
-  Require(PlainDocument{all, annotations.labels, annotations.markers}.Text() == plain.Text());
+  Require(list.Count() == found.segments.size() && list.Length() == found.Length());
+  return found.Text();
 }
 
 }  // namespace
@@ -116,12 +116,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         break;
       }
       case 4:
-        annotations.labels.push_back({bytes.Position(), std::string(30, name++)});
-        plain.labels.push_back(annotations.labels.back());
+        plain.labels.push_back({bytes.Position(), std::string(30, name++)});
+        annotations.labels.push_back(plain.labels.back());
         break;
       case 5:
-        annotations.markers.push_back({bytes.Range(), std::string(30, name++)});
-        plain.markers.push_back(annotations.markers.back());
+        plain.markers.push_back({bytes.Range(), std::string(30, name++)});
+        annotations.markers.push_back(plain.markers.back());
         break;
       case 6: {
         const CSection range = bytes.Range();
@@ -133,13 +133,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           Require(list.Next() == nullptr);
         } else {
           // As a document rebuilds its list.
-          std::vector<Segment> tail = plain.Part(range.end, plain.Length()).segments;
           list.RemoveAll();
           for (const Segment& s : plain.Part(0, range.begin).segments) list.Append(s);
-          Insert(list, range.begin, tail);
+          Insert(list, range.begin, plain.Part(range.end, plain.Length()).segments);
         }
         plain.Delete(range.begin, range.end);
-        RequireSame(list, annotations, plain);
+        Require(TextOf(list, annotations) == plain.Text());
         break;
       }
       default: {
@@ -147,10 +146,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::size_t met = 0;
         for (const Segment* s = list.First(); s != nullptr; s = list.Next()) ++met;
         Require(met == plain.segments.size() && list.Next() == nullptr);
-        RequireSame(list, annotations, plain);
       }
     }
   }
-  RequireSame(list, annotations, plain);
+  Require(TextOf(list, annotations) == plain.Text());
   return 0;
 }

@@ -4,11 +4,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <limits>
 #include <new>
-#include <span>
-#include <string_view>
 #include <vector>
 
 #include "import/vorbis_stream.h"
@@ -24,19 +21,15 @@ std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threa
   const std::size_t choice = data[size - 1];
   // The library's stream wants memory that can be written to.
   std::vector<std::uint8_t> copy(data, data + size);
-  marlinda::FilePointer file(fmemopen(copy.data(), copy.size(), "rb"));
-  Require(file != nullptr);
-  const auto stream = marlinda::VorbisStream::Open(std::move(file), threads);
+  const auto stream = marlinda::VorbisStream::Open(
+      marlinda::FilePointer(fmemopen(copy.data(), size, "rb")), threads);
   if (stream == nullptr) return 0;
   Require(stream->channels() > 0 && stream->samples_per_sec() > 0);
   Require(stream->average_bytes_per_sec() >= 0);
   Require(stream->total_frames() <= 0 || stream->readable_frames() <= stream->total_frames());
   const auto channels = static_cast<std::size_t>(stream->channels());
-
   marlinda::Tags texts;
-  for (const std::string_view comment : stream->Comments()) {
-    marlinda::ApplyVorbisComment(comment, texts);
-  }
+  for (const auto comment : stream->Comments()) marlinda::ApplyVorbisComment(comment, texts);
   Require(texts.year.size() <= 4);
 
   if (choice % 2 == 0) stream->Prepare();
@@ -54,8 +47,8 @@ std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threa
       Require(samples <= block.size() && samples % channels == 0);
       left -= static_cast<std::int64_t>(samples / channels);
       Require(left >= 0);
-      const std::string_view bytes(reinterpret_cast<const char*>(block.data()), 2 * samples);
-      sum = 31 * sum + std::hash<std::string_view>()(bytes);
+      for (std::size_t i = 0; i < samples; ++i)
+        sum = 31 * sum + static_cast<std::uint16_t>(block[i]);
     }
   } catch (const std::bad_alloc&) {
     ++sum;

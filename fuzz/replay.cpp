@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
   int seeds = 0;
   for (int i = 1; i < argc; ++i) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-      if (!entry.is_regular_file() || entry.path().extension() == ".sh") continue;
+      if (entry.path().extension() == ".sh") continue;
       std::ifstream file(entry.path(), std::ios::binary);
       Replay({std::istreambuf_iterator<char>(file), {}});
       ++seeds;

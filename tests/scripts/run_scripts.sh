@@ -28,19 +28,15 @@ trap clean_up EXIT
 expect() {
   [[ $2 == "$3" ]] || { echo "FAILED: $1: $2 instead of $3"; failures=$((failures + 1)); }
 }
-# runs SCRIPT "EXPECTED OUTPUT" [ARGUMENTS...]: the script host's status is 0 also after an error in the
-# script, so the text decides.
-runs() {
-  local script=$1 expected=$2
-  shift 2
-  expect "output of $script" "$(wine cscript //nologo "$(windows_path "$script")" "$@" 2>&1 | tr -d '\r')" "$expected"
-}
-# sample SCRIPT IN "EXPECTED OUTPUT" FRAMES [ARGUMENTS...]: writes $work/half.wav, or nothing.
+# sample SCRIPT IN "EXPECTED OUTPUT" FRAMES [ARGUMENTS...]: writes $work/half.wav, or nothing. The script host's
+# status is 0 also after an error in the script, so the text decides.
 sample() {
-  local script=$root/samples/scripts/$1 in=$2 expected=$3 frames=$4
+  local script=$root/samples/scripts/$1 in=$2 expected=$3 frames=$4 output
   shift 4
   rm -f "$work/half.wav"
-  runs "$script" "$expected" "$(windows_path "$in")" "$(windows_path "$work/half.wav")" "$@"
+  output=$(wine cscript //nologo "$(windows_path "$script")" "$(windows_path "$in")" \
+    "$(windows_path "$work/half.wav")" "$@" 2>&1 | tr -d '\r')
+  expect "output of $script" "$output" "$expected"
   expect "frames in the WAV file" "$(sox --info -s "$work/half.wav" 2>/dev/null || true)" "$frames"
 }
 register Tessaly.dll

@@ -1,5 +1,4 @@
-// A client of the module: loads it, makes its classes creatable by class identifier, and makes
-// arrays, texts and folders.
+// A client of the module, and its arrays, texts and folders.
 #pragma once
 
 #include <marlinda.h>
@@ -28,8 +27,7 @@ class ModuleUnderTest {
 
   static HMODULE Handle();
   static std::wstring Path();
-  // Of a file beside the module.
-  static std::wstring Sibling(const std::wstring& name);
+  static std::wstring Sibling(const std::wstring& name);  // a file beside the module
   static HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** factory);
   static HRESULT CanUnloadNow();
 };
@@ -94,8 +92,7 @@ class Floats : public ForeignArray {
 
   std::span<float> values() const;
   std::vector<float> ToVector() const { return {values().begin(), values().end()}; }
-  // A template, because an index of another type than size_t could also index the converted
-  // pointer.
+  // Another index than a template's could also index the converted pointer.
   template <std::integral Index>
   float& operator[](Index index) const {
     return values()[static_cast<std::size_t>(index)];

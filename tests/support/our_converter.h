@@ -7,8 +7,7 @@
 
 namespace marlinda::testing {
 
-// Makes a converter the one that is found, for as long as it lives: any factory's, or that of the
-// module which is built beside the engine's.
+// Makes a factory's converter the one that is found, for as long as it lives.
 class InstalledConverter {
  public:
   explicit InstalledConverter(IUnknown* factory) {
@@ -23,12 +22,10 @@ class InstalledConverter {
   DWORD cookie_ = 0;
 };
 
-class OurConverter : public InstalledConverter {
- public:
+// The module's that is built beside the engine's. It stays loaded.
+struct OurConverter : InstalledConverter {
   OurConverter() : InstalledConverter(Factory().Get()) {}
 
- private:
-  // The library stays loaded.
   static ComPtr<IUnknown> Factory() {
     const HMODULE library = LoadLibraryW(ModuleUnderTest::Sibling(L"Converter.dll").c_str());
     ComPtr<IUnknown> factory;

@@ -34,18 +34,17 @@ unsigned CountHandles() {
                                                                         "NtQuerySystemInformation");
   constexpr ULONG kSystemHandleInformation = 16;
   std::vector<char> table(1 << 20);
-  const auto is_too_small = [&] {
-    return query(kSystemHandleInformation, table.data(), static_cast<ULONG>(table.size()),
-                 nullptr) < 0;
-  };
-  while (is_too_small()) table.resize(2 * table.size());
+  while (query(kSystemHandleInformation, table.data(), static_cast<ULONG>(table.size()), nullptr) <
+         0) {
+    table.resize(2 * table.size());
+  }
   ULONG count = 0;
   std::memcpy(&count, table.data(), sizeof count);
   unsigned ours = 0;
   for (ULONG i = 0; i < count; ++i) {
     HandleEntry entry;
     std::memcpy(&entry, table.data() + sizeof(void*) + i * sizeof entry, sizeof entry);
-    if (entry.process == static_cast<USHORT>(GetCurrentProcessId())) ++ours;
+    ours += entry.process == static_cast<USHORT>(GetCurrentProcessId()) ? 1 : 0;
   }
   return ours;
 }
@@ -58,7 +57,7 @@ unsigned CountThreads() {
   unsigned ours = 0;
   for (BOOL more = Thread32First(snapshot.get(), &entry); more != FALSE;
        more = Thread32Next(snapshot.get(), &entry)) {
-    if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++ours;
+    ours += entry.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
   }
   return ours;
 }
@@ -69,7 +68,7 @@ std::size_t CountHeapBlocks() {
   std::size_t blocks = 0;
   HeapLock(heap);
   while (HeapWalk(heap, &entry) != FALSE) {
-    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) ++blocks;
+    blocks += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 ? 1 : 0;
   }
   HeapUnlock(heap);
   return blocks;

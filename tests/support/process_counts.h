@@ -10,12 +10,10 @@ unsigned CountThreads();
 // Blocks in use in the process heap, from which the module's C library allocates.
 std::size_t CountHeapBlocks();
 
-// Waits until `count` gives no more than `most`: threads that have done their work may still be
-// ending.
+// Waits until `count` gives no more than `most`: threads that have done their work may still end.
 void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what);
 
-// The same against the counts at construction: libraries make a few handles when they are used
-// first.
+// The same against the counts at construction, with some that libraries make at first use.
 class LeakWatch {
  public:
   void AwaitAtMost(unsigned more_threads, unsigned more_handles) const {

@@ -62,14 +62,10 @@ def frames_of(samples, frame_bytes=FRAME_BYTES):
 
 
 def without_silence(samples, frame_bytes=FRAME_BYTES):
-    """The frames that are not silent."""
     silence = bytes(frame_bytes)
-    sound = bytearray()
-    for begin in range(0, len(samples), 512 * frame_bytes):
-        piece = samples[begin:begin + 512 * frame_bytes]
-        sound += piece if silence not in piece else b"".join(
-            frame for frame in frames_of(piece, frame_bytes) if frame != silence)
-    return bytes(sound)
+    pieces = (samples[at:at + 512 * frame_bytes] for at in range(0, len(samples), 512 * frame_bytes))
+    return b"".join(piece if silence not in piece else b"".join(
+        frame for frame in frames_of(piece, frame_bytes) if frame != silence) for piece in pieces)
 
 
 class Speaker:
@@ -103,13 +99,12 @@ class Speaker:
             if idle > 1:
                 begun += idle  # nobody played
             self.got += piece
-            if self.pause:
-                heard += len(without_silence(piece, self.frame_bytes)) // self.frame_bytes
-                if heard > self.pause[0]:
-                    os.kill(self.server, signals.SIGSTOP)
-                    time.sleep(self.pause[1])
-                    os.kill(self.server, signals.SIGCONT)
-                    self.pause = None
+            heard += len(without_silence(piece, self.frame_bytes)) // self.frame_bytes if self.pause else 0
+            if self.pause and heard > self.pause[0]:
+                os.kill(self.server, signals.SIGSTOP)
+                time.sleep(self.pause[1])
+                os.kill(self.server, signals.SIGCONT)
+                self.pause = None
 
     def close(self):
         """To be called when the sound server is gone. Returns everything that it got."""
@@ -174,7 +169,6 @@ class SoundTool:
         self.process.stdin.flush()
 
     def answer(self):
-        """An answer that never comes hangs the test, which CTest then ends."""
         line = self.process.stdout.readline()
         assert line, f"{self.name} has died"
         return {name: int(value) for name, value in (word.split("=") for word in line.split())}
@@ -240,9 +234,9 @@ class ChangingServer:
 
     def listen(self, frames):
         """What the speaker gets from now on, as floats of two channels."""
-        with subprocess.Popen(["parec", "--raw", "--device=speaker.monitor", "--format=float32le",
-                               f"--rate={RATE}", "--channels=2", "--latency-msec=50"],
-                              env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as recorder:
+        words = ["parec", "--raw", "--device=speaker.monitor", "--format=float32le", f"--rate={RATE}", "--channels=2",
+                 "--latency-msec=50"]
+        with subprocess.Popen(words, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as recorder:
             samples = array.array("f", recorder.stdout.read(frames * FRAME_BYTES))
             recorder.kill()
         return samples

@@ -182,14 +182,86 @@ void PlayDocument(const std::string& how, const std::vector<std::string>& words)
 // One way to use a device, which can be started again after each end.
 class Use {
  public:
-  virtual ~Use() = default;
-  virtual HRESULT Start() = 0;
-  virtual void Ask() {}
-  virtual void End(const std::string& ending) = 0;
-  virtual bool Works() { return true; }
-  virtual bool Idle() { return true; }
+  Use(const std::string& kind, int hertz) : kind_(kind), hertz_(hertz) {}
 
- protected:
+  HRESULT Start() {
+    if (kind_ == "document" || kind_ == "cursor") {
+      if (!document_) {
+        document_.emplace();
+        document_->Append(MakeObject<SoundSource>(hertz_), 0, kRate);
+      }
+      if (kind_ == "document") return (*document_)->Play(0, kRate, 3, VARIANT_TRUE);
+      Check(document_->scrub->StartScrub());
+      return document_->scrub->SetScrubPosition(kRate / 2);
+    }
+    if (kind_ == "recorder") {
+      loud_blocks_ = 0;
+      if (!reader_) reader_ = Microphone(16);
+      const HRESULT hr = reader_->OpenDevice();
+      Repeat([this, block = std::make_shared<ToneBlock>(hertz_)] {
+        const HRESULT read = reader_->ReadAudio(0, *block);
+        if (SUCCEEDED(read) && std::ranges::max(block->values()) > kLoudness) ++loud_blocks_;
+        return read;
+      });
+      return hr;
+    }
+    const bool drains = kind_ == "drain";
+    const ToneBlock block(hertz_);
+    if (!writer_) writer_ = Speaker(16, kChannels, drains ? 60'000 : 1000);
+    const HRESULT hr = writer_->OpenDevice();
+    for (int i = 0; i < 20 && drains && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block));
+    if (!drains) {
+      Repeat([writer = writer_, shared = std::make_shared<ToneBlock>(hertz_)] {
+        return writer->WriteAudio(*shared);
+      });
+    }
+    return hr;
+  }
+
+  // Waits until sound has passed: more than what may be left from the last time.
+  void Works() const {
+    while (reader_ && loud_blocks_ < 10) Sleep(10);
+  }
+
+  void Ask() const {
+    __int64 position = 0;
+    float level = 0;
+    if (document_) {
+      IsPlaying(*document_);
+      Check((*document_)->GetOutputLevel(0, &level));
+      if (kind_ == "cursor") Check(document_->scrub->SetScrubPosition(0));
+    }
+    if (const auto playback = As<IAudioPlayback>(writer_)) {
+      Check(playback->GetPlaybackPos(&position));
+      Check(playback->GetOutputLevel(0, &level));
+      IsReady(writer_);
+    }
+  }
+
+  void End(const std::string& ending) {
+    leaving_ = ending == "release";
+    if (ending == "stop" && document_) {
+      kind_ == "cursor" ? document_->scrub->StopScrub() : (*document_)->StopPlay();
+    }
+    if (ending == "break" && document_) (*document_)->StopPlay();
+    if (ending == "break" && writer_) As<IAudioPlayback>(writer_)->Break();
+    if (ending == "close") reader_ ? reader_->CloseDevice() : writer_->CloseDevice();
+    if (ending == "release") {
+      document_.reset();
+      writer_.Reset();
+    }
+    if (!thread_.joinable()) return;
+    thread_.join();
+    Say("refused=%d ", last_ == E_FAIL ? 1 : 0);
+  }
+
+  // Waits until nothing plays any more.
+  void Idle() const {
+    while (kind_ == "document" && document_ && IsPlaying(*document_)) Sleep(10);
+    while (writer_ && !IsReady(writer_)) Sleep(10);
+  }
+
+ private:
   // A thread that makes the call over and over.
   void Repeat(std::function<HRESULT()> call) {
     leaving_ = false;
@@ -199,132 +271,32 @@ class Use {
       } while (SUCCEEDED(last_) && !leaving_);
     });
   }
-  void Leave() { leaving_ = true; }
-  void Join() {
-    if (!thread_.joinable()) return;
-    thread_.join();
-    Say("refused=%d ", last_ == E_FAIL ? 1 : 0);
-  }
 
- private:
+  const std::string kind_;
+  const int hertz_;
+  std::optional<Document> document_;
+  ComPtr<IAudioWriter> writer_;
+  ComPtr<IAudioReader> reader_;
+  std::atomic<int> loud_blocks_{0};
   std::thread thread_;
   std::atomic<bool> leaving_{false};
   std::atomic<HRESULT> last_{S_OK};
 };
 
-class Playback final : public Use {
- public:
-  Playback(bool writes, int hertz) : writes_(writes), block_(hertz) {}
-  HRESULT Start() override {
-    if (!writer_) writer_ = Speaker(16, kChannels, writes_ ? 1000 : 60'000);
-    const HRESULT hr = writer_->OpenDevice();
-    if (writes_) Repeat([this, writer = writer_] { return writer->WriteAudio(block_); });
-    for (int i = 0; i < 20 && !writes_ && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block_));
-    return hr;
-  }
-  void Ask() override {
-    const auto playback = As<IAudioPlayback>(writer_);
-    __int64 position = 0;
-    float level = 0;
-    Check(playback->GetPlaybackPos(&position));
-    Check(playback->GetOutputLevel(0, &level));
-    IsReady(writer_);
-  }
-  void End(const std::string& ending) override {
-    if (ending == "break") As<IAudioPlayback>(writer_)->Break();
-    if (ending == "close") writer_->CloseDevice();
-    if (ending == "release") {
-      Leave();
-      writer_.Reset();
-    }
-    Join();
-  }
-  bool Idle() override { return !writer_ || IsReady(writer_); }
-
- private:
-  const bool writes_;
-  const ToneBlock block_;
-  ComPtr<IAudioWriter> writer_;
-};
-
-class Recorder final : public Use {
- public:
-  HRESULT Start() override {
-    loud_blocks_ = 0;
-    const HRESULT hr = reader_->OpenDevice();
-    Repeat([this] {
-      const HRESULT read = reader_->ReadAudio(0, block_);
-      if (SUCCEEDED(read) && std::ranges::max(block_.values()) > kLoudness) ++loud_blocks_;
-      return read;
-    });
-    return hr;
-  }
-  // More than what may be left from the last time.
-  bool Works() override { return loud_blocks_ >= 10; }
-  void End(const std::string& ending) override {
-    if (ending == "close") reader_->CloseDevice();
-    Join();
-  }
-
- private:
-  const Floats block_{kChannels * kToneFrames};
-  const ComPtr<IAudioReader> reader_ = Microphone(16);
-  std::atomic<int> loud_blocks_{0};
-};
-
-// Plays in a document, or scrubs in it.
-class InDocument final : public Use {
- public:
-  InDocument(bool scrubs, int hertz) : scrubs_(scrubs), hertz_(hertz) {}
-  HRESULT Start() override {
-    if (!document_) {
-      document_.emplace();
-      document_->Append(MakeObject<SoundSource>(hertz_), 0, kRate);
-    }
-    if (!scrubs_) return (*document_)->Play(0, kRate, 3, VARIANT_TRUE);
-    Check(document_->scrub->StartScrub());
-    return document_->scrub->SetScrubPosition(kRate / 2);
-  }
-  bool Idle() override { return scrubs_ || !document_ || !IsPlaying(*document_); }
-  void Ask() override {
-    IsPlaying(*document_);
-    float level = 0;
-    Check((*document_)->GetOutputLevel(0, &level));
-    if (scrubs_) Check(document_->scrub->SetScrubPosition(0));
-  }
-  void End(const std::string& ending) override {
-    if (ending == "release") return document_.reset();
-    scrubs_ ? document_->scrub->StopScrub() : (*document_)->StopPlay();
-  }
-
- private:
-  const bool scrubs_;
-  const int hertz_;
-  std::optional<Document> document_;
-};
-
-std::unique_ptr<Use> MakeUse(const std::string& name, int hertz) {
-  if (name == "recorder") return std::make_unique<Recorder>();
-  if (name == "playback" || name == "drain") {
-    return std::make_unique<Playback>(name == "playback", hertz);
-  }
-  return std::make_unique<InDocument>(name == "cursor", hertz);
-}
-
-void Obey(Use& use, const std::string& ending) {
+void Obey(Use&& use, const std::string& ending) {
   for (std::string order; std::getline(std::cin, order); Say("\n")) {
     if (order == "start") Say("started=%d ", use.Start() == S_OK ? 1 : 0);
+    if (order == "works") use.Works();
     if (order == "ask") use.Ask();
     if (order == "end") use.End(ending);
     if (order == "break") use.End(order);
-    while (order == "works" && !use.Works()) Sleep(10);
-    while (order == "idle" && !use.Idle()) Sleep(10);
+    if (order == "idle") use.Idle();
   }
 }
 
 void Run(const std::vector<std::string>& words) {
   const std::string& command = words.at(0);
-  if (command == "use") return Obey(*MakeUse(words.at(1), std::stoi(words.at(3))), words.at(2));
+  if (command == "use") return Obey(Use(words.at(1), std::stoi(words.at(3))), words.at(2));
   if (command != "play" && command != "record") return PlayDocument(command, words);
   const auto number = [&](std::size_t place) { return std::stoi(words.at(place)); };
   const auto bits = static_cast<SHORT>(number(1));
