@@ -1,6 +1,5 @@
-"""Damages files of every kind that is read and imports them, a hundred in a process, and every tenth with
-`marlinda convert` as well. A crash, more than 20 s, more than 256 MiB, a handle or a temporary file that is
-left, or another status than 0 or 3 is a finding, and its file is kept.
+"""Damages files of every kind that is read and imports them, a hundred in a process. A crash, more than 20 s,
+more than 256 MiB, handles or temporary files that are left are findings, and the file is kept.
 
 damaged_files.py BUILD FINDINGS [FILES] [SEED]   inside a Wine session
 """
@@ -64,64 +63,39 @@ def damage(data, chance):
     return bytes(data) + bytes(chance.choice((0,) * 30 + (1, 100000)))
 
 
-class Soak:
-    findings = 0
-
-    def find(self, path, what):
-        self.findings += 1
-        kept = FINDINGS / f"{self.findings:03}-{path.name}"
-        if path.is_file():
-            shutil.copy(path, kept)
-        print(f"{kept.name}: {what}", flush=True)
-
-    def import_all(self, folder):
-        """In one process, and what is left in another one after a crash."""
-        while remaining := sorted(folder.iterdir()):
-            lines, handles = queue.Queue(), []
-            process = subprocess.Popen([WINE, BUILD / "tests/import_files.exe", f"Z:{folder}", "count"],
-                                       stdout=subprocess.PIPE, **QUIET)
-            threading.Thread(target=lambda out=process.stdout: [*map(lines.put, out), lines.put(b"")],
-                             daemon=True).start()
-            started = time.monotonic()
-            while remaining:
-                try:
-                    line = lines.get(timeout=GIVE_UP_SECONDS)
-                except queue.Empty:
-                    process.kill()
-                    break
-                words = line.decode(errors="replace").split()
-                path = folder / words[0] if words else None
-                if not line:
-                    break
-                # The libraries below the decoders print as well.
-                if path not in remaining:
-                    continue
-                if time.monotonic() - started > MOST_SECONDS:
-                    self.find(path, f"{time.monotonic() - started:.0f} s")
-                started = time.monotonic()
-                handles += [int(words[6])] if len(words) == 7 else []
-                remaining.remove(path)
-                path.unlink()
-            _, status, usage = os.wait4(process.pid, 0)
-            more = sum(step for step in map(int.__sub__, handles[1:], handles) if 0 < step < GRAPH_HANDLES)
-            if remaining:
-                self.find(remaining[0], f"the process ended with {status:#x}, or hung")
-                remaining[0].unlink()
-            elif usage.ru_maxrss >> 10 > MOST_MIB or more > MOST_HANDLES:
-                self.find(folder, f"{usage.ru_maxrss >> 10} MiB, {more} more handles after {BATCH} files")
-
-    def convert(self, path, target):
+def import_all(folder, find):
+    """In one process, and what is left in another one after a crash."""
+    while remaining := sorted(folder.iterdir()):
+        lines, handles = queue.Queue(), []
+        process = subprocess.Popen([WINE, BUILD / "tests/import_files.exe", f"Z:{folder}", "count"],
+                                   stdout=subprocess.PIPE, **QUIET)
+        threading.Thread(target=lambda out=process.stdout: [*map(lines.put, out), lines.put(b"")], daemon=True).start()
         started = time.monotonic()
-        # Wine's own process can crash at its end when a decoder hangs; the status is known inside.
-        words = [WINE, "cmd", "/c", f"Z:{BUILD / 'marlinda.exe'}".replace("/", "\\"), "convert", f"Z:{path}", f"Z:{target}"]
-        try:
-            status = subprocess.run(words, timeout=GIVE_UP_SECONDS, stdout=subprocess.DEVNULL, **QUIET).returncode
-        except subprocess.TimeoutExpired:
-            status = "none"
-        seconds = time.monotonic() - started
-        if status not in (0, 3) or seconds > MOST_SECONDS or target.exists() != (status == 0):
-            self.find(path, f"convert: status {status}, {seconds:.0f} s, output {target.exists()}")
-        target.unlink(missing_ok=True)
+        while remaining:
+            try:
+                line = lines.get(timeout=GIVE_UP_SECONDS)
+            except queue.Empty:
+                line = process.kill()
+            if not line:
+                break
+            words = line.decode(errors="replace").split()
+            path = folder / words[0] if words else None
+            # The libraries below the decoders print as well.
+            if path not in remaining:
+                continue
+            if time.monotonic() - started > MOST_SECONDS:
+                find(path, f"{time.monotonic() - started:.0f} s")
+            started = time.monotonic()
+            handles += [int(words[6])] if len(words) == 7 else []
+            remaining.remove(path)
+            path.unlink()
+        _, status, usage = os.wait4(process.pid, 0)
+        more = sum(step for step in map(int.__sub__, handles[1:], handles) if 0 < step < GRAPH_HANDLES)
+        if remaining:
+            find(remaining[0], f"the process ended with {status:#x}, or hung")
+            remaining[0].unlink()
+        elif usage.ru_maxrss >> 10 > MOST_MIB or more > MOST_HANDLES:
+            find(folder, f"{usage.ru_maxrss >> 10} MiB, {more} more handles after {BATCH} files")
 
 
 def temporary_files():
@@ -130,21 +104,30 @@ def temporary_files():
             for file in drive.glob(place)}
 
 
+findings = []
+
+
+def find(path, what):
+    findings.append(what)
+    kept = FINDINGS / f"{len(findings):03}-{path.name}"
+    if path.is_file():
+        shutil.copy(path, kept)
+    print(f"{kept.name}: {what}", flush=True)
+
+
 shutil.rmtree(FINDINGS, ignore_errors=True)
 FINDINGS.mkdir(parents=True)
-chance, soak, before = random.Random(SEED), Soak(), temporary_files()
+chance, before = random.Random(SEED), temporary_files()
 with tempfile.TemporaryDirectory() as seeds_folder, tempfile.TemporaryDirectory() as batch:
     seeds = make_seeds(pathlib.Path(seeds_folder))
     for kind in sorted(seeds):
         for number in range(FILES // len(seeds)):
             damaged = pathlib.Path(batch) / f"{kind.replace('.', '-')}-{number:05}.{kind.split('.')[-1]}"
             damaged.write_bytes(damage(chance.choice(seeds[kind]), chance))
-            if number % 10 == 0:
-                soak.convert(damaged, pathlib.Path(seeds_folder, "out.wav"))
             if (number + 1) % BATCH == 0:
-                soak.import_all(damaged.parent)
-        soak.import_all(pathlib.Path(batch))
-        print(f"{kind}: {soak.findings} findings so far", flush=True)
+                import_all(damaged.parent, find)
+        import_all(pathlib.Path(batch), find)
+        print(f"{kind}: {len(findings)} findings so far", flush=True)
 left = temporary_files() - before
-print(f"seed {SEED}: {soak.findings} findings, temporary files left: {len(left)}")
-sys.exit(bool(soak.findings or left))
+print(f"seed {SEED}: {len(findings)} findings, temporary files left: {len(left)}")
+sys.exit(bool(findings or left))

@@ -85,9 +85,8 @@ class SoundTest(unittest.TestCase):
         environment, cls.speaker = cls.enterClassContext(sound())
         program.ENVIRONMENT.update(environment)
         shared = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        cls.ogg, cls.long = shared / "two.ogg", shared / "long.ogg"
-        for ogg, seconds in (cls.ogg, 2), (cls.long, 60):
-            tool("sox", "-R", "-n", "-r", RATE, "-c", 2, ogg, "synth", seconds, "sine", 440, "vol", 0.5)
+        cls.ogg = shared / "two.ogg"
+        tool("sox", "-R", "-n", "-r", RATE, "-c", 2, cls.ogg, "synth", 2, "sine", 440, "vol", 0.5)
 
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
@@ -112,7 +111,6 @@ class SoundTest(unittest.TestCase):
         self.ends(command, 130, says)
 
     def take(self):
-        """Frames and samples of the file."""
         with wave.open(str(self.out)) as file:
             return file.getnframes(), array.array("h", file.readframes(file.getnframes()))
 
@@ -141,18 +139,6 @@ class SoundTest(unittest.TestCase):
         self.assertAlmostEqual(len(frames), 0.5 * RATE, delta=0.1 * RATE)
         self.assertTrue(all(left == 0 for left, _ in frames))
 
-    def test_play_of_a_damaged_file_ends_where_its_sound_ends(self):
-        data = self.long.read_bytes()
-        pages = [match.start() for match in re.finditer(b"OggS", data)]
-        damaged = self.folder / "damaged.ogg"
-        damaged.write_bytes(data[:pages[4]] + data[pages[5]:])
-        with Heard(self.speaker) as heard:
-            status, text, messages = run("play", damaged, "--json")
-        self.assertEqual(status, 0)
-        frames = int(re.search(r"only (\d+) of \d+ frames could be decoded", messages)[1])
-        self.assertEqual(json.loads(text)["end"], frames)
-        self.assertAlmostEqual(len(heard.frames()), frames, delta=0.2 * RATE)
-
     def test_play_and_scrub_go_on_until_they_are_interrupted(self):
         with Heard(self.speaker) as heard:
             play = Run("play", self.ogg, "--to", "0.25", "--loop")
@@ -179,7 +165,6 @@ class SoundTest(unittest.TestCase):
             (2, [*scrub, "2.1"], "88200 frames"),
             (2, [*take, "0"], "no frame"),
             (2, [*take, "999999"], "4 GiB"),
-            (2, ["record", self.folder / "out.flac", "--seconds", "1"], ".wav"),
             # Before the take.
             (4, ["record", folder, "--seconds", "9999"], "this is a folder"),
             *((7, [*words, "--device", "99"], "marlinda devices") for words in (play, [*scrub, "1"], [*take, "1"])),
@@ -219,16 +204,14 @@ class SoundTest(unittest.TestCase):
         self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
         frames, samples = self.take()
         # With the block that found no more room.
-        self.assertGreaterEqual(frames, RATE)
-        self.assertLessEqual(frames, RATE + RATE // 25)
+        self.assertAlmostEqual(frames, RATE * 1.02, delta=RATE * 0.02)
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
         command = record(self.out, *LONG)
         # A second Ctrl+C changes nothing.
         command.process.send_signal(signal.SIGINT)
         self.interrupt(command, "the file is valid and holds the first")
         frames, samples = self.take()
-        self.assertGreaterEqual(frames, RATE // 2)
-        self.assertLess(frames, 600 * RATE)
+        self.assertIn(frames, range(RATE // 2, 600 * RATE))
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
 
     def test_a_recording_outlasts_a_sound_server_that_stands_still(self):
@@ -244,7 +227,7 @@ class SoundTest(unittest.TestCase):
 
     def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
-            play = Run("play", self.long, environment=one)
+            play = Run("play", self.ogg, "--loop", environment=one)
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600", environment=other)
             take = record(self.out, *LONG, environment=one)
             Heard(speaker).wait_for(RATE // 2)
