@@ -159,50 +159,41 @@ class Story {
   }
 
   void Tell() {
+    const Bstr name(L"name");
     const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
     if (import && Try(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer_.Get()))) {
       Finish(import.Get());
     }
     ComPtr<IAudioReader> last;
     const auto document = TryCreate<IEditedAudio>(CLSID_CEditedAudio);
-    if (Try(pool_->CreateLastReader(last.GetAddressOf())) && document) {
+    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
+    if (Try(pool_->CreateLastReader(last.GetAddressOf())) && document && filter) {
       Try(last->ReadAudio(0, Floats(5000)));
       Try(As<IPeakReader>(last)->ReadPeaks(0, Floats(8)));
-      Edit(document.Get(), last.Get());
-      const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
-      Export(As<IAudioReader>(document).Get(), filter.Get(), filter.Get());
+      Try(document->InitChange(1, name));
+      Try(document->AppendSegment(last.Get(), 0, 80000));
+      Try(document->InsertSegment(500, kept_.Get(), 0, 1000));
+      Try(As<ILabelSupport>(document)->AddLabel(100, name));
+      Try(As<ISectionMarkerSupport>(document)->AddSectionMarker(0, 500, name));
+      Try(document->CommitChange());
+      Try(document->Delete(200, 400));
+      Try(document->ReadWaveplot(0, 50000, Floats(400)));
+      Try(document->Insert(0, document.Get()));
+      Try(As<ILabelSupport>(filter)->AddLabel(100, name));
+      Try(As<IMetaDataWriter>(filter)->SetMetaData(name, name, name, name, name));
+      if (Try(filter->Initialize(Bstr(target_), As<IAudioReader>(document).Get()))) {
+        Finish(filter.Get());
+      }
     }
     const auto connector = TryCreate<IAudioConnector>(CLSID_CAudioConnector);
-    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
-    if (connector && filter) {
-      if (Try(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2))) {
-        Export(As<IAudioReader>(connector).Get(), connector.Get(), filter.Get());
-      }
+    if (connector && filter &&
+        Try(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2))) {
+      if (Try(filter->Initialize(Bstr(target_), As<IAudioReader>(connector).Get())))
+        Finish(connector.Get());
       As<ICoreTask>(connector)->Cancel();  // the two hold each other until then
     }
     static const std::vector<Class> classes = ClassesOfTheModule();
     for (const Class& known : classes) TryCreate<IUnknown>(known.clsid);
-  }
-
-  void Edit(IEditedAudio* document, IAudioReader* source) {
-    const Bstr name(L"name");
-    Try(document->InitChange(1, name));
-    Try(document->AppendSegment(source, 0, 80000));
-    Try(document->InsertSegment(500, kept_.Get(), 0, 1000));
-    Try(As<ILabelSupport>(document)->AddLabel(100, name));
-    Try(As<ISectionMarkerSupport>(document)->AddSectionMarker(0, 500, name));
-    Try(document->CommitChange());
-    Try(document->Delete(200, 400));
-    Try(document->ReadWaveplot(0, 50000, Floats(400)));
-    Try(document->Insert(0, document));
-  }
-
-  void Export(IAudioReader* source, IUnknown* task, IExportFilter* filter) {
-    if (filter == nullptr || !Try(filter->Initialize(Bstr(target_), source))) return;
-    const Bstr name(L"name");
-    Try(As<ILabelSupport>(filter)->AddLabel(100, name));
-    Try(As<IMetaDataWriter>(filter)->SetMetaData(name, name, name, name, name));
-    Finish(task);
   }
 
   // Nothing fails any more.

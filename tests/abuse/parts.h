@@ -1,4 +1,4 @@
-// What the abuse tests do again and again.
+// What the abuse tests share.
 #pragma once
 
 #include <gtest/gtest.h>

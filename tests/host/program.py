@@ -1,5 +1,6 @@
-"""How the tests of the host run the program, the first argument of the command line, and other tools."""
+"""How tests run the program, the first argument of the command line, and other tools."""
 
+import json
 import os
 import pathlib
 import re
@@ -8,6 +9,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import unittest
 
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
@@ -66,3 +68,29 @@ def keep_wine_alive(test_class):
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     test_class.addClassCleanup(keeper.communicate)
     assert keeper.stdout.readline().startswith(b"ready")
+
+
+class ProgramTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        keep_wine_alive(cls)
+        cls.shared = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.out = self.folder / "Stück Ω.wav"
+
+    def succeed(self, *arguments, **options):
+        status, output, messages = run(*arguments, **options)
+        self.assertEqual((status, messages), (0, ""))
+        return output
+
+    def report(self, *arguments):
+        return json.loads(self.succeed(*arguments, "--json"))
+
+    def ends(self, command, status, says):
+        """The command ends so, with nothing on standard output; returns its messages."""
+        got, output, messages = command.result()
+        self.assertEqual((got, output), (status, ""), messages)
+        self.assertIn(says, messages)
+        return messages

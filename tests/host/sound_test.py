@@ -6,14 +6,12 @@ Called inside a Wine session: sound_test.py PATH/marlinda.exe [unittest argument
 import array
 import contextlib
 import fcntl
-import json
 import os
 import pathlib
 import re
 import signal
 import struct
 import sys
-import tempfile
 import termios
 import time
 import unittest
@@ -21,7 +19,7 @@ import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 import program
-from program import Run, run, tool
+from program import ProgramTest, Run, run, tool
 from sound import FRAME_BYTES, RATE, Microphone, Speaker, kill_server, sound_server, wait_until, without_silence
 
 NO_SERVER = {"PULSE_SERVER": "unix:/nowhere/native"}
@@ -78,31 +76,14 @@ def record(*arguments, **options):
     return command
 
 
-class SoundTest(unittest.TestCase):
+class SoundTest(ProgramTest):
     @classmethod
     def setUpClass(cls):
-        program.keep_wine_alive(cls)
+        super().setUpClass()
         environment, cls.speaker = cls.enterClassContext(sound())
         program.ENVIRONMENT.update(environment)
-        shared = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        cls.ogg = shared / "two.ogg"
+        cls.ogg = cls.shared / "two.ogg"
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, cls.ogg, "synth", 2, "sine", 440, "vol", 0.5)
-
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.out = self.folder / "out.wav"
-
-    def report(self, *arguments):
-        status, output, messages = run(*arguments, "--json")
-        self.assertEqual((status, messages), (0, ""))
-        return json.loads(output)
-
-    def ends(self, command, status, says):
-        """The command ends so, with nothing on standard output; returns its messages."""
-        got, output, messages = command.result()
-        self.assertEqual((got, output), (status, ""), messages)
-        self.assertIn(says, messages)
-        return messages
 
     def interrupt(self, command, says):
         """Sends Ctrl+C; the command must be running then."""

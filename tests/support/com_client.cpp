@@ -47,9 +47,9 @@ bool ModuleUnderTest::RevokeAndSeeUnused() {
   Revoke();
   // A thread that has released its object may still be ending.
   for (int tick = 0; tick < 6000 && CanUnloadNow() != S_OK; ++tick) Sleep(10);
-  const bool unused = CanUnloadNow() == S_OK;
-  if (!unused) std::fprintf(stderr, "objects or threads of the module are left at the end\n");
-  return unused;
+  if (CanUnloadNow() == S_OK) return true;
+  std::fprintf(stderr, "objects or threads of the module are left at the end\n");
+  return false;
 }
 
 HMODULE ModuleUnderTest::Handle() { return module_handle; }

@@ -27,16 +27,14 @@ Parameter Read(ITypeInfo* info, const ELEMDESC& element, const std::string& name
       {VT_I2, Kind::kInteger}, {VT_I4, Kind::kInteger},     {VT_UI4, Kind::kInteger},
       {VT_I8, Kind::kInteger}, {VT_BOOL, Kind::kInteger},   {VT_R4, Kind::kReal},
       {VT_BSTR, Kind::kText},  {VT_UNKNOWN, Kind::kObject}, {VT_SAFEARRAY, Kind::kArray}};
-  const TYPEDESC& type = element.tdesc;
-  if (const auto found = kKinds.find(type.vt); found != kKinds.end()) {
-    return {name, found->second, type.vt, IID_IUnknown};
-  }
-  if (type.vt != VT_PTR) throw std::runtime_error("a type that this test does not know: " + name);
-  const TYPEDESC& target = *type.lptdesc;
-  if (target.vt == VT_SAFEARRAY) return {name, Kind::kArray, type.vt, IID_IUnknown};
+  const VARTYPE type = element.tdesc.vt;
+  if (kKinds.contains(type)) return {name, kKinds.at(type), type, IID_IUnknown};
+  if (type != VT_PTR) throw std::runtime_error("a type that this test does not know: " + name);
+  const TYPEDESC& target = *element.tdesc.lptdesc;
+  if (target.vt == VT_SAFEARRAY) return {name, Kind::kArray, type, IID_IUnknown};
   if (target.vt == VT_USERDEFINED) {
     const IID iid = AttributesOf(Referred(info, target.hreftype).Get()).guid;
-    return {name, Kind::kObject, type.vt, iid};
+    return {name, Kind::kObject, type, iid};
   }
   if ((element.paramdesc.wParamFlags & PARAMFLAG_FOUT) == 0) {
     throw std::runtime_error("a pointer that this test does not know: " + name);
@@ -53,18 +51,15 @@ void AppendMethods(ITypeInfo* info, std::vector<Method>& methods) {
     std::vector<BSTR> names(static_cast<std::size_t>(function->cParams) + 1, nullptr);
     UINT count = 0;
     Check(info->GetNames(function->memid, names.data(), static_cast<UINT>(names.size()), &count));
-    Method method = {NameOf(info),
-                     Narrow(names[0]),
-                     attributes.guid,
-                     static_cast<ULONG_PTR>(function->oVft),
-                     {}};
+    const auto offset = static_cast<ULONG_PTR>(function->oVft);
+    Method& method =
+        methods.emplace_back(Method{NameOf(info), Narrow(names[0]), attributes.guid, offset, {}});
     for (std::size_t p = 1; p < names.size(); ++p) {
       const ELEMDESC& element = function->lprgelemdescParam[p - 1];
       method.parameters.push_back(Read(info, element, Narrow(names[p])));
     }
     for (BSTR name : names) SysFreeString(name);
     info->ReleaseFuncDesc(function);
-    methods.push_back(std::move(method));
   }
 }
 

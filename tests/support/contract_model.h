@@ -18,15 +18,12 @@ enum class Kind { kInteger, kReal, kText, kObject, kArray, kOut };
 struct Parameter {
   std::string name;
   Kind kind;
-  // Of the value, or of what an out-parameter points to: VT_UNKNOWN stands for every interface.
-  VARTYPE type;
-  // Of an interface.
+  VARTYPE type;  // also of what an out-parameter points to: VT_UNKNOWN stands for every interface
   IID iid;
 };
 
 struct Method {
-  std::string interface_name;
-  std::string name;
+  std::string interface_name, name;
   IID iid;
   ULONG_PTR vtable_offset;
   std::vector<Parameter> parameters;

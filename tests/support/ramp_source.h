@@ -50,14 +50,11 @@ class RampSource : public TestObject<IAudioReader> {
     }
     return read_result;
   }
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
-    *pnSamplesPerSec = samples_per_sec_;
-    *pnChannels = channels_;
-    return Note("GetFormat"), S_OK;
+  STDMETHODIMP GetFormat(LONG* rate, SHORT* channels) override {
+    return *rate = samples_per_sec_, *channels = channels_, Note("GetFormat"), S_OK;
   }
-  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
-    *pnSamples = frames;
-    return Note("GetSampleCount"), S_OK;
+  STDMETHODIMP GetSampleCount(__int64* count) override {
+    return *count = frames, Note("GetSampleCount"), S_OK;
   }
   STDMETHODIMP OpenDevice() override { return Note("OpenDevice"), open_result; }
   STDMETHODIMP CloseDevice() override { return Note("CloseDevice"), S_OK; }

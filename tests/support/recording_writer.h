@@ -42,15 +42,9 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
     return result;
   }
   STDMETHODIMP OpenDevice() override { return Note("OpenDevice"); }
-  STDMETHODIMP CloseDevice() override {
-    Note("CloseDevice");
-    closed = true;
-    return result;
-  }
-  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
-    samples_per_sec = nSamplesPerSec;
-    channels = nChannels;
-    return Note("SetFormat");
+  STDMETHODIMP CloseDevice() override { return Note("CloseDevice"), closed = true, result; }
+  STDMETHODIMP SetFormat(LONG rate, SHORT count) override {
+    return samples_per_sec = rate, channels = count, Note("SetFormat");
   }
   STDMETHODIMP QueryIsReady(LONG* pbReady) override { return *pbReady = 1, Note("QueryIsReady"); }
 
