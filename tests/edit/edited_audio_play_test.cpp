@@ -40,20 +40,19 @@ class EditedAudioPlay : public ::testing::Test {
     return playing == VARIANT_TRUE ? position : -1;
   }
   bool Playing() { return Position() >= 0; }
-  void Play(__int64 begin, __int64 end, bool looped = true, ULONG mask = 0xFFFFFFFF) {
+  void Play(__int64 begin, __int64 end, bool looped = true, ULONG mask = 3) {
     EXPECT_EQ(document_->Play(begin, end, mask, looped ? VARIANT_TRUE : VARIANT_FALSE), S_OK);
   }
   void Modify(__int64 begin, __int64 end) {
     EXPECT_EQ(document_->ModifyPlaySection(begin, end), S_OK);
   }
   void Stop() { EXPECT_EQ(document_->StopPlay(), S_OK); }
-  // Until two more blocks were read.
-  void WaitForReads() {
-    WaitUntil([this, begun = reads_.load()] { return reads_ > begun + 1; });
+  void WaitForReads(int more = 2) {
+    WaitUntil([more, this, begun = reads_.load()] { return reads_ >= begun + more; });
   }
-  static float Level(const Document& document) {
+  float Level(SHORT channel) {
     float level = -1;
-    EXPECT_EQ(document->GetOutputLevel(0, &level), S_OK);
+    EXPECT_EQ(document_->GetOutputLevel(channel, &level), S_OK);
     return level;
   }
 
@@ -68,7 +67,6 @@ class EditedAudioPlay : public ::testing::Test {
 
 TEST_F(EditedAudioPlay, PlaysASectionToItsEndInBlocksOfFortyMilliseconds) {
   EXPECT_FALSE(Playing());
-  EXPECT_EQ(Level(document_), 0.0F);
   Play(1000, 1000 + 17640 + 41, false);
   __int64 last = 1000;
   for (__int64 position = 0; (position = Position()) >= 0; Sleep(20)) {
@@ -89,33 +87,28 @@ TEST_F(EditedAudioPlay, PlaysASectionToItsEndInBlocksOfFortyMilliseconds) {
 TEST_F(EditedAudioPlay, PlayFiresAlsoWhenItStartsNothingAndOnlyALoopGetsAnotherSection) {
   Modify(100, 200);
   Play(100, 100);
-  Play(100, 50, false);
   EXPECT_FALSE(Playing());
   EXPECT_EQ(calls_, CallLog());
   Play(500, 510);
   WaitForReads();
-  Play(90'000, 95'000, false, 1);
+  Play(90'000, 95'000, false);
   WaitForReads();
-  const auto expect_within = [this](__int64 begin, __int64 end) {
-    const __int64 position = Position();
-    EXPECT_TRUE(begin <= position && position < end) << position;
-  };
-  expect_within(500, 510);
+  EXPECT_LT(Position(), 510);
   Modify(2000, 2100);
   WaitForReads();
-  expect_within(2000, 2100);
+  EXPECT_THAT(Position(), ::testing::AllOf(::testing::Ge(2000), ::testing::Lt(2100)));
   Modify(700, 20);  // at least one frame
   EXPECT_EQ(Position(), 700);
   Stop();
   Play(0, kHour, false);
   Modify(kHour - 10, kHour);
   // The device holds a second, which is 25 blocks: the thread waits for room.
-  WaitUntil([this, begun = reads_.load()] { return reads_ > begun + 27; });
+  WaitForReads(28);
   EXPECT_LT(Position(), kHour - 10);
   Stop();
   EXPECT_FALSE(Playing());
   EXPECT_EQ(calls_.back(), "A.CloseDevice");
-  EXPECT_EQ(events_, CallLog(7, "s1"));
+  EXPECT_EQ(events_, CallLog(6, "s1"));
 }
 
 TEST_F(EditedAudioPlay, WhatFailsOnTheThreadEndsThePlayback) {
@@ -126,6 +119,7 @@ TEST_F(EditedAudioPlay, WhatFailsOnTheThreadEndsThePlayback) {
   };
   source_->read_result = E_ACCESSDENIED;
   EXPECT_EQ(last_call(), "A.CloseDevice");
+  EXPECT_EQ(calls_.size(), 3u);
   source_->read_result = S_OK;
   source_->open_result = E_ACCESSDENIED;
   EXPECT_EQ(last_call(), "A.OpenDevice");
@@ -142,15 +136,8 @@ TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndGiveAnotherSection) {
   sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return Play(500, 510), S_OK; };
   Play(500, 510);
   EXPECT_TRUE(Playing());
-  int left = 2;
-  sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) {
-    if (left-- > 0) Modify(1000 * left, 1000 * left + 5);
-    return S_OK;
-  };
-  Modify(9000, 9005);
-  EXPECT_LT(Position(), 5);
   sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return Stop(), S_OK; };
-  Play(0, kHour);
+  Modify(0, kHour);
   EXPECT_FALSE(Playing());
   sink_->on_event = nullptr;
   reads_ = 0;
@@ -171,20 +158,18 @@ TEST_F(EditedAudioPlay, TheLastReleaseEndsPlayingAndScrubbing) {
     SCOPED_TRACE(how);
     std::optional<Document> doomed(std::in_place);
     doomed->Append(source_, 0, kHour);
-    IEditedAudio* const raw = *doomed;
     reads_ = 0;
-    std::atomic<bool> go{how != kOnThePlaybackThread};
+    std::atomic<bool> go = false;
     source_->on_read = [&](SAFEARRAY*) {
-      WaitUntil([&] { return go.load(); });
+      WaitUntil([&] { return go || how == kScrub; });
       if (++reads_ == 2 && how == kOnThePlaybackThread) doomed.reset();
     };
     if (how == kScrub) {
       ASSERT_EQ(doomed->scrub->StartScrub(), S_OK);
       ASSERT_EQ(doomed->scrub->SetScrubPosition(44'100), S_OK);
-      WaitUntil([&] { return Level(*doomed) > 1; });
     } else {
-      const bool looped = how == kLoop || how == kOnThePlaybackThread;
-      ASSERT_EQ(raw->Play(0, how == kLoop ? 100 : kHour, 3, looped ? VARIANT_TRUE : VARIANT_FALSE),
+      ASSERT_EQ((*doomed)->Play(0, how == kLoop ? 100 : kHour, 3,
+                                how == kSection ? VARIANT_FALSE : VARIANT_TRUE),
                 S_OK);
     }
     go = true;
@@ -202,14 +187,13 @@ TEST_F(EditedAudioPlay, TheLastReleaseEndsPlayingAndScrubbing) {
 TEST_F(EditedAudioPlay, ScrubBlocksAreReadAroundThePositionAndNeverBeforeTheStart) {
   EXPECT_EQ(document_.scrub->StartScrub(), S_OK);
   EXPECT_EQ(document_.scrub->StartScrub(), S_OK);
-  for (const __int64 position : {100'000LL, 2206LL, -1LL, kHour}) {
+  for (const __int64 position : {100'000LL, -1LL, kHour}) {
     EXPECT_EQ(document_.scrub->SetScrubPosition(position), S_OK);
   }
   EXPECT_EQ(document_.scrub->StopScrub(), S_OK);
   EXPECT_THAT(calls_,
-              ElementsAre("A.OpenDevice", "A.ReadAudio(97795, 8820)", "A.ReadAudio(1, 8820)",
-                          "A.ReadAudio(0, 8820)", "A.ReadAudio(158757795, 4410)", "A.CloseDevice"));
-  EXPECT_EQ(document_.scrub->StopScrub(), S_OK);
+              ElementsAre("A.OpenDevice", "A.ReadAudio(97795, 8820)", "A.ReadAudio(0, 8820)",
+                          "A.ReadAudio(158757795, 4410)", "A.CloseDevice"));
 }
 
 TEST_F(EditedAudioPlay, ScrubbingAndPlayingEndEachOtherAndAreHeard) {
@@ -219,10 +203,11 @@ TEST_F(EditedAudioPlay, ScrubbingAndPlayingEndEachOtherAndAreHeard) {
   ASSERT_EQ(document_.scrub->StartScrub(), S_OK);
   EXPECT_FALSE(Playing());
   EXPECT_EQ(document_.scrub->SetScrubPosition(2 * kRate), S_OK);
-  WaitUntil([&] { return Level(document_) > 0; });
-  Play(kRate, kRate + 50'000);
+  WaitUntil([&] { return Level(0) > 0; });
+  Play(kRate, kRate + 50'000, true, 2);
   WaitForReads();
-  WaitUntil([&] { return Level(document_) > 0; });
+  WaitUntil([&] { return Level(1) > 0; });
+  EXPECT_EQ(Level(0), 0) << "the mask leaves it out";
   EXPECT_EQ(document_.scrub->StopScrub(), S_OK);
   EXPECT_TRUE(Playing());
   Stop();
