@@ -1,13 +1,8 @@
-// Registers the module in the real registry and reads the entries back.
-//   registration_tests --activate PROGID
-// creates an object in a process of its own and asks for its type; exit status 0 when it could.
+// Registers the module in the real registry, reads the entries back and creates objects by them.
 #include <gtest/gtest.h>
-#include <process.h>
 
-#include <algorithm>
 #include <cwchar>
 #include <filesystem>
-#include <iterator>
 #include <set>
 
 #include "core/apartment.h"
@@ -24,35 +19,22 @@ constexpr const wchar_t* kPool = L"CLSID\\{1A66174D-7E72-4209-A0D9-D524ACD94210}
 // The keys ("path\") and values ("path\name=text") of the registry below a place.
 using Lines = std::set<std::wstring>;
 
-void Collect(HKEY root, const std::wstring& path, const std::wstring& shown, Lines& lines) {
-  RegistryKey key;
-  if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.Receive()) != ERROR_SUCCESS) return;
-  wchar_t name[1024];
-  const auto next = [&](DWORD index, auto enumerate) {
-    DWORD length = std::size(name);
-    return enumerate(key.get(), index, name, &length) == ERROR_SUCCESS;
-  };
-  wchar_t text[2048];
-  const auto value = [&](HKEY of, DWORD index, wchar_t* to, DWORD* length) {
-    DWORD size = sizeof text;
-    std::ranges::fill(text, L'\0');
-    return RegEnumValueW(of, index, to, length, nullptr, nullptr, reinterpret_cast<BYTE*>(text),
-                         &size);
-  };
-  for (DWORD i = 0; next(i, value); ++i) lines.insert(shown + name + L"=" + text);
-  const auto child = [](HKEY of, DWORD index, wchar_t* to, DWORD* length) {
-    return RegEnumKeyExW(of, index, to, length, nullptr, nullptr, nullptr, nullptr);
-  };
-  for (DWORD i = 0; next(i, child); ++i) {
-    const std::wstring below = name;
-    lines.insert(shown + below + L"\\");
-    Collect(key.get(), below, shown + below + L"\\", lines);
-  }
-}
-
-Lines Below(HKEY root, const std::wstring& path) {
+Lines Below(HKEY root, const std::wstring& path, const std::wstring& shown = L"") {
   Lines lines;
-  Collect(root, path, L"", lines);
+  RegistryKey key;
+  if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.Receive()) != ERROR_SUCCESS) return lines;
+  wchar_t name[1024];
+  wchar_t text[2048] = {};
+  for (DWORD i = 0, length = 1024, size = sizeof text;
+       RegEnumValueW(key.get(), i, name, &length, nullptr, nullptr, reinterpret_cast<BYTE*>(text),
+                     &size) == ERROR_SUCCESS;
+       ++i, length = 1024, size = sizeof text) {
+    lines.insert(shown + name + L"=" + std::wstring(text).substr(0, size / 2));
+  }
+  for (DWORD i = 0; RegEnumKeyW(key.get(), i, name, 1024) == ERROR_SUCCESS; ++i) {
+    lines.insert(shown + name + L"\\");
+    lines.merge(Below(key.get(), name, shown + name + L"\\"));
+  }
   return lines;
 }
 
@@ -68,20 +50,9 @@ Lines ClassesIn(HKEY root) {
     };
     return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
+  // They may have been there before.
+  lines.insert({L"AppID\\", L"CLSID\\"});
   return lines;
-}
-
-// Without the shared keys, which may have been there before.
-Lines Added(const Lines& before, const Lines& after) {
-  Lines added;
-  std::ranges::set_difference(after, before, std::inserter(added, added.end()));
-  added.erase(L"AppID\\");
-  added.erase(L"CLSID\\");
-  return added;
-}
-
-std::wstring ProgId(const Class& known) {
-  return L"Marlinda." + std::wstring(known.name.begin() + 1, known.name.end());
 }
 
 Lines ExpectedEntries(const std::wstring& module) {
@@ -91,8 +62,9 @@ Lines ExpectedEntries(const std::wstring& module) {
   for (const Class& known : ClassesOfTheModule()) {
     wchar_t clsid[39];
     StringFromGUID2(known.clsid, clsid, 39);
-    const std::wstring friendly = std::wstring(known.name.begin(), known.name.end()) + L" Object";
-    const std::wstring id = ProgId(known);
+    const std::wstring name(known.name.begin(), known.name.end());
+    const std::wstring friendly = name + L" Object";
+    const std::wstring id = L"Marlinda." + name.substr(1);
     const std::wstring key = std::wstring(L"CLSID\\") + clsid + L"\\";
     for (const std::wstring& each : {id, id + L".1"}) {
       lines.insert({each + L"\\", each + L"\\=" + friendly, each + L"\\CLSID\\",
@@ -108,109 +80,86 @@ Lines ExpectedEntries(const std::wstring& module) {
   return lines;
 }
 
-struct LoadedModule {
-  explicit LoadedModule(const std::filesystem::path& from)
-      : path(from), handle(LoadLibraryW(from.c_str())) {}
-  LoadedModule(const LoadedModule&) = delete;
-  LoadedModule& operator=(const LoadedModule&) = delete;
-  ~LoadedModule() { FreeLibrary(handle); }
-
-  HRESULT Register() const { return Call("DllRegisterServer"); }
-  HRESULT Unregister() const { return Call("DllUnregisterServer"); }
-  // Each call, failed or not, must restore the thread's locale.
-  HRESULT Call(const char* name) const {
-    SetThreadLocale(MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT));
-    const LCID german = GetThreadLocale();
-    const HRESULT hr = ExportAs<HRESULT WINAPI()>(handle, name)();
-    EXPECT_EQ(GetThreadLocale(), german) << name;
-    return hr;
-  }
-
-  const std::filesystem::path path;
-  const HMODULE handle;
-};
-
-// The exit status of this program run once more with --activate.
-int ActivateElsewhere(const wchar_t* prog_id) {
-  wchar_t program[MAX_PATH];
-  GetModuleFileNameW(nullptr, program, MAX_PATH);
-  return static_cast<int>(
-      _wspawnl(_P_WAIT, program, L"registration_tests", L"--activate", prog_id, nullptr));
-}
-
 class Registration : public ::testing::Test {
  protected:
   void SetUp() override { TearDown(); }
   void TearDown() override {
     for (const wchar_t* setting : {L"user", L"machine", L""}) {
       Choose(setting);
-      ASSERT_EQ(module_.Unregister(), S_OK);
+      ASSERT_EQ(Unregister(), S_OK);
     }
   }
   static void Choose(const wchar_t* setting) {
     SetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting);
   }
+  // Each call, failed or not, must restore the thread's locale.
+  static HRESULT Call(HMODULE module, const char* name) {
+    SetThreadLocale(MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT));
+    const LCID german = GetThreadLocale();
+    const HRESULT hr = ExportAs<HRESULT WINAPI()>(module, name)();
+    EXPECT_EQ(GetThreadLocale(), german) << name;
+    return hr;
+  }
+  HRESULT Register() const { return Call(module_, "DllRegisterServer"); }
+  HRESULT Unregister() const { return Call(module_, "DllUnregisterServer"); }
 
-  const LoadedModule module_{std::filesystem::weakly_canonical(ModuleUnderTest::Path())};
+  const std::filesystem::path path_ = std::filesystem::weakly_canonical(ModuleUnderTest::Path());
+  const HMODULE module_ = LoadLibraryW(path_.c_str());
 };
 
 TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
-  const std::tuple<const wchar_t*, HKEY, HKEY> kSettings[] = {
-      {L"machine", HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER},
-      {L"user", HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE}};
-  for (const auto& [setting, own, other] : kSettings) {
-    Choose(setting);
+  for (const bool user : {false, true}) {
+    Choose(user ? L"user" : L"machine");
+    const HKEY own = user ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
+    const HKEY other = user ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
     const Lines before = ClassesIn(own);
     const Lines others = ClassesIn(other);
-    ASSERT_EQ(module_.Register(), S_OK);
-    EXPECT_EQ(module_.Register(), S_OK) << "a second registration";
-    const Lines after = ClassesIn(own);
-    EXPECT_EQ(Added(before, after), ExpectedEntries(module_.path));
-    EXPECT_EQ(Added(after, before), Lines());
+    Lines expected = ExpectedEntries(path_);
+    expected.insert(before.begin(), before.end());
+    ASSERT_EQ(Register(), S_OK);
+    EXPECT_EQ(Register(), S_OK) << "a second registration";
+    EXPECT_EQ(ClassesIn(own), expected);
     EXPECT_EQ(ClassesIn(other), others);
-
-    ASSERT_EQ(module_.Unregister(), S_OK);
-    const Lines left = ClassesIn(own);
-    EXPECT_TRUE(left.contains(L"AppID\\"));
-    EXPECT_EQ(Added(before, left), Lines());
-    EXPECT_EQ(Added(left, before), Lines());
-    EXPECT_EQ(module_.Unregister(), S_OK) << "a second unregistration";
+    ASSERT_EQ(Unregister(), S_OK);
+    EXPECT_EQ(ClassesIn(own), before);
+    EXPECT_TRUE(Below(own, L"Software\\Classes").contains(L"AppID\\"));
+    EXPECT_EQ(Unregister(), S_OK) << "a second unregistration";
   }
-}
-
-TEST_F(Registration, RefusesAnUnknownSettingAndWritesNothing) {
-  for (const wchar_t* setting : {L"User", L"machine ", L"a setting that is rather long"}) {
+  for (const wchar_t* setting : {L"User", L"a setting that is rather long"}) {
     Choose(setting);
-    EXPECT_EQ(module_.Register(), E_INVALIDARG);
+    EXPECT_EQ(Register(), E_INVALIDARG);
     EXPECT_FALSE(Exists(L"AppID\\Tessaly.EXE"));
-    EXPECT_EQ(module_.Unregister(), E_INVALIDARG);
+    EXPECT_EQ(Unregister(), E_INVALIDARG);
   }
 }
 
 // The path looks like a script and holds letters of no code page.
-TEST_F(Registration, LetsAnotherProcessCreateTypedObjectsOfAModuleAtAnyPath) {
+TEST_F(Registration, LetsOthersCreateTypedObjectsOfAModuleAtAnyPath) {
   const std::wstring library = L"TypeLib\\" + kGuid + L"\\1.0";
   const TemporaryFolder folder;
   const std::filesystem::path odd =
       std::filesystem::path(folder.path()) / L"it's } %MODULE% = s 'x' {\u00e9\u97f3} #1;,&";
+  const std::filesystem::path moved = odd / L"Tessaly.dll";
   std::filesystem::create_directories(odd);
-  std::filesystem::copy_file(module_.path, odd / L"Tessaly.dll");
-  {
-    const LoadedModule moved(odd / L"Tessaly.dll");
-    ASSERT_EQ(moved.Register(), S_OK);
-    EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 0);
-    EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader"), 0);
-    const Lines written = Below(HKEY_CLASSES_ROOT, library);
-    EXPECT_TRUE(written.contains(L"=Marlinda 1.0 Type Library"));
-    EXPECT_TRUE(written.contains((sizeof(void*) == 8 ? L"0\\win64\\=" : L"0\\win32\\=") +
-                                 moved.path.wstring()));
-    EXPECT_TRUE(written.contains(L"HELPDIR\\=" + odd.wstring()));
-    EXPECT_EQ(moved.Unregister(), S_OK);
+  std::filesystem::copy_file(path_, moved);
+  const HMODULE module = LoadLibraryW(moved.c_str());
+  ASSERT_EQ(Call(module, "DllRegisterServer"), S_OK);
+  for (const wchar_t* prog_id : {L"Marlinda.NullReader.1", L"Marlinda.NullReader"}) {
+    CLSID clsid = {};
+    ComPtr<ITypeInfo> info;
+    ASSERT_EQ(CLSIDFromProgID(prog_id, &clsid), S_OK);
+    EXPECT_EQ(Create<IDispatch>(clsid)->GetTypeInfo(0, 0, info.GetAddressOf()), S_OK);
   }
-  EXPECT_TRUE(std::filesystem::remove(odd / L"Tessaly.dll")) << "the module is still loaded";
-  EXPECT_EQ(ActivateElsewhere(L"Marlinda.NullReader.1"), 1);
-  EXPECT_FALSE(Exists(library));
+  const Lines written = Below(HKEY_CLASSES_ROOT, library);
+  EXPECT_TRUE(written.contains(L"=Marlinda 1.0 Type Library"));
+  EXPECT_TRUE(
+      written.contains((sizeof(void*) == 8 ? L"0\\win64\\=" : L"0\\win32\\=") + moved.wstring()));
+  EXPECT_TRUE(written.contains(L"HELPDIR\\=" + odd.wstring()));
+  EXPECT_EQ(Call(module, "DllUnregisterServer"), S_OK);
+  EXPECT_FALSE(Exists(library) || Exists(L"Marlinda.NullReader.1"));
   EXPECT_FALSE(Exists(L"Interface\\{86B3DC4E-2401-48A9-A393-3D946F030260}"));
+  FreeLibrary(module);
+  CoFreeUnusedLibrariesEx(0, 0);
 }
 
 TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatOthersPutBelowAClass) {
@@ -219,39 +168,25 @@ TEST_F(Registration, StopsAtTheFirstFailureAndKeepsWhatOthersPutBelowAClass) {
   ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1", 0, nullptr,
                             REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, key.Receive(), nullptr),
             ERROR_SUCCESS);
-  EXPECT_EQ(module_.Register(), HRESULT_FROM_WIN32(ERROR_CHILD_MUST_BE_VOLATILE));
+  EXPECT_EQ(Register(), HRESULT_FROM_WIN32(ERROR_CHILD_MUST_BE_VOLATILE));
   EXPECT_TRUE(Exists(L"Marlinda.AudioPool.1\\CLSID"));
   EXPECT_FALSE(Exists(L"TypeLib\\" + kGuid));
   key.Reset();
   RegDeleteTreeW(HKEY_CLASSES_ROOT, L"Marlinda.EditedAudio.1");
-  EXPECT_EQ(module_.Register(), S_OK) << "once the obstacle is gone";
-
-  const auto write = [](const wchar_t* below, const wchar_t* name) {
+  for (const auto& [below, name] : {std::pair{L"\\Foreign", L"Value"}, {L"", L""}}) {
     EXPECT_EQ(RegSetKeyValueW(HKEY_CLASSES_ROOT, (kPool + std::wstring(below)).c_str(), name,
                               REG_SZ, L"kept", 10),
               0);
-  };
-  write(L"\\Foreign", L"Value");
-  write(L"\\Programmable", L"Theirs");
-  write(L"", L"");
-  EXPECT_EQ(module_.Register(), S_OK);
+  }
+  EXPECT_EQ(Register(), S_OK) << "once the obstacle is gone";
   EXPECT_TRUE(Below(HKEY_CLASSES_ROOT, kPool).contains(L"=CAudioPool Object"));
-  EXPECT_EQ(module_.Unregister(), S_OK);
+  const std::wstring programmable = kPool + std::wstring(L"\\Programmable");
+  RegSetKeyValueW(HKEY_CLASSES_ROOT, programmable.c_str(), L"Theirs", REG_SZ, L"kept", 10);
+  EXPECT_EQ(Unregister(), S_OK);
   EXPECT_EQ(Below(HKEY_CLASSES_ROOT, kPool),
             (Lines{L"Foreign\\", L"Foreign\\Value=kept", L"Programmable\\",
                    L"Programmable\\Theirs=kept"}));
   RegDeleteTreeW(HKEY_CLASSES_ROOT, kPool);
-}
-
-int Activate(const std::string& prog_id) {
-  CLSID clsid = {};
-  ComPtr<IDispatch> object;
-  ComPtr<ITypeInfo> info;
-  const std::wstring wide(prog_id.begin(), prog_id.end());
-  const bool could = SUCCEEDED(CLSIDFromProgID(wide.c_str(), &clsid)) &&
-                     SUCCEEDED(CreateInstance(clsid, object)) &&
-                     SUCCEEDED(object->GetTypeInfo(0, 0, info.GetAddressOf()));
-  return could ? 0 : 1;
 }
 
 }  // namespace
@@ -259,9 +194,6 @@ int Activate(const std::string& prog_id) {
 
 int main(int argc, char** argv) {
   const marlinda::Apartment apartment(COINIT_APARTMENTTHREADED);
-  if (argc == 3 && std::string(argv[1]) == "--activate") {
-    return marlinda::testing::Activate(argv[2]);
-  }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -1,0 +1,466 @@
+// The rules of COM for every class of the module, and IDispatch of its objects.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+#include "tests/support/com_client.h"
+#include "tests/support/contract_model.h"
+
+namespace marlinda::testing {
+namespace {
+
+ComPtr<IUnknown> Query(IUnknown* object, REFIID iid) {
+  ComPtr<IUnknown> result;
+  object->QueryInterface(iid, reinterpret_cast<void**>(result.GetAddressOf()));
+  return result;
+}
+
+// To be compared, not called.
+IUnknown* IdentityOf(IUnknown* object) { return Query(object, IID_IUnknown).Get(); }
+
+ComPtr<IClassFactory> FactoryOf(REFCLSID clsid) {
+  ComPtr<IClassFactory> factory;
+  Check(ModuleUnderTest::GetClassObject(clsid, IID_IClassFactory,
+                                        reinterpret_cast<void**>(factory.GetAddressOf())));
+  return factory;
+}
+
+std::vector<IID> InterfacesOf(const Class& known) {
+  std::vector<IID> iids = {IID_IDispatch, IID_IProvideClassInfo};
+  for (const Interface& each : known.interfaces) iids.push_back(each.iid);
+  if (!known.events.empty()) {
+    iids.insert(iids.end(), {IID_IConnectionPointContainer, IID_IProvideClassInfo2});
+  }
+  return iids;
+}
+
+// An object that aggregates another.
+class Outer final : public IUnknown {
+ public:
+  static constexpr IID kIid = {0x9e3e2e0d, 0x1c2b, 0x4a5d, {1, 2, 3, 4, 5, 6, 7, 8}};
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
+    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, kIid)) {
+      return inner->QueryInterface(iid, out);
+    }
+    *out = static_cast<IUnknown*>(this);
+    return AddRef(), S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references; }
+  STDMETHODIMP_(ULONG) Release() override { return --references; }
+
+  ComPtr<IUnknown> inner;
+  ULONG references = 1;
+};
+
+class EveryClass : public ::testing::Test {
+ protected:
+  template <class Body>
+  void Each(Body body) {
+    EXPECT_EQ(classes_.size(), 14U);
+    for (const Class& known : classes_) {
+      SCOPED_TRACE(known.name);
+      body(known, Create<IUnknown>(known.clsid));
+    }
+  }
+  const std::vector<Class> classes_ = ClassesOfTheModule();
+};
+
+TEST_F(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
+  std::vector<IID> all = {IID_IMarshal, IID_IClassFactory, IID_IConnectionPointContainer,
+                          IID_IProvideClassInfo2, IID_ISupportErrorInfo};
+  for (const Class& known : classes_) {
+    for (const Interface& each : known.interfaces) all.push_back(each.iid);
+  }
+  Each([&](const Class& known, const ComPtr<IUnknown>& object) {
+    const std::vector<IID> iids = InterfacesOf(known);
+    for (const IID& from : iids) {
+      const ComPtr<IUnknown> face = Query(object.Get(), from);
+      ASSERT_TRUE(face);
+      EXPECT_EQ(IdentityOf(face.Get()), object.Get());
+      for (const IID& to : iids) EXPECT_TRUE(Query(face.Get(), to));
+    }
+    for (const IID& iid : all) {
+      if (std::ranges::find(iids, iid) != iids.end()) continue;
+      void* out = &out;
+      EXPECT_EQ(object->QueryInterface(iid, &out), E_NOINTERFACE);
+      EXPECT_EQ(out, nullptr);
+    }
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    EXPECT_EQ(ReferenceCount(object.Get()), 1U);
+  });
+}
+
+TEST_F(EveryClass, DescribesItselfAndEachDualInterface) {
+  Each([](const Class& known, const ComPtr<IUnknown>& object) {
+    ComPtr<ITypeInfo> info;
+    for (const Interface& each : known.interfaces) {
+      if (each.iid == IID_IPeakReader) continue;
+      const ComPtr<IUnknown> face = Query(object.Get(), each.iid);
+      auto* const dispatch = static_cast<IDispatch*>(face.Get());
+      ASSERT_EQ(dispatch->GetTypeInfo(0, 0, info.ReleaseAndGetAddressOf()), S_OK);
+      EXPECT_EQ(AttributesOf(info.Get()).guid, each.iid);
+      // An interface compiler was seen to write a wrong base.
+      const auto vtable = Implemented(info.Get(), kVtableFace);
+      EXPECT_NE(AttributesOf(vtable.Get()).wTypeFlags & TYPEFLAG_FOLEAUTOMATION, 0);
+      EXPECT_EQ(AttributesOf(Implemented(vtable.Get(), 0).Get()).guid, IID_IDispatch);
+      EXPECT_EQ(dispatch->GetTypeInfo(1, 0, info.ReleaseAndGetAddressOf()), DISP_E_BADINDEX);
+    }
+    ASSERT_EQ(As<IDispatch>(object)->GetTypeInfo(0, 0, info.ReleaseAndGetAddressOf()), S_OK);
+    EXPECT_EQ(AttributesOf(info.Get()).guid, known.interfaces.front().iid);
+    ASSERT_EQ(As<IProvideClassInfo>(object)->GetClassInfo(info.ReleaseAndGetAddressOf()), S_OK);
+    EXPECT_EQ(AttributesOf(info.Get()).guid, known.clsid);
+    GUID source = {};
+    if (known.events.empty()) return;
+    EXPECT_EQ(As<IProvideClassInfo2>(object)->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source),
+              S_OK);
+    EXPECT_EQ(source, known.events.front().iid);
+  });
+}
+
+TEST_F(EveryClass, LeavesCountingAndQueriesToAnOuterObject) {
+  Each([](const Class& known, const ComPtr<IUnknown>&) {
+    const auto factory = FactoryOf(known.clsid);
+    Outer outer;
+    void* out = &out;
+    const auto create = [&](IUnknown* whole, REFIID iid) {
+      return factory->CreateInstance(whole, iid, &out);
+    };
+    ASSERT_EQ(create(&outer, IID_IUnknown), S_OK);
+    *outer.inner.GetAddressOf() = static_cast<IUnknown*>(out);
+    EXPECT_EQ(outer.references, 1U) << "creating must not hold the outer object";
+    for (const IID& iid : InterfacesOf(known)) {
+      const ComPtr<IUnknown> face = Query(outer.inner.Get(), iid);
+      ASSERT_TRUE(face);
+      EXPECT_EQ(outer.references, 2U) << "an interface counts on the outer object";
+      EXPECT_EQ(IdentityOf(face.Get()), &outer);
+    }
+    EXPECT_EQ(IdentityOf(outer.inner.Get()), outer.inner.Get()) << "the inner unknown delegates";
+    EXPECT_EQ(outer.inner.Reset(), 0U);
+    EXPECT_EQ(create(&outer, IID_IDispatch), CLASS_E_NOAGGREGATION);
+    EXPECT_EQ(create(nullptr, Outer::kIid), E_NOINTERFACE);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
+  });
+}
+
+// All classes share their base.
+TEST_F(EveryClass, CountsReferencesOfManyThreads) {
+  const auto object = Create<IUnknown>(CLSID_CNullReader);
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([face = object.Get()] {
+      for (int i = 0; i < 4'000'000; ++i) face->AddRef();
+      for (int i = 0; i < 4'000'000; ++i) face->Release();
+    });
+  }
+  threads.clear();
+  EXPECT_EQ(ReferenceCount(object.Get()), 1U);
+}
+
+TEST_F(EveryClass, KeepsTheModuleLoadedByFactoriesObjectsAndServerLocks) {
+  const auto can_unload = ModuleUnderTest::CanUnloadNow;
+  // The factories that are registered for this process keep it loaded, too.
+  ModuleUnderTest::Revoke();
+  EXPECT_EQ(can_unload(), S_OK);
+  ComPtr<IClassFactory> factory = FactoryOf(CLSID_CEditedAudio);
+  EXPECT_EQ(can_unload(), S_FALSE) << "a factory";
+  // An object may create others by class identifier.
+  ModuleUnderTest::Load();
+  auto object = Create<IUnknown>(CLSID_CEditedAudio);
+  ModuleUnderTest::Revoke();
+  factory.Reset();
+  EXPECT_EQ(can_unload(), S_FALSE) << "an object";
+  object.Reset();
+  EXPECT_EQ(can_unload(), S_OK);
+  const auto lock = [](BOOL locks) { return FactoryOf(CLSID_CNullReader)->LockServer(locks); };
+  for (int times = 0; times < 2; ++times) {
+    EXPECT_EQ(lock(TRUE), S_OK);
+    EXPECT_EQ(can_unload(), S_FALSE) << "a lock";
+    EXPECT_EQ(lock(FALSE), S_OK);
+    // One unlock too many must not cancel a later lock.
+    EXPECT_EQ(lock(FALSE), E_UNEXPECTED);
+    EXPECT_EQ(can_unload(), S_OK);
+  }
+  ModuleUnderTest::Load();
+  void* out = &out;
+  EXPECT_EQ(ModuleUnderTest::GetClassObject(Outer::kIid, IID_IClassFactory, &out),
+            CLASS_E_CLASSNOTAVAILABLE);
+  EXPECT_EQ(out, nullptr);
+}
+
+// An argument as a client makes it. It owns nothing.
+template <class T>
+VARIANT Value(int type, T value) {
+  VARIANT variant;
+  VariantInit(&variant);
+  V_VT(&variant) = static_cast<VARTYPE>(type);
+  std::memcpy(&V_I8(&variant), &value, sizeof value);
+  return variant;
+}
+// By reference; null where `value` is null.
+template <class T>
+VARIANT Reference(int type, T* value) {
+  return Value(VT_BYREF | type, value);
+}
+VARIANT Long(LONG value) { return Value(VT_I4, value); }
+VARIANT Array(SAFEARRAY* array) { return Value(VT_ARRAY | VT_R4, array); }
+VARIANT Variable(VARIANT& variable) { return Reference(VT_VARIANT, &variable); }
+const VARIANT kEmpty = Value(VT_EMPTY, 0);
+
+constexpr UINT kUntouched = 77;
+
+// A call and its results, which it owns.
+struct Outcome {
+  // The arguments are in the order of the declaration. The last ones can be named, by the
+  // identifiers of their parameters.
+  Outcome(IDispatch* object, DISPID member, std::vector<VARIANT> arguments,
+          std::vector<DISPID> named = {}, WORD flags = DISPATCH_METHOD) {
+    std::ranges::reverse(arguments);
+    std::ranges::reverse(named);
+    DISPPARAMS params = {arguments.data(), named.data(), static_cast<UINT>(arguments.size()),
+                         static_cast<UINT>(named.size())};
+    V_VT(&result) = 0x7ead;  // must be overwritten, not cleared
+    hr = object->Invoke(member, IID_NULL, LOCALE_USER_DEFAULT, flags, &params, &result, &exception,
+                        &argument_error);
+  }
+  ~Outcome() {
+    VariantClear(&result);
+    SysFreeString(exception.bstrSource);
+    SysFreeString(exception.bstrDescription);
+  }
+  Outcome(const Outcome&) = delete;
+  Outcome& operator=(const Outcome&) = delete;
+
+  HRESULT hr = E_UNEXPECTED;
+  VARIANT result;
+  EXCEPINFO exception = {};
+  UINT argument_error = kUntouched;  // an index into the reversed arguments
+};
+
+// DISPIDs: the places of the methods in their interfaces.
+constexpr DISPID kCreate = 1;                                          // INullReader
+constexpr DISPID kReadAudio = 1, kGetFormat = 2, kGetSampleCount = 3;  // IAudioReader
+constexpr DISPID kAddLabel = 1, kGetLabel = 3;                         // ILabelSupport
+constexpr DISPID kReadWaveplot = 1, kClear = 6, kInsertSegment = 7, kGetFirstSegment = 9,
+                 kPlay = 15;             // IEditedAudio
+constexpr DISPID kCreateLastReader = 5;  // IAudioPool
+
+class Dispatch : public ::testing::Test {
+ protected:
+  Dispatch() { EXPECT_EQ(silence_->Create(1LL << 40, 48000, 2), S_OK); }
+
+  const ComPtr<INullReader> silence_ = Create<INullReader>(CLSID_CNullReader);
+  const ComPtr<IAudioReader> reader_ = As<IAudioReader>(silence_);
+  const ComPtr<IEditedAudio> document_ = Create<IEditedAudio>(CLSID_CEditedAudio);
+};
+
+TEST_F(Dispatch, CoercesArgumentsByPlaceByReferenceInVariablesAndByName) {
+  Bstr number(L"44100");
+  Bstr word(L"forty");
+  __int64 count = -(1LL << 40);
+  VARIANT inner = Reference(VT_I8, &count);
+  VARIANT channels = Value(VT_I2, SHORT{2});
+  struct Case {
+    std::vector<VARIANT> arguments;
+    std::vector<__int64> format;  // frames, rate and channels of the reader; empty for a failure
+    HRESULT hr = S_OK;
+    UINT index = kUntouched;  // counted from the last argument
+    std::vector<DISPID> named = {};
+  };
+  const Case cases[] = {
+      {{Value(VT_R8, 0x1p40), Value(VT_BSTR, BSTR{number}), kEmpty}, {1LL << 40, 44100, 0}},
+      {{Variable(inner), Long(8000), Variable(channels)}, {-(1LL << 40), 8000, 2}},
+      {{Long(1), Long(6), Long(2)}, {1, 2, 6}, S_OK, kUntouched, {2, 1}},
+      {{Long(1), Long(2), Long(3)}, {}, DISP_E_PARAMNOTFOUND, 0, {1, 9}},
+      {{Long(1), Long(2), Long(3)}, {}, DISP_E_PARAMNOTOPTIONAL, kUntouched, {1, 1}},
+      {{Value(VT_BSTR, BSTR{word}), Long(2), Long(3)}, {}, DISP_E_TYPEMISMATCH, 2},
+      {{Reference<LONG>(VT_I4, nullptr), Long(2), Long(3)}, {}, DISP_E_TYPEMISMATCH, 2},
+      {{Reference<VARIANT>(VT_VARIANT, nullptr), Long(2), Long(3)}, {}, DISP_E_TYPEMISMATCH, 2},
+      {{Long(1), Long(2), Long(40000)}, {}, DISP_E_OVERFLOW, 0},
+      {{Long(1), Value(VT_ERROR, DISP_E_PARAMNOTFOUND), Long(3)}, {}, DISP_E_PARAMNOTOPTIONAL, 1},
+      {{Long(1), Long(2)}, {}, DISP_E_BADPARAMCOUNT},
+  };
+  for (const auto& [arguments, format, hr, index, named] : cases) {
+    SCOPED_TRACE(&arguments - &cases[0].arguments);
+    Outcome outcome(silence_.Get(), kCreate, arguments, named);
+    EXPECT_EQ(outcome.hr, hr);
+    EXPECT_EQ(outcome.argument_error, index);
+    if (FAILED(hr)) continue;
+    __int64 frames = 0;
+    LONG rate = 0;
+    SHORT width = 0;
+    EXPECT_EQ(reader_->GetSampleCount(&frames), S_OK);
+    EXPECT_EQ(reader_->GetFormat(&rate, &width), S_OK);
+    EXPECT_EQ((std::vector<__int64>{frames, rate, width}), format);
+  }
+}
+
+TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
+  Floats block(8, 0.5F, 5);
+  SAFEARRAY* array = block;
+  VARIANT variable = Array(array);
+  VARIANT reference = Reference(VT_ARRAY | VT_R4, &array);
+  VARIANT outer = Variable(variable);
+  ASSERT_EQ(document_->SetFormat(44100, 1, 16), S_OK);
+  ASSERT_EQ(document_->AppendSegment(nullptr, 0, 8), S_OK);
+  for (const VARIANT& argument : {Array(array), Variable(reference), Variable(outer)}) {
+    std::ranges::fill(block.values(), 0.5F);
+    EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, S_OK);
+    EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
+    // Declared with shorts, for which the peaks are no numbers.
+    std::ranges::fill(block.values(), 0.5F);
+    EXPECT_EQ(Outcome(document_.Get(), kReadWaveplot, {Long(0), Long(8), argument}).hr, S_OK);
+    EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
+  }
+  EXPECT_EQ(array->cLocks, 0);
+
+  const ForeignArray shorts(VT_I2);
+  VARIANT foreign = Value(VT_ARRAY | VT_I2, static_cast<SAFEARRAY*>(shorts));
+  for (const VARIANT& argument : {Variable(foreign), Long(3)}) {
+    EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, DISP_E_TYPEMISMATCH);
+  }
+  // The method itself refuses an array of the declared type that it cannot use.
+  Outcome refused(document_.Get(), kReadWaveplot, {Long(0), Long(8), foreign});
+  EXPECT_EQ(refused.exception.scode, E_INVALIDARG);
+}
+
+TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
+  LONG rate = 0;
+  double wrong = 0;
+  SHORT channels = 0;
+  const VARIANT to_channels = Reference(VT_I2, &channels);
+  EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Reference(VT_I4, &rate), to_channels}).hr, S_OK);
+  EXPECT_EQ(rate, 48000);
+  EXPECT_EQ(channels, 2);
+  // By value the results are lost.
+  EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Long(0), kEmpty}).hr, S_OK);
+  Outcome mismatch(reader_.Get(), kGetFormat, {Reference(VT_R8, &wrong), to_channels});
+  EXPECT_EQ(mismatch.hr, DISP_E_TYPEMISMATCH);
+  EXPECT_EQ(mismatch.argument_error, 1U);
+
+  const auto labels = As<ILabelSupport>(document_);
+  Bstr name(L"Schnitt \x00e4");
+  VARIANT position = kEmpty;
+  VARIANT variable = Value(VT_BSTR, SysAllocString(L"old"));
+  const auto get_label = [&](LONG index) {
+    return Outcome(labels.Get(), kGetLabel, {Long(index), Variable(position), Variable(variable)})
+        .hr;
+  };
+  EXPECT_EQ(Outcome(labels.Get(), kAddLabel, {Long(7), Value(VT_BSTR, BSTR{name})}).hr, S_OK);
+  EXPECT_EQ(get_label(0), S_OK);
+  EXPECT_EQ(V_VT(&position), VT_I8);
+  EXPECT_EQ(V_I8(&position), 7);
+  EXPECT_EQ(V_BSTR(&variable), name.str());
+  VariantClear(&variable);
+  variable = Long(5);
+  EXPECT_EQ(get_label(1), DISP_E_EXCEPTION);
+  EXPECT_EQ(V_VT(&variable), VT_I4) << "a failure keeps the variable";
+}
+
+TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
+  Outcome count(reader_.Get(), kGetSampleCount, {});
+  EXPECT_EQ(V_VT(&count.result), VT_I8);
+  EXPECT_EQ(V_I8(&count.result), 1LL << 40);
+  Outcome cleared(document_.Get(), kClear, {});
+  EXPECT_EQ(V_VT(&cleared.result), VT_EMPTY);
+  // No object is an object of nothing, which scripts can test for.
+  Outcome none(Create<IAudioPool>(CLSID_CAudioPool).Get(), kCreateLastReader, {});
+  EXPECT_EQ(none.hr, S_FALSE);
+  EXPECT_EQ(V_VT(&none.result), VT_DISPATCH);
+  EXPECT_EQ(V_DISPATCH(&none.result), nullptr);
+  Outcome failed(As<IAudioReader>(Create<IUnknown>(CLSID_CAudioPoolReader)).Get(), kReadAudio,
+                 {Long(0), Array(Floats(2))});
+  EXPECT_EQ(failed.hr, DISP_E_EXCEPTION);
+  EXPECT_EQ(failed.exception.scode, HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
+  EXPECT_STREQ(failed.exception.bstrSource, L"Tessaly");
+  EXPECT_NE(SysStringLen(failed.exception.bstrDescription), 0U);
+}
+
+TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToABorrowedOne) {
+  IDispatch* direct = document_.Get();
+  VARIANT variable = Long(1);
+  __int64 begin = 5;
+  __int64 end = 6;
+  const auto first_segment = [&](const VARIANT& source) {
+    return std::make_unique<Outcome>(
+        document_.Get(), kGetFirstSegment,
+        std::vector{source, Reference(VT_I8, &begin), Reference(VT_I8, &end)});
+  };
+  const auto insert = [this](int type, IUnknown* object) {
+    return Outcome(document_.Get(), kInsertSegment,
+                   {Long(0), Value(type, object), Long(2), Long(3)})
+        .hr;
+  };
+  EXPECT_EQ(first_segment(Reference<IDispatch*>(VT_DISPATCH, nullptr))->exception.scode, E_POINTER);
+  EXPECT_EQ(V_I4(&first_segment(Reference(VT_DISPATCH, &direct))->result), 0);
+  EXPECT_EQ(direct, document_.Get()) << "nothing is lent";
+  const ULONG before = ReferenceCount(silence_.Get());
+  EXPECT_EQ(insert(VT_DISPATCH, nullptr), S_OK);
+  EXPECT_EQ(insert(VT_UNKNOWN, silence_.Get()), S_OK);
+  // By value nothing comes out.
+  for (const VARIANT& to : {Reference(VT_DISPATCH, &direct), Variable(variable), kEmpty}) {
+    EXPECT_EQ(V_I4(&first_segment(to)->result), 1);
+  }
+  EXPECT_EQ(begin, 2);
+  EXPECT_EQ(direct, reader_.Get());
+  EXPECT_EQ(V_DISPATCH(&variable), reader_.Get());
+  EXPECT_EQ(ReferenceCount(silence_.Get()), before + 3);
+  VariantClear(&variable);
+  direct->Release();
+  EXPECT_EQ(document_->Clear(), S_OK);
+  EXPECT_EQ(ReferenceCount(silence_.Get()), before);
+  EXPECT_EQ(insert(VT_DISPATCH, Create<IAudioPool>(CLSID_CAudioPool).Get()), DISP_E_TYPEMISMATCH);
+}
+
+TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
+  const std::tuple<DISPID, WORD, HRESULT> calls[] = {
+      {0, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND},
+      {6, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND},
+      {0x60000002, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND},  // of IDispatch itself
+      {kGetSampleCount, DISPATCH_PROPERTYGET, DISP_E_MEMBERNOTFOUND},
+      {kGetSampleCount, DISPATCH_METHOD | DISPATCH_PROPERTYGET, S_OK}};
+  for (const auto& [member, flags, expected] : calls) {
+    EXPECT_EQ(Outcome(reader_.Get(), member, {}, {}, flags).hr, expected) << member;
+  }
+  VARIANT arguments[] = {Long(16), Long(2), Long(1)};
+  DISPID names[] = {0, 1, 2, 3};
+  DISPPARAMS good = {arguments, nullptr, 3, 0};
+  DISPPARAMS no_arguments = {nullptr, nullptr, 3, 0};
+  DISPPARAMS no_names = {arguments, nullptr, 3, 1};
+  DISPPARAMS too_many_names = {arguments, names, 3, 4};
+  // A caller who wants neither result nor exception nor index.
+  const auto create = [this](DISPPARAMS* params, REFIID reserved = IID_NULL) {
+    return silence_->Invoke(kCreate, reserved, 0, DISPATCH_METHOD, params, nullptr, nullptr,
+                            nullptr);
+  };
+  EXPECT_EQ(create(&good), S_OK);
+  EXPECT_EQ(create(&good, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
+  for (DISPPARAMS* const wrong :
+       {&no_arguments, &no_names, &too_many_names, static_cast<DISPPARAMS*>(nullptr)}) {
+    EXPECT_EQ(create(wrong), E_INVALIDARG);
+  }
+}
+
+TEST_F(Dispatch, FindsNamesOfMembersAndParametersInAnyCase) {
+  OLECHAR play[] = L"pLaY";
+  OLECHAR mask[] = L"DWCHANNELMASK";
+  OLECHAR other[] = L"ReadAudio";  // of another interface
+  OLECHAR* names[] = {play, mask, nullptr, other};
+  DISPID ids[3] = {};
+  const auto ask = [&](std::size_t first, UINT count, REFIID reserved = IID_NULL) {
+    return document_->GetIDsOfNames(reserved, names + first, count, 0, ids);
+  };
+  EXPECT_EQ(ask(0, 2), S_OK);
+  EXPECT_THAT(ids, ::testing::ElementsAre(kPlay, 2, 0));
+  EXPECT_EQ(ask(0, 1, IID_IDispatch), DISP_E_UNKNOWNINTERFACE);
+  EXPECT_EQ(ask(0, 3), E_POINTER);
+  EXPECT_EQ(ask(3, 1), DISP_E_UNKNOWNNAME);
+  EXPECT_EQ(ids[0], DISPID_UNKNOWN);
+}
+
+}  // namespace
+}  // namespace marlinda::testing

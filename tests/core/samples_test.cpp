@@ -1,0 +1,192 @@
+// The sample queue, and the converters at every level of vector instructions that this processor
+// has.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "core/samples/audio_queue.h"
+#include "core/samples/cpu_level.h"
+#include "core/samples/sample_converter.h"
+
+namespace marlinda {
+namespace {
+
+using Samples = std::vector<float>;
+using Codes = std::vector<std::int64_t>;
+
+constexpr int kWidths[] = {8, 16, 24, 32};
+
+Samples Ramp(std::size_t count, std::size_t first = 0) {
+  Samples ramp(count);
+  std::iota(ramp.begin(), ramp.end(), static_cast<float>(first));
+  return ramp;
+}
+
+TEST(AudioQueue, GrowsBeforeItIsFullAndFreesMemoryWhenCleared) {
+  CAudioQueue queue;
+  queue.Append(Ramp(1500));
+  Samples seen(1000);
+  queue.Read(seen);
+  queue.Append(Ramp(1547, 1500));  // wraps around the ring's end
+  EXPECT_EQ(queue.Capacity(), 2048U);
+  queue.Append(Ramp(1, 3047));
+  EXPECT_EQ(queue.Capacity(), 4096U) << "at least 2048 more";
+  queue.Append(Ramp(10000, 3048));
+  for (const std::size_t reserved : {20000U, 5000U}) {
+    queue.Reserve(reserved);
+    EXPECT_EQ(queue.Capacity(), 20000U);
+  }
+  seen.assign(12050, 9.0F);
+  queue.Read(seen, 5);
+  auto expected = Ramp(12048, 1000);
+  expected.resize(12050);
+  EXPECT_EQ(seen, expected) << "silence where nothing is left";
+  EXPECT_EQ(queue.Count(), 12043U);
+  queue.Clear();
+  EXPECT_EQ(queue.Count(), 0U);
+  EXPECT_EQ(queue.Capacity(), 2048U);
+}
+
+TEST(AudioQueue, CarriesAStreamOfAnyBlocksBetweenTwoThreads) {
+  CAudioQueue queue;
+  constexpr std::size_t kSamples = 500'000;
+  const std::jthread producer([&] {
+    std::mt19937 random(7);
+    for (std::size_t written = 0; written < kSamples;) {
+      const auto block = Ramp(std::min<std::size_t>(random() % 900, kSamples - written), written);
+      queue.Append(block);
+      written += block.size();
+    }
+  });
+  std::mt19937 random(8);
+  for (std::size_t read = 0; read < kSamples;) {
+    Samples block(std::min<std::size_t>(random() % 900, queue.Count()));
+    queue.Read(block);
+    ASSERT_EQ(block, Ramp(block.size(), read));
+    read += block.size();
+  }
+}
+
+// Nothing is rounded here that matters: a product has at most 39 bits.
+std::int64_t ExactCode(double value, int bits) {
+  constexpr std::int64_t kLowest = -(std::int64_t{1} << 31);
+  if (bits > 16) {
+    // Full scale and above wraps. The upper bytes are the 24-bit code.
+    const bool fits = value < 1.0 && value > -1.0;
+    return (fits ? static_cast<std::int64_t>(value * 0x1p31) : kLowest) >> (32 - bits);
+  }
+  const double scale = bits == 8 ? 127 : 32767;
+  const int middle = bits == 8 ? 128 : 0;
+  if (std::isnan(value)) return bits == 8 ? 0 : -32768;
+  const double code = std::clamp(std::floor(value * scale + 0.5), -scale - 1, scale);
+  return static_cast<std::int64_t>(code) + middle;
+}
+
+class Converters : public ::testing::TestWithParam<CpuLevel> {
+ protected:
+  void SetUp() override {
+    if (GetParam() > HighestCpuLevel()) GTEST_SKIP();
+    LimitCpuLevel(GetParam());
+  }
+  void TearDown() override { LimitCpuLevel(HighestCpuLevel()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(EveryLevel, Converters,
+                         ::testing::Values(CpuLevel::kScalar, CpuLevel::kSse2, CpuLevel::kAvx2));
+
+TEST_P(Converters, WriteTheCodesOfExactArithmetic) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+  Samples samples = {0.0F, -0.0F, kNan, -kNan, kInfinity, -kInfinity, 1.0F, -1.0F};
+  // A stride that is no multiple of any power of two visits all exponents and both signs.
+  for (std::uint64_t pattern = 0; pattern < std::uint64_t{1} << 32; pattern += 4001) {
+    samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));
+  }
+  // The floats around the middle between two codes, and around the codes of 32 bits near zero.
+  for (int code = -32769; code <= 32768; ++code) {
+    for (const double middle : {(code + 0.5) / 127, (code + 0.5) / 32767, std::ldexp(code, -31)}) {
+      const auto nearest = static_cast<float>(middle);
+      samples.insert(samples.end(), {std::nextafter(nearest, -kInfinity), nearest,
+                                     std::nextafter(nearest, kInfinity)});
+    }
+  }
+  for (const int bits : kWidths) {
+    const auto width = static_cast<std::size_t>(bits / 8);
+    std::vector<std::byte> bytes(samples.size() * width);
+    ConvertFloatToPcm(samples, bytes, bits);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      const auto exact = static_cast<std::uint64_t>(ExactCode(samples[i], bits));
+      for (std::size_t k = 0; k < width; ++k) {
+        ASSERT_EQ(bytes[i * width + k], static_cast<std::byte>(exact >> 8 * k))
+            << samples[i] << " at " << bits << " bits, byte " << k;
+      }
+    }
+  }
+}
+
+TEST_P(Converters, ReadEveryCodeAsTheNearestFloat) {
+  struct Range {
+    int bits;
+    std::int64_t first, last, step;
+    double denominator;
+  };
+  const Range ranges[] = {{8, 0, 255, 1, 127},
+                          {16, -32768, 32767, 1, 32767},
+                          {24, -8388608, 8388607, 7, 0x1p23},
+                          {32, -2147483648LL, 2147483647, 65003, 0x1p31},
+                          // Halfway between two floats, of which the even one is nearer.
+                          {32, 0x40000000, 0x40001000, 0x40, 0x1p31}};
+  for (const auto& [bits, first, last, step, denominator] : ranges) {
+    std::vector<std::byte> bytes;
+    Samples expected;
+    for (std::int64_t code = first; code <= last; code += step) {
+      for (int i = 0; i < bits; i += 8) bytes.push_back(static_cast<std::byte>(code >> i));
+      const auto number = static_cast<double>(bits == 8 ? code - 127 : code);
+      expected.push_back(static_cast<float>(number / denominator));
+    }
+    Samples samples(expected.size());
+    ConvertPcmToFloat(bytes, samples, bits);
+    EXPECT_EQ(samples, expected);
+  }
+}
+
+// AddressSanitizer finds what is touched around the block.
+TEST_P(Converters, ConvertBlocksOfAnyLengthAtAnyPlace) {
+  Samples samples(67);
+  for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = static_cast<float>(i) / 31 - 1.1F;
+  for (const int bits : kWidths) {
+    const auto width = static_cast<std::size_t>(bits / 8);
+    std::vector<std::byte> codes(samples.size() * width);
+    Samples floats(samples.size());
+    ConvertFloatToPcm(samples, codes, bits);
+    ConvertPcmToFloat(codes, floats, bits);
+    for (std::size_t count = 0; count <= samples.size(); ++count) {
+      const std::size_t place = count % 4;
+      std::vector<std::byte> pcm(place + count * width + 40);
+      auto expected = pcm;
+      std::copy_n(codes.begin(), count * width, &expected[place]);
+      const auto inside = std::span(pcm).subspan(place, count * width);
+      ConvertFloatToPcm(std::span(samples).first(count), inside, bits);
+      ASSERT_EQ(pcm, expected) << bits << " bits, " << count << " samples";
+      Samples read(count);
+      ConvertPcmToFloat(inside, read, bits);
+      ASSERT_TRUE(std::ranges::equal(read, std::span(floats).first(count))) << bits << count;
+    }
+  }
+}
+
+TEST(PcmBytesPerSample, ChoosesTheWidthForOddBits) {
+  for (const int bits : {-1, 8, 9, 16, 17, 24, 25, 32, 33}) {
+    EXPECT_EQ(PcmBytesPerSample(bits), bits <= 8 ? 1U : bits <= 16 ? 2U : bits <= 24 ? 3U : 4U);
+  }
+}
+
+}  // namespace
+}  // namespace marlinda

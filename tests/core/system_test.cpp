@@ -1,0 +1,177 @@
+// Texts, arrays, formats, registry values and threads of Windows as the engine uses them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+#include "core/apartment.h"
+#include "core/module.h"
+#include "core/registry.h"
+#include "core/sample_array.h"
+#include "core/worker_thread.h"
+#include "device/device_format.h"
+#include "tests/support/com_client.h"
+#include "tests/support/test_object.h"
+
+namespace marlinda::testing {
+namespace {
+
+TEST(Text, IsKeptWhereTheCodePageHoldsItAndEndsAtTheFirstNul) {
+  const std::wstring text(100000, L'x');
+  EXPECT_EQ(ToAnsi(Bstr(text)), std::string(100000, 'x'));
+  EXPECT_THAT(ToAnsi(Bstr(L"a\x97f3z")), ::testing::MatchesRegex("a.+z"));
+  EXPECT_EQ(ToAnsi(nullptr), "");
+  const OwnedBstr with_nul(SysAllocStringLen(L"ab\0cd", 5));
+  EXPECT_EQ(ToAnsi(with_nul.get()), "ab");
+  EXPECT_TRUE(OwnedBstr(ToBstr({}))) << "an empty text is not a null one";
+  EXPECT_STREQ(OwnedBstr(ToBstr(Utf8ToAnsi("Caf\xC3\xA9"))).get(), L"Caf\u00E9");
+  EXPECT_EQ(Utf8ToAnsi("Caf\xE9"), "Caf\xE9");
+  EXPECT_EQ(Format("(%s)|%s|", "%s;"), "(%s;)|%s;|") << "each place holder is replaced once";
+}
+
+TEST(SampleArray, LocksADescriptorWithoutATypeOnceAndKeepsItsSamplesWhenResized) {
+  float samples[3] = {1, 2, 3};
+  SAFEARRAY array = {1, FADF_AUTO | FADF_FIXEDSIZE, sizeof(float), 0, samples, {{3, 5}}};
+  {
+    SampleArrayView view;
+    ASSERT_EQ(view.Lock(&array), S_OK);
+    EXPECT_TRUE(std::ranges::equal(view.samples(), samples));
+    EXPECT_EQ(view.Lock(&array), E_UNEXPECTED);
+  }
+  EXPECT_EQ(array.cLocks, 0U);
+  array.cbElements = 8;
+  EXPECT_EQ(SampleArrayView().Lock(&array), E_INVALIDARG);
+
+  SampleArray own(4);
+  std::ranges::fill(own.samples(), 0.5F);
+  own.Resize(100000);
+  EXPECT_EQ(std::ranges::count(own.samples(), 0.5F), 4);
+  EXPECT_THROW(own.Resize(std::size_t{1} << 30), std::bad_alloc);
+  SAFEARRAYBOUND bound = {9, 0};
+  EXPECT_EQ(SafeArrayRedim(own.get(), &bound), DISP_E_ARRAYISLOCKED);
+  own.Prepare(3);
+  EXPECT_EQ(std::ranges::count(own.samples(), 0.0F), 3);
+}
+
+TEST(MakeExtensibleFormat, HasTheLayoutOfTheExtensibleFormatByteForByte) {
+  WAVEFORMATEX source = {0x1234, 6, 0x89ABCDEF, 0x12345678, 0xBEEF, 24, 99};
+  const WAVEFORMATEXTENSIBLE format = MakeExtensibleFormat(source, false, false);
+  // Tag, channels, frames and bytes per second, bytes per frame, bits, size of the rest; valid
+  // bits, channel mask, PCM.
+  const unsigned char expected[40] = {0xFE, 0xFF, 6,    0,    0xEF, 0xCD, 0xAB, 0x89, 0x78, 0x56,
+                                      0x34, 0x12, 0xEF, 0xBE, 24,   0,    22,   0,    24,   0,
+                                      0x3F, 0,    0,    0,    1,    0,    0,    0,    0,    0,
+                                      0x10, 0,    0x80, 0,    0,    0xAA, 0,    0x38, 0x9B, 0x71};
+  EXPECT_EQ(std::memcmp(&format, expected, sizeof expected), 0);
+  EXPECT_EQ(MakeExtensibleFormat(source, true, false).SubFormat.Data1, 3U) << "floats";
+  EXPECT_EQ(MakeExtensibleFormat(source, false, true).dwChannelMask, 0x3FU);
+  source.nChannels = 1;
+  EXPECT_EQ(MakeExtensibleFormat(source, false, false).dwChannelMask, 4U);
+  EXPECT_EQ(MakeExtensibleFormat(source, false, true).dwChannelMask, 3U) << "heard on both sides";
+}
+
+TEST(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
+  constexpr char kKey[] = "Software\\TessalyRegistryTest";
+  RegDeleteTreeA(HKEY_CURRENT_USER, kKey);
+  CRegistry registry;
+  ASSERT_EQ(registry.Open(HKEY_CURRENT_USER, kKey, false), 0);
+  const auto text_of = [&](const std::string& bytes) {
+    RegSetKeyValueA(HKEY_CURRENT_USER, kKey, "Text", REG_SZ, bytes.data(),
+                    static_cast<DWORD>(bytes.size()));
+    return registry.ReadString("Text", "default");
+  };
+  EXPECT_EQ(registry.ReadDword("Number", 42), 42U);
+  registry.WriteDword("Number", 0xFFFFFFFEU);
+  EXPECT_EQ(registry.ReadDword("Number", 42), 0xFFFFFFFEU);
+  RegSetKeyValueA(HKEY_CURRENT_USER, kKey, "Number", REG_QWORD, "12345678", 8);
+  EXPECT_EQ(registry.ReadDword("Number", 42), 42U);
+  EXPECT_EQ(registry.ReadString("Text", "default"), "default");
+  EXPECT_EQ(text_of({"ab\0cd", 5}), "ab");
+  EXPECT_EQ(text_of(std::string(254, 'x') + '\0'), std::string(254, 'x'));
+  EXPECT_EQ(text_of(std::string(255, 'x') + '\0'), "default");
+  EXPECT_EQ(registry.Open(HKEY_CURRENT_USER, kKey, true), ERROR_SUCCESS);
+  registry.WriteDword("Fresh", 7);
+  EXPECT_EQ(registry.ReadDword("Fresh", 1), 1U) << "a key opened for reading was written";
+  RegDeleteTreeA(HKEY_CURRENT_USER, kKey);
+}
+
+class WorkerThreadTest : public ::testing::Test {
+ protected:
+  // Shared by a test and its worker. A promise, because the wait of an atomic loses wake-ups in GCC
+  // 12 without futexes.
+  struct State {
+    std::promise<void> go;
+    std::shared_future<void> gone = go.get_future();
+    std::atomic<bool> ended = false;
+  };
+  // Starts a body that waits for `go`.
+  void Start(WorkerThread& worker) const {
+    ASSERT_EQ(worker.Start([state = state_] {
+      state->gone.wait();
+      state->ended = true;
+    }),
+              S_OK);
+  }
+
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+TEST_F(WorkerThreadTest, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
+  {
+    WorkerThread worker;
+    ASSERT_EQ(worker.Start([] { throw std::runtime_error("lost"); }), S_OK);
+    worker.PollUntilEnded(1);
+    Start(worker);
+    EXPECT_TRUE(worker.IsRunning());
+    EXPECT_EQ(worker.Start([] {}), E_FAIL);
+    worker.Detach();
+    EXPECT_FALSE(worker.IsRunning());
+  }
+  EXPECT_FALSE(TheModule().CanUnload()) << "the thread is in the module";
+  std::jthread later;
+  {
+    WorkerThread worker;
+    Start(worker);
+    // The delay only makes it likely that the destructor is reached first.
+    later = std::jthread([this] {
+      Sleep(100);
+      state_->go.set_value();
+    });
+  }
+  EXPECT_TRUE(state_->ended);
+  while (!TheModule().CanUnload()) Sleep(1);
+  EXPECT_EQ(state_.use_count(), 1) << "the bodies release what they hold";
+}
+
+class Named : public TestObject<IPersist> {
+ public:
+  STDMETHODIMP GetClassID(CLSID*) override { return thread = GetCurrentThreadId(), S_OK; }
+  DWORD thread = 0;
+};
+
+// The tests' own thread is a single-threaded apartment.
+TEST_F(WorkerThreadTest, ServesCallsOfTheBodyWhileItWaits) {
+  const auto object = MakeObject<Named>();
+  IStream* stream = nullptr;
+  ASSERT_EQ(CoMarshalInterThreadInterfaceInStream(IID_IPersist, object.Get(), &stream), S_OK);
+  WorkerThread worker;
+  ASSERT_EQ(worker.Start([stream] {
+    const Apartment apartment(COINIT_MULTITHREADED);
+    ComPtr<IPersist> proxy;
+    CoGetInterfaceAndReleaseStream(stream, IID_IPersist,
+                                   reinterpret_cast<void**>(proxy.GetAddressOf()));
+    CLSID clsid;
+    if (proxy) proxy->GetClassID(&clsid);
+  }),
+            S_OK);
+  worker.AwaitServingCalls(INFINITE);
+  EXPECT_FALSE(worker.IsRunning());
+  EXPECT_EQ(object->thread, GetCurrentThreadId());
+}
+
+}  // namespace
+}  // namespace marlinda::testing
