@@ -1,0 +1,315 @@
+// Dither, peaks bit by bit against a comparison of one value after the other, and how samples are
+// stored.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "core/samples/cpu_level.h"
+#include "core/samples/extremes.h"
+#include "pool/dither.h"
+#include "pool/peak_builder.h"
+#include "pool/peak_groups.h"
+#include "pool/stored_samples.h"
+
+namespace marlinda {
+namespace {
+
+using Floats = std::vector<float>;
+
+constexpr float kLargest = std::numeric_limits<float>::max();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr CpuLevel kLevels[] = {CpuLevel::kScalar, CpuLevel::kSse2, CpuLevel::kAvx2};
+
+std::vector<std::uint32_t> Bits(const Floats& values) {
+  std::vector<std::uint32_t> bits;
+  for (const float value : values) bits.push_back(std::bit_cast<std::uint32_t>(value));
+  return bits;
+}
+
+class Dither : public ::testing::Test {
+ protected:
+  ~Dither() override { LimitCpuLevel(HighestCpuLevel()); }
+  // In two blocks: the errors carry over, and SetUp clears them.
+  Floats Process(int mode, int channels, int bits, Floats samples, std::size_t first) {
+    dither_.SetUp(mode, channels, bits);
+    for (const auto block : {std::span(samples).first(first), std::span(samples).subspan(first)}) {
+      dither_.Process(block, [this] { return kRandom[drawn_++ % std::size(kRandom)]; });
+    }
+    return samples;
+  }
+
+  static constexpr int kRandom[] = {0, 32767, 16384, 8192,  100, 32000, 25000, 25000,
+                                    0, 0,     32767, 32767, 1,   2,     3,     4};
+  DitherState dither_;
+  std::size_t drawn_ = 0;
+};
+
+// A separate program computed the codes, in double precision with single precision for the values
+// that are kept.
+TEST_F(Dither, FollowsTheRuleStepByStep) {
+  const Floats source = {0.3F,  -0.3F, 0.301F, -0.302F, 0.303F, -0.303F, 0.304F, -0.305F,
+                         0.25F, -0.9F, 0.25F,  1.2F,    0.0F,   -1.2F,   0.0F,   0.0F};
+  struct Row {
+    int mode, channels, bits;
+    std::vector<int> codes;
+  };
+  const Row rows[] = {
+      {DitherState::kNoiseShaping,
+       2,
+       8,
+       {38, -38, 38, -39, 39, -38, 38, -39, 32, -114, 32, 152, 0, -151, -1, -2}},
+      // An unknown mode is noise shaping alone.
+      {-1, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
+      {DitherState::kTriangularNoise,
+       1,
+       24,
+       {2516582, -2516582, 2524971, -2533359, 2541747, -2541747, 2550135, -2558525, 2097152,
+        -7549747, 2097152, 10066329, -1, -10066327, -2, 0}},
+  };
+  for (const auto& [mode, channels, bits, codes] : rows) {
+    for (const std::size_t first : {16U, 6U}) {
+      drawn_ = 0;
+      const Floats samples = Process(mode, channels, bits, source, first);
+      for (std::size_t i = 0; i < 16; ++i) {
+        // As exactly as a float can hold it.
+        EXPECT_NEAR(samples[i], codes[i] / (std::ldexp(1.0, bits - 1) - 1), 2e-7) << bits;
+      }
+      EXPECT_EQ(drawn_, mode == DitherState::kTriangularNoise ? 32U : 0U);
+    }
+  }
+  EXPECT_EQ(Process(DitherState::kOff, 2, 8, source, 8), source);
+  drawn_ = 0;
+  const Floats incomplete = Process(DitherState::kTriangularNoise, 3, 8, {0.3F, 0.3F, 0.3F, 9}, 4);
+  EXPECT_NE(incomplete[2], 0.3F);
+  EXPECT_EQ(incomplete[3], 9.0F);
+  EXPECT_EQ(drawn_, 6U);
+  for (const int channels : {-1, 0, 9}) {
+    dither_.SetUp(DitherState::kNoiseShaping, channels, 16);
+    EXPECT_FALSE(dither_.CanDither()) << channels;
+  }
+}
+
+TEST_F(Dither, HasErrorsOfItsOwnForEachOfOneToEightChannelsAndRecoversFromBadSamples) {
+  for (std::size_t channels = 1; channels <= 8; ++channels) {
+    for (const float bad : {1e30F, -kInfinity, kNan}) {
+      Floats block;
+      for (const float sample : {0.3F, bad, 0.3F, 0.3F, 0.3F}) {
+        block.insert(block.end(), channels, sample);
+      }
+      const Floats dithered =
+          Process(DitherState::kNoiseShaping, static_cast<int>(channels), 8, block, 0);
+      for (std::size_t i = 0; i < block.size(); ++i) {
+        EXPECT_EQ(std::bit_cast<int>(dithered[i]), std::bit_cast<int>(dithered[i - i % channels]));
+        EXPECT_TRUE(i / channels == 1 || std::abs(dithered[i] - 0.3F) < 3.0 / 127.0);
+      }
+    }
+  }
+}
+
+// The errors feed back, so a difference in any of them shows in the samples behind it.
+TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
+  // Noise, a ramp through all codes, a decay into silence, and overs with odd values among them.
+  std::minstd_rand random(7);
+  std::uniform_real_distribution<float> level(-1.1F, 1.1F);
+  const float odd[] = {kNan, kInfinity, -3.999F, 4.0F, -300.0F, 1e30F, -0.0F, 1e-45F, 0x1p-110F};
+  Floats source;
+  for (int i = 0; i < 16384; ++i) {
+    const float x = static_cast<float>(i % 4096) / 2048.0F - 1.0F;
+    const float over = random() % 97 == 0 ? odd[random() % std::size(odd)] : 2.0F * level(random);
+    const float sections[] = {level(random), x, level(random) * std::exp2(-40.0F * (x + 1.0F)),
+                              over};
+    source.push_back(sections[i / 4096]);
+  }
+  for (const int bits : {-1, 8, 16, 24, 25}) {
+    for (int channels = 1; channels <= 8; ++channels) {
+      std::vector<std::uint32_t> results[3];
+      for (const CpuLevel limit : kLevels) {
+        LimitCpuLevel(limit);
+        // The second block at an odd place.
+        results[static_cast<int>(limit)] =
+            Bits(Process(DitherState::kNoiseShaping, channels, bits, source,
+                         static_cast<std::size_t>(channels) * 333));
+      }
+      ASSERT_TRUE(results[1] == results[0] && results[2] == results[0])
+          << bits << " bits, " << channels << " channels";
+    }
+  }
+}
+
+void Extend(float* pair, float low, float high) {
+  if (low < pair[0]) pair[0] = low;
+  if (high > pair[1]) pair[1] = high;
+}
+
+Floats Noise() {
+  Floats values(4096, kNan);
+  for (std::size_t i = 1; i < values.size(); ++i) values[i] = static_cast<float>(i) / 2048 - 1;
+  return values;
+}
+
+// Values of few kinds, so that zeros of both signs, NaN and infinities meet often; of one sign,
+// whose peak is a zero; and noise.
+const Floats kPalettes[] = {
+    {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
+    {0.0F, -0.0F, 0.25F, kNan},
+    {0.0F, -0.0F, -0.25F},
+    {kNan},
+    Noise()};
+
+class Peaks : public ::testing::Test {
+ protected:
+  ~Peaks() override { LimitCpuLevel(HighestCpuLevel()); }
+  std::size_t Below(std::size_t limit) { return random_() % limit; }
+  Floats Draw(const Floats& palette, std::size_t count) {
+    Floats values(count);
+    for (float& value : values) value = palette[Below(palette.size())];
+    return values;
+  }
+
+  // The extremes of stretches of `peaks_`, and of a walk over them.
+  std::vector<std::uint32_t> Extended(PeakGroups& groups, const std::vector<std::int64_t>& ends) {
+    read_ = 0;
+    Floats pairs = Neutral(ends.size() - 1);
+    EXPECT_TRUE(groups.Extend(ends[0], std::span(ends).subspan(1), pairs,
+                              [&](std::int64_t at, std::span<float> block) {
+                                const auto begin = static_cast<std::size_t>(at) * width_;
+                                // Nothing is asked for that has not settled.
+                                if (begin + block.size() > peaks_.size()) return false;
+                                std::copy_n(peaks_.data() + begin, block.size(), block.begin());
+                                read_ += block.size() / width_;
+                                return true;
+                              }));
+    return Bits(pairs);
+  }
+  std::vector<std::uint32_t> Walked(const std::vector<std::int64_t>& ends) {
+    Floats pairs = Neutral(ends.size() - 1);
+    for (std::size_t range = 0; range + 1 < ends.size(); ++range) {
+      const auto end = static_cast<std::size_t>(ends[range + 1]) * width_;
+      for (auto i = static_cast<std::size_t>(ends[range]) * width_; i < end; i += 2) {
+        Extend(&pairs[range * width_ + i % width_], peaks_[i], peaks_[i + 1]);
+      }
+    }
+    return Bits(pairs);
+  }
+  Floats Neutral(std::size_t ranges) const {
+    Floats pairs(ranges * width_, kNoLowest);
+    for (std::size_t i = 1; i < pairs.size(); i += 2) pairs[i] = kNoHighest;
+    return pairs;
+  }
+
+  std::mt19937 random_{11};
+  Floats peaks_;
+  std::size_t width_ = 4;
+  std::size_t read_ = 0;  // peaks that the last call read
+};
+
+TEST_F(Peaks, OfABlockAreOneGroupMoreThanThereAreWholeOnes) {
+  for (const Floats& palette : kPalettes) {
+    for (const std::size_t channels : {1U, 2U, 3U, 8U, 9U}) {
+      for (const std::size_t frames : {0U, 1U, 255U, 256U, 257U, 1024U}) {
+        // The block ends where its memory does, begins at an odd place and, with more channels than
+        // one, ends within a frame. Each channel has a level of its own.
+        Floats memory = Draw(palette, frames * channels + (frames > 0 ? channels : 1));
+        for (std::size_t i = 0; i < memory.size(); ++i) {
+          memory[i] *= static_cast<float>(1 + i % channels);
+        }
+        const std::span<const float> samples = std::span<const float>(memory).subspan(1);
+        Floats expected;
+        for (std::size_t i = 0; frames > 0 && i < (frames / 256 + 1) * channels; ++i) {
+          float pair[2] = {kLargest, -kLargest};
+          for (std::size_t k = 0; k < 256; ++k) {
+            const std::size_t frame = std::min(i / channels * 256 + k, frames - 1);
+            const float sample = samples[frame * channels + i % channels];
+            Extend(pair, sample, sample);
+          }
+          expected.insert(expected.end(), pair, pair + 2);
+        }
+        for (const CpuLevel level : kLevels) {
+          LimitCpuLevel(level);
+          Floats peaks = {1.0F};  // to be replaced
+          BuildPeaks(samples, static_cast<int>(channels), peaks);
+          ASSERT_EQ(Bits(peaks), Bits(expected)) << channels << " channels, " << frames;
+        }
+      }
+    }
+  }
+}
+
+TEST_F(Peaks, OfGroupsAreTheExtremesOfEachRangeWhileTheTakeGrows) {
+  for (const std::size_t channels : {1U, 2U, 3U, 5U}) {
+    for (const Floats& palette : kPalettes) {
+      width_ = 2 * channels;
+      peaks_.clear();
+      PeakGroups groups(channels);
+      for (int round = 0; round < 40; ++round) {
+        const Floats more = Draw(palette, Below(300) * width_);
+        peaks_.insert(peaks_.end(), more.begin(), more.end());
+        const std::size_t count = peaks_.size() / width_;
+        groups.Settle(static_cast<std::int64_t>(count));
+        std::vector<std::int64_t> ends(2 + Below(40));
+        for (auto& end : ends) end = static_cast<std::int64_t>(Below(count + 1));
+        std::ranges::sort(ends);
+        ASSERT_EQ(Extended(groups, ends), Walked(ends)) << channels;
+      }
+    }
+  }
+}
+
+TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
+  peaks_ = Draw(kPalettes[0], 10'000 * width_);
+  PeakGroups groups(2);
+  groups.Settle(10'000);
+  std::vector<std::int64_t> ends;
+  for (std::int64_t column = 0; column <= 50; ++column) ends.push_back(5 + column * 198);
+  const auto picture = Extended(groups, ends);
+  EXPECT_LT(read_, 10'000U + 64U);
+  EXPECT_EQ(Extended(groups, ends), picture);
+  EXPECT_EQ(read_, 0U);
+  // Another one takes no more than a group for each column.
+  for (std::int64_t& end : ends) end += 64;
+  Extended(groups, ends);
+  EXPECT_LE(read_, 52U * 64U);
+}
+
+TEST(StoredSamples, StoresBitsOverEightBytesAndReadsTheCommonWidthsBack) {
+  const float samples[] = {1.0F, -0.5F, 0.25F, -1.0F};
+  StoredSamples stored;
+  for (int bits = 8; bits <= 40; ++bits) {
+    // A larger block before leaves its bytes in the buffer.
+    stored.Encode(Floats(16, 0.7F), bits);
+    const auto bytes = stored.Encode(samples, bits);
+    ASSERT_EQ(bytes.size(), 4U * (static_cast<unsigned>(bits) / 8)) << bits;
+    EXPECT_TRUE(bits != 40 || bytes.back() == std::byte{});
+    if (bits != 8 && bits != 16 && bits != 24 && (bits < 33 || bits > 39)) continue;
+    const std::vector<std::byte> file(bytes.begin(), bytes.end());
+    std::ranges::copy(file, stored.Prepare(4, bits).begin());
+    float read[4] = {};
+    stored.Decode(file.size(), read, bits);
+    for (int i = 1; i < 4; ++i) EXPECT_NEAR(read[i], samples[i], 0.02F) << bits;
+    stored.Decode(file.size() - 1, read, bits);  // the file ends too early
+    EXPECT_EQ(read[3], 0.0F) << bits;
+  }
+  constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  // Exact where it fits, and beyond every file where it does not.
+  const std::int64_t offsets[][4] = {{100, 6, -7, 58},
+                                     {100, -4, 3, 100},
+                                     {1, 1, kHighest, kHighest},
+                                     {0, 3, kHighest / 3 + 1, kHighest},
+                                     {kLowest, 131068, kLowest, kLowest},
+                                     {kHighest, 1, kLowest, -1}};
+  for (const auto& [base, unit, count, expected] : offsets) {
+    EXPECT_EQ(ByteOffset(base, unit, count), expected) << base << " " << unit << " " << count;
+  }
+}
+
+}  // namespace
+}  // namespace marlinda
