@@ -1,22 +1,218 @@
+// The connector between filters and a reader that make up their audio, an export that keeps what it
+// reads, and format converters that behave well or badly, as other makers might write them.
+#include <converter.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <numbers>
+#include <thread>
 
 #include "tests/support/our_converter.h"
-#include "tests/task/test_filters.h"
+#include "tests/support/ramp_source.h"
 
 namespace marlinda::testing {
 namespace {
 
-using Habit = TestConverter::Habit;
+using Samples = std::vector<float>;
+using Body = std::function<void(const std::atomic<bool>& cancelled)>;
 
 template <class Condition>
 void Await(const Condition& condition) {
   while (!condition()) Sleep(5);
 }
+
+// An object that belongs to the thread that makes it, and counts its references without
+// interlocking.
+template <class Base>
+class InApartment : public Base {
+ public:
+  using Base::Base;
+  STDMETHODIMP_(ULONG) AddRef() override { return Count(1), Base::AddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return Count(-1), Base::Release(); }
+
+  int references = 1;
+  std::atomic<int> foreign_calls = 0;  // on other threads
+
+ protected:
+  HRESULT Noted() { return Count(0), S_OK; }
+
+ private:
+  void Count(int added) {
+    references += added;
+    if (GetCurrentThreadId() != thread_) ++foreign_calls;
+  }
+
+  const DWORD thread_ = GetCurrentThreadId();
+};
+
+// A filter whose thread shares nothing with it but this.
+template <class Filter, class... Interfaces>
+class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTask>> {
+ public:
+  ~TestFilter() { state_->cancelled = true; }
+  IUnknown* face() { return static_cast<Filter*>(this); }
+  bool IsRunning() const { return state_->running; }
+
+  STDMETHODIMP Start() override {
+    state_->running = true;
+    // The body is destroyed, with the references that it holds, before the task has ended.
+    std::thread([state = state_, body = MakeBody()]() mutable {
+      body(state->cancelled);
+      body = nullptr;
+      state->running = false;
+    }).detach();
+    return S_OK;
+  }
+  STDMETHODIMP Cancel() override {
+    state_->cancelled = true;
+    Await([this] { return !IsRunning(); });
+    return this->Noted();
+  }
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* running) override {
+    return *running = IsRunning() ? VARIANT_TRUE : VARIANT_FALSE, this->Noted();
+  }
+  STDMETHODIMP GetProgress(float* progress) override { return *progress = 0.25F, this->Noted(); }
+  STDMETHODIMP GetName(BSTR*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetFilterStrings(BSTR*, BSTR*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetMerit(SHORT*) override { return E_NOTIMPL; }
+
+ protected:
+  virtual Body MakeBody() = 0;
+
+ private:
+  struct State {
+    std::atomic<bool> running = false;
+    std::atomic<bool> cancelled = false;
+  };
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+// Sample `index` of an interleaved stream.
+float Counting(std::uint64_t index) { return static_cast<float>(index % 0x1000000); }
+
+class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
+ public:
+  explicit TestImport(__int64 count) : promised(count), frames(count) {}
+
+  LONG rate = 44100;
+  SHORT channels = 2;
+  __int64 promised;
+  __int64 frames;  // to deliver
+  std::size_t block_samples = 16384;
+  std::function<float(std::uint64_t)> signal = Counting;
+
+  STDMETHODIMP QueryCanLoad(BSTR) override { return S_OK; }
+  STDMETHODIMP Initialize(BSTR, IAudioWriter* writer) override { return writer_ = writer, S_OK; }
+  STDMETHODIMP GetSourceSampleCount(__int64* count) override { return *count = promised, Noted(); }
+  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channel_count) override {
+    return *samples_per_sec = rate, *channel_count = channels, Noted();
+  }
+  STDMETHODIMP GetBitsPerSample(SHORT*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetAvgBytesPerSec(LONG*) override { return E_NOTIMPL; }
+
+ private:
+  Body MakeBody() override {
+    return [writer = std::move(writer_), size = block_samples, make = signal,
+            left = static_cast<std::uint64_t>(frames * channels)](const auto& cancelled) mutable {
+      for (std::uint64_t at = 0; left > 0 && !cancelled;) {
+        const Floats block(static_cast<std::size_t>(std::min<std::uint64_t>(size, left)));
+        left -= block.values().size();
+        for (float& sample : block.values()) sample = make(at++);
+        writer->WriteAudio(block);
+      }
+      writer->CloseDevice();
+    };
+  }
+
+  ComPtr<IAudioWriter> writer_;
+};
+
+// A source of the counting signal. Reads are for the export's thread.
+class TestReader final : public InApartment<RampSource> {
+ public:
+  explicit TestReader(__int64 count) : InApartment('A', SHORT{2}, nullptr, 44100) {
+    frames = count;
+  }
+
+ private:
+  void Note(const std::string& call) override {
+    if (!call.starts_with("ReadAudio")) Noted();
+  }
+  float At(__int64 frame, int channel) const override {
+    return Counting(static_cast<std::uint64_t>(2 * frame + channel));
+  }
+};
+
+class TestExport final : public TestFilter<IExportFilter> {
+ public:
+  struct Result {
+    Samples samples;
+    std::vector<HRESULT> results;
+    std::atomic<bool> may_read = true;
+  };
+  const std::shared_ptr<Result> result = std::make_shared<Result>();
+
+  STDMETHODIMP QuerySupportsExtension(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
+  STDMETHODIMP Initialize(BSTR, IAudioReader* reader) override { return reader_ = reader, S_OK; }
+  STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
+  STDMETHODIMP QueryHasSettingsDlg(BSTR, VARIANT_BOOL*) override { return E_NOTIMPL; }
+  STDMETHODIMP ShowSettingsDlg(BSTR, ULONG) override { return E_NOTIMPL; }
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL*) override { return E_NOTIMPL; }
+
+ private:
+  // Asks for format and length on its own thread.
+  Body MakeBody() override {
+    return [reader = std::move(reader_), result = result](const auto& cancelled) {
+      LONG rate = 0;
+      SHORT channels = 0;
+      __int64 total = 0;
+      reader->GetFormat(&rate, &channels);
+      reader->GetSampleCount(&total);
+      Await([&] { return result->may_read || cancelled; });
+      for (__int64 at = 0; at < total && !cancelled; at += 65536) {
+        const Floats block(
+            static_cast<std::size_t>(std::min<__int64>(65536, total - at) * channels), 9.0F);
+        result->results.push_back(reader->ReadAudio(at, block));
+        const auto values = block.values();
+        result->samples.insert(result->samples.end(), values.begin(), values.end());
+      }
+    };
+  }
+
+  ComPtr<IAudioReader> reader_;
+};
+
+// Passes samples on, or breaks the contract of a converter. Is its own factory.
+class TestConverter final : public TestObject<IFormatConverter, IClassFactory> {
+ public:
+  enum class Habit { kPasses, kRefusesSetUp, kFails, kGivesNull, kGivesShorts };
+
+  explicit TestConverter(Habit habit) : habit_(habit) {}
+  std::vector<LONG> set_up;  // its arguments
+
+  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
+    return QueryInterface(iid, object);
+  }
+  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+  STDMETHODIMP SetUp(LONG source_rate, LONG target_rate, SHORT source_channels,
+                     SHORT target_channels, LONG mode) override {
+    set_up = {source_rate, target_rate, source_channels, target_channels, mode};
+    return habit_ == Habit::kRefusesSetUp ? E_FAIL : S_OK;
+  }
+  STDMETHODIMP Convert(SAFEARRAY*) override { return habit_ == Habit::kFails ? E_FAIL : S_OK; }
+  STDMETHODIMP GetOutput(SAFEARRAY** output) override {
+    const VARTYPE type = habit_ == Habit::kGivesShorts ? VT_I2 : VT_R4;
+    *output = habit_ == Habit::kGivesNull ? nullptr : SafeArrayCreateVector(type, 0, 8);
+    return S_OK;
+  }
+
+ private:
+  const Habit habit_;
+};
 
 class AudioConnector : public ::testing::Test {
  protected:
@@ -46,13 +242,12 @@ class AudioConnector : public ::testing::Test {
   bool IsRunning() const { return Ask(task_, &ICoreTask::QueryIsTaskRunning) != VARIANT_FALSE; }
   bool IsReady() const { return Ask(writer_, &IAudioWriter::QueryIsReady) == 1; }
   __int64 SampleCount() const { return Ask(reader_, &IAudioReader::GetSampleCount); }
-  float Progress() const { return Ask(task_, &ICoreTask::GetProgress); }
-  std::vector<float> Read(std::size_t count, HRESULT result = S_OK) const {
+  Samples Read(std::size_t count, HRESULT result = S_OK) const {
     const Floats block(count, 9.0F, 5);
     EXPECT_EQ(reader_->ReadAudio(1'000'000, block), result);
     return block.ToVector();
   }
-  static void ExpectCounting(const std::vector<float>& samples, std::size_t count) {
+  static void ExpectCounting(const Samples& samples, std::size_t count) {
     ASSERT_EQ(samples.size(), count);
     for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(samples[i], Counting(i)) << i;
   }
@@ -65,43 +260,32 @@ class AudioConnector : public ::testing::Test {
   const ComPtr<TestExport> to_ = MakeObject<TestExport>();
 };
 
-TEST_F(AudioConnector, PassesEqualFormatsBitForBitAndReleasesTheFiltersAtTheEnd) {
-  const OurConverter converter;                     // not needed
-  for (const __int64 frames : {1'000'003, 1000}) {  // the same object serves again
-    const auto from = MakeObject<TestImport>(frames);
-    from->block_samples = 4999;
-    const auto to = MakeObject<TestExport>();
-    Join(from.Get(), to.Get());
-    EXPECT_GT(from->references(), 1);
-    EXPECT_EQ(Progress(), 0.25F);
-    Run(to.Get());
-    ExpectCounting(to->result->samples, static_cast<std::size_t>(2 * frames));
-    EXPECT_EQ(std::ranges::count(to->result->results, S_OK), std::ssize(to->result->results));
-    EXPECT_EQ(from->references(), 1);
-    EXPECT_EQ(to->references(), 1);
-    EXPECT_EQ(Progress(), 1.0F);
-  }
-}
-
 // Filters are apartment-threaded: they may count their references without interlocking.
-TEST_F(AudioConnector, CallsAndCountsTheFiltersOnTheThreadOfTheHostAlone) {
+TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostAlone) {
+  const OurConverter converter;           // not needed
   constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
   const auto from = MakeObject<TestImport>(kFrames);
   const auto reader = MakeObject<TestReader>(kFrames);
   const auto to_reader = MakeObject<TestExport>();
+  from->block_samples = 4999;
   to_->result->may_read = false;  // until the import waits for room
   Join(from.Get(), to_.Get());
+  EXPECT_EQ(Ask(task_, &ICoreTask::GetProgress), 0.25F);
   Start(to_.Get());
   Await([&] { return !IsReady(); });
   to_->result->may_read = true;
   Await([&] { return !IsRunning(); });
+  ExpectCounting(to_->result->samples, 2 * kFrames);
+  EXPECT_EQ(std::ranges::count(to_->result->results, S_OK), std::ssize(to_->result->results));
+  EXPECT_EQ(from->references, 1);
+  EXPECT_EQ(to_->references, 1);
+  EXPECT_EQ(Ask(task_, &ICoreTask::GetProgress), 1.0F);
   Join(reader.Get(), to_reader.Get());
   Run(to_reader.Get());
   // Later reads may use the reader, until the next set-up.
-  EXPECT_EQ(reader->references(), 2);
+  EXPECT_EQ(reader->references, 2);
   Join(ramp_.Get(), to_.Get());
-  EXPECT_EQ(reader->references(), 1);
-  ExpectCounting(to_->result->samples, 2 * kFrames);
+  EXPECT_EQ(reader->references, 1);
   ExpectCounting(to_reader->result->samples, 2 * kFrames);
   // One read of more than the queue may hold gets it all.
   const auto again = MakeObject<TestImport>(kFrames);
@@ -109,8 +293,8 @@ TEST_F(AudioConnector, CallsAndCountsTheFiltersOnTheThreadOfTheHostAlone) {
   again->Start();
   ExpectCounting(Read(2 * kFrames), 2 * kFrames);
   task_->Cancel();
-  EXPECT_EQ(from->foreign_calls() + reader->foreign_calls(), 0);
-  EXPECT_EQ(to_->foreign_calls() + to_reader->foreign_calls(), 0);
+  EXPECT_EQ(from->foreign_calls + reader->foreign_calls, 0);
+  EXPECT_EQ(to_->foreign_calls + to_reader->foreign_calls, 0);
 }
 
 TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition) {
@@ -122,15 +306,14 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   EXPECT_EQ(Read(3)[2], RampSource::Sample('A', 51, 0));
   EXPECT_EQ(log, (CallLog{"A.ReadAudio(0, 131070)"}));
   source->read_result = E_FAIL;  // a block that fails is silent
-  const std::vector<float> large = Read(200'000);
+  const Samples large = Read(200'000);
   EXPECT_EQ(log.back(), "A.ReadAudio(65535, 131070)");
-  EXPECT_EQ(large[131070 - 104], RampSource::Sample('A', 65534, 1));
   EXPECT_EQ(std::ranges::count(large, 0.0F), 200'000 - (131070 - 103));
   Join(source.Get(), to_.Get(), 22050);
   EXPECT_EQ(SampleCount(), 2048);
   Join(RampSource::Make('B', 0).Get(), to_.Get());
   // More than the queue may hold.
-  const std::vector<float> huge = Read(0x800000 + 2, S_FALSE);
+  const Samples huge = Read(0x800000 + 2, S_FALSE);
   EXPECT_EQ(std::ranges::count(huge, 0.0F), std::ssize(huge));
 }
 
@@ -141,19 +324,12 @@ TEST_F(AudioConnector, KeepsItsSetUpWhenANewOneFails) {
   EXPECT_EQ(connector_->SetupReaderToExport(ramp_.Get(), ramp_.Get(), 1, 1), E_NOINTERFACE);
   EXPECT_EQ(connector_->SetupReaderToExport(reader_.Get(), exporter, 1, 1), E_INVALIDARG);
   EXPECT_EQ(connector_->SetupImportToExport(ramp_.Get(), exporter, 1, 1), E_NOINTERFACE);
-  LONG rate = 0;
-  SHORT channels = 0;
-  EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);
-  EXPECT_TRUE(rate == 44100 && channels == 2);
   EXPECT_EQ(Read(2)[1], RampSource::Sample('A', 0, 1));
 }
 
 TEST_F(AudioConnector, IsAPlainQueueBeforeASetUpAndAfterAPollHasFoundTheExportEnded) {
-  EXPECT_EQ(task_->Start(), E_NOTIMPL);
-  EXPECT_EQ(task_->Cancel(), E_NOTIMPL);
-  EXPECT_TRUE(IsReady());
-  EXPECT_EQ(writer_->WriteAudio(Floats(std::vector<float>{1, 2, 3})), S_OK);
-  EXPECT_EQ(Read(2), (std::vector<float>{1, 2}));
+  EXPECT_EQ(writer_->WriteAudio(Floats(Samples{1, 2, 3})), S_OK);
+  EXPECT_EQ(Read(2), (Samples{1, 2}));
   EXPECT_EQ(writer_->WriteAudio(Floats(0x800000 - 2)), S_OK);
   EXPECT_TRUE(IsReady());
   EXPECT_EQ(writer_->WriteAudio(Floats(1)), S_OK);
@@ -161,9 +337,9 @@ TEST_F(AudioConnector, IsAPlainQueueBeforeASetUpAndAfterAPollHasFoundTheExportEn
   const auto from = MakeObject<TestImport>(1);
   Join(from.Get(), to_.Get());
   EXPECT_FALSE(IsRunning());  // not started
-  EXPECT_EQ(from->references(), 1);
+  EXPECT_EQ(from->references, 1);
   EXPECT_EQ(writer_->WriteAudio(Floats(4, 0.5F)), S_OK);
-  EXPECT_EQ(Read(4), std::vector<float>(4, 0.5F));
+  EXPECT_EQ(Read(4), Samples(4, 0.5F));
 }
 
 // Ten waits for the first read alone: with ten for each the test would take a quarter of an hour.
@@ -175,7 +351,7 @@ TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfA
   Join(from.Get(), to_.Get(), 44100, 1);
   Run(to_.Get());
   EXPECT_GE(GetTickCount64() - start, 4900U);
-  std::vector<float>& samples = to_->result->samples;
+  Samples& samples = to_->result->samples;
   ASSERT_EQ(samples.size(), 200U * 65536);
   EXPECT_EQ(std::ranges::count(samples, 0.0F), std::ssize(samples) - 999);
   samples.resize(1000);
@@ -198,57 +374,54 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
       if (cancels) {
         EXPECT_EQ(task_->Cancel(), E_NOTIMPL);
         EXPECT_FALSE(IsRunning());
-        EXPECT_EQ(task_->Cancel(), E_NOTIMPL);
       } else {
         Join(ramp_.Get(), to_.Get());
         EXPECT_EQ(Read(2)[1], RampSource::Sample('A', 0, 1));
       }
       EXPECT_FALSE(from->IsRunning() || to->IsRunning());
-      EXPECT_EQ(from->references(), 1);
-      EXPECT_EQ(to->references(), 1);
+      EXPECT_EQ(from->references, 1);
+      EXPECT_EQ(to->references, 1);
     }
   }
 }
 
 TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndEndsTheDataOfABadOne) {
+  using Habit = TestConverter::Habit;
   const struct {
     Habit habit;
     LONG rate;
     SHORT channels;
     std::vector<LONG> set_up;
   } rows[] = {{Habit::kRefusesSetUp, 22050, 1, {44100, 22050, 2, 1, 151}},
-              {Habit::kRefusesSetUp, 44100, 2, {}},
-              // A target that is not positive.
-              {Habit::kRefusesSetUp, 0, 2, {}},
-              {Habit::kRefusesSetUp, 44100, -1, {}},
+              {Habit::kPasses, 44100, 2, {}},
+              // Targets that are not positive.
+              {Habit::kPasses, 0, 2, {}},
+              {Habit::kPasses, 44100, -1, {}},
               {Habit::kFails, 22050, 2, {44100, 22050, 2, 2, 151}},
-              {Habit::kGivesEmpty, 22050, 2, {44100, 22050, 2, 2, 151}},
               {Habit::kGivesNull, 22050, 2, {44100, 22050, 2, 2, 151}},
               {Habit::kGivesShorts, 22050, 2, {44100, 22050, 2, 2, 151}}};
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
     const auto converter = MakeObject<TestConverter>(row.habit);
-    const InstalledConverter installed(converter->factory());
+    const InstalledConverter installed(static_cast<IClassFactory*>(converter.Get()));
     Join(ramp_.Get(), to_.Get(), row.rate, row.channels);
-    const bool passes = row.habit == Habit::kRefusesSetUp;
-    const std::vector<float> samples = Read(4, passes ? S_OK : S_FALSE);
+    const bool passes = row.habit == Habit::kRefusesSetUp || row.habit == Habit::kPasses;
+    const Samples samples = Read(4, passes ? S_OK : S_FALSE);
     EXPECT_EQ(samples[3], passes ? RampSource::Sample('A', 1, 1) : 0.0F);
     EXPECT_EQ(converter->set_up, row.set_up);
   }
   Join(ramp_.Get(), to_.Get(), 22050, 1);  // none is installed
   EXPECT_EQ(Read(4)[3], RampSource::Sample('A', 1, 1));
-}
 
-TEST_F(AudioConnector, ReadsASourcesFormatAgainWhenItWasNotKnownAtSetUp) {
+  // A format that was not known at the set-up is asked for again.
   const auto converter = MakeObject<TestConverter>(Habit::kPasses);
-  const InstalledConverter installed(converter->factory());
+  const InstalledConverter installed(static_cast<IClassFactory*>(converter.Get()));
   const auto from = MakeObject<TestImport>(0);
-  from->rate = from->channels = 0;
+  from->rate = 0;
   Join(from.Get(), to_.Get(), 48000);
   EXPECT_EQ(SampleCount(), 0);
   EXPECT_TRUE(converter->set_up.empty());
   from->rate = 24000;
-  from->channels = 2;
   from->promised = from->frames = 600;
   Start(to_.Get());
   EXPECT_EQ(converter->set_up, (std::vector<LONG>{24000, 48000, 2, 2, 151}));
@@ -273,26 +446,21 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
   ASSERT_EQ(samples.size(), 192000U);
   // No read waited in vain.
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(2, S_OK));
-  double error = 0;
-  double last = 0;  // level of the frames that the converter holds back until the end
+  float last = 0;  // level of the frames that the converter holds back until the end
   for (std::size_t i = 500; i < 96000; ++i) {
-    const double difference = samples[2 * i] - sine(static_cast<double>(i), 48000);
     ASSERT_EQ(samples[2 * i], samples[2 * i + 1]);
-    if (i < 95500) error += difference * difference;
-    if (i >= 95900) last = std::max(last, std::abs(static_cast<double>(samples[2 * i])));
+    const double exact = sine(static_cast<double>(i), 48000);
+    ASSERT_NEAR(samples[2 * i], exact, i < 95500 ? 1e-5 : 2);
+    if (i >= 95900) last = std::max(last, std::abs(samples[2 * i]));
   }
-  EXPECT_LT(10 * std::log10(2 * error / 95000), -120.0);
-  EXPECT_GT(last, 0.9);
-}
-
-TEST_F(AudioConnector, ConvertsOneTakeOfAPoolAsIfNothingCameAfterIt) {
-  const OurConverter converter;
-  const auto source = RampSource::Make('A', 1);  // reports 4096 frames and delivers more
-  Join(source.Get(), to_.Get(), 88200, 1);
-  const std::vector<float> samples = Read(8192 + 2000);
-  const float last = RampSource::Sample('A', 4095, 0);
-  EXPECT_NEAR(samples[8190], last, last * 0.2);
-  EXPECT_EQ(std::count(samples.begin() + 8192 + 1000, samples.end(), 0.0F), 1000);
+  EXPECT_GT(last, 0.9F);
+  // One take of a pool is converted as if nothing came after it: this source reports 4096 frames
+  // and delivers more.
+  Join(RampSource::Make('A', 1).Get(), to_.Get(), 88200, 1);
+  const Samples take = Read(8192 + 2000);
+  const float end = RampSource::Sample('A', 4095, 0);
+  EXPECT_NEAR(take[8190], end, end * 0.2);
+  EXPECT_EQ(std::count(take.begin() + 8192 + 1000, take.end(), 0.0F), 1000);
 }
 
 }  // namespace
