@@ -6,9 +6,8 @@
 
 #include "core/apartment.h"
 #include "core/handle.h"
-#include "tests/support/com_client.h"
+#include "tests/edit/document.h"
 #include "tests/support/contract_model.h"
-#include "tests/support/test_object.h"
 
 namespace marlinda::testing {
 namespace {
@@ -49,20 +48,6 @@ TEST_F(Activation, CreatesEveryClassByIdentifierAndByBothProgIds) {
   }
 }
 
-class CountingSink final : public TestObject<IDispatch> {
- public:
-  DISPID event = 0;
-
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    return TestObject::QueryInterface(IsEqualIID(iid, DIID__IEAUpdateEvents) ? IID_IDispatch : iid,
-                                      object);
-  }
-  STDMETHODIMP Invoke(DISPID fired, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                      UINT*) override {
-    return event = fired, S_OK;
-  }
-};
-
 // The objects live in an apartment of their own. This thread calls them through proxies.
 void UseProxies() {
   const Apartment apartment(COINIT_MULTITHREADED);
@@ -78,19 +63,15 @@ void UseProxies() {
   EXPECT_EQ(take->ReadAudio(0, block), S_OK);
   EXPECT_EQ(block.ToVector(), std::vector<float>(1000, 0.25F));
 
-  const auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
-  const auto sink = MakeObject<CountingSink>();
-  ComPtr<IConnectionPoint> point;
-  DWORD cookie = 0;
-  ASSERT_EQ(As<IConnectionPointContainer>(document)->FindConnectionPoint(DIID__IEAUpdateEvents,
-                                                                         point.GetAddressOf()),
-            S_OK);
-  ASSERT_EQ(point->Advise(sink.Get(), &cookie), S_OK);
+  const Document document;
+  CallLog log;
+  const auto sink = MakeObject<Sink>("s", &log);
+  sink->Connect(document);
   EXPECT_EQ(document->AppendSegment(take.Get(), 0, 1000), S_OK);
   EXPECT_EQ(document->InitChange(0, nullptr), S_OK);
   EXPECT_EQ(document->CommitChange(), S_OK);
-  EXPECT_EQ(sink->event, 3);
-  EXPECT_EQ(point->Unadvise(cookie), S_OK);
+  EXPECT_EQ(log, CallLog{"s3"});
+  sink->Disconnect(document);
 }
 
 TEST_F(Activation, CarriesArraysAndEventsBetweenApartments) { std::thread(UseProxies).join(); }

@@ -119,9 +119,7 @@ class Sink final : public TestObject<IDispatch> {
   void Disconnect(IUnknown* document) { EXPECT_EQ(Point(document)->Unadvise(cookie), S_OK); }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, iid_)) return E_NOINTERFACE;
-    return AddRef(), *object = this, S_OK;
+    return TestObject::QueryInterface(IsEqualIID(iid, iid_) ? IID_IDispatch : iid, object);
   }
   STDMETHODIMP Invoke(DISPID event, REFIID reserved, LCID locale, WORD flags, DISPPARAMS* params,
                       VARIANT* result, EXCEPINFO* exception, UINT* argument_error) override {
