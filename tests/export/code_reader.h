@@ -23,12 +23,6 @@ inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   return std::max(code, lowest + 1) * (bits == 32 ? 256 : 1);
 }
 
-// The float that the engine's rules turn into that code.
-inline float SampleAt(std::uint64_t index, int bits) {
-  const float scale = bits == 8 ? 127.0F : bits == 16 ? 32767.0F : bits == 24 ? 0x1p23F : 0x1p31F;
-  return static_cast<float>(CodeAt(index, bits)) / scale;
-}
-
 // Bytes of the samples from `first` on, as the file must have them.
 inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits) {
   riff::Bytes result;
@@ -45,17 +39,15 @@ inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits
 class CodeReader final : public RampSource {
  public:
   struct Setup {
-    LONG samples_per_sec = 44100;
     SHORT channels = 1;
     __int64 frames = 0;
     int bits = 16;
     // Runs before each read. A failure is returned, and the block left as this left it.
     std::function<HRESULT(__int64 position, std::span<float> samples)> before_read = {};
-    HRESULT format_result = S_OK;  // a failure leaves format and length unanswered
   };
 
   explicit CodeReader(const Setup& setup)
-      : RampSource('A', setup.channels, nullptr, setup.samples_per_sec), setup_(setup) {
+      : RampSource('A', setup.channels, nullptr, 44100), setup_(setup) {
     frames = setup.frames;
   }
   static ComPtr<IAudioReader> Create(const Setup& setup) { return MakeObject<CodeReader>(setup); }
@@ -66,18 +58,17 @@ class CodeReader final : public RampSource {
     const HRESULT hr = setup_.before_read ? setup_.before_read(position, samples) : S_OK;
     return FAILED(hr) ? hr : RampSource::ReadAudio(position, array);
   }
-  STDMETHODIMP GetFormat(LONG* samples_per_sec, SHORT* channels) override {
-    if (FAILED(setup_.format_result)) return setup_.format_result;
-    return RampSource::GetFormat(samples_per_sec, channels);
-  }
-  STDMETHODIMP GetSampleCount(__int64* count) override {
-    if (FAILED(setup_.format_result)) return setup_.format_result;
-    return RampSource::GetSampleCount(count);
-  }
 
  private:
+  // The float that the engine's rules turn into the code.
   float At(__int64 frame, int channel) const override {
-    return SampleAt(static_cast<std::uint64_t>(frame * channels() + channel), setup_.bits);
+    const float scale = setup_.bits == 8    ? 127.0F
+                        : setup_.bits == 16 ? 32767.0F
+                        : setup_.bits == 24 ? 0x1p23F
+                                            : 0x1p31F;
+    return static_cast<float>(
+               CodeAt(static_cast<std::uint64_t>(frame * channels() + channel), setup_.bits)) /
+           scale;
   }
 
   const Setup setup_;

@@ -1,12 +1,17 @@
-// The compressed export with an encoder of the tests, and without any.
+// The compressed export with the project's MP3 encoder, and without any.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+// After windows.h.
+#include <dshow.h>
 
-#include "tests/export/code_reader.h"
-#include "tests/export/dialog_user.h"
-#include "tests/export/fake_encoder.h"
-#include "tests/support/com_client.h"
+#include <cmath>
+#include <filesystem>
+#include <optional>
+
+#include "tests/export/mp3_user.h"
+#include "tests/export/riff_builder.h"
+#include "tests/support/ramp_source.h"
+#include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
 namespace {
@@ -14,6 +19,17 @@ namespace {
 using namespace riff;
 
 constexpr HRESULT kNoEncoder = VFW_E_CANNOT_CONNECT;
+
+// A tone of its own in each channel.
+class Tones final : public RampSource {
+ public:
+  Tones(SHORT channels, __int64 count) : RampSource('A', channels, nullptr, 44100) {
+    frames = count;
+  }
+  float At(__int64 frame, int channel) const override {
+    return 0.5F * std::sin(static_cast<float>(frame) * (channel == 0 ? 0.05F : 0.08F));
+  }
+};
 
 class DShowExport : public ::testing::Test {
  protected:
@@ -24,115 +40,109 @@ class DShowExport : public ::testing::Test {
     return progress;
   }
   // On a new filter.
-  void Initialize(CodeReader::Setup setup) {
+  void Initialize(SHORT channels, __int64 frames) {
     filter = Create<IExportFilter>(CLSID_CDShowExport);
     task = As<ICoreTask>(filter);
-    EXPECT_EQ(filter->Initialize(Bstr(mp3), CodeReader::Create(std::move(setup)).Get()), S_OK);
+    tones = MakeObject<Tones>(channels, frames);
+    EXPECT_EQ(filter->Initialize(Bstr(mp3), tones.Get()), S_OK);
   }
   void Run() {
     ASSERT_EQ(task->Start(), S_OK);
     ASSERT_TRUE(WaitForTask(task.Get()));
   }
+  // The import makes so many frames of the file, with the tones that went in.
+  void ExpectTones(__int64 frames) {
+    const auto import = Create<IImportFilter>(CLSID_CDShowImport);
+    const auto writer = MakeObject<RecordingWriter>();
+    ASSERT_EQ(import->Initialize(Bstr(mp3), writer.Get()), S_OK);
+    ASSERT_EQ(As<ICoreTask>(import)->Start(), S_OK);
+    ASSERT_TRUE(WaitForTask(As<ICoreTask>(import).Get()));
+    const std::vector<float>& samples = writer->samples;
+    ASSERT_EQ(samples.size(), static_cast<std::size_t>(2 * frames));
+    // The beginning is loud at once, which no encoder keeps.
+    for (std::size_t i = 4000; i + 4000 < samples.size(); ++i) {
+      ASSERT_NEAR(samples[i], tones->At(static_cast<__int64>(i / 2), i % 2), 0.01) << i;
+    }
+  }
 
   EncoderSettings settings;
+  std::optional<RegisteredEncoder> encoder = std::make_optional<RegisteredEncoder>();
   TemporaryFolder folder;
   std::wstring mp3 = folder.File(L"out.mp3");
   ComPtr<IExportFilter> filter = Create<IExportFilter>(CLSID_CDShowExport);
   ComPtr<ICoreTask> task;
+  ComPtr<Tones> tones = MakeObject<Tones>(SHORT{2}, 9);
 };
 
 TEST_F(DShowExport, RefusesWhatItCannotWriteAndLeavesFilesAsTheyWere) {
-  const auto reader = CodeReader::Create({});
-  EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"a.mp3\\b.wav")), reader.Get()), E_INVALIDARG);
-  EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"none\\out.mp3")), reader.Get()),
+  EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"a.mp3\\b.wav")), tones.Get()), E_INVALIDARG);
+  EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"none\\out.mp3")), tones.Get()),
             HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
-  Initialize({.channels = 2, .frames = 100});
-  EXPECT_FALSE(IsThere());
-  EXPECT_EQ(task->Start(), kNoEncoder);
-  EXPECT_EQ(Progress(), 0.0F);
-  EXPECT_FALSE(IsThere());
-  WriteFileBytes(mp3, Text("old"));
-  Initialize({.channels = 2, .frames = 100});
-  EXPECT_EQ(task->Start(), kNoEncoder);
-  EXPECT_EQ(Bytes(ReadFileBytes(mp3)), Text("old"));
-}
-
-TEST_F(DShowExport, OffersNoBitRateAndSaysCodecErrorToTheOwnerOfTheSettings) {
-  const HWND owner = CreateWindowW(L"STATIC", L"host", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 0, 0, 200,
-                                   200, nullptr, nullptr, nullptr, nullptr);
-  const DialogSteps confirm = [&](const OpenDialog& message) {
-    EXPECT_EQ(message.Owner(), owner);
-    message.Press(VK_RETURN);
-  };
-  settings.Write("MP3Bitrate", 192);
-  Initialize({.channels = 2});
-  {
-    const DialogUser user(L"MPEG Layer 3 Encoder Settings", [&](const OpenDialog& dialog) {
-      EXPECT_TRUE(dialog.Lines(207).empty());
-      confirm(dialog);
-    });
-    EXPECT_EQ(filter->ShowSettingsDlg(Bstr(L"mp3"), HandleToULong(owner)), S_OK);
+  for (const auto& [channels, hr] : {std::pair<SHORT, HRESULT>{6, kNoEncoder}, {0, E_INVALIDARG}}) {
+    Initialize(channels, 9);
+    EXPECT_EQ(task->Start(), hr);
+    EXPECT_FALSE(IsThere());
   }
-  EXPECT_EQ(settings.Read("MP3Bitrate"), 192U);
-  {
-    const DialogUser user(L"Codec Error", confirm);
-    EXPECT_EQ(task->Start(), kNoEncoder);
-  }
-  DestroyWindow(owner);
-}
-
-TEST_F(DShowExport, WritesWhatTheEncoderMakesOfEverySampleBetweenTheTags) {
-  const InstalledEncoder installed;
-  settings.Write("MP3Bitrate", 200);  // the encoder has 192 and 256
-  for (const __int64 frames : {1LL, 65536LL, 200'001LL}) {
-    Initialize({.channels = 2, .frames = frames});
-    EXPECT_EQ(
-        As<IMetaDataWriter>(filter)->SetMetaData(Bstr(L"T"), Bstr(), Bstr(), Bstr(L"2009"), Bstr()),
-        S_OK);
-    Run();
-    EXPECT_EQ(Progress(), 1.0F);
-    // 27 bytes of frames and 1024 of padding: 8 * 128 + 27.
-    const Bytes front = Text("ID3") + Bytes{3, 0, 0, 0, 0, 8, 27} + Text("TIT2") +
-                        Bytes{0, 0, 0, 2, 0, 0, 0, 'T'} + Text("TYER") +
-                        Bytes{0, 0, 0, 5, 0, 0, 0} + Text("2009") + Bytes(1024);
-    const Bytes back = Text("TAGT") + Bytes(29 + 60) + Text("2009") + Bytes(30) + Bytes{255};
-    EXPECT_TRUE(Bytes(ReadFileBytes(mp3)) ==
-                front + U32(192 * 125) + CodesAsPcm(0, static_cast<std::uint64_t>(frames) * 2, 16) +
-                    Text("END") + back)
-        << frames;
-  }
-}
-
-TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenTheEncoderFails) {
-  const InstalledEncoder installed;
-  Initialize({.channels = 2, .frames = 1'000'000, .before_read = [&](__int64 at, auto) {
-                return at > 0 ? task->Cancel() : S_OK;
-              }});
-  Run();
-  EXPECT_TRUE(Bytes(ReadFileBytes(mp3)) ==
-              U32(128 * 125) + CodesAsPcm(0, 2 * 2 * 65536, 16) + Text("END"));
-  EncoderPlan::Current().fails_while_encoding = true;
-  Initialize({.channels = 2, .frames = 100});
-  Run();
-  EXPECT_LT(Progress(), 1.0F);
-  EXPECT_FALSE(IsThere());
-}
-
-TEST_F(DShowExport, ReportsATargetThatCannotBeMadeAndFormatsThatAllEncodersRefuse) {
-  const InstalledEncoder installed;
-  Initialize({.channels = 2, .frames = 9});
+  Initialize(2, 9);
   // The name is taken between Initialize and Start.
   ASSERT_TRUE(CreateDirectoryW(mp3.c_str(), nullptr));
   EXPECT_EQ(task->Start(), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
   ASSERT_TRUE(RemoveDirectoryW(mp3.c_str()));
   Run();
   EXPECT_EQ(Progress(), 1.0F);
-  DeleteFileW(mp3.c_str());
-  for (const auto& [channels, hr] : {std::pair<SHORT, HRESULT>{6, kNoEncoder}, {0, E_INVALIDARG}}) {
-    Initialize({.channels = channels});
-    EXPECT_EQ(task->Start(), hr);
-    EXPECT_FALSE(IsThere());
+  WriteFileBytes(mp3, Text("old"));
+  encoder.reset();
+  Initialize(2, 100);
+  EXPECT_EQ(task->Start(), kNoEncoder);
+  EXPECT_EQ(Progress(), 0.0F);
+  EXPECT_EQ(Bytes(ReadFileBytes(mp3)), Text("old"));
+}
+
+TEST_F(DShowExport, WritesEverySampleBetweenTheTags) {
+  settings.Write("MP3Bitrate", 300);  // the encoder has 256 and 320
+  for (const __int64 frames : {1LL, 65536LL, 200'001LL}) {
+    Initialize(2, frames);
+    EXPECT_EQ(
+        As<IMetaDataWriter>(filter)->SetMetaData(Bstr(L"T"), Bstr(), Bstr(), Bstr(L"2009"), Bstr()),
+        S_OK);
+    Run();
+    EXPECT_EQ(Progress(), 1.0F);
+    ExpectTones(frames);
+    // 27 bytes of frames and 1024 of padding: 8 * 128 + 27. The sound has 256 kbit/s.
+    const Bytes front = Text("ID3") + Bytes{3, 0, 0, 0, 0, 8, 27} + Text("TIT2") +
+                        Bytes{0, 0, 0, 2, 0, 0, 0, 'T'} + Text("TYER") +
+                        Bytes{0, 0, 0, 5, 0, 0, 0} + Text("2009") + Bytes(1024) +
+                        Bytes{0xFF, 0xFB, 0xD0};
+    const Bytes back = Text("TAGT") + Bytes(29 + 60) + Text("2009") + Bytes(30) + Bytes{255};
+    const auto file = ReadFileBytes(mp3);
+    ASSERT_GT(file.size(), front.size() + back.size());
+    EXPECT_EQ(Bytes(file.begin(), file.begin() + std::ssize(front)), front);
+    EXPECT_EQ(Bytes(file.end() - std::ssize(back), file.end()), back);
   }
+}
+
+TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenItCannotWrite) {
+  Initialize(2, 1'000'000);
+  int blocks = 0;
+  tones->on_read = [&](SAFEARRAY*) {
+    if (++blocks == 2) task->Cancel();
+  };
+  Run();
+  ExpectTones(2 * 65536);
+  Initialize(2, 1'000'000);
+  // Closes the file behind the module's back. The system numbers its handles.
+  tones->on_read = [&](SAFEARRAY*) {
+    for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
+      wchar_t name[MAX_PATH] = L"";
+      GetFinalPathNameByHandleW(reinterpret_cast<HANDLE>(handle), name, MAX_PATH, 0);
+      if (std::filesystem::path(name).filename() == L"out.mp3") {
+        CloseHandle(reinterpret_cast<HANDLE>(handle));
+      }
+    }
+  };
+  Run();
+  EXPECT_LT(Progress(), 1.0F);
+  EXPECT_FALSE(IsThere());
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 // What all four filters share: how they describe themselves, and the contract of their task.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <thread>
 
 #include "core/handle.h"
 #include "tests/export/code_reader.h"
-#include "tests/export/fake_encoder.h"
+#include "tests/export/mp3_user.h"
 #include "tests/import/ogg_files.h"
-#include "tests/support/com_client.h"
 #include "tests/support/recording_writer.h"
 
 namespace marlinda::testing {
@@ -17,13 +15,8 @@ namespace {
 struct FilterCase {
   const char* name;
   const CLSID& clsid;
-  const wchar_t* file;
-  const wchar_t* task;
-  // How an export describes itself; the imports' own tests ask them.
-  SHORT merit = 0;
-  const wchar_t* strings = L"";
-  const wchar_t* patterns = L"";
-  std::vector<std::wstring> supported = {};
+  const wchar_t* file;  // one of the tree has none
+  bool exports;
 
   friend void PrintTo(const FilterCase& filter, std::ostream* out) { *out << filter.name; }
 };
@@ -49,8 +42,7 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
     }
   }
 
-  bool IsExport() const { return GetParam().merit != 0; }
-  bool IsLossy() const { return GetParam().clsid == CLSID_CDShowExport; }
+  bool IsExport() const { return GetParam().exports; }
   HRESULT Initialize(bool with_client = true) {
     IUnknown* const other = with_client ? client.Get() : nullptr;
     return IsExport()
@@ -84,7 +76,7 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
   }
   bool ClientIsReleased() { return ReferenceCount(client.Get()) == 1; }
 
-  const InstalledEncoder encoder;
+  const RegisteredEncoder encoder;
   TemporaryFolder folder;
   std::wstring path = folder.File(GetParam().file);
   ComPtr<IUnknown> client;
@@ -92,30 +84,6 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
   std::function<void()> on_block;
   ComPtr<ICoreTask> task = Create<ICoreTask>(GetParam().clsid);
 };
-
-class ExportTaskTest : public FilterTaskTest {};
-
-TEST_P(ExportTaskTest, DescribesItself) {
-  const auto filter = As<IExportFilter>(task);
-  VARIANT_BOOL answer = 42;
-  for (const std::wstring extension : {L"wav", L"wAv", L".wav", L"wave", L"wma", L"MP3", L""}) {
-    const bool supports = std::ranges::count(GetParam().supported, extension) > 0;
-    EXPECT_EQ(filter->QuerySupportsExtension(Bstr(extension), &answer), S_OK);
-    EXPECT_EQ(answer, supports ? VARIANT_TRUE : VARIANT_FALSE);
-    EXPECT_EQ(filter->QueryHasSettingsDlg(Bstr(extension), &answer), S_OK);
-    EXPECT_EQ(answer, supports || !IsLossy() ? VARIANT_TRUE : VARIANT_FALSE);
-  }
-  EXPECT_EQ(filter->QueryIsLossy(&answer), S_OK);
-  EXPECT_EQ(answer, IsLossy() ? VARIANT_TRUE : VARIANT_FALSE);
-  SHORT merit = 0;
-  EXPECT_EQ(filter->GetMerit(&merit), S_OK);
-  EXPECT_EQ(merit, GetParam().merit);
-  Bstr strings, patterns;
-  EXPECT_EQ(filter->GetFilterStrings(strings.Receive(), patterns.Receive()), S_OK);
-  EXPECT_EQ(strings.str(), GetParam().strings);
-  EXPECT_EQ(patterns.str(), GetParam().patterns);
-  EXPECT_EQ(filter->SetBitsPerSample(24), S_OK);
-}
 
 TEST_P(FilterTaskTest, DoesNothingWithoutAFileAndAClient) {
   for (const bool initialized : {false, true}) {
@@ -125,12 +93,12 @@ TEST_P(FilterTaskTest, DoesNothingWithoutAFileAndAClient) {
     EXPECT_EQ(task->Cancel(), S_OK);
     if (initialized) break;
     EXPECT_EQ(Progress(), -1);
-    EXPECT_EQ(Name(), GetParam().task);
+    EXPECT_EQ(Name(), IsExport() ? L"Saving " : L"Loading ");
   }
   // A Cancel that comes before the Start stays in force.
   EXPECT_EQ(Initialize(), S_OK);
   EXPECT_EQ(Progress(), 0.0F);
-  EXPECT_EQ(Name(), GetParam().task + path);
+  EXPECT_EQ(Name(), (IsExport() ? L"Saving " : L"Loading ") + path);
   EXPECT_EQ(task->Cancel(), S_OK);
   Run();
   EXPECT_LE(blocks, 1);
@@ -209,28 +177,56 @@ TEST_P(FilterTaskTest, SurvivesItsLastReleaseByItsOwnClient) {
 }
 
 // Texts of the host are no formats.
-const FilterCase kWav = {"Wav",        CLSID_CWavExportFilter,
-                         L"100%s.wav", L"Saving ",
-                         200,          L"Wave Audio Files (*.wav)|*.wav|",
-                         L"*.wav",     {L"wav", L"wAv"}};
-const FilterCase kMp3 = {
-    "Mp3",
-    CLSID_CDShowExport,
-    L"out.mp3",
-    L"Saving ",
-    100,
-    L"Windows Media Audio Files (*.wma)|*.wma|MPEG Layer 3 Files (*.mp3)|*.mp3|",
-    L"*.wma;*.mp3",
-    {L"wma", L"MP3"}};
-const auto kNameOf = [](const auto& info) { return std::string(info.param.name); };
+INSTANTIATE_TEST_SUITE_P(
+    All, FilterTaskTest,
+    ::testing::Values(FilterCase{"Ogg", CLSID_COggImport, L"", false},
+                      FilterCase{"DShowImport", CLSID_CDShowImport, L"in.wav", false},
+                      FilterCase{"Wav", CLSID_CWavExportFilter, L"100%s.wav", true},
+                      FilterCase{"Mp3", CLSID_CDShowExport, L"out.mp3", true}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-INSTANTIATE_TEST_SUITE_P(AllFilters, ExportTaskTest, ::testing::Values(kWav, kMp3), kNameOf);
-INSTANTIATE_TEST_SUITE_P(AllFilters, FilterTaskTest,
-                         ::testing::Values(FilterCase{"Ogg", CLSID_COggImport, L"", L"Loading "},
-                                           FilterCase{"DShowImport", CLSID_CDShowImport, L"in.wav",
-                                                      L"Loading "},
-                                           kWav, kMp3),
-                         kNameOf);
+TEST(ExportFilters, DescribeThemselves) {
+  const struct {
+    const CLSID& clsid;
+    SHORT merit;
+    bool is_lossy;
+    const wchar_t* strings;
+    const wchar_t* patterns;
+    std::vector<std::wstring> supported;
+  } filters[] = {
+      {CLSID_CWavExportFilter,
+       200,
+       false,
+       L"Wave Audio Files (*.wav)|*.wav|",
+       L"*.wav",
+       {L"wav", L"wAv"}},
+      {CLSID_CDShowExport,
+       100,
+       true,
+       L"Windows Media Audio Files (*.wma)|*.wma|MPEG Layer 3 Files (*.mp3)|*.mp3|",
+       L"*.wma;*.mp3",
+       {L"wma", L"MP3"}},
+  };
+  for (const auto& each : filters) {
+    const auto filter = Create<IExportFilter>(each.clsid);
+    VARIANT_BOOL answer = 42;
+    for (const std::wstring extension : {L"wav", L"wAv", L".wav", L"wma", L"MP3", L""}) {
+      const bool supports = std::ranges::count(each.supported, extension) > 0;
+      EXPECT_EQ(filter->QuerySupportsExtension(Bstr(extension), &answer), S_OK);
+      EXPECT_EQ(answer, supports ? VARIANT_TRUE : VARIANT_FALSE);
+      EXPECT_EQ(filter->QueryHasSettingsDlg(Bstr(extension), &answer), S_OK);
+      EXPECT_EQ(answer, supports || !each.is_lossy ? VARIANT_TRUE : VARIANT_FALSE);
+    }
+    EXPECT_EQ(filter->QueryIsLossy(&answer), S_OK);
+    EXPECT_EQ(answer, each.is_lossy ? VARIANT_TRUE : VARIANT_FALSE);
+    SHORT merit = 0;
+    EXPECT_EQ(filter->GetMerit(&merit), S_OK);
+    EXPECT_EQ(merit, each.merit);
+    Bstr strings, patterns;
+    EXPECT_EQ(filter->GetFilterStrings(strings.Receive(), patterns.Receive()), S_OK);
+    EXPECT_TRUE(strings.str() == each.strings && patterns.str() == each.patterns);
+  }
+}
 
 }  // namespace
 }  // namespace marlinda::testing

@@ -1,46 +1,68 @@
-// The settings dialogs as a person meets them: real windows, worked by mouse and keyboard.
+// The settings dialogs as a person meets them: real windows, which a thread of its own works while
+// the thread of the test shows them.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+// After windows.h.
+#include <dshow.h>
+
+#include <functional>
+#include <optional>
+#include <thread>
 
 #include "tests/export/code_reader.h"
-#include "tests/export/dialog_user.h"
-#include "tests/export/fake_encoder.h"
-#include "tests/support/com_client.h"
+#include "tests/export/mp3_user.h"
 #include "tests/support/process_counts.h"
 
 namespace marlinda::testing {
 namespace {
 
-using ::testing::ElementsAre;
-using Checked = std::vector<int>;
+// Work on an open dialog, which they end.
+using DialogSteps = std::function<void(HWND dialog)>;
 
-const DialogSteps kOk = [](const OpenDialog& dialog) { dialog.Click(IDOK); };
-const DialogSteps kCancel = [](const OpenDialog& dialog) { dialog.Click(IDCANCEL); };
-const DialogSteps kEnter = [](const OpenDialog& dialog) { dialog.Press(VK_RETURN); };
-const DialogSteps kEscape = [](const OpenDialog& dialog) { dialog.Press(VK_ESCAPE); };
-const DialogSteps kClose = [](const OpenDialog& dialog) {
-  PostMessageW(dialog.window(), WM_CLOSE, 0, 0);
-};
+DialogSteps Click(int item, DialogSteps leave = {}) {
+  return [=](HWND dialog) {
+    SendMessageW(GetDlgItem(dialog, item), BM_CLICK, 0, 0);
+    if (leave) leave(dialog);
+  };
+}
+const DialogSteps kOk = Click(IDOK);
+const DialogSteps kClose = [](HWND dialog) { PostMessageW(dialog, WM_CLOSE, 0, 0); };
+
+// The radio button that is checked; 0 for none.
+int Checked(HWND dialog) {
+  int checked = 0;
+  for (HWND item = GetWindow(dialog, GW_CHILD); item; item = GetWindow(item, GW_HWNDNEXT)) {
+    const bool is_radio = (SendMessageW(item, WM_GETDLGCODE, 0, 0) & DLGC_RADIOBUTTON) != 0;
+    if (is_radio && SendMessageW(item, BM_GETCHECK, 0, 0) == BST_CHECKED) {
+      EXPECT_EQ(std::exchange(checked, GetDlgCtrlID(item)), 0) << "two are checked";
+    }
+  }
+  return checked;
+}
+
+// Runs the steps once a dialog with that title is there. A dialog that never comes is a hang.
+std::jthread UseDialog(const std::wstring& title, const DialogSteps& steps) {
+  return std::jthread([=] {
+    HWND window = nullptr;
+    for (DWORD process = 0; process != GetCurrentProcessId() || !IsWindowVisible(window);) {
+      Sleep(10);
+      window = FindWindowW(L"#32770", title.c_str());
+      GetWindowThreadProcessId(window, &process);
+    }
+    steps(window);
+    while (IsWindow(window)) Sleep(10);
+  });
+}
 
 class SettingsDialogs : public ::testing::Test {
  protected:
-  void Show(const wchar_t* extension, const DialogSteps& steps, HWND owner = nullptr) {
-    const std::wstring kind = extension;
-    const DialogUser user(kind == L"wav"   ? L"Wave Encoder Settings"
-                          : kind == L"wma" ? L"WMA Encoder Settings"
-                                           : L"MPEG Layer 3 Encoder Settings",
-                          steps);
+  void Show(const std::wstring& kind, const DialogSteps& steps, HWND owner = nullptr) {
+    const auto user = UseDialog(kind == L"wav"   ? L"Wave Encoder Settings"
+                                : kind == L"wma" ? L"WMA Encoder Settings"
+                                                 : L"MPEG Layer 3 Encoder Settings",
+                                steps);
     const auto& filter = kind == L"wav" ? wav : compressed;
-    EXPECT_EQ(filter->ShowSettingsDlg(Bstr(extension), HandleToULong(owner)), S_OK);
-  }
-  // Clicks the item, unless it is 0.
-  static DialogSteps Click(const Checked& expected, int item, const DialogSteps& leave) {
-    return [=](const OpenDialog& dialog) {
-      EXPECT_EQ(dialog.Checked(), expected);
-      if (item != 0) dialog.Click(item);
-      leave(dialog);
-    };
+    EXPECT_EQ(filter->ShowSettingsDlg(Bstr(kind), HandleToULong(owner)), S_OK);
   }
   // Format tag and bits per sample of the files that the WAV filter now writes.
   std::pair<int, int> Written() {
@@ -55,103 +77,99 @@ class SettingsDialogs : public ::testing::Test {
   }
 
   EncoderSettings settings;
+  std::optional<RegisteredEncoder> encoder = std::make_optional<RegisteredEncoder>();
   ComPtr<IExportFilter> wav = Create<IExportFilter>(CLSID_CWavExportFilter);
   ComPtr<IExportFilter> compressed = Create<IExportFilter>(CLSID_CDShowExport);
 };
 
 TEST_F(SettingsDialogs, TakeTheWidthThatWasChosenBeforeOk) {
   const struct {
-    int earlier;  // clicked in an earlier dialog
     SHORT bits;
-    Checked checked;
-    int click;
-    DialogSteps leave;
+    int checked;
+    DialogSteps steps;
     std::pair<int, int> written;
   } cases[] = {
-      {0, 16, {204}, 203, kOk, {1, 8}},
-      {0, 16, {204}, 206, kOk, {1, 32}},
-      {0, 16, {204}, 207, kOk, {3, 32}},
-      {206, 8, {203}, 205, kEnter, {1, 24}},
-      {0, 24, {205}, 207, kCancel, {1, 24}},
-      {0, 24, {205}, 207, kClose, {1, 24}},
+      {16, 204, Click(203, kOk), {1, 8}},
+      {8, 203, Click(206, kOk), {1, 32}},
+      {24, 205, Click(207, Click(IDCANCEL)), {1, 24}},
+      {24, 205, Click(207, kClose), {1, 24}},
       // No button stands for 20 bits, and floats have 32 whatever was set.
-      {0, 20, {}, 0, kEnter, {1, 20}},
-      {207, 16, {207}, 0, kOk, {3, 32}},
+      {20, 0, kOk, {1, 20}},
+      {16, 204, Click(207, kOk), {3, 32}},
+      {16, 207, kOk, {3, 32}},
   };
   for (const auto& each : cases) {
-    wav = Create<IExportFilter>(CLSID_CWavExportFilter);
-    if (each.earlier != 0) Show(L"wav", Click({204}, each.earlier, kOk));
     EXPECT_EQ(wav->SetBitsPerSample(each.bits), S_OK);
-    Show(L"wav", Click(each.checked, each.click, each.leave));
-    EXPECT_EQ(Written(), each.written) << each.bits << ' ' << each.click;
+    Show(L"wav", [&](HWND dialog) {
+      EXPECT_EQ(Checked(dialog), each.checked);
+      each.steps(dialog);
+    });
+    EXPECT_EQ(Written(), each.written) << &each - cases;
   }
-  // By keyboard alone.
-  Show(L"wav", [](const OpenDialog& dialog) {
-    dialog.WaitForFocus(207);
-    dialog.PressThrough(VK_TAB, {IDOK, IDCANCEL, 207});
-    dialog.PressThrough(VK_DOWN, {203, 204});
-    dialog.PressThrough(VK_UP, {203});
-    WaitUntil([&] { return dialog.Checked() == Checked{203}; });
-    kEnter(dialog);
-  });
-  EXPECT_EQ(Written(), std::pair(1, 8));
 }
 
-TEST_F(SettingsDialogs, StoreTheWmaBitRateOfTheUser) {
-  Show(L"wma", Click({203}, 201, kCancel));  // 128, without a stored one
+TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
+  // 128, without a stored one.
+  Show(L"wma", [](HWND dialog) {
+    EXPECT_EQ(Checked(dialog), 203);
+    Click(201, Click(IDCANCEL))(dialog);
+  });
   EXPECT_EQ(settings.Read("WMABitrate"), 0U);
-  Show(L"wma", Click({203}, 202, kOk));
+  Show(L"wma", Click(202, kOk));
   EXPECT_EQ(settings.Read("WMABitrate"), 96U);
   settings.Write("WMABitrate", 80);
-  Show(L"wma", Click({}, 0, kOk));
+  Show(L"wma", kOk);
   EXPECT_EQ(settings.Read("WMABitrate"), 80U);
-}
 
-TEST_F(SettingsDialogs, OfferTheBitRatesOfTheMp3EncoderAndStoreTheChosenOne) {
-  const InstalledEncoder installed;
-  EncoderPlan::Current().kbits_per_sec = {32, 128, 64};
-  settings.Write("MP3Bitrate", 320);
-  Show(L"Mp3", [](const OpenDialog& dialog) {
-    EXPECT_THAT(dialog.Lines(207),
-                ElementsAre(L"56 kbit / s", L"64 kbit / s", L"96 kbit / s", L"128 kbit / s"));
-    EXPECT_EQ(dialog.Send(207, CB_GETCURSEL), 3);
-    dialog.WaitForFocus(207);
-    dialog.Press(VK_UP);
-    WaitUntil([&] { return dialog.Send(207, CB_GETCURSEL) == 2; });
-    kEscape(dialog);
+  // The encoder's best are 320.
+  settings.Write("MP3Bitrate", 400);
+  Show(L"Mp3", [](HWND dialog) {
+    const HWND list = GetDlgItem(dialog, 207);
+    std::vector<std::wstring> lines;
+    wchar_t text[100] = L"";
+    while (SendMessageW(list, CB_GETLBTEXT, lines.size(), reinterpret_cast<LPARAM>(text)) > 0) {
+      lines.emplace_back(text);
+    }
+    EXPECT_EQ(lines.size(), 7U);
+    EXPECT_EQ(lines.back(), L"320 kbit / s");
+    EXPECT_EQ(SendMessageW(list, CB_GETCURSEL, 0, 0), 6);
+    SendMessageW(list, CB_SETCURSEL, 2, 0);
+    kClose(dialog);
   });
+  EXPECT_EQ(settings.Read("MP3Bitrate"), 400U);
+  Show(L"mp3", kOk);
   EXPECT_EQ(settings.Read("MP3Bitrate"), 320U);
-  Show(L"mp3", kEnter);
-  EXPECT_EQ(settings.Read("MP3Bitrate"), 128U);
-
-  // Nothing is known of this one, so nothing can be chosen.
-  EncoderPlan::Current().tells_capabilities = false;
-  settings.Write("MP3Bitrate", 192);
-  Show(L"mp3", [](const OpenDialog& dialog) {
-    EXPECT_THAT(dialog.Lines(207), ElementsAre());
-    kOk(dialog);
-  });
-  EXPECT_EQ(settings.Read("MP3Bitrate"), 192U);
 }
 
-TEST_F(SettingsDialogs, AreModalToTheirOwnerAndOutliveTheLastReleaseOfTheFilter) {
+TEST_F(SettingsDialogs, AreModalToTheirOwnerWhoSeesTheCodecErrorsAndOutliveTheFilter) {
   const HWND owner = CreateWindowW(L"STATIC", L"host", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 0, 0, 200,
                                    200, nullptr, nullptr, nullptr, nullptr);
-  Show(
-      L"wav",
-      [&](const OpenDialog& dialog) {
-        EXPECT_EQ(dialog.Owner(), owner);
-        EXPECT_FALSE(IsWindowEnabled(owner));
-        dialog.Click(203);
-        kOk(dialog);
-      },
-      owner);
+  const auto modal = [&](int item) -> DialogSteps {
+    return [=](HWND dialog) {
+      EXPECT_EQ(GetWindow(dialog, GW_OWNER), owner);
+      EXPECT_FALSE(IsWindowEnabled(owner));
+      Click(item, kOk)(dialog);
+    };
+  };
+  Show(L"wav", modal(203), owner);
   EXPECT_TRUE(IsWindowEnabled(owner));
+  // Without an encoder no bit rate is offered.
+  encoder.reset();
+  settings.Write("MP3Bitrate", 192);
+  Show(L"mp3", modal(207), owner);
+  EXPECT_EQ(settings.Read("MP3Bitrate"), 192U);
+  const TemporaryFolder folder;
+  const auto reader = CodeReader::Create({.channels = 2});
+  EXPECT_EQ(compressed->Initialize(Bstr(folder.File(L"out.mp3")), reader.Get()), S_OK);
+  {
+    const auto user = UseDialog(L"Codec Error", modal(IDOK));
+    EXPECT_EQ(As<ICoreTask>(compressed)->Start(), VFW_E_CANNOT_CONNECT);
+  }
   DestroyWindow(owner);
   // That window is gone: no dialog, and nothing changes.
   EXPECT_EQ(wav->ShowSettingsDlg(Bstr(L"wav"), HandleToULong(owner)), S_OK);
   EXPECT_EQ(Written(), std::pair(1, 8));
-  Show(L"wav", [&](const OpenDialog& dialog) {
+  Show(L"wav", [&](HWND dialog) {
     wav.Reset();
     kOk(dialog);
   });
@@ -159,7 +177,6 @@ TEST_F(SettingsDialogs, AreModalToTheirOwnerAndOutliveTheLastReleaseOfTheFilter)
 
 TEST_F(SettingsDialogs, LeaveNothingBehind) {
   constexpr unsigned kTimes = 100;
-  const InstalledEncoder installed;
   // One thread for all dialogs: the threads of this test are not what is counted.
   const std::jthread user([main = GetCurrentThreadId()](const std::stop_token& stop) {
     for (; !stop.stop_requested(); Sleep(1)) {

@@ -1,0 +1,301 @@
+// The WAV files that the export filter and the wave writer make.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "export/wav_file.h"
+#include "tests/export/code_reader.h"
+#include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
+
+namespace marlinda::testing {
+namespace {
+
+using namespace riff;
+using ::testing::ElementsAre;
+
+constexpr HRESULT kPathNotFound = HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+constexpr HRESULT kSharingViolation = HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
+
+// An export filter through all its faces, and the file it writes.
+class Export {
+ public:
+  explicit Export(const ComPtr<IAudioReader>& reader, int bits = 16) {
+    EXPECT_EQ(filter->Initialize(Bstr(path), reader.Get()), S_OK);
+    EXPECT_EQ(filter->SetBitsPerSample(static_cast<SHORT>(bits)), S_OK);
+  }
+  Export() = default;
+
+  Bytes Run() {
+    EXPECT_EQ(task->Start(), S_OK);
+    EXPECT_TRUE(WaitForTask(task.Get()));
+    return ReadFileBytes(path);
+  }
+  float Progress() const {
+    float progress = -1;
+    return SUCCEEDED(task->GetProgress(&progress)) ? progress : -1;
+  }
+
+  TemporaryFolder folder;
+  std::wstring path = folder.File(L"out.wav");
+  ComPtr<IExportFilter> filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+  ComPtr<ICoreTask> task = As<ICoreTask>(filter);
+  ComPtr<ILabelSupport> labels = As<ILabelSupport>(filter);
+  ComPtr<ISectionMarkerSupport> markers = As<ISectionMarkerSupport>(filter);
+};
+
+Bytes Format(int channels, int bits) {
+  if (channels <= 2) return PlainFormat(1, channels, 44100, bits / 8, bits);
+  const std::uint32_t mask = channels == 6 ? 0x3F : channels == 8 ? 0xFF : 0;
+  return ExtensibleFormat(1, channels, 44100, bits / 8, bits, mask);
+}
+
+TEST(WavExportFilter, WritesWholeFilesOfEveryWidthAndChannelCount) {
+  for (const int bits : {8, 16, 24, 32}) {
+    for (const SHORT channels : {1, 2, 3, 6, 8}) {
+      for (const int frames : {0, 3, 257}) {
+        Export out(CodeReader::Create({.channels = channels, .frames = frames, .bits = bits}),
+                   bits);
+        EXPECT_EQ(out.Run(),
+                  Wav(Format(channels, bits), CodesAsPcm(0, frames * channels, bits), Info()))
+            << bits << ' ' << channels;
+      }
+    }
+  }
+}
+
+TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem) {
+  std::vector<std::pair<__int64, std::size_t>> blocks;
+  Export out(CodeReader::Create(
+      {.channels = 2, .frames = 131073, .before_read = [&](__int64 at, std::span<float> samples) {
+         blocks.emplace_back(at, samples.size());
+         if (at != 65536) return S_OK;
+         // Silent, whatever the last block held.
+         samples.front() = 0.5F;
+         return E_FAIL;
+       }}));
+  EXPECT_EQ(out.Run(), Wav(Format(2, 16),
+                           CodesAsPcm(0, 131072, 16) + U16(0x4000) + Bytes(131071 * 2) +
+                               CodesAsPcm(262144, 2, 16),
+                           Info()));
+  EXPECT_THAT(blocks,
+              ElementsAre(std::pair(0, 131072), std::pair(65536, 131072), std::pair(131072, 2)));
+  EXPECT_EQ(out.Progress(), 1.0F);
+}
+
+TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
+  const std::tuple<CodeReader::Setup, Bytes, float> cases[] = {
+      {{.channels = 2, .frames = -1}, Format(2, 16), -1.0F},
+      {{.channels = 0, .frames = 100}, Format(0, 16), 1.0F},
+      // 2^31 floats: more than a block may have.
+      {{.channels = 32767, .frames = 100000}, ExtensibleFormat(1, 32767, 44100, 2, 16, 0), 0.0F},
+  };
+  for (const auto& [setup, format, progress] : cases) {
+    Export out(CodeReader::Create(setup));
+    EXPECT_EQ(out.Run(), Wav(format, {}, Info())) << setup.channels;
+    EXPECT_EQ(out.Progress(), progress) << setup.channels;
+  }
+  // Past 2^31 frames, without a byte for each.
+  const auto silence = Create<INullReader>(CLSID_CNullReader);
+  ASSERT_EQ(silence->Create((1LL << 31) + 5, 44100, 1), S_OK);
+  Export out(As<IAudioReader>(silence), 0);
+  EXPECT_EQ(out.Run(), Wav(PlainFormat(1, 1, 44100, 0, 0), {}, Info()));
+  EXPECT_EQ(out.Progress(), 1.0F);
+}
+
+TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtStart) {
+  const Export* object = nullptr;
+  const auto annotate = [&](__int64 position, std::span<float>) {
+    if (position == 0) return S_OK;
+    EXPECT_EQ(object->labels->AddLabel(200, Bstr(L"Chorus")), S_OK);
+    EXPECT_EQ(object->markers->AddSectionMarker(300, 400, Bstr(L"Solo")), S_OK);
+    As<IMetaDataWriter>(object->filter)
+        ->SetMetaData(Bstr(L"T"), Bstr(L"Ar"), Bstr(L"Alb"), Bstr(L"2009"), Bstr(L"Genre"));
+    As<IAcidWriter>(object->filter)->SetAcidData(-60, 4, 8, 16, 97.25F);
+    return object->filter->SetBitsPerSample(24);
+  };
+  Export out(CodeReader::Create({.channels = 2, .frames = 65537, .before_read = annotate}));
+  object = &out;
+  EXPECT_EQ(out.labels->AddLabel(100, Bstr(L"Verse")), S_OK);
+  EXPECT_EQ(out.Run(),
+            Wav(Format(2, 16), CodesAsPcm(0, 2 * 65537, 16),
+                Chunk("cue ", U32(3) + CuePoint(0, 100, 400, 100) + CuePoint(1, 200, 800, 200) +
+                                  CuePoint(2, 200, 800, 300)) +
+                    List("adtl", Label(0, "Verse") + Label(1, "Chorus") + Region(2, 100, "Solo")) +
+                    Info("T", "Ar", "Genre", "Alb", "2009-01-01") +
+                    Chunk("acid", U32(static_cast<std::uint32_t>(-60)) + U32(0) + U32(0) + U32(16) +
+                                      U16(4) + U16(8) + F32(97.25F))));
+  LONG labels = -1, markers = -1;
+  EXPECT_EQ(out.labels->RemoveAllLabels(), S_OK);
+  EXPECT_EQ(out.labels->GetLabelCount(&labels), S_OK);
+  EXPECT_EQ(out.markers->GetMarkerCount(&markers), S_OK);
+  EXPECT_TRUE(labels == 0 && markers == 1);
+}
+
+TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
+  ICoreTask* task = nullptr;
+  Export out(CodeReader::Create({.frames = 10 * 65536, .before_read = [&](__int64 position, auto) {
+                                   return position == 2 * 65536 ? task->Cancel() : S_OK;
+                                 }}));
+  task = out.task.Get();
+  // The block that was being read when Cancel came is still written.
+  EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 3 * 65536, 16), Info()));
+  EXPECT_FLOAT_EQ(out.Progress(), 0.3F);
+
+  Export again(CodeReader::Create({.frames = 10}));
+  again.Run();
+  const auto longer = CodeReader::Create({.frames = 12});
+  EXPECT_EQ(again.filter->Initialize(Bstr(again.path), longer.Get()), S_OK);
+  EXPECT_FLOAT_EQ(again.Progress(), 10.0F / 12.0F);
+  EXPECT_EQ(again.Run(), Wav(Format(1, 16), CodesAsPcm(10, 2, 16), Info()));
+}
+
+TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
+  const auto reader = CodeReader::Create({.frames = 10});
+  Export out;
+  const auto expect_failure = [&](const std::wstring& path, HRESULT hr) {
+    EXPECT_EQ(out.filter->Initialize(Bstr(path), reader.Get()), hr);
+    EXPECT_EQ(out.task->Start(), E_FAIL);
+  };
+  expect_failure(out.folder.File(L"missing\\out.wav"), kPathNotFound);
+  // Nobody else gets at the file, this object's own second call included, which closes it.
+  WriteFileBytes(out.path, Bytes(5000, 0xEE));
+  EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), S_OK);
+  expect_failure(out.path, kSharingViolation);
+  EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), S_OK);
+  EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 10, 16), Info()));
+}
+
+class WaveWriter : public ::testing::Test {
+ protected:
+  WaveWriter() { EXPECT_EQ(writer->SetTargetFile(Bstr(path)), S_OK); }
+
+  Bytes Record(SHORT channels, SHORT bits, const std::vector<float>& samples) {
+    EXPECT_EQ(writer->SetResolution(bits), S_OK);
+    EXPECT_EQ(audio->SetFormat(44100, channels), S_OK);
+    EXPECT_EQ(audio->OpenDevice(), S_OK);
+    EXPECT_EQ(audio->WriteAudio(Floats(samples)), S_OK);
+    EXPECT_EQ(audio->CloseDevice(), S_OK);
+    return ReadFileBytes(path);
+  }
+  // The header is plain whatever the channels.
+  static Bytes File(SHORT channels, SHORT bits, const Bytes& codes) {
+    return Wav(PlainFormat(bits == 32 ? 3 : 1, channels, 44100, bits / 8, bits), codes, {});
+  }
+
+  TemporaryFolder folder;
+  std::wstring path = folder.File(L"out.wav");
+  ComPtr<IWaveWriter> writer = Create<IWaveWriter>(CLSID_CWaveWriter);
+  ComPtr<IAudioWriter> audio = As<IAudioWriter>(writer);
+};
+
+TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
+  const std::pair<SHORT, Bytes> widths[] = {
+      {8, Hex("80FF01C041A0")},
+      {16, Hex("0000FF7F0180004001C00020")},
+      {24, Hex("0000000000800000800000400000C0000020")},
+      {32, F32(0) + F32(1) + F32(-1) + F32(0.5F) + F32(-0.5F) + F32(0.25F)},
+  };
+  for (const SHORT channels : {1, 2, 6}) {
+    for (const auto& [bits, codes] : widths) {
+      EXPECT_EQ(Record(channels, bits, {0.0F, 1.0F, -1.0F, 0.5F, -0.5F, 0.25F}),
+                File(channels, bits, codes))
+          << channels << ' ' << bits;
+    }
+  }
+  const std::tuple<SHORT, SHORT, std::size_t, std::size_t> odd[] = {
+      // Channels, bits, samples, and bytes of data: padded to four.
+      {1, 16, 1, 4}, {2, 16, 5, 8}, {2, 32, 5, 20}, {-2, 16, 8, 0}, {0, 32, 8, 32}, {2, 12, 8, 8}};
+  for (const auto& [channels, bits, samples, bytes] : odd) {
+    EXPECT_EQ(Record(channels, bits, std::vector<float>(samples)).size(), 44 + bytes)
+        << channels << ' ' << bits;
+  }
+}
+
+TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
+  const auto next = MakeObject<RecordingWriter>();
+  next->result = E_FAIL;  // is ignored
+  next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
+  EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
+  EXPECT_EQ(Record(1, 32, {0.5F, 0.25F}), File(1, 32, F32(0) + F32(0.25F)));
+  LONG ready = 42;
+  EXPECT_EQ(audio->QueryIsReady(&ready), S_OK);
+  EXPECT_EQ(ready, 1);
+  EXPECT_THAT(next->calls,
+              ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice", "QueryIsReady"));
+  EXPECT_TRUE(next->samples_per_sec == 44100 && next->channels == 1);
+  EXPECT_THAT(next->samples, ElementsAre(0.5F, 0.25F));
+  // Also without a file.
+  EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
+  EXPECT_EQ(audio->OpenDevice(), kPathNotFound);
+  EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
+  EXPECT_EQ(next->blocks, 2U);
+}
+
+TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
+  // Itself, which leaves no reference behind.
+  const ULONG before = ReferenceCount(writer.Get());
+  EXPECT_EQ(writer->SetWriteThrough(audio.Get()), S_OK);
+  EXPECT_EQ(ReferenceCount(writer.Get()), before);
+  const auto second = Create<IWaveWriter>(CLSID_CWaveWriter);
+  const std::wstring second_path = folder.File(L"second.wav");
+  EXPECT_EQ(second->SetTargetFile(Bstr(second_path)), S_OK);
+  EXPECT_EQ(second->SetResolution(32), S_OK);
+  EXPECT_EQ(writer->SetWriteThrough(As<IAudioWriter>(second).Get()), S_OK);
+  EXPECT_EQ(second->SetWriteThrough(audio.Get()), S_OK);
+  EXPECT_EQ(Record(1, 32, {0.5F, 1}), File(1, 32, F32(0.5F) + F32(1)));
+  EXPECT_EQ(ReadFileBytes(second_path), ReadFileBytes(path));
+  EXPECT_EQ(second->SetWriteThrough(nullptr), S_OK);
+  EXPECT_EQ(ReferenceCount(writer.Get()), before);
+}
+
+TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {
+  EXPECT_EQ(audio->OpenDevice(), S_OK);
+  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
+  EXPECT_EQ(audio->OpenDevice(), kSharingViolation);  // its own
+  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
+  const std::wstring other = folder.File(L"other.wav");
+  EXPECT_EQ(writer->SetTargetFile(Bstr(other)), S_OK);
+  EXPECT_EQ(audio->OpenDevice(), S_OK);
+  EXPECT_EQ(Bytes(ReadFileBytes(path)), File(2, 16, Bytes(8)));
+  // Without CloseDevice the sizes stay 0.
+  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
+  audio.Reset();
+  writer.Reset();
+  EXPECT_EQ(Bytes(ReadFileBytes(other)), Text("RIFF") + U32(0) + Text("WAVE") +
+                                             Chunk("fmt ", PlainFormat(1, 2, 44100, 2, 16)) +
+                                             Text("data") + U32(0) + Bytes(4));
+}
+
+TEST(WavFile, WrapsSizesPastFourGibibytesAndOverwritesNothing) {
+  constexpr std::uint64_t kSamples = (std::uint64_t{5} << 30) + 3;
+  constexpr std::uint64_t kPadded = kSamples + 1;
+  const TemporaryFolder folder;
+  HANDLE raw = CreateFileW(folder.File(L"large.wav").c_str(), GENERIC_READ | GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0, nullptr);
+  WavFile file;
+  file.Attach(FileHandle(raw));
+  file.Begin({44100, 1, 8, false}, ManyChannels::kPlain);
+  // As if so many samples had been written: the file is sparse.
+  LARGE_INTEGER end;
+  end.QuadPart = static_cast<LONGLONG>(44 + kSamples);
+  ASSERT_TRUE(SetFilePointerEx(raw, end, nullptr, FILE_BEGIN));
+  file.Finish(std::as_bytes(std::span("tail", 4)));
+
+  std::ifstream read(std::filesystem::path(folder.File(L"large.wav")), std::ios::binary);
+  const auto at = [&](std::uint64_t offset, std::size_t count) {
+    Bytes bytes(count);
+    read.seekg(static_cast<std::streamoff>(offset));
+    read.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
+    return bytes;
+  };
+  EXPECT_EQ(at(0, 44), Text("RIFF") + U32(36 + kPadded + 4) + Text("WAVE") +
+                           Chunk("fmt ", PlainFormat(1, 1, 44100, 1, 8)) + Text("data") +
+                           U32(kPadded));
+  EXPECT_EQ(at(44 + kPadded, 4), Text("tail"));
+}
+
+}  // namespace
+}  // namespace marlinda::testing
