@@ -1,6 +1,5 @@
-// Ogg files for the tests: those of the tree, others made from them or from nothing, and decoders
-// that are independent of the import code: a plain loop over the same build of the codec library
-// for exact comparison, and the output of the oggdec program.
+// Ogg files for the tests: those of the tree and others made from them, and an independent decoder:
+// a plain loop over the same build of the codec library.
 #pragma once
 
 #include <cstdint>
@@ -8,19 +7,25 @@
 #include <string>
 #include <vector>
 
+#include "tests/export/riff_builder.h"
+
 namespace marlinda::testing {
 
-using Bytes = std::vector<unsigned char>;
+using riff::Bytes;
 
-// The Ogg files of the tree.
 inline constexpr const char* kFiles[] = {"mono.ogg",         "stereo.ogg",    "other.ogg",
                                          "six_channels.ogg", "rate_8000.ogg", "no_samples.ogg"};
 // Twelve seconds of stereo, where the other files are too short.
-inline constexpr char kDemoPiece[] = "demo.ogg";
+inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
+// One short block, with one codeword, with 2^22, and with a hundred codebooks of 2^10 codewords and
+// 8191 values each.
+inline constexpr char kSmallest[] = "fuzz/corpus/import_vorbis_stream/smallest.ogg";
+inline constexpr char kManyCodebooks[] = "fuzz/corpus/import_vorbis_stream/codebooks.ogg";
+inline constexpr char kManyCodewords[] = "fuzz/corpus/import_vorbis_stream/codewords.ogg";
 
+// A file of tests/data, or one that is named with its folder.
 std::filesystem::path DataFile(const std::string& name);
-Bytes ReadAll(const std::filesystem::path& path);
-inline Bytes ReadData(const std::string& name) { return ReadAll(DataFile(name)); }
+Bytes ReadData(const std::string& name);
 
 struct Decoded {
   bool opened = false;
@@ -35,9 +40,6 @@ struct Decoded {
 // Decodes a file up to an error or a change of format.
 Decoded DecodeWithLibrary(const std::filesystem::path& path);
 
-// What oggdec made of a file of the tree when the tests were built.
-std::vector<std::int16_t> DecodedByOggdec(const std::string& name);
-
 // A file in the system's temporary folder, removed at the end: `bytes`, a gap of zeros, `tail`.
 class TemporaryOgg {
  public:
@@ -51,19 +53,14 @@ class TemporaryOgg {
   std::filesystem::path path_;
 };
 
-Bytes Joined(Bytes first, const Bytes& second);
-Bytes Chained(const std::string& first, const std::string& second);
-// Where the page in the middle of a file begins and ends.
+// Where the page in the middle of a file begins and ends, and the file without it.
 std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file);
-// A few pages lost, repeated, exchanged, or with other flags, positions, stream numbers or packet
-// sizes, and all checksums right.
-Bytes WithPagesMangled(const Bytes& file, unsigned seed);
+Bytes WithoutMiddlePage(Bytes file);
+// A byte changed, and all checksums right.
+Bytes WithBitsFlipped(Bytes file, std::ptrdiff_t offset, int bits);
 // The last page's position set, from which the length of the file follows.
 Bytes WithLastPosition(const std::string& name, std::int64_t frames);
 // So many links, each with its own number and `file` as its content.
 Bytes ManyLinks(Bytes file, std::uint32_t count);
-// Headers and silence. Every codebook has 2^`entries` codewords, and `dimension` values for each
-// unless that is 1.
-Bytes WithCodebooks(int count, unsigned dimension, int entries, const Bytes& comment = {});
 
 }  // namespace marlinda::testing

@@ -1,0 +1,506 @@
+// The import filters as a client drives them: Ogg files, files that CDShowImport reads itself, MPEG
+// audio, and files that go through a filter graph, with filters of the test's own that hang.
+#include <gmock/gmock.h>
+// After windows.h.
+#include <dshow.h>
+
+#include <algorithm>
+#include <map>
+#include <span>
+#include <thread>
+
+#include "core/handle.h"
+#include "core/import_section.h"
+#include "dshow/graph_filter.h"
+#include "tests/export/riff_builder.h"
+#include "tests/import/ogg_files.h"
+#include "tests/support/com_client.h"
+#include "tests/support/recording_writer.h"
+
+namespace marlinda::testing {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::Le;
+using ::testing::SizeIs;
+using Path = std::filesystem::path;
+
+class ImportFilter : public ::testing::Test {
+ protected:
+  explicit ImportFilter(REFCLSID clsid) : filter_(Create<IImportFilter>(clsid)) {}
+
+  HRESULT QueryCanLoad(const Path& path) { return filter_->QueryCanLoad(Bstr(path.wstring())); }
+  HRESULT SetFilename(const Path& path) { return tags_->SetFilename(Bstr(path.wstring())); }
+  // With a new writer.
+  HRESULT Initialize(const Path& path) {
+    writer_ = MakeObject<RecordingWriter>();
+    return filter_->Initialize(Bstr(path.wstring()), writer_.Get());
+  }
+  void Run() {
+    ASSERT_EQ(task_->Start(), S_OK);
+    ASSERT_TRUE(WaitForTask(task_.Get()));
+    EXPECT_TRUE(writer_->closed);
+    ASSERT_THAT(writer_->threads, SizeIs(1));
+    EXPECT_NE(writer_->threads[0], GetCurrentThreadId());
+  }
+  void Import(const Path& path) {
+    ASSERT_EQ(Initialize(path), S_OK);
+    Run();
+  }
+  // The writer fails, and resizes every array that it is given.
+  void HarmArrays() {
+    writer_->result = E_FAIL;
+    writer_->on_write = [this](SAFEARRAY* array) {
+      SAFEARRAYBOUND bound = {writer_->blocks % 2 == 0 ? 3U : 100000U, 7};
+      EXPECT_EQ(SafeArrayRedim(array, &bound), DISP_E_ARRAYISLOCKED);
+    };
+  }
+  // Of an imported stereo file, parts arrive that equal the same ones of the whole.
+  void ExpectEveryPart(const Path& path) {
+    SCOPED_TRACE(path);
+    Import(path);
+    const auto whole = writer_->samples;
+    const __int64 frames = Total();
+    const auto section = As<IImportSection>(filter_);
+    for (const auto& [first, count] : {std::pair<__int64, __int64>{0, frames},
+                                       {1, 20000},
+                                       {frames - 1, 1},
+                                       {12345, frames - 12345}}) {
+      ASSERT_EQ(Initialize(path), S_OK);
+      EXPECT_EQ(section->QueryCanSetSection(), S_OK);
+      for (const auto& [wrong, length] :
+           {std::pair<__int64, __int64>{frames, 1}, {1, frames}, {-1, 1}, {0, 0}}) {
+        EXPECT_EQ(section->SetSection(wrong, length), E_INVALIDARG);
+      }
+      ASSERT_EQ(section->SetSection(first, count), S_OK);
+      Run();
+      const auto begin = whole.begin() + static_cast<std::ptrdiff_t>(2 * first);
+      EXPECT_TRUE(std::ranges::equal(writer_->samples, std::span(begin, begin + 2 * count)))
+          << first;
+      EXPECT_EQ(Total(), count);
+      EXPECT_EQ(Progress(), 1);
+      EXPECT_EQ(section->SetSection(0, 1), E_FAIL);
+    }
+  }
+  std::vector<std::wstring> MetaData() {
+    Bstr title, artist, album, year, genre;
+    EXPECT_EQ(tags_->GetMetaData(title.Receive(), artist.Receive(), album.Receive(), year.Receive(),
+                                 genre.Receive()),
+              S_OK);
+    return {title.str(), artist.str(), album.str(), year.str(), genre.str()};
+  }
+  // Rate, channels, bits, bytes per second.
+  std::vector<LONG> Format() {
+    LONG rate = -1, bytes_per_sec = -1;
+    SHORT channels = -1, bits = -1;
+    const auto format = As<IExFormatInfo>(filter_);
+    EXPECT_EQ(format->GetFormat(&rate, &channels), S_OK);
+    EXPECT_EQ(format->GetBitsPerSample(&bits), S_OK);
+    EXPECT_EQ(format->GetAvgBytesPerSec(&bytes_per_sec), S_OK);
+    return {rate, channels, bits, bytes_per_sec};
+  }
+  __int64 Total() {
+    __int64 count = -1;
+    EXPECT_EQ(filter_->GetSourceSampleCount(&count), S_OK);
+    return count;
+  }
+  // -1 where there is none.
+  float Progress() {
+    float progress = -1;
+    return SUCCEEDED(task_->GetProgress(&progress)) ? progress : -1;
+  }
+
+  ComPtr<IImportFilter> filter_;
+  ComPtr<ICoreTask> task_ = As<ICoreTask>(filter_);
+  const ComPtr<IMetaDataReader> tags_ = As<IMetaDataReader>(filter_);
+  ComPtr<RecordingWriter> writer_;
+  TemporaryFolder folder_;
+};
+
+class OggImport : public ImportFilter {
+ protected:
+  OggImport() : ImportFilter(CLSID_COggImport) {}
+};
+
+TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn) {
+  // Progress shows that a part is left out.
+  const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("mono.ogg"));
+  for (const auto& [path, announced, progress] :
+       {std::tuple{DataFile("six_channels.ogg"), 24000, 1.0F},
+        {DataFile("no_samples.ogg"), 0, -1.0F},
+        {chain.path(), 44100, 44100 / (44100 + 66150.0F)}}) {
+    SCOPED_TRACE(path);
+    Import(path);
+    EXPECT_EQ(Total(), announced);
+    EXPECT_FLOAT_EQ(Progress(), progress);
+    const Decoded expected = DecodeWithLibrary(path);
+    EXPECT_EQ(writer_->samples_per_sec, expected.samples_per_sec);
+    EXPECT_EQ(writer_->channels, expected.channels);
+    EXPECT_EQ(writer_->block_sizes, expected.block_sizes);
+    EXPECT_TRUE(std::ranges::equal(writer_->samples, expected.samples, {}, {}, [](int code) {
+      return static_cast<float>(code / 32767.0);
+    })) << "other samples than the library's";
+  }
+  EXPECT_EQ(Initialize(chain.path()), S_OK);
+  EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
+  EXPECT_EQ(As<IImportSection>(filter_)->SetSection(0, 1), E_FAIL);
+  ExpectEveryPart(DataFile("stereo.ogg"));
+  const TemporaryOgg hole(WithoutMiddlePage(ReadData(kDemoPiece)));
+  const float part = static_cast<float>(DecodeWithLibrary(hole.path()).samples.size()) / 2;
+  Import(hole.path());
+  EXPECT_FLOAT_EQ(Progress(), part / static_cast<float>(Total()));
+  // The file holds more samples than its last position announces; the last block is not cut.
+  Import(TemporaryOgg(WithLastPosition("stereo.ogg", 1000)).path());
+  EXPECT_EQ(Total(), 1000);
+  EXPECT_EQ(Progress(), 1.0F);
+  EXPECT_LT(writer_->samples.size() - writer_->block_sizes.back(), 2U * 1000);
+  EXPECT_GT(writer_->samples.size(), 2U * 1000);
+}
+
+TEST_F(OggImport, AcceptsOggVorbisFilesAloneAndHoldsNoneOpen) {
+  const Path file = folder_.File(L"a.ogg");
+  EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
+  EXPECT_EQ(QueryCanLoad(file), S_FALSE);
+  EXPECT_EQ(QueryCanLoad(folder_.path()), S_FALSE);
+  EXPECT_EQ(filter_->QueryCanLoad(nullptr), S_FALSE);
+  EXPECT_EQ(Initialize(file), E_FAIL);
+  EXPECT_EQ(Total(), 0);
+  EXPECT_EQ(task_->Start(), E_FAIL);
+  Bytes cut = ReadData("stereo.ogg");
+  cut.resize(3000);
+  for (const auto& [bytes, can_load, initialized] :
+       {std::tuple{cut, E_FAIL, E_FAIL},
+        {ReadData(kManyCodebooks), S_OK, E_OUTOFMEMORY},
+        {ReadData("stereo.ogg"), S_OK, S_OK}}) {
+    SCOPED_TRACE(bytes.size());
+    WriteFileBytes(file.wstring(), bytes);
+    EXPECT_EQ(QueryCanLoad(file), can_load);
+    EXPECT_EQ(SetFilename(file), can_load);
+    EXPECT_EQ(Initialize(file), initialized);
+    EXPECT_EQ(DeleteFileW(file.c_str()) != FALSE, FAILED(initialized)) << "open or not";
+  }
+  EXPECT_EQ(Initialize(L"no such file"), E_FAIL);
+  EXPECT_NE(DeleteFileW(file.c_str()), FALSE) << "still open";
+}
+
+TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
+  EXPECT_THAT(Format(), Each(0));
+  EXPECT_THAT(MetaData(), Each(std::wstring()));
+  EXPECT_EQ(Total(), 0);
+  EXPECT_EQ(Initialize(DataFile("six_channels.ogg")), S_OK);
+  EXPECT_THAT(Format(), ElementsAre(48000, 6, 16, 120000 / 8));
+  EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
+  EXPECT_THAT(MetaData(), ElementsAre(L"A title", L"Someone", L"Ein Album", L"2009", L"Ambient"));
+  // Without a change to what is going to be imported.
+  EXPECT_EQ(SetFilename(DataFile("other.ogg")), S_OK);
+  EXPECT_EQ(SetFilename(L"no such file"), E_FAIL);
+  EXPECT_THAT(MetaData(), ElementsAre(L"\u00DCberraschung", L"Ren\u00E9e", L"", L"1998", L""));
+  EXPECT_EQ(Total(), 44100);
+  SHORT merit = 0;
+  EXPECT_EQ(filter_->GetMerit(&merit), S_OK);
+  EXPECT_EQ(merit, 200);
+  // A writer that fails gets everything.
+  HarmArrays();
+  Run();
+  EXPECT_EQ(writer_->block_sizes, DecodeWithLibrary(DataFile("stereo.ogg")).block_sizes);
+}
+
+constexpr std::size_t kFrames = 100000;
+
+// Sound in an AVI file, which the system's filters decode, to the last bit.
+riff::Bytes AviFile(std::size_t frames = kFrames) {
+  using namespace riff;
+  constexpr std::size_t kBlock = 1000;
+  const Bytes header = Text("auds") + Bytes(16, 0) + U32(2) + U32(16000) + U32(0) + U32(frames) +
+                       U32(2 * kBlock) + U32(0xFFFFFFFF) + U32(2) + Bytes(8, 0);
+  Bytes movie, index;
+  for (std::size_t first = 0; first < frames; first += kBlock) {
+    Bytes block;
+    for (std::size_t i = first; i < std::min(first + kBlock, frames); ++i) {
+      block = std::move(block) + U16(i % 30000);
+    }
+    index = std::move(index) + Text("00wb") + U32(16) + U32(movie.size() + 4) + U32(block.size());
+    movie = std::move(movie) + Chunk("00wb", block);
+  }
+  return Chunk(
+      "RIFF",
+      Text("AVI ") +
+          List("hdrl", Chunk("avih", U32(0) + U32(16000) + U32(0) + U32(16) + U32(0) + U32(0) +
+                                         U32(1) + U32(2000) + Bytes(24, 0)) +
+                           List("strl", Chunk("strh", header) +
+                                            Chunk("strf", PlainFormat(1, 1, 8000, 2, 16)))) +
+          List("movi", movie) + Chunk("idx1", index) + Info("Film"));
+}
+
+// Stereo in which every frame differs from its neighbours.
+riff::Bytes WavFile(std::size_t frames = kFrames) {
+  riff::Bytes samples;
+  for (std::size_t i = 0; i < 4 * frames; ++i) {
+    samples.push_back(static_cast<unsigned char>(i * i >> 7));
+  }
+  return riff::Wav(riff::PlainFormat(1, 2, 44100, 2, 16), samples, riff::Info("Plain"));
+}
+
+// Silent frames of MPEG audio, 1152 samples each, behind a tag.
+riff::Bytes MpegFile(int count) {
+  using namespace riff;
+  Bytes file = Text("ID3") + Bytes{3, 0, 0, 0, 0, 0, 15} + Text("TIT2") + Bytes{0, 0, 0, 5} +
+               Bytes{0, 0, 0} + Text("Tune");
+  for (; count > 0; --count) file = std::move(file) + Bytes{0xFF, 0xFB, 0x90, 0} + Bytes(413, 0);
+  return file;
+}
+
+class DShowImport : public ImportFilter {
+ protected:
+  DShowImport() : ImportFilter(CLSID_CDShowImport) {}
+
+  std::wstring Write(const std::wstring& name, const riff::Bytes& bytes) {
+    WriteFileBytes(folder_.File(name), bytes);
+    return folder_.File(name);
+  }
+};
+
+TEST_F(DShowImport, HandsOutTheLabelsRegionsTextsAndLoopOfAWaveFile) {
+  using namespace riff;
+  EXPECT_EQ(
+      Initialize(Write(
+          L"a.wav", Wav(PlainFormat(1, 2, 44100, 2, 16), Bytes(8),
+                        Chunk("cue ", U32(2) + CuePoint(0, 0, 0, 300) + CuePoint(1, 0, 0, 200)) +
+                            List("adtl", riff::Label(0, "Second \xE9") + Region(1, 50, "Region")) +
+                            Info("Title", "Artist", "Genre", "Album", "2009") +
+                            Chunk("acid", U32(60) + U32(0) + U32(0) + U32(21) + U16(7) + U16(8) +
+                                              F32(98.25F))))),
+      S_OK);
+  LONG count = 0;
+  __int64 begin = 0, end = 0;
+  Bstr name;
+  const auto labels = As<ILabelSupport>(filter_);
+  EXPECT_TRUE(labels->GetLabelCount(&count) == S_OK && count == 1);
+  EXPECT_EQ(labels->GetLabel(0, &begin, name.Receive()), S_OK);
+  EXPECT_TRUE(begin == 300 && name.str() == L"Second \u00E9");
+  EXPECT_EQ(labels->GetLabel(1, &begin, name.Receive()), E_INVALIDARG);
+  const auto markers = As<ISectionMarkerSupport>(filter_);
+  EXPECT_TRUE(markers->GetMarkerCount(&count) == S_OK && count == 1);
+  EXPECT_EQ(markers->GetSectionMarker(0, &begin, &end, name.Receive()), S_OK);
+  EXPECT_TRUE(begin == 200 && end == 250 && name.str() == L"Region");
+  EXPECT_THAT(MetaData(), ElementsAre(L"Title", L"Artist", L"Album", L"2009", L"Genre"));
+  SHORT root = 0, beats = 0, unit = 0;
+  float tempo = 0;
+  EXPECT_EQ(As<IAcidReader>(filter_)->GetAcidData(&root, &beats, &unit, &count, &tempo), S_OK);
+  EXPECT_TRUE(root == 60 && beats == 7 && unit == 8 && count == 21 && tempo == 98.25F);
+}
+
+TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
+  struct Row {
+    riff::Bytes file;
+    const wchar_t* title;
+    std::vector<LONG> format;
+    std::size_t frames;
+  };
+  const Row rows[] = {{WavFile(), L"Plain", {44100, 2, 16, 176400}, kFrames},
+                      {MpegFile(80), L"Tune", {44100, 2, 16, 15975}, 80 * 1152},
+                      {AviFile(), L"Film", {8000, 1, 16, 16215}, kFrames}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    const std::wstring path = Write(L"a.b", row.file);
+    EXPECT_EQ(QueryCanLoad(path), S_OK);
+    EXPECT_EQ(Initialize(path), S_OK);
+    HarmArrays();
+    EXPECT_EQ(MetaData()[0], row.title);
+    EXPECT_EQ(Format(), row.format);
+    EXPECT_EQ(Total(), static_cast<__int64>(row.frames));
+    Run();
+    EXPECT_THAT(writer_->calls,
+                ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice"));
+    EXPECT_THAT(writer_->block_sizes, Each(Le(16384U)));
+    EXPECT_LT(writer_->blocks, 101U);
+    EXPECT_EQ(writer_->samples.size(), row.frames * static_cast<std::size_t>(row.format[1]));
+    EXPECT_NE(DeleteFileW(path.c_str()), FALSE) << "open after the run";
+  }
+  ExpectEveryPart(Write(L"a.wav", WavFile()));
+  Import(Write(L"a.avi", AviFile()));
+  EXPECT_EQ(As<IImportSection>(filter_)->SetSection(0, 1), E_FAIL);
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    ASSERT_EQ(writer_->samples[i], static_cast<float>(i % 30000) / 32767.0F) << i;
+  }
+}
+
+TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
+  EXPECT_THAT(Format(), Each(0));
+  VARIANT_BOOL loop = VARIANT_TRUE;
+  EXPECT_EQ(As<IAcidReader>(filter_)->QueryAcidDataAvailable(&loop), S_OK);
+  EXPECT_EQ(loop, VARIANT_FALSE);
+  EXPECT_EQ(Initialize(Write(L"good.avi", AviFile(100))), S_OK);
+  for (const wchar_t* const name : {L"missing.wav", L"", L"\\\\.\\NUL"}) {
+    EXPECT_EQ(QueryCanLoad(folder_.path() / Path(name)), S_FALSE) << name;
+  }
+  EXPECT_EQ(filter_->QueryCanLoad(nullptr), S_FALSE);
+  const auto other = MakeObject<RecordingWriter>();
+  for (const riff::Bytes& file :
+       {riff::Text("no music at all, only a line of text\n"), riff::Bytes(),
+        riff::Wav(riff::PlainFormat(1, 2, 0, 2, 16), riff::Bytes(8, 0), {})}) {
+    const std::wstring path = Write(L"bad", file);
+    EXPECT_EQ(QueryCanLoad(path), E_FAIL);
+    EXPECT_EQ(filter_->Initialize(Bstr(path), other.Get()), E_FAIL);
+    EXPECT_EQ(SetFilename(path), E_FAIL);
+    EXPECT_NE(DeleteFileW(path.c_str()), FALSE) << "a refused file is still open";
+  }
+  EXPECT_EQ(other->Held(), 0);
+  EXPECT_EQ(MetaData()[0], L"Film");
+  Run();
+  EXPECT_THAT(writer_->samples, SizeIs(100));
+}
+
+TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsCancelledOrReleased) {
+  const std::wstring path = Write(L"a.avi", AviFile());
+  for (const bool by_release : {false, true}) {
+    SCOPED_TRACE(by_release);
+    filter_ = Create<IImportFilter>(CLSID_CDShowImport);
+    task_ = As<ICoreTask>(filter_);
+    EXPECT_EQ(Initialize(path), S_OK);
+    const KernelHandle ready(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    writer_->on_write = [&](SAFEARRAY*) {
+      WaitForSingleObject(ready.get(), INFINITE);
+      if (writer_->blocks > 1) return;
+      by_release ? void(filter_.Reset()) : void(task_->Cancel());
+    };
+    ICoreTask* const task = task_.Get();
+    EXPECT_EQ(task->Start(), S_OK);
+    if (by_release) task_.Reset();
+    SetEvent(ready.get());
+    while (ReferenceCount(writer_.Get()) > 1) Sleep(1);
+    EXPECT_EQ(writer_->blocks, 1U);
+    EXPECT_TRUE(writer_->closed);
+  }
+}
+
+// While it lives the graphs of this process get such a source in the place of the system's own. The
+// name of a file says when it hangs: "build", "second build", "run" or "stop". The end lets go the
+// threads that hang.
+class HangingFilters final : public TestObject<IClassFactory> {
+ public:
+  HangingFilters() {
+    while (!known_) Sleep(1);
+  }
+  ~HangingFilters() override {
+    SetEvent(end_.get());
+    while (hanging_ > 0) Sleep(1);
+  }
+
+  int hanging() const { return hanging_; }
+
+  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
+    return ComPtr<GraphFilter>(new Source(*this))->QueryInterface(iid, object);
+  }
+  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+
+ private:
+  void Hang() {
+    ++hanging_;
+    WaitForSingleObject(end_.get(), INFINITE);
+    --hanging_;
+  }
+
+  class Source final : public GraphFilter, public IFileSourceFilter {
+   public:
+    explicit Source(HangingFilters& owner) : owner_(owner) {
+      WAVEFORMATEX format = {WAVE_FORMAT_PCM, 1, 8000, 16000, 2, 16, 0};
+      output_ = &AddPin<OutputPin>(std::vector<AudioType>{AudioType(format)}, 4096L);
+    }
+    STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+      if (!IsEqualIID(iid, IID_IFileSourceFilter)) return GraphFilter::QueryInterface(iid, object);
+      *object = static_cast<IFileSourceFilter*>(this);
+      AddRef();
+      return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return GraphFilter::AddRef(); }
+    STDMETHODIMP_(ULONG) Release() override { return GraphFilter::Release(); }
+
+    STDMETHODIMP Load(LPCOLESTR name, const AM_MEDIA_TYPE*) override {
+      name_ = name;
+      const bool second = Is(L"second") && ++owner_.loads_ == 2;
+      if (second || Is(L"\\build")) owner_.Hang();
+      return S_OK;
+    }
+    STDMETHODIMP GetCurFile(LPOLESTR*, AM_MEDIA_TYPE*) override { return E_NOTIMPL; }
+    STDMETHODIMP Run(REFERENCE_TIME start) override {
+      const HRESULT hr = GraphFilter::Run(start);
+      const std::vector<std::byte> silence(200);
+      if (Is(L"stop")) output_->Deliver(silence, 0, 1);
+      return hr;
+    }
+    STDMETHODIMP Stop() override {
+      if (Is(L"stop") && state() != State_Stopped) owner_.Hang();
+      return GraphFilter::Stop();
+    }
+
+   private:
+    bool Is(const wchar_t* word) const { return name_.find(word) != std::wstring::npos; }
+
+    HangingFilters& owner_;
+    OutputPin* output_ = nullptr;
+    std::wstring name_;
+  };
+
+  const KernelHandle end_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::atomic<int> hanging_ = 0;
+  std::atomic<int> loads_ = 0;
+  std::atomic<bool> known_ = false;
+  // Graphs are built in the multithreaded apartment.
+  const std::jthread apartment_{[this] {
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    DWORD cookie = 0;
+    Check(CoRegisterClassObject(CLSID_AsyncReader, this, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
+                                &cookie));
+    known_ = true;
+    WaitForSingleObject(end_.get(), INFINITE);
+    CoRevokeClassObject(cookie);
+    CoUninitialize();
+  }};
+};
+
+TEST_F(DShowImport, GivesUpFiltersThatHang) {
+  const HangingFilters filters;
+  struct Run {
+    ComPtr<IImportFilter> filter = Create<IImportFilter>(CLSID_CDShowImport);
+    ComPtr<ICoreTask> task = As<ICoreTask>(filter);
+    ComPtr<RecordingWriter> writer = MakeObject<RecordingWriter>();
+  };
+  std::map<std::wstring, Run> runs;
+  for (const wchar_t* name : {L"run", L"second build", L"stop"}) {
+    Run& run = runs[name];
+    const std::wstring path = Write(name, AviFile(100));
+    EXPECT_EQ(run.filter->Initialize(Bstr(path), run.writer.Get()), S_OK) << name;
+    EXPECT_EQ(run.task->Start(), S_OK);
+  }
+  EXPECT_EQ(QueryCanLoad(Write(L"build", AviFile(100))), E_FAIL);
+  EXPECT_EQ(runs[L"stop"].task->Cancel(), S_OK);
+  for (const auto& [name, run] : runs) {
+    EXPECT_TRUE(WaitForTask(run.task.Get()));
+    float progress = -1;
+    EXPECT_EQ(run.task->GetProgress(&progress), S_OK) << name;
+    EXPECT_LT(progress, 1.0F);
+    EXPECT_TRUE(run.writer->closed);
+  }
+  EXPECT_THAT(runs[L"stop"].writer->samples, SizeIs(100));
+  // The program's end finds threads that stay.
+  EXPECT_EQ(filters.hanging(), 3);
+}
+
+TEST_F(DShowImport, ReadsWhatADamagedOrUnfinishedFileHolds) {
+  riff::Bytes film = AviFile();
+  film.resize(film.size() / 2);
+  Import(Write(L"film.avi", film));
+  EXPECT_GT(writer_->samples.size(), kFrames / 3);
+  EXPECT_LE(writer_->samples.size(), kFrames / 2 + 2000);
+  const std::wstring path = Write(L"a.wav", WavFile(10));
+  const FileHandle other(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                     OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(other) << "the program that writes it";
+  Import(path);
+  EXPECT_THAT(writer_->samples, SizeIs(20));
+}
+
+}  // namespace
+}  // namespace marlinda::testing
