@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Makes the Ogg files of the tests again (sox, vorbis-tools). They are kept in the tree, so that every
-# machine tests the same bytes; run this only to change them. Serial numbers are fixed and differ, so
-# that any two files can be chained.
+# Makes the sound files of the tests again (sox, vorbis-tools, ffmpeg). They are kept in the tree, so
+# that every machine tests the same bytes; run this only to change them. Serial numbers are fixed and
+# differ, so that any two files can be chained.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 work=$(mktemp -d)
@@ -29,3 +29,6 @@ oggenc -Q -q 2 -s 1005 -o rate_8000.ogg "$work/low.wav"
 
 sox -n -r 44100 -c 2 -b 16 "$work/silent.wav" trim 0 0
 oggenc -Q -q 0 -s 1006 -o no_samples.ogg "$work/silent.wav"
+
+# Every sample is its own number.
+ffmpeg -v error -y -f lavfi -i "aevalsrc='n/32768':s=8000:d=3" -c:a pcm_s16le -metadata title=Film -bitexact film.avi

@@ -22,15 +22,11 @@ from program import WINE, run, windows
 from sound import RATE, kill_server, sound_server, wait_until
 from sound_test import Heard, sound
 
-SPACE, END, HOME, PLUS = 32, 35, 36, 107
+SHIFT, CTRL, SPACE, END, HOME, PLUS = 16, 17, 32, 35, 36, 107
 MOVE, LEFT_DOWN, LEFT_UP, MIDDLE_DOWN, MIDDLE_UP = 0x200, 0x201, 0x202, 0x207, 0x208
 OK, CANCEL, NO = 1, 2, 7
 FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's own
 LANE = 200  # a height inside the first lane
-
-
-def key(letter):
-    return ord(letter)
 
 
 def signal(frames):
@@ -43,17 +39,6 @@ def signal(frames):
     return samples
 
 
-def write_wave(path, samples):
-    with wave.open(str(path), "wb") as file:
-        file.setparams((2, 2, RATE, 0, "NONE", ""))
-        file.writeframes(samples.tobytes())
-
-
-def read_wave(path):
-    with wave.open(str(path), "rb") as file:
-        return array.array("h", file.readframes(file.getnframes()))
-
-
 class Editor:
     """A running editor and the driver that works it."""
 
@@ -63,7 +48,7 @@ class Editor:
         self.process = subprocess.Popen([WINE, EDITOR, *words], env=environment, stdin=subprocess.DEVNULL)
         self.driver = subprocess.Popen([WINE, DRIVER], env=environment, text=True, stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE)
-        wait_until(lambda: self.ask("find") == "found" or self.process.poll() is not None, "the window")
+        wait_until(lambda: self.ask("find") == "ok" or self.process.poll() is not None, "the window")
         assert self.process.poll() is None, f"the editor ended with {self.process.returncode}"
         self.ask("size", 1200, 640)
 
@@ -83,8 +68,9 @@ class Editor:
         return answer
 
     def press(self, *keys, until=None):
-        self.ask("key", *keys)
-        return self.ask("await", until) if until else None
+        self.ask("key", *(ord(key) if isinstance(key, str) else key for key in keys))
+        if until:
+            self.ask("await", until)
 
     def answer(self, title, button, field=None, text=None):
         """Answers a dialog and returns what it said."""
@@ -112,7 +98,7 @@ class Editor:
         return int(re.search(r"channels?, (\d+)$", self.ask("status")).group(1))
 
     def export(self, file):
-        self.press("ctrl", key("S"))
+        self.press(CTRL, "S")
         self.answer("Export", OK, FILE_NAME, windows(file))
         self.answer("Wave Encoder Settings", OK)
         self.ask("await", "Wrote " + file.name)
@@ -133,37 +119,34 @@ class EditorTest(unittest.TestCase):
         program.ENVIRONMENT.update(environment)
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.source = self.folder / "in.wav"
         self.samples = signal(4 * RATE)
-        write_wave(self.source, self.samples)
+        with wave.open(str(self.source), "wb") as file:
+            file.setparams((2, 2, RATE, 0, "NONE", ""))
+            file.writeframes(self.samples.tobytes())
 
     def start(self, *files):
         editor = self.enterContext(Editor(*files))
-        editor.press(key("F"), until=f"channels, {4 * RATE * len(files)}" if files else "No audio")
+        editor.press("F", until=f"channels, {4 * RATE * len(files)}" if files else "No audio")
         return editor
 
     def test_edits_are_heard_and_written_as_the_command_line_writes_them(self):
         editor = self.start(self.source)
-        self.assertEqual(editor.ask("title"), "in.wav - Marlinda Editor")
-
+        editor.ask("await_title", "in.wav - Marlinda Editor")
         begin, end = editor.select(300, 500)
-        editor.press("ctrl", key("X"), until="Cut")
+        editor.press(CTRL, "X", until="Cut")
         self.assertEqual(editor.frames(), 4 * RATE - (end - begin))
-        editor.press("ctrl", key("Z"), until="Undone: Cut")
+        editor.press(CTRL, "Z", until="Undone: Cut")
         self.assertEqual(editor.frames(), 4 * RATE)
-        editor.press("ctrl", key("Y"), until="Redone: Cut")
+        editor.press(CTRL, "Y", until="Redone: Cut")
         editor.ask("await_title", "in.wav* - Marlinda Editor")
 
         label, last = editor.select(600, 700)
-        editor.press(key("L"))
-        editor.answer("Add label", OK, TEXT, "Verse one")
-        editor.ask("await", "Add label")
-        editor.press(key("M"))
-        editor.answer("Add section", OK, TEXT, "Loop")
-        editor.ask("await", "Add section")
+        for letter, title, text in (("L", "Add label", "Verse one"), ("M", "Add section", "Loop")):
+            editor.press(letter)
+            editor.answer(title, OK, TEXT, text)
+            editor.ask("await", title)
         editor.picture("selection-with-labels")
 
         with Heard(self.speaker) as heard:
@@ -184,7 +167,7 @@ class EditorTest(unittest.TestCase):
                              "--label", f"{label}f:Verse one", "--marker", f"{label}f:{last}f:Loop")[0], 0)
         self.assertEqual(written.read_bytes(), wanted.read_bytes())
 
-        editor.press("ctrl", key("S"))
+        editor.press(CTRL, "S")
         editor.ask("dialog", "Export")
         editor.ask("enter", FILE_NAME, windows(written))
         editor.ask("click", OK, "unfinished")
@@ -205,15 +188,16 @@ class EditorTest(unittest.TestCase):
             editor.ask("await", "Ready")
 
         editor.press(END)
-        editor.press(key("R"), until="Recording")
+        editor.press("R", until="Recording")
         wait_until(lambda: int(editor.ask("status").split("|")[1]) > RATE, "a second of recording")
         editor.picture("recording")
-        editor.press(key("R"), until="Recorded")
+        editor.press("R", until="Recorded")
         recorded = editor.frames() - 4 * RATE
         self.assertGreater(recorded, RATE)
         written = self.folder / "tone.wav"
         editor.export(written)
-        samples = read_wave(written)
+        with wave.open(str(written)) as file:
+            samples = array.array("h", file.readframes(file.getnframes()))
         self.assertEqual(samples[:8 * RATE], self.samples)
         # The microphone hears 440 Hz at half the full scale.
         tone = samples[2 * (4 * RATE + recorded // 4):2 * (4 * RATE + 3 * recorded // 4):2]
@@ -227,12 +211,12 @@ class EditorTest(unittest.TestCase):
         other = self.folder / "other.wav"
         program.tool("sox", "-D", "-n", "-r", 48000, "-c", 1, "-b", 16, other, "synth", 2, "sine", 440)
         editor.press(END)
-        editor.press("ctrl", key("I"))
+        editor.press(CTRL, "I")
         editor.answer("Insert files", OK, FILE_NAME, windows(other))
         editor.ask("await", f"channels, {10 * RATE}")
         broken = self.folder / "broken.wav"
         broken.write_bytes(b"RIFF, but no more")
-        editor.press("ctrl", key("I"))
+        editor.press(CTRL, "I")
         editor.answer("Insert files", OK, FILE_NAME, windows(broken))
         said = editor.answer("Marlinda Editor", OK)
         self.assertIn("broken.wav", said)
@@ -248,9 +232,9 @@ class EditorTest(unittest.TestCase):
 
     def test_a_loop_follows_the_selection_and_a_lost_device_is_explained(self):
         with sound_server(pipes=False) as environment, Editor(self.source, environment=environment) as editor:
-            editor.press(key("F"), until=f"channels, {4 * RATE}")
+            editor.press("F", until=f"channels, {4 * RATE}")
             editor.select(300, 500)
-            editor.press("shift", SPACE, until="Looping")
+            editor.press(SHIFT, SPACE, until="Looping")
             first, last = editor.select(600, 900)
             wait_until(lambda: first < int(editor.ask("status").split("|")[1]) < last, "the other section")
             editor.picture("playing-with-meters")

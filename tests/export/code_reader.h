@@ -42,33 +42,29 @@ class CodeReader final : public RampSource {
     SHORT channels = 1;
     __int64 frames = 0;
     int bits = 16;
-    // Runs before each read. A failure is returned, and the block left as this left it.
-    std::function<HRESULT(__int64 position, std::span<float> samples)> before_read = {};
+    // Runs before each read, with the block, which stays as this left it when read_result fails.
+    std::function<void(__int64 position, std::span<float> samples)> before_read = {};
   };
 
   explicit CodeReader(const Setup& setup)
       : RampSource('A', setup.channels, nullptr, 44100), setup_(setup) {
     frames = setup.frames;
   }
-  static ComPtr<IAudioReader> Create(const Setup& setup) { return MakeObject<CodeReader>(setup); }
+  static ComPtr<CodeReader> Create(const Setup& setup) { return MakeObject<CodeReader>(setup); }
 
   STDMETHODIMP ReadAudio(__int64 position, SAFEARRAY* array) override {
-    const std::span<float> samples(static_cast<float*>(array->pvData),
-                                   array->rgsabound[0].cElements);
-    const HRESULT hr = setup_.before_read ? setup_.before_read(position, samples) : S_OK;
-    return FAILED(hr) ? hr : RampSource::ReadAudio(position, array);
+    auto* const samples = static_cast<float*>(array->pvData);
+    if (setup_.before_read) setup_.before_read(position, {samples, array->rgsabound[0].cElements});
+    return RampSource::ReadAudio(position, array);
   }
 
  private:
   // The float that the engine's rules turn into the code.
   float At(__int64 frame, int channel) const override {
-    const float scale = setup_.bits == 8    ? 127.0F
-                        : setup_.bits == 16 ? 32767.0F
-                        : setup_.bits == 24 ? 0x1p23F
-                                            : 0x1p31F;
-    return static_cast<float>(
-               CodeAt(static_cast<std::uint64_t>(frame * channels() + channel), setup_.bits)) /
-           scale;
+    const int bits = setup_.bits;
+    const float scale = bits == 8 ? 127 : bits == 16 ? 32767 : bits == 24 ? 0x1p23F : 0x1p31F;
+    const auto index = static_cast<std::uint64_t>(frame * channels() + channel);
+    return static_cast<float>(CodeAt(index, bits)) / scale;
   }
 
   const Setup setup_;

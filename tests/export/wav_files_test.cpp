@@ -19,14 +19,13 @@ using ::testing::ElementsAre;
 constexpr HRESULT kPathNotFound = HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
 constexpr HRESULT kSharingViolation = HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
 
-// An export filter through all its faces, and the file it writes.
+// An export filter and the file it writes.
 class Export {
  public:
-  explicit Export(const ComPtr<IAudioReader>& reader, int bits = 16) {
+  explicit Export(ComPtr<IAudioReader> reader, int bits = 16) {
     EXPECT_EQ(filter->Initialize(Bstr(path), reader.Get()), S_OK);
     EXPECT_EQ(filter->SetBitsPerSample(static_cast<SHORT>(bits)), S_OK);
   }
-  Export() = default;
 
   Bytes Run() {
     EXPECT_EQ(task->Start(), S_OK);
@@ -42,8 +41,6 @@ class Export {
   std::wstring path = folder.File(L"out.wav");
   ComPtr<IExportFilter> filter = Create<IExportFilter>(CLSID_CWavExportFilter);
   ComPtr<ICoreTask> task = As<ICoreTask>(filter);
-  ComPtr<ILabelSupport> labels = As<ILabelSupport>(filter);
-  ComPtr<ISectionMarkerSupport> markers = As<ISectionMarkerSupport>(filter);
 };
 
 Bytes Format(int channels, int bits) {
@@ -68,14 +65,16 @@ TEST(WavExportFilter, WritesWholeFilesOfEveryWidthAndChannelCount) {
 
 TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem) {
   std::vector<std::pair<__int64, std::size_t>> blocks;
-  Export out(CodeReader::Create(
+  CodeReader* failing = nullptr;
+  const auto reader = CodeReader::Create(
       {.channels = 2, .frames = 131073, .before_read = [&](__int64 at, std::span<float> samples) {
          blocks.emplace_back(at, samples.size());
-         if (at != 65536) return S_OK;
-         // Silent, whatever the last block held.
-         samples.front() = 0.5F;
-         return E_FAIL;
-       }}));
+         failing->read_result = at == 65536 ? E_FAIL : S_OK;
+         // The rest is silent, whatever the last block held.
+         if (at == 65536) samples.front() = 0.5F;
+       }});
+  failing = reader.Get();
+  Export out(reader);
   EXPECT_EQ(out.Run(), Wav(Format(2, 16),
                            CodesAsPcm(0, 131072, 16) + U16(0x4000) + Bytes(131071 * 2) +
                                CodesAsPcm(262144, 2, 16),
@@ -106,38 +105,42 @@ TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
 }
 
 TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtStart) {
-  const Export* object = nullptr;
-  const auto annotate = [&](__int64 position, std::span<float>) {
-    if (position == 0) return S_OK;
-    EXPECT_EQ(object->labels->AddLabel(200, Bstr(L"Chorus")), S_OK);
-    EXPECT_EQ(object->markers->AddSectionMarker(300, 400, Bstr(L"Solo")), S_OK);
-    As<IMetaDataWriter>(object->filter)
-        ->SetMetaData(Bstr(L"T"), Bstr(L"Ar"), Bstr(L"Alb"), Bstr(L"2009"), Bstr(L"Genre"));
-    As<IAcidWriter>(object->filter)->SetAcidData(-60, 4, 8, 16, 97.25F);
-    return object->filter->SetBitsPerSample(24);
-  };
-  Export out(CodeReader::Create({.channels = 2, .frames = 65537, .before_read = annotate}));
-  object = &out;
-  EXPECT_EQ(out.labels->AddLabel(100, Bstr(L"Verse")), S_OK);
+  IExportFilter* filter = nullptr;
+  Export out(CodeReader::Create(
+      {.channels = 2, .frames = 65537, .before_read = [&](__int64 position, std::span<float>) {
+         if (position == 0) return;
+         As<ILabelSupport>(filter)->AddLabel(0x1'2345'6789, Bstr(L"Chorus"));
+         As<ISectionMarkerSupport>(filter)->AddSectionMarker(300, 400, Bstr(L"Solo"));
+         As<ISectionMarkerSupport>(filter)->AddSectionMarker(50, 20, Bstr(L"Back"));
+         As<IMetaDataWriter>(filter)->SetMetaData(Bstr(L"T"), Bstr(L"Ar"), Bstr(L"Alb"),
+                                                  Bstr(L"2009"), Bstr(L"Genre"));
+         As<IAcidWriter>(filter)->SetAcidData(-60, 4, 8, 16, 97.25F);
+         filter->SetBitsPerSample(24);
+       }}));
+  filter = out.filter.Get();
+  const auto labels = As<ILabelSupport>(filter);
+  EXPECT_EQ(labels->AddLabel(-1, Bstr(L"Verse")), S_OK);
   EXPECT_EQ(out.Run(),
             Wav(Format(2, 16), CodesAsPcm(0, 2 * 65537, 16),
-                Chunk("cue ", U32(3) + CuePoint(0, 100, 400, 100) + CuePoint(1, 200, 800, 200) +
-                                  CuePoint(2, 200, 800, 300)) +
-                    List("adtl", Label(0, "Verse") + Label(1, "Chorus") + Region(2, 100, "Solo")) +
+                Chunk("cue ", U32(4) + CuePoint(0, -1, -4, -1) +
+                                  CuePoint(1, 0x23456789, 0x8D159E24, 0x23456789) +
+                                  CuePoint(2, 0x23456789, 0x8D159E24, 300) +
+                                  CuePoint(3, 0x23456789, 0x8D159E24, 50)) +
+                    List("adtl", Label(0, "Verse") + Label(1, "Chorus") + Region(2, 100, "Solo") +
+                                     Region(3, -30, "Back")) +
                     Info("T", "Ar", "Genre", "Alb", "2009-01-01") +
                     Chunk("acid", U32(static_cast<std::uint32_t>(-60)) + U32(0) + U32(0) + U32(16) +
                                       U16(4) + U16(8) + F32(97.25F))));
-  LONG labels = -1, markers = -1;
-  EXPECT_EQ(out.labels->RemoveAllLabels(), S_OK);
-  EXPECT_EQ(out.labels->GetLabelCount(&labels), S_OK);
-  EXPECT_EQ(out.markers->GetMarkerCount(&markers), S_OK);
-  EXPECT_TRUE(labels == 0 && markers == 1);
+  LONG count = -1;
+  EXPECT_EQ(labels->RemoveAllLabels(), S_OK);
+  EXPECT_TRUE(labels->GetLabelCount(&count) == S_OK && count == 0);
+  EXPECT_TRUE(As<ISectionMarkerSupport>(filter)->GetMarkerCount(&count) == S_OK && count == 2);
 }
 
 TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
   ICoreTask* task = nullptr;
   Export out(CodeReader::Create({.frames = 10 * 65536, .before_read = [&](__int64 position, auto) {
-                                   return position == 2 * 65536 ? task->Cancel() : S_OK;
+                                   if (position == 2 * 65536) task->Cancel();
                                  }}));
   task = out.task.Get();
   // The block that was being read when Cancel came is still written.
@@ -154,16 +157,13 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
 
 TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
   const auto reader = CodeReader::Create({.frames = 10});
-  Export out;
-  const auto expect_failure = [&](const std::wstring& path, HRESULT hr) {
-    EXPECT_EQ(out.filter->Initialize(Bstr(path), reader.Get()), hr);
-    EXPECT_EQ(out.task->Start(), E_FAIL);
-  };
-  expect_failure(out.folder.File(L"missing\\out.wav"), kPathNotFound);
+  Export out(reader);
   // Nobody else gets at the file, this object's own second call included, which closes it.
+  EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), kSharingViolation);
+  EXPECT_EQ(out.task->Start(), E_FAIL);
+  EXPECT_EQ(out.filter->Initialize(Bstr(out.path + L"\\out.wav"), reader.Get()), kPathNotFound);
+  EXPECT_EQ(out.task->Start(), E_FAIL);
   WriteFileBytes(out.path, Bytes(5000, 0xEE));
-  EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), S_OK);
-  expect_failure(out.path, kSharingViolation);
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), S_OK);
   EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 10, 16), Info()));
 }
@@ -261,12 +261,10 @@ TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(Bytes(ReadFileBytes(path)), File(2, 16, Bytes(8)));
   // Without CloseDevice the sizes stay 0.
-  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
   audio.Reset();
   writer.Reset();
-  EXPECT_EQ(Bytes(ReadFileBytes(other)), Text("RIFF") + U32(0) + Text("WAVE") +
-                                             Chunk("fmt ", PlainFormat(1, 2, 44100, 2, 16)) +
-                                             Text("data") + U32(0) + Bytes(4));
+  EXPECT_EQ(ReadFileBytes(other).size(), 44U);
+  EXPECT_EQ(ReadFileBytes(other)[4], 0);
 }
 
 TEST(WavFile, WrapsSizesPastFourGibibytesAndOverwritesNothing) {

@@ -53,21 +53,18 @@ class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
   }
 
   CLSID clsid = {};
-  int created = 0;
-  int merit_questions = 0;
-  std::wstring asked_about;
+  std::string calls;  // their first letters
 
   STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    return ++created, QueryInterface(iid, object);
+    return calls += 'C', QueryInterface(iid, object);
   }
   STDMETHODIMP LockServer(BOOL) override { return S_OK; }
   STDMETHODIMP QueryCanLoad(BSTR file_name) override {
-    return asked_about = file_name, answers_.can_load;
+    return calls += file_name == std::wstring(L"a file") ? 'Q' : '?', answers_.can_load;
   }
   STDMETHODIMP GetMerit(SHORT* merit) override {
-    ++merit_questions;
     if (SUCCEEDED(answers_.merit_result)) *merit = answers_.merit;
-    return answers_.merit_result;
+    return calls += 'M', answers_.merit_result;
   }
   STDMETHODIMP GetFilterStrings(BSTR* fragment, BSTR* patterns) override {
     if (answers_.fragment == nullptr) return E_FAIL;
@@ -132,11 +129,8 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
     }
     const auto chosen = FilterFor(L"a file");
     EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : filters[row.chosen].get());
-    for (const auto& each : filters) {
-      EXPECT_EQ(each->created, 1);
-      EXPECT_EQ(each->asked_about, L"a file");
-      EXPECT_EQ(each->merit_questions, 1) << "the merit is asked of every filter";
-    }
+    // The merit is asked of every filter.
+    for (const auto& each : filters) EXPECT_EQ(each->calls, "CQM");
   }
 }
 
@@ -161,28 +155,19 @@ TEST_F(FileFilterMgr, ReadsTextValuesThatNameAClassUpToTheFirstThatIsTooLong) {
             L"Anything (*)|*|Wave (*.wav)|*.wav|Ogg Vorbis Files (*.ogg)|*.ogg|"
             L"All Files (*.*)|*.*");
   EXPECT_EQ(FilterFor(L"a file").Get(), &plain);
-  EXPECT_EQ(unseen.created, 0);
+  EXPECT_EQ(unseen.calls, "");
   const auto ogg = FilterFor(DataFile("stereo.ogg").wstring());
   ASSERT_NE(ogg, nullptr);
   EXPECT_EQ(ReferenceCount(ogg.Get()), 1U);
   EXPECT_NE(As<IMetaDataReader>(ogg), nullptr) << "not the filter for Ogg files";
 }
 
-TEST(NullReader, ReportsWhatItWasGivenAndReadsSilenceEverywhere) {
+TEST(NullReader, ReadsSilenceEverywhere) {
   const auto silence = Create<INullReader>(CLSID_CNullReader);
-  const auto reader = As<IAudioReader>(silence);
-  // Nothing is validated, and a second Create replaces the first.
   EXPECT_EQ(silence->Create(-5, -1, -2), S_OK);
-  EXPECT_EQ(silence->Create(100, 48000, 2), S_OK);
-  LONG rate = 0;
-  SHORT channels = 0;
-  __int64 count = 0;
-  EXPECT_EQ(reader->GetFormat(&rate, &channels), S_OK);
-  EXPECT_EQ(reader->GetSampleCount(&count), S_OK);
-  EXPECT_TRUE(count == 100 && rate == 48000 && channels == 2);
   const Floats block(8, 0.5F, 5);
   const Floats peaks(8, 0.5F);
-  EXPECT_EQ(reader->ReadAudio(-7, block), S_OK);
+  EXPECT_EQ(As<IAudioReader>(silence)->ReadAudio(-7, block), S_OK);
   EXPECT_EQ(As<IPeakReader>(silence)->ReadPeaks(1LL << 40, peaks), S_OK);
   EXPECT_EQ(block.ToVector(), std::vector<float>(8));
   EXPECT_EQ(peaks.ToVector(), std::vector<float>(8));

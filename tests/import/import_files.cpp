@@ -17,7 +17,7 @@ namespace marlinda::testing {
 namespace {
 
 void ImportFile(const std::filesystem::path& path, bool count) {
-  const bool is_ogg = count && path.extension() == ".ogg";
+  const bool is_ogg = path.extension() == ".ogg";
   const auto filter = Create<IImportFilter>(is_ogg ? CLSID_COggImport : CLSID_CDShowImport);
   const auto writer = MakeObject<RecordingWriter>();
   std::size_t samples = 0;

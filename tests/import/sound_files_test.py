@@ -36,12 +36,14 @@ CODED = {
     "adpcm.wav": (["-c:a", "adpcm_ms"], 200),
     "tone.mp2": (["-c:a", "mp2"], 1152),
     "tone.wma": (["-b:a", "192k"], 5000),
+    "tone.ogg": ([], 0),
+    "ulaw.aifc": (["-c:a", "pcm_mulaw"], 0),
     "pcm.avi": (["-c:a", "pcm_s16le"], 0),
     "film.avi": (VIDEO + ["-map", "0", "-map", "1", "-c:v", "mpeg4", "-c:a", "pcm_s16le"], 0),
     "film.wmv": (VIDEO + ["-map", "0", "-map", "1", "-c:v", "wmv2", "-c:a", "wmav2"], 5000),
 }
-OTHER_KINDS = ["tone.ogg", "tone.flac", "tone.mka", "tone.m4a"]
-REFUSED = OTHER_KINDS + ["silent.avi", "text.wav", "noise.mp3", "hollow.wav"]
+OTHER_KINDS = ["tone.flac", "tone.mka", "tone.m4a"]
+REFUSED = OTHER_KINDS + ["silent.avi", "text.wav", "hollow.wav"]
 
 
 def tool(*words):
@@ -73,9 +75,7 @@ def engine_floats(codes, kind):
 class SoundFiles(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(folder.cleanup)
-        cls.folder = pathlib.Path(folder.name)
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         source = cls.folder.with_suffix(".source.wav")
         cls.addClassCleanup(source.unlink)
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 32, source, "synth",
@@ -88,7 +88,6 @@ class SoundFiles(unittest.TestCase):
             ffmpeg("-i", source, cls.folder / name)
         ffmpeg(*VIDEO, "-c:v", "mpeg4", cls.folder / "silent.avi")
         (cls.folder / "text.wav").write_text("no sound at all\n" * 100)
-        (cls.folder / "noise.mp3").write_bytes(bytes(range(7, 71)))
         (cls.folder / "hollow.wav").write_bytes((cls.folder / "s16.wav").read_bytes()[:36])
         # Wine's helper processes live on for a while and would keep pipes open.
         with tempfile.TemporaryFile() as output:
@@ -126,10 +125,12 @@ class SoundFiles(unittest.TestCase):
                 if name.startswith("film.w") or name.endswith(".wma"):
                     self.assertGreater(max(got), 0.2)
                     continue
-                codes = ffmpeg("-i", self.folder / name, "-f", "s16le", "-")
+                # ffmpeg counts the padding of Ogg files.
+                most = 4 * FRAMES if name.endswith(".ogg") else None
+                codes = ffmpeg("-i", self.folder / name, "-f", "s16le", "-")[:most]
                 expected = engine_floats(codes, "s16le")
                 self.assertEqual(len(got), len(expected))
-                steps = 1.1 if ".mp" in name else 0
+                steps = 1.1 if name.endswith((".mp3", ".mp2", ".ogg")) else 0
                 self.assertLessEqual(max(abs(a - b) for a, b in zip(got, expected)), steps / 32767)
 
     def test_what_has_no_sound_is_refused(self):
