@@ -36,9 +36,6 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   // A class that no type library describes hides this with false.
   static constexpr bool kHasClassInfo = true;
 
-  Object(const Object&) = delete;
-  Object& operator=(const Object&) = delete;
-
   // IUnknown: the outer object's when this one is aggregated, our own otherwise.
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     return outer_->QueryInterface(iid, object);

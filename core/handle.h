@@ -20,8 +20,6 @@ class Handle {
     if (this != &other) Reset(other.Detach());
     return *this;
   }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
   ~Handle() { Reset(); }
 
   Raw get() const noexcept { return raw_; }

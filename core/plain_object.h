@@ -15,9 +15,6 @@ namespace marlinda {
 template <class Interface>
 class PlainObject : public Interface {
  public:
-  PlainObject(const PlainObject&) = delete;
-  PlainObject& operator=(const PlainObject&) = delete;
-
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;

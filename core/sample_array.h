@@ -70,8 +70,6 @@ class ScratchCache {
  public:
   ScratchCache() noexcept = default;
   ~ScratchCache() { delete kept_.load(); }
-  ScratchCache(const ScratchCache&) = delete;
-  ScratchCache& operator=(const ScratchCache&) = delete;
 
   std::unique_ptr<SampleArray> Take();
   void GiveBack(std::unique_ptr<SampleArray> array) noexcept;
@@ -85,8 +83,6 @@ class ScratchLease {
  public:
   explicit ScratchLease(ScratchCache& cache) : cache_(cache), array_(cache.Take()) {}
   ~ScratchLease() { cache_.GiveBack(std::move(array_)); }
-  ScratchLease(const ScratchLease&) = delete;
-  ScratchLease& operator=(const ScratchLease&) = delete;
 
   SampleArray* operator->() const noexcept { return array_.get(); }
 

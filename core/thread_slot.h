@@ -24,8 +24,6 @@ class ThreadSlot {
  private:
   struct Index {
     Index() noexcept : value(TlsAlloc()) {}
-    Index(const Index&) = delete;
-    Index& operator=(const Index&) = delete;
     ~Index() { TlsFree(value); }
     const DWORD value;
   };

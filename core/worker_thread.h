@@ -25,8 +25,6 @@ class WorkerThread {
   WorkerThread() noexcept = default;
   // Waits for the body to end, except on the worker itself, where waiting would never end.
   ~WorkerThread();
-  WorkerThread(const WorkerThread&) = delete;
-  WorkerThread& operator=(const WorkerThread&) = delete;
 
   // Starts the body; the HRESULT of the system when no thread could be made. A thread that has
   // ended is replaced. E_FAIL while one is running. An exception of the body ends the thread

@@ -181,9 +181,6 @@ class GraphFilter : public IBaseFilter {
  public:
   static ComPtr<GraphFilter> Make() { return new GraphFilter; }
 
-  GraphFilter(const GraphFilter&) = delete;
-  GraphFilter& operator=(const GraphFilter&) = delete;
-
   template <class Pin, class... Arguments>
   Pin& AddPin(Arguments&&... arguments) {
     auto pin = std::make_unique<Pin>(*this, std::forward<Arguments>(arguments)...);

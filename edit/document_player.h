@@ -22,8 +22,6 @@ class DocumentPlayer {
   explicit DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept;
   // Stops playing and scrubbing and waits for their threads, unless the playback thread calls.
   ~DocumentPlayer();
-  DocumentPlayer(const DocumentPlayer&) = delete;
-  DocumentPlayer& operator=(const DocumentPlayer&) = delete;
 
   // By its index from 0, -1 for the default; used by the next start.
   void SetDevice(LONG index) noexcept { device_ = index; }

@@ -63,8 +63,6 @@ inline bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept {
 class EncodedFile {
  public:
   EncodedFile() = default;
-  EncodedFile(const EncodedFile&) = delete;
-  EncodedFile& operator=(const EncodedFile&) = delete;
   // Without Finish before it, the file stays cut off.
   virtual ~EncodedFile() = default;
 

@@ -12,9 +12,6 @@ namespace marlinda {
 // A dialog edits values of its own object, and its results are worth taking only after IDOK.
 class SettingsDialog {
  public:
-  SettingsDialog(const SettingsDialog&) = delete;
-  SettingsDialog& operator=(const SettingsDialog&) = delete;
-
   // Shows the dialog, modal to `owner`, which may be null, and returns IDOK or IDCANCEL, the latter
   // also when the window was closed. Any other result means that there was no dialog: no such
   // owner, or its controls could not be set up.

@@ -16,8 +16,6 @@ class FunctionReader final : public IAudioReader {
   FunctionReader(IAudioReader* source, ReadFunction read)
       : source_(source), read_(std::move(read)) {}
   virtual ~FunctionReader() = default;
-  FunctionReader(const FunctionReader&) = delete;
-  FunctionReader& operator=(const FunctionReader&) = delete;
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     if (object == nullptr) return E_POINTER;

@@ -33,8 +33,6 @@ class CodecMemory {
   CodecMemory() = default;
   // A part of `whole`, which outlives it: their blocks are counted together.
   explicit CodecMemory(CodecMemory* whole) : whole_(whole) {}
-  CodecMemory(const CodecMemory&) = delete;
-  CodecMemory& operator=(const CodecMemory&) = delete;
   // Frees the blocks that the library has not freed: some of damaged files, all after an exception.
   ~CodecMemory();
 

@@ -27,8 +27,6 @@ class DShowStream {
   // Null when no filter can decode the file, or it has no sound.
   static std::unique_ptr<DShowStream> Open(const std::wstring& file_name);
 
-  DShowStream(const DShowStream&) = delete;
-  DShowStream& operator=(const DShowStream&) = delete;
   ~DShowStream();
 
   const PcmFormat& format() const noexcept { return format_; }

@@ -23,8 +23,6 @@ class MpegStream {
   // Null where there are no frames. `file` outlives the stream.
   static std::unique_ptr<MpegStream> Open(ByteSource& file, const ByteRange& range);
 
-  MpegStream(const MpegStream&) = delete;
-  MpegStream& operator=(const MpegStream&) = delete;
   ~MpegStream();
 
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }

@@ -44,8 +44,6 @@ struct VorbisStream::Decoder {
   bool whole = true;
 
   explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
   // For library calls that may allocate.
   template <class Function>
   auto Call(Function&& function) {

@@ -32,8 +32,6 @@ class VorbisStream {
   static std::unique_ptr<VorbisStream> Open(FilePointer file,
                                             unsigned threads = std::thread::hardware_concurrency());
 
-  VorbisStream(const VorbisStream&) = delete;
-  VorbisStream& operator=(const VorbisStream&) = delete;
   ~VorbisStream();
 
   // The format of the first link of a chain; Read delivers nothing else.

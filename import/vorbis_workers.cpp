@@ -38,8 +38,6 @@ struct VorbisWorkers::Decoder {
     if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
     vorbis_block_init(&state, &block);
   }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
   // For a library with a heap of its own. After a failure it must not be called again.
   ~Decoder() {
     if (failed) return;

@@ -38,8 +38,6 @@ class VorbisWorkers {
                                               unsigned threads);
 
   VorbisWorkers(OggVorbis_File& file, std::size_t packets_of_group);
-  VorbisWorkers(const VorbisWorkers&) = delete;
-  VorbisWorkers& operator=(const VorbisWorkers&) = delete;
   // Cancels and waits, for one packet at most.
   ~VorbisWorkers();
 

@@ -33,8 +33,6 @@ class SourceFeed {
   SourceFeed() = default;
   // `reader` is borrowed until DetachReader. Null means that an import filter writes the samples.
   SourceFeed(IAudioReader* reader, const StreamFormat& target);
-  SourceFeed(const SourceFeed&) = delete;
-  SourceFeed& operator=(const SourceFeed&) = delete;
 
   const StreamFormat& target() const noexcept { return target_; }
   PacedQueue& queue() noexcept { return queue_; }

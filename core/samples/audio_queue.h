@@ -16,8 +16,6 @@ class CAudioQueue {
  public:
   CAudioQueue() : ring_(kGrowMinimum) {}
   virtual ~CAudioQueue() = default;
-  CAudioQueue(const CAudioQueue&) = delete;
-  CAudioQueue& operator=(const CAudioQueue&) = delete;
 
   // Samples waiting. Read without the lock: only the consumer lowers it, so a stale value never
   // promises it too much.

@@ -40,8 +40,6 @@ class Recorder {
   Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool, const AudioFormat& format,
            std::int64_t frames);
   ~Recorder();
-  Recorder(const Recorder&) = delete;
-  Recorder& operator=(const Recorder&) = delete;
 
   bool IsRunning() const { return running_; }
   std::int64_t recorded() const { return recorded_; }

@@ -44,8 +44,6 @@ class Scrubber {
     Check(scrub_->StartScrub());
   }
   ~Scrubber() { scrub_->StopScrub(); }
-  Scrubber(const Scrubber&) = delete;
-  Scrubber& operator=(const Scrubber&) = delete;
 
   void Hold(std::int64_t position, std::chrono::microseconds time) {
     MoveTo(position);
