@@ -52,10 +52,16 @@ HRESULT ComCall(Body&& body) noexcept {
   }
 }
 
-// E_POINTER when any of the out-pointers is null.
-template <class... Pointers>
-HRESULT RequirePointers(Pointers*... pointers) noexcept {
-  return ((pointers != nullptr) && ...) ? S_OK : E_POINTER;
+// Stores values through out-pointers: SetOut(pnRate, rate, pnChannels, channels). E_POINTER, and
+// nothing stored, when a pointer is null.
+template <class T, class... Rest>
+HRESULT SetOut(T* out, std::type_identity_t<T> value, Rest... rest) noexcept {
+  if (out == nullptr) return E_POINTER;
+  if constexpr (sizeof...(rest) > 0) {
+    if (FAILED(SetOut(rest...))) return E_POINTER;
+  }
+  *out = value;
+  return S_OK;
 }
 
 }  // namespace marlinda

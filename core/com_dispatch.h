@@ -11,6 +11,8 @@
 // After windows.h.
 #include <oaidl.h>
 
+#include "core/com_call.h"
+
 namespace marlinda {
 
 HRESULT DispatchGetTypeInfo(REFIID iid, UINT index, ITypeInfo** info) noexcept;
@@ -36,11 +38,7 @@ HRESULT DispatchInvoke(REFIID iid, void* instance, DISPID member, REFIID reserve
 template <class I>
 class Dual : public I {
  public:
-  STDMETHODIMP GetTypeInfoCount(UINT* count) override {
-    if (count == nullptr) return E_POINTER;
-    *count = 1;
-    return S_OK;
-  }
+  STDMETHODIMP GetTypeInfoCount(UINT* count) override { return SetOut(count, 1); }
   STDMETHODIMP GetTypeInfo(UINT index, LCID, ITypeInfo** info) override {
     return DispatchGetTypeInfo(__uuidof(I), index, info);
   }

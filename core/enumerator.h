@@ -45,10 +45,7 @@ class Enumerator final : public PlainObject<Interface> {
   STDMETHODIMP Clone(Interface** clone) override {
     if (clone == nullptr) return E_POINTER;
     *clone = nullptr;
-    return ComCall([&] {
-      *clone = new Enumerator(entries_, next_);
-      return S_OK;
-    });
+    return ComCall([&] { *clone = new Enumerator(entries_, next_); });
   }
 
  private:

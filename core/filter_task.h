@@ -38,9 +38,7 @@ inline HRESULT HandOut(std::initializer_list<OutText> texts) noexcept {
 }
 
 inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
-  if (out == nullptr) return E_POINTER;
-  *out = value ? VARIANT_TRUE : VARIANT_FALSE;
-  return S_OK;
+  return SetOut(out, value ? VARIANT_TRUE : VARIANT_FALSE);
 }
 
 // The state that a filter shares with its worker. It outlives whichever of them ends first.
@@ -72,8 +70,8 @@ class FilterTask : public Object<Class, Interfaces...> {
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;
     if (total <= 0) return E_FAIL;
     const __int64 position = std::min<__int64>(job_->position, total);
-    *pfProgress = static_cast<float>(static_cast<double>(position) / static_cast<double>(total));
-    return S_OK;
+    return SetOut(pfProgress,
+                  static_cast<float>(static_cast<double>(position) / static_cast<double>(total)));
   }
   STDMETHODIMP GetName(BSTR* pbstrName) override {
     return ComCall([&] {
@@ -89,11 +87,7 @@ class FilterTask : public Object<Class, Interfaces...> {
       return HandOut({{pbstrFilterString, text}, {pbstrExtensions, Class::kPatterns}});
     });
   }
-  STDMETHODIMP GetMerit(SHORT* pnMerit) override {
-    if (pnMerit == nullptr) return E_POINTER;
-    *pnMerit = Class::kMerit;
-    return S_OK;
-  }
+  STDMETHODIMP GetMerit(SHORT* pnMerit) override { return SetOut(pnMerit, Class::kMerit); }
 
  protected:
   // Cancels a running job and waits for it.

@@ -22,10 +22,7 @@ DWORD WINAPI Run(void* parameter) noexcept {
   {
     const std::unique_ptr<Job> job(static_cast<Job*>(parameter));
     module = job->module;
-    ComCall([&] {
-      job->body();
-      return S_OK;
-    });
+    ComCall(job->body);
   }
   // The count ended with the job, so the host may free the module from here on. The reference keeps
   // the code loaded until the thread has left it.

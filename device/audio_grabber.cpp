@@ -13,14 +13,11 @@
 #include "core/sample_array.h"
 #include "core/samples/audio_queue.h"
 #include "core/samples/sample_converter.h"
-#include "device/device_format.h"
 
 namespace marlinda {
 namespace {
 
 constexpr std::size_t kBufferCount = 16;
-// For a fresh object; an explicit SetFormat gives 40 ms instead.
-constexpr std::uint32_t kInitialBufferBytes = 4096;
 constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
@@ -156,10 +153,7 @@ struct CAudioGrabber::Job {
   std::size_t next = 0;
 };
 
-CAudioGrabber::CAudioGrabber()
-    : samples_(std::make_shared<Samples>()),
-      format_(DeviceFormat(44100, 2, 16)),
-      buffer_bytes_(kInitialBufferBytes) {}
+CAudioGrabber::CAudioGrabber() : samples_(std::make_shared<Samples>()) {}
 
 CAudioGrabber::~CAudioGrabber() { Close(); }
 
@@ -169,12 +163,6 @@ STDMETHODIMP CAudioGrabber::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHOR
   buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
   // Half a frame at the end of a buffer would be lost, and every later sample shifted.
   if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioGrabber::SetDevice(LONG nDeviceId) {
-  const std::lock_guard lock(mutex_);
-  device_id_ = static_cast<UINT>(nDeviceId);
   return S_OK;
 }
 
@@ -196,19 +184,6 @@ STDMETHODIMP CAudioGrabber::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
   });
 }
 
-STDMETHODIMP CAudioGrabber::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
-  if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  const std::lock_guard lock(mutex_);
-  *pnSamplesPerSec = static_cast<LONG>(format_.nSamplesPerSec);
-  *pnChannels = static_cast<SHORT>(format_.nChannels);
-  return S_OK;
-}
-
-STDMETHODIMP CAudioGrabber::GetSampleCount(__int64*) {
-  // A live source has no length.
-  return E_NOTIMPL;
-}
-
 STDMETHODIMP CAudioGrabber::OpenDevice() {
   return ComCall([&]() -> HRESULT {
     const std::lock_guard opening_lock(opening_mutex_);
@@ -226,12 +201,6 @@ STDMETHODIMP CAudioGrabber::OpenDevice() {
     job_ = std::move(job);
     return S_OK;
   });
-}
-
-STDMETHODIMP CAudioGrabber::CloseDevice() {
-  const std::lock_guard opening_lock(opening_mutex_);
-  Close();
-  return S_OK;
 }
 
 void CAudioGrabber::Close() {

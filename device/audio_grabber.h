@@ -2,7 +2,6 @@
 #pragma once
 
 #include <marlinda.h>
-// After windows.h.
 #include <mmsystem.h>
 
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include <mutex>
 
 #include "core/com_object.h"
+#include "device/device_format.h"
 
 namespace marlinda {
 
@@ -26,14 +26,26 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
 
   // IAudioGrabber
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override;
-  STDMETHODIMP SetDevice(LONG nDeviceId) override;
+  STDMETHODIMP SetDevice(LONG nDeviceId) override {
+    const std::lock_guard lock(mutex_);
+    device_id_ = static_cast<UINT>(nDeviceId);
+    return S_OK;
+  }
 
   // IAudioReader
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const std::lock_guard lock(mutex_);
+    return SetOut(pnSamplesPerSec, format_.nSamplesPerSec, pnChannels, format_.nChannels);
+  }
+  // A live source has no length.
+  STDMETHODIMP GetSampleCount(__int64*) override { return E_NOTIMPL; }
   STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP CloseDevice() override {
+    const std::lock_guard opening_lock(opening_mutex_);
+    Close();
+    return S_OK;
+  }
 
  private:
   struct Samples;
@@ -52,8 +64,9 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   // Null while closed.
   std::shared_ptr<Job> job_;
   // For the next opening.
-  WAVEFORMATEX format_;
-  std::uint32_t buffer_bytes_;
+  WAVEFORMATEX format_ = DeviceFormat(44100, 2, 16);
+  // An explicit SetFormat gives 40 ms instead.
+  std::uint32_t buffer_bytes_ = 4096;
   UINT device_id_ = WAVE_MAPPER;
 };
 

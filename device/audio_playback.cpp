@@ -15,7 +15,6 @@
 #include "core/handle.h"
 #include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
-#include "device/device_format.h"
 
 namespace marlinda {
 namespace {
@@ -306,53 +305,18 @@ struct CAudioPlayback::Job {
   std::atomic<bool> reset_wanted{false};
 };
 
-CAudioPlayback::CAudioPlayback() noexcept : format_(DeviceFormat(0, 0, 16)) {}
-
 CAudioPlayback::~CAudioPlayback() { Close(); }
 
-STDMETHODIMP CAudioPlayback::SetBufferLength(LONG nMilliSecs) {
-  const std::lock_guard lock(mutex_);
-  buffer_millisecs_ = static_cast<std::uint32_t>(nMilliSecs);
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
-  const std::lock_guard lock(mutex_);
-  format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
-  // The format is stored nevertheless; ignore this result.
-  return E_NOTIMPL;
-}
-
 STDMETHODIMP CAudioPlayback::GetPlaybackPos(__int64* nPlaybackPos) {
-  if (nPlaybackPos == nullptr) return E_POINTER;
   const auto job = OpenJob();
   const std::uint32_t played = job ? job->Position() : 0;
   const std::lock_guard lock(mutex_);
-  *nPlaybackPos = static_cast<std::int64_t>(static_cast<std::uint64_t>(pos_offset_) + played);
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::SetPosOffset(__int64 nOffset) {
-  const std::lock_guard lock(mutex_);
-  pos_offset_ = nOffset;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::GetPosOffset(__int64* pnOffset) {
-  if (pnOffset == nullptr) return E_POINTER;
-  const std::lock_guard lock(mutex_);
-  *pnOffset = pos_offset_;
-  return S_OK;
+  return SetOut(nPlaybackPos,
+                static_cast<std::int64_t>(static_cast<std::uint64_t>(pos_offset_) + played));
 }
 
 STDMETHODIMP CAudioPlayback::Break() {
   if (const auto job = OpenJob()) job->Break();
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::SetDevice(ULONG nDeviceId) {
-  const std::lock_guard lock(mutex_);
-  device_id_ = nDeviceId;
   return S_OK;
 }
 
@@ -364,8 +328,7 @@ STDMETHODIMP CAudioPlayback::GetOutputLevel(SHORT niChannel, float* pfOutputLeve
   const std::lock_guard lock(job->mutex);
   const auto channel = static_cast<std::uint16_t>(niChannel);
   if (channel >= job->levels.size()) return E_INVALIDARG;
-  *pfOutputLevel = job->levels[channel];
-  return S_OK;
+  return SetOut(pfOutputLevel, job->levels[channel]);
 }
 
 STDMETHODIMP CAudioPlayback::WriteAudio(SAFEARRAY* psaAudioData) {
@@ -406,23 +369,10 @@ STDMETHODIMP CAudioPlayback::OpenDevice() {
   });
 }
 
-STDMETHODIMP CAudioPlayback::CloseDevice() {
-  const std::lock_guard opening_lock(opening_mutex_);
-  Close();
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
-  const std::lock_guard lock(mutex_);
-  format_ = DeviceFormat(nSamplesPerSec, nChannels, static_cast<SHORT>(format_.wBitsPerSample));
-  return S_OK;
-}
-
 STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
   if (pbReady == nullptr) return E_POINTER;
   const auto job = OpenJob();
-  *pbReady = !job || job->IsReady() ? 1 : 0;
-  return S_OK;
+  return SetOut(pbReady, !job || job->IsReady() ? 1 : 0);
 }
 
 std::shared_ptr<CAudioPlayback::Job> CAudioPlayback::OpenJob() {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <marlinda.h>
-// After windows.h.
 #include <mmsystem.h>
 
 #include <cstdint>
@@ -12,6 +11,7 @@
 
 #include "core/com_object.h"
 #include "core/worker_thread.h"
+#include "device/device_format.h"
 
 namespace marlinda {
 
@@ -30,29 +30,56 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
 
-  CAudioPlayback() noexcept;
   ~CAudioPlayback();
 
   // IAudioPlayback
-  STDMETHODIMP SetBufferLength(LONG nMilliSecs) override;
-  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override;
+  STDMETHODIMP SetBufferLength(LONG nMilliSecs) override {
+    return Set([&] { buffer_millisecs_ = static_cast<std::uint32_t>(nMilliSecs); });
+  }
+  // Stores the format and returns E_NOTIMPL; ignore the result.
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override {
+    Set([&] { format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample); });
+    return E_NOTIMPL;
+  }
   STDMETHODIMP GetPlaybackPos(__int64* nPlaybackPos) override;
-  STDMETHODIMP SetPosOffset(__int64 nOffset) override;
-  STDMETHODIMP GetPosOffset(__int64* pnOffset) override;
+  STDMETHODIMP SetPosOffset(__int64 nOffset) override {
+    return Set([&] { pos_offset_ = nOffset; });
+  }
+  STDMETHODIMP GetPosOffset(__int64* pnOffset) override {
+    const std::lock_guard lock(mutex_);
+    return SetOut(pnOffset, pos_offset_);
+  }
   STDMETHODIMP Break() override;
-  STDMETHODIMP SetDevice(ULONG nDeviceId) override;
+  STDMETHODIMP SetDevice(ULONG nDeviceId) override {
+    return Set([&] { device_id_ = nDeviceId; });
+  }
   STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override;
 
   // IAudioWriter
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
   STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
-  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
+  STDMETHODIMP CloseDevice() override {
+    const std::lock_guard opening_lock(opening_mutex_);
+    Close();
+    return S_OK;
+  }
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
+    return Set([&] {
+      format_ = DeviceFormat(nSamplesPerSec, nChannels, static_cast<SHORT>(format_.wBitsPerSample));
+    });
+  }
   STDMETHODIMP QueryIsReady(LONG* pbReady) override;
 
  private:
   struct Job;
 
+  // Changes a setting, under the lock.
+  template <class Change>
+  HRESULT Set(Change change) {
+    const std::lock_guard lock(mutex_);
+    change();
+    return S_OK;
+  }
   // Null while closed.
   std::shared_ptr<Job> OpenJob();
   // Call with `opening_mutex_` held.
@@ -66,7 +93,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   std::mutex mutex_;
   std::shared_ptr<Job> job_;
   // For the next opening.
-  WAVEFORMATEX format_;
+  WAVEFORMATEX format_ = DeviceFormat(0, 0, 16);
   std::uint32_t buffer_millisecs_ = 1000;
   UINT device_id_ = WAVE_MAPPER;
   std::int64_t pos_offset_ = 0;

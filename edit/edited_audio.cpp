@@ -24,34 +24,6 @@ constexpr DISPID kFireStartedPlayback = 1;
 constexpr DISPID kFireContentChanged = 3;
 constexpr DISPID kFireStoreUndo = 1;
 
-// The record with this index. Compared without sign, so that a negative index fails too.
-template <class Record>
-Record& RecordAt(std::vector<Record>& records, LONG index) {
-  const auto place = static_cast<ULONG>(index);
-  if (place >= records.size()) throw HResultError(E_INVALIDARG);
-  return records[place];
-}
-
-template <class Record>
-void RemoveRecord(std::vector<Record>& records, LONG index) {
-  RecordAt(records, index);
-  records.erase(records.begin() + index);
-}
-
-// Returns a segment to the caller of the iteration. The source comes without a reference: it is
-// valid as long as the segment exists, and the caller must not release it. Past the end only
-// `valid` is written.
-template <class Segment>
-HRESULT ReturnSegment(const Segment* segment, IAudioReader** source, __int64* begin, __int64* end,
-                      LONG* valid) {
-  *valid = segment != nullptr ? 1 : 0;
-  if (segment == nullptr) return S_OK;
-  *source = segment->source.Get();
-  *begin = segment->begin;
-  *end = segment->end;
-  return S_OK;
-}
-
 void CopyLabels(ILabelSupport* source, ILabelSupport* destination, __int64 offset,
                 const std::optional<CSection>& range) {
   LONG count = 0;
@@ -102,40 +74,9 @@ HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
 
 }  // namespace
 
-STDMETHODIMP CEditedAudio::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) {
-  return content_->ReadAudio(nSamplePos, psaAudioData);
-}
-
-STDMETHODIMP CEditedAudio::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
-  if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  const DocumentFormat format = content_->CurrentFormat();
-  *pnSamplesPerSec = format.samples_per_sec;
-  *pnChannels = format.channels;
-  return S_OK;
-}
-
 STDMETHODIMP CEditedAudio::GetSampleCount(__int64* pnSamples) {
-  if (pnSamples == nullptr) return E_POINTER;
   const std::shared_lock lock(content_->lock);
-  *pnSamples = content_->segments.Length();
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::OpenDevice() { return content_->OpenDevice(); }
-
-STDMETHODIMP CEditedAudio::CloseDevice() { return content_->CloseDevice(); }
-
-STDMETHODIMP CEditedAudio::StartScrub() {
-  return ComCall([&] { player_.StartScrub(); });
-}
-
-STDMETHODIMP CEditedAudio::SetScrubPosition(__int64 nPosition) {
-  return ComCall([&] { player_.SetScrubPosition(nPosition); });
-}
-
-STDMETHODIMP CEditedAudio::StopScrub() {
-  player_.StopScrub();
-  return S_OK;
+  return SetOut(pnSamples, content_->segments.Length());
 }
 
 // Fires the event and returns S_OK also when playback was running already, the section is empty or
@@ -153,27 +94,10 @@ STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMas
   });
 }
 
-STDMETHODIMP CEditedAudio::StopPlay() {
-  player_.StopPlay();
-  return S_OK;
-}
-
 STDMETHODIMP CEditedAudio::GetPlayStatus(VARIANT_BOOL* pbPlaying, __int64* pnPosition) {
-  if (pbPlaying == nullptr || pnPosition == nullptr) return E_POINTER;
   const std::optional<__int64> position = player_.Position();
-  *pbPlaying = position ? VARIANT_TRUE : VARIANT_FALSE;
-  *pnPosition = position.value_or(0);
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::GetOutputLevel(SHORT niChannel, float* pfOutputLevel) {
-  if (pfOutputLevel == nullptr) return E_POINTER;
-  return ComCall([&] { return player_.GetOutputLevel(niChannel, pfOutputLevel); });
-}
-
-STDMETHODIMP CEditedAudio::SetPlaybackDevice(LONG niDevice) {
-  player_.SetDevice(niDevice);
-  return S_OK;
+  return SetOut(pbPlaying, position ? VARIANT_TRUE : VARIANT_FALSE, pnPosition,
+                position.value_or(0));
 }
 
 STDMETHODIMP CEditedAudio::ModifyPlaySection(__int64 nBegin, __int64 nEnd) {
@@ -181,103 +105,6 @@ STDMETHODIMP CEditedAudio::ModifyPlaySection(__int64 nBegin, __int64 nEnd) {
   if (!channel_mask) return S_OK;
   player_.StopPlay();
   return Play(nBegin, std::max(nEnd, SaturatingAdd(nBegin, 1)), *channel_mask, VARIANT_TRUE);
-}
-
-STDMETHODIMP CEditedAudio::AddLabel(__int64 nPosition, BSTR bstrName) {
-  return ComCall([&] {
-    Label label{nPosition, ToAnsi(bstrName)};
-    const std::unique_lock lock(content_->lock);
-    content_->annotations.labels.push_back(std::move(label));
-  });
-}
-
-STDMETHODIMP CEditedAudio::GetLabelCount(LONG* pnLabelCount) {
-  if (pnLabelCount == nullptr) return E_POINTER;
-  const std::shared_lock lock(content_->lock);
-  *pnLabelCount = static_cast<LONG>(content_->annotations.labels.size());
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbstrName) {
-  if (pnPosition == nullptr || pbstrName == nullptr) return E_POINTER;
-  *pbstrName = nullptr;
-  return ComCall([&] {
-    const std::shared_lock lock(content_->lock);
-    const Label& label = RecordAt(content_->annotations.labels, niLabel);
-    *pbstrName = ToBstr(label.name, CP_ACP);
-    *pnPosition = label.position;
-  });
-}
-
-STDMETHODIMP CEditedAudio::SetLabel(LONG niLabel, __int64 nPosition, BSTR bstrName) {
-  return ComCall([&] {
-    Label label{nPosition, ToAnsi(bstrName)};
-    const std::unique_lock lock(content_->lock);
-    RecordAt(content_->annotations.labels, niLabel) = std::move(label);
-  });
-}
-
-STDMETHODIMP CEditedAudio::RemoveLabel(LONG niLabel) {
-  return ComCall([&] {
-    const std::unique_lock lock(content_->lock);
-    RemoveRecord(content_->annotations.labels, niLabel);
-  });
-}
-
-STDMETHODIMP CEditedAudio::RemoveAllLabels() {
-  const std::unique_lock lock(content_->lock);
-  content_->annotations.labels.clear();
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) {
-  return ComCall([&] {
-    SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
-    const std::unique_lock lock(content_->lock);
-    content_->annotations.markers.push_back(std::move(marker));
-  });
-}
-
-STDMETHODIMP CEditedAudio::GetMarkerCount(LONG* pnMarkerCount) {
-  if (pnMarkerCount == nullptr) return E_POINTER;
-  const std::shared_lock lock(content_->lock);
-  *pnMarkerCount = static_cast<LONG>(content_->annotations.markers.size());
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::GetSectionMarker(LONG niSectionMarker, __int64* pnBegin, __int64* pnEnd,
-                                            BSTR* pbstrName) {
-  if (pnBegin == nullptr || pnEnd == nullptr || pbstrName == nullptr) return E_POINTER;
-  *pbstrName = nullptr;
-  return ComCall([&] {
-    const std::shared_lock lock(content_->lock);
-    const SectionMarker& marker = RecordAt(content_->annotations.markers, niSectionMarker);
-    *pbstrName = ToBstr(marker.name, CP_ACP);
-    *pnBegin = marker.section.begin;
-    *pnEnd = marker.section.end;
-  });
-}
-
-STDMETHODIMP CEditedAudio::SetSectionMarker(LONG niSectionMarker, __int64 nBegin, __int64 nEnd,
-                                            BSTR bstrName) {
-  return ComCall([&] {
-    SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
-    const std::unique_lock lock(content_->lock);
-    RecordAt(content_->annotations.markers, niSectionMarker) = std::move(marker);
-  });
-}
-
-STDMETHODIMP CEditedAudio::RemoveSectionMarker(LONG niSectionMarker) {
-  return ComCall([&] {
-    const std::unique_lock lock(content_->lock);
-    RemoveRecord(content_->annotations.markers, niSectionMarker);
-  });
-}
-
-STDMETHODIMP CEditedAudio::RemoveAllSectionMarkers() {
-  const std::unique_lock lock(content_->lock);
-  content_->annotations.markers.clear();
-  return S_OK;
 }
 
 // The array holds floats although the type library declares shorts. Columns that no piece is drawn
@@ -319,12 +146,6 @@ STDMETHODIMP CEditedAudio::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT
   return S_OK;
 }
 
-STDMETHODIMP CEditedAudio::GetBitsPerSample(SHORT* pnBitsPerSample) {
-  if (pnBitsPerSample == nullptr) return E_POINTER;
-  *pnBitsPerSample = content_->CurrentFormat().bits_per_sample;
-  return S_OK;
-}
-
 STDMETHODIMP CEditedAudio::Insert(__int64 nPosition, IEditedAudio* peaInsert) {
   if (peaInsert == nullptr) return E_POINTER;
   return ComCall([&] {
@@ -338,20 +159,6 @@ STDMETHODIMP CEditedAudio::Insert(__int64 nPosition, IEditedAudio* peaInsert) {
     content_->Insert(nPosition, TakeSegments(peaInsert));
     return CopyAnnotations(peaInsert, Identity(), nPosition, std::nullopt);
   });
-}
-
-STDMETHODIMP CEditedAudio::Copy(IEditedAudio* peaDest, __int64 nBegin, __int64 nEnd) {
-  if (peaDest == nullptr) return E_POINTER;
-  return ComCall([&] { return CopyInto(peaDest, CSection(nBegin, nEnd)); });
-}
-
-STDMETHODIMP CEditedAudio::CopyAll(IEditedAudio* peaDest) {
-  if (peaDest == nullptr) return E_POINTER;
-  return ComCall([&] { return CopyInto(peaDest, std::nullopt); });
-}
-
-STDMETHODIMP CEditedAudio::Clear() {
-  return ComCall([&] { content_->Replace({}, {}); });
 }
 
 STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSource, __int64 nBegin,
@@ -371,24 +178,15 @@ STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin
   });
 }
 
-STDMETHODIMP CEditedAudio::GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin,
-                                           __int64* pnEnd, LONG* bValid) {
-  const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
-  if (FAILED(hr)) return hr;
+HRESULT CEditedAudio::GiveSegment(const Segment* (DocumentContent::Segments::*step)() noexcept,
+                                  IAudioReader** source, __int64* begin, __int64* end,
+                                  LONG* valid) {
+  if (source == nullptr || begin == nullptr || end == nullptr || valid == nullptr) return E_POINTER;
   const std::unique_lock lock(content_->lock);
-  return ReturnSegment(content_->segments.First(), pparSource, pnBegin, pnEnd, bValid);
-}
-
-STDMETHODIMP CEditedAudio::GetNextSegment(IAudioReader** pparSource, __int64* pnBegin,
-                                          __int64* pnEnd, LONG* bValid) {
-  const HRESULT hr = RequirePointers(pparSource, pnBegin, pnEnd, bValid);
-  if (FAILED(hr)) return hr;
-  const std::unique_lock lock(content_->lock);
-  return ReturnSegment(content_->segments.Next(), pparSource, pnBegin, pnEnd, bValid);
-}
-
-STDMETHODIMP CEditedAudio::Delete(__int64 nBegin, __int64 nEnd) {
-  return ComCall([&] { content_->Delete({nBegin, nEnd}); });
+  const Segment* const segment = (content_->segments.*step)();
+  *valid = segment != nullptr ? 1 : 0;
+  if (segment == nullptr) return S_OK;
+  return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
 }
 
 STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
@@ -436,22 +234,6 @@ STDMETHODIMP CEditedAudio::RollbackChange() {
   });
 }
 
-STDMETHODIMP CEditedAudio::EnumConnectionPoints(IEnumConnectionPoints** ppEnum) {
-  return ComCall([&] { return connection_points_.Enumerate(ppEnum); });
-}
-
-STDMETHODIMP CEditedAudio::FindConnectionPoint(REFIID riid, IConnectionPoint** ppCP) {
-  return connection_points_.Find(riid, ppCP);
-}
-
-STDMETHODIMP CEditedAudio::GetGUID(DWORD dwGuidKind, GUID* pGUID) {
-  if (pGUID == nullptr) return E_POINTER;
-  *pGUID = GUID_NULL;
-  if (dwGuidKind != GUIDKIND_DEFAULT_SOURCE_DISP_IID) return E_INVALIDARG;
-  *pGUID = DIID__IEAUpdateEvents;
-  return S_OK;
-}
-
 void CEditedAudio::FireStoreUndo(BSTR operation) {
   const auto identity = TryQuery<IUnknown>(Identity());
   connection_points_.undo.Fire(kFireStoreUndo, [&] {
@@ -487,6 +269,7 @@ std::vector<CEditedAudio::Segment> CEditedAudio::TakeSegments(IEditedAudio* docu
 // Replaces the destination's content by the range, or by all. The destination is emptied first,
 // also when it is this document: then nothing is left to copy.
 HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
+  if (destination == nullptr) return E_POINTER;
   destination->Clear();
   const DocumentFormat format = content_->CurrentFormat();
   destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);

@@ -5,9 +5,12 @@
 #include <marlinda.h>
 
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
+#include "core/annotation_support.h"
 #include "core/com_object.h"
 #include "core/com_ptr.h"
 #include "edit/connection_points.h"
@@ -40,78 +43,117 @@ namespace marlinda {
 // The host must not edit while another thread reads, the playback thread included, or that read may
 // miss a part of the edit. The content's lock only keeps such a mistake from corrupting memory.
 class CEditedAudio final
-    : public Object<CEditedAudio, IAudioReader, IScrubSupport, ILabelSupport, ISectionMarkerSupport,
-                    IEditedAudio, IConnectionPointContainer, IDocumentObject> {
+    : public AnnotationSupport<
+          CEditedAudio,
+          Object<CEditedAudio, IAudioReader, IScrubSupport, ILabelSupport, ISectionMarkerSupport,
+                 IEditedAudio, IConnectionPointContainer, IDocumentObject>> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CEditedAudio;
   static constexpr bool kHasEvents = true;
+  static constexpr bool kAddsNotes = true;
+  static constexpr bool kReadsNotes = true;
+  static constexpr bool kEditsNotes = true;
+  static constexpr UINT kNoteCodePage = CP_ACP;
 
   // IAudioReader
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    return content_->ReadAudio(nSamplePos, psaAudioData);
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const DocumentFormat format = content_->CurrentFormat();
+    return SetOut(pnSamplesPerSec, format.samples_per_sec, pnChannels, format.channels);
+  }
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
-  STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP OpenDevice() override { return content_->OpenDevice(); }
+  STDMETHODIMP CloseDevice() override { return content_->CloseDevice(); }
 
   // IScrubSupport
-  STDMETHODIMP StartScrub() override;
-  STDMETHODIMP SetScrubPosition(__int64 nPosition) override;
-  STDMETHODIMP StopScrub() override;
-
-  // ILabelSupport
-  STDMETHODIMP AddLabel(__int64 nPosition, BSTR bstrName) override;
-  STDMETHODIMP GetLabelCount(LONG* pnLabelCount) override;
-  STDMETHODIMP GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbstrName) override;
-  STDMETHODIMP SetLabel(LONG niLabel, __int64 nPosition, BSTR bstrName) override;
-  STDMETHODIMP RemoveLabel(LONG niLabel) override;
-  STDMETHODIMP RemoveAllLabels() override;
-
-  // ISectionMarkerSupport
-  STDMETHODIMP AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) override;
-  STDMETHODIMP GetMarkerCount(LONG* pnMarkerCount) override;
-  STDMETHODIMP GetSectionMarker(LONG niSectionMarker, __int64* pnBegin, __int64* pnEnd,
-                                BSTR* pbstrName) override;
-  STDMETHODIMP SetSectionMarker(LONG niSectionMarker, __int64 nBegin, __int64 nEnd,
-                                BSTR bstrName) override;
-  STDMETHODIMP RemoveSectionMarker(LONG niSectionMarker) override;
-  STDMETHODIMP RemoveAllSectionMarkers() override;
+  STDMETHODIMP StartScrub() override {
+    return ComCall([&] { player_.StartScrub(); });
+  }
+  STDMETHODIMP SetScrubPosition(__int64 nPosition) override {
+    return ComCall([&] { player_.SetScrubPosition(nPosition); });
+  }
+  STDMETHODIMP StopScrub() override {
+    return ComCall([&] { player_.StopScrub(); });
+  }
 
   // IEditedAudio
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override;
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override;
   STDMETHODIMP Insert(__int64 nPosition, IEditedAudio* peaInsert) override;
-  STDMETHODIMP Copy(IEditedAudio* peaDest, __int64 nBegin, __int64 nEnd) override;
-  STDMETHODIMP CopyAll(IEditedAudio* peaDest) override;
-  STDMETHODIMP Clear() override;
+  STDMETHODIMP Copy(IEditedAudio* peaDest, __int64 nBegin, __int64 nEnd) override {
+    return ComCall([&] { return CopyInto(peaDest, CSection(nBegin, nEnd)); });
+  }
+  STDMETHODIMP CopyAll(IEditedAudio* peaDest) override {
+    return ComCall([&] { return CopyInto(peaDest, std::nullopt); });
+  }
+  STDMETHODIMP Clear() override {
+    return ComCall([&] { content_->Replace({}, {}); });
+  }
   STDMETHODIMP InsertSegment(__int64 nPosition, IAudioReader* parSource, __int64 nBegin,
                              __int64 nEnd) override;
   STDMETHODIMP AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) override;
+  // The source comes without a reference: it is valid as long as the segment exists, and the caller
+  // must not release it. Past the end only bValid is written.
   STDMETHODIMP GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
-                               LONG* bValid) override;
+                               LONG* bValid) override {
+    return GiveSegment(&DocumentContent::Segments::First, pparSource, pnBegin, pnEnd, bValid);
+  }
   STDMETHODIMP GetNextSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
-                              LONG* bValid) override;
-  STDMETHODIMP Delete(__int64 nBegin, __int64 nEnd) override;
+                              LONG* bValid) override {
+    return GiveSegment(&DocumentContent::Segments::Next, pparSource, pnBegin, pnEnd, bValid);
+  }
+  STDMETHODIMP Delete(__int64 nBegin, __int64 nEnd) override {
+    return ComCall([&] { content_->Delete({nBegin, nEnd}); });
+  }
   STDMETHODIMP InitChange(LONG bStoreUndo, BSTR bstrOperation) override;
   STDMETHODIMP CommitChange() override;
   STDMETHODIMP RollbackChange() override;
   STDMETHODIMP Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
                     VARIANT_BOOL bLooped) override;
-  STDMETHODIMP StopPlay() override;
+  STDMETHODIMP StopPlay() override {
+    return ComCall([&] { player_.StopPlay(); });
+  }
   STDMETHODIMP GetPlayStatus(VARIANT_BOOL* pbPlaying, __int64* pnPosition) override;
-  STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override;
-  STDMETHODIMP SetPlaybackDevice(LONG niDevice) override;
-  STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override;
+  STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override {
+    if (pfOutputLevel == nullptr) return E_POINTER;
+    return ComCall([&] { return player_.GetOutputLevel(niChannel, pfOutputLevel); });
+  }
+  STDMETHODIMP SetPlaybackDevice(LONG niDevice) override {
+    return ComCall([&] { player_.SetDevice(niDevice); });
+  }
+  STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
+    return SetOut(pnBitsPerSample, content_->CurrentFormat().bits_per_sample);
+  }
   STDMETHODIMP ModifyPlaySection(__int64 nBegin, __int64 nEnd) override;
 
   // IConnectionPointContainer
-  STDMETHODIMP EnumConnectionPoints(IEnumConnectionPoints** ppEnum) override;
-  STDMETHODIMP FindConnectionPoint(REFIID riid, IConnectionPoint** ppCP) override;
+  STDMETHODIMP EnumConnectionPoints(IEnumConnectionPoints** ppEnum) override {
+    return ComCall([&] { return connection_points_.Enumerate(ppEnum); });
+  }
+  STDMETHODIMP FindConnectionPoint(REFIID riid, IConnectionPoint** ppCP) override {
+    return connection_points_.Find(riid, ppCP);
+  }
 
   // IDocumentObject
   CEditedAudio* STDMETHODCALLTYPE Implementation() override { return this; }
 
   // IProvideClassInfo2
-  STDMETHODIMP GetGUID(DWORD dwGuidKind, GUID* pGUID) override;
+  STDMETHODIMP GetGUID(DWORD dwGuidKind, GUID* pGUID) override {
+    const bool known = dwGuidKind == GUIDKIND_DEFAULT_SOURCE_DISP_IID;
+    const HRESULT hr = SetOut(pGUID, known ? DIID__IEAUpdateEvents : GUID_NULL);
+    return SUCCEEDED(hr) && !known ? E_INVALIDARG : hr;
+  }
+
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] {
+      const std::unique_lock lock(content_->lock);
+      return std::forward<Use>(use)(content_->annotations);
+    });
+  }
 
  private:
   using Segment = DocumentContent::Segment;
@@ -119,7 +161,8 @@ class CEditedAudio final
   IUnknown* Identity() noexcept { return static_cast<IEditedAudio*>(this); }
 
   void FireStoreUndo(BSTR operation);
-
+  HRESULT GiveSegment(const Segment* (DocumentContent::Segments::*step)() noexcept,
+                      IAudioReader** source, __int64* begin, __int64* end, LONG* valid);
   std::vector<Segment> TakeSegments(IEditedAudio* document);
   HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range);
   CEditedAudio* Direct(IEditedAudio* document);

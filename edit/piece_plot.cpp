@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "core/com_ptr.h"
@@ -43,22 +44,14 @@ bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
   return true;
 }
 
-// Closes an opened reader.
-class OpenedDevice {
- public:
-  explicit OpenedDevice(IAudioReader* reader) : reader_(reader) {}
-  ~OpenedDevice() { reader_->CloseDevice(); }
-  OpenedDevice(const OpenedDevice&) = delete;
-  OpenedDevice& operator=(const OpenedDevice&) = delete;
-
- private:
-  IAudioReader* reader_;
+struct CloseDevice {
+  void operator()(IAudioReader* reader) const { reader->CloseDevice(); }
 };
 
 bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::size_t channels,
                      __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (FAILED(source->OpenDevice())) return false;
-  const OpenedDevice opened(source);
+  const std::unique_ptr<IAudioReader, CloseDevice> opened(source);
   return ReadInBlocks(
       piece.Length(), channels, kMaxSamplesPerRead, scratch_keeper,
       [&](__int64 frame, SAFEARRAY* array) {

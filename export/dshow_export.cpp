@@ -162,10 +162,6 @@ STDMETHODIMP CDShowExport::Initialize(BSTR bstrFileName, IAudioReader* pReader) 
   });
 }
 
-STDMETHODIMP CDShowExport::QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) {
-  return QuerySupportsExtension(bstrExtension, pbHasSettings);
-}
-
 STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) {
   const ComPtr<IUnknown> alive(OuterUnknown());
   ComCall([&] {
@@ -176,8 +172,6 @@ STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent
   });
   return S_OK;  // a dialog that could not be shown has changed nothing
 }
-
-STDMETHODIMP CDShowExport::QueryIsLossy(VARIANT_BOOL* pbLossy) { return HandOut(pbLossy, true); }
 
 STDMETHODIMP CDShowExport::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
                                        BSTR bstrYear, BSTR bstrGenre) {

@@ -68,9 +68,11 @@ class CDShowExport final
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
   STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
-  STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override;
+  STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override {
+    return QuerySupportsExtension(bstrExtension, pbHasSettings);
+  }
   STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override;
-  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override;
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
 
   // IMetaDataWriter. The texts are taken at Start.
   STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,

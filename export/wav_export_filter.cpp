@@ -31,10 +31,7 @@ void WavExportJob::Run(std::int16_t bits, bool is_float) noexcept {
   // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
   ComCall([&] { WriteSamples(format); });
   LittleEndianBytes trailer;
-  ComCall([&] {
-    const auto annotations = WithAnnotations([](const WavAnnotations& all) { return all; });
-    trailer = WavTrailer(annotations, format.BlockAlign());
-  });
+  WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });
   file_.Finish(trailer.bytes());
   reader_.Reset();
 }
@@ -60,20 +57,12 @@ void WavExportJob::WriteSamples(const WavFormat& format) {
   }
 }
 
-CWavExportFilter::CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
-
 STDMETHODIMP CWavExportFilter::Start() {
   return ComCall([&] {
     if (worker_.IsRunning() || !job_->IsReady()) return E_FAIL;
     return worker_.Start(
         [job = job_, bits = bits_per_sample_, is_float = is_float_] { job->Run(bits, is_float); });
   });
-}
-
-STDMETHODIMP CWavExportFilter::QuerySupportsExtension(BSTR bstrExtension,
-                                                      VARIANT_BOOL* pbSupported) {
-  return ComCall(
-      [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
 }
 
 STDMETHODIMP CWavExportFilter::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
@@ -89,15 +78,6 @@ STDMETHODIMP CWavExportFilter::Initialize(BSTR bstrFileName, IAudioReader* pRead
   });
 }
 
-STDMETHODIMP CWavExportFilter::SetBitsPerSample(SHORT nBitsPerSample) {
-  bits_per_sample_ = nBitsPerSample;
-  return S_OK;
-}
-
-STDMETHODIMP CWavExportFilter::QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSettings) {
-  return HandOut(pbHasSettings, true);
-}
-
 STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
   // The dialog serves other messages of this thread, and the last release may be among them.
   const ComPtr<IUnknown> alive(OuterUnknown());
@@ -111,62 +91,19 @@ STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
   return S_OK;  // a dialog that could not be shown has changed nothing
 }
 
-STDMETHODIMP CWavExportFilter::QueryIsLossy(VARIANT_BOOL* pbLossy) {
-  return HandOut(pbLossy, false);
-}
-
-STDMETHODIMP CWavExportFilter::AddLabel(__int64 nPosition, BSTR bstrName) {
-  return ComCall([&] {
-    Label label{nPosition, ToAnsi(bstrName)};
-    job_->WithAnnotations([&](WavAnnotations& all) { all.labels.push_back(std::move(label)); });
-  });
-}
-
-STDMETHODIMP CWavExportFilter::GetLabelCount(LONG* pnLabelCount) {
-  if (pnLabelCount == nullptr) return E_POINTER;
-  *pnLabelCount = job_->WithAnnotations(
-      [](const WavAnnotations& all) { return static_cast<LONG>(all.labels.size()); });
-  return S_OK;
-}
-
-STDMETHODIMP CWavExportFilter::RemoveAllLabels() {
-  job_->WithAnnotations([](WavAnnotations& all) { all.labels.clear(); });
-  return S_OK;
-}
-
 STDMETHODIMP CWavExportFilter::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
                                            BSTR bstrYear, BSTR bstrGenre) {
-  return ComCall([&] {
-    Tags tags{ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum), ToAnsi(bstrYear),
-              ToAnsi(bstrGenre)};
-    job_->WithAnnotations([&](WavAnnotations& all) { all.tags = std::move(tags); });
+  return WithNotes([&](WavAnnotations& all) {
+    all.tags = {ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum), ToAnsi(bstrYear),
+                ToAnsi(bstrGenre)};
   });
-}
-
-STDMETHODIMP CWavExportFilter::AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) {
-  return ComCall([&] {
-    SectionMarker marker{{nBegin, nEnd}, ToAnsi(bstrName)};
-    job_->WithAnnotations([&](WavAnnotations& all) { all.markers.push_back(std::move(marker)); });
-  });
-}
-
-STDMETHODIMP CWavExportFilter::GetMarkerCount(LONG* pnMarkerCount) {
-  if (pnMarkerCount == nullptr) return E_POINTER;
-  *pnMarkerCount = job_->WithAnnotations(
-      [](const WavAnnotations& all) { return static_cast<LONG>(all.markers.size()); });
-  return S_OK;
-}
-
-STDMETHODIMP CWavExportFilter::RemoveAllSectionMarkers() {
-  job_->WithAnnotations([](WavAnnotations& all) { all.markers.clear(); });
-  return S_OK;
 }
 
 STDMETHODIMP CWavExportFilter::SetAcidData(SHORT nRootNote, SHORT nMeterBeats,
                                            SHORT nMeterDelimiter, LONG nBeatCount, FLOAT fTempo) {
-  const AcidData acid{nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
-  job_->WithAnnotations([&](WavAnnotations& all) { all.acid = acid; });
-  return S_OK;
+  return WithNotes([&](WavAnnotations& all) {
+    all.acid = {nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
+  });
 }
 
 MARLINDA_DEFINE_CLASS(CWavExportFilter)

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <utility>
 
+#include "core/annotation_support.h"
 #include "core/com_ptr.h"
 #include "core/filter_task.h"
 #include "core/resource.h"
@@ -36,9 +37,11 @@ class WavExportJob : public TaskJob {
   // Calls `use` with the annotations, from any thread. The worker takes them once the audio is
   // written.
   template <class Use>
-  auto WithAnnotations(Use&& use) {
-    const std::lock_guard lock(annotations_mutex_);
-    return std::forward<Use>(use)(annotations_);
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] {
+      const std::lock_guard lock(annotations_mutex_);
+      return std::forward<Use>(use)(annotations_);
+    });
   }
 
  private:
@@ -57,16 +60,19 @@ class WavExportJob : public TaskJob {
 // Errors that the task meets while it runs are not reported: a full disk leaves a truncated file,
 // and what a reader fails to deliver is written as silence.
 class CWavExportFilter final
-    : public FilterTask<CWavExportFilter, WavExportJob, ICoreTask, IExportFilter, ILabelSupport,
-                        IMetaDataWriter, ISectionMarkerSupport, IAcidWriter> {
+    : public AnnotationSupport<
+          CWavExportFilter,
+          FilterTask<CWavExportFilter, WavExportJob, ICoreTask, IExportFilter, ILabelSupport,
+                     IMetaDataWriter, ISectionMarkerSupport, IAcidWriter>> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CWavExportFilter;
   static constexpr SHORT kMerit = 200;
   static constexpr UINT kNameText = IDS_SAVING;
   static constexpr UINT kFilterTexts[] = {IDS_WAV_FILTER};
   static constexpr char kPatterns[] = "*.wav";
+  static constexpr bool kAddsNotes = true;
 
-  CWavExportFilter();
+  CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
 
   // ICoreTask. Start is E_FAIL while the task runs and where file or reader are missing; a Cancel
   // before Start stays in force, and the file then has no samples.
@@ -74,36 +80,34 @@ class CWavExportFilter final
 
   // IExportFilter. Initialize is E_FAIL while the task runs. Where it cannot create the file, the
   // object has none afterwards, also when an earlier call had made one.
-  STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override;
+  STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
+    return ComCall(
+        [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
+  }
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override;
-  STDMETHODIMP SetBitsPerSample(SHORT nBitsPerSample) override;
-  STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override;
+  STDMETHODIMP SetBitsPerSample(SHORT nBitsPerSample) override {
+    bits_per_sample_ = nBitsPerSample;
+    return S_OK;
+  }
+  STDMETHODIMP QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSettings) override {
+    return HandOut(pbHasSettings, true);
+  }
   STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override;
-  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override;
-
-  // ILabelSupport
-  STDMETHODIMP AddLabel(__int64 nPosition, BSTR bstrName) override;
-  STDMETHODIMP GetLabelCount(LONG* pnLabelCount) override;
-  STDMETHODIMP GetLabel(LONG, __int64*, BSTR*) override { return E_NOTIMPL; }
-  STDMETHODIMP SetLabel(LONG, __int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveLabel(LONG) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveAllLabels() override;
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, false); }
 
   // IMetaDataWriter
   STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
                            BSTR bstrGenre) override;
 
-  // ISectionMarkerSupport
-  STDMETHODIMP AddSectionMarker(__int64 nBegin, __int64 nEnd, BSTR bstrName) override;
-  STDMETHODIMP GetMarkerCount(LONG* pnMarkerCount) override;
-  STDMETHODIMP GetSectionMarker(LONG, __int64*, __int64*, BSTR*) override { return E_NOTIMPL; }
-  STDMETHODIMP SetSectionMarker(LONG, __int64, __int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveSectionMarker(LONG) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveAllSectionMarkers() override;
-
   // IAcidWriter
   STDMETHODIMP SetAcidData(SHORT nRootNote, SHORT nMeterBeats, SHORT nMeterDelimiter,
                            LONG nBeatCount, FLOAT fTempo) override;
+
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return job_->WithNotes(std::forward<Use>(use));
+  }
 
  private:
   SHORT bits_per_sample_ = 16;

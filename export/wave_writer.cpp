@@ -5,7 +5,6 @@
 
 #include "core/nested_call.h"
 #include "core/sample_array.h"
-#include "core/text.h"
 #include "export/wav_sample_encoder.h"
 
 namespace marlinda {
@@ -22,15 +21,6 @@ STDMETHODIMP CWaveWriter::SetWriteThrough(IAudioWriter* pawWriteThrough) {
   // A reference to itself would never be released.
   Hold(write_through_, pawWriteThrough == this ? nullptr : pawWriteThrough);
   return S_OK;
-}
-
-STDMETHODIMP CWaveWriter::SetResolution(SHORT nBitsPerSample) {
-  bits_per_sample_ = nBitsPerSample;
-  return S_OK;
-}
-
-STDMETHODIMP CWaveWriter::SetTargetFile(BSTR bstrFileName) {
-  return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
 }
 
 STDMETHODIMP CWaveWriter::WriteAudio(SAFEARRAY* psaAudioData) {

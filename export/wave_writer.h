@@ -7,6 +7,7 @@
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
+#include "core/text.h"
 #include "export/wav_file.h"
 
 namespace marlinda {
@@ -28,8 +29,13 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   // IWaveWriter. The object itself as its next writer is the same as none: it would hold a
   // reference to itself that nothing releases.
   STDMETHODIMP SetWriteThrough(IAudioWriter* pawWriteThrough) override;
-  STDMETHODIMP SetResolution(SHORT nBitsPerSample) override;
-  STDMETHODIMP SetTargetFile(BSTR bstrFileName) override;
+  STDMETHODIMP SetResolution(SHORT nBitsPerSample) override {
+    bits_per_sample_ = nBitsPerSample;
+    return S_OK;
+  }
+  STDMETHODIMP SetTargetFile(BSTR bstrFileName) override {
+    return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
+  }
 
   // IAudioWriter. Without an open file all of it succeeds and only the next writer is served. An
   // array that holds no floats reaches the next writer and is then E_INVALIDARG.

@@ -167,21 +167,6 @@ STDMETHODIMP CDShowImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) 
   });
 }
 
-STDMETHODIMP CDShowImport::GetLabelCount(LONG* pnLabelCount) {
-  if (pnLabelCount == nullptr) return E_POINTER;
-  *pnLabelCount = static_cast<LONG>(info_.labels.size());
-  return S_OK;
-}
-
-STDMETHODIMP CDShowImport::GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbstrName) {
-  if (pnPosition == nullptr || pbstrName == nullptr) return E_POINTER;
-  *pbstrName = nullptr;
-  if (static_cast<ULONG>(niLabel) >= info_.labels.size()) return E_INVALIDARG;
-  const Label& label = info_.labels[static_cast<ULONG>(niLabel)];
-  *pnPosition = label.position;
-  return HandOut({{pbstrName, label.name}});
-}
-
 STDMETHODIMP CDShowImport::SetFilename(BSTR bstrFileName) {
   return ComCall([&] {
     DShowSource source;
@@ -191,39 +176,13 @@ STDMETHODIMP CDShowImport::SetFilename(BSTR bstrFileName) {
   });
 }
 
-STDMETHODIMP CDShowImport::GetMarkerCount(LONG* pnMarkerCount) {
-  if (pnMarkerCount == nullptr) return E_POINTER;
-  *pnMarkerCount = static_cast<LONG>(info_.markers.size());
-  return S_OK;
-}
-
-STDMETHODIMP CDShowImport::GetSectionMarker(LONG niSectionMarker, __int64* pnBegin, __int64* pnEnd,
-                                            BSTR* pbstrName) {
-  if (pnBegin == nullptr || pnEnd == nullptr || pbstrName == nullptr) return E_POINTER;
-  *pbstrName = nullptr;
-  if (static_cast<ULONG>(niSectionMarker) >= info_.markers.size()) return E_INVALIDARG;
-  const SectionMarker& marker = info_.markers[static_cast<ULONG>(niSectionMarker)];
-  *pnBegin = marker.section.begin;
-  *pnEnd = marker.section.end;
-  return HandOut({{pbstrName, marker.name}});
-}
-
-STDMETHODIMP CDShowImport::QueryAcidDataAvailable(VARIANT_BOOL* pbDataAvailable) {
-  return HandOut(pbDataAvailable, info_.acid.has_value());
-}
-
 STDMETHODIMP CDShowImport::GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats,
                                        SHORT* pnMeterDelimiter, LONG* pnBeatCount, float* pfTempo) {
-  const HRESULT hr =
-      RequirePointers(pnRootNote, pnMeterBeats, pnMeterDelimiter, pnBeatCount, pfTempo);
-  if (FAILED(hr)) return hr;
-  if (!info_.acid) return E_FAIL;
-  *pnRootNote = static_cast<SHORT>(info_.acid->root_note);
-  *pnMeterBeats = info_.acid->meter_beats;
-  *pnMeterDelimiter = info_.acid->meter_delimiter;
-  *pnBeatCount = info_.acid->beat_count;
-  *pfTempo = info_.acid->tempo;
-  return S_OK;
+  const AcidData acid = info_.acid.value_or(AcidData());
+  const HRESULT hr = SetOut(pnRootNote, static_cast<SHORT>(acid.root_note), pnMeterBeats,
+                            acid.meter_beats, pnMeterDelimiter, acid.meter_delimiter, pnBeatCount,
+                            acid.beat_count, pfTempo, acid.tempo);
+  return SUCCEEDED(hr) && !info_.acid ? E_FAIL : hr;
 }
 
 void CDShowImport::SetInfo(SoundFileInfo info) {

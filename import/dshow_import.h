@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "core/annotation_support.h"
 #include "core/resource.h"
 #include "import/file_source.h"
 #include "import/import_task.h"
@@ -36,8 +38,10 @@ using DShowImportJob = ImportJob<DShowSource>;
 // Metadata, labels, section markers and loop data are those of the file named last, by Initialize
 // or by SetFilename. They can be read, not edited.
 class CDShowImport final
-    : public ImportTask<CDShowImport, DShowImportJob, IImportFilter, IExFormatInfo, ICoreTask,
-                        ILabelSupport, IMetaDataReader, ISectionMarkerSupport, IAcidReader> {
+    : public AnnotationSupport<
+          CDShowImport,
+          ImportTask<CDShowImport, DShowImportJob, IImportFilter, IExFormatInfo, ICoreTask,
+                     ILabelSupport, IMetaDataReader, ISectionMarkerSupport, IAcidReader>> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowImport;
 
@@ -47,6 +51,7 @@ class CDShowImport final
   static constexpr UINT kFilterTexts[] = {IDS_DSHOW_FILTER};
   static constexpr char kPatterns[] =
       "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv";
+  static constexpr bool kReadsNotes = true;
 
   // IImportFilter. A file that cannot be opened is S_FALSE; E_FAIL is one that nothing can decode,
   // that has no sound or whose header contradicts itself.
@@ -54,32 +59,24 @@ class CDShowImport final
   // E_FAIL where QueryCanLoad is not S_OK, and while a run is active; the object then stays as it
   // was.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
-  // ILabelSupport
-  STDMETHODIMP AddLabel(__int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP GetLabelCount(LONG* pnLabelCount) override;
-  STDMETHODIMP GetLabel(LONG niLabel, __int64* pnPosition, BSTR* pbstrName) override;
-  STDMETHODIMP SetLabel(LONG, __int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveLabel(LONG) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveAllLabels() override { return E_NOTIMPL; }
 
   // IMetaDataReader
   // E_FAIL where QueryCanLoad is not S_OK; everything then stays as it was.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override;
 
-  // ISectionMarkerSupport
-  STDMETHODIMP AddSectionMarker(__int64, __int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP GetMarkerCount(LONG* pnMarkerCount) override;
-  STDMETHODIMP GetSectionMarker(LONG niSectionMarker, __int64* pnBegin, __int64* pnEnd,
-                                BSTR* pbstrName) override;
-  STDMETHODIMP SetSectionMarker(LONG, __int64, __int64, BSTR) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveSectionMarker(LONG) override { return E_NOTIMPL; }
-  STDMETHODIMP RemoveAllSectionMarkers() override { return E_NOTIMPL; }
-
   // IAcidReader
-  STDMETHODIMP QueryAcidDataAvailable(VARIANT_BOOL* pbDataAvailable) override;
+  STDMETHODIMP QueryAcidDataAvailable(VARIANT_BOOL* pbDataAvailable) override {
+    return HandOut(pbDataAvailable, info_.acid.has_value());
+  }
   // E_FAIL when there is none.
   STDMETHODIMP GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats, SHORT* pnMeterDelimiter,
                            LONG* pnBeatCount, float* pfTempo) override;
+
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] { return std::forward<Use>(use)(info_); });
+  }
 
   static void WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target);
   // MPEG audio depends on all frames before, and the length that a filter reports is an estimate.

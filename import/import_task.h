@@ -32,29 +32,20 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
  public:
   // IImportFilter. The length of a compressed file is an estimate until it has been decoded.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
-    if (pnSampleCount == nullptr) return E_POINTER;
-    *pnSampleCount = job_ != nullptr ? job_->total.load() : 0;
-    return S_OK;
+    return SetOut(pnSampleCount, job_ != nullptr ? job_->total.load() : 0);
   }
 
   // IExFormatInfo: all zeros before Initialize.
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
-    if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-    *pnSamplesPerSec = job_ != nullptr ? job_->format.samples_per_sec : 0;
-    *pnChannels = job_ != nullptr ? job_->format.channels : SHORT{0};
-    return S_OK;
+    return SetOut(pnSamplesPerSec, Format().samples_per_sec, pnChannels, Format().channels);
   }
   // Of the decoded samples.
   STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
-    if (pnBitsPerSample == nullptr) return E_POINTER;
-    *pnBitsPerSample = job_ != nullptr ? job_->format.bits : SHORT{0};
-    return S_OK;
+    return SetOut(pnBitsPerSample, Format().bits);
   }
   // Of the file.
   STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override {
-    if (pnAvgBytesPerSec == nullptr) return E_POINTER;
-    *pnAvgBytesPerSec = job_ != nullptr ? job_->average_bytes_per_sec : 0;
-    return S_OK;
+    return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
 
   // ICoreTask. E_FAIL without a file and a writer, and after the first start.
@@ -95,6 +86,8 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
   Tags tags_;
 
  private:
+  PcmFormat Format() const { return job_ != nullptr ? job_->format : PcmFormat(); }
+
   // 0 where there is nothing to start, too.
   __int64 SectionFrames() const {
     return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;

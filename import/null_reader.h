@@ -4,6 +4,7 @@
 #include <marlinda.h>
 
 #include "core/com_object.h"
+#include "core/constants.h"
 
 namespace marlinda {
 
@@ -15,20 +16,37 @@ class CNullReader final : public Object<CNullReader, INullReader, IAudioReader, 
   static constexpr const CLSID& kClassId = CLSID_CNullReader;
 
   // INullReader
-  STDMETHODIMP Create(__int64 nSampleCount, LONG nSamplesPerSec, SHORT nChannels) override;
+  STDMETHODIMP Create(__int64 nSampleCount, LONG nSamplesPerSec, SHORT nChannels) override {
+    sample_count_ = nSampleCount;
+    samples_per_sec_ = nSamplesPerSec;
+    channels_ = nChannels;
+    return S_OK;
+  }
 
   // IAudioReader
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
-  STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
-  STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
+    return FillWithSilence(psaAudioData);
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
+  }
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    return SetOut(pnSamples, sample_count_);
+  }
+  STDMETHODIMP OpenDevice() override { return S_OK; }
+  STDMETHODIMP CloseDevice() override { return S_OK; }
 
   // IPeakReader
-  STDMETHODIMP ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) override;
-  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override;
+  STDMETHODIMP ReadPeaks(__int64, SAFEARRAY* psaPeakData) override {
+    return FillWithSilence(psaPeakData);
+  }
+  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override {
+    return SetOut(pnSamplesPerPeak, kFramesPerPeak);
+  }
 
  private:
+  static HRESULT FillWithSilence(SAFEARRAY* array) noexcept;
+
   __int64 sample_count_ = 0;
   LONG samples_per_sec_ = 0;
   SHORT channels_ = 0;

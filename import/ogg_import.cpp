@@ -74,12 +74,6 @@ STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
   });
 }
 
-STDMETHODIMP COggImport::GetSourceSampleCount(__int64* pnSampleCount) {
-  if (pnSampleCount == nullptr) return E_POINTER;
-  *pnSampleCount = job_ != nullptr ? job_->readable : 0;
-  return S_OK;
-}
-
 STDMETHODIMP COggImport::SetFilename(BSTR bstrFileName) {
   return ComCall([&] {
     const auto stream = VorbisStream::Open(OpenForReading(ToAnsi(bstrFileName)));

@@ -33,7 +33,9 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override;
   // Of a chain that changes its format, the frames before the change. The progress counts the whole
   // chain and so shows that a part is left out.
-  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override;
+  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
+    return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
+  }
 
   // IMetaDataReader
   // Reads the metadata of a file that is not to be imported. E_FAIL when it cannot be opened or is

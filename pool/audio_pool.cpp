@@ -31,42 +31,19 @@ CAudioPool::CAudioPool() {
   peak_file_.Create(directory, "peak");
 }
 
-STDMETHODIMP CAudioPool::Lock() {
-  ++open_count_;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPool::Unlock() {
-  --open_count_;
-  return S_OK;
-}
-
 STDMETHODIMP CAudioPool::GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) {
-  if (pnHandleAudio == nullptr || pnHandlePeak == nullptr) return E_POINTER;
-  *pnHandleAudio = reinterpret_cast<INT_PTR>(audio_file_.handle());
-  *pnHandlePeak = reinterpret_cast<INT_PTR>(peak_file_.handle());
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPool::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
-  if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  *pnSamplesPerSec = samples_per_sec_;
-  *pnChannels = channels_;
-  return S_OK;
+  return SetOut(pnHandleAudio, reinterpret_cast<INT_PTR>(audio_file_.handle()), pnHandlePeak,
+                reinterpret_cast<INT_PTR>(peak_file_.handle()));
 }
 
 STDMETHODIMP CAudioPool::CreateLastReader(IAudioReader** ppAudioReader) {
   if (ppAudioReader == nullptr) return E_POINTER;
   cursor_ = takes_.size();
-  return CreateReader(ppAudioReader);
+  return CreatePrevReader(ppAudioReader);
 }
 
 STDMETHODIMP CAudioPool::CreatePrevReader(IAudioReader** ppAudioReader) {
   if (ppAudioReader == nullptr) return E_POINTER;
-  return CreateReader(ppAudioReader);
-}
-
-HRESULT CAudioPool::CreateReader(IAudioReader** reader) {
   return ComCall([&]() -> HRESULT {
     if (cursor_ == 0) return S_FALSE;
     const Take take = takes_[cursor_ - 1];
@@ -77,7 +54,7 @@ HRESULT CAudioPool::CreateReader(IAudioReader** reader) {
     const auto answer = TryQuery<IAudioReader>(created.Get());
     if (!answer) return E_NOINTERFACE;
     --cursor_;
-    return answer.CopyTo(reader);
+    return answer.CopyTo(ppAudioReader);
   });
 }
 
@@ -151,12 +128,6 @@ STDMETHODIMP CAudioPool::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
   samples_per_sec_ = nSamplesPerSec;
   channels_ = nChannels;
   dither_.SetUp(dithering_mode_, channels_, bits_per_sample_);
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPool::QueryIsReady(LONG* pbReady) {
-  if (pbReady == nullptr) return E_POINTER;
-  *pbReady = open_count_ == 0 ? 1 : 0;
   return S_OK;
 }
 

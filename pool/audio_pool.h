@@ -29,10 +29,18 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   CAudioPool();
 
   // IAudioPool
-  STDMETHODIMP Lock() override;
-  STDMETHODIMP Unlock() override;
+  STDMETHODIMP Lock() override {
+    ++open_count_;
+    return S_OK;
+  }
+  STDMETHODIMP Unlock() override {
+    --open_count_;
+    return S_OK;
+  }
   STDMETHODIMP GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
+  }
   // Without a take the out-pointer stays untouched. A reader gets the pool's present bit depth, so
   // a change of it makes earlier takes unreadable: the pool does not record the depth of a take. If
   // a reader cannot be created, its HRESULT is returned and the cursor stays where it is.
@@ -53,7 +61,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP CloseDevice() override;
   // Accepts any values.
   STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override;
-  STDMETHODIMP QueryIsReady(LONG* pbReady) override;
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    return SetOut(pbReady, open_count_ == 0 ? 1 : 0);
+  }
 
   // IPeakFile
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override;
@@ -66,7 +76,6 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     std::int64_t peak_begin;
   };
 
-  HRESULT CreateReader(IAudioReader** reader);
   HRESULT CheckBlock(std::size_t samples) const noexcept;
   bool Dithers() const noexcept;
   void Advance(std::size_t audio_bytes) noexcept;

@@ -28,11 +28,7 @@ STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffse
     // Without the lock: the destruction of the old pool may take a while.
     pool.Reset();
 
-    Region region;
-    region.audio_offset = nAudioByteOffset;
-    region.peak_offset = nPeakByteOffset;
-    region.byte_count = nByteCount;
-    region.bits_per_sample = nBitsPerSample;
+    Region region = {nAudioByteOffset, nPeakByteOffset, nByteCount, nBitsPerSample};
     __int64 audio = 0;
     __int64 peak = 0;
     pPool->GetFileHandles(&audio, &peak);
@@ -117,38 +113,13 @@ STDMETHODIMP CAudioPoolReader::SummarizePeaks(IPeakReader* peaks, std::size_t ch
   });
 }
 
-STDMETHODIMP CAudioPoolReader::GetSamplesPerPeak(LONG* pnSamplesPerPeak) {
-  if (pnSamplesPerPeak == nullptr) return E_POINTER;
-  *pnSamplesPerPeak = kFramesPerPeak;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPoolReader::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
-  if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  *pnSamplesPerSec = region_.samples_per_sec;
-  *pnChannels = region_.channels;
-  return S_OK;
-}
-
 STDMETHODIMP CAudioPoolReader::GetSampleCount(__int64* pnSamples) {
-  if (pnSamples == nullptr) return E_POINTER;
-  const std::int64_t bytes_per_frame = region_.BytesPerFrame();
-  switch (bytes_per_frame) {
-    case 0:
-      *pnSamples = 0;
-      break;
-    case -1:  // the lowest number has no opposite
-      *pnSamples = SaturatingSubtract(0, region_.byte_count);
-      break;
-    default:
-      *pnSamples = region_.byte_count / bytes_per_frame;
-  }
-  return S_OK;
+  const std::int64_t frame = region_.BytesPerFrame();
+  if (frame == 0) return SetOut(pnSamples, 0);
+  // The lowest number has no opposite.
+  return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
+                                       : region_.byte_count / frame);
 }
-
-STDMETHODIMP CAudioPoolReader::OpenDevice() { return pool_ ? pool_->Lock() : kNoFile; }
-
-STDMETHODIMP CAudioPoolReader::CloseDevice() { return pool_ ? pool_->Unlock() : kNoFile; }
 
 MARLINDA_DEFINE_CLASS(CAudioPoolReader)
 

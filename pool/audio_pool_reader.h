@@ -12,6 +12,7 @@
 
 #include "core/com_object.h"
 #include "core/com_ptr.h"
+#include "core/constants.h"
 #include "core/samples/peak_summary.h"
 #include "pool/peak_file.h"
 #include "pool/peak_groups.h"
@@ -39,18 +40,22 @@ class CAudioPoolReader final
 
   // IPeakReader
   STDMETHODIMP ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) override;
-  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override;
+  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override {
+    return SetOut(pnSamplesPerPeak, kFramesPerPeak);
+  }
 
   // IAudioReader
   // Reads fail with ERROR_INVALID_HANDLE before Create and where the pool has no file. Samples
   // behind the end of the file keep their values in a 32-bit region and are silence otherwise.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return SetOut(pnSamplesPerSec, region_.samples_per_sec, pnChannels, region_.channels);
+  }
   // 0 if the frames of the format take no bytes (no channels, or fewer than 8 bits).
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
   // Both fail with ERROR_INVALID_HANDLE before Create.
-  STDMETHODIMP OpenDevice() override;
-  STDMETHODIMP CloseDevice() override;
+  STDMETHODIMP OpenDevice() override { return pool_ ? pool_->Lock() : kNoFile; }
+  STDMETHODIMP CloseDevice() override { return pool_ ? pool_->Unlock() : kNoFile; }
 
   // IPeakSummary, of peaks that the pool will not write again.
   STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,

@@ -142,12 +142,11 @@ STDMETHODIMP CAudioConnector::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
 }
 
 STDMETHODIMP CAudioConnector::GetProgress(FLOAT* pfProgress) {
-  if (pfProgress == nullptr) return E_POINTER;
   return ComCall([&] {
     const Filters filters = CopyFilters();
-    if (filters.export_task) return filters.export_task->GetProgress(pfProgress);
-    *pfProgress = 1.0F;
-    return S_OK;
+    return pfProgress != nullptr && filters.export_task
+               ? filters.export_task->GetProgress(pfProgress)
+               : SetOut(pfProgress, 1.0F);
   });
 }
 
@@ -157,19 +156,6 @@ STDMETHODIMP CAudioConnector::GetName(BSTR* pbstrName) {
   return *pbstrName != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
-STDMETHODIMP CAudioConnector::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
-  return ComCall([&] { return job()->Read(psaAudioData); });
-}
-
-STDMETHODIMP CAudioConnector::GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) {
-  if (pnSamplesPerSec == nullptr || pnChannels == nullptr) return E_POINTER;
-  return ComCall([&] {
-    const StreamFormat target = job()->target();
-    *pnSamplesPerSec = target.rate;
-    *pnChannels = target.channels;
-  });
-}
-
 STDMETHODIMP CAudioConnector::GetSampleCount(__int64* pnSamples) {
   if (pnSamples == nullptr) return E_POINTER;
   *pnSamples = 0;
@@ -177,18 +163,8 @@ STDMETHODIMP CAudioConnector::GetSampleCount(__int64* pnSamples) {
     LearnSource();
     const std::lock_guard lock(mutex_);
     if (FAILED(frames_result_)) return frames_result_;
-    *pnSamples = ConvertSampleCount(source_frames_, source_rate_, job_->target().rate);
-    return S_OK;
+    return SetOut(pnSamples, ConvertSampleCount(source_frames_, source_rate_, job_->target().rate));
   });
-}
-
-STDMETHODIMP CAudioConnector::WriteAudio(SAFEARRAY* psaAudioData) {
-  return ComCall([&] { return job()->Write(psaAudioData); });
-}
-
-STDMETHODIMP CAudioConnector::QueryIsReady(LONG* pbReady) {
-  if (pbReady == nullptr) return E_POINTER;
-  return ComCall([&] { *pbReady = job()->queue().HasRoom() ? 1 : 0; });
 }
 
 std::shared_ptr<SourceFeed> CAudioConnector::job() const {

@@ -59,16 +59,25 @@ class CAudioConnector final
   STDMETHODIMP GetName(BSTR* pbstrName) override;
 
   // IAudioReader. Reads are sequential: the position is ignored.
-  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override;
+  STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
+    return ComCall([&] { return job()->Read(psaAudioData); });
+  }
   // The target format.
-  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override;
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const auto job = this->job();
+    return SetOut(pnSamplesPerSec, job->target().rate, pnChannels, job->target().channels);
+  }
   // The source's frames, at the target's rate.
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override;
 
   // IAudioWriter. SetFormat is ignored: the import filter reports the source's format.
-  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override;
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
+    return ComCall([&] { return job()->Write(psaAudioData); });
+  }
   STDMETHODIMP SetFormat(LONG, SHORT) override { return S_OK; }
-  STDMETHODIMP QueryIsReady(LONG* pbReady) override;
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    return SetOut(pbReady, job()->queue().HasRoom() ? 1 : 0);
+  }
 
   // IAudioReader and IAudioWriter.
   STDMETHODIMP OpenDevice() override { return S_OK; }

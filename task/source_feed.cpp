@@ -16,21 +16,9 @@ constexpr int kMaxEmptyBlocks = 10;
 constexpr int kMaxSilentBlocks = 16;
 constexpr std::size_t kSilentFrames = 4096;
 
-// An array that a callee made and we destroy.
-class ReceivedArray {
- public:
-  ReceivedArray() noexcept = default;
-  ~ReceivedArray() {
-    if (array_ != nullptr) SafeArrayDestroy(array_);
-  }
-  ReceivedArray(const ReceivedArray&) = delete;
-  ReceivedArray& operator=(const ReceivedArray&) = delete;
-
-  SAFEARRAY** Receive() noexcept { return &array_; }
-  SAFEARRAY* get() const noexcept { return array_; }
-
- private:
-  SAFEARRAY* array_ = nullptr;
+// Destroys an array that a callee made.
+struct DestroyArray {
+  void operator()(SAFEARRAY* array) const noexcept { SafeArrayDestroy(array); }
 };
 
 ComPtr<IFormatConverter> CreateConverter(const StreamFormat& source, const StreamFormat& target) {
@@ -152,8 +140,9 @@ void SourceFeed::Push(SAFEARRAY* array, std::span<const float> samples) {
 
 void SourceFeed::Convert(SAFEARRAY* array) {
   if (FAILED(converter_->Convert(array))) return;
-  ReceivedArray converted;
-  const HRESULT hr = converter_->GetOutput(converted.Receive());
+  SAFEARRAY* received = nullptr;
+  const HRESULT hr = converter_->GetOutput(&received);
+  const std::unique_ptr<SAFEARRAY, DestroyArray> converted(received);
   SampleArrayView view;  // unlocks before the array is destroyed
   if (FAILED(hr) || FAILED(view.Lock(converted.get()))) return;
   queue_.Put(view.samples());
