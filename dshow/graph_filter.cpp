@@ -52,10 +52,9 @@ void FreeContents(AM_MEDIA_TYPE& type) noexcept {
   type.cbFormat = 0;
 }
 
-MediaType::~MediaType() {
-  if (type_ == nullptr) return;
-  FreeContents(*type_);
-  CoTaskMemFree(type_);
+void FreeMediaType::operator()(AM_MEDIA_TYPE* type) const noexcept {
+  FreeContents(*type);
+  CoTaskMemFree(type);
 }
 
 AudioType::AudioType(const WAVEFORMATEX& format)
@@ -105,10 +104,8 @@ HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out) {
   auto* copy = static_cast<AM_MEDIA_TYPE*>(CoTaskMemAlloc(sizeof(AM_MEDIA_TYPE)));
   if (copy == nullptr) return E_OUTOFMEMORY;
   const HRESULT hr = type.CopyTo(copy);
-  if (FAILED(hr))
-    CoTaskMemFree(copy);
-  else
-    *out = copy;
+  if (FAILED(hr)) CoTaskMemFree(copy);
+  if (SUCCEEDED(hr)) *out = copy;
   return hr;
 }
 
@@ -126,8 +123,6 @@ STDMETHODIMP GraphPin::QueryInterface(REFIID iid, void** object) {
 
 STDMETHODIMP_(ULONG) GraphPin::AddRef() { return filter_.AddRef(); }
 STDMETHODIMP_(ULONG) GraphPin::Release() { return filter_.Release(); }
-
-STDMETHODIMP GraphPin::Connect(IPin*, const AM_MEDIA_TYPE*) { return E_UNEXPECTED; }
 
 STDMETHODIMP GraphPin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) {
   if (connector == nullptr || type == nullptr) return E_POINTER;
@@ -173,12 +168,6 @@ STDMETHODIMP GraphPin::QueryPinInfo(PIN_INFO* info) {
   return S_OK;
 }
 
-STDMETHODIMP GraphPin::QueryDirection(PIN_DIRECTION* direction) {
-  if (direction == nullptr) return E_POINTER;
-  *direction = direction_;
-  return S_OK;
-}
-
 STDMETHODIMP GraphPin::QueryId(LPWSTR* id) { return CopyText(NameOf(direction_), id); }
 
 STDMETHODIMP GraphPin::QueryAccept(const AM_MEDIA_TYPE* type) {
@@ -195,12 +184,6 @@ STDMETHODIMP GraphPin::EnumMediaTypes(IEnumMediaTypes** types) {
 }
 
 // InputPin
-
-IUnknown* InputPin::Extra(REFIID iid) noexcept {
-  return IsEqualIID(iid, IID_IMemInputPin) ? static_cast<IMemInputPin*>(this) : nullptr;
-}
-
-STDMETHODIMP InputPin::EndOfStream() { return ComCall(purpose_.end); }
 
 STDMETHODIMP InputPin::GetAllocator(IMemAllocator** allocator) {
   if (allocator == nullptr) return E_POINTER;
@@ -320,8 +303,6 @@ HRESULT OutputPin::Deliver(std::span<const std::byte> bytes, REFERENCE_TIME star
   return S_OK;
 }
 
-HRESULT OutputPin::DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
-
 // GraphFilter
 
 STDMETHODIMP GraphFilter::QueryInterface(REFIID iid, void** object) {
@@ -342,26 +323,15 @@ STDMETHODIMP_(ULONG) GraphFilter::Release() {
   return left;
 }
 
-STDMETHODIMP GraphFilter::GetClassID(CLSID* class_id) {
-  if (class_id == nullptr) return E_POINTER;
-  *class_id = GUID_NULL;  // made by the engine alone, never by class identifier
-  return S_OK;
-}
-
 STDMETHODIMP GraphFilter::Stop() {
   state_ = State_Stopped;
-  for (const auto& pin : pins_) {
-    auto* const output = dynamic_cast<OutputPin*>(pin.get());
-    if (output != nullptr && output->allocator_) output->allocator_->Decommit();
-  }
+  for (const auto& pin : pins_) pin->Commit(false);
   return S_OK;
 }
 
 STDMETHODIMP GraphFilter::Pause() {
   for (const auto& pin : pins_) {
-    auto* const output = dynamic_cast<OutputPin*>(pin.get());
-    if (output == nullptr || !output->allocator_) continue;
-    const HRESULT hr = output->allocator_->Commit();
+    const HRESULT hr = pin->Commit(true);
     if (FAILED(hr)) return hr;
   }
   state_ = State_Paused;
@@ -372,12 +342,6 @@ STDMETHODIMP GraphFilter::Run(REFERENCE_TIME) {
   const HRESULT hr = state_ == State_Stopped ? Pause() : S_OK;
   if (SUCCEEDED(hr)) state_ = State_Running;
   return hr;
-}
-
-STDMETHODIMP GraphFilter::GetState(DWORD, FILTER_STATE* state) {
-  if (state == nullptr) return E_POINTER;
-  *state = state_;
-  return S_OK;
 }
 
 STDMETHODIMP GraphFilter::SetSyncSource(IReferenceClock* clock) {

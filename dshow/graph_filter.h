@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "core/com_call.h"
 #include "core/com_ptr.h"
 
 namespace marlinda {
@@ -27,17 +28,11 @@ const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
 // Frees the format block and the reference of a media type, not the structure itself.
 void FreeContents(AM_MEDIA_TYPE& type) noexcept;
 
-// Owns a media type that came from a filter.
-class MediaType {
- public:
-  explicit MediaType(AM_MEDIA_TYPE* type) noexcept : type_(type) {}
-  MediaType(const MediaType&) = delete;
-  MediaType& operator=(const MediaType&) = delete;
-  ~MediaType();
-
- private:
-  AM_MEDIA_TYPE* type_;
+struct FreeMediaType {
+  void operator()(AM_MEDIA_TYPE* type) const noexcept;
 };
+// Owns a media type that came from a filter.
+using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
 // A media type of sound in the wave format; `format` points at one that may be longer than its
 // structure.
@@ -69,9 +64,6 @@ HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
 // The base of both kinds of pins. A pin lives in its filter and counts its references there.
 class GraphPin : public IPin {
  public:
-  GraphPin(const GraphPin&) = delete;
-  GraphPin& operator=(const GraphPin&) = delete;
-
   bool IsConnected() const noexcept { return peer_ != nullptr; }
   const AudioType& type() const noexcept { return type_; }
 
@@ -79,13 +71,15 @@ class GraphPin : public IPin {
   STDMETHODIMP_(ULONG) AddRef() override;
   STDMETHODIMP_(ULONG) Release() override;
 
-  STDMETHODIMP Connect(IPin* receiver, const AM_MEDIA_TYPE* type) override;
+  STDMETHODIMP Connect(IPin*, const AM_MEDIA_TYPE*) override { return E_UNEXPECTED; }
   STDMETHODIMP ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;
   STDMETHODIMP Disconnect() override;
   STDMETHODIMP ConnectedTo(IPin** pin) override;
   STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* type) override;
   STDMETHODIMP QueryPinInfo(PIN_INFO* info) override;
-  STDMETHODIMP QueryDirection(PIN_DIRECTION* direction) override;
+  STDMETHODIMP QueryDirection(PIN_DIRECTION* direction) override {
+    return SetOut(direction, direction_);
+  }
   STDMETHODIMP QueryId(LPWSTR* id) override;
   STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* type) override;
   STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** types) override;
@@ -104,6 +98,8 @@ class GraphPin : public IPin {
   virtual std::vector<AudioType> Types() const { return {}; }
   // The interface that only this kind of pin has; null for any other.
   virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
+  // Gets or frees the buffers of a filter that starts or stops.
+  virtual HRESULT Commit(bool) { return S_OK; }
 
   GraphFilter& filter_;
   const PIN_DIRECTION direction_;
@@ -130,11 +126,13 @@ class InputPin : public GraphPin, protected IMemInputPin {
   }
   STDMETHODIMP_(ULONG) AddRef() override { return GraphPin::AddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return GraphPin::Release(); }
-  STDMETHODIMP EndOfStream() override;
+  STDMETHODIMP EndOfStream() override { return ComCall(purpose_.end); }
 
  protected:
   bool Accepts(const AudioType& type) const override { return purpose_.accepts(*type.format()); }
-  IUnknown* Extra(REFIID iid) noexcept override;
+  IUnknown* Extra(REFIID iid) noexcept override {
+    return IsEqualIID(iid, IID_IMemInputPin) ? static_cast<IMemInputPin*>(this) : nullptr;
+  }
 
   STDMETHODIMP GetAllocator(IMemAllocator** allocator) override;
   STDMETHODIMP NotifyAllocator(IMemAllocator*, BOOL) override { return S_OK; }
@@ -155,7 +153,7 @@ class OutputPin : public GraphPin {
 
   // Splits `bytes` into samples. `start` and `stop` are their times, spread evenly.
   HRESULT Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start, REFERENCE_TIME stop);
-  HRESULT DeliverEnd();
+  HRESULT DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
 
   STDMETHODIMP Connect(IPin* receiver, const AM_MEDIA_TYPE* type) override;
   STDMETHODIMP Disconnect() override;
@@ -163,6 +161,10 @@ class OutputPin : public GraphPin {
  protected:
   bool Accepts(const AudioType& type) const override;
   std::vector<AudioType> Types() const override { return types_; }
+  HRESULT Commit(bool commit) override {
+    if (!allocator_) return S_OK;
+    return commit ? allocator_->Commit() : allocator_->Decommit();
+  }
 
  private:
   HRESULT TryType(IPin* receiver, const AudioType& type);
@@ -172,8 +174,6 @@ class OutputPin : public GraphPin {
   const long buffer_bytes_;
   ComPtr<IMemInputPin> input_;
   ComPtr<IMemAllocator> allocator_;
-
-  friend class GraphFilter;
 };
 
 // A filter with the pins that are added to it before it is used.
@@ -195,11 +195,12 @@ class GraphFilter : public IBaseFilter {
   STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
   STDMETHODIMP_(ULONG) Release() override;
 
-  STDMETHODIMP GetClassID(CLSID* class_id) override;
+  // Made by the engine alone, never by class identifier.
+  STDMETHODIMP GetClassID(CLSID* class_id) override { return SetOut(class_id, GUID_NULL); }
   STDMETHODIMP Stop() override;
   STDMETHODIMP Pause() override;
   STDMETHODIMP Run(REFERENCE_TIME start) override;
-  STDMETHODIMP GetState(DWORD milliseconds, FILTER_STATE* state) override;
+  STDMETHODIMP GetState(DWORD, FILTER_STATE* state) override { return SetOut(state, state_); }
   STDMETHODIMP SetSyncSource(IReferenceClock* clock) override;
   STDMETHODIMP GetSyncSource(IReferenceClock** clock) override;
   STDMETHODIMP EnumPins(IEnumPins** pins) override;

@@ -1,7 +1,5 @@
 #include "edit/connection_points.h"
 
-#include <marlinda.h>
-// After the contracts.
 #include <olectl.h>
 
 #include <algorithm>
@@ -96,17 +94,10 @@ STDMETHODIMP ConnectionPoint::QueryInterface(REFIID iid, void** object) {
   return S_OK;
 }
 
-STDMETHODIMP ConnectionPoint::GetConnectionInterface(IID* iid) {
-  if (iid == nullptr) return E_POINTER;
-  *iid = iid_;
-  return S_OK;
-}
-
 STDMETHODIMP ConnectionPoint::GetConnectionPointContainer(IConnectionPointContainer** container) {
-  if (container == nullptr) return E_POINTER;
-  *container = &container_;
-  container_.AddRef();
-  return S_OK;
+  const HRESULT hr = SetOut(container, &container_);
+  if (SUCCEEDED(hr)) container_.AddRef();
+  return hr;
 }
 
 STDMETHODIMP ConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
@@ -153,11 +144,6 @@ ComPtr<IUnknown> ConnectionPoint::AcceptedFace(IUnknown* sink) const {
   if (receive(iid_) || (events && receive(IID_IDispatch))) return face;
   return nullptr;
 }
-
-ConnectionPoints::ConnectionPoints(IConnectionPointContainer& container) noexcept
-    : update(container, DIID__IEAUpdateEvents),
-      undo(container, DIID__IEAUndoEvents),
-      property(container, IID_IPropertyNotifySink) {}
 
 HRESULT ConnectionPoints::Enumerate(IEnumConnectionPoints** points) {
   if (points == nullptr) return E_POINTER;

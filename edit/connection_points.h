@@ -1,8 +1,7 @@
 // The connection points through which the document talks to its listeners.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
+#include <marlinda.h>
 #include <ocidl.h>
 
 #include <array>
@@ -40,7 +39,7 @@ class ConnectionPoint final : public IConnectionPoint {
   STDMETHODIMP_(ULONG) Release() override { return container_.Release(); }
 
   // IConnectionPoint
-  STDMETHODIMP GetConnectionInterface(IID* iid) override;
+  STDMETHODIMP GetConnectionInterface(IID* iid) override { return SetOut(iid, iid_); }
   STDMETHODIMP GetConnectionPointContainer(IConnectionPointContainer** container) override;
   STDMETHODIMP Advise(IUnknown* sink, DWORD* cookie) override;
   STDMETHODIMP Unadvise(DWORD cookie) override;
@@ -58,7 +57,10 @@ class ConnectionPoint final : public IConnectionPoint {
 // The connection points of the document.
 class ConnectionPoints {
  public:
-  explicit ConnectionPoints(IConnectionPointContainer& container) noexcept;
+  explicit ConnectionPoints(IConnectionPointContainer& container) noexcept
+      : update(container, DIID__IEAUpdateEvents),
+        undo(container, DIID__IEAUndoEvents),
+        property(container, IID_IPropertyNotifySink) {}
 
   HRESULT Enumerate(IEnumConnectionPoints** points);
   HRESULT Find(REFIID iid, IConnectionPoint** point) noexcept;

@@ -86,17 +86,10 @@ void PositionIndex::Replace(std::size_t first, std::size_t count,
 }
 
 void PositionIndex::Total(std::size_t block) noexcept {
+  static constexpr Block kNoBlock = {};
   Block& at = blocks_[block];
   const BlockSummary& own = at.summary;
-  if (block == 0) {
-    at.start = 0;
-    at.ordinal = 0;
-    at.furthest_end = own.highest_end;
-    at.absolute_length = own.absolute_length;
-    at.shortest = own.shortest;
-    return;
-  }
-  const Block& before = blocks_[block - 1];
+  const Block& before = block > 0 ? blocks_[block - 1] : kNoBlock;
   at.start = WrappingAdd(before.start, before.summary.length);
   at.ordinal = before.ordinal + before.summary.count;
   at.furthest_end = std::max(before.furthest_end, WrappingAdd(at.start, own.highest_end));

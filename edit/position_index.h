@@ -73,9 +73,9 @@ class PositionIndex {
     std::int64_t start = 0;
     std::size_t ordinal = 0;
     // Running totals that include this block.
-    std::int64_t furthest_end = 0;
+    std::int64_t furthest_end = std::numeric_limits<std::int64_t>::min();
     std::uint64_t absolute_length = 0;
-    std::int64_t shortest = 0;
+    std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
   };
 
   void Total(std::size_t block) noexcept;

@@ -105,24 +105,11 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
 template <class Ops>
 void ShapeWith(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
                std::size_t channels) noexcept {
-  switch (channels) {
-    case 1:
-      return ShapeChannels<Ops, 1>(steps, errors, samples, frames);
-    case 2:
-      return ShapeChannels<Ops, 2>(steps, errors, samples, frames);
-    case 3:
-      return ShapeChannels<Ops, 3>(steps, errors, samples, frames);
-    case 4:
-      return ShapeChannels<Ops, 4>(steps, errors, samples, frames);
-    case 5:
-      return ShapeChannels<Ops, 5>(steps, errors, samples, frames);
-    case 6:
-      return ShapeChannels<Ops, 6>(steps, errors, samples, frames);
-    case 7:
-      return ShapeChannels<Ops, 7>(steps, errors, samples, frames);
-    default:
-      return ShapeChannels<Ops, 8>(steps, errors, samples, frames);
-  }
+  using Shape = void (*)(const ShapingSteps&, ShapingErrors*, float*, std::size_t);
+  static constexpr Shape kShapes[kMaxShapedChannels] = {
+      ShapeChannels<Ops, 1>, ShapeChannels<Ops, 2>, ShapeChannels<Ops, 3>, ShapeChannels<Ops, 4>,
+      ShapeChannels<Ops, 5>, ShapeChannels<Ops, 6>, ShapeChannels<Ops, 7>, ShapeChannels<Ops, 8>};
+  kShapes[channels - 1](steps, errors, samples, frames);
 }
 
 }  // namespace marlinda
