@@ -84,9 +84,7 @@ ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
   const __int64 total = ConvertSampleCount(audio.frames, from.rate, to.rate);
   __int64 written = 0;
   for (__int64 at = 0; written < total; at += kBlockFrames) {
-    if (console.Interrupted()) {
-      throw HostError(ExitStatus::kInterrupted, "", "interrupted; nothing was written");
-    }
+    if (console.Interrupted()) throw NothingWritten("");
     // Silence behind the end brings out the last frames, which the converter's filter holds back.
     const __int64 frames = std::clamp<__int64>(audio.frames - at, 0, kBlockFrames);
     const FloatArray block(

@@ -48,19 +48,11 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   return reader->ReadAudio(position, frame.get());
 }
 
-// The filter that the manager chooses; null when it has none for the file.
-ComPtr<IImportFilter> AskManager(BSTR file) {
-  const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
-  ComPtr<IImportFilter> filter;
-  Check(manager->CreateImportFilter(file, filter.GetAddressOf()));
-  return filter;
-}
-
 // The built-in filter of the highest merit that accepts the file, chosen as the manager chooses.
 // Those that the manager has asked are not asked again: a hanging decoder takes them fifteen
 // seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
-  const std::vector<ListedFilter> listed = ReadFilterList().entries;
+  const FilterList listed = ReadFilterList();
   ComPtr<IImportFilter> best;
   SHORT best_merit = -1;
   bool any = false;
@@ -68,10 +60,7 @@ ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
     ComPtr<IImportFilter> filter;
     if (FAILED(CreateInstance(*built_in.class_id, filter))) continue;
     any = true;
-    if (std::ranges::any_of(
-            listed, [&](const ListedFilter& entry) { return Lists(entry, *built_in.class_id); })) {
-      continue;
-    }
+    if (listed.Holds(*built_in.class_id)) continue;
     SHORT merit = -1;
     if (filter->QueryCanLoad(file) == S_OK && SUCCEEDED(filter->GetMerit(&merit)) &&
         merit > best_merit) {
@@ -88,7 +77,9 @@ ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
 }
 
 ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
-  ComPtr<IImportFilter> filter = AskManager(engine_name);
+  const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
+  ComPtr<IImportFilter> filter;
+  Check(manager->CreateImportFilter(engine_name, filter.GetAddressOf()));
   if (!filter) filter = AskBuiltInFilters(engine_name);
   if (!filter) {
     throw HostError(ExitStatus::kInput, file, "no import filter reads this file",
@@ -96,10 +87,6 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
                     "filters\" lists the kinds that can be read.");
   }
   return filter;
-}
-
-HostError ImportInterrupted(const std::string& file) {
-  return {ExitStatus::kInterrupted, file, "interrupted; nothing was written"};
 }
 
 // The parts in their order, each with a margin, and none touches another. Why: the peaks of a pool
@@ -130,6 +117,10 @@ void AppendSilence(IEditedAudio* document, __int64 frames, const AudioFormat& fo
 std::filesystem::path PathOf(const std::string& file) { return Widen(file); }
 
 }  // namespace
+
+HostError NothingWritten(const std::string& subject) {
+  return {ExitStatus::kInterrupted, subject, "interrupted; nothing was written"};
+}
 
 FilterIdentity IdentityOf(IUnknown* object) {
   const auto provider = TryQuery<IProvideClassInfo>(object);
@@ -243,10 +234,7 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
   // The pool has no file for samples. Only a write reports the reason.
   const auto writer = Query<IAudioWriter>(pool);
   Check(writer->SetFormat(44100, 1));
-  SAFEARRAY* const block = SafeArrayCreateVector(VT_R4, 0, 1);
-  const HRESULT reason = writer->WriteAudio(block);
-  if (block != nullptr) SafeArrayDestroy(block);
-  return reason;
+  return writer->WriteAudio(FloatArray(1).get());
 }
 
 Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
@@ -295,12 +283,6 @@ std::optional<__int64> Source::Frames() const {
   return frames;
 }
 
-bool Source::IsIncomplete() const {
-  float progress = 1.0F;
-  const auto task = TryQuery<ICoreTask>(filter_.Get());
-  return task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1.0F;
-}
-
 Tags Source::ReadTags() const {
   const auto reader = TryQuery<IMetaDataReader>(filter_.Get());
   Bstr title;
@@ -333,9 +315,7 @@ std::optional<AcidData> Source::ReadAcidData() const {
 
 ImportedAudio Source::Import(const Console& console) {
   ProgressBar bar(console.Progress(), "Reading");
-  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), bar, console)) {
-    throw ImportInterrupted(file_);
-  }
+  if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), bar, console)) throw NothingWritten(file_);
   return TakeOfRun(console);
 }
 
@@ -372,7 +352,7 @@ ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& 
     const __int64 length = part.end - part.begin;
     if (!RunTask(task.Get(), bar, console, static_cast<double>(done) / whole,
                  static_cast<double>(length) / whole)) {
-      throw ImportInterrupted(file_);
+      throw NothingWritten(file_);
     }
     const ImportedAudio take = LastTake(pool_.Get());
     if (take.frames != length) {
@@ -447,10 +427,11 @@ ImportedAudio Source::TakeOfRun(const Console& console) const {
   if (FAILED(last)) throw Explain(last, kTemporaryFolder, ExitStatus::kOutput);
   // Asked at the end, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = Frames();
+  const auto task = TryQuery<ICoreTask>(filter_.Get());
   if (promised && audio.frames < *promised) {
     console.Tell(file_ + ": only " + std::to_string(audio.frames) + " of " +
                  std::to_string(*promised) + " frames could be decoded; the file seems damaged");
-  } else if (IsIncomplete()) {
+  } else if (float progress = 1; task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1) {
     console.Tell(file_ + ": only the first " + std::to_string(audio.frames) +
                  " frames were read; the part behind them has another sample rate or number of "
                  "channels and is left out");
@@ -490,9 +471,7 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   RequireRoom(frames, format, bits);
 
   // Before an existing file is emptied for nothing.
-  if (console.Interrupted()) {
-    throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
-  }
+  if (console.Interrupted()) throw NothingWritten(file_);
 
   const Console::Finishing finishing;
   const OpenReader open(reader);
@@ -515,26 +494,23 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   }
   std::error_code ignored;
   std::filesystem::remove(PathOf(file_), ignored);
-  if (!finished) {
-    throw HostError(ExitStatus::kInterrupted, file_, "interrupted; nothing was written");
-  }
+  if (!finished) throw NothingWritten(file_);
   throw HostError(ExitStatus::kOutput, file_,
                   "the file could not be written whole, so it was removed",
                   "The disk may be full: free some space there, or choose another disk.");
 }
 
 void FileExport::HandOver() {
+  const auto& [tags, annotations, acid] = texts_;
   Check(Query<IMetaDataWriter>(filter_.Get())
-            ->SetMetaData(Bstr(tags_.title).get(), Bstr(tags_.artist).get(),
-                          Bstr(tags_.album).get(), Bstr(tags_.year).get(),
-                          Bstr(tags_.genre).get()));
+            ->SetMetaData(Bstr(tags.title).get(), Bstr(tags.artist).get(), Bstr(tags.album).get(),
+                          Bstr(tags.year).get(), Bstr(tags.genre).get()));
   if (!is_wave_) return;
-  AddAnnotations(filter_.Get(), annotations_);
-  if (acid_) {
-    Check(Query<IAcidWriter>(filter_.Get())
-              ->SetAcidData(static_cast<SHORT>(acid_->root_note), acid_->meter_beats,
-                            acid_->meter_delimiter, acid_->beat_count, acid_->tempo));
-  }
+  AddAnnotations(filter_.Get(), annotations);
+  if (!acid) return;
+  Check(Query<IAcidWriter>(filter_.Get())
+            ->SetAcidData(static_cast<SHORT>(acid->root_note), acid->meter_beats,
+                          acid->meter_delimiter, acid->beat_count, acid->tempo));
 }
 
 std::optional<WaveFileFacts> FileExport::Examine() const {

@@ -76,6 +76,9 @@ struct FilterIdentity {
 
 FilterIdentity IdentityOf(IUnknown* object);
 
+// For a command that was interrupted before it wrote anything about `subject`.
+HostError NothingWritten(const std::string& subject);
+
 struct AudioFormat {
   bool operator==(const AudioFormat&) const = default;
 
@@ -162,14 +165,19 @@ class Source {
   void Initialize(IAudioWriter* target = nullptr);
   void Select(const FrameRange& part);
   ImportedAudio TakeOfRun(const Console& console) const;
-  // After an import that nobody interrupted: whether the filter left out a part of the file.
-  bool IsIncomplete() const;
 
   std::string file_;
   std::wstring engine_name_;
   ComPtr<IImportFilter> filter_;
   FilterIdentity identity_;
   ComPtr<IAudioPool> pool_;
+};
+
+// What a file holds beside its audio.
+struct FileTexts {
+  Tags tags;
+  Annotations annotations;
+  std::optional<AcidData> acid = {};
 };
 
 // One file to be written: WAV or, by its extension, MP3 or WMA, which take the texts but neither
@@ -180,10 +188,8 @@ class FileExport {
   // does not exist, one of the inputs itself.
   FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
-  // Texts beside the audio; to be set before Run.
-  void SetTags(const Tags& tags) { tags_ = tags; }
-  void SetAcidData(const AcidData& acid) { acid_ = acid; }
-  void SetAnnotations(const Annotations& annotations) { annotations_ = annotations; }
+  // To be set before Run.
+  void SetTexts(FileTexts texts) { texts_ = std::move(texts); }
 
   // Throws when so much audio does not fit in a WAV file.
   void RequireRoom(__int64 frames, const AudioFormat& format, int bits) const;
@@ -205,9 +211,7 @@ class FileExport {
   std::string file_;
   ComPtr<IExportFilter> filter_;
   bool is_wave_ = true;
-  Tags tags_;
-  Annotations annotations_;
-  std::optional<AcidData> acid_;
+  FileTexts texts_;
 };
 
 }  // namespace marlinda

@@ -2,6 +2,8 @@
 
 #include <marlinda.h>
 
+#include <algorithm>
+
 #include "core/com_call.h"
 #include "core/handle.h"
 #include "host/messages.h"
@@ -69,10 +71,13 @@ void RemoveListedFilter(const std::string& value_name) {
   if (removed != ERROR_FILE_NOT_FOUND) RequireSuccess(removed);
 }
 
-bool Lists(const ListedFilter& entry, REFCLSID class_id) {
+bool ListedFilter::Names(REFCLSID id) const {
   CLSID listed;
-  return SUCCEEDED(CLSIDFromString(Widen(entry.class_id).c_str(), &listed)) &&
-         IsEqualCLSID(listed, class_id);
+  return SUCCEEDED(CLSIDFromString(Widen(class_id).c_str(), &listed)) && IsEqualCLSID(listed, id);
+}
+
+bool FilterList::Holds(REFCLSID class_id) const {
+  return std::ranges::any_of(entries, [&](const auto& entry) { return entry.Names(class_id); });
 }
 
 std::string ClassIdText(REFCLSID class_id) {

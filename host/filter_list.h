@@ -14,11 +14,15 @@ namespace marlinda {
 extern const char* const kFilterListKey;
 
 struct ListedFilter {
+  bool Names(REFCLSID id) const;
+
   std::string value_name;
   std::string class_id;  // as written there, well formed or not
 };
 
 struct FilterList {
+  bool Holds(REFCLSID class_id) const;
+
   std::vector<ListedFilter> entries;  // in the order in which the manager tries them
   // A value too long for the manager ends the list for it; those behind it are not in `entries`.
   bool cut_short = false;
@@ -30,8 +34,6 @@ FilterList ReadFilterList();
 // Writes or removes one value. Throw a HostError; removing what is not there is no failure.
 void WriteListedFilter(const std::string& value_name, REFCLSID class_id);
 void RemoveListedFilter(const std::string& value_name);
-
-bool Lists(const ListedFilter& entry, REFCLSID class_id);
 
 // "{2A54BF54-...}"
 std::string ClassIdText(REFCLSID class_id);

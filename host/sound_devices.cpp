@@ -11,6 +11,17 @@ namespace {
 constexpr SHORT kBitsToTry[] = {32, 16};
 constexpr const char* kChoose = "Choose another with --device; \"marlinda devices\" lists them.";
 
+template <class Caps>
+std::vector<SoundDevice> Devices(UINT count, MMRESULT(WINAPI* ask)(UINT_PTR, Caps*, UINT)) {
+  std::vector<SoundDevice> devices;
+  for (UINT i = 0; i < count; ++i) {
+    Caps caps = {};
+    ask(i, &caps, sizeof caps);
+    devices.push_back({Narrow(caps.szPname), caps.wChannels});
+  }
+  return devices;
+}
+
 HostError Refused(const DeviceChoice& device, const AudioFormat& format) {
   return {ExitStatus::kDevice, device.description(),
           "it cannot be opened with " + std::to_string(format.rate) + " Hz, " +
@@ -21,23 +32,11 @@ HostError Refused(const DeviceChoice& device, const AudioFormat& format) {
 }  // namespace
 
 std::vector<SoundDevice> OutputDevices() {
-  std::vector<SoundDevice> devices;
-  for (UINT i = 0; i < waveOutGetNumDevs(); ++i) {
-    WAVEOUTCAPSW caps = {};
-    waveOutGetDevCapsW(i, &caps, sizeof caps);
-    devices.push_back({Narrow(caps.szPname), caps.wChannels});
-  }
-  return devices;
+  return Devices<WAVEOUTCAPSW>(waveOutGetNumDevs(), waveOutGetDevCapsW);
 }
 
 std::vector<SoundDevice> InputDevices() {
-  std::vector<SoundDevice> devices;
-  for (UINT i = 0; i < waveInGetNumDevs(); ++i) {
-    WAVEINCAPSW caps = {};
-    waveInGetDevCapsW(i, &caps, sizeof caps);
-    devices.push_back({Narrow(caps.szPname), caps.wChannels});
-  }
-  return devices;
+  return Devices<WAVEINCAPSW>(waveInGetNumDevs(), waveInGetDevCapsW);
 }
 
 DeviceChoice::DeviceChoice(const std::vector<SoundDevice>& devices, const char* kind,

@@ -5,7 +5,6 @@
 #include "core/sample_count.h"
 #include "host/commands/shared.h"
 #include "host/converted_audio.h"
-#include "host/engine.h"
 
 namespace marlinda {
 namespace {
@@ -22,13 +21,6 @@ struct ConvertOptions {
   std::optional<int> channels;
   bool json = false;
 };
-
-// Everything but the audio.
-void CopyTexts(const Source& source, const Annotations& annotations, FileExport& wave) {
-  wave.SetTags(source.ReadTags());
-  wave.SetAnnotations(annotations);
-  if (const auto acid = source.ReadAcidData()) wave.SetAcidData(*acid);
-}
 
 // A connector that is taken apart when it goes, whatever happened: it and the filters hold each
 // other.
@@ -63,7 +55,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
   const ImportedAudio audio = source.Import(console);
   const AudioFormat to = TargetFormat(audio.format, options.rate, options.channels);
   const Annotations annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
-  CopyTexts(source, annotations, wave);
+  wave.SetTexts({source.ReadTags(), annotations, source.ReadAcidData()});
   __int64 frames = audio.frames;
   WaveFileFacts facts;
   if (to == audio.format) {
@@ -90,9 +82,8 @@ void Convert(const ConvertOptions& options, const Console& console) {
 }  // namespace
 
 void AddConvert(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<ConvertOptions>();
-  CLI::App* command = AddCommand(app, "convert", "Write an audio file as WAV or MP3", kConvertHelp,
-                                 [options, &console] { Convert(*options, console); });
+  const auto [command, options] = AddCommand(
+      app, console, "convert", "Write an audio file as WAV or MP3", kConvertHelp, Convert);
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the input unless given");

@@ -1,12 +1,9 @@
 // "marlinda cut": pieces of a file joined in the order given, with silence, labels and markers.
 #include "host/commands/commands.h"
 
-#include <stdexcept>
-
 #include "host/commands/shared.h"
 #include "host/cut_plan.h"
 #include "host/document_picture.h"
-#include "host/engine.h"
 #include "host/joined_source.h"
 #include "host/wide_text.h"
 
@@ -61,20 +58,8 @@ void RequireText(const std::string& text) {
                   "Choose other ones, or let --replace-text write \"?\" for them.");
 }
 
-CutPlan Plan(const CutRequest& request, const ImportedAudio& audio) {
-  try {
-    return PlanCut(request, audio.frames, audio.format.rate);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("cut", error.what());
-  }
-}
-
 void Cut(const CutOptions& options, const Console& console) {
-  try {
-    CheckSyntax(options.request);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("cut", error.what());
-  }
+  CheckSyntax(options.request);
   const auto [inputs, output] = SplitFiles("cut", options.files);
   JoinedSource source(inputs);
   FileExport wave(output, inputs);
@@ -85,7 +70,7 @@ void Cut(const CutOptions& options, const Console& console) {
   ImportedAudio audio;
   const auto expected = source.Expected({}, {});
   if (expected) {
-    plan = Plan(options.request, *expected);
+    plan = PlanCut(options.request, expected->frames, expected->format.rate);
     wave.RequireRoom(plan.length, expected->format, bits);
   }
   if (source.CanImportParts()) {
@@ -93,7 +78,9 @@ void Cut(const CutOptions& options, const Console& console) {
   } else {
     audio = source.Import({}, {}, console);
   }
-  if (!expected || audio.frames != expected->frames) plan = Plan(options.request, audio);
+  if (!expected || audio.frames != expected->frames) {
+    plan = PlanCut(options.request, audio.frames, audio.format.rate);
+  }
 
   if (!options.replace_text) {
     for (const Label& label : plan.annotations.labels) RequireText(label.name);
@@ -101,9 +88,8 @@ void Cut(const CutOptions& options, const Console& console) {
   }
   const auto document = Assemble(plan, audio, source.annotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
-  wave.SetTags(source.first().ReadTags());
   // No loop data: its beat count belongs to the whole source.
-  wave.SetAnnotations(annotations);
+  wave.SetTexts({source.first().ReadTags(), annotations});
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), bits, console);
   WrittenFile written = {inputs,      source.first().filter().class_name,
@@ -132,9 +118,8 @@ CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
 }  // namespace
 
 void AddCut(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<CutOptions>();
-  CLI::App* command = AddCommand(app, "cut", "Join pieces of audio files and write them as WAV",
-                                 kCutHelp, [options, &console] { Cut(*options, console); });
+  const auto [command, options] = AddCommand(
+      app, console, "cut", "Join pieces of audio files and write them as WAV", kCutHelp, Cut);
   AddFiles(command, options->files);
   CutRequest& request = options->request;
   AddRepeated(command, "--keep", "BEGIN:END", request.keep, "Pieces to keep")

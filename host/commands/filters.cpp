@@ -3,7 +3,6 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
-#include "host/engine.h"
 #include "host/filter_list.h"
 #include "host/wide_text.h"
 
@@ -13,11 +12,11 @@ namespace {
 struct FilterReport {
   std::string class_name;
   std::string class_id;
-  std::optional<std::string> listed_as;  // value name in the registry
+  std::optional<std::string> listed_as = {};  // value name in the registry
   bool available = false;
   SHORT merit = 0;
-  std::string description;
-  std::string patterns;
+  std::string description = {};
+  std::string patterns = {};
 };
 
 // Fills the report from the filter; a filter that cannot be created stays unavailable.
@@ -40,7 +39,7 @@ void Ask(REFCLSID class_id, FilterReport& report) {
 std::vector<FilterReport> Report(const FilterList& list) {
   std::vector<FilterReport> reports;
   for (const ListedFilter& entry : list.entries) {
-    FilterReport report = {"", entry.class_id, entry.value_name, false, 0, "", ""};
+    FilterReport report = {"", entry.class_id, entry.value_name};
     CLSID class_id;
     if (SUCCEEDED(CLSIDFromString(Widen(entry.class_id).c_str(), &class_id))) {
       report.class_id = ClassIdText(class_id);
@@ -49,12 +48,8 @@ std::vector<FilterReport> Report(const FilterList& list) {
     reports.push_back(report);
   }
   for (const BuiltInFilter& built_in : BuiltInFilters()) {
-    const auto lists_it = [&](const ListedFilter& entry) {
-      return Lists(entry, *built_in.class_id);
-    };
-    if (std::ranges::any_of(list.entries, lists_it)) continue;
-    FilterReport report = {
-        built_in.class_name, ClassIdText(*built_in.class_id), std::nullopt, false, 0, "", ""};
+    if (list.Holds(*built_in.class_id)) continue;
+    FilterReport report = {built_in.class_name, ClassIdText(*built_in.class_id)};
     Ask(*built_in.class_id, report);
     reports.push_back(report);
   }

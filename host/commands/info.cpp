@@ -91,19 +91,21 @@ std::string ToText(const Source& source) {
   return text;
 }
 
+struct InfoOptions {
+  std::string file;
+  bool json = false;
+};
+
+void PrintInfo(const InfoOptions& options, const Console& console) {
+  const Source source(options.file);
+  console.Print(options.json ? Serialize(ToJson(source)) : ToText(source));
+}
+
 }  // namespace
 
 void AddInfo(CLI::App& app, Console& console) {
-  struct Options {
-    std::string file;
-    bool json = false;
-  };
-  const auto options = std::make_shared<Options>();
-  CLI::App* command = AddCommand(
-      app, "info", "Describe an audio file", "Example: marlinda info in.ogg", [options, &console] {
-        const Source source(options->file);
-        console.Print(options->json ? Serialize(ToJson(source)) : ToText(source));
-      });
+  const auto [command, options] = AddCommand(app, console, "info", "Describe an audio file",
+                                             "Example: marlinda info in.ogg", PrintInfo);
   command->add_option("FILE", options->file, "Audio file")->required();
   AddJson(command, options->json);
 }

@@ -1,7 +1,5 @@
 // "marlinda install-filters": adds the built-in import filters to the registry list that the filter
 // manager reads, or removes them.
-#include <algorithm>
-
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/engine.h"
@@ -14,56 +12,47 @@ constexpr const char* kInstallFiltersHelp =
     "Needs the right to write for all users. Listed filters are left alone.\n"
     "Example: marlinda install-filters --remove";
 
-struct Outcome {
-  std::string class_name;
-  const char* state;
+struct InstallOptions {
+  bool remove = false;
+  bool json = false;
 };
 
-void RequireFilter(const BuiltInFilter& filter) {
-  CreateObject<IImportFilter>(*filter.class_id, filter.class_name);
-}
-
-Outcome Install(const BuiltInFilter& filter, const FilterList& list) {
-  const auto lists_it = [&](const ListedFilter& entry) { return Lists(entry, *filter.class_id); };
-  if (std::ranges::any_of(list.entries, lists_it)) return {filter.class_name, "listed already"};
+// These return the filter's new state.
+const char* Install(const BuiltInFilter& filter, const FilterList& list) {
+  if (list.Holds(*filter.class_id)) return "listed already";
   WriteListedFilter(filter.class_name, *filter.class_id);
-  return {filter.class_name, "listed"};
+  return "listed";
 }
 
-Outcome Remove(const BuiltInFilter& filter, const FilterList& list) {
-  Outcome outcome = {filter.class_name, "not listed"};
+const char* Remove(const BuiltInFilter& filter, const FilterList& list) {
   for (const ListedFilter& entry : list.entries) {
-    if (!Lists(entry, *filter.class_id)) continue;
-    RemoveListedFilter(entry.value_name);
-    outcome.state = "removed";
+    if (entry.Names(*filter.class_id)) RemoveListedFilter(entry.value_name);
   }
-  return outcome;
+  return list.Holds(*filter.class_id) ? "removed" : "not listed";
 }
 
-void InstallFilters(bool remove, bool json, const Console& console) {
+void InstallFilters(const InstallOptions& options, const Console& console) {
   const FilterList list = ReadFilterList();
-  if (!remove) std::ranges::for_each(BuiltInFilters(), RequireFilter);
+  for (const BuiltInFilter& filter : BuiltInFilters()) {
+    if (!options.remove) CreateObject<IImportFilter>(*filter.class_id, filter.class_name);
+  }
   Json outcomes = Json::array();
   for (const BuiltInFilter& filter : BuiltInFilters()) {
-    const Outcome outcome = remove ? Remove(filter, list) : Install(filter, list);
-    if (!json) console.Print(outcome.class_name + ": " + outcome.state + "\n");
-    outcomes.push_back({{"class", outcome.class_name}, {"state", outcome.state}});
+    const std::string state = options.remove ? Remove(filter, list) : Install(filter, list);
+    if (!options.json) console.Print(filter.class_name + (": " + state) + "\n");
+    outcomes.push_back({{"class", filter.class_name}, {"state", state}});
   }
-  if (json) console.Print(Serialize({{"registry_key", kFilterListKey}, {"filters", outcomes}}));
+  if (!options.json) return;
+  console.Print(Serialize({{"registry_key", kFilterListKey}, {"filters", outcomes}}));
 }
 
 }  // namespace
 
 void AddInstallFilters(CLI::App& app, Console& console) {
-  struct Options {
-    bool remove = false;
-    bool json = false;
-  };
-  const auto options = std::make_shared<Options>();
-  CLI::App* command = AddCommand(
-      app, "install-filters", "List the built-in import filters in the registry, for all users",
-      kInstallFiltersHelp,
-      [options, &console] { InstallFilters(options->remove, options->json, console); });
+  const auto [command, options] =
+      AddCommand(app, console, "install-filters",
+                 "List the built-in import filters in the registry, for all users",
+                 kInstallFiltersHelp, InstallFilters);
   command->add_flag("--remove", options->remove, "Remove them from the list");
   AddJson(command, options->json);
 }

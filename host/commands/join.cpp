@@ -30,8 +30,7 @@ void Join(const JoinOptions& options, const Console& console) {
     wave.RequireRoom(expected->frames, expected->format, bits);
   }
   const ImportedAudio audio = source.Import(options.rate, options.channels, console);
-  wave.SetTags(source.first().ReadTags());
-  wave.SetAnnotations(source.annotations());
+  wave.SetTexts({source.first().ReadTags(), source.annotations()});
   const WaveFileFacts facts = wave.Run(audio.reader.Get(), bits, console);
   PrintSummary({inputs, source.first().filter().class_name, output, audio.format, bits,
                 audio.frames, source.annotations(), facts},
@@ -41,9 +40,8 @@ void Join(const JoinOptions& options, const Console& console) {
 }  // namespace
 
 void AddJoin(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<JoinOptions>();
-  CLI::App* command = AddCommand(app, "join", "Write several audio files as one WAV file",
-                                 kJoinHelp, [options, &console] { Join(*options, console); });
+  const auto [command, options] = AddCommand(
+      app, console, "join", "Write several audio files as one WAV file", kJoinHelp, Join);
   AddFiles(command, options->files);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the first file unless given");

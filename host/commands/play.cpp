@@ -1,7 +1,6 @@
 // "marlinda play": an audio file through a sound device.
 #include <algorithm>
 #include <chrono>
-#include <stdexcept>
 
 #include "host/channel_list.h"
 #include "host/commands/commands.h"
@@ -111,35 +110,16 @@ class Player {
   Clock::time_point start_;
 };
 
-std::uint32_t MaskOf(const std::string& channels) {
-  return channels.empty() ? 0xFFFFFFFFU : ParseChannelMask(channels);
-}
-
-Section Resolve(const PlayOptions& options, const ImportedAudio& audio) {
-  Section section = {{}, MaskOf(options.channels), options.loop};
-  if (!options.channels.empty()) RequireChannels(section.mask, audio.format.channels);
-  section.range =
-      ResolveRange(ParseFromTo(options.from, options.to), audio.frames, audio.format.rate);
-  return section;
-}
-
 void Play(const PlayOptions& options, const Console& console) {
-  try {
-    MaskOf(options.channels);
-    ParseFromTo(options.from, options.to);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("play", error.what());
-  }
+  Section section = {{}, 0xFFFFFFFFU, options.loop};
+  if (!options.channels.empty()) section.mask = ParseChannelMask(options.channels);
+  const TimeRange range = ParseFromTo(options.from, options.to);
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
   const auto expected = options.loop ? std::nullopt : source.Expected();
   ImportedAudio audio = expected ? *expected : source.Import(console);
-  Section section;
-  try {
-    section = Resolve(options, audio);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("play", error.what());
-  }
+  if (!options.channels.empty()) RequireChannels(section.mask, audio.format.channels);
+  section.range = ResolveRange(range, audio.frames, audio.format.rate);
   if (expected) audio = source.StartImport(section.range);
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
@@ -167,9 +147,8 @@ void Play(const PlayOptions& options, const Console& console) {
 }  // namespace
 
 void AddPlay(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<PlayOptions>();
-  CLI::App* command = AddCommand(app, "play", "Play an audio file", kPlayHelp,
-                                 [options, &console] { Play(*options, console); });
+  const auto [command, options] =
+      AddCommand(app, console, "play", "Play an audio file", kPlayHelp, Play);
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("--from", options->from, "Play from this time on");
   command->add_option("--to", options->to, "Play up to this time");

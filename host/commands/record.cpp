@@ -4,10 +4,9 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <memory>
-#include <stdexcept>
 #include <thread>
 
+#include "core/com_call.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/file_name.h"
@@ -38,20 +37,62 @@ class Recorder {
  public:
   // Begins at once. `source` is open, and is closed by Stop; `pool` is where one take arrives.
   Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool, const AudioFormat& format,
-           std::int64_t frames);
-  ~Recorder();
+           std::int64_t frames)
+      : source_(std::move(source)),
+        pool_(std::move(pool)),
+        format_(format),
+        frames_(frames),
+        levels_(static_cast<std::size_t>(format.channels)) {
+    Check(pool_->SetFormat(format.rate, format.channels));
+    Check(pool_->OpenDevice());
+    thread_ = std::thread([this] {
+      result_ = ComCall([this] { Pump(); });
+      running_ = false;
+    });
+  }
+  ~Recorder() { Stop(); }
 
   bool IsRunning() const { return running_; }
   std::int64_t recorded() const { return recorded_; }
   // Highest magnitude of each channel in the block that came last.
-  std::vector<float> Levels() const;
+  std::vector<float> Levels() const { return {levels_.begin(), levels_.end()}; }
 
   // Ends the recording, also one that waits for a device that delivers nothing. Afterwards what
-  // was recorded is a take of the pool. Gives the first failure of device or pool.
-  HRESULT Stop();
+  // was recorded is a take of the pool. Returns the first failure of device or pool.
+  HRESULT Stop() {
+    if (!thread_.joinable()) return result_;
+    stopping_ = true;
+    // A block takes 40 ms. A longer wait is for a device that is gone, and ends when that is
+    // closed.
+    constexpr auto kPatience = std::chrono::seconds(2);
+    const auto start = std::chrono::steady_clock::now();
+    while (running_ && std::chrono::steady_clock::now() - start < kPatience) Sleep(10);
+    source_->CloseDevice();
+    thread_.join();
+    pool_->CloseDevice();
+    return result_;
+  }
 
  private:
-  void Pump();
+  void Pump() {
+    const auto channels = static_cast<std::size_t>(format_.channels);
+    const std::int64_t block_frames = std::max(1L, format_.rate / 25);
+    while (!stopping_ && recorded_ < frames_) {
+      const std::int64_t frames = std::min(frames_ - recorded_, block_frames);
+      const FloatArray block(static_cast<std::size_t>(frames) * channels);
+      Check(source_->ReadAudio(0, block.get()));
+      const std::span<const float> samples = block.samples();
+      for (std::size_t channel = 0; channel < channels; ++channel) {
+        float level = 0.0F;
+        for (std::size_t i = channel; i < samples.size(); i += channels) {
+          level = std::max(level, std::abs(samples[i]));
+        }
+        levels_[channel] = level;
+      }
+      Check(pool_->WriteAudio(block.get()));
+      recorded_ += static_cast<std::int64_t>(samples.size() / channels);
+    }
+  }
 
   const ComPtr<IAudioReader> source_;
   const ComPtr<IAudioWriter> pool_;
@@ -64,68 +105,6 @@ class Recorder {
   HRESULT result_ = S_OK;  // the thread's until it has ended
   std::thread thread_;     // the last member: everything above is ready for it
 };
-
-Recorder::Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool,
-                   const AudioFormat& format, std::int64_t frames)
-    : source_(std::move(source)),
-      pool_(std::move(pool)),
-      format_(format),
-      frames_(frames),
-      levels_(static_cast<std::size_t>(format.channels)) {
-  Check(pool_->SetFormat(format.rate, format.channels));
-  Check(pool_->OpenDevice());
-  thread_ = std::thread([this] {
-    try {
-      Pump();
-    } catch (const std::exception&) {
-      result_ = E_OUTOFMEMORY;
-    }
-    running_ = false;
-  });
-}
-
-Recorder::~Recorder() { Stop(); }
-
-std::vector<float> Recorder::Levels() const { return {levels_.begin(), levels_.end()}; }
-
-HRESULT Recorder::Stop() {
-  if (!thread_.joinable()) return result_;
-  stopping_ = true;
-  // A block takes 40 ms. Who waits for longer waits for a device that is gone, and only closing
-  // that ends the wait.
-  constexpr auto kPatience = std::chrono::seconds(2);
-  const auto start = std::chrono::steady_clock::now();
-  while (running_ && std::chrono::steady_clock::now() - start < kPatience) Sleep(10);
-  source_->CloseDevice();
-  thread_.join();
-  pool_->CloseDevice();
-  return result_;
-}
-
-void Recorder::Pump() {
-  const auto channels = static_cast<std::size_t>(format_.channels);
-  const std::int64_t block_frames = std::max(1L, format_.rate / 25);
-  auto block = std::make_unique<FloatArray>(static_cast<std::size_t>(block_frames) * channels);
-  while (!stopping_ && recorded_ < frames_) {
-    const std::int64_t rest = frames_ - recorded_;
-    if (rest < block_frames) {
-      block = std::make_unique<FloatArray>(static_cast<std::size_t>(rest) * channels);
-    }
-    result_ = source_->ReadAudio(0, block->get());
-    if (FAILED(result_)) return;
-    const std::span<const float> samples = block->samples();
-    for (std::size_t channel = 0; channel < channels; ++channel) {
-      float level = 0.0F;
-      for (std::size_t i = channel; i < samples.size(); i += channels) {
-        level = std::max(level, std::abs(samples[i]));
-      }
-      levels_[channel] = level;
-    }
-    result_ = pool_->WriteAudio(block->get());
-    if (FAILED(result_)) return;
-    recorded_ += static_cast<std::int64_t>(samples.size() / channels);
-  }
-}
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   try {
@@ -197,12 +176,10 @@ SavedTake Save(IAudioReader* take, const RecordOptions& options, const Console& 
 
 void RecordFile(const RecordOptions& options, const Console& console) {
   const AudioFormat format = {options.rate, static_cast<SHORT>(options.channels)};
-  std::int64_t frames = 0;
-  try {
-    frames = Timecode::Parse(options.seconds).ToFrames(options.rate);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("record", std::string("--seconds: ") + error.what());
-  }
+  const auto in_frames = [&](std::string_view text) {
+    return Timecode::Parse(text).ToFrames(options.rate);
+  };
+  const std::int64_t frames = ForOption("--seconds", in_frames, options.seconds);
   if (frames == 0) throw UsageError("record", "--seconds: that is no frame at all");
   if (!FitsWaveFile(frames, options.channels, options.bits)) {
     throw UsageError("record", "a WAV file holds at most 4 GiB, and this needs more");
@@ -211,18 +188,12 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   static_cast<void>(FileExport(options.output, {}));
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
-  const auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  Check(pool->SetBitDepth(32, 0));
-  const HRESULT hr = TryPoolFiles(pool.Get());
-  if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
+  const auto pool = NewPool();
 
   const Console::Finishing finishing;
   const Shortfall shortfall =
       Record(OpenGrabber(device, format), pool.Get(), format, frames, device, console);
-  ComPtr<IAudioReader> take;
-  Check(pool->CreateLastReader(take.GetAddressOf()));
-  __int64 recorded = 0;
-  if (take) Check(take->GetSampleCount(&recorded));
+  const auto [take, ignored, recorded] = LastTake(pool.Get());
   if (recorded == 0) {
     throw HostError(
         shortfall ? shortfall->status() : ExitStatus::kFailure, options.output,
@@ -255,9 +226,8 @@ void RecordFile(const RecordOptions& options, const Console& console) {
 }  // namespace
 
 void AddRecord(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<RecordOptions>();
-  CLI::App* command = AddCommand(app, "record", "Record a WAV file", kRecordHelp,
-                                 [options, &console] { RecordFile(*options, console); });
+  const auto [command, options] =
+      AddCommand(app, console, "record", "Record a WAV file", kRecordHelp, RecordFile);
   AddOutput(command, options->output);
   command->add_option("--seconds", options->seconds, "How long to record")->required();
   AddFormat(command, options->rate, options->channels, "44100 Hz, 2 channels unless given");

@@ -1,7 +1,6 @@
 // "marlinda scrub": an audio file heard at positions that a list or the arrow keys give.
 #include <algorithm>
 #include <chrono>
-#include <stdexcept>
 
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
@@ -76,25 +75,15 @@ class Scrubber {
  private:
   // Frames by which a key moves the position; Home and End move it past every end.
   std::optional<std::int64_t> StepOf(WORD key) const {
-    const LONG rate = audio_.format.rate;
+    const std::int64_t rate = audio_.format.rate;
     // At least a frame, so that every key moves.
-    const LONG tenth = std::max(1L, rate / 10);
-    switch (key) {
-      case VK_LEFT:
-        return -tenth;
-      case VK_RIGHT:
-        return tenth;
-      case VK_DOWN:
-        return -rate;
-      case VK_UP:
-        return rate;
-      case VK_HOME:
-        return -audio_.frames;
-      case VK_END:
-        return audio_.frames;
-      default:
-        return std::nullopt;
-    }
+    const std::int64_t tenth = std::max<std::int64_t>(1, rate / 10);
+    const std::pair<WORD, std::int64_t> steps[] = {
+        {VK_LEFT, -tenth}, {VK_RIGHT, tenth},         {VK_DOWN, -rate},
+        {VK_UP, rate},     {VK_HOME, -audio_.frames}, {VK_END, audio_.frames}};
+    const auto* const step = std::ranges::find(steps, key, &std::pair<WORD, std::int64_t>::first);
+    if (step == std::end(steps)) return std::nullopt;
+    return step->second;
   }
 
   void MoveTo(std::int64_t position) {
@@ -128,14 +117,9 @@ class Scrubber {
 
 void Scrub(const ScrubOptions& options, const Console& console) {
   std::vector<Timecode> times;
-  std::chrono::microseconds hold{};
-  try {
-    if (!options.at.empty()) times = ForOption("--at", ParseTimes, options.at);
-    hold = std::chrono::microseconds(
-        ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("scrub", error.what());
-  }
+  if (!options.at.empty()) times = ForOption("--at", ParseTimes, options.at);
+  const std::chrono::microseconds hold(
+      ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
   if (times.empty() && !console.HasKeyboard()) {
     throw UsageError("scrub",
                      "without a terminal there are no arrow keys: give the positions with --at");
@@ -144,12 +128,8 @@ void Scrub(const ScrubOptions& options, const Console& console) {
   Source source(options.input);
   const ImportedAudio audio = source.Import(console);
   std::vector<std::int64_t> positions;
-  try {
-    for (const Timecode& time : times) {
-      positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
-    }
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("scrub", error.what());
+  for (const Timecode& time : times) {
+    positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
   }
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
@@ -175,9 +155,8 @@ void Scrub(const ScrubOptions& options, const Console& console) {
 }  // namespace
 
 void AddScrub(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<ScrubOptions>();
-  CLI::App* command = AddCommand(app, "scrub", "Hear an audio file at a moving position",
-                                 kScrubHelp, [options, &console] { Scrub(*options, console); });
+  const auto [command, options] = AddCommand(
+      app, console, "scrub", "Hear an audio file at a moving position", kScrubHelp, Scrub);
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("--at", options->at, "Positions to hear one after the other")
       ->type_name("TIME,TIME,...");

@@ -1,5 +1,6 @@
 #include "host/commands/shared.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include "core/apartment.h"
@@ -18,10 +19,14 @@ CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, c
                      std::function<void()> action) {
   CLI::App* command = app.add_subcommand(name, description);
   command->footer(footer);
-  command->callback([action = std::move(action)] {
+  command->callback([name, action = std::move(action)] {
     const Apartment apartment(COINIT_APARTMENTTHREADED);
     Check(apartment.result());
-    action();
+    try {
+      action();
+    } catch (const std::invalid_argument& error) {
+      throw UsageError(name, error.what());
+    }
   });
   return command;
 }

@@ -17,9 +17,21 @@
 
 namespace marlinda {
 
-// Adds a command. `action` runs in a single-threaded apartment after the line is parsed.
+// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. Its
+// std::invalid_argument is an error of the command line.
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
                      std::function<void()> action);
+
+// The same with options that `run` gets.
+template <class Options>
+std::pair<CLI::App*, std::shared_ptr<Options>> AddCommand(
+    CLI::App& app, Console& console, const char* name, const char* description, const char* footer,
+    void (*run)(const Options&, const Console&)) {
+  const auto options = std::make_shared<Options>();
+  return {AddCommand(app, name, description, footer,
+                     [options, run, &console] { run(*options, console); }),
+          options};
+}
 
 void AddJson(CLI::App* command, bool& json);
 void AddProgress(CLI::App* command, Console& console);
