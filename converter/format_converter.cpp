@@ -1,48 +1,68 @@
-#include "converter/format_converter.h"
+// CFormatConverter: converts sample rate and channel count for the audio connector.
+#include <converter.h>
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <new>
+#include <vector>
 
+#include "converter/stream_converter.h"
+#include "core/com_object.h"
 #include "core/sample_array.h"
 
 namespace marlinda {
 
-STDMETHODIMP CFormatConverter::SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec,
-                                     SHORT nSourceChannels, SHORT nTargetChannels, LONG) {
-  const StreamConverter::Format source = {nSourceSamplesPerSec, nSourceChannels};
-  const StreamConverter::Format target = {nTargetSamplesPerSec, nTargetChannels};
-  if (!StreamConverter::CanConvert(source, target)) return E_INVALIDARG;
-  return ComCall([&] {
-    stream_ = std::make_unique<StreamConverter>(source, target);
-    output_.clear();
-  });
-}
+// For each stream: SetUp, then Convert for each block and GetOutput for the samples that are ready.
+// The calls come from one thread at a time, not always the same.
+class CFormatConverter final : public Object<CFormatConverter, IFormatConverter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CFormatConverter;
+  static constexpr bool kHasClassInfo = false;
 
-STDMETHODIMP CFormatConverter::Convert(SAFEARRAY* psaAudioData) {
-  if (stream_ == nullptr) return E_UNEXPECTED;
-  return ComCall([&] {
-    SampleArrayView block;
-    Check(block.Lock(psaAudioData));
-    stream_->Convert(block.samples(), output_);
-  });
-}
+  // E_INVALIDARG for formats that cannot be converted; the stream that was set up continues. nMode
+  // is ignored.
+  STDMETHODIMP SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec, SHORT nSourceChannels,
+                     SHORT nTargetChannels, LONG) override {
+    const StreamConverter::Format source = {nSourceSamplesPerSec, nSourceChannels};
+    const StreamConverter::Format target = {nTargetSamplesPerSec, nTargetChannels};
+    if (!StreamConverter::CanConvert(source, target)) return E_INVALIDARG;
+    return ComCall([&] {
+      stream_ = std::make_unique<StreamConverter>(source, target);
+      output_.clear();
+    });
+  }
+  // E_UNEXPECTED before SetUp, E_INVALIDARG for another array than one of floats. Takes any number
+  // of samples, none and part of a frame included.
+  STDMETHODIMP Convert(SAFEARRAY* psaAudioData) override {
+    if (stream_ == nullptr) return E_UNEXPECTED;
+    return ComCall([&] {
+      SampleArrayView block;
+      Check(block.Lock(psaAudioData));
+      stream_->Convert(block.samples(), output_);
+    });
+  }
+  // An array of 0 samples when nothing is ready. E_UNEXPECTED before SetUp.
+  STDMETHODIMP GetOutput(SAFEARRAY** ppsaAudioData) override {
+    if (ppsaAudioData == nullptr) return E_POINTER;
+    *ppsaAudioData = nullptr;
+    if (stream_ == nullptr) return E_UNEXPECTED;
+    return ComCall([&] {
+      constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
+      if (output_.size() > kMaxSamples) throw std::bad_alloc();
+      SAFEARRAYBOUND bound = {static_cast<ULONG>(output_.size()), 0};
+      SAFEARRAY* const ready = SafeArrayCreate(VT_R4, 1, &bound);
+      if (ready == nullptr) throw std::bad_alloc();
+      std::ranges::copy(output_, static_cast<float*>(ready->pvData));
+      output_.clear();
+      *ppsaAudioData = ready;
+    });
+  }
 
-STDMETHODIMP CFormatConverter::GetOutput(SAFEARRAY** ppsaAudioData) {
-  if (ppsaAudioData == nullptr) return E_POINTER;
-  *ppsaAudioData = nullptr;
-  if (stream_ == nullptr) return E_UNEXPECTED;
-  return ComCall([&] {
-    constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
-    if (output_.size() > kMaxSamples) throw std::bad_alloc();
-    SAFEARRAYBOUND bound = {static_cast<ULONG>(output_.size()), 0};
-    SAFEARRAY* const ready = SafeArrayCreate(VT_R4, 1, &bound);
-    if (ready == nullptr) throw std::bad_alloc();
-    std::ranges::copy(output_, static_cast<float*>(ready->pvData));
-    output_.clear();
-    *ppsaAudioData = ready;
-  });
-}
+ private:
+  std::unique_ptr<StreamConverter> stream_;
+  std::vector<float> output_;
+};
 
 MARLINDA_DEFINE_CLASS(CFormatConverter)
 

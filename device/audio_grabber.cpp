@@ -1,18 +1,25 @@
-#include "device/audio_grabber.h"
+// CAudioGrabber: records from a wave-in device and hands the recording out as float blocks.
+#include <marlinda.h>
+#include <mmsystem.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <span>
 #include <utility>
 #include <vector>
 
+#include "core/com_object.h"
 #include "core/handle.h"
 #include "core/sample_array.h"
 #include "core/samples/audio_queue.h"
 #include "core/samples/sample_converter.h"
+#include "device/device_format.h"
 
 namespace marlinda {
 namespace {
@@ -22,196 +29,237 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
 
-// The recorded samples that nobody has read yet. They outlive the device and, for a reader that
-// waits, the object.
-struct CAudioGrabber::Samples {
-  // False, and takes nothing, when there are fewer.
-  bool Take(std::span<float> destination) {
-    const std::lock_guard lock(mutex);
-    if (queue.Count() < destination.size()) return false;
-    queue.Read(destination);
-    return true;
-  }
+// A read waits, without limit, until the recording holds as many samples as it asks for. It ignores
+// the position: recording is strictly sequential. One reader at a time. CloseDevice from another
+// thread, or the last release, ends a wait; the read then fails with E_FAIL, as on a closed device.
+// Samples that were collected but not read stay readable after CloseDevice.
+class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
 
-  std::mutex mutex;
-  CAudioQueue queue;
-};
+  ~CAudioGrabber() { Close(); }
 
-// One opening of the device, shared by the object, its readers and the device.
-struct CAudioGrabber::Job {
-  struct Buffer {
-    explicit Buffer(std::size_t size) : data(size) {}
-    WAVEHDR header = {};
-    std::vector<std::byte> data;
-  };
-
-  Job(const WAVEFORMATEX& wanted, std::uint32_t bytes, std::shared_ptr<Samples> target)
-      : format(wanted),
-        samples(std::move(target)),
-        floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-        // A width that is no multiple of 8 takes more bytes to convert than its block align.
-        buffers(kBufferCount,
-                Buffer(std::max<std::size_t>(
-                    bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
-    for (auto& buffer : buffers) {
-      buffer.header.lpData = reinterpret_cast<LPSTR>(buffer.data.data());
-      buffer.header.dwBufferLength = bytes;
-    }
-  }
-
-  bool Open(UINT device_id) {
-    if (!event) return false;
-    const auto try_format = [&](const WAVEFORMATEX& tried) {
-      return waveInOpen(&device, device_id, &tried, reinterpret_cast<DWORD_PTR>(&DataCallback),
-                        reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION) == MMSYSERR_NOERROR;
-    };
-    if (!try_format(format) &&
-        !try_format(MakeExtensibleFormat(format, IsFloat(format), false).Format)) {
-      return false;
-    }
-    for (auto& buffer : buffers) Add(buffer);
-    waveInStart(device);
-    return true;
-  }
-
-  // Waits for the device; false when it is closed.
-  bool WaitAndCollect() {
-    WaitForSingleObject(event.get(), INFINITE);
-    const std::lock_guard lock(mutex);
-    if (!open) {
-      // The event wakes one reader, which wakes the next.
-      SetEvent(event.get());
-      return false;
-    }
-    for (; done > 0; --done) {
-      // The whole buffer is taken, whatever the device says that it recorded into it.
-      Buffer& buffer = buffers[next];
-      if (IsFloat(format)) {
-        std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
-      } else {
-        ConvertPcmToFloat(buffer.data, floats, format.wBitsPerSample);
-      }
-      try {
-        samples->queue.Append(floats);
-      } catch (...) {
-        // The buffers that are left are collected by the next read.
-        SetEvent(event.get());
-        throw;
-      }
-      Remove(buffer);
-      Add(buffer);
-      next = (next + 1) % buffers.size();
-    }
-    return true;
-  }
-
-  // False when the driver refused.
-  bool Close() noexcept {
-    {
-      const std::lock_guard lock(mutex);
-      open = false;
-    }
-    SetEvent(event.get());
-    waveInReset(device);
-    // A prepared header can only be unprepared while its device is open.
-    for (auto& buffer : buffers) Remove(buffer);
-    return waveInClose(device) == MMSYSERR_NOERROR;
-  }
-
-  void Add(Buffer& buffer) const noexcept {
-    waveInPrepareHeader(device, &buffer.header, sizeof buffer.header);
-    waveInAddBuffer(device, &buffer.header, sizeof buffer.header);
-  }
-
-  void Remove(Buffer& buffer) const noexcept {
-    waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
-  }
-
-  // Runs on a thread of the device and only counts and signals.
-  static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
-    if (message != WIM_DATA) return;
-    auto* const self = reinterpret_cast<Job*>(job);
-    ++self->done;
-    SetEvent(self->event.get());
-  }
-
-  const WAVEFORMATEX format;
-  const std::shared_ptr<Samples> samples;
-  // Signalled for each buffer, and when the device is closed.
-  const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-  HWAVEIN device = nullptr;
-  // Buffers filled and not yet collected.
-  std::atomic<std::int32_t> done{0};
-
-  // Guards what follows.
-  std::mutex mutex;
-  bool open = true;
-  // One buffer as floats.
-  std::vector<float> floats;
-  std::vector<Buffer> buffers;
-  // The buffer that the device fills next.
-  std::size_t next = 0;
-};
-
-CAudioGrabber::CAudioGrabber() : samples_(std::make_shared<Samples>()) {}
-
-CAudioGrabber::~CAudioGrabber() { Close(); }
-
-STDMETHODIMP CAudioGrabber::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
-  const std::lock_guard lock(mutex_);
-  format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
-  buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
-  // Half a frame at the end of a buffer would be lost, and every later sample shifted.
-  if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioGrabber::ReadAudio(__int64, SAFEARRAY* psaAudioData) {
-  return ComCall([&]() -> HRESULT {
-    SampleArrayView block;
-    Check(block.Lock(psaAudioData));
-    // A wait touches nothing of this object, which may be released meanwhile.
-    const std::shared_ptr<Samples> samples = samples_;
-    std::shared_ptr<Job> job;
-    {
-      const std::lock_guard lock(mutex_);
-      job = job_;
-    }
-    while (!samples->Take(block.samples())) {
-      if (!job || !job->WaitAndCollect()) return E_FAIL;
-    }
+  // IAudioGrabber
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override {
+    const std::lock_guard lock(mutex_);
+    format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
+    buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
+    // Half a frame at the end of a buffer would be lost, and every later sample shifted.
+    if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
     return S_OK;
-  });
-}
+  }
+  STDMETHODIMP SetDevice(LONG nDeviceId) override {
+    const std::lock_guard lock(mutex_);
+    device_id_ = static_cast<UINT>(nDeviceId);
+    return S_OK;
+  }
 
-STDMETHODIMP CAudioGrabber::OpenDevice() {
-  return ComCall([&]() -> HRESULT {
+  // IAudioReader
+  STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
+    return ComCall([&]() -> HRESULT {
+      SampleArrayView block;
+      Check(block.Lock(psaAudioData));
+      // A wait touches nothing of this object, which may be released meanwhile.
+      const std::shared_ptr<Samples> samples = samples_;
+      std::shared_ptr<Job> job;
+      {
+        const std::lock_guard lock(mutex_);
+        job = job_;
+      }
+      while (!samples->Take(block.samples())) {
+        if (!job || !job->WaitAndCollect()) return E_FAIL;
+      }
+      return S_OK;
+    });
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const std::lock_guard lock(mutex_);
+    return SetOut(pnSamplesPerSec, format_.nSamplesPerSec, pnChannels, format_.nChannels);
+  }
+  // A live source has no length.
+  STDMETHODIMP GetSampleCount(__int64*) override { return E_NOTIMPL; }
+  STDMETHODIMP OpenDevice() override {
+    return ComCall([&]() -> HRESULT {
+      const std::lock_guard opening_lock(opening_mutex_);
+      Close();
+      std::shared_ptr<Job> job;
+      UINT device_id = WAVE_MAPPER;
+      {
+        const std::lock_guard lock(mutex_);
+        if (!IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) return E_FAIL;
+        job = std::make_shared<Job>(format_, buffer_bytes_, samples_);
+        device_id = device_id_;
+      }
+      if (!job->Open(device_id)) return E_FAIL;
+      const std::lock_guard lock(mutex_);
+      job_ = std::move(job);
+      return S_OK;
+    });
+  }
+  STDMETHODIMP CloseDevice() override {
     const std::lock_guard opening_lock(opening_mutex_);
     Close();
+    return S_OK;
+  }
+
+ private:
+  // The recorded samples that nobody has read yet. They outlive the device and, for a reader that
+  // waits, the object.
+  struct Samples {
+    // False, and takes nothing, when there are fewer.
+    bool Take(std::span<float> destination) {
+      const std::lock_guard lock(mutex);
+      if (queue.Count() < destination.size()) return false;
+      queue.Read(destination);
+      return true;
+    }
+
+    std::mutex mutex;
+    CAudioQueue queue;
+  };
+
+  // One opening of the device, shared by the object, its readers and the device.
+  struct Job {
+    struct Buffer {
+      explicit Buffer(std::size_t size) : data(size) {}
+      WAVEHDR header = {};
+      std::vector<std::byte> data;
+    };
+
+    Job(const WAVEFORMATEX& wanted, std::uint32_t bytes, std::shared_ptr<Samples> target)
+        : format(wanted),
+          samples(std::move(target)),
+          floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
+          // A width that is no multiple of 8 takes more bytes to convert than its block align.
+          buffers(kBufferCount,
+                  Buffer(std::max<std::size_t>(
+                      bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
+      for (auto& buffer : buffers) {
+        buffer.header.lpData = reinterpret_cast<LPSTR>(buffer.data.data());
+        buffer.header.dwBufferLength = bytes;
+      }
+    }
+
+    bool Open(UINT device_id) {
+      if (!event) return false;
+      const auto try_format = [&](const WAVEFORMATEX& tried) {
+        return waveInOpen(&device, device_id, &tried, reinterpret_cast<DWORD_PTR>(&DataCallback),
+                          reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION) == MMSYSERR_NOERROR;
+      };
+      if (!try_format(format) &&
+          !try_format(MakeExtensibleFormat(format, IsFloat(format), false).Format)) {
+        return false;
+      }
+      for (auto& buffer : buffers) Add(buffer);
+      waveInStart(device);
+      return true;
+    }
+
+    // Waits for the device; false when it is closed.
+    bool WaitAndCollect() {
+      WaitForSingleObject(event.get(), INFINITE);
+      const std::lock_guard lock(mutex);
+      if (!open) {
+        // The event wakes one reader, which wakes the next.
+        SetEvent(event.get());
+        return false;
+      }
+      for (; done > 0; --done) {
+        // The whole buffer is taken, whatever the device says that it recorded into it.
+        Buffer& buffer = buffers[next];
+        if (IsFloat(format)) {
+          std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
+        } else {
+          ConvertPcmToFloat(buffer.data, floats, format.wBitsPerSample);
+        }
+        try {
+          samples->queue.Append(floats);
+        } catch (...) {
+          // The buffers that are left are collected by the next read.
+          SetEvent(event.get());
+          throw;
+        }
+        Remove(buffer);
+        Add(buffer);
+        next = (next + 1) % buffers.size();
+      }
+      return true;
+    }
+
+    // False when the driver refused.
+    bool Close() noexcept {
+      {
+        const std::lock_guard lock(mutex);
+        open = false;
+      }
+      SetEvent(event.get());
+      waveInReset(device);
+      // A prepared header can only be unprepared while its device is open.
+      for (auto& buffer : buffers) Remove(buffer);
+      return waveInClose(device) == MMSYSERR_NOERROR;
+    }
+
+    void Add(Buffer& buffer) const noexcept {
+      waveInPrepareHeader(device, &buffer.header, sizeof buffer.header);
+      waveInAddBuffer(device, &buffer.header, sizeof buffer.header);
+    }
+
+    void Remove(Buffer& buffer) const noexcept {
+      waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
+    }
+
+    // Runs on a thread of the device and only counts and signals.
+    static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
+      if (message != WIM_DATA) return;
+      auto* const self = reinterpret_cast<Job*>(job);
+      ++self->done;
+      SetEvent(self->event.get());
+    }
+
+    const WAVEFORMATEX format;
+    const std::shared_ptr<Samples> samples;
+    // Signalled for each buffer, and when the device is closed.
+    const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    HWAVEIN device = nullptr;
+    // Buffers filled and not yet collected.
+    std::atomic<std::int32_t> done{0};
+
+    // Guards what follows.
+    std::mutex mutex;
+    bool open = true;
+    // One buffer as floats.
+    std::vector<float> floats;
+    std::vector<Buffer> buffers;
+    // The buffer that the device fills next.
+    std::size_t next = 0;
+  };
+
+  // Call with `opening_mutex_` held.
+  void Close() {
     std::shared_ptr<Job> job;
-    UINT device_id = WAVE_MAPPER;
     {
       const std::lock_guard lock(mutex_);
-      if (!IsPlausible(format_) || buffer_bytes_ < format_.nBlockAlign) return E_FAIL;
-      job = std::make_shared<Job>(format_, buffer_bytes_, samples_);
-      device_id = device_id_;
+      job.swap(job_);
     }
-    if (!job->Open(device_id)) return E_FAIL;
-    const std::lock_guard lock(mutex_);
-    job_ = std::move(job);
-    return S_OK;
-  });
-}
-
-void CAudioGrabber::Close() {
-  std::shared_ptr<Job> job;
-  {
-    const std::lock_guard lock(mutex_);
-    job.swap(job_);
+    // A driver that refuses may go on filling the buffers and signalling: they are left to it.
+    if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
   }
-  // A driver that refuses may go on filling the buffers and signalling: they are left to it.
-  if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
-}
+
+  const std::shared_ptr<Samples> samples_ = std::make_shared<Samples>();
+
+  // Held while the device is being opened or closed. Taken before `mutex_`.
+  std::mutex opening_mutex_;
+
+  // Guards what follows. Never held during a device call.
+  std::mutex mutex_;
+  // Null while closed.
+  std::shared_ptr<Job> job_;
+  // For the next opening.
+  WAVEFORMATEX format_ = DeviceFormat(44100, 2, 16);
+  // An explicit SetFormat gives 40 ms instead.
+  std::uint32_t buffer_bytes_ = 4096;
+  UINT device_id_ = WAVE_MAPPER;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioGrabber)
 

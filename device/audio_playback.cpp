@@ -1,20 +1,29 @@
-#include "device/audio_playback.h"
+// CAudioPlayback: plays interleaved floats on a wave-out device.
+#include <marlinda.h>
+#include <mmsystem.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <list>
+#include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
+#include "core/com_object.h"
 #include "core/handle.h"
 #include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
+#include "core/worker_thread.h"
+#include "device/device_format.h"
 
 namespace marlinda {
 namespace {
@@ -101,293 +110,357 @@ using Buffers = std::list<CAudioOutBuffer>;
 
 }  // namespace
 
-// One opening of the device, shared by the object, its writers and the worker. A writer that waits
-// touches nothing of the object, which may be released meanwhile.
-struct CAudioPlayback::Job {
-  Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
-      : format(wanted),
-        queue_limit_bytes(format.nBlockAlign * buffer_millisecs * format.nSamplesPerSec / 1000),
-        played_levels(format.nChannels),
-        levels(format.nChannels) {}
+// Each block written becomes one device buffer, queued at once. A writer waits while more than the
+// buffer length is queued, which paces it to real time. A producer may be in WriteAudio while
+// another thread asks for position and level or calls Break or CloseDevice.
+//
+// Level, QueryIsReady and Break return at once, also while the device stands still. The position
+// waits up to 50 ms for a device call of another thread.
+// OpenDevice and CloseDevice wait for the device.
+//
+// A device that stands still is waited for. A device is lost when it refuses a block or a reset,
+// or when no buffer returns for some seconds and it then refuses to be paused. The object is then
+// as after CloseDevice.
+class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
 
-  bool Open(UINT device_id) {
-    if (!event) return false;
-    const auto try_format = [&](const WAVEFORMATEX& tried) {
-      const auto callback = reinterpret_cast<DWORD_PTR>(&PlaybackDoneCallback);
-      const auto instance = reinterpret_cast<DWORD_PTR>(event.get());
-      return waveOutOpen(&device, device_id, &tried, callback, instance, CALLBACK_FUNCTION) ==
-             MMSYSERR_NOERROR;
-    };
-    return try_format(format) ||
-           try_format(MakeExtensibleFormat(format, IsFloat(format), true).Format);
+  ~CAudioPlayback() { Close(); }
+
+  // IAudioPlayback
+  STDMETHODIMP SetBufferLength(LONG nMilliSecs) override {
+    return Set([&] { buffer_millisecs_ = static_cast<std::uint32_t>(nMilliSecs); });
   }
-
-  HRESULT Write(std::span<const float> samples) {
-    Buffers block;
-    block.emplace_back(samples, format);
-    const std::lock_guard write_lock(write_mutex);
-    {
-      std::unique_lock lock(mutex);
-      if (TakesBlocks() && queued_bytes > queue_limit_bytes) {
-        changed.wait(lock, [&] { return !TakesBlocks() || queued_bytes <= queue_limit_bytes; });
-        levels = played_levels;
-      }
-    }
-    const std::lock_guard device_lock(device_mutex);
-    {
-      const std::lock_guard lock(mutex);
-      if (!TakesBlocks()) return E_FAIL;
-    }
-    if (!block.front().Play(device)) {
-      block.clear();
-      End();
-      return E_FAIL;
-    }
-    {
-      const std::lock_guard lock(mutex);
-      queued_bytes += block.front().size();
-      pending.splice(pending.end(), block);
-    }
-    // The block may have been played by now.
-    SetEvent(event.get());
+  // Stores the format and returns E_NOTIMPL; ignore the result.
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override {
+    Set([&] { format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample); });
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP GetPlaybackPos(__int64* nPlaybackPos) override {
+    const auto job = OpenJob();
+    const std::uint32_t played = job ? job->Position() : 0;
+    const std::lock_guard lock(mutex_);
+    return SetOut(nPlaybackPos,
+                  static_cast<std::int64_t>(static_cast<std::uint64_t>(pos_offset_) + played));
+  }
+  STDMETHODIMP SetPosOffset(__int64 nOffset) override {
+    return Set([&] { pos_offset_ = nOffset; });
+  }
+  STDMETHODIMP GetPosOffset(__int64* pnOffset) override {
+    const std::lock_guard lock(mutex_);
+    return SetOut(pnOffset, pos_offset_);
+  }
+  STDMETHODIMP Break() override {
+    if (const auto job = OpenJob()) job->Break();
     return S_OK;
   }
-
-  void Break() noexcept {
-    {
-      const std::lock_guard lock(mutex);
-      broken = true;
-      reset_wanted = true;
-    }
-    Wake();
+  STDMETHODIMP SetDevice(ULONG nDeviceId) override {
+    return Set([&] { device_id_ = nDeviceId; });
   }
-
-  // Ends the use of the device. The worker closes it.
-  void End() noexcept {
-    {
-      const std::lock_guard lock(mutex);
-      open = false;
-    }
-    Wake();
-  }
-
-  // The device's count of frames, 0 after `Break`. While the device stands still in a call of
-  // another thread, the last count known.
-  std::uint32_t Position() noexcept {
-    if (IsBroken()) return 0;
-    const std::unique_lock device_lock(device_mutex, kMaxPositionWait);
-    MMTIME time = {};
-    time.wType = TIME_SAMPLES;
-    // The counter has 32 bits and is taken as it is, also when it wraps.
-    if (device_lock && device != nullptr &&
-        waveOutGetPosition(device, &time, sizeof time) == MMSYSERR_NOERROR) {
-      position = static_cast<std::uint32_t>(time.u.sample);
-    }
-    return position;
-  }
-
-  // The worker: frees played buffers, resets a broken device and probes a stalled one, until the
-  // device is to be closed or is lost. False when the driver refuses to close it.
-  bool Run() noexcept {
-    for (bool alive = true; alive && IsOpen();) {
-      const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
-      Buffers played = Reap();
-      const std::lock_guard device_lock(device_mutex);
-      played.clear();
-      if (reset_wanted.exchange(false)) {
-        alive = Reset();
-      } else if (stalled) {
-        // A lost device reports nothing: its buffers do not return and its position freezes. It
-        // refuses to be paused, though. A pause of a device that stands still loses no sample.
-        alive =
-            waveOutPause(device) == MMSYSERR_NOERROR && waveOutRestart(device) == MMSYSERR_NOERROR;
-      }
-    }
-    End();
-    return Close();
-  }
-
-  bool Close() noexcept {
-    const std::lock_guard device_lock(device_mutex);
-    // Each turn resets again, because the reset fails once the device is lost.
-    while (Reset()) {
-      Reap();
-      if (IsPlayed()) break;
-      WaitForSingleObject(event.get(), static_cast<DWORD>(kProbeMilliSecs));
-    }
-    for (auto& buffer : pending) buffer.Unprepare();
-    if (waveOutClose(std::exchange(device, nullptr)) != MMSYSERR_NOERROR) return false;
-    const std::lock_guard lock(mutex);
-    pending.clear();
-    return true;
-  }
-
-  bool IsOpen() noexcept {
-    const std::lock_guard lock(mutex);
-    return open;
-  }
-
-  bool IsBroken() noexcept {
-    const std::lock_guard lock(mutex);
-    return broken;
-  }
-
-  bool IsPlayed() noexcept {
-    const std::lock_guard lock(mutex);
-    return pending.empty();
-  }
-
-  // True also after `Break`, which plays nothing more. Publishes the levels of the last block that
-  // was played.
-  bool IsReady() noexcept {
-    const std::lock_guard lock(mutex);
-    levels = played_levels;
-    return broken || pending.empty();
-  }
-
-  // Call with `mutex` held.
-  bool TakesBlocks() const noexcept { return open && !broken; }
-
-  bool Reset() const noexcept { return waveOutReset(device) == MMSYSERR_NOERROR; }
-
-  void Wake() noexcept {
-    changed.notify_all();
-    SetEvent(event.get());
-  }
-
-  // Infinite while nothing is queued.
-  DWORD MilliSecsToProbe() noexcept {
-    const std::lock_guard lock(mutex);
-    if (pending.empty()) return INFINITE;
-    const std::uint64_t next =
-        std::uint64_t{pending.front().size()} * 1000 / format.nBlockAlign / format.nSamplesPerSec;
-    return static_cast<DWORD>(std::min<std::uint64_t>(next + kProbeMilliSecs, INFINITE - 1));
-  }
-
-  // Takes the played buffers off the queue. They are to be freed with `device_mutex` held.
-  Buffers Reap() noexcept {
-    Buffers played;
-    const std::lock_guard lock(mutex);
-    // Buffers return in the order in which they were written.
-    while (!pending.empty() && pending.front().IsDone()) {
-      queued_bytes -= pending.front().size();
-      played_levels.swap(pending.front().peaks);
-      played.splice(played.end(), pending, pending.begin());
-    }
-    changed.notify_all();
-    return played;
-  }
-
-  const WAVEFORMATEX format;
-  const std::uint32_t queue_limit_bytes;
-  // Signalled for each played buffer, and for the worker.
-  const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-
-  // Held by a writer from its wait to the end of its write.
-  std::mutex write_mutex;
-
-  // Held during every device call: each may take as long as the driver or its sound service stands
-  // still. Taken before `mutex`.
-  std::timed_mutex device_mutex;
-  HWAVEOUT device = nullptr;
-  std::atomic<std::uint32_t> position{0};
-
-  // Guards what follows. Never held during a device call.
-  std::mutex mutex;
-  std::condition_variable changed;
-  Buffers pending;
-  std::uint32_t queued_bytes = 0;
-  std::vector<float> played_levels;
-  // What GetOutputLevel returns: refreshed by a writer that had to wait and by QueryIsReady.
-  std::vector<float> levels;
-  bool open = true;
-  bool broken = false;
-  std::atomic<bool> reset_wanted{false};
-};
-
-CAudioPlayback::~CAudioPlayback() { Close(); }
-
-STDMETHODIMP CAudioPlayback::GetPlaybackPos(__int64* nPlaybackPos) {
-  const auto job = OpenJob();
-  const std::uint32_t played = job ? job->Position() : 0;
-  const std::lock_guard lock(mutex_);
-  return SetOut(nPlaybackPos,
-                static_cast<std::int64_t>(static_cast<std::uint64_t>(pos_offset_) + played));
-}
-
-STDMETHODIMP CAudioPlayback::Break() {
-  if (const auto job = OpenJob()) job->Break();
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPlayback::GetOutputLevel(SHORT niChannel, float* pfOutputLevel) {
-  if (pfOutputLevel == nullptr) return E_POINTER;
-  *pfOutputLevel = 0.0F;
-  const auto job = OpenJob();
-  if (!job) return S_OK;
-  const std::lock_guard lock(job->mutex);
-  const auto channel = static_cast<std::uint16_t>(niChannel);
-  if (channel >= job->levels.size()) return E_INVALIDARG;
-  return SetOut(pfOutputLevel, job->levels[channel]);
-}
-
-STDMETHODIMP CAudioPlayback::WriteAudio(SAFEARRAY* psaAudioData) {
-  return ComCall([&]() -> HRESULT {
-    SampleArrayView block;
-    Check(block.Lock(psaAudioData));
+  STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override {
+    if (pfOutputLevel == nullptr) return E_POINTER;
+    *pfOutputLevel = 0.0F;
     const auto job = OpenJob();
-    return job ? job->Write(block.samples()) : E_FAIL;
-  });
-}
+    if (!job) return S_OK;
+    const std::lock_guard lock(job->mutex);
+    const auto channel = static_cast<std::uint16_t>(niChannel);
+    if (channel >= job->levels.size()) return E_INVALIDARG;
+    return SetOut(pfOutputLevel, job->levels[channel]);
+  }
 
-STDMETHODIMP CAudioPlayback::OpenDevice() {
-  return ComCall([&]() -> HRESULT {
+  // IAudioWriter
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
+    return ComCall([&]() -> HRESULT {
+      SampleArrayView block;
+      Check(block.Lock(psaAudioData));
+      const auto job = OpenJob();
+      return job ? job->Write(block.samples()) : E_FAIL;
+    });
+  }
+  STDMETHODIMP OpenDevice() override {
+    return ComCall([&]() -> HRESULT {
+      const std::lock_guard opening_lock(opening_mutex_);
+      Close();
+      std::shared_ptr<Job> job;
+      UINT device_id = WAVE_MAPPER;
+      {
+        const std::lock_guard lock(mutex_);
+        if (!IsPlausible(format_)) return E_FAIL;
+        job = std::make_shared<Job>(format_, buffer_millisecs_);
+        device_id = device_id_;
+      }
+      if (!job->Open(device_id)) return E_FAIL;
+      worker_.emplace();
+      const HRESULT hr = worker_->Start([job] {
+        // A driver that refused may go on using the buffers and the event: they are left to it.
+        if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
+      });
+      if (FAILED(hr)) {
+        // As after Run.
+        if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
+        return E_FAIL;
+      }
+      const std::lock_guard lock(mutex_);
+      job_ = std::move(job);
+      return S_OK;
+    });
+  }
+  STDMETHODIMP CloseDevice() override {
     const std::lock_guard opening_lock(opening_mutex_);
     Close();
-    std::shared_ptr<Job> job;
-    UINT device_id = WAVE_MAPPER;
+    return S_OK;
+  }
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
+    return Set([&] {
+      format_ = DeviceFormat(nSamplesPerSec, nChannels, static_cast<SHORT>(format_.wBitsPerSample));
+    });
+  }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    if (pbReady == nullptr) return E_POINTER;
+    const auto job = OpenJob();
+    return SetOut(pbReady, !job || job->IsReady() ? 1 : 0);
+  }
+
+ private:
+  // One opening of the device, shared by the object, its writers and the worker. A writer that
+  // waits touches nothing of the object, which may be released meanwhile.
+  struct Job {
+    Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
+        : format(wanted),
+          queue_limit_bytes(format.nBlockAlign * buffer_millisecs * format.nSamplesPerSec / 1000),
+          played_levels(format.nChannels),
+          levels(format.nChannels) {}
+
+    bool Open(UINT device_id) {
+      if (!event) return false;
+      const auto try_format = [&](const WAVEFORMATEX& tried) {
+        const auto callback = reinterpret_cast<DWORD_PTR>(&PlaybackDoneCallback);
+        const auto instance = reinterpret_cast<DWORD_PTR>(event.get());
+        return waveOutOpen(&device, device_id, &tried, callback, instance, CALLBACK_FUNCTION) ==
+               MMSYSERR_NOERROR;
+      };
+      return try_format(format) ||
+             try_format(MakeExtensibleFormat(format, IsFloat(format), true).Format);
+    }
+
+    HRESULT Write(std::span<const float> samples) {
+      Buffers block;
+      block.emplace_back(samples, format);
+      const std::lock_guard write_lock(write_mutex);
+      {
+        std::unique_lock lock(mutex);
+        if (TakesBlocks() && queued_bytes > queue_limit_bytes) {
+          changed.wait(lock, [&] { return !TakesBlocks() || queued_bytes <= queue_limit_bytes; });
+          levels = played_levels;
+        }
+      }
+      const std::lock_guard device_lock(device_mutex);
+      {
+        const std::lock_guard lock(mutex);
+        if (!TakesBlocks()) return E_FAIL;
+      }
+      if (!block.front().Play(device)) {
+        block.clear();
+        End();
+        return E_FAIL;
+      }
+      {
+        const std::lock_guard lock(mutex);
+        queued_bytes += block.front().size();
+        pending.splice(pending.end(), block);
+      }
+      // The block may have been played by now.
+      SetEvent(event.get());
+      return S_OK;
+    }
+
+    void Break() noexcept {
+      {
+        const std::lock_guard lock(mutex);
+        broken = true;
+        reset_wanted = true;
+      }
+      Wake();
+    }
+
+    // Ends the use of the device. The worker closes it.
+    void End() noexcept {
+      {
+        const std::lock_guard lock(mutex);
+        open = false;
+      }
+      Wake();
+    }
+
+    // The device's count of frames, 0 after `Break`. While the device stands still in a call of
+    // another thread, the last count known.
+    std::uint32_t Position() noexcept {
+      if (IsBroken()) return 0;
+      const std::unique_lock device_lock(device_mutex, kMaxPositionWait);
+      MMTIME time = {};
+      time.wType = TIME_SAMPLES;
+      // The counter has 32 bits and is taken as it is, also when it wraps.
+      if (device_lock && device != nullptr &&
+          waveOutGetPosition(device, &time, sizeof time) == MMSYSERR_NOERROR) {
+        position = static_cast<std::uint32_t>(time.u.sample);
+      }
+      return position;
+    }
+
+    // The worker: frees played buffers, resets a broken device and probes a stalled one, until the
+    // device is to be closed or is lost. False when the driver refuses to close it.
+    bool Run() noexcept {
+      for (bool alive = true; alive && IsOpen();) {
+        const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
+        Buffers played = Reap();
+        const std::lock_guard device_lock(device_mutex);
+        played.clear();
+        if (reset_wanted.exchange(false)) {
+          alive = Reset();
+        } else if (stalled) {
+          // A lost device reports nothing: its buffers do not return and its position freezes. It
+          // refuses to be paused, though. A pause of a device that stands still loses no sample.
+          alive = waveOutPause(device) == MMSYSERR_NOERROR &&
+                  waveOutRestart(device) == MMSYSERR_NOERROR;
+        }
+      }
+      End();
+      return Close();
+    }
+
+    bool Close() noexcept {
+      const std::lock_guard device_lock(device_mutex);
+      // Each turn resets again, because the reset fails once the device is lost.
+      while (Reset()) {
+        Reap();
+        if (IsPlayed()) break;
+        WaitForSingleObject(event.get(), static_cast<DWORD>(kProbeMilliSecs));
+      }
+      for (auto& buffer : pending) buffer.Unprepare();
+      if (waveOutClose(std::exchange(device, nullptr)) != MMSYSERR_NOERROR) return false;
+      const std::lock_guard lock(mutex);
+      pending.clear();
+      return true;
+    }
+
+    bool IsOpen() noexcept {
+      const std::lock_guard lock(mutex);
+      return open;
+    }
+
+    bool IsBroken() noexcept {
+      const std::lock_guard lock(mutex);
+      return broken;
+    }
+
+    bool IsPlayed() noexcept {
+      const std::lock_guard lock(mutex);
+      return pending.empty();
+    }
+
+    // True also after `Break`, which plays nothing more. Publishes the levels of the last block
+    // that was played.
+    bool IsReady() noexcept {
+      const std::lock_guard lock(mutex);
+      levels = played_levels;
+      return broken || pending.empty();
+    }
+
+    // Call with `mutex` held.
+    bool TakesBlocks() const noexcept { return open && !broken; }
+
+    bool Reset() const noexcept { return waveOutReset(device) == MMSYSERR_NOERROR; }
+
+    void Wake() noexcept {
+      changed.notify_all();
+      SetEvent(event.get());
+    }
+
+    // Infinite while nothing is queued.
+    DWORD MilliSecsToProbe() noexcept {
+      const std::lock_guard lock(mutex);
+      if (pending.empty()) return INFINITE;
+      const std::uint64_t next =
+          std::uint64_t{pending.front().size()} * 1000 / format.nBlockAlign / format.nSamplesPerSec;
+      return static_cast<DWORD>(std::min<std::uint64_t>(next + kProbeMilliSecs, INFINITE - 1));
+    }
+
+    // Takes the played buffers off the queue. They are to be freed with `device_mutex` held.
+    Buffers Reap() noexcept {
+      Buffers played;
+      const std::lock_guard lock(mutex);
+      // Buffers return in the order in which they were written.
+      while (!pending.empty() && pending.front().IsDone()) {
+        queued_bytes -= pending.front().size();
+        played_levels.swap(pending.front().peaks);
+        played.splice(played.end(), pending, pending.begin());
+      }
+      changed.notify_all();
+      return played;
+    }
+
+    const WAVEFORMATEX format;
+    const std::uint32_t queue_limit_bytes;
+    // Signalled for each played buffer, and for the worker.
+    const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+
+    // Held by a writer from its wait to the end of its write.
+    std::mutex write_mutex;
+
+    // Held during every device call: each may take as long as the driver or its sound service
+    // stands still. Taken before `mutex`.
+    std::timed_mutex device_mutex;
+    HWAVEOUT device = nullptr;
+    std::atomic<std::uint32_t> position{0};
+
+    // Guards what follows. Never held during a device call.
+    std::mutex mutex;
+    std::condition_variable changed;
+    Buffers pending;
+    std::uint32_t queued_bytes = 0;
+    std::vector<float> played_levels;
+    // What GetOutputLevel returns: refreshed by a writer that had to wait and by QueryIsReady.
+    std::vector<float> levels;
+    bool open = true;
+    bool broken = false;
+    std::atomic<bool> reset_wanted{false};
+  };
+
+  // Changes a setting, under the lock.
+  template <class Change>
+  HRESULT Set(Change change) {
+    const std::lock_guard lock(mutex_);
+    change();
+    return S_OK;
+  }
+  // Null while closed.
+  std::shared_ptr<Job> OpenJob() {
+    const std::lock_guard lock(mutex_);
+    return job_ && job_->IsOpen() ? job_ : nullptr;
+  }
+  // Call with `opening_mutex_` held.
+  void Close() {
     {
       const std::lock_guard lock(mutex_);
-      if (!IsPlausible(format_)) return E_FAIL;
-      job = std::make_shared<Job>(format_, buffer_millisecs_);
-      device_id = device_id_;
+      if (const auto job = std::exchange(job_, nullptr)) job->End();
     }
-    if (!job->Open(device_id)) return E_FAIL;
-    worker_.emplace();
-    const HRESULT hr = worker_->Start([job] {
-      // A driver that refused may go on using the buffers and the event: they are left to it.
-      if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
-    });
-    if (FAILED(hr)) {
-      // As after Run.
-      if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
-      return E_FAIL;
-    }
-    const std::lock_guard lock(mutex_);
-    job_ = std::move(job);
-    return S_OK;
-  });
-}
-
-STDMETHODIMP CAudioPlayback::QueryIsReady(LONG* pbReady) {
-  if (pbReady == nullptr) return E_POINTER;
-  const auto job = OpenJob();
-  return SetOut(pbReady, !job || job->IsReady() ? 1 : 0);
-}
-
-std::shared_ptr<CAudioPlayback::Job> CAudioPlayback::OpenJob() {
-  const std::lock_guard lock(mutex_);
-  return job_ && job_->IsOpen() ? job_ : nullptr;
-}
-
-void CAudioPlayback::Close() {
-  {
-    const std::lock_guard lock(mutex_);
-    if (const auto job = std::exchange(job_, nullptr)) job->End();
+    // Waits until the worker has closed the device.
+    worker_.reset();
   }
-  // Waits until the worker has closed the device.
-  worker_.reset();
-}
+
+  // Held while the device is being opened or closed. Taken before `mutex_`.
+  std::mutex opening_mutex_;
+  std::optional<WorkerThread> worker_;
+
+  // Guards what follows. Never held during a device call.
+  std::mutex mutex_;
+  std::shared_ptr<Job> job_;
+  // For the next opening.
+  WAVEFORMATEX format_ = DeviceFormat(0, 0, 16);
+  std::uint32_t buffer_millisecs_ = 1000;
+  UINT device_id_ = WAVE_MAPPER;
+  std::int64_t pos_offset_ = 0;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioPlayback)
 

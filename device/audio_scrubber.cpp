@@ -1,15 +1,20 @@
-#include "device/audio_scrubber.h"
+// CAudioScrubber: makes scrubbing audible. A thread plays the block under the cursor over and over,
+// crossfaded with the one before, into a writer.
+#include <marlinda.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "core/com_object.h"
 #include "core/com_ptr.h"
 #include "core/sample_array.h"
+#include "core/worker_thread.h"
 #include "device/overlap_add.h"
 
 namespace marlinda {
@@ -25,132 +30,150 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
-// One scrub, from Start to Stop, shared by the object and the thread.
-struct CAudioScrubber::Job {
-  Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
-      : writer(target),
-        channel_count(channels),
-        output(given_frames / 2 * channels),
-        block(given_frames * channels),
-        pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
+// The caller sets the writer's format beforehand. The writer paces the thread by blocking in
+// WriteAudio; its results do not matter. It is held until the next Start or the last release. A
+// playback object whose WriteAudio still blocks a second after Stop is broken.
+//
+// Start while running fails with E_FAIL. Start fails with E_INVALIDARG for a negative block length,
+// blocks of more than 2^24 samples and negative channel counts. Stop without Start does nothing.
+// WriteBlock outside Start and Stop fails with E_FAIL, and with E_INVALIDARG for a short block.
+class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;
 
-  // About as long as one pass sounds, but short enough for Stop.
-  static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
-    if (rate <= 0) return kStopPollMilliSecs;
-    const std::uint64_t pass = std::uint64_t{given_frames} * 500 / static_cast<std::uint64_t>(rate);
-    return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
-  }
+  ~CAudioScrubber() { CAudioScrubber::Stop(); }
 
-  // Samples of one pass: half a block of an even number of frames.
-  std::size_t OutputSamples() const noexcept {
-    return block.size() / channel_count / 2 * channel_count;
-  }
-
-  void Run() {
-    // On this thread, because its window takes longer than the start of the thread.
-    OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
-    while (!stop) {
-      if (delay > 0) Sleep(delay);
-      // Undoes what a writer did that resized the array against the rules.
-      output.Resize(OutputSamples());
-      {
-        const std::lock_guard lock(block_mutex);
-        overlap_add.Pass(block, output.samples());
+  // IAudioScrubber
+  STDMETHODIMP Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks, LONG nSamplesPerSec,
+                     SHORT nChannels) override {
+    if (nChannels <= 0) return E_INVALIDARG;
+    if (pAudioWriter == nullptr) return E_POINTER;
+    if (nSamplesInBlocks < 0) return E_INVALIDARG;
+    if (static_cast<std::uint64_t>(nSamplesInBlocks) * static_cast<std::uint64_t>(nChannels) >
+        kMaxBlockSamples) {
+      return E_INVALIDARG;
+    }
+    if (Current() || thread_.IsRunning()) return E_FAIL;
+    return ComCall([&] {
+      auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
+                                       nSamplesPerSec, static_cast<std::size_t>(nChannels));
+      pAudioWriter->OpenDevice();
+      // The writer may call this object as soon as the thread calls it.
+      const std::lock_guard block_lock(job->block_mutex);
+      const HRESULT hr = thread_.Start([job] { job->Run(); });
+      if (FAILED(hr)) {
+        job->running = false;
+        pAudioWriter->CloseDevice();
       }
-      const auto begun = std::chrono::steady_clock::now();
-      const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
-      AdjustDelay(std::chrono::steady_clock::now() - begun);
-      // A writer that refuses the block, or gets an empty one, does not wait. Without a pause the
-      // thread would spin.
-      if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
+      const std::lock_guard lock(mutex_);
+      job_.swap(job);
+      return hr;
+    });
+  }
+  STDMETHODIMP Stop() override {
+    const auto job = Current();
+    if (!job) return S_OK;
+    job->stop = true;
+    // Stop takes at least this long, also when the thread has ended by now.
+    Sleep(kStopPollMilliSecs);
+    if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
+      // The writer may have stopped this scrub in the meantime, and have been started for another
+      // use, which is not to be broken.
+      const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
+      if (playback) playback->Break();
+      thread_.PollUntilEnded(kStopPollMilliSecs);
     }
+    if (job->running.exchange(false)) job->writer->CloseDevice();
+    return S_OK;
+  }
+  STDMETHODIMP WriteBlock(SAFEARRAY* psaAudio) override {
+    SampleArrayView given;
+    const HRESULT hr = given.Lock(psaAudio);
+    if (FAILED(hr)) return hr;
+    const auto job = Current();
+    if (!job) return E_FAIL;
+    const std::size_t needed = 2 * job->OutputSamples();
+    if (given.samples().size() < needed) return E_INVALIDARG;
+    const std::lock_guard lock(job->block_mutex);
+    std::copy_n(given.samples().data(), needed, job->block.data());
+    return S_OK;
   }
 
-  // A finished pass that waits for room in the writer is out of date when it is heard. So the
-  // thread waits before it takes the block, until the writer hardly waits.
-  void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
-    const double longest = pause_milliseconds - kWriterMilliSecs;
-    const double next =
-        std::clamp(delay + waited.count() - kWriterMilliSecs, 0.0, std::max(longest, 0.0));
-    delay = static_cast<DWORD>(next);
-  }
+ private:
+  // One scrub, from Start to Stop, shared by the object and the thread.
+  struct Job {
+    Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
+        : writer(target),
+          channel_count(channels),
+          output(given_frames / 2 * channels),
+          block(given_frames * channels),
+          pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
 
-  const ComPtr<IAudioWriter> writer;
-  const std::size_t channel_count;
-  SampleArray output;
-  // Guards the block. Start holds it until the thread may call the writer.
-  std::mutex block_mutex;
-  std::vector<float> block;
-  const DWORD pause_milliseconds;
-  DWORD delay = 0;  // of the thread, before each pass
-  std::atomic<bool> stop{false};
-  // Until the writer has closed its device.
-  std::atomic<bool> running{true};
-};
-
-CAudioScrubber::~CAudioScrubber() { CAudioScrubber::Stop(); }
-
-STDMETHODIMP CAudioScrubber::Start(IAudioWriter* pAudioWriter, LONG nSamplesInBlocks,
-                                   LONG nSamplesPerSec, SHORT nChannels) {
-  if (nChannels <= 0) return E_INVALIDARG;
-  if (pAudioWriter == nullptr) return E_POINTER;
-  if (nSamplesInBlocks < 0) return E_INVALIDARG;
-  if (static_cast<std::uint64_t>(nSamplesInBlocks) * static_cast<std::uint64_t>(nChannels) >
-      kMaxBlockSamples) {
-    return E_INVALIDARG;
-  }
-  if (Current() || thread_.IsRunning()) return E_FAIL;
-  return ComCall([&] {
-    auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
-                                     nSamplesPerSec, static_cast<std::size_t>(nChannels));
-    pAudioWriter->OpenDevice();
-    // The writer may call this object as soon as the thread calls it.
-    const std::lock_guard block_lock(job->block_mutex);
-    const HRESULT hr = thread_.Start([job] { job->Run(); });
-    if (FAILED(hr)) {
-      job->running = false;
-      pAudioWriter->CloseDevice();
+    // About as long as one pass sounds, but short enough for Stop.
+    static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
+      if (rate <= 0) return kStopPollMilliSecs;
+      const std::uint64_t pass =
+          std::uint64_t{given_frames} * 500 / static_cast<std::uint64_t>(rate);
+      return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
     }
+
+    // Samples of one pass: half a block of an even number of frames.
+    std::size_t OutputSamples() const noexcept {
+      return block.size() / channel_count / 2 * channel_count;
+    }
+
+    void Run() {
+      // On this thread, because its window takes longer than the start of the thread.
+      OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
+      while (!stop) {
+        if (delay > 0) Sleep(delay);
+        // Undoes what a writer did that resized the array against the rules.
+        output.Resize(OutputSamples());
+        {
+          const std::lock_guard lock(block_mutex);
+          overlap_add.Pass(block, output.samples());
+        }
+        const auto begun = std::chrono::steady_clock::now();
+        const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
+        AdjustDelay(std::chrono::steady_clock::now() - begun);
+        // A writer that refuses the block, or gets an empty one, does not wait. Without a pause the
+        // thread would spin.
+        if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
+      }
+    }
+
+    // A finished pass that waits for room in the writer is out of date when it is heard. So the
+    // thread waits before it takes the block, until the writer hardly waits.
+    void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
+      const double longest = pause_milliseconds - kWriterMilliSecs;
+      const double next =
+          std::clamp(delay + waited.count() - kWriterMilliSecs, 0.0, std::max(longest, 0.0));
+      delay = static_cast<DWORD>(next);
+    }
+
+    const ComPtr<IAudioWriter> writer;
+    const std::size_t channel_count;
+    SampleArray output;
+    // Guards the block. Start holds it until the thread may call the writer.
+    std::mutex block_mutex;
+    std::vector<float> block;
+    const DWORD pause_milliseconds;
+    DWORD delay = 0;  // of the thread, before each pass
+    std::atomic<bool> stop{false};
+    // Until the writer has closed its device.
+    std::atomic<bool> running{true};
+  };
+
+  std::shared_ptr<Job> Current() {
     const std::lock_guard lock(mutex_);
-    job_.swap(job);
-    return hr;
-  });
-}
-
-STDMETHODIMP CAudioScrubber::Stop() {
-  const auto job = Current();
-  if (!job) return S_OK;
-  job->stop = true;
-  // Stop takes at least this long, also when the thread has ended by now.
-  Sleep(kStopPollMilliSecs);
-  if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
-    // The writer may have stopped this scrub in the meantime, and have been started for another
-    // use, which is not to be broken.
-    const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
-    if (playback) playback->Break();
-    thread_.PollUntilEnded(kStopPollMilliSecs);
+    return job_ && job_->running ? job_ : nullptr;
   }
-  if (job->running.exchange(false)) job->writer->CloseDevice();
-  return S_OK;
-}
 
-STDMETHODIMP CAudioScrubber::WriteBlock(SAFEARRAY* psaAudio) {
-  SampleArrayView given;
-  const HRESULT hr = given.Lock(psaAudio);
-  if (FAILED(hr)) return hr;
-  const auto job = Current();
-  if (!job) return E_FAIL;
-  const std::size_t needed = 2 * job->OutputSamples();
-  if (given.samples().size() < needed) return E_INVALIDARG;
-  const std::lock_guard lock(job->block_mutex);
-  std::copy_n(given.samples().data(), needed, job->block.data());
-  return S_OK;
-}
-
-std::shared_ptr<CAudioScrubber::Job> CAudioScrubber::Current() {
-  const std::lock_guard lock(mutex_);
-  return job_ && job_->running ? job_ : nullptr;
-}
+  std::mutex mutex_;
+  // Null before the first Start. Kept after Stop, because it holds the writer.
+  std::shared_ptr<Job> job_;
+  WorkerThread thread_;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioScrubber)
 

@@ -1,17 +1,29 @@
-#include "edit/edited_audio.h"
+// CEditedAudio: the editable document, a list of segments of other readers with labels and section
+// markers. It is a reader itself.
+#include <marlinda.h>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <utility>
+#include <vector>
 
+#include "core/annotation_support.h"
+#include "core/com_object.h"
+#include "core/com_ptr.h"
 #include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "core/text.h"
+#include "edit/connection_points.h"
+#include "edit/document_content.h"
+#include "edit/document_player.h"
 #include "edit/piece_plot.h"
 #include "edit/waveplot.h"
 
 namespace marlinda {
+
 namespace {
 
 enum class PlayerCall { kPlay };
@@ -74,239 +86,360 @@ HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
 
 }  // namespace
 
-STDMETHODIMP CEditedAudio::GetSampleCount(__int64* pnSamples) {
-  const std::shared_lock lock(content_->lock);
-  return SetOut(pnSamples, content_->segments.Length());
-}
+class CEditedAudio;
 
-// Fires the event and returns S_OK also when playback was running already, the section is empty or
-// nothing could be started.
-STDMETHODIMP CEditedAudio::Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
-                                VARIANT_BOOL bLooped) {
-  return ComCall([&] {
-    const ComPtr<IUnknown> keep_alive(Identity());
-    const NestedCall call(this, PlayerCall::kPlay);
-    // GetPlayStatus reports whether playback runs.
-    static_cast<void>(ComCall([&] {
-      player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
-    }));
-    if (call.Depth() <= kMaxPlayDepth) connection_points_.update.Fire(kFireStartedPlayback, {});
-  });
-}
+// How a document recognises another one of this module, to copy many segments without a call for
+// each. Private: no type library names it.
+struct DECLSPEC_UUID("6f0c9e42-7d35-4b1a-9a5e-2c81d4f7b360") IDocumentObject : public IUnknown {
+  // The object itself, without a reference.
+  virtual CEditedAudio* STDMETHODCALLTYPE Implementation() = 0;
+};
 
-STDMETHODIMP CEditedAudio::GetPlayStatus(VARIANT_BOOL* pbPlaying, __int64* pnPosition) {
-  const std::optional<__int64> position = player_.Position();
-  return SetOut(pbPlaying, position ? VARIANT_TRUE : VARIANT_FALSE, pnPosition,
-                position.value_or(0));
-}
+}  // namespace marlinda
 
-STDMETHODIMP CEditedAudio::ModifyPlaySection(__int64 nBegin, __int64 nEnd) {
-  const std::optional<ULONG> channel_mask = player_.LoopedChannelMask();
-  if (!channel_mask) return S_OK;
-  player_.StopPlay();
-  return Play(nBegin, std::max(nEnd, SaturatingAdd(nBegin, 1)), *channel_mask, VARIANT_TRUE);
-}
+#ifdef __CRT_UUID_DECL
+__CRT_UUID_DECL(marlinda::IDocumentObject, 0x6f0c9e42, 0x7d35, 0x4b1a, 0x9a, 0x5e, 0x2c, 0x81, 0xd4,
+                0xf7, 0xb3, 0x60)
+#endif
 
-// The array holds floats although the type library declares shorts. Columns that no piece is drawn
-// into keep what the host put there. Pieces are laid side by side from the first column, also when
-// the range begins before the document.
-STDMETHODIMP CEditedAudio::ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) {
-  return ComCall([&] {
-    SampleArrayView view;
-    Check(view.Lock(psaPeaks));
+namespace marlinda {
+
+// Editing rearranges, splits and clones segments; samples stay in their sources. No method checks
+// its ranges, and no edit fires an event.
+//
+// The host must not edit while another thread reads, the playback thread included, or that read may
+// miss a part of the edit. The content's lock only keeps such a mistake from corrupting memory.
+class CEditedAudio final
+    : public AnnotationSupport<
+          CEditedAudio,
+          Object<CEditedAudio, IAudioReader, IScrubSupport, ILabelSupport, ISectionMarkerSupport,
+                 IEditedAudio, IConnectionPointContainer, IDocumentObject>> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CEditedAudio;
+  static constexpr bool kHasEvents = true;
+  static constexpr bool kAddsNotes = true;
+  static constexpr bool kReadsNotes = true;
+  static constexpr bool kEditsNotes = true;
+  static constexpr UINT kNoteCodePage = CP_ACP;
+
+  // IAudioReader
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    return content_->ReadAudio(nSamplePos, psaAudioData);
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const DocumentFormat format = content_->CurrentFormat();
+    return SetOut(pnSamplesPerSec, format.samples_per_sec, pnChannels, format.channels);
+  }
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    const std::shared_lock lock(content_->lock);
+    return SetOut(pnSamples, content_->segments.Length());
+  }
+  STDMETHODIMP OpenDevice() override { return content_->OpenDevice(); }
+  STDMETHODIMP CloseDevice() override { return content_->CloseDevice(); }
+
+  // IScrubSupport
+  STDMETHODIMP StartScrub() override {
+    return ComCall([&] { player_.StartScrub(); });
+  }
+  STDMETHODIMP SetScrubPosition(__int64 nPosition) override {
+    return ComCall([&] { player_.SetScrubPosition(nPosition); });
+  }
+  STDMETHODIMP StopScrub() override {
+    return ComCall([&] { player_.StopScrub(); });
+  }
+
+  // IEditedAudio
+  // The array holds floats although the type library declares shorts. Columns that no piece is
+  // drawn into keep what the host put there. Pieces are laid side by side from the first column,
+  // also when the range begins before the document.
+  STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
+    return ComCall([&] {
+      SampleArrayView view;
+      Check(view.Lock(psaPeaks));
+      const DocumentContent::Pin pin(*content_);
+      std::shared_lock lock(content_->lock);
+      if (content_->format.channels <= 0) return;
+      const auto channels = static_cast<std::size_t>(content_->format.channels);
+      const std::vector<DocumentContent::Piece> pieces = content_->Cut(CSection(nBegin, nEnd));
+      lock.unlock();
+
+      const std::size_t pair_floats = 2 * channels;
+      const auto columns = static_cast<__int64>(view.samples().size() / pair_floats);
+      const __int64 range = SaturatingSubtract(nEnd, nBegin);
+      __int64 offset = 0;
+      for (const DocumentContent::Piece& piece : pieces) {
+        const CSection section(piece.begin, piece.end);
+        const __int64 first = Scale(offset, columns, range);
+        offset = SaturatingAdd(offset, section.Length());
+        const __int64 last = Scale(offset, columns, range);
+        // Backward segments can make the pieces wider than the array.
+        if (first >= last || first >= columns) continue;
+        const std::span<float> pairs = view.samples().subspan(
+            static_cast<std::size_t>(first) * pair_floats,
+            static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
+        DrawPiece(piece.source, section, channels, last - first, pairs, content_->scratch);
+      }
+    });
+  }
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) override {
+    const std::unique_lock lock(content_->lock);
+    content_->format = {nSamplesPerSec, nChannels, nBitsPerSample};
+    return S_OK;
+  }
+  STDMETHODIMP Insert(__int64 nPosition, IEditedAudio* peaInsert) override {
+    if (peaInsert == nullptr) return E_POINTER;
+    return ComCall([&] {
+      if (IsSameObject(peaInsert, Identity())) {
+        // Inserts the document as it was before.
+        ComPtr<IEditedAudio> before;
+        Check(CreateInstance(CLSID_CEditedAudio, before));
+        CopyAll(before.Get());
+        return Insert(nPosition, before.Get());
+      }
+      content_->Insert(nPosition, TakeSegments(peaInsert));
+      return CopyAnnotations(peaInsert, Identity(), nPosition, std::nullopt);
+    });
+  }
+  STDMETHODIMP Copy(IEditedAudio* peaDest, __int64 nBegin, __int64 nEnd) override {
+    return ComCall([&] { return CopyInto(peaDest, CSection(nBegin, nEnd)); });
+  }
+  STDMETHODIMP CopyAll(IEditedAudio* peaDest) override {
+    return ComCall([&] { return CopyInto(peaDest, std::nullopt); });
+  }
+  STDMETHODIMP Clear() override {
+    return ComCall([&] { content_->Replace({}, {}); });
+  }
+  STDMETHODIMP InsertSegment(__int64 nPosition, IAudioReader* parSource, __int64 nBegin,
+                             __int64 nEnd) override {
+    return ComCall([&] {
+      content_->AdoptFormat(parSource);
+      content_->Insert(nPosition, {Segment(parSource, nBegin, nEnd)});
+    });
+  }
+  STDMETHODIMP AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) override {
+    return ComCall([&] {
+      Segment segment(parSource, nBegin, nEnd);
+      content_->AdoptFormat(parSource);
+      const std::unique_lock lock(content_->lock);
+      content_->segments.Append(std::move(segment));
+    });
+  }
+  // The source comes without a reference: it is valid as long as the segment exists, and the caller
+  // must not release it. Past the end only bValid is written.
+  STDMETHODIMP GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
+                               LONG* bValid) override {
+    return GiveSegment(&DocumentContent::Segments::First, pparSource, pnBegin, pnEnd, bValid);
+  }
+  STDMETHODIMP GetNextSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
+                              LONG* bValid) override {
+    return GiveSegment(&DocumentContent::Segments::Next, pparSource, pnBegin, pnEnd, bValid);
+  }
+  STDMETHODIMP Delete(__int64 nBegin, __int64 nEnd) override {
+    return ComCall([&] { content_->Delete({nBegin, nEnd}); });
+  }
+  STDMETHODIMP InitChange(LONG bStoreUndo, BSTR bstrOperation) override {
+    return ComCall([&]() -> HRESULT {
+      if (change_open_) return E_FAIL;
+      // A sink may release the document that the event is about.
+      const ComPtr<IUnknown> keep_alive(Identity());
+      if (bStoreUndo != 0) FireStoreUndo(bstrOperation);
+      ComPtr<IEditedAudio> snapshot;
+      Check(CreateInstance(CLSID_CEditedAudio, snapshot));
+      __int64 length = 0;
+      GetSampleCount(&length);
+      CopyInto(snapshot.Get(), CSection(0, length));
+      snapshot_ = std::move(snapshot);
+      change_open_ = true;
+      return S_OK;
+    });
+  }
+  STDMETHODIMP CommitChange() override {
+    return ComCall([&]() -> HRESULT {
+      if (!change_open_) return E_FAIL;
+      const ComPtr<IUnknown> keep_alive(Identity());
+      change_open_ = false;
+      snapshot_.Reset();
+      connection_points_.update.Fire(kFireContentChanged, {});
+      return S_OK;
+    });
+  }
+  // Empties the document instead of restoring it: copying the snapshot onto itself empties the
+  // snapshot. The host restores the content from the copy that it took when the change began.
+  STDMETHODIMP RollbackChange() override {
+    return ComCall([&]() -> HRESULT {
+      if (!change_open_) return E_FAIL;
+      Clear();
+      const auto reader = TryQuery<IAudioReader>(snapshot_.Get());
+      if (!reader) return E_FAIL;
+      __int64 length = 0;
+      reader->GetSampleCount(&length);
+      snapshot_->Copy(snapshot_.Get(), 0, length);
+      snapshot_.Reset();
+      change_open_ = false;
+      return S_OK;
+    });
+  }
+  // Fires the event and returns S_OK also when playback was running already, the section is empty
+  // or nothing could be started.
+  STDMETHODIMP Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
+                    VARIANT_BOOL bLooped) override {
+    return ComCall([&] {
+      const ComPtr<IUnknown> keep_alive(Identity());
+      const NestedCall call(this, PlayerCall::kPlay);
+      // GetPlayStatus reports whether playback runs.
+      static_cast<void>(ComCall([&] {
+        player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
+      }));
+      if (call.Depth() <= kMaxPlayDepth) connection_points_.update.Fire(kFireStartedPlayback, {});
+    });
+  }
+  STDMETHODIMP StopPlay() override {
+    return ComCall([&] { player_.StopPlay(); });
+  }
+  STDMETHODIMP GetPlayStatus(VARIANT_BOOL* pbPlaying, __int64* pnPosition) override {
+    const std::optional<__int64> position = player_.Position();
+    return SetOut(pbPlaying, position ? VARIANT_TRUE : VARIANT_FALSE, pnPosition,
+                  position.value_or(0));
+  }
+  STDMETHODIMP GetOutputLevel(SHORT niChannel, float* pfOutputLevel) override {
+    if (pfOutputLevel == nullptr) return E_POINTER;
+    return ComCall([&] { return player_.GetOutputLevel(niChannel, pfOutputLevel); });
+  }
+  STDMETHODIMP SetPlaybackDevice(LONG niDevice) override {
+    return ComCall([&] { player_.SetDevice(niDevice); });
+  }
+  STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
+    return SetOut(pnBitsPerSample, content_->CurrentFormat().bits_per_sample);
+  }
+  STDMETHODIMP ModifyPlaySection(__int64 nBegin, __int64 nEnd) override {
+    const std::optional<ULONG> channel_mask = player_.LoopedChannelMask();
+    if (!channel_mask) return S_OK;
+    player_.StopPlay();
+    return Play(nBegin, std::max(nEnd, SaturatingAdd(nBegin, 1)), *channel_mask, VARIANT_TRUE);
+  }
+
+  // IConnectionPointContainer
+  STDMETHODIMP EnumConnectionPoints(IEnumConnectionPoints** ppEnum) override {
+    return ComCall([&] { return connection_points_.Enumerate(ppEnum); });
+  }
+  STDMETHODIMP FindConnectionPoint(REFIID riid, IConnectionPoint** ppCP) override {
+    return connection_points_.Find(riid, ppCP);
+  }
+
+  // IDocumentObject
+  CEditedAudio* STDMETHODCALLTYPE Implementation() override { return this; }
+
+  // IProvideClassInfo2
+  STDMETHODIMP GetGUID(DWORD dwGuidKind, GUID* pGUID) override {
+    const bool known = dwGuidKind == GUIDKIND_DEFAULT_SOURCE_DISP_IID;
+    const HRESULT hr = SetOut(pGUID, known ? DIID__IEAUpdateEvents : GUID_NULL);
+    return SUCCEEDED(hr) && !known ? E_INVALIDARG : hr;
+  }
+
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] {
+      const std::unique_lock lock(content_->lock);
+      return std::forward<Use>(use)(content_->annotations);
+    });
+  }
+
+ private:
+  using Segment = DocumentContent::Segment;
+
+  IUnknown* Identity() noexcept { return static_cast<IEditedAudio*>(this); }
+
+  void FireStoreUndo(BSTR operation) {
+    const auto identity = TryQuery<IUnknown>(Identity());
+    connection_points_.undo.Fire(kFireStoreUndo, [&] {
+      std::vector<VARIANTARG> arguments(2);
+      VARIANTARG& document = arguments.front();
+      VARIANTARG& name = arguments.back();
+      V_VT(&document) = VT_UNKNOWN;
+      V_UNKNOWN(&document) = identity.Get();
+      if (identity) identity->AddRef();
+      V_VT(&name) = VT_BSTR;
+      V_BSTR(&name) =
+          operation == nullptr ? nullptr : SysAllocStringLen(operation, SysStringLen(operation));
+      return arguments;
+    });
+  }
+  HRESULT GiveSegment(const Segment* (DocumentContent::Segments::*step)() noexcept,
+                      IAudioReader** source, __int64* begin, __int64* end, LONG* valid) {
+    if (source == nullptr || begin == nullptr || end == nullptr || valid == nullptr)
+      return E_POINTER;
+    const std::unique_lock lock(content_->lock);
+    const Segment* const segment = (content_->segments.*step)();
+    *valid = segment != nullptr ? 1 : 0;
+    if (segment == nullptr) return S_OK;
+    return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
+  }
+  // The segments of another document, through its iteration.
+  std::vector<CEditedAudio::Segment> TakeSegments(IEditedAudio* document) {
+    std::vector<Segment> segments;
+    for (bool first = true;; first = false) {
+      IAudioReader* lent = nullptr;
+      __int64 begin = 0;
+      __int64 end = 0;
+      LONG valid = 0;
+      const HRESULT hr = first ? document->GetFirstSegment(&lent, &begin, &end, &valid)
+                               : document->GetNextSegment(&lent, &begin, &end, &valid);
+      if (FAILED(hr) || valid == 0) return segments;
+      segments.emplace_back(lent, begin, end);
+      content_->AdoptFormat(lent);
+    }
+  }
+  // Replaces the destination's content by the range, or by all. The destination is emptied first,
+  // also when it is this document: then nothing is left to copy.
+  HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
+    if (destination == nullptr) return E_POINTER;
+    destination->Clear();
+    const DocumentFormat format = content_->CurrentFormat();
+    destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
+
+    const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
+    // Without a format the destination asks each source for one.
+    CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
     const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);
-    if (content_->format.channels <= 0) return;
-    const auto channels = static_cast<std::size_t>(content_->format.channels);
-    const std::vector<DocumentContent::Piece> pieces = content_->Cut(CSection(nBegin, nEnd));
+    const std::vector<DocumentContent::Piece> pieces = content_->Cut(range);
+    if (direct == nullptr) {
+      lock.unlock();
+      for (const DocumentContent::Piece& piece : pieces) {
+        destination->AppendSegment(piece.source, piece.begin, piece.end);
+      }
+      return CopyAnnotations(Identity(), destination, offset, range);
+    }
+    Annotations annotations =
+        range ? content_->annotations.Part(*range, offset) : content_->annotations;
     lock.unlock();
-
-    const std::size_t pair_floats = 2 * channels;
-    const auto columns = static_cast<__int64>(view.samples().size() / pair_floats);
-    const __int64 range = SaturatingSubtract(nEnd, nBegin);
-    __int64 offset = 0;
+    DocumentContent::Segments segments;
     for (const DocumentContent::Piece& piece : pieces) {
-      const CSection section(piece.begin, piece.end);
-      const __int64 first = Scale(offset, columns, range);
-      offset = SaturatingAdd(offset, section.Length());
-      const __int64 last = Scale(offset, columns, range);
-      // Backward segments can make the pieces wider than the array.
-      if (first >= last || first >= columns) continue;
-      const std::span<float> pairs = view.samples().subspan(
-          static_cast<std::size_t>(first) * pair_floats,
-          static_cast<std::size_t>(std::min(last, columns) - first) * pair_floats);
-      DrawPiece(piece.source, section, channels, last - first, pairs, content_->scratch);
+      segments.Append({piece.source, piece.begin, piece.end});
     }
-  });
-}
-
-STDMETHODIMP CEditedAudio::SetFormat(LONG nSamplesPerSec, SHORT nChannels, SHORT nBitsPerSample) {
-  const std::unique_lock lock(content_->lock);
-  content_->format = {nSamplesPerSec, nChannels, nBitsPerSample};
-  return S_OK;
-}
-
-STDMETHODIMP CEditedAudio::Insert(__int64 nPosition, IEditedAudio* peaInsert) {
-  if (peaInsert == nullptr) return E_POINTER;
-  return ComCall([&] {
-    if (IsSameObject(peaInsert, Identity())) {
-      // Inserts the document as it was before.
-      ComPtr<IEditedAudio> before;
-      Check(CreateInstance(CLSID_CEditedAudio, before));
-      CopyAll(before.Get());
-      return Insert(nPosition, before.Get());
-    }
-    content_->Insert(nPosition, TakeSegments(peaInsert));
-    return CopyAnnotations(peaInsert, Identity(), nPosition, std::nullopt);
-  });
-}
-
-STDMETHODIMP CEditedAudio::InsertSegment(__int64 nPosition, IAudioReader* parSource, __int64 nBegin,
-                                         __int64 nEnd) {
-  return ComCall([&] {
-    content_->AdoptFormat(parSource);
-    content_->Insert(nPosition, {Segment(parSource, nBegin, nEnd)});
-  });
-}
-
-STDMETHODIMP CEditedAudio::AppendSegment(IAudioReader* parSource, __int64 nBegin, __int64 nEnd) {
-  return ComCall([&] {
-    Segment segment(parSource, nBegin, nEnd);
-    content_->AdoptFormat(parSource);
-    const std::unique_lock lock(content_->lock);
-    content_->segments.Append(std::move(segment));
-  });
-}
-
-HRESULT CEditedAudio::GiveSegment(const Segment* (DocumentContent::Segments::*step)() noexcept,
-                                  IAudioReader** source, __int64* begin, __int64* end,
-                                  LONG* valid) {
-  if (source == nullptr || begin == nullptr || end == nullptr || valid == nullptr) return E_POINTER;
-  const std::unique_lock lock(content_->lock);
-  const Segment* const segment = (content_->segments.*step)();
-  *valid = segment != nullptr ? 1 : 0;
-  if (segment == nullptr) return S_OK;
-  return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
-}
-
-STDMETHODIMP CEditedAudio::InitChange(LONG bStoreUndo, BSTR bstrOperation) {
-  return ComCall([&]() -> HRESULT {
-    if (change_open_) return E_FAIL;
-    // A sink may release the document that the event is about.
-    const ComPtr<IUnknown> keep_alive(Identity());
-    if (bStoreUndo != 0) FireStoreUndo(bstrOperation);
-    ComPtr<IEditedAudio> snapshot;
-    Check(CreateInstance(CLSID_CEditedAudio, snapshot));
-    __int64 length = 0;
-    GetSampleCount(&length);
-    CopyInto(snapshot.Get(), CSection(0, length));
-    snapshot_ = std::move(snapshot);
-    change_open_ = true;
+    direct->content_->Replace(std::move(segments), std::move(annotations));
     return S_OK;
-  });
-}
-
-STDMETHODIMP CEditedAudio::CommitChange() {
-  return ComCall([&]() -> HRESULT {
-    if (!change_open_) return E_FAIL;
-    const ComPtr<IUnknown> keep_alive(Identity());
-    change_open_ = false;
-    snapshot_.Reset();
-    connection_points_.update.Fire(kFireContentChanged, {});
-    return S_OK;
-  });
-}
-
-// Empties the document instead of restoring it: copying the snapshot onto itself empties the
-// snapshot. The host restores the content from the copy that it took when the change began.
-STDMETHODIMP CEditedAudio::RollbackChange() {
-  return ComCall([&]() -> HRESULT {
-    if (!change_open_) return E_FAIL;
-    Clear();
-    const auto reader = TryQuery<IAudioReader>(snapshot_.Get());
-    if (!reader) return E_FAIL;
-    __int64 length = 0;
-    reader->GetSampleCount(&length);
-    snapshot_->Copy(snapshot_.Get(), 0, length);
-    snapshot_.Reset();
-    change_open_ = false;
-    return S_OK;
-  });
-}
-
-void CEditedAudio::FireStoreUndo(BSTR operation) {
-  const auto identity = TryQuery<IUnknown>(Identity());
-  connection_points_.undo.Fire(kFireStoreUndo, [&] {
-    std::vector<VARIANTARG> arguments(2);
-    VARIANTARG& document = arguments.front();
-    VARIANTARG& name = arguments.back();
-    V_VT(&document) = VT_UNKNOWN;
-    V_UNKNOWN(&document) = identity.Get();
-    if (identity) identity->AddRef();
-    V_VT(&name) = VT_BSTR;
-    V_BSTR(&name) =
-        operation == nullptr ? nullptr : SysAllocStringLen(operation, SysStringLen(operation));
-    return arguments;
-  });
-}
-
-// The segments of another document, through its iteration.
-std::vector<CEditedAudio::Segment> CEditedAudio::TakeSegments(IEditedAudio* document) {
-  std::vector<Segment> segments;
-  for (bool first = true;; first = false) {
-    IAudioReader* lent = nullptr;
-    __int64 begin = 0;
-    __int64 end = 0;
-    LONG valid = 0;
-    const HRESULT hr = first ? document->GetFirstSegment(&lent, &begin, &end, &valid)
-                             : document->GetNextSegment(&lent, &begin, &end, &valid);
-    if (FAILED(hr) || valid == 0) return segments;
-    segments.emplace_back(lent, begin, end);
-    content_->AdoptFormat(lent);
   }
-}
-
-// Replaces the destination's content by the range, or by all. The destination is emptied first,
-// also when it is this document: then nothing is left to copy.
-HRESULT CEditedAudio::CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
-  if (destination == nullptr) return E_POINTER;
-  destination->Clear();
-  const DocumentFormat format = content_->CurrentFormat();
-  destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
-
-  const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
-  // Without a format the destination asks each source for one.
-  CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
-  const DocumentContent::Pin pin(*content_);
-  std::shared_lock lock(content_->lock);
-  const std::vector<DocumentContent::Piece> pieces = content_->Cut(range);
-  if (direct == nullptr) {
-    lock.unlock();
-    for (const DocumentContent::Piece& piece : pieces) {
-      destination->AppendSegment(piece.source, piece.begin, piece.end);
-    }
-    return CopyAnnotations(Identity(), destination, offset, range);
+  // The object behind another document, where this one may work on it without its interface: both
+  // are of this class, and no outer object answers for one of them.
+  CEditedAudio* Direct(IEditedAudio* document) {
+    const auto object = TryQuery<IDocumentObject>(document);
+    CEditedAudio* const found = object ? object->Implementation() : nullptr;
+    const bool bare =
+        found != nullptr && found == document && !found->IsAggregated() && !IsAggregated();
+    return bare ? found : nullptr;
   }
-  Annotations annotations =
-      range ? content_->annotations.Part(*range, offset) : content_->annotations;
-  lock.unlock();
-  DocumentContent::Segments segments;
-  for (const DocumentContent::Piece& piece : pieces) {
-    segments.Append({piece.source, piece.begin, piece.end});
-  }
-  direct->content_->Replace(std::move(segments), std::move(annotations));
-  return S_OK;
-}
 
-// The object behind another document, where this one may work on it without its interface: both
-// are of this class, and no outer object answers for one of them.
-CEditedAudio* CEditedAudio::Direct(IEditedAudio* document) {
-  const auto object = TryQuery<IDocumentObject>(document);
-  CEditedAudio* const found = object ? object->Implementation() : nullptr;
-  const bool bare =
-      found != nullptr && found == document && !found->IsAggregated() && !IsAggregated();
-  return bare ? found : nullptr;
-}
+  const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
+
+  // A change is open as long as this holds; the snapshot is the content at its beginning.
+  bool change_open_ = false;
+  ComPtr<IEditedAudio> snapshot_;
+
+  ConnectionPoints connection_points_{*this};
+  DocumentPlayer player_{content_};
+};
 
 MARLINDA_DEFINE_CLASS(CEditedAudio)
 

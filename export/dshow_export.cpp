@@ -1,19 +1,29 @@
-#include "export/dshow_export.h"
-
+// CDShowExport: writes the audio of a reader into a WMA or MP3 file, as a task, with the encoders
+// that the system has.
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "core/apartment.h"
+#include "core/com_ptr.h"
+#include "core/filter_task.h"
 #include "core/handle.h"
+#include "core/registry.h"
+#include "core/resource.h"
 #include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
+#include "export/encoded_file.h"
 #include "export/mp3_encoder.h"
 #include "export/settings_dialog.h"
 
 namespace marlinda {
+
+enum class EncodedKind { kWma, kMp3 };
+
 namespace {
 
 constexpr char kWmaBitRate[] = "WMABitrate";
@@ -52,158 +62,205 @@ std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; 
 
 }  // namespace
 
-DShowExportJob::DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
-    : kind_(kind), path_(std::move(path)), reader_(reader) {
-  __int64 count = 0;
-  reader->GetSampleCount(&count);
-  total = count;
-}
+// One export from reader to compressed file, run by the filter's worker thread. The reader belongs
+// to the filter until Run begins, and to the worker from then on.
+class DShowExportJob : public TaskJob {
+ public:
+  DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
+      : kind_(kind), path_(std::move(path)), reader_(reader) {
+    __int64 count = 0;
+    reader->GetSampleCount(&count);
+    total = count;
+  }
 
-HRESULT DShowExportJob::AskFormat(int& samples_per_sec, int& channels) const {
-  LONG rate = 0;
-  SHORT count = 0;
-  const HRESULT hr = reader_->GetFormat(&rate, &count);
-  if (FAILED(hr)) return hr;
-  if (rate <= 0 || count <= 0 || count > kMaxChannels) return E_INVALIDARG;
-  samples_per_sec = rate;
-  channels = count;
-  return S_OK;
-}
-
-void DShowExportJob::Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
-  const Apartment apartment(COINIT_MULTITHREADED);
-  settings.path = path_;
-  const int channels = settings.channels;
-  std::unique_ptr<EncodedFile> file;
-  const HRESULT opening = ComCall([&] {
-    file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
-  });
-  // The filter may start again from then on, so the job is not touched after a failure.
-  opened.set_value(opening);
-  if (FAILED(opening)) return;
-
-  const HRESULT writing = ComCall([&] {
-    WriteSamples(*file, channels);
-    file->Finish();
-  });
-  file.reset();
-  // A task cannot report its failure; a missing file shows it.
-  if (FAILED(writing)) DeleteFileA(path_.c_str());
-  reader_.Reset();
-}
-
-void DShowExportJob::WriteSamples(EncodedFile& file, int channels) {
-  const bool is_open = SUCCEEDED(reader_->OpenDevice());
-  const HRESULT hr = ComCall([&] {
-    std::vector<std::byte> pcm;
-    while (!cancelled && position < total) {
-      const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-      // Silence where a failing reader delivers nothing, so that the rest keeps its place.
-      const SampleArray block(static_cast<std::size_t>(frames) *
-                              static_cast<std::size_t>(channels));
-      reader_->ReadAudio(position, block.get());
-      const auto samples = block.samples();
-      pcm.resize(samples.size() * kBits / 8);
-      ConvertFloatToPcm(samples, pcm, kBits);
-      file.Write(pcm);
-      position += frames;
-    }
-  });
-  if (is_open) reader_->CloseDevice();
-  Check(hr);
-}
-
-CDShowExport::CDShowExport() {
-  // A key that cannot be opened reads as one without values.
-  settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
-}
-
-STDMETHODIMP CDShowExport::Start() {
-  // The message serves other messages of this thread, and the last release may be among them.
-  const ComPtr<IUnknown> alive(OuterUnknown());
-  const HRESULT hr = ComCall([&] {
-    if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
-    EncoderSettings settings;
-    Check(job_->AskFormat(settings.samples_per_sec, settings.channels));
-    settings.bit_rate_kbit = BitRate(job_->kind() == EncodedKind::kMp3 ? kMp3BitRate : kWmaBitRate);
-    settings.tags = tags_;
-    const auto opened = std::make_shared<std::promise<HRESULT>>();
-    auto outcome = opened->get_future();
-    Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
-    // An encoder without a threading model of its own is made on the host's first thread, which may
-    // be this one.
-    while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
-      worker_.AwaitServingCalls(kServeMilliseconds);
-    }
-    const HRESULT opening = outcome.get();
-    // A task that failed to start has ended when Start returns.
-    if (FAILED(opening)) worker_.PollUntilEnded(1);
-    return opening;
-  });
-  if (hr == CodecError().code()) ShowCodecError();
-  return hr;
-}
-
-STDMETHODIMP CDShowExport::QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) {
-  return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
-}
-
-STDMETHODIMP CDShowExport::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
-  if (pReader == nullptr) return E_POINTER;
-  return ComCall([&] {
-    if (worker_.IsRunning()) return E_FAIL;
-    std::string path = ToAnsi(bstrFileName);
-    const auto kind = KindOf(ExtensionOf(path));
-    if (!kind) return E_INVALIDARG;
-    Check(TryTarget(path));
-    job_ = std::make_shared<DShowExportJob>(*kind, path, pReader);
-    file_name_ = std::move(path);
+  EncodedKind kind() const noexcept { return kind_; }
+  // False once a Run has taken the reader.
+  bool HasReader() const noexcept { return reader_ != nullptr; }
+  // The rate and channels of the reader; E_INVALIDARG where it has none that a file could have.
+  HRESULT AskFormat(int& samples_per_sec, int& channels) const {
+    LONG rate = 0;
+    SHORT count = 0;
+    const HRESULT hr = reader_->GetFormat(&rate, &count);
+    if (FAILED(hr)) return hr;
+    if (rate <= 0 || count <= 0 || count > kMaxChannels) return E_INVALIDARG;
+    samples_per_sec = rate;
+    channels = count;
     return S_OK;
-  });
-}
+  }
 
-STDMETHODIMP CDShowExport::ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) {
-  const ComPtr<IUnknown> alive(OuterUnknown());
-  ComCall([&] {
-    message_owner_ = WindowOfNumber(nHwndParent);
-    const auto kind = KindOf(ToAnsi(bstrExtension));
-    if (kind == EncodedKind::kWma) ShowWmaSettings();
-    if (kind == EncodedKind::kMp3) ShowMpegSettings();
-  });
-  return S_OK;  // a dialog that could not be shown has changed nothing
-}
+  // Reports through `opened` whether encoder and file are there, then writes the whole file and
+  // releases the reader. When they are not, the reader stays for another try. Cancelled, it
+  // leaves a valid file with what came before; a file that fails on the way is deleted.
+  void Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
+    const Apartment apartment(COINIT_MULTITHREADED);
+    settings.path = path_;
+    const int channels = settings.channels;
+    std::unique_ptr<EncodedFile> file;
+    const HRESULT opening = ComCall([&] {
+      file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
+    });
+    // The filter may start again from then on, so the job is not touched after a failure.
+    opened.set_value(opening);
+    if (FAILED(opening)) return;
 
-STDMETHODIMP CDShowExport::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
-                                       BSTR bstrYear, BSTR bstrGenre) {
-  return ComCall([&] {
-    tags_ = {Text(bstrTitle), Text(bstrArtist), Text(bstrAlbum), Text(bstrYear), Text(bstrGenre)};
-  });
-}
+    const HRESULT writing = ComCall([&] {
+      WriteSamples(*file, channels);
+      file->Finish();
+    });
+    file.reset();
+    // A task cannot report its failure; a missing file shows it.
+    if (FAILED(writing)) DeleteFileA(path_.c_str());
+    reader_.Reset();
+  }
 
-int CDShowExport::BitRate(const char* name) const noexcept {
-  return static_cast<int>(settings_.ReadDword(name, kDefaultBitRateKbit));
-}
+ private:
+  void WriteSamples(EncodedFile& file, int channels) {
+    const bool is_open = SUCCEEDED(reader_->OpenDevice());
+    const HRESULT hr = ComCall([&] {
+      std::vector<std::byte> pcm;
+      while (!cancelled && position < total) {
+        const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
+        // Silence where a failing reader delivers nothing, so that the rest keeps its place.
+        const SampleArray block(static_cast<std::size_t>(frames) *
+                                static_cast<std::size_t>(channels));
+        reader_->ReadAudio(position, block.get());
+        const auto samples = block.samples();
+        pcm.resize(samples.size() * kBits / 8);
+        ConvertFloatToPcm(samples, pcm, kBits);
+        file.Write(pcm);
+        position += frames;
+      }
+    });
+    if (is_open) reader_->CloseDevice();
+    Check(hr);
+  }
 
-void CDShowExport::ShowWmaSettings() {
-  CWmaSettings dialog(BitRate(kWmaBitRate));
-  if (dialog.ShowModal(message_owner_) != IDOK) return;
-  settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
-}
+  const EncodedKind kind_;
+  const std::string path_;
+  ComPtr<IAudioReader> reader_;
+};
 
-void CDShowExport::ShowMpegSettings() {
-  // Without an encoder there is nothing to choose from.
-  const auto encoder = CreateMp3Encoder();
-  CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
-  if (dialog.ShowModal(message_owner_) != IDOK) return;
-  settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
-}
+// One object serves one export: Initialize, metadata, Start, then poll until the task has ended, or
+// Cancel. The extension of the file decides what is written. Bit rates are the user's settings in
+// the registry.
+//
+// Start waits until encoder and file are open, and fails when they are not; nothing is left behind
+// then. Without an encoder a message says so, provided that ShowSettingsDlg has named a window to
+// own it. A task that fails later deletes its file, and its progress stays below 1.
+class CDShowExport final
+    : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CDShowExport;
+  // Behind the WAV export, which loses nothing.
+  static constexpr SHORT kMerit = 100;
+  static constexpr UINT kNameText = IDS_SAVING;
+  static constexpr UINT kFilterTexts[] = {IDS_WMA_FILTER, IDS_MP3_FILTER};
+  static constexpr char kPatterns[] = "*.wma;*.mp3";
 
-void CDShowExport::ShowCodecError() const {
-  if (message_owner_ == nullptr) return;
-  const auto& module = TheModule();
-  MessageBoxA(message_owner_, module.LoadText(IDS_NO_ENCODER).c_str(),
-              module.LoadText(IDS_CODEC_ERROR).c_str(), MB_OK | MB_ICONERROR);
-}
+  CDShowExport() {
+    // A key that cannot be opened reads as one without values.
+    settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
+  }
+
+  // ICoreTask. Start is E_FAIL while the task runs, without Initialize and after a task that ran.
+  STDMETHODIMP Start() override {
+    // The message serves other messages of this thread, and the last release may be among them.
+    const ComPtr<IUnknown> alive(OuterUnknown());
+    const HRESULT hr = ComCall([&] {
+      if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
+      EncoderSettings settings;
+      Check(job_->AskFormat(settings.samples_per_sec, settings.channels));
+      settings.bit_rate_kbit =
+          BitRate(job_->kind() == EncodedKind::kMp3 ? kMp3BitRate : kWmaBitRate);
+      settings.tags = tags_;
+      const auto opened = std::make_shared<std::promise<HRESULT>>();
+      auto outcome = opened->get_future();
+      Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
+      // An encoder without a threading model of its own is made on the host's first thread, which
+      // may be this one.
+      while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
+        worker_.AwaitServingCalls(kServeMilliseconds);
+      }
+      const HRESULT opening = outcome.get();
+      // A task that failed to start has ended when Start returns.
+      if (FAILED(opening)) worker_.PollUntilEnded(1);
+      return opening;
+    });
+    if (hr == CodecError().code()) ShowCodecError();
+    return hr;
+  }
+
+  // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and fails when the
+  // file cannot be written; it does not change the file. The encoders choose their own sample
+  // width.
+  STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
+    return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
+  }
+  STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override {
+    if (pReader == nullptr) return E_POINTER;
+    return ComCall([&] {
+      if (worker_.IsRunning()) return E_FAIL;
+      std::string path = ToAnsi(bstrFileName);
+      const auto kind = KindOf(ExtensionOf(path));
+      if (!kind) return E_INVALIDARG;
+      Check(TryTarget(path));
+      job_ = std::make_shared<DShowExportJob>(*kind, path, pReader);
+      file_name_ = std::move(path);
+      return S_OK;
+    });
+  }
+  STDMETHODIMP SetBitsPerSample(SHORT) override { return S_OK; }
+  STDMETHODIMP QueryHasSettingsDlg(BSTR bstrExtension, VARIANT_BOOL* pbHasSettings) override {
+    return QuerySupportsExtension(bstrExtension, pbHasSettings);
+  }
+  STDMETHODIMP ShowSettingsDlg(BSTR bstrExtension, ULONG nHwndParent) override {
+    const ComPtr<IUnknown> alive(OuterUnknown());
+    ComCall([&] {
+      message_owner_ = WindowOfNumber(nHwndParent);
+      const auto kind = KindOf(ToAnsi(bstrExtension));
+      if (kind == EncodedKind::kWma) ShowWmaSettings();
+      if (kind == EncodedKind::kMp3) ShowMpegSettings();
+    });
+    return S_OK;  // a dialog that could not be shown has changed nothing
+  }
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
+
+  // IMetaDataWriter. The texts are taken at Start.
+  STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
+                           BSTR bstrGenre) override {
+    return ComCall([&] {
+      tags_ = {Text(bstrTitle), Text(bstrArtist), Text(bstrAlbum), Text(bstrYear), Text(bstrGenre)};
+    });
+  }
+
+ private:
+  int BitRate(const char* name) const noexcept {
+    return static_cast<int>(settings_.ReadDword(name, kDefaultBitRateKbit));
+  }
+  void ShowWmaSettings() {
+    CWmaSettings dialog(BitRate(kWmaBitRate));
+    if (dialog.ShowModal(message_owner_) != IDOK) return;
+    settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
+  }
+  void ShowMpegSettings() {
+    // Without an encoder there is nothing to choose from.
+    const auto encoder = CreateMp3Encoder();
+    CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
+    if (dialog.ShowModal(message_owner_) != IDOK) return;
+    settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
+  }
+  // The message that no encoder can do the job; nothing without a window to own it.
+  void ShowCodecError() const {
+    if (message_owner_ == nullptr) return;
+    const auto& module = TheModule();
+    MessageBoxA(message_owner_, module.LoadText(IDS_NO_ENCODER).c_str(),
+                module.LoadText(IDS_CODEC_ERROR).c_str(), MB_OK | MB_ICONERROR);
+  }
+
+  CRegistry settings_;  // open for as long as the filter lives
+  WideTags tags_;
+  HWND message_owner_ = nullptr;
+};
 
 MARLINDA_DEFINE_CLASS(CDShowExport)
 

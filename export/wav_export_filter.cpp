@@ -1,9 +1,17 @@
-#include "export/wav_export_filter.h"
-
+// CWavExportFilter: writes the audio of a reader into a RIFF WAV file, as a task.
 #include <algorithm>
+#include <cstdint>
+#include <mutex>
+#include <utility>
 
+#include "core/annotation_support.h"
+#include "core/com_ptr.h"
+#include "core/filter_task.h"
+#include "core/resource.h"
 #include "core/sample_array.h"
 #include "export/settings_dialog.h"
+#include "export/wav_file.h"
+#include "export/wav_layout.h"
 #include "export/wav_sample_encoder.h"
 
 namespace marlinda {
@@ -19,92 +27,175 @@ WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
 
 }  // namespace
 
-void WavExportJob::SetReader(IAudioReader* reader) {
-  Hold(reader_, reader);
-  __int64 count = 0;
-  reader->GetSampleCount(&count);
-  total = count;
-}
+// One export from reader to file, run by the filter's worker thread.
+//
+// Reader and target belong to the filter until Run begins and to the worker until it has ended.
+//
+// Position and cancel flag are cleared at construction alone: one job serves one export. Given a
+// new reader and target after its end it goes on at the position it has, which leaves a valid file
+// without the frames before that position.
+class WavExportJob : public TaskJob {
+ public:
+  static constexpr std::int64_t kFramesPerBlock = 65536;
 
-void WavExportJob::Run(std::int16_t bits, bool is_float) noexcept {
-  const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
-  // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
-  ComCall([&] { WriteSamples(format); });
-  LittleEndianBytes trailer;
-  WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });
-  file_.Finish(trailer.bytes());
-  reader_.Reset();
-}
-
-void WavExportJob::WriteSamples(const WavFormat& format) {
-  file_.Begin(format, ManyChannels::kExtensible);
-
-  // Without channels there is nothing to read, whatever the length.
-  if (format.channels <= 0) position = std::max(position.load(), total.load());
-
-  WavSampleEncoder encoder(format);
-  SampleArray block;
-  while (!cancelled && position < total) {
-    // The difference is taken in 64 bits: in 32, a source of 2^31 frames or more would give
-    // negative or empty blocks and no end.
-    const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-    SAFEARRAY* const silence =
-        block.Prepare(static_cast<std::size_t>(frames) * static_cast<std::size_t>(format.channels));
-    // Whatever a failing reader left in the block is written, so that the rest keeps its place.
-    reader_->ReadAudio(position, silence);
-    file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
-    position += frames;
+  void SetReader(IAudioReader* reader) {
+    Hold(reader_, reader);
+    __int64 count = 0;
+    reader->GetSampleCount(&count);
+    total = count;
   }
-}
+  // Closes the target there was. Without a valid handle the job has none.
+  void SetTarget(FileHandle file) noexcept { file_.Attach(std::move(file)); }
+  bool IsReady() const noexcept { return reader_ && file_.IsOpen(); }
 
-STDMETHODIMP CWavExportFilter::Start() {
-  return ComCall([&] {
-    if (worker_.IsRunning() || !job_->IsReady()) return E_FAIL;
-    return worker_.Start(
-        [job = job_, bits = bits_per_sample_, is_float = is_float_] { job->Run(bits, is_float); });
-  });
-}
+  // Writes the whole file, closes it and releases the reader. Ends early when cancelled or out of
+  // memory, with a valid file that holds what came before.
+  void Run(std::int16_t bits, bool is_float) noexcept {
+    const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
+    // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
+    ComCall([&] { WriteSamples(format); });
+    LittleEndianBytes trailer;
+    WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });
+    file_.Finish(trailer.bytes());
+    reader_.Reset();
+  }
 
-STDMETHODIMP CWavExportFilter::Initialize(BSTR bstrFileName, IAudioReader* pReader) {
-  if (pReader == nullptr) return E_POINTER;
-  return ComCall([&] {
-    if (worker_.IsRunning()) return E_FAIL;
-    file_name_ = ToAnsi(bstrFileName);
-    job_->SetReader(pReader);
-    FileHandle file = CreateTargetFile(file_name_);
-    const HRESULT hr = file ? S_OK : LastErrorResult();
-    job_->SetTarget(std::move(file));
-    return hr;
-  });
-}
+  // Calls `use` with the annotations, from any thread. The worker takes them once the audio is
+  // written.
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] {
+      const std::lock_guard lock(annotations_mutex_);
+      return std::forward<Use>(use)(annotations_);
+    });
+  }
 
-STDMETHODIMP CWavExportFilter::ShowSettingsDlg(BSTR, ULONG nHwndParent) {
-  // The dialog serves other messages of this thread, and the last release may be among them.
-  const ComPtr<IUnknown> alive(OuterUnknown());
-  ComCall([&] {
-    CWavSettings settings(bits_per_sample_, is_float_);
-    if (settings.ShowModal(WindowOfNumber(nHwndParent)) == IDOK) {
-      bits_per_sample_ = settings.bits_per_sample();
-      is_float_ = settings.is_float();
+ private:
+  void WriteSamples(const WavFormat& format) {
+    file_.Begin(format, ManyChannels::kExtensible);
+
+    // Without channels there is nothing to read, whatever the length.
+    if (format.channels <= 0) position = std::max(position.load(), total.load());
+
+    WavSampleEncoder encoder(format);
+    SampleArray block;
+    while (!cancelled && position < total) {
+      // The difference is taken in 64 bits: in 32, a source of 2^31 frames or more would give
+      // negative or empty blocks and no end.
+      const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
+      SAFEARRAY* const silence = block.Prepare(static_cast<std::size_t>(frames) *
+                                               static_cast<std::size_t>(format.channels));
+      // Whatever a failing reader left in the block is written, so that the rest keeps its place.
+      reader_->ReadAudio(position, silence);
+      file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
+      position += frames;
     }
-  });
-  return S_OK;  // a dialog that could not be shown has changed nothing
-}
+  }
 
-STDMETHODIMP CWavExportFilter::SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum,
-                                           BSTR bstrYear, BSTR bstrGenre) {
-  return WithNotes([&](WavAnnotations& all) {
-    all.tags = {ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum), ToAnsi(bstrYear),
-                ToAnsi(bstrGenre)};
-  });
-}
+  WavFile file_;
+  ComPtr<IAudioReader> reader_;
+  std::mutex annotations_mutex_;
+  WavAnnotations annotations_;
+};
 
-STDMETHODIMP CWavExportFilter::SetAcidData(SHORT nRootNote, SHORT nMeterBeats,
-                                           SHORT nMeterDelimiter, LONG nBeatCount, FLOAT fTempo) {
-  return WithNotes([&](WavAnnotations& all) {
-    all.acid = {nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
-  });
-}
+// One object serves one export: Initialize, settings, Start, then poll until the task has ended, or
+// Cancel. Sample width is taken at Start; metadata, ACID data, labels and markers when the last
+// sample is written, so they may be set until then.
+//
+// Errors that the task meets while it runs are not reported: a full disk leaves a truncated file,
+// and what a reader fails to deliver is written as silence.
+class CWavExportFilter final
+    : public AnnotationSupport<
+          CWavExportFilter,
+          FilterTask<CWavExportFilter, WavExportJob, ICoreTask, IExportFilter, ILabelSupport,
+                     IMetaDataWriter, ISectionMarkerSupport, IAcidWriter>> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CWavExportFilter;
+  static constexpr SHORT kMerit = 200;
+  static constexpr UINT kNameText = IDS_SAVING;
+  static constexpr UINT kFilterTexts[] = {IDS_WAV_FILTER};
+  static constexpr char kPatterns[] = "*.wav";
+  static constexpr bool kAddsNotes = true;
+
+  CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
+
+  // ICoreTask. Start is E_FAIL while the task runs and where file or reader are missing; a Cancel
+  // before Start stays in force, and the file then has no samples.
+  STDMETHODIMP Start() override {
+    return ComCall([&] {
+      if (worker_.IsRunning() || !job_->IsReady()) return E_FAIL;
+      return worker_.Start([job = job_, bits = bits_per_sample_, is_float = is_float_] {
+        job->Run(bits, is_float);
+      });
+    });
+  }
+
+  // IExportFilter. Initialize is E_FAIL while the task runs. Where it cannot create the file, the
+  // object has none afterwards, also when an earlier call had made one.
+  STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
+    return ComCall(
+        [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
+  }
+  STDMETHODIMP Initialize(BSTR bstrFileName, IAudioReader* pReader) override {
+    if (pReader == nullptr) return E_POINTER;
+    return ComCall([&] {
+      if (worker_.IsRunning()) return E_FAIL;
+      file_name_ = ToAnsi(bstrFileName);
+      job_->SetReader(pReader);
+      FileHandle file = CreateTargetFile(file_name_);
+      const HRESULT hr = file ? S_OK : LastErrorResult();
+      job_->SetTarget(std::move(file));
+      return hr;
+    });
+  }
+  STDMETHODIMP SetBitsPerSample(SHORT nBitsPerSample) override {
+    bits_per_sample_ = nBitsPerSample;
+    return S_OK;
+  }
+  STDMETHODIMP QueryHasSettingsDlg(BSTR, VARIANT_BOOL* pbHasSettings) override {
+    return HandOut(pbHasSettings, true);
+  }
+  STDMETHODIMP ShowSettingsDlg(BSTR, ULONG nHwndParent) override {
+    // The dialog serves other messages of this thread, and the last release may be among them.
+    const ComPtr<IUnknown> alive(OuterUnknown());
+    ComCall([&] {
+      CWavSettings settings(bits_per_sample_, is_float_);
+      if (settings.ShowModal(WindowOfNumber(nHwndParent)) == IDOK) {
+        bits_per_sample_ = settings.bits_per_sample();
+        is_float_ = settings.is_float();
+      }
+    });
+    return S_OK;  // a dialog that could not be shown has changed nothing
+  }
+  STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, false); }
+
+  // IMetaDataWriter
+  STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
+                           BSTR bstrGenre) override {
+    return WithNotes([&](WavAnnotations& all) {
+      all.tags = {ToAnsi(bstrTitle), ToAnsi(bstrArtist), ToAnsi(bstrAlbum), ToAnsi(bstrYear),
+                  ToAnsi(bstrGenre)};
+    });
+  }
+
+  // IAcidWriter
+  STDMETHODIMP SetAcidData(SHORT nRootNote, SHORT nMeterBeats, SHORT nMeterDelimiter,
+                           LONG nBeatCount, FLOAT fTempo) override {
+    return WithNotes([&](WavAnnotations& all) {
+      all.acid = {nRootNote, nMeterBeats, nMeterDelimiter, nBeatCount, fTempo};
+    });
+  }
+
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return job_->WithNotes(std::forward<Use>(use));
+  }
+
+ private:
+  SHORT bits_per_sample_ = 16;
+  bool is_float_ = false;  // the settings dialog alone changes it
+};
 
 MARLINDA_DEFINE_CLASS(CWavExportFilter)
 

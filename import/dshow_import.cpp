@@ -1,18 +1,78 @@
-#include "import/dshow_import.h"
-
+// CDShowImport: imports WAV, AIFF, AU and MP3 files, and Windows Media, AVI and MPEG files with the
+// DirectShow filters of the system, as a task, into an audio writer.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "core/annotation_support.h"
+#include "core/handle.h"
+#include "core/resource.h"
 #include "core/sample_array.h"
+#include "import/byte_source.h"
 #include "import/dshow_stream.h"
+#include "import/import_task.h"
+#include "import/mpeg_stream.h"
 #include "import/sound_examiner.h"
+#include "import/sound_file_info.h"
 
 namespace marlinda {
+
+// A file on disk, open for reading. Others may read and write it meanwhile.
+class FileSource final : public ByteSource {
+ public:
+  // False when the file cannot be opened or the name is that of a device; to be called once.
+  bool Open(const std::wstring& name) noexcept {
+    // Another program may have it open for writing.
+    file_.Reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    LARGE_INTEGER size = {};
+    if (!file_ || GetFileType(file_.get()) != FILE_TYPE_DISK ||
+        !GetFileSizeEx(file_.get(), &size)) {
+      return false;
+    }
+    size_ = static_cast<std::uint64_t>(size.QuadPart);
+    return true;
+  }
+
+  std::uint64_t size() const override { return size_; }
+  std::size_t Read(std::uint64_t offset, std::span<std::byte> out) override {
+    constexpr std::size_t kMaxRead = std::size_t{1} << 30;
+    std::size_t done = 0;
+    while (done < out.size()) {
+      OVERLAPPED at = {};
+      at.Offset = static_cast<DWORD>(offset + done);
+      at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
+      DWORD count = 0;
+      const auto wanted = static_cast<DWORD>(std::min(out.size() - done, kMaxRead));
+      if (!ReadFile(file_.get(), out.data() + done, wanted, &count, &at) || count == 0) break;
+      done += count;
+    }
+    return done;
+  }
+
+ private:
+  FileHandle file_;
+  std::uint64_t size_ = 0;
+};
+
+// A file that can be imported.
+struct DShowSource {
+  std::wstring file_name;
+  FileSource file;
+  SoundFileInfo info;
+  std::unique_ptr<MpegStream> mpeg;  // of MPEG audio; reads `file`
+  PcmFormat format;                  // of the decoded samples
+  std::int64_t total = 0;
+  std::int64_t first = 0;  // of the frames that are wanted
+};
+
+using DShowImportJob = ImportJob<DShowSource>;
+
 namespace {
 
 // S_FALSE when the file cannot be opened, E_FAIL when it cannot be imported.
@@ -130,65 +190,117 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 
 }  // namespace
 
-void CDShowImport::WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target) {
-  if (source.info.pcm) {
-    WriteSamplesOf(source.file, *source.info.pcm, source.first, job, target);
-  } else if (source.mpeg) {
-    WriteSamplesOf(*source.mpeg, job, target);
-  } else {
-    WriteDecoded(source.file_name, job, target);
+// One Initialize serves one run, as with the other import filters.
+//
+// WAV, AIFF, AU and MPEG audio files are read without the system's filters, except WAV files with a
+// rare compression. These, Windows Media, AVI and MPEG program streams go through a filter graph.
+// Files of all other kinds are refused.
+//
+// Metadata, labels, section markers and loop data are those of the file named last, by Initialize
+// or by SetFilename. They can be read, not edited.
+class CDShowImport final
+    : public AnnotationSupport<
+          CDShowImport,
+          ImportTask<CDShowImport, DShowImportJob, IImportFilter, IExFormatInfo, ICoreTask,
+                     ILabelSupport, IMetaDataReader, ISectionMarkerSupport, IAcidReader>> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CDShowImport;
+
+  // Below the Ogg Vorbis import, which may read the same files.
+  static constexpr SHORT kMerit = 100;
+  static constexpr UINT kNameText = IDS_LOADING;
+  static constexpr UINT kFilterTexts[] = {IDS_DSHOW_FILTER};
+  static constexpr char kPatterns[] =
+      "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv";
+  static constexpr bool kReadsNotes = true;
+
+  // IImportFilter. A file that cannot be opened is S_FALSE; E_FAIL is one that nothing can decode,
+  // that has no sound or whose header contradicts itself.
+  STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override {
+    return ComCall([&] {
+      DShowSource source;
+      return OpenSource(bstrFileName, source);
+    });
   }
-}
+  // E_FAIL where QueryCanLoad is not S_OK, and while a run is active; the object then stays as it
+  // was.
+  STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
+    if (worker_.IsRunning()) return E_FAIL;
+    return ComCall([&] {
+      std::string file_name = ToAnsi(bstrFileName);
+      const auto source = std::make_shared<DShowSource>();
+      if (OpenSource(bstrFileName, *source) != S_OK) return E_FAIL;
+      if (source->mpeg) source->total = source->mpeg->CountFrames();
+      const auto job = std::make_shared<DShowImportJob>();
+      job->format = source->format;
+      job->average_bytes_per_sec = AverageBytesPerSec(*source);
+      job->total = source->total;
+      job->source = source;
+      job->writer = pWriter;
+      SetInfo(source->info);
+      file_name_ = std::move(file_name);
+      job_ = job;
+      return S_OK;
+    });
+  }
 
-STDMETHODIMP CDShowImport::QueryCanLoad(BSTR bstrFileName) {
-  return ComCall([&] {
-    DShowSource source;
-    return OpenSource(bstrFileName, source);
-  });
-}
+  // IMetaDataReader
+  // E_FAIL where QueryCanLoad is not S_OK; everything then stays as it was.
+  STDMETHODIMP SetFilename(BSTR bstrFileName) override {
+    return ComCall([&] {
+      DShowSource source;
+      if (OpenSource(bstrFileName, source) != S_OK) return E_FAIL;
+      SetInfo(std::move(source.info));
+      return S_OK;
+    });
+  }
 
-STDMETHODIMP CDShowImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
-  if (worker_.IsRunning()) return E_FAIL;
-  return ComCall([&] {
-    std::string file_name = ToAnsi(bstrFileName);
-    const auto source = std::make_shared<DShowSource>();
-    if (OpenSource(bstrFileName, *source) != S_OK) return E_FAIL;
-    if (source->mpeg) source->total = source->mpeg->CountFrames();
-    const auto job = std::make_shared<DShowImportJob>();
-    job->format = source->format;
-    job->average_bytes_per_sec = AverageBytesPerSec(*source);
-    job->total = source->total;
-    job->source = source;
-    job->writer = pWriter;
-    SetInfo(source->info);
-    file_name_ = std::move(file_name);
-    job_ = job;
-    return S_OK;
-  });
-}
+  // IAcidReader
+  STDMETHODIMP QueryAcidDataAvailable(VARIANT_BOOL* pbDataAvailable) override {
+    return HandOut(pbDataAvailable, info_.acid.has_value());
+  }
+  // E_FAIL when there is none.
+  STDMETHODIMP GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats, SHORT* pnMeterDelimiter,
+                           LONG* pnBeatCount, float* pfTempo) override {
+    const AcidData acid = info_.acid.value_or(AcidData());
+    const HRESULT hr = SetOut(pnRootNote, static_cast<SHORT>(acid.root_note), pnMeterBeats,
+                              acid.meter_beats, pnMeterDelimiter, acid.meter_delimiter, pnBeatCount,
+                              acid.beat_count, pfTempo, acid.tempo);
+    return SUCCEEDED(hr) && !info_.acid ? E_FAIL : hr;
+  }
 
-STDMETHODIMP CDShowImport::SetFilename(BSTR bstrFileName) {
-  return ComCall([&] {
-    DShowSource source;
-    if (OpenSource(bstrFileName, source) != S_OK) return E_FAIL;
-    SetInfo(std::move(source.info));
-    return S_OK;
-  });
-}
+  // AnnotationSupport
+  template <class Use>
+  HRESULT WithNotes(Use&& use) {
+    return ComCall([&] { return std::forward<Use>(use)(info_); });
+  }
 
-STDMETHODIMP CDShowImport::GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats,
-                                       SHORT* pnMeterDelimiter, LONG* pnBeatCount, float* pfTempo) {
-  const AcidData acid = info_.acid.value_or(AcidData());
-  const HRESULT hr = SetOut(pnRootNote, static_cast<SHORT>(acid.root_note), pnMeterBeats,
-                            acid.meter_beats, pnMeterDelimiter, acid.meter_delimiter, pnBeatCount,
-                            acid.beat_count, pfTempo, acid.tempo);
-  return SUCCEEDED(hr) && !info_.acid ? E_FAIL : hr;
-}
+  static void WriteBlocks(DShowImportJob& job, DShowSource& source, IAudioWriter* target) {
+    if (source.info.pcm) {
+      WriteSamplesOf(source.file, *source.info.pcm, source.first, job, target);
+    } else if (source.mpeg) {
+      WriteSamplesOf(*source.mpeg, job, target);
+    } else {
+      WriteDecoded(source.file_name, job, target);
+    }
+  }
+  // MPEG audio depends on all frames before, and the length that a filter reports is an estimate.
+  static __int64 SectionFrames(const DShowImportJob& job) {
+    return job.source->info.pcm ? job.source->total : 0;
+  }
+  static bool Select(DShowImportJob& job, __int64 first, __int64) {
+    job.source->first = first;
+    return true;
+  }
 
-void CDShowImport::SetInfo(SoundFileInfo info) {
-  info_ = std::move(info);
-  tags_ = info_.tags;
-}
+ private:
+  void SetInfo(SoundFileInfo info) {
+    info_ = std::move(info);
+    tags_ = info_.tags;
+  }
+
+  SoundFileInfo info_;
+};
 
 MARLINDA_DEFINE_CLASS(CDShowImport)
 

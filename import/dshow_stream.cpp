@@ -1,17 +1,166 @@
 #include "import/dshow_stream.h"
 
-#include <dshow.h>
-
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "core/apartment.h"
 #include "core/com_ptr.h"
 #include "core/handle.h"
-#include "import/audio_sink.h"
+#include "dshow/graph_filter.h"
 
 namespace marlinda {
+
+// The last filter of a graph: takes uncompressed audio of any format through one input pin and
+// hands it to the thread that decodes the file.
+//
+// The graph's own threads deliver into the pin, one other thread takes blocks out. A delivery waits
+// until its block has been taken, so the graph decodes no faster than it is read, and never by the
+// clock.
+class AudioSink final : public GraphFilter {
+ public:
+  static ComPtr<AudioSink> Make() { return new AudioSink; }
+
+  IPin* pin() noexcept { return pins().front().get(); }
+
+  // The format of the latest connection.
+  std::optional<PcmFormat> format() const {
+    const std::lock_guard lock(mutex_);
+    return format_;
+  }
+
+  enum class Outcome { kBlock, kEnded, kNothingYet };
+  // Waits at most `milliseconds` for the next block of whole frames and puts it into `block`.
+  AudioSink::Outcome Take(std::vector<std::byte>& block, DWORD milliseconds) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                      [&] { return has_block_ || ended_; });
+    if (has_block_) {
+      block.swap(block_);
+      has_block_ = false;
+      changed_.notify_all();
+      return Outcome::kBlock;
+    }
+    return ended_ ? Outcome::kEnded : Outcome::kNothingYet;
+  }
+
+  // From now on deliveries are refused and none waits, so that the graph can be stopped.
+  void Abandon() {
+    const std::lock_guard lock(mutex_);
+    abandoned_ = true;
+    changed_.notify_all();
+  }
+
+  // Ends the wait of a delivery, too.
+  STDMETHODIMP Stop() override {
+    const HRESULT hr = GraphFilter::Stop();
+    // Under the lock, so that no delivery looks before it and waits after it.
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+    return hr;
+  }
+
+ private:
+  // Takes every uncompressed format, one for as long as it is connected.
+  class Pin final : public InputPin {
+   public:
+    Pin(GraphFilter& filter, AudioSink& sink)
+        : InputPin(filter, {.accepts = {},
+                            .receive = [&](auto bytes) { return sink.Deliver(bytes); },
+                            .end = [&] { return sink.End(); }}),
+          sink_(sink) {}
+
+    STDMETHODIMP ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override {
+      const HRESULT hr = InputPin::ReceiveConnection(connector, type);
+      if (SUCCEEDED(hr)) sink_.SetFormat(ParseWaveFormat(this->type().bytes()));
+      return hr;
+    }
+    STDMETHODIMP BeginFlush() override {
+      sink_.SetFlushing(true);
+      return S_OK;
+    }
+    STDMETHODIMP EndFlush() override {
+      sink_.SetFlushing(false);
+      return S_OK;
+    }
+
+   private:
+    bool Accepts(const AudioType& type) const override {
+      return ParseWaveFormat(type.bytes()).has_value();
+    }
+
+    STDMETHODIMP GetAllocator(IMemAllocator**) override { return VFW_E_NO_ALLOCATOR; }
+    STDMETHODIMP ReceiveCanBlock() override { return S_OK; }
+    STDMETHODIMP Receive(IMediaSample* sample) override {
+      if (sample == nullptr) return E_POINTER;
+      return ComCall([&] {
+        AM_MEDIA_TYPE* announced = nullptr;
+        if (sample->GetMediaType(&announced) == S_OK && announced != nullptr) {
+          const MediaType owner(announced);
+          // The format was announced and stays true of all that is delivered: another one is the
+          // end.
+          if (ParseWaveFormat(AudioType(*announced).bytes()) != sink_.format()) {
+            sink_.End();
+            return S_FALSE;
+          }
+        }
+        return InputPin::Receive(sample);
+      });
+    }
+
+    AudioSink& sink_;
+  };
+
+  AudioSink() { AddPin<Pin>(*this); }
+  ~AudioSink() override = default;
+
+  HRESULT Deliver(std::span<const std::byte> bytes) {
+    std::unique_lock lock(mutex_);
+    const auto refused = [&] {
+      return abandoned_ || flushing_ || ended_ || state() == State_Stopped || !format_;
+    };
+    changed_.wait(lock, [&] { return !has_block_ || refused(); });
+    if (refused()) return S_FALSE;
+    const std::size_t whole = bytes.size() - bytes.size() % format_->FrameBytes();
+    if (whole == 0) return S_OK;
+    block_.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(whole));
+    has_block_ = true;
+    changed_.notify_all();
+    return S_OK;
+  }
+  HRESULT End() {
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+    return S_OK;
+  }
+  void SetFormat(const std::optional<PcmFormat>& format) {
+    const std::lock_guard lock(mutex_);
+    format_ = format;
+  }
+  void SetFlushing(bool flushing) {
+    const std::lock_guard lock(mutex_);
+    flushing_ = flushing;
+    if (flushing) has_block_ = false;
+    changed_.notify_all();
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  // All below is guarded by the mutex.
+  std::optional<PcmFormat> format_;
+  std::vector<std::byte> block_;  // delivered and not yet taken
+  bool has_block_ = false;
+  bool flushing_ = false;
+  bool ended_ = false;
+  bool abandoned_ = false;
+};
+
 namespace {
 
 constexpr DWORD kPatienceMilliseconds = 15000;

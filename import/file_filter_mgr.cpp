@@ -1,8 +1,11 @@
-#include "import/file_filter_mgr.h"
+// CFileFilterMgr: chooses the import filter for a file and describes all of them to an "open"
+// dialog.
+#include <marlinda.h>
 
 #include <string>
 #include <vector>
 
+#include "core/com_object.h"
 #include "core/com_ptr.h"
 #include "core/registry.h"
 #include "core/resource.h"
@@ -42,49 +45,58 @@ SHORT MeritOf(IImportFilter* filter) {
 
 }  // namespace
 
-STDMETHODIMP CFileFilterMgr::CreateImportFilter(BSTR bstrPathName, IImportFilter** ppImportFilter) {
-  if (ppImportFilter == nullptr) return E_POINTER;
-  *ppImportFilter = nullptr;
-  return ComCall([&] {
-    ComPtr<IImportFilter> best;
-    SHORT best_merit = kNoMerit;
-    for (const std::string& class_id : ListedClasses()) {
-      ComPtr<IImportFilter> filter = CreateFilter(class_id);
-      if (filter == nullptr) continue;
-      // Only S_OK accepts the file; S_FALSE refuses it. The merit is asked either way. Among equals
-      // the first in the list wins.
-      const bool accepts = filter->QueryCanLoad(bstrPathName) == S_OK;
-      const SHORT merit = MeritOf(filter.Get());
-      if (!accepts || merit <= best_merit) continue;
-      best = filter;
-      best_merit = merit;
-    }
-    *ppImportFilter = best.Detach();
-  });
-}
+// Which filters exist is listed in the registry alone, so that filters of other modules take part;
+// the filters of this module count only when they are listed too. Every call reads the list afresh.
+// An entry that is no class identifier or whose class cannot be created is passed over.
+class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CFileFilterMgr;
 
-STDMETHODIMP CFileFilterMgr::GetImportFilterString(BSTR* pbstrFilterString) {
-  if (pbstrFilterString == nullptr) return E_POINTER;
-  *pbstrFilterString = nullptr;
-  return ComCall([&] {
-    std::string fragments;
-    std::string patterns;
-    for (const std::string& class_id : ListedClasses()) {
-      const ComPtr<IImportFilter> filter = CreateFilter(class_id);
-      if (filter == nullptr) continue;
-      OwnedBstr fragment;
-      OwnedBstr extensions;
-      filter->GetFilterStrings(fragment.Receive(), extensions.Receive());
-      fragments += ToAnsi(fragment.get());
-      const std::string added = ToAnsi(extensions.get());
-      if (!patterns.empty() && !added.empty()) patterns += ';';
-      patterns += added;
-    }
-    const CMarlindaModule& module = TheModule();
-    *pbstrFilterString = ToBstr(Format(module.LoadText(IDS_ALL_KNOWN_FILES), patterns) + fragments +
-                                module.LoadText(IDS_ALL_FILES));
-  });
-}
+  // IFileFilterMgr
+  // Also S_OK, with a null filter, when no listed filter accepts the file.
+  STDMETHODIMP CreateImportFilter(BSTR bstrPathName, IImportFilter** ppImportFilter) override {
+    if (ppImportFilter == nullptr) return E_POINTER;
+    *ppImportFilter = nullptr;
+    return ComCall([&] {
+      ComPtr<IImportFilter> best;
+      SHORT best_merit = kNoMerit;
+      for (const std::string& class_id : ListedClasses()) {
+        ComPtr<IImportFilter> filter = CreateFilter(class_id);
+        if (filter == nullptr) continue;
+        // Only S_OK accepts the file; S_FALSE refuses it. The merit is asked either way. Among
+        // equals the first in the list wins.
+        const bool accepts = filter->QueryCanLoad(bstrPathName) == S_OK;
+        const SHORT merit = MeritOf(filter.Get());
+        if (!accepts || merit <= best_merit) continue;
+        best = filter;
+        best_merit = merit;
+      }
+      *ppImportFilter = best.Detach();
+    });
+  }
+  STDMETHODIMP GetImportFilterString(BSTR* pbstrFilterString) override {
+    if (pbstrFilterString == nullptr) return E_POINTER;
+    *pbstrFilterString = nullptr;
+    return ComCall([&] {
+      std::string fragments;
+      std::string patterns;
+      for (const std::string& class_id : ListedClasses()) {
+        const ComPtr<IImportFilter> filter = CreateFilter(class_id);
+        if (filter == nullptr) continue;
+        OwnedBstr fragment;
+        OwnedBstr extensions;
+        filter->GetFilterStrings(fragment.Receive(), extensions.Receive());
+        fragments += ToAnsi(fragment.get());
+        const std::string added = ToAnsi(extensions.get());
+        if (!patterns.empty() && !added.empty()) patterns += ';';
+        patterns += added;
+      }
+      const CMarlindaModule& module = TheModule();
+      *pbstrFilterString = ToBstr(Format(module.LoadText(IDS_ALL_KNOWN_FILES), patterns) +
+                                  fragments + module.LoadText(IDS_ALL_FILES));
+    });
+  }
+};
 
 MARLINDA_DEFINE_CLASS(CFileFilterMgr)
 

@@ -1,11 +1,13 @@
-#include "import/ogg_import.h"
-
+// COggImport: imports an Ogg Vorbis file, as a task, into an audio writer.
 #include <array>
 #include <cstdint>
 #include <utility>
 
+#include "core/resource.h"
 #include "core/sample_array.h"
 #include "core/samples/sample_converter.h"
+#include "import/import_task.h"
+#include "import/vorbis_stream.h"
 
 namespace marlinda {
 namespace {
@@ -32,56 +34,94 @@ Tags ReadTags(const VorbisStream& stream) {
 
 }  // namespace
 
-void COggImport::WriteBlocks(OggImportJob& job, VorbisStream& source, IAudioWriter* target) {
-  std::array<std::int16_t, kImportBlockSamples> codes;
-  SampleArray block(kImportBlockSamples);
-  do {
-    const std::size_t samples = source.Read(codes);
-    if (samples == 0) return;
-    block.Resize(samples);
-    ConvertPcmToFloat(std::as_bytes(std::span(codes)), block.samples(), kBitsPerSample);
-    target->WriteAudio(block.get());
-    job.position += static_cast<__int64>(samples) / job.format.channels;
-  } while (!job.cancelled && job.position < job.total);
-}
+struct OggImportJob : ImportJob<VorbisStream> {
+  __int64 readable = 0;  // frames before the first change of format
+};
 
-STDMETHODIMP COggImport::QueryCanLoad(BSTR bstrFileName) {
-  return ComCall([&] {
-    FilePointer file = OpenForReading(ToAnsi(bstrFileName));
-    if (file == nullptr) return S_FALSE;
-    return VorbisStream::Open(std::move(file)) != nullptr ? S_OK : E_FAIL;
-  });
-}
+// One Initialize serves one run: it opens the file, Start decodes it to its end and closes it. A
+// new Initialize readies the same object for another file.
+//
+// Progress stays below 1 when a damaged file, a change of format or a lack of memory ends the run.
+class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilter, IExFormatInfo,
+                                           ICoreTask, IMetaDataReader> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_COggImport;
+  // Above the DirectShow import, which may read the same files.
+  static constexpr SHORT kMerit = 200;
+  static constexpr UINT kNameText = IDS_LOADING;
+  static constexpr UINT kFilterTexts[] = {IDS_OGG_FILTER};
+  static constexpr char kPatterns[] = "*.ogg";
 
-STDMETHODIMP COggImport::Initialize(BSTR bstrFileName, IAudioWriter* pWriter) {
-  if (worker_.IsRunning()) return E_FAIL;
-  return ComCall([&] {
-    job_ = std::make_shared<OggImportJob>();
-    job_->writer = pWriter;
-    file_name_ = ToAnsi(bstrFileName);
-    std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
-    if (stream == nullptr) return E_FAIL;
-    Tags tags = ReadTags(*stream);
-    // Takes the decoder's memory now.
-    stream->Prepare();
-    tags_ = std::move(tags);
-    job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};
-    job_->average_bytes_per_sec = stream->average_bytes_per_sec();
-    job_->total = stream->total_frames();
-    job_->readable = stream->readable_frames();
-    job_->source = std::move(stream);
-    return S_OK;
-  });
-}
+  // IImportFilter
+  STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override {
+    return ComCall([&] {
+      FilePointer file = OpenForReading(ToAnsi(bstrFileName));
+      if (file == nullptr) return S_FALSE;
+      return VorbisStream::Open(std::move(file)) != nullptr ? S_OK : E_FAIL;
+    });
+  }
+  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file, E_OUTOFMEMORY when its decoder
+  // takes too much memory; writer and name stay set then, but there is nothing to start. E_FAIL,
+  // and no change, while a run is active.
+  STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
+    if (worker_.IsRunning()) return E_FAIL;
+    return ComCall([&] {
+      job_ = std::make_shared<OggImportJob>();
+      job_->writer = pWriter;
+      file_name_ = ToAnsi(bstrFileName);
+      std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
+      if (stream == nullptr) return E_FAIL;
+      Tags tags = ReadTags(*stream);
+      // Takes the decoder's memory now.
+      stream->Prepare();
+      tags_ = std::move(tags);
+      job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};
+      job_->average_bytes_per_sec = stream->average_bytes_per_sec();
+      job_->total = stream->total_frames();
+      job_->readable = stream->readable_frames();
+      job_->source = std::move(stream);
+      return S_OK;
+    });
+  }
+  // Of a chain that changes its format, the frames before the change. The progress counts the whole
+  // chain and so shows that a part is left out.
+  STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
+    return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
+  }
 
-STDMETHODIMP COggImport::SetFilename(BSTR bstrFileName) {
-  return ComCall([&] {
-    const auto stream = VorbisStream::Open(OpenForReading(ToAnsi(bstrFileName)));
-    if (stream == nullptr) return E_FAIL;
-    tags_ = ReadTags(*stream);
-    return S_OK;
-  });
-}
+  // IMetaDataReader
+  // Reads the metadata of a file that is not to be imported. E_FAIL when it cannot be opened or is
+  // no Ogg Vorbis file; the metadata then stays as it was.
+  STDMETHODIMP SetFilename(BSTR bstrFileName) override {
+    return ComCall([&] {
+      const auto stream = VorbisStream::Open(OpenForReading(ToAnsi(bstrFileName)));
+      if (stream == nullptr) return E_FAIL;
+      tags_ = ReadTags(*stream);
+      return S_OK;
+    });
+  }
+
+  static void WriteBlocks(OggImportJob& job, VorbisStream& source, IAudioWriter* target) {
+    std::array<std::int16_t, kImportBlockSamples> codes;
+    SampleArray block(kImportBlockSamples);
+    do {
+      const std::size_t samples = source.Read(codes);
+      if (samples == 0) return;
+      block.Resize(samples);
+      ConvertPcmToFloat(std::as_bytes(std::span(codes)), block.samples(), kBitsPerSample);
+      target->WriteAudio(block.get());
+      job.position += static_cast<__int64>(samples) / job.format.channels;
+    } while (!job.cancelled && job.position < job.total);
+  }
+  // A chain that changes its format is imported whole, so that the part left out shows.
+  static __int64 SectionFrames(const OggImportJob& job) {
+    return job.source->total_frames() == job.readable ? job.readable : 0;
+  }
+  static bool Select(OggImportJob& job, __int64 first, __int64 count) {
+    job.readable = count;
+    return job.source->Select(first, count);
+  }
+};
 
 MARLINDA_DEFINE_CLASS(COggImport)
 

@@ -1,13 +1,24 @@
-#include "pool/audio_pool.h"
+// CAudioPool: the store for imported and recorded audio. Samples and peaks go to two temporary
+// files; each non-empty run from OpenDevice to CloseDevice is a take, to be read by a reader.
+#include <marlinda.h>
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <span>
 #include <string>
+#include <vector>
 
+#include "core/com_object.h"
 #include "core/com_ptr.h"
 #include "core/registry.h"
 #include "core/sample_array.h"
+#include "pool/dither.h"
 #include "pool/peak_builder.h"
+#include "pool/peak_file.h"
+#include "pool/pool_file.h"
+#include "pool/stored_samples.h"
 
 namespace marlinda {
 namespace {
@@ -25,119 +36,180 @@ std::string TemporaryDirectory() {
 
 }  // namespace
 
-CAudioPool::CAudioPool() {
-  const std::string directory = TemporaryDirectory();
-  audio_file_.Create(directory, "audio");
-  peak_file_.Create(directory, "peak");
-}
+// One thread at a time writes. Meanwhile readers may read what has been written, each on one thread
+// at a time. QueryIsReady, Lock and Unlock may be called from any thread.
+//
+// A file that cannot be made is missing: its handle is 0, reads and writes of it fail, WriteAudio
+// with the error of the creation. Everything else works as with files.
+class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioPool;
 
-STDMETHODIMP CAudioPool::GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) {
-  return SetOut(pnHandleAudio, reinterpret_cast<INT_PTR>(audio_file_.handle()), pnHandlePeak,
-                reinterpret_cast<INT_PTR>(peak_file_.handle()));
-}
+  CAudioPool() {
+    const std::string directory = TemporaryDirectory();
+    audio_file_.Create(directory, "audio");
+    peak_file_.Create(directory, "peak");
+  }
 
-STDMETHODIMP CAudioPool::CreateLastReader(IAudioReader** ppAudioReader) {
-  if (ppAudioReader == nullptr) return E_POINTER;
-  cursor_ = takes_.size();
-  return CreatePrevReader(ppAudioReader);
-}
-
-STDMETHODIMP CAudioPool::CreatePrevReader(IAudioReader** ppAudioReader) {
-  if (ppAudioReader == nullptr) return E_POINTER;
-  return ComCall([&]() -> HRESULT {
-    if (cursor_ == 0) return S_FALSE;
-    const Take take = takes_[cursor_ - 1];
-    ComPtr<IAudioPoolReader> created;
-    Check(CreateInstance(CLSID_CAudioPoolReader, created));
-    Check(created->Create(this, take.audio_begin, take.peak_begin,
-                          take.audio_end - take.audio_begin, bits_per_sample_));
-    const auto answer = TryQuery<IAudioReader>(created.Get());
-    if (!answer) return E_NOINTERFACE;
-    --cursor_;
-    return answer.CopyTo(ppAudioReader);
-  });
-}
-
-STDMETHODIMP CAudioPool::SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) {
-  bits_per_sample_ = nBitsPerSample;
-  dithering_mode_ = nDitheringMode;
-  dither_.SetUp(dithering_mode_, channels_, bits_per_sample_);
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPool::WriteAudio(SAFEARRAY* psaAudioData) {
-  return ComCall([&] {
-    SampleArrayView view;
-    Check(view.Lock(psaAudioData));
-    const std::span<float> samples = view.samples();
-    Check(CheckBlock(samples.size()));
-    if (Dithers()) dither_.Process(samples, std::rand);
-    const std::span<const std::byte> audio = stored_samples_.Encode(samples, bits_per_sample_);
-    BuildPeaks(samples, channels_, peaks_);
-    const HRESULT hr = audio_file_.Write(audio_position_, audio);
-    peak_file_.Write(peak_position_, std::as_bytes(std::span(peaks_)));
-    Advance(audio.size());
-    stored_samples_.Trim();
-    return hr;
-  });
-}
-
-HRESULT CAudioPool::CheckBlock(std::size_t samples) const noexcept {
-  if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
-  // Without a frame there is no peak.
-  if (samples < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
-  if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-  return S_OK;
-}
-
-// 32-bit samples are stored as received.
-bool CAudioPool::Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-
-// The peak position follows from the audio position: the next block overwrites the record of an
-// incomplete group. So the peaks of a take stay in step with its frames only while every block but
-// the last is a multiple of 256 frames. The record of the incomplete group shows the tail of a
-// take.
-void CAudioPool::Advance(std::size_t audio_bytes) noexcept {
-  audio_position_ += static_cast<std::int64_t>(audio_bytes);
-  const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
-  const std::int64_t groups = (audio_position_ - take_audio_begin_) / group_bytes;
-  const std::int64_t position = take_peak_begin_ + groups * PeakBytes(channels_);
-  if (position < peak_position_) ++peak_rewinds_;
-  peak_position_ = position;
-}
-
-STDMETHODIMP CAudioPool::OpenDevice() {
-  ++open_count_;
-  take_audio_begin_ = audio_position_;
-  take_peak_begin_ = peak_position_;
-  return S_OK;
-}
-
-STDMETHODIMP CAudioPool::CloseDevice() {
-  // The count falls last: a client that finds the pool ready also finds the take.
-  const HRESULT hr = ComCall([&] {
-    if (audio_position_ <= take_audio_begin_) return S_FALSE;
-    takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
+  // IAudioPool
+  STDMETHODIMP Lock() override {
+    ++open_count_;
     return S_OK;
-  });
-  --open_count_;
-  return hr;
-}
+  }
+  STDMETHODIMP Unlock() override {
+    --open_count_;
+    return S_OK;
+  }
+  STDMETHODIMP GetFileHandles(__int64* pnHandleAudio, __int64* pnHandlePeak) override {
+    return SetOut(pnHandleAudio, reinterpret_cast<INT_PTR>(audio_file_.handle()), pnHandlePeak,
+                  reinterpret_cast<INT_PTR>(peak_file_.handle()));
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
+  }
+  // Without a take the out-pointer stays untouched. A reader gets the pool's present bit depth, so
+  // a change of it makes earlier takes unreadable: the pool does not record the depth of a take. If
+  // a reader cannot be created, its HRESULT is returned and the cursor stays where it is.
+  STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
+    if (ppAudioReader == nullptr) return E_POINTER;
+    cursor_ = takes_.size();
+    return CreatePrevReader(ppAudioReader);
+  }
+  STDMETHODIMP CreatePrevReader(IAudioReader** ppAudioReader) override {
+    if (ppAudioReader == nullptr) return E_POINTER;
+    return ComCall([&]() -> HRESULT {
+      if (cursor_ == 0) return S_FALSE;
+      const Take take = takes_[cursor_ - 1];
+      ComPtr<IAudioPoolReader> created;
+      Check(CreateInstance(CLSID_CAudioPoolReader, created));
+      Check(created->Create(this, take.audio_begin, take.peak_begin,
+                            take.audio_end - take.audio_begin, bits_per_sample_));
+      const auto answer = TryQuery<IAudioReader>(created.Get());
+      if (!answer) return E_NOINTERFACE;
+      --cursor_;
+      return answer.CopyTo(ppAudioReader);
+    });
+  }
+  // Accepts any values. Audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in the
+  // file whatever its code takes, so only 8, 16, 24 and 32 to 39 bits can be read back.
+  STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override {
+    bits_per_sample_ = nBitsPerSample;
+    dithering_mode_ = nDitheringMode;
+    dither_.SetUp(dithering_mode_, channels_, bits_per_sample_);
+    return S_OK;
+  }
 
-STDMETHODIMP CAudioPool::SetFormat(LONG nSamplesPerSec, SHORT nChannels) {
-  samples_per_sec_ = nSamplesPerSec;
-  channels_ = nChannels;
-  dither_.SetUp(dithering_mode_, channels_, bits_per_sample_);
-  return S_OK;
-}
+  // IAudioWriter
+  // Dithering changes the caller's samples. A block that ends within a frame is stored in full, and
+  // its peaks cover the whole frames. Three blocks are refused, with nothing written and the block
+  // unchanged: before SetFormat has set a channel, shorter than a frame or outside 8 to 40 bits
+  // (E_INVALIDARG), and dithering of more than 8 channels (ERROR_NOT_SUPPORTED). A failed write
+  // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
+    return ComCall([&] {
+      SampleArrayView view;
+      Check(view.Lock(psaAudioData));
+      const std::span<float> samples = view.samples();
+      Check(CheckBlock(samples.size()));
+      if (Dithers()) dither_.Process(samples, std::rand);
+      const std::span<const std::byte> audio = stored_samples_.Encode(samples, bits_per_sample_);
+      BuildPeaks(samples, channels_, peaks_);
+      const HRESULT hr = audio_file_.Write(audio_position_, audio);
+      peak_file_.Write(peak_position_, std::as_bytes(std::span(peaks_)));
+      Advance(audio.size());
+      stored_samples_.Trim();
+      return hr;
+    });
+  }
+  STDMETHODIMP OpenDevice() override {
+    ++open_count_;
+    take_audio_begin_ = audio_position_;
+    take_peak_begin_ = peak_position_;
+    return S_OK;
+  }
+  STDMETHODIMP CloseDevice() override {
+    // The count falls last: a client that finds the pool ready also finds the take.
+    const HRESULT hr = ComCall([&] {
+      if (audio_position_ <= take_audio_begin_) return S_FALSE;
+      takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
+      return S_OK;
+    });
+    --open_count_;
+    return hr;
+  }
+  // Accepts any values.
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
+    samples_per_sec_ = nSamplesPerSec;
+    channels_ = nChannels;
+    dither_.SetUp(dithering_mode_, channels_, bits_per_sample_);
+    return S_OK;
+  }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    return SetOut(pbReady, open_count_ == 0 ? 1 : 0);
+  }
 
-// The next peaks are written at the peak position, so those before it have settled.
-STDMETHODIMP CAudioPool::GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) {
-  if (file != peak_file_.handle()) return E_INVALIDARG;
-  *end = peak_position_;
-  *rewinds = peak_rewinds_;
-  return S_OK;
-}
+  // IPeakFile
+  // The next peaks are written at the peak position, so those before it have settled.
+  STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override {
+    if (file != peak_file_.handle()) return E_INVALIDARG;
+    *end = peak_position_;
+    *rewinds = peak_rewinds_;
+    return S_OK;
+  }
+
+ private:
+  // One run of audio in the files, in bytes.
+  struct Take {
+    std::int64_t audio_begin;
+    std::int64_t audio_end;  // just past the last sample
+    std::int64_t peak_begin;
+  };
+
+  HRESULT CheckBlock(std::size_t samples) const noexcept {
+    if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
+    // Without a frame there is no peak.
+    if (samples < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
+    if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+    return S_OK;
+  }
+  // 32-bit samples are stored as received.
+  bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
+  // The peak position follows from the audio position: the next block overwrites the record of an
+  // incomplete group. So the peaks of a take stay in step with its frames only while every block
+  // but the last is a multiple of 256 frames. The record of the incomplete group shows the tail of
+  // a take.
+  void Advance(std::size_t audio_bytes) noexcept {
+    audio_position_ += static_cast<std::int64_t>(audio_bytes);
+    const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
+    const std::int64_t groups = (audio_position_ - take_audio_begin_) / group_bytes;
+    const std::int64_t position = take_peak_begin_ + groups * PeakBytes(channels_);
+    if (position < peak_position_) ++peak_rewinds_;
+    peak_position_ = position;
+  }
+
+  TemporaryFile audio_file_;
+  TemporaryFile peak_file_;
+
+  LONG samples_per_sec_ = 0;
+  SHORT channels_ = 0;
+  SHORT bits_per_sample_ = 32;
+  SHORT dithering_mode_ = 0;
+  DitherState dither_;
+
+  std::int64_t audio_position_ = 0;
+  std::atomic<std::int64_t> peak_position_{0};
+  // How often the peak position went back and settled peaks are overwritten: a change of format or
+  // bit depth within a take can cause that.
+  std::atomic<std::uint32_t> peak_rewinds_{0};
+  std::int64_t take_audio_begin_ = 0;
+  std::int64_t take_peak_begin_ = 0;
+  std::vector<Take> takes_;          // in the order in which they were closed
+  std::size_t cursor_ = 0;           // takes from the first to the one under the reader cursor
+  std::atomic<long> open_count_{0};  // writer, locks and open readers together
+
+  StoredSamples stored_samples_;
+  std::vector<float> peaks_;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioPool)
 

@@ -1,9 +1,24 @@
-#include "pool/audio_pool_reader.h"
+// CAudioPoolReader: one region of a pool's files, normally one take, as a source of samples and of
+// peaks.
+#include <marlinda.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <span>
+
+#include "core/com_object.h"
+#include "core/com_ptr.h"
+#include "core/constants.h"
 #include "core/frame_math.h"
 #include "core/sample_array.h"
+#include "core/samples/peak_summary.h"
 #include "pool/peak_builder.h"
+#include "pool/peak_file.h"
+#include "pool/peak_groups.h"
 #include "pool/pool_file.h"
+#include "pool/stored_samples.h"
 
 namespace marlinda {
 namespace {
@@ -13,113 +28,165 @@ HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(
 
 }  // namespace
 
-STDMETHODIMP CAudioPoolReader::Create(IAudioPool* pPool, __int64 nAudioByteOffset,
-                                      __int64 nPeakByteOffset, __int64 nByteCount,
-                                      SHORT nBitsPerSample) {
-  if (pPool == nullptr) return E_POINTER;
-  return ComCall([&] {
-    ComPtr<IAudioPool> pool = pPool;
-    {
+// Holds no audio: every read goes to the pool's files through the pool's handles. The lock orders
+// the calls on one reader.
+//
+// Reads are not clipped to the region: they reach its neighbours in the pool's file, and only the
+// end of the file stops them (0x80070026). A read need not be whole frames. It fails with
+// ERROR_NEGATIVE_SEEK if its first byte would lie before the file, and with E_INVALIDARG for
+// samples outside 8 to 40 bits.
+class CAudioPoolReader final
+    : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioPoolReader;
+
+  // IAudioPoolReader
+  // Accepts any values and ignores the results of the pool. A second call aims the reader at
+  // another region. A null pool fails with E_POINTER and changes nothing.
+  STDMETHODIMP Create(IAudioPool* pPool, __int64 nAudioByteOffset, __int64 nPeakByteOffset,
+                      __int64 nByteCount, SHORT nBitsPerSample) override {
+    if (pPool == nullptr) return E_POINTER;
+    return ComCall([&] {
+      ComPtr<IAudioPool> pool = pPool;
+      {
+        const std::lock_guard lock(mutex_);
+        pool_.Swap(pool);
+        region_ = {};
+        peak_groups_.reset();
+      }
+      // Without the lock: the destruction of the old pool may take a while.
+      pool.Reset();
+
+      Region region = {nAudioByteOffset, nPeakByteOffset, nByteCount, nBitsPerSample};
+      __int64 audio = 0;
+      __int64 peak = 0;
+      pPool->GetFileHandles(&audio, &peak);
+      region.audio_file = ToHandle(audio);
+      region.peak_file = ToHandle(peak);
+      pPool->GetFormat(&region.samples_per_sec, &region.channels);
       const std::lock_guard lock(mutex_);
-      pool_.Swap(pool);
-      region_ = {};
-      peak_groups_.reset();
-    }
-    // Without the lock: the destruction of the old pool may take a while.
-    pool.Reset();
-
-    Region region = {nAudioByteOffset, nPeakByteOffset, nByteCount, nBitsPerSample};
-    __int64 audio = 0;
-    __int64 peak = 0;
-    pPool->GetFileHandles(&audio, &peak);
-    region.audio_file = ToHandle(audio);
-    region.peak_file = ToHandle(peak);
-    pPool->GetFormat(&region.samples_per_sec, &region.channels);
-    const std::lock_guard lock(mutex_);
-    region_ = region;
-  });
-}
-
-STDMETHODIMP CAudioPoolReader::ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) {
-  return ComCall([&]() -> HRESULT {
-    SampleArrayView view;
-    Check(view.Lock(psaAudioData));
-    if (view.samples().empty()) return S_OK;
-    const std::lock_guard lock(mutex_);
-    if (region_.audio_file == nullptr) return kNoFile;
-    if (!IsStorable(region_.bits_per_sample)) return E_INVALIDARG;
-    const std::int64_t offset =
-        ByteOffset(region_.audio_offset, region_.BytesPerFrame(), nSamplePos);
-    if (region_.bits_per_sample != 32) return ReadPcm(offset, view.samples());
-    return ReadAt(region_.audio_file, offset, std::as_writable_bytes(view.samples())).hr;
-  });
-}
-
-HRESULT CAudioPoolReader::ReadPcm(std::int64_t offset, std::span<float> samples) {
-  const int bits = region_.bits_per_sample;
-  const ReadResult read =
-      ReadAt(region_.audio_file, offset, stored_samples_.Prepare(samples.size(), bits));
-  if (SUCCEEDED(read.hr) || read.hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) {
-    stored_samples_.Decode(read.count, samples, bits);
+      region_ = region;
+    });
   }
-  stored_samples_.Trim();
-  return read.hr;
-}
 
-STDMETHODIMP CAudioPoolReader::ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) {
-  return ComCall([&]() -> HRESULT {
-    SampleArrayView view;
-    Check(view.Lock(psaPeakData));
-    if (view.samples().empty()) return S_OK;
-    const std::lock_guard lock(mutex_);
-    return ReadStoredPeaks(nPeakPosition, view.samples());
-  });
-}
+  // IPeakReader
+  STDMETHODIMP ReadPeaks(__int64 nPeakPosition, SAFEARRAY* psaPeakData) override {
+    return ComCall([&]() -> HRESULT {
+      SampleArrayView view;
+      Check(view.Lock(psaPeakData));
+      if (view.samples().empty()) return S_OK;
+      const std::lock_guard lock(mutex_);
+      return ReadStoredPeaks(nPeakPosition, view.samples());
+    });
+  }
+  STDMETHODIMP GetSamplesPerPeak(LONG* pnSamplesPerPeak) override {
+    return SetOut(pnSamplesPerPeak, kFramesPerPeak);
+  }
 
-HRESULT CAudioPoolReader::ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
-  if (region_.peak_file == nullptr) return kNoFile;
-  const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(region_.channels), first);
-  return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
-}
+  // IAudioReader
+  // Reads fail with ERROR_INVALID_HANDLE before Create and where the pool has no file. Samples
+  // behind the end of the file keep their values in a 32-bit region and are silence otherwise.
+  STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
+    return ComCall([&]() -> HRESULT {
+      SampleArrayView view;
+      Check(view.Lock(psaAudioData));
+      if (view.samples().empty()) return S_OK;
+      const std::lock_guard lock(mutex_);
+      if (region_.audio_file == nullptr) return kNoFile;
+      if (!IsStorable(region_.bits_per_sample)) return E_INVALIDARG;
+      const std::int64_t offset =
+          ByteOffset(region_.audio_offset, region_.BytesPerFrame(), nSamplePos);
+      if (region_.bits_per_sample != 32) return ReadPcm(offset, view.samples());
+      return ReadAt(region_.audio_file, offset, std::as_writable_bytes(view.samples())).hr;
+    });
+  }
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    return SetOut(pnSamplesPerSec, region_.samples_per_sec, pnChannels, region_.channels);
+  }
+  // 0 if the frames of the format take no bytes (no channels, or fewer than 8 bits).
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    const std::int64_t frame = region_.BytesPerFrame();
+    if (frame == 0) return SetOut(pnSamples, 0);
+    // The lowest number has no opposite.
+    return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
+                                         : region_.byte_count / frame);
+  }
+  // Both fail with ERROR_INVALID_HANDLE before Create.
+  STDMETHODIMP OpenDevice() override { return pool_ ? pool_->Lock() : kNoFile; }
+  STDMETHODIMP CloseDevice() override { return pool_ ? pool_->Unlock() : kNoFile; }
 
-STDMETHODIMP CAudioPoolReader::SummarizePeaks(IPeakReader* peaks, std::size_t channels,
-                                              std::int64_t first,
-                                              std::span<const std::int64_t> ends,
-                                              std::span<float> pairs) {
-  return ComCall([&]() -> HRESULT {
-    const std::lock_guard lock(mutex_);
-    if (peaks != this || region_.channels < 1 || first < 0 || ends.empty() ||
-        channels != static_cast<std::size_t>(region_.channels)) {
-      return E_INVALIDARG;
+  // IPeakSummary, of peaks that the pool will not write again.
+  STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,
+                              std::span<const std::int64_t> ends, std::span<float> pairs) override {
+    return ComCall([&]() -> HRESULT {
+      const std::lock_guard lock(mutex_);
+      if (peaks != this || region_.channels < 1 || first < 0 || ends.empty() ||
+          channels != static_cast<std::size_t>(region_.channels)) {
+        return E_INVALIDARG;
+      }
+      const auto file = TryQuery<IPeakFile>(pool_.Get());
+      std::int64_t settled_bytes = 0;
+      std::uint32_t rewinds = 0;
+      if (!file) return E_NOINTERFACE;
+      Check(file->GetSettledPeaks(region_.peak_file, &settled_bytes, &rewinds));
+      const std::int64_t settled =
+          SaturatingSubtract(settled_bytes, region_.peak_offset) / PeakBytes(region_.channels);
+      if (region_.peak_offset < 0 || ends.back() > settled) return E_INVALIDARG;
+
+      if (!peak_groups_ || peak_rewinds_ != rewinds) {
+        peak_groups_.emplace(channels);
+        peak_rewinds_ = rewinds;
+      }
+      peak_groups_->Settle(settled);
+      const auto read = [this](std::int64_t at, std::span<float> block) {
+        return SUCCEEDED(ReadStoredPeaks(at, block));
+      };
+      return peak_groups_->Extend(first, ends, pairs, read) ? S_OK : E_FAIL;
+    });
+  }
+
+ private:
+  static constexpr HRESULT kNoFile = HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
+
+  // Set by Create, from its arguments and the pool.
+  struct Region {
+    std::int64_t audio_offset = 0;
+    std::int64_t peak_offset = 0;
+    std::int64_t byte_count = 0;
+    SHORT bits_per_sample = 0;
+    LONG samples_per_sec = 0;
+    SHORT channels = 0;
+    HANDLE audio_file = nullptr;
+    HANDLE peak_file = nullptr;
+
+    std::int64_t BytesPerFrame() const noexcept { return StoredBytes(bits_per_sample) * channels; }
+  };
+
+  HRESULT ReadPcm(std::int64_t offset, std::span<float> samples) {
+    const int bits = region_.bits_per_sample;
+    const ReadResult read =
+        ReadAt(region_.audio_file, offset, stored_samples_.Prepare(samples.size(), bits));
+    if (SUCCEEDED(read.hr) || read.hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) {
+      stored_samples_.Decode(read.count, samples, bits);
     }
-    const auto file = TryQuery<IPeakFile>(pool_.Get());
-    std::int64_t settled_bytes = 0;
-    std::uint32_t rewinds = 0;
-    if (!file) return E_NOINTERFACE;
-    Check(file->GetSettledPeaks(region_.peak_file, &settled_bytes, &rewinds));
-    const std::int64_t settled =
-        SaturatingSubtract(settled_bytes, region_.peak_offset) / PeakBytes(region_.channels);
-    if (region_.peak_offset < 0 || ends.back() > settled) return E_INVALIDARG;
+    stored_samples_.Trim();
+    return read.hr;
+  }
+  HRESULT ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
+    if (region_.peak_file == nullptr) return kNoFile;
+    const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(region_.channels), first);
+    return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
+  }
 
-    if (!peak_groups_ || peak_rewinds_ != rewinds) {
-      peak_groups_.emplace(channels);
-      peak_rewinds_ = rewinds;
-    }
-    peak_groups_->Settle(settled);
-    const auto read = [this](std::int64_t at, std::span<float> block) {
-      return SUCCEEDED(ReadStoredPeaks(at, block));
-    };
-    return peak_groups_->Extend(first, ends, pairs, read) ? S_OK : E_FAIL;
-  });
-}
+  std::mutex mutex_;
+  ComPtr<IAudioPool> pool_;
+  Region region_;
+  StoredSamples stored_samples_;
 
-STDMETHODIMP CAudioPoolReader::GetSampleCount(__int64* pnSamples) {
-  const std::int64_t frame = region_.BytesPerFrame();
-  if (frame == 0) return SetOut(pnSamples, 0);
-  // The lowest number has no opposite.
-  return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
-                                       : region_.byte_count / frame);
-}
+  // Extremes of the region's peaks, valid as long as the pool has not rewound.
+  std::optional<PeakGroups> peak_groups_;
+  std::uint32_t peak_rewinds_ = 0;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioPoolReader)
 

@@ -1,10 +1,26 @@
-#include "task/audio_connector.h"
+// CAudioConnector: joins an import filter or a reader to an export filter, without a pool between.
+#include <marlinda.h>
 
+#include <memory>
+#include <mutex>
 #include <utility>
 
+#include "core/com_object.h"
+#include "core/com_ptr.h"
 #include "core/sample_count.h"
+#include "task/source_feed.h"
 
 namespace marlinda {
+
+// A reader or an import filter at one end, an export filter at the other.
+struct Filters {
+  ComPtr<IAudioReader> reader;
+  ComPtr<IImportFilter> import_filter;
+  ComPtr<ICoreTask> import_task;
+  ComPtr<IExportFilter> export_filter;
+  ComPtr<ICoreTask> export_task;
+};
+
 namespace {
 
 bool IsRunning(ICoreTask* task) {
@@ -34,175 +50,229 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 
 }  // namespace
 
-HRESULT CAudioConnector::SetUp(Filters filters, IUnknown* export_filter,
-                               const StreamFormat& target) {
-  filters.export_filter = TryQuery<IExportFilter>(export_filter);
-  filters.export_task = TryQuery<ICoreTask>(export_filter);
-  if (!filters.export_filter || !filters.export_task) return E_NOINTERFACE;
-  auto job = std::make_shared<SourceFeed>(filters.reader.Get(), target);
-  // A filter that has ended is not cancelled: the host may have initialised it for its next run.
-  const std::shared_ptr<SourceFeed> old_job = this->job();
-  const Filters old = DetachFilters();
-  old_job->queue().LimitTimeouts(1);
-  if (IsRunning(old.export_task.Get())) old.export_task->Cancel();
-  old_job->queue().Interrupt();
-  if (IsRunning(old.import_task.Get())) old.import_task->Cancel();
-  old_job->DetachReader();
-  {
-    const std::lock_guard lock(mutex_);
-    std::swap(filters_, filters);
-    job_ = std::move(job);
-    started_ = false;
-    source_rate_ = 0;
-    source_frames_ = 0;
-    frames_result_ = S_OK;
+// A writer to the import filter and a reader to the export filter, with a bounded queue and, where
+// the formats differ, the external format converter in between. As a task it runs the tasks of the
+// two filters.
+//
+// The filters hold this object as their writer and reader, and it holds them. Cancel releases them,
+// and so does a poll of QueryIsTaskRunning that finds the export ended. One of the two is needed:
+// an import that waits for room waits until then.
+//
+// The host's thread alone calls the filters and counts their references. ReadAudio and GetFormat
+// are for the export's thread, WriteAudio and QueryIsReady for the import's. They use no filter but
+// the source reader. GetSampleCount, for the export's thread, reports the length that was learnt
+// before Start.
+class CAudioConnector final
+    : public Object<CAudioConnector, IAudioConnector, ICoreTask, IAudioReader, IAudioWriter> {
+ public:
+  static constexpr const CLSID& kClassId = CLSID_CAudioConnector;
+
+  // IAudioConnector. A failure (E_POINTER, E_NOINTERFACE, E_INVALIDARG for this object as its own
+  // reader) leaves the earlier set-up as it is. A new set-up cancels what still runs of the earlier
+  // one and drops its queued samples. A target with a rate or channel count that is not positive
+  // makes no converter.
+  STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
+                                   LONG nSamplesPerSec, SHORT nChannels) override {
+    if (punkImportFilter == nullptr || punkExportFilter == nullptr) return E_POINTER;
+    return ComCall([&] {
+      Filters filters;
+      filters.import_filter = TryQuery<IImportFilter>(punkImportFilter);
+      filters.import_task = TryQuery<ICoreTask>(punkImportFilter);
+      if (!filters.import_filter || !filters.import_task) return E_NOINTERFACE;
+      return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
+    });
   }
-  LearnSource();
-  return S_OK;
-}
+  STDMETHODIMP SetupReaderToExport(IUnknown* punkAudioReader, IUnknown* punkExportFilter,
+                                   LONG nSamplesPerSec, SHORT nChannels) override {
+    if (punkAudioReader == nullptr || punkExportFilter == nullptr) return E_POINTER;
+    return ComCall([&] {
+      // The object would hold itself and wait for itself.
+      if (IsSameObject(punkAudioReader, OuterUnknown())) return E_INVALIDARG;
+      Filters filters;
+      filters.reader = TryQuery<IAudioReader>(punkAudioReader);
+      if (!filters.reader) return E_NOINTERFACE;
+      return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
+    });
+  }
 
-STDMETHODIMP CAudioConnector::SetupImportToExport(IUnknown* punkImportFilter,
-                                                  IUnknown* punkExportFilter, LONG nSamplesPerSec,
-                                                  SHORT nChannels) {
-  if (punkImportFilter == nullptr || punkExportFilter == nullptr) return E_POINTER;
-  return ComCall([&] {
-    Filters filters;
-    filters.import_filter = TryQuery<IImportFilter>(punkImportFilter);
-    filters.import_task = TryQuery<ICoreTask>(punkImportFilter);
-    if (!filters.import_filter || !filters.import_task) return E_NOINTERFACE;
-    return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
-  });
-}
+  // ICoreTask. Start and Cancel do their work and return E_NOTIMPL. Ignore the result. Start starts
+  // the export, then the import, whatever the results. Cancel cancels the export, which leaves a
+  // valid file, then the import.
+  STDMETHODIMP Start() override {
+    ComCall([&] {
+      LearnSource();
+      const Filters filters = CopyFilters();
+      {
+        const std::lock_guard lock(mutex_);
+        started_ = true;
+      }
+      if (filters.export_task) filters.export_task->Start();
+      if (filters.import_task) filters.import_task->Start();
+    });
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP Cancel() override {
+    ComCall([&] {
+      const std::shared_ptr<SourceFeed> job = this->job();
+      Filters ended = DetachFilters();
+      if (ended.export_task) {
+        // The export ends after its present block, which is complete as long as the import
+        // delivers.
+        job->queue().LimitTimeouts(1);
+        ended.export_task->Cancel();
+        // Before the import: the owner of the export may wait for its file.
+        ended.export_filter.Reset();
+        ended.export_task.Reset();
+      }
+      EndImport(*job, ended);
+    });
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
+    if (pbRunning == nullptr) return E_POINTER;
+    *pbRunning = VARIANT_FALSE;
+    return ComCall([&] {
+      const Filters filters = CopyFilters();
+      if (!filters.export_task) return S_OK;
+      const HRESULT hr = filters.export_task->QueryIsTaskRunning(pbRunning);
+      if (FAILED(hr)) return hr;
+      const std::shared_ptr<SourceFeed> job = this->job();
+      if (*pbRunning == VARIANT_FALSE) {
+        EndImport(*job, DetachFilters());
+        return hr;
+      }
+      VARIANT_BOOL imports = VARIANT_FALSE;
+      // An import that does not answer may still deliver.
+      if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
+        job->SetImportRuns(imports != VARIANT_FALSE);
+      }
+      return hr;
+    });
+  }
+  // As the export task reports. 1.0 without one.
+  STDMETHODIMP GetProgress(FLOAT* pfProgress) override {
+    return ComCall([&] {
+      const Filters filters = CopyFilters();
+      return pfProgress != nullptr && filters.export_task
+                 ? filters.export_task->GetProgress(pfProgress)
+                 : SetOut(pfProgress, 1.0F);
+    });
+  }
+  // An empty string.
+  STDMETHODIMP GetName(BSTR* pbstrName) override {
+    if (pbstrName == nullptr) return E_POINTER;
+    *pbstrName = SysAllocString(L"");
+    return *pbstrName != nullptr ? S_OK : E_OUTOFMEMORY;
+  }
 
-STDMETHODIMP CAudioConnector::SetupReaderToExport(IUnknown* punkAudioReader,
-                                                  IUnknown* punkExportFilter, LONG nSamplesPerSec,
-                                                  SHORT nChannels) {
-  if (punkAudioReader == nullptr || punkExportFilter == nullptr) return E_POINTER;
-  return ComCall([&] {
-    // The object would hold itself and wait for itself.
-    if (IsSameObject(punkAudioReader, OuterUnknown())) return E_INVALIDARG;
-    Filters filters;
-    filters.reader = TryQuery<IAudioReader>(punkAudioReader);
-    if (!filters.reader) return E_NOINTERFACE;
-    return SetUp(std::move(filters), punkExportFilter, {nSamplesPerSec, nChannels});
-  });
-}
+  // IAudioReader. Reads are sequential: the position is ignored.
+  STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
+    return ComCall([&] { return job()->Read(psaAudioData); });
+  }
+  // The target format.
+  STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
+    const auto job = this->job();
+    return SetOut(pnSamplesPerSec, job->target().rate, pnChannels, job->target().channels);
+  }
+  // The source's frames, at the target's rate.
+  STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
+    if (pnSamples == nullptr) return E_POINTER;
+    *pnSamples = 0;
+    return ComCall([&] {
+      LearnSource();
+      const std::lock_guard lock(mutex_);
+      if (FAILED(frames_result_)) return frames_result_;
+      return SetOut(pnSamples,
+                    ConvertSampleCount(source_frames_, source_rate_, job_->target().rate));
+    });
+  }
 
-STDMETHODIMP CAudioConnector::Start() {
-  ComCall([&] {
-    LearnSource();
-    const Filters filters = CopyFilters();
+  // IAudioWriter. SetFormat is ignored: the import filter reports the source's format.
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
+    return ComCall([&] { return job()->Write(psaAudioData); });
+  }
+  STDMETHODIMP SetFormat(LONG, SHORT) override { return S_OK; }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    return SetOut(pbReady, job()->queue().HasRoom() ? 1 : 0);
+  }
+
+  // IAudioReader and IAudioWriter.
+  STDMETHODIMP OpenDevice() override { return S_OK; }
+  STDMETHODIMP CloseDevice() override { return S_OK; }
+
+ private:
+  // Cancels what still runs of the earlier set-up and takes its place.
+  HRESULT SetUp(Filters filters, IUnknown* export_filter, const StreamFormat& target) {
+    filters.export_filter = TryQuery<IExportFilter>(export_filter);
+    filters.export_task = TryQuery<ICoreTask>(export_filter);
+    if (!filters.export_filter || !filters.export_task) return E_NOINTERFACE;
+    auto job = std::make_shared<SourceFeed>(filters.reader.Get(), target);
+    // A filter that has ended is not cancelled: the host may have initialised it for its next run.
+    const std::shared_ptr<SourceFeed> old_job = this->job();
+    const Filters old = DetachFilters();
+    old_job->queue().LimitTimeouts(1);
+    if (IsRunning(old.export_task.Get())) old.export_task->Cancel();
+    old_job->queue().Interrupt();
+    if (IsRunning(old.import_task.Get())) old.import_task->Cancel();
+    old_job->DetachReader();
     {
       const std::lock_guard lock(mutex_);
-      started_ = true;
+      std::swap(filters_, filters);
+      job_ = std::move(job);
+      started_ = false;
+      source_rate_ = 0;
+      source_frames_ = 0;
+      frames_result_ = S_OK;
     }
-    if (filters.export_task) filters.export_task->Start();
-    if (filters.import_task) filters.import_task->Start();
-  });
-  return E_NOTIMPL;
-}
-
-STDMETHODIMP CAudioConnector::Cancel() {
-  ComCall([&] {
-    const std::shared_ptr<SourceFeed> job = this->job();
-    Filters ended = DetachFilters();
-    if (ended.export_task) {
-      // The export ends after its present block, which is complete as long as the import delivers.
-      job->queue().LimitTimeouts(1);
-      ended.export_task->Cancel();
-      // Before the import: the owner of the export may wait for its file.
-      ended.export_filter.Reset();
-      ended.export_task.Reset();
-    }
-    EndImport(*job, ended);
-  });
-  return E_NOTIMPL;
-}
-
-STDMETHODIMP CAudioConnector::QueryIsTaskRunning(VARIANT_BOOL* pbRunning) {
-  if (pbRunning == nullptr) return E_POINTER;
-  *pbRunning = VARIANT_FALSE;
-  return ComCall([&] {
-    const Filters filters = CopyFilters();
-    if (!filters.export_task) return S_OK;
-    const HRESULT hr = filters.export_task->QueryIsTaskRunning(pbRunning);
-    if (FAILED(hr)) return hr;
-    const std::shared_ptr<SourceFeed> job = this->job();
-    if (*pbRunning == VARIANT_FALSE) {
-      EndImport(*job, DetachFilters());
-      return hr;
-    }
-    VARIANT_BOOL imports = VARIANT_FALSE;
-    // An import that does not answer may still deliver.
-    if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
-      job->SetImportRuns(imports != VARIANT_FALSE);
-    }
-    return hr;
-  });
-}
-
-STDMETHODIMP CAudioConnector::GetProgress(FLOAT* pfProgress) {
-  return ComCall([&] {
-    const Filters filters = CopyFilters();
-    return pfProgress != nullptr && filters.export_task
-               ? filters.export_task->GetProgress(pfProgress)
-               : SetOut(pfProgress, 1.0F);
-  });
-}
-
-STDMETHODIMP CAudioConnector::GetName(BSTR* pbstrName) {
-  if (pbstrName == nullptr) return E_POINTER;
-  *pbstrName = SysAllocString(L"");
-  return *pbstrName != nullptr ? S_OK : E_OUTOFMEMORY;
-}
-
-STDMETHODIMP CAudioConnector::GetSampleCount(__int64* pnSamples) {
-  if (pnSamples == nullptr) return E_POINTER;
-  *pnSamples = 0;
-  return ComCall([&] {
     LearnSource();
-    const std::lock_guard lock(mutex_);
-    if (FAILED(frames_result_)) return frames_result_;
-    return SetOut(pnSamples, ConvertSampleCount(source_frames_, source_rate_, job_->target().rate));
-  });
-}
-
-std::shared_ptr<SourceFeed> CAudioConnector::job() const {
-  const std::lock_guard lock(mutex_);
-  return job_;
-}
-
-Filters CAudioConnector::CopyFilters() const {
-  const std::lock_guard lock(mutex_);
-  return filters_;
-}
-
-Filters CAudioConnector::DetachFilters() {
-  const std::lock_guard lock(mutex_);
-  Filters detached = std::exchange(filters_, {});
-  filters_.reader = std::exchange(detached.reader, {});
-  return detached;
-}
-
-void CAudioConnector::LearnSource() {
-  Filters filters;
-  {
-    const std::lock_guard lock(mutex_);
-    if (started_ || (!filters_.reader && !filters_.import_filter)) return;
-    filters = filters_;
+    return S_OK;
   }
-  const StreamFormat format = AskFormat(filters);
-  __int64 frames = 0;
-  const HRESULT hr = filters.reader ? filters.reader->GetSampleCount(&frames)
-                                    : filters.import_filter->GetSourceSampleCount(&frames);
-  if (FAILED(hr)) frames = 0;
-  const std::shared_ptr<SourceFeed> job = this->job();
-  job->SetSource(format, frames);
-  const std::lock_guard lock(mutex_);
-  source_rate_ = format.rate;
-  source_frames_ = frames;
-  frames_result_ = hr;
-}
+  // Shared with the worker threads. A new set-up has a new one.
+  std::shared_ptr<SourceFeed> job() const {
+    const std::lock_guard lock(mutex_);
+    return job_;
+  }
+  Filters CopyFilters() const {
+    const std::lock_guard lock(mutex_);
+    return filters_;
+  }
+  // Removes all filters but the reader, which is no task and stays until the next set-up.
+  Filters DetachFilters() {
+    const std::lock_guard lock(mutex_);
+    Filters detached = std::exchange(filters_, {});
+    filters_.reader = std::exchange(detached.reader, {});
+    return detached;
+  }
+  // Reads the format and length of the source. Does nothing once started.
+  void LearnSource() {
+    Filters filters;
+    {
+      const std::lock_guard lock(mutex_);
+      if (started_ || (!filters_.reader && !filters_.import_filter)) return;
+      filters = filters_;
+    }
+    const StreamFormat format = AskFormat(filters);
+    __int64 frames = 0;
+    const HRESULT hr = filters.reader ? filters.reader->GetSampleCount(&frames)
+                                      : filters.import_filter->GetSourceSampleCount(&frames);
+    if (FAILED(hr)) frames = 0;
+    const std::shared_ptr<SourceFeed> job = this->job();
+    job->SetSource(format, frames);
+    const std::lock_guard lock(mutex_);
+    source_rate_ = format.rate;
+    source_frames_ = frames;
+    frames_result_ = hr;
+  }
+
+  mutable std::mutex mutex_;
+  Filters filters_;
+  std::shared_ptr<SourceFeed> job_ = std::make_shared<SourceFeed>();
+  bool started_ = false;
+  // As learnt last.
+  LONG source_rate_ = 0;
+  __int64 source_frames_ = 0;
+  HRESULT frames_result_ = S_OK;
+};
 
 MARLINDA_DEFINE_CLASS(CAudioConnector)
 
