@@ -482,7 +482,12 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   HandOver();
   const auto own_task = Query<ICoreTask>(filter_.Get());
   ProgressBar bar(console.Progress(), "Writing");
-  const bool finished = RunTask(driver != nullptr ? driver : own_task.Get(), bar, console);
+  bool finished = false;
+  try {
+    finished = RunTask(driver != nullptr ? driver : own_task.Get(), bar, console);
+  } catch (const HResultError& error) {
+    throw Explain(error.code(), file_, ExitStatus::kOutput);
+  }
 
   const std::optional<WaveFileFacts> facts = Examine();
   if (finished && facts && (!is_wave_ || HoldsFrames(*facts, frames))) return *facts;

@@ -203,6 +203,7 @@ class FileExport {
                     ICoreTask* driver = nullptr);
 
   IUnknown* filter_object() const { return filter_.Get(); }
+  bool IsWave() const { return is_wave_; }
 
  private:
   void HandOver();

@@ -59,6 +59,7 @@ run_whole_programs() {
   local ours="'$root/scripts/wine-run' '$root/build/bench-x64/marlinda.exe'"
   local ffmpeg="ffmpeg -v error -nostdin" soxr=
   ! ffmpeg -v quiet -buildconf | grep enable-libsoxr >/dev/null || soxr=:resampler=soxr
+  local first_sound="'$root/scripts/lib/first-sound'"
   local wave="-filter_complex showwavespic=s=1200x320 -frames:v 1"
   local programs=(
     "marlinda --version" "$ours --version >/dev/null"
@@ -73,6 +74,8 @@ run_whole_programs() {
     "ffmpeg -ss hour.ogg" "$ffmpeg -ss 1800 -t 10 -i hour.ogg out.wav"
     "marlinda cut hour.wav" "$ours cut hour.wav out.wav --keep 1800:1810 >/dev/null"
     "ffmpeg -ss hour.wav" "$ffmpeg -ss 1800 -t 10 -i hour.wav out.wav"
+    "marlinda play hour.ogg" "$first_sound $ours play hour.ogg"
+    "ffplay hour.ogg" "$first_sound ffplay -v error -nodisp hour.ogg"
     "marlinda plot hour.ogg" "$ours plot hour.ogg out.png >/dev/null"
     "ffmpeg showwavespic hour.ogg" "$ffmpeg -i hour.ogg $wave out.png"
     "marlinda plot hour.wav" "$ours plot hour.wav out.png >/dev/null"
@@ -84,7 +87,7 @@ run_whole_programs() {
   done
   [[ ${#chosen[@]} -gt 0 ]] || return 0
   make_sources
-  "$root/scripts/lib/time-programs" "$results/whole.native.json" "${chosen[@]}"
+  "$root/scripts/sound-session" "$root/scripts/lib/time-programs" "$results/whole.native.json" "${chosen[@]}"
   rm -f out.*
 }
 failed=

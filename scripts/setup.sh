@@ -32,7 +32,10 @@ test=(
   pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
 )
 lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
-bench=("${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg)
+bench=(
+  "${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg
+  pulseaudio pulseaudio-utils
+)
 fuzz=("${build[@]}" g++ libtag1-dev clang libclang-rt-14-dev)
 
 groups=("$@")

@@ -44,7 +44,7 @@ class Connector {
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
   FileExport wave(options.output, {options.input});
-  const int bits = OutputBits(options.bits, source);
+  const int bits = OutputBits(options.bits, source, wave);
   if (const auto expected = source.Expected()) {
     const AudioFormat to = TargetFormat(expected->format, options.rate, options.channels);
     wave.RequireRoom(ConvertSampleCount(expected->frames, expected->format.rate, to.rate), to,

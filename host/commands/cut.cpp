@@ -65,7 +65,7 @@ void Cut(const CutOptions& options, const Console& console) {
   FileExport wave(output, inputs);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, inputs);
-  const int bits = OutputBits(options.bits, source.first());
+  const int bits = OutputBits(options.bits, source.first(), wave);
   CutPlan plan;
   ImportedAudio audio;
   const auto expected = source.Expected({}, {});

@@ -91,7 +91,11 @@ ImportedAudio Measure(Source& source, const Console& console, const MeasureFunct
   return audio;
 }
 
-int OutputBits(const std::optional<int>& asked, const Source& source) {
+int OutputBits(const std::optional<int>& asked, const Source& source, const FileExport& wave) {
+  if (asked && !wave.IsWave()) {
+    throw HostError(ExitStatus::kUsage, "--bits", "only WAV files have a number of bits",
+                    "Leave the option out.");
+  }
   if (asked) return *asked;
   const int bits = source.BitsPerSample().value_or(16);
   return bits == 24 || bits == 32 ? bits : 16;

@@ -69,7 +69,7 @@ ImportedAudio Measure(Source& source, const Console& console, const MeasureFunct
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
 // `asked`, or the width of a source of 24 or 32 bits, or 16.
-int OutputBits(const std::optional<int>& asked, const Source& source);
+int OutputBits(const std::optional<int>& asked, const Source& source, const FileExport& wave);
 
 // Keeps the keys in the order in which they are written.
 using Json = nlohmann::ordered_json;

@@ -116,6 +116,7 @@ class HostTest(ProgramTest):
             (2, ["frob"], "frob: there is no such command"),
             (2, convert, "See \"marlinda convert --help\""),
             (2, [*convert, self.out, "--bits", "12"], "--bits"),
+            (2, [*convert, self.folder / "out.mp3", "--bits", "24"], "only WAV files"),
             (2, [*convert, self.folder / "out.flac"], "out.flac"),
             (2, ["convert", same, self.folder / "." / "same.wav"], "input file itself"),
             (2, ["convert", "-x.wav", self.out], "Put \"--\" before file names"),
