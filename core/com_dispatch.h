@@ -7,8 +7,6 @@
 // declaration says.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <oaidl.h>
 
 #include "core/com_call.h"

@@ -10,8 +10,6 @@
 //   MARLINDA_DEFINE_CLASS(CAudioPool)
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <ocidl.h>
 
 #include <atomic>

@@ -1,8 +1,6 @@
 // The base of a COM object with one interface, without class identifier and aggregation.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <unknwn.h>
 
 #include <atomic>

@@ -1,9 +1,7 @@
 // Sample blocks: a view of the floats in a caller's SAFEARRAY, and an array that the engine owns.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
-#include <oleauto.h>
+#include <ole2.h>
 
 #include <atomic>
 #include <cstddef>

@@ -2,9 +2,7 @@
 // Characters that the code page cannot hold are lost on the way in, which is accepted.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
-#include <oleauto.h>
+#include <ole2.h>
 
 #include <string>
 #include <string_view>

@@ -2,8 +2,6 @@
 // interface as IDispatch::Invoke needs them. Both are read once and shared by all objects.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <oaidl.h>
 
 #include <vector>

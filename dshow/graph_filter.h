@@ -2,8 +2,6 @@
 // filters and pins; a user only names the formats it accepts and handles the data.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <dshow.h>
 #include <mmreg.h>
 

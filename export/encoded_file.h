@@ -1,8 +1,6 @@
 // A compressed file while it is being written, whichever encoder makes it.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
 #include <dshow.h>
 #include <mmreg.h>
 

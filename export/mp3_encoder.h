@@ -1,11 +1,6 @@
 // The MP3 encoders among the audio compressors of the system, and the capabilities of one.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
-#include <dshow.h>
-#include <mmreg.h>
-
 #include <functional>
 
 #include "core/com_ptr.h"

@@ -1,7 +1,5 @@
 // WMA files: the system's own writer of Windows Media files, with a profile of one audio stream.
 
-#include <windows.h>
-// After windows.h.
 #include <dshow.h>
 #include <mmreg.h>
 #include <wmsdkidl.h>

@@ -1,9 +1,7 @@
 // The host's text is UTF-8; Windows and the engine's interfaces take UTF-16.
 #pragma once
 
-#include <windows.h>
-// After windows.h.
-#include <oleauto.h>
+#include <ole2.h>
 
 #include <new>
 #include <string>

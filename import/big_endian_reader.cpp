@@ -92,34 +92,17 @@ AiffChunks FindChunks(ByteSource& file) {
   return found;
 }
 
-// The layout of samples in an AU encoding that needs no decoder; no bits for the others.
-PcmData AuEncoding(std::uint32_t encoding) {
-  PcmData pcm = {.big_endian = true, .signed_bytes = true};
-  switch (encoding) {
-    case 1:
-      pcm.coding = Coding::kMuLaw;
-      pcm.format.bits = 16;
-      break;
-    case 27:
-      pcm.coding = Coding::kALaw;
-      pcm.format.bits = 16;
-      break;
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-      pcm.format.bits = static_cast<std::int16_t>((encoding - 1) * 8);
-      break;
-    case 6:
-    case 7:
-      pcm.format.is_float = true;
-      pcm.format.bits = encoding == 6 ? 32 : 64;
-      break;
-    default:
-      break;
-  }
-  return pcm;
-}
+// The AU encodings that need no decoder.
+struct AuEncoding {
+  std::uint32_t number;
+  std::int16_t bits;
+  bool is_float = false;
+  Coding coding = Coding::kLinear;
+};
+constexpr AuEncoding kAuEncodings[] = {
+    {1, 16, false, Coding::kMuLaw}, {2, 8}, {3, 16}, {4, 24}, {5, 32}, {6, 32, true}, {7, 64, true},
+    {27, 16, false, Coding::kALaw},
+};
 
 }  // namespace
 
@@ -172,17 +155,23 @@ std::optional<SoundFileInfo> ReadAu(ByteSource& file) {
   const std::uint32_t encoding = BigU32(header, 12);
   const std::uint32_t rate = BigU32(header, 16);
   const std::uint32_t channels = BigU32(header, 20);
-  PcmData pcm = AuEncoding(encoding);
+  const auto* const known = std::ranges::find(kAuEncodings, encoding, &AuEncoding::number);
   info.refused = offset < kAuHeaderBytes || rate > std::numeric_limits<std::int32_t>::max() ||
-                 channels > std::numeric_limits<std::int16_t>::max() || pcm.format.bits == 0;
-  pcm.format.samples_per_sec = static_cast<std::int32_t>(rate);
-  pcm.format.channels = static_cast<std::int16_t>(channels);
-  info.refused = info.refused || !IsPossible(pcm.format);
+                 channels > std::numeric_limits<std::int16_t>::max() ||
+                 known == std::end(kAuEncodings);
   if (info.refused) return info;
-
-  pcm.offset = offset;
-  pcm.frames = std::numeric_limits<std::int64_t>::max();
-  info.pcm = CutToFile(file, pcm, data_bytes == kUnknownSize ? file.size() : data_bytes);
+  const PcmFormat format = {static_cast<std::int32_t>(rate), static_cast<std::int16_t>(channels),
+                            known->bits, known->is_float};
+  info.refused = !IsPossible(format);
+  if (info.refused) return info;
+  info.pcm = CutToFile(file,
+                       {.format = format,
+                        .coding = known->coding,
+                        .big_endian = true,
+                        .signed_bytes = true,
+                        .offset = offset,
+                        .frames = std::numeric_limits<std::int64_t>::max()},
+                       data_bytes == kUnknownSize ? file.size() : data_bytes);
   return info;
 }
 

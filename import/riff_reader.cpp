@@ -149,20 +149,15 @@ void CueSheet::Resolve(SoundFileInfo& info) {
 void ReadInfo(Bytes list, Tags& data) {
   Chunk chunk;
   while (NextChunk(list, chunk)) {
-    if (chunk.id == "INAM") {
-      data.title = TextOf(chunk.body);
-    } else if (chunk.id == "IART") {
-      data.artist = TextOf(chunk.body);
-    } else if (chunk.id == "IPRD") {
-      data.album = TextOf(chunk.body);
-    } else if (chunk.id == "IGNR") {
-      data.genre = TextOf(chunk.body);
-    } else if (chunk.id == "ICRD") {
-      // The first four characters of a date are its year. They end at a "-", because the export
-      // writes an unknown year as "-01-01".
-      data.year = TextOf(chunk.body).substr(0, kYearCharacters);
-      data.year.erase(std::min(data.year.find('-'), data.year.size()));
-    }
+    if (chunk.id == "INAM") data.title = TextOf(chunk.body);
+    if (chunk.id == "IART") data.artist = TextOf(chunk.body);
+    if (chunk.id == "IPRD") data.album = TextOf(chunk.body);
+    if (chunk.id == "IGNR") data.genre = TextOf(chunk.body);
+    if (chunk.id != "ICRD") continue;
+    // The first four characters of a date are its year. They end at a "-", because the export
+    // writes an unknown year as "-01-01".
+    data.year = TextOf(chunk.body).substr(0, kYearCharacters);
+    data.year.erase(std::min(data.year.find('-'), data.year.size()));
   }
 }
 
