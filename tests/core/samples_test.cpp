@@ -8,8 +8,6 @@
 #include <functional>
 #include <limits>
 #include <numeric>
-#include <random>
-#include <thread>
 #include <vector>
 
 #include "core/samples/audio_queue.h"
@@ -53,26 +51,6 @@ TEST(AudioQueue, GrowsBeforeItIsFullAndFreesMemoryWhenCleared) {
   queue.Clear();
   EXPECT_EQ(queue.Count(), 0U);
   EXPECT_EQ(queue.Capacity(), 2048U);
-}
-
-TEST(AudioQueue, CarriesAStreamOfAnyBlocksBetweenTwoThreads) {
-  CAudioQueue queue;
-  constexpr std::size_t kSamples = 500'000;
-  const std::jthread producer([&] {
-    std::mt19937 random(7);
-    for (std::size_t written = 0; written < kSamples;) {
-      const auto block = Ramp(std::min<std::size_t>(random() % 900, kSamples - written), written);
-      queue.Append(block);
-      written += block.size();
-    }
-  });
-  std::mt19937 random(8);
-  for (std::size_t read = 0; read < kSamples;) {
-    Samples block(std::min<std::size_t>(random() % 900, queue.Count()));
-    queue.Read(block);
-    ASSERT_EQ(block, Ramp(block.size(), read));
-    read += block.size();
-  }
 }
 
 // Nothing is rounded here that matters: a product has at most 39 bits.

@@ -19,10 +19,8 @@ namespace marlinda::testing {
 namespace {
 
 TEST(Text, IsKeptWhereTheCodePageHoldsItAndEndsAtTheFirstNul) {
-  const std::wstring text(100000, L'x');
-  EXPECT_EQ(ToAnsi(Bstr(text)), std::string(100000, 'x'));
+  EXPECT_EQ(ToAnsi(Bstr(std::wstring(100000, L'x'))), std::string(100000, 'x'));
   EXPECT_THAT(ToAnsi(Bstr(L"a\x97f3z")), ::testing::MatchesRegex("a.+z"));
-  EXPECT_EQ(ToAnsi(nullptr), "");
   const OwnedBstr with_nul(SysAllocStringLen(L"ab\0cd", 5));
   EXPECT_EQ(ToAnsi(with_nul.get()), "ab");
   EXPECT_TRUE(OwnedBstr(ToBstr({}))) << "an empty text is not a null one";

@@ -16,6 +16,7 @@ using Samples = std::vector<float>;
 
 constexpr __int64 kFramesPerPeak = 256;
 constexpr float kHost = 0.125F;
+constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
 
 // The rules. A piece is drawn into `n` columns from `first` on.
 struct PlainOverview {
@@ -155,34 +156,29 @@ TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothin
   int left = 1;
   a->on_read = [&](SAFEARRAY*) { a->read_result = left-- > 0 ? S_OK : E_ACCESSDENIED; };
   EXPECT_THAT(Plot(0, 200'000, 1000, 100), Each(kHost));
+  EXPECT_THAT(
+      log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 255000)", "A.CloseDevice", "A.OpenDevice",
+                        "A.ReadAudio(0, 16777200)", "A.ReadAudio(167772, 3222800)", "A.CloseDevice",
+                        "A.OpenDevice", "A.ReadAudio(0, 16777200)", "A.ReadAudio(167772, 3222800)",
+                        "A.CloseDevice"));
   a->open_result = E_ACCESSDENIED;
+  a->read_result = S_OK;
   EXPECT_THAT(Plot(0, 1000, 10, 100), Each(kHost));
-  const std::vector<std::string> blocks = {"A.OpenDevice", "A.ReadAudio(0, 16777200)",
-                                           "A.ReadAudio(167772, 3222800)", "A.CloseDevice"};
-  EXPECT_THAT(log_, ElementsAre("A.OpenDevice", "A.ReadAudio(0, 255000)", "A.CloseDevice",
-                                blocks[0], blocks[1], blocks[2], blocks[3], blocks[0], blocks[1],
-                                blocks[2], blocks[3], "A.OpenDevice"));
 }
 
 TEST_F(EditedAudioWaveplot, DrawsNothingForOddRangesArraysAndFormatsNorPastTheArray) {
   EXPECT_THAT(Plot(0, 100, 4, 1), Each(kHost));
   const auto a = RampSource::Make('A', 1);
   document_.Append(a, 0, 1000);
-  constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
-  const std::pair<__int64, __int64> ranges[] = {
-      {500, 500}, {500, 100}, {1000, 2000}, {-kMax, kMax}};
-  for (const auto& [begin, end] : ranges) EXPECT_THAT(Plot(begin, end, 10, 1), Each(kHost));
-  const Samples pairs = Plot(0, 1000, 10, 1);
-  for (int i = 0; i < 3; ++i) {
-    document_.Append(a, 900, 0);
-    document_.Append(a, 0, 1000);
+  for (const auto& [begin, end] :
+       {std::pair{500LL, 500LL}, {500, 100}, {1000, 2000}, {~kMax, kMax}}) {
+    EXPECT_THAT(Plot(begin, end, 10, 1), Each(kHost));
   }
+  const Samples pairs = Plot(0, 1000, 10, 1);
+  document_.Append(a, 900, 0);
+  document_.Append(a, 0, 1000);
   // Whole pieces of 1000 frames in a range of 1000: the first fills the array.
   EXPECT_EQ(Plot(0, 1000, 10, 1), pairs);
-  document_->SetFormat(44100, 2, 16);
-  const Floats few(3, kHost);  // no column of two channels
-  EXPECT_EQ(document_->ReadWaveplot(0, 1000, few), S_OK);
-  EXPECT_THAT(few.ToVector(), Each(kHost));
   document_->SetFormat(44100, -2, 16);
   EXPECT_THAT(Plot(0, 1000, 10, 2), Each(kHost));
 }
