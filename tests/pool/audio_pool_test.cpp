@@ -96,18 +96,15 @@ struct Pool {
     return ready == 1;
   }
   // Null where the pool gives none.
-  ComPtr<IAudioReader> LastReader() const {
+  ComPtr<IAudioReader> Reader(
+      HRESULT (STDMETHODCALLTYPE IAudioPool::*create)(IAudioReader**)) const {
     ComPtr<IAudioReader> reader;
-    const HRESULT hr = pool->CreateLastReader(reader.GetAddressOf());
+    const HRESULT hr = (pool.Get()->*create)(reader.GetAddressOf());
     EXPECT_EQ(hr, reader ? S_OK : S_FALSE);
     return reader;
   }
-  ComPtr<IAudioReader> PrevReader() const {
-    ComPtr<IAudioReader> reader;
-    const HRESULT hr = pool->CreatePrevReader(reader.GetAddressOf());
-    EXPECT_EQ(hr, reader ? S_OK : S_FALSE);
-    return reader;
-  }
+  ComPtr<IAudioReader> LastReader() const { return Reader(&IAudioPool::CreateLastReader); }
+  ComPtr<IAudioReader> PrevReader() const { return Reader(&IAudioPool::CreatePrevReader); }
 
   const ComPtr<IAudioPool> pool = Create<IAudioPool>(CLSID_CAudioPool);
   const ComPtr<IAudioWriter> writer = As<IAudioWriter>(pool);
@@ -116,12 +113,7 @@ struct Pool {
 };
 
 TEST(AudioPool, StoresEachBitDepthInItsCodeAndReadsItBack) {
-  struct Row {
-    SHORT bits;
-    Bytes bytes;
-    Samples read;
-  };
-  const Row rows[] = {
+  const std::tuple<SHORT, Bytes, Samples> rows[] = {
       // At 8 bits reading is not the inverse of writing: the centre, 128, reads as 1/127.
       {8, {128, 255, 1, 192, 255}, {1 / 127.0F, 128 / 127.0F, -126 / 127.0F, 65 / 127.0F}},
       {16,

@@ -1,6 +1,5 @@
-// The connector between filters and a reader that make up their audio, an export that keeps what it
-// reads, and format converters that behave well or badly, as other makers might write them.
-#include <converter.h>
+// The connector between filters and a reader that make up their audio and an export that keeps what
+// it reads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -186,34 +185,6 @@ class TestExport final : public TestFilter<IExportFilter> {
   ComPtr<IAudioReader> reader_;
 };
 
-// Passes samples on, or breaks the contract of a converter. Is its own factory.
-class TestConverter final : public TestObject<IFormatConverter, IClassFactory> {
- public:
-  enum class Habit { kPasses, kRefusesSetUp, kFails, kGivesNull, kGivesShorts };
-
-  explicit TestConverter(Habit habit) : habit_(habit) {}
-  std::vector<LONG> set_up;  // its arguments
-
-  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    return QueryInterface(iid, object);
-  }
-  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-  STDMETHODIMP SetUp(LONG source_rate, LONG target_rate, SHORT source_channels,
-                     SHORT target_channels, LONG mode) override {
-    set_up = {source_rate, target_rate, source_channels, target_channels, mode};
-    return habit_ == Habit::kRefusesSetUp ? E_FAIL : S_OK;
-  }
-  STDMETHODIMP Convert(SAFEARRAY*) override { return habit_ == Habit::kFails ? E_FAIL : S_OK; }
-  STDMETHODIMP GetOutput(SAFEARRAY** output) override {
-    const VARTYPE type = habit_ == Habit::kGivesShorts ? VT_I2 : VT_R4;
-    *output = habit_ == Habit::kGivesNull ? nullptr : SafeArrayCreateVector(type, 0, 8);
-    return S_OK;
-  }
-
- private:
-  const Habit habit_;
-};
-
 class AudioConnector : public ::testing::Test {
  protected:
   void Join(TestImport* from, TestExport* to, LONG rate = 44100, SHORT channels = 2) const {
@@ -385,48 +356,24 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
   }
 }
 
-TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndEndsTheDataOfABadOne) {
-  using Habit = TestConverter::Habit;
-  const struct {
-    Habit habit;
-    LONG rate;
-    SHORT channels;
-    std::vector<LONG> set_up;
-  } rows[] = {{Habit::kRefusesSetUp, 22050, 1, {44100, 22050, 2, 1, 151}},
-              {Habit::kPasses, 44100, 2, {}},
-              // Targets that are not positive.
-              {Habit::kPasses, 0, 2, {}},
-              {Habit::kPasses, 44100, -1, {}},
-              {Habit::kFails, 22050, 2, {44100, 22050, 2, 2, 151}},
-              {Habit::kGivesNull, 22050, 2, {44100, 22050, 2, 2, 151}},
-              {Habit::kGivesShorts, 22050, 2, {44100, 22050, 2, 2, 151}}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    const auto converter = MakeObject<TestConverter>(row.habit);
-    const InstalledConverter installed(static_cast<IClassFactory*>(converter.Get()));
-    Join(ramp_.Get(), to_.Get(), row.rate, row.channels);
-    const bool passes = row.habit == Habit::kRefusesSetUp || row.habit == Habit::kPasses;
-    const Samples samples = Read(4, passes ? S_OK : S_FALSE);
-    EXPECT_EQ(samples[3], passes ? RampSource::Sample('A', 1, 1) : 0.0F);
-    EXPECT_EQ(converter->set_up, row.set_up);
-  }
-  Join(ramp_.Get(), to_.Get(), 22050, 1);  // none is installed
-  EXPECT_EQ(Read(4)[3], RampSource::Sample('A', 1, 1));
-
-  // A format that was not known at the set-up is asked for again.
-  const auto converter = MakeObject<TestConverter>(Habit::kPasses);
-  const InstalledConverter installed(static_cast<IClassFactory*>(converter.Get()));
+TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndAsksAgainForAFormat) {
+  const auto passes = [&](LONG rate, SHORT channels) {
+    Join(ramp_.Get(), to_.Get(), rate, channels);
+    return Read(4)[3] == RampSource::Sample('A', 1, 1);
+  };
+  EXPECT_TRUE(passes(22050, 1)) << "none is installed";
+  const OurConverter converter;
+  EXPECT_FALSE(passes(22050, 1));
+  EXPECT_TRUE(passes(44100, -1)) << "no target";
+  EXPECT_TRUE(passes(100, 2)) << "it refuses the ratio";
   const auto from = MakeObject<TestImport>(0);
   from->rate = 0;
   Join(from.Get(), to_.Get(), 48000);
   EXPECT_EQ(SampleCount(), 0);
-  EXPECT_TRUE(converter->set_up.empty());
   from->rate = 24000;
   from->promised = from->frames = 600;
-  Start(to_.Get());
-  EXPECT_EQ(converter->set_up, (std::vector<LONG>{24000, 48000, 2, 2, 151}));
-  EXPECT_EQ(SampleCount(), 1200);
-  task_->Cancel();
+  Run(to_.Get());
+  EXPECT_EQ(to_->result->samples.size(), 2400U);
 }
 
 TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
