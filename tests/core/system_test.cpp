@@ -73,33 +73,19 @@ TEST(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
   RegDeleteTreeA(HKEY_CURRENT_USER, kKey);
 }
 
-class WorkerThreadTest : public ::testing::Test {
- protected:
-  // Shared by a test and its worker. A promise, because the wait of an atomic loses wake-ups in GCC
-  // 12 without futexes.
-  struct State {
-    std::promise<void> go;
-    std::shared_future<void> gone = go.get_future();
-    std::atomic<bool> ended = false;
+TEST(WorkerThread, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
+  // A promise, because the wait of an atomic loses wake-ups in GCC 12 without futexes.
+  std::promise<void> go;
+  const auto ended = std::make_shared<std::atomic<int>>(0);
+  const auto body = [ended, gone = go.get_future().share()] {
+    gone.wait();
+    ++*ended;
   };
-  // Starts a body that waits for `go`.
-  void Start(WorkerThread& worker) const {
-    ASSERT_EQ(worker.Start([state = state_] {
-      state->gone.wait();
-      state->ended = true;
-    }),
-              S_OK);
-  }
-
-  const std::shared_ptr<State> state_ = std::make_shared<State>();
-};
-
-TEST_F(WorkerThreadTest, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
   {
     WorkerThread worker;
     ASSERT_EQ(worker.Start([] { throw std::runtime_error("lost"); }), S_OK);
     worker.PollUntilEnded(1);
-    Start(worker);
+    ASSERT_EQ(worker.Start(body), S_OK);
     EXPECT_TRUE(worker.IsRunning());
     EXPECT_EQ(worker.Start([] {}), E_FAIL);
     worker.Detach();
@@ -109,16 +95,17 @@ TEST_F(WorkerThreadTest, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
   std::jthread later;
   {
     WorkerThread worker;
-    Start(worker);
+    ASSERT_EQ(worker.Start(body), S_OK);
     // The delay only makes it likely that the destructor is reached first.
-    later = std::jthread([this] {
+    later = std::jthread([&] {
       Sleep(100);
-      state_->go.set_value();
+      go.set_value();
     });
   }
-  EXPECT_TRUE(state_->ended);
+  EXPECT_GT(*ended, 0);
   while (!TheModule().CanUnload()) Sleep(1);
-  EXPECT_EQ(state_.use_count(), 1) << "the bodies release what they hold";
+  EXPECT_EQ(*ended, 2);
+  EXPECT_EQ(ended.use_count(), 2) << "the bodies release what they hold";
 }
 
 class Named : public TestObject<IPersist> {
@@ -128,7 +115,7 @@ class Named : public TestObject<IPersist> {
 };
 
 // The tests' own thread is a single-threaded apartment.
-TEST_F(WorkerThreadTest, ServesCallsOfTheBodyWhileItWaits) {
+TEST(WorkerThread, ServesCallsOfTheBodyWhileItWaits) {
   const auto object = MakeObject<Named>();
   IStream* stream = nullptr;
   ASSERT_EQ(CoMarshalInterThreadInterfaceInStream(IID_IPersist, object.Get(), &stream), S_OK);

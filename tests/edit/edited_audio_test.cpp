@@ -325,6 +325,8 @@ TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself)
 TEST_F(EditedAudio, CopiesWhatAnotherMakersDocumentTakesAndNamesInTheSystemsCodePage) {
   const auto wrapper = MakeObject<Wrapper>();
   const Document foreign(As<IEditedAudio>(wrapper));
+  EXPECT_EQ(wrapper->Held(), 5)
+      << "each interface counts on the outer object, and creation does not";
   document_.Append(a_, 0, 4);
   document_.AddMarker("m", 1, 3);
   EXPECT_EQ(document_.labels->AddLabel(0, Bstr(L"caf\u00E9")), S_OK);
