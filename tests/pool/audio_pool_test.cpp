@@ -198,14 +198,10 @@ TEST(AudioPool, AcceptsAnyFormatAndRefusesTheBlocksThatItCannotStore) {
   }
   // A block may end within a frame, but not before its first one does.
   const Pool pool(2);
-  pool.Open();
-  EXPECT_EQ(pool.Write({0.1F, 0.2F, 0.3F}), S_OK);
   EXPECT_EQ(pool.Write({0.4F}), E_INVALIDARG);
-  EXPECT_EQ(pool.Write({0.4F, 0.5F, 0.6F}), S_OK);
-  pool.Close();
-  EXPECT_EQ(Contents(pool.audio_file), (Samples{0.1F, 0.2F, 0.3F, 0.4F, 0.5F, 0.6F}));
-  EXPECT_EQ(Contents(pool.peak_file), (Samples{0.4F, 0.4F, 0.5F, 0.5F}));
-  EXPECT_EQ(SampleCount(pool.LastReader()), 3);
+  EXPECT_EQ(pool.Write({0.1F, 0.2F, 0.3F}), S_OK);
+  EXPECT_EQ(Contents(pool.audio_file), (Samples{0.1F, 0.2F, 0.3F}));
+  EXPECT_EQ(Contents(pool.peak_file), (Samples{0.1F, 0.1F, 0.2F, 0.2F}));
 }
 
 TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
@@ -238,13 +234,10 @@ TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
   EXPECT_EQ(SampleCount(last), 2);
   // The pool is ready while nobody has it open.
   pool.Close();  // the take that was abandoned
-  for (const HRESULT opened : {last->OpenDevice(), pool.pool->Lock()}) {
-    EXPECT_EQ(opened, S_OK);
-    EXPECT_FALSE(pool.IsReady());
-  }
-  EXPECT_EQ(last->CloseDevice(), S_OK);
+  EXPECT_TRUE(pool.IsReady());
+  EXPECT_EQ(last->OpenDevice(), S_OK);
   EXPECT_FALSE(pool.IsReady());
-  EXPECT_EQ(pool.pool->Unlock(), S_OK);
+  EXPECT_EQ(last->CloseDevice(), S_OK);
   EXPECT_TRUE(pool.IsReady());
   // One plain count: an Unlock too many makes it busy.
   EXPECT_EQ(pool.pool->Unlock(), S_OK);

@@ -79,8 +79,10 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
       drawn_ = 0;
       const Floats samples = Process(mode, channels, bits, source, first);
       for (std::size_t i = 0; i < 16; ++i) {
+        const double code = samples[i] * (std::ldexp(1.0, bits - 1) - 1);
+        EXPECT_EQ(std::lround(code), codes[i]) << bits;
         // As exactly as a float can hold it.
-        EXPECT_NEAR(samples[i], codes[i] / (std::ldexp(1.0, bits - 1) - 1), 2e-7) << bits;
+        EXPECT_NEAR(code, codes[i], std::abs(code) * 1e-7) << bits;
       }
       EXPECT_EQ(drawn_, mode == DitherState::kTriangularNoise ? 32U : 0U);
     }
@@ -201,32 +203,41 @@ TEST_F(Peaks, OfABlockAreOneGroupMoreThanThereAreWholeOnes) {
 }
 
 TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
-  const Floats peaks = Draw(kPalettes[0], 4 * 10'000);
-  std::size_t read = 0;
+  const Floats peaks = Draw(Noise(), 4 * 9'960);
   PeakGroups groups(2);
-  groups.Settle(10'000);
-  std::vector<std::int64_t> ends;
-  for (std::int64_t column = 1; column <= 50; ++column) ends.push_back(5 + column * 198);
-  // Another picture takes no more than a group for each column.
-  for (const auto& [first, most] : {std::pair{5, 10'064U}, {5, 0U}, {69, 52U * 64}}) {
-    Floats expected(4 * ends.size(), kNoLowest);
+  groups.Settle(9'960);  // in the middle of a group
+  // Draws the stretches between the boundaries and returns the number of peaks read.
+  const auto draw = [&](const std::vector<std::int64_t>& boundaries) {
+    Floats expected(4 * (boundaries.size() - 1), kNoLowest);
     for (std::size_t i = 1; i < expected.size(); i += 2) expected[i] = kNoHighest;
     Floats pairs = expected;
-    for (std::size_t i = 0; i < 4 * 198 * 50; i += 2) {
-      const float* const peak = &peaks[4 * static_cast<std::size_t>(first) + i];
-      Extend(&expected[i / (4 * 198) * 4 + i % 4], peak[0], peak[1]);
+    for (std::size_t column = 0; column + 1 < boundaries.size(); ++column) {
+      for (std::int64_t i = 4 * boundaries[column]; i < 4 * boundaries[column + 1]; i += 2) {
+        const float* const peak = peaks.data() + i;
+        Extend(&expected[4 * column + static_cast<std::size_t>(i % 4)], peak[0], peak[1]);
+      }
     }
-    read = 0;
-    if (first == 69) {
-      for (std::int64_t& end : ends) end += 64;
-    }
-    EXPECT_TRUE(groups.Extend(first, ends, pairs, [&](std::int64_t at, std::span<float> block) {
-      std::copy_n(&peaks[4 * static_cast<std::size_t>(at)], block.size(), block.begin());
-      read += block.size() / 4;
-      return true;
-    }));
+    std::size_t read = 0;
+    EXPECT_TRUE(groups.Extend(boundaries[0], std::span(boundaries).subspan(1), pairs,
+                              [&](std::int64_t at, std::span<float> block) {
+                                std::copy_n(peaks.data() + 4 * at, block.size(), block.begin());
+                                read += block.size() / 4;
+                                return true;
+                              }));
     EXPECT_EQ(Bits(pairs), Bits(expected));
-    EXPECT_LE(read, most);
+    return read;
+  };
+  std::vector<std::int64_t> ends;
+  for (std::int64_t column = 0; column <= 50; ++column) ends.push_back(5 + column * 198);
+  EXPECT_LE(draw(ends), 10'064U);
+  EXPECT_EQ(draw(ends), 0U);
+  // Another one takes no more than a group for each column.
+  for (std::int64_t& end : ends) end += 36;
+  EXPECT_LE(draw(ends), 52U * 64U);
+  for (int round = 0; round < 200; ++round) {
+    for (auto& end : ends) end = static_cast<std::int64_t>(9'600 + Below(361));
+    std::ranges::sort(ends);
+    draw(ends);
   }
 }
 
