@@ -8,7 +8,6 @@ TESSALY_LOSS_REPEATS names another number of repeats than one.
 """
 
 import cmath
-import contextlib
 import os
 import pathlib
 import sys
@@ -46,17 +45,6 @@ def heard(server):
 
 
 class LossTest(unittest.TestCase):
-    @contextlib.contextmanager
-    def tools(self):
-        with ChangingServer() as server, contextlib.ExitStack() as ends:
-            tools = [ends.enter_context(SoundTool(TOOL, server.environment, "use", *use, hertz))
-                     for use, hertz in zip(USES, TONES)]
-            yield server, tools
-            self.start(server, tools)
-            for tool in tools:
-                tool.ask("break" if tool.words[2] == "watch" else "end")
-                tool.finish()
-
     def start(self, server, tools):
         for tool, answer in ask(tools, "start").items():
             self.assertEqual(answer["started"], 1, tool.name)
@@ -71,25 +59,25 @@ class LossTest(unittest.TestCase):
                 self.assertEqual(answer.get("refused", 1), 1, tool.name)
         ask(tools, "idle")
 
-    def test_a_device_that_is_lost_in_use_ends_every_use(self):
-        with self.tools() as (server, tools):
-            for lose, give_back in LOSSES:
-                self.start(server, tools)
-                lose(server)
-                self.end(tools)
-                give_back(server)
-                self.assertEqual(heard(server), set())
-
-    def test_without_a_device_nothing_plays_and_the_next_start_is_heard(self):
-        with self.tools() as (server, tools):
-            for lose, give_back in LOSSES:
-                lose(server)
-                for tool, answer in ask(tools, "start").items():
-                    # A document reports no failure.
-                    opens = tool.words[1] not in ("playback", "drain", "recorder")
-                    self.assertEqual(answer["started"], int(opens), tool.name)
-                self.end(tools)
-                give_back(server)
+    def test_a_lost_device_ends_every_use_and_what_starts_once_it_is_back_is_heard(self):
+        server = self.enterContext(ChangingServer())
+        tools = [self.enterContext(SoundTool(TOOL, server.environment, "use", *use, hertz))
+                 for use, hertz in zip(USES, TONES)]
+        for lose, give_back in LOSSES:
+            self.start(server, tools)
+            lose(server)
+            self.end(tools)
+            for tool, answer in ask(tools, "start").items():
+                # A document reports no failure.
+                opens = tool.words[1] not in ("playback", "drain", "recorder")
+                self.assertEqual(answer["started"], int(opens), tool.name)
+            self.end(tools)
+            give_back(server)
+            self.assertEqual(heard(server), set())
+        self.start(server, tools)
+        for tool in tools:
+            tool.ask("break" if tool.words[2] == "watch" else "end")
+            tool.finish()
 
 
 if __name__ == "__main__":

@@ -2,8 +2,8 @@
 // test: Chunk("fmt ", U16(1) + U16(2) + ...).
 #pragma once
 
+#include <bit>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,17 +22,12 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
 
 inline Bytes Integer(std::uint64_t value, int bytes) {
   Bytes result;
-  for (; bytes > 0; --bytes, value /= 256)
-    result.push_back(static_cast<unsigned char>(value % 256));
+  for (; bytes > 0; --bytes, value >>= 8) result.push_back(static_cast<unsigned char>(value));
   return result;
 }
 inline Bytes U16(std::uint64_t value) { return Integer(value, 2); }
 inline Bytes U32(std::uint64_t value) { return Integer(value, 4); }
-inline Bytes F32(float value) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &value, sizeof(bits));
-  return U32(bits);
-}
+inline Bytes F32(float value) { return U32(std::bit_cast<std::uint32_t>(value)); }
 
 inline Bytes Text(std::string_view text) { return Bytes(text.begin(), text.end()); }
 inline Bytes TextZ(std::string_view text) { return Text(text) + Bytes{0}; }

@@ -84,10 +84,19 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
   EXPECT_EQ(out.Progress(), 1.0F);
 }
 
+TEST(WavExportFilter, FillsWidthsThatItCannotEncodeWithSilence) {
+  Export out(CodeReader::Create({.frames = 65538, .bits = 32}), 40);
+  // Five bytes a sample, of which four are encoded, block by block.
+  EXPECT_EQ(
+      out.Run(),
+      Wav(Format(1, 40),
+          CodesAsPcm(0, 65536, 32) + Bytes(65536) + CodesAsPcm(65536, 2, 32) + Bytes(2), Info()));
+}
+
 TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
   const std::tuple<CodeReader::Setup, Bytes, float> cases[] = {
       {{.channels = 2, .frames = -1}, Format(2, 16), -1.0F},
-      {{.channels = 0, .frames = 100}, Format(0, 16), 1.0F},
+      {{.channels = -1, .frames = 100}, Format(-1, 16), 1.0F},
       // 2^31 floats: more than a block may have.
       {{.channels = 32767, .frames = 100000}, ExtensibleFormat(1, 32767, 44100, 2, 16, 0), 0.0F},
   };

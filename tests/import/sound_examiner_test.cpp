@@ -240,8 +240,9 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       {Au(3, 0xFFFFFFFF, {0x00, 0x01, 0x7F, 0xFF}), {1, 32767}},
       {Au(7, 100, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 1}), {32767}},
       {WaveOf(ExtensibleFormat(7, 1, 8000, 1, 8, 0), {0x80}), {32124}},
+      {WaveOf(ms_format, ms), {50, -3, 14, -3}},
       // Of several blocks the last is cut off. No such predictor as the seventh.
-      {WaveOf(ms_format, ms + Bytes(7, 0)), {50, -3, 14, -3, 0, 0}},
+      {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
       // The files say how much of the last block is sound.
       {announced(1), {100}},

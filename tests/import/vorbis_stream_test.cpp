@@ -14,6 +14,7 @@
 
 #include "bench/ogg_music.h"
 #include "import/codec_memory.h"
+#include "import/vorbis_samples.h"
 #include "tests/import/ogg_files.h"
 
 extern "C" {
@@ -88,6 +89,7 @@ TEST(VorbisStream, DeliversWhatTheLibraryDecodesUpToAChangeOfTheFormatInBlocksOf
     EXPECT_TRUE(ReadToEnd(*OpenStream(six), room).samples == expected.samples);
   }
   EXPECT_TRUE(ReadToEnd(*OpenStream(six), 5).samples.empty());
+  EXPECT_EQ(VorbisCode(std::numeric_limits<float>::quiet_NaN()), -32768);
 }
 
 TEST(VorbisStream, TakesTheTextsOfItsComments) {
