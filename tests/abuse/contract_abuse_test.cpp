@@ -186,7 +186,7 @@ BOOL CALLBACK CloseDialog(HWND window, LPARAM) {
 
 class ContractAbuse : public ::testing::TestWithParam<std::string> {
  protected:
-  void SetUp() override {
+  ContractAbuse() {
     Check(CopyFileW(TESSALY_SAMPLE_OGG, sample_.c_str(), TRUE) ? S_OK : LastErrorResult());
     // Some of the texts are relative file names.
     SetCurrentDirectoryW(folder_.path().c_str());
@@ -276,28 +276,24 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
 
   // Some object with that interface. Null where the module has none.
   IUnknown* LegalObject(const Parameter& parameter) {
-    const auto keep = [&](const auto& object) {
-      return kept_.emplace_back(As<IUnknown>(object)), object.Get();
-    };
-    if (parameter.iid == IID_IAudioReader || parameter.name == "punkAudioReader") {
-      return keep(Silence(kFrames));
+    const auto& [name, kind, type, iid] = parameter;
+    ComPtr<IUnknown> object;
+    if (iid == IID_IAudioReader || name == "punkAudioReader") {
+      object = As<IUnknown>(Silence(kFrames));
+    } else if (iid == IID_IAudioPool || iid == IID_IAudioWriter) {
+      object = As<IUnknown>(Pool());
+    } else if (name == "punkExportFilter" || name == "punkImportFilter") {
+      object =
+          Create<IUnknown>(name == "punkExportFilter" ? CLSID_CWavExportFilter : CLSID_COggImport);
     }
-    if (parameter.iid == IID_IAudioPool) return keep(Pool());
-    if (parameter.iid == IID_IAudioWriter) return keep(As<IAudioWriter>(Pool()));
-    if (parameter.name == "punkExportFilter") {
-      return keep(Create<IExportFilter>(CLSID_CWavExportFilter));
-    }
-    if (parameter.name == "punkImportFilter") return keep(Create<IImportFilter>(CLSID_COggImport));
     for (const Class& known : classes_) {
-      for (const Interface& each : known.interfaces) {
-        if (each.iid != parameter.iid) continue;
-        ComPtr<IUnknown>& face = kept_.emplace_back();
-        Create<IUnknown>(known.clsid)
-            ->QueryInterface(each.iid, reinterpret_cast<void**>(face.GetAddressOf()));
-        return face.Get();
-      }
+      const bool has_it = std::ranges::count(known.interfaces, iid, &Interface::iid) > 0;
+      if (!object && has_it) object = Create<IUnknown>(known.clsid);
     }
-    return nullptr;
+    if (!object) return nullptr;
+    ComPtr<IUnknown>& face = kept_.emplace_back();
+    object->QueryInterface(iid, reinterpret_cast<void**>(face.GetAddressOf()));
+    return face.Get();
   }
 
   static ComPtr<IAudioPool> Pool() {

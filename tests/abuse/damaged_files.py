@@ -6,7 +6,6 @@ damaged_files.py BUILD FINDINGS [FILES] [SEED]   inside a Wine session
 
 import os
 import pathlib
-import queue
 import random
 import shutil
 import subprocess
@@ -23,7 +22,7 @@ BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
 # Each graph of Wine's decoders leaves more behind, with any client.
 GRAPH_HANDLES = 30
-GIVE_UP_SECONDS = 120
+GIVE_UP_SECONDS = 1200  # for a batch
 
 SOX = {"s16.wav": "-b 16", "s24.wav": "-b 24", "f32.wav": "-b 32 -e floating-point", "mulaw.wav": "-e mu-law",
        "ima.wav": "-e ima-adpcm", "six.wav": "-c 6 -b 16", "s16.aiff": "-b 16", "f32.aifc": "-b 32 -e floating-point",
@@ -66,30 +65,25 @@ def damage(data, chance):
 def import_all(folder, find):
     """In one process, and what is left in another one after a crash."""
     while remaining := sorted(folder.iterdir()):
-        lines, handles = queue.Queue(), []
         process = subprocess.Popen([WINE, BUILD / "tests/import_files.exe", f"Z:{folder}", "count"],
                                    stdout=subprocess.PIPE, **QUIET)
-        threading.Thread(target=lambda out=process.stdout: [*map(lines.put, out), lines.put(b"")], daemon=True).start()
-        started = time.monotonic()
-        while remaining:
-            try:
-                line = lines.get(timeout=GIVE_UP_SECONDS)
-            except queue.Empty:
-                line = process.kill()
-            if not line:
-                break
+        watch = threading.Timer(GIVE_UP_SECONDS, process.kill)
+        watch.start()
+        handles, started = [], time.monotonic()
+        for line in process.stdout:
             words = line.decode(errors="replace").split()
             path = folder / words[0] if words else None
             # The libraries below the decoders print as well.
             if path not in remaining:
                 continue
-            if time.monotonic() - started > MOST_SECONDS:
-                find(path, f"{time.monotonic() - started:.0f} s")
-            started = time.monotonic()
+            seconds, started = time.monotonic() - started, time.monotonic()
+            if seconds > MOST_SECONDS:
+                find(path, f"{seconds:.0f} s")
             handles += [int(words[6])] if len(words) == 7 else []
             remaining.remove(path)
             path.unlink()
         _, status, usage = os.wait4(process.pid, 0)
+        watch.cancel()
         more = sum(step for step in map(int.__sub__, handles[1:], handles) if 0 < step < GRAPH_HANDLES)
         if remaining:
             find(remaining[0], f"the process ended with {status:#x}, or hung")

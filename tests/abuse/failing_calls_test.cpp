@@ -112,113 +112,90 @@ bool InstallStandIns() {
   return true;
 }
 
-class Story {
- public:
-  explicit Story(const std::wstring& folder) : target_(folder + L"\\out.wav") {
-    Check(pool_->SetBitDepth(32, 0));
-    WriteTake(writer_.Get(), kept_samples_);
-    Check(pool_->CreateLastReader(kept_.GetAddressOf()));
-  }
+// Imports, edits and exports while call number `n` fails. Returns how many calls have failed then.
+int Tell(Fault kind, LONG64 n, const Bstr& target) {
+  const Samples samples = Ramp(2000, 0);
+  const Bstr name(L"name");
+  const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+  const auto writer = As<IAudioWriter>(pool);
+  ComPtr<IAudioReader> kept;
+  Check(pool->SetBitDepth(32, 0));
+  WriteTake(writer.Get(), samples);
+  Check(pool->CreateLastReader(kept.GetAddressOf()));
 
-  // With call number `n` failing. Returns how many calls of the story have failed.
-  int Run(Fault kind, LONG64 n) {
-    kind_ = kind;
-    calls = 0;
-    failed = nullptr;
-    fails_at = n;
-    armed = kind;
-    Tell();
-    armed = Fault::kNone;
-    EXPECT_TRUE(failed != nullptr || failures_ == 0) << "a call failed without a cause";
-    GoOn();
-    return failures_;
-  }
-
- private:
-  // A call that may fail. True when it did not.
-  bool Try(HRESULT hr) {
+  int failures = 0;
+  // True when the call did not fail.
+  const auto attempt = [&](HRESULT hr) {
     if (SUCCEEDED(hr)) return true;
-    ++failures_;
+    ++failures;
     const bool known =
         hr == E_FAIL || hr == E_OUTOFMEMORY || hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF) ||
-        (kind_ == Fault::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
-        (kind_ == Fault::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
+        (kind == Fault::kFileCall && HRESULT_FACILITY(hr) == FACILITY_WIN32) ||
+        (kind == Fault::kAllocation && hr == HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
     EXPECT_TRUE(known) << std::hex << hr;
     return false;
-  }
-  template <class I>
-  ComPtr<I> TryCreate(REFCLSID clsid) {
-    ComPtr<I> object;
-    return Try(CreateInstance(clsid, object)), object;
-  }
-  void Finish(IUnknown* object) {
+  };
+  const auto create = [&]<class I>(REFCLSID clsid, ComPtr<I> object = {}) {
+    attempt(CreateInstance(clsid, object));
+    return object;
+  };
+  const auto finish = [&](IUnknown* object) {
     const auto task = As<ICoreTask>(object);
     const HRESULT hr = task->Start();
     // A connector starts and returns E_NOTIMPL.
-    if (hr == E_NOTIMPL || Try(hr)) WaitForTask(task.Get());
+    if (hr == E_NOTIMPL || attempt(hr)) WaitForTask(task.Get());
+  };
+  calls = 0;
+  failed = nullptr;
+  fails_at = n;
+  armed = kind;
+  const auto import = create(CLSID_COggImport, ComPtr<IImportFilter>());
+  if (import && attempt(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer.Get()))) {
+    finish(import.Get());
   }
-
-  void Tell() {
-    const Bstr name(L"name");
-    const auto import = TryCreate<IImportFilter>(CLSID_COggImport);
-    if (import && Try(import->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer_.Get()))) {
-      Finish(import.Get());
+  ComPtr<IAudioReader> last;
+  const auto document = create(CLSID_CEditedAudio, ComPtr<IEditedAudio>());
+  if (attempt(pool->CreateLastReader(last.GetAddressOf())) && document) {
+    attempt(last->ReadAudio(0, Floats(5000)));
+    attempt(As<IPeakReader>(last)->ReadPeaks(0, Floats(8)));
+    attempt(document->InitChange(1, name));
+    attempt(document->AppendSegment(last.Get(), 0, 80000));
+    attempt(document->InsertSegment(500, kept.Get(), 0, 1000));
+    attempt(As<ILabelSupport>(document)->AddLabel(100, name));
+    attempt(document->CommitChange());
+    attempt(document->Delete(200, 400));
+    attempt(document->ReadWaveplot(0, 50000, Floats(400)));
+    attempt(document->Insert(0, document.Get()));
+    const auto filter = create(CLSID_CWavExportFilter, ComPtr<IExportFilter>());
+    if (filter && attempt(filter->Initialize(target, As<IAudioReader>(document).Get()))) {
+      attempt(As<IMetaDataWriter>(filter)->SetMetaData(name, name, name, name, name));
+      finish(filter.Get());
     }
-    ComPtr<IAudioReader> last;
-    const auto document = TryCreate<IEditedAudio>(CLSID_CEditedAudio);
-    const auto filter = TryCreate<IExportFilter>(CLSID_CWavExportFilter);
-    if (Try(pool_->CreateLastReader(last.GetAddressOf())) && document && filter) {
-      Try(last->ReadAudio(0, Floats(5000)));
-      Try(As<IPeakReader>(last)->ReadPeaks(0, Floats(8)));
-      Try(document->InitChange(1, name));
-      Try(document->AppendSegment(last.Get(), 0, 80000));
-      Try(document->InsertSegment(500, kept_.Get(), 0, 1000));
-      Try(As<ILabelSupport>(document)->AddLabel(100, name));
-      Try(As<ISectionMarkerSupport>(document)->AddSectionMarker(0, 500, name));
-      Try(document->CommitChange());
-      Try(document->Delete(200, 400));
-      Try(document->ReadWaveplot(0, 50000, Floats(400)));
-      Try(document->Insert(0, document.Get()));
-      Try(As<ILabelSupport>(filter)->AddLabel(100, name));
-      Try(As<IMetaDataWriter>(filter)->SetMetaData(name, name, name, name, name));
-      if (Try(filter->Initialize(Bstr(target_), As<IAudioReader>(document).Get()))) {
-        Finish(filter.Get());
-      }
-    }
-    const auto connector = TryCreate<IAudioConnector>(CLSID_CAudioConnector);
-    if (connector && filter &&
-        Try(connector->SetupReaderToExport(kept_.Get(), filter.Get(), 44100, 2))) {
-      if (Try(filter->Initialize(Bstr(target_), As<IAudioReader>(connector).Get())))
-        Finish(connector.Get());
-      As<ICoreTask>(connector)->Cancel();  // the two hold each other until then
-    }
-    static const std::vector<Class> classes = ClassesOfTheModule();
-    for (const Class& known : classes) TryCreate<IUnknown>(known.clsid);
   }
+  const auto connector = create(CLSID_CAudioConnector, ComPtr<IAudioConnector>());
+  const auto filter = create(CLSID_CWavExportFilter, ComPtr<IExportFilter>());
+  if (connector && filter &&
+      attempt(connector->SetupReaderToExport(kept.Get(), filter.Get(), 44100, 2))) {
+    if (attempt(filter->Initialize(target, As<IAudioReader>(connector).Get()))) {
+      finish(connector.Get());
+    }
+    As<ICoreTask>(connector)->Cancel();  // the two hold each other until then
+  }
+  static const std::vector<Class> classes = ClassesOfTheModule();
+  for (const Class& known : classes) create(known.clsid, ComPtr<IUnknown>());
+  armed = Fault::kNone;
+  EXPECT_TRUE(failed != nullptr || failures == 0) << "a call failed without a cause";
 
   // Nothing fails any more.
-  void GoOn() {
-    ExpectStored(kept_.Get(), 0, kept_samples_);
-    LONG ready = 0;
-    Check(writer_->QueryIsReady(&ready));
-    EXPECT_EQ(ready, 1) << "the pool is still open";
-    const Samples more = Ramp(3000, 9000);
-    WriteTake(writer_.Get(), more);
-    ComPtr<IAudioReader> reader;
-    Check(pool_->CreateLastReader(reader.GetAddressOf()));
-    ExpectStored(reader.Get(), 0, more);
-    EXPECT_TRUE(DeleteFileW(target_.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND)
-        << "a file is still open";
-  }
-
-  const std::wstring target_;
-  Fault kind_ = Fault::kNone;
-  int failures_ = 0;
-  const Samples kept_samples_ = Ramp(2000, 0);
-  const ComPtr<IAudioPool> pool_ = Create<IAudioPool>(CLSID_CAudioPool);
-  const ComPtr<IAudioWriter> writer_ = As<IAudioWriter>(pool_);
-  ComPtr<IAudioReader> kept_;
-};
+  ExpectStored(kept.Get(), 0, samples);
+  LONG ready = 0;
+  Check(writer->QueryIsReady(&ready));
+  EXPECT_EQ(ready, 1) << "the pool is still open";
+  WriteTake(writer.Get(), samples);
+  Check(pool->CreateLastReader(last.ReleaseAndGetAddressOf()));
+  ExpectStored(last.Get(), 0, samples);
+  return failures;
+}
 
 class FailingCalls : public ::testing::TestWithParam<Fault> {};
 
@@ -226,9 +203,11 @@ TEST_P(FailingCalls, HarmNoStoredAudioAndLeakNothing) {
   static const bool installed = InstallStandIns();
   ASSERT_TRUE(installed);
   const TemporaryFolder folder;
+  const Bstr target(folder.File(L"out.wav"));
   int failures = 0;
   const auto run = [&](LONG64 n) {
-    failures += Story(folder.path()).Run(GetParam(), n);
+    failures += Tell(GetParam(), n, target);
+    EXPECT_TRUE(DeleteFileW(target) || GetLastError() == ERROR_FILE_NOT_FOUND) << "a file is open";
     return failed != nullptr;
   };
   run(0);

@@ -14,50 +14,46 @@
 namespace marlinda::testing {
 namespace {
 
-// The object is never released.
-template <class I>
-I* Leak(ComPtr<I> object) {
-  return object.Detach();
+// Ends the process with all that it holds.
+void End() {
+  if (_wgetenv(L"TESSALY_KILLED")[0] == L'1') TerminateProcess(GetCurrentProcess(), 7);
+  ExitProcess(7);
 }
 
-void Work(const std::wstring& name) {
-  if (name == L"import") {
+TEST(DISABLED_Child, EndsInTheMiddleOfItsWork) {
+  const std::wstring work = _wgetenv(L"TESSALY_WORK");
+  if (work == L"import") {
     const HANDLE writing = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    auto* const writer = Leak(MakeObject<RecordingWriter>());
+    const auto writer = MakeObject<RecordingWriter>();
     writer->on_write = [=](SAFEARRAY*) {
       SetEvent(writing);
       Sleep(INFINITE);
     };
-    auto* const filter = Leak(Create<IImportFilter>(CLSID_COggImport));
-    Check(filter->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer));
-    Check(Leak(As<ICoreTask>(filter))->Start());
+    const auto filter = Create<IImportFilter>(CLSID_COggImport);
+    Check(filter->Initialize(Bstr(TESSALY_SAMPLE_OGG), writer.Get()));
+    Check(As<ICoreTask>(filter)->Start());
     WaitForSingleObject(writing, INFINITE);
-  } else if (name == L"export") {
+    End();
+  } else if (work == L"export") {
     const std::wstring path = std::filesystem::temp_directory_path() / L"endless.wav";
-    auto* const filter = Leak(Create<IExportFilter>(CLSID_CWavExportFilter));
-    Check(filter->Initialize(Bstr(path), Leak(Silence(1LL << 40))));
-    auto* const task = Leak(As<ICoreTask>(filter));
-    Check(task->Start());
-    for (float progress = 0; progress == 0;) Check(task->GetProgress(&progress));
-  } else if (name == L"pool") {
-    auto* const writer = Leak(As<IAudioWriter>(Create<IAudioPool>(CLSID_CAudioPool)));
+    const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
+    Check(filter->Initialize(Bstr(path), Silence(1LL << 40).Get()));
+    Check(As<ICoreTask>(filter)->Start());
+    for (float progress = 0; progress == 0;) Check(As<ICoreTask>(filter)->GetProgress(&progress));
+    End();
+  } else if (work == L"pool") {
+    const auto writer = As<IAudioWriter>(Create<IAudioPool>(CLSID_CAudioPool));
     Check(writer->SetFormat(44100, 2));
     Check(writer->OpenDevice());
     Check(writer->WriteAudio(Floats(20000)));
-  } else {
-    auto* const document = Leak(Create<IEditedAudio>(CLSID_CEditedAudio));
-    Check(document->AppendSegment(Leak(Silence(1LL << 30)), 0, 1LL << 30));
-    Check(document->Play(0, 1LL << 30, 0xFFFFFFFF, VARIANT_TRUE));
-    VARIANT_BOOL playing = VARIANT_TRUE;
-    for (__int64 position = 0; position == 0;) Check(document->GetPlayStatus(&playing, &position));
+    End();
   }
-}
-
-// What a child does: "import" or another work, and "killed" or nothing.
-TEST(DISABLED_Child, EndsInTheMiddleOfItsWork) {
-  Work(_wgetenv(L"TESSALY_WORK"));
-  if (_wgetenv(L"TESSALY_KILLED")[0] == L'1') TerminateProcess(GetCurrentProcess(), 7);
-  ExitProcess(7);
+  const auto document = Create<IEditedAudio>(CLSID_CEditedAudio);
+  Check(document->AppendSegment(Silence(1LL << 30).Get(), 0, 1LL << 30));
+  Check(document->Play(0, 1LL << 30, 0xFFFFFFFF, VARIANT_TRUE));
+  VARIANT_BOOL playing = VARIANT_TRUE;
+  for (__int64 position = 0; position == 0;) Check(document->GetPlayStatus(&playing, &position));
+  End();
 }
 
 void ExpectCleanEnd(const wchar_t* work) {

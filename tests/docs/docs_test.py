@@ -65,7 +65,7 @@ class DocsTest(unittest.TestCase):
             "imported: 44100 frames", "with a pause: 66150 frames", "waveform: ########........########",
             "shortened: 65150 frames", "taken back: Shorten, 66150 frames", "drawn again: 2 times", "loop: no device",
             "recording: no device"]))
-        for file, params in ("marked", (2, 3, 44100, 66150)), ("converted", (2, 2, 48000, 72000)):
+        for file, params in ("marked", (1, 3, 44100, 66150)), ("converted", (2, 2, 48000, 72000)):
             with wave.open(f"{folder}/{file}.wav") as made:
                 self.assertEqual(made.getparams()[:4], params)
         data = pathlib.Path(folder, "marked.wav").read_bytes()

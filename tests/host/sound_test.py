@@ -159,7 +159,8 @@ class SoundTest(ProgramTest):
 
     def test_record_writes_exactly_the_frames_it_is_told_and_what_it_hears(self):
         frames, rate = 12345, 48000
-        report = self.report("record", self.out, "--seconds", f"{frames}f", "--bits", "24", "--channels", "1", "--rate", str(rate))
+        report = self.report("record", self.out, "--seconds", f"{frames}f", "--bits", "24", "--channels", "1",
+                             "--rate", str(rate))
         self.assertEqual((report["frames"], report["bytes"]), (frames, self.out.stat().st_size))
         with wave.open(str(self.out)) as file:
             self.assertEqual(file.getparams()[:4], (1, 3, rate, frames))

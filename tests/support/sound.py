@@ -1,7 +1,7 @@
 """Sound servers of the tests' own, and the sound that a speaker which is a pipe gets.
 
-The pipe loses nothing on however busy a machine: a sound server that is read late waits. When the
-*player* is late the server fills in silence; signals have no silent frame, so that it can be told apart.
+The pipe loses nothing: a sound server that is read late waits. When the *player* is late the server fills in
+silence; signals have no silent frame, so that it can be told apart.
 """
 
 import array
@@ -27,8 +27,8 @@ def sound_server(pipes, channels=2):
     """The environment of a sound server, whose speaker and microphone are pipes or a null sink."""
     environment = dict(os.environ, TESSALY_SOUND_PIPES="1" if pipes else "", TESSALY_SOUND_CHANNELS=str(channels))
     program = "import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); sys.stdin.read()"
-    server = subprocess.Popen([SESSION, sys.executable, "-c", program], env=environment,
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    server = subprocess.Popen([SESSION, sys.executable, "-c", program], env=environment, stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE)
     try:
         yield json.loads(server.stdout.readline())
     finally:
@@ -212,9 +212,10 @@ class ChangingServer:
                               stdin=subprocess.DEVNULL, capture_output=True)
 
     def start(self):
+        socket = f"module-native-protocol-unix socket={self.socket}"
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
-             "--use-pid-file=no", "--disable-shm=yes", "-L", f"module-native-protocol-unix socket={self.socket}"],
+             "--use-pid-file=no", "--disable-shm=yes", "-L", socket],
             env=self.environment, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_until(lambda: self.control("info", check=False).returncode == 0, "the sound server")
         self.load()

@@ -47,27 +47,25 @@ void AwaitLine() {
   std::getline(std::cin, line);
 }
 
-// Sample n of the interleaved signal. Never 0, so that silence can be told apart.
-float Signal(__int64 n) {
-  const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
-  return static_cast<float>(k < 0 ? k : k + 1) / 32767.0F;
-}
-
-// Sample n of a tone. Half a block holds whole periods of a multiple of 20 Hz, so that blocks join,
-// also where the scrubber overlaps halves of them.
-constexpr std::size_t kToneFrames = kRate / 10;
+constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
-float Tone(int hertz, __int64 n) {
+// Sample n of a tone, or with 0 Hz of the interleaved signal, which is never 0, so that silence can
+// be told apart. Half a block of a tone holds whole periods of a multiple of 20 Hz, so that blocks
+// join, also where the scrubber overlaps halves of them.
+float Wave(int hertz, __int64 n) {
+  if (hertz == 0) {
+    const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
+    return static_cast<float>(k < 0 ? k : k + 1) / 32767.0F;
+  }
   const auto in_period = static_cast<double>(n / kChannels * hertz % kRate) / kRate;
   return kLoudness * static_cast<float>(std::sin(2 * std::numbers::pi * in_period));
 }
 
-struct ToneBlock : Floats {
-  explicit ToneBlock(int hertz) : Floats(kChannels * kToneFrames) {
-    for (std::size_t i = 0; i < values().size(); ++i) {
-      (*this)[i] = Tone(hertz, static_cast<__int64>(i));
-    }
+struct Block : Floats {
+  explicit Block(int hertz, std::size_t count = kToneSamples, std::size_t first = 0)
+      : Floats(count) {
+    for (float& value : values()) value = Wave(hertz, static_cast<__int64>(first++));
   }
 };
 
@@ -101,11 +99,8 @@ void Play(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t fram
   const Floats silence(width * kRate);
   Check(writer->WriteAudio(silence));
   for (std::size_t frame = 0; frame < frames; frame += block_frames) {
-    const Floats block(width * std::min(block_frames, frames - frame));
-    for (std::size_t i = 0; i < block.values().size(); ++i) {
-      block[i] = Signal(static_cast<__int64>(width * frame + i));
-    }
-    Check(writer->WriteAudio(block));
+    const std::size_t count = width * std::min(block_frames, frames - frame);
+    Check(writer->WriteAudio(Block(0, count, width * frame)));
   }
   Check(writer->WriteAudio(silence));
   while (!IsReady(writer)) Sleep(10);
@@ -130,15 +125,13 @@ void Record(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t fr
   Check(reader->CloseDevice());
 }
 
-// The signal, or a tone.
 class SoundSource final : public RampSource {
  public:
   explicit SoundSource(int hertz = 0) : RampSource('A', kChannels, nullptr, kRate), hertz_(hertz) {}
 
  private:
   float At(__int64 frame, int channel) const override {
-    const __int64 n = frame * kChannels + channel;
-    return hertz_ != 0 ? Tone(hertz_, n) : Signal(n);
+    return Wave(hertz_, frame * kChannels + channel);
   }
 
   const int hertz_;
@@ -153,11 +146,10 @@ bool IsPlaying(const Document& document) {
 
 void PlayDocument(const std::string& how, const std::vector<std::string>& words) {
   const Document document;
-  const auto source = MakeObject<SoundSource>();
   document->SetFormat(kRate, kChannels, 32);
   // As in Play.
   if (how == "mask") document.Append(nullptr, 0, kRate / 2);
-  document.Append(source, 0, 66'000);
+  document.Append(MakeObject<SoundSource>(), 0, 66'000);
   document.Append(nullptr, 0, kRate);
   if (how == "mask") {
     Check(document->Play(0, document.Length(), 1, VARIANT_FALSE));
@@ -198,7 +190,7 @@ class Use {
       loud_blocks_ = 0;
       if (!reader_) reader_ = Microphone(16);
       const HRESULT hr = reader_->OpenDevice();
-      Repeat([this, block = std::make_shared<ToneBlock>(hertz_)] {
+      Repeat([this, block = std::make_shared<Block>(hertz_)] {
         const HRESULT read = reader_->ReadAudio(0, *block);
         if (SUCCEEDED(read) && std::ranges::max(block->values()) > kLoudness) ++loud_blocks_;
         return read;
@@ -206,15 +198,11 @@ class Use {
       return hr;
     }
     const bool drains = kind_ == "drain";
-    const ToneBlock block(hertz_);
     if (!writer_) writer_ = Speaker(16, kChannels, drains ? 60'000 : 1000);
     const HRESULT hr = writer_->OpenDevice();
-    for (int i = 0; i < 20 && drains && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(block));
-    if (!drains) {
-      Repeat([writer = writer_, shared = std::make_shared<ToneBlock>(hertz_)] {
-        return writer->WriteAudio(*shared);
-      });
-    }
+    const auto block = std::make_shared<Block>(hertz_);
+    for (int i = 0; i < 20 && drains && SUCCEEDED(hr); ++i) Check(writer_->WriteAudio(*block));
+    if (!drains) Repeat([writer = writer_, block] { return writer->WriteAudio(*block); });
     return hr;
   }
 
@@ -298,11 +286,10 @@ void Run(const std::vector<std::string>& words) {
   const std::string& command = words.at(0);
   if (command == "use") return Obey(Use(words.at(1), std::stoi(words.at(3))), words.at(2));
   if (command != "play" && command != "record") return PlayDocument(command, words);
-  const auto number = [&](std::size_t place) { return std::stoi(words.at(place)); };
-  const auto bits = static_cast<SHORT>(number(1));
-  const auto channels = static_cast<SHORT>(number(2));
-  const auto block_frames = static_cast<std::size_t>(number(3));
-  const auto frames = static_cast<std::size_t>(number(4));
+  const auto bits = static_cast<SHORT>(std::stoi(words.at(1)));
+  const auto channels = static_cast<SHORT>(std::stoi(words.at(2)));
+  const std::size_t block_frames = std::stoul(words.at(3));
+  const std::size_t frames = std::stoul(words.at(4));
   if (command == "play") return Play(bits, channels, block_frames, frames);
   Record(bits, channels, block_frames, frames, words.at(5));
 }
