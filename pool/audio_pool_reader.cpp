@@ -172,7 +172,7 @@ class CAudioPoolReader final
     stored_samples_.Trim();
     return read.hr;
   }
-  HRESULT ReadStoredPeaks(std::int64_t first, std::span<float> peaks) {
+  HRESULT ReadStoredPeaks(std::int64_t first, std::span<float> peaks) const {
     if (region_.peak_file == nullptr) return kNoFile;
     const std::int64_t offset = ByteOffset(region_.peak_offset, PeakBytes(region_.channels), first);
     return ReadAt(region_.peak_file, offset, std::as_writable_bytes(peaks)).hr;
