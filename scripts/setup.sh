@@ -12,7 +12,7 @@ build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev
   dpkg-dev ca-certificates xz-utils libutfcpp-dev
-  googletest python3 vorbis-tools
+  googletest python3
 )
 # Wine, its display and a font for pictures and windows.
 wine=(wine64 libwine xvfb fonts-dejavu-core)
@@ -28,13 +28,13 @@ package=("${build[@]}" nsis zip unzip)
 # The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
 # writes; a sound server stands for the sound card.
 test=(
-  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs mediainfo ffmpeg
+  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs vorbis-tools ffmpeg
   pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
 )
 lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
 bench=(
   "${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg
-  pulseaudio pulseaudio-utils
+  vorbis-tools pulseaudio pulseaudio-utils
 )
 fuzz=("${build[@]}" g++ libtag1-dev clang libclang-rt-14-dev)
 

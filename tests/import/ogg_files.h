@@ -25,9 +25,9 @@ using riff::Bytes;
 inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
 // One short block, with one codeword, with 2^22, and with a hundred codebooks of 2^10 codewords and
 // 8191 values each.
-inline constexpr char kSmallest[] = "fuzz/corpus/import_vorbis_stream/smallest.ogg";
-inline constexpr char kManyCodebooks[] = "fuzz/corpus/import_vorbis_stream/codebooks.ogg";
-inline constexpr char kManyCodewords[] = "fuzz/corpus/import_vorbis_stream/codewords.ogg";
+inline constexpr char kSmallest[] = "tests/import/hostile/smallest.ogg";
+inline constexpr char kManyCodebooks[] = "tests/import/hostile/codebooks.ogg";
+inline constexpr char kManyCodewords[] = "tests/import/hostile/codewords.ogg";
 
 // A file of tests/data, or one that is named with its folder.
 inline std::filesystem::path DataFile(const std::string& name) {

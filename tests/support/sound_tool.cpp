@@ -1,8 +1,6 @@
 // Uses sound devices, which the calling test stops, kills and takes away meanwhile:
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
-//   sound_tool mask                  the left channel of 66000 frames in a document
-//   sound_tool loop BEGIN END...     sections of a document, each until a line comes in
 //   sound_tool scrub                 the block around frame 10000, until a line comes in
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
@@ -144,31 +142,14 @@ bool IsPlaying(const Document& document) {
   return playing != VARIANT_FALSE;
 }
 
-void PlayDocument(const std::string& how, const std::vector<std::string>& words) {
+void ScrubDocument() {
   const Document document;
   document->SetFormat(kRate, kChannels, 32);
-  // As in Play.
-  if (how == "mask") document.Append(nullptr, 0, kRate / 2);
   document.Append(MakeObject<SoundSource>(), 0, 66'000);
-  document.Append(nullptr, 0, kRate);
-  if (how == "mask") {
-    Check(document->Play(0, document.Length(), 1, VARIANT_FALSE));
-    while (IsPlaying(document)) Sleep(10);
-  } else if (how == "scrub") {
-    Check(document.scrub->StartScrub());
-    Check(document.scrub->SetScrubPosition(10'000));
-    AwaitLine();
-    Check(document.scrub->StopScrub());
-  } else {
-    for (std::size_t i = 1; i + 1 < words.size(); i += 2) {
-      const int begin = std::stoi(words[i]);
-      const int end = std::stoi(words[i + 1]);
-      Check(i == 1 ? document->Play(begin, end, 3, VARIANT_TRUE)
-                   : document->ModifyPlaySection(begin, end));
-      AwaitLine();
-    }
-    Check(document->StopPlay());
-  }
+  Check(document.scrub->StartScrub());
+  Check(document.scrub->SetScrubPosition(10'000));
+  AwaitLine();
+  Check(document.scrub->StopScrub());
 }
 
 // One way to use a device, which can be started again after each end.
@@ -285,7 +266,7 @@ void Obey(Use&& use, const std::string& ending) {
 void Run(const std::vector<std::string>& words) {
   const std::string& command = words.at(0);
   if (command == "use") return Obey(Use(words.at(1), std::stoi(words.at(3))), words.at(2));
-  if (command != "play" && command != "record") return PlayDocument(command, words);
+  if (command == "scrub") return ScrubDocument();
   const auto bits = static_cast<SHORT>(std::stoi(words.at(1)));
   const auto channels = static_cast<SHORT>(std::stoi(words.at(2)));
   const std::size_t block_frames = std::stoul(words.at(3));
