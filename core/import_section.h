@@ -1,5 +1,5 @@
-// IImportSection: the part of a file that an import filter decodes. No type library names it; a
-// C++ host asks the filter for it, and filters in other modules may have it.
+// IImportSection: imports a part of a file. It is in no type library; a C++ host queries the filter
+// for it. Filters in other modules may implement it.
 #pragma once
 
 #include <unknwn.h>
@@ -10,12 +10,12 @@ struct DECLSPEC_UUID("0c1d7f5a-3b0e-4f0b-8f7e-52a4c1e6b9d3") IImportSection : pu
   // After Initialize: S_OK if GetSourceSampleCount is exact and SetSection takes any part of the
   // file, else S_FALSE.
   virtual HRESULT STDMETHODCALLTYPE QueryCanSetSection() = 0;
-  // Once between Initialize and Start: the run delivers `count` frames from `first` on, the same
-  // that a run over the whole file delivers there, and in the same blocks except for the first and
-  // the last one. GetSourceSampleCount and progress count these;
-  // labels and markers keep their positions in the file. E_FAIL where QueryCanSetSection is not
-  // S_OK, E_INVALIDARG for a part that is empty or reaches beyond the file. After another error,
-  // Initialize readies the filter again.
+  // Call once between Initialize and Start. The import then delivers `count` frames from frame
+  // `first` on, with the same samples as an import of the whole file, and in the same blocks except
+  // the first and the last one. GetSourceSampleCount and progress count these frames; labels and
+  // markers keep their positions in the file. E_FAIL if QueryCanSetSection does not return S_OK,
+  // E_INVALIDARG for a part that is empty or reaches beyond the file. After another error, call
+  // Initialize again.
   virtual HRESULT STDMETHODCALLTYPE SetSection(__int64 first, __int64 count) = 0;
 };
 
