@@ -1,7 +1,7 @@
 // The engine through Visual C++'s #import, which makes wrapper classes of the type library:
 //   cl /EHsc /std:c++17 /I FOLDER\include cut_in_half.cpp
 //   cut_in_half IN.ogg OUT.wav
-// Neither compiled nor run by our tests, which have no Visual C++. Takes a registered engine.
+// Neither compiled nor run by the tests, which have no Visual C++. Needs the registered engine.
 #import "marlinda.tlb" no_namespace named_guids
 
 #include <cstdio>
@@ -12,7 +12,7 @@ static void RunTask(IUnknown* filter) {
   while (task->QueryIsTaskRunning() != VARIANT_FALSE) Sleep(10);
 }
 
-// A failing method throws _com_error.
+// A method that fails throws _com_error.
 static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   const IAudioPoolPtr pool(CLSID_CAudioPool);
   const IImportFilterPtr filter(CLSID_COggImport);
@@ -29,7 +29,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   document->AppendSegment(take, 0, frames);
   document->Delete(frames / 2, frames);
 
-  // A minimum and a maximum for every column and channel, as floats, whatever the declaration says.
+  // A minimum and a maximum for each column and channel: floats, although declared as short.
   const ULONG columns = 64;
   SAFEARRAY* plot = SafeArrayCreateVector(VT_R4, 0, columns * 2 * channels);
   if (plot == nullptr) _com_raise_error(E_OUTOFMEMORY);

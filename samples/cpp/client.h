@@ -1,5 +1,4 @@
-// What the clients in this folder share: creating objects, asking them for interfaces, texts,
-// tasks.
+// Shared by the clients in this folder: creating objects, querying interfaces, texts, arrays.
 #pragma once
 
 #include <windows.h>
@@ -12,7 +11,8 @@
 
 using Microsoft::WRL::ComPtr;
 
-// Errors end these programs; a real host would tell its user. Name the file that `what` is about.
+// Ends the program on failure; a real host would inform its user. `file` names the file that
+// failed.
 inline void Check(HRESULT hr, const char* what, const wchar_t* file = L"") {
   if (SUCCEEDED(hr)) return;
   wchar_t reason[256] = L"\n";
@@ -40,7 +40,7 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
-// A text as the engine takes it.
+// A text parameter of the engine.
 class Text {
  public:
   explicit Text(const std::wstring& text) : text_(SysAllocString(text.c_str())) {
@@ -55,7 +55,7 @@ class Text {
   BSTR text_;
 };
 
-// An array of floats as the engine takes it. One frame of stereo for an IAudioWriter:
+// An array of floats for the engine, here one stereo frame for an IAudioWriter:
 //   Floats block(2);
 //   block[0] = block[1] = 0.5F;
 //   Check(writer->WriteAudio(block), "WriteAudio");

@@ -1,11 +1,11 @@
-// A client of the engine: imports an Ogg Vorbis file, leaves its second half away, prints an
-// overview of the rest and writes it as WAV.
+// Imports an Ogg Vorbis file, deletes its second half, prints an overview of the rest and writes it
+// as WAV:
 //   first_steps IN.ogg OUT.wav
 #include "client.h"
 // After windows.h.
 #include <shellapi.h>
 
-// Imports and exports are tasks on threads of their own.
+// Imports and exports run on threads of their own.
 static void RunTask(IUnknown* filter) {
   const auto task = Query<ICoreTask>(filter);
   Check(task->Start(), "Start");
@@ -35,7 +35,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   Check(document->AppendSegment(take.Get(), 0, frames), "AppendSegment");
   Check(document->Delete(frames / 2, frames), "Delete");
 
-  // A minimum and a maximum for every column and channel, as floats, whatever the declaration says.
+  // A minimum and a maximum for each column and channel: floats, although declared as short.
   constexpr ULONG kColumns = 64;
   const Floats peaks(kColumns * 2 * static_cast<ULONG>(channels));
   Check(document->ReadWaveplot(0, frames / 2, peaks), "ReadWaveplot");
@@ -63,7 +63,7 @@ int main() {
     return 2;
   }
   Check(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), "CoInitializeEx");
-  CutInHalf(words[1], words[2]);  // every object is released before the apartment goes
+  CutInHalf(words[1], words[2]);  // releases every object before CoUninitialize
   CoUninitialize();
   LocalFree(words);
   return 0;

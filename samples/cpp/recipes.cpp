@@ -1,4 +1,4 @@
-// The code of docs/recipes.md as one program: each recipe there is a function here, word for word.
+// The code of docs/recipes.md as one program. Each recipe must equal the code there word for word.
 //   recipes IN OUT_FOLDER
 #include "client.h"
 // After windows.h.
@@ -12,12 +12,12 @@
 #include <vector>
 
 // Recipe: wait for a task
-// Imports and exports are tasks on threads of their own.
+// Imports and exports run on threads of their own.
 template <class Show>
 void WaitFor(ICoreTask* task, Show show) {
   VARIANT_BOOL running = VARIANT_TRUE;
   while (running != VARIANT_FALSE) {
-    Sleep(20);  // with a window: a timer instead
+    Sleep(20);  // in a program with windows, use a timer
     float done = 0.0F;
     if (task->GetProgress(&done) == S_OK) show(done);  // fails while the length is 0
     Check(task->QueryIsTaskRunning(&running), "QueryIsTaskRunning");
@@ -28,17 +28,17 @@ void WaitFor(ICoreTask* task, Show show) {
 static void ShowPercent(float done) { std::printf("\r%3.0f %%", 100.0 * done); }
 
 // Recipe: import
-// The take of the file, or null when no filter reads it or nothing could be decoded.
+// Returns the take of the file; null if no filter reads it or nothing could be decoded.
 ComPtr<IAudioReader> Import(const Text& file) {
-  // For a missing file, as for any that no filter reads, there would be no filter and no reason.
+  // For a missing file the manager returns no filter and no reason, so check first.
   if (GetFileAttributesW(file) == INVALID_FILE_ATTRIBUTES) {
     Check(HRESULT_FROM_WIN32(GetLastError()), "finding the file", file);
   }
   const auto manager = Create<IFileFilterMgr>(CLSID_CFileFilterMgr);
   ComPtr<IImportFilter> filter;
-  // S_OK without a filter is the answer "none": test the pointer.
+  // Returns S_OK even without a filter: test the pointer.
   Check(manager->CreateImportFilter(file, filter.GetAddressOf()), "CreateImportFilter");
-  if (!filter) {  // the list of filters may be empty; the engine's own need no list
+  if (!filter) {  // the list may be empty; built-in filters need no list
     for (const CLSID* each : {&CLSID_COggImport, &CLSID_CDShowImport}) {
       const auto built_in = Create<IImportFilter>(*each);
       if (!filter && built_in->QueryCanLoad(file) == S_OK) filter = built_in;
@@ -50,9 +50,9 @@ ComPtr<IAudioReader> Import(const Text& file) {
   Check(filter->Initialize(file, Query<IAudioWriter>(pool.Get()).Get()), "opening the file", file);
   const auto task = Query<ICoreTask>(filter.Get());
   Check(task->Start(), "Start");
-  WaitFor(task.Get(), ShowPercent);  // task->Cancel() ends it early; what was decoded stays
+  WaitFor(task.Get(), ShowPercent);  // task->Cancel() ends it early; decoded audio stays
 
-  ComPtr<IAudioReader> take;  // it keeps the pool and its files alive
+  ComPtr<IAudioReader> take;  // holds the pool and its files
   Check(pool->CreateLastReader(take.GetAddressOf()), "CreateLastReader");
   return take;
 }
@@ -74,7 +74,7 @@ void InsertPause(IEditedAudio* document, __int64 position, double seconds) {
   SHORT channels = 0;
   Check(Query<IAudioReader>(document)->GetFormat(&rate, &channels), "GetFormat");
   const auto frames = static_cast<__int64>(seconds * rate + 0.5);
-  // No reader is silence. Labels from `position` on move along.
+  // A null reader means silence. Labels at and after `position` move.
   Check(document->InsertSegment(position, nullptr, 0, frames), "InsertSegment");
 }
 // End
@@ -96,14 +96,14 @@ struct Column {
   float highest;
 };
 
-// One channel of the frames from `begin` to `end`, a column a pixel.
+// Reads one channel of the frames from `begin` to `end`, a column for each pixel.
 std::vector<Column> Waveform(IEditedAudio* document, __int64 begin, __int64 end, ULONG columns,
                              ULONG channel) {
   LONG rate = 0;
   SHORT channels = 0;
   Check(Query<IAudioReader>(document)->GetFormat(&rate, &channels), "GetFormat");
   const ULONG step = 2 * static_cast<ULONG>(channels);
-  // Floats, whatever the declaration says. Columns that cannot be read stay 0.
+  // The array holds floats, although it is declared as short. Columns that cannot be read stay 0.
   const Floats peaks(columns * step);
   Check(document->ReadWaveplot(begin, end, peaks), "ReadWaveplot");
   std::vector<Column> result;
@@ -116,7 +116,7 @@ std::vector<Column> Waveform(IEditedAudio* document, __int64 begin, __int64 end,
 // End
 
 // Recipe: play a loop
-// Plays the section again and again until `ends` says so. False when the device could not be used.
+// Plays the section repeatedly until `ends` returns true. False if the device cannot be used.
 template <class Ends>
 bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
   constexpr ULONG kAllChannels = 0xFFFFFFFF;
@@ -126,7 +126,7 @@ bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
     VARIANT_BOOL playing = VARIANT_FALSE;
     __int64 position = 0;
     Check(document->GetPlayStatus(&playing, &position), "GetPlayStatus");
-    // Play succeeds without a device, too; its end is how that shows.
+    // Play succeeds even without a device; playback then ends at once.
     if (playing == VARIANT_FALSE) return false;
     if (ends(position)) break;
     Sleep(20);
@@ -137,7 +137,7 @@ bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
 // End
 
 // Recipe: record
-// Records into a pool. Null when there is no microphone.
+// Records into a pool. Null if there is no microphone.
 ComPtr<IAudioReader> Record(double seconds) {
   constexpr LONG kRate = 44100;
   constexpr SHORT kChannels = 1;
@@ -153,12 +153,12 @@ ComPtr<IAudioReader> Record(double seconds) {
 
   const Floats block(kRate / 10 * kChannels);
   for (auto left = static_cast<long>(10.0 * seconds); left > 0; --left) {
-    // Waits until the tenth of a second has been spoken. A recorder looks at no position.
-    if (FAILED(microphone->ReadAudio(0, block))) break;  // the device has gone
+    // Waits until a tenth of a second is recorded. A recorder ignores the position.
+    if (FAILED(microphone->ReadAudio(0, block))) break;  // the device failed
     Check(writer->WriteAudio(block), "WriteAudio");
   }
   Check(microphone->CloseDevice(), "CloseDevice");
-  Check(writer->CloseDevice(), "CloseDevice of the pool");  // S_FALSE: nothing came
+  Check(writer->CloseDevice(), "CloseDevice of the pool");  // S_FALSE: nothing was recorded
   ComPtr<IAudioReader> take;
   Check(pool->CreateLastReader(take.GetAddressOf()), "CreateLastReader");
   return take;
@@ -171,7 +171,7 @@ void Export(IEditedAudio* document, const Text& file) {
   Check(filter->Initialize(file, Query<IAudioReader>(document).Get()), "creating the file", file);
   Check(filter->SetBitsPerSample(24), "SetBitsPerSample");
 
-  // The export asks the document for samples only. Labels and markers are handed over.
+  // The export reads only samples from the document. Pass it labels and markers.
   const auto labels = Query<ILabelSupport>(document);
   LONG count = 0;
   Check(labels->GetLabelCount(&count), "GetLabelCount");
@@ -201,31 +201,31 @@ void Export(IEditedAudio* document, const Text& file) {
   const auto task = Query<ICoreTask>(filter.Get());
   Check(task->Start(), "Start");
   WaitFor(task.Get(), ShowPercent);
-  // A disk that was full meanwhile shows in the file alone: compare its length.
+  // The export does not report a full disk: compare the file's length.
 }
 // End
 
 // Recipe: convert the rate
-// Writes what `source` reads as WAV with another rate and number of channels, with no copy between.
+// Writes `source` as WAV with another rate and channel count, without a temporary copy.
 void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) {
   const auto connector = Create<IAudioConnector>(CLSID_CAudioConnector);
   const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
   Check(connector->SetupReaderToExport(source, filter.Get(), rate, channels),
         "SetupReaderToExport");
-  // The export reads the connector, which reads the source and converts.
+  // The export reads from the connector, which reads the source and converts.
   Check(filter->Initialize(file, Query<IAudioReader>(connector.Get()).Get()), "creating the file",
         file);
   const auto task = Query<ICoreTask>(connector.Get());
   const HRESULT started = task->Start();
-  if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL: it runs
+  if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that it runs
   WaitFor(task.Get(), ShowPercent);
-  // The two hold each other until the connection is taken apart.
+  // Connector and filter hold references to each other until this.
   task->Cancel();
 }
 // End
 
 // Recipe: undo
-// Passes the events of one interface of a document to a function.
+// Passes the events of one event interface of a document to a function.
 class Sink final : public IDispatch {
  public:
   using Handler = std::function<void(DISPID event, const DISPPARAMS& params)>;
@@ -260,7 +260,8 @@ class Sink final : public IDispatch {
   std::atomic<ULONG> references_ = 0;
 };
 
-// Listens while it lives. Document and sink hold each other until then.
+// Receives events until it is destroyed. Until then document and sink hold references to each
+// other.
 class Listener {
  public:
   Listener(IEditedAudio* document, REFIID events, Sink::Handler handler) {
@@ -279,7 +280,7 @@ class Listener {
   DWORD cookie_ = 0;
 };
 
-// Keeps a copy of the document before each change: segments alone, no samples.
+// Stores a copy of the document before each change: only segments, no samples.
 class UndoSteps {
  public:
   explicit UndoSteps(IEditedAudio* document)
@@ -287,8 +288,8 @@ class UndoSteps {
           if (event == 1 && params.cArgs == 2) Store(params);  // FireStoreUndo
         }) {}
 
-  // Takes the last change back and returns its name. CopyAll fires no event: the change around it
-  // has FireContentChanged sent, and stores no step of its own (0).
+  // Undoes the last change and returns its name. CopyAll sends no event, so a change brackets it,
+  // which sends FireContentChanged. The argument 0 avoids another undo step.
   std::wstring Undo(IEditedAudio* document) {
     if (steps_.empty()) return L"";
     const Step last = std::move(steps_.back());
@@ -306,7 +307,7 @@ class UndoSteps {
   };
 
   void Store(const DISPPARAMS& params) {
-    // The last argument comes first: the document, then the operation's name.
+    // Arguments are in reverse order: the document, then the operation's name.
     const auto document = Query<IEditedAudio>(V_UNKNOWN(&params.rgvarg[0]));
     const auto copy = Create<IEditedAudio>(CLSID_CEditedAudio);
     Check(document->CopyAll(copy.Get()), "CopyAll");
@@ -318,7 +319,7 @@ class UndoSteps {
 };
 
 void Shorten(IEditedAudio* document, __int64 begin, __int64 end) {
-  Check(document->InitChange(1, Text(L"Shorten")), "InitChange");  // the steps keep a copy
+  Check(document->InitChange(1, Text(L"Shorten")), "InitChange");  // UndoSteps stores a copy
   Check(document->Delete(begin, end), "Delete");
   Check(document->CommitChange(), "CommitChange");
 }

@@ -1,9 +1,9 @@
 // The engine from C# with interop signatures written by hand:
 //   csc CutInHalf.cs
 //   CutInHalf IN.ogg OUT.wav
-// Takes an engine that is registered, of the program's own bitness. An interface declares its methods in
-// the order of the type library, and may end after the last one that is used; "tlbimp Tessaly.dll" would
-// make them all.
+// Needs the registered engine in the program's bitness. Interfaces declare their methods in the
+// order of the type library and may omit those after the last used one; "tlbimp Tessaly.dll" would
+// generate all.
 using System;
 using System.Runtime.InteropServices;
 using System.Threading;
@@ -30,14 +30,14 @@ interface IAudioPool
     void Unlock();
     void GetFileHandles(out long pnHandleAudio, out long pnHandlePeak);
     void GetFormat(out int pnSamplesPerSec, out short pnChannels);
-    // Null when nothing was recorded.
+    // Null if the pool has no take.
     IAudioReader CreateLastReader();
 }
 
 [ComImport, Guid("AF905BC1-1608-4C54-8654-EAFC2E81686A"), InterfaceType(ComInterfaceType.InterfaceIsDual)]
 interface IImportFilter
 {
-    // S_FALSE and failures are answers here.
+    // S_FALSE and failures are results, not errors.
     [PreserveSig]
     int QueryCanLoad([MarshalAs(UnmanagedType.BStr)] string bstrFileName);
     void Initialize([MarshalAs(UnmanagedType.BStr)] string bstrFileName, IAudioWriter pWriter);
@@ -65,7 +65,7 @@ interface ICoreTask
 [ComImport, Guid("FC8DCAF9-FDE2-49D2-A5B3-28C00F2BD8FE"), InterfaceType(ComInterfaceType.InterfaceIsDual)]
 interface IEditedAudio
 {
-    // The array is declared as short in the type library and holds floats all the same.
+    // The array holds floats, although the type library declares it as short.
     void ReadWaveplot(long nBegin, long nEnd,
                       [In, Out, MarshalAs(UnmanagedType.SafeArray, SafeArraySubType = VarEnum.VT_R4)]
                       float[] psaPeaks);
@@ -76,7 +76,7 @@ interface IEditedAudio
     void Clear();
     void InsertSegment(long nPosition, IAudioReader parSource, long nBegin, long nEnd);
     void AppendSegment(IAudioReader parSource, long nBegin, long nEnd);
-    // The reader is borrowed, so it must not become an object here: that would release it.
+    // The reader is borrowed. As an object it would be released, so it is an IntPtr.
     int GetFirstSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     int GetNextSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     void Delete(long nBegin, long nEnd);
@@ -96,7 +96,7 @@ static class Program
         while (task.QueryIsTaskRunning()) Thread.Sleep(10);
     }
 
-    // The objects belong to a single-threaded apartment.
+    // The objects need a single-threaded apartment.
     [STAThread]
     static int Main(string[] words)
     {
@@ -124,7 +124,7 @@ static class Program
         document.AppendSegment(take, 0, frames);
         document.Delete(frames / 2, frames);
 
-        // For every column and channel the minimum and the maximum.
+        // A minimum and a maximum for each column and channel.
         const int Columns = 64;
         var peaks = new float[Columns * 2 * channels];
         document.ReadWaveplot(0, frames / 2, peaks);

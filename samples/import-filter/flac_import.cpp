@@ -1,5 +1,5 @@
-// An import filter of one's own, in its own module: FLAC files, decoded by libFLAC.
-// docs/adding-a-filter.md goes through it. "regsvr32 FlacImport.dll" registers and lists it.
+// An import filter in a separate module: decodes FLAC files with libFLAC. docs/adding-a-filter.md
+// explains it. "regsvr32 FlacImport.dll" registers it and adds it to the filter list.
 #include <windows.h>
 // After windows.h.
 #include <FLAC/stream_decoder.h>
@@ -23,33 +23,33 @@ constexpr CLSID kFlacImport = {
     0x6F4D0B52, 0x93B7, 0x4E0D, {0x8A, 0x5C, 0x0D, 0x6E, 0x52, 0xB1, 0xF7, 0x39}};
 constexpr wchar_t kClassKey[] = L"Software\\Classes\\CLSID\\{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
 constexpr wchar_t kClassText[] = L"{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
-// Where the filter manager looks. The name of the value is free, its text is the class.
+// The filter list. The value may have any name; its data is the class identifier.
 constexpr wchar_t kFilterList[] = L"Software\\Brevant\\Cutloom\\Import Filters";
 constexpr wchar_t kListedAs[] = L"CFlacImport";
 constexpr GUID kTypeLibrary = {
     0xF70A5B7A, 0x7291, 0x4204, {0x93, 0xE6, 0xE7, 0x5F, 0xDA, 0xEF, 0x39, 0xFC}};
 
-// The higher merit wins where several filters accept a file. The engine's own have 100 and 200.
+// Of several filters that accept a file, the highest merit wins. Built-in filters have 100 and 200.
 constexpr SHORT kMerit = 150;
 constexpr ULONG kFramesInBlock = 16384;
-// A frame of the file has a header and two checksums, and at most so many samples.
+// The smallest frame of a file (header and two checksums), and the most samples in a frame.
 constexpr __int64 kLeastBytesOfFrame = 8;
 constexpr __int64 kMaxBlock = 65535;
 
 HINSTANCE g_module = nullptr;
-// Objects and running workers: while there are any, the module must stay in memory.
+// Objects and running workers. While there are any, the module must stay loaded.
 std::atomic<long> g_in_use = 0;
 
 struct Description {
   LONG samples_per_sec = 0;
   SHORT channels = 0;
   SHORT bits = 0;
-  __int64 frames = 0;  // 0 when the file does not say
+  __int64 frames = 0;  // 0 if the file does not hold its length
   __int64 bytes = 0;   // of the file
   std::wstring title, artist, album, year, genre;
 };
 
-// What the samples are divided by, so that an export of 8, 16 or 24 bits gives back their codes.
+// The divisor of samples, chosen so that an export with 8, 16 or 24 bits restores their codes.
 float Scale(SHORT bits) {
   if (bits <= 8) return 127.0F / static_cast<float>(1 << (8 - bits));
   if (bits <= 16) return 32767.0F / static_cast<float>(1 << (16 - bits));
@@ -63,7 +63,7 @@ std::wstring Widen(const char* utf8, int size) {
   return text;
 }
 
-// Takes "NAME=text" over into the field of that name, unless it has one already.
+// Stores "NAME=text" in the field of that name unless the field is already set.
 void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Description& description) {
   const std::pair<const char*, std::wstring Description::*> fields[] = {
       {"TITLE=", &Description::title}, {"ARTIST=", &Description::artist},
@@ -77,10 +77,10 @@ void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Descript
     std::wstring& value = description.*field;
     if (value.empty()) value = Widen(text + length, static_cast<int>(entry.length - length));
   }
-  if (description.year.size() > 4) description.year.resize(4);  // of a whole date
+  if (description.year.size() > 4) description.year.resize(4);  // the year of a date
 }
 
-// An open file and its decoder, which calls the methods below. Exceptions must not pass through the
+// An open file and its decoder, which calls the methods below. No exception may pass through the
 // decoder.
 class Decoder {
  public:
@@ -91,8 +91,8 @@ class Decoder {
     if (decoder_ != nullptr) FLAC__stream_decoder_delete(decoder_);  // closes the file
   }
 
-  // S_OK with the description up to the sound, S_FALSE when the file cannot be opened, E_FAIL when
-  // it is no FLAC.
+  // Reads the description. S_FALSE if the file cannot be opened, E_FAIL if it is not a supported
+  // FLAC file.
   HRESULT Open(const wchar_t* name) {
     if (decoder_ == nullptr) return E_OUTOFMEMORY;
     std::FILE* file = _wfsopen(name, L"rb", _SH_DENYNO);
@@ -113,12 +113,12 @@ class Decoder {
   const Description& description() const { return description_; }
 
  protected:
-  // Decodes the next frame. False at the end, and when Take has returned false.
+  // Decodes the next frame. False at the end, or if Take has returned false.
   bool Next() {
     return FLAC__stream_decoder_process_single(decoder_) &&
            FLAC__stream_decoder_get_state(decoder_) < FLAC__STREAM_DECODER_END_OF_STREAM;
   }
-  // The samples of a frame of the file: a pointer for each channel.
+  // Receives the samples of a frame, a pointer for each channel. Returns false to stop.
   virtual bool Take(const FLAC__Frame&, const FLAC__int32* const[]) noexcept { return true; }
 
  private:
@@ -144,18 +144,18 @@ class Decoder {
         for (FLAC__uint32 index = 0; index < comments.num_comments; ++index) {
           TakeComment(comments.comments[index], description);
         }
-      } catch (const std::exception&) {  // no memory for a text
+      } catch (const std::exception&) {  // out of memory: the text stays empty
       }
     }
   }
-  // The decoder looks for the next whole frame by itself.
+  // The decoder skips to the next complete frame itself.
   static void OnError(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void*) {}
 
   FLAC__StreamDecoder* decoder_;
   Description description_;
 };
 
-// Finds the length of a file that does not say it.
+// Measures a file that does not hold its length.
 class Counter final : public Decoder {
  public:
   __int64 Count() {
@@ -173,7 +173,7 @@ class Counter final : public Decoder {
   __int64 frames_ = 0;
 };
 
-// S_OK, S_FALSE when the file cannot be opened, E_FAIL when it is no FLAC with sound.
+// Reads the description of a file. Same results as Decoder::Open.
 HRESULT Read(const wchar_t* name, Description& description) {
   Decoder decoder;
   const HRESULT hr = decoder.Open(name);
@@ -181,7 +181,7 @@ HRESULT Read(const wchar_t* name, Description& description) {
   return hr;
 }
 
-// What the worker needs. It holds this and never the filter: that may go first.
+// The state shared with the worker. The worker never holds the filter, which may be released first.
 class Job final : public Decoder {
  public:
   Job() { ++g_in_use; }
@@ -200,7 +200,8 @@ class Job final : public Decoder {
 
  private:
   bool Take(const FLAC__Frame& frame, const FLAC__int32* const channels[]) noexcept override;
-  // Hands a block of `count` frames over, which `fill` writes; false when the import is to end.
+  // Passes a block of `count` frames, which `fill` writes, to the writer. False if the import must
+  // end.
   template <class Fill>
   bool Write(ULONG count, Fill fill);
   bool WriteSilence(__int64 end);
@@ -216,18 +217,18 @@ bool Job::Write(ULONG count, Fill fill) {
   HRESULT hr = E_FAIL;
   try {
     hr = writer->WriteAudio(block);
-  } catch (...) {  // a foreign writer's
+  } catch (...) {  // an exception of the host's writer
   }
   SafeArrayDestroy(block);
   position += count;
   return SUCCEEDED(hr);
 }
 
-// For what a damaged file has lost, so that the rest keeps its place.
+// Replaces missing audio of a damaged file by silence, so that later frames keep their positions.
 bool Job::WriteSilence(__int64 end) {
   while (position < end) {
     const auto count = static_cast<ULONG>((std::min<__int64>)(end - position, kFramesInBlock));
-    if (!Write(count, [](float*) {})) return false;  // the array is made of zeros
+    if (!Write(count, [](float*) {})) return false;  // a new array holds zeros
   }
   return true;
 }
@@ -235,7 +236,7 @@ bool Job::WriteSilence(__int64 end) {
 bool Job::Take(const FLAC__Frame& frame, const FLAC__int32* const channels[]) noexcept {
   const auto& header = frame.header;
   const auto begin = static_cast<__int64>(header.number.sample_number);
-  // Frames of other formats, or before or behind their place, are no part of this sound.
+  // Ignores frames with another format or outside the remaining range.
   if (header.channels != static_cast<unsigned>(description().channels) ||
       header.bits_per_sample != static_cast<unsigned>(description().bits) || begin < position ||
       begin >= frames) {
@@ -260,12 +261,12 @@ void Job::Run() {
     while (open && position < frames) open = Next();
     writer->CloseDevice();
   }
-  // Released before the task counts as ended.
+  // The writer is released before the task reports its end.
   std::exchange(writer, nullptr)->Release();
   running = false;
 }
 
-// IDispatch of a dual interface, from the engine's type library: scripts come this way.
+// IDispatch of a dual interface, from the engine's type library. Scripts use it.
 template <class I>
 class Dual : public I {
  public:
@@ -306,7 +307,8 @@ class Dual : public I {
   }
 };
 
-// One object serves one import. IImportFilter comes first: it is what scripts are handed.
+// One object serves one import. IImportFilter is first, because it is the interface that scripts
+// get.
 class FlacImport final : public Dual<IImportFilter>,
                          public Dual<IExFormatInfo>,
                          public Dual<IMetaDataReader>,
@@ -364,7 +366,7 @@ class FlacImport final : public Dual<IImportFilter>,
         Counter counter;
         if (counter.Open(bstrFileName) == S_OK) job->frames = counter.Count();
       }
-      // No more than the file can hold, whatever it says.
+      // Limited to what a file of its size can hold.
       job->frames =
           (std::min)(job->frames, job->description().bytes / kLeastBytesOfFrame * kMaxBlock);
       if (job->frames == 0) return E_FAIL;
@@ -468,8 +470,8 @@ class FlacImport final : public Dual<IImportFilter>,
     return S_OK;
   }
 
-  // A writer that the worker releases may hold the filter: then this runs on the worker itself,
-  // which must not wait for its own end.
+  // A writer that the worker releases may hold the filter's last reference. Then this runs on the
+  // worker, which must not wait for itself.
   void Stop() {
     job_->cancelled = true;
     if (!thread_.joinable()) return;
@@ -487,7 +489,7 @@ class FlacImport final : public Dual<IImportFilter>,
   std::wstring name_;
 };
 
-// Never deleted; it needs no count of its own.
+// Never deleted, so it needs no reference count.
 class Factory final : public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
@@ -517,7 +519,7 @@ class Factory final : public IClassFactory {
   }
 };
 
-// As the engine's own modules: for the machine, or for the current user with
+// Registers like the engine's modules: for the machine, or for the current user with
 // TESSALY_REGISTRATION=user.
 bool IsPerUser() {
   wchar_t value[8] = L"";
@@ -556,14 +558,14 @@ STDAPI DllRegisterServer() {
                     SetText(root, server.c_str(), nullptr, path) &&
                     // The engine calls it from the thread that created it.
                     SetText(root, server.c_str(), L"ThreadingModel", L"Both");
-  // The list is the machine's, which a class of one user is no part of.
+  // The filter list belongs to the machine, so a class registered for one user is not listed.
   const bool listed =
       IsPerUser() || SetText(HKEY_LOCAL_MACHINE, kFilterList, kListedAs, kClassText);
   return done && listed ? S_OK : SELFREG_E_CLASS;
 }
 
 STDAPI DllUnregisterServer() {
-  // What is not there need not be removed.
+  // A missing value is not a failure.
   if (!IsPerUser()) RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFilterList, kListedAs);
   const LSTATUS status =
       RegDeleteTreeW(IsPerUser() ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE, kClassKey);

@@ -1,14 +1,14 @@
-// The engine from Node.js for Windows, through the tables of functions that its objects begin with:
+// Calls the engine from Node.js for Windows through the vtables of its objects:
 //
 //     npm install koffi
 //     node cut_in_half.mjs IN.ogg OUT.wav
 //
-// Needs the registered engine, of Node's own bitness. Node has no COM of its own; koffi is one of several
+// Needs the registered engine in Node's bitness. Node does not support COM; koffi is one of several
 // packages that call native functions.
 import koffi from 'koffi';
 import { setTimeout as sleep } from 'node:timers/promises';
 
-// The places of the methods that are used, counted from an interface's first own one.
+// Vtable indexes of the used methods, counted from the interface's own first method.
 const interfaces = {
   IAudioPool: {
     iid: '49FAFF9E-BF19-4FFC-8414-A043D0FB4C45',
@@ -42,7 +42,7 @@ const interfaces = {
     Initialize: [1, 'void *file_name, void *reader'],
   },
 };
-// IUnknown and IDispatch come before: all of these interfaces are dual.
+// All these interfaces are dual, so the methods of IUnknown and IDispatch come first.
 const FIRST_OWN = 7;
 const RELEASE = 2;
 
@@ -66,7 +66,7 @@ function check(hr) {
   return hr;
 }
 
-// The first three fields of a GUID lie in memory with their lowest byte first.
+// The first three fields of a GUID are little-endian in memory.
 function guid(text) {
   const bytes = Buffer.from(text.replaceAll('-', ''), 'hex');
   for (const [begin, end] of [[0, 4], [4, 6], [6, 8]]) bytes.subarray(begin, end).reverse();
@@ -82,7 +82,7 @@ function call(object, place, prototype, ...parameters) {
 const queryInterface = koffi.proto('int32_t __stdcall QueryInterface(void *self, void *iid, _Out_ void **object)');
 const release = koffi.proto('uint32_t __stdcall Release(void *self)');
 
-// One interface of an object, with its methods as functions.
+// Returns an interface of an object with its methods as functions.
 class Face {
   constructor(name, pointer) {
     this.pointer = pointer;
@@ -133,7 +133,7 @@ async function run(filter) {
   task.release();
 }
 
-// The lowest and highest sample of each column and channel.
+// Returns the lowest and highest sample of each column and channel.
 function overview(document, frames, columns, channels) {
   const peaks = SafeArrayCreateVector(VT_R4, 0, columns * channels * 2);
   try {

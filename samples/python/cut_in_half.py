@@ -2,9 +2,9 @@
 
     python cut_in_half.py IN.ogg OUT.wav
 
-Never run by our tests, which check its syntax only. Takes an engine that is registered, of Python's own
-bitness. Draws no overview: ReadWaveplot declares its array of floats as one of shorts, and comtypes makes
-what is declared.
+Not run by the tests, which check only its syntax and the names of its calls. Needs the registered engine in
+Python's bitness. Draws no overview: ReadWaveplot declares its array of floats as short, and comtypes follows the
+declaration.
 """
 import sys
 import time

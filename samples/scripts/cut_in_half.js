@@ -1,14 +1,14 @@
-// Imports an audio file, leaves its second half away and writes the rest as WAV:
+// Imports an audio file, deletes its second half and writes the rest as WAV:
 //   cscript cut_in_half.js IN OUT.wav FRAMES
-// FRAMES is the length of the file, which "marlinda info IN" tells. Needs the registered engine and,
-// beside it, InterfacePicker.dll: see README.md.
+// FRAMES is the length of the file, which "marlinda info IN" prints. Needs the registered engine
+// and InterfacePicker.dll: see README.md.
 //
-// What the language cannot do here:
-// - Ask an object for another interface; pick does that.
-// - Hold a 64-bit number: what GetSampleCount returns is of no use, so the length is an argument.
-//   As arguments of methods, whole numbers up to 2^53 are taken.
-// - Receive through [out] parameters that are not the result, or make an array of floats: ReadAudio,
-//   WriteAudio, ReadPeaks, ReadWaveplot and GetFormat are out of reach.
+// Limits of the language:
+// - It cannot query an object for another interface; pick does that.
+// - It has no 64-bit numbers. The result of GetSampleCount is unusable, so the length is an argument.
+//   Arguments of methods may be whole numbers up to 2^53.
+// - It has no [out] parameters besides the result, and no arrays of floats: it cannot call ReadAudio,
+//   WriteAudio, ReadPeaks, ReadWaveplot and GetFormat.
 if (WScript.Arguments.length != 3 || !(Number(WScript.Arguments(2)) > 0)) {
   WScript.Echo("usage: cscript cut_in_half.js IN OUT.wav FRAMES");
   WScript.Quit(2);
@@ -17,7 +17,7 @@ var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2)), half = Math.floor(frames / 2);
 var pick = new ActiveXObject("Tessaly.InterfacePicker");
 
-// Null: no listed filter reads the file. "marlinda install-filters" lists those of the engine.
+// Null if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
 var filter = new ActiveXObject("Marlinda.FileFilterMgr").CreateImportFilter(input);
 if (!filter) {
   WScript.Echo("No import filter reads " + input);

@@ -1,11 +1,11 @@
-' Imports an audio file, leaves its second half away and writes the rest as WAV:
+' Imports an audio file, deletes its second half and writes the rest as WAV:
 '   cscript cut_in_half.vbs IN OUT.wav
-' Needs the registered engine and, beside it, InterfacePicker.dll: see README.md.
+' Needs the registered engine and InterfacePicker.dll: see README.md.
 '
-' What the language cannot do here:
-' - Ask an object for another interface; pick does that.
-' - Make an array of floats. So ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot are out of reach, and
-'   this sample draws no overview.
+' Limits of the language:
+' - It cannot query an object for another interface; pick does that.
+' - It has no arrays of floats, so it cannot call ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot.
+'   This sample therefore draws no overview.
 Option Explicit
 If WScript.Arguments.Count <> 2 Then
   WScript.Echo "usage: cscript cut_in_half.vbs IN OUT.wav"
@@ -14,7 +14,7 @@ End If
 Dim pick, manager, pool, import, take, frames
 Set pick = CreateObject("Tessaly.InterfacePicker")
 
-' Null filter: no listed one reads the file. "marlinda install-filters" lists those of the engine.
+' Nothing if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
 Set manager = CreateObject("Marlinda.FileFilterMgr")
 Set import = manager.CreateImportFilter(WScript.Arguments(0))
 If import Is Nothing Then
@@ -27,7 +27,7 @@ RunTask pick(import, "ICoreTask")
 Set take = pool.CreateLastReader
 frames = take.GetSampleCount
 
-' The default interface of a document is IAudioReader: what exports and plays takes it as it is.
+' The default interface of a document is IAudioReader, which exports accept directly.
 Dim document, edit
 Set document = CreateObject("Marlinda.EditedAudio")
 Set edit = pick(document, "IEditedAudio")

@@ -1,8 +1,8 @@
-// Gives scripts every interface of an object. A script receives an object's default interface and
-// cannot ask for another one; the one method of this object does it:
+// Gives scripts every interface of an object. A script gets only the default interface; this
+// object's one method returns the others:
 //   Set pick = CreateObject("Tessaly.InterfacePicker")
 //   pick(filter, "ICoreTask").Start
-// "regsvr32 InterfacePicker.dll" registers it for the machine, or for the user alone when the
+// "regsvr32 InterfacePicker.dll" registers it for the machine, or for the current user if the
 // environment variable TESSALY_REGISTRATION is "user".
 #include <windows.h>
 // After windows.h.
@@ -27,7 +27,7 @@ constexpr GUID kMarlinda = {
 
 HINSTANCE g_module = nullptr;
 
-// The dual interface of that name in the registered type library.
+// Finds the dual interface of that name in the registered type library.
 HRESULT FindInterface(const wchar_t* name, IID& iid) {
   ComPtr<ITypeLib> library;
   HRESULT hr = LoadRegTypeLib(kMarlinda, 1, 0, 0, library.GetAddressOf());
@@ -68,7 +68,7 @@ HRESULT Pick(const VARIANT& object, const VARIANT& name, VARIANT* result) {
   return S_OK;
 }
 
-// One object for the life of the process; it has no state.
+// One object for the whole process, without state.
 class InterfacePicker final : public IDispatch, public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
@@ -106,7 +106,7 @@ class InterfacePicker final : public IDispatch, public IClassFactory {
     VARIANT name;
     VariantInit(&object);
     VariantInit(&name);
-    // The last argument comes first.
+    // Arguments are in reverse order.
     HRESULT hr = VariantCopyInd(&object, &params->rgvarg[1]);
     if (SUCCEEDED(hr)) hr = VariantCopyInd(&name, &params->rgvarg[0]);
     if (SUCCEEDED(hr)) hr = Pick(object, name, result);

@@ -1,9 +1,8 @@
 Attribute VB_Name = "CutInHalf"
-' The engine from Visual Basic for Applications, 64-bit, with a reference to "Marlinda 1.0 Type Library"
-' (Tools, References). Neither compiled nor run by our tests. Takes an engine that is registered, of
-' the application's own bitness: LongLong exists in 64-bit applications only, and a 32-bit one cannot
-' pass or receive a position. Draws no overview: VBA passes its arrays by reference, and the engine's
-' methods take them by value.
+' Calls the engine from 64-bit Visual Basic for Applications, with a reference to "Marlinda 1.0 Type
+' Library" (Tools, References). Neither compiled nor run by the tests. Needs the registered 64-bit
+' engine. 32-bit applications lack LongLong and cannot pass positions. Draws no overview: VBA passes
+' arrays by reference, but the engine's methods take them by value.
 Option Explicit
 
 #If VBA7 Then
@@ -17,7 +16,7 @@ Public Sub CutInHalf(ByVal Source As String, ByVal Target As String)
     Dim Take As IAudioReader
     Dim Frames As LongLong
 
-    ' Set asks the object for the interface of the variable.
+    ' Set queries the object for the variable's interface.
     Set Writer = Pool
     Set Import = New COggImport
     Import.Initialize Source, Writer
