@@ -8,5 +8,5 @@
 compile x64 Tessaly Converter Mp3Encoder InterfacePicker marlinda
 compile x86 Tessaly Converter Mp3Encoder
 for product in x{64,86}/{Tessaly,Converter,Mp3Encoder}.dll x64/marlinda.exe; do
-  [[ -s $root/build/$product ]] || die "the build left no build/$product"
+  [[ -s $root/build/$product ]] || die "the build did not make build/$product; see build/logs"
 done

@@ -1,24 +1,24 @@
 #!/usr/bin/env bash
-# Says which lines of the product its tests run:
+# Reports which lines of the product the tests run:
 #   scripts/coverage.sh [--list]                 the kernels, by their tests on this machine
 #   scripts/coverage.sh --components [--list]    all that is in the module, the host and the samples, by
 #                                                the tests under Wine; half an hour
-# --list names every line that never ran.
+# --list prints every line that never ran.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 preset=coverage
 [[ ${1:-} != --components ]] || preset=x64-coverage
 "$root/scripts/setup.sh" build test
 compile "$preset"
-# The counters of earlier runs would count, too.
+# Otherwise the counts of earlier runs would be included.
 find "$root/build/$preset" -name '*.gcda' -delete
 if [[ $preset == coverage ]]; then
   step "tests of the kernels" "ctest --preset coverage --rerun-failed" \
     env -C "$root" ctest --preset coverage --no-tests=error
 else
   shift
-  # Counting makes this build so slow that tests with limits of time fail; what they ran counts as well.
-  # A package is made of another build.
+  # This build is so slow that CTest ends some tests; the lines that they ran still count. Packages are made
+  # from another build.
   log=$logs/coverage-components.log
   env -C "$root" "$root/scripts/wine-session" ctest --preset x64-coverage --no-tests=error -LE '^sound$' \
     -E '^package' >"$log" 2>&1 </dev/null || true

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# The engine's main job from end to end: a piece of music comes in as Ogg Vorbis, is cut, gets a second
-# of silence, labels and a section marker, is drawn, and leaves as a WAV file, which other programs
-# then describe. It is played when the machine has a sound device. Installs and builds what is missing
-# first. The result stays in build/demo.
+# Demonstrates the engine from end to end: imports Ogg Vorbis, cuts it, inserts a second of silence, labels
+# and a section marker, draws it and writes a WAV file, which other programs then describe. Plays the result
+# if the machine has a sound device. First installs and builds what is missing. Leaves the results in
+# build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo
@@ -14,21 +14,21 @@ folder=$root/build/demo
 rm -rf "$folder"
 mkdir -p "$folder"
 
-# Shows a command as a person would type it and runs it; what it says goes to log.txt and, for picking out,
-# to `said`.
+# show TEXT COMMAND...: prints TEXT, the command as a person would type it, and runs the command. Its output
+# goes to log.txt and `said`.
 show() {
   local shown=$1
   shift
   printf '$ %s\n' "$shown"
   said=$("$@" 2>messages) || {
     cat messages >&2
-    die "that command ended with status $?"
+    die "the command failed with status $?; see its messages above"
   }
   printf '$ %s\n%s\n\n' "$shown" "$said" >>log.txt
 }
-# pick REGEX: the first group of it in what was said.
+# pick REGEX: prints its first group from the last command's output.
 pick() {
-  [[ $said =~ $1 ]] || die "log.txt: the last program said nothing like $1"
+  [[ $said =~ $1 ]] || die "the last output in log.txt does not match $1"
   printf '%s' "${BASH_REMATCH[1]}"
 }
 
@@ -47,14 +47,14 @@ demo() {
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
   printf '    %s\n' "$(pick $'(demo.wav[^\n]+)')"
-  # What was written is described by programs that know nothing of the engine.
+  # Independent programs describe the result.
   show "sox --info demo.wav" sox --info demo.wav
   printf '    %s, %s\n' "$(pick '= ([0-9]+ samples)')" "$(pick $'Sample Encoding: ([^\n]+)')"
   show "sndfile-info demo.wav" sndfile-info demo.wav
   printf '    labels "%s" and "%s", title "%s"\n' "$(pick $'labl : 0 : ([^\n]+)')" \
     "$(pick $'labl : 1 : ([^\n]+)')" "$(pick $'INAM : ([^\n]+)')"
 
-  # The sound library of a machine without devices complains at length.
+  # Without a device, the sound library prints many messages.
   if marlinda devices 2>/dev/null | grep -qx "outputs: none"; then
     echo '"marlinda devices" finds no output on this machine, so the result is not played.'
   else
@@ -68,6 +68,6 @@ export root folder music
 "$root/scripts/wine-session" true # makes the prefix on first use, before the commands are shown
 export -f demo show pick die
 "$root/scripts/wine-session" bash -euo pipefail -c demo
-echo "In build/demo: demo.ogg (from), demo.wav (to), demo.png (its waveform), log.txt (all that was said)."
+echo "In build/demo: demo.ogg (from), demo.wav (to), demo.png (its waveform), log.txt (all output)."
 cmp -s "$folder/demo.png" "$root/docs/images/demo.png" ||
-  echo "The picture in README.md is another: cp build/demo/demo.png docs/images/"
+  echo "The picture in README.md differs from this one. To update it: cp build/demo/demo.png docs/images/"

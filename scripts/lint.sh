@@ -1,27 +1,26 @@
 #!/usr/bin/env bash
-# Reads the code: clang-format, then cppcheck and clang-tidy over everything that is not a test:
+# Checks the code with clang-format, and all but the tests with cppcheck and clang-tidy:
 #   scripts/lint.sh [--changed | FILE.cpp...]
-# Kernels are read as this machine compiles them, components as the cross compiler does, so the code
-# for Windows is read too. A file that was clean is read again only after a change of it, of a header
-# or of .clang-tidy. All of them take fifteen to thirty minutes on two cores; scripts/test.sh leaves it
-# out for that reason. --changed reads only the files that differ from the last commit: seconds, but a
-# changed header then counts for them alone.
+# Kernels are checked as native code, components as Windows code. A clean file is checked again only after a
+# change to it, to a header or to .clang-tidy. A full run takes fifteen to thirty minutes on two cores, so
+# scripts/test.sh does not include it. --changed checks only the files that differ from the last commit, in
+# seconds; it does not check other files that include a changed header.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 cd "$root"
 
 "$root/scripts/setup.sh" lint
-step "format of the code" "clang-format -i FILE puts it right" "$root/scripts/lib/check-format"
+step "format of the code" "clang-format -i FILE fixes it" "$root/scripts/lib/check-format"
 configure native
 configure x64
-# The generated headers are read, too.
+# The checks need the generated headers.
 step -q "generate the contracts" "see the log" cmake --build build/x64 --target marlinda_contracts_files
 
 folders=()
 for folder in core pool edit device import export task converter host; do
   [[ ! -d $folder ]] || folders+=("$folder")
 done
-# cppcheck takes what a body may throw for thrown by the function that gives the body to ComCall, which
-# catches it. It sees no headers but ours.
+# cppcheck attributes exceptions of a ComCall body to the surrounding function, although ComCall catches them.
+# It reads only this project's headers.
 step "cppcheck" "see the log" cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ -I . \
   --enable=warning,performance,portability --suppress=throwInNoexceptFunction \
   --suppress=missingInclude --suppress=unknownMacro "${folders[@]}"
@@ -40,7 +39,7 @@ mkdir -p "$stamps"
 newest=$(find .clang-tidy "${folders[@]}" \( -name '*.h' -o -name .clang-tidy \) -printf '%T@ %p\n' |
   sort -rn | sed -n '1s/^[^ ]* //p')
 
-# The C++ headers of the cross compiler, which clang does not look for by itself.
+# The cross compiler's C++ headers, which clang does not find by itself.
 mingw=$(dirname "$(x86_64-w64-mingw32-g++-posix -print-libgcc-file-name)")/include/c++
 export root stamps newest mingw
 
@@ -65,5 +64,5 @@ begun=$SECONDS
 if printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -c 'lint_one "$1"' lint; then
   say "clang-tidy: ${#files[@]} files" $((SECONDS - begun))
 else
-  die "clang-tidy found something, see above; a check that does not fit goes into .clang-tidy with its reason"
+  die "clang-tidy has findings, listed above; disable an unsuitable check in .clang-tidy and give the reason"
 fi

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds what is handed out, from the 64-bit and the 32-bit build:
+# Makes the packages from the 64-bit and the 32-bit build:
 #   build/package/tessaly-VERSION.zip         unpack and run
 #   build/package/tessaly-VERSION-setup.exe   installs, registers and removes
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
@@ -18,8 +18,8 @@ mkdir -p "$package"
 lay_out() {
   cmake --install "$root/build/x64" --strip --prefix "$folder" &&
     cmake --install "$root/build/x86" --strip --component programs --prefix "$folder" || return
-  # Besides our own list of other people's code its texts as they came: of the libraries that are linked,
-  # from their sources, and of the header-only ones and the compiler's runtime, from Debian's packages.
+  # Licence texts: of linked libraries from their sources, of header-only libraries and the compiler's runtime
+  # from Debian's packages.
   local stamp library place
   for stamp in "$root"/build/deps/x64/.built-*; do
     library=${stamp##*.built-}
@@ -32,14 +32,13 @@ lay_out() {
     gcc-mingw-w64-x86-64-posix-runtime; do
     cp -L "/usr/share/doc/$library/copyright" "$folder/licences/$library.txt" || return
   done
-  sed -i 's/$/\r/' "$folder/README.txt" "$folder/console.cmd" # Windows' own editor and prompt read these
+  sed -i 's/$/\r/' "$folder/README.txt" "$folder/console.cmd" # for Windows' text editor and command prompt
 }
 pack() {
   (cd "$package" && find "$name" -type f | LC_ALL=C sort | zip -q -9 -X -@ "$name.zip")
 }
 set_up_program() {
-  # What it shows of the licences, which modules it registers, and what the uninstaller is to remove, by name;
-  # folders after what is in them.
+  # Writes the licence texts to show, the modules to register, and the files and then folders to remove.
   local text
   {
     printf '\357\273\277' # UTF-8
@@ -59,8 +58,8 @@ set_up_program() {
 step "lay out the files" "see the log" lay_out
 step "zip" "see the log" pack
 step "set-up program" "see the log" set_up_program
-# makensis ends well also when it could not write all of it.
+# makensis returns 0 even if it could not write the whole file.
 for product in "$folder.zip" "$folder-setup.exe"; do
-  [[ -s $product ]] || die "there is no ${product#"$root"/}"
+  [[ -s $product ]] || die "missing or empty: ${product#"$root"/}"
   printf '  %-52s %4d KiB\n' "${product#"$root"/}" $(($(stat -c %s "$product") / 1024))
 done

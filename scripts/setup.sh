@@ -1,13 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is missing on a Debian machine, as root, and builds the libraries that the engine
-# links:
+# Installs missing packages on a Debian machine, as root, and builds the libraries that the engine links:
 #   scripts/setup.sh [GROUP...]     groups: build test demo lint bench fuzz package; "build test" by default
-# Takes a fraction of a second when nothing is missing.
+# If nothing is missing, it takes a fraction of a second.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
-# Cross compilers, interface compiler (widl and the files it reads), header-only libraries, what
-# fetching and building the source packages takes, and what configuring looks
-# for because the tests are part of the build.
+# Cross compilers, the interface compiler (widl and the files that it reads), header-only libraries, tools to
+# fetch and build source packages, and packages that configuring the tests needs.
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev
@@ -16,17 +14,17 @@ build=(
 )
 # Wine, its display and a font for pictures and windows.
 wine=(wine64 libwine xvfb fonts-dejavu-core)
-# What Wine's DirectShow decodes with: rare WAV and AVI (good), WMA
-# and WMV (libav). Uncompressed files need none of it.
+# Decoders of Wine's DirectShow: rarer WAV formats and AVI (good), WMA and WMV (libav). Uncompressed files
+# need none.
 decoders=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The programs that describe the demo's result.
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
-# What packs and unpacks what is handed out.
+# Tools to make and unpack the packages.
 package=("${build[@]}" nsis zip unzip)
-# The native compiler with its sanitizers, and the foreign programs that judge what the engine reads and
-# writes; a sound server stands for the sound card.
+# The native compiler with sanitizers, independent programs that check the files the engine reads and writes,
+# and a sound server in place of a sound card.
 test=(
   "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs vorbis-tools ffmpeg
   pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
@@ -60,19 +58,19 @@ done
 
 if [[ ${#missing[@]} -gt 0 ]]; then
   [[ $(id -u) -eq 0 ]] ||
-    die "these packages are missing; as root: apt-get install --no-install-recommends ${missing[*]}"
-  command -v apt-get >/dev/null || die "these packages are missing, and there is no apt-get: ${missing[*]}"
+    die "packages are missing; install them as root: apt-get install --no-install-recommends ${missing[*]}"
+  command -v apt-get >/dev/null || die "packages are missing, and apt-get was not found; install them by hand: ${missing[*]}"
   echo "Installing ${#missing[@]} packages: ${missing[*]}"
   apt() {
     DEBIAN_FRONTEND=noninteractive TMPDIR=/tmp apt-get -y -o DPkg::Lock::Timeout=300 "$@"
   }
-  # One unreachable list need not matter; whether the packages can be had shows below.
-  step -q "read the package lists" "is the network there?" apt update || true
-  step "install packages" "repair what apt-get reports above, then run this again" \
+  # An unreachable list may not matter: a missing package fails below.
+  step -q "read the package lists" "check the network" apt update || true
+  step "install packages" "fix the error of apt-get above, then run this again" \
     apt install --no-install-recommends "${missing[@]}"
 fi
 
-# The libraries are needed for the machine's own kernels only where those are built.
+# Only groups that build native kernels need native libraries.
 targets=()
 libraries=(libogg libvorbis libsamplerate taglib mpg123 lame flac libebur128)
 for group in "${groups[@]}"; do

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Wears the engine out, in parts of minutes to hours, or of much to download, that are no part of the tests:
+# Runs tests that scripts/test.sh does not include, because they take minutes to hours or large downloads:
 #   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
 #   scripts/soak.sh files [N] [SEED]     so many damaged files, 20,000 unless given
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 # shellcheck disable=SC2154 -- root comes from common.sh
 abuse=$root/build/x64/tests
 
-# under_wine LOG COMMAND...: one line, and the failures when there are any.
+# under_wine WHAT COMMAND...: runs a step under Wine with the limits of tests/abuse/limited.
 under_wine() {
   local what=$1
   shift
@@ -36,21 +36,22 @@ part_hosts() {
     "$root/scripts/sound-session" "$root/scripts/wine-run" "$abuse/abuse_concurrent_hosts_tests.exe"
 }
 
-# Every way for a host to end in every state, twenty times.
+# Ends a host in every way and in every state, twenty times.
 part_ends() {
   compile x64 Tessaly abuse_process_end_tests
   under_wine "hosts that end without a release" "$root/scripts/sound-session" "$root/scripts/wine-run" \
     "$abuse/abuse_process_end_tests.exe" --gtest_filter=-Module.* --gtest_repeat=20
 }
 
-# Damaged files of every kind that is read. Findings stay in build/damaged.
+# Imports damaged files of every supported kind. Findings stay in build/damaged.
 part_files() {
   compile x64 Tessaly marlinda import_files
   "$root/scripts/wine-session" python3 -B "$root/tests/abuse/damaged_files.py" "$root/build/x64" \
     "$root/build/damaged" "${numbers[@]}"
 }
 
-# Loaded, used and unloaded 900 times. A module that mingw links allows about a thousand in a process.
+# Loads, uses and unloads the module 900 times. A module built with mingw allows about a thousand times in a
+# process.
 part_loads() {
   compile x64 Tessaly abuse_process_end_tests
   TESSALY_LOAD_CYCLES=900 under_wine "900 cycles of load, use and unload" "$root/scripts/wine-run" \
@@ -64,10 +65,10 @@ part_trap() {
     env -C "$root" "$root/scripts/wine-session" ctest --preset x64-trap --no-tests=error -LE '^sound$'
 }
 
-# The sound devices, for most of an hour.
+# Long tests of the sound devices, for most of an hour.
 part_device() { "$root/scripts/soak-device.sh"; }
 
-# Each loss of a device twenty times.
+# Loses a device in each way, twenty times.
 part_loss() {
   compile x64 Tessaly sound_tool
   TESSALY_LOSS_REPEATS=20 step "each loss of a device twenty times" \
@@ -75,13 +76,13 @@ part_loss() {
     "$root/scripts/wine-session" python3 -B "$root/tests/device/device_loss_test.py" "$abuse/sound_tool.exe"
 }
 
-# The memory that ten hours take beside ten minutes.
+# Compares the memory use of ten hours of audio with that of ten minutes.
 part_memory() {
   compile x64 Tessaly marlinda
   under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"
 }
 
-# The sample in C#, compiled and run by .NET Core for Windows, 315 MB from npm.
+# Compiles and runs the sample in C# with .NET Core for Windows, 315 MB from npm.
 part_clients() {
   compile x64 Tessaly
   step "the sample in C#" "build/csharp/npm.log is what npm said" "$root/tests/scripts/run_client.sh" csharp "$root/build/x64"
@@ -111,7 +112,7 @@ done
 [[ $# -eq 0 ]] || names=("$@")
 for name in "${names[@]}"; do
   function=$(awk -v name="$name" '$1 == name { print $2 }' <<<"$parts")
-  [[ -n $function ]] || die "no part $name; there are: $(awk 'NF { printf "%s ", $1 }' <<<"$parts")"
+  [[ -n $function ]] || die "unknown part $name; parts: $(awk 'NF { printf "%s ", $1 }' <<<"$parts")"
 done
 "$root/scripts/setup.sh" build test fuzz
 for name in "${names[@]}"; do

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
-# Installs missing packages, builds everything and runs every test: the kernels natively under the
-# sanitizers, kernels and components under Wine in 64 and 32 bits, sound on sound servers of the tests' own;
-# and checks the format of the code. Ends with one summary; the status is 0 only if everything passed.
+# Installs missing packages, builds everything, runs every test and checks the format of the code. Kernels run
+# natively under sanitizers; kernels and components run under Wine in 64 and 32 bits, with private sound
+# servers. Prints a summary; the status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
 "$root/scripts/setup.sh" build test
 passed=0 failed=0 skipped=0 broken=()
 
-# count LOG: "passed failed skipped" of the single tests in the output of CTest with -V. A program that
-# died before its closing line, or that is no GoogleTest program, counts as one test, and so does one that
-# prints NOT TESTED. Under Wine a stack overflow can end a program with status 0: the closing line decides.
+# count LOG: prints "passed failed skipped", the numbers of single tests in the output of CTest with -V. A
+# program without GoogleTest's closing line counts as one test, and so does one that prints NOT TESTED. A
+# program that begins tests and prints no closing line has failed: under Wine a stack overflow can end it
+# with status 0.
 count() {
   awk '
     /^test [0-9]+$/ { ran = bad = left = begun = 0 }
@@ -29,9 +30,9 @@ count() {
     END { print passed + 0, failed + 0, skipped + 0 }' "$1"
 }
 
-# suite NAME PRESET WHAT SELECTION [COMMAND...]: runs the tests of a preset that CTest's option SELECTION
-# ("-L LABEL" or "-LE LABEL") leaves, by the command; prints the result and leaves "passed failed skipped"
-# in a file for the sum.
+# suite NAME PRESET WHAT SELECTION [COMMAND...]: runs the tests of a preset that CTest's option SELECTION ("-L
+# LABEL" or "-LE LABEL") selects, through COMMAND. Prints the result and writes "passed failed skipped" to a
+# file for the summary.
 suite() {
   local name=$1 preset=$2 what=$3 begun=$SECONDS status=0 good bad left selection
   read -ra selection <<<"$4"
@@ -42,7 +43,7 @@ suite() {
   # CTest may report a failure that no single test explains.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
-  # Shown to the user: what this machine cannot run.
+  # Tells the user what this machine cannot run.
   grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))
@@ -53,8 +54,8 @@ suite() {
       awk "!seen[\$0]++" | head -n 40
     tail -n 15 "$log"
     sed -n 's/.*Test *#[0-9]*: \([^ ]*\).*\*\*\*Timeout.*/  HANG: \1 was ended; it gave no result in ten minutes/p' "$log"
-    echo "  FAILED $what: $bad of $((good + bad)) tests; all output: build/logs/test-$name.log"
-    echo "  again: ctest --preset $preset -R NAME, for each of those that failed"
+    echo "  FAILED $what: $bad of $((good + bad)) tests; log: build/logs/test-$name.log"
+    echo "  to repeat a failed test: ctest --preset $preset -R NAME"
   } >&2
 }
 
@@ -62,8 +63,8 @@ rm -f "$logs"/result-*
 names=(x64 package sound asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
-# The suite under Wine waits for timers now and then, and the other builds use that time. Sound has a
-# prefix of its own, because other tests register and unregister the classes meanwhile.
+# Builds run while the suite under Wine waits for timers. Sound tests have a separate prefix, because other
+# tests register and unregister the classes.
 compile x64
 suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package|editor)$" "$root/scripts/wine-session" &
 suite_64=$!
@@ -74,7 +75,7 @@ compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE 
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
 wait "$suite_64" "$suite_package" || true
-# Sound after the builds: a starved sound server fills in silence.
+# Sound tests run after the builds, because a starved sound server inserts silence.
 suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
 status=0
 wait "$system" || status=$?
@@ -89,14 +90,14 @@ elif [[ $status -eq 3 ]]; then
 fi
 wait
 for name in "${names[@]}"; do
-  # A suite without a result has failed.
+  # A suite without a result counts as failed.
   good=0 bad=1 left=0 what="tests of $name"
   read -r good bad left what 2>/dev/null <"$logs/result-$name" || true
   passed=$((passed + good)) failed=$((failed + bad)) skipped=$((skipped + left))
   [[ $bad -eq 0 ]] || broken+=("$what")
 done
 
-if step "format of the code" "clang-format -i FILE puts it right" "$root/scripts/lib/check-format"; then
+if step "format of the code" "clang-format -i FILE fixes it" "$root/scripts/lib/check-format"; then
   passed=$((passed + 1))
 else
   failed=$((failed + 1)) broken+=("format of the code")
@@ -106,6 +107,6 @@ echo
 if [[ $failed -gt 0 ]]; then
   printf 'Failed: %s\n' "${broken[@]}"
 fi
-echo "All of it took $((SECONDS - started)) s."
+echo "Total time: $((SECONDS - started)) s."
 echo "$passed passed, $failed failed, $skipped skipped"
 [[ $failed -eq 0 && $passed -gt 1 ]]

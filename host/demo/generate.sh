@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Makes the demo's piece of music, demo.ogg, again (sox, vorbis-tools): five bars of a plucked melody
-# over bass and beat at 100 beats a minute, so that a cut is seen and heard. A bar takes 2.4 seconds.
+# Generates demo.ogg, the music of the demo, with sox and vorbis-tools: five bars of a plucked melody over bass
+# and beat at 100 beats a minute, so that cuts can be seen and heard. A bar takes 2.4 seconds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 work=$(mktemp -d)
@@ -8,7 +8,7 @@ trap 'rm -r "$work"' EXIT
 beat=0.6
 half=0.3
 
-# note LENGTH KIND PITCH: one note as a mono file, made once; the pitch "-" is a rest. Prints its name.
+# note LENGTH KIND PITCH: makes a mono file of one note, once, and prints its name. The pitch "-" is a rest.
 note() {
   local file=$work/$2$3-$1.wav
   if [[ ! -e $file ]]; then
@@ -21,7 +21,7 @@ note() {
   printf '%s\n' "$file"
 }
 
-# line NAME LENGTH KIND PITCHES...: a line of equally long notes.
+# line NAME LENGTH KIND PITCHES...: makes a line of equally long notes.
 line() {
   local name=$1 length=$2 kind=$3 pitch files=()
   shift 3
@@ -41,7 +41,7 @@ sox -R -n -r 44100 -c 1 "$work/kick.wav" synth 0.25 sine 110-40 fade l 0 0.25 0.
 sox -R -n -r 44100 -c 1 "$work/hat.wav" synth 0.06 whitenoise highpass 6000 fade l 0 0.06 0.05 \
   pad $half 0.24
 sox -m -v 0.9 "$work/kick.wav" -v 0.25 "$work/hat.wav" "$work/beat.wav" repeat 18
-# Beat, bass and melody in the middle, the second voice to the left.
+# Pans beat, bass and melody to the middle, the second voice to the left.
 sox -m -v 0.4 "$work/melody.wav" -v 0.1 "$work/bass.wav" -v 0.4 "$work/beat.wav" "$work/middle.wav" \
   remix 1 1
 sox -M -v 0.4 "$work/second.wav" -v 0.15 "$work/second.wav" "$work/side.wav"

@@ -1,11 +1,10 @@
-# What the scripts share: where things are, running a step, configuring and building a preset.
-# Sourced; sets `root`, and works from any current folder.
+# Shared by the scripts: paths, running a step, configuring and building a preset. Source it; it sets `root`
+# and works from any current folder.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 logs=$root/build/logs
 mkdir -p "$logs"
-# Compilers and test programs put their temporary files here; whatever happens, none stays behind in
-# the system's folder.
+# Temporary files of compilers and tests, so that none stay in the system's folder.
 export TMPDIR=$root/build/tmp
 mkdir -p "$TMPDIR"
 
@@ -14,8 +13,8 @@ die() {
   exit 1
 }
 
-# step [-q] WHAT REMEDY COMMAND...: runs a command with its output in a log. One line on success (none
-# with -q); on failure the end of the log, where the rest of it is, and what may help.
+# step [-q] WHAT REMEDY COMMAND...: runs a command with its output in a log. Prints one line on success (none
+# with -q); on failure the end of the log, its path and REMEDY.
 step() {
   local quiet=
   if [[ $1 == -q ]]; then
@@ -31,22 +30,22 @@ step() {
     {
       echo
       echo "${0##*/}: failed: $what (status $status)"
-      echo "  all of its output: ${log#"$root"/}"
-      echo "  what may help: $remedy"
+      echo "  log: ${log#"$root"/}"
+      echo "  possible remedy: $remedy"
     } >&2
     return "$status"
   fi
   [[ -n $quiet ]] || say "$what" $((SECONDS - started))
 }
 
-# say WHAT SECONDS: the line of a step that has succeeded.
+# say WHAT SECONDS: prints the line of a successful step.
 say() { printf '  %-52s %4d s\n' "$1" "$2"; }
 
-# configure PRESET [CMAKE ARGUMENTS...]: only when something changed that the build does not see.
+# configure PRESET [CMAKE ARGUMENTS...]: configures if the build would not notice the change.
 configure() {
   local preset=$1 folder=$root/build/$1
   shift
-  # A clone that was moved or copied has the old place in its cache.
+  # The cache of a moved or copied clone holds the old path.
   if [[ -f $folder/CMakeCache.txt ]] &&
     ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$folder/CMakeCache.txt"; then
     rm -rf "$folder"
@@ -57,7 +56,7 @@ configure() {
   fi
 }
 
-# compile PRESET [TARGET...]: configures and builds. Scripts that run at once do it one after the other.
+# compile PRESET [TARGET...]: configures and builds. Concurrent scripts take turns.
 compile() {
   local preset=$1 targets=() lock
   exec {lock}>"$root/build/$1.lock"
@@ -65,7 +64,7 @@ compile() {
   shift
   [[ $# -eq 0 ]] || targets=(--target "$@")
   configure "$preset"
-  step "build $preset" "the first line with 'error' in the log names the place" \
+  step "build $preset" "look for the first line with 'error' in the log" \
     cmake --build "$root/build/$preset" "${targets[@]}"
   exec {lock}>&-
 }
