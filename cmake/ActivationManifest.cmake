@@ -1,9 +1,8 @@
-# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes
-# without any registry entry. Writes <target>.exe.manifest beside the program, where the system looks
-# for it; Tessaly.dll must lie in the same folder, Converter.dll where formats are to be converted, and
-# Mp3Encoder.dll where MP3 files are to be written.
-# Classes and identifiers come from the IDL. Part of the installed CMake package as well, where the IDL
-# lies with the headers.
+# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes without
+# registration. Writes <target>.exe.manifest into the program's folder. Tessaly.dll must be in the same
+# folder; so must Converter.dll to convert formats, and Mp3Encoder.dll to write MP3 files. Classes and
+# identifiers come from the IDL. The installed CMake package includes this file; there the IDL is in the
+# include folder.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
   if(NOT EXISTS ${idl})
@@ -11,7 +10,7 @@ function(tessaly_activation_manifest target)
   endif()
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${idl})
   file(READ ${idl} text)
-  # Brackets and semicolons have a meaning in CMake's lists.
+  # CMake's lists interpret brackets and semicolons.
   string(REPLACE "[" "<" text "${text}")
   string(REPLACE "]" ">" text "${text}")
   string(REPLACE ";" "," text "${text}")
@@ -24,8 +23,8 @@ function(tessaly_activation_manifest target)
     message(FATAL_ERROR "No library found in ${idl}")
   endif()
 
-  # Interfaces as well: a client on another thread than the object's reaches it through a proxy,
-  # which the type library describes.
+  # Interfaces are listed because a client in another apartment uses a proxy, which the type library
+  # describes.
   set(proxies)
   string(REGEX MATCHALL "<[^<>]*>${blank}interface[ \t\r\n]+[A-Za-z0-9_]+" interfaces "${text}")
   foreach(interface IN LISTS interfaces)
@@ -43,7 +42,7 @@ function(tessaly_activation_manifest target)
   list(LENGTH coclasses found_count)
   list(LENGTH expected expected_count)
   if(found_count EQUAL 0 OR NOT found_count EQUAL expected_count)
-    message(FATAL_ERROR "${found_count} of ${expected_count} classes understood in ${idl}")
+    message(FATAL_ERROR "Only ${found_count} of ${expected_count} classes could be parsed in ${idl}")
   endif()
   foreach(coclass IN LISTS coclasses)
     string(REGEX MATCH "${attributes}coclass[ \t\r\n]+C([A-Za-z0-9_]+)$" matched "${coclass}")
@@ -57,7 +56,7 @@ function(tessaly_activation_manifest target)
       "    </comClass>\n")
   endforeach()
 
-  # The format converter and the MP3 encoder, which lie in modules of their own.
+  # The format converter and the MP3 encoder are in other modules.
   cmake_path(GET idl PARENT_PATH folder)
   set(converter_idl ${folder}/converter.idl)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${converter_idl})

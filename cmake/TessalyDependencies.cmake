@@ -1,4 +1,5 @@
-# The libraries that scripts/build-dependencies builds: one folder below TESSALY_DEPS per target.
+# Finds the libraries that scripts/build-dependencies builds, in one folder below TESSALY_DEPS for each
+# target.
 if(NOT WIN32)
   set(dependencies_target native)
 elseif(CMAKE_SIZEOF_VOID_P EQUAL 8)
@@ -7,8 +8,8 @@ else()
   set(dependencies_target x86)
 endif()
 
-# tessaly_find_package(<name>): find_package among those libraries and nowhere else, so that no
-# other build of a library slips in. A macro, because find_package sets variables for its caller.
+# tessaly_find_package(<name>): calls find_package for these libraries only, so that no other build of a
+# library is used. A macro, because find_package sets variables of its caller.
 macro(tessaly_find_package name)
   if(MSVC)
     find_package(${name} CONFIG QUIET GLOBAL) # vcpkg's, by vcpkg.json
@@ -22,8 +23,8 @@ macro(tessaly_find_package name)
   endif()
 endmacro()
 
-# tessaly_find_library(<target> <library> <header>): a library without a CMake package. The machine's own
-# kernels take the system's.
+# tessaly_find_library(<target> <library> <header>): finds a library without a CMake package. Native builds
+# use the system's library.
 macro(tessaly_find_library target library header)
   if(MSVC OR NOT WIN32)
     find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC vcpkg's, by vcpkg.json

@@ -1,11 +1,11 @@
-# How every target of this project is compiled, and the kinds of target there are.
+# Compiler options of all targets, and functions that define each kind of target.
 
 add_library(tessaly_options INTERFACE)
 if(MSVC)
   target_compile_options(tessaly_options INTERFACE /W4 /WX /permissive- /utf-8)
 else()
-  # Contraction would let a compiler fuse a multiply and an add and so round once instead of twice;
-  # sample values must be the same on every build.
+  # Contraction fuses a multiply and an add, which rounds once instead of twice. Sample values must be the
+  # same in every build.
   target_compile_options(tessaly_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ffp-contract=off)
 endif()
 if(WIN32)
@@ -13,8 +13,8 @@ if(WIN32)
     tessaly_options INTERFACE NOMINMAX UNICODE _UNICODE _WIN32_WINNT=0x0601
                               WINVER=0x0601)
 endif()
-# An attacker who gets past a bound in this code should find nothing where he expects it, and no stack
-# to write over. The rest of the image flags are the linker's habit; a test holds the module to them.
+# Address space layout randomisation and stack protection make memory errors harder to exploit. The linker
+# sets the other image flags by default; a test checks all of them.
 if(MSVC)
   target_link_options(tessaly_options INTERFACE /DYNAMICBASE /NXCOMPAT)
 else()
@@ -28,8 +28,8 @@ else()
   endif()
 endif()
 if(TESSALY_SANITIZE_TRAP)
-  # There is no sanitizer runtime for Windows: what is undefined ends the program on the spot. The
-  # check of dynamic types is the one that cannot do without a runtime.
+  # There is no sanitizer runtime for Windows, so undefined behaviour traps. Only the check of dynamic types
+  # needs the runtime.
   target_compile_options(tessaly_options INTERFACE -fsanitize=undefined -fno-sanitize=vptr
                                                    -fsanitize-undefined-trap-on-error)
 elseif(TESSALY_SANITIZE)
@@ -45,22 +45,22 @@ function(tessaly_kernels folder)
   target_link_libraries(${folder}_kernels PUBLIC tessaly_options)
 endfunction()
 
-# tessaly_avx2_sources(<sources...>): kernels of this folder that are compiled for AVX2 and FMA. They run
-# only where the processor has both, so they must not define anything inline that other files use.
+# tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA. They run only on
+# processors with both, so they must not define inline functions that other files use.
 function(tessaly_avx2_sources)
   if(MSVC)
     set(options /arch:AVX2)
   else()
     set(options -mavx2 -mfma)
     if(MINGW)
-      # This compiler believes the stack aligned for wide registers, which on Windows it is not.
+      # GCC assumes a stack aligned for wide registers, but on Windows it is not.
       list(APPEND options -Wa,-muse-unaligned-vector-move)
     endif()
   endif()
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "${options}")
 endfunction()
 
-# tessaly_components(<folder> <sources...>): the COM classes of one folder, linked into the module.
+# tessaly_components(<folder> <sources...>): the COM classes of one folder, to link into a module.
 function(tessaly_components folder)
   add_library(${folder}_components OBJECT ${ARGN})
   target_link_libraries(${folder}_components PUBLIC tessaly_options marlinda_contracts)
@@ -70,7 +70,7 @@ function(tessaly_components folder)
   endif()
 endfunction()
 
-# tessaly_module(<name> <description> <sources...>): <name>.dll, beside the programs.
+# tessaly_module(<name> <description> <sources...>): <name>.dll in the folder of the programs.
 function(tessaly_module name description)
   add_library(${name} SHARED ${ARGN})
   set_target_properties(${name} PROPERTIES PREFIX "" IMPORT_PREFIX "" RUNTIME_OUTPUT_DIRECTORY

@@ -1,5 +1,5 @@
-# tessaly_version_resource(<target> <description>): gives a program or a module the version of the
-# project as Windows shows it in the file's properties.
+# tessaly_version_resource(<target> <description>): adds the project's version to a program or module, for the
+# file's properties in Windows.
 function(tessaly_version_resource target description)
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "EXECUTABLE")
