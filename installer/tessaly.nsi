@@ -1,11 +1,11 @@
-; The set-up program: copies the files, registers the modules of both bitnesses, lists the import filters,
-; makes entries in the Start menu, and takes all of it back. Built by scripts/package.sh, which defines
-; VERSION, FOLDER (the files, with lists of them beside it) and OUT.
+; The set-up program and the uninstaller: copies the files, registers the modules of both bitnesses, lists the
+; import filters and adds entries to the Start menu. scripts/package.sh builds it and defines VERSION, OUT and
+; FOLDER, which holds the files and has lists of them beside it.
 ;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
-; For everybody where the user may, else for the user alone. Exit statuses: 0 done, 1 cancelled by the
-; user, 2 not installed, or not removed, and nothing changed; also after a switch that is none of these.
+; Installs for all users if the user is an administrator, else for the current user. Exit statuses: 0 done, 1
+; cancelled by the user, 2 not installed or not removed, with nothing changed, also for an unknown switch.
 
-; The 64-bit stub: a 32-bit one would see the other view of registry and system folder.
+; A 32-bit stub would see the 32-bit view of registry and system folder.
 Target amd64-unicode
 Unicode true
 SetCompressor /SOLID lzma
@@ -51,7 +51,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro MUI_UNPAGE_INSTFILES
 !insertmacro MUI_LANGUAGE English
 
-; A failure before anything was changed: told in words, and by the status where nobody reads.
+; Reports a failure that changed nothing, by a message and by the status.
 !macro Refuse message
   DetailPrint "${message}"
   MessageBox MB_ICONSTOP "${message}" /SD IDOK
@@ -59,8 +59,8 @@ VIAddVersionKey LegalCopyright ""
   Quit
 !macroend
 
-; Modules and program must not be in use: half of them replaced would be worse than none. A file that runs
-; or is loaded cannot be opened for writing.
+; Modules and programs must not be in use, or only some of them would be replaced. A file in use cannot be
+; opened for writing.
 !macro RequireUnused folder kind
   FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
   ${DoUntil} $2 == ""
@@ -72,7 +72,7 @@ VIAddVersionKey LegalCopyright ""
     ${ElseIf} ${Cmd} `MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION \
       "$INSTDIR\${folder}\$2 is in use, or may not be written. Close the programs that use it and try again." \
       /SD IDCANCEL IDCANCEL`
-      !insertmacro Refuse "$2 is in use, or may not be written; nothing was changed."
+      !insertmacro Refuse "$2 is in use or cannot be written. Nothing was changed. Close the programs that use it and try again."
     ${EndIf}
   ${Loop}
   FindClose $1
@@ -88,8 +88,8 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; Registers in a process of its own, which unloads the module again and has its bitness. $0: status, 0 for
-; success, also of a 32-bit module where the system runs no 32-bit programs.
+; Registers in a separate process of the module's bitness, which unloads the module again. $0: status, 0 for
+; success, and for a 32-bit module if the system runs no 32-bit programs.
 !macro Register folder module options
   StrCpy $0 0
   !if ${folder} == x64
@@ -106,7 +106,7 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Register ${folder} ${module} /u
 !macroend
 
-; The list of import filters is the machine's, one for each bitness; marlinda.exe works without it.
+; The machine has one list of import filters for each bitness. marlinda.exe works without it.
 !macro ListFilters folder options
   StrCpy $0 0
   ${If} $Scope == machine
@@ -118,8 +118,8 @@ VIAddVersionKey LegalCopyright ""
   ${EndIf}
 !macroend
 
-; The engine makes the keys of its settings when it looks for them, the machine's too where the user may.
-; What is in them is the user's, or the application's.
+; The engine creates its settings keys when it reads them; the machine's too if the user has the right. Keys
+; with values belong to the user or the application and stay.
 !macro RemoveEmptySettings view
   SetRegView ${view}
   DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
@@ -132,8 +132,8 @@ VIAddVersionKey LegalCopyright ""
 !macroend
 
 !macro DefineChangePath un
-  ; Puts $INSTDIR\x64 at the end of the PATH of $Scope when $R9 is "add", else takes it out. The PATH is not
-  ; put into a variable, because those end at 1,024 characters.
+  ; Appends $INSTDIR\x64 to the PATH of $Scope if $R9 is "add", else removes it. The PATH is not held in a
+  ; variable, because variables have at most 1,024 characters.
   Function ${un}ChangePath
     StrCpy $R0 -2147483647 ; HKEY_CURRENT_USER
     StrCpy $R1 "Environment"
@@ -152,7 +152,7 @@ VIAddVersionKey LegalCopyright ""
       StrCpy $5 0
     ${EndIf}
     ${If} $5 == 0
-      ; Every folder between semicolons, the first and the last too.
+      ; Adds semicolons at both ends, so that each folder is between two.
       System::Call '*$2(&i2 0x3B)'
       System::Call 'kernel32::lstrlenW(p r2) i .r6'
       ${If} $6 > 1
@@ -198,7 +198,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineChangePath "un."
 
 !macro DefineTakeBack un
-  ; Undoes all that Install does. What was not done is not missed.
+  ; Undoes an installation, also an incomplete one.
   Function ${un}TakeBack
     !insertmacro ListFilters x64 --remove
     !insertmacro ListFilters x86 --remove
@@ -212,11 +212,11 @@ VIAddVersionKey LegalCopyright ""
     Delete "$SMPROGRAMS\${NAME}\*.lnk"
     RMDir "$SMPROGRAMS\${NAME}"
     DeleteRegKey SHCTX "${UNINSTALL_KEY}"
-    ; File by file, for the folder may hold more than ours.
+    ; Deletes file by file, because the folder may hold other files.
     !include "${FOLDER}.remove.nsh"
     Delete "$INSTDIR\uninstall.exe"
     RMDir "$INSTDIR"
-    ; Not part of every user's profile: it may have come with us. Others' programs keep it.
+    ; The installation may have created this folder. It stays if it holds other programs.
     ${If} $INSTDIR == "$LOCALAPPDATA\Programs\${NAME}"
       RMDir "$LOCALAPPDATA\Programs"
     ${EndIf}
@@ -228,7 +228,7 @@ VIAddVersionKey LegalCopyright ""
 !macro GiveUp message
   DetailPrint "${message}"
   Call TakeBack
-  !insertmacro Refuse "${message} Nothing is left of the installation."
+  !insertmacro Refuse "${message} The installation was undone."
 !macroend
 
 !macro InstallModule folder module
@@ -249,7 +249,7 @@ Section "Engine, programs, documents"
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $R0 != ""
   ${AndIf} $R0 != $INSTDIR
-    !insertmacro Refuse "An installation in $R0 is there already. Remove it first, or renew it there."
+    !insertmacro Refuse "Tessaly is already installed in $R0. Remove it first, or install into that folder."
   ${EndIf}
   Call RequireUnused
   SetOutPath "$INSTDIR"
@@ -257,7 +257,7 @@ Section "Engine, programs, documents"
   File /r "${FOLDER}\*"
   WriteUninstaller "$INSTDIR\uninstall.exe"
   ${If} ${Errors}
-    !insertmacro GiveUp "Not all files could be written to $INSTDIR."
+    !insertmacro GiveUp "Some files could not be written to $INSTDIR. Check that the disk has room and that you may write there."
   ${EndIf}
   SetOutPath "$TEMP" ; a current folder cannot be removed
 
@@ -304,8 +304,8 @@ Section Uninstall
   Call un.TakeBack
 SectionEnd
 
-; The uninstaller runs as a copy in the temporary folder, which cannot remove itself: a command processor
-; waits for its end, in the folder that the section has made the current one.
+; The uninstaller runs as a copy in the temporary folder, which cannot delete itself. A command processor waits
+; for its end and deletes it; it runs in the section's current folder.
 Function un.onUninstSuccess
   ${If} $EXEDIR != $INSTDIR
     ExecShell "" "$SYSDIR\cmd.exe" '/d /c for /l %i in (1,1,60) do \
@@ -313,7 +313,7 @@ Function un.onUninstSuccess
   ${EndIf}
 FunctionEnd
 
-; The user's own setting of the variable must not interfere.
+; Overrides the user's own setting of the variable.
 !macro EnterScope
   SetRegView 64
   ${If} $Scope == machine
@@ -332,7 +332,7 @@ Function .onInit
   UserInfo::GetAccountType
   Pop $R0
   ${GetParameters} $R1 ; without /D
-  ; A switch that is mistyped would be passed over, and something else installed than was meant.
+  ; Rejects mistyped switches, which would otherwise be ignored.
   ${WordReplace} " $R1 " " " "  " "+" $R3 ; each word has its own two spaces
   ${WordReplace} $R3 " /S " "" "+" $R3
   ${WordReplace} $R3 " /NCRC " "" "+" $R3
@@ -341,7 +341,7 @@ Function .onInit
   ${WordReplace} $R3 " /Path " "" "+" $R3
   ${WordReplace} $R3 " " "" "+" $R3
   ${If} $R3 != ""
-    !insertmacro Refuse "Not a switch of this program: $R1"
+    !insertmacro Refuse "Unknown switch: $R1. Use /S, /AllUsers, /CurrentUser, /Path, /D=FOLDER."
   ${EndIf}
   StrCpy $Scope user
   ${If} $R0 == Admin
@@ -354,7 +354,7 @@ Function .onInit
     ClearErrors
     ${GetOptions} $R1 /AllUsers $R2
     ${IfNot} ${Errors}
-      !insertmacro Refuse "/AllUsers and /CurrentUser contradict each other."
+      !insertmacro Refuse "/AllUsers and /CurrentUser exclude each other. Use one of them."
     ${EndIf}
   ${EndIf}
   ClearErrors
@@ -362,7 +362,7 @@ Function .onInit
   ${IfNot} ${Errors}
     StrCpy $Scope machine
     ${If} $R0 != Admin
-      !insertmacro Refuse "Only an administrator can install for all users."
+      !insertmacro Refuse "Only an administrator can install for all users. Use /CurrentUser, or run this program as administrator."
     ${EndIf}
   ${EndIf}
   !insertmacro EnterScope
@@ -372,7 +372,7 @@ Function .onInit
     !insertmacro SelectSection ${PathSection}
   ${EndIf}
 
-  ; An installation is renewed where it is; two of them would share one registration.
+  ; A new version replaces an existing installation in its folder: two would share one registration.
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $INSTDIR == "" ; no /D
     StrCpy $INSTDIR $R0
@@ -396,7 +396,7 @@ Function un.onInit
   Pop $R0
   ${If} $Scope == machine
   ${AndIf} $R0 != Admin
-    !insertmacro Refuse "Only an administrator can remove what is installed for all users."
+    !insertmacro Refuse "Only an administrator can remove an installation for all users. Run this program as administrator."
   ${EndIf}
   !insertmacro EnterScope
 FunctionEnd
