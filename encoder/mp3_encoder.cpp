@@ -1,7 +1,7 @@
 // CMp3Encoder: an audio compressor for DirectShow graphs. Input: 16-bit PCM of one or two channels.
-// Output: MPEG layer 3 of the rate and channels of the input; its bit rate is chosen by
-// IAMStreamConfig before the output is connected. A receiver that has IStream, as file writers do,
-// gets the frame with the stream's length at its start.
+// Output: MPEG layer 3 with the input's rate and channels; IAMStreamConfig sets the bit rate before
+// the output is connected. If the receiver has IStream, as file writers do, the frame with the
+// stream's length is written at its beginning.
 #include <converter.h>
 
 #include <algorithm>
@@ -70,7 +70,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
   STDMETHODIMP_(ULONG) AddRef() override { return OutputPin::AddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return OutputPin::Release(); }
 
-  // Null when the receiver is no file.
+  // Null if the receiver is not a file.
   ComPtr<IStream> File() const { return TryQuery<IStream>(peer_.Get()); }
 
  private:
@@ -78,7 +78,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     return IsEqualIID(iid, IID_IAMStreamConfig) ? static_cast<IAMStreamConfig*>(this) : nullptr;
   }
 
-  // Of the input that is connected, or of all inputs.
+  // The formats for the connected input, or for all possible inputs.
   std::vector<Mp3Format> Formats() const {
     if (const WAVEFORMATEX* const pcm = input_.type().format()) {
       return Mp3Formats(static_cast<int>(pcm->nSamplesPerSec), pcm->nChannels);
@@ -92,7 +92,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     }
     return all;
   }
-  // The chosen format, or the best bit rate up to the default one.
+  // The chosen format, or the highest bit rate up to the default.
   Mp3Format Format() const {
     const auto formats = Formats();
     if (chosen_ && std::ranges::find(formats, *chosen_) != formats.end()) return *chosen_;
@@ -203,7 +203,7 @@ class CMp3Encoder final : public GraphFilter {
     return bytes.empty() ? S_OK : output_->Deliver(bytes, 0, 0);
   }
 
-  // Over the frame that the stream began with.
+  // Overwrites the first frame of the stream.
   HRESULT WriteInfoFrame() {
     if (!file_) return S_OK;
     const auto frame = stream_->InfoFrame();
@@ -218,7 +218,7 @@ class CMp3Encoder final : public GraphFilter {
   const ModuleObjectCount count_;
   Mp3Pin* output_ = nullptr;
   std::mutex mutex_;
-  // All below is guarded by the mutex.
+  // The mutex guards the members below.
   std::unique_ptr<Mp3Stream> stream_;
   ComPtr<IStream> file_;
 };

@@ -10,15 +10,15 @@ namespace marlinda {
 namespace {
 
 constexpr int kMaxChannels = 2;
-// Near the best, at many times real time.
+// Nearly the best quality, at many times real time.
 constexpr int kQuality = 2;
-// What LAME may put out besides 1.25 bytes a sample, and at the end.
+// Bytes that LAME may return beyond 1.25 per sample, and when it finishes.
 constexpr std::size_t kMinBuffer = 7200;
 constexpr int kBitRatesPerVersion = 14;
 
 constexpr int kRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 
-// LAME's number of the MPEG version that a rate belongs to.
+// LAME's number for the MPEG version of a rate.
 int VersionOf(int samples_per_sec) noexcept {
   if (samples_per_sec >= 32000) return 1;
   return samples_per_sec >= 16000 ? 0 : 2;
@@ -67,8 +67,8 @@ Mp3Stream::Encoder Mp3Stream::Open(const Mp3Format& format, bool has_info_frame,
   return owner;
 }
 
-// LAME multiplies the scale by a number of its own below 256 kbit/s, so the first encoder only
-// tells that.
+// Below 256 kbit/s LAME multiplies the scale by a factor of its own. The first encoder only reports
+// it.
 Mp3Stream::Mp3Stream(const Mp3Format& format, bool has_info_frame)
     : channels_(format.channels),
       encoder_(Open(format, has_info_frame,

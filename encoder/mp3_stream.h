@@ -19,29 +19,29 @@ struct Mp3Format {
 };
 
 // The formats of a rate and a channel count, by ascending bit rate: MPEG 1, 2 and 2.5 (ISO/IEC
-// 11172-3, 13818-3). Empty for a rate or a count that they do not have.
+// 11172-3, 13818-3). Empty for an unsupported rate or channel count.
 std::vector<Mp3Format> Mp3Formats(int samples_per_sec, int channels);
 
-// The rates that have formats.
+// The supported sample rates.
 std::span<const int> Mp3Rates() noexcept;
 
-// The level is that of the input, at every bit rate.
+// Keeps the input's level at every bit rate.
 class Mp3Stream {
  public:
-  // `format` is one of Mp3Formats. With an information frame the stream begins with a frame of
-  // silence, whose place InfoFrame takes in the end. Throws std::bad_alloc.
+  // `format` must be one of Mp3Formats. With an information frame the stream begins with a silent
+  // frame, which the caller overwrites with InfoFrame at the end. Throws std::bad_alloc.
   Mp3Stream(const Mp3Format& format, bool has_info_frame);
   Mp3Stream(const Mp3Stream&) = delete;
   Mp3Stream& operator=(const Mp3Stream&) = delete;
   ~Mp3Stream();
 
-  // Takes whole interleaved frames. Returns the bytes that have become ready, valid until the next
-  // call. Throws std::runtime_error.
+  // Takes whole interleaved frames. Returns the encoded bytes, valid until the next call. Throws
+  // std::runtime_error.
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
-  // The last bytes. Nothing is encoded after it.
+  // Returns the last bytes. Encode must not be called afterwards.
   std::span<const std::byte> Finish();
-  // After Finish: the frame with the length, the delay and the padding, of the size of the first
-  // one. Empty without an information frame.
+  // After Finish: returns the frame with length, delay and padding, which has the first frame's
+  // size. Empty without an information frame.
   std::span<const std::byte> InfoFrame();
 
  private:

@@ -35,10 +35,10 @@ class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    // Thread calls stay enabled: the runtime inside this module frees each thread's data there.
+    // No DisableThreadLibraryCalls: the runtime in this module frees thread data in these calls.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
-    // At process end the automation library may be unloaded before this module.
+    // Not at process end: the automation library may already be unloaded.
     marlinda::ReleaseTypeInfo();
   }
   return TRUE;
