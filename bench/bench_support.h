@@ -1,4 +1,4 @@
-// What the benchmarks share: noise to work on, and counting samples.
+// Shared by the benchmarks: noise as input, and sample counts.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -12,7 +12,7 @@
 namespace marlinda::bench {
 
 constexpr std::size_t kStereo = 2;
-// The block in which exports and imports move audio.
+// The block size of exports and imports.
 constexpr std::size_t kBlockFrames = 65'536;
 constexpr std::size_t kBlockSamples = kBlockFrames * kStereo;
 

@@ -1,5 +1,5 @@
-// Single calls: a small read beside the fill that it does, and the calls that start an export task
-// and scrubbing beside a bare thread. Only the call is timed, not what the thread does.
+// Single calls: a small read beside a bare fill of its array; the start of an export task and of
+// scrubbing beside a bare thread. Only the call is timed, not the thread's work.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -48,8 +48,8 @@ BENCHMARK(FillSilence);
 
 DWORD WINAPI Nothing(void*) { return 0; }
 
-// Scrubbing can only start again after the pause of its stop, in which processor and caches go
-// cold; it is held against a thread that starts after the same pause.
+// Stopping scrubbing pauses this many milliseconds, while caches go cold. The bare thread therefore
+// starts after the same pause.
 constexpr DWORD kScrubPause = 100;
 
 void BareThread(benchmark::State& state, DWORD pause) {

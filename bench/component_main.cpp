@@ -1,4 +1,4 @@
-// Runs the benchmarks of a program that drives the built module through COM.
+// Runs the benchmarks of a program that calls the built module through COM.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>

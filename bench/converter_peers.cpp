@@ -1,5 +1,5 @@
-// The peers of the sample converters, in one program with ours: libsndfile writing to and reading
-// from memory, and libswresample.
+// Peers of the sample converters, in the same program: libsndfile with memory files, and
+// libswresample.
 #include <benchmark/benchmark.h>
 #include <sndfile.h>
 
@@ -77,7 +77,7 @@ Sndfile Open(MemoryFile& file, int mode, std::int64_t bits) {
   info.channels = kStereo;
   info.format = SndfileFormat(bits);
   Sndfile opened(sf_open_virtual(&io, mode, &info, &file), sf_close);
-  // Our rules limit, too.
+  // Clips like our converters.
   if (opened) sf_command(opened.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
   return opened;
 }

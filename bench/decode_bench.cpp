@@ -1,4 +1,5 @@
-// Decoding an Ogg Vorbis file, without task and writer, beside the same build of the codec library.
+// Decoding an Ogg Vorbis file without task and writer, beside the same build of the codec library
+// alone.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>
 
@@ -18,7 +19,7 @@ constexpr long kSamplesPerSec = 44100;
 constexpr std::int64_t kFrames = 60 * kSamplesPerSec;
 constexpr std::size_t kBlockSamples = 16384;
 
-// A new one each time, because a decoder closes it.
+// A new source each time, because the decoder closes it.
 FilePointer MusicFile() {
   static const std::vector<unsigned char> music = EncodeMusic(2, kSamplesPerSec, 0.4F, kFrames);
   FilePointer file(std::tmpfile());
@@ -46,7 +47,7 @@ void LibraryDecode(benchmark::State& state) {
   }
 }
 
-// On so many threads, 0 for one for each core.
+// The argument is the number of threads; 0 means one for each core.
 void Decode(benchmark::State& state) {
   const auto given = static_cast<unsigned>(state.range(0));
   const unsigned threads = given != 0 ? given : std::thread::hardware_concurrency();

@@ -1,5 +1,5 @@
-// What the document costs through its interfaces, by the number of segments: reading, editing,
-// opening a change, and the overview.
+// The document through its interfaces, by number of segments: reading, editing, opening a change,
+// and the overview.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -26,8 +26,8 @@ struct Document {
   ComPtr<IAudioReader> source;
 };
 
-// Small edits create documents of their own: what one costs, and what of that is for its two device
-// objects, which are made with it.
+// The cost of creating a document, which small edits include, and of the two device objects that it
+// creates.
 void CreateObject(benchmark::State& state, const CLSID& clsid) {
   for (auto _ : state) benchmark::DoNotOptimize(Create<IUnknown>(clsid).Get());
 }
@@ -100,7 +100,7 @@ void DrawOverview(benchmark::State& state) {
 }
 BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
 
-// A mono take of so many hours in a pool of its own, made once.
+// Makes a mono take of this many hours in a separate pool, once.
 struct PoolTake {
   explicit PoolTake(__int64 hours) : pool(Create<IAudioPool>(CLSID_CAudioPool)) {
     auto writer = As<IAudioWriter>(pool);
@@ -126,7 +126,7 @@ struct PoolTake {
   __int64 frames = 0;
 };
 
-// Repeated draws find in the reader what the first one had to read.
+// Repeated draws use the peaks that the first one left in the reader's cache.
 void DrawPoolTake(benchmark::State& state, bool repeated) {
   const PoolTake& take = PoolTake::Of(state.range(0));
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
@@ -144,7 +144,7 @@ void DrawPoolTake(benchmark::State& state, bool repeated) {
 BENCHMARK_CAPTURE(DrawPoolTake, Repeated, true)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(DrawPoolTake, First, false)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// All peaks of the take through its reader, each compared once.
+// Reads all peaks of the take through its reader and compares each once.
 void ScanPoolTakeFlat(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(state.range(0));
   const auto peaks = As<IPeakReader>(take.Reader());
@@ -167,7 +167,7 @@ void ScanPoolTakeFlat(benchmark::State& state) {
 }
 BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// 255 frames a column, the furthest view that is drawn from samples, beside reading the same.
+// 255 frames a column, the widest view that is drawn from samples, beside reading these samples.
 void DrawPoolSamples(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(1);
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);

@@ -19,13 +19,13 @@ namespace {
 
 using namespace bench;
 
-// A block that stays in the cache with what it becomes, and one that does not.
+// Samples of a block that fits into the cache with its result, and of one that does not.
 constexpr std::int64_t kInCache = 16'384;
 constexpr std::int64_t kOutOfCache = std::int64_t{1} << 24;
 const std::vector<std::int64_t> kLevels = {0, 1, 2};
 const std::vector<std::int64_t> kWidths = {8, 16, 24, 32};
 
-// Limits the level for one benchmark.
+// Limits the level of vector instructions during one benchmark.
 class Level {
  public:
   Level(benchmark::State& state, std::int64_t level) {
@@ -39,7 +39,7 @@ class Level {
   ~Level() { LimitCpuLevel(HighestCpuLevel()); }
 };
 
-// As fast as memory can be read: the search for a byte that is not there.
+// The fastest read of memory: a search for a byte that does not occur.
 void ReadFloats(benchmark::State& state) {
   const std::vector<float> source(static_cast<std::size_t>(state.range(0)), 0.5F);
   for (auto _ : state) {
@@ -95,7 +95,7 @@ BENCHMARK(Peaks)
     ->ArgNames({"channels", "samples"})
     ->ArgsProduct({{1, 2, 6}, {kInCache, kOutOfCache}});
 
-// Stereo, compared frame by frame.
+// The scalar definition: compares stereo frame by frame.
 void PeaksByDefinition(benchmark::State& state) {
   const std::vector<float> samples = Noise(kInCache);
   std::vector<float> pairs(4 * samples.size() / kFramesPerPeak);
@@ -121,8 +121,8 @@ void PeaksByDefinition(benchmark::State& state) {
 }
 BENCHMARK(PeaksByDefinition);
 
-// Mode 1 is noise shaping alone, 2 with triangular noise. In near silence the filter decays towards
-// the denormals, which must not make it slower.
+// Mode 1 is noise shaping alone, mode 2 adds triangular noise. In near silence the filter decays
+// towards denormals, which must not slow it down.
 void Dither(benchmark::State& state) {
   const Level level(state, state.range(2));
   std::vector<float> source = Noise(8192);
@@ -145,7 +145,7 @@ BENCHMARK(Dither)
     ->ArgsProduct({{1}, {0, 1}, kLevels})
     ->ArgsProduct({{2}, {0}, {0, 2}});
 
-// Ten seconds of stereo, as the connector hands them over.
+// Ten seconds of stereo, in the connector's blocks.
 void Resample(benchmark::State& state) {
   const Level level(state, state.range(0));
   const std::vector<float> source = Noise(10 * 44'100 * kStereo);

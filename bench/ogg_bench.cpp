@@ -1,5 +1,5 @@
-// The Ogg import through COM, beside a plain decode of the same file by the same build of the codec
-// library: what the task, the conversion to floats and the blocks cost on top.
+// The Ogg import through COM beside decoding the same file with the same build of the codec
+// library. The difference is the cost of task, conversion to floats and blocks.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>
 
@@ -21,7 +21,7 @@ constexpr long kSamplesPerSec = 44100;
 constexpr int kChannels = 2;
 constexpr std::int64_t kFrames = 60 * kSamplesPerSec;
 
-// The file that all benchmarks read, encoded once.
+// The input of all benchmarks, encoded once.
 const std::wstring& MusicFile() {
   static const TemporaryFolder folder;
   static const std::wstring path = [] {
@@ -35,7 +35,7 @@ const std::wstring& MusicFile() {
   return path;
 }
 
-// Its length, as the library reads it.
+// The file's length as the library reports it.
 std::int64_t MusicFrames() {
   static const std::int64_t frames = [] {
     OggVorbis_File file;
@@ -94,7 +94,7 @@ void ImportThroughCom(benchmark::State& state) {
   Report(state);
 }
 
-// The whole way of a file into a pool of the width it was decoded to.
+// Imports into a pool with the decoded width.
 void ImportIntoPool(benchmark::State& state) {
   const Bstr path(MusicFile());
   for (auto _ : state) {

@@ -12,7 +12,7 @@ namespace marlinda::testing {
 
 std::vector<unsigned char> EncodeMusic(int channels, long samples_per_sec, float quality,
                                        std::int64_t frames) {
-  // Frees what the encoder forgets.
+  // Frees memory that the encoder does not free.
   CodecMemory memory;
   const CodecMemory::Use use(memory);
   std::vector<unsigned char> file;

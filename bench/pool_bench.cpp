@@ -1,5 +1,5 @@
-// The pool through its interfaces, beside the bare system calls on a file of the same kind: bytes
-// per second are those of the audio file.
+// The pool through its interfaces beside bare system calls on a file of the same kind. Bytes per
+// second count only the audio file.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ struct StereoPool {
   ComPtr<IAudioWriter> writer;
 };
 
-// A file like the pool's own.
+// A file with the attributes of the pool's files.
 FileHandle BareFile(const TemporaryFolder& folder) {
   FileHandle file(CreateFileW(folder.File(L"bare").c_str(), GENERIC_READ | GENERIC_WRITE, 0,
                               nullptr, CREATE_ALWAYS,
@@ -46,7 +46,7 @@ void SeekTo(HANDLE file, __int64 offset) {
   SetFilePointerEx(file, place, nullptr, FILE_BEGIN);
 }
 
-// Both files start over before they grow large.
+// Blocks after which both files start again, to stay small.
 constexpr __int64 kBlocksPerFile = 64;
 
 void WriteToPool(benchmark::State& state) {
@@ -91,7 +91,8 @@ void WriteToBareFile(benchmark::State& state) {
 }
 BENCHMARK(WriteToBareFile)->ArgName("bits")->Arg(32)->UseRealTime();
 
-// Random places are drawn beforehand, the same for all, and visited once before it counts.
+// Random positions, chosen before the measurement and the same for all; each is read once before it
+// counts.
 std::vector<__int64> Places(__int64 frames_read) {
   std::minstd_rand random(2);
   std::uniform_int_distribution<__int64> frame(0, kMinuteFrames - frames_read);
@@ -100,7 +101,7 @@ std::vector<__int64> Places(__int64 frames_read) {
   return places;
 }
 
-// Zeros as far as the file goes. Only what is read takes room on the disk.
+// Extends the file to `size` with zeros, without writing them.
 void Extend(HANDLE file, __int64 size) {
   SeekTo(file, size);
   if (!SetEndOfFile(file)) throw HResultError(LastErrorResult());
@@ -153,7 +154,7 @@ BENCHMARK(ReadFromBareFile)
     ->ArgsProduct({{32}, {64, 4096, 65536}})
     ->UseRealTime();
 
-// How long the host's thread waits for the last release of an hour of audio.
+// The time that the last release of an hour of audio takes on the host's thread.
 void ReleaseAnHour(benchmark::State& state) {
   const Floats block(bench::kBlockSamples);
   bench::FillWithNoise(block.values());

@@ -1,5 +1,5 @@
-// The float queue of the recorder in pieces of 1,024, by how much it holds meanwhile, beside what
-// it cannot do without: two copies of each piece, in and out of a memory of that size.
+// The recorder's float queue in pieces of 1,024, by fill level, beside its minimum work: copying
+// each piece into and out of memory of that size.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
