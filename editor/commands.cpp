@@ -15,12 +15,12 @@ const char* const kKeys =
     "    drag: select; Shift: extend; double click: the section\n"
     "    Alt or middle button: scrub; wheel: scroll; Ctrl+wheel: zoom\n"
     "Mouse above it\n"
-    "    click: choose a label or section; drag: move; double click: rename\n"
+    "    click: select a label or section; drag: move; double click: rename\n"
     "Keys\n"
     "    Space: play or stop; Shift+Space: loop; Enter: stop at the playhead\n"
     "    R: record or stop; S: scrub with the arrow keys; Esc: stop, cancel\n"
     "    Arrows, Page Up and Down, Home, End: move; with Shift: select\n"
-    "    L: label; M: section; Tab: next of them; F2: rename; Del: delete\n"
+    "    L: label; M: section; Tab: next label or section; F2: rename; Del: delete\n"
     "    Ctrl+Left and Right: move it\n"
     "    + and -: zoom; 0: whole document; Z: selection\n"
     "    D: decibels; F: frames\n"
@@ -43,7 +43,7 @@ void SetText(HMENU menu, int id, const std::string& text) {
   SetMenuItemInfoW(menu, static_cast<UINT>(id), FALSE, &info);
 }
 
-// A menu takes "&" for the mark of a key.
+// In a menu text "&" marks a key, so it is doubled.
 std::string ForMenu(const std::string& text) {
   std::string escaped;
   for (const char c : text) escaped += c == '&' ? std::string("&&") : std::string(1, c);
@@ -209,8 +209,8 @@ void EditorWindow::Edit(int id) {
     if (!seconds) return;
     silence = ParseSeconds(*seconds, rate);
     if (silence <= 0) {
-      throw HostError(ExitStatus::kUsage, *seconds, "this is no length",
-                      "Write seconds such as 1.5, up to a day.");
+      throw HostError(ExitStatus::kUsage, *seconds, "this is not a duration",
+                      "Enter seconds such as 1.5, up to a day.");
     }
   }
   // The engine must not be edited while it plays.
@@ -260,7 +260,7 @@ void EditorWindow::EditMarks(int id) {
   if (id == ID_NEXT_MARK || id == ID_PREVIOUS_MARK) return NextMark(id == ID_NEXT_MARK ? 1 : -1);
   if (id == ID_MARK_LEFT || id == ID_MARK_RIGHT) return MoveMark(id == ID_MARK_RIGHT ? 1 : -1);
   if (id == ID_LABEL) {
-    // Where the sound is now, not where it is when the name has been typed.
+    // The playback position when the command is given, not after the name has been typed.
     const std::int64_t at = transport_.IsIdle() ? selection().begin : transport_.position();
     const auto name = AskText(window_, "Add label", "Name",
                               "Label " + std::to_string(annotations.labels.size() + 1));
@@ -390,7 +390,7 @@ void EditorWindow::FinishRecording() {
 void EditorWindow::Navigate(int id) {
   const bool extend = id >= ID_HOME + ID_EXTEND && id <= ID_PAGE_RIGHT + ID_EXTEND;
   const Zoom& zoom = view_.zoom();
-  // The arrow keys move by some pixels, or by a frame where frames can be told apart.
+  // The arrow keys move by some pixels, or by one frame if frames are wider than a pixel.
   constexpr std::int64_t kPixels = 4;
   const std::int64_t step = zoom.pixels > 1 ? 1 : kPixels * zoom.frames;
   const std::int64_t page = std::max<std::int64_t>(1, view_.visible().length() / 4);
@@ -432,7 +432,7 @@ void EditorWindow::Navigate(int id) {
 }
 
 Range EditorWindow::SectionAround(std::int64_t frame) const {
-  // The shortest section, or the stretch between two labels, or all.
+  // The shortest section, else the range between two labels, else the whole document.
   Range found = {0, document_.frames()};
   bool in_section = false;
   for (const auto& [section, name] : document_.annotations().markers) {

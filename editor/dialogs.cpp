@@ -19,7 +19,7 @@ struct Field {
   std::string text;
 };
 
-// A dialog of the resources whose items are filled with texts and read back.
+// A resource dialog with text items that are filled in and read back.
 class TextDialog {
  public:
   TextDialog(std::string title, std::vector<Field> fields)
@@ -65,7 +65,7 @@ class TextDialog {
   std::vector<Field> fields_;
 };
 
-// A dialog's types end with two zeros and have zeros for bars.
+// The file dialog separates types with zeros instead of bars and needs two at the end.
 std::wstring WithZeros(std::wstring types) {
   std::ranges::replace(types, L'|', L'\0');
   types.append(2, L'\0');
@@ -82,7 +82,7 @@ std::wstring ImportTypes() {
     if (!patterns.empty()) patterns += L';';
     patterns += Widen(extensions.utf8());
   }
-  // Filters of others are in the manager's list alone.
+  // The manager's list also holds filters of other modules.
   const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
   Bstr listed;
   Check(manager->GetImportFilterString(listed.Receive()));
@@ -122,7 +122,7 @@ std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title) {
   dialog.Flags =
       OFN_EXPLORER | OFN_FILEMUSTEXIST | OFN_HIDEREADONLY | OFN_NOCHANGEDIR | OFN_ALLOWMULTISELECT;
   if (GetOpenFileNameW(&dialog) == 0) return {};
-  // One path, or a folder and then the names in it.
+  // The result is one path, or a folder followed by file names.
   std::vector<std::string> parts;
   for (const wchar_t* part = names.c_str(); *part != L'\0'; part += wcslen(part) + 1) {
     parts.push_back(Narrow(part));
@@ -156,7 +156,7 @@ std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggest
 void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
   std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
                      error.reason() + ".";
-  // The command line's remedies name its own files and options.
+  // The remedies of marlinda name its own files and options.
   const std::string remedy =
       error.status() == ExitStatus::kRegistration
           ? "Keep Tessaly.dll, Converter.dll and marlinda-editor.exe.manifest beside "

@@ -1,4 +1,4 @@
-// Questions to the user. All are modal to the window and return nothing when they are cancelled.
+// Dialogs that ask the user. All are modal to `owner` and return an empty result when cancelled.
 #pragma once
 
 #include <windows.h>
@@ -16,13 +16,13 @@ std::optional<std::string> AskText(HWND owner, const std::string& title, const s
                                    const std::string& initial);
 std::optional<Tags> AskTags(HWND owner, const Tags& initial);
 
-// Files that exist, in the order of the dialog.
+// Returns existing files, in the dialog's order.
 std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title);
-// Asks before an existing file is chosen.
+// Asks for confirmation before an existing file is chosen.
 std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggested,
                                           const std::wstring& types);
 
-// What failed, on what, why, and what to do.
+// Shows what failed, on what, why, and what to do.
 void ShowFailure(HWND owner, const std::string& what, const HostError& error);
 
 }  // namespace marlinda::editor

@@ -8,8 +8,7 @@
 
 namespace marlinda::editor {
 
-// Receives the events of one event interface and hands them to the document. The engine calls
-// Invoke alone.
+// Passes the events of one event interface to the document. The engine only calls Invoke.
 class DocumentEvents final : public IDispatch {
  public:
   DocumentEvents(Document& document, const IID& events) : document_(document), events_(events) {}
@@ -22,7 +21,7 @@ class DocumentEvents final : public IDispatch {
     Check(points->FindConnectionPoint(events_, point_.ReleaseAndGetAddressOf()));
     Check(point_->Advise(this, &cookie_));
   }
-  // Until then the document and this object hold each other.
+  // Ends the connection. Until then document and sink hold references to each other.
   void Leave() {
     if (point_) point_->Unadvise(cookie_);
     point_.Reset();
@@ -58,7 +57,7 @@ class DocumentEvents final : public IDispatch {
       if (!IsEqualIID(events_, DIID__IEAUndoEvents)) {
         if (event == kContentChanged) document_.ContentChanged();
       } else if (event == kStoreUndo && params != nullptr && params->cArgs == 2) {
-        // The last argument comes first: the document, then the operation's name.
+        // Arguments are in reverse order: the document, then the operation's name.
         const BSTR name = V_BSTR(&params->rgvarg[1]);
         document_.StoreUndo(Narrow({name, SysStringLen(name)}));
       }
@@ -131,7 +130,7 @@ void Document::Edit(const std::string& name, std::int64_t from, const std::funct
     if (!stored_) throw Explain(E_OUTOFMEMORY, name, ExitStatus::kFailure);
     edit();
   } catch (...) {
-    // A rollback leaves the document empty; its content is that of the undo step.
+    // A rollback leaves the document empty; the undo step holds its content.
     audio_->RollbackChange();
     if (stored_) Restore(undo_.Withdraw().Get());
     throw;
@@ -196,7 +195,7 @@ Range Document::Paste(Range range) {
   Check(Query<IAudioReader>(clipboard_.Get())->GetFormat(&format.rate, &format.channels));
   if (frames_ > 0 && (format.rate != format_.rate || format.channels != format_.channels)) {
     throw HostError(ExitStatus::kUsage, "the clipboard", "its audio has another format",
-                    "Export it to a file and import that: importing converts.");
+                    "Export it to a file and insert that file, which converts it.");
   }
   Edit("Paste", range.begin, [&] {
     TakeFormat(format);

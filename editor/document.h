@@ -1,4 +1,4 @@
-// The document that is edited: the engine's audio, its undo steps, the clipboard.
+// The edited document: the engine's audio, its undo steps, the clipboard.
 #pragma once
 
 #include <marlinda.h>
@@ -16,7 +16,7 @@ namespace marlinda::editor {
 
 // Audio from elsewhere: an imported file or a recording.
 struct Material {
-  ComPtr<IAudioReader> reader;  // keeps the pool of the take
+  ComPtr<IAudioReader> reader;  // holds the take's pool
   AudioFormat format;
   std::int64_t frames = 0;
   Annotations annotations;
@@ -27,17 +27,17 @@ class DocumentEvents;
 
 class Document {
  public:
-  // An edit that changed names only, and no audio.
+  // For an edit that changed only names, no audio.
   static constexpr std::int64_t kNoAudio = std::numeric_limits<std::int64_t>::max();
 
-  // `changed` is called after each change, with the first frame whose audio may be another.
+  // `changed` is called after each change, with the first frame whose audio may differ.
   explicit Document(std::function<void(std::int64_t)> changed);
   ~Document();
   Document(const Document&) = delete;
   Document& operator=(const Document&) = delete;
 
   IEditedAudio* audio() const { return audio_.Get(); }
-  // No channels while the document has no audio.
+  // Has no channels while the document has no audio.
   const AudioFormat& format() const { return format_; }
   std::int64_t frames() const { return frames_; }
   const Annotations& annotations() const { return annotations_; }
@@ -46,20 +46,20 @@ class Document {
 
   Tags tags;  // descriptive texts for the next export
 
-  // An empty document without history.
+  // Makes the document empty, without undo steps.
   void Clear();
-  // The content is where undo ends, and in a file.
+  // Deletes the undo steps and marks the content as saved.
   void ForgetSteps() { undo_.Clear(); }
-  // The content is in a file.
+  // Marks the content as saved.
   void MarkSaved() { undo_.MarkSaved(); }
 
-  // Edits. Each is one undo step, throws a HostError when it failed, and then changed nothing.
+  // Edits. Each is one undo step. On failure it throws a HostError and changes nothing.
   void Insert(const std::string& name, std::int64_t position, const Material& material);
   void InsertSilence(std::int64_t position, std::int64_t frames);
   void Delete(const std::string& name, Range range);
   void Trim(Range range);
   void Copy(Range range);
-  // Puts the clipboard in place of the range. Returns the range that it has then.
+  // Replaces the range by the clipboard. Returns the range of the pasted audio.
   Range Paste(Range range);
   void AddLabel(std::int64_t position, const std::string& name);
   void SetLabel(const std::string& operation, LONG index, const Label& label);
@@ -79,7 +79,7 @@ class Document {
 
   void Edit(const std::string& name, std::int64_t from, const std::function<void()>& edit);
   void Restore(IEditedAudio* state);
-  // A document without audio takes the format of what comes first.
+  // Sets the format of a document without audio.
   void TakeFormat(const AudioFormat& format);
   ComPtr<IEditedAudio> CopyOfAll() const;
 
@@ -93,8 +93,8 @@ class Document {
   ComPtr<IEditedAudio> clipboard_;
   std::int64_t clipboard_frames_ = 0;
   UndoStack<ComPtr<IEditedAudio>> undo_;
-  bool stored_ = false;            // the change that is open has its undo step
-  std::int64_t changed_from_ = 0;  // of the change that is open
+  bool stored_ = false;            // the open change has its undo step
+  std::int64_t changed_from_ = 0;  // of the open change
   AudioFormat format_;
   std::int64_t frames_ = 0;
   Annotations annotations_;

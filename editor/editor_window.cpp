@@ -17,7 +17,7 @@ constexpr wchar_t kClassName[] = L"MarlindaEditor";
 constexpr UINT_PTR kTimer = 1;
 constexpr UINT kTickMilliseconds = 30;
 
-// A function that older systems lack.
+// Finds a function that older systems lack; null if it is missing.
 template <class Function>
 Function FindFunction(const wchar_t* module, const char* name) {
   const HMODULE handle = LoadLibraryExW(module, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -102,8 +102,7 @@ LRESULT CALLBACK EditorWindow::Procedure(HWND window, UINT message, WPARAM wpara
   auto* const self = reinterpret_cast<EditorWindow*>(GetWindowLongPtrW(window, GWLP_USERDATA));
   if (self == nullptr) return DefWindowProcW(window, message, wparam, lparam);
   LRESULT result = 0;
-  self->Try("The editor could not do this",
-            [&] { result = self->Handle(message, wparam, lparam); });
+  self->Try("The command failed", [&] { result = self->Handle(message, wparam, lparam); });
   return result;
 }
 
@@ -236,7 +235,7 @@ Scene EditorWindow::CurrentScene() {
   scene.unit = unit_;
   if (job_) scene.progress = job_->progress();
   if (transport_.IsRecording()) {
-    // The take alone, from its last column back.
+    // Shows only the take, up to its last column.
     const std::int64_t frames = transport_.frames_per_column();
     recording_view_.SetWidth(view_.width());
     recording_view_.SetLength(std::max(transport_.recorded(), view_.width() * frames));
@@ -256,7 +255,7 @@ Scene EditorWindow::CurrentScene() {
 }
 
 void EditorWindow::Paint() {
-  // Also ends when the picture fails, which would be asked for again and again otherwise.
+  // Calls EndPaint also after a failure; otherwise Windows would repeat WM_PAINT endlessly.
   struct Painting {
     explicit Painting(HWND owner) : window(owner) { BeginPaint(window, &paint); }
     ~Painting() { EndPaint(window, &paint); }
@@ -275,7 +274,7 @@ void EditorWindow::Paint() {
     painter_.Paint(target, update, layout_, scene);
   }
   if (paint.rcPaint.bottom > layout_.client.cy) {
-    // Beside and below the picture, where the status line leaves a margin.
+    // Fills the area beside and below the picture, where the status line leaves a margin.
     RECT rest = paint.rcPaint;
     rest.top = std::max(rest.top, layout_.client.cy);
     FillRect(target, &rest, status_brush_.get());
@@ -293,7 +292,7 @@ void EditorWindow::WatchTimer() {
 
 void EditorWindow::Tick() {
   if (drag_ == Drag::kSelect) {
-    // Beyond the edge the view follows the mouse.
+    // The view scrolls while the mouse is beyond its edge.
     if (ViewX(drag_at_) < 0 || ViewX(drag_at_) >= view_.width()) DragTo(drag_at_);
   }
   const bool recorded = transport_.IsRecording();
@@ -417,7 +416,7 @@ void EditorWindow::Select(std::int64_t anchor, std::int64_t head) {
   head = std::clamp<std::int64_t>(head, 0, document_.frames());
   invalidate(anchor_, anchor);
   invalidate(head_, head);
-  // The cursor is a line only while nothing is selected.
+  // The cursor is drawn only while nothing is selected.
   InvalidatePosition(head_);
   InvalidatePosition(head);
   anchor_ = anchor;

@@ -1,4 +1,4 @@
-// The window of the editor: what the user does becomes edits, sound and pictures.
+// The editor's window: turns user input into edits, playback and drawing.
 #pragma once
 
 #include <windows.h>
@@ -22,7 +22,7 @@ namespace marlinda::editor {
 
 class EditorWindow {
  public:
-  // Shows the window. Throws a HostError when the engine or the window cannot be made.
+  // Shows the window. Throws a HostError if the engine or the window cannot be created.
   EditorWindow();
   ~EditorWindow();
   EditorWindow(const EditorWindow&) = delete;
@@ -30,7 +30,7 @@ class EditorWindow {
 
   // Opens the files one after another as one document.
   void Open(const std::vector<std::string>& files);
-  // Until the window is closed.
+  // Runs the message loop until the window is closed. Returns the exit status.
   int Run();
 
  private:
@@ -39,7 +39,7 @@ class EditorWindow {
   // editor_window.cpp: messages, drawing, status.
   static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
   LRESULT Handle(UINT message, WPARAM wparam, LPARAM lparam);
-  // Runs `action` and shows the user a failure of it.
+  // Runs `action` and shows its failure to the user.
   template <class Action>
   void Try(const std::string& what, Action action);
   void ApplyLook();
@@ -67,7 +67,7 @@ class EditorWindow {
   void Navigate(int id);
   void MoveMark(int pixels);
   void NextMark(int step);
-  // Calls `then` at once, after the work is saved, or never.
+  // Asks to save changes. Calls `then` at once, after saving, or, if cancelled, never.
   void AfterSaving(std::function<void()> then);
   void StartFiles(std::vector<std::string> files, bool replace);
   void StartNextFile();
@@ -117,14 +117,14 @@ class EditorWindow {
   POINT drag_from_ = {};
   POINT drag_at_ = {};
   std::int64_t drag_origin_ = 0;
-  std::optional<Annotations> preview_;  // while a mark is dragged
+  std::optional<Annotations> preview_;  // while a label or section is dragged
 
-  std::string file_ = "";  // its name is the title
-  std::string message_;    // the last thing that happened
+  std::string file_ = "";  // shown in the title
+  std::string message_;    // the last result, for the status line
   std::unique_ptr<FileJob> job_;
-  std::deque<std::string> files_;  // yet to be read
+  std::deque<std::string> files_;  // still to read
   bool replace_ = false;           // the next file begins a new document
-  bool opening_ = false;           // the files are the document, not an edit of it
+  bool opening_ = false;           // the files become the document, without an undo step
   std::int64_t insert_at_ = 0;
   std::function<void()> after_export_;
   std::wstring shown_title_;

@@ -25,7 +25,7 @@ void Remove(const std::string& file) {
   if (!file.empty()) fs::remove(PathOf(file), ignored);
 }
 
-// Start and Cancel of an audio connector return E_NOTIMPL, also on success.
+// Start and Cancel of an audio connector return E_NOTIMPL even on success.
 void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
@@ -72,7 +72,7 @@ void ImportJob::Begin(const std::string& file) {
 
 bool ImportJob::Continue() {
   if (connector_) {
-    // Connector and filters hold each other until this.
+    // Until Cancel, connector and filters hold references to each other.
     FileJob::Cancel();
     connector_.Reset();
     Begin(converted_);
@@ -97,13 +97,13 @@ void ImportJob::TakeAudio() {
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
   }
-  // The import passes over failed writes, but then the pool's file is shorter than its take.
+  // The import ignores failed writes. They show because the pool's file is shorter than its take.
   const FloatArray last(static_cast<std::size_t>(material_.format.channels));
   if (FAILED(material_.reader->ReadAudio(material_.frames - 1, last.get()))) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
                     "Free some space there and open the file again.");
   }
-  // Asked at the end, because the length of a compressed file may be an estimate until then.
+  // Read at the end, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = source_->Frames();
   if (promised && material_.frames < *promised) {
     warning_ = "only " + FormatDuration(material_.frames, material_.format.rate) + " of " +
@@ -210,7 +210,7 @@ void ExportJob::Begin(const Document& document, HWND owner) {
 bool ExportJob::Continue() {
   bool whole = false;
   if (is_wave_) {
-    // The export reports no failed write; the file shows it.
+    // The export does not report failed writes, so the file is checked.
     std::ifstream written(PathOf(unfinished_), std::ios::binary);
     const auto facts = ExamineWaveFile(written);
     whole = facts && HoldsFrames(*facts, frames_);

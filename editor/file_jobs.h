@@ -1,4 +1,4 @@
-// Imports and exports that run while the window goes on.
+// Imports and exports that run in the background.
 #pragma once
 
 #include <marlinda.h>
@@ -11,27 +11,27 @@
 
 namespace marlinda::editor {
 
-// A task of the engine, or several in a row.
+// Runs one task of the engine, or several in sequence.
 class FileJob {
  public:
   virtual ~FileJob() = default;
   FileJob(const FileJob&) = delete;
   FileJob& operator=(const FileJob&) = delete;
 
-  // What it does, such as "Reading demo.ogg".
+  // The current activity, such as "Reading demo.ogg".
   const std::string& title() const { return title_; }
   // From 0 to 1.
   float progress() const;
-  // Call it at each tick of a timer until it returns false: then the job is done. Throws a
-  // HostError when it failed.
+  // Call at each timer tick until it returns false: the job is then done. Throws a HostError if it
+  // failed.
   bool Poll();
-  // Waits for the end of the engine's worker. The job must not be polled any more.
+  // Cancels the task and waits for the engine's worker. Do not poll the job afterwards.
   virtual void Cancel();
 
  protected:
   explicit FileJob(std::string title) : title_(std::move(title)) {}
   void Start(ComPtr<ICoreTask> task);
-  // The task has ended. True when there is another one.
+  // Called when a task has ended. Returns true if it started another one.
   virtual bool Continue() = 0;
 
   int steps_ = 1;
@@ -44,14 +44,14 @@ class FileJob {
 
 class ImportJob final : public FileJob {
  public:
-  // Reads the file. Audio of another format than `wanted` is converted, when that is given.
+  // Reads the file. If `wanted` is given, converts the audio to that format.
   ImportJob(const std::string& file, std::optional<AudioFormat> wanted);
   ~ImportJob() override { Cancel(); }
 
   const std::string& file() const { return file_; }
-  // After the end.
+  // Valid after the end of the job.
   const Material& material() const { return material_; }
-  // A damaged file: how much of it could be read. Empty otherwise.
+  // How much of a damaged file could be read; empty for a complete file.
   const std::string& warning() const { return warning_; }
 
   void Cancel() override;
@@ -72,17 +72,17 @@ class ImportJob final : public FileJob {
   std::string converted_;  // a temporary file
 };
 
-// The file name's extension decides the format: wav, mp3 or wma.
+// The file name's extension, wav, mp3 or wma, decides the format.
 class ExportJob final : public FileJob {
  public:
-  // Shows the engine's settings for this kind of file, modal to `owner`, then starts. The file is
-  // written beside its place under another name, and takes it when it is whole.
+  // Shows the engine's settings for this kind of file, modal to `owner`, then starts. Writes a
+  // temporary file in the target's folder and renames it when it is complete.
   ExportJob(const std::string& file, const Document& document, HWND owner);
   ~ExportJob() override { Cancel(); }
 
   const std::string& file() const { return file_; }
 
-  // The types for a save dialog, description and pattern each ended by a bar.
+  // Types for a save dialog: description and pattern, each followed by a bar.
   static std::wstring DialogFilter();
 
   void Cancel() override;

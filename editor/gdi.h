@@ -1,4 +1,4 @@
-// Owners of GDI objects, and texts of windows.
+// RAII owners of GDI objects, and window texts.
 #pragma once
 
 #include <windows.h>
@@ -19,7 +19,7 @@ using Pen = Handle<GdiTraits<HPEN>>;
 using Font = Handle<GdiTraits<HFONT>>;
 using Bitmap = Handle<GdiTraits<HBITMAP>>;
 
-// A device context in memory with a bitmap of its own, as the back buffer of a window.
+// A memory device context with a bitmap, the back buffer of a window.
 class BackBuffer {
  public:
   BackBuffer() = default;
@@ -27,7 +27,7 @@ class BackBuffer {
   BackBuffer& operator=(const BackBuffer&) = delete;
   ~BackBuffer() { Release(); }
 
-  // Keeps the bitmap while the size is the same. Null when there is no memory.
+  // Reuses the bitmap while the size stays the same. Returns null if out of memory.
   HDC Prepare(HDC like, SIZE size) {
     if (dc_ != nullptr && size.cx == size_.cx && size.cy == size_.cy) return dc_;
     Release();

@@ -1,4 +1,5 @@
-// marlinda-editor: a window for audio. The arguments are files, opened one after another.
+// marlinda-editor: an audio editor. Its arguments are files, which become one document in that
+// order.
 #include <windows.h>
 
 #include <shellapi.h>
@@ -10,7 +11,8 @@ namespace {
 
 using namespace marlinda;
 
-// Before the first window; a manifest inside the program would hide the one beside it.
+// Call before the first window is created. Not set in an embedded manifest, which would hide the
+// manifest file.
 void TellDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;

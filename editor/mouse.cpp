@@ -21,7 +21,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
   const int reach = layout_.Scale(kReach);
   const Annotations& annotations = document_.annotations();
   if (PtInRect(&layout_.labels, at) != FALSE) {
-    // The nearest flag at or before the mouse, whose name is under it.
+    // The nearest flag at or left of the mouse, whose name the mouse may be on.
     Mark found;
     int found_x = 0;
     for (LONG index = 0; const Label& label : annotations.labels) {
@@ -67,7 +67,7 @@ void EditorWindow::Press(POINT at, bool scrubs) {
   const bool in_names = at.y >= layout_.labels.top && at.y < layout_.sections.bottom;
   if (at.y >= layout_.strip.top - layout_.Scale(4)) {
     drag_ = Drag::kScroll;
-    // A click beside the thumb brings its middle there.
+    // A click beside the thumb centres the thumb there.
     const RECT thumb = layout_.Thumb(view_);
     if (at.x < thumb.left || at.x >= thumb.right) {
       const double part = static_cast<double>(at.x - layout_.strip.left) /
@@ -124,7 +124,7 @@ void EditorWindow::DragTo(POINT at) {
     default:
       break;
   }
-  // A click that trembles is no drag.
+  // A small movement during a click is not a drag.
   if (!preview_ && std::abs(at.x - drag_from_.x) < layout_.Scale(3)) return;
   Annotations moved = document_.annotations();
   const std::int64_t end = document_.frames();

@@ -83,7 +83,7 @@ RECT Layout::Lane(int channel, int channels) const {
 RECT Layout::Thumb(const View& view) const {
   const std::int64_t width = strip.right - strip.left;
   const std::int64_t extent = std::max<std::int64_t>(view.extent(), view.width());
-  // Doubles, because pixels at a close zoom times the width pass 2^63.
+  // Uses doubles, because pixels at a close zoom times the width exceed 2^63.
   const double scale = static_cast<double>(width) / static_cast<double>(extent);
   const auto thumb =
       std::max<LONG>(Scale(16), static_cast<LONG>(static_cast<double>(view.width()) * scale));
@@ -232,7 +232,7 @@ void Painter::PaintColumns(int channel, const RECT& lane) {
     int top = YOf(std::max(now.lowest, now.highest), lane);
     int bottom = YOf(std::min(now.lowest, now.highest), lane) + 1;
     if (column > wave.begin()) {
-      // Closes the gap to the column before.
+      // Closes the gap to the previous column.
       const Extremes& before = wave.At(column - 1, channel);
       top = std::min(top, YOf(std::min(before.lowest, before.highest), lane));
       bottom = std::max(bottom, YOf(std::max(before.lowest, before.highest), lane) + 1);
@@ -249,7 +249,7 @@ void Painter::PaintPoints(int channel, const RECT& lane) {
   const View& view = *scene_->view;
   const Waveform& wave = *scene_->waveform;
   const auto pixels = static_cast<LONG>(view.zoom().pixels);
-  // With a point more on both sides, for the lines that reach into the area.
+  // Includes a point more on both sides, for lines that reach into the area.
   const std::int64_t first = std::max<std::int64_t>(
       wave.begin(), view.FrameAt(std::max(update_.left, lane.left) - lane.left) - 2);
   const std::int64_t last = std::min<std::int64_t>(
@@ -382,7 +382,7 @@ void Painter::PaintNames() {
   names.clear();
   for (LONG index = 0; const Label& label : scene_->annotations->labels) {
     const Name name = {view.PixelOf(label.position), 0, index++, &label.name};
-    // A label before the window shows nothing.
+    // A label left of the window is not drawn.
     if (name.x >= 0 && name.x < width) names.push_back(name);
   }
   paint(layout_->labels, MarkKind::kLabel, std::move(names));

@@ -25,7 +25,7 @@ struct Mark {
   friend bool operator==(const Mark&, const Mark&) = default;
 };
 
-// What is to be seen.
+// The state to draw.
 struct Scene {
   const View* view = nullptr;
   const Waveform* waveform = nullptr;
@@ -34,23 +34,23 @@ struct Scene {
   Range selection;
   std::int64_t cursor = 0;
   std::optional<std::int64_t> playhead;
-  Mark mark;  // the selected one
+  Mark mark;  // the selected label or section
   std::vector<float> levels;
-  std::vector<float> peaks;  // the highest levels lately
+  std::vector<float> peaks;  // the highest recent levels
   bool recording = false;
   bool decibels = false;
   RulerUnit unit = RulerUnit::kTime;
   std::optional<float> progress;  // of a file job
 };
 
-// Where everything lies.
+// Positions of the window's parts.
 struct Layout {
   Layout() = default;
   Layout(SIZE client, int dpi);
 
   int Scale(int at_96_dpi) const { return MulDiv(at_96_dpi, dpi, 96); }
   RECT Lane(int channel, int channels) const;
-  // The part of the scroll strip that stands for what is visible.
+  // The part of the scroll strip that represents the visible range.
   RECT Thumb(const View& view) const;
 
   int dpi = 96;
@@ -71,7 +71,7 @@ struct Theme {
       section, section_text, low, middle, high, strip, thumb, recording;
 };
 
-// True when the user has chosen dark windows.
+// True if the user has chosen dark windows.
 bool SystemIsDark();
 
 class Painter {
@@ -82,7 +82,7 @@ class Painter {
   const Theme& theme() const { return theme_; }
   HFONT font() const { return font_.get(); }
 
-  // Draws the part of the scene that lies in `update`.
+  // Draws the part of the scene inside `update`.
   void Paint(HDC target, const RECT& update, const Layout& layout, const Scene& scene);
 
  private:
@@ -101,20 +101,20 @@ class Painter {
   void PaintPositions();
   void PaintStrip();
   void PaintHint();
-  // The y of a sample value in a lane.
+  // The y coordinate of a sample value in a lane.
   int YOf(float value, const RECT& lane) const;
 
   Theme theme_;
   Font font_;
   BackBuffer buffer_;
-  // During Paint.
+  // Set during Paint.
   HDC dc_ = nullptr;
   RECT update_ = {};
   const Layout* layout_ = nullptr;
   const Scene* scene_ = nullptr;
 };
 
-// From 0 (-60 dB and less) to 1 (full scale).
+// Returns 0 (-60 dB and below) to 1 (full scale).
 float DecibelHeight(float level);
 
 }  // namespace marlinda::editor

@@ -7,7 +7,7 @@
 namespace marlinda::editor {
 namespace {
 
-// A step of the ruler: `count` units of a second's `divisor`-th part, in `minors` parts.
+// A step of the ruler: `count` / `divisor` seconds, or `count` frames, divided into `minors` parts.
 struct Step {
   std::int64_t count;
   std::int64_t divisor;
@@ -41,7 +41,7 @@ Step StepOfTime(double least_seconds) {
   return *std::rbegin(kTimeSteps);
 }
 
-// As many decimals as the step needs.
+// Writes as many decimals as the step needs.
 std::string TickText(std::int64_t units, const Step& step) {
   const std::int64_t seconds = units / step.divisor;
   char text[48];
@@ -53,7 +53,7 @@ std::string TickText(std::int64_t units, const Step& step) {
                   static_cast<int>(seconds % 60));
   }
   if (step.divisor == 1) return text;
-  // The digits behind the one that the divisor puts in front.
+  // The divisor adds a leading digit, which is removed.
   const std::string decimals = std::to_string(step.divisor + units % step.divisor).substr(1);
   return std::string(text) + "." + decimals;
 }
@@ -71,13 +71,13 @@ std::vector<Tick> RulerTicks(const View& view, std::int32_t rate, RulerUnit unit
                        static_cast<double>(step.divisor * step.minors);
   const Range visible = view.visible();
   std::vector<Tick> ticks;
-  // From the labelled tick before the window on, for its text may reach into it.
+  // Starts with the labelled tick before the window, whose text may reach into it.
   auto index =
       static_cast<std::int64_t>(static_cast<double>(visible.begin) / (minor * step.minors));
   for (index *= step.minors;; ++index) {
     const double frame = static_cast<double>(index) * minor;
     if (frame > static_cast<double>(visible.end)) return ticks;
-    // Rounded before it is a pixel: at close zooms a tick lies between two frames.
+    // Only the pixel is rounded: at close zooms a tick lies between two frames.
     const double pixel =
         frame * static_cast<double>(zoom.pixels) / static_cast<double>(zoom.frames);
     Tick tick{static_cast<int>(pixel - static_cast<double>(view.origin()) + 0.5), ""};

@@ -1,4 +1,4 @@
-// Times as the editor writes them, the ticks of the ruler, and room for the names of annotations.
+// Formats times, places the ruler's ticks, and computes the room for names of annotations.
 #pragma once
 
 #include <cstdint>
@@ -25,11 +25,13 @@ std::vector<Tick> RulerTicks(const View& view, std::int32_t rate, RulerUnit unit
 // "H:MM:SS.mmm" or a number of frames.
 std::string FormatPosition(std::int64_t frame, std::int32_t rate, RulerUnit unit);
 
-// Seconds such as "1.5", in frames; negative when the text is not a positive number up to a day.
+// Converts seconds such as "1.5" to frames. Negative if the text is not a positive number of at
+// most a day.
 std::int64_t ParseSeconds(std::string_view text, std::int32_t rate);
 
-// The width for each name that begins at one of `xs`, which ascend: up to the next begin or
-// `right`. 0 where less than `least` is left, so that no name covers another.
+// Returns the width for each name. Names begin at `xs`, in ascending order, and end before the next
+// one or at `right`. The width is 0 if it would be less than `least`, so that no name covers
+// another.
 std::vector<int> RoomForNames(std::span<const int> xs, int right, int least);
 
 }  // namespace marlinda::editor

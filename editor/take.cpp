@@ -6,8 +6,7 @@
 namespace marlinda::editor {
 namespace {
 
-// About 40 ms. A pool keeps its peaks in step with the frames only if it is written in multiples of
-// 256.
+// About 40 ms, in a multiple of 256 frames: otherwise the pool's peaks would not match the frames.
 std::int64_t BlockFrames(LONG rate) { return (std::max(1L, rate / 25) + 255) / 256 * 256; }
 
 }  // namespace
@@ -58,7 +57,7 @@ void Take::AppendColumns(std::vector<Extremes>& columns) const {
 HRESULT Take::Stop() {
   if (!thread_.joinable()) return result_;
   stopping_ = true;
-  // A longer wait than for a few blocks is for a device that is gone; only closing ends it.
+  // A read that waits longer waits for a lost device; only closing the device ends it.
   constexpr ULONGLONG kPatienceMilliseconds = 2000;
   const ULONGLONG start = GetTickCount64();
   while (running_ && GetTickCount64() - start < kPatienceMilliseconds) Sleep(10);

@@ -1,4 +1,4 @@
-// A recording that goes into a pool on a thread of its own.
+// Records into a pool on a separate thread.
 #pragma once
 
 #include <marlinda.h>
@@ -16,7 +16,7 @@ namespace marlinda::editor {
 
 class Take {
  public:
-  // Begins at once. `source` is open; Stop closes it.
+  // Starts recording. `source` must be open; Stop closes it.
   Take(ComPtr<IAudioReader> source, ComPtr<IAudioPool> pool, const AudioFormat& format);
   ~Take() { Stop(); }
   Take(const Take&) = delete;
@@ -24,13 +24,13 @@ class Take {
 
   bool IsRunning() const { return running_; }
   std::int64_t frames() const { return frames_; }
-  // Frames of a column of the picture, and of a block of the recording.
+  // Frames in a column of the picture and in a block of the recording.
   std::int64_t frames_per_column() const { return block_frames_; }
-  // Adds the columns that have come since `columns` was as long as it is.
+  // Appends the columns that `columns` does not hold yet.
   void AppendColumns(std::vector<Extremes>& columns) const;
 
-  // Ends the recording, also one that waits for a device that delivers nothing. Afterwards it is a
-  // take of the pool. Returns the first failure of device or pool.
+  // Ends the recording, also if the device delivers nothing. Afterwards the pool has the take.
+  // Returns the first failure of device or pool.
   HRESULT Stop();
 
  private:
@@ -46,9 +46,9 @@ class Take {
   std::atomic<bool> running_ = true;
   std::atomic<std::int64_t> frames_ = 0;
   mutable std::mutex mutex_;
-  std::vector<Extremes> columns_;  // guarded
-  HRESULT result_ = S_OK;          // the thread's until it has ended
-  std::thread thread_;             // the last member: everything above is ready for it
+  std::vector<Extremes> columns_;  // guarded by mutex_
+  HRESULT result_ = S_OK;          // only the thread accesses it until it has ended
+  std::thread thread_;             // last, because it uses the members above
 };
 
 }  // namespace marlinda::editor

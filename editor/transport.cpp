@@ -9,7 +9,7 @@ namespace marlinda::editor {
 namespace {
 
 HostError NoSuchDevice(const HostError& error) {
-  // The reasons are the same as on the command line; the remedy is in the menu.
+  // The reasons are those of marlinda; the remedy refers to the menu.
   return {error.status(), error.subject(), error.reason(),
           "Connect a device and start the system's sound service, or choose another device in the "
           "Sound menu."};
@@ -108,11 +108,11 @@ void Transport::PollPlay() {
   __int64 position = 0;
   Check(document_.audio()->GetPlayStatus(&playing, &position));
   if (playing != VARIANT_FALSE) {
-    // At its end a section that is played once is reported from its begin again.
+    // At its end, a section that is played once reports its begin again.
     position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
     return ReadLevels();
   }
-  // Playing takes at least as long as the audio lasts; otherwise the device did not play the rest.
+  // If playback took less time than the audio lasts, the device did not play the rest.
   constexpr ULONGLONG kSlackMilliseconds = 500;
   const ULONGLONG took = GetTickCount64() - started_ + kSlackMilliseconds;
   const LONG rate = document_.format().rate;
@@ -127,8 +127,8 @@ void Transport::PollPlay() {
 
 void Transport::PollScrub() {
   ReadLevels();
-  // The engine closes a lost device. A document has no other sign of it: only an open device
-  // refuses the level of a channel that it does not have.
+  // Detects that the engine has closed a lost device: only an open device refuses the level of a
+  // channel that it does not have.
   float level = 0;
   if (FAILED(document_.audio()->GetOutputLevel(document_.format().channels, &level))) return;
   Stop();
@@ -145,8 +145,8 @@ bool Transport::InputOpens() const {
 }
 
 void Transport::PollRecord() {
-  // A device that delivers nothing may go on later. It is lost when it cannot be opened a second
-  // time; that is tried after every so many polls without a frame.
+  // A device that delivers nothing may be stalled. It is lost if it cannot be opened a second time,
+  // which is tried after this many polls without a frame.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_.format.channels);
@@ -162,7 +162,7 @@ void Transport::PollRecord() {
   if (!failed && (++polls_without_sound_ % kPollsBetweenProbes != 0 || InputOpens())) return;
   const HRESULT result = take_->Stop();
   Stop();
-  // A pool reports the system's reason, a device none.
+  // A pool returns the system's error, a device E_FAIL.
   if (failed && result != E_FAIL) throw Explain(result, kTemporaryFolder, ExitStatus::kOutput);
   throw NoSuchDevice(DeviceLost(*device_, "it stopped delivering audio"));
 }

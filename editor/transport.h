@@ -19,7 +19,7 @@ class Transport {
   Transport(const Transport&) = delete;
   Transport& operator=(const Transport&) = delete;
 
-  // Devices by index; the system's default without one. Used from the next start on.
+  // Device indexes; empty for the system's default. Used by the next start.
   std::optional<int> output;
   std::optional<int> input;
 
@@ -29,31 +29,31 @@ class Transport {
   bool IsRecording() const { return mode_ == Mode::kRecord; }
   bool IsIdle() const { return mode_ == Mode::kIdle; }
 
-  // Each start ends what runs and throws a HostError when the device cannot be used.
+  // Each start ends the current activity. Throws a HostError if the device cannot be used.
   void Play(Range range, bool looped);
-  void Loop(Range range);  // another section for the loop that runs
+  void Loop(Range range);  // another section for the running loop
   void StartScrub(std::int64_t position);
   void Scrub(std::int64_t position);
-  // In the document's format, or 44100 Hz stereo before there is one.
+  // Records in the document's format, or 44100 Hz stereo if it has none.
   void Record();
 
-  // Looks at the device; call it at each tick of a timer. Throws a HostError once when playing or
-  // recording has ended by itself and too early; after a recording TakeRecording has what came.
+  // Checks the device; call at each timer tick. Throws a HostError once if playback or recording
+  // has ended too early. After a recording, TakeRecording returns the audio received so far.
   void Poll();
-  // Where it plays or scrubs; that of the last Poll.
+  // The position of playback or scrubbing at the last Poll.
   std::int64_t position() const { return position_; }
   // Level of each channel from 0 to 1; empty when idle.
   const std::vector<float>& levels() const { return levels_; }
 
-  // Ends what runs. A recording is kept for TakeRecording.
+  // Ends the current activity. A recording is kept for TakeRecording.
   void Stop();
 
-  // The take that is being recorded: one column of all channels for each block of the device.
+  // The current recording: a column of all channels for each block of the device.
   std::int64_t recorded() const { return take_ ? take_->frames() : 0; }
   std::int64_t frames_per_column() const { return take_ ? take_->frames_per_column() : 1; }
   const AudioFormat& recording_format() const { return recording_.format; }
   const std::vector<Extremes>& recorded_columns() const { return columns_; }
-  // What the last recording brought; no frames when nothing came.
+  // Returns the last recording; without frames if nothing was received.
   Material TakeRecording();
 
  private:
@@ -62,7 +62,7 @@ class Transport {
   void PollPlay();
   void PollScrub();
   void PollRecord();
-  // Tries the device, because a document reports none that does not open.
+  // Probes the device, because a document does not report a device that cannot be opened.
   void PrepareOutput();
   void ReadLevels();
   bool InputOpens() const;

@@ -1,4 +1,5 @@
-// Undo and redo without limit. A state is what an edit is taken back to, here a copy of a document.
+// Undo and redo without limit. A state holds everything that an undo restores, here a copy of a
+// document.
 #pragma once
 
 #include <cstddef>
@@ -11,14 +12,14 @@ namespace marlinda::editor {
 template <class State>
 class UndoStack {
  public:
-  // Before an edit. Drops what could be redone.
+  // Call before an edit. Deletes the steps that could be redone.
   void Store(std::string name, State before) {
     steps_.erase(steps_.begin() + static_cast<std::ptrdiff_t>(done_), steps_.end());
     if (saved_ > done_) saved_ = kNowhere;
     steps_.push_back({std::move(name), std::move(before)});
     ++done_;
   }
-  // Takes back the last Store, for an edit that failed. Returns what was stored.
+  // Removes the last stored state after a failed edit. Returns it.
   State Withdraw() {
     State before = std::move(steps_.back().state);
     steps_.pop_back();
@@ -28,11 +29,11 @@ class UndoStack {
 
   bool CanUndo() const { return done_ > 0; }
   bool CanRedo() const { return done_ < steps_.size(); }
-  // The edits that Undo and Redo are about; only where there is one.
+  // Names of the edits that Undo and Redo would undo or redo. There must be one.
   const std::string& UndoName() const { return steps_[done_ - 1].name; }
   const std::string& RedoName() const { return steps_[done_].name; }
 
-  // Each keeps the present state for the other and returns the state to go to.
+  // Each stores `present` for the other and returns the state to restore.
   State Undo(State present) {
     std::swap(steps_[--done_].state, present);
     return present;
@@ -42,7 +43,7 @@ class UndoStack {
     return present;
   }
 
-  // The present state is in a file.
+  // Marks the current state as saved.
   void MarkSaved() { saved_ = done_; }
   bool IsSaved() const { return saved_ == done_; }
   void Clear() {
@@ -54,7 +55,7 @@ class UndoStack {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   struct Step {
     std::string name;
-    State state;  // before an edit that is done, after one that was undone
+    State state;  // before the edit; after it if the edit is undone
   };
 
   std::vector<Step> steps_;

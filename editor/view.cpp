@@ -10,7 +10,7 @@ std::int64_t DivideUp(std::int64_t value, std::int64_t divisor) {
   return value / divisor + (value % divisor > 0 ? 1 : 0);
 }
 
-// The nearest zoom of the grid for so many frames in a pixel.
+// The nearest zoom of the grid.
 Zoom NearestZoom(double frames_per_pixel) {
   if (frames_per_pixel >= 1) return {std::llround(frames_per_pixel), 1};
   return {
@@ -22,7 +22,7 @@ Zoom NearestZoom(double frames_per_pixel) {
 void View::SetLength(std::int64_t frames) {
   const bool all = ShowsAll();
   length_ = frames;
-  // A document that was visible as a whole stays so while it grows.
+  // A completely visible document stays completely visible while it grows.
   if (all || zoom_.frames > WidestFrames()) ShowAll();
   ScrollTo(origin_);
 }
@@ -42,7 +42,7 @@ std::int64_t View::PixelFromBegin(std::int64_t frame) const {
 
 std::int64_t View::FrameAt(int x) const {
   const std::int64_t pixel = std::max<std::int64_t>(0, origin_ + x);
-  // Between two points the nearer frame is meant.
+  // Between two points the nearer frame counts.
   const std::int64_t frame =
       zoom_.pixels > 1 ? (pixel + zoom_.pixels / 2) / zoom_.pixels : pixel * zoom_.frames;
   return std::min(frame, length_);
@@ -66,7 +66,7 @@ std::int64_t View::WidestFrames() const {
 }
 
 void View::ZoomAt(int x, double factor) {
-  // The middle of the pixel, so that several steps do not add up to a drift.
+  // Uses the pixel's middle, so that repeated zooming does not drift.
   ZoomAround(std::min(FrameAt(x) + zoom_.frames / 2, length_), x, factor);
 }
 
@@ -74,7 +74,7 @@ void View::ZoomAround(std::int64_t frame, int x, double factor) {
   const double now = static_cast<double>(zoom_.frames) / static_cast<double>(zoom_.pixels);
   Zoom next = NearestZoom(now / factor);
   if (next == zoom_) {
-    // The grid is coarse where few frames or pixels are shared: take its next step.
+    // At few frames or pixels the factor may be less than a step of the grid: take the next step.
     const bool in = factor > 1;
     if (zoom_.frames > 1 || (!in && zoom_.pixels == 1)) {
       next.frames += in ? -1 : 1;
@@ -101,7 +101,7 @@ void View::ShowAll() {
 void View::ShowRange(Range range) {
   if (range.empty()) return;
   const double frames_per_pixel = static_cast<double>(range.length()) / width_;
-  // The range has to fit, so the grid's step above it is taken; its begin may lie within a pixel.
+  // Rounds up, so that the range fits even if its begin lies within a pixel.
   if (frames_per_pixel > 1) {
     const int room = std::max(1, width_ - 1);
     zoom_ = {std::min(DivideUp(range.length(), room), WidestFrames()), 1};

@@ -1,4 +1,4 @@
-// The part of a document that is visible: zoom, scrolling, and positions between frames and pixels.
+// The visible part of a document: zoom, scrolling, and conversion between frames and pixels.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@ struct Range {
   friend bool operator==(const Range&, const Range&) = default;
 };
 
-// The zoom: `frames` frames in `pixels` pixels. One of the two is 1, so that columns of several
-// frames and points of several pixels lie on a grid which scrolling does not change.
+// `frames` frames cover `pixels` pixels. One of the two is 1, so that columns and points lie on a
+// grid that scrolling does not move.
 struct Zoom {
   std::int64_t frames = 1;
   std::int64_t pixels = 1;
@@ -29,7 +29,8 @@ class View {
  public:
   static constexpr std::int64_t kMaxPixelsPerFrame = 32;
 
-  // Document length in frames and width in pixels. The view keeps its begin where it can.
+  // Set the document's length in frames and the width in pixels. The view keeps its begin if
+  // possible.
   void SetLength(std::int64_t frames);
   void SetWidth(int pixels);
 
@@ -38,20 +39,20 @@ class View {
   int width() const { return width_; }
   // The pixel at the left edge, counted from the begin of the document.
   std::int64_t origin() const { return origin_; }
-  // All pixels of the document at this zoom.
+  // The document's width in pixels at this zoom.
   std::int64_t extent() const;
 
-  // The frame under a pixel of the window, inside the document or at its end.
+  // Returns the frame at a pixel of the window, limited to the document.
   std::int64_t FrameAt(int x) const;
-  // The pixel at which a frame begins; outside the window it is negative or beyond the width. Far
-  // outside it is limited to what an int of Windows' drawing functions holds.
+  // Returns the pixel at which a frame begins; outside the window it is negative or beyond the
+  // width. Limited to the coordinates of Windows' drawing functions.
   int PixelOf(std::int64_t frame) const;
   Range visible() const;
   bool ShowsAll() const { return origin_ == 0 && extent() <= width_; }
 
-  // Zooms by `factor` (2 shows half as much) and keeps the frame under `x` there.
+  // Zooms by `factor` (2 shows half as much) and keeps the frame at pixel `x` in place.
   void ZoomAt(int x, double factor);
-  // The same for a frame that is to be at `x` afterwards.
+  // Zooms by `factor` and moves `frame` to pixel `x`.
   void ZoomAround(std::int64_t frame, int x, double factor);
   void SetZoom(Zoom zoom);
   void ShowAll();
@@ -59,7 +60,7 @@ class View {
   void ShowRange(Range range);
   void ScrollTo(std::int64_t origin);
   void ScrollBy(std::int64_t pixels) { ScrollTo(origin_ + pixels); }
-  // Scrolls only if the frame is outside: then it lies a quarter from the left edge.
+  // If the frame is outside the window, scrolls it to a quarter of the width.
   void MakeVisible(std::int64_t frame);
 
  private:

@@ -18,7 +18,7 @@ void Waveform::Read(IEditedAudio* audio, int channels, const View& view) {
     channels_ = channels;
     zoom_ = view.zoom();
   }
-  // With points the frames beside the window too, for the lines to them.
+  // Includes frames just outside the window, for lines to their points.
   const std::int64_t per_column = zoom_.pixels;
   const std::int64_t first = std::max<std::int64_t>(0, view.origin() / per_column - 1);
   const std::int64_t past = (view.origin() + view.width()) / per_column + 2;
@@ -61,7 +61,7 @@ void Waveform::Show(std::vector<Extremes> columns, int channels) {
   columns_ = std::move(columns);
   channels_ = channels;
   begin_ = 0;
-  zoom_ = {0, 0};  // that of no view, so that the next Read begins anew
+  zoom_ = {0, 0};  // matches no view, so the next Read reads all columns
 }
 
 }  // namespace marlinda::editor

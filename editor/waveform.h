@@ -1,4 +1,4 @@
-// The lowest and highest samples of the columns that are visible, kept while the view scrolls.
+// Caches the lowest and highest samples of the visible columns while the view scrolls.
 #pragma once
 
 #include <marlinda.h>
@@ -17,14 +17,14 @@ struct Extremes {
 
 class Waveform {
  public:
-  // Reads the columns of the view that are not there yet. A column is a pixel, or a frame where a
-  // frame has several pixels. Throws when out of memory; what cannot be read stays silent.
+  // Reads the missing columns of the view. A column is a pixel, or a frame if frames are wider than
+  // a pixel. Throws if out of memory; columns that cannot be read are silent.
   void Read(IEditedAudio* audio, int channels, const View& view);
-  // Columns from that frame on are read again.
+  // Discards the columns from this frame on.
   void Forget(std::int64_t from_frame);
 
   int channels() const { return channels_; }
-  // Columns count from the begin of the document.
+  // Columns are counted from the document's begin.
   std::int64_t begin() const { return begin_; }
   std::int64_t end() const;
   const Extremes& At(std::int64_t column, int channel) const {
