@@ -2,6 +2,7 @@
 // samples.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -13,6 +14,10 @@
 namespace marlinda {
 
 // One writer and one reader. The other calls come from any thread.
+//
+// Either side is woken only when its wait is over: a wake-up for each packet costs more than the
+// packet. It sets `writer_waits_` or `wanted_` under the lock before it looks at the queue, and the
+// other side reads them under the lock after it has changed the queue, so no wake-up is lost.
 class PacedQueue {
  public:
   // The writer waits while the queue holds more. Test and append are two steps, so the queue holds
@@ -31,22 +36,67 @@ class PacedQueue {
   bool HasRoom() const noexcept { return queue_.Count() < kMaxQueued; }
 
   // Writer: waits for room without limit. False if interrupted.
-  bool AwaitRoom();
+  bool AwaitRoom() {
+    std::unique_lock lock(mutex_);
+    writer_waits_ = true;
+    room_.wait(lock, [this] { return interrupted_ || queue_.Count() <= kMaxQueued; });
+    writer_waits_ = false;
+    return !interrupted_;
+  }
   // Writer: appends the samples. Throws std::bad_alloc and leaves the queue as it was.
-  void Put(std::span<const float> samples);
+  void Put(std::span<const float> samples) {
+    const std::size_t needed = queue_.Count() + samples.size() + 1;
+    const std::size_t capacity = queue_.Capacity();
+    // The ring grows by the appended size. Doubling it, up to the limit of the queue, avoids
+    // thousands of copies while the queue fills.
+    if (needed > capacity) {
+      queue_.Reserve(std::max(needed, std::min(2 * capacity, kMaxQueued + samples.size() + 1)));
+    }
+    queue_.Append(samples);
+    const std::lock_guard lock(mutex_);
+    has_put_ = true;
+    if (wanted_ > 0 && queue_.Count() >= wanted_) samples_.notify_one();
+  }
 
   // Reader: waits until the queue holds `wanted` samples. Adds the rounds in which nothing arrived
   // to `timeouts`. False if these become too many, or if interrupted.
-  bool AwaitSamples(std::size_t wanted, int& timeouts);
+  bool AwaitSamples(std::size_t wanted, int& timeouts) {
+    std::unique_lock lock(mutex_);
+    const auto is_over = [&] { return interrupted_ || queue_.Count() >= wanted; };
+    wanted_ = wanted;
+    while (!is_over() && timeouts < max_timeouts_) {
+      has_put_ = false;
+      if (!samples_.wait_for(lock, pace_.round, is_over) && !has_put_) ++timeouts;
+    }
+    wanted_ = 0;
+    return queue_.Count() >= wanted;
+  }
   // Reader: fills all of `destination`, with 0.0 where samples are missing.
-  void Take(std::span<float> destination);
+  void Take(std::span<float> destination) {
+    queue_.Read(destination);
+    const std::lock_guard lock(mutex_);
+    if (writer_waits_ && queue_.Count() <= kMaxQueued) room_.notify_one();
+  }
 
   // Makes the reader give up after so many timeouts, until Reset.
-  void LimitTimeouts(int max_timeouts);
+  void LimitTimeouts(int max_timeouts) {
+    const std::lock_guard lock(mutex_);
+    max_timeouts_ = max_timeouts;
+  }
   // Wakes both sides and ends their waits, until Reset. Queued samples stay readable.
-  void Interrupt();
+  void Interrupt() {
+    const std::lock_guard lock(mutex_);
+    interrupted_ = true;
+    room_.notify_all();
+    samples_.notify_all();
+  }
   // Drops all samples, frees their memory and lets both sides wait again.
-  void Reset();
+  void Reset() {
+    const std::lock_guard lock(mutex_);
+    queue_.Clear();
+    interrupted_ = false;
+    max_timeouts_ = pace_.max_timeouts;
+  }
 
  private:
   const Pace pace_{};

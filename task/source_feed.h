@@ -4,14 +4,18 @@
 #include <converter.h>
 #include <marlinda.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <span>
+#include <utility>
 
 #include "core/com_ptr.h"
+#include "core/constants.h"
 #include "core/sample_array.h"
+#include "core/sample_count.h"
 #include "task/paced_queue.h"
 
 namespace marlinda {
@@ -24,6 +28,29 @@ struct StreamFormat {
   bool operator==(const StreamFormat&) const = default;
 };
 
+inline constexpr __int64 kFramesPerPull = 65535;
+// Give up on a reader after this many blocks from which nothing arrives in the queue.
+inline constexpr int kMaxEmptyBlocks = 10;
+// No converter holds back as much as all of these blocks.
+inline constexpr int kMaxSilentBlocks = 16;
+inline constexpr std::size_t kSilentFrames = 4096;
+
+// Destroys an array that a callee made.
+struct DestroyArray {
+  void operator()(SAFEARRAY* array) const noexcept { SafeArrayDestroy(array); }
+};
+
+inline ComPtr<IFormatConverter> CreateConverter(const StreamFormat& source,
+                                                const StreamFormat& target) {
+  ComPtr<IFormatConverter> converter;
+  if (FAILED(CreateInstance(CLSID_CFormatConverter, converter)) ||
+      FAILED(converter->SetUp(source.rate, target.rate, source.channels, target.channels,
+                              kConverterMode))) {
+    return {};
+  }
+  return converter;
+}
+
 // Shared by the host's thread and the threads of the two filters. It holds no reference to a
 // filter: filters belong to the host's apartment and may count their references without
 // interlocking.
@@ -32,35 +59,137 @@ class SourceFeed {
   // A plain queue, before the first set-up.
   SourceFeed() = default;
   // `reader` is borrowed until DetachReader. Null means that an import filter writes the samples.
-  SourceFeed(IAudioReader* reader, const StreamFormat& target);
+  SourceFeed(IAudioReader* reader, const StreamFormat& target)
+      : target_(target), pulls_(reader != nullptr), reader_(reader) {}
 
   const StreamFormat& target() const noexcept { return target_; }
   PacedQueue& queue() noexcept { return queue_; }
 
   // Host: sets the source's format and length in frames. Creates the converter if the format is
   // known and differs from the target. Without a converter, samples pass unchanged.
-  void SetSource(const StreamFormat& format, __int64 frames);
+  void SetSource(const StreamFormat& format, __int64 frames) {
+    {
+      const std::lock_guard lock(mutex_);
+      source_frames_ = frames;
+      if (!format.IsKnown() || format == source_) return;
+      source_ = format;
+    }
+    ComPtr<IFormatConverter> converter;
+    if (target_.IsKnown() && format != target_) converter = CreateConverter(format, target_);
+    const std::lock_guard lock(mutex_);
+    converter_.Swap(converter);
+  }
   // Host: whether the import task ran at the last poll.
   void SetImportRuns(bool runs) noexcept { import_runs_ = runs; }
   // Host: waits for the end of a read of the reader and prevents further ones.
-  void DetachReader();
+  void DetachReader() {
+    const std::lock_guard lock(mutex_);
+    reader_ = nullptr;
+  }
 
   // Export's thread. S_FALSE and 0.0 for the rest if the source has stopped delivering.
-  HRESULT Read(SAFEARRAY* array);
+  HRESULT Read(SAFEARRAY* array) {
+    SampleArrayView view;
+    const HRESULT hr = view.Lock(array);
+    if (FAILED(hr)) return hr;
+    std::span<float> rest = view.samples();
+    int timeouts = 0;
+    // In pieces: the writer stops before the queue holds enough for a very large read.
+    while (!rest.empty()) {
+      const std::span<float> piece = rest.first(std::min(rest.size(), PacedQueue::kMaxQueued));
+      rest = rest.subspan(piece.size());
+      const bool complete =
+          pulls_ ? PullSamples(piece.size()) : AwaitSamples(piece.size(), timeouts);
+      queue_.Take(piece);
+      if (!complete) {
+        std::ranges::fill(rest, 0.0F);
+        return S_FALSE;
+      }
+    }
+    return S_OK;
+  }
   // Import's thread. Waits for room. Drops the block if the queue is interrupted.
-  HRESULT Write(SAFEARRAY* array);
+  HRESULT Write(SAFEARRAY* array) {
+    SampleArrayView view;
+    const HRESULT hr = view.Lock(array);
+    if (FAILED(hr)) return hr;
+    if (!queue_.AwaitRoom()) return S_OK;
+    const std::lock_guard lock(mutex_);
+    Push(array, view.samples());
+    return S_OK;
+  }
 
  private:
   // Both bring the queue to `wanted` samples. False if the source does not deliver them.
-  bool PullSamples(std::size_t wanted);
-  bool AwaitSamples(std::size_t wanted, int& timeouts);
+  bool PullSamples(std::size_t wanted) {
+    const std::lock_guard lock(mutex_);
+    for (int empty_blocks = 0; queue_.Count() < wanted;) {
+      if (reader_ == nullptr || !source_.IsKnown() || empty_blocks == kMaxEmptyBlocks) return false;
+      const std::size_t before = queue_.Count();
+      PullBlock();
+      empty_blocks = queue_.Count() > before ? 0 : empty_blocks + 1;
+    }
+    return true;
+  }
+  bool AwaitSamples(std::size_t wanted, int& timeouts) {
+    // After one read that waited in vain for an import that has ended, the others need not wait.
+    const bool waits = import_runs_ || !gave_up_;
+    const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
+    gave_up_ = !complete;
+    if (complete || import_runs_) return complete;
+    // The import ended before its promised length: get the last frames out of the converter.
+    const std::lock_guard lock(mutex_);
+    PushSilence();
+    return false;
+  }
 
   // The lock is held in all of these.
-  void PullBlock();
-  void SilenceBeyondEnd(std::span<float> samples, __int64 first_frame) const;
-  void Push(SAFEARRAY* array, std::span<const float> samples);
-  void Convert(SAFEARRAY* array);
-  bool PushSilence();
+  void PullBlock() {
+    if (!block_) block_ = std::make_unique<SampleArray>();
+    SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *
+                                             static_cast<std::size_t>(source_.channels));
+    // The block is silent where the reader fails, so its result does not matter.
+    reader_->ReadAudio(read_position_, array);
+    SilenceBeyondEnd(block_->samples(), read_position_);
+    read_position_ += kFramesPerPull;
+    Push(array, block_->samples());
+  }
+  // A converter mixes neighbouring frames. What a source has behind its end, such as the next take
+  // of a pool, must not be heard in its last frames. Unconverted samples are passed as they are.
+  void SilenceBeyondEnd(std::span<float> samples, __int64 first_frame) const {
+    if (!converter_ || source_frames_ <= 0) return;
+    const __int64 left = std::clamp<__int64>(source_frames_ - first_frame, 0, kFramesPerPull);
+    const auto kept = static_cast<std::size_t>(left) * static_cast<std::size_t>(source_.channels);
+    std::ranges::fill(samples.subspan(std::min(kept, samples.size())), 0.0F);
+  }
+  void Push(SAFEARRAY* array, std::span<const float> samples) {
+    if (!converter_) return queue_.Put(samples);
+    Convert(array);
+    samples_in_ += static_cast<__int64>(samples.size());
+    if (source_frames_ <= 0 || samples_in_ / source_.channels < source_frames_) return;
+    // The source is complete, but the converter holds back its last frames.
+    const __int64 frames = ConvertSampleCount(source_frames_, source_.rate, target_.rate);
+    while (samples_out_ / target_.channels < frames && PushSilence()) {
+    }
+  }
+  void Convert(SAFEARRAY* array) {
+    if (FAILED(converter_->Convert(array))) return;
+    SAFEARRAY* received = nullptr;
+    const HRESULT hr = converter_->GetOutput(&received);
+    const std::unique_ptr<SAFEARRAY, DestroyArray> converted(received);
+    SampleArrayView view;  // unlocks before the array is destroyed
+    if (FAILED(hr) || FAILED(view.Lock(converted.get()))) return;
+    queue_.Put(view.samples());
+    samples_out_ += static_cast<__int64>(view.samples().size());
+  }
+  // Pushes the last frames out of the converter. False if there is no converter or it had enough.
+  bool PushSilence() {
+    if (!converter_ || silent_blocks_ == kMaxSilentBlocks) return false;
+    ++silent_blocks_;
+    const SampleArray silence(kSilentFrames * static_cast<std::size_t>(source_.channels));
+    Convert(silence.get());
+    return true;
+  }
 
   const StreamFormat target_{};
   const bool pulls_ = false;  // from a reader

@@ -2,9 +2,11 @@
 // consumer that work at different block sizes.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <new>
 #include <span>
 #include <vector>
 
@@ -22,31 +24,78 @@ class CAudioQueue {
   std::size_t Count() const noexcept { return count_; }
 
   // Ring size in samples; always more than Count().
-  std::size_t Capacity() const;
+  std::size_t Capacity() const {
+    const std::lock_guard lock(mutex_);
+    return ring_.size();
+  }
 
   // Makes the ring at least that large, in one step where many appends would take many.
-  void Reserve(std::size_t capacity);
+  void Reserve(std::size_t capacity) {
+    const std::lock_guard lock(mutex_);
+    if (capacity > ring_.size()) MoveToRing(capacity);
+  }
 
   // Drops all samples and the memory that they grew to; the latter stays when there is none for the
   // first size.
-  void Clear() noexcept;
+  void Clear() noexcept {
+    const std::lock_guard lock(mutex_);
+    read_index_ = 0;
+    count_ = 0;
+    try {
+      std::vector<float>(kGrowMinimum).swap(ring_);
+    } catch (const std::bad_alloc&) {
+      // The larger ring serves as well.
+    }
+  }
 
   // Adds the samples at the end. Throws std::bad_alloc and leaves the queue as it was.
-  void Append(std::span<const float> samples);
+  void Append(std::span<const float> samples) {
+    const std::lock_guard lock(mutex_);
+    const std::size_t count = count_;
+    if (count + samples.size() >= ring_.size()) {
+      MoveToRing(ring_.size() + std::max(samples.size(), kGrowMinimum));
+    }
+    const std::size_t write_index = InRing(read_index_ + count);
+    const std::size_t to_end = std::min(samples.size(), ring_.size() - write_index);
+    std::copy_n(samples.data(), to_end, ring_.data() + write_index);
+    std::copy_n(samples.data() + to_end, samples.size() - to_end, ring_.data());
+    count_.store(count + samples.size(), std::memory_order_release);
+  }
 
   // Copies the first samples into all of `destination` and consumes as many. A queue that holds
   // fewer gives 0.0 for the rest.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
   // The same, but consumes `advance` samples: 0 only looks.
-  void Read(std::span<float> destination, std::size_t advance);
+  void Read(std::span<float> destination, std::size_t advance) {
+    const std::lock_guard lock(mutex_);
+    const std::size_t count = count_;
+    const std::size_t present = std::min(destination.size(), count);
+    CopyOut(destination.first(present));
+    std::ranges::fill(destination.subspan(present), 0.0F);
+    const std::size_t consumed = std::min(advance, count);
+    read_index_ = InRing(read_index_ + consumed);
+    count_.store(count - consumed, std::memory_order_release);
+  }
 
  private:
   static constexpr std::size_t kGrowMinimum = 2048;
 
-  void MoveToRing(std::size_t capacity);
-  std::size_t InRing(std::size_t position) const noexcept;
-  void CopyOut(std::span<float> destination) const noexcept;
+  void MoveToRing(std::size_t capacity) {
+    std::vector<float> larger(capacity);
+    CopyOut(std::span(larger).first(count_));
+    ring_ = std::move(larger);
+    read_index_ = 0;
+  }
+  // Of a position that is less than two rings: cheaper than a division.
+  std::size_t InRing(std::size_t position) const noexcept {
+    return position < ring_.size() ? position : position - ring_.size();
+  }
+  void CopyOut(std::span<float> destination) const noexcept {
+    const std::size_t to_end = std::min(destination.size(), ring_.size() - read_index_);
+    std::copy_n(ring_.data() + read_index_, to_end, destination.data());
+    std::copy_n(ring_.data(), destination.size() - to_end, destination.data() + to_end);
+  }
 
   mutable std::mutex mutex_;
   std::vector<float> ring_;
