@@ -2,6 +2,8 @@
 // block which is held loops without clicks and a moving one glides.
 #pragma once
 
+#include <cassert>
+#include <cmath>
 #include <cstddef>
 #include <span>
 #include <vector>
@@ -10,19 +12,43 @@ namespace marlinda {
 
 // The square-root Hann window of `frames` values: 0 at the start, 1 in the middle; the squares of
 // two values half a window apart add up to 1, so the sum has constant power.
-std::vector<float> ScrubWindow(std::size_t frames);
+inline std::vector<float> ScrubWindow(std::size_t frames) {
+  // The angle is taken in single precision, which fixes the window's last bits.
+  constexpr float kPi = 3.1415927F;
+  std::vector<float> window(frames);
+  for (std::size_t i = 0; i < frames; ++i) {
+    const float angle = 2.0F * static_cast<float>(i) * kPi / static_cast<float>(frames);
+    window[i] = static_cast<float>(std::sqrt(0.5 - 0.5 * std::cos(static_cast<double>(angle))));
+  }
+  return window;
+}
 
 class OverlapAdd {
  public:
   // `block_frames` is even.
-  OverlapAdd(std::size_t block_frames, std::size_t channels);
+  OverlapAdd(std::size_t block_frames, std::size_t channels)
+      : channels_(channels),
+        window_(ScrubWindow(block_frames)),
+        overlap_(block_frames / 2 * channels) {
+    assert(block_frames % 2 == 0);
+  }
 
   // Samples that one pass gives: half a block.
   std::size_t OutputSamples() const noexcept { return overlap_.size(); }
 
   // Plays the first half of `block` faded in over the second half of the previous pass's block
   // faded out. `block` holds a whole block, `output` OutputSamples() samples. Real-time safe.
-  void Pass(std::span<const float> block, std::span<float> output) noexcept;
+  void Pass(std::span<const float> block, std::span<float> output) noexcept {
+    const std::size_t half = window_.size() / 2;
+    assert(block.size() >= 2 * overlap_.size() && output.size() == overlap_.size());
+    std::size_t sample = 0;
+    for (std::size_t frame = 0; frame < half; ++frame) {
+      for (std::size_t channel = 0; channel < channels_; ++channel, ++sample) {
+        output[sample] = block[sample] * window_[frame] + overlap_[sample];
+        overlap_[sample] = block[sample + overlap_.size()] * window_[frame + half];
+      }
+    }
+  }
 
  private:
   std::size_t channels_;
