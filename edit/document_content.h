@@ -4,16 +4,27 @@
 
 #include <marlinda.h>
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
+#include <span>
+#include <utility>
 #include <vector>
 
 #include "core/com_ptr.h"
+#include "core/frame_math.h"
+#include "core/nested_call.h"
 #include "core/sample_array.h"
 #include "edit/annotations.h"
 #include "edit/segment_list.h"
 
 namespace marlinda {
+
+enum class ContentCall { kRead, kOpen, kClose };
+
+// Reads of a document that contains itself, nested in each other. Few enough for a thread's stack.
+inline constexpr int kMaxReadDepth = 64;
 
 // A fresh document has the rate 1; its zero channels alone mean that no format is set.
 struct DocumentFormat {
@@ -58,8 +69,16 @@ struct DocumentContent {
   // pin releases them, without the lock.
   class Pin {
    public:
-    explicit Pin(DocumentContent& content) noexcept;
-    ~Pin();
+    explicit Pin(DocumentContent& content) noexcept : content_(content) {
+      const std::unique_lock guard(content_.lock);
+      ++content_.pins;
+    }
+    ~Pin() {
+      // Destroyed after the lock is released.
+      std::vector<std::vector<Segments::Block>> released;
+      const std::unique_lock guard(content_.lock);
+      if (--content_.pins == 0) released.swap(content_.removed);
+    }
     Pin(const Pin&) = delete;
     Pin& operator=(const Pin&) = delete;
 
@@ -68,24 +87,155 @@ struct DocumentContent {
   };
 
   // What the document answers to the methods of the same names.
-  HRESULT ReadAudio(__int64 position, SAFEARRAY* samples);
-  HRESULT OpenDevice();
-  HRESULT CloseDevice();
+  HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
+    // Each piece is read into an array of exactly its own size, and delivers nothing to the caller
+    // when it fails. The pieces are written one after another from the start of the array, also
+    // when the read begins before the document. Where backward segments make them longer than the
+    // array, the rest is read and dropped.
+    return ComCall([&]() -> HRESULT {
+      SampleArrayView view;
+      Check(view.Lock(samples));
+      const NestedCall call(this, ContentCall::kRead);
+      if (call.Depth() > kMaxReadDepth) return E_FAIL;
 
-  DocumentFormat CurrentFormat();
+      const Pin pin(*this);
+      std::shared_lock guard(lock);
+      const __int64 channels = format.channels;
+      if (channels == 0) {
+        guard.unlock();
+        std::ranges::fill(view.samples(), 0.0F);
+        return S_FALSE;
+      }
+      // With a negative channel count the frames are negative too, and no piece fits between.
+      const __int64 frames = static_cast<__int64>(view.samples().size()) / channels;
+      const CSection request(position, SaturatingAdd(position, frames));
+      const std::vector<Piece> pieces = Cut(request);
+      const __int64 length = segments.Length();
+      guard.unlock();
+
+      if (length < request.end) {
+        const __int64 left = std::max<__int64>(0, SaturatingSubtract(length, request.begin));
+        std::ranges::fill(view.samples().subspan(static_cast<std::size_t>(left * channels)), 0.0F);
+      }
+      std::span<float> room = view.samples();
+      ScratchLease lease(scratch);
+      for (const Piece& piece : pieces) {
+        const auto count = static_cast<std::size_t>((piece.end - piece.begin) * channels);
+        const std::span<float> target = room.first(std::min(count, room.size()));
+        if (piece.source != nullptr) {
+          Check(piece.source->ReadAudio(piece.begin, lease->Prepare(count)));
+          const std::span<const float> delivered = lease->samples();
+          std::copy_n(delivered.data(), std::min(delivered.size(), target.size()), target.data());
+        } else {
+          std::ranges::fill(target, 0.0F);
+        }
+        room = room.subspan(target.size());
+      }
+      return S_OK;
+    });
+  }
+  // The sources that were opened before the failing one stay open.
+  HRESULT OpenDevice() {
+    return ComCall([&]() -> HRESULT {
+      const NestedCall call(this, ContentCall::kOpen);
+      if (call.Depth() > 1) return E_FAIL;
+      const Pin pin(*this);
+      for (const Piece& piece : AllPieces()) {
+        if (piece.source != nullptr) Check(piece.source->OpenDevice());
+      }
+      return S_OK;
+    });
+  }
+  HRESULT CloseDevice() {
+    return ComCall([&] {
+      const NestedCall call(this, ContentCall::kClose);
+      if (call.Depth() > 1) return;
+      const Pin pin(*this);
+      for (const Piece& piece : AllPieces()) {
+        if (piece.source != nullptr) piece.source->CloseDevice();
+      }
+    });
+  }
+
+  DocumentFormat CurrentFormat() {
+    const std::shared_lock guard(lock);
+    return format;
+  }
   // A document without a format takes that of the source. The source's result is ignored.
-  void AdoptFormat(IAudioReader* source);
+  void AdoptFormat(IAudioReader* source) {
+    DocumentFormat adopted = CurrentFormat();
+    if (source == nullptr || adopted.IsSet()) return;
+    source->GetFormat(&adopted.samples_per_sec, &adopted.channels);
+    const std::unique_lock guard(lock);
+    format.samples_per_sec = adopted.samples_per_sec;
+    format.channels = adopted.channels;
+  }
 
   // The parts of the list in a range, or all segments whole. Call with the lock and a pin held.
-  std::vector<Piece> Cut(const std::optional<CSection>& range) const;
+  std::vector<Piece> Cut(const std::optional<CSection>& range) const {
+    std::vector<Piece> pieces;
+    const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
+      pieces.push_back({source.Get(), section.begin, section.end});
+    };
+    if (range) {
+      pieces.reserve(segments.MaxPieces(*range));
+      segments.ForEachPiece(*range, take);
+    } else {
+      pieces.reserve(segments.Count());
+      segments.ForEach(take);
+    }
+    return pieces;
+  }
 
   // Inserts segments and moves labels and markers.
-  void Insert(__int64 position, std::vector<Segment> added);
+  void Insert(__int64 position, std::vector<Segment> added) {
+    __int64 length = 0;
+    for (const Segment& segment : added) length = WrappingAdd(length, segment.Length());
+    const Pin pin(*this);
+    ComPtr<IAudioReader> divided;
+    std::unique_lock guard(lock);
+    HoldDivided(guard, {position, position}, divided);
+    segments.Insert(position, added, divided);
+    annotations.MoveForInsertion(position, length);
+  }
   // Joins the frames before and behind a range. A range that runs backward repeats the frames in
   // it, a marker around the range becomes two, and empty and backward segments disappear.
-  void Delete(const CSection& range);
+  void Delete(const CSection& range) {
+    if (CutOut(range)) return;
+    const Pin pin(*this);
+    std::shared_lock guard(lock);
+    const __int64 length = segments.Length();
+    const std::vector<Piece> head = Cut(CSection(0, range.begin));
+    const std::vector<Piece> tail = Cut(CSection(range.end, length));
+    Annotations kept_annotations = annotations;
+    guard.unlock();
+
+    kept_annotations.Delete(range, length);
+    Segments kept;
+    for (const Piece& piece : head) {
+      AdoptFormat(piece.source);
+      kept.Append({piece.source, piece.begin, piece.end});
+    }
+    std::vector<Segment> behind;
+    for (const Piece& piece : tail) {
+      AdoptFormat(piece.source);
+      behind.emplace_back(piece.source, piece.begin, piece.end);
+    }
+    // Without the backward segments between them, the pieces may reach past the begin of the range.
+    const Segment* const found = kept.DividedBy({range.begin, range.begin});
+    ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
+    kept.Insert(range.begin, behind, divided);
+    Replace(std::move(kept), std::move(kept_annotations));
+  }
   // Replaces segments, labels and markers.
-  void Replace(Segments new_segments, Annotations new_annotations);
+  void Replace(Segments new_segments, Annotations new_annotations) {
+    const Pin pin(*this);
+    const std::unique_lock guard(lock);
+    removed.emplace_back();
+    removed.back() = segments.RemoveAll();
+    segments = std::move(new_segments);
+    std::swap(annotations, new_annotations);
+  }
 
   SrwLock lock;
   DocumentFormat format;
@@ -96,10 +246,38 @@ struct DocumentContent {
   ScratchCache scratch;
 
  private:
-  bool CutOut(const CSection& range);
+  // Deletes the range in place where all segments have frames and the range runs forward; otherwise
+  // does nothing and returns false.
+  bool CutOut(const CSection& range) {
+    if (range.begin < 0 || range.end < range.begin) return false;
+    const Pin pin(*this);
+    ComPtr<IAudioReader> divided;
+    std::unique_lock guard(lock);
+    HoldDivided(guard, range, divided);
+    if (!format.IsSet() || !segments.AllHaveFrames()) return false;
+    const __int64 length = segments.Length();
+    removed.emplace_back(1);
+    removed.back().front() = segments.Remove(range, divided);
+    annotations.Delete(range, length);
+    return true;
+  }
+  // Makes `divided` hold the source of the segment that an edit at `range` will divide. Gives up
+  // the lock while the reference is counted.
   void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
-                   ComPtr<IAudioReader>& divided);
-  std::vector<Piece> AllPieces();
+                   ComPtr<IAudioReader>& divided) {
+    for (;;) {
+      const Segment* const found = segments.DividedBy(range);
+      IAudioReader* const source = found != nullptr ? found->source.Get() : nullptr;
+      if (source == divided.Get()) return;
+      guard.unlock();
+      Hold(divided, source);
+      guard.lock();
+    }
+  }
+  std::vector<Piece> AllPieces() {
+    const std::shared_lock guard(lock);
+    return Cut(std::nullopt);
+  }
 };
 
 }  // namespace marlinda

@@ -2,23 +2,40 @@
 // in the section the device is.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "core/section.h"
 
 namespace marlinda {
 
+inline constexpr std::int64_t kBlocksPerSecond = 25;
+inline constexpr std::int64_t kSampleBytes = sizeof(float);
+inline constexpr std::uint32_t kAllChannels = 0xFFFFFFFF;
+inline constexpr std::size_t kMaskBits = 32;
+
 // Bytes of 40 milliseconds of 32-bit float frames; 0 or less for formats that are none.
-std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t channels) noexcept;
+inline std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t channels) noexcept {
+  return channels * samples_per_sec * kSampleBytes / kBlocksPerSecond;
+}
 
 // Walks through a section block by block. A block is never shorter than one frame, whatever the
 // rate, so that a walk ends; without channels there is nothing to walk through.
 class PlayCursor {
  public:
+  // A block may end in a part of a frame, where the bytes are no multiple of its size; only its
+  // whole frames count.
   PlayCursor(const CSection& section, bool looped, std::int64_t block_bytes,
-             std::int64_t channels) noexcept;
+             std::int64_t channels) noexcept
+      : section_(section), looped_(looped), channels_(channels), position_(section.begin) {
+    const std::int64_t least = std::max<std::int64_t>(channels, 1);
+    const std::int64_t samples = std::max(block_bytes / kSampleBytes, least);
+    block_samples_ = static_cast<std::uint64_t>(samples);
+    block_frames_ = static_cast<std::uint64_t>(samples / least);
+  }
 
   // True in a looped section only when there is nothing in it.
   bool AtEnd() const noexcept { return channels_ <= 0 || position_ >= section_.end; }
@@ -26,14 +43,28 @@ class PlayCursor {
   // The frame at which the next block begins, and its samples: those that fit the block's bytes, or
   // as many as are left of the section. Only while not at the end.
   std::int64_t Position() const noexcept { return position_; }
-  std::size_t Samples() const noexcept;
+  std::size_t Samples() const noexcept {
+    const std::uint64_t left = FramesLeft();
+    const auto channels = static_cast<std::uint64_t>(channels_);
+    // Compared in frames, where nothing overflows: fewer samples are left than a block has.
+    const bool last = left <= block_frames_ && left * channels < block_samples_;
+    // More than memory holds stays more than memory holds, also where std::size_t has 32 bits.
+    return static_cast<std::size_t>(std::min<std::uint64_t>(
+        last ? left * channels : block_samples_, std::numeric_limits<std::size_t>::max()));
+  }
 
   // Steps over the block; in a looped section from its end to its begin.
-  void Advance() noexcept;
+  void Advance() noexcept {
+    const std::uint64_t step = std::min(FramesLeft(), block_frames_);
+    position_ = WrappingAdd(position_, static_cast<std::int64_t>(step));
+    if (looped_ && position_ >= section_.end) position_ = section_.begin;
+  }
 
  private:
   // Counted without sign: a section may be longer than the largest position.
-  std::uint64_t FramesLeft() const noexcept;
+  std::uint64_t FramesLeft() const noexcept {
+    return static_cast<std::uint64_t>(section_.end) - static_cast<std::uint64_t>(position_);
+  }
 
   CSection section_;
   bool looped_;
@@ -45,13 +76,29 @@ class PlayCursor {
 
 // Silences the channels whose bits are clear; bit i stands for channel i. Channels beyond the
 // mask's 32 bits are heard only when all of these are set.
-void ApplyChannelMask(std::span<float> block, std::size_t channels, std::uint32_t mask) noexcept;
+inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
+                             std::uint32_t mask) noexcept {
+  if (channels == 0) return;
+  const std::uint32_t needed =
+      channels >= kMaskBits ? kAllChannels : (std::uint32_t{1} << channels) - 1;
+  if ((mask & needed) == needed) return;
+  for (std::size_t i = 0; i < block.size(); ++i) {
+    const std::size_t channel = i % channels;
+    if (channel >= kMaskBits || (mask >> channel & 1) == 0) block[i] = 0.0F;
+  }
+}
 
 // The frame that is heard after `played` frames of a section that is repeated.
 // After the last frame that is the first one, also when the section is not looped.
-std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept;
+inline std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept {
+  const std::int64_t length = section.Length();
+  // A section longer than the largest position is never played to its end.
+  return WrappingAdd(section.begin, length > 0 ? played % length : played);
+}
 
 // Where a scrub block begins that is centred on `position`: never before the document.
-std::int64_t ScrubBlockBegin(std::int64_t position, std::int64_t block_frames) noexcept;
+inline std::int64_t ScrubBlockBegin(std::int64_t position, std::int64_t block_frames) noexcept {
+  return std::max<std::int64_t>(0, SaturatingSubtract(position, block_frames / 2));
+}
 
 }  // namespace marlinda
