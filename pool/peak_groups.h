@@ -1,6 +1,7 @@
 // PeakGroups: caches the minimum and maximum of each 64 peaks, so that a range query reads little.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -8,7 +9,16 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/samples/extremes.h"
+
 namespace marlinda {
+
+inline constexpr std::int64_t kGroup = 64;
+
+// Floats per read at most: the block is compared while it is in the cache.
+inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
+
+inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 // Caches the extremes of every group of 64 peaks that was read, and the peaks of the groups in
 // which a stretch begins or ends. Drawing the same picture again reads nothing, another picture
@@ -30,13 +40,100 @@ class PeakGroups {
   // each other: the first begins at `first`, stretch i ends before the peak ends[i]. Their peaks
   // have settled. False as soon as a read fails; the pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
-              const Read& read);
+              const Read& read) {
+    if (!LearnGroups(first, ends, read)) return false;
+    for (const std::int64_t end : ends) {
+      const std::span<float> own = pairs.first(pair_floats_);
+      pairs = pairs.subspan(pair_floats_);
+      // From left to right, because the first of two equal values counts.
+      const std::int64_t first_group = (first + kGroup - 1) / kGroup;
+      const std::int64_t last_group = end / kGroup;
+      if (first_group > last_group) {
+        if (!ExtendByPart(own, first, end, read)) return false;
+      } else {
+        if (!ExtendByPart(own, first, first_group * kGroup, read)) return false;
+        const auto groups = static_cast<std::size_t>(last_group - first_group);
+        ExtendByPeaks(own, {Group(first_group).data(), groups * pair_floats_});
+        if (!ExtendByPart(own, last_group * kGroup, end, read)) return false;
+      }
+      first = end;
+    }
+    return true;
+  }
 
  private:
-  bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read);
-  bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end, const Read& read);
-  void Keep(std::int64_t group, std::span<const float> peaks);
-  std::span<float> Group(std::int64_t group) noexcept;
+  // Reads the groups that lie wholly in the stretches and are not known yet.
+  bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read) {
+    if (ends.empty()) return true;
+    const std::int64_t last_group = ends.back() / kGroup;
+    const auto max_groups =
+        static_cast<std::int64_t>(std::max<std::size_t>(1, kBlockFloats / (kGroup * pair_floats_)));
+    if (static_cast<std::size_t>(last_group) >= known_.size()) {
+      const std::size_t count = static_cast<std::size_t>(last_group) + 1;
+      groups_.resize(count * pair_floats_);
+      known_.resize(count);
+    }
+    auto boundary = ends.begin();
+    const auto is_known = [&](std::int64_t group) {
+      return known_[static_cast<std::size_t>(group)];
+    };
+    for (std::int64_t group = (first + kGroup - 1) / kGroup; group < last_group;) {
+      if (is_known(group)) {
+        ++group;
+        continue;
+      }
+      std::int64_t past = group + 1;
+      while (past < last_group && past < group + max_groups && !is_known(past)) ++past;
+      const auto group_floats = static_cast<std::size_t>(kGroup) * pair_floats_;
+      block_.resize(static_cast<std::size_t>(past - group) * group_floats);
+      if (!read(group * kGroup, block_)) return false;
+      for (std::span<const float> left(block_); group < past;
+           ++group, left = left.subspan(group_floats)) {
+        const std::span<float> own = Group(group);
+        for (std::size_t i = 0; i < pair_floats_; i += 2) {
+          own[i] = kNoLowest;
+          own[i + 1] = kNoHighest;
+        }
+        ExtendByPeaks(own, left.first(group_floats));
+        known_[static_cast<std::size_t>(group)] = true;
+        boundary = std::lower_bound(boundary, ends.end(), group * kGroup + 1);
+        if (*boundary < (group + 1) * kGroup) Keep(group, left.first(group_floats));
+      }
+    }
+    return true;
+  }
+  // Extends the pairs by some of the peaks of one group, or by none.
+  bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
+                    const Read& read) {
+    if (begin >= end) return true;
+    const std::int64_t group = begin / kGroup;
+    auto kept = kept_peaks_.find(group);
+    if (kept == kept_peaks_.end()) {
+      const bool whole = (group + 1) * kGroup <= settled_;
+      const std::int64_t from = whole ? group * kGroup : begin;
+      const std::int64_t to = whole ? from + kGroup : end;
+      block_.resize(static_cast<std::size_t>(to - from) * pair_floats_);
+      if (!read(from, block_)) return false;
+      if (!whole) {
+        ExtendByPeaks(pairs, block_);
+        return true;
+      }
+      Keep(group, block_);
+      kept = kept_peaks_.find(group);
+    }
+    const auto at = static_cast<std::size_t>(begin - group * kGroup) * pair_floats_;
+    ExtendByPeaks(pairs, std::span<const float>(kept->second)
+                             .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
+    return true;
+  }
+  // Drops all cached peaks when they become too many: pictures of one size need far fewer.
+  void Keep(std::int64_t group, std::span<const float> peaks) {
+    if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
+    kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());
+  }
+  std::span<float> Group(std::int64_t group) noexcept {
+    return {groups_.data() + static_cast<std::size_t>(group) * pair_floats_, pair_floats_};
+  }
 
   std::size_t pair_floats_;
   std::int64_t settled_ = 0;

@@ -3,14 +3,47 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <span>
 #include <string>
 
+#include "core/com_call.h"
 #include "core/handle.h"
 
 namespace marlinda {
+
+// Most blocks take one system call. A larger one does not fit in its 32-bit count.
+inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
+
+// Names to try before the creation of a file fails.
+inline constexpr int kMaxNames = 10;
+
+// Moves the file pointer and keeps other threads from moving it until the end of the scope: all
+// users of a handle share it. An offset in the read or write itself needs no lock, but costs forty
+// times as much under Wine.
+class Seek {
+ public:
+  Seek(HANDLE file, std::int64_t offset) noexcept
+      : lock_(&locks[(reinterpret_cast<std::uintptr_t>(file) >> 2) % std::size(locks)]) {
+    AcquireSRWLockExclusive(lock_);
+    LARGE_INTEGER place;
+    place.QuadPart = offset;
+    SetFilePointerEx(file, place, nullptr, FILE_BEGIN);
+  }
+  ~Seek() { ReleaseSRWLockExclusive(lock_); }
+  Seek(const Seek&) = delete;
+  Seek& operator=(const Seek&) = delete;
+
+ private:
+  // Shared by all files, by handle. Two files with the same lock wait for each other now and then.
+  static inline SRWLOCK locks[64] = {};
+
+  SRWLOCK* const lock_;
+};
 
 struct ReadResult {
   HRESULT hr;         // S_OK, 0x80070026 if the file ended first, or the error of the failed read
@@ -19,7 +52,24 @@ struct ReadResult {
 
 // Reads into `bytes` from `offset`, whatever other threads do with the same handle meanwhile. An
 // offset before the start of the file fails with ERROR_NEGATIVE_SEEK.
-ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept;
+inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept {
+  if (offset < 0) return {HRESULT_FROM_WIN32(ERROR_NEGATIVE_SEEK), 0};
+  // No file is that long.
+  const auto left = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max() - offset);
+  if (bytes.size() > left) return {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), 0};
+  const Seek seek(file, offset);
+  std::size_t count = 0;
+  while (count < bytes.size()) {
+    const auto size = static_cast<DWORD>(std::min(bytes.size() - count, kMaxBytesPerCall));
+    DWORD read = 0;
+    if (!ReadFile(file, bytes.data() + count, size, &read, nullptr)) {
+      return {LastErrorResult(), count};
+    }
+    count += read;
+    if (read < size) return {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), count};
+  }
+  return {S_OK, count};
+}
 
 // A file that the system deletes when its handle is closed. It is not deleted by name as well: by
 // then another program may have made a file of that name.
@@ -27,14 +77,45 @@ class TemporaryFile {
  public:
   // Makes a file with a new name, for reading and writing through this handle alone. A failure is
   // reported by Write.
-  void Create(const std::string& directory, const char* prefix) noexcept;
+  void Create(const std::string& directory, const char* prefix) noexcept {
+    // The system makes an empty file to reserve the name. Opening that file would truncate it, and
+    // some file systems write a truncated file to the disk when it is closed, although it is
+    // deleted then. So the name is deleted first. CREATE_NEW never opens a file that another
+    // program made under the name in between.
+    if (GetFileAttributesA(directory.c_str()) == INVALID_FILE_ATTRIBUTES) {
+      error_ = LastErrorResult();
+      return;
+    }
+    for (int i = 0; i < kMaxNames && !handle_; ++i) {
+      char name[MAX_PATH] = "";
+      // Wine returns a number also when it could not make a file. The creation fails then.
+      if (GetTempFileNameA(directory.c_str(), prefix, 0, name) != 0) {
+        DeleteFileA(name);
+        handle_.Reset(CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                  FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+      }
+      error_ = handle_ ? S_OK : LastErrorResult();
+    }
+  }
 
   // Null if the file could not be made.
   HANDLE handle() const noexcept { return handle_ ? handle_.get() : nullptr; }
 
   // Writes all of `bytes` at `offset`. Fails with the error of Create if there is no file. A failed
   // seek is not reported: its cause makes the write fail too.
-  HRESULT Write(std::int64_t offset, std::span<const std::byte> bytes) noexcept;
+  HRESULT Write(std::int64_t offset, std::span<const std::byte> bytes) noexcept {
+    if (!handle_) return error_;
+    const Seek seek(handle_.get(), offset);
+    while (!bytes.empty()) {
+      const auto size = static_cast<DWORD>(std::min(bytes.size(), kMaxBytesPerCall));
+      DWORD written = 0;
+      if (!WriteFile(handle_.get(), bytes.data(), size, &written, nullptr))
+        return LastErrorResult();
+      if (written < size) return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+      bytes = bytes.subspan(size);
+    }
+    return S_OK;
+  }
 
  private:
   FileHandle handle_;

@@ -8,7 +8,11 @@
 #include <span>
 #include <vector>
 
+#include "core/samples/sample_converter.h"
+
 namespace marlinda {
+
+inline constexpr std::size_t kMaxKeptBytes = std::size_t{1} << 22;
 
 // Below 8 bits a sample takes no bytes. No code is wider than 40 bits.
 constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
@@ -36,15 +40,32 @@ class StoredSamples {
  public:
   // Returns the bytes to store. At 32 bits they are the samples themselves, otherwise the buffer,
   // valid until the next call.
-  std::span<const std::byte> Encode(std::span<const float> samples, int bits);
+  std::span<const std::byte> Encode(std::span<const float> samples, int bits) {
+    if (bits == 32) return std::as_bytes(samples);
+    const std::span<std::byte> stored = Prepare(samples.size(), bits);
+    ConvertFloatToPcm(samples, buffer_, bits);
+    const std::size_t codes = samples.size() * PcmBytesPerSample(bits);
+    std::ranges::fill(std::span(buffer_).subspan(codes), std::byte{});
+    return stored;
+  }
 
   // Returns a buffer for the stored bytes of `count` samples, to be filled before Decode.
-  std::span<std::byte> Prepare(std::size_t count, int bits);
+  std::span<std::byte> Prepare(std::size_t count, int bits) {
+    const auto stored_bytes = static_cast<std::size_t>(StoredBytes(bits));
+    buffer_.resize(count * std::max(PcmBytesPerSample(bits), stored_bytes));
+    return std::span(buffer_).first(count * stored_bytes);
+  }
   // Decodes the first `read` bytes of the buffer. Samples behind them become silence.
-  void Decode(std::size_t read, std::span<float> samples, int bits) const;
+  void Decode(std::size_t read, std::span<float> samples, int bits) const {
+    ConvertPcmToFloat(buffer_, samples, bits);
+    const std::size_t decoded = std::min(samples.size(), read / PcmBytesPerSample(bits));
+    std::ranges::fill(samples.subspan(decoded), 0.0F);
+  }
 
   // Frees the buffer of an unusually large block, which the object would otherwise hold for life.
-  void Trim() noexcept;
+  void Trim() noexcept {
+    if (buffer_.capacity() > kMaxKeptBytes) std::vector<std::byte>().swap(buffer_);
+  }
 
  private:
   std::vector<std::byte> buffer_;
