@@ -49,9 +49,62 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
 // come before "cue ".
 class CueSheet {
  public:
-  void AddPoints(Bytes body);
-  void AddAssociatedData(Bytes list);
-  void Resolve(SoundFileInfo& info);
+  void AddPoints(Bytes body) {
+    if (body.size() < 4) return;
+    std::uint32_t left = LittleU32(body, 0);
+    for (body = body.subspan(4); left > 0 && body.size() >= kCuePointBytes;
+         body = body.subspan(kCuePointBytes), --left) {
+      points_.push_back({LittleU32(body, 0), LittleU32(body, 20)});
+    }
+  }
+  void AddAssociatedData(Bytes list) {
+    Chunk chunk;
+    while (NextChunk(list, chunk)) {
+      if (chunk.body.size() < 4) continue;
+      const std::uint32_t id = LittleU32(chunk.body, 0);
+      if (chunk.id == "labl") {
+        labels_.push_back({id, TextOf(chunk.body.subspan(4))});
+      } else if (chunk.id == "note") {
+        notes_.push_back({id, TextOf(chunk.body.subspan(4))});
+      } else if (chunk.id == "ltxt" && chunk.body.size() >= kRegionHeaderBytes) {
+        regions_.push_back(
+            {id, LittleU32(chunk.body, 4), TextOf(chunk.body.subspan(kRegionHeaderBytes))});
+      }
+    }
+  }
+  void Resolve(SoundFileInfo& info) {
+    const std::vector<Point*> by_id = SortedById();
+    // Of several points with one number the first is meant.
+    const auto find = [&](std::uint32_t id) -> Point* {
+      const auto found =
+          std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
+      return found != by_id.end() && (*found)->id == id ? *found : nullptr;
+    };
+    for (const Text& label : labels_) {
+      if (Point* point = find(label.id); point != nullptr && !point->label) {
+        point->label = &label.text;
+      }
+    }
+    for (const Text& note : notes_) {
+      if (Point* point = find(note.id); point != nullptr && !point->note) point->note = &note.text;
+    }
+    const auto name_of = [](const Point& point) {
+      if (point.label != nullptr && !point.label->empty()) return *point.label;
+      return point.note != nullptr ? *point.note : std::string();
+    };
+    for (Region& region : regions_) {
+      Point* const point = find(region.id);
+      if (point == nullptr) continue;
+      // Some programs give every point an empty region beside its name.
+      if (region.length == 0 && region.name.empty() && point->label != nullptr) continue;
+      point->is_region = true;
+      info.markers.push_back({{point->position, point->position + region.length},
+                              region.name.empty() ? name_of(*point) : std::move(region.name)});
+    }
+    for (const Point& point : points_) {
+      if (!point.is_region) info.labels.push_back({point.position, name_of(point)});
+    }
+  }
 
  private:
   struct Point {
@@ -71,80 +124,19 @@ class CueSheet {
     std::string name;
   };
 
-  std::vector<Point*> SortedById();
+  std::vector<Point*> SortedById() {
+    std::vector<Point*> sorted;
+    sorted.reserve(points_.size());
+    for (Point& point : points_) sorted.push_back(&point);
+    std::ranges::stable_sort(sorted, {}, [](const Point* point) { return point->id; });
+    return sorted;
+  }
 
   std::vector<Point> points_;
   std::vector<Text> labels_;
   std::vector<Text> notes_;
   std::vector<Region> regions_;
 };
-
-void CueSheet::AddPoints(Bytes body) {
-  if (body.size() < 4) return;
-  std::uint32_t left = LittleU32(body, 0);
-  for (body = body.subspan(4); left > 0 && body.size() >= kCuePointBytes;
-       body = body.subspan(kCuePointBytes), --left) {
-    points_.push_back({LittleU32(body, 0), LittleU32(body, 20)});
-  }
-}
-
-void CueSheet::AddAssociatedData(Bytes list) {
-  Chunk chunk;
-  while (NextChunk(list, chunk)) {
-    if (chunk.body.size() < 4) continue;
-    const std::uint32_t id = LittleU32(chunk.body, 0);
-    if (chunk.id == "labl") {
-      labels_.push_back({id, TextOf(chunk.body.subspan(4))});
-    } else if (chunk.id == "note") {
-      notes_.push_back({id, TextOf(chunk.body.subspan(4))});
-    } else if (chunk.id == "ltxt" && chunk.body.size() >= kRegionHeaderBytes) {
-      regions_.push_back(
-          {id, LittleU32(chunk.body, 4), TextOf(chunk.body.subspan(kRegionHeaderBytes))});
-    }
-  }
-}
-
-std::vector<CueSheet::Point*> CueSheet::SortedById() {
-  std::vector<Point*> sorted;
-  sorted.reserve(points_.size());
-  for (Point& point : points_) sorted.push_back(&point);
-  std::ranges::stable_sort(sorted, {}, [](const Point* point) { return point->id; });
-  return sorted;
-}
-
-void CueSheet::Resolve(SoundFileInfo& info) {
-  const std::vector<Point*> by_id = SortedById();
-  // Of several points with one number the first is meant.
-  const auto find = [&](std::uint32_t id) -> Point* {
-    const auto found =
-        std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
-    return found != by_id.end() && (*found)->id == id ? *found : nullptr;
-  };
-  for (const Text& label : labels_) {
-    if (Point* point = find(label.id); point != nullptr && !point->label) {
-      point->label = &label.text;
-    }
-  }
-  for (const Text& note : notes_) {
-    if (Point* point = find(note.id); point != nullptr && !point->note) point->note = &note.text;
-  }
-  const auto name_of = [](const Point& point) {
-    if (point.label != nullptr && !point.label->empty()) return *point.label;
-    return point.note != nullptr ? *point.note : std::string();
-  };
-  for (Region& region : regions_) {
-    Point* const point = find(region.id);
-    if (point == nullptr) continue;
-    // Some programs give every point an empty region beside its name.
-    if (region.length == 0 && region.name.empty() && point->label != nullptr) continue;
-    point->is_region = true;
-    info.markers.push_back({{point->position, point->position + region.length},
-                            region.name.empty() ? name_of(*point) : std::move(region.name)});
-  }
-  for (const Point& point : points_) {
-    if (!point.is_region) info.labels.push_back({point.position, name_of(point)});
-  }
-}
 
 void ReadInfo(Bytes list, Tags& data) {
   Chunk chunk;
@@ -201,17 +193,146 @@ std::optional<PcmFormat> Decoded(const WaveFields& wave) {
 class RiffWalk {
  public:
   explicit RiffWalk(ByteSource& file) : file_(file) {}
-  std::optional<SoundFileInfo> Read();
+  std::optional<SoundFileInfo> Read() {
+    const std::vector<std::byte> header = file_.ReadUpTo(0, kFormHeaderBytes);
+    if (header.size() < kFormHeaderBytes) return std::nullopt;
+    const std::string_view id = IdAt(header, 0);
+    if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
+    is_wave_ = IdAt(header, 8) == "WAVE";
+    is_avi_ = IdAt(header, 8) == "AVI ";
+    // A size of nothing or of everything comes from a writer that could not come back to fill it
+    // in.
+    const std::uint64_t size = LittleU32(header, 4);
+    const bool known = size >= 4 && size != kUnknownSize;
+    WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());
+    Conclude();
+    return std::move(info_);
+  }
 
  private:
-  void WalkChunks(std::uint64_t riff_end);
-  std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end);
-  void TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there);
-  void TakeList(std::uint64_t there);
-  void Conclude();
-  std::optional<PcmData> Samples() const;
-  std::optional<PcmData> AdpcmSamples(const WaveFields& wave, Coding coding) const;
-  std::vector<std::byte> Body(std::uint64_t there);
+  void WalkChunks(std::uint64_t riff_end) {
+    for (int count = 0; count < kMaxChunks; ++count) {
+      // A RIFF size that is too small must not hide the audio. Only chunks behind both the audio
+      // and the RIFF size are ignored.
+      const std::uint64_t end = data_offset_ ? riff_end : file_.size();
+      if (position_ + kHeaderBytes > end) return;
+      const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
+      if (header.size() < kHeaderBytes) return;
+      position_ += kHeaderBytes;
+      const std::string_view id = IdAt(header, 0);
+      std::uint64_t size = LittleU32(header, 4);
+      if (id == "data") size = DataSize(size, riff_end);
+      const std::uint64_t there = std::min(size, (id == "data" ? file_.size() : end) - position_);
+      TakeChunk(id, size, there);
+      position_ += there;
+      if (there == size && size % 2 != 0) ++position_;
+    }
+  }
+  // Of the "data" chunk at `position_`, whose header says `size`.
+  std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end) {
+    if (size == kUnknownSize) {
+      const std::uint64_t end = riff_end > position_ ? riff_end : file_.size();
+      return wide_data_size_.value_or(end - position_);
+    }
+    if (size != 0) return size;
+    // Empty, or never filled in by a writer that was stopped: then no chunk follows, but audio.
+    const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
+    const std::uint64_t rest = file_.size() - position_;
+    const bool is_chunk =
+        next.size() == kHeaderBytes && LittleU32(next, 4) <= rest - kHeaderBytes &&
+        std::ranges::all_of(IdAt(next, 0), [](char c) { return c >= 32 && c < 127; });
+    return is_chunk ? 0 : rest;
+  }
+  void TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there) {
+    if (id == "LIST") {
+      TakeList(there);
+    } else if (!is_wave_) {
+      return;
+    } else if (id == "fmt " && format_.empty()) {
+      format_ = Body(there);
+    } else if (id == "data" && !data_offset_) {
+      data_offset_ = position_;
+      data_bytes_ = there;
+    } else if (id == "ds64" && size >= 24) {
+      const auto body = Body(there);
+      if (body.size() >= 24) wide_data_size_ = ReadLittle<8>(body, 8);
+    } else if (id == "fact") {
+      const auto body = Body(there);
+      if (body.size() >= 4) frames_ = LittleU32(body, 0);
+    } else if (id == "cue ") {
+      cues_.AddPoints(Body(there));
+    } else if (id == "acid") {
+      const auto body = Body(there);
+      if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
+    }
+  }
+  // Lists of other types are not read: the pictures and the sound of an AVI file are one.
+  void TakeList(std::uint64_t there) {
+    const std::vector<std::byte> start =
+        file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
+    const std::string_view type = AsText(start);
+    if (type != "INFO" && type != "adtl" && type != "hdrl") return;
+    const std::vector<std::byte> body = Body(there);
+    if (body.size() < 4) return;
+    const Bytes list = Bytes(body).subspan(4);
+    if (type == "INFO") ReadInfo(list, info_.tags);
+    if (type == "adtl" && is_wave_) cues_.AddAssociatedData(list);
+    if (type == "hdrl" && is_avi_) has_sound_ = HasSound(list);
+  }
+  void Conclude() {
+    if (is_wave_) cues_.Resolve(info_);
+    info_.refused = is_wave_ ? !data_offset_ : !has_sound_;
+    if (info_.refused || !is_wave_) return;
+    const WaveFields wave = ReadWaveFields(format_);
+    if (wave.tag == WaveFields::kMpeg || wave.tag == WaveFields::kMpegLayer3) {
+      info_.mpeg = ByteRange{*data_offset_, data_bytes_};
+      return;
+    }
+    info_.pcm = Samples();
+    if (info_.pcm) return;
+    // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
+    info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
+                    !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
+  }
+  // Nothing for samples that need a decoder, and for a format that contradicts itself.
+  std::optional<PcmData> Samples() const {
+    const WaveFields wave = ReadWaveFields(format_);
+    if (wave.tag == WaveFields::kImaAdpcm) return AdpcmSamples(wave, Coding::kImaAdpcm);
+    if (wave.tag == WaveFields::kMsAdpcm) return AdpcmSamples(wave, Coding::kMsAdpcm);
+    PcmData pcm = {.offset = *data_offset_};
+    if (wave.tag == WaveFields::kMuLaw || wave.tag == WaveFields::kALaw) {
+      const auto format = Decoded(wave);
+      if (!format) return std::nullopt;
+      pcm.format = *format;
+      pcm.coding = wave.tag == WaveFields::kMuLaw ? Coding::kMuLaw : Coding::kALaw;
+    } else {
+      const auto format = ParseWaveFormat(format_);
+      if (!format) return std::nullopt;
+      pcm.format = *format;
+    }
+    pcm.frames = static_cast<std::int64_t>(data_bytes_ / pcm.FrameBytes());
+    return pcm;
+  }
+  std::optional<PcmData> AdpcmSamples(const WaveFields& wave, Coding coding) const {
+    const auto format = Decoded(wave);
+    if (!format || wave.bits != 4) return std::nullopt;
+    PcmData pcm = {.format = *format, .coding = coding, .offset = *data_offset_};
+    pcm.block_bytes = wave.block_align;
+    pcm.block_frames = AdpcmFrames(coding, wave.channels, wave.block_align);
+    if (pcm.block_frames == 0) return std::nullopt;
+    const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
+    const std::uint64_t frames =
+        data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
+    // The last block is filled up. A number of frames that does not end in it is no number of them.
+    const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
+    pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
+    return pcm;
+  }
+  std::vector<std::byte> Body(std::uint64_t there) {
+    auto body = file_.ReadUpTo(position_, std::min(there, bytes_left_));
+    bytes_left_ -= body.size();
+    return body;
+  }
 
   ByteSource& file_;
   SoundFileInfo info_;
@@ -227,151 +348,6 @@ class RiffWalk {
   std::optional<std::uint64_t> data_offset_;
   std::uint64_t data_bytes_ = 0;
 };
-
-std::optional<SoundFileInfo> RiffWalk::Read() {
-  const std::vector<std::byte> header = file_.ReadUpTo(0, kFormHeaderBytes);
-  if (header.size() < kFormHeaderBytes) return std::nullopt;
-  const std::string_view id = IdAt(header, 0);
-  if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
-  is_wave_ = IdAt(header, 8) == "WAVE";
-  is_avi_ = IdAt(header, 8) == "AVI ";
-  // A size of nothing or of everything comes from a writer that could not come back to fill it in.
-  const std::uint64_t size = LittleU32(header, 4);
-  const bool known = size >= 4 && size != kUnknownSize;
-  WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());
-  Conclude();
-  return std::move(info_);
-}
-
-void RiffWalk::WalkChunks(std::uint64_t riff_end) {
-  for (int count = 0; count < kMaxChunks; ++count) {
-    // A RIFF size that is too small must not hide the audio. Only chunks behind both the audio and
-    // the RIFF size are ignored.
-    const std::uint64_t end = data_offset_ ? riff_end : file_.size();
-    if (position_ + kHeaderBytes > end) return;
-    const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
-    if (header.size() < kHeaderBytes) return;
-    position_ += kHeaderBytes;
-    const std::string_view id = IdAt(header, 0);
-    std::uint64_t size = LittleU32(header, 4);
-    if (id == "data") size = DataSize(size, riff_end);
-    const std::uint64_t there = std::min(size, (id == "data" ? file_.size() : end) - position_);
-    TakeChunk(id, size, there);
-    position_ += there;
-    if (there == size && size % 2 != 0) ++position_;
-  }
-}
-
-// Of the "data" chunk at `position_`, whose header says `size`.
-std::uint64_t RiffWalk::DataSize(std::uint64_t size, std::uint64_t riff_end) {
-  if (size == kUnknownSize) {
-    const std::uint64_t end = riff_end > position_ ? riff_end : file_.size();
-    return wide_data_size_.value_or(end - position_);
-  }
-  if (size != 0) return size;
-  // Empty, or never filled in by a writer that was stopped: then no chunk follows, but audio.
-  const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
-  const std::uint64_t rest = file_.size() - position_;
-  const bool is_chunk =
-      next.size() == kHeaderBytes && LittleU32(next, 4) <= rest - kHeaderBytes &&
-      std::ranges::all_of(IdAt(next, 0), [](char c) { return c >= 32 && c < 127; });
-  return is_chunk ? 0 : rest;
-}
-
-void RiffWalk::TakeChunk(std::string_view id, std::uint64_t size, std::uint64_t there) {
-  if (id == "LIST") {
-    TakeList(there);
-  } else if (!is_wave_) {
-    return;
-  } else if (id == "fmt " && format_.empty()) {
-    format_ = Body(there);
-  } else if (id == "data" && !data_offset_) {
-    data_offset_ = position_;
-    data_bytes_ = there;
-  } else if (id == "ds64" && size >= 24) {
-    const auto body = Body(there);
-    if (body.size() >= 24) wide_data_size_ = ReadLittle<8>(body, 8);
-  } else if (id == "fact") {
-    const auto body = Body(there);
-    if (body.size() >= 4) frames_ = LittleU32(body, 0);
-  } else if (id == "cue ") {
-    cues_.AddPoints(Body(there));
-  } else if (id == "acid") {
-    const auto body = Body(there);
-    if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
-  }
-}
-
-// Lists of other types are not read: the pictures and the sound of an AVI file are one.
-void RiffWalk::TakeList(std::uint64_t there) {
-  const std::vector<std::byte> start = file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
-  const std::string_view type = AsText(start);
-  if (type != "INFO" && type != "adtl" && type != "hdrl") return;
-  const std::vector<std::byte> body = Body(there);
-  if (body.size() < 4) return;
-  const Bytes list = Bytes(body).subspan(4);
-  if (type == "INFO") ReadInfo(list, info_.tags);
-  if (type == "adtl" && is_wave_) cues_.AddAssociatedData(list);
-  if (type == "hdrl" && is_avi_) has_sound_ = HasSound(list);
-}
-
-std::vector<std::byte> RiffWalk::Body(std::uint64_t there) {
-  auto body = file_.ReadUpTo(position_, std::min(there, bytes_left_));
-  bytes_left_ -= body.size();
-  return body;
-}
-
-void RiffWalk::Conclude() {
-  if (is_wave_) cues_.Resolve(info_);
-  info_.refused = is_wave_ ? !data_offset_ : !has_sound_;
-  if (info_.refused || !is_wave_) return;
-  const WaveFields wave = ReadWaveFields(format_);
-  if (wave.tag == WaveFields::kMpeg || wave.tag == WaveFields::kMpegLayer3) {
-    info_.mpeg = ByteRange{*data_offset_, data_bytes_};
-    return;
-  }
-  info_.pcm = Samples();
-  if (info_.pcm) return;
-  // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
-  info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
-                  !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
-}
-
-// Nothing for samples that need a decoder, and for a format that contradicts itself.
-std::optional<PcmData> RiffWalk::Samples() const {
-  const WaveFields wave = ReadWaveFields(format_);
-  if (wave.tag == WaveFields::kImaAdpcm) return AdpcmSamples(wave, Coding::kImaAdpcm);
-  if (wave.tag == WaveFields::kMsAdpcm) return AdpcmSamples(wave, Coding::kMsAdpcm);
-  PcmData pcm = {.offset = *data_offset_};
-  if (wave.tag == WaveFields::kMuLaw || wave.tag == WaveFields::kALaw) {
-    const auto format = Decoded(wave);
-    if (!format) return std::nullopt;
-    pcm.format = *format;
-    pcm.coding = wave.tag == WaveFields::kMuLaw ? Coding::kMuLaw : Coding::kALaw;
-  } else {
-    const auto format = ParseWaveFormat(format_);
-    if (!format) return std::nullopt;
-    pcm.format = *format;
-  }
-  pcm.frames = static_cast<std::int64_t>(data_bytes_ / pcm.FrameBytes());
-  return pcm;
-}
-
-std::optional<PcmData> RiffWalk::AdpcmSamples(const WaveFields& wave, Coding coding) const {
-  const auto format = Decoded(wave);
-  if (!format || wave.bits != 4) return std::nullopt;
-  PcmData pcm = {.format = *format, .coding = coding, .offset = *data_offset_};
-  pcm.block_bytes = wave.block_align;
-  pcm.block_frames = AdpcmFrames(coding, wave.channels, wave.block_align);
-  if (pcm.block_frames == 0) return std::nullopt;
-  const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
-  const std::uint64_t frames =
-      data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
-  // The last block is filled up. A number of frames that does not end in it is no number of them.
-  const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
-  pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
-  return pcm;
-}
 
 }  // namespace
 
