@@ -1,13 +1,31 @@
 // The modal dialogs in which a user chooses how an export is encoded.
 #pragma once
 
-#include <windows.h>
-
-#include <span>
-
 struct IBaseFilter;
 
+#include <windows.h>
+
+#include <algorithm>
+#include <span>
+
+#include "core/com_call.h"
+#include "core/module.h"
+#include "core/resource.h"
+#include "core/text.h"
+#include "export/mp3_encoder.h"
+
 namespace marlinda {
+
+inline constexpr INT_PTR kNotShown = -1;
+inline constexpr int kMpegBitRatesKbit[] = {56, 64, 96, 128, 192, 256, 320};
+
+inline int BestBitRateKbit(IBaseFilter* encoder) {
+  int best = 0;
+  ForEachCapability(FindStreamConfig(encoder).Get(), [&](const AM_MEDIA_TYPE& type) {
+    if (const auto* format = WaveFormatOf(type)) best = std::max(best, BitRateKbit(*format));
+  });
+  return best;
+}
 
 // A dialog edits values of its own object, and its results are worth taking only after IDOK.
 class SettingsDialog {
@@ -15,7 +33,12 @@ class SettingsDialog {
   // Shows the dialog, modal to `owner`, which may be null, and returns IDOK or IDCANCEL, the latter
   // also when the window was closed. Any other result means that there was no dialog: no such
   // owner, or its controls could not be set up.
-  INT_PTR ShowModal(HWND owner);
+  INT_PTR ShowModal(HWND owner) {
+    const INT_PTR result = DialogBoxParamW(TheModule().Instance(), MAKEINTRESOURCEW(template_id_),
+                                           owner, Procedure, reinterpret_cast<LPARAM>(this));
+    window_ = nullptr;
+    return result;
+  }
 
  protected:
   SettingsDialog(int template_id, int value) noexcept : value_(value), template_id_(template_id) {}
@@ -29,14 +52,47 @@ class SettingsDialog {
   virtual void OnOk() {}
 
   // The window of an item. Throws where the template has none.
-  HWND Item(int item) const;
+  HWND Item(int item) const {
+    HWND found = GetDlgItem(window_, item);
+    if (found == nullptr) throw HResultError(LastErrorResult());
+    return found;
+  }
 
   int value_;  // that the user edits
 
  private:
-  static INT_PTR CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
-  void Open(HWND window);
-  void Command(int item, int notification);
+  static INT_PTR CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
+    if (message == WM_INITDIALOG) {
+      SetWindowLongPtrW(window, DWLP_USER, lparam);
+      reinterpret_cast<SettingsDialog*>(lparam)->Open(window);
+      return FALSE;  // the keyboard is where Open put it
+    }
+    auto* const self = reinterpret_cast<SettingsDialog*>(GetWindowLongPtrW(window, DWLP_USER));
+    if (message != WM_COMMAND || self == nullptr) return FALSE;
+    self->Command(LOWORD(wparam), HIWORD(wparam));
+    return TRUE;
+  }
+  void Open(HWND window) {
+    window_ = window;
+    const HRESULT hr = ComCall([&] {
+      HWND start = OnOpening();
+      SendMessageW(window_, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(start), TRUE);
+    });
+    if (FAILED(hr)) EndDialog(window_, kNotShown);
+  }
+  void Command(int item, int notification) {
+    if (notification != BN_CLICKED) return;
+    switch (item) {
+      case IDOK:
+        OnOk();
+        [[fallthrough]];
+      case IDCANCEL:
+        EndDialog(window_, item);
+        return;
+      default:
+        OnClick(item);
+    }
+  }
 
   const int template_id_;
   HWND window_ = nullptr;
@@ -56,8 +112,18 @@ class RadioDialog : public SettingsDialog {
  private:
   // The keyboard starts at the checked button, and otherwise at OK, because a radio button that
   // gets the keyboard counts as clicked.
-  HWND OnOpening() override;
-  void OnClick(int item) override;
+  HWND OnOpening() override {
+    const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
+    if (chosen == choices_.end()) return Item(IDOK);  // a fresh dialog has none checked
+    HWND button = Item(chosen->item);
+    // Makes the button the tab stop of the group, too.
+    CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);
+    return button;
+  }
+  void OnClick(int item) override {
+    const auto clicked = std::ranges::find(choices_, item, &Choice::item);
+    if (clicked != choices_.end()) value_ = clicked->value;
+  }
 
   const std::span<const Choice> choices_;
 };
@@ -65,7 +131,8 @@ class RadioDialog : public SettingsDialog {
 // "Wave Encoder Settings". Floats always have 32 bits.
 class CWavSettings final : public RadioDialog {
  public:
-  CWavSettings(SHORT bits_per_sample, bool is_float) noexcept;
+  CWavSettings(SHORT bits_per_sample, bool is_float) noexcept
+      : RadioDialog(IDD_WAV_SETTINGS, kChoices, is_float ? kFloat : bits_per_sample) {}
 
   SHORT bits_per_sample() const noexcept {
     return is_float() ? SHORT{32} : static_cast<SHORT>(value_);
@@ -74,18 +141,24 @@ class CWavSettings final : public RadioDialog {
 
  private:
   static constexpr int kFloat = 1 << 16;  // no number of bits
-  static const Choice kChoices[];
+  static constexpr Choice kChoices[] = {{IDC_WAV_8_BITS, 8},
+                                        {IDC_WAV_16_BITS, 16},
+                                        {IDC_WAV_24_BITS, 24},
+                                        {IDC_WAV_32_BITS, 32},
+                                        {IDC_WAV_FLOAT, kFloat}};
 };
 
 // "WMA Encoder Settings".
 class CWmaSettings final : public RadioDialog {
  public:
-  explicit CWmaSettings(int bit_rate_kbit) noexcept;
+  explicit CWmaSettings(int bit_rate_kbit) noexcept
+      : RadioDialog(IDD_WMA_SETTINGS, kChoices, bit_rate_kbit) {}
 
   int bit_rate_kbit() const noexcept { return value_; }
 
  private:
-  static const Choice kChoices[];
+  static constexpr Choice kChoices[] = {
+      {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
 // "MPEG Layer 3 Encoder Settings". Offers the customary bit rates up to the best that an encoder
@@ -94,14 +167,36 @@ class CWmaSettings final : public RadioDialog {
 class CMpegSettings final : public SettingsDialog {
  public:
   // Reads the capabilities of the encoder, which may be null.
-  CMpegSettings(IBaseFilter* encoder, int bit_rate_kbit);
+  CMpegSettings(IBaseFilter* encoder, int bit_rate_kbit)
+      : SettingsDialog(IDD_MPEG_SETTINGS, bit_rate_kbit),
+        max_bit_rate_kbit_(BestBitRateKbit(encoder)) {}
 
   int bit_rate_kbit() const noexcept { return value_; }
 
  private:
   // Lowers the bit rate to the encoder's best. One that is not in the list selects no line.
-  HWND OnOpening() override;
-  void OnOk() override;
+  HWND OnOpening() override {
+    HWND list = Item(IDC_MPEG_BIT_RATE);
+    if (max_bit_rate_kbit_ == 0) return list;
+
+    value_ = std::min(max_bit_rate_kbit_, value_);
+    const std::string pattern = TheModule().LoadText(IDS_BIT_RATE);
+    for (int row = 0; row < std::ssize(kMpegBitRatesKbit); ++row) {
+      const int rate = kMpegBitRatesKbit[row];
+      if (rate > max_bit_rate_kbit_) break;
+      const std::string line = Format(pattern, rate);
+      if (SendMessageA(list, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(line.c_str())) < 0) {
+        throw HResultError(E_OUTOFMEMORY);
+      }
+      // The table ascends, so lines and rows have the same numbers.
+      if (rate == value_) SendMessageA(list, CB_SETCURSEL, static_cast<WPARAM>(row), 0);
+    }
+    return list;
+  }
+  void OnOk() override {
+    const LRESULT row = SendMessageA(Item(IDC_MPEG_BIT_RATE), CB_GETCURSEL, 0, 0);
+    if (row >= 0 && row < std::ssize(kMpegBitRatesKbit)) value_ = kMpegBitRatesKbit[row];
+  }
 
   const int max_bit_rate_kbit_;
 };

@@ -3,10 +3,13 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "core/handle.h"
 #include "export/wav_layout.h"
@@ -15,10 +18,25 @@ namespace marlinda {
 
 // Creates or empties the file `name`, for its owner alone to write. No handle, and the thread's
 // last error, when that fails.
-FileHandle CreateTargetFile(const std::string& name) noexcept;
+inline FileHandle CreateTargetFile(const std::string& name) noexcept {
+  return FileHandle(CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+}
 
 // False, and the thread's last error, when not all of it could be written.
-bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept;
+inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept {
+  // The system counts the bytes of one write in 32 bits.
+  constexpr std::size_t kMaxWrite = std::size_t{1} << 30;
+  while (!bytes.empty()) {
+    const auto size = static_cast<DWORD>(std::min(bytes.size(), kMaxWrite));
+    DWORD written = 0;
+    if (WriteFile(file, bytes.data(), size, &written, nullptr) == FALSE || written != size) {
+      return false;
+    }
+    bytes = bytes.subspan(size);
+  }
+  return true;
+}
 
 // Chunks are padded to a multiple of 4 bytes, and the padding counts in their sizes. Sizes are
 // 32-bit and nothing checks them: in a file past 4 GiB the fields wrap, and the samples go on at
@@ -28,20 +46,58 @@ bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept;
 class WavFile {
  public:
   // Takes ownership of a handle, or of none. An open file is closed as it stands.
-  void Attach(FileHandle file) noexcept;
+  void Attach(FileHandle file) noexcept {
+    file_ = std::move(file);
+    data_start_ = 0;
+    SeekTo(0);
+  }
   bool IsOpen() const noexcept { return static_cast<bool>(file_); }
 
   // Writes the header. Throws std::bad_alloc.
-  void Begin(const WavFormat& format, ManyChannels many_channels);
+  void Begin(const WavFormat& format, ManyChannels many_channels) {
+    const LittleEndianBytes header = WavHeader(format, many_channels);
+    // On a full disk there may be no header, and so no sizes to fill in.
+    if (WriteBytes(header.bytes())) data_start_ = header.bytes().size();
+  }
   void Write(std::span<const std::byte> samples) noexcept { WriteBytes(samples); }
   // Ends the samples; writes `trailer`, fills in the sizes and closes the file. Destruction closes
   // the file alone and leaves the sizes at 0.
-  void Finish(std::span<const std::byte> trailer = {}) noexcept;
+  void Finish(std::span<const std::byte> trailer = {}) noexcept {
+    if (data_start_ != 0) {
+      EndChunk(data_start_);
+      WriteBytes(trailer);
+      EndChunk(kRiffStart);
+    }
+    Attach(FileHandle());
+  }
 
  private:
-  bool WriteBytes(std::span<const std::byte> bytes) noexcept;
-  void SeekTo(std::uint64_t position) noexcept;
-  void EndChunk(std::uint64_t body_start) noexcept;
+  bool WriteBytes(std::span<const std::byte> bytes) noexcept {
+    return file_ && WriteToFile(file_.get(), bytes);
+  }
+  void SeekTo(std::uint64_t position) noexcept {
+    LARGE_INTEGER target;
+    target.QuadPart = static_cast<LONGLONG>(position);
+    if (file_) SetFilePointerEx(file_.get(), target, nullptr, FILE_BEGIN);
+  }
+  // Ends the chunk that lies from `body_start` to the file pointer.
+  void EndChunk(std::uint64_t body_start) noexcept {
+    LARGE_INTEGER position = {};
+    SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &position, FILE_CURRENT);
+    std::uint64_t size = static_cast<std::uint64_t>(position.QuadPart) - body_start;
+    const auto padding = static_cast<std::size_t>((4 - size % 4) % 4);
+    constexpr std::array<std::byte, 4> kZeros = {};
+    WriteBytes(std::span(kZeros).first(padding));
+    size += padding;
+    std::array<std::byte, 4> field;
+    for (std::size_t i = 0; i < field.size(); ++i)
+      field[i] = static_cast<std::byte>(size >> (8 * i));
+    SeekTo(body_start - field.size());
+    WriteBytes(field);
+    SeekTo(body_start + size);
+  }
+
+  static constexpr std::uint64_t kRiffStart = 8;  // of the body of "RIFF"
 
   FileHandle file_;
   std::uint64_t data_start_ = 0;  // 0 while the header is not written

@@ -2,14 +2,79 @@
 // the byte tables.
 #pragma once
 
+#include <algorithm>
+#include <bit>
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/records.h"
-#include "export/little_endian.h"
 
 namespace marlinda {
+
+// The four characters that name a chunk or a list.
+class FourCC {
+ public:
+  consteval explicit FourCC(const char (&text)[5]) noexcept
+      : text_{text[0], text[1], text[2], text[3]} {}
+  std::string_view text() const noexcept { return {text_, sizeof(text_)}; }
+
+ private:
+  char text_[4];
+};
+
+// Collects the bytes of chunks field by field.
+class LittleEndianBytes {
+ public:
+  // Appends the low `kBytes` bytes of `value`. Wider and signed values are cut, not clamped: a
+  // field holds the low bits of what it was given.
+  template <int kBytes, std::integral Integer>
+  LittleEndianBytes& Low(Integer value) {
+    for (int i = 0; i < kBytes; ++i) {
+      bytes_.push_back(static_cast<std::byte>(static_cast<std::uint64_t>(value) >> (8 * i)));
+    }
+    return *this;
+  }
+  template <std::integral Integer>
+  LittleEndianBytes& U16(Integer value) {
+    return Low<2>(value);
+  }
+  template <std::integral Integer>
+  LittleEndianBytes& U32(Integer value) {
+    return Low<4>(value);
+  }
+  LittleEndianBytes& F32(float value) { return U32(std::bit_cast<std::uint32_t>(value)); }
+
+  LittleEndianBytes& Text(std::string_view text) {
+    const auto bytes = std::as_bytes(std::span(text));
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+    return *this;
+  }
+  LittleEndianBytes& TextWithNul(std::string_view text) { return Text(text).Low<1>(0); }
+  LittleEndianBytes& Id(FourCC id) { return Text(id.text()); }
+
+  // A chunk whose body `write_body` appends. Padding to a multiple of 4 bytes counts in the size.
+  template <class Body>
+  LittleEndianBytes& Chunk(FourCC id, Body&& write_body) {
+    Id(id).U32(0);
+    const std::size_t start = bytes_.size();
+    std::forward<Body>(write_body)();
+    while ((bytes_.size() - start) % 4 != 0) Low<1>(0);
+    const LittleEndianBytes size = LittleEndianBytes().U32(bytes_.size() - start);
+    std::ranges::copy(size.bytes_, bytes_.begin() + static_cast<std::ptrdiff_t>(start) - 4);
+    return *this;
+  }
+
+  std::span<const std::byte> bytes() const noexcept { return bytes_; }
+
+ private:
+  std::vector<std::byte> bytes_;
+};
 
 // Nothing here is validated; a field of the file holds the low bits of a value.
 struct WavFormat {
