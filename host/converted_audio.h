@@ -1,22 +1,104 @@
 // Imported audio in another sample rate or number of channels.
 #pragma once
 
+#include <converter.h>
+
+#include <algorithm>
+#include <string>
+
+#include "core/constants.h"
+#include "core/sample_count.h"
+#include "host/channel_list.h"
 #include "host/engine.h"
 
 namespace marlinda {
 
+inline std::string Describe(const AudioFormat& format) {
+  return std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels);
+}
+
+inline ComPtr<IFormatConverter> NewConverter(const AudioFormat& from, const AudioFormat& to) {
+  ComPtr<IFormatConverter> converter;
+  if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {
+    throw HostError(ExitStatus::kRegistration, "Converter.dll", "the format converter is missing",
+                    "Keep Converter.dll beside marlinda.exe, or register it with \"regsvr32 "
+                    "Converter.dll\".");
+  }
+  if (FAILED(converter->SetUp(from.rate, to.rate, from.channels, to.channels, kConverterMode))) {
+    throw HostError(ExitStatus::kUsage, "Converter.dll",
+                    Describe(from) + " cannot be converted to " + Describe(to));
+  }
+  return converter;
+}
+
+// Writes what the converter has ready, at most `wanted` frames of it; returns their number.
+inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SHORT channels,
+                           __int64 wanted) {
+  SAFEARRAY* output = nullptr;
+  Check(converter->GetOutput(&output));
+  if (output == nullptr) return 0;
+  const FloatArray owned(output);
+  const auto ready = static_cast<__int64>(owned.samples().size()) / channels;
+  if (ready <= wanted) {
+    if (ready > 0) Check(writer->WriteAudio(owned.get()));
+    return ready;
+  }
+  const FloatArray head(static_cast<std::size_t>(wanted * channels));
+  std::ranges::copy(owned.samples().first(head.samples().size()), head.samples().begin());
+  if (wanted > 0) Check(writer->WriteAudio(head.get()));
+  return wanted;
+}
+
 // The format of an output; that of the input where nothing else is asked for.
-AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
-                         std::optional<int> channels);
+inline AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
+                                std::optional<int> channels) {
+  return {static_cast<LONG>(rate.value_or(from.rate)),
+          static_cast<SHORT>(channels.value_or(from.channels))};
+}
 
 // Throws a HostError when Converter.dll is missing or cannot convert between the formats.
-void RequireConverter(const AudioFormat& from, const AudioFormat& to);
+inline void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
+  NewConverter(from, to);
+}
 
 // Positions in frames of one sample rate, in those of another.
-Annotations AtRate(Annotations annotations, LONG from, LONG to);
+inline Annotations AtRate(Annotations annotations, LONG from, LONG to) {
+  for (Label& label : annotations.labels) {
+    label.position = ConvertSampleCount(label.position, from, to);
+  }
+  for (SectionMarker& marker : annotations.markers) {
+    marker.section.begin = ConvertSampleCount(marker.section.begin, from, to);
+    marker.section.end = ConvertSampleCount(marker.section.end, from, to);
+  }
+  return annotations;
+}
 
 // Converts the audio into a pool of its own; audio in the format `to` is returned as it is.
-ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
-                           const Console& console);
+inline ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
+                                  const Console& console) {
+  const AudioFormat& from = audio.format;
+  if (from == to) return audio;
+  constexpr __int64 kBlockFrames = 65536;
+  const ComPtr<IFormatConverter> converter = NewConverter(from, to);
+  const ComPtr<IAudioPool> pool = NewPool();
+  const auto writer = Query<IAudioWriter>(pool.Get());
+  Check(writer->SetFormat(to.rate, to.channels));
+  Check(writer->OpenDevice());
+  const OpenReader open(audio.reader.Get());
+  const __int64 total = ConvertSampleCount(audio.frames, from.rate, to.rate);
+  __int64 written = 0;
+  for (__int64 at = 0; written < total; at += kBlockFrames) {
+    if (console.Interrupted()) throw NothingWritten("");
+    // Silence behind the end brings out the last frames, which the converter's filter holds back.
+    const __int64 frames = std::clamp<__int64>(audio.frames - at, 0, kBlockFrames);
+    const FloatArray block(
+        static_cast<std::size_t>((frames > 0 ? frames : kBlockFrames) * from.channels));
+    if (frames > 0) Check(audio.reader->ReadAudio(at, block.get()));
+    Check(converter->Convert(block.get()));
+    written += WriteOutput(converter.Get(), writer.Get(), to.channels, total - written);
+  }
+  Check(writer->CloseDevice());
+  return LastTake(pool.Get());
+}
 
 }  // namespace marlinda

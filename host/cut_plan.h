@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,25 @@
 #include "host/timecode.h"
 
 namespace marlinda {
+
+// Runs `read` for every text of one option and adds the option's name to a refusal.
+template <class Read>
+void ForEachText(const char* option, const std::vector<std::string>& texts, Read read) {
+  for (const std::string& text : texts) {
+    try {
+      read(text);
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument(std::string(option) + " " + text + ": " + error.what());
+    }
+  }
+}
+
+inline void Lengthen(std::int64_t& length, std::int64_t by) {
+  if (by > std::numeric_limits<std::int64_t>::max() - length) {
+    throw std::invalid_argument("the result becomes too long");
+  }
+  length += by;
+}
 
 // The options as they were written on the command line.
 struct CutRequest {
@@ -35,10 +56,39 @@ struct CutPlan {
 
 // Reads the options as far as that is possible without the audio, so that a slip of the pen is
 // reported before a long import. Throws std::invalid_argument with a sentence naming the option.
-void CheckSyntax(const CutRequest& request);
+inline void CheckSyntax(const CutRequest& request) {
+  ForEachText("--keep", request.keep, [](const std::string& text) { ParseRange(text); });
+  ForEachText("--silence", request.silences, [](const std::string& text) { ParseSpan(text); });
+  ForEachText("--label", request.labels, [](const std::string& text) { ParseNamedTime(text); });
+  ForEachText("--marker", request.markers, [](const std::string& text) { ParseNamedRange(text); });
+}
 
 // Throws std::invalid_argument with a sentence naming the option, also for a range that is empty or
 // backward and for a position outside the audio: nothing is moved or clipped silently.
-CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate);
+inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
+  CutPlan plan;
+  ForEachText("--keep", request.keep, [&](const std::string& text) {
+    plan.pieces.push_back(ResolveRange(ParseRange(text), source_frames, rate));
+    Lengthen(plan.length, plan.pieces.back().end - plan.pieces.back().begin);
+  });
+  ForEachText("--silence", request.silences, [&](const std::string& text) {
+    const TimeSpan span = ParseSpan(text);
+    const SilenceInsertion silence = {ResolvePosition(span.at, plan.length, rate),
+                                      span.length.ToFrames(rate)};
+    if (silence.length == 0) throw std::invalid_argument("the silence holds no frame");
+    plan.silences.push_back(silence);
+    Lengthen(plan.length, silence.length);
+  });
+  ForEachText("--label", request.labels, [&](const std::string& text) {
+    const NamedTime label = ParseNamedTime(text);
+    plan.annotations.labels.push_back({ResolvePosition(label.at, plan.length, rate), label.name});
+  });
+  ForEachText("--marker", request.markers, [&](const std::string& text) {
+    const NamedRange marker = ParseNamedRange(text);
+    const FrameRange frames = ResolveRange(marker.range, plan.length, rate);
+    plan.annotations.markers.push_back({{frames.begin, frames.end}, marker.name});
+  });
+  return plan;
+}
 
 }  // namespace marlinda
