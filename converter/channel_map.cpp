@@ -13,7 +13,7 @@ enum class Position { kFL, kFR, kFC, kLFE, kBL, kBR, kBC, kSL, kSR };
 
 using Layout = std::span<const Position>;
 
-// Empty for numbers of channels that have no usual layout.
+// Empty for channel counts that have no usual layout.
 Layout LayoutOf(int channels) {
   using enum Position;
   static constexpr std::array<Position, 1> kMono = {kFC};
@@ -32,7 +32,7 @@ Layout LayoutOf(int channels) {
 
 bool Has(Layout layout, Position position) { return std::ranges::count(layout, position) > 0; }
 
-// One source channel on its way into the target layout.
+// Adds the gains of one source channel to the target's gain table.
 class Route {
  public:
   Route(Layout source, Layout target, std::span<double> gains, std::size_t stride)
@@ -72,7 +72,7 @@ class Route {
     Send(right, gain);
   }
 
-  // The other surround pair stands in at full level, unless it has a source channel of its own.
+  // Sends to the other surround pair at full level, unless the source has that pair too.
   void SendSurround(Position other, Position front, double gain) {
     if (!Has(target_, other)) return Send(front, gain * kMinus3dB);
     Send(other, Has(source_, other) ? gain * kMinus3dB : gain);

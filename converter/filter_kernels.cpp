@@ -1,4 +1,4 @@
-// The definition of a polyphase filter's sums, and their form with SSE2.
+// The sums of a polyphase filter: the reference and the SSE2 form.
 #include "converter/filter_kernels.h"
 
 #include <emmintrin.h>

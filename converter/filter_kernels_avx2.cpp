@@ -1,4 +1,4 @@
-// A polyphase filter's sums with AVX2. Compiled for it: to be called only where the processor has
+// The sums of a polyphase filter with AVX2. Compiled for AVX2; call it only if the processor has
 // it.
 #include <immintrin.h>
 
@@ -8,7 +8,7 @@ namespace marlinda {
 namespace {
 
 struct Lanes {
-  // Fused, the two steps would round once and give other bits than the definition.
+  // Not fused: a fused operation would round once and differ from the reference.
   void Add(const float* taps, const float* samples) noexcept {
     sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_load_ps(taps), _mm256_loadu_ps(samples)));
   }

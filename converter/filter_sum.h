@@ -1,17 +1,17 @@
-// The order in which a polyphase filter adds its products. Every level of instructions has it from
-// here, so the results have the same bits.
+// The order in which a polyphase filter adds its products. All instruction levels share it, so
+// their results have the same bits.
 //
-// `Lanes` holds eight sums. Each file has its own Lanes in an unnamed namespace, which keeps these
-// templates local to it, too.
+// `Lanes` holds eight sums. Each file has its own Lanes in an unnamed namespace, so that its
+// instances of these templates are local too.
 #pragma once
 
 #include "converter/filter_kernels.h"
 
 namespace marlinda {
 
-// One channel. Both halves of the taps are added from their small outer ends to the large middle,
-// eight sums side by side, so few roundings are of large sums. Products are rounded before they are
-// added.
+// Sums one channel. Adds both halves of the taps from their small outer ends to the large middle,
+// eight sums side by side, so that few roundings are of large sums. Products are rounded before
+// they are added.
 template <class Lanes>
 void FilterOne(const float* taps, std::size_t count, const float* samples, float* frame) noexcept {
   Lanes left;
@@ -23,7 +23,7 @@ void FilterOne(const float* taps, std::size_t count, const float* samples, float
   *frame = Sum(left, right);
 }
 
-// Two channels, which share the taps.
+// Sums two channels with the same taps.
 template <class Lanes>
 void FilterTwo(const float* taps, std::size_t count, const float* first, const float* second,
                float* frame) noexcept {

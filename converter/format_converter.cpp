@@ -14,14 +14,14 @@
 namespace marlinda {
 
 // For each stream: SetUp, then Convert for each block and GetOutput for the samples that are ready.
-// The calls come from one thread at a time, not always the same.
+// Calls may come from different threads, one at a time.
 class CFormatConverter final : public Object<CFormatConverter, IFormatConverter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CFormatConverter;
   static constexpr bool kHasClassInfo = false;
 
-  // E_INVALIDARG for formats that cannot be converted; the stream that was set up continues. nMode
-  // is ignored.
+  // Fails with E_INVALIDARG for formats that cannot be converted; the earlier stream then
+  // continues. nMode is ignored.
   STDMETHODIMP SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec, SHORT nSourceChannels,
                      SHORT nTargetChannels, LONG) override {
     const StreamConverter::Format source = {nSourceSamplesPerSec, nSourceChannels};
@@ -32,8 +32,8 @@ class CFormatConverter final : public Object<CFormatConverter, IFormatConverter>
       output_.clear();
     });
   }
-  // E_UNEXPECTED before SetUp, E_INVALIDARG for another array than one of floats. Takes any number
-  // of samples, none and part of a frame included.
+  // Fails with E_UNEXPECTED before SetUp and E_INVALIDARG for an array of other elements than
+  // floats. Takes any number of samples, including none and parts of a frame.
   STDMETHODIMP Convert(SAFEARRAY* psaAudioData) override {
     if (stream_ == nullptr) return E_UNEXPECTED;
     return ComCall([&] {
@@ -42,7 +42,7 @@ class CFormatConverter final : public Object<CFormatConverter, IFormatConverter>
       stream_->Convert(block.samples(), output_);
     });
   }
-  // An array of 0 samples when nothing is ready. E_UNEXPECTED before SetUp.
+  // Returns an array of 0 samples if nothing is ready. Fails with E_UNEXPECTED before SetUp.
   STDMETHODIMP GetOutput(SAFEARRAY** ppsaAudioData) override {
     if (ppsaAudioData == nullptr) return E_POINTER;
     *ppsaAudioData = nullptr;

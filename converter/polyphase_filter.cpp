@@ -11,7 +11,7 @@ namespace marlinda {
 namespace {
 
 // Half of the taps at the lower rate, and the shape of a Kaiser window with side lobes of -150 dB.
-// Together they make the transition 0.088 of the Nyquist frequency wide.
+// Together they make the transition band 0.088 of the Nyquist frequency wide.
 constexpr std::size_t kHalfTaps = 112;
 constexpr double kBeta = 0.1102 * (150.0 - 8.7);
 constexpr double kCutOff = 1.0 - 0.088 / 2;
@@ -22,7 +22,7 @@ struct Ratio {
       : source(static_cast<std::size_t>(source_rate / std::gcd(source_rate, target_rate))),
         target(static_cast<std::size_t>(target_rate / std::gcd(source_rate, target_rate))) {}
 
-  // Downwards the taps cover as much time at the lower rate.
+  // Downsampling needs more taps, because they span frames of the lower rate.
   std::size_t Taps() const noexcept {
     const std::size_t half = (kHalfTaps * std::max(source, target) + target - 1) / target;
     return (2 * half + kTapsPerStep - 1) / kTapsPerStep * kTapsPerStep;
@@ -54,7 +54,7 @@ double Bessel(double x) noexcept {
   return sum;
 }
 
-// The right half of the impulse response, `target` values for each input frame.
+// The right half of the impulse response, with `target` values per input frame.
 std::vector<double> ImpulseResponse(const Ratio& ratio) {
   const auto target = static_cast<double>(ratio.target);
   const double cut_off =
@@ -73,7 +73,7 @@ std::vector<double> ImpulseResponse(const Ratio& ratio) {
 
 bool PolyphaseFilter::CanConvert(std::int32_t source_rate, std::int32_t target_rate) noexcept {
   const Ratio ratio(source_rate, target_rate);
-  // Neither product can overflow after this.
+  // Tested first, so that neither product below can overflow.
   return std::max(ratio.source, ratio.target) <= kMaxTableTaps &&
          ratio.Taps() * ratio.target <= kMaxTableTaps;
 }
@@ -88,7 +88,7 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
       table_(taps_ / 8 * target_),
       room_(2 * taps_ + 4096),
       history_(room_ * channels),
-      // The first output frame is at the first input frame, with silence before it.
+      // The first output frame lies at the first input frame, with silence before it.
       held_(taps_ / 2 - 1) {
   const std::vector<double> response = ImpulseResponse(Ratio(source_rate, target_rate));
   std::vector<double> row(taps_);
@@ -99,7 +99,7 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
       const std::size_t middle = taps_ / 2 * target_ + phase;
       row[tap] = response[at > middle ? at - middle : middle - at];
     }
-    // Every phase passes a constant unchanged.
+    // Scales every phase to pass a constant unchanged.
     const double scale = 1.0 / std::accumulate(row.begin(), row.end(), 0.0);
     for (std::size_t tap = 0; tap < taps_; ++tap) {
       table_[(i * taps_ + tap) / 8].taps[tap % 8] = static_cast<float>(row[tap] * scale);

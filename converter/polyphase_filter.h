@@ -11,18 +11,18 @@
 namespace marlinda {
 
 // A windowed sinc at exactly the phases that occur. Flat to 0.91 of the lower rate's Nyquist
-// frequency, at least 140 dB down from that frequency on. Output frame n stands for the instant of
-// input frame n * source rate / target rate.
+// frequency; at least 140 dB down from that frequency on. Output frame n is at the time of input
+// frame n * source rate / target rate.
 class PolyphaseFilter {
  public:
-  // False where the table of taps would be larger than 4 MiB.
+  // Returns false if the tap table would be larger than 4 MiB.
   static bool CanConvert(std::int32_t source_rate, std::int32_t target_rate) noexcept;
 
   // Throws std::bad_alloc.
   PolyphaseFilter(std::int32_t source_rate, std::int32_t target_rate, std::size_t channels);
 
-  // Takes whole frames and adds those that are ready to `output`. The split into calls does not
-  // change the result. Throws std::bad_alloc.
+  // Takes whole frames and appends the output that is ready. The split into calls does not change
+  // the result. Throws std::bad_alloc.
   void Process(std::span<const float> frames, std::vector<float>& output);
 
  private:
@@ -36,13 +36,13 @@ class PolyphaseFilter {
   void Filter(std::span<float> output) noexcept;
 
   const std::size_t channels_;
-  // Reduced rates: every target_ output frames take source_ input frames.
+  // Reduced rates: target_ output frames consume source_ input frames.
   const std::size_t source_;
   const std::size_t target_;
   const std::size_t taps_;  // of one phase
   const FilterKernel filter_;
   std::vector<TapBlock> table_;  // one row for each phase, in the order of use
-  // For each channel room for `room_` input frames. Those up to `held_` are in; the taps of the
+  // Each channel has room for `room_` input frames, of which `held_` are filled. The taps of the
   // next output frame begin at `begin_`.
   const std::size_t room_;
   std::vector<float> history_;

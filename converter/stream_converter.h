@@ -1,5 +1,4 @@
-// Converts a stream of interleaved samples to another sample rate and number of channels, block by
-// block and without seams.
+// Converts the sample rate and channel count of a stream, block by block and without seams.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +14,8 @@ struct SRC_STATE_tag;
 
 namespace marlinda {
 
-// Output frame n stands for the instant of input frame n * source rate / target rate: there is no
-// delay. The last few hundred frames come once enough input has followed them; silence does.
+// Output frame n is at the time of input frame n * source rate / target rate: there is no delay.
+// The last few hundred frames come out once enough further input has followed; silence will do.
 class StreamConverter {
  public:
   struct Format {
@@ -24,13 +23,14 @@ class StreamConverter {
     std::int16_t channels = 0;
   };
 
-  // Rates of up to 256 times each other, and up to 128 channels where rates differ.
+  // Accepts rate ratios up to 256, and up to 128 channels if the rates differ.
   static bool CanConvert(const Format& source, const Format& target) noexcept;
 
-  // Throws std::invalid_argument when the formats cannot be converted, std::bad_alloc.
+  // Throws std::invalid_argument if the formats cannot be converted, std::bad_alloc if memory runs
+  // out.
   StreamConverter(const Format& source, const Format& target);
 
-  // Takes samples; a frame may be spread over calls. Adds what is ready to `output`. Throws
+  // Takes samples; a frame may be split between calls. Appends the output that is ready. Throws
   // std::bad_alloc.
   void Convert(std::span<const float> samples, std::vector<float>& output);
 
@@ -47,7 +47,7 @@ class StreamConverter {
   const bool maps_first_;
   const std::size_t resampled_channels_;
   const double ratio_;
-  // One of them, or none where the rates are the same.
+  // At most one of these exists; none if the rates are equal.
   std::optional<PolyphaseFilter> filter_;
   std::unique_ptr<SRC_STATE_tag, Closer> resampler_;  // for ratios that the filter cannot convert
   std::vector<float> partial_;                        // the beginning of a frame

@@ -12,16 +12,16 @@
 
 namespace marlinda {
 
-// `Class` has WithNotes(use), which calls use(all) through ComCall with an object that has `labels`
-// and `markers`. Positions and ranges are not checked, indexes are.
+// `Class` has WithNotes(use). It calls use(all) through ComCall with an object that has `labels`
+// and `markers`. Indexes are checked, positions and ranges are not.
 template <class Class, class Base>
 class AnnotationSupport : public Base {
  public:
-  // A class hides these with true for what it offers; the other methods are E_NOTIMPL.
+  // A class redeclares these as true for the methods that it offers. The others return E_NOTIMPL.
   static constexpr bool kAddsNotes = false;
   static constexpr bool kReadsNotes = false;
   static constexpr bool kEditsNotes = false;
-  // Of names that are handed out.
+  // The code page of returned names.
   static constexpr UINT kNoteCodePage = CP_THREAD_ACP;
 
   // ILabelSupport
@@ -95,7 +95,7 @@ class AnnotationSupport : public Base {
     return E_NOTIMPL;
   }
 
-  // Compared without sign, so that a negative index fails too.
+  // Compared as unsigned, so that negative indexes fail too.
   template <class Record>
   static Record& At(std::vector<Record>& records, LONG index) {
     if (static_cast<ULONG>(index) >= records.size()) throw HResultError(E_INVALIDARG);

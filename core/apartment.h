@@ -7,8 +7,8 @@ namespace marlinda {
 
 class Apartment {
  public:
-  // `model` is COINIT_APARTMENTTHREADED or COINIT_MULTITHREADED. A thread that is in the other
-  // kind of apartment stays there.
+  // `model` is COINIT_APARTMENTTHREADED or COINIT_MULTITHREADED. A thread in the other kind of
+  // apartment stays there.
   explicit Apartment(DWORD model) noexcept : result_(CoInitializeEx(nullptr, model)) {}
   Apartment(const Apartment&) = delete;
   Apartment& operator=(const Apartment&) = delete;
@@ -16,7 +16,7 @@ class Apartment {
     if (SUCCEEDED(result_)) CoUninitialize();
   }
 
-  // Of CoInitializeEx.
+  // The result of CoInitializeEx.
   HRESULT result() const noexcept { return result_; }
 
  private:

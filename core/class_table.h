@@ -1,4 +1,4 @@
-// The classes of this module, for class factories and registration. A new class is a new row in
+// The classes of this module for class factories and registration. A new class is a new row in
 // module/class_table.cpp.
 #pragma once
 

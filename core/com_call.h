@@ -20,20 +20,20 @@ class HResultError {
   HRESULT code_;
 };
 
-// Throws when `hr` is a failure; success codes pass through.
+// Throws if `hr` is a failure. Success codes pass through.
 inline HRESULT Check(HRESULT hr) {
   if (FAILED(hr)) throw HResultError(hr);
   return hr;
 }
 
-// The HRESULT of the last failed system call; E_FAIL when GetLastError gives no error.
+// The HRESULT of GetLastError, or E_FAIL if it reports no error.
 inline HRESULT LastErrorResult() noexcept {
   const DWORD error = GetLastError();
   return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
 }
 
-// Runs the body of an interface method. The body returns the method's HRESULT or throws; a body
-// that returns nothing means S_OK.
+// Runs the body of an interface method. The body returns the method's HRESULT, or nothing for S_OK,
+// or throws.
 template <class Body>
 HRESULT ComCall(Body&& body) noexcept {
   try {
@@ -52,8 +52,8 @@ HRESULT ComCall(Body&& body) noexcept {
   }
 }
 
-// Stores values through out-pointers: SetOut(pnRate, rate, pnChannels, channels). E_POINTER, and
-// nothing stored, when a pointer is null.
+// Stores values through out-pointers: SetOut(pnRate, rate, pnChannels, channels). Returns E_POINTER
+// and stores nothing if a pointer is null.
 template <class T, class... Rest>
 HRESULT SetOut(T* out, std::type_identity_t<T> value, Rest... rest) noexcept {
   if (out == nullptr) return E_POINTER;

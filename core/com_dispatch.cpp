@@ -16,8 +16,8 @@ namespace {
 
 using Role = Parameter::Role;
 
-// A value of the declared type that a method writes through a pointer, or that was made from an
-// argument of another type. Owns what it holds.
+// A value of the declared type: written by the method through a pointer, or coerced from an
+// argument. Owns its content.
 class Slot {
  public:
   Slot() noexcept { VariantInit(&value_); }
@@ -45,12 +45,12 @@ class Slot {
   VARIANT value_;
 };
 
-// One argument on its way from the caller's VARIANT to the method and, for an out parameter, back.
+// One argument from the caller's VARIANT to the method and, for an out parameter, back.
 class Argument {
  public:
   HRESULT Prepare(const Parameter& parameter, VARIANT* given, LCID locale) {
-    // A script passes its variable; nested references are not allowed, but one level of them exists
-    // in practice.
+    // A script passes its variable. Nested references are not allowed, but one level occurs in
+    // practice.
     for (int level = 0; level < 2 && V_VT(given) == (VT_BYREF | VT_VARIANT); ++level) {
       given = V_VARIANTREF(given);
       if (given == nullptr) return DISP_E_TYPEMISMATCH;
@@ -79,7 +79,7 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // What the method wrote into our slot belongs to us; a borrowed pointer gets its reference first.
+  // The slot owns what the method wrote. A borrowed pointer needs a reference first.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }
@@ -105,7 +105,7 @@ class Argument {
     const bool is_interface = parameter.type == VT_DISPATCH || parameter.type == VT_UNKNOWN;
     const VARTYPE type = V_VT(given);
     if (is_interface && (type == (VT_BYREF | VT_DISPATCH) || type == (VT_BYREF | VT_UNKNOWN))) {
-      // Through a slot, because a pointer that was not written must not get a reference.
+      // Through a slot, because a pointer that the method did not write must not get a reference.
       reference_ = V_UNKNOWNREF(given);
       PassSlot(parameter.type);
       if (reference_ == nullptr) V_BYREF(&passed_) = nullptr;
@@ -118,8 +118,8 @@ class Argument {
     if ((type & VT_BYREF) != 0) return DISP_E_TYPEMISMATCH;
     PassSlot(parameter.type);
     if (variable_ != nullptr || type == VT_EMPTY) return S_OK;
-    // By value, as a script without references passes it: what comes out is lost, but what goes in
-    // must be of the right kind.
+    // By value, as from a script without references: the result is lost, but the argument must
+    // still have the right type.
     Slot coerced;
     return VariantChangeTypeEx(&coerced.value(), given, locale, 0, parameter.type);
   }
@@ -158,12 +158,13 @@ class Argument {
   VARIANT passed_ = {};
   Slot slot_;
   bool writes_slot_ = false;
-  // Where an out value goes: the caller's variable or result, or the caller's interface pointer.
+  // The destination of an out value: the caller's variable or result, or the caller's interface
+  // pointer.
   VARIANT* variable_ = nullptr;
   IUnknown** reference_ = nullptr;
 };
 
-// The error for a refused argument, by the reasons that automation distinguishes.
+// The automation error for an argument that cannot be coerced.
 HRESULT CoercionResult(HRESULT hr) noexcept {
   switch (hr) {
     case DISP_E_OVERFLOW:
@@ -181,7 +182,7 @@ bool IsCoherent(const DISPPARAMS& params) noexcept {
          params.cNamedArgs <= params.cArgs;
 }
 
-// The interfaces whose methods lend a pointer instead of giving it: the segment iteration.
+// True for the interface whose methods return pointers without a reference: the segment iteration.
 bool LendsPointers(REFIID iid) noexcept { return IsEqualIID(iid, IID_IEditedAudio); }
 
 void FillException(HRESULT failure, EXCEPINFO* exception) noexcept {
@@ -201,7 +202,7 @@ void FillException(HRESULT failure, EXCEPINFO* exception) noexcept {
   }
 }
 
-// One call: finds the argument of every parameter, coerces, calls, and hands the results over.
+// One call: finds the argument of each parameter, coerces, calls and returns the results.
 class Call {
  public:
   Call(const Method& method, DISPPARAMS& params)
@@ -242,7 +243,7 @@ class Call {
     return S_OK;
   }
 
-  // The method's own HRESULT, or a failure to call it at all.
+  // Returns the method's own HRESULT, or the reason why it could not be called.
   HRESULT Make(void* instance, bool lends_pointers) {
     std::vector<VARTYPE> types;
     std::vector<VARIANT*> passed;

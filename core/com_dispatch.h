@@ -1,10 +1,9 @@
-// IDispatch for a dual interface: calls are bound to that interface's own type information, from
+// IDispatch for a dual interface. Calls are bound to that interface's own type information, from
 // the type library inside this module.
 //
-// Invoke is our own rather than the platform's ITypeInfo::Invoke, so that every platform answers
-// alike (platforms differ in the counts they accept, in the argument index they report and in the
-// variables of scripts that they take), and because a method may take another array than its
-// declaration says.
+// ITypeInfo::Invoke is not used, for two reasons. Platforms differ in the argument counts and
+// script variables they accept and in the argument index they report. And a method may take another
+// array than its declaration says.
 #pragma once
 
 #include <oaidl.h>
@@ -20,14 +19,14 @@ HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT
 // Calls a method of `instance`, the vtable of interface `iid`.
 //
 // Arguments: positional or named; by value, by reference, or as a VARIANT by reference. Values are
-// coerced to the declared type. An array is passed on itself, never copied, and may be of floats
-// whatever element type is declared: each array parameter of the engine takes floats. An out
-// parameter takes a reference to the declared type, to which the method writes directly, or a
-// VARIANT, which is replaced when the method succeeds.
+// coerced to the declared type. Arrays are never copied and may hold floats whatever element type
+// is declared, because every array parameter of the engine takes floats. An out parameter takes a
+// reference to the declared type, to which the method writes directly, or a VARIANT, which is
+// replaced if the method succeeds.
 //
-// Results: a success code of the method as it is; for a failure DISP_E_EXCEPTION, with the failure
-// in the exception's scode. Interface pointers that come out belong to the caller, also where the
-// method itself only lends them.
+// Results: the method's success code; for a failure DISP_E_EXCEPTION, with the failure in the
+// exception's scode. Returned interface pointers belong to the caller, even if the method itself
+// adds no reference.
 HRESULT DispatchInvoke(REFIID iid, void* instance, DISPID member, REFIID reserved, LCID locale,
                        WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
                        UINT* argument_error) noexcept;

@@ -1,6 +1,6 @@
 // The base of every COM class: reference counting, QueryInterface, aggregation, IDispatch per dual
-// interface, IProvideClassInfo and the module's object count. A class names its interfaces in the
-// order of its contract; that line is its whole COM declaration:
+// interface, IProvideClassInfo and the module's object count. A class lists its interfaces in the
+// order of its contract and needs no other COM declaration:
 //
 //   class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
 //    public:
@@ -22,19 +22,19 @@
 
 namespace marlinda {
 
-// An interface as an object implements it: a dual one comes with its IDispatch.
+// An interface as an object implements it. A dual interface comes with its IDispatch.
 template <class I>
 using Implemented = std::conditional_t<std::is_base_of_v<IDispatch, I>, Dual<I>, I>;
 
 template <class Derived, class... Interfaces>
 class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
  public:
-  // A class with outgoing event interfaces hides this with true and overrides GetGUID.
+  // A class with outgoing event interfaces redeclares this as true and overrides GetGUID.
   static constexpr bool kHasEvents = false;
-  // A class that no type library describes hides this with false.
+  // A class that no type library describes redeclares this as false.
   static constexpr bool kHasClassInfo = true;
 
-  // IUnknown: the outer object's when this one is aggregated, our own otherwise.
+  // IUnknown: the outer object's if this one is aggregated, otherwise its own.
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     return outer_->QueryInterface(iid, object);
   }
@@ -47,10 +47,10 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     *info = nullptr;
     return FindTypeInfo(Derived::kClassId, info);
   }
-  // IProvideClassInfo2: answered only by a class that has events and overrides it.
+  // IProvideClassInfo2: offered only by classes with events, which override it.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
 
-  // Creates an object, aggregated when `outer` is given. A failure leaves nothing behind.
+  // Creates an object, aggregated if `outer` is given. A failure leaves nothing behind.
   static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
@@ -58,8 +58,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return ComCall([&] {
       auto* created = new Derived;
       if (outer != nullptr) created->outer_ = outer;
-      // The count starts at 1: that reference keeps the object alive until the query has taken its
-      // own, and destroys it when the query fails.
+      // The count starts at 1. That reference keeps the object alive until the query has added its
+      // own, and destroys the object if the query fails.
       const HRESULT hr = created->inner_.QueryInterface(iid, object);
       created->inner_.Release();
       return hr;
@@ -70,13 +70,14 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   Object() noexcept : inner_(*this), outer_(&inner_) {}
   ~Object() = default;
 
-  // The object's identity, without a reference: the outer unknown when aggregated.
+  // The object's identity, without a reference: the outer unknown if aggregated.
   IUnknown* OuterUnknown() noexcept { return outer_; }
-  // True when an outer object stands between this one and its clients.
+  // True if an outer object stands between this one and its clients.
   bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
-  // The unknown that does not delegate. An outer object holds it; without one it is the identity.
+  // The non-delegating unknown. An outer object holds it; without an outer object it is the
+  // identity.
   class Inner final : public IUnknown {
    public:
     explicit Inner(Object& object) noexcept : object_(object) {}
@@ -87,7 +88,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     STDMETHODIMP_(ULONG) Release() override {
       const ULONG left = --object_.references_;
       if (left == 0) {
-        // A destructor can pass this object to others, whose Release must not destroy it again.
+        // The destructor may pass this object to others, whose Release must not destroy it again.
         object_.references_ = kDestroying;
         delete static_cast<Derived*>(&object_);
       }
@@ -119,7 +120,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return S_OK;
   }
 
-  // IDispatch is answered by the first dual interface of the list, the class's default interface.
+  // The first dual interface in the list, the default interface, provides IDispatch.
   template <class I>
   IUnknown* Offer(REFIID iid, void** out) noexcept {
     const bool asked = IsEqualIID(iid, __uuidof(I)) ||

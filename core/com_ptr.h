@@ -1,4 +1,4 @@
-// The smart pointer for interfaces and the few helpers that go with it.
+// The smart pointer for interfaces, and its helpers.
 #pragma once
 
 #include <wrl/client.h>
@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// Take over a reference with *p.GetAddressOf() or ReceiveVoid, never with Attach: the Attach of the
-// header that comes with mingw adds a reference.
+// To take over a reference, use *p.GetAddressOf() or ReceiveVoid, never Attach: in mingw's header
+// Attach adds a reference.
 template <class I>
 using ComPtr = Microsoft::WRL::ComPtr<I>;
 
@@ -19,14 +19,14 @@ HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
                           reinterpret_cast<void**>(object.ReleaseAndGetAddressOf()));
 }
 
-// Makes `held` hold `object`, which can be null. Adds the new reference before it releases the old
-// one. The assignment in the header that comes with mingw releases first.
+// Makes `held` hold `object`, which may be null. Adds the new reference before it releases the old
+// one; the assignment in mingw's header releases first.
 template <class I>
 void Hold(ComPtr<I>& held, I* object) {
   if (held.Get() != object) ComPtr<I>(object).Swap(held);
 }
 
-// Another interface of the same object; null when `object` is null or has none.
+// Another interface of the same object. Null if `object` is null or has no such interface.
 template <class I>
 ComPtr<I> TryQuery(IUnknown* object) {
   ComPtr<I> result;
@@ -38,7 +38,7 @@ ComPtr<I> TryQuery(IUnknown* object) {
 
 // True if both pointers refer to the same COM object; null matches nothing.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
-  // Plain pointers: the smart ones of mingw compare as truth values.
+  // Plain pointers: mingw's smart pointers compare as truth values.
   const IUnknown* const identity = TryQuery<IUnknown>(a).Get();
   return identity != nullptr && identity == TryQuery<IUnknown>(b).Get();
 }

@@ -3,7 +3,7 @@
 
 namespace marlinda {
 
-// Frames that one peak covers.
+// Frames per peak.
 inline constexpr int kFramesPerPeak = 256;
 
 // The last argument of IFormatConverter::SetUp. Every caller passes this value.

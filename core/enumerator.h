@@ -11,12 +11,12 @@
 
 namespace marlinda {
 
-// An enumerator over a list that it owns, taken when the enumeration began. `kHandOut` gives the
-// caller a copy of an entry; when it fails, Next fails too.
+// An enumerator over its own copy of a list. `kHandOut` copies an entry for the caller; if it
+// fails, Next fails too.
 template <class Interface, class Entry, class Out, HRESULT (*kHandOut)(const Entry&, Out*)>
 class Enumerator final : public PlainObject<Interface> {
  public:
-  // Through ComCall: may throw.
+  // May throw, so call it inside ComCall.
   static HRESULT Create(std::vector<Entry> entries, Interface** enumerator) {
     *enumerator = new Enumerator(std::move(entries), 0);
     return S_OK;

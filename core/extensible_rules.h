@@ -6,9 +6,9 @@
 
 namespace marlinda {
 
-// Bits of the mask: front left 1, front right 2, front centre 4. One channel is announced as front
-// centre, or as front left and right where `mono_as_stereo_mask` is set; other
-// counts than 1, 2, 6 and 8 get mask 0.
+// Bits of the mask: front left 1, front right 2, front centre 4. One channel gets front centre or,
+// if `mono_as_stereo_mask` is set, front left and right. Counts other than 1, 2, 6 and 8 get mask
+// 0.
 constexpr std::uint32_t ChannelMask(int channels, bool mono_as_stereo_mask) noexcept {
   switch (channels) {
     case 1:

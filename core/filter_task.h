@@ -1,4 +1,4 @@
-// FilterTask: what import and export filters share: their task, their merit and their texts.
+// FilterTask: the common part of import and export filters: task, merit and texts.
 #pragma once
 
 #include <marlinda.h>
@@ -22,7 +22,7 @@ struct OutText {
   std::string_view text;
 };
 
-// Hands out all of the texts or none.
+// Returns all of the texts or none.
 inline HRESULT HandOut(std::initializer_list<OutText> texts) noexcept {
   for (const OutText& each : texts) {
     if (each.out == nullptr) return E_POINTER;
@@ -41,16 +41,16 @@ inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
   return SetOut(out, value ? VARIANT_TRUE : VARIANT_FALSE);
 }
 
-// The state that a filter shares with its worker. It outlives whichever of them ends first.
+// The state that a filter shares with its worker. It outlives both.
 struct TaskJob {
   std::atomic<bool> cancelled{false};
-  // In frames. A compressed or damaged source may hold more frames than its total.
+  // In frames. A compressed or damaged source may have more frames than this.
   std::atomic<__int64> total{0};
   std::atomic<__int64> position{0};
 };
 
 // `Class` has the constants kMerit, kNameText (the resource of the task's name), kFilterTexts (the
-// resources whose texts make up the filter string) and kPatterns. `Job` derives from TaskJob.
+// resources that make up the filter string) and kPatterns. `Job` derives from TaskJob.
 template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
@@ -64,7 +64,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // E_FAIL where there is nothing to do. Stays below 1 when the worker ended early.
+  // Fails with E_FAIL if there is nothing to do. Stays below 1 if the worker ended early.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

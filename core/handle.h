@@ -1,5 +1,5 @@
-// Owners of Windows handles. One traits struct per kind of handle; closing keeps the thread's last
-// error, so that cleaning up never hides why a call failed.
+// Owners of Windows handles, with one traits struct per kind of handle. Closing preserves the
+// thread's last error, so that cleaning up never hides why a call failed.
 #pragma once
 
 #include <windows.h>
@@ -35,7 +35,7 @@ class Handle {
     SetLastError(error);
   }
 
-  // Closes what is held and gives the address for a function that returns a new handle.
+  // Closes the current handle and returns the address for a function that stores a new one.
   Raw* Receive() noexcept {
     Reset();
     return &raw_;

@@ -1,4 +1,4 @@
-// The module object: counts objects and locks, knows its own file, loads its string resources.
+// The module object: counts objects and locks, reports its path and loads string resources.
 #pragma once
 
 #include <windows.h>
@@ -19,11 +19,11 @@ class CMarlindaModule {
   void AddObject() noexcept { ++objects_; }
   void RemoveObject() noexcept { --objects_; }
   void Lock() noexcept { ++locks_; }
-  // False when there is no lock to take back.
+  // Returns false if there is no lock.
   bool Unlock() noexcept;
   bool CanUnload() const noexcept { return objects_ == 0 && locks_ == 0; }
 
-  // String resource `id` in the system's ANSI code page; empty when it cannot be loaded.
+  // String resource `id` in the system's ANSI code page. Empty if it cannot be loaded.
   std::string LoadText(UINT id) const;
 
  private:
@@ -34,7 +34,7 @@ class CMarlindaModule {
 
 CMarlindaModule& TheModule() noexcept;
 
-// Counts one object of the module for as long as it lives.
+// Counts one object of the module during its lifetime.
 class ModuleObjectCount {
  public:
   ModuleObjectCount() noexcept { TheModule().AddObject(); }

@@ -1,13 +1,13 @@
-// Counts calls that come back to the same object on the same thread. A document can contain itself
-// through its segments, and a chain of writers can be a ring: such calls would never end.
+// Counts calls that return to the same object on the same thread. A document can contain itself
+// through its segments, and writers can form a ring: such calls would never end.
 #pragma once
 
 #include "core/thread_slot.h"
 
 namespace marlinda {
 
-// One call of one object, as a local variable of the method. The calls in progress on a thread form
-// a list on its stack. `Kind` is an enumeration of the methods to distinguish.
+// One call of one object, as a local variable of the method. The current calls of a thread form a
+// list on its stack. `Kind` is an enumeration of methods.
 template <class Kind>
 class NestedCall {
  public:
@@ -19,7 +19,7 @@ class NestedCall {
   NestedCall(const NestedCall&) = delete;
   NestedCall& operator=(const NestedCall&) = delete;
 
-  // Calls of this kind in progress on the object, this one included: 1 when it is not nested.
+  // Current calls of this kind on the object, this one included: 1 if it is not nested.
   int Depth() const noexcept {
     int depth = 0;
     for (const NestedCall* call = this; call != nullptr; call = call->outer_) {

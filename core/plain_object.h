@@ -1,4 +1,4 @@
-// The base of a COM object with one interface, without class identifier and aggregation.
+// The base of a COM object with one interface, without class identifier or aggregation.
 #pragma once
 
 #include <unknwn.h>

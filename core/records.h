@@ -1,4 +1,4 @@
-// What a document or a file carries beside its samples. Texts are in the system's ANSI code page.
+// Labels, markers and tags of a document or file. Texts are in the system's ANSI code page.
 #pragma once
 
 #include <cstdint>

@@ -43,7 +43,7 @@ std::wstring Replace(std::wstring text, const Replacements& replacements) {
   return text;
 }
 
-// Replacements are made in the parts of a line, so that they cannot change its structure.
+// Replacements are made within the parts of a line, so that they cannot change its structure.
 std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   const HINSTANCE instance = TheModule().Instance();
   const HRSRC resource = FindResourceW(instance, MAKEINTRESOURCEW(id), L"REGISTRY");
@@ -68,7 +68,7 @@ std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   return entries;
 }
 
-// `entry` is null for a script that is not about a class.
+// `entry` is null for a script that does not concern a class.
 Replacements ReplacementsFor(const ClassEntry* entry) {
   // The type library's identifier is also that of the application and of the module.
   const std::wstring guid = ToText(LIBID_MarlindaLib);

@@ -1,6 +1,6 @@
-// Applies the registry scripts of a module's resources to the registry. A line of a script is a key
+// Applies the registry scripts in a module's resources to the registry. A line of a script is a key
 // ("KEY"), a key with its default value ("KEY = TEXT") or another value ("KEY @NAME = TEXT"), below
-// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. Keys without a line of their own are never
+// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. Keys without their own line are never
 // removed.
 #pragma once
 
@@ -27,7 +27,7 @@ class SystemLocale {
   const LCID previous_ = GetThreadLocale();
 };
 
-// One registration or unregistration. The thread has the system's locale meanwhile. Each method
+// One registration or unregistration. Meanwhile the thread has the system's locale. Each method
 // stops at the first change that fails and throws HResultError; earlier changes stay.
 class Registration {
  public:
@@ -37,10 +37,10 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes what script `id` contains, with the replacements of a class if `of` names one. Keys and
-  // values of others stay.
+  // Writes the content of script `id`, with the replacements of class `of` if given. Leaves other
+  // keys and values alone.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
-  // Removes what script `id` contains, last line first. A key with other content stays.
+  // Removes the content of script `id`, last line first. A key with other content stays.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;
 
   // The same for each of `classes`, with the script IDR_CLASS_REGISTRATION.

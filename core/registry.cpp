@@ -5,7 +5,7 @@
 namespace marlinda {
 namespace {
 
-// A registry text need not be terminated, and may hold a NUL before its end.
+// A registry text may lack its terminator or contain a NUL before its end.
 std::string TextOf(const char* data, DWORD size) {
   return std::string(data, std::find(data, data + size, '\0'));
 }

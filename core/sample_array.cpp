@@ -10,8 +10,7 @@ namespace {
 bool HoldsFloats(SAFEARRAY* array) noexcept {
   if (array->cDims != 1 || array->cbElements != sizeof(float)) return false;
   if ((array->fFeatures & FADF_HAVEVARTYPE) == 0) {
-    // A descriptor made by hand carries no type; four-byte elements that are no pointers are
-    // floats.
+    // A hand-made descriptor has no type. Four-byte elements that are not pointers are floats.
     return (array->fFeatures & (FADF_BSTR | FADF_UNKNOWN | FADF_DISPATCH | FADF_VARIANT |
                                 FADF_RECORD | FADF_HAVEIID)) == 0;
   }
@@ -19,8 +18,8 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
   return SUCCEEDED(SafeArrayGetVartype(array, &type)) && type == VT_R4;
 }
 
-// Automation counts an array's bytes in 32 bits. Some platforms do not check that, so an array that
-// claims more has less memory than it says.
+// Automation counts an array's bytes in 32 bits. Some platforms do not check this, so an array that
+// claims more has less memory than it claims.
 constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
 
 std::size_t Checked(std::size_t count) {
@@ -28,7 +27,7 @@ std::size_t Checked(std::size_t count) {
   return count;
 }
 
-// Larger arrays are not kept: 8 MiB is the size for the widest screens.
+// Larger arrays are freed. 8 MiB is enough for the widest screens.
 constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace
@@ -51,7 +50,7 @@ HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
 }
 
 SampleArray::SampleArray(std::size_t count) : buffer_(Checked(count)) {
-  // An array without samples has an address, too.
+  // An array without samples also needs an address.
   buffer_.reserve(1);
   if (FAILED(SafeArrayAllocDescriptorEx(VT_R4, 1, &array_))) throw std::bad_alloc();
   array_->cbElements = sizeof(float);
@@ -74,7 +73,7 @@ void SampleArray::Resize(std::size_t count) {
 
 SAFEARRAY* SampleArray::Prepare(std::size_t count) {
   Resize(0);
-  // Frees the old memory before it takes the new.
+  // Frees the old memory before it allocates the new.
   if (count > buffer_.capacity()) std::vector<float>().swap(buffer_);
   Resize(count);
   return array_;

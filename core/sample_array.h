@@ -12,8 +12,8 @@
 
 namespace marlinda {
 
-// Locks a caller's array and gives its samples; unlocks on destruction. Lower bounds do not matter:
-// the block is all the elements from the first on.
+// Locks a caller's array during its lifetime and gives access to its samples. Lower bounds do not
+// matter: the block is the whole array.
 class SampleArrayView {
  public:
   SampleArrayView() noexcept = default;
@@ -21,8 +21,8 @@ class SampleArrayView {
   SampleArrayView(const SampleArrayView&) = delete;
   SampleArrayView& operator=(const SampleArrayView&) = delete;
 
-  // E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats that has its data. To
-  // be called once.
+  // Fails with E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats with data.
+  // Call it once.
   HRESULT Lock(SAFEARRAY* array) noexcept;
 
   std::span<float> samples() const noexcept { return samples_; }
@@ -33,18 +33,18 @@ class SampleArrayView {
 };
 
 // A one-dimensional array of floats that the engine owns, to pass to a reader or a writer. It is
-// locked for its whole life, so that the system refuses a callee that resizes or destroys it. A
-// smaller count keeps the memory: a new array for each read would cost more than the read.
+// always locked, so that the system refuses to resize or destroy it. A smaller count keeps the
+// memory: a new array for each read would cost more than the read.
 class SampleArray {
  public:
-  // All samples are 0. Throws std::bad_alloc, also when the count exceeds what an array can hold.
+  // All samples are 0. Throws std::bad_alloc, also if the count exceeds the limit of an array.
   explicit SampleArray(std::size_t count = 0);
   ~SampleArray();
   SampleArray(const SampleArray&) = delete;
   SampleArray& operator=(const SampleArray&) = delete;
 
-  // Gives the array another element count. The samples keep their values as far as both reach, and
-  // further ones are 0. Throws std::bad_alloc and leaves the array as it was.
+  // Changes the element count. Samples within both sizes keep their values; new ones are 0. If it
+  // throws std::bad_alloc, the array is unchanged.
   void Resize(std::size_t count);
   // Returns the array with exactly `count` samples, all 0. Throws std::bad_alloc.
   SAFEARRAY* Prepare(std::size_t count);
@@ -52,7 +52,7 @@ class SampleArray {
   SAFEARRAY* get() const noexcept { return array_; }
   std::size_t capacity() const noexcept { return buffer_.capacity(); }
 
-  // Never more than the array was made for, whatever a callee wrote into its descriptor.
+  // At most the allocated count, even if a callee changed the descriptor.
   std::span<float> samples() noexcept { return {buffer_.data(), Count()}; }
   std::span<const float> samples() const noexcept { return {buffer_.data(), Count()}; }
 
@@ -63,7 +63,7 @@ class SampleArray {
   std::vector<float> buffer_;
 };
 
-// Keeps one array between calls. Concurrent and nested calls get one array each.
+// Keeps one array between calls. Concurrent and nested calls get an array each.
 class ScratchCache {
  public:
   ScratchCache() noexcept = default;
@@ -76,7 +76,7 @@ class ScratchCache {
   std::atomic<SampleArray*> kept_{nullptr};
 };
 
-// The kept array for the length of one call.
+// Borrows the kept array for one call.
 class ScratchLease {
  public:
   explicit ScratchLease(ScratchCache& cache) : cache_(cache), array_(cache.Take()) {}

@@ -1,6 +1,6 @@
-// The current T of each thread, null until it sets one. Not thread_local: what mingw's runtime
-// allocates for that stays behind with every thread that ends, and it ends the process when there
-// is no memory for it. So Windows is asked itself, in this one header that kernels may include.
+// The current T of each thread, null until set. Not thread_local: mingw's runtime leaks its memory
+// for every thread that ends, and terminates the process if there is none. This header uses the
+// Windows API, and kernels may include it.
 #pragma once
 
 #ifdef _WIN32
@@ -16,7 +16,7 @@ class ThreadSlot {
 
 #ifdef _WIN32
   static T* Get() noexcept { return static_cast<T*>(TlsGetValue(index_.value)); }
-  // False, and nothing changed, when the system has no memory for it.
+  // Returns false and changes nothing if the system has no memory for it.
   static bool Set(T* current) noexcept {
     return TlsSetValue(index_.value, const_cast<void*>(static_cast<const void*>(current))) != FALSE;
   }

@@ -21,7 +21,7 @@ struct GuidLess {
   }
 };
 
-// Descriptions borrowed from type information and given back.
+// Descriptions that type information lends, with their release functions.
 auto AttributesOf(ITypeInfo* info) {
   TYPEATTR* attributes = nullptr;
   Check(info->GetTypeAttr(&attributes));
@@ -72,8 +72,8 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // The face that describes the vtable: it has the results as parameters and leaves out the methods
-  // of IDispatch itself.
+  // The view that describes the vtable. It has the results as parameters and omits the methods of
+  // IDispatch.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
@@ -121,7 +121,7 @@ class TypeLibrary {
     const auto known = entries_.find(guid);
     if (known != entries_.end()) return known->second.CopyTo(info);
     if (!library_) {
-      // The system takes no path of more than MAX_PATH characters here.
+      // The system accepts no path longer than MAX_PATH here.
       Check(LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf()));
     }
     ComPtr<ITypeInfo> found;
@@ -137,7 +137,7 @@ class TypeLibrary {
   std::map<GUID, MethodTable, GuidLess> methods_;
 };
 
-// Never destroyed by the runtime: at process exit the automation library may be gone already.
+// Never destroyed by the runtime: at process exit the automation library may already be unloaded.
 TypeLibrary& Library() {
   alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
   static auto* const library = new (storage) TypeLibrary;

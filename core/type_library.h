@@ -1,5 +1,5 @@
 // The type library inside this module: type information by identifier, and the methods of a dual
-// interface as IDispatch::Invoke needs them. Both are read once and shared by all objects.
+// interface for IDispatch::Invoke. Both are read once and shared by all objects.
 #pragma once
 
 #include <oaidl.h>
@@ -12,8 +12,8 @@ struct Parameter {
   enum class Role { kIn, kOut, kResult };
 
   Role role = Role::kIn;
-  // The type of the value; of an out parameter, the type that it points to. VT_ARRAY means an array
-  // of `element`, VT_DISPATCH and VT_UNKNOWN an interface pointer.
+  // The type of the value; for an out parameter, the type it points to. VT_ARRAY means an array of
+  // `element`; VT_DISPATCH and VT_UNKNOWN mean an interface pointer.
   VARTYPE type = VT_EMPTY;
   VARTYPE element = VT_EMPTY;
   IID iid = {};
@@ -33,7 +33,7 @@ HRESULT FindTypeInfo(REFGUID guid, ITypeInfo** info) noexcept;
 // The methods of the dual interface `iid`, valid until ReleaseTypeInfo. Throws HResultError.
 const MethodTable& MethodsOf(REFIID iid);
 
-// Releases all type information. Called when the module is unloaded and no object is left.
+// Releases all type information. Call it when the module is unloaded and no object is left.
 void ReleaseTypeInfo() noexcept;
 
 }  // namespace marlinda

@@ -11,7 +11,7 @@ namespace {
 
 struct Job {
   std::function<void()> body;
-  // The module that the code of this file lies in, with a reference.
+  // A reference to the module that contains this code.
   HMODULE module = nullptr;
   // A running job keeps the module in use, like an object.
   ModuleObjectCount module_count;
@@ -24,8 +24,8 @@ DWORD WINAPI Run(void* parameter) noexcept {
     module = job->module;
     ComCall(job->body);
   }
-  // The count ended with the job, so the host may free the module from here on. The reference keeps
-  // the code loaded until the thread has left it.
+  // The count ended with the job, so the host may unload the module from here on. The reference
+  // keeps the code loaded until the thread has left it.
   FreeLibraryAndExitThread(module, 0);
 }
 
@@ -51,7 +51,7 @@ HRESULT WorkerThread::StartJob(std::function<void()> body) {
                          reinterpret_cast<const wchar_t*>(&Run), &job->module) == FALSE) {
     return LastErrorResult();
   }
-  // Suspended, so that the thread finds its own identifier in `id_`.
+  // Suspended, so that `id_` is set before the thread reads it.
   thread_.Reset(CreateThread(nullptr, 0, Run, job.get(), CREATE_SUSPENDED, &id_));
   if (!thread_) {
     const HRESULT hr = LastErrorResult();

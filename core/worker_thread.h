@@ -1,4 +1,4 @@
-// One worker thread of a task, the playback or the scrubber.
+// A worker thread, for tasks, playback and scrubbing.
 #pragma once
 
 #include <windows.h>
@@ -11,38 +11,37 @@
 
 namespace marlinda {
 
-// Waits until the object is signalled; false when it is not after `milliseconds`. Meanwhile this
-// thread serves the calls that come to the objects of its apartment: the signalling thread may
-// depend on one of them.
+// Waits until the object is signalled. Returns false after `milliseconds`. Meanwhile serves calls
+// to objects in this thread's apartment, because the signalling thread may depend on one.
 bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
 
-// Owns at most one thread. The body must keep alive what it touches (capture shared state, not the
-// COM object), because the last release of the object may happen on the worker itself.
+// Owns at most one thread. The body must keep alive what it uses: capture shared state, not the COM
+// object, because the last release of the object may happen on the worker itself.
 class WorkerThread {
  public:
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};
 
   WorkerThread() noexcept = default;
-  // Waits for the body to end, except on the worker itself, where waiting would never end.
+  // Waits for the body to end, except on the worker itself, which would wait forever.
   ~WorkerThread();
 
-  // Starts the body; the HRESULT of the system when no thread could be made. A thread that has
-  // ended is replaced. E_FAIL while one is running. An exception of the body ends the thread
-  // without a report.
+  // Starts the body. Returns the system's HRESULT if no thread could be created, and E_FAIL while
+  // one is running. An ended thread is replaced. An exception of the body ends the thread without a
+  // report.
   template <class Body>
   HRESULT Start(Body body) noexcept {
-    // Inside ComCall, because making the std::function can fail for lack of memory.
+    // Inside ComCall, because creating the std::function can run out of memory.
     return ComCall([&] { return StartJob(std::move(body)); });
   }
 
   // True from Start until the body has returned.
   bool IsRunning() const noexcept;
 
-  // Polls every `milliseconds` until the body has ended, or for about `at_most` milliseconds; false
-  // when it still runs then. Returns true at once on the worker itself.
+  // Polls every `milliseconds` until the body has ended, or for about `at_most` milliseconds.
+  // Returns false if the body still runs. Returns true at once on the worker itself.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
-  // Gives up the thread, for a body that waits in foreign code and may never return. The module
+  // Abandons the thread, for a body that waits in foreign code and may never return. The module
   // stays loaded until the body returns.
   void Detach() noexcept;
 

@@ -1,4 +1,4 @@
-// CAudioGrabber: records from a wave-in device and hands the recording out as float blocks.
+// CAudioGrabber: records from a wave-in device and serves the recording as float samples.
 #include <marlinda.h>
 #include <mmsystem.h>
 
@@ -44,7 +44,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     const std::lock_guard lock(mutex_);
     format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
     buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
-    // Half a frame at the end of a buffer would be lost, and every later sample shifted.
+    // Whole frames only: half a frame would be lost and every later sample shifted.
     if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
     return S_OK;
   }
@@ -59,7 +59,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     return ComCall([&]() -> HRESULT {
       SampleArrayView block;
       Check(block.Lock(psaAudioData));
-      // A wait touches nothing of this object, which may be released meanwhile.
+      // The object may be released during the wait, so the wait uses only the shared state.
       const std::shared_ptr<Samples> samples = samples_;
       std::shared_ptr<Job> job;
       {
@@ -103,10 +103,10 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   }
 
  private:
-  // The recorded samples that nobody has read yet. They outlive the device and, for a reader that
-  // waits, the object.
+  // Recorded samples that have not been read. They outlive the device and, during a wait, the
+  // object.
   struct Samples {
-    // False, and takes nothing, when there are fewer.
+    // Returns false and takes nothing if there are too few samples.
     bool Take(std::span<float> destination) {
       const std::lock_guard lock(mutex);
       if (queue.Count() < destination.size()) return false;
@@ -130,7 +130,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         : format(wanted),
           samples(std::move(target)),
           floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-          // A width that is no multiple of 8 takes more bytes to convert than its block align.
+          // At widths that are not multiples of 8 the conversion needs more bytes than the block
+          // align.
           buffers(kBufferCount,
                   Buffer(std::max<std::size_t>(
                       bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
@@ -155,7 +156,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       return true;
     }
 
-    // Waits for the device; false when it is closed.
+    // Waits for filled buffers and queues their samples. Returns false if the device is closed.
     bool WaitAndCollect() {
       WaitForSingleObject(event.get(), INFINITE);
       const std::lock_guard lock(mutex);
@@ -165,7 +166,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         return false;
       }
       for (; done > 0; --done) {
-        // The whole buffer is taken, whatever the device says that it recorded into it.
+        // Takes the whole buffer and ignores dwBytesRecorded.
         Buffer& buffer = buffers[next];
         if (IsFloat(format)) {
           std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
@@ -175,7 +176,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         try {
           samples->queue.Append(floats);
         } catch (...) {
-          // The buffers that are left are collected by the next read.
+          // The next read collects the remaining buffers.
           SetEvent(event.get());
           throw;
         }
@@ -186,7 +187,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       return true;
     }
 
-    // False when the driver refused.
+    // Returns false if the driver refuses.
     bool Close() noexcept {
       {
         const std::lock_guard lock(mutex);
@@ -208,7 +209,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
     }
 
-    // Runs on a thread of the device and only counts and signals.
+    // Runs on a device thread. It only counts and signals.
     static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
       if (message != WIM_DATA) return;
       auto* const self = reinterpret_cast<Job*>(job);
@@ -221,10 +222,10 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     // Signalled for each buffer, and when the device is closed.
     const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
     HWAVEIN device = nullptr;
-    // Buffers filled and not yet collected.
+    // Filled buffers that have not been collected.
     std::atomic<std::int32_t> done{0};
 
-    // Guards what follows.
+    // Guards the members below.
     std::mutex mutex;
     bool open = true;
     // One buffer as floats.
@@ -241,7 +242,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       const std::lock_guard lock(mutex_);
       job.swap(job_);
     }
-    // A driver that refuses may go on filling the buffers and signalling: they are left to it.
+    // A driver that refuses to close may still fill the buffers and signal, so the job is leaked.
     if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
   }
 
@@ -250,7 +251,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   // Held while the device is being opened or closed. Taken before `mutex_`.
   std::mutex opening_mutex_;
 
-  // Guards what follows. Never held during a device call.
+  // Guards the members below. Never held during a device call.
   std::mutex mutex_;
   // Null while closed.
   std::shared_ptr<Job> job_;

@@ -28,12 +28,14 @@
 namespace marlinda {
 namespace {
 
-// How long no buffer may return, beyond the length of the next one, until the device is probed.
+// The worker probes the device after this time, plus the length of the next buffer, without a
+// completed buffer.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
-// For a device call of another thread to end. On a device that works they take much less.
+// How long a position query waits for a device call of another thread. A working device takes much
+// less.
 constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
-// Runs on a thread of the device. It only signals: a wave-out call from here can deadlock.
+// Runs on a device thread. It only signals: a wave-out call from here can deadlock.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
   if (message == WOM_DONE) SetEvent(reinterpret_cast<HANDLE>(event));
 }
@@ -41,8 +43,8 @@ void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWOR
 // One block of samples on its way through the device.
 class CAudioOutBuffer {
  public:
-  // Throws E_INVALIDARG when a device buffer cannot hold the block. A last, incomplete frame is
-  // left out.
+  // Throws E_INVALIDARG if a device buffer cannot hold the block. Leaves out an incomplete last
+  // frame.
   CAudioOutBuffer(std::span<const float> samples, const WAVEFORMATEX& format)
       : peaks(format.nChannels) {
     const std::size_t frames = samples.size() / format.nChannels;
@@ -51,7 +53,7 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // A width that is no multiple of 8 takes more bytes to convert than its block align.
+    // At widths that are not multiples of 8 the conversion needs more bytes than the block align.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
@@ -61,7 +63,7 @@ class CAudioOutBuffer {
     }
     for (std::size_t i = 0; i < samples.size(); ++i) {
       float& peak = peaks[i % peaks.size()];
-      // NaN is passed over.
+      // Skips NaN.
       if (samples[i] > peak) peak = samples[i];
     }
     header_.lpData = reinterpret_cast<LPSTR>(data_.data());
@@ -72,8 +74,8 @@ class CAudioOutBuffer {
   CAudioOutBuffer(const CAudioOutBuffer&) = delete;
   CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
 
-  // False when the device refuses the buffer. An empty one is played without it: format conversions
-  // of the system refuse empty buffers, and two in a row stop the device of Wine.
+  // Returns false if the device refuses the buffer. An empty buffer does not go to the device: the
+  // system's format converters refuse empty buffers, and two in a row stop the device of Wine.
   bool Play(HWAVEOUT device) noexcept {
     if (size() == 0) return true;
     device_ = device;
@@ -87,7 +89,7 @@ class CAudioOutBuffer {
   }
 
   bool IsDone() const noexcept {
-    // The device sets the flag on a thread of its own.
+    // A device thread sets the flag.
     const volatile DWORD& flags = header_.dwFlags;
     const bool done = size() == 0 || (flags & WHDR_DONE) != 0;
     std::atomic_thread_fence(std::memory_order_acquire);
@@ -96,8 +98,9 @@ class CAudioOutBuffer {
 
   DWORD size() const noexcept { return header_.dwBufferLength; }
 
-  // The largest sample of each channel, at least 0: the signed value counts, not its magnitude.
-  // Hosts' meters are calibrated to it. Becomes the output level when the buffer has been played.
+  // The largest sample of each channel, at least 0. It is the signed value, not the magnitude,
+  // because hosts' meters are calibrated to it. Becomes the output level when the buffer has been
+  // played.
   std::vector<float> peaks;
 
  private:
@@ -111,16 +114,16 @@ using Buffers = std::list<CAudioOutBuffer>;
 }  // namespace
 
 // Each block written becomes one device buffer, queued at once. A writer waits while more than the
-// buffer length is queued, which paces it to real time. A producer may be in WriteAudio while
-// another thread asks for position and level or calls Break or CloseDevice.
+// buffer length is queued, which paces it to real time. While one thread is in WriteAudio, another
+// may query position and level or call Break or CloseDevice.
 //
-// Level, QueryIsReady and Break return at once, also while the device stands still. The position
-// waits up to 50 ms for a device call of another thread.
-// OpenDevice and CloseDevice wait for the device.
+// Level, QueryIsReady and Break return at once, even if the device is stalled. The position query
+// waits up to 50 ms for a device call of another thread. OpenDevice and CloseDevice wait for the
+// device.
 //
-// A device that stands still is waited for. A device is lost when it refuses a block or a reset,
-// or when no buffer returns for some seconds and it then refuses to be paused. The object is then
-// as after CloseDevice.
+// The worker waits for a stalled device. A device is lost if it refuses a block or a reset, or if
+// no buffer completes for some seconds and the device then refuses to pause. The object is then in
+// the state after CloseDevice.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
@@ -192,11 +195,12 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       if (!job->Open(device_id)) return E_FAIL;
       worker_.emplace();
       const HRESULT hr = worker_->Start([job] {
-        // A driver that refused may go on using the buffers and the event: they are left to it.
+        // A driver that refuses to close may still use the buffers and the event, so the job is
+        // leaked.
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
-        // As after Run.
+        // As after Run: the driver may still use the job.
         if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
         return E_FAIL;
       }
@@ -222,8 +226,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   }
 
  private:
-  // One opening of the device, shared by the object, its writers and the worker. A writer that
-  // waits touches nothing of the object, which may be released meanwhile.
+  // One opening of the device, shared by the object, its writers and the worker. The object may be
+  // released while a writer waits, so the wait uses only the job.
   struct Job {
     Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
         : format(wanted),
@@ -292,14 +296,14 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       Wake();
     }
 
-    // The device's count of frames, 0 after `Break`. While the device stands still in a call of
-    // another thread, the last count known.
+    // The device's frame count, 0 after `Break`. While a device call of another thread stalls, the
+    // last known count.
     std::uint32_t Position() noexcept {
       if (IsBroken()) return 0;
       const std::unique_lock device_lock(device_mutex, kMaxPositionWait);
       MMTIME time = {};
       time.wType = TIME_SAMPLES;
-      // The counter has 32 bits and is taken as it is, also when it wraps.
+      // The counter has 32 bits and may wrap.
       if (device_lock && device != nullptr &&
           waveOutGetPosition(device, &time, sizeof time) == MMSYSERR_NOERROR) {
         position = static_cast<std::uint32_t>(time.u.sample);
@@ -308,7 +312,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     }
 
     // The worker: frees played buffers, resets a broken device and probes a stalled one, until the
-    // device is to be closed or is lost. False when the driver refuses to close it.
+    // device is closed or lost. Returns false if the driver refuses to close it.
     bool Run() noexcept {
       for (bool alive = true; alive && IsOpen();) {
         const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
@@ -318,8 +322,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         if (reset_wanted.exchange(false)) {
           alive = Reset();
         } else if (stalled) {
-          // A lost device reports nothing: its buffers do not return and its position freezes. It
-          // refuses to be paused, though. A pause of a device that stands still loses no sample.
+          // A lost device reports nothing: its buffers never complete and its position freezes. But
+          // it refuses to pause. Pausing a stalled device loses no samples.
           alive = waveOutPause(device) == MMSYSERR_NOERROR &&
                   waveOutRestart(device) == MMSYSERR_NOERROR;
         }
@@ -330,7 +334,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
     bool Close() noexcept {
       const std::lock_guard device_lock(device_mutex);
-      // Each turn resets again, because the reset fails once the device is lost.
+      // Resets again on each turn, because the reset fails once the device is lost.
       while (Reset()) {
         Reap();
         if (IsPlayed()) break;
@@ -358,8 +362,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return pending.empty();
     }
 
-    // True also after `Break`, which plays nothing more. Publishes the levels of the last block
-    // that was played.
+    // Also true after `Break`, because nothing more is played. Publishes the levels of the last
+    // played block.
     bool IsReady() noexcept {
       const std::lock_guard lock(mutex);
       levels = played_levels;
@@ -385,7 +389,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return static_cast<DWORD>(std::min<std::uint64_t>(next + kProbeMilliSecs, INFINITE - 1));
     }
 
-    // Takes the played buffers off the queue. They are to be freed with `device_mutex` held.
+    // Removes the played buffers from the queue. Free them with `device_mutex` held.
     Buffers Reap() noexcept {
       Buffers played;
       const std::lock_guard lock(mutex);
@@ -401,25 +405,25 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
     const WAVEFORMATEX format;
     const std::uint32_t queue_limit_bytes;
-    // Signalled for each played buffer, and for the worker.
+    // Signalled for each played buffer and to wake the worker.
     const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 
     // Held by a writer from its wait to the end of its write.
     std::mutex write_mutex;
 
-    // Held during every device call: each may take as long as the driver or its sound service
-    // stands still. Taken before `mutex`.
+    // Held during every device call. A call takes as long as the driver or its sound service
+    // stalls. Taken before `mutex`.
     std::timed_mutex device_mutex;
     HWAVEOUT device = nullptr;
     std::atomic<std::uint32_t> position{0};
 
-    // Guards what follows. Never held during a device call.
+    // Guards the members below. Never held during a device call.
     std::mutex mutex;
     std::condition_variable changed;
     Buffers pending;
     std::uint32_t queued_bytes = 0;
     std::vector<float> played_levels;
-    // What GetOutputLevel returns: refreshed by a writer that had to wait and by QueryIsReady.
+    // The result of GetOutputLevel. Updated by QueryIsReady and by writers that had to wait.
     std::vector<float> levels;
     bool open = true;
     bool broken = false;
@@ -452,7 +456,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   std::mutex opening_mutex_;
   std::optional<WorkerThread> worker_;
 
-  // Guards what follows. Never held during a device call.
+  // Guards the members below. Never held during a device call.
   std::mutex mutex_;
   std::shared_ptr<Job> job_;
   // For the next opening.

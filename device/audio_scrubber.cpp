@@ -1,5 +1,5 @@
-// CAudioScrubber: makes scrubbing audible. A thread plays the block under the cursor over and over,
-// crossfaded with the one before, into a writer.
+// CAudioScrubber: makes scrubbing audible. A thread repeatedly writes the block at the scrub
+// position to a writer, crossfaded with the previous block.
 #include <marlinda.h>
 
 #include <algorithm>
@@ -21,18 +21,18 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// Longer than a playback of 100 ms blocks a writer, as long as its device goes on.
+// Longer than a playback with 100 ms of buffer blocks a writer while its device works.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// What the writer still waits in each pass, so that a late thread does not let it run out.
+// How long the writer still waits in each pass, so that a late thread causes no dropout.
 constexpr double kWriterMilliSecs = 10;
-// Many minutes. A longer block is a mistake, and its window takes long to compute.
+// Many minutes of audio. The window of a longer block would take long to compute.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
-// The caller sets the writer's format beforehand. The writer paces the thread by blocking in
-// WriteAudio; its results do not matter. It is held until the next Start or the last release. A
-// playback object whose WriteAudio still blocks a second after Stop is broken.
+// The caller sets the writer's format beforehand. WriteAudio paces the thread by blocking; its
+// results are ignored. The writer is held until the next Start or the last release. Stop calls
+// Break on a playback object whose WriteAudio still blocks after a second.
 //
 // Start while running fails with E_FAIL. Start fails with E_INVALIDARG for a negative block length,
 // blocks of more than 2^24 samples and negative channel counts. Stop without Start does nothing.
@@ -74,11 +74,11 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     const auto job = Current();
     if (!job) return S_OK;
     job->stop = true;
-    // Stop takes at least this long, also when the thread has ended by now.
+    // Stop takes at least this long, even if the thread has already ended.
     Sleep(kStopPollMilliSecs);
     if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
-      // The writer may have stopped this scrub in the meantime, and have been started for another
-      // use, which is not to be broken.
+      // The writer may have stopped this scrub meanwhile and now serve another use, which must not
+      // be broken.
       const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
       if (playback) playback->Break();
       thread_.PollUntilEnded(kStopPollMilliSecs);
@@ -109,7 +109,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
           block(given_frames * channels),
           pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
 
-    // About as long as one pass sounds, but short enough for Stop.
+    // About the length of one pass, but short enough for Stop.
     static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
       if (rate <= 0) return kStopPollMilliSecs;
       const std::uint64_t pass =
@@ -123,11 +123,11 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     }
 
     void Run() {
-      // On this thread, because its window takes longer than the start of the thread.
+      // Computed on this thread, because the window takes longer than starting the thread.
       OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
       while (!stop) {
         if (delay > 0) Sleep(delay);
-        // Undoes what a writer did that resized the array against the rules.
+        // Restores the size, in case the writer resized the array against the rules.
         output.Resize(OutputSamples());
         {
           const std::lock_guard lock(block_mutex);
@@ -136,14 +136,14 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
         const auto begun = std::chrono::steady_clock::now();
         const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
         AdjustDelay(std::chrono::steady_clock::now() - begun);
-        // A writer that refuses the block, or gets an empty one, does not wait. Without a pause the
-        // thread would spin.
+        // A writer that fails or gets an empty block does not wait. Without a pause the thread
+        // would spin.
         if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
       }
     }
 
     // A finished pass that waits for room in the writer is out of date when it is heard. So the
-    // thread waits before it takes the block, until the writer hardly waits.
+    // thread waits before it reads the block, just long enough that the writer hardly waits.
     void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
       const double longest = pause_milliseconds - kWriterMilliSecs;
       const double next =
@@ -160,7 +160,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     const DWORD pause_milliseconds;
     DWORD delay = 0;  // of the thread, before each pass
     std::atomic<bool> stop{false};
-    // Until the writer has closed its device.
+    // True until the writer has closed its device.
     std::atomic<bool> running{true};
   };
 
@@ -170,7 +170,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
   }
 
   std::mutex mutex_;
-  // Null before the first Start. Kept after Stop, because it holds the writer.
+  // Null before the first Start. Remains after Stop, because it holds the writer.
   std::shared_ptr<Job> job_;
   WorkerThread thread_;
 };

@@ -1,5 +1,5 @@
-// The scrubber's sound: blocks under a square-root Hann window, added at 50 % overlap, so that a
-// block which is held loops without clicks and a moving one glides.
+// The scrubber's sound: blocks under a square-root Hann window, added at 50 % overlap. A repeated
+// block loops without clicks, and a moving one glides.
 #pragma once
 
 #include <cassert>
@@ -10,10 +10,10 @@
 
 namespace marlinda {
 
-// The square-root Hann window of `frames` values: 0 at the start, 1 in the middle; the squares of
+// The square-root Hann window of `frames` values: 0 at the start, 1 in the middle. The squares of
 // two values half a window apart add up to 1, so the sum has constant power.
 inline std::vector<float> ScrubWindow(std::size_t frames) {
-  // The angle is taken in single precision, which fixes the window's last bits.
+  // Single precision, which fixes the last bits of the window.
   constexpr float kPi = 3.1415927F;
   std::vector<float> window(frames);
   for (std::size_t i = 0; i < frames; ++i) {
@@ -33,11 +33,11 @@ class OverlapAdd {
     assert(block_frames % 2 == 0);
   }
 
-  // Samples that one pass gives: half a block.
+  // The samples of one pass: half a block.
   std::size_t OutputSamples() const noexcept { return overlap_.size(); }
 
-  // Plays the first half of `block` faded in over the second half of the previous pass's block
-  // faded out. `block` holds a whole block, `output` OutputSamples() samples. Real-time safe.
+  // Fades the first half of `block` in over the second half of the previous block, which fades out.
+  // `block` holds a whole block, `output` OutputSamples() samples. Real-time safe.
   void Pass(std::span<const float> block, std::span<float> output) noexcept {
     const std::size_t half = window_.size() / 2;
     assert(block.size() >= 2 * overlap_.size() && output.size() == overlap_.size());

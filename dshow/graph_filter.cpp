@@ -17,7 +17,7 @@ HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
 using MediaTypes = Enumerator<IEnumMediaTypes, AudioType, AM_MEDIA_TYPE*, GiveType>;
 
-// No filter here has two pins of one direction.
+// No filter here has two pins of the same direction.
 const wchar_t* NameOf(PIN_DIRECTION direction) {
   return direction == PINDIR_INPUT ? L"Input" : L"Output";
 }
@@ -79,7 +79,7 @@ AM_MEDIA_TYPE AudioType::View() const noexcept {
   if (tag == WAVE_FORMAT_EXTENSIBLE && format_.size() >= sizeof(WAVEFORMATEXTENSIBLE)) {
     type.subtype = reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(format())->SubFormat;
   } else {
-    // The subtype of a format tag differs in its first field alone.
+    // The subtypes of format tags differ only in their first field.
     type.subtype = MEDIASUBTYPE_PCM;
     type.subtype.Data1 = tag;
   }
@@ -403,7 +403,7 @@ FilterGraph::FilterGraph() {
 }
 
 HRESULT FilterGraph::Run() {
-  // Set here, because the graph gives its clock to the filters that it has at the time.
+  // Not in the constructor: the graph hands its clock only to the filters that it contains now.
   const auto filter = TryQuery<IMediaFilter>(builder_.Get());
   const HRESULT hr = filter != nullptr ? filter->SetSyncSource(nullptr) : E_NOINTERFACE;
   return FAILED(hr) ? hr : control_->Run();

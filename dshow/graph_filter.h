@@ -1,5 +1,5 @@
 // DirectShow graphs and the engine's own filters in them. GraphFilter implements the interfaces of
-// filters and pins; a user only names the formats it accepts and handles the data.
+// filters and pins; its user only lists the accepted formats and handles the data.
 #pragma once
 
 #include <dshow.h>
@@ -20,7 +20,7 @@ namespace marlinda {
 
 class GraphFilter;
 
-// The wave format in a media type; null when its format block is too short for one.
+// The wave format in a media type. Null if its format block is too short for one.
 const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
 
 // Frees the format block and the reference of a media type, not the structure itself.
@@ -32,14 +32,12 @@ struct FreeMediaType {
 // Owns a media type that came from a filter.
 using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
-// A media type of sound in the wave format; `format` points at one that may be longer than its
-// structure.
+// An audio media type with a wave format. `format` may point to a format longer than its structure.
 class AudioType {
  public:
   AudioType() noexcept = default;
   explicit AudioType(const WAVEFORMATEX& format);
-  // A copy; empty for a type that is no sound in a wave format. A format without its cbSize field
-  // gets one.
+  // Copies the type; empty if it is not audio in a wave format. Adds a missing cbSize field.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
@@ -56,10 +54,12 @@ class AudioType {
   std::vector<BYTE> format_;
 };
 
-// Gives a copy of the type, structure and all, for the caller to free. Otherwise `out` stays.
+// Returns a copy of the type, structure included, which the caller frees. A failure leaves `out`
+// unchanged.
 HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
 
-// The base of both kinds of pins. A pin lives in its filter and counts its references there.
+// The base of input and output pins. A pin is a member of its filter and shares its reference
+// count.
 class GraphPin : public IPin {
  public:
   bool IsConnected() const noexcept { return peer_ != nullptr; }
@@ -94,9 +94,9 @@ class GraphPin : public IPin {
 
   virtual bool Accepts(const AudioType& type) const = 0;
   virtual std::vector<AudioType> Types() const { return {}; }
-  // The interface that only this kind of pin has; null for any other.
+  // The additional interface of a kind of pin; null for any other.
   virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
-  // Gets or frees the buffers of a filter that starts or stops.
+  // Allocates or frees the buffers when the filter starts or stops.
   virtual HRESULT Commit(bool) { return S_OK; }
 
   GraphFilter& filter_;
@@ -107,8 +107,8 @@ class GraphPin : public IPin {
   friend class GraphFilter;
 };
 
-// Calls `receive` with the bytes of each sample and `end` after the last, on the thread that
-// delivers. Any result of `receive` other than S_OK stops the deliverer.
+// Calls `receive` with the bytes of each sample and `end` after the last, on the delivering thread.
+// Any result of `receive` other than S_OK stops the delivery.
 class InputPin : public GraphPin, protected IMemInputPin {
  public:
   struct Purpose {
@@ -143,7 +143,7 @@ class InputPin : public GraphPin, protected IMemInputPin {
   const Purpose purpose_;
 };
 
-// Delivers bytes of one of its types to the pin it is connected to.
+// Delivers bytes of one of its types to the connected pin.
 class OutputPin : public GraphPin {
  public:
   OutputPin(GraphFilter& filter, std::vector<AudioType> types, long buffer_bytes)
@@ -174,7 +174,7 @@ class OutputPin : public GraphPin {
   ComPtr<IMemAllocator> allocator_;
 };
 
-// A filter with the pins that are added to it before it is used.
+// A filter. Add its pins before use.
 class GraphFilter : public IBaseFilter {
  public:
   static ComPtr<GraphFilter> Make() { return new GraphFilter; }
@@ -193,7 +193,7 @@ class GraphFilter : public IBaseFilter {
   STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
   STDMETHODIMP_(ULONG) Release() override;
 
-  // Made by the engine alone, never by class identifier.
+  // The engine alone creates it, never a class identifier.
   STDMETHODIMP GetClassID(CLSID* class_id) override { return SetOut(class_id, GUID_NULL); }
   STDMETHODIMP Stop() override;
   STDMETHODIMP Pause() override;
@@ -221,7 +221,7 @@ class GraphFilter : public IBaseFilter {
   std::vector<std::unique_ptr<GraphPin, DeletePin>> pins_;
 
   std::mutex mutex_;
-  // All below is guarded by the mutex.
+  // The mutex guards the members below.
   ComPtr<IReferenceClock> clock_;
   IFilterGraph* graph_ = nullptr;  // the graph owns its filters: no reference
   std::wstring name_;
@@ -229,11 +229,11 @@ class GraphFilter : public IBaseFilter {
   friend class GraphPin;
 };
 
-// A graph without a clock, so that its filters work as fast as they can.
-// Belongs to one thread, which is in an apartment.
+// A graph without a clock, so that its filters run as fast as they can. Belongs to one thread,
+// which has entered an apartment.
 class FilterGraph {
  public:
-  // Throws HResultError where the system has no filter graph.
+  // Throws HResultError if the system has no filter graph.
   FilterGraph();
   FilterGraph(const FilterGraph&) = delete;
   FilterGraph& operator=(const FilterGraph&) = delete;

@@ -13,7 +13,7 @@
 
 namespace marlinda {
 
-// The part of a marker that lies within `range`; nothing when that part is empty.
+// Returns the part of a marker within `range`, or nothing if it is empty.
 inline std::optional<CSection> ClipMarker(const CSection& marker, const CSection& range) noexcept {
   const CSection clipped(std::max(marker.begin, range.begin), std::min(marker.end, range.end));
   if (clipped.begin >= clipped.end) return std::nullopt;
@@ -53,8 +53,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
   return part;
 }
 
-// Keeps the parts of the records in the head, then those in the tail. In place as long as the parts
-// in the tail come last anyway; otherwise these are collected first.
+// Keeps the parts of the records in the head, then those in the tail. Works in place while parts in
+// the tail follow all parts in the head; otherwise collects the tail first.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
@@ -72,7 +72,7 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
     behind.reserve(in_tail);
     for (const Record& record : records) {
       if (!Reaches(record, tail)) continue;
-      // The name is copied where the record becomes two, and moved below otherwise.
+      // Copies the name if the record becomes two, otherwise moves it below.
       behind.push_back(Reaches(record, head) ? record : Record());
     }
     records.reserve(in_head + in_tail);
@@ -101,15 +101,15 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
   std::ranges::move(behind, std::back_inserter(records));
 }
 
-// Both lists keep the order in which records were added. Positions and ranges are never checked.
-// Nothing has changed when a method throws.
+// Both lists keep the order in which records were added. Positions and ranges are not checked. A
+// method that throws changes nothing.
 struct Annotations {
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;
 
-  // Makes room for `length` frames inserted at `position`. Labels and markers from there on move;
-  // a marker around it is cut in two, also by an insertion of nothing. The second halves go to the
-  // end of the list, not next to their first halves.
+  // Makes room for `length` frames inserted at `position`. Labels and markers from there on move. A
+  // marker around the position is split in two, even if `length` is 0. The second halves go to the
+  // end of the list.
   void MoveForInsertion(std::int64_t position, std::int64_t length) {
     std::vector<SectionMarker> second_halves;
     for (const SectionMarker& marker : markers) {
@@ -133,14 +133,13 @@ struct Annotations {
     std::ranges::move(second_halves, std::back_inserter(markers));
   }
 
-  // The labels in `range` and the markers clipped to it, all moved by `offset`.
+  // Returns the labels in `range` and the markers clipped to it, moved by `offset`.
   Annotations Part(const CSection& range, std::int64_t offset) const {
     return {PartOf(labels, range, offset), PartOf(markers, range, offset)};
   }
 
-  // Keeps the parts before `range`, then those behind it, which follow the frames that move up. A
-  // marker around the range becomes two, and a backward range doubles the records inside it.
-  // `document` is the document's length.
+  // Keeps the parts before `range` and moves up those after it. A marker around the range becomes
+  // two, and a backward range doubles the records inside it. `document` is the document's length.
   void Delete(const CSection& range, std::int64_t document) {
     const CSection head(0, range.begin);
     const CSection tail(range.end, document);

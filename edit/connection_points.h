@@ -1,4 +1,4 @@
-// The connection points through which the document talks to its listeners.
+// The connection points through which the document calls its listeners.
 #pragma once
 
 #include <marlinda.h>
@@ -16,7 +16,7 @@
 
 namespace marlinda {
 
-// An entry of EnumConnections; its copies are kept alive by reference.
+// An entry of EnumConnections. Copies share it by reference.
 struct Connection {
   ComPtr<IUnknown> sink;
   DWORD cookie = 0;
@@ -36,12 +36,12 @@ using Connections = Enumerator<IEnumConnections, Connection, CONNECTDATA, GiveCo
 using Points =
     Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
-// One outgoing interface. The point is a part of its container: it has an identity of its own, but
-// its references are the container's. Sinks keep the order of their slots; a slot that was given
-// up is taken by the next sink to connect.
+// The connection point of one outgoing interface. It has its own identity but shares its
+// container's reference count. Sinks keep the order of their slots; a new sink takes the first free
+// slot.
 class ConnectionPoint final : public IConnectionPoint {
  public:
-  // Makes the arguments of one event call, last argument first, as dispatch calls carry them.
+  // Makes the arguments of one event call, last argument first, as in DISPPARAMS.
   using Arguments = std::function<std::vector<VARIANTARG>()>;
 
   ConnectionPoint(IConnectionPointContainer& container, REFIID iid) noexcept
@@ -51,10 +51,10 @@ class ConnectionPoint final : public IConnectionPoint {
 
   REFIID iid() const noexcept { return iid_; }
 
-  // Calls the sinks connected now, one after the other, for an event of a dispatch interface. The
-  // error of a failing sink becomes the thread's error information and does not stop the firing.
-  // S_OK, or what the last failing sink returned. A sink may do anything meanwhile: connect,
-  // disconnect (who is disconnected is not called any more), release the container.
+  // Calls each connected sink for an event of a dispatch interface. Returns S_OK or the result of
+  // the last failing sink. A failing sink's error becomes the thread's error information, and the
+  // next sink is called. During its call a sink may connect, disconnect or release the container. A
+  // disconnected sink is no longer called.
   HRESULT Fire(DISPID event, const Arguments& arguments) {
     const ComPtr<IUnknown> keep_alive(&container_);
     const auto connected = sinks_;
@@ -105,7 +105,7 @@ class ConnectionPoint final : public IConnectionPoint {
   }
   STDMETHODIMP Unadvise(DWORD cookie) override {
     if (cookie == 0 || cookie > sinks_.size() || !sinks_[cookie - 1]) return CONNECT_E_NOCONNECTION;
-    // The sink may come back to us while it is released: the slot is empty by then.
+    // The sink may call back while it is released, so its slot is emptied first.
     const ComPtr<IUnknown> released = std::exchange(sinks_[cookie - 1], nullptr);
     return S_OK;
   }
@@ -122,7 +122,7 @@ class ConnectionPoint final : public IConnectionPoint {
   }
 
  private:
-  // Makes a failing sink's error information that of this thread.
+  // Makes a failing sink's error information the thread's.
   static void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
     if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
     ComPtr<ICreateErrorInfo> error;
@@ -158,7 +158,7 @@ class ConnectionPoint final : public IConnectionPoint {
     SysFreeString(exception.bstrHelpFile);
     return hr;
   }
-  // A listener to an event interface that answers only IDispatch understands its calls as well.
+  // A sink of an event interface that offers only IDispatch also receives its calls.
   ComPtr<IUnknown> AcceptedFace(IUnknown* sink) const {
     ComPtr<IUnknown> face;
     const auto receive = [&](REFIID iid) {
@@ -172,7 +172,7 @@ class ConnectionPoint final : public IConnectionPoint {
 
   IConnectionPointContainer& container_;
   const IID iid_;
-  // A cookie is a slot's number plus one.
+  // A sink's cookie is its slot number plus one.
   std::vector<ComPtr<IUnknown>> sinks_;
 };
 

@@ -1,5 +1,5 @@
-// DocumentContent: what a document holds and how it is read, apart from the object that the host
-// knows: the playback thread reads it too, and may have to outlive that object by a moment.
+// DocumentContent: what a document holds and how it is read. Separate from the host's object,
+// because the playback thread reads it too and may briefly outlive that object.
 #pragma once
 
 #include <marlinda.h>
@@ -23,10 +23,10 @@ namespace marlinda {
 
 enum class ContentCall { kRead, kOpen, kClose };
 
-// Reads of a document that contains itself, nested in each other. Few enough for a thread's stack.
+// Nested reads of a document that contains itself. Few enough for a thread's stack.
 inline constexpr int kMaxReadDepth = 64;
 
-// A fresh document has the rate 1; its zero channels alone mean that no format is set.
+// A new document has the rate 1. Zero channels mean that no format is set.
 struct DocumentFormat {
   bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
 
@@ -35,8 +35,8 @@ struct DocumentFormat {
   SHORT bits_per_sample = 16;
 };
 
-// A reader-writer lock of the system, for std::shared_lock and std::unique_lock: the standard's own
-// is much slower under mingw. Not recursive.
+// A slim reader-writer lock for std::shared_lock and std::unique_lock; std::shared_mutex is much
+// slower under mingw. Not recursive.
 class SrwLock {
  public:
   SrwLock() noexcept = default;
@@ -52,21 +52,20 @@ class SrwLock {
   SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
-// The lock guards every other member but the scratch array. No method of a source, a sink or
-// another document is called under it, not even AddRef or Release: any of them may come back to the
-// document.
+// The lock guards every member but the scratch array. It is never held over a call to a source, a
+// sink or another document, AddRef and Release included: each may call back into the document.
 struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
-  // A part of the list whose source is borrowed: valid while a Pin exists.
+  // A part of the list. Its source is borrowed and valid while a Pin exists.
   struct Piece {
     IAudioReader* source;
     __int64 begin;
     __int64 end;
   };
 
-  // While a pin exists, sources that an edit removes from the list keep their references. The last
-  // pin releases them, without the lock.
+  // While a pin exists, removed sources keep their references. The last pin releases them, without
+  // the lock.
   class Pin {
    public:
     explicit Pin(DocumentContent& content) noexcept : content_(content) {
@@ -86,7 +85,7 @@ struct DocumentContent {
     DocumentContent& content_;
   };
 
-  // What the document answers to the methods of the same names.
+  // These implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
     // Each piece is read into an array of exactly its own size, and delivers nothing to the caller
     // when it fails. The pieces are written one after another from the start of the array, also
@@ -106,7 +105,7 @@ struct DocumentContent {
         std::ranges::fill(view.samples(), 0.0F);
         return S_FALSE;
       }
-      // With a negative channel count the frames are negative too, and no piece fits between.
+      // With a negative channel count the frame count is negative too, so no piece is read.
       const __int64 frames = static_cast<__int64>(view.samples().size()) / channels;
       const CSection request(position, SaturatingAdd(position, frames));
       const std::vector<Piece> pieces = Cut(request);
@@ -134,7 +133,7 @@ struct DocumentContent {
       return S_OK;
     });
   }
-  // The sources that were opened before the failing one stay open.
+  // If a source fails, the sources opened before it stay open.
   HRESULT OpenDevice() {
     return ComCall([&]() -> HRESULT {
       const NestedCall call(this, ContentCall::kOpen);
@@ -171,7 +170,8 @@ struct DocumentContent {
     format.channels = adopted.channels;
   }
 
-  // The parts of the list in a range, or all segments whole. Call with the lock and a pin held.
+  // Returns the parts of the list in a range, or all segments whole. Call with the lock and a pin
+  // held.
   std::vector<Piece> Cut(const std::optional<CSection>& range) const {
     std::vector<Piece> pieces;
     const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
@@ -198,8 +198,8 @@ struct DocumentContent {
     segments.Insert(position, added, divided);
     annotations.MoveForInsertion(position, length);
   }
-  // Joins the frames before and behind a range. A range that runs backward repeats the frames in
-  // it, a marker around the range becomes two, and empty and backward segments disappear.
+  // Joins the frames before and after a range. A backward range repeats its frames, a marker around
+  // the range becomes two, and empty and backward segments disappear.
   void Delete(const CSection& range) {
     if (CutOut(range)) return;
     const Pin pin(*this);
@@ -221,7 +221,8 @@ struct DocumentContent {
       AdoptFormat(piece.source);
       behind.emplace_back(piece.source, piece.begin, piece.end);
     }
-    // Without the backward segments between them, the pieces may reach past the begin of the range.
+    // Without the backward segments between them, the pieces may extend past the start of the
+    // range.
     const Segment* const found = kept.DividedBy({range.begin, range.begin});
     ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
     kept.Insert(range.begin, behind, divided);
@@ -246,8 +247,8 @@ struct DocumentContent {
   ScratchCache scratch;
 
  private:
-  // Deletes the range in place where all segments have frames and the range runs forward; otherwise
-  // does nothing and returns false.
+  // Deletes the range in place if all segments have frames and the range runs forward. Otherwise
+  // changes nothing and returns false.
   bool CutOut(const CSection& range) {
     if (range.begin < 0 || range.end < range.begin) return false;
     const Pin pin(*this);

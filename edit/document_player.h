@@ -1,4 +1,4 @@
-// DocumentPlayer: plays a document on a thread of its own, and scrubs in it.
+// DocumentPlayer: plays a document on its own thread, and scrubs in it.
 #pragma once
 
 #include <marlinda.h>
@@ -25,10 +25,10 @@ inline constexpr LONG kScrubBufferMilliSecs = 100;
 inline constexpr LONG kScrubBlocksPerSecond = 10;
 inline constexpr DWORD kPollMilliSecs = 10;
 
-// The playback object and the scrubber are created with the document. Where that fails,
-// editing works nevertheless; a method that needs them tries once more and throws the error.
+// The playback object and the scrubber are created with the document. If that fails, editing still
+// works; methods that need them try again and throw the error.
 //
-// Playing and scrubbing share the playback object, so that starting one ends the other.
+// Playing and scrubbing share the playback object, so starting one ends the other.
 class DocumentPlayer {
  public:
   explicit DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept
@@ -42,16 +42,16 @@ class DocumentPlayer {
     StopScrub();
   }
 
-  // By its index from 0, -1 for the default; used by the next start.
+  // A device index from 0, or -1 for the default. Takes effect at the next start.
   void SetDevice(LONG index) noexcept { device_ = index; }
 
-  // Changes nothing while playback runs; ends scrubbing. A failure on the thread ends the playback
-  // and is not reported.
+  // Changes nothing during playback; ends scrubbing. A failure on the thread ends the playback and
+  // is not reported.
   void Play(const CSection& section, ULONG channel_mask, bool looped) {
     const DocumentFormat format = content_->CurrentFormat();
     const bool starts = !IsPlaying() && section.begin < section.end;
     if (starts && scrubbing_) StopScrub();
-    // Also while it plays: the device that is open keeps the format that it was opened with.
+    // Also during playback: the open device keeps its format.
     SetUpPlayback(format, kPlayBufferMilliSecs);
     const ComPtr<IAudioWriter> writer = PlaybackWriter();
     if (!starts) return;
@@ -60,28 +60,28 @@ class DocumentPlayer {
     thread_.emplace();
     thread_->Start([job = job_]() mutable {
       const Apartment apartment(COINIT_APARTMENTTHREADED);
-      // The last holder of the sources releases them inside the apartment.
+      // The last owner of the sources releases them inside the apartment.
       std::exchange(job, nullptr)->Run();
     });
   }
   void StopPlay() noexcept {
-    // Also a thread that has ended and was not asked for yet.
+    // Also set for a thread that has ended but has not been discarded.
     if (!thread_) return;
-    // Wakes the thread where it waits for room in the device.
+    // Wakes a thread that waits for room in the device.
     playback_->Break();
     job_->stop = true;
     thread_->PollUntilEnded(kPollMilliSecs);
     IsPlaying();
   }
 
-  // The frame being heard; nothing when nothing plays.
+  // The frame being heard; nothing if playback does not run.
   std::optional<__int64> Position() noexcept {
     if (!IsPlaying()) return std::nullopt;
     __int64 played = 0;
     playback_->GetPlaybackPos(&played);
     return PositionInSection(job_->section, played);
   }
-  // The channel mask of what plays; nothing unless it is looped.
+  // The channel mask of a looped playback; otherwise nothing.
   std::optional<ULONG> LoopedChannelMask() noexcept {
     if (!IsPlaying() || !job_->looped) return std::nullopt;
     return job_->channel_mask;
@@ -90,11 +90,11 @@ class DocumentPlayer {
     return Playback()->GetOutputLevel(channel, level);
   }
 
-  // Changes nothing while scrubbing runs; stops playing. Failures of the sources and the scrubber
-  // are ignored: without a format or a device scrubbing is silent.
+  // Changes nothing while scrubbing; ends playback. Failures of the sources and the scrubber are
+  // ignored: without a format or a device scrubbing is silent.
   void StartScrub() {
     if (scrubbing_) return;
-    // The playback object has one device, which the playback would share with the scrubber.
+    // The playback object has one device, which playback and scrubber cannot share.
     StopPlay();
     if (!scrubber_) Check(CreateInstance(CLSID_CAudioScrubber, scrubber_));
     const DocumentFormat format = content_->CurrentFormat();
@@ -104,7 +104,7 @@ class DocumentPlayer {
     if (!std::exchange(open_for_scrub_, true)) content_->OpenDevice();
     scrubbing_ =
         SUCCEEDED(scrubber_->Start(writer.Get(), frames, format.samples_per_sec, format.channels));
-    // A block that the scrubber refuses may be of any size and is not read.
+    // A block that the scrubber refuses may have any size and is not read.
     scrub_frames_ = scrubbing_ ? frames : 0;
   }
   void SetScrubPosition(__int64 position) {
@@ -122,10 +122,9 @@ class DocumentPlayer {
 
  private:
   // One playback, shared by the document and the thread. The thread does not hold the document: a
-  // looped playback must not keep it alive, and its last release may come from a source that the
-  // thread reads.
+  // looped playback must not keep it alive, and a source that the thread reads may release it last.
   struct Job {
-    // When the sources cannot be opened, the writer stays open and held until the next playback or
+    // If the sources cannot be opened, the writer stays open and held until the next playback or
     // the end of the document.
     void Run() noexcept {
       const DocumentFormat format = content->CurrentFormat();
@@ -174,7 +173,7 @@ class DocumentPlayer {
   }
   void SetUpPlayback(const DocumentFormat& format, LONG buffer_milliseconds) {
     IAudioPlayback* const playback = Playback();
-    // Returns E_NOTIMPL and stores the format.
+    // Stores the format and returns E_NOTIMPL; ignore the result.
     playback->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
     playback->SetDevice(static_cast<ULONG>(device_));
     playback->SetBufferLength(buffer_milliseconds);
@@ -185,7 +184,7 @@ class DocumentPlayer {
                                      reinterpret_cast<void**>(writer.GetAddressOf())));
     return writer;
   }
-  // Forgets a thread that has ended.
+  // Discards a thread that has ended.
   bool IsPlaying() noexcept {
     if (thread_ && !thread_->IsRunning()) thread_.reset();
     return thread_.has_value();
@@ -197,7 +196,7 @@ class DocumentPlayer {
   LONG device_ = -1;
   LONG scrub_frames_ = 0;
   bool scrubbing_ = false;
-  // StartScrub has opened the sources, and StopScrub has not closed them.
+  // True from the time StartScrub has opened the sources until StopScrub has closed them.
   bool open_for_scrub_ = false;
 
   std::shared_ptr<Job> job_;

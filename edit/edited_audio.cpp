@@ -1,5 +1,5 @@
-// CEditedAudio: the editable document, a list of segments of other readers with labels and section
-// markers. It is a reader itself.
+// CEditedAudio: the editable document. It is a list of segments of other readers with labels and
+// section markers, and a reader itself.
 #include <marlinda.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ namespace {
 
 enum class PlayerCall { kPlay };
 
-// Ends the recursion of a sink that starts playback whenever playback is started.
+// Ends the recursion of a sink that starts playback on the playback event.
 constexpr int kMaxPlayDepth = 16;
 
 // Events of _IEAUpdateEvents and _IEAUndoEvents.
@@ -67,9 +67,8 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
 }
 
 // Appends the source's labels and markers to the destination's through their interfaces, in order,
-// moved by `offset`. With a range, only labels inside it and the parts of markers that lie inside
-// it. E_FAIL when one of the objects has no labels or no markers; what was copied before that
-// stays.
+// moved by `offset`. With a range, only labels inside it and the parts of markers inside it. Fails
+// with E_FAIL if one of the objects has no labels or no markers; earlier copies stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -88,8 +87,8 @@ HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
 
 class CEditedAudio;
 
-// How a document recognises another one of this module, to copy many segments without a call for
-// each. Private: no type library names it.
+// Identifies another document of this module, to copy many segments without a call for each.
+// Private; not in a type library.
 struct DECLSPEC_UUID("6f0c9e42-7d35-4b1a-9a5e-2c81d4f7b360") IDocumentObject : public IUnknown {
   // The object itself, without a reference.
   virtual CEditedAudio* STDMETHODCALLTYPE Implementation() = 0;
@@ -107,8 +106,8 @@ namespace marlinda {
 // Editing rearranges, splits and clones segments; samples stay in their sources. No method checks
 // its ranges, and no edit fires an event.
 //
-// The host must not edit while another thread reads, the playback thread included, or that read may
-// miss a part of the edit. The content's lock only keeps such a mistake from corrupting memory.
+// The host must not edit while another thread reads, the playback thread included: the read may
+// miss a part of the edit. The content's lock only protects memory.
 class CEditedAudio final
     : public AnnotationSupport<
           CEditedAudio,
@@ -149,9 +148,9 @@ class CEditedAudio final
   }
 
   // IEditedAudio
-  // The array holds floats although the type library declares shorts. Columns that no piece is
-  // drawn into keep what the host put there. Pieces are laid side by side from the first column,
-  // also when the range begins before the document.
+  // The array holds floats although the type library declares shorts. Columns without a piece keep
+  // their values. Pieces are drawn side by side from the first column, even if the range begins
+  // before the document.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -190,7 +189,7 @@ class CEditedAudio final
     if (peaInsert == nullptr) return E_POINTER;
     return ComCall([&] {
       if (IsSameObject(peaInsert, Identity())) {
-        // Inserts the document as it was before.
+        // Inserted into itself: inserts a copy of its content.
         ComPtr<IEditedAudio> before;
         Check(CreateInstance(CLSID_CEditedAudio, before));
         CopyAll(before.Get());
@@ -224,7 +223,7 @@ class CEditedAudio final
       content_->segments.Append(std::move(segment));
     });
   }
-  // The source comes without a reference: it is valid as long as the segment exists, and the caller
+  // The source has no reference added: it is valid as long as the segment exists, and the caller
   // must not release it. Past the end only bValid is written.
   STDMETHODIMP GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
                                LONG* bValid) override {
@@ -264,7 +263,7 @@ class CEditedAudio final
     });
   }
   // Empties the document instead of restoring it: copying the snapshot onto itself empties the
-  // snapshot. The host restores the content from the copy that it took when the change began.
+  // snapshot. The host restores the content from its own copy from the beginning of the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;
@@ -279,8 +278,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Fires the event and returns S_OK also when playback was running already, the section is empty
-  // or nothing could be started.
+  // Fires the event and returns S_OK even if playback already runs, the section is empty or nothing
+  // could be started.
   STDMETHODIMP Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
                     VARIANT_BOOL bLooped) override {
     return ComCall([&] {
@@ -375,7 +374,7 @@ class CEditedAudio final
     if (segment == nullptr) return S_OK;
     return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
   }
-  // The segments of another document, through its iteration.
+  // Returns the segments of another document through its iteration.
   std::vector<CEditedAudio::Segment> TakeSegments(IEditedAudio* document) {
     std::vector<Segment> segments;
     for (bool first = true;; first = false) {
@@ -390,8 +389,8 @@ class CEditedAudio final
       content_->AdoptFormat(lent);
     }
   }
-  // Replaces the destination's content by the range, or by all. The destination is emptied first,
-  // also when it is this document: then nothing is left to copy.
+  // Replaces the destination's content by the range, or by everything. Empties the destination
+  // first, even if it is this document: then there is nothing to copy.
   HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
     if (destination == nullptr) return E_POINTER;
     destination->Clear();
@@ -399,7 +398,7 @@ class CEditedAudio final
     destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
 
     const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
-    // Without a format the destination asks each source for one.
+    // Without a format, the destination takes one from the first source, so it is not set directly.
     CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
     const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);
@@ -421,8 +420,8 @@ class CEditedAudio final
     direct->content_->Replace(std::move(segments), std::move(annotations));
     return S_OK;
   }
-  // The object behind another document, where this one may work on it without its interface: both
-  // are of this class, and no outer object answers for one of them.
+  // The object behind another document, if this one may access it directly: both are of this class,
+  // and neither is aggregated.
   CEditedAudio* Direct(IEditedAudio* document) {
     const auto object = TryQuery<IDocumentObject>(document);
     CEditedAudio* const found = object ? object->Implementation() : nullptr;
@@ -433,7 +432,7 @@ class CEditedAudio final
 
   const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
 
-  // A change is open as long as this holds; the snapshot is the content at its beginning.
+  // True while a change is open; the snapshot is the content at its beginning.
   bool change_open_ = false;
   ComPtr<IEditedAudio> snapshot_;
 

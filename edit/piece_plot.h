@@ -1,4 +1,4 @@
-// Draws one piece of a document into the waveform overview, from its source's samples or peaks.
+// Draws one piece of a document into the waveform overview from its source's samples or peaks.
 #pragma once
 
 #include <marlinda.h>
@@ -18,22 +18,22 @@
 
 namespace marlinda {
 
-// Precomputed peaks replace samples from this many frames a column on.
+// From this many frames per column on, precomputed peaks replace samples.
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// Floats of one read at most, so that memory does not grow without bound with the piece. A picture
-// as wide as a screen takes one read.
+// The maximum floats per read, so that memory does not grow with the piece. A plot as wide as a
+// screen takes one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
-// A piece with more floats of peaks, 4 GiB of them, is not drawn: no array could hold them in one
-// read, and reading them in blocks would take too long.
+// A piece with more floats of peaks, 4 GiB, is not drawn: they do not fit in an array, and reading
+// them in blocks would take too long.
 inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
-// From this many peaks a column on, a summary costs less than the peaks.
+// From this many peaks per column on, a summary costs less than the peaks.
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
-// Reads `count` records of `unit` floats in blocks, at least one; false as soon as one read fails.
-// read(first, array) fills the array from a record on, draw(first, floats) takes the result.
+// Reads `count` records of `unit` floats in blocks, at least one; returns false as soon as a read
+// fails. read(first, array) fills the array from a record on, draw(first, floats) draws the result.
 template <class Read, class Draw>
 bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
                   ScratchCache& scratch_keeper, Read&& read, Draw&& draw) {
@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from one summary of the peaks of each column, which gives the same picture.
+// Draws from one summary of each column's peaks, with the same result.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);
@@ -109,16 +109,16 @@ inline bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size
       });
 }
 
-// `piece` is the range in the source, `columns` its width in pixel columns, `pairs` those of the
-// columns that lie in the host's array. The pairs stay unchanged when the source cannot be opened
-// or read, or has no peaks where peaks are needed. A null source is silence.
+// `piece` is the range in the source, `columns` its width in pixel columns, `pairs` the columns
+// that lie in the host's array. The pairs stay unchanged if the source cannot be opened or read, or
+// lacks peaks that are needed. A null source is silence.
 inline void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels,
                       __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {
     std::ranges::fill(pairs, 0.0F);
     return;
   }
-  // Drawn into a copy, because a read that fails halfway must leave the pairs unchanged.
+  // Draws into a copy, because a read that fails halfway must leave the pairs unchanged.
   std::vector<float> aside(pairs.begin(), pairs.end());
   const bool few_frames = piece.Length() < columns * kFramesPerColumnOfPeaks;
   const bool complete =

@@ -1,5 +1,5 @@
-// The arithmetic of playing a section: which block comes next, looping, the channel mask, and where
-// in the section the device is.
+// The arithmetic of playing a section: the next block, looping, the channel mask, and the device's
+// position in the section.
 #pragma once
 
 #include <algorithm>
@@ -17,13 +17,13 @@ inline constexpr std::int64_t kSampleBytes = sizeof(float);
 inline constexpr std::uint32_t kAllChannels = 0xFFFFFFFF;
 inline constexpr std::size_t kMaskBits = 32;
 
-// Bytes of 40 milliseconds of 32-bit float frames; 0 or less for formats that are none.
+// Bytes of 40 milliseconds of 32-bit float frames; 0 or less for invalid formats.
 inline std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t channels) noexcept {
   return channels * samples_per_sec * kSampleBytes / kBlocksPerSecond;
 }
 
-// Walks through a section block by block. A block is never shorter than one frame, whatever the
-// rate, so that a walk ends; without channels there is nothing to walk through.
+// Walks through a section block by block. A block has at least one frame, whatever the rate, so
+// that a walk ends. Without channels the walk is empty.
 class PlayCursor {
  public:
   // A block may end in a part of a frame, where the bytes are no multiple of its size; only its
@@ -37,23 +37,24 @@ class PlayCursor {
     block_frames_ = static_cast<std::uint64_t>(samples / least);
   }
 
-  // True in a looped section only when there is nothing in it.
+  // In a looped section true only if the section is empty.
   bool AtEnd() const noexcept { return channels_ <= 0 || position_ >= section_.end; }
 
-  // The frame at which the next block begins, and its samples: those that fit the block's bytes, or
-  // as many as are left of the section. Only while not at the end.
+  // The frame at which the next block begins, and its samples: those that fit in the block's bytes,
+  // at most the rest of the section. Call only if not at the end.
   std::int64_t Position() const noexcept { return position_; }
   std::size_t Samples() const noexcept {
     const std::uint64_t left = FramesLeft();
     const auto channels = static_cast<std::uint64_t>(channels_);
-    // Compared in frames, where nothing overflows: fewer samples are left than a block has.
+    // Compared in frames, which cannot overflow: fewer samples are left than a block has.
     const bool last = left <= block_frames_ && left * channels < block_samples_;
-    // More than memory holds stays more than memory holds, also where std::size_t has 32 bits.
+    // Saturates, so that more samples than memory holds stay that many with a 32-bit std::size_t
+    // too.
     return static_cast<std::size_t>(std::min<std::uint64_t>(
         last ? left * channels : block_samples_, std::numeric_limits<std::size_t>::max()));
   }
 
-  // Steps over the block; in a looped section from its end to its begin.
+  // Moves past the block; in a looped section from its end to its start.
   void Advance() noexcept {
     const std::uint64_t step = std::min(FramesLeft(), block_frames_);
     position_ = WrappingAdd(position_, static_cast<std::int64_t>(step));
@@ -61,7 +62,7 @@ class PlayCursor {
   }
 
  private:
-  // Counted without sign: a section may be longer than the largest position.
+  // Unsigned, because a section may be longer than the largest position.
   std::uint64_t FramesLeft() const noexcept {
     return static_cast<std::uint64_t>(section_.end) - static_cast<std::uint64_t>(position_);
   }
@@ -74,8 +75,8 @@ class PlayCursor {
   std::int64_t position_;
 };
 
-// Silences the channels whose bits are clear; bit i stands for channel i. Channels beyond the
-// mask's 32 bits are heard only when all of these are set.
+// Silences the channels whose bits are clear; bit i is channel i. Channels beyond the mask's 32
+// bits are heard only if all of these are set.
 inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
                              std::uint32_t mask) noexcept {
   if (channels == 0) return;
@@ -88,15 +89,15 @@ inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
   }
 }
 
-// The frame that is heard after `played` frames of a section that is repeated.
-// After the last frame that is the first one, also when the section is not looped.
+// The frame that is heard after `played` frames of a repeated section. After the last frame it is
+// the first one, even if the section is not looped.
 inline std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept {
   const std::int64_t length = section.Length();
   // A section longer than the largest position is never played to its end.
   return WrappingAdd(section.begin, length > 0 ? played % length : played);
 }
 
-// Where a scrub block begins that is centred on `position`: never before the document.
+// The start of a scrub block centred on `position`, at least 0.
 inline std::int64_t ScrubBlockBegin(std::int64_t position, std::int64_t block_frames) noexcept {
   return std::max<std::int64_t>(0, SaturatingSubtract(position, block_frames / 2));
 }

@@ -1,5 +1,6 @@
-// PositionIndex: finds the part of a segment list that a position falls into without walking the
-// list. The list is kept in blocks; the index holds one summary a block and the running totals.
+// PositionIndex: finds the part of a segment list that contains a position without walking the
+// list. The list is divided into blocks; the index holds a summary of each block and running
+// totals.
 #pragma once
 
 #include <algorithm>
@@ -13,7 +14,7 @@
 
 namespace marlinda {
 
-// As long as all lengths together stay below this, no offset and no sum of two of them overflows.
+// While the sum of all lengths stays below this, no offset and no sum of two offsets overflows.
 inline constexpr std::uint64_t kMaxSafeLength = std::uint64_t{1} << 62;
 
 inline std::uint64_t AbsoluteLength(const CSection& segment) noexcept {
@@ -40,22 +41,21 @@ struct BlockSummary {
   // Bounds of all segments.
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Sum of the lengths without their signs, saturating: a bound on all offsets.
+  // Sum of the absolute lengths, saturating: a bound on all offsets.
   std::uint64_t absolute_length = 0;
-  // The shortest length: negative where a segment runs backward.
+  // The shortest length: negative if a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// Backward segments make offsets go down again, so the index bounds instead of sorting: it keeps
-// the furthest end that the list has reached by each block, which only ever grows. Where lengths
-// are so large that offsets could overflow it excludes nothing, and the caller walks the whole
-// list with the offsets of the walk.
+// Backward segments lower the offsets again, so the index bounds them instead of sorting: for each
+// block it holds the furthest end of the list so far, which only grows. If lengths are so large
+// that offsets could overflow, it excludes nothing, and the caller walks the whole list.
 //
-// All look-ups are constant operations that may run on several threads at once.
+// Look-ups are const and may run on several threads at once.
 class PositionIndex {
  public:
   std::size_t BlockCount() const noexcept { return blocks_.size(); }
-  // Number of segments and sum of lengths of the whole list.
+  // Segment count and total length of the list.
   std::size_t Count() const noexcept {
     return blocks_.empty() ? 0 : blocks_.back().ordinal + blocks_.back().summary.count;
   }
@@ -63,7 +63,7 @@ class PositionIndex {
     return blocks_.empty() ? 0 : WrappingAdd(blocks_.back().start, blocks_.back().summary.length);
   }
 
-  // Offset and ordinal of the first segment of a block.
+  // Offset and ordinal of a block's first segment.
   std::int64_t StartOf(std::size_t block) const noexcept { return blocks_[block].start; }
   std::size_t OrdinalOf(std::size_t block) const noexcept { return blocks_[block].ordinal; }
 
@@ -72,43 +72,43 @@ class PositionIndex {
     const auto after = std::ranges::upper_bound(blocks_, ordinal, {}, &Block::ordinal);
     return static_cast<std::size_t>(after - blocks_.begin()) - 1;
   }
-  // No block before this one holds a segment that ends at `position` or later.
+  // No block before this one contains a segment that ends at `position` or later.
   std::size_t FirstReaching(std::int64_t position) const noexcept {
     if (CanOverflow()) return 0;
     const auto found = std::ranges::lower_bound(blocks_, position, {}, &Block::furthest_end);
     return static_cast<std::size_t>(found - blocks_.begin());
   }
-  // False when no segment of the block shares a frame with the range.
+  // False if no segment of the block overlaps the range.
   bool MayShareFrames(std::size_t block, const CSection& range) const noexcept {
     if (CanOverflow()) return true;
     const Block& at = blocks_[block];
     return at.start + at.summary.lowest_start < range.end &&
            at.start + at.summary.highest_end > range.begin;
   }
-  // True when every segment has at least `length` frames, which is not negative, and no offset can
-  // overflow: offsets then only grow along the list.
+  // True if every segment has at least `length` frames (0 or more) and no offset can overflow.
+  // Offsets then only grow along the list.
   bool AllAtLeast(std::int64_t length) const noexcept {
     return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
   }
 
-  // Makes room for `more` blocks, so that adding them cannot fail.
+  // Reserves memory for `more` blocks, so that adding them cannot fail.
   void Reserve(std::size_t more) {
     const std::size_t needed = blocks_.size() + more;
-    // Growing by the exact amount each time would copy all blocks each time.
+    // Growing by the exact amount would copy all blocks each time.
     if (needed > blocks_.capacity()) blocks_.reserve(std::max(needed, 2 * blocks_.capacity()));
   }
-  // Adds an empty block behind all others.
+  // Appends an empty block.
   void AddBlock() noexcept {
     blocks_.emplace_back();
     Total(blocks_.size() - 1);
   }
-  // Adds a segment to the last block.
+  // Appends a segment to the last block.
   void Append(const CSection& segment) noexcept {
     blocks_.back().summary.Add(segment);
     Total(blocks_.size() - 1);
   }
-  // Puts blocks with these summaries in the place of `count` blocks. Reserve has made room for more
-  // than there were.
+  // Replaces `count` blocks by blocks with these summaries. Call Reserve first for the additional
+  // ones.
   void Replace(std::size_t first, std::size_t count,
                std::span<const BlockSummary> summaries) noexcept {
     const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(first);
@@ -124,10 +124,10 @@ class PositionIndex {
  private:
   struct Block {
     BlockSummary summary;
-    // Running totals over the blocks before this one.
+    // Running totals of the blocks before this one.
     std::int64_t start = 0;
     std::size_t ordinal = 0;
-    // Running totals that include this block.
+    // Running totals including this block.
     std::int64_t furthest_end = std::numeric_limits<std::int64_t>::min();
     std::uint64_t absolute_length = 0;
     std::int64_t shortest = std::numeric_limits<std::int64_t>::max();

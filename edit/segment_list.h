@@ -1,5 +1,4 @@
-// CAudioSegment and SegmentList: the ordered content of a document, with its edits and its
-// iteration.
+// CAudioSegment and SegmentList: the ordered content of a document, its edits and its iteration.
 #pragma once
 
 #include <algorithm>
@@ -17,8 +16,8 @@
 
 namespace marlinda {
 
-// One entry of the list: a range of frames of a source, in the source's own numbering and never
-// checked against its length. A null source is silence.
+// One entry of the list: a range of frames in the source's own numbering, not checked against its
+// length. A null source is silence.
 template <class Source>
 class CAudioSegment final : public CSection {
  public:
@@ -27,7 +26,7 @@ class CAudioSegment final : public CSection {
   CAudioSegment(const CAudioSegment&) = default;
   CAudioSegment(CAudioSegment&&) noexcept = default;
   CAudioSegment& operator=(const CAudioSegment&) = default;
-  // Without the handle's own move assignment: the one of mingw's ComPtr adds a reference.
+  // Avoids the handle's own move assignment: that of mingw's ComPtr adds a reference.
   CAudioSegment& operator=(CAudioSegment&& other) noexcept {
     if (this == &other) return *this;
     CSection::operator=(other);
@@ -39,13 +38,13 @@ class CAudioSegment final : public CSection {
   Source source;
 };
 
-// Segments lie in blocks of a bounded size, so that an insertion moves a few neighbours and a
-// look-up walks one block; the position index finds the block. All results are those of a walk
-// over the whole list, also with empty and backward segments.
+// Segments lie in blocks of a bounded size: an insertion moves a few neighbours, and a look-up
+// walks one block, which the position index finds. All results equal those of a walk over the whole
+// list, even with empty and backward segments.
 //
 // `Source` is a handle whose copy holds a reference. The list copies and destroys no handle, so
-// that it can be changed under a lock: callers bring the handles and receive the removed ones.
-// Nothing has changed when a method throws.
+// that it can be changed under a lock: callers pass the handles and receive the removed ones. A
+// method that throws changes nothing.
 template <class Source>
 class SegmentList {
  public:
@@ -56,15 +55,15 @@ class SegmentList {
   // Sum of the lengths of all segments.
   std::int64_t Length() const noexcept { return index_.Length(); }
 
-  // Links a segment at the tail.
+  // Appends a segment.
   void Append(Segment segment) {
     if (blocks_.empty() || blocks_.back().size() >= kBlockSize) AddBlock();
     blocks_.back().push_back(std::move(segment));
     index_.Append(blocks_.back().back());
   }
 
-  // The segment that an insertion at this position, or the removal of this range, divides in two
-  // because it contains both ends of the range. Null when there is none.
+  // The segment that contains both ends of the range, so that inserting there or removing the range
+  // divides it in two. Null if there is none.
   const Segment* DividedBy(const CSection& range) const noexcept {
     const Place first = FindPlace(range.begin);
     const Place last = FindPlace(range.end);
@@ -72,10 +71,9 @@ class SegmentList {
     return divided ? &blocks_[first.block][first.slot - 1] : nullptr;
   }
 
-  // Puts segments before the frame at `position`. A segment that contains it is cut in two there,
-  // also when there is nothing to insert; past the end they are appended without a gap. A negative
-  // position cuts the first segment before its begin. `divided` is a copy of the divided
-  // segment's source.
+  // Inserts segments before the frame at `position`. A segment that contains it is split there,
+  // even if nothing is inserted. Past the end they are appended without a gap. A negative position
+  // cuts the first segment before its start. `divided` is a copy of the divided segment's source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
@@ -85,15 +83,14 @@ class SegmentList {
     if (!segments.empty()) Splice(place, segments);
   }
 
-  // True when no segment is empty or backward, and no position of the list can overflow: then the
-  // segments lie one behind the other, as in most documents.
+  // True if no segment is empty or backward and no position can overflow: segments then lie one
+  // after the other, as in most documents.
   bool AllHaveFrames() const noexcept { return index_.AllAtLeast(1); }
 
-  // Takes out the frames in `range`, which neither begins before the list nor runs backward, of a
-  // list whose segments all have frames. A segment that contains an end of the range is cut there,
-  // also when the range is empty. `divided` is a copy of the divided
-  // segment's source. Returns the segments that
-  // are gone as a whole. The iteration is over.
+  // Removes the frames in `range` and returns the segments that lie wholly in it. All segments must
+  // have frames; `range` must not begin before the list or run backward. A segment that contains an
+  // end of the range is split there, even if the range is empty. `divided` is a copy of the divided
+  // segment's source. Ends the iteration.
   Block Remove(const CSection& range, Source& divided) {
     Block removed;
     if (Count() == 0) return removed;
@@ -107,13 +104,13 @@ class SegmentList {
       return removed;
     }
 
-    // The segment that the range ends in stays.
+    // The segment that contains the end of the range stays.
     const std::size_t past_removed = last.slot - (last.cut ? 1 : 0);
     removed.reserve(index_.OrdinalOf(last.block) + past_removed - OrdinalOf(first));
     const std::size_t touched = last.block - first.block + 1;
     std::vector<BlockSummary> summaries;
     summaries.reserve(touched);
-    // Nothing fails from here on.
+    // Nothing below can fail.
     cursor_.reset();
     if (first.cut) blocks_[first.block][first.slot - 1].end = *first.cut;
     if (last.cut) blocks_[last.block][last.slot - 1].begin = *last.cut;
@@ -141,19 +138,19 @@ class SegmentList {
     return std::exchange(blocks_, {});
   }
 
-  // The number of pieces in `range` is at most this.
+  // An upper bound on the number of pieces in `range`.
   std::size_t MaxPieces(const CSection& range) const noexcept {
     const std::size_t first = index_.FirstReaching(range.begin);
     const std::size_t last = index_.FirstReaching(range.end);
     return index_.AllAtLeast(0) && first <= last ? (last - first + 1) * kBlockSize : Count();
   }
 
-  // Calls take(source, piece) for each part of a segment that lies in `range`, in order, with the
-  // bounds of the part in its source. No piece is empty or backward.
+  // Calls take(source, piece) for each part of a segment in `range`, in order. `piece` is the part
+  // in its source, never empty or backward.
   template <class Take>
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
-    // Without backward segments the pieces lie together, and the rest of the list can be left out.
+    // Without backward segments the pieces are adjacent, so the walk can stop after them.
     const bool in_order = index_.AllAtLeast(0);
     for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
       std::int64_t offset = index_.StartOf(block);
@@ -179,9 +176,8 @@ class SegmentList {
     }
   }
 
-  // The iteration has one cursor. It stays on its segment whatever is inserted around it; null
-  // past the last segment, from where it does not come back. The pointer is valid until the next
-  // change of the list.
+  // The iteration has one cursor. It stays on its segment when others are inserted around it. Past
+  // the last segment it is null and stays null. The pointer is valid until the list changes.
   const Segment* First() noexcept {
     cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
     return AtCursor();
@@ -194,8 +190,8 @@ class SegmentList {
  private:
   static constexpr std::size_t kBlockSize = 256;
 
-  // Where an insertion goes: before `slot` of `block`. With a cut, the segment before that slot is
-  // divided at this position of its source.
+  // The place of an insertion: before `slot` of `block`. With a cut, the segment before that slot
+  // is divided at this position of its source.
   struct Place {
     std::size_t block = 0;
     std::size_t slot = 0;
@@ -243,22 +239,22 @@ class SegmentList {
     return {std::max(segment.begin, begin), std::min(segment.end, end)};
   }
 
-  // A block without segments does no harm, should the segment it was meant for not arrive.
+  // Should its segment not arrive, the empty block does no harm.
   void AddBlock() {
     index_.Reserve(1);
     Block block;
-    // The first block grows with a short document; later ones will be filled.
+    // The first block grows with a short document. Later blocks will be filled.
     if (!blocks_.empty()) block.reserve(kBlockSize);
     blocks_.push_back(std::move(block));
     index_.AddBlock();
   }
 
-  // Inserts at a place and carries out its cut. All that can fail is done before anything changes.
+  // Inserts at a place and makes its cut. Everything that can fail comes before the first change.
   void Splice(const Place& place, std::vector<Segment>& segments) {
     if (blocks_.empty()) AddBlock();
     const std::size_t total = blocks_[place.block].size() + segments.size();
     const std::size_t parts = (total + kBlockSize - 1) / kBlockSize;
-    // Equal shares, so that none of the blocks is full again after the next insertion.
+    // Equal shares, so that no block is full again after the next insertion.
     const std::size_t share = (total + parts - 1) / parts;
     std::vector<Block> shares(parts > 1 ? parts : 0);
     for (Block& part : shares) part.reserve(share);

@@ -11,12 +11,12 @@ namespace {
 
 constexpr float kLargest = std::numeric_limits<float>::max();
 
-// FirstOfColumn of the columns from one column on, without a division for each.
+// Computes FirstOfColumn for consecutive columns without a division for each.
 class ColumnEnds {
  public:
   ColumnEnds(std::int64_t columns, std::int64_t count, std::int64_t column) noexcept
       : quotient_(count / columns), remainder_(count % columns), columns_(columns) {
-    // column * count = whole_ * columns + part_, where the products wrap and the difference fits.
+    // column * count = whole_ * columns + part_. The products wrap, but the difference fits.
     const std::int64_t carried = Scale(column, remainder_, columns);
     const auto unsigned_column = static_cast<std::uint64_t>(column);
     whole_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(quotient_)) +
@@ -26,7 +26,7 @@ class ColumnEnds {
                                           static_cast<std::uint64_t>(columns));
   }
 
-  // The end of a column, then that of the next one.
+  // Returns the end of a column, then that of the next on each call.
   std::int64_t Next() noexcept {
     whole_ += quotient_;
     const std::int64_t room = columns_ - part_;
@@ -74,7 +74,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   }
 }
 
-// `own` are the pairs of a column that has a left neighbour.
+// `own` is the pairs of a column that has a left neighbour.
 void LinkToLeft(std::span<float> own) noexcept {
   float* const pairs = own.data();
   const float* const left = pairs - own.size();
@@ -93,7 +93,7 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
   if (value <= kSmall && numerator <= kSmall) return value * numerator / denominator;
   if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;
   // Long division of the wide product, one bit of the numerator at a time. The remainder stays
-  // below the denominator, so its double fits.
+  // below the denominator, so twice the remainder fits.
   const std::int64_t whole = value / denominator;
   if (whole > kMax / numerator) return kMax;
   const auto divisor = static_cast<std::uint64_t>(denominator);

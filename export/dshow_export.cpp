@@ -1,5 +1,5 @@
-// CDShowExport: writes the audio of a reader into a WMA or MP3 file, as a task, with the encoders
-// that the system has.
+// CDShowExport: writes the audio of a reader into a WMA or MP3 file with the system's encoders, as
+// a task.
 #include <algorithm>
 #include <chrono>
 #include <future>
@@ -32,7 +32,7 @@ constexpr int kDefaultBitRateKbit = 128;
 constexpr DWORD kServeMilliseconds = 10;
 constexpr std::int64_t kFramesPerBlock = 65536;
 constexpr int kBits = 16;
-// The formats of files and encoders count the bytes of a frame in 16 bits.
+// File formats and encoders count the bytes of a frame in 16 bits.
 constexpr int kMaxChannels = 0xFFFF / (kBits / 8);
 
 std::optional<EncodedKind> KindOf(const std::string& extension) {
@@ -41,13 +41,13 @@ std::optional<EncodedKind> KindOf(const std::string& extension) {
   return std::nullopt;
 }
 
-// Behind the last dot of the name itself; empty without one.
+// The part after the last dot of the file name; empty without a dot.
 std::string ExtensionOf(const std::string& path) {
   const std::size_t dot = path.find_last_of("./\\:");
   return dot != std::string::npos && path[dot] == '.' ? path.substr(dot + 1) : std::string();
 }
 
-// Whether the file can be written; leaves it as it is.
+// Tests whether the file can be written, without changing it.
 HRESULT TryTarget(const std::string& path) {
   FileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -62,8 +62,8 @@ std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; 
 
 }  // namespace
 
-// One export from reader to compressed file, run by the filter's worker thread. The reader belongs
-// to the filter until Run begins, and to the worker from then on.
+// One export from reader to compressed file, run by the filter's worker. The reader belongs to the
+// filter until Run begins, then to the worker.
 class DShowExportJob : public TaskJob {
  public:
   DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
@@ -76,7 +76,7 @@ class DShowExportJob : public TaskJob {
   EncodedKind kind() const noexcept { return kind_; }
   // False once a Run has taken the reader.
   bool HasReader() const noexcept { return reader_ != nullptr; }
-  // The rate and channels of the reader; E_INVALIDARG where it has none that a file could have.
+  // The rate and channels of the reader. Fails with E_INVALIDARG if no file can have them.
   HRESULT AskFormat(int& samples_per_sec, int& channels) const {
     LONG rate = 0;
     SHORT count = 0;
@@ -88,9 +88,9 @@ class DShowExportJob : public TaskJob {
     return S_OK;
   }
 
-  // Reports through `opened` whether encoder and file are there, then writes the whole file and
-  // releases the reader. When they are not, the reader stays for another try. Cancelled, it
-  // leaves a valid file with what came before; a file that fails on the way is deleted.
+  // Reports through `opened` whether the encoder and the file could be opened, then writes the
+  // whole file and releases the reader. If they could not, the reader stays for another try. After
+  // a cancel the file is valid and ends early. A file that fails later is deleted.
   void Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
     const Apartment apartment(COINIT_MULTITHREADED);
     settings.path = path_;
@@ -99,7 +99,7 @@ class DShowExportJob : public TaskJob {
     const HRESULT opening = ComCall([&] {
       file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
     });
-    // The filter may start again from then on, so the job is not touched after a failure.
+    // The filter may start again from here on, so a failed job is not touched.
     opened.set_value(opening);
     if (FAILED(opening)) return;
 
@@ -108,7 +108,7 @@ class DShowExportJob : public TaskJob {
       file->Finish();
     });
     file.reset();
-    // A task cannot report its failure; a missing file shows it.
+    // A task cannot report its failure, but the missing file shows it.
     if (FAILED(writing)) DeleteFileA(path_.c_str());
     reader_.Reset();
   }
@@ -120,7 +120,7 @@ class DShowExportJob : public TaskJob {
       std::vector<std::byte> pcm;
       while (!cancelled && position < total) {
         const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-        // Silence where a failing reader delivers nothing, so that the rest keeps its place.
+        // Silent where a failing reader delivers nothing, so that the rest stays in place.
         const SampleArray block(static_cast<std::size_t>(frames) *
                                 static_cast<std::size_t>(channels));
         reader_->ReadAudio(position, block.get());
@@ -141,30 +141,32 @@ class DShowExportJob : public TaskJob {
 };
 
 // One object serves one export: Initialize, metadata, Start, then poll until the task has ended, or
-// Cancel. The extension of the file decides what is written. Bit rates are the user's settings in
-// the registry.
+// Cancel. The file's extension selects the format. Bit rates are the user's settings in the
+// registry.
 //
-// Start waits until encoder and file are open, and fails when they are not; nothing is left behind
-// then. Without an encoder a message says so, provided that ShowSettingsDlg has named a window to
-// own it. A task that fails later deletes its file, and its progress stays below 1.
+// Start waits until encoder and file are open. If they cannot be opened it fails and leaves nothing
+// behind. Without an encoder it shows a message if ShowSettingsDlg has named an owner window. A
+// task that fails later deletes its file, and its progress stays below 1.
 class CDShowExport final
     : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowExport;
-  // Behind the WAV export, which loses nothing.
+  // Below the WAV export, which is lossless.
   static constexpr SHORT kMerit = 100;
   static constexpr UINT kNameText = IDS_SAVING;
   static constexpr UINT kFilterTexts[] = {IDS_WMA_FILTER, IDS_MP3_FILTER};
   static constexpr char kPatterns[] = "*.wma;*.mp3";
 
   CDShowExport() {
-    // A key that cannot be opened reads as one without values.
+    // Without the key, all settings have their defaults.
     settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
   }
 
-  // ICoreTask. Start is E_FAIL while the task runs, without Initialize and after a task that ran.
+  // ICoreTask. Start fails with E_FAIL while the task runs, without Initialize and after a
+  // completed task.
   STDMETHODIMP Start() override {
-    // The message serves other messages of this thread, and the last release may be among them.
+    // While the message is shown, this thread's other messages are served, and one may release the
+    // object last.
     const ComPtr<IUnknown> alive(OuterUnknown());
     const HRESULT hr = ComCall([&] {
       if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
@@ -176,8 +178,8 @@ class CDShowExport final
       const auto opened = std::make_shared<std::promise<HRESULT>>();
       auto outcome = opened->get_future();
       Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
-      // An encoder without a threading model of its own is made on the host's first thread, which
-      // may be this one.
+      // An encoder without a threading model is created on the host's first thread, which may be
+      // this one.
       while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
         worker_.AwaitServingCalls(kServeMilliseconds);
       }
@@ -190,9 +192,9 @@ class CDShowExport final
     return hr;
   }
 
-  // IExportFilter. Initialize is E_INVALIDARG for a name with another extension, and fails when the
-  // file cannot be written; it does not change the file. The encoders choose their own sample
-  // width.
+  // IExportFilter. Initialize fails with E_INVALIDARG for a name with another extension, and fails
+  // if the file cannot be written; it does not change the file. The encoders choose their own
+  // sample width.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
   }
@@ -225,7 +227,7 @@ class CDShowExport final
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
 
-  // IMetaDataWriter. The texts are taken at Start.
+  // IMetaDataWriter. The texts are read at Start.
   STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
                            BSTR bstrGenre) override {
     return ComCall([&] {
@@ -243,13 +245,13 @@ class CDShowExport final
     settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
   void ShowMpegSettings() {
-    // Without an encoder there is nothing to choose from.
+    // Without an encoder there is no choice.
     const auto encoder = CreateMp3Encoder();
     CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
-  // The message that no encoder can do the job; nothing without a window to own it.
+  // Shows the message that no encoder is available, if there is a window to own it.
   void ShowCodecError() const {
     if (message_owner_ == nullptr) return;
     const auto& module = TheModule();

@@ -1,4 +1,4 @@
-// A compressed file while it is being written, whichever encoder makes it.
+// A compressed file during writing, for all encoders.
 #pragma once
 
 #include <dshow.h>
@@ -13,14 +13,14 @@
 
 namespace marlinda {
 
-// No encoder of the system can make the file: there is none, or it refuses the format.
+// Thrown if the system has no encoder for the file, or the encoder refuses the format.
 class CodecError final : public HResultError {
  public:
   CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 };
 
-// Tags as the host gives them: both kinds of files hold characters beyond the code page. Empty
-// texts are left out.
+// Tags as the host passes them, because both formats support characters outside the code page.
+// Empty texts are omitted.
 struct WideTags {
   std::wstring title;
   std::wstring artist;
@@ -50,28 +50,28 @@ inline WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept {
   return format;
 }
 
-// Whether bit rate `rate` serves better than `best`: the highest one up to `wanted` is best, and
+// Whether bit rate `rate` is preferred to `best`. The highest rate up to `wanted` is preferred,
 // otherwise the lowest.
 inline bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept {
   if (rate <= wanted) return best > wanted || rate > best;
   return best > wanted && rate < best;
 }
 
-// Belongs to one thread, from its creation to its end, which has entered an apartment.
+// Belongs to one thread, which has entered an apartment.
 class EncodedFile {
  public:
   EncodedFile() = default;
-  // Without Finish before it, the file stays cut off.
+  // Without Finish, the file stays incomplete.
   virtual ~EncodedFile() = default;
 
-  // Whole frames of 16 bits. Throws HResultError where encoder or disk fail.
+  // Writes whole frames of 16 bits. Throws HResultError if encoder or disk fail.
   virtual void Write(std::span<const std::byte> pcm) = 0;
   // Writes the encoder's remaining output and completes the file. Throws like Write.
   virtual void Finish() = 0;
 };
 
-// Throw CodecError, or HResultError where the file cannot be created; there is no new file then,
-// and an old one is as it was.
+// Throw CodecError, or HResultError if the file cannot be created. Then no new file remains, and an
+// old one is unchanged.
 std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
 std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 

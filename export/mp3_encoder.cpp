@@ -11,8 +11,8 @@
 namespace marlinda {
 namespace {
 
-// The system lists ACM codecs as compressors with the format tag as a property. Such a filter names
-// its formats only once its input is connected.
+// The system lists ACM codecs as compressors with the format tag as a property. Such a filter lists
+// its formats only when its input is connected.
 bool IsListedAsMp3(IMoniker* moniker) {
   ComPtr<IPropertyBag> properties;
   if (FAILED(moniker->BindToStorage(nullptr, nullptr, __uuidof(IPropertyBag),
@@ -47,7 +47,8 @@ bool OffersMp3(IBaseFilter* filter) {
   return found;
 }
 
-// Those that are registered as audio compressors. True when `visit` has taken one.
+// Visits the encoders that are registered as audio compressors. Returns true if `visit` has
+// accepted one.
 bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   ComPtr<ICreateDevEnum> devices;
   ComPtr<IEnumMoniker> monikers;
@@ -75,7 +76,7 @@ bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
 
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   if (ForEachListedMp3Encoder(visit)) return;
-  // Ours may be there without registration, by the manifest of a program.
+  // The engine's encoder may be available without registration, through a program's manifest.
   ComPtr<IBaseFilter> ours;
   if (SUCCEEDED(CreateInstance(CLSID_CMp3Encoder, ours))) visit(ours.Get());
 }
@@ -108,7 +109,7 @@ void ForEachCapability(IAMStreamConfig* config,
   int count = 0;
   int size = 0;
   if (config == nullptr || FAILED(config->GetNumberOfCapabilities(&count, &size))) return;
-  // Room for the largest structure that filters use here, whatever the filter says.
+  // Room for the largest structure in use, whatever size the filter reports.
   std::vector<BYTE> details(std::max<std::size_t>(
       static_cast<std::size_t>(std::max(size, 0)),
       std::max(sizeof(AUDIO_STREAM_CONFIG_CAPS), sizeof(VIDEO_STREAM_CONFIG_CAPS))));

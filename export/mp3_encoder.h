@@ -1,4 +1,4 @@
-// The MP3 encoders among the audio compressors of the system, and the capabilities of one.
+// The MP3 encoders among the system's audio compressors, and their capabilities.
 #pragma once
 
 #include <functional>
@@ -8,20 +8,21 @@
 
 namespace marlinda {
 
-// Calls `visit` with a fresh filter of each encoder that puts out MPEG Layer 3, in the system's
-// order and then ours, until it returns true.
+// Calls `visit` with a new filter of each MPEG Layer 3 encoder, in the system's order and then the
+// engine's own, until it returns true.
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit);
 
-// The first of them; null when there is none.
+// Creates the first of them; null if there is none.
 ComPtr<IBaseFilter> CreateMp3Encoder();
 
-// True for the wave format tag of MPEG Layer 3.
+// True if the wave format tag is MPEG Layer 3.
 bool IsMp3(const AM_MEDIA_TYPE& type) noexcept;
 
-// The IAMStreamConfig of the first output pin that has one; null when none has, or without filter.
+// The IAMStreamConfig of the first output pin that has one. Null if none has, or for a null
+// encoder.
 ComPtr<IAMStreamConfig> FindStreamConfig(IBaseFilter* encoder);
 
-// Calls `visit` with the media type of each capability; none for a null `config`.
+// Calls `visit` with the media type of each capability; not at all for a null `config`.
 void ForEachCapability(IAMStreamConfig* config,
                        const std::function<void(const AM_MEDIA_TYPE&)>& visit);
 

@@ -1,5 +1,5 @@
-// MP3 files: our source, an encoder of the system and our sink in a DirectShow graph that runs
-// without a clock. The thread that writes is the one that drives the graph's data.
+// MP3 files: a DirectShow graph of the engine's source, an encoder of the system and the engine's
+// sink, without a clock. The writing thread drives the data through the graph.
 
 #include <taglib/id3v1tag.h>
 #include <taglib/id3v2tag.h>
@@ -17,11 +17,11 @@ namespace {
 
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
-// After the end of the stream an encoder waits for nothing.
+// After the end of the stream an encoder has nothing to wait for.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 
-// The bytes of a tag of the kind; none without texts.
+// The bytes of one kind of tag; none without texts.
 template <class Tag, class... Version>
 TagLib::ByteVector Render(const WideTags& texts, Version... version) {
   Tag tag;
@@ -42,8 +42,8 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
   return first;
 }
 
-// Chooses among the encoder's formats for this rate and channel count: the best bit rate up to the
-// wanted one, else the lowest. An encoder without such a format keeps its default.
+// Chooses from the encoder's formats for this rate and channel count: the best bit rate up to the
+// wanted one, otherwise the lowest. An encoder without such a format keeps its default.
 void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   const auto config = FindStreamConfig(encoder);
   const auto wanted = static_cast<DWORD>(settings.bit_rate_kbit);
@@ -67,8 +67,8 @@ void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   config->SetFormat(&type);
 }
 
-// The end of the graph. As a file writer it offers IStream, through which an encoder can change the
-// beginning of what it has delivered.
+// The sink of the graph. As a file writer it offers IStream, through which an encoder can rewrite
+// the start of its output.
 class FilePin final : public InputPin, private IStream {
  public:
   FilePin(GraphFilter& filter, Purpose purpose) : InputPin(filter, std::move(purpose)) {}
@@ -93,7 +93,7 @@ class FilePin final : public InputPin, private IStream {
     return SetFilePointerEx(file_, distance, position, origin) ? S_OK : LastErrorResult();
   }
 
-  // Positions count from where the tag at the beginning of the file ends.
+  // Positions count from the end of the tag at the start of the file.
   STDMETHODIMP Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) override {
     if (origin > STREAM_SEEK_END) return STG_E_INVALIDFUNCTION;
     if (origin == STREAM_SEEK_SET) distance.QuadPart += begin_.QuadPart;
@@ -140,7 +140,7 @@ class Mp3File final : public EncodedFile {
         [&](IBaseFilter* encoder) { return has_encoder = SUCCEEDED(ConnectThrough(encoder)); });
     if (!has_encoder) throw CodecError();
     if (FAILED(graph_.Run())) throw CodecError();
-    // An old file is replaced only once the encoder runs.
+    // An existing file is replaced only after the encoder has started.
     FileHandle file = CreateTargetFile(settings.path);
     if (!file) throw HResultError(LastErrorResult());
     file_ = std::move(file);
@@ -183,7 +183,7 @@ class Mp3File final : public EncodedFile {
     Check(graph_.builder()->AddFilter(sink.Get(), L"File"));
   }
 
-  // Leaves no encoder in the graph when it refuses.
+  // If the encoder refuses, it is removed from the graph.
   HRESULT ConnectThrough(IBaseFilter* encoder) {
     const auto input = FirstPin(encoder, PINDIR_INPUT);
     const auto output = FirstPin(encoder, PINDIR_OUTPUT);
@@ -199,7 +199,7 @@ class Mp3File final : public EncodedFile {
     return hr;
   }
 
-  // Called by the encoder, on whatever thread it works.
+  // The encoder calls this on any thread.
   HRESULT Store(std::span<const std::byte> bytes) noexcept {
     if (!file_ || FAILED(failure_)) return E_FAIL;
     if (!WriteToFile(file_.get(), bytes)) failure_ = LastErrorResult();
@@ -211,7 +211,7 @@ class Mp3File final : public EncodedFile {
     if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
-  // An error of the file comes first: the encoder only passes it on.
+  // The file's error first: the encoder only passes it on.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);
@@ -225,8 +225,8 @@ class Mp3File final : public EncodedFile {
   REFERENCE_TIME position_ = 0;
   OutputPin* source_ = nullptr;
   FilePin* sink_ = nullptr;
-  // Holds the filters, and they their pins. The last member: it stops before its sink's file goes,
-  // also when the constructor throws.
+  // Holds the filters, which hold their pins. The last member, so that the graph stops before the
+  // sink's file closes, even if the constructor throws.
   FilterGraph graph_;
 };
 

@@ -27,12 +27,12 @@ inline int BestBitRateKbit(IBaseFilter* encoder) {
   return best;
 }
 
-// A dialog edits values of its own object, and its results are worth taking only after IDOK.
+// A dialog edits its own copies of the values. Use its results only after IDOK.
 class SettingsDialog {
  public:
-  // Shows the dialog, modal to `owner`, which may be null, and returns IDOK or IDCANCEL, the latter
-  // also when the window was closed. Any other result means that there was no dialog: no such
-  // owner, or its controls could not be set up.
+  // Shows the dialog, modal to `owner`, which may be null. Returns IDOK, or IDCANCEL if the user
+  // cancelled or closed the window. Any other result means that no dialog was shown: no such owner,
+  // or its controls could not be set up.
   INT_PTR ShowModal(HWND owner) {
     const INT_PTR result = DialogBoxParamW(TheModule().Instance(), MAKEINTRESOURCEW(template_id_),
                                            owner, Procedure, reinterpret_cast<LPARAM>(this));
@@ -44,14 +44,14 @@ class SettingsDialog {
   SettingsDialog(int template_id, int value) noexcept : value_(value), template_id_(template_id) {}
   ~SettingsDialog() = default;
 
-  // Sets up the controls and returns the one that the keyboard starts at. May throw.
+  // Sets up the controls and returns the one with the initial focus. May throw.
   virtual HWND OnOpening() = 0;
-  // A click on an item, also one by keyboard.
+  // Called for a click on an item, also by keyboard.
   virtual void OnClick(int /*item*/) {}
-  // OK was pressed; the dialog ends after this.
+  // Called when OK is pressed; the dialog then ends.
   virtual void OnOk() {}
 
-  // The window of an item. Throws where the template has none.
+  // The window of an item. Throws if the template has none.
   HWND Item(int item) const {
     HWND found = GetDlgItem(window_, item);
     if (found == nullptr) throw HResultError(LastErrorResult());
@@ -98,8 +98,8 @@ class SettingsDialog {
   HWND window_ = nullptr;
 };
 
-// A group of radio buttons, one for each choice. A value that no button stands for checks none, and
-// stays until one is clicked.
+// A group of radio buttons, one for each choice. A value without a button checks none and stays
+// until one is clicked.
 class RadioDialog : public SettingsDialog {
  protected:
   struct Choice {
@@ -110,13 +110,13 @@ class RadioDialog : public SettingsDialog {
       : SettingsDialog(template_id, value), choices_(choices) {}
 
  private:
-  // The keyboard starts at the checked button, and otherwise at OK, because a radio button that
-  // gets the keyboard counts as clicked.
+  // The initial focus is the checked button, otherwise OK, because a radio button counts as clicked
+  // when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
     if (chosen == choices_.end()) return Item(IDOK);  // a fresh dialog has none checked
     HWND button = Item(chosen->item);
-    // Makes the button the tab stop of the group, too.
+    // Also makes the button the tab stop of the group.
     CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);
     return button;
   }
@@ -128,7 +128,7 @@ class RadioDialog : public SettingsDialog {
   const std::span<const Choice> choices_;
 };
 
-// "Wave Encoder Settings". Floats always have 32 bits.
+// "Wave Encoder Settings". Float samples have 32 bits.
 class CWavSettings final : public RadioDialog {
  public:
   CWavSettings(SHORT bits_per_sample, bool is_float) noexcept
@@ -161,9 +161,9 @@ class CWmaSettings final : public RadioDialog {
       {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
-// "MPEG Layer 3 Encoder Settings". Offers the customary bit rates up to the best that an encoder
-// filter has. An encoder that does not report its capabilities has a best of 0: then there is
-// nothing to choose, and the bit rate does not change.
+// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the best of an encoder filter.
+// The best is 0 for an encoder that does not report its capabilities: there is then no choice, and
+// the bit rate does not change.
 class CMpegSettings final : public SettingsDialog {
  public:
   // Reads the capabilities of the encoder, which may be null.
@@ -174,7 +174,7 @@ class CMpegSettings final : public SettingsDialog {
   int bit_rate_kbit() const noexcept { return value_; }
 
  private:
-  // Lowers the bit rate to the encoder's best. One that is not in the list selects no line.
+  // Lowers the bit rate to the encoder's best. A rate that is not in the list selects no line.
   HWND OnOpening() override {
     HWND list = Item(IDC_MPEG_BIT_RATE);
     if (max_bit_rate_kbit_ == 0) return list;
@@ -188,7 +188,7 @@ class CMpegSettings final : public SettingsDialog {
       if (SendMessageA(list, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(line.c_str())) < 0) {
         throw HResultError(E_OUTOFMEMORY);
       }
-      // The table ascends, so lines and rows have the same numbers.
+      // The table is sorted, so list lines and table rows have the same numbers.
       if (rate == value_) SendMessageA(list, CB_SETCURSEL, static_cast<WPARAM>(row), 0);
     }
     return list;
@@ -201,8 +201,8 @@ class CMpegSettings final : public SettingsDialog {
   const int max_bit_rate_kbit_;
 };
 
-// The window whose handle came as the number that interfaces carry. A handle has 32 significant
-// bits on every Windows.
+// Converts a number in an interface to a window handle. Handles have 32 significant bits on every
+// Windows.
 inline HWND WindowOfNumber(ULONG number) noexcept {
   return static_cast<HWND>(LongToHandle(static_cast<LONG>(number)));
 }

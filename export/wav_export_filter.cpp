@@ -20,19 +20,20 @@ namespace {
 WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
   LONG samples_per_sec = 0;
   SHORT channels = 0;
-  // A reader that does not report its format has no channels, and its file no samples.
+  // A reader that does not report its format has no channels, and its file has no samples.
   reader->GetFormat(&samples_per_sec, &channels);
   return {samples_per_sec, channels, bits, is_float};
 }
 
 }  // namespace
 
-// One export from reader to file, run by the filter's worker thread.
+// One export from reader to file, run by the filter's worker.
 //
-// Reader and target belong to the filter until Run begins and to the worker until it has ended.
+// Reader and target belong to the filter until Run begins, then to the worker until it has ended.
 //
-// Position and cancel flag are cleared at construction alone: one job serves one export. Given a
-// new reader and target after its end it goes on at the position it has, which leaves a valid file
+// Position and cancel flag are reset only at construction: one job serves one export. With a new
+// reader and target after its end, the job continues at its position and writes a valid file
+// without the earlier frames.
 // without the frames before that position.
 class WavExportJob : public TaskJob {
  public:
@@ -44,15 +45,15 @@ class WavExportJob : public TaskJob {
     reader->GetSampleCount(&count);
     total = count;
   }
-  // Closes the target there was. Without a valid handle the job has none.
+  // Closes the previous target. An invalid handle means no target.
   void SetTarget(FileHandle file) noexcept { file_.Attach(std::move(file)); }
   bool IsReady() const noexcept { return reader_ && file_.IsOpen(); }
 
-  // Writes the whole file, closes it and releases the reader. Ends early when cancelled or out of
-  // memory, with a valid file that holds what came before.
+  // Writes the whole file, closes it and releases the reader. After a cancel, or if memory runs
+  // out, the file is valid and ends early.
   void Run(std::int16_t bits, bool is_float) noexcept {
     const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
-    // Only memory can run out on the way: that ends the samples, and the rest of the file follows.
+    // Only a lack of memory can fail here. It ends the samples; the rest of the file follows.
     ComCall([&] { WriteSamples(format); });
     LittleEndianBytes trailer;
     WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });
@@ -60,7 +61,7 @@ class WavExportJob : public TaskJob {
     reader_.Reset();
   }
 
-  // Calls `use` with the annotations, from any thread. The worker takes them once the audio is
+  // Calls `use` with the annotations, on any thread. The worker reads them after the audio is
   // written.
   template <class Use>
   HRESULT WithNotes(Use&& use) {
@@ -80,12 +81,12 @@ class WavExportJob : public TaskJob {
     WavSampleEncoder encoder(format);
     SampleArray block;
     while (!cancelled && position < total) {
-      // The difference is taken in 64 bits: in 32, a source of 2^31 frames or more would give
-      // negative or empty blocks and no end.
+      // Subtracts in 64 bits: in 32 bits, a source of 2^31 frames or more would give negative or
+      // empty blocks without end.
       const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
       SAFEARRAY* const silence = block.Prepare(static_cast<std::size_t>(frames) *
                                                static_cast<std::size_t>(format.channels));
-      // Whatever a failing reader left in the block is written, so that the rest keeps its place.
+      // Writes what a failing reader left in the block, so that the rest stays in place.
       reader_->ReadAudio(position, silence);
       file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
       position += frames;
@@ -99,11 +100,11 @@ class WavExportJob : public TaskJob {
 };
 
 // One object serves one export: Initialize, settings, Start, then poll until the task has ended, or
-// Cancel. Sample width is taken at Start; metadata, ACID data, labels and markers when the last
-// sample is written, so they may be set until then.
+// Cancel. The sample width is read at Start. Metadata, ACID data, labels and markers are read when
+// the last sample is written, so they may be set until then.
 //
-// Errors that the task meets while it runs are not reported: a full disk leaves a truncated file,
-// and what a reader fails to deliver is written as silence.
+// Errors during the task are not reported: a full disk leaves a truncated file, and samples that a
+// reader fails to deliver are written as silence.
 class CWavExportFilter final
     : public AnnotationSupport<
           CWavExportFilter,
@@ -119,7 +120,7 @@ class CWavExportFilter final
 
   CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
 
-  // ICoreTask. Start is E_FAIL while the task runs and where file or reader are missing; a Cancel
+  // ICoreTask. Start fails with E_FAIL while the task runs and without file or reader. A Cancel
   // before Start stays in force, and the file then has no samples.
   STDMETHODIMP Start() override {
     return ComCall([&] {
@@ -130,8 +131,8 @@ class CWavExportFilter final
     });
   }
 
-  // IExportFilter. Initialize is E_FAIL while the task runs. Where it cannot create the file, the
-  // object has none afterwards, also when an earlier call had made one.
+  // IExportFilter. Initialize fails with E_FAIL while the task runs. If it cannot create the file,
+  // the object has no file, even if an earlier call had created one.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall(
         [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
@@ -156,7 +157,8 @@ class CWavExportFilter final
     return HandOut(pbHasSettings, true);
   }
   STDMETHODIMP ShowSettingsDlg(BSTR, ULONG nHwndParent) override {
-    // The dialog serves other messages of this thread, and the last release may be among them.
+    // While the dialog is shown, this thread's other messages are served, and one may release the
+    // object last.
     const ComPtr<IUnknown> alive(OuterUnknown());
     ComCall([&] {
       CWavSettings settings(bits_per_sample_, is_float_);

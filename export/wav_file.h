@@ -1,4 +1,4 @@
-// WavFile: a WAV file while it is written.
+// WavFile: a WAV file during writing.
 #pragma once
 
 #include <windows.h>
@@ -16,14 +16,14 @@
 
 namespace marlinda {
 
-// Creates or empties the file `name`, for its owner alone to write. No handle, and the thread's
-// last error, when that fails.
+// Creates or empties the file `name`, with exclusive write access. On failure returns no handle and
+// sets the thread's last error.
 inline FileHandle CreateTargetFile(const std::string& name) noexcept {
   return FileHandle(CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                 FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-// False, and the thread's last error, when not all of it could be written.
+// Returns false and sets the thread's last error if not everything could be written.
 inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept {
   // The system counts the bytes of one write in 32 bits.
   constexpr std::size_t kMaxWrite = std::size_t{1} << 30;
@@ -39,13 +39,12 @@ inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept 
 }
 
 // Chunks are padded to a multiple of 4 bytes, and the padding counts in their sizes. Sizes are
-// 32-bit and nothing checks them: in a file past 4 GiB the fields wrap, and the samples go on at
-// the true end.
+// 32-bit and unchecked: past 4 GiB the fields wrap, and the samples continue at the true end.
 //
-// A write that fails is not reported: the file is finished as far as it goes.
+// A failed write is not reported: the file is finished as far as possible.
 class WavFile {
  public:
-  // Takes ownership of a handle, or of none. An open file is closed as it stands.
+  // Takes ownership of a handle, which may be empty. Closes an open file as it is.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;
@@ -56,12 +55,12 @@ class WavFile {
   // Writes the header. Throws std::bad_alloc.
   void Begin(const WavFormat& format, ManyChannels many_channels) {
     const LittleEndianBytes header = WavHeader(format, many_channels);
-    // On a full disk there may be no header, and so no sizes to fill in.
+    // On a full disk the header, and so the sizes, may be missing.
     if (WriteBytes(header.bytes())) data_start_ = header.bytes().size();
   }
   void Write(std::span<const std::byte> samples) noexcept { WriteBytes(samples); }
-  // Ends the samples; writes `trailer`, fills in the sizes and closes the file. Destruction closes
-  // the file alone and leaves the sizes at 0.
+  // Ends the samples, writes `trailer`, fills in the sizes and closes the file. The destructor only
+  // closes the file and leaves the sizes at 0.
   void Finish(std::span<const std::byte> trailer = {}) noexcept {
     if (data_start_ != 0) {
       EndChunk(data_start_);
@@ -80,7 +79,7 @@ class WavFile {
     target.QuadPart = static_cast<LONGLONG>(position);
     if (file_) SetFilePointerEx(file_.get(), target, nullptr, FILE_BEGIN);
   }
-  // Ends the chunk that lies from `body_start` to the file pointer.
+  // Ends the chunk from `body_start` to the file pointer.
   void EndChunk(std::uint64_t body_start) noexcept {
     LARGE_INTEGER position = {};
     SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &position, FILE_CURRENT);

@@ -37,12 +37,12 @@ void AddCuePoints(LittleEndianBytes& file, const WavAnnotations& all, std::int32
   file.U32(all.labels.size() + all.markers.size());
   for (const Label& label : all.labels) {
     position = static_cast<std::uint32_t>(label.position);
-    // The low 32 bits, in unsigned arithmetic that may wrap.
+    // The low 32 bits; unsigned arithmetic may wrap.
     block_start = position * static_cast<std::uint32_t>(block_align);
     add_point(label.position);
   }
-  // A marker's point holds its begin in the sample offset alone; position and block start stay
-  // those of the last label.
+  // A marker's point has its start only in the sample offset; position and block start keep the
+  // values of the last label.
   for (const SectionMarker& marker : all.markers) add_point(marker.section.begin);
 }
 
@@ -70,7 +70,7 @@ void AddInfo(LittleEndianBytes& file, const Tags& tags) {
   add(FourCC("IART"), tags.artist);
   add(FourCC("IGNR"), tags.genre);
   add(FourCC("IPRD"), tags.album);
-  // A creation date needs a day, and only the year is known. An empty year gives "-01-01".
+  // A creation date needs a day, but only the year is known. An empty year gives "-01-01".
   add(FourCC("ICRD"), tags.year + "-01-01");
 }
 
@@ -93,8 +93,8 @@ LittleEndianBytes WavTrailer(const WavAnnotations& annotations, std::int32_t blo
   }
   file.Chunk(FourCC("LIST"), [&] { AddInfo(file, annotations.tags); });
   if (const auto& acid = annotations.acid) {
-    // The root note takes the four bytes in which other programs keep their flags, and bytes 4 to
-    // 11 stay 0. CDShowImport reads this layout.
+    // The root note takes the four bytes in which other programs store flags, and bytes 4 to 11
+    // stay 0. CDShowImport reads this layout.
     file.Chunk(FourCC("acid"), [&] {
       file.U32(acid->root_note).U32(0).U32(0).U32(acid->beat_count);
       file.U16(acid->meter_beats).U16(acid->meter_delimiter).F32(acid->tempo);

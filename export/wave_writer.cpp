@@ -16,7 +16,7 @@
 namespace marlinda {
 namespace {
 
-// 32 bits always mean floats here.
+// Here 32 bits mean float samples.
 constexpr SHORT kFloatBits = 32;
 
 enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQueryIsReady };
@@ -24,21 +24,20 @@ enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQue
 }  // namespace
 
 // Every IAudioWriter call goes to the next writer first, whose result is ignored, and then into the
-// file. A writer that changes the block in place changes the file, too. In front of a playback it
-// records the sound that is played.
+// file. If the next writer changes the block in place, the file gets the changed block. In front of
+// a playback object it records the played sound.
 //
-// For one thread at a time, the one that drives the chain. Rings of writers are allowed: a call
-// that comes back to a writer it has passed ends there, so each writes every block once.
+// Only the thread that drives the chain may call it. Rings of writers are allowed: a call that
+// returns to a writer ends there, so each writes every block once.
 class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CWaveWriter;
 
-  // A file that no CloseDevice has finished keeps its samples when the last reference goes; the
-  // sizes in its header stay 0.
+  // Without CloseDevice, the last release keeps the file's samples, and the sizes in its header
+  // stay 0.
   ~CWaveWriter() = default;
 
-  // IWaveWriter. The object itself as its next writer is the same as none: it would hold a
-  // reference to itself that nothing releases.
+  // IWaveWriter. Setting the object itself as its next writer removes the next writer.
   STDMETHODIMP SetWriteThrough(IAudioWriter* pawWriteThrough) override {
     // A reference to itself would never be released.
     Hold(write_through_, pawWriteThrough == this ? nullptr : pawWriteThrough);
@@ -52,8 +51,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
     return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
   }
 
-  // IAudioWriter. Without an open file all of it succeeds and only the next writer is served. An
-  // array that holds no floats reaches the next writer and is then E_INVALIDARG.
+  // IAudioWriter. Without an open file all calls succeed and serve only the next writer. An array
+  // without floats reaches the next writer and then fails with E_INVALIDARG.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     const NestedCall call(this, WriterCall::kWriteAudio);
     if (call.Depth() > 1) return S_OK;
@@ -72,8 +71,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
       }
     });
   }
-  // Fails when the file cannot be created; a file that is open stays so then, and is otherwise
-  // finished before the new one begins.
+  // If the new file cannot be created, fails and leaves an open file open. Otherwise finishes the
+  // open file first.
   STDMETHODIMP OpenDevice() override {
     const NestedCall call(this, WriterCall::kOpenDevice);
     if (call.Depth() > 1) return S_OK;
@@ -103,7 +102,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
     channels_ = nChannels;
     return S_OK;
   }
-  // Without a next writer the value is not changed: callers initialise it.
+  // Without a next writer the value does not change: callers initialise it.
   STDMETHODIMP QueryIsReady(LONG* pbReady) override {
     if (pbReady == nullptr) return E_POINTER;
     const NestedCall call(this, WriterCall::kQueryIsReady);

@@ -1,4 +1,4 @@
-// WMA files: the system's own writer of Windows Media files, with a profile of one audio stream.
+// WMA files, written by the system's Windows Media writer with a profile of one audio stream.
 
 #include <dshow.h>
 #include <mmreg.h>
@@ -19,7 +19,7 @@ namespace {
 constexpr WORD kStreamNumber = 1;
 constexpr std::uint64_t kWmTicksPerSecond = 10'000'000;
 
-// The library is an optional part of the system, so it is looked up when a file is wanted.
+// The library is an optional part of the system, so it is loaded only when needed.
 class WindowsMedia {
  public:
   WindowsMedia() : library_(LoadLibraryExW(L"wmvcore.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
@@ -60,7 +60,7 @@ void CheckCodec(HRESULT hr) {
   if (FAILED(hr)) throw CodecError();
 }
 
-// True when the stream has the rate and the channels of the settings.
+// True if the stream has the rate and channels of the settings.
 bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
   const auto properties = TryQuery<IWMMediaProps>(stream);
   DWORD size = 0;
@@ -74,7 +74,7 @@ bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
          format->nChannels == settings.channels;
 }
 
-// The stream of an audio codec with the best bit rate up to the wanted one, else with the lowest.
+// The codec's stream with the best bit rate up to the wanted one, otherwise with the lowest.
 ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncoderSettings& settings) {
   const auto codecs = TryQuery<IWMCodecInfo>(manager);
   DWORD codec_count = 0;
@@ -189,7 +189,7 @@ class WmaFile final : public EncodedFile {
         {L"WM/Year", tags.year}, {L"WM/Genre", tags.genre},
     };
     for (const auto& [name, text] : attributes) {
-      // The length is counted in 16 bits and includes the terminator.
+      // The length includes the terminator and is counted in 16 bits.
       const std::size_t size = (text.size() + 1) * sizeof(wchar_t);
       if (!header || text.empty() || size > 0xFFFF) continue;
       CheckCodec(header->SetAttribute(0, name, WMT_TYPE_STRING,

@@ -25,7 +25,7 @@ namespace {
 
 static_assert(RAND_MAX == 32767, "The dither is scaled for random numbers from 0 to 32767.");
 
-// The directory of the user's settings, otherwise the system's.
+// The temporary directory of the user's settings, or else of the system.
 std::string TemporaryDirectory() {
   char directory[MAX_PATH] = "";
   GetTempPathA(MAX_PATH, directory);
@@ -39,8 +39,8 @@ std::string TemporaryDirectory() {
 // One thread at a time writes. Meanwhile readers may read what has been written, each on one thread
 // at a time. QueryIsReady, Lock and Unlock may be called from any thread.
 //
-// A file that cannot be made is missing: its handle is 0, reads and writes of it fail, WriteAudio
-// with the error of the creation. Everything else works as with files.
+// If a file cannot be created, its handle is 0 and its reads and writes fail, WriteAudio with the
+// error of the creation. Everything else works.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;
@@ -67,9 +67,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
   }
-  // Without a take the out-pointer stays untouched. A reader gets the pool's present bit depth, so
-  // a change of it makes earlier takes unreadable: the pool does not record the depth of a take. If
-  // a reader cannot be created, its HRESULT is returned and the cursor stays where it is.
+  // Without a take the out-pointer stays unchanged. A reader gets the pool's current bit depth. The
+  // pool does not record the depth of a take, so a change of depth makes earlier takes unreadable.
+  // If no reader can be created, its HRESULT is returned and the cursor does not move.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
     cursor_ = takes_.size();
@@ -91,7 +91,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     });
   }
   // Accepts any values. Audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in the
-  // file whatever its code takes, so only 8, 16, 24 and 32 to 39 bits can be read back.
+  // file, rounded down, so only 8, 16, 24 and 32 to 39 bits can be read back.
   STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override {
     bits_per_sample_ = nBitsPerSample;
     dithering_mode_ = nDitheringMode;
@@ -101,9 +101,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   // IAudioWriter
   // Dithering changes the caller's samples. A block that ends within a frame is stored in full, and
-  // its peaks cover the whole frames. Three blocks are refused, with nothing written and the block
-  // unchanged: before SetFormat has set a channel, shorter than a frame or outside 8 to 40 bits
-  // (E_INVALIDARG), and dithering of more than 8 channels (ERROR_NOT_SUPPORTED). A failed write
+  // its peaks cover the whole frames. A refused block is unchanged and nothing is written. Blocks
+  // fail with E_INVALIDARG before SetFormat has set a channel, outside 8 to 40 bits, and if shorter
+  // than a frame. Dithering more than 8 channels fails with ERROR_NOT_SUPPORTED. A failed write
   // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] {
@@ -128,7 +128,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return S_OK;
   }
   STDMETHODIMP CloseDevice() override {
-    // The count falls last: a client that finds the pool ready also finds the take.
+    // The count is decremented last: a client that finds the pool ready also finds the take.
     const HRESULT hr = ComCall([&] {
       if (audio_position_ <= take_audio_begin_) return S_FALSE;
       takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
@@ -149,7 +149,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
 
   // IPeakFile
-  // The next peaks are written at the peak position, so those before it have settled.
+  // The next peaks go to the peak position, so earlier peaks have settled.
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override {
     if (file != peak_file_.handle()) return E_INVALIDARG;
     *end = peak_position_;
@@ -167,7 +167,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   HRESULT CheckBlock(std::size_t samples) const noexcept {
     if (channels_ < 1 || !IsStorable(bits_per_sample_)) return E_INVALIDARG;
-    // Without a frame there is no peak.
+    // A block without a whole frame has no peak.
     if (samples < static_cast<std::size_t>(channels_)) return E_INVALIDARG;
     if (Dithers() && !dither_.CanDither()) return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
     return S_OK;
@@ -175,9 +175,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
   // The peak position follows from the audio position: the next block overwrites the record of an
-  // incomplete group. So the peaks of a take stay in step with its frames only while every block
-  // but the last is a multiple of 256 frames. The record of the incomplete group shows the tail of
-  // a take.
+  // incomplete group. So the peaks stay aligned with the frames only if every block but the last is
+  // a multiple of 256 frames. The record of an incomplete group shows the end of a take.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
     const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
@@ -198,8 +197,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // How often the peak position went back and settled peaks are overwritten: a change of format or
-  // bit depth within a take can cause that.
+  // Counts how often the peak position moved back, so that settled peaks are overwritten. A change
+  // of format or bit depth within a take can cause this.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;

@@ -1,5 +1,4 @@
-// CAudioPoolReader: one region of a pool's files, normally one take, as a source of samples and of
-// peaks.
+// CAudioPoolReader: reads samples and peaks of one region of a pool's files, normally one take.
 #include <marlinda.h>
 
 #include <cstddef>
@@ -28,21 +27,20 @@ HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(
 
 }  // namespace
 
-// Holds no audio: every read goes to the pool's files through the pool's handles. The lock orders
-// the calls on one reader.
+// Holds no audio: every read uses the pool's file handles. The lock serialises the calls on one
+// reader.
 //
-// Reads are not clipped to the region: they reach its neighbours in the pool's file, and only the
-// end of the file stops them (0x80070026). A read need not be whole frames. It fails with
-// ERROR_NEGATIVE_SEEK if its first byte would lie before the file, and with E_INVALIDARG for
-// samples outside 8 to 40 bits.
+// Reads are not clipped to the region. They may reach neighbouring regions and fail with 0x80070026
+// at the end of the file. A read need not be whole frames. It fails with ERROR_NEGATIVE_SEEK if its
+// first byte would lie before the file, and with E_INVALIDARG for samples outside 8 to 40 bits.
 class CAudioPoolReader final
     : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPoolReader;
 
   // IAudioPoolReader
-  // Accepts any values and ignores the results of the pool. A second call aims the reader at
-  // another region. A null pool fails with E_POINTER and changes nothing.
+  // Accepts any values and ignores the results of the pool. A second call selects another region. A
+  // null pool fails with E_POINTER and changes nothing.
   STDMETHODIMP Create(IAudioPool* pPool, __int64 nAudioByteOffset, __int64 nPeakByteOffset,
                       __int64 nByteCount, SHORT nBitsPerSample) override {
     if (pPool == nullptr) return E_POINTER;
@@ -54,7 +52,7 @@ class CAudioPoolReader final
         region_ = {};
         peak_groups_.reset();
       }
-      // Without the lock: the destruction of the old pool may take a while.
+      // Without the lock, because destroying the old pool may take a while.
       pool.Reset();
 
       Region region = {nAudioByteOffset, nPeakByteOffset, nByteCount, nBitsPerSample};
@@ -84,8 +82,8 @@ class CAudioPoolReader final
   }
 
   // IAudioReader
-  // Reads fail with ERROR_INVALID_HANDLE before Create and where the pool has no file. Samples
-  // behind the end of the file keep their values in a 32-bit region and are silence otherwise.
+  // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. Samples past
+  // the end of the file keep their values in a 32-bit region and are silence otherwise.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
@@ -107,7 +105,7 @@ class CAudioPoolReader final
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
     const std::int64_t frame = region_.BytesPerFrame();
     if (frame == 0) return SetOut(pnSamples, 0);
-    // The lowest number has no opposite.
+    // The lowest number cannot be negated.
     return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
                                          : region_.byte_count / frame);
   }
@@ -115,7 +113,7 @@ class CAudioPoolReader final
   STDMETHODIMP OpenDevice() override { return pool_ ? pool_->Lock() : kNoFile; }
   STDMETHODIMP CloseDevice() override { return pool_ ? pool_->Unlock() : kNoFile; }
 
-  // IPeakSummary, of peaks that the pool will not write again.
+  // IPeakSummary. Only for settled peaks.
   STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,
                               std::span<const std::int64_t> ends, std::span<float> pairs) override {
     return ComCall([&]() -> HRESULT {
@@ -148,7 +146,7 @@ class CAudioPoolReader final
  private:
   static constexpr HRESULT kNoFile = HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE);
 
-  // Set by Create, from its arguments and the pool.
+  // Set by Create from its arguments and the pool.
   struct Region {
     std::int64_t audio_offset = 0;
     std::int64_t peak_offset = 0;

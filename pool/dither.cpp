@@ -8,7 +8,7 @@
 namespace marlinda {
 namespace {
 
-// Widest code of the vector forms.
+// The widest code that the vector kernels can produce.
 constexpr int kMaxVectorBits = 24;
 
 ShapingKernel KernelFor(int bits) noexcept {

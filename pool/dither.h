@@ -1,4 +1,4 @@
-// Dithering and noise shaping of float samples towards the codes of a fixed-point width.
+// Dithering and noise shaping of float samples to a fixed-point width.
 #pragma once
 
 #include <array>
@@ -10,13 +10,13 @@
 
 namespace marlinda {
 
-// Dithers interleaved blocks. The errors carry over from block to block, through a filter that
-// moves their noise to where the ear is less sensitive.
+// Dithers interleaved blocks. Errors carry over from block to block. A filter moves their noise to
+// where the ear is less sensitive.
 class DitherState {
  public:
   static constexpr int kMaxChannels = kMaxShapedChannels;
 
-  // Modes; any other value but 0 works as noise shaping alone.
+  // Modes. Any other value but 0 means noise shaping alone.
   static constexpr int kOff = 0;
   static constexpr int kNoiseShaping = 1;
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
@@ -26,19 +26,19 @@ class DitherState {
 
   bool CanDither() const noexcept { return channels_ >= 1 && channels_ <= kMaxChannels; }
 
-  // Replaces the samples of all whole frames by the steps of the target code. Does nothing in mode
-  // 0. An incomplete frame at the end stays unchanged. `random` returns evenly distributed numbers
-  // from 0 to 32767; mode 2 draws two for each sample, other modes none.
+  // Rounds the samples of all whole frames to codes of the target width. Does nothing in mode 0. An
+  // incomplete last frame stays unchanged. `random` returns uniformly distributed numbers from 0 to
+  // 32767; mode 2 draws two for each sample, other modes none.
   //
-  // A sample that is NaN or infinite stays unchanged and leaves no error, which would turn the rest
-  // of the channel into NaN.
+  // A NaN or infinite sample stays unchanged and leaves no error, which would turn the rest of the
+  // channel into NaN.
   template <class Random>
   void Process(std::span<float> samples, Random random) {
     if (mode_ == kOff) return;
     assert(CanDither());
     const auto channels = static_cast<std::size_t>(channels_);
     const std::span<float> whole_frames = samples.first(samples.size() / channels * channels);
-    // The noise does not depend on the errors, so all of it can come first.
+    // The noise does not depend on the errors, so all of it can be added first.
     if (mode_ == kTriangularNoise) {
       for (float& sample : whole_frames) {
         const int first = random();

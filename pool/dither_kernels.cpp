@@ -1,5 +1,6 @@
-// The definition of noise shaping, one sample at a time. Samples and errors are kept as floats.
-// Expressions are evaluated in double: a float cannot tell neighbouring 24-bit codes apart.
+// The reference form of noise shaping, one sample at a time. Samples and errors are stored as
+// floats. Expressions are evaluated in double, because a float cannot tell neighbouring 24-bit
+// codes apart.
 #include "pool/dither_kernels.h"
 
 #include <cmath>

@@ -8,7 +8,7 @@ namespace marlinda {
 
 inline constexpr std::size_t kMaxShapedChannels = 8;
 
-// The codes of a width.
+// The codes of one width.
 struct ShapingSteps {
   double scale;       // highest code
   double offset;      // lowest code
@@ -16,7 +16,7 @@ struct ShapingSteps {
   double reciprocal;  // one code as a sample
 };
 
-// The last quantisation errors of a channel, the newest first.
+// The last quantisation errors of a channel, newest first.
 struct ShapingErrors {
   float newest;
   float second;
@@ -26,19 +26,19 @@ struct ShapingErrors {
 // A three-tap filter over the errors moves their noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// A smaller error cannot change any code and is dropped. Otherwise the filter would ring on in
-// silence down to denormals, which are slow.
+// Smaller errors cannot change any code and are dropped. Otherwise the filter would decay to
+// denormals in silence, which are slow.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
-// Replaces the samples by steps, frame after frame; `errors` has one entry per channel and carries
-// over to the next block.
+// Rounds the samples to codes, frame by frame. `errors` has one entry per channel and carries over
+// to the next block.
 using ShapingKernel = void (*)(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                                std::size_t frames, std::size_t channels);
 
-// The definition of the result.
+// The reference.
 void ScalarShape(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                  std::size_t frames, std::size_t channels) noexcept;
-// The same results, faster; widths of at most 24 bits.
+// Bit-identical to the reference, for widths of at most 24 bits.
 void Sse2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
                std::size_t channels) noexcept;
 void Avx2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,

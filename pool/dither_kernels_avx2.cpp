@@ -1,4 +1,4 @@
-// Noise shaping with FMA. Compiled for AVX2: to be called only where the processor has it.
+// Noise shaping with FMA. Compiled for AVX2; call it only if the processor has it.
 #include <immintrin.h>
 
 #include "pool/dither_shaping.h"

@@ -1,8 +1,8 @@
 // The vector form of noise shaping: two channels side by side. Each sample waits for the error of
-// the one before it, so the speed depends on the length of that chain.
+// the previous one, so the length of that chain limits the speed.
 //
-// `Ops` multiplies, adds and truncates for one level of instructions. Each file has its own Ops in
-// an unnamed namespace, which keeps these templates local to it, too.
+// `Ops` multiplies, adds and truncates for one instruction level. Each file has its own Ops in an
+// unnamed namespace, so that its instances of these templates are local too.
 #pragma once
 
 #include <emmintrin.h>
@@ -11,13 +11,13 @@
 
 namespace marlinda {
 
-// Three steps differ from the definition and give the same bits:
+// Three steps differ from the reference and give the same bits:
 // - A product of floats is exact in double, so multiplying and adding may round once.
-// - Half a code is added together with the offset. The rounding saved is far below a code, and at
-//   the edge of a code there is nothing to round.
-// - code / scale is computed as code * (1 / scale). Rounded to a float the two agree for every code
-//   of up to 24 bits and samples below 4.0.
-// The definition processes a frame with a larger sample, a NaN or an error too small to keep.
+// - Half a code is added together with the offset. This saves one rounding, which is far below a
+// code and can change nothing at the edge of a code.
+// - code / scale is computed as code * (1 / scale). Rounded to float, the two agree for every code
+// of up to 24 bits and samples below 4.0.
+// The reference processes frames with larger samples, NaN or errors too small to keep.
 template <class Ops, std::size_t kChannels>
 void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                    std::size_t frames) noexcept {
@@ -68,7 +68,8 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       __m128 sample = single
                           ? _mm_load_ss(at)
                           : _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
-      // In this order: the first sum has the newest error, the other products can be ready before.
+      // In this order: the first sum has the newest error, and the other products can be ready
+      // before it.
       __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
                                         _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
       shaped = Ops::MultiplyAdd(_mm_cvtps_pd(third[pair]), tap2, shaped);

@@ -1,4 +1,4 @@
-// Peaks: the minimum and maximum of every 256 frames of a block, per channel.
+// Peaks: the minimum and maximum of every 256 frames of a block for each channel.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,19 @@
 
 namespace marlinda {
 
-// Bytes that the peaks of one group take in the peak file: two floats for each channel.
+// Bytes of one group's peaks in the peak file: two floats for each channel.
 constexpr std::int64_t PeakBytes(int channels) noexcept {
   return channels * static_cast<std::int64_t>(2 * sizeof(float));
 }
 
-// Replaces `peaks` by the peaks of a block of interleaved samples, as the peak file stores them:
+// Replaces `peaks` by the peaks of a block of interleaved samples in the layout of the peak file:
 // group after group, the pair (minimum, maximum) of each channel. F whole frames give F / 256 + 1
-// groups. The last group holds the frames that are left, or the last frame once more if none is
-// left: a reader finds the newest peak in either case. No frames give no peaks. `channels` is at
-// least 1.
+// groups. The last group covers the remaining frames, or the last frame again if none remains, so a
+// reader always finds the newest peak. No frames give no peaks. `channels` is at least 1.
 //
 // A sample counts only if it is less or greater than the samples before it, starting from the
-// largest and smallest finite float. So NaN never counts, a group of NaN alone keeps the two start
-// values (minimum above maximum), and a group of +infinity alone keeps the first of them.
+// largest and smallest finite float. So NaN never counts. A group of NaN alone keeps both start
+// values (minimum above maximum); a group of +infinity alone keeps the start value of its minimum.
 void BuildPeaks(std::span<const float> samples, int channels, std::vector<float>& peaks);
 
 }  // namespace marlinda

@@ -1,4 +1,4 @@
-// Peaks of a group with AVX. Compiled for AVX2: to be called only where the processor has it.
+// Peaks of a group with AVX. Compiled for AVX2; call it only if the processor has it.
 #include <immintrin.h>
 
 #include "pool/peak_group.h"
@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t kLanes = 8;
 
-// The instructions return their second operand for NaN and for equal numbers, as a comparison in
-// order does, unless the numbers are zeros of both signs.
+// For NaN and equal numbers the instructions return their second operand, like a comparison in
+// order. Zeros of both signs are the exception.
 struct Extremes {
   void Add(const float* at) noexcept {
     const __m256 values = _mm256_loadu_ps(at);
@@ -29,7 +29,7 @@ struct Extremes {
 
 bool Avx2PeakGroup(const float* samples, std::size_t count, std::size_t channels,
                    float* pairs) noexcept {
-  // Four searches side by side, because each step waits for the one before it.
+  // Four searches side by side, because each step waits for the previous one.
   Extremes first;
   Extremes second;
   Extremes third;

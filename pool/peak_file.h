@@ -1,4 +1,4 @@
-// IPeakFile: how far the peak file of a pool is final. Private: no type library names it.
+// IPeakFile: reports how much of a pool's peak file is final. Private; not in a type library.
 #pragma once
 
 #include <unknwn.h>
@@ -8,8 +8,8 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("e1c7f1de-56f1-4a57-9a5b-0f4c9cf1a7e3") IPeakFile : public IUnknown {
-  // `end` receives the byte position up to which the peak file does not change any more, as long as
-  // `rewinds` stays the same. Fails if `file` is another file.
+  // `end` receives the byte position of the first peak that may still change. Peaks before it are
+  // final while `rewinds` stays the same. Fails if `file` is another file.
   virtual HRESULT STDMETHODCALLTYPE GetSettledPeaks(HANDLE file, std::int64_t* end,
                                                     std::uint32_t* rewinds) = 0;
 };

@@ -1,5 +1,5 @@
-// The AVX form of the search for the peaks of a group. Only peak_builder.cpp calls it. A file that
-// is compiled for AVX2 includes this header, so it defines nothing inline.
+// The AVX search for the peaks of a group. Only peak_builder.cpp calls it. Files compiled for AVX2
+// include this header, so it defines nothing inline.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace marlinda {
 inline constexpr float kLargestSample = std::numeric_limits<float>::max();
 
 // Writes the pair (minimum, maximum) of each channel of `count` samples, a multiple of 32, of 1, 2,
-// 4 or 8 channels. False if a zero is among the results: its sign depends on the order of samples.
+// 4 or 8 channels. Returns false if a result is zero: its sign depends on the order of the samples.
 bool Avx2PeakGroup(const float* samples, std::size_t count, std::size_t channels,
                    float* pairs) noexcept;
 

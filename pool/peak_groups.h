@@ -15,30 +15,30 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// Floats per read at most: the block is compared while it is in the cache.
+// At most this many floats per read, so that the block is still cached when it is compared.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
-// Caches the extremes of every group of 64 peaks that was read, and the peaks of the groups in
-// which a stretch begins or ends. Drawing the same picture again reads nothing, another picture
-// reads one group for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much
-// while the take grows, and the cached peaks at most 4 MiB.
+// Caches the extremes of every group of 64 peaks that was read, and the peaks of groups in which a
+// stretch begins or ends. Drawing the same plot again reads nothing; another plot reads one group
+// for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much while the take
+// grows. The cached peaks take at most 4 MiB.
 class PeakGroups {
  public:
-  // Fills the array with the peaks from `first` on. False if that fails.
+  // Fills the array with the peaks from `first` on. Returns false on failure.
   using Read = std::function<bool(std::int64_t first, std::span<float> peaks)>;
 
   // `channels` is at least 1.
   explicit PeakGroups(std::size_t channels) noexcept : pair_floats_(2 * channels) {}
 
-  // States that the peaks before this one do not change any more. If one does change, start over
-  // with a new object.
+  // Declares the peaks before this one final. If one changes nevertheless, start over with a new
+  // object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
-  // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). Stretches follow
-  // each other: the first begins at `first`, stretch i ends before the peak ends[i]. Their peaks
-  // have settled. False as soon as a read fails; the pairs are then undefined.
+  // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). The first stretch
+  // begins at `first`; stretch i ends before peak ends[i], where the next one begins. Their peaks
+  // have settled. Returns false as soon as a read fails; the pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read) {
     if (!LearnGroups(first, ends, read)) return false;
@@ -62,7 +62,7 @@ class PeakGroups {
   }
 
  private:
-  // Reads the groups that lie wholly in the stretches and are not known yet.
+  // Reads the groups that lie wholly in the stretches and are not cached yet.
   bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read) {
     if (ends.empty()) return true;
     const std::int64_t last_group = ends.back() / kGroup;
@@ -102,7 +102,7 @@ class PeakGroups {
     }
     return true;
   }
-  // Extends the pairs by some of the peaks of one group, or by none.
+  // Extends the pairs by the peaks in a part of one group, which may be empty.
   bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
                     const Read& read) {
     if (begin >= end) return true;
@@ -126,7 +126,7 @@ class PeakGroups {
                              .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
     return true;
   }
-  // Drops all cached peaks when they become too many: pictures of one size need far fewer.
+  // Drops all cached peaks if there are too many. Plots of one size need far fewer.
   void Keep(std::int64_t group, std::span<const float> peaks) {
     if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
     kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());

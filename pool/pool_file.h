@@ -1,4 +1,4 @@
-// The files of a pool: temporary files, and reads and writes of whole blocks at 64-bit places.
+// The files of a pool: temporary files, and block reads and writes at 64-bit offsets.
 #pragma once
 
 #include <windows.h>
@@ -16,14 +16,15 @@
 
 namespace marlinda {
 
-// Most blocks take one system call. A larger one does not fit in its 32-bit count.
+// A larger count does not fit in the 32 bits of the system call.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
-// Names to try before the creation of a file fails.
+// Names to try before the creation fails.
 inline constexpr int kMaxNames = 10;
 
-// Moves the file pointer and keeps other threads from moving it until the end of the scope: all
-// users of a handle share it. An offset in the read or write itself needs no lock, but costs forty
+// Moves the file pointer and holds the lock until the end of the scope, because all users of a
+// handle share the pointer. An offset in the read or write call needs no lock, but is forty times
+// slower under Wine.
 // times as much under Wine.
 class Seek {
  public:
@@ -39,7 +40,7 @@ class Seek {
   Seek& operator=(const Seek&) = delete;
 
  private:
-  // Shared by all files, by handle. Two files with the same lock wait for each other now and then.
+  // The locks of all files, selected by handle. Two files may share a lock.
   static inline SRWLOCK locks[64] = {};
 
   SRWLOCK* const lock_;
@@ -50,8 +51,8 @@ struct ReadResult {
   std::size_t count;  // bytes that were read
 };
 
-// Reads into `bytes` from `offset`, whatever other threads do with the same handle meanwhile. An
-// offset before the start of the file fails with ERROR_NEGATIVE_SEEK.
+// Reads into `bytes` from `offset`. Other threads may use the same handle meanwhile. An offset
+// before the start of the file fails with ERROR_NEGATIVE_SEEK.
 inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept {
   if (offset < 0) return {HRESULT_FROM_WIN32(ERROR_NEGATIVE_SEEK), 0};
   // No file is that long.
@@ -71,12 +72,12 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
   return {S_OK, count};
 }
 
-// A file that the system deletes when its handle is closed. It is not deleted by name as well: by
-// then another program may have made a file of that name.
+// A file that the system deletes when its handle is closed. Deleting it by name as well could hit a
+// new file of another program.
 class TemporaryFile {
  public:
-  // Makes a file with a new name, for reading and writing through this handle alone. A failure is
-  // reported by Write.
+  // Creates a file with a new name, for reading and writing through this handle alone. Write
+  // reports a failure.
   void Create(const std::string& directory, const char* prefix) noexcept {
     // The system makes an empty file to reserve the name. Opening that file would truncate it, and
     // some file systems write a truncated file to the disk when it is closed, although it is
@@ -88,7 +89,7 @@ class TemporaryFile {
     }
     for (int i = 0; i < kMaxNames && !handle_; ++i) {
       char name[MAX_PATH] = "";
-      // Wine returns a number also when it could not make a file. The creation fails then.
+      // Wine returns a number even if it could not create a file. The creation then fails.
       if (GetTempFileNameA(directory.c_str(), prefix, 0, name) != 0) {
         DeleteFileA(name);
         handle_.Reset(CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
@@ -98,7 +99,7 @@ class TemporaryFile {
     }
   }
 
-  // Null if the file could not be made.
+  // Null if the file could not be created.
   HANDLE handle() const noexcept { return handle_ ? handle_.get() : nullptr; }
 
   // Writes all of `bytes` at `offset`. Fails with the error of Create if there is no file. A failed

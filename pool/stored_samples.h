@@ -1,4 +1,4 @@
-// How samples lie in the pool's audio file.
+// The layout of samples in the pool's audio file.
 #pragma once
 
 #include <algorithm>
@@ -17,12 +17,12 @@ inline constexpr std::size_t kMaxKeptBytes = std::size_t{1} << 22;
 // Below 8 bits a sample takes no bytes. No code is wider than 40 bits.
 constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 
-// Bytes that a sample takes in the file. At widths between 8, 16, 24 and 32 bits this is less than
-// its code takes, and at 40 bits more.
+// Bytes of a sample in the file. Widths between 8, 16, 24 and 32 bits have fewer bytes than their
+// code needs, and 40 bits more.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
-// base + unit * count, the place of an item in a file. Returns the largest or smallest number where
-// the sum does not fit in 64 bits: no file is that long. A unit below 1 counts as 0.
+// base + unit * count, the offset of an item in a file. Returns the largest or smallest number if
+// the sum does not fit in 64 bits. A unit below 1 counts as 0.
 constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
                                   std::int64_t count) noexcept {
   constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
@@ -34,8 +34,8 @@ constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
   return base + unit * count;
 }
 
-// Converts blocks between samples and their stored bytes. The widths are storable ones. The buffer
-// is kept between blocks: a fresh large allocation costs more than the conversion.
+// Converts blocks between samples and their stored bytes, at storable widths. Reuses its buffer: a
+// fresh large allocation costs more than the conversion.
 class StoredSamples {
  public:
   // Returns the bytes to store. At 32 bits they are the samples themselves, otherwise the buffer,
@@ -55,14 +55,14 @@ class StoredSamples {
     buffer_.resize(count * std::max(PcmBytesPerSample(bits), stored_bytes));
     return std::span(buffer_).first(count * stored_bytes);
   }
-  // Decodes the first `read` bytes of the buffer. Samples behind them become silence.
+  // Decodes the first `read` bytes of the buffer. The remaining samples become silence.
   void Decode(std::size_t read, std::span<float> samples, int bits) const {
     ConvertPcmToFloat(buffer_, samples, bits);
     const std::size_t decoded = std::min(samples.size(), read / PcmBytesPerSample(bits));
     std::ranges::fill(samples.subspan(decoded), 0.0F);
   }
 
-  // Frees the buffer of an unusually large block, which the object would otherwise hold for life.
+  // Frees the buffer of an unusually large block.
   void Trim() noexcept {
     if (buffer_.capacity() > kMaxKeptBytes) std::vector<std::byte>().swap(buffer_);
   }

@@ -29,7 +29,7 @@ bool IsRunning(ICoreTask* task) {
          running != VARIANT_FALSE;
 }
 
-// Not known if the source does not report it.
+// Unknown if the source does not report it.
 StreamFormat AskFormat(const Filters& filters) {
   StreamFormat format;
   HRESULT hr = E_NOINTERFACE;
@@ -41,7 +41,7 @@ StreamFormat AskFormat(const Filters& filters) {
   return SUCCEEDED(hr) ? format : StreamFormat{};
 }
 
-// Lets an import end, also one that waits for room, and drops the queued samples.
+// Cancels the import, even if it waits for room, and drops the queued samples.
 void EndImport(SourceFeed& job, const Filters& filters) {
   job.queue().Interrupt();
   if (filters.import_task) filters.import_task->Cancel();
@@ -50,17 +50,17 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 
 }  // namespace
 
-// A writer to the import filter and a reader to the export filter, with a bounded queue and, where
-// the formats differ, the external format converter in between. As a task it runs the tasks of the
-// two filters.
+// A writer to the import filter and a reader to the export filter, with a bounded queue between
+// them. Converts with the external format converter if the formats differ. As a task it runs the
+// tasks of both filters.
 //
-// The filters hold this object as their writer and reader, and it holds them. Cancel releases them,
-// and so does a poll of QueryIsTaskRunning that finds the export ended. One of the two is needed:
-// an import that waits for room waits until then.
+// The connector and its filters hold each other. Cancel releases the filters, and so does a poll of
+// QueryIsTaskRunning that finds the export ended. Call one of the two: until then, an import that
+// waits for room keeps waiting.
 //
-// The host's thread alone calls the filters and counts their references. ReadAudio and GetFormat
-// are for the export's thread, WriteAudio and QueryIsReady for the import's. They use no filter but
-// the source reader. GetSampleCount, for the export's thread, reports the length that was learnt
+// Only the host's thread calls the filters and counts their references. The export's thread calls
+// ReadAudio, GetFormat and GetSampleCount, the import's thread WriteAudio and QueryIsReady. These
+// methods use no filter but the source reader. GetSampleCount reports the length that was read
 // before Start.
 class CAudioConnector final
     : public Object<CAudioConnector, IAudioConnector, ICoreTask, IAudioReader, IAudioWriter> {
@@ -68,9 +68,9 @@ class CAudioConnector final
   static constexpr const CLSID& kClassId = CLSID_CAudioConnector;
 
   // IAudioConnector. A failure (E_POINTER, E_NOINTERFACE, E_INVALIDARG for this object as its own
-  // reader) leaves the earlier set-up as it is. A new set-up cancels what still runs of the earlier
-  // one and drops its queued samples. A target with a rate or channel count that is not positive
-  // makes no converter.
+  // reader) leaves the earlier set-up unchanged. A new set-up cancels the running tasks of the
+  // earlier one and drops its queued samples. A target whose rate or channel count is not positive
+  // creates no converter.
   STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override {
     if (punkImportFilter == nullptr || punkExportFilter == nullptr) return E_POINTER;
@@ -95,8 +95,8 @@ class CAudioConnector final
     });
   }
 
-  // ICoreTask. Start and Cancel do their work and return E_NOTIMPL. Ignore the result. Start starts
-  // the export, then the import, whatever the results. Cancel cancels the export, which leaves a
+  // ICoreTask. Start and Cancel do their work and return E_NOTIMPL; ignore the result. Start starts
+  // the export, then the import, whatever their results. Cancel cancels the export, which leaves a
   // valid file, then the import.
   STDMETHODIMP Start() override {
     ComCall([&] {
@@ -120,7 +120,7 @@ class CAudioConnector final
         // delivers.
         job->queue().LimitTimeouts(1);
         ended.export_task->Cancel();
-        // Before the import: the owner of the export may wait for its file.
+        // Before the import is released: the owner of the export may be waiting for its file.
         ended.export_filter.Reset();
         ended.export_task.Reset();
       }
@@ -142,14 +142,14 @@ class CAudioConnector final
         return hr;
       }
       VARIANT_BOOL imports = VARIANT_FALSE;
-      // An import that does not answer may still deliver.
+      // An import whose query fails may still deliver.
       if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
         job->SetImportRuns(imports != VARIANT_FALSE);
       }
       return hr;
     });
   }
-  // As the export task reports. 1.0 without one.
+  // The progress of the export task. 1.0 without one.
   STDMETHODIMP GetProgress(FLOAT* pfProgress) override {
     return ComCall([&] {
       const Filters filters = CopyFilters();
@@ -169,12 +169,12 @@ class CAudioConnector final
   STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
     return ComCall([&] { return job()->Read(psaAudioData); });
   }
-  // The target format.
+  // Returns the target format.
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     const auto job = this->job();
     return SetOut(pnSamplesPerSec, job->target().rate, pnChannels, job->target().channels);
   }
-  // The source's frames, at the target's rate.
+  // Returns the source's length in frames at the target's rate.
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
     if (pnSamples == nullptr) return E_POINTER;
     *pnSamples = 0;
@@ -201,13 +201,13 @@ class CAudioConnector final
   STDMETHODIMP CloseDevice() override { return S_OK; }
 
  private:
-  // Cancels what still runs of the earlier set-up and takes its place.
+  // Cancels the running tasks of the earlier set-up and replaces it.
   HRESULT SetUp(Filters filters, IUnknown* export_filter, const StreamFormat& target) {
     filters.export_filter = TryQuery<IExportFilter>(export_filter);
     filters.export_task = TryQuery<ICoreTask>(export_filter);
     if (!filters.export_filter || !filters.export_task) return E_NOINTERFACE;
     auto job = std::make_shared<SourceFeed>(filters.reader.Get(), target);
-    // A filter that has ended is not cancelled: the host may have initialised it for its next run.
+    // An ended filter is not cancelled: the host may have initialised it for its next run.
     const std::shared_ptr<SourceFeed> old_job = this->job();
     const Filters old = DetachFilters();
     old_job->queue().LimitTimeouts(1);
@@ -227,7 +227,7 @@ class CAudioConnector final
     LearnSource();
     return S_OK;
   }
-  // Shared with the worker threads. A new set-up has a new one.
+  // Shared with the worker threads. Each set-up has its own.
   std::shared_ptr<SourceFeed> job() const {
     const std::lock_guard lock(mutex_);
     return job_;
@@ -236,7 +236,7 @@ class CAudioConnector final
     const std::lock_guard lock(mutex_);
     return filters_;
   }
-  // Removes all filters but the reader, which is no task and stays until the next set-up.
+  // Removes all filters but the reader, which is not a task and stays until the next set-up.
   Filters DetachFilters() {
     const std::lock_guard lock(mutex_);
     Filters detached = std::exchange(filters_, {});
@@ -268,7 +268,7 @@ class CAudioConnector final
   Filters filters_;
   std::shared_ptr<SourceFeed> job_ = std::make_shared<SourceFeed>();
   bool started_ = false;
-  // As learnt last.
+  // As last read from the source.
   LONG source_rate_ = 0;
   __int64 source_frames_ = 0;
   HRESULT frames_result_ = S_OK;

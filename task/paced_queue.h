@@ -15,13 +15,13 @@ namespace marlinda {
 
 // One writer and one reader. The other calls come from any thread.
 //
-// Either side is woken only when its wait is over: a wake-up for each packet costs more than the
-// packet. It sets `writer_waits_` or `wanted_` under the lock before it looks at the queue, and the
+// A side is woken only when its wait is over: a wake-up for each packet costs more than the packet.
+// The waiting side sets `writer_waits_` or `wanted_` under the lock before it tests the queue. The
 // other side reads them under the lock after it has changed the queue, so no wake-up is lost.
 class PacedQueue {
  public:
-  // The writer waits while the queue holds more. Test and append are two steps, so the queue holds
-  // up to one block more than this.
+  // The writer waits while the queue holds more. Testing and appending are two steps, so the queue
+  // holds at most one block more than this.
   static constexpr std::size_t kMaxQueued = 0x800000;
 
   struct Pace {
@@ -35,7 +35,7 @@ class PacedQueue {
   std::size_t Count() const noexcept { return queue_.Count(); }
   bool HasRoom() const noexcept { return queue_.Count() < kMaxQueued; }
 
-  // Writer: waits for room without limit. False if interrupted.
+  // Writer: waits for room, without a time limit. Returns false if interrupted.
   bool AwaitRoom() {
     std::unique_lock lock(mutex_);
     writer_waits_ = true;
@@ -43,11 +43,11 @@ class PacedQueue {
     writer_waits_ = false;
     return !interrupted_;
   }
-  // Writer: appends the samples. Throws std::bad_alloc and leaves the queue as it was.
+  // Writer: appends the samples. If it throws std::bad_alloc, the queue is unchanged.
   void Put(std::span<const float> samples) {
     const std::size_t needed = queue_.Count() + samples.size() + 1;
     const std::size_t capacity = queue_.Capacity();
-    // The ring grows by the appended size. Doubling it, up to the limit of the queue, avoids
+    // The ring grows only by the appended size. Doubling it, up to the limit of the queue, saves
     // thousands of copies while the queue fills.
     if (needed > capacity) {
       queue_.Reserve(std::max(needed, std::min(2 * capacity, kMaxQueued + samples.size() + 1)));
@@ -59,7 +59,7 @@ class PacedQueue {
   }
 
   // Reader: waits until the queue holds `wanted` samples. Adds the rounds in which nothing arrived
-  // to `timeouts`. False if these become too many, or if interrupted.
+  // to `timeouts`. Returns false if there are too many of them, or if interrupted.
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
     std::unique_lock lock(mutex_);
     const auto is_over = [&] { return interrupted_ || queue_.Count() >= wanted; };
@@ -78,7 +78,7 @@ class PacedQueue {
     if (writer_waits_ && queue_.Count() <= kMaxQueued) room_.notify_one();
   }
 
-  // Makes the reader give up after so many timeouts, until Reset.
+  // Makes the reader give up after this many timeouts, until Reset.
   void LimitTimeouts(int max_timeouts) {
     const std::lock_guard lock(mutex_);
     max_timeouts_ = max_timeouts;

@@ -1,4 +1,4 @@
-// SourceFeed: the samples of one set-up, from the source through the converter into the queue.
+// SourceFeed: moves the samples of one set-up from the source through the converter into the queue.
 #pragma once
 
 #include <converter.h>
@@ -29,9 +29,9 @@ struct StreamFormat {
 };
 
 inline constexpr __int64 kFramesPerPull = 65535;
-// Give up on a reader after this many blocks from which nothing arrives in the queue.
+// Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// No converter holds back as much as all of these blocks.
+// Converters hold back less than these blocks together.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -52,11 +52,11 @@ inline ComPtr<IFormatConverter> CreateConverter(const StreamFormat& source,
 }
 
 // Shared by the host's thread and the threads of the two filters. It holds no reference to a
-// filter: filters belong to the host's apartment and may count their references without
-// interlocking.
+// filter: filters belong to the host's apartment, and their reference counts may not be
+// thread-safe.
 class SourceFeed {
  public:
-  // A plain queue, before the first set-up.
+  // A queue without a source, for the time before the first set-up.
   SourceFeed() = default;
   // `reader` is borrowed until DetachReader. Null means that an import filter writes the samples.
   SourceFeed(IAudioReader* reader, const StreamFormat& target)
@@ -79,15 +79,16 @@ class SourceFeed {
     const std::lock_guard lock(mutex_);
     converter_.Swap(converter);
   }
-  // Host: whether the import task ran at the last poll.
+  // Host: sets whether the import task ran at the last poll.
   void SetImportRuns(bool runs) noexcept { import_runs_ = runs; }
-  // Host: waits for the end of a read of the reader and prevents further ones.
+  // Host: waits for the current read of the reader to end and prevents further ones.
   void DetachReader() {
     const std::lock_guard lock(mutex_);
     reader_ = nullptr;
   }
 
-  // Export's thread. S_FALSE and 0.0 for the rest if the source has stopped delivering.
+  // Export's thread. Returns S_FALSE and fills the rest with 0.0 if the source has stopped
+  // delivering.
   HRESULT Read(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);
@@ -120,7 +121,8 @@ class SourceFeed {
   }
 
  private:
-  // Both bring the queue to `wanted` samples. False if the source does not deliver them.
+  // Both fill the queue up to `wanted` samples. They return false if the source does not deliver
+  // them.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {
@@ -132,23 +134,23 @@ class SourceFeed {
     return true;
   }
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
-    // After one read that waited in vain for an import that has ended, the others need not wait.
+    // After the import has ended and one read has waited in vain, further reads do not wait.
     const bool waits = import_runs_ || !gave_up_;
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
     if (complete || import_runs_) return complete;
-    // The import ended before its promised length: get the last frames out of the converter.
+    // The import ended before its reported length: flush the last frames out of the converter.
     const std::lock_guard lock(mutex_);
     PushSilence();
     return false;
   }
 
-  // The lock is held in all of these.
+  // Call with the lock held.
   void PullBlock() {
     if (!block_) block_ = std::make_unique<SampleArray>();
     SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *
                                              static_cast<std::size_t>(source_.channels));
-    // The block is silent where the reader fails, so its result does not matter.
+    // The block stays silent if the reader fails, so its result does not matter.
     reader_->ReadAudio(read_position_, array);
     SilenceBeyondEnd(block_->samples(), read_position_);
     read_position_ += kFramesPerPull;
@@ -167,7 +169,7 @@ class SourceFeed {
     Convert(array);
     samples_in_ += static_cast<__int64>(samples.size());
     if (source_frames_ <= 0 || samples_in_ / source_.channels < source_frames_) return;
-    // The source is complete, but the converter holds back its last frames.
+    // The source is complete, but the converter still holds its last frames.
     const __int64 frames = ConvertSampleCount(source_frames_, source_.rate, target_.rate);
     while (samples_out_ / target_.channels < frames && PushSilence()) {
     }
@@ -182,7 +184,8 @@ class SourceFeed {
     queue_.Put(view.samples());
     samples_out_ += static_cast<__int64>(view.samples().size());
   }
-  // Pushes the last frames out of the converter. False if there is no converter or it had enough.
+  // Flushes the last frames out of the converter. Returns false if there is no converter or it has
+  // got enough silence.
   bool PushSilence() {
     if (!converter_ || silent_blocks_ == kMaxSilentBlocks) return false;
     ++silent_blocks_;
@@ -197,7 +200,7 @@ class SourceFeed {
   std::atomic<bool> import_runs_ = true;
   std::atomic<bool> gave_up_ = false;  // the last read waited for its full time
 
-  std::mutex mutex_;  // of all below
+  std::mutex mutex_;  // guards the members below
   IAudioReader* reader_ = nullptr;
   std::unique_ptr<SampleArray> block_;
   __int64 read_position_ = 0;
@@ -205,7 +208,7 @@ class SourceFeed {
   __int64 source_frames_ = 0;
   ComPtr<IFormatConverter> converter_;
   __int64 samples_in_ = 0;
-  __int64 samples_out_ = 0;  // of the converter
+  __int64 samples_out_ = 0;  // delivered by the converter
   int silent_blocks_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// The one class of this module.
+// The only class of this module.
 #include "core/class_table.h"
 
 #include <converter.h>

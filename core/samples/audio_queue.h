@@ -1,5 +1,5 @@
-// A growable first-in-first-out ring of float samples with its own lock, for a producer and a
-// consumer that work at different block sizes.
+// A growable first-in-first-out ring of float samples with its own lock, between a producer and a
+// consumer with different block sizes.
 #pragma once
 
 #include <algorithm>
@@ -12,31 +12,30 @@
 
 namespace marlinda {
 
-// One thread may append while another reads. The ring grows when an append would fill it and never
-// shrinks, so a steady stream stops allocating.
+// One thread may append while another reads. The ring grows when an append would fill it, and never
+// shrinks except in Clear, so a steady stream stops allocating.
 class CAudioQueue {
  public:
   CAudioQueue() : ring_(kGrowMinimum) {}
   virtual ~CAudioQueue() = default;
 
-  // Samples waiting. Read without the lock: only the consumer lowers it, so a stale value never
-  // promises it too much.
+  // Samples in the queue, read without the lock. Only the consumer lowers the count, so a stale
+  // value is never too high for it.
   std::size_t Count() const noexcept { return count_; }
 
-  // Ring size in samples; always more than Count().
+  // The ring's size in samples, which is more than Count().
   std::size_t Capacity() const {
     const std::lock_guard lock(mutex_);
     return ring_.size();
   }
 
-  // Makes the ring at least that large, in one step where many appends would take many.
+  // Grows the ring to at least this size in one step, instead of many appends growing it.
   void Reserve(std::size_t capacity) {
     const std::lock_guard lock(mutex_);
     if (capacity > ring_.size()) MoveToRing(capacity);
   }
 
-  // Drops all samples and the memory that they grew to; the latter stays when there is none for the
-  // first size.
+  // Drops all samples and shrinks the ring to its first size, unless memory runs out.
   void Clear() noexcept {
     const std::lock_guard lock(mutex_);
     read_index_ = 0;
@@ -44,11 +43,11 @@ class CAudioQueue {
     try {
       std::vector<float>(kGrowMinimum).swap(ring_);
     } catch (const std::bad_alloc&) {
-      // The larger ring serves as well.
+      // Out of memory: the larger ring remains.
     }
   }
 
-  // Adds the samples at the end. Throws std::bad_alloc and leaves the queue as it was.
+  // Appends the samples. If it throws std::bad_alloc, the queue is unchanged.
   void Append(std::span<const float> samples) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -62,11 +61,10 @@ class CAudioQueue {
     count_.store(count + samples.size(), std::memory_order_release);
   }
 
-  // Copies the first samples into all of `destination` and consumes as many. A queue that holds
-  // fewer gives 0.0 for the rest.
+  // Fills `destination` with the first samples, and with 0.0 if there are fewer, and consumes them.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
-  // The same, but consumes `advance` samples: 0 only looks.
+  // The same, but consumes `advance` samples: 0 only peeks.
   void Read(std::span<float> destination, std::size_t advance) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -87,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // Of a position that is less than two rings: cheaper than a division.
+  // For positions below two ring sizes: cheaper than a division.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

@@ -34,7 +34,8 @@ CpuLevel Detect() noexcept {
   const bool fma = HasBit(registers[kEcx], 12);
   const bool reads_saved_state = HasBit(registers[kEcx], 27);
   if (!sse2) return CpuLevel::kScalar;
-  // The registers of SSE and the upper halves of AVX: without them a thread switch loses values.
+  // The SSE registers and the upper halves of AVX. If the system does not save them, a thread
+  // switch loses values.
   constexpr unsigned kWideRegisters = 0x6;
   if (!fma || !reads_saved_state || highest_leaf < 7 ||
       (static_cast<unsigned>(_xgetbv(0)) & kWideRegisters) != kWideRegisters) {

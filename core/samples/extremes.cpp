@@ -5,11 +5,11 @@
 namespace marlinda {
 namespace {
 
-// Whether the floats that a walk visits are samples or, in pairs, the lowest and highest of peaks.
+// Whether the floats are samples or peaks, which are pairs of lowest and highest.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
-  // The two comparisons, and no minimum function, decide what becomes of a NaN.
+  // Two comparisons rather than a minimum function, because they define the treatment of NaN.
   void Add(float low, float high) noexcept {
     lowest = low < lowest ? low : lowest;
     highest = high > highest ? high : highest;
@@ -19,8 +19,9 @@ struct Extremes {
   float highest = kNoHighest;
 };
 
-// The definition, for one channel: `count` records, each `stride` floats behind the one before.
-// Each comparison waits for the one before it, so four stretches of the records are compared side
+// The reference, for one channel: `count` records, each `stride` floats after the previous one.
+// Each comparison waits for the previous one, so four stretches are compared side by side and
+// joined in order, with the same result. A few records are not worth it.
 // by side; joined in their order they give what one walk gives. For a few that does not pay.
 constexpr std::size_t kFewRecords = 24;
 
@@ -44,8 +45,8 @@ void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
   pair[1] = all.highest;
 }
 
-// The same for floats that lie side by side, four at a time. The instructions return their second
-// operand for a NaN and for equal numbers, as Add does.
+// The same for contiguous floats, four at a time. For NaN and equal numbers the instructions return
+// their second operand, like Add.
 struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);
@@ -61,8 +62,8 @@ struct FourExtremes {
   __m128 highest = _mm_set1_ps(kNoHighest);
 };
 
-// Records of 1, 2 or 4 floats, at least four floats of them. Each lane of the result belongs to the
-// float of the record that has its number, modulo the record's size.
+// Searches records of 1, 2 or 4 floats, at least four floats in all. Lane i of the result belongs
+// to float i modulo the record size.
 FourExtremes Search(std::span<const float> records) noexcept {
   const float* at = records.data();
   const float* const end = at + records.size();
@@ -77,7 +78,7 @@ FourExtremes Search(std::span<const float> records) noexcept {
     fourth.Add(at + 12);
   }
   for (; end - at >= 4; at += 4) first.Add(at);
-  // The last ones with some that were there before, which changes nothing.
+  // The last vector overlaps earlier floats, which changes nothing.
   if (at < end) first.Add(end - 4);
   first.Add(second);
   third.Add(fourth);
@@ -98,8 +99,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
   return _mm_movemask_epi8(found) != 0;
 }
 
-// False, and nothing done, where only the walk in order gives the exact result: of zeros of both
-// signs the first one counts, and lanes do not tell which that was.
+// Returns false and changes nothing if the order matters: of zeros of both signs the first counts,
+// and lanes do not record which was first.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

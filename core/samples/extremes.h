@@ -1,4 +1,4 @@
-// Extremes: the lowest and the highest of many samples or peaks of each channel.
+// Extremes: the lowest and highest of many samples or peaks, for each channel.
 #pragma once
 
 #include <cstddef>
@@ -11,12 +11,12 @@ namespace marlinda {
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both compare one value after the other and replace a pair's element only by a smaller or greater
-// one. So NaN is skipped, and of 0.0 and -0.0 the first one stays.
+// Both functions compare one value after the other and replace an element only by a smaller or
+// greater value. So NaN is skipped, and of 0.0 and -0.0 the first stays.
 //
-// By interleaved samples, whole frames.
+// Extends by interleaved samples, whole frames.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;
-// By peaks, which are pairs for each channel themselves.
+// Extends by peaks, which are also one pair for each channel.
 void ExtendByPeaks(std::span<float> pairs, std::span<const float> peaks) noexcept;
 
 }  // namespace marlinda

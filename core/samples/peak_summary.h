@@ -1,5 +1,5 @@
-// IPeakSummary: gives the extremes of ranges of peaks without copying each peak. Private and
-// optional: no type library describes it.
+// IPeakSummary: returns the extremes of ranges of peaks without copying each peak. Private and
+// optional; not in a type library.
 #pragma once
 
 #include <marlinda.h>
@@ -10,11 +10,11 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("b8a0b9a5-3c3b-4f0f-8a38-6de1f4f9c2d7") IPeakSummary : public IUnknown {
-  // The ranges follow each other: the first begins at peak `first`, range i ends before peak
-  // ends[i]. For each range writes one pair (lowest, highest) per channel: the result of ReadPeaks
-  // and a comparison of one peak after the other.
+  // The first range begins at peak `first`; range i ends before peak ends[i], where the next
+  // begins. Writes one pair (lowest, highest) per channel for each range. The result equals that of
+  // ReadPeaks and a comparison of one peak after the other.
   //
-  // On failure, use ReadPeaks instead. Fails also when `peaks` is not this object's own interface,
+  // On failure, use ReadPeaks instead. Also fails if `peaks` is not this object's own interface,
   // because an outer object replaces it.
   virtual HRESULT STDMETHODCALLTYPE SummarizePeaks(IPeakReader* peaks, std::size_t channels,
                                                    std::int64_t first,

@@ -1,6 +1,6 @@
-// The one pair of converters between the engine's float samples (full scale -1.0 to +1.0) and
-// packed little-endian PCM. The width is chosen by `bits`: more than 24 is 32-bit, 17 to 24 is
-// 24-bit, fewer than 9 is 8-bit (unsigned), anything else 16-bit.
+// Converts between the engine's float samples (full scale -1.0 to +1.0) and packed little-endian
+// PCM. `bits` chooses the width: above 24 is 32-bit, 17 to 24 is 24-bit, below 9 is 8-bit
+// (unsigned), the rest 16-bit.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace marlinda {
 
-// Bytes that one sample takes in the PCM form chosen by `bits`.
+// Bytes per PCM sample at the width chosen by `bits`.
 std::size_t PcmBytesPerSample(int bits) noexcept;
 
 // Converts every sample of `source`; `destination` holds at least source.size() PCM samples.

@@ -1,13 +1,13 @@
-// The loops of the vector forms of the converters. `kConvertBlock` is a function of the file that
-// includes this, in an unnamed namespace, which makes the loop that file's own, too.
+// The loops of the vector forms of the converters. `kConvertBlock` lies in the unnamed namespace of
+// the including file, so each file has its own loop.
 #pragma once
 
 #include "core/samples/sample_kernels.h"
 
 namespace marlinda {
 
-// `kConvertBlock` converts kBlock samples and touches no more memory than kReach samples take. The
-// scalar form does what is left.
+// `kConvertBlock` converts kBlock samples and accesses at most the memory of kReach samples. The
+// scalar form converts the rest.
 template <std::size_t kBytes, std::size_t kBlock, std::size_t kReach, auto kConvertBlock>
 void EncodeBlocks(const float* source, std::byte* out, std::size_t count) noexcept {
   for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {

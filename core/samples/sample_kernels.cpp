@@ -1,4 +1,4 @@
-// The rules of the sample converters, one sample at a time.
+// The reference form of the sample converters, one sample at a time.
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -8,15 +8,15 @@
 namespace marlinda {
 namespace {
 
-// Truncation toward zero as processors do it: what does not fit, NaN included, becomes the integer
-// indefinite value. In C++ such a conversion is undefined, so it is spelled out.
+// Truncates toward zero like the processor: NaN and values that do not fit become the integer
+// indefinite value. The C++ conversion of those is undefined, so it is spelled out.
 std::int32_t Truncate(double value) noexcept {
   constexpr double kLimit = 2147483648.0;
   if (!(value > -kLimit - 1.0 && value < kLimit)) return std::numeric_limits<std::int32_t>::min();
   return static_cast<std::int32_t>(value);
 }
 
-// Neither comparison holds for NaN, which passes through.
+// Both comparisons are false for NaN, which passes through.
 double Clamp(double value, double lowest, double highest) noexcept {
   if (value > highest) return highest;
   if (value < lowest) return lowest;

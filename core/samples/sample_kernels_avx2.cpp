@@ -1,5 +1,5 @@
-// The sample converters with AVX2 and FMA, in single precision throughout. Compiled for those
-// instructions, so nothing else must call what is defined here but through the table.
+// The sample converters with AVX2 and FMA, in single precision. Compiled for AVX2; other files call
+// these functions only through the table.
 #include <immintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"
@@ -13,11 +13,11 @@ void Store(__m256i value, std::byte* out) noexcept {
 
 // Sixteen rounded codes, limited to 16 bits.
 //
-// With t = sample * scale + 1/2 rounded to a float, floor(t) is the code or, where that rounding
-// reached the next integer, one too many. The exact rest, which one fused operation gives, is
-// negative then. Samples are limited to 1.0, the highest code, before that. NaN gets through (as
-// the second operand of the minimum), and like everything far below -1.0 it becomes the most
-// negative integer, at which the saturating steps stay whatever sign the rest has.
+// t = sample * scale + 1/2 is rounded to a float, so floor(t) is the code, or one too many if the
+// rounding reached the next integer. The exact remainder, from one fused operation, is then
+// negative. Samples are limited to 1.0, the highest code, first. NaN passes as the second operand
+// of the minimum. Like everything far below -1.0 it becomes the most negative integer, which the
+// saturating steps keep whatever sign the remainder has.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);
@@ -31,11 +31,11 @@ __m256i RoundSixteen(const float* source) noexcept {
   const __m256 b_rest = _mm256_fmadd_ps(b, scale, _mm256_sub_ps(half, b_floor));
   const __m256i codes =
       _mm256_packs_epi32(_mm256_cvttps_epi32(a_floor), _mm256_cvttps_epi32(b_floor));
-  // A float's sign is that of its pattern read as an integer, and packing keeps it.
+  // The sign of a float is the sign of its bits read as an integer, and packing preserves it.
   const __m256i rests =
       _mm256_packs_epi32(_mm256_castps_si256(a_rest), _mm256_castps_si256(b_rest));
   const __m256i corrected = _mm256_adds_epi16(codes, _mm256_srai_epi16(rests, 15));
-  // Packing works in each half alone.
+  // Packing works on each half separately.
   return _mm256_permute4x64_epi64(corrected, 0xD8);
 }
 
@@ -49,12 +49,12 @@ void EncodeBlock16(const float* source, std::byte* out) noexcept {
   Store(RoundSixteen<32767>(source), out);
 }
 
-// What does not fit, full scale and NaN included, becomes the most negative code by itself.
+// Values that do not fit, full scale and NaN included, become the most negative code.
 __m256i Scale32(const float* source) noexcept {
   return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_loadu_ps(source), _mm256_set1_ps(2147483648.0F)));
 }
 
-// Writes eight bytes more than the eight codes take.
+// Writes eight bytes past the eight codes.
 void EncodeBlock24(const float* source, std::byte* out) noexcept {
   const __m256i upper_bytes =
       _mm256_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1, 1, 2, 3, 5, 6, 7, 9,
@@ -69,9 +69,9 @@ void EncodeBlock32(const float* source, std::byte* out) noexcept {
   Store(Scale32(source + 8), out + 32);
 }
 
-// Eight codes over kDivisor, rounded to the nearest float: by the reciprocal and one correction
-// with the exact rest, at a fraction of what a division takes. It holds for every code of 8 and 16
-// bits; the tests go through all of them.
+// Eight codes divided by kDivisor, rounded to the nearest float. The reciprocal and one correction
+// with the exact remainder cost a fraction of a division. Exact for every code of 8 and 16 bits, as
+// the tests prove.
 template <int kDivisor>
 void Divide(const __m256i& codes, float* destination) noexcept {
   const __m256 divisor = _mm256_set1_ps(kDivisor);
@@ -104,7 +104,7 @@ void FromCodes32(const __m256i& codes, float* destination) noexcept {
   _mm256_storeu_ps(destination, _mm256_mul_ps(_mm256_cvtepi32_ps(codes), scale));
 }
 
-// Reads four bytes more than the eight codes take.
+// Reads four bytes past the eight codes.
 void DecodeBlock24(const std::byte* in, float* destination) noexcept {
   const __m256i to_upper_bytes =
       _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0, 1, 2, -1, 3, 4,

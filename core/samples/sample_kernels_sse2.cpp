@@ -1,5 +1,5 @@
-// The sample converters with SSE2. Rounding to 8 and 16 bits takes double precision, as the scalar
-// form; everything else is exact in single precision.
+// The sample converters with SSE2. Rounding to 8 and 16 bits needs double precision, like the
+// scalar form; everything else is exact in single precision.
 #include <emmintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"
@@ -15,8 +15,8 @@ void Store(__m128i value, std::byte* out) noexcept {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out), value);
 }
 
-// Two codes from 0 to kHighest, 255 or 65535, in the lower half. The maximum takes its second
-// operand for NaN: 0.
+// Two codes from 0 to kHighest, 255 or 65535, in the lower half. For NaN the maximum returns its
+// second operand, 0.
 template <int kHighest>
 __m128i RoundTwo(__m128 samples) noexcept {
   const __m128d half = _mm_set1_pd(0.5);
@@ -49,15 +49,15 @@ void EncodeBlock16(const float* source, std::byte* out) noexcept {
         out);
 }
 
-// What does not fit, full scale and NaN included, becomes the most negative code by itself.
+// Values that do not fit, full scale and NaN included, become the most negative code.
 __m128i Scale32(const float* source) noexcept {
   return _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(source), _mm_set1_ps(2147483648.0F)));
 }
 
-// Writes four bytes more than the four codes take.
+// Writes four bytes past the four codes.
 void EncodeBlock24(const float* source, std::byte* out) noexcept {
   const __m128i codes = _mm_srli_epi32(Scale32(source), 8);
-  // Six bytes in each half, then twelve in a row.
+  // Packs six bytes in each half, then twelve contiguous bytes.
   const __m128i even = _mm_and_si128(codes, _mm_set_epi32(0, -1, 0, -1));
   const __m128i pairs = _mm_or_si128(even, _mm_srli_epi64(_mm_xor_si128(codes, even), 8));
   const __m128i high = _mm_slli_si128(_mm_srli_si128(pairs, 8), 6);
@@ -66,7 +66,7 @@ void EncodeBlock24(const float* source, std::byte* out) noexcept {
 
 void EncodeBlock32(const float* source, std::byte* out) noexcept { Store(Scale32(source), out); }
 
-// The quotient of two integers that floats hold exactly is what the rule rounds to, in one step.
+// Floats hold both integers exactly, so the division rounds once, as the reference does.
 void Divide(__m128i codes, float divisor, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_div_ps(_mm_cvtepi32_ps(codes), _mm_set1_ps(divisor)));
 }
@@ -96,8 +96,8 @@ void FromCodes32(__m128i codes, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_mul_ps(_mm_cvtepi32_ps(codes), scale));
 }
 
-// Reads four bytes more than the four codes take. Shifted by one more byte each, the codes lie in
-// the upper three bytes of their lanes.
+// Reads four bytes past the four codes. Each code is shifted into the upper three bytes of its
+// lane.
 void DecodeBlock24(const std::byte* in, float* destination) noexcept {
   const __m128i bytes = Load(in);
   const __m128i first = _mm_unpacklo_epi32(_mm_slli_si128(bytes, 1), _mm_srli_si128(bytes, 2));
