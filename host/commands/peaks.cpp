@@ -116,9 +116,8 @@ void Peaks(const PeaksOptions& options, const Console& console) {
 }  // namespace
 
 void AddPeaks(CLI::App& app, Console& console) {
-  const auto options = std::make_shared<PeaksOptions>();
-  CLI::App* command = AddCommand(app, "peaks", "Write the peaks of an audio file as data",
-                                 kPeaksHelp, [options, &console] { Peaks(*options, console); });
+  const auto [command, options] = AddCommand(
+      app, console, "peaks", "Write the peaks of an audio file as data", kPeaksHelp, Peaks);
   command->add_option("IN", options->input, "Audio file to read")->required();
   command
       ->add_option("OUT.json|OUT.dat", options->output,

@@ -1,6 +1,4 @@
 // "marlinda plot": the waveform of an audio file as a picture.
-#include <stdexcept>
-
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/document_picture.h"
@@ -37,11 +35,7 @@ Colour ParseColour(const std::string& text) {
 }
 
 void Plot(PlotOptions options, const Console& console) {
-  try {
-    options.picture.range = ParseFromTo(options.from, options.to);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("plot", error.what());
-  }
+  options.picture.range = ParseFromTo(options.from, options.to);
   if (!options.colour.empty()) options.picture.style.wave = ParseColour(options.colour);
   CheckPicture(options.picture, {options.input});
   Source source(options.input);
