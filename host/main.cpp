@@ -90,9 +90,7 @@ int Run(Console& console) {
     // The parser takes them in reverse.
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() != 0) {
-      throw WrongLine(app, arguments, error.what());
-    }
+    if (error.get_exit_code() != 0) throw WrongLine(app, arguments, error.what());
     std::ostringstream help;
     app.exit(error, help, help);
     console.Print(help.str());

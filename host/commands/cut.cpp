@@ -67,17 +67,13 @@ void Cut(const CutOptions& options, const Console& console) {
   if (draws) CheckPicture(options.picture, inputs);
   const int bits = OutputBits(options.bits, source.first(), wave);
   CutPlan plan;
-  ImportedAudio audio;
   const auto expected = source.Expected({}, {});
   if (expected) {
     plan = PlanCut(options.request, expected->frames, expected->format.rate);
     wave.RequireRoom(plan.length, expected->format, bits);
   }
-  if (source.CanImportParts()) {
-    audio = source.ImportParts(plan.pieces, console);
-  } else {
-    audio = source.Import({}, {}, console);
-  }
+  const ImportedAudio audio = source.CanImportParts() ? source.ImportParts(plan.pieces, console)
+                                                      : source.Import({}, {}, console);
   if (!expected || audio.frames != expected->frames) {
     plan = PlanCut(options.request, audio.frames, audio.format.rate);
   }

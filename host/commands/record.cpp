@@ -153,16 +153,11 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
   return std::nullopt;
 }
 
-struct SavedTake {
-  std::string file;
-  WaveFileFacts facts;
-};
-
 // Writes the take, and when its own place fails, where there is another disk perhaps: a take cannot
 // be had a second time.
-SavedTake Save(IAudioReader* take, const RecordOptions& options, const Console& console) {
+WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, const Console& console) {
   try {
-    return {options.output, FileExport(options.output, {}).Run(take, options.bits, console)};
+    return FileExport(options.output, {}).Run(take, options.bits, console);
   } catch (const HostError& error) {
     if (error.status() != ExitStatus::kOutput) throw;
     const std::string spare = Narrow((std::filesystem::temp_directory_path() /
@@ -201,25 +196,25 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   }
   // From here on Ctrl+C means the writing. Impatient ones until now meant the recording.
   console.ForgetInterrupt();
-  const SavedTake saved = Save(take.Get(), options, console);
+  const WaveFileFacts facts = Save(take.Get(), options, console);
   if (shortfall) {
     throw HostError(shortfall->status(), options.output,
                     "the file is valid and holds the first " +
                         FormatDuration(recorded, format.rate) + "; " + shortfall->what());
   }
   // Compressed files have no bits per sample.
-  const int bits = saved.facts.block_align > 0 ? options.bits : 0;
+  const int bits = facts.block_align > 0 ? options.bits : 0;
   if (options.json) {
     console.Print(Serialize({{"device", OrNull(device.index())},
-                             {"output", saved.file},
+                             {"output", options.output},
                              {"sample_rate", format.rate},
                              {"channels", format.channels},
                              {"bits_per_sample", bits > 0 ? Json(bits) : Json(nullptr)},
                              {"frames", recorded},
                              {"duration_seconds", static_cast<double>(recorded) / format.rate},
-                             {"bytes", saved.facts.bytes}}));
+                             {"bytes", facts.bytes}}));
   } else {
-    console.Print(DescribeFile(saved.file, recorded, format, bits));
+    console.Print(DescribeFile(options.output, recorded, format, bits));
   }
 }
 
