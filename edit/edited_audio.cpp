@@ -398,7 +398,7 @@ class CEditedAudio final
     destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
 
     const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
-    // Without a format, the destination takes one from the first source, so it is not set directly.
+    // Without a format, the destination must ask each source for one as it is appended.
     CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
     const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);

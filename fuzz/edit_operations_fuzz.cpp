@@ -1,5 +1,5 @@
-// Reads bytes as edits, of any positions, and compares segments, labels and markers with the plain
-// lists that follow the same rules by walking.
+// Interprets the input as edits at any position. Compares segments, labels and markers with plain
+// lists that follow the same rules.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -32,7 +32,7 @@ class Bytes {
     --left_;
     return *data_++;
   }
-  // Mostly small, so that positions meet; now and then at an end of the range of numbers.
+  // Mostly small, so that positions coincide; sometimes near the limits of the number range.
   std::int64_t Position() {
     const std::uint8_t kind = Next();
     const auto near = static_cast<std::int8_t>(Next());
@@ -45,7 +45,7 @@ class Bytes {
     const std::int64_t begin = Position();
     return {begin, Position()};
   }
-  // Half of them with frames.
+  // Half of the segments have frames.
   Segment NextSegment() {
     const auto source = static_cast<char>('A' + Next() % 5);
     const std::int64_t begin = Position();
@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       case 1:
       case 2: {
         const std::int64_t position = bytes.Position();
-        // Sometimes more than one block of the list holds.
+        // Sometimes more segments than one block of the list holds.
         PlainDocument inserted;
         inserted.segments.assign(bytes.Next() % 64 == 63 ? 300 : 1, bytes.NextSegment());
         Insert(list, position, inserted.segments);
@@ -132,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           Require(list.Remove(range, divided).size() + list.Count() <= before + 1);
           Require(list.Next() == nullptr);
         } else {
-          // As a document rebuilds its list.
+          // Rebuilds the list, as a document does.
           list.RemoveAll();
           for (const Segment& s : plain.Part(0, range.begin).segments) list.Append(s);
           Insert(list, range.begin, plain.Part(range.end, plain.Length()).segments);
@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         break;
       }
       default: {
-        // The iteration meets every segment and then none.
+        // The iteration visits every segment and then returns null.
         std::size_t met = 0;
         for (const Segment* s = list.First(); s != nullptr; s = list.Next()) ++met;
         Require(met == plain.segments.size() && list.Next() == nullptr);

@@ -1,4 +1,4 @@
-// Feeds arbitrary bytes to the readers of sound files, and reads or decodes the samples that they
+// Feeds arbitrary bytes to the parsers of sound files and reads or decodes the samples that they
 // find.
 #include <cstddef>
 #include <cstdint>
@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::int64_t frames = 0;
   while (frames < info.pcm->frames) {
     const std::size_t read = marlinda::ReadSamples(file, *info.pcm, frames, block, scratch);
-    // As many frames as were promised must be there.
+    // All announced frames must be there.
     if (read < channels || read % channels != 0) std::abort();
     frames += static_cast<std::int64_t>(read / channels);
   }

@@ -1,5 +1,5 @@
-// Opens bytes as an Ogg Vorbis file and reads it, or a part of it, to its end, on one thread and on
-// several: the blocks are the same. The bytes choose the part and the size of blocks.
+// Opens the input as an Ogg Vorbis file and reads it, or a part of it, to its end, on one thread
+// and on several. The blocks must be equal. The input selects the part and the block size.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,10 +16,10 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// A number made of all blocks.
+// A hash of all blocks.
 std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threads) {
   const std::size_t choice = data[size - 1];
-  // The library's stream wants memory that can be written to.
+  // The library needs writable memory.
   std::vector<std::uint8_t> copy(data, data + size);
   const auto stream = marlinda::VorbisStream::Open(
       marlinda::FilePointer(fmemopen(copy.data(), size, "rb")), threads);
@@ -39,7 +39,7 @@ std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threa
     const std::int64_t first = frames / 256 * static_cast<std::int64_t>(choice);
     left = stream->Select(first, frames - first) ? frames - first : 0;
   }
-  // At least a frame; what lies behind the block is watched by the sanitizer.
+  // At least one frame. The sanitizer detects writes past the block.
   std::vector<std::int16_t> block(channels * (1 + choice * choice / 8));
   std::size_t sum = 1;
   try {
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     if (size > 0) Require(ReadWhole(data, size, 3) == ReadWhole(data, size, 1));
   } catch (const std::bad_alloc&) {
-    // The bytes ask for more than a decoder may hold.
+    // The input needs more memory than a decoder may use.
   }
   return 0;
 }

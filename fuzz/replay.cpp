@@ -1,5 +1,5 @@
-// Runs a fuzzer over the files of folders, whole, cut short (small ones at every byte, others at
-// many places) and with bytes changed. Findings stay found without the fuzzer's compiler.
+// Runs a fuzzer over the files of folders: whole, truncated (small files at every byte, others at
+// many places) and with changed bytes. Repeats earlier findings without the fuzzer's compiler.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// By value: in a copy of just that size a sanitizer sees a read behind the end.
+// By value: in a copy of exactly this size a sanitizer detects reads past the end.
 void Run(Bytes input) {
   input.shrink_to_fit();
   LLVMFuzzerTestOneInput(input.data(), input.size());

@@ -1,6 +1,6 @@
-// Eight threads, each a host of its own, edit, import, export, scrub and play at random, release
-// objects while their threads run, and call the objects that may be shared. Nothing crashes and
-// every shared object gets all its references back. TESSALY_CONCURRENT_STEPS sets the length.
+// Eight threads, each a host, edit, import, export, scrub and play at random, release objects while
+// their threads run, and call shared objects. Nothing crashes, and every shared object gets all its
+// references back. TESSALY_CONCURRENT_STEPS sets the length.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -14,7 +14,7 @@
 namespace marlinda::testing {
 namespace {
 
-// What all threads call, while nobody edits it.
+// The objects that all threads call. Nobody edits them meanwhile.
 struct Shared {
   ComPtr<IEditedAudio> document = Create<IEditedAudio>(CLSID_CEditedAudio);
   ComPtr<IAudioPlayback> playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
@@ -92,7 +92,7 @@ void Host(unsigned number, int steps, const Shared& shared, const Bstr& target) 
     if (kind == 1) Scrub(draw);
     for (int i = 0; i < 200 && kind == 2; ++i) UseShared(shared, draw);
     if (kind < 3) continue;
-    // To its end, cancelled, or with its last reference gone in the middle.
+    // Ends by itself, by Cancel, or by its last release in the middle.
     const auto task = kind == 3 ? MakeImport() : MakeExport(shared, target);
     Check(task->Start());
     const int end = draw(3);

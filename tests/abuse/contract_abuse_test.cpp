@@ -1,6 +1,6 @@
-// Calls every method of one class with null pointers, numbers at and beyond every edge, strange
-// texts and wrong sample arrays, in every state of the object, and then every method with proper
-// arguments. The cases come from the type library. CTest runs the program once for each class.
+// Calls every method of one class with null pointers, extreme numbers, unusual texts and wrong
+// sample arrays in every state of the object, and then every method with valid arguments. The cases
+// come from the type library. CTest runs the program once for each class.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,7 +23,7 @@
 namespace marlinda::testing {
 namespace {
 
-// Every argument travels as one: pointers and the bits of floats as well.
+// All arguments are passed as this type, including pointers and the bits of floats.
 using Number = std::int64_t;
 using SharedArray = std::shared_ptr<SAFEARRAY>;
 using SharedText = std::shared_ptr<OLECHAR>;
@@ -33,27 +33,27 @@ constexpr SHORT kChannels = 2;
 constexpr __int64 kFrames = 1000;
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// Stopping a thread costs a poll of 100 milliseconds, so only some cases start one afterwards.
+// Stopping a thread takes a poll of 100 milliseconds, so only some cases start one afterwards.
 constexpr int kCasesForOneStart = 64;
-// What a method must return, if not one error.
+// The expected result of a method that may return anything.
 constexpr HRESULT kAny = S_OK;
 constexpr HRESULT kAsTheProper = S_FALSE;  // what it returns for a proper array
 
-// Methods for which no object has a meaning of its own.
+// Methods for which null is a valid object.
 const std::set<std::string> kTakeNoObject = {
     "IEditedAudio::InsertSegment", "IEditedAudio::AppendSegment", "IWaveWriter::SetWriteThrough",
     "IImportFilter::Initialize"};
 const std::set<std::string> kStart = {"Start", "StartScrub", "Play", "ShowSettingsDlg"};
-// The segment iteration lends its readers.
+// The methods of the segment iteration return readers without a reference.
 const std::set<std::string> kLend = {"GetFirstSegment", "GetNextSegment"};
 
-// An integer of a pointer's size, whatever it points to.
+// An integer of pointer size.
 constexpr VARTYPE kPointerType = sizeof(void*) == 8 ? VT_I8 : VT_I4;
 
 enum State { kFresh, kSetUp, kOpen };
 
-// An array whose samples end right before a forbidden page or begin right after one: an access
-// outside the samples ends the program.
+// An array whose samples end right before a forbidden page or begin right after one, so that an
+// access outside the samples crashes.
 SharedArray Guarded(std::size_t count = 2048, bool at_end = true, float value = 0.25F) {
   constexpr std::size_t kPage = 4096;
   const std::size_t bytes = count * sizeof(float);
@@ -75,7 +75,7 @@ SharedArray Guarded(std::size_t count = 2048, bool at_end = true, float value = 
           }};
 }
 
-// Arrays as a host should never pass them, and proper ones, with what a method must return.
+// Invalid and valid arrays, each with the result that a method must return.
 std::vector<std::pair<HRESULT, SharedArray>> Arrays() {
   std::vector<std::pair<HRESULT, SharedArray>> arrays = {{E_INVALIDARG, nullptr}};
   for (const VARTYPE type : {VT_R4, VT_I4, VT_R8, VT_BSTR, VT_VARIANT, VT_I1, VT_UI8}) {
@@ -105,7 +105,7 @@ std::vector<std::pair<HRESULT, SharedArray>> Arrays() {
   return arrays;
 }
 
-// What is passed for some parameters instead of what a good host would pass.
+// The arguments of a case that differ from the valid ones, by parameter.
 using Changes = std::map<std::size_t, Number>;
 struct Case {
   std::string name;
@@ -168,7 +168,7 @@ std::vector<Case> CasesOf(const Method& method) {
   return cases;
 }
 
-// Calls that wait for a device, or for a source that is not there.
+// Calls that wait for a device or for a missing source.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
   if (class_name == "CAudioPlayback") return state == kOpen && name == "IAudioWriter::WriteAudio";
@@ -188,13 +188,13 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
  protected:
   ContractAbuse() {
     Check(CopyFileW(TESSALY_SAMPLE_OGG, sample_.c_str(), TRUE) ? S_OK : LastErrorResult());
-    // Some of the texts are relative file names.
+    // Some texts are relative file names.
     SetCurrentDirectoryW(folder_.path().c_str());
   }
   void TearDown() override { SetCurrentDirectoryW(L"C:\\"); }
 
-  // On a new object, so that each case stands for itself. Results of the preparation do not
-  // matter: an object that refuses stays in the state that it is in.
+  // Uses a new object for each case. Ignores the results of the preparation: an object that refuses
+  // stays in its state.
   HRESULT RunOn(const Class& tested, State state, const Method& method, const Changes& changes,
                 bool and_go_on) {
     auto object = Create<IUnknown>(tested.clsid);
@@ -254,7 +254,8 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
     return hr;
   }
 
-  // What a well-behaved host passes, by interface and parameter name: a new class gets its share.
+  // The arguments of a well-behaved host, by interface and parameter name. New classes are covered
+  // too.
   Number Legal(IUnknown* object, const Parameter& parameter) {
     static const std::map<std::string, Number> kKnown = {
         {"nSamplesPerSec", kRate}, {"nChannels", kChannels},   {"nBitsPerSample", 16},
@@ -274,7 +275,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
                                                                        : sample_));
   }
 
-  // Some object with that interface. Null where the module has none.
+  // An object with that interface. Null if the module has none.
   IUnknown* LegalObject(const Parameter& parameter) {
     const auto& [name, kind, type, iid] = parameter;
     ComPtr<IUnknown> object;
@@ -353,11 +354,11 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   const TemporaryFolder folder_;
   const std::wstring sample_ = folder_.File(L"sample.ogg");
   const OurConverter converter_;
-  // What one case holds.
+  // The objects of one case.
   std::vector<ComPtr<IUnknown>> kept_;
   std::list<Bstr> texts_;
   std::vector<SharedArray> arrays_;
-  // Closes every dialog that the module opens, as a user who changes his mind.
+  // Closes every dialog that the module opens, as a user who cancels.
   const std::jthread user_{[main = GetCurrentThreadId()](const std::stop_token& stop) {
     for (; !stop.stop_requested(); Sleep(20)) EnumThreadWindows(main, CloseDialog, 0);
   }};
@@ -370,11 +371,11 @@ TEST_P(ContractAbuse, IsAnsweredAndTheObjectWorksAfterwards) {
   int open = 0;
   for (const State state : {kFresh, kSetUp, kOpen}) {
     for (const Method& method : tested->methods) {
-      // The last line before a crash or a hang names the method.
+      // Flushed, so that the last line before a crash or a hang names the method.
       std::printf("state %d, %s\n", state, method.FullName().c_str());
       std::fflush(stdout);
       for (auto& [name, changes, wanted, array, text] : CasesOf(method)) {
-        // Each open object costs the end of its thread.
+        // Only every fourth case, because each open object takes the time of ending its thread.
         if (state == kOpen && !array && ++open % 4 != 0) continue;
         if (MayWait(tested->name, method, state) && wanted != E_INVALIDARG) continue;
         const SAFEARRAY before = array ? *array : SAFEARRAY{};
@@ -388,7 +389,7 @@ TEST_P(ContractAbuse, IsAnsweredAndTheObjectWorksAfterwards) {
         ++index_;
       }
     }
-    // The first state loads libraries and starts threads that stay.
+    // Watches from the second state on: the first loads libraries and starts threads that stay.
     if (!watch) watch.emplace();
   }
   EXPECT_GT(index_, 20);

@@ -1,5 +1,5 @@
-"""Damages files of every kind that is read and imports them, a hundred in a process. A crash, more than 20 s,
-more than 256 MiB, handles or temporary files that are left are findings, and the file is kept.
+"""Damages files of every supported kind and imports them, a hundred in a process. A crash, more than 20 s, more
+than 256 MiB, and leaked handles or temporary files are findings. FINDINGS keeps their files.
 
 damaged_files.py BUILD FINDINGS [FILES] [SEED]   inside a Wine session
 """
@@ -20,7 +20,7 @@ WINE = os.environ["TESSALY_WINE"]
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
 BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
-# Each graph of Wine's decoders leaves more behind, with any client.
+# Each graph of Wine's decoders leaks, with any client.
 GRAPH_HANDLES = 30
 GIVE_UP_SECONDS = 1200  # for a batch
 
@@ -50,7 +50,7 @@ def make_seeds(folder):
 def damage(data, chance):
     data = bytearray(data)
     for _ in range(chance.choice((1, 1, 2, 4, 16))):
-        # Mostly in the header, but after most damage there an Ogg file is refused at once.
+        # Mostly in the header. But most damage there makes an Ogg file fail at once.
         reach = chance.choice((len(data), 512, len(data) if data.startswith(b"OggS") else 64))
         at = chance.randrange(max(1, min(len(data), reach)))
         size = chance.choice((1, 2, 4, 4, 64, 4096))
@@ -63,7 +63,7 @@ def damage(data, chance):
 
 
 def import_all(folder, find):
-    """In one process, and what is left in another one after a crash."""
+    """Imports in one process, and after a crash the remaining files in another."""
     while remaining := sorted(folder.iterdir()):
         process = subprocess.Popen([WINE, BUILD / "tests/import_files.exe", f"Z:{folder}", "count"],
                                    stdout=subprocess.PIPE, **QUIET)
@@ -73,7 +73,7 @@ def import_all(folder, find):
         for line in process.stdout:
             words = line.decode(errors="replace").split()
             path = folder / words[0] if words else None
-            # The libraries below the decoders print as well.
+            # The libraries below the decoders also print.
             if path not in remaining:
                 continue
             seconds, started = time.monotonic() - started, time.monotonic()

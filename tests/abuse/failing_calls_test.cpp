@@ -1,6 +1,6 @@
 // A host imports, edits and exports two seconds of audio while the Nth file call of the module
-// fails, and then the Nth allocation, for every N. No call crashes or hangs, stored audio stays,
-// nothing leaks, and afterwards the same objects work again.
+// fails, and then the Nth allocation, for every N. No call crashes or hangs, stored audio stays
+// intact, nothing leaks, and afterwards the same objects work again.
 //
 // The calls are replaced in the module's import table. Allocations of the compiler's runtime do not
 // fail.
@@ -22,7 +22,7 @@ namespace {
 
 enum class Fault { kNone, kFileCall, kAllocation };
 
-// Calls of the armed kind are counted, and number `fails_at` fails, the first being 1.
+// Counts the calls of the armed kind. Call number `fails_at` fails; the first is 1.
 std::atomic<Fault> armed = Fault::kNone;
 std::atomic<LONG64> calls = 0;
 std::atomic<LONG64> fails_at = 0;
@@ -34,7 +34,7 @@ bool IsTurnOf(Fault kind, const char* name) {
   return true;
 }
 
-// Puts a function into the place of an imported one, for good, and returns the imported one.
+// Replaces an imported function permanently and returns the original.
 template <class Function>
 Function* ReplaceImport(const char* name, Function* replacement) {
   void* imported = nullptr;
@@ -77,8 +77,8 @@ void Replace(R (*)(Arguments...)) {
   });
 }
 
-// Only operator new's requests to the C heap fail. It calls malloc from the place that is learned
-// from an object that the module makes.
+// Fails only requests of operator new to the C heap. It calls malloc from one return address, which
+// is recorded while the module creates an object.
 decltype(&std::malloc) real_malloc = nullptr;
 std::atomic<bool> learning = false;
 std::atomic<const void*> operator_new = nullptr;
@@ -112,7 +112,7 @@ bool InstallStandIns() {
   return true;
 }
 
-// Imports, edits and exports while call number `n` fails. Returns how many calls have failed then.
+// Imports, edits and exports while call number `n` fails. Returns how many calls have failed.
 int Tell(Fault kind, LONG64 n, const Bstr& target) {
   const Samples samples = Ramp(2000, 0);
   const Bstr name(L"name");
@@ -124,7 +124,7 @@ int Tell(Fault kind, LONG64 n, const Bstr& target) {
   Check(pool->CreateLastReader(kept.GetAddressOf()));
 
   int failures = 0;
-  // True when the call did not fail.
+  // Returns true if the call succeeded.
   const auto attempt = [&](HRESULT hr) {
     if (SUCCEEDED(hr)) return true;
     ++failures;
@@ -186,7 +186,7 @@ int Tell(Fault kind, LONG64 n, const Bstr& target) {
   armed = Fault::kNone;
   EXPECT_TRUE(failed != nullptr || failures == 0) << "a call failed without a cause";
 
-  // Nothing fails any more.
+  // From here on no call fails.
   ExpectStored(kept.Get(), 0, samples);
   LONG ready = 0;
   Check(writer->QueryIsReady(&ready));
@@ -218,7 +218,7 @@ TEST_P(FailingCalls, HarmNoStoredAudioAndLeakNothing) {
   for (; run(n) && !HasFailure(); ++n) {
     SCOPED_TRACE(std::to_string(n) + ", " + failed.load());
   }
-  // The number of calls depends a little on timing.
+  // The number of calls varies a little with timing.
   EXPECT_GT(n, all - all / 10);
   EXPECT_GT(failures, 0);
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));

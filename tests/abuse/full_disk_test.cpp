@@ -1,5 +1,5 @@
-// The pool, an import into it and a WAV export on a full disk and on one that cannot be written.
-// The script full_disks mounts real disks of 2 MiB for this program.
+// The pool, an import into it and a WAV export on a full disk and on a read-only one. The script
+// full_disks mounts real disks of 2 MiB for this program.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -41,14 +41,14 @@ struct Pool {
   const ComPtr<IAudioWriter> writer = As<IAudioWriter>(pool);
 };
 
-// Of four mebibytes.
+// Exports 4 MiB.
 ComPtr<ICoreTask> Export(const std::wstring& path, HRESULT initialized) {
   const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
   EXPECT_EQ(filter->Initialize(Bstr(path), Silence(1 << 20).Get()), initialized);
   return As<ICoreTask>(filter);
 }
 
-// Runs the scenario again and again: it must leave no handle, no thread and no file.
+// Repeats the scenario, which must leave no handle, thread or file.
 void Repeat(const std::function<void()>& scenario) {
   scenario();
   const LeakWatch watch;
@@ -71,11 +71,11 @@ TEST(FullDisk, FailsEachBlockUntilThereIsRoomAndKeepsStoredTakes) {
     __int64 stored = 0;
     while (pool.Write(block) == S_OK && stored < 100) ++stored;
     EXPECT_EQ(pool.Write(block), kDiskFull);
-    // The take keeps a gap of the two blocks that were lost.
+    // The take has a gap of the two lost blocks.
     DeleteFileW(filler.c_str());
     EXPECT_EQ(pool.Write(block), S_OK);
     Check(pool.writer->CloseDevice());
-    // Ends also where the disk has no more room. Its take has its length.
+    // Ends even on a full disk. The take has its full length.
     pool.Import();
     for (ComPtr<IAudioReader>& reader : readers) {
       Check(&reader == readers ? pool.pool->CreateLastReader(reader.GetAddressOf())

@@ -1,5 +1,5 @@
-"""Memory must not grow with the length of the sound: imports, cuts and exports 10 minutes and 10 hours with
-the host and compares the most that each run had in memory. Takes about a minute.
+"""Memory must not grow with the length of the sound. Imports, cuts and exports 10 minutes and 10 hours with the
+host and compares the peak memory of the runs. Takes about a minute.
 
 long_files.py MARLINDA   inside a Wine session
 """
@@ -10,7 +10,7 @@ import subprocess
 import sys
 import tempfile
 
-RATE = 8000  # memory counts frames, and 10 hours of these are 288 million
+RATE = 8000  # 10 hours are 288 million frames
 AT_MOST_MORE = 4 * 1024  # KiB
 WINE = os.environ["TESSALY_WINE"]
 used = {}

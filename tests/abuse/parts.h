@@ -1,4 +1,4 @@
-// What the abuse tests share.
+// The common parts of the abuse tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ inline ComPtr<IAudioReader> Silence(__int64 frames) {
   return As<IAudioReader>(silence);
 }
 
-// Samples from `first` on that all differ.
+// Samples from `first` on, all different.
 inline Samples Ramp(std::size_t count, float first) {
   Samples samples(count);
   std::iota(samples.begin(), samples.end(), first);
@@ -40,7 +40,7 @@ inline void ExpectStored(IAudioReader* reader, __int64 position, const Samples& 
   EXPECT_TRUE(block.ToVector() == expected) << "other samples from " << position << " on";
 }
 
-// Where this process and its children put temporary files.
+// Directs the temporary files of this process and its children to a folder.
 class TemporaryFilesIn {
  public:
   explicit TemporaryFilesIn(const std::wstring& folder) {

@@ -1,5 +1,5 @@
 // A host that ends without releasing anything ends at once, without a crash, and leaves no
-// temporary file. A host that loads, uses and unloads the module many times keeps nothing of it.
+// temporary file. Loading, using and unloading the module many times leaves nothing behind.
 #include <gtest/gtest.h>
 #include <process.h>
 
@@ -14,7 +14,7 @@
 namespace marlinda::testing {
 namespace {
 
-// Ends the process with all that it holds.
+// Ends the process without releasing anything.
 void End() {
   if (_wgetenv(L"TESSALY_KILLED")[0] == L'1') TerminateProcess(GetCurrentProcess(), 7);
   ExitProcess(7);
@@ -108,7 +108,7 @@ TEST(Module, LeavesNothingAfterLoadUseAndUnload) {
     ASSERT_TRUE(FreeLibrary(module));
     ASSERT_EQ(GetModuleHandleW(path.c_str()), nullptr) << cycle;
   }
-  // The compiler's runtime opens four handles with every load and never closes them.
+  // The compiler's runtime opens four handles at every load and never closes them.
   watch.AwaitAtMost(2, 20 + 4 * static_cast<unsigned>(cycles));
 }
 

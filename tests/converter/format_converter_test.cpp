@@ -51,7 +51,7 @@ TEST_F(FormatConverter, RefusesBadFormatsAndStartsANewStreamWithEverySetUp) {
   }
   EXPECT_GT(outputs[0].size(), 7000U);
   EXPECT_EQ(outputs[1], outputs[0]);
-  // It is the one class of a module of its own.
+  // The module contains only this class.
   EXPECT_EQ(GetClass(CLSID_CAudioConnector), CLASS_E_CLASSNOTAVAILABLE);
   EXPECT_FALSE(As<IDispatch>(converter_) || As<IProvideClassInfo>(converter_));
 }

@@ -18,7 +18,7 @@ using Samples = std::vector<float>;
 
 constexpr double kMinus3dB = 1.0 / std::numbers::sqrt2;
 
-// The numbers of the last two ratios are too large for a table of taps.
+// The last two ratios need too large a tap table.
 constexpr std::pair<std::int32_t, std::int32_t> kRates[] = {
     {44100, 48000}, {48000, 44100},  {96000, 44100}, {44100, 192000},
     {8000, 48000},  {192000, 11025}, {44100, 44101}, {48000, 47999}};
@@ -31,7 +31,7 @@ Samples Noise() {
   return noise;
 }
 
-// Level of the difference between the converted sine and gain * the exact one.
+// The level of the difference between the converted sine and gain * the exact sine.
 double ErrorLevel(std::int32_t source, std::int32_t target, double hertz, double gain) {
   std::vector<float> in(static_cast<std::size_t>(source));
   const double step = 2 * std::numbers::pi * hertz;
@@ -74,7 +74,7 @@ TEST(Resampling, GivesTheSameBitsWithEveryLevelOfInstructions) {
 TEST(StreamConverter, AddsNoDelay) {
   for (const auto& [source, target] : {std::pair{44100, 48000}, {8000, 192000}, {192000, 8000}}) {
     for (const std::size_t at : {0U, 9600U, 19950U}) {
-      // With silence behind it, until the last frame has come out.
+      // Followed by silence until the last frame has come out.
       Samples click(80000);
       click[at] = 1.0F;
       Samples out;

@@ -1,4 +1,4 @@
-// A host without any registration: the manifest beside this program names the module's classes.
+// A host without any registration: the manifest beside this program lists the module's classes.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -37,7 +37,7 @@ TEST_F(Activation, CreatesEveryClassByIdentifierAndByBothProgIds) {
         L"Marlinda." + std::wstring(known.name.begin() + 1, known.name.end());
     EXPECT_TRUE(Create<IUnknown>(known.clsid));
     for (const std::wstring& name : {prog_id, prog_id + L".1"}) {
-      // A ProgID of a manifest stands for an identifier that is valid in this program alone.
+      // The manifest maps a ProgID to an identifier that is valid only in this program.
       CLSID clsid = {};
       EXPECT_EQ(CLSIDFromProgID(name.c_str(), &clsid), S_OK);
       ComPtr<ITypeInfo> info;
@@ -48,7 +48,7 @@ TEST_F(Activation, CreatesEveryClassByIdentifierAndByBothProgIds) {
   }
 }
 
-// The objects live in an apartment of their own. This thread calls them through proxies.
+// The objects live in another apartment. This thread calls them through proxies.
 void UseProxies() {
   const Apartment apartment(COINIT_MULTITHREADED);
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
@@ -81,7 +81,7 @@ TEST_F(Activation, CarriesArraysAndEventsBetweenApartments) { std::thread(UsePro
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
-  // The module lies beside this program, where its manifest expects it.
+  // The manifest expects the module beside this program.
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(nullptr, path, MAX_PATH);
   _wputenv_s(L"TESSALY_DLL",

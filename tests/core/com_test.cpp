@@ -18,7 +18,7 @@ ComPtr<IUnknown> Query(IUnknown* object, REFIID iid) {
   return result;
 }
 
-// To be compared, not called.
+// For comparison only.
 IUnknown* IdentityOf(IUnknown* object) { return Query(object, IID_IUnknown).Get(); }
 
 ComPtr<IClassFactory> FactoryOf(REFCLSID clsid) {
@@ -79,7 +79,7 @@ TEST_F(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
   });
 }
 
-// All classes share their base.
+// One class is enough: all share their base.
 TEST_F(EveryClass, CountsReferencesOfManyThreads) {
   const auto object = Create<IUnknown>(CLSID_CNullReader);
   std::vector<std::jthread> threads;
@@ -95,17 +95,17 @@ TEST_F(EveryClass, CountsReferencesOfManyThreads) {
 
 TEST_F(EveryClass, KeepsTheModuleLoadedByFactoriesObjectsAndServerLocks) {
   const auto can_unload = ModuleUnderTest::CanUnloadNow;
-  // The factories that are registered for this process keep it loaded, too.
+  // The factories registered for this process also keep it loaded.
   ModuleUnderTest::Revoke();
   EXPECT_EQ(can_unload(), S_OK);
   ComPtr<IClassFactory> factory = FactoryOf(CLSID_CEditedAudio);
   void* out = &out;
   EXPECT_EQ(can_unload(), S_FALSE) << "a factory";
-  // The outer object may ask for nothing but the inner unknown.
+  // An outer object may ask only for the inner unknown.
   EXPECT_EQ(factory->CreateInstance(factory.Get(), IID_IDispatch, &out), CLASS_E_NOAGGREGATION);
   EXPECT_EQ(factory->CreateInstance(nullptr, IID_IStream, &out), E_NOINTERFACE);
   EXPECT_EQ(out, nullptr);
-  // An object may create others by class identifier.
+  // Objects may create others by class identifier.
   ModuleUnderTest::Load();
   auto object = Create<IUnknown>(CLSID_CEditedAudio);
   ModuleUnderTest::Revoke();
@@ -118,14 +118,14 @@ TEST_F(EveryClass, KeepsTheModuleLoadedByFactoriesObjectsAndServerLocks) {
     EXPECT_EQ(lock(TRUE), S_OK);
     EXPECT_EQ(can_unload(), S_FALSE) << "a lock";
     EXPECT_EQ(lock(FALSE), S_OK);
-    // One unlock too many must not cancel a later lock.
+    // An unlock without a lock must not cancel a later lock.
     EXPECT_EQ(lock(FALSE), E_UNEXPECTED);
     EXPECT_EQ(can_unload(), S_OK);
   }
   ModuleUnderTest::Load();
 }
 
-// An argument as a client makes it. It owns nothing.
+// An argument as a client passes it. Owns nothing.
 template <class T>
 VARIANT Value(int type, T value) {
   VARIANT variant;
@@ -134,7 +134,7 @@ VARIANT Value(int type, T value) {
   std::memcpy(&V_I8(&variant), &value, sizeof value);
   return variant;
 }
-// By reference; null where `value` is null.
+// By reference; null if `value` is null.
 template <class T>
 VARIANT Reference(int type, T* value) {
   return Value(VT_BYREF | type, value);
@@ -148,8 +148,8 @@ constexpr UINT kUntouched = 77;
 
 // A call and its results, which it owns.
 struct Outcome {
-  // The arguments are in the order of the declaration. The last ones can be named, by the
-  // identifiers of their parameters.
+  // The arguments are in declaration order. The last ones can be named by the identifiers of their
+  // parameters.
   Outcome(IDispatch* object, DISPID member, std::vector<VARIANT> arguments,
           std::vector<DISPID> named = {}, WORD flags = DISPATCH_METHOD) {
     std::ranges::reverse(arguments);
@@ -174,7 +174,7 @@ struct Outcome {
   UINT argument_error = kUntouched;  // an index into the reversed arguments
 };
 
-// DISPIDs: the places of the methods in their interfaces.
+// DISPIDs: positions of the methods in their interfaces.
 constexpr DISPID kCreate = 1;                                          // INullReader
 constexpr DISPID kReadAudio = 1, kGetFormat = 2, kGetSampleCount = 3;  // IAudioReader
 constexpr DISPID kAddLabel = 1, kGetLabel = 3;                         // ILabelSupport
@@ -243,7 +243,7 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
   for (const VARIANT& argument : {Array(array), Variable(reference), Variable(outer)}) {
     EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
-    // Declared with shorts, for which the peaks are no numbers.
+    // The method is declared with shorts, which cannot hold these peaks.
     std::ranges::fill(block.values(), 0.5F);
     EXPECT_EQ(Outcome(document_.Get(), kReadWaveplot, {Long(0), Long(8), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
@@ -268,7 +268,7 @@ TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Reference(VT_I4, &rate), to_channels}).hr, S_OK);
   EXPECT_EQ(rate, 48000);
   EXPECT_EQ(channels, 2);
-  // By value the results are lost.
+  // By value, results are lost.
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Long(0), kEmpty}).hr, S_OK);
   Outcome mismatch(reader_.Get(), kGetFormat, {Reference(VT_R8, &wrong), to_channels});
   EXPECT_EQ(mismatch.hr, DISP_E_TYPEMISMATCH);
@@ -298,7 +298,7 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
   EXPECT_EQ(V_VT(&count.result), VT_I8);
   EXPECT_EQ(V_I8(&count.result), 1LL << 40);
   EXPECT_EQ(Outcome(document_.Get(), kClear, {}).result.vt, VT_EMPTY);
-  // No object is an object of nothing, which scripts can test for.
+  // A null object is a VT_DISPATCH or VT_UNKNOWN of null, which scripts can test for.
   Outcome none(Create<IAudioPool>(CLSID_CAudioPool).Get(), kCreateLastReader, {});
   EXPECT_TRUE(V_VT(&none.result) == VT_DISPATCH && V_DISPATCH(&none.result) == nullptr);
   Outcome failed(As<IAudioReader>(Create<IUnknown>(CLSID_CAudioPoolReader)).Get(), kReadAudio,
@@ -330,7 +330,7 @@ TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToAB
   const ULONG before = ReferenceCount(silence_.Get());
   EXPECT_EQ(insert(VT_DISPATCH, nullptr), S_OK);
   EXPECT_EQ(insert(VT_UNKNOWN, silence_.Get()), S_OK);
-  // By value nothing comes out.
+  // By value, nothing is returned.
   for (const VARIANT& to : {Reference(VT_DISPATCH, &direct), Variable(variable), kEmpty}) {
     EXPECT_EQ(V_I4(&first_segment(to)->result), 1);
   }
@@ -357,7 +357,7 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
   }
   VARIANT arguments[] = {Long(16), Long(2), Long(1)};
   DISPID names[] = {0, 1, 2, 3};
-  // The first one is good. Their caller wants neither result nor exception nor index.
+  // The first is valid. The caller passes no result, exception or index.
   DISPPARAMS params[] = {{arguments, nullptr, 3, 0},
                          {nullptr, nullptr, 3, 0},
                          {arguments, nullptr, 3, 1},

@@ -1,4 +1,5 @@
-// Registers the module in the real registry, reads the entries back and creates objects by them.
+// Registers the module in the real registry, reads the entries back and uses them to create
+// objects.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,7 +18,8 @@ namespace {
 const std::wstring kGuid = L"{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}";
 constexpr const wchar_t* kPool = L"CLSID\\{1A66174D-7E72-4209-A0D9-D524ACD94210}";
 
-// The keys ("path\") and values ("path\name=text") of the registry below a place.
+// The keys ("path\") and values ("path
+// ame=text") of a part of the registry.
 using Lines = std::set<std::wstring>;
 
 Lines Below(HKEY root, const std::wstring& path, const std::wstring& shown = L"") {
@@ -41,7 +43,7 @@ Lines Below(HKEY root, const std::wstring& path, const std::wstring& shown = L""
 
 bool Exists(const std::wstring& path) { return !Below(HKEY_CLASSES_ROOT, path).empty(); }
 
-// Without the entries of the automation library. Wine writes a user's type library for the machine.
+// Omits the entries of the automation library. Wine writes a user's type library for the machine.
 Lines ClassesIn(HKEY root) {
   Lines lines = Below(root, L"Software\\Classes");
   // Wine and Windows write them in different cases.
@@ -51,7 +53,7 @@ Lines ClassesIn(HKEY root) {
     };
     return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
-  // They may have been there before.
+  // These keys may have existed before.
   lines.insert({L"AppID\\", L"CLSID\\"});
   return lines;
 }
@@ -68,7 +70,7 @@ class Registration : public ::testing::Test {
   static void Choose(const wchar_t* setting) {
     SetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting);
   }
-  // Each call, failed or not, must restore the thread's locale.
+  // Each call must restore the thread's locale, even if it fails.
   static HRESULT Call(HMODULE module, const char* name) {
     SetThreadLocale(MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT));
     const LCID german = GetThreadLocale();
@@ -128,7 +130,7 @@ TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
   }
 }
 
-// The path looks like a script and holds letters of no code page.
+// The path looks like a script and contains letters outside every code page.
 TEST_F(Registration, LetsOthersCreateTypedObjectsOfAModuleAtAnyPath) {
   const std::wstring library = L"TypeLib\\" + kGuid + L"\\1.0";
   const TemporaryFolder folder;

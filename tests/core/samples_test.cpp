@@ -1,5 +1,4 @@
-// The sample queue, and the converters at every level of vector instructions that this processor
-// has.
+// The sample queue, and the converters at every instruction level of this processor.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -53,11 +52,11 @@ TEST(AudioQueue, GrowsBeforeItIsFullAndFreesMemoryWhenCleared) {
   EXPECT_EQ(queue.Capacity(), 2048U);
 }
 
-// Nothing is rounded here that matters: a product has at most 39 bits.
+// Exact: a product has at most 39 bits.
 std::int64_t ExactCode(double value, int bits) {
   constexpr std::int64_t kLowest = -(std::int64_t{1} << 31);
   if (bits > 16) {
-    // Full scale and above wraps. The upper bytes are the 24-bit code.
+    // Values at or above full scale wrap. The upper bytes are the 24-bit code.
     const bool fits = value < 1.0 && value > -1.0;
     return (fits ? static_cast<std::int64_t>(value * 0x1p31) : kLowest) >> (32 - bits);
   }
@@ -68,8 +67,8 @@ std::int64_t ExactCode(double value, int bits) {
   return static_cast<std::int64_t>(code) + middle;
 }
 
-// Blocks of 0 to 66 samples at any place. From the end, so that a block which writes beyond itself
-// destroys the one before.
+// Blocks of 0 to 66 samples at any offset. From the end, so that a block which writes past its end
+// destroys the previous one.
 void ForEachBlock(std::size_t left, const std::function<void(std::size_t, std::size_t)>& convert) {
   for (std::size_t length = 0; left > 0; length = (length + 1) % 67) {
     const std::size_t count = std::min(left, length);
@@ -94,11 +93,11 @@ TEST_P(Converters, WriteTheCodesOfExactArithmetic) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
   Samples samples = {0.0F, -0.0F, kNan, -kNan, kInfinity, -kInfinity, 1.0F, -1.0F};
-  // A stride that is no multiple of any power of two visits all exponents and both signs.
+  // An odd stride visits all exponents and both signs.
   for (std::uint64_t pattern = 0; pattern < std::uint64_t{1} << 32; pattern += 4001) {
     samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));
   }
-  // The floats around the middle between two codes, and around the codes of 32 bits near zero.
+  // The floats around the midpoints between codes, and around the 32-bit codes near zero.
   for (int code = -32769; code <= 32768; ++code) {
     for (const double middle : {(code + 0.5) / 127, (code + 0.5) / 32767, std::ldexp(code, -31)}) {
       const auto nearest = static_cast<float>(middle);
@@ -133,7 +132,7 @@ TEST_P(Converters, ReadEveryCodeAsTheNearestFloat) {
                           {16, -32768, 32767, 1, 32767},
                           {24, -8388608, 8388607, 7, 0x1p23},
                           {32, -2147483648LL, 2147483647, 65003, 0x1p31},
-                          // Halfway between two floats, of which the even one is nearer.
+                          // Halfway between two floats; the even one is chosen.
                           {32, 0x40000000, 0x40001000, 0x40, 0x1p31}};
   for (const auto& [bits, first, last, step, denominator] : ranges) {
     std::vector<std::byte> bytes;

@@ -1,4 +1,4 @@
-// Texts, arrays, formats, registry values and threads of Windows as the engine uses them.
+// Texts, arrays, formats, registry values and Windows threads as the engine uses them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -74,7 +74,7 @@ TEST(Registry, GivesTheDefaultForAValueThatIsMissingOrTooLong) {
 }
 
 TEST(WorkerThread, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
-  // A promise, because the wait of an atomic loses wake-ups in GCC 12 without futexes.
+  // A promise, because atomic waits lose wake-ups in GCC 12 without futexes.
   std::promise<void> go;
   const auto ended = std::make_shared<std::atomic<int>>(0);
   const auto body = [ended, gone = go.get_future().share()] {
@@ -96,7 +96,7 @@ TEST(WorkerThread, RunsOneBodyAtATimeAndWaitsForItUnlessDetached) {
   {
     WorkerThread worker;
     ASSERT_EQ(worker.Start(body), S_OK);
-    // The delay only makes it likely that the destructor is reached first.
+    // The delay only makes it likely that the destructor runs first.
     later = std::jthread([&] {
       Sleep(100);
       go.set_value();
@@ -114,7 +114,7 @@ class Named : public TestObject<IPersist> {
   DWORD thread = 0;
 };
 
-// The tests' own thread is a single-threaded apartment.
+// The test thread is a single-threaded apartment.
 TEST(WorkerThread, ServesCallsOfTheBodyWhileItWaits) {
   const auto object = MakeObject<Named>();
   IStream* stream = nullptr;

@@ -1,5 +1,5 @@
 // Playback, recording and scrubbing on the real wave devices of a private sound server, whose
-// microphone is its speaker. Waits have no limit: CTest ends a hang.
+// microphone records its speaker. Waits have no limit: CTest ends a hang.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -52,11 +52,11 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   __int64 last = player.Position();
   EXPECT_EQ(last, 1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // None, half a frame, and three and a half.
+  // No frame, half a frame, and three and a half.
   for (const std::size_t odd : {0, 1, 7}) EXPECT_EQ(player->WriteAudio(Floats(odd)), S_OK);
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
-  // Eleven blocks of 100 ms go in before more than a second is queued; forty need three seconds.
+  // Eleven blocks of 100 ms fit before more than a second is queued; forty need three seconds.
   for (int i = 0; i < 40; ++i) ASSERT_EQ(player->WriteAudio(Floats(2 * 4410)), S_OK);
   EXPECT_GT(passed(), std::chrono::seconds(2));
   while (!player.Ready()) {
@@ -105,16 +105,16 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   };
   const Player player(8000, 1, 8);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // Longer than CTest lets a test run.
+  // Longer than CTest's timeout.
   ASSERT_EQ(player->WriteAudio(Floats(8000 * 1000, 0.5F)), S_OK);
   WaitUntil(heard);
   EXPECT_EQ(player.playback->Break(), S_OK);
-  // Longer than a gap in a sound whose player is late.
+  // Longer than a gap in the sound of a late player.
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
 }
 
-// Closes the devices of this process behind the module's back, as a driver does that is removed.
-// The system numbers its handles.
+// Closes this process's devices from outside the module, as a removed driver does. The system
+// numbers its handles.
 void RemoveOutputs() {
   for (UINT_PTR handle = 0x8000; handle <= 0xFFFF; ++handle) {
     UINT id = 0;
@@ -141,7 +141,7 @@ TEST(Playback, BlockThatTheDeviceRefusesFailsAndEndsTheOpening) {
 
 TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
   const Player player(48000, 6, 32);
-  // Opening again closes the device that is open.
+  // Opening again closes the open device.
   ASSERT_EQ(player->OpenDevice(), S_OK);
   ASSERT_EQ(player->OpenDevice(), S_OK);
   const std::vector<float> frames = {0.5F,  -0.25F, 0, 0.125F, 0, 0.75F,
@@ -183,15 +183,15 @@ TEST_F(Grabber, ReadsMoreOrLessThanADeviceBufferAndWhatIsLeftWhenItIsClosed) {
   // device_test.py records the other widths.
   ASSERT_EQ(grabber_->SetFormat(44100, 2, 8), S_OK);
   ASSERT_EQ(reader_->OpenDevice(), S_OK);
-  // Also none, and more than all buffers hold.
+  // Also no frame, and more than all buffers hold.
   for (const std::size_t frames : {0, 1, 40'000, 100}) {
     const Floats block(2 * frames, 9.0F);
     ASSERT_EQ(reader_->ReadAudio(-1, block), S_OK);
-    // Silence is the code above the middle.
+    // The code for silence is just above the middle.
     for (const float sample : block.values()) ASSERT_NEAR(sample, 0.0F, 0.01);
   }
   EXPECT_EQ(reader_->CloseDevice(), S_OK);
-  // Samples that were not read are still there, and then there is nothing to wait for.
+  // Unread samples remain. Then there is nothing to wait for.
   int reads = 0;
   while (reader_->ReadAudio(0, Floats(2)) == S_OK) ++reads;
   EXPECT_GT(reads, 0);
@@ -221,7 +221,7 @@ TEST_F(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
 
 class Scrubber : public ::testing::Test {
  protected:
-  // A few passes at a time.
+  // The writer takes a few passes at a time.
   Scrubber() {
     writer_->on_write = [](SAFEARRAY*) { Sleep(5); };
   }
@@ -251,7 +251,7 @@ TEST_F(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
   EXPECT_THAT(writer_->calls, ElementsAre("OpenDevice", "WriteAudio", "CloseDevice"));
   EXPECT_EQ(writer_->Held(), 1) << "kept until the scrubber ends";
 
-  // The window is a sine, so that the power is constant.
+  // The window is a sine, so the power is constant.
   const auto w = [](std::size_t i) { return std::sin(3.14159265F * static_cast<float>(i) / 8); };
   const std::vector<float>& played = writer_->samples;
   const auto sounds = [](float sample) { return sample != 0; };
@@ -278,7 +278,7 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
   };
   for (int round = 1; round <= 5; ++round) {
     writer_->closed = false;
-    // Stop of the writer's own does not wait for the call that it is made from.
+    // Stop from inside the writer does not wait for the call that it comes from.
     WaitUntil([&] { return Start(2, 2) == S_OK; });
     WaitUntil([&] { return calls > 0; });
     EXPECT_EQ(scrubber_->Stop(), S_OK);
@@ -291,13 +291,13 @@ TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(Start(1024, 0), E_INVALIDARG);
   EXPECT_EQ(Start(1024, -1), E_INVALIDARG);
   EXPECT_EQ(Start(-1, 2), E_INVALIDARG);
-  // More than there can be: refused before anything of that size is made.
+  // Too large, so refused before anything of that size is allocated.
   EXPECT_EQ(Start(0x7FFFFFFF, 32767, 0x7FFFFFFF), E_INVALIDARG);
   EXPECT_EQ(scrubber_->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber_->Stop(), S_OK);
   EXPECT_TRUE(writer_->calls.empty());
 
-  // Blocks of nothing.
+  // Blocks without frames.
   ASSERT_EQ(Start(1, 2), S_OK);
   AwaitMore(1);
   EXPECT_EQ(scrubber_->Stop(), S_OK);
@@ -336,16 +336,16 @@ void PlayRecordAndScrub(bool stops) {
   scrubber->Stop();
 }
 
-// TESSALY_DEVICE_CYCLES names another number of cycles, for a soak.
+// TESSALY_DEVICE_CYCLES sets another number of cycles for a soak.
 TEST(Cycles, LeaveNoThreadOrHandle) {
   const char* const named = std::getenv("TESSALY_DEVICE_CYCLES");
   const unsigned cycles = named == nullptr ? 60 : static_cast<unsigned>(std::atoi(named));
-  // The system's own threads and handles for the devices come with the first use, and stay.
+  // The first use creates threads and handles of the system, which stay.
   for (int i = 0; i < 10; ++i) PlayRecordAndScrub(i % 2 == 0);
   const unsigned threads = CountThreads();
   const unsigned handles = CountHandles();
   for (unsigned i = 0; i < cycles && !HasFailure(); ++i) PlayRecordAndScrub(i % 2 == 0);
-  // The system makes some handles late, but not one in every third cycle.
+  // The system creates some handles late, but fewer than one in three cycles.
   AwaitAtMost(CountThreads, threads + cycles / 3, "threads");
   AwaitAtMost(CountHandles, handles + cycles / 3, "handles");
 }

@@ -1,10 +1,10 @@
-"""Takes devices away from programs that play, record and scrub, and gives them back: sink and source are
-unloaded, or the sound server is killed. Every call that ends a use returns, every thread that waits is
-refused, nothing is left, and the next start in the same process is heard and records.
+"""Removes the devices of programs that play, record and scrub, and restores them: unloads sink and source, or
+kills the sound server. Every call that ends a use returns, every waiting thread fails, nothing leaks, and the next
+start in the same process works.
 
 Called inside a Wine session: device_loss_test.py sound_tool.exe [unittest arguments]
 
-TESSALY_LOSS_REPEATS names another number of repeats than one.
+TESSALY_LOSS_REPEATS sets the number of repeats, by default one.
 """
 
 import cmath
@@ -20,7 +20,7 @@ TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 LOSSES = ((ChangingServer.unload, ChangingServer.load), (ChangingServer.kill, ChangingServer.start))
 LOSSES *= int(os.environ.get("TESSALY_LOSS_REPEATS", "1"))
 
-# "watch" ends nothing: the engine notices the loss itself.
+# "watch" ends nothing: the engine detects the loss itself.
 USES = (("playback", "watch"), ("playback", "break"), ("playback", "close"), ("playback", "release"),
         ("drain", "watch"), ("document", "watch"), ("document", "stop"), ("document", "release"),
         ("cursor", "stop"), ("cursor", "release"), ("recorder", "close"))
@@ -30,14 +30,14 @@ STEADY = {hertz for (use, _), hertz in zip(USES, TONES) if use not in ("drain", 
 
 
 def ask(tools, word):
-    """Asks all at once; the answers by tool."""
+    """Sends the command to all tools at once; returns their answers by tool."""
     for tool in tools:
         tool.order(word)
     return {tool: tool.answer() for tool in tools}
 
 
 def heard(server):
-    """The tones in a fifth of a second, which holds whole periods of each."""
+    """The tones in a fifth of a second, which has whole periods of each."""
     left = server.listen(RATE // 5)[0::2]
     power = lambda hertz: abs(sum(sample * cmath.exp(-2j * cmath.pi * hertz * n / RATE)
                                   for n, sample in enumerate(left)))
@@ -68,7 +68,7 @@ class LossTest(unittest.TestCase):
             lose(server)
             self.end(tools)
             for tool, answer in ask(tools, "start").items():
-                # A document reports no failure.
+                # A document does not report the failure.
                 opens = tool.words[1] not in ("playback", "drain", "recorder")
                 self.assertEqual(answer["started"], int(opens), tool.name)
             self.end(tools)

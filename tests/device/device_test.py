@@ -1,5 +1,5 @@
-"""Compares what the speaker gets with what was played, and recordings with what went into the
-microphone, sample by sample, also across a time in which the sound server is stopped.
+"""Compares the sound at the speaker with the played samples, and recordings with the microphone's samples,
+including while the sound server is stopped for some seconds.
 
 Called inside a Wine session: device_test.py sound_tool.exe [unittest arguments]
 """
@@ -19,7 +19,7 @@ from sound import RATE, SoundTool, Speaker, codes, frames_of, sound_server, wait
 
 TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 SECONDS = int(os.environ.get("TESSALY_DEVICE_SECONDS", "10"))
-STALL = 8  # seconds for which the server is stopped
+STALL = 8  # seconds that the server is stopped
 
 
 def as_float(value):
@@ -34,7 +34,7 @@ PLAYED = {8: lambda code: (math.floor(as_float(code / 32767) * 127 + 128.5) - 12
 
 
 def equal_frames(one, other, frame_bytes):
-    """How many frames are the same from the start."""
+    """The number of equal frames from the start."""
     pairs = zip(frames_of(one, frame_bytes), frames_of(other, frame_bytes))
     return next((at for at, (a, b) in enumerate(pairs) if a != b), min(len(one), len(other)) // frame_bytes)
 
@@ -50,19 +50,19 @@ class PlayTest(unittest.TestCase):
         played = array.array("f", map(PLAYED[bits], codes(frames * channels))).tobytes()
         expected = without_silence(played, frame_bytes)
         if bits == 8:
-            # The system plays some samples of its own besides.
+            # The system plays some additional samples.
             heard = iter(frames_of(got, frame_bytes))
             missing = sum(frame not in heard for frame in frames_of(expected, frame_bytes))
             self.assertEqual(missing, 0, "frames missing or out of order")
             return
         if bits == 24:
-            # The system's conversion keeps the last frame to itself.
+            # The system's conversion holds back the last frame.
             expected = expected[:max(len(got), frame_bytes * (frames - 1))]
         same = frame_bytes * equal_frames(got, expected, frame_bytes)
         self.assertEqual((len(got), same), (len(expected), len(expected)), "bytes got, and equal ones")
 
     def test_every_width_and_channel_count_reaches_the_speaker_unchanged(self):
-        # The system makes stereo of six channels of integers.
+        # The system converts six channels of integers to stereo.
         for bits, channels in ((8, 1), (8, 2), (16, 1), (24, 1), (24, 2), (32, 1), (32, 2), (32, 6)):
             with self.subTest(bits=bits, channels=channels):
                 self.check(bits, channels, RATE // 2)
@@ -76,8 +76,8 @@ class PlayTest(unittest.TestCase):
 
 class RecordTest(unittest.TestCase):
     def check(self, bits, channels, frames):
-        """The microphone gets no more than 80 ms ahead of what has been read, because the system's recording
-        buffer holds 100 ms and drops the rest."""
+        """The microphone stays at most 80 ms ahead of the reads, because the system's recording buffer holds 100 ms
+        and drops the rest."""
         ahead = RATE * 80 // 1000
         fed_channels = min(channels, 2)
         frame_bytes = 4 * fed_channels
@@ -98,7 +98,7 @@ class RecordTest(unittest.TestCase):
             got = path.read_bytes()
         scale = 32768 / 32767 if bits == 16 else 1
         if channels == 6:
-            # The server spreads stereo over six channels.
+            # The server spreads stereo to six channels.
             pairs = zip(source[0::2], source[1::2])
             source = [sample for left, right in pairs for sample in (left, right, (left + right) / 2, 0, left, right)]
         expected = array.array("f", [sample * scale for sample in source]).tobytes()
@@ -123,11 +123,11 @@ class StallTest(unittest.TestCase):
                 wait_until(lambda: speaker.pause is None, "the stall")
                 heard = lambda: len(without_silence(bytes(speaker.got)))
                 after_stall = heard()
-                # More than what was queued before the stall.
+                # More than was queued before the stall.
                 wait_until(lambda: heard() > after_stall + 3 * RATE * 8, "sound after the stall")
                 tool.order()
                 tool.finish()
-        # The sound repeats itself, once the first passes have faded in.
+        # The sound repeats after the first passes have faded in.
         period = RATE // 20
         got = without_silence(speaker.close())[3 * period * 8:]
         self.assertEqual(equal_frames(got, got[period * 8:], 8), len(got) // 8 - period)

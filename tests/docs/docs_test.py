@@ -1,5 +1,5 @@
-"""Compares the documents with the engine: links, recipes, classes, and the clients in samples/ that
-cannot run here.
+"""Compares the documents with the engine: links, recipes, classes, and the clients in samples/ that cannot run
+here.
 
 Called inside a Wine session: docs_test.py RECIPES.EXE [unittest arguments]
 """
@@ -29,7 +29,7 @@ def broken_links(page):
     for target in re.findall(r"\]\((?![a-z]+:)([^)\s]+)\)", re.sub(r"`[^`\n]*`", "", plain(page))):
         file, _, anchor = target.partition("#")
         place = (ROOT / page).parent / file if file else ROOT / page
-        # The anchors of headings, as the usual readers of Markdown make them.
+        # The anchors of headings, as common Markdown renderers make them.
         if not place.exists() or (anchor and anchor not in [
                 re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
                 for heading in re.findall(r"^#+ (.*)$", plain(place), re.M)]):
@@ -46,7 +46,7 @@ class DocsTest(unittest.TestCase):
         self.assertEqual([link for page in pages if (ROOT / page).exists() for link in broken_links(page)], [])
 
     def recipes(self, *words):
-        """Status and output, without the percents. With no sound server, whatever this machine has."""
+        """Exit status and output without progress, run without a sound server."""
         with tempfile.TemporaryFile() as said:
             status = subprocess.run([os.environ["TESSALY_WINE"], RECIPES, *("Z:" + word.replace("/", "\\") for word in words)],
                                     stdin=subprocess.DEVNULL, stdout=said, stderr=said, env=dict(
@@ -83,7 +83,7 @@ class DocsTest(unittest.TestCase):
         self.assertLessEqual(set(identifiers), set(re.findall(r"uuid\(([-0-9A-F]+)\)", text("core/marlinda.idl"))))
         compile(text("samples/python/cut_in_half.py"), "cut_in_half.py", "exec")
         names = set(re.findall(r"HRESULT (\w+)\(", text("core/marlinda.idl"))) | {
-            "QueryInterface", "Raise", "Error", "Print"}  # the languages' own
+            "QueryInterface", "Raise", "Error", "Print"}  # built into the languages
         for sample, call in (("cpp-import/cut_in_half.cpp", r"->(\w+)\("), ("vba/CutInHalf.bas", r"\w\.([A-Z]\w+)"),
                              ("python/cut_in_half.py", r"\.([A-Z]\w+)\(")):
             calls = set(re.findall(call, re.sub(r"(?m)^ *'.*$", "", text(f"samples/{sample}"))))

@@ -1,5 +1,4 @@
-// A document as its tests see it: made, edited and looked at in few words; and a listener to its
-// events.
+// Short forms to create, edit and inspect a document, and a listener to its events.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,7 +31,7 @@ struct Document {
     EXPECT_EQ(markers->AddSectionMarker(begin, end, Wide(name)), S_OK);
   }
 
-  // As PlainDocument::Text. All sources are RampSources.
+  // In the format of PlainDocument::Text. All sources are RampSources.
   std::string Text() const {
     PlainDocument content;
     IAudioReader* lent = nullptr;
@@ -84,7 +83,7 @@ struct Document {
     return block.ToVector();
   }
 
-  // Names are plain ASCII.
+  // Names are ASCII.
   static Bstr Wide(const std::string& name) { return Bstr(std::wstring(name.begin(), name.end())); }
   static std::string Narrow(const Bstr& name) {
     const std::wstring wide = name.str();
@@ -98,8 +97,8 @@ struct Document {
   const ComPtr<IScrubSupport> scrub = As<IScrubSupport>(edit);
 };
 
-// Notes each event and then does what the test wants. Connects itself to the point of its
-// interface.
+// Records each event and then runs the test's function. Connects itself to its interface's
+// connection point.
 class Sink final : public TestObject<IDispatch> {
  public:
   Sink(std::string name, CallLog* log, const IID& iid = DIID__IEAUpdateEvents)

@@ -26,12 +26,12 @@ using ::testing::ElementsAre;
 constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
-// The fuzzer aborts where the kernels and the plain lists differ.
+// The fuzzer aborts if the kernels and the plain lists differ.
 TEST(Edits, GiveWhatWalksOverPlainListsGive) {
   std::mt19937 random(5);
   for (int round = 0; round < 500; ++round) {
-    // Every other round has neither extreme positions, where offsets overflow, nor backward
-    // segments: only then are ranges removed in place.
+    // Every other round avoids extreme positions, which overflow offsets, and backward segments:
+    // ranges are then removed in place.
     const bool tame = round % 2 != 0;
     std::uniform_int_distribution<unsigned> byte(tame ? 3 : 0, tame ? 127 : 255);
     std::vector<std::uint8_t> bytes(random() % 2000);
@@ -52,15 +52,15 @@ TEST(Edits, LeaveTheIterationOnItsSegment) {
     return list.Next();
   };
   EXPECT_EQ(next_after(10, 700)->begin, 301);
-  // Directly before the segment, and directly behind it.
+  // Directly before and directly after the segment.
   EXPECT_EQ(next_after(700 + 301, 1)->begin, 302);
   EXPECT_EQ(next_after(700 + 1 + 303, 1)->source, 'B');
   EXPECT_EQ(list.Next()->begin, 303);
 }
 
 #ifndef _WIN32
-// Machine instructions, counted by stepping a child process, so that the result does not depend on
-// the speed of the machine.
+// Counts machine instructions by single-stepping a child process, so that the result does not
+// depend on the machine's speed.
 template <class Work>
 long InstructionsOf(Work&& work) {
   constexpr long kMaxSteps = 1'000'000;
@@ -83,7 +83,7 @@ long InstructionsOf(Work&& work) {
   return steps;
 }
 
-// Of a read, an insertion and a deletion near the end.
+// The costs of a read, an insertion and a deletion near the end.
 std::array<long, 3> CostsAt(std::int64_t segments) {
   SegmentList<int> list;
   for (std::int64_t i = 0; i < segments; ++i) list.Append({1, 0, 100});

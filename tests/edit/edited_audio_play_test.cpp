@@ -1,5 +1,5 @@
 // Playing and scrubbing a document on the real wave devices of a private sound server. CTest ends a
-// wait that never ends.
+// hang.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ class EditedAudioPlay : public ::testing::Test {
     calls_.clear();
   }
 
-  // -1 when nothing plays.
+  // -1 if nothing plays.
   __int64 Position() {
     VARIANT_BOOL playing = 77;
     __int64 position = 0;
@@ -52,7 +52,7 @@ class EditedAudioPlay : public ::testing::Test {
   }
 
   std::atomic<int> reads_{0};
-  // To be looked at while no thread runs.
+  // Read it only while no thread runs.
   CallLog calls_;
   CallLog events_;
   const ComPtr<Sink> sink_ = MakeObject<Sink>("s", &events_);
@@ -89,7 +89,7 @@ TEST_F(EditedAudioPlay, PlayFiresAlsoWhenItStartsNothingAndOnlyALoopGetsAnotherS
   document_->StopPlay();
   Play(0, kHour, false);
   document_->ModifyPlaySection(kHour - 10, kHour);
-  // The device holds a second, which is 25 blocks: the thread waits for room.
+  // The device holds a second, which is 25 blocks. Then the thread waits for room.
   WaitForReads(28);
   EXPECT_LT(Position(), kHour - 10);
   document_->StopPlay();
@@ -113,13 +113,13 @@ TEST_F(EditedAudioPlay, WhatFailsOnTheThreadEndsThePlayback) {
   source_->open_result = S_OK;
   EXPECT_EQ(document_->SetPlaybackDevice(4711), S_OK);
   EXPECT_EQ(last_call(), "A.OpenDevice");
-  // None of it stands in the way of the next one.
+  // None of these prevents the next.
   EXPECT_EQ(document_->SetPlaybackDevice(-1), S_OK);
   EXPECT_EQ(last_call(), "A.CloseDevice");
 }
 
 TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndGiveAnotherSection) {
-  // Without end, if the document let it.
+  // Would recurse endlessly if the document allowed it.
   sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return Play(500, 510), S_OK; };
   Play(500, 510);
   sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return document_->StopPlay(); };
@@ -174,7 +174,7 @@ TEST_F(EditedAudioPlay, ScrubbingReadsAroundThePositionEndsPlayingAndIsHeard) {
   }
   WaitUntil([&] { return Level(0) > 0; });
   document_->InsertSegment(0, nullptr, 0, kRate);
-  // From silence, in which the level falls, to one channel.
+  // The level falls in silence, then one channel sounds.
   Play(0, kRate + 50'000, true, 2);
   WaitUntil([&] { return Level(0) <= 0; });
   WaitUntil([&] { return Level(1) > 0; });

@@ -15,8 +15,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Every call of this source comes back to the documents, in a call that needs their locks alone and
-// changes nothing. Where a document holds its lock over a call to a source, this hangs.
+// Every call of this source calls back into the documents, with a call that only needs their locks
+// and changes nothing. A document that holds its lock while it calls a source hangs here.
 class AskingSource final : public RampSource {
  public:
   explicit AskingSource(char name) : RampSource(name, 1, nullptr, 44100) {}
@@ -32,7 +32,7 @@ class AskingSource final : public RampSource {
   }
 };
 
-// An object of a host that contains a document and may hide its labels.
+// A host's object that contains a document and may hide its labels.
 class Wrapper final : public TestObject<IUnknown> {
  public:
   Wrapper() {
@@ -54,7 +54,7 @@ class Wrapper final : public TestObject<IUnknown> {
 
 class EditedAudioModel : public ::testing::Test {
  protected:
-  // A document beside its plain lists.
+  // A document and its reference lists.
   struct Pair : Document {
     using Document::Document;
     PlainDocument plain;
@@ -113,7 +113,7 @@ class EditedAudioModel : public ::testing::Test {
         plain.Insert(position, {{segment}, {}, {}});
         return at.Adopt({segment});
       case 6:
-        // Also into itself.
+        // Other may be the document itself.
         if (plain.segments.size() + other.plain.segments.size() > 2000) return;
         EXPECT_EQ(at->Insert(position, other), S_OK);
         at.Adopt(other.plain.segments);
@@ -122,7 +122,7 @@ class EditedAudioModel : public ::testing::Test {
         if (place > 1) return;
         EXPECT_EQ(place == 0 ? at->CopyAll(other) : at->Copy(other, position, end), S_OK);
         PlainDocument copy = place == 0 ? plain : plain.Part(position, end);
-        // A copy into the document itself empties it.
+        // Copying a document into itself empties it.
         other.plain = &at == &other ? PlainDocument() : std::move(copy);
         other.has_format = at.has_format;
         return other.Adopt(other.plain.segments);
@@ -163,9 +163,9 @@ class EditedAudioModel : public ::testing::Test {
     for (std::size_t i = 0; i < 3; ++i) ASSERT_EQ(sources_[i]->Held(), held["ABC"[i]]);
   }
 
-  // Also with empty and backward segments and ranges.
+  // Also empty and backward segments and ranges.
   bool odd_ = false;
-  // The last one is silence.
+  // The last is silence.
   std::array<ComPtr<AskingSource>, 4> sources_ = {
       MakeObject<AskingSource>('A'), MakeObject<AskingSource>('B'), MakeObject<AskingSource>('C')};
   std::array<Pair, 3> pairs_ = {Pair(), Pair(), Pair(As<IEditedAudio>(MakeObject<Wrapper>()))};
@@ -216,7 +216,7 @@ class EditedAudio : public ::testing::Test {
     sink->Connect(document_);
     return sink;
   }
-  // A change without edits, which fires the content event once.
+  // Commits a change without edits, which fires the content event once.
   CallLog Commit() {
     log_.clear();
     EXPECT_EQ(document_->InitChange(0, nullptr), S_OK);
@@ -242,7 +242,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.Format(), "44100/1/24");
   EXPECT_EQ(log_, CallLog{"A.GetFormat"}) << "later sources are never asked";
   log_.clear();
-  // Each source gets an array of its piece only, which looks new and keeps its size.
+  // Each source gets an array of exactly its piece, in its initial state.
   b_->on_read = [&](SAFEARRAY* array) {
     SAFEARRAYBOUND larger = {1 << 20, 0};
     EXPECT_TRUE(FAILED(SafeArrayRedim(array, &larger)) && FAILED(SafeArrayDestroy(array)));
@@ -252,14 +252,14 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
               ElementsAre(A(101), A(102), A(103), 0, 0, B(7), B(8), A(10), A(11), 0));
   EXPECT_THAT(log_, ElementsAre("A.ReadAudio(101, 3)", "B.ReadAudio(7, 2)", "A.ReadAudio(10, 2)"));
   EXPECT_THAT(document_.Read(std::numeric_limits<__int64>::max(), 2), ElementsAre(0, 0));
-  // The pieces start at the front of the array also when the read begins before the document; the
+  // The pieces start at the front of the array even if the read begins before the document; the
   // rest of the array stays unchanged.
   EXPECT_THAT(document_.Read(-2, 4), ElementsAre(A(100), A(101), -1, -1));
   b_->read_result = E_ACCESSDENIED;
   const Floats block(8, -1.0F);
   EXPECT_EQ(document_.reader->ReadAudio(3, block), E_ACCESSDENIED);
   EXPECT_THAT(block.ToVector(), ElementsAre(A(103), 0, 0, -1, -1, -1, -1, 0));
-  // Another success code is no failure.
+  // Other success codes are not failures.
   b_->read_result = S_FALSE;
   EXPECT_THAT(document_.Read(6, 3), ElementsAre(B(7), B(8), A(10)));
   // A source may change the document.
@@ -273,12 +273,12 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   document_.Append(a_, 200, 300);
   EXPECT_EQ(document_.Read(0, 120)[119], A(219));
   EXPECT_EQ(log_.back(), "A.ReadAudio(200, 70)");
-  // Three channels: two frames, and an element that belongs to none.
+  // Three channels: two frames and one element of no frame.
   document_->SetFormat(44100, 3, 16);
   EXPECT_EQ(document_.Read(0, 7)[6], -1);
 }
 
-// Hosts must not do this; a read then gives the old or the new content.
+// Hosts must not do this. A read then returns the old or the new content.
 TEST_F(EditedAudio, EditsDuringReadsOnOtherThreadsCorruptNothing) {
   const auto quiet = RampSource::Make('Q', 1);
   document_.Append(quiet, 0, 1);
@@ -314,7 +314,7 @@ TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself)
   document_->Delete(4, 6);
   document_->AppendSegment(document_.reader.Get(), 0, 3);
   EXPECT_THAT(document_.Read(2, 5), ElementsAre(A(2), A(3), A(0), A(1), A(2)));
-  // These frames are made of themselves.
+  // These frames consist of themselves.
   document_->InsertSegment(0, document_.reader.Get(), 0, 2);
   EXPECT_EQ(document_.reader->ReadAudio(0, Floats(2)), E_FAIL);
   EXPECT_EQ(document_.reader->OpenDevice(), E_FAIL);
@@ -330,12 +330,12 @@ TEST_F(EditedAudio, CopiesWhatAnotherMakersDocumentTakesAndNamesInTheSystemsCode
   document_.Append(a_, 0, 4);
   document_.AddMarker("m", 1, 3);
   EXPECT_EQ(document_.labels->AddLabel(0, Bstr(L"caf\u00E9")), S_OK);
-  // Not in that of the thread.
+  // Not in the thread's code page.
   const LCID usual = GetThreadLocale();
   ASSERT_TRUE(SetThreadLocale(MAKELCID(MAKELANGID(LANG_RUSSIAN, SUBLANG_DEFAULT), SORT_DEFAULT)));
   EXPECT_EQ(document_.Text(), "A[0,4) caf\xE9@0 m[1,3)");
   SetThreadLocale(usual);
-  // Without labels, the call fails after the segments were transferred.
+  // Without labels, the call fails after the segments were copied.
   wrapper->hides_labels = true;
   EXPECT_EQ(document_->CopyAll(foreign), E_FAIL);
   EXPECT_EQ(foreign.Text(), "A[0,4)");
@@ -354,13 +354,13 @@ TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlotsWhateverTheyDo) {
     document_.Append(nullptr, 0, 5);
     return document_->InitChange(0, nullptr);
   };
-  // A disconnected sink is not called any more, a new one from the next event on.
+  // A disconnected sink is no longer called; a new one is called from the next event on.
   EXPECT_EQ(Commit(), (CallLog{"a3", "c3"}));
   EXPECT_EQ(b->Held(), 0);
   for (const DWORD wrong : {0UL, b->cookie, c->cookie + 1}) {
     EXPECT_EQ(point->Unadvise(wrong), CONNECT_E_NOCONNECTION);
   }
-  // A sink with nothing but IDispatch receives events too. It gets the free slot.
+  // A sink with only IDispatch also receives events. It gets the free slot.
   const auto plain = MakeObject<Sink>("p", &log_, IID_IDispatch);
   EXPECT_EQ(point->Advise(plain.Get(), &plain->cookie), S_OK);
   EXPECT_EQ(document_->CommitChange(), S_OK);
@@ -381,7 +381,7 @@ TEST_F(EditedAudio, AFailingSinkLeavesItsErrorAndStopsNobody) {
     exception->pfnDeferredFillIn = FillInLater;
     return DISP_E_EXCEPTION;
   };
-  // A failure without a description replaces the description of an earlier one.
+  // A failure without a description clears the description of an earlier one.
   for (const wchar_t* described : {L"second, deferred", L""}) {
     EXPECT_EQ(Commit(), (CallLog{"a3", "b3"}));
     ComPtr<IErrorInfo> error;
@@ -404,7 +404,7 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
     EXPECT_STREQ(V_BSTR(&arguments[1]), L"Cut");
     EXPECT_EQ(V_UNKNOWN(&arguments[0]), As<IUnknown>(document_.edit).Get());
     EXPECT_EQ(As<IEditedAudio>(V_UNKNOWN(&arguments[0]))->CopyAll(undo), S_OK);
-    // Against the rules, and without harm to the next sink and the caller.
+    // Breaks the rules without harm to the next sink and the caller.
     VariantClear(&arguments[0]);
     VariantClear(&arguments[1]);
     return S_OK;
@@ -414,7 +414,8 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
   EXPECT_EQ(name.str(), L"Cut");
   EXPECT_EQ(undo.Text(), "A[0,10)");
   EXPECT_EQ(a_->Held(), 3) << "no snapshot";
-  // An open change refuses another one. A rollback empties the document, and only a commit fires.
+  // A second change is refused while one is open. A rollback empties the document, and only a
+  // commit fires.
   EXPECT_EQ(document_->InitChange(1, name), E_FAIL);
   document_.AddLabel("l", 1);
   EXPECT_EQ(document_->RollbackChange(), S_OK);
@@ -425,7 +426,7 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
   document_.Append(b_, 0, 10);
   Commit();
   EXPECT_EQ(b_->Held(), 1);
-  // Without a snapshot, the change does not open.
+  // Without a snapshot, the change fails to open.
   ModuleUnderTest::Revoke();
   EXPECT_EQ(document_->InitChange(0, nullptr), REGDB_E_CLASSNOTREG);
   ModuleUnderTest::Load();

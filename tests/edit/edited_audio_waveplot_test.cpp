@@ -1,4 +1,5 @@
-// The overview of documents, against plain loops over the samples and peaks of a pool's reader.
+// The overview of documents, compared with plain loops over the samples and peaks of a pool's
+// reader.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +19,7 @@ constexpr __int64 kFramesPerPeak = 256;
 constexpr float kHost = 0.125F;
 constexpr __int64 kMax = 0x7FFFFFFFFFFFFFFF;
 
-// The rules. A piece is drawn into `n` columns from `first` on.
+// The reference: draws a piece into `n` columns from `first` on.
 struct PlainOverview {
   Samples pairs;
   __int64 channels;
@@ -60,13 +61,13 @@ struct PlainOverview {
 
 class EditedAudioWaveplot : public ::testing::Test {
  protected:
-  // The pairs of a range, on top of those of the host.
+  // The pairs of a range, drawn over the host's values.
   Samples Plot(__int64 begin, __int64 end, std::size_t columns, std::size_t channels) {
     const Floats block(columns * 2 * channels, kHost);
     EXPECT_EQ(document_->ReadWaveplot(begin, end, block), S_OK);
     return block.ToVector();
   }
-  // Two numbers out of the range, in order.
+  // Two numbers from the range, in ascending order.
   std::pair<__int64, __int64> Draw(__int64 low, __int64 high) {
     std::uniform_int_distribution<__int64> numbers(low, high);
     return std::minmax({numbers(random_), numbers(random_)});
@@ -77,8 +78,8 @@ class EditedAudioWaveplot : public ::testing::Test {
   Document document_;
 };
 
-// At every moment of a take, also after the pool has written on or, with another bit depth in the
-// middle of it, has overwritten peaks.
+// At every stage of a take, also after the pool has continued writing or, after a change of bit
+// depth within the take, has overwritten peaks.
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);
@@ -101,11 +102,11 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   std::pair<__int64, __int64> range;
   int drawn = 0;
   for (int round = 0; round < 300; ++round) {
-    // The position in the peak file falls back to a quarter of what it was.
+    // The position in the peak file falls back to a quarter.
     if (round == 200) pool->SetBitDepth(32, 0);
     if (round % 10 == 0) {
       Samples noise(2 * 100 * kFramesPerPeak);
-      // Each peak has a level of its own.
+      // Each peak has its own level.
       float level = 0;
       for (std::size_t i = 0; i < noise.size(); ++i) {
         noise[i] = static_cast<float>(random_()) * 0x1p-31F - 1.0F;
@@ -114,7 +115,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
       }
       ASSERT_EQ(writer->WriteAudio(Floats(noise)), S_OK);
     }
-    // Every third picture once more.
+    // Draws every third plot twice.
     if (round % 3 != 0) range = Draw(0, plain.Length());
     if (round % 3 == 2) range.second = std::min(range.second, range.first + (1 << round % 13));
     const auto& [begin, end] = range;
@@ -158,7 +159,7 @@ TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothin
     const auto last = static_cast<__int64>(column) * 200 + 199;
     ASSERT_EQ(pairs[200 * column + 199], RampSource::Sample('A', last, 99));
   }
-  // A later block that fails leaves nothing of the earlier one.
+  // A later block that fails leaves nothing of the earlier ones.
   int left = 1;
   a->on_read = [&](SAFEARRAY*) { a->read_result = left-- > 0 ? S_OK : E_ACCESSDENIED; };
   EXPECT_THAT(Plot(0, 200'000, 1000, 100), Each(kHost));

@@ -1,5 +1,5 @@
-// The rules of editing as walks over plain lists: the reference for the fuzzer of the kernels and
-// for random edits of documents.
+// The rules of editing on plain lists: the reference for the fuzzer of the kernels and for random
+// edits of documents.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace marlinda::testing {
 struct PlainDocument {
   using Segment = CAudioSegment<char>;
 
-  // Sources by name; a dash is silence.
+  // Sources by name; "-" is silence.
   std::vector<Segment> segments;
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;
@@ -85,7 +85,7 @@ struct PlainDocument {
     return {WrappingAdd(section.begin, offset), WrappingAdd(section.end, offset)};
   }
 
-  // Number of segments before the place of an insertion; a segment around the position is cut.
+  // The number of segments before an insertion at the position. Splits a segment that contains it.
   std::size_t Split(std::int64_t position) {
     std::int64_t offset = 0;
     for (std::size_t i = 0; position != 0 && i < segments.size(); ++i) {

@@ -1,5 +1,5 @@
-// Works the mouse and the keyboard of a running editor and reads its window, for a script: an order
-// a line on standard input, an answer a line on standard output. All texts are ASCII.
+// Operates the mouse and keyboard of a running editor and reads its window. Reads one command a
+// line from standard input and writes one answer a line to standard output. All texts are ASCII.
 #include <windows.h>
 
 #include <algorithm>
@@ -25,7 +25,7 @@ std::string TextOf(HWND window) {
 
 std::string Status() { return TextOf(GetDlgItem(editor, ID_STATUS)); }
 
-// States that never come hang, and the test runner ends the test.
+// A state that never comes hangs, and the test runner ends the test.
 template <class Condition>
 void WaitUntil(Condition condition) {
   while (!condition()) Sleep(10);
@@ -45,7 +45,7 @@ void Key(WORD key, bool down) {
   SendInput(1, &input, sizeof input);
 }
 
-// A dialog is set up once it has the keyboard.
+// A dialog is ready once it has the focus.
 bool FindDialog(const std::string& title) {
   dialog = FindWindowA("#32770", title.c_str());
   GUITHREADINFO info = {};
@@ -86,7 +86,7 @@ std::string Obey(const Words& words) {
   } else if (order == "size") {
     SetWindowPos(editor, nullptr, 0, 0, number(1), number(2), SWP_NOZORDER);
   } else if (order == "mouse") {
-    // As messages: a pointer that is moved elsewhere is moved back by the display at times.
+    // Sent as messages: the display sometimes moves a moved pointer back.
     SendMessageA(editor, static_cast<UINT>(number(1)), 0, MAKELPARAM(number(2), number(3)));
   } else if (order == "dialog") {
     WaitUntil([&] { return FindDialog(Rest(words, 1)); });

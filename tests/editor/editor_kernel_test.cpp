@@ -81,7 +81,7 @@ TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
   }
   view.MakeVisible(1'000'000);
   EXPECT_TRUE(view.visible().Holds(1'000'000));
-  // Between two points the nearer frame is meant.
+  // Between two points, the nearer frame counts.
   EXPECT_EQ(view.FrameAt(view.PixelOf(1'000'001) - 1), 1'000'001);
   view.ZoomAt(0, 1e6);
   EXPECT_EQ(view.zoom().pixels, View::kMaxPixelsPerFrame);
@@ -108,12 +108,12 @@ TEST(Ruler, TicksStandAtRoundTimesAndLeaveRoomForTheirTexts) {
   for (const char* const text : {"", "-1", "0", "x", "1x", "1e9", "nan"}) {
     EXPECT_EQ(ParseSeconds(text, 44100), -1) << text;
   }
-  // No name reaches into the next.
+  // No name overlaps the next.
   const int xs[] = {0, 10, 100, 104, 190};
   EXPECT_THAT(RoomForNames(xs, 200, 12), ElementsAre(0, 90, 0, 86, 0));
 }
 
-// A document is a number here.
+// The documents here are numbers.
 TEST(UndoStack, StatesComeBackInOrderAndOneIsSavedWhichMayBecomeUnreachable) {
   UndoStack<int> stack;
   EXPECT_TRUE(stack.IsSaved());

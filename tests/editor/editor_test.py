@@ -1,7 +1,7 @@
-"""Works the editor with mouse and keyboard as a person does, and compares what it plays and writes.
+"""Operates the editor with mouse and keyboard, and compares its sound and its files.
 
 Called inside a Wine session: editor_test.py marlinda.exe marlinda-editor.exe editor_driver.exe [unittest arguments]
-TESSALY_EDITOR_PICTURES names a folder for pictures of the window.
+TESSALY_EDITOR_PICTURES sets a folder for screenshots of the window.
 """
 
 import array
@@ -25,12 +25,12 @@ from sound_test import Heard, sound
 SHIFT, CTRL, SPACE, END, HOME, PLUS = 16, 17, 32, 35, 36, 107
 MOVE, LEFT_DOWN, LEFT_UP, MIDDLE_DOWN, MIDDLE_UP = 0x200, 0x201, 0x202, 0x207, 0x208
 OK, CANCEL, NO = 1, 2, 7
-FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's own
+FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's dialogs
 LANE = 200  # a height inside the first lane
 
 
 def signal(frames):
-    """16-bit stereo without a silent frame, in which every frame can be told from its neighbours."""
+    """16-bit stereo without a silent frame, in which every frame differs from its neighbours."""
     samples = array.array("h")
     for n in range(frames):
         loudness = 2000 + 6000 * abs(math.sin(n / 30000))
@@ -40,7 +40,7 @@ def signal(frames):
 
 
 class Editor:
-    """A running editor and the driver that works it."""
+    """A running editor and its driver."""
 
     def __init__(self, *files, environment=None):
         words = [windows(file) for file in files]
@@ -73,7 +73,7 @@ class Editor:
             self.ask("await", until)
 
     def answer(self, title, button, field=None, text=None):
-        """Answers a dialog and returns what it said."""
+        """Answers a dialog and returns its text."""
         said = self.ask("dialog", title)
         if text is not None:
             self.ask("enter", field, text)
@@ -84,7 +84,7 @@ class Editor:
         self.ask("mouse", message, x, LANE)
 
     def select(self, begin, end):
-        """Selects from pixel to pixel; returns the range in frames, which the status line shows."""
+        """Selects between two pixels and returns the range in frames from the status line."""
         before = self.ask("status").split("Selected")[1:]
         for message, x in ((LEFT_DOWN, begin), (MOVE, end), (LEFT_UP, end)):
             self.mouse(message, x)
@@ -155,7 +155,7 @@ class EditorTest(unittest.TestCase):
         cut = array.array("h", self.samples[:2 * begin] + self.samples[2 * end:])
         played = [tuple(round(value * 32767) for value in frame) for frame in heard.frames()]
         chosen = list(zip(cut[2 * label:2 * last:2], cut[2 * label + 1:2 * last:2]))
-        # The sound server drops what it still has when a stream is closed.
+        # A closing stream drops what the sound server still holds.
         self.assertGreater(len(played), len(chosen) - RATE // 10)
         self.assertEqual(played, chosen[:len(played)])
 
@@ -199,7 +199,7 @@ class EditorTest(unittest.TestCase):
         with wave.open(str(written)) as file:
             samples = array.array("h", file.readframes(file.getnframes()))
         self.assertEqual(samples[:8 * RATE], self.samples)
-        # The microphone hears 440 Hz at half the full scale.
+        # The microphone gets 440 Hz at half of full scale.
         tone = samples[2 * (4 * RATE + recorded // 4):2 * (4 * RATE + 3 * recorded // 4):2]
         crossings = sum(1 for a, b in zip(tone, tone[1:]) if a < 0 <= b)
         self.assertAlmostEqual(crossings * RATE / len(tone), 440, delta=5)

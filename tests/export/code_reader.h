@@ -1,4 +1,4 @@
-// A source whose samples are known PCM codes, with a say in what each read does.
+// A source whose samples are known PCM codes, with a hook before each read.
 #pragma once
 
 #include <marlinda.h>
@@ -13,21 +13,21 @@
 
 namespace marlinda::testing {
 
-// The code of the sample with this index (frame * channels + channel), spread over the width. The
-// most negative code is left out: not every width can reach it.
+// The code of the sample with this index (frame * channels + channel), spread over the width. Omits
+// the most negative code, which not every width can reach.
 inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   const auto spread = static_cast<std::uint32_t>((index + 1) * 2654435761U);
-  // A float holds 24 bits: codes of 32 bits have their low byte 0.
+  // A float holds 24 bits, so 32-bit codes have the low byte 0.
   const std::int32_t code = static_cast<std::int32_t>(spread) >> (bits == 32 ? 8 : 32 - bits);
   const std::int32_t lowest = -(1 << (std::min(bits, 24) - 1));
   return std::max(code, lowest + 1) * (bits == 32 ? 256 : 1);
 }
 
-// Bytes of the samples from `first` on, as the file must have them.
+// The bytes of samples from `first` on, as the file must contain them.
 inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits) {
   riff::Bytes result;
   for (std::uint64_t index = first; index < first + count; ++index) {
-    // 8-bit samples are unsigned around 128.
+    // 8-bit samples are unsigned, centred on 128.
     const auto code = static_cast<std::uint32_t>(CodeAt(index, bits) + (bits == 8 ? 128 : 0));
     for (int shift = 0; shift < bits; shift += 8) {
       result.push_back(static_cast<unsigned char>(code >> shift));
@@ -42,7 +42,8 @@ class CodeReader final : public RampSource {
     SHORT channels = 1;
     __int64 frames = 0;
     int bits = 16;
-    // Runs before each read, with the block, which stays as this left it when read_result fails.
+    // Called before each read with the block. If read_result is a failure, the block stays as this
+    // left it.
     std::function<void(__int64 position, std::span<float> samples)> before_read = {};
   };
 
@@ -59,7 +60,7 @@ class CodeReader final : public RampSource {
   }
 
  private:
-  // The float that the engine's rules turn into the code.
+  // The float that the engine converts to the code.
   float At(__int64 frame, int channel) const override {
     const int bits = setup_.bits;
     const float scale = bits == 8 ? 127 : bits == 16 ? 32767 : bits == 24 ? 0x1p23F : 0x1p31F;

@@ -1,4 +1,4 @@
-// The compressed export with the project's MP3 encoder, and without any.
+// The compressed exports with the project's MP3 encoder, and without an encoder.
 
 #include <gtest/gtest.h>
 // After windows.h.
@@ -20,7 +20,7 @@ using namespace riff;
 
 constexpr HRESULT kNoEncoder = VFW_E_CANNOT_CONNECT;
 
-// A tone of its own in each channel.
+// A different tone in each channel.
 class Tones final : public RampSource {
  public:
   Tones(SHORT channels, __int64 count) : RampSource('A', channels, nullptr, 44100) {
@@ -50,7 +50,7 @@ class DShowExport : public ::testing::Test {
     ASSERT_EQ(task->Start(), S_OK);
     ASSERT_TRUE(WaitForTask(task.Get()));
   }
-  // The import makes so many frames of the file, with the tones that went in.
+  // Expects an import of the file to give this many frames, with the original tones.
   void ExpectTones(__int64 frames) {
     const auto import = Create<IImportFilter>(CLSID_CDShowImport);
     const auto writer = MakeObject<RecordingWriter>();
@@ -59,7 +59,7 @@ class DShowExport : public ::testing::Test {
     ASSERT_TRUE(WaitForTask(As<ICoreTask>(import).Get()));
     const std::vector<float>& samples = writer->samples;
     ASSERT_EQ(samples.size(), static_cast<std::size_t>(2 * frames));
-    // The beginning is loud at once, which no encoder keeps.
+    // The sound starts abruptly, which no encoder preserves.
     for (std::size_t i = 4000; i + 4000 < samples.size(); ++i) {
       ASSERT_NEAR(samples[i], tones->At(static_cast<__int64>(i / 2), i % 2), 0.01) << i;
     }
@@ -84,7 +84,7 @@ TEST_F(DShowExport, RefusesWhatItCannotWriteAndLeavesFilesAsTheyWere) {
     EXPECT_FALSE(IsThere());
   }
   Initialize(2, 9);
-  // The name is taken between Initialize and Start.
+  // A folder takes the name between Initialize and Start.
   ASSERT_TRUE(CreateDirectoryW(mp3.c_str(), nullptr));
   EXPECT_EQ(task->Start(), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
   ASSERT_TRUE(RemoveDirectoryW(mp3.c_str()));
@@ -130,7 +130,7 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenItCannotWrite) {
   Run();
   ExpectTones(2 * 65536);
   Initialize(2, 1'000'000);
-  // Closes the file behind the module's back. The system numbers its handles.
+  // Closes the file from outside the module. The system numbers its handles.
   tones->on_read = [&](SAFEARRAY*) {
     for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
       wchar_t name[MAX_PATH] = L"";

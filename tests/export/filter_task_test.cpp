@@ -1,4 +1,4 @@
-// What all four filters share: the contract of their task. And how the exports describe themselves.
+// The task contract that all four filters share, and the exports' descriptions of themselves.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -21,7 +21,7 @@ struct FilterCase {
   friend void PrintTo(const FilterCase& filter, std::ostream* out) { *out << filter.name; }
 };
 
-// A filter, its file, and the writer or reader at its other side.
+// A filter, its file, and its writer or reader.
 class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
  protected:
   FilterTaskTest() {
@@ -60,7 +60,7 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
     EXPECT_TRUE(running == VARIANT_TRUE || running == VARIANT_FALSE);
     return running == VARIANT_TRUE;
   }
-  // -1 where there is none.
+  // -1 if there is none.
   float Progress() {
     float progress = 7;
     return SUCCEEDED(task->GetProgress(&progress)) ? progress : -1;
@@ -95,7 +95,7 @@ TEST_P(FilterTaskTest, DoesNothingWithoutAFileAndAClient) {
   EXPECT_EQ(Initialize(), S_OK);
   EXPECT_EQ(Progress(), 0.0F);
   EXPECT_EQ(Name(), verb + path);
-  // A Cancel that comes before the Start stays in force.
+  // A Cancel before Start stays in force.
   EXPECT_EQ(task->Cancel(), S_OK);
   Run();
   EXPECT_LE(blocks, 1);
@@ -168,7 +168,7 @@ TEST_P(FilterTaskTest, SurvivesItsLastReleaseByItsOwnClient) {
   EXPECT_EQ(blocks, 1);
 }
 
-// Texts of the host are no formats.
+// A file name with "%s" must not act as a format string.
 INSTANTIATE_TEST_SUITE_P(
     All, FilterTaskTest,
     ::testing::Values(FilterCase{"Ogg", CLSID_COggImport, L"in.ogg", false},

@@ -1,4 +1,4 @@
-"""MP3 files that the program writes through Mp3Encoder.dll, judged by other makers' decoders and by our own import."""
+"""Checks MP3 files from the program and Mp3Encoder.dll with independent decoders and the engine's import."""
 
 import array
 import json
@@ -14,7 +14,7 @@ from program import keep_wine_alive, run, tool, WINE  # noqa: E402
 
 SETTINGS = r"HKCU\Software\Brevant\Cutloom\EncoderSettings"
 REFUSED = None
-# Rate, channels and kbit/s; frames more than went in. Frames of 56 kbit/s have no room for the length.
+# Rate, channels, kbit/s; surplus frames in the output. Frames of 56 kbit/s have no room for the length.
 FORMATS = [(44100, 2, 56, range(1, 2305)), (44100, 2, 64, [0]), (44100, 2, 128, [0]), (44100, 2, 320, [0]),
            (32000, 1, 128, [0]), (48000, 2, 128, [0]), (22050, 1, 64, [0]), (96000, 2, 128, REFUSED),
            (44100, 3, 128, REFUSED)]

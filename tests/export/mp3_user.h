@@ -1,4 +1,4 @@
-// The MP3 encoder of the project as one of the system's, and the user's settings of encoders.
+// Registers the project's MP3 encoder and changes the user's encoder settings.
 #pragma once
 
 #include <windows.h>
@@ -10,7 +10,7 @@
 
 namespace marlinda::testing {
 
-// For as long as it lives.
+// Registered during its lifetime.
 class RegisteredEncoder {
  public:
   RegisteredEncoder() { Check(Call("DllRegisterServer")); }
@@ -26,7 +26,7 @@ class RegisteredEncoder {
   }
 };
 
-// Absent before and after.
+// Absent before and after the test.
 class EncoderSettings {
  public:
   EncoderSettings() {

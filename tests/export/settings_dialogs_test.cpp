@@ -1,5 +1,5 @@
-// The settings dialogs as a person meets them: real windows, which a thread of its own works while
-// the thread of the test shows them.
+// The settings dialogs as a user sees them: real windows, which another thread operates while the
+// test's thread shows them.
 
 #include <gtest/gtest.h>
 // After windows.h.
@@ -16,7 +16,7 @@
 namespace marlinda::testing {
 namespace {
 
-// Work on an open dialog, which they end.
+// Steps in an open dialog, which they close.
 using DialogSteps = std::function<void(HWND dialog)>;
 
 DialogSteps Click(int item, DialogSteps leave = {}) {
@@ -28,7 +28,7 @@ DialogSteps Click(int item, DialogSteps leave = {}) {
 const DialogSteps kOk = Click(IDOK);
 const DialogSteps kClose = [](HWND dialog) { PostMessageW(dialog, WM_CLOSE, 0, 0); };
 
-// The radio button that is checked; 0 for none.
+// The checked radio button; 0 for none.
 int Checked(HWND dialog) {
   int checked = 0;
   for (HWND item = GetWindow(dialog, GW_CHILD); item; item = GetWindow(item, GW_HWNDNEXT)) {
@@ -40,7 +40,7 @@ int Checked(HWND dialog) {
   return checked;
 }
 
-// Runs the steps once a dialog with that title is there. A dialog that never comes is a hang.
+// Runs the steps once a dialog with that title opens. A dialog that never opens hangs.
 std::jthread UseDialog(const std::wstring& title, const DialogSteps& steps) {
   return std::jthread([=] {
     HWND window = nullptr;
@@ -62,7 +62,7 @@ class SettingsDialogs : public ::testing::Test {
     const auto& filter = kind == L"wav" ? wav : compressed;
     EXPECT_EQ(filter->ShowSettingsDlg(Bstr(kind), HandleToULong(owner)), S_OK);
   }
-  // Format tag and bits per sample of the files that the WAV filter now writes.
+  // Format tag and bits per sample of the files that the WAV filter writes.
   std::pair<int, int> Written() {
     const TemporaryFolder folder;
     const std::wstring path = folder.File(L"out.wav");
@@ -90,7 +90,7 @@ TEST_F(SettingsDialogs, TakeTheWidthThatWasChosenBeforeOk) {
       {16, 204, Click(203, kOk), {1, 8}},
       {8, 203, Click(206, kOk), {1, 32}},
       {24, 205, Click(207, Click(IDCANCEL)), {1, 24}},
-      // No button stands for 20 bits, and floats have 32 whatever was set.
+      // There is no button for 20 bits. Floats have 32 bits whatever was set.
       {20, 0, kOk, {1, 20}},
       {16, 204, Click(207, kOk), {3, 32}},
       {16, 207, kOk, {3, 32}},
@@ -106,7 +106,7 @@ TEST_F(SettingsDialogs, TakeTheWidthThatWasChosenBeforeOk) {
 }
 
 TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
-  // 128, without a stored one.
+  // Without a stored bit rate: 128.
   Show(L"wma", [](HWND dialog) {
     EXPECT_EQ(Checked(dialog), 203);
     Click(201, Click(IDCANCEL))(dialog);
@@ -118,7 +118,7 @@ TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
   Show(L"wma", kOk);
   EXPECT_EQ(settings.Read("WMABitrate"), 80U);
 
-  // The encoder's best are 320.
+  // The encoder's maximum is 320.
   settings.Write("MP3Bitrate", 400);
   Show(L"Mp3", [](HWND dialog) {
     const HWND list = GetDlgItem(dialog, 207);
@@ -146,7 +146,7 @@ TEST_F(SettingsDialogs, AreModalToTheirOwnerWhoSeesTheCodecErrorsAndOutliveTheFi
     EXPECT_FALSE(IsWindowEnabled(owner));
     kOk(dialog);
   };
-  // Without an encoder no bit rate is offered.
+  // Without an encoder no bit rates are offered.
   encoder.reset();
   settings.Write("MP3Bitrate", 192);
   Show(L"mp3", modal, owner);
@@ -160,7 +160,7 @@ TEST_F(SettingsDialogs, AreModalToTheirOwnerWhoSeesTheCodecErrorsAndOutliveTheFi
   }
   EXPECT_TRUE(IsWindowEnabled(owner));
   DestroyWindow(owner);
-  // That window is gone: no dialog.
+  // That window is gone, so no dialog opens.
   EXPECT_EQ(wav->ShowSettingsDlg(Bstr(L"wav"), HandleToULong(owner)), S_OK);
   Show(L"wav", [&](HWND dialog) {
     wav.Reset();
@@ -170,7 +170,7 @@ TEST_F(SettingsDialogs, AreModalToTheirOwnerWhoSeesTheCodecErrorsAndOutliveTheFi
 
 TEST_F(SettingsDialogs, LeaveNothingBehind) {
   constexpr unsigned kTimes = 100;
-  // One thread for all dialogs: the threads of this test are not what is counted.
+  // One thread for all dialogs, so that the test's own threads do not count.
   const std::jthread user([main = GetCurrentThreadId()](const std::stop_token& stop) {
     for (; !stop.stop_requested(); Sleep(1)) {
       const HWND dialog = FindWindowW(L"#32770", nullptr);
@@ -189,7 +189,7 @@ TEST_F(SettingsDialogs, LeaveNothingBehind) {
   show(10);
   const std::size_t blocks = CountHeapBlocks();
   show(kTimes);
-  // Handles are not counted: the system's list of encoders keeps some each time under Wine.
+  // Handles are not counted: under Wine the system's list of encoders keeps some each time.
   EXPECT_LT(CountHeapBlocks(), blocks + kTimes / 2);
 }
 

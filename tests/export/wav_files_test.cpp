@@ -1,4 +1,4 @@
-// The WAV files that the export filter and the wave writer make.
+// The WAV files of the export filter and the wave writer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -70,7 +70,7 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
       {.channels = 2, .frames = 131073, .before_read = [&](__int64 at, std::span<float> samples) {
          blocks.emplace_back(at, samples.size());
          failing->read_result = at == 65536 ? E_FAIL : S_OK;
-         // The rest is silent, whatever the last block held.
+         // The rest is silent, whatever the last block contained.
          if (at == 65536) samples.front() = 0.5F;
        }});
   failing = reader.Get();
@@ -86,7 +86,7 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
 
 TEST(WavExportFilter, FillsWidthsThatItCannotEncodeWithSilence) {
   Export out(CodeReader::Create({.frames = 65538, .bits = 32}), 40);
-  // Five bytes a sample, of which four are encoded, block by block.
+  // Five bytes per sample, of which four are encoded, block by block.
   EXPECT_EQ(
       out.Run(),
       Wav(Format(1, 40),
@@ -105,7 +105,7 @@ TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
     EXPECT_EQ(out.Run(), Wav(format, {}, Info())) << setup.channels;
     EXPECT_EQ(out.Progress(), progress) << setup.channels;
   }
-  // Past 2^31 frames, without a byte for each.
+  // More than 2^31 frames, which take no bytes.
   const auto silence = Create<INullReader>(CLSID_CNullReader);
   ASSERT_EQ(silence->Create((1LL << 31) + 5, 44100, 1), S_OK);
   Export out(As<IAudioReader>(silence), 0);
@@ -152,7 +152,7 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
                                    if (position == 2 * 65536) task->Cancel();
                                  }}));
   task = out.task.Get();
-  // The block that was being read when Cancel came is still written.
+  // The block that was being read at the Cancel is still written.
   EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 3 * 65536, 16), Info()));
   EXPECT_FLOAT_EQ(out.Progress(), 0.3F);
 
@@ -167,7 +167,7 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
 TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
   const auto reader = CodeReader::Create({.frames = 10});
   Export out(reader);
-  // Nobody else gets at the file, this object's own second call included, which closes it.
+  // Nobody else can open the file, this object's second call included, which closes it.
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), kSharingViolation);
   EXPECT_EQ(out.task->Start(), E_FAIL);
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path + L"\\out.wav"), reader.Get()), kPathNotFound);
@@ -189,7 +189,7 @@ class WaveWriter : public ::testing::Test {
     EXPECT_EQ(audio->CloseDevice(), S_OK);
     return ReadFileBytes(path);
   }
-  // The header is plain whatever the channels.
+  // The header is plain for any channel count.
   static Bytes File(SHORT channels, SHORT bits, const Bytes& codes) {
     return Wav(PlainFormat(bits == 32 ? 3 : 1, channels, 44100, bits / 8, bits), codes, {});
   }
@@ -215,7 +215,7 @@ TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
     }
   }
   const std::tuple<SHORT, SHORT, std::size_t, std::size_t> odd[] = {
-      // Channels, bits, samples, and bytes of data: padded to four.
+      // Channels, bits, samples, and data bytes padded to four.
       {1, 16, 1, 4}, {2, 16, 5, 8}, {2, 32, 5, 20}, {-2, 16, 8, 0}, {0, 32, 8, 32}, {2, 12, 8, 8}};
   for (const auto& [channels, bits, samples, bytes] : odd) {
     EXPECT_EQ(Record(channels, bits, std::vector<float>(samples)).size(), 44 + bytes)
@@ -244,7 +244,7 @@ TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
 }
 
 TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
-  // Itself, which leaves no reference behind.
+  // Itself: no reference remains.
   const ULONG before = ReferenceCount(writer.Get());
   EXPECT_EQ(writer->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(ReferenceCount(writer.Get()), before);
@@ -285,7 +285,7 @@ TEST(WavFile, WrapsSizesPastFourGibibytesAndOverwritesNothing) {
   WavFile file;
   file.Attach(FileHandle(raw));
   file.Begin({44100, 1, 8, false}, ManyChannels::kPlain);
-  // As if so many samples had been written: the file is sparse.
+  // As after writing that many samples: the file is sparse.
   LARGE_INTEGER end;
   end.QuadPart = static_cast<LONGLONG>(44 + kSamples);
   ASSERT_TRUE(SetFilePointerEx(raw, end, nullptr, FILE_BEGIN));

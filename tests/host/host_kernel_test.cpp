@@ -1,4 +1,4 @@
-// The kernels of the host: times, the plan of a cut, messages, status lines, WAV files, pictures.
+// The kernels of the host: times, cut plans, messages, status lines, WAV files, pictures.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ using ::testing::HasSubstr;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
-// The reason of a refusal; empty when there is none.
+// The reason of a refusal; empty if there is none.
 template <class Call>
 std::string RefusalOf(Call call) {
   try {
@@ -43,7 +43,7 @@ TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
     return Timecode::Parse(text).ToFrames(rate);
   };
   EXPECT_EQ(frames(".25", 48000), 12000);
-  // Half a frame goes to the later one, less than half to the earlier one.
+  // Rounds half a frame up and less than half down.
   EXPECT_EQ(frames("0.5", 1), 1);
   EXPECT_EQ(frames("0.499999999", 1), 0);
   // Beyond the 53 bits of a double.
@@ -168,7 +168,7 @@ TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles
     std::istringstream file(bytes);
     return ExamineWaveFile(file);
   };
-  // One channel of 24 bits, two frames and a third of one.
+  // One channel of 24 bits: two and a third frames.
   constexpr std::string_view kBytes(
       "RIFF\x38\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1F\0\0\xC0\x5D\0\0\3\0\x18\0"
       "data\x8\0\0\0........LIST\4\0\0\0INFO",
@@ -201,7 +201,7 @@ struct Pixels {
     const auto at = static_cast<std::size_t>(3 * (y * kWidth + x));
     return {bytes.at(at), bytes.at(at + 1), bytes.at(at + 2)};
   }
-  // The rows of a column that the wave covers at least by half.
+  // The rows of a column of which the wave covers at least half.
   std::vector<int> Wave(int column, int from = 0, int to = 200) const {
     std::vector<int> rows;
     for (int y = from; y < to; ++y) {
@@ -211,7 +211,7 @@ struct Pixels {
   }
 };
 
-// Six pixels a character.
+// Six pixels per character.
 ShapedText Shape(const std::string& text) {
   const double width = 6.0 * static_cast<double>(text.size());
   ShapedText shaped{{}, width};
@@ -219,7 +219,7 @@ ShapedText Shape(const std::string& text) {
   return shaped;
 }
 
-// A picture of one second whose columns are given by a function of column and channel.
+// A picture of one second. A function of column and channel gives its columns.
 template <class Pair>
 Drawing Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
   std::vector<float> pairs;
@@ -296,7 +296,7 @@ TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesThatDoNotMeet) {
 
   annotations.labels = {{44000, std::string(5000, 'x')}, {100, ""}};
   EXPECT_EQ(Draw(Silent, annotations).Pixels().size(), 3U * kWidth * kHeight);
-  // The smallest picture has room for nothing but still a lane.
+  // The smallest picture has room only for a lane.
   EXPECT_EQ(DrawWaveform({{}, {}, {}, 8, 0, 1, 0, annotations}, {}, 32, 32, Shape).Pixels().size(),
             3072U);
   EXPECT_THAT(Draw(Silent, annotations).Svg(), ::testing::StartsWith("<svg xmlns"));

@@ -1,4 +1,4 @@
-"""Runs marlinda.exe as its users do and lets foreign programs judge what it writes.
+"""Runs marlinda.exe as users do and checks its files with independent programs.
 
 Called inside a Wine session of its own: host_test.py PATH/marlinda.exe [unittest arguments]
 """
@@ -37,7 +37,7 @@ def wine(*words, scope="machine"):
 
 
 def image(bits):
-    """The module, with a header that names that bitness."""
+    """The module with that bitness in its header."""
     data = bytearray(MODULE.read_bytes())
     place = int.from_bytes(data[0x3c:0x40], "little") + 4
     data[place:place + 2] = (0x8664 if bits == 64 else 0x014c).to_bytes(2, "little")
@@ -59,7 +59,7 @@ def hertz(samples):
 
 
 class Picture:
-    """A picture as ffmpeg reads it, in rows of three bytes a pixel."""
+    """A picture as ffmpeg reads it, in rows of three bytes per pixel."""
 
     def __init__(self, path):
         size = tool("ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0", path)
@@ -80,14 +80,14 @@ class HostTest(ProgramTest):
         super().setUpClass()
         cls.ogg, cls.tone = cls.shared / "音楽 Ω.ogg", cls.shared / "tone.ogg"
         wav = cls.shared / "in.wav"
-        # A gliding tone and noise, so that no two stretches of the audio are alike.
+        # A sweep and noise, so that no two parts of the audio are alike.
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, "-b", 16, wav, "synth", 3, "sine", "100:9000", "pinknoise",
              "vol", 0.5)
         tool("oggenc", "-Q", "-s", 1, "-t", "Glide", "-a", "Nobody", "-l", "Tests", "-d", "2009-05-01", "-G", "Noise",
              wav, "-o", cls.ogg)
         tool("sox", "-D", "-n", "-r", RATE, "-c", 1, "-b", 16, wav, "synth", 1, "sine", 1000)
         tool("oggenc", "-Q", "-s", 1, "-q", 9, wav, "-o", cls.tone)
-        # The other results are compared with this one, bit for bit.
+        # The other results are compared with this one bit by bit.
         assert run("convert", cls.ogg, wav)[0] == 0
         cls.samples = frames_of(wav)
 
@@ -158,7 +158,7 @@ class HostTest(ProgramTest):
             shutil.copy(PROGRAM.parent / file, self.folder)
         self.fail_with(6, "convert", self.ogg, self.out, "--rate", "48000", program=alone, says="Converter.dll")
         self.assertFalse(self.out.exists())
-        # The converter is needed only where formats differ.
+        # The converter is needed only if formats differ.
         self.succeed("convert", self.ogg, self.out, "--rate", str(RATE), program=alone)
         self.assertEqual(frames_of(self.out), self.samples)
 
@@ -171,7 +171,7 @@ class HostTest(ProgramTest):
             self.succeed(command, source, self.out, *options)
             self.assertEqual(facts_of(self.out), [RATE // 10, RATE, 2, bits])
             before, after = (array.array("i", tool("sox", file, "-t", "s32", "-")) for file in (source, self.out))
-            # Two codes of the source, of which a float holds the highest 24 bits.
+            # Two codes of the source. A float holds their upper 24 bits.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
 
@@ -184,7 +184,7 @@ class HostTest(ProgramTest):
                          for options in ([], ["--rate", "22050"]))
         self.assertLess(whole, FRAMES)
         self.assertEqual(slower, whole * 22050 // RATE)
-        # The part is shorter than the file promises, so it ends there as well.
+        # The part is shorter than the file announces, so it ends early too.
         status, _, messages = run("cut", hole, self.out, "--keep", "0.5:")
         self.assertEqual((status, frames_of(self.out)), (0, self.piece(RATE // 2, whole)))
         self.assertIn(f"only {whole} of {FRAMES} frames", messages)
@@ -263,18 +263,18 @@ class HostTest(ProgramTest):
         self.addCleanup(wine, "reg", "delete", FILTER_KEY, "/f")
         wine("reg", "delete", FILTER_KEY, "/f")
         self.assertEqual((listed(), states("--remove")), (None, ["not listed"] * 2))
-        # A damaged entry under our own name is put right.
+        # Repairs a damaged entry under our own name.
         self.assertEqual(wine("reg", "add", FILTER_KEY, "/v", "COggImport", "/d", "{broken}", "/f"), 0)
         self.assertEqual((states(), states(), listed()), (["listed"] * 2, ["listed already"] * 2, "COggImport"))
         self.assertEqual((states("--remove"), listed()), (["removed"] * 2, None))
-        # An entry that somebody else made for the same class is respected and found.
+        # Keeps and finds another program's entry for the same class.
         wine("reg", "add", FILTER_KEY, "/v", "Vorbis", "/d", OGG_CLASS.lower(), "/f")
         self.assertEqual((sorted(states()), listed()), (["listed", "listed already"], "Vorbis"))
         self.assertIn('listed as "Vorbis", merit 200, *.ogg', self.succeed("filters"))
 
     def test_plot_draws_the_wave_as_high_as_it_sounds(self):
-        # The left half of one channel sounds, and all of the other is silent. Below the lane is an axis of 22
-        # pixels, and its last 4 separate it from the next one.
+        # The left half of one channel sounds; the other channel is silent. Below the lane is an axis of 22 pixels, of
+        # which the last 4 separate it from the next lane.
         sides = self.folder / "sides.wav"
         tool("sox", "-D", "-n", "-r", RATE, "-c", 2, "-b", 16, sides, "synth", 1, "sine", 1000, "vol", 0.5,
              "remix", 1, "1v0", "trim", 0, 0.5, "pad", 0, 0.5)
@@ -337,13 +337,13 @@ class HostTest(ProgramTest):
     def test_a_picture_of_a_part_is_that_of_the_whole_sound(self):
         wav, film, chain = (self.folder / name for name in ("all.wav", "all.avi", "chain.ogg"))
         self.succeed("convert", self.ogg, wav)
-        # These two are imported whole.
+        # These two are imported as a whole.
         tool("ffmpeg", "-v", "error", "-i", wav, "-c:a", "pcm_s16le", film)
         chain.write_bytes(self.ogg.read_bytes() + (ROOT / "tests/data/mono.ogg").read_bytes())
         for sources in (wav, film), (self.ogg, chain):
             pictures = []
             for source in sources:
-                # 274 frames a column, which are drawn from peaks. Blocks of Ogg begin at other multiples of 256.
+                # 274 frames per column, drawn from peaks. Blocks of Ogg begin at other multiples of 256.
                 self.assertEqual(run("plot", source, self.png, "--width", "200", "--from", "42084f", "--to", "2.2")[0], 0)
                 pictures.append(self.png.read_bytes())
             self.assertEqual(*pictures, sources)
@@ -360,14 +360,14 @@ class HostTest(ProgramTest):
         self.succeed("cut", long, self.out, "--keep", "2:59:58.5:2:59:59.5", "--keep", "1f:10f", **options)
         self.assertEqual(frames_of(self.out), self.piece(RATE // 2, RATE * 3 // 2) + bytes(36))
         self.succeed("plot", long, self.png, "--from", "2:59:59", **options)
-        # Refused before anything is imported.
+        # Refused before any import.
         self.out.unlink()
         for command in (["convert", long], ["join", long, long]):
             self.fail_with(4, *command, self.out, "--bits", "32", "--channels", "4", says="4 GiB", **options)
         self.assertFalse(self.out.exists())
 
     def test_cut_draws_its_result(self):
-        # So long that it is drawn from peaks.
+        # Long enough to be drawn from peaks.
         self.succeed("cut", self.ogg, self.out, "--keep", ":", ":", "--silence", "6:6", "--plot", self.png)
         picture = Picture(self.png)
         self.assertEqual(picture.size, (1200, 320))
@@ -393,7 +393,7 @@ class HostTest(ProgramTest):
             while not (self.out.exists() and self.out.stat().st_size > 0):
                 self.assertIsNone(command.process.poll())
                 time.sleep(0.01)
-            # A second and a third Ctrl+C change nothing.
+            # Further Ctrl+C change nothing.
             for _ in range(3):
                 command.process.send_signal(signal.SIGINT)
             status, output, messages = command.result()
@@ -418,7 +418,7 @@ class HostTest(ProgramTest):
                 section = re.search(rf"^### `{command}`\n(.*?)(?=^###? )", page, re.M | re.S)[1]
                 block = section.split("JSON:\n")[1]
                 self.assertEqual((list(report)[0], report.pop("schema_version")), ("schema_version", 2))
-                # One level of indentation below the brace.
+                # Indented one level below the brace.
                 self.assertEqual(list(report), re.findall(r'^      "(\w+)":', block, re.M))
                 self.assertLessEqual(keys(report), set(re.findall(r'"(\w+)":', block)))
         commands = re.findall(r"^  ([a-z-]+)  ", self.succeed("--help").split("Subcommands:")[1], re.M)
@@ -429,7 +429,7 @@ class HostTest(ProgramTest):
 
 
 class DoctorTest(ProgramTest):
-    """Breaks what the program needs, one thing at a time, and lets "marlinda doctor" find it."""
+    """Breaks one requirement of the program at a time; "marlinda doctor" must find it."""
 
     def setUp(self):
         super().setUp()
@@ -445,8 +445,8 @@ class DoctorTest(ProgramTest):
         self.addCleanup(wine, "regsvr32", "/s", "/u", windows(module), scope=scope)
 
     def doctor(self, status=7, program=PROGRAM, subject=None, cause=None):
-        """The report. Besides the missing sound server it has one problem, with this subject and cause, or,
-        without these, none unless the status names some."""
+        """Returns the report. Besides the missing sound server it must have one problem, with this subject and cause,
+        or without these none unless the status expects some."""
         got, output, messages = run("doctor", "--json", program=program, environment=NO_SERVER)
         self.assertEqual(got, status, output + messages)
         report = json.loads(output)
@@ -455,7 +455,7 @@ class DoctorTest(ProgramTest):
         self.assertEqual(len(report["problems"]), len(found) + 2)
         self.assertEqual(not found, status == 7)
         if subject:
-            # Without a module there may be no type library either.
+            # Without a module the type library may also be missing.
             self.assertTrue(len(found) == 1 or not report["module"], found)
             self.assertIn(subject, found[0]["subject"])
             self.assertIn(cause, found[0]["cause"])
@@ -476,14 +476,14 @@ class DoctorTest(ProgramTest):
 
     def test_a_module_that_is_missing_or_broken_is_told_by_its_fault(self):
         status, text, messages = run("doctor", program=self.alone, environment=NO_SERVER)
-        # The system's sound library may write messages before it.
+        # The system's sound library may print messages first.
         self.assertEqual((status, messages[-len("there are 4 problems\n"):]), (6, "there are 4 problems\n"))
         self.assertIn("problem: the engine's module: the class is not registered\n  Register", text)
         moved = self.folder / MODULE.name
         shutil.copy(MODULE, moved)
         self.register(moved)
         self.addCleanup(shutil.copy, MODULE, moved)
-        # Wine creates nothing from the registration of a user. A manifest comes first.
+        # Wine creates nothing from a user's registration. A manifest takes precedence.
         self.register(MODULE, scope="user")
         report = self.doctor(program=self.alone)
         self.assertEqual((report["found_by"], report["registrations"]), ("machine", [
@@ -514,14 +514,14 @@ class DoctorTest(ProgramTest):
         self.register(MODULE)
         wine("reg", "delete", CLASSES + r"\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", "/f")
         self.assertIsNone(self.doctor(6, self.alone, "type library", "not registered")["type_library"])
-        # The manager reads no further than the last one.
+        # The manager stops reading at the last one.
         for value, subject, cause in (
                 ("{11111111-2222-3333-4444-555555555555}", '"Ghost" in HKEY_LOCAL_MACHINE', "not registered"),
                 ("COggImport", '"Ghost"', "not a class identifier"), ("x" * 120, "Import Filters", "too long")):
             wine("reg", "add", FILTER_KEY, "/v", "Ghost", "/d", value, "/f")
             self.doctor(6, PROGRAM, subject, cause)
         wine("reg", "delete", FILTER_KEY, "/v", "Ghost", "/f")
-        # Not even root can write in the last one.
+        # Even root cannot write in the last one.
         for folder, cause in ((self.folder, None), (self.folder / "nowhere", "does not exist"),
                               (self.alone, "not a folder"), (pathlib.Path("/proc/self"), "no file can be made there")):
             wine("reg", "add", DIRECTORIES, "/v", "Temporary", "/d", windows(folder), "/f")

@@ -1,4 +1,4 @@
-"""How tests run the program, the first argument of the command line, and other tools."""
+"""Runs the program, which is the first argument of the command line, and other tools for tests."""
 
 import json
 import os
@@ -14,8 +14,8 @@ import unittest
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
 ENVIRONMENT = dict(os.environ, LC_ALL="C.UTF-8")
-# What the libraries below Wine's decoders say on a machine without a sound card, and about files that they do
-# not know; and what Wine says of a process of which one thread talked to the server while another ended it.
+# Messages of the libraries below Wine's decoders on a machine without a sound card and about unknown files. Also
+# Wine's message if one thread talks to the server while another ends the process.
 NOISE = re.compile(r"^\s*(ALSA lib |\(wine:\d+\): GStreamer|wine client error:).*\n(\r?\n)*", re.MULTILINE)
 
 
@@ -24,11 +24,11 @@ def windows(path):
 
 
 class Run:
-    """One run of the program. It writes into files: Wine's helper processes, which it may start, live
-    on for a while and would keep pipes open."""
+    """One run of the program. Its output goes to files: it may start helper processes of Wine, which outlive it and
+    would keep pipes open."""
 
     def __init__(self, *arguments, program=PROGRAM, most_bytes=None, environment=None):
-        """No file of the program can grow beyond `most_bytes`, as on a full disk."""
+        """Limits the size of each file of the program to `most_bytes`, to simulate a full disk."""
         def limit():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (most_bytes, most_bytes))
@@ -63,7 +63,7 @@ def tool(*words):
 
 
 def keep_wine_alive(test_class):
-    """While one program runs, Wine's helper processes stay, and what they say goes nowhere."""
+    """Keeps a program running, so that Wine's helper processes stay; discards their messages."""
     keeper = subprocess.Popen([WINE, "cmd", "/k", "echo ready"], stdin=subprocess.PIPE,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     test_class.addClassCleanup(keeper.communicate)
@@ -89,7 +89,7 @@ class ProgramTest(unittest.TestCase):
         return json.loads(self.succeed(*arguments, "--json"))
 
     def ends(self, command, status, says):
-        """The command ends so, with nothing on standard output; returns its messages."""
+        """Expects this exit status and an empty standard output. Returns the messages."""
         got, output, messages = command.result()
         self.assertEqual((got, output), (status, ""), messages)
         self.assertIn(says, messages)

@@ -1,4 +1,4 @@
-"""Plays, records and scrubs with marlinda.exe as its users do, on sound servers of the tests' own.
+"""Plays, records and scrubs with marlinda.exe as users do, on private sound servers.
 
 Called inside a Wine session: sound_test.py PATH/marlinda.exe [unittest arguments]
 """
@@ -28,7 +28,7 @@ LONG = ("--seconds", "600")
 
 @contextlib.contextmanager
 def sound():
-    """A sound server's environment, and its speaker; its microphone hears a tone."""
+    """The environment and the speaker of a sound server whose microphone gets a tone."""
     with contextlib.ExitStack() as ends:
         server = ends.enter_context(contextlib.ExitStack())
         environment = server.enter_context(sound_server(pipes=True))
@@ -40,7 +40,7 @@ def sound():
 
 
 class Heard:
-    """The frames, without silence, that a speaker has received since."""
+    """The frames that a speaker has received from now on, without silence."""
 
     def __init__(self, speaker):
         self.speaker = speaker
@@ -86,7 +86,7 @@ class SoundTest(ProgramTest):
         tool("sox", "-R", "-n", "-r", RATE, "-c", 2, cls.ogg, "synth", 2, "sine", 440, "vol", 0.5)
 
     def interrupt(self, command, says):
-        """Sends Ctrl+C; the command must be running then."""
+        """Sends Ctrl+C to the command, which must be running."""
         self.assertIsNone(command.process.poll())
         command.process.send_signal(signal.SIGINT)
         self.ends(command, 130, says)
@@ -153,7 +153,7 @@ class SoundTest(ProgramTest):
             with self.subTest(arguments=arguments):
                 self.ends(Run(*arguments), status, says)
         for arguments in (play, [*scrub, "1"], [*take, "1"]):
-            # Messages of the system's own sound library may come before.
+            # The system's sound library may print messages first.
             self.ends(Run(*arguments, environment=NO_SERVER), 7, "there is no sound device")
         self.assertEqual(list(self.folder.iterdir()), [folder])
 
@@ -164,7 +164,7 @@ class SoundTest(ProgramTest):
         self.assertEqual((report["frames"], report["bytes"]), (frames, self.out.stat().st_size))
         with wave.open(str(self.out)) as file:
             self.assertEqual(file.getparams()[:4], (1, 3, rate, frames))
-        # The tone all the way through. A busy machine may drop pieces, but puts nothing in.
+        # Contains only the tone. A busy machine may drop pieces but adds nothing.
         samples = array.array("h", tool("sox", self.out, "-b", 16, "-t", "s16", "-"))
         for begin in range(0, frames - 1000, 1000):
             self.assertAlmostEqual(max(samples[begin:begin + 1000]), 16384, delta=4000)
@@ -185,11 +185,11 @@ class SoundTest(ProgramTest):
         # The pool takes 8 bytes a frame, the file 4.
         self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
         frames, samples = self.take()
-        # With the block that found no more room.
+        # Including the block that found no room.
         self.assertAlmostEqual(frames, RATE * 1.02, delta=RATE * 0.02)
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
         command = record(self.out, *LONG)
-        # A second Ctrl+C changes nothing.
+        # Further Ctrl+C change nothing.
         command.process.send_signal(signal.SIGINT)
         self.interrupt(command, "the file is valid and holds the first")
         frames, samples = self.take()
@@ -201,7 +201,7 @@ class SoundTest(ProgramTest):
             command = record(self.out, "--seconds", "3", environment=environment)
             server = int(environment["TESSALY_SOUND_SERVER_PID"])
             os.kill(server, signal.SIGSTOP)
-            time.sleep(8)  # longer than record waits before it tries the device again
+            time.sleep(8)  # longer than the retry interval of record
             os.kill(server, signal.SIGCONT)
             status, _, messages = command.result()
         self.assertEqual(status, 0, messages)

@@ -1,5 +1,5 @@
-// The filter manager over the real registry list, with filters of the test's own beside the real
-// ones; and the reader of silence.
+// The filter manager with the real registry list, the test's own filters and the real ones; and the
+// reader of silence.
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -29,7 +29,7 @@ std::wstring TextOf(REFCLSID clsid) {
   return text;
 }
 
-// How a filter of the test answers.
+// The answers of a test filter.
 struct Answers {
   HRESULT can_load = S_OK;
   SHORT merit = 100;
@@ -38,7 +38,7 @@ struct Answers {
   const wchar_t* patterns = L"";
 };
 
-// A filter that this process offers as a class of its own, of which it is the only object.
+// A filter that this process registers as a class. It is the only object of the class.
 class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
  public:
   explicit TestFilter(const Answers& answers) : answers_(answers) {
@@ -80,7 +80,7 @@ class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
   DWORD registration_ = 0;
 };
 
-// The list is empty for the test; the former one comes back at the end.
+// The list is empty during the test and restored at the end.
 class FileFilterMgr : public ::testing::Test {
  protected:
   FileFilterMgr() { MoveKey(kListKey, kSavedKey); }
@@ -89,7 +89,7 @@ class FileFilterMgr : public ::testing::Test {
     MoveKey(kSavedKey, kListKey);
   }
 
-  // Listed in the order of the calls: names of two digits that sort in it, for systems that sort.
+  // Listed in the order of the calls. The names have two digits, for systems that sort them.
   void List(const std::wstring& text, DWORD type = REG_SZ) {
     const std::wstring name = L"filter " + std::to_wstring(++count_);
     EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kListKey, name.c_str(), type, text.c_str(),
@@ -116,7 +116,7 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
       {{{.merit = 100}, {.merit = 300}, {.merit = 300}, {.merit = 200}}, 1},
       // Only S_OK accepts.
       {{{.can_load = S_FALSE, .merit = 999}, {.can_load = E_FAIL, .merit = 999}, {.merit = 1}}, 2},
-      // A merit below 0, or none, is never chosen.
+      // A merit below 0 or a failing merit is never chosen.
       {{{.merit = -1}, {.merit_result = E_FAIL}}, -1},
       {{{.merit = -1}, {.merit = 0}}, 1},
   };
@@ -129,7 +129,7 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
     }
     const auto chosen = FilterFor(L"a file");
     EXPECT_EQ(chosen.Get(), row.chosen < 0 ? nullptr : filters[row.chosen].get());
-    // The merit is asked of every filter.
+    // Every filter is asked for its merit.
     for (const auto& each : filters) EXPECT_EQ(each->calls, "CQM");
   }
 }

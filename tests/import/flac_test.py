@@ -1,4 +1,4 @@
-"""FLAC files through FlacImport.dll, compared with what sox decodes."""
+"""Compares FLAC files imported through FlacImport.dll with the output of sox."""
 
 import json
 import pathlib
@@ -19,7 +19,7 @@ class FlacFiles(unittest.TestCase):
         keep_wine_alive(cls)
         cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         cls.file = cls.folder / "in.flac"
-        # The manager asks registered filters alone.
+        # The manager asks only registered filters.
         tool(WINE, "regsvr32", "/s", MODULE)
         cls.addClassCleanup(tool, WINE, "regsvr32", "/s", "/u", MODULE)
 
@@ -58,7 +58,7 @@ class FlacFiles(unittest.TestCase):
         read = self.convert()
         self.assertEqual((len(read), read[:quarter], read[-quarter:]), (len(whole), whole[:quarter], whole[-quarter:]))
         self.assertIn(bytes(4096), read)
-        # What is cut off is left out; a file that has no sound is refused.
+        # Frames that are cut off are left out; a file without sound is refused.
         self.file.write_bytes(data[:middle])
         self.assertEqual(self.convert()[:quarter], whole[:quarter])
         for broken in (b"fLaC", bytes(data[:42]), b"fLaC" + bytes(4000)):

@@ -1,9 +1,8 @@
-// Imports every file of a folder, in one process, and leaves the samples beside it as raw floats,
-// for comparison with what other programs decode:
+// Imports every file of a folder in one process, and writes the samples beside it as raw floats,
+// for comparison with other decoders:
 //   import_files FOLDER [count]
-// For each file one line: name, result, rate, channels, frames. With `count` the samples are
-// counted instead of kept, and the line ends with the samples that came and the handles that are
-// open.
+// Prints one line for each file: name, result, rate, channels, frames. With `count` the samples are
+// counted, not written, and the line ends with the number of samples and of open handles.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>

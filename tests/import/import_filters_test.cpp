@@ -1,5 +1,5 @@
-// The import filters as a client drives them: Ogg files, files that CDShowImport reads itself, MPEG
-// audio, and files that go through a filter graph, with filters of the test's own that hang.
+// The import filters through COM: Ogg files, files that CDShowImport reads itself, MPEG audio, and
+// files that go through a filter graph, with test filters that hang.
 #include <gmock/gmock.h>
 // After windows.h.
 #include <dshow.h>
@@ -48,7 +48,7 @@ class ImportFilter : public ::testing::Test {
     ASSERT_EQ(Initialize(path), S_OK);
     Run();
   }
-  // The writer fails, and resizes every array that it is given.
+  // The writer fails and resizes every array that it gets.
   void HarmArrays() {
     writer_->result = E_FAIL;
     writer_->on_write = [this](SAFEARRAY* array) {
@@ -56,7 +56,7 @@ class ImportFilter : public ::testing::Test {
       EXPECT_EQ(SafeArrayRedim(array, &bound), DISP_E_ARRAYISLOCKED);
     };
   }
-  // Of an imported stereo file, parts arrive that equal the same ones of the whole.
+  // Imports parts of a stereo file, which must equal the same parts of the whole.
   void ExpectEveryPart(const Path& path) {
     SCOPED_TRACE(path);
     Import(path);
@@ -105,7 +105,7 @@ class ImportFilter : public ::testing::Test {
     EXPECT_EQ(filter_->GetSourceSampleCount(&count), S_OK);
     return count;
   }
-  // -1 where there is none.
+  // -1 if there is none.
   float Progress() {
     float progress = -1;
     return SUCCEEDED(task_->GetProgress(&progress)) ? progress : -1;
@@ -124,7 +124,7 @@ class OggImport : public ImportFilter {
 };
 
 TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn) {
-  // Progress shows that a part is left out.
+  // Progress shows that a part is omitted.
   const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("mono.ogg"));
   for (const auto& [path, announced, progress] :
        {std::tuple{DataFile("six_channels.ogg"), 24000, 1.0F},
@@ -150,7 +150,7 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   const float part = static_cast<float>(DecodeWithLibrary(hole.path()).samples.size()) / 2;
   Import(hole.path());
   EXPECT_FLOAT_EQ(Progress(), part / static_cast<float>(Total()));
-  // The file holds more samples than its last position announces; the last block is not cut.
+  // The file has more samples than its last position announces. The last block is not cut.
   Import(TemporaryOgg(WithLastPosition("stereo.ogg", 1000)).path());
   EXPECT_EQ(Total(), 1000);
   EXPECT_EQ(Progress(), 1.0F);
@@ -192,7 +192,7 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_THAT(Format(), ElementsAre(48000, 6, 16, 120000 / 8));
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
   EXPECT_THAT(MetaData(), ElementsAre(L"A title", L"Someone", L"Ein Album", L"2009", L"Ambient"));
-  // Without a change to what is going to be imported.
+  // Does not change the import that was set up.
   EXPECT_EQ(SetFilename(DataFile("other.ogg")), S_OK);
   EXPECT_EQ(SetFilename(L"no such file"), E_FAIL);
   EXPECT_THAT(MetaData(), ElementsAre(L"\u00DCberraschung", L"Ren\u00E9e", L"", L"1998", L""));
@@ -206,7 +206,7 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_EQ(writer_->block_sizes, DecodeWithLibrary(DataFile("stereo.ogg")).block_sizes);
 }
 
-// Of film.avi, in which every sample is its own number, and of the other files.
+// The length of film.avi, in which each sample is its own number, and of the other files.
 constexpr std::size_t kFrames = 24000;
 
 // Stereo in which every frame differs from its neighbours.
@@ -218,7 +218,7 @@ Bytes WavFile(std::size_t frames = kFrames) {
   return riff::Wav(riff::PlainFormat(1, 2, 44100, 2, 16), samples, riff::Info("Plain"));
 }
 
-// Silent frames of MPEG audio, 1152 samples each, behind a tag.
+// Silent frames of MPEG audio, 1152 samples each, after a tag.
 Bytes MpegFile(int count) {
   using namespace riff;
   Bytes file = Text("ID3") + Bytes{3, 0, 0, 0, 0, 0, 15} + Text("TIT2") + Bytes{0, 0, 0, 5} +
@@ -322,9 +322,9 @@ TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsCancelledOrReleased) {
   }
 }
 
-// While it lives the graphs of this process get such a source in the place of the system's own. The
-// name of a file says when it hangs: "build", "second build", "run" or "stop". The end lets go the
-// threads that hang.
+// During its lifetime the graphs of this process get this source instead of the system's. The file
+// name selects when it hangs: "build", "second build", "run" or "stop". The destructor releases the
+// hanging threads.
 class HangingFilters final : public TestObject<IClassFactory> {
  public:
   HangingFilters() {
@@ -427,7 +427,7 @@ TEST_F(DShowImport, GivesUpFiltersThatHang) {
     EXPECT_TRUE(run.writer->closed);
   }
   EXPECT_THAT(runs[L"stop"].writer->samples, SizeIs(100));
-  // The program's end finds threads that stay.
+  // The end of the program finds remaining threads.
   EXPECT_EQ(filters.hanging(), 3);
 }
 

@@ -1,4 +1,4 @@
-// A file in memory, built from the pieces of tests/export/riff_builder.h or of any bytes.
+// A file in memory, built from the pieces of tests/export/riff_builder.h or from any bytes.
 #pragma once
 
 #include <cstring>

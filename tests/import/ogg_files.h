@@ -1,4 +1,4 @@
-// Ogg files for the tests: those of the tree and others made from them, and an independent decoder:
+// Ogg files for the tests, those of the tree and others made from them, and an independent decoder:
 // a plain loop over the same build of the codec library.
 #pragma once
 
@@ -21,15 +21,15 @@ namespace marlinda::testing {
 
 using riff::Bytes;
 
-// Twelve seconds of stereo, where the other files are too short.
+// Twelve seconds of stereo, for tests that need a longer file.
 inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
-// One short block, with one codeword, with 2^22, and with a hundred codebooks of 2^10 codewords and
-// 8191 values each.
+// Files of one short block: with one codeword; with 2^22 codewords; with a hundred codebooks of
+// 2^10 codewords and 8191 values each.
 inline constexpr char kSmallest[] = "tests/import/hostile/smallest.ogg";
 inline constexpr char kManyCodebooks[] = "tests/import/hostile/codebooks.ogg";
 inline constexpr char kManyCodewords[] = "tests/import/hostile/codewords.ogg";
 
-// A file of tests/data, or one that is named with its folder.
+// A file of tests/data, or one given with its folder.
 inline std::filesystem::path DataFile(const std::string& name) {
   const std::filesystem::path root(TESSALY_SOURCE_DIR);
   return root / (name.find('/') == std::string::npos ? "tests/data/" + name : name);
@@ -44,7 +44,7 @@ inline Bytes ReadData(const std::string& name) {
 struct Decoded {
   bool opened = false;
   std::int64_t total_frames = 0;
-  // Of the first format.
+  // The rate of the first format.
   long samples_per_sec = 0;
   int channels = 0;
   std::vector<std::int16_t> samples;
@@ -76,7 +76,8 @@ inline Decoded DecodeWithLibrary(const std::filesystem::path& path) {
   return result;
 }
 
-// A file in the system's temporary folder, removed at the end: `bytes`, a gap of zeros, `tail`.
+// A file in the system's temporary folder, deleted by the destructor: `bytes`, a gap of zeros,
+// `tail`.
 class TemporaryOgg {
  public:
   explicit TemporaryOgg(const Bytes& bytes, std::uintmax_t gap = 0, const Bytes& tail = {}) {
@@ -86,7 +87,7 @@ class TemporaryOgg {
             ("tessaly-" + std::to_string(process) + "-" + std::to_string(++counter) + ".ogg");
     std::ofstream file(path_, std::ios::binary);
     std::ranges::copy(bytes, std::ostreambuf_iterator<char>(file));
-    // Sparse, where the system can.
+    // Sparse, if the system supports it.
     file.seekp(static_cast<std::streamoff>(bytes.size() + gap));
     std::ranges::copy(tail, std::ostreambuf_iterator<char>(file));
   }
@@ -102,7 +103,7 @@ class TemporaryOgg {
   std::filesystem::path path_;
 };
 
-// Where the pages begin, and the end of the last.
+// The offsets of the pages, and the end of the last.
 inline std::vector<std::size_t> PagesOf(const Bytes& file) {
   std::vector<std::size_t> begins = {0};
   while (begins.back() + 27 < file.size()) {
@@ -125,7 +126,7 @@ inline void MakeChecksumsRight(Bytes& file) {
   }
 }
 
-// Where the page in the middle of a file begins and ends.
+// The start and end of the page in the middle of a file.
 inline std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file) {
   const auto begins = PagesOf(file);
   const std::size_t middle = begins.size() / 2;
@@ -138,14 +139,14 @@ inline Bytes WithoutMiddlePage(Bytes file) {
   return file;
 }
 
-// A byte changed, and all checksums right.
+// Changes a byte and corrects all checksums.
 inline Bytes WithBitsFlipped(Bytes file, std::ptrdiff_t offset, int bits) {
   file[static_cast<std::size_t>(offset)] ^= static_cast<unsigned char>(bits);
   MakeChecksumsRight(file);
   return file;
 }
 
-// The last page's position set, from which the length of the file follows.
+// Sets the position of the last page, which determines the length of the file.
 inline Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
   Bytes file = ReadData(name);
   const auto begins = PagesOf(file);
@@ -154,7 +155,7 @@ inline Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
   return file;
 }
 
-// So many links, each with its own number and `file` as its content.
+// A chain of `count` links with `file` as content, each with its own number.
 inline Bytes ManyLinks(Bytes file, std::uint32_t count) {
   Bytes chain;
   const auto begins = PagesOf(file);

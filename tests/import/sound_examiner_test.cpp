@@ -1,5 +1,5 @@
-// Headers, chunks, tags and samples of sound files as other programs write them, and as nobody
-// should. sound_files_test.py reads the usual ones.
+// Headers, chunks, tags and samples of sound files as other programs write them, and malformed
+// ones. sound_files_test.py reads the usual ones.
 #include "import/sound_examiner.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ SoundFileInfo Examine(const Bytes& file) {
   return ExamineSound(source);
 }
 
-// A chunk as RIFF has it: padded to 2 bytes, the padding not counted.
+// A RIFF chunk: padded to 2 bytes, the padding not counted.
 Bytes EvenChunk(std::string_view id, const Bytes& body) {
   return Text(id) + U32(body.size()) + body + Bytes(body.size() % 2, 0);
 }
@@ -42,7 +42,7 @@ Bytes Big(std::uint64_t value, int bytes) {
   std::ranges::reverse(result);
   return result;
 }
-// Of the AIFC type, or plain. The sound comes first, behind a chunk of odd size.
+// An AIFC file of that type, or plain AIFF. The sound comes first, after a chunk of odd size.
 Bytes Aiff(std::string_view type, int channels, int frames, int bits, const Bytes& samples) {
   const auto chunk = [](std::string_view id, const Bytes& body) {
     return Text(id) + Big(body.size(), 4) + body + Bytes(body.size() % 2, 0);
@@ -57,7 +57,7 @@ Bytes Au(int encoding, std::uint64_t size, const Bytes& samples, int channels = 
   return Text(".snd") + Big(28, 4) + Big(size, 4) + Big(encoding, 4) + Big(8000, 4) +
          Big(channels, 4) + U32(0) + samples;
 }
-// A Windows Media file with a stream of audio, or of another kind, and other objects.
+// A Windows Media file with a stream of audio or of another kind, and other objects.
 Bytes Asf(const Bytes& format, bool is_audio = true, const Bytes& rest = {}) {
   const Bytes objects = Hex("9107DCB7B7A9CF118EE600C00C205365") + U32(78 + format.size()) + U32(0) +
                         (is_audio ? Hex("409E69F84D5BCF11A8FD00805F5C442B") : Bytes(16, 0)) +
@@ -74,7 +74,8 @@ Bytes MpegFrames(int count, bool stereo = false) {
   }
   return frames;
 }
-// Five frames behind one that names them and what the encoder put before and behind the sound.
+// Five frames after one that states their number and the encoder's padding before and after the
+// sound.
 Bytes MpegWithInfo(int before, int behind) {
   Bytes frame = MpegFrames(1);
   const Bytes info = Text("Info") + Big(1, 4) + Big(5, 4) + Text("LAME3.100") + Bytes(12) +
@@ -83,7 +84,7 @@ Bytes MpegWithInfo(int before, int behind) {
   return frame + MpegFrames(5);
 }
 
-// Samples over all channels: as many come as are announced.
+// Samples of all channels. As many are decoded as are announced.
 std::size_t MpegSamples(const Bytes& file) {
   MemorySource source(file);
   const auto stream = MpegStream::Open(source, ExamineSound(source).mpeg.value());
@@ -133,7 +134,7 @@ TEST(SoundExaminer, ReadsCuesRegionsTextsAndLoopsOfOtherPrograms) {
   EXPECT_EQ(info.acid, (AcidData{60, 3, 4, 16, 99.5F}));
   EXPECT_EQ(info.pcm.value().frames, 2);
   EXPECT_EQ(Examine(Wav(kStereo16, {}, Info())).tags, Tags()) << "a year that nobody knew";
-  // A count of cue points that no file can hold.
+  // A cue point count that no file can hold.
   EXPECT_THAT(Examine(Wav(kStereo16, {}, Chunk("cue ", U32(0xFFFFFFFF) + Bytes(24, 0)))).labels,
               SizeIs(1));
 }
@@ -207,15 +208,15 @@ TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
   for (const std::uint64_t size : {100ULL, 0x7FFFFFFFULL, 0xFFFFFFFEULL, 0xFFFFFFFFULL}) {
     EXPECT_TRUE(frames(size, size, 41) == 10 && frames(0, size, 41) == 10) << size;
   }
-  // The whole says less than it holds, down to nothing but its own name.
+  // The RIFF size is too small, down to its own header.
   for (const std::uint32_t size : {4U, 20U, 36U, 75U}) EXPECT_EQ(frames(size, 40, 40), 10) << size;
-  // A writer that was stopped has filled in nothing; one of an empty file has.
+  // An interrupted writer has not filled in the sizes; the writer of an empty file has.
   for (const std::uint32_t size : {0U, 36U, 76U}) {
     EXPECT_TRUE(frames(size, 0, 41) == 10 && frames(size, 0, 4) == 1) << size;
   }
   const Bytes empty = EvenChunk("data", {}) + EvenList("INFO", Bytes(40, 0));
   EXPECT_EQ(Examine(RiffFile(kStereo16, empty)).pcm.value().frames, 0);
-  // The size of a file past 4 GiB stands in a chunk of its own.
+  // The size of a file larger than 4 GiB is in a separate chunk.
   const Bytes wide = EvenChunk("ds64", U32(0) + U32(0) + U32(8) + U32(0) + U32(2) + Bytes(8, 0));
   EXPECT_EQ(Examine(Text("RF64") + U32(0xFFFFFFFF) + Text("WAVE") + wide +
                     EvenChunk("fmt ", kStereo16) + Text("data") + U32(0xFFFFFFFF) + Bytes(41, 0))
@@ -241,10 +242,10 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       {Au(7, 100, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 1}), {32767}},
       {WaveOf(ExtensibleFormat(7, 1, 8000, 1, 8, 0), {0x80}), {32124}},
       {WaveOf(ms_format, ms), {50, -3, 14, -3}},
-      // Of several blocks the last is cut off. No such predictor as the seventh.
+      // The last of several blocks is truncated. There is no seventh predictor.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
-      // The files say how much of the last block is sound.
+      // The files state how much of the last block is sound.
       {announced(1), {100}},
       {announced(10), ima_codes},
       {announced(0), ima_codes},
@@ -257,7 +258,7 @@ TEST(SoundExaminer, DecodesAsManyMpegSamplesAsItAnnounces) {
       {MpegFrames(3) + Bytes(100, 0xFF), 3 * 1152},
       {Bytes(2000, 0) + MpegFrames(4) + Bytes(70000, 7) + MpegFrames(3), 7 * 1152},
       {Text("ID3") + Bytes{4, 0, 0, 0, 0, 1, 0} + Bytes(128, 0) + MpegFrames(4), 4 * 1152},
-      // The format of the first frame is that of all.
+      // The format of the first frame applies to all.
       {MpegFrames(2) + MpegFrames(2, true), 4 * 1152},
       {MpegFrames(2, true) + MpegFrames(1), 3 * 2 * 1152},
       {MpegWithInfo(576, 1000), 5 * 1152 - 576 - 1000},
@@ -291,16 +292,16 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
                         Bytes(50, 0) + Text("1977") + Bytes(30, 0) + Bytes{17};
   EXPECT_EQ(Examine(MpegFrames(2) + old_tag).tags,
             (Tags{"Old title", "Old artist", "", "1977", "Rock"}));
-  // The byte order mark of the text looks like sound, so a zero was put into it.
+  // The text's byte order mark looks like sound, so a zero splits it.
   Bytes spread = Frame(3, "TPE1", Bytes{1, 0xFF, 0xFE} + Utf16("Title"));
   spread.insert(spread.begin() + 12, 0);
-  // Chapters inside chapters, deeper than a stack.
+  // Chapters nested deeper than a stack allows.
   Bytes chapters;
   for (std::uint64_t depth = 30000; depth > 0; --depth) {
     chapters = std::move(chapters) + Text("CHAP") + SyncSafe(28 * depth - 10) + U16(0) +
                TextZ("c") + Bytes(16, 0);
   }
-  // A byte that names a group stands before the text.
+  // A byte before the text names its group.
   const Bytes grouped = Bytes{7, 0} + Text("Grouped");
   const std::tuple<int, int, Bytes, Tags> cases[] = {
       {2,

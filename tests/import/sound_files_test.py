@@ -1,5 +1,5 @@
-"""Real files of sox and ffmpeg, in every container and width, imported through CDShowImport and
-compared with what ffmpeg decodes. The first argument is the program that imports them.
+"""Imports files of sox and ffmpeg in every container and width through CDShowImport and compares them with the
+output of ffmpeg. The first argument is the import program.
 """
 
 import array
@@ -14,7 +14,7 @@ PROGRAM = sys.argv.pop(1)
 RATE = 44100
 FRAMES = 11025
 
-# Name: how sox is told, how ffmpeg names the samples.
+# Name: sox arguments, ffmpeg's name of the sample format.
 PLAIN = {
     "u8.wav": ("-b 8 -e unsigned-integer", "u8"), "s16.wav": ("-b 16 -e signed-integer", "s16le"),
     "s24.wav": ("-b 24 -e signed-integer", "s24le"), "s32.wav": ("-b 32 -e signed-integer", "s32le"),
@@ -29,8 +29,8 @@ PLAIN = {
     "alaw.wav": ("-e a-law", "s16le"), "ima.wav": ("-e ima-adpcm", "s16le"),
 }
 VIDEO = "-f lavfi -i testsrc=duration=0.25:size=64x48"
-# Name: how ffmpeg is told; frames that may be more or fewer than were put in; steps of 16 bits that
-# a sample may differ, unless it is only heard.
+# Name: ffmpeg arguments; tolerance in frames; tolerance of a sample in 16-bit steps, or none if only the sound is
+# compared.
 CODED = {
     "tone.mp3": ("-b:a 192k", 0, 1.1), "variable.mp3": ("-q:a 4", 0, 1.1), "tone.mp2": ("-c:a mp2", 1152, 1.1),
     "tone.ogg": ("", 0, 1.1), "adpcm.wav": ("-c:a adpcm_ms", 200, 0), "ulaw.aifc": ("-c:a pcm_mulaw", 0, 0),
@@ -52,7 +52,7 @@ def ffmpeg(*words):
 
 
 def engine_floats(codes, kind):
-    """Codes as the engine turns them into floats."""
+    """The floats that the engine makes of the codes."""
     if kind == "u8":
         values = (code / 127.0 - 1.0 for code in codes)
     elif kind == "s24le":
@@ -78,7 +78,7 @@ class SoundFiles(unittest.TestCase):
         ffmpeg(*VIDEO.split(), "-c:v", "mpeg4", cls.folder / "silent.avi")
         (cls.folder / "text.wav").write_text("no sound at all\n" * 100)
         (cls.folder / "hollow.wav").write_bytes((cls.folder / "s16.wav").read_bytes()[:36])
-        # Wine's helper processes live on for a while and would keep pipes open.
+        # Wine's helper processes outlive the program and would keep pipes open.
         with tempfile.TemporaryFile() as output:
             subprocess.run([os.environ["TESSALY_WINE"], PROGRAM, str(cls.folder)], check=True,
                            stdin=subprocess.DEVNULL, stdout=output)

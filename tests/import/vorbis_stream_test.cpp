@@ -1,6 +1,6 @@
-// The decoder against a plain loop over the same library, against hostile and huge files, and
-// without the memory that it asks for. The program is linked so that the realloc behind
-// import/codec_memory comes here.
+// The decoder compared with a plain loop over the same library, with hostile and huge files, and
+// with failing allocations. The linker redirects the realloc of import/codec_memory to this
+// program.
 #include "import/vorbis_stream.h"
 
 #include <gtest/gtest.h>
@@ -41,8 +41,8 @@ std::unique_ptr<VorbisStream> OpenStream(const std::filesystem::path& path, unsi
   return VorbisStream::Open(FilePointer(std::fopen(path.string().c_str(), "rb")), threads);
 }
 
-// Reads to the end with a buffer of exactly `room` samples, so that a sanitizer sees a write behind
-// it. The end must stay the end.
+// Reads to the end with a buffer of exactly `room` samples, so that a sanitizer detects writes past
+// it. Reads after the end must return nothing.
 Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
   Decoded result;
   std::vector<std::int16_t> buffer(room);
@@ -54,8 +54,8 @@ Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
   return result;
 }
 
-// Whatever the file holds: it is refused, or what comes out is what the library delivers. Returns
-// the frames that can be read.
+// Expects that the file is refused or decoded exactly as by the library. Returns the number of
+// readable frames.
 std::int64_t ExpectLikeTheLibrary(const std::filesystem::path& path, unsigned threads = 3,
                                   bool prepared = false) {
   const auto stream = OpenStream(path, threads);
@@ -94,7 +94,8 @@ TEST(VorbisStream, DeliversWhatTheLibraryDecodesUpToAChangeOfTheFormatInBlocksOf
 
 TEST(VorbisStream, TakesTheTextsOfItsComments) {
   Tags tags;
-  // A later one replaces an earlier one, also by nothing. Without a key there is none.
+  // A later comment replaces an earlier one, even if it is empty. A comment without a key is
+  // ignored.
   for (const char* comment :
        {"TITLE=1", "title=E=mc2", "ALBUM=1", "album=", "Date=2001-10-02", "gENRE=g", "artist=a",
         "=TITLE", "=", "", "TITLE", "TITLES=x", "TITLE =other"}) {
@@ -152,7 +153,7 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
     std::vector<Bytes> files = {
         music, cut, WithoutMiddlePage(music), cut + ManyLinks(music, 3),
         Bytes(music.begin(), music.begin() + end) + Bytes(music.begin() + begin, music.end())};
-    // Flags, positions, the stream's number and the number of the page.
+    // Flags, positions, the stream's number and the page's number.
     for (const auto& [field, bits] :
          {std::pair{5, 1}, {5, 2}, {5, 4}, {6, 64}, {7, 16}, {13, 128}, {14, 1}, {18, 1}}) {
       files.push_back(WithBitsFlipped(music, begin + field, bits));
@@ -163,7 +164,7 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
       for (const unsigned threads : {1U, 3U}) ExpectLikeTheLibrary(file.path(), threads);
     }
   }
-  // Closed while threads decode, and in blocks that are cut.
+  // Closed while threads decode, and with truncated blocks.
   std::vector<std::int16_t> block(500 * 8);
   for (int times = 0; times < 5; ++times) {
     const auto stream = OpenStream(DataFile(kDemoPiece));
@@ -190,9 +191,9 @@ TEST(VorbisStream, AnnouncesNoMoreThanAFileOfItsSizeCanHoldAndReadsMoreThanTwoGi
 
 TEST(VorbisStream, BoundsMemoryAndLinks) {
   EXPECT_THROW(OpenStream(DataFile(kManyCodebooks))->Prepare(), std::bad_alloc);
-  // Many codewords need much memory for a moment, which a stack does not have.
+  // Many codewords briefly need more memory than a stack has.
   EXPECT_EQ(ReadToEnd(*OpenStream(DataFile(kManyCodewords))).samples.size(), 64U);
-  // Their tables together take more than the bound.
+  // Their tables together exceed the limit.
   const TemporaryOgg links(ManyLinks(ReadData("six_channels.ogg"), 600));
   const auto chain = OpenStream(links.path(), 1);
   std::vector<std::int16_t> block(16384);
@@ -205,8 +206,8 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   }
 }
 
-// Reads the file on so many threads while one request fails, of as many the next time. What is
-// lost, a leak checker sees.
+// Reads the file repeatedly. Each time one request fails, `threads` requests later than before. A
+// leak checker detects lost memory.
 void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
   const std::vector<std::int16_t> whole = DecodeWithLibrary(path).samples;
   long while_reading = 0;
@@ -260,7 +261,7 @@ TEST(CodecMemory, IsBoundedForTheWholeAndItsParts) {
   const CodecMemory::Use use(whole);
   EXPECT_THROW(marlinda_codec_calloc(std::size_t{1} << (sizeof(std::size_t) * 8 - 2), 8),
                std::bad_alloc);
-  // A block that grows by pages is seldom moved, and is still counted whole.
+  // A block that grows by pages is seldom moved and still counts in full.
   auto* kept = static_cast<char*>(marlinda_codec_calloc(3, 5));
   EXPECT_EQ(std::string(kept, 15), std::string(15, '\0'));
   std::fill_n(kept, 15, 'k');

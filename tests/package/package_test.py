@@ -1,6 +1,6 @@
-"""Uses the packages as a newcomer does: follows the README of one, builds clients against it, installs it, uses
-it, removes it. Each Wine session ends before registry and disk are compared with what they were. Where
-scripts/x86-root works, Wine runs programs of both bitnesses.
+"""Uses the packages as a newcomer does: follows the README, builds clients, installs, uses and removes the engine.
+Each Wine session ends before registry and disk are compared with their earlier state. If scripts/x86-root works, Wine
+runs programs of both bitnesses.
 
 package_test.py FOLDER_OF_PACKAGES [unittest arguments]
 """
@@ -25,7 +25,7 @@ PREFIX = pathlib.Path(os.environ["TESSALY_WINE_PREFIX"] + ("-both" if BOTH else 
 DRIVE = PREFIX / "drive_c"
 ZIP, = PACKAGES.glob("tessaly-*.zip")
 SETUP, = PACKAGES.glob("tessaly-*-setup.exe")
-# With no sound server, whatever this machine has.
+# Without a sound server, whatever the machine has.
 ENVIRONMENT = dict(os.environ, PULSE_SERVER="unix:/nowhere/native", LC_ALL="C.UTF-8", TESSALY_WINE_PREFIX=str(PREFIX),
                    TESSALY_WINE_BITS="both" if BOTH else "64")
 FOLDERS = {"x64": 64, "x86": 32}
@@ -34,10 +34,10 @@ PROGRAMS = {"Tessaly.dll", "Converter.dll", "Mp3Encoder.dll", "FlacImport.dll", 
 SYSTEM_LIBRARIES = {f"{name}.dll" for name in (
     "advapi32 comctl32 comdlg32 gdi32 kernel32 msvcrt ole32 oleaut32 shell32 shlwapi user32 version winmm").split()}
 ENTRY = r"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Tessaly"
-# The engine makes the keys that it looks for settings in and leaves them empty.
+# The engine creates its settings keys when it reads them and leaves them empty.
 SETTINGS_KEY = re.compile(r"(user|system) \[Software\\\\(Wow6432Node\\\\)?Brevant(\\\\Cutloom"
                           r"(\\\\Directories|\\\\EncoderSettings|\\\\Import Filters)?)?\]")
-# What Wine writes by itself when programs start and end.
+# What Wine itself writes when programs start and end.
 WINES_OWN = re.compile(
     r"(user \[(Console|Software\\\\Wine|Volatile Environment|Control Panel)\b)|(system \[(System\\\\(?!.*Environment\])|"
     r"Hardware|Software\\\\(Wow6432Node\\\\)?Microsoft\\\\Windows( NT)?\\\\CurrentVersion\\\\(NetworkCards|Print|MMDevices))\b)")
@@ -59,7 +59,7 @@ def session(script, folder="/"):
 
 
 def state():
-    """Every key and value of Wine's registry, and every file of drive C with what changes when it is written."""
+    """Every key and value of Wine's registry, and every file of drive C with its size and time."""
     found = {path: None if path.is_dir() else (path.lstat().st_size, path.lstat().st_mtime_ns) for path in DRIVE.rglob("*")}
     for hive in ("system", "user"):
         text = (PREFIX / f"{hive}.reg").read_text(encoding="latin1").replace("\\\n", "")
@@ -70,7 +70,7 @@ def state():
 
 
 def image(file):
-    """What objdump reads in the headers, and the names of the libraries that the program imports."""
+    """The headers that objdump reads, and the names of the imported libraries."""
     text = subprocess.check_output(["x86_64-w64-mingw32-objdump", "-p", file]).decode("latin1")
     return text, {name.lower() for name in re.findall(r"DLL Name: (\S+)", text)}
 
@@ -86,7 +86,7 @@ class PackageTest(unittest.TestCase):
         with zipfile.ZipFile(ZIP) as packed:
             packed.extractall(cls.top)
         cls.folder, = cls.top.iterdir()
-        # What Wine writes at the first start of a program is there afterwards, and so are keys of all programs.
+        # Includes what Wine writes at the first start of a program, and the keys that all programs share.
         session(r"""
             wine cmd /c ver; wine regsvr32 /s nothing.dll; wine cscript //nologo nothing.vbs
             wine 'C:\windows\syswow64\cscript.exe' //nologo nothing.vbs
@@ -95,12 +95,12 @@ class PackageTest(unittest.TestCase):
         """)
 
     def setUp(self):
-        for folder in DRIVE.glob("users/*/Temp/*"):  # of a run that was broken off
+        for folder in DRIVE.glob("users/*/Temp/*"):  # of an interrupted run
             shutil.rmtree(folder) if folder.is_dir() else folder.unlink()
         self.state = state()
 
     def assertNothingLeft(self, settings=False):
-        """Not even empty keys of settings, unless they may stay."""
+        """Expects no new keys, not even empty keys of settings unless allowed."""
         now = state()
         changed = [each for each in now.keys() | self.state.keys()
                    if now.get(each, "absent") != self.state.get(each, "absent")]
@@ -137,7 +137,7 @@ class PackageTest(unittest.TestCase):
         commands = self.top / "commands"
         commands.write_text("".join(f"{step}\r\necho ended with %ERRORLEVEL%\r\n" for step in steps))
         _, output = session(f"wine cmd /c console.cmd <{commands} 2>&1", self.folder)
-        # No sound device: that is said, and everything else works.
+        # Without a sound device it reports that, and the rest works.
         self.assertEqual(re.findall(r"ended with (\d+)\n", output), ["7", "0", "0", "0", "7"], output)
         self.assertEqual(output.count("problem: "), 2)
         for pattern in (r"found by +manifest\n", r"32 bits +\S.*x86\\Tessaly.dll; not registered\n",
@@ -158,7 +158,7 @@ class PackageTest(unittest.TestCase):
                                 f"-DCMAKE_FIND_ROOT_PATH={self.folder}"]), ("/", ["cmake", "--build", self.top / bits])]
         for folder, words in commands:
             subprocess.run(words, cwd=folder, check=True, stdout=subprocess.DEVNULL)
-        # Beside the engine, with a manifest, nothing has to be registered.
+        # Beside the engine, a manifest replaces registration.
         shutil.move(by_hand / "samples/cpp/first_steps.exe", by_hand / "x64")
         shutil.copy(by_hand / "x64/marlinda.exe.manifest", by_hand / "x64/first_steps.exe.manifest")
         for place in (by_hand / "x64", self.top / "x64", self.top / "x86")[:3 if BOTH else 2]:
@@ -169,7 +169,7 @@ class PackageTest(unittest.TestCase):
         self.assertNothingLeft(settings=True)
 
     def installed(self, options, place, check):
-        """Installs, checks, removes by the uninstaller's own command, all in one session."""
+        """Installs, checks and removes with the uninstaller in one session."""
         target = shlex.quote(str(DRIVE / place))
         self.addCleanup(shutil.rmtree, DRIVE / place, ignore_errors=True)
         self.addCleanup(session, f"[[ ! -e {target} ]] || remove {target}")
@@ -216,7 +216,7 @@ class PackageTest(unittest.TestCase):
 
     def test_setup_for_one_user_into_a_chosen_folder_leaves_what_others_put_there(self):
         keys = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings", r"HKLM\Software\Brevant\Cutloom\Import Filters"])
-        # Longer than the strings of the set-up program, and none at all.
+        # Longer than the strings of the set-up program, and empty.
         for path in ("%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;", ""):
             session(f"wine reg add HKCU\\\\Environment /v Path /f /t REG_EXPAND_SZ /d '{path[:-1]}'" if path else
                     "wine reg delete HKCU\\\\Environment /v Path /f")

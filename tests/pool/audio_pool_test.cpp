@@ -1,4 +1,4 @@
-// The pool and its readers, down to the bytes of its files.
+// The pool and its readers, down to the bytes of their files.
 #include <windows.h>
 // After windows.h.
 #include <winioctl.h>
@@ -29,7 +29,7 @@ constexpr auto kEndOfFile = static_cast<HRESULT>(0x80070026);
 constexpr auto kInvalidHandle = static_cast<HRESULT>(0x80070006);
 constexpr auto kNegativeSeek = static_cast<HRESULT>(0x80070083);
 
-// `count` samples from `start` on, none like its neighbours.
+// `count` samples from `start` on, each different from its neighbours.
 Samples Wave(std::size_t count, float start = -1.0F) {
   Samples samples(count);
   for (std::size_t i = 0; i < count; ++i) {
@@ -38,7 +38,7 @@ Samples Wave(std::size_t count, float start = -1.0F) {
   return samples;
 }
 
-// All of a file that only its handle can reach.
+// The content of a file that only its handle can access.
 template <class T = float>
 std::vector<T> Contents(HANDLE file) {
   LARGE_INTEGER size = {};
@@ -50,7 +50,7 @@ std::vector<T> Contents(HANDLE file) {
   return items;
 }
 
-// What a reader makes of a block of -7, as samples or through the other interface as peaks.
+// The result of reading into a block of -7, as samples or through the other interface as peaks.
 using Block = std::pair<HRESULT, Samples>;
 Block ReadBlock(IUnknown* reader, __int64 position, std::size_t count, bool peaks = false) {
   const Floats block(count, -7.0F);
@@ -59,7 +59,7 @@ Block ReadBlock(IUnknown* reader, __int64 position, std::size_t count, bool peak
   return {hr, block.ToVector()};
 }
 
-// Reads samples that must all be there.
+// Reads samples that must all exist.
 Samples Read(const ComPtr<IAudioReader>& reader, __int64 position, std::size_t count) {
   const auto [hr, samples] = ReadBlock(reader.Get(), position, count);
   EXPECT_EQ(hr, S_OK);
@@ -94,7 +94,7 @@ struct Pool {
     EXPECT_EQ(writer->QueryIsReady(&ready), S_OK);
     return ready == 1;
   }
-  // Null where the pool gives none.
+  // Null if the pool returns none.
   ComPtr<IAudioReader> Reader(
       HRESULT (STDMETHODCALLTYPE IAudioPool::*create)(IAudioReader**)) const {
     ComPtr<IAudioReader> reader;
@@ -137,7 +137,7 @@ TEST(AudioPool, LetsAThreadReadATakeWhileTheNextIsWritten) {
   const Pool pool;
   Samples samples = Wave(1 << 16);
   pool.WriteTake(samples);
-  // Without the record behind them, which belongs to the next take.
+  // Omits the record after them, which belongs to the next take.
   Samples peaks = Contents(pool.peak_file);
   peaks.resize(2 * samples.size() / 256);
   int wrong = 0;
@@ -174,12 +174,12 @@ TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock
   // The next write starts at record 2, and its incomplete group does not advance the position.
   EXPECT_EQ(pool.Write(Samples(255, 0.8F)), S_OK);
   expect_peaks({0.5F, 0.25F, 0.8F});
-  // 767 frames so far: one more completes group 2, although it began in the middle.
+  // 767 frames so far. One more completes group 2, although it began in the middle.
   EXPECT_EQ(pool.Write({0.7F}), S_OK);
   EXPECT_EQ(pool.Write({0.6F}), S_OK);
   expect_peaks({0.5F, 0.25F, 0.7F, 0.6F});
   pool.Close();
-  // A new take starts where the position stands, at the last take's incomplete group.
+  // A new take starts at the current position, in the last take's incomplete group.
   pool.WriteTake({0.1F});
   expect_peaks({0.5F, 0.25F, 0.7F, 0.1F});
 }
@@ -196,7 +196,7 @@ TEST(AudioPool, AcceptsAnyFormatAndRefusesTheBlocksThatItCannotStore) {
     EXPECT_EQ(pool.Write(Wave(18)), expected);
     EXPECT_EQ(Contents(pool.audio_file).empty(), FAILED(expected));
   }
-  // A block may end within a frame, but not before its first one does.
+  // A block may end within a frame, but needs at least one whole frame.
   const Pool pool(2);
   EXPECT_EQ(pool.Write({0.4F}), E_INVALIDARG);
   EXPECT_EQ(pool.Write({0.1F, 0.2F, 0.3F}), S_OK);
@@ -210,7 +210,7 @@ TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
   pool.WriteTake(Samples(20, 1.0F));
   EXPECT_FALSE(pool.PrevReader()) << "no cursor before CreateLastReader";
   pool.WriteTake(Samples(600, 0.0F));
-  // An empty run between takes, and a second OpenDevice that abandons what was written before it.
+  // An empty run between takes, and a second OpenDevice that discards earlier writes.
   pool.Open();
   pool.Close(S_FALSE);
   pool.Open();
@@ -224,11 +224,11 @@ TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
   expect(pool.PrevReader(), 600, 0.0F);
   expect(pool.PrevReader(), 20, 1.0F);
   EXPECT_FALSE(pool.PrevReader());
-  // CreateLastReader starts again; a take added afterwards does not move the cursor.
+  // CreateLastReader starts again. A take added afterwards does not move the cursor.
   expect(pool.LastReader(), 6, -1.0F);
   pool.WriteTake(Samples(2, 0.0F));
   expect(pool.PrevReader(), 600, 0.0F);
-  // Readers get the present bit depth.
+  // Readers get the current bit depth.
   EXPECT_EQ(pool.pool->SetBitDepth(8, 0), S_OK);
   const auto last = pool.LastReader();
   EXPECT_EQ(SampleCount(last), 2);
@@ -239,7 +239,7 @@ TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
   EXPECT_FALSE(pool.IsReady());
   EXPECT_EQ(last->CloseDevice(), S_OK);
   EXPECT_TRUE(pool.IsReady());
-  // One plain count: an Unlock too many makes it busy.
+  // A plain count: an unmatched Unlock makes the pool busy.
   EXPECT_EQ(pool.pool->Unlock(), S_OK);
   EXPECT_FALSE(pool.IsReady());
 }
@@ -266,13 +266,13 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
       EXPECT_EQ(block.ToVector(), step == 1 ? second : first) << bits << " bits, step " << step;
       EXPECT_EQ(plain.Write(block.ToVector()), S_OK);
     }
-    // The dithered samples are stored, and the peaks are theirs.
+    // The dithered samples are stored, and the peaks match them.
     EXPECT_EQ(Contents<char>(pool.audio_file), Contents<char>(plain.audio_file));
     EXPECT_EQ(Contents(pool.peak_file), Contents(plain.peak_file));
   }
 }
 
-// With settings of its own in place of the user's, which other programs read at the same time.
+// With its own settings instead of the user's, which other programs read at the same time.
 TEST(AudioPool, KeepsItsFilesWhereTheUserWantsThemUntilTheLastReferenceGoes) {
   constexpr wchar_t kSettings[] = L"Software\\TessalyPoolTest";
   const TemporaryFolder folder;
@@ -314,8 +314,8 @@ TEST(AudioPool, KeepsItsFilesWhereTheUserWantsThemUntilTheLastReferenceGoes) {
   EXPECT_EQ(ReadBlock(pool.LastReader().Get(), 0, 4, true).first, kInvalidHandle);
 }
 
-// Takes a file out of its owner's hands for a while: an event stands in for it under the same
-// handle value, so that the owner's calls fail without hitting anything else.
+// Temporarily replaces a file by an event with the same handle value, so that the owner's calls
+// fail without affecting anything else.
 class WithheldFile {
  public:
   explicit WithheldFile(HANDLE file) : slot_(file), file_(Copy(file)) {
@@ -334,7 +334,7 @@ class WithheldFile {
                                 DUPLICATE_SAME_ACCESS));
     return copy;
   }
-  // The system gives free handle values again, in an order of its own.
+  // The system reuses free handle values in its own order.
   void Occupy(const std::function<HANDLE()>& make) const {
     CloseHandle(slot_);
     std::vector<KernelHandle> others;
@@ -345,18 +345,18 @@ class WithheldFile {
   const KernelHandle file_;
 };
 
-// Writes that fail advance the position without filling the disk.
+// Failed writes advance the position without filling the disk.
 TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibytes) {
   const Pool pool;
   pool.WriteTake(Wave(300));
   DWORD returned = 0;
-  // Lets the file have holes, where it may not anyway.
+  // Makes the file sparse, if it is not so by default.
   DeviceIoControl(pool.audio_file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
   const Samples wave = Wave(1000, 0.0F);
   constexpr __int64 kLarge = 1 << 22;
   __int64 position = 300;
   for (const int shift : {31, 32, 33}) {
-    // Half of the next take lies behind the boundary.
+    // Half of the next take lies past the boundary.
     const __int64 begin = (1LL << shift) / 4 - 500;
     {
       const WithheldFile audio(pool.audio_file);
@@ -387,7 +387,7 @@ TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibyte
     take = pool.PrevReader();
   }
   EXPECT_EQ(Read(take, 0, 300), Wave(300));
-  // A failed read leaves the block alone.
+  // A failed read leaves the block unchanged.
   const WithheldFile withheld(pool.audio_file);
   EXPECT_EQ(ReadBlock(take.Get(), 0, 4), Block(kInvalidHandle, Samples(4, -7.0F)));
 }
@@ -408,7 +408,7 @@ TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
       EXPECT_EQ(ReadBlock(last.Get(), position, 2, peaks), Block(expected, Samples(2, -7.0F)));
     }
   }
-  // What a PCM file does not have is silence.
+  // Samples past the end of a PCM file are silence.
   const Pool pcm(1, 24);
   pcm.WriteTake({1.0F, -1.0F});
   EXPECT_EQ(ReadBlock(pcm.LastReader().Get(), 1, 5), Block(kEndOfFile, {-1.0F, 0, 0, 0, 0}));
@@ -423,7 +423,7 @@ TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
   pool.WriteTake(Samples(512 * 2, 0.0F));
   pool.WriteTake(block);
   const auto take = pool.LastReader();
-  // The first one is of the take before, whose last record was overwritten.
+  // The first peak belongs to the previous take, whose last record was overwritten.
   EXPECT_EQ(ReadBlock(take.Get(), -1, 12, true),
             Block(S_OK, {0, 0, 0, 0, 0, 255, -255, 0, 256, 299, -299, -256}));
   EXPECT_EQ(ReadBlock(take.Get(), 1, 8, true),

@@ -1,5 +1,4 @@
-// Dither, peaks bit by bit against a comparison of one value after the other, and how samples are
-// stored.
+// Dither, peaks compared bit by bit with one comparison per value, and the storage of samples.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,8 +51,8 @@ class Dither : public ::testing::Test {
   std::size_t drawn_ = 0;
 };
 
-// A separate program computed the codes, in double precision with single precision for the values
-// that are kept.
+// A separate program computed the codes in double precision, with stored values in single
+// precision.
 TEST_F(Dither, FollowsTheRuleStepByStep) {
   const Floats source = {0.3F,  -0.3F, 0.301F, -0.302F, 0.303F, -0.303F, 0.304F, -0.305F,
                          0.25F, -0.9F, 0.25F,  1.2F,    0.0F,   -1.2F,   0.0F,   0.0F};
@@ -66,7 +65,7 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
        2,
        8,
        {38, -38, 38, -39, 39, -38, 38, -39, 32, -114, 32, 152, 0, -151, -1, -2}},
-      // An unknown mode is noise shaping alone.
+      // An unknown mode means noise shaping alone.
       {-1, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
       {DitherState::kTriangularNoise,
        1,
@@ -81,7 +80,7 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
       for (std::size_t i = 0; i < 16; ++i) {
         const double code = samples[i] * (std::ldexp(1.0, bits - 1) - 1);
         EXPECT_EQ(std::lround(code), codes[i]) << bits;
-        // As exactly as a float can hold it.
+        // As exactly as a float allows.
         EXPECT_NEAR(code, codes[i], std::abs(code) * 1e-7) << bits;
       }
       EXPECT_EQ(drawn_, mode == DitherState::kTriangularNoise ? 32U : 0U);
@@ -107,9 +106,10 @@ TEST_F(Dither, RecoversFromBadSamples) {
   }
 }
 
-// The errors feed back, so a difference in any of them shows in the samples behind it.
+// The errors feed back, so a difference in any of them shows in later samples.
 TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
-  // Noise, a ramp through all codes, a decay into silence, and overs with odd values among them.
+  // Noise, a ramp through all codes, a decay into silence, and overs with special values among
+  // them.
   std::minstd_rand random(7);
   std::uniform_real_distribution<float> level(-1.1F, 1.1F);
   const float odd[] = {kNan, kInfinity, -3.999F, 4.0F, -300.0F, 1e30F, -0.0F, 1e-45F, 0x1p-110F};
@@ -126,7 +126,7 @@ TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
       std::vector<std::uint32_t> results[3];
       for (const CpuLevel limit : kLevels) {
         LimitCpuLevel(limit);
-        // The second block at an odd place.
+        // The second block starts at an odd offset.
         results[static_cast<int>(limit)] =
             Bits(Process(DitherState::kNoiseShaping, channels, bits, source,
                          static_cast<std::size_t>(channels) * 333));
@@ -148,8 +148,8 @@ Floats Noise() {
   return values;
 }
 
-// Values of few kinds, so that zeros of both signs, NaN and infinities meet often; of one sign,
-// whose peak is a zero; and noise.
+// Few different values, so that zeros of both signs, NaN and infinities meet often; values of one
+// sign, whose peak is a zero; and noise.
 const Floats kPalettes[] = {
     {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
     {0.0F, -0.0F, 0.25F, kNan},
@@ -174,8 +174,8 @@ TEST_F(Peaks, OfABlockAreOneGroupMoreThanThereAreWholeOnes) {
   for (const Floats& palette : kPalettes) {
     for (const std::size_t channels : {1U, 2U, 3U, 8U, 9U}) {
       for (const std::size_t frames : {0U, 1U, 255U, 256U, 257U, 1024U}) {
-        // The block ends where its memory does, begins at an odd place and, with more channels than
-        // one, ends within a frame. Each channel has a level of its own.
+        // The block ends where its memory ends, begins at an odd offset and, with several channels,
+        // ends within a frame. Each channel has its own level.
         Floats memory = Draw(palette, frames * channels + (frames > 0 ? channels : 1));
         for (std::size_t i = 0; i < memory.size(); ++i) {
           memory[i] *= static_cast<float>(1 + i % channels);
@@ -231,7 +231,7 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
   for (std::int64_t column = 0; column <= 50; ++column) ends.push_back(5 + column * 198);
   EXPECT_LE(draw(ends), 10'064U);
   EXPECT_EQ(draw(ends), 0U);
-  // Another one takes no more than a group for each column.
+  // Another plot reads at most a group for each column.
   for (std::int64_t& end : ends) end += 36;
   EXPECT_LE(draw(ends), 52U * 64U);
   for (int round = 0; round < 200; ++round) {
@@ -245,7 +245,7 @@ TEST(StoredSamples, StoresBitsOverEightBytesAndReadsTheCommonWidthsBack) {
   const float samples[] = {1.0F, -0.5F, 0.25F, -1.0F};
   StoredSamples stored;
   for (int bits = 8; bits <= 40; ++bits) {
-    // A larger block before leaves its bytes in the buffer.
+    // An earlier, larger block leaves its bytes in the buffer.
     stored.Encode(Floats(16, 0.7F), bits);
     const auto bytes = stored.Encode(samples, bits);
     ASSERT_EQ(bytes.size(), 4U * (static_cast<unsigned>(bits) / 8)) << bits;
@@ -261,7 +261,7 @@ TEST(StoredSamples, StoresBitsOverEightBytesAndReadsTheCommonWidthsBack) {
   }
   constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
   constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
-  // Exact where it fits, and beyond every file where it does not.
+  // Exact if the result fits; otherwise past the end of every file.
   const std::int64_t offsets[][4] = {{100, 6, -7, 58},
                                      {100, -4, 3, 100},
                                      {1, 1, kHighest, kHighest},

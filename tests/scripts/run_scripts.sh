@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the samples' scripts under Windows' script host on the machine's registration of the modules:
+# Runs the sample scripts in Windows' script host with the machine's registration of the modules:
 #   tests/scripts/run_scripts.sh BUILD_FOLDER
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -28,8 +28,8 @@ trap clean_up EXIT
 expect() {
   [[ $2 == "$3" ]] || { echo "FAILED: $1: $2 instead of $3"; failures=$((failures + 1)); }
 }
-# sample SCRIPT IN "EXPECTED OUTPUT" FRAMES [ARGUMENTS...]: writes $work/half.wav, or nothing. The script host's
-# status is 0 also after an error in the script, so the text decides.
+# sample SCRIPT IN "EXPECTED OUTPUT" FRAMES [ARGUMENTS...]: writes $work/half.wav, or nothing. Compares the output,
+# because the script host also returns 0 after a script error.
 sample() {
   local script=$root/samples/scripts/$1 in=$2 expected=$3 frames=$4 output
   shift 4
@@ -50,7 +50,7 @@ oggenc -Q -o "$work/tone.ogg" "$work/tone.wav"
 sample cut_in_half.vbs "$work/tone.ogg" "22050 of 44100 frames written" 22050
 sample cut_in_half.js "$work/tone.ogg" "22050 of 44100 frames written" 22050 44100
 sample cut_in_half.js "$work/tone.ogg" "usage: cscript cut_in_half.js IN OUT.wav FRAMES" "" many
-# The import filter of the samples, in a module of its own.
+# The samples' import filter, in its own module.
 sox "$work/tone.wav" "$work/tone.flac"
 nobody="No import filter reads $(windows_path "$work/tone.flac")"
 sample cut_in_half.vbs "$work/tone.flac" "$nobody" ""

@@ -118,7 +118,7 @@ std::span<float> Floats::values() const {
 TemporaryFolder::TemporaryFolder() {
   static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
-  // Process identifiers come again, and a test that crashed leaves its folder behind.
+  // Process identifiers are reused, and a crashed test leaves its folder behind.
   do {
     path_ =
         (std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter))).wstring();

@@ -1,4 +1,4 @@
-// A client of the module, and its arrays, texts and folders.
+// Helpers of a client of the module: class objects, arrays, texts and folders.
 #pragma once
 
 #include <marlinda.h>
@@ -14,15 +14,15 @@
 
 namespace marlinda::testing {
 
-// The module under test: ..\Tessaly.dll beside the folder of the test program, or what the
-// environment variable TESSALY_DLL names.
+// The module under test: ..\Tessaly.dll relative to the folder of the test program, or the file in
+// the environment variable TESSALY_DLL.
 class ModuleUnderTest {
  public:
-  // Makes the classes known to this process alone, without touching the registry.
+  // Registers the classes for this process only, without the registry.
   static void Load();
-  // The module stays loaded.
+  // Revokes the classes. The module stays loaded.
   static void Revoke();
-  // Revokes and returns whether no object and no thread of the module is left.
+  // Revokes the classes. Returns true if no object and no thread of the module is left.
   static bool RevokeAndSeeUnused();
 
   static HMODULE Handle();
@@ -32,7 +32,7 @@ class ModuleUnderTest {
   static HRESULT CanUnloadNow();
 };
 
-// Makes the module's classes known to the calling apartment, for as long as it lives.
+// Registers the module's classes for the calling apartment during its lifetime.
 class Registration {
  public:
   Registration();
@@ -44,11 +44,11 @@ class Registration {
   std::vector<DWORD> cookies_;
 };
 
-// The main function of a client: runs `body` in an apartment with the module loaded, and returns
-// its result, or 1 after an exception and where objects of the module are left.
+// The main function of a client: runs `body` in an apartment with the module loaded. Returns its
+// result, or 1 after an exception or if objects of the module are left.
 int RunClient(const std::function<int()>& body);
 
-// An export of a library. Throws where there is none.
+// An export of a library. Throws if there is none.
 void* ExportOf(HMODULE library, const char* name);
 template <class Function>
 Function* ExportAs(HMODULE library, const char* name) {
@@ -62,7 +62,7 @@ ComPtr<I> Create(REFCLSID clsid) {
   return object;
 }
 
-// The object as another of its interfaces; null when it has none.
+// Another interface of the object; null if it has none.
 template <class I>
 ComPtr<I> As(IUnknown* object) {
   return TryQuery<I>(object);
@@ -72,7 +72,7 @@ ComPtr<I> As(const ComPtr<J>& object) {
   return TryQuery<I>(object.Get());
 }
 
-// An array of another element type or shape than the engine's.
+// An array of another element type or shape than the engine uses.
 class ForeignArray {
  public:
   explicit ForeignArray(VARTYPE type, UINT dimensions = 1, ULONG count = 8, LONG lower_bound = 0);
@@ -92,7 +92,7 @@ class Floats : public ForeignArray {
 
   std::span<float> values() const;
   std::vector<float> ToVector() const { return {values().begin(), values().end()}; }
-  // Another index than a template's could also index the converted pointer.
+  // A template, because another index type could also index the converted pointer.
   template <std::integral Index>
   float& operator[](Index index) const {
     return values()[static_cast<std::size_t>(index)];
@@ -108,7 +108,7 @@ class Bstr {
   Bstr& operator=(const Bstr&) = delete;
   ~Bstr() { SysFreeString(text_); }
   operator BSTR() const { return text_; }
-  // For an out parameter; frees what was held.
+  // For an out parameter. Frees the current text.
   BSTR* Receive() {
     SysFreeString(std::exchange(text_, nullptr));
     return &text_;
@@ -119,7 +119,7 @@ class Bstr {
   BSTR text_ = nullptr;
 };
 
-// A fresh folder below the system's temporary folder, removed with all its files at the end.
+// A new folder in the system's temporary folder, deleted with its files by the destructor.
 class TemporaryFolder {
  public:
   TemporaryFolder();
@@ -139,7 +139,7 @@ void WriteFileBytes(const std::wstring& path, std::span<const unsigned char> byt
 // The reference count that Release returns.
 ULONG ReferenceCount(IUnknown* object);
 
-// Waits until the task has ended. False when it cannot be asked.
+// Waits until the task has ended. Returns false if the query fails.
 bool WaitForTask(ICoreTask* task);
 
 }  // namespace marlinda::testing

@@ -1,5 +1,5 @@
-// The module's contracts, read from its type library: every class with its interfaces, their
-// methods and parameters. Tests that loop over them cover new classes and methods by themselves.
+// The module's contracts, read from its type library: every class with its interfaces, methods and
+// parameters. Tests that loop over them cover new classes and methods automatically.
 #pragma once
 
 #include <windows.h>
@@ -47,7 +47,7 @@ struct Class {
 std::vector<Class> ClassesOfTheModule();
 
 TYPEATTR AttributesOf(ITypeInfo* info);
-// A dual interface has one with a vtable.
+// The index of the view with a vtable that a dual interface has.
 constexpr UINT kVtableFace = static_cast<UINT>(-1);
 ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index);
 

@@ -1,4 +1,4 @@
-// The format converter that the connector finds by class identifier.
+// Selects the format converter that the connector finds by class identifier.
 #pragma once
 
 #include <converter.h>
@@ -7,7 +7,7 @@
 
 namespace marlinda::testing {
 
-// Makes a factory's converter the one that is found, for as long as it lives.
+// Registers a factory's converter during its lifetime.
 class InstalledConverter {
  public:
   explicit InstalledConverter(IUnknown* factory) {
@@ -22,7 +22,7 @@ class InstalledConverter {
   DWORD cookie_ = 0;
 };
 
-// The module's that is built beside the engine's. It stays loaded.
+// The converter built beside the engine. Its module stays loaded.
 struct OurConverter : InstalledConverter {
   OurConverter() : InstalledConverter(Factory().Get()) {}
 

@@ -14,8 +14,8 @@
 namespace marlinda::testing {
 namespace {
 
-// One entry of the system's table of all handles. Where process identifiers are wider, the table
-// keeps the lower half.
+// One entry of the system's handle table. If process identifiers are wider, the table holds their
+// lower half.
 struct HandleEntry {
   USHORT process;
   USHORT reserved;
@@ -29,7 +29,7 @@ struct HandleEntry {
 }  // namespace
 
 unsigned CountHandles() {
-  // The documented way always gives 0 under some versions of Wine.
+  // The documented function returns 0 under some versions of Wine.
   const auto query = ExportAs<LONG WINAPI(ULONG, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll"),
                                                                         "NtQuerySystemInformation");
   constexpr ULONG kSystemHandleInformation = 16;
@@ -76,7 +76,7 @@ std::size_t CountHeapBlocks() {
 
 void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what) {
   for (unsigned now = count(); now > most; now = count()) {
-    // For the report when CTest ends a test that waits for a leak.
+    // Shows in the report if CTest ends a test that waits for a leak.
     std::printf("waiting: %u %s instead of %u\n", now, what, most);
     std::fflush(stdout);
     Sleep(100);

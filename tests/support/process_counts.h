@@ -1,4 +1,4 @@
-// Counts what this process holds, to see that a piece of work leaves nothing behind.
+// Counts the resources of this process, to find leaks.
 #pragma once
 
 #include <cstddef>
@@ -10,10 +10,10 @@ unsigned CountThreads();
 // Blocks in use in the process heap, from which the module's C library allocates.
 std::size_t CountHeapBlocks();
 
-// Waits until `count` gives no more than `most`: threads that have done their work may still end.
+// Waits until `count` returns at most `most`: finished threads may still be ending.
 void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what);
 
-// The same against the counts at construction, with some that libraries make at first use.
+// Compares with the counts at construction, plus an allowance for libraries' first use.
 class LeakWatch {
  public:
   void AwaitAtMost(unsigned more_threads, unsigned more_handles) const {

@@ -1,5 +1,4 @@
-// An audio source whose every sample shows its source, frame and channel, and which notes every
-// call in a log.
+// An audio source whose samples encode source, frame and channel. It logs every call.
 #pragma once
 
 #include <marlinda.h>
@@ -12,12 +11,12 @@
 
 namespace marlinda::testing {
 
-// The calls of several sources in order: "A.ReadAudio(100, 8)", the 8 being array elements.
+// The calls of several sources in order: "A.ReadAudio(100, 8)", where 8 counts array elements.
 using CallLog = std::vector<std::string>;
 
 class RampSource : public TestObject<IAudioReader> {
  public:
-  // `name` is one letter from A on.
+  // `name` is a letter from A on.
   static ComPtr<RampSource> Make(char name, SHORT channels = 2, CallLog* log = nullptr,
                                  LONG samples_per_sec = 44100) {
     ComPtr<RampSource> source;
@@ -33,7 +32,7 @@ class RampSource : public TestObject<IAudioReader> {
   char name() const { return name_; }
   int channels() const { return channels_; }
 
-  // Results of the calls. Reads deliver only when they succeed.
+  // Results of the calls. Only successful reads deliver samples.
   HRESULT read_result = S_OK;
   HRESULT open_result = S_OK;
   __int64 frames = 4096;  // reported; reads deliver more
@@ -63,7 +62,7 @@ class RampSource : public TestObject<IAudioReader> {
   RampSource(char name, SHORT channels, CallLog* log, LONG samples_per_sec)
       : name_(name), channels_(channels), samples_per_sec_(samples_per_sec), log_(log) {}
 
-  // Every call of IAudioReader comes here.
+  // Called for every call of IAudioReader.
   virtual void Note(const std::string& call) {
     if (log_ != nullptr) log_->push_back(name_ + ("." + call));
   }

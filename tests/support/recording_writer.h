@@ -1,4 +1,4 @@
-// An audio writer that notes its calls and keeps its samples.
+// An audio writer that records its calls and samples.
 #pragma once
 
 #include <marlinda.h>
@@ -12,10 +12,10 @@
 
 namespace marlinda::testing {
 
-// The notes belong to the thread that writes until the task has ended, but for the atomics.
+// Until the task has ended, all members but the atomics belong to the writing thread.
 class RecordingWriter final : public TestObject<IAudioWriter> {
  public:
-  // The methods in the order of the calls, "WriteAudio" once for a run of them.
+  // The methods in call order; consecutive WriteAudio calls count once.
   std::vector<std::string> calls;
   std::vector<DWORD> threads;
   LONG samples_per_sec = 0;
@@ -26,7 +26,7 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
   std::atomic<std::size_t> blocks = 0;
   std::atomic<bool> closed = false;
 
-  // Runs in WriteAudio after the notes are taken; and the result of every method.
+  // on_write runs in WriteAudio after recording. `result` is the result of every method.
   std::function<void(SAFEARRAY*)> on_write;
   HRESULT result = S_OK;
 

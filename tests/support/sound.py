@@ -1,7 +1,7 @@
-"""Sound servers of the tests' own, and the sound that a speaker which is a pipe gets.
+"""Private sound servers, and the sound of a speaker that is a pipe.
 
-The pipe loses nothing: a sound server that is read late waits. When the *player* is late the server fills in
-silence; signals have no silent frame, so that it can be told apart.
+The pipe loses nothing: the sound server waits for a late reader. If the *player* is late the server inserts silence.
+Signals have no silent frame, so inserted silence is recognised.
 """
 
 import array
@@ -24,7 +24,7 @@ FRAME_BYTES = 8  # two floats
 
 @contextlib.contextmanager
 def sound_server(pipes, channels=2):
-    """The environment of a sound server, whose speaker and microphone are pipes or a null sink."""
+    """The environment of a sound server whose speaker and microphone are pipes or a null sink."""
     environment = dict(os.environ, TESSALY_SOUND_PIPES="1" if pipes else "", TESSALY_SOUND_CHANNELS=str(channels))
     program = "import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); sys.stdin.read()"
     server = subprocess.Popen([SESSION, sys.executable, "-c", program], env=environment, stdin=subprocess.PIPE,
@@ -40,14 +40,14 @@ def kill_server(environment):
 
 
 def wait_until(condition, what):
-    """CTest ends a wait that never ends; the last line is then the name of what did not come."""
+    """Waits without a limit; CTest ends a hang. The last line of the output then names the missing event."""
     print("waiting for", what, file=sys.stderr, flush=True)
     while not condition():
         time.sleep(0.1)
 
 
 def codes(samples):
-    """The signal that sound_tool plays, as parts of 32767."""
+    """The signal that sound_tool plays, in units of 1/32767 of full scale."""
     period = [k if k < 0 else k + 1 for k in (n * 7919 % 60000 - 30000 for n in range(60000))]
     return (period * (samples // 60000 + 1))[:samples]
 
@@ -69,9 +69,8 @@ def without_silence(samples, frame_bytes=FRAME_BYTES):
 
 
 class Speaker:
-    """Reads the speaker's pipe at the pace of real time, or later, while its server lives. Nothing comes
-    while nobody plays. A pause is (frame, seconds): the server is stopped for so long once as many frames
-    that are not silent have come."""
+    """Reads the speaker's pipe in real time or later while its server runs. Nothing arrives while nobody plays. A
+    pause (frame, seconds) stops the server for that time once this number of non-silent frames has arrived."""
 
     def __init__(self, environment, pause=None):
         self.frame_bytes = 4 * int(environment["TESSALY_SOUND_CHANNELS"])
@@ -107,15 +106,15 @@ class Speaker:
                 self.pause = None
 
     def close(self):
-        """To be called when the sound server is gone. Returns everything that it got."""
+        """Call it after the sound server has ended. Returns all received sound."""
         self.thread.join()
         os.close(self.pipe)
         return bytes(self.got)
 
 
 class Microphone:
-    """A tone of half the full scale goes into the microphone's pipe at the pace of real time, or in
-    larger pieces, while its server lives."""
+    """Writes a tone of half of full scale into the microphone's pipe in real time, or in larger pieces, while its
+    server runs."""
 
     HERTZ = 440
 
@@ -143,13 +142,13 @@ class Microphone:
                 time.sleep(0.01)
 
     def close(self):
-        """To be called when the sound server is gone."""
+        """Call it after the sound server has ended."""
         self.thread.join()
         self.pipe.close()
 
 
 class SoundTool:
-    """A run of sound_tool.exe, `program`, with the words as its arguments."""
+    """A run of sound_tool.exe, `program`, with `words` as arguments."""
 
     def __init__(self, program, environment, *words):
         self.words = [str(word) for word in words]
@@ -178,25 +177,25 @@ class SoundTool:
         return self.answer()
 
     def finish(self):
-        """Ends the input and waits for the program; it fails if objects or threads are left."""
+        """Closes the input and waits for the program, which fails if objects or threads are left."""
         self.process.communicate()
         assert self.process.returncode == 0, f"{self.name} ended with {self.process.returncode}"
 
 
 class ChangingServer:
-    """A sound server that can be killed and started again at the same place, and whose devices come and
-    go: a speaker that can be listened to and a microphone that hears a tone."""
+    """A sound server that can be killed and restarted at the same socket, with removable devices: a speaker whose
+    sound can be read and a microphone that gets a tone."""
 
-    # What plays into a sink of its own is the microphone.
+    # The monitor of a null sink is the microphone.
     NULL_SINK = ("module-null-sink", "norewinds=1", "format=float32le", f"rate={RATE}", "channels=2")
     DEVICES = ((*NULL_SINK, "sink_name=speaker"), (*NULL_SINK, "sink_name=room"),
                ("module-sine", "sink=room", "frequency=440"))
 
     def __enter__(self):
-        # The path of a socket has 107 characters at most, which TMPDIR may exceed.
+        # The path of a socket has at most 107 characters, which TMPDIR may exceed.
         self.folder = subprocess.check_output(["env", "-u", "TMPDIR", "mktemp", "-d"], text=True).strip()
         self.socket = self.folder + "/native"
-        # Where there is a sound card, it must not step in.
+        # A real sound card must not replace these devices.
         self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, ALSA_CONFIG_PATH="/dev/null",
                                 **dict.fromkeys(("HOME", "XDG_RUNTIME_DIR", "PULSE_RUNTIME_PATH",
                                                  "PULSE_STATE_PATH"), self.folder))
@@ -234,7 +233,7 @@ class ChangingServer:
             self.control("unload-module", module)
 
     def listen(self, frames):
-        """What the speaker gets from now on, as floats of two channels."""
+        """The sound at the speaker from now on, as floats of two channels."""
         words = ["parec", "--raw", "--device=speaker.monitor", "--format=float32le", f"--rate={RATE}", "--channels=2",
                  "--latency-msec=50"]
         with subprocess.Popen(words, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as recorder:

@@ -31,7 +31,7 @@ namespace {
 
 constexpr LONG kRate = 44100;
 constexpr SHORT kChannels = 2;
-// The first device and not the mapper, which converts formats to stereo of 16 bits.
+// The first device rather than the mapper, which converts formats to stereo of 16 bits.
 constexpr LONG kFirstDevice = 0;
 
 template <class... Arguments>
@@ -48,9 +48,9 @@ void AwaitLine() {
 constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
-// Sample n of a tone, or with 0 Hz of the interleaved signal, which is never 0, so that silence can
-// be told apart. Half a block of a tone holds whole periods of a multiple of 20 Hz, so that blocks
-// join, also where the scrubber overlaps halves of them.
+// Sample n of a tone or, with 0 Hz, of the interleaved signal, which is never 0 and so differs from
+// silence. Half a block of a tone has whole periods of a multiple of 20 Hz, so that blocks join,
+// even if the scrubber overlaps their halves.
 float Wave(int hertz, __int64 n) {
   if (hertz == 0) {
     const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
@@ -91,8 +91,8 @@ bool IsReady(const ComPtr<IAudioWriter>& writer) {
 void Play(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t frames) {
   const auto writer = Speaker(bits, channels);
   Check(writer->OpenDevice());
-  // The sound server swallows some milliseconds of what a stream starts with, and buffers count as
-  // played some milliseconds before they are.
+  // The sound server drops some milliseconds at the start of a stream, and buffers complete some
+  // milliseconds before they are played.
   const auto width = static_cast<std::size_t>(channels);
   const Floats silence(width * kRate);
   Check(writer->WriteAudio(silence));
@@ -152,7 +152,7 @@ void ScrubDocument() {
   Check(document.scrub->StopScrub());
 }
 
-// One way to use a device, which can be started again after each end.
+// One way to use a device. It can start again after each end.
 class Use {
  public:
   Use(const std::string& kind, int hertz) : kind_(kind), hertz_(hertz) {}
@@ -187,7 +187,7 @@ class Use {
     return hr;
   }
 
-  // Waits until sound has passed: more than what may be left from the last time.
+  // Waits until more sound has passed than may be left from the last use.
   void Works() const {
     while (reader_ && loud_blocks_ < 10) Sleep(10);
   }
@@ -224,14 +224,14 @@ class Use {
     Say("refused=%d ", last_ == E_FAIL ? 1 : 0);
   }
 
-  // Waits until nothing plays any more.
+  // Waits until nothing plays.
   void Idle() const {
     while (kind_ == "document" && document_ && IsPlaying(*document_)) Sleep(10);
     while (writer_ && !IsReady(writer_)) Sleep(10);
   }
 
  private:
-  // A thread that makes the call over and over.
+  // A thread that repeats the call.
   void Repeat(std::function<HRESULT()> call) {
     leaving_ = false;
     thread_ = std::thread([this, call = std::move(call)] {

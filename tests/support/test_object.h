@@ -1,4 +1,4 @@
-// The COM part of an object that a test makes itself, so that only what it is about remains.
+// The COM part of a test's own object.
 #pragma once
 
 #include <windows.h>
@@ -13,7 +13,7 @@
 
 namespace marlinda::testing {
 
-// An interface whose automation side, where it has one, offers nothing.
+// An interface without methods for automation, if it is dual.
 template <class I>
 class WithoutAutomation : public I {};
 
@@ -30,15 +30,15 @@ class WithoutAutomation<I> : public I {
   }
 };
 
-// Lives on the heap behind a pointer of MakeObject, or as a plain variable: the reference that it
-// is born with belongs to the test.
+// Lives on the heap behind a pointer of MakeObject, or as a local variable. The initial reference
+// belongs to the test.
 template <class... Interfaces>
 class TestObject : public WithoutAutomation<Interfaces>... {
  public:
   TestObject(const TestObject&) = delete;
   TestObject& operator=(const TestObject&) = delete;
 
-  // References that others hold.
+  // References held by others.
   long Held() const { return references_ - 1; }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {

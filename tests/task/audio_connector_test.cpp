@@ -1,5 +1,5 @@
-// The connector between filters and a reader that make up their audio and an export that keeps what
-// it reads.
+// The connector between generated sources, as import filters or readers, and an export that records
+// what it reads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,7 +24,7 @@ void Await(const Condition& condition) {
   while (!condition()) Sleep(5);
 }
 
-// An object that belongs to the thread that makes it, and counts its references without
+// An object that belongs to the thread that creates it and counts its references without
 // interlocking.
 template <class Base>
 class InApartment : public Base {
@@ -48,7 +48,7 @@ class InApartment : public Base {
   const DWORD thread_ = GetCurrentThreadId();
 };
 
-// A filter whose thread shares nothing with it but this.
+// A filter that shares only this with its thread.
 template <class Filter, class... Interfaces>
 class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTask>> {
  public:
@@ -58,7 +58,7 @@ class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTas
 
   STDMETHODIMP Start() override {
     state_->running = true;
-    // The body is destroyed, with the references that it holds, before the task has ended.
+    // The body and its references are destroyed before the task has ended.
     std::thread([state = state_, body = MakeBody()]() mutable {
       body(state->cancelled);
       body = nullptr;
@@ -130,7 +130,7 @@ class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
   ComPtr<IAudioWriter> writer_;
 };
 
-// A source of the counting signal. Reads are for the export's thread.
+// A source of the counting signal. Only the export's thread reads it.
 class TestReader final : public InApartment<RampSource> {
  public:
   explicit TestReader(__int64 count) : InApartment('A', SHORT{2}, nullptr, 44100) {
@@ -163,7 +163,7 @@ class TestExport final : public TestFilter<IExportFilter> {
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL*) override { return E_NOTIMPL; }
 
  private:
-  // Asks for format and length on its own thread.
+  // Queries format and length on its own thread.
   Body MakeBody() override {
     return [reader = std::move(reader_), result = result](const auto& cancelled) {
       LONG rate = 0;
@@ -198,7 +198,7 @@ class AudioConnector : public ::testing::Test {
     to->Initialize(nullptr, reader_.Get());
     EXPECT_EQ(task_->Start(), E_NOTIMPL);
   }
-  // Until the export has ended.
+  // Runs until the export has ended.
   void Run(TestExport* to) const {
     Start(to);
     Await([&] { return !IsRunning(); });
@@ -231,7 +231,7 @@ class AudioConnector : public ::testing::Test {
   const ComPtr<TestExport> to_ = MakeObject<TestExport>();
 };
 
-// Filters are apartment-threaded: they may count their references without interlocking.
+// Filters are apartment-threaded and may count their references without interlocking.
 TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostAlone) {
   const OurConverter converter;           // not needed
   constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
@@ -258,7 +258,7 @@ TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostA
   Join(ramp_.Get(), to_.Get());
   EXPECT_EQ(reader->references, 1);
   ExpectCounting(to_reader->result->samples, 2 * kFrames);
-  // One read of more than the queue may hold gets it all.
+  // One read larger than the queue gets everything.
   const auto again = MakeObject<TestImport>(kFrames);
   Join(again.Get(), to_.Get());
   again->Start();
@@ -283,7 +283,7 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   Join(source.Get(), to_.Get(), 22050);
   EXPECT_EQ(SampleCount(), 2048);
   Join(RampSource::Make('B', 0).Get(), to_.Get());
-  // More than the queue may hold.
+  // Larger than the queue.
   const Samples huge = Read(0x800000 + 2, S_FALSE);
   EXPECT_EQ(std::ranges::count(huge, 0.0F), std::ssize(huge));
 }
@@ -313,7 +313,7 @@ TEST_F(AudioConnector, IsAPlainQueueBeforeASetUpAndAfterAPollHasFoundTheExportEn
   EXPECT_EQ(Read(4), Samples(4, 0.5F));
 }
 
-// Ten waits for the first read alone: with ten for each the test would take a quarter of an hour.
+// Ten waits for the first read only: ten for each would take a quarter of an hour.
 TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASecond) {
   const auto from = MakeObject<TestImport>(1000);
   from->channels = 1;
@@ -401,8 +401,8 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
     if (i >= 95900) last = std::max(last, std::abs(samples[2 * i]));
   }
   EXPECT_GT(last, 0.9F);
-  // One take of a pool is converted as if nothing came after it: this source reports 4096 frames
-  // and delivers more.
+  // A take of a pool is converted as if nothing followed it: this source reports 4096 frames and
+  // delivers more.
   Join(RampSource::Make('A', 1).Get(), to_.Get(), 88200, 1);
   const Samples take = Read(8192 + 2000);
   const float end = RampSource::Sample('A', 4095, 0);

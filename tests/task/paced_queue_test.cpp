@@ -12,7 +12,7 @@ namespace marlinda {
 namespace {
 
 constexpr std::size_t kMax = PacedQueue::kMaxQueued;
-// A wake-up that is lost hangs the test.
+// A lost wake-up hangs the test.
 constexpr PacedQueue::Pace kPatient = {std::chrono::hours(1), 10};
 
 TEST(SampleCount, IsTheProductDividedAndTruncatedAndNeverOverflows) {
@@ -82,7 +82,7 @@ TEST(PacedQueue, EndsTheWaitsOfAReadAfterTheAllowedTimeoutsAndOfBothSidesWhenInt
       ++begun;
       EXPECT_FALSE(patient.AwaitSamples(kMax + 2, timeouts));
     });
-    // In most rounds both wait when the interrupt comes.
+    // In most rounds both sides wait when the interrupt comes.
     for (int i = 0; i < 100 || begun < 2; ++i) std::this_thread::yield();
     patient.Interrupt();
     writer.join();
