@@ -39,7 +39,7 @@ class PolyphaseFilter {
   // Reduced rates: target_ output frames consume source_ input frames.
   const std::size_t source_;
   const std::size_t target_;
-  const std::size_t taps_;  // of one phase
+  const std::size_t taps_;  // per phase
   const FilterKernel filter_;
   std::vector<TapBlock> table_;  // one row for each phase, in the order of use
   // Each channel has room for `room_` input frames, of which `held_` are filled. The taps of the
@@ -48,7 +48,7 @@ class PolyphaseFilter {
   std::vector<float> history_;
   std::size_t held_;
   std::size_t begin_ = 0;
-  std::size_t phase_ = 0;  // of the next output frame, in parts 1 / target_ of an input frame
+  std::size_t phase_ = 0;  // of the next output frame, in units of 1 / target_ input frame
   std::size_t row_ = 0;
 };
 

@@ -41,7 +41,7 @@ inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
   return SetOut(out, value ? VARIANT_TRUE : VARIANT_FALSE);
 }
 
-// The state that a filter shares with its worker. It outlives both.
+// The state that a filter shares with its worker. It lives until both have ended.
 struct TaskJob {
   std::atomic<bool> cancelled{false};
   // In frames. A compressed or damaged source may have more frames than this.

@@ -23,7 +23,7 @@ using Replacements = std::map<std::wstring, std::wstring>;
 struct Entry {
   std::wstring key;                  // below HKEY_CLASSES_ROOT
   std::wstring name;                 // of the value; empty for the default value
-  std::optional<std::wstring> text;  // none: no value
+  std::optional<std::wstring> text;  // none: the key only
 };
 
 void CheckRegistry(LSTATUS status) { Check(HRESULT_FROM_WIN32(static_cast<DWORD>(status))); }

@@ -158,7 +158,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     std::mutex block_mutex;
     std::vector<float> block;
     const DWORD pause_milliseconds;
-    DWORD delay = 0;  // of the thread, before each pass
+    DWORD delay = 0;  // the thread's wait before each pass
     std::atomic<bool> stop{false};
     // True until the writer has closed its device.
     std::atomic<bool> running{true};

@@ -223,7 +223,7 @@ class GraphFilter : public IBaseFilter {
   std::mutex mutex_;
   // The mutex guards the members below.
   ComPtr<IReferenceClock> clock_;
-  IFilterGraph* graph_ = nullptr;  // the graph owns its filters: no reference
+  IFilterGraph* graph_ = nullptr;  // no reference: the graph owns its filters
   std::wstring name_;
 
   friend class GraphPin;

@@ -21,8 +21,8 @@ namespace marlinda {
 // From this many frames per column on, precomputed peaks replace samples.
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// The maximum floats per read, so that memory does not grow with the piece. A plot as wide as a
-// screen takes one read.
+// The maximum floats per read, so that memory does not grow with the piece. An overview as wide as
+// a screen takes one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
 // A piece with more floats of peaks, 4 GiB, is not drawn: they do not fit in an array, and reading

@@ -223,7 +223,7 @@ class CDShowExport final
       if (kind == EncodedKind::kWma) ShowWmaSettings();
       if (kind == EncodedKind::kMp3) ShowMpegSettings();
     });
-    return S_OK;  // a dialog that could not be shown has changed nothing
+    return S_OK;  // without a dialog nothing has changed
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
 
@@ -259,7 +259,7 @@ class CDShowExport final
                 module.LoadText(IDS_CODEC_ERROR).c_str(), MB_OK | MB_ICONERROR);
   }
 
-  CRegistry settings_;  // open for as long as the filter lives
+  CRegistry settings_;  // open during the filter's lifetime
   WideTags tags_;
   HWND message_owner_ = nullptr;
 };

@@ -33,7 +33,7 @@ struct EncoderSettings {
   std::string path;
   int samples_per_sec = 0;
   int channels = 0;
-  int bit_rate_kbit = 0;  // an encoder that does not have it takes the next lower one
+  int bit_rate_kbit = 0;  // see IsBetterBitRate for encoders without this rate
   WideTags tags;
 };
 

@@ -58,14 +58,14 @@ class SettingsDialog {
     return found;
   }
 
-  int value_;  // that the user edits
+  int value_;  // edited by the user
 
  private:
   static INT_PTR CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     if (message == WM_INITDIALOG) {
       SetWindowLongPtrW(window, DWLP_USER, lparam);
       reinterpret_cast<SettingsDialog*>(lparam)->Open(window);
-      return FALSE;  // the keyboard is where Open put it
+      return FALSE;  // OnOpening has set the focus
     }
     auto* const self = reinterpret_cast<SettingsDialog*>(GetWindowLongPtrW(window, DWLP_USER));
     if (message != WM_COMMAND || self == nullptr) return FALSE;
@@ -114,7 +114,7 @@ class RadioDialog : public SettingsDialog {
   // when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
-    if (chosen == choices_.end()) return Item(IDOK);  // a fresh dialog has none checked
+    if (chosen == choices_.end()) return Item(IDOK);  // a new dialog has none checked
     HWND button = Item(chosen->item);
     // Also makes the button the tab stop of the group.
     CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);
@@ -140,7 +140,7 @@ class CWavSettings final : public RadioDialog {
   bool is_float() const noexcept { return value_ == kFloat; }
 
  private:
-  static constexpr int kFloat = 1 << 16;  // no number of bits
+  static constexpr int kFloat = 1 << 16;  // not a number of bits
   static constexpr Choice kChoices[] = {{IDC_WAV_8_BITS, 8},
                                         {IDC_WAV_16_BITS, 16},
                                         {IDC_WAV_24_BITS, 24},

@@ -167,7 +167,7 @@ class CWavExportFilter final
         is_float_ = settings.is_float();
       }
     });
-    return S_OK;  // a dialog that could not be shown has changed nothing
+    return S_OK;  // without a dialog nothing has changed
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, false); }
 
@@ -196,7 +196,7 @@ class CWavExportFilter final
 
  private:
   SHORT bits_per_sample_ = 16;
-  bool is_float_ = false;  // the settings dialog alone changes it
+  bool is_float_ = false;  // only the settings dialog changes it
 };
 
 MARLINDA_DEFINE_CLASS(CWavExportFilter)

@@ -99,7 +99,7 @@ class WavFile {
   static constexpr std::uint64_t kRiffStart = 8;  // of the body of "RIFF"
 
   FileHandle file_;
-  std::uint64_t data_start_ = 0;  // 0 while the header is not written
+  std::uint64_t data_start_ = 0;  // 0 until the header is written
 };
 
 }  // namespace marlinda

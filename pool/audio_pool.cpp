@@ -204,7 +204,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   std::int64_t take_peak_begin_ = 0;
   std::vector<Take> takes_;          // in the order in which they were closed
   std::size_t cursor_ = 0;           // takes from the first to the one under the reader cursor
-  std::atomic<long> open_count_{0};  // writer, locks and open readers together
+  std::atomic<long> open_count_{0};  // the writer, locks and open readers
 
   StoredSamples stored_samples_;
   std::vector<float> peaks_;

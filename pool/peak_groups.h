@@ -21,7 +21,7 @@ inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 // Caches the extremes of every group of 64 peaks that was read, and the peaks of groups in which a
-// stretch begins or ends. Drawing the same plot again reads nothing; another plot reads one group
+// stretch begins or ends. Drawing the same overview again reads nothing; another reads one group
 // for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much while the take
 // grows. The cached peaks take at most 4 MiB.
 class PeakGroups {
@@ -126,7 +126,7 @@ class PeakGroups {
                              .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
     return true;
   }
-  // Drops all cached peaks if there are too many. Plots of one size need far fewer.
+  // Drops all cached peaks if there are too many. Overviews of one size need far fewer.
   void Keep(std::int64_t group, std::span<const float> peaks) {
     if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
     kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());

@@ -48,7 +48,7 @@ class Seek {
 
 struct ReadResult {
   HRESULT hr;         // S_OK, 0x80070026 if the file ended first, or the error of the failed read
-  std::size_t count;  // bytes that were read
+  std::size_t count;  // bytes read
 };
 
 // Reads into `bytes` from `offset`. Other threads may use the same handle meanwhile. An offset
@@ -120,7 +120,7 @@ class TemporaryFile {
 
  private:
   FileHandle handle_;
-  HRESULT error_ = S_OK;  // of Create
+  HRESULT error_ = S_OK;  // the result of Create
 };
 
 }  // namespace marlinda

@@ -107,7 +107,7 @@ class PacedQueue {
   int max_timeouts_ = pace_.max_timeouts;
   bool interrupted_ = false;
   bool writer_waits_ = false;
-  std::size_t wanted_ = 0;  // samples that the reader waits for
+  std::size_t wanted_ = 0;  // samples the reader waits for
   bool has_put_ = false;    // since the reader's round began
 };
 

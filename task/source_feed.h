@@ -195,10 +195,10 @@ class SourceFeed {
   }
 
   const StreamFormat target_{};
-  const bool pulls_ = false;  // from a reader
+  const bool pulls_ = false;  // reads from a reader
   PacedQueue queue_;
   std::atomic<bool> import_runs_ = true;
-  std::atomic<bool> gave_up_ = false;  // the last read waited for its full time
+  std::atomic<bool> gave_up_ = false;  // the last read got too few samples
 
   std::mutex mutex_;  // guards the members below
   IAudioReader* reader_ = nullptr;

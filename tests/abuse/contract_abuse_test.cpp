@@ -37,7 +37,7 @@ constexpr Number kMax = std::numeric_limits<Number>::max();
 constexpr int kCasesForOneStart = 64;
 // The expected result of a method that may return anything.
 constexpr HRESULT kAny = S_OK;
-constexpr HRESULT kAsTheProper = S_FALSE;  // what it returns for a proper array
+constexpr HRESULT kAsTheProper = S_FALSE;  // the same result as for a valid array
 
 // Methods for which null is a valid object.
 const std::set<std::string> kTakeNoObject = {
@@ -364,7 +364,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   }};
 };
 
-TEST_P(ContractAbuse, IsAnsweredAndTheObjectWorksAfterwards) {
+TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
   const auto tested = std::ranges::find(classes_, GetParam(), &Class::name);
   ASSERT_NE(tested, classes_.end());
   std::optional<LeakWatch> watch;

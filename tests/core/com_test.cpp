@@ -50,7 +50,7 @@ class EveryClass : public ::testing::Test {
   const std::vector<Class> classes_ = ClassesOfTheModule();
 };
 
-TEST_F(EveryClass, HasItsInterfacesFromEachOfThemUnderOneIdentityAndNoOthers) {
+TEST_F(EveryClass, HasOneIdentityAndExactlyItsInterfaces) {
   std::vector<IID> all = {IID_IMarshal, IID_IClassFactory, IID_IConnectionPointContainer,
                           IID_IProvideClassInfo2, IID_ISupportErrorInfo};
   for (const Class& known : classes_) {
@@ -191,7 +191,7 @@ class Dispatch : public ::testing::Test {
   const ComPtr<IEditedAudio> document_ = Create<IEditedAudio>(CLSID_CEditedAudio);
 };
 
-TEST_F(Dispatch, CoercesArgumentsByPlaceByReferenceInVariablesAndByName) {
+TEST_F(Dispatch, CoercesArgumentsByPositionByReferenceInVariablesAndByName) {
   Bstr number(L"44100");
   Bstr word(L"forty");
   __int64 count = -(1LL << 40);
@@ -345,7 +345,7 @@ TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToAB
   EXPECT_EQ(insert(VT_DISPATCH, Create<IAudioPool>(CLSID_CAudioPool).Get()), DISP_E_TYPEMISMATCH);
 }
 
-TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndIncoherentArguments) {
+TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndInconsistentArguments) {
   const std::tuple<DISPID, WORD, HRESULT> calls[] = {
       {0, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND},
       {6, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND},

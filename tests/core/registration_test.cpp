@@ -159,7 +159,7 @@ TEST_F(Registration, LetsOthersCreateTypedObjectsOfAModuleAtAnyPath) {
   CoFreeUnusedLibrariesEx(0, 0);
 }
 
-TEST_F(Registration, KeepsWhatOthersPutBelowAClass) {
+TEST_F(Registration, KeepsForeignEntriesBelowAClass) {
   const auto write = [](const wchar_t* below, const wchar_t* name) {
     EXPECT_EQ(RegSetKeyValueW(HKEY_CLASSES_ROOT, (kPool + std::wstring(below)).c_str(), name,
                               REG_SZ, L"kept", 10),

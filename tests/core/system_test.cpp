@@ -18,7 +18,7 @@
 namespace marlinda::testing {
 namespace {
 
-TEST(Text, IsKeptWhereTheCodePageHoldsItAndEndsAtTheFirstNul) {
+TEST(Text, IsKeptIfTheCodePageHasItAndEndsAtTheFirstNul) {
   EXPECT_EQ(ToAnsi(Bstr(std::wstring(100000, L'x'))), std::string(100000, 'x'));
   EXPECT_THAT(ToAnsi(Bstr(L"a\x97f3z")), ::testing::MatchesRegex("a.+z"));
   const OwnedBstr with_nul(SysAllocStringLen(L"ab\0cd", 5));

@@ -125,7 +125,7 @@ void RemoveOutputs() {
   }
 }
 
-TEST(Playback, BlockThatTheDeviceRefusesFailsAndEndsTheOpening) {
+TEST(Playback, ARefusedBlockFailsAndClosesTheDevice) {
   const Player player(44100, 2, 16);
   player.playback->SetPosOffset(1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
@@ -159,7 +159,7 @@ TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
   }
 }
 
-TEST(Playback, RefusesFormatsAndDevicesThatAreNone) {
+TEST(Playback, RefusesInvalidFormatsAndDevices) {
   for (const SHORT channels : {0, -2, 2}) {
     const Player odd(44100, channels, 16);
     EXPECT_EQ(odd.playback->SetDevice(channels == 2 ? 4711 : 0), S_OK);
@@ -175,7 +175,7 @@ class Grabber : public ::testing::Test {
   const ComPtr<IAudioReader> reader_ = As<IAudioReader>(grabber_);
 };
 
-TEST_F(Grabber, ReadsMoreOrLessThanADeviceBufferAndWhatIsLeftWhenItIsClosed) {
+TEST_F(Grabber, ReadsMoreOrLessThanADeviceBufferAndTheRestAfterClosing) {
   LONG rate = 0;
   SHORT channels = 0;
   EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);

@@ -27,7 +27,7 @@ constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
 // The fuzzer aborts if the kernels and the plain lists differ.
-TEST(Edits, GiveWhatWalksOverPlainListsGive) {
+TEST(Edits, EqualWalksOverPlainLists) {
   std::mt19937 random(5);
   for (int round = 0; round < 500; ++round) {
     // Every other round avoids extreme positions, which overflow offsets, and backward segments:
@@ -100,7 +100,7 @@ std::array<long, 3> CostsAt(std::int64_t segments) {
           })};
 }
 
-TEST(Edits, CostHardlyMoreInAHundredTimesAsManySegments) {
+TEST(Edits, CostHardlyMoreWithAHundredTimesTheSegments) {
   const auto few = CostsAt(1'000);
   const auto many = CostsAt(100'000);
   EXPECT_GT(few[0], 50);

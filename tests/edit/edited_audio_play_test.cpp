@@ -71,7 +71,7 @@ TEST_F(EditedAudioPlay, PlaysASectionToItsEndInBlocksOfFortyMilliseconds) {
                           "A.ReadAudio(4528, 3528)", "A.ReadAudio(6292, 82)", "A.CloseDevice"));
 }
 
-TEST_F(EditedAudioPlay, PlayFiresAlsoWhenItStartsNothingAndOnlyALoopGetsAnotherSection) {
+TEST_F(EditedAudioPlay, PlayFiresEvenIfItStartsNothingAndOnlyALoopChangesItsSection) {
   document_->ModifyPlaySection(100, 200);
   Play(100, 100);
   EXPECT_EQ(Position(), -1);
@@ -98,7 +98,7 @@ TEST_F(EditedAudioPlay, PlayFiresAlsoWhenItStartsNothingAndOnlyALoopGetsAnotherS
   EXPECT_EQ(events_, CallLog(6, "s1"));
 }
 
-TEST_F(EditedAudioPlay, WhatFailsOnTheThreadEndsThePlayback) {
+TEST_F(EditedAudioPlay, AFailureOnTheThreadEndsThePlayback) {
   const auto last_call = [&] {
     Play(0, 4410, false);
     WaitUntil([&] { return Position() < 0; });
@@ -118,7 +118,7 @@ TEST_F(EditedAudioPlay, WhatFailsOnTheThreadEndsThePlayback) {
   EXPECT_EQ(last_call(), "A.CloseDevice");
 }
 
-TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndGiveAnotherSection) {
+TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndChangeTheSection) {
   // Would recurse endlessly if the document allowed it.
   sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return Play(500, 510), S_OK; };
   Play(500, 510);

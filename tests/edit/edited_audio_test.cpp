@@ -187,7 +187,7 @@ class EditedAudioModel : public ::testing::Test {
   int names_ = 0;
 };
 
-TEST_F(EditedAudioModel, HoldsWhatPlainListsHoldAfterThousandsOfEdits) {
+TEST_F(EditedAudioModel, EqualsPlainListsAfterThousandsOfEdits) {
   for (int step = 0; step < 3000; ++step) {
     odd_ = step / 500 % 2 == 1;
     for (Pair& pair : pairs_) {
@@ -234,7 +234,7 @@ class EditedAudio : public ::testing::Test {
 TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.reader->ReadAudio(0, Floats(4)), S_FALSE) << "no channels";
   EXPECT_EQ(document_.Format(), "1/0/16");
-  document_->SetFormat(0, 6, 24);  // is none either
+  document_->SetFormat(0, 6, 24);  // not a format either
   document_.Append(a_, 100, 104);
   document_.Append(nullptr, 0, 2);
   document_.Append(b_, 7, 9);
@@ -322,7 +322,7 @@ TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself)
   EXPECT_EQ(document_->Clear(), S_OK);
 }
 
-TEST_F(EditedAudio, CopiesWhatAnotherMakersDocumentTakesAndNamesInTheSystemsCodePage) {
+TEST_F(EditedAudio, CopiesIntoForeignDocumentsAndNamesInTheSystemsCodePage) {
   const auto wrapper = MakeObject<Wrapper>();
   const Document foreign(As<IEditedAudio>(wrapper));
   EXPECT_EQ(wrapper->Held(), 5)

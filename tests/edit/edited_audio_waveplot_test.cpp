@@ -115,7 +115,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
       }
       ASSERT_EQ(writer->WriteAudio(Floats(noise)), S_OK);
     }
-    // Draws every third plot twice.
+    // Draws every third overview twice.
     if (round % 3 != 0) range = Draw(0, plain.Length());
     if (round % 3 == 2) range.second = std::min(range.second, range.first + (1 << round % 13));
     const auto& [begin, end] = range;
@@ -174,7 +174,7 @@ TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothin
   EXPECT_THAT(Plot(0, 1000, 10, 100), Each(kHost));
 }
 
-TEST_F(EditedAudioWaveplot, DrawsNothingForOddRangesArraysAndFormatsNorPastTheArray) {
+TEST_F(EditedAudioWaveplot, DrawsNothingForInvalidRangesArraysAndFormatsOrPastTheArray) {
   EXPECT_THAT(Plot(0, 100, 4, 1), Each(kHost));
   const auto a = RampSource::Make('A', 1);
   document_.Append(a, 0, 1000);

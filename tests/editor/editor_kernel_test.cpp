@@ -21,7 +21,7 @@ View ViewOf(std::int64_t frames, int width) {
   return view;
 }
 
-TEST(View, ANewDocumentIsVisibleAsAWholeAndStaysSoWhileItGrows) {
+TEST(View, ShowsANewDocumentWholeAlsoWhileItGrows) {
   View view = ViewOf(1000, 100);
   EXPECT_EQ(view.visible(), (Range{0, 1000}));
   view.SetLength(kTenHours);
@@ -114,7 +114,7 @@ TEST(Ruler, TicksStandAtRoundTimesAndLeaveRoomForTheirTexts) {
 }
 
 // The documents here are numbers.
-TEST(UndoStack, StatesComeBackInOrderAndOneIsSavedWhichMayBecomeUnreachable) {
+TEST(UndoStack, RestoresStatesInOrderAndTracksTheSavedState) {
   UndoStack<int> stack;
   EXPECT_TRUE(stack.IsSaved());
   for (const int next : {1, 2, 3}) stack.Store("to " + std::to_string(next), next - 1);

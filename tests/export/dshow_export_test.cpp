@@ -74,7 +74,7 @@ class DShowExport : public ::testing::Test {
   ComPtr<Tones> tones = MakeObject<Tones>(SHORT{2}, 9);
 };
 
-TEST_F(DShowExport, RefusesWhatItCannotWriteAndLeavesFilesAsTheyWere) {
+TEST_F(DShowExport, RefusesFilesThatItCannotWriteAndLeavesThemUnchanged) {
   EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"a.mp3\\b.wav")), tones.Get()), E_INVALIDARG);
   EXPECT_EQ(filter->Initialize(Bstr(folder.File(L"none\\out.mp3")), tones.Get()),
             HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));

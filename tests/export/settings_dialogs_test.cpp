@@ -80,7 +80,7 @@ class SettingsDialogs : public ::testing::Test {
   ComPtr<IExportFilter> compressed = Create<IExportFilter>(CLSID_CDShowExport);
 };
 
-TEST_F(SettingsDialogs, TakeTheWidthThatWasChosenBeforeOk) {
+TEST_F(SettingsDialogs, ApplyTheWidthChosenBeforeOk) {
   const struct {
     SHORT bits;
     int checked;
@@ -138,7 +138,7 @@ TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
   EXPECT_EQ(settings.Read("MP3Bitrate"), 320U);
 }
 
-TEST_F(SettingsDialogs, AreModalToTheirOwnerWhoSeesTheCodecErrorsAndOutliveTheFilter) {
+TEST_F(SettingsDialogs, AreModalToTheOwnerOfCodecErrorsAndOutliveTheFilter) {
   const HWND owner = CreateWindowW(L"STATIC", L"host", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 0, 0, 200,
                                    200, nullptr, nullptr, nullptr, nullptr);
   const DialogSteps modal = [&](HWND dialog) {

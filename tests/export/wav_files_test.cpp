@@ -223,9 +223,9 @@ TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
   }
 }
 
-TEST_F(WaveWriter, PassesEveryCallOnFirstAndWritesWhatTheNextWriterLeft) {
+TEST_F(WaveWriter, PassesEachCallOnFirstAndWritesTheBlockThatTheNextWriterLeft) {
   const auto next = MakeObject<RecordingWriter>();
-  next->result = E_FAIL;  // is ignored
+  next->result = E_FAIL;  // ignored
   next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
   EXPECT_EQ(writer->SetWriteThrough(next.Get()), S_OK);
   EXPECT_EQ(Record(1, 32, {0.5F, 0.25F}), File(1, 32, F32(0) + F32(0.25F)));
@@ -263,7 +263,7 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
 TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {
   EXPECT_EQ(audio->OpenDevice(), S_OK);
   EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), kSharingViolation);  // its own
+  EXPECT_EQ(audio->OpenDevice(), kSharingViolation);  // with this object's own file
   EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
   const std::wstring other = folder.File(L"other.wav");
   EXPECT_EQ(writer->SetTargetFile(Bstr(other)), S_OK);

@@ -63,7 +63,7 @@ TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
   EXPECT_EQ(FormatDuration(1, 0), "unknown");
 }
 
-TEST(Timecode, IsCutFromItsNeighboursAtTheColonThatLeavesTimes) {
+TEST(Timecode, IsSplitFromItsNeighboursAtTheColonThatLeavesValidTimes) {
   const auto in_tenths = [](const std::optional<Timecode>& time) {
     return time ? time->ToFrames(10) : -1;
   };
@@ -98,7 +98,7 @@ TEST(CutPlan, CountsSilenceInTheResultSoFar) {
                                 .markers = {"::All"}},
                                10000, 1000);
   EXPECT_EQ(plan.pieces.at(1).end, 1500);
-  EXPECT_EQ(plan.silences.at(1).at, 14000);  // the end of the result only after the first silence
+  EXPECT_EQ(plan.silences.at(1).at, 14000);  // the end of the result after the first silence
   EXPECT_EQ(plan.length, 14001);
   EXPECT_EQ(plan.annotations.markers.at(0).section.end, 14001);
 }
@@ -306,7 +306,7 @@ TEST(WaveformPicture, TicksAreFarEnoughApartAndReadAsTimes) {
   const std::pair<double, double> steps[] = {
       {12.0, 1.0}, {1.0, 0.1}, {3600.0, 300.0}, {1e7, 7 * 86400.0}};
   for (const auto& [seconds, step] : steps) EXPECT_DOUBLE_EQ(TickStep(seconds, 1200, 70), step);
-  EXPECT_DOUBLE_EQ(TickStep(20, 200, 8, 15), 1);  // 2 does not divide 15, and 5 would do, too
+  EXPECT_DOUBLE_EQ(TickStep(20, 200, 8, 15), 1);  // 2 does not divide 15; 5 would
   const std::tuple<double, double, const char*> texts[] = {
       {0, 1, "0"},      {0.25, 0.05, "0.25"},  {59.99999, 0.5, "1:00.0"},
       {185, 5, "3:05"}, {65.5, 0.5, "1:05.5"}, {3600, 600, "1:00:00"}};

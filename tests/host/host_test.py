@@ -224,7 +224,7 @@ class HostTest(ProgramTest):
         self.assertGreater(len(picture.wave(200, 30, 146)), 20)
         self.assertEqual(len(picture.wave(600, 30, 146)), 1)
 
-    def test_files_are_read_back_with_all_that_they_carry(self):
+    def test_files_are_read_back_with_all_their_metadata(self):
         def facts(report):
             return [report["filter"]["class"], *(report[key] for key in (
                 "file", "frames", "sample_rate", "channels", "bits_per_sample", "tags", "labels", "markers", "acid"))]
@@ -348,7 +348,7 @@ class HostTest(ProgramTest):
                 pictures.append(self.png.read_bytes())
             self.assertEqual(*pictures, sources)
 
-    def test_a_second_of_a_long_file_takes_the_room_of_a_second(self):
+    def test_a_second_of_a_long_file_takes_the_disk_space_of_a_second(self):
         long = self.folder / "long.wav"
         size = 3 * 3600 * RATE * 4
         with open(long, "wb") as file:
@@ -474,7 +474,7 @@ class DoctorTest(ProgramTest):
         self.assertEqual(text.splitlines()[-1], "no problems", text)
         self.assertRegex(text, r"outputs +\S.*Null Output")
 
-    def test_a_module_that_is_missing_or_broken_is_told_by_its_fault(self):
+    def test_a_missing_or_broken_module_is_reported_with_its_fault(self):
         status, text, messages = run("doctor", program=self.alone, environment=NO_SERVER)
         # The system's sound library may print messages first.
         self.assertEqual((status, messages[-len("there are 4 problems\n"):]), (6, "there are 4 problems\n"))

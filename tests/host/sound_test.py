@@ -101,7 +101,7 @@ class SoundTest(ProgramTest):
             self.assertEqual([device["index"] for device in report[kind]], list(range(len(report[kind]))))
             self.assertTrue(any(name in device["name"] for device in report[kind]), report)
 
-    def test_play_plays_the_file_or_a_section_of_it_and_the_channels_it_is_told(self):
+    def test_play_plays_a_file_or_a_section_and_the_chosen_channels(self):
         with Heard(self.speaker) as heard:
             report = self.report("play", self.ogg)
         self.assertEqual([report[key] for key in ("begin", "end", "device", "channels")], [0, 2 * RATE, None, [0, 1]])
@@ -157,7 +157,7 @@ class SoundTest(ProgramTest):
             self.ends(Run(*arguments, environment=NO_SERVER), 7, "there is no sound device")
         self.assertEqual(list(self.folder.iterdir()), [folder])
 
-    def test_record_writes_exactly_the_frames_it_is_told_and_what_it_hears(self):
+    def test_record_writes_exactly_the_requested_frames_of_the_microphone(self):
         frames, rate = 12345, 48000
         report = self.report("record", self.out, "--seconds", f"{frames}f", "--bits", "24", "--channels", "1",
                              "--rate", str(rate))
@@ -172,7 +172,7 @@ class SoundTest(ProgramTest):
         expected = Microphone.HERTZ * frames / rate
         self.assertAlmostEqual(swings, expected, delta=2 + expected / 20)
 
-    def test_a_take_whose_place_is_gone_is_saved_elsewhere(self):
+    def test_a_take_whose_folder_is_gone_is_saved_elsewhere(self):
         command = record(self.out, "--seconds", "3")
         self.out.mkdir()
         messages = self.ends(command, 4, "the take was saved as C:")
@@ -196,7 +196,7 @@ class SoundTest(ProgramTest):
         self.assertIn(frames, range(RATE // 2, 600 * RATE))
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
 
-    def test_a_recording_outlasts_a_sound_server_that_stands_still(self):
+    def test_a_recording_survives_a_stalled_sound_server(self):
         with sound() as (environment, _):
             command = record(self.out, "--seconds", "3", environment=environment)
             server = int(environment["TESSALY_SOUND_SERVER_PID"])

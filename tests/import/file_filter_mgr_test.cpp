@@ -53,7 +53,7 @@ class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
   }
 
   CLSID clsid = {};
-  std::string calls;  // their first letters
+  std::string calls;  // the first letters of the called methods
 
   STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
     return calls += 'C', QueryInterface(iid, object);

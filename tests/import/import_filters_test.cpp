@@ -275,7 +275,7 @@ TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
   }
 }
 
-TEST_F(DShowImport, RefusesWhatHasNoSoundAndStaysAsItWas) {
+TEST_F(DShowImport, RefusesFilesWithoutSoundAndStaysUnchanged) {
   EXPECT_THAT(Format(), Each(0));
   VARIANT_BOOL loop = VARIANT_TRUE;
   EXPECT_EQ(As<IAcidReader>(filter_)->QueryAcidDataAvailable(&loop), S_OK);
@@ -406,7 +406,7 @@ class HangingFilters final : public TestObject<IClassFactory> {
   }};
 };
 
-TEST_F(DShowImport, GivesUpFiltersThatHang) {
+TEST_F(DShowImport, AbandonsFiltersThatHang) {
   const HangingFilters filters;
   struct Run {
     ComPtr<IImportFilter> filter = Create<IImportFilter>(CLSID_CDShowImport);
@@ -431,7 +431,7 @@ TEST_F(DShowImport, GivesUpFiltersThatHang) {
   EXPECT_EQ(filters.hanging(), 3);
 }
 
-TEST_F(DShowImport, ReadsWhatADamagedOrUnfinishedFileHolds) {
+TEST_F(DShowImport, ReadsTheIntactPartOfDamagedOrUnfinishedFiles) {
   Bytes film = ReadData("film.avi");
   film.resize(film.size() / 2);
   Import(Write(L"film.avi", film));

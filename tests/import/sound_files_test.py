@@ -120,7 +120,7 @@ class SoundFiles(unittest.TestCase):
                 self.assertEqual(len(got), len(expected))
                 self.assertLessEqual(max(abs(a - b) for a, b in zip(got, expected)), steps / 32767)
 
-    def test_what_has_no_sound_is_refused(self):
+    def test_files_without_sound_are_refused(self):
         for name in REFUSED:
             self.assertEqual(self.reports[name], ["80004005"], name)
 

@@ -92,7 +92,7 @@ TEST(VorbisStream, DeliversWhatTheLibraryDecodesUpToAChangeOfTheFormatInBlocksOf
   EXPECT_EQ(VorbisCode(std::numeric_limits<float>::quiet_NaN()), -32768);
 }
 
-TEST(VorbisStream, TakesTheTextsOfItsComments) {
+TEST(VorbisStream, ReadsTheTextsOfItsComments) {
   Tags tags;
   // A later comment replaces an earlier one, even if it is empty. A comment without a key is
   // ignored.
@@ -104,7 +104,7 @@ TEST(VorbisStream, TakesTheTextsOfItsComments) {
   EXPECT_EQ(tags, (Tags{"E=mc2", "a", "", "2001", "g"}));
 }
 
-TEST(VorbisStream, SelectsTheSameSamplesThatTheWholeFileHasThere) {
+TEST(VorbisStream, DeliversPartsWithTheSameSamplesAsTheWholeFile) {
   const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("other.ogg"));
   for (const auto& path : {DataFile("six_channels.ogg"), DataFile("rate_8000.ogg"),
                            DataFile(kDemoPiece), chain.path()}) {

@@ -214,7 +214,7 @@ class PackageTest(unittest.TestCase):
             self.assertIn(f"./{path.relative_to(self.folder)}\n", output[-1])
         self.assertNothingLeft()
 
-    def test_setup_for_one_user_into_a_chosen_folder_leaves_what_others_put_there(self):
+    def test_setup_for_one_user_into_a_chosen_folder_keeps_foreign_entries(self):
         keys = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings", r"HKLM\Software\Brevant\Cutloom\Import Filters"])
         # Longer than the strings of the set-up program, and empty.
         for path in ("%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;", ""):
@@ -272,7 +272,7 @@ class PackageTest(unittest.TestCase):
                          "ends well\nsetup elsewhere 2\nsetup again 0\n")
         self.assertNothingLeft()
 
-    def test_setup_refuses_wrong_switches_and_takes_back_what_it_did_before_it_failed(self):
+    def test_setup_refuses_wrong_switches_and_undoes_its_changes_if_it_fails(self):
         (DRIVE / "Full").mkdir()
         self.addCleanup(shutil.rmtree, DRIVE / "Full")
         (DRIVE / "Full/docs").touch()  # where a folder is to be

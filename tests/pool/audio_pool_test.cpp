@@ -204,7 +204,7 @@ TEST(AudioPool, AcceptsAnyFormatAndRefusesTheBlocksThatItCannotStore) {
   EXPECT_EQ(Contents(pool.peak_file), (Samples{0.1F, 0.1F, 0.2F, 0.2F}));
 }
 
-TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
+TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   const Pool pool(2, 16);
   EXPECT_FALSE(pool.LastReader());
   pool.WriteTake(Samples(20, 1.0F));
@@ -233,7 +233,7 @@ TEST(AudioPool, GivesReadersOfItsTakesNewestFirst) {
   const auto last = pool.LastReader();
   EXPECT_EQ(SampleCount(last), 2);
   // The pool is ready while nobody has it open.
-  pool.Close();  // the take that was abandoned
+  pool.Close();  // the discarded take
   EXPECT_TRUE(pool.IsReady());
   EXPECT_EQ(last->OpenDevice(), S_OK);
   EXPECT_FALSE(pool.IsReady());
@@ -273,7 +273,7 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
 }
 
 // With its own settings instead of the user's, which other programs read at the same time.
-TEST(AudioPool, KeepsItsFilesWhereTheUserWantsThemUntilTheLastReferenceGoes) {
+TEST(AudioPool, KeepsItsFilesInTheUsersFolderUntilTheLastRelease) {
   constexpr wchar_t kSettings[] = L"Software\\TessalyPoolTest";
   const TemporaryFolder folder;
   RegistryKey settings;
@@ -430,7 +430,7 @@ TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
             Block(kEndOfFile, {256, 299, -299, -256, -7, -7, -7, -7}));
 }
 
-TEST(AudioPoolReader, CanBeAimedAgainAndReleasesTheOldPool) {
+TEST(AudioPoolReader, CanChangeItsRegionAndReleasesTheOldPool) {
   const auto reader = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
   const auto audio = As<IAudioReader>(reader);
   EXPECT_EQ(ReadBlock(reader.Get(), 0, 4).first, kInvalidHandle);

@@ -170,7 +170,7 @@ class Peaks : public ::testing::Test {
   std::mt19937 random_{11};
 };
 
-TEST_F(Peaks, OfABlockAreOneGroupMoreThanThereAreWholeOnes) {
+TEST_F(Peaks, OfABlockHaveOneGroupMoreThanItsWholeGroups) {
   for (const Floats& palette : kPalettes) {
     for (const std::size_t channels : {1U, 2U, 3U, 8U, 9U}) {
       for (const std::size_t frames : {0U, 1U, 255U, 256U, 257U, 1024U}) {
@@ -202,7 +202,7 @@ TEST_F(Peaks, OfABlockAreOneGroupMoreThanThereAreWholeOnes) {
   }
 }
 
-TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
+TEST_F(Peaks, OfGroupsAreReadOnceForTheSameOverview) {
   const Floats peaks = Draw(Noise(), 4 * 9'960);
   PeakGroups groups(2);
   groups.Settle(9'960);  // in the middle of a group
@@ -231,7 +231,7 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
   for (std::int64_t column = 0; column <= 50; ++column) ends.push_back(5 + column * 198);
   EXPECT_LE(draw(ends), 10'064U);
   EXPECT_EQ(draw(ends), 0U);
-  // Another plot reads at most a group for each column.
+  // Another overview reads at most a group for each column.
   for (std::int64_t& end : ends) end += 36;
   EXPECT_LE(draw(ends), 52U * 64U);
   for (int round = 0; round < 200; ++round) {
@@ -241,7 +241,7 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSamePicture) {
   }
 }
 
-TEST(StoredSamples, StoresBitsOverEightBytesAndReadsTheCommonWidthsBack) {
+TEST(StoredSamples, StoresAnEighthOfTheBitsAsBytesAndReadsTheCommonWidthsBack) {
   const float samples[] = {1.0F, -0.5F, 0.25F, -1.0F};
   StoredSamples stored;
   for (int bits = 8; bits <= 40; ++bits) {

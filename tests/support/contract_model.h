@@ -18,7 +18,7 @@ enum class Kind { kInteger, kReal, kText, kObject, kArray, kOut };
 struct Parameter {
   std::string name;
   Kind kind;
-  VARTYPE type;  // also of what an out-parameter points to: VT_UNKNOWN stands for every interface
+  VARTYPE type;  // or the type that an out-parameter points to; VT_UNKNOWN for every interface
   IID iid;
 };
 

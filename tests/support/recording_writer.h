@@ -22,7 +22,7 @@ class RecordingWriter final : public TestObject<IAudioWriter> {
   SHORT channels = 0;
   std::vector<std::size_t> block_sizes;
   std::vector<float> samples;
-  bool keep_samples = true;  // and block sizes
+  bool keep_samples = true;  // and keep block sizes
   std::atomic<std::size_t> blocks = 0;
   std::atomic<bool> closed = false;
 

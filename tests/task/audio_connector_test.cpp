@@ -276,7 +276,7 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   EXPECT_EQ(Read(100)[99], RampSource::Sample('A', 49, 1));
   EXPECT_EQ(Read(3)[2], RampSource::Sample('A', 51, 0));
   EXPECT_EQ(log, (CallLog{"A.ReadAudio(0, 131070)"}));
-  source->read_result = E_FAIL;  // a block that fails is silent
+  source->read_result = E_FAIL;  // a failing block is silent
   const Samples large = Read(200'000);
   EXPECT_EQ(log.back(), "A.ReadAudio(65535, 131070)");
   EXPECT_EQ(std::ranges::count(large, 0.0F), 200'000 - (131070 - 103));
@@ -298,7 +298,7 @@ TEST_F(AudioConnector, KeepsItsSetUpWhenANewOneFails) {
   EXPECT_EQ(Read(2)[1], RampSource::Sample('A', 0, 1));
 }
 
-TEST_F(AudioConnector, IsAPlainQueueBeforeASetUpAndAfterAPollHasFoundTheExportEnded) {
+TEST_F(AudioConnector, IsAPlainQueueBeforeSetUpAndAfterAPollFindsTheExportEnded) {
   EXPECT_EQ(writer_->WriteAudio(Floats(Samples{1, 2, 3})), S_OK);
   EXPECT_EQ(Read(2), (Samples{1, 2}));
   EXPECT_EQ(writer_->WriteAudio(Floats(0x800000 - 2)), S_OK);
@@ -336,7 +336,7 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // not ready is then above the limit
+      from->block_samples = 10'000;  // the level that makes it not ready then exceeds the limit
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());

@@ -53,7 +53,7 @@ TEST(PacedQueue, WakesEitherSideAsSoonAsItsWaitIsOver) {
   }
 }
 
-TEST(PacedQueue, EndsTheWaitsOfAReadAfterTheAllowedTimeoutsAndOfBothSidesWhenInterrupted) {
+TEST(PacedQueue, EndsAReadAfterItsTimeoutsAndBothWaitsWhenInterrupted) {
   PacedQueue queue({std::chrono::milliseconds(5), 10});
   const auto timeouts_of = [&](std::size_t wanted) {
     int timeouts = 0;
