@@ -1,5 +1,5 @@
 // The sums of a polyphase filter for each instruction level. Only polyphase_filter.cpp calls them.
-// Files compiled for AVX2 include this header, so it defines nothing inline.
+// Files compiled for AVX2 include this header, so it defines no inline functions.
 #pragma once
 
 #include <cstddef>

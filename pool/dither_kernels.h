@@ -1,5 +1,5 @@
 // Noise shaping of a block, for each level of vector instructions. Only dither.cpp calls it. A file
-// that is compiled for AVX2 includes this header, so it defines nothing inline.
+// that is compiled for AVX2 includes this header, so it defines no inline functions.
 #pragma once
 
 #include <cstddef>

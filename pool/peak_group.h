@@ -1,5 +1,5 @@
 // The AVX search for the peaks of a group. Only peak_builder.cpp calls it. Files compiled for AVX2
-// include this header, so it defines nothing inline.
+// include this header, so it defines no inline functions.
 #pragma once
 
 #include <cstddef>

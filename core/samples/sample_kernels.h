@@ -1,5 +1,5 @@
 // The sample converters for each instruction level. Only sample_converter and the tests call them.
-// Files compiled for AVX2 include this header, so it defines nothing inline.
+// Files compiled for AVX2 include this header, so it defines no inline functions.
 #pragma once
 
 #include <cstddef>

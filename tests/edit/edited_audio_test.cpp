@@ -32,7 +32,7 @@ class AskingSource final : public RampSource {
   }
 };
 
-// A host's object that contains a document and may hide its labels.
+// A host's object that aggregates a document and may hide its labels.
 class Wrapper final : public TestObject<IUnknown> {
  public:
   Wrapper() {

@@ -9,7 +9,7 @@
 //   ask    calls what a user interface polls
 //   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits
 //          for the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
-//   break  ends a use whose ENDING is watch while the device is there
+//   break  while the device is there, ends a use whose ENDING is watch
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.
 #include <algorithm>
