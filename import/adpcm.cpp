@@ -45,7 +45,7 @@ int Nibble(std::byte byte, bool high) noexcept {
   return std::to_integer<int>(high ? byte >> 4 : byte & std::byte{15});
 }
 
-// Each channel has groups of four bytes, which alternate with those of the other channels.
+// The channels take turns, four bytes (eight codes) each.
 void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {
@@ -69,7 +69,7 @@ void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> sample
   }
 }
 
-// The codes of all channels alternate. A block with an unknown predictor is silent.
+// The channels take turns code by code. A block with an unknown predictor is silent.
 void DecodeMs(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {

@@ -1,5 +1,5 @@
-// The two ADPCM codings of wave files: blocks that begin with full samples and keep each further
-// one in four bits.
+// Decodes the two ADPCM codings of wave files. A block begins with whole samples; every other
+// sample takes four bits.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,11 @@
 
 namespace marlinda {
 
-// Frames that a block of so many bytes holds. 0 when it is too short for its header.
+// Returns the frames in a block of `bytes` bytes, or 0 if it is too short for its header.
 std::size_t AdpcmFrames(Coding coding, std::size_t channels, std::size_t bytes) noexcept;
 
-// Decodes the first frames of a block, as many as `samples` takes, interleaved. The block holds as
-// many.
+// Decodes the first frames of a block into `samples`, interleaved, until `samples` is full. The
+// block must hold that many frames.
 void DecodeAdpcm(Coding coding, std::size_t channels, std::span<const std::byte> block,
                  std::span<std::int16_t> samples) noexcept;
 

@@ -16,8 +16,8 @@ constexpr std::size_t kAuHeaderBytes = 24;
 
 using Bytes = std::span<const std::byte>;
 
-// The rate of an AIFF file is an 80-bit float: sign and exponent, then all bits of the fraction.
-// 0 when it is no rate that can be.
+// Converts the rate of an AIFF file, an 80-bit float: sign and exponent, then all bits of the
+// fraction. Returns 0 for an impossible rate.
 std::int32_t RateFrom80Bits(Bytes bytes) {
   const auto exponent = static_cast<int>(ReadBig<2>(bytes, 0));
   const auto fraction = static_cast<double>(ReadBig<8>(bytes, 2));
@@ -30,7 +30,7 @@ bool IsPossible(const PcmFormat& format) {
   return format.channels > 0 && format.samples_per_sec > 0 && format.FrameBytes() <= kMaxFrameBytes;
 }
 
-// Keeps of the frames only the whole ones that lie within `promised` bytes and within the file.
+// Limits the frames to whole ones within `promised` bytes and within the file.
 PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
   const std::uint64_t there = file.size() - std::min(pcm.offset, file.size());
   const std::uint64_t whole = std::min(promised, there) / pcm.FrameBytes();
@@ -64,7 +64,7 @@ constexpr Encoding kEncodings[] = {
 
 struct AiffChunks {
   std::vector<std::byte> common;
-  std::uint64_t sound_offset = 0;  // 0 where there is no sound
+  std::uint64_t sound_offset = 0;  // 0 without sound
   std::uint64_t sound_bytes = 0;
 };
 
@@ -79,7 +79,7 @@ AiffChunks FindChunks(ByteSource& file) {
     if (IdAt(header, 0) == "COMM" && found.common.empty()) {
       found.common = file.ReadUpTo(position, std::min<std::uint64_t>(size, 22));
     } else if (IdAt(header, 0) == "SSND" && found.sound_offset == 0) {
-      // The samples begin behind an offset, which is for alignment and nearly always 0.
+      // The chunk's offset field aligns the samples and is nearly always 0.
       const std::vector<std::byte> sound = file.ReadUpTo(position, 8);
       if (sound.size() == 8 && size >= 8) {
         const std::uint64_t skipped = 8 + std::min<std::uint64_t>(BigU32(sound, 0), size - 8);
@@ -129,7 +129,7 @@ std::optional<SoundFileInfo> ReadAiff(ByteSource& file) {
                             static_cast<std::int16_t>(ReadBig<2>(common, 0)),
                             static_cast<std::int16_t>((bits + 7) / 8 * 8), encoding->is_float};
   const bool known_width = bits > 0 && (bits <= 32 || encoding->is_float);
-  // A file without samples may leave out their chunk.
+  // A file without samples may lack the sound chunk.
   info.refused = !known_width || !IsPossible(format) || (chunks.sound_offset == 0 && frames > 0);
   if (info.refused) return info;
   info.pcm = CutToFile(file,

@@ -1,5 +1,5 @@
-// The headers of AIFF, AIFF-C and AU files: where their samples are and how many. Input is hostile
-// until proven otherwise.
+// Reads the headers of AIFF, AIFF-C and AU files: where the samples are and how many. Input is
+// untrusted.
 #pragma once
 
 #include "import/byte_source.h"
@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// Each is nothing when the file is of another kind. Compressed samples are refused: the filters of
-// the system crash on those of AIFF-C files and take the header of an AU file for sound.
+// Both return nothing if the file is of another kind. Compressed samples are refused: the system's
+// filters crash on those of AIFF-C files and play the header of an AU file as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

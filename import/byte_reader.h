@@ -1,4 +1,4 @@
-// Numbers out of the bytes of a file, whatever the machine's own byte order is.
+// Reads numbers from the bytes of a file, independent of the machine's byte order.
 #pragma once
 
 #include <bit>
@@ -9,12 +9,12 @@
 
 namespace marlinda {
 
-// More chunks than any file has that was not made to keep a reader busy.
+// Stop after this many chunks, so that a crafted file cannot keep a reader busy.
 inline constexpr int kMaxChunks = 65536;
-// A size that stands elsewhere or nowhere, as in a file that was written to a pipe.
+// Marks a size that is stored elsewhere or unknown, as in a file that was written to a pipe.
 inline constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
-// Each reads at `offset`; the caller has checked that the bytes are there.
+// The caller must have checked that the bytes at `offset` exist.
 template <int kBytes>
 constexpr std::uint64_t ReadLittle(std::span<const std::byte> bytes, std::size_t offset) noexcept {
   std::uint64_t value = 0;
@@ -50,7 +50,6 @@ inline double LittleF64(std::span<const std::byte> bytes, std::size_t offset) no
   return std::bit_cast<double>(ReadLittle<8>(bytes, offset));
 }
 
-// The bytes as the characters that they are.
 inline std::string_view AsText(std::span<const std::byte> bytes) noexcept {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }

@@ -1,4 +1,4 @@
-// Where the readers of files get their bytes from.
+// ByteSource: random access to the bytes of a file.
 #pragma once
 
 #include <algorithm>
@@ -14,11 +14,11 @@ class ByteSource {
   virtual ~ByteSource() = default;
 
   virtual std::uint64_t size() const = 0;
-  // Fills `out` from `offset` on and returns how many bytes there were: fewer at the end of the
-  // file and after an error.
+  // Fills `out` from `offset` on and returns the number of bytes read: fewer at the end of the file
+  // and after an error.
   virtual std::size_t Read(std::uint64_t offset, std::span<std::byte> out) = 0;
 
-  // At most `count` bytes from `offset` on, and no more memory than the file has bytes.
+  // Returns at most `count` bytes from `offset` on. Never allocates more than the file's size.
   std::vector<std::byte> ReadUpTo(std::uint64_t offset, std::uint64_t count) {
     const std::uint64_t there = size() - std::min(offset, size());
     std::vector<std::byte> bytes(static_cast<std::size_t>(std::min(count, there)));

@@ -74,7 +74,8 @@ void CodecMemory::Free(void* contents) noexcept {
 
 }  // namespace marlinda
 
-// The names that scripts/build-dependencies gives the library for malloc, calloc, realloc and free.
+// scripts/build-dependencies makes the library call these instead of malloc, calloc, realloc and
+// free.
 extern "C" {
 
 void* marlinda_codec_malloc(std::size_t size) {

@@ -1,5 +1,5 @@
-// CDShowImport: imports WAV, AIFF, AU and MP3 files, and Windows Media, AVI and MPEG files with the
-// DirectShow filters of the system, as a task, into an audio writer.
+// CDShowImport: imports a file into an audio writer, as a task. Decodes WAV, AIFF, AU and MP3
+// itself, and Windows Media, AVI and MPEG with the system's DirectShow filters.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -22,12 +22,11 @@
 
 namespace marlinda {
 
-// A file on disk, open for reading. Others may read and write it meanwhile.
+// A file on disk, open for reading. Other programs may read and write it meanwhile.
 class FileSource final : public ByteSource {
  public:
-  // False when the file cannot be opened or the name is that of a device; to be called once.
+  // Returns false if the file cannot be opened or is not on disk. Call it once.
   bool Open(const std::wstring& name) noexcept {
-    // Another program may have it open for writing.
     file_.Reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     LARGE_INTEGER size = {};
@@ -65,17 +64,17 @@ struct DShowSource {
   std::wstring file_name;
   FileSource file;
   SoundFileInfo info;
-  std::unique_ptr<MpegStream> mpeg;  // of MPEG audio; reads `file`
+  std::unique_ptr<MpegStream> mpeg;  // for MPEG audio; reads `file`
   PcmFormat format;                  // of the decoded samples
   std::int64_t total = 0;
-  std::int64_t first = 0;  // of the frames that are wanted
+  std::int64_t first = 0;  // first frame to import
 };
 
 using DShowImportJob = ImportJob<DShowSource>;
 
 namespace {
 
-// S_FALSE when the file cannot be opened, E_FAIL when it cannot be imported.
+// Returns S_FALSE if the file cannot be opened, E_FAIL if it cannot be imported.
 HRESULT OpenSource(const wchar_t* file_name, DShowSource& source) {
   source.file_name = file_name != nullptr ? file_name : L"";
   if (!source.file.Open(source.file_name)) return S_FALSE;
@@ -109,13 +108,13 @@ LONG AverageBytesPerSec(const DShowSource& source) {
   return static_cast<LONG>(std::min<double>(rate * frame_bytes, std::numeric_limits<LONG>::max()));
 }
 
-// Frames of a block of moderate size; at least one.
+// At least 1.
 std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
 }
 
-// The length was an estimate. After the end it is exact, and after an error out of reach, so that
-// the progress stays below 1.
+// Replaces the estimated length: by the position after a complete run, or, if needed, by more than
+// the position after an error, so that progress stays below 1.
 void NoteEnd(bool ended_well, DShowImportJob& job) {
   const __int64 position = job.position;
   if (ended_well && position > 0) {
@@ -138,7 +137,7 @@ void WriteSamplesOf(FileSource& file, const PcmData& pcm, std::int64_t first, DS
     block.Resize(frames * channels);
     const std::size_t samples =
         ReadSamples(file, pcm, first + job.position, block.samples(), scratch);
-    // An error of the disk.
+    // A read error.
     if (samples == 0) return;
     block.Resize(samples);
     target->WriteAudio(block.get());
@@ -162,7 +161,7 @@ void WriteSamplesOf(MpegStream& stream, DShowImportJob& job, IAudioWriter* targe
   NoteEnd(stream.has_ended_well(), job);
 }
 
-// Writes one buffer of the graph, in blocks of moderate size.
+// Writes one buffer of the graph in blocks of at most FramesPerBlock frames.
 void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImportJob& job,
                  IAudioWriter* target) {
   const std::size_t frame_bytes = job.format.FrameBytes();
@@ -178,7 +177,7 @@ void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImpo
 
 void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWriter* target) {
   const auto stream = DShowStream::Open(file_name);
-  // Other filters may have been installed since the format was announced.
+  // Filters may have been installed since Initialize, and may deliver another format.
   if (stream == nullptr || stream->format() != job.format) return NoteEnd(false, job);
   SampleArray block(kImportBlockSamples);
   std::vector<std::byte> bytes;
@@ -193,11 +192,11 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 // One Initialize serves one run, as with the other import filters.
 //
 // WAV, AIFF, AU and MPEG audio files are read without the system's filters, except WAV files with a
-// rare compression. These, Windows Media, AVI and MPEG program streams go through a filter graph.
-// Files of all other kinds are refused.
+// rare compression. Those, Windows Media, AVI and MPEG program streams use a filter graph. All
+// other files are refused.
 //
-// Metadata, labels, section markers and loop data are those of the file named last, by Initialize
-// or by SetFilename. They can be read, not edited.
+// Metadata, labels, section markers and loop data belong to the file most recently named by
+// Initialize or SetFilename. They are read-only.
 class CDShowImport final
     : public AnnotationSupport<
           CDShowImport,
@@ -214,16 +213,16 @@ class CDShowImport final
       "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv";
   static constexpr bool kReadsNotes = true;
 
-  // IImportFilter. A file that cannot be opened is S_FALSE; E_FAIL is one that nothing can decode,
-  // that has no sound or whose header contradicts itself.
+  // IImportFilter. Returns S_FALSE if the file cannot be opened; E_FAIL if nothing can decode it,
+  // it has no sound or its header contradicts itself.
   STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override {
     return ComCall([&] {
       DShowSource source;
       return OpenSource(bstrFileName, source);
     });
   }
-  // E_FAIL where QueryCanLoad is not S_OK, and while a run is active; the object then stays as it
-  // was.
+  // Fails with E_FAIL while a run is active, or if QueryCanLoad does not return S_OK. The object is
+  // then unchanged.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
     if (worker_.IsRunning()) return E_FAIL;
     return ComCall([&] {
@@ -244,8 +243,8 @@ class CDShowImport final
     });
   }
 
-  // IMetaDataReader
-  // E_FAIL where QueryCanLoad is not S_OK; everything then stays as it was.
+  // IMetaDataReader. Fails with E_FAIL unless QueryCanLoad returns S_OK; the object is then
+  // unchanged.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override {
     return ComCall([&] {
       DShowSource source;
@@ -259,7 +258,7 @@ class CDShowImport final
   STDMETHODIMP QueryAcidDataAvailable(VARIANT_BOOL* pbDataAvailable) override {
     return HandOut(pbDataAvailable, info_.acid.has_value());
   }
-  // E_FAIL when there is none.
+  // Fails with E_FAIL if the file has no loop data.
   STDMETHODIMP GetAcidData(SHORT* pnRootNote, SHORT* pnMeterBeats, SHORT* pnMeterDelimiter,
                            LONG* pnBeatCount, float* pfTempo) override {
     const AcidData acid = info_.acid.value_or(AcidData());
@@ -284,7 +283,8 @@ class CDShowImport final
       WriteDecoded(source.file_name, job, target);
     }
   }
-  // MPEG audio depends on all frames before, and the length that a filter reports is an estimate.
+  // Only files that are read directly support sections. An MPEG audio frame depends on earlier
+  // frames, and a system filter only estimates the length.
   static __int64 SectionFrames(const DShowImportJob& job) {
     return job.source->info.pcm ? job.source->total : 0;
   }

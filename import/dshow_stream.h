@@ -1,5 +1,5 @@
-// The sound of a file as a run of uncompressed blocks, decoded by the DirectShow filters of the
-// system.
+// DShowStream: the sound of a file as uncompressed blocks, decoded by the system's DirectShow
+// filters.
 #pragma once
 
 #include <windows.h>
@@ -27,26 +27,25 @@
 
 namespace marlinda {
 
-// The last filter of a graph: takes uncompressed audio of any format through one input pin and
-// hands it to the thread that decodes the file.
+// The last filter of a graph. It accepts uncompressed audio of any format on one input pin and
+// passes it to the thread that reads the stream.
 //
-// The graph's own threads deliver into the pin, one other thread takes blocks out. A delivery waits
-// until its block has been taken, so the graph decodes no faster than it is read, and never by the
-// clock.
+// The graph's threads deliver into the pin; one other thread takes the blocks. A delivery waits
+// until the block before it has been taken, so the graph decodes as fast as it is read, independent
+// of any clock.
 class AudioSink final : public GraphFilter {
  public:
   static ComPtr<AudioSink> Make() { return new AudioSink; }
 
   IPin* pin() noexcept { return pins().front().get(); }
 
-  // The format of the latest connection.
   std::optional<PcmFormat> format() const {
     const std::lock_guard lock(mutex_);
     return format_;
   }
 
   enum class Outcome { kBlock, kEnded, kNothingYet };
-  // Waits at most `milliseconds` for the next block of whole frames and puts it into `block`.
+  // Waits at most `milliseconds` for the next block of whole frames and stores it in `block`.
   AudioSink::Outcome Take(std::vector<std::byte>& block, DWORD milliseconds) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
@@ -60,24 +59,24 @@ class AudioSink final : public GraphFilter {
     return ended_ ? Outcome::kEnded : Outcome::kNothingYet;
   }
 
-  // From now on deliveries are refused and none waits, so that the graph can be stopped.
+  // Refuses all further deliveries and wakes a waiting one, so that the graph can stop.
   void Abandon() {
     const std::lock_guard lock(mutex_);
     abandoned_ = true;
     changed_.notify_all();
   }
 
-  // Ends the wait of a delivery, too.
+  // Also wakes a waiting delivery.
   STDMETHODIMP Stop() override {
     const HRESULT hr = GraphFilter::Stop();
-    // Under the lock, so that no delivery looks before it and waits after it.
+    // Under the lock: otherwise a delivery could check the state before the stop and wait after it.
     const std::lock_guard lock(mutex_);
     changed_.notify_all();
     return hr;
   }
 
  private:
-  // Takes every uncompressed format, one for as long as it is connected.
+  // Accepts any uncompressed format, but no change of format while connected.
   class Pin final : public InputPin {
    public:
     Pin(GraphFilter& filter, AudioSink& sink)
@@ -113,8 +112,7 @@ class AudioSink final : public GraphFilter {
         AM_MEDIA_TYPE* announced = nullptr;
         if (sample->GetMediaType(&announced) == S_OK && announced != nullptr) {
           const MediaType owner(announced);
-          // The format was announced and stays true of all that is delivered: another one is the
-          // end.
+          // The host knows the announced format only. A sample of another format ends the stream.
           if (ParseWaveFormat(AudioType(*announced).bytes()) != sink_.format()) {
             sink_.End();
             return S_FALSE;
@@ -163,16 +161,16 @@ class AudioSink final : public GraphFilter {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  // All below is guarded by the mutex.
+  // Guarded by mutex_:
   std::optional<PcmFormat> format_;
-  std::vector<std::byte> block_;  // delivered and not yet taken
+  std::vector<std::byte> block_;  // pending delivery
   bool has_block_ = false;
   bool flushing_ = false;
   bool ended_ = false;
   bool abandoned_ = false;
 };
 
-// A source that splits the file itself has several outputs, and not all need be sound.
+// A source filter that splits the file itself has several outputs; some carry no sound.
 inline bool ConnectAnyOutput(const FilterGraph& graph, IBaseFilter* source, IPin* sink) {
   bool connected = false;
   ForEachPin(source, PINDIR_OUTPUT,
@@ -204,16 +202,16 @@ inline KernelHandle MakeEvent(bool manual_reset) {
   return event;
 }
 
-// Belongs to one thread. The graph is built, run and released on a thread of the stream's own,
-// because it must not live in the apartment of a host, and because some decoders wait for ever for
-// the missing part of a damaged file. A decoder that does not answer for fifteen seconds is given
-// up: its thread is left behind and keeps the module loaded.
+// Use it on one thread. The graph is built, run and released on a worker thread: it must not live
+// in the host's apartment, and some decoders wait forever for the missing part of a damaged file. A
+// graph that stalls for fifteen seconds is given up: its thread is detached and keeps the module
+// loaded.
 //
-// A decoder without a threading model of its own is made on the host's first thread. Therefore
-// Open and the destructor serve the calls that come to the apartment of the thread that waits.
+// A decoder without a threading model is created on the host's first thread. Therefore Open and the
+// destructor serve incoming COM calls while they wait.
 class DShowStream {
  public:
-  // Null when no filter can decode the file, or it has no sound.
+  // Returns null if no filter can decode the file, or it has no sound.
   static std::unique_ptr<DShowStream> Open(const std::wstring& file_name) {
     std::unique_ptr<DShowStream> stream(new DShowStream);
     const auto job = std::make_shared<Job>(file_name);
@@ -229,14 +227,14 @@ class DShowStream {
     if (!job->format) return nullptr;
     stream->format_ = *job->format;
     const double frames = job->seconds * stream->format_.samples_per_sec;
-    // An absurd length counts as unknown.
+    // Treat an absurd length as unknown.
     if (frames > 0 && frames < 1e15) stream->total_frames_ = std::llround(frames);
     return stream;
   }
 
   ~DShowStream() {
     if (job_ == nullptr) return;
-    // A delivery that waits would keep the graph from stopping.
+    // A waiting delivery would keep the graph from stopping.
     job_->sink->Abandon();
     job_->stop = true;
     SetEvent(job_->ordered.get());
@@ -246,15 +244,15 @@ class DShowStream {
 
   const PcmFormat& format() const noexcept { return format_; }
 
-  // Frames by the duration that the filters report; 0 where they report none. Compressed files may
+  // Frames by the duration that the filters report, or 0 if they report none. A compressed file may
   // hold more or fewer.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
-  // Puts the next whole frames into `block`. False at the end, which comes early after an error in
-  // the graph, when it has delivered nothing for fifteen seconds, and once `cancelled` is set.
+  // Stores the next whole frames in `block`. Returns false at the end: after an error in the graph,
+  // if it stalls for fifteen seconds and once `cancelled` is set, the end comes early.
   bool Read(std::vector<std::byte>& block, const std::atomic<bool>& cancelled) {
     if (!job_->run.exchange(true)) SetEvent(job_->ordered.get());
-    // Counted in waits, so that a process that was suspended has not lost its patience.
+    // Counts waits, so that a suspended process is not mistaken for a stall.
     for (DWORD waited = 0; !ended_ && !cancelled; waited += kPollMilliseconds) {
       switch (job_->sink->Take(block, kPollMilliseconds)) {
         case AudioSink::Outcome::kBlock:
@@ -270,14 +268,14 @@ class DShowStream {
     return false;
   }
 
-  // Everything has been read, to the end that the filters announced.
+  // True once everything up to the end of the stream has been read.
   bool has_ended_well() const noexcept { return ended_well_; }
 
  private:
   static constexpr DWORD kPatienceMilliseconds = 15000;
   static constexpr DWORD kPollMilliseconds = 100;
 
-  // What a stream shares with the thread of its graph.
+  // State shared with the graph's thread.
   struct Job {
     explicit Job(std::wstring name) : file_name(std::move(name)) {}
     void Serve() {
@@ -299,13 +297,13 @@ class DShowStream {
     const std::wstring file_name;
     const ComPtr<AudioSink> sink = AudioSink::Make();
 
-    // The graph's thread has set the two values below it, or ended.
+    // Signalled once `format` and `seconds` are set or the graph's thread has ended.
     const KernelHandle built = MakeEvent(true);
     std::optional<PcmFormat> format;
     double seconds = 0;
     std::atomic<bool> failed{false};
 
-    // Orders to the graph's thread, with an event for each change.
+    // Orders to the graph's thread. `ordered` is signalled after each change.
     const KernelHandle ordered = MakeEvent(false);
     std::atomic<bool> run{false};
     std::atomic<bool> stop{false};

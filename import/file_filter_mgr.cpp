@@ -1,4 +1,4 @@
-// CFileFilterMgr: chooses the import filter for a file and describes all of them to an "open"
+// CFileFilterMgr: chooses the import filter for a file and describes all filters for an "open"
 // dialog.
 #include <marlinda.h>
 
@@ -17,7 +17,7 @@ namespace {
 // A filter needs a higher merit to be chosen.
 constexpr SHORT kNoMerit = -1;
 
-// The class identifiers in the list, as text. A list that cannot be opened is an empty one.
+// Returns the class identifiers in the registry's list as text; none if the key cannot be opened.
 std::vector<std::string> ListedClasses() {
   std::vector<std::string> names;
   std::vector<std::string> class_ids;
@@ -27,7 +27,8 @@ std::vector<std::string> ListedClasses() {
   return class_ids;
 }
 
-// Null when the text is no class identifier or the class cannot be created as an import filter.
+// Returns null if the text is not a class identifier or the class cannot be created as an import
+// filter.
 ComPtr<IImportFilter> CreateFilter(const std::string& class_id) {
   CLSID clsid = CLSID_NULL;
   ComPtr<IImportFilter> filter;
@@ -45,15 +46,14 @@ SHORT MeritOf(IImportFilter* filter) {
 
 }  // namespace
 
-// Which filters exist is listed in the registry alone, so that filters of other modules take part;
-// the filters of this module count only when they are listed too. Every call reads the list afresh.
-// An entry that is no class identifier or whose class cannot be created is passed over.
+// Only the registry's list counts, so that filters of other modules can join; this module's filters
+// must be listed, too. Every call reads the list again. Invalid entries and classes that cannot be
+// created are skipped.
 class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CFileFilterMgr;
 
-  // IFileFilterMgr
-  // Also S_OK, with a null filter, when no listed filter accepts the file.
+  // IFileFilterMgr. Returns S_OK with a null filter if no listed filter accepts the file.
   STDMETHODIMP CreateImportFilter(BSTR bstrPathName, IImportFilter** ppImportFilter) override {
     if (ppImportFilter == nullptr) return E_POINTER;
     *ppImportFilter = nullptr;
@@ -63,8 +63,8 @@ class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
       for (const std::string& class_id : ListedClasses()) {
         ComPtr<IImportFilter> filter = CreateFilter(class_id);
         if (filter == nullptr) continue;
-        // Only S_OK accepts the file; S_FALSE refuses it. The merit is asked either way. Among
-        // equals the first in the list wins.
+        // Only S_OK accepts the file; S_FALSE refuses it. Among equal merits the first in the list
+        // wins.
         const bool accepts = filter->QueryCanLoad(bstrPathName) == S_OK;
         const SHORT merit = MeritOf(filter.Get());
         if (!accepts || merit <= best_merit) continue;

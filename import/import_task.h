@@ -1,5 +1,5 @@
-// ImportTask: what the import filters share beyond FilterTask: the format of the source, its tags,
-// and the run from source to writer.
+// ImportTask: extends FilterTask by the parts common to import filters: source format, tags, and
+// the run from source to writer.
 #pragma once
 
 #include "core/com_ptr.h"
@@ -10,7 +10,7 @@
 
 namespace marlinda {
 
-// Samples of one block, over all channels.
+// Samples in a block, over all channels.
 inline constexpr std::size_t kImportBlockSamples = 16384;
 
 // `Source` is an open file with its decoder.
@@ -19,14 +19,16 @@ struct ImportJob : TaskJob {
   PcmFormat format;  // of the decoded samples
   LONG average_bytes_per_sec = 0;
   bool started = false;
-  // The filter's until the worker starts, then the worker's.
+  // Owned by the filter until the worker starts, then by the worker.
   std::shared_ptr<Source> source;
   ComPtr<IAudioWriter> writer;
 };
 
-// `Class` has a static WriteBlocks(Job&, Source&, IAudioWriter*), which runs on the worker, and
-// static SectionFrames(const Job&), the exact length of a file of which any part can be imported or
-// 0, and Select(Job&, first, count), which readies the source for a part.
+// `Class` provides three static functions:
+// - WriteBlocks(Job&, Source&, IAudioWriter*) runs on the worker.
+// - SectionFrames(const Job&) returns the exact length if any part of the file can be imported,
+//   otherwise 0.
+// - Select(Job&, first, count) prepares the source for a part.
 template <class Class, class Job, class... Interfaces>
 class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> {
  public:
@@ -48,7 +50,7 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
     return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
 
-  // ICoreTask. E_FAIL without a file and a writer, and after the first start.
+  // ICoreTask. Fails with E_FAIL without a file or a writer, and after the first start.
   STDMETHODIMP Start() override {
     if (job_ == nullptr || job_->started || !job_->source || !job_->writer) return E_FAIL;
     const HRESULT hr = worker_.Start([job = job_] { Run(*job); });
@@ -88,27 +90,26 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
  private:
   PcmFormat Format() const { return job_ != nullptr ? job_->format : PcmFormat(); }
 
-  // 0 where there is nothing to start, too.
+  // Also 0 if there is nothing to start.
   __int64 SectionFrames() const {
     return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;
   }
 
-  // Ignores the results of the writer: a writer that fails misses samples, and its owner can ask
-  // it.
+  // Ignores the writer's results: a failing writer loses samples, and its owner can query it.
   static void Run(Job& job) {
-    // Released with the run: a finished task holds no file open, and no writer that may hold this
-    // filter in turn.
+    // Released when the run ends, so that a finished task keeps no file open and no reference to a
+    // writer that may refer to this filter.
     const auto source = std::move(job.source);
     const auto target = std::move(job.writer);
     target->SetFormat(job.format.samples_per_sec, job.format.channels);
     target->OpenDevice();
-    // An exception must not leave the device open.
+    // ComCall, because an exception must not leave the device open.
     ComCall([&] { Class::WriteBlocks(job, *source, target.Get()); });
     target->CloseDevice();
   }
 };
 
-// The same texts in the system's code page.
+// Converts the texts to the system's code page.
 inline Tags ToAnsi(const Tags& utf8) {
   return {Utf8ToAnsi(utf8.title), Utf8ToAnsi(utf8.artist), Utf8ToAnsi(utf8.album),
           Utf8ToAnsi(utf8.year), Utf8ToAnsi(utf8.genre)};

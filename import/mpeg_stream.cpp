@@ -12,7 +12,7 @@
 
 namespace marlinda {
 
-// The functions with which the decoder reads the range. It asks for few bytes at a time.
+// The decoder's callbacks for reading the range. Buffered, because it reads a few bytes at a time.
 struct MpegStream::Reader {
   static mpg123_ssize_t Read(void* stream, void* out, std::size_t bytes) noexcept {
     auto& self = *static_cast<MpegStream*>(stream);
@@ -77,16 +77,18 @@ bool MpegStream::FindFrames() {
   if (!IsLikely()) return false;
   samples_per_sec_ = rate;
   channels_ = static_cast<std::int16_t>(channels);
-  // From here on no other format comes out, and no damage is too long to look behind it.
+  // From here on, every frame is converted to this format, and the search behind damage has no
+  // limit.
   mpg123_format_none(handle);
   mpg123_param(handle, MPG123_RESYNC_LIMIT, -1, 0);
   return mpg123_format(handle, rate, channels, MPG123_ENC_SIGNED_16) == MPG123_OK &&
          mpg123_seek(handle, 0, SEEK_SET) == 0;
 }
 
-// Bytes that look like a frame are found in any large file. A stream that begins with one or with a
-// tag has a second one, damaged or not, and any other stream four without a gap. Tables in programs
-// look like those of layer 1, which nobody uses.
+// Any large file contains bytes that look like a frame. A stream that begins with a frame or a tag
+// must have a second frame, damaged or not; any other stream must have four without a gap. Tables
+// in programs look like layer 1 frames, which are not used in practice, so such a stream must begin
+// with one.
 bool MpegStream::IsLikely() {
   constexpr std::string_view kTag = "ID3";
   mpg123_handle* const handle = handle_.get();

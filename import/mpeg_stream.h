@@ -1,5 +1,5 @@
-// MpegStream: the sound of an MPEG audio file (layers 1 to 3) as 16-bit samples, decoded by
-// libmpg123. Input is hostile until proven otherwise.
+// MpegStream: an MPEG audio file (layers 1 to 3) as 16-bit samples, decoded by libmpg123. Input is
+// untrusted.
 #pragma once
 
 #include <cstddef>
@@ -15,12 +15,12 @@ struct mpg123_handle_struct;
 
 namespace marlinda {
 
-// The delay and the padding of the encoder are left out where the file names them. Damaged frames
-// are silent, bytes between frames are passed over, and frames of another format are converted to
-// that of the first.
+// Omits the encoder's delay and padding if the file gives them. Damaged frames become silence,
+// bytes between frames are skipped, and frames of another format are converted to the first
+// frame's.
 class MpegStream {
  public:
-  // Null where there are no frames. `file` outlives the stream.
+  // Returns null if there are no frames. `file` must outlive the stream.
   static std::unique_ptr<MpegStream> Open(ByteSource& file, const ByteRange& range);
 
   ~MpegStream();
@@ -28,14 +28,14 @@ class MpegStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Looks at the header of every frame. To be called before the first Read.
+  // Counts by the header of every frame. Call it before the first Read.
   std::int64_t CountFrames();
 
-  // Fills `samples`, which takes whole frames, and returns the number of samples: fewer at the end
-  // of the stream.
+  // Fills `samples`, whose size is a whole number of frames, and returns the number of samples:
+  // fewer at the end of the stream.
   std::size_t Read(std::span<std::int16_t> samples);
 
-  // Everything has been read, to the end of the range.
+  // True once everything up to the end of the range has been read.
   bool has_ended_well() const noexcept { return ended_well_; }
 
  private:
@@ -51,9 +51,9 @@ class MpegStream {
 
   ByteSource& file_;
   const ByteRange range_;
-  std::uint64_t position_ = 0;  // in the range, of the next byte for the decoder
-  std::vector<std::byte>
-      buffer_;  // its first `buffered_` bytes lie at `buffer_begin_` in the range
+  std::uint64_t position_ = 0;  // of the decoder's next byte, in the range
+  // The first `buffered_` bytes are those at `buffer_begin_` in the range.
+  std::vector<std::byte> buffer_;
   std::uint64_t buffer_begin_ = 0;
   std::size_t buffered_ = 0;
   std::unique_ptr<mpg123_handle_struct, Close> handle_;

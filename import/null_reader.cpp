@@ -9,9 +9,8 @@
 
 namespace marlinda {
 
-// The position of a read is ignored: the sample count is information for the client, not a bound. A
-// read before the start or past the end succeeds with silence. Before Create all
-// three values are 0.
+// Ignores the position of a read: reads before the start or past the end succeed with silence. The
+// sample count is only information for the client. All three values are 0 before Create.
 class CNullReader final : public Object<CNullReader, INullReader, IAudioReader, IPeakReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CNullReader;

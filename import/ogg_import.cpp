@@ -1,4 +1,4 @@
-// COggImport: imports an Ogg Vorbis file, as a task, into an audio writer.
+// COggImport: imports an Ogg Vorbis file into an audio writer, as a task.
 #include <array>
 #include <cstdint>
 #include <utility>
@@ -12,13 +12,12 @@
 namespace marlinda {
 namespace {
 
-// All decoding goes through 16-bit samples.
 constexpr SHORT kBitsPerSample = 16;
 
-// Longer comments are no titles but pictures.
+// Longer comments are pictures.
 constexpr std::size_t kMaxCommentBytes = std::size_t{1} << 20;
 
-// Null when the file cannot be opened.
+// Returns null if the file cannot be opened.
 FilePointer OpenForReading(const std::string& name) noexcept {
   std::FILE* file = nullptr;
   return FilePointer(fopen_s(&file, name.c_str(), "rb") == 0 ? file : nullptr);
@@ -38,10 +37,10 @@ struct OggImportJob : ImportJob<VorbisStream> {
   __int64 readable = 0;  // frames before the first change of format
 };
 
-// One Initialize serves one run: it opens the file, Start decodes it to its end and closes it. A
-// new Initialize readies the same object for another file.
+// One Initialize serves one run: it opens the file; Start decodes it to its end and closes it.
+// Initialize again to import another file.
 //
-// Progress stays below 1 when a damaged file, a change of format or a lack of memory ends the run.
+// Progress stays below 1 if a damaged file, a change of format or a lack of memory ends the run.
 class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilter, IExFormatInfo,
                                            ICoreTask, IMetaDataReader> {
  public:
@@ -60,9 +59,9 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       return VorbisStream::Open(std::move(file)) != nullptr ? S_OK : E_FAIL;
     });
   }
-  // E_FAIL when the file cannot be opened or is no Ogg Vorbis file, E_OUTOFMEMORY when its decoder
-  // takes too much memory; writer and name stay set then, but there is nothing to start. E_FAIL,
-  // and no change, while a run is active.
+  // Fails with E_FAIL if the file cannot be opened or is no Ogg Vorbis file, and with E_OUTOFMEMORY
+  // if its decoder needs too much memory; writer and name are then set, but Start fails. Fails with
+  // E_FAIL, and changes nothing, while a run is active.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
     if (worker_.IsRunning()) return E_FAIL;
     return ComCall([&] {
@@ -72,7 +71,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
       if (stream == nullptr) return E_FAIL;
       Tags tags = ReadTags(*stream);
-      // Takes the decoder's memory now.
+      // Allocates the decoder's memory now, so that Initialize reports a lack of it.
       stream->Prepare();
       tags_ = std::move(tags);
       job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};
@@ -83,15 +82,14 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       return S_OK;
     });
   }
-  // Of a chain that changes its format, the frames before the change. The progress counts the whole
-  // chain and so shows that a part is left out.
+  // In a chain that changes its format, counts the frames before the change. Progress counts the
+  // whole chain and so shows that a part is left out.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
   }
 
-  // IMetaDataReader
-  // Reads the metadata of a file that is not to be imported. E_FAIL when it cannot be opened or is
-  // no Ogg Vorbis file; the metadata then stays as it was.
+  // IMetaDataReader. Reads the metadata of a file without importing it. Fails with E_FAIL if the
+  // file cannot be opened or is no Ogg Vorbis file; the metadata is then unchanged.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override {
     return ComCall([&] {
       const auto stream = VorbisStream::Open(OpenForReading(ToAnsi(bstrFileName)));
@@ -113,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // A chain that changes its format is imported whole, so that the part left out shows.
+  // A chain that changes its format is imported whole, so that progress shows the part left out.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

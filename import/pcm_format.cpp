@@ -14,7 +14,7 @@ constexpr std::size_t kPlainBytes = 16;
 constexpr std::size_t kExtensibleBytes = 40;
 constexpr std::size_t kSubFormatOffset = 24;
 constexpr unsigned kTagExtensible = 0xFFFE;
-// More than any compressed format has.
+// Above the rate of any compressed format.
 constexpr std::uint32_t kMaxCompressedRate = 384000;
 
 // Channels that a compressed format allows.
@@ -33,7 +33,7 @@ WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept {
   WaveFields fields = {LittleU16(body, 0), LittleU16(body, 2), LittleU32(body, 4),
                        LittleU16(body, 12), LittleU16(body, 14)};
   if (fields.tag != kTagExtensible || body.size() < kExtensibleBytes) return fields;
-  // The formats that have a tag differ in the first two bytes alone.
+  // Sub-formats that have a tag differ in the first two bytes only.
   const auto pcm = SubFormatBytes(false);
   const auto sub_format = body.subspan(kSubFormatOffset, pcm.size());
   const bool has_tag = std::equal(pcm.begin() + 2, pcm.end(), sub_format.begin() + 2,

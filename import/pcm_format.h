@@ -1,4 +1,4 @@
-// Uncompressed audio as wave headers describe it, and its samples as the engine's floats.
+// Uncompressed audio as wave headers describe it, and its conversion to floats.
 #pragma once
 
 #include <cstddef>
@@ -8,12 +8,12 @@
 
 namespace marlinda {
 
-// All values are positive and fit each other.
+// A parsed format has positive, consistent values.
 struct PcmFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;
-  std::int16_t bits =
-      0;  // of the bytes that a sample takes: 8, 16, 24, 32, and for floats 32 or 64
+  // Width of a sample's bytes: 8, 16, 24 or 32; 32 or 64 for floats.
+  std::int16_t bits = 0;
   bool is_float = false;
 
   std::size_t FrameBytes() const noexcept {
@@ -22,11 +22,11 @@ struct PcmFormat {
   friend bool operator==(const PcmFormat&, const PcmFormat&) = default;
 };
 
-// A wave header has 16 bits for the size of a frame.
+// A wave header stores the size of a frame in 16 bits.
 inline constexpr std::size_t kMaxFrameBytes = 65535;
 
-// The body of a "fmt " chunk, or the format block of a DirectShow connection, as it is written.
-// `tag` is that of the sub-format where an extensible format names one.
+// The fields of a "fmt " chunk, or of the format block of a DirectShow connection. `tag` is that of
+// the sub-format if an extensible format names one.
 struct WaveFields {
   static constexpr unsigned kPcm = 1;
   static constexpr unsigned kMsAdpcm = 2;
@@ -44,22 +44,21 @@ struct WaveFields {
   unsigned bits = 0;
 };
 
-// All zeros when the body is too short.
+// Returns all zeros if the body is too short.
 WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept;
 
-// The format of uncompressed samples. Nothing when the body is too short, names a compressed
-// format, contradicts itself, or has no channels or no rate.
+// Returns the format of uncompressed samples. Returns nothing if the body is too short, names a
+// compressed format, contradicts itself, or has no channels or no rate.
 //
-// Samples that use fewer bits than their bytes hold are left-justified in them, so the width of the
-// bytes is all that counts.
+// Samples with fewer bits than their bytes are left-justified, so only the width in bytes counts.
 std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexcept;
 
-// False when a decoder of the system must not get to see the format: some crash or hang on numbers
+// Returns false if the system's decoders must not see the format: some crash or hang on numbers
 // that their format does not allow.
 bool IsPlausibleForDecoders(std::span<const std::byte> body) noexcept;
 
-// Turns whole samples into floats, as many as `samples` takes; `bytes` holds as many. Floats pass
-// unchanged, 64-bit ones rounded; integers go by the engine's own rules (ConvertPcmToFloat).
+// Converts as many samples to floats as `samples` takes; `bytes` must hold them. 32-bit floats are
+// unchanged, 64-bit floats are rounded, integers are converted by ConvertPcmToFloat.
 void DecodeSamples(const PcmFormat& format, std::span<const std::byte> bytes,
                    std::span<float> samples) noexcept;
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
-// Of cue points and texts in all; more are left out.
+// Limit for cue points and texts together; the rest is ignored.
 constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
 
 constexpr std::size_t kCuePointBytes = 24;
@@ -22,7 +22,7 @@ constexpr std::size_t kYearCharacters = 4;
 
 using Bytes = std::span<const std::byte>;
 
-// The text of a chunk ends with its first NUL or with the chunk.
+// A text ends at its first NUL or at the end of the chunk.
 std::string TextOf(Bytes bytes) {
   const std::string_view text = AsText(bytes);
   return std::string(text.substr(0, text.find('\0')));
@@ -33,7 +33,7 @@ struct Chunk {
   Bytes body;
 };
 
-// Takes the first chunk off `list`, which lies in memory. False at its end.
+// Removes the first chunk from `list`. Returns false at the end of the list.
 bool NextChunk(Bytes& list, Chunk& chunk) {
   if (list.size() < kHeaderBytes) return false;
   const std::uint64_t size = LittleU32(list, 4);
@@ -45,8 +45,8 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
   return true;
 }
 
-// The names and regions of cue points as the file has them, put together at its end: "adtl" may
-// come before "cue ".
+// Collects the cue points, their names and regions. Resolved at the end of the file, because "adtl"
+// may precede "cue ".
 class CueSheet {
  public:
   void AddPoints(Bytes body) {
@@ -74,7 +74,7 @@ class CueSheet {
   }
   void Resolve(SoundFileInfo& info) {
     const std::vector<Point*> by_id = SortedById();
-    // Of several points with one number the first is meant.
+    // The first of several points with the same number counts.
     const auto find = [&](std::uint32_t id) -> Point* {
       const auto found =
           std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
@@ -95,7 +95,7 @@ class CueSheet {
     for (Region& region : regions_) {
       Point* const point = find(region.id);
       if (point == nullptr) continue;
-      // Some programs give every point an empty region beside its name.
+      // Some programs add an empty region to every named point.
       if (region.length == 0 && region.name.empty() && point->label != nullptr) continue;
       point->is_region = true;
       info.markers.push_back({{point->position, point->position + region.length},
@@ -146,8 +146,8 @@ void ReadInfo(Bytes list, Tags& data) {
     if (chunk.id == "IPRD") data.album = TextOf(chunk.body);
     if (chunk.id == "IGNR") data.genre = TextOf(chunk.body);
     if (chunk.id != "ICRD") continue;
-    // The first four characters of a date are its year. They end at a "-", because the export
-    // writes an unknown year as "-01-01".
+    // A date begins with four characters of the year. The export writes an unknown year as
+    // "-01-01", so the year ends at a "-".
     data.year = TextOf(chunk.body).substr(0, kYearCharacters);
     data.year.erase(std::min(data.year.find('-'), data.year.size()));
   }
@@ -160,7 +160,7 @@ AcidData ReadAcid(Bytes body) {
           static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
 }
 
-// Whether the streams of an AVI file, in its header list, have sound that decoders may see.
+// True if the AVI header list describes sound and decoders may see every sound format.
 bool HasSound(Bytes header_list) {
   bool has_sound = false;
   Chunk list;
@@ -173,14 +173,14 @@ bool HasSound(Bytes header_list) {
       if (chunk.id == "strh" && chunk.body.size() >= 4) kind = IdAt(chunk.body, 0);
       if (chunk.id != "strf") continue;
       if (kind == "auds" && !IsPlausibleForDecoders(chunk.body)) return false;
-      // Of digital video the sound is interleaved with the pictures.
+      // Digital video interleaves its sound with the pictures.
       has_sound = has_sound || kind == "auds" || kind == "iavs";
     }
   }
   return has_sound;
 }
 
-// The format of samples that become 16-bit ones. Nothing when it has no channels or no rate.
+// The format of samples that are decoded to 16 bits. Nothing without channels or a rate.
 std::optional<PcmFormat> Decoded(const WaveFields& wave) {
   if (wave.channels == 0 || wave.channels > kMaxFrameBytes / 2 || wave.samples_per_sec == 0 ||
       wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
@@ -200,8 +200,7 @@ class RiffWalk {
     if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
     is_wave_ = IdAt(header, 8) == "WAVE";
     is_avi_ = IdAt(header, 8) == "AVI ";
-    // A size of nothing or of everything comes from a writer that could not come back to fill it
-    // in.
+    // A writer that could not seek back to fill in the size leaves 0 or the maximum.
     const std::uint64_t size = LittleU32(header, 4);
     const bool known = size >= 4 && size != kUnknownSize;
     WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());
@@ -212,8 +211,8 @@ class RiffWalk {
  private:
   void WalkChunks(std::uint64_t riff_end) {
     for (int count = 0; count < kMaxChunks; ++count) {
-      // A RIFF size that is too small must not hide the audio. Only chunks behind both the audio
-      // and the RIFF size are ignored.
+      // A RIFF size that is too small must not hide the audio. Chunks beyond it are ignored only
+      // after the audio.
       const std::uint64_t end = data_offset_ ? riff_end : file_.size();
       if (position_ + kHeaderBytes > end) return;
       const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
@@ -228,14 +227,15 @@ class RiffWalk {
       if (there == size && size % 2 != 0) ++position_;
     }
   }
-  // Of the "data" chunk at `position_`, whose header says `size`.
+  // Returns the size of the "data" chunk at `position_`; `size` is the one in its header.
   std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end) {
     if (size == kUnknownSize) {
       const std::uint64_t end = riff_end > position_ ? riff_end : file_.size();
       return wide_data_size_.value_or(end - position_);
     }
     if (size != 0) return size;
-    // Empty, or never filled in by a writer that was stopped: then no chunk follows, but audio.
+    // The chunk is empty, or its writer was stopped before it filled in the size. In the second
+    // case audio follows, not a chunk.
     const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
     const std::uint64_t rest = file_.size() - position_;
     const bool is_chunk =
@@ -266,7 +266,7 @@ class RiffWalk {
       if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
     }
   }
-  // Lists of other types are not read: the pictures and the sound of an AVI file are one.
+  // Skips other lists: the pictures and sound of an AVI file form one.
   void TakeList(std::uint64_t there) {
     const std::vector<std::byte> start =
         file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
@@ -290,11 +290,11 @@ class RiffWalk {
     }
     info_.pcm = Samples();
     if (info_.pcm) return;
-    // Without one whole block there is nothing to hear, and decoders have waited for it for ever.
+    // Decoders have hung on less than one whole block, which holds no sound anyway.
     info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
                     !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
   }
-  // Nothing for samples that need a decoder, and for a format that contradicts itself.
+  // Returns nothing if the samples need a decoder or the format contradicts itself.
   std::optional<PcmData> Samples() const {
     const WaveFields wave = ReadWaveFields(format_);
     if (wave.tag == WaveFields::kImaAdpcm) return AdpcmSamples(wave, Coding::kImaAdpcm);
@@ -323,7 +323,8 @@ class RiffWalk {
     const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
     const std::uint64_t frames =
         data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
-    // The last block is filled up. A number of frames that does not end in it is no number of them.
+    // Only the last block may be padded. Ignore an announced number of frames that does not end in
+    // it.
     const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
     pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
     return pcm;
@@ -343,7 +344,7 @@ class RiffWalk {
   bool is_avi_ = false;
   bool has_sound_ = false;  // in an AVI file
   std::vector<std::byte> format_;
-  std::optional<std::uint32_t> frames_;  // that the file announces beside its compressed samples
+  std::optional<std::uint32_t> frames_;  // announced in the "fact" chunk
   std::optional<std::uint64_t> wide_data_size_;
   std::optional<std::uint64_t> data_offset_;
   std::uint64_t data_bytes_ = 0;

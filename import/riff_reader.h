@@ -1,6 +1,6 @@
-// The chunks of RIFF files (WAVE, and what AVI shares with it): format, samples, labels, section
-// markers, metadata and loop data. Input is hostile until proven otherwise: whatever a file holds,
-// reading ends, in memory that does not grow with what the file only claims.
+// Reads the chunks of RIFF files (WAVE, and those that AVI shares): format, samples, labels,
+// section markers, metadata and loop data. Input is untrusted: reading always ends, and memory does
+// not grow with the sizes that a file claims.
 #pragma once
 
 #include "import/byte_source.h"
@@ -8,18 +8,19 @@
 
 namespace marlinda {
 
-// Reads a RIFF file, or an RF64 one whose size needs 64 bits. Nothing when it is neither.
+// Reads a RIFF file, or its 64-bit variants RF64 and BW64. Returns nothing if the file is of
+// another kind.
 //
-// Chunks are padded to 2 bytes, as RIFF asks; files padded to 4 with the padding counted in the
-// sizes read the same. Sizes that reach beyond the file are cut to it, so what a truncated file
-// holds is there.
+// Chunks are padded to 2 bytes. Files padded to 4 bytes, with the padding included in the sizes,
+// also work. Sizes beyond the end of the file are cut to it, so a truncated file yields what it
+// holds.
 //
-// Cue points become labels in their order. One with an "ltxt" becomes a section marker instead, in
-// the order of these, unless that has neither length nor name while a "labl" names the point. A
-// marker without a name of its own takes that of its "labl", a label without one that of its
+// Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker, in
+// the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a "labl" names
+// the point. A marker without a name takes that of its "labl"; a label without one that of its
 // "note".
 //
-// Loop data is read in the layout that the engine writes, with the root note in the first field.
+// Loop data has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
 }  // namespace marlinda

@@ -28,7 +28,7 @@ std::int16_t ExpandALaw(std::byte byte) {
   return static_cast<std::int16_t>((code & 0x80) != 0 ? magnitude : -magnitude);
 }
 
-// Turns codes of a logarithmic scale into 16-bit samples of a wave.
+// Expands mu-law or A-law codes to little-endian 16-bit samples.
 void Expand(Coding coding, std::vector<std::byte>& bytes) {
   const std::vector<std::byte> codes = bytes;
   bytes.clear();
@@ -40,7 +40,7 @@ void Expand(Coding coding, std::vector<std::byte>& bytes) {
   }
 }
 
-// Turns the bytes into those of a wave: little-endian, 8 bits around 128.
+// Converts the bytes to wave order: little-endian, 8-bit samples unsigned around 128.
 void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   const auto width = static_cast<std::size_t>(pcm.format.bits / 8);
   if (width == 1 && pcm.signed_bytes) {
@@ -52,8 +52,8 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// Whether a Windows Media file describes sound that decoders may see. A stream is described by an
-// object of its header: the kind of stream, then behind other fields the wave format of sound.
+// True if a Windows Media file describes sound and decoders may see every sound format. The header
+// describes each stream by an object: the kind of stream, other fields, then the wave format.
 bool HasWindowsMediaSound(ByteSource& file) {
   constexpr std::string_view kStreamProperties{
       "\x91\x07\xDC\xB7\xB7\xA9\xCF\x11\x8E\xE6\x00\xC0\x0C\x20\x53\x65", 16};
@@ -82,7 +82,7 @@ bool HasWindowsMediaSound(ByteSource& file) {
   return has_sound;
 }
 
-// Decodes the blocks in which the frames from `first` on lie.
+// Decodes the blocks that hold the frames from `first` on.
 std::size_t ReadBlocks(ByteSource& file, const PcmData& pcm, std::int64_t first,
                        std::span<float> samples, std::vector<std::byte>& scratch) {
   const auto channels = static_cast<std::size_t>(pcm.format.channels);

@@ -1,4 +1,4 @@
-// Recognises a sound file by its bytes alone, and reads samples that need no decoder with a memory.
+// Recognises a sound file by its bytes, and reads samples that need no stateful decoder.
 #pragma once
 
 #include "import/byte_source.h"
@@ -6,12 +6,12 @@
 
 namespace marlinda {
 
-// Files of other kinds than WAV, AIFF, AU, MPEG audio, Windows Media, AVI and MPEG program streams
-// are refused: the filters of the system hang on some of them.
+// Refuses everything but WAV, AIFF, AU, MPEG audio, Windows Media, AVI and MPEG program streams:
+// the system's filters hang on some other files.
 SoundFileInfo ExamineSound(ByteSource& file);
 
-// Reads frames from `first` on as floats, as many as `samples` takes, and returns how many of these
-// samples there were, whole frames: fewer at the end of the file. `scratch` is for the bytes.
+// Fills `samples` with frames from `first` on, as floats. Returns the number of samples read, a
+// whole number of frames: fewer at the end of the file. `scratch` is a reusable buffer.
 std::size_t ReadSamples(ByteSource& file, const PcmData& pcm, std::int64_t first,
                         std::span<float> samples, std::vector<std::byte>& scratch);
 

@@ -1,4 +1,4 @@
-// SoundFileInfo: what the bytes of a sound file say before anything is decoded.
+// SoundFileInfo: the facts about a sound file that are known without decoding it.
 #pragma once
 
 #include <cstddef>
@@ -11,30 +11,30 @@
 
 namespace marlinda {
 
-// How a file keeps its samples: as the format says, in one byte of a logarithmic scale, or in
-// blocks with four bits a sample.
+// How a file stores its samples: directly, in one logarithmic byte each, or in ADPCM blocks with
+// four bits each.
 enum class Coding { kLinear, kMuLaw, kALaw, kImaAdpcm, kMsAdpcm };
 
-// A part of a file, which ends within it.
+// A part of a file, within its size.
 struct ByteRange {
   std::uint64_t offset = 0;
   std::uint64_t bytes = 0;
 };
 
-// Samples of a file that ReadSamples reads. `frames` counts frames within the file.
+// Samples that ReadSamples can read. `frames` counts frames within the file.
 struct PcmData {
-  PcmFormat format = {};  // of the samples as they are read
+  PcmFormat format = {};  // after decoding
   Coding coding = Coding::kLinear;
   bool big_endian = false;
-  bool signed_bytes = false;  // 8-bit samples are signed, where a wave has them around 128
+  bool signed_bytes = false;  // 8-bit samples are signed; a wave's are unsigned
   std::uint64_t offset = 0;
   std::int64_t frames = 0;
-  // Of the codings in blocks. The last block of a file may be shorter.
+  // For ADPCM. The last block of a file may be shorter.
   std::size_t block_bytes = 0;
   std::size_t block_frames = 0;
 
   bool IsInBlocks() const noexcept { return block_bytes != 0; }
-  // In the file. Not for codings in blocks.
+  // In the file. Not for ADPCM.
   std::size_t SampleBytes() const noexcept {
     return coding == Coding::kLinear ? static_cast<std::size_t>(format.bits / 8) : 1;
   }
@@ -48,22 +48,21 @@ struct PcmData {
   }
 };
 
-// At most one of `pcm` and `mpeg` is there. A file that has neither and is not refused is for the
-// filters of the system.
+// At most one of `pcm` and `mpeg` is set. A file with neither that is not refused is decoded by the
+// system's filters.
 struct SoundFileInfo {
   std::optional<PcmData> pcm;
   // MPEG audio, for MpegStream.
   std::optional<ByteRange> mpeg;
-  // Not to be decoded: the file is of another kind, its header contradicts itself or promises no
-  // sound.
+  // The file must not be decoded: it is of another kind, contradicts itself or has no sound.
   bool refused = false;
 
-  // Names are the bytes that the file holds.
+  // Names are unconverted bytes of the file.
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;
   std::optional<AcidData> acid;
   Tags tags;
-  // The tags are UTF-8; otherwise they are the bytes that the file holds.
+  // True if the tags are UTF-8; otherwise they are unconverted bytes of the file.
   bool utf8 = false;
 };
 

@@ -14,8 +14,8 @@
 namespace marlinda {
 namespace {
 
-// TagLib is given this much of a file and no more, which bounds its time and its memory. Texts that
-// lie behind so many bytes of pictures are not found.
+// TagLib reads only this much of a file, which bounds its time and memory. Texts behind larger
+// pictures are not found.
 constexpr std::uint64_t kMaxTagBytes = std::uint64_t{8} << 20;
 constexpr std::uint64_t kId3v1Bytes = 128;
 
@@ -24,7 +24,7 @@ TagLib::ByteVector Read(ByteSource& file, std::uint64_t offset, std::uint64_t co
   return {reinterpret_cast<const char*>(bytes.data()), static_cast<unsigned>(bytes.size())};
 }
 
-// Bytes as the file that TagLib's tags are read from.
+// Lets TagLib read tags from bytes in memory.
 class TagFile final : public TagLib::File {
  public:
   explicit TagFile(TagLib::ByteVectorStream& stream) : File(&stream) {}
@@ -33,22 +33,23 @@ class TagFile final : public TagLib::File {
   bool save() override { return false; }
 };
 
-// The header of a frame, whose name TagLib shows to derived classes alone.
+// Gives access to the frame's header class, which TagLib protects.
 struct AnyFrame : TagLib::ID3v2::Frame {
   using Frame::Header;
 };
 
-// Reads text frames only. Chapters would be read recursively, as deep as a hostile file nests them.
+// Reads text frames only. TagLib reads chapters recursively, so a hostile file could overflow the
+// stack.
 class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
   bool updateFrame(AnyFrame::Header* header) const override {
     return header->frameID().startsWith("T") && FrameFactory::updateFrame(header);
   }
 };
 
-// Of a tag and of each of its frames.
+// Size of the header of a tag and of each frame.
 constexpr unsigned kTagHeaderBytes = 10;
 
-// TagLib takes the size of a version 2.3 extended header for one of version 2.4.
+// TagLib reads the size of a version 2.3 extended header as if it were version 2.4.
 void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   constexpr char kExtended = 0x40;
   if (tag.size() < kTagHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;
@@ -58,7 +59,7 @@ void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   tag = tag.mid(0, kTagHeaderBytes) + tag.mid(rest);
 }
 
-// TagLib takes the byte that names the group of a text for the first of the text.
+// TagLib reads the group byte of a text frame as the first byte of the text.
 void RemoveGroups(TagLib::ByteVector& tag) {
   const bool is_new = tag.size() > kTagHeaderBytes && tag[3] == 4;
   const char grouped = is_new ? 0x40 : 0x20;
@@ -69,7 +70,7 @@ void RemoveGroups(TagLib::ByteVector& tag) {
         is_new ? TagLib::ID3v2::SynchData::toUInt(tag.mid(frame + 4, 4)) : tag.toUInt(frame + 4);
     at += kTagHeaderBytes + size;
     if (at > tag.size() || size < 2 || tag[frame] != 'T' || tag[frame + 9] != grouped) continue;
-    // A zero at the end of a text does not count.
+    // A zero at the end of a text is ignored.
     tag[frame + 9] = tag[frame + kTagHeaderBytes] = 0;
     std::rotate(tag.begin() + frame + kTagHeaderBytes, tag.begin() + frame + kTagHeaderBytes + 1,
                 tag.begin() + static_cast<unsigned>(at));

@@ -1,5 +1,5 @@
-// The tags of compressed files, read by TagLib: ID3 of MP3 files, the content description of
-// Windows Media files. Input is hostile until proven otherwise.
+// Reads the tags of compressed files with TagLib: ID3 tags and the content description of Windows
+// Media files. Input is untrusted.
 #pragma once
 
 #include <optional>
@@ -9,8 +9,8 @@
 
 namespace marlinda {
 
-// The texts in UTF-8. Of a file with both kinds of ID3 tags the newer one counts, and the older one
-// fills in what is missing there. Nothing when the file has no tag of these kinds.
+// Returns the texts in UTF-8, or nothing without a tag of these kinds. In a file with both kinds of
+// ID3 tags the newer kind counts, and the older one fills in missing texts.
 std::optional<Tags> ReadTags(ByteSource& file);
 
 }  // namespace marlinda

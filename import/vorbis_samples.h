@@ -1,4 +1,4 @@
-// The 16-bit samples of decoded Vorbis, out of the decoder's floats.
+// Converts the Vorbis decoder's floats to 16-bit samples.
 #pragma once
 
 #include <cstddef>
@@ -6,13 +6,11 @@
 
 namespace marlinda {
 
-// The code of a sample as the codec library rounds it: to the nearest, halves to even, clipped.
-// A value beyond 32 bits, NaN included, becomes the lowest code, as in the library's own 16-bit
-// decoding.
+// Rounds as the codec library does: to nearest, halves to even, clipped. As in the library's 16-bit
+// decoding, a value beyond 32 bits or NaN becomes the lowest code.
 std::int16_t VorbisCode(float sample) noexcept;
 
-// The codes of `frames` frames, of which each channel's samples lie in a plane of their own,
-// interleaved.
+// Converts `frames` frames, one plane per channel, to interleaved codes.
 void PackVorbisFrames(const float* const* planes, std::size_t channels, std::size_t frames,
                       std::int16_t* codes) noexcept;
 

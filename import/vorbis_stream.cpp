@@ -32,19 +32,19 @@ std::int64_t TellFile(std::FILE* file) noexcept {
 
 }  // namespace
 
-// The decoder's state holds pointers into itself and so must never move.
+// Must not move: the library's state holds pointers into itself.
 struct VorbisStream::Decoder {
   FilePointer input;
   CodecMemory memory;
   OggVorbis_File file = {};
   const vorbis_comment* comments = nullptr;
-  // Bytes that may still be read.
+  // Bytes that the library may still read.
   std::int64_t allowance = std::numeric_limits<std::int64_t>::max();
-  // Not while a call is under way that may run out of memory, nor after one that did.
+  // False during a call that may run out of memory, and after one that did.
   bool whole = true;
 
   explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
-  // For library calls that may allocate.
+  // Makes a library call that may allocate.
   template <class Function>
   auto Call(Function&& function) {
     const CodecMemory::Use use(memory);
@@ -54,8 +54,8 @@ struct VorbisStream::Decoder {
     return result;
   }
 
-  // The library's result of opening. Its search for the links of a chain reads some parts of a file
-  // several times, and a hostile one would have it read them without end.
+  // Returns the library's result. Limits the bytes read, because the search for the links of a
+  // chain reads parts of a file several times, and without end in a hostile file.
   int Open() {
     std::FILE* const opened = input.get();
     const std::int64_t size = SeekFile(opened, 0, SEEK_END) == 0 ? TellFile(opened) : 0;
@@ -68,10 +68,10 @@ struct VorbisStream::Decoder {
     return result;
   }
 
-  // Without one that closes: whatever becomes of the state, the file is closed, and once.
+  // Without a close callback: `input` closes the file exactly once, in any state.
   static ov_callbacks Callbacks() noexcept {
     ov_callbacks callbacks = {};
-    // A block of nothing with errno set is a failure to the library.
+    // Zero bytes with errno set is a read error to the library.
     callbacks.read_func = [](void* to, std::size_t size, std::size_t count, void* source) {
       auto* const decoder = static_cast<Decoder*>(source);
       const std::size_t read = std::fread(to, size, count, decoder->input.get());
@@ -83,8 +83,8 @@ struct VorbisStream::Decoder {
     callbacks.seek_func = [](void* source, ogg_int64_t offset, int origin) {
       return SeekFile(static_cast<Decoder*>(source)->input.get(), offset, origin);
     };
-    // A library without the project's patch takes a long here. Where that has 32 bits, it refuses a
-    // longer file.
+    // In a library without the project's patch the result is a long. A 32-bit long fails for larger
+    // files.
     callbacks.tell_func = [](void* source) {
       using Position = decltype(ov_callbacks().tell_func(nullptr));
       const std::int64_t position = TellFile(static_cast<Decoder*>(source)->input.get());
@@ -93,7 +93,7 @@ struct VorbisStream::Decoder {
     return callbacks;
   }
 
-  // Even clearing takes memory. Does little after a failed opening.
+  // Clearing allocates memory, so it may throw. After a failed opening it does little.
   ~Decoder() {
     if (!whole) return;
     try {
@@ -131,7 +131,8 @@ VorbisStream::VorbisStream(std::unique_ptr<Decoder> decoder, unsigned threads)
   bool same = true;
   for (int link = 0; link < ov_streams(file); ++link) {
     vorbis_info* const format = ov_info(file, link);
-    // A block has at most half a long one's samples, and takes two bytes of the file.
+    // Each packet takes at least two bytes of the file and yields at most half a long block's
+    // samples.
     const std::int64_t most = file->end * (vorbis_info_blocksize(format, 1) / 4);
     const std::int64_t frames = std::min<std::int64_t>(ov_pcm_total(file, link), most);
     same &= frames <= 0 || (format->rate == info->rate && format->channels == info->channels);
@@ -180,14 +181,14 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   if (ended_ || buffer.empty()) return 0;
   ended_ = true;
   std::size_t samples = workers_ != nullptr ? ReadFromWorkers(buffer) : 0;
-  // The workers are gone where the library goes on.
+  // The workers have ended if the library takes over.
   if (samples == 0 && workers_ == nullptr) samples = ReadFromLibrary(buffer);
   ended_ = samples == 0;
   left_ -= static_cast<std::int64_t>(samples / channels);
   return samples;
 }
 
-// 0 at the end of what the workers decode. There are no workers any more where the library goes on.
+// Returns 0 after the workers' last block. If the library takes over, `workers_` is then null.
 std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   if (decoder_->whole) {
     try {
@@ -208,7 +209,8 @@ std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   return 0;
 }
 
-// The library's own 16-bit decoding converts the same floats in the same blocks, but more slowly.
+// Converts the library's floats, which is faster than its own 16-bit decoding and gives the same
+// samples in the same blocks.
 std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);
@@ -224,7 +226,7 @@ std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
     return 0;
   }
   if (const int before = std::exchange(link_, link); before != link && before > 0) {
-    // The library keeps the tables of every link that it has decoded. It needs the first one's.
+    // The library keeps the tables of every decoded link, but needs only the first one's.
     decoder_->Call([before](OggVorbis_File* state) {
       vorbis_info_clear(ov_info(state, before));
       return 0;
@@ -242,7 +244,7 @@ void ApplyVorbisComment(std::string_view comment, Tags& tags) {
   const std::size_t equals = comment.find('=');
   if (equals == std::string_view::npos || equals == 0) return;
   std::string key(comment.substr(0, equals));
-  // Keys are ASCII, whatever the program's locale.
+  // Independent of the program's locale.
   for (char& c : key) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   const std::string_view value = comment.substr(equals + 1);
   if (key == "TITLE") tags.title = value;

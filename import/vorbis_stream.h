@@ -1,5 +1,5 @@
-// An Ogg Vorbis file as a run of 16-bit samples, decoded by libvorbisfile. Files are hostile until
-// proven otherwise: whatever they hold, reading ends and stays inside the caller's buffer.
+// VorbisStream: an Ogg Vorbis file as 16-bit samples, decoded by libvorbisfile. Input is untrusted:
+// reading always ends and stays within the caller's buffer.
 #pragma once
 
 #include <cstddef>
@@ -25,50 +25,48 @@ using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 
 class VorbisStream {
  public:
-  // Takes the file over, which is open for binary reading. Null, and the file closed, when it is
-  // not an Ogg Vorbis file, or a chain of more than 1000 links. std::bad_alloc, and the file
-  // closed, when there is not enough memory; a decoder gets CodecMemory::kMaxBytes at most.
-  // Decodes on `threads` threads of its own, a few at most. With one, Read decodes itself.
+  // Takes ownership of the file, which must be open for binary reading. Returns null if it is not
+  // an Ogg Vorbis file, or a chain of more than 1000 links. Throws std::bad_alloc if memory runs
+  // out; a decoder gets at most CodecMemory::kMaxBytes. Either failure closes the file. Decodes on
+  // up to `threads` worker threads; with 1, Read decodes on the caller's thread.
   static std::unique_ptr<VorbisStream> Open(FilePointer file,
                                             unsigned threads = std::thread::hardware_concurrency());
 
   ~VorbisStream();
 
-  // The format of the first link of a chain; Read delivers nothing else.
+  // The format of the first link of a chain. Read delivers no other.
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Frames of the whole file by its headers, all links of a chain included. Not positive where they
-  // are missing, and no more than a file of this size can hold. Read may deliver more or fewer from
-  // a damaged file.
+  // Frames of the whole file by its headers, including all links of a chain, limited to what a file
+  // of this size can hold. Not positive if the headers lack the length. A damaged file may deliver
+  // more or fewer.
   std::int64_t total_frames() const noexcept { return total_frames_; }
-  // The frames of these before the first link of another format.
+  // The frames before the first link of another format.
   std::int64_t readable_frames() const noexcept { return readable_frames_; }
 
-  // Of the compressed stream: the nominal rate of its header, else the average over the file, else
-  // 0.
+  // Of the compressed stream: the header's nominal rate, otherwise the average over the file,
+  // otherwise 0.
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
-  // The user comments of the first link, as the bytes they are (UTF-8 in a proper file), each up to
-  // its first NUL; none once a Read has thrown. They live as long as this object, or until then.
+  // The user comments of the first link, as unconverted bytes (UTF-8 in a valid file), each up to
+  // its first NUL. Valid until this object is destroyed or a Read throws; none after that.
   std::vector<std::string_view> Comments() const;
 
-  // Makes the decoder ready for Read, which does it otherwise. std::bad_alloc as there.
+  // Allocates the decoder's memory now instead of in the first Read. Throws std::bad_alloc.
   void Prepare();
 
-  // Read then delivers `count` frames from `first` on, which lie within total_frames. False when
-  // the file is damaged; Read then delivers nothing. To be called before the first Read.
-  // std::bad_alloc as there.
+  // Limits Read to `count` frames from `first` on, which must lie within total_frames. Call it
+  // before the first Read. Returns false if the file is damaged; Read then delivers nothing. Throws
+  // std::bad_alloc.
   bool Select(std::int64_t first, std::int64_t count);
 
-  // Decodes the next block of interleaved 16-bit samples, whole frames, and returns how many
-  // samples it has: at least one frame's and at most what the buffer, of one frame or more, has
-  // room for. 0 at the end, which comes early
-  // - where a link of a chain changes the sample rate or the channel count, so that the format
-  //   announced stays true of all that is delivered;
-  // - at the first error, such as a hole where pages are damaged or missing: what lies behind it
-  //   would no longer be in its place.
-  // std::bad_alloc when the decoder gets no memory; that is the end as well.
+  // Decodes the next block of interleaved 16-bit samples and returns their number, a whole number
+  // of frames. The buffer must hold at least one frame. Returns 0 at the end, which comes early
+  // - if a link of a chain changes the sample rate or the channel count, because the announced
+  //   format must hold for all samples;
+  // - at the first error, such as a hole where pages are damaged or missing, because later samples
+  //   would be misplaced.
   std::size_t Read(std::span<std::int16_t> buffer);
 
  private:
@@ -81,21 +79,20 @@ class VorbisStream {
   std::unique_ptr<Decoder> decoder_;
   const unsigned threads_;
   std::unique_ptr<VorbisWorkers> workers_;
-  int workers_link_ = -1;  // the latest that had workers
+  int workers_link_ = -1;  // latest link with workers
   std::int32_t samples_per_sec_ = 0;
   std::int16_t channels_ = 0;
   std::int64_t total_frames_ = 0;
   std::int64_t readable_frames_ = 0;
   std::int32_t average_bytes_per_sec_ = 0;
   std::int64_t left_ = std::numeric_limits<std::int64_t>::max();  // frames that Read may deliver
-  int link_ = 0;  // that the latest Read delivered from
+  int link_ = 0;                                                  // source of the latest Read
   bool ended_ = false;
 };
 
-// Takes one user comment, "KEY=value" with the key in any case, into `tags`. A later comment
-// replaces an earlier one with the same key. DATE gives the year: its first four characters, so
-// that a full date counts too. Comments with other keys, without "=" or beginning with it are
-// ignored.
+// Stores one user comment "KEY=value" in `tags`. The key's case does not matter. A later comment
+// replaces an earlier one with the same key. DATE gives the year: its first four characters.
+// Ignores other keys and comments without a key or "=".
 void ApplyVorbisComment(std::string_view comment, Tags& tags);
 
 }  // namespace marlinda

@@ -1,8 +1,8 @@
-// Decodes the packets of a Vorbis stream on several threads, into the blocks that the codec
-// library's reader makes of them: the same samples in the same order. Only vorbis_stream uses it.
+// VorbisWorkers: decodes a Vorbis stream's packets on several threads, with the samples and blocks
+// of the codec library's reader. Only vorbis_stream uses it.
 #pragma once
 
-// Leaves out unused tables of callbacks.
+// Omits the header's unused callback tables.
 #define OV_EXCLUDE_STATIC_CALLBACKS
 
 #include <vorbis/vorbisfile.h>
@@ -33,27 +33,27 @@ inline constexpr std::size_t kMaxGroupBytes = std::size_t{1} << 18;
 inline constexpr std::size_t kMinGroupPackets = 8;
 inline constexpr long kMaxPacketBytes = 1L << 16;
 inline constexpr long kReadBytes = 1L << 14;
-// Beyond it the library's sums may overflow.
+// Beyond this position the library's sums may overflow.
 inline constexpr ogg_int64_t kMaxPosition = std::numeric_limits<ogg_int64_t>::max() / 2;
-// The library's reader and the workers' decoders together may hold this much before decoding
-// begins. So the reader fails as early as it would alone: the rest is more than packets of this
-// size need.
+// Limit for the library's reader and the workers' decoders together before decoding begins. The
+// remaining memory is more than packets of kMaxPacketBytes need, so the reader runs out of memory
+// at the same point as without workers.
 inline constexpr std::size_t kMaxHeld = CodecMemory::kMaxBytes / 2;
 
-// Samples of a block at most, over all channels.
+// Maximum samples in a block, over all channels.
 inline std::size_t MaxBlock(const vorbis_info& info) noexcept {
   return static_cast<std::size_t>(vorbis_info_blocksize(const_cast<vorbis_info*>(&info), 1)) / 2 *
          static_cast<std::size_t>(info.channels);
 }
 
-// Takes packets out of the library's reader and leaves unusual ones to it: the trimmed last packet,
-// the next link of a chain, damaged and huge packets. Each thread decodes groups of packets, and
-// before a group the packet in front of it, because blocks overlap.
+// Takes packets from the library's reader and leaves unusual ones to it: the trimmed last packet,
+// the next link of a chain, damaged and huge packets. Each thread decodes groups of packets. It
+// first decodes the packet before the group, because blocks overlap.
 class VorbisWorkers {
  public:
   static constexpr unsigned kMaxThreads = 8;
 
-  // True when the library's reader has decoded the first page, whose begin is trimmed, and its
+  // True if the library's reader has decoded the first page, whose begin is trimmed, and its
   // samples have been read.
   static bool CanStart(OggVorbis_File& file) noexcept {
     return file.vd.granulepos >= 0 && file.vd.granulepos < kMaxPosition &&
@@ -61,8 +61,8 @@ class VorbisWorkers {
            vorbis_synthesis_pcmout(&file.vd, nullptr) == 0;
   }
 
-  // To be called right after a packet was decoded. `memory` is the reader's; both outlive the
-  // workers. Null, and the reader unchanged, where memory or threads are short.
+  // Call it right after a packet was decoded. `memory` belongs to the reader; both must outlive the
+  // workers. Returns null and leaves the reader unchanged if memory or threads are short.
   static std::unique_ptr<VorbisWorkers> Start(OggVorbis_File& file, CodecMemory& memory,
                                               unsigned threads) {
     const std::size_t packets = std::min(kGroupPackets, kMaxGroupSamples / MaxBlock(*file.vd.vi));
@@ -81,11 +81,11 @@ class VorbisWorkers {
       : file_(file),
         channels_(static_cast<std::size_t>(file.vd.vi->channels)),
         packets_of_group_(packets_of_group) {
-    // The reader's block still refers to the packet that it was decoded from.
+    // The reader's block still refers to the packet it was decoded from.
     const oggpack_buffer& packet = file.vb.opb;
     latest_.assign(packet.buffer, packet.buffer + packet.storage);
   }
-  // Cancels and waits, for one packet at most.
+  // Cancels and waits for the packets being decoded.
   ~VorbisWorkers() {
     {
       const std::lock_guard lock(mutex_);
@@ -97,8 +97,8 @@ class VorbisWorkers {
     }
   }
 
-  // Takes packets, as many as there is room for. Calls the library's reader, so std::bad_alloc
-  // leaves that inconsistent.
+  // Takes packets until all groups are full or the workers' part ends. Calls the library's reader,
+  // which std::bad_alloc leaves inconsistent.
   void Fill() {
     while (!ended_ && filled_ - read_ < groups_.size()) {
       Group& group = At(filled_);
@@ -119,8 +119,8 @@ class VorbisWorkers {
     }
   }
 
-  // Copies the next block, or as much of it as there is room for, and returns how many samples that
-  // is. 0 when all packets taken are decoded. std::bad_alloc when a decoder got no memory.
+  // Copies the next block, or as much as fits, and returns its number of samples. Returns 0 once
+  // all packets taken are decoded and read. Throws std::bad_alloc if a decoder got no memory.
   std::size_t Read(std::span<std::int16_t> buffer) {
     while (code_ == block_end_) {
       if (read_ == filled_) return 0;
@@ -144,12 +144,12 @@ class VorbisWorkers {
     return samples;
   }
 
-  // After the last Read. False at a hole, which ends what can be read. Otherwise the library's
-  // reader is ready for the next packet. Throws as Fill does.
+  // Call it after the last Read. Returns false at a hole, which ends the stream. Otherwise the
+  // library's reader is ready for the next packet. Throws as Fill does.
   bool HandBack() {
     if (hole_) return false;
     if (!pending_) return true;
-    // Makes what the next block overlaps. Its own block is no longer wanted.
+    // Prepares the overlap for the next block. This packet's own block is discarded.
     vorbis_synthesis(&file_.vb, &latest_header_);
     vorbis_synthesis_blockin(&file_.vd, &file_.vb);
     vorbis_synthesis_read(&file_.vd, vorbis_synthesis_pcmout(&file_.vd, nullptr));
@@ -160,7 +160,7 @@ class VorbisWorkers {
   static constexpr std::size_t kGroupPackets = 64;
 
   struct Group {
-    // Of the packets, back to back, that in front of the group included.
+    // The packets back to back, including the one before the group.
     std::vector<unsigned char> bytes;
     std::array<std::size_t, kGroupPackets + 1> ends = {};
     std::size_t packets = 0;
@@ -170,14 +170,14 @@ class VorbisWorkers {
     bool failed = false;
     bool done = false;  // guarded by the lock
   };
-  // A thread's. The set-up of the stream, which all share, only changes before the first packet.
+  // One per thread. All share the stream's set-up, which only changes before the first packet.
   struct Decoder {
     Decoder(CodecMemory& whole, vorbis_info* info) : memory(&whole) {
       const CodecMemory::Use use(memory);
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // For a library with a heap of its own. After a failure it must not be called again.
+    // For a library with its own heap. After a failure the library must not be called again.
     ~Decoder() {
       if (failed) return;
       try {
@@ -208,18 +208,18 @@ class VorbisWorkers {
       decoder->thread = std::thread([this, &decoder = *decoder] { Work(decoder); });
     }
   }
-  // False at the first packet that is not taken.
+  // Returns false at the first packet that stays with the library.
   bool TakePacket(Group& group) {
     ogg_packet packet = {};
     int found = 0;
     while ((found = ogg_stream_packetpeek(&file_.os, &packet)) == 0) {
       if (!TakePage()) return false;
     }
-    // The library does not find a hole again.
+    // The library reports a hole only once.
     hole_ = found < 0;
     if (hole_ || !IsOrdinary(packet)) return false;
     if (pending_) {
-      // Counts a packet without decoding it.
+      // Advances the reader's position without decoding.
       vorbis_synthesis_trackonly(&file_.vb, &latest_header_);
       vorbis_synthesis_blockin(&file_.vd, &file_.vb);
     }
@@ -232,7 +232,7 @@ class VorbisWorkers {
     ogg_stream_packetout(&file_.os, nullptr);
     return true;
   }
-  // The library's own step to the next page of the stream. False where the file ends, before the
+  // Moves to the next page as the library does. Returns false at the end of the file, before the
   // next link, and in a packet that is too long.
   bool TakePage() {
     if (file_.os.body_fill - file_.os.body_returned > kMaxPacketBytes) return false;
@@ -251,15 +251,15 @@ class VorbisWorkers {
         ogg_stream_pagein(&file_.os, &page);
         return true;
       } else if (ogg_page_bos(&page) != 0) {
-        // For the library to find again.
+        // Let the library find it again.
         file_.oy.returned -= static_cast<int>(size);
         return false;
       } else {
-        file_.offset += size;  // another stream's
+        file_.offset += size;  // page of another stream
       }
     }
   }
-  // True for a packet that yields a whole block.
+  // True if the packet yields a whole block.
   bool IsOrdinary(ogg_packet& packet) {
     return packet.bytes <= kMaxPacketBytes && packet.e_o_s == 0 && packet.granulepos >= -1 &&
            packet.granulepos < kMaxPosition && vorbis_synthesis_trackonly(&file_.vb, &packet) == 0;
@@ -311,24 +311,24 @@ class VorbisWorkers {
   const std::size_t channels_;
   const std::size_t packets_of_group_;
 
-  // The latest packet taken. While `pending_`, the library's reader does not count it yet.
+  // The latest packet taken. While `pending_`, the library's reader has not counted it.
   std::vector<unsigned char> latest_;
   ogg_packet latest_header_ = {};
   bool pending_ = false;
   bool ended_ = false;
   bool hole_ = false;
 
-  // Used as a ring. Counts of groups follow: read <= started <= filled.
+  // A ring. The counts of groups satisfy read_ <= started_ <= filled_.
   std::vector<Group> groups_;
   std::size_t read_ = 0;
   std::size_t started_ = 0;  // guarded by the lock
   std::size_t filled_ = 0;   // guarded by the lock where the workers read it
-  // In the group that is read.
+  // Position in the group being read.
   std::size_t block_ = 0;
   std::size_t code_ = 0;
   std::size_t block_end_ = 0;
 
-  std::fenv_t environment_ = {};  // of the reading thread: how it rounds
+  std::fenv_t environment_ = {};  // the reading thread's rounding mode
   std::atomic<bool> cancelled_{false};
   std::mutex mutex_;
   std::condition_variable filled_changed_;
