@@ -1,4 +1,4 @@
-// Channels as a user lists them and as a mask, bit 0 for channel 0.
+// Converts channel lists on the command line to masks, bit 0 for channel 0.
 #pragma once
 
 #include <cstdint>
@@ -8,17 +8,17 @@
 
 namespace marlinda {
 
-// "0,1": channel numbers from 0 to 31 with commas between them; naming one twice changes nothing.
-// Throws std::invalid_argument with a reason in words.
+// Parses channel numbers from 0 to 31, separated by commas: "0,1". Duplicates are ignored. Throws
+// std::invalid_argument with the reason.
 std::uint32_t ParseChannelMask(std::string_view text);
 
-// The channels of the mask that audio of so many channels has.
+// Returns the mask's channels below `channels`.
 std::vector<int> ChannelsOf(std::uint32_t mask, int channels);
 
 // "1 channel", "2 channels".
 std::string ChannelCount(int channels);
 
-// Throws std::invalid_argument when the mask names a channel that the audio does not have.
+// Throws std::invalid_argument if the mask contains a channel that the audio lacks.
 void RequireChannels(std::uint32_t mask, int channels);
 
 }  // namespace marlinda

@@ -1,4 +1,4 @@
-// Readers that change what another one reads.
+// Readers that modify the samples of another reader.
 #pragma once
 
 #include <marlinda.h>
@@ -15,7 +15,7 @@ namespace marlinda {
 
 using ReadFunction = std::function<HRESULT(IAudioReader*, __int64, SAFEARRAY*)>;
 
-// The engine calls it through its table alone, so its dispatch interface is empty.
+// The engine calls the reader through its vtable only, so the dispatch methods are not implemented.
 class FunctionReader final : public IAudioReader {
  public:
   FunctionReader(IAudioReader* source, ReadFunction read)
@@ -70,20 +70,21 @@ class FunctionReader final : public IAudioReader {
   std::atomic<ULONG> references_{1};
 };
 
-// Reads with `read(source, position, array)`, on the threads that call the reader.
+// Returns a reader that calls `read(source, position, array)` on its client's threads.
 inline ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   ComPtr<IAudioReader> reader;
   *reader.GetAddressOf() = new FunctionReader(source, std::move(read));
   return reader;
 }
 
-// For exports at 24 and 32 bits. The engine scales such samples by 2^31, where +1.0 does not fit
-// and becomes the lowest code: samples of 1.0 and above arrive as the greatest float below 1.0.
+// For exports at 24 and 32 bits. The engine scales these samples by 2^31, where +1.0 does not fit
+// and becomes the lowest code. Therefore samples of 1.0 and above become the greatest float below
+// 1.0.
 inline ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
   return ReadWith(source, [](IAudioReader* clamped, __int64 position, SAFEARRAY* array) {
     constexpr float kLargestSample = 0x1.fffffep-1F;
     const HRESULT hr = clamped->ReadAudio(position, array);
-    // The source has refused every array that is no array of floats.
+    // The source has refused every array but one of floats.
     if (SUCCEEDED(hr)) {
       const std::span samples(static_cast<float*>(array->pvData), array->rgsabound[0].cElements);
       for (float& sample : samples) sample = std::min(sample, kLargestSample);

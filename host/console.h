@@ -1,4 +1,4 @@
-// The terminal: UTF-8 arguments and output, where a progress bar may be drawn, and Ctrl+C.
+// The terminal: UTF-8 arguments and output, progress, keys and Ctrl+C.
 #pragma once
 
 #include <windows.h>
@@ -13,8 +13,8 @@ namespace marlinda {
 
 class Console {
  public:
-  // While one lives, a second Ctrl+C changes nothing: the file that is being written, or the take
-  // that is being recorded, is finished in moments and must not be left broken.
+  // While an object exists, a second Ctrl+C is ignored: the file or take in progress is finished
+  // shortly and must not be left broken.
   class Finishing {
    public:
     Finishing();
@@ -23,8 +23,8 @@ class Console {
     Finishing& operator=(const Finishing&) = delete;
   };
 
-  // From here on output is UTF-8 and Ctrl+C no longer ends the program but sets Interrupted; a
-  // second Ctrl+C ends it at once with the status of an interruption.
+  // Sets output to UTF-8. The first Ctrl+C sets Interrupted instead of ending the program; a second
+  // one ends it at once with the status of an interruption.
   Console();
   ~Console();
   Console(const Console&) = delete;
@@ -33,29 +33,29 @@ class Console {
   // The command line without the program's name.
   static std::vector<std::string> Arguments();
 
-  // Progress as lines instead of a bar, wherever standard error goes.
+  // Reports progress as lines on standard error instead of a bar.
   void WriteProgressLines() { progress_lines_ = true; }
-  // The bar is for a terminal only.
+  // The bar is only drawn on a terminal.
   ProgressOutput Progress() const;
 
   bool Interrupted() const;
-  // For a command that has ended its work because of Ctrl+C and has yet to save it: the next Ctrl+C
-  // is a first one again.
+  // Resets Interrupted, so that the next Ctrl+C counts as the first. For a command that ends its
+  // work on Ctrl+C and then saves it.
   void ForgetInterrupt() const;
 
-  // Waits at most so long, less when interrupted, and serves the window messages that the
-  // single-threaded apartment lives by.
+  // Waits until `milliseconds` have passed or Ctrl+C is pressed. Dispatches window messages, which
+  // the single-threaded apartment needs.
   void Wait(DWORD milliseconds) const;
 
-  // True when standard input is a terminal; ReadKey returns its keys.
+  // True if standard input is a terminal; ReadKey returns its keys.
   bool HasKeyboard() const;
-  // The virtual-key code of the next key that is pressed; nothing after so long without one, or
-  // when interrupted. Serves window messages like Wait.
+  // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or when
+  // interrupted. Dispatches window messages like Wait.
   std::optional<WORD> ReadKey(DWORD milliseconds) const;
 
-  // Data on standard output.
+  // Writes data to standard output.
   void Print(const std::string& text) const;
-  // A message on standard error, with the program's name before it.
+  // Writes a message to standard error, after the program's name.
   void Tell(const std::string& message) const;
 
  private:

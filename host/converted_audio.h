@@ -1,4 +1,4 @@
-// Imported audio in another sample rate or number of channels.
+// Converts imported audio to another sample rate or number of channels.
 #pragma once
 
 #include <converter.h>
@@ -31,7 +31,7 @@ inline ComPtr<IFormatConverter> NewConverter(const AudioFormat& from, const Audi
   return converter;
 }
 
-// Writes what the converter has ready, at most `wanted` frames of it; returns their number.
+// Writes at most `wanted` frames of the converter's output and returns the number written.
 inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SHORT channels,
                            __int64 wanted) {
   SAFEARRAY* output = nullptr;
@@ -49,19 +49,19 @@ inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SH
   return wanted;
 }
 
-// The format of an output; that of the input where nothing else is asked for.
+// Returns the output's format: the input's, with `rate` and `channels` replaced if given.
 inline AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
                                 std::optional<int> channels) {
   return {static_cast<LONG>(rate.value_or(from.rate)),
           static_cast<SHORT>(channels.value_or(from.channels))};
 }
 
-// Throws a HostError when Converter.dll is missing or cannot convert between the formats.
+// Throws a HostError if Converter.dll is missing or cannot convert between the formats.
 inline void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
   NewConverter(from, to);
 }
 
-// Positions in frames of one sample rate, in those of another.
+// Converts positions from one sample rate to another.
 inline Annotations AtRate(Annotations annotations, LONG from, LONG to) {
   for (Label& label : annotations.labels) {
     label.position = ConvertSampleCount(label.position, from, to);
@@ -73,7 +73,7 @@ inline Annotations AtRate(Annotations annotations, LONG from, LONG to) {
   return annotations;
 }
 
-// Converts the audio into a pool of its own; audio in the format `to` is returned as it is.
+// Converts the audio into a new pool. Audio that has the format `to` is returned unchanged.
 inline ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
                                   const Console& console) {
   const AudioFormat& from = audio.format;
@@ -89,7 +89,7 @@ inline ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat&
   __int64 written = 0;
   for (__int64 at = 0; written < total; at += kBlockFrames) {
     if (console.Interrupted()) throw NothingWritten("");
-    // Silence behind the end brings out the last frames, which the converter's filter holds back.
+    // Silence after the end flushes the last frames from the converter's filter.
     const __int64 frames = std::clamp<__int64>(audio.frames - at, 0, kBlockFrames);
     const FloatArray block(
         static_cast<std::size_t>((frames > 0 ? frames : kBlockFrames) * from.channels));

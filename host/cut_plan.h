@@ -1,5 +1,5 @@
-// What a cut does, worked out in frames before anything is touched: which pieces are joined, where
-// silence goes, where labels and markers lie in the result.
+// The plan of a cut in frames, made before any file is written: pieces, silence, labels and markers
+// of the result.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,8 @@
 
 namespace marlinda {
 
-// Runs `read` for every text of one option and adds the option's name to a refusal.
+// Calls `read` for each value of an option and puts the option's name before the reason of a
+// failure.
 template <class Read>
 void ForEachText(const char* option, const std::vector<std::string>& texts, Read read) {
   for (const std::string& text : texts) {
@@ -32,7 +33,7 @@ inline void Lengthen(std::int64_t& length, std::int64_t by) {
   length += by;
 }
 
-// The options as they were written on the command line.
+// The options as written on the command line.
 struct CutRequest {
   std::vector<std::string> keep = {};      // BEGIN:END
   std::vector<std::string> silences = {};  // AT:SECONDS
@@ -45,8 +46,8 @@ struct SilenceInsertion {
   std::int64_t length = 0;
 };
 
-// To be carried out in this order: the pieces are joined, each silence is inserted into what is
-// there by then, and labels and markers lie in the finished result.
+// Carry out in this order: join the pieces, insert each silence into the result so far, then add
+// labels and markers at positions of the finished result.
 struct CutPlan {
   std::vector<FrameRange> pieces;
   std::vector<SilenceInsertion> silences;
@@ -54,8 +55,8 @@ struct CutPlan {
   std::int64_t length = 0;
 };
 
-// Reads the options as far as that is possible without the audio, so that a slip of the pen is
-// reported before a long import. Throws std::invalid_argument with a sentence naming the option.
+// Checks the options' syntax, so that a typing error is reported before a long import. Throws
+// std::invalid_argument that names the option.
 inline void CheckSyntax(const CutRequest& request) {
   ForEachText("--keep", request.keep, [](const std::string& text) { ParseRange(text); });
   ForEachText("--silence", request.silences, [](const std::string& text) { ParseSpan(text); });
@@ -63,8 +64,8 @@ inline void CheckSyntax(const CutRequest& request) {
   ForEachText("--marker", request.markers, [](const std::string& text) { ParseNamedRange(text); });
 }
 
-// Throws std::invalid_argument with a sentence naming the option, also for a range that is empty or
-// backward and for a position outside the audio: nothing is moved or clipped silently.
+// Throws std::invalid_argument that names the option. Empty or backward ranges and positions
+// outside the audio are errors, never clipped.
 inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEachText("--keep", request.keep, [&](const std::string& text) {

@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
-// Never nothing, whose meaning is the system's own; clang-tidy does not see that nothing is never
-// asked for.
+// Never allocate 0 bytes, whose result depends on the system. The library never does, but
+// clang-tidy cannot see that.
 #define STBIW_MALLOC(size) std::malloc(static_cast<std::size_t>(size) | 1)
 #define STBIW_REALLOC(block, size) std::realloc(block, size)
 #define STBIW_FREE(block) std::free(block)
@@ -27,7 +27,7 @@ namespace marlinda {
 namespace {
 
 constexpr int kHeight = 320;
-constexpr int kRoom = 32;  // for each lane of many, more than the least
+constexpr int kRoom = 32;  // for each of many lanes, above the minimum
 
 constexpr int kMinSide = 32;
 constexpr int kMaxSide = 16384;
@@ -45,7 +45,7 @@ std::string Png(const Drawing& drawing) {
   return content;
 }
 
-// For each column the root mean square of each channel.
+// Returns the root mean square of each channel in each column.
 std::vector<float> RootMeanSquares(IAudioReader* reader, const FrameRange& range,
                                    std::size_t columns, std::size_t channels) {
   std::vector<double> sums(columns * channels);
@@ -104,8 +104,8 @@ PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
   Check(reader->GetSampleCount(&frames));
 
   const FrameRange range = ResolveRange(request, frames, rate);
-  // Columns that nothing is drawn into keep their value: silence. The method wants floats, whatever
-  // the type library declares.
+  // Columns without samples keep the initial value, silence. The method expects floats, although
+  // the type library declares another type.
   const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
                            static_cast<std::size_t>(channels));
   Check(document->ReadWaveplot(range.begin, range.end, columns.get()));

@@ -1,4 +1,4 @@
-// The picture of a document, drawn from the engine's overview of it.
+// Draws a document from the engine's overview of it.
 #pragma once
 
 #include <marlinda.h>
@@ -14,17 +14,17 @@ namespace marlinda {
 struct PictureRequest {
   std::string file;                // .png or .svg
   int width = 1200;                // pixels
-  std::optional<int> height = {};  // 320, or more where many channels need it
+  std::optional<int> height = {};  // default: 320, more for many channels
   TimeRange range = {};
   PictureStyle style = {};
   bool rms =
       false;  // also draws the root mean square of each column, for which all samples are read
 };
 
-// Checks the request before the long import. Throws a HostError.
+// Checks the request; call it before a long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
-// The frames to draw. Throws a HostError.
+// Returns the frames to draw. Throws a HostError.
 FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate);
 
 struct PictureSize {
@@ -32,7 +32,7 @@ struct PictureSize {
   int height;
 };
 
-// Draws the document with these labels and markers. Throws a HostError.
+// Draws the document with the given labels and markers. Throws a HostError.
 PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
                          const PictureRequest& request);
 

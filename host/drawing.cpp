@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-// The rasteriser takes the place of a corner from a type of the caller's, here one with room for
-// any picture.
+// The rasteriser lets its user define the vertex type. Its floats
+// hold the coordinates of any picture.
 struct RasterVertex {
   float x, y, cx, cy, cx1, cy1;
   unsigned char type, padding;
@@ -23,7 +23,7 @@ struct RasterVertex {
 namespace marlinda {
 namespace {
 
-// How far a curve may run beside the lines that stand for it.
+// Maximum distance in pixels between a curve and the lines that approximate it.
 constexpr float kFlatness = 0.1F;
 
 RasterVertex ToVertex(const Outline::Step& step) {
@@ -39,7 +39,7 @@ RasterVertex ToVertex(const Outline::Step& step) {
           0};
 }
 
-// One decimal place more than a screen shows, without needless zeros.
+// One decimal more than a screen shows, without trailing zeros.
 std::string Coordinate(double value) {
   char text[32];
   std::snprintf(text, sizeof text, "%.7g", std::round(value * 100) / 100);
@@ -97,7 +97,7 @@ std::vector<std::uint8_t> Drawing::Pixels() const {
   std::vector<unsigned char> coverage;
   std::vector<RasterVertex> vertices;
   for (const auto& [outline, colour, opacity, offset] : shapes_) {
-    // The pixels that the shape may touch, its curves' control points included.
+    // The pixels that the shape may touch, including its curves' control points.
     double left = width_;
     double top = height_;
     double right = 0;

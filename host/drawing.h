@@ -1,5 +1,4 @@
-// A drawing of filled shapes, which becomes pixels or an SVG document. Lengths are pixels; y points
-// down.
+// A drawing of filled shapes, output as pixels or SVG. Lengths are pixels; y points down.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +19,11 @@ struct Point {
   double y = 0;
 };
 
-// One or more closed outlines. What lies in several that turn the same way round is inside once; in
-// two that turn in opposite ways it is outside.
+// One or more closed outlines, filled by the non-zero rule: an area inside two outlines is filled
+// if they have the same direction, and empty if they have opposite directions.
 class Outline {
  public:
-  // A step of an outline: to `to` in a straight line, or in a cubic Bézier curve.
+  // A straight line or cubic Bézier curve to `to`.
   struct Step {
     enum class Kind : std::uint8_t { kMove, kLine, kCurve };
     Kind kind = Kind::kMove;
@@ -39,7 +38,7 @@ class Outline {
     steps_.push_back({Step::Kind::kCurve, to, control1, control2});
   }
   void AddPolygon(const std::vector<Point>& corners);
-  // A straight line so wide.
+  // Adds a straight line of the given width.
   void AddLine(Point from, Point to, double width);
 
   const std::vector<Step>& steps() const noexcept { return steps_; }
@@ -55,14 +54,14 @@ class Drawing {
   int width() const noexcept { return width_; }
   int height() const noexcept { return height_; }
 
-  // Each covers what was drawn before; opacity is 0 to 1.
+  // A shape covers earlier ones. Opacity is 0 to 1.
   void Fill(Outline outline, Colour colour, double opacity = 1, Point offset = {});
   void FillRectangle(double x, double y, double width, double height, Colour colour,
                      double opacity = 1);
 
-  // Rows from the top, three bytes (RGB) a pixel, nothing between them. Edges are smooth.
+  // Returns packed RGB rows from the top, three bytes a pixel. Edges are smooth.
   std::vector<std::uint8_t> Pixels() const;
-  // SVG 1.1, in UTF-8.
+  // Returns SVG 1.1 in UTF-8.
   std::string Svg() const;
 
  private:

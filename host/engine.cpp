@@ -17,13 +17,13 @@ namespace {
 
 constexpr HRESULT kEndOfFile = static_cast<HRESULT>(0x80070026);
 
-// Start and Cancel of an audio connector return E_NOTIMPL, also on success.
+// An audio connector's Start and Cancel return E_NOTIMPL even on success.
 void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
 
-// Starts the task and waits for its end. False when it was interrupted and cancelled. The bar goes
-// from `done` by `share`.
+// Starts the task and waits for its end. Returns false if it was interrupted and cancelled. The bar
+// advances from `done` by `share`.
 bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double done = 0,
              double share = 1) {
   constexpr DWORD kPollMilliseconds = 20;
@@ -32,7 +32,7 @@ bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double d
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
     float progress = 0.0F;
-    // Before the check for the end, because a short task runs and ends between two polls.
+    // Before the check for the end: a short task can run and end between two polls.
     if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(done + share * progress);
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
@@ -48,9 +48,8 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   return reader->ReadAudio(position, frame.get());
 }
 
-// The built-in filter of the highest merit that accepts the file, chosen as the manager chooses.
-// Those that the manager has asked are not asked again: a hanging decoder takes them fifteen
-// seconds.
+// Returns the built-in filter of the highest merit that accepts the file, chosen as the manager
+// does. Skips filters that the manager has tried: a hanging decoder takes fifteen seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   const FilterList listed = ReadFilterList();
   ComPtr<IImportFilter> best;
@@ -89,9 +88,9 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   return filter;
 }
 
-// The parts in their order, each with a margin, and none touches another. Why: the peaks of a pool
-// depend on the blocks that it is given. Behind the first block, a part that begins between two
-// peaks has the peaks of the whole.
+// Sorts the parts, adds a margin to each and merges those that touch. The peaks of a pool depend on
+// the blocks written to it. With the margin, a part that begins between two peaks has the same
+// peaks as in the whole file.
 std::vector<FrameRange> Separate(std::vector<FrameRange> parts, __int64 frames) {
   constexpr __int64 kMaxBlockFrames = 16384;
   constexpr __int64 kFramesPerPeak = 256;
@@ -152,7 +151,7 @@ ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
 }
 
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio) {
-  // A document has no peaks, but its segments have.
+  // A document has no peaks itself, but its segments have.
   if (const auto other = TryQuery<IEditedAudio>(audio.reader.Get())) {
     Check(document->Insert(0, other.Get()));
   } else {
@@ -164,7 +163,7 @@ ComPtr<IAudioPool> NewPool() {
   auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
   const HRESULT hr = TryPoolFiles(pool.Get());
   if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
-  // Floats keep every bit of what a filter decodes.
+  // Floats keep every bit that a filter decodes.
   Check(pool->SetBitDepth(32, 0));
   return pool;
 }
@@ -231,7 +230,7 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
   __int64 peaks = 0;
   const HRESULT hr = pool->GetFileHandles(&audio, &peaks);
   if (FAILED(hr) || audio != 0) return hr;
-  // The pool has no file for samples. Only a write reports the reason.
+  // The pool has no file for samples. Only a write reports why.
   const auto writer = Query<IAudioWriter>(pool);
   Check(writer->SetFormat(44100, 1));
   return writer->WriteAudio(FloatArray(1).get());
@@ -278,7 +277,7 @@ std::optional<std::int64_t> Source::BitRate() const {
 
 std::optional<__int64> Source::Frames() const {
   __int64 frames = 0;
-  // Negative when the filter knows the length only after decoding.
+  // Negative if the filter knows the length only after decoding.
   if (FAILED(filter_->GetSourceSampleCount(&frames)) || frames < 0) return std::nullopt;
   return frames;
 }
@@ -374,7 +373,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   const auto [none, format, frames] = Expected().value();
   const __int64 length = part.end - part.begin;
   if (length < frames) Select(part);
-  // The filter sets the same format again.
+  // The reader below needs the format now; the filter sets the same one again.
   Check(Query<IAudioWriter>(pool_.Get())->SetFormat(format.rate, format.channels));
   const auto take = CreateObject<IAudioPoolReader>(CLSID_CAudioPoolReader, "CAudioPoolReader");
   const __int64 bytes = length * format.channels * static_cast<__int64>(sizeof(float));
@@ -383,11 +382,11 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   Check(task->Start());
   const auto wait_and_read = [task](IAudioReader* reader, __int64 position, SAFEARRAY* array) {
     for (;;) {
-      // Asked before the read, which then sees all that an ended import has written.
+      // Before the read, so that a read after the import sees all its frames.
       VARIANT_BOOL running = VARIANT_FALSE;
       task->QueryIsTaskRunning(&running);
       if (running == VARIANT_FALSE) {
-        // Silence behind the end: after an error, playing would leave out what is queued.
+        // Fill with silence: after an error, playing would drop queued audio.
         std::fill_n(static_cast<float*>(array->pvData), array->rgsabound[0].cElements, 0.0F);
       }
       const HRESULT hr = reader->ReadAudio(position, array);
@@ -417,7 +416,7 @@ ImportedAudio Source::TakeOfRun(const Console& console) const {
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // The import passes over failed writes, but then the pool's file is shorter than its take.
+  // The import ignores failed writes, but then the pool's file is shorter than its take.
   const HRESULT last = ReadOneFrame(audio.reader.Get(), audio.frames - 1, audio.format.channels);
   if (last == kEndOfFile) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
@@ -425,7 +424,7 @@ ImportedAudio Source::TakeOfRun(const Console& console) const {
                     "\"Temporary\" of HKEY_CURRENT_USER\\Software\\Brevant\\Cutloom\\Directories.");
   }
   if (FAILED(last)) throw Explain(last, kTemporaryFolder, ExitStatus::kOutput);
-  // Asked at the end, because the length of a compressed file may be an estimate until then.
+  // At the end, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = Frames();
   const auto task = TryQuery<ICoreTask>(filter_.Get());
   if (promised && audio.frames < *promised) {
@@ -470,7 +469,7 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   Check(reader->GetSampleCount(&frames));
   RequireRoom(frames, format, bits);
 
-  // Before an existing file is emptied for nothing.
+  // Before an existing file is truncated.
   if (console.Interrupted()) throw NothingWritten(file_);
 
   const Console::Finishing finishing;
@@ -520,7 +519,7 @@ void FileExport::HandOver() {
 
 std::optional<WaveFileFacts> FileExport::Examine() const {
   if (!is_wave_) {
-    // The filter removes a file that it could not write whole.
+    // The filter removes an incomplete file.
     std::error_code error;
     const auto bytes = std::filesystem::file_size(PathOf(file_), error);
     if (error) return std::nullopt;

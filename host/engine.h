@@ -1,5 +1,5 @@
-// The host's side of the engine: objects created by class identifier and driven through their
-// interfaces alone. Every failure is thrown as a HostError that names the file or the class.
+// Client of the engine: creates objects by class identifier and uses only their interfaces.
+// Failures throw a HostError that names the file or the class.
 #pragma once
 
 #include <marlinda.h>
@@ -23,13 +23,13 @@
 
 namespace marlinda {
 
-// The subject of messages about the pool's files.
+// Names the pool's files in messages.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
-// S_OK if a new pool has a file for its samples, otherwise the reason why it has none.
+// Returns S_OK if a new pool has a file for its samples, otherwise the reason why not.
 HRESULT TryPoolFiles(IAudioPool* pool);
 
-// Creates an object or throws with the remedy for a class that is not registered.
+// Creates an object. Throws with a remedy if the class is not registered.
 template <class I>
 ComPtr<I> CreateObject(REFCLSID class_id, const char* class_name) {
   ComPtr<I> object;
@@ -38,7 +38,7 @@ ComPtr<I> CreateObject(REFCLSID class_id, const char* class_name) {
   return object;
 }
 
-// Another interface of an object that cannot be without it.
+// Queries an interface that the object must have.
 template <class I>
 ComPtr<I> Query(IUnknown* object) {
   ComPtr<I> result = TryQuery<I>(object);
@@ -46,7 +46,7 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
-// A one-dimensional array of floats, all 0 at first, as the interfaces take it.
+// A one-dimensional SAFEARRAY of floats, initially 0, as the interfaces require.
 class FloatArray {
  public:
   explicit FloatArray(std::size_t count)
@@ -54,7 +54,7 @@ class FloatArray {
     if (array_ == nullptr) throw std::bad_alloc();
     std::ranges::fill(samples(), 0.0F);
   }
-  // Takes over an array of floats.
+  // Takes ownership of an array of floats.
   explicit FloatArray(SAFEARRAY* array) : array_(array) {}
   FloatArray(const FloatArray&) = delete;
   FloatArray& operator=(const FloatArray&) = delete;
@@ -70,13 +70,13 @@ class FloatArray {
 };
 
 struct FilterIdentity {
-  std::string class_name;  // both empty when the object has no class information
+  std::string class_name;  // both empty if the object has no class information
   std::string class_id;
 };
 
 FilterIdentity IdentityOf(IUnknown* object);
 
-// For a command that was interrupted before it wrote anything about `subject`.
+// The error of a command that was interrupted before it wrote `subject`.
 HostError NothingWritten(const std::string& subject);
 
 struct AudioFormat {
@@ -89,7 +89,7 @@ struct AudioFormat {
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits);
 ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format);
 
-// Keeps a reader open while it lives.
+// Keeps a reader open during its lifetime.
 class OpenReader {
  public:
   explicit OpenReader(IAudioReader* reader) : reader_(reader) { Check(reader_->OpenDevice()); }
@@ -106,7 +106,7 @@ using BlockFunction = std::function<void(__int64 position, std::span<const float
 void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
                   const BlockFunction& take);
 
-// Labels and markers of an object; none where it has no such interfaces.
+// Labels and markers of an object; none if it lacks the interfaces.
 Annotations ReadAnnotations(IUnknown* object);
 void AddAnnotations(IUnknown* object, const Annotations& annotations);
 
@@ -120,23 +120,23 @@ struct ImportedAudio {
 // Fills an empty document with the audio.
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
-// A pool that stores floats. Throws when its files cannot be made.
+// Creates a pool that stores floats. Throws if its files cannot be created.
 ComPtr<IAudioPool> NewPool();
-// The latest take of the pool; without frames when there is none.
+// Returns the latest take of the pool; no frames if there is none.
 ImportedAudio LastTake(IAudioPool* pool);
 
-// An input file, the filter that reads it and, unless it goes elsewhere, the pool it is read into.
+// An input file, its import filter and, without another target, the pool that receives the audio.
 class Source {
  public:
-  // Asks the filter manager and, when that has no filter for the file, the built-in filters. With a
-  // target of its own the source has no pool, and the caller runs the import.
+  // Chooses the filter: the filter manager's, otherwise a built-in one. If `target` is given, the
+  // source has no pool, and the caller runs the import.
   explicit Source(const std::string& file, IAudioWriter* target = nullptr);
 
   const std::string& file() const { return file_; }
   IUnknown* filter_object() const { return filter_.Get(); }
   const FilterIdentity& filter() const { return identity_; }
 
-  // Properties that the filter reports before it decodes the file; nothing where it fails.
+  // Properties that the filter reports without decoding the file; nothing if it fails.
   std::optional<AudioFormat> Format() const;
   std::optional<int> BitsPerSample() const;
   std::optional<std::int64_t> BitRate() const;
@@ -145,23 +145,24 @@ class Source {
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
   std::optional<AcidData> ReadAcidData() const;
 
-  // Decodes the whole file. Reports on standard error when it holds less than it promises.
+  // Decodes the whole file. Reports on standard error if it holds less than it announces.
   ImportedAudio Import(const Console& console);
 
-  // What Import will return, without the reader, where the filter knows the exact length and can
-  // import any part of the file. The rest of these members need that.
+  // Returns the result of Import without its reader, or nothing unless the filter knows the exact
+  // length and can import any part of the file. The members below require a result.
   std::optional<ImportedAudio> Expected() const;
-  // Decodes these parts; elsewhere the audio is silent. Samples and peaks of the parts are the same
-  // as after Import. Decodes the whole file where it holds less than it promises.
+  // Decodes the parts; other frames are silent. Samples and peaks of the parts are the same as
+  // after Import. If the file holds less than it announces, decodes all of it.
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console);
   // Starts to decode a part and returns audio that is silent elsewhere. Its reader waits for frames
   // that are not decoded yet.
   ImportedAudio StartImport(const FrameRange& part);
-  // The frames that the started import has read, once it has ended. Reports and throws as Import.
+  // Returns the frames that the started import has read once it has ended, until then nothing.
+  // Reports and throws as Import does.
   std::optional<__int64> PollImport(const Console& console) const;
 
  private:
-  // Without a target, the pool.
+  // Initializes for `target`; if null, for the pool.
   void Initialize(IAudioWriter* target = nullptr);
   void Select(const FrameRange& part);
   ImportedAudio TakeOfRun(const Console& console) const;
@@ -173,32 +174,32 @@ class Source {
   ComPtr<IAudioPool> pool_;
 };
 
-// What a file holds beside its audio.
+// The texts of a file.
 struct FileTexts {
   Tags tags;
   Annotations annotations;
   std::optional<AcidData> acid = {};
 };
 
-// One file to be written: WAV or, by its extension, MP3 or WMA, which take the texts but neither
-// labels nor markers.
+// An output file: WAV or, by its extension, MP3 or WMA, which hold tags but no labels or markers.
 class FileExport {
  public:
-  // Refuses at once what could not be written after a long import: another extension, a folder that
-  // does not exist, one of the inputs itself.
+  // Checks before a long import. Throws for an unsupported extension, a missing folder, or a file
+  // that is also an input.
   FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
-  // To be set before Run.
+  // Call it before Run.
   void SetTexts(FileTexts texts) { texts_ = std::move(texts); }
 
-  // Throws when so much audio does not fit in a WAV file.
+  // Throws if the audio does not fit in a WAV file.
   void RequireRoom(__int64 frames, const AudioFormat& format, int bits) const;
 
-  // Writes the file and examines it. When interrupted, throws with kInterrupted and leaves a valid
-  // file of the part that was written; a file that is incomplete for another reason is removed.
-  // At 24 and 32 bits samples of full scale and above become the highest code. `bits` count for WAV
-  // alone; the result for other kinds has no more than the size of the file. `driver` is the task
-  // that runs the export filter's; without one the filter runs by itself.
+  // Writes the file and checks it. If interrupted, throws with kInterrupted and leaves a valid file
+  // of the part already written. Removes a file that is incomplete for another reason.
+  //
+  // At 24 and 32 bits, samples of full scale and above become the highest code. `bits` only applies
+  // to WAV; for other kinds the result holds only the file's size. `driver` is a task that runs the
+  // export filter; if null, the filter runs itself.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr);
 

@@ -23,7 +23,7 @@ FileHandle OpenFile(const std::string& file, DWORD access, DWORD disposition,
   return handle;
 }
 
-// True for names such as CON.wav, which open a device wherever they stand.
+// True for names such as CON.wav, which open a device in any folder.
 bool IsDevice(const std::wstring& name) {
   std::wstring full(GetFullPathNameW(name.c_str(), 0, nullptr, nullptr), L'\0');
   full.resize(
@@ -42,7 +42,7 @@ void RefuseNoFile(const std::string& file, ExitStatus status) {
   }
 }
 
-// The name itself when it fits; else the short name, where the file has one that fits.
+// Returns the name if it fits, otherwise the short name if the file has one that fits.
 std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
   std::wstring name = Widen(file);
   if (FitsCodePage(name)) return name;
@@ -95,7 +95,6 @@ void WriteWholeFile(const std::string& file, const std::string& content) {
   output.close();
   if (output) return;
   std::error_code ignored;
-  // A file that could not be opened stays.
   if (opened) std::filesystem::remove(path, ignored);
   throw HostError(ExitStatus::kOutput, file, "it could not be written",
                   "Check that the folder may be written to and the disk is not full.");

@@ -1,5 +1,4 @@
-// The list of import filters in the registry, where the engine's filter manager looks, and the
-// filters that come with the engine.
+// The filter manager's list of import filters in the registry, and the engine's built-in filters.
 #pragma once
 
 #include <windows.h>
@@ -10,28 +9,28 @@
 
 namespace marlinda {
 
-// As a user would find it in a registry editor.
+// In the form that a registry editor shows.
 extern const char* const kFilterListKey;
 
 struct ListedFilter {
   bool Names(REFCLSID id) const;
 
   std::string value_name;
-  std::string class_id;  // as written there, well formed or not
+  std::string class_id;  // unchecked text from the registry
 };
 
 struct FilterList {
   bool Holds(REFCLSID class_id) const;
 
   std::vector<ListedFilter> entries;  // in the order in which the manager tries them
-  // A value too long for the manager ends the list for it; those behind it are not in `entries`.
+  // A value too long for the manager ends the list. Later values are not in `entries`.
   bool cut_short = false;
 };
 
 // A missing key is an empty list. Throws a HostError.
 FilterList ReadFilterList();
 
-// Writes or removes one value. Throw a HostError; removing what is not there is no failure.
+// Both throw a HostError. Removing a missing value succeeds.
 void WriteListedFilter(const std::string& value_name, REFCLSID class_id);
 void RemoveListedFilter(const std::string& value_name);
 

@@ -1,4 +1,4 @@
-// Several input files one after another, as one.
+// JoinedSource: several input files in sequence, used as one.
 #pragma once
 
 #include <deque>
@@ -27,15 +27,16 @@ inline void Append(const Annotations& more, __int64 offset, Annotations& all) {
 
 class JoinedSource {
  public:
-  // Opens all files, at least one. Throws for the first that cannot be read.
+  // Opens all files; needs at least one. Throws for the first file that cannot be read.
   explicit JoinedSource(std::span<const std::string> files) {
     for (const std::string& file : files) sources_.emplace_back(file);
   }
 
-  // Its texts count for the whole.
+  // Its texts are used for the whole.
   const Source& first() const { return sources_.front(); }
 
-  // What Import will return, without the reader, where the exact length of all files is known.
+  // Returns the result of Import without its reader, or nothing if the exact length of a file is
+  // unknown.
   std::optional<ImportedAudio> Expected(std::optional<int> rate,
                                         std::optional<int> channels) const {
     std::optional<ImportedAudio> whole;
@@ -47,15 +48,15 @@ class JoinedSource {
     }
     return whole;
   }
-  // Decodes these parts of a single file, as Source does.
+  // Decodes parts of a single file, as Source does.
   bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
     annotations_ = first().ReadAnnotations();
     return sources_.front().ImportParts(std::move(parts), console);
   }
 
-  // Decodes all files. Those in another format than `rate` and `channels`, or than the first file
-  // where these are missing, are converted. Labels and markers move with their file.
+  // Decodes all files. Converts files that differ from `rate` and `channels`, or from the first
+  // file if these are not given. Labels and markers move with their file.
   ImportedAudio Import(std::optional<int> rate, std::optional<int> channels,
                        const Console& console) {
     ImportedAudio whole;
@@ -75,7 +76,7 @@ class JoinedSource {
     whole.reader = Query<IAudioReader>(document.Get());
     return whole;
   }
-  // Of the whole, after Import.
+  // Labels and markers of the whole. Valid after Import.
   const Annotations& annotations() const { return annotations_; }
 
  private:

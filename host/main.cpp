@@ -1,5 +1,5 @@
-// marlinda: the audio engine on the command line. This file holds the list of commands; each file
-// in host/commands adds one.
+// marlinda: the audio engine on the command line. This file lists the commands; host/commands holds
+// one file for each.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -18,7 +18,7 @@ constexpr const char* kExitStatuses =
     "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration,\n"
     "7 sound device, 130 interrupted.";
 
-// Shows of each option its name and form; the parser's types and limits read like code.
+// Shows only the name and form of each option; the parser's types and limits read like code.
 class PlainHelp final : public CLI::Formatter {
  public:
   std::string make_option_opts(const CLI::Option* option) const override {
@@ -26,7 +26,7 @@ class PlainHelp final : public CLI::Formatter {
   }
 };
 
-// The parser accepts a flag that is given twice; here that is a usage error.
+// Makes repeating a flag a usage error; the parser would accept it.
 void RefuseFlagsTwice(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* option : command->get_options()) {
@@ -37,7 +37,7 @@ void RefuseFlagsTwice(CLI::App& app) {
   }
 }
 
-// Names an unknown command; the parser would report only that a command is missing.
+// Reports an unknown command by name; the parser would only report that a command is missing.
 void RequireCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
   if (arguments.empty() || arguments[0].starts_with('-')) return;
   const auto is_named = [&](const CLI::App* command) { return command->check_name(arguments[0]); };
@@ -46,7 +46,7 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
                   "See \"marlinda --help\".");
 }
 
-// The error of a line that does not parse.
+// Returns the error for a command line that does not parse.
 HostError WrongLine(const CLI::App& app, const std::vector<std::string>& arguments,
                     const std::string& reason) {
   if (arguments.empty() || arguments[0].starts_with('-')) {
@@ -87,7 +87,7 @@ int Run(Console& console) {
   }
   RequireCommand(app, arguments);
   try {
-    // The parser takes them in reverse.
+    // The parser expects them in reverse.
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0) throw WrongLine(app, arguments, error.what());

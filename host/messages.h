@@ -1,4 +1,4 @@
-// Messages about failures, and the exit status of each.
+// Failure messages and their exit statuses.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace marlinda {
 
-// 5 stays free, because a program that crashed ends with it.
+// 5 is unused, because a crashed program exits with it.
 enum class ExitStatus {
   kSuccess = 0,
   kFailure = 1,
@@ -19,8 +19,7 @@ enum class ExitStatus {
   kInterrupted = 130,
 };
 
-// A failure on its way to main: which file, class or option it is about, the reason and, where
-// there is one, the remedy.
+// A failure: the file, class or option concerned, the reason and optionally a remedy.
 class HostError : public std::exception {
  public:
   HostError(ExitStatus status, std::string subject, std::string reason, std::string remedy = "");
@@ -29,7 +28,7 @@ class HostError : public std::exception {
   const std::string& subject() const noexcept { return subject_; }
   const std::string& reason() const noexcept { return reason_; }
   const std::string& remedy() const noexcept { return remedy_; }
-  // "subject: reason", and the remedy on a line of its own.
+  // "subject: reason", then the remedy on a second line.
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:
@@ -40,14 +39,14 @@ class HostError : public std::exception {
   std::string text_;
 };
 
-// A wrong command line of `command`, about `subject` where one argument is to blame.
+// A usage error of `command`; `subject` names the wrong argument, if it is a single one.
 HostError UsageError(const std::string& command, std::string reason, std::string subject = "");
 
-// How to make the engine's classes known, for whatever failed for want of them.
+// The remedy for classes that are not registered.
 extern const char* const kRegistrationRemedy;
 
-// The failure `hresult` of the system or the engine, about `subject`. A result that shows by itself
-// what is wrong (a full disk, a missing class) decides the status; otherwise it is `otherwise`.
+// Describes the failure `hresult` of the system or the engine. Results with a clear cause (a full
+// disk, a missing class) have their own status; all others get `otherwise`.
 HostError Explain(std::int32_t hresult, std::string subject, ExitStatus otherwise);
 
 }  // namespace marlinda

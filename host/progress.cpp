@@ -46,7 +46,7 @@ StatusLine::~StatusLine() {
 
 void StatusLine::Show(const std::string& line) {
   if (out_ == nullptr || line == shown_) return;
-  // Spaces overwrite the rest of a longer last line.
+  // Spaces overwrite the end of a longer previous line.
   const std::size_t rest = shown_.size() > line.size() ? shown_.size() - line.size() : 0;
   *out_ << "\r" + line + std::string(rest, ' ') << std::flush;
   shown_ = line + std::string(rest, ' ');

@@ -1,4 +1,4 @@
-// Progress of a command: one line of a terminal that is drawn again and again.
+// Progress of a command, drawn repeatedly on one line of the terminal.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 
 namespace marlinda {
 
-// Draws a line of text over the last one and wipes it at the end. Draws nothing when `out` is null,
-// which is how a caller keeps it out of files and pipes.
+// Draws each line over the last one and clears it at the end. Draws nothing if `out` is null, as
+// for files and pipes.
 class StatusLine {
  public:
   explicit StatusLine(std::ostream* out) : out_(out) {}
@@ -19,7 +19,7 @@ class StatusLine {
   StatusLine(const StatusLine&) = delete;
   StatusLine& operator=(const StatusLine&) = delete;
 
-  // Draws only when the line changes. ASCII.
+  // Draws only if the line has changed. Use ASCII.
   void Show(const std::string& line);
 
  private:
@@ -27,24 +27,23 @@ class StatusLine {
   std::string shown_;
 };
 
-// "title [#####     ]  50 %"; a fraction outside 0 to 1, or none (NaN), is shown as the nearest
-// end.
+// Returns "title [#####     ]  50 %". A fraction outside 0 to 1 is clamped; NaN counts as 0.
 std::string ProgressLine(std::string_view title, double fraction);
 
 // Where progress goes.
 struct ProgressOutput {
-  std::ostream* terminal = nullptr;  // a line that is drawn again and again, for a person
+  std::ostream* terminal = nullptr;  // one line, redrawn for a person
   std::ostream* lines = nullptr;     // a line for each whole percent, for a program
 };
 
-// How far a long task is.
+// Shows the progress of a long task.
 class ProgressBar {
  public:
   ProgressBar(const ProgressOutput& out, std::string title)
       : line_(out.terminal), lines_(out.lines), title_(std::move(title)) {}
 
   void Show(double fraction) { Show(ProgressLine(title_, fraction), fraction); }
-  // With a text of the caller's for the terminal.
+  // Shows `text` on the terminal instead of the bar.
   void Show(const std::string& text, double fraction);
 
  private:
@@ -54,9 +53,9 @@ class ProgressBar {
   int percent_ = -1;
 };
 
-// The line of play, scrub and record: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [#### ]", a
-// bar for each of the levels, which stretches from -60 dB to full scale and ends in "!" at full
-// scale and above. Fits in 79 columns as long as the channels leave each bar three.
+// The line of play, scrub and record: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [#### ]",
+// with a bar for each level. A bar covers -60 dB to full scale and ends in "!" at full scale and
+// above. The line fits in 79 columns if each bar can have at least three.
 std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
                           std::int32_t rate, std::span<const float> levels);
 

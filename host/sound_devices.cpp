@@ -74,7 +74,7 @@ SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format) {
   const auto writer = Query<IAudioWriter>(playback.Get());
   Check(playback->SetDevice(static_cast<ULONG>(device.number())));
   for (const SHORT bits : kBitsToTry) {
-    // Stores the format and claims by its result that it did not.
+    // SetFormat stores the format and returns E_NOTIMPL; ignore the result.
     playback->SetFormat(format.rate, format.channels, bits);
     if (FAILED(writer->OpenDevice())) continue;
     writer->CloseDevice();

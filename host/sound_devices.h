@@ -1,4 +1,4 @@
-// The sound devices of the system, and messages about devices that cannot be used.
+// The system's sound devices, and errors of devices that cannot be used.
 #pragma once
 
 #include <marlinda.h>
@@ -17,21 +17,20 @@ struct SoundDevice {
   int channels = 0;
 };
 
-// In the order of their indexes, which count from 0.
+// Ordered by index, from 0.
 std::vector<SoundDevice> OutputDevices();
 std::vector<SoundDevice> InputDevices();
 
-// An output or input as the engine's interfaces take it: an index, or the system's default without
-// one.
+// An output or input device: an index or, without one, the system's default.
 class DeviceChoice {
  public:
-  // Throws a HostError when there is no such device, or none at all.
+  // Both throw a HostError if the device does not exist, or there is none.
   static DeviceChoice OfOutputs(std::optional<int> index);
   static DeviceChoice OfInputs(std::optional<int> index);
 
   LONG number() const { return index_.value_or(-1); }
   const std::optional<int>& index() const { return index_; }
-  // "sound device 0 (speaker)", to begin a message with.
+  // The begin of a message, such as "sound device 0 (speaker)".
   const std::string& description() const { return description_; }
 
  private:
@@ -41,16 +40,16 @@ class DeviceChoice {
   std::string description_;
 };
 
-// The bits per sample to use the device with: 32, which is float and keeps what there is, or else
-// 16. The device is opened and closed for it, because a playing document does not report that its
-// device would not open. Throws a HostError when it opens with neither.
+// Returns the bits per sample to use: 32 (float) if the device opens with it, otherwise 16. Opens
+// and closes the device to find out, because a playing document does not report a device that fails
+// to open. Throws a HostError if it opens with neither.
 SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format);
 
-// Opens the device for recording in the same way; the grabber is open afterwards. Throws a
-// HostError.
+// Opens the device for recording, with the bits chosen in the same way. Returns the open grabber.
+// Throws a HostError.
 ComPtr<IAudioReader> OpenGrabber(const DeviceChoice& device, const AudioFormat& format);
 
-// The device stood still in the middle of its work.
+// The error of a device that stalled while in use.
 HostError DeviceLost(const DeviceChoice& device, const std::string& what);
 
 }  // namespace marlinda

@@ -1,4 +1,4 @@
-// The outlines of texts in the fonts of the system.
+// Outlines of text in the system's fonts.
 #pragma once
 
 #include <windows.h>
@@ -30,7 +30,7 @@ struct DeviceContextTraits {
 
 inline int CALLBACK CollectFace(const LOGFONTW* font, const TEXTMETRICW*, DWORD type,
                                 LPARAM faces) {
-  // Names that begin with @ are the same fonts turned for vertical writing.
+  // Names that begin with @ are fonts rotated for vertical writing.
   if ((type & TRUETYPE_FONTTYPE) != 0 && font->lfFaceName[0] != L'@') {
     reinterpret_cast<std::vector<std::wstring>*>(faces)->emplace_back(font->lfFaceName);
   }
@@ -73,7 +73,7 @@ class Fonts {
   }
 
  private:
-  // Outlines have whole coordinates, so they are taken large and made smaller.
+  // Outlines have integer coordinates, so they are read at a large size and scaled down.
   static constexpr int kEm = 2000;
   static constexpr double kScale = 11.0 / kEm;  // to pixels
 
@@ -87,7 +87,7 @@ class Fonts {
     selected_ = face;
   }
 
-  // The first font that has the character, or the first of all.
+  // Returns the first font that has the character, otherwise the first font.
   std::size_t FaceOf(wchar_t character) {
     const auto [known, is_new] = face_of_.try_emplace(character, 0);
     for (std::size_t face = 0; is_new && face < faces_.size(); ++face) {
@@ -136,8 +136,8 @@ class Fonts {
   std::map<wchar_t, std::size_t> face_of_;
 };
 
-// Shapes one line of UTF-8, control characters as spaces. Each character comes from the usual font
-// of the system or, where that lacks it, from the first other one that has it.
+// Shapes one line of UTF-8 text. Control characters become spaces. A character that the system's
+// usual font lacks comes from the first other font that has it.
 inline ShapeText SystemFonts() {
   return
       [fonts = std::make_shared<Fonts>()](const std::string& text) { return fonts->Shape(text); };

@@ -21,7 +21,7 @@ bool IsAllDigits(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// The number that `digits` spell; no digits are 0.
+// Parses digits; an empty text is 0.
 std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
   std::int64_t value = 0;
   if (digits.empty()) return value;
@@ -36,7 +36,7 @@ std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
          "as 44100f");
 }
 
-// The seconds of "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS".
+// Parses "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS" and returns seconds.
 std::int64_t ParseClock(std::string_view clock, std::string_view text) {
   constexpr std::size_t kMaxHourDigits = 12;
   const std::size_t first = std::min(clock.find(':'), clock.size());
@@ -75,7 +75,7 @@ TwoTexts CutAt(std::string_view text, std::size_t colon) {
   return {text.substr(0, colon), text.substr(colon + 1)};
 }
 
-// Cuts "TIME:TIME". Times may hold colons themselves, so every colon is tried. Nothing when no
+// Splits "TIME:TIME". Times may contain colons, so every colon is tried. Returns nothing if no
 // colon has a time on each side.
 std::optional<TwoTexts> CutTimes(std::string_view text, bool may_be_empty) {
   std::optional<TwoTexts> found;
@@ -88,7 +88,8 @@ std::optional<TwoTexts> CutTimes(std::string_view text, bool may_be_empty) {
   return found;
 }
 
-// The same for a text that must have this form; the reason names the part that is no time.
+// As above, but throws if the text does not have this form. The reason names the part that is not a
+// time.
 TwoTexts RequireTimes(std::string_view text, bool may_be_empty, const char* form) {
   const auto times = CutTimes(text, may_be_empty);
   if (times) return *times;
@@ -131,8 +132,7 @@ Timecode Timecode::Parse(std::string_view text) {
 
 std::int64_t Timecode::ToFrames(std::int32_t rate) const {
   if (is_frames_) return whole_;
-  // In integers throughout: 0.1 s at 44100 Hz is frame 4410, whatever a binary fraction makes of
-  // it.
+  // Integers only, so that 0.1 s at 44100 Hz is exactly frame 4410.
   const std::int64_t rest =
       (nanoseconds_ * rate + kNanosecondsPerSecond / 2) / kNanosecondsPerSecond;
   if (whole_ > (std::numeric_limits<std::int64_t>::max() - rest) / rate) {
@@ -171,7 +171,7 @@ std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32
 }
 
 NamedTime ParseNamedTime(std::string_view text) {
-  // The name begins behind the longest time.
+  // The name begins after the longest time.
   for (auto colon = text.rfind(':'); colon != text.npos; colon = text.rfind(':', colon - 1)) {
     const auto [at, name] = CutAt(text, colon);
     if (IsTime(at, false)) return {Timecode::Parse(at), std::string(name)};

@@ -1,5 +1,5 @@
-// Times as a user writes them: seconds such as 1.5, times such as 1:02:03.5, or frames with an f
-// such as 44100f.
+// Parses times that a user writes: seconds such as 1.5, times such as 1:02:03.5, or frames such as
+// 44100f.
 #pragma once
 
 #include <cstdint>
@@ -11,16 +11,16 @@
 
 namespace marlinda {
 
-// A time that was written in seconds or in frames; which frame seconds mean depends on the rate.
+// A time in seconds or in frames. The frame that seconds refer to depends on the rate.
 class Timecode {
  public:
-  // "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS" with at most nine decimals, where
-  // minutes and seconds behind a colon have two digits; or digits and an f. No signs, no exponents.
-  // Throws std::invalid_argument with a reason in words.
+  // Parses "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS" with at most nine decimals, or
+  // "FRAMESf". Minutes and seconds after a colon have two digits. Signs and exponents are not
+  // allowed. Throws std::invalid_argument with the reason.
   static Timecode Parse(std::string_view text);
 
-  // The frame nearest to the time, the later one of two that are equally near. `rate` is positive.
-  // Throws std::invalid_argument when the frame does not fit in 64 bits.
+  // Returns the nearest frame, the later one in a tie. `rate` must be positive. Throws
+  // std::invalid_argument if the frame does not fit in 64 bits.
   std::int64_t ToFrames(std::int32_t rate) const;
 
  private:
@@ -29,20 +29,20 @@ class Timecode {
   bool is_frames_ = false;
 };
 
-// A range whose missing ends mean the start and the end of the audio.
+// A range. A missing end means the start or end of the audio.
 struct TimeRange {
   std::optional<Timecode> begin;
   std::optional<Timecode> end;
 };
 
-// "BEGIN:END"; either side may be empty. A text that can be cut at more than one colon is refused.
-// Throws std::invalid_argument.
+// Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument, also if the text can
+// be split at more than one colon.
 TimeRange ParseRange(std::string_view text);
 
-// The values of --from and --to; either may be empty. The reason of a refusal names the option.
+// Parses the values of --from and --to; either may be empty. Failures name the option.
 TimeRange ParseFromTo(std::string_view from, std::string_view to);
 
-// Calls `parse` and puts the option's name before the reason of a refusal.
+// Calls `parse` and puts the option's name before the reason of a failure.
 template <class Parse>
 auto ForOption(const char* option, Parse parse, std::string_view text) {
   try {
@@ -57,38 +57,37 @@ struct FrameRange {
   std::int64_t end = 0;  // exclusive
 };
 
-// The frames of a range, or the frame of a position, in audio of so many frames. A range that is
-// empty, backward or reaches past the end is refused, and so is a position past the end: nothing is
-// moved or clipped silently. Throws std::invalid_argument.
+// Resolve a range or position in audio of `frames` frames. Empty or backward ranges, and ranges and
+// positions past the end, throw std::invalid_argument; nothing is clipped.
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate);
 std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate);
 
-// A time and the text after its colon: "AT:NAME". The name may hold colons; the time is the longest
-// that can be read. Throws std::invalid_argument.
+// Parses "AT:NAME". The name may contain colons; the time is as long as possible. Throws
+// std::invalid_argument.
 struct NamedTime {
   Timecode at;
   std::string name;
 };
 NamedTime ParseNamedTime(std::string_view text);
 
-// "BEGIN:END:NAME". Throws std::invalid_argument.
+// Parses "BEGIN:END:NAME". Throws std::invalid_argument.
 struct NamedRange {
   TimeRange range;
   std::string name;
 };
 NamedRange ParseNamedRange(std::string_view text);
 
-// "AT:LENGTH". Throws std::invalid_argument.
+// Parses "AT:LENGTH". Throws std::invalid_argument.
 struct TimeSpan {
   Timecode at;
   Timecode length;
 };
 TimeSpan ParseSpan(std::string_view text);
 
-// Times with commas between them: "1,2.5,44100f". Throws std::invalid_argument.
+// Parses comma-separated times such as "1,2.5,44100f". Throws std::invalid_argument.
 std::vector<Timecode> ParseTimes(std::string_view text);
 
-// "H:MM:SS.mmm", rounded down to the millisecond. A rate that is not positive gives "unknown".
+// Returns "H:MM:SS.mmm", rounded down to the millisecond, or "unknown" if the rate is not positive.
 std::string FormatDuration(std::int64_t frames, std::int32_t rate);
 
 }  // namespace marlinda

@@ -9,7 +9,7 @@ namespace {
 
 using Bytes = std::array<unsigned char, 24>;
 
-// Reads `count` bytes at `position`; false when the file ends before.
+// Reads `count` bytes at `position`. Returns false if the file ends earlier.
 bool ReadAt(std::istream& file, std::int64_t position, std::size_t count, Bytes& bytes) {
   file.clear();
   file.seekg(position);

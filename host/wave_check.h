@@ -1,5 +1,5 @@
-// Judges a WAV file that the engine wrote. The export reports no failed write, so the file itself
-// is the only witness of a disk that ran full.
+// Checks a WAV file that the engine wrote. The export does not report failed writes, so only the
+// file shows that a disk was full.
 #pragma once
 
 #include <cstdint>
@@ -10,19 +10,19 @@ namespace marlinda {
 
 struct WaveFileFacts {
   std::int64_t bytes = 0;       // of the whole file
-  std::int64_t data_bytes = 0;  // of the data chunk, its padding included
-  int block_align = 0;          // bytes per frame; 0 of a compressed file
+  std::int64_t data_bytes = 0;  // of the data chunk, including padding
+  int block_align = 0;          // bytes per frame; 0 for a compressed file
 };
 
-// What the file says about itself; nothing unless its chunks fill it exactly, with a format and a
-// data chunk among them.
+// Returns the file's facts, or nothing unless its chunks, with a format and a data chunk among
+// them, fill it exactly.
 std::optional<WaveFileFacts> ExamineWaveFile(std::istream& file);
 
-// True when the data chunk holds `frames` frames and at most its padding to four bytes beside them.
+// True if the data chunk holds `frames` frames and nothing else but padding to four bytes.
 bool HoldsFrames(const WaveFileFacts& facts, std::int64_t frames);
 
-// True when so many frames fit in a WAV file, whose sizes are 32-bit numbers, with ample room left
-// for the chunks beside the audio.
+// True if the frames fit in a WAV file, whose sizes are 32-bit numbers, and leave ample room for
+// other chunks.
 bool FitsWaveFile(std::int64_t frames, int channels, int bits);
 
 }  // namespace marlinda

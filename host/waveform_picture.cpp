@@ -23,11 +23,11 @@ constexpr int kGap = 4;       // between lanes
 constexpr int kTextRow = 15;  // one row of names above the lanes
 constexpr int kMaxRows = 3;
 constexpr int kAxis = 22;       // ticks and times below the lanes
-constexpr int kTickSpace = 70;  // a time and room beside it
-constexpr int kMinorSpace = 8;  // between the ticks without a time
+constexpr int kTickSpace = 70;  // width of a time with its margin
+constexpr int kMinorSpace = 8;  // between ticks without a time
 constexpr int kLeastLane = 6;
 constexpr double kFloor = -60;   // dB
-constexpr double kDotSpace = 6;  // from here on single samples get a dot
+constexpr double kDotSpace = 6;  // minimum spacing at which samples get a dot
 
 const char* ChannelName(int channel, int channels) {
   constexpr std::array<const char*, 8> kSurround = {"FL", "FR", "FC", "LFE",
@@ -43,7 +43,7 @@ std::vector<Record> Sorted(std::vector<Record> records, Key key) {
   return records;
 }
 
-// Columns one pixel wide. A step between two is drawn as a line, not as a gap.
+// Columns one pixel wide. Steps between columns are drawn as lines, without gaps.
 struct Band {
   Outline outline;
   std::vector<Point> upper = {};
@@ -68,7 +68,7 @@ struct Band {
   }
 };
 
-// Where things go, and how frames become pixels.
+// Lays out the picture and maps frames to pixels.
 class Canvas {
  public:
   Canvas(const Waveform& waveform, const PictureStyle& style, int width, int height,
@@ -98,7 +98,7 @@ class Canvas {
  private:
   struct Line {
     double x;
-    int row;  // where it begins: beside its name, below all names without one
+    int row;  // of its top: its name's row, or below all names without one
     Colour colour;
   };
   struct Name {
@@ -124,8 +124,8 @@ class Canvas {
     drawing_.Fill(text.outline, colour, 1, {x, baseline});
   }
 
-  // A name stands right of its line, or left of it at the end of the picture, in the first row with
-  // room. Returns the row; kMaxRows when there is none.
+  // Places a name right of its line, or left of it at the end of the picture, in the first row with
+  // room. Returns the row, or kMaxRows if there is none.
   int PlaceName(double line, const std::string& text, Colour colour) {
     ShapedText shaped = shape_(text);
     double x = line + 4;
@@ -159,7 +159,7 @@ class Canvas {
     }
   }
 
-  // The place of a sample in a lane: 1 at the top, -1 at the bottom.
+  // The height of a sample in a lane: 1 at the top, -1 at the bottom.
   double LevelOf(float sample) const {
     const double size = std::min(std::abs(double{sample}), 1.0);
     const double level =
@@ -179,7 +179,7 @@ class Canvas {
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);
-    // Sections within sections grow darker.
+    // Nested sections grow darker.
     for (const auto& [section, name] : waveform_.annotations.markers) {
       const double length = XOf(section.end) - XOf(section.begin);
       if (length > 0)
@@ -221,13 +221,13 @@ class Canvas {
       const float minimum = waveform_.pairs[2 * at];
       const float maximum = waveform_.pairs[2 * at + 1];
       const double x = static_cast<double>(column);
-      // A column without samples, where a sequence of peaks begins or ends.
+      // A column without samples, at the begin or end of a sequence of peaks.
       if (!(minimum <= maximum)) {
         wave.End();
         body.End();
         continue;
       }
-      // Half a pixel beyond the extremes, so that silence is a line.
+      // Half a pixel beyond the extremes, so that silence is visible.
       wave.Add(x, y_of(maximum) - 0.5, y_of(minimum) + 0.5);
       if (maximum >= kClipLevel || minimum <= -kClipLevel) {
         clipped.AddPolygon({{x, top}, {x + 1, top}, {x + 1, top + 4}, {x, top + 4}});
@@ -325,7 +325,7 @@ double TickStep(double seconds, int width, int least_pixels, double whole) {
 std::string TickText(double seconds, double step) {
   const auto needed = static_cast<int>(std::ceil(-std::log10(step) - 1e-6));
   const int decimals = std::clamp(needed, 0, 6);
-  // Rounded to what is shown, so that 59.9999 does not read as "0:60".
+  // Rounded to the decimals shown, so that 59.9999 does not become "0:60".
   const double scale = std::pow(10.0, decimals);
   const auto units = static_cast<long long>(std::llround(seconds * scale));
   const auto whole = units / static_cast<long long>(scale);

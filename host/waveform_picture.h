@@ -1,4 +1,4 @@
-// The picture of a waveform: one lane a channel, a time axis, labels and section markers.
+// Draws a waveform: one lane for each channel, a time axis, labels and section markers.
 #pragma once
 
 #include <cstdint>
@@ -12,17 +12,17 @@
 
 namespace marlinda {
 
-// Samples from here on are marked as clipped: between the two highest codes of 16 bits.
+// Samples of this magnitude and above are marked as clipped. It lies between the two highest 16-bit
+// codes.
 constexpr float kClipLevel = 0.99998F;
 
 struct Waveform {
-  // Columns of (minimum, maximum) pairs, one for each channel in turn; as many columns as the
-  // picture is wide.
+  // One (minimum, maximum) pair for each channel of each column; as many columns as the picture is
+  // wide.
   std::span<const float> pairs;
-  // Root mean squares, one for each channel of each column in turn; or none.
+  // One root mean square for each channel of each column; may be empty.
   std::span<const float> rms;
-  // The frames themselves, interleaved, where they are fewer than columns: then they are drawn, and
-  // not the pairs.
+  // The interleaved frames if they are fewer than the columns; drawn instead of the pairs.
   std::span<const float> samples;
   int channels = 0;
   // The frames that the columns show; `end` is exclusive.
@@ -32,9 +32,9 @@ struct Waveform {
   Annotations annotations;
 };
 
-// What a reader may choose.
+// Options of the drawing.
 struct PictureStyle {
-  bool decibels = false;  // the height is the level from -60 dB at the centre to 0 dB
+  bool decibels = false;  // height shows the level, -60 dB (centre) to 0 dB
   bool dark = false;
   std::optional<Colour> wave;
 };
@@ -47,20 +47,21 @@ struct ShapedText {
 using ShapeText = std::function<ShapedText(const std::string& text)>;
 constexpr double kTextSize = 12;  // pixels from line to line
 
-// The lowest picture whose lanes can be read.
+// The minimum height at which the lanes can be read.
 int LeastHeight(int channels);
 
-// Full scale fills a lane from edge to edge; what lies beyond is clipped and marked there. Names
-// for which no room is left, in three rows at most, are left out, their lines stay.
+// Full scale fills a lane; samples beyond it are clipped and marked. Names take at most three rows.
+// If a name does not fit, only its line is drawn.
 Drawing DrawWaveform(const Waveform& waveform, const PictureStyle& style, int width, int height,
                      const ShapeText& shape);
 
-// The step between two ticks of the time axis: the smallest of the usual ones (1, 2 and 5 with
-// their tens below a second; seconds, minutes and hours as on a clock) that keeps them
-// `least_pixels` apart and, as a part of `whole`, divides it. Without a whole every step does.
+// Returns the smallest usual step between two ticks that keeps them `least_pixels` apart and
+// divides `whole`, if given. Usual steps are 1, 2 and 5 times a power of ten below a second, and
+// round seconds, minutes and hours above.
 double TickStep(double seconds, int width, int least_pixels, double whole = 0);
 
-// A time on the axis, with the decimals that the step needs: "0.25", "12", "3:05", "1:00:00".
+// Returns a time for the axis, with the decimals that the step needs: "0.25", "12", "3:05",
+// "1:00:00".
 std::string TickText(double seconds, double step);
 
 }  // namespace marlinda

@@ -27,7 +27,7 @@ std::string FromAnsi(const char* text) {
 }
 
 bool FitsCodePage(const std::wstring& text) {
-  // UTF-8 holds every character; WideCharToMultiByte refuses these flags for it.
+  // UTF-8 holds every character, and WideCharToMultiByte rejects these flags for it.
   if (text.empty() || GetACP() == CP_UTF8) return true;
   BOOL lost = FALSE;
   const int count = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(),

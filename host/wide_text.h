@@ -1,4 +1,4 @@
-// The host's text is UTF-8; Windows and the engine's interfaces take UTF-16.
+// Converts between the host's UTF-8, the UTF-16 of Windows and COM, and the engine's code page.
 #pragma once
 
 #include <ole2.h>
@@ -11,13 +11,14 @@ namespace marlinda {
 
 std::wstring Widen(std::string_view utf8);
 std::string Narrow(std::wstring_view wide);
-// From the engine's code page; the text ends at its NUL.
+// Converts text from the engine's code page, up to its NUL.
 std::string FromAnsi(const char* text);
 
-// True when the engine, whose text is in the system's ANSI code page, can hold the text unchanged.
+// True if the engine, which stores text in the system's ANSI code page, can hold the text
+// unchanged.
 bool FitsCodePage(const std::wstring& text);
 
-// A string for or from an interface.
+// A BSTR for an interface call.
 class Bstr {
  public:
   Bstr() = default;

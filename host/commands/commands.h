@@ -1,5 +1,5 @@
-// The commands of marlinda. Each function adds one command with its options to the grammar; the
-// parser runs the command once the whole line is read. Failures are thrown as a HostError.
+// The commands of marlinda. Each function adds one command with its options to the parser, which
+// runs the command after reading the whole line. Failures throw a HostError.
 #pragma once
 
 namespace CLI {

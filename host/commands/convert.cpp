@@ -1,5 +1,5 @@
-// "marlinda convert": a whole file as WAV or MP3, with its tags, labels, markers and loop data, and
-// in another sample rate or number of channels if asked.
+// "marlinda convert": writes a whole file as WAV, MP3 or WMA with its tags, in another sample rate
+// or number of channels if requested. WAV files also keep labels, markers and loop data.
 #include "host/commands/commands.h"
 
 #include "core/sample_count.h"
@@ -16,14 +16,13 @@ struct ConvertOptions {
   std::string input;
   std::string output;
   std::optional<int> bits;
-  // Those of the input unless given.
+  // The input's unless given.
   std::optional<int> rate;
   std::optional<int> channels;
   bool json = false;
 };
 
-// A connector that is taken apart when it goes, whatever happened: it and the filters hold each
-// other.
+// Disconnects the connector on destruction: it and the filters refer to each other.
 class Connector {
  public:
   Connector() = default;
@@ -50,8 +49,8 @@ void Convert(const ConvertOptions& options, const Console& console) {
     wave.RequireRoom(ConvertSampleCount(expected->frames, expected->format.rate, to.rate), to,
                      bits);
   }
-  // Into a pool even where the format changes: the connector needs the length in advance, and a
-  // filter may only estimate it.
+  // Import into a pool even if the format changes: the connector needs the exact length in advance,
+  // and a filter may only estimate it.
   const ImportedAudio audio = source.Import(console);
   const AudioFormat to = TargetFormat(audio.format, options.rate, options.channels);
   const Annotations annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);

@@ -21,14 +21,14 @@ constexpr const char* kCutHelp =
 struct CutOptions {
   std::vector<std::string> files;
   CutRequest request;
-  PictureRequest picture;  // of the result; none without a file
+  PictureRequest picture;  // of the result; none if its file is empty
   std::optional<int> bits;
   bool replace_text = false;
   bool json = false;
 };
 
-// The pieces are copied out of a document of the whole source, so that the labels and markers of
-// the source come along with the audio they belong to.
+// Copies the pieces from a document of the whole source, so that labels and markers come with their
+// audio.
 ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
                               const Annotations& source_annotations, int bits) {
   const auto whole = NewDocument(audio.format, bits);
@@ -51,7 +51,7 @@ ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
   return result;
 }
 
-// The engine's texts are in the system's code page, which loses other characters without an error.
+// The engine's texts use the system's code page, which silently loses other characters.
 void RequireText(const std::string& text) {
   if (FitsCodePage(Widen(text))) return;
   throw HostError(ExitStatus::kUsage, text, "a WAV file cannot hold all of these characters here",
@@ -98,14 +98,14 @@ void Cut(const CutOptions& options, const Console& console) {
       written.picture = options.picture.file;
     }
   } catch (...) {
-    // The audio file is complete without its picture and is reported.
+    // The audio file is complete without its picture; report it.
     PrintSummary(written, options.json, console);
     throw;
   }
   PrintSummary(written, options.json, console);
 }
 
-// Any number of values, one after each occurrence of the option.
+// An option that may be repeated, with one value each time.
 CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
                          std::vector<std::string>& values, const char* help) {
   return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);

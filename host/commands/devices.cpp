@@ -1,4 +1,4 @@
-// "marlinda devices": the sound devices of the system.
+// "marlinda devices": lists the sound devices.
 #include "host/channel_list.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"

@@ -1,4 +1,4 @@
-// "marlinda doctor": the parts of the engine on this machine, and their problems.
+// "marlinda doctor": examines the engine's installation and reports problems.
 #include <converter.h>
 #include <marlinda.h>
 
@@ -22,9 +22,9 @@ constexpr int kOwnBits = sizeof(void*) == 8 ? 64 : 32;
 constexpr ULONGLONG kMinFreeBytes = 64U << 20U;
 constexpr char kDirectoriesKey[] = R"(Software\Brevant\Cutloom\Directories)";
 
-// One way by which the system could find a module.
+// A registration that the system could use to find a module.
 struct Registration {
-  std::string kind;  // "manifest", "user" or "machine", in the order in which the system looks
+  std::string kind;  // "manifest", "user" or "machine", in the system's search order
   std::string module;
   bool operator==(const Registration&) const = default;
 };
@@ -38,7 +38,7 @@ std::string PathOf(HMODULE module) {
   return Narrow(path);
 }
 
-// The module whose code the object runs.
+// Returns the file of the module that implements the object.
 std::string ModuleOf(IUnknown* object) {
   HMODULE module = nullptr;
   GetModuleHandleExW(
@@ -47,7 +47,7 @@ std::string ModuleOf(IUnknown* object) {
   return PathOf(module);
 }
 
-// 64 or 32, from the file's header; 0 when it is no module that runs here.
+// Returns 64 or 32 by the file's header; 0 if it is no module for this machine.
 int BitsOf(const std::string& file) {
   std::ifstream stream(std::filesystem::path(Widen(file)), std::ios::binary);
   IMAGE_DOS_HEADER dos = {};
@@ -63,7 +63,7 @@ int BitsOf(const std::string& file) {
   return nt.header.Machine == IMAGE_FILE_MACHINE_I386 ? 32 : 0;
 }
 
-// Empty when it cannot be read.
+// Empty if it cannot be read.
 std::string VersionOf(const std::string& file) {
   const std::wstring path = Widen(file);
   DWORD unused = 0;
@@ -84,7 +84,7 @@ std::filesystem::path FolderOf(const std::string& file) {
   return std::filesystem::path(Widen(file)).parent_path();
 }
 
-// What the registry holds for programs of that bitness.
+// Returns the registry's entries for programs of that bitness.
 Registrations InRegistry(REFCLSID class_id, int bits) {
   Registrations found;
   const std::wstring path =
@@ -136,13 +136,13 @@ std::string ToText(const Registrations& registrations, const char* none) {
 }
 
 HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
-  // In this process only: otherwise the system replaces the error of the module by its own.
+  // CLSCTX_INPROC_SERVER only: otherwise the system replaces the module's error by its own.
   return CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
-// Looks at everything and goes on after each problem. Opens the default sound devices for a moment
-// and lets the engine make temporary files; writes nothing that stays.
+// Runs every check, even after problems. Opens the default sound devices briefly and makes the
+// engine create temporary files; leaves nothing behind.
 class Doctor {
  public:
   Doctor() {
@@ -177,7 +177,7 @@ class Doctor {
   const std::vector<HostError>& problems() const { return problems_; }
 
  private:
-  // Runs one part of the examination and turns its exception into a problem.
+  // Runs one check and turns its exception into a problem.
   template <class Part>
   void Examine(const char* subject, Part part) {
     try {
@@ -234,7 +234,7 @@ class Doctor {
     return engine + " (" + registration.kind + ": " + registration.module + ")";
   }
 
-  // False, and a problem, where programs of that bitness cannot load the module at all.
+  // Returns false and adds a problem if programs of that bitness cannot load the module.
   bool CheckFile(const std::string& engine, const Registration& registration, int wanted_bits) {
     const std::filesystem::path file(Widen(registration.module));
     const int bits = BitsOf(registration.module);
@@ -257,8 +257,7 @@ class Doctor {
                   "Register the module of the same kind too; both can be registered.");
   }
 
-  // The file is examined first: some systems report of any file that does not load that access is
-  // denied.
+  // Checks the file first: some systems report "access denied" for any file that does not load.
   void ExamineModule() {
     constexpr const char* kSubject = "the engine's module";
     ComPtr<IUnknown> manager;
@@ -268,7 +267,7 @@ class Doctor {
     if (SUCCEEDED(hr)) {
       module_ = ModuleOf(manager.Get());
       AddFile("module", module_);
-      // The first registration that names the module.
+      // Search for the first registration that names the module.
       const auto used = std::ranges::find_if(registrations_, [&](const auto& registration) {
         std::error_code error;
         return std::filesystem::equivalent(Widen(registration.module), Widen(module_), error);
@@ -287,7 +286,7 @@ class Doctor {
     Line("registered", ToText(registrations_, "nowhere"));
   }
 
-  // The programs of a package lie in x64 and x86, those of a build or a host with their modules.
+  // A package keeps its programs in x64 and x86; a build or a host keeps them beside their modules.
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
@@ -297,14 +296,15 @@ class Doctor {
     return "";
   }
 
-  // The other bitness concerns other programs: only a registration that leads nowhere is a problem.
+  // The other bitness only matters to other programs, so only a broken registration is a problem.
   void ExamineEngines() {
     report_["engines"] = Json::array();
     for (const int bits : {64, 32}) {
       const std::string file = FindBeside(bits);
       Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
       if (bits != kOwnBits) {
-        // Some systems have one view for both; the entry belongs to the program's own.
+        // Some systems share one view of the registry; the entry then belongs to this program's
+        // bitness.
         std::erase_if(registrations, [&](const Registration& registration) {
           return std::ranges::count(registrations_, registration) != 0;
         });
@@ -339,7 +339,7 @@ class Doctor {
     Line("type library", help.utf8() + ", " + path.utf8());
   }
 
-  // The classes that the module's own description names.
+  // Checks the classes in the module's type library.
   void ExamineClasses() {
     Json& classes = report_["classes"] = Json::array();
     if (module_.empty()) return;
@@ -383,7 +383,7 @@ class Doctor {
         "Where that is not meant: put Converter.dll beside Tessaly.dll and register it.");
   }
 
-  // Whether the filter of a list entry can be created; otherwise a problem.
+  // Returns true if the listed filter can be created; otherwise adds a problem.
   bool CheckFilter(const ListedFilter& entry) {
     const std::string subject = "import filter \"" + entry.value_name + "\" in " + kFilterListKey;
     CLSID class_id;
@@ -430,8 +430,8 @@ class Doctor {
     }
   }
 
-  // The folder is chosen as the engine chooses: a value that does not fit in its buffer, or is no
-  // text, does not count.
+  // Chooses the folder as the engine does: ignores a value that does not fit in the engine's buffer
+  // or is no text.
   void ExamineTemporaryFolder() {
     char chosen[256] = "";
     DWORD size = sizeof chosen - 1;
@@ -481,7 +481,7 @@ class Doctor {
   std::vector<HostError> problems_;
   std::vector<HostError> notes_;  // may be intended
   std::string program_;
-  std::string module_;  // empty when it cannot be loaded
+  std::string module_;  // empty if it cannot be loaded
   Registrations registrations_;
 };
 
@@ -493,7 +493,7 @@ ExitStatus Gravest(const std::vector<HostError>& problems) {
   });
 }
 
-// Prints the report, then throws with the status of the gravest problem, if any.
+// Prints the report. If there are problems, throws with the status of the most serious one.
 void PrintReport(bool json, const Console& console) {
   const Doctor doctor;
   console.Print(doctor.Report(json));

@@ -1,4 +1,5 @@
-// "marlinda filters": the import filters that the engine uses, and those it could use.
+// "marlinda filters": lists the import filters that the engine uses, and the built-in ones it does
+// not.
 #include <algorithm>
 
 #include "host/commands/commands.h"
@@ -19,7 +20,7 @@ struct FilterReport {
   std::string patterns = {};
 };
 
-// Fills the report from the filter; a filter that cannot be created stays unavailable.
+// Fills in the report. A filter that cannot be created stays unavailable.
 void Ask(REFCLSID class_id, FilterReport& report) {
   ComPtr<IImportFilter> filter;
   if (FAILED(CreateInstance(class_id, filter))) return;
@@ -29,7 +30,7 @@ void Ask(REFCLSID class_id, FilterReport& report) {
   Bstr description;
   Bstr patterns;
   if (SUCCEEDED(filter->GetFilterStrings(description.Receive(), patterns.Receive()))) {
-    // The text is made for a file dialog: a description and its patterns, parted by bars.
+    // The text is meant for a file dialog: description and patterns, separated by "|".
     const std::string text = description.utf8();
     report.description = text.substr(0, text.find('|'));
     report.patterns = patterns.utf8();

@@ -1,4 +1,4 @@
-// "marlinda info": the properties of a file that its filter reports without decoding it.
+// "marlinda info": shows the properties that the filter reports without decoding the file.
 #include "host/channel_list.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"

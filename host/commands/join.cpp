@@ -1,4 +1,4 @@
-// "marlinda join": several files one after another as one WAV file.
+// "marlinda join": joins several files to one WAV file.
 #include "host/commands/commands.h"
 
 #include "host/commands/shared.h"
@@ -15,7 +15,7 @@ constexpr const char* kJoinHelp =
 struct JoinOptions {
   std::vector<std::string> files;
   std::optional<int> bits;
-  // Those of the first file unless given.
+  // The first file's unless given.
   std::optional<int> rate;
   std::optional<int> channels;
   bool json = false;

@@ -1,5 +1,5 @@
-// "marlinda peaks": the extremes of an audio file as data, in version 2 of the waveform data format
-// of audiowaveform, which players of web pages read
+// "marlinda peaks": writes the peaks of an audio file in version 2 of the waveform data format of
+// audiowaveform, which web players read
 // (https://github.com/bbc/audiowaveform/blob/master/doc/DataFormat.md).
 #include <algorithm>
 #include <cmath>
@@ -24,7 +24,7 @@ struct PeaksOptions {
   int bits = 16;
 };
 
-// The pairs of each channel in turn, group by group.
+// Collects one (minimum, maximum) pair for each channel of each group of frames.
 class Extremes {
  public:
   Extremes(std::size_t channels, int frames) : channels_(channels), frames_(frames) {}

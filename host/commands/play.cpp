@@ -1,4 +1,4 @@
-// "marlinda play": an audio file through a sound device.
+// "marlinda play": plays an audio file.
 #include <algorithm>
 #include <chrono>
 
@@ -47,8 +47,8 @@ class Player {
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  // Returns the end of what was played; throws when interrupted and when the device does not play.
-  // `importing`: the section is being imported meanwhile.
+  // Waits until playing ends and returns its end position. Throws if interrupted or if the device
+  // stops early. `importing`: the section is still being imported.
   std::int64_t Watch(const Source& source, bool importing, const DeviceChoice& device,
                      const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
@@ -67,7 +67,7 @@ class Player {
       __int64 now_at = 0;
       Check(document_->GetPlayStatus(&playing, &now_at));
       if (playing == VARIANT_FALSE) break;
-      // At its end a section that is played once is reported from its begin again.
+      // At the end of a section that does not loop, the reported position returns to its begin.
       position = section_.loop ? now_at : std::max(position, now_at);
       if (console.Interrupted()) {
         throw HostError(ExitStatus::kInterrupted, source.file(),
@@ -80,9 +80,9 @@ class Player {
           static_cast<double>(position - section_.range.begin) / static_cast<double>(Length()));
       console.Wait(kPollMilliseconds);
     }
-    // A short section can end between two polls.
+    // Playing a short section can end between two polls.
     for (note_import(); importing; note_import()) console.Wait(kPollMilliseconds);
-    // Playing takes at least as long as the audio lasts; the device did not play the rest.
+    // If playing took less time than the audio lasts, the device did not play all of it.
     constexpr double kSlackSeconds = 0.5;
     const std::chrono::duration<double> took = Clock::now() - start_;
     const double length = static_cast<double>(Length()) / format_.rate;

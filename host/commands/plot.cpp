@@ -1,4 +1,4 @@
-// "marlinda plot": the waveform of an audio file as a picture.
+// "marlinda plot": draws the waveform of an audio file.
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/document_picture.h"
@@ -21,7 +21,7 @@ struct PlotOptions {
   bool json = false;
 };
 
-// "26ab9c" or "#26ab9c".
+// Parses "26ab9c" or "#26ab9c".
 Colour ParseColour(const std::string& text) {
   const std::string digits = text.starts_with('#') ? text.substr(1) : text;
   if (digits.size() != 6 ||

@@ -1,4 +1,4 @@
-// "marlinda record": a WAV file of the sound that a device records.
+// "marlinda record": records a sound device to a file.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -32,10 +32,10 @@ struct RecordOptions {
   bool json = false;
 };
 
-// Pumps a recording into a pool on a thread of its own, so that the host can watch it and end it.
+// Records into a pool on its own thread, so that the main thread can watch it and end it.
 class Recorder {
  public:
-  // Begins at once. `source` is open, and is closed by Stop; `pool` is where one take arrives.
+  // Starts recording a take into `pool`. `source` must be open; Stop closes it.
   Recorder(ComPtr<IAudioReader> source, ComPtr<IAudioWriter> pool, const AudioFormat& format,
            std::int64_t frames)
       : source_(std::move(source)),
@@ -54,16 +54,16 @@ class Recorder {
 
   bool IsRunning() const { return running_; }
   std::int64_t recorded() const { return recorded_; }
-  // Highest magnitude of each channel in the block that came last.
+  // Peak magnitude of each channel in the latest block.
   std::vector<float> Levels() const { return {levels_.begin(), levels_.end()}; }
 
-  // Ends the recording, also one that waits for a device that delivers nothing. Afterwards what
-  // was recorded is a take of the pool. Returns the first failure of device or pool.
+  // Ends the recording, even if the device delivers nothing, and completes the take in the pool.
+  // Returns the first failure of device or pool.
   HRESULT Stop() {
     if (!thread_.joinable()) return result_;
     stopping_ = true;
-    // A block takes 40 ms. A longer wait is for a device that is gone, and ends when that is
-    // closed.
+    // A block takes 40 ms. A read that takes longer waits for a lost device; closing the device
+    // ends it.
     constexpr auto kPatience = std::chrono::seconds(2);
     const auto start = std::chrono::steady_clock::now();
     while (running_ && std::chrono::steady_clock::now() - start < kPatience) Sleep(10);
@@ -102,8 +102,8 @@ class Recorder {
   std::atomic<bool> running_ = true;
   std::atomic<std::int64_t> recorded_ = 0;
   std::vector<std::atomic<float>> levels_;
-  HRESULT result_ = S_OK;  // the thread's until it has ended
-  std::thread thread_;     // the last member: everything above is ready for it
+  HRESULT result_ = S_OK;  // owned by the thread until it ends
+  std::thread thread_;     // last: uses the members above
 };
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
@@ -115,14 +115,14 @@ bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   }
 }
 
-// Why a recording ended before its time; nothing when it did not.
+// Why a recording ended early, or nothing.
 using Shortfall = std::optional<HostError>;
 
 Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioFormat& format,
                  std::int64_t frames, const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
-  // A device that delivers nothing may go on later. It is lost when it cannot be opened a second
-  // time; that is tried after every so many polls without a frame.
+  // A stalled device may continue. It is lost if it cannot be opened a second time; try that after
+  // this many polls without a frame.
   constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");
@@ -153,8 +153,8 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
   return std::nullopt;
 }
 
-// Writes the take, and when its own place fails, where there is another disk perhaps: a take cannot
-// be had a second time.
+// Writes the take. If the output fails, writes it to the temporary folder, perhaps on another disk,
+// because a take cannot be repeated.
 WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, const Console& console) {
   try {
     return FileExport(options.output, {}).Run(take, options.bits, console);
@@ -179,7 +179,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   if (!FitsWaveFile(frames, options.channels, options.bits)) {
     throw UsageError("record", "a WAV file holds at most 4 GiB, and this needs more");
   }
-  // Every reason that the take could not be written for is found before it is made.
+  // Check that the output can be written before recording.
   static_cast<void>(FileExport(options.output, {}));
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
@@ -194,7 +194,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
         shortfall ? shortfall->status() : ExitStatus::kFailure, options.output,
         std::string(shortfall ? shortfall->what() : "nothing came") + "; nothing was recorded");
   }
-  // From here on Ctrl+C means the writing. Impatient ones until now meant the recording.
+  // Ctrl+C until now ended the recording; from here on it interrupts the writing.
   console.ForgetInterrupt();
   const WaveFileFacts facts = Save(take.Get(), options, console);
   if (shortfall) {

@@ -1,4 +1,4 @@
-// "marlinda scrub": an audio file heard at positions that a list or the arrow keys give.
+// "marlinda scrub": plays an audio file around positions from a list or the arrow keys.
 #include <algorithm>
 #include <chrono>
 
@@ -20,8 +20,8 @@ constexpr const char* kScrubHelp =
 
 struct ScrubOptions {
   std::string input;
-  std::string at;            // positions with commas between them; the keys move when it is empty
-  std::string hold = "0.5";  // time for each of them
+  std::string at;            // comma-separated positions; if empty, the keys move
+  std::string hold = "0.5";  // time at each position
   std::optional<int> device;
   bool json = false;
 };
@@ -55,7 +55,7 @@ class Scrubber {
     }
   }
 
-  // Until Escape, Enter or Q is pressed.
+  // Returns when Escape, Enter or Q is pressed.
   void FollowKeys() {
     constexpr DWORD kPollMilliseconds = 100;
     std::int64_t position = 0;
@@ -73,10 +73,10 @@ class Scrubber {
   }
 
  private:
-  // Frames by which a key moves the position; Home and End move it past every end.
+  // Returns the frames by which a key moves the position; Home and End move beyond either end.
   std::optional<std::int64_t> StepOf(WORD key) const {
     const std::int64_t rate = audio_.format.rate;
-    // At least a frame, so that every key moves.
+    // At least one frame, so that every key moves.
     const std::int64_t tenth = std::max<std::int64_t>(1, rate / 10);
     const std::pair<WORD, std::int64_t> steps[] = {
         {VK_LEFT, -tenth}, {VK_RIGHT, tenth},         {VK_DOWN, -rate},
@@ -99,8 +99,8 @@ class Scrubber {
     if (!DeviceIsOpen()) throw DeviceLost(device_, "it stopped playing at " + place);
   }
 
-  // The engine closes a lost device. A document has no other sign of it: only an open device
-  // refuses the level of a channel that it does not have.
+  // The engine closes a lost device. A document shows this only by GetOutputLevel: for a channel
+  // that the audio lacks, it fails while the device is open.
   bool DeviceIsOpen() const {
     float level = 0;
     return FAILED(document_->GetOutputLevel(audio_.format.channels, &level));

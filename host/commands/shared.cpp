@@ -10,7 +10,7 @@
 namespace marlinda {
 namespace {
 
-// Rises when a key of a report is removed or changes its meaning; new keys leave it as it is.
+// Increase it if a key of a report is removed or changes its meaning; new keys do not count.
 constexpr int kSchemaVersion = 2;
 
 }  // namespace
@@ -104,7 +104,7 @@ int OutputBits(const std::optional<int>& asked, const Source& source, const File
 std::string Serialize(const Json& report) {
   Json versioned = {{"schema_version", kSchemaVersion}};
   versioned.update(report);
-  // Names come from files; a broken character in one must not cost the report.
+  // Replace invalid UTF-8: names come from files, and one bad name must not prevent the report.
   return versioned.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -1,4 +1,4 @@
-// Options, JSON forms and the report of a written file, as several commands have them.
+// Options, JSON forms and the file report that several commands share.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -17,12 +17,12 @@
 
 namespace marlinda {
 
-// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. Its
-// std::invalid_argument is an error of the command line.
+// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. An
+// std::invalid_argument that it throws is reported as a usage error.
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
                      std::function<void()> action);
 
-// The same with options that `run` gets.
+// As above, with options that are passed to `run`.
 template <class Options>
 std::pair<CLI::App*, std::shared_ptr<Options>> AddCommand(
     CLI::App& app, Console& console, const char* name, const char* description, const char* footer,
@@ -35,16 +35,17 @@ std::pair<CLI::App*, std::shared_ptr<Options>> AddCommand(
 
 void AddJson(CLI::App* command, bool& json);
 void AddProgress(CLI::App* command, Console& console);
-// FILES: the inputs and last the output. SplitFiles separates them, or reports a missing output.
+// Adds FILES: the inputs, then the output. SplitFiles separates them and throws if the output is
+// missing.
 void AddFiles(CLI::App* command, std::vector<std::string>& files);
 std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
                                                             std::vector<std::string> files);
-// IN and OUT.wav.
+// Adds IN and OUT.wav.
 void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);
 void AddDevice(CLI::App* command, std::optional<int>& device);
 
-// `standard` describes the value that holds without the option.
+// `standard` describes the default value.
 template <class Number>
 void AddBits(CLI::App* command, Number& bits, const std::string& standard) {
   command->add_option("--bits", bits, "Bits per sample of the output (" + standard + ")")
@@ -62,19 +63,19 @@ void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::str
       ->check(CLI::Range(1, 32));
 }
 
-// Imports the whole file and hands its samples over in blocks, at least one.
+// Imports the whole file and passes its samples to `take` in one or more blocks.
 using MeasureFunction =
     std::function<void(const AudioFormat& format, std::span<const float> samples)>;
 ImportedAudio Measure(Source& source, const Console& console, const MeasureFunction& take);
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
-// `asked`, or the width of a source of 24 or 32 bits, or 16.
+// Returns `asked`; if not given, 24 or 32 for such a source, otherwise 16.
 int OutputBits(const std::optional<int>& asked, const Source& source, const FileExport& wave);
 
-// Keeps the keys in the order in which they are written.
+// Keeps the order of the keys.
 using Json = nlohmann::ordered_json;
 
-// The text of a report, with the version of its schema.
+// Returns the report as text, with the schema version added.
 std::string Serialize(const Json& report);
 Json ToJson(const std::vector<Label>& labels);
 Json ToJson(const std::vector<SectionMarker>& markers);
@@ -86,19 +87,19 @@ Json OrNull(const std::optional<T>& value) {
 
 struct WrittenFile {
   std::vector<std::string> inputs;
-  std::string filter;  // class name of the filter that read the first input
+  std::string filter;  // class name of the first input's filter
   std::string output;
   AudioFormat format;
   int bits = 16;
   std::int64_t frames = 0;
   Annotations annotations;
   WaveFileFacts facts;
-  std::optional<std::string> picture = {};  // drawn beside it
+  std::optional<std::string> picture = {};  // file of the picture, if any
 };
 
 void PrintSummary(const WrittenFile& written, bool json, const Console& console);
-// "out.wav: 0:00:01.000, 44100 frames, 44100 Hz, 2 channels, 16 bits" and the end of the line;
-// without bits where they are 0.
+// Returns "out.wav: 0:00:01.000, 44100 frames, 44100 Hz, 2 channels, 16 bits" and a newline. Omits
+// the bits if they are 0.
 std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
                          int bits);
 

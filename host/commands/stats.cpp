@@ -1,4 +1,4 @@
-// "marlinda stats": levels and loudness of an audio file.
+// "marlinda stats": reports the levels and loudness of an audio file.
 #include <ebur128.h>
 
 #include <algorithm>
@@ -42,7 +42,7 @@ class Meter {
                                EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK)) {
     if (!loudness_) throw std::bad_alloc();
     if (format.channels == 8) {
-      // The side channels of 7.1, which the library does not expect.
+      // The library does not assign the side channels of 7.1 itself.
       ebur128_set_channel(loudness_.get(), 6, EBUR128_Mp090);
       ebur128_set_channel(loudness_.get(), 7, EBUR128_Mm090);
     }
@@ -113,7 +113,7 @@ class Meter {
   std::int64_t last_sound_ = -1;
 };
 
-// "peak            -1.02 dBFS"; a level of silence is "-inf".
+// Returns a line such as "peak            -1.02 dBFS". The level of silence is "-inf".
 std::string Line(const char* name, const Json& value, const char* format) {
   char text[64];
   std::snprintf(text, sizeof text, format, value.is_null() ? -HUGE_VAL : value.get<double>());
