@@ -24,7 +24,7 @@ std::uint32_t ParseChannelMask(std::string_view text) {
     if (parsed.ec != std::errc() || parsed.ptr != number.data() + number.size() || channel < 0 ||
         channel >= kMaxChannels) {
       throw std::invalid_argument("\"" + std::string(text) +
-                                  "\" is not a list of channels: write numbers from 0 such as 0,1");
+                                  "\" is not a list of channels: write numbers such as 0,1");
     }
     mask |= std::uint32_t{1} << channel;
     begin = end + 1;
@@ -49,7 +49,7 @@ void RequireChannels(std::uint32_t mask, int channels) {
     if (Names(mask, channel)) {
       throw std::invalid_argument("there is no channel " + std::to_string(channel) +
                                   ": the audio has " + std::to_string(channels) +
-                                  ", counted from 0");
+                                  ", numbered from 0");
     }
   }
 }

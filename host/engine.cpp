@@ -69,7 +69,7 @@ ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   }
   if (!any) {
     throw HostError(ExitStatus::kRegistration, "import filters",
-                    "none is listed for the file, and none of the built-in ones can be created",
+                    "no listed filter reads the file, and no built-in filter can be created",
                     kRegistrationRemedy);
   }
   return best;
@@ -82,8 +82,8 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   if (!filter) filter = AskBuiltInFilters(engine_name);
   if (!filter) {
     throw HostError(ExitStatus::kInput, file, "no import filter reads this file",
-                    "It may be damaged, or of another kind than its name says; \"marlinda "
-                    "filters\" lists the kinds that can be read.");
+                    "It may be damaged or misnamed; \"marlinda filters\" lists the supported "
+                    "kinds.");
   }
   return filter;
 }
@@ -432,8 +432,8 @@ ImportedAudio Source::TakeOfRun(const Console& console) const {
                  std::to_string(*promised) + " frames could be decoded; the file seems damaged");
   } else if (float progress = 1; task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1) {
     console.Tell(file_ + ": only the first " + std::to_string(audio.frames) +
-                 " frames were read; the part behind them has another sample rate or number of "
-                 "channels and is left out");
+                 " frames were read; the rest is left out, because it has another sample rate or "
+                 "number of channels");
   }
   return audio;
 }

@@ -1,5 +1,5 @@
-// Client of the engine: creates objects by class identifier and uses only their interfaces.
-// Failures throw a HostError that names the file or the class.
+// The host's access to the engine: creates objects by class identifier and uses only their
+// interfaces. Failures throw a HostError that names the file or the class.
 #pragma once
 
 #include <marlinda.h>

@@ -97,7 +97,7 @@ void WriteWholeFile(const std::string& file, const std::string& content) {
   std::error_code ignored;
   if (opened) std::filesystem::remove(path, ignored);
   throw HostError(ExitStatus::kOutput, file, "it could not be written",
-                  "Check that the folder may be written to and the disk is not full.");
+                  "Check that the folder is writable and the disk is not full.");
 }
 
 std::string ExtensionOf(const std::string& file) {

@@ -45,7 +45,7 @@ DeviceChoice::DeviceChoice(const std::vector<SoundDevice>& devices, const char* 
   if (devices.empty()) {
     throw HostError(ExitStatus::kDevice, "", std::string("there is no sound device for ") + kind,
                     "Connect one and start the system's sound service; \"marlinda devices\" "
-                    "lists what there is.");
+                    "lists the devices.");
   }
   if (!index) {
     description_ = std::string("the default device for ") + kind;
@@ -55,7 +55,7 @@ DeviceChoice::DeviceChoice(const std::vector<SoundDevice>& devices, const char* 
   if (*index < 0 || static_cast<std::size_t>(*index) >= devices.size()) {
     throw HostError(
         ExitStatus::kDevice, description_,
-        "there are " + std::to_string(devices.size()) + " for " + kind + ", counted from 0",
+        "there are " + std::to_string(devices.size()) + " for " + kind + ", numbered from 0",
         kChoose);
   }
   description_ += " (" + devices[static_cast<std::size_t>(*index)].name + ")";

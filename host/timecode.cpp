@@ -82,7 +82,7 @@ std::optional<TwoTexts> CutTimes(std::string_view text, bool may_be_empty) {
   for (auto colon = text.find(':'); colon != text.npos; colon = text.find(':', colon + 1)) {
     const TwoTexts times = CutAt(text, colon);
     if (!IsTime(times.first, may_be_empty) || !IsTime(times.second, may_be_empty)) continue;
-    if (found) Refuse(text, "can be read in two ways: write the times in seconds");
+    if (found) Refuse(text, "is ambiguous: write the times in seconds");
     found = times;
   }
   return found;

@@ -11,7 +11,7 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kCutHelp =
-    "Several files count as one, in their order and in the format of the first.\n"
+    "Several files are joined in their order, in the format of the first.\n"
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
     "The pieces are joined in the order given; an empty BEGIN or END means the start or the end\n"
     "of the audio. Then every silence is inserted, in the order given, at its position in the\n"
@@ -54,8 +54,8 @@ ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
 // The engine's texts use the system's code page, which silently loses other characters.
 void RequireText(const std::string& text) {
   if (FitsCodePage(Widen(text))) return;
-  throw HostError(ExitStatus::kUsage, text, "a WAV file cannot hold all of these characters here",
-                  "Choose other ones, or let --replace-text write \"?\" for them.");
+  throw HostError(ExitStatus::kUsage, text, "the system's code page lacks some of these characters",
+                  "Choose other characters, or use --replace-text to write \"?\" instead.");
 }
 
 void Cut(const CutOptions& options, const Console& console) {

@@ -249,12 +249,12 @@ class Doctor {
     }
     if (bits == 0) {
       return refuse("the file is no module, or cannot be read",
-                    "Put a whole Tessaly.dll there that the user may read and run.");
+                    "Replace it by a complete Tessaly.dll that the user may read and run.");
     }
     if (bits == wanted_bits) return true;
     return refuse("it is a " + std::to_string(bits) + "-bit module, found by " +
                       std::to_string(wanted_bits) + "-bit programs",
-                  "Register the module of the same kind too; both can be registered.");
+                  "Also register the module with the same bitness as the programs.");
   }
 
   // Checks the file first: some systems report "access denied" for any file that does not load.
@@ -345,7 +345,7 @@ class Doctor {
     if (module_.empty()) return;
     ComPtr<ITypeLib> library;
     HRESULT hr = LoadTypeLibEx(Widen(module_).c_str(), REGKIND_NONE, library.GetAddressOf());
-    if (FAILED(hr)) return AddProblem(hr, "the description inside " + module_);
+    if (FAILED(hr)) return AddProblem(hr, "the type library in " + module_);
     int available = 0;
     for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
       TYPEKIND kind = TKIND_MAX;
@@ -380,7 +380,7 @@ class Doctor {
     notes_.emplace_back(
         ExitStatus::kSuccess, "converter",
         "it cannot be created, so CAudioConnector passes audio on at its own rate and channels",
-        "Where that is not meant: put Converter.dll beside Tessaly.dll and register it.");
+        "To convert, put Converter.dll beside Tessaly.dll and register it.");
   }
 
   // Returns true if the listed filter can be created; otherwise adds a problem.
@@ -399,7 +399,7 @@ class Doctor {
     problems_.emplace_back(
         ExitStatus::kRegistration, subject,
         entry.class_id + ": " + Explain(hr, "", ExitStatus::kRegistration).reason(),
-        "Register the module of the filter, or remove the value; the engine passes over it.");
+        "Register the module of the filter, or remove the value; the engine ignores it.");
     return false;
   }
 
@@ -419,14 +419,13 @@ class Doctor {
     if (list.cut_short) {
       problems_.emplace_back(
           ExitStatus::kRegistration, kFilterListKey,
-          "one value is too long to be read, and the filters behind it are not used",
+          "one value is too long, so the engine ignores it and the filters after it",
           "Remove the value.");
     } else if (list.entries.empty()) {
-      notes_.emplace_back(
-          ExitStatus::kSuccess, "import filters",
-          "none is listed, so hosts that ask CFileFilterMgr find none; marlinda asks the built-in "
-          "ones itself",
-          "\"marlinda install-filters\", run as an administrator, lists them.");
+      notes_.emplace_back(ExitStatus::kSuccess, "import filters",
+                          "none is listed, so CFileFilterMgr finds none; marlinda uses the "
+                          "built-in filters directly",
+                          "\"marlinda install-filters\", run as an administrator, lists them.");
     }
   }
 
@@ -471,7 +470,7 @@ class Doctor {
       add("no file can be made there: " + Explain(hr, "", ExitStatus::kOutput).reason(),
           "Allow the user to write there");
     } else if (free_bytes && *free_bytes < kMinFreeBytes) {
-      add("only " + free_text + " are free, and imported audio needs 8 bytes a stereo frame",
+      add("only " + free_text + " are free, and imported audio needs 8 bytes per stereo frame",
           "Free some space there");
     }
   }

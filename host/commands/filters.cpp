@@ -90,7 +90,7 @@ void ListFilters(bool json, const Console& console) {
   const FilterList list = ReadFilterList();
   if (list.cut_short) {
     console.Tell(std::string(kFilterListKey) +
-                 ": one value is too long to be read, and the filters behind it are not used\n"
+                 ": one value is too long, so the engine ignores it and the filters after it\n"
                  "  Remove the value.");
   }
   const std::vector<FilterReport> reports = Report(list);

@@ -13,8 +13,8 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kPeaksHelp =
-    "Writes the lowest and the highest sample of each channel in every N frames, as 16-bit codes\n"
-    "or as their upper eight bits; the form is that of audiowaveform, version 2.\n"
+    "Writes the minimum and maximum of each channel in every N frames, as 16-bit codes or their\n"
+    "upper eight bits, in the format of audiowaveform, version 2.\n"
     "Example: marlinda peaks in.ogg out.json --samples-per-pixel 512";
 
 struct PeaksOptions {
@@ -121,11 +121,11 @@ void AddPeaks(CLI::App& app, Console& console) {
   command->add_option("IN", options->input, "Audio file to read")->required();
   command
       ->add_option("OUT.json|OUT.dat", options->output,
-                   "File to write, an existing one is replaced; - writes JSON to standard output")
+                   "File to write; an existing one is replaced; - writes JSON to standard output")
       ->required();
   command
       ->add_option("--samples-per-pixel", options->samples_per_pixel,
-                   "Frames of one pair (256 unless given)")
+                   "Frames per pair of minimum and maximum (256 unless given)")
       ->option_text("N")
       ->check(CLI::Range(2, 1'000'000'000));
   command->add_option("--bits", options->bits, "Bits of a peak (16 unless given)")

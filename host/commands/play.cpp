@@ -150,11 +150,11 @@ void AddPlay(CLI::App& app, Console& console) {
   const auto [command, options] =
       AddCommand(app, console, "play", "Play an audio file", kPlayHelp, Play);
   command->add_option("IN", options->input, "Audio file to read")->required();
-  command->add_option("--from", options->from, "Play from this time on");
-  command->add_option("--to", options->to, "Play up to this time");
-  command->add_flag("--loop", options->loop, "Play again and again, until Ctrl+C");
+  command->add_option("--from", options->from, "Start at this time");
+  command->add_option("--to", options->to, "End at this time");
+  command->add_flag("--loop", options->loop, "Repeat until Ctrl+C");
   command->add_option("--channels", options->channels,
-                      "Channels to be heard, counted from 0, such as 0,1 (all unless given)");
+                      "Channels to play, numbered from 0, such as 0,1 (all unless given)");
   AddDevice(command, options->device);
   AddProgress(command, console);
   AddJson(command, options->json);

@@ -8,8 +8,8 @@ namespace {
 
 constexpr const char* kPlotHelp =
     "Times are seconds such as 1.5, times such as 1:02:03.5, or frames such as 66150f.\n"
-    "One lane a channel; full scale fills a lane, and what reaches it is marked above. Labels and\n"
-    "markers of the file are drawn in.\n"
+    "Each channel has a lane, which full scale fills; clipped samples are marked above it. Labels\n"
+    "and markers of the file are drawn, too.\n"
     "Example: marlinda plot in.ogg out.png --width 1920 --from 10 --to 20";
 
 struct PlotOptions {
@@ -81,7 +81,7 @@ void AddPlot(CLI::App& app, Console& console) {
   command
       ->add_option_function<std::string>(
           "--scale", [&picture](const std::string& name) { picture.style.decibels = name == "db"; },
-          "Height of a sample, or its level down to -60 dB (linear unless given)")
+          "Vertical scale: linear, or level in dB down to -60 dB (linear unless given)")
       ->option_text("linear|db")
       ->check(CLI::IsMember({"linear", "db"}));
   command
@@ -92,8 +92,8 @@ void AddPlot(CLI::App& app, Console& console) {
       ->check(CLI::IsMember({"light", "dark"}));
   command->add_option("--colour", options->colour, "Colour of the wave")->option_text("RRGGBB");
   command->add_flag("--rms", picture.rms, "Draw the root mean square as well");
-  command->add_option("--from", options->from, "Draw from this time on");
-  command->add_option("--to", options->to, "Draw up to this time");
+  command->add_option("--from", options->from, "Start at this time");
+  command->add_option("--to", options->to, "End at this time");
   AddProgress(command, console);
   AddJson(command, options->json);
 }

@@ -19,7 +19,7 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kRecordHelp =
-    "Ctrl+C ends the recording early; the file holds what was recorded until then.\n"
+    "Ctrl+C ends the recording early; the file holds the audio recorded until then.\n"
     "Example: marlinda record take.wav --seconds 60 --rate 48000 --bits 24";
 
 struct RecordOptions {

@@ -14,8 +14,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kScrubHelp =
-    "Without --at the keys move: left and right by a tenth of a second, down and up by a second,\n"
-    "Home and End; Escape, Enter or Q ends it.\n"
+    "Without --at, keys move the position: left and right by a tenth of a second, down and up by\n"
+    "a second, Home and End to the start and the end. Escape, Enter or Q quits.\n"
     "Example: marlinda scrub in.ogg --at 1,1.1,1.2,5 --hold 0.25";
 
 struct ScrubOptions {
@@ -121,8 +121,7 @@ void Scrub(const ScrubOptions& options, const Console& console) {
   const std::chrono::microseconds hold(
       ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
   if (times.empty() && !console.HasKeyboard()) {
-    throw UsageError("scrub",
-                     "without a terminal there are no arrow keys: give the positions with --at");
+    throw UsageError("scrub", "arrow keys need a terminal: give the positions with --at");
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
@@ -158,7 +157,7 @@ void AddScrub(CLI::App& app, Console& console) {
   const auto [command, options] = AddCommand(
       app, console, "scrub", "Hear an audio file at a moving position", kScrubHelp, Scrub);
   command->add_option("IN", options->input, "Audio file to read")->required();
-  command->add_option("--at", options->at, "Positions to hear one after the other")
+  command->add_option("--at", options->at, "Positions to hear in sequence")
       ->type_name("TIME,TIME,...");
   command->add_option("--hold", options->hold, "Seconds to stay at each (0.5 unless given)")
       ->needs("--at");

@@ -14,8 +14,8 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kStatsHelp =
-    "Levels are in decibels relative to full scale (dBFS; dBTP between the samples), loudness is\n"
-    "EBU R 128. Clipped is a sample of 16-bit full scale and above, silent one below -60 dBFS.\n"
+    "Levels are in dB relative to full scale (dBFS), true peaks in dBTP, loudness by EBU R 128.\n"
+    "A sample of 16-bit full scale or above is clipped; one below -60 dBFS is silent.\n"
     "Example: marlinda stats in.wav --json";
 
 constexpr float kSilence = 0.001F;
