@@ -41,11 +41,11 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, Format().samples_per_sec, pnChannels, Format().channels);
   }
-  // Of the decoded samples.
+  // The width of the decoded samples.
   STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
     return SetOut(pnBitsPerSample, Format().bits);
   }
-  // Of the file.
+  // The file's average.
   STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override {
     return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
