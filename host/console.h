@@ -30,7 +30,7 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  // The command line without the program's name.
+  // Returns the command line without the program's name.
   static std::vector<std::string> Arguments();
 
   // Reports progress as lines on standard error instead of a bar.

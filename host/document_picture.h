@@ -17,8 +17,7 @@ struct PictureRequest {
   std::optional<int> height = {};  // default: 320, more for many channels
   TimeRange range = {};
   PictureStyle style = {};
-  bool rms =
-      false;  // also draws the root mean square of each column, for which all samples are read
+  bool rms = false;  // also draws each column's root mean square; reads all samples
 };
 
 // Checks the request; call it before a long import. Throws a HostError.

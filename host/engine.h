@@ -101,7 +101,7 @@ class OpenReader {
   IAudioReader* reader_;
 };
 
-// Reads the range of an open reader in blocks.
+// Reads the range of an open reader block by block.
 using BlockFunction = std::function<void(__int64 position, std::span<const float> samples)>;
 void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
                   const BlockFunction& take);

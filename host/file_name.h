@@ -22,7 +22,7 @@ void RequireWritablePlace(const std::string& output, const std::vector<std::stri
 // HostError that names it.
 void WriteWholeFile(const std::string& file, const std::string& content);
 
-// Extension without its dot, ASCII letters in lower case.
+// Returns the extension without its dot, ASCII letters in lower case.
 std::string ExtensionOf(const std::string& file);
 
 // Returns a name of the file that the engine's code page can hold: the name itself or the system's

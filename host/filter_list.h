@@ -27,14 +27,14 @@ struct FilterList {
   bool cut_short = false;
 };
 
-// A missing key is an empty list. Throws a HostError.
+// Returns an empty list if the key is missing. Throws a HostError.
 FilterList ReadFilterList();
 
 // Both throw a HostError. Removing a missing value succeeds.
 void WriteListedFilter(const std::string& value_name, REFCLSID class_id);
 void RemoveListedFilter(const std::string& value_name);
 
-// "{2A54BF54-...}"
+// Returns text such as "{2A54BF54-...}".
 std::string ClassIdText(REFCLSID class_id);
 
 struct BuiltInFilter {

@@ -30,10 +30,10 @@ class StatusLine {
 // Returns "title [#####     ]  50 %". A fraction outside 0 to 1 is clamped; NaN counts as 0.
 std::string ProgressLine(std::string_view title, double fraction);
 
-// Where progress goes.
+// Destinations of the progress; null for none.
 struct ProgressOutput {
   std::ostream* terminal = nullptr;  // one line, redrawn for a person
-  std::ostream* lines = nullptr;     // a line for each whole percent, for a program
+  std::ostream* lines = nullptr;     // a line for each percent, for a program
 };
 
 // Shows the progress of a long task.

@@ -32,7 +32,7 @@ class Bstr {
   ~Bstr() { SysFreeString(text_); }
 
   BSTR get() const { return text_; }
-  // For an out parameter; frees the held string.
+  // Returns an out parameter; frees the held string.
   BSTR* Receive() {
     SysFreeString(text_);
     text_ = nullptr;

@@ -28,7 +28,7 @@ struct ScrubOptions {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-// Scrubs a document while it lives.
+// Scrubs a document during the object's lifetime.
 class Scrubber {
  public:
   Scrubber(IEditedAudio* document, const ImportedAudio& audio, const std::string& file,

@@ -10,7 +10,7 @@
 namespace marlinda {
 namespace {
 
-// Increase it if a key of a report is removed or changes its meaning; new keys do not count.
+// Increase it when a key of a report is removed or changes its meaning, not for new keys.
 constexpr int kSchemaVersion = 2;
 
 }  // namespace
