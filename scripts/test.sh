@@ -15,14 +15,13 @@ passed=0 failed=0 skipped=0 broken=()
 count() {
   awk '
     /^test [0-9]+$/ { ran = bad = left = begun = 0 }
-    /^[0-9]+: \[==========\] Running/ { begun++ }
-    /^[0-9]+: \[==========\] [0-9]+ tests? from .* ran/ { begun-- }
+    /^[0-9]+: \[==========\] Running/ { begun = 1 }
     /^[0-9]+: \[==========\] [0-9]+ tests? from .* ran/ { ran += $3 }
     /^[0-9]+: \[  FAILED  \] [0-9]+ tests?, listed below/ { bad += $5 }
     /^[0-9]+: \[  SKIPPED \] [0-9]+ tests?, listed below/ { left += $5 }
     / NOT TESTED\. / { ran++; left++ }
     /^ *[0-9]+\/[0-9]+ Test +#[0-9]+: / {
-      whole = / Passed +[0-9.]+ sec/ && begun == 0
+      whole = / Passed +[0-9.]+ sec/ && !(begun && ran == 0)
       if (ran == 0) { ran = 1; bad = !whole }
       else if (!whole && bad == 0) { ran++; bad = 1 }
       passed += ran - bad - left; failed += bad; skipped += left

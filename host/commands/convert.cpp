@@ -43,7 +43,7 @@ class Connector {
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
   FileExport wave(options.output, {options.input});
-  const int bits = OutputBits(options.bits, source, wave);
+  const int bits = OutputBits(options.bits, source.BitsPerSample(), wave);
   if (const auto expected = source.Expected()) {
     const AudioFormat to = TargetFormat(expected->format, options.rate, options.channels);
     wave.RequireRoom(ConvertSampleCount(expected->frames, expected->format.rate, to.rate), to,
@@ -82,7 +82,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
 
 void AddConvert(CLI::App& app, Console& console) {
   const auto [command, options] = AddCommand(
-      app, console, "convert", "Write an audio file as WAV or MP3", kConvertHelp, Convert);
+      app, console, "convert", "Write an audio file as WAV, MP3 or WMA", kConvertHelp, Convert);
   AddFiles(command, options->input, options->output);
   AddBits(command, options->bits, kSourceBits);
   AddFormat(command, options->rate, options->channels, "as the input unless given");

@@ -65,7 +65,7 @@ void Cut(const CutOptions& options, const Console& console) {
   FileExport wave(output, inputs);
   const bool draws = !options.picture.file.empty();
   if (draws) CheckPicture(options.picture, inputs);
-  const int bits = OutputBits(options.bits, source.first(), wave);
+  const int bits = OutputBits(options.bits, source.first().BitsPerSample(), wave);
   CutPlan plan;
   const auto expected = source.Expected({}, {});
   if (expected) {
@@ -125,7 +125,7 @@ void AddCut(CLI::App& app, Console& console) {
   AddRepeated(command, "--label", "AT:NAME", request.labels, "Set a label");
   AddRepeated(command, "--marker", "BEGIN:END:NAME", request.markers, "Mark a section");
   command->add_option("--plot", options->picture.file, "Draw the result as a picture as well")
-      ->type_name("OUT.png");
+      ->type_name("OUT.png|OUT.svg");
   AddBits(command, options->bits, kSourceBits);
   command->add_flag("--replace-text", options->replace_text,
                     "Write \"?\" for characters outside the system's code page");

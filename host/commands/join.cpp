@@ -25,7 +25,7 @@ void Join(const JoinOptions& options, const Console& console) {
   const auto [inputs, output] = SplitFiles("join", options.files);
   JoinedSource source(inputs);
   FileExport wave(output, inputs);
-  const int bits = OutputBits(options.bits, source.first(), wave);
+  const int bits = OutputBits(options.bits, source.first().BitsPerSample(), wave);
   if (const auto expected = source.Expected(options.rate, options.channels)) {
     wave.RequireRoom(expected->frames, expected->format, bits);
   }

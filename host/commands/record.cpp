@@ -27,7 +27,7 @@ struct RecordOptions {
   std::string seconds;
   int rate = 44100;
   int channels = 2;
-  int bits = 16;
+  std::optional<int> bits;
   std::optional<int> device;
   bool json = false;
 };
@@ -155,16 +155,17 @@ Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioForm
 
 // Writes the take. If the output fails, writes it to the temporary folder, perhaps on another disk,
 // because a take cannot be repeated.
-WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, const Console& console) {
+WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, int bits,
+                   const Console& console) {
   try {
-    return FileExport(options.output, {}).Run(take, options.bits, console);
+    return FileExport(options.output, {}).Run(take, bits, console);
   } catch (const HostError& error) {
     if (error.status() != ExitStatus::kOutput) throw;
     const std::string spare = Narrow((std::filesystem::temp_directory_path() /
                                       ("take-" + std::to_string(GetCurrentProcessId()) + ".wav"))
                                          .wstring());
     console.Tell(error.what());
-    FileExport(spare, {}).Run(take, options.bits, console);
+    FileExport(spare, {}).Run(take, bits, console);
     throw HostError(error.status(), options.output, "the take was saved as " + spare + " instead");
   }
 }
@@ -175,12 +176,11 @@ void RecordFile(const RecordOptions& options, const Console& console) {
     return Timecode::Parse(text).ToFrames(options.rate);
   };
   const std::int64_t frames = ForOption("--seconds", in_frames, options.seconds);
-  if (frames == 0) throw UsageError("record", "--seconds: that is no frame at all");
-  if (!FitsWaveFile(frames, options.channels, options.bits)) {
-    throw UsageError("record", "a WAV file holds at most 4 GiB, and this needs more");
-  }
+  if (frames == 0) throw UsageError("record", "--seconds: that is less than one frame");
   // Check that the output can be written before recording.
-  static_cast<void>(FileExport(options.output, {}));
+  const FileExport wave(options.output, {});
+  const int width = OutputBits(options.bits, std::nullopt, wave);
+  wave.RequireRoom(frames, format, width);
   RequireWritable(options.output);
   const auto device = DeviceChoice::OfInputs(options.device);
   const auto pool = NewPool();
@@ -190,20 +190,20 @@ void RecordFile(const RecordOptions& options, const Console& console) {
       Record(OpenGrabber(device, format), pool.Get(), format, frames, device, console);
   const auto [take, ignored, recorded] = LastTake(pool.Get());
   if (recorded == 0) {
-    throw HostError(
-        shortfall ? shortfall->status() : ExitStatus::kFailure, options.output,
-        std::string(shortfall ? shortfall->what() : "nothing came") + "; nothing was recorded");
+    throw HostError(shortfall ? shortfall->status() : ExitStatus::kFailure, options.output,
+                    std::string(shortfall ? shortfall->what() : "the device delivered no audio") +
+                        "; nothing was recorded");
   }
   // Ctrl+C until now ended the recording; from here on it interrupts the writing.
   console.ForgetInterrupt();
-  const WaveFileFacts facts = Save(take.Get(), options, console);
+  const WaveFileFacts facts = Save(take.Get(), options, width, console);
   if (shortfall) {
     throw HostError(shortfall->status(), options.output,
                     "the file is valid and holds the first " +
                         FormatDuration(recorded, format.rate) + "; " + shortfall->what());
   }
   // Compressed files have no bits per sample.
-  const int bits = facts.block_align > 0 ? options.bits : 0;
+  const int bits = facts.block_align > 0 ? width : 0;
   if (options.json) {
     console.Print(Serialize({{"device", OrNull(device.index())},
                              {"output", options.output},

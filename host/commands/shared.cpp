@@ -49,7 +49,7 @@ CLI::Option* AddOutput(CLI::App* command, std::string& output) {
 void AddFiles(CLI::App* command, std::vector<std::string>& files) {
   command
       ->add_option("FILES", files,
-                   "Audio files to read, in their order, and last the WAV file to write")
+                   "Audio files to read, in their order, and last the file to write")
       ->required();
 }
 
@@ -91,13 +91,14 @@ ImportedAudio Measure(Source& source, const Console& console, const MeasureFunct
   return audio;
 }
 
-int OutputBits(const std::optional<int>& asked, const Source& source, const FileExport& wave) {
+int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,
+               const FileExport& wave) {
   if (asked && !wave.IsWave()) {
     throw HostError(ExitStatus::kUsage, "--bits", "only WAV files have a number of bits",
                     "Leave the option out.");
   }
   if (asked) return *asked;
-  const int bits = source.BitsPerSample().value_or(16);
+  const int bits = source_bits.value_or(16);
   return bits == 24 || bits == 32 ? bits : 16;
 }
 

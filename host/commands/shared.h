@@ -70,7 +70,8 @@ ImportedAudio Measure(Source& source, const Console& console, const MeasureFunct
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
 // Returns `asked`; if not given, 24 or 32 for such a source, otherwise 16.
-int OutputBits(const std::optional<int>& asked, const Source& source, const FileExport& wave);
+int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,
+               const FileExport& wave);
 
 // Keeps the order of the keys.
 using Json = nlohmann::ordered_json;
