@@ -13,8 +13,8 @@ namespace marlinda {
 namespace {
 
 constexpr const char* kPeaksHelp =
-    "Writes the minimum and maximum of each channel in every N frames, as 16-bit codes or their\n"
-    "upper eight bits, in the format of audiowaveform, version 2.\n"
+    "Writes the minimum and maximum of each channel in every N frames, as 16-bit codes or those\n"
+    "divided by 256, in the format of audiowaveform, version 2.\n"
     "Example: marlinda peaks in.ogg out.json --samples-per-pixel 512";
 
 struct PeaksOptions {
