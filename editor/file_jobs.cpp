@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "core/sample_count.h"
-#include "host/clamped_reader.h"
+#include "host/host_streams.h"
 #include "host/file_name.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"

@@ -13,12 +13,10 @@
 #include <stb/stb_image_write.h>
 
 #include <algorithm>
-#include <cmath>
 #include <new>
 #include <stdexcept>
 
 #include "host/channel_list.h"
-#include "host/engine.h"
 #include "host/file_name.h"
 #include "host/system_fonts.h"
 #include "host/waveform_picture.h"
@@ -45,27 +43,21 @@ std::string Png(const Drawing& drawing) {
   return content;
 }
 
-// Returns the root mean square of each channel in each column.
-std::vector<float> RootMeanSquares(IAudioReader* reader, const FrameRange& range,
-                                   std::size_t columns, std::size_t channels) {
-  std::vector<double> sums(columns * channels);
-  std::vector<double> counts(columns);
-  const auto frames = static_cast<double>(range.end - range.begin);
-  ForEachBlock(reader, range, channels, [&](__int64 position, std::span<const float> block) {
-    for (std::size_t i = 0; i < block.size(); ++i) {
-      const auto frame =
-          static_cast<double>(position - range.begin) + static_cast<double>(i / channels);
-      const auto column = std::min(
-          static_cast<std::size_t>(frame / frames * static_cast<double>(columns)), columns - 1);
-      sums[column * channels + i % channels] += double{block[i]} * block[i];
-      if (i % channels == 0) ++counts[column];
-    }
-  });
-  std::vector<float> rms(sums.size());
-  for (std::size_t i = 0; i < rms.size(); ++i) {
-    rms[i] = static_cast<float>(std::sqrt(sums[i] / std::max(counts[i / channels], 1.0)));
+PictureSize Draw(const Waveform& waveform, const PictureRequest& request) {
+  const int channels = waveform.channels;
+  const int height =
+      request.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
+  if (height < LeastHeight(channels)) {
+    throw UsageError("plot",
+                     ChannelCount(channels) + " need a height of " +
+                         std::to_string(LeastHeight(channels)) + " pixels",
+                     request.file);
   }
-  return rms;
+  const Console::Finishing finishing;
+  const Drawing drawing =
+      DrawWaveform(waveform, request.style, request.width, height, SystemFonts());
+  WriteWholeFile(request.file, ExtensionOf(request.file) == "svg" ? drawing.Svg() : Png(drawing));
+  return {request.width, height};
 }
 
 }  // namespace
@@ -122,22 +114,22 @@ PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
     });
     waveform.samples = samples;
   } else if (request.rms) {
-    rms = RootMeanSquares(reader.Get(), range, static_cast<std::size_t>(request.width), lanes);
+    ColumnLevels levels(length, static_cast<std::size_t>(request.width), lanes, true);
+    ForEachBlock(reader.Get(), range, lanes,
+                 [&](__int64, std::span<const float> block) { levels.Add(block); });
+    rms = levels.RootMeanSquares();
     waveform.rms = rms;
   }
-  const int height =
-      request.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
-  if (height < LeastHeight(channels)) {
-    throw UsageError("plot",
-                     ChannelCount(channels) + " need a height of " +
-                         std::to_string(LeastHeight(channels)) + " pixels",
-                     request.file);
-  }
-  const Console::Finishing finishing;
-  const Drawing drawing =
-      DrawWaveform(waveform, request.style, request.width, height, SystemFonts());
-  WriteWholeFile(request.file, ExtensionOf(request.file) == "svg" ? drawing.Svg() : Png(drawing));
-  return {request.width, height};
+  return Draw(waveform, request);
+}
+
+PictureSize DrawLevels(const ColumnLevels& levels, const FrameRange& range,
+                       const AudioFormat& format, const Annotations& annotations,
+                       const PictureRequest& request) {
+  const std::vector<float> rms = levels.RootMeanSquares();
+  return Draw(
+      {levels.pairs(), rms, {}, format.channels, range.begin, range.end, format.rate, annotations},
+      request);
 }
 
 }  // namespace marlinda

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "host/annotations.h"
+#include "host/column_levels.h"
+#include "host/engine.h"
 #include "host/timecode.h"
 #include "host/waveform_picture.h"
 
@@ -34,5 +36,10 @@ struct PictureSize {
 // Draws the document with the given labels and markers. Throws a HostError.
 PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
                          const PictureRequest& request);
+
+// Draws the range from its levels instead of a document.
+PictureSize DrawLevels(const ColumnLevels& levels, const FrameRange& range,
+                       const AudioFormat& format, const Annotations& annotations,
+                       const PictureRequest& request);
 
 }  // namespace marlinda

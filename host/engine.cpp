@@ -1,13 +1,14 @@
 #include "host/engine.h"
 
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
 
 #include "core/import_section.h"
-#include "host/clamped_reader.h"
 #include "host/file_name.h"
 #include "host/filter_list.h"
+#include "host/host_streams.h"
 #include "host/progress.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"
@@ -242,12 +243,13 @@ Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   filter_ = ChooseFilter(file, Bstr(engine_name_).get());
   identity_ = IdentityOf(filter_.Get());
   if (target == nullptr) pool_ = NewPool();
-  Initialize(target);
+  target != nullptr ? Initialize(target) : InitializeForPool();
 }
 
+void Source::InitializeForPool() { Initialize(Query<IAudioWriter>(pool_.Get()).Get()); }
+
 void Source::Initialize(IAudioWriter* target) {
-  const ComPtr<IAudioWriter> writer = target != nullptr ? target : Query<IAudioWriter>(pool_.Get());
-  const HRESULT hr = filter_->Initialize(Bstr(engine_name_).get(), writer.Get());
+  const HRESULT hr = filter_->Initialize(Bstr(engine_name_).get(), target);
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file_, "the file is damaged or not of the kind it claims");
   }
@@ -312,10 +314,39 @@ std::optional<AcidData> Source::ReadAcidData() const {
   return acid;
 }
 
-ImportedAudio Source::Import(const Console& console) {
+void Source::Run(const Console& console) {
   ProgressBar bar(console.Progress(), "Reading");
   if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), bar, console)) throw NothingWritten(file_);
+}
+
+ImportedAudio Source::Import(const Console& console) {
+  Run(console);
   return TakeOfRun(console);
+}
+
+ImportedAudio Source::Stream(const SampleFunction& take, const Console& console,
+                             const std::optional<FrameRange>& part) {
+  ImportedAudio audio;
+  std::exception_ptr failure;
+  const auto write = [&](const AudioFormat& format, SAFEARRAY* array) {
+    if (failure || format.channels <= 0) return E_FAIL;
+    try {
+      const std::span<const float> samples = SamplesOf(array);
+      take(format, samples);
+      audio.format = format;
+      audio.frames += static_cast<__int64>(samples.size()) / format.channels;
+      return S_OK;
+    } catch (...) {
+      failure = std::current_exception();
+      return E_FAIL;
+    }
+  };
+  Initialize(WriteWith(write).Get());
+  if (part) Select(*part);
+  Run(console);
+  if (failure) std::rethrow_exception(failure);
+  if (!part) CheckRun(audio, console);
+  return audio;
 }
 
 std::optional<ImportedAudio> Source::Expected() const {
@@ -346,7 +377,7 @@ ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& 
   __int64 done = 0;
   __int64 end = 0;
   for (const FrameRange& part : parts) {
-    if (done > 0) Initialize();
+    if (done > 0) InitializeForPool();
     Select(part);
     const __int64 length = part.end - part.begin;
     if (!RunTask(task.Get(), bar, console, static_cast<double>(done) / whole,
@@ -355,7 +386,7 @@ ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& 
     }
     const ImportedAudio take = LastTake(pool_.Get());
     if (take.frames != length) {
-      Initialize();
+      InitializeForPool();
       return Import(console);
     }
     TakeOfRun(console);
@@ -387,7 +418,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
       task->QueryIsTaskRunning(&running);
       if (running == VARIANT_FALSE) {
         // Fill with silence: after an error, playing would drop queued audio.
-        std::fill_n(static_cast<float*>(array->pvData), array->rgsabound[0].cElements, 0.0F);
+        std::ranges::fill(SamplesOf(array), 0.0F);
       }
       const HRESULT hr = reader->ReadAudio(position, array);
       if (hr != kEndOfFile) return hr;
@@ -412,18 +443,25 @@ std::optional<__int64> Source::PollImport(const Console& console) const {
 
 ImportedAudio Source::TakeOfRun(const Console& console) const {
   const ImportedAudio audio = LastTake(pool_.Get());
-  if (audio.frames <= 0 || audio.format.rate <= 0 || audio.format.channels <= 0) {
-    throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
-                    "The file may be damaged.");
-  }
   // The import ignores failed writes, but then the pool's file is shorter than its take.
-  const HRESULT last = ReadOneFrame(audio.reader.Get(), audio.frames - 1, audio.format.channels);
+  const HRESULT last =
+      audio.frames > 0 ? ReadOneFrame(audio.reader.Get(), audio.frames - 1, audio.format.channels)
+                       : S_OK;
   if (last == kEndOfFile) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
                     "Free some space there, or name another folder in the registry value "
                     "\"Temporary\" of HKEY_CURRENT_USER\\Software\\Brevant\\Cutloom\\Directories.");
   }
   if (FAILED(last)) throw Explain(last, kTemporaryFolder, ExitStatus::kOutput);
+  CheckRun(audio, console);
+  return audio;
+}
+
+void Source::CheckRun(const ImportedAudio& audio, const Console& console) const {
+  if (audio.frames <= 0 || audio.format.rate <= 0 || audio.format.channels <= 0) {
+    throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
+                    "The file may be damaged.");
+  }
   // At the end, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = Frames();
   const auto task = TryQuery<ICoreTask>(filter_.Get());
@@ -435,7 +473,6 @@ ImportedAudio Source::TakeOfRun(const Console& console) const {
                  " frames were read; the rest is left out, because it has another sample rate or "
                  "number of channels");
   }
-  return audio;
 }
 
 FileExport::FileExport(const std::string& file, const std::vector<std::string>& inputs)
@@ -496,12 +533,16 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
     throw HostError(ExitStatus::kInterrupted, file_,
                     "interrupted; the file is valid and holds the first " + part);
   }
-  std::error_code ignored;
-  std::filesystem::remove(PathOf(file_), ignored);
+  Remove();
   if (!finished) throw NothingWritten(file_);
   throw HostError(ExitStatus::kOutput, file_,
                   "the file could not be written whole, so it was removed",
                   "The disk may be full: free some space there, or choose another disk.");
+}
+
+void FileExport::Remove() const {
+  std::error_code ignored;
+  std::filesystem::remove(PathOf(file_), ignored);
 }
 
 void FileExport::HandOver() {

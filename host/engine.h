@@ -120,6 +120,10 @@ struct ImportedAudio {
 // Fills an empty document with the audio.
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
+// Receives blocks of samples in sequence.
+using SampleFunction =
+    std::function<void(const AudioFormat& format, std::span<const float> samples)>;
+
 // Creates a pool that stores floats. Throws if its files cannot be created.
 ComPtr<IAudioPool> NewPool();
 // Returns the latest take of the pool; no frames if there is none.
@@ -148,6 +152,15 @@ class Source {
   // Decodes the whole file. Reports on standard error if it holds less than it announces.
   ImportedAudio Import(const Console& console);
 
+  // Decodes the file into `take`, on another thread, without a pool. Returns the result of Import
+  // without its reader. Rethrows what `take` throws. `part` requires a result of Expected; if the
+  // file holds less than it announces, fewer frames come, and nothing is reported.
+  ImportedAudio Stream(const SampleFunction& take, const Console& console,
+                       const std::optional<FrameRange>& part = {});
+  // Make the next run of the filter write to `target` or, as the constructor does, to the pool.
+  void Initialize(IAudioWriter* target);
+  void InitializeForPool();
+
   // Returns the result of Import without its reader, or nothing unless the filter knows the exact
   // length and can import any part of the file. The members below require a result.
   std::optional<ImportedAudio> Expected() const;
@@ -162,10 +175,10 @@ class Source {
   std::optional<__int64> PollImport(const Console& console) const;
 
  private:
-  // Initializes for `target`; if null, for the pool.
-  void Initialize(IAudioWriter* target = nullptr);
+  void Run(const Console& console);
   void Select(const FrameRange& part);
   ImportedAudio TakeOfRun(const Console& console) const;
+  void CheckRun(const ImportedAudio& audio, const Console& console) const;
 
   std::string file_;
   std::wstring engine_name_;
@@ -202,6 +215,8 @@ class FileExport {
   // export filter; if null, the filter runs itself.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr);
+  // Removes the written file.
+  void Remove() const;
 
   IUnknown* filter_object() const { return filter_.Get(); }
   bool IsWave() const { return is_wave_; }

@@ -5,6 +5,7 @@
 #include "core/sample_count.h"
 #include "host/commands/shared.h"
 #include "host/converted_audio.h"
+#include "host/host_streams.h"
 
 namespace marlinda {
 namespace {
@@ -40,33 +41,63 @@ class Connector {
   const ComPtr<ICoreTask> task_ = Query<ICoreTask>(connector_.Get());
 };
 
+// Imports and exports at the same time, without a pool. Returns nothing if the import stalls or
+// holds less than it announces; the output then has silence in place of the missing samples.
+std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& to, int bits,
+                                             FileExport& wave, const Console& console) {
+  const Connector connector;
+  source.Initialize(Query<IAudioWriter>(connector.task()).Get());
+  Check(connector->SetupImportToExport(source.filter_object(), wave.filter_object(), to.rate,
+                                       to.channels));
+  const auto complete = std::make_shared<std::atomic<bool>>(true);
+  const auto reader = ReadWith(connector.reader().Get(),
+                               [complete](IAudioReader* queue, __int64 position, SAFEARRAY* array) {
+                                 const HRESULT hr = queue->ReadAudio(position, array);
+                                 if (hr != S_OK) *complete = false;
+                                 return hr;
+                               });
+  const WaveFileFacts facts = wave.Run(reader.Get(), bits, console, connector.task());
+  if (!*complete) return std::nullopt;
+  return facts;
+}
+
+// The connector needs the exact length in advance, which an imported take has.
+WaveFileFacts ConvertFromPool(const ImportedAudio& audio, const AudioFormat& to, int bits,
+                              FileExport& wave, const Console& console) {
+  if (to == audio.format) return wave.Run(audio.reader.Get(), bits, console);
+  const Connector connector;
+  Check(connector->SetupReaderToExport(audio.reader.Get(), wave.filter_object(), to.rate,
+                                       to.channels));
+  return wave.Run(connector.reader().Get(), bits, console, connector.task());
+}
+
 void Convert(const ConvertOptions& options, const Console& console) {
   Source source(options.input);
-  FileExport wave(options.output, {options.input});
-  const int bits = OutputBits(options.bits, source.BitsPerSample(), wave);
+  std::optional<FileExport> wave(std::in_place, options.output, std::vector{options.input});
+  const int bits = OutputBits(options.bits, source.BitsPerSample(), *wave);
+  AudioFormat to;
+  __int64 frames = 0;
+  Annotations annotations;
+  const auto write = [&](const ImportedAudio& audio) -> std::optional<WaveFileFacts> {
+    to = TargetFormat(audio.format, options.rate, options.channels);
+    frames = ConvertSampleCount(audio.frames, audio.format.rate, to.rate);
+    if (to != audio.format) RequireConverter(audio.format, to);
+    annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
+    wave->SetTexts({source.ReadTags(), annotations, source.ReadAcidData()});
+    wave->RequireRoom(frames, to, bits);
+    if (audio.reader) return ConvertFromPool(audio, to, bits, *wave, console);
+    return ConvertDirectly(source, to, bits, *wave, console);
+  };
+  std::optional<WaveFileFacts> facts;
   if (const auto expected = source.Expected()) {
-    const AudioFormat to = TargetFormat(expected->format, options.rate, options.channels);
-    wave.RequireRoom(ConvertSampleCount(expected->frames, expected->format.rate, to.rate), to,
-                     bits);
+    facts = write(*expected);
+    if (!facts) {
+      wave->Remove();
+      wave.emplace(options.output, std::vector{options.input});
+      source.InitializeForPool();
+    }
   }
-  // Import into a pool even if the format changes: the connector needs the exact length in advance,
-  // and a filter may only estimate it.
-  const ImportedAudio audio = source.Import(console);
-  const AudioFormat to = TargetFormat(audio.format, options.rate, options.channels);
-  const Annotations annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
-  wave.SetTexts({source.ReadTags(), annotations, source.ReadAcidData()});
-  __int64 frames = audio.frames;
-  WaveFileFacts facts;
-  if (to == audio.format) {
-    facts = wave.Run(audio.reader.Get(), bits, console);
-  } else {
-    RequireConverter(audio.format, to);
-    const Connector connector;
-    Check(connector->SetupReaderToExport(audio.reader.Get(), wave.filter_object(), to.rate,
-                                         to.channels));
-    Check(connector.reader()->GetSampleCount(&frames));
-    facts = wave.Run(connector.reader().Get(), bits, console, connector.task());
-  }
+  if (!facts) facts = write(source.Import(console));
   PrintSummary({{options.input},
                 source.filter().class_name,
                 options.output,
@@ -74,7 +105,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
                 bits,
                 frames,
                 annotations,
-                facts},
+                *facts},
                options.json, console);
 }
 

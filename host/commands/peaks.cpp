@@ -69,12 +69,13 @@ void Peaks(const PeaksOptions& options, const Console& console) {
   if (!to_output) RequireWritablePlace(options.output, {options.input});
   Source source(options.input);
   std::optional<Extremes> extremes;
-  const ImportedAudio audio =
-      Measure(source, console, [&](const AudioFormat& format, auto samples) {
+  const ImportedAudio audio = source.Stream(
+      [&](const AudioFormat& format, auto samples) {
         if (!extremes)
           extremes.emplace(static_cast<std::size_t>(format.channels), options.samples_per_pixel);
         extremes->Add(samples);
-      });
+      },
+      console);
   const int divisor = options.bits == 8 ? 256 : 1;
   const std::size_t length =
       extremes->codes().size() / 2 / static_cast<std::size_t>(audio.format.channels);

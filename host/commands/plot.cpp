@@ -34,34 +34,58 @@ Colour ParseColour(const std::string& text) {
   return {part(0), part(2), part(4)};
 }
 
+// Draws the range while it is decoded, without storing it. Returns nothing if its columns are so
+// narrow that a pool is as fast, or if the file holds less than it announces.
+std::optional<PictureSize> DrawStream(Source& source, const FrameRange& range,
+                                      const AudioFormat& format, const Annotations& annotations,
+                                      const PictureRequest& picture, const Console& console) {
+  constexpr __int64 kMinFramesPerColumn = 256;
+  const __int64 length = range.end - range.begin;
+  if (length / picture.width < kMinFramesPerColumn) return std::nullopt;
+  ColumnLevels levels(length, static_cast<std::size_t>(picture.width),
+                      static_cast<std::size_t>(format.channels), picture.rms);
+  const ImportedAudio audio = source.Stream(
+      [&](const AudioFormat&, std::span<const float> samples) { levels.Add(samples); }, console,
+      range);
+  if (audio.frames == length) return DrawLevels(levels, range, format, annotations, picture);
+  source.InitializeForPool();
+  return std::nullopt;
+}
+
 void Plot(PlotOptions options, const Console& console) {
   options.picture.range = ParseFromTo(options.from, options.to);
   if (!options.colour.empty()) options.picture.style.wave = ParseColour(options.colour);
   CheckPicture(options.picture, {options.input});
   Source source(options.input);
-  const auto expected = source.Expected();
-  const ImportedAudio audio =
-      expected
-          ? source.ImportParts(
-                {ResolveRange(options.picture, expected->frames, expected->format.rate)}, console)
-          : source.Import(console);
-  const auto document = NewDocument(audio.format, 32);
-  SetAudio(document.Get(), audio);
   const Annotations annotations = source.ReadAnnotations();
-  const PictureSize size = DrawDocument(document.Get(), annotations, options.picture);
+  ImportedAudio audio;
+  std::optional<PictureSize> size;
+  FrameRange range;
+  const auto expected = source.Expected();
+  if (expected) {
+    audio = *expected;
+    range = ResolveRange(options.picture, audio.frames, audio.format.rate);
+    size = DrawStream(source, range, audio.format, annotations, options.picture, console);
+  }
+  if (!size) {
+    audio = expected ? source.ImportParts({range}, console) : source.Import(console);
+    const auto document = NewDocument(audio.format, 32);
+    SetAudio(document.Get(), audio);
+    size = DrawDocument(document.Get(), annotations, options.picture);
+  }
 
   if (options.json) {
     console.Print(Serialize(Json{{"input", options.input},
                                  {"filter", source.filter().class_name},
                                  {"picture", options.picture.file},
-                                 {"width", size.width},
-                                 {"height", size.height},
+                                 {"width", size->width},
+                                 {"height", size->height},
                                  {"frames", audio.frames},
                                  {"labels", ToJson(annotations.labels)},
                                  {"markers", ToJson(annotations.markers)}}));
   } else {
-    console.Print("drew " + options.picture.file + ": " + std::to_string(size.width) + " x " +
-                  std::to_string(size.height) + " pixels\n");
+    console.Print("drew " + options.picture.file + ": " + std::to_string(size->width) + " x " +
+                  std::to_string(size->height) + " pixels\n");
   }
 }
 

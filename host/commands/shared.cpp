@@ -75,22 +75,6 @@ void AddDevice(CLI::App* command, std::optional<int>& device) {
       ->check(CLI::NonNegativeNumber);
 }
 
-ImportedAudio Measure(Source& source, const Console& console, const MeasureFunction& take) {
-  ImportedAudio audio = source.Import(console);
-  const OpenReader open(audio.reader.Get());
-  ProgressBar bar(console.Progress(), "Measuring");
-  const auto measure = [&](__int64 position, std::span<const float> samples) {
-    if (console.Interrupted())
-      throw HostError(ExitStatus::kInterrupted, source.file(), "interrupted");
-    take(audio.format, samples);
-    bar.Show(static_cast<double>(position) / static_cast<double>(audio.frames));
-  };
-  ForEachBlock(audio.reader.Get(), {0, audio.frames},
-               static_cast<std::size_t>(audio.format.channels), measure);
-  bar.Show(1);
-  return audio;
-}
-
 int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,
                const FileExport& wave) {
   if (asked && !wave.IsWave()) {

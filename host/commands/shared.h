@@ -63,11 +63,6 @@ void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::str
       ->check(CLI::Range(1, 32));
 }
 
-// Imports the whole file and passes its samples to `take` in one or more blocks.
-using MeasureFunction =
-    std::function<void(const AudioFormat& format, std::span<const float> samples)>;
-ImportedAudio Measure(Source& source, const Console& console, const MeasureFunction& take);
-
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
 // Returns `asked`; if not given, 24 or 32 for such a source, otherwise 16.
 int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,

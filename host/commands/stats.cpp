@@ -156,11 +156,12 @@ void AddStats(CLI::App& app, Console& console) {
   const auto run = [options, &console] {
     Source source(options->input);
     std::optional<Meter> meter;
-    const ImportedAudio audio =
-        Measure(source, console, [&](const AudioFormat& format, auto samples) {
+    const ImportedAudio audio = source.Stream(
+        [&](const AudioFormat& format, auto samples) {
           if (!meter) meter.emplace(format);
           meter->Add(samples);
-        });
+        },
+        console);
     Json report = {{"input", options->input},
                    {"sample_rate", audio.format.rate},
                    {"channels", audio.format.channels},

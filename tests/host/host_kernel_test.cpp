@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "host/channel_list.h"
+#include "host/column_levels.h"
 #include "host/cut_plan.h"
 #include "host/progress.h"
 #include "host/timecode.h"
@@ -311,6 +312,37 @@ TEST(WaveformPicture, TicksAreFarEnoughApartAndReadAsTimes) {
       {0, 1, "0"},      {0.25, 0.05, "0.25"},  {59.99999, 0.5, "1:00.0"},
       {185, 5, "3:05"}, {65.5, 0.5, "1:05.5"}, {3600, 600, "1:00:00"}};
   for (const auto& [seconds, step, text] : texts) EXPECT_EQ(TickText(seconds, step), text);
+}
+
+TEST(ColumnLevels, EachFrameCountsInOneColumnWhateverTheBlocks) {
+  constexpr std::size_t kFrames = 1'000;
+  constexpr std::size_t kColumns = 37;
+  std::mt19937 random(3);
+  std::vector<float> samples(2 * kFrames);
+  for (float& sample : samples) sample = std::uniform_real_distribution(-1.0F, -0.5F)(random);
+  ColumnLevels levels(kFrames, kColumns, 2, true);
+  for (std::size_t at = 0; at < kFrames;) {
+    const std::size_t count = std::min<std::size_t>(random() % 60, kFrames - at);
+    levels.Add(std::span(samples).subspan(2 * at, 2 * count));
+    at += count;
+  }
+  const std::vector<float> rms = levels.RootMeanSquares();
+  for (std::size_t i = 0; i < 2 * kColumns; ++i) {
+    float low = 0;
+    float high = -1;
+    double squares = 0;
+    int count = 0;
+    for (std::size_t frame = 0; frame < kFrames; ++frame) {
+      if (frame * kColumns / kFrames != i / 2) continue;
+      const float sample = samples[2 * frame + i % 2];
+      low = std::min(low, sample);
+      high = std::max(high, sample);
+      squares += double{sample} * sample;
+      ++count;
+    }
+    ASSERT_THAT(levels.pairs().subspan(2 * i, 2), ElementsAre(low, high)) << i;
+    ASSERT_FLOAT_EQ(rms[i], static_cast<float>(std::sqrt(squares / count))) << i;
+  }
 }
 
 }  // namespace

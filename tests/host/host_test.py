@@ -143,7 +143,8 @@ class HostTest(ProgramTest):
         # Room for the pool's 32-bit samples, but not for 20 s more in the output; or for neither.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
-        self.fail_with(4, *convert, self.out, most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
+        self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
+        self.fail_with(4, *convert, self.out, most_bytes=FRAMES * 2, says="could not be written whole")
         self.fail_with(4, "plot", self.tone, self.png, "--width", "6000", "--height", "6000", most_bytes=200_000,
                        says="could not be written")
         self.assertEqual(sorted(self.folder.iterdir()), before)
@@ -343,10 +344,12 @@ class HostTest(ProgramTest):
         for sources in (wav, film), (self.ogg, chain):
             pictures = []
             for source in sources:
-                # 274 frames per column, drawn from peaks. Blocks of Ogg begin at other multiples of 256.
-                self.assertEqual(run("plot", source, self.png, "--width", "200", "--from", "42084f", "--to", "2.2")[0], 0)
+                # 137 frames per column. From 256 on, a file of known length is drawn without a pool.
+                self.assertEqual(run("plot", source, self.png, "--width", "400", "--from", "42084f", "--to", "2.2")[0], 0)
                 pictures.append(self.png.read_bytes())
             self.assertEqual(*pictures, sources)
+        streamed = [(self.succeed("plot", source, self.png, "--width", "100"), self.png.read_bytes()) for source in (wav, self.ogg)]
+        self.assertEqual(streamed[0][1], streamed[1][1])
 
     def test_a_second_of_a_long_file_takes_the_disk_space_of_a_second(self):
         long = self.folder / "long.wav"

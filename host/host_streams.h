@@ -1,4 +1,4 @@
-// Readers that modify the samples of another reader.
+// Readers and writers of the host's own, which the engine calls.
 #pragma once
 
 #include <marlinda.h>
@@ -10,26 +10,25 @@
 #include <utility>
 
 #include "core/com_ptr.h"
+#include "host/engine.h"
 
 namespace marlinda {
 
-using ReadFunction = std::function<HRESULT(IAudioReader*, __int64, SAFEARRAY*)>;
-
-// The engine calls the reader through its vtable only, so the dispatch methods are not implemented.
-class FunctionReader final : public IAudioReader {
+// An object with one interface. The engine calls it through its vtable only, so the dispatch
+// methods are not implemented.
+template <class I>
+class HostObject : public I {
  public:
-  FunctionReader(IAudioReader* source, ReadFunction read)
-      : source_(source), read_(std::move(read)) {}
-  virtual ~FunctionReader() = default;
+  virtual ~HostObject() = default;
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
     if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-        !IsEqualIID(iid, IID_IAudioReader)) {
+        !IsEqualIID(iid, __uuidof(I))) {
       return E_NOINTERFACE;
     }
-    *object = static_cast<IAudioReader*>(this);
+    *object = static_cast<I*>(this);
     AddRef();
     return S_OK;
   }
@@ -52,6 +51,17 @@ class FunctionReader final : public IAudioReader {
     return E_NOTIMPL;
   }
 
+ private:
+  std::atomic<ULONG> references_{1};
+};
+
+using ReadFunction = std::function<HRESULT(IAudioReader*, __int64, SAFEARRAY*)>;
+
+class FunctionReader final : public HostObject<IAudioReader> {
+ public:
+  FunctionReader(IAudioReader* source, ReadFunction read)
+      : source_(source), read_(std::move(read)) {}
+
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return read_(source_.Get(), nSamplePos, psaAudioData);
   }
@@ -67,7 +77,6 @@ class FunctionReader final : public IAudioReader {
  private:
   const ComPtr<IAudioReader> source_;
   const ReadFunction read_;
-  std::atomic<ULONG> references_{1};
 };
 
 // Returns a reader that calls `read(source, position, array)` on its client's threads.
@@ -75,6 +84,44 @@ inline ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   ComPtr<IAudioReader> reader;
   *reader.GetAddressOf() = new FunctionReader(source, std::move(read));
   return reader;
+}
+
+// An array of floats, as every interface passes it.
+inline std::span<float> SamplesOf(const SAFEARRAY* array) {
+  return {static_cast<float*>(array->pvData), array->rgsabound[0].cElements};
+}
+
+using WriteFunction = std::function<HRESULT(const AudioFormat&, SAFEARRAY*)>;
+
+class FunctionWriter final : public HostObject<IAudioWriter> {
+ public:
+  explicit FunctionWriter(WriteFunction write) : write_(std::move(write)) {}
+
+  STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
+    return write_(format_, psaAudioData);
+  }
+  STDMETHODIMP OpenDevice() override { return S_OK; }
+  STDMETHODIMP CloseDevice() override { return S_OK; }
+  STDMETHODIMP SetFormat(LONG nSamplesPerSec, SHORT nChannels) override {
+    format_ = {nSamplesPerSec, nChannels};
+    return S_OK;
+  }
+  STDMETHODIMP QueryIsReady(LONG* pbReady) override {
+    if (pbReady == nullptr) return E_POINTER;
+    *pbReady = 1;
+    return S_OK;
+  }
+
+ private:
+  const WriteFunction write_;
+  AudioFormat format_;
+};
+
+// Returns a writer that calls `write(format, array)` on its client's thread.
+inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
+  ComPtr<IAudioWriter> writer;
+  *writer.GetAddressOf() = new FunctionWriter(std::move(write));
+  return writer;
 }
 
 // For exports at 24 and 32 bits. The engine scales these samples by 2^31, where +1.0 does not fit
@@ -86,8 +133,7 @@ inline ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
     const HRESULT hr = clamped->ReadAudio(position, array);
     // The source has refused every array but one of floats.
     if (SUCCEEDED(hr)) {
-      const std::span samples(static_cast<float*>(array->pvData), array->rgsabound[0].cElements);
-      for (float& sample : samples) sample = std::min(sample, kLargestSample);
+      for (float& sample : SamplesOf(array)) sample = std::min(sample, kLargestSample);
     }
     return hr;
   });
