@@ -12,12 +12,12 @@
 
 namespace marlinda {
 
-// `Class` has WithNotes(use). It calls use(all) through ComCall with an object that has `labels`
-// and `markers`. Indexes are checked, positions and ranges are not.
+// `Class` defines WithNotes(use), which calls use(all) inside ComCall; `all` has `labels` and
+// `markers`. Indexes are checked; positions and ranges are not.
 template <class Class, class Base>
 class AnnotationSupport : public Base {
  public:
-  // A class redeclares these as true for the methods that it offers. The others return E_NOTIMPL.
+  // Groups of methods. They return E_NOTIMPL unless a class redeclares their constant as true.
   static constexpr bool kAddsNotes = false;
   static constexpr bool kReadsNotes = false;
   static constexpr bool kEditsNotes = false;
@@ -95,7 +95,7 @@ class AnnotationSupport : public Base {
     return E_NOTIMPL;
   }
 
-  // Compared as unsigned, so that negative indexes fail too.
+  // Compares the index as unsigned, so that negative indexes fail too.
   template <class Record>
   static Record& At(std::vector<Record>& records, LONG index) {
     if (static_cast<ULONG>(index) >= records.size()) throw HResultError(E_INVALIDARG);

@@ -12,7 +12,7 @@ using CreationFunction = HRESULT(IUnknown* outer, REFIID iid, void** object) noe
 
 struct ClassEntry {
   const CLSID* clsid;
-  const wchar_t* name;  // such as CAudioPool, whose identifier is Marlinda.AudioPool.1
+  const wchar_t* name;  // such as CAudioPool, whose ProgID is Marlinda.AudioPool.1
   CreationFunction* create;
 };
 

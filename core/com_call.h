@@ -1,5 +1,5 @@
-// The boundary between C++ and COM. Inside, code throws and uses RAII; an interface method returns
-// an HRESULT. ComCall turns exceptions into HRESULTs.
+// The boundary between C++ and COM. Code of the engine throws exceptions; interface methods return
+// HRESULTs. ComCall turns the exceptions into HRESULTs.
 #pragma once
 
 #include <windows.h>

@@ -45,12 +45,12 @@ class Slot {
   VARIANT value_;
 };
 
-// One argument from the caller's VARIANT to the method and, for an out parameter, back.
+// Carries one argument from the caller's VARIANT to the method and, for an out parameter, back.
 class Argument {
  public:
   HRESULT Prepare(const Parameter& parameter, VARIANT* given, LCID locale) {
-    // A script passes its variable. Nested references are not allowed, but one level occurs in
-    // practice.
+    // A script passes a reference to its variable. Automation forbids a reference to a reference,
+    // but callers pass one.
     for (int level = 0; level < 2 && V_VT(given) == (VT_BYREF | VT_VARIANT); ++level) {
       given = V_VARIANTREF(given);
       if (given == nullptr) return DISP_E_TYPEMISMATCH;
@@ -79,7 +79,7 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // The slot owns what the method wrote. A borrowed pointer needs a reference first.
+  // The slot releases the pointer that the method wrote, so a borrowed pointer needs a reference.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }
@@ -105,7 +105,7 @@ class Argument {
     const bool is_interface = parameter.type == VT_DISPATCH || parameter.type == VT_UNKNOWN;
     const VARTYPE type = V_VT(given);
     if (is_interface && (type == (VT_BYREF | VT_DISPATCH) || type == (VT_BYREF | VT_UNKNOWN))) {
-      // Through a slot, because a pointer that the method did not write must not get a reference.
+      // Uses a slot, because a pointer that the method did not write must not get a reference.
       reference_ = V_UNKNOWNREF(given);
       PassSlot(parameter.type);
       if (reference_ == nullptr) V_BYREF(&passed_) = nullptr;
@@ -118,8 +118,8 @@ class Argument {
     if ((type & VT_BYREF) != 0) return DISP_E_TYPEMISMATCH;
     PassSlot(parameter.type);
     if (variable_ != nullptr || type == VT_EMPTY) return S_OK;
-    // By value, as from a script without references: the result is lost, but the argument must
-    // still have the right type.
+    // The argument is a value, as from a script without references. The result is lost, but the
+    // type must still match.
     Slot coerced;
     return VariantChangeTypeEx(&coerced.value(), given, locale, 0, parameter.type);
   }
@@ -182,7 +182,7 @@ bool IsCoherent(const DISPPARAMS& params) noexcept {
          params.cNamedArgs <= params.cArgs;
 }
 
-// True for the interface whose methods return pointers without a reference: the segment iteration.
+// True for the interface whose segment iteration returns pointers without a reference.
 bool LendsPointers(REFIID iid) noexcept { return IsEqualIID(iid, IID_IEditedAudio); }
 
 void FillException(HRESULT failure, EXCEPINFO* exception) noexcept {
@@ -202,7 +202,7 @@ void FillException(HRESULT failure, EXCEPINFO* exception) noexcept {
   }
 }
 
-// One call: finds the argument of each parameter, coerces, calls and returns the results.
+// One call: finds and coerces the arguments, calls the method and returns the results.
 class Call {
  public:
   Call(const Method& method, DISPPARAMS& params)

@@ -1,9 +1,9 @@
-// IDispatch for a dual interface. Calls are bound to that interface's own type information, from
-// the type library inside this module.
+// IDispatch for a dual interface. Calls are bound by the interface's own type information, from the
+// type library inside this module.
 //
 // ITypeInfo::Invoke is not used, for two reasons. Platforms differ in the argument counts and
-// script variables they accept and in the argument index they report. And a method may take another
-// array than its declaration says.
+// script variables they accept and in the argument index they report. And ReadWaveplot takes
+// another element type than it declares.
 #pragma once
 
 #include <oaidl.h>
@@ -16,17 +16,16 @@ HRESULT DispatchGetTypeInfo(REFIID iid, UINT index, ITypeInfo** info) noexcept;
 HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT count,
                               DISPID* ids) noexcept;
 
-// Calls a method of `instance`, the vtable of interface `iid`.
+// Calls method `member` of `instance`, a pointer to interface `iid`.
 //
 // Arguments: positional or named; by value, by reference, or as a VARIANT by reference. Values are
-// coerced to the declared type. Arrays are never copied and may hold floats whatever element type
-// is declared, because every array parameter of the engine takes floats. An out parameter takes a
-// reference to the declared type, to which the method writes directly, or a VARIANT, which is
-// replaced if the method succeeds.
+// coerced to the declared type. Arrays are never copied. An array of floats is accepted for every
+// declared element type, because all array parameters of the engine take floats. An out parameter
+// takes a reference to the declared type, or a VARIANT, which is replaced if the method succeeds.
 //
-// Results: the method's success code; for a failure DISP_E_EXCEPTION, with the failure in the
-// exception's scode. Returned interface pointers belong to the caller, even if the method itself
-// adds no reference.
+// Returns the method's success code. If the method fails, returns DISP_E_EXCEPTION with the failure
+// in the exception's scode. Returned interface pointers belong to the caller, even if the method
+// itself adds no reference.
 HRESULT DispatchInvoke(REFIID iid, void* instance, DISPID member, REFIID reserved, LCID locale,
                        WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
                        UINT* argument_error) noexcept;

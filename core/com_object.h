@@ -1,6 +1,6 @@
 // The base of every COM class: reference counting, QueryInterface, aggregation, IDispatch per dual
 // interface, IProvideClassInfo and the module's object count. A class lists its interfaces in the
-// order of its contract and needs no other COM declaration:
+// order of its coclass and needs no other COM declaration than these:
 //
 //   class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
 //    public:
@@ -22,7 +22,7 @@
 
 namespace marlinda {
 
-// An interface as an object implements it. A dual interface comes with its IDispatch.
+// The base class for interface `I`. For a dual interface it implements IDispatch.
 template <class I>
 using Implemented = std::conditional_t<std::is_base_of_v<IDispatch, I>, Dual<I>, I>;
 
@@ -50,7 +50,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   // IProvideClassInfo2: offered only by classes with events, which override it.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
 
-  // Creates an object, aggregated if `outer` is given. A failure leaves nothing behind.
+  // Creates an object, aggregated if `outer` is given. After a failure no object remains.
   static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
@@ -58,8 +58,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return ComCall([&] {
       auto* created = new Derived;
       if (outer != nullptr) created->outer_ = outer;
-      // The count starts at 1. That reference keeps the object alive until the query has added its
-      // own, and destroys the object if the query fails.
+      // The count starts at 1. This reference keeps the object alive during the query. Releasing it
+      // destroys the object if the query failed.
       const HRESULT hr = created->inner_.QueryInterface(iid, object);
       created->inner_.Release();
       return hr;
@@ -76,8 +76,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
-  // The non-delegating unknown. An outer object holds it; without an outer object it is the
-  // identity.
+  // The non-delegating unknown. An outer object holds it; otherwise it is the object's identity.
   class Inner final : public IUnknown {
    public:
     explicit Inner(Object& object) noexcept : object_(object) {}
@@ -88,7 +87,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     STDMETHODIMP_(ULONG) Release() override {
       const ULONG left = --object_.references_;
       if (left == 0) {
-        // The destructor may pass this object to others, whose Release must not destroy it again.
+        // The destructor may lend this object to code whose Release must not destroy it again.
         object_.references_ = kDestroying;
         delete static_cast<Derived*>(&object_);
       }

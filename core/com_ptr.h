@@ -7,12 +7,12 @@
 
 namespace marlinda {
 
-// To take over a reference, use *p.GetAddressOf() or ReceiveVoid, never Attach: in mingw's header
-// Attach adds a reference.
+// To take over a reference, store it through GetAddressOf, never Attach: in mingw's header Attach
+// adds a reference.
 template <class I>
 using ComPtr = Microsoft::WRL::ComPtr<I>;
 
-// Creates an object by class identifier, as any client does.
+// Creates an object by class identifier.
 template <class I>
 HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
   return CoCreateInstance(clsid, nullptr, CLSCTX_ALL, __uuidof(I),
@@ -38,7 +38,7 @@ ComPtr<I> TryQuery(IUnknown* object) {
 
 // True if both pointers refer to the same COM object; null matches nothing.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
-  // Plain pointers: mingw's smart pointers compare as truth values.
+  // Compares plain pointers, because mingw's smart pointers compare as truth values.
   const IUnknown* const identity = TryQuery<IUnknown>(a).Get();
   return identity != nullptr && identity == TryQuery<IUnknown>(b).Get();
 }

@@ -1,4 +1,4 @@
-// One implementation of COM's enumerator interfaces.
+// One implementation for all of COM's enumerator interfaces.
 #pragma once
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 
 namespace marlinda {
 
-// An enumerator over its own copy of a list. `kHandOut` copies an entry for the caller; if it
-// fails, Next fails too.
+// An enumerator over its own copy of a list. `kHandOut` copies an entry for the caller; its failure
+// is the result of Next.
 template <class Interface, class Entry, class Out, HRESULT (*kHandOut)(const Entry&, Out*)>
 class Enumerator final : public PlainObject<Interface> {
  public:

@@ -22,7 +22,7 @@ struct OutText {
   std::string_view text;
 };
 
-// Returns all of the texts or none.
+// Stores all texts or none.
 inline HRESULT HandOut(std::initializer_list<OutText> texts) noexcept {
   for (const OutText& each : texts) {
     if (each.out == nullptr) return E_POINTER;
@@ -44,18 +44,18 @@ inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
 // The state that a filter shares with its worker. It lives until both have ended.
 struct TaskJob {
   std::atomic<bool> cancelled{false};
-  // In frames. A compressed or damaged source may have more frames than this.
+  // Length in frames. A compressed or damaged source may have more frames.
   std::atomic<__int64> total{0};
   std::atomic<__int64> position{0};
 };
 
-// `Class` has the constants kMerit, kNameText (the resource of the task's name), kFilterTexts (the
-// resources that make up the filter string) and kPatterns. `Job` derives from TaskJob.
+// `Class` defines the constants kMerit, kNameText (the resource of the task's name), kFilterTexts
+// (the resources that make up the filter string) and kPatterns. `Job` derives from TaskJob.
 template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
   // ICoreTask
-  // Returns when the worker has ended. A Cancel before Start stays in force for that job.
+  // Returns when the worker has ended. A Cancel before Start also cancels the job started later.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);
@@ -64,7 +64,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // Fails with E_FAIL if there is nothing to do. Stays below 1 if the worker ended early.
+  // Fails with E_FAIL unless the length is positive. Stays below 1 if the worker ended early.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

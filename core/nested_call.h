@@ -1,13 +1,13 @@
-// Counts calls that return to the same object on the same thread. A document can contain itself
-// through its segments, and writers can form a ring: such calls would never end.
+// Counts nested calls of the same object on the same thread. A document can contain itself through
+// its segments, and writers can form a ring: the nesting would never end.
 #pragma once
 
 #include "core/thread_slot.h"
 
 namespace marlinda {
 
-// One call of one object, as a local variable of the method. The current calls of a thread form a
-// list on its stack. `Kind` is an enumeration of methods.
+// Represents one call of a method of `object`, as a local variable of the method. The current calls
+// of a thread form a list on its stack. `Kind` is an enumeration of methods.
 template <class Kind>
 class NestedCall {
  public:

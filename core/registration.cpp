@@ -28,7 +28,7 @@ struct Entry {
 
 void CheckRegistry(LSTATUS status) { Check(HRESULT_FROM_WIN32(static_cast<DWORD>(status))); }
 
-// Removing what does not exist succeeds.
+// Removing a missing key or value succeeds.
 void CheckRemoval(LSTATUS status) {
   if (status != ERROR_FILE_NOT_FOUND) CheckRegistry(status);
 }
@@ -70,7 +70,7 @@ std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
 
 // `entry` is null for a script that does not concern a class.
 Replacements ReplacementsFor(const ClassEntry* entry) {
-  // The type library's identifier is also that of the application and of the module.
+  // The type library's identifier also identifies the application and the module.
   const std::wstring guid = ToText(LIBID_MarlindaLib);
   Replacements replacements = {{L"MODULE", TheModule().Path()},
                                {L"MODULETYPE", L"InprocServer32"},
@@ -97,7 +97,7 @@ Registration::Registration() {
   wchar_t setting[16] = L"";
   const DWORD length =
       GetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting, ARRAYSIZE(setting));
-  // A value too long for the buffer leaves it unspecified.
+  // The buffer is unspecified if the value does not fit.
   const std::wstring_view value =
       length < ARRAYSIZE(setting) ? std::wstring_view(setting, length) : L"?";
   is_per_user_ = value == L"user";

@@ -1,6 +1,6 @@
 // Applies the registry scripts in a module's resources to the registry. A line of a script is a key
 // ("KEY"), a key with its default value ("KEY = TEXT") or another value ("KEY @NAME = TEXT"), below
-// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. Keys without their own line are never
+// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A key without a line of its own is never
 // removed.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace marlinda {
 
 std::wstring ToText(REFGUID guid);
 
-// Gives the thread the system's locale, so that registry texts do not depend on the user's.
+// Sets the thread's locale to the system's, so that registry texts do not depend on the user.
 class SystemLocale {
  public:
   SystemLocale() noexcept { SetThreadLocale(LOCALE_SYSTEM_DEFAULT); }
@@ -37,8 +37,8 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes the content of script `id`, with the replacements of class `of` if given. Leaves other
-  // keys and values alone.
+  // Writes the content of script `id`, with the replacements of class `of` if given. Other keys and
+  // values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
   // Removes the content of script `id`, last line first. A key with other content stays.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;

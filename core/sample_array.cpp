@@ -10,7 +10,7 @@ namespace {
 bool HoldsFloats(SAFEARRAY* array) noexcept {
   if (array->cDims != 1 || array->cbElements != sizeof(float)) return false;
   if ((array->fFeatures & FADF_HAVEVARTYPE) == 0) {
-    // A hand-made descriptor has no type. Four-byte elements that are not pointers are floats.
+    // A hand-made descriptor has no type. Its elements are floats unless a flag names another type.
     return (array->fFeatures & (FADF_BSTR | FADF_UNKNOWN | FADF_DISPATCH | FADF_VARIANT |
                                 FADF_RECORD | FADF_HAVEIID)) == 0;
   }
@@ -18,8 +18,8 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
   return SUCCEEDED(SafeArrayGetVartype(array, &type)) && type == VT_R4;
 }
 
-// Automation counts an array's bytes in 32 bits. Some platforms do not check this, so an array that
-// claims more has less memory than it claims.
+// Automation counts an array's bytes in 32 bits. Some platforms do not check this, so a larger
+// array may have less memory than it claims.
 constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
 
 std::size_t Checked(std::size_t count) {
@@ -27,7 +27,7 @@ std::size_t Checked(std::size_t count) {
   return count;
 }
 
-// Larger arrays are freed. 8 MiB is enough for the widest screens.
+// The cache frees larger arrays. 8 MiB is enough for the overview on the widest screens.
 constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace

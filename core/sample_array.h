@@ -63,7 +63,7 @@ class SampleArray {
   std::vector<float> buffer_;
 };
 
-// Keeps one array between calls. Concurrent and nested calls get an array each.
+// Keeps one array between calls. Each concurrent or nested call gets an array of its own.
 class ScratchCache {
  public:
   ScratchCache() noexcept = default;

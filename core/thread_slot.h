@@ -1,6 +1,6 @@
-// The current T of each thread, null until set. Not thread_local: mingw's runtime leaks its memory
-// for every thread that ends, and terminates the process if there is none. This header uses the
-// Windows API, and kernels may include it.
+// A pointer to T for each thread, null until set. mingw's thread_local leaks memory when a thread
+// ends, and terminates the process when memory is short. Kernels may include this header, although
+// it uses the Windows API.
 #pragma once
 
 #ifdef _WIN32

@@ -21,7 +21,7 @@ struct GuidLess {
   }
 };
 
-// Descriptions that type information lends, with their release functions.
+// Both functions return a description that belongs to `info`. The deleter releases it there.
 auto AttributesOf(ITypeInfo* info) {
   TYPEATTR* attributes = nullptr;
   Check(info->GetTypeAttr(&attributes));
@@ -72,8 +72,7 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // The view that describes the vtable. It has the results as parameters and omits the methods of
-  // IDispatch.
+  // Describes the vtable: results are parameters, and the methods of IDispatch are omitted.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
@@ -137,7 +136,7 @@ class TypeLibrary {
   std::map<GUID, MethodTable, GuidLess> methods_;
 };
 
-// Never destroyed by the runtime: at process exit the automation library may already be unloaded.
+// The runtime never destroys it: at process exit the automation library may already be unloaded.
 TypeLibrary& Library() {
   alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
   static auto* const library = new (storage) TypeLibrary;

@@ -24,8 +24,8 @@ DWORD WINAPI Run(void* parameter) noexcept {
     module = job->module;
     ComCall(job->body);
   }
-  // The count ended with the job, so the host may unload the module from here on. The reference
-  // keeps the code loaded until the thread has left it.
+  // The job and its object count are gone, so the host may unload the module from here on. The
+  // reference keeps the code loaded until the thread has left it.
   FreeLibraryAndExitThread(module, 0);
 }
 

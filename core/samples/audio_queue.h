@@ -12,15 +12,15 @@
 
 namespace marlinda {
 
-// One thread may append while another reads. The ring grows when an append would fill it, and never
-// shrinks except in Clear, so a steady stream stops allocating.
+// One thread may append while another reads. The ring grows when an append would fill it and
+// shrinks only in Clear, so a steady stream stops allocating.
 class CAudioQueue {
  public:
   CAudioQueue() : ring_(kGrowMinimum) {}
   virtual ~CAudioQueue() = default;
 
-  // Samples in the queue, read without the lock. Only the consumer lowers the count, so a stale
-  // value is never too high for it.
+  // Samples in the queue, read without the lock. Only the consumer lowers the count, so it never
+  // sees a value that is too high.
   std::size_t Count() const noexcept { return count_; }
 
   // The ring's size in samples, which is more than Count().
@@ -29,7 +29,7 @@ class CAudioQueue {
     return ring_.size();
   }
 
-  // Grows the ring to at least this size in one step, instead of many appends growing it.
+  // Grows the ring to at least this size in one step, instead of growing it in many appends.
   void Reserve(std::size_t capacity) {
     const std::lock_guard lock(mutex_);
     if (capacity > ring_.size()) MoveToRing(capacity);
@@ -61,7 +61,7 @@ class CAudioQueue {
     count_.store(count + samples.size(), std::memory_order_release);
   }
 
-  // Fills `destination` with the first samples, and with 0.0 if there are fewer, and consumes them.
+  // Fills `destination` with the first samples, then with 0.0, and consumes the samples.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
   // The same, but consumes `advance` samples: 0 only peeks.
@@ -85,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // For positions below two ring sizes: cheaper than a division.
+  // Accepts positions below two ring sizes. Cheaper than a division.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

@@ -5,7 +5,7 @@
 namespace marlinda {
 namespace {
 
-// Whether the floats are samples or peaks, which are pairs of lowest and highest.
+// The kind of record. Its value is the distance from the lowest to the highest float of a record.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
@@ -19,12 +19,12 @@ struct Extremes {
   float highest = kNoHighest;
 };
 
-// The reference, for one channel: `count` records, each `stride` floats after the previous one.
-// Each comparison waits for the previous one, so four stretches are compared side by side and
-// joined in order, with the same result. A few records are not worth it.
-// by side; joined in their order they give what one walk gives. For a few that does not pay.
+// From this count on, Extend compares four stretches side by side.
 constexpr std::size_t kFewRecords = 24;
 
+// The reference, for one channel: `count` records, each `stride` floats after the previous one.
+// Each comparison waits for the previous one, so four stretches are compared side by side and
+// joined in order, with the same result.
 void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
             Kind kind) noexcept {
   const auto high = static_cast<std::size_t>(kind);
@@ -46,7 +46,7 @@ void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
 }
 
 // The same for contiguous floats, four at a time. For NaN and equal numbers the instructions return
-// their second operand, like Add.
+// their second operand, which keeps the old value as Add does.
 struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);
@@ -99,8 +99,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
   return _mm_movemask_epi8(found) != 0;
 }
 
-// Returns false and changes nothing if the order matters: of zeros of both signs the first counts,
-// and lanes do not record which was first.
+// Returns false and changes nothing for other records than Search takes, or if the order matters:
+// the first of zeros with both signs counts, and lanes do not record the order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

@@ -11,8 +11,8 @@ namespace marlinda {
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both functions compare one value after the other and replace an element only by a smaller or
-// greater value. So NaN is skipped, and of 0.0 and -0.0 the first stays.
+// Both functions compare one value after the other and replace the lowest only by a smaller value,
+// the highest only by a greater one. So NaN is skipped, and of 0.0 and -0.0 the first stays.
 //
 // Extends by interleaved samples, whole frames.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;

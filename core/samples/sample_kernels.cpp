@@ -9,7 +9,7 @@ namespace marlinda {
 namespace {
 
 // Truncates toward zero like the processor: NaN and values that do not fit become the integer
-// indefinite value. The C++ conversion of those is undefined, so it is spelled out.
+// indefinite value. C++ leaves their conversion undefined, so this function defines it.
 std::int32_t Truncate(double value) noexcept {
   constexpr double kLimit = 2147483648.0;
   if (!(value > -kLimit - 1.0 && value < kLimit)) return std::numeric_limits<std::int32_t>::min();

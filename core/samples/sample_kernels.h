@@ -6,7 +6,7 @@
 
 namespace marlinda {
 
-// Any alignment and any count. Nothing outside the block is accessed.
+// Kernels accept any alignment and count, and access nothing outside the block.
 using EncodeKernel = void (*)(const float* source, std::byte* destination, std::size_t count);
 using DecodeKernel = void (*)(const std::byte* source, float* destination, std::size_t count);
 

@@ -15,9 +15,9 @@ void Store(__m256i value, std::byte* out) noexcept {
 //
 // t = sample * scale + 1/2 is rounded to a float, so floor(t) is the code, or one too many if the
 // rounding reached the next integer. The exact remainder, from one fused operation, is then
-// negative. Samples are limited to 1.0, the highest code, first. NaN passes as the second operand
-// of the minimum. Like everything far below -1.0 it becomes the most negative integer, which the
-// saturating steps keep whatever sign the remainder has.
+// negative. Samples are first limited to 1.0, which gives the highest code. The minimum returns
+// NaN, its second operand. NaN and values far below -1.0 become the most negative integer, which
+// the saturating steps keep for either sign of the remainder.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);
@@ -35,7 +35,7 @@ __m256i RoundSixteen(const float* source) noexcept {
   const __m256i rests =
       _mm256_packs_epi32(_mm256_castps_si256(a_rest), _mm256_castps_si256(b_rest));
   const __m256i corrected = _mm256_adds_epi16(codes, _mm256_srai_epi16(rests, 15));
-  // Packing works on each half separately.
+  // Packing treats each half separately, so the quarters are reordered.
   return _mm256_permute4x64_epi64(corrected, 0xD8);
 }
 
