@@ -13,7 +13,7 @@ enum class Position { kFL, kFR, kFC, kLFE, kBL, kBR, kBC, kSL, kSR };
 
 using Layout = std::span<const Position>;
 
-// Empty for channel counts that have no usual layout.
+// Empty for channel counts without a layout.
 Layout LayoutOf(int channels) {
   using enum Position;
   static constexpr std::array<Position, 1> kMono = {kFC};

@@ -7,13 +7,12 @@
 
 namespace marlinda {
 
-// Layouts are those of Windows for 1 to 8 channels: mono; left, right; with centre; quad; 5 without
-// low frequencies; 5.1; 6.1; 7.1. A position that both layouts have keeps its level. A position
-// that the target lacks goes at -3 dB to the nearest positions it has: centre to left and right,
-// surround to front, and so on. Stereo to mono takes both channels at one half. Low frequencies are
-// not folded in. Mono goes to the centre or, without one, to left and right at full level. Nothing
-// is scaled to avoid values above full scale. For other channel counts, channel n goes to channel
-// n.
+// For 1 to 8 channels the layouts are those of Windows: mono, stereo, stereo with centre, quad,
+// 5.0, 5.1, 6.1, 7.1. A position that both layouts have keeps its level. Any other position goes to
+// the nearest positions of the target, mostly at -3 dB: centre to left and right, surround to
+// front. Stereo to mono takes both channels at one half. Low frequencies without a target channel
+// are dropped. Mono goes to the centre or, without one, to left and right at full level. The result
+// may exceed full scale. For other channel counts, channel n goes to channel n.
 class ChannelMap {
  public:
   ChannelMap(int source_channels, int target_channels);

@@ -10,8 +10,8 @@
 namespace marlinda {
 
 // Sums one channel. Adds both halves of the taps from their small outer ends to the large middle,
-// eight sums side by side, so that few roundings are of large sums. Products are rounded before
-// they are added.
+// eight sums side by side, so that few large sums are rounded. Products are rounded before they are
+// added.
 template <class Lanes>
 void FilterOne(const float* taps, std::size_t count, const float* samples, float* frame) noexcept {
   Lanes left;

@@ -32,8 +32,8 @@ class CFormatConverter final : public Object<CFormatConverter, IFormatConverter>
       output_.clear();
     });
   }
-  // Fails with E_UNEXPECTED before SetUp and E_INVALIDARG for an array of other elements than
-  // floats. Takes any number of samples, including none and parts of a frame.
+  // Fails with E_UNEXPECTED before SetUp and with E_INVALIDARG unless the elements are floats.
+  // Takes any number of samples, including none and parts of a frame.
   STDMETHODIMP Convert(SAFEARRAY* psaAudioData) override {
     if (stream_ == nullptr) return E_UNEXPECTED;
     return ComCall([&] {

@@ -73,7 +73,7 @@ std::vector<double> ImpulseResponse(const Ratio& ratio) {
 
 bool PolyphaseFilter::CanConvert(std::int32_t source_rate, std::int32_t target_rate) noexcept {
   const Ratio ratio(source_rate, target_rate);
-  // Tested first, so that neither product below can overflow.
+  // This test comes first, so that neither product below can overflow.
   return std::max(ratio.source, ratio.target) <= kMaxTableTaps &&
          ratio.Taps() * ratio.target <= kMaxTableTaps;
 }

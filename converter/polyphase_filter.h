@@ -11,8 +11,8 @@
 namespace marlinda {
 
 // A windowed sinc at exactly the phases that occur. Flat to 0.91 of the lower rate's Nyquist
-// frequency; at least 140 dB down from that frequency on. Output frame n is at the time of input
-// frame n * source rate / target rate.
+// frequency, and at least 140 dB down above the Nyquist frequency. Output frame n is at the time of
+// input frame n * source rate / target rate.
 class PolyphaseFilter {
  public:
   // Returns false if the tap table would be larger than 4 MiB.
@@ -21,8 +21,8 @@ class PolyphaseFilter {
   // Throws std::bad_alloc.
   PolyphaseFilter(std::int32_t source_rate, std::int32_t target_rate, std::size_t channels);
 
-  // Takes whole frames and appends the output that is ready. The split into calls does not change
-  // the result. Throws std::bad_alloc.
+  // Takes whole frames and appends the output that is ready. The result does not depend on the
+  // split into calls. Throws std::bad_alloc.
   void Process(std::span<const float> frames, std::vector<float>& output);
 
  private:

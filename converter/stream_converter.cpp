@@ -36,7 +36,7 @@ bool StreamConverter::CanConvert(const Format& source, const Format& target) noe
 StreamConverter::StreamConverter(const Format& source, const Format& target)
     : source_(CanConvert(source, target) ? source : throw std::invalid_argument("format")),
       map_(source.channels, target.channels),
-      // The resampler costs most, so it gets the smaller channel count.
+      // Resampling costs most, so it runs on the smaller channel count.
       maps_first_(target.channels < source.channels),
       resampled_channels_(static_cast<std::size_t>(std::min(source.channels, target.channels))),
       ratio_(RatioOf(source, target)) {

@@ -15,7 +15,7 @@ struct SRC_STATE_tag;
 namespace marlinda {
 
 // Output frame n is at the time of input frame n * source rate / target rate: there is no delay.
-// The last few hundred frames come out once enough further input has followed; silence will do.
+// The last few hundred frames are ready only after further input, which may be silence.
 class StreamConverter {
  public:
   struct Format {

@@ -13,7 +13,7 @@ using marlinda::TheModule;
 
 namespace {
 
-// One implementation for every row of the class table. A factory counts as an object of the module.
+// The class factory for any row of the class table. A factory counts as an object of the module.
 class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
  public:
   explicit ClassFactory(const marlinda::ClassEntry& entry) noexcept : entry_(entry) {}
@@ -35,10 +35,10 @@ class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    // No DisableThreadLibraryCalls: the runtime in this module frees thread data in these calls.
+    // Keeps the thread notifications, in which the runtime in this module frees thread data.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
-    // Not at process end: the automation library may already be unloaded.
+    // Skipped at process end, when the automation library may already be unloaded.
     marlinda::ReleaseTypeInfo();
   }
   return TRUE;

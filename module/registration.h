@@ -6,9 +6,9 @@
 namespace marlinda {
 
 // Both act for the whole machine, or for the current user when the environment variable
-// TESSALY_REGISTRATION is "user"; any other value than "machine" is E_INVALIDARG. They stop at the
-// first step that fails and return its HRESULT; earlier changes stay. Neither changes the thread's
-// locale.
+// TESSALY_REGISTRATION is "user"; any other value than "machine" fails with E_INVALIDARG. They stop
+// at the first step that fails and return its HRESULT; earlier changes stay. Neither changes the
+// thread's locale.
 HRESULT RegisterModule() noexcept;
 // Succeeds also if nothing is registered.
 HRESULT UnregisterModule() noexcept;
