@@ -25,7 +25,7 @@ namespace {
 
 static_assert(RAND_MAX == 32767, "The dither is scaled for random numbers from 0 to 32767.");
 
-// The temporary directory of the user's settings, or else of the system.
+// The temporary directory in the user's settings, otherwise the system's.
 std::string TemporaryDirectory() {
   char directory[MAX_PATH] = "";
   GetTempPathA(MAX_PATH, directory);
@@ -39,8 +39,8 @@ std::string TemporaryDirectory() {
 // One thread at a time writes. Meanwhile readers may read what has been written, each on one thread
 // at a time. QueryIsReady, Lock and Unlock may be called from any thread.
 //
-// If a file cannot be created, its handle is 0 and its reads and writes fail, WriteAudio with the
-// error of the creation. Everything else works.
+// If a file cannot be created, its handle is 0 and its reads and writes fail. Without the sample
+// file, WriteAudio returns the error of the creation. Everything else works.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;
@@ -69,7 +69,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
   // Without a take the out-pointer stays unchanged. A reader gets the pool's current bit depth. The
   // pool does not record the depth of a take, so a change of depth makes earlier takes unreadable.
-  // If no reader can be created, its HRESULT is returned and the cursor does not move.
+  // If the reader cannot be created, returns the failure and does not move the cursor.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
     cursor_ = takes_.size();
@@ -101,10 +101,10 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   // IAudioWriter
   // Dithering changes the caller's samples. A block that ends within a frame is stored in full, and
-  // its peaks cover the whole frames. A refused block is unchanged and nothing is written. Blocks
-  // fail with E_INVALIDARG before SetFormat has set a channel, outside 8 to 40 bits, and if shorter
-  // than a frame. Dithering more than 8 channels fails with ERROR_NOT_SUPPORTED. A failed write
-  // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
+  // its peaks cover the whole frames. A refused block is unchanged, and nothing is written:
+  // E_INVALIDARG without channels, outside 8 to 40 bits, and for less than a frame;
+  // ERROR_NOT_SUPPORTED for dithering more than 8 channels. A failed write advances the positions
+  // and leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -149,7 +149,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
 
   // IPeakFile
-  // The next peaks go to the peak position, so earlier peaks have settled.
+  // The next write begins at the peak position, so earlier peaks are settled.
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override {
     if (file != peak_file_.handle()) return E_INVALIDARG;
     *end = peak_position_;
@@ -158,7 +158,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
 
  private:
-  // One run of audio in the files, in bytes.
+  // The byte positions of a take in the two files.
   struct Take {
     std::int64_t audio_begin;
     std::int64_t audio_end;  // just past the last sample
@@ -175,8 +175,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
   // The peak position follows from the audio position: the next block overwrites the record of an
-  // incomplete group. So the peaks stay aligned with the frames only if every block but the last is
-  // a multiple of 256 frames. The record of an incomplete group shows the end of a take.
+  // incomplete group, which ends the take until then. So the peaks stay aligned with the frames
+  // only if every block but the last is a multiple of 256 frames.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
     const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
@@ -197,13 +197,13 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // Counts how often the peak position moved back, so that settled peaks are overwritten. A change
-  // of format or bit depth within a take can cause this.
+  // Counts the times that the peak position moved back, after which settled peaks are overwritten.
+  // A change of format or bit depth within a take can cause this.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;
   std::vector<Take> takes_;          // in the order in which they were closed
-  std::size_t cursor_ = 0;           // takes from the first to the one under the reader cursor
+  std::size_t cursor_ = 0;           // takes that CreatePrevReader can still return
   std::atomic<long> open_count_{0};  // the writer, locks and open readers
 
   StoredSamples stored_samples_;

@@ -39,8 +39,8 @@ class CAudioPoolReader final
   static constexpr const CLSID& kClassId = CLSID_CAudioPoolReader;
 
   // IAudioPoolReader
-  // Accepts any values and ignores the results of the pool. A second call selects another region. A
-  // null pool fails with E_POINTER and changes nothing.
+  // Accepts any values and ignores the results of the pool's methods. A second call selects another
+  // region. A null pool fails with E_POINTER and changes nothing.
   STDMETHODIMP Create(IAudioPool* pPool, __int64 nAudioByteOffset, __int64 nPeakByteOffset,
                       __int64 nByteCount, SHORT nBitsPerSample) override {
     if (pPool == nullptr) return E_POINTER;
@@ -105,7 +105,7 @@ class CAudioPoolReader final
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
     const std::int64_t frame = region_.BytesPerFrame();
     if (frame == 0) return SetOut(pnSamples, 0);
-    // The lowest number cannot be negated.
+    // Dividing the lowest number by -1 would overflow.
     return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
                                          : region_.byte_count / frame);
   }
@@ -181,7 +181,7 @@ class CAudioPoolReader final
   Region region_;
   StoredSamples stored_samples_;
 
-  // Extremes of the region's peaks, valid as long as the pool has not rewound.
+  // Extremes of the region's peaks, valid while the pool's rewind count equals `peak_rewinds_`.
   std::optional<PeakGroups> peak_groups_;
   std::uint32_t peak_rewinds_ = 0;
 };

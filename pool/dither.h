@@ -16,7 +16,7 @@ class DitherState {
  public:
   static constexpr int kMaxChannels = kMaxShapedChannels;
 
-  // Modes. Any other value but 0 means noise shaping alone.
+  // Modes. Any value not listed means noise shaping alone.
   static constexpr int kOff = 0;
   static constexpr int kNoiseShaping = 1;
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
@@ -30,8 +30,8 @@ class DitherState {
   // incomplete last frame stays unchanged. `random` returns uniformly distributed numbers from 0 to
   // 32767; mode 2 draws two for each sample, other modes none.
   //
-  // A NaN or infinite sample stays unchanged and leaves no error, which would turn the rest of the
-  // channel into NaN.
+  // A NaN or infinite sample stays unchanged and leaves no error, because its error would turn the
+  // rest of the channel into NaN.
   template <class Random>
   void Process(std::span<float> samples, Random random) {
     if (mode_ == kOff) return;

@@ -1,5 +1,5 @@
-// Noise shaping of a block, for each level of vector instructions. Only dither.cpp calls it. A file
-// that is compiled for AVX2 includes this header, so it defines no inline functions.
+// Noise shaping of a block, for each instruction level. Only dither.cpp calls it. Files compiled
+// for AVX2 include this header, so it defines no inline functions.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ struct ShapingErrors {
 // A three-tap filter over the errors moves their noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// Smaller errors cannot change any code and are dropped. Otherwise the filter would decay to
-// denormals in silence, which are slow.
+// Smaller errors cannot change any code and are dropped. Otherwise they would decay in silence to
+// denormals, which are slow.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
 // Rounds the samples to codes, frame by frame. `errors` has one entry per channel and carries over

@@ -1,4 +1,4 @@
-// Noise shaping with FMA. Compiled for AVX2; call it only if the processor has it.
+// Noise shaping with FMA. Compiled for AVX2; call it only on a processor with AVX2.
 #include <immintrin.h>
 
 #include "pool/dither_shaping.h"

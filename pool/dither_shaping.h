@@ -1,5 +1,5 @@
 // The vector form of noise shaping: two channels side by side. Each sample waits for the error of
-// the previous one, so the length of that chain limits the speed.
+// the previous one, so this chain of dependent steps limits the speed.
 //
 // `Ops` multiplies, adds and truncates for one instruction level. Each file has its own Ops in an
 // unnamed namespace, so that its instances of these templates are local too.
@@ -13,10 +13,10 @@ namespace marlinda {
 
 // Three steps differ from the reference and give the same bits:
 // - A product of floats is exact in double, so multiplying and adding may round once.
-// - Half a code is added together with the offset. This saves one rounding, which is far below a
-// code and can change nothing at the edge of a code.
+// - Half a code is added together with the offset. This saves one rounding, whose error is far
+//   below a code and never moves a value across the edge of a code.
 // - code / scale is computed as code * (1 / scale). Rounded to float, the two agree for every code
-// of up to 24 bits and samples below 4.0.
+//   of up to 24 bits and samples below 4.0.
 // The reference processes frames with larger samples, NaN or errors too small to keep.
 template <class Ops, std::size_t kChannels>
 void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
@@ -68,8 +68,8 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       __m128 sample = single
                           ? _mm_load_ss(at)
                           : _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
-      // In this order: the first sum has the newest error, and the other products can be ready
-      // before it.
+      // Sums in the reference's order. The products of the older errors can be ready before the
+      // newest error.
       __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
                                         _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
       shaped = Ops::MultiplyAdd(_mm_cvtps_pd(third[pair]), tap2, shaped);

@@ -19,9 +19,9 @@ constexpr std::int64_t PeakBytes(int channels) noexcept {
 // groups. The last group covers the remaining frames, or the last frame again if none remains, so a
 // reader always finds the newest peak. No frames give no peaks. `channels` is at least 1.
 //
-// A sample counts only if it is less or greater than the samples before it, starting from the
-// largest and smallest finite float. So NaN never counts. A group of NaN alone keeps both start
-// values (minimum above maximum); a group of +infinity alone keeps the start value of its minimum.
+// The minimum starts at the largest finite float, and only a smaller sample replaces it; the
+// maximum starts at the lowest. So NaN never counts. A group of NaN alone keeps both start values
+// (minimum above maximum); a group of +infinity alone keeps the start value of its minimum.
 void BuildPeaks(std::span<const float> samples, int channels, std::vector<float>& peaks);
 
 }  // namespace marlinda

@@ -1,4 +1,4 @@
-// Peaks of a group with AVX. Compiled for AVX2; call it only if the processor has it.
+// Peaks of a group with AVX. Compiled for AVX2; call it only on a processor with AVX2.
 #include <immintrin.h>
 
 #include "pool/peak_group.h"
@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t kLanes = 8;
 
-// For NaN and equal numbers the instructions return their second operand, like a comparison in
-// order. Zeros of both signs are the exception.
+// For NaN and equal numbers the instructions return their second operand, as a comparison in order
+// keeps the old value. Only zeros of both signs differ.
 struct Extremes {
   void Add(const float* at) noexcept {
     const __m256 values = _mm256_loadu_ps(at);

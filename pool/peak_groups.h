@@ -15,15 +15,15 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// At most this many floats per read, so that the block is still cached when it is compared.
+// At most this many floats per read, so that the processor's cache still holds them for the search.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 // Caches the extremes of every group of 64 peaks that was read, and the peaks of groups in which a
-// stretch begins or ends. Drawing the same overview again reads nothing; another reads one group
-// for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much while the take
-// grows. The cached peaks take at most 4 MiB.
+// stretch begins or ends. Drawing the same overview again reads nothing; drawing another one reads
+// one group for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much while
+// the take grows. The cached peaks take at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
@@ -38,7 +38,7 @@ class PeakGroups {
 
   // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). The first stretch
   // begins at `first`; stretch i ends before peak ends[i], where the next one begins. Their peaks
-  // have settled. Returns false as soon as a read fails; the pairs are then undefined.
+  // must be settled. Returns false as soon as a read fails; the pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read) {
     if (!LearnGroups(first, ends, read)) return false;

@@ -16,7 +16,7 @@
 
 namespace marlinda {
 
-// A larger count does not fit in the 32 bits of the system call.
+// The system call counts bytes in 32 bits.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
 // Names to try before the creation fails.
@@ -25,7 +25,6 @@ inline constexpr int kMaxNames = 10;
 // Moves the file pointer and holds the lock until the end of the scope, because all users of a
 // handle share the pointer. An offset in the read or write call needs no lock, but is forty times
 // slower under Wine.
-// times as much under Wine.
 class Seek {
  public:
   Seek(HANDLE file, std::int64_t offset) noexcept
@@ -55,7 +54,7 @@ struct ReadResult {
 // before the start of the file fails with ERROR_NEGATIVE_SEEK.
 inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept {
   if (offset < 0) return {HRESULT_FROM_WIN32(ERROR_NEGATIVE_SEEK), 0};
-  // No file is that long.
+  // The range would end beyond the largest offset.
   const auto left = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max() - offset);
   if (bytes.size() > left) return {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), 0};
   const Seek seek(file, offset);
@@ -76,12 +75,11 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
 // new file of another program.
 class TemporaryFile {
  public:
-  // Creates a file with a new name, for reading and writing through this handle alone. Write
-  // reports a failure.
+  // Creates a file with a new name, which only this handle can open. Write reports a failure.
   void Create(const std::string& directory, const char* prefix) noexcept {
     // The system makes an empty file to reserve the name. Opening that file would truncate it, and
     // some file systems write a truncated file to the disk when it is closed, although it is
-    // deleted then. So the name is deleted first. CREATE_NEW never opens a file that another
+    // deleted then. So the empty file is deleted first. CREATE_NEW never opens a file that another
     // program made under the name in between.
     if (GetFileAttributesA(directory.c_str()) == INVALID_FILE_ATTRIBUTES) {
       error_ = LastErrorResult();
@@ -89,7 +87,7 @@ class TemporaryFile {
     }
     for (int i = 0; i < kMaxNames && !handle_; ++i) {
       char name[MAX_PATH] = "";
-      // Wine returns a number even if it could not create a file. The creation then fails.
+      // Wine returns a number even if it could not create the file. CreateFileA then fails.
       if (GetTempFileNameA(directory.c_str(), prefix, 0, name) != 0) {
         DeleteFileA(name);
         handle_.Reset(CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,

@@ -14,11 +14,11 @@ namespace marlinda {
 
 inline constexpr std::size_t kMaxKeptBytes = std::size_t{1} << 22;
 
-// Below 8 bits a sample takes no bytes. No code is wider than 40 bits.
+// The widths that can be stored. Below 8 bits a sample would take no bytes.
 constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 
-// Bytes of a sample in the file. Widths between 8, 16, 24 and 32 bits have fewer bytes than their
-// code needs, and 40 bits more.
+// Bytes of a sample in the file. Widths between 8, 16, 24 and 32 bits take fewer bytes than their
+// codes need, and 40 bits take more.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
 // base + unit * count, the offset of an item in a file. Returns the largest or smallest number if

@@ -1,4 +1,4 @@
-// CAudioConnector: joins an import filter or a reader to an export filter, without a pool between.
+// CAudioConnector: joins an import filter or a reader to an export filter, without a pool.
 #include <marlinda.h>
 
 #include <memory>
@@ -29,7 +29,7 @@ bool IsRunning(ICoreTask* task) {
          running != VARIANT_FALSE;
 }
 
-// Unknown if the source does not report it.
+// Returns an unknown format if the source does not report one.
 StreamFormat AskFormat(const Filters& filters) {
   StreamFormat format;
   HRESULT hr = E_NOINTERFACE;
@@ -50,8 +50,8 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 
 }  // namespace
 
-// A writer to the import filter and a reader to the export filter, with a bounded queue between
-// them. Converts with the external format converter if the formats differ. As a task it runs the
+// The writer of the import filter and the reader of the export filter, with a bounded queue between
+// them. Converts with the external format converter if the formats differ. As a task, it runs the
 // tasks of both filters.
 //
 // The connector and its filters hold each other. Cancel releases the filters, and so does a poll of
@@ -86,7 +86,7 @@ class CAudioConnector final
                                    LONG nSamplesPerSec, SHORT nChannels) override {
     if (punkAudioReader == nullptr || punkExportFilter == nullptr) return E_POINTER;
     return ComCall([&] {
-      // The object would hold itself and wait for itself.
+      // The connector would hold itself and wait for itself.
       if (IsSameObject(punkAudioReader, OuterUnknown())) return E_INVALIDARG;
       Filters filters;
       filters.reader = TryQuery<IAudioReader>(punkAudioReader);
@@ -96,8 +96,8 @@ class CAudioConnector final
   }
 
   // ICoreTask. Start and Cancel do their work and return E_NOTIMPL; ignore the result. Start starts
-  // the export, then the import, whatever their results. Cancel cancels the export, which leaves a
-  // valid file, then the import.
+  // the export, then the import, and ignores their results. Cancel cancels the export, which leaves
+  // a valid file, then the import.
   STDMETHODIMP Start() override {
     ComCall([&] {
       LearnSource();
@@ -116,11 +116,11 @@ class CAudioConnector final
       const std::shared_ptr<SourceFeed> job = this->job();
       Filters ended = DetachFilters();
       if (ended.export_task) {
-        // The export ends after its present block, which is complete as long as the import
+        // The export ends after its current block. The block is complete if the import still
         // delivers.
         job->queue().LimitTimeouts(1);
         ended.export_task->Cancel();
-        // Before the import is released: the owner of the export may be waiting for its file.
+        // Releases the export first, because a client may be waiting for its file.
         ended.export_filter.Reset();
         ended.export_task.Reset();
       }
@@ -142,7 +142,7 @@ class CAudioConnector final
         return hr;
       }
       VARIANT_BOOL imports = VARIANT_FALSE;
-      // An import whose query fails may still deliver.
+      // If the query fails, the import may still deliver.
       if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
         job->SetImportRuns(imports != VARIANT_FALSE);
       }
@@ -236,7 +236,7 @@ class CAudioConnector final
     const std::lock_guard lock(mutex_);
     return filters_;
   }
-  // Removes all filters but the reader, which is not a task and stays until the next set-up.
+  // Returns and removes all filters but the reader, which stays until the next set-up.
   Filters DetachFilters() {
     const std::lock_guard lock(mutex_);
     Filters detached = std::exchange(filters_, {});

@@ -20,8 +20,8 @@ namespace marlinda {
 // other side reads them under the lock after it has changed the queue, so no wake-up is lost.
 class PacedQueue {
  public:
-  // The writer waits while the queue holds more. Testing and appending are two steps, so the queue
-  // holds at most one block more than this.
+  // The writer waits while the queue holds more samples than this. Testing and appending are two
+  // steps, so the queue can exceed this by one block.
   static constexpr std::size_t kMaxQueued = 0x800000;
 
   struct Pace {
@@ -59,7 +59,7 @@ class PacedQueue {
   }
 
   // Reader: waits until the queue holds `wanted` samples. Adds the rounds in which nothing arrived
-  // to `timeouts`. Returns false if there are too many of them, or if interrupted.
+  // to `timeouts`. Returns false if samples are missing after too many of them or an interruption.
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
     std::unique_lock lock(mutex_);
     const auto is_over = [&] { return interrupted_ || queue_.Count() >= wanted; };

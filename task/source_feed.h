@@ -31,7 +31,7 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Converters hold back less than these blocks together.
+// Give up flushing a converter after this many blocks of silence. It holds back fewer frames.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -95,7 +95,7 @@ class SourceFeed {
     if (FAILED(hr)) return hr;
     std::span<float> rest = view.samples();
     int timeouts = 0;
-    // In pieces: the writer stops before the queue holds enough for a very large read.
+    // Reads in pieces: the writer stops before the queue holds enough for a very large read.
     while (!rest.empty()) {
       const std::span<float> piece = rest.first(std::min(rest.size(), PacedQueue::kMaxQueued));
       rest = rest.subspan(piece.size());
@@ -121,8 +121,7 @@ class SourceFeed {
   }
 
  private:
-  // Both fill the queue up to `wanted` samples. They return false if the source does not deliver
-  // them.
+  // Both fill the queue up to `wanted` samples. They return false if the source delivers fewer.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {
@@ -134,7 +133,7 @@ class SourceFeed {
     return true;
   }
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
-    // After the import has ended and one read has waited in vain, further reads do not wait.
+    // Once the import has ended and a read got too few samples, further reads do not wait.
     const bool waits = import_runs_ || !gave_up_;
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
@@ -150,14 +149,14 @@ class SourceFeed {
     if (!block_) block_ = std::make_unique<SampleArray>();
     SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *
                                              static_cast<std::size_t>(source_.channels));
-    // The block stays silent if the reader fails, so its result does not matter.
+    // The block stays silent if the reader fails, so the result is ignored.
     reader_->ReadAudio(read_position_, array);
     SilenceBeyondEnd(block_->samples(), read_position_);
     read_position_ += kFramesPerPull;
     Push(array, block_->samples());
   }
-  // A converter mixes neighbouring frames. What a source has behind its end, such as the next take
-  // of a pool, must not be heard in its last frames. Unconverted samples are passed as they are.
+  // A converter mixes neighbouring frames. Samples beyond the end of the source, such as the next
+  // take of a pool, must not be heard in its last frames. Other samples pass unchanged.
   void SilenceBeyondEnd(std::span<float> samples, __int64 first_frame) const {
     if (!converter_ || source_frames_ <= 0) return;
     const __int64 left = std::clamp<__int64>(source_frames_ - first_frame, 0, kFramesPerPull);
@@ -184,8 +183,8 @@ class SourceFeed {
     queue_.Put(view.samples());
     samples_out_ += static_cast<__int64>(view.samples().size());
   }
-  // Flushes the last frames out of the converter. Returns false if there is no converter or it has
-  // got enough silence.
+  // Flushes the last frames out of the converter. Returns false without a converter, and once it
+  // has received enough silence.
   bool PushSilence() {
     if (!converter_ || silent_blocks_ == kMaxSilentBlocks) return false;
     ++silent_blocks_;
