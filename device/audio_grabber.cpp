@@ -29,10 +29,10 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
 
-// A read waits, without limit, until the recording holds as many samples as it asks for. It ignores
-// the position: recording is strictly sequential. One reader at a time. CloseDevice from another
-// thread, or the last release, ends a wait; the read then fails with E_FAIL, as on a closed device.
-// Samples that were collected but not read stay readable after CloseDevice.
+// A read waits without limit until enough samples are recorded. It ignores the position, because
+// recording is strictly sequential. One reader at a time. CloseDevice from another thread, or the
+// last release, ends a wait. The read then fails with E_FAIL, as on a closed device. Samples that
+// were collected but not read stay readable after CloseDevice.
 class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
@@ -231,7 +231,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     // One buffer as floats.
     std::vector<float> floats;
     std::vector<Buffer> buffers;
-    // The buffer that the device fills next.
+    // The buffer to collect next.
     std::size_t next = 0;
   };
 
@@ -257,7 +257,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   std::shared_ptr<Job> job_;
   // For the next opening.
   WAVEFORMATEX format_ = DeviceFormat(44100, 2, 16);
-  // An explicit SetFormat gives 40 ms instead.
+  // The initial size. SetFormat sets 40 ms instead.
   std::uint32_t buffer_bytes_ = 4096;
   UINT device_id_ = WAVE_MAPPER;
 };

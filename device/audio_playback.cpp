@@ -28,8 +28,8 @@
 namespace marlinda {
 namespace {
 
-// The worker probes the device after this time, plus the length of the next buffer, without a
-// completed buffer.
+// The worker probes the device if no buffer completes for this time plus the length of the next
+// buffer.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
 // How long a position query waits for a device call of another thread. A working device takes much
 // less.
@@ -98,9 +98,8 @@ class CAudioOutBuffer {
 
   DWORD size() const noexcept { return header_.dwBufferLength; }
 
-  // The largest sample of each channel, at least 0. It is the signed value, not the magnitude,
-  // because hosts' meters are calibrated to it. Becomes the output level when the buffer has been
-  // played.
+  // The largest sample of each channel, at least 0. Signed values are compared, not magnitudes.
+  // Becomes the output level when the buffer has been played.
   std::vector<float> peaks;
 
  private:
@@ -114,8 +113,8 @@ using Buffers = std::list<CAudioOutBuffer>;
 }  // namespace
 
 // Each block written becomes one device buffer, queued at once. A writer waits while more than the
-// buffer length is queued, which paces it to real time. While one thread is in WriteAudio, another
-// may query position and level or call Break or CloseDevice.
+// buffer length is queued, which paces the writer to real time. While one thread is in WriteAudio,
+// another may query position and level or call Break or CloseDevice.
 //
 // Level, QueryIsReady and Break return at once, even if the device is stalled. The position query
 // waits up to 50 ms for a device call of another thread. OpenDevice and CloseDevice wait for the
@@ -273,7 +272,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         queued_bytes += block.front().size();
         pending.splice(pending.end(), block);
       }
-      // The block may have been played by now.
+      // The device may already have played the block, so the worker must look again.
       SetEvent(event.get());
       return S_OK;
     }
@@ -334,7 +333,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
     bool Close() noexcept {
       const std::lock_guard device_lock(device_mutex);
-      // Resets again on each turn, because the reset fails once the device is lost.
+      // Resets on each turn, because the failing reset of a lost device ends the loop.
       while (Reset()) {
         Reap();
         if (IsPlayed()) break;
@@ -411,8 +410,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     // Held by a writer from its wait to the end of its write.
     std::mutex write_mutex;
 
-    // Held during every device call. A call takes as long as the driver or its sound service
-    // stalls. Taken before `mutex`.
+    // Held during every device call. A call can stall with the driver or its sound service. Taken
+    // before `mutex`.
     std::timed_mutex device_mutex;
     HWAVEOUT device = nullptr;
     std::atomic<std::uint32_t> position{0};

@@ -21,9 +21,9 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// Longer than a playback with 100 ms of buffer blocks a writer while its device works.
+// A working playback object with a buffer of 100 ms blocks its writer for less than this.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// How long the writer still waits in each pass, so that a late thread causes no dropout.
+// The writer's share of the wait in each pass, so that a late thread causes no dropout.
 constexpr double kWriterMilliSecs = 10;
 // Many minutes of audio. The window of a longer block would take long to compute.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
@@ -35,8 +35,8 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 // Break on a playback object whose WriteAudio still blocks after a second.
 //
 // Start while running fails with E_FAIL. Start fails with E_INVALIDARG for a negative block length,
-// blocks of more than 2^24 samples and negative channel counts. Stop without Start does nothing.
-// WriteBlock outside Start and Stop fails with E_FAIL, and with E_INVALIDARG for a short block.
+// blocks of more than 2^24 samples and channel counts below 1. Stop without Start does nothing.
+// WriteBlock fails with E_FAIL outside Start and Stop, and with E_INVALIDARG for a short block.
 class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;
@@ -58,7 +58,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // The writer may call this object as soon as the thread calls it.
+      // Holds the thread back until `job_` is set, because the writer may call this object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -77,8 +77,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     // Stop takes at least this long, even if the thread has already ended.
     Sleep(kStopPollMilliSecs);
     if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
-      // The writer may have stopped this scrub meanwhile and now serve another use, which must not
-      // be broken.
+      // If this scrub was stopped meanwhile, the writer may serve another use, which must not be
+      // broken.
       const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
       if (playback) playback->Break();
       thread_.PollUntilEnded(kStopPollMilliSecs);
@@ -127,7 +127,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
       while (!stop) {
         if (delay > 0) Sleep(delay);
-        // Restores the size, in case the writer resized the array against the rules.
+        // Restores the size, in case the writer resized the array against its contract.
         output.Resize(OutputSamples());
         {
           const std::lock_guard lock(block_mutex);
@@ -160,7 +160,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     const DWORD pause_milliseconds;
     DWORD delay = 0;  // the thread's wait before each pass
     std::atomic<bool> stop{false};
-    // True until the writer has closed its device.
+    // True until Stop closes the writer's device.
     std::atomic<bool> running{true};
   };
 

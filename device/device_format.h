@@ -38,7 +38,7 @@ inline WAVEFORMATEXTENSIBLE MakeExtensibleFormat(const WAVEFORMATEX& source, boo
   format.Format.cbSize = 22;
   format.Samples.wValidBitsPerSample = source.wBitsPerSample;
   format.dwChannelMask = ChannelMask(source.nChannels, mono_as_stereo_mask);
-  // A GUID lies in memory as it does in a file: Windows is little-endian.
+  // A GUID has the same bytes in memory as in a file, because Windows is little-endian.
   const auto sub_format = SubFormatBytes(is_float);
   static_assert(sizeof(format.SubFormat) == sub_format.size());
   std::memcpy(&format.SubFormat, sub_format.data(), sub_format.size());

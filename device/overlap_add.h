@@ -13,7 +13,7 @@ namespace marlinda {
 // The square-root Hann window of `frames` values: 0 at the start, 1 in the middle. The squares of
 // two values half a window apart add up to 1, so the sum has constant power.
 inline std::vector<float> ScrubWindow(std::size_t frames) {
-  // Single precision, which fixes the last bits of the window.
+  // Single precision is part of the definition of the window.
   constexpr float kPi = 3.1415927F;
   std::vector<float> window(frames);
   for (std::size_t i = 0; i < frames; ++i) {

@@ -403,7 +403,7 @@ FilterGraph::FilterGraph() {
 }
 
 HRESULT FilterGraph::Run() {
-  // Not in the constructor: the graph hands its clock only to the filters that it contains now.
+  // Not in the constructor: the graph passes the setting only to filters that it already contains.
   const auto filter = TryQuery<IMediaFilter>(builder_.Get());
   const HRESULT hr = filter != nullptr ? filter->SetSyncSource(nullptr) : E_NOINTERFACE;
   return FAILED(hr) ? hr : control_->Run();

@@ -32,7 +32,7 @@ struct FreeMediaType {
 // Owns a media type that came from a filter.
 using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
-// An audio media type with a wave format. `format` may point to a format longer than its structure.
+// An audio media type with a wave format. `format` may be followed by cbSize further bytes.
 class AudioType {
  public:
   AudioType() noexcept = default;
@@ -94,7 +94,7 @@ class GraphPin : public IPin {
 
   virtual bool Accepts(const AudioType& type) const = 0;
   virtual std::vector<AudioType> Types() const { return {}; }
-  // The additional interface of a kind of pin; null for any other.
+  // The interface that this kind of pin has besides IPin; null for any other identifier.
   virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
   // Allocates or frees the buffers when the filter starts or stops.
   virtual HRESULT Commit(bool) { return S_OK; }
@@ -107,8 +107,8 @@ class GraphPin : public IPin {
   friend class GraphFilter;
 };
 
-// Calls `receive` with the bytes of each sample and `end` after the last, on the delivering thread.
-// Any result of `receive` other than S_OK stops the delivery.
+// Calls `receive` with the bytes of each sample, and `end` after the last, on the delivering
+// thread. Any result of `receive` other than S_OK stops the delivery.
 class InputPin : public GraphPin, protected IMemInputPin {
  public:
   struct Purpose {
@@ -149,7 +149,7 @@ class OutputPin : public GraphPin {
   OutputPin(GraphFilter& filter, std::vector<AudioType> types, long buffer_bytes)
       : GraphPin(filter, PINDIR_OUTPUT), types_(std::move(types)), buffer_bytes_(buffer_bytes) {}
 
-  // Splits `bytes` into samples. `start` and `stop` are their times, spread evenly.
+  // Splits `bytes` into samples, and the time from `start` to `stop` in proportion.
   HRESULT Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start, REFERENCE_TIME stop);
   HRESULT DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
 
@@ -193,7 +193,7 @@ class GraphFilter : public IBaseFilter {
   STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
   STDMETHODIMP_(ULONG) Release() override;
 
-  // The engine alone creates it, never a class identifier.
+  // The filter has no class identifier: only the engine creates it.
   STDMETHODIMP GetClassID(CLSID* class_id) override { return SetOut(class_id, GUID_NULL); }
   STDMETHODIMP Stop() override;
   STDMETHODIMP Pause() override;
@@ -253,7 +253,7 @@ class FilterGraph {
   bool has_failed_ = false;
 };
 
-// Calls `visit` with each pin of the filter until it returns true.
+// Calls `visit` with each pin of this direction until `visit` returns true.
 void ForEachPin(IBaseFilter* filter, PIN_DIRECTION direction,
                 const std::function<bool(IPin*)>& visit);
 
