@@ -13,7 +13,7 @@
 
 namespace marlinda {
 
-// Returns the part of a marker within `range`, or nothing if it is empty.
+// Returns the part of a marker within `range`, or nothing if the part is empty.
 inline std::optional<CSection> ClipMarker(const CSection& marker, const CSection& range) noexcept {
   const CSection clipped(std::max(marker.begin, range.begin), std::min(marker.end, range.end));
   if (clipped.begin >= clipped.end) return std::nullopt;
@@ -53,8 +53,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
   return part;
 }
 
-// Keeps the parts of the records in the head, then those in the tail. Works in place while parts in
-// the tail follow all parts in the head; otherwise collects the tail first.
+// Keeps the parts of the records in `head`, then those in `tail`, moved by `offset`. Works in place
+// if all parts in the tail follow those in the head; otherwise collects the tail first.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
@@ -72,7 +72,7 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
     behind.reserve(in_tail);
     for (const Record& record : records) {
       if (!Reaches(record, tail)) continue;
-      // Copies the name if the record becomes two, otherwise moves it below.
+      // Copies a record that becomes two. Any other record is moved below.
       behind.push_back(Reaches(record, head) ? record : Record());
     }
     records.reserve(in_head + in_tail);

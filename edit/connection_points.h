@@ -16,7 +16,7 @@
 
 namespace marlinda {
 
-// An entry of EnumConnections. Copies share it by reference.
+// An entry of EnumConnections. Each copy holds a reference to the sink.
 struct Connection {
   ComPtr<IUnknown> sink;
   DWORD cookie = 0;
@@ -137,8 +137,8 @@ class ConnectionPoint final : public IConnectionPoint {
 
   static HRESULT CallSink(IDispatch* sink, DISPID event, const Arguments& make_arguments,
                           REFIID event_interface) {
-    // Each call gets arguments of its own: a sink that clears or replaces one against the rules
-    // harms neither the next sink nor the caller's string.
+    // Each call gets arguments of its own: a sink that wrongly clears or replaces one harms neither
+    // the next sink nor the caller's string.
     std::vector<VARIANTARG> arguments;
     if (make_arguments) arguments = make_arguments();
     DISPPARAMS params = {};
@@ -158,7 +158,7 @@ class ConnectionPoint final : public IConnectionPoint {
     SysFreeString(exception.bstrHelpFile);
     return hr;
   }
-  // A sink of an event interface that offers only IDispatch also receives its calls.
+  // A sink for events may offer only IDispatch instead of the event interface.
   ComPtr<IUnknown> AcceptedFace(IUnknown* sink) const {
     ComPtr<IUnknown> face;
     const auto receive = [&](REFIID iid) {

@@ -1,4 +1,4 @@
-// DocumentContent: what a document holds and how it is read. Separate from the host's object,
+// DocumentContent: holds and reads the content of a document. Separate from the host's object,
 // because the playback thread reads it too and may briefly outlive that object.
 #pragma once
 
@@ -23,7 +23,7 @@ namespace marlinda {
 
 enum class ContentCall { kRead, kOpen, kClose };
 
-// Nested reads of a document that contains itself. Few enough for a thread's stack.
+// Limit for nested reads of a document that contains itself, so that a thread's stack suffices.
 inline constexpr int kMaxReadDepth = 64;
 
 // A new document has the rate 1. Zero channels mean that no format is set.
@@ -87,10 +87,10 @@ struct DocumentContent {
 
   // These implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
-    // Each piece is read into an array of exactly its own size, and delivers nothing to the caller
-    // when it fails. The pieces are written one after another from the start of the array, also
-    // when the read begins before the document. Where backward segments make them longer than the
-    // array, the rest is read and dropped.
+    // Each piece is read into an array of exactly its own size, so a failed read delivers nothing
+    // to the caller. The pieces fill the caller's array from its start, even if the read begins
+    // before the document. If backward segments make them longer than the array, the rest is
+    // dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));
@@ -160,7 +160,7 @@ struct DocumentContent {
     const std::shared_lock guard(lock);
     return format;
   }
-  // A document without a format takes that of the source. The source's result is ignored.
+  // A document without a format takes the format of the source. The source's result is ignored.
   void AdoptFormat(IAudioReader* source) {
     DocumentFormat adopted = CurrentFormat();
     if (source == nullptr || adopted.IsSet()) return;
@@ -221,8 +221,8 @@ struct DocumentContent {
       AdoptFormat(piece.source);
       behind.emplace_back(piece.source, piece.begin, piece.end);
     }
-    // Without the backward segments between them, the pieces may extend past the start of the
-    // range.
+    // Without its backward segments the head can extend past range.begin, so the tail is inserted
+    // there, not appended.
     const Segment* const found = kept.DividedBy({range.begin, range.begin});
     ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
     kept.Insert(range.begin, behind, divided);
@@ -247,8 +247,8 @@ struct DocumentContent {
   ScratchCache scratch;
 
  private:
-  // Deletes the range in place if all segments have frames and the range runs forward. Otherwise
-  // changes nothing and returns false.
+  // Deletes the range in place if it runs forward from frame 0 or later, all segments have frames
+  // and a format is set. Otherwise changes nothing and returns false.
   bool CutOut(const CSection& range) {
     if (range.begin < 0 || range.end < range.begin) return false;
     const Pin pin(*this);
@@ -262,8 +262,8 @@ struct DocumentContent {
     annotations.Delete(range, length);
     return true;
   }
-  // Makes `divided` hold the source of the segment that an edit at `range` will divide. Gives up
-  // the lock while the reference is counted.
+  // Makes `divided` hold the source of the segment that an edit at `range` will divide. Releases
+  // the lock while it adds the reference.
   void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
                    ComPtr<IAudioReader>& divided) {
     for (;;) {

@@ -36,7 +36,7 @@ class DocumentPlayer {
     CreateInstance(CLSID_CAudioPlayback, playback_);
     CreateInstance(CLSID_CAudioScrubber, scrubber_);
   }
-  // Stops playing and scrubbing and waits for their threads, unless the playback thread calls.
+  // Stops playing and scrubbing and waits for their threads, except on the playback thread itself.
   ~DocumentPlayer() {
     StopPlay();
     StopScrub();
@@ -45,13 +45,13 @@ class DocumentPlayer {
   // A device index from 0, or -1 for the default. Takes effect at the next start.
   void SetDevice(LONG index) noexcept { device_ = index; }
 
-  // Changes nothing during playback; ends scrubbing. A failure on the thread ends the playback and
-  // is not reported.
+  // Ends scrubbing and plays, unless playback runs or the section is empty. A failure on the thread
+  // ends the playback and is not reported.
   void Play(const CSection& section, ULONG channel_mask, bool looped) {
     const DocumentFormat format = content_->CurrentFormat();
     const bool starts = !IsPlaying() && section.begin < section.end;
     if (starts && scrubbing_) StopScrub();
-    // Also during playback: the open device keeps its format.
+    // Has no effect on running playback: the open device keeps its format.
     SetUpPlayback(format, kPlayBufferMilliSecs);
     const ComPtr<IAudioWriter> writer = PlaybackWriter();
     if (!starts) return;
@@ -60,12 +60,12 @@ class DocumentPlayer {
     thread_.emplace();
     thread_->Start([job = job_]() mutable {
       const Apartment apartment(COINIT_APARTMENTTHREADED);
-      // The last owner of the sources releases them inside the apartment.
+      // Releases the job, and perhaps its sources, inside the apartment.
       std::exchange(job, nullptr)->Run();
     });
   }
   void StopPlay() noexcept {
-    // Also set for a thread that has ended but has not been discarded.
+    // `thread_` may also hold a thread that has ended.
     if (!thread_) return;
     // Wakes a thread that waits for room in the device.
     playback_->Break();
@@ -90,7 +90,7 @@ class DocumentPlayer {
     return Playback()->GetOutputLevel(channel, level);
   }
 
-  // Changes nothing while scrubbing; ends playback. Failures of the sources and the scrubber are
+  // Ends playback and scrubs, unless scrubbing runs. Failures of the sources and the scrubber are
   // ignored: without a format or a device scrubbing is silent.
   void StartScrub() {
     if (scrubbing_) return;
@@ -104,7 +104,7 @@ class DocumentPlayer {
     if (!std::exchange(open_for_scrub_, true)) content_->OpenDevice();
     scrubbing_ =
         SUCCEEDED(scrubber_->Start(writer.Get(), frames, format.samples_per_sec, format.channels));
-    // A block that the scrubber refuses may have any size and is not read.
+    // A scrubber that did not start refuses every block, so none is read for it.
     scrub_frames_ = scrubbing_ ? frames : 0;
   }
   void SetScrubPosition(__int64 position) {
@@ -121,8 +121,8 @@ class DocumentPlayer {
   }
 
  private:
-  // One playback, shared by the document and the thread. The thread does not hold the document: a
-  // looped playback must not keep it alive, and a source that the thread reads may release it last.
+  // One playback, shared by the document and the thread. The thread does not hold the document:
+  // looped playback must not keep it alive, and a source may release it last.
   struct Job {
     // If the sources cannot be opened, the writer stays open and held until the next playback or
     // the end of the document.

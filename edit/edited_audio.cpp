@@ -28,7 +28,7 @@ namespace {
 
 enum class PlayerCall { kPlay };
 
-// Ends the recursion of a sink that starts playback on the playback event.
+// Limits the recursion of a sink that calls Play when it receives the playback event.
 constexpr int kMaxPlayDepth = 16;
 
 // Events of _IEAUpdateEvents and _IEAUndoEvents.
@@ -67,8 +67,8 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
 }
 
 // Appends the source's labels and markers to the destination's through their interfaces, in order,
-// moved by `offset`. With a range, only labels inside it and the parts of markers inside it. Fails
-// with E_FAIL if one of the objects has no labels or no markers; earlier copies stay.
+// moved by `offset`. With a range, copies only labels inside it and the parts of markers inside it.
+// Fails with E_FAIL if one of the objects has no labels or no markers; earlier copies stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -107,7 +107,7 @@ namespace marlinda {
 // its ranges, and no edit fires an event.
 //
 // The host must not edit while another thread reads, the playback thread included: the read may
-// miss a part of the edit. The content's lock only protects memory.
+// miss a part of the edit. The content's lock protects only memory.
 class CEditedAudio final
     : public AnnotationSupport<
           CEditedAudio,
@@ -189,7 +189,7 @@ class CEditedAudio final
     if (peaInsert == nullptr) return E_POINTER;
     return ComCall([&] {
       if (IsSameObject(peaInsert, Identity())) {
-        // Inserted into itself: inserts a copy of its content.
+        // Inserts a copy of its own content.
         ComPtr<IEditedAudio> before;
         Check(CreateInstance(CLSID_CEditedAudio, before));
         CopyAll(before.Get());
@@ -223,8 +223,8 @@ class CEditedAudio final
       content_->segments.Append(std::move(segment));
     });
   }
-  // The source has no reference added: it is valid as long as the segment exists, and the caller
-  // must not release it. Past the end only bValid is written.
+  // The returned source is borrowed: it is valid as long as the segment exists, and the caller must
+  // not release it. Past the end only bValid is written.
   STDMETHODIMP GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
                                LONG* bValid) override {
     return GiveSegment(&DocumentContent::Segments::First, pparSource, pnBegin, pnEnd, bValid);
@@ -239,7 +239,7 @@ class CEditedAudio final
   STDMETHODIMP InitChange(LONG bStoreUndo, BSTR bstrOperation) override {
     return ComCall([&]() -> HRESULT {
       if (change_open_) return E_FAIL;
-      // A sink may release the document that the event is about.
+      // A sink may release this document during the event.
       const ComPtr<IUnknown> keep_alive(Identity());
       if (bStoreUndo != 0) FireStoreUndo(bstrOperation);
       ComPtr<IEditedAudio> snapshot;
@@ -262,8 +262,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document instead of restoring it: copying the snapshot onto itself empties the
-  // snapshot. The host restores the content from its own copy from the beginning of the change.
+  // Empties the document and does not restore it: copying the snapshot onto itself empties the
+  // snapshot. The host restores the content from the copy that it made before the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;
@@ -285,7 +285,7 @@ class CEditedAudio final
     return ComCall([&] {
       const ComPtr<IUnknown> keep_alive(Identity());
       const NestedCall call(this, PlayerCall::kPlay);
-      // GetPlayStatus reports whether playback runs.
+      // Ignores the result: GetPlayStatus reports whether playback runs.
       static_cast<void>(ComCall([&] {
         player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
       }));
@@ -420,8 +420,8 @@ class CEditedAudio final
     direct->content_->Replace(std::move(segments), std::move(annotations));
     return S_OK;
   }
-  // The object behind another document, if this one may access it directly: both are of this class,
-  // and neither is aggregated.
+  // The object behind another document if this object may access it directly: both are of this
+  // class, and neither is aggregated.
   CEditedAudio* Direct(IEditedAudio* document) {
     const auto object = TryQuery<IDocumentObject>(document);
     CEditedAudio* const found = object ? object->Implementation() : nullptr;

@@ -22,12 +22,12 @@ inline std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t ch
   return channels * samples_per_sec * kSampleBytes / kBlocksPerSecond;
 }
 
-// Walks through a section block by block. A block has at least one frame, whatever the rate, so
-// that a walk ends. Without channels the walk is empty.
+// Walks through a section block by block. A block has at least one frame, at every rate, so that a
+// walk ends. Without channels the walk is empty.
 class PlayCursor {
  public:
-  // A block may end in a part of a frame, where the bytes are no multiple of its size; only its
-  // whole frames count.
+  // A block ends within a frame if its bytes are no multiple of the frame size. Only its whole
+  // frames count then.
   PlayCursor(const CSection& section, bool looped, std::int64_t block_bytes,
              std::int64_t channels) noexcept
       : section_(section), looped_(looped), channels_(channels), position_(section.begin) {
@@ -37,24 +37,23 @@ class PlayCursor {
     block_frames_ = static_cast<std::uint64_t>(samples / least);
   }
 
-  // In a looped section true only if the section is empty.
+  // A looped section has an end only if it is empty or there are no channels.
   bool AtEnd() const noexcept { return channels_ <= 0 || position_ >= section_.end; }
 
-  // The frame at which the next block begins, and its samples: those that fit in the block's bytes,
-  // at most the rest of the section. Call only if not at the end.
+  // The frame at which the next block begins, and its number of samples: the samples of a full
+  // block, at most the rest of the section. Call only if not at the end.
   std::int64_t Position() const noexcept { return position_; }
   std::size_t Samples() const noexcept {
     const std::uint64_t left = FramesLeft();
     const auto channels = static_cast<std::uint64_t>(channels_);
-    // Compared in frames, which cannot overflow: fewer samples are left than a block has.
+    // Compares frames first, so that the product with the channels cannot overflow.
     const bool last = left <= block_frames_ && left * channels < block_samples_;
-    // Saturates, so that more samples than memory holds stay that many with a 32-bit std::size_t
-    // too.
+    // Saturates, so that a 32-bit std::size_t does not wrap to a smaller block.
     return static_cast<std::size_t>(std::min<std::uint64_t>(
         last ? left * channels : block_samples_, std::numeric_limits<std::size_t>::max()));
   }
 
-  // Moves past the block; in a looped section from its end to its start.
+  // Moves past the block. A looped section continues at its start after its end.
   void Advance() noexcept {
     const std::uint64_t step = std::min(FramesLeft(), block_frames_);
     position_ = WrappingAdd(position_, static_cast<std::int64_t>(step));
@@ -76,7 +75,7 @@ class PlayCursor {
 };
 
 // Silences the channels whose bits are clear; bit i is channel i. Channels beyond the mask's 32
-// bits are heard only if all of these are set.
+// bits are heard only if all 32 bits are set.
 inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
                              std::uint32_t mask) noexcept {
   if (channels == 0) return;
@@ -89,8 +88,8 @@ inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
   }
 }
 
-// The frame that is heard after `played` frames of a repeated section. After the last frame it is
-// the first one, even if the section is not looped.
+// The frame that is heard after `played` frames of a repeated section. After the last frame the
+// first one follows, even if the section is not looped.
 inline std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept {
   const std::int64_t length = section.Length();
   // A section longer than the largest position is never played to its end.

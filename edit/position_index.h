@@ -47,9 +47,9 @@ struct BlockSummary {
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// Backward segments lower the offsets again, so the index bounds them instead of sorting: for each
-// block it holds the furthest end of the list so far, which only grows. If lengths are so large
-// that offsets could overflow, it excludes nothing, and the caller walks the whole list.
+// With backward segments the offsets are not sorted. The index holds the furthest end of the list
+// up to each block, which only grows. If lengths are so large that offsets could overflow, the
+// index excludes nothing, and the caller walks the whole list.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {

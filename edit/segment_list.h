@@ -71,7 +71,7 @@ class SegmentList {
     return divided ? &blocks_[first.block][first.slot - 1] : nullptr;
   }
 
-  // Inserts segments before the frame at `position`. A segment that contains it is split there,
+  // Inserts segments before the frame at `position`. A segment around this frame is split there,
   // even if nothing is inserted. Past the end they are appended without a gap. A negative position
   // cuts the first segment before its start. `divided` is a copy of the divided segment's source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
@@ -176,8 +176,8 @@ class SegmentList {
     }
   }
 
-  // The iteration has one cursor. It stays on its segment when others are inserted around it. Past
-  // the last segment it is null and stays null. The pointer is valid until the list changes.
+  // The iteration has one cursor. The cursor stays on its segment when others are inserted around
+  // it. Past the last segment, Next returns null. The pointer is valid until the list changes.
   const Segment* First() noexcept {
     cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
     return AtCursor();
@@ -239,11 +239,11 @@ class SegmentList {
     return {std::max(segment.begin, begin), std::min(segment.end, end)};
   }
 
-  // Should its segment not arrive, the empty block does no harm.
+  // If appending the segment then fails, the empty block does no harm.
   void AddBlock() {
     index_.Reserve(1);
     Block block;
-    // The first block grows with a short document. Later blocks will be filled.
+    // The first block grows as needed, because many documents are short.
     if (!blocks_.empty()) block.reserve(kBlockSize);
     blocks_.push_back(std::move(block));
     index_.AddBlock();

@@ -26,7 +26,7 @@ class ColumnEnds {
                                           static_cast<std::uint64_t>(columns));
   }
 
-  // Returns the end of a column, then that of the next on each call.
+  // Each call returns the end of the next column.
   std::int64_t Next() noexcept {
     whole_ += quotient_;
     const std::int64_t room = columns_ - part_;
@@ -61,7 +61,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
                    std::span<const float> samples) noexcept {
   const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
   const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
-  // The first column of a frame is the first frame of a column with the counts exchanged.
+  // With its counts exchanged, FirstOfColumn returns the first column of a frame.
   for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
     const std::int64_t frame = Scale(column, frames, columns);
     if (frame >= end) return;
@@ -74,7 +74,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   }
 }
 
-// `own` is the pairs of a column that has a left neighbour.
+// `own` holds the pairs of a column that has a left neighbour.
 void LinkToLeft(std::span<float> own) noexcept {
   float* const pairs = own.data();
   const float* const left = pairs - own.size();

@@ -22,8 +22,8 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
 
 // Draws the columns of a piece from its samples, whole frames. The samples may come in consecutive
 // blocks: `first` is the piece's frame at which a block begins, `frames` the length of the piece.
-// If every column has a frame, columns start from +1 and -1, so a column whose samples all lie
-// above full scale still begins at full scale.
+// If every column has a frame, a column's minimum starts at +1 and its maximum at -1. So the
+// minimum of samples that all lie above +1 is +1.
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
