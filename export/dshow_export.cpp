@@ -74,7 +74,7 @@ class DShowExportJob : public TaskJob {
   }
 
   EncodedKind kind() const noexcept { return kind_; }
-  // False once a Run has taken the reader.
+  // False once a Run has released the reader.
   bool HasReader() const noexcept { return reader_ != nullptr; }
   // The rate and channels of the reader. Fails with E_INVALIDARG if no file can have them.
   HRESULT AskFormat(int& samples_per_sec, int& channels) const {
@@ -99,7 +99,7 @@ class DShowExportJob : public TaskJob {
     const HRESULT opening = ComCall([&] {
       file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
     });
-    // The filter may start again from here on, so a failed job is not touched.
+    // The filter may start the job again from here on, so a failed run no longer uses it.
     opened.set_value(opening);
     if (FAILED(opening)) return;
 
@@ -120,7 +120,7 @@ class DShowExportJob : public TaskJob {
       std::vector<std::byte> pcm;
       while (!cancelled && position < total) {
         const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-        // Silent where a failing reader delivers nothing, so that the rest stays in place.
+        // The block is silent if the reader fails, so that the rest stays in place.
         const SampleArray block(static_cast<std::size_t>(frames) *
                                 static_cast<std::size_t>(channels));
         reader_->ReadAudio(position, block.get());
@@ -165,8 +165,8 @@ class CDShowExport final
   // ICoreTask. Start fails with E_FAIL while the task runs, without Initialize and after a
   // completed task.
   STDMETHODIMP Start() override {
-    // While the message is shown, this thread's other messages are served, and one may release the
-    // object last.
+    // The message box serves this thread's other messages, and one of them may release the object
+    // last.
     const ComPtr<IUnknown> alive(OuterUnknown());
     const HRESULT hr = ComCall([&] {
       if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
@@ -184,7 +184,7 @@ class CDShowExport final
         worker_.AwaitServingCalls(kServeMilliseconds);
       }
       const HRESULT opening = outcome.get();
-      // A task that failed to start has ended when Start returns.
+      // Waits, so that a task that failed to start has ended when Start returns.
       if (FAILED(opening)) worker_.PollUntilEnded(1);
       return opening;
     });
@@ -245,7 +245,7 @@ class CDShowExport final
     settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
   void ShowMpegSettings() {
-    // Without an encoder there is no choice.
+    // Without an encoder the dialog offers no choice.
     const auto encoder = CreateMp3Encoder();
     CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
     if (dialog.ShowModal(message_owner_) != IDOK) return;

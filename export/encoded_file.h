@@ -1,4 +1,4 @@
-// A compressed file during writing, for all encoders.
+// EncodedFile: a compressed file that is being written, and its settings.
 #pragma once
 
 #include <dshow.h>
@@ -64,14 +64,14 @@ class EncodedFile {
   // Without Finish, the file stays incomplete.
   virtual ~EncodedFile() = default;
 
-  // Writes whole frames of 16 bits. Throws HResultError if encoder or disk fail.
+  // Writes whole frames of 16-bit samples. Throws HResultError if the encoder or the disk fails.
   virtual void Write(std::span<const std::byte> pcm) = 0;
   // Writes the encoder's remaining output and completes the file. Throws like Write.
   virtual void Finish() = 0;
 };
 
-// Throw CodecError, or HResultError if the file cannot be created. Then no new file remains, and an
-// old one is unchanged.
+// Both throw CodecError, or HResultError if the file cannot be created. No new file then remains,
+// and an old one is unchanged.
 std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
 std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 

@@ -47,7 +47,7 @@ bool OffersMp3(IBaseFilter* filter) {
   return found;
 }
 
-// Visits the encoders that are registered as audio compressors. Returns true if `visit` has
+// Visits the MP3 encoders that are registered as audio compressors. Returns true if `visit` has
 // accepted one.
 bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   ComPtr<ICreateDevEnum> devices;
@@ -109,7 +109,7 @@ void ForEachCapability(IAMStreamConfig* config,
   int count = 0;
   int size = 0;
   if (config == nullptr || FAILED(config->GetNumberOfCapabilities(&count, &size))) return;
-  // Room for the largest structure in use, whatever size the filter reports.
+  // Has room for the largest structure in use, even if the filter reports a smaller size.
   std::vector<BYTE> details(std::max<std::size_t>(
       static_cast<std::size_t>(std::max(size, 0)),
       std::max(sizeof(AUDIO_STREAM_CONFIG_CAPS), sizeof(VIDEO_STREAM_CONFIG_CAPS))));

@@ -9,10 +9,10 @@
 namespace marlinda {
 
 // Calls `visit` with a new filter of each MPEG Layer 3 encoder, in the system's order and then the
-// engine's own, until it returns true.
+// engine's own, until `visit` returns true.
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit);
 
-// Creates the first of them; null if there is none.
+// Creates the first MP3 encoder. Null if there is none.
 ComPtr<IBaseFilter> CreateMp3Encoder();
 
 // True if the wave format tag is MPEG Layer 3.

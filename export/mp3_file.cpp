@@ -17,7 +17,7 @@ namespace {
 
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
-// After the end of the stream an encoder has nothing to wait for.
+// Give up on an encoder that has not delivered its end this long after the end of the stream.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 
@@ -67,7 +67,7 @@ void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   config->SetFormat(&type);
 }
 
-// The sink of the graph. As a file writer it offers IStream, through which an encoder can rewrite
+// The sink of the graph. Like a file writer it offers IStream, through which an encoder can rewrite
 // the start of its output.
 class FilePin final : public InputPin, private IStream {
  public:
@@ -211,7 +211,7 @@ class Mp3File final : public EncodedFile {
     if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
-  // The file's error first: the encoder only passes it on.
+  // Throws the file's error first, because the encoder only passes it on.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);

@@ -98,8 +98,8 @@ class SettingsDialog {
   HWND window_ = nullptr;
 };
 
-// A group of radio buttons, one for each choice. A value without a button checks none and stays
-// until one is clicked.
+// A group of radio buttons, one for each choice. A value without a button checks no button and
+// stays until the user clicks one.
 class RadioDialog : public SettingsDialog {
  protected:
   struct Choice {
@@ -114,7 +114,7 @@ class RadioDialog : public SettingsDialog {
   // when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
-    if (chosen == choices_.end()) return Item(IDOK);  // a new dialog has none checked
+    if (chosen == choices_.end()) return Item(IDOK);  // no button is checked initially
     HWND button = Item(chosen->item);
     // Also makes the button the tab stop of the group.
     CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);

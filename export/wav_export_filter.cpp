@@ -29,12 +29,11 @@ WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
 
 // One export from reader to file, run by the filter's worker.
 //
-// Reader and target belong to the filter until Run begins, then to the worker until it has ended.
+// Reader and target belong to the filter until Run begins, then to the worker until Run ends.
 //
-// Position and cancel flag are reset only at construction: one job serves one export. With a new
-// reader and target after its end, the job continues at its position and writes a valid file
+// Position and cancel flag are reset only at construction: one job serves one export. If the job is
+// started again with a new reader and target, it continues at its position and writes a valid file
 // without the earlier frames.
-// without the frames before that position.
 class WavExportJob : public TaskJob {
  public:
   static constexpr std::int64_t kFramesPerBlock = 65536;
@@ -86,7 +85,7 @@ class WavExportJob : public TaskJob {
       const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
       SAFEARRAY* const silence = block.Prepare(static_cast<std::size_t>(frames) *
                                                static_cast<std::size_t>(format.channels));
-      // Writes what a failing reader left in the block, so that the rest stays in place.
+      // Writes the block even if the reader fails, so that the rest stays in place.
       reader_->ReadAudio(position, silence);
       file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
       position += frames;
@@ -157,8 +156,7 @@ class CWavExportFilter final
     return HandOut(pbHasSettings, true);
   }
   STDMETHODIMP ShowSettingsDlg(BSTR, ULONG nHwndParent) override {
-    // While the dialog is shown, this thread's other messages are served, and one may release the
-    // object last.
+    // The dialog serves this thread's other messages, and one of them may release the object last.
     const ComPtr<IUnknown> alive(OuterUnknown());
     ComCall([&] {
       CWavSettings settings(bits_per_sample_, is_float_);

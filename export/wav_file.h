@@ -1,4 +1,4 @@
-// WavFile: a WAV file during writing.
+// WavFile: a WAV file that is being written.
 #pragma once
 
 #include <windows.h>
@@ -39,7 +39,7 @@ inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept 
 }
 
 // Chunks are padded to a multiple of 4 bytes, and the padding counts in their sizes. Sizes are
-// 32-bit and unchecked: past 4 GiB the fields wrap, and the samples continue at the true end.
+// 32-bit and unchecked: past 4 GiB the fields wrap, but all samples are written.
 //
 // A failed write is not reported: the file is finished as far as possible.
 class WavFile {
@@ -55,7 +55,7 @@ class WavFile {
   // Writes the header. Throws std::bad_alloc.
   void Begin(const WavFormat& format, ManyChannels many_channels) {
     const LittleEndianBytes header = WavHeader(format, many_channels);
-    // On a full disk the header, and so the sizes, may be missing.
+    // If the header cannot be written, the sizes are not filled in.
     if (WriteBytes(header.bytes())) data_start_ = header.bytes().size();
   }
   void Write(std::span<const std::byte> samples) noexcept { WriteBytes(samples); }

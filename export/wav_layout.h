@@ -30,8 +30,7 @@ class FourCC {
 // Collects the bytes of chunks field by field.
 class LittleEndianBytes {
  public:
-  // Appends the low `kBytes` bytes of `value`. Wider and signed values are cut, not clamped: a
-  // field holds the low bits of what it was given.
+  // Appends the low `kBytes` bytes of `value`. Wider and signed values are cut, not clamped.
   template <int kBytes, std::integral Integer>
   LittleEndianBytes& Low(Integer value) {
     for (int i = 0; i < kBytes; ++i) {

@@ -17,8 +17,8 @@ namespace marlinda {
 // A block of n frames has n * BlockAlign() bytes, so that the header's sizes are right at every
 // width. Samples of 8, 16, 24 and 32 bits fit exactly. At other widths the bytes are truncated or
 // padded with zeros. For example, 12 bits convert to 2-byte samples of which a block keeps the
-// first half, and floats with a 16-bit header keep the first half of the raw floats. A negative
-// block align gives no bytes.
+// first half, and floats with a 16-bit header keep the first half of the raw floats. A block align
+// of 0 or less gives no bytes.
 class WavSampleEncoder {
  public:
   explicit WavSampleEncoder(const WavFormat& format) noexcept : format_(format) {}

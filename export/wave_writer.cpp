@@ -28,7 +28,7 @@ enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQue
 // a playback object it records the played sound.
 //
 // Only the thread that drives the chain may call it. Rings of writers are allowed: a call that
-// returns to a writer ends there, so each writes every block once.
+// comes back to a writer ends there, so each writer writes every block once.
 class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CWaveWriter;
@@ -52,7 +52,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
   }
 
   // IAudioWriter. Without an open file all calls succeed and serve only the next writer. An array
-  // without floats reaches the next writer and then fails with E_INVALIDARG.
+  // of other elements than floats reaches the next writer and then fails with E_INVALIDARG.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     const NestedCall call(this, WriterCall::kWriteAudio);
     if (call.Depth() > 1) return S_OK;
