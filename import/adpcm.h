@@ -1,5 +1,5 @@
-// Decodes the two ADPCM codings of wave files. A block begins with whole samples; every other
-// sample takes four bits.
+// Decodes the two ADPCM codings of wave files. A block begins with whole samples; each later sample
+// takes four bits.
 #pragma once
 
 #include <cstddef>

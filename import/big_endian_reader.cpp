@@ -79,7 +79,7 @@ AiffChunks FindChunks(ByteSource& file) {
     if (IdAt(header, 0) == "COMM" && found.common.empty()) {
       found.common = file.ReadUpTo(position, std::min<std::uint64_t>(size, 22));
     } else if (IdAt(header, 0) == "SSND" && found.sound_offset == 0) {
-      // The chunk's offset field aligns the samples and is nearly always 0.
+      // The chunk's offset field aligns the samples and is usually 0.
       const std::vector<std::byte> sound = file.ReadUpTo(position, 8);
       if (sound.size() == 8 && size >= 8) {
         const std::uint64_t skipped = 8 + std::min<std::uint64_t>(BigU32(sound, 0), size - 8);

@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// Both return nothing if the file is of another kind. Compressed samples are refused: the system's
-// filters crash on those of AIFF-C files and play the header of an AU file as sound.
+// Both return nothing if the file is of another kind. Samples that need a decoder are refused: the
+// system's filters crash on such AIFF-C files and play the header of such AU files as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

@@ -113,8 +113,8 @@ std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
 }
 
-// Replaces the estimated length: by the position after a complete run, or, if needed, by more than
-// the position after an error, so that progress stays below 1.
+// Replaces the estimated length. After a complete run it becomes the position. After an error it
+// becomes at least one more than the position, so that progress stays below 1.
 void NoteEnd(bool ended_well, DShowImportJob& job) {
   const __int64 position = job.position;
   if (ended_well && position > 0) {
@@ -205,7 +205,7 @@ class CDShowImport final
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowImport;
 
-  // Below the Ogg Vorbis import, which may read the same files.
+  // Below the Ogg Vorbis import, which wins if both accept a file.
   static constexpr SHORT kMerit = 100;
   static constexpr UINT kNameText = IDS_LOADING;
   static constexpr UINT kFilterTexts[] = {IDS_DSHOW_FILTER};

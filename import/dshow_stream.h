@@ -112,7 +112,7 @@ class AudioSink final : public GraphFilter {
         AM_MEDIA_TYPE* announced = nullptr;
         if (sample->GetMediaType(&announced) == S_OK && announced != nullptr) {
           const MediaType owner(announced);
-          // The host knows the announced format only. A sample of another format ends the stream.
+          // The host knows only the format of the connection, so another format ends the stream.
           if (ParseWaveFormat(AudioType(*announced).bytes()) != sink_.format()) {
             sink_.End();
             return S_FALSE;
@@ -204,7 +204,7 @@ inline KernelHandle MakeEvent(bool manual_reset) {
 
 // Use it on one thread. The graph is built, run and released on a worker thread: it must not live
 // in the host's apartment, and some decoders wait forever for the missing part of a damaged file. A
-// graph that stalls for fifteen seconds is given up: its thread is detached and keeps the module
+// graph that stalls for fifteen seconds is abandoned: its thread is detached and keeps the module
 // loaded.
 //
 // A decoder without a threading model is created on the host's first thread. Therefore Open and the
@@ -248,8 +248,8 @@ class DShowStream {
   // hold more or fewer.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
-  // Stores the next whole frames in `block`. Returns false at the end: after an error in the graph,
-  // if it stalls for fifteen seconds and once `cancelled` is set, the end comes early.
+  // Stores the next whole frames in `block`. Returns false at the end, and earlier after an error
+  // in the graph, after a stall of fifteen seconds, or once `cancelled` is set.
   bool Read(std::vector<std::byte>& block, const std::atomic<bool>& cancelled) {
     if (!job_->run.exchange(true)) SetEvent(job_->ordered.get());
     // Counts waits, so that a suspended process is not mistaken for a stall.

@@ -46,8 +46,8 @@ SHORT MeritOf(IImportFilter* filter) {
 
 }  // namespace
 
-// Only the registry's list counts, so that filters of other modules can join; this module's filters
-// must be listed, too. Every call reads the list again. Invalid entries and classes that cannot be
+// Only the registry's list counts, so that filters of other modules can join. This module's filters
+// must be listed too. Every call reads the list again. Invalid entries and classes that cannot be
 // created are skipped.
 class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
  public:

@@ -12,7 +12,7 @@
 
 namespace marlinda {
 
-// The decoder's callbacks for reading the range. Buffered, because it reads a few bytes at a time.
+// The decoder's callbacks for reading the range. Buffered, because each call reads few bytes.
 struct MpegStream::Reader {
   static mpg123_ssize_t Read(void* stream, void* out, std::size_t bytes) noexcept {
     auto& self = *static_cast<MpegStream*>(stream);
@@ -77,8 +77,8 @@ bool MpegStream::FindFrames() {
   if (!IsLikely()) return false;
   samples_per_sec_ = rate;
   channels_ = static_cast<std::int16_t>(channels);
-  // From here on, every frame is converted to this format, and the search behind damage has no
-  // limit.
+  // From here on, every frame is converted to this format, and the search for the next frame after
+  // damage has no limit.
   mpg123_format_none(handle);
   mpg123_param(handle, MPG123_RESYNC_LIMIT, -1, 0);
   return mpg123_format(handle, rate, channels, MPG123_ENC_SIGNED_16) == MPG123_OK &&

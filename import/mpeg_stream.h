@@ -15,7 +15,7 @@ struct mpg123_handle_struct;
 
 namespace marlinda {
 
-// Omits the encoder's delay and padding if the file gives them. Damaged frames become silence,
+// Omits the encoder's delay and padding if the file states them. Damaged frames become silence,
 // bytes between frames are skipped, and frames of another format are converted to the first
 // frame's.
 class MpegStream {
@@ -28,7 +28,7 @@ class MpegStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Counts by the header of every frame. Call it before the first Read.
+  // Returns the length by all MPEG frame headers, 0 on failure. Call it before the first Read.
   std::int64_t CountFrames();
 
   // Fills `samples`, whose size is a whole number of frames, and returns the number of samples:

@@ -14,7 +14,7 @@ namespace {
 
 constexpr SHORT kBitsPerSample = 16;
 
-// Longer comments are pictures.
+// Longer comments, such as pictures, are ignored.
 constexpr std::size_t kMaxCommentBytes = std::size_t{1} << 20;
 
 // Returns null if the file cannot be opened.
@@ -45,7 +45,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
                                            ICoreTask, IMetaDataReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_COggImport;
-  // Above the DirectShow import, which may read the same files.
+  // Above the DirectShow import, which loses if both accept a file.
   static constexpr SHORT kMerit = 200;
   static constexpr UINT kNameText = IDS_LOADING;
   static constexpr UINT kFilterTexts[] = {IDS_OGG_FILTER};
@@ -83,7 +83,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
     });
   }
   // In a chain that changes its format, counts the frames before the change. Progress counts the
-  // whole chain and so shows that a part is left out.
+  // whole chain, which shows that a part is omitted.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
   }
@@ -111,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // A chain that changes its format is imported whole, so that progress shows the part left out.
+  // A chain that changes its format is imported whole, so that progress shows the omitted part.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
-// Limit for cue points and texts together; the rest is ignored.
+// Limit for all chunks that are read into memory; the rest is ignored.
 constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
 
 constexpr std::size_t kCuePointBytes = 24;
@@ -45,8 +45,8 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
   return true;
 }
 
-// Collects the cue points, their names and regions. Resolved at the end of the file, because "adtl"
-// may precede "cue ".
+// Collects the cue points, their names and regions. Resolve joins them at the end of the file,
+// because "adtl" may precede "cue ".
 class CueSheet {
  public:
   void AddPoints(Bytes body) {
@@ -160,7 +160,7 @@ AcidData ReadAcid(Bytes body) {
           static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
 }
 
-// True if the AVI header list describes sound and decoders may see every sound format.
+// True if the AVI header list describes sound in formats that are all plausible for decoders.
 bool HasSound(Bytes header_list) {
   bool has_sound = false;
   Chunk list;
@@ -180,7 +180,7 @@ bool HasSound(Bytes header_list) {
   return has_sound;
 }
 
-// The format of samples that are decoded to 16 bits. Nothing without channels or a rate.
+// The format of samples that are decoded to 16 bits. Nothing if channels or rate are impossible.
 std::optional<PcmFormat> Decoded(const WaveFields& wave) {
   if (wave.channels == 0 || wave.channels > kMaxFrameBytes / 2 || wave.samples_per_sec == 0 ||
       wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
@@ -266,7 +266,7 @@ class RiffWalk {
       if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
     }
   }
-  // Skips other lists: the pictures and sound of an AVI file form one.
+  // Skips other lists, such as the list of all pictures and sound in an AVI file.
   void TakeList(std::uint64_t there) {
     const std::vector<std::byte> start =
         file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
@@ -290,7 +290,7 @@ class RiffWalk {
     }
     info_.pcm = Samples();
     if (info_.pcm) return;
-    // Decoders have hung on less than one whole block, which holds no sound anyway.
+    // Decoders can hang on less than one whole block, which holds no sound.
     info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
                     !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
   }
@@ -323,8 +323,8 @@ class RiffWalk {
     const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
     const std::uint64_t frames =
         data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
-    // Only the last block may be padded. Ignore an announced number of frames that does not end in
-    // it.
+    // Only the last block may be padded, so an announced number of frames that does not end in it
+    // is ignored.
     const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
     pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
     return pcm;

@@ -1,6 +1,6 @@
-// Reads the chunks of RIFF files (WAVE, and those that AVI shares): format, samples, labels,
-// section markers, metadata and loop data. Input is untrusted: reading always ends, and memory does
-// not grow with the sizes that a file claims.
+// Reads the chunks of WAVE files and some chunks of AVI files: format, samples, labels, section
+// markers, metadata and loop data. Input is untrusted: reading always ends, and memory does not
+// grow with the sizes that a file claims.
 #pragma once
 
 #include "import/byte_source.h"
@@ -15,10 +15,10 @@ namespace marlinda {
 // also work. Sizes beyond the end of the file are cut to it, so a truncated file yields what it
 // holds.
 //
-// Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker, in
-// the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a "labl" names
-// the point. A marker without a name takes that of its "labl"; a label without one that of its
-// "note".
+// Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker;
+// markers keep the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a
+// "labl" names the point. A cue point without a "labl", or with an empty one, takes its name from
+// its "note". A marker without a name takes the name of its cue point.
 //
 // Loop data has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);

@@ -52,8 +52,8 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// True if a Windows Media file describes sound and decoders may see every sound format. The header
-// describes each stream by an object: the kind of stream, other fields, then the wave format.
+// True if a Windows Media file describes sound in formats that are all plausible for decoders. An
+// object of the header describes each stream: its kind, other fields, then the wave format.
 bool HasWindowsMediaSound(ByteSource& file) {
   constexpr std::string_view kStreamProperties{
       "\x91\x07\xDC\xB7\xB7\xA9\xCF\x11\x8E\xE6\x00\xC0\x0C\x20\x53\x65", 16};

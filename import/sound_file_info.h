@@ -48,8 +48,8 @@ struct PcmData {
   }
 };
 
-// At most one of `pcm` and `mpeg` is set. A file with neither that is not refused is decoded by the
-// system's filters.
+// At most one of `pcm` and `mpeg` is set. If neither is set and the file is not refused, the
+// system's filters decode it.
 struct SoundFileInfo {
   std::optional<PcmData> pcm;
   // MPEG audio, for MpegStream.

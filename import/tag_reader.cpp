@@ -24,7 +24,7 @@ TagLib::ByteVector Read(ByteSource& file, std::uint64_t offset, std::uint64_t co
   return {reinterpret_cast<const char*>(bytes.data()), static_cast<unsigned>(bytes.size())};
 }
 
-// Lets TagLib read tags from bytes in memory.
+// A file for TagLib whose bytes are in memory.
 class TagFile final : public TagLib::File {
  public:
   explicit TagFile(TagLib::ByteVectorStream& stream) : File(&stream) {}
@@ -70,7 +70,7 @@ void RemoveGroups(TagLib::ByteVector& tag) {
         is_new ? TagLib::ID3v2::SynchData::toUInt(tag.mid(frame + 4, 4)) : tag.toUInt(frame + 4);
     at += kTagHeaderBytes + size;
     if (at > tag.size() || size < 2 || tag[frame] != 'T' || tag[frame + 9] != grouped) continue;
-    // A zero at the end of a text is ignored.
+    // Moves the group byte to the end of the text as a zero, which is ignored there.
     tag[frame + 9] = tag[frame + kTagHeaderBytes] = 0;
     std::rotate(tag.begin() + frame + kTagHeaderBytes, tag.begin() + frame + kTagHeaderBytes + 1,
                 tag.begin() + static_cast<unsigned>(at));

@@ -40,7 +40,7 @@ struct VorbisStream::Decoder {
   const vorbis_comment* comments = nullptr;
   // Bytes that the library may still read.
   std::int64_t allowance = std::numeric_limits<std::int64_t>::max();
-  // False during a call that may run out of memory, and after one that did.
+  // False during a call that may run out of memory, and after a call that ran out of it.
   bool whole = true;
 
   explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
@@ -83,8 +83,8 @@ struct VorbisStream::Decoder {
     callbacks.seek_func = [](void* source, ogg_int64_t offset, int origin) {
       return SeekFile(static_cast<Decoder*>(source)->input.get(), offset, origin);
     };
-    // In a library without the project's patch the result is a long. A 32-bit long fails for larger
-    // files.
+    // In a library without the project's patch the position is a long. A 32-bit long fails for
+    // larger files.
     callbacks.tell_func = [](void* source) {
       using Position = decltype(ov_callbacks().tell_func(nullptr));
       const std::int64_t position = TellFile(static_cast<Decoder*>(source)->input.get());
@@ -181,14 +181,14 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   if (ended_ || buffer.empty()) return 0;
   ended_ = true;
   std::size_t samples = workers_ != nullptr ? ReadFromWorkers(buffer) : 0;
-  // The workers have ended if the library takes over.
+  // The library decodes if there are no workers or they have ended.
   if (samples == 0 && workers_ == nullptr) samples = ReadFromLibrary(buffer);
   ended_ = samples == 0;
   left_ -= static_cast<std::int64_t>(samples / channels);
   return samples;
 }
 
-// Returns 0 after the workers' last block. If the library takes over, `workers_` is then null.
+// Returns 0 after the workers' last block, and resets `workers_` if the library can continue.
 std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   if (decoder_->whole) {
     try {

@@ -53,8 +53,8 @@ class VorbisWorkers {
  public:
   static constexpr unsigned kMaxThreads = 8;
 
-  // True if the library's reader has decoded the first page, whose begin is trimmed, and its
-  // samples have been read.
+  // True if the library's reader has decoded the first page, whose first samples are trimmed, and
+  // all its samples have been read.
   static bool CanStart(OggVorbis_File& file) noexcept {
     return file.vd.granulepos >= 0 && file.vd.granulepos < kMaxPosition &&
            file.vb.opb.storage <= kMaxPacketBytes &&
@@ -97,8 +97,8 @@ class VorbisWorkers {
     }
   }
 
-  // Takes packets until all groups are full or the workers' part ends. Calls the library's reader,
-  // which std::bad_alloc leaves inconsistent.
+  // Takes packets until all groups are full or the workers' part ends. Calls the library's reader.
+  // If it throws std::bad_alloc, the reader is inconsistent.
   void Fill() {
     while (!ended_ && filled_ - read_ < groups_.size()) {
       Group& group = At(filled_);
@@ -251,7 +251,7 @@ class VorbisWorkers {
         ogg_stream_pagein(&file_.os, &page);
         return true;
       } else if (ogg_page_bos(&page) != 0) {
-        // Let the library find it again.
+        // Leaves the page for the library to find.
         file_.oy.returned -= static_cast<int>(size);
         return false;
       } else {
