@@ -62,7 +62,7 @@ Console::Console() : old_code_page_(GetConsoleOutputCP()) {
 }
 
 Console::~Console() {
-  // The handler stays installed, so that a late Ctrl+C does not replace the exit status.
+  // The handler stays and now ignores Ctrl+C, so that a late one does not replace the exit status.
   ++finishing_count;
   if (old_code_page_ != 0) SetConsoleOutputCP(old_code_page_);
 }

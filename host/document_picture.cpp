@@ -25,7 +25,7 @@ namespace marlinda {
 namespace {
 
 constexpr int kHeight = 320;
-constexpr int kRoom = 32;  // for each of many lanes, above the minimum
+constexpr int kRoom = 32;  // added to the minimum height of each lane
 
 constexpr int kMinSide = 32;
 constexpr int kMaxSide = 16384;

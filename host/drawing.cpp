@@ -39,7 +39,7 @@ RasterVertex ToVertex(const Outline::Step& step) {
           0};
 }
 
-// One decimal more than a screen shows, without trailing zeros.
+// Returns the number with two decimals at most, without trailing zeros.
 std::string Coordinate(double value) {
   char text[32];
   std::snprintf(text, sizeof text, "%.7g", std::round(value * 100) / 100);
@@ -97,7 +97,7 @@ std::vector<std::uint8_t> Drawing::Pixels() const {
   std::vector<unsigned char> coverage;
   std::vector<RasterVertex> vertices;
   for (const auto& [outline, colour, opacity, offset] : shapes_) {
-    // The pixels that the shape may touch, including its curves' control points.
+    // The rectangle of pixels that the shape may touch. It encloses the curves' control points.
     double left = width_;
     double top = height_;
     double right = 0;

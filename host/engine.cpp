@@ -33,7 +33,7 @@ bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double d
     VARIANT_BOOL running = VARIANT_FALSE;
     Check(task->QueryIsTaskRunning(&running));
     float progress = 0.0F;
-    // Before the check for the end: a short task can run and end between two polls.
+    // Show the progress even if the task has ended: a short task can end before the first poll.
     if (SUCCEEDED(task->GetProgress(&progress))) bar.Show(done + share * progress);
     if (running == VARIANT_FALSE) return true;
     if (console.Interrupted()) {
@@ -152,7 +152,7 @@ ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
 }
 
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio) {
-  // A document has no peaks itself, but its segments have.
+  // Insert a document's segments, because they have peaks and the document itself has none.
   if (const auto other = TryQuery<IEditedAudio>(audio.reader.Get())) {
     Check(document->Insert(0, other.Get()));
   } else {
@@ -404,7 +404,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   const auto [none, format, frames] = Expected().value();
   const __int64 length = part.end - part.begin;
   if (length < frames) Select(part);
-  // The reader below needs the format now; the filter sets the same one again.
+  // The reader below needs the format now; the filter sets the same format again.
   Check(Query<IAudioWriter>(pool_.Get())->SetFormat(format.rate, format.channels));
   const auto take = CreateObject<IAudioPoolReader>(CLSID_CAudioPoolReader, "CAudioPoolReader");
   const __int64 bytes = length * format.channels * static_cast<__int64>(sizeof(float));
@@ -413,11 +413,11 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   Check(task->Start());
   const auto wait_and_read = [task](IAudioReader* reader, __int64 position, SAFEARRAY* array) {
     for (;;) {
-      // Before the read, so that a read after the import sees all its frames.
+      // Ask before the read, so that a read after the import finds all its frames.
       VARIANT_BOOL running = VARIANT_FALSE;
       task->QueryIsTaskRunning(&running);
       if (running == VARIANT_FALSE) {
-        // Fill with silence: after an error, playing would drop queued audio.
+        // Return silence after the import's end: an error would make playback drop queued audio.
         std::ranges::fill(SamplesOf(array), 0.0F);
       }
       const HRESULT hr = reader->ReadAudio(position, array);
@@ -462,7 +462,7 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // At the end, because the length of a compressed file may be an estimate until then.
+  // Ask after the import, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = Frames();
   const auto task = TryQuery<ICoreTask>(filter_.Get());
   if (promised && audio.frames < *promised) {
@@ -506,7 +506,7 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
   Check(reader->GetSampleCount(&frames));
   RequireRoom(frames, format, bits);
 
-  // Before an existing file is truncated.
+  // Check this before an existing file is truncated.
   if (console.Interrupted()) throw NothingWritten(file_);
 
   const Console::Finishing finishing;
@@ -560,7 +560,7 @@ void FileExport::HandOver() {
 
 std::optional<WaveFileFacts> FileExport::Examine() const {
   if (!is_wave_) {
-    // The filter removes an incomplete file.
+    // The filter has removed an incomplete file.
     std::error_code error;
     const auto bytes = std::filesystem::file_size(PathOf(file_), error);
     if (error) return std::nullopt;

@@ -126,10 +126,10 @@ using SampleFunction =
 
 // Creates a pool that stores floats. Throws if its files cannot be created.
 ComPtr<IAudioPool> NewPool();
-// Returns the latest take of the pool; no frames if there is none.
+// Returns the latest take of the pool, or audio without frames if there is none.
 ImportedAudio LastTake(IAudioPool* pool);
 
-// An input file, its import filter and, without another target, the pool that receives the audio.
+// An input file, its import filter and, if no target is given, the pool that receives the audio.
 class Source {
  public:
   // Chooses the filter: the filter manager's, otherwise a built-in one. If `target` is given, the
@@ -149,7 +149,7 @@ class Source {
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
   std::optional<AcidData> ReadAcidData() const;
 
-  // Decodes the whole file. Reports on standard error if it holds less than it announces.
+  // Decodes the whole file. Reports on standard error if the file holds less than it announces.
   ImportedAudio Import(const Console& console);
 
   // Decodes the file into `take`, on another thread, without a pool. Returns the result of Import
@@ -161,16 +161,16 @@ class Source {
   void Initialize(IAudioWriter* target);
   void InitializeForPool();
 
-  // Returns the result of Import without its reader, or nothing unless the filter knows the exact
-  // length and can import any part of the file. The members below require a result.
+  // Returns the result of Import without its reader if the filter knows the exact length and can
+  // import any part of the file, otherwise nothing. The members below require a result.
   std::optional<ImportedAudio> Expected() const;
   // Decodes the parts; other frames are silent. Samples and peaks of the parts are the same as
   // after Import. If the file holds less than it announces, decodes all of it.
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console);
-  // Starts to decode a part and returns audio that is silent elsewhere. Its reader waits for frames
-  // that are not decoded yet.
+  // Starts to decode a part and returns audio that is silent elsewhere. The reader of the audio
+  // waits for frames that are not decoded yet.
   ImportedAudio StartImport(const FrameRange& part);
-  // Returns the frames that the started import has read once it has ended, until then nothing.
+  // Returns nothing while the started import runs, then the number of frames that it has read.
   // Reports and throws as Import does.
   std::optional<__int64> PollImport(const Console& console) const;
 
@@ -197,8 +197,8 @@ struct FileTexts {
 // An output file: WAV or, by its extension, MP3 or WMA, which hold tags but no labels or markers.
 class FileExport {
  public:
-  // Checks before a long import. Throws for an unsupported extension, a missing folder, or a file
-  // that is also an input.
+  // Create it before a long import. Throws for an unsupported extension, a missing folder, or a
+  // file that is also an input.
   FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
   // Call it before Run.

@@ -9,7 +9,7 @@
 
 namespace marlinda {
 
-// In the form that a registry editor shows.
+// The key of the list, as a registry editor shows it.
 extern const char* const kFilterListKey;
 
 struct ListedFilter {
@@ -30,7 +30,7 @@ struct FilterList {
 // Returns an empty list if the key is missing. Throws a HostError.
 FilterList ReadFilterList();
 
-// Both throw a HostError. Removing a missing value succeeds.
+// Write or remove one value of the list. Throw a HostError. Removing a missing value succeeds.
 void WriteListedFilter(const std::string& value_name, REFCLSID class_id);
 void RemoveListedFilter(const std::string& value_name);
 

@@ -124,14 +124,14 @@ inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
   return writer;
 }
 
-// For exports at 24 and 32 bits. The engine scales these samples by 2^31, where +1.0 does not fit
-// and becomes the lowest code. Therefore samples of 1.0 and above become the greatest float below
-// 1.0.
+// For exports at 24 and 32 bits. The engine scales these samples by 2^31, so that +1.0 would become
+// the lowest code. The returned reader replaces samples of 1.0 and above by the greatest float
+// below 1.0.
 inline ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
   return ReadWith(source, [](IAudioReader* clamped, __int64 position, SAFEARRAY* array) {
     constexpr float kLargestSample = 0x1.fffffep-1F;
     const HRESULT hr = clamped->ReadAudio(position, array);
-    // The source has refused every array but one of floats.
+    // A successful read proves that this is an array of floats.
     if (SUCCEEDED(hr)) {
       for (float& sample : SamplesOf(array)) sample = std::min(sample, kLargestSample);
     }

@@ -32,11 +32,11 @@ class JoinedSource {
     for (const std::string& file : files) sources_.emplace_back(file);
   }
 
-  // Its texts are used for the whole.
+  // The first file, whose tags and bits per sample apply to the whole.
   const Source& first() const { return sources_.front(); }
 
-  // Returns the result of Import without its reader, or nothing if the exact length of a file is
-  // unknown.
+  // Returns the result of Import without its reader, or nothing if Source::Expected returns nothing
+  // for a file.
   std::optional<ImportedAudio> Expected(std::optional<int> rate,
                                         std::optional<int> channels) const {
     std::optional<ImportedAudio> whole;
@@ -76,7 +76,7 @@ class JoinedSource {
     whole.reader = Query<IAudioReader>(document.Get());
     return whole;
   }
-  // Labels and markers of the whole. Valid after Import.
+  // Labels and markers of the whole. Valid after Import or ImportParts.
   const Annotations& annotations() const { return annotations_; }
 
  private:

@@ -18,7 +18,7 @@ constexpr const char* kExitStatuses =
     "Exit status: 0 success, 1 failure, 2 usage, 3 input, 4 output or disk, 6 registration,\n"
     "7 sound device, 130 interrupted.";
 
-// Shows only the name and form of each option; the parser's types and limits read like code.
+// Shows only the name and form of each option. The parser would add types and limits.
 class PlainHelp final : public CLI::Formatter {
  public:
   std::string make_option_opts(const CLI::Option* option) const override {
@@ -26,7 +26,7 @@ class PlainHelp final : public CLI::Formatter {
   }
 };
 
-// Makes repeating a flag a usage error; the parser would accept it.
+// Makes a repeated flag a usage error; the parser would accept it.
 void RefuseFlagsTwice(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* option : command->get_options()) {
@@ -87,7 +87,7 @@ int Run(Console& console) {
   }
   RequireCommand(app, arguments);
   try {
-    // The parser expects them in reverse.
+    // The parser expects the arguments in reverse.
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0) throw WrongLine(app, arguments, error.what());

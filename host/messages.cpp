@@ -9,7 +9,7 @@ namespace {
 
 struct Meaning {
   std::uint32_t hresult;
-  std::optional<ExitStatus> status;  // none: the caller decides
+  std::optional<ExitStatus> status;  // if empty, the caller chooses
   const char* reason;
   const char* remedy;
 };

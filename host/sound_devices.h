@@ -17,14 +17,14 @@ struct SoundDevice {
   int channels = 0;
 };
 
-// Ordered by index, from 0.
+// Return the devices in the order of their indexes, from 0.
 std::vector<SoundDevice> OutputDevices();
 std::vector<SoundDevice> InputDevices();
 
 // An output or input device: an index or, without one, the system's default.
 class DeviceChoice {
  public:
-  // Both throw a HostError if the device does not exist, or there is none.
+  // Throw a HostError if the device of `index` does not exist, or if there is no device.
   static DeviceChoice OfOutputs(std::optional<int> index);
   static DeviceChoice OfInputs(std::optional<int> index);
 
@@ -40,16 +40,16 @@ class DeviceChoice {
   std::string description_;
 };
 
-// Returns the bits per sample to use: 32 (float) if the device opens with it, otherwise 16. Opens
+// Returns the bits per sample to use: 32 (float) if the device opens with them, otherwise 16. Opens
 // and closes the device to find out, because a playing document does not report a device that fails
-// to open. Throws a HostError if it opens with neither.
+// to open. Throws a HostError if the device opens with neither.
 SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format);
 
 // Opens the device for recording, with the bits chosen in the same way. Returns the open grabber.
 // Throws a HostError.
 ComPtr<IAudioReader> OpenGrabber(const DeviceChoice& device, const AudioFormat& format);
 
-// The error of a device that stalled while in use.
+// The error of a device that was lost while in use. `what` states the effect.
 HostError DeviceLost(const DeviceChoice& device, const std::string& what);
 
 }  // namespace marlinda

@@ -1,5 +1,5 @@
-// Parses times that a user writes: seconds such as 1.5, times such as 1:02:03.5, or frames such as
-// 44100f.
+// Parses the times of a command line: seconds such as 1.5, times such as 1:02:03.5, or frames such
+// as 44100f.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ class Timecode {
   bool is_frames_ = false;
 };
 
-// A range. A missing end means the start or end of the audio.
+// A range of time. A side without a value means the start or the end of the audio.
 struct TimeRange {
   std::optional<Timecode> begin;
   std::optional<Timecode> end;

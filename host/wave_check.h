@@ -1,5 +1,5 @@
-// Checks a WAV file that the engine wrote. The export does not report failed writes, so only the
-// file shows that a disk was full.
+// Checks a WAV file that the engine wrote. The export does not report failed writes, so a full disk
+// shows only in the file.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@ struct WaveFileFacts {
   int block_align = 0;          // bytes per frame; 0 for a compressed file
 };
 
-// Returns the file's facts, or nothing unless its chunks, with a format and a data chunk among
-// them, fill it exactly.
+// Returns the file's facts if its chunks fill it exactly and include a format and a data chunk,
+// otherwise nothing.
 std::optional<WaveFileFacts> ExamineWaveFile(std::istream& file);
 
 // True if the data chunk holds `frames` frames and nothing else but padding to four bytes.

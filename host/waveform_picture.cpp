@@ -98,7 +98,7 @@ class Canvas {
  private:
   struct Line {
     double x;
-    int row;  // of its top: its name's row, or below all names without one
+    int row;  // in which the line begins: the row of its name or, without one, the end of the rows
     Colour colour;
   };
   struct Name {
@@ -221,13 +221,13 @@ class Canvas {
       const float minimum = waveform_.pairs[2 * at];
       const float maximum = waveform_.pairs[2 * at + 1];
       const double x = static_cast<double>(column);
-      // A column without samples, at the begin or end of a sequence of peaks.
+      // A column without samples ends the band.
       if (!(minimum <= maximum)) {
         wave.End();
         body.End();
         continue;
       }
-      // Half a pixel beyond the extremes, so that silence is visible.
+      // The band extends half a pixel beyond the extremes, so that silence is visible.
       wave.Add(x, y_of(maximum) - 0.5, y_of(minimum) + 0.5);
       if (maximum >= kClipLevel || minimum <= -kClipLevel) {
         clipped.AddPolygon({{x, top}, {x + 1, top}, {x + 1, top + 4}, {x, top + 4}});
@@ -325,7 +325,7 @@ double TickStep(double seconds, int width, int least_pixels, double whole) {
 std::string TickText(double seconds, double step) {
   const auto needed = static_cast<int>(std::ceil(-std::log10(step) - 1e-6));
   const int decimals = std::clamp(needed, 0, 6);
-  // Rounded to the decimals shown, so that 59.9999 does not become "0:60".
+  // Round to the decimals shown before splitting, so that 59.9999 does not become "60".
   const double scale = std::pow(10.0, decimals);
   const auto units = static_cast<long long>(std::llround(seconds * scale));
   const auto whole = units / static_cast<long long>(scale);

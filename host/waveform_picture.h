@@ -22,7 +22,7 @@ struct Waveform {
   std::span<const float> pairs;
   // One root mean square for each channel of each column; may be empty.
   std::span<const float> rms;
-  // The interleaved frames if they are fewer than the columns; drawn instead of the pairs.
+  // The interleaved frames, drawn instead of the pairs; empty if there are too many to draw singly.
   std::span<const float> samples;
   int channels = 0;
   // The frames that the columns show; `end` is exclusive.
@@ -55,9 +55,9 @@ int LeastHeight(int channels);
 Drawing DrawWaveform(const Waveform& waveform, const PictureStyle& style, int width, int height,
                      const ShapeText& shape);
 
-// Returns the smallest usual step between two ticks that keeps them `least_pixels` apart and
-// divides `whole`, if given. Usual steps are 1, 2 and 5 times a power of ten below a second, and
-// round seconds, minutes and hours above.
+// Returns the smallest usual step that puts ticks at least `least_pixels` apart and, if `whole` is
+// given, divides it. Usual steps are 1, 2 and 5 times a power of ten below a second, and round
+// seconds, minutes and hours above.
 double TickStep(double seconds, int width, int least_pixels, double whole = 0);
 
 // Returns a time for the axis, with the decimals that the step needs: "0.25", "12", "3:05",

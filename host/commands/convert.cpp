@@ -17,13 +17,13 @@ struct ConvertOptions {
   std::string input;
   std::string output;
   std::optional<int> bits;
-  // The input's unless given.
+  // If empty, the output has the input's value.
   std::optional<int> rate;
   std::optional<int> channels;
   bool json = false;
 };
 
-// Disconnects the connector on destruction: it and the filters refer to each other.
+// Disconnects the connector on destruction: connector and filters hold references to each other.
 class Connector {
  public:
   Connector() = default;

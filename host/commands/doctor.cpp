@@ -47,7 +47,7 @@ std::string ModuleOf(IUnknown* object) {
   return PathOf(module);
 }
 
-// Returns 64 or 32 by the file's header; 0 if it is no module for this machine.
+// Returns the bitness that the file's header states, 64 or 32; 0 for any other file.
 int BitsOf(const std::string& file) {
   std::ifstream stream(std::filesystem::path(Widen(file)), std::ios::binary);
   IMAGE_DOS_HEADER dos = {};
@@ -63,7 +63,7 @@ int BitsOf(const std::string& file) {
   return nt.header.Machine == IMAGE_FILE_MACHINE_I386 ? 32 : 0;
 }
 
-// Empty if it cannot be read.
+// Returns the version of the file, or an empty text if it has none.
 std::string VersionOf(const std::string& file) {
   const std::wstring path = Widen(file);
   DWORD unused = 0;
@@ -84,7 +84,7 @@ std::filesystem::path FolderOf(const std::string& file) {
   return std::filesystem::path(Widen(file)).parent_path();
 }
 
-// Returns the registry's entries for programs of that bitness.
+// Returns the registry's entries for programs of `bits` bits.
 Registrations InRegistry(REFCLSID class_id, int bits) {
   Registrations found;
   const std::wstring path =
@@ -234,7 +234,7 @@ class Doctor {
     return engine + " (" + registration.kind + ": " + registration.module + ")";
   }
 
-  // Returns false and adds a problem if programs of that bitness cannot load the module.
+  // Returns false and adds a problem if programs of `wanted_bits` bits cannot load the module.
   bool CheckFile(const std::string& engine, const Registration& registration, int wanted_bits) {
     const std::filesystem::path file(Widen(registration.module));
     const int bits = BitsOf(registration.module);
@@ -286,7 +286,7 @@ class Doctor {
     Line("registered", ToText(registrations_, "nowhere"));
   }
 
-  // A package keeps its programs in x64 and x86; a build or a host keeps them beside their modules.
+  // Returns the module in the program's folder or, in a package, in x64 or x86; empty if missing.
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
@@ -296,15 +296,15 @@ class Doctor {
     return "";
   }
 
-  // The other bitness only matters to other programs, so only a broken registration is a problem.
+  // A missing module of the other bitness is no problem, because only other programs need it.
   void ExamineEngines() {
     report_["engines"] = Json::array();
     for (const int bits : {64, 32}) {
       const std::string file = FindBeside(bits);
       Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
       if (bits != kOwnBits) {
-        // Some systems share one view of the registry; the entry then belongs to this program's
-        // bitness.
+        // Some systems show both bitnesses the same entries. Such an entry belongs to this
+        // program's bitness.
         std::erase_if(registrations, [&](const Registration& registration) {
           return std::ranges::count(registrations_, registration) != 0;
         });
@@ -478,7 +478,7 @@ class Doctor {
   Json report_;
   std::string text_;
   std::vector<HostError> problems_;
-  std::vector<HostError> notes_;  // may be intended
+  std::vector<HostError> notes_;  // unusual states that may be intended
   std::string program_;
   std::string module_;  // empty if it cannot be loaded
   Registrations registrations_;

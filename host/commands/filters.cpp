@@ -1,5 +1,5 @@
-// "marlinda filters": lists the import filters that the engine uses, and the built-in ones it does
-// not.
+// "marlinda filters": lists the import filters of the registry list, then the built-in filters that
+// are not in it.
 #include <algorithm>
 
 #include "host/commands/commands.h"

@@ -17,7 +17,7 @@ struct InstallOptions {
   bool json = false;
 };
 
-// These return the filter's new state.
+// Install and Remove return the filter's new state.
 const char* Install(const BuiltInFilter& filter, const FilterList& list) {
   if (list.Holds(*filter.class_id)) return "listed already";
   WriteListedFilter(filter.class_name, *filter.class_id);

@@ -15,7 +15,7 @@ constexpr const char* kJoinHelp =
 struct JoinOptions {
   std::vector<std::string> files;
   std::optional<int> bits;
-  // The first file's unless given.
+  // If empty, the output has the first file's value.
   std::optional<int> rate;
   std::optional<int> channels;
   bool json = false;

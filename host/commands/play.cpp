@@ -21,7 +21,7 @@ constexpr const char* kPlayHelp =
 
 struct PlayOptions {
   std::string input;
-  std::string from;  // either may be empty
+  std::string from;  // `from` and `to` may be empty
   std::string to;
   std::string channels;  // all when empty
   std::optional<int> device;
@@ -48,7 +48,7 @@ class Player {
   Player& operator=(const Player&) = delete;
 
   // Waits until playing ends and returns its end position. Throws if interrupted or if the device
-  // stops early. `importing`: the section is still being imported.
+  // stops early. `importing` is true if the section is still being imported.
   std::int64_t Watch(const Source& source, bool importing, const DeviceChoice& device,
                      const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
@@ -80,7 +80,7 @@ class Player {
           static_cast<double>(position - section_.range.begin) / static_cast<double>(Length()));
       console.Wait(kPollMilliseconds);
     }
-    // Playing a short section can end between two polls.
+    // Playing can end between two polls, so poll until the import has ended, too.
     for (note_import(); importing; note_import()) console.Wait(kPollMilliseconds);
     // If playing took less time than the audio lasts, the device did not play all of it.
     constexpr double kSlackSeconds = 0.5;

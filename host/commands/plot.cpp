@@ -15,7 +15,7 @@ constexpr const char* kPlotHelp =
 struct PlotOptions {
   std::string input;
   PictureRequest picture;
-  std::string from;  // either may be empty
+  std::string from;  // `from` and `to` may be empty
   std::string to;
   std::string colour;
   bool json = false;

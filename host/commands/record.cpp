@@ -115,14 +115,14 @@ bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   }
 }
 
-// Why a recording ended early, or nothing.
+// The reason why a recording ended early, or nothing if it did not.
 using Shortfall = std::optional<HostError>;
 
 Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioFormat& format,
                  std::int64_t frames, const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
-  // A stalled device may continue. It is lost if it cannot be opened a second time; try that after
-  // this many polls without a frame.
+  // A stalled device may continue, but a lost one cannot be opened a second time. Tries to open the
+  // device after this many polls without a frame.
   constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");
@@ -194,7 +194,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
                     std::string(shortfall ? shortfall->what() : "the device delivered no audio") +
                         "; nothing was recorded");
   }
-  // Ctrl+C until now ended the recording; from here on it interrupts the writing.
+  // A Ctrl+C before this call ended the recording; a later one interrupts the writing.
   console.ForgetInterrupt();
   const WaveFileFacts facts = Save(take.Get(), options, width, console);
   if (shortfall) {

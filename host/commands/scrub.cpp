@@ -20,7 +20,7 @@ constexpr const char* kScrubHelp =
 
 struct ScrubOptions {
   std::string input;
-  std::string at;            // comma-separated positions; if empty, the keys move
+  std::string at;            // comma-separated; if empty, keys set the position
   std::string hold = "0.5";  // time at each position
   std::optional<int> device;
   bool json = false;
@@ -99,8 +99,8 @@ class Scrubber {
     if (!DeviceIsOpen()) throw DeviceLost(device_, "it stopped playing at " + place);
   }
 
-  // The engine closes a lost device. A document shows this only by GetOutputLevel: for a channel
-  // that the audio lacks, it fails while the device is open.
+  // The engine closes a lost device. A document shows this only in GetOutputLevel: for a channel
+  // that the audio lacks, the call fails while the device is open and succeeds while it is closed.
   bool DeviceIsOpen() const {
     float level = 0;
     return FAILED(document_->GetOutputLevel(audio_.format.channels, &level));

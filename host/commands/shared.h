@@ -45,7 +45,7 @@ void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);
 void AddDevice(CLI::App* command, std::optional<int>& device);
 
-// `standard` describes the default value.
+// `standard` describes the default value in the help text.
 template <class Number>
 void AddBits(CLI::App* command, Number& bits, const std::string& standard) {
   command->add_option("--bits", bits, "Bits per sample of the output (" + standard + ")")
@@ -64,11 +64,11 @@ void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::str
 }
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
-// Returns `asked`; if not given, 24 or 32 for such a source, otherwise 16.
+// Returns `asked`. Without it, returns the source's bits if they are 24 or 32, otherwise 16.
 int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,
                const FileExport& wave);
 
-// Keeps the order of the keys.
+// Prints the keys in the order in which they were added.
 using Json = nlohmann::ordered_json;
 
 // Returns the report as text, with the schema version added.
