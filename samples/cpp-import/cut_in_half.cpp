@@ -29,7 +29,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   document->AppendSegment(take, 0, frames);
   document->Delete(frames / 2, frames);
 
-  // A minimum and a maximum for each column and channel: floats, although declared as short.
+  // Holds a minimum and a maximum for each column and channel: floats, although declared as short.
   const ULONG columns = 64;
   SAFEARRAY* plot = SafeArrayCreateVector(VT_R4, 0, columns * 2 * channels);
   if (plot == nullptr) _com_raise_error(E_OUTOFMEMORY);

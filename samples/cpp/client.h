@@ -2,7 +2,7 @@
 #pragma once
 
 #include <windows.h>
-// After windows.h.
+// These need windows.h first.
 #include <marlinda.h>
 #include <wrl/client.h>
 

@@ -2,7 +2,7 @@
 // as WAV:
 //   first_steps IN.ogg OUT.wav
 #include "client.h"
-// After windows.h.
+// It needs windows.h first.
 #include <shellapi.h>
 
 // Imports and exports run on threads of their own.
@@ -35,7 +35,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   Check(document->AppendSegment(take.Get(), 0, frames), "AppendSegment");
   Check(document->Delete(frames / 2, frames), "Delete");
 
-  // A minimum and a maximum for each column and channel: floats, although declared as short.
+  // Holds a minimum and a maximum for each column and channel: floats, although declared as short.
   constexpr ULONG kColumns = 64;
   const Floats peaks(kColumns * 2 * static_cast<ULONG>(channels));
   Check(document->ReadWaveplot(0, frames / 2, peaks), "ReadWaveplot");

@@ -1,7 +1,7 @@
 // The code of docs/recipes.md as one program. Each recipe must equal the code there word for word.
 //   recipes IN OUT_FOLDER
 #include "client.h"
-// After windows.h.
+// These need windows.h first.
 #include <ocidl.h>
 #include <shellapi.h>
 
@@ -28,7 +28,7 @@ void WaitFor(ICoreTask* task, Show show) {
 static void ShowPercent(float done) { std::printf("\r%3.0f %%", 100.0 * done); }
 
 // Recipe: import
-// Returns the take of the file; null if no filter reads it or nothing could be decoded.
+// Returns the file's take; null if no filter reads the file or nothing could be decoded.
 ComPtr<IAudioReader> Import(const Text& file) {
   // For a missing file the manager returns no filter and no reason, so check first.
   if (GetFileAttributesW(file) == INVALID_FILE_ATTRIBUTES) {
@@ -116,7 +116,7 @@ std::vector<Column> Waveform(IEditedAudio* document, __int64 begin, __int64 end,
 // End
 
 // Recipe: play a loop
-// Plays the section repeatedly until `ends` returns true. False if the device cannot be used.
+// Repeats the section until `ends` returns true. Returns false if the device cannot be used.
 template <class Ends>
 bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
   constexpr ULONG kAllChannels = 0xFFFFFFFF;
@@ -137,7 +137,7 @@ bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
 // End
 
 // Recipe: record
-// Records into a pool. Null if there is no microphone.
+// Records into a pool. Returns null if there is no microphone.
 ComPtr<IAudioReader> Record(double seconds) {
   constexpr LONG kRate = 44100;
   constexpr SHORT kChannels = 1;
@@ -219,7 +219,7 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
   const HRESULT started = task->Start();
   if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that it runs
   WaitFor(task.Get(), ShowPercent);
-  // Connector and filter hold references to each other until this.
+  // A host that stops waiting earlier must cancel: connector and filter refer to each other.
   task->Cancel();
 }
 // End

@@ -2,8 +2,8 @@
 //   csc CutInHalf.cs
 //   CutInHalf IN.ogg OUT.wav
 // Needs the registered engine in the program's bitness. Interfaces declare their methods in the
-// order of the type library and may omit those after the last used one; "tlbimp Tessaly.dll" would
-// generate all.
+// order of the type library and may omit the methods after the last used one. "tlbimp Tessaly.dll"
+// would generate all interfaces.
 using System;
 using System.Runtime.InteropServices;
 using System.Threading;
@@ -30,7 +30,7 @@ interface IAudioPool
     void Unlock();
     void GetFileHandles(out long pnHandleAudio, out long pnHandlePeak);
     void GetFormat(out int pnSamplesPerSec, out short pnChannels);
-    // Null if the pool has no take.
+    // Returns null if the pool has no take.
     IAudioReader CreateLastReader();
 }
 
@@ -76,7 +76,7 @@ interface IEditedAudio
     void Clear();
     void InsertSegment(long nPosition, IAudioReader parSource, long nBegin, long nEnd);
     void AppendSegment(IAudioReader parSource, long nBegin, long nEnd);
-    // The reader is borrowed. As an object it would be released, so it is an IntPtr.
+    // The caller does not own the reader. It is an IntPtr, because C# would release an object.
     int GetFirstSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     int GetNextSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     void Delete(long nBegin, long nEnd);
@@ -124,7 +124,7 @@ static class Program
         document.AppendSegment(take, 0, frames);
         document.Delete(frames / 2, frames);
 
-        // A minimum and a maximum for each column and channel.
+        // Holds a minimum and a maximum for each column and channel.
         const int Columns = 64;
         var peaks = new float[Columns * 2 * channels];
         document.ReadWaveplot(0, frames / 2, peaks);

@@ -1,7 +1,7 @@
 // An import filter in a separate module: decodes FLAC files with libFLAC. docs/adding-a-filter.md
 // explains it. "regsvr32 FlacImport.dll" registers it and adds it to the filter list.
 #include <windows.h>
-// After windows.h.
+// These need windows.h first.
 #include <FLAC/stream_decoder.h>
 #include <marlinda.h>
 #include <olectl.h>
@@ -29,7 +29,7 @@ constexpr wchar_t kListedAs[] = L"CFlacImport";
 constexpr GUID kTypeLibrary = {
     0xF70A5B7A, 0x7291, 0x4204, {0x93, 0xE6, 0xE7, 0x5F, 0xDA, 0xEF, 0x39, 0xFC}};
 
-// Of several filters that accept a file, the highest merit wins. Built-in filters have 100 and 200.
+// If several filters accept a file, the highest merit wins. Built-in filters have 100 and 200.
 constexpr SHORT kMerit = 150;
 constexpr ULONG kFramesInBlock = 16384;
 // The smallest frame of a file (header and two checksums), and the most samples in a frame.
@@ -37,7 +37,7 @@ constexpr __int64 kLeastBytesOfFrame = 8;
 constexpr __int64 kMaxBlock = 65535;
 
 HINSTANCE g_module = nullptr;
-// Objects and running workers. While there are any, the module must stay loaded.
+// The number of objects and running workers. The module must stay loaded until it is 0.
 std::atomic<long> g_in_use = 0;
 
 struct Description {
@@ -91,8 +91,8 @@ class Decoder {
     if (decoder_ != nullptr) FLAC__stream_decoder_delete(decoder_);  // closes the file
   }
 
-  // Reads the description. S_FALSE if the file cannot be opened, E_FAIL if it is not a supported
-  // FLAC file.
+  // Reads the description. Returns S_FALSE if the file cannot be opened, and E_FAIL if it is not a
+  // supported FLAC file.
   HRESULT Open(const wchar_t* name) {
     if (decoder_ == nullptr) return E_OUTOFMEMORY;
     std::FILE* file = _wfsopen(name, L"rb", _SH_DENYNO);
@@ -113,7 +113,7 @@ class Decoder {
   const Description& description() const { return description_; }
 
  protected:
-  // Decodes the next frame. False at the end, or if Take has returned false.
+  // Decodes the next frame. Returns false at the end, or if Take has returned false.
   bool Next() {
     return FLAC__stream_decoder_process_single(decoder_) &&
            FLAC__stream_decoder_get_state(decoder_) < FLAC__STREAM_DECODER_END_OF_STREAM;
@@ -173,7 +173,7 @@ class Counter final : public Decoder {
   __int64 frames_ = 0;
 };
 
-// Reads the description of a file. Same results as Decoder::Open.
+// Reads the description of a file. Returns the results of Decoder::Open.
 HRESULT Read(const wchar_t* name, Description& description) {
   Decoder decoder;
   const HRESULT hr = decoder.Open(name);
@@ -200,8 +200,8 @@ class Job final : public Decoder {
 
  private:
   bool Take(const FLAC__Frame& frame, const FLAC__int32* const channels[]) noexcept override;
-  // Passes a block of `count` frames, which `fill` writes, to the writer. False if the import must
-  // end.
+  // Passes a block of `count` frames, which `fill` computes, to the writer. Returns false if the
+  // import must end.
   template <class Fill>
   bool Write(ULONG count, Fill fill);
   bool WriteSilence(__int64 end);
@@ -366,7 +366,7 @@ class FlacImport final : public Dual<IImportFilter>,
         Counter counter;
         if (counter.Open(bstrFileName) == S_OK) job->frames = counter.Count();
       }
-      // Limited to what a file of its size can hold.
+      // Limit a false length to what a file of this size can hold.
       job->frames =
           (std::min)(job->frames, job->description().bytes / kLeastBytesOfFrame * kMaxBlock);
       if (job->frames == 0) return E_FAIL;
@@ -556,7 +556,7 @@ STDAPI DllRegisterServer() {
   const std::wstring server = std::wstring(kClassKey) + L"\\InprocServer32";
   const bool done = SetText(root, kClassKey, nullptr, L"CFlacImport Object") &&
                     SetText(root, server.c_str(), nullptr, path) &&
-                    // The engine calls it from the thread that created it.
+                    // "Both" creates the object in the apartment of its caller, without a proxy.
                     SetText(root, server.c_str(), L"ThreadingModel", L"Both");
   // The filter list belongs to the machine, so a class registered for one user is not listed.
   const bool listed =
@@ -565,7 +565,7 @@ STDAPI DllRegisterServer() {
 }
 
 STDAPI DllUnregisterServer() {
-  // A missing value is not a failure.
+  // Ignore the result: the value may be missing.
   if (!IsPerUser()) RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFilterList, kListedAs);
   const LSTATUS status =
       RegDeleteTreeW(IsPerUser() ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE, kClassKey);

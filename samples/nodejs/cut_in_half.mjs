@@ -42,7 +42,7 @@ const interfaces = {
     Initialize: [1, 'void *file_name, void *reader'],
   },
 };
-// All these interfaces are dual, so the methods of IUnknown and IDispatch come first.
+// All these interfaces are dual: the seven methods of IUnknown and IDispatch come first.
 const FIRST_OWN = 7;
 const RELEASE = 2;
 

@@ -5,7 +5,7 @@
 // "regsvr32 InterfacePicker.dll" registers it for the machine, or for the current user if the
 // environment variable TESSALY_REGISTRATION is "user".
 #include <windows.h>
-// After windows.h.
+// These need windows.h first.
 #include <oleauto.h>
 #include <olectl.h>
 #include <wrl/client.h>
@@ -27,7 +27,7 @@ constexpr GUID kMarlinda = {
 
 HINSTANCE g_module = nullptr;
 
-// Finds the dual interface of that name in the registered type library.
+// Finds the dual interface `name` in the registered type library.
 HRESULT FindInterface(const wchar_t* name, IID& iid) {
   ComPtr<ITypeLib> library;
   HRESULT hr = LoadRegTypeLib(kMarlinda, 1, 0, 0, library.GetAddressOf());
