@@ -77,7 +77,7 @@ Sndfile Open(MemoryFile& file, int mode, std::int64_t bits) {
   info.channels = kStereo;
   info.format = SndfileFormat(bits);
   Sndfile opened(sf_open_virtual(&io, mode, &info, &file), sf_close);
-  // Clips like our converters.
+  // Let libsndfile clip, as our converters do.
   if (opened) sf_command(opened.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
   return opened;
 }

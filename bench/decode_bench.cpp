@@ -19,7 +19,7 @@ constexpr long kSamplesPerSec = 44100;
 constexpr std::int64_t kFrames = 60 * kSamplesPerSec;
 constexpr std::size_t kBlockSamples = 16384;
 
-// A new source each time, because the decoder closes it.
+// Returns a new file each time, because the decoder closes it.
 FilePointer MusicFile() {
   static const std::vector<unsigned char> music = EncodeMusic(2, kSamplesPerSec, 0.4F, kFrames);
   FilePointer file(std::tmpfile());

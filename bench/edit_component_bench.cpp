@@ -26,8 +26,8 @@ struct Document {
   ComPtr<IAudioReader> source;
 };
 
-// The cost of creating a document, which small edits include, and of the two device objects that it
-// creates.
+// Creates a document, as the benchmarks of small edits do, or one of the two device objects that a
+// document creates.
 void CreateObject(benchmark::State& state, const CLSID& clsid) {
   for (auto _ : state) benchmark::DoNotOptimize(Create<IUnknown>(clsid).Get());
 }
@@ -100,7 +100,7 @@ void DrawOverview(benchmark::State& state) {
 }
 BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
 
-// Makes a mono take of this many hours in a separate pool, once.
+// A mono take of one or ten hours in a pool of its own, made once.
 struct PoolTake {
   explicit PoolTake(__int64 hours) : pool(Create<IAudioPool>(CLSID_CAudioPool)) {
     auto writer = As<IAudioWriter>(pool);
@@ -126,7 +126,7 @@ struct PoolTake {
   __int64 frames = 0;
 };
 
-// Repeated draws use the peaks that the first one left in the reader's cache.
+// Repeated draws use the peaks that the first draw left in the reader's cache.
 void DrawPoolTake(benchmark::State& state, bool repeated) {
   const PoolTake& take = PoolTake::Of(state.range(0));
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
@@ -167,7 +167,7 @@ void ScanPoolTakeFlat(benchmark::State& state) {
 }
 BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// 255 frames a column, the widest view that is drawn from samples, beside reading these samples.
+// Draws 255 frames a column, the most that are drawn from samples. Its peer reads the samples.
 void DrawPoolSamples(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(1);
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);

@@ -19,7 +19,7 @@ namespace {
 
 using namespace bench;
 
-// Samples of a block that fits into the cache with its result, and of one that does not.
+// Sizes in samples: a block that fits into the cache with its result, and one that does not.
 constexpr std::int64_t kInCache = 16'384;
 constexpr std::int64_t kOutOfCache = std::int64_t{1} << 24;
 const std::vector<std::int64_t> kLevels = {0, 1, 2};
@@ -95,7 +95,7 @@ BENCHMARK(Peaks)
     ->ArgNames({"channels", "samples"})
     ->ArgsProduct({{1, 2, 6}, {kInCache, kOutOfCache}});
 
-// The scalar definition: compares stereo frame by frame.
+// The scalar definition of peaks: compares each frame of stereo.
 void PeaksByDefinition(benchmark::State& state) {
   const std::vector<float> samples = Noise(kInCache);
   std::vector<float> pairs(4 * samples.size() / kFramesPerPeak);

@@ -94,7 +94,7 @@ void ImportThroughCom(benchmark::State& state) {
   Report(state);
 }
 
-// Imports into a pool with the decoded width.
+// Imports into a pool with the bit depth of the decoder.
 void ImportIntoPool(benchmark::State& state) {
   const Bstr path(MusicFile());
   for (auto _ : state) {

@@ -46,7 +46,7 @@ void SeekTo(HANDLE file, __int64 offset) {
   SetFilePointerEx(file, place, nullptr, FILE_BEGIN);
 }
 
-// Blocks after which both files start again, to stay small.
+// Both benchmarks begin a new file after this many blocks, so that files stay small.
 constexpr __int64 kBlocksPerFile = 64;
 
 void WriteToPool(benchmark::State& state) {
@@ -91,8 +91,8 @@ void WriteToBareFile(benchmark::State& state) {
 }
 BENCHMARK(WriteToBareFile)->ArgName("bits")->Arg(32)->UseRealTime();
 
-// Random positions, chosen before the measurement and the same for all; each is read once before it
-// counts.
+// Returns random positions, the same for pool and file. Each position is read once before the
+// measurement.
 std::vector<__int64> Places(__int64 frames_read) {
   std::minstd_rand random(2);
   std::uniform_int_distribution<__int64> frame(0, kMinuteFrames - frames_read);

@@ -1,5 +1,5 @@
-// The recorder's float queue in pieces of 1,024, by fill level, beside its minimum work: copying
-// each piece into and out of memory of that size.
+// The recorder's float queue in pieces of 1,024 samples, by fill level, beside the minimum work:
+// copying each piece into memory of that size and out of it.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 set(contracts_dir ${CMAKE_BINARY_DIR}/contracts)
 file(MAKE_DIRECTORY ${contracts_dir})
 if(MSVC)
-  # midl generates all of them in one run.
+  # midl generates all files in one run.
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(midl_target x64)
   else()
@@ -26,7 +26,7 @@ if(MSVC)
       VERBATIM)
   endforeach()
 else()
-  # Only Debian's package of wrapper scripts installs it as widl.
+  # Debian installs the compiler as widl only with the wrapper scripts.
   find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
   find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
             NO_CMAKE_FIND_ROOT_PATH REQUIRED)
@@ -64,5 +64,5 @@ add_library(marlinda_identifiers STATIC ${contracts_dir}/marlinda_i.c
 add_library(marlinda_contracts INTERFACE)
 target_include_directories(marlinda_contracts SYSTEM INTERFACE ${contracts_dir})
 target_link_libraries(marlinda_contracts INTERFACE marlinda_identifiers oleaut32 ole32 uuid advapi32)
-# Cached, because the folder that embeds it does not see variables of this scope.
+# Cached, because the folder that embeds the type library does not see variables of this scope.
 set(MARLINDA_TYPE_LIBRARY ${contracts_dir}/marlinda.tlb CACHE INTERNAL "The type library")

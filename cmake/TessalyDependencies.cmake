@@ -12,7 +12,7 @@ endif()
 # library is used. A macro, because find_package sets variables of its caller.
 macro(tessaly_find_package name)
   if(MSVC)
-    find_package(${name} CONFIG QUIET GLOBAL) # vcpkg's, by vcpkg.json
+    find_package(${name} CONFIG QUIET GLOBAL) # finds the build of vcpkg.json
   else()
     find_package(${name} CONFIG QUIET GLOBAL PATHS ${TESSALY_DEPS}/${dependencies_target}
                  NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
@@ -27,7 +27,7 @@ endmacro()
 # use the system's library.
 macro(tessaly_find_library target library header)
   if(MSVC OR NOT WIN32)
-    find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC vcpkg's, by vcpkg.json
+    find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC, the build of vcpkg.json
     find_path(${library}_INCLUDE_DIR ${header} REQUIRED)
   else()
     set(${library}_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/lib${library}.a)

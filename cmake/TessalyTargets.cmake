@@ -4,8 +4,8 @@ add_library(tessaly_options INTERFACE)
 if(MSVC)
   target_compile_options(tessaly_options INTERFACE /W4 /WX /permissive- /utf-8)
 else()
-  # Contraction fuses a multiply and an add, which rounds once instead of twice. Sample values must be the
-  # same in every build.
+  # No contraction: a fused multiply and add rounds once instead of twice, but sample values must be the same
+  # in every build.
   target_compile_options(tessaly_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ffp-contract=off)
 endif()
 if(WIN32)
@@ -28,8 +28,8 @@ else()
   endif()
 endif()
 if(TESSALY_SANITIZE_TRAP)
-  # There is no sanitizer runtime for Windows, so undefined behaviour traps. Only the check of dynamic types
-  # needs the runtime.
+  # There is no sanitizer runtime for Windows, so undefined behaviour traps. The check of dynamic types is off,
+  # because it needs the runtime.
   target_compile_options(tessaly_options INTERFACE -fsanitize=undefined -fno-sanitize=vptr
                                                    -fsanitize-undefined-trap-on-error)
 elseif(TESSALY_SANITIZE)

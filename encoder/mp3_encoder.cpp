@@ -34,7 +34,7 @@ AudioType TypeOf(const Mp3Format& format) {
   type.wfx.cbSize = MPEGLAYER3_WFX_EXTRA_BYTES;
   type.wID = MPEGLAYER3_ID_MPEG;
   type.fdwFlags = MPEGLAYER3_FLAG_PADDING_ISO;
-  // Two granules of 576 samples in MPEG 1, one in the others.
+  // A frame has two granules of 576 samples in MPEG 1, and one in the other versions.
   const int bytes_per_kbit = format.samples_per_sec >= 32000 ? 144'000 : 72'000;
   type.nBlockSize =
       static_cast<WORD>(format.bit_rate_kbit * bytes_per_kbit / format.samples_per_sec);
@@ -70,7 +70,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
   STDMETHODIMP_(ULONG) AddRef() override { return OutputPin::AddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return OutputPin::Release(); }
 
-  // Null if the receiver is not a file.
+  // Returns the stream of the connected receiver; null if the receiver is not a file.
   ComPtr<IStream> File() const { return TryQuery<IStream>(peer_.Get()); }
 
  private:
@@ -78,7 +78,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     return IsEqualIID(iid, IID_IAMStreamConfig) ? static_cast<IAMStreamConfig*>(this) : nullptr;
   }
 
-  // The formats for the connected input, or for all possible inputs.
+  // Returns the formats for the connected input or, without one, for all possible inputs.
   std::vector<Mp3Format> Formats() const {
     if (const WAVEFORMATEX* const pcm = input_.type().format()) {
       return Mp3Formats(static_cast<int>(pcm->nSamplesPerSec), pcm->nChannels);
@@ -92,7 +92,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     }
     return all;
   }
-  // The chosen format, or the highest bit rate up to the default.
+  // Returns the chosen format or, without one, that of the highest bit rate up to the default.
   Mp3Format Format() const {
     const auto formats = Formats();
     if (chosen_ && std::ranges::find(formats, *chosen_) != formats.end()) return *chosen_;
@@ -203,7 +203,7 @@ class CMp3Encoder final : public GraphFilter {
     return bytes.empty() ? S_OK : output_->Deliver(bytes, 0, 0);
   }
 
-  // Overwrites the first frame of the stream.
+  // Writes the information frame over the first frame of the file.
   HRESULT WriteInfoFrame() {
     if (!file_) return S_OK;
     const auto frame = stream_->InfoFrame();

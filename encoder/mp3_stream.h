@@ -18,14 +18,14 @@ struct Mp3Format {
   bool operator==(const Mp3Format&) const = default;
 };
 
-// The formats of a rate and a channel count, by ascending bit rate: MPEG 1, 2 and 2.5 (ISO/IEC
-// 11172-3, 13818-3). Empty for an unsupported rate or channel count.
+// Returns the formats of MPEG 1, 2 and 2.5 (ISO/IEC 11172-3, 13818-3) for a rate and a channel
+// count, by ascending bit rate. Returns none for an unsupported rate or channel count.
 std::vector<Mp3Format> Mp3Formats(int samples_per_sec, int channels);
 
 // The supported sample rates.
 std::span<const int> Mp3Rates() noexcept;
 
-// Keeps the input's level at every bit rate.
+// An encoder whose output keeps the input's level at every bit rate.
 class Mp3Stream {
  public:
   // `format` must be one of Mp3Formats. With an information frame the stream begins with a silent
@@ -40,8 +40,8 @@ class Mp3Stream {
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
   // Returns the last bytes. Encode must not be called afterwards.
   std::span<const std::byte> Finish();
-  // After Finish: returns the frame with length, delay and padding, which has the first frame's
-  // size. Empty without an information frame.
+  // Call it after Finish. Returns the frame with length, delay and padding, which has the first
+  // frame's size; nothing if the stream has no information frame.
   std::span<const std::byte> InfoFrame();
 
  private:

@@ -32,7 +32,7 @@ class Bytes {
     --left_;
     return *data_++;
   }
-  // Mostly small, so that positions coincide; sometimes near the limits of the number range.
+  // Returns mostly small numbers, so that positions coincide, and some near the limits of 64 bits.
   std::int64_t Position() {
     const std::uint8_t kind = Next();
     const auto near = static_cast<std::int8_t>(Next());
@@ -45,7 +45,7 @@ class Bytes {
     const std::int64_t begin = Position();
     return {begin, Position()};
   }
-  // Half of the segments have frames.
+  // Returns a segment. About half of them have frames.
   Segment NextSegment() {
     const auto source = static_cast<char>('A' + Next() % 5);
     const std::int64_t begin = Position();
@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       case 1:
       case 2: {
         const std::int64_t position = bytes.Position();
-        // Sometimes more segments than one block of the list holds.
+        // One insertion in 64 has more segments than one block of the list holds.
         PlainDocument inserted;
         inserted.segments.assign(bytes.Next() % 64 == 63 ? 300 : 1, bytes.NextSegment());
         Insert(list, position, inserted.segments);

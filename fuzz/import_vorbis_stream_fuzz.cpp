@@ -1,5 +1,5 @@
 // Opens the input as an Ogg Vorbis file and reads it, or a part of it, to its end, on one thread
-// and on several. The blocks must be equal. The input selects the part and the block size.
+// and on several. The samples must be equal. The last byte selects the part and the block size.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,10 +16,10 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// A hash of all blocks.
+// Returns a hash of all samples, or 0 if the stream cannot be opened.
 std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threads) {
   const std::size_t choice = data[size - 1];
-  // The library needs writable memory.
+  // fmemopen takes a pointer to writable memory.
   std::vector<std::uint8_t> copy(data, data + size);
   const auto stream = marlinda::VorbisStream::Open(
       marlinda::FilePointer(fmemopen(copy.data(), size, "rb")), threads);
@@ -39,7 +39,7 @@ std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threa
     const std::int64_t first = frames / 256 * static_cast<std::int64_t>(choice);
     left = stream->Select(first, frames - first) ? frames - first : 0;
   }
-  // At least one frame. The sanitizer detects writes past the block.
+  // The block holds at least one frame. The sanitizer detects writes past it.
   std::vector<std::int16_t> block(channels * (1 + choice * choice / 8));
   std::size_t sum = 1;
   try {

@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// By value: in a copy of exactly this size a sanitizer detects reads past the end.
+// Takes a copy of exactly the input's size, in which a sanitizer detects reads past the end.
 void Run(Bytes input) {
   input.shrink_to_fit();
   LLVMFuzzerTestOneInput(input.data(), input.size());

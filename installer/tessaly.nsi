@@ -3,7 +3,7 @@
 ; FOLDER, which holds the files and has lists of them beside it.
 ;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
 ; Installs for all users if the user is an administrator, else for the current user. Exit statuses: 0 done, 1
-; cancelled by the user, 2 not installed or not removed, with nothing changed, also for an unknown switch.
+; cancelled by the user, 2 refused or failed, with no changes, also for an unknown switch.
 
 ; A 32-bit stub would see the 32-bit view of registry and system folder.
 Target amd64-unicode
@@ -23,8 +23,8 @@ RequestExecutionLevel highest
 !include Sections.nsh
 !include WinMessages.nsh
 
-Var Scope ; machine or user, as the modules' variable TESSALY_REGISTRATION has it
-Var SysWow64 ; where the system has its 32-bit programs; empty when it runs none
+Var Scope ; machine or user, the values of the environment variable TESSALY_REGISTRATION
+Var SysWow64 ; the folder of the system's 32-bit programs; empty if the system runs none
 
 Name "${TITLE}"
 OutFile "${OUT}"
@@ -51,7 +51,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro MUI_UNPAGE_INSTFILES
 !insertmacro MUI_LANGUAGE English
 
-; Reports a failure that changed nothing, by a message and by the status.
+; Ends with a message and status 2, after a failure that changed nothing.
 !macro Refuse message
   DetailPrint "${message}"
   MessageBox MB_ICONSTOP "${message}" /SD IDOK
@@ -88,8 +88,8 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; Registers in a separate process of the module's bitness, which unloads the module again. $0: status, 0 for
-; success, and for a 32-bit module if the system runs no 32-bit programs.
+; Registers in a separate process of the module's bitness, which unloads the module again. $0 is the status: 0
+; for success, and for a 32-bit module on a system that runs no 32-bit programs.
 !macro Register folder module options
   StrCpy $0 0
   !if ${folder} == x64
@@ -118,8 +118,8 @@ VIAddVersionKey LegalCopyright ""
   ${EndIf}
 !macroend
 
-; The engine creates its settings keys when it reads them; the machine's too if the user has the right. Keys
-; with values belong to the user or the application and stay.
+; Removes the empty settings keys. The engine creates them when it reads them, those of the machine if the user
+; has the right. Keys with values belong to the user or the application and stay.
 !macro RemoveEmptySettings view
   SetRegView ${view}
   DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
@@ -148,11 +148,11 @@ VIAddVersionKey LegalCopyright ""
     StrCpy $4 2 ; REG_EXPAND_SZ, unless the value has another type
     IntPtrOp $3 $2 + 2
     System::Call 'advapi32::RegQueryValueExW(p r1, w "Path", p 0, *i r4r4, p r3, *i 65534) i .r5'
-    ${If} $5 == 2 ; there is none
+    ${If} $5 == 2 ; the value does not exist
       StrCpy $5 0
     ${EndIf}
     ${If} $5 == 0
-      ; Adds semicolons at both ends, so that each folder is between two.
+      ; Adds semicolons at both ends, so that each folder has one on either side.
       System::Call '*$2(&i2 0x3B)'
       System::Call 'kernel32::lstrlenW(p r2) i .r6'
       ${If} $6 > 1
@@ -285,7 +285,7 @@ Section "Engine, programs, documents"
 SectionEnd
 
 Section "Entries in the Start menu"
-  SetOutPath "$INSTDIR" ; where the programs begin
+  SetOutPath "$INSTDIR" ; the working folder of the shortcuts
   CreateDirectory "$SMPROGRAMS\${NAME}"
   CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} console.lnk" "$INSTDIR\console.cmd"
   CreateShortcut "$SMPROGRAMS\${NAME}\${NAME} documents.lnk" "$INSTDIR\docs"
@@ -313,7 +313,7 @@ Function un.onUninstSuccess
   ${EndIf}
 FunctionEnd
 
-; Overrides the user's own setting of the variable.
+; Uses the registry, folders and registration of $Scope, whatever the user's TESSALY_REGISTRATION is.
 !macro EnterScope
   SetRegView 64
   ${If} $Scope == machine

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the benchmarks and runs them, natively and under Wine, and times whole programs beside ours:
+# Builds the benchmarks, runs them natively and under Wine, and times marlinda beside other programs:
 #   scripts/bench.sh [FILTER]      a regular expression for names of benchmarks; all by default
 # Writes build/bench/table.md; a complete run also writes its comparisons to bench/RESULTS.md. Let nothing else
 # run meanwhile. The files that whole programs read stay in build/bench/whole (0.8 GB).
@@ -15,8 +15,8 @@ rm -rf "$results"
 mkdir -p "$results"
 
 echo "Measuring"
-# Nine repetitions of everything in a program, in random turn: only what was measured side by side is
-# compared. A program that fails or hangs leaves its rows of the table empty.
+# Each program repeats its benchmarks nine times in random order, because only benchmarks measured side by side
+# are compared. A program that fails or hangs leaves its rows of the table empty.
 options=(
   --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true --benchmark_min_time=0.02
   --benchmark_out_format=json
@@ -31,11 +31,11 @@ run_here() {
 }
 run_under_wine() {
   local program name chosen
-  cd "$results" # a relative name means the same to Windows programs
+  cd "$results" # Windows programs understand a relative name
   for program in "$root"/build/bench-x64/bench/*_bench.exe; do
     name=$(basename "$program" .exe)
     chosen=$filter
-    # The forms are compared natively; here only what is used counts.
+    # The vector forms are compared natively. Under Wine, measure only the fastest.
     [[ $name != kernel_bench || $filter != . ]] || chosen=level:2
     step "$name, Wine" "run it by hand: scripts/wine-run" timeout 240 "$root/scripts/wine-run" "$program" \
       "${options[@]}" --benchmark_filter="$chosen" --benchmark_out="$name.wine.json" || failed=1
@@ -108,7 +108,7 @@ cat "$table"
 [[ -z $failed ]] || die "a program failed; its rows are empty"
 if [[ $filter == . ]]; then
   page=$root/bench/RESULTS.md
-  # The explanation stays. The first of the two tables compares.
+  # Keeps the explanation and takes the first of the two tables, which holds the comparisons.
   {
     sed '/^## Last run/,$d' "$page"
     printf '## Last run: %(%F)T\n\n' -1

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Reports which lines of the product the tests run:
 #   scripts/coverage.sh [--list]                 the kernels, by their tests on this machine
-#   scripts/coverage.sh --components [--list]    all that is in the module, the host and the samples, by
-#                                                the tests under Wine; half an hour
+#   scripts/coverage.sh --components [--list]    module, host and samples, by the tests under Wine; takes
+#                                                half an hour
 # --list prints every line that never ran.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
@@ -10,7 +10,7 @@ preset=coverage
 [[ ${1:-} != --components ]] || preset=x64-coverage
 "$root/scripts/setup.sh" build test
 compile "$preset"
-# Otherwise the counts of earlier runs would be included.
+# Remove the counts of earlier runs, which would be added.
 find "$root/build/$preset" -name '*.gcda' -delete
 if [[ $preset == coverage ]]; then
   step "tests of the kernels" "ctest --preset coverage --rerun-failed" \

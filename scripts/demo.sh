@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Demonstrates the engine from end to end: imports Ogg Vorbis, cuts it, inserts a second of silence, labels
-# and a section marker, draws it and writes a WAV file, which other programs then describe. Plays the result
-# if the machine has a sound device. First installs and builds what is missing. Leaves the results in
-# build/demo.
+# Demonstrates the engine: imports an Ogg Vorbis file, cuts it, inserts a second of silence, labels and a section
+# marker, draws it and writes a WAV file. Other programs then describe this file. Plays it if the machine has a
+# sound device. First installs and builds what is missing. Leaves the results in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo
@@ -41,7 +40,7 @@ demo() {
   show "marlinda info demo.ogg" marlinda info demo.ogg
   picks="$(pick $'duration +([0-9:.]+)'), $(pick $'format +([^\n]+)')"
   printf '    "%s", %s, read by %s\n' "$(pick $'title +([^\n]+)')" "$picks" "$(pick $'read by +([^\n]+)')"
-  # A bar takes 2.4 seconds: the third one first, then the first two, with a second of silence between.
+  # A bar takes 2.4 seconds. The result has the third bar, a second of silence and the first two bars.
   show 'marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png' \
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \

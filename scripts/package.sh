@@ -38,10 +38,10 @@ pack() {
   (cd "$package" && find "$name" -type f | LC_ALL=C sort | zip -q -9 -X -@ "$name.zip")
 }
 set_up_program() {
-  # Writes the licence texts to show, the modules to register, and the files and then folders to remove.
+  # Writes lists for the set-up program: licence texts to show, modules to register, files and folders to remove.
   local text
   {
-    printf '\357\273\277' # UTF-8
+    printf '\357\273\277' # the mark of UTF-8
     for text in "$folder/licences/third-party.md" "$folder"/licences/*.txt; do
       printf '======== %s ========\n\n%s\n\n' "${text#"$folder/"}" "$(<"$text")"
     done

@@ -64,7 +64,7 @@ if [[ ${#missing[@]} -gt 0 ]]; then
   apt() {
     DEBIAN_FRONTEND=noninteractive TMPDIR=/tmp apt-get -y -o DPkg::Lock::Timeout=300 "$@"
   }
-  # An unreachable list may not matter: a missing package fails below.
+  # Ignore an unreachable list. If a package is missing because of it, the installation below fails.
   step -q "read the package lists" "check the network" apt update || true
   step "install packages" "fix the error of apt-get above, then run this again" \
     apt install --no-install-recommends "${missing[@]}"

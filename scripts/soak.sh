@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs tests that scripts/test.sh does not include, because they take minutes to hours or large downloads:
 #   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
-#   scripts/soak.sh files [N] [SEED]     so many damaged files, 20,000 unless given
+#   scripts/soak.sh files [N] [SEED]     imports N damaged files, 20,000 by default
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 # shellcheck disable=SC2154 -- root comes from common.sh
 abuse=$root/build/x64/tests
@@ -13,7 +13,7 @@ under_wine() {
   step "$what" "run it by hand: scripts/wine-run" "$root/tests/abuse/limited" "$root/scripts/wine-session" "$@"
 }
 
-# Ten minutes of each fuzzer, or FUZZ_SECONDS. New inputs are kept in build/fuzz/corpus, findings beside.
+# Runs each fuzzer for ten minutes or FUZZ_SECONDS. Keeps new inputs in build/fuzz/corpus, findings in build/fuzz.
 part_fuzz() {
   local program name dictionary options
   compile fuzz
@@ -29,7 +29,7 @@ part_fuzz() {
   done
 }
 
-# Eight hosts in one process, 8,000 steps each.
+# Runs eight hosts in one process, 8,000 steps each.
 part_hosts() {
   compile x64 Tessaly abuse_concurrent_hosts_tests
   TESSALY_CONCURRENT_STEPS=8000 under_wine "eight hosts, 8,000 steps each" \
@@ -50,22 +50,22 @@ part_files() {
     "$root/build/damaged" "${numbers[@]}"
 }
 
-# Loads, uses and unloads the module 900 times. A module built with mingw allows about a thousand times in a
-# process.
+# Loads, uses and unloads the module 900 times. A process can do so about 1,000 times with a module built with
+# mingw-w64.
 part_loads() {
   compile x64 Tessaly abuse_process_end_tests
   TESSALY_LOAD_CYCLES=900 under_wine "900 cycles of load, use and unload" "$root/scripts/wine-run" \
     "$abuse/abuse_process_end_tests.exe" --gtest_filter='Module.*'
 }
 
-# The tests under Wine in a build that traps on undefined behaviour.
+# Runs the tests under Wine in a build that traps on undefined behaviour.
 part_trap() {
   compile x64-trap
   step "tests that trap on undefined behaviour" "ctest --preset x64-trap --rerun-failed" \
     env -C "$root" "$root/scripts/wine-session" ctest --preset x64-trap --no-tests=error -LE '^sound$'
 }
 
-# Long tests of the sound devices, for most of an hour.
+# Runs the long tests of the sound devices, which take most of an hour.
 part_device() { "$root/scripts/soak-device.sh"; }
 
 # Loses a device in each way, twenty times.

@@ -39,10 +39,10 @@ suite() {
   local log=$logs/test-$name.log
   (cd "$root" && "$@" ctest --preset "$preset" -V --no-tests=error "${selection[@]}") >"$log" 2>&1 </dev/null || status=$?
   read -r good bad left < <(count "$log")
-  # CTest may report a failure that no single test explains.
+  # Count a failure of CTest itself, which no single test reports.
   [[ $status -eq 0 || $bad -gt 0 ]] || bad=1
   echo "$good $bad $left $what" >"$logs/result-$name"
-  # Tells the user what this machine cannot run.
+  # Reports the tests that this machine cannot run.
   grep ' NOT TESTED\. ' "$log" >&2 || true
   if [[ $bad -eq 0 ]]; then
     say "$what: $good tests" $((SECONDS - begun))

@@ -41,7 +41,7 @@ step() {
 # say WHAT SECONDS: prints the line of a successful step.
 say() { printf '  %-52s %4d s\n' "$1" "$2"; }
 
-# configure PRESET [CMAKE ARGUMENTS...]: configures if the build would not notice the change.
+# configure PRESET [CMAKE ARGUMENTS...]: configures the preset if the build would not do so itself.
 configure() {
   local preset=$1 folder=$root/build/$1
   shift

@@ -4,10 +4,10 @@
 # $prefix.display  "<display> <keeper's process id>"; locked while the keeper runs
 
 wine=/usr/lib/wine/wine64 # the package's wrapper would print a hint about a missing 32-bit Wine
-wine_server=/usr/lib/wine/wineserver64 # also ends and awaits the server of a 32-bit prefix
+wine_server=/usr/lib/wine/wineserver64 # can also end a 32-bit prefix's server and wait for it
 [[ ${TESSALY_WINE_BITS:-64} == 64 ]] || wine=$root/scripts/lib/wine-x86-root
 
-# Ends the prefix's processes: Wine's helpers would stay for some seconds.
+# Ends the prefix's processes, because Wine's helpers would run for some more seconds.
 stop_wine_server() {
   WINEPREFIX=$prefix "$wine_server" -k >/dev/null 2>&1 || true
   # The prefix records which folder below /tmp holds the server's socket. Wine never removes that folder.
