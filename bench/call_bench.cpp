@@ -48,8 +48,8 @@ BENCHMARK(FillSilence);
 
 DWORD WINAPI Nothing(void*) { return 0; }
 
-// Stopping scrubbing pauses this many milliseconds, while caches go cold. The bare thread therefore
-// starts after the same pause.
+// Stop of the scrubber takes this many milliseconds, in which caches go cold. The bare thread
+// therefore starts after the same pause.
 constexpr DWORD kScrubPause = 100;
 
 void BareThread(benchmark::State& state, DWORD pause) {

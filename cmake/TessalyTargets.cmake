@@ -45,8 +45,8 @@ function(tessaly_kernels folder)
   target_link_libraries(${folder}_kernels PUBLIC tessaly_options)
 endfunction()
 
-# tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA. They run only on
-# processors with both, so they must not define inline functions that other files use.
+# tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA, which not every processor
+# has. The sources must not define inline functions that other files use: the linker keeps one copy of each.
 function(tessaly_avx2_sources)
   if(MSVC)
     set(options /arch:AVX2)

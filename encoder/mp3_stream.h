@@ -38,7 +38,7 @@ class Mp3Stream {
   // Takes whole interleaved frames. Returns the encoded bytes, valid until the next call. Throws
   // std::runtime_error.
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
-  // Returns the last bytes. Encode must not be called afterwards.
+  // Returns the last bytes. Do not call Encode afterwards.
   std::span<const std::byte> Finish();
   // Call it after Finish. Returns the frame with length, delay and padding, which has the first
   // frame's size; nothing if the stream has no information frame.

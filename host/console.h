@@ -13,8 +13,8 @@ namespace marlinda {
 
 class Console {
  public:
-  // While an object exists, a second Ctrl+C is ignored: the file or take in progress is finished
-  // shortly and must not be left broken.
+  // While an object of this class exists, a second Ctrl+C is ignored, so that the command can
+  // complete its file or take.
   class Finishing {
    public:
     Finishing();

@@ -13,8 +13,8 @@
 
 namespace marlinda {
 
-// Calls `read` for each value of an option and puts the option's name before the reason of a
-// failure.
+// Calls `read` for each value of an option. On failure, puts the option and the value before the
+// reason.
 template <class Read>
 void ForEachText(const char* option, const std::vector<std::string>& texts, Read read) {
   for (const std::string& text : texts) {
@@ -46,8 +46,8 @@ struct SilenceInsertion {
   std::int64_t length = 0;
 };
 
-// Carry out in this order: join the pieces, insert each silence into the result so far, then add
-// labels and markers at positions of the finished result.
+// Carry out a plan in this order: join the pieces, insert each silence into the result so far, then
+// add labels and markers at positions of the finished result.
 struct CutPlan {
   std::vector<FrameRange> pieces;
   std::vector<SilenceInsertion> silences;
@@ -64,8 +64,8 @@ inline void CheckSyntax(const CutRequest& request) {
   ForEachText("--marker", request.markers, [](const std::string& text) { ParseNamedRange(text); });
 }
 
-// Throws std::invalid_argument that names the option. Empty or backward ranges and positions
-// outside the audio are errors, never clipped.
+// Makes the plan. Empty or backward ranges, and positions outside the audio, throw a
+// std::invalid_argument that names the option; nothing is clipped.
 inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEachText("--keep", request.keep, [&](const std::string& text) {

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-// The rasteriser lets its user define the vertex type. The floats of this one hold the coordinates
-// of any picture.
+// Replaces the rasteriser's vertex type, whose short integers would limit the size and precision of
+// pictures.
 struct RasterVertex {
   float x, y, cx, cy, cx1, cy1;
   unsigned char type, padding;

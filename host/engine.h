@@ -106,7 +106,7 @@ using BlockFunction = std::function<void(__int64 position, std::span<const float
 void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
                   const BlockFunction& take);
 
-// Labels and markers of an object; none if it lacks the interfaces.
+// Returns the labels and markers of an object, or none if it lacks the interfaces.
 Annotations ReadAnnotations(IUnknown* object);
 void AddAnnotations(IUnknown* object, const Annotations& annotations);
 

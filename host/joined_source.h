@@ -48,7 +48,7 @@ class JoinedSource {
     }
     return whole;
   }
-  // Decodes parts of a single file, as Source does.
+  // ImportParts decodes parts, as Source does, if there is only one file.
   bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
     annotations_ = first().ReadAnnotations();

@@ -71,7 +71,7 @@ int Run(Console& console) {
   app.set_version_flag("--version", "marlinda " MARLINDA_VERSION);
   app.footer(kExitStatuses);
   app.formatter(std::make_shared<PlainHelp>());
-  // A path may begin with a slash.
+  // Otherwise a path that begins with a slash would be an option.
   app.allow_windows_style_options(false);
   for (const auto add :
        {AddDoctor, AddFilters, AddInstallFilters, AddInfo, AddConvert, AddCut, AddJoin, AddPlot,

@@ -7,7 +7,7 @@
 
 namespace marlinda {
 
-// 5 is unused, because a crashed program exits with it.
+// The status 5 is unused, because a crashed program exits with it.
 enum class ExitStatus {
   kSuccess = 0,
   kFailure = 1,

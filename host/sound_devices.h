@@ -30,7 +30,7 @@ class DeviceChoice {
 
   LONG number() const { return index_.value_or(-1); }
   const std::optional<int>& index() const { return index_; }
-  // The begin of a message, such as "sound device 0 (speaker)".
+  // The beginning of a message, such as "sound device 0 (speaker)".
   const std::string& description() const { return description_; }
 
  private:

@@ -175,7 +175,7 @@ class Canvas {
   void DrawLane(int channel) {
     const double top = LaneTop(channel);
     const double height = std::max(1.0, LaneTop(channel + 1) - top - kGap);
-    const double centre = std::floor(top + height / 2) + 0.5;  // so that silence is one row
+    const double centre = std::floor(top + height / 2) + 0.5;  // silence is one row of pixels
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);

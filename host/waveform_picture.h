@@ -32,7 +32,6 @@ struct Waveform {
   Annotations annotations;
 };
 
-// Options of the drawing.
 struct PictureStyle {
   bool decibels = false;  // height shows the level, -60 dB (centre) to 0 dB
   bool dark = false;

@@ -27,7 +27,7 @@ std::string FromAnsi(const char* text) {
 }
 
 bool FitsCodePage(const std::wstring& text) {
-  // UTF-8 holds every character, and WideCharToMultiByte rejects these flags for it.
+  // UTF-8 can hold every text, and WideCharToMultiByte rejects these arguments for UTF-8.
   if (text.empty() || GetACP() == CP_UTF8) return true;
   BOOL lost = FALSE;
   const int count = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(),

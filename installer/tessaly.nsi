@@ -372,7 +372,7 @@ Function .onInit
     !insertmacro SelectSection ${PathSection}
   ${EndIf}
 
-  ; A new version replaces an existing installation in its folder: two would share one registration.
+  ; A new version replaces an existing installation in its folder: two installations would share one registration.
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $INSTDIR == "" ; no /D
     StrCpy $INSTDIR $R0

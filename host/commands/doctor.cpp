@@ -257,7 +257,8 @@ class Doctor {
                   "Also register the module with the same bitness as the programs.");
   }
 
-  // Checks the file first: some systems report "access denied" for any file that does not load.
+  // On failure, examines the file: some systems report "access denied" for any file that does not
+  // load.
   void ExamineModule() {
     constexpr const char* kSubject = "the engine's module";
     ComPtr<IUnknown> manager;
@@ -429,8 +430,7 @@ class Doctor {
     }
   }
 
-  // Chooses the folder as the engine does: ignores a value that does not fit in the engine's buffer
-  // or is no text.
+  // Chooses the folder as the engine does, which ignores a value that does not fit in its buffer.
   void ExamineTemporaryFolder() {
     char chosen[256] = "";
     DWORD size = sizeof chosen - 1;

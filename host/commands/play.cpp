@@ -23,7 +23,7 @@ struct PlayOptions {
   std::string input;
   std::string from;  // `from` and `to` may be empty
   std::string to;
-  std::string channels;  // all when empty
+  std::string channels;  // if empty, all
   std::optional<int> device;
   bool loop = false;
   bool json = false;

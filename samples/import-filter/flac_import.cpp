@@ -77,7 +77,7 @@ void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Descript
     std::wstring& value = description.*field;
     if (value.empty()) value = Widen(text + length, static_cast<int>(entry.length - length));
   }
-  if (description.year.size() > 4) description.year.resize(4);  // the year of a date
+  if (description.year.size() > 4) description.year.resize(4);  // keep the year of a date
 }
 
 // An open file and its decoder, which calls the methods below. No exception may pass through the

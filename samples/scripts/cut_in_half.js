@@ -17,7 +17,7 @@ var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2)), half = Math.floor(frames / 2);
 var pick = new ActiveXObject("Tessaly.InterfacePicker");
 
-// Null if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
+// Returns null if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
 var filter = new ActiveXObject("Marlinda.FileFilterMgr").CreateImportFilter(input);
 if (!filter) {
   WScript.Echo("No import filter reads " + input);
