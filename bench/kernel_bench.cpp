@@ -95,7 +95,7 @@ BENCHMARK(Peaks)
     ->ArgNames({"channels", "samples"})
     ->ArgsProduct({{1, 2, 6}, {kInCache, kOutOfCache}});
 
-// The scalar definition of peaks: compares each frame of stereo.
+// The scalar definition of peaks: compares stereo samples frame by frame.
 void PeaksByDefinition(benchmark::State& state) {
   const std::vector<float> samples = Noise(kInCache);
   std::vector<float> pairs(4 * samples.size() / kFramesPerPeak);

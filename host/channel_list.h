@@ -15,7 +15,7 @@ std::uint32_t ParseChannelMask(std::string_view text);
 // Returns the mask's channels below `channels`.
 std::vector<int> ChannelsOf(std::uint32_t mask, int channels);
 
-// Returns "1 channel", "2 channels".
+// Returns text such as "1 channel" or "2 channels".
 std::string ChannelCount(int channels);
 
 // Throws std::invalid_argument if the mask contains a channel that the audio lacks.

@@ -47,7 +47,7 @@ class Console {
   // the single-threaded apartment needs.
   void Wait(DWORD milliseconds) const;
 
-  // True if standard input is a terminal; ReadKey returns its keys.
+  // True if standard input is a terminal, whose keys ReadKey returns.
   bool HasKeyboard() const;
   // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or when
   // interrupted. Dispatches window messages like Wait.

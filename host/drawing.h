@@ -54,7 +54,7 @@ class Drawing {
   int width() const noexcept { return width_; }
   int height() const noexcept { return height_; }
 
-  // A shape covers earlier ones. Opacity is 0 to 1.
+  // Adds a shape, which covers earlier shapes. Opacity is 0 to 1.
   void Fill(Outline outline, Colour colour, double opacity = 1, Point offset = {});
   void FillRectangle(double x, double y, double width, double height, Colour colour,
                      double opacity = 1);

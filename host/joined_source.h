@@ -48,7 +48,7 @@ class JoinedSource {
     }
     return whole;
   }
-  // ImportParts decodes parts, as Source does, if there is only one file.
+  // ImportParts decodes parts, as Source does. It needs a single file.
   bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
     annotations_ = first().ReadAnnotations();

@@ -12,13 +12,13 @@
 
 namespace marlinda {
 
-// Samples of this magnitude and above are marked as clipped. It lies between the two highest 16-bit
-// codes.
+// Samples of this magnitude and above are marked as clipped. The value lies between the two highest
+// 16-bit codes.
 constexpr float kClipLevel = 0.99998F;
 
 struct Waveform {
-  // One (minimum, maximum) pair for each channel of each column; as many columns as the picture is
-  // wide.
+  // One (minimum, maximum) pair for each channel of each column. Columns are one pixel wide and
+  // fill the picture.
   std::span<const float> pairs;
   // One root mean square for each channel of each column; may be empty.
   std::span<const float> rms;

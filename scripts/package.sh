@@ -41,7 +41,7 @@ set_up_program() {
   # Writes lists for the set-up program: licence texts to show, modules to register, files and folders to remove.
   local text
   {
-    printf '\357\273\277' # the mark of UTF-8
+    printf '\357\273\277' # byte order mark of UTF-8
     for text in "$folder/licences/third-party.md" "$folder"/licences/*.txt; do
       printf '======== %s ========\n\n%s\n\n' "${text#"$folder/"}" "$(<"$text")"
     done

@@ -98,7 +98,7 @@ void Cut(const CutOptions& options, const Console& console) {
       written.picture = options.picture.file;
     }
   } catch (...) {
-    // The audio file is complete without its picture; report it.
+    // Report the audio file, which is complete without its picture.
     PrintSummary(written, options.json, console);
     throw;
   }

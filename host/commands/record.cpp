@@ -103,7 +103,7 @@ class Recorder {
   std::atomic<std::int64_t> recorded_ = 0;
   std::vector<std::atomic<float>> levels_;
   HRESULT result_ = S_OK;  // owned by the thread until it ends
-  std::thread thread_;     // last: uses the members above
+  std::thread thread_;     // declared last, because it uses the others
 };
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
@@ -121,8 +121,8 @@ using Shortfall = std::optional<HostError>;
 Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioFormat& format,
                  std::int64_t frames, const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
-  // A stalled device may continue, but a lost one cannot be opened a second time. Tries to open the
-  // device after this many polls without a frame.
+  // A stalled device may continue, but a lost one cannot be opened a second time. After this many
+  // polls without a frame, Record tries to open the device.
   constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");

@@ -489,7 +489,7 @@ class FlacImport final : public Dual<IImportFilter>,
   std::wstring name_;
 };
 
-// Never deleted, so it needs no reference count.
+// The module's only factory. It is never deleted, so it needs no reference count.
 class Factory final : public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
