@@ -18,7 +18,7 @@ constexpr int kBitRatesPerVersion = 14;
 
 constexpr int kRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 
-// LAME's number for the MPEG version of a rate.
+// Returns LAME's number for the MPEG version of a rate.
 int VersionOf(int samples_per_sec) noexcept {
   if (samples_per_sec >= 32000) return 1;
   return samples_per_sec >= 16000 ? 0 : 2;

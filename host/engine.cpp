@@ -560,7 +560,7 @@ void FileExport::HandOver() {
 
 std::optional<WaveFileFacts> FileExport::Examine() const {
   if (!is_wave_) {
-    // The filter has removed an incomplete file.
+    // The filter removes the file if its export fails.
     std::error_code error;
     const auto bytes = std::filesystem::file_size(PathOf(file_), error);
     if (error) return std::nullopt;

@@ -140,7 +140,7 @@ class Source {
   IUnknown* filter_object() const { return filter_.Get(); }
   const FilterIdentity& filter() const { return identity_; }
 
-  // Properties that the filter reports without decoding the file; nothing if it fails.
+  // Properties that the filter reports without decoding the file, or nothing if the filter fails.
   std::optional<AudioFormat> Format() const;
   std::optional<int> BitsPerSample() const;
   std::optional<std::int64_t> BitRate() const;

@@ -305,7 +305,7 @@ Section Uninstall
 SectionEnd
 
 ; The uninstaller runs as a copy in the temporary folder, which cannot delete itself. A command processor waits
-; for its end and deletes it; it runs in the section's current folder.
+; for the copy to end and deletes it. It runs in the current folder that the section has set.
 Function un.onUninstSuccess
   ${If} $EXEDIR != $INSTDIR
     ExecShell "" "$SYSDIR\cmd.exe" '/d /c for /l %i in (1,1,60) do \

@@ -257,8 +257,7 @@ class Doctor {
                   "Also register the module with the same bitness as the programs.");
   }
 
-  // On failure, examines the file: some systems report "access denied" for any file that does not
-  // load.
+  // On failure, examines the file, because some systems always report "access denied".
   void ExamineModule() {
     constexpr const char* kSubject = "the engine's module";
     ComPtr<IUnknown> manager;
@@ -498,7 +497,7 @@ void PrintReport(bool json, const Console& console) {
   console.Print(doctor.Report(json));
   const std::size_t count = doctor.problems().size();
   if (count == 0) return;
-  static_cast<void>(std::fflush(stdout));  // before the message on the other stream
+  static_cast<void>(std::fflush(stdout));  // print it before the message on the other stream
   throw HostError(
       Gravest(doctor.problems()), "",
       count == 1 ? "there is 1 problem" : "there are " + std::to_string(count) + " problems");

@@ -1,4 +1,4 @@
-// "marlinda join": joins several files to one WAV file.
+// "marlinda join": joins several files into one.
 #include "host/commands/commands.h"
 
 #include "host/commands/shared.h"

@@ -76,7 +76,7 @@ class Scrubber {
   // Returns the frames by which a key moves the position; Home and End move beyond either end.
   std::optional<std::int64_t> StepOf(WORD key) const {
     const std::int64_t rate = audio_.format.rate;
-    // At least one frame, so that every key moves.
+    // Move at least one frame, so that every key has an effect.
     const std::int64_t tenth = std::max<std::int64_t>(1, rate / 10);
     const std::pair<WORD, std::int64_t> steps[] = {
         {VK_LEFT, -tenth}, {VK_RIGHT, tenth},         {VK_DOWN, -rate},
