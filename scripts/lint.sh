@@ -11,9 +11,9 @@ cd "$root"
 "$root/scripts/setup.sh" lint
 step "format of the code" "clang-format -i FILE fixes it" "$root/scripts/lib/check-format"
 configure native
-configure x64
+configure x64-lint
 # The checks need the generated headers.
-step -q "generate the contracts" "see the log" cmake --build build/x64 --target marlinda_contracts_files
+step -q "generate the contracts" "see the log" cmake --build build/x64-lint --target marlinda_contracts_files
 
 folders=()
 for folder in core pool edit device import export task converter host; do
@@ -49,7 +49,7 @@ lint_one() {
   if grep -qF "\"file\": \"$root/$file\"" build/native/compile_commands.json; then
     arguments=(-p build/native)
   else
-    arguments=(-p build/x64 "--extra-arg=-isystem$mingw" "--extra-arg=-isystem$mingw/x86_64-w64-mingw32")
+    arguments=(-p build/x64-lint "--extra-arg=-isystem$mingw" "--extra-arg=-isystem$mingw/x86_64-w64-mingw32")
   fi
   if clang-tidy --quiet "${arguments[@]}" "$file" >"$stamp.log" 2>/dev/null; then
     mv "$stamp.log" "$stamp"

@@ -13,7 +13,7 @@ if [[ ${3:-} != --in-session ]]; then
     # Installs for another system than this one, without the packages' install scripts, which would run here.
     # shellcheck disable=SC2086 -- a list
     if ! command -v npm >/dev/null || ! npm install --prefix "$place" --no-save --force --os=win32 --cpu=x64 \
-      --ignore-scripts --no-audit --no-fund ${packages[$language]} >"$place/npm.log" 2>&1; then
+      --ignore-scripts --no-audit --no-fund --fetch-retries 1 ${packages[$language]} >"$place/npm.log" 2>&1; then
       echo "The sample in $language was NOT TESTED. Its packages could not be installed with npm."
       exit 0
     fi
