@@ -470,7 +470,7 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
                  std::to_string(*promised) + " frames could be decoded; the file seems damaged");
   } else if (float progress = 1; task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1) {
     console.Tell(file_ + ": only the first " + std::to_string(audio.frames) +
-                 " frames were read; the rest is left out, because it has another sample rate or "
+                 " frames were read; the rest cannot be decoded, or has another sample rate or "
                  "number of channels");
   }
 }
