@@ -1,5 +1,6 @@
 #include "host/engine.h"
 
+#include <cmath>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -116,6 +117,14 @@ void AppendSilence(IEditedAudio* document, __int64 frames, const AudioFormat& fo
 
 std::filesystem::path PathOf(const std::string& file) { return Widen(file); }
 
+std::vector<float> Finite(std::span<const float> samples) {
+  std::vector<float> finite(samples.begin(), samples.end());
+  for (float& sample : finite) {
+    if (!std::isfinite(sample)) sample = std::isnan(sample) ? 0.0F : std::copysign(1.0F, sample);
+  }
+  return finite;
+}
+
 }  // namespace
 
 HostError NothingWritten(const std::string& subject) {
@@ -211,7 +220,7 @@ void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t cha
     const auto frames = static_cast<std::size_t>(std::min(kBlockFrames, range.end - at));
     const FloatArray block(frames * channels);
     Check(reader->ReadAudio(at, block.get()));
-    take(at, block.samples());
+    take(at, Finite(block.samples()));
   }
 }
 
@@ -328,11 +337,12 @@ ImportedAudio Source::Stream(const SampleFunction& take, const Console& console,
                              const std::optional<FrameRange>& part) {
   ImportedAudio audio;
   std::exception_ptr failure;
+  const bool floats = MayHoldFloats();
   const auto write = [&](const AudioFormat& format, SAFEARRAY* array) {
     if (failure || format.channels <= 0) return E_FAIL;
     try {
       const std::span<const float> samples = SamplesOf(array);
-      take(format, samples);
+      floats ? take(format, Finite(samples)) : take(format, samples);
       audio.format = format;
       audio.frames += static_cast<__int64>(samples.size()) / format.channels;
       return S_OK;
@@ -499,7 +509,7 @@ void FileExport::RequireRoom(__int64 frames, const AudioFormat& format, int bits
 }
 
 WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& console,
-                              ICoreTask* driver) {
+                              ICoreTask* driver, bool floats) {
   AudioFormat format;
   __int64 frames = 0;
   Check(reader->GetFormat(&format.rate, &format.channels));
@@ -511,7 +521,8 @@ WaveFileFacts FileExport::Run(IAudioReader* reader, int bits, const Console& con
 
   const Console::Finishing finishing;
   const OpenReader open(reader);
-  const ComPtr<IAudioReader> source = is_wave_ && bits > 16 ? ClampSamples(reader) : reader;
+  const bool clamps = floats || (is_wave_ && bits > 16);
+  const ComPtr<IAudioReader> source = clamps ? ClampSamples(reader) : reader;
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(file_)).get(), source.Get());
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
   Check(filter_->SetBitsPerSample(static_cast<SHORT>(bits)));

@@ -101,7 +101,7 @@ class OpenReader {
   IAudioReader* reader_;
 };
 
-// Reads the range of an open reader block by block.
+// Reads the range of an open reader block by block. NaN is silence, and infinity full scale.
 using BlockFunction = std::function<void(__int64 position, std::span<const float> samples)>;
 void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
                   const BlockFunction& take);
@@ -120,7 +120,7 @@ struct ImportedAudio {
 // Fills an empty document with the audio.
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
-// Receives blocks of samples in sequence.
+// Receives blocks of samples in sequence. NaN is silence, and infinity full scale.
 using SampleFunction =
     std::function<void(const AudioFormat& format, std::span<const float> samples)>;
 
@@ -144,6 +144,8 @@ class Source {
   std::optional<AudioFormat> Format() const;
   std::optional<int> BitsPerSample() const;
   std::optional<std::int64_t> BitRate() const;
+  // True if the samples may be floats, and so NaN or infinite.
+  bool MayHoldFloats() const { return BitsPerSample().value_or(32) >= 32; }
   std::optional<__int64> Frames() const;
   Tags ReadTags() const;
   Annotations ReadAnnotations() const { return marlinda::ReadAnnotations(filter_.Get()); }
@@ -210,11 +212,12 @@ class FileExport {
   // Writes the file and checks it. If interrupted, throws with kInterrupted and leaves a valid file
   // of the part already written. Removes a file that is incomplete for another reason.
   //
-  // At 24 and 32 bits, samples of full scale and above become the highest code. `bits` only applies
-  // to WAV; for other kinds the result holds only the file's size. `driver` is a task that runs the
-  // export filter; if null, the filter runs itself.
+  // Samples of full scale and above become the highest code, and NaN becomes silence. `bits` only
+  // applies to WAV; for other kinds the result holds only the file's size. `driver` is a task that
+  // runs the export filter; if null, the filter runs itself. `floats` is false if no sample is NaN,
+  // which saves time.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
-                    ICoreTask* driver = nullptr);
+                    ICoreTask* driver = nullptr, bool floats = true);
   // Removes the written file.
   void Remove() const;
 

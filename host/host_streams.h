@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <functional>
 #include <span>
 #include <utility>
@@ -124,16 +125,18 @@ inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
   return writer;
 }
 
-// For exports at 24 and 32 bits. The engine scales these samples by 2^31, so that +1.0 would become
-// the lowest code. The returned reader replaces samples of 1.0 and above by the greatest float
-// below 1.0.
+// For exports. At 24 and 32 bits the engine scales samples by 2^31, where +1.0 does not fit and
+// becomes the lowest code, as NaN does at each width. Therefore samples of 1.0 and above become the
+// greatest float below 1.0, and NaN becomes silence.
 inline ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
   return ReadWith(source, [](IAudioReader* clamped, __int64 position, SAFEARRAY* array) {
     constexpr float kLargestSample = 0x1.fffffep-1F;
     const HRESULT hr = clamped->ReadAudio(position, array);
     // A successful read proves that this is an array of floats.
     if (SUCCEEDED(hr)) {
-      for (float& sample : SamplesOf(array)) sample = std::min(sample, kLargestSample);
+      for (float& sample : SamplesOf(array)) {
+        sample = std::isnan(sample) ? 0.0F : std::min(sample, kLargestSample);
+      }
     }
     return hr;
   });

@@ -56,7 +56,8 @@ std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& 
                                  if (hr != S_OK) *complete = false;
                                  return hr;
                                });
-  const WaveFileFacts facts = wave.Run(reader.Get(), bits, console, connector.task());
+  const WaveFileFacts facts =
+      wave.Run(reader.Get(), bits, console, connector.task(), source.MayHoldFloats());
   if (!*complete) return std::nullopt;
   return facts;
 }

@@ -39,7 +39,7 @@ class Extremes {
       std::int16_t* pair = &codes_[codes_.size() - 2 * channels_];
       for (std::size_t channel = 0; channel < channels_; ++channel, pair += 2) {
         const double sample = std::clamp(samples[i + channel] * 32767.0, -32768.0, 32767.0);
-        const auto code = static_cast<std::int16_t>(std::isnan(sample) ? 0 : std::lround(sample));
+        const auto code = static_cast<std::int16_t>(std::lround(sample));
         pair[0] = std::min(pair[0], code);
         pair[1] = std::max(pair[1], code);
       }
