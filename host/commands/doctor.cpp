@@ -11,6 +11,7 @@
 #include "core/handle.h"
 #include "host/commands/commands.h"
 #include "host/commands/shared.h"
+#include "host/file_name.h"
 #include "host/filter_list.h"
 #include "host/sound_devices.h"
 #include "host/wide_text.h"
@@ -141,6 +142,56 @@ HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
+// The kinds of tones in the program's resources.
+constexpr std::array kKinds = {"AIFF", "AU",  "AVI", "FLAC", "MOV", "MP3",
+                               "MPG",  "OGG", "WAV", "WMA",  "WMV"};
+constexpr DWORD kDecodingSeconds = 30;
+
+// Extracts the tone of that kind and starts to write its peaks beside it. A process of its own,
+// because a decoder of the system can crash or hang.
+KernelHandle StartDecoding(const std::string& program, const std::filesystem::path& folder,
+                           const char* kind) {
+  const HRSRC tone = FindResourceA(nullptr, kind, "TONE");
+  const std::string file = Narrow((folder / kind).native()) + "." + kind;
+  WriteWholeFile(file, {static_cast<const char*>(LockResource(LoadResource(nullptr, tone))),
+                        SizeofResource(nullptr, tone)});
+  std::wstring line = Widen("marlinda peaks \"" + file + "\" \"" + file + ".json\"");
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof startup;
+  startup.dwFlags = STARTF_USESTDHANDLES;  // none, so no messages
+  PROCESS_INFORMATION process = {};
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // inherited: no crash dialogs
+  if (CreateProcessW(Widen(program).c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                     nullptr, &startup, &process) == FALSE) {
+    throw HResultError(LastErrorResult());
+  }
+  CloseHandle(process.hThread);
+  return KernelHandle(process.hProcess);
+}
+
+// Waits for the process and returns why it could not decode the tone; empty if it could.
+std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_file,
+                            ULONGLONG deadline) {
+  const ULONGLONG now = std::min(GetTickCount64(), deadline);
+  DWORD status = 0;
+  if (WaitForSingleObject(process, static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0) {
+    TerminateProcess(process, 1);
+    WaitForSingleObject(process, 1000);  // until then its files cannot be removed
+    return "no answer in " + std::to_string(kDecodingSeconds) + " s";
+  }
+  GetExitCodeProcess(process, &status);
+  if (status == static_cast<DWORD>(ExitStatus::kInput)) return "no working decoder";
+  if (status > static_cast<DWORD>(ExitStatus::kDevice)) return "the decoder crashed";
+  if (status != 0) return "status " + std::to_string(status);
+  std::ifstream stream(peaks_file);
+  const Json peaks = Json::parse(stream, nullptr, false);
+  constexpr int kLoud = 8000;  // half the tone's level
+  const bool is_loud =
+      peaks.is_object() &&
+      std::ranges::any_of(peaks["data"], [](const Json& code) { return code > kLoud; });
+  return is_loud ? "" : "the sound is wrong";
+}
+
 // Runs every check, even after problems. Opens the default sound devices briefly and makes the
 // engine create temporary files; leaves nothing behind.
 class Doctor {
@@ -159,6 +210,7 @@ class Doctor {
     AddDevices("outputs", outputs);
     AddDevices("inputs", inputs);
     Examine("temporary folder", [&] { ExamineTemporaryFolder(); });
+    Examine("decoders", [&] { ExamineDecoders(); });
     constexpr AudioFormat kUsual = {44100, 2};
     Examine("sound output", [&] {
       const auto device = DeviceChoice::OfOutputs(std::nullopt);
@@ -472,6 +524,30 @@ class Doctor {
       add("only " + free_text + " are free, and imported audio needs 8 bytes per stereo frame",
           "Free some space there");
     }
+  }
+
+  // Not after other problems, which would make every kind fail.
+  void ExamineDecoders() {
+    Json& decoding = report_["decoding"] = nullptr;
+    if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");
+    std::error_code ignored;
+    const auto folder = std::filesystem::temp_directory_path(ignored) /
+                        ("marlinda-" + std::to_string(GetCurrentProcessId()));
+    std::filesystem::create_directory(folder, ignored);
+    const ULONGLONG deadline = GetTickCount64() + 1000 * kDecodingSeconds;
+    std::vector<std::pair<std::string, KernelHandle>> trials;
+    for (const char* kind : kKinds)
+      trials.emplace_back(kind, StartDecoding(program_, folder, kind));
+    std::string text;
+    for (const auto& [kind, process] : trials) {
+      const std::string failure =
+          DecodingFailure(process.get(), folder / (kind + "." + kind + ".json"), deadline);
+      decoding.push_back({{"kind", kind}, {"failure", TextOrNull(failure)}});
+      text +=
+          (text.empty() ? "" : ", ") + kind + (failure.empty() ? " yes" : " no (" + failure + ")");
+    }
+    Line("decodes", text);
+    std::filesystem::remove_all(folder, ignored);
   }
 
   Json report_;
