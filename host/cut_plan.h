@@ -6,6 +6,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/annotations.h"
@@ -17,13 +18,7 @@ namespace marlinda {
 // reason.
 template <class Read>
 void ForEachText(const char* option, const std::vector<std::string>& texts, Read read) {
-  for (const std::string& text : texts) {
-    try {
-      read(text);
-    } catch (const std::invalid_argument& error) {
-      throw std::invalid_argument(std::string(option) + " " + text + ": " + error.what());
-    }
-  }
+  for (const std::string& text : texts) ForOption(option + (" " + text), read, text);
 }
 
 inline void Lengthen(std::int64_t& length, std::int64_t by) {
@@ -58,21 +53,21 @@ struct CutPlan {
 // Checks the options' syntax, so that a typing error is reported before a long import. Throws
 // std::invalid_argument that names the option.
 inline void CheckSyntax(const CutRequest& request) {
-  ForEachText("--keep", request.keep, [](const std::string& text) { ParseRange(text); });
-  ForEachText("--silence", request.silences, [](const std::string& text) { ParseSpan(text); });
-  ForEachText("--label", request.labels, [](const std::string& text) { ParseNamedTime(text); });
-  ForEachText("--marker", request.markers, [](const std::string& text) { ParseNamedRange(text); });
+  ForEachText("--keep", request.keep, ParseRange);
+  ForEachText("--silence", request.silences, ParseSpan);
+  ForEachText("--label", request.labels, ParseNamedTime);
+  ForEachText("--marker", request.markers, ParseNamedRange);
 }
 
 // Makes the plan. Empty or backward ranges, and positions outside the audio, throw a
 // std::invalid_argument that names the option; nothing is clipped.
 inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
-  ForEachText("--keep", request.keep, [&](const std::string& text) {
+  ForEachText("--keep", request.keep, [&](std::string_view text) {
     plan.pieces.push_back(ResolveRange(ParseRange(text), source_frames, rate));
     Lengthen(plan.length, plan.pieces.back().end - plan.pieces.back().begin);
   });
-  ForEachText("--silence", request.silences, [&](const std::string& text) {
+  ForEachText("--silence", request.silences, [&](std::string_view text) {
     const TimeSpan span = ParseSpan(text);
     const SilenceInsertion silence = {ResolvePosition(span.at, plan.length, rate),
                                       span.length.ToFrames(rate)};
@@ -80,11 +75,11 @@ inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, st
     plan.silences.push_back(silence);
     Lengthen(plan.length, silence.length);
   });
-  ForEachText("--label", request.labels, [&](const std::string& text) {
+  ForEachText("--label", request.labels, [&](std::string_view text) {
     const NamedTime label = ParseNamedTime(text);
     plan.annotations.labels.push_back({ResolvePosition(label.at, plan.length, rate), label.name});
   });
-  ForEachText("--marker", request.markers, [&](const std::string& text) {
+  ForEachText("--marker", request.markers, [&](std::string_view text) {
     const NamedRange marker = ParseNamedRange(text);
     const FrameRange frames = ResolveRange(marker.range, plan.length, rate);
     plan.annotations.markers.push_back({{frames.begin, frames.end}, marker.name});

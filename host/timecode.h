@@ -44,11 +44,11 @@ TimeRange ParseFromTo(std::string_view from, std::string_view to);
 
 // Calls `parse` and puts the option's name before the reason of a failure.
 template <class Parse>
-auto ForOption(const char* option, Parse parse, std::string_view text) {
+auto ForOption(const std::string& option, Parse parse, std::string_view text) {
   try {
     return parse(text);
   } catch (const std::invalid_argument& error) {
-    throw std::invalid_argument(std::string(option) + ": " + error.what());
+    throw std::invalid_argument(option + ": " + error.what());
   }
 }
 

@@ -2,13 +2,19 @@
 
 namespace marlinda {
 
-std::wstring Widen(std::string_view utf8) {
-  const auto size = static_cast<int>(utf8.size());
-  const int count = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, nullptr, 0);
+namespace {
+
+std::wstring Decode(UINT code_page, std::string_view text) {
+  const auto size = static_cast<int>(text.size());
+  const int count = MultiByteToWideChar(code_page, 0, text.data(), size, nullptr, 0);
   std::wstring wide(static_cast<std::size_t>(count), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, wide.data(), count);
+  MultiByteToWideChar(code_page, 0, text.data(), size, wide.data(), count);
   return wide;
 }
+
+}  // namespace
+
+std::wstring Widen(std::string_view utf8) { return Decode(CP_UTF8, utf8); }
 
 std::string Narrow(std::wstring_view wide) {
   const auto size = static_cast<int>(wide.size());
@@ -19,12 +25,7 @@ std::string Narrow(std::wstring_view wide) {
   return utf8;
 }
 
-std::string FromAnsi(const char* text) {
-  const int count = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-  std::wstring wide(static_cast<std::size_t>(count), L'\0');
-  MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), count);
-  return Narrow(wide.c_str());
-}
+std::string FromAnsi(const char* text) { return Narrow(Decode(CP_ACP, text)); }
 
 bool FitsCodePage(const std::wstring& text) {
   // UTF-8 can hold every text, and WideCharToMultiByte rejects these arguments for UTF-8.
