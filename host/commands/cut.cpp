@@ -118,9 +118,7 @@ void AddCut(CLI::App& app, Console& console) {
       app, console, "cut", "Join pieces of audio files and write them as WAV", kCutHelp, Cut);
   AddFiles(command, options->files);
   CutRequest& request = options->request;
-  AddRepeated(command, "--keep", "BEGIN:END", request.keep, "Pieces to keep")
-      ->required()
-      ->allow_extra_args();
+  AddRepeated(command, "--keep", "BEGIN:END", request.keep, "A piece to keep")->required();
   AddRepeated(command, "--silence", "AT:SECONDS", request.silences, "Insert silence");
   AddRepeated(command, "--label", "AT:NAME", request.labels, "Set a label");
   AddRepeated(command, "--marker", "BEGIN:END:NAME", request.markers, "Mark a section");
