@@ -108,7 +108,7 @@ void Cut(const CutOptions& options, const Console& console) {
 // An option that may be repeated, with one value each time.
 CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
                          std::vector<std::string>& values, const char* help) {
-  return command->add_option(name, values, help)->type_name(form)->allow_extra_args(false);
+  return command->add_option(name, values, help)->option_text(form)->allow_extra_args(false);
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ void AddCut(CLI::App& app, Console& console) {
   AddRepeated(command, "--label", "AT:NAME", request.labels, "Set a label");
   AddRepeated(command, "--marker", "BEGIN:END:NAME", request.markers, "Mark a section");
   command->add_option("--plot", options->picture.file, "Draw the result as a picture as well")
-      ->type_name("OUT.png|OUT.svg");
+      ->option_text("OUT.png|OUT.svg");
   AddBits(command, options->bits, kSourceBits);
   command->add_flag("--replace-text", options->replace_text,
                     "Write \"?\" for characters outside the system's code page");

@@ -150,8 +150,7 @@ void AddPlay(CLI::App& app, Console& console) {
   const auto [command, options] =
       AddCommand(app, console, "play", "Play an audio file", kPlayHelp, Play);
   command->add_option("IN", options->input, "Audio file to read")->required();
-  command->add_option("--from", options->from, "Start at this time");
-  command->add_option("--to", options->to, "End at this time");
+  AddFromTo(command, options->from, options->to);
   command->add_flag("--loop", options->loop, "Repeat until Ctrl+C");
   command->add_option("--channels", options->channels,
                       "Channels to play, numbered from 0, such as 0,1 (all unless given)");

@@ -116,8 +116,7 @@ void AddPlot(CLI::App& app, Console& console) {
       ->check(CLI::IsMember({"light", "dark"}));
   command->add_option("--colour", options->colour, "Colour of the wave")->option_text("RRGGBB");
   command->add_flag("--rms", picture.rms, "Draw the root mean square as well");
-  command->add_option("--from", options->from, "Start at this time");
-  command->add_option("--to", options->to, "End at this time");
+  AddFromTo(command, options->from, options->to);
   AddProgress(command, console);
   AddJson(command, options->json);
 }

@@ -224,7 +224,9 @@ void AddRecord(CLI::App& app, Console& console) {
   const auto [command, options] =
       AddCommand(app, console, "record", "Record a WAV file", kRecordHelp, RecordFile);
   AddOutput(command, options->output);
-  command->add_option("--seconds", options->seconds, "How long to record")->required();
+  command->add_option("--seconds", options->seconds, "How long to record")
+      ->option_text("TIME")
+      ->required();
   AddFormat(command, options->rate, options->channels, "44100 Hz, 2 channels unless given");
   AddBits(command, options->bits, "16 unless given");
   AddDevice(command, options->device);

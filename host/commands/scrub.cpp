@@ -158,8 +158,9 @@ void AddScrub(CLI::App& app, Console& console) {
       app, console, "scrub", "Hear an audio file at a moving position", kScrubHelp, Scrub);
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("--at", options->at, "Positions to hear in sequence")
-      ->type_name("TIME,TIME,...");
-  command->add_option("--hold", options->hold, "Seconds to stay at each (0.5 unless given)")
+      ->option_text("TIME,TIME,...");
+  command->add_option("--hold", options->hold, "Time to stay at each (0.5 unless given)")
+      ->option_text("TIME")
       ->needs("--at");
   AddDevice(command, options->device);
   AddJson(command, options->json);

@@ -72,7 +72,12 @@ void AddDevice(CLI::App* command, std::optional<int>& device) {
                    "Sound device by its index (the system's default unless given); \"marlinda "
                    "devices\" lists them")
       ->option_text("N")
-      ->check(CLI::NonNegativeNumber);
+      ->check(CLI::Range(0, 999));
+}
+
+void AddFromTo(CLI::App* command, std::string& from, std::string& to) {
+  command->add_option("--from", from, "Start at this time")->option_text("TIME");
+  command->add_option("--to", to, "End at this time")->option_text("TIME");
 }
 
 int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,

@@ -44,6 +44,7 @@ std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
 void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);
 void AddDevice(CLI::App* command, std::optional<int>& device);
+void AddFromTo(CLI::App* command, std::string& from, std::string& to);
 
 // `standard` describes the default value in the help text.
 template <class Number>
