@@ -27,9 +27,6 @@ namespace {
 constexpr int kHeight = 320;
 constexpr int kRoom = 32;  // added to the minimum height of each lane
 
-constexpr int kMinSide = 32;
-constexpr int kMaxSide = 16384;
-
 void Collect(void* file, void* data, int size) {
   static_cast<std::string*>(file)->append(static_cast<const char*>(data),
                                           static_cast<std::size_t>(size));
@@ -66,14 +63,6 @@ void CheckPicture(const PictureRequest& request, const std::vector<std::string>&
   const std::string extension = ExtensionOf(request.file);
   if (extension != "png" && extension != "svg") {
     throw UsageError("plot", "a picture is written as .png or .svg", request.file);
-  }
-  for (const int side : {request.width, request.height.value_or(kHeight)}) {
-    if (side < kMinSide || side > kMaxSide) {
-      throw UsageError("plot",
-                       "width and height are " + std::to_string(kMinSide) + " to " +
-                           std::to_string(kMaxSide) + " pixels",
-                       request.file);
-    }
   }
   RequireWritablePlace(request.file, inputs);
 }

@@ -48,7 +48,8 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
 
 // Returns the error for a command line that does not parse.
 HostError WrongLine(const CLI::App& app, const std::vector<std::string>& arguments,
-                    const std::string& reason) {
+                    const CLI::ParseError& error) {
+  std::string reason = error.what();
   if (arguments.empty() || arguments[0].starts_with('-')) {
     return {ExitStatus::kUsage, "", reason, "See \"marlinda --help\"."};
   }
@@ -61,6 +62,12 @@ HostError WrongLine(const CLI::App& app, const std::vector<std::string>& argumen
     return {ExitStatus::kUsage, argument, "\"" + arguments[0] + "\" has no such option",
             "Put \"--\" before file names that begin with a dash, or see \"marlinda " +
                 arguments[0] + " --help\"."};
+  }
+  const std::size_t colon = reason.find(':');
+  if (error.get_name() == "ArgumentMismatch" && colon != reason.npos) {
+    const bool missing = reason.ends_with("missing");  // after the parser's name of a type
+    reason.replace(colon, reason.npos,
+                   missing ? ": its value is missing" : ": it may be given only once");
   }
   return UsageError(arguments[0], reason);
 }
@@ -90,7 +97,7 @@ int Run(Console& console) {
     // The parser expects the arguments in reverse.
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() != 0) throw WrongLine(app, arguments, error.what());
+    if (error.get_exit_code() != 0) throw WrongLine(app, arguments, error);
     std::ostringstream help;
     app.exit(error, help, help);
     console.Print(help.str());

@@ -99,9 +99,11 @@ void AddPlot(CLI::App& app, Console& console) {
   command->add_option("IN", options->input, "Audio file to read")->required();
   command->add_option("OUT.png|OUT.svg", picture.file, "Picture; an existing one is replaced")
       ->required();
-  command->add_option("--width", picture.width, "Pixels (1200 unless given)");
-  command->add_option("--height", picture.height,
-                      "Pixels (320 unless given, more for many channels)");
+  const auto add_side = [command](const char* name, auto& side, const char* help) {
+    command->add_option(name, side, help)->option_text("N")->check(CLI::Range(32, 16384));
+  };
+  add_side("--width", picture.width, "Pixels, 32 to 16384 (1200 unless given)");
+  add_side("--height", picture.height, "Pixels (320 unless given, more for many channels)");
   command
       ->add_option_function<std::string>(
           "--scale", [&picture](const std::string& name) { picture.style.decibels = name == "db"; },
