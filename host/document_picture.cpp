@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <new>
-#include <stdexcept>
 
 #include "host/channel_list.h"
 #include "host/file_name.h"
@@ -40,7 +39,7 @@ std::string Png(const Drawing& drawing) {
   return content;
 }
 
-PictureSize Draw(const Waveform& waveform, const PictureRequest& request) {
+int Draw(const Waveform& waveform, const PictureRequest& request) {
   const int channels = waveform.channels;
   const int height =
       request.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
@@ -54,7 +53,7 @@ PictureSize Draw(const Waveform& waveform, const PictureRequest& request) {
   const Drawing drawing =
       DrawWaveform(waveform, request.style, request.width, height, SystemFonts());
   WriteWholeFile(request.file, ExtensionOf(request.file) == "svg" ? drawing.Svg() : Png(drawing));
-  return {request.width, height};
+  return height;
 }
 
 }  // namespace
@@ -67,16 +66,8 @@ void CheckPicture(const PictureRequest& request, const std::vector<std::string>&
   RequireWritablePlace(request.file, inputs);
 }
 
-FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate) {
-  try {
-    return ResolveRange(request.range, frames, rate);
-  } catch (const std::invalid_argument& error) {
-    throw UsageError("plot", error.what(), "the range to draw");
-  }
-}
-
-PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                         const PictureRequest& request) {
+int DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                 const PictureRequest& request) {
   const auto reader = Query<IAudioReader>(document);
   LONG rate = 0;
   SHORT channels = 0;
@@ -84,7 +75,7 @@ PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
   __int64 frames = 0;
   Check(reader->GetSampleCount(&frames));
 
-  const FrameRange range = ResolveRange(request, frames, rate);
+  const FrameRange range = ResolveRange(request.range, frames, rate);
   // Columns without samples keep the initial value, silence. The method expects floats, although
   // the type library declares another type.
   const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
@@ -112,9 +103,8 @@ PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
   return Draw(waveform, request);
 }
 
-PictureSize DrawLevels(const ColumnLevels& levels, const FrameRange& range,
-                       const AudioFormat& format, const Annotations& annotations,
-                       const PictureRequest& request) {
+int DrawLevels(const ColumnLevels& levels, const FrameRange& range, const AudioFormat& format,
+               const Annotations& annotations, const PictureRequest& request) {
   const std::vector<float> rms = levels.RootMeanSquares();
   return Draw(
       {levels.pairs(), rms, {}, format.channels, range.begin, range.end, format.rate, annotations},

@@ -25,21 +25,13 @@ struct PictureRequest {
 // Checks the request; call it before a long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
-// Returns the frames to draw. Throws a HostError.
-FrameRange ResolveRange(const PictureRequest& request, std::int64_t frames, std::int32_t rate);
-
-struct PictureSize {
-  int width;
-  int height;
-};
-
-// Draws the document with the given labels and markers. Throws a HostError.
-PictureSize DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                         const PictureRequest& request);
+// Draws the document with the given labels and markers and returns the picture's height. Throws a
+// HostError, or std::invalid_argument if the document lacks the range.
+int DrawDocument(IEditedAudio* document, const Annotations& annotations,
+                 const PictureRequest& request);
 
 // Draws the range from its levels instead of a document.
-PictureSize DrawLevels(const ColumnLevels& levels, const FrameRange& range,
-                       const AudioFormat& format, const Annotations& annotations,
-                       const PictureRequest& request);
+int DrawLevels(const ColumnLevels& levels, const FrameRange& range, const AudioFormat& format,
+               const Annotations& annotations, const PictureRequest& request);
 
 }  // namespace marlinda

@@ -147,17 +147,23 @@ TimeRange ParseRange(std::string_view text) {
 }
 
 TimeRange ParseFromTo(std::string_view from, std::string_view to) {
-  return {ForOption("--from", ParseOptional, from), ForOption("--to", ParseOptional, to)};
+  const auto typed = [](const std::string& option, std::string_view text) {
+    return text.empty() ? "" : option + std::string(text) + " ";
+  };
+  return {ForOption("--from", ParseOptional, from), ForOption("--to", ParseOptional, to),
+          typed("--from ", from) + typed("--to ", to)};
 }
 
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate) {
   const FrameRange resolved = {range.begin ? range.begin->ToFrames(rate) : 0,
                                range.end ? range.end->ToFrames(rate) : frames};
   if (resolved.begin >= frames || resolved.end > frames) {
-    throw std::invalid_argument("the range reaches past the end of the audio (" +
+    throw std::invalid_argument("the range " + range.typed + "reaches past the end of the audio (" +
                                 Length(frames, rate) + ")");
   }
-  if (resolved.begin >= resolved.end) throw std::invalid_argument("the range holds no frame");
+  if (resolved.begin >= resolved.end) {
+    throw std::invalid_argument("the range " + range.typed + "holds no frame");
+  }
   return resolved;
 }
 

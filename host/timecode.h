@@ -33,6 +33,7 @@ class Timecode {
 struct TimeRange {
   std::optional<Timecode> begin;
   std::optional<Timecode> end;
+  std::string typed = {};  // the options and a space, for messages
 };
 
 // Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument, also if the text can

@@ -36,9 +36,9 @@ Colour ParseColour(const std::string& text) {
 
 // Draws the range while it is decoded, without storing it. Returns nothing if its columns are so
 // narrow that a pool is as fast, or if the file holds less than it announces.
-std::optional<PictureSize> DrawStream(Source& source, const FrameRange& range,
-                                      const AudioFormat& format, const Annotations& annotations,
-                                      const PictureRequest& picture, const Console& console) {
+std::optional<int> DrawStream(Source& source, const FrameRange& range, const AudioFormat& format,
+                              const Annotations& annotations, const PictureRequest& picture,
+                              const Console& console) {
   constexpr __int64 kMinFramesPerColumn = 256;
   const __int64 length = range.end - range.begin;
   if (length / picture.width < kMinFramesPerColumn) return std::nullopt;
@@ -59,33 +59,33 @@ void Plot(PlotOptions options, const Console& console) {
   Source source(options.input);
   const Annotations annotations = source.ReadAnnotations();
   ImportedAudio audio;
-  std::optional<PictureSize> size;
+  std::optional<int> height;
   FrameRange range;
   const auto expected = source.Expected();
   if (expected) {
     audio = *expected;
-    range = ResolveRange(options.picture, audio.frames, audio.format.rate);
-    size = DrawStream(source, range, audio.format, annotations, options.picture, console);
+    range = ResolveRange(options.picture.range, audio.frames, audio.format.rate);
+    height = DrawStream(source, range, audio.format, annotations, options.picture, console);
   }
-  if (!size) {
+  if (!height) {
     audio = expected ? source.ImportParts({range}, console) : source.Import(console);
     const auto document = NewDocument(audio.format, 32);
     SetAudio(document.Get(), audio);
-    size = DrawDocument(document.Get(), annotations, options.picture);
+    height = DrawDocument(document.Get(), annotations, options.picture);
   }
 
   if (options.json) {
     console.Print(Serialize(Json{{"input", options.input},
                                  {"filter", source.filter().class_name},
                                  {"picture", options.picture.file},
-                                 {"width", size->width},
-                                 {"height", size->height},
+                                 {"width", options.picture.width},
+                                 {"height", *height},
                                  {"frames", audio.frames},
                                  {"labels", ToJson(annotations.labels)},
                                  {"markers", ToJson(annotations.markers)}}));
   } else {
-    console.Print("drew " + options.picture.file + ": " + std::to_string(size->width) + " x " +
-                  std::to_string(size->height) + " pixels\n");
+    console.Print("drew " + options.picture.file + ": " + std::to_string(options.picture.width) +
+                  " x " + std::to_string(*height) + " pixels\n");
   }
 }
 

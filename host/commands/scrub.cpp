@@ -116,20 +116,22 @@ class Scrubber {
 };
 
 void Scrub(const ScrubOptions& options, const Console& console) {
-  std::vector<Timecode> times;
-  if (!options.at.empty()) times = ForOption("--at", ParseTimes, options.at);
+  if (!options.at.empty()) ForOption("--at", ParseTimes, options.at);
   const std::chrono::microseconds hold(
       ForOption("--hold", Timecode::Parse, options.hold).ToFrames(kMicrosecondsPerSecond));
-  if (times.empty() && !console.HasKeyboard()) {
+  if (options.at.empty() && !console.HasKeyboard()) {
     throw UsageError("scrub", "arrow keys need a terminal: give the positions with --at");
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
   const ImportedAudio audio = source.Import(console);
   std::vector<std::int64_t> positions;
-  for (const Timecode& time : times) {
-    positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
-  }
+  const auto resolve = [&](std::string_view text) {
+    for (const Timecode& time : ParseTimes(text)) {
+      positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
+    }
+  };
+  if (!options.at.empty()) ForOption("--at " + options.at, resolve, options.at);
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
   const auto document = NewDocument(audio.format, bits);
