@@ -324,6 +324,7 @@ std::optional<AcidData> Source::ReadAcidData() const {
 }
 
 void Source::Run(const Console& console) {
+  announced_ = Frames().value_or(0);
   ProgressBar bar(console.Progress(), "Reading");
   if (!RunTask(Query<ICoreTask>(filter_.Get()).Get(), bar, console)) throw NothingWritten(file_);
 }
@@ -472,12 +473,14 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // Ask after the import, because the length of a compressed file may be an estimate until then.
-  const std::optional<__int64> promised = Frames();
+  // The length of a compressed file may be an estimate before the import, and afterwards count only
+  // the frames that were decoded.
+  const __int64 promised = std::max(Frames().value_or(0),
+                                    audio.frames < announced_ - audio.format.rate ? announced_ : 0);
   const auto task = TryQuery<ICoreTask>(filter_.Get());
-  if (promised && audio.frames < *promised) {
+  if (audio.frames < promised) {
     console.Tell(file_ + ": only " + std::to_string(audio.frames) + " of " +
-                 std::to_string(*promised) + " frames could be decoded; the file seems damaged");
+                 std::to_string(promised) + " frames could be decoded; the file seems damaged");
   } else if (float progress = 1; task && SUCCEEDED(task->GetProgress(&progress)) && progress < 1) {
     console.Tell(file_ + ": only the first " + std::to_string(audio.frames) +
                  " frames were read; the rest cannot be decoded, or has another sample rate or "

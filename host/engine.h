@@ -187,6 +187,7 @@ class Source {
   ComPtr<IImportFilter> filter_;
   FilterIdentity identity_;
   ComPtr<IAudioPool> pool_;
+  __int64 announced_ = 0;  // the length before an import of the whole file
 };
 
 // The texts of a file.
