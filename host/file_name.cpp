@@ -42,18 +42,22 @@ void RefuseNoFile(const std::string& file, ExitStatus status) {
   }
 }
 
+// The engine opens files by functions that take at most MAX_PATH characters of the code page.
+bool Fits(const std::wstring& name) { return FitsCodePage(name) && name.size() < MAX_PATH; }
+
 // Returns the name if it fits, otherwise the short name if the file has one that fits.
 std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
   std::wstring name = Widen(file);
-  if (FitsCodePage(name)) return name;
+  if (Fits(name)) return name;
   std::wstring short_name(GetShortPathNameW(name.c_str(), nullptr, 0), L'\0');
   short_name.resize(
       GetShortPathNameW(name.c_str(), short_name.data(), static_cast<DWORD>(short_name.size())));
-  if (short_name.empty() || !FitsCodePage(short_name)) {
+  if (!short_name.empty() && Fits(short_name)) return short_name;
+  if (!FitsCodePage(name)) {
     throw HostError(otherwise, file, "the name holds characters that the engine cannot use",
                     "Choose a name, and a folder, whose letters belong to the system's code page.");
   }
-  return short_name;
+  return name;
 }
 
 }  // namespace
@@ -113,7 +117,7 @@ std::wstring EngineNameOfInput(const std::string& file) {
 }
 
 std::wstring EngineNameOfOutput(const std::string& file) {
-  if (!FitsCodePage(Widen(file))) OpenFile(file, GENERIC_WRITE, OPEN_ALWAYS, ExitStatus::kOutput);
+  if (!Fits(Widen(file))) OpenFile(file, GENERIC_WRITE, OPEN_ALWAYS, ExitStatus::kOutput);
   return FittingName(file, ExitStatus::kOutput);
 }
 
