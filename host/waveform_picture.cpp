@@ -189,7 +189,7 @@ class Canvas {
     if (waveform_.samples.empty()) {
       DrawColumns(channel, y_of, style_.wave.value_or(theme_.wave), top);
     } else {
-      DrawSamples(channel, y_of, style_.wave.value_or(theme_.wave));
+      DrawSamples(channel, y_of, style_.wave.value_or(theme_.wave), top);
     }
     for (const float level : {0.1F, 0.01F}) {  // -20 and -40 dB
       if (!style_.decibels) break;
@@ -242,21 +242,27 @@ class Canvas {
   }
 
   template <class YOf>
-  void DrawSamples(int channel, YOf y_of, Colour wave) {
+  void DrawSamples(int channel, YOf y_of, Colour wave, double top) {
     const auto channels = static_cast<std::size_t>(waveform_.channels);
     const std::size_t frames = waveform_.samples.size() / channels;
     const double space = drawing_.width() / static_cast<double>(frames);
+    const auto sample_of = [&](std::size_t frame) {
+      return waveform_.samples[frame * channels + static_cast<std::size_t>(channel)];
+    };
     const auto point_of = [&](std::size_t frame) {
-      const float sample = waveform_.samples[frame * channels + static_cast<std::size_t>(channel)];
-      return Point{static_cast<double>(frame) * space, y_of(sample)};
+      return Point{static_cast<double>(frame) * space, y_of(sample_of(frame))};
     };
     Outline shape;
+    Outline clipped;
     for (std::size_t frame = 0; frame < frames; ++frame) {
       const Point at = point_of(frame);
       if (frame + 1 < frames) shape.AddLine(at, point_of(frame + 1), 1.4);
       if (space >= kDotSpace) shape.AddLine({at.x - 2, at.y}, {at.x + 2, at.y}, 4);
+      if (std::abs(sample_of(frame)) >= kClipLevel)
+        clipped.AddLine({at.x - 2, top + 2}, {at.x + 2, top + 2}, 4);
     }
     drawing_.Fill(std::move(shape), wave);
+    drawing_.Fill(std::move(clipped), theme_.clip);
   }
 
   void DrawAxis() {
