@@ -1,6 +1,7 @@
 #include "host/channel_list.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <stdexcept>
 #include <string>
@@ -9,8 +10,6 @@ namespace marlinda {
 namespace {
 
 constexpr int kMaxChannels = 32;
-
-bool Names(std::uint32_t mask, int channel) { return (mask >> channel & 1U) != 0; }
 
 }  // namespace
 
@@ -35,7 +34,7 @@ std::uint32_t ParseChannelMask(std::string_view text) {
 std::vector<int> ChannelsOf(std::uint32_t mask, int channels) {
   std::vector<int> list;
   for (int channel = 0; channel < std::min(channels, kMaxChannels); ++channel) {
-    if (Names(mask, channel)) list.push_back(channel);
+    if ((mask >> channel & 1U) != 0) list.push_back(channel);
   }
   return list;
 }
@@ -45,13 +44,10 @@ std::string ChannelCount(int channels) {
 }
 
 void RequireChannels(std::uint32_t mask, int channels) {
-  for (int channel = channels; channel < kMaxChannels; ++channel) {
-    if (Names(mask, channel)) {
-      throw std::invalid_argument("there is no channel " + std::to_string(channel) +
-                                  ": the audio has " + std::to_string(channels) +
-                                  ", numbered from 0");
-    }
-  }
+  const int highest = std::bit_width(mask) - 1;
+  if (highest < channels) return;
+  throw std::invalid_argument("there is no channel " + std::to_string(highest) +
+                              ": the audio has " + std::to_string(channels) + ", numbered from 0");
 }
 
 }  // namespace marlinda

@@ -39,14 +39,12 @@ inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SH
   if (output == nullptr) return 0;
   const FloatArray owned(output);
   const auto ready = static_cast<__int64>(owned.samples().size()) / channels;
-  if (ready <= wanted) {
-    if (ready > 0) Check(writer->WriteAudio(owned.get()));
-    return ready;
-  }
-  const FloatArray head(static_cast<std::size_t>(wanted * channels));
+  const __int64 frames = std::min(ready, wanted);
+  if (frames == 0) return 0;
+  const FloatArray head(static_cast<std::size_t>(frames * channels));
   std::ranges::copy(owned.samples().first(head.samples().size()), head.samples().begin());
-  if (wanted > 0) Check(writer->WriteAudio(head.get()));
-  return wanted;
+  Check(writer->WriteAudio(head.get()));
+  return frames;
 }
 
 // Returns the output's format: the input's, with `rate` and `channels` replaced if given.

@@ -26,14 +26,13 @@ namespace {
 constexpr int kHeight = 320;
 constexpr int kRoom = 32;  // added to the minimum height of each lane
 
-void Collect(void* file, void* data, int size) {
-  static_cast<std::string*>(file)->append(static_cast<const char*>(data),
-                                          static_cast<std::size_t>(size));
-}
-
 std::string Png(const Drawing& drawing) {
   std::string content;
-  const bool encoded = stbi_write_png_to_func(Collect, &content, drawing.width(), drawing.height(),
+  const auto append = [](void* file, void* data, int size) {
+    static_cast<std::string*>(file)->append(static_cast<const char*>(data),
+                                            static_cast<std::size_t>(size));
+  };
+  const bool encoded = stbi_write_png_to_func(append, &content, drawing.width(), drawing.height(),
                                               3, drawing.Pixels().data(), 3 * drawing.width()) != 0;
   if (!encoded) throw std::bad_alloc();
   return content;

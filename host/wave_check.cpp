@@ -27,8 +27,6 @@ std::int64_t Number(const Bytes& bytes, std::size_t offset, std::size_t count) {
   return value;
 }
 
-constexpr std::int64_t PaddedToFour(std::int64_t bytes) { return (bytes + 3) / 4 * 4; }
-
 }  // namespace
 
 std::optional<WaveFileFacts> ExamineWaveFile(std::istream& file) {
@@ -60,7 +58,7 @@ std::optional<WaveFileFacts> ExamineWaveFile(std::istream& file) {
 }
 
 bool HoldsFrames(const WaveFileFacts& facts, std::int64_t frames) {
-  return facts.data_bytes == PaddedToFour(frames * facts.block_align);
+  return facts.data_bytes == (frames * facts.block_align + 3) / 4 * 4;
 }
 
 bool FitsWaveFile(std::int64_t frames, int channels, int bits) {

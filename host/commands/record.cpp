@@ -115,11 +115,10 @@ bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   }
 }
 
-// The reason why a recording ended early, or nothing if it did not.
-using Shortfall = std::optional<HostError>;
-
-Shortfall Record(ComPtr<IAudioReader> grabber, IAudioPool* pool, const AudioFormat& format,
-                 std::int64_t frames, const DeviceChoice& device, const Console& console) {
+// Returns why the recording ended early, or nothing.
+std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
+                                const AudioFormat& format, std::int64_t frames,
+                                const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
   // A stalled device may continue, but a lost one cannot be opened a second time. After this many
   // polls without a frame, Record tries to open the device.
@@ -186,7 +185,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   const auto pool = NewPool();
 
   const Console::Finishing finishing;
-  const Shortfall shortfall =
+  const auto shortfall =
       Record(OpenGrabber(device, format), pool.Get(), format, frames, device, console);
   const auto [take, ignored, recorded] = LastTake(pool.Get());
   if (recorded == 0) {

@@ -8,13 +8,6 @@
 #include "host/timecode.h"
 
 namespace marlinda {
-namespace {
-
-// Increase it when a key of a report is removed or changes its meaning, not for new keys.
-constexpr int kSchemaVersion = 2;
-
-}  // namespace
-
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
                      std::function<void()> action) {
   CLI::App* command = app.add_subcommand(name, description);
@@ -92,6 +85,8 @@ int OutputBits(const std::optional<int>& asked, const std::optional<int>& source
 }
 
 std::string Serialize(const Json& report) {
+  // Increase it when a key of a report is removed or changes its meaning, not for new keys.
+  constexpr int kSchemaVersion = 2;
   Json versioned = {{"schema_version", kSchemaVersion}};
   versioned.update(report);
   // Replace invalid UTF-8: names come from files, and one bad name must not prevent the report.
