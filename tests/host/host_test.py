@@ -116,6 +116,7 @@ class HostTest(ProgramTest):
             (2, ["frob"], "frob: there is no such command"),
             (2, convert, "See \"marlinda convert --help\""),
             (2, [*convert, self.out, "--bits", "12"], "--bits"),
+            (2, [*convert, self.out, "--bits"], "--bits: its value is missing"),
             (2, [*convert, self.folder / "out.mp3", "--bits", "24"], "only WAV files"),
             (2, [*convert, self.folder / "out.flac"], "out.flac"),
             (2, ["convert", same, self.folder / "." / "same.wav"], "input file itself"),
@@ -123,10 +124,10 @@ class HostTest(ProgramTest):
             (2, [*cut, "--keep", "0:3.1"], "132300 frames"),
             (2, [*cut, "--keep", "0:1", "--plot", self.folder / "out.jpg"], "out.jpg"),
             (2, [*cut, "--keep", ":1", "--label", "0:日本"], "日本"),
-            (2, [*plot, "--width", "31"], "32 to 16384 pixels"),
+            (2, [*plot, "--width", "31"], "32 to 16384"),
             (2, [*plot, "--width", "99999999999"], "--width"),
             (2, [*plot, "--from", "soon"], '--from: "soon" is not a time'),
-            (2, [*plot, "--from", "0:02", "--to", "1"], "holds no frame"),
+            (2, [*plot, "--from", "0:02", "--to", "1"], "--from 0:02 --to 1 holds no frame"),
             (2, ["plot", same, same], ".png"),
             (3, ["info", "com1"], "belongs to a device"),
             (3, ["info", self.folder / "missing.ogg"], "does not exist"),
@@ -175,6 +176,20 @@ class HostTest(ProgramTest):
             # Two codes of the source. A float holds their upper 24 bits.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
+        # NaN is silence, infinity is full scale.
+        source.write_bytes(struct.pack("<4sI8sIHHIIHH4sI2f", b"RIFF", 44, b"WAVEfmt ", 16, 3, 1, RATE, 4 * RATE, 4, 32,
+                                       b"data", 8, math.nan, math.inf))
+        self.succeed("convert", source, self.out, "--bits", "16")
+        self.assertEqual(frames_of(self.out), struct.pack("<2h", 0, 32767))
+        report = self.report("stats", source)
+        self.assertEqual([report[key] for key in ("peak_dbfs", "clipped_samples", "silent_frames_at_start")], [0, 1, 1])
+
+    def test_paths_may_have_more_than_260_characters(self):
+        far = self.folder.joinpath(*["d" * 50] * 6)
+        far.mkdir(parents=True)
+        self.succeed("convert", self.ogg, far / "in.wav")
+        self.succeed("cut", far / "in.wav", far / "out.wav", "--keep", ":1")
+        self.assertEqual(frames_of(far / "out.wav"), self.piece(0, RATE))
 
     def test_a_damaged_file_is_converted_up_to_where_it_ends(self):
         hole = self.folder / "hole.ogg"
@@ -204,7 +219,7 @@ class HostTest(ProgramTest):
         self.assertEqual(frames_of(whole)[:2 * RATE], self.piece(RATE // 2, RATE))
 
     def test_cut_joins_pieces_to_the_frame_and_places_silence_labels_and_markers(self):
-        self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "1000f:2001f", "--keep", ":0.1")
+        self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "--keep", "1000f:2001f", "--keep", ":0.1")
         self.assertEqual(frames_of(self.out), self.piece(110250, FRAMES) + self.piece(1000, 2001) + self.piece(0, 4410))
         report = self.report(
             "cut", self.ogg, self.out, "--keep", "0:1", "--keep", "2:3", "--silence", "1:0.5", "--silence", "0:1f",
@@ -371,7 +386,7 @@ class HostTest(ProgramTest):
 
     def test_cut_draws_its_result(self):
         # Long enough to be drawn from peaks.
-        self.succeed("cut", self.ogg, self.out, "--keep", ":", ":", "--silence", "6:6", "--plot", self.png)
+        self.succeed("cut", self.ogg, self.out, "--keep", ":", "--keep", ":", "--silence", "6:6", "--plot", self.png)
         picture = Picture(self.png)
         self.assertEqual(picture.size, (1200, 320))
         self.assertGreater(len(picture.wave(300, 0, 146)), 20)
@@ -472,6 +487,10 @@ class DoctorTest(ProgramTest):
             self.assertEqual((report[file]["path"], report[file]["bits"]), (windows(path), BITS))
         self.assertEqual(report["type_library"], {"name": "Marlinda 1.0 Type Library", "path": windows(MODULE)})
         self.assertEqual([state["available"] for state in report["classes"]], [True] * 14)
+        failures = {each["kind"]: each["failure"] for each in report["decoding"]}
+        self.assertEqual({failures[kind] for kind in ("AIFF", "AU", "MP3", "OGG", "WAV")}, {None})
+        # Its filter is not registered.
+        self.assertEqual(failures["FLAC"], "no working decoder")
         text = subprocess.check_output([ROOT / "scripts/sound-session", WINE, PROGRAM, "doctor"],
                                        stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL).decode()
         self.assertEqual(text.splitlines()[-1], "no problems", text)
