@@ -11,7 +11,7 @@ namespace {
 
 using Bytes = std::span<const std::byte>;
 
-constexpr std::size_t kImaHeaderBytes = 4;  // of each channel
+constexpr std::size_t kImaHeaderBytes = 4;  // per channel
 constexpr std::size_t kMsHeaderBytes = 7;
 
 constexpr int kImaSteps[] = {
@@ -45,7 +45,7 @@ int Nibble(std::byte byte, bool high) noexcept {
   return std::to_integer<int>(high ? byte >> 4 : byte & std::byte{15});
 }
 
-// The channels take turns, four bytes (eight codes) each.
+// The channels alternate every four bytes (eight codes).
 void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {
@@ -69,7 +69,7 @@ void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> sample
   }
 }
 
-// The channels take turns code by code. A block with an unknown predictor is silent.
+// The channels alternate with each code. Decodes a block with an unknown predictor as silence.
 void DecodeMs(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {

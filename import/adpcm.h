@@ -1,5 +1,5 @@
-// Decodes the two ADPCM codings of wave files. A block begins with whole samples; each later sample
-// takes four bits.
+// Decodes the two ADPCM codings of wave files. A block begins with uncompressed samples. Each later
+// sample takes four bits.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,10 @@
 
 namespace marlinda {
 
-// Returns the frames in a block of `bytes` bytes, or 0 if it is too short for its header.
+// Returns the frames in a block of `bytes` bytes, or 0 if the block is too short for its header.
 std::size_t AdpcmFrames(Coding coding, std::size_t channels, std::size_t bytes) noexcept;
 
-// Decodes the first frames of a block into `samples`, interleaved, until `samples` is full. The
-// block must hold that many frames.
+// Fills `samples` with the first frames of a block, interleaved. The block must hold enough frames.
 void DecodeAdpcm(Coding coding, std::size_t channels, std::span<const std::byte> block,
                  std::span<std::int16_t> samples) noexcept;
 

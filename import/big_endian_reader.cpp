@@ -16,8 +16,8 @@ constexpr std::size_t kAuHeaderBytes = 24;
 
 using Bytes = std::span<const std::byte>;
 
-// Converts the rate of an AIFF file, an 80-bit float: sign and exponent, then all bits of the
-// fraction. Returns 0 for an impossible rate.
+// Converts the rate of an AIFF file from an 80-bit float: 16 bits of sign and exponent, then 64
+// bits of fraction. Returns 0 for a rate below 1 or above the range of the result.
 std::int32_t RateFrom80Bits(Bytes bytes) {
   const auto exponent = static_cast<int>(ReadBig<2>(bytes, 0));
   const auto fraction = static_cast<double>(ReadBig<8>(bytes, 2));
@@ -30,7 +30,7 @@ bool IsPossible(const PcmFormat& format) {
   return format.channels > 0 && format.samples_per_sec > 0 && format.FrameBytes() <= kMaxFrameBytes;
 }
 
-// Limits the frames to whole ones within `promised` bytes and within the file.
+// Reduces the number of frames to the whole frames within `promised` bytes and within the file.
 PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
   const std::uint64_t there = file.size() - std::min(pcm.offset, file.size());
   const std::uint64_t whole = std::min(promised, there) / pcm.FrameBytes();
@@ -43,7 +43,7 @@ struct Encoding {
   std::string_view type;
   bool is_float;
   bool big_endian;
-  int bits;  // 0 for the width in the common chunk
+  int bits;  // 0 if the common chunk gives the width
   Coding coding = Coding::kLinear;
 };
 constexpr Encoding kEncodings[] = {
@@ -64,7 +64,7 @@ constexpr Encoding kEncodings[] = {
 
 struct AiffChunks {
   std::vector<std::byte> common;
-  std::uint64_t sound_offset = 0;  // 0 without sound
+  std::uint64_t sound_offset = 0;  // 0 if the file has no sound chunk
   std::uint64_t sound_bytes = 0;
 };
 

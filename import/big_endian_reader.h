@@ -1,5 +1,5 @@
-// Reads the headers of AIFF, AIFF-C and AU files: where the samples are and how many. Input is
-// untrusted.
+// Reads the position and number of the samples from the headers of AIFF, AIFF-C and AU files. Input
+// is untrusted.
 #pragma once
 
 #include "import/byte_source.h"
@@ -7,7 +7,7 @@
 
 namespace marlinda {
 
-// Both return nothing if the file is of another kind. Samples that need a decoder are refused: the
+// Both functions return nothing if the file is of another kind. They refuse compressed samples: the
 // system's filters crash on such AIFF-C files and play the header of such AU files as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);

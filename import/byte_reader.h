@@ -9,9 +9,9 @@
 
 namespace marlinda {
 
-// Stop after this many chunks, so that a crafted file cannot keep a reader busy.
+// A reader stops after this many chunks, so that a crafted file cannot keep the reader busy.
 inline constexpr int kMaxChunks = 65536;
-// Marks a size that is stored elsewhere or unknown, as in a file that was written to a pipe.
+// A size field holds this value if the size is stored elsewhere or unknown, as in piped files.
 inline constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
 // The caller must have checked that the bytes at `offset` exist.

@@ -32,7 +32,7 @@ bool CodecMemory::Take(std::size_t bytes) noexcept {
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
-  // Keeps the alignment of malloc for the contents.
+  // Keeps the contents, which follow the Block, aligned as by malloc.
   static_assert(sizeof(Block) % (2 * sizeof(void*)) == 0);
   Block* const old = contents != nullptr ? static_cast<Block*>(contents) - 1 : nullptr;
   CodecMemory* const owner = old != nullptr ? old->owner : ThreadSlot<CodecMemory>::Get();
@@ -74,8 +74,8 @@ void CodecMemory::Free(void* contents) noexcept {
 
 }  // namespace marlinda
 
-// scripts/build-dependencies makes the library call these instead of malloc, calloc, realloc and
-// free.
+// scripts/build-dependencies makes the library call these functions instead of malloc, calloc,
+// realloc and free.
 extern "C" {
 
 void* marlinda_codec_malloc(std::size_t size) {

@@ -1,9 +1,9 @@
 // CodecMemory: the heap of one decoder of the codec library. scripts/build-dependencies builds the
-// library to allocate here. The library does not check the result of malloc, so a small file that
-// announces huge tables would crash the host. Here a failed request, or one beyond the decoder's
-// limit, throws std::bad_alloc through the library. The decoder's state is then inconsistent and
-// must not be used again; this object's destructor frees its blocks. A library built otherwise uses
-// its own heap, without this protection.
+// library to allocate from CodecMemory. The library does not check the result of malloc, so a small
+// file that announces huge tables would crash the host. CodecMemory throws std::bad_alloc through
+// the library if memory runs out or the decoder's limit is reached. The decoder's state is then
+// inconsistent and must not be used again; ~CodecMemory frees the blocks. A library that was built
+// without that script has its own heap and lacks this protection.
 #pragma once
 
 #include <atomic>
@@ -11,14 +11,14 @@
 
 namespace marlinda {
 
-// One thread at a time may use an object. The parts of a whole may be used on different threads.
+// A whole and its parts share one limit. Each may be used on one thread of its own.
 class CodecMemory {
  public:
-  // Limit in bytes for all blocks of a whole.
+  // Limit in bytes for the blocks of a whole and of its parts together.
   static constexpr std::size_t kMaxBytes = std::size_t{128} << 20;
 
-  // While it lives, blocks that the library allocates on this thread belong to `memory`. Blocks
-  // allocated without a Use have no owner. Throws std::bad_alloc.
+  // While a Use exists, `memory` owns the blocks that the library allocates on this thread. Without
+  // a Use, blocks have no owner. The constructor throws std::bad_alloc.
   class Use {
    public:
     explicit Use(CodecMemory& memory);
@@ -31,23 +31,23 @@ class CodecMemory {
   };
 
   CodecMemory() = default;
-  // A part of `whole`, which must outlive it. Their blocks count against one limit.
+  // Makes a part of `whole`, which must outlive the part.
   explicit CodecMemory(CodecMemory* whole) : whole_(whole) {}
-  // Frees the blocks that the library has not freed: some after a damaged file, all after an
-  // exception.
+  // Frees the blocks that the library has not freed. The library leaves some blocks after a damaged
+  // file and all blocks after an exception.
   ~CodecMemory();
 
-  // Bytes in all blocks of the whole.
+  // Bytes in the blocks of the whole and of its parts together.
   std::size_t held() const noexcept { return whole_->held_; }
 
-  // The library's malloc and realloc. `contents` may be null; they are unchanged if it throws. A
-  // growing block gets spare room, because the library asks for one more page each time.
+  // Acts as malloc if `contents` is null, otherwise as realloc. If Resize throws, the old block is
+  // unchanged. A growing block gets spare room, because the library adds one page at a time.
   static void* Resize(void* contents, std::size_t size);
   static void Free(void* contents) noexcept;
 
  private:
-  // Precedes the contents. The blocks of one owner form a ring; a block without an owner is a ring
-  // of one.
+  // A Block precedes the contents of each allocation. The blocks of one owner form a ring. A block
+  // without an owner forms a ring of its own.
   struct Block {
     Block* previous = this;
     Block* next = this;
@@ -55,7 +55,7 @@ class CodecMemory {
     std::size_t size = sizeof(Block);  // including the contents and spare room
   };
 
-  // Returns false and takes nothing if the limit would be exceeded.
+  // Counts `bytes` against the limit. Returns false and counts nothing if they exceed the limit.
   bool Take(std::size_t bytes) noexcept;
 
   Block blocks_;

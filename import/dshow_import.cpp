@@ -22,10 +22,10 @@
 
 namespace marlinda {
 
-// A file on disk, open for reading. Other programs may read and write it meanwhile.
+// A file on disk, open for reading. Other programs may read and write the file meanwhile.
 class FileSource final : public ByteSource {
  public:
-  // Returns false if the file cannot be opened or is not on disk. Call it once.
+  // Returns false if the file cannot be opened or is not on disk. Call Open once.
   bool Open(const std::wstring& name) noexcept {
     file_.Reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -108,13 +108,13 @@ LONG AverageBytesPerSec(const DShowSource& source) {
   return static_cast<LONG>(std::min<double>(rate * frame_bytes, std::numeric_limits<LONG>::max()));
 }
 
-// At least 1.
+// Returns at least 1.
 std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
 }
 
-// Replaces the estimated length. After a complete run it becomes the position. After an error it
-// becomes at least one more than the position, so that progress stays below 1.
+// Replaces the estimated length at the end of a run. A complete run sets it to the position. A run
+// with an error makes it greater than the position, so that progress stays below 1.
 void NoteEnd(bool ended_well, DShowImportJob& job) {
   const __int64 position = job.position;
   if (ended_well && position > 0) {
@@ -137,7 +137,7 @@ void WriteSamplesOf(FileSource& file, const PcmData& pcm, std::int64_t first, DS
     block.Resize(frames * channels);
     const std::size_t samples =
         ReadSamples(file, pcm, first + job.position, block.samples(), scratch);
-    // A read error.
+    // 0 samples mean a read error.
     if (samples == 0) return;
     block.Resize(samples);
     target->WriteAudio(block.get());
@@ -177,7 +177,7 @@ void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImpo
 
 void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWriter* target) {
   const auto stream = DShowStream::Open(file_name);
-  // Filters may have been installed since Initialize, and may deliver another format.
+  // A filter that was installed after Initialize may deliver another format.
   if (stream == nullptr || stream->format() != job.format) return NoteEnd(false, job);
   SampleArray block(kImportBlockSamples);
   std::vector<std::byte> bytes;
@@ -189,14 +189,14 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 
 }  // namespace
 
-// One Initialize serves one run, as with the other import filters.
+// Each run needs its own Initialize, as with the other import filters.
 //
-// WAV, AIFF, AU and MPEG audio files are read without the system's filters, except WAV files with a
-// rare compression. Those, Windows Media, AVI and MPEG program streams use a filter graph. All
-// other files are refused.
+// This class decodes WAV, AIFF, AU and MPEG audio files itself, except WAV files with a rare
+// compression. Such WAV files, Windows Media, AVI and MPEG program streams need a graph of the
+// system's filters. All other files are refused.
 //
-// Metadata, labels, section markers and loop data belong to the file most recently named by
-// Initialize or SetFilename. They are read-only.
+// Metadata, labels, section markers and loop data are read-only. They come from the file that
+// Initialize or SetFilename opened last.
 class CDShowImport final
     : public AnnotationSupport<
           CDShowImport,
@@ -205,7 +205,7 @@ class CDShowImport final
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowImport;
 
-  // Below the Ogg Vorbis import, which wins if both accept a file.
+  // Lower than the merit of the Ogg Vorbis import, which wins if both filters accept a file.
   static constexpr SHORT kMerit = 100;
   static constexpr UINT kNameText = IDS_LOADING;
   static constexpr UINT kFilterTexts[] = {IDS_DSHOW_FILTER};
@@ -213,16 +213,16 @@ class CDShowImport final
       "*.wav;*.aif;*.aiff;*.mp3;*.mpg;*.mpeg;*.wma;*.au;*.avi;*.wmv";
   static constexpr bool kReadsNotes = true;
 
-  // IImportFilter. Returns S_FALSE if the file cannot be opened; E_FAIL if nothing can decode it,
-  // it has no sound or its header contradicts itself.
+  // IImportFilter. Returns S_FALSE if the file cannot be opened. Returns E_FAIL if no decoder
+  // accepts the file, the file has no sound, or its header contradicts itself.
   STDMETHODIMP QueryCanLoad(BSTR bstrFileName) override {
     return ComCall([&] {
       DShowSource source;
       return OpenSource(bstrFileName, source);
     });
   }
-  // Fails with E_FAIL while a run is active, or if QueryCanLoad does not return S_OK. The object is
-  // then unchanged.
+  // Fails with E_FAIL while a run is active, or if QueryCanLoad does not return S_OK for the file.
+  // A failure leaves the object unchanged.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
     if (worker_.IsRunning()) return E_FAIL;
     return ComCall([&] {
@@ -243,8 +243,8 @@ class CDShowImport final
     });
   }
 
-  // IMetaDataReader. Fails with E_FAIL unless QueryCanLoad returns S_OK; the object is then
-  // unchanged.
+  // IMetaDataReader. Fails with E_FAIL unless QueryCanLoad returns S_OK for the file. A failure
+  // leaves the object unchanged.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override {
     return ComCall([&] {
       DShowSource source;
@@ -283,8 +283,8 @@ class CDShowImport final
       WriteDecoded(source.file_name, job, target);
     }
   }
-  // Only files that are read directly support sections. An MPEG audio frame depends on earlier
-  // frames, and a system filter only estimates the length.
+  // Returns 0 for MPEG audio, whose frames depend on earlier frames, and for a graph of the
+  // system's filters, which only estimate the length.
   static __int64 SectionFrames(const DShowImportJob& job) {
     return job.source->info.pcm ? job.source->total : 0;
   }

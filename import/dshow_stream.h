@@ -27,12 +27,11 @@
 
 namespace marlinda {
 
-// The last filter of a graph. It accepts uncompressed audio of any format on one input pin and
-// passes it to the thread that reads the stream.
+// The last filter of a graph. It accepts uncompressed audio of any format on one input pin.
 //
-// The graph's threads deliver into the pin; one other thread takes the blocks. A delivery waits
-// until the block before it has been taken, so the graph decodes as fast as it is read, independent
-// of any clock.
+// The graph's threads deliver blocks into the pin, and one other thread takes the blocks. A
+// delivery waits until the previous block has been taken. The graph therefore decodes only as fast
+// as the other thread takes blocks, independent of any clock.
 class AudioSink final : public GraphFilter {
  public:
   static ComPtr<AudioSink> Make() { return new AudioSink; }
@@ -45,7 +44,7 @@ class AudioSink final : public GraphFilter {
   }
 
   enum class Outcome { kBlock, kEnded, kNothingYet };
-  // Waits at most `milliseconds` for the next block of whole frames and stores it in `block`.
+  // Stores the next block of whole frames in `block`. Waits at most `milliseconds`.
   AudioSink::Outcome Take(std::vector<std::byte>& block, DWORD milliseconds) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
@@ -59,7 +58,7 @@ class AudioSink final : public GraphFilter {
     return ended_ ? Outcome::kEnded : Outcome::kNothingYet;
   }
 
-  // Refuses all further deliveries and wakes a waiting one, so that the graph can stop.
+  // Refuses all further deliveries and wakes a waiting delivery, so that the graph can stop.
   void Abandon() {
     const std::lock_guard lock(mutex_);
     abandoned_ = true;
@@ -69,7 +68,8 @@ class AudioSink final : public GraphFilter {
   // Also wakes a waiting delivery.
   STDMETHODIMP Stop() override {
     const HRESULT hr = GraphFilter::Stop();
-    // Under the lock: otherwise a delivery could check the state before the stop and wait after it.
+    // Notifies under the lock, so that no delivery checks the state before the stop and waits
+    // after.
     const std::lock_guard lock(mutex_);
     changed_.notify_all();
     return hr;
@@ -170,7 +170,7 @@ class AudioSink final : public GraphFilter {
   bool abandoned_ = false;
 };
 
-// A source filter that splits the file itself has several outputs; some carry no sound.
+// Some source filters split the file themselves and have several outputs, some without sound.
 inline bool ConnectAnyOutput(const FilterGraph& graph, IBaseFilter* source, IPin* sink) {
   bool connected = false;
   ForEachPin(source, PINDIR_OUTPUT,
@@ -202,16 +202,16 @@ inline KernelHandle MakeEvent(bool manual_reset) {
   return event;
 }
 
-// Use it on one thread. The graph is built, run and released on a worker thread: it must not live
-// in the host's apartment, and some decoders wait forever for the missing part of a damaged file. A
-// graph that stalls for fifteen seconds is abandoned: its thread is detached and keeps the module
-// loaded.
+// Use an object on one thread. A worker thread builds, runs and releases the graph, because the
+// graph must not live in the host's apartment, and some decoders wait forever for the missing part
+// of a damaged file. If the graph stalls for fifteen seconds, the worker thread is detached and
+// keeps the module loaded.
 //
-// A decoder without a threading model is created on the host's first thread. Therefore Open and the
-// destructor serve incoming COM calls while they wait.
+// COM creates a decoder without a threading model on the host's first thread. Therefore Open and
+// the destructor serve incoming COM calls while they wait.
 class DShowStream {
  public:
-  // Returns null if no filter can decode the file, or it has no sound.
+  // Returns null if no filter can decode the file, or if the file has no sound.
   static std::unique_ptr<DShowStream> Open(const std::wstring& file_name) {
     std::unique_ptr<DShowStream> stream(new DShowStream);
     const auto job = std::make_shared<Job>(file_name);
@@ -244,11 +244,11 @@ class DShowStream {
 
   const PcmFormat& format() const noexcept { return format_; }
 
-  // Frames by the duration that the filters report, or 0 if they report none. A compressed file may
-  // hold more or fewer.
+  // The number of frames by the duration that the filters report, or 0 if they report none. A
+  // compressed file may hold more or fewer frames.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
-  // Stores the next whole frames in `block`. Returns false at the end, and earlier after an error
+  // Stores the next whole frames in `block`. Returns false at the end of the stream, after an error
   // in the graph, after a stall of fifteen seconds, or once `cancelled` is set.
   bool Read(std::vector<std::byte>& block, const std::atomic<bool>& cancelled) {
     if (!job_->run.exchange(true)) SetEvent(job_->ordered.get());
@@ -268,7 +268,7 @@ class DShowStream {
     return false;
   }
 
-  // True once everything up to the end of the stream has been read.
+  // True once Read has reached the end of the stream without an error.
   bool has_ended_well() const noexcept { return ended_well_; }
 
  private:

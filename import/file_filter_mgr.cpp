@@ -14,10 +14,10 @@
 namespace marlinda {
 namespace {
 
-// A filter needs a higher merit to be chosen.
+// A filter whose merit is not above this value is never chosen.
 constexpr SHORT kNoMerit = -1;
 
-// Returns the class identifiers in the registry's list as text; none if the key cannot be opened.
+// Returns the class identifiers in the registry's list as text, or none if there is no list.
 std::vector<std::string> ListedClasses() {
   std::vector<std::string> names;
   std::vector<std::string> class_ids;
@@ -46,8 +46,8 @@ SHORT MeritOf(IImportFilter* filter) {
 
 }  // namespace
 
-// Only the registry's list counts, so that filters of other modules can join. This module's filters
-// must be listed too. Every call reads the list again. Invalid entries and classes that cannot be
+// Every call reads the filters from the registry's list, where other modules can add filters. This
+// module's filters must be in the list too. Entries that are invalid or whose class cannot be
 // created are skipped.
 class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
  public:
@@ -63,8 +63,8 @@ class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
       for (const std::string& class_id : ListedClasses()) {
         ComPtr<IImportFilter> filter = CreateFilter(class_id);
         if (filter == nullptr) continue;
-        // Only S_OK accepts the file; S_FALSE refuses it. Among equal merits the first in the list
-        // wins.
+        // Only S_OK means that the filter accepts the file. Of filters with equal merit, the first
+        // in the list wins.
         const bool accepts = filter->QueryCanLoad(bstrPathName) == S_OK;
         const SHORT merit = MeritOf(filter.Get());
         if (!accepts || merit <= best_merit) continue;

@@ -1,5 +1,5 @@
-// ImportTask: extends FilterTask by the parts common to import filters: source format, tags, and
-// the run from source to writer.
+// ImportTask extends FilterTask by the parts that all import filters share: the source's format,
+// tags, and the run from source to writer.
 #pragma once
 
 #include "core/com_ptr.h"
@@ -26,9 +26,9 @@ struct ImportJob : TaskJob {
 
 // `Class` provides three static functions:
 // - WriteBlocks(Job&, Source&, IAudioWriter*) runs on the worker.
-// - SectionFrames(const Job&) returns the exact length if any part of the file can be imported,
-//   otherwise 0.
-// - Select(Job&, first, count) prepares the source for a part.
+// - SectionFrames(const Job&) returns the exact length in frames if the filter can import a section
+//   of the file, otherwise 0.
+// - Select(Job&, first, count) prepares the source to import only this section.
 template <class Class, class Job, class... Interfaces>
 class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> {
  public:
@@ -45,12 +45,13 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
   STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
     return SetOut(pnBitsPerSample, Format().bits);
   }
-  // The file's average.
+  // The average over the file.
   STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override {
     return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
 
-  // ICoreTask. Fails with E_FAIL without a file or a writer, and after the first start.
+  // ICoreTask. Fails with E_FAIL if file or writer is missing, or after an earlier successful
+  // Start.
   STDMETHODIMP Start() override {
     if (job_ == nullptr || job_->started || !job_->source || !job_->writer) return E_FAIL;
     const HRESULT hr = worker_.Start([job = job_] { Run(*job); });
@@ -90,20 +91,20 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
  private:
   PcmFormat Format() const { return job_ != nullptr ? job_->format : PcmFormat(); }
 
-  // Also 0 if there is nothing to start.
+  // Also returns 0 before a successful Initialize and after Start.
   __int64 SectionFrames() const {
     return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;
   }
 
-  // Ignores the writer's results: a failing writer loses samples, and its owner can query it.
+  // Ignores the writer's results. A failing writer loses samples; the host can query the writer.
   static void Run(Job& job) {
-    // Released when the run ends, so that a finished task keeps no file open and no reference to a
+    // Run releases both at its end. A finished task then keeps no file open, and no reference to a
     // writer that may refer to this filter.
     const auto source = std::move(job.source);
     const auto target = std::move(job.writer);
     target->SetFormat(job.format.samples_per_sec, job.format.channels);
     target->OpenDevice();
-    // ComCall, because an exception must not leave the device open.
+    // ComCall catches exceptions, so that CloseDevice follows in any case.
     ComCall([&] { Class::WriteBlocks(job, *source, target.Get()); });
     target->CloseDevice();
   }

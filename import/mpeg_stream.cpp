@@ -12,7 +12,7 @@
 
 namespace marlinda {
 
-// The decoder's callbacks for reading the range. Buffered, because each call reads few bytes.
+// The decoder's callbacks. Reads the range through a buffer, because each call reads few bytes.
 struct MpegStream::Reader {
   static mpg123_ssize_t Read(void* stream, void* out, std::size_t bytes) noexcept {
     auto& self = *static_cast<MpegStream*>(stream);
@@ -77,8 +77,8 @@ bool MpegStream::FindFrames() {
   if (!IsLikely()) return false;
   samples_per_sec_ = rate;
   channels_ = static_cast<std::int16_t>(channels);
-  // From here on, every frame is converted to this format, and the search for the next frame after
-  // damage has no limit.
+  // From here on, the library converts every frame to this format and searches without limit for
+  // the next frame after damage.
   mpg123_format_none(handle);
   mpg123_param(handle, MPG123_RESYNC_LIMIT, -1, 0);
   return mpg123_format(handle, rate, channels, MPG123_ENC_SIGNED_16) == MPG123_OK &&
@@ -86,9 +86,8 @@ bool MpegStream::FindFrames() {
 }
 
 // Any large file contains bytes that look like a frame. A stream that begins with a frame or a tag
-// must have a second frame, damaged or not; any other stream must have four without a gap. Tables
-// in programs look like layer 1 frames, which are not used in practice, so such a stream must begin
-// with one.
+// needs a second frame, with or without a gap. Any other stream needs four frames without a gap,
+// none of them of layer 1. Layer 1 is not used in practice, but tables in programs look like it.
 bool MpegStream::IsLikely() {
   constexpr std::string_view kTag = "ID3";
   mpg123_handle* const handle = handle_.get();

@@ -15,9 +15,9 @@ struct mpg123_handle_struct;
 
 namespace marlinda {
 
-// Omits the encoder's delay and padding if the file states them. Damaged frames become silence,
-// bytes between frames are skipped, and frames of another format are converted to the first
-// frame's.
+// Omits the encoder's delay and padding if the file states them. Damaged frames become silence.
+// Bytes between frames are skipped. Frames of another format are converted to the first frame's
+// format.
 class MpegStream {
  public:
   // Returns null if there are no frames. `file` must outlive the stream.
@@ -28,14 +28,14 @@ class MpegStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Returns the length by all MPEG frame headers, 0 on failure. Call it before the first Read.
+  // Returns the length by all MPEG frame headers, or 0 on failure. Call it before the first Read.
   std::int64_t CountFrames();
 
-  // Fills `samples`, whose size is a whole number of frames, and returns the number of samples:
-  // fewer at the end of the stream.
+  // Fills `samples`, whose size must be a whole number of frames. Returns the number of samples,
+  // which is smaller at the end of the stream.
   std::size_t Read(std::span<std::int16_t> samples);
 
-  // True once everything up to the end of the range has been read.
+  // True once Read has reached the end of the range without an error.
   bool has_ended_well() const noexcept { return ended_well_; }
 
  private:
@@ -52,7 +52,7 @@ class MpegStream {
   ByteSource& file_;
   const ByteRange range_;
   std::uint64_t position_ = 0;  // of the decoder's next byte, in the range
-  // The first `buffered_` bytes are those at `buffer_begin_` in the range.
+  // The first `buffered_` bytes of the buffer come from `buffer_begin_` in the range.
   std::vector<std::byte> buffer_;
   std::uint64_t buffer_begin_ = 0;
   std::size_t buffered_ = 0;

@@ -9,8 +9,8 @@
 
 namespace marlinda {
 
-// Ignores the position of a read: reads before the start or past the end succeed with silence. The
-// sample count is only information for the client. All three values are 0 before Create.
+// Reads succeed with silence at any position, also before the start and past the end. The sample
+// count only informs the client. Sample count, rate and channels are 0 before Create.
 class CNullReader final : public Object<CNullReader, INullReader, IAudioReader, IPeakReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CNullReader;

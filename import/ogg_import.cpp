@@ -37,15 +37,15 @@ struct OggImportJob : ImportJob<VorbisStream> {
   __int64 readable = 0;  // frames before the first change of format
 };
 
-// One Initialize serves one run: it opens the file; Start decodes it to its end and closes it.
-// Initialize again to import another file.
+// Each run needs its own Initialize, which opens the file. Start decodes and closes the file. If a
+// chain changes its format, only the frames before the change are imported.
 //
 // Progress stays below 1 if a damaged file, a change of format or a lack of memory ends the run.
 class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilter, IExFormatInfo,
                                            ICoreTask, IMetaDataReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_COggImport;
-  // Above the DirectShow import, which loses if both accept a file.
+  // Higher than the merit of the DirectShow import, which loses if both filters accept a file.
   static constexpr SHORT kMerit = 200;
   static constexpr UINT kNameText = IDS_LOADING;
   static constexpr UINT kFilterTexts[] = {IDS_OGG_FILTER};
@@ -60,8 +60,8 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
     });
   }
   // Fails with E_FAIL if the file cannot be opened or is no Ogg Vorbis file, and with E_OUTOFMEMORY
-  // if its decoder needs too much memory; writer and name are then set, but Start fails. Fails with
-  // E_FAIL, and changes nothing, while a run is active.
+  // if its decoder needs too much memory. The object then has the new writer and name, but Start
+  // fails. During a run, Initialize fails with E_FAIL and changes nothing.
   STDMETHODIMP Initialize(BSTR bstrFileName, IAudioWriter* pWriter) override {
     if (worker_.IsRunning()) return E_FAIL;
     return ComCall([&] {
@@ -71,7 +71,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       std::shared_ptr<VorbisStream> stream = VorbisStream::Open(OpenForReading(file_name_));
       if (stream == nullptr) return E_FAIL;
       Tags tags = ReadTags(*stream);
-      // Allocates the decoder's memory now, so that Initialize reports a lack of it.
+      // Allocates the decoder's memory now, so that Initialize reports a lack of memory.
       stream->Prepare();
       tags_ = std::move(tags);
       job_->format = {stream->samples_per_sec(), stream->channels(), kBitsPerSample, false};
@@ -82,14 +82,14 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       return S_OK;
     });
   }
-  // In a chain that changes its format, counts the frames before the change. Progress counts the
-  // whole chain, which shows that a part is omitted.
+  // Returns the number of frames that a run imports. If a chain changes its format, progress still
+  // counts the whole chain.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
   }
 
-  // IMetaDataReader. Reads the metadata of a file without importing it. Fails with E_FAIL if the
-  // file cannot be opened or is no Ogg Vorbis file; the metadata is then unchanged.
+  // IMetaDataReader. Reads the metadata of a file without importing the file. Fails with E_FAIL,
+  // and keeps the old metadata, if the file cannot be opened or is no Ogg Vorbis file.
   STDMETHODIMP SetFilename(BSTR bstrFileName) override {
     return ComCall([&] {
       const auto stream = VorbisStream::Open(OpenForReading(ToAnsi(bstrFileName)));
@@ -111,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // A chain that changes its format is imported whole, so that progress shows the omitted part.
+  // Allows no section if a chain changes its format: progress would not show the missing part.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

@@ -14,10 +14,10 @@ constexpr std::size_t kPlainBytes = 16;
 constexpr std::size_t kExtensibleBytes = 40;
 constexpr std::size_t kSubFormatOffset = 24;
 constexpr unsigned kTagExtensible = 0xFFFE;
-// Above the rate of any compressed format.
+// No compressed format has a higher rate.
 constexpr std::uint32_t kMaxCompressedRate = 384000;
 
-// Channels that a compressed format allows.
+// Returns the maximum number of channels in a compressed format.
 unsigned MaxChannels(unsigned tag) noexcept {
   constexpr unsigned kGsm = 0x31;
   constexpr unsigned kWindowsMediaPro = 0x162;
@@ -33,7 +33,7 @@ WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept {
   WaveFields fields = {LittleU16(body, 0), LittleU16(body, 2), LittleU32(body, 4),
                        LittleU16(body, 12), LittleU16(body, 14)};
   if (fields.tag != kTagExtensible || body.size() < kExtensibleBytes) return fields;
-  // Sub-formats that have a tag differ in the first two bytes only.
+  // Sub-formats that stand for a tag contain the tag in their first two bytes.
   const auto pcm = SubFormatBytes(false);
   const auto sub_format = body.subspan(kSubFormatOffset, pcm.size());
   const bool has_tag = std::equal(pcm.begin() + 2, pcm.end(), sub_format.begin() + 2,
@@ -50,7 +50,7 @@ std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexce
     return std::nullopt;
   }
   const bool is_float = wave.tag == WaveFields::kFloat;
-  // Some writers leave out the size of a frame.
+  // Some writers leave the size of a frame at 0.
   const unsigned bytes =
       wave.block_align != 0 ? wave.block_align / wave.channels : (wave.bits + 7U) / 8;
   if (wave.block_align % wave.channels != 0 || bytes * wave.channels > kMaxFrameBytes) {

@@ -12,7 +12,7 @@ namespace marlinda {
 struct PcmFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;
-  // Width of a sample's bytes: 8, 16, 24 or 32; 32 or 64 for floats.
+  // Bits in the bytes of a sample: 8, 16, 24 or 32 for integers, 32 or 64 for floats.
   std::int16_t bits = 0;
   bool is_float = false;
 
@@ -25,8 +25,8 @@ struct PcmFormat {
 // A wave header stores the size of a frame in 16 bits.
 inline constexpr std::size_t kMaxFrameBytes = 65535;
 
-// The fields of a "fmt " chunk, or of the format block of a DirectShow connection. `tag` is that of
-// the sub-format if an extensible format names one.
+// The fields of a "fmt " chunk, or of the format block of a DirectShow connection. In an extensible
+// format, `tag` is the tag of the sub-format if the sub-format has one.
 struct WaveFields {
   static constexpr unsigned kPcm = 1;
   static constexpr unsigned kMsAdpcm = 2;
@@ -53,12 +53,12 @@ WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept;
 // Samples with fewer bits than their bytes are left-justified, so only the width in bytes counts.
 std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexcept;
 
-// Returns false if the system's decoders must not see the format: some crash or hang on numbers
-// that their format does not allow.
+// Returns false if the system's decoders must not get this format. Some decoders crash or hang on
+// values that their format does not allow.
 bool IsPlausibleForDecoders(std::span<const std::byte> body) noexcept;
 
-// Converts as many samples to floats as `samples` takes; `bytes` must hold them. 32-bit floats are
-// unchanged, 64-bit floats are rounded, integers are converted by ConvertPcmToFloat.
+// Fills `samples` from `bytes`, which must hold enough samples. Copies 32-bit floats, rounds 64-bit
+// floats, and converts integers with ConvertPcmToFloat.
 void DecodeSamples(const PcmFormat& format, std::span<const std::byte> bytes,
                    std::span<float> samples) noexcept;
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
-// Limit for all chunks that are read into memory; the rest is ignored.
+// Limit for all chunks that are read into memory. Bytes beyond the limit are ignored.
 constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
 
 constexpr std::size_t kCuePointBytes = 24;
@@ -33,7 +33,7 @@ struct Chunk {
   Bytes body;
 };
 
-// Removes the first chunk from `list`. Returns false at the end of the list.
+// Moves the first chunk of `list` to `chunk`. Returns false at the end of the list.
 bool NextChunk(Bytes& list, Chunk& chunk) {
   if (list.size() < kHeaderBytes) return false;
   const std::uint64_t size = LittleU32(list, 4);
@@ -45,8 +45,8 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
   return true;
 }
 
-// Collects the cue points, their names and regions. Resolve joins them at the end of the file,
-// because "adtl" may precede "cue ".
+// Collects cue points, names and regions. Resolve assigns names and regions to the cue points at
+// the end of the file, because "adtl" may precede "cue ".
 class CueSheet {
  public:
   void AddPoints(Bytes body) {
@@ -74,7 +74,7 @@ class CueSheet {
   }
   void Resolve(SoundFileInfo& info) {
     const std::vector<Point*> by_id = SortedById();
-    // The first of several points with the same number counts.
+    // If several points have the same number, finds the first of them.
     const auto find = [&](std::uint32_t id) -> Point* {
       const auto found =
           std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
@@ -160,7 +160,7 @@ AcidData ReadAcid(Bytes body) {
           static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
 }
 
-// True if the AVI header list describes sound in formats that are all plausible for decoders.
+// True if an AVI header list describes sound, in formats that are all safe for decoders.
 bool HasSound(Bytes header_list) {
   bool has_sound = false;
   Chunk list;
@@ -180,7 +180,7 @@ bool HasSound(Bytes header_list) {
   return has_sound;
 }
 
-// The format of samples that are decoded to 16 bits. Nothing if channels or rate are impossible.
+// Returns the format after decoding to 16 bits, or nothing for impossible channels or rates.
 std::optional<PcmFormat> Decoded(const WaveFields& wave) {
   if (wave.channels == 0 || wave.channels > kMaxFrameBytes / 2 || wave.samples_per_sec == 0 ||
       wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
@@ -211,8 +211,8 @@ class RiffWalk {
  private:
   void WalkChunks(std::uint64_t riff_end) {
     for (int count = 0; count < kMaxChunks; ++count) {
-      // A RIFF size that is too small must not hide the audio. Chunks beyond it are ignored only
-      // after the audio.
+      // Chunks beyond the RIFF size are ignored only after the audio, because a RIFF size that is
+      // too small must not hide the audio.
       const std::uint64_t end = data_offset_ ? riff_end : file_.size();
       if (position_ + kHeaderBytes > end) return;
       const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
@@ -227,15 +227,15 @@ class RiffWalk {
       if (there == size && size % 2 != 0) ++position_;
     }
   }
-  // Returns the size of the "data" chunk at `position_`; `size` is the one in its header.
+  // Returns the size of the "data" chunk at `position_`. `size` is the size in the chunk's header.
   std::uint64_t DataSize(std::uint64_t size, std::uint64_t riff_end) {
     if (size == kUnknownSize) {
       const std::uint64_t end = riff_end > position_ ? riff_end : file_.size();
       return wide_data_size_.value_or(end - position_);
     }
     if (size != 0) return size;
-    // The chunk is empty, or its writer was stopped before it filled in the size. In the second
-    // case audio follows, not a chunk.
+    // Either the chunk is empty, or its writer was stopped before it filled in the size. In the
+    // second case, audio follows instead of a chunk.
     const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
     const std::uint64_t rest = file_.size() - position_;
     const bool is_chunk =
@@ -266,7 +266,7 @@ class RiffWalk {
       if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
     }
   }
-  // Skips other lists, such as the list of all pictures and sound in an AVI file.
+  // Skips all other lists, such as the list of all pictures and sound in an AVI file.
   void TakeList(std::uint64_t there) {
     const std::vector<std::byte> start =
         file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));
@@ -290,7 +290,7 @@ class RiffWalk {
     }
     info_.pcm = Samples();
     if (info_.pcm) return;
-    // Decoders can hang on less than one whole block, which holds no sound.
+    // Data of less than one block holds no sound, and some decoders hang on it.
     info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
                     !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
   }
@@ -323,8 +323,8 @@ class RiffWalk {
     const auto rest = static_cast<std::size_t>(data_bytes_ % pcm.block_bytes);
     const std::uint64_t frames =
         data_bytes_ / pcm.block_bytes * pcm.block_frames + AdpcmFrames(coding, wave.channels, rest);
-    // Only the last block may be padded, so an announced number of frames that does not end in it
-    // is ignored.
+    // Only the last block may hold padding. An announced number of frames that does not end in the
+    // last block is ignored.
     const bool ends_in_last = frames_ && *frames_ < frames && frames - *frames_ < pcm.block_frames;
     pcm.frames = static_cast<std::int64_t>(ends_in_last ? *frames_ : frames);
     return pcm;

@@ -1,6 +1,6 @@
 // Reads the chunks of WAVE files and some chunks of AVI files: format, samples, labels, section
-// markers, metadata and loop data. Input is untrusted: reading always ends, and memory does not
-// grow with the sizes that a file claims.
+// markers, metadata and loop data. Input is untrusted. Reading always ends, and sizes that a file
+// claims do not increase memory use.
 #pragma once
 
 #include "import/byte_source.h"
@@ -12,13 +12,12 @@ namespace marlinda {
 // another kind.
 //
 // Chunks are padded to 2 bytes. Files padded to 4 bytes, with the padding included in the sizes,
-// also work. Sizes beyond the end of the file are cut to it, so a truncated file yields what it
-// holds.
+// also work. A size that exceeds the file is reduced, so that a truncated file can be read.
 //
-// Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker;
-// markers keep the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a
-// "labl" names the point. A cue point without a "labl", or with an empty one, takes its name from
-// its "note". A marker without a name takes the name of its cue point.
+// Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker.
+// Markers keep the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a
+// "labl" names the cue point. A cue point whose "labl" is missing or empty takes its name from its
+// "note". A marker without a name takes the name of its cue point.
 //
 // Loop data has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);

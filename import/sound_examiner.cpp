@@ -40,7 +40,7 @@ void Expand(Coding coding, std::vector<std::byte>& bytes) {
   }
 }
 
-// Converts the bytes to wave order: little-endian, 8-bit samples unsigned around 128.
+// Converts samples to the form in WAV files: little-endian, and 8-bit samples unsigned around 128.
 void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   const auto width = static_cast<std::size_t>(pcm.format.bits / 8);
   if (width == 1 && pcm.signed_bytes) {
@@ -52,8 +52,8 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// True if a Windows Media file describes sound in formats that are all plausible for decoders. An
-// object of the header describes each stream: its kind, other fields, then the wave format.
+// True if a Windows Media file describes sound, in formats that are all safe for decoders. The
+// file's header has one object per stream, with the stream's kind and wave format.
 bool HasWindowsMediaSound(ByteSource& file) {
   constexpr std::string_view kStreamProperties{
       "\x91\x07\xDC\xB7\xB7\xA9\xCF\x11\x8E\xE6\x00\xC0\x0C\x20\x53\x65", 16};

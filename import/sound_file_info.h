@@ -11,37 +11,36 @@
 
 namespace marlinda {
 
-// How a file stores its samples: directly, in one logarithmic byte each, or in ADPCM blocks with
-// four bits each.
+// How a file stores a sample: directly, in one logarithmic byte, or in four bits of an ADPCM block.
 enum class Coding { kLinear, kMuLaw, kALaw, kImaAdpcm, kMsAdpcm };
 
-// A part of a file, within its size.
+// A range of bytes that lies within the file.
 struct ByteRange {
   std::uint64_t offset = 0;
   std::uint64_t bytes = 0;
 };
 
-// Samples that ReadSamples can read. `frames` counts frames within the file.
+// Samples that ReadSamples can read. `frames` counts only frames that are really in the file.
 struct PcmData {
   PcmFormat format = {};  // after decoding
   Coding coding = Coding::kLinear;
   bool big_endian = false;
-  bool signed_bytes = false;  // 8-bit samples are signed; a wave's are unsigned
+  bool signed_bytes = false;  // 8-bit samples are signed, unlike in WAV files
   std::uint64_t offset = 0;
   std::int64_t frames = 0;
-  // For ADPCM. The last block of a file may be shorter.
+  // Only for ADPCM. The last block of a file may be shorter.
   std::size_t block_bytes = 0;
   std::size_t block_frames = 0;
 
   bool IsInBlocks() const noexcept { return block_bytes != 0; }
-  // In the file. Not for ADPCM.
+  // Bytes of a sample in the file. Not for ADPCM.
   std::size_t SampleBytes() const noexcept {
     return coding == Coding::kLinear ? static_cast<std::size_t>(format.bits / 8) : 1;
   }
   std::size_t FrameBytes() const noexcept {
     return static_cast<std::size_t>(format.channels) * SampleBytes();
   }
-  // In the file, on average.
+  // The average number of bytes in the file, for all codings.
   double BytesPerFrame() const noexcept {
     return IsInBlocks() ? static_cast<double>(block_bytes) / static_cast<double>(block_frames)
                         : static_cast<double>(FrameBytes());
@@ -52,9 +51,9 @@ struct PcmData {
 // system's filters decode it.
 struct SoundFileInfo {
   std::optional<PcmData> pcm;
-  // MPEG audio, for MpegStream.
+  // The range of MPEG audio, which MpegStream decodes.
   std::optional<ByteRange> mpeg;
-  // The file must not be decoded: it is of another kind, contradicts itself or has no sound.
+  // True if the file is of another kind, contradicts itself or has no sound. Do not decode it.
   bool refused = false;
 
   // Names are unconverted bytes of the file.

@@ -14,8 +14,8 @@
 namespace marlinda {
 namespace {
 
-// TagLib reads only this much of a file, which bounds its time and memory. Texts behind larger
-// pictures are not found.
+// TagLib gets only this many bytes of a file, which limits time and memory. Texts behind a larger
+// picture are not found.
 constexpr std::uint64_t kMaxTagBytes = std::uint64_t{8} << 20;
 constexpr std::uint64_t kId3v1Bytes = 128;
 
@@ -33,13 +33,13 @@ class TagFile final : public TagLib::File {
   bool save() override { return false; }
 };
 
-// Gives access to the frame's header class, which TagLib protects.
+// Gives access to the frame's header class, which TagLib declares protected.
 struct AnyFrame : TagLib::ID3v2::Frame {
   using Frame::Header;
 };
 
-// Reads text frames only. TagLib reads chapters recursively, so a hostile file could overflow the
-// stack.
+// Reads text frames only. TagLib reads chapters recursively, so chapters in a hostile file could
+// overflow the stack.
 class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
   bool updateFrame(AnyFrame::Header* header) const override {
     return header->frameID().startsWith("T") && FrameFactory::updateFrame(header);
@@ -49,7 +49,7 @@ class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
 // Size of the header of a tag and of each frame.
 constexpr unsigned kTagHeaderBytes = 10;
 
-// TagLib reads the size of a version 2.3 extended header as if it were version 2.4.
+// TagLib misreads the size of a version 2.3 extended header, because it expects version 2.4.
 void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   constexpr char kExtended = 0x40;
   if (tag.size() < kTagHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;
@@ -59,7 +59,7 @@ void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   tag = tag.mid(0, kTagHeaderBytes) + tag.mid(rest);
 }
 
-// TagLib reads the group byte of a text frame as the first byte of the text.
+// Removes the group byte of text frames, because TagLib reads it as the first byte of the text.
 void RemoveGroups(TagLib::ByteVector& tag) {
   const bool is_new = tag.size() > kTagHeaderBytes && tag[3] == 4;
   const char grouped = is_new ? 0x40 : 0x20;
@@ -70,7 +70,7 @@ void RemoveGroups(TagLib::ByteVector& tag) {
         is_new ? TagLib::ID3v2::SynchData::toUInt(tag.mid(frame + 4, 4)) : tag.toUInt(frame + 4);
     at += kTagHeaderBytes + size;
     if (at > tag.size() || size < 2 || tag[frame] != 'T' || tag[frame + 9] != grouped) continue;
-    // Moves the group byte to the end of the text as a zero, which is ignored there.
+    // Replaces the group byte by a zero at the end of the text, where TagLib ignores it.
     tag[frame + 9] = tag[frame + kTagHeaderBytes] = 0;
     std::rotate(tag.begin() + frame + kTagHeaderBytes, tag.begin() + frame + kTagHeaderBytes + 1,
                 tag.begin() + static_cast<unsigned>(at));

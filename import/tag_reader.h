@@ -9,8 +9,8 @@
 
 namespace marlinda {
 
-// Returns the texts in UTF-8, or nothing without a tag of these kinds. In a file with both kinds of
-// ID3 tags the newer kind counts, and the older one fills in missing texts.
+// Returns the texts in UTF-8, or nothing if the file has no such tag. If a file has ID3v2 and ID3v1
+// tags, the ID3v1 tag only fills in missing texts.
 std::optional<Tags> ReadTags(ByteSource& file);
 
 }  // namespace marlinda

@@ -13,7 +13,7 @@ constexpr float kFullScale = 32768.0F;
 constexpr float kLowestInt = -2147483648.0F;
 constexpr std::size_t kAtOnce = 8;
 
-// Converts eight samples. Both instructions saturate as VorbisCode does.
+// Converts eight samples. _mm_cvtps_epi32 and _mm_packs_epi32 clip values as VorbisCode does.
 __m128i EightCodes(const float* samples) noexcept {
   const __m128 scale = _mm_set1_ps(kFullScale);
   const __m128i low = _mm_cvtps_epi32(_mm_mul_ps(_mm_loadu_ps(samples), scale));

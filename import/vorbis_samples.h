@@ -6,11 +6,11 @@
 
 namespace marlinda {
 
-// Rounds as the codec library does: to nearest, halves to even, clipped. As in the library's 16-bit
-// decoding, a value beyond 32 bits or NaN becomes the lowest code.
+// Rounds to nearest, halves to even, and clips, as the codec library does. NaN and values beyond 32
+// bits become the lowest code, as in the library's 16-bit decoding.
 std::int16_t VorbisCode(float sample) noexcept;
 
-// Converts `frames` frames, one plane per channel, to interleaved codes.
+// Converts `frames` frames from one plane per channel to interleaved codes.
 void PackVorbisFrames(const float* const* planes, std::size_t channels, std::size_t frames,
                       std::int16_t* codes) noexcept;
 

@@ -32,7 +32,7 @@ std::int64_t TellFile(std::FILE* file) noexcept {
 
 }  // namespace
 
-// Must not move: the library's state holds pointers into itself.
+// Must not move, because the library's state holds pointers to its own fields.
 struct VorbisStream::Decoder {
   FilePointer input;
   CodecMemory memory;
@@ -40,7 +40,7 @@ struct VorbisStream::Decoder {
   const vorbis_comment* comments = nullptr;
   // Bytes that the library may still read.
   std::int64_t allowance = std::numeric_limits<std::int64_t>::max();
-  // False during a call that may run out of memory, and after a call that ran out of it.
+  // False during a call that may run out of memory, and after a call that ran out of memory.
   bool whole = true;
 
   explicit Decoder(FilePointer opened) : input(std::move(opened)) {}
@@ -54,8 +54,8 @@ struct VorbisStream::Decoder {
     return result;
   }
 
-  // Returns the library's result. Limits the bytes read, because the search for the links of a
-  // chain reads parts of a file several times, and without end in a hostile file.
+  // Returns the library's result. Limits the bytes read: the library reads parts of a chained file
+  // several times, and a hostile file could make it read forever.
   int Open() {
     std::FILE* const opened = input.get();
     const std::int64_t size = SeekFile(opened, 0, SEEK_END) == 0 ? TellFile(opened) : 0;
@@ -68,10 +68,10 @@ struct VorbisStream::Decoder {
     return result;
   }
 
-  // Without a close callback: `input` closes the file exactly once, in any state.
+  // Omits the close callback, because `input` closes the file.
   static ov_callbacks Callbacks() noexcept {
     ov_callbacks callbacks = {};
-    // Zero bytes with errno set is a read error to the library.
+    // The library treats zero bytes with errno set as a read error.
     callbacks.read_func = [](void* to, std::size_t size, std::size_t count, void* source) {
       auto* const decoder = static_cast<Decoder*>(source);
       const std::size_t read = std::fread(to, size, count, decoder->input.get());
@@ -83,8 +83,8 @@ struct VorbisStream::Decoder {
     callbacks.seek_func = [](void* source, ogg_int64_t offset, int origin) {
       return SeekFile(static_cast<Decoder*>(source)->input.get(), offset, origin);
     };
-    // In a library without the project's patch the position is a long. A 32-bit long fails for
-    // larger files.
+    // A library without the project's patch expects the position as a long. If long has 32 bits,
+    // the call fails for positions beyond 2 GiB.
     callbacks.tell_func = [](void* source) {
       using Position = decltype(ov_callbacks().tell_func(nullptr));
       const std::int64_t position = TellFile(static_cast<Decoder*>(source)->input.get());
@@ -93,7 +93,7 @@ struct VorbisStream::Decoder {
     return callbacks;
   }
 
-  // Clearing allocates memory, so it may throw. After a failed opening it does little.
+  // ov_clear allocates memory, so it may throw. It may also follow a failed Open.
   ~Decoder() {
     if (!whole) return;
     try {
@@ -131,8 +131,8 @@ VorbisStream::VorbisStream(std::unique_ptr<Decoder> decoder, unsigned threads)
   bool same = true;
   for (int link = 0; link < ov_streams(file); ++link) {
     vorbis_info* const format = ov_info(file, link);
-    // Each packet takes at least two bytes of the file and yields at most half a long block's
-    // samples.
+    // Each packet takes at least two bytes of the file and yields at most half a long block of
+    // frames.
     const std::int64_t most = file->end * (vorbis_info_blocksize(format, 1) / 4);
     const std::int64_t frames = std::min<std::int64_t>(ov_pcm_total(file, link), most);
     same &= frames <= 0 || (format->rate == info->rate && format->channels == info->channels);
@@ -181,7 +181,7 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   if (ended_ || buffer.empty()) return 0;
   ended_ = true;
   std::size_t samples = workers_ != nullptr ? ReadFromWorkers(buffer) : 0;
-  // The library decodes if there are no workers or they have ended.
+  // The library's reader decodes if there are no workers or the workers have ended.
   if (samples == 0 && workers_ == nullptr) samples = ReadFromLibrary(buffer);
   ended_ = samples == 0;
   left_ -= static_cast<std::int64_t>(samples / channels);
@@ -209,8 +209,8 @@ std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   return 0;
 }
 
-// Converts the library's floats, which is faster than its own 16-bit decoding and gives the same
-// samples in the same blocks.
+// Converts the library's floats, which is faster than the library's own 16-bit decoding. Samples
+// and blocks are the same.
 std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);
@@ -226,7 +226,7 @@ std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
     return 0;
   }
   if (const int before = std::exchange(link_, link); before != link && before > 0) {
-    // The library keeps the tables of every decoded link, but needs only the first one's.
+    // Frees the previous link's tables, which the library keeps but needs only for the first link.
     decoder_->Call([before](OggVorbis_File* state) {
       vorbis_info_clear(ov_info(state, before));
       return 0;
@@ -244,7 +244,7 @@ void ApplyVorbisComment(std::string_view comment, Tags& tags) {
   const std::size_t equals = comment.find('=');
   if (equals == std::string_view::npos || equals == 0) return;
   std::string key(comment.substr(0, equals));
-  // Independent of the program's locale.
+  // Unlike toupper, does not depend on the program's locale.
   for (char& c : key) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   const std::string_view value = comment.substr(equals + 1);
   if (key == "TITLE") tags.title = value;

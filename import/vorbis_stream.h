@@ -1,5 +1,5 @@
-// VorbisStream: an Ogg Vorbis file as 16-bit samples, decoded by libvorbisfile. Input is untrusted:
-// reading always ends and stays within the caller's buffer.
+// VorbisStream: an Ogg Vorbis file as 16-bit samples, decoded by libvorbisfile. Input is untrusted.
+// Reading always ends and stays within the caller's buffer.
 #pragma once
 
 #include <cstddef>
@@ -25,44 +25,45 @@ using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 
 class VorbisStream {
  public:
-  // Takes ownership of the file, which must be open for binary reading. Returns null if it is not
-  // an Ogg Vorbis file, or a chain of more than 1000 links. Throws std::bad_alloc if memory runs
-  // out; a decoder gets at most CodecMemory::kMaxBytes. Either failure closes the file. Decodes on
-  // up to `threads` worker threads; with 1, Read decodes on the caller's thread.
+  // Takes ownership of the file, which must be open for binary reading. Returns null if the file is
+  // not Ogg Vorbis or has more than 1000 links. Throws std::bad_alloc if memory runs out or the
+  // decoder needs more than CodecMemory::kMaxBytes. Both failures close the file. Decodes on up to
+  // `threads` worker threads. If `threads` is 1, decodes on Read's thread.
   static std::unique_ptr<VorbisStream> Open(FilePointer file,
                                             unsigned threads = std::thread::hardware_concurrency());
 
   ~VorbisStream();
 
-  // The format of the first link of a chain. Read delivers no other.
+  // The format of a chain's first link and of all samples that Read delivers.
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Frames of the whole file by its headers, including all links of a chain, limited to what a file
-  // of this size can hold. Not positive if the headers lack the length. A damaged file may deliver
-  // more or fewer.
+  // The number of frames in all links by the file's headers, limited to the number that a file of
+  // this size can hold. Not positive if the headers lack the length. In a damaged file, Read may
+  // deliver more or fewer frames.
   std::int64_t total_frames() const noexcept { return total_frames_; }
-  // The frames before the first link of another format.
+  // The number of frames before the first link of another format.
   std::int64_t readable_frames() const noexcept { return readable_frames_; }
 
-  // Of the compressed stream: the header's nominal rate, otherwise the average over the file,
-  // otherwise 0.
+  // The rate of the compressed stream: the header's nominal rate, otherwise the average over the
+  // file, otherwise 0.
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
   // The user comments of the first link, as unconverted bytes (UTF-8 in a valid file), each up to
-  // its first NUL. Valid until this object is destroyed or a Read throws; none after that.
+  // its first NUL. Valid until this object is destroyed or Read throws; empty after Read has
+  // thrown.
   std::vector<std::string_view> Comments() const;
 
   // Allocates the decoder's memory now instead of in the first Read. Throws std::bad_alloc.
   void Prepare();
 
-  // Limits Read to `count` frames from `first` on, which must lie within total_frames. Call it
-  // before the first Read. Returns false if the file is damaged; Read then delivers nothing. Throws
-  // std::bad_alloc.
+  // Limits Read to `count` frames from `first` on. All of them must lie within total_frames. Call
+  // Select before the first Read. Returns false if the file is damaged; Read then delivers nothing.
+  // Throws std::bad_alloc.
   bool Select(std::int64_t first, std::int64_t count);
 
-  // Decodes the next block of interleaved 16-bit samples and returns their number, a whole number
-  // of frames. The buffer must hold at least one frame. Returns 0 at the end, which comes early
+  // Decodes the next block of interleaved 16-bit samples and returns the number of samples, a whole
+  // number of frames. The buffer must hold at least one frame. Returns 0 at the end, and earlier
   // - if a link of a chain changes the sample rate or the channel count, because the announced
   //   format must hold for all samples;
   // - at the first error, such as a hole where pages are damaged or missing, because later samples
@@ -86,12 +87,12 @@ class VorbisStream {
   std::int64_t readable_frames_ = 0;
   std::int32_t average_bytes_per_sec_ = 0;
   std::int64_t left_ = std::numeric_limits<std::int64_t>::max();  // frames that Read may deliver
-  int link_ = 0;                                                  // source of the latest Read
+  int link_ = 0;                                                  // link of the latest Read
   bool ended_ = false;
 };
 
 // Stores one user comment "KEY=value" in `tags`. The key's case does not matter. A later comment
-// replaces an earlier one with the same key. DATE gives the year: its first four characters.
+// replaces an earlier comment with the same key. The year is the first four characters of DATE.
 // Ignores other keys and comments without a key or "=".
 void ApplyVorbisComment(std::string_view comment, Tags& tags);
 

@@ -1,5 +1,5 @@
-// VorbisWorkers: decodes a Vorbis stream's packets on several threads, with the samples and blocks
-// of the codec library's reader. Only vorbis_stream uses it.
+// VorbisWorkers: decodes a Vorbis stream's packets on several threads. Samples and blocks equal
+// those of the codec library's reader. Only vorbis_stream uses this class.
 #pragma once
 
 // Omits the header's unused callback tables.
@@ -36,8 +36,8 @@ inline constexpr long kReadBytes = 1L << 14;
 // Beyond this position the library's sums may overflow.
 inline constexpr ogg_int64_t kMaxPosition = std::numeric_limits<ogg_int64_t>::max() / 2;
 // Limit for the library's reader and the workers' decoders together before decoding begins. The
-// remaining memory is more than packets of kMaxPacketBytes need, so the reader runs out of memory
-// at the same point as without workers.
+// remaining memory is enough for packets of kMaxPacketBytes, so the reader runs out of memory only
+// where it would without workers.
 inline constexpr std::size_t kMaxHeld = CodecMemory::kMaxBytes / 2;
 
 // Maximum samples in a block, over all channels.
@@ -46,23 +46,23 @@ inline std::size_t MaxBlock(const vorbis_info& info) noexcept {
          static_cast<std::size_t>(info.channels);
 }
 
-// Takes packets from the library's reader and leaves unusual ones to it: the trimmed last packet,
-// the next link of a chain, damaged and huge packets. Each thread decodes groups of packets. It
-// first decodes the packet before the group, because blocks overlap.
+// Takes packets from the library's reader. Leaves unusual packets to the reader: the trimmed last
+// packet, packets of the next link, damaged and huge packets. Each thread decodes groups of
+// packets. The thread first decodes the packet before its group, because blocks overlap.
 class VorbisWorkers {
  public:
   static constexpr unsigned kMaxThreads = 8;
 
-  // True if the library's reader has decoded the first page, whose first samples are trimmed, and
-  // all its samples have been read.
+  // True if the library's reader has decoded the first page, which the library trims, and the
+  // caller has read all samples decoded so far.
   static bool CanStart(OggVorbis_File& file) noexcept {
     return file.vd.granulepos >= 0 && file.vd.granulepos < kMaxPosition &&
            file.vb.opb.storage <= kMaxPacketBytes &&
            vorbis_synthesis_pcmout(&file.vd, nullptr) == 0;
   }
 
-  // Call it right after a packet was decoded. `memory` belongs to the reader; both must outlive the
-  // workers. Returns null and leaves the reader unchanged if memory or threads are short.
+  // Call it right after the reader has decoded a packet. `memory` is the reader's. Reader and
+  // memory must outlive the workers. Returns null, without effect, if memory or threads are short.
   static std::unique_ptr<VorbisWorkers> Start(OggVorbis_File& file, CodecMemory& memory,
                                               unsigned threads) {
     const std::size_t packets = std::min(kGroupPackets, kMaxGroupSamples / MaxBlock(*file.vd.vi));
@@ -81,7 +81,7 @@ class VorbisWorkers {
       : file_(file),
         channels_(static_cast<std::size_t>(file.vd.vi->channels)),
         packets_of_group_(packets_of_group) {
-    // The reader's block still refers to the packet it was decoded from.
+    // The reader's block still refers to the packet that the reader decoded last.
     const oggpack_buffer& packet = file.vb.opb;
     latest_.assign(packet.buffer, packet.buffer + packet.storage);
   }
@@ -97,8 +97,8 @@ class VorbisWorkers {
     }
   }
 
-  // Takes packets until all groups are full or the workers' part ends. Calls the library's reader.
-  // If it throws std::bad_alloc, the reader is inconsistent.
+  // Takes packets from the library's reader until all groups are full or an unusual packet comes.
+  // If Fill throws std::bad_alloc, the reader is inconsistent.
   void Fill() {
     while (!ended_ && filled_ - read_ < groups_.size()) {
       Group& group = At(filled_);
@@ -119,8 +119,8 @@ class VorbisWorkers {
     }
   }
 
-  // Copies the next block, or as much as fits, and returns its number of samples. Returns 0 once
-  // all packets taken are decoded and read. Throws std::bad_alloc if a decoder got no memory.
+  // Copies the next block, or as much as fits, and returns the number of samples copied. Returns 0
+  // once all decoded blocks have been read. Throws std::bad_alloc if a decoder lacked memory.
   std::size_t Read(std::span<std::int16_t> buffer) {
     while (code_ == block_end_) {
       if (read_ == filled_) return 0;
@@ -144,12 +144,12 @@ class VorbisWorkers {
     return samples;
   }
 
-  // Call it after the last Read. Returns false at a hole, which ends the stream. Otherwise the
-  // library's reader is ready for the next packet. Throws as Fill does.
+  // Call HandBack after the last Read. Returns false if a hole ends the stream. Otherwise the
+  // library's reader can continue with the next packet. Throws as Fill does.
   bool HandBack() {
     if (hole_) return false;
     if (!pending_) return true;
-    // Prepares the overlap for the next block. This packet's own block is discarded.
+    // Decodes the packet taken last, for its overlap with the next block, and discards its samples.
     vorbis_synthesis(&file_.vb, &latest_header_);
     vorbis_synthesis_blockin(&file_.vd, &file_.vb);
     vorbis_synthesis_read(&file_.vd, vorbis_synthesis_pcmout(&file_.vd, nullptr));
@@ -160,24 +160,24 @@ class VorbisWorkers {
   static constexpr std::size_t kGroupPackets = 64;
 
   struct Group {
-    // The packets back to back, including the one before the group.
+    // The packet before the group and the packets of the group, back to back.
     std::vector<unsigned char> bytes;
     std::array<std::size_t, kGroupPackets + 1> ends = {};
     std::size_t packets = 0;
     std::vector<std::int16_t> codes;
-    std::array<std::size_t, kGroupPackets> blocks = {};  // samples of each
-    std::size_t decoded = 0;                             // blocks
+    std::array<std::size_t, kGroupPackets> blocks = {};  // samples in each block
+    std::size_t decoded = 0;                             // number of blocks
     bool failed = false;
     bool done = false;  // guarded by the lock
   };
-  // One per thread. All share the stream's set-up, which only changes before the first packet.
+  // Each thread has one. All share the stream's set-up, which only changes before the first packet.
   struct Decoder {
     Decoder(CodecMemory& whole, vorbis_info* info) : memory(&whole) {
       const CodecMemory::Use use(memory);
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // For a library with its own heap. After a failure the library must not be called again.
+    // Frees memory on the library's own heap. A library that has failed must not be called.
     ~Decoder() {
       if (failed) return;
       try {
@@ -208,7 +208,7 @@ class VorbisWorkers {
       decoder->thread = std::thread([this, &decoder = *decoder] { Work(decoder); });
     }
   }
-  // Returns false at the first packet that stays with the library.
+  // Returns false at the first packet that the library's reader must decode.
   bool TakePacket(Group& group) {
     ogg_packet packet = {};
     int found = 0;
@@ -232,8 +232,8 @@ class VorbisWorkers {
     ogg_stream_packetout(&file_.os, nullptr);
     return true;
   }
-  // Moves to the next page as the library does. Returns false at the end of the file, before the
-  // next link, and in a packet that is too long.
+  // Moves the reader to the next page, as the library does. Returns false at the end of the file,
+  // before the next link, and within a packet that is too long.
   bool TakePage() {
     if (file_.os.body_fill - file_.os.body_returned > kMaxPacketBytes) return false;
     for (;;) {
@@ -311,14 +311,14 @@ class VorbisWorkers {
   const std::size_t channels_;
   const std::size_t packets_of_group_;
 
-  // The latest packet taken. While `pending_`, the library's reader has not counted it.
+  // The packet taken last. While `pending_`, the library's reader has not advanced past it.
   std::vector<unsigned char> latest_;
   ogg_packet latest_header_ = {};
   bool pending_ = false;
   bool ended_ = false;
   bool hole_ = false;
 
-  // A ring. The counts of groups satisfy read_ <= started_ <= filled_.
+  // A ring of groups. The counts satisfy read_ <= started_ <= filled_.
   std::vector<Group> groups_;
   std::size_t read_ = 0;
   std::size_t started_ = 0;  // guarded by the lock
