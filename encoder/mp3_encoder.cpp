@@ -1,7 +1,7 @@
-// CMp3Encoder: an audio compressor for DirectShow graphs. Input: 16-bit PCM of one or two channels.
-// Output: MPEG layer 3 with the input's rate and channels; IAMStreamConfig sets the bit rate before
-// the output is connected. If the receiver has IStream, as file writers do, the frame with the
-// stream's length is written at its beginning.
+// CMp3Encoder: an audio compressor for DirectShow graphs. The input is 16-bit PCM of one or two
+// channels. The output is MPEG layer 3 with the input's rate and channels. IAMStreamConfig sets the
+// bit rate before the output is connected. If the receiver offers IStream, as file writers do, the
+// encoder writes the frame with the stream's length at the beginning of the file.
 #include <converter.h>
 
 #include <algorithm>
@@ -70,7 +70,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
   STDMETHODIMP_(ULONG) AddRef() override { return OutputPin::AddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return OutputPin::Release(); }
 
-  // Returns the stream of the connected receiver; null if the receiver is not a file.
+  // Returns the stream of the connected receiver, or null if the receiver offers none.
   ComPtr<IStream> File() const { return TryQuery<IStream>(peer_.Get()); }
 
  private:
@@ -78,7 +78,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     return IsEqualIID(iid, IID_IAMStreamConfig) ? static_cast<IAMStreamConfig*>(this) : nullptr;
   }
 
-  // Returns the formats for the connected input or, without one, for all possible inputs.
+  // Returns the formats for the connected input, or for all inputs if no input is connected.
   std::vector<Mp3Format> Formats() const {
     if (const WAVEFORMATEX* const pcm = input_.type().format()) {
       return Mp3Formats(static_cast<int>(pcm->nSamplesPerSec), pcm->nChannels);
@@ -92,7 +92,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     }
     return all;
   }
-  // Returns the chosen format or, without one, that of the highest bit rate up to the default.
+  // Returns the chosen format, or the highest bit rate up to the default if none is chosen.
   Mp3Format Format() const {
     const auto formats = Formats();
     if (chosen_ && std::ranges::find(formats, *chosen_) != formats.end()) return *chosen_;

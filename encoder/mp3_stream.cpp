@@ -10,9 +10,9 @@ namespace marlinda {
 namespace {
 
 constexpr int kMaxChannels = 2;
-// LAME's quality, where 0 is the best: nearly the best, and many times faster than real time.
+// LAME's quality, where 0 is the best. 2 is nearly as good and many times faster than real time.
 constexpr int kQuality = 2;
-// The most bytes that LAME returns beyond 1.25 per sample, and the most when it finishes.
+// LAME returns up to 1.25 bytes per frame plus this many, and at most this many when it finishes.
 constexpr std::size_t kMinBuffer = 7200;
 constexpr int kBitRatesPerVersion = 14;
 
@@ -67,8 +67,8 @@ Mp3Stream::Encoder Mp3Stream::Open(const Mp3Format& format, bool has_info_frame,
   return owner;
 }
 
-// Below 256 kbit/s LAME multiplies the scale by a factor of its own. The inner Open only finds that
-// factor.
+// Below 256 kbit/s, LAME multiplies the scale by a factor of its own. The inner Open only finds
+// this factor, which the outer Open cancels.
 Mp3Stream::Mp3Stream(const Mp3Format& format, bool has_info_frame)
     : channels_(format.channels),
       encoder_(Open(format, has_info_frame,

@@ -1,4 +1,4 @@
-// Mp3Stream: 16-bit PCM in, MPEG audio layer 3 of a constant bit rate out, by LAME.
+// Mp3Stream: encodes 16-bit PCM to MPEG audio layer 3 of a constant bit rate with LAME.
 #pragma once
 
 #include <cstddef>
@@ -28,8 +28,8 @@ std::span<const int> Mp3Rates() noexcept;
 // An encoder whose output keeps the input's level at every bit rate.
 class Mp3Stream {
  public:
-  // `format` must be one of Mp3Formats. With an information frame the stream begins with a silent
-  // frame, which the caller overwrites with InfoFrame at the end. Throws std::bad_alloc.
+  // `format` must be one of Mp3Formats. With an information frame, the stream begins with a silent
+  // frame, which the caller must overwrite with InfoFrame at the end. Throws std::bad_alloc.
   Mp3Stream(const Mp3Format& format, bool has_info_frame);
   Mp3Stream(const Mp3Stream&) = delete;
   Mp3Stream& operator=(const Mp3Stream&) = delete;
@@ -40,8 +40,8 @@ class Mp3Stream {
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
   // Returns the last bytes. Do not call Encode afterwards.
   std::span<const std::byte> Finish();
-  // Call it after Finish. Returns the frame with length, delay and padding, which has the first
-  // frame's size; nothing if the stream has no information frame.
+  // Call InfoFrame after Finish. Returns a frame with length, delay and padding, of the first
+  // frame's size. Returns nothing if the stream has no information frame.
   std::span<const std::byte> InfoFrame();
 
  private:

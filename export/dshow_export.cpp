@@ -41,7 +41,7 @@ std::optional<EncodedKind> KindOf(const std::string& extension) {
   return std::nullopt;
 }
 
-// The part after the last dot of the file name; empty without a dot.
+// Returns the part after the last dot of the file name, or an empty text if there is no dot.
 std::string ExtensionOf(const std::string& path) {
   const std::size_t dot = path.find_last_of("./\\:");
   return dot != std::string::npos && path[dot] == '.' ? path.substr(dot + 1) : std::string();
@@ -76,7 +76,7 @@ class DShowExportJob : public TaskJob {
   EncodedKind kind() const noexcept { return kind_; }
   // False once a Run has released the reader.
   bool HasReader() const noexcept { return reader_ != nullptr; }
-  // The rate and channels of the reader. Fails with E_INVALIDARG if no file can have them.
+  // Asks the reader for rate and channels. Fails with E_INVALIDARG if no file can have them.
   HRESULT AskFormat(int& samples_per_sec, int& channels) const {
     LONG rate = 0;
     SHORT count = 0;
@@ -88,9 +88,9 @@ class DShowExportJob : public TaskJob {
     return S_OK;
   }
 
-  // Reports through `opened` whether the encoder and the file could be opened, then writes the
-  // whole file and releases the reader. If they could not, the reader stays for another try. After
-  // a cancel the file is valid and ends early. A file that fails later is deleted.
+  // Opens the encoder and the file, and reports the result through `opened`. On failure, keeps the
+  // reader for another Start. On success, writes the whole file and releases the reader. A
+  // cancelled file is valid and ends early. If writing fails, Run deletes the file.
   void Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
     const Apartment apartment(COINIT_MULTITHREADED);
     settings.path = path_;
@@ -99,7 +99,7 @@ class DShowExportJob : public TaskJob {
     const HRESULT opening = ComCall([&] {
       file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
     });
-    // The filter may start the job again from here on, so a failed run no longer uses it.
+    // From here on, the filter may start the job again. A failed run must no longer use the job.
     opened.set_value(opening);
     if (FAILED(opening)) return;
 
@@ -108,7 +108,7 @@ class DShowExportJob : public TaskJob {
       file->Finish();
     });
     file.reset();
-    // A task cannot report its failure, but the missing file shows it.
+    // The missing file shows the failure, because a task cannot report one.
     if (FAILED(writing)) DeleteFileA(path_.c_str());
     reader_.Reset();
   }
@@ -120,7 +120,7 @@ class DShowExportJob : public TaskJob {
       std::vector<std::byte> pcm;
       while (!cancelled && position < total) {
         const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
-        // The block is silent if the reader fails, so that the rest stays in place.
+        // If the reader fails, the block is silent, so that later samples stay in place.
         const SampleArray block(static_cast<std::size_t>(frames) *
                                 static_cast<std::size_t>(channels));
         reader_->ReadAudio(position, block.get());
@@ -140,33 +140,33 @@ class DShowExportJob : public TaskJob {
   ComPtr<IAudioReader> reader_;
 };
 
-// One object serves one export: Initialize, metadata, Start, then poll until the task has ended, or
-// Cancel. The file's extension selects the format. Bit rates are the user's settings in the
-// registry.
+// One object serves one export. Call Initialize, SetMetaData and Start, then poll until the task
+// has ended, or call Cancel. The file's extension selects the format. The bit rates are the user's
+// settings in the registry.
 //
-// Start waits until encoder and file are open. If they cannot be opened it fails and leaves nothing
-// behind. Without an encoder it shows a message if ShowSettingsDlg has named an owner window. A
-// task that fails later deletes its file, and its progress stays below 1.
+// Start waits until encoder and file are open. If they cannot be opened, Start fails and leaves no
+// file behind. If there is no encoder, Start shows a message if ShowSettingsDlg has named an owner
+// window. A task that fails later deletes its file, and its progress stays below 1.
 class CDShowExport final
     : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CDShowExport;
-  // Below the WAV export, which is lossless.
+  // Lower than the merit of the WAV export, which is lossless.
   static constexpr SHORT kMerit = 100;
   static constexpr UINT kNameText = IDS_SAVING;
   static constexpr UINT kFilterTexts[] = {IDS_WMA_FILTER, IDS_MP3_FILTER};
   static constexpr char kPatterns[] = "*.wma;*.mp3";
 
   CDShowExport() {
-    // Without the key, all settings have their defaults.
+    // If the key cannot be opened, all settings have their defaults.
     settings_.Open(HKEY_CURRENT_USER, std::string(kSettingsKey) + "\\EncoderSettings", false);
   }
 
-  // ICoreTask. Start fails with E_FAIL while the task runs, without Initialize and after a
-  // completed task.
+  // ICoreTask. Start fails with E_FAIL while the task runs, before Initialize and after a completed
+  // task.
   STDMETHODIMP Start() override {
-    // The message box serves this thread's other messages, and one of them may release the object
-    // last.
+    // The message box dispatches messages. A message handler may release the last reference, so
+    // Start keeps this object alive.
     const ComPtr<IUnknown> alive(OuterUnknown());
     const HRESULT hr = ComCall([&] {
       if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;
@@ -178,13 +178,13 @@ class CDShowExport final
       const auto opened = std::make_shared<std::promise<HRESULT>>();
       auto outcome = opened->get_future();
       Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
-      // An encoder without a threading model is created on the host's first thread, which may be
-      // this one.
+      // COM creates an encoder without a threading model on the host's first thread, which may be
+      // waiting here.
       while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
         worker_.AwaitServingCalls(kServeMilliseconds);
       }
       const HRESULT opening = outcome.get();
-      // Waits, so that a task that failed to start has ended when Start returns.
+      // After a failed start, the task has ended when Start returns.
       if (FAILED(opening)) worker_.PollUntilEnded(1);
       return opening;
     });
@@ -192,9 +192,9 @@ class CDShowExport final
     return hr;
   }
 
-  // IExportFilter. Initialize fails with E_INVALIDARG for a name with another extension, and fails
-  // if the file cannot be written; it does not change the file. The encoders choose their own
-  // sample width.
+  // IExportFilter. Initialize does not change the file. It fails if the file cannot be written, and
+  // with E_INVALIDARG if the extension is not supported. SetBitsPerSample has no effect, because
+  // the encoders choose the sample width.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
   }
@@ -223,11 +223,11 @@ class CDShowExport final
       if (kind == EncodedKind::kWma) ShowWmaSettings();
       if (kind == EncodedKind::kMp3) ShowMpegSettings();
     });
-    return S_OK;  // without a dialog nothing has changed
+    return S_OK;  // also if no dialog was shown
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
 
-  // IMetaDataWriter. The texts are read at Start.
+  // IMetaDataWriter. Start reads the texts.
   STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
                            BSTR bstrGenre) override {
     return ComCall([&] {
@@ -251,7 +251,7 @@ class CDShowExport final
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
-  // Shows the message that no encoder is available, if there is a window to own it.
+  // Shows the message that no encoder is available, if ShowSettingsDlg has named an owner window.
   void ShowCodecError() const {
     if (message_owner_ == nullptr) return;
     const auto& module = TheModule();

@@ -19,8 +19,8 @@ class CodecError final : public HResultError {
   CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 };
 
-// Tags as the host passes them, because both formats support characters outside the code page.
-// Empty texts are omitted.
+// Tags in UTF-16, because both file formats support characters outside the code page. Empty texts
+// are omitted.
 struct WideTags {
   std::wstring title;
   std::wstring artist;
@@ -50,14 +50,14 @@ inline WAVEFORMATEX PcmFormatOf(const EncoderSettings& settings) noexcept {
   return format;
 }
 
-// Whether bit rate `rate` is preferred to `best`. The highest rate up to `wanted` is preferred,
-// otherwise the lowest.
+// True if `rate` is a better choice than `best`. The best choice is the highest rate up to
+// `wanted`, or the lowest rate if all are above `wanted`.
 inline bool IsBetterBitRate(DWORD rate, DWORD best, DWORD wanted) noexcept {
   if (rate <= wanted) return best > wanted || rate > best;
   return best > wanted && rate < best;
 }
 
-// Belongs to one thread, which has entered an apartment.
+// Use an object on one thread, which has entered an apartment.
 class EncodedFile {
  public:
   EncodedFile() = default;
@@ -70,8 +70,8 @@ class EncodedFile {
   virtual void Finish() = 0;
 };
 
-// Both throw CodecError, or HResultError if the file cannot be created. No new file then remains,
-// and an old one is unchanged.
+// Both functions throw CodecError, or HResultError if the file cannot be created. After a failure,
+// there is no new file, and an existing file is unchanged.
 std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
 std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 

@@ -11,8 +11,8 @@
 namespace marlinda {
 namespace {
 
-// The system lists ACM codecs as compressors with the format tag as a property. Such a filter lists
-// its formats only when its input is connected.
+// The system lists ACM codecs as compressors, with the format tag as a property. Reads this
+// property, because an ACM filter lists its formats only while its input is connected.
 bool IsListedAsMp3(IMoniker* moniker) {
   ComPtr<IPropertyBag> properties;
   if (FAILED(moniker->BindToStorage(nullptr, nullptr, __uuidof(IPropertyBag),
@@ -48,7 +48,7 @@ bool OffersMp3(IBaseFilter* filter) {
 }
 
 // Visits the MP3 encoders that are registered as audio compressors. Returns true if `visit` has
-// accepted one.
+// returned true for one of them.
 bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   ComPtr<ICreateDevEnum> devices;
   ComPtr<IEnumMoniker> monikers;
@@ -57,7 +57,7 @@ bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
                               reinterpret_cast<void**>(devices.GetAddressOf()))) ||
       devices->CreateClassEnumerator(CLSID_AudioCompressorCategory, monikers.GetAddressOf(), 0) !=
           S_OK) {
-    return false;  // S_FALSE is an empty category
+    return false;  // S_FALSE means an empty category
   }
   ComPtr<IMoniker> moniker;
   while (monikers->Next(1, moniker.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
@@ -76,7 +76,7 @@ bool ForEachListedMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
 
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   if (ForEachListedMp3Encoder(visit)) return;
-  // The engine's encoder may be available without registration, through a program's manifest.
+  // A program's manifest can make the engine's encoder available without registration.
   ComPtr<IBaseFilter> ours;
   if (SUCCEEDED(CreateInstance(CLSID_CMp3Encoder, ours))) visit(ours.Get());
 }

@@ -8,21 +8,21 @@
 
 namespace marlinda {
 
-// Calls `visit` with a new filter of each MPEG Layer 3 encoder, in the system's order and then the
-// engine's own, until `visit` returns true.
+// Calls `visit` with a new filter of each MPEG Layer 3 encoder until `visit` returns true. The
+// system's encoders come first, in the system's order, and the engine's own encoder last.
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit);
 
-// Creates the first MP3 encoder. Null if there is none.
+// Creates the first MP3 encoder. Returns null if there is none.
 ComPtr<IBaseFilter> CreateMp3Encoder();
 
 // True if the wave format tag is MPEG Layer 3.
 bool IsMp3(const AM_MEDIA_TYPE& type) noexcept;
 
-// The IAMStreamConfig of the first output pin that has one. Null if none has, or for a null
-// encoder.
+// Returns the IAMStreamConfig of the first output pin that has this interface. Returns null if no
+// pin has it, or if `encoder` is null.
 ComPtr<IAMStreamConfig> FindStreamConfig(IBaseFilter* encoder);
 
-// Calls `visit` with the media type of each capability; not at all for a null `config`.
+// Calls `visit` with the media type of each capability. Does nothing if `config` is null.
 void ForEachCapability(IAMStreamConfig* config,
                        const std::function<void(const AM_MEDIA_TYPE&)>& visit);
 

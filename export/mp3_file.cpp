@@ -1,5 +1,5 @@
-// MP3 files: a DirectShow graph of the engine's source, an encoder of the system and the engine's
-// sink, without a clock. The writing thread drives the data through the graph.
+// Writes MP3 files with a DirectShow graph of the engine's source, an encoder of the system and the
+// engine's sink. The graph has no clock. The writing thread drives the data through the graph.
 
 #include <taglib/id3v1tag.h>
 #include <taglib/id3v2tag.h>
@@ -17,11 +17,11 @@ namespace {
 
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
-// Give up on an encoder that has not delivered its end this long after the end of the stream.
+// Give up if the encoder has not ended its output this long after the end of its input.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 
-// The bytes of one kind of tag; none without texts.
+// Returns the bytes of one kind of tag, or no bytes if there are no texts.
 template <class Tag, class... Version>
 TagLib::ByteVector Render(const WideTags& texts, Version... version) {
   Tag tag;
@@ -42,8 +42,8 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
   return first;
 }
 
-// Chooses from the encoder's formats for this rate and channel count: the best bit rate up to the
-// wanted one, otherwise the lowest. An encoder without such a format keeps its default.
+// Chooses among the encoder's formats for this rate and channel count by IsBetterBitRate. If the
+// encoder lists no such format, it keeps its default format.
 void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   const auto config = FindStreamConfig(encoder);
   const auto wanted = static_cast<DWORD>(settings.bit_rate_kbit);
@@ -67,8 +67,8 @@ void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   config->SetFormat(&type);
 }
 
-// The sink of the graph. Like a file writer it offers IStream, through which an encoder can rewrite
-// the start of its output.
+// The input pin of the graph's sink. Like a file writer's pin, it offers IStream, with which an
+// encoder can rewrite the start of its output.
 class FilePin final : public InputPin, private IStream {
  public:
   FilePin(GraphFilter& filter, Purpose purpose) : InputPin(filter, std::move(purpose)) {}
@@ -93,7 +93,7 @@ class FilePin final : public InputPin, private IStream {
     return SetFilePointerEx(file_, distance, position, origin) ? S_OK : LastErrorResult();
   }
 
-  // Positions count from the end of the tag at the start of the file.
+  // Positions count from the end of the tag that begins the file.
   STDMETHODIMP Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) override {
     if (origin > STREAM_SEEK_END) return STG_E_INVALIDFUNCTION;
     if (origin == STREAM_SEEK_SET) distance.QuadPart += begin_.QuadPart;
@@ -183,7 +183,7 @@ class Mp3File final : public EncodedFile {
     Check(graph_.builder()->AddFilter(sink.Get(), L"File"));
   }
 
-  // If the encoder refuses, it is removed from the graph.
+  // Removes the encoder from the graph if the encoder cannot be connected.
   HRESULT ConnectThrough(IBaseFilter* encoder) {
     const auto input = FirstPin(encoder, PINDIR_INPUT);
     const auto output = FirstPin(encoder, PINDIR_OUTPUT);
@@ -211,7 +211,7 @@ class Mp3File final : public EncodedFile {
     if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
-  // Throws the file's error first, because the encoder only passes it on.
+  // Throws the file's error if there is one, because `hr` is then only its result in the encoder.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);
@@ -225,8 +225,8 @@ class Mp3File final : public EncodedFile {
   REFERENCE_TIME position_ = 0;
   OutputPin* source_ = nullptr;
   FilePin* sink_ = nullptr;
-  // Holds the filters, which hold their pins. The last member, so that the graph stops before the
-  // sink's file closes, even if the constructor throws.
+  // Holds the filters, and the filters hold their pins. Declared last, so that the graph stops
+  // before the sink's file closes, even if the constructor throws.
   FilterGraph graph_;
 };
 

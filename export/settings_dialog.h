@@ -31,8 +31,8 @@ inline int BestBitRateKbit(IBaseFilter* encoder) {
 class SettingsDialog {
  public:
   // Shows the dialog, modal to `owner`, which may be null. Returns IDOK, or IDCANCEL if the user
-  // cancelled or closed the window. Any other result means that no dialog was shown: no such owner,
-  // or its controls could not be set up.
+  // cancelled or closed the window. Any other result means that no dialog was shown, because the
+  // owner does not exist or the controls could not be set up.
   INT_PTR ShowModal(HWND owner) {
     const INT_PTR result = DialogBoxParamW(TheModule().Instance(), MAKEINTRESOURCEW(template_id_),
                                            owner, Procedure, reinterpret_cast<LPARAM>(this));
@@ -44,14 +44,14 @@ class SettingsDialog {
   SettingsDialog(int template_id, int value) noexcept : value_(value), template_id_(template_id) {}
   ~SettingsDialog() = default;
 
-  // Sets up the controls and returns the one with the initial focus. May throw.
+  // Sets up the controls and returns the control that gets the initial focus. May throw.
   virtual HWND OnOpening() = 0;
-  // Called for a click on an item, also by keyboard.
+  // Called when the user clicks an item with the mouse or the keyboard.
   virtual void OnClick(int /*item*/) {}
-  // Called when OK is pressed; the dialog then ends.
+  // Called when the user presses OK. The dialog ends afterwards.
   virtual void OnOk() {}
 
-  // The window of an item. Throws if the template has none.
+  // Returns the window of an item. Throws if the dialog template lacks the item.
   HWND Item(int item) const {
     HWND found = GetDlgItem(window_, item);
     if (found == nullptr) throw HResultError(LastErrorResult());
@@ -98,8 +98,8 @@ class SettingsDialog {
   HWND window_ = nullptr;
 };
 
-// A group of radio buttons, one for each choice. A value without a button checks no button and
-// stays until the user clicks one.
+// A group of radio buttons, one for each choice. If no button has the initial value, no button is
+// checked, and the value stays until the user clicks a button.
 class RadioDialog : public SettingsDialog {
  protected:
   struct Choice {
@@ -110,8 +110,8 @@ class RadioDialog : public SettingsDialog {
       : SettingsDialog(template_id, value), choices_(choices) {}
 
  private:
-  // The initial focus is the checked button, otherwise OK, because a radio button counts as clicked
-  // when it gets the focus.
+  // The checked button gets the initial focus. Without one, OK gets the focus, because a radio
+  // button counts as clicked when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
     if (chosen == choices_.end()) return Item(IDOK);  // no button is checked initially
@@ -161,9 +161,9 @@ class CWmaSettings final : public RadioDialog {
       {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
-// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the best of an encoder filter.
-// The best is 0 for an encoder that does not report its capabilities: there is then no choice, and
-// the bit rate does not change.
+// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of an encoder
+// filter. If the encoder reports no capabilities, the dialog offers no choice and does not change
+// the bit rate.
 class CMpegSettings final : public SettingsDialog {
  public:
   // Reads the capabilities of the encoder, which may be null.
@@ -174,7 +174,7 @@ class CMpegSettings final : public SettingsDialog {
   int bit_rate_kbit() const noexcept { return value_; }
 
  private:
-  // Lowers the bit rate to the encoder's best. A rate that is not in the list selects no line.
+  // Lowers the bit rate to the encoder's highest. If the list lacks this rate, no line is selected.
   HWND OnOpening() override {
     HWND list = Item(IDC_MPEG_BIT_RATE);
     if (max_bit_rate_kbit_ == 0) return list;
@@ -201,8 +201,8 @@ class CMpegSettings final : public SettingsDialog {
   const int max_bit_rate_kbit_;
 };
 
-// Converts a number in an interface to a window handle. Handles have 32 significant bits on every
-// Windows.
+// Converts a number that the host passes to a window handle. Window handles have 32 significant
+// bits on every Windows.
 inline HWND WindowOfNumber(ULONG number) noexcept {
   return static_cast<HWND>(LongToHandle(static_cast<LONG>(number)));
 }

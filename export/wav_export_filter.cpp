@@ -20,7 +20,7 @@ namespace {
 WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
   LONG samples_per_sec = 0;
   SHORT channels = 0;
-  // A reader that does not report its format has no channels, and its file has no samples.
+  // If the reader does not report its format, the file has no channels and no samples.
   reader->GetFormat(&samples_per_sec, &channels);
   return {samples_per_sec, channels, bits, is_float};
 }
@@ -31,9 +31,9 @@ WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
 //
 // Reader and target belong to the filter until Run begins, then to the worker until Run ends.
 //
-// Position and cancel flag are reset only at construction: one job serves one export. If the job is
-// started again with a new reader and target, it continues at its position and writes a valid file
-// without the earlier frames.
+// One job serves one export, because only the constructor resets position and cancel flag. If the
+// filter starts the job again with a new reader and target, the job continues at its position and
+// writes a valid file without the earlier frames.
 class WavExportJob : public TaskJob {
  public:
   static constexpr std::int64_t kFramesPerBlock = 65536;
@@ -52,7 +52,8 @@ class WavExportJob : public TaskJob {
   // out, the file is valid and ends early.
   void Run(std::int16_t bits, bool is_float) noexcept {
     const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
-    // Only a lack of memory can fail here. It ends the samples; the rest of the file follows.
+    // WriteSamples can only fail for lack of memory. The samples then end early, and the trailer
+    // follows.
     ComCall([&] { WriteSamples(format); });
     LittleEndianBytes trailer;
     WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });
@@ -60,8 +61,8 @@ class WavExportJob : public TaskJob {
     reader_.Reset();
   }
 
-  // Calls `use` with the annotations, on any thread. The worker reads them after the audio is
-  // written.
+  // Calls `use` with the annotations under a lock, on any thread. The worker reads the annotations
+  // after it has written the audio.
   template <class Use>
   HRESULT WithNotes(Use&& use) {
     return ComCall([&] {
@@ -74,7 +75,7 @@ class WavExportJob : public TaskJob {
   void WriteSamples(const WavFormat& format) {
     file_.Begin(format, ManyChannels::kExtensible);
 
-    // Without channels there is nothing to read, whatever the length.
+    // Without channels there are no samples, so the export is complete at once.
     if (format.channels <= 0) position = std::max(position.load(), total.load());
 
     WavSampleEncoder encoder(format);
@@ -85,7 +86,7 @@ class WavExportJob : public TaskJob {
       const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
       SAFEARRAY* const silence = block.Prepare(static_cast<std::size_t>(frames) *
                                                static_cast<std::size_t>(format.channels));
-      // Writes the block even if the reader fails, so that the rest stays in place.
+      // Writes the block even if the reader fails, so that later samples stay in place.
       reader_->ReadAudio(position, silence);
       file_.Write(encoder.Encode(block.samples(), static_cast<std::size_t>(frames)));
       position += frames;
@@ -98,12 +99,12 @@ class WavExportJob : public TaskJob {
   WavAnnotations annotations_;
 };
 
-// One object serves one export: Initialize, settings, Start, then poll until the task has ended, or
-// Cancel. The sample width is read at Start. Metadata, ACID data, labels and markers are read when
-// the last sample is written, so they may be set until then.
+// One object serves one export. Call Initialize, the setters and Start, then poll until the task
+// has ended, or call Cancel. Start reads the sample width. The worker reads metadata, ACID data,
+// labels and markers after the last sample, so they may be set until then.
 //
-// Errors during the task are not reported: a full disk leaves a truncated file, and samples that a
-// reader fails to deliver are written as silence.
+// The task reports no errors. A full disk leaves a truncated file. Samples that a reader fails to
+// deliver are written as silence.
 class CWavExportFilter final
     : public AnnotationSupport<
           CWavExportFilter,
@@ -119,8 +120,8 @@ class CWavExportFilter final
 
   CWavExportFilter() { job_ = std::make_shared<WavExportJob>(); }
 
-  // ICoreTask. Start fails with E_FAIL while the task runs and without file or reader. A Cancel
-  // before Start stays in force, and the file then has no samples.
+  // ICoreTask. Start fails with E_FAIL while the task runs, or if file or reader is missing. If
+  // Cancel is called before Start, the file has no samples.
   STDMETHODIMP Start() override {
     return ComCall([&] {
       if (worker_.IsRunning() || !job_->IsReady()) return E_FAIL;
@@ -130,8 +131,8 @@ class CWavExportFilter final
     });
   }
 
-  // IExportFilter. Initialize fails with E_FAIL while the task runs. If it cannot create the file,
-  // the object has no file, even if an earlier call had created one.
+  // IExportFilter. Initialize fails with E_FAIL while the task runs. If Initialize cannot create
+  // the file, the object has no file, even if an earlier Initialize had created a file.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall(
         [&] { return HandOut(pbSupported, lstrcmpiA(ToAnsi(bstrExtension).c_str(), "wav") == 0); });
@@ -156,7 +157,7 @@ class CWavExportFilter final
     return HandOut(pbHasSettings, true);
   }
   STDMETHODIMP ShowSettingsDlg(BSTR, ULONG nHwndParent) override {
-    // The dialog serves this thread's other messages, and one of them may release the object last.
+    // The dialog dispatches messages, and a message handler may release the last reference.
     const ComPtr<IUnknown> alive(OuterUnknown());
     ComCall([&] {
       CWavSettings settings(bits_per_sample_, is_float_);
@@ -165,7 +166,7 @@ class CWavExportFilter final
         is_float_ = settings.is_float();
       }
     });
-    return S_OK;  // without a dialog nothing has changed
+    return S_OK;  // also if no dialog was shown
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, false); }
 

@@ -16,8 +16,8 @@
 
 namespace marlinda {
 
-// Creates or empties the file `name`, with exclusive write access. On failure returns no handle and
-// sets the thread's last error.
+// Creates or empties the file `name`, with exclusive write access. On failure, returns an empty
+// handle and sets the thread's last error.
 inline FileHandle CreateTargetFile(const std::string& name) noexcept {
   return FileHandle(CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                 FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -38,13 +38,13 @@ inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept 
   return true;
 }
 
-// Chunks are padded to a multiple of 4 bytes, and the padding counts in their sizes. Sizes are
-// 32-bit and unchecked: past 4 GiB the fields wrap, but all samples are written.
+// Each chunk is padded to a multiple of 4 bytes, and its size includes the padding. The size fields
+// have 32 bits and wrap beyond 4 GiB, but all samples are written.
 //
-// A failed write is not reported: the file is finished as far as possible.
+// Failed writes are not reported. The file is finished as far as possible.
 class WavFile {
  public:
-  // Takes ownership of a handle, which may be empty. Closes an open file as it is.
+  // Takes ownership of a handle, which may be empty. Closes an open file without its sizes.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;
@@ -79,7 +79,7 @@ class WavFile {
     target.QuadPart = static_cast<LONGLONG>(position);
     if (file_) SetFilePointerEx(file_.get(), target, nullptr, FILE_BEGIN);
   }
-  // Ends the chunk from `body_start` to the file pointer.
+  // Pads the chunk from `body_start` to the file pointer, and fills in its size.
   void EndChunk(std::uint64_t body_start) noexcept {
     LARGE_INTEGER position = {};
     SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &position, FILE_CURRENT);

@@ -37,12 +37,12 @@ void AddCuePoints(LittleEndianBytes& file, const WavAnnotations& all, std::int32
   file.U32(all.labels.size() + all.markers.size());
   for (const Label& label : all.labels) {
     position = static_cast<std::uint32_t>(label.position);
-    // The low 32 bits; unsigned arithmetic may wrap.
+    // The field holds the low 32 bits of the product, so unsigned arithmetic may wrap.
     block_start = position * static_cast<std::uint32_t>(block_align);
     add_point(label.position);
   }
-  // A marker's point has its start only in the sample offset; position and block start keep the
-  // values of the last label.
+  // A marker's cue point stores its start only in the sample offset. Position and block start keep
+  // the values of the last label.
   for (const SectionMarker& marker : all.markers) add_point(marker.section.begin);
 }
 

@@ -56,7 +56,7 @@ class LittleEndianBytes {
   LittleEndianBytes& TextWithNul(std::string_view text) { return Text(text).Low<1>(0); }
   LittleEndianBytes& Id(FourCC id) { return Text(id.text()); }
 
-  // A chunk whose body `write_body` appends. Padding to a multiple of 4 bytes counts in the size.
+  // Appends a chunk with the body that `write_body` appends. The size includes the padding.
   template <class Body>
   LittleEndianBytes& Chunk(FourCC id, Body&& write_body) {
     Id(id).U32(0);
@@ -74,7 +74,7 @@ class LittleEndianBytes {
   std::vector<std::byte> bytes_;
 };
 
-// Not validated; a field of the file holds the low bits of a value.
+// The values are not validated. A field of the file holds the low bits of a value.
 struct WavFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;
@@ -93,7 +93,7 @@ struct WavAnnotations {
   std::optional<AcidData> acid = {};
 };
 
-// Whether more than two channels get the 40-byte extensible format.
+// Whether files with more than two channels get the 40-byte extensible format.
 enum class ManyChannels { kExtensible, kPlain };
 
 // Everything before the samples: "RIFF", "fmt " and the header of "data". The sizes of "RIFF" and

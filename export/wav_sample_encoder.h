@@ -16,15 +16,14 @@ namespace marlinda {
 
 // A block of n frames has n * BlockAlign() bytes, so that the header's sizes are right at every
 // width. Samples of 8, 16, 24 and 32 bits fit exactly. At other widths the bytes are truncated or
-// padded with zeros. For example, 12 bits convert to 2-byte samples of which a block keeps the
-// first half, and floats with a 16-bit header keep the first half of the raw floats. A block align
-// of 0 or less gives no bytes.
+// padded with zeros. For example, a block of 12-bit samples takes 2 bytes per sample and loses its
+// second half, and so do floats with a 16-bit header. A block align of 0 or less gives no bytes.
 class WavSampleEncoder {
  public:
   explicit WavSampleEncoder(const WavFormat& format) noexcept : format_(format) {}
 
-  // Returns the bytes of `frames` frames, valid until the next call. `samples` are their
-  // interleaved floats. Throws std::bad_alloc.
+  // Converts `frames` frames of interleaved `samples`. The returned bytes are valid until the next
+  // call. Throws std::bad_alloc.
   std::span<const std::byte> Encode(std::span<const float> samples, std::size_t frames) {
     if (format_.BlockAlign() <= 0) return {};
     const auto block_align = static_cast<std::size_t>(format_.BlockAlign());
@@ -37,7 +36,7 @@ class WavSampleEncoder {
         format_.is_float ? raw.size() : samples.size() * PcmBytesPerSample(format_.bits);
     if (buffer_.size() < std::max(size, encoded)) buffer_.resize(std::max(size, encoded));
     if (format_.is_float) {
-      // Floats are written as they are in memory.
+      // Copies the floats without conversion.
       static_assert(std::endian::native == std::endian::little);
       std::ranges::copy(raw, buffer_.begin());
     } else {

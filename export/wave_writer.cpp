@@ -16,19 +16,19 @@
 namespace marlinda {
 namespace {
 
-// Here 32 bits mean float samples.
+// SetResolution(32) selects float samples.
 constexpr SHORT kFloatBits = 32;
 
 enum class WriterCall { kWriteAudio, kOpenDevice, kCloseDevice, kSetFormat, kQueryIsReady };
 
 }  // namespace
 
-// Every IAudioWriter call goes to the next writer first, whose result is ignored, and then into the
-// file. If the next writer changes the block in place, the file gets the changed block. In front of
-// a playback object it records the played sound.
+// Every IAudioWriter call goes to the next writer first and then into the file. The next writer's
+// result is ignored. If the next writer changes a block in place, the file gets the changed block.
+// In front of a playback object, a wave writer records the played sound.
 //
-// Only the thread that drives the chain may call it. Rings of writers are allowed: a call that
-// comes back to a writer ends there, so each writer writes every block once.
+// Only the thread that drives the writers may call a wave writer. Writers may form a ring. A call
+// that comes back to a writer ends there, so each writer writes every block once.
 class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CWaveWriter;
@@ -51,8 +51,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
     return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
   }
 
-  // IAudioWriter. Without an open file all calls succeed and serve only the next writer. An array
-  // of other elements than floats reaches the next writer and then fails with E_INVALIDARG.
+  // IAudioWriter. Without an open file, calls only serve the next writer. WriteAudio passes an
+  // array of other elements than floats to the next writer and then fails with E_INVALIDARG.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     const NestedCall call(this, WriterCall::kWriteAudio);
     if (call.Depth() > 1) return S_OK;
@@ -71,8 +71,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
       }
     });
   }
-  // If the new file cannot be created, fails and leaves an open file open. Otherwise finishes the
-  // open file first.
+  // Finishes an open file and begins the new file. If the new file cannot be created, OpenDevice
+  // fails, and the open file stays open.
   STDMETHODIMP OpenDevice() override {
     const NestedCall call(this, WriterCall::kOpenDevice);
     if (call.Depth() > 1) return S_OK;
@@ -102,7 +102,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
     channels_ = nChannels;
     return S_OK;
   }
-  // Without a next writer the value does not change: callers initialise it.
+  // Without a next writer, the value does not change. Callers must initialise it.
   STDMETHODIMP QueryIsReady(LONG* pbReady) override {
     if (pbReady == nullptr) return E_POINTER;
     const NestedCall call(this, WriterCall::kQueryIsReady);

@@ -19,7 +19,7 @@ namespace {
 constexpr WORD kStreamNumber = 1;
 constexpr std::uint64_t kWmTicksPerSecond = 10'000'000;
 
-// The library is an optional part of the system, so it is loaded only when needed.
+// Loads the library when it is needed, because the library is an optional part of the system.
 class WindowsMedia {
  public:
   WindowsMedia() : library_(LoadLibraryExW(L"wmvcore.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
@@ -74,7 +74,7 @@ bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
          format->nChannels == settings.channels;
 }
 
-// The codec's stream with the best bit rate up to the wanted one, otherwise with the lowest.
+// Returns the codec's stream with the best bit rate by IsBetterBitRate.
 ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncoderSettings& settings) {
   const auto codecs = TryQuery<IWMCodecInfo>(manager);
   DWORD codec_count = 0;
