@@ -1,4 +1,4 @@
-// Converts channel lists on the command line to masks, bit 0 for channel 0.
+// Converts channel lists on the command line to masks. Bit 0 of a mask stands for channel 0.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// ColumnLevels: what the columns of a picture show of consecutive samples.
+// ColumnLevels: minimum, maximum and root mean square for each column of a picture.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ class ColumnLevels {
         pairs_(2 * columns * channels),
         squares_(rms ? columns * channels : 0) {}
 
-  // Adds whole frames that follow those added before. Frames beyond the last column are ignored.
+  // Adds the next whole frames. Frames beyond the last column are ignored.
   void Add(std::span<const float> samples) {
     while (!samples.empty() && position_ < frames_) {
       const std::int64_t column = position_ * columns_ / frames_;
@@ -33,9 +33,9 @@ class ColumnLevels {
     }
   }
 
-  // One (minimum, maximum) for each channel of each column.
+  // One (minimum, maximum) pair for each channel of each column.
   std::span<const float> pairs() const { return pairs_; }
-  // One root mean square for each channel of each column. Empty unless asked for.
+  // One root mean square for each channel of each column. Empty unless `rms` was true.
   std::vector<float> RootMeanSquares() const {
     std::vector<float> result(squares_.size());
     for (std::size_t i = 0; i < result.size(); ++i) {

@@ -34,8 +34,8 @@ BOOL WINAPI HandleControl(DWORD event) {
   const bool again = IsInterrupted();
   SetEvent(interrupt_event.get());
   if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-    // The window closes or the user logs off. The system ends the process when this returns, or
-    // after a few seconds. Waiting gives the main thread that time to finish the file.
+    // The window closes or the user logs off. The system ends the process when this handler
+    // returns, or after a few seconds, in which the main thread can finish the file.
     Sleep(INFINITE);
   }
   if (again && finishing_count == 0) {
@@ -53,7 +53,7 @@ Console::Console() : old_code_page_(GetConsoleOutputCP()) {
   SetConsoleOutputCP(CP_UTF8);
   for (std::FILE* stream : {stdout, stderr}) {
     _setmode(_fileno(stream), _O_BINARY);
-    // Buffered, because a console cannot join UTF-8 characters that arrive byte by byte.
+    // Buffers the output, because a console cannot join UTF-8 characters that arrive byte by byte.
     std::setvbuf(stream, nullptr, _IOFBF, 1 << 12);
   }
   interrupt_event = KernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -62,7 +62,7 @@ Console::Console() : old_code_page_(GetConsoleOutputCP()) {
 }
 
 Console::~Console() {
-  // The handler stays and now ignores Ctrl+C, so that a late one does not replace the exit status.
+  // The handler stays and now ignores Ctrl+C, so that Ctrl+C cannot replace the exit status.
   ++finishing_count;
   if (old_code_page_ != 0) SetConsoleOutputCP(old_code_page_);
 }

@@ -23,8 +23,8 @@ class Console {
     Finishing& operator=(const Finishing&) = delete;
   };
 
-  // Sets output to UTF-8. The first Ctrl+C sets Interrupted instead of ending the program; a second
-  // one ends it at once with the status of an interruption.
+  // Sets output to UTF-8. From now on, the first Ctrl+C only sets Interrupted, and the second ends
+  // the program at once with the exit status of an interruption.
   Console();
   ~Console();
   Console(const Console&) = delete;
@@ -39,8 +39,8 @@ class Console {
   ProgressOutput Progress() const;
 
   bool Interrupted() const;
-  // Resets Interrupted, so that the next Ctrl+C counts as the first. For a command that ends its
-  // work on Ctrl+C and then saves it.
+  // Resets Interrupted, so that the next Ctrl+C counts as the first. Call this between work that
+  // Ctrl+C may end and the saving of its result.
   void ForgetInterrupt() const;
 
   // Waits until `milliseconds` have passed or Ctrl+C is pressed. Dispatches window messages, which

@@ -47,7 +47,7 @@ inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SH
   return frames;
 }
 
-// Returns the output's format: the input's, with `rate` and `channels` replaced if given.
+// Returns the input's format, with `rate` and `channels` replaced if they are given.
 inline AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
                                 std::optional<int> channels) {
   return {static_cast<LONG>(rate.value_or(from.rate)),

@@ -24,8 +24,8 @@ void CheckTask(HRESULT hr) {
   if (hr != E_NOTIMPL) Check(hr);
 }
 
-// Starts the task and waits for its end. Returns false if it was interrupted and cancelled. The bar
-// advances from `done` by `share`.
+// Starts the task and waits for its end. Returns false if the user has interrupted the task, which
+// is then cancelled. The bar advances from `done` by `share`.
 bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double done = 0,
              double share = 1) {
   constexpr DWORD kPollMilliseconds = 20;
@@ -50,8 +50,8 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   return reader->ReadAudio(position, frame.get());
 }
 
-// Returns the built-in filter of the highest merit that accepts the file, chosen as the manager
-// does. Skips filters that the manager has tried: a hanging decoder takes fifteen seconds.
+// Returns the built-in filter with the highest merit that accepts the file, as the manager would.
+// Skips filters that the manager has tried, because a hanging decoder takes fifteen seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   const FilterList listed = ReadFilterList();
   ComPtr<IImportFilter> best;
@@ -90,8 +90,8 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   return filter;
 }
 
-// Sorts the parts, adds a margin to each and merges those that touch. The peaks of a pool depend on
-// the blocks written to it. With the margin, a part that begins between two peaks has the same
+// Sorts the parts, adds a margin to each part and merges parts that touch. A pool's peaks depend on
+// the blocks that are written. With the margin, a part that begins between two peaks has the same
 // peaks as in the whole file.
 std::vector<FrameRange> Separate(std::vector<FrameRange> parts, __int64 frames) {
   constexpr __int64 kMaxBlockFrames = 16384;
@@ -161,7 +161,7 @@ ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
 }
 
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio) {
-  // Insert a document's segments, because they have peaks and the document itself has none.
+  // Insert a document's segments. The segments have peaks, but the document itself has none.
   if (const auto other = TryQuery<IEditedAudio>(audio.reader.Get())) {
     Check(document->Insert(0, other.Get()));
   } else {
@@ -240,7 +240,7 @@ HRESULT TryPoolFiles(IAudioPool* pool) {
   __int64 peaks = 0;
   const HRESULT hr = pool->GetFileHandles(&audio, &peaks);
   if (FAILED(hr) || audio != 0) return hr;
-  // The pool has no file for samples. Only a write reports why.
+  // The pool has no file for samples. Only WriteAudio reports the reason.
   const auto writer = Query<IAudioWriter>(pool);
   Check(writer->SetFormat(44100, 1));
   return writer->WriteAudio(FloatArray(1).get());
@@ -415,7 +415,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   const auto [none, format, frames] = Expected().value();
   const __int64 length = part.end - part.begin;
   if (length < frames) Select(part);
-  // The reader below needs the format now; the filter sets the same format again.
+  // The reader below needs the format now. The filter will set the same format again.
   Check(Query<IAudioWriter>(pool_.Get())->SetFormat(format.rate, format.channels));
   const auto take = CreateObject<IAudioPoolReader>(CLSID_CAudioPoolReader, "CAudioPoolReader");
   const __int64 bytes = length * format.channels * static_cast<__int64>(sizeof(float));
@@ -424,7 +424,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   Check(task->Start());
   const auto wait_and_read = [task](IAudioReader* reader, __int64 position, SAFEARRAY* array) {
     for (;;) {
-      // Ask before the read, so that a read after the import finds all its frames.
+      // Ask before the read, so that a read after the end of the import finds all frames.
       VARIANT_BOOL running = VARIANT_FALSE;
       task->QueryIsTaskRunning(&running);
       if (running == VARIANT_FALSE) {
@@ -454,7 +454,7 @@ std::optional<__int64> Source::PollImport(const Console& console) const {
 
 ImportedAudio Source::TakeOfRun(const Console& console) const {
   const ImportedAudio audio = LastTake(pool_.Get());
-  // The import ignores failed writes, but then the pool's file is shorter than its take.
+  // The import ignores failed writes, but they leave the pool's file shorter than its take.
   const HRESULT last =
       audio.frames > 0 ? ReadOneFrame(audio.reader.Get(), audio.frames - 1, audio.format.channels)
                        : S_OK;

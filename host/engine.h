@@ -89,7 +89,7 @@ struct AudioFormat {
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits);
 ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format);
 
-// Keeps a reader open during its lifetime.
+// Keeps a reader open while this object exists.
 class OpenReader {
  public:
   explicit OpenReader(IAudioReader* reader) : reader_(reader) { Check(reader_->OpenDevice()); }
@@ -132,8 +132,8 @@ ImportedAudio LastTake(IAudioPool* pool);
 // An input file, its import filter and, if no target is given, the pool that receives the audio.
 class Source {
  public:
-  // Chooses the filter: the filter manager's, otherwise a built-in one. If `target` is given, the
-  // source has no pool, and the caller runs the import.
+  // Uses the filter that the filter manager chooses, otherwise a built-in filter. If `target` is
+  // given, the source has no pool, and the caller runs the import.
   explicit Source(const std::string& file, IAudioWriter* target = nullptr);
 
   const std::string& file() const { return file_; }
@@ -154,12 +154,12 @@ class Source {
   // Decodes the whole file. Reports on standard error if the file holds less than it announces.
   ImportedAudio Import(const Console& console);
 
-  // Decodes the file into `take`, on another thread, without a pool. Returns the result of Import
-  // without its reader. Rethrows what `take` throws. `part` requires a result of Expected; if the
-  // file holds less than it announces, fewer frames come, and nothing is reported.
+  // Decodes the file on another thread into `take`, without a pool. Returns the result of Import
+  // without its reader. Rethrows an exception of `take`. `part` requires a result of Expected. If
+  // the file holds less than it announces, Stream delivers fewer frames and reports nothing.
   ImportedAudio Stream(const SampleFunction& take, const Console& console,
                        const std::optional<FrameRange>& part = {});
-  // Make the next run of the filter write to `target` or, as the constructor does, to the pool.
+  // Make the filter's next run write to `target`, or to the pool as after construction.
   void Initialize(IAudioWriter* target);
   void InitializeForPool();
 
@@ -172,8 +172,8 @@ class Source {
   // Starts to decode a part and returns audio that is silent elsewhere. The reader of the audio
   // waits for frames that are not decoded yet.
   ImportedAudio StartImport(const FrameRange& part);
-  // Returns nothing while the started import runs, then the number of frames that it has read.
-  // Reports and throws as Import does.
+  // Returns nothing while the import of StartImport runs. Afterwards, returns the number of frames
+  // that were imported. Reports and throws as Import does.
   std::optional<__int64> PollImport(const Console& console) const;
 
  private:
@@ -197,7 +197,7 @@ struct FileTexts {
   std::optional<AcidData> acid = {};
 };
 
-// An output file: WAV or, by its extension, MP3 or WMA, which hold tags but no labels or markers.
+// An output file of the kind that its extension selects. MP3 and WMA hold no labels or markers.
 class FileExport {
  public:
   // Create it before a long import. Throws for an unsupported extension, a missing folder, or a

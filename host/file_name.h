@@ -10,8 +10,8 @@ namespace marlinda {
 // device.
 void RequireReadable(const std::string& file);
 
-// Throws a HostError with the reason if the file cannot be opened for writing. Does not change its
-// contents and leaves no new file behind.
+// Throws a HostError with the reason if the file cannot be opened for writing. Does not change the
+// file's contents and leaves no new file behind.
 void RequireWritable(const std::string& file);
 
 // Throws a HostError if the output cannot be a file: its folder does not exist, or it is a folder,
@@ -26,7 +26,7 @@ void WriteWholeFile(const std::string& file, const std::string& content);
 std::string ExtensionOf(const std::string& file);
 
 // Returns a name of the file that the engine's code page can hold: the name itself or the system's
-// short name. Throws a HostError if there is neither.
+// short name. Throws a HostError if neither name fits.
 std::wstring EngineNameOfInput(const std::string& file);
 // As above, for an output. Creates an empty file first if the name itself does not fit.
 std::wstring EngineNameOfOutput(const std::string& file);

@@ -1,4 +1,4 @@
-// Readers and writers of the host's own, which the engine calls.
+// Readers and writers that the host implements and the engine calls.
 #pragma once
 
 #include <marlinda.h>
@@ -15,8 +15,8 @@
 
 namespace marlinda {
 
-// An object with one interface. The engine calls it through its vtable only, so the dispatch
-// methods are not implemented.
+// An object with one interface. The dispatch methods are not implemented, because the engine calls
+// the object only through its vtable.
 template <class I>
 class HostObject : public I {
  public:
@@ -83,7 +83,7 @@ inline ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   return reader;
 }
 
-// An array of floats, as every interface passes it.
+// Returns the samples of an array of floats.
 inline std::span<float> SamplesOf(const SAFEARRAY* array) {
   return {static_cast<float*>(array->pvData), array->rgsabound[0].cElements};
 }

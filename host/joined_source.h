@@ -27,7 +27,7 @@ inline void Append(const Annotations& more, __int64 offset, Annotations& all) {
 
 class JoinedSource {
  public:
-  // Opens all files; needs at least one. Throws for the first file that cannot be read.
+  // Opens all files, of which there must be at least one. Throws for the first unreadable file.
   explicit JoinedSource(std::span<const std::string> files) {
     for (const std::string& file : files) sources_.emplace_back(file);
   }
@@ -48,15 +48,15 @@ class JoinedSource {
     }
     return whole;
   }
-  // ImportParts decodes parts, as Source does. It needs a single file.
+  // ImportParts decodes parts as in Source. Call it only if CanImportParts returns true.
   bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
     annotations_ = first().ReadAnnotations();
     return sources_.front().ImportParts(std::move(parts), console);
   }
 
-  // Decodes all files. Converts files that differ from `rate` and `channels`, or from the first
-  // file if these are not given. Labels and markers move with their file.
+  // Decodes all files. Converts each file to `rate` and `channels`, or to the first file's values
+  // if these are not given. Labels and markers move with their file.
   ImportedAudio Import(std::optional<int> rate, std::optional<int> channels,
                        const Console& console) {
     ImportedAudio whole;

@@ -26,7 +26,7 @@ class PlainHelp final : public CLI::Formatter {
   }
 };
 
-// Makes a repeated flag a usage error; the parser would accept it.
+// Makes a repeated flag a usage error, because the parser accepts repeated flags.
 void RefuseFlagsTwice(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* option : command->get_options()) {
@@ -37,7 +37,7 @@ void RefuseFlagsTwice(CLI::App& app) {
   }
 }
 
-// Reports an unknown command by name; the parser would only report that a command is missing.
+// Reports an unknown command by name. The parser would only report that a command is missing.
 void RequireCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
   if (arguments.empty() || arguments[0].starts_with('-')) return;
   const auto is_named = [&](const CLI::App* command) { return command->check_name(arguments[0]); };

@@ -10,8 +10,8 @@
 
 namespace marlinda {
 
-// Draws each line over the last one and clears it at the end. Draws nothing if `out` is null, as
-// for files and pipes.
+// Draws each line over the previous line, and clears the line at the end. Draws nothing if `out` is
+// null, as for files and pipes.
 class StatusLine {
  public:
   explicit StatusLine(std::ostream* out) : out_(out) {}

@@ -40,13 +40,13 @@ class DeviceChoice {
   std::string description_;
 };
 
-// Returns the bits per sample to use: 32 (float) if the device opens with them, otherwise 16. Opens
-// and closes the device to find out, because a playing document does not report a device that fails
-// to open. Throws a HostError if the device opens with neither.
+// Returns the bits per sample to use: 32 (float) if the device opens with 32 bits, otherwise 16.
+// Tests this by opening and closing the device, because a playing document does not report a device
+// that fails to open. Throws a HostError if the device opens with neither width.
 SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format);
 
-// Opens the device for recording, with the bits chosen in the same way. Returns the open grabber.
-// Throws a HostError.
+// Opens the device for recording, with bits chosen as by ChooseOutputBits. Returns the open
+// grabber. Throws a HostError.
 ComPtr<IAudioReader> OpenGrabber(const DeviceChoice& device, const AudioFormat& format);
 
 // The error of a device that was lost while in use. `what` states the effect.

@@ -19,8 +19,8 @@ class Timecode {
   // allowed. Throws std::invalid_argument with the reason.
   static Timecode Parse(std::string_view text);
 
-  // Returns the nearest frame, the later one in a tie. `rate` must be positive. Throws
-  // std::invalid_argument if the frame does not fit in 64 bits.
+  // Returns the nearest frame, or the later of two equally near frames. `rate` must be positive.
+  // Throws std::invalid_argument if the frame does not fit in 64 bits.
   std::int64_t ToFrames(std::int32_t rate) const;
 
  private:

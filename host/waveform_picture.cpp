@@ -98,7 +98,7 @@ class Canvas {
  private:
   struct Line {
     double x;
-    int row;  // in which the line begins: the row of its name or, without one, the end of the rows
+    int row;  // where the line begins: at its name or, without a name, below all rows
     Colour colour;
   };
   struct Name {
@@ -124,8 +124,8 @@ class Canvas {
     drawing_.Fill(text.outline, colour, 1, {x, baseline});
   }
 
-  // Places a name right of its line, or left of it at the end of the picture, in the first row with
-  // room. Returns the row, or kMaxRows if there is none.
+  // Places a name right of its line, or left of the line near the picture's right edge, in the
+  // first row with room. Returns the row, or kMaxRows if no row has room.
   int PlaceName(double line, const std::string& text, Colour colour) {
     ShapedText shaped = shape_(text);
     double x = line + 4;

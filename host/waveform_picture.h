@@ -49,13 +49,13 @@ constexpr double kTextSize = 12;  // pixels from line to line
 // The minimum height at which the lanes can be read.
 int LeastHeight(int channels);
 
-// Full scale fills a lane; samples beyond it are clipped and marked. Names take at most three rows.
-// If a name does not fit, only its line is drawn.
+// Full scale fills a lane. Samples beyond full scale are clipped and marked. Names take at most
+// three rows. If a name does not fit, only its line is drawn.
 Drawing DrawWaveform(const Waveform& waveform, const PictureStyle& style, int width, int height,
                      const ShapeText& shape);
 
 // Returns the smallest usual step that puts ticks at least `least_pixels` apart and, if `whole` is
-// given, divides it. Usual steps are 1, 2 and 5 times a power of ten below a second, and round
+// given, divides `whole`. Usual steps are 1, 2 and 5 times a power of ten below a second, and round
 // seconds, minutes and hours above.
 double TickStep(double seconds, int width, int least_pixels, double whole = 0);
 

@@ -23,7 +23,7 @@ struct ConvertOptions {
   bool json = false;
 };
 
-// Disconnects the connector on destruction: connector and filters hold references to each other.
+// Disconnects the connector on destruction, because it and the filters refer to each other.
 class Connector {
  public:
   Connector() = default;
@@ -42,7 +42,7 @@ class Connector {
 };
 
 // Imports and exports at the same time, without a pool. Returns nothing if the import stalls or
-// holds less than it announces; the output then has silence in place of the missing samples.
+// delivers less than the file announces. The missing samples are then silent in the output.
 std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& to, int bits,
                                              FileExport& wave, const Console& console) {
   const Connector connector;
@@ -62,7 +62,7 @@ std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& 
   return facts;
 }
 
-// The connector needs the exact length in advance, which an imported take has.
+// Exports an imported take. The connector needs an exact length in advance, which a take has.
 WaveFileFacts ConvertFromPool(const ImportedAudio& audio, const AudioFormat& to, int bits,
                               FileExport& wave, const Console& console) {
   if (to == audio.format) return wave.Run(audio.reader.Get(), bits, console);

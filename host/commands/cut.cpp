@@ -27,8 +27,8 @@ struct CutOptions {
   bool json = false;
 };
 
-// Copies the pieces from a document of the whole source, so that labels and markers come with their
-// audio.
+// Copies the pieces from a document of the whole source, so that each piece keeps its labels and
+// markers.
 ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
                               const Annotations& source_annotations, int bits) {
   const auto whole = NewDocument(audio.format, bits);
@@ -51,7 +51,7 @@ ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
   return result;
 }
 
-// The engine's texts use the system's code page, which silently loses other characters.
+// Rejects characters that the code page lacks, because the engine would silently lose them.
 void RequireText(const std::string& text) {
   if (FitsCodePage(Widen(text))) return;
   throw HostError(ExitStatus::kUsage, text, "the system's code page lacks some of these characters",
@@ -84,7 +84,7 @@ void Cut(const CutOptions& options, const Console& console) {
   }
   const auto document = Assemble(plan, audio, source.annotations(), bits);
   const Annotations annotations = ReadAnnotations(document.Get());
-  // No loop data: its beat count belongs to the whole source.
+  // Omits the loop data, because its beat count belongs to the whole source.
   wave.SetTexts({source.first().ReadTags(), annotations});
   const auto reader = Query<IAudioReader>(document.Get());
   const WaveFileFacts facts = wave.Run(reader.Get(), bits, console);

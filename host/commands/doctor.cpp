@@ -48,7 +48,7 @@ std::string ModuleOf(IUnknown* object) {
   return PathOf(module);
 }
 
-// Returns the bitness that the file's header states, 64 or 32; 0 for any other file.
+// Returns the bitness in a program file's header, 64 or 32, or 0 for any other file.
 int BitsOf(const std::string& file) {
   std::ifstream stream(std::filesystem::path(Widen(file)), std::ios::binary);
   IMAGE_DOS_HEADER dos = {};
@@ -137,7 +137,7 @@ std::string ToText(const Registrations& registrations, const char* none) {
 }
 
 HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
-  // CLSCTX_INPROC_SERVER only: otherwise the system replaces the module's error by its own.
+  // With more than CLSCTX_INPROC_SERVER, the system would replace the module's error by its own.
   return CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
@@ -309,7 +309,7 @@ class Doctor {
                   "Also register the module with the same bitness as the programs.");
   }
 
-  // On failure, examines the file, because some systems always report "access denied".
+  // If loading fails, examines the file, because some systems only report "access denied".
   void ExamineModule() {
     constexpr const char* kSubject = "the engine's module";
     ComPtr<IUnknown> manager;
@@ -338,7 +338,7 @@ class Doctor {
     Line("registered", ToText(registrations_, "nowhere"));
   }
 
-  // Returns the module in the program's folder or, in a package, in x64 or x86; empty if missing.
+  // Returns the module in the program's folder or, in a package, in x64 or x86, or an empty text.
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
@@ -355,8 +355,8 @@ class Doctor {
       const std::string file = FindBeside(bits);
       Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
       if (bits != kOwnBits) {
-        // Some systems show both bitnesses the same entries. Such an entry belongs to this
-        // program's bitness.
+        // Some systems show programs of both bitnesses the same entries. Such an entry belongs to
+        // this program's bitness.
         std::erase_if(registrations, [&](const Registration& registration) {
           return std::ranges::count(registrations_, registration) != 0;
         });
@@ -481,7 +481,7 @@ class Doctor {
     }
   }
 
-  // Chooses the folder as the engine does, which ignores a value that does not fit in its buffer.
+  // Chooses the folder as the engine does. The engine ignores a value that exceeds its buffer.
   void ExamineTemporaryFolder() {
     char chosen[256] = "";
     DWORD size = sizeof chosen - 1;
@@ -573,7 +573,7 @@ void PrintReport(bool json, const Console& console) {
   console.Print(doctor.Report(json));
   const std::size_t count = doctor.problems().size();
   if (count == 0) return;
-  static_cast<void>(std::fflush(stdout));  // print it before the message on the other stream
+  static_cast<void>(std::fflush(stdout));  // print the report before the message on standard error
   throw HostError(
       Gravest(doctor.problems()), "",
       count == 1 ? "there is 1 problem" : "there are " + std::to_string(count) + " problems");

@@ -1,5 +1,5 @@
 // "marlinda filters": lists the import filters of the registry list, then the built-in filters that
-// are not in it.
+// the list lacks.
 #include <algorithm>
 
 #include "host/commands/commands.h"

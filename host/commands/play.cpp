@@ -47,8 +47,8 @@ class Player {
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
 
-  // Waits until playing ends and returns its end position. Throws if interrupted or if the device
-  // stops early. `importing` is true if the section is still being imported.
+  // Waits until playback ends and returns the end position. Throws if the user interrupts or the
+  // device stops early. `importing` is true if the section is still being imported.
   std::int64_t Watch(const Source& source, bool importing, const DeviceChoice& device,
                      const Console& console) {
     constexpr DWORD kPollMilliseconds = 50;
@@ -67,7 +67,7 @@ class Player {
       __int64 now_at = 0;
       Check(document_->GetPlayStatus(&playing, &now_at));
       if (playing == VARIANT_FALSE) break;
-      // At the end of a section that does not loop, the reported position returns to the begin.
+      // At the end of a section that does not loop, the engine reports the section's begin again.
       position = section_.loop ? now_at : std::max(position, now_at);
       if (console.Interrupted()) {
         throw HostError(ExitStatus::kInterrupted, source.file(),
@@ -80,7 +80,7 @@ class Player {
           static_cast<double>(position - section_.range.begin) / static_cast<double>(Length()));
       console.Wait(kPollMilliseconds);
     }
-    // Playing can end between two polls, so poll until the import has ended, too.
+    // Playback can end between two polls, so continue to poll until the import has also ended.
     for (note_import(); importing; note_import()) console.Wait(kPollMilliseconds);
     // If playing took less time than the audio lasts, the device did not play all of it.
     constexpr double kSlackSeconds = 0.5;

@@ -32,7 +32,7 @@ struct RecordOptions {
   bool json = false;
 };
 
-// Records into a pool on its own thread, so that the main thread can watch it and end it.
+// Records into a pool on its own thread, so that the main thread can watch and end the recording.
 class Recorder {
  public:
   // Starts recording a take into `pool`. `source` must be open; Stop closes it.
@@ -62,8 +62,8 @@ class Recorder {
   HRESULT Stop() {
     if (!thread_.joinable()) return result_;
     stopping_ = true;
-    // A block takes 40 ms. A read that takes longer waits for a lost device; closing the device
-    // ends it.
+    // A block takes 40 ms. A read that takes seconds waits for a lost device, and only closing the
+    // device ends the read.
     constexpr auto kPatience = std::chrono::seconds(2);
     const auto start = std::chrono::steady_clock::now();
     while (running_ && std::chrono::steady_clock::now() - start < kPatience) Sleep(10);
@@ -103,7 +103,7 @@ class Recorder {
   std::atomic<std::int64_t> recorded_ = 0;
   std::vector<std::atomic<float>> levels_;
   HRESULT result_ = S_OK;  // owned by the thread until it ends
-  std::thread thread_;     // declared last, because it uses the others
+  std::thread thread_;     // declared last, because it uses the other members
 };
 
 bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
@@ -120,8 +120,8 @@ std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
                                 const AudioFormat& format, std::int64_t frames,
                                 const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
-  // A stalled device may continue, but a lost one cannot be opened a second time. After this many
-  // polls without a frame, Record tries to open the device.
+  // A stalled device may continue, but a lost device cannot be opened again. After this many polls
+  // without a frame, Record tries to open the device.
   constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");
@@ -152,8 +152,8 @@ std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
   return std::nullopt;
 }
 
-// Writes the take. If the output fails, writes it to the temporary folder, perhaps on another disk,
-// because a take cannot be repeated.
+// Writes the take. If the output fails, writes the take to the temporary folder, which may be on
+// another disk, because a take cannot be repeated.
 WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, int bits,
                    const Console& console) {
   try {
@@ -193,7 +193,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
                     std::string(shortfall ? shortfall->what() : "the device delivered no audio") +
                         "; nothing was recorded");
   }
-  // A Ctrl+C before this call ended the recording; a later one interrupts the writing.
+  // A Ctrl+C before this call ended the recording. A later Ctrl+C interrupts the writing.
   console.ForgetInterrupt();
   const WaveFileFacts facts = Save(take.Get(), options, width, console);
   if (shortfall) {

@@ -73,7 +73,7 @@ class Scrubber {
   }
 
  private:
-  // Returns the frames by which a key moves the position; Home and End move beyond either end.
+  // Returns the frames by which a key moves the position. Home and End may move beyond the audio.
   std::optional<std::int64_t> StepOf(WORD key) const {
     const std::int64_t rate = audio_.format.rate;
     // Move at least one frame, so that every key has an effect.

@@ -17,12 +17,12 @@
 
 namespace marlinda {
 
-// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. An
-// std::invalid_argument that it throws is reported as a usage error.
+// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. A
+// std::invalid_argument that `action` throws is reported as a usage error.
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
                      std::function<void()> action);
 
-// As above, with options that are passed to `run`.
+// Adds a command in the same way and passes its parsed options to `run`.
 template <class Options>
 std::pair<CLI::App*, std::shared_ptr<Options>> AddCommand(
     CLI::App& app, Console& console, const char* name, const char* description, const char* footer,
@@ -65,7 +65,7 @@ void AddFormat(CLI::App* command, Number& rate, Number& channels, const std::str
 }
 
 constexpr const char* kSourceBits = "24 and 32 as in the input unless given, else 16";
-// Returns `asked`. Without it, returns the source's bits if they are 24 or 32, otherwise 16.
+// Returns `asked` if it is given, otherwise the source's bits if they are 24 or 32, otherwise 16.
 int OutputBits(const std::optional<int>& asked, const std::optional<int>& source_bits,
                const FileExport& wave);
 
