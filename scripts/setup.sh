@@ -27,7 +27,7 @@ package=("${build[@]}" nsis zip unzip)
 # and a sound server in place of a sound card.
 test=(
   "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs vorbis-tools ffmpeg
-  pulseaudio pulseaudio-utils debootstrap mono-mcs "${package[@]}"
+  pulseaudio pulseaudio-utils debootstrap "${package[@]}"
 )
 lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
 bench=(

@@ -47,15 +47,11 @@ void ImportFile(const std::filesystem::path& path, bool count) {
 }  // namespace marlinda::testing
 
 int main(int argc, char** argv) {
-  using namespace marlinda::testing;
-  if (argc < 2) return 2;
-  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  ModuleUnderTest::Load();
-  const std::filesystem::directory_iterator folder(argv[1]);
-  std::vector<std::filesystem::path> files(begin(folder), end(folder));
-  std::ranges::sort(files);
-  for (const auto& file : files) ImportFile(file, argc > 2);
-  const bool unused = ModuleUnderTest::RevokeAndSeeUnused();
-  CoUninitialize();
-  return unused ? 0 : 1;
+  return marlinda::testing::RunClient([&] {
+    const std::filesystem::directory_iterator folder(argv[1]);
+    std::vector<std::filesystem::path> files(begin(folder), end(folder));
+    std::ranges::sort(files);
+    for (const auto& file : files) marlinda::testing::ImportFile(file, argc > 2);
+    return 0;
+  });
 }
