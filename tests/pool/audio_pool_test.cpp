@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
-#include <span>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -187,9 +186,8 @@ TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock
 TEST(AudioPool, AcceptsAnyFormatAndRefusesTheBlocksThatItCannotStore) {
   constexpr HRESULT kNotSupported = HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
   const std::tuple<SHORT, SHORT, SHORT, HRESULT> rows[] = {
-      {0, 32, 0, E_INVALIDARG}, {1, -32, 0, E_INVALIDARG}, {1, 7, 0, E_INVALIDARG},
-      {1, 41, 1, E_INVALIDARG}, {19, 32, 0, E_INVALIDARG}, {9, 16, 1, kNotSupported},
-      {9, 16, 0, S_OK},         {9, 32, 2, S_OK}};
+      {0, 32, 0, E_INVALIDARG},  {1, 7, 0, E_INVALIDARG},   {1, 41, 1, E_INVALIDARG},
+      {19, 32, 0, E_INVALIDARG}, {9, 16, 1, kNotSupported}, {9, 32, 2, S_OK}};
   for (const auto& [channels, bits, dithering, expected] : rows) {
     SCOPED_TRACE(::testing::Message() << channels << " channels, " << bits << " bits");
     const Pool pool(channels, bits, dithering);
@@ -224,7 +222,7 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   expect(pool.PrevReader(), 600, 0.0F);
   expect(pool.PrevReader(), 20, 1.0F);
   EXPECT_FALSE(pool.PrevReader());
-  // CreateLastReader starts again. A take added afterwards does not move the cursor.
+  // A take added after CreateLastReader does not move the cursor.
   expect(pool.LastReader(), 6, -1.0F);
   pool.WriteTake(Samples(2, 0.0F));
   expect(pool.PrevReader(), 600, 0.0F);
@@ -246,30 +244,28 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
 
 TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
   const Samples original = Wave(512, -0.9F);
-  for (const auto& [bits, mode] : {std::pair<SHORT, SHORT>{8, 1}, {16, 2}}) {
-    DitherState dither;
-    dither.SetUp(mode, 2, bits);
-    std::srand(77);
-    Samples first = original;
-    Samples second = original;
-    dither.Process(first, std::rand);
-    dither.Process(second, std::rand);
-    const Pool pool(2, bits, mode);
-    const Pool plain(2, bits);
-    for (int step = 0; step < 4; ++step) {
-      if (step != 1) std::srand(77);
-      // Both clear the errors.
-      if (step == 2) pool.writer->SetFormat(8000, 2);
-      if (step == 3) pool.pool->SetBitDepth(bits, mode);
-      const Floats block(original);
-      EXPECT_EQ(pool.writer->WriteAudio(block), S_OK);
-      EXPECT_EQ(block.ToVector(), step == 1 ? second : first) << bits << " bits, step " << step;
-      EXPECT_EQ(plain.Write(block.ToVector()), S_OK);
-    }
-    // The dithered samples are stored, and the peaks match them.
-    EXPECT_EQ(Contents<char>(pool.audio_file), Contents<char>(plain.audio_file));
-    EXPECT_EQ(Contents(pool.peak_file), Contents(plain.peak_file));
+  DitherState dither;
+  dither.SetUp(2, 2, 16);
+  std::srand(77);
+  Samples first = original;
+  Samples second = original;
+  dither.Process(first, std::rand);
+  dither.Process(second, std::rand);
+  const Pool pool(2, 16, 2);
+  const Pool plain(2, 16);
+  for (int step = 0; step < 4; ++step) {
+    if (step != 1) std::srand(77);
+    // Both clear the errors.
+    if (step == 2) pool.writer->SetFormat(8000, 2);
+    if (step == 3) pool.pool->SetBitDepth(16, 2);
+    const Floats block(original);
+    EXPECT_EQ(pool.writer->WriteAudio(block), S_OK);
+    EXPECT_EQ(block.ToVector(), step == 1 ? second : first) << step;
+    EXPECT_EQ(plain.Write(block.ToVector()), S_OK);
   }
+  // The dithered samples are stored, and the peaks match them.
+  EXPECT_EQ(Contents<char>(pool.audio_file), Contents<char>(plain.audio_file));
+  EXPECT_EQ(Contents(pool.peak_file), Contents(plain.peak_file));
 }
 
 // With its own settings instead of the user's, which other programs read at the same time.
@@ -279,16 +275,14 @@ TEST(AudioPool, KeepsItsFilesInTheUsersFolderUntilTheLastRelease) {
   RegistryKey settings;
   EXPECT_EQ(RegCreateKeyW(HKEY_CURRENT_USER, kSettings, settings.Receive()), 0);
   EXPECT_EQ(RegOverridePredefKey(HKEY_CURRENT_USER, settings.get()), 0);
-  const auto put_into = [](const std::wstring& path) {
-    EXPECT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Brevant\\Cutloom\\Directories",
-                              L"Temporary", REG_SZ, path.c_str(),
-                              static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t))),
-              0);
-  };
+  const std::wstring& path = folder.path();
+  EXPECT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Brevant\\Cutloom\\Directories",
+                            L"Temporary", REG_SZ, path.c_str(),
+                            static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t))),
+            0);
   const auto files = [&] {
     return std::distance(std::filesystem::directory_iterator(folder.path()), {});
   };
-  put_into(folder.path());
   ComPtr<IAudioReader> reader;
   {
     const Pool pool;
@@ -301,17 +295,8 @@ TEST(AudioPool, KeepsItsFilesInTheUsersFolderUntilTheLastRelease) {
   EXPECT_EQ(Read(reader, 0, 1000), Wave(1000));
   reader.Reset();
   EXPECT_EQ(files(), 0);
-
-  put_into(folder.File(L"missing\\deeper"));
-  const Pool pool(1, 16);
   RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
   RegDeleteTreeW(HKEY_CURRENT_USER, kSettings);
-  pool.Open();
-  EXPECT_EQ(pool.Write(Wave(600)), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
-  pool.Close();
-  EXPECT_EQ(SampleCount(pool.LastReader()), 600);
-  EXPECT_EQ(ReadBlock(pool.LastReader().Get(), 0, 4).first, kInvalidHandle);
-  EXPECT_EQ(ReadBlock(pool.LastReader().Get(), 0, 4, true).first, kInvalidHandle);
 }
 
 // Temporarily replaces a file by an event with the same handle value, so that the owner's calls
@@ -411,7 +396,9 @@ TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
   // Samples past the end of a PCM file are silence.
   const Pool pcm(1, 24);
   pcm.WriteTake({1.0F, -1.0F});
-  EXPECT_EQ(ReadBlock(pcm.LastReader().Get(), 1, 5), Block(kEndOfFile, {-1.0F, 0, 0, 0, 0}));
+  const auto reader = pcm.LastReader();
+  Read(reader, 0, 2);  // leaves its codes in the buffer
+  EXPECT_EQ(ReadBlock(reader.Get(), 1, 5), Block(kEndOfFile, {-1.0F, 0, 0, 0, 0}));
 }
 
 TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
@@ -432,37 +419,16 @@ TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
 
 TEST(AudioPoolReader, CanChangeItsRegionAndReleasesTheOldPool) {
   const auto reader = Create<IAudioPoolReader>(CLSID_CAudioPoolReader);
-  const auto audio = As<IAudioReader>(reader);
   EXPECT_EQ(ReadBlock(reader.Get(), 0, 4).first, kInvalidHandle);
-  EXPECT_EQ(ReadBlock(reader.Get(), 0, 4, true).first, kInvalidHandle);
-  EXPECT_EQ(audio->OpenDevice(), kInvalidHandle);
-  EXPECT_EQ(SampleCount(audio), 0);
   const Pool first;
   const Pool second(2);
-  first.WriteTake({0.1F, 0.2F});
   second.WriteTake({0.3F, 0.4F, 0.5F, 0.6F});
   const ULONG count = ReferenceCount(first.pool.Get());
   EXPECT_EQ(reader->Create(first.pool.Get(), 0, 0, 8, 32), S_OK);
   EXPECT_EQ(ReferenceCount(first.pool.Get()), count + 1);
-  EXPECT_EQ(Read(audio, 0, 2), (Samples{0.1F, 0.2F}));
   EXPECT_EQ(reader->Create(second.pool.Get(), 8, 0, 8, 32), S_OK);
   EXPECT_EQ(ReferenceCount(first.pool.Get()), count);
-  EXPECT_EQ(reader->Create(nullptr, 0, 0, 0, 8), E_POINTER) << "which changes nothing";
-  EXPECT_EQ(second.writer->SetFormat(8000, 6), S_OK);
-  LONG rate = -1;
-  SHORT channels = -1;
-  EXPECT_EQ(audio->GetFormat(&rate, &channels), S_OK);
-  EXPECT_TRUE(rate == 44100 && channels == 2);
-  EXPECT_EQ(Read(audio, 0, 2), (Samples{0.5F, 0.6F}));
-  const std::tuple<SHORT, __int64, SHORT, __int64> lengths[] = {
-      {2, 4003, 16, 1000},
-      {2, -4000, 20, -1000},
-      {2, 4000, 7, 0},
-      {-1, std::numeric_limits<__int64>::min(), 8, std::numeric_limits<__int64>::max()}};
-  for (const auto& [width, bytes, bits, frames] : lengths) {
-    EXPECT_EQ(reader->Create(Pool(width).pool.Get(), 0, 0, bytes, bits), S_OK);
-    EXPECT_EQ(SampleCount(audio), frames) << width << ", " << bytes;
-  }
+  EXPECT_EQ(Read(As<IAudioReader>(reader), 0, 2), (Samples{0.5F, 0.6F}));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Dither, peaks compared bit by bit with one comparison per value, and the storage of samples.
+// Dither, and peaks compared bit by bit with one comparison per value.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,7 +15,6 @@
 #include "pool/dither.h"
 #include "pool/peak_builder.h"
 #include "pool/peak_groups.h"
-#include "pool/stored_samples.h"
 
 namespace marlinda {
 namespace {
@@ -65,8 +64,6 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
        2,
        8,
        {38, -38, 38, -39, 39, -38, 38, -39, 32, -114, 32, 152, 0, -151, -1, -2}},
-      // An unknown mode means noise shaping alone.
-      {-1, 1, 8, {38, -38, 38, -38, 38, -38, 38, -38, 31, -114, 32, 152, 0, -151, -2, 1}},
       {DitherState::kTriangularNoise,
        1,
        24,
@@ -87,23 +84,13 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
     }
   }
   EXPECT_EQ(Process(DitherState::kOff, 2, 8, source, 8), source);
+  const Floats bad = {0.3F, kNan, 0.3F, 0.3F};
+  EXPECT_NEAR(Process(DitherState::kNoiseShaping, 1, 8, bad, 0)[3], 0.3F, 3.0 / 127.0);
   drawn_ = 0;
   const Floats incomplete = Process(DitherState::kTriangularNoise, 3, 8, {0.3F, 0.3F, 0.3F, 9}, 4);
   EXPECT_NE(incomplete[2], 0.3F);
   EXPECT_EQ(incomplete[3], 9.0F);
   EXPECT_EQ(drawn_, 6U);
-  for (const int channels : {-1, 0, 9}) {
-    dither_.SetUp(DitherState::kNoiseShaping, channels, 16);
-    EXPECT_FALSE(dither_.CanDither()) << channels;
-  }
-}
-
-TEST_F(Dither, RecoversFromBadSamples) {
-  for (const float bad : {1e30F, -kInfinity, kNan}) {
-    const Floats dithered =
-        Process(DitherState::kNoiseShaping, 1, 8, {0.3F, bad, 0.3F, 0.3F, 0.3F}, 0);
-    for (const std::size_t i : {0U, 2U, 3U, 4U}) EXPECT_NEAR(dithered[i], 0.3F, 3.0 / 127.0);
-  }
 }
 
 // The errors feed back, so a difference in any of them shows in later samples.
@@ -160,10 +147,9 @@ const Floats kPalettes[] = {
 class Peaks : public ::testing::Test {
  protected:
   ~Peaks() override { LimitCpuLevel(HighestCpuLevel()); }
-  std::size_t Below(std::size_t limit) { return random_() % limit; }
   Floats Draw(const Floats& palette, std::size_t count) {
     Floats values(count);
-    for (float& value : values) value = palette[Below(palette.size())];
+    for (float& value : values) value = palette[random_() % palette.size()];
     return values;
   }
 
@@ -234,43 +220,6 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSameOverview) {
   // Another overview reads at most a group for each column.
   for (std::int64_t& end : ends) end += 36;
   EXPECT_LE(draw(ends), 52U * 64U);
-  for (int round = 0; round < 200; ++round) {
-    for (auto& end : ends) end = static_cast<std::int64_t>(9'600 + Below(361));
-    std::ranges::sort(ends);
-    draw(ends);
-  }
-}
-
-TEST(StoredSamples, StoresAnEighthOfTheBitsAsBytesAndReadsTheCommonWidthsBack) {
-  const float samples[] = {1.0F, -0.5F, 0.25F, -1.0F};
-  StoredSamples stored;
-  for (int bits = 8; bits <= 40; ++bits) {
-    // An earlier, larger block leaves its bytes in the buffer.
-    stored.Encode(Floats(16, 0.7F), bits);
-    const auto bytes = stored.Encode(samples, bits);
-    ASSERT_EQ(bytes.size(), 4U * (static_cast<unsigned>(bits) / 8)) << bits;
-    EXPECT_TRUE(bits != 40 || bytes.back() == std::byte{});
-    if (bits != 8 && bits != 16 && bits != 24 && (bits < 33 || bits > 39)) continue;
-    const std::vector<std::byte> file(bytes.begin(), bytes.end());
-    std::ranges::copy(file, stored.Prepare(4, bits).begin());
-    float read[4] = {};
-    stored.Decode(file.size(), read, bits);
-    for (int i = 1; i < 4; ++i) EXPECT_NEAR(read[i], samples[i], 0.02F) << bits;
-    stored.Decode(file.size() - 1, read, bits);  // the file ends too early
-    EXPECT_EQ(read[3], 0.0F) << bits;
-  }
-  constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
-  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
-  // Exact if the result fits; otherwise past the end of every file.
-  const std::int64_t offsets[][4] = {{100, 6, -7, 58},
-                                     {100, -4, 3, 100},
-                                     {1, 1, kHighest, kHighest},
-                                     {0, 3, kHighest / 3 + 1, kHighest},
-                                     {kLowest, 131068, kLowest, kLowest},
-                                     {kHighest, 1, kLowest, -1}};
-  for (const auto& [base, unit, count, expected] : offsets) {
-    EXPECT_EQ(ByteOffset(base, unit, count), expected) << base << " " << unit << " " << count;
-  }
 }
 
 }  // namespace

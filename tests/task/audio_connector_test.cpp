@@ -282,26 +282,10 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   EXPECT_EQ(std::ranges::count(large, 0.0F), 200'000 - (131070 - 103));
   Join(source.Get(), to_.Get(), 22050);
   EXPECT_EQ(SampleCount(), 2048);
-  Join(RampSource::Make('B', 0).Get(), to_.Get());
-  // Larger than the queue.
-  const Samples huge = Read(0x800000 + 2, S_FALSE);
-  EXPECT_EQ(std::ranges::count(huge, 0.0F), std::ssize(huge));
-}
-
-TEST_F(AudioConnector, KeepsItsSetUpWhenANewOneFails) {
-  Join(ramp_.Get(), to_.Get());
-  IUnknown* const exporter = to_->face();
-  EXPECT_EQ(connector_->SetupReaderToExport(exporter, exporter, 1, 1), E_NOINTERFACE);
-  EXPECT_EQ(connector_->SetupReaderToExport(ramp_.Get(), ramp_.Get(), 1, 1), E_NOINTERFACE);
-  EXPECT_EQ(connector_->SetupReaderToExport(reader_.Get(), exporter, 1, 1), E_INVALIDARG);
-  EXPECT_EQ(connector_->SetupImportToExport(ramp_.Get(), exporter, 1, 1), E_NOINTERFACE);
-  EXPECT_EQ(Read(2)[1], RampSource::Sample('A', 0, 1));
 }
 
 TEST_F(AudioConnector, IsAPlainQueueBeforeSetUpAndAfterAPollFindsTheExportEnded) {
-  EXPECT_EQ(writer_->WriteAudio(Floats(Samples{1, 2, 3})), S_OK);
-  EXPECT_EQ(Read(2), (Samples{1, 2}));
-  EXPECT_EQ(writer_->WriteAudio(Floats(0x800000 - 2)), S_OK);
+  EXPECT_EQ(writer_->WriteAudio(Floats(0x800000 - 1)), S_OK);
   EXPECT_TRUE(IsReady());
   EXPECT_EQ(writer_->WriteAudio(Floats(1)), S_OK);
   EXPECT_FALSE(IsReady());
