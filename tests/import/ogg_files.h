@@ -76,20 +76,16 @@ inline Decoded DecodeWithLibrary(const std::filesystem::path& path) {
   return result;
 }
 
-// A file in the system's temporary folder, deleted by the destructor: `bytes`, a gap of zeros,
-// `tail`.
+// A file in the system's temporary folder, deleted by the destructor.
 class TemporaryOgg {
  public:
-  explicit TemporaryOgg(const Bytes& bytes, std::uintmax_t gap = 0, const Bytes& tail = {}) {
+  explicit TemporaryOgg(const Bytes& bytes) {
     static const unsigned process = std::random_device{}();
     static int counter = 0;
     path_ = std::filesystem::temp_directory_path() /
             ("tessaly-" + std::to_string(process) + "-" + std::to_string(++counter) + ".ogg");
     std::ofstream file(path_, std::ios::binary);
     std::ranges::copy(bytes, std::ostreambuf_iterator<char>(file));
-    // Sparse, if the system supports it.
-    file.seekp(static_cast<std::streamoff>(bytes.size() + gap));
-    std::ranges::copy(tail, std::ostreambuf_iterator<char>(file));
   }
   TemporaryOgg(const TemporaryOgg&) = delete;
   TemporaryOgg& operator=(const TemporaryOgg&) = delete;
