@@ -2,10 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
-#include "export/wav_file.h"
 #include "tests/export/code_reader.h"
 #include "tests/support/com_client.h"
 #include "tests/support/recording_writer.h"
@@ -52,7 +48,7 @@ Bytes Format(int channels, int bits) {
 TEST(WavExportFilter, WritesWholeFilesOfEveryWidthAndChannelCount) {
   for (const int bits : {8, 16, 24, 32}) {
     for (const SHORT channels : {1, 2, 3, 6, 8}) {
-      for (const int frames : {0, 3, 257}) {
+      for (const int frames : {0, 3}) {
         Export out(CodeReader::Create({.channels = channels, .frames = frames, .bits = bits}),
                    bits);
         EXPECT_EQ(out.Run(),
@@ -84,33 +80,13 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
   EXPECT_EQ(out.Progress(), 1.0F);
 }
 
-TEST(WavExportFilter, FillsWidthsThatItCannotEncodeWithSilence) {
-  Export out(CodeReader::Create({.frames = 65538, .bits = 32}), 40);
-  // Five bytes per sample, of which four are encoded, block by block.
-  EXPECT_EQ(
-      out.Run(),
-      Wav(Format(1, 40),
-          CodesAsPcm(0, 65536, 32) + Bytes(65536) + CodesAsPcm(65536, 2, 32) + Bytes(2), Info()));
-}
-
 TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
-  const std::tuple<CodeReader::Setup, Bytes, float> cases[] = {
-      {{.channels = 2, .frames = -1}, Format(2, 16), -1.0F},
-      {{.channels = -1, .frames = 100}, Format(-1, 16), 1.0F},
-      // 2^31 floats: more than a block may have.
-      {{.channels = 32767, .frames = 100000}, ExtensibleFormat(1, 32767, 44100, 2, 16, 0), 0.0F},
-  };
-  for (const auto& [setup, format, progress] : cases) {
-    Export out(CodeReader::Create(setup));
-    EXPECT_EQ(out.Run(), Wav(format, {}, Info())) << setup.channels;
-    EXPECT_EQ(out.Progress(), progress) << setup.channels;
-  }
-  // More than 2^31 frames, which take no bytes.
-  const auto silence = Create<INullReader>(CLSID_CNullReader);
-  ASSERT_EQ(silence->Create((1LL << 31) + 5, 44100, 1), S_OK);
-  Export out(As<IAudioReader>(silence), 0);
-  EXPECT_EQ(out.Run(), Wav(PlainFormat(1, 1, 44100, 0, 0), {}, Info()));
-  EXPECT_EQ(out.Progress(), 1.0F);
+  Export negative(CodeReader::Create({.channels = 2, .frames = -1}));
+  EXPECT_EQ(negative.Run(), Wav(Format(2, 16), {}, Info()));
+  // 2^31 floats: more than a block may have.
+  Export wide(CodeReader::Create({.channels = 32767, .frames = 100000}));
+  EXPECT_EQ(wide.Run(), Wav(ExtensibleFormat(1, 32767, 44100, 2, 16, 0), {}, Info()));
+  EXPECT_EQ(wide.Progress(), 0.0F);
 }
 
 TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtStart) {
@@ -127,8 +103,7 @@ TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtSt
          filter->SetBitsPerSample(24);
        }}));
   filter = out.filter.Get();
-  const auto labels = As<ILabelSupport>(filter);
-  EXPECT_EQ(labels->AddLabel(-1, Bstr(L"Verse")), S_OK);
+  EXPECT_EQ(As<ILabelSupport>(filter)->AddLabel(-1, Bstr(L"Verse")), S_OK);
   EXPECT_EQ(out.Run(),
             Wav(Format(2, 16), CodesAsPcm(0, 2 * 65537, 16),
                 Chunk("cue ", U32(4) + CuePoint(0, -1, -4, -1) +
@@ -140,10 +115,6 @@ TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtSt
                     Info("T", "Ar", "Genre", "Alb", "2009-01-01") +
                     Chunk("acid", U32(static_cast<std::uint32_t>(-60)) + U32(0) + U32(0) + U32(16) +
                                       U16(4) + U16(8) + F32(97.25F))));
-  LONG count = -1;
-  EXPECT_EQ(labels->RemoveAllLabels(), S_OK);
-  EXPECT_TRUE(labels->GetLabelCount(&count) == S_OK && count == 0);
-  EXPECT_TRUE(As<ISectionMarkerSupport>(filter)->GetMarkerCount(&count) == S_OK && count == 2);
 }
 
 TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
@@ -170,8 +141,6 @@ TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
   // Nobody else can open the file, this object's second call included, which closes it.
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), kSharingViolation);
   EXPECT_EQ(out.task->Start(), E_FAIL);
-  EXPECT_EQ(out.filter->Initialize(Bstr(out.path + L"\\out.wav"), reader.Get()), kPathNotFound);
-  EXPECT_EQ(out.task->Start(), E_FAIL);
   WriteFileBytes(out.path, Bytes(5000, 0xEE));
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), S_OK);
   EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 10, 16), Info()));
@@ -185,6 +154,8 @@ class WaveWriter : public ::testing::Test {
     EXPECT_EQ(writer->SetResolution(bits), S_OK);
     EXPECT_EQ(audio->SetFormat(44100, channels), S_OK);
     EXPECT_EQ(audio->OpenDevice(), S_OK);
+    // The writer goes on with its file.
+    EXPECT_EQ(audio->OpenDevice(), kSharingViolation);
     EXPECT_EQ(audio->WriteAudio(Floats(samples)), S_OK);
     EXPECT_EQ(audio->CloseDevice(), S_OK);
     return ReadFileBytes(path);
@@ -202,9 +173,7 @@ class WaveWriter : public ::testing::Test {
 
 TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
   const std::pair<SHORT, Bytes> widths[] = {
-      {8, Hex("80FF01C041A0")},
       {16, Hex("0000FF7F0180004001C00020")},
-      {24, Hex("0000000000800000800000400000C0000020")},
       {32, F32(0) + F32(1) + F32(-1) + F32(0.5F) + F32(-0.5F) + F32(0.25F)},
   };
   for (const SHORT channels : {1, 2, 6}) {
@@ -216,7 +185,11 @@ TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
   }
   const std::tuple<SHORT, SHORT, std::size_t, std::size_t> odd[] = {
       // Channels, bits, samples, and data bytes padded to four.
-      {1, 16, 1, 4}, {2, 16, 5, 8}, {2, 32, 5, 20}, {-2, 16, 8, 0}, {0, 32, 8, 32}, {2, 12, 8, 8}};
+      {1, 8, 1, 4},
+      {2, 24, 5, 12},
+      {2, 32, 5, 20},
+      {-2, 16, 8, 0},
+      {2, 12, 8, 8}};
   for (const auto& [channels, bits, samples, bytes] : odd) {
     EXPECT_EQ(Record(channels, bits, std::vector<float>(samples)).size(), 44 + bytes)
         << channels << ' ' << bits;
@@ -244,10 +217,6 @@ TEST_F(WaveWriter, PassesEachCallOnFirstAndWritesTheBlockThatTheNextWriterLeft) 
 }
 
 TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
-  // Itself: no reference remains.
-  const ULONG before = ReferenceCount(writer.Get());
-  EXPECT_EQ(writer->SetWriteThrough(audio.Get()), S_OK);
-  EXPECT_EQ(ReferenceCount(writer.Get()), before);
   const auto second = Create<IWaveWriter>(CLSID_CWaveWriter);
   const std::wstring second_path = folder.File(L"second.wav");
   EXPECT_EQ(second->SetTargetFile(Bstr(second_path)), S_OK);
@@ -256,52 +225,8 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   EXPECT_EQ(second->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(Record(1, 32, {0.5F, 1}), File(1, 32, F32(0.5F) + F32(1)));
   EXPECT_EQ(ReadFileBytes(second_path), ReadFileBytes(path));
-  EXPECT_EQ(second->SetWriteThrough(nullptr), S_OK);
-  EXPECT_EQ(ReferenceCount(writer.Get()), before);
-}
-
-TEST_F(WaveWriter, GoesOnWithItsFileWhenOpenedTwiceAndFinishesItForAnother) {
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
-  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), kSharingViolation);  // with this object's own file
-  EXPECT_EQ(audio->WriteAudio(Floats(2)), S_OK);
-  const std::wstring other = folder.File(L"other.wav");
-  EXPECT_EQ(writer->SetTargetFile(Bstr(other)), S_OK);
-  EXPECT_EQ(audio->OpenDevice(), S_OK);
-  EXPECT_EQ(Bytes(ReadFileBytes(path)), File(2, 16, Bytes(8)));
-  // Without CloseDevice the sizes stay 0.
-  audio.Reset();
-  writer.Reset();
-  EXPECT_EQ(ReadFileBytes(other).size(), 44U);
-  EXPECT_EQ(ReadFileBytes(other)[4], 0);
-}
-
-TEST(WavFile, WrapsSizesPastFourGibibytesAndOverwritesNothing) {
-  constexpr std::uint64_t kSamples = (std::uint64_t{5} << 30) + 3;
-  constexpr std::uint64_t kPadded = kSamples + 1;
-  const TemporaryFolder folder;
-  HANDLE raw = CreateFileW(folder.File(L"large.wav").c_str(), GENERIC_READ | GENERIC_WRITE,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0, nullptr);
-  WavFile file;
-  file.Attach(FileHandle(raw));
-  file.Begin({44100, 1, 8, false}, ManyChannels::kPlain);
-  // As after writing that many samples: the file is sparse.
-  LARGE_INTEGER end;
-  end.QuadPart = static_cast<LONGLONG>(44 + kSamples);
-  ASSERT_TRUE(SetFilePointerEx(raw, end, nullptr, FILE_BEGIN));
-  file.Finish(std::as_bytes(std::span("tail", 4)));
-
-  std::ifstream read(std::filesystem::path(folder.File(L"large.wav")), std::ios::binary);
-  const auto at = [&](std::uint64_t offset, std::size_t count) {
-    Bytes bytes(count);
-    read.seekg(static_cast<std::streamoff>(offset));
-    read.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
-    return bytes;
-  };
-  EXPECT_EQ(at(0, 44), Text("RIFF") + U32(36 + kPadded + 4) + Text("WAVE") +
-                           Chunk("fmt ", PlainFormat(1, 1, 44100, 1, 8)) + Text("data") +
-                           U32(kPadded));
-  EXPECT_EQ(at(44 + kPadded, 4), Text("tail"));
+  // No writer holds itself: the end of the program finds remaining objects.
+  EXPECT_EQ(second->SetWriteThrough(As<IAudioWriter>(second).Get()), S_OK);
 }
 
 }  // namespace
