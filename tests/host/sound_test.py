@@ -13,7 +13,6 @@ import signal
 import struct
 import sys
 import termios
-import time
 import unittest
 import wave
 
@@ -95,12 +94,6 @@ class SoundTest(ProgramTest):
         with wave.open(str(self.out)) as file:
             return file.getnframes(), array.array("h", file.readframes(file.getnframes()))
 
-    def test_devices_lists_the_speaker_and_the_microphone(self):
-        report = self.report("devices")
-        for kind, name in (("outputs", "speaker"), ("inputs", "microphone")):
-            self.assertEqual([device["index"] for device in report[kind]], list(range(len(report[kind]))))
-            self.assertTrue(any(name in device["name"] for device in report[kind]), report)
-
     def test_play_plays_a_file_or_a_section_and_the_chosen_channels(self):
         with Heard(self.speaker) as heard:
             report = self.report("play", self.ogg)
@@ -141,8 +134,6 @@ class SoundTest(ProgramTest):
         play, scrub, take = ["play", self.ogg], ["scrub", self.ogg, "--at"], ["record", self.out, "--seconds"]
         for status, arguments, says in [
             (2, [*play, "--channels", "0,2"], "there is no channel 2"),
-            (2, ["scrub", self.ogg], "--at"),
-            (2, [*scrub, "0,,1"], "is not a time"),
             (2, [*scrub, "2.1"], "88200 frames"),
             (2, [*take, "0"], "less than one frame"),
             (4, [*take, "999999"], "4 GiB"),
@@ -168,9 +159,6 @@ class SoundTest(ProgramTest):
         samples = array.array("h", tool("sox", self.out, "-b", 16, "-t", "s16", "-"))
         for begin in range(0, frames - 1000, 1000):
             self.assertAlmostEqual(max(samples[begin:begin + 1000]), 16384, delta=4000)
-        swings = sum(a < 0 <= b for a, b in zip(samples, samples[1:]))
-        expected = Microphone.HERTZ * frames / rate
-        self.assertAlmostEqual(swings, expected, delta=2 + expected / 20)
 
     def test_a_take_whose_folder_is_gone_is_saved_elsewhere(self):
         command = record(self.out, "--seconds", "3")
@@ -195,17 +183,6 @@ class SoundTest(ProgramTest):
         frames, samples = self.take()
         self.assertIn(frames, range(RATE // 2, 600 * RATE))
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
-
-    def test_a_recording_survives_a_stalled_sound_server(self):
-        with sound() as (environment, _):
-            command = record(self.out, "--seconds", "3", environment=environment)
-            server = int(environment["TESSALY_SOUND_SERVER_PID"])
-            os.kill(server, signal.SIGSTOP)
-            time.sleep(8)  # longer than the retry interval of record
-            os.kill(server, signal.SIGCONT)
-            status, _, messages = command.result()
-        self.assertEqual(status, 0, messages)
-        self.assertEqual(self.take()[0], 3 * RATE)
 
     def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
