@@ -26,18 +26,17 @@ namespace {
 // All arguments are passed as this type, including pointers and the bits of floats.
 using Number = std::int64_t;
 using SharedArray = std::shared_ptr<SAFEARRAY>;
-using SharedText = std::shared_ptr<OLECHAR>;
 
 constexpr LONG kRate = 44100;
 constexpr SHORT kChannels = 2;
 constexpr __int64 kFrames = 1000;
+const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
 // Stopping a thread takes a poll of 100 milliseconds, so only some cases start one afterwards.
 constexpr int kCasesForOneStart = 64;
 // The expected result of a method that may return anything.
 constexpr HRESULT kAny = S_OK;
-constexpr HRESULT kAsTheProper = S_FALSE;  // the same result as for a valid array
 
 // Methods for which null is a valid object.
 const std::set<std::string> kTakeNoObject = {
@@ -52,16 +51,15 @@ constexpr VARTYPE kPointerType = sizeof(void*) == 8 ? VT_I8 : VT_I4;
 
 enum State { kFresh, kSetUp, kOpen };
 
-// An array whose samples end right before a forbidden page or begin right after one, so that an
-// access outside the samples crashes.
-SharedArray Guarded(std::size_t count = 2048, bool at_end = true, float value = 0.25F) {
+// An array whose samples end right before a forbidden page, so that an access past them crashes.
+SharedArray Guarded(std::size_t count = 2048, float value = 0.25F) {
   constexpr std::size_t kPage = 4096;
   const std::size_t bytes = count * sizeof(float);
   const std::size_t room = (bytes + kPage - 1) / kPage * kPage;
   auto* const pages =
-      static_cast<char*>(VirtualAlloc(nullptr, room + 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
-  if (room > 0) VirtualAlloc(pages + kPage, room, MEM_COMMIT, PAGE_READWRITE);
-  auto* const samples = reinterpret_cast<float*>(pages + kPage + (at_end ? room - bytes : 0));
+      static_cast<char*>(VirtualAlloc(nullptr, room + kPage, MEM_RESERVE, PAGE_NOACCESS));
+  if (room > 0) VirtualAlloc(pages, room, MEM_COMMIT, PAGE_READWRITE);
+  auto* const samples = reinterpret_cast<float*>(pages + room - bytes);
   std::fill_n(samples, count, value);
   SAFEARRAY* array = nullptr;
   Check(SafeArrayAllocDescriptorEx(VT_R4, 1, &array));
@@ -89,19 +87,12 @@ std::vector<std::pair<HRESULT, SharedArray>> Arrays() {
   for (const ULONG elements : {0x40000000UL, 0xFFFFFFFFUL}) {
     changed(E_INVALIDARG).rgsabound[0].cElements = elements;
   }
-  using Bounds = std::numeric_limits<LONG>;
-  for (const LONG bound : {Bounds::min(), 5L, Bounds::max()}) {
-    changed(kAsTheProper).rgsabound[0].lLbound = bound;
-  }
-  changed(kAsTheProper).cLocks = 1;
   changed(E_UNEXPECTED).cLocks = 0xFFFF;
-  for (const std::size_t count : {0, 1, 2, 3, 511, 2047, 2049, 65537}) {
-    for (const bool at_end : {true, false}) arrays.emplace_back(kAny, Guarded(count, at_end));
+  changed(kAny).rgsabound[0].lLbound = 5;
+  for (const std::size_t count : {0, 1, 3, 2047, 65537}) {
+    arrays.emplace_back(kAny, Guarded(count));
   }
-  using Values = std::numeric_limits<float>;
-  for (const float value : {Values::signaling_NaN(), -Values::infinity(), Values::max()}) {
-    arrays.emplace_back(kAsTheProper, Guarded(2048, true, value));
-  }
+  arrays.emplace_back(kAny, Guarded(2048, std::numeric_limits<float>::signaling_NaN()));
   return arrays;
 }
 
@@ -112,23 +103,25 @@ struct Case {
   Changes changes;
   HRESULT wanted = kAny;
   SharedArray array = nullptr;
-  SharedText text = nullptr;
 };
 
 Number AsNumber(const void* pointer) { return reinterpret_cast<INT_PTR>(pointer); }
 
 std::vector<Case> CasesOf(const Method& method) {
   constexpr Number kNumbers[] = {-1, 0, 1, 2, 25, 33, 1001, 384000, kMax / 4 + 1, kMax - 1000};
-  static const std::wstring kMillion(1 << 20, L'x');
-  static const std::wstring kTexts[] = {
-      L"", L"*?<>|\"", L"C:\\", L"%s%n%1!s!%%", L"\x97f3\xd800", kMillion};
+  static const Bstr kTexts[] = {Bstr(L""),
+                                Bstr(L"*?<>|\""),
+                                Bstr(L"C:\\"),
+                                Bstr(L"%s%n%1!s!%%"),
+                                Bstr(L"\x97f3\xd800"),
+                                Bstr(std::wstring(1 << 20, L'x'))};
   std::vector<Case> cases = {{"as it should be", {}}};
   std::vector<std::size_t> numbers;
   for (std::size_t p = 0; p < method.parameters.size(); ++p) {
     const auto& [name, kind, type, iid] = method.parameters[p];
     const auto add = [&, &name = name](Number value, HRESULT wanted = kAny,
                                        const SharedArray& array = {}) {
-      cases.push_back({name + " " + std::to_string(value), {{p, value}}, wanted, array, nullptr});
+      cases.push_back({name + " " + std::to_string(value), {{p, value}}, wanted, array});
     };
     if (kind == Kind::kInteger) {
       numbers.push_back(p);
@@ -138,19 +131,12 @@ std::vector<Case> CasesOf(const Method& method) {
       }
       for (const Number number : {kMin, kMax}) add(number >> unused);
     } else if (kind == Kind::kReal) {
-      for (const float real : {-1.0F, 0.0F, std::numeric_limits<float>::quiet_NaN()}) {
-        add(std::bit_cast<std::int32_t>(real));
-      }
+      add(std::bit_cast<std::int32_t>(std::numeric_limits<float>::quiet_NaN()));
     } else if (kind == Kind::kArray) {
       for (const auto& [wanted, array] : Arrays()) add(AsNumber(array.get()), wanted, array);
     } else if (kind == Kind::kText) {
       add(0);
-      for (const std::wstring& text : kTexts) {
-        const auto length = static_cast<UINT>(text.size());
-        const SharedText held(SysAllocStringLen(text.data(), length), SysFreeString);
-        add(AsNumber(held.get()));
-        cases.back().text = held;
-      }
+      for (const Bstr& text : kTexts) add(AsNumber(text));
     } else {
       add(0, kTakeNoObject.contains(method.FullName()) ? kAny : E_POINTER);
     }
@@ -198,8 +184,13 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   HRESULT RunOn(const Class& tested, State state, const Method& method, const Changes& changes,
                 bool and_go_on) {
     auto object = Create<IUnknown>(tested.clsid);
-    if (state != kFresh) Prepare(object.Get());
-    if (state == kOpen) Open(object.Get());
+    if (state != kFresh) {
+      if (auto pool = As<IAudioPool>(object)) WriteTake(As<IAudioWriter>(pool).Get(), kTake);
+      CallNamed(tested, object.Get(),
+                {"Create", "SetFormat", "Initialize", "SetupReaderToExport", "SetTargetFile",
+                 "AppendSegment", "AddLabel", "AddSectionMarker"});
+    }
+    if (state == kOpen) CallNamed(tested, object.Get(), {"InitChange", "OpenDevice", "Start"});
     const HRESULT hr = CallOnce(object.Get(), method, changes);
     for (const Method& next : tested.methods) {
       if (!and_go_on || MayWait(tested.name, next, kOpen)) continue;
@@ -217,6 +208,14 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   int index_ = 0;
 
  private:
+  void CallNamed(const Class& tested, IUnknown* object, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      for (const Method& method : tested.methods) {
+        if (method.name == name) CallOnce(object, method, {});
+      }
+    }
+  }
+
   HRESULT CallOnce(IUnknown* object, const Method& method, const Changes& changes) {
     ComPtr<IUnknown> face;
     Check(object->QueryInterface(method.iid, reinterpret_cast<void**>(face.GetAddressOf())));
@@ -282,7 +281,9 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
     if (iid == IID_IAudioReader || name == "punkAudioReader") {
       object = As<IUnknown>(Silence(kFrames));
     } else if (iid == IID_IAudioPool || iid == IID_IAudioWriter) {
-      object = As<IUnknown>(Pool());
+      const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
+      WriteTake(As<IAudioWriter>(pool).Get(), kTake);
+      object = As<IUnknown>(pool);
     } else if (name == "punkExportFilter" || name == "punkImportFilter") {
       object =
           Create<IUnknown>(name == "punkExportFilter" ? CLSID_CWavExportFilter : CLSID_COggImport);
@@ -295,60 +296,6 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
     ComPtr<IUnknown>& face = kept_.emplace_back();
     object->QueryInterface(iid, reinterpret_cast<void**>(face.GetAddressOf()));
     return face.Get();
-  }
-
-  static ComPtr<IAudioPool> Pool() {
-    auto pool = Create<IAudioPool>(CLSID_CAudioPool);
-    WriteTake(As<IAudioWriter>(pool).Get(), Samples(2 * kFrames, 0.25F));
-    return pool;
-  }
-
-  void Prepare(IUnknown* object) {
-    const Bstr name(L"name");
-    const Bstr target(folder_.File(L"setup.wav"));
-    const auto pool = Pool();
-    if (auto silence = As<INullReader>(object)) silence->Create(kFrames, kRate, kChannels);
-    if (auto reader = As<IAudioPoolReader>(object)) {
-      reader->Create(pool.Get(), 0, 0, kFrames * kChannels * 4, 32);
-    }
-    if (auto document = As<IEditedAudio>(object)) {
-      ComPtr<IAudioReader> take;
-      pool->CreateLastReader(take.GetAddressOf());
-      document->AppendSegment(take.Get(), 0, kFrames);
-      document->AppendSegment(nullptr, 0, kFrames);
-      document->AppendSegment(Silence(kFrames).Get(), 100, 600);
-    }
-    if (auto labels = As<ILabelSupport>(object)) {
-      for (const __int64 position : {100, 50}) labels->AddLabel(position, name);
-    }
-    if (auto markers = As<ISectionMarkerSupport>(object)) markers->AddSectionMarker(700, 300, name);
-    if (auto importer = As<IImportFilter>(object)) {
-      importer->Initialize(Bstr(sample_), As<IAudioWriter>(pool).Get());
-    }
-    if (auto exporter = As<IExportFilter>(object)) {
-      exporter->Initialize(target, Silence(kFrames).Get());
-    }
-    if (auto connector = As<IAudioConnector>(object)) {
-      connector->SetupReaderToExport(Silence(kFrames).Get(),
-                                     Create<IExportFilter>(CLSID_CWavExportFilter).Get(), kRate,
-                                     kChannels);
-    }
-    if (auto wave = As<IWaveWriter>(object)) wave->SetTargetFile(target);
-    if (auto grabber = As<IAudioGrabber>(object)) grabber->SetFormat(kRate, kChannels, 16);
-    if (auto writer = As<IAudioWriter>(object)) {
-      As<IAudioPool>(object) ? WriteTake(writer.Get(), Samples(2 * kFrames, 0.5F))
-                             : void(writer->SetFormat(kRate, kChannels));
-    }
-  }
-
-  static void Open(IUnknown* object) {
-    if (auto document = As<IEditedAudio>(object)) document->InitChange(0, nullptr);
-    if (auto scrubber = As<IAudioScrubber>(object)) {
-      scrubber->Start(As<IAudioWriter>(Pool()).Get(), 1024, kRate, kChannels);
-    }
-    if (auto reader = As<IAudioReader>(object)) reader->OpenDevice();
-    if (auto writer = As<IAudioWriter>(object)) writer->OpenDevice();
-    if (auto task = As<ICoreTask>(object)) task->Start();
   }
 
   const TemporaryFolder folder_;
@@ -374,15 +321,13 @@ TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
       // Flushed, so that the last line before a crash or a hang names the method.
       std::printf("state %d, %s\n", state, method.FullName().c_str());
       std::fflush(stdout);
-      for (auto& [name, changes, wanted, array, text] : CasesOf(method)) {
+      for (auto& [name, changes, wanted, array] : CasesOf(method)) {
         // Only every fourth case, because each open object takes the time of ending its thread.
         if (state == kOpen && !array && ++open % 4 != 0) continue;
         if (MayWait(tested->name, method, state) && wanted != E_INVALIDARG) continue;
         const SAFEARRAY before = array ? *array : SAFEARRAY{};
         const HRESULT hr = RunOn(*tested, state, method, changes, !array && !changes.empty());
-        const HRESULT right =
-            wanted == kAsTheProper ? RunOn(*tested, state, method, {}, false) : wanted;
-        EXPECT_TRUE(hr == right || wanted == kAny || (wanted == E_POINTER && hr == E_NOTIMPL))
+        EXPECT_TRUE(hr == wanted || wanted == kAny || (wanted == E_POINTER && hr == E_NOTIMPL))
             << method.FullName() << " returns 0x" << std::hex << hr << " for " << name;
         EXPECT_TRUE(!array || std::memcmp(&before, array.get(), sizeof before) == 0)
             << method.FullName() << " changes the array itself";
