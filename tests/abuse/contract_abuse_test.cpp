@@ -289,7 +289,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
           Create<IUnknown>(name == "punkExportFilter" ? CLSID_CWavExportFilter : CLSID_COggImport);
     }
     for (const Class& known : classes_) {
-      const bool has_it = std::ranges::count(known.interfaces, iid, &Interface::iid) > 0;
+      const bool has_it = std::ranges::count(known.interfaces, iid) > 0;
       if (!object && has_it) object = Create<IUnknown>(known.clsid);
     }
     if (!object) return nullptr;

@@ -95,7 +95,7 @@ std::vector<Class> ClassesOfTheModule() {
       ComPtr<ITypeInfo> face = Implemented(info.Get(), k);
       const TYPEATTR shown = AttributesOf(face.Get());
       const bool is_source = (flags & IMPLTYPEFLAG_FSOURCE) != 0;
-      (is_source ? found.events : found.interfaces).push_back({NameOf(face.Get()), shown.guid});
+      (is_source ? found.events : found.interfaces).push_back(shown.guid);
       if (is_source) continue;
       // The library lists the dispatch view of a dual interface, which has no vtable.
       if (shown.typekind == TKIND_DISPATCH) face = Implemented(face.Get(), kVtableFace);

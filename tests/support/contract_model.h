@@ -31,17 +31,11 @@ struct Method {
   std::string FullName() const { return interface_name + "::" + name; }
 };
 
-struct Interface {
-  std::string name;
-  IID iid;
-};
-
 struct Class {
   std::string name;
   CLSID clsid;
-  std::vector<Interface> interfaces;  // the first is the default one
-  std::vector<Interface> events;
-  std::vector<Method> methods;  // of all interfaces, in their order
+  std::vector<IID> interfaces, events;  // the first are the default ones
+  std::vector<Method> methods;          // of all interfaces, in their order
 };
 
 std::vector<Class> ClassesOfTheModule();
