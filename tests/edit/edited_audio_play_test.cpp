@@ -113,16 +113,15 @@ TEST_F(EditedAudioPlay, AFailureOnTheThreadEndsThePlayback) {
   source_->open_result = S_OK;
   EXPECT_EQ(document_->SetPlaybackDevice(4711), S_OK);
   EXPECT_EQ(last_call(), "A.OpenDevice");
-  // None of these prevents the next.
   EXPECT_EQ(document_->SetPlaybackDevice(-1), S_OK);
   EXPECT_EQ(last_call(), "A.CloseDevice");
 }
 
 TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndChangeTheSection) {
   // Would recurse endlessly if the document allowed it.
-  sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return Play(500, 510), S_OK; };
+  sink_->on_event = [&](DISPPARAMS*) { return Play(500, 510), S_OK; };
   Play(500, 510);
-  sink_->on_event = [&](DISPPARAMS*, EXCEPINFO*) { return document_->StopPlay(); };
+  sink_->on_event = [&](DISPPARAMS*) { return document_->StopPlay(); };
   document_->ModifyPlaySection(0, kHour);
   EXPECT_EQ(Position(), -1);
   sink_->on_event = nullptr;
