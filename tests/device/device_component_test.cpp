@@ -13,8 +13,6 @@
 #include "tests/support/com_client.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/recording_writer.h"
-// After windows.h.
-#include <mmsystem.h>
 
 namespace marlinda::testing {
 namespace {
@@ -113,32 +111,6 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
 }
 
-// Closes this process's devices from outside the module, as a removed driver does. The system
-// numbers its handles.
-void RemoveOutputs() {
-  for (UINT_PTR handle = 0x8000; handle <= 0xFFFF; ++handle) {
-    UINT id = 0;
-    const auto device = reinterpret_cast<HWAVEOUT>(handle);
-    if (waveOutGetID(device, &id) != MMSYSERR_NOERROR) continue;
-    waveOutReset(device);
-    EXPECT_EQ(waveOutClose(device), MMSYSERR_NOERROR);
-  }
-}
-
-TEST(Playback, ARefusedBlockFailsAndClosesTheDevice) {
-  const Player player(44100, 2, 16);
-  player.playback->SetPosOffset(1000);
-  ASSERT_EQ(player->OpenDevice(), S_OK);
-  ASSERT_EQ(player->WriteAudio(Floats(2 * 22050)), S_OK);
-  RemoveOutputs();
-  EXPECT_EQ(player->WriteAudio(Floats(2 * 441)), E_FAIL);
-  EXPECT_EQ(player.Position(), 1000);
-  EXPECT_TRUE(player.Ready());
-  ASSERT_EQ(player->OpenDevice(), S_OK);
-  ASSERT_EQ(player->WriteAudio(Floats(2 * 441)), S_OK);
-  WaitUntil([&] { return player.Ready(); });
-}
-
 TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
   const Player player(48000, 6, 32);
   // Opening again closes the open device.
@@ -154,19 +126,7 @@ TEST(Playback, OutputLevelsAreTheSignedPeaksOfTheBlockPlayedLast) {
     EXPECT_EQ(player.playback->GetOutputLevel(channel, &level), S_OK);
     EXPECT_EQ(level, levels[channel]) << channel;
   }
-  for (const SHORT channel : {-1, 6}) {
-    EXPECT_EQ(player.playback->GetOutputLevel(channel, &level), E_INVALIDARG);
-  }
-}
-
-TEST(Playback, RefusesInvalidFormatsAndDevices) {
-  for (const SHORT channels : {0, -2, 2}) {
-    const Player odd(44100, channels, 16);
-    EXPECT_EQ(odd.playback->SetDevice(channels == 2 ? 4711 : 0), S_OK);
-    EXPECT_EQ(odd->OpenDevice(), E_FAIL) << channels;
-    EXPECT_EQ(odd->WriteAudio(Floats(2)), E_FAIL);
-    EXPECT_EQ(odd.playback->Break(), S_OK);
-  }
+  EXPECT_EQ(player.playback->GetOutputLevel(6, &level), E_INVALIDARG);
 }
 
 class Grabber : public ::testing::Test {
@@ -225,8 +185,8 @@ class Scrubber : public ::testing::Test {
   Scrubber() {
     writer_->on_write = [](SAFEARRAY*) { Sleep(5); };
   }
-  HRESULT Start(LONG frames, SHORT channels, LONG rate = 44100) {
-    return scrubber_->Start(writer_.Get(), frames, rate, channels);
+  HRESULT Start(LONG frames, SHORT channels) {
+    return scrubber_->Start(writer_.Get(), frames, 44100, channels);
   }
   void AwaitMore(std::size_t count) {
     WaitUntil([&, before = writer_->blocks.load()] { return writer_->blocks >= before + count; });
@@ -289,19 +249,12 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
 
 TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(Start(1024, 0), E_INVALIDARG);
-  EXPECT_EQ(Start(1024, -1), E_INVALIDARG);
   EXPECT_EQ(Start(-1, 2), E_INVALIDARG);
-  // Too large, so refused before anything of that size is allocated.
-  EXPECT_EQ(Start(0x7FFFFFFF, 32767, 0x7FFFFFFF), E_INVALIDARG);
+  // Refused before anything of that size is allocated.
+  EXPECT_EQ(Start(0x7FFFFFFF, 32767), E_INVALIDARG);
   EXPECT_EQ(scrubber_->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber_->Stop(), S_OK);
   EXPECT_TRUE(writer_->calls.empty());
-
-  // Blocks without frames.
-  ASSERT_EQ(Start(1, 2), S_OK);
-  AwaitMore(1);
-  EXPECT_EQ(scrubber_->Stop(), S_OK);
-  EXPECT_TRUE(writer_->samples.empty());
 
   writer_->result = E_FAIL;
   ASSERT_EQ(Start(1025, 1), S_OK);
@@ -339,15 +292,13 @@ void PlayRecordAndScrub(bool stops) {
 // TESSALY_DEVICE_CYCLES sets another number of cycles for a soak.
 TEST(Cycles, LeaveNoThreadOrHandle) {
   const char* const named = std::getenv("TESSALY_DEVICE_CYCLES");
-  const unsigned cycles = named == nullptr ? 60 : static_cast<unsigned>(std::atoi(named));
+  const unsigned cycles = named == nullptr ? 30 : static_cast<unsigned>(std::atoi(named));
   // The first use creates threads and handles of the system, which stay.
   for (int i = 0; i < 10; ++i) PlayRecordAndScrub(i % 2 == 0);
-  const unsigned threads = CountThreads();
-  const unsigned handles = CountHandles();
+  const LeakWatch watch;
   for (unsigned i = 0; i < cycles && !HasFailure(); ++i) PlayRecordAndScrub(i % 2 == 0);
   // The system creates some handles late, but fewer than one in three cycles.
-  AwaitAtMost(CountThreads, threads + cycles / 3, "threads");
-  AwaitAtMost(CountHandles, handles + cycles / 3, "handles");
+  watch.AwaitAtMost(cycles / 3, cycles / 3);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ import math
 import os
 import pathlib
 import shutil
-import signal as signals
+import signal
 import subprocess
 import sys
 import threading
@@ -36,7 +36,7 @@ def sound_server(pipes, channels=2):
 
 
 def kill_server(environment):
-    os.kill(int(environment["TESSALY_SOUND_SERVER_PID"]), signals.SIGKILL)
+    os.kill(int(environment["TESSALY_SOUND_SERVER_PID"]), signal.SIGKILL)
 
 
 def wait_until(condition, what):
@@ -50,11 +50,6 @@ def codes(samples):
     """The signal that sound_tool plays, in units of 1/32767 of full scale."""
     period = [k if k < 0 else k + 1 for k in (n * 7919 % 60000 - 30000 for n in range(60000))]
     return (period * (samples // 60000 + 1))[:samples]
-
-
-def signal(begin, end):
-    """The same as bytes, from one frame of two channels to another."""
-    return array.array("f", [code / 32767 for code in codes(2 * end)[2 * begin:]]).tobytes()
 
 
 def frames_of(samples, frame_bytes=FRAME_BYTES):
@@ -100,9 +95,9 @@ class Speaker:
             self.got += piece
             heard += len(without_silence(piece, self.frame_bytes)) // self.frame_bytes if self.pause else 0
             if self.pause and heard > self.pause[0]:
-                os.kill(self.server, signals.SIGSTOP)
+                os.kill(self.server, signal.SIGSTOP)
                 time.sleep(self.pause[1])
-                os.kill(self.server, signals.SIGCONT)
+                os.kill(self.server, signal.SIGCONT)
                 self.pause = None
 
     def close(self):

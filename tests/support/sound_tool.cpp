@@ -1,7 +1,6 @@
 // Uses sound devices, which the calling test stops, kills and takes away meanwhile:
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
-//   sound_tool scrub                 the block around frame 10000, until a line comes in
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
 //   start  started=1 if the device was opened
@@ -38,11 +37,6 @@ template <class... Arguments>
 void Say(const char* format, Arguments... arguments) {
   std::printf(format, arguments...);
   std::fflush(stdout);
-}
-
-void AwaitLine() {
-  std::string line;
-  std::getline(std::cin, line);
 }
 
 constexpr std::size_t kToneSamples = kChannels * kRate / 10;
@@ -125,7 +119,7 @@ void Record(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t fr
 
 class SoundSource final : public RampSource {
  public:
-  explicit SoundSource(int hertz = 0) : RampSource('A', kChannels, nullptr, kRate), hertz_(hertz) {}
+  explicit SoundSource(int hertz) : RampSource('A', kChannels, nullptr, kRate), hertz_(hertz) {}
 
  private:
   float At(__int64 frame, int channel) const override {
@@ -140,16 +134,6 @@ bool IsPlaying(const Document& document) {
   __int64 position = 0;
   Check(document->GetPlayStatus(&playing, &position));
   return playing != VARIANT_FALSE;
-}
-
-void ScrubDocument() {
-  const Document document;
-  document->SetFormat(kRate, kChannels, 32);
-  document.Append(MakeObject<SoundSource>(), 0, 66'000);
-  Check(document.scrub->StartScrub());
-  Check(document.scrub->SetScrubPosition(10'000));
-  AwaitLine();
-  Check(document.scrub->StopScrub());
 }
 
 // One way to use a device. It can start again after each end.
@@ -266,7 +250,6 @@ void Obey(Use&& use, const std::string& ending) {
 void Run(const std::vector<std::string>& words) {
   const std::string& command = words.at(0);
   if (command == "use") return Obey(Use(words.at(1), std::stoi(words.at(3))), words.at(2));
-  if (command == "scrub") return ScrubDocument();
   const auto bits = static_cast<SHORT>(std::stoi(words.at(1)));
   const auto channels = static_cast<SHORT>(std::stoi(words.at(2)));
   const std::size_t block_frames = std::stoul(words.at(3));
