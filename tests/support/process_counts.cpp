@@ -4,6 +4,7 @@
 // After windows.h.
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -14,14 +15,10 @@
 namespace marlinda::testing {
 namespace {
 
-// One entry of the system's handle table. If process identifiers are wider, the table holds their
-// lower half.
+// One entry of the system's handle table.
 struct HandleEntry {
-  USHORT process;
-  USHORT reserved;
-  UCHAR type;
-  UCHAR flags;
-  USHORT handle;
+  USHORT process;  // the lower half of its identifier
+  USHORT others[3];
   void* object;
   ULONG access;
 };
@@ -29,7 +26,7 @@ struct HandleEntry {
 }  // namespace
 
 unsigned CountHandles() {
-  // The documented function returns 0 under some versions of Wine.
+  // The documented functions count no handles under some versions of Wine.
   const auto query = ExportAs<LONG WINAPI(ULONG, void*, ULONG, ULONG*)>(GetModuleHandleW(L"ntdll"),
                                                                         "NtQuerySystemInformation");
   constexpr ULONG kSystemHandleInformation = 16;
@@ -40,13 +37,11 @@ unsigned CountHandles() {
   }
   ULONG count = 0;
   std::memcpy(&count, table.data(), sizeof count);
-  unsigned ours = 0;
-  for (ULONG i = 0; i < count; ++i) {
-    HandleEntry entry;
-    std::memcpy(&entry, table.data() + sizeof(void*) + i * sizeof entry, sizeof entry);
-    ours += entry.process == static_cast<USHORT>(GetCurrentProcessId()) ? 1 : 0;
-  }
-  return ours;
+  const auto* const entries = reinterpret_cast<const HandleEntry*>(table.data() + sizeof(void*));
+  return static_cast<unsigned>(
+      std::count_if(entries, entries + count, [](const HandleEntry& entry) {
+        return entry.process == static_cast<USHORT>(GetCurrentProcessId());
+      }));
 }
 
 unsigned CountThreads() {
@@ -74,10 +69,11 @@ std::size_t CountHeapBlocks() {
   return blocks;
 }
 
-void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what) {
-  for (unsigned now = count(); now > most; now = count()) {
+void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
+  while (CountThreads() > threads_ + more_threads || CountHandles() > handles_ + more_handles) {
     // Shows in the report if CTest ends a test that waits for a leak.
-    std::printf("waiting: %u %s instead of %u\n", now, what, most);
+    std::printf("waiting: %u threads and %u handles, which were %u and %u\n", CountThreads(),
+                CountHandles(), threads_, handles_);
     std::fflush(stdout);
     Sleep(100);
   }

@@ -10,16 +10,12 @@ unsigned CountThreads();
 // Blocks in use in the process heap, from which the module's C library allocates.
 std::size_t CountHeapBlocks();
 
-// Waits until `count` returns at most `most`: finished threads may still be ending.
-void AwaitAtMost(unsigned (*count)(), unsigned most, const char* what);
-
-// Compares with the counts at construction, plus an allowance for libraries' first use.
+// Finds leaks of threads and handles since its construction.
 class LeakWatch {
  public:
-  void AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
-    testing::AwaitAtMost(CountThreads, threads_ + more_threads, "threads");
-    testing::AwaitAtMost(CountHandles, handles_ + more_handles, "handles");
-  }
+  // Waits until at most so many more are left: finished threads may still be ending, and libraries
+  // keep some from their first use.
+  void AwaitAtMost(unsigned more_threads, unsigned more_handles) const;
 
  private:
   const unsigned threads_ = CountThreads();
