@@ -13,7 +13,7 @@ enum class Position { kFL, kFR, kFC, kLFE, kBL, kBR, kBC, kSL, kSR };
 
 using Layout = std::span<const Position>;
 
-// Empty for channel counts without a layout.
+// Returns an empty layout for channel counts other than 1 to 8.
 Layout LayoutOf(int channels) {
   using enum Position;
   static constexpr std::array<Position, 1> kMono = {kFC};
@@ -32,7 +32,7 @@ Layout LayoutOf(int channels) {
 
 bool Has(Layout layout, Position position) { return std::ranges::count(layout, position) > 0; }
 
-// Adds the gains of one source channel to the target's gain table.
+// Adds the gains of one source channel to the gain table.
 class Route {
  public:
   Route(Layout source, Layout target, std::span<double> gains, std::size_t stride)
@@ -72,7 +72,8 @@ class Route {
     Send(right, gain);
   }
 
-  // Sends to the other surround pair at full level, unless the source has that pair too.
+  // Sends to the other surround pair at full level, or at -3 dB if the source has that pair too. If
+  // the target has no surround pair, sends to `front` at -3 dB.
   void SendSurround(Position other, Position front, double gain) {
     if (!Has(target_, other)) return Send(front, gain * kMinus3dB);
     Send(other, Has(source_, other) ? gain * kMinus3dB : gain);

@@ -7,17 +7,18 @@
 
 namespace marlinda {
 
-// For 1 to 8 channels the layouts are those of Windows: mono, stereo, stereo with centre, quad,
-// 5.0, 5.1, 6.1, 7.1. A position that both layouts have keeps its level. Any other position goes to
-// the nearest positions of the target, mostly at -3 dB: centre to left and right, surround to
-// front. Stereo to mono takes both channels at one half. Low frequencies without a target channel
-// are dropped. Mono goes to the centre or, without one, to left and right at full level. The result
-// may exceed full scale. For other channel counts, channel n goes to channel n.
+// 1 to 8 channels have the layouts of Windows: mono, stereo, stereo with centre, quad, 5.0, 5.1,
+// 6.1 and 7.1. A channel whose position the target also has keeps its level. Any other channel goes
+// to the nearest positions of the target, mostly at -3 dB: centre to left and right, surround to
+// front. Stereo becomes mono as half the sum of both channels. A low-frequency channel is dropped
+// if the target has none. Mono goes to the centre or, without a centre, to left and right at full
+// level. The sums may exceed full scale. If source or target has more than 8 channels, channel n
+// goes to channel n.
 class ChannelMap {
  public:
   ChannelMap(int source_channels, int target_channels);
 
-  // Maps whole frames and appends as many frames to `target`.
+  // Maps whole frames and appends the same number of frames to `target`.
   void Apply(std::span<const float> source, std::vector<float>& target) const;
 
  private:

@@ -6,18 +6,18 @@
 
 namespace marlinda {
 
-// Tap counts are multiples of this.
+// Every tap count is a multiple of this.
 inline constexpr std::size_t kTapsPerStep = 16;
 
-// Computes one output frame: for each channel the sum of taps[i] * samples[i]. The samples of the
-// next channel begin `stride` floats later. Taps are aligned to 32 bytes.
+// Computes one output frame: for each channel, the sum of taps[i] * samples[i]. The samples of the
+// next channel begin `stride` floats later. `taps` must be aligned to 32 bytes.
 using FilterKernel = void (*)(const float* taps, std::size_t count, const float* samples,
                               std::size_t stride, std::size_t channels, float* frame);
 
-// The reference.
+// The scalar form, which defines the results.
 void ScalarFilter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                   std::size_t channels, float* frame) noexcept;
-// Bit-identical to the reference.
+// Give the same bits as ScalarFilter.
 void Sse2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                 std::size_t channels, float* frame) noexcept;
 void Avx2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,

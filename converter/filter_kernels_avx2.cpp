@@ -1,5 +1,5 @@
-// The sums of a polyphase filter with AVX2. Compiled for AVX2; call it only on a processor with
-// AVX2.
+// The sums of a polyphase filter with AVX2. This file is compiled for AVX2. Call its function only
+// on a processor with AVX2.
 #include <immintrin.h>
 
 #include "converter/filter_sum.h"
@@ -8,7 +8,7 @@ namespace marlinda {
 namespace {
 
 struct Lanes {
-  // A fused operation would round once and differ from the reference.
+  // Does not fuse the operations, because rounding once would change the result.
   void Add(const float* taps, const float* samples) noexcept {
     sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_load_ps(taps), _mm256_loadu_ps(samples)));
   }

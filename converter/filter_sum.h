@@ -1,17 +1,17 @@
 // The order in which a polyphase filter adds its products. All instruction levels share it, so
 // their results have the same bits.
 //
-// `Lanes` holds eight sums. Each file has its own Lanes in an unnamed namespace, so that its
-// instances of these templates are local too.
+// `Lanes` holds eight sums. Each source file defines Lanes in an unnamed namespace. The linker then
+// cannot merge the template instances of different instruction levels.
 #pragma once
 
 #include "converter/filter_kernels.h"
 
 namespace marlinda {
 
-// Sums one channel. Adds both halves of the taps from their small outer ends to the large middle,
-// eight sums side by side, so that few large sums are rounded. Products are rounded before they are
-// added.
+// Sums one channel, with eight parallel sums for each half of the taps. Both halves are added from
+// the small outer taps to the large middle taps, so rounding loses little. Each product is rounded
+// before it is added.
 template <class Lanes>
 void FilterOne(const float* taps, std::size_t count, const float* samples, float* frame) noexcept {
   Lanes left;

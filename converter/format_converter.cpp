@@ -13,15 +13,15 @@
 
 namespace marlinda {
 
-// For each stream: SetUp, then Convert for each block and GetOutput for the samples that are ready.
-// Calls may come from different threads, one at a time.
+// For each stream, call SetUp once, then Convert for each block and GetOutput for the samples that
+// are ready. Different threads may call the methods, but only one thread at a time.
 class CFormatConverter final : public Object<CFormatConverter, IFormatConverter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CFormatConverter;
   static constexpr bool kHasClassInfo = false;
 
-  // Fails with E_INVALIDARG for formats that cannot be converted; the earlier stream then
-  // continues. nMode is ignored.
+  // Fails with E_INVALIDARG for formats that cannot be converted. The earlier stream then
+  // continues. Ignores nMode.
   STDMETHODIMP SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec, SHORT nSourceChannels,
                      SHORT nTargetChannels, LONG) override {
     const StreamConverter::Format source = {nSourceSamplesPerSec, nSourceChannels};
@@ -33,7 +33,7 @@ class CFormatConverter final : public Object<CFormatConverter, IFormatConverter>
     });
   }
   // Fails with E_UNEXPECTED before SetUp and with E_INVALIDARG unless the elements are floats.
-  // Takes any number of samples, including none and parts of a frame.
+  // Accepts any number of samples, even 0 or a part of a frame.
   STDMETHODIMP Convert(SAFEARRAY* psaAudioData) override {
     if (stream_ == nullptr) return E_UNEXPECTED;
     return ComCall([&] {

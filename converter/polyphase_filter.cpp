@@ -10,8 +10,9 @@
 namespace marlinda {
 namespace {
 
-// Half of the taps at the lower rate, and the shape of a Kaiser window with side lobes of -150 dB.
-// Together they make the transition band 0.088 of the Nyquist frequency wide.
+// kHalfTaps is half the filter length in frames of the lower rate. kBeta shapes a Kaiser window
+// with side lobes of -150 dB. The transition band is then 0.088 of the Nyquist frequency wide, with
+// kCutOff in its middle.
 constexpr std::size_t kHalfTaps = 112;
 constexpr double kBeta = 0.1102 * (150.0 - 8.7);
 constexpr double kCutOff = 1.0 - 0.088 / 2;
@@ -22,7 +23,7 @@ struct Ratio {
       : source(static_cast<std::size_t>(source_rate / std::gcd(source_rate, target_rate))),
         target(static_cast<std::size_t>(target_rate / std::gcd(source_rate, target_rate))) {}
 
-  // Downsampling needs more taps, because they span frames of the lower rate.
+  // Downsampling needs more taps, because the filter length is counted in frames of the lower rate.
   std::size_t Taps() const noexcept {
     const std::size_t half = (kHalfTaps * std::max(source, target) + target - 1) / target;
     return (2 * half + kTapsPerStep - 1) / kTapsPerStep * kTapsPerStep;
@@ -43,7 +44,7 @@ FilterKernel ChooseKernel() noexcept {
   }
 }
 
-// The modified Bessel function of order 0, by its series.
+// The modified Bessel function of order 0, computed as a power series.
 double Bessel(double x) noexcept {
   double term = 1.0;
   double sum = 1.0;
@@ -73,7 +74,7 @@ std::vector<double> ImpulseResponse(const Ratio& ratio) {
 
 bool PolyphaseFilter::CanConvert(std::int32_t source_rate, std::int32_t target_rate) noexcept {
   const Ratio ratio(source_rate, target_rate);
-  // This test comes first, so that neither product below can overflow.
+  // The first comparison ensures that the products in the second cannot overflow.
   return std::max(ratio.source, ratio.target) <= kMaxTableTaps &&
          ratio.Taps() * ratio.target <= kMaxTableTaps;
 }
@@ -88,7 +89,7 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
       table_(taps_ / 8 * target_),
       room_(2 * taps_ + 4096),
       history_(room_ * channels),
-      // The first output frame lies at the first input frame, with silence before it.
+      // Silence before the first input frame, so that the first output frame has the same time.
       held_(taps_ / 2 - 1) {
   const std::vector<double> response = ImpulseResponse(Ratio(source_rate, target_rate));
   std::vector<double> row(taps_);
@@ -99,7 +100,7 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
       const std::size_t middle = taps_ / 2 * target_ + phase;
       row[tap] = response[at > middle ? at - middle : middle - at];
     }
-    // Scales every phase to pass a constant unchanged.
+    // Scales the taps of each phase to a sum of 1, so that a constant signal keeps its level.
     const double scale = 1.0 / std::accumulate(row.begin(), row.end(), 0.0);
     for (std::size_t tap = 0; tap < taps_; ++tap) {
       table_[(i * taps_ + tap) / 8].taps[tap % 8] = static_cast<float>(row[tap] * scale);

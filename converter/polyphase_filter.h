@@ -10,9 +10,9 @@
 
 namespace marlinda {
 
-// A windowed sinc at exactly the phases that occur. Flat to 0.91 of the lower rate's Nyquist
-// frequency, and at least 140 dB down above the Nyquist frequency. Output frame n is at the time of
-// input frame n * source rate / target rate.
+// A windowed sinc with taps for exactly the phases that occur. The response is flat up to 0.91 of
+// the lower rate's Nyquist frequency and at least 140 dB down above the Nyquist frequency. Output
+// frame n has the time of input frame n * source rate / target rate.
 class PolyphaseFilter {
  public:
   // Returns false if the tap table would be larger than 4 MiB.
@@ -21,12 +21,12 @@ class PolyphaseFilter {
   // Throws std::bad_alloc.
   PolyphaseFilter(std::int32_t source_rate, std::int32_t target_rate, std::size_t channels);
 
-  // Takes whole frames and appends the output that is ready. The result does not depend on the
-  // split into calls. Throws std::bad_alloc.
+  // Takes whole frames and appends the output frames that are ready. The result does not depend on
+  // how the caller splits the stream into calls. Throws std::bad_alloc.
   void Process(std::span<const float> frames, std::vector<float>& output);
 
  private:
-  // Taps side by side, aligned for the widest instructions.
+  // Eight consecutive taps of one phase, aligned for AVX loads.
   struct alignas(32) TapBlock {
     float taps[8];
   };
@@ -42,8 +42,8 @@ class PolyphaseFilter {
   const std::size_t taps_;  // per phase
   const FilterKernel filter_;
   std::vector<TapBlock> table_;  // one row for each phase, in the order of use
-  // Each channel has room for `room_` input frames, of which `held_` are filled. The taps of the
-  // next output frame begin at `begin_`.
+  // Each channel has room for `room_` input frames. The first `held_` frames are filled. The taps
+  // of the next output frame begin at frame `begin_`.
   const std::size_t room_;
   std::vector<float> history_;
   std::size_t held_;

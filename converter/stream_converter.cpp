@@ -12,7 +12,7 @@ namespace {
 
 constexpr double kMaxRatio = 256.0;
 constexpr int kMaxResampledChannels = 128;
-// The resampler gets its input in pieces, so that its output fits in a buffer of known size.
+// Input frames per call of libsamplerate, so that the output fits in a buffer of known size.
 constexpr std::size_t kFramesPerPiece = 4096;
 
 double RatioOf(const StreamConverter::Format& source, const StreamConverter::Format& target) {
@@ -36,7 +36,7 @@ bool StreamConverter::CanConvert(const Format& source, const Format& target) noe
 StreamConverter::StreamConverter(const Format& source, const Format& target)
     : source_(CanConvert(source, target) ? source : throw std::invalid_argument("format")),
       map_(source.channels, target.channels),
-      // Resampling costs most, so it runs on the smaller channel count.
+      // Resampling is the slow step, so it runs on the smaller channel count.
       maps_first_(target.channels < source.channels),
       resampled_channels_(static_cast<std::size_t>(std::min(source.channels, target.channels))),
       ratio_(RatioOf(source, target)) {

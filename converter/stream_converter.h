@@ -14,8 +14,8 @@ struct SRC_STATE_tag;
 
 namespace marlinda {
 
-// Output frame n is at the time of input frame n * source rate / target rate: there is no delay.
-// The last few hundred frames are ready only after further input, which may be silence.
+// The output is not delayed: output frame n has the time of input frame n * source rate / target
+// rate. At the end of the stream, pass silence to get the last few hundred frames.
 class StreamConverter {
  public:
   struct Format {
@@ -23,15 +23,15 @@ class StreamConverter {
     std::int16_t channels = 0;
   };
 
-  // Accepts rate ratios up to 256, and up to 128 channels if the rates differ.
+  // Accepts rate ratios from 1/256 to 256. If the rates differ, source or target must have at most
+  // 128 channels.
   static bool CanConvert(const Format& source, const Format& target) noexcept;
 
-  // Throws std::invalid_argument if the formats cannot be converted, std::bad_alloc if memory runs
-  // out.
+  // Throws std::invalid_argument if the formats cannot be converted, and std::bad_alloc.
   StreamConverter(const Format& source, const Format& target);
 
-  // Takes samples; a frame may be split between calls. Appends the output that is ready. Throws
-  // std::bad_alloc.
+  // Takes any number of samples: a frame may be split between calls. Appends the output that is
+  // ready. Throws std::bad_alloc.
   void Convert(std::span<const float> samples, std::vector<float>& output);
 
  private:
@@ -47,10 +47,10 @@ class StreamConverter {
   const bool maps_first_;
   const std::size_t resampled_channels_;
   const double ratio_;
-  // At most one of these exists; none if the rates are equal.
+  // At most one of these two exists. If the rates are equal, neither exists.
   std::optional<PolyphaseFilter> filter_;
   std::unique_ptr<SRC_STATE_tag, Closer> resampler_;  // for ratios that the filter cannot convert
-  std::vector<float> partial_;                        // the beginning of a frame
+  std::vector<float> partial_;                        // the start of an incomplete frame
   std::vector<float> mapped_;
 };
 

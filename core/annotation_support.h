@@ -12,12 +12,13 @@
 
 namespace marlinda {
 
-// `Class` defines WithNotes(use), which calls use(all) inside ComCall; `all` has `labels` and
-// `markers`. Indexes are checked; positions and ranges are not.
+// `Class` defines WithNotes(use), which calls use(all) inside ComCall. `all` has the lists `labels`
+// and `markers`. The methods check indexes, but not positions and ranges.
 template <class Class, class Base>
 class AnnotationSupport : public Base {
  public:
-  // Groups of methods. They return E_NOTIMPL unless a class redeclares their constant as true.
+  // Each constant stands for a group of methods. A class that offers a group redeclares its
+  // constant as true. The methods of any other group return E_NOTIMPL.
   static constexpr bool kAddsNotes = false;
   static constexpr bool kReadsNotes = false;
   static constexpr bool kEditsNotes = false;

@@ -7,8 +7,8 @@ namespace marlinda {
 
 class Apartment {
  public:
-  // `model` is COINIT_APARTMENTTHREADED or COINIT_MULTITHREADED. A thread in the other kind of
-  // apartment stays there.
+  // `model` is COINIT_APARTMENTTHREADED or COINIT_MULTITHREADED. A thread that is already in the
+  // other kind of apartment stays in that apartment.
   explicit Apartment(DWORD model) noexcept : result_(CoInitializeEx(nullptr, model)) {}
   Apartment(const Apartment&) = delete;
   Apartment& operator=(const Apartment&) = delete;

@@ -20,20 +20,20 @@ class HResultError {
   HRESULT code_;
 };
 
-// Throws if `hr` is a failure. Success codes pass through.
+// Throws HResultError if `hr` is a failure. Otherwise returns `hr`.
 inline HRESULT Check(HRESULT hr) {
   if (FAILED(hr)) throw HResultError(hr);
   return hr;
 }
 
-// The HRESULT of GetLastError, or E_FAIL if it reports no error.
+// Returns GetLastError as an HRESULT, or E_FAIL if GetLastError reports no error.
 inline HRESULT LastErrorResult() noexcept {
   const DWORD error = GetLastError();
   return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
 }
 
-// Runs the body of an interface method. The body returns the method's HRESULT, or nothing for S_OK,
-// or throws.
+// Runs the body of an interface method and turns exceptions into HRESULTs. The body returns the
+// method's HRESULT, or nothing for S_OK.
 template <class Body>
 HRESULT ComCall(Body&& body) noexcept {
   try {

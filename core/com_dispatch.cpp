@@ -16,8 +16,8 @@ namespace {
 
 using Role = Parameter::Role;
 
-// A value of the declared type: written by the method through a pointer, or coerced from an
-// argument. Owns its content.
+// Owns a value of the declared type. Either the method writes the value through a pointer, or the
+// value is coerced from an argument.
 class Slot {
  public:
   Slot() noexcept { VariantInit(&value_); }
@@ -49,8 +49,8 @@ class Slot {
 class Argument {
  public:
   HRESULT Prepare(const Parameter& parameter, VARIANT* given, LCID locale) {
-    // A script passes a reference to its variable. Automation forbids a reference to a reference,
-    // but callers pass one.
+    // A script passes a reference to its variable. Some callers pass a reference to a reference,
+    // although automation forbids it.
     for (int level = 0; level < 2 && V_VT(given) == (VT_BYREF | VT_VARIANT); ++level) {
       given = V_VARIANTREF(given);
       if (given == nullptr) return DISP_E_TYPEMISMATCH;
@@ -105,7 +105,8 @@ class Argument {
     const bool is_interface = parameter.type == VT_DISPATCH || parameter.type == VT_UNKNOWN;
     const VARTYPE type = V_VT(given);
     if (is_interface && (type == (VT_BYREF | VT_DISPATCH) || type == (VT_BYREF | VT_UNKNOWN))) {
-      // Uses a slot, because a pointer that the method did not write must not get a reference.
+      // Lets the method write to a slot. If the method leaves the pointer unchanged, TakeReference
+      // must not add a reference to the caller's old object.
       reference_ = V_UNKNOWNREF(given);
       PassSlot(parameter.type);
       if (reference_ == nullptr) V_BYREF(&passed_) = nullptr;
@@ -118,8 +119,8 @@ class Argument {
     if ((type & VT_BYREF) != 0) return DISP_E_TYPEMISMATCH;
     PassSlot(parameter.type);
     if (variable_ != nullptr || type == VT_EMPTY) return S_OK;
-    // The argument is a value, as from a script without references. The result is lost, but the
-    // type must still match.
+    // A script without references passes a value. The method's output is lost, but the value must
+    // still have a matching type.
     Slot coerced;
     return VariantChangeTypeEx(&coerced.value(), given, locale, 0, parameter.type);
   }
@@ -164,7 +165,7 @@ class Argument {
   IUnknown** reference_ = nullptr;
 };
 
-// The automation error for an argument that cannot be coerced.
+// Returns the automation error for an argument that cannot be coerced.
 HRESULT CoercionResult(HRESULT hr) noexcept {
   switch (hr) {
     case DISP_E_OVERFLOW:
@@ -215,7 +216,7 @@ class Call {
     if (params_.cArgs != accepted) return DISP_E_BADPARAMCOUNT;
     std::vector<VARIANT*> given(parameters.size(), nullptr);
     for (UINT i = 0; i < params_.cArgs; ++i) {
-      // Named arguments come first; the others are in reverse order.
+      // The array holds the named arguments first, then the positional arguments in reverse order.
       const bool named = i < params_.cNamedArgs;
       const auto place = named ? static_cast<ULONG>(params_.rgdispidNamedArgs[i])
                                : static_cast<ULONG>(params_.cArgs - 1 - i);
@@ -230,7 +231,7 @@ class Call {
         arguments_[k].PrepareResult(parameters[k], result);
         continue;
       }
-      // The count is right, so a parameter without an argument means that another was named twice.
+      // The argument count is correct, so the caller has named another parameter twice.
       if (given[k] == nullptr) return DISP_E_PARAMNOTOPTIONAL;
       const HRESULT hr = arguments_[k].Prepare(parameters[k], given[k], locale);
       if (FAILED(hr)) {
@@ -243,7 +244,7 @@ class Call {
     return S_OK;
   }
 
-  // Returns the method's own HRESULT, or the reason why it could not be called.
+  // Calls the method and returns its HRESULT, or the error of DispCallFunc.
   HRESULT Make(void* instance, bool lends_pointers) {
     std::vector<VARTYPE> types;
     std::vector<VARIANT*> passed;

@@ -1,9 +1,8 @@
-// IDispatch for a dual interface. Calls are bound by the interface's own type information, from the
-// type library inside this module.
+// Implements IDispatch for dual interfaces with the type information inside this module.
 //
-// ITypeInfo::Invoke is not used, for two reasons. Platforms differ in the argument counts and
-// script variables they accept and in the argument index they report. And ReadWaveplot takes
-// another element type than it declares.
+// Does not use ITypeInfo::Invoke. Its implementations differ in the argument counts and script
+// variables that they accept and in the argument index that they report. Also, ReadWaveplot takes
+// floats although the type library declares shorts.
 #pragma once
 
 #include <oaidl.h>
@@ -18,13 +17,13 @@ HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT
 
 // Calls method `member` of `instance`, a pointer to interface `iid`.
 //
-// Arguments: positional or named; by value, by reference, or as a VARIANT by reference. Values are
-// coerced to the declared type. Arrays are never copied. An array of floats is accepted for every
-// declared element type, because all array parameters of the engine take floats. An out parameter
-// takes a reference to the declared type, or a VARIANT, which is replaced if the method succeeds.
+// Arguments may be positional or named. They are passed by value, by reference, or as a VARIANT by
+// reference. Values are coerced to the declared type. Arrays are never copied. Every array
+// parameter accepts floats, whatever element type it declares. An out parameter takes a reference
+// to the declared type, or a VARIANT, which is replaced if the method succeeds.
 //
 // Returns the method's success code. If the method fails, returns DISP_E_EXCEPTION with the failure
-// in the exception's scode. Returned interface pointers belong to the caller, even if the method
+// in the exception's scode. The caller must release returned interface pointers, even if the method
 // itself adds no reference.
 HRESULT DispatchInvoke(REFIID iid, void* instance, DISPID member, REFIID reserved, LCID locale,
                        WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,

@@ -22,7 +22,7 @@
 
 namespace marlinda {
 
-// The base class for interface `I`. For a dual interface it implements IDispatch.
+// The base class for interface `I`. A dual interface gets Dual<I>, which implements IDispatch.
 template <class I>
 using Implemented = std::conditional_t<std::is_base_of_v<IDispatch, I>, Dual<I>, I>;
 
@@ -34,7 +34,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   // A class that no type library describes redeclares this as false.
   static constexpr bool kHasClassInfo = true;
 
-  // IUnknown: the outer object's if this one is aggregated, otherwise its own.
+  // IUnknown. Delegates to the outer object if this object is aggregated, otherwise to `inner_`.
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     return outer_->QueryInterface(iid, object);
   }
@@ -47,10 +47,10 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     *info = nullptr;
     return FindTypeInfo(Derived::kClassId, info);
   }
-  // IProvideClassInfo2: offered only by classes with events, which override it.
+  // IProvideClassInfo2. Only classes with events offer this interface and override GetGUID.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
 
-  // Creates an object, aggregated if `outer` is given. After a failure no object remains.
+  // Creates an object, aggregated if `outer` is given. A failed call leaves no object.
   static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
@@ -58,8 +58,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return ComCall([&] {
       auto* created = new Derived;
       if (outer != nullptr) created->outer_ = outer;
-      // The count starts at 1. This reference keeps the object alive during the query. Releasing it
-      // destroys the object if the query failed.
+      // The reference count starts at 1, which keeps the object alive during the query. If the
+      // query fails, Release destroys the object.
       const HRESULT hr = created->inner_.QueryInterface(iid, object);
       created->inner_.Release();
       return hr;
@@ -70,13 +70,15 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   Object() noexcept : inner_(*this), outer_(&inner_) {}
   ~Object() = default;
 
-  // The object's identity, without a reference: the outer unknown if aggregated.
+  // Returns the object's identity: the outer unknown if the object is aggregated, else its own.
+  // Does not call AddRef.
   IUnknown* OuterUnknown() noexcept { return outer_; }
-  // True if an outer object stands between this one and its clients.
+  // True if the object is aggregated.
   bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
-  // The non-delegating unknown. An outer object holds it; otherwise it is the object's identity.
+  // The non-delegating IUnknown. If the object is aggregated, the outer object holds it. Otherwise
+  // it is the object's identity.
   class Inner final : public IUnknown {
    public:
     explicit Inner(Object& object) noexcept : object_(object) {}
@@ -87,7 +89,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     STDMETHODIMP_(ULONG) Release() override {
       const ULONG left = --object_.references_;
       if (left == 0) {
-        // The destructor may lend this object to code whose Release must not destroy it again.
+        // The destructor may pass this object to other code. A Release by that code must not
+        // destroy the object again.
         object_.references_ = kDestroying;
         delete static_cast<Derived*>(&object_);
       }
@@ -119,7 +122,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return S_OK;
   }
 
-  // The first dual interface in the list, the default interface, provides IDispatch.
+  // The default interface, which is the first dual interface in the list, provides IDispatch.
   template <class I>
   IUnknown* Offer(REFIID iid, void** out) noexcept {
     const bool asked = IsEqualIID(iid, __uuidof(I)) ||

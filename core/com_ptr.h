@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// To take over a reference, store it through GetAddressOf, never Attach: in mingw's header Attach
-// adds a reference.
+// To take over a reference, pass GetAddressOf to the function that returns it. Do not call Attach,
+// which adds a reference in mingw's header.
 template <class I>
 using ComPtr = Microsoft::WRL::ComPtr<I>;
 
@@ -20,13 +20,14 @@ HRESULT CreateInstance(REFCLSID clsid, ComPtr<I>& object) {
 }
 
 // Makes `held` hold `object`, which may be null. Adds the new reference before it releases the old
-// one; the assignment in mingw's header releases first.
+// one, because releasing first could destroy the object.
 template <class I>
 void Hold(ComPtr<I>& held, I* object) {
   if (held.Get() != object) ComPtr<I>(object).Swap(held);
 }
 
-// Another interface of the same object. Null if `object` is null or has no such interface.
+// Returns interface `I` of the same object. Returns null if `object` is null or has no such
+// interface.
 template <class I>
 ComPtr<I> TryQuery(IUnknown* object) {
   ComPtr<I> result;
@@ -38,7 +39,7 @@ ComPtr<I> TryQuery(IUnknown* object) {
 
 // True if both pointers refer to the same COM object; null matches nothing.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
-  // Compares plain pointers, because mingw's smart pointers compare as truth values.
+  // Compares plain pointers, because == of mingw's smart pointers compares truth values.
   const IUnknown* const identity = TryQuery<IUnknown>(a).Get();
   return identity != nullptr && identity == TryQuery<IUnknown>(b).Get();
 }

@@ -11,12 +11,12 @@
 
 namespace marlinda {
 
-// An enumerator over its own copy of a list. `kHandOut` copies an entry for the caller; its failure
-// is the result of Next.
+// Enumerates its own copy of a list. `kHandOut` copies an entry for the caller. If kHandOut fails,
+// Next returns the failure.
 template <class Interface, class Entry, class Out, HRESULT (*kHandOut)(const Entry&, Out*)>
 class Enumerator final : public PlainObject<Interface> {
  public:
-  // May throw, so call it inside ComCall.
+  // Throws std::bad_alloc. Call it inside ComCall.
   static HRESULT Create(std::vector<Entry> entries, Interface** enumerator) {
     *enumerator = new Enumerator(std::move(entries), 0);
     return S_OK;

@@ -1,4 +1,4 @@
-// FilterTask: the common part of import and export filters: task, merit and texts.
+// FilterTask: the methods that import and export filters share: task, merit and filter strings.
 #pragma once
 
 #include <marlinda.h>
@@ -41,10 +41,10 @@ inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
   return SetOut(out, value ? VARIANT_TRUE : VARIANT_FALSE);
 }
 
-// The state that a filter shares with its worker. It lives until both have ended.
+// The state that a filter shares with its worker. The filter and the worker own it together.
 struct TaskJob {
   std::atomic<bool> cancelled{false};
-  // Length in frames. A compressed or damaged source may have more frames.
+  // The expected length in frames. A compressed or damaged source may have more frames.
   std::atomic<__int64> total{0};
   std::atomic<__int64> position{0};
 };
@@ -54,8 +54,8 @@ struct TaskJob {
 template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
-  // ICoreTask
-  // Returns when the worker has ended. A Cancel before Start also cancels the job started later.
+  // ICoreTask Returns when the worker has ended. A Cancel before Start also cancels the task that
+  // Start runs later.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);
@@ -64,7 +64,8 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // Fails with E_FAIL unless the length is positive. Stays below 1 if the worker ended early.
+  // Fails with E_FAIL unless the total length is positive. If the worker ended early, the progress
+  // stays below 1.0.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

@@ -1,6 +1,6 @@
-// 64-bit arithmetic on frame positions without undefined overflow. Lengths and offsets wrap in
-// two's complement. Bounds that are only compared saturate, so that a range to the largest position
-// means "to the end".
+// 64-bit arithmetic on frame positions without undefined overflow. Use the wrapping functions for
+// lengths and offsets, and the saturating functions for bounds that are only compared. A range up
+// to the largest position then means "to the end".
 #pragma once
 
 #include <cstdint>

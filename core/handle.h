@@ -1,5 +1,5 @@
-// Owners of Windows handles, with one traits struct per kind of handle. Closing preserves the
-// thread's last error, so that cleaning up never hides why a call failed.
+// Owners of Windows handles, with one traits struct per kind of handle. Closing a handle preserves
+// the thread's last error, so that cleaning up never hides why a call failed.
 #pragma once
 
 #include <windows.h>
@@ -35,7 +35,7 @@ class Handle {
     SetLastError(error);
   }
 
-  // Closes the current handle and returns the address for a function that stores a new one.
+  // Closes the current handle and returns the address at which a function can store a new handle.
   Raw* Receive() noexcept {
     Reset();
     return &raw_;

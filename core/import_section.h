@@ -1,5 +1,5 @@
-// IImportSection: imports a part of a file. Not in a type library; a C++ host queries the filter
-// for it. Filters in other modules may implement it.
+// IImportSection: imports a part of a file. No type library describes it. A C++ host queries the
+// import filter for it. Filters in other modules may implement it.
 #pragma once
 
 #include <unknwn.h>
@@ -7,15 +7,15 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("0c1d7f5a-3b0e-4f0b-8f7e-52a4c1e6b9d3") IImportSection : public IUnknown {
-  // After Initialize: returns S_OK if GetSourceSampleCount is exact and SetSection accepts any part
-  // of the file, otherwise S_FALSE.
+  // Call after Initialize. Returns S_OK if GetSourceSampleCount is exact and SetSection accepts any
+  // part of the file, otherwise S_FALSE.
   virtual HRESULT STDMETHODCALLTYPE QueryCanSetSection() = 0;
   // Call once between Initialize and Start. The import then delivers `count` frames from frame
-  // `first` on. The samples are the same as in an import of the whole file, and so are the blocks
-  // except the first and the last. GetSourceSampleCount and progress count these frames; labels and
-  // markers keep their positions in the file. Fails with E_FAIL if QueryCanSetSection does not
-  // return S_OK, and with E_INVALIDARG for a part that is empty or reaches beyond the file. After
-  // another error, call Initialize again.
+  // `first` on. The samples equal those of an import of the whole file. All blocks but the first
+  // and the last begin and end at the same frames. GetSourceSampleCount and GetProgress count only
+  // the imported frames. Labels and markers keep their positions in the file. Fails with E_FAIL if
+  // QueryCanSetSection does not return S_OK, and with E_INVALIDARG for a part that is empty or
+  // reaches beyond the file. After any other failure, call Initialize again.
   virtual HRESULT STDMETHODCALLTYPE SetSection(__int64 first, __int64 count) = 0;
 };
 

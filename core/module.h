@@ -19,11 +19,11 @@ class CMarlindaModule {
   void AddObject() noexcept { ++objects_; }
   void RemoveObject() noexcept { --objects_; }
   void Lock() noexcept { ++locks_; }
-  // Returns false if there is no lock.
+  // Removes one lock. Returns false if there is none.
   bool Unlock() noexcept;
   bool CanUnload() const noexcept { return objects_ == 0 && locks_ == 0; }
 
-  // String resource `id` in the system's ANSI code page. Empty if it cannot be loaded.
+  // Returns string resource `id` in the system's ANSI code page, or an empty text on failure.
   std::string LoadText(UINT id) const;
 
  private:

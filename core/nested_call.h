@@ -1,13 +1,13 @@
 // Counts nested calls of the same object on the same thread. A document can contain itself through
-// its segments, and writers can form a ring: the nesting would never end.
+// its segments, and writers can form a ring. Without a limit such calls would overflow the stack.
 #pragma once
 
 #include "core/thread_slot.h"
 
 namespace marlinda {
 
-// Represents one call of a method of `object`, as a local variable of the method. The current calls
-// of a thread form a list on its stack. `Kind` is an enumeration of methods.
+// Represents one call of a method of `object`. Declare it as a local variable of the method. The
+// unfinished calls of a thread form a list on its stack. `Kind` is an enumeration of methods.
 template <class Kind>
 class NestedCall {
  public:
@@ -19,7 +19,7 @@ class NestedCall {
   NestedCall(const NestedCall&) = delete;
   NestedCall& operator=(const NestedCall&) = delete;
 
-  // Current calls of this kind on the object, this one included: 1 if it is not nested.
+  // Returns the number of unfinished calls of this kind on the object, including this call.
   int Depth() const noexcept {
     int depth = 0;
     for (const NestedCall* call = this; call != nullptr; call = call->outer_) {

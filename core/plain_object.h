@@ -9,7 +9,7 @@
 
 namespace marlinda {
 
-// Lives on the heap. The creator owns the first reference.
+// Create the object with new. The creator owns the first reference.
 template <class Interface>
 class PlainObject : public Interface {
  public:

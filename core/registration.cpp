@@ -16,14 +16,14 @@
 namespace marlinda {
 namespace {
 
-// The text that replaces %NAME%, by name.
+// Maps NAME to the text that replaces %NAME%.
 using Replacements = std::map<std::wstring, std::wstring>;
 
 // A line of a script.
 struct Entry {
   std::wstring key;                  // below HKEY_CLASSES_ROOT
   std::wstring name;                 // of the value; empty for the default value
-  std::optional<std::wstring> text;  // none: the key only
+  std::optional<std::wstring> text;  // absent if the line has only a key
 };
 
 void CheckRegistry(LSTATUS status) { Check(HRESULT_FROM_WIN32(static_cast<DWORD>(status))); }
@@ -43,7 +43,8 @@ std::wstring Replace(std::wstring text, const Replacements& replacements) {
   return text;
 }
 
-// Replacements are made within the parts of a line, so that they cannot change its structure.
+// Splits each line before replacing names, so that a replacement cannot change how the line is
+// split.
 std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   const HINSTANCE instance = TheModule().Instance();
   const HRSRC resource = FindResourceW(instance, MAKEINTRESOURCEW(id), L"REGISTRY");
@@ -68,7 +69,7 @@ std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   return entries;
 }
 
-// `entry` is null for a script that does not concern a class.
+// `entry` is null for a script that registers no class.
 Replacements ReplacementsFor(const ClassEntry* entry) {
   // The type library's identifier also identifies the application and the module.
   const std::wstring guid = ToText(LIBID_MarlindaLib);
@@ -97,7 +98,7 @@ Registration::Registration() {
   wchar_t setting[16] = L"";
   const DWORD length =
       GetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting, ARRAYSIZE(setting));
-  // The buffer is unspecified if the value does not fit.
+  // GetEnvironmentVariableW leaves the buffer undefined if the value does not fit.
   const std::wstring_view value =
       length < ARRAYSIZE(setting) ? std::wstring_view(setting, length) : L"?";
   is_per_user_ = value == L"user";

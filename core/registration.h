@@ -1,7 +1,7 @@
-// Applies the registry scripts in a module's resources to the registry. A line of a script is a key
-// ("KEY"), a key with its default value ("KEY = TEXT") or another value ("KEY @NAME = TEXT"), below
-// HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A key without a line of its own is never
-// removed.
+// Adds the content of registry scripts to the registry or removes it. The scripts are resources of
+// the module. A line of a script is a key ("KEY"), a key with its default value ("KEY = TEXT") or
+// another value ("KEY @NAME = TEXT"), below HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A
+// key without a line of its own is never removed.
 #pragma once
 
 #include <windows.h>
@@ -27,12 +27,12 @@ class SystemLocale {
   const LCID previous_ = GetThreadLocale();
 };
 
-// One registration or unregistration. Meanwhile the thread has the system's locale. Each method
-// stops at the first change that fails and throws HResultError; earlier changes stay.
+// One registration or unregistration. The thread has the system's locale while the object exists.
+// Each method throws HResultError at the first change that fails. Earlier changes stay.
 class Registration {
  public:
-  // Reads the environment variable TESSALY_REGISTRATION: "user" means the current user; "machine"
-  // or no value means the machine. Throws HResultError with E_INVALIDARG for anything else.
+  // Reads the environment variable TESSALY_REGISTRATION. "user" selects the current user. "machine"
+  // or no value selects the machine. Throws HResultError with E_INVALIDARG for any other value.
   Registration();
 
   bool is_per_user() const noexcept { return is_per_user_; }
@@ -40,14 +40,15 @@ class Registration {
   // Writes the content of script `id`, with the replacements of class `of` if given. Other keys and
   // values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
-  // Removes the content of script `id`, last line first. A key with other content stays.
+  // Removes the content of script `id`, last line first. Keeps a key that has other values or
+  // subkeys.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;
 
-  // The same for each of `classes`, with the script IDR_CLASS_REGISTRATION.
+  // Apply the script IDR_CLASS_REGISTRATION to each of `classes`.
   void RegisterClasses(std::span<const ClassEntry> classes) const;
   void UnregisterClasses(std::span<const ClassEntry> classes) const;
 
-  // Whether a key exists below HKEY_CLASSES_ROOT or, per user, below the user's own classes.
+  // True if a key exists below HKEY_CLASSES_ROOT or, per user, below the user's own classes.
   bool HasKey(const std::wstring& path) const;
 
  private:

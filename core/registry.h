@@ -10,7 +10,7 @@
 
 namespace marlinda {
 
-// The application's settings, below HKEY_CURRENT_USER and HKEY_LOCAL_MACHINE.
+// The key of the application's settings, below HKEY_CURRENT_USER and HKEY_LOCAL_MACHINE.
 inline constexpr char kSettingsKey[] = "Software\\Brevant\\Cutloom";
 
 class CRegistry {

@@ -24,7 +24,7 @@
 #define IDD_SCANNING_PLUG_INS 112
 #define IDD_MPEG_SETTINGS 113
 
-// Item numbers start anew in each dialog.
+// Each dialog has its own item numbers, so values repeat.
 #define IDC_WMA_64_KBIT 201
 #define IDC_WMA_96_KBIT 202
 #define IDC_WMA_128_KBIT 203

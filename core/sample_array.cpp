@@ -10,7 +10,8 @@ namespace {
 bool HoldsFloats(SAFEARRAY* array) noexcept {
   if (array->cDims != 1 || array->cbElements != sizeof(float)) return false;
   if ((array->fFeatures & FADF_HAVEVARTYPE) == 0) {
-    // A hand-made descriptor has no type. Its elements are floats unless a flag names another type.
+    // A descriptor that a client filled in has no type. Its elements are floats unless a flag names
+    // another type.
     return (array->fFeatures & (FADF_BSTR | FADF_UNKNOWN | FADF_DISPATCH | FADF_VARIANT |
                                 FADF_RECORD | FADF_HAVEIID)) == 0;
   }
@@ -18,8 +19,8 @@ bool HoldsFloats(SAFEARRAY* array) noexcept {
   return SUCCEEDED(SafeArrayGetVartype(array, &type)) && type == VT_R4;
 }
 
-// Automation counts an array's bytes in 32 bits. Some platforms do not check this, so a larger
-// array may have less memory than it claims.
+// Automation counts an array's bytes in 32 bits. Some platforms do not check this limit and
+// allocate too little memory for a larger array.
 constexpr std::size_t kMaxSamples = std::numeric_limits<ULONG>::max() / sizeof(float);
 
 std::size_t Checked(std::size_t count) {
@@ -27,7 +28,7 @@ std::size_t Checked(std::size_t count) {
   return count;
 }
 
-// The cache frees larger arrays. 8 MiB is enough for the overview on the widest screens.
+// ScratchCache frees larger arrays. 8 MiB is enough for the overview on the widest screens.
 constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace
@@ -50,7 +51,7 @@ HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
 }
 
 SampleArray::SampleArray(std::size_t count) : buffer_(Checked(count)) {
-  // An array without samples also needs an address.
+  // Even an array without samples needs an address.
   buffer_.reserve(1);
   if (FAILED(SafeArrayAllocDescriptorEx(VT_R4, 1, &array_))) throw std::bad_alloc();
   array_->cbElements = sizeof(float);

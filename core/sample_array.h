@@ -12,8 +12,8 @@
 
 namespace marlinda {
 
-// Locks a caller's array during its lifetime and gives access to its samples. Lower bounds do not
-// matter: the block is the whole array.
+// Locks a caller's array during its lifetime and gives access to all samples, whatever the array's
+// lower bound.
 class SampleArrayView {
  public:
   SampleArrayView() noexcept = default;
@@ -21,8 +21,8 @@ class SampleArrayView {
   SampleArrayView(const SampleArrayView&) = delete;
   SampleArrayView& operator=(const SampleArrayView&) = delete;
 
-  // Fails with E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats with data.
-  // Call it once.
+  // Fails with E_INVALIDARG unless `array` is a one-dimensional array of 4-byte floats with memory
+  // for its elements. Call it once.
   HRESULT Lock(SAFEARRAY* array) noexcept;
 
   std::span<float> samples() const noexcept { return samples_; }
@@ -32,19 +32,19 @@ class SampleArrayView {
   std::span<float> samples_;
 };
 
-// A one-dimensional array of floats that the engine owns, to pass to a reader or a writer. It is
-// always locked, so that the system refuses to resize or destroy it. A smaller count keeps the
-// memory: a new array for each read would cost more than the read.
+// An array of floats that the engine owns and passes to readers and writers. The array is always
+// locked, so the system refuses to resize or destroy it. Resizing to a smaller count keeps the
+// memory, because allocating an array for each read would cost more than the read.
 class SampleArray {
  public:
-  // All samples are 0. Throws std::bad_alloc, also if the count exceeds the limit of an array.
+  // All samples are 0. Throws std::bad_alloc, even for a count beyond the limit of an array.
   explicit SampleArray(std::size_t count = 0);
   ~SampleArray();
   SampleArray(const SampleArray&) = delete;
   SampleArray& operator=(const SampleArray&) = delete;
 
-  // Changes the element count. Samples within both sizes keep their values; new ones are 0. If it
-  // throws std::bad_alloc, the array is unchanged.
+  // Changes the element count. Samples up to the smaller count keep their values. New samples are
+  // 0. If Resize throws std::bad_alloc, the array is unchanged.
   void Resize(std::size_t count);
   // Returns the array with exactly `count` samples, all 0. Throws std::bad_alloc.
   SAFEARRAY* Prepare(std::size_t count);
@@ -52,7 +52,7 @@ class SampleArray {
   SAFEARRAY* get() const noexcept { return array_; }
   std::size_t capacity() const noexcept { return buffer_.capacity(); }
 
-  // At most the allocated count, even if a callee changed the descriptor.
+  // Never longer than the allocated count, even if a callee changed the descriptor.
   std::span<float> samples() noexcept { return {buffer_.data(), Count()}; }
   std::span<const float> samples() const noexcept { return {buffer_.data(), Count()}; }
 
@@ -63,7 +63,7 @@ class SampleArray {
   std::vector<float> buffer_;
 };
 
-// Keeps one array between calls. Each concurrent or nested call gets an array of its own.
+// Keeps one array between calls. If another call has taken the array, Take makes a new one.
 class ScratchCache {
  public:
   ScratchCache() noexcept = default;
@@ -76,7 +76,7 @@ class ScratchCache {
   std::atomic<SampleArray*> kept_{nullptr};
 };
 
-// Borrows the kept array for one call.
+// Takes an array from the cache and gives it back at the end of the scope.
 class ScratchLease {
  public:
   explicit ScratchLease(ScratchCache& cache) : cache_(cache), array_(cache.Take()) {}

@@ -6,12 +6,12 @@
 
 namespace marlinda {
 
-// count * target_rate / source_rate, truncated toward zero. The product cannot overflow; a result
-// beyond 64 bits saturates. Returns `count` if a rate is not positive.
+// Returns count * target_rate / source_rate, truncated toward zero. A result that does not fit in
+// 64 bits saturates. Returns `count` if a rate is not positive.
 constexpr std::int64_t ConvertSampleCount(std::int64_t count, std::int32_t source_rate,
                                           std::int32_t target_rate) noexcept {
   if (source_rate <= 0 || target_rate <= 0) return count;
-  // Splits off whole multiples of the source rate, so that the product of the rest fits in 62 bits.
+  // Splits off whole multiples of the source rate, so that the second product fits in 62 bits.
   const std::int64_t whole = count / source_rate;
   const std::int64_t rest = count % source_rate * target_rate / source_rate;
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();

@@ -16,7 +16,7 @@ std::string ToAnsi(std::wstring_view text) {
   if (size <= 0) throw HResultError(LastErrorResult());
   std::string result(static_cast<std::size_t>(size), '\0');
   WideCharToMultiByte(CP_ACP, 0, text.data(), length, result.data(), size, nullptr, nullptr);
-  // Names end at the first NUL, as in files and in system functions.
+  // Cuts the text at its first NUL, as files and system functions do.
   return result.substr(0, result.find('\0'));
 }
 

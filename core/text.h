@@ -1,5 +1,5 @@
-// Strings. Text inside the engine is ANSI (the system's code page); interfaces carry BSTRs.
-// Characters outside the code page are lost.
+// Conversions of texts. The engine keeps texts in the system's ANSI code page. Interfaces pass
+// BSTRs. Characters outside the code page are lost.
 #pragma once
 
 #include <ole2.h>
@@ -20,21 +20,21 @@ struct BstrTraits {
 // Owns a BSTR, such as a method's result.
 using OwnedBstr = Handle<BstrTraits>;
 
-// A BSTR as ANSI text. A null BSTR is the empty string.
+// Returns a BSTR as ANSI text. A null BSTR is the empty string.
 std::string ToAnsi(BSTR text);
 
-// UTF-8 text of a file as ANSI text. Text that is not UTF-8 is returned unchanged: older programs
-// wrote such fields in the code page.
+// Converts UTF-8 text of a file to ANSI. Returns text that is not UTF-8 unchanged, because older
+// programs wrote texts in the code page.
 std::string Utf8ToAnsi(std::string_view text);
 
-// ANSI text as a new BSTR that the caller frees. Uses the code page of the thread's locale unless
-// another is given. Throws std::bad_alloc.
+// Returns ANSI text as a new BSTR, which the caller frees. The default is the code page of the
+// thread's locale. Throws std::bad_alloc, and HResultError if the conversion fails.
 BSTR ToBstr(std::string_view text, UINT code_page = CP_THREAD_ACP);
 
-// A resource text with every "%s" replaced by `argument`.
+// Returns `pattern` with every "%s" replaced by `argument`.
 std::string Format(std::string_view pattern, std::string_view argument);
 
-// A resource text with every "%d" replaced by `argument`.
+// Returns `pattern` with every "%d" replaced by `argument`.
 std::string Format(std::string_view pattern, int argument);
 
 }  // namespace marlinda

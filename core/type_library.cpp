@@ -21,7 +21,7 @@ struct GuidLess {
   }
 };
 
-// Both functions return a description that belongs to `info`. The deleter releases it there.
+// Both functions return a description that `info` owns. The deleter gives it back to `info`.
 auto AttributesOf(ITypeInfo* info) {
   TYPEATTR* attributes = nullptr;
   Check(info->GetTypeAttr(&attributes));
@@ -72,7 +72,8 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // Describes the vtable: results are parameters, and the methods of IDispatch are omitted.
+  // Reads the description of the vtable. It lists results as parameters and omits the methods of
+  // IDispatch.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
@@ -120,7 +121,7 @@ class TypeLibrary {
     const auto known = entries_.find(guid);
     if (known != entries_.end()) return known->second.CopyTo(info);
     if (!library_) {
-      // The system accepts no path longer than MAX_PATH here.
+      // LoadTypeLibEx accepts no path longer than MAX_PATH.
       Check(LoadTypeLibEx(TheModule().Path().c_str(), REGKIND_NONE, library_.GetAddressOf()));
     }
     ComPtr<ITypeInfo> found;
@@ -136,7 +137,8 @@ class TypeLibrary {
   std::map<GUID, MethodTable, GuidLess> methods_;
 };
 
-// The runtime never destroys it: at process exit the automation library may already be unloaded.
+// The C++ runtime never destroys the object, because at process end the automation library, which
+// its destructor calls, may already be unloaded.
 TypeLibrary& Library() {
   alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
   static auto* const library = new (storage) TypeLibrary;

@@ -1,5 +1,5 @@
-// The type library inside this module: type information by identifier, and the methods of a dual
-// interface for IDispatch::Invoke. Both are read once and shared by all objects.
+// Reads the type library inside this module: type information by identifier, and the methods of a
+// dual interface for IDispatch::Invoke. All objects share the results.
 #pragma once
 
 #include <oaidl.h>
@@ -12,8 +12,8 @@ struct Parameter {
   enum class Role { kIn, kOut, kResult };
 
   Role role = Role::kIn;
-  // The type of the value; for an out parameter, the type it points to. VT_ARRAY means an array of
-  // `element`; VT_DISPATCH and VT_UNKNOWN mean an interface pointer.
+  // The type of the value or, for an out parameter, the type that the pointer refers to. VT_ARRAY
+  // means an array of `element`. VT_DISPATCH and VT_UNKNOWN mean a pointer to interface `iid`.
   VARTYPE type = VT_EMPTY;
   VARTYPE element = VT_EMPTY;
   IID iid = {};
@@ -27,13 +27,14 @@ struct Method {
 
 using MethodTable = std::vector<Method>;
 
-// Type information of an interface or a class.
+// Returns the type information of an interface or a class.
 HRESULT FindTypeInfo(REFGUID guid, ITypeInfo** info) noexcept;
 
-// The methods of the dual interface `iid`, valid until ReleaseTypeInfo. Throws HResultError.
+// Returns the methods of the dual interface `iid`. The table is valid until ReleaseTypeInfo. Throws
+// HResultError.
 const MethodTable& MethodsOf(REFIID iid);
 
-// Releases all type information. Call it when the module is unloaded and no object is left.
+// Releases all type information. Call it when the module is unloaded and no object exists.
 void ReleaseTypeInfo() noexcept;
 
 }  // namespace marlinda

@@ -13,7 +13,7 @@ struct Job {
   std::function<void()> body;
   // A reference to the module that contains this code.
   HMODULE module = nullptr;
-  // A running job keeps the module in use, like an object.
+  // Counts the running job as an object, so that the host does not unload the module.
   ModuleObjectCount module_count;
 };
 
@@ -24,8 +24,8 @@ DWORD WINAPI Run(void* parameter) noexcept {
     module = job->module;
     ComCall(job->body);
   }
-  // The job and its object count are gone, so the host may unload the module from here on. The
-  // reference keeps the code loaded until the thread has left it.
+  // The job no longer counts as an object, so the host may unload the module from here on. The
+  // reference to the module keeps this code loaded until the thread has left it.
   FreeLibraryAndExitThread(module, 0);
 }
 
@@ -35,7 +35,7 @@ bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept {
   DWORD index = 0;
   const HRESULT hr = CoWaitForMultipleHandles(0, milliseconds, 1, &object, &index);
   if (SUCCEEDED(hr) || hr == RPC_S_CALLPENDING) return SUCCEEDED(hr);
-  // A thread without an apartment has no calls to serve.
+  // The wait fails on a thread without an apartment. Such a thread has no calls to serve.
   return WaitForSingleObject(object, milliseconds) == WAIT_OBJECT_0;
 }
 
@@ -51,7 +51,7 @@ HRESULT WorkerThread::StartJob(std::function<void()> body) {
                          reinterpret_cast<const wchar_t*>(&Run), &job->module) == FALSE) {
     return LastErrorResult();
   }
-  // Suspended, so that `id_` is set before the thread reads it.
+  // Creates the thread suspended, so that `id_` is set before the thread reads it.
   thread_.Reset(CreateThread(nullptr, 0, Run, job.get(), CREATE_SUSPENDED, &id_));
   if (!thread_) {
     const HRESULT hr = LastErrorResult();

@@ -12,25 +12,25 @@
 namespace marlinda {
 
 // Waits until the object is signalled. Returns false after `milliseconds`. Meanwhile serves calls
-// to objects in this thread's apartment, because the signalling thread may depend on one.
+// to objects in this thread's apartment, because the thread that signals may wait for such a call.
 bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
 
-// Owns at most one thread. The body must keep alive what it uses: capture shared state, not the COM
-// object, because the last release of the object may happen on the worker itself.
+// Owns at most one thread. The body must own everything that it uses. Capture shared state, not the
+// COM object: otherwise the last release of the object could happen on the worker itself.
 class WorkerThread {
  public:
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};
 
   WorkerThread() noexcept = default;
-  // Waits for the body to end, except on the worker itself, which would wait forever.
+  // Waits for the body to end, unless it runs on the worker itself, where it would wait forever.
   ~WorkerThread();
 
-  // Starts the body. Returns the system's HRESULT if no thread could be created, and E_FAIL while
-  // one is running. An ended thread is replaced. An exception of the body ends the thread without a
-  // report.
+  // Runs the body on a new thread. Returns E_FAIL while an earlier thread runs, and the system's
+  // HRESULT if no thread could be created. An exception of the body ends the thread and is not
+  // reported.
   template <class Body>
   HRESULT Start(Body body) noexcept {
-    // Inside ComCall, because creating the std::function can run out of memory.
+    // ComCall catches the exception if memory for the std::function runs out.
     return ComCall([&] { return StartJob(std::move(body)); });
   }
 
@@ -41,11 +41,11 @@ class WorkerThread {
   // Returns false if the body still runs. Returns true at once on the worker itself.
   bool PollUntilEnded(DWORD milliseconds, ULONGLONG at_most = kWithoutLimit) const noexcept;
 
-  // Abandons the thread, for a body that waits in foreign code and may never return. The module
-  // stays loaded until the body returns.
+  // Abandons the thread without waiting. Use it for a body that waits in foreign code and may never
+  // return. The module stays loaded until the body returns.
   void Detach() noexcept;
 
-  // Waits until the body has ended, or for `milliseconds`, and serves calls meanwhile.
+  // Waits at most `milliseconds` for the body to end. Meanwhile serves calls, as above.
   void AwaitServingCalls(DWORD milliseconds) const noexcept;
 
  private:

@@ -29,10 +29,10 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 
 }  // namespace
 
-// A read waits without limit until enough samples are recorded. It ignores the position, because
-// recording is strictly sequential. One reader at a time. CloseDevice from another thread, or the
-// last release, ends a wait. The read then fails with E_FAIL, as on a closed device. Samples that
-// were collected but not read stay readable after CloseDevice.
+// ReadAudio waits without a time limit until enough samples are recorded. It ignores the position,
+// because recording is sequential. Only one thread at a time may read. CloseDevice on another
+// thread, or the last release, ends the wait. ReadAudio then fails with E_FAIL, as on a closed
+// device. Collected samples that were not read stay readable after CloseDevice.
 class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
@@ -44,7 +44,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     const std::lock_guard lock(mutex_);
     format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
     buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
-    // Whole frames only: half a frame would be lost and every later sample shifted.
+    // A buffer holds whole frames. Otherwise each buffer would lose a part of a frame and shift all
+    // later samples.
     if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
     return S_OK;
   }
@@ -59,7 +60,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     return ComCall([&]() -> HRESULT {
       SampleArrayView block;
       Check(block.Lock(psaAudioData));
-      // The object may be released during the wait, so the wait uses only the shared state.
+      // The object may be released during the wait, so from here on only the shared state is used.
       const std::shared_ptr<Samples> samples = samples_;
       std::shared_ptr<Job> job;
       {
@@ -103,8 +104,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   }
 
  private:
-  // Recorded samples that have not been read. They outlive the device and, during a wait, the
-  // object.
+  // Recorded samples that have not been read. They remain after the device is closed and, during a
+  // wait, after the object is released.
   struct Samples {
     // Returns false and takes nothing if there are too few samples.
     bool Take(std::span<float> destination) {
@@ -118,7 +119,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     CAudioQueue queue;
   };
 
-  // One opening of the device, shared by the object, its readers and the device.
+  // The state of one opening of the device, shared by the object, its readers and the device.
   struct Job {
     struct Buffer {
       explicit Buffer(std::size_t size) : data(size) {}
@@ -130,8 +131,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         : format(wanted),
           samples(std::move(target)),
           floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-          // At widths that are not multiples of 8 the conversion needs more bytes than the block
-          // align.
+          // At widths that are not multiples of 8, a PCM sample takes more bytes than the block
+          // align counts.
           buffers(kBufferCount,
                   Buffer(std::max<std::size_t>(
                       bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
@@ -161,12 +162,12 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       WaitForSingleObject(event.get(), INFINITE);
       const std::lock_guard lock(mutex);
       if (!open) {
-        // The event wakes one reader, which wakes the next.
+        // The event wakes only one reader, so each reader wakes the next.
         SetEvent(event.get());
         return false;
       }
       for (; done > 0; --done) {
-        // Takes the whole buffer and ignores dwBytesRecorded.
+        // Takes the whole buffer, even if dwBytesRecorded is smaller.
         Buffer& buffer = buffers[next];
         if (IsFloat(format)) {
           std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
@@ -176,7 +177,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         try {
           samples->queue.Append(floats);
         } catch (...) {
-          // The next read collects the remaining buffers.
+          // Lets the next read collect the remaining buffers.
           SetEvent(event.get());
           throw;
         }
@@ -187,7 +188,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       return true;
     }
 
-    // Returns false if the driver refuses.
+    // Returns false if the driver refuses to close the device.
     bool Close() noexcept {
       {
         const std::lock_guard lock(mutex);
@@ -209,7 +210,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
     }
 
-    // Runs on a device thread. It only counts and signals.
+    // Runs on a device thread. Only counts and signals, because a wave-in call from here can
+    // deadlock.
     static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
       if (message != WIM_DATA) return;
       auto* const self = reinterpret_cast<Job*>(job);
@@ -242,13 +244,14 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       const std::lock_guard lock(mutex_);
       job.swap(job_);
     }
-    // A driver that refuses to close may still fill the buffers and signal, so the job is leaked.
+    // A driver that refuses to close the device may still use the buffers and the event, so the job
+    // is leaked.
     if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
   }
 
   const std::shared_ptr<Samples> samples_ = std::make_shared<Samples>();
 
-  // Held while the device is being opened or closed. Taken before `mutex_`.
+  // Held while the device is being opened or closed. Lock it before `mutex_`.
   std::mutex opening_mutex_;
 
   // Guards the members below. Never held during a device call.
@@ -257,7 +260,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   std::shared_ptr<Job> job_;
   // For the next opening.
   WAVEFORMATEX format_ = DeviceFormat(44100, 2, 16);
-  // The initial size. SetFormat sets 40 ms instead.
+  // Bytes of a device buffer. SetFormat sets the size of 40 ms.
   std::uint32_t buffer_bytes_ = 4096;
   UINT device_id_ = WAVE_MAPPER;
 };

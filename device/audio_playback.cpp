@@ -28,22 +28,22 @@
 namespace marlinda {
 namespace {
 
-// The worker probes the device if no buffer completes for this time plus the length of the next
+// The worker probes the device if no buffer completes for this time plus the duration of the next
 // buffer.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
-// How long a position query waits for a device call of another thread. A working device takes much
-// less.
+// The longest time that GetPlaybackPos waits for a device call of another thread. A working device
+// takes much less.
 constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
-// Runs on a device thread. It only signals: a wave-out call from here can deadlock.
+// Runs on a device thread. Only signals, because a wave-out call from here can deadlock.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
   if (message == WOM_DONE) SetEvent(reinterpret_cast<HANDLE>(event));
 }
 
-// One block of samples on its way through the device.
+// One block of samples as a device buffer.
 class CAudioOutBuffer {
  public:
-  // Throws E_INVALIDARG if a device buffer cannot hold the block. Leaves out an incomplete last
+  // Throws E_INVALIDARG if the block is too large for a device buffer. Omits an incomplete last
   // frame.
   CAudioOutBuffer(std::span<const float> samples, const WAVEFORMATEX& format)
       : peaks(format.nChannels) {
@@ -53,7 +53,8 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // At widths that are not multiples of 8 the conversion needs more bytes than the block align.
+    // At widths that are not multiples of 8, a PCM sample takes more bytes than the block align
+    // counts.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
@@ -63,7 +64,7 @@ class CAudioOutBuffer {
     }
     for (std::size_t i = 0; i < samples.size(); ++i) {
       float& peak = peaks[i % peaks.size()];
-      // Skips NaN.
+      // False for NaN, which is skipped.
       if (samples[i] > peak) peak = samples[i];
     }
     header_.lpData = reinterpret_cast<LPSTR>(data_.data());
@@ -74,8 +75,8 @@ class CAudioOutBuffer {
   CAudioOutBuffer(const CAudioOutBuffer&) = delete;
   CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
 
-  // Returns false if the device refuses the buffer. An empty buffer does not go to the device: the
-  // system's format converters refuse empty buffers, and two in a row stop the device of Wine.
+  // Returns false if the device refuses the buffer. An empty buffer is not sent to the device: the
+  // system's format converters refuse empty buffers, and two in a row stop Wine's device.
   bool Play(HWAVEOUT device) noexcept {
     if (size() == 0) return true;
     device_ = device;
@@ -89,7 +90,7 @@ class CAudioOutBuffer {
   }
 
   bool IsDone() const noexcept {
-    // A device thread sets the flag.
+    // Volatile, because a device thread sets the flag.
     const volatile DWORD& flags = header_.dwFlags;
     const bool done = size() == 0 || (flags & WHDR_DONE) != 0;
     std::atomic_thread_fence(std::memory_order_acquire);
@@ -98,8 +99,8 @@ class CAudioOutBuffer {
 
   DWORD size() const noexcept { return header_.dwBufferLength; }
 
-  // The largest sample of each channel, at least 0. Signed values are compared, not magnitudes.
-  // Becomes the output level when the buffer has been played.
+  // The largest sample of each channel, at least 0. Compares signed values, not magnitudes. These
+  // are the output levels once the buffer has been played.
   std::vector<float> peaks;
 
  private:
@@ -112,17 +113,17 @@ using Buffers = std::list<CAudioOutBuffer>;
 
 }  // namespace
 
-// Each block written becomes one device buffer, queued at once. A writer waits while more than the
-// buffer length is queued, which paces the writer to real time. While one thread is in WriteAudio,
-// another may query position and level or call Break or CloseDevice.
+// Each written block becomes one device buffer. WriteAudio waits while more than the buffer length
+// is queued, so its caller keeps the pace of the device. While one thread is in WriteAudio, another
+// may query position and level or call Break or CloseDevice.
 //
-// Level, QueryIsReady and Break return at once, even if the device is stalled. The position query
-// waits up to 50 ms for a device call of another thread. OpenDevice and CloseDevice wait for the
-// device.
+// GetOutputLevel, QueryIsReady and Break return at once, even if the device is stalled.
+// GetPlaybackPos waits up to 50 ms for a device call of another thread. OpenDevice and CloseDevice
+// wait for the device.
 //
 // The worker waits for a stalled device. A device is lost if it refuses a block or a reset, or if
-// no buffer completes for some seconds and the device then refuses to pause. The object is then in
-// the state after CloseDevice.
+// no buffer completes for some seconds and the device then refuses to pause. After a loss, the
+// object behaves as after CloseDevice.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
@@ -194,12 +195,12 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       if (!job->Open(device_id)) return E_FAIL;
       worker_.emplace();
       const HRESULT hr = worker_->Start([job] {
-        // A driver that refuses to close may still use the buffers and the event, so the job is
-        // leaked.
+        // A driver that refuses to close the device may still use the buffers and the event, so the
+        // job is leaked.
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
-        // As after Run: the driver may still use the job.
+        // The driver may still use this job too.
         if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
         return E_FAIL;
       }
@@ -225,8 +226,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   }
 
  private:
-  // One opening of the device, shared by the object, its writers and the worker. The object may be
-  // released while a writer waits, so the wait uses only the job.
+  // The state of one opening of the device, shared by the object, its writers and the worker. The
+  // object may be released while WriteAudio waits, so WriteAudio uses only the job.
   struct Job {
     Job(const WAVEFORMATEX& wanted, std::uint32_t buffer_millisecs)
         : format(wanted),
@@ -272,7 +273,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         queued_bytes += block.front().size();
         pending.splice(pending.end(), block);
       }
-      // The device may already have played the block, so the worker must look again.
+      // The device may have played the block before it was in `pending`, so the worker must look
+      // again.
       SetEvent(event.get());
       return S_OK;
     }
@@ -286,7 +288,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       Wake();
     }
 
-    // Ends the use of the device. The worker closes it.
+    // Refuses further blocks. The worker then closes the device.
     void End() noexcept {
       {
         const std::lock_guard lock(mutex);
@@ -295,8 +297,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       Wake();
     }
 
-    // The device's frame count, 0 after `Break`. While a device call of another thread stalls, the
-    // last known count.
+    // Returns the device's frame count, or 0 after Break. Returns the last known count while a
+    // device call of another thread stalls.
     std::uint32_t Position() noexcept {
       if (IsBroken()) return 0;
       const std::unique_lock device_lock(device_mutex, kMaxPositionWait);
@@ -310,8 +312,9 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return position;
     }
 
-    // The worker: frees played buffers, resets a broken device and probes a stalled one, until the
-    // device is closed or lost. Returns false if the driver refuses to close it.
+    // The worker's loop. Frees played buffers, resets the device after Break and probes a stalled
+    // device, until the device is closed or lost. Returns false if the driver refuses to close the
+    // device.
     bool Run() noexcept {
       for (bool alive = true; alive && IsOpen();) {
         const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
@@ -322,7 +325,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
           alive = Reset();
         } else if (stalled) {
           // A lost device reports nothing: its buffers never complete and its position freezes. But
-          // it refuses to pause. Pausing a stalled device loses no samples.
+          // it refuses to pause. A stalled device accepts the pause, and no samples are lost.
           alive = waveOutPause(device) == MMSYSERR_NOERROR &&
                   waveOutRestart(device) == MMSYSERR_NOERROR;
         }
@@ -333,7 +336,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
     bool Close() noexcept {
       const std::lock_guard device_lock(device_mutex);
-      // Resets on each turn, because the failing reset of a lost device ends the loop.
+      // Repeats the reset, because the reset of a lost device fails and so ends the loop.
       while (Reset()) {
         Reap();
         if (IsPlayed()) break;
@@ -361,8 +364,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return pending.empty();
     }
 
-    // Also true after `Break`, because nothing more is played. Publishes the levels of the last
-    // played block.
+    // True if all blocks have been played, and after Break. Copies the levels of the last played
+    // block to `levels`.
     bool IsReady() noexcept {
       const std::lock_guard lock(mutex);
       levels = played_levels;
@@ -379,7 +382,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       SetEvent(event.get());
     }
 
-    // Infinite while nothing is queued.
+    // Returns INFINITE while nothing is queued.
     DWORD MilliSecsToProbe() noexcept {
       const std::lock_guard lock(mutex);
       if (pending.empty()) return INFINITE;
@@ -388,11 +391,11 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return static_cast<DWORD>(std::min<std::uint64_t>(next + kProbeMilliSecs, INFINITE - 1));
     }
 
-    // Removes the played buffers from the queue. Free them with `device_mutex` held.
+    // Removes the played buffers from the queue. The caller frees them with `device_mutex` held.
     Buffers Reap() noexcept {
       Buffers played;
       const std::lock_guard lock(mutex);
-      // Buffers return in the order in which they were written.
+      // The device completes buffers in the order in which they were written.
       while (!pending.empty() && pending.front().IsDone()) {
         queued_bytes -= pending.front().size();
         played_levels.swap(pending.front().peaks);
@@ -407,10 +410,10 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     // Signalled for each played buffer and to wake the worker.
     const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 
-    // Held by a writer from its wait to the end of its write.
+    // Held by WriteAudio from the start of its wait to the end of its write.
     std::mutex write_mutex;
 
-    // Held during every device call. A call can stall with the driver or its sound service. Taken
+    // Held during every device call, which can stall with the driver or its sound service. Lock it
     // before `mutex`.
     std::timed_mutex device_mutex;
     HWAVEOUT device = nullptr;
@@ -422,7 +425,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     Buffers pending;
     std::uint32_t queued_bytes = 0;
     std::vector<float> played_levels;
-    // The result of GetOutputLevel. Updated by QueryIsReady and by writers that had to wait.
+    // GetOutputLevel returns these levels. QueryIsReady and a WriteAudio that waited update them.
     std::vector<float> levels;
     bool open = true;
     bool broken = false;
@@ -451,7 +454,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     worker_.reset();
   }
 
-  // Held while the device is being opened or closed. Taken before `mutex_`.
+  // Held while the device is being opened or closed. Lock it before `mutex_`.
   std::mutex opening_mutex_;
   std::optional<WorkerThread> worker_;
 

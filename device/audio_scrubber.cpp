@@ -21,22 +21,25 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// A working playback object with a buffer of 100 ms blocks its writer for less than this.
+// Stop calls Break after this time. A working playback object with a buffer of 100 ms blocks its
+// writer for less.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// The writer's share of the wait in each pass, so that a late thread causes no dropout.
+// The time that WriteAudio should wait in each pass. This reserve prevents a dropout if the thread
+// is late.
 constexpr double kWriterMilliSecs = 10;
-// Many minutes of audio. The window of a longer block would take long to compute.
+// Several minutes of audio. Computing the window of a longer block would take long.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
-// The caller sets the writer's format beforehand. WriteAudio paces the thread by blocking; its
-// results are ignored. The writer is held until the next Start or the last release. Stop calls
-// Break on a playback object whose WriteAudio still blocks after a second.
+// The caller sets the writer's format before Start. The thread writes as fast as WriteAudio of the
+// writer lets it and ignores the results. The scrubber holds the writer until the next Start or the
+// last release. If WriteAudio of a playback object still blocks after a second, Stop calls Break.
 //
-// Start while running fails with E_FAIL. Start fails with E_INVALIDARG for a negative block length,
-// blocks of more than 2^24 samples and channel counts below 1. Stop without Start does nothing.
-// WriteBlock fails with E_FAIL outside Start and Stop, and with E_INVALIDARG for a short block.
+// Start fails with E_FAIL while the scrubber runs. It fails with E_INVALIDARG for a negative block
+// length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does
+// nothing. WriteBlock fails with E_FAIL unless the scrubber runs, and with E_INVALIDARG for a short
+// block.
 class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioScrubber;
@@ -58,7 +61,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // Holds the thread back until `job_` is set, because the writer may call this object.
+      // The thread waits for this lock until `job_` is set, because the writer may call this
+      // object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -77,8 +81,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     // Stop takes at least this long, even if the thread has already ended.
     Sleep(kStopPollMilliSecs);
     if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
-      // If this scrub was stopped meanwhile, the writer may serve another use, which must not be
-      // broken.
+      // If another thread has stopped this scrub meanwhile, the writer may play something else.
+      // Break must not stop that.
       const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
       if (playback) playback->Break();
       thread_.PollUntilEnded(kStopPollMilliSecs);
@@ -100,7 +104,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
   }
 
  private:
-  // One scrub, from Start to Stop, shared by the object and the thread.
+  // The state of one scrub, from Start to Stop, shared by the object and the thread.
   struct Job {
     Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
         : writer(target),
@@ -109,7 +113,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
           block(given_frames * channels),
           pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
 
-    // About the length of one pass, but short enough for Stop.
+    // Returns about the duration of one pass, but at most 100 ms, so that Stop need not wait long.
     static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
       if (rate <= 0) return kStopPollMilliSecs;
       const std::uint64_t pass =
@@ -117,13 +121,14 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
     }
 
-    // Samples of one pass: half a block of an even number of frames.
+    // Samples of one pass: half a block. An odd block length loses one frame.
     std::size_t OutputSamples() const noexcept {
       return block.size() / channel_count / 2 * channel_count;
     }
 
     void Run() {
-      // Computed on this thread, because the window takes longer than starting the thread.
+      // Computes the window on this thread, because in Start it would take longer than starting the
+      // thread.
       OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
       while (!stop) {
         if (delay > 0) Sleep(delay);
@@ -142,8 +147,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       }
     }
 
-    // A finished pass that waits for room in the writer is out of date when it is heard. So the
-    // thread waits before it reads the block, just long enough that the writer hardly waits.
+    // A pass that waits for room in the writer is out of date when it is heard. So the thread waits
+    // before it reads the block. The delay is just long enough that the writer hardly waits.
     void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
       const double longest = pause_milliseconds - kWriterMilliSecs;
       const double next =

@@ -11,8 +11,8 @@
 
 namespace marlinda {
 
-// 32 bits mean IEEE float, any other width PCM. Nothing is validated: a device refuses an
-// unsupported format when it is opened. Products wrap in the width of their field.
+// 32 bits select IEEE float, any other width PCM. Validates nothing: opening a device fails for an
+// unsupported format. Products that do not fit in their field wrap.
 inline WAVEFORMATEX DeviceFormat(LONG samples_per_sec, SHORT channels, SHORT bits) noexcept {
   WAVEFORMATEX format = {};
   format.wFormatTag = bits == 32 ? WAVE_FORMAT_IEEE_FLOAT : WAVE_FORMAT_PCM;
@@ -45,7 +45,7 @@ inline WAVEFORMATEXTENSIBLE MakeExtensibleFormat(const WAVEFORMATEX& source, boo
   return format;
 }
 
-// Returns false for formats that no device may be asked for: some drivers accept a format without
+// Returns false for formats that must not reach a device. Some drivers accept a format without
 // channels and crash in the first write.
 inline bool IsPlausible(const WAVEFORMATEX& format) noexcept {
   return format.nBlockAlign > 0 && static_cast<SHORT>(format.nChannels) > 0 &&

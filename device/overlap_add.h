@@ -1,5 +1,5 @@
-// The scrubber's sound: blocks under a square-root Hann window, added at 50 % overlap. A repeated
-// block loops without clicks, and a moving one glides.
+// Crossfades the blocks of the scrubber: weights them by a square-root Hann window and adds them at
+// 50 % overlap. A repeated block loops without clicks, and one block fades into the next.
 #pragma once
 
 #include <cassert>
@@ -25,7 +25,7 @@ inline std::vector<float> ScrubWindow(std::size_t frames) {
 
 class OverlapAdd {
  public:
-  // `block_frames` is even.
+  // `block_frames` must be even.
   OverlapAdd(std::size_t block_frames, std::size_t channels)
       : channels_(channels),
         window_(ScrubWindow(block_frames)),
@@ -36,8 +36,8 @@ class OverlapAdd {
   // The samples of one pass: half a block.
   std::size_t OutputSamples() const noexcept { return overlap_.size(); }
 
-  // Fades the first half of `block` in over the second half of the previous block, which fades out.
-  // `block` holds a whole block, `output` OutputSamples() samples. Real-time safe.
+  // Fades out the second half of the previous block and fades in the first half of `block`. `block`
+  // holds a whole block of samples, `output` OutputSamples(). Real-time safe.
   void Pass(std::span<const float> block, std::span<float> output) noexcept {
     const std::size_t half = window_.size() / 2;
     assert(block.size() >= 2 * overlap_.size() && output.size() == overlap_.size());

@@ -17,7 +17,7 @@ HRESULT GivePin(const ComPtr<IPin>& pin, IPin** out) { return pin.CopyTo(out); }
 using Pins = Enumerator<IEnumPins, ComPtr<IPin>, IPin*, GivePin>;
 using MediaTypes = Enumerator<IEnumMediaTypes, AudioType, AM_MEDIA_TYPE*, GiveType>;
 
-// No filter here has two pins of the same direction.
+// Names a pin by its direction, because no filter here has two pins of the same direction.
 const wchar_t* NameOf(PIN_DIRECTION direction) {
   return direction == PINDIR_INPUT ? L"Input" : L"Output";
 }
@@ -79,7 +79,7 @@ AM_MEDIA_TYPE AudioType::View() const noexcept {
   if (tag == WAVE_FORMAT_EXTENSIBLE && format_.size() >= sizeof(WAVEFORMATEXTENSIBLE)) {
     type.subtype = reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(format())->SubFormat;
   } else {
-    // The subtypes of format tags differ only in their first field.
+    // The subtype identifiers of format tags differ only in Data1.
     type.subtype = MEDIASUBTYPE_PCM;
     type.subtype.Data1 = tag;
   }
@@ -403,7 +403,8 @@ FilterGraph::FilterGraph() {
 }
 
 HRESULT FilterGraph::Run() {
-  // Not in the constructor: the graph passes the setting only to filters that it already contains.
+  // The constructor cannot do this, because the graph passes the setting only to filters that it
+  // already contains.
   const auto filter = TryQuery<IMediaFilter>(builder_.Get());
   const HRESULT hr = filter != nullptr ? filter->SetSyncSource(nullptr) : E_NOINTERFACE;
   return FAILED(hr) ? hr : control_->Run();

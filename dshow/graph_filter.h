@@ -1,5 +1,5 @@
-// DirectShow graphs and the engine's own filters in them. GraphFilter implements the interfaces of
-// filters and pins; its user only lists the accepted formats and handles the data.
+// DirectShow graphs and the engine's own filters in them. GraphFilter and its pins implement the
+// DirectShow interfaces. Their users only list the accepted formats and handle the data.
 #pragma once
 
 #include <dshow.h>
@@ -20,10 +20,10 @@ namespace marlinda {
 
 class GraphFilter;
 
-// The wave format in a media type. Null if its format block is too short for one.
+// Returns the wave format in a media type, or null if the type's format block is too short.
 const WAVEFORMATEX* WaveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
 
-// Frees the format block and the reference of a media type, not the structure itself.
+// Frees the format block of a media type and releases its pUnk. Does not free the structure.
 void FreeContents(AM_MEDIA_TYPE& type) noexcept;
 
 struct FreeMediaType {
@@ -32,12 +32,14 @@ struct FreeMediaType {
 // Owns a media type that came from a filter.
 using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
-// An audio media type with a wave format. `format` may be followed by cbSize further bytes.
+// An audio media type with a wave format. The constructor also copies the cbSize bytes after
+// `format`.
 class AudioType {
  public:
   AudioType() noexcept = default;
   explicit AudioType(const WAVEFORMATEX& format);
-  // Copies the type; empty if it is not audio in a wave format. Adds a missing cbSize field.
+  // Copies the type. The copy is empty if the type is not audio in a wave format. Adds a missing
+  // cbSize field.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
@@ -45,20 +47,20 @@ class AudioType {
   const WAVEFORMATEX* format() const noexcept {
     return empty() ? nullptr : reinterpret_cast<const WAVEFORMATEX*>(format_.data());
   }
-  // Valid as long as this object.
+  // The view is valid while this object exists.
   AM_MEDIA_TYPE View() const noexcept;
-  // A copy for the caller to free.
+  // Makes a copy, whose format block the caller frees.
   HRESULT CopyTo(AM_MEDIA_TYPE* type) const noexcept;
 
  private:
   std::vector<BYTE> format_;
 };
 
-// Returns a copy of the type, structure included, which the caller frees. A failure leaves `out`
-// unchanged.
+// Returns a copy of the type in new memory, which the caller frees. Leaves `out` unchanged on
+// failure.
 HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
 
-// The base of input and output pins. A pin is a member of its filter and shares its reference
+// The base of input and output pins. A pin belongs to its filter and uses the filter's reference
 // count.
 class GraphPin : public IPin {
  public:
@@ -94,9 +96,10 @@ class GraphPin : public IPin {
 
   virtual bool Accepts(const AudioType& type) const = 0;
   virtual std::vector<AudioType> Types() const { return {}; }
-  // The interface that this kind of pin has besides IPin; null for any other identifier.
+  // Returns the interface that this kind of pin has besides IPin, or null for any other identifier.
   virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
-  // Allocates or frees the buffers when the filter starts or stops.
+  // Allocates the buffers when the filter starts (true) and frees them when the filter stops
+  // (false).
   virtual HRESULT Commit(bool) { return S_OK; }
 
   GraphFilter& filter_;
@@ -107,8 +110,8 @@ class GraphPin : public IPin {
   friend class GraphFilter;
 };
 
-// Calls `receive` with the bytes of each sample, and `end` after the last, on the delivering
-// thread. Any result of `receive` other than S_OK stops the delivery.
+// Calls `receive` with the bytes of each media sample, and `end` after the last one, on the thread
+// that delivers them. Any result of `receive` other than S_OK stops the delivery.
 class InputPin : public GraphPin, protected IMemInputPin {
  public:
   struct Purpose {
@@ -143,13 +146,13 @@ class InputPin : public GraphPin, protected IMemInputPin {
   const Purpose purpose_;
 };
 
-// Delivers bytes of one of its types to the connected pin.
+// Offers a list of types and delivers bytes of the agreed type to the connected pin.
 class OutputPin : public GraphPin {
  public:
   OutputPin(GraphFilter& filter, std::vector<AudioType> types, long buffer_bytes)
       : GraphPin(filter, PINDIR_OUTPUT), types_(std::move(types)), buffer_bytes_(buffer_bytes) {}
 
-  // Splits `bytes` into samples, and the time from `start` to `stop` in proportion.
+  // Splits `bytes` into media samples. Divides the time from `start` to `stop` among them by size.
   HRESULT Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start, REFERENCE_TIME stop);
   HRESULT DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
 
@@ -174,7 +177,7 @@ class OutputPin : public GraphPin {
   ComPtr<IMemAllocator> allocator_;
 };
 
-// A filter. Add its pins before use.
+// A DirectShow filter. Add its pins before use.
 class GraphFilter : public IBaseFilter {
  public:
   static ComPtr<GraphFilter> Make() { return new GraphFilter; }
@@ -193,7 +196,7 @@ class GraphFilter : public IBaseFilter {
   STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
   STDMETHODIMP_(ULONG) Release() override;
 
-  // The filter has no class identifier: only the engine creates it.
+  // Only the engine creates the filter, so it has no class identifier.
   STDMETHODIMP GetClassID(CLSID* class_id) override { return SetOut(class_id, GUID_NULL); }
   STDMETHODIMP Stop() override;
   STDMETHODIMP Pause() override;
@@ -223,21 +226,21 @@ class GraphFilter : public IBaseFilter {
   std::mutex mutex_;
   // The mutex guards the members below.
   ComPtr<IReferenceClock> clock_;
-  IFilterGraph* graph_ = nullptr;  // no reference: the graph owns its filters
+  IFilterGraph* graph_ = nullptr;  // not a reference: the graph holds its filters
   std::wstring name_;
 
   friend class GraphPin;
 };
 
-// A graph without a clock, so that its filters run as fast as they can. Belongs to one thread,
-// which has entered an apartment.
+// A graph without a clock, so that its filters run as fast as they can. Use it on one thread, which
+// has entered an apartment.
 class FilterGraph {
  public:
   // Throws HResultError if the system has no filter graph.
   FilterGraph();
   FilterGraph(const FilterGraph&) = delete;
   FilterGraph& operator=(const FilterGraph&) = delete;
-  // Stops the graph: filters must not be released while they run.
+  // Stops the graph, because filters must not be released while they run.
   ~FilterGraph() { Stop(); }
 
   IGraphBuilder* builder() const noexcept { return builder_.Get(); }

@@ -32,7 +32,7 @@ inline bool Reaches(const SectionMarker& marker, const CSection& range) noexcept
   return ClipMarker(marker.section, range).has_value();
 }
 
-// Clips a record that reaches into the range and moves it.
+// Clips a record to the range and moves the result. The record must reach into the range.
 inline void Clip(Label& label, const CSection&, std::int64_t offset) noexcept {
   label.position = WrappingAdd(label.position, offset);
 }
@@ -53,8 +53,9 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
   return part;
 }
 
-// Keeps the parts of the records in `head`, then those in `tail`, moved by `offset`. Works in place
-// if all parts in the tail follow those in the head; otherwise collects the tail first.
+// Keeps the parts of the records in `head`, followed by the parts in `tail`, moved by `offset`.
+// Works in place if the parts already have this order. Otherwise collects the parts in the tail
+// first.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
@@ -72,7 +73,7 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
     behind.reserve(in_tail);
     for (const Record& record : records) {
       if (!Reaches(record, tail)) continue;
-      // Copies a record that becomes two. Any other record is moved below.
+      // Copies a record that reaches both head and tail. Any other record is moved below.
       behind.push_back(Reaches(record, head) ? record : Record());
     }
     records.reserve(in_head + in_tail);
@@ -101,15 +102,15 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
   std::ranges::move(behind, std::back_inserter(records));
 }
 
-// Both lists keep the order in which records were added. Positions and ranges are not checked. A
-// method that throws changes nothing.
+// Both lists keep the order in which records were added. The methods do not check positions and
+// ranges. A method that throws changes nothing.
 struct Annotations {
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;
 
-  // Makes room for `length` frames inserted at `position`. Labels and markers from there on move. A
-  // marker around the position is split in two, even if `length` is 0. The second halves go to the
-  // end of the list.
+  // Makes room for `length` frames inserted at `position`. Labels and markers at or after
+  // `position` move. A marker around `position` is split in two, even if `length` is 0. The second
+  // halves go to the end of the list.
   void MoveForInsertion(std::int64_t position, std::int64_t length) {
     std::vector<SectionMarker> second_halves;
     for (const SectionMarker& marker : markers) {
@@ -133,13 +134,14 @@ struct Annotations {
     std::ranges::move(second_halves, std::back_inserter(markers));
   }
 
-  // Returns the labels in `range` and the markers clipped to it, moved by `offset`.
+  // Returns the labels and the parts of markers in `range`, moved by `offset`.
   Annotations Part(const CSection& range, std::int64_t offset) const {
     return {PartOf(labels, range, offset), PartOf(markers, range, offset)};
   }
 
-  // Keeps the parts before `range` and moves up those after it. A marker around the range becomes
-  // two, and a backward range doubles the records inside it. `document` is the document's length.
+  // Removes `range`: labels and markers behind it move, and markers are clipped. A marker that
+  // spans the range becomes two. A backward range doubles the records inside it. `document` is the
+  // document's length.
   void Delete(const CSection& range, std::int64_t document) {
     const CSection head(0, range.begin);
     const CSection tail(range.end, document);

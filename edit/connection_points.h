@@ -1,4 +1,4 @@
-// The connection points through which the document calls its listeners.
+// The connection points through which the document sends events to its sinks.
 #pragma once
 
 #include <marlinda.h>
@@ -36,9 +36,8 @@ using Connections = Enumerator<IEnumConnections, Connection, CONNECTDATA, GiveCo
 using Points =
     Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
-// The connection point of one outgoing interface. It has its own identity but shares its
-// container's reference count. Sinks keep the order of their slots; a new sink takes the first free
-// slot.
+// The connection point of one outgoing interface. It has its own identity but uses its container's
+// reference count. Sinks are called in slot order. A new sink takes the first free slot.
 class ConnectionPoint final : public IConnectionPoint {
  public:
   // Makes the arguments of one event call, last argument first, as in DISPPARAMS.
@@ -51,10 +50,10 @@ class ConnectionPoint final : public IConnectionPoint {
 
   REFIID iid() const noexcept { return iid_; }
 
-  // Calls each connected sink for an event of a dispatch interface. Returns S_OK or the result of
-  // the last failing sink. A failing sink's error becomes the thread's error information, and the
-  // next sink is called. During its call a sink may connect, disconnect or release the container. A
-  // disconnected sink is no longer called.
+  // Sends an event of a dispatch interface to each connected sink. If a sink fails, its error
+  // becomes the thread's error information, and the next sink is called. Returns S_OK or the result
+  // of the last failing sink. During its call a sink may connect or disconnect sinks or release the
+  // container. A disconnected sink is no longer called.
   HRESULT Fire(DISPID event, const Arguments& arguments) {
     const ComPtr<IUnknown> keep_alive(&container_);
     const auto connected = sinks_;
@@ -122,7 +121,7 @@ class ConnectionPoint final : public IConnectionPoint {
   }
 
  private:
-  // Makes a failing sink's error information the thread's.
+  // Makes the error of a failing sink the thread's error information.
   static void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
     if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
     ComPtr<ICreateErrorInfo> error;
@@ -137,8 +136,8 @@ class ConnectionPoint final : public IConnectionPoint {
 
   static HRESULT CallSink(IDispatch* sink, DISPID event, const Arguments& make_arguments,
                           REFIID event_interface) {
-    // Each call gets arguments of its own: a sink that wrongly clears or replaces one harms neither
-    // the next sink nor the caller's string.
+    // Each sink gets arguments of its own. A sink that wrongly clears or replaces an argument then
+    // harms neither the next sink nor the caller's string.
     std::vector<VARIANTARG> arguments;
     if (make_arguments) arguments = make_arguments();
     DISPPARAMS params = {};

@@ -1,5 +1,5 @@
-// DocumentContent: holds and reads the content of a document. Separate from the host's object,
-// because the playback thread reads it too and may briefly outlive that object.
+// DocumentContent: holds and reads the content of a document. It is separate from CEditedAudio,
+// because the playback thread also reads it and may briefly outlive the CEditedAudio.
 #pragma once
 
 #include <marlinda.h>
@@ -23,10 +23,11 @@ namespace marlinda {
 
 enum class ContentCall { kRead, kOpen, kClose };
 
-// Limit for nested reads of a document that contains itself, so that a thread's stack suffices.
+// The deepest nesting of reads in a document that contains itself. Deeper reads could overflow a
+// thread's stack.
 inline constexpr int kMaxReadDepth = 64;
 
-// A new document has the rate 1. Zero channels mean that no format is set.
+// A new document has the rate 1 and no channels. A format without rate or channels is not set.
 struct DocumentFormat {
   bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
 
@@ -35,7 +36,7 @@ struct DocumentFormat {
   SHORT bits_per_sample = 16;
 };
 
-// A slim reader-writer lock for std::shared_lock and std::unique_lock; std::shared_mutex is much
+// A slim reader-writer lock for std::shared_lock and std::unique_lock. std::shared_mutex is much
 // slower under mingw. Not recursive.
 class SrwLock {
  public:
@@ -52,20 +53,20 @@ class SrwLock {
   SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
-// The lock guards every member but the scratch array. It is never held over a call to a source, a
-// sink or another document, AddRef and Release included: each may call back into the document.
+// The lock guards every member but the scratch array. It is never held during a call to a source, a
+// sink or another document, even AddRef and Release, because the callee may call the document.
 struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
-  // A part of the list. Its source is borrowed and valid while a Pin exists.
+  // A part of one segment. Its source is borrowed and valid while a Pin exists.
   struct Piece {
     IAudioReader* source;
     __int64 begin;
     __int64 end;
   };
 
-  // While a pin exists, removed sources keep their references. The last pin releases them, without
-  // the lock.
+  // While a pin exists, the content keeps the references of removed sources. The last pin releases
+  // them, without the lock.
   class Pin {
    public:
     explicit Pin(DocumentContent& content) noexcept : content_(content) {
@@ -73,7 +74,7 @@ struct DocumentContent {
       ++content_.pins;
     }
     ~Pin() {
-      // Destroyed after the lock is released.
+      // Declared first, so that it is destroyed after the lock is released.
       std::vector<std::vector<Segments::Block>> released;
       const std::unique_lock guard(content_.lock);
       if (--content_.pins == 0) released.swap(content_.removed);
@@ -87,10 +88,10 @@ struct DocumentContent {
 
   // These implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
-    // Each piece is read into an array of exactly its own size, so a failed read delivers nothing
+    // Reads each piece into an array of exactly the piece's size, so a failed read delivers nothing
     // to the caller. The pieces fill the caller's array from its start, even if the read begins
-    // before the document. If backward segments make them longer than the array, the rest is
-    // dropped.
+    // before frame 0. With backward segments the pieces can exceed the array. Samples beyond its
+    // end are dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));
@@ -133,7 +134,7 @@ struct DocumentContent {
       return S_OK;
     });
   }
-  // If a source fails, the sources opened before it stay open.
+  // If a source cannot be opened, the sources opened before it stay open.
   HRESULT OpenDevice() {
     return ComCall([&]() -> HRESULT {
       const NestedCall call(this, ContentCall::kOpen);
@@ -160,7 +161,7 @@ struct DocumentContent {
     const std::shared_lock guard(lock);
     return format;
   }
-  // A document without a format takes the format of the source. The source's result is ignored.
+  // If the document has no format, adopts the source's format. Ignores the result of GetFormat.
   void AdoptFormat(IAudioReader* source) {
     DocumentFormat adopted = CurrentFormat();
     if (source == nullptr || adopted.IsSet()) return;
@@ -170,8 +171,8 @@ struct DocumentContent {
     format.channels = adopted.channels;
   }
 
-  // Returns the parts of the list in a range, or all segments whole. Call with the lock and a pin
-  // held.
+  // Returns the parts of segments in `range`, or all whole segments without a range. Call with the
+  // lock and a pin held.
   std::vector<Piece> Cut(const std::optional<CSection>& range) const {
     std::vector<Piece> pieces;
     const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
@@ -198,8 +199,8 @@ struct DocumentContent {
     segments.Insert(position, added, divided);
     annotations.MoveForInsertion(position, length);
   }
-  // Joins the frames before and after a range. A backward range repeats its frames, a marker around
-  // the range becomes two, and empty and backward segments disappear.
+  // Removes the frames in a range. A backward range repeats its frames instead. A marker that spans
+  // the range becomes two. Empty and backward segments are removed too.
   void Delete(const CSection& range) {
     if (CutOut(range)) return;
     const Pin pin(*this);
@@ -221,8 +222,8 @@ struct DocumentContent {
       AdoptFormat(piece.source);
       behind.emplace_back(piece.source, piece.begin, piece.end);
     }
-    // Without its backward segments the head can extend past range.begin, so the tail is inserted
-    // there, not appended.
+    // Without its backward segments the head can extend past range.begin. So the tail is inserted
+    // at range.begin, not appended.
     const Segment* const found = kept.DividedBy({range.begin, range.begin});
     ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
     kept.Insert(range.begin, behind, divided);
@@ -262,8 +263,8 @@ struct DocumentContent {
     annotations.Delete(range, length);
     return true;
   }
-  // Makes `divided` hold the source of the segment that an edit at `range` will divide. Releases
-  // the lock while it adds the reference.
+  // Makes `divided` hold the source of the segment that an edit at `range` will divide. The lock is
+  // released while the reference is added.
   void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
                    ComPtr<IAudioReader>& divided) {
     for (;;) {

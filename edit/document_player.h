@@ -25,10 +25,10 @@ inline constexpr LONG kScrubBufferMilliSecs = 100;
 inline constexpr LONG kScrubBlocksPerSecond = 10;
 inline constexpr DWORD kPollMilliSecs = 10;
 
-// The playback object and the scrubber are created with the document. If that fails, editing still
-// works; methods that need them try again and throw the error.
+// The constructor creates a playback object and a scrubber. If this fails, editing still works.
+// Methods that need one of the objects try again and throw the error.
 //
-// Playing and scrubbing share the playback object, so starting one ends the other.
+// Playback and scrubbing share the playback object, so starting one of them ends the other.
 class DocumentPlayer {
  public:
   explicit DocumentPlayer(std::shared_ptr<DocumentContent> content) noexcept
@@ -36,22 +36,23 @@ class DocumentPlayer {
     CreateInstance(CLSID_CAudioPlayback, playback_);
     CreateInstance(CLSID_CAudioScrubber, scrubber_);
   }
-  // Stops playing and scrubbing and waits for their threads, except on the playback thread itself.
+  // Stops playback and scrubbing and waits for their threads. Does not wait on the playback thread
+  // itself.
   ~DocumentPlayer() {
     StopPlay();
     StopScrub();
   }
 
-  // A device index from 0, or -1 for the default. Takes effect at the next start.
+  // Sets the device: an index from 0, or -1 for the default. The next start uses it.
   void SetDevice(LONG index) noexcept { device_ = index; }
 
-  // Ends scrubbing and plays, unless playback runs or the section is empty. A failure on the thread
-  // ends the playback and is not reported.
+  // Ends scrubbing and starts playback. Does neither if playback runs or the section is empty. A
+  // failure on the thread ends playback and is not reported.
   void Play(const CSection& section, ULONG channel_mask, bool looped) {
     const DocumentFormat format = content_->CurrentFormat();
     const bool starts = !IsPlaying() && section.begin < section.end;
     if (starts && scrubbing_) StopScrub();
-    // Has no effect on running playback: the open device keeps its format.
+    // Does not affect running playback, because the open device keeps its format.
     SetUpPlayback(format, kPlayBufferMilliSecs);
     const ComPtr<IAudioWriter> writer = PlaybackWriter();
     if (!starts) return;
@@ -60,7 +61,7 @@ class DocumentPlayer {
     thread_.emplace();
     thread_->Start([job = job_]() mutable {
       const Apartment apartment(COINIT_APARTMENTTHREADED);
-      // Releases the job, and perhaps its sources, inside the apartment.
+      // Releases the job, and perhaps its sources, while the thread is in the apartment.
       std::exchange(job, nullptr)->Run();
     });
   }
@@ -74,14 +75,14 @@ class DocumentPlayer {
     IsPlaying();
   }
 
-  // The frame being heard; nothing if playback does not run.
+  // Returns the frame that is being heard, or nothing if playback does not run.
   std::optional<__int64> Position() noexcept {
     if (!IsPlaying()) return std::nullopt;
     __int64 played = 0;
     playback_->GetPlaybackPos(&played);
     return PositionInSection(job_->section, played);
   }
-  // The channel mask of a looped playback; otherwise nothing.
+  // Returns the channel mask while looped playback runs, otherwise nothing.
   std::optional<ULONG> LoopedChannelMask() noexcept {
     if (!IsPlaying() || !job_->looped) return std::nullopt;
     return job_->channel_mask;
@@ -90,8 +91,8 @@ class DocumentPlayer {
     return Playback()->GetOutputLevel(channel, level);
   }
 
-  // Ends playback and scrubs, unless scrubbing runs. Failures of the sources and the scrubber are
-  // ignored: without a format or a device scrubbing is silent.
+  // Ends playback and starts scrubbing. Does nothing while scrubbing runs. Ignores failures of the
+  // sources and the scrubber: without a format or a device, scrubbing is silent.
   void StartScrub() {
     if (scrubbing_) return;
     // The playback object has one device, which playback and scrubber cannot share.
@@ -104,7 +105,7 @@ class DocumentPlayer {
     if (!std::exchange(open_for_scrub_, true)) content_->OpenDevice();
     scrubbing_ =
         SUCCEEDED(scrubber_->Start(writer.Get(), frames, format.samples_per_sec, format.channels));
-    // A scrubber that did not start refuses every block, so none is read for it.
+    // A scrubber that did not start refuses every block, so SetScrubPosition reads no frames.
     scrub_frames_ = scrubbing_ ? frames : 0;
   }
   void SetScrubPosition(__int64 position) {
@@ -121,11 +122,12 @@ class DocumentPlayer {
   }
 
  private:
-  // One playback, shared by the document and the thread. The thread does not hold the document:
-  // looped playback must not keep it alive, and a source may release it last.
+  // The state of one playback, shared by the document and the thread. The thread does not hold the
+  // document, because looped playback would keep the document alive, and because a source may
+  // release the last reference to the document on this thread.
   struct Job {
-    // If the sources cannot be opened, the writer stays open and held until the next playback or
-    // the end of the document.
+    // If the sources cannot be opened, the job keeps the writer open until the next playback or the
+    // end of the document.
     void Run() noexcept {
       const DocumentFormat format = content->CurrentFormat();
       writer->SetFormat(format.samples_per_sec, format.channels);
@@ -184,7 +186,7 @@ class DocumentPlayer {
                                      reinterpret_cast<void**>(writer.GetAddressOf())));
     return writer;
   }
-  // Discards a thread that has ended.
+  // True while the playback thread runs. Discards a thread that has ended.
   bool IsPlaying() noexcept {
     if (thread_ && !thread_->IsRunning()) thread_.reset();
     return thread_.has_value();

@@ -66,9 +66,10 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
   }
 }
 
-// Appends the source's labels and markers to the destination's through their interfaces, in order,
-// moved by `offset`. With a range, copies only labels inside it and the parts of markers inside it.
-// Fails with E_FAIL if one of the objects has no labels or no markers; earlier copies stay.
+// Copies the source's labels and markers, moved by `offset`, and adds them after those of the
+// destination, through the interfaces of both. With a range, copies only labels inside it and the
+// parts of markers inside it. Fails with E_FAIL if one of the objects does not support labels or
+// markers. Labels already copied stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -87,10 +88,10 @@ HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
 
 class CEditedAudio;
 
-// Identifies another document of this module, to copy many segments without a call for each.
-// Private; not in a type library.
+// Gives access to another document of this module, so that many segments are copied without a call
+// for each. Private. No type library describes it.
 struct DECLSPEC_UUID("6f0c9e42-7d35-4b1a-9a5e-2c81d4f7b360") IDocumentObject : public IUnknown {
-  // The object itself, without a reference.
+  // Returns the object itself. Does not call AddRef.
   virtual CEditedAudio* STDMETHODCALLTYPE Implementation() = 0;
 };
 
@@ -103,11 +104,11 @@ __CRT_UUID_DECL(marlinda::IDocumentObject, 0x6f0c9e42, 0x7d35, 0x4b1a, 0x9a, 0x5
 
 namespace marlinda {
 
-// Editing rearranges, splits and clones segments; samples stay in their sources. No method checks
-// its ranges, and no edit fires an event.
+// Editing rearranges, splits and copies segments. The samples stay in their sources. The methods do
+// not check ranges. Edits send no events.
 //
-// The host must not edit while another thread reads, the playback thread included: the read may
-// miss a part of the edit. The content's lock protects only memory.
+// The host must not edit while another thread reads, even the playback thread: the read may see
+// only a part of the edit. The content's lock protects only memory.
 class CEditedAudio final
     : public AnnotationSupport<
           CEditedAudio,
@@ -189,7 +190,7 @@ class CEditedAudio final
     if (peaInsert == nullptr) return E_POINTER;
     return ComCall([&] {
       if (IsSameObject(peaInsert, Identity())) {
-        // Inserts a copy of its own content.
+        // Copies the content first, because the document cannot be read while it changes.
         ComPtr<IEditedAudio> before;
         Check(CreateInstance(CLSID_CEditedAudio, before));
         CopyAll(before.Get());
@@ -223,8 +224,8 @@ class CEditedAudio final
       content_->segments.Append(std::move(segment));
     });
   }
-  // The returned source is borrowed: it is valid as long as the segment exists, and the caller must
-  // not release it. Past the end only bValid is written.
+  // The returned source is borrowed: the caller must not release it, and it is valid while the
+  // segment exists. After the last segment, only bValid is written.
   STDMETHODIMP GetFirstSegment(IAudioReader** pparSource, __int64* pnBegin, __int64* pnEnd,
                                LONG* bValid) override {
     return GiveSegment(&DocumentContent::Segments::First, pparSource, pnBegin, pnEnd, bValid);
@@ -262,8 +263,9 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document and does not restore it: copying the snapshot onto itself empties the
-  // snapshot. The host restores the content from the copy that it made before the change.
+  // Empties the document and does not restore it, because copying the snapshot to itself empties
+  // the snapshot. The host restores the content from its own copy of the document before the
+  // change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;
@@ -278,14 +280,14 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Fires the event and returns S_OK even if playback already runs, the section is empty or nothing
-  // could be started.
+  // Sends FireStartedPlayback and returns S_OK even if playback already runs, the section is empty
+  // or playback cannot start.
   STDMETHODIMP Play(__int64 nBegin, __int64 nEnd, ULONG dwChannelMask,
                     VARIANT_BOOL bLooped) override {
     return ComCall([&] {
       const ComPtr<IUnknown> keep_alive(Identity());
       const NestedCall call(this, PlayerCall::kPlay);
-      // Ignores the result: GetPlayStatus reports whether playback runs.
+      // Ignores failures, because GetPlayStatus reports whether playback runs.
       static_cast<void>(ComCall([&] {
         player_.Play({nBegin, nEnd}, dwChannelMask, bLooped != VARIANT_FALSE);
       }));
@@ -389,8 +391,8 @@ class CEditedAudio final
       content_->AdoptFormat(lent);
     }
   }
-  // Replaces the destination's content by the range, or by everything. Empties the destination
-  // first, even if it is this document: then there is nothing to copy.
+  // Replaces the destination's content by the range or, without a range, by the whole document.
+  // Clears the destination first. If the destination is this document, nothing is left to copy.
   HRESULT CopyInto(IEditedAudio* destination, const std::optional<CSection>& range) {
     if (destination == nullptr) return E_POINTER;
     destination->Clear();
@@ -398,7 +400,7 @@ class CEditedAudio final
     destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
 
     const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
-    // Without a format, the destination must ask each source for one as it is appended.
+    // Without a format, the destination must adopt one from the sources, which AppendSegment does.
     CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
     const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);
@@ -420,8 +422,8 @@ class CEditedAudio final
     direct->content_->Replace(std::move(segments), std::move(annotations));
     return S_OK;
   }
-  // The object behind another document if this object may access it directly: both are of this
-  // class, and neither is aggregated.
+  // Returns the object behind another document if this object may access it directly, otherwise
+  // null. Both must be of this class, and neither may be aggregated.
   CEditedAudio* Direct(IEditedAudio* document) {
     const auto object = TryQuery<IDocumentObject>(document);
     CEditedAudio* const found = object ? object->Implementation() : nullptr;
@@ -432,7 +434,7 @@ class CEditedAudio final
 
   const std::shared_ptr<DocumentContent> content_ = std::make_shared<DocumentContent>();
 
-  // True while a change is open; the snapshot is the content at its beginning.
+  // True while a change is open. `snapshot_` is the content before the change.
   bool change_open_ = false;
   ComPtr<IEditedAudio> snapshot_;
 

@@ -18,22 +18,23 @@
 
 namespace marlinda {
 
-// From this many frames per column on, precomputed peaks replace samples.
+// From this many frames per column on, the overview is drawn from peaks instead of samples.
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// The maximum floats per read, so that memory does not grow with the piece. An overview as wide as
+// The most floats of one read, so that memory does not grow with the piece. An overview as wide as
 // a screen takes one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
-// A piece whose peaks have more floats (4 GiB) is not drawn: they do not fit in an array, and
-// reading them in blocks would take too long.
+// Without a summary, a piece whose peaks have more floats than this (4 GiB) is not drawn. They do
+// not fit in an array, and reading them in blocks would take too long.
 inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
-// From this many peaks per column on, a summary costs less than the peaks.
+// From this many peaks per column on, reading a summary costs less than reading the peaks.
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in one or more blocks. Returns false if a read fails.
-// read(first, array) fills the array from a record on, draw(first, floats) draws the result.
+// read(first, array) fills the array from record `first` on. draw(first, floats) draws these
+// records.
 template <class Read, class Draw>
 bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
                   ScratchCache& scratch_keeper, Read&& read, Draw&& draw) {
@@ -67,7 +68,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from a summary, which has one peak for each column. The result is the same.
+// Draws from a summary, which has one peak for each column. Draws the same as from all peaks.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);
@@ -109,9 +110,9 @@ inline bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size
       });
 }
 
-// `piece` is the range in the source, `columns` its width in pixel columns, `pairs` the columns
-// that lie in the host's array. The pairs stay unchanged if the source cannot be opened or read, or
-// lacks peaks that the width needs. A null source is silence.
+// `piece` is the range in the source, `columns` its width in pixel columns. `pairs` are the columns
+// that lie in the host's array. They stay unchanged if the source cannot be opened or read, or if
+// the width requires peaks and the source has none. A null source is silence.
 inline void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels,
                       __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {

@@ -17,17 +17,17 @@ inline constexpr std::int64_t kSampleBytes = sizeof(float);
 inline constexpr std::uint32_t kAllChannels = 0xFFFFFFFF;
 inline constexpr std::size_t kMaskBits = 32;
 
-// Bytes of 40 milliseconds of 32-bit float frames; 0 or less for invalid formats.
+// Returns the bytes of 40 milliseconds of 32-bit float frames, or 0 or less for an invalid format.
 inline std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t channels) noexcept {
   return channels * samples_per_sec * kSampleBytes / kBlocksPerSecond;
 }
 
-// Walks through a section block by block. A block has at least one frame, at every rate, so that a
-// walk ends. Without channels the walk is empty.
+// Walks through a section block by block. Each block has at least one frame, even at very low
+// rates, so that the walk ends. Without channels the walk is empty.
 class PlayCursor {
  public:
-  // A block ends within a frame if its bytes are no multiple of the frame size. Only its whole
-  // frames count then.
+  // If `block_bytes` is not a multiple of the frame size, each block ends within a frame. The
+  // position then advances by the block's whole frames only.
   PlayCursor(const CSection& section, bool looped, std::int64_t block_bytes,
              std::int64_t channels) noexcept
       : section_(section), looped_(looped), channels_(channels), position_(section.begin) {
@@ -40,8 +40,8 @@ class PlayCursor {
   // A looped section has an end only if it is empty or there are no channels.
   bool AtEnd() const noexcept { return channels_ <= 0 || position_ >= section_.end; }
 
-  // The frame at which the next block begins, and its number of samples: the samples of a full
-  // block, at most the rest of the section. Call only if not at the end.
+  // The first frame and the number of samples of the next block. The block is a full one or, at the
+  // end, the rest of the section. Call these methods only before the end.
   std::int64_t Position() const noexcept { return position_; }
   std::size_t Samples() const noexcept {
     const std::uint64_t left = FramesLeft();
@@ -53,7 +53,7 @@ class PlayCursor {
         last ? left * channels : block_samples_, std::numeric_limits<std::size_t>::max()));
   }
 
-  // Moves past the block. A looped section continues at its start after its end.
+  // Moves to the next block. After its end, a looped section continues at its start.
   void Advance() noexcept {
     const std::uint64_t step = std::min(FramesLeft(), block_frames_);
     position_ = WrappingAdd(position_, static_cast<std::int64_t>(step));
@@ -74,8 +74,8 @@ class PlayCursor {
   std::int64_t position_;
 };
 
-// Silences the channels whose bits are clear; bit i is channel i. Channels beyond the mask's 32
-// bits are heard only if all 32 bits are set.
+// Silences each channel i whose bit i is clear. Channels from 32 on are heard only if all 32 bits
+// are set.
 inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
                              std::uint32_t mask) noexcept {
   if (channels == 0) return;
@@ -88,8 +88,8 @@ inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
   }
 }
 
-// The frame that is heard after `played` frames of a repeated section. After the last frame the
-// first one follows, even if the section is not looped.
+// Returns the frame that is heard after `played` frames. After the last frame of the section, the
+// first frame follows, even if the section is not looped.
 inline std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept {
   const std::int64_t length = section.Length();
   // A section longer than the largest position is never played to its end.

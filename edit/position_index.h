@@ -1,6 +1,5 @@
-// PositionIndex: finds the part of a segment list that contains a position without walking the
-// list. The list is divided into blocks; the index holds a summary of each block and running
-// totals.
+// PositionIndex: finds the block of a segment list that contains a position without walking the
+// list. Holds a summary of each block and running totals.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +13,8 @@
 
 namespace marlinda {
 
-// While the sum of all lengths stays below this, no offset and no sum of two offsets overflows.
+// While the sum of all absolute lengths is below this, no offset and no sum of two offsets
+// overflows.
 inline constexpr std::uint64_t kMaxSafeLength = std::uint64_t{1} << 62;
 
 inline std::uint64_t AbsoluteLength(const CSection& segment) noexcept {
@@ -38,18 +38,18 @@ struct BlockSummary {
 
   std::size_t count = 0;
   std::int64_t length = 0;
-  // Bounds of all segments.
+  // The lowest start and the highest end of all segments.
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Sum of the absolute lengths, saturating: a bound on all offsets.
+  // Saturating sum of the absolute lengths, which is a bound on all offsets.
   std::uint64_t absolute_length = 0;
   // The shortest length: negative if a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// With backward segments the offsets are not sorted. The index holds the furthest end of the list
-// up to each block, which only grows. If lengths are so large that offsets could overflow, the
-// index excludes nothing, and the caller walks the whole list.
+// With backward segments the offsets are not sorted. So the index searches by the furthest end of
+// the list up to each block, which never decreases. If offsets could overflow, the index excludes
+// no block, and the caller walks the whole list.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {
@@ -72,7 +72,7 @@ class PositionIndex {
     const auto after = std::ranges::upper_bound(blocks_, ordinal, {}, &Block::ordinal);
     return static_cast<std::size_t>(after - blocks_.begin()) - 1;
   }
-  // No block before this one contains a segment that ends at `position` or later.
+  // Returns the first block that may contain a segment that ends at `position` or later.
   std::size_t FirstReaching(std::int64_t position) const noexcept {
     if (CanOverflow()) return 0;
     const auto found = std::ranges::lower_bound(blocks_, position, {}, &Block::furthest_end);
@@ -86,7 +86,7 @@ class PositionIndex {
            at.start + at.summary.highest_end > range.begin;
   }
   // True if every segment has at least `length` frames (0 or more) and no offset can overflow.
-  // Offsets then only grow along the list.
+  // Offsets then never decrease along the list.
   bool AllAtLeast(std::int64_t length) const noexcept {
     return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
   }
@@ -107,8 +107,8 @@ class PositionIndex {
     blocks_.back().summary.Add(segment);
     Total(blocks_.size() - 1);
   }
-  // Replaces `count` blocks by blocks with these summaries. Call Reserve first for the additional
-  // ones.
+  // Replaces `count` blocks by blocks with these summaries. If that makes more blocks, call Reserve
+  // first.
   void Replace(std::size_t first, std::size_t count,
                std::span<const BlockSummary> summaries) noexcept {
     const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(first);

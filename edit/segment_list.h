@@ -16,8 +16,8 @@
 
 namespace marlinda {
 
-// One entry of the list: a range of frames in the source's own numbering, not checked against its
-// length. A null source is silence.
+// One entry of the list: a range of frames of its source, not checked against the source's length.
+// A null source is silence.
 template <class Source>
 class CAudioSegment final : public CSection {
  public:
@@ -26,7 +26,7 @@ class CAudioSegment final : public CSection {
   CAudioSegment(const CAudioSegment&) = default;
   CAudioSegment(CAudioSegment&&) noexcept = default;
   CAudioSegment& operator=(const CAudioSegment&) = default;
-  // Avoids the handle's own move assignment: that of mingw's ComPtr adds a reference.
+  // Does not use the handle's own move assignment, because that of mingw's ComPtr adds a reference.
   CAudioSegment& operator=(CAudioSegment&& other) noexcept {
     if (this == &other) return *this;
     CSection::operator=(other);
@@ -38,13 +38,13 @@ class CAudioSegment final : public CSection {
   Source source;
 };
 
-// Segments lie in blocks of a bounded size: an insertion moves a few neighbours, and a look-up
-// walks one block, which the position index finds. All results equal those of a walk over the whole
-// list, even with empty and backward segments.
+// Segments lie in blocks of a bounded size. An insertion moves only segments of one block, and a
+// look-up walks only the block that the position index finds. All results equal those of a walk
+// over the whole list, even with empty and backward segments.
 //
-// `Source` is a handle whose copy holds a reference. The list copies and destroys no handle, so
-// that it can be changed under a lock: callers pass the handles and receive the removed ones. A
-// method that throws changes nothing.
+// `Source` is a handle whose copy holds a reference. The list copies and destroys no handle:
+// callers pass the handles and receive the removed ones. So a caller can change the list under a
+// lock. A method that throws changes nothing.
 template <class Source>
 class SegmentList {
  public:
@@ -62,8 +62,8 @@ class SegmentList {
     index_.Append(blocks_.back().back());
   }
 
-  // The segment that contains both ends of the range, so that inserting there or removing the range
-  // divides it in two. Null if there is none.
+  // Returns the segment that contains both ends of the range, or null. Removing the range, or
+  // inserting at an empty range, divides this segment in two.
   const Segment* DividedBy(const CSection& range) const noexcept {
     const Place first = FindPlace(range.begin);
     const Place last = FindPlace(range.end);
@@ -72,8 +72,9 @@ class SegmentList {
   }
 
   // Inserts segments before the frame at `position`. A segment around this frame is split there,
-  // even if nothing is inserted. Past the end they are appended without a gap. A negative position
-  // cuts the first segment before its start. `divided` is a copy of the divided segment's source.
+  // even if nothing is inserted. Past the end, segments are appended without a gap. A negative
+  // position cuts the first segment before its start. `divided` is a copy of the divided segment's
+  // source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
@@ -83,14 +84,14 @@ class SegmentList {
     if (!segments.empty()) Splice(place, segments);
   }
 
-  // True if no segment is empty or backward and no position can overflow: segments then lie one
+  // True if no segment is empty or backward and no position can overflow. Segments then lie one
   // after the other, as in most documents.
   bool AllHaveFrames() const noexcept { return index_.AllAtLeast(1); }
 
-  // Removes the frames in `range` and returns the segments that lie wholly in it. All segments must
-  // have frames; `range` must not begin before the list or run backward. A segment that contains an
-  // end of the range is split there, even if the range is empty. `divided` is a copy of the divided
-  // segment's source. Ends the iteration.
+  // Removes the frames in `range` and returns the segments that lie wholly in it. Call only if
+  // AllHaveFrames. `range` must not begin before frame 0 or run backward. A segment that contains
+  // an end of the range is split there, even if the range is empty. `divided` is a copy of the
+  // divided segment's source. Ends the iteration.
   Block Remove(const CSection& range, Source& divided) {
     Block removed;
     if (Count() == 0) return removed;
@@ -138,19 +139,19 @@ class SegmentList {
     return std::exchange(blocks_, {});
   }
 
-  // An upper bound on the number of pieces in `range`.
+  // Returns an upper bound on the number of pieces in `range`.
   std::size_t MaxPieces(const CSection& range) const noexcept {
     const std::size_t first = index_.FirstReaching(range.begin);
     const std::size_t last = index_.FirstReaching(range.end);
     return index_.AllAtLeast(0) && first <= last ? (last - first + 1) * kBlockSize : Count();
   }
 
-  // Calls take(source, piece) for each part of a segment in `range`, in order. `piece` is the part
-  // in its source, never empty or backward.
+  // Calls take(source, piece) for each part of a segment in `range`, in order. `piece` is the
+  // part's range in the source, never empty or backward.
   template <class Take>
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
-    // Without backward segments the pieces are adjacent, so the walk can stop after them.
+    // Without backward segments the pieces are adjacent, so the walk stops after the range.
     const bool in_order = index_.AllAtLeast(0);
     for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
       std::int64_t offset = index_.StartOf(block);
@@ -176,8 +177,8 @@ class SegmentList {
     }
   }
 
-  // The iteration has one cursor. The cursor stays on its segment when others are inserted around
-  // it. Past the last segment, Next returns null. The pointer is valid until the list changes.
+  // The list has one cursor. The cursor stays on its segment when segments are inserted around it.
+  // After the last segment, Next returns null. The pointer is valid until the list changes.
   const Segment* First() noexcept {
     cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
     return AtCursor();
@@ -190,8 +191,8 @@ class SegmentList {
  private:
   static constexpr std::size_t kBlockSize = 256;
 
-  // The place of an insertion: before `slot` of `block`. With a cut, the segment before that slot
-  // is divided at this position of its source.
+  // The place of an insertion: before `slot` of `block`. If `cut` is set, the segment before that
+  // slot is divided at position `cut` of its source.
   struct Place {
     std::size_t block = 0;
     std::size_t slot = 0;
@@ -239,7 +240,7 @@ class SegmentList {
     return {std::max(segment.begin, begin), std::min(segment.end, end)};
   }
 
-  // If appending the segment then fails, the empty block does no harm.
+  // If the caller then fails to append a segment, the empty block does no harm.
   void AddBlock() {
     index_.Reserve(1);
     Block block;
@@ -249,7 +250,8 @@ class SegmentList {
     index_.AddBlock();
   }
 
-  // Inserts at a place and makes its cut. Everything that can fail comes before the first change.
+  // Inserts the segments and shortens the segment that `place` cuts. Everything that can fail comes
+  // before the first change.
   void Splice(const Place& place, std::vector<Segment>& segments) {
     if (blocks_.empty()) AddBlock();
     const std::size_t total = blocks_[place.block].size() + segments.size();

@@ -16,7 +16,8 @@ class ColumnEnds {
  public:
   ColumnEnds(std::int64_t columns, std::int64_t count, std::int64_t column) noexcept
       : quotient_(count / columns), remainder_(count % columns), columns_(columns) {
-    // column * count = whole_ * columns + part_. The products wrap, but the difference fits.
+    // column * count = whole_ * columns + part_. The products may wrap, but their difference does
+    // not.
     const std::int64_t carried = Scale(column, remainder_, columns);
     const auto unsigned_column = static_cast<std::uint64_t>(column);
     whole_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(quotient_)) +
@@ -55,13 +56,13 @@ void FillColumns(std::span<float> pairs, float minimum, float maximum) noexcept 
   }
 }
 
-// More columns than frames: column c shows frame c * frames / columns.
+// Draws a piece with more columns than frames: column c shows frame c * frames / columns.
 void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                    std::int64_t frames, std::int64_t first,
                    std::span<const float> samples) noexcept {
   const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
   const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
-  // With its counts exchanged, FirstOfColumn returns the first column of a frame.
+  // With `columns` and `count` exchanged, FirstOfColumn returns the first column of a frame.
   for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
     const std::int64_t frame = Scale(column, frames, columns);
     if (frame >= end) return;
@@ -74,7 +75,8 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   }
 }
 
-// `own` holds the pairs of a column that has a left neighbour.
+// Starts a column from its left neighbour. `own` holds the column's pairs. The neighbour's pairs
+// precede them in memory.
 void LinkToLeft(std::span<float> own) noexcept {
   float* const pairs = own.data();
   const float* const left = pairs - own.size();
@@ -88,7 +90,7 @@ void LinkToLeft(std::span<float> own) noexcept {
 
 std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  // The usual case: a comparison costs less than the division below.
+  // In the usual case, this comparison avoids the division below.
   constexpr std::int64_t kSmall = std::int64_t{1} << 31;
   if (value <= kSmall && numerator <= kSmall) return value * numerator / denominator;
   if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;

@@ -1,5 +1,5 @@
-// A growable first-in-first-out ring of float samples with its own lock, between a producer and a
-// consumer with different block sizes.
+// A growable ring of float samples, first in, first out, with its own lock. The producer and the
+// consumer may use different block sizes.
 #pragma once
 
 #include <algorithm>
@@ -19,8 +19,8 @@ class CAudioQueue {
   CAudioQueue() : ring_(kGrowMinimum) {}
   virtual ~CAudioQueue() = default;
 
-  // Samples in the queue, read without the lock. Only the consumer lowers the count, so it never
-  // sees a value that is too high.
+  // Returns the number of queued samples without the lock. Only the consumer lowers the count, so
+  // the consumer never sees a value that is too high.
   std::size_t Count() const noexcept { return count_; }
 
   // The ring's size in samples, which is more than Count().
@@ -29,13 +29,13 @@ class CAudioQueue {
     return ring_.size();
   }
 
-  // Grows the ring to at least this size in one step, instead of growing it in many appends.
+  // Grows the ring at once to at least this size, so that later appends need not grow it.
   void Reserve(std::size_t capacity) {
     const std::lock_guard lock(mutex_);
     if (capacity > ring_.size()) MoveToRing(capacity);
   }
 
-  // Drops all samples and shrinks the ring to its first size, unless memory runs out.
+  // Drops all samples. Shrinks the ring to its first size unless memory runs out.
   void Clear() noexcept {
     const std::lock_guard lock(mutex_);
     read_index_ = 0;
@@ -47,7 +47,7 @@ class CAudioQueue {
     }
   }
 
-  // Appends the samples. If it throws std::bad_alloc, the queue is unchanged.
+  // Appends the samples. If Append throws std::bad_alloc, the queue is unchanged.
   void Append(std::span<const float> samples) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -61,10 +61,10 @@ class CAudioQueue {
     count_.store(count + samples.size(), std::memory_order_release);
   }
 
-  // Fills `destination` with the first samples, then with 0.0, and consumes the samples.
+  // Moves the first samples to `destination`. If there are too few, fills the rest with 0.0.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
-  // The same, but consumes `advance` samples: 0 only peeks.
+  // The same, but removes `advance` samples from the queue. With 0 all samples stay in the queue.
   void Read(std::span<float> destination, std::size_t advance) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -85,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // Accepts positions below two ring sizes. Cheaper than a division.
+  // Wraps a position below two ring sizes. The comparison costs less than a division.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

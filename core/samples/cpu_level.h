@@ -10,11 +10,11 @@ enum class CpuLevel { kScalar, kSse2, kAvx2 };
 // registers.
 CpuLevel HighestCpuLevel() noexcept;
 
-// The level in use: the highest unless limited.
+// The level in use: the highest unless LimitCpuLevel has lowered it.
 CpuLevel CurrentCpuLevel() noexcept;
 
-// For tests and benchmarks: kernels use no higher level from now on. A limit above the processor's
-// level has no effect.
+// For tests and benchmarks. From now on, kernels use no higher level than `limit`. The processor's
+// highest level, or any level above it, removes the limit.
 void LimitCpuLevel(CpuLevel limit) noexcept;
 
 }  // namespace marlinda

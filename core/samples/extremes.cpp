@@ -5,11 +5,12 @@
 namespace marlinda {
 namespace {
 
-// The kind of record. Its value is the distance from the lowest to the highest float of a record.
+// The kind of record. The value is the distance in floats from a channel's minimum to its maximum.
+// A sample is both, so its distance is 0.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
-  // Two comparisons rather than a minimum function, because they define the treatment of NaN.
+  // Uses comparisons instead of std::min and std::max, so that NaN replaces no value.
   void Add(float low, float high) noexcept {
     lowest = low < lowest ? low : lowest;
     highest = high > highest ? high : highest;
@@ -19,12 +20,12 @@ struct Extremes {
   float highest = kNoHighest;
 };
 
-// From this count on, Extend compares four stretches side by side.
+// From this record count on, Extend searches four parts in parallel.
 constexpr std::size_t kFewRecords = 24;
 
-// The reference, for one channel: `count` records, each `stride` floats after the previous one.
-// Each comparison waits for the previous one, so four stretches are compared side by side and
-// joined in order, with the same result.
+// The scalar form for one channel: `count` records, each `stride` floats after the previous one.
+// Each comparison of a search waits for the previous one, so four parts are searched in parallel.
+// Joining the parts in order gives the result of a single search.
 void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
             Kind kind) noexcept {
   const auto high = static_cast<std::size_t>(kind);
@@ -45,8 +46,8 @@ void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
   pair[1] = all.highest;
 }
 
-// The same for contiguous floats, four at a time. For NaN and equal numbers the instructions return
-// their second operand, which keeps the old value as Add does.
+// The extremes of four lanes of contiguous floats. For NaN and equal numbers the instructions
+// return their second operand, the old value, as Extremes::Add does.
 struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);
@@ -62,8 +63,8 @@ struct FourExtremes {
   __m128 highest = _mm_set1_ps(kNoHighest);
 };
 
-// Searches records of 1, 2 or 4 floats, at least four floats in all. Lane i of the result belongs
-// to float i modulo the record size.
+// Searches at least four floats in records of 1, 2 or 4 floats. Lane i of the result belongs to
+// float i modulo the record size.
 FourExtremes Search(std::span<const float> records) noexcept {
   const float* at = records.data();
   const float* const end = at + records.size();
@@ -78,7 +79,7 @@ FourExtremes Search(std::span<const float> records) noexcept {
     fourth.Add(at + 12);
   }
   for (; end - at >= 4; at += 4) first.Add(at);
-  // The last vector overlaps earlier floats, which changes nothing.
+  // Searches the last four floats, some of them again. Repeated floats change no extreme.
   if (at < end) first.Add(end - 4);
   first.Add(second);
   third.Add(fourth);
@@ -99,8 +100,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
   return _mm_movemask_epi8(found) != 0;
 }
 
-// Returns false and changes nothing for other records than Search takes, or if the order matters:
-// the first of zeros with both signs counts, and lanes do not record the order.
+// Returns false and changes nothing if Search cannot take the records, or if an extreme may be 0.0
+// or -0.0. The first of such zeros counts, and lanes do not record the order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

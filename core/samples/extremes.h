@@ -1,4 +1,4 @@
-// Extremes: the lowest and highest of many samples or peaks, for each channel.
+// Finds the lowest and highest value of samples or peaks, for each channel.
 #pragma once
 
 #include <cstddef>
@@ -7,16 +7,18 @@
 
 namespace marlinda {
 
-// Extremes are pairs (lowest, highest), one for each channel. These are the extremes of no samples.
+// The functions extend pairs (lowest, highest), one for each channel. A pair without any sample is
+// (kNoLowest, kNoHighest).
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both functions compare one value after the other and replace the lowest only by a smaller value,
-// the highest only by a greater one. So NaN is skipped, and of 0.0 and -0.0 the first stays.
+// Both functions compare one value after the other. Only a smaller value replaces the lowest, and
+// only a greater value replaces the highest. So NaN is skipped, and of 0.0 and -0.0 the first
+// stays.
 //
-// Extends by interleaved samples, whole frames.
+// Extends the pairs by whole frames of interleaved samples.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;
-// Extends by peaks, which are also one pair for each channel.
+// Extends the pairs by peaks. Each peak is one pair for each channel.
 void ExtendByPeaks(std::span<float> pairs, std::span<const float> peaks) noexcept;
 
 }  // namespace marlinda

@@ -1,5 +1,5 @@
-// IPeakSummary: returns the extremes of ranges of peaks without copying each peak. Private and
-// optional; not in a type library.
+// IPeakSummary: returns the extremes of ranges of peaks without copying each peak. A private
+// interface that a reader may lack. No type library describes it.
 #pragma once
 
 #include <marlinda.h>
@@ -10,12 +10,12 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("b8a0b9a5-3c3b-4f0f-8a38-6de1f4f9c2d7") IPeakSummary : public IUnknown {
-  // The first range begins at peak `first`; range i ends before peak ends[i], where the next range
-  // begins. Writes one pair (lowest, highest) per channel for each range. The result equals that of
-  // ReadPeaks and a comparison of one peak after the other.
+  // The first range begins at peak `first`. Range i ends before peak ends[i], where the next range
+  // begins. Extends one pair (lowest, highest) per channel for each range. The result equals that
+  // of ReadPeaks and ExtendByPeaks.
   //
-  // On failure, use ReadPeaks instead. Also fails if `peaks` is not this object's own interface: an
-  // outer object has then replaced it.
+  // If this method fails, use ReadPeaks instead. Fails if `peaks` is not this object's own
+  // interface, because an outer object has then replaced the interface.
   virtual HRESULT STDMETHODCALLTYPE SummarizePeaks(IPeakReader* peaks, std::size_t channels,
                                                    std::int64_t first,
                                                    std::span<const std::int64_t> ends,

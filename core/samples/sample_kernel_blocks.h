@@ -1,13 +1,13 @@
-// The loops of the vector forms of the converters. `kConvertBlock` lies in the unnamed namespace of
-// the including file, so each file has its own loop.
+// The loops of the vector forms of the converters. Each including file defines its `kConvertBlock`
+// in an unnamed namespace, so each file has its own loop.
 #pragma once
 
 #include "core/samples/sample_kernels.h"
 
 namespace marlinda {
 
-// `kConvertBlock` converts kBlock samples and accesses at most the memory of kReach samples. The
-// scalar form converts the rest.
+// `kConvertBlock` converts kBlock samples and accesses the memory of at most kReach samples. The
+// scalar form converts the samples after the last block.
 template <std::size_t kBytes, std::size_t kBlock, std::size_t kReach, auto kConvertBlock>
 void EncodeBlocks(const float* source, std::byte* out, std::size_t count) noexcept {
   for (; count >= kReach; count -= kBlock, source += kBlock, out += kBlock * kBytes) {

@@ -8,15 +8,15 @@
 namespace marlinda {
 namespace {
 
-// Truncates toward zero like the processor: NaN and values that do not fit become the integer
-// indefinite value. C++ leaves their conversion undefined, so this function defines it.
+// Truncates toward zero. NaN and values that do not fit become the most negative integer, as in the
+// processor's instruction. C++ leaves their conversion undefined.
 std::int32_t Truncate(double value) noexcept {
   constexpr double kLimit = 2147483648.0;
   if (!(value > -kLimit - 1.0 && value < kLimit)) return std::numeric_limits<std::int32_t>::min();
   return static_cast<std::int32_t>(value);
 }
 
-// Both comparisons are false for NaN, which passes through.
+// Returns NaN for NaN, because both comparisons are false.
 double Clamp(double value, double lowest, double highest) noexcept {
   if (value > highest) return highest;
   if (value < lowest) return lowest;
@@ -33,7 +33,7 @@ std::uint16_t ToPcm16(float sample) noexcept {
   return static_cast<std::uint16_t>(static_cast<std::uint32_t>(Truncate(value)) + 0x8000U);
 }
 
-// Full scale 1.0 becomes 2^31, which does not fit and wraps to the most negative code.
+// +1.0 becomes 2^31. This does not fit, so Truncate returns the most negative code.
 std::uint32_t ToPcm32(float sample) noexcept {
   return static_cast<std::uint32_t>(
       Truncate(Clamp(static_cast<double>(sample), -1.0, 1.0) * 2147483648.0));

@@ -16,9 +16,9 @@ struct SampleKernels {
   DecodeKernel decode[4];
 };
 
-// The reference.
+// The scalar form, which defines the results.
 extern const SampleKernels kScalarSampleKernels;
-// Bit-identical to the reference. They convert whole vectors; the scalar form converts the rest.
+// Give the same bits as the scalar form, which converts the samples after the last whole vector.
 extern const SampleKernels kSse2SampleKernels;
 extern const SampleKernels kAvx2SampleKernels;
 

@@ -1,5 +1,5 @@
-// The sample converters with AVX2 and FMA, in single precision. Compiled for AVX2; other files call
-// these functions only through the table.
+// The sample converters with AVX2 and FMA, in single precision. This file is compiled for AVX2, so
+// other files call its functions only through kAvx2SampleKernels.
 #include <immintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"
@@ -11,13 +11,13 @@ void Store(__m256i value, std::byte* out) noexcept {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), value);
 }
 
-// Sixteen rounded codes, limited to 16 bits.
+// Returns sixteen rounded codes, limited to 16 bits.
 //
-// t = sample * scale + 1/2 is rounded to a float, so floor(t) is the code, or one too many if the
-// rounding reached the next integer. The exact remainder, from one fused operation, is then
-// negative. Samples are first limited to 1.0, which gives the highest code. The minimum returns
-// NaN, its second operand. NaN and values far below -1.0 become the most negative integer, which
-// the saturating steps keep for either sign of the remainder.
+// floor(sample * scale + 1/2) is the code. If rounding the sum to a float reaches the next integer,
+// the floor is one too high. The exact remainder, from one fused operation, is then negative, and
+// the code is corrected by -1. Samples are first limited to 1.0, which gives the highest code. For
+// NaN the minimum returns its second operand, the NaN. NaN and values far below -1.0 become the
+// most negative integer. The saturating steps keep it for either sign of the remainder.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);
@@ -31,11 +31,11 @@ __m256i RoundSixteen(const float* source) noexcept {
   const __m256 b_rest = _mm256_fmadd_ps(b, scale, _mm256_sub_ps(half, b_floor));
   const __m256i codes =
       _mm256_packs_epi32(_mm256_cvttps_epi32(a_floor), _mm256_cvttps_epi32(b_floor));
-  // The sign of a float is the sign of its bits read as an integer, and packing preserves it.
+  // A float's bits, read as an integer, have the sign of the float. Packing preserves this sign.
   const __m256i rests =
       _mm256_packs_epi32(_mm256_castps_si256(a_rest), _mm256_castps_si256(b_rest));
   const __m256i corrected = _mm256_adds_epi16(codes, _mm256_srai_epi16(rests, 15));
-  // Packing treats each half separately, so the quarters are reordered.
+  // Packing works on each half of a register separately, so this reorders the quarters.
   return _mm256_permute4x64_epi64(corrected, 0xD8);
 }
 
@@ -54,7 +54,7 @@ __m256i Scale32(const float* source) noexcept {
   return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_loadu_ps(source), _mm256_set1_ps(2147483648.0F)));
 }
 
-// Writes eight bytes past the eight codes.
+// Writes 32 bytes, although the eight codes take 24.
 void EncodeBlock24(const float* source, std::byte* out) noexcept {
   const __m256i upper_bytes =
       _mm256_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1, 1, 2, 3, 5, 6, 7, 9,
@@ -69,9 +69,9 @@ void EncodeBlock32(const float* source, std::byte* out) noexcept {
   Store(Scale32(source + 8), out + 32);
 }
 
-// Eight codes divided by kDivisor, rounded to the nearest float. The reciprocal and one correction
-// with the exact remainder cost a fraction of a division. Exact for every code of 8 and 16 bits, as
-// the tests prove.
+// Divides eight codes by kDivisor and rounds to the nearest float. Multiplying by the reciprocal
+// and correcting once with the exact remainder costs less than a division. The tests prove the
+// result for every code of 8 and 16 bits.
 template <int kDivisor>
 void Divide(const __m256i& codes, float* destination) noexcept {
   const __m256 divisor = _mm256_set1_ps(kDivisor);
@@ -104,7 +104,7 @@ void FromCodes32(const __m256i& codes, float* destination) noexcept {
   _mm256_storeu_ps(destination, _mm256_mul_ps(_mm256_cvtepi32_ps(codes), scale));
 }
 
-// Reads four bytes past the eight codes.
+// Reads 28 bytes, although the eight codes take 24.
 void DecodeBlock24(const std::byte* in, float* destination) noexcept {
   const __m256i to_upper_bytes =
       _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0, 1, 2, -1, 3, 4,

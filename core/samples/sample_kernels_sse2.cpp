@@ -1,5 +1,5 @@
-// The sample converters with SSE2. Rounding to 8 and 16 bits needs double precision, like the
-// scalar form; everything else is exact in single precision.
+// The sample converters with SSE2. Codes of 8 and 16 bits are rounded in double precision, as in
+// the scalar form. Single precision is exact for all other conversions.
 #include <emmintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"
@@ -15,8 +15,8 @@ void Store(__m128i value, std::byte* out) noexcept {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out), value);
 }
 
-// Two codes from 0 to kHighest, 255 or 65535, in the lower half. For NaN the maximum returns its
-// second operand, 0.
+// Returns two codes from 0 to kHighest, which is 255 or 65535, in the lower half. For NaN the
+// maximum returns its second operand, 0.
 template <int kHighest>
 __m128i RoundTwo(__m128 samples) noexcept {
   const __m128d half = _mm_set1_pd(0.5);
@@ -54,10 +54,10 @@ __m128i Scale32(const float* source) noexcept {
   return _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(source), _mm_set1_ps(2147483648.0F)));
 }
 
-// Writes four bytes past the four codes.
+// Writes 16 bytes, although the four codes take 12.
 void EncodeBlock24(const float* source, std::byte* out) noexcept {
   const __m128i codes = _mm_srli_epi32(Scale32(source), 8);
-  // Packs six bytes in each half, then twelve contiguous bytes.
+  // Packs two codes into six bytes of each half, then joins the halves to twelve bytes.
   const __m128i even = _mm_and_si128(codes, _mm_set_epi32(0, -1, 0, -1));
   const __m128i pairs = _mm_or_si128(even, _mm_srli_epi64(_mm_xor_si128(codes, even), 8));
   const __m128i high = _mm_slli_si128(_mm_srli_si128(pairs, 8), 6);
@@ -66,7 +66,7 @@ void EncodeBlock24(const float* source, std::byte* out) noexcept {
 
 void EncodeBlock32(const float* source, std::byte* out) noexcept { Store(Scale32(source), out); }
 
-// Floats hold both integers exactly, so the division rounds once, with the reference's result.
+// A float holds code and divisor exactly, so the division rounds once, as the reference does.
 void Divide(__m128i codes, float divisor, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_div_ps(_mm_cvtepi32_ps(codes), _mm_set1_ps(divisor)));
 }
@@ -96,8 +96,8 @@ void FromCodes32(__m128i codes, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_mul_ps(_mm_cvtepi32_ps(codes), scale));
 }
 
-// Reads four bytes past the four codes. Each code is shifted into the upper three bytes of its
-// lane.
+// Reads 16 bytes, although the four codes take 12. Shifts each code into the upper three bytes of
+// its lane.
 void DecodeBlock24(const std::byte* in, float* destination) noexcept {
   const __m128i bytes = Load(in);
   const __m128i first = _mm_unpacklo_epi32(_mm_slli_si128(bytes, 1), _mm_srli_si128(bytes, 2));
