@@ -148,10 +148,9 @@ class CEditedAudio final
     return ComCall([&] { player_.StopScrub(); });
   }
 
-  // IEditedAudio
-  // The array holds floats although the type library declares shorts. Columns without a piece keep
-  // their values. Pieces are drawn side by side from the first column, even if the range begins
-  // before the document.
+  // IEditedAudio The array holds floats although the type library declares shorts. Columns that no
+  // piece covers keep their values. Pieces are drawn side by side from the first column on, even if
+  // the range begins before frame 0.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;

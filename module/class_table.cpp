@@ -4,7 +4,7 @@
 
 namespace marlinda {
 
-// Defined in the folder of each class with MARLINDA_DEFINE_CLASS.
+// MARLINDA_DEFINE_CLASS defines these functions beside each class.
 CreationFunction CreateCAudioConnector, CreateCAudioGrabber, CreateCAudioPlayback, CreateCAudioPool,
     CreateCAudioPoolReader, CreateCAudioScrubber, CreateCDShowExport, CreateCDShowImport,
     CreateCEditedAudio, CreateCFileFilterMgr, CreateCNullReader, CreateCOggImport,

@@ -35,10 +35,11 @@ class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    // Keeps the thread notifications, in which the runtime in this module frees thread data.
+    // Does not disable the thread notifications, because the runtime in this module frees thread
+    // data in them.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
-    // Skipped at process end, when the automation library may already be unloaded.
+    // Not called at process end, when the automation library may already be unloaded.
     marlinda::ReleaseTypeInfo();
   }
   return TRUE;

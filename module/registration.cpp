@@ -14,7 +14,7 @@
 namespace marlinda {
 namespace {
 
-// The automation library exports the per-user functions since Windows Vista, but few headers
+// The automation library has exported the per-user functions since Windows Vista, but few headers
 // declare them.
 template <class Function>
 Function PerUserFunction(const char* name) {
@@ -42,7 +42,7 @@ void UnregisterTypeLibrary(const Registration& registration) {
           : UnRegisterTypeLib;
   const HRESULT hr =
       unregister_library(LIBID_MarlindaLib, 1, 0, 0, is_64_bit ? SYS_WIN64 : SYS_WIN32);
-  // If nothing is registered, the function fails with various codes, which are ignored.
+  // If no type library is registered, the function fails with various codes, which are ignored.
   if (registration.HasKey(L"TypeLib\\" + ToText(LIBID_MarlindaLib) + L"\\1.0\\0\\" +
                           (is_64_bit ? L"win64" : L"win32"))) {
     Check(hr);

@@ -5,12 +5,12 @@
 
 namespace marlinda {
 
-// Both act for the whole machine, or for the current user when the environment variable
-// TESSALY_REGISTRATION is "user"; any other value than "machine" fails with E_INVALIDARG. They stop
-// at the first step that fails and return its HRESULT; earlier changes stay. Neither changes the
-// thread's locale.
+// Both functions act for the whole machine, or for the current user if the environment variable
+// TESSALY_REGISTRATION is "user". They fail with E_INVALIDARG if its value is neither "user" nor
+// "machine". They stop at the first step that fails and return its HRESULT. Earlier changes stay.
+// The thread's locale is restored.
 HRESULT RegisterModule() noexcept;
-// Succeeds also if nothing is registered.
+// Succeeds even if nothing is registered.
 HRESULT UnregisterModule() noexcept;
 
 }  // namespace marlinda

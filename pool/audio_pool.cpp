@@ -1,5 +1,6 @@
 // CAudioPool: the store for imported and recorded audio. Samples and peaks go to two temporary
-// files; each non-empty run from OpenDevice to CloseDevice is a take, to be read by a reader.
+// files. Each non-empty run from OpenDevice to CloseDevice is a take, which is read through a
+// reader.
 #include <marlinda.h>
 
 #include <atomic>
@@ -25,7 +26,7 @@ namespace {
 
 static_assert(RAND_MAX == 32767, "The dither is scaled for random numbers from 0 to 32767.");
 
-// The temporary directory in the user's settings, otherwise the system's.
+// Returns the temporary directory in the user's settings or, without a setting, the system's.
 std::string TemporaryDirectory() {
   char directory[MAX_PATH] = "";
   GetTempPathA(MAX_PATH, directory);
@@ -36,11 +37,11 @@ std::string TemporaryDirectory() {
 
 }  // namespace
 
-// One thread at a time writes. Meanwhile readers may read what has been written, each on one thread
-// at a time. QueryIsReady, Lock and Unlock may be called from any thread.
+// Only one thread at a time may write. Meanwhile readers may read the samples already written, each
+// reader on one thread at a time. Any thread may call QueryIsReady, Lock and Unlock.
 //
 // If a file cannot be created, its handle is 0 and its reads and writes fail. Without the sample
-// file, WriteAudio returns the error of the creation. Everything else works.
+// file, WriteAudio returns the error of the creation. All other methods work.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;
@@ -67,9 +68,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
   }
-  // Without a take the out-pointer stays unchanged. A reader gets the pool's current bit depth. The
-  // pool does not record the depth of a take, so a change of depth makes earlier takes unreadable.
-  // If the reader cannot be created, returns the failure and does not move the cursor.
+  // Without a take, both methods leave the out-pointer unchanged. The reader gets the pool's
+  // current bit depth. The pool does not record the bit depth of a take, so a changed bit depth
+  // makes earlier takes unreadable. If the reader cannot be created, the cursor does not move.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
     cursor_ = takes_.size();
@@ -90,8 +91,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
       return answer.CopyTo(ppAudioReader);
     });
   }
-  // Accepts any values. Audio can be written at 8 to 40 bits. A sample takes bits / 8 bytes in the
-  // file, rounded down, so only 8, 16, 24 and 32 to 39 bits can be read back.
+  // Accepts any values. Audio can be written at 8 to 40 bits. In the file a sample takes bits / 8
+  // bytes, rounded down, so only 8, 16, 24 and 32 to 39 bits can be read back.
   STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override {
     bits_per_sample_ = nBitsPerSample;
     dithering_mode_ = nDitheringMode;
@@ -99,12 +100,11 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return S_OK;
   }
 
-  // IAudioWriter
-  // Dithering changes the caller's samples. A block that ends within a frame is stored in full, and
-  // its peaks cover the whole frames. A refused block is unchanged, and nothing is written:
-  // E_INVALIDARG without channels, outside 8 to 40 bits, and for less than a frame;
-  // ERROR_NOT_SUPPORTED for dithering more than 8 channels. A failed write advances the positions
-  // and leaves a gap in the take. A failed write of peaks is not reported.
+  // IAudioWriter Dithering changes the caller's samples. A block that ends within a frame is stored
+  // in full, but its peaks cover only the whole frames. Fails with E_INVALIDARG without channels,
+  // outside 8 to 40 bits and for less than a frame, and with ERROR_NOT_SUPPORTED for dithering more
+  // than 8 channels. A refused block is not changed, and nothing is written. A failed write
+  // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -128,7 +128,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return S_OK;
   }
   STDMETHODIMP CloseDevice() override {
-    // The count is decremented last: a client that finds the pool ready also finds the take.
+    // Decrements the count last, so that a client that finds the pool ready also finds the take.
     const HRESULT hr = ComCall([&] {
       if (audio_position_ <= take_audio_begin_) return S_FALSE;
       takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
@@ -148,8 +148,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return SetOut(pbReady, open_count_ == 0 ? 1 : 0);
   }
 
-  // IPeakFile
-  // The next write begins at the peak position, so earlier peaks are settled.
+  // IPeakFile The next write begins at the peak position, so it leaves earlier peaks unchanged.
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override {
     if (file != peak_file_.handle()) return E_INVALIDARG;
     *end = peak_position_;
@@ -174,9 +173,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-  // The peak position follows from the audio position: the next block overwrites the record of an
-  // incomplete group, which ends the take until then. So the peaks stay aligned with the frames
-  // only if every block but the last is a multiple of 256 frames.
+  // Computes the peak position from the audio position, rounded down to whole groups of 256 frames.
+  // The next block overwrites the peaks of an incomplete last group. So the peaks stay aligned with
+  // the frames only if every block but the last is a multiple of 256 frames.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
     const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
@@ -197,8 +196,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // Counts the times that the peak position moved back, after which settled peaks are overwritten.
-  // A change of format or bit depth within a take can cause this.
+  // Number of times that the peak position moved back. Later blocks then overwrite settled peaks. A
+  // change of format or bit depth within a take can cause this.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;

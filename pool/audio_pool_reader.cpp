@@ -22,16 +22,16 @@
 namespace marlinda {
 namespace {
 
-// Handles have 32 significant bits, also in a 64-bit process.
+// Handles have 32 significant bits, even in a 64-bit process.
 HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(value)); }
 
 }  // namespace
 
-// Holds no audio: every read uses the pool's file handles. The lock serialises the calls on one
+// Holds no audio. Every read uses the pool's file handles. The lock serialises the reads of one
 // reader.
 //
-// Reads are not clipped to the region. They may reach neighbouring regions and fail with 0x80070026
-// at the end of the file. A read need not be whole frames. It fails with ERROR_NEGATIVE_SEEK if its
+// Reads are not clipped to the region: they may reach neighbouring regions. A read need not be
+// whole frames. It fails with 0x80070026 at the end of the file, with ERROR_NEGATIVE_SEEK if its
 // first byte would lie before the file, and with E_INVALIDARG for samples outside 8 to 40 bits.
 class CAudioPoolReader final
     : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
@@ -52,7 +52,7 @@ class CAudioPoolReader final
         region_ = {};
         peak_groups_.reset();
       }
-      // Without the lock, because destroying the old pool may take a while.
+      // Releases the old pool without the lock, because destroying a pool may take a while.
       pool.Reset();
 
       Region region = {nAudioByteOffset, nPeakByteOffset, nByteCount, nBitsPerSample};
@@ -81,9 +81,9 @@ class CAudioPoolReader final
     return SetOut(pnSamplesPerPeak, kFramesPerPeak);
   }
 
-  // IAudioReader
-  // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. Samples past
-  // the end of the file keep their values in a 32-bit region and are silence otherwise.
+  // IAudioReader Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file.
+  // Samples past the end of the file keep their values in a 32-bit region. In other regions they
+  // become silence.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
@@ -101,7 +101,7 @@ class CAudioPoolReader final
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, region_.samples_per_sec, pnChannels, region_.channels);
   }
-  // 0 if the frames of the format take no bytes (no channels, or fewer than 8 bits).
+  // Returns 0 if a frame takes no bytes, because there are no channels or fewer than 8 bits.
   STDMETHODIMP GetSampleCount(__int64* pnSamples) override {
     const std::int64_t frame = region_.BytesPerFrame();
     if (frame == 0) return SetOut(pnSamples, 0);
@@ -109,11 +109,11 @@ class CAudioPoolReader final
     return SetOut(pnSamples, frame == -1 ? SaturatingSubtract(0, region_.byte_count)
                                          : region_.byte_count / frame);
   }
-  // Both fail with ERROR_INVALID_HANDLE before Create.
+  // Both methods fail with ERROR_INVALID_HANDLE before Create.
   STDMETHODIMP OpenDevice() override { return pool_ ? pool_->Lock() : kNoFile; }
   STDMETHODIMP CloseDevice() override { return pool_ ? pool_->Unlock() : kNoFile; }
 
-  // IPeakSummary. Only for settled peaks.
+  // IPeakSummary. Fails if a peak is not settled.
   STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,
                               std::span<const std::int64_t> ends, std::span<float> pairs) override {
     return ComCall([&]() -> HRESULT {

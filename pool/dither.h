@@ -10,13 +10,13 @@
 
 namespace marlinda {
 
-// Dithers interleaved blocks. Errors carry over from block to block. A filter moves their noise to
-// where the ear is less sensitive.
+// Dithers interleaved blocks. Quantisation errors carry over from block to block. A filter moves
+// the noise of the errors to frequencies where the ear is less sensitive.
 class DitherState {
  public:
   static constexpr int kMaxChannels = kMaxShapedChannels;
 
-  // Modes. Any value not listed means noise shaping alone.
+  // Modes. Any other value means noise shaping alone.
   static constexpr int kOff = 0;
   static constexpr int kNoiseShaping = 1;
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
@@ -28,17 +28,17 @@ class DitherState {
 
   // Rounds the samples of all whole frames to codes of the target width. Does nothing in mode 0. An
   // incomplete last frame stays unchanged. `random` returns uniformly distributed numbers from 0 to
-  // 32767; mode 2 draws two for each sample, other modes none.
+  // 32767. Mode 2 calls it twice for each sample. The other modes do not call it.
   //
-  // A NaN or infinite sample stays unchanged and leaves no error, because its error would turn the
-  // rest of the channel into NaN.
+  // A NaN or infinite sample stays unchanged and leaves no error, because a NaN error would turn
+  // the rest of the channel into NaN.
   template <class Random>
   void Process(std::span<float> samples, Random random) {
     if (mode_ == kOff) return;
     assert(CanDither());
     const auto channels = static_cast<std::size_t>(channels_);
     const std::span<float> whole_frames = samples.first(samples.size() / channels * channels);
-    // The noise does not depend on the errors, so all of it can be added first.
+    // The noise does not depend on the errors, so all noise can be added first.
     if (mode_ == kTriangularNoise) {
       for (float& sample : whole_frames) {
         const int first = random();

@@ -8,7 +8,7 @@ namespace marlinda {
 
 inline constexpr std::size_t kMaxShapedChannels = 8;
 
-// The codes of one width.
+// The constants of one code width.
 struct ShapingSteps {
   double scale;       // highest code
   double offset;      // lowest code
@@ -23,11 +23,12 @@ struct ShapingErrors {
   float third;
 };
 
-// A three-tap filter over the errors moves their noise to where the ear is less sensitive.
+// A filter with these three taps moves the noise of the errors to frequencies where the ear is less
+// sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// Smaller errors cannot change any code and are dropped. Otherwise they would decay in silence to
-// denormals, which are slow.
+// Smaller errors cannot change any code and are dropped. In silence they would decay to denormals,
+// which slow the processor down.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
 // Rounds the samples to codes, frame by frame. `errors` has one entry per channel and carries over
@@ -35,10 +36,10 @@ inline constexpr float kSmallestShapedError = 0x1p-100F;
 using ShapingKernel = void (*)(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                                std::size_t frames, std::size_t channels);
 
-// The reference.
+// The scalar form, which defines the results.
 void ScalarShape(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                  std::size_t frames, std::size_t channels) noexcept;
-// Bit-identical to the reference, for widths of at most 24 bits.
+// Give the same bits as ScalarShape, for widths of at most 24 bits.
 void Sse2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
                std::size_t channels) noexcept;
 void Avx2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,

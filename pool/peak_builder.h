@@ -14,14 +14,16 @@ constexpr std::int64_t PeakBytes(int channels) noexcept {
   return channels * static_cast<std::int64_t>(2 * sizeof(float));
 }
 
-// Replaces `peaks` by the peaks of a block of interleaved samples in the layout of the peak file:
-// group after group, the pair (minimum, maximum) of each channel. F whole frames give F / 256 + 1
-// groups. The last group covers the remaining frames, or the last frame again if none remains, so a
-// reader always finds the newest peak. No frames give no peaks. `channels` is at least 1.
+// Replaces `peaks` by the peaks of a block of interleaved samples. The layout is that of the peak
+// file: group after group, the pair (minimum, maximum) of each channel. F whole frames give F / 256
+// + 1 groups. The last group covers the remaining frames. If none remains, it covers the last frame
+// again, so that a reader always finds the newest peak. No frames give no peaks. `channels` is at
+// least 1.
 //
-// The minimum starts at the largest finite float, and only a smaller sample replaces it; the
-// maximum starts at the lowest. So NaN never counts. A group of NaN alone keeps both start values
-// (minimum above maximum); a group of +infinity alone keeps the start value of its minimum.
+// The minimum starts at the largest finite float, and only a smaller sample replaces it. The
+// maximum starts at the lowest finite float, and only a greater sample replaces it. So NaN never
+// counts. A group with only NaN keeps both start values, with the minimum above the maximum. A
+// group with only +infinity keeps the start value of its minimum.
 void BuildPeaks(std::span<const float> samples, int channels, std::vector<float>& peaks);
 
 }  // namespace marlinda

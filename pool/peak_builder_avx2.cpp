@@ -1,4 +1,5 @@
-// Peaks of a group with AVX. Compiled for AVX2; call it only on a processor with AVX2.
+// Peaks of a group with AVX. This file is compiled for AVX2. Call its function only on a processor
+// with AVX2.
 #include <immintrin.h>
 
 #include "pool/peak_group.h"
@@ -8,8 +9,8 @@ namespace {
 
 constexpr std::size_t kLanes = 8;
 
-// For NaN and equal numbers the instructions return their second operand, as a comparison in order
-// keeps the old value. Only zeros of both signs differ.
+// For NaN and equal numbers the instructions return their second operand, the old value. The result
+// equals that of one comparison after the other, except for zeros of both signs.
 struct Extremes {
   void Add(const float* at) noexcept {
     const __m256 values = _mm256_loadu_ps(at);
@@ -29,7 +30,7 @@ struct Extremes {
 
 bool Avx2PeakGroup(const float* samples, std::size_t count, std::size_t channels,
                    float* pairs) noexcept {
-  // Four searches side by side, because each step waits for the previous one.
+  // Runs four searches in parallel, because each step of a search waits for the previous step.
   Extremes first;
   Extremes second;
   Extremes third;

@@ -21,9 +21,9 @@ inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 // Caches the extremes of every group of 64 peaks that was read, and the peaks of groups in which a
-// stretch begins or ends. Drawing the same overview again reads nothing; drawing another one reads
-// one group for each column. For 10 hours of stereo the groups take 1.5 MiB, twice as much while
-// the take grows. The cached peaks take at most 4 MiB.
+// stretch begins or ends. Drawing the same overview again reads nothing. Drawing a different
+// overview reads one group for each column. For 10 hours of stereo the extremes take 1.5 MiB, and
+// twice as much while the take grows. The cached peaks take at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
@@ -32,20 +32,20 @@ class PeakGroups {
   // `channels` is at least 1.
   explicit PeakGroups(std::size_t channels) noexcept : pair_floats_(2 * channels) {}
 
-  // Declares the peaks before this one final. If one changes nevertheless, start over with a new
-  // object.
+  // Declares all peaks before `peak` final. If one of them changes nevertheless, start over with a
+  // new object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
   // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). The first stretch
-  // begins at `first`; stretch i ends before peak ends[i], where the next one begins. Their peaks
-  // must be settled. Returns false as soon as a read fails; the pairs are then undefined.
+  // begins at peak `first`. Stretch i ends before peak ends[i], where the next stretch begins. All
+  // these peaks must be settled. Returns false if a read fails. The pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read) {
     if (!LearnGroups(first, ends, read)) return false;
     for (const std::int64_t end : ends) {
       const std::span<float> own = pairs.first(pair_floats_);
       pairs = pairs.subspan(pair_floats_);
-      // From left to right, because the first of two equal values counts.
+      // Extends from left to right, because of 0.0 and -0.0 the first counts.
       const std::int64_t first_group = (first + kGroup - 1) / kGroup;
       const std::int64_t last_group = end / kGroup;
       if (first_group > last_group) {
@@ -62,7 +62,7 @@ class PeakGroups {
   }
 
  private:
-  // Reads the groups that lie wholly in the stretches and are not cached yet.
+  // Reads the groups that lie wholly within the stretches and are not cached yet.
   bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read) {
     if (ends.empty()) return true;
     const std::int64_t last_group = ends.back() / kGroup;
@@ -102,7 +102,8 @@ class PeakGroups {
     }
     return true;
   }
-  // Extends the pairs by the peaks in a part of one group, which may be empty.
+  // Widens each pair to include the peaks of [begin, end), which lie in one group. The range may be
+  // empty.
   bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
                     const Read& read) {
     if (begin >= end) return true;
@@ -126,7 +127,8 @@ class PeakGroups {
                              .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
     return true;
   }
-  // Drops all cached peaks if there are too many. Overviews of one size need far fewer.
+  // Caches the peaks of a group. Drops all cached peaks first if there are too many. Overviews of
+  // one size need far fewer.
   void Keep(std::int64_t group, std::span<const float> peaks) {
     if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
     kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());

@@ -16,15 +16,15 @@
 
 namespace marlinda {
 
-// The system call counts bytes in 32 bits.
+// The most bytes per call, because ReadFile and WriteFile count bytes in 32 bits.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
 // Names to try before the creation fails.
 inline constexpr int kMaxNames = 10;
 
 // Moves the file pointer and holds the lock until the end of the scope, because all users of a
-// handle share the pointer. An offset in the read or write call needs no lock, but is forty times
-// slower under Wine.
+// handle share the pointer. Passing the offset to the read or write call would need no lock, but is
+// forty times slower under Wine.
 class Seek {
  public:
   Seek(HANDLE file, std::int64_t offset) noexcept
@@ -54,7 +54,7 @@ struct ReadResult {
 // before the start of the file fails with ERROR_NEGATIVE_SEEK.
 inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept {
   if (offset < 0) return {HRESULT_FROM_WIN32(ERROR_NEGATIVE_SEEK), 0};
-  // The range would end beyond the largest offset.
+  // No file reaches beyond the largest offset.
   const auto left = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max() - offset);
   if (bytes.size() > left) return {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), 0};
   const Seek seek(file, offset);
@@ -71,23 +71,24 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
   return {S_OK, count};
 }
 
-// A file that the system deletes when its handle is closed. Deleting it by name as well could hit a
-// new file of another program.
+// A file that the system deletes when its handle is closed. Nothing deletes it by name, because by
+// then another program may have created a file of the same name.
 class TemporaryFile {
  public:
-  // Creates a file with a new name, which only this handle can open. Write reports a failure.
+  // Creates a file with a new name and opens it exclusively. If this fails, Write returns the
+  // error.
   void Create(const std::string& directory, const char* prefix) noexcept {
-    // The system makes an empty file to reserve the name. Opening that file would truncate it, and
-    // some file systems write a truncated file to the disk when it is closed, although it is
-    // deleted then. So the empty file is deleted first. CREATE_NEW never opens a file that another
-    // program made under the name in between.
+    // GetTempFileNameA creates an empty file to reserve the name. Opening this file would truncate
+    // it. Some file systems write a truncated file to the disk on closing, even if closing deletes
+    // the file. So the empty file is deleted first. CREATE_NEW fails if another program has created
+    // a file of this name in between.
     if (GetFileAttributesA(directory.c_str()) == INVALID_FILE_ATTRIBUTES) {
       error_ = LastErrorResult();
       return;
     }
     for (int i = 0; i < kMaxNames && !handle_; ++i) {
       char name[MAX_PATH] = "";
-      // Wine returns a number even if it could not create the file. CreateFileA then fails.
+      // Wine returns a number even if it could not create the file. In this case CreateFileA fails.
       if (GetTempFileNameA(directory.c_str(), prefix, 0, name) != 0) {
         DeleteFileA(name);
         handle_.Reset(CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
@@ -97,7 +98,7 @@ class TemporaryFile {
     }
   }
 
-  // Null if the file could not be created.
+  // Returns null if the file could not be created.
   HANDLE handle() const noexcept { return handle_ ? handle_.get() : nullptr; }
 
   // Writes all of `bytes` at `offset`. Fails with the error of Create if there is no file. A failed

@@ -21,8 +21,8 @@ constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 // codes need, and 40 bits take more.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
-// base + unit * count, the offset of an item in a file. Returns the largest or smallest number if
-// the sum does not fit in 64 bits. A unit below 1 counts as 0.
+// Returns base + unit * count, the offset of an item in a file. Saturates if the sum does not fit
+// in 64 bits. A unit below 1 counts as 0.
 constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
                                   std::int64_t count) noexcept {
   constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
@@ -34,12 +34,12 @@ constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
   return base + unit * count;
 }
 
-// Converts blocks between samples and their stored bytes, at storable widths. Reuses its buffer: a
-// fresh large allocation costs more than the conversion.
+// Converts blocks between samples and their stored bytes, at storable widths. Reuses its buffer,
+// because allocating a large buffer costs more than the conversion.
 class StoredSamples {
  public:
-  // Returns the bytes to store. At 32 bits they are the samples themselves, otherwise the buffer,
-  // valid until the next call.
+  // Returns the bytes to store. At 32 bits these are the samples themselves. At other widths they
+  // lie in the buffer and are valid until the next call.
   std::span<const std::byte> Encode(std::span<const float> samples, int bits) {
     if (bits == 32) return std::as_bytes(samples);
     const std::span<std::byte> stored = Prepare(samples.size(), bits);

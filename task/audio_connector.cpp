@@ -12,7 +12,7 @@
 
 namespace marlinda {
 
-// A reader or an import filter at one end, an export filter at the other.
+// A reader or an import filter as the source, and an export filter.
 struct Filters {
   ComPtr<IAudioReader> reader;
   ComPtr<IImportFilter> import_filter;
@@ -50,27 +50,27 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 
 }  // namespace
 
-// The writer of the import filter and the reader of the export filter, with a bounded queue between
-// them. Converts with the external format converter if the formats differ. As a task, it runs the
+// The connector is the import filter's writer and the export filter's reader, with a bounded queue
+// between them. It uses the external format converter if the formats differ. As a task, it runs the
 // tasks of both filters.
 //
-// The connector and its filters hold each other. Cancel releases the filters, and so does a poll of
-// QueryIsTaskRunning that finds the export ended. Call one of the two: until then, an import that
-// waits for room keeps waiting.
+// The connector and its filters hold each other. Cancel releases the filters. So does
+// QueryIsTaskRunning once it finds that the export has ended. Call one of these methods: until
+// then, an import that waits for room keeps waiting.
 //
 // Only the host's thread calls the filters and counts their references. The export's thread calls
-// ReadAudio, GetFormat and GetSampleCount, the import's thread WriteAudio and QueryIsReady. These
-// methods use no filter but the source reader. GetSampleCount reports the length that was read
-// before Start.
+// ReadAudio, GetFormat and GetSampleCount. The import's thread calls WriteAudio and QueryIsReady.
+// These methods use no filter but the source reader. GetSampleCount reports the length that was
+// read before Start.
 class CAudioConnector final
     : public Object<CAudioConnector, IAudioConnector, ICoreTask, IAudioReader, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioConnector;
 
-  // IAudioConnector. A failure (E_POINTER, E_NOINTERFACE, E_INVALIDARG for this object as its own
-  // reader) leaves the earlier set-up unchanged. A new set-up cancels the running tasks of the
-  // earlier one and drops its queued samples. A target whose rate or channel count is not positive
-  // creates no converter.
+  // IAudioConnector. A set-up that fails changes nothing. It returns E_POINTER, E_NOINTERFACE or,
+  // if the connector is its own reader, E_INVALIDARG. A new set-up cancels the running tasks of the
+  // earlier one and drops its queued samples. If the target's rate or channel count is not
+  // positive, the connector does not convert.
   STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override {
     if (punkImportFilter == nullptr || punkExportFilter == nullptr) return E_POINTER;
@@ -96,8 +96,8 @@ class CAudioConnector final
   }
 
   // ICoreTask. Start and Cancel do their work and return E_NOTIMPL; ignore the result. Start starts
-  // the export, then the import, and ignores their results. Cancel cancels the export, which leaves
-  // a valid file, then the import.
+  // the export, then the import, and ignores their results. Cancel cancels the export first, whose
+  // file stays valid, and then the import.
   STDMETHODIMP Start() override {
     ComCall([&] {
       LearnSource();
@@ -120,7 +120,7 @@ class CAudioConnector final
         // delivers.
         job->queue().LimitTimeouts(1);
         ended.export_task->Cancel();
-        // Releases the export first, because a client may be waiting for its file.
+        // Releases the export before the import ends, because a client may be waiting for the file.
         ended.export_filter.Reset();
         ended.export_task.Reset();
       }
@@ -149,7 +149,7 @@ class CAudioConnector final
       return hr;
     });
   }
-  // The progress of the export task. 1.0 without one.
+  // Returns the progress of the export task, or 1.0 without an export task.
   STDMETHODIMP GetProgress(FLOAT* pfProgress) override {
     return ComCall([&] {
       const Filters filters = CopyFilters();
@@ -158,14 +158,14 @@ class CAudioConnector final
                  : SetOut(pfProgress, 1.0F);
     });
   }
-  // An empty string.
+  // Returns an empty string.
   STDMETHODIMP GetName(BSTR* pbstrName) override {
     if (pbstrName == nullptr) return E_POINTER;
     *pbstrName = SysAllocString(L"");
     return *pbstrName != nullptr ? S_OK : E_OUTOFMEMORY;
   }
 
-  // IAudioReader. Reads are sequential: the position is ignored.
+  // IAudioReader. ReadAudio ignores the position, because reads are sequential.
   STDMETHODIMP ReadAudio(__int64, SAFEARRAY* psaAudioData) override {
     return ComCall([&] { return job()->Read(psaAudioData); });
   }
@@ -187,7 +187,7 @@ class CAudioConnector final
     });
   }
 
-  // IAudioWriter. SetFormat is ignored: the import filter reports the source's format.
+  // IAudioWriter. SetFormat does nothing, because the import filter reports the source's format.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] { return job()->Write(psaAudioData); });
   }
@@ -268,7 +268,7 @@ class CAudioConnector final
   Filters filters_;
   std::shared_ptr<SourceFeed> job_ = std::make_shared<SourceFeed>();
   bool started_ = false;
-  // As last read from the source.
+  // The values last read from the source.
   LONG source_rate_ = 0;
   __int64 source_frames_ = 0;
   HRESULT frames_result_ = S_OK;

@@ -13,11 +13,12 @@
 
 namespace marlinda {
 
-// One writer and one reader. The other calls come from any thread.
+// Serves one writer and one reader. Any thread may call the other methods.
 //
-// A side is woken only when its wait is over: a wake-up for each packet costs more than the packet.
-// The waiting side sets `writer_waits_` or `wanted_` under the lock before it tests the queue. The
-// other side reads them under the lock after it has changed the queue, so no wake-up is lost.
+// Wakes a thread only when its wait is over, because a wake-up for each packet costs more than the
+// packet. The waiting thread sets `writer_waits_` or `wanted_` under the lock before it tests the
+// queue. The other thread reads these members under the lock after it has changed the queue, so no
+// wake-up is lost.
 class PacedQueue {
  public:
   // The writer waits while the queue holds more samples than this. Testing and appending are two
@@ -47,8 +48,8 @@ class PacedQueue {
   void Put(std::span<const float> samples) {
     const std::size_t needed = queue_.Count() + samples.size() + 1;
     const std::size_t capacity = queue_.Capacity();
-    // The ring grows only by the appended size. Doubling it, up to the limit of the queue, saves
-    // thousands of copies while the queue fills.
+    // Append alone would grow the ring only by the appended size. Doubling the ring, up to the
+    // limit of the queue, saves thousands of copies while the queue fills.
     if (needed > capacity) {
       queue_.Reserve(std::max(needed, std::min(2 * capacity, kMaxQueued + samples.size() + 1)));
     }
@@ -59,7 +60,7 @@ class PacedQueue {
   }
 
   // Reader: waits until the queue holds `wanted` samples. Adds the rounds in which nothing arrived
-  // to `timeouts`. Returns false if samples are missing after too many of them or an interruption.
+  // to `timeouts`. Returns false if samples are missing after too many timeouts or an interruption.
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
     std::unique_lock lock(mutex_);
     const auto is_over = [&] { return interrupted_ || queue_.Count() >= wanted; };
@@ -78,19 +79,19 @@ class PacedQueue {
     if (writer_waits_ && queue_.Count() <= kMaxQueued) room_.notify_one();
   }
 
-  // Makes the reader give up after this many timeouts, until Reset.
+  // Until Reset, the reader gives up after this many timeouts.
   void LimitTimeouts(int max_timeouts) {
     const std::lock_guard lock(mutex_);
     max_timeouts_ = max_timeouts;
   }
-  // Wakes both sides and ends their waits, until Reset. Queued samples stay readable.
+  // Wakes both threads. Until Reset, neither thread waits. Queued samples stay readable.
   void Interrupt() {
     const std::lock_guard lock(mutex_);
     interrupted_ = true;
     room_.notify_all();
     samples_.notify_all();
   }
-  // Drops all samples, frees their memory and lets both sides wait again.
+  // Drops all samples, frees their memory and lets both threads wait again.
   void Reset() {
     const std::lock_guard lock(mutex_);
     queue_.Clear();
@@ -107,7 +108,7 @@ class PacedQueue {
   int max_timeouts_ = pace_.max_timeouts;
   bool interrupted_ = false;
   bool writer_waits_ = false;
-  std::size_t wanted_ = 0;  // samples the reader waits for
+  std::size_t wanted_ = 0;  // samples that the reader waits for
   bool has_put_ = false;    // since the reader's round began
 };
 

@@ -31,7 +31,8 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Give up flushing a converter after this many blocks of silence. It holds back fewer frames.
+// Give up flushing a converter after this many blocks of silence. A converter holds back fewer
+// frames.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -51,8 +52,8 @@ inline ComPtr<IFormatConverter> CreateConverter(const StreamFormat& source,
   return converter;
 }
 
-// Shared by the host's thread and the threads of the two filters. It holds no reference to a
-// filter: filters belong to the host's apartment, and their reference counts may not be
+// Shared by the host's thread and the threads of the two filters. Holds no reference to a filter,
+// because filters belong to the host's apartment and their reference counts might not be
 // thread-safe.
 class SourceFeed {
  public:
@@ -81,21 +82,22 @@ class SourceFeed {
   }
   // Host: sets whether the import task ran at the last poll.
   void SetImportRuns(bool runs) noexcept { import_runs_ = runs; }
-  // Host: waits for the current read of the reader to end and prevents further ones.
+  // Host: waits for the current read of the reader to end and prevents further reads.
   void DetachReader() {
     const std::lock_guard lock(mutex_);
     reader_ = nullptr;
   }
 
-  // Export's thread. Returns S_FALSE and fills the rest with 0.0 if the source has stopped
-  // delivering.
+  // Export's thread. If the source has stopped delivering, fills the rest with 0.0 and returns
+  // S_FALSE.
   HRESULT Read(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);
     if (FAILED(hr)) return hr;
     std::span<float> rest = view.samples();
     int timeouts = 0;
-    // Reads in pieces: the writer stops before the queue holds enough for a very large read.
+    // Reads in pieces, because the writer stops before the queue holds enough for a very large
+    // read.
     while (!rest.empty()) {
       const std::span<float> piece = rest.first(std::min(rest.size(), PacedQueue::kMaxQueued));
       rest = rest.subspan(piece.size());
@@ -121,7 +123,8 @@ class SourceFeed {
   }
 
  private:
-  // Both fill the queue up to `wanted` samples. They return false if the source delivers fewer.
+  // Both methods fill the queue up to `wanted` samples. They return false if the source delivers
+  // fewer.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {
@@ -138,7 +141,8 @@ class SourceFeed {
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
     if (complete || import_runs_) return complete;
-    // The import ended before its reported length: flush the last frames out of the converter.
+    // The import has ended before its reported length. Flushes the last frames out of the
+    // converter.
     const std::lock_guard lock(mutex_);
     PushSilence();
     return false;
@@ -156,7 +160,8 @@ class SourceFeed {
     Push(array, block_->samples());
   }
   // A converter mixes neighbouring frames. Samples beyond the end of the source, such as the next
-  // take of a pool, must not be heard in its last frames. Other samples pass unchanged.
+  // take of a pool, must not be heard in the last frames of the source. Does nothing without a
+  // converter.
   void SilenceBeyondEnd(std::span<float> samples, __int64 first_frame) const {
     if (!converter_ || source_frames_ <= 0) return;
     const __int64 left = std::clamp<__int64>(source_frames_ - first_frame, 0, kFramesPerPull);
@@ -183,8 +188,8 @@ class SourceFeed {
     queue_.Put(view.samples());
     samples_out_ += static_cast<__int64>(view.samples().size());
   }
-  // Flushes the last frames out of the converter. Returns false without a converter, and once it
-  // has received enough silence.
+  // Passes a block of silence to the converter to flush its last frames. Returns false without a
+  // converter or after kMaxSilentBlocks blocks.
   bool PushSilence() {
     if (!converter_ || silent_blocks_ == kMaxSilentBlocks) return false;
     ++silent_blocks_;
@@ -194,7 +199,7 @@ class SourceFeed {
   }
 
   const StreamFormat target_{};
-  const bool pulls_ = false;  // reads from a reader
+  const bool pulls_ = false;  // true for a reader, false for an import filter
   PacedQueue queue_;
   std::atomic<bool> import_runs_ = true;
   std::atomic<bool> gave_up_ = false;  // the last read got too few samples
