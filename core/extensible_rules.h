@@ -24,8 +24,7 @@ constexpr std::uint32_t ChannelMask(int channels, bool mono_as_stereo_mask) noex
   }
 }
 
-// Returns the identifier {0000000t-0000-0010-8000-00AA00389B71}. t is the plain format tag: 1 for
-// PCM, 3 for floats.
+// Returns {0000000t-0000-0010-8000-00AA00389B71}. t is the format tag: 1 for PCM, 3 for floats.
 constexpr std::array<std::uint8_t, 16> SubFormatBytes(bool is_float) noexcept {
   const std::uint8_t tag = is_float ? 3 : 1;
   return {tag,  0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,

@@ -54,8 +54,9 @@ struct TaskJob {
 template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
-  // ICoreTask Returns when the worker has ended. A Cancel before Start also cancels the task that
-  // Start runs later.
+  // ICoreTask
+  // Returns when the worker has ended. A Cancel before Start also cancels the task that Start runs
+  // later.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);
@@ -64,8 +65,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // Fails with E_FAIL unless the total length is positive. If the worker ended early, the progress
-  // stays below 1.0.
+  // Fails with E_FAIL unless the length is positive. Stays below 1.0 if the worker ended early.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

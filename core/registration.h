@@ -40,8 +40,7 @@ class Registration {
   // Writes the content of script `id`, with the replacements of class `of` if given. Other keys and
   // values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
-  // Removes the content of script `id`, last line first. Keeps a key that has other values or
-  // subkeys.
+  // Removes the content of script `id`, last line first. Keeps keys with other values or subkeys.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;
 
   // Apply the script IDR_CLASS_REGISTRATION to each of `classes`.

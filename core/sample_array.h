@@ -12,8 +12,8 @@
 
 namespace marlinda {
 
-// Locks a caller's array during its lifetime and gives access to all samples, whatever the array's
-// lower bound.
+// Locks a caller's array during its lifetime and gives access to all samples. Ignores the lower
+// bound.
 class SampleArrayView {
  public:
   SampleArrayView() noexcept = default;

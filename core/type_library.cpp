@@ -72,8 +72,7 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // Reads the description of the vtable. It lists results as parameters and omits the methods of
-  // IDispatch.
+  // Reads the vtable's description. It lists results as parameters and omits IDispatch's methods.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));

@@ -30,8 +30,7 @@ using MethodTable = std::vector<Method>;
 // Returns the type information of an interface or a class.
 HRESULT FindTypeInfo(REFGUID guid, ITypeInfo** info) noexcept;
 
-// Returns the methods of the dual interface `iid`. The table is valid until ReleaseTypeInfo. Throws
-// HResultError.
+// Returns the methods of dual interface `iid`, valid until ReleaseTypeInfo. Throws HResultError.
 const MethodTable& MethodsOf(REFIID iid);
 
 // Releases all type information. Call it when the module is unloaded and no object exists.

@@ -26,8 +26,7 @@ class WorkerThread {
   ~WorkerThread();
 
   // Runs the body on a new thread. Returns E_FAIL while an earlier thread runs, and the system's
-  // HRESULT if no thread could be created. An exception of the body ends the thread and is not
-  // reported.
+  // HRESULT if no thread could be created. An exception ends the thread and is not reported.
   template <class Body>
   HRESULT Start(Body body) noexcept {
     // ComCall catches the exception if memory for the std::function runs out.

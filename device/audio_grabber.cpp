@@ -44,8 +44,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     const std::lock_guard lock(mutex_);
     format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
     buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
-    // A buffer holds whole frames. Otherwise each buffer would lose a part of a frame and shift all
-    // later samples.
+    // Buffers hold whole frames: a part of a frame at the end of a buffer would shift later
+    // samples.
     if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
     return S_OK;
   }
@@ -131,8 +131,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         : format(wanted),
           samples(std::move(target)),
           floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-          // At widths that are not multiples of 8, a PCM sample takes more bytes than the block
-          // align counts.
+          // If the width is no multiple of 8, a PCM sample takes more than the block align.
           buffers(kBufferCount,
                   Buffer(std::max<std::size_t>(
                       bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
@@ -210,8 +209,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
     }
 
-    // Runs on a device thread. Only counts and signals, because a wave-in call from here can
-    // deadlock.
+    // Runs on a device thread. Only counts and signals: a wave-in call from here can deadlock.
     static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
       if (message != WIM_DATA) return;
       auto* const self = reinterpret_cast<Job*>(job);
@@ -244,8 +242,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       const std::lock_guard lock(mutex_);
       job.swap(job_);
     }
-    // A driver that refuses to close the device may still use the buffers and the event, so the job
-    // is leaked.
+    // A driver that refuses to close may still use buffers and event, so the job is leaked.
     if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
   }
 

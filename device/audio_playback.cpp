@@ -28,11 +28,10 @@
 namespace marlinda {
 namespace {
 
-// The worker probes the device if no buffer completes for this time plus the duration of the next
-// buffer.
+// The worker probes the device if no buffer completes for this time plus the next buffer's
+// duration.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
-// The longest time that GetPlaybackPos waits for a device call of another thread. A working device
-// takes much less.
+// How long GetPlaybackPos waits for a device call of another thread. A working device takes less.
 constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
 // Runs on a device thread. Only signals, because a wave-out call from here can deadlock.
@@ -43,8 +42,7 @@ void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWOR
 // One block of samples as a device buffer.
 class CAudioOutBuffer {
  public:
-  // Throws E_INVALIDARG if the block is too large for a device buffer. Omits an incomplete last
-  // frame.
+  // Throws E_INVALIDARG if the block exceeds a device buffer. Omits an incomplete last frame.
   CAudioOutBuffer(std::span<const float> samples, const WAVEFORMATEX& format)
       : peaks(format.nChannels) {
     const std::size_t frames = samples.size() / format.nChannels;
@@ -53,8 +51,7 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // At widths that are not multiples of 8, a PCM sample takes more bytes than the block align
-    // counts.
+    // If the width is no multiple of 8, a PCM sample takes more than the block align.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
@@ -195,8 +192,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       if (!job->Open(device_id)) return E_FAIL;
       worker_.emplace();
       const HRESULT hr = worker_->Start([job] {
-        // A driver that refuses to close the device may still use the buffers and the event, so the
-        // job is leaked.
+        // A driver that refuses to close may still use buffers and event, so the job is leaked.
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
@@ -273,8 +269,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         queued_bytes += block.front().size();
         pending.splice(pending.end(), block);
       }
-      // The device may have played the block before it was in `pending`, so the worker must look
-      // again.
+      // The device may already have played the block, so the worker must look at it.
       SetEvent(event.get());
       return S_OK;
     }
@@ -313,8 +308,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     }
 
     // The worker's loop. Frees played buffers, resets the device after Break and probes a stalled
-    // device, until the device is closed or lost. Returns false if the driver refuses to close the
-    // device.
+    // device, until the device is closed or lost. Returns false if the driver refuses to close.
     bool Run() noexcept {
       for (bool alive = true; alive && IsOpen();) {
         const bool stalled = WaitForSingleObject(event.get(), MilliSecsToProbe()) == WAIT_TIMEOUT;
@@ -364,8 +358,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return pending.empty();
     }
 
-    // True if all blocks have been played, and after Break. Copies the levels of the last played
-    // block to `levels`.
+    // True if all blocks have been played, and after Break. Updates `levels`.
     bool IsReady() noexcept {
       const std::lock_guard lock(mutex);
       levels = played_levels;
@@ -413,8 +406,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     // Held by WriteAudio from the start of its wait to the end of its write.
     std::mutex write_mutex;
 
-    // Held during every device call, which can stall with the driver or its sound service. Lock it
-    // before `mutex`.
+    // Held during every device call. The driver can stall such a call. Lock it before `mutex`.
     std::timed_mutex device_mutex;
     HWAVEOUT device = nullptr;
     std::atomic<std::uint32_t> position{0};

@@ -21,11 +21,10 @@ namespace marlinda {
 namespace {
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// Stop calls Break after this time. A working playback object with a buffer of 100 ms blocks its
-// writer for less.
+// Stop calls Break after this time. A working playback object with 100 ms of buffer blocks for
+// less.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// The time that WriteAudio should wait in each pass. This reserve prevents a dropout if the thread
-// is late.
+// The time that WriteAudio should wait in each pass, a reserve against dropouts by a late thread.
 constexpr double kWriterMilliSecs = 10;
 // Several minutes of audio. Computing the window of a longer block would take long.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
@@ -36,7 +35,7 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 // writer lets it and ignores the results. The scrubber holds the writer until the next Start or the
 // last release. If WriteAudio of a playback object still blocks after a second, Stop calls Break.
 //
-// Start fails with E_FAIL while the scrubber runs. It fails with E_INVALIDARG for a negative block
+// Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
 // length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does
 // nothing. WriteBlock fails with E_FAIL unless the scrubber runs, and with E_INVALIDARG for a short
 // block.
@@ -61,8 +60,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // The thread waits for this lock until `job_` is set, because the writer may call this
-      // object.
+      // The thread waits for this lock until `job_` is set: the writer may call this object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -127,8 +125,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     }
 
     void Run() {
-      // Computes the window on this thread, because in Start it would take longer than starting the
-      // thread.
+      // Computes the window here, because in Start it would delay the caller.
       OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
       while (!stop) {
         if (delay > 0) Sleep(delay);

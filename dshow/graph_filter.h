@@ -32,14 +32,13 @@ struct FreeMediaType {
 // Owns a media type that came from a filter.
 using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
-// An audio media type with a wave format. The constructor also copies the cbSize bytes after
-// `format`.
+// An audio media type with a wave format. The constructor copies the cbSize bytes after `format`
+// too.
 class AudioType {
  public:
   AudioType() noexcept = default;
   explicit AudioType(const WAVEFORMATEX& format);
-  // Copies the type. The copy is empty if the type is not audio in a wave format. Adds a missing
-  // cbSize field.
+  // Copies the type. Empty if the type is not audio in a wave format. Adds a missing cbSize field.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
@@ -56,12 +55,10 @@ class AudioType {
   std::vector<BYTE> format_;
 };
 
-// Returns a copy of the type in new memory, which the caller frees. Leaves `out` unchanged on
-// failure.
+// Returns a new copy of the type, which the caller frees. Leaves `out` unchanged on failure.
 HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
 
-// The base of input and output pins. A pin belongs to its filter and uses the filter's reference
-// count.
+// The base of input and output pins. A pin belongs to its filter and uses its reference count.
 class GraphPin : public IPin {
  public:
   bool IsConnected() const noexcept { return peer_ != nullptr; }
@@ -98,8 +95,7 @@ class GraphPin : public IPin {
   virtual std::vector<AudioType> Types() const { return {}; }
   // Returns the interface that this kind of pin has besides IPin, or null for any other identifier.
   virtual IUnknown* Extra(REFIID) noexcept { return nullptr; }
-  // Allocates the buffers when the filter starts (true) and frees them when the filter stops
-  // (false).
+  // Allocates the buffers (true) or frees them (false) when the filter starts or stops.
   virtual HRESULT Commit(bool) { return S_OK; }
 
   GraphFilter& filter_;

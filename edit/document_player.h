@@ -36,8 +36,7 @@ class DocumentPlayer {
     CreateInstance(CLSID_CAudioPlayback, playback_);
     CreateInstance(CLSID_CAudioScrubber, scrubber_);
   }
-  // Stops playback and scrubbing and waits for their threads. Does not wait on the playback thread
-  // itself.
+  // Stops playback and scrubbing. Waits for both threads, except on the playback thread itself.
   ~DocumentPlayer() {
     StopPlay();
     StopScrub();

@@ -148,9 +148,10 @@ class CEditedAudio final
     return ComCall([&] { player_.StopScrub(); });
   }
 
-  // IEditedAudio The array holds floats although the type library declares shorts. Columns that no
-  // piece covers keep their values. Pieces are drawn side by side from the first column on, even if
-  // the range begins before frame 0.
+  // IEditedAudio
+  // The array holds floats although the type library declares shorts. Columns that no piece covers
+  // keep their values. Pieces are drawn side by side from the first column on, even if the range
+  // begins before frame 0.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -262,9 +263,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document and does not restore it, because copying the snapshot to itself empties
-  // the snapshot. The host restores the content from its own copy of the document before the
-  // change.
+  // Empties the document and does not restore it: copying the snapshot to itself empties the
+  // snapshot. The host restores the content from the copy that it made before the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;

@@ -33,8 +33,7 @@ inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in one or more blocks. Returns false if a read fails.
-// read(first, array) fills the array from record `first` on. draw(first, floats) draws these
-// records.
+// read(first, array) fills the array from record `first` on. draw(first, floats) draws it.
 template <class Read, class Draw>
 bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
                   ScratchCache& scratch_keeper, Read&& read, Draw&& draw) {

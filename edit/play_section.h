@@ -74,8 +74,7 @@ class PlayCursor {
   std::int64_t position_;
 };
 
-// Silences each channel i whose bit i is clear. Channels from 32 on are heard only if all 32 bits
-// are set.
+// Silences each channel i whose bit i is clear. Channels from 32 on need all 32 bits set.
 inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
                              std::uint32_t mask) noexcept {
   if (channels == 0) return;

@@ -13,8 +13,7 @@
 
 namespace marlinda {
 
-// While the sum of all absolute lengths is below this, no offset and no sum of two offsets
-// overflows.
+// While the sum of all absolute lengths is below this, no sum of two offsets overflows.
 inline constexpr std::uint64_t kMaxSafeLength = std::uint64_t{1} << 62;
 
 inline std::uint64_t AbsoluteLength(const CSection& segment) noexcept {
@@ -107,8 +106,7 @@ class PositionIndex {
     blocks_.back().summary.Add(segment);
     Total(blocks_.size() - 1);
   }
-  // Replaces `count` blocks by blocks with these summaries. If that makes more blocks, call Reserve
-  // first.
+  // Replaces `count` blocks by blocks with these summaries. Call Reserve first if blocks are added.
   void Replace(std::size_t first, std::size_t count,
                std::span<const BlockSummary> summaries) noexcept {
     const auto place = blocks_.begin() + static_cast<std::ptrdiff_t>(first);

@@ -16,8 +16,7 @@ class ColumnEnds {
  public:
   ColumnEnds(std::int64_t columns, std::int64_t count, std::int64_t column) noexcept
       : quotient_(count / columns), remainder_(count % columns), columns_(columns) {
-    // column * count = whole_ * columns + part_. The products may wrap, but their difference does
-    // not.
+    // column * count = whole_ * columns + part_. The products may wrap, the difference does not.
     const std::int64_t carried = Scale(column, remainder_, columns);
     const auto unsigned_column = static_cast<std::uint64_t>(column);
     whole_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(quotient_)) +

@@ -14,8 +14,7 @@
 namespace marlinda {
 namespace {
 
-// The automation library has exported the per-user functions since Windows Vista, but few headers
-// declare them.
+// Windows Vista and later export the per-user functions, but few headers declare them.
 template <class Function>
 Function PerUserFunction(const char* name) {
   const FARPROC address = GetProcAddress(GetModuleHandleW(L"oleaut32.dll"), name);

@@ -1,6 +1,5 @@
 // CAudioPool: the store for imported and recorded audio. Samples and peaks go to two temporary
-// files. Each non-empty run from OpenDevice to CloseDevice is a take, which is read through a
-// reader.
+// files. Each non-empty run from OpenDevice to CloseDevice is a take, read through a reader.
 #include <marlinda.h>
 
 #include <atomic>
@@ -100,11 +99,12 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return S_OK;
   }
 
-  // IAudioWriter Dithering changes the caller's samples. A block that ends within a frame is stored
-  // in full, but its peaks cover only the whole frames. Fails with E_INVALIDARG without channels,
-  // outside 8 to 40 bits and for less than a frame, and with ERROR_NOT_SUPPORTED for dithering more
-  // than 8 channels. A refused block is not changed, and nothing is written. A failed write
-  // advances the positions and leaves a gap in the take. A failed write of peaks is not reported.
+  // IAudioWriter
+  // Dithering changes the caller's samples. A block that ends within a frame is stored in full, but
+  // its peaks cover only the whole frames. Fails with E_INVALIDARG without channels, outside 8 to
+  // 40 bits and for less than a frame, and with ERROR_NOT_SUPPORTED for dithering more than 8
+  // channels. A refused block is not changed, and nothing is written. A failed write advances the
+  // positions and leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -148,7 +148,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return SetOut(pbReady, open_count_ == 0 ? 1 : 0);
   }
 
-  // IPeakFile The next write begins at the peak position, so it leaves earlier peaks unchanged.
+  // IPeakFile
+  // The next write begins at the peak position, so it leaves earlier peaks unchanged.
   STDMETHODIMP GetSettledPeaks(HANDLE file, std::int64_t* end, std::uint32_t* rewinds) override {
     if (file != peak_file_.handle()) return E_INVALIDARG;
     *end = peak_position_;

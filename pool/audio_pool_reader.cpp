@@ -27,8 +27,7 @@ HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(
 
 }  // namespace
 
-// Holds no audio. Every read uses the pool's file handles. The lock serialises the reads of one
-// reader.
+// Holds no audio: every read uses the pool's file handles. The lock serialises a reader's reads.
 //
 // Reads are not clipped to the region: they may reach neighbouring regions. A read need not be
 // whole frames. It fails with 0x80070026 at the end of the file, with ERROR_NEGATIVE_SEEK if its
@@ -81,9 +80,9 @@ class CAudioPoolReader final
     return SetOut(pnSamplesPerPeak, kFramesPerPeak);
   }
 
-  // IAudioReader Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file.
-  // Samples past the end of the file keep their values in a 32-bit region. In other regions they
-  // become silence.
+  // IAudioReader
+  // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. Samples past
+  // the end of the file keep their values in a 32-bit region. In other regions they become silence.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;

@@ -23,8 +23,7 @@ struct ShapingErrors {
   float third;
 };
 
-// A filter with these three taps moves the noise of the errors to frequencies where the ear is less
-// sensitive.
+// A filter with these taps moves the errors' noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
 // Smaller errors cannot change any code and are dropped. In silence they would decay to denormals,

@@ -1,5 +1,4 @@
-// Noise shaping with FMA. This file is compiled for AVX2. Call its function only on a processor
-// with AVX2.
+// Noise shaping with FMA. Compiled for AVX2: call its function only on a processor with AVX2.
 #include <immintrin.h>
 
 #include "pool/dither_shaping.h"

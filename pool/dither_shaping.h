@@ -68,8 +68,7 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       __m128 sample = single
                           ? _mm_load_ss(at)
                           : _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
-      // Adds in the order of the reference. The product with the second error does not wait for the
-      // newest error.
+      // Adds in the order of the reference. The second product does not wait for the newest error.
       __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
                                         _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
       shaped = Ops::MultiplyAdd(_mm_cvtps_pd(third[pair]), tap2, shaped);

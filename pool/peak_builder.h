@@ -14,9 +14,9 @@ constexpr std::int64_t PeakBytes(int channels) noexcept {
   return channels * static_cast<std::int64_t>(2 * sizeof(float));
 }
 
-// Replaces `peaks` by the peaks of a block of interleaved samples. The layout is that of the peak
-// file: group after group, the pair (minimum, maximum) of each channel. F whole frames give F / 256
-// + 1 groups. The last group covers the remaining frames. If none remains, it covers the last frame
+// Replaces `peaks` by the peaks of a block of interleaved samples, in the layout of the peak file:
+// group after group, the pair (minimum, maximum) of each channel. F whole frames give F / 256 + 1
+// groups. The last group covers the remaining frames. If none remains, it covers the last frame
 // again, so that a reader always finds the newest peak. No frames give no peaks. `channels` is at
 // least 1.
 //

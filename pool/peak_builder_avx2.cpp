@@ -1,5 +1,4 @@
-// Peaks of a group with AVX. This file is compiled for AVX2. Call its function only on a processor
-// with AVX2.
+// Peaks of a group with AVX. Compiled for AVX2: call its function only on a processor with AVX2.
 #include <immintrin.h>
 
 #include "pool/peak_group.h"

@@ -1,5 +1,4 @@
-// IPeakFile: reports how much of a pool's peak file is final. Private. No type library describes
-// it.
+// IPeakFile: reports how much of a pool's peak file is final. Private; not in a type library.
 #pragma once
 
 #include <unknwn.h>

@@ -9,9 +9,8 @@ namespace marlinda {
 
 inline constexpr float kLargestSample = std::numeric_limits<float>::max();
 
-// Writes the pair (minimum, maximum) of each channel. `count` is a multiple of 32. `channels` is 1,
-// 2, 4 or 8. Returns false if a result is zero, because its sign depends on the order of the
-// samples.
+// Writes the pair (minimum, maximum) of each channel. `count` is a multiple of 32, `channels` 1, 2,
+// 4 or 8. Returns false if a result is zero: its sign depends on the order of the samples.
 bool Avx2PeakGroup(const float* samples, std::size_t count, std::size_t channels,
                    float* pairs) noexcept;
 

@@ -32,8 +32,8 @@ class PeakGroups {
   // `channels` is at least 1.
   explicit PeakGroups(std::size_t channels) noexcept : pair_floats_(2 * channels) {}
 
-  // Declares all peaks before `peak` final. If one of them changes nevertheless, start over with a
-  // new object.
+  // Declares all peaks before `peak` final. If one changes nevertheless, start over with a new
+  // object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
   // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). The first stretch
@@ -102,7 +102,7 @@ class PeakGroups {
     }
     return true;
   }
-  // Widens each pair to include the peaks of [begin, end), which lie in one group. The range may be
+  // Widens each pair to include the peaks of [begin, end), a range in one group, which may be
   // empty.
   bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
                     const Read& read) {

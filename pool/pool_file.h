@@ -75,8 +75,7 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
 // then another program may have created a file of the same name.
 class TemporaryFile {
  public:
-  // Creates a file with a new name and opens it exclusively. If this fails, Write returns the
-  // error.
+  // Creates a file with a new name and opens it exclusively. On failure, Write returns the error.
   void Create(const std::string& directory, const char* prefix) noexcept {
     // GetTempFileNameA creates an empty file to reserve the name. Opening this file would truncate
     // it. Some file systems write a truncated file to the disk on closing, even if closing deletes

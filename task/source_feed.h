@@ -31,8 +31,7 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Give up flushing a converter after this many blocks of silence. A converter holds back fewer
-// frames.
+// Give up flushing a converter after this many silent blocks. A converter holds back fewer frames.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -88,16 +87,14 @@ class SourceFeed {
     reader_ = nullptr;
   }
 
-  // Export's thread. If the source has stopped delivering, fills the rest with 0.0 and returns
-  // S_FALSE.
+  // Export's thread. If the source has stopped, fills the rest with 0.0 and returns S_FALSE.
   HRESULT Read(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);
     if (FAILED(hr)) return hr;
     std::span<float> rest = view.samples();
     int timeouts = 0;
-    // Reads in pieces, because the writer stops before the queue holds enough for a very large
-    // read.
+    // Reads in pieces, because the queue never holds enough for a very large read.
     while (!rest.empty()) {
       const std::span<float> piece = rest.first(std::min(rest.size(), PacedQueue::kMaxQueued));
       rest = rest.subspan(piece.size());
@@ -123,8 +120,7 @@ class SourceFeed {
   }
 
  private:
-  // Both methods fill the queue up to `wanted` samples. They return false if the source delivers
-  // fewer.
+  // Both methods fill the queue up to `wanted` samples, or return false if the source ends.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {
@@ -141,8 +137,7 @@ class SourceFeed {
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
     if (complete || import_runs_) return complete;
-    // The import has ended before its reported length. Flushes the last frames out of the
-    // converter.
+    // The import ended before its reported length, so the converter still holds its last frames.
     const std::lock_guard lock(mutex_);
     PushSilence();
     return false;

@@ -7,14 +7,12 @@
 
 namespace marlinda {
 
-// The functions extend pairs (lowest, highest), one for each channel. A pair without any sample is
-// (kNoLowest, kNoHighest).
+// The functions extend pairs (lowest, highest), one for each channel. These are the initial values.
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both functions compare one value after the other. Only a smaller value replaces the lowest, and
-// only a greater value replaces the highest. So NaN is skipped, and of 0.0 and -0.0 the first
-// stays.
+// Both functions compare one value after the other. Only a smaller value replaces the lowest, only
+// a greater value the highest. So NaN is skipped, and of 0.0 and -0.0 the first stays.
 //
 // Extends the pairs by whole frames of interleaved samples.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;

@@ -14,10 +14,9 @@ std::size_t PcmBytesPerSample(int bits) noexcept;
 
 // Converts every sample of `source`. `destination` must have room for source.size() PCM samples.
 //
-// At 8 and 16 bits, scales by 127 and 32767, rounds half up and clips. At 24 and 32 bits, scales to
-// 32-bit codes by 2^31 and truncates. 24-bit codes are their upper 24 bits. Samples from +1.0 on
-// become 2^31, which wraps to the most negative code. NaN becomes the most negative code of every
-// width.
+// At 8 and 16 bits, scales by 127 and 32767, rounds half up and clips. At 24 and 32 bits, scales by
+// 2^31 and truncates. 24-bit codes are the upper 24 bits of 32-bit codes. Samples from +1.0 on
+// become 2^31, which wraps to the most negative code. NaN becomes the most negative code.
 void ConvertFloatToPcm(std::span<const float> source, std::span<std::byte> destination,
                        int bits) noexcept;
 

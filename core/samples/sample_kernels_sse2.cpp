@@ -96,8 +96,7 @@ void FromCodes32(__m128i codes, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_mul_ps(_mm_cvtepi32_ps(codes), scale));
 }
 
-// Reads 16 bytes, although the four codes take 12. Shifts each code into the upper three bytes of
-// its lane.
+// Reads 16 bytes, although the four codes take 12. Shifts each code to the upper bytes of its lane.
 void DecodeBlock24(const std::byte* in, float* destination) noexcept {
   const __m128i bytes = Load(in);
   const __m128i first = _mm_unpacklo_epi32(_mm_slli_si128(bytes, 1), _mm_srli_si128(bytes, 2));
