@@ -8,7 +8,7 @@ namespace marlinda {
 namespace {
 
 struct Lanes {
-  // Does not fuse the operations, because rounding once would change the result.
+  // Multiplies and adds separately, because a fused operation rounds only once.
   void Add(const float* taps, const float* samples) noexcept {
     sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_load_ps(taps), _mm256_loadu_ps(samples)));
   }

@@ -89,7 +89,7 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
       table_(taps_ / 8 * target_),
       room_(2 * taps_ + 4096),
       history_(room_ * channels),
-      // Silence before the first input frame, so that the first output frame has the same time.
+      // Begins with silence, so that the first output frame has the time of the first input frame.
       held_(taps_ / 2 - 1) {
   const std::vector<double> response = ImpulseResponse(Ratio(source_rate, target_rate));
   std::vector<double> row(taps_);

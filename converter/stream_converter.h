@@ -23,7 +23,8 @@ class StreamConverter {
     std::int16_t channels = 0;
   };
 
-  // Accepts rate ratios from 1/256 to 256 and, if the rates differ, up to 128 channels on one side.
+  // Accepts rate ratios from 1/256 to 256. If the rates differ, source or target must have at most
+  // 128 channels.
   static bool CanConvert(const Format& source, const Format& target) noexcept;
 
   // Throws std::invalid_argument if the formats cannot be converted, and std::bad_alloc.

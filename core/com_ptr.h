@@ -26,7 +26,7 @@ void Hold(ComPtr<I>& held, I* object) {
   if (held.Get() != object) ComPtr<I>(object).Swap(held);
 }
 
-// Returns interface `I` of the same object, or null if there is no object or no such interface.
+// Returns interface `I` of `object`, or null if `object` is null or has no such interface.
 template <class I>
 ComPtr<I> TryQuery(IUnknown* object) {
   ComPtr<I> result;

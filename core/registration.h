@@ -43,7 +43,7 @@ class Registration {
   // Removes the content of script `id`, last line first. Keeps keys with other values or subkeys.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;
 
-  // Apply the script IDR_CLASS_REGISTRATION to each of `classes`.
+  // Register or unregister each of `classes` with the script IDR_CLASS_REGISTRATION.
   void RegisterClasses(std::span<const ClassEntry> classes) const;
   void UnregisterClasses(std::span<const ClassEntry> classes) const;
 

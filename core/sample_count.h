@@ -11,7 +11,7 @@ namespace marlinda {
 constexpr std::int64_t ConvertSampleCount(std::int64_t count, std::int32_t source_rate,
                                           std::int32_t target_rate) noexcept {
   if (source_rate <= 0 || target_rate <= 0) return count;
-  // Splits off whole multiples of the source rate, so that the second product fits in 62 bits.
+  // Splits off whole multiples of the source rate, so that the rest's product fits in 62 bits.
   const std::int64_t whole = count / source_rate;
   const std::int64_t rest = count % source_rate * target_rate / source_rate;
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();

@@ -22,7 +22,7 @@ class WorkerThread {
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};
 
   WorkerThread() noexcept = default;
-  // Waits for the body to end, unless it runs on the worker itself, where it would wait forever.
+  // Waits for the body to end, except on the worker itself, where the wait would never end.
   ~WorkerThread();
 
   // Runs the body on a new thread. Returns E_FAIL while an earlier thread runs, and the system's

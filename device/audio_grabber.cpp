@@ -131,7 +131,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         : format(wanted),
           samples(std::move(target)),
           floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-          // If the width is no multiple of 8, a PCM sample takes more than the block align.
+          // If the width is no multiple of 8, PCM frames take more bytes than the block align.
           buffers(kBufferCount,
                   Buffer(std::max<std::size_t>(
                       bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {

@@ -42,7 +42,7 @@ void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWOR
 // One block of samples as a device buffer.
 class CAudioOutBuffer {
  public:
-  // Throws E_INVALIDARG if the block exceeds a device buffer. Omits an incomplete last frame.
+  // Throws E_INVALIDARG if the block is too large for the device. Omits an incomplete last frame.
   CAudioOutBuffer(std::span<const float> samples, const WAVEFORMATEX& format)
       : peaks(format.nChannels) {
     const std::size_t frames = samples.size() / format.nChannels;
@@ -51,7 +51,7 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // If the width is no multiple of 8, a PCM sample takes more than the block align.
+    // If the width is no multiple of 8, PCM frames take more bytes than the block align.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
@@ -61,7 +61,7 @@ class CAudioOutBuffer {
     }
     for (std::size_t i = 0; i < samples.size(); ++i) {
       float& peak = peaks[i % peaks.size()];
-      // False for NaN, which is skipped.
+      // Skips NaN, because the comparison is false.
       if (samples[i] > peak) peak = samples[i];
     }
     header_.lpData = reinterpret_cast<LPSTR>(data_.data());

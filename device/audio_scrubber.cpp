@@ -31,9 +31,9 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
-// The caller sets the writer's format before Start. The thread writes as fast as WriteAudio of the
-// writer lets it and ignores the results. The scrubber holds the writer until the next Start or the
-// last release. If WriteAudio of a playback object still blocks after a second, Stop calls Break.
+// The caller sets the writer's format before Start. The thread writes as fast as the writer accepts
+// blocks and ignores the results. The scrubber holds the writer until the next Start or the last
+// release. If WriteAudio of a playback object still blocks after a second, Stop calls Break.
 //
 // Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
 // length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does

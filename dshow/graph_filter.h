@@ -58,7 +58,7 @@ class AudioType {
 // Returns a new copy of the type, which the caller frees. Leaves `out` unchanged on failure.
 HRESULT GiveType(const AudioType& type, AM_MEDIA_TYPE** out);
 
-// The base of input and output pins. A pin belongs to its filter and uses its reference count.
+// The base of all pins. A pin belongs to its filter and uses the filter's reference count.
 class GraphPin : public IPin {
  public:
   bool IsConnected() const noexcept { return peer_ != nullptr; }

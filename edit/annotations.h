@@ -138,9 +138,9 @@ struct Annotations {
     return {PartOf(labels, range, offset), PartOf(markers, range, offset)};
   }
 
-  // Removes `range`: labels and markers behind it move, and markers are clipped. A marker that
-  // spans the range becomes two. A backward range doubles the records inside it. `document` is the
-  // document's length.
+  // Removes the labels in `range`, clips the markers and moves everything behind the range. A
+  // marker that spans the range becomes two. A backward range doubles the records inside it.
+  // `document` is the document's length.
   void Delete(const CSection& range, std::int64_t document) {
     const CSection head(0, range.begin);
     const CSection tail(range.end, document);

@@ -23,7 +23,7 @@ namespace marlinda {
 
 enum class ContentCall { kRead, kOpen, kClose };
 
-// The deepest nesting of reads in a document that contains itself. A thread's stack allows this.
+// Limit for nested reads of a document that contains itself. More could overflow a thread's stack.
 inline constexpr int kMaxReadDepth = 64;
 
 // A new document has the rate 1 and no channels. A format without rate or channels is not set.
@@ -87,9 +87,10 @@ struct DocumentContent {
 
   // These implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
-    // Reads each piece into an array of exactly its size, so a failed read delivers nothing to the
-    // caller. The pieces fill the caller's array from its start, even if the read begins before
-    // frame 0. With backward segments the pieces can exceed the array. The rest is then dropped.
+    // Reads each piece into an array of exactly its size, so a failed read of a piece delivers
+    // nothing of it. The pieces fill the caller's array from its start, even if the read begins
+    // before frame 0. With backward segments the pieces can exceed the array. The rest is then
+    // dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));

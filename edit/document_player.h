@@ -42,7 +42,7 @@ class DocumentPlayer {
     StopScrub();
   }
 
-  // Sets the device: an index from 0, or -1 for the default. The next start uses it.
+  // Sets the device: an index from 0, or -1 for the default. The next Play or StartScrub uses it.
   void SetDevice(LONG index) noexcept { device_ = index; }
 
   // Ends scrubbing and starts playback. Does neither if playback runs or the section is empty. A

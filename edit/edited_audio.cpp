@@ -66,10 +66,10 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
   }
 }
 
-// Copies the source's labels and markers, moved by `offset`, and adds them after those of the
-// destination, through the interfaces of both. With a range, copies only labels inside it and the
-// parts of markers inside it. Fails with E_FAIL if one of the objects does not support labels or
-// markers. Labels already copied stay.
+// Adds the source's labels and markers, moved by `offset`, after those of the destination. Uses the
+// interfaces of both. With a range, copies only labels inside it and the parts of markers inside
+// it. Fails with E_FAIL if one of the objects does not support labels or markers. Labels already
+// copied stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);

@@ -33,7 +33,7 @@ inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in one or more blocks. Returns false if a read fails.
-// read(first, array) fills the array from record `first` on. draw(first, floats) draws it.
+// read(first, array) fills the array from record `first` on. draw(first, floats) draws the array.
 template <class Read, class Draw>
 bool ReadInBlocks(__int64 count, std::size_t unit, std::size_t max_floats,
                   ScratchCache& scratch_keeper, Read&& read, Draw&& draw) {
@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from a summary, which has one peak for each column. Draws the same as from all peaks.
+// Draws from a summary, which has one peak for each column. The result is that of all peaks.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);

@@ -46,9 +46,9 @@ struct BlockSummary {
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// With backward segments the offsets are not sorted. So the index searches by the furthest end of
-// the list up to each block, which never decreases. If offsets could overflow, the index excludes
-// no block, and the caller walks the whole list.
+// With backward segments the offsets are not sorted. But the furthest end of all segments up to a
+// block never decreases from block to block, so the index searches these ends. If offsets could
+// overflow, the index excludes no block, and the caller walks the whole list.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {

@@ -73,7 +73,8 @@ class SegmentList {
 
   // Inserts segments before the frame at `position`. A segment around this frame is split there,
   // even if nothing is inserted. Past the end, segments are appended without a gap. A negative
-  // position cuts the first segment before its start. `divided` is a copy of DividedBy's source.
+  // position cuts the first segment before its start. `divided` is a copy of the divided segment's
+  // source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {

@@ -13,7 +13,7 @@ struct ShapingSteps {
   double scale;       // highest code
   double offset;      // lowest code
   double lowest;      // the lowest code as a sample
-  double reciprocal;  // one code as a sample
+  double reciprocal;  // one code step as a sample
 };
 
 // The last quantisation errors of a channel, newest first.

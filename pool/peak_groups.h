@@ -45,7 +45,7 @@ class PeakGroups {
     for (const std::int64_t end : ends) {
       const std::span<float> own = pairs.first(pair_floats_);
       pairs = pairs.subspan(pair_floats_);
-      // Extends from left to right, because of 0.0 and -0.0 the first counts.
+      // Extends from left to right, because the first of 0.0 and -0.0 counts.
       const std::int64_t first_group = (first + kGroup - 1) / kGroup;
       const std::int64_t last_group = end / kGroup;
       if (first_group > last_group) {

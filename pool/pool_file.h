@@ -71,8 +71,8 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
   return {S_OK, count};
 }
 
-// A file that the system deletes when its handle is closed. Nothing deletes it by name, because by
-// then another program may have created a file of the same name.
+// A file that the system deletes when its handle is closed. The destructor does not delete it by
+// name, because another program may already have created a new file of that name.
 class TemporaryFile {
  public:
   // Creates a file with a new name and opens it exclusively. On failure, Write returns the error.

@@ -44,7 +44,7 @@ class PacedQueue {
     writer_waits_ = false;
     return !interrupted_;
   }
-  // Writer: appends the samples. If it throws std::bad_alloc, the queue is unchanged.
+  // Writer: appends the samples. If Put throws std::bad_alloc, the queue is unchanged.
   void Put(std::span<const float> samples) {
     const std::size_t needed = queue_.Count() + samples.size() + 1;
     const std::size_t capacity = queue_.Capacity();

@@ -143,7 +143,7 @@ class SourceFeed {
     return false;
   }
 
-  // Call with the lock held.
+  // Call with `mutex_` held.
   void PullBlock() {
     if (!block_) block_ = std::make_unique<SampleArray>();
     SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *

@@ -7,7 +7,7 @@
 
 namespace marlinda {
 
-// The functions extend pairs (lowest, highest), one for each channel. These are the initial values.
+// Extremes are pairs (lowest, highest), one for each channel. A new pair has these values.
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
