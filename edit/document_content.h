@@ -87,10 +87,10 @@ struct DocumentContent {
 
   // These implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
-    // Reads each piece into an array of exactly its size, so a failed read of a piece delivers
-    // nothing of it. The pieces fill the caller's array from its start, even if the read begins
-    // before frame 0. With backward segments the pieces can exceed the array. The rest is then
-    // dropped.
+    // Reads each piece into an array of exactly its size. If this fails, nothing of the piece
+    // reaches the caller. The pieces fill the caller's array from its start, even if the read
+    // begins before frame 0. With backward segments the pieces can exceed the array. The rest is
+    // then dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));

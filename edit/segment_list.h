@@ -42,9 +42,9 @@ class CAudioSegment final : public CSection {
 // look-up walks only the block that the position index finds. All results equal those of a walk
 // over the whole list, even with empty and backward segments.
 //
-// `Source` is a handle whose copy holds a reference. The list copies and destroys no handle:
-// callers pass the handles and receive the removed ones. So a caller can change the list under a
-// lock. A method that throws changes nothing.
+// `Source` is a handle whose copy holds a reference. Callers change the list under a lock, during
+// which no reference may be counted. So the list copies and destroys no handle: callers pass the
+// handles and receive the removed ones. A method that throws changes nothing.
 template <class Source>
 class SegmentList {
  public:
