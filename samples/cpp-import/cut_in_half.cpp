@@ -1,7 +1,7 @@
-// The engine through Visual C++'s #import, which makes wrapper classes of the type library:
+// Uses the engine through Visual C++'s #import, which makes wrapper classes from the type library:
 //   cl /EHsc /std:c++17 /I FOLDER\include cut_in_half.cpp
 //   cut_in_half IN.ogg OUT.wav
-// Neither compiled nor run by the tests, which have no Visual C++. Needs the registered engine.
+// Needs the registered engine. The tests do not compile this file, because they have no Visual C++.
 #import "marlinda.tlb" no_namespace named_guids
 
 #include <cstdio>
@@ -29,7 +29,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   document->AppendSegment(take, 0, frames);
   document->Delete(frames / 2, frames);
 
-  // Holds a minimum and a maximum for each column and channel: floats, although declared as short.
+  // Receives minimum and maximum of each column and channel. The elements are floats, not short.
   const ULONG columns = 64;
   SAFEARRAY* plot = SafeArrayCreateVector(VT_R4, 0, columns * 2 * channels);
   if (plot == nullptr) _com_raise_error(E_OUTOFMEMORY);

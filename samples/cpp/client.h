@@ -1,8 +1,8 @@
-// Shared by the clients in this folder: creating objects, querying interfaces, texts, arrays.
+// Helpers of the clients in this folder: objects, interfaces, texts and arrays.
 #pragma once
 
 #include <windows.h>
-// These need windows.h first.
+// The headers below need windows.h first.
 #include <marlinda.h>
 #include <wrl/client.h>
 
@@ -11,8 +11,8 @@
 
 using Microsoft::WRL::ComPtr;
 
-// Ends the program on failure; a real host would inform its user. `file` names the file that
-// failed.
+// Ends the program if `hr` is a failure. A real host would inform its user. `file` is the file
+// concerned.
 inline void Check(HRESULT hr, const char* what, const wchar_t* file = L"") {
   if (SUCCEEDED(hr)) return;
   wchar_t reason[256] = L"\n";

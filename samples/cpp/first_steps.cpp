@@ -2,10 +2,10 @@
 // as WAV:
 //   first_steps IN.ogg OUT.wav
 #include "client.h"
-// It needs windows.h first.
+// shellapi.h needs windows.h first.
 #include <shellapi.h>
 
-// Imports and exports run on threads of their own.
+// An import or export runs on its own thread, so this function polls the task until it ends.
 static void RunTask(IUnknown* filter) {
   const auto task = Query<ICoreTask>(filter);
   Check(task->Start(), "Start");
@@ -35,7 +35,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   Check(document->AppendSegment(take.Get(), 0, frames), "AppendSegment");
   Check(document->Delete(frames / 2, frames), "Delete");
 
-  // Holds a minimum and a maximum for each column and channel: floats, although declared as short.
+  // Receives minimum and maximum of each column and channel. The elements are floats, not short.
   constexpr ULONG kColumns = 64;
   const Floats peaks(kColumns * 2 * static_cast<ULONG>(channels));
   Check(document->ReadWaveplot(0, frames / 2, peaks), "ReadWaveplot");

@@ -1,7 +1,7 @@
-// The code of docs/recipes.md as one program. Each recipe must equal the code there word for word.
+// The code of docs/recipes.md as one program. Each recipe must equal the page's code word for word.
 //   recipes IN OUT_FOLDER
 #include "client.h"
-// These need windows.h first.
+// The headers below need windows.h first.
 #include <ocidl.h>
 #include <shellapi.h>
 
@@ -12,7 +12,7 @@
 #include <vector>
 
 // Recipe: wait for a task
-// Imports and exports run on threads of their own.
+// Imports and exports run on their own threads. Polls `task` until it has ended.
 template <class Show>
 void WaitFor(ICoreTask* task, Show show) {
   VARIANT_BOOL running = VARIANT_TRUE;
@@ -28,15 +28,15 @@ void WaitFor(ICoreTask* task, Show show) {
 static void ShowPercent(float done) { std::printf("\r%3.0f %%", 100.0 * done); }
 
 // Recipe: import
-// Returns the file's take; null if no filter reads the file or nothing could be decoded.
+// Returns the file's take, or null if no filter reads the file or nothing could be decoded.
 ComPtr<IAudioReader> Import(const Text& file) {
-  // For a missing file the manager returns no filter and no reason, so check first.
+  // For a missing file, the manager returns no filter and no reason, so check for the file first.
   if (GetFileAttributesW(file) == INVALID_FILE_ATTRIBUTES) {
     Check(HRESULT_FROM_WIN32(GetLastError()), "finding the file", file);
   }
   const auto manager = Create<IFileFilterMgr>(CLSID_CFileFilterMgr);
   ComPtr<IImportFilter> filter;
-  // Returns S_OK even without a filter: test the pointer.
+  // The manager returns S_OK even if no filter reads the file, so test the pointer.
   Check(manager->CreateImportFilter(file, filter.GetAddressOf()), "CreateImportFilter");
   if (!filter) {  // the list may be empty; built-in filters need no list
     for (const CLSID* each : {&CLSID_COggImport, &CLSID_CDShowImport}) {
@@ -50,7 +50,7 @@ ComPtr<IAudioReader> Import(const Text& file) {
   Check(filter->Initialize(file, Query<IAudioWriter>(pool.Get()).Get()), "opening the file", file);
   const auto task = Query<ICoreTask>(filter.Get());
   Check(task->Start(), "Start");
-  WaitFor(task.Get(), ShowPercent);  // task->Cancel() ends it early; decoded audio stays
+  WaitFor(task.Get(), ShowPercent);  // task->Cancel() ends the import early; decoded audio stays
 
   ComPtr<IAudioReader> take;  // holds the pool and its files
   Check(pool->CreateLastReader(take.GetAddressOf()), "CreateLastReader");
@@ -96,7 +96,7 @@ struct Column {
   float highest;
 };
 
-// Reads one channel of the frames from `begin` to `end`, a column for each pixel.
+// Divides the frames from `begin` to `end` into columns. Returns the extremes of one channel.
 std::vector<Column> Waveform(IEditedAudio* document, __int64 begin, __int64 end, ULONG columns,
                              ULONG channel) {
   LONG rate = 0;
@@ -126,7 +126,7 @@ bool PlayLoop(IEditedAudio* document, __int64 begin, __int64 end, Ends ends) {
     VARIANT_BOOL playing = VARIANT_FALSE;
     __int64 position = 0;
     Check(document->GetPlayStatus(&playing, &position), "GetPlayStatus");
-    // Play succeeds even without a device; playback then ends at once.
+    // Play succeeds even without a device, but playback then ends at once.
     if (playing == VARIANT_FALSE) return false;
     if (ends(position)) break;
     Sleep(20);
@@ -153,7 +153,7 @@ ComPtr<IAudioReader> Record(double seconds) {
 
   const Floats block(kRate / 10 * kChannels);
   for (auto left = static_cast<long>(10.0 * seconds); left > 0; --left) {
-    // Waits until a tenth of a second is recorded. A recorder ignores the position.
+    // ReadAudio waits until a tenth of a second is recorded. A recorder ignores the position.
     if (FAILED(microphone->ReadAudio(0, block))) break;  // the device failed
     Check(writer->WriteAudio(block), "WriteAudio");
   }
@@ -171,7 +171,7 @@ void Export(IEditedAudio* document, const Text& file) {
   Check(filter->Initialize(file, Query<IAudioReader>(document).Get()), "creating the file", file);
   Check(filter->SetBitsPerSample(24), "SetBitsPerSample");
 
-  // The export reads only samples from the document. Pass it labels and markers.
+  // The export reads only samples from the document. Pass labels and markers to the export.
   const auto labels = Query<ILabelSupport>(document);
   LONG count = 0;
   Check(labels->GetLabelCount(&count), "GetLabelCount");
@@ -201,7 +201,7 @@ void Export(IEditedAudio* document, const Text& file) {
   const auto task = Query<ICoreTask>(filter.Get());
   Check(task->Start(), "Start");
   WaitFor(task.Get(), ShowPercent);
-  // The export does not report a full disk: compare the file's length.
+  // The export does not report a full disk. Check that the file has the expected length.
 }
 // End
 
@@ -212,12 +212,12 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
   const auto filter = Create<IExportFilter>(CLSID_CWavExportFilter);
   Check(connector->SetupReaderToExport(source, filter.Get(), rate, channels),
         "SetupReaderToExport");
-  // The export reads from the connector, which reads the source and converts.
+  // The export reads from the connector. The connector reads the source and converts its audio.
   Check(filter->Initialize(file, Query<IAudioReader>(connector.Get()).Get()), "creating the file",
         file);
   const auto task = Query<ICoreTask>(connector.Get());
   const HRESULT started = task->Start();
-  if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that it runs
+  if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that the task runs
   WaitFor(task.Get(), ShowPercent);
   // A host that stops waiting earlier must cancel: connector and filter refer to each other.
   task->Cancel();
@@ -260,8 +260,7 @@ class Sink final : public IDispatch {
   std::atomic<ULONG> references_ = 0;
 };
 
-// Receives events until it is destroyed. Until then document and sink hold references to each
-// other.
+// Receives events while it exists. Meanwhile, document and sink hold references to each other.
 class Listener {
  public:
   Listener(IEditedAudio* document, REFIID events, Sink::Handler handler) {
@@ -280,7 +279,7 @@ class Listener {
   DWORD cookie_ = 0;
 };
 
-// Stores a copy of the document before each change: only segments, no samples.
+// Stores a copy of the document before each change. The copies share the samples.
 class UndoSteps {
  public:
   explicit UndoSteps(IEditedAudio* document)
@@ -289,7 +288,7 @@ class UndoSteps {
         }) {}
 
   // Undoes the last change and returns its name. CopyAll sends no event, but the change around it
-  // sends FireContentChanged. The argument 0 avoids another undo step.
+  // sends FireContentChanged. InitChange's argument 0 avoids another undo step.
   std::wstring Undo(IEditedAudio* document) {
     if (steps_.empty()) return L"";
     const Step last = std::move(steps_.back());

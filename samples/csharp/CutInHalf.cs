@@ -1,7 +1,7 @@
-// The engine from C# with interop signatures written by hand:
+// Uses the engine from C# with interop signatures written by hand:
 //   csc CutInHalf.cs
 //   CutInHalf IN.ogg OUT.wav
-// Needs the registered engine in the program's bitness. Interfaces declare their methods in the
+// Needs the registered engine in the program's bitness. Each interface declares its methods in the
 // order of the type library and may omit the methods after the last used one. "tlbimp Tessaly.dll"
 // would generate all interfaces.
 using System;
@@ -37,7 +37,7 @@ interface IAudioPool
 [ComImport, Guid("AF905BC1-1608-4C54-8654-EAFC2E81686A"), InterfaceType(ComInterfaceType.InterfaceIsDual)]
 interface IImportFilter
 {
-    // S_FALSE and failures are results, not errors.
+    // PreserveSig returns S_FALSE and failures, which are results here, instead of throwing.
     [PreserveSig]
     int QueryCanLoad([MarshalAs(UnmanagedType.BStr)] string bstrFileName);
     void Initialize([MarshalAs(UnmanagedType.BStr)] string bstrFileName, IAudioWriter pWriter);
@@ -76,7 +76,7 @@ interface IEditedAudio
     void Clear();
     void InsertSegment(long nPosition, IAudioReader parSource, long nBegin, long nEnd);
     void AppendSegment(IAudioReader parSource, long nBegin, long nEnd);
-    // The caller does not own the reader. It is an IntPtr, because C# would release an object.
+    // An IntPtr, because the caller does not own the reader, but C# would release an object.
     int GetFirstSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     int GetNextSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     void Delete(long nBegin, long nEnd);

@@ -1,7 +1,7 @@
 // An import filter in a separate module: decodes FLAC files with libFLAC. docs/adding-a-filter.md
-// explains it. "regsvr32 FlacImport.dll" registers it and adds it to the filter list.
+// explains this file. "regsvr32 FlacImport.dll" registers and lists the filter.
 #include <windows.h>
-// These need windows.h first.
+// The headers below need windows.h first.
 #include <FLAC/stream_decoder.h>
 #include <marlinda.h>
 #include <olectl.h>
@@ -23,7 +23,7 @@ constexpr CLSID kFlacImport = {
     0x6F4D0B52, 0x93B7, 0x4E0D, {0x8A, 0x5C, 0x0D, 0x6E, 0x52, 0xB1, 0xF7, 0x39}};
 constexpr wchar_t kClassKey[] = L"Software\\Classes\\CLSID\\{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
 constexpr wchar_t kClassText[] = L"{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
-// The filter list. The value may have any name; its data is the class identifier.
+// The registry key that lists import filters. A value of any name holds a class identifier.
 constexpr wchar_t kFilterList[] = L"Software\\Brevant\\Cutloom\\Import Filters";
 constexpr wchar_t kListedAs[] = L"CFlacImport";
 constexpr GUID kTypeLibrary = {
@@ -37,7 +37,7 @@ constexpr __int64 kLeastBytesOfFrame = 8;
 constexpr __int64 kMaxBlock = 65535;
 
 HINSTANCE g_module = nullptr;
-// The number of objects and running workers. The module must stay loaded until it is 0.
+// The number of objects and running workers. The module must stay loaded until this number is 0.
 std::atomic<long> g_in_use = 0;
 
 struct Description {
@@ -49,7 +49,7 @@ struct Description {
   std::wstring title, artist, album, year, genre;
 };
 
-// The divisor of samples, chosen so that an export with 8, 16 or 24 bits restores their codes.
+// The divisor from codes to floats. An export with 8, 16 or 24 bits restores the codes.
 float Scale(SHORT bits) {
   if (bits <= 8) return 127.0F / static_cast<float>(1 << (8 - bits));
   if (bits <= 16) return 32767.0F / static_cast<float>(1 << (16 - bits));
@@ -80,8 +80,8 @@ void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Descript
   if (description.year.size() > 4) description.year.resize(4);  // keep the year of a date
 }
 
-// An open file and its decoder, which calls the methods below. No exception may pass through the
-// decoder.
+// An open file and its decoder. The decoder calls the methods below, and none of them may let an
+// exception pass.
 class Decoder {
  public:
   Decoder() : decoder_(FLAC__stream_decoder_new()) {}
@@ -118,7 +118,7 @@ class Decoder {
     return FLAC__stream_decoder_process_single(decoder_) &&
            FLAC__stream_decoder_get_state(decoder_) < FLAC__STREAM_DECODER_END_OF_STREAM;
   }
-  // Receives the samples of a frame, a pointer for each channel. Returns false to stop.
+  // Receives the samples of a frame through one pointer for each channel. Returns false to stop.
   virtual bool Take(const FLAC__Frame&, const FLAC__int32* const[]) noexcept { return true; }
 
  private:
@@ -148,7 +148,7 @@ class Decoder {
       }
     }
   }
-  // The decoder skips to the next complete frame itself.
+  // Does nothing, because the decoder skips to the next complete frame itself.
   static void OnError(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void*) {}
 
   FLAC__StreamDecoder* decoder_;
@@ -261,12 +261,12 @@ void Job::Run() {
     while (open && position < frames) open = Next();
     writer->CloseDevice();
   }
-  // The writer is released before the task reports its end.
+  // Release the writer before the task reports its end.
   std::exchange(writer, nullptr)->Release();
   running = false;
 }
 
-// IDispatch of a dual interface, from the engine's type library. Scripts use it.
+// Implements IDispatch, which scripts use, with the engine's type library.
 template <class I>
 class Dual : public I {
  public:
@@ -307,8 +307,8 @@ class Dual : public I {
   }
 };
 
-// One object serves one import. IImportFilter is first, because it is the interface that scripts
-// get.
+// One object serves one import. IImportFilter is the first base, because scripts get the first
+// interface.
 class FlacImport final : public Dual<IImportFilter>,
                          public Dual<IExFormatInfo>,
                          public Dual<IMetaDataReader>,
@@ -366,7 +366,7 @@ class FlacImport final : public Dual<IImportFilter>,
         Counter counter;
         if (counter.Open(bstrFileName) == S_OK) job->frames = counter.Count();
       }
-      // Limit a false length to what a file of this size can hold.
+      // Limit a false length to the frames that a file of this size can hold.
       job->frames =
           (std::min)(job->frames, job->description().bytes / kLeastBytesOfFrame * kMaxBlock);
       if (job->frames == 0) return E_FAIL;
@@ -470,8 +470,8 @@ class FlacImport final : public Dual<IImportFilter>,
     return S_OK;
   }
 
-  // A writer that the worker releases may hold the filter's last reference. Then this runs on the
-  // worker, which must not wait for itself.
+  // The worker releases the writer, which may hold the filter's last reference. Stop then runs on
+  // the worker, which must not wait for itself.
   void Stop() {
     job_->cancelled = true;
     if (!thread_.joinable()) return;
@@ -519,8 +519,8 @@ class Factory final : public IClassFactory {
   }
 };
 
-// Registers like the engine's modules: for the machine, or for the current user with
-// TESSALY_REGISTRATION=user.
+// True if TESSALY_REGISTRATION is "user". The module then registers for the current user instead of
+// the machine, like the engine's modules.
 bool IsPerUser() {
   wchar_t value[8] = L"";
   GetEnvironmentVariableW(L"TESSALY_REGISTRATION", value, 8);

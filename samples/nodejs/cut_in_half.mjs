@@ -82,7 +82,7 @@ function call(object, place, prototype, ...parameters) {
 const queryInterface = koffi.proto('int32_t __stdcall QueryInterface(void *self, void *iid, _Out_ void **object)');
 const release = koffi.proto('uint32_t __stdcall Release(void *self)');
 
-// Returns an interface of an object with its methods as functions.
+// An interface of an object, with its methods as functions.
 class Face {
   constructor(name, pointer) {
     this.pointer = pointer;

@@ -1,10 +1,10 @@
-"""The engine from Python for Windows with comtypes ("pip install comtypes"):
+"""Uses the engine from Python for Windows with comtypes ("pip install comtypes"):
 
     python cut_in_half.py IN.ogg OUT.wav
 
-Not run by the tests, which check only its syntax and the names of its calls. Needs the registered engine in
-Python's bitness. Draws no overview: ReadWaveplot declares its array of floats as short, and comtypes follows the
-declaration.
+Needs the registered engine in Python's bitness. The tests do not run this file. They check only the syntax and the
+names of the calls. The file draws no overview, because ReadWaveplot declares its array of floats as short, and
+comtypes follows the declaration.
 """
 import sys
 import time

@@ -1,14 +1,14 @@
 // Imports an audio file, deletes its second half and writes the rest as WAV:
 //   cscript cut_in_half.js IN OUT.wav FRAMES
-// FRAMES is the length of the file, which "marlinda info IN" prints. Needs the registered engine
-// and InterfacePicker.dll: see README.md.
+// "marlinda info IN" prints FRAMES, the length of the file. Needs the registered engine and the
+// registered InterfacePicker.dll (see README.md).
 //
 // Limits of the language:
-// - It cannot query an object for another interface; pick does that.
-// - It has no 64-bit numbers. The result of GetSampleCount is unusable, so the length is an argument.
+// - It cannot query an object for another interface, so InterfacePicker does that.
+// - It has no 64-bit numbers, so the length is an argument instead of the result of GetSampleCount.
 //   Arguments of methods may be whole numbers up to 2^53.
-// - It has no [out] parameters besides the result, and no arrays of floats: it cannot call ReadAudio,
-//   WriteAudio, ReadPeaks, ReadWaveplot and GetFormat.
+// - It has no [out] parameters besides the result, and no arrays of floats. Therefore it cannot call
+//   ReadAudio, WriteAudio, ReadPeaks, ReadWaveplot and GetFormat.
 if (WScript.Arguments.length != 3 || !(Number(WScript.Arguments(2)) > 0)) {
   WScript.Echo("usage: cscript cut_in_half.js IN OUT.wav FRAMES");
   WScript.Quit(2);

@@ -1,9 +1,9 @@
 ' Imports an audio file, deletes its second half and writes the rest as WAV:
 '   cscript cut_in_half.vbs IN OUT.wav
-' Needs the registered engine and InterfacePicker.dll: see README.md.
+' Needs the registered engine and the registered InterfacePicker.dll (see README.md).
 '
 ' Limits of the language:
-' - It cannot query an object for another interface; pick does that.
+' - It cannot query an object for another interface, so InterfacePicker does that.
 ' - It has no arrays of floats, so it cannot call ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot.
 '   This sample therefore draws no overview.
 Option Explicit

@@ -1,11 +1,11 @@
-// Gives scripts every interface of an object. A script gets only the default interface; this
-// object's one method returns the others:
+// Gives scripts every interface of an object. A script gets only an object's default interface. The
+// only method of InterfacePicker returns the other interfaces:
 //   Set pick = CreateObject("Tessaly.InterfacePicker")
 //   pick(filter, "ICoreTask").Start
-// "regsvr32 InterfacePicker.dll" registers it for the machine, or for the current user if the
-// environment variable TESSALY_REGISTRATION is "user".
+// "regsvr32 InterfacePicker.dll" registers the class for the machine, or for the current user if
+// the environment variable TESSALY_REGISTRATION is "user".
 #include <windows.h>
-// These need windows.h first.
+// The headers below need windows.h first.
 #include <oleauto.h>
 #include <olectl.h>
 #include <wrl/client.h>
