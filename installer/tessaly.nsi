@@ -1,9 +1,9 @@
 ; The set-up program and the uninstaller: copies the files, registers the modules of both bitnesses, lists the
 ; import filters and adds entries to the Start menu. scripts/package.sh builds it and defines VERSION, OUT and
-; FOLDER, which holds the files and has lists of them beside it.
+; FOLDER. FOLDER holds the files. Lists of the files are beside FOLDER.
 ;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
-; Installs for all users if the user is an administrator, else for the current user. Exit statuses: 0 done, 1
-; cancelled by the user, 2 refused or failed, with no changes, also for an unknown switch.
+; Installs for all users if the user is an administrator, else for the current user. Exit status 0 means done, and 1
+; cancelled by the user. 2 means refused or failed without changes, also for an unknown switch.
 
 ; A 32-bit stub would see the 32-bit view of registry and system folder.
 Target amd64-unicode
@@ -51,7 +51,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro MUI_UNPAGE_INSTFILES
 !insertmacro MUI_LANGUAGE English
 
-; Ends with a message and status 2, after a failure that changed nothing.
+; After a failure that changed nothing, shows a message and ends with status 2.
 !macro Refuse message
   DetailPrint "${message}"
   MessageBox MB_ICONSTOP "${message}" /SD IDOK
@@ -59,8 +59,8 @@ VIAddVersionKey LegalCopyright ""
   Quit
 !macroend
 
-; Modules and programs must not be in use, or only some of them would be replaced. A file in use cannot be
-; opened for writing.
+; Fails if a module or program is in use, because the set-up program could replace only the others. A file in use
+; cannot be opened for writing.
 !macro RequireUnused folder kind
   FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
   ${DoUntil} $2 == ""
@@ -88,8 +88,8 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro DefineRequireUnused ""
 !insertmacro DefineRequireUnused "un."
 
-; Registers in a separate process of the module's bitness, which unloads the module again. $0 is the status: 0
-; for success, and for a 32-bit module on a system that runs no 32-bit programs.
+; Registers the module in a separate process of the module's bitness. $0 receives the status. It is 0 on success,
+; and for a 32-bit module on a system that cannot run 32-bit programs.
 !macro Register folder module options
   StrCpy $0 0
   !if ${folder} == x64
@@ -106,7 +106,7 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Register ${folder} ${module} /u
 !macroend
 
-; The machine has one list of import filters for each bitness. marlinda.exe works without it.
+; Changes the machine's list of import filters for one bitness. marlinda.exe works without the list.
 !macro ListFilters folder options
   StrCpy $0 0
   ${If} $Scope == machine
@@ -118,8 +118,8 @@ VIAddVersionKey LegalCopyright ""
   ${EndIf}
 !macroend
 
-; Removes the empty settings keys. The engine creates them when it reads them, those of the machine if the user
-; has the right. Keys with values belong to the user or the application and stay.
+; Removes the empty settings keys. The engine creates a key when it reads settings, in the machine's settings only
+; if the user has the right. Keys with values belong to the user or the application and stay.
 !macro RemoveEmptySettings view
   SetRegView ${view}
   DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
@@ -152,7 +152,7 @@ VIAddVersionKey LegalCopyright ""
       StrCpy $5 0
     ${EndIf}
     ${If} $5 == 0
-      ; Adds semicolons at both ends, so that each folder has one on either side.
+      ; Adds semicolons at both ends, so that each folder has a semicolon on either side.
       System::Call '*$2(&i2 0x3B)'
       System::Call 'kernel32::lstrlenW(p r2) i .r6'
       ${If} $6 > 1
@@ -304,8 +304,8 @@ Section Uninstall
   Call un.TakeBack
 SectionEnd
 
-; The uninstaller runs as a copy in the temporary folder, which cannot delete itself. A command processor waits
-; for the copy to end and deletes it. It runs in the current folder that the section has set.
+; The uninstaller runs as a copy in the temporary folder. The copy cannot delete itself, so cmd.exe waits for its
+; end and deletes it. cmd.exe runs in the current folder that the section has set.
 Function un.onUninstSuccess
   ${If} $EXEDIR != $INSTDIR
     ExecShell "" "$SYSDIR\cmd.exe" '/d /c for /l %i in (1,1,60) do \
@@ -313,7 +313,7 @@ Function un.onUninstSuccess
   ${EndIf}
 FunctionEnd
 
-; Uses the registry, folders and registration of $Scope, whatever the user's TESSALY_REGISTRATION is.
+; Uses the registry, folders and registration of $Scope, and ignores the user's TESSALY_REGISTRATION.
 !macro EnterScope
   SetRegView 64
   ${If} $Scope == machine

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the benchmarks, runs them natively and under Wine, and times marlinda beside other programs:
 #   scripts/bench.sh [FILTER]      a regular expression for names of benchmarks; all by default
-# Writes build/bench/table.md; a complete run also writes its comparisons to bench/RESULTS.md. Let nothing else
-# run meanwhile. The files that whole programs read stay in build/bench/whole (0.8 GB).
+# Writes build/bench/table.md. A complete run also writes its comparisons to bench/RESULTS.md. Run nothing else
+# meanwhile. The files that whole programs read stay in build/bench/whole (0.8 GB).
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 filter=${1:-.}
 
@@ -15,8 +15,8 @@ rm -rf "$results"
 mkdir -p "$results"
 
 echo "Measuring"
-# Each program repeats its benchmarks nine times in random order, because only benchmarks measured side by side
-# are compared. A program that fails or hangs leaves its rows of the table empty.
+# Each program repeats its benchmarks nine times in random order, so that other load on the machine affects compared
+# benchmarks alike. A program that fails or hangs leaves its rows of the table empty.
 options=(
   --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true --benchmark_min_time=0.02
   --benchmark_out_format=json

@@ -10,15 +10,15 @@ preset=coverage
 [[ ${1:-} != --components ]] || preset=x64-coverage
 "$root/scripts/setup.sh" build test
 compile "$preset"
-# Remove the counts of earlier runs, which would be added.
+# Remove the counts of earlier runs, because a run adds its counts to them.
 find "$root/build/$preset" -name '*.gcda' -delete
 if [[ $preset == coverage ]]; then
   step "tests of the kernels" "ctest --preset coverage --rerun-failed" \
     env -C "$root" ctest --preset coverage --no-tests=error
 else
   shift
-  # This build is so slow that CTest ends some tests; the lines that they ran still count. Packages are made
-  # from another build.
+  # This build is so slow that CTest ends some tests. The lines that such tests ran still count. The package tests
+  # need another build.
   log=$logs/coverage-components.log
   env -C "$root" "$root/scripts/wine-session" ctest --preset x64-coverage --no-tests=error -LE '^sound$' \
     -E '^package' >"$log" 2>&1 </dev/null || true

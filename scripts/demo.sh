@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Demonstrates the engine: imports an Ogg Vorbis file, cuts it, inserts a second of silence, labels and a section
-# marker, draws it and writes a WAV file. Other programs then describe this file. Plays it if the machine has a
-# sound device. First installs and builds what is missing. Leaves the results in build/demo.
+# marker, draws the result and writes a WAV file. Other programs then describe this file. Plays the file if the
+# machine has a sound device. Installs and builds what is missing first. Leaves the results in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo
@@ -13,8 +13,8 @@ folder=$root/build/demo
 rm -rf "$folder"
 mkdir -p "$folder"
 
-# show TEXT COMMAND...: prints TEXT, the command as a person would type it, and runs the command. Its output
-# goes to log.txt and `said`.
+# show TEXT COMMAND...: prints TEXT, which is the command as a person would type it, and runs COMMAND. The output of
+# COMMAND goes to log.txt and `said`.
 show() {
   local shown=$1
   shift
@@ -25,7 +25,7 @@ show() {
   }
   printf '$ %s\n%s\n\n' "$shown" "$said" >>log.txt
 }
-# pick REGEX: prints its first group from the last command's output.
+# pick REGEX: prints the first group of REGEX in the last command's output.
 pick() {
   [[ $said =~ $1 ]] || die "the last output in log.txt does not match $1"
   printf '%s' "${BASH_REMATCH[1]}"
@@ -53,7 +53,7 @@ demo() {
   printf '    labels "%s" and "%s", title "%s"\n' "$(pick $'labl : 0 : ([^\n]+)')" \
     "$(pick $'labl : 1 : ([^\n]+)')" "$(pick $'INAM : ([^\n]+)')"
 
-  # Without a device, the sound library prints many messages.
+  # Play only with a device. Without one, the sound library prints many messages.
   if marlinda devices 2>/dev/null | grep -qx "outputs: none"; then
     echo '"marlinda devices" finds no output on this machine, so the result is not played.'
   else

@@ -18,8 +18,8 @@ mkdir -p "$package"
 lay_out() {
   cmake --install "$root/build/x64" --strip --prefix "$folder" &&
     cmake --install "$root/build/x86" --strip --component programs --prefix "$folder" || return
-  # Licence texts: of linked libraries from their sources, of header-only libraries and the compiler's runtime
-  # from Debian's packages.
+  # Licence texts of linked libraries come from the libraries' sources. Licence texts of header-only libraries and
+  # the compiler's runtime come from Debian's packages.
   local stamp library place
   for stamp in "$root"/build/deps/x64/.built-*; do
     library=${stamp##*.built-}

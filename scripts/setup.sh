@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs missing packages on a Debian machine, as root, and builds the libraries that the engine links:
 #   scripts/setup.sh [GROUP...]     groups: build test demo lint bench fuzz package; "build test" by default
-# If nothing is missing, it takes a fraction of a second.
+# If nothing is missing, the script takes a fraction of a second.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 # Cross compilers, the interface compiler (widl and the files that it reads), header-only libraries, tools to

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Long tests of the device classes: ten minutes of gapless playback and five of recording, compared bit for
-# bit, and ten thousand starts and stops each of playing, recording and scrubbing. Takes about forty minutes;
-# scripts/test.sh does not include it.
+# Runs long tests of the device classes: ten minutes of gapless playback and five of recording, compared bit for
+# bit, and ten thousand starts and stops each of playing, recording and scrubbing. The run takes about forty
+# minutes, so scripts/test.sh does not include it.
 #   scripts/soak-device.sh [CYCLES [SECONDS]]     10000 cycles and 600 seconds by default
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 cycles=${1:-10000} seconds=${2:-600}

@@ -50,8 +50,8 @@ part_files() {
     "$root/build/damaged" "${numbers[@]}"
 }
 
-# Loads, uses and unloads the module 900 times. A process can do so about 1,000 times with a module built with
-# mingw-w64.
+# Loads, uses and unloads the module 900 times. A process can load a module built with mingw-w64 only about 1,000
+# times.
 part_loads() {
   compile x64 Tessaly abuse_process_end_tests
   TESSALY_LOAD_CYCLES=900 under_wine "900 cycles of load, use and unload" "$root/scripts/wine-run" \

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs missing packages, builds, and runs only the tests that play, record and scrub, on private sound
-# servers. They run in real time, about three minutes; scripts/test.sh runs them in parallel with others.
+# Installs missing packages, builds, and runs only the tests that play, record and scrub, on private sound servers.
+# The tests run in real time, about three minutes. scripts/test.sh runs them in parallel with others.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" build test

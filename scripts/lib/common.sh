@@ -1,10 +1,10 @@
-# Shared by the scripts: paths, running a step, configuring and building a preset. Source it; it sets `root`
-# and works from any current folder.
+# Shared by the scripts: paths, running a step, configuring and building a preset. Sourcing it sets `root` and works
+# from any current folder.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 logs=$root/build/logs
 mkdir -p "$logs"
-# Temporary files of compilers and tests, so that none stay in the system's folder.
+# Compilers and tests put temporary files here, so that none stay in the system's folder.
 export TMPDIR=$root/build/tmp
 mkdir -p "$TMPDIR"
 
@@ -13,8 +13,8 @@ die() {
   exit 1
 }
 
-# step [-q] WHAT REMEDY COMMAND...: runs a command with its output in a log. Prints one line on success (none
-# with -q); on failure the end of the log, its path and REMEDY.
+# step [-q] WHAT REMEDY COMMAND...: runs a command with its output in a log. On success, prints one line, or nothing
+# with -q. On failure, prints the end of the log, its path and REMEDY.
 step() {
   local quiet=
   if [[ $1 == -q ]]; then
