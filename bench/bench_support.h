@@ -1,4 +1,4 @@
-// Shared by the benchmarks: noise as input, and sample counts.
+// Noise and sample counts that the benchmarks share.
 #pragma once
 
 #include <benchmark/benchmark.h>

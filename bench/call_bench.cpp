@@ -1,5 +1,5 @@
-// Single calls: a small read beside a bare fill of its array; the start of an export task and of
-// scrubbing beside a bare thread. Only the call is timed, not the thread's work.
+// Times single calls: a small read beside filling its array, and the start of an export task and of
+// scrubbing beside the start of a thread. The thread's work is not timed.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -48,7 +48,7 @@ BENCHMARK(FillSilence);
 
 DWORD WINAPI Nothing(void*) { return 0; }
 
-// Stop of the scrubber takes this many milliseconds, in which caches go cold. The bare thread
+// The scrubber's Stop takes this many milliseconds, and caches go cold meanwhile. The bare thread
 // therefore starts after the same pause.
 constexpr DWORD kScrubPause = 100;
 

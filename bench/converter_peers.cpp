@@ -1,4 +1,4 @@
-// Peers of the sample converters, in the same program: libsndfile with memory files, and
+// Measures peers of the sample converters in the same program: libsndfile with memory files, and
 // libswresample.
 #include <benchmark/benchmark.h>
 #include <sndfile.h>

@@ -1,5 +1,5 @@
-// Decoding an Ogg Vorbis file without task and writer, beside the same build of the codec library
-// alone.
+// Measures the decoder of Ogg Vorbis files without task and writer, and the codec library alone.
+// Both use the same build of the library.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>
 
@@ -47,7 +47,7 @@ void LibraryDecode(benchmark::State& state) {
   }
 }
 
-// The argument is the number of threads; 0 means one for each core.
+// The argument is the number of threads. 0 means one thread for each core.
 void Decode(benchmark::State& state) {
   const auto given = static_cast<unsigned>(state.range(0));
   const unsigned threads = given != 0 ? given : std::thread::hardware_concurrency();

@@ -1,5 +1,5 @@
-// The document through its interfaces, by number of segments: reading, editing, opening a change,
-// and the overview.
+// Measures a document's interfaces for different numbers of segments: reading, editing, opening a
+// change, and the overview.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -126,7 +126,7 @@ struct PoolTake {
   __int64 frames = 0;
 };
 
-// Repeated draws use the peaks that the first draw left in the reader's cache.
+// Repeated draws use the peaks that the first draw has stored in the reader's cache.
 void DrawPoolTake(benchmark::State& state, bool repeated) {
   const PoolTake& take = PoolTake::Of(state.range(0));
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);
@@ -167,7 +167,7 @@ void ScanPoolTakeFlat(benchmark::State& state) {
 }
 BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// Draws 255 frames a column, the most that are drawn from samples. Its peer reads the samples.
+// Draws 255 frames a column, the most that are drawn from samples. The peer reads only the samples.
 void DrawPoolSamples(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(1);
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);

@@ -19,7 +19,7 @@ namespace {
 
 using namespace bench;
 
-// Sizes in samples: a block that fits into the cache with its result, and one that does not.
+// Sizes in samples. Only the first block fits into the cache together with its result.
 constexpr std::int64_t kInCache = 16'384;
 constexpr std::int64_t kOutOfCache = std::int64_t{1} << 24;
 const std::vector<std::int64_t> kLevels = {0, 1, 2};
@@ -122,7 +122,7 @@ void PeaksByDefinition(benchmark::State& state) {
 BENCHMARK(PeaksByDefinition);
 
 // Mode 1 is noise shaping alone, mode 2 adds triangular noise. In near silence the filter decays
-// towards denormals, which must not slow it down.
+// towards denormals, which must not slow down the filter.
 void Dither(benchmark::State& state) {
   const Level level(state, state.range(2));
   std::vector<float> source = Noise(8192);

@@ -1,5 +1,5 @@
-// The Ogg import through COM beside decoding the same file with the same build of the codec
-// library. The difference is the cost of task, conversion to floats and blocks.
+// Measures the Ogg import through COM, and the codec library alone with the same file and build.
+// The difference is the cost of task, conversion to floats and blocks.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>
 

@@ -1,4 +1,4 @@
-// The pool through its interfaces beside bare system calls on a file of the same kind. Bytes per
+// Measures the pool's interfaces, and bare system calls on a file of the same kind. Bytes per
 // second count only the audio file.
 #include <benchmark/benchmark.h>
 
@@ -91,8 +91,8 @@ void WriteToBareFile(benchmark::State& state) {
 }
 BENCHMARK(WriteToBareFile)->ArgName("bits")->Arg(32)->UseRealTime();
 
-// Returns random positions, the same for pool and file. Each position is read once before the
-// measurement.
+// Returns random positions, the same for pool and file. The benchmark reads each position once
+// before it measures.
 std::vector<__int64> Places(__int64 frames_read) {
   std::minstd_rand random(2);
   std::uniform_int_distribution<__int64> frame(0, kMinuteFrames - frames_read);
@@ -101,7 +101,7 @@ std::vector<__int64> Places(__int64 frames_read) {
   return places;
 }
 
-// Extends the file to `size` with zeros, without writing them.
+// Extends the file to `size` with zeros, without writing the zeros.
 void Extend(HANDLE file, __int64 size) {
   SeekTo(file, size);
   if (!SetEndOfFile(file)) throw HResultError(LastErrorResult());

@@ -1,5 +1,5 @@
-// The recorder's float queue in pieces of 1,024 samples, by fill level, beside the minimum work:
-// copying each piece into memory of that size and out of it.
+// Measures the recorder's float queue with pieces of 1,024 samples at different fill levels. The
+// peer does the minimum work: it copies each piece into memory of that size and out of it.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

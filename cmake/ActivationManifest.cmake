@@ -1,8 +1,7 @@
-# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes without
-# registration. Writes <target>.exe.manifest into the program's folder. Tessaly.dll must be in the same
-# folder; so must Converter.dll to convert formats, and Mp3Encoder.dll to write MP3 files. Classes and
-# identifiers come from the IDL. The installed CMake package includes this file; there the IDL is in the
-# include folder.
+# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes without registration.
+# Writes <target>.exe.manifest into the program's folder, which must also hold Tessaly.dll, Converter.dll to convert
+# formats, and Mp3Encoder.dll to write MP3 files. Classes and identifiers come from the IDL. The installed CMake
+# package includes this file and has the IDL in the include folder.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
   if(NOT EXISTS ${idl})
@@ -23,8 +22,8 @@ function(tessaly_activation_manifest target)
     message(FATAL_ERROR "No library found in ${idl}")
   endif()
 
-  # Interfaces are listed because a client in another apartment uses a proxy, which the type library
-  # describes.
+  # The manifest lists interfaces, because a client in another apartment needs proxies. The type library describes
+  # the proxies.
   set(proxies)
   string(REGEX MATCHALL "<[^<>]*>${blank}interface[ \t\r\n]+[A-Za-z0-9_]+" interfaces "${text}")
   foreach(interface IN LISTS interfaces)

@@ -26,7 +26,7 @@ if(MSVC)
       VERBATIM)
   endforeach()
 else()
-  # Debian installs the compiler as widl only with the wrapper scripts.
+  # Debian names the compiler widl only if Wine's wrapper scripts are installed.
   find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
   find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
             NO_CMAKE_FIND_ROOT_PATH REQUIRED)

@@ -8,8 +8,8 @@ else()
   set(dependencies_target x86)
 endif()
 
-# tessaly_find_package(<name>): calls find_package for these libraries only, so that no other build of a
-# library is used. A macro, because find_package sets variables of its caller.
+# tessaly_find_package(<name>): calls find_package for these libraries only, so that no other build of a library is
+# used. This is a macro, because find_package sets variables of its caller.
 macro(tessaly_find_package name)
   if(MSVC)
     find_package(${name} CONFIG QUIET GLOBAL) # finds the build of vcpkg.json

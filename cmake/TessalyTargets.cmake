@@ -4,7 +4,7 @@ add_library(tessaly_options INTERFACE)
 if(MSVC)
   target_compile_options(tessaly_options INTERFACE /W4 /WX /permissive- /utf-8)
 else()
-  # No contraction: a fused multiply and add rounds once instead of twice, but sample values must be the same
+  # Disables contraction. A fused multiply and add rounds once instead of twice, but sample values must be the same
   # in every build.
   target_compile_options(tessaly_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ffp-contract=off)
 endif()
@@ -46,14 +46,14 @@ function(tessaly_kernels folder)
 endfunction()
 
 # tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA, which not every processor
-# has. The sources must not define inline functions that other files use: the linker keeps one copy of each.
+# has. The sources must not define inline functions that other files use, because the linker keeps one copy of each.
 function(tessaly_avx2_sources)
   if(MSVC)
     set(options /arch:AVX2)
   else()
     set(options -mavx2 -mfma)
     if(MINGW)
-      # GCC assumes a stack aligned for wide registers, but on Windows it is not.
+      # GCC assumes that the stack is aligned for wide registers, but on Windows it is not.
       list(APPEND options -Wa,-muse-unaligned-vector-move)
     endif()
   endif()

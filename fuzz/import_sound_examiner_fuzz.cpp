@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the parsers of sound files and reads or decodes the samples that they
-// find.
+// Feeds arbitrary bytes to the parsers of sound files, and reads or decodes the samples that the
+// parsers find.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Opens the input as an Ogg Vorbis file and reads it, or a part of it, to its end, on one thread
-// and on several. The samples must be equal. The last byte selects the part and the block size.
+// Reads the input, or a part of it, as an Ogg Vorbis file, once on one thread and once on several.
+// Both runs must return the same samples. The last byte selects the part and the block size.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

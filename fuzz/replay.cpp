@@ -1,5 +1,5 @@
-// Runs a fuzzer over the files of folders: whole, truncated (small files at every byte, others at
-// many places) and with changed bytes. Repeats earlier findings without the fuzzer's compiler.
+// Runs a fuzzer over the files of folders: whole, truncated (small files at every byte, other files
+// at many places) and with changed bytes. Works without the fuzzer's compiler.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
