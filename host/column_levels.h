@@ -35,7 +35,7 @@ class ColumnLevels {
 
   // One (minimum, maximum) pair for each channel of each column.
   std::span<const float> pairs() const { return pairs_; }
-  // One root mean square for each channel of each column. Empty unless `rms` was true.
+  // One root mean square for each channel of each column. Empty if `rms` was false.
   std::vector<float> RootMeanSquares() const {
     std::vector<float> result(squares_.size());
     for (std::size_t i = 0; i < result.size(); ++i) {

@@ -75,8 +75,8 @@ int DrawDocument(IEditedAudio* document, const Annotations& annotations,
   Check(reader->GetSampleCount(&frames));
 
   const FrameRange range = ResolveRange(request.range, frames, rate);
-  // Columns without samples keep the initial value, silence. The method expects floats, although
-  // the type library declares another type.
+  // ReadWaveplot expects floats, although the type library declares another type. It leaves columns
+  // without samples at 0, which is silence.
   const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
                            static_cast<std::size_t>(channels));
   Check(document->ReadWaveplot(range.begin, range.end, columns.get()));

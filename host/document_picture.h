@@ -19,10 +19,10 @@ struct PictureRequest {
   std::optional<int> height = {};  // default: 320, more for many channels
   TimeRange range = {};
   PictureStyle style = {};
-  bool rms = false;  // also draws each column's root mean square; reads all samples
+  bool rms = false;  // also draws each column's root mean square, from all samples
 };
 
-// Checks the request; call it before a long import. Throws a HostError.
+// Checks the request. Call CheckPicture before a long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
 // Draws the document with the given labels and markers and returns the picture's height. Throws a

@@ -473,8 +473,8 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // The length of a compressed file may be an estimate before the import, and afterwards count only
-  // the frames that were decoded.
+  // Before the import, the length of a compressed file may be an estimate. Afterwards, it may count
+  // only the frames that were decoded.
   const __int64 promised = std::max(Frames().value_or(0),
                                     audio.frames < announced_ - audio.format.rate ? announced_ : 0);
   const auto task = TryQuery<ICoreTask>(filter_.Get());

@@ -101,7 +101,7 @@ class OpenReader {
   IAudioReader* reader_;
 };
 
-// Reads the range of an open reader block by block. NaN is silence, and infinity full scale.
+// Reads the range of an open reader block by block. NaN becomes 0, and infinity full scale.
 using BlockFunction = std::function<void(__int64 position, std::span<const float> samples)>;
 void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
                   const BlockFunction& take);
@@ -120,7 +120,7 @@ struct ImportedAudio {
 // Fills an empty document with the audio.
 void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
-// Receives blocks of samples in sequence. NaN is silence, and infinity full scale.
+// Receives blocks of samples in sequence, in which NaN is 0 and infinity is full scale.
 using SampleFunction =
     std::function<void(const AudioFormat& format, std::span<const float> samples)>;
 
@@ -144,7 +144,7 @@ class Source {
   std::optional<AudioFormat> Format() const;
   std::optional<int> BitsPerSample() const;
   std::optional<std::int64_t> BitRate() const;
-  // True if the samples may be floats, and so NaN or infinite.
+  // True if the samples may be floats, which can be NaN or infinite.
   bool MayHoldFloats() const { return BitsPerSample().value_or(32) >= 32; }
   std::optional<__int64> Frames() const;
   Tags ReadTags() const;
@@ -214,9 +214,9 @@ class FileExport {
   // of the part already written. Removes a file that is incomplete for another reason.
   //
   // Samples of full scale and above become the highest code, and NaN becomes silence. `bits` only
-  // applies to WAV; for other kinds the result holds only the file's size. `driver` is a task that
-  // runs the export filter; if null, the filter runs itself. `floats` is false if no sample is NaN,
-  // which saves time.
+  // applies to WAV. For other kinds, the result holds only the file's size. `driver` is a task that
+  // runs the export filter; if null, the filter runs itself. To save time, pass false as `floats`
+  // if no sample is NaN.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr, bool floats = true);
   // Removes the written file.

@@ -14,8 +14,8 @@ void RequireReadable(const std::string& file);
 // file's contents and leaves no new file behind.
 void RequireWritable(const std::string& file);
 
-// Throws a HostError if the output cannot be a file: its folder does not exist, or it is a folder,
-// a device such as CON, or one of the inputs.
+// Throws a HostError if the output cannot be a file, because its folder does not exist, or because
+// the output is a folder, a device such as CON, or one of the inputs.
 void RequireWritablePlace(const std::string& output, const std::vector<std::string>& inputs);
 
 // Writes a file, or replaces an existing one. On failure, removes the incomplete file and throws a

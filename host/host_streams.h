@@ -121,9 +121,9 @@ inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
   return writer;
 }
 
-// For exports. At 24 and 32 bits the engine scales samples by 2^31, where +1.0 does not fit and
-// becomes the lowest code, as NaN does at each width. Therefore samples of 1.0 and above become the
-// greatest float below 1.0, and NaN becomes silence.
+// For exports. At 24 and 32 bits, the engine scales samples by 2^31, so that +1.0 overflows to the
+// lowest code. NaN becomes the lowest code at each width. Therefore the returned reader replaces
+// samples of 1.0 and above by the greatest float below 1.0, and NaN by 0.
 inline ComPtr<IAudioReader> ClampSamples(IAudioReader* source) {
   return ReadWith(source, [](IAudioReader* clamped, __int64 position, SAFEARRAY* array) {
     constexpr float kLargestSample = 0x1.fffffep-1F;

@@ -1,4 +1,4 @@
-// JoinedSource: several input files in sequence, used as one.
+// JoinedSource: several input files in sequence, used as a single file.
 #pragma once
 
 #include <deque>
@@ -27,7 +27,7 @@ inline void Append(const Annotations& more, __int64 offset, Annotations& all) {
 
 class JoinedSource {
  public:
-  // Opens all files, of which there must be at least one. Throws for the first unreadable file.
+  // Opens all files. At least one is required. Throws for the first file that cannot be read.
   explicit JoinedSource(std::span<const std::string> files) {
     for (const std::string& file : files) sources_.emplace_back(file);
   }

@@ -65,7 +65,7 @@ HostError WrongLine(const CLI::App& app, const std::vector<std::string>& argumen
   }
   const std::size_t colon = reason.find(':');
   if (error.get_name() == "ArgumentMismatch" && colon != reason.npos) {
-    const bool missing = reason.ends_with("missing");  // after the parser's name of a type
+    const bool missing = reason.ends_with("missing");  // follows the parser's name of the type
     reason.replace(colon, reason.npos,
                    missing ? ": its value is missing" : ": it may be given only once");
   }

@@ -7,7 +7,7 @@
 
 namespace marlinda {
 
-// The status 5 is unused, because a crashed program exits with it.
+// Status 5 is unused, because a crashed program exits with status 5.
 enum class ExitStatus {
   kSuccess = 0,
   kFailure = 1,

@@ -15,7 +15,7 @@ constexpr float kLowestDecibels = -60.0F;
 
 std::string LevelBar(float level, std::size_t width) {
   if (level >= 1.0F) return std::string(width - 1, '#') + "!";
-  // NaN is drawn as silence, too.
+  // Draws NaN as silence.
   if (!(level > 0.0F)) return std::string(width, ' ');
   const float share = 1.0F - 20.0F * std::log10(level) / kLowestDecibels;
   const auto filled = static_cast<std::size_t>(std::max(0.0F, share) * static_cast<float>(width));

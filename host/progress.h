@@ -30,7 +30,7 @@ class StatusLine {
 // Returns "title [#####     ]  50 %". A fraction outside 0 to 1 is clamped; NaN counts as 0.
 std::string ProgressLine(std::string_view title, double fraction);
 
-// Destinations of the progress; null for none.
+// Destinations of the progress. Null means no output.
 struct ProgressOutput {
   std::ostream* terminal = nullptr;  // one line, redrawn for a person
   std::ostream* lines = nullptr;     // a line for each percent, for a program

@@ -21,7 +21,7 @@ bool IsAllDigits(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// Parses digits; an empty text is 0.
+// Parses digits. An empty text gives 0.
 std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
   std::int64_t value = 0;
   if (digits.empty()) return value;

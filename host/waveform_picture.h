@@ -20,9 +20,9 @@ struct Waveform {
   // One (minimum, maximum) pair for each channel of each column. Columns are one pixel wide and
   // fill the picture.
   std::span<const float> pairs;
-  // One root mean square for each channel of each column; may be empty.
+  // One root mean square for each channel of each column. May be empty.
   std::span<const float> rms;
-  // The interleaved frames, drawn instead of the pairs; empty if there are too many to draw singly.
+  // Interleaved frames, drawn instead of the pairs. Empty if there are too many to draw singly.
   std::span<const float> samples;
   int channels = 0;
   // The frames that the columns show; `end` is exclusive.

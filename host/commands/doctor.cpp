@@ -142,13 +142,13 @@ HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
-// The kinds of tones in the program's resources.
+// The kinds of files with a tone in the program's resources.
 constexpr std::array kKinds = {"AIFF", "AU",  "AVI", "FLAC", "MOV", "MP3",
                                "MPG",  "OGG", "WAV", "WMA",  "WMV"};
 constexpr DWORD kDecodingSeconds = 30;
 
-// Extracts the tone of that kind and starts to write its peaks beside it. A process of its own,
-// because a decoder of the system can crash or hang.
+// Extracts the tone of that kind and starts a process that writes the tone's peaks beside it. A
+// separate process is needed, because a decoder of the system can crash or hang.
 KernelHandle StartDecoding(const std::string& program, const std::filesystem::path& folder,
                            const char* kind) {
   const HRSRC tone = FindResourceA(nullptr, kind, "TONE");
@@ -158,9 +158,9 @@ KernelHandle StartDecoding(const std::string& program, const std::filesystem::pa
   std::wstring line = Widen("marlinda peaks \"" + file + "\" \"" + file + ".json\"");
   STARTUPINFOW startup = {};
   startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;  // none, so no messages
+  startup.dwFlags = STARTF_USESTDHANDLES;  // without streams, so that it prints no messages
   PROCESS_INFORMATION process = {};
-  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // inherited: no crash dialogs
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // the process inherits it
   if (CreateProcessW(Widen(program).c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
                      nullptr, &startup, &process) == FALSE) {
     throw HResultError(LastErrorResult());
@@ -169,14 +169,14 @@ KernelHandle StartDecoding(const std::string& program, const std::filesystem::pa
   return KernelHandle(process.hProcess);
 }
 
-// Waits for the process and returns why it could not decode the tone; empty if it could.
+// Waits for the process. Returns why it could not decode the tone, or an empty text if it could.
 std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_file,
                             ULONGLONG deadline) {
   const ULONGLONG now = std::min(GetTickCount64(), deadline);
   DWORD status = 0;
   if (WaitForSingleObject(process, static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0) {
     TerminateProcess(process, 1);
-    WaitForSingleObject(process, 1000);  // until then its files cannot be removed
+    WaitForSingleObject(process, 1000);  // its files cannot be removed earlier
     return "no answer in " + std::to_string(kDecodingSeconds) + " s";
   }
   GetExitCodeProcess(process, &status);
@@ -185,7 +185,7 @@ std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_f
   if (status != 0) return "status " + std::to_string(status);
   std::ifstream stream(peaks_file);
   const Json peaks = Json::parse(stream, nullptr, false);
-  constexpr int kLoud = 8000;  // half the tone's level
+  constexpr int kLoud = 8000;  // half of the tone's level
   const bool is_loud =
       peaks.is_object() &&
       std::ranges::any_of(peaks["data"], [](const Json& code) { return code > kLoud; });
@@ -193,7 +193,7 @@ std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_f
 }
 
 // Runs every check, even after problems. Opens the default sound devices briefly and makes the
-// engine create temporary files; leaves nothing behind.
+// engine create temporary files. Leaves nothing behind.
 class Doctor {
  public:
   Doctor() {
@@ -526,7 +526,7 @@ class Doctor {
     }
   }
 
-  // Not after other problems, which would make every kind fail.
+  // Tries no decoders after other problems, because every kind would fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

@@ -34,7 +34,7 @@ Colour ParseColour(const std::string& text) {
   return {part(0), part(2), part(4)};
 }
 
-// Draws the range while it is decoded, without storing it. Returns nothing if its columns are so
+// Draws the range while the file is decoded, without a pool. Returns nothing if the columns are so
 // narrow that a pool is as fast, or if the file holds less than it announces.
 std::optional<int> DrawStream(Source& source, const FrameRange& range, const AudioFormat& format,
                               const Annotations& annotations, const PictureRequest& picture,

@@ -115,7 +115,7 @@ bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   }
 }
 
-// Returns why the recording ended early, or nothing.
+// Returns the reason why the recording ended early, or nothing if it did not.
 std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
                                 const AudioFormat& format, std::int64_t frames,
                                 const DeviceChoice& device, const Console& console) {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Regenerates the files with which "marlinda doctor" tests decoders, with ffmpeg: a quarter of a second of a tone
-# in each kind of file, AVI, MOV, MPG and WMV with a tiny black picture.
+# Uses ffmpeg to make the files with which "marlinda doctor" tests decoders: a tone of a quarter of a second in each
+# kind of file. AVI, MOV, MPG and WMV files also have a tiny black picture.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
