@@ -100,7 +100,7 @@ void DrawOverview(benchmark::State& state) {
 }
 BENCHMARK(DrawOverview)->Arg(1)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMicrosecond);
 
-// A mono take of one or ten hours in a pool of its own, made once.
+// A mono take of one or ten hours. Each length has its own pool, which is made once.
 struct PoolTake {
   explicit PoolTake(__int64 hours) : pool(Create<IAudioPool>(CLSID_CAudioPool)) {
     auto writer = As<IAudioWriter>(pool);
@@ -144,7 +144,7 @@ void DrawPoolTake(benchmark::State& state, bool repeated) {
 BENCHMARK_CAPTURE(DrawPoolTake, Repeated, true)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(DrawPoolTake, First, false)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// Reads all peaks of the take through its reader and compares each once.
+// Reads all peaks of the take through its reader and compares each peak once.
 void ScanPoolTakeFlat(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(state.range(0));
   const auto peaks = As<IPeakReader>(take.Reader());

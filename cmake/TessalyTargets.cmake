@@ -14,7 +14,7 @@ if(WIN32)
                               WINVER=0x0601)
 endif()
 # Address space layout randomisation and stack protection make memory errors harder to exploit. The linker
-# sets the other image flags by default; a test checks all of them.
+# sets the other image flags by default. A test checks all flags.
 if(MSVC)
   target_link_options(tessaly_options INTERFACE /DYNAMICBASE /NXCOMPAT)
 else()

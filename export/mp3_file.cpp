@@ -211,7 +211,7 @@ class Mp3File final : public EncodedFile {
     if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
   }
 
-  // Throws the file's error if there is one, because `hr` is then only its result in the encoder.
+  // Throws the file's error if there is one, otherwise `hr`. The file's error causes the encoder's.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);

@@ -110,7 +110,7 @@ class RadioDialog : public SettingsDialog {
       : SettingsDialog(template_id, value), choices_(choices) {}
 
  private:
-  // The checked button gets the initial focus. Without one, OK gets the focus, because a radio
+  // The checked button gets the initial focus, or OK if no button is checked, because a radio
   // button counts as clicked when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
@@ -201,7 +201,7 @@ class CMpegSettings final : public SettingsDialog {
   const int max_bit_rate_kbit_;
 };
 
-// Converts a number that the host passes to a window handle. Window handles have 32 significant
+// Returns the window handle that a host has passed as a number. Window handles have 32 significant
 // bits on every Windows.
 inline HWND WindowOfNumber(ULONG number) noexcept {
   return static_cast<HWND>(LongToHandle(static_cast<LONG>(number)));

@@ -36,7 +36,7 @@ class WavSampleEncoder {
         format_.is_float ? raw.size() : samples.size() * PcmBytesPerSample(format_.bits);
     if (buffer_.size() < std::max(size, encoded)) buffer_.resize(std::max(size, encoded));
     if (format_.is_float) {
-      // Copies the floats without conversion.
+      // The file and the memory have the same byte order.
       static_assert(std::endian::native == std::endian::little);
       std::ranges::copy(raw, buffer_.begin());
     } else {

@@ -1,4 +1,4 @@
-// CWaveWriter: writes everything that passes through it into a WAV file.
+// CWaveWriter: passes audio on to another writer and writes it into a WAV file.
 #include <marlinda.h>
 
 #include <cstdint>

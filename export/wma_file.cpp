@@ -1,4 +1,4 @@
-// WMA files, written by the system's Windows Media writer with a profile of one audio stream.
+// Writes WMA files with the system's Windows Media writer and a profile of one audio stream.
 
 #include <dshow.h>
 #include <mmreg.h>

@@ -7,8 +7,8 @@
 
 namespace marlinda {
 
-// Both functions return nothing if the file is of another kind. They refuse compressed samples: the
-// system's filters crash on such AIFF-C files and play the header of such AU files as sound.
+// Both return nothing if the file is of another kind. They refuse samples that need a decoder,
+// because the system's filters crash on such AIFF-C files and play such AU files' headers as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

@@ -111,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // Allows no section if a chain changes its format: progress would not show the missing part.
+  // Returns 0 if a chain changes its format. Progress of a section would hide the missing part.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

@@ -180,7 +180,7 @@ bool HasSound(Bytes header_list) {
   return has_sound;
 }
 
-// Returns the format after decoding to 16 bits, or nothing for impossible channels or rates.
+// Returns the format after decoding to 16 bits, or nothing if channels or rate are impossible.
 std::optional<PcmFormat> Decoded(const WaveFields& wave) {
   if (wave.channels == 0 || wave.channels > kMaxFrameBytes / 2 || wave.samples_per_sec == 0 ||
       wave.samples_per_sec > std::numeric_limits<std::int32_t>::max()) {
@@ -200,7 +200,7 @@ class RiffWalk {
     if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
     is_wave_ = IdAt(header, 8) == "WAVE";
     is_avi_ = IdAt(header, 8) == "AVI ";
-    // A writer that could not seek back to fill in the size leaves 0 or the maximum.
+    // A program that cannot seek back to fill in the size leaves 0 or the maximum there.
     const std::uint64_t size = LittleU32(header, 4);
     const bool known = size >= 4 && size != kUnknownSize;
     WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());

@@ -93,7 +93,7 @@ struct VorbisStream::Decoder {
     return callbacks;
   }
 
-  // ov_clear allocates memory, so it may throw. It may also follow a failed Open.
+  // ov_clear allocates memory, so it may throw. After a failed Open, ov_clear is allowed.
   ~Decoder() {
     if (!whole) return;
     try {
@@ -209,8 +209,8 @@ std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   return 0;
 }
 
-// Converts the library's floats, which is faster than the library's own 16-bit decoding. Samples
-// and blocks are the same.
+// Converts the library's floats, which is faster than the library's own 16-bit decoding. Both ways
+// give the same samples in the same blocks.
 std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);

@@ -59,8 +59,8 @@ VIAddVersionKey LegalCopyright ""
   Quit
 !macroend
 
-; Fails if a module or program is in use, because the set-up program could replace only the others. A file in use
-; cannot be opened for writing.
+; Fails if a module or program is in use, because the set-up program could replace only the other files. A file in
+; use cannot be opened for writing.
 !macro RequireUnused folder kind
   FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
   ${DoUntil} $2 == ""
@@ -332,7 +332,7 @@ Function .onInit
   UserInfo::GetAccountType
   Pop $R0
   ${GetParameters} $R1 ; without /D
-  ; Rejects mistyped switches, which would otherwise be ignored.
+  ; Rejects mistyped switches, because the set-up program would ignore them.
   ${WordReplace} " $R1 " " " "  " "+" $R3 ; each word has its own two spaces
   ${WordReplace} $R3 " /S " "" "+" $R3
   ${WordReplace} $R3 " /NCRC " "" "+" $R3

@@ -76,7 +76,7 @@ part_loss() {
     "$root/scripts/wine-session" python3 -B "$root/tests/device/device_loss_test.py" "$abuse/sound_tool.exe"
 }
 
-# Compares the memory use of ten hours of audio with that of ten minutes.
+# Compares the memory that ten hours and ten minutes of audio use.
 part_memory() {
   compile x64 Tessaly marlinda
   under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"

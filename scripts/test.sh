@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs missing packages, builds everything, runs every test and checks the format of the code. Kernels run
-# natively under sanitizers; kernels and components run under Wine in 64 and 32 bits, with private sound
-# servers. Prints a summary; the status is 0 only if everything passed.
+# natively under sanitizers. Kernels and components run under Wine in 64 and 32 bits, with private sound
+# servers. Prints a summary. The status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 

@@ -565,7 +565,7 @@ STDAPI DllRegisterServer() {
 }
 
 STDAPI DllUnregisterServer() {
-  // Ignore the result: the value may be missing.
+  // Ignore the result, because the value may be missing.
   if (!IsPerUser()) RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFilterList, kListedAs);
   const LSTATUS status =
       RegDeleteTreeW(IsPerUser() ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE, kClassKey);

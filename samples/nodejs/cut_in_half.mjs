@@ -3,7 +3,7 @@
 //     npm install koffi
 //     node cut_in_half.mjs IN.ogg OUT.wav
 //
-// Needs the registered engine in Node's bitness. Node does not support COM; koffi is one of several
+// Needs the registered engine in Node's bitness. Node does not support COM. koffi is one of several
 // packages that call native functions.
 import koffi from 'koffi';
 import { setTimeout as sleep } from 'node:timers/promises';
