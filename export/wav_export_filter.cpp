@@ -157,7 +157,7 @@ class CWavExportFilter final
     return HandOut(pbHasSettings, true);
   }
   STDMETHODIMP ShowSettingsDlg(BSTR, ULONG nHwndParent) override {
-    // The dialog dispatches messages, and a message handler may release the last reference.
+    // Keeps this object alive, because a message handler may release it while the dialog is open.
     const ComPtr<IUnknown> alive(OuterUnknown());
     ComCall([&] {
       CWavSettings settings(bits_per_sample_, is_float_);

@@ -210,8 +210,8 @@ class FileExport {
   // Throws if the audio does not fit in a WAV file.
   void RequireRoom(__int64 frames, const AudioFormat& format, int bits) const;
 
-  // Writes the file and checks it. If interrupted, throws with kInterrupted and leaves a valid file
-  // of the part already written. Removes a file that is incomplete for another reason.
+  // Writes the file and checks it. If interrupted, throws with kInterrupted and keeps a valid file
+  // with the part already written. Removes a file that is incomplete for another reason.
   //
   // Samples of full scale and above become the highest code, and NaN becomes silence. `bits` only
   // applies to WAV. For other kinds, the result holds only the file's size. `driver` is a task that

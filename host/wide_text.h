@@ -14,8 +14,8 @@ std::string Narrow(std::wstring_view wide);
 // Converts text from the engine's code page, up to its NUL.
 std::string FromAnsi(const char* text);
 
-// True if the engine, which stores text in the system's ANSI code page, can hold the text
-// unchanged.
+// True if the engine can hold the text unchanged. The engine stores text in the system's ANSI code
+// page.
 bool FitsCodePage(const std::wstring& text);
 
 // A BSTR for an interface call.

@@ -50,8 +50,7 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
     return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
 
-  // ICoreTask. Fails with E_FAIL if file or writer is missing, or after an earlier successful
-  // Start.
+  // ICoreTask. Fails with E_FAIL without a file or a writer, and after a successful Start.
   STDMETHODIMP Start() override {
     if (job_ == nullptr || job_->started || !job_->source || !job_->writer) return E_FAIL;
     const HRESULT hr = worker_.Start([job = job_] { Run(*job); });
