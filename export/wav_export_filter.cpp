@@ -52,8 +52,7 @@ class WavExportJob : public TaskJob {
   // out, the file is valid and ends early.
   void Run(std::int16_t bits, bool is_float) noexcept {
     const WavFormat format = AskFormat(reader_.Get(), bits, is_float);
-    // WriteSamples can only fail for lack of memory. The samples then end early, and the trailer
-    // follows.
+    // WriteSamples fails only for lack of memory. The trailer then follows the written samples.
     ComCall([&] { WriteSamples(format); });
     LittleEndianBytes trailer;
     WithNotes([&](const WavAnnotations& all) { trailer = WavTrailer(all, format.BlockAlign()); });

@@ -44,7 +44,7 @@ inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept 
 // Failed writes are not reported. The file is finished as far as possible.
 class WavFile {
  public:
-  // Takes ownership of a handle, which may be empty. Closes an open file without its sizes.
+  // Takes ownership of `file`, which may be empty. Closes an open file, whose sizes stay 0.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;

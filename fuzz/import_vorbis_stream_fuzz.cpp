@@ -39,7 +39,7 @@ std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threa
     const std::int64_t first = frames / 256 * static_cast<std::int64_t>(choice);
     left = stream->Select(first, frames - first) ? frames - first : 0;
   }
-  // The block holds at least one frame. The sanitizer detects writes past it.
+  // The block holds at least one frame. The sanitizer detects writes past the block.
   std::vector<std::int16_t> block(channels * (1 + choice * choice / 8));
   std::size_t sum = 1;
   try {

@@ -200,8 +200,8 @@ struct FileTexts {
 // An output file of the kind that its extension selects. MP3 and WMA hold no labels or markers.
 class FileExport {
  public:
-  // Create it before a long import. Throws for an unsupported extension, a missing folder, or a
-  // file that is also an input.
+  // Create the object before a long import. Throws for an unsupported extension, a missing folder,
+  // or a file that is also an input.
   FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
   // Call it before Run.

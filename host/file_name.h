@@ -28,7 +28,7 @@ std::string ExtensionOf(const std::string& file);
 // Returns a name of the file that the engine's code page can hold: the name itself or the system's
 // short name. Throws a HostError if neither name fits.
 std::wstring EngineNameOfInput(const std::string& file);
-// As above, for an output. Creates an empty file first if the name itself does not fit.
+// Does the same for an output. If the name itself does not fit, first creates an empty file.
 std::wstring EngineNameOfOutput(const std::string& file);
 
 }  // namespace marlinda

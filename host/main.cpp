@@ -1,5 +1,5 @@
-// marlinda: the audio engine on the command line. This file lists the commands; host/commands holds
-// one file for each.
+// marlinda: the audio engine on the command line. This file lists the commands. host/commands has
+// one file for each command.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>

@@ -19,7 +19,7 @@ class StatusLine {
   StatusLine(const StatusLine&) = delete;
   StatusLine& operator=(const StatusLine&) = delete;
 
-  // Draws only if the line has changed. Use ASCII.
+  // Draws only if the line has changed. `line` must be ASCII.
   void Show(const std::string& line);
 
  private:

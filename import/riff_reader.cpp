@@ -234,8 +234,8 @@ class RiffWalk {
       return wide_data_size_.value_or(end - position_);
     }
     if (size != 0) return size;
-    // Either the chunk is empty, or its writer was stopped before it filled in the size. In the
-    // second case, audio follows instead of a chunk.
+    // The chunk is empty, or its writer was stopped before the size was filled in. In the second
+    // case, audio follows instead of a chunk.
     const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
     const std::uint64_t rest = file_.size() - position_;
     const bool is_chunk =
@@ -266,7 +266,7 @@ class RiffWalk {
       if (body.size() >= kAcidBytes) info_.acid = ReadAcid(body);
     }
   }
-  // Skips all other lists, such as the list of all pictures and sound in an AVI file.
+  // Reads "INFO", "adtl" and "hdrl". Skips other lists, such as the pictures and sound of AVI.
   void TakeList(std::uint64_t there) {
     const std::vector<std::byte> start =
         file_.ReadUpTo(position_, std::min<std::uint64_t>(there, 4));

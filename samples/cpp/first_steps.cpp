@@ -1,5 +1,5 @@
-// Imports an Ogg Vorbis file, deletes its second half, prints an overview of the rest and writes it
-// as WAV:
+// Imports an Ogg Vorbis file, deletes its second half, prints an overview of the rest and writes
+// the rest as WAV:
 //   first_steps IN.ogg OUT.wav
 #include "client.h"
 // shellapi.h needs windows.h first.
