@@ -128,8 +128,12 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       return 0;
     case WM_LBUTTONDOWN:
     case WM_MBUTTONDOWN:
-      Press(at, message == WM_MBUTTONDOWN || GetKeyState(VK_MENU) < 0);
+    case WM_MBUTTONDBLCLK:
+      Press(at, message != WM_LBUTTONDOWN || GetKeyState(VK_MENU) < 0);
       return 0;
+    case WM_SYSKEYUP:
+      if (wparam == VK_MENU && std::exchange(alt_used_, false)) return 0;
+      return DefWindowProcW(window_, message, wparam, lparam);
     case WM_LBUTTONDBLCLK:
       DoubleClick(at);
       return 0;

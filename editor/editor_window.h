@@ -114,6 +114,7 @@ class EditorWindow {
   Waveform recording_waveform_;
 
   Drag drag_ = Drag::kNone;
+  bool alt_used_ = false;  // Alt has scrubbed, so its release does not open the menu
   POINT drag_from_ = {};
   POINT drag_at_ = {};
   std::int64_t drag_origin_ = 0;

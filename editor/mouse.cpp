@@ -84,6 +84,7 @@ void EditorWindow::Press(POINT at, bool scrubs) {
     drag_ = HandleAt(mark_, at);
   } else if (scrubs) {
     drag_ = Drag::kScrub;
+    alt_used_ = GetKeyState(VK_MENU) < 0;
     transport_.StartScrub(frame);
     shown_playhead_ = frame;
     InvalidatePosition(frame);
@@ -188,7 +189,10 @@ void EditorWindow::DoubleClick(POINT at) {
     Select(frame, frame);
     return Command(ID_LABEL);
   }
-  if (at.y >= layout_.lanes.bottom) return;
+  // Scrolling and scrubbing have no double click.
+  if (at.y >= layout_.lanes.bottom || GetKeyState(VK_MENU) < 0) {
+    return Press(at, GetKeyState(VK_MENU) < 0);
+  }
   const Range section = SectionAround(frame);
   Select(section.begin, section.end);
   transport_.Loop(selection());
