@@ -258,7 +258,11 @@ void EditorWindow::EditMarks(int id) {
   const Annotations& annotations = document_.annotations();
   const auto index = static_cast<std::size_t>(mark_.index);
   if (id == ID_NEXT_MARK || id == ID_PREVIOUS_MARK) return NextMark(id == ID_NEXT_MARK ? 1 : -1);
-  if (id == ID_MARK_LEFT || id == ID_MARK_RIGHT) return MoveMark(id == ID_MARK_RIGHT ? 1 : -1);
+  if (id == ID_MARK_LEFT || id == ID_MARK_RIGHT) {
+    const std::int64_t pixel = view_.zoom().pixels > 1 ? 1 : view_.zoom().frames;
+    return StoreMoved(Moved(mark_.kind == MarkKind::kLabel ? Drag::kLabel : Drag::kSection,
+                            id == ID_MARK_RIGHT ? pixel : -pixel));
+  }
   if (id == ID_LABEL) {
     // The playback position when the command is given, not after the name has been typed.
     const std::int64_t at = transport_.IsIdle() ? selection().begin : transport_.position();
@@ -313,25 +317,6 @@ void EditorWindow::NextMark(int step) {
   if (chosen != places.end()) next = (chosen - places.begin() + step + count) % count;
   const auto& [position, mark] = places[static_cast<std::size_t>(next)];
   MoveHead(position, false);
-  ChooseMark(mark);
-}
-
-void EditorWindow::MoveMark(int pixels) {
-  const Mark mark = mark_;
-  const auto index = static_cast<std::size_t>(mark.index);
-  const Zoom& zoom = view_.zoom();
-  const std::int64_t by = pixels * (zoom.pixels > 1 ? 1 : zoom.frames);
-  if (mark.kind == MarkKind::kLabel) {
-    Label label = document_.annotations().labels[index];
-    label.position = std::clamp<std::int64_t>(label.position + by, 0, document_.frames());
-    document_.SetLabel("Move label", mark.index, label);
-  } else {
-    SectionMarker marker = document_.annotations().markers[index];
-    const std::int64_t moved = std::max<std::int64_t>(0, marker.section.begin + by);
-    marker.section.end += moved - marker.section.begin;
-    marker.section.begin = moved;
-    document_.SetSection("Move section", mark.index, marker);
-  }
   ChooseMark(mark);
 }
 

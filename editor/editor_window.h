@@ -65,7 +65,6 @@ class EditorWindow {
   void EditMarks(int id);
   void MakeSound(int id);
   void Navigate(int id);
-  void MoveMark(int pixels);
   void NextMark(int step);
   // Asks to save changes. Calls `then` at once, after saving, or, if cancelled, never.
   void AfterSaving(std::function<void()> then);
@@ -84,6 +83,10 @@ class EditorWindow {
   void Wheel(POINT at, int delta, bool zooms);
   Mark MarkAt(POINT at) const;
   Drag HandleAt(const Mark& mark, POINT at) const;
+  // The annotations with the selected mark, or one of its ends, moved by `by` frames.
+  Annotations Moved(Drag part, std::int64_t by) const;
+  // Moves the selected mark to its place in `moved`, as one undo step.
+  void StoreMoved(const Annotations& moved);
   int ViewX(POINT at) const { return at.x - layout_.lanes.left; }
 
   // Selection and cursor.

@@ -12,8 +12,6 @@ namespace {
 
 constexpr int kReach = 5;  // pixels at 96 DPI
 
-bool IsSection(MarkKind kind) { return kind == MarkKind::kSection; }
-
 }  // namespace
 
 Mark EditorWindow::MarkAt(POINT at) const {
@@ -49,7 +47,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
 
 EditorWindow::Drag EditorWindow::HandleAt(const Mark& mark, POINT at) const {
   if (mark.kind == MarkKind::kNone) return Drag::kNone;
-  if (!IsSection(mark.kind)) return Drag::kLabel;
+  if (mark.kind == MarkKind::kLabel) return Drag::kLabel;
   const auto& section =
       document_.annotations().markers[static_cast<std::size_t>(mark.index)].section;
   const int reach = layout_.Scale(kReach);
@@ -100,9 +98,6 @@ void EditorWindow::Press(POINT at, bool scrubs) {
 void EditorWindow::DragTo(POINT at) {
   drag_at_ = at;
   const std::int64_t frame = view_.FrameAt(std::clamp(ViewX(at), 0, view_.width()));
-  const auto frames_moved = [&] {
-    return view_.FrameAt(ViewX(at)) - view_.FrameAt(ViewX(drag_from_));
-  };
   switch (drag_) {
     case Drag::kNone:
       return;
@@ -127,29 +122,45 @@ void EditorWindow::DragTo(POINT at) {
   }
   // A small movement during a click is not a drag.
   if (!preview_ && std::abs(at.x - drag_from_.x) < layout_.Scale(3)) return;
+  preview_ = Moved(drag_, view_.FrameAt(ViewX(at)) - view_.FrameAt(ViewX(drag_from_)));
+  InvalidateAll();
+}
+
+Annotations EditorWindow::Moved(Drag part, std::int64_t by) const {
   Annotations moved = document_.annotations();
   const std::int64_t end = document_.frames();
-  const std::int64_t by = frames_moved();
   const auto index = static_cast<std::size_t>(mark_.index);
-  if (drag_ == Drag::kLabel) {
+  if (part == Drag::kLabel) {
     auto& position = moved.labels[index].position;
     position = std::clamp<std::int64_t>(position + by, 0, end);
-  } else {
-    auto& section = moved.markers[index].section;
-    const std::int64_t length = section.end - section.begin;
-    if (drag_ == Drag::kSectionBegin) {
-      section.begin = std::clamp<std::int64_t>(section.begin + by, 0, section.end - 1);
-    } else if (drag_ == Drag::kSectionEnd) {
-      section.end = std::clamp<std::int64_t>(section.end + by, section.begin + 1,
-                                             std::max(end, section.begin + 1));
-    } else {
-      section.begin =
-          std::clamp<std::int64_t>(section.begin + by, 0, std::max<std::int64_t>(0, end - length));
-      section.end = section.begin + length;
-    }
+    return moved;
   }
-  preview_ = std::move(moved);
-  InvalidateAll();
+  auto& section = moved.markers[index].section;
+  const std::int64_t length = section.end - section.begin;
+  if (part == Drag::kSectionBegin) {
+    section.begin = std::clamp<std::int64_t>(section.begin + by, 0, section.end - 1);
+  } else if (part == Drag::kSectionEnd) {
+    section.end = std::clamp<std::int64_t>(section.end + by, section.begin + 1,
+                                           std::max(end, section.begin + 1));
+  } else {
+    section.begin =
+        std::clamp<std::int64_t>(section.begin + by, 0, std::max<std::int64_t>(0, end - length));
+    section.end = section.begin + length;
+  }
+  return moved;
+}
+
+void EditorWindow::StoreMoved(const Annotations& moved) {
+  const Mark mark = mark_;
+  const auto index = static_cast<std::size_t>(mark.index);
+  if (mark.kind == MarkKind::kSection) {
+    document_.SetSection("Move section", mark.index, moved.markers[index]);
+  } else {
+    document_.SetLabel("Move label", mark.index, moved.labels[index]);
+  }
+  ChooseMark(mark);
+  message_ = document_.undo().UndoName();
+  ShowState();
 }
 
 void EditorWindow::Release() {
@@ -163,17 +174,7 @@ void EditorWindow::Release() {
     Select(position, position);
   }
   if (was == Drag::kSelect) transport_.Loop(selection());
-  if (preview_) {
-    const Annotations moved = *std::exchange(preview_, std::nullopt);
-    const Mark mark = mark_;
-    const auto index = static_cast<std::size_t>(mark.index);
-    if (IsSection(mark.kind)) {
-      document_.SetSection("Move section", mark.index, moved.markers[index]);
-    } else {
-      document_.SetLabel("Move label", mark.index, moved.labels[index]);
-    }
-    ChooseMark(mark);
-  }
+  if (preview_) StoreMoved(*std::exchange(preview_, std::nullopt));
   WatchTimer();
   ShowState();
 }
