@@ -24,8 +24,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
     int found_x = 0;
     for (LONG index = 0; const Label& label : annotations.labels) {
       const int begin = view_.PixelOf(label.position);
-      constexpr int kNameWidth = 80;
-      const bool under = begin - reach <= x && x < begin + layout_.Scale(kNameWidth);
+      const bool under = begin - reach <= x && x < begin + painter_.FlagWidth(label.name, layout_);
       if (under && (found.kind == MarkKind::kNone || begin >= found_x)) {
         found = {MarkKind::kLabel, index};
         found_x = begin;

@@ -10,6 +10,7 @@ namespace marlinda::editor {
 namespace {
 
 constexpr float kFloorDecibels = -60;
+constexpr int kNamePad = 4;  // pixels at 96 DPI
 
 RECT Inset(RECT area, int x, int y) {
   InflateRect(&area, -x, -y);
@@ -97,6 +98,17 @@ void Painter::SetLook(bool dark, int dpi) {
   font_.Reset(CreateFontW(-MulDiv(9, dpi, 72), 0, 0, 0, FW_NORMAL, FALSE, FALSE, FALSE,
                           DEFAULT_CHARSET, OUT_DEFAULT_PRECIS, CLIP_DEFAULT_PRECIS,
                           CLEARTYPE_QUALITY, DEFAULT_PITCH | FF_SWISS, L"Segoe UI"));
+}
+
+int Painter::FlagWidth(const std::string& name, const Layout& layout) const {
+  const std::wstring text = Widen(name);
+  const HDC screen = GetDC(nullptr);
+  const HGDIOBJ old = SelectObject(screen, font_.get());
+  SIZE size = {};
+  GetTextExtentPoint32W(screen, text.c_str(), static_cast<int>(text.size()), &size);
+  SelectObject(screen, old);
+  ReleaseDC(nullptr, screen);
+  return size.cx + 2 * layout.Scale(kNamePad);
 }
 
 void Painter::Fill(const RECT& area, COLORREF color) {
@@ -323,7 +335,7 @@ void Painter::PaintNames() {
   const View& view = *scene_->view;
   if (scene_->annotations == nullptr) return;
   const int least = layout_->Scale(14);
-  const int pad = layout_->Scale(4);
+  const int pad = layout_->Scale(kNamePad);
   struct Name {
     int x;
     int end;  // of a section
@@ -344,10 +356,7 @@ void Painter::PaintNames() {
         if (room[i] == 0) continue;
         RECT flag = {x, row.top + layout_->Scale(2), x + room[i] - layout_->Scale(2),
                      row.bottom - layout_->Scale(2)};
-        RECT text = {0, 0, 0, 0};
-        DrawTextW(dc_, Widen(*name.text).c_str(), -1, &text,
-                  DT_CALCRECT | DT_SINGLELINE | DT_NOPREFIX);
-        flag.right = std::min(flag.right, flag.left + text.right + 2 * pad);
+        flag.right = std::min<LONG>(flag.right, flag.left + FlagWidth(*name.text, *layout_));
         if (chosen) Fill(flag, theme_.label);
         Text(*name.text, Inset(flag, pad, 0), chosen ? theme_.window : theme_.label,
              DT_LEFT | DT_END_ELLIPSIS);
