@@ -489,26 +489,27 @@ void EditorWindow::FinishJob() {
         file_ = import->file();
         Select(0, 0);
       }
+      replace_ = false;
       const bool first = document_.frames() == 0;
-      if (first) document_.tags = material.tags;
+      if (first && document_.tags == Tags()) document_.tags = material.tags;
       document_.Insert("Insert file", std::min(insert_at_, document_.frames()), material);
       if (first) view_.ShowAll();
-      if (!opening_) Select(insert_at_, insert_at_ + material.frames);
+      if (opening_) {
+        document_.ForgetSteps();
+      } else {
+        Select(insert_at_, insert_at_ + material.frames);
+      }
       insert_at_ += material.frames;
-      replace_ = false;
-      message_ = import->warning().empty() ? "Read" + done->title().substr(7)
+      message_ = import->warning().empty() ? "Read " + import->name()
                                            : "Damaged file: " + import->warning();
     });
-  } else if (const auto* const written = dynamic_cast<const ExportJob*>(done.get())) {
-    file_ = written->file();
+  } else if (done) {
+    file_ = done->file();
     document_.MarkSaved();
-    message_ = "Wrote" + done->title().substr(7);
-  }
-  if (files_.empty() && opening_ && document_.frames() > 0 && !replace_) {
-    opening_ = false;
-    document_.ForgetSteps();
+    message_ = "Wrote " + done->name();
   }
   StartNextFile();
+  // Last, because it may close the window.
   if (const auto then = std::exchange(after_export_, nullptr); then && done) then();
 }
 

@@ -326,24 +326,22 @@ void EditorWindow::Tick() {
     if (!transport_.IsRecording()) Try("Recording ended", [&] { FinishRecording(); });
     InvalidateAll();
   }
-  if (job_) {
-    bool running = false;
-    const std::string title = job_->title();
-    Try(title, [&] {
-      try {
-        running = job_->Poll();
-      } catch (...) {
-        job_.reset();
-        after_export_ = nullptr;
-        throw;
-      }
-    });
-    if (!running) FinishJob();
-    Invalidate(layout_.strip);
-  }
   WatchTimer();
   ShowState();
   if (lost) ShowFailure(window_, recorded ? "Recording ended" : "Playing ended", *lost);
+  if (!job_) return;
+  Invalidate(layout_.strip);
+  bool running = false;
+  Try(job_->activity() + (" " + job_->name() + " failed"), [&] {
+    try {
+      running = job_->Poll();
+    } catch (...) {
+      job_.reset();
+      after_export_ = nullptr;
+      throw;
+    }
+  });
+  if (!running) FinishJob();
 }
 
 void EditorWindow::ContentChanged(std::int64_t from) {
@@ -366,8 +364,8 @@ void EditorWindow::ContentChanged(std::int64_t from) {
 
 std::string EditorWindow::StateText() const {
   if (job_) {
-    return job_->title() + " " + std::to_string(std::lround(100 * job_->progress())) +
-           " % (Esc cancels)";
+    return job_->activity() + (" " + job_->name()) + " " +
+           std::to_string(std::lround(100 * job_->progress())) + " % (Esc cancels)";
   }
   if (transport_.IsRecording()) return "Recording";
   if (transport_.IsLooping()) return "Looping";

@@ -4,10 +4,10 @@
 #include <filesystem>
 #include <fstream>
 #include <utility>
+#include <vector>
 
-#include "core/sample_count.h"
-#include "host/host_streams.h"
 #include "host/file_name.h"
+#include "host/host_streams.h"
 #include "host/timecode.h"
 #include "host/wide_text.h"
 
@@ -18,37 +18,47 @@ namespace fs = std::filesystem;
 
 fs::path PathOf(const std::string& file) { return Widen(file); }
 
-std::string NameOf(const std::string& file) { return Narrow(PathOf(file).filename().wstring()); }
-
 void Remove(const std::string& file) {
   std::error_code ignored;
   if (!file.empty()) fs::remove(PathOf(file), ignored);
 }
 
-// Start and Cancel of an audio connector return E_NOTIMPL even on success.
-void CheckTask(HRESULT hr) {
-  if (hr != E_NOTIMPL) Check(hr);
+// All export filters. The first writes WAV files.
+std::vector<ComPtr<IExportFilter>> ExportFilters() {
+  return {CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter"),
+          CreateObject<IExportFilter>(CLSID_CDShowExport, "CDShowExport")};
+}
+
+// Returns the name of a file beside this one that does not exist yet.
+std::string UnusedNameBeside(const std::string& file) {
+  fs::path path = PathOf(file);
+  std::error_code ignored;
+  do {
+    path.replace_filename(L"~" + path.filename().wstring());
+  } while (fs::exists(path, ignored));
+  return Narrow(path.wstring());
 }
 
 }  // namespace
 
+FileJob::FileJob(const std::string& file)
+    : file_(file), name_(Narrow(PathOf(file).filename().wstring())) {}
+
 float FileJob::progress() const {
   float done = 0;
-  if (!task_ || FAILED(task_->GetProgress(&done))) done = 0;
-  return (static_cast<float>(step_) + std::clamp(done, 0.0F, 1.0F)) / static_cast<float>(steps_);
+  if (!task_ || FAILED(task_->GetProgress(&done))) return 0;
+  return std::clamp(done, 0.0F, 1.0F);
 }
 
 void FileJob::Start(ComPtr<ICoreTask> task) {
   task_ = std::move(task);
-  CheckTask(task_->Start());
+  Check(task_->Start());
 }
 
 bool FileJob::Poll() {
   VARIANT_BOOL running = VARIANT_FALSE;
   if (task_) Check(task_->QueryIsTaskRunning(&running));
-  if (running != VARIANT_FALSE) return true;
-  ++step_;
-  return Continue();
+  return running != VARIANT_FALSE || Continue();
 }
 
 void FileJob::Cancel() {
@@ -57,32 +67,27 @@ void FileJob::Cancel() {
 }
 
 ImportJob::ImportJob(const std::string& file, std::optional<AudioFormat> wanted)
-    : FileJob("Reading " + NameOf(file)), file_(file), wanted_(wanted) {
-  Begin(file);
+    : FileJob(file), wanted_(wanted), pool_(NewPool()) {
+  source_.emplace(file, Query<IAudioWriter>(pool_.Get()).Get());
+  Start(Query<ICoreTask>(source_->filter_object()));
   material_.tags = source_->ReadTags();
   material_.annotations = source_->ReadAnnotations();
 }
 
-void ImportJob::Begin(const std::string& file) {
-  source_.reset();
-  pool_ = NewPool();
-  source_.emplace(file, Query<IAudioWriter>(pool_.Get()).Get());
-  Start(Query<ICoreTask>(source_->filter_object()));
+float ImportJob::progress() const {
+  return conversion_ ? conversion_->progress() : FileJob::progress();
 }
 
 bool ImportJob::Continue() {
-  if (connector_) {
-    // Until Cancel, connector and filters hold references to each other.
-    FileJob::Cancel();
-    connector_.Reset();
-    Begin(converted_);
-    return true;
-  }
-  TakeAudio();
-  if (converted_.empty() && wanted_ &&
-      (wanted_->rate != material_.format.rate || wanted_->channels != material_.format.channels)) {
-    StartConversion();
-    return true;
+  if (conversion_) {
+    if (conversion_->IsRunning()) return true;
+    material_ = conversion_->Finish();
+  } else {
+    TakeAudio();
+    if (wanted_ && *wanted_ != material_.format) {
+      conversion_.emplace(material_, *wanted_);
+      return true;
+    }
   }
   Cancel();
   return false;
@@ -94,7 +99,7 @@ void ImportJob::TakeAudio() {
   material_.format = take.format;
   material_.frames = take.frames;
   if (material_.frames <= 0 || material_.format.rate <= 0 || material_.format.channels <= 0) {
-    throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
+    throw HostError(ExitStatus::kInput, file(), "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
   }
   // The import ignores failed writes. They show because the pool's file is shorter than its take.
@@ -111,42 +116,15 @@ void ImportJob::TakeAudio() {
   }
 }
 
-void ImportJob::StartConversion() {
-  steps_ = 3;
-  converted_ = Narrow((fs::temp_directory_path() /
-                       ("marlinda-editor-" + std::to_string(GetCurrentProcessId()) + ".wav"))
-                          .wstring());
-  connector_ = CreateObject<IAudioConnector>(CLSID_CAudioConnector, "CAudioConnector");
-  const auto filter = CreateObject<IExportFilter>(CLSID_CWavExportFilter, "CWavExportFilter");
-  Check(connector_->SetupReaderToExport(material_.reader.Get(), filter.Get(), wanted_->rate,
-                                        wanted_->channels));
-  const auto clamped = ClampSamples(Query<IAudioReader>(connector_.Get()).Get());
-  Check(filter->Initialize(Bstr(EngineNameOfOutput(converted_)).get(), clamped.Get()));
-  constexpr SHORT kBits = 32;
-  Check(filter->SetBitsPerSample(kBits));
-  const LONG from = material_.format.rate;
-  for (Label& label : material_.annotations.labels) {
-    label.position = ConvertSampleCount(label.position, from, wanted_->rate);
-  }
-  for (auto& [section, text] : material_.annotations.markers) {
-    section = {ConvertSampleCount(section.begin, from, wanted_->rate),
-               ConvertSampleCount(section.end, from, wanted_->rate)};
-  }
-  Start(Query<ICoreTask>(connector_.Get()));
-}
-
 void ImportJob::Cancel() {
   FileJob::Cancel();
   source_.reset();
-  connector_.Reset();
-  Remove(std::exchange(converted_, ""));
+  conversion_.reset();
 }
 
 std::wstring ExportJob::DialogFilter() {
   std::wstring types;
-  for (const auto& [id, name] : {std::pair{CLSID_CWavExportFilter, "CWavExportFilter"},
-                                 std::pair{CLSID_CDShowExport, "CDShowExport"}}) {
-    const auto filter = CreateObject<IExportFilter>(id, name);
+  for (const auto& filter : ExportFilters()) {
     Bstr text;
     Bstr extensions;
     Check(filter->GetFilterStrings(text.Receive(), extensions.Receive()));
@@ -156,10 +134,7 @@ std::wstring ExportJob::DialogFilter() {
 }
 
 ExportJob::ExportJob(const std::string& file, const Document& document, HWND owner)
-    : FileJob("Writing " + NameOf(file)),
-      file_(file),
-      frames_(document.frames()),
-      reader_(Query<IAudioReader>(document.audio())) {
+    : FileJob(file), frames_(document.frames()), reader_(Query<IAudioReader>(document.audio())) {
   Check(reader_->OpenDevice());
   try {
     Begin(document, owner);
@@ -170,35 +145,32 @@ ExportJob::ExportJob(const std::string& file, const Document& document, HWND own
 }
 
 void ExportJob::Begin(const Document& document, HWND owner) {
-  const Bstr kind(ExtensionOf(file_));
-  for (const auto& [id, name] : {std::pair{CLSID_CWavExportFilter, "CWavExportFilter"},
-                                 std::pair{CLSID_CDShowExport, "CDShowExport"}}) {
-    auto filter = CreateObject<IExportFilter>(id, name);
+  const Bstr kind(ExtensionOf(file()));
+  for (auto& filter : ExportFilters()) {
     VARIANT_BOOL supported = VARIANT_FALSE;
     Check(filter->QuerySupportsExtension(kind.get(), &supported));
-    if (supported == VARIANT_FALSE) continue;
-    is_wave_ = IsEqualCLSID(id, CLSID_CWavExportFilter);
-    filter_ = std::move(filter);
-    break;
+    if (supported != VARIANT_FALSE) {
+      filter_ = std::move(filter);
+      break;
+    }
+    is_wave_ = false;
   }
   if (!filter_) {
-    throw HostError(ExitStatus::kUsage, file_, "no export filter writes files of this kind",
+    throw HostError(ExitStatus::kUsage, file(), "no export filter writes files of this kind",
                     "Choose a name that ends in .wav, .mp3 or .wma.");
   }
-  RequireWritablePlace(file_, {});
+  RequireWritablePlace(file(), {});
   VARIANT_BOOL has_settings = VARIANT_FALSE;
   Check(filter_->QueryHasSettingsDlg(kind.get(), &has_settings));
   if (has_settings != VARIANT_FALSE) {
     Check(filter_->ShowSettingsDlg(kind.get(), static_cast<ULONG>(HandleToLong(owner))));
   }
 
-  const fs::path path = PathOf(file_);
-  const fs::path beside = path.parent_path() / (L"~" + path.filename().wstring());
-  unfinished_ = Narrow(beside.wstring());
+  unfinished_ = UnusedNameBeside(file());
   // At 24 and 32 bits the engine writes full scale as the lowest code.
   const auto source = ClampSamples(reader_.Get());
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(unfinished_)).get(), source.Get());
-  if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kOutput);
+  if (FAILED(hr)) throw Explain(hr, file(), ExitStatus::kOutput);
   const Tags& tags = document.tags;
   Check(Query<IMetaDataWriter>(filter_.Get())
             ->SetMetaData(Bstr(tags.title).get(), Bstr(tags.artist).get(), Bstr(tags.album).get(),
@@ -220,19 +192,17 @@ bool ExportJob::Continue() {
   }
   FileJob::Cancel();
   filter_.Reset();
-  if (whole && MoveFileExW(Widen(unfinished_).c_str(), Widen(file_).c_str(),
-                           MOVEFILE_REPLACE_EXISTING) == 0) {
-    const HRESULT hr = LastErrorResult();
-    Cancel();
-    throw Explain(hr, file_, ExitStatus::kOutput);
-  }
+  const bool moved = whole && MoveFileExW(Widen(unfinished_).c_str(), Widen(file()).c_str(),
+                                          MOVEFILE_REPLACE_EXISTING) != 0;
+  const HRESULT hr = LastErrorResult();
   Cancel();
   if (!whole) {
-    throw HostError(ExitStatus::kOutput, file_,
+    throw HostError(ExitStatus::kOutput, file(),
                     "the file could not be written whole, so it was removed",
                     "Free some space on the disk or choose another disk; a WAV file holds at most "
                     "4 GiB.");
   }
+  if (!moved) throw Explain(hr, file(), ExitStatus::kOutput);
   return false;
 }
 

@@ -6,22 +6,26 @@
 #include <optional>
 #include <string>
 
+#include "editor/conversion.h"
 #include "editor/document.h"
 #include "host/engine.h"
 
 namespace marlinda::editor {
 
-// Runs one task of the engine, or several in sequence.
+// Runs a task of the engine.
 class FileJob {
  public:
   virtual ~FileJob() = default;
   FileJob(const FileJob&) = delete;
   FileJob& operator=(const FileJob&) = delete;
 
-  // The current activity, such as "Reading demo.ogg".
-  const std::string& title() const { return title_; }
-  // From 0 to 1.
-  float progress() const;
+  // The file's path, and its name without the folder.
+  const std::string& file() const { return file_; }
+  const std::string& name() const { return name_; }
+  // The current activity: "Reading", "Converting" or "Writing".
+  virtual const char* activity() const = 0;
+  // Of the current activity, from 0 to 1.
+  virtual float progress() const;
   // Call at each timer tick until it returns false: the job is then done. Throws a HostError if it
   // failed.
   bool Poll();
@@ -29,16 +33,14 @@ class FileJob {
   virtual void Cancel();
 
  protected:
-  explicit FileJob(std::string title) : title_(std::move(title)) {}
+  explicit FileJob(const std::string& file);
   void Start(ComPtr<ICoreTask> task);
-  // Called when a task has ended. Returns true if it started another one.
+  // Called by each Poll after the task has ended. Returns true if there is more to do.
   virtual bool Continue() = 0;
 
-  int steps_ = 1;
-  int step_ = 0;
-
  private:
-  std::string title_;
+  const std::string file_;
+  const std::string name_;
   ComPtr<ICoreTask> task_;
 };
 
@@ -48,7 +50,8 @@ class ImportJob final : public FileJob {
   ImportJob(const std::string& file, std::optional<AudioFormat> wanted);
   ~ImportJob() override { Cancel(); }
 
-  const std::string& file() const { return file_; }
+  const char* activity() const override { return conversion_ ? "Converting" : "Reading"; }
+  float progress() const override;
   // Valid after the end of the job.
   const Material& material() const { return material_; }
   // How much of a damaged file could be read; empty for a complete file.
@@ -58,18 +61,14 @@ class ImportJob final : public FileJob {
 
  private:
   bool Continue() override;
-  void Begin(const std::string& file);
   void TakeAudio();
-  void StartConversion();
 
-  const std::string file_;
   const std::optional<AudioFormat> wanted_;
   ComPtr<IAudioPool> pool_;
   std::optional<Source> source_;
   Material material_;
   std::string warning_;
-  ComPtr<IAudioConnector> connector_;
-  std::string converted_;  // a temporary file
+  std::optional<Conversion> conversion_;
 };
 
 // The file name's extension, wav, mp3 or wma, decides the format.
@@ -80,7 +79,7 @@ class ExportJob final : public FileJob {
   ExportJob(const std::string& file, const Document& document, HWND owner);
   ~ExportJob() override { Cancel(); }
 
-  const std::string& file() const { return file_; }
+  const char* activity() const override { return "Writing"; }
 
   // Types for a save dialog: description and pattern, each followed by a bar.
   static std::wstring DialogFilter();
@@ -91,9 +90,8 @@ class ExportJob final : public FileJob {
   bool Continue() override;
   void Begin(const Document& document, HWND owner);
 
-  const std::string file_;
   std::string unfinished_;
-  bool is_wave_ = false;
+  bool is_wave_ = true;
   std::int64_t frames_ = 0;
   ComPtr<IAudioReader> reader_;
   ComPtr<IExportFilter> filter_;

@@ -1,0 +1,74 @@
+#include "editor/conversion.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "core/com_call.h"
+#include "host/converted_audio.h"
+
+namespace marlinda::editor {
+
+Conversion::Conversion(const Material& from, const AudioFormat& to)
+    : from_(from), to_(from), converter_(NewConverter(from.format, to)), pool_(NewPool()) {
+  to_.format = to;
+  to_.frames = ConvertSampleCount(from.frames, from.format.rate, to.rate);
+  to_.annotations = AtRate(from.annotations, from.format.rate, to.rate);
+  thread_ = std::thread([this] {
+    result_ = ComCall([this] { return Pump(); });
+    running_ = false;
+  });
+}
+
+Conversion::~Conversion() {
+  cancelled_ = true;
+  if (thread_.joinable()) thread_.join();
+}
+
+float Conversion::progress() const {
+  return static_cast<float>(written_) / static_cast<float>(std::max<std::int64_t>(1, to_.frames));
+}
+
+HRESULT Conversion::Pump() {
+  constexpr std::int64_t kBlockFrames = 65536;
+  const auto writer = Query<IAudioWriter>(pool_.Get());
+  Check(writer->SetFormat(to_.format.rate, to_.format.channels));
+  Check(writer->OpenDevice());
+  const OpenReader open(from_.reader.Get());
+  std::vector<float> output;
+  for (std::int64_t at = 0; written_ < to_.frames && !cancelled_; at += kBlockFrames) {
+    // Silence after the end flushes the last frames from the converter's filter.
+    const std::int64_t frames = std::clamp<std::int64_t>(from_.frames - at, 0, kBlockFrames);
+    const FloatArray input(
+        static_cast<std::size_t>((frames > 0 ? frames : kBlockFrames) * from_.format.channels));
+    if (frames > 0) Check(from_.reader->ReadAudio(at, input.get()));
+    Check(converter_->Convert(input.get()));
+    SAFEARRAY* converted = nullptr;
+    Check(converter_->GetOutput(&converted));
+    if (converted == nullptr) continue;
+    const FloatArray owned(converted);
+    output.insert(output.end(), owned.samples().begin(), owned.samples().end());
+
+    // Writes multiples of 256 frames: otherwise the pool's peaks would not match the frames.
+    const std::int64_t ready = static_cast<std::int64_t>(output.size()) / to_.format.channels;
+    const std::int64_t rest = to_.frames - written_;
+    const std::int64_t count = ready >= rest ? rest : ready / 256 * 256;
+    if (count == 0) continue;
+    const FloatArray block(static_cast<std::size_t>(count * to_.format.channels));
+    const auto end = output.begin() + count * to_.format.channels;
+    std::copy(output.begin(), end, block.samples().begin());
+    output.erase(output.begin(), end);
+    Check(writer->WriteAudio(block.get()));
+    written_ += count;
+  }
+  return writer->CloseDevice();
+}
+
+Material Conversion::Finish() {
+  thread_.join();
+  // A pool that cannot be written returns the system's error.
+  if (FAILED(result_)) throw Explain(result_, kTemporaryFolder, ExitStatus::kOutput);
+  to_.reader = LastTake(pool_.Get()).reader;
+  return std::move(to_);
+}
+
+}  // namespace marlinda::editor

@@ -1,0 +1,44 @@
+// Converts audio to another format on a separate thread.
+#pragma once
+
+#include <converter.h>
+#include <marlinda.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "editor/document.h"
+
+namespace marlinda::editor {
+
+class Conversion {
+ public:
+  // Starts the conversion. Throws a HostError if Converter.dll is missing or refuses the formats.
+  Conversion(const Material& from, const AudioFormat& to);
+  // Cancels the conversion.
+  ~Conversion();
+  Conversion(const Conversion&) = delete;
+  Conversion& operator=(const Conversion&) = delete;
+
+  bool IsRunning() const { return running_; }
+  // From 0 to 1.
+  float progress() const;
+  // Waits for the end. Returns the converted audio and positions. Throws a HostError on failure.
+  Material Finish();
+
+ private:
+  HRESULT Pump();
+
+  const Material from_;
+  Material to_;
+  const ComPtr<IFormatConverter> converter_;
+  const ComPtr<IAudioPool> pool_;
+  std::atomic<bool> cancelled_ = false;
+  std::atomic<bool> running_ = true;
+  std::atomic<std::int64_t> written_ = 0;
+  HRESULT result_ = S_OK;  // only the thread accesses it until it has ended
+  std::thread thread_;     // last, because it uses the members above
+};
+
+}  // namespace marlinda::editor
