@@ -163,7 +163,7 @@ void EditorWindow::Command(int id) {
       return Export(nullptr);
     case ID_PROPERTIES:
       if (const auto tags = AskTags(window_, document_.tags)) document_.tags = *tags;
-      return;
+      return ShowState();
     case ID_EXIT:
       SendMessageW(window_, WM_CLOSE, 0, 0);
       return;
@@ -436,7 +436,7 @@ Range EditorWindow::SectionAround(std::int64_t frame) const {
 
 void EditorWindow::AfterSaving(std::function<void()> then) {
   if (transport_.IsRecording()) FinishRecording();
-  if (document_.undo().IsSaved()) return then();
+  if (document_.IsSaved()) return then();
   const int answer =
       MessageBoxW(window_, L"The document has changes that are in no file yet.\n\nExport it first?",
                   L"Marlinda Editor", MB_YESNOCANCEL | MB_ICONQUESTION);

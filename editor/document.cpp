@@ -118,21 +118,34 @@ void Document::Clear() {
   Check(audio_->InitChange(0, Bstr("Clear").get()));
   audio_->Clear();
   tags = {};
-  undo_.Clear();
+  ForgetSteps();
   Check(audio_->CommitChange());
+}
+
+void Document::ForgetSteps() {
+  undo_.Clear();
+  saved_tags_ = tags;
+}
+
+void Document::MarkSaved() {
+  undo_.MarkSaved();
+  saved_tags_ = tags;
 }
 
 void Document::Edit(const std::string& name, std::int64_t from, const std::function<void()>& edit) {
   stored_ = false;
   Check(audio_->InitChange(1, Bstr(name).get()));
+  if (!stored_) {
+    audio_->CommitChange();
+    throw Explain(E_OUTOFMEMORY, name, ExitStatus::kFailure);
+  }
   changed_from_ = from;
   try {
-    if (!stored_) throw Explain(E_OUTOFMEMORY, name, ExitStatus::kFailure);
     edit();
   } catch (...) {
     // A rollback leaves the document empty; the undo step holds its content.
     audio_->RollbackChange();
-    if (stored_) Restore(undo_.Withdraw().Get());
+    Restore(undo_.Withdraw().Get());
     throw;
   }
   Check(audio_->CommitChange());

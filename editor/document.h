@@ -42,6 +42,8 @@ class Document {
   std::int64_t frames() const { return frames_; }
   const Annotations& annotations() const { return annotations_; }
   const UndoStack<ComPtr<IEditedAudio>>& undo() const { return undo_; }
+  // True if audio, annotations and tags are those of the last MarkSaved, ForgetSteps or Clear.
+  bool IsSaved() const { return undo_.IsSaved() && tags == saved_tags_; }
   bool CanPaste() const { return clipboard_ && clipboard_frames_ > 0; }
 
   Tags tags;  // descriptive texts for the next export
@@ -49,9 +51,8 @@ class Document {
   // Makes the document empty, without undo steps.
   void Clear();
   // Deletes the undo steps and marks the content as saved.
-  void ForgetSteps() { undo_.Clear(); }
-  // Marks the content as saved.
-  void MarkSaved() { undo_.MarkSaved(); }
+  void ForgetSteps();
+  void MarkSaved();
 
   // Edits. Each is one undo step. On failure it throws a HostError and changes nothing.
   void Insert(const std::string& name, std::int64_t position, const Material& material);
@@ -93,6 +94,7 @@ class Document {
   ComPtr<IEditedAudio> clipboard_;
   std::int64_t clipboard_frames_ = 0;
   UndoStack<ComPtr<IEditedAudio>> undo_;
+  Tags saved_tags_;
   bool stored_ = false;            // the open change has its undo step
   std::int64_t changed_from_ = 0;  // of the open change
   AudioFormat format_;

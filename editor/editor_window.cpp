@@ -378,7 +378,7 @@ void EditorWindow::ShowState() {
   if (window_ == nullptr) return;
   const std::string name =
       file_.empty() ? "Untitled" : Narrow(std::filesystem::path(Widen(file_)).filename().wstring());
-  std::wstring title = Widen(name + (document_.undo().IsSaved() ? "" : "*") + " - Marlinda Editor");
+  std::wstring title = Widen(name + (document_.IsSaved() ? "" : "*") + " - Marlinda Editor");
   if (title != shown_title_) SetWindowTextW(window_, title.c_str());
   shown_title_ = std::move(title);
 
