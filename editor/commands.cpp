@@ -136,7 +136,7 @@ void EditorWindow::ListDevices(HMENU menu, int first, const std::vector<SoundDev
 }
 
 void EditorWindow::Command(int id) {
-  if (!CanDo(id)) return;
+  if (drag_ != Drag::kNone || !CanDo(id)) return;
   if (id >= ID_OUTPUT && id < ID_DEVICES_END) {
     const bool input = id >= ID_INPUT;
     const int index = id - (input ? ID_INPUT : ID_OUTPUT) - 1;
@@ -329,9 +329,7 @@ void EditorWindow::MakeSound(int id) {
     if (id == ID_PLAY || id == ID_STOP || id == ID_RECORD) FinishRecording();
   } else if (id == ID_STOP && transport_.IsIdle()) {
     if (job_) {
-      job_.reset();
-      files_.clear();
-      after_export_ = nullptr;
+      CancelJob();
       message_ = "Cancelled";
     } else {
       ChooseMark({});
@@ -440,8 +438,15 @@ void EditorWindow::AfterSaving(std::function<void()> then) {
   const int answer =
       MessageBoxW(window_, L"The document has changes that are in no file yet.\n\nExport it first?",
                   L"Marlinda Editor", MB_YESNOCANCEL | MB_ICONQUESTION);
-  if (answer == IDNO) return then();
-  if (answer == IDYES && !job_) Export(std::move(then));
+  if (answer == IDCANCEL) return;
+  // An export may have ended while the question was shown.
+  if (answer == IDNO || document_.IsSaved()) return then();
+  if (dynamic_cast<const ExportJob*>(job_.get()) != nullptr) {
+    after_export_ = std::move(then);
+  } else {
+    CancelJob();
+    Export(std::move(then));
+  }
 }
 
 void EditorWindow::Open(const std::vector<std::string>& files) {
@@ -449,7 +454,11 @@ void EditorWindow::Open(const std::vector<std::string>& files) {
 }
 
 void EditorWindow::StartFiles(std::vector<std::string> files, bool replace) {
-  if (files.empty() || job_ || transport_.IsRecording()) return;
+  if (files.empty()) return;
+  if (job_ || transport_.IsRecording()) {
+    throw HostError(ExitStatus::kUsage, files.front(), "the editor reads, writes or records",
+                    "Wait until it has finished, or cancel with Esc.");
+  }
   const auto start = [this, files = std::move(files), replace] {
     files_.assign(files.begin(), files.end());
     replace_ = opening_ = replace;
@@ -511,6 +520,12 @@ void EditorWindow::FinishJob() {
   StartNextFile();
   // Last, because it may close the window.
   if (const auto then = std::exchange(after_export_, nullptr); then && done) then();
+}
+
+void EditorWindow::CancelJob() {
+  job_.reset();
+  files_.clear();
+  after_export_ = nullptr;
 }
 
 void EditorWindow::Export(std::function<void()> then) {

@@ -179,8 +179,11 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       return 0;
     }
     case WM_CLOSE:
-      AfterSaving([this] { DestroyWindow(window_); });
+      // A dialog uses the window until it is closed.
+      if (IsWindowEnabled(window_) != FALSE) AfterSaving([this] { DestroyWindow(window_); });
       return 0;
+    case WM_QUERYENDSESSION:
+      return document_.IsSaved() && !transport_.IsRecording() ? TRUE : FALSE;
     case WM_DESTROY:
       transport_.Stop();
       job_.reset();
@@ -287,6 +290,7 @@ void EditorWindow::Paint() {
 
 void EditorWindow::WatchTimer() {
   const bool busy = !transport_.IsIdle() || job_ || drag_ == Drag::kSelect;
+  if (window_ == nullptr) return;
   if (busy) {
     SetTimer(window_, kTimer, kTickMilliseconds, nullptr);
   } else {
@@ -306,6 +310,9 @@ void EditorWindow::Tick() {
     transport_.Poll();
   } catch (const HostError& error) {
     lost = error;
+  } catch (const HResultError& error) {
+    transport_.Stop();
+    lost = Explain(error.code(), "the sound device", ExitStatus::kDevice);
   }
   if (active) {
     const auto& levels = transport_.levels();

@@ -71,6 +71,8 @@ class EditorWindow {
   void StartFiles(std::vector<std::string> files, bool replace);
   void StartNextFile();
   void FinishJob();
+  // Cancels reading or writing, also of the files that follow.
+  void CancelJob();
   void Export(std::function<void()> then);
   void FinishRecording();
   void ShowKeys();
