@@ -33,18 +33,16 @@ class TextDialog {
 
  private:
   static INT_PTR CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
-    if (message == WM_INITDIALOG) {
-      SetWindowLongPtrW(window, GWLP_USERDATA, lparam);
-      reinterpret_cast<TextDialog*>(lparam)->Open(window);
-      return TRUE;
-    }
-    if (message != WM_COMMAND || (LOWORD(wparam) != IDOK && LOWORD(wparam) != IDCANCEL)) {
-      return FALSE;
-    }
+    if (message == WM_INITDIALOG) SetWindowLongPtrW(window, GWLP_USERDATA, lparam);
     auto* const dialog = reinterpret_cast<TextDialog*>(GetWindowLongPtrW(window, GWLP_USERDATA));
-    if (LOWORD(wparam) == IDOK) dialog->Read(window);
-    EndDialog(window, LOWORD(wparam));
-    return TRUE;
+    const bool closes =
+        message == WM_COMMAND && (LOWORD(wparam) == IDOK || LOWORD(wparam) == IDCANCEL);
+    const HRESULT hr = ComCall([&] {
+      if (message == WM_INITDIALOG) dialog->Open(window);
+      if (closes && LOWORD(wparam) == IDOK) dialog->Read(window);
+    });
+    if (closes || FAILED(hr)) EndDialog(window, FAILED(hr) ? IDCANCEL : LOWORD(wparam));
+    return closes || message == WM_INITDIALOG ? TRUE : FALSE;
   }
 
   void Open(HWND window) {
@@ -55,9 +53,10 @@ class TextDialog {
   }
   void Read(HWND window) {
     for (Field& field : fields_) {
-      wchar_t text[256] = L"";
-      GetDlgItemTextW(window, field.item, text, static_cast<int>(std::size(text)));
-      field.text = Narrow(text);
+      const HWND item = GetDlgItem(window, field.item);
+      std::wstring text(static_cast<std::size_t>(GetWindowTextLengthW(item)) + 1, L'\0');
+      GetWindowTextW(item, text.data(), static_cast<int>(text.size()));
+      field.text = Narrow(text.c_str());
     }
   }
 

@@ -65,13 +65,16 @@ EditorWindow::EditorWindow()
   type.lpszClassName = kClassName;
   RegisterClassExW(&type);
   CreateWindowExW(WS_EX_ACCEPTFILES, kClassName, L"Marlinda Editor",
-                  WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN, CW_USEDEFAULT, CW_USEDEFAULT, 1120, 560,
+                  WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN, CW_USEDEFAULT, CW_USEDEFAULT, 0, 0,
                   nullptr, nullptr, instance, this);
   RequireWindow(window_);
   status_ =
       CreateWindowExW(0, L"STATIC", L"", WS_CHILD | WS_VISIBLE | SS_CENTERIMAGE | SS_NOPREFIX, 0, 0,
                       0, 0, window_, reinterpret_cast<HMENU>(ID_STATUS), instance, nullptr);
   RequireWindow(status_);
+  const int dpi = DpiOf(window_);
+  SetWindowPos(window_, nullptr, 0, 0, MulDiv(1120, dpi, 96), MulDiv(560, dpi, 96),
+               SWP_NOMOVE | SWP_NOZORDER);
   ApplyLook();
   ShowState();
   ShowWindow(window_, SW_SHOWDEFAULT);
@@ -116,7 +119,11 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       PrepareMenu(reinterpret_cast<HMENU>(wparam));
       return 0;
     case WM_PAINT:
-      Paint();
+      try {
+        Paint();
+      } catch (const std::bad_alloc&) {
+        // A message would be painted over, and that would fail again.
+      }
       return 0;
     case WM_ERASEBKGND:
       return 1;
@@ -152,6 +159,9 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
             (GET_KEYSTATE_WPARAM(wparam) & MK_CONTROL) != 0);
       return 0;
     }
+    case WM_MOUSEHWHEEL:
+      Wheel(at, -GET_WHEEL_DELTA_WPARAM(wparam), false);
+      return 0;
     case WM_DROPFILES: {
       const auto drop = reinterpret_cast<HDROP>(wparam);
       std::vector<std::string> files;

@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <utility>
+
 #include "core/handle.h"
 
 namespace marlinda::editor {
@@ -31,9 +33,11 @@ class BackBuffer {
   HDC Prepare(HDC like, SIZE size) {
     if (dc_ != nullptr && size.cx == size_.cx && size.cy == size_.cy) return dc_;
     Release();
+    Bitmap bitmap(CreateCompatibleBitmap(like, size.cx, size.cy));
+    if (!bitmap) return nullptr;
     dc_ = CreateCompatibleDC(like);
-    bitmap_.Reset(CreateCompatibleBitmap(like, size.cx, size.cy));
-    if (dc_ == nullptr || !bitmap_) return nullptr;
+    if (dc_ == nullptr) return nullptr;
+    bitmap_ = std::move(bitmap);
     old_ = SelectObject(dc_, bitmap_.get());
     size_ = size;
     return dc_;

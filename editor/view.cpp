@@ -30,7 +30,7 @@ void View::SetLength(std::int64_t frames) {
 void View::SetWidth(int pixels) {
   const bool all = ShowsAll();
   width_ = std::max(1, pixels);
-  if (all) ShowAll();
+  if (all || zoom_.frames > WidestFrames()) ShowAll();
   ScrollTo(origin_);
 }
 
