@@ -25,9 +25,20 @@ class TextDialog {
   TextDialog(std::string title, std::vector<Field> fields)
       : title_(std::move(title)), fields_(std::move(fields)) {}
 
+  // Returns false if cancelled. Throws a HostError if the engine cannot hold a text.
   bool Show(HWND owner, int resource) {
-    return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource), owner, Procedure,
-                           reinterpret_cast<LPARAM>(this)) == IDOK;
+    if (DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource), owner, Procedure,
+                        reinterpret_cast<LPARAM>(this)) != IDOK) {
+      return false;
+    }
+    // The engine's texts use the system's code page, which silently loses other characters.
+    for (const Field& field : fields_) {
+      if (FitsCodePage(Widen(field.text))) continue;
+      throw HostError(ExitStatus::kUsage, field.text,
+                      "the system's code page lacks some of these characters",
+                      "Choose other characters.");
+    }
+    return true;
   }
   const std::string& Text(std::size_t field) const { return fields_[field].text; }
 
