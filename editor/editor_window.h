@@ -147,9 +147,9 @@ void EditorWindow::Try(const std::string& what, Action action) {
   } catch (const HostError& error) {
     failure = error;
   } catch (const HResultError& error) {
-    failure = Explain(error.code(), what, ExitStatus::kFailure);
+    failure = Explain(error.code(), "", ExitStatus::kFailure);
   } catch (const std::exception&) {
-    failure = Explain(E_OUTOFMEMORY, what, ExitStatus::kFailure);
+    failure = Explain(E_OUTOFMEMORY, "", ExitStatus::kFailure);
   }
   ShowFailure(window_, what, *failure);
 }

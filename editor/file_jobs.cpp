@@ -52,7 +52,8 @@ float FileJob::progress() const {
 
 void FileJob::Start(ComPtr<ICoreTask> task) {
   task_ = std::move(task);
-  Check(task_->Start());
+  const HRESULT hr = task_->Start();
+  if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kFailure);
 }
 
 bool FileJob::Poll() {
