@@ -19,7 +19,11 @@ HWND dialog = nullptr;
 
 std::string TextOf(HWND window) {
   char text[1000] = "";
-  SendMessageA(window, WM_GETTEXT, std::size(text), reinterpret_cast<LPARAM>(text));
+  // Wine loses the answer of a window that is being destroyed.
+  while (IsWindow(window) != FALSE &&
+         SendMessageTimeoutA(window, WM_GETTEXT, std::size(text), reinterpret_cast<LPARAM>(text),
+                             SMTO_NORMAL, 1000, nullptr) == 0) {
+  }
   return text;
 }
 

@@ -205,7 +205,7 @@ class EditorTest(unittest.TestCase):
         self.assertAlmostEqual(crossings * RATE / len(tone), 440, delta=5)
         self.assertAlmostEqual(max(tone) / 32767, 0.5, delta=0.01)
 
-    def test_files_follow_one_another_and_failures_are_explained(self):
+    def test_files_follow_one_another_as_the_command_line_joins_them_and_failures_are_explained(self):
         editor = self.start(self.source, self.source)
         editor.picture("whole-file")
         other = self.folder / "other.wav"
@@ -214,6 +214,14 @@ class EditorTest(unittest.TestCase):
         editor.press(CTRL, "I")
         editor.answer("Insert files", OK, FILE_NAME, windows(other))
         editor.ask("await", f"channels, {10 * RATE}")
+        written, joined = (self.folder / name for name in ("written.wav", "joined.wav"))
+        beside = self.folder / "~written.wav"
+        beside.write_bytes(b"another file")
+        editor.export(written)
+        self.assertEqual(beside.read_bytes(), b"another file")
+        self.assertEqual(run("join", self.source, self.source, other, joined)[0], 0)
+        self.assertEqual(written.read_bytes(), joined.read_bytes())
+        editor.press(CTRL, "Z")
         broken = self.folder / "broken.wav"
         broken.write_bytes(b"RIFF, but no more")
         editor.press(CTRL, "I")
@@ -221,7 +229,7 @@ class EditorTest(unittest.TestCase):
         said = editor.answer("Marlinda Editor", OK)
         self.assertIn("broken.wav", said)
         self.assertIn("no import filter", said)
-        self.assertEqual(editor.frames(), 10 * RATE)
+        self.assertEqual(editor.frames(), 8 * RATE)
         editor.press(HOME)
         for _ in range(14):
             editor.press(PLUS)
