@@ -379,7 +379,7 @@ void EditorWindow::Navigate(int id) {
   const std::int64_t page = std::max<std::int64_t>(1, view_.visible().length() / 4);
   const auto zoom_by = [&](double factor) {
     const int x = view_.PixelOf(cursor());
-    const bool visible = x >= 0 && x < view_.width();
+    const bool visible = x >= 0 && x <= view_.width();
     Scroll([&] {
       if (visible) {
         view_.ZoomAround(cursor(), x, factor);
