@@ -42,10 +42,8 @@ def signal(frames):
 class Editor:
     """A running editor and its driver."""
 
-    def __init__(self, *files, environment=None):
-        words = [windows(file) for file in files]
-        environment = environment or program.ENVIRONMENT
-        self.process = subprocess.Popen([WINE, EDITOR, *words], env=environment, stdin=subprocess.DEVNULL)
+    def __init__(self, *files, environment=program.ENVIRONMENT):
+        self.process = subprocess.Popen([WINE, EDITOR, *map(windows, files)], env=environment, stdin=subprocess.DEVNULL)
         self.driver = subprocess.Popen([WINE, DRIVER], env=environment, text=True, stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE)
         wait_until(lambda: self.ask("find") == "ok" or self.process.poll() is not None, "the window")
@@ -193,7 +191,6 @@ class EditorTest(unittest.TestCase):
         editor.picture("recording")
         editor.press("R", until="Recorded")
         recorded = editor.frames() - 4 * RATE
-        self.assertGreater(recorded, RATE)
         written = self.folder / "tone.wav"
         editor.export(written)
         with wave.open(str(written)) as file:
@@ -214,12 +211,9 @@ class EditorTest(unittest.TestCase):
         editor.press(CTRL, "I")
         editor.answer("Insert files", OK, FILE_NAME, windows(other))
         editor.ask("await", f"channels, {10 * RATE}")
-        written, joined = (self.folder / name for name in ("written.wav", "joined.wav"))
-        beside = self.folder / "~written.wav"
-        beside.write_bytes(b"another file")
-        editor.export(written)
-        self.assertEqual(beside.read_bytes(), b"another file")
+        joined, written = self.folder / "~out.wav", self.folder / "out.wav"
         self.assertEqual(run("join", self.source, self.source, other, joined)[0], 0)
+        editor.export(written)  # must not replace the other file, whose name a temporary file might have
         self.assertEqual(written.read_bytes(), joined.read_bytes())
         editor.press(CTRL, "Z")
         broken = self.folder / "broken.wav"
@@ -227,8 +221,7 @@ class EditorTest(unittest.TestCase):
         editor.press(CTRL, "I")
         editor.answer("Insert files", OK, FILE_NAME, windows(broken))
         said = editor.answer("Marlinda Editor", OK)
-        self.assertIn("broken.wav", said)
-        self.assertIn("no import filter", said)
+        self.assertRegex(said, "broken.wav.*no import filter")
         self.assertEqual(editor.frames(), 8 * RATE)
         editor.press(HOME)
         for _ in range(14):
@@ -248,8 +241,7 @@ class EditorTest(unittest.TestCase):
             editor.picture("playing-with-meters")
             kill_server(environment)
             said = editor.answer("Marlinda Editor", OK)
-            self.assertIn("playing ended", said)
-            self.assertIn("choose another device", said)
+            self.assertRegex(said, "playing ended.*choose another device")
             self.assertEqual(editor.frames(), 4 * RATE)
 
 
