@@ -264,7 +264,7 @@ void EditorWindow::EditMarks(int id) {
                             id == ID_MARK_RIGHT ? pixel : -pixel));
   }
   if (id == ID_LABEL) {
-    // The playback position when the command is given, not after the name has been typed.
+    // Read before the dialog, because playback goes on while it is open.
     const std::int64_t at = transport_.IsIdle() ? selection().begin : transport_.position();
     const auto name = AskText(window_, "Add label", "Name",
                               "Label " + std::to_string(annotations.labels.size() + 1));

@@ -166,7 +166,7 @@ std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggest
 void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
   std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
                      error.reason() + ".";
-  // The remedies of marlinda name its own files and options.
+  // The host's remedy names the files of marlinda.exe.
   const std::string remedy =
       error.status() == ExitStatus::kRegistration
           ? "Keep Tessaly.dll, Converter.dll and marlinda-editor.exe.manifest beside "

@@ -122,7 +122,7 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       try {
         Paint();
       } catch (const std::bad_alloc&) {
-        // A message would be painted over, and that would fail again.
+        // Not reported: closing the message would cause another paint, which would fail too.
       }
       return 0;
     case WM_ERASEBKGND:

@@ -103,7 +103,7 @@ void ImportJob::TakeAudio() {
     throw HostError(ExitStatus::kInput, file(), "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
   }
-  // The import ignores failed writes. They show because the pool's file is shorter than its take.
+  // The import ignores failed writes. The pool's file is then shorter than its take.
   const FloatArray last(static_cast<std::size_t>(material_.format.channels));
   if (FAILED(material_.reader->ReadAudio(material_.frames - 1, last.get()))) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",

@@ -1,4 +1,4 @@
-// RAII owners of GDI objects, and window texts.
+// RAII owners of GDI objects, and a back buffer.
 #pragma once
 
 #include <windows.h>

@@ -13,7 +13,7 @@ using namespace marlinda;
 
 // Call before the first window is created. Not set in an embedded manifest, which would hide the
 // manifest file.
-void TellDpiAwareness() {
+void SetDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;
   const auto set = reinterpret_cast<Set>(reinterpret_cast<void*>(
@@ -50,7 +50,7 @@ int Run() {
 }  // namespace
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int) {
-  TellDpiAwareness();
+  SetDpiAwareness();
   if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
   const int status = Run();
   CoUninitialize();

@@ -19,7 +19,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
   const int reach = layout_.Scale(kReach);
   const Annotations& annotations = document_.annotations();
   if (PtInRect(&layout_.labels, at) != FALSE) {
-    // The nearest flag at or left of the mouse, whose name the mouse may be on.
+    // Finds the nearest flag whose line or name is under the mouse.
     Mark found;
     int found_x = 0;
     for (LONG index = 0; const Label& label : annotations.labels) {
@@ -189,7 +189,7 @@ void EditorWindow::DoubleClick(POINT at) {
     Select(frame, frame);
     return Command(ID_LABEL);
   }
-  // Scrolling and scrubbing have no double click.
+  // A second quick press scrolls or scrubs like the first.
   if (at.y >= layout_.lanes.bottom || GetKeyState(VK_MENU) < 0) {
     return Press(at, GetKeyState(VK_MENU) < 0);
   }

@@ -81,7 +81,7 @@ class Painter {
   void SetLook(bool dark, int dpi);
   const Theme& theme() const { return theme_; }
   HFONT font() const { return font_.get(); }
-  // The width of a label's flag that has enough room.
+  // The width of a label's flag if it has enough room.
   int FlagWidth(const std::string& name, const Layout& layout) const;
 
   // Draws the part of the scene inside `update`.

@@ -9,7 +9,7 @@ namespace marlinda::editor {
 namespace {
 
 HostError NoSuchDevice(const HostError& error) {
-  // The reasons are those of marlinda; the remedy refers to the menu.
+  // The host's remedy names an option of marlinda.exe.
   return {error.status(), error.subject(), error.reason(),
           "Connect a device and start the system's sound service, or choose another device in the "
           "Sound menu."};
@@ -108,7 +108,7 @@ void Transport::PollPlay() {
   __int64 position = 0;
   Check(document_.audio()->GetPlayStatus(&playing, &position));
   if (playing != VARIANT_FALSE) {
-    // At its end, a section that is played once reports its begin again.
+    // When a section that is played once ends, the position returns to its begin.
     position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
     return ReadLevels();
   }
@@ -145,8 +145,8 @@ bool Transport::InputOpens() const {
 }
 
 void Transport::PollRecord() {
-  // A device that delivers nothing may be stalled. It is lost if it cannot be opened a second time,
-  // which is tried after this many polls without a frame.
+  // A device that delivers nothing is stalled or lost. It is lost if it cannot be opened a second
+  // time. So many polls without a frame pass before each try.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_.format.channels);

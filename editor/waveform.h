@@ -31,7 +31,7 @@ class Waveform {
     return columns_[static_cast<std::size_t>((column - begin_) * channels_ + channel)];
   }
 
-  // Replaces all columns by one channel's, for a take that is being recorded.
+  // Replaces all columns by those of a take that is being recorded.
   void Show(std::vector<Extremes> columns, int channels);
 
  private:
