@@ -163,6 +163,18 @@ std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggest
   return Narrow(name.c_str());
 }
 
+HostError CurrentFailure() {
+  try {
+    throw;
+  } catch (const HostError& error) {
+    return error;
+  } catch (const HResultError& error) {
+    return Explain(error.code(), "", ExitStatus::kFailure);
+  } catch (const std::exception&) {
+    return Explain(E_OUTOFMEMORY, "", ExitStatus::kFailure);
+  }
+}
+
 void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
   std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
                      error.reason() + ".";

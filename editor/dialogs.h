@@ -22,6 +22,8 @@ std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title);
 std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggested,
                                           const std::wstring& types);
 
+// Returns the failure of the exception that is being handled. Call in a catch block.
+HostError CurrentFailure();
 // Shows what failed, on what, why, and what to do.
 void ShowFailure(HWND owner, const std::string& what, const HostError& error);
 

@@ -318,11 +318,9 @@ void EditorWindow::Tick() {
   std::optional<HostError> lost;
   try {
     transport_.Poll();
-  } catch (const HostError& error) {
-    lost = error;
-  } catch (const HResultError& error) {
+  } catch (...) {
     transport_.Stop();
-    lost = Explain(error.code(), "the sound device", ExitStatus::kDevice);
+    lost = CurrentFailure();
   }
   if (active) {
     const auto& levels = transport_.levels();

@@ -66,6 +66,10 @@ class EditorWindow {
   void MakeSound(int id);
   void Navigate(int id);
   void NextMark(int step);
+  void FinishRecording();
+  void ShowKeys();
+
+  // files.cpp
   // Asks to save changes. Calls `then` at once, after saving, or, if cancelled, never.
   void AfterSaving(std::function<void()> then);
   void StartFiles(std::vector<std::string> files, bool replace);
@@ -74,8 +78,6 @@ class EditorWindow {
   // Cancels reading or writing, also of the files that follow.
   void CancelJob();
   void Export(std::function<void()> then);
-  void FinishRecording();
-  void ShowKeys();
 
   // mouse.cpp
   void Press(POINT at, bool scrubs);
@@ -140,18 +142,11 @@ class EditorWindow {
 
 template <class Action>
 void EditorWindow::Try(const std::string& what, Action action) {
-  std::optional<HostError> failure;
   try {
     action();
-    return;
-  } catch (const HostError& error) {
-    failure = error;
-  } catch (const HResultError& error) {
-    failure = Explain(error.code(), "", ExitStatus::kFailure);
-  } catch (const std::exception&) {
-    failure = Explain(E_OUTOFMEMORY, "", ExitStatus::kFailure);
+  } catch (...) {
+    ShowFailure(window_, what, CurrentFailure());
   }
-  ShowFailure(window_, what, *failure);
 }
 
 }  // namespace marlinda::editor

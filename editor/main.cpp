@@ -35,14 +35,8 @@ int Run() {
     editor::EditorWindow window;
     window.Open(Arguments());
     return window.Run();
-  } catch (const HostError& error) {
-    editor::ShowFailure(nullptr, "The editor cannot start", error);
-  } catch (const HResultError& error) {
-    editor::ShowFailure(nullptr, "The editor cannot start",
-                        Explain(error.code(), "the engine", ExitStatus::kFailure));
-  } catch (const std::exception&) {
-    editor::ShowFailure(nullptr, "The editor cannot start",
-                        Explain(E_OUTOFMEMORY, "", ExitStatus::kFailure));
+  } catch (...) {
+    editor::ShowFailure(nullptr, "The editor cannot start", editor::CurrentFailure());
   }
   return 1;
 }

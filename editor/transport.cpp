@@ -75,10 +75,7 @@ void Transport::Record() {
   Stop();
   recording_ = {};
   recording_.format = document_.frames() > 0 ? document_.format() : AudioFormat{44100, 2};
-  pool_ = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
-  const HRESULT made = TryPoolFiles(pool_.Get());
-  if (FAILED(made)) throw Explain(made, kTemporaryFolder, ExitStatus::kOutput);
-  Check(pool_->SetBitDepth(32, 0));
+  pool_ = NewPool();
   WithDevice([&] {
     device_ = DeviceChoice::OfInputs(input);
     take_ =
