@@ -32,7 +32,8 @@ void EditorWindow::Open(const std::vector<std::string>& files) {
 void EditorWindow::StartFiles(std::vector<std::string> files, bool replace) {
   if (files.empty()) return;
   if (job_ || transport_.IsRecording()) {
-    throw HostError(ExitStatus::kUsage, files.front(), "the editor reads, writes or records",
+    throw HostError(ExitStatus::kUsage, files.front(),
+                    "another file is read or written, or a recording runs",
                     "Wait until it has finished, or cancel with Esc.");
   }
   const auto start = [this, files = std::move(files), replace] {
