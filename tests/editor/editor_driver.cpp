@@ -83,7 +83,6 @@ std::string Obey(const Words& words) {
   } else if (order == "await_title") {
     WaitUntil([&] { return TextOf(editor) == Rest(words, 1); });
   } else if (order == "key") {
-    // Virtual keys, pressed together.
     SetForegroundWindow(editor);
     for (std::size_t i = 1; i < words.size(); ++i) Key(static_cast<WORD>(number(i)), true);
     for (std::size_t i = words.size(); --i > 0;) Key(static_cast<WORD>(number(i)), false);

@@ -175,7 +175,11 @@ class EditorTest(unittest.TestCase):
         self.assertEqual(written.read_bytes(), wanted.read_bytes())
 
     def test_a_position_that_is_held_is_heard_and_a_recording_follows_the_cursor(self):
-        editor = self.start(self.source)
+        editor = self.start()
+        editor.picture("empty")
+        editor.press(CTRL, "O")
+        editor.answer("Open", OK, FILE_NAME, windows(self.source))
+        editor.ask("await", "Read in.wav")
         with Heard(self.speaker) as heard:
             editor.mouse(MIDDLE_DOWN, 400)
             editor.ask("await", "Scrubbing")
