@@ -365,12 +365,12 @@ void EditorWindow::FinishRecording() {
   const Material take = transport_.TakeRecording();
   const std::int64_t at = selection().begin;
   InvalidateAll();
-  if (take.frames == 0) {
+  if (take.audio.frames == 0) {
     message_ = "Nothing was recorded";
     return;
   }
   document_.Insert("Record", at, take);
-  Select(at, at + take.frames);
+  Select(at, at + take.audio.frames);
   message_ = "Recorded";
 }
 

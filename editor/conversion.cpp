@@ -8,11 +8,12 @@
 
 namespace marlinda::editor {
 
-Conversion::Conversion(const Material& from, const AudioFormat& to)
-    : from_(from), to_(from), converter_(NewConverter(from.format, to)), pool_(NewPool()) {
-  to_.format = to;
-  to_.frames = ConvertSampleCount(from.frames, from.format.rate, to.rate);
-  to_.annotations = AtRate(from.annotations, from.format.rate, to.rate);
+Conversion::Conversion(const ImportedAudio& from, const AudioFormat& to)
+    : from_(from),
+      format_(to),
+      frames_(ConvertSampleCount(from.frames, from.format.rate, to.rate)),
+      converter_(NewConverter(from.format, to)),
+      pool_(NewPool()) {
   thread_ = std::thread([this] {
     result_ = ComCall([this] { return Pump(); });
     running_ = false;
@@ -25,17 +26,17 @@ Conversion::~Conversion() {
 }
 
 float Conversion::progress() const {
-  return static_cast<float>(written_) / static_cast<float>(std::max<std::int64_t>(1, to_.frames));
+  return static_cast<float>(written_) / static_cast<float>(std::max<std::int64_t>(1, frames_));
 }
 
 HRESULT Conversion::Pump() {
   constexpr std::int64_t kBlockFrames = 65536;
   const auto writer = Query<IAudioWriter>(pool_.Get());
-  Check(writer->SetFormat(to_.format.rate, to_.format.channels));
+  Check(writer->SetFormat(format_.rate, format_.channels));
   Check(writer->OpenDevice());
   const OpenReader open(from_.reader.Get());
   std::vector<float> output;
-  for (std::int64_t at = 0; written_ < to_.frames && !cancelled_; at += kBlockFrames) {
+  for (std::int64_t at = 0; written_ < frames_ && !cancelled_; at += kBlockFrames) {
     // Silence after the end flushes the last frames from the converter's filter.
     const std::int64_t frames = std::clamp<std::int64_t>(from_.frames - at, 0, kBlockFrames);
     const FloatArray input(
@@ -49,12 +50,12 @@ HRESULT Conversion::Pump() {
     output.insert(output.end(), owned.samples().begin(), owned.samples().end());
 
     // Writes multiples of 256 frames: otherwise the pool's peaks would not match the frames.
-    const std::int64_t ready = static_cast<std::int64_t>(output.size()) / to_.format.channels;
-    const std::int64_t rest = to_.frames - written_;
+    const std::int64_t ready = static_cast<std::int64_t>(output.size()) / format_.channels;
+    const std::int64_t rest = frames_ - written_;
     const std::int64_t count = ready >= rest ? rest : ready / 256 * 256;
     if (count == 0) continue;
-    const FloatArray block(static_cast<std::size_t>(count * to_.format.channels));
-    const auto end = output.begin() + count * to_.format.channels;
+    const FloatArray block(static_cast<std::size_t>(count * format_.channels));
+    const auto end = output.begin() + count * format_.channels;
     std::copy(output.begin(), end, block.samples().begin());
     output.erase(output.begin(), end);
     Check(writer->WriteAudio(block.get()));
@@ -63,12 +64,11 @@ HRESULT Conversion::Pump() {
   return writer->CloseDevice();
 }
 
-Material Conversion::Finish() {
+ImportedAudio Conversion::Finish() {
   thread_.join();
   // A pool that cannot be written returns the system's error.
   if (FAILED(result_)) throw Explain(result_, kTemporaryFolder, ExitStatus::kOutput);
-  to_.reader = LastTake(pool_.Get()).reader;
-  return std::move(to_);
+  return LastTake(pool_.Get());
 }
 
 }  // namespace marlinda::editor

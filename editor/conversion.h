@@ -8,14 +8,14 @@
 #include <cstdint>
 #include <thread>
 
-#include "editor/document.h"
+#include "host/engine.h"
 
 namespace marlinda::editor {
 
 class Conversion {
  public:
   // Starts the conversion. Throws a HostError if Converter.dll is missing or refuses the formats.
-  Conversion(const Material& from, const AudioFormat& to);
+  Conversion(const ImportedAudio& from, const AudioFormat& to);
   // Cancels the conversion.
   ~Conversion();
   Conversion(const Conversion&) = delete;
@@ -24,14 +24,15 @@ class Conversion {
   bool IsRunning() const { return running_; }
   // From 0 to 1.
   float progress() const;
-  // Waits for the end. Returns the converted audio and positions. Throws a HostError on failure.
-  Material Finish();
+  // Waits for the end. Returns the converted audio. Throws a HostError on failure.
+  ImportedAudio Finish();
 
  private:
   HRESULT Pump();
 
-  const Material from_;
-  Material to_;
+  const ImportedAudio from_;
+  const AudioFormat format_;
+  const std::int64_t frames_;  // of the converted audio
   const ComPtr<IFormatConverter> converter_;
   const ComPtr<IAudioPool> pool_;
   std::atomic<bool> cancelled_ = false;

@@ -172,9 +172,9 @@ void Document::TakeFormat(const AudioFormat& format) {
 
 void Document::Insert(const std::string& name, std::int64_t position, const Material& material) {
   Edit(name, position, [&] {
-    TakeFormat(material.format);
+    TakeFormat(material.audio.format);
     const auto piece = NewAudio();
-    Check(piece->AppendSegment(material.reader.Get(), 0, material.frames));
+    Check(piece->AppendSegment(material.audio.reader.Get(), 0, material.audio.frames));
     AddAnnotations(piece.Get(), material.annotations);
     Check(audio_->Insert(position, piece.Get()));
   });

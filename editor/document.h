@@ -16,9 +16,7 @@ namespace marlinda::editor {
 
 // Audio from elsewhere: an imported file or a recording.
 struct Material {
-  ComPtr<IAudioReader> reader;  // holds the take's pool
-  AudioFormat format;
-  std::int64_t frames = 0;
+  ImportedAudio audio;
   Annotations annotations;
   Tags tags;
 };

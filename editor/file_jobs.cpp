@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/converted_audio.h"
 #include "host/file_name.h"
 #include "host/host_streams.h"
 #include "host/timecode.h"
@@ -82,11 +83,13 @@ float ImportJob::progress() const {
 bool ImportJob::Continue() {
   if (conversion_) {
     if (conversion_->IsRunning()) return true;
-    material_ = conversion_->Finish();
+    material_.annotations =
+        AtRate(material_.annotations, material_.audio.format.rate, wanted_->rate);
+    material_.audio = conversion_->Finish();
   } else {
     TakeAudio();
-    if (wanted_ && *wanted_ != material_.format) {
-      conversion_.emplace(material_, *wanted_);
+    if (wanted_ && *wanted_ != material_.audio.format) {
+      conversion_.emplace(material_.audio, *wanted_);
       return true;
     }
   }
@@ -95,25 +98,22 @@ bool ImportJob::Continue() {
 }
 
 void ImportJob::TakeAudio() {
-  const ImportedAudio take = LastTake(pool_.Get());
-  material_.reader = take.reader;
-  material_.format = take.format;
-  material_.frames = take.frames;
-  if (material_.frames <= 0 || material_.format.rate <= 0 || material_.format.channels <= 0) {
+  const ImportedAudio& take = material_.audio = LastTake(pool_.Get());
+  if (take.frames <= 0 || take.format.rate <= 0 || take.format.channels <= 0) {
     throw HostError(ExitStatus::kInput, file(), "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
   }
   // The import ignores failed writes. The pool's file is then shorter than its take.
-  const FloatArray last(static_cast<std::size_t>(material_.format.channels));
-  if (FAILED(material_.reader->ReadAudio(material_.frames - 1, last.get()))) {
+  const FloatArray last(static_cast<std::size_t>(take.format.channels));
+  if (FAILED(take.reader->ReadAudio(take.frames - 1, last.get()))) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
                     "Free some space there and open the file again.");
   }
   // Read at the end, because the length of a compressed file may be an estimate until then.
   const std::optional<__int64> promised = source_->Frames();
-  if (promised && material_.frames < *promised) {
-    warning_ = "only " + FormatDuration(material_.frames, material_.format.rate) + " of " +
-               FormatDuration(*promised, material_.format.rate) + " could be decoded";
+  if (promised && take.frames < *promised) {
+    warning_ = "only " + FormatDuration(take.frames, take.format.rate) + " of " +
+               FormatDuration(*promised, take.format.rate) + " could be decoded";
   }
 }
 

@@ -83,9 +83,9 @@ void EditorWindow::FinishJob() {
       if (opening_) {
         document_.ForgetSteps();
       } else {
-        Select(insert_at_, insert_at_ + material.frames);
+        Select(insert_at_, insert_at_ + material.audio.frames);
       }
-      insert_at_ += material.frames;
+      insert_at_ += material.audio.frames;
       message_ = import->warning().empty() ? "Read " + import->name()
                                            : "Damaged file: " + import->warning();
     });

@@ -73,13 +73,12 @@ void Transport::Scrub(std::int64_t position) {
 
 void Transport::Record() {
   Stop();
-  recording_ = {};
-  recording_.format = document_.frames() > 0 ? document_.format() : AudioFormat{44100, 2};
+  recording_format_ = document_.frames() > 0 ? document_.format() : AudioFormat{44100, 2};
   pool_ = NewPool();
   WithDevice([&] {
     device_ = DeviceChoice::OfInputs(input);
     take_ =
-        std::make_unique<Take>(OpenGrabber(*device_, recording_.format), pool_, recording_.format);
+        std::make_unique<Take>(OpenGrabber(*device_, recording_format_), pool_, recording_format_);
   });
   columns_.clear();
   last_recorded_ = 0;
@@ -134,7 +133,7 @@ void Transport::PollScrub() {
 
 bool Transport::InputOpens() const {
   try {
-    OpenGrabber(*device_, recording_.format)->CloseDevice();
+    OpenGrabber(*device_, recording_format_)->CloseDevice();
     return true;
   } catch (const HostError&) {
     return false;
@@ -146,7 +145,7 @@ void Transport::PollRecord() {
   // time. So many polls without a frame pass before each try.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
-  const auto channels = static_cast<std::size_t>(recording_.format.channels);
+  const auto channels = static_cast<std::size_t>(recording_format_.channels);
   levels_.assign(channels, 0.0F);
   for (std::size_t i = 0; columns_.size() >= channels && i < channels; ++i) {
     const Extremes& last = columns_[columns_.size() - channels + i];
@@ -177,10 +176,7 @@ void Transport::Stop() {
 Material Transport::TakeRecording() {
   take_.reset();
   const ComPtr<IAudioPool> pool = std::exchange(pool_, nullptr);
-  Material take = std::exchange(recording_, {});
-  if (!pool || pool->CreateLastReader(take.reader.GetAddressOf()) != S_OK) return {};
-  Check(take.reader->GetSampleCount(&take.frames));
-  return take;
+  return {pool ? LastTake(pool.Get()) : ImportedAudio(), {}, {}};
 }
 
 }  // namespace marlinda::editor

@@ -51,7 +51,7 @@ class Transport {
   // The current recording: a column of all channels for each block of the device.
   std::int64_t recorded() const { return take_ ? take_->frames() : 0; }
   std::int64_t frames_per_column() const { return take_ ? take_->frames_per_column() : 1; }
-  const AudioFormat& recording_format() const { return recording_.format; }
+  const AudioFormat& recording_format() const { return recording_format_; }
   const std::vector<Extremes>& recorded_columns() const { return columns_; }
   // Returns the last recording; without frames if nothing was received.
   Material TakeRecording();
@@ -75,7 +75,7 @@ class Transport {
   std::int64_t position_ = 0;
   ULONGLONG started_ = 0;  // milliseconds
   std::vector<float> levels_;
-  Material recording_;
+  AudioFormat recording_format_;
   ComPtr<IAudioPool> pool_;
   std::unique_ptr<Take> take_;
   std::vector<Extremes> columns_;
