@@ -258,7 +258,12 @@ Scene EditorWindow::CurrentScene() {
     recording_view_.SetLength(std::max(transport_.recorded(), view_.width() * frames));
     recording_view_.SetZoom({frames, 1});
     recording_view_.ScrollTo(recording_view_.extent());
-    recording_waveform_.Show(transport_.recorded_columns(), transport_.recording_format().channels);
+    // Copies only the visible columns: a take may last for hours.
+    const auto& columns = transport_.recorded_columns();
+    const int channels = transport_.recording_format().channels;
+    const std::int64_t first = std::min(std::max<std::int64_t>(0, recording_view_.origin() - 1),
+                                        static_cast<std::int64_t>(columns.size()) / channels);
+    recording_waveform_.Show({columns.begin() + first * channels, columns.end()}, channels, first);
     scene.view = &recording_view_;
     scene.waveform = &recording_waveform_;
     scene.annotations = nullptr;

@@ -57,10 +57,10 @@ void Waveform::Forget(std::int64_t from_frame) {
   columns_.resize(static_cast<std::size_t>((column - begin_) * channels_));
 }
 
-void Waveform::Show(std::vector<Extremes> columns, int channels) {
+void Waveform::Show(std::vector<Extremes> columns, int channels, std::int64_t begin) {
   columns_ = std::move(columns);
   channels_ = channels;
-  begin_ = 0;
+  begin_ = begin;
   zoom_ = {0, 0};  // matches no view, so the next Read reads all columns
 }
 

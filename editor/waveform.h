@@ -31,8 +31,8 @@ class Waveform {
     return columns_[static_cast<std::size_t>((column - begin_) * channels_ + channel)];
   }
 
-  // Replaces all columns by those of a take that is being recorded.
-  void Show(std::vector<Extremes> columns, int channels);
+  // Replaces all columns by those of a take that is being recorded, from column `begin` on.
+  void Show(std::vector<Extremes> columns, int channels, std::int64_t begin);
 
  private:
   void ReadColumns(IEditedAudio* audio, std::int64_t begin, std::int64_t end);
