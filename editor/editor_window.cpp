@@ -111,6 +111,12 @@ LRESULT CALLBACK EditorWindow::Procedure(HWND window, UINT message, WPARAM wpara
 
 LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
   const POINT at = {GET_X_LPARAM(lparam), GET_Y_LPARAM(lparam)};
+  // An open dialog relies on a document and window that nobody changes.
+  const bool blocked = IsWindowEnabled(window_) == FALSE;
+  if (blocked && (message == WM_COMMAND || message == WM_CLOSE ||
+                  (message >= WM_MOUSEFIRST && message <= WM_MOUSELAST))) {
+    return 0;
+  }
   switch (message) {
     case WM_COMMAND:
       Command(LOWORD(wparam));
@@ -171,7 +177,7 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
         files.push_back(Narrow(name.c_str()));
       }
       DragFinish(drop);
-      StartFiles(std::move(files), document_.frames() == 0);
+      if (!blocked) StartFiles(std::move(files), document_.frames() == 0);
       return 0;
     }
     case WM_CTLCOLORSTATIC:
@@ -189,8 +195,7 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       return 0;
     }
     case WM_CLOSE:
-      // A dialog uses the window until it is closed.
-      if (IsWindowEnabled(window_) != FALSE) AfterSaving([this] { DestroyWindow(window_); });
+      AfterSaving([this] { DestroyWindow(window_); });
       return 0;
     case WM_QUERYENDSESSION:
       return document_.IsSaved() && !transport_.IsRecording() ? TRUE : FALSE;
