@@ -65,7 +65,7 @@ system=$!
 # Builds run while the suite under Wine waits for timers. Sound tests have a separate prefix, because other
 # tests register and unregister the classes.
 compile x64
-suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package|editor)$" "$root/scripts/wine-session" &
+suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
 suite_64=$!
 compile x86
 suite package x64 "packages of both" "-L ^package$" &
