@@ -38,23 +38,6 @@ std::string Png(const Drawing& drawing) {
   return content;
 }
 
-int Draw(const Waveform& waveform, const PictureRequest& request) {
-  const int channels = waveform.channels;
-  const int height =
-      request.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
-  if (height < LeastHeight(channels)) {
-    throw UsageError("plot",
-                     ChannelCount(channels) + " need a height of " +
-                         std::to_string(LeastHeight(channels)) + " pixels",
-                     request.file);
-  }
-  const Console::Finishing finishing;
-  const Drawing drawing =
-      DrawWaveform(waveform, request.style, request.width, height, SystemFonts());
-  WriteWholeFile(request.file, ExtensionOf(request.file) == "svg" ? drawing.Svg() : Png(drawing));
-  return height;
-}
-
 }  // namespace
 
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs) {
@@ -65,49 +48,54 @@ void CheckPicture(const PictureRequest& request, const std::vector<std::string>&
   RequireWritablePlace(request.file, inputs);
 }
 
-int DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                 const PictureRequest& request) {
-  const auto reader = Query<IAudioReader>(document);
-  LONG rate = 0;
-  SHORT channels = 0;
-  Check(reader->GetFormat(&rate, &channels));
-  __int64 frames = 0;
-  Check(reader->GetSampleCount(&frames));
+RangePicture::RangePicture(const PictureRequest& request, const FrameRange& range,
+                           const AudioFormat& format)
+    : request_(request),
+      range_(range),
+      format_(format),
+      levels_(range.end - range.begin, static_cast<std::size_t>(request.width),
+              static_cast<std::size_t>(format.channels), request.rms) {}
 
-  const FrameRange range = ResolveRange(request.range, frames, rate);
-  // ReadWaveplot expects floats, although the type library declares another type. It leaves columns
-  // without samples at 0, which is silence.
-  const FloatArray columns(2 * static_cast<std::size_t>(request.width) *
-                           static_cast<std::size_t>(channels));
-  Check(document->ReadWaveplot(range.begin, range.end, columns.get()));
-  Waveform waveform{columns.samples(), {}, {}, channels, range.begin, range.end, rate, annotations};
-
-  const __int64 length = range.end - range.begin;
-  const auto lanes = static_cast<std::size_t>(channels);
-  std::vector<float> rms;
-  std::vector<float> samples;
-  const OpenReader open(reader.Get());
-  if (length * 2 <= request.width) {
-    ForEachBlock(reader.Get(), range, lanes, [&](__int64, std::span<const float> block) {
-      samples.insert(samples.end(), block.begin(), block.end());
-    });
-    waveform.samples = samples;
-  } else if (request.rms) {
-    ColumnLevels levels(length, static_cast<std::size_t>(request.width), lanes, true);
-    ForEachBlock(reader.Get(), range, lanes,
-                 [&](__int64, std::span<const float> block) { levels.Add(block); });
-    rms = levels.RootMeanSquares();
-    waveform.rms = rms;
-  }
-  return Draw(waveform, request);
+void RangePicture::Add(std::span<const float> samples) {
+  if (range_.end - range_.begin > request_.width) return levels_.Add(samples);
+  samples_.insert(samples_.end(), samples.begin(), samples.end());
 }
 
-int DrawLevels(const ColumnLevels& levels, const FrameRange& range, const AudioFormat& format,
-               const Annotations& annotations, const PictureRequest& request) {
-  const std::vector<float> rms = levels.RootMeanSquares();
-  return Draw(
-      {levels.pairs(), rms, {}, format.channels, range.begin, range.end, format.rate, annotations},
-      request);
+int RangePicture::Draw(const Annotations& annotations) const {
+  const int channels = format_.channels;
+  const int height =
+      request_.height.value_or(std::max(kHeight, LeastHeight(channels) + kRoom * channels));
+  if (height < LeastHeight(channels)) {
+    throw UsageError("plot",
+                     ChannelCount(channels) + " need a height of " +
+                         std::to_string(LeastHeight(channels)) + " pixels",
+                     request_.file);
+  }
+  const Console::Finishing finishing;
+  const std::vector<float> rms = levels_.RootMeanSquares();
+  const Drawing drawing = DrawWaveform({levels_.pairs(), rms, samples_, channels, range_.begin,
+                                        range_.end, format_.rate, annotations},
+                                       request_.style, request_.width, height, SystemFonts());
+  WriteWholeFile(request_.file, ExtensionOf(request_.file) == "svg" ? drawing.Svg() : Png(drawing));
+  return height;
+}
+
+int DrawAudio(IAudioReader* reader, const Annotations& annotations, const PictureRequest& request) {
+  AudioFormat format;
+  __int64 frames = 0;
+  Check(reader->GetFormat(&format.rate, &format.channels));
+  Check(reader->GetSampleCount(&frames));
+  const FrameRange range = ResolveRange(request.range, frames, format.rate);
+  RangePicture picture(request, range, format);
+  const OpenReader open(reader);
+  constexpr __int64 kBlockFrames = 65536;
+  for (__int64 at = range.begin; at < range.end; at += kBlockFrames) {
+    const auto block_frames = std::min(kBlockFrames, range.end - at);
+    const FloatArray block(static_cast<std::size_t>(block_frames * format.channels));
+    Check(reader->ReadAudio(at, block.get()));
+    picture.Add(Finite(block.samples()));
+  }
+  return picture.Draw(annotations);
 }
 
 }  // namespace marlinda

@@ -1,4 +1,4 @@
-// Draws a document from the engine's overview of it.
+// Draws a range of audio as a picture.
 #pragma once
 
 #include <marlinda.h>
@@ -25,13 +25,26 @@ struct PictureRequest {
 // Checks the request. Call CheckPicture before a long import. Throws a HostError.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
-// Draws the document with the given labels and markers and returns the picture's height. Throws a
-// HostError, or std::invalid_argument if the document lacks the range.
-int DrawDocument(IEditedAudio* document, const Annotations& annotations,
-                 const PictureRequest& request);
+// Collects a range of audio and draws it.
+class RangePicture {
+ public:
+  RangePicture(const PictureRequest& request, const FrameRange& range, const AudioFormat& format);
 
-// Draws the range from its levels instead of a document.
-int DrawLevels(const ColumnLevels& levels, const FrameRange& range, const AudioFormat& format,
-               const Annotations& annotations, const PictureRequest& request);
+  // Adds the next whole frames of the range.
+  void Add(std::span<const float> samples);
+  // Writes the picture with the given labels and markers. Returns its height. Throws a HostError.
+  int Draw(const Annotations& annotations) const;
+
+ private:
+  const PictureRequest& request_;
+  const FrameRange range_;
+  const AudioFormat format_;
+  ColumnLevels levels_;
+  std::vector<float> samples_;  // used if each frame has a column of its own
+};
+
+// Draws the range of the request and returns the picture's height. Throws a HostError, or
+// std::invalid_argument if the audio lacks the range.
+int DrawAudio(IAudioReader* reader, const Annotations& annotations, const PictureRequest& request);
 
 }  // namespace marlinda

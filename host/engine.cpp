@@ -90,22 +90,15 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   return filter;
 }
 
-// Sorts the parts, adds a margin to each part and merges parts that touch. A pool's peaks depend on
-// the blocks that are written. With the margin, a part that begins between two peaks has the same
-// peaks as in the whole file.
-std::vector<FrameRange> Separate(std::vector<FrameRange> parts, __int64 frames) {
-  constexpr __int64 kMaxBlockFrames = 16384;
-  constexpr __int64 kFramesPerPeak = 256;
+// Sorts the parts and merges parts that touch.
+std::vector<FrameRange> Separate(std::vector<FrameRange> parts) {
   std::ranges::sort(parts, {}, &FrameRange::begin);
   std::vector<FrameRange> separate;
   for (const FrameRange& part : parts) {
-    const __int64 margin = std::min(kMaxBlockFrames, part.begin);
-    const __int64 begin = (part.begin - margin) / kFramesPerPeak * kFramesPerPeak;
-    const __int64 end = part.end + std::min(kMaxBlockFrames, frames - part.end);
-    if (!separate.empty() && begin <= separate.back().end) {
-      separate.back().end = std::max(separate.back().end, end);
+    if (!separate.empty() && part.begin <= separate.back().end) {
+      separate.back().end = std::max(separate.back().end, part.end);
     } else {
-      separate.push_back({begin, end});
+      separate.push_back(part);
     }
   }
   return separate;
@@ -117,6 +110,8 @@ void AppendSilence(IEditedAudio* document, __int64 frames, const AudioFormat& fo
 
 std::filesystem::path PathOf(const std::string& file) { return Widen(file); }
 
+}  // namespace
+
 std::vector<float> Finite(std::span<const float> samples) {
   std::vector<float> finite(samples.begin(), samples.end());
   for (float& sample : finite) {
@@ -124,8 +119,6 @@ std::vector<float> Finite(std::span<const float> samples) {
   }
   return finite;
 }
-
-}  // namespace
 
 HostError NothingWritten(const std::string& subject) {
   return {ExitStatus::kInterrupted, subject, "interrupted; nothing was written"};
@@ -158,15 +151,6 @@ ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format) {
   const auto silence = CreateObject<INullReader>(CLSID_CNullReader, "CNullReader");
   Check(silence->Create(frames, format.rate, format.channels));
   return Query<IAudioReader>(silence.Get());
-}
-
-void SetAudio(IEditedAudio* document, const ImportedAudio& audio) {
-  // Insert a document's segments. The segments have peaks, but the document itself has none.
-  if (const auto other = TryQuery<IEditedAudio>(audio.reader.Get())) {
-    Check(document->Insert(0, other.Get()));
-  } else {
-    Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
-  }
 }
 
 ComPtr<IAudioPool> NewPool() {
@@ -211,17 +195,6 @@ Annotations ReadAnnotations(IUnknown* object) {
     }
   }
   return annotations;
-}
-
-void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
-                  const BlockFunction& take) {
-  constexpr __int64 kBlockFrames = 65536;
-  for (__int64 at = range.begin; at < range.end; at += kBlockFrames) {
-    const auto frames = static_cast<std::size_t>(std::min(kBlockFrames, range.end - at));
-    const FloatArray block(frames * channels);
-    Check(reader->ReadAudio(at, block.get()));
-    take(at, Finite(block.samples()));
-  }
 }
 
 void AddAnnotations(IUnknown* object, const Annotations& annotations) {
@@ -376,7 +349,7 @@ void Source::Select(const FrameRange& part) {
 
 ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& console) {
   const auto [none, format, frames] = Expected().value();
-  parts = Separate(std::move(parts), frames);
+  parts = Separate(std::move(parts));
   __int64 total = 0;
   for (const FrameRange& part : parts) total += part.end - part.begin;
   if (total == frames) return Import(console);

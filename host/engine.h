@@ -101,10 +101,8 @@ class OpenReader {
   IAudioReader* reader_;
 };
 
-// Reads the range of an open reader block by block. NaN becomes 0, and infinity full scale.
-using BlockFunction = std::function<void(__int64 position, std::span<const float> samples)>;
-void ForEachBlock(IAudioReader* reader, const FrameRange& range, std::size_t channels,
-                  const BlockFunction& take);
+// Returns the samples with NaN replaced by 0 and infinity by full scale.
+std::vector<float> Finite(std::span<const float> samples);
 
 // Returns the labels and markers of an object, or none if it lacks the interfaces.
 Annotations ReadAnnotations(IUnknown* object);
@@ -116,9 +114,6 @@ struct ImportedAudio {
   AudioFormat format;
   __int64 frames = 0;
 };
-
-// Fills an empty document with the audio.
-void SetAudio(IEditedAudio* document, const ImportedAudio& audio);
 
 // Receives blocks of samples in sequence, in which NaN is 0 and infinity is full scale.
 using SampleFunction =
@@ -166,8 +161,8 @@ class Source {
   // Returns the result of Import without its reader if the filter knows the exact length and can
   // import any part of the file, otherwise nothing. The members below require a result.
   std::optional<ImportedAudio> Expected() const;
-  // Decodes the parts; other frames are silent. Samples and peaks of the parts are the same as
-  // after Import. If the file holds less than it announces, decodes all of it.
+  // Decodes the parts; other frames are silent. If the file holds less than it announces, decodes
+  // all of it.
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console);
   // Starts to decode a part and returns audio that is silent elsewhere. The reader of the audio
   // waits for frames that are not decoded yet.

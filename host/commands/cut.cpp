@@ -32,7 +32,7 @@ struct CutOptions {
 ComPtr<IEditedAudio> Assemble(const CutPlan& plan, const ImportedAudio& audio,
                               const Annotations& source_annotations, int bits) {
   const auto whole = NewDocument(audio.format, bits);
-  SetAudio(whole.Get(), audio);
+  Check(whole->AppendSegment(audio.reader.Get(), 0, audio.frames));
   AddAnnotations(whole.Get(), source_annotations);
 
   auto result = NewDocument(audio.format, bits);
@@ -94,7 +94,7 @@ void Cut(const CutOptions& options, const Console& console) {
                          annotations, facts};
   try {
     if (draws) {
-      DrawDocument(document.Get(), annotations, options.picture);
+      DrawAudio(reader.Get(), annotations, options.picture);
       written.picture = options.picture.file;
     }
   } catch (...) {

@@ -124,7 +124,7 @@ void Play(const PlayOptions& options, const Console& console) {
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
   const auto document = NewDocument(audio.format, bits);
-  SetAudio(document.Get(), audio);
+  Check(document->AppendSegment(audio.reader.Get(), 0, audio.frames));
   Check(document->SetPlaybackDevice(device.number()));
   const std::int64_t begin = section.range.begin;
   const std::int64_t end = Player(document.Get(), audio.format, section)

@@ -34,45 +34,26 @@ Colour ParseColour(const std::string& text) {
   return {part(0), part(2), part(4)};
 }
 
-// Draws the range while the file is decoded, without a pool. Returns nothing if the columns are so
-// narrow that a pool is as fast, or if the file holds less than it announces.
-std::optional<int> DrawStream(Source& source, const FrameRange& range, const AudioFormat& format,
-                              const Annotations& annotations, const PictureRequest& picture,
-                              const Console& console) {
-  constexpr __int64 kMinFramesPerColumn = 256;
-  const __int64 length = range.end - range.begin;
-  if (length / picture.width < kMinFramesPerColumn) return std::nullopt;
-  ColumnLevels levels(length, static_cast<std::size_t>(picture.width),
-                      static_cast<std::size_t>(format.channels), picture.rms);
-  const ImportedAudio audio = source.Stream(
-      [&](const AudioFormat&, std::span<const float> samples) { levels.Add(samples); }, console,
-      range);
-  if (audio.frames == length) return DrawLevels(levels, range, format, annotations, picture);
-  source.InitializeForPool();
-  return std::nullopt;
-}
-
 void Plot(PlotOptions options, const Console& console) {
   options.picture.range = ParseFromTo(options.from, options.to);
   if (!options.colour.empty()) options.picture.style.wave = ParseColour(options.colour);
   CheckPicture(options.picture, {options.input});
   Source source(options.input);
   const Annotations annotations = source.ReadAnnotations();
-  ImportedAudio audio;
   std::optional<int> height;
-  FrameRange range;
   const auto expected = source.Expected();
   if (expected) {
-    audio = *expected;
-    range = ResolveRange(options.picture.range, audio.frames, audio.format.rate);
-    height = DrawStream(source, range, audio.format, annotations, options.picture, console);
+    // Draws while the file is decoded, without a pool.
+    const FrameRange range =
+        ResolveRange(options.picture.range, expected->frames, expected->format.rate);
+    RangePicture picture(options.picture, range, expected->format);
+    const ImportedAudio part = source.Stream(
+        [&](const AudioFormat&, auto samples) { picture.Add(samples); }, console, range);
+    if (part.frames == range.end - range.begin) height = picture.Draw(annotations);
+    if (!height) source.InitializeForPool();  // the file holds less than it announces
   }
-  if (!height) {
-    audio = expected ? source.ImportParts({range}, console) : source.Import(console);
-    const auto document = NewDocument(audio.format, 32);
-    SetAudio(document.Get(), audio);
-    height = DrawDocument(document.Get(), annotations, options.picture);
-  }
+  const ImportedAudio audio = height ? *expected : source.Import(console);
+  if (!height) height = DrawAudio(audio.reader.Get(), annotations, options.picture);
 
   if (options.json) {
     console.Print(Serialize(Json{{"input", options.input},
