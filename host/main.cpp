@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "core/com_call.h"
-#include "host/commands/commands.h"
+#include "host/commands/shared.h"
 #include "host/console.h"
 #include "host/messages.h"
 

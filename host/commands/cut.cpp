@@ -1,6 +1,4 @@
 // "marlinda cut": pieces of a file joined in the order given, with silence, labels and markers.
-#include "host/commands/commands.h"
-
 #include "host/commands/shared.h"
 #include "host/cut_plan.h"
 #include "host/document_picture.h"

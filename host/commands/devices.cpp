@@ -1,6 +1,5 @@
 // "marlinda devices": lists the sound devices.
 #include "host/channel_list.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/sound_devices.h"
 

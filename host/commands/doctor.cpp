@@ -9,7 +9,6 @@
 #include <fstream>
 
 #include "core/handle.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/file_name.h"
 #include "host/filter_list.h"

@@ -2,7 +2,6 @@
 // the list lacks.
 #include <algorithm>
 
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/filter_list.h"
 #include "host/wide_text.h"

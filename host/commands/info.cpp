@@ -1,6 +1,5 @@
 // "marlinda info": shows the properties that the filter reports without decoding the file.
 #include "host/channel_list.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/timecode.h"

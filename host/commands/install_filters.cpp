@@ -1,6 +1,5 @@
 // "marlinda install-filters": adds the built-in import filters to the filter manager's list in the
 // registry, or removes them.
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/filter_list.h"

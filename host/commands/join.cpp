@@ -1,6 +1,4 @@
 // "marlinda join": joins several files into one.
-#include "host/commands/commands.h"
-
 #include "host/commands/shared.h"
 #include "host/joined_source.h"
 

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdint>
 
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/file_name.h"
 

@@ -3,7 +3,6 @@
 #include <chrono>
 
 #include "host/channel_list.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/progress.h"
 #include "host/sound_devices.h"

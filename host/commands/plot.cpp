@@ -1,5 +1,4 @@
 // "marlinda plot": draws the waveform of an audio file.
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/document_picture.h"
 

@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "core/com_call.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/file_name.h"
 #include "host/progress.h"

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/progress.h"
 #include "host/sound_devices.h"

@@ -1,4 +1,4 @@
-// Options, JSON forms and the file report that several commands share.
+// The commands of marlinda, and the options, JSON forms and file report that several of them share.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,6 +16,23 @@
 #include "host/engine.h"
 
 namespace marlinda {
+
+// Each function adds one command with its options to the parser, which runs the command after
+// reading the whole line. Failures throw a HostError.
+void AddConvert(CLI::App& app, Console& console);
+void AddCut(CLI::App& app, Console& console);
+void AddDevices(CLI::App& app, Console& console);
+void AddDoctor(CLI::App& app, Console& console);
+void AddFilters(CLI::App& app, Console& console);
+void AddInfo(CLI::App& app, Console& console);
+void AddInstallFilters(CLI::App& app, Console& console);
+void AddJoin(CLI::App& app, Console& console);
+void AddPeaks(CLI::App& app, Console& console);
+void AddPlay(CLI::App& app, Console& console);
+void AddPlot(CLI::App& app, Console& console);
+void AddRecord(CLI::App& app, Console& console);
+void AddScrub(CLI::App& app, Console& console);
+void AddStats(CLI::App& app, Console& console);
 
 // Adds a command. `action` runs in a single-threaded apartment after the line is parsed. A
 // std::invalid_argument that `action` throws is reported as a usage error.

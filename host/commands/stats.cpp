@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "core/handle.h"
-#include "host/commands/commands.h"
 #include "host/commands/shared.h"
 #include "host/timecode.h"
 #include "host/waveform_picture.h"
