@@ -8,15 +8,11 @@
 
 #include "core/constants.h"
 #include "core/sample_count.h"
-#include "host/channel_list.h"
 #include "host/engine.h"
 
 namespace marlinda {
 
-inline std::string Describe(const AudioFormat& format) {
-  return std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels);
-}
-
+// Throws a HostError if Converter.dll is missing or cannot convert between the formats.
 inline ComPtr<IFormatConverter> NewConverter(const AudioFormat& from, const AudioFormat& to) {
   ComPtr<IFormatConverter> converter;
   if (FAILED(CreateInstance(CLSID_CFormatConverter, converter))) {
@@ -52,11 +48,6 @@ inline AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate
                                 std::optional<int> channels) {
   return {static_cast<LONG>(rate.value_or(from.rate)),
           static_cast<SHORT>(channels.value_or(from.channels))};
-}
-
-// Throws a HostError if Converter.dll is missing or cannot convert between the formats.
-inline void RequireConverter(const AudioFormat& from, const AudioFormat& to) {
-  NewConverter(from, to);
 }
 
 // Converts positions from one sample rate to another.

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <new>
 
-#include "host/channel_list.h"
 #include "host/file_name.h"
 #include "host/system_fonts.h"
 #include "host/waveform_picture.h"

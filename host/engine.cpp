@@ -141,6 +141,14 @@ FilterIdentity IdentityOf(IUnknown* object) {
   return identity;
 }
 
+std::string ChannelCount(int channels) {
+  return std::to_string(channels) + (channels == 1 ? " channel" : " channels");
+}
+
+std::string Describe(const AudioFormat& format) {
+  return std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels);
+}
+
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits) {
   auto document = CreateObject<IEditedAudio>(CLSID_CEditedAudio, "CEditedAudio");
   Check(document->SetFormat(format.rate, format.channels, static_cast<SHORT>(bits)));

@@ -86,6 +86,10 @@ struct AudioFormat {
   SHORT channels = 0;
 };
 
+// Return text such as "1 channel" and "44100 Hz, 2 channels".
+std::string ChannelCount(int channels);
+std::string Describe(const AudioFormat& format);
+
 ComPtr<IEditedAudio> NewDocument(const AudioFormat& format, int bits);
 ComPtr<IAudioReader> Silence(__int64 frames, const AudioFormat& format);
 

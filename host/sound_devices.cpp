@@ -2,7 +2,6 @@
 
 #include <mmsystem.h>
 
-#include "host/channel_list.h"
 #include "host/wide_text.h"
 
 namespace marlinda {
@@ -23,9 +22,7 @@ std::vector<SoundDevice> Devices(UINT count, MMRESULT(WINAPI* ask)(UINT_PTR, Cap
 }
 
 HostError Refused(const DeviceChoice& device, const AudioFormat& format) {
-  return {ExitStatus::kDevice, device.description(),
-          "it cannot be opened with " + std::to_string(format.rate) + " Hz, " +
-              ChannelCount(format.channels),
+  return {ExitStatus::kDevice, device.description(), "it cannot be opened with " + Describe(format),
           std::string("Another program may be using it. ") + kChoose};
 }
 

@@ -80,7 +80,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
   const auto write = [&](const ImportedAudio& audio) -> std::optional<WaveFileFacts> {
     to = TargetFormat(audio.format, options.rate, options.channels);
     frames = ConvertSampleCount(audio.frames, audio.format.rate, to.rate);
-    if (to != audio.format) RequireConverter(audio.format, to);
+    if (to != audio.format) NewConverter(audio.format, to);
     annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
     wave->SetTexts({source.ReadTags(), annotations, source.ReadAcidData()});
     wave->RequireRoom(frames, to, bits);

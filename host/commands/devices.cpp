@@ -1,5 +1,4 @@
 // "marlinda devices": lists the sound devices.
-#include "host/channel_list.h"
 #include "host/commands/shared.h"
 #include "host/sound_devices.h"
 

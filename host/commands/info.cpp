@@ -1,5 +1,4 @@
 // "marlinda info": shows the properties that the filter reports without decoding the file.
-#include "host/channel_list.h"
 #include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/timecode.h"
@@ -60,8 +59,7 @@ std::string ToText(const Source& source) {
   Line(text, "file", source.file());
   const std::string& filter = source.filter().class_name;
   Line(text, "read by", filter.empty() ? "a filter that does not tell its name" : filter);
-  Line(text, "format",
-       format ? std::to_string(rate) + " Hz, " + ChannelCount(format->channels) : "unknown");
+  Line(text, "format", format ? Describe(*format) : "unknown");
   Line(text, "duration", FormatDuration(frames.value_or(-1), rate));
   Line(text, "frames", Number(frames, ""));
   Line(text, "bits", Number(source.BitsPerSample(), ""));

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "host/channel_list.h"
 #include "host/commands/shared.h"
 #include "host/progress.h"
 #include "host/sound_devices.h"
@@ -22,7 +21,7 @@ struct PlayOptions {
   std::string input;
   std::string from;  // `from` and `to` may be empty
   std::string to;
-  std::string channels;  // if empty, all
+  std::vector<int> channels;  // if empty, all
   std::optional<int> device;
   bool loop = false;
   bool json = false;
@@ -109,16 +108,28 @@ class Player {
   Clock::time_point start_;
 };
 
+// Returns a mask with a bit for each channel of the list, or with all bits if the list is empty.
+std::uint32_t MaskOf(const std::vector<int>& list, int channels) {
+  std::uint32_t mask = list.empty() ? 0xFFFFFFFFU : 0;
+  for (const int channel : list) {
+    if (channel >= channels) {
+      throw std::invalid_argument("there is no channel " + std::to_string(channel) +
+                                  ": the audio has " + std::to_string(channels) +
+                                  ", numbered from 0");
+    }
+    mask |= std::uint32_t{1} << channel;
+  }
+  return mask;
+}
+
 void Play(const PlayOptions& options, const Console& console) {
-  Section section = {{}, 0xFFFFFFFFU, options.loop};
-  if (!options.channels.empty()) section.mask = ParseChannelMask(options.channels);
   const TimeRange range = ParseFromTo(options.from, options.to);
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
   const auto expected = options.loop ? std::nullopt : source.Expected();
   ImportedAudio audio = expected ? *expected : source.Import(console);
-  if (!options.channels.empty()) RequireChannels(section.mask, audio.format.channels);
-  section.range = ResolveRange(range, audio.frames, audio.format.rate);
+  const Section section = {ResolveRange(range, audio.frames, audio.format.rate),
+                           MaskOf(options.channels, audio.format.channels), options.loop};
   if (expected) audio = source.StartImport(section.range);
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
@@ -129,11 +140,15 @@ void Play(const PlayOptions& options, const Console& console) {
   const std::int64_t end = Player(document.Get(), audio.format, section)
                                .Watch(source, expected.has_value(), device, console);
   if (options.json) {
+    Json channels = Json::array();
+    for (int channel = 0; channel < std::min<int>(audio.format.channels, 32); ++channel) {
+      if ((section.mask >> channel & 1U) != 0) channels.push_back(channel);
+    }
     console.Print(Serialize({{"input", options.input},
                              {"filter", source.filter().class_name},
                              {"device", OrNull(device.index())},
                              {"sample_rate", audio.format.rate},
-                             {"channels", ChannelsOf(section.mask, audio.format.channels)},
+                             {"channels", channels},
                              {"bits_per_sample", bits},
                              {"begin", begin},
                              {"end", end}}));
@@ -151,8 +166,12 @@ void AddPlay(CLI::App& app, Console& console) {
   command->add_option("IN", options->input, "Audio file to read")->required();
   AddFromTo(command, options->from, options->to);
   command->add_flag("--loop", options->loop, "Repeat until Ctrl+C");
-  command->add_option("--channels", options->channels,
-                      "Channels to play, numbered from 0, such as 0,1 (all unless given)");
+  command
+      ->add_option("--channels", options->channels,
+                   "Channels to play, numbered from 0, such as 0,1 (all unless given)")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::Range(0, 31));
   AddDevice(command, options->device);
   AddProgress(command, console);
   AddJson(command, options->json);

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "core/apartment.h"
-#include "host/channel_list.h"
 #include "host/timecode.h"
 
 namespace marlinda {
@@ -112,7 +111,7 @@ Json ToJson(const std::vector<SectionMarker>& markers) {
 std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
                          int bits) {
   return file + ": " + FormatDuration(frames, format.rate) + ", " + std::to_string(frames) +
-         " frames, " + std::to_string(format.rate) + " Hz, " + ChannelCount(format.channels) +
+         " frames, " + Describe(format) +
          (bits > 0 ? ", " + std::to_string(bits) + " bits\n" : "\n");
 }
 
