@@ -1,4 +1,4 @@
-#include "import/big_endian_reader.h"
+#include "import/sound_readers.h"
 
 #include <algorithm>
 #include <bit>

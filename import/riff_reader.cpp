@@ -1,4 +1,4 @@
-#include "import/riff_reader.h"
+#include "import/sound_readers.h"
 
 #include <algorithm>
 #include <limits>

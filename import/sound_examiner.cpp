@@ -5,11 +5,9 @@
 
 #include "core/samples/sample_converter.h"
 #include "import/adpcm.h"
-#include "import/big_endian_reader.h"
 #include "import/byte_reader.h"
 #include "import/mpeg_stream.h"
-#include "import/riff_reader.h"
-#include "import/tag_reader.h"
+#include "import/sound_readers.h"
 
 namespace marlinda {
 namespace {

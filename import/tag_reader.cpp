@@ -1,4 +1,4 @@
-#include "import/tag_reader.h"
+#include "import/sound_readers.h"
 
 #include <taglib/asffile.h>
 #include <taglib/id3v1tag.h>

@@ -1,6 +1,5 @@
-// Reads the chunks of WAVE files and some chunks of AVI files: format, samples, labels, section
-// markers, metadata and loop data. Input is untrusted. Reading always ends, and sizes that a file
-// claims do not increase memory use.
+// Readers of the kinds of sound files that hold more than MPEG audio. Input is untrusted. Reading
+// ends in any case, and sizes that a file claims do not increase memory use.
 #pragma once
 
 #include "import/byte_source.h"
@@ -21,5 +20,15 @@ namespace marlinda {
 //
 // Loop data has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
+
+// Both return nothing if the file is of another kind. They refuse samples that need a decoder,
+// because the system's filters crash on such AIFF-C files and play such AU files' headers as sound.
+std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
+std::optional<SoundFileInfo> ReadAu(ByteSource& file);
+
+// Reads the ID3 tags or the content description of a compressed file with TagLib. Returns the texts
+// in UTF-8, or nothing if the file has no such tag. If a file has ID3v2 and ID3v1 tags, the ID3v1
+// tag only fills in missing texts.
+std::optional<Tags> ReadTags(ByteSource& file);
 
 }  // namespace marlinda
