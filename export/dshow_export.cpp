@@ -246,8 +246,7 @@ class CDShowExport final
   }
   void ShowMpegSettings() {
     // Without an encoder the dialog offers no choice.
-    const auto encoder = CreateMp3Encoder();
-    CMpegSettings dialog(encoder.Get(), BitRate(kMp3BitRate));
+    CMpegSettings dialog(BitRate(kMp3BitRate));
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }

@@ -81,15 +81,6 @@ void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit) {
   if (SUCCEEDED(CreateInstance(CLSID_CMp3Encoder, ours))) visit(ours.Get());
 }
 
-ComPtr<IBaseFilter> CreateMp3Encoder() {
-  ComPtr<IBaseFilter> first;
-  ForEachMp3Encoder([&](IBaseFilter* encoder) {
-    first = encoder;
-    return true;
-  });
-  return first;
-}
-
 bool IsMp3(const AM_MEDIA_TYPE& type) noexcept {
   const WAVEFORMATEX* const format = WaveFormatOf(type);
   return format != nullptr && format->wFormatTag == WAVE_FORMAT_MPEGLAYER3;

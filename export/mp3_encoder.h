@@ -12,9 +12,6 @@ namespace marlinda {
 // system's encoders come first, in the system's order, and the engine's own encoder last.
 void ForEachMp3Encoder(const std::function<bool(IBaseFilter*)>& visit);
 
-// Creates the first MP3 encoder. Returns null if there is none.
-ComPtr<IBaseFilter> CreateMp3Encoder();
-
 // True if the wave format tag is MPEG Layer 3.
 bool IsMp3(const AM_MEDIA_TYPE& type) noexcept;
 

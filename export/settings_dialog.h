@@ -1,8 +1,6 @@
 // The modal dialogs in which a user chooses how an export is encoded.
 #pragma once
 
-struct IBaseFilter;
-
 #include <windows.h>
 
 #include <algorithm>
@@ -19,10 +17,14 @@ namespace marlinda {
 inline constexpr INT_PTR kNotShown = -1;
 inline constexpr int kMpegBitRatesKbit[] = {56, 64, 96, 128, 192, 256, 320};
 
-inline int BestBitRateKbit(IBaseFilter* encoder) {
+// Returns the highest bit rate of the first MP3 encoder, or 0 if there is none.
+inline int BestBitRateKbit() {
   int best = 0;
-  ForEachCapability(FindStreamConfig(encoder).Get(), [&](const AM_MEDIA_TYPE& type) {
-    if (const auto* format = WaveFormatOf(type)) best = std::max(best, BitRateKbit(*format));
+  ForEachMp3Encoder([&](IBaseFilter* encoder) {
+    ForEachCapability(FindStreamConfig(encoder).Get(), [&](const AM_MEDIA_TYPE& type) {
+      if (const auto* format = WaveFormatOf(type)) best = std::max(best, BitRateKbit(*format));
+    });
+    return true;
   });
   return best;
 }
@@ -166,10 +168,7 @@ class CWmaSettings final : public RadioDialog {
 // the bit rate.
 class CMpegSettings final : public SettingsDialog {
  public:
-  // Reads the capabilities of the encoder, which may be null.
-  CMpegSettings(IBaseFilter* encoder, int bit_rate_kbit)
-      : SettingsDialog(IDD_MPEG_SETTINGS, bit_rate_kbit),
-        max_bit_rate_kbit_(BestBitRateKbit(encoder)) {}
+  explicit CMpegSettings(int bit_rate_kbit) : SettingsDialog(IDD_MPEG_SETTINGS, bit_rate_kbit) {}
 
   int bit_rate_kbit() const noexcept { return value_; }
 
@@ -198,7 +197,7 @@ class CMpegSettings final : public SettingsDialog {
     if (row >= 0 && row < std::ssize(kMpegBitRatesKbit)) value_ = kMpegBitRatesKbit[row];
   }
 
-  const int max_bit_rate_kbit_;
+  const int max_bit_rate_kbit_ = BestBitRateKbit();
 };
 
 // Returns the window handle that a host has passed as a number. Window handles have 32 significant
