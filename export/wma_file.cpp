@@ -11,6 +11,7 @@
 
 #include "core/com_ptr.h"
 #include "core/handle.h"
+#include "dshow/graph_filter.h"
 #include "export/encoded_file.h"
 
 namespace marlinda {
@@ -29,30 +30,21 @@ class WindowsMedia {
   WindowsMedia& operator=(const WindowsMedia&) = delete;
   ~WindowsMedia() { FreeLibrary(library_); }
 
-  ComPtr<IWMWriter> CreateWriter() const {
-    ComPtr<IWMWriter> writer;
-    const auto create = Function<HRESULT(WINAPI*)(IUnknown*, IWMWriter**)>("WMCreateWriter");
-    if (FAILED(create(nullptr, writer.GetAddressOf()))) throw CodecError();
-    return writer;
-  }
-  ComPtr<IWMProfileManager> CreateProfileManager() const {
-    ComPtr<IWMProfileManager> manager;
-    const auto create = Function<HRESULT(WINAPI*)(IWMProfileManager**)>("WMCreateProfileManager");
-    if (FAILED(create(manager.GetAddressOf()))) throw CodecError();
-    return manager;
+  // Calls the library's function `name` with the arguments and a pointer to the new object.
+  template <class Interface, class... Arguments>
+  ComPtr<Interface> Create(const char* name, Arguments... arguments) const {
+    const FARPROC address = GetProcAddress(library_, name);
+    HRESULT(WINAPI * create)(Arguments..., Interface**) = nullptr;
+    static_assert(sizeof create == sizeof address);
+    std::memcpy(&create, &address, sizeof create);
+    ComPtr<Interface> object;
+    if (create == nullptr || FAILED(create(arguments..., object.GetAddressOf()))) {
+      throw CodecError();
+    }
+    return object;
   }
 
  private:
-  template <class Pointer>
-  Pointer Function(const char* name) const {
-    const FARPROC address = GetProcAddress(library_, name);
-    if (address == nullptr) throw CodecError();
-    Pointer pointer;
-    static_assert(sizeof pointer == sizeof address);
-    std::memcpy(&pointer, &address, sizeof pointer);
-    return pointer;
-  }
-
   const HMODULE library_;
 };
 
@@ -68,9 +60,10 @@ bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
   std::vector<BYTE> memory(size);
   auto* const type = reinterpret_cast<WM_MEDIA_TYPE*>(memory.data());
   if (size < sizeof *type || FAILED(properties->GetMediaType(type, &size))) return false;
-  if (type->pbFormat == nullptr || type->cbFormat < sizeof(WAVEFORMATEX)) return false;
-  const auto* const format = reinterpret_cast<const WAVEFORMATEX*>(type->pbFormat);
-  return static_cast<int>(format->nSamplesPerSec) == settings.samples_per_sec &&
+  // Both structures have the same members.
+  const auto* const format = WaveFormatOf(*reinterpret_cast<const AM_MEDIA_TYPE*>(type));
+  return format != nullptr &&
+         static_cast<int>(format->nSamplesPerSec) == settings.samples_per_sec &&
          format->nChannels == settings.channels;
 }
 
@@ -109,7 +102,7 @@ class WmaFile final : public EncodedFile {
   explicit WmaFile(const EncoderSettings& settings)
       : samples_per_sec_(static_cast<std::uint64_t>(settings.samples_per_sec)),
         bytes_per_frame_(PcmFormatOf(settings).nBlockAlign),
-        writer_(media_.CreateWriter()) {
+        writer_(media_.Create<IWMWriter, IUnknown*>("WMCreateWriter", nullptr)) {
     SetProfile(settings);
     SetInput(settings);
     SetTags(settings.tags);
@@ -155,7 +148,7 @@ class WmaFile final : public EncodedFile {
   }
 
   void SetProfile(const EncoderSettings& settings) {
-    const auto manager = media_.CreateProfileManager();
+    const auto manager = media_.Create<IWMProfileManager>("WMCreateProfileManager");
     ComPtr<IWMProfile> profile;
     CheckCodec(manager->CreateEmptyProfile(WMT_VER_9_0, profile.GetAddressOf()));
     const auto stream = ChooseStream(manager.Get(), settings);
@@ -167,18 +160,11 @@ class WmaFile final : public EncodedFile {
   }
 
   void SetInput(const EncoderSettings& settings) {
-    WAVEFORMATEX format = PcmFormatOf(settings);
-    WM_MEDIA_TYPE type = {};
-    type.majortype = MEDIATYPE_Audio;
-    type.subtype = MEDIASUBTYPE_PCM;
-    type.bFixedSizeSamples = TRUE;
-    type.lSampleSize = format.nBlockAlign;
-    type.formattype = FORMAT_WaveFormatEx;
-    type.cbFormat = sizeof format;
-    type.pbFormat = reinterpret_cast<BYTE*>(&format);
+    const AudioType format(PcmFormatOf(settings));
+    AM_MEDIA_TYPE type = format.View();
     ComPtr<IWMInputMediaProps> input;
     CheckCodec(writer_->GetInputProps(0, input.GetAddressOf()));
-    CheckCodec(input->SetMediaType(&type));
+    CheckCodec(input->SetMediaType(reinterpret_cast<WM_MEDIA_TYPE*>(&type)));
     CheckCodec(writer_->SetInputProps(0, input.Get()));
   }
 
