@@ -233,13 +233,12 @@ Source::Source(const std::string& file, IAudioWriter* target) : file_(file) {
   filter_ = ChooseFilter(file, Bstr(engine_name_).get());
   identity_ = IdentityOf(filter_.Get());
   if (target == nullptr) pool_ = NewPool();
-  target != nullptr ? Initialize(target) : InitializeForPool();
+  Initialize(target);
 }
 
-void Source::InitializeForPool() { Initialize(Query<IAudioWriter>(pool_.Get()).Get()); }
-
 void Source::Initialize(IAudioWriter* target) {
-  const HRESULT hr = filter_->Initialize(Bstr(engine_name_).get(), target);
+  const auto own = target == nullptr ? Query<IAudioWriter>(pool_.Get()) : target;
+  const HRESULT hr = filter_->Initialize(Bstr(engine_name_).get(), own.Get());
   if (hr == E_FAIL) {
     throw HostError(ExitStatus::kInput, file_, "the file is damaged or not of the kind it claims");
   }
@@ -369,7 +368,7 @@ ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& 
   __int64 done = 0;
   __int64 end = 0;
   for (const FrameRange& part : parts) {
-    if (done > 0) InitializeForPool();
+    if (done > 0) Initialize();
     Select(part);
     const __int64 length = part.end - part.begin;
     if (!RunTask(task.Get(), bar, console, static_cast<double>(done) / whole,
@@ -378,7 +377,7 @@ ImportedAudio Source::ImportParts(std::vector<FrameRange> parts, const Console& 
     }
     const ImportedAudio take = LastTake(pool_.Get());
     if (take.frames != length) {
-      InitializeForPool();
+      Initialize();
       return Import(console);
     }
     TakeOfRun(console);

@@ -158,9 +158,8 @@ class Source {
   // the file holds less than it announces, Stream delivers fewer frames and reports nothing.
   ImportedAudio Stream(const SampleFunction& take, const Console& console,
                        const std::optional<FrameRange>& part = {});
-  // Make the filter's next run write to `target`, or to the pool as after construction.
-  void Initialize(IAudioWriter* target);
-  void InitializeForPool();
+  // Makes the filter's next run write to `target`, or to the pool if `target` is null.
+  void Initialize(IAudioWriter* target = nullptr);
 
   // Returns the result of Import without its reader if the filter knows the exact length and can
   // import any part of the file, otherwise nothing. The members below require a result.

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <limits>
+#include <ranges>
 #include <stdexcept>
 #include <utility>
 
@@ -96,10 +97,7 @@ TwoTexts RequireTimes(std::string_view text, bool may_be_empty, const char* form
   const std::size_t colon = text.find(':');
   if (colon == text.npos) Refuse(text, "is not of the form " + std::string(form));
   const TwoTexts parts = CutAt(text, colon);
-  for (const std::string_view part : {parts.first, parts.second}) {
-    if (!IsTime(part, may_be_empty)) RefuseTime(part);
-  }
-  return parts;
+  RefuseTime(IsTime(parts.first, may_be_empty) ? parts.second : parts.first);
 }
 
 std::string Length(std::int64_t frames, std::int32_t rate) {
@@ -204,10 +202,8 @@ TimeSpan ParseSpan(std::string_view text) {
 
 std::vector<Timecode> ParseTimes(std::string_view text) {
   std::vector<Timecode> times;
-  for (std::size_t begin = 0; begin <= text.size();) {
-    const std::size_t end = std::min(text.find(',', begin), text.size());
-    times.push_back(Timecode::Parse(text.substr(begin, end - begin)));
-    begin = end + 1;
+  for (const auto time : std::views::split(text, ',')) {
+    times.push_back(Timecode::Parse({time.begin(), time.end()}));
   }
   return times;
 }

@@ -45,7 +45,6 @@ std::vector<Record> Sorted(std::vector<Record> records, Key key) {
 
 // Columns one pixel wide. Steps between columns are drawn as lines, without gaps.
 struct Band {
-  Outline outline;
   std::vector<Point> upper = {};
   std::vector<Point> lower = {};
   double last_top = 0;
@@ -60,11 +59,11 @@ struct Band {
     last_top = top;
     last_bottom = bottom;
   }
-  void End() {
+  Outline Around() {
     upper.insert(upper.end(), lower.rbegin(), lower.rend());
+    Outline outline;
     outline.AddPolygon(upper);
-    upper.clear();
-    lower.clear();
+    return outline;
   }
 };
 
@@ -221,12 +220,6 @@ class Canvas {
       const float minimum = waveform_.pairs[2 * at];
       const float maximum = waveform_.pairs[2 * at + 1];
       const double x = static_cast<double>(column);
-      // A column without samples ends the band.
-      if (!(minimum <= maximum)) {
-        wave.End();
-        body.End();
-        continue;
-      }
       // The band extends half a pixel beyond the extremes, so that silence is visible.
       wave.Add(x, y_of(maximum) - 0.5, y_of(minimum) + 0.5);
       if (maximum >= kClipLevel || minimum <= -kClipLevel) {
@@ -234,10 +227,8 @@ class Canvas {
       }
       if (at < waveform_.rms.size()) body.Add(x, y_of(waveform_.rms[at]), y_of(-waveform_.rms[at]));
     }
-    wave.End();
-    body.End();
-    drawing_.Fill(std::move(wave.outline), colour);
-    drawing_.Fill(std::move(body.outline), theme_.body);
+    drawing_.Fill(wave.Around(), colour);
+    drawing_.Fill(body.Around(), theme_.body);
     drawing_.Fill(std::move(clipped), theme_.clip);
   }
 

@@ -93,7 +93,7 @@ void Convert(const ConvertOptions& options, const Console& console) {
     if (!facts) {
       wave->Remove();
       wave.emplace(options.output, std::vector{options.input});
-      source.InitializeForPool();
+      source.Initialize();
     }
   }
   if (!facts) facts = write(source.Import(console));

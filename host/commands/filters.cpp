@@ -1,6 +1,6 @@
 // "marlinda filters": lists the import filters of the registry list, then the built-in filters that
 // the list lacks.
-#include <algorithm>
+#include <ranges>
 
 #include "host/commands/shared.h"
 #include "host/filter_list.h"
@@ -58,10 +58,8 @@ std::vector<FilterReport> Report(const FilterList& list) {
 
 Json PatternList(const std::string& patterns) {
   Json list = Json::array();
-  for (std::size_t begin = 0; begin < patterns.size();) {
-    const std::size_t end = std::min(patterns.find(';', begin), patterns.size());
-    list.push_back(patterns.substr(begin, end - begin));
-    begin = end + 1;
+  for (const auto pattern : std::views::split(patterns, ';')) {
+    list.push_back(std::string(pattern.begin(), pattern.end()));
   }
   return list;
 }

@@ -37,8 +37,8 @@ Json ToJson(const Source& source) {
             {"album", tags.album},
             {"year", tags.year},
             {"genre", tags.genre}}},
-          {"labels", ToJson(annotations.labels)},
-          {"markers", ToJson(annotations.markers)},
+          {"labels", annotations.labels},
+          {"markers", annotations.markers},
           {"acid", ToJson(source.ReadAcidData())}};
 }
 

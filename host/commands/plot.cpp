@@ -49,7 +49,7 @@ void Plot(PlotOptions options, const Console& console) {
     const ImportedAudio part = source.Stream(
         [&](const AudioFormat&, auto samples) { picture.Add(samples); }, console, range);
     if (part.frames == range.end - range.begin) height = picture.Draw(annotations);
-    if (!height) source.InitializeForPool();  // the file holds less than it announces
+    if (!height) source.Initialize();  // the file holds less than it announces
   }
   const ImportedAudio audio = height ? *expected : source.Import(console);
   if (!height) height = DrawAudio(audio.reader.Get(), annotations, options.picture);
@@ -61,8 +61,8 @@ void Plot(PlotOptions options, const Console& console) {
                                  {"width", options.picture.width},
                                  {"height", *height},
                                  {"frames", audio.frames},
-                                 {"labels", ToJson(annotations.labels)},
-                                 {"markers", ToJson(annotations.markers)}}));
+                                 {"labels", annotations.labels},
+                                 {"markers", annotations.markers}}));
   } else {
     console.Print("drew " + options.picture.file + ": " + std::to_string(options.picture.width) +
                   " x " + std::to_string(*height) + " pixels\n");

@@ -92,20 +92,12 @@ std::string Serialize(const Json& report) {
   return versioned.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-Json ToJson(const std::vector<Label>& labels) {
-  Json list = Json::array();
-  for (const Label& label : labels) {
-    list.push_back({{"position", label.position}, {"name", label.name}});
-  }
-  return list;
+void to_json(Json& json, const Label& label) {
+  json = {{"position", label.position}, {"name", label.name}};
 }
 
-Json ToJson(const std::vector<SectionMarker>& markers) {
-  Json list = Json::array();
-  for (const auto& [section, name] : markers) {
-    list.push_back({{"begin", section.begin}, {"end", section.end}, {"name", name}});
-  }
-  return list;
+void to_json(Json& json, const SectionMarker& marker) {
+  json = {{"begin", marker.section.begin}, {"end", marker.section.end}, {"name", marker.name}};
 }
 
 std::string DescribeFile(const std::string& file, std::int64_t frames, const AudioFormat& format,
@@ -133,8 +125,8 @@ void PrintSummary(const WrittenFile& written, bool json, const Console& console)
                            {"frames", written.frames},
                            {"duration_seconds", static_cast<double>(written.frames) / format.rate},
                            {"bytes", written.facts.bytes},
-                           {"labels", ToJson(written.annotations.labels)},
-                           {"markers", ToJson(written.annotations.markers)},
+                           {"labels", written.annotations.labels},
+                           {"markers", written.annotations.markers},
                            {"picture", OrNull(written.picture)}}));
 }
 

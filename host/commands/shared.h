@@ -91,8 +91,9 @@ using Json = nlohmann::ordered_json;
 
 // Returns the report as text, with the schema version added.
 std::string Serialize(const Json& report);
-Json ToJson(const std::vector<Label>& labels);
-Json ToJson(const std::vector<SectionMarker>& markers);
+// nlohmann::json calls these functions for lists of labels and markers.
+void to_json(Json& json, const Label& label);
+void to_json(Json& json, const SectionMarker& marker);
 
 template <class T>
 Json OrNull(const std::optional<T>& value) {
