@@ -1,11 +1,14 @@
 // Dithering and noise shaping of float samples to a fixed-point width.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cassert>
+#include <cmath>
 #include <cstddef>
 #include <span>
 
+#include "core/samples/cpu_level.h"
 #include "pool/dither_kernels.h"
 
 namespace marlinda {
@@ -22,7 +25,16 @@ class DitherState {
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
 
   // Clears all errors. Accepts any values, but only 1 to 8 channels can be dithered.
-  void SetUp(int mode, int channels, int bits) noexcept;
+  void SetUp(int mode, int channels, int bits) noexcept {
+    mode_ = mode;
+    channels_ = channels;
+    // A client may set any width. Codes have 2 to 32 bits.
+    bits_ = std::clamp(bits, 2, 32);
+    const double half_range = std::ldexp(1.0, bits_ - 1);
+    const double scale = half_range - 1.0;
+    steps_ = {scale, -half_range, -half_range / scale, 1.0 / scale};
+    errors_ = {};
+  }
 
   bool CanDither() const noexcept { return channels_ >= 1 && channels_ <= kMaxChannels; }
 
@@ -51,7 +63,25 @@ class DitherState {
   }
 
  private:
-  void Shape(std::span<float> whole_frames) noexcept;
+  static ShapingKernel KernelFor(int bits) noexcept {
+    // The widest code that the vector kernels can produce.
+    constexpr int kMaxVectorBits = 24;
+    if (bits > kMaxVectorBits) return ScalarShape;
+    switch (CurrentCpuLevel()) {
+      case CpuLevel::kAvx2:
+        return Avx2Shape;
+      case CpuLevel::kSse2:
+        return Sse2Shape;
+      default:
+        return ScalarShape;
+    }
+  }
+
+  void Shape(std::span<float> whole_frames) noexcept {
+    const auto channels = static_cast<std::size_t>(channels_);
+    KernelFor(bits_)(steps_, errors_.data(), whole_frames.data(), whole_frames.size() / channels,
+                     channels);
+  }
 
   int channels_ = 0;
   int mode_ = kOff;

@@ -1,4 +1,4 @@
-// Noise shaping of a block, for each instruction level. Only dither.cpp calls it. Files compiled
+// Noise shaping of a block, for each instruction level. Only dither.h calls it. Files compiled
 // for AVX2 include this header, so it defines no inline functions.
 #pragma once
 
