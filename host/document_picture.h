@@ -19,7 +19,7 @@ struct PictureRequest {
   std::optional<int> height = {};  // default: 320, more for many channels
   TimeRange range = {};
   PictureStyle style = {};
-  bool rms = false;  // also draws each column's root mean square, from all samples
+  bool rms = false;  // also draws each column's root mean square
 };
 
 // Checks the request. Call CheckPicture before a long import. Throws a HostError.
