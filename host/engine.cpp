@@ -349,6 +349,8 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
+  // A damaged file may hold more as a part than as a whole.
+  if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);
   if (FAILED(hr)) throw Explain(hr, file_, ExitStatus::kInput);
@@ -394,7 +396,7 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   constexpr DWORD kPollMilliseconds = 5;
   const auto [none, format, frames] = Expected().value();
   const __int64 length = part.end - part.begin;
-  if (length < frames) Select(part);
+  Select(part);
   // The reader below needs the format now. The filter will set the same format again.
   Check(Query<IAudioWriter>(pool_.Get())->SetFormat(format.rate, format.channels));
   const auto take = CreateObject<IAudioPoolReader>(CLSID_CAudioPoolReader, "CAudioPoolReader");
