@@ -38,7 +38,7 @@ SETTINGS_KEY = re.compile(r"(user|system) \[Software\\\\(Wow6432Node\\\\)?Brevan
                           r"(\\\\Directories|\\\\EncoderSettings|\\\\Import Filters)?)?\]")
 # What Wine itself writes when programs start and end.
 WINES_OWN = re.compile(
-    r"(user \[(Console|Software\\\\Wine|Volatile Environment|Control Panel)\b)|(system \[(System\\\\(?!.*Environment\])|"
+    r"(user \[(Console|Software\\\\(Wine|Microsoft\\\\ActiveMovie)|Volatile Environment|Control Panel)\b)|(system \[(System\\\\(?!.*Environment\])|"
     r"Hardware|Software\\\\(Wow6432Node\\\\)?Microsoft\\\\Windows( NT)?\\\\CurrentVersion\\\\(NetworkCards|Print|MMDevices))\b)")
 
 
