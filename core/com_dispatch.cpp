@@ -79,7 +79,7 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // The slot releases the pointer that the method wrote, so a borrowed pointer needs a reference.
+  // Adds a reference to a borrowed pointer, because the slot releases the pointer later.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }
@@ -105,8 +105,8 @@ class Argument {
     const bool is_interface = parameter.type == VT_DISPATCH || parameter.type == VT_UNKNOWN;
     const VARTYPE type = V_VT(given);
     if (is_interface && (type == (VT_BYREF | VT_DISPATCH) || type == (VT_BYREF | VT_UNKNOWN))) {
-      // Lets the method write to a slot. If the method leaves the pointer unchanged, TakeReference
-      // must not add a reference to the caller's old object.
+      // Makes the method write to a slot that starts empty. If the method writes nothing,
+      // TakeReference then adds no reference to the caller's old object.
       reference_ = V_UNKNOWNREF(given);
       PassSlot(parameter.type);
       if (reference_ == nullptr) V_BYREF(&passed_) = nullptr;
@@ -119,8 +119,8 @@ class Argument {
     if ((type & VT_BYREF) != 0) return DISP_E_TYPEMISMATCH;
     PassSlot(parameter.type);
     if (variable_ != nullptr || type == VT_EMPTY) return S_OK;
-    // A script without references passes a value. The method's output is lost, but the value must
-    // still have a matching type.
+    // A script that cannot pass a reference passes a value. The method's output is lost, but the
+    // value must still have a matching type.
     Slot coerced;
     return VariantChangeTypeEx(&coerced.value(), given, locale, 0, parameter.type);
   }
@@ -231,7 +231,7 @@ class Call {
         arguments_[k].PrepareResult(parameters[k], result);
         continue;
       }
-      // The argument count is correct, so the caller has named another parameter twice.
+      // Parameter k has no argument, because the caller has named another parameter twice.
       if (given[k] == nullptr) return DISP_E_PARAMNOTOPTIONAL;
       const HRESULT hr = arguments_[k].Prepare(parameters[k], given[k], locale);
       if (FAILED(hr)) {

@@ -77,8 +77,8 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   bool IsAggregated() const noexcept { return outer_ != &inner_; }
 
  private:
-  // The non-delegating IUnknown. If the object is aggregated, the outer object holds it. Otherwise
-  // it is the object's identity.
+  // The non-delegating IUnknown. If the object is aggregated, the outer object holds this IUnknown.
+  // Otherwise this IUnknown is the object's identity.
   class Inner final : public IUnknown {
    public:
     explicit Inner(Object& object) noexcept : object_(object) {}

@@ -1,4 +1,4 @@
-// FilterTask: the methods that import and export filters share: task, merit and filter strings.
+// FilterTask: the methods common to import and export filters (task, merit, filter strings).
 #pragma once
 
 #include <marlinda.h>
@@ -55,8 +55,7 @@ template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
   // ICoreTask
-  // Returns when the worker has ended. A Cancel before Start also cancels the task that Start runs
-  // later.
+  // Returns when the worker has ended. A Cancel before Start takes effect when Start runs the task.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);
@@ -65,7 +64,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // Fails with E_FAIL unless the length is positive. Stays below 1.0 if the worker ended early.
+  // E_FAIL unless the length is positive. The progress stays below 1.0 if the worker ended early.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

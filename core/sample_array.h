@@ -37,7 +37,7 @@ class SampleArrayView {
 // memory, because allocating an array for each read would cost more than the read.
 class SampleArray {
  public:
-  // All samples are 0. Throws std::bad_alloc, even for a count beyond the limit of an array.
+  // All samples are 0. Throws std::bad_alloc if memory runs out or `count` exceeds the array limit.
   explicit SampleArray(std::size_t count = 0);
   ~SampleArray();
   SampleArray(const SampleArray&) = delete;
@@ -52,7 +52,7 @@ class SampleArray {
   SAFEARRAY* get() const noexcept { return array_; }
   std::size_t capacity() const noexcept { return buffer_.capacity(); }
 
-  // Never longer than the allocated count, even if a callee changed the descriptor.
+  // The span never exceeds the allocated count, even if a callee changed the descriptor.
   std::span<float> samples() noexcept { return {buffer_.data(), Count()}; }
   std::span<const float> samples() const noexcept { return {buffer_.data(), Count()}; }
 
@@ -63,7 +63,7 @@ class SampleArray {
   std::vector<float> buffer_;
 };
 
-// Keeps one array between calls. If another call has taken the array, Take makes a new one.
+// Keeps one array between calls. If another call has taken the array, Take makes a new array.
 class ScratchCache {
  public:
   ScratchCache() noexcept = default;

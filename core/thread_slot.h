@@ -16,7 +16,7 @@ class ThreadSlot {
 
 #ifdef _WIN32
   static T* Get() noexcept { return static_cast<T*>(TlsGetValue(index_.value)); }
-  // Returns false and changes nothing if the system has no memory for it.
+  // Returns false and changes nothing if the system has no memory for the pointer.
   static bool Set(T* current) noexcept {
     return TlsSetValue(index_.value, const_cast<void*>(static_cast<const void*>(current))) != FALSE;
   }

@@ -72,7 +72,7 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // Reads the vtable's description. It lists results as parameters and omits IDispatch's methods.
+  // The vtable's description lists results as parameters and omits IDispatch's methods.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));
@@ -136,8 +136,8 @@ class TypeLibrary {
   std::map<GUID, MethodTable, GuidLess> methods_;
 };
 
-// The C++ runtime never destroys the object, because at process end the automation library, which
-// its destructor calls, may already be unloaded.
+// The object is never destroyed. Its destructor would call the automation library, which may
+// already be unloaded at process end.
 TypeLibrary& Library() {
   alignas(TypeLibrary) static std::byte storage[sizeof(TypeLibrary)];
   static auto* const library = new (storage) TypeLibrary;

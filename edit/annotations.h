@@ -53,8 +53,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
   return part;
 }
 
-// Keeps the parts of the records in `head`, followed by the parts in `tail`, moved by `offset`.
-// Works in place if the parts already have this order, otherwise collects the tail first.
+// Keeps the parts of the records in `head`, then the parts in `tail`. Moves the parts in `tail` by
+// `offset`. Works in place if the parts already have this order, otherwise collects the tail first.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {

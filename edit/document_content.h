@@ -53,7 +53,7 @@ class SrwLock {
 };
 
 // The lock guards every member but the scratch array. It is never held during a call to a source, a
-// sink or another document, even AddRef and Release, because the callee may call the document.
+// sink or another document, not even AddRef or Release: the callee may call the document.
 struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
@@ -170,8 +170,8 @@ struct DocumentContent {
     format.channels = adopted.channels;
   }
 
-  // Returns the parts of segments in `range`, or all whole segments without a range. Call with the
-  // lock and a pin held.
+  // Returns the parts of segments in `range`, or all whole segments if there is no range. Call with
+  // the lock and a pin held.
   std::vector<Piece> Cut(const std::optional<CSection>& range) const {
     std::vector<Piece> pieces;
     const auto take = [&](const ComPtr<IAudioReader>& source, const CSection& section) {
@@ -247,8 +247,8 @@ struct DocumentContent {
   ScratchCache scratch;
 
  private:
-  // Deletes the range in place if it runs forward from frame 0 or later, all segments have frames
-  // and a format is set. Otherwise changes nothing and returns false.
+  // Deletes the range in place if the range runs forward from frame 0 or later, all segments have
+  // frames and a format is set. Otherwise changes nothing and returns false.
   bool CutOut(const CSection& range) {
     if (range.begin < 0 || range.end < range.begin) return false;
     const Pin pin(*this);
@@ -262,8 +262,8 @@ struct DocumentContent {
     annotations.Delete(range, length);
     return true;
   }
-  // Makes `divided` hold the source of the segment that an edit at `range` will divide. The lock is
-  // released while the reference is added.
+  // Sets `divided` to the source of the segment that an edit at `range` will divide, else to null.
+  // Releases the lock during AddRef and Release.
   void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
                    ComPtr<IAudioReader>& divided) {
     for (;;) {

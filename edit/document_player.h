@@ -126,7 +126,7 @@ class DocumentPlayer {
   // release the last reference to the document on this thread.
   struct Job {
     // If the sources cannot be opened, the job keeps the writer open until the next playback or the
-    // end of the document.
+    // document's destruction.
     void Run() noexcept {
       const DocumentFormat format = content->CurrentFormat();
       writer->SetFormat(format.samples_per_sec, format.channels);

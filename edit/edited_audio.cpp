@@ -263,8 +263,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document and does not restore it: copying the snapshot to itself empties the
-  // snapshot. The host restores the content from the copy that it made before the change.
+  // Empties the document. Copying the snapshot to itself only empties the snapshot, so nothing is
+  // restored. The host restores the content from the copy that the host made before the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;
@@ -399,7 +399,7 @@ class CEditedAudio final
     destination->SetFormat(format.samples_per_sec, format.channels, format.bits_per_sample);
 
     const __int64 offset = range ? WrappingSubtract(0, range->begin) : 0;
-    // Without a format, the destination must adopt one from the sources, which AppendSegment does.
+    // Without a format, uses AppendSegment, so that the destination adopts a source's format.
     CEditedAudio* const direct = format.IsSet() ? Direct(destination) : nullptr;
     const DocumentContent::Pin pin(*content_);
     std::shared_lock lock(content_->lock);

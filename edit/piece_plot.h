@@ -25,8 +25,8 @@ inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 // a screen takes one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
-// Without a summary, a piece whose peaks have more floats than this (4 GiB) is not drawn. They do
-// not fit in an array, and reading them in blocks would take too long.
+// Without a summary, a piece whose peaks have more floats than this (4 GiB) is not drawn. So many
+// floats do not fit in an array, and reading them in blocks would take too long.
 inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
 // From this many peaks per column on, reading a summary costs less than reading the peaks.
@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from a summary, which has one peak for each column. The result is that of all peaks.
+// Draws from a summary, which has one peak for each column. The result is as from all peaks.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);
@@ -110,8 +110,8 @@ inline bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size
 }
 
 // `piece` is the range in the source, `columns` its width in pixel columns. `pairs` are the columns
-// that lie in the host's array. They stay unchanged if the source cannot be opened or read, or if
-// the width requires peaks and the source has none. A null source is silence.
+// that lie in the host's array. The pairs stay unchanged if the source cannot be opened or read,
+// or if the width requires peaks and the source has none. A null source is silence.
 inline void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels,
                       __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {

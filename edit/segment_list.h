@@ -42,8 +42,8 @@ class CAudioSegment final : public CSection {
 // look-up walks only the block that the position index finds. All results equal those of a walk
 // over the whole list, even with empty and backward segments.
 //
-// `Source` is a handle whose copy holds a reference. Callers change the list under a lock, during
-// which no reference may be counted. So the list copies and destroys no handle: callers pass the
+// `Source` is a handle whose copy holds a reference. Callers change the list under a lock,
+// which forbids AddRef and Release. So the list copies and destroys no handle: callers pass the
 // handles and receive the removed ones. A method that throws changes nothing.
 template <class Source>
 class SegmentList {
@@ -73,8 +73,8 @@ class SegmentList {
 
   // Inserts segments before the frame at `position`. A segment around this frame is split there,
   // even if nothing is inserted. Past the end, segments are appended without a gap. A negative
-  // position cuts the first segment before its start. `divided` is a copy of the divided segment's
-  // source.
+  // position splits the first segment at a frame before its begin, so that its first part runs
+  // backward. `divided` is a copy of the divided segment's source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
@@ -256,7 +256,7 @@ class SegmentList {
     if (blocks_.empty()) AddBlock();
     const std::size_t total = blocks_[place.block].size() + segments.size();
     const std::size_t parts = (total + kBlockSize - 1) / kBlockSize;
-    // Equal shares, so that no block is full again after the next insertion.
+    // Divides equally, so that the next insertion does not fill a block again.
     const std::size_t share = (total + parts - 1) / parts;
     std::vector<Block> shares(parts > 1 ? parts : 0);
     for (Block& part : shares) part.reserve(share);

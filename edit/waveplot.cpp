@@ -74,8 +74,8 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   }
 }
 
-// Starts a column from its left neighbour. `own` holds the column's pairs. The neighbour's pairs
-// precede them in memory.
+// Initialises a column from its left neighbour. `own` holds the column's pairs. The neighbour's
+// pairs precede `own` in memory.
 void LinkToLeft(std::span<float> own) noexcept {
   float* const pairs = own.data();
   const float* const left = pairs - own.size();

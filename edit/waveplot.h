@@ -26,10 +26,10 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
-// Draws the columns of a piece from `count` peaks, in blocks as above. A column starts from its
-// left neighbour with minimum and maximum exchanged, so that the waveform has no gap between the
-// two. With fewer peaks than columns, the left neighbour may be a column without peaks. Such a
-// column still has the host's values.
+// Draws the columns of a piece from `count` peaks, in blocks as above. Each column's minimum is
+// initialised to its left neighbour's maximum, and its maximum to the neighbour's minimum, so that
+// the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks. Such a
+// neighbour still has the host's values.
 void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept;
 

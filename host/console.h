@@ -39,8 +39,8 @@ class Console {
   ProgressOutput Progress() const;
 
   bool Interrupted() const;
-  // Resets Interrupted, so that the next Ctrl+C counts as the first. Call this between work that
-  // Ctrl+C may end and the saving of its result.
+  // Resets Interrupted, so that the next Ctrl+C counts as the first. Call this after work that
+  // Ctrl+C may end, before the result is saved.
   void ForgetInterrupt() const;
 
   // Waits until `milliseconds` have passed or Ctrl+C is pressed. Dispatches window messages, which

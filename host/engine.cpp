@@ -165,7 +165,7 @@ ComPtr<IAudioPool> NewPool() {
   auto pool = CreateObject<IAudioPool>(CLSID_CAudioPool, "CAudioPool");
   const HRESULT hr = TryPoolFiles(pool.Get());
   if (FAILED(hr)) throw Explain(hr, kTemporaryFolder, ExitStatus::kOutput);
-  // Floats keep every bit that a filter decodes.
+  // A pool of floats stores the filter's samples unchanged.
   Check(pool->SetBitDepth(32, 0));
   return pool;
 }
@@ -349,7 +349,7 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
-  // A damaged file may hold more as a part than as a whole.
+  // From a damaged file, a section can deliver more frames than an import without a section.
   if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);

@@ -26,7 +26,7 @@ namespace marlinda {
 // Names the pool's files in messages.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
-// Returns S_OK if a new pool has a file for its samples, otherwise the reason why not.
+// Returns S_OK if a new pool has a file for its samples, otherwise the error.
 HRESULT TryPoolFiles(IAudioPool* pool);
 
 // Creates an object. Throws with a remedy if the class is not registered.
@@ -153,16 +153,16 @@ class Source {
   // Decodes the whole file. Reports on standard error if the file holds less than it announces.
   ImportedAudio Import(const Console& console);
 
-  // Decodes the file on another thread into `take`, without a pool. Returns the result of Import
-  // without its reader. Rethrows an exception of `take`. `part` requires a result of Expected. If
-  // the file holds less than it announces, Stream delivers fewer frames and reports nothing.
+  // Decodes the file on another thread into `take`, without a pool. Returns format and length.
+  // Rethrows an exception of `take`. Pass `part` only if Expected returns a value. If the file
+  // holds less than it announces, Stream delivers fewer frames and reports nothing.
   ImportedAudio Stream(const SampleFunction& take, const Console& console,
                        const std::optional<FrameRange>& part = {});
   // Makes the filter's next run write to `target`, or to the pool if `target` is null.
   void Initialize(IAudioWriter* target = nullptr);
 
-  // Returns the result of Import without its reader if the filter knows the exact length and can
-  // import any part of the file, otherwise nothing. The members below require a result.
+  // Returns the format and length if the filter knows the exact length and can import any part of
+  // the file, otherwise nothing. Call the members below only if Expected returns a value.
   std::optional<ImportedAudio> Expected() const;
   // Decodes the parts; other frames are silent. If the file holds less than it announces, decodes
   // all of it.

@@ -28,7 +28,7 @@ std::string ExtensionOf(const std::string& file);
 // Returns a name of the file that the engine's code page can hold: the name itself or the system's
 // short name. Throws a HostError if neither name fits.
 std::wstring EngineNameOfInput(const std::string& file);
-// Does the same for an output. If the name itself does not fit, first creates an empty file.
+// Does the same for an output. If the name does not fit, creates the file to get a short name.
 std::wstring EngineNameOfOutput(const std::string& file);
 
 }  // namespace marlinda

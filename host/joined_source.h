@@ -35,8 +35,8 @@ class JoinedSource {
   // The first file, whose tags and bits per sample apply to the whole.
   const Source& first() const { return sources_.front(); }
 
-  // Returns the result of Import without its reader, or nothing if Source::Expected returns nothing
-  // for a file.
+  // Returns the format and length of the whole, or nothing if Source::Expected returns nothing for
+  // a file.
   std::optional<ImportedAudio> Expected(std::optional<int> rate,
                                         std::optional<int> channels) const {
     std::optional<ImportedAudio> whole;
@@ -48,7 +48,7 @@ class JoinedSource {
     }
     return whole;
   }
-  // ImportParts decodes parts as in Source. Call it only if CanImportParts returns true.
+  // Call ImportParts, which works as in Source, only if CanImportParts returns true.
   bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
   ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
     annotations_ = first().ReadAnnotations();

@@ -65,7 +65,7 @@ HostError WrongLine(const CLI::App& app, const std::vector<std::string>& argumen
   }
   const std::size_t colon = reason.find(':');
   if (error.get_name() == "ArgumentMismatch" && colon != reason.npos) {
-    const bool missing = reason.ends_with("missing");  // follows the parser's name of the type
+    const bool missing = reason.ends_with("missing");  // ends the parser's message
     reason.replace(colon, reason.npos,
                    missing ? ": its value is missing" : ": it may be given only once");
   }
@@ -78,7 +78,7 @@ int Run(Console& console) {
   app.set_version_flag("--version", "marlinda " MARLINDA_VERSION);
   app.footer(kExitStatuses);
   app.formatter(std::make_shared<PlainHelp>());
-  // Otherwise a path that begins with a slash would be an option.
+  // Otherwise the parser would treat a path that begins with a slash as an option.
   app.allow_windows_style_options(false);
   for (const auto add :
        {AddDoctor, AddFilters, AddInstallFilters, AddInfo, AddConvert, AddCut, AddJoin, AddPlot,

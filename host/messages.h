@@ -39,7 +39,7 @@ class HostError : public std::exception {
   std::string text_;
 };
 
-// A usage error of `command`; `subject` names the wrong argument, if it is a single one.
+// A usage error of `command`; `subject` names the wrong argument if only one is wrong.
 HostError UsageError(const std::string& command, std::string reason, std::string subject = "");
 
 // The remedy for classes that are not registered.

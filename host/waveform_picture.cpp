@@ -43,7 +43,7 @@ std::vector<Record> Sorted(std::vector<Record> records, Key key) {
   return records;
 }
 
-// Columns one pixel wide. Steps between columns are drawn as lines, without gaps.
+// The wave in columns one pixel wide. Extends each column until it meets the previous column.
 struct Band {
   std::vector<Point> upper = {};
   std::vector<Point> lower = {};
@@ -178,7 +178,7 @@ class Canvas {
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);
-    // Nested sections grow darker.
+    // Overlapping sections look darker, because each is drawn with its own opacity.
     for (const auto& [section, name] : waveform_.annotations.markers) {
       const double length = XOf(section.end) - XOf(section.begin);
       if (length > 0)
@@ -322,7 +322,7 @@ double TickStep(double seconds, int width, int least_pixels, double whole) {
 std::string TickText(double seconds, double step) {
   const auto needed = static_cast<int>(std::ceil(-std::log10(step) - 1e-6));
   const int decimals = std::clamp(needed, 0, 6);
-  // Round to the decimals shown before splitting, so that 59.9999 does not become "60".
+  // Rounds to the shown decimals before it splits the time, so that 59.9999 gives "1:00", not "60".
   const double scale = std::pow(10.0, decimals);
   const auto units = static_cast<long long>(std::llround(seconds * scale));
   const auto whole = units / static_cast<long long>(scale);

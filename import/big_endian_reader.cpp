@@ -92,7 +92,7 @@ AiffChunks FindChunks(ByteSource& file) {
   return found;
 }
 
-// The AU encodings that need no decoder.
+// An AU encoding that needs no decoder.
 struct AuEncoding {
   std::uint32_t number;
   std::int16_t bits;

@@ -11,7 +11,7 @@
 
 namespace marlinda {
 
-// A whole and its parts share one limit. Each may be used on one thread of its own.
+// A CodecMemory and the parts made of it share one limit. Each part may have its own thread.
 class CodecMemory {
  public:
   // Limit in bytes for the blocks of a whole and of its parts together.

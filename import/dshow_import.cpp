@@ -113,8 +113,8 @@ std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
 }
 
-// Replaces the estimated length at the end of a run. A complete run sets it to the position. A run
-// with an error makes it greater than the position, so that progress stays below 1.
+// Replaces the estimated length at the end of a run. After a complete run, the length is the
+// position. After an error, the length exceeds the position, so that progress stays below 1.
 void NoteEnd(bool ended_well, DShowImportJob& job) {
   const __int64 position = job.position;
   if (ended_well && position > 0) {

@@ -65,11 +65,11 @@ class AudioSink final : public GraphFilter {
     changed_.notify_all();
   }
 
-  // Also wakes a waiting delivery.
+  // Stops the filter and wakes a waiting delivery.
   STDMETHODIMP Stop() override {
     const HRESULT hr = GraphFilter::Stop();
-    // Notifies under the lock, so that no delivery checks the state before the stop and waits
-    // after.
+    // Notifies under the lock. Otherwise a delivery could test the state before the stop and start
+    // to wait after the notification.
     const std::lock_guard lock(mutex_);
     changed_.notify_all();
     return hr;
@@ -170,7 +170,7 @@ class AudioSink final : public GraphFilter {
   bool abandoned_ = false;
 };
 
-// Some source filters split the file themselves and have several outputs, some without sound.
+// Tries each output, because some source filters split the file into several outputs themselves.
 inline bool ConnectAnyOutput(const FilterGraph& graph, IBaseFilter* source, IPin* sink) {
   bool connected = false;
   ForEachPin(source, PINDIR_OUTPUT,
@@ -202,7 +202,7 @@ inline KernelHandle MakeEvent(bool manual_reset) {
   return event;
 }
 
-// Use an object on one thread. A worker thread builds, runs and releases the graph, because the
+// Use each object on one thread. A worker thread builds, runs and releases the graph, because the
 // graph must not live in the host's apartment, and some decoders wait forever for the missing part
 // of a damaged file. If the graph stalls for fifteen seconds, the worker thread is detached and
 // keeps the module loaded.

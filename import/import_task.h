@@ -32,7 +32,7 @@ struct ImportJob : TaskJob {
 template <class Class, class Job, class... Interfaces>
 class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> {
  public:
-  // IImportFilter. The length of a compressed file is an estimate until it has been decoded.
+  // IImportFilter. The length of a compressed file is an estimate until the file has been decoded.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->total.load() : 0);
   }
@@ -90,15 +90,15 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
  private:
   PcmFormat Format() const { return job_ != nullptr ? job_->format : PcmFormat(); }
 
-  // Also returns 0 before a successful Initialize and after Start.
+  // Returns 0 before a successful Initialize and after Start, otherwise Class::SectionFrames.
   __int64 SectionFrames() const {
     return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;
   }
 
   // Ignores the writer's results. A failing writer loses samples; the host can query the writer.
   static void Run(Job& job) {
-    // Run releases both at its end. A finished task then keeps no file open, and no reference to a
-    // writer that may refer to this filter.
+    // Run releases source and writer at its end. A finished task then keeps no file open, and holds
+    // no writer that may hold this filter.
     const auto source = std::move(job.source);
     const auto target = std::move(job.writer);
     target->SetFormat(job.format.samples_per_sec, job.format.channels);

@@ -111,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // Returns 0 if a chain changes its format. Progress of a section would hide the missing part.
+  // Returns 0 if a chain changes its format, because a section's progress would hide the rest.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

@@ -45,8 +45,8 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
   return true;
 }
 
-// Collects cue points, names and regions. Resolve assigns names and regions to the cue points at
-// the end of the file, because "adtl" may precede "cue ".
+// Collects cue points, names and regions. At the end of the file, Resolve assigns names and
+// regions to the cue points, because "adtl" may precede "cue ".
 class CueSheet {
  public:
   void AddPoints(Bytes body) {
@@ -160,7 +160,7 @@ AcidData ReadAcid(Bytes body) {
           static_cast<std::int32_t>(LittleU32(body, 12)), LittleF32(body, 20)};
 }
 
-// True if an AVI header list describes sound, in formats that are all safe for decoders.
+// True if an AVI header list describes sound and every sound format in it is safe for decoders.
 bool HasSound(Bytes header_list) {
   bool has_sound = false;
   Chunk list;
@@ -200,7 +200,7 @@ class RiffWalk {
     if (id != "RIFF" && id != "RF64" && id != "BW64") return std::nullopt;
     is_wave_ = IdAt(header, 8) == "WAVE";
     is_avi_ = IdAt(header, 8) == "AVI ";
-    // A program that cannot seek back to fill in the size leaves 0 or the maximum there.
+    // A program that cannot seek back to fill in the size stores 0 or the maximum.
     const std::uint64_t size = LittleU32(header, 4);
     const bool known = size >= 4 && size != kUnknownSize;
     WalkChunks(known ? std::min(file_.size(), kHeaderBytes + size) : file_.size());

@@ -50,7 +50,7 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// True if a Windows Media file describes sound, in formats that are all safe for decoders. The
+// True if a Windows Media file describes sound and every format is safe for decoders. The
 // file's header has one object per stream, with the stream's kind and wave format.
 bool HasWindowsMediaSound(ByteSource& file) {
   constexpr std::string_view kStreamProperties{

@@ -53,7 +53,7 @@ struct SoundFileInfo {
   std::optional<PcmData> pcm;
   // The range of MPEG audio, which MpegStream decodes.
   std::optional<ByteRange> mpeg;
-  // True if the file is of another kind, contradicts itself or has no sound. Do not decode it.
+  // True if the file is of no supported kind, contradicts itself or has no sound.
   bool refused = false;
 
   // Names are unconverted bytes of the file.

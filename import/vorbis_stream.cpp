@@ -226,7 +226,7 @@ std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
     return 0;
   }
   if (const int before = std::exchange(link_, link); before != link && before > 0) {
-    // Frees the previous link's tables, which the library keeps but needs only for the first link.
+    // Frees the tables of the previous link. The library keeps all tables but needs only link 0's.
     decoder_->Call([before](OggVorbis_File* state) {
       vorbis_info_clear(ov_info(state, before));
       return 0;

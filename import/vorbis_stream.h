@@ -50,7 +50,7 @@ class VorbisStream {
   std::int32_t average_bytes_per_sec() const noexcept { return average_bytes_per_sec_; }
 
   // The user comments of the first link, as unconverted bytes (UTF-8 in a valid file), each up to
-  // its first NUL. Valid until this object is destroyed or Read throws. Then there are none.
+  // its first NUL. Valid until this object is destroyed or Read throws. Empty after a throw.
   std::vector<std::string_view> Comments() const;
 
   // Allocates the decoder's memory now instead of in the first Read. Throws std::bad_alloc.

@@ -170,7 +170,7 @@ class VorbisWorkers {
     bool failed = false;
     bool done = false;  // guarded by the lock
   };
-  // Each thread has one. All share the stream's set-up, which only changes before the first packet.
+  // Each thread has a Decoder. All Decoders share the stream's set-up, which no packet changes.
   struct Decoder {
     Decoder(CodecMemory& whole, vorbis_info* info) : memory(&whole) {
       const CodecMemory::Use use(memory);

@@ -64,7 +64,7 @@ class CAudioQueue {
   // Moves the first samples to `destination`. If there are too few, fills the rest with 0.0.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
-  // The same, but removes `advance` samples from the queue. With 0 all samples stay in the queue.
+  // Copies the first samples likewise, but removes `advance` samples. 0 leaves the queue unchanged.
   void Read(std::span<float> destination, std::size_t advance) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -85,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // Wraps a position below two ring sizes. The comparison costs less than a division.
+  // Wraps a position below twice the ring size. Compares, because a division costs more.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

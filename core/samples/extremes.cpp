@@ -6,7 +6,7 @@ namespace marlinda {
 namespace {
 
 // The kind of record. The value is the distance in floats from a channel's minimum to its maximum.
-// A sample is both, so its distance is 0.
+// A sample is its own minimum and maximum, so the distance is 0.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
@@ -101,7 +101,7 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
 }
 
 // Returns false and changes nothing if Search cannot take the records, or if an extreme may be 0.0
-// or -0.0. The first of such zeros counts, and lanes do not record the order.
+// or -0.0. The first of such zeros must be kept, but the lanes do not record their order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

@@ -15,7 +15,7 @@ struct DECLSPEC_UUID("b8a0b9a5-3c3b-4f0f-8a38-6de1f4f9c2d7") IPeakSummary : publ
   // of ReadPeaks and ExtendByPeaks.
   //
   // If this method fails, use ReadPeaks instead. Fails if `peaks` is not this object's own
-  // interface, because an outer object has then replaced the interface.
+  // IPeakReader, because an outer object has then replaced IPeakReader.
   virtual HRESULT STDMETHODCALLTYPE SummarizePeaks(IPeakReader* peaks, std::size_t channels,
                                                    std::int64_t first,
                                                    std::span<const std::int64_t> ends,

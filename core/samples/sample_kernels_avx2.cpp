@@ -17,7 +17,7 @@ void Store(__m256i value, std::byte* out) noexcept {
 // the floor is one too high. The exact remainder, from one fused operation, is then negative, and
 // the code is corrected by -1. Samples are first limited to 1.0, which gives the highest code. For
 // NaN the minimum returns its second operand, the NaN. NaN and values far below -1.0 become the
-// most negative integer. The saturating steps keep it for either sign of the remainder.
+// most negative integer. The saturating steps keep this integer for either sign of the remainder.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);

@@ -21,7 +21,7 @@ struct ConvertOptions {
   bool json = false;
 };
 
-// Disconnects the connector on destruction, because it and the filters refer to each other.
+// Cancels on destruction, because the connector and the filters hold references to each other.
 class Connector {
  public:
   Connector() = default;
@@ -60,7 +60,7 @@ std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& 
   return facts;
 }
 
-// Exports an imported take. The connector needs an exact length in advance, which a take has.
+// Exports an imported take, which has the exact length that the connector needs in advance.
 WaveFileFacts ConvertFromPool(const ImportedAudio& audio, const AudioFormat& to, int bits,
                               FileExport& wave, const Console& console) {
   if (to == audio.format) return wave.Run(audio.reader.Get(), bits, console);

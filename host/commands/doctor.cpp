@@ -136,18 +136,18 @@ std::string ToText(const Registrations& registrations, const char* none) {
 }
 
 HRESULT TryToCreate(REFCLSID class_id, ComPtr<IUnknown>& object) {
-  // With more than CLSCTX_INPROC_SERVER, the system would replace the module's error by its own.
+  // Allows only CLSCTX_INPROC_SERVER. Otherwise the system replaces the module's error by its own.
   return CoCreateInstance(class_id, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
                           reinterpret_cast<void**>(object.GetAddressOf()));
 }
 
-// The kinds of files with a tone in the program's resources.
+// The kinds of files for which the program's resources hold a test tone.
 constexpr std::array kKinds = {"AIFF", "AU",  "AVI", "FLAC", "MOV", "MP3",
                                "MPG",  "OGG", "WAV", "WMA",  "WMV"};
 constexpr DWORD kDecodingSeconds = 30;
 
-// Extracts the tone of that kind and starts a process that writes the tone's peaks beside it. A
-// separate process is needed, because a decoder of the system can crash or hang.
+// Extracts the tone of this kind and starts a process that writes the tone's peaks, both to
+// `folder`. A separate process is needed, because a decoder of the system can crash or hang.
 KernelHandle StartDecoding(const std::string& program, const std::filesystem::path& folder,
                            const char* kind) {
   const HRSRC tone = FindResourceA(nullptr, kind, "TONE");
@@ -157,9 +157,9 @@ KernelHandle StartDecoding(const std::string& program, const std::filesystem::pa
   std::wstring line = Widen("marlinda peaks \"" + file + "\" \"" + file + ".json\"");
   STARTUPINFOW startup = {};
   startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;  // without streams, so that it prints no messages
+  startup.dwFlags = STARTF_USESTDHANDLES;  // no streams, so the process prints no messages
   PROCESS_INFORMATION process = {};
-  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // the process inherits it
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // inherited by the process
   if (CreateProcessW(Widen(program).c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
                      nullptr, &startup, &process) == FALSE) {
     throw HResultError(LastErrorResult());
@@ -168,14 +168,14 @@ KernelHandle StartDecoding(const std::string& program, const std::filesystem::pa
   return KernelHandle(process.hProcess);
 }
 
-// Waits for the process. Returns why it could not decode the tone, or an empty text if it could.
+// Waits for the process. Returns the reason why decoding failed, or an empty text on success.
 std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_file,
                             ULONGLONG deadline) {
   const ULONGLONG now = std::min(GetTickCount64(), deadline);
   DWORD status = 0;
   if (WaitForSingleObject(process, static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0) {
     TerminateProcess(process, 1);
-    WaitForSingleObject(process, 1000);  // its files cannot be removed earlier
+    WaitForSingleObject(process, 1000);  // a running process holds its files
     return "no answer in " + std::to_string(kDecodingSeconds) + " s";
   }
   GetExitCodeProcess(process, &status);
@@ -337,7 +337,7 @@ class Doctor {
     Line("registered", ToText(registrations_, "nowhere"));
   }
 
-  // Returns the module in the program's folder or, in a package, in x64 or x86, or an empty text.
+  // Returns the module beside the program or, in a package, in x64 or x86. Empty if there is none.
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
@@ -354,8 +354,8 @@ class Doctor {
       const std::string file = FindBeside(bits);
       Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
       if (bits != kOwnBits) {
-        // Some systems show programs of both bitnesses the same entries. Such an entry belongs to
-        // this program's bitness.
+        // Some systems show programs of both bitnesses the same entries. An entry that this program
+        // sees belongs to this program's bitness.
         std::erase_if(registrations, [&](const Registration& registration) {
           return std::ranges::count(registrations_, registration) != 0;
         });
@@ -525,7 +525,7 @@ class Doctor {
     }
   }
 
-  // Tries no decoders after other problems, because every kind would fail.
+  // Does not try the decoders after other problems, because every kind would fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

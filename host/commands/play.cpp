@@ -78,7 +78,7 @@ class Player {
           static_cast<double>(position - section_.range.begin) / static_cast<double>(Length()));
       console.Wait(kPollMilliseconds);
     }
-    // Playback can end between two polls, so continue to poll until the import has also ended.
+    // Waits for the end of the import, because a damaged file can shorten the section.
     for (note_import(); importing; note_import()) console.Wait(kPollMilliseconds);
     // If playing took less time than the audio lasts, the device did not play all of it.
     constexpr double kSlackSeconds = 0.5;

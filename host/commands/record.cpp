@@ -175,7 +175,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
   };
   const std::int64_t frames = ForOption("--seconds", in_frames, options.seconds);
   if (frames == 0) throw UsageError("record", "--seconds: that is less than one frame");
-  // Check that the output can be written before recording.
+  // Before recording, check that the output can be written.
   const FileExport wave(options.output, {});
   const int width = OutputBits(options.bits, std::nullopt, wave);
   wave.RequireRoom(frames, format, width);
