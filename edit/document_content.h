@@ -73,7 +73,7 @@ struct DocumentContent {
       ++content_.pins;
     }
     ~Pin() {
-      // Declared first, so that it is destroyed after the lock is released.
+      // Declared first, so that the references are released after the lock.
       std::vector<std::vector<Segments::Block>> released;
       const std::unique_lock guard(content_.lock);
       if (--content_.pins == 0) released.swap(content_.removed);

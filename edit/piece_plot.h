@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from a summary, which has one peak for each column. The result is as from all peaks.
+// Draws from a summary, which has one peak for each column. Gives the same result as all peaks.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);

@@ -74,7 +74,7 @@ class PlayCursor {
   std::int64_t position_;
 };
 
-// Silences each channel i whose bit i is clear. Channels from 32 on need all 32 bits set.
+// Silences channel i if bit i is clear, and channels from 32 on if any of the 32 bits is clear.
 inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
                              std::uint32_t mask) noexcept {
   if (channels == 0) return;

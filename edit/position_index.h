@@ -1,5 +1,5 @@
-// PositionIndex: finds the block of a segment list that contains a position without walking the
-// list. Holds a summary of each block and running totals.
+// PositionIndex: finds, without walking a segment list, the list's block that contains a position.
+// Holds a summary of each block and running totals.
 #pragma once
 
 #include <algorithm>

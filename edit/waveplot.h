@@ -19,10 +19,10 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
 // belongs to column i * columns / count.
 std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
 
-// Draws the columns of a piece from whole frames. The caller may pass them in consecutive blocks:
-// `first` is the piece's frame at which the block begins, `frames` the length of the piece. If
-// every column has a frame, a column's minimum starts at +1 and its maximum at -1. So the minimum
-// of samples that all lie above +1 is +1.
+// Draws the columns of a piece from whole frames. The caller may pass consecutive blocks of
+// frames. A block begins at frame `first` of the piece, whose length is `frames`. If every column
+// has a frame, each column's minimum starts at +1 and its maximum at -1. So samples that all lie
+// above +1 have the minimum +1.
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 

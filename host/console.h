@@ -49,8 +49,8 @@ class Console {
 
   // True if standard input is a terminal, whose keys ReadKey returns.
   bool HasKeyboard() const;
-  // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or when
-  // interrupted. Dispatches window messages like Wait.
+  // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or
+  // Ctrl+C. Dispatches window messages like Wait.
   std::optional<WORD> ReadKey(DWORD milliseconds) const;
 
   // Writes data to standard output.

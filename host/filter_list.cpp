@@ -37,7 +37,7 @@ FilterList ReadFilterList() {
   if (opened == ERROR_FILE_NOT_FOUND) return list;
   RequireSuccess(opened);
   for (DWORD index = 0;; ++index) {
-    // Uses the manager's buffer sizes, so that this list and the manager's end at the same value.
+    // Uses the manager's buffer sizes, so that this list ends where the manager's list ends.
     // The last byte stays 0, because a value's text may lack its terminator.
     char name[101] = {};
     char data[101] = {};

@@ -76,7 +76,7 @@ class FunctionReader final : public HostObject<IAudioReader> {
   const ReadFunction read_;
 };
 
-// Returns a reader that calls `read(source, position, array)` on its client's threads.
+// Returns a reader that calls `read(source, position, array)` on the threads that call it.
 inline ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   ComPtr<IAudioReader> reader;
   *reader.GetAddressOf() = new FunctionReader(source, std::move(read));
@@ -114,7 +114,7 @@ class FunctionWriter final : public HostObject<IAudioWriter> {
   AudioFormat format_;
 };
 
-// Returns a writer that calls `write(format, array)` on its client's thread.
+// Returns a writer that calls `write(format, array)` on the thread that calls the writer.
 inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
   ComPtr<IAudioWriter> writer;
   *writer.GetAddressOf() = new FunctionWriter(std::move(write));

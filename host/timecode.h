@@ -43,7 +43,7 @@ TimeRange ParseRange(std::string_view text);
 // Parses the values of --from and --to; either may be empty. Failures name the option.
 TimeRange ParseFromTo(std::string_view from, std::string_view to);
 
-// Calls `parse` and puts the option's name before the reason of a failure.
+// Calls `parse`. If `parse` fails, puts the option's name before the reason.
 template <class Parse>
 auto ForOption(const std::string& option, Parse parse, std::string_view text) {
   try {

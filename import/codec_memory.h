@@ -14,7 +14,7 @@ namespace marlinda {
 // A CodecMemory and the parts made of it share one limit. Each part may have its own thread.
 class CodecMemory {
  public:
-  // Limit in bytes for the blocks of a whole and of its parts together.
+  // Limit in bytes for all blocks of a CodecMemory and of its parts together.
   static constexpr std::size_t kMaxBytes = std::size_t{128} << 20;
 
   // While a Use exists, `memory` owns the blocks that the library allocates on this thread. Without
@@ -37,7 +37,7 @@ class CodecMemory {
   // file and all blocks after an exception.
   ~CodecMemory();
 
-  // Bytes in the blocks of the whole and of its parts together.
+  // Bytes in all blocks that share this object's limit.
   std::size_t held() const noexcept { return whole_->held_; }
 
   // Acts as malloc if `contents` is null, otherwise as realloc. If Resize throws, the old block is

@@ -244,15 +244,15 @@ class DShowStream {
 
   const PcmFormat& format() const noexcept { return format_; }
 
-  // The number of frames by the duration that the filters report, or 0 if they report none. A
-  // compressed file may hold more or fewer frames.
+  // The number of frames, computed from the duration that the filters report, or 0 if they report
+  // none. A compressed file may hold more or fewer frames.
   std::int64_t total_frames() const noexcept { return total_frames_; }
 
   // Stores the next whole frames in `block`. Returns false at the end of the stream, after an error
   // in the graph, after a stall of fifteen seconds, or once `cancelled` is set.
   bool Read(std::vector<std::byte>& block, const std::atomic<bool>& cancelled) {
     if (!job_->run.exchange(true)) SetEvent(job_->ordered.get());
-    // Counts waits, so that a suspended process is not mistaken for a stall.
+    // Counts waits instead of time, so that a suspended process is not mistaken for a stall.
     for (DWORD waited = 0; !ended_ && !cancelled; waited += kPollMilliseconds) {
       switch (job_->sink->Take(block, kPollMilliseconds)) {
         case AudioSink::Outcome::kBlock:

@@ -47,7 +47,7 @@ void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
 }
 
 // The extremes of four lanes of contiguous floats. For NaN and equal numbers the instructions
-// return their second operand, the old value, as Extremes::Add does.
+// return the old value, which is their second operand. So does Extremes::Add.
 struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);

@@ -35,7 +35,7 @@ __m256i RoundSixteen(const float* source) noexcept {
   const __m256i rests =
       _mm256_packs_epi32(_mm256_castps_si256(a_rest), _mm256_castps_si256(b_rest));
   const __m256i corrected = _mm256_adds_epi16(codes, _mm256_srai_epi16(rests, 15));
-  // Packing works on each half of a register separately, so this reorders the quarters.
+  // Packing works on each half of a register separately, so the quarters need reordering.
   return _mm256_permute4x64_epi64(corrected, 0xD8);
 }
 

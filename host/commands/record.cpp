@@ -151,8 +151,8 @@ std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
   return std::nullopt;
 }
 
-// Writes the take. If the output fails, writes the take to the temporary folder, which may be on
-// another disk, because a take cannot be repeated.
+// Writes the take. A take cannot be repeated, so if the output fails, Save writes the take to the
+// temporary folder, which may be on another disk.
 WaveFileFacts Save(IAudioReader* take, const RecordOptions& options, int bits,
                    const Console& console) {
   try {
