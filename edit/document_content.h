@@ -64,8 +64,8 @@ struct DocumentContent {
     __int64 end;
   };
 
-  // While a pin exists, the content keeps the references of removed sources. The last pin releases
-  // them, without the lock.
+  // While a pin exists, the content keeps its references to removed sources. The last pin releases
+  // these references without the lock.
   class Pin {
    public:
     explicit Pin(DocumentContent& content) noexcept : content_(content) {

@@ -256,7 +256,7 @@ class SegmentList {
     if (blocks_.empty()) AddBlock();
     const std::size_t total = blocks_[place.block].size() + segments.size();
     const std::size_t parts = (total + kBlockSize - 1) / kBlockSize;
-    // Divides equally, so that the next insertion does not fill a block again.
+    // Equal shares leave room in each block for the next insertions.
     const std::size_t share = (total + parts - 1) / parts;
     std::vector<Block> shares(parts > 1 ? parts : 0);
     for (Block& part : shares) part.reserve(share);

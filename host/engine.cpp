@@ -50,7 +50,7 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   return reader->ReadAudio(position, frame.get());
 }
 
-// Returns the built-in filter with the highest merit that accepts the file, as the manager would.
+// Of the built-in filters that accept the file, returns the filter with the highest merit.
 // Skips filters that the manager has tried, because a hanging decoder takes fifteen seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   const FilterList listed = ReadFilterList();

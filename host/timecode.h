@@ -36,8 +36,8 @@ struct TimeRange {
   std::string typed = {};  // the options and a space, for messages
 };
 
-// Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument, also if the text can
-// be split at more than one colon.
+// Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument if the text is not of
+// this form or can be split at more than one colon.
 TimeRange ParseRange(std::string_view text);
 
 // Parses the values of --from and --to; either may be empty. Failures name the option.

@@ -74,7 +74,7 @@ using DShowImportJob = ImportJob<DShowSource>;
 
 namespace {
 
-// Returns S_FALSE if the file cannot be opened, E_FAIL if it cannot be imported.
+// Returns S_FALSE if the file cannot be opened, and E_FAIL if the file cannot be imported.
 HRESULT OpenSource(const wchar_t* file_name, DShowSource& source) {
   source.file_name = file_name != nullptr ? file_name : L"";
   if (!source.file.Open(source.file_name)) return S_FALSE;

@@ -12,7 +12,7 @@ namespace marlinda {
 struct PcmFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;
-  // Bits in the bytes of a sample: 8, 16, 24 or 32 for integers, 32 or 64 for floats.
+  // Bits of a stored sample: 8, 16, 24 or 32 for integers, 32 or 64 for floats.
   std::int16_t bits = 0;
   bool is_float = false;
 

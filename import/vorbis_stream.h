@@ -56,7 +56,7 @@ class VorbisStream {
   // Allocates the decoder's memory now instead of in the first Read. Throws std::bad_alloc.
   void Prepare();
 
-  // Limits Read to `count` frames from `first` on. All of them must lie within total_frames. Call
+  // Limits Read to `count` frames from `first` on. These frames must lie within total_frames. Call
   // Select before the first Read. Returns false if the file is damaged; Read then delivers nothing.
   // Throws std::bad_alloc.
   bool Select(std::int64_t first, std::int64_t count);
