@@ -44,7 +44,7 @@ class WorkerThread {
   // return. The module stays loaded until the body returns.
   void Detach() noexcept;
 
-  // Waits at most `milliseconds` for the body to end. Meanwhile serves calls, as above.
+  // Waits at most `milliseconds` for the body to end. Meanwhile serves calls to objects.
   void AwaitServingCalls(DWORD milliseconds) const noexcept;
 
  private:

@@ -60,7 +60,7 @@ class ConnectionPoint final : public IConnectionPoint {
     HRESULT result = S_OK;
     for (std::size_t slot = 0; slot < connected.size(); ++slot) {
       const ComPtr<IUnknown>& sink = connected[slot];
-      // An earlier sink may have disconnected this one.
+      // An earlier sink may have disconnected this sink.
       if (!sink || sinks_[slot].Get() != sink.Get()) continue;
       const HRESULT hr = CallSink(static_cast<IDispatch*>(sink.Get()), event, arguments, iid_);
       if (FAILED(hr)) result = hr;
