@@ -42,7 +42,7 @@ void SetText(HMENU menu, int id, const std::string& text) {
   SetMenuItemInfoW(menu, static_cast<UINT>(id), FALSE, &info);
 }
 
-// In a menu text "&" marks a key, so it is doubled.
+// Doubles each "&", which otherwise marks a key in a menu text.
 std::string ForMenu(const std::string& text) {
   std::string escaped;
   for (const char c : text) escaped += c == '&' ? std::string("&&") : std::string(1, c);
@@ -217,7 +217,7 @@ void EditorWindow::Edit(int id) {
                       "Enter seconds such as 1.5, up to a day.");
     }
   }
-  // The engine must not be edited while it plays.
+  // Stops playback, because the document must not be edited while it plays.
   transport_.Stop();
   switch (id) {
     case ID_UNDO:
@@ -268,7 +268,7 @@ void EditorWindow::EditMarks(int id) {
                             id == ID_MARK_RIGHT ? pixel : -pixel));
   }
   if (id == ID_LABEL) {
-    // Read before the dialog, because playback goes on while it is open.
+    // Reads the position first, because playback continues while the dialog is open.
     const std::int64_t at = transport_.IsIdle() ? selection().begin : transport_.position();
     const auto name = AskText(window_, "Add label", "Name",
                               "Label " + std::to_string(annotations.labels.size() + 1));
@@ -419,7 +419,7 @@ void EditorWindow::Navigate(int id) {
 }
 
 Range EditorWindow::SectionAround(std::int64_t frame) const {
-  // The shortest section, else the range between two labels, else the whole document.
+  // Finds the shortest section, else the range between two labels, else the whole document.
   Range found = {0, document_.frames()};
   bool in_section = false;
   for (const auto& [section, name] : document_.annotations().markers) {

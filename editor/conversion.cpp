@@ -49,7 +49,7 @@ HRESULT Conversion::Pump() {
     const FloatArray owned(converted);
     output.insert(output.end(), owned.samples().begin(), owned.samples().end());
 
-    // Writes multiples of 256 frames: otherwise the pool's peaks would not match the frames.
+    // Writes multiples of 256 frames. Otherwise the pool's peaks would not match the frames.
     const std::int64_t ready = static_cast<std::int64_t>(output.size()) / format_.channels;
     const std::int64_t rest = frames_ - written_;
     const std::int64_t count = ready >= rest ? rest : ready / 256 * 256;
@@ -66,7 +66,7 @@ HRESULT Conversion::Pump() {
 
 ImportedAudio Conversion::Finish() {
   thread_.join();
-  // A pool that cannot be written returns the system's error.
+  // If the pool's files cannot be written, the pool returns the system's error.
   if (FAILED(result_)) throw Explain(result_, kTemporaryFolder, ExitStatus::kOutput);
   return LastTake(pool_.Get());
 }

@@ -22,7 +22,7 @@ class Conversion {
   Conversion& operator=(const Conversion&) = delete;
 
   bool IsRunning() const { return running_; }
-  // From 0 to 1.
+  // Returns the progress from 0 to 1.
   float progress() const;
   // Waits for the end. Returns the converted audio. Throws a HostError on failure.
   ImportedAudio Finish();
@@ -38,8 +38,8 @@ class Conversion {
   std::atomic<bool> cancelled_ = false;
   std::atomic<bool> running_ = true;
   std::atomic<std::int64_t> written_ = 0;
-  HRESULT result_ = S_OK;  // only the thread accesses it until it has ended
-  std::thread thread_;     // last, because it uses the members above
+  HRESULT result_ = S_OK;  // belongs to the thread until the thread has ended
+  std::thread thread_;     // last, because the thread uses the members above
 };
 
 }  // namespace marlinda::editor

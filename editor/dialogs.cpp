@@ -19,7 +19,7 @@ struct Field {
   std::string text;
 };
 
-// A resource dialog with text items that are filled in and read back.
+// Shows a dialog of the resources. Fills in its text items and reads them back.
 class TextDialog {
  public:
   TextDialog(std::string title, std::vector<Field> fields)
@@ -31,7 +31,7 @@ class TextDialog {
                         reinterpret_cast<LPARAM>(this)) != IDOK) {
       return false;
     }
-    // The engine's texts use the system's code page, which silently loses other characters.
+    // The texts use the system's code page, which lacks other characters.
     for (const Field& field : fields_) {
       if (FitsCodePage(Widen(field.text))) continue;
       throw HostError(ExitStatus::kUsage, field.text,
@@ -75,7 +75,7 @@ class TextDialog {
   std::vector<Field> fields_;
 };
 
-// The file dialog separates types with zeros instead of bars and needs two at the end.
+// Replaces bars by zeros and appends two zeros, as the file dialog requires.
 std::wstring WithZeros(std::wstring types) {
   std::ranges::replace(types, L'|', L'\0');
   types.append(2, L'\0');
@@ -92,7 +92,7 @@ std::wstring ImportTypes() {
     if (!patterns.empty()) patterns += L';';
     patterns += Widen(extensions.utf8());
   }
-  // The manager's list also holds filters of other modules.
+  // The filter manager's list also holds filters of other modules.
   const auto manager = CreateObject<IFileFilterMgr>(CLSID_CFileFilterMgr, "CFileFilterMgr");
   Bstr listed;
   Check(manager->GetImportFilterString(listed.Receive()));
@@ -132,7 +132,7 @@ std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title) {
   dialog.Flags =
       OFN_EXPLORER | OFN_FILEMUSTEXIST | OFN_HIDEREADONLY | OFN_NOCHANGEDIR | OFN_ALLOWMULTISELECT;
   if (GetOpenFileNameW(&dialog) == 0) return {};
-  // The result is one path, or a folder followed by file names.
+  // The dialog returns one path, or a folder followed by file names.
   std::vector<std::string> parts;
   for (const wchar_t* part = names.c_str(); *part != L'\0'; part += wcslen(part) + 1) {
     parts.push_back(Narrow(part));
@@ -178,7 +178,7 @@ HostError CurrentFailure() {
 void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
   std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
                      error.reason() + ".";
-  // The host's remedy names the files of marlinda.exe.
+  // Replaces the host's remedy, which names the files of marlinda.exe.
   const std::string remedy =
       error.status() == ExitStatus::kRegistration
           ? "Keep Tessaly.dll, Converter.dll and marlinda-editor.exe.manifest beside "

@@ -1,4 +1,4 @@
-// Dialogs that ask the user. All are modal to `owner` and return an empty result when cancelled.
+// Dialogs that ask the user. All are modal to `owner` and return an empty result if cancelled.
 #pragma once
 
 #include <windows.h>

@@ -21,7 +21,7 @@ class DocumentEvents final : public IDispatch {
     Check(points->FindConnectionPoint(events_, point_.ReleaseAndGetAddressOf()));
     Check(point_->Advise(this, &cookie_));
   }
-  // Ends the connection. Until then document and sink hold references to each other.
+  // Ends the connection, during which document and sink hold references to each other.
   void Leave() {
     if (point_) point_->Unadvise(cookie_);
     point_.Reset();
@@ -57,7 +57,7 @@ class DocumentEvents final : public IDispatch {
       if (!IsEqualIID(events_, DIID__IEAUndoEvents)) {
         if (event == kContentChanged) document_.ContentChanged();
       } else if (event == kStoreUndo && params != nullptr && params->cArgs == 2) {
-        // Arguments are in reverse order: the document, then the operation's name.
+        // rgvarg has reverse order: rgvarg[0] is the document, rgvarg[1] the name.
         const BSTR name = V_BSTR(&params->rgvarg[1]);
         document_.StoreUndo(Narrow({name, SysStringLen(name)}));
       }
@@ -143,7 +143,7 @@ void Document::Edit(const std::string& name, std::int64_t from, const std::funct
   try {
     edit();
   } catch (...) {
-    // A rollback leaves the document empty; the undo step holds its content.
+    // A rollback empties the document. The undo step holds the earlier content.
     audio_->RollbackChange();
     Restore(undo_.Withdraw().Get());
     throw;

@@ -1,4 +1,4 @@
-// The edited document: the engine's audio, its undo steps, the clipboard.
+// The edited document with its undo steps and the clipboard.
 #pragma once
 
 #include <marlinda.h>
@@ -14,7 +14,7 @@
 
 namespace marlinda::editor {
 
-// Audio from elsewhere: an imported file or a recording.
+// Audio to insert: an imported file or a recording.
 struct Material {
   ImportedAudio audio;
   Annotations annotations;
@@ -25,7 +25,7 @@ class DocumentEvents;
 
 class Document {
  public:
-  // For an edit that changed only names, no audio.
+  // Passed to `changed` after an edit that changed only names, no audio.
   static constexpr std::int64_t kNoAudio = std::numeric_limits<std::int64_t>::max();
 
   // `changed` is called after each change, with the first frame whose audio may differ.
@@ -52,7 +52,7 @@ class Document {
   void ForgetSteps();
   void MarkSaved();
 
-  // Edits. Each is one undo step. On failure it throws a HostError and changes nothing.
+  // Each edit is one undo step. An edit that fails throws a HostError and changes nothing.
   void Insert(const std::string& name, std::int64_t position, const Material& material);
   void InsertSilence(std::int64_t position, std::int64_t frames);
   void Delete(const std::string& name, Range range);
@@ -74,7 +74,7 @@ class Document {
   friend class DocumentEvents;
 
   void StoreUndo(const std::string& name);  // event: a change begins
-  void ContentChanged();                    // event: a change has ended
+  void ContentChanged();                    // event: the change has ended
 
   void Edit(const std::string& name, std::int64_t from, const std::function<void()>& edit);
   void Restore(IEditedAudio* state);
@@ -93,8 +93,8 @@ class Document {
   std::int64_t clipboard_frames_ = 0;
   UndoStack<ComPtr<IEditedAudio>> undo_;
   Tags saved_tags_;
-  bool stored_ = false;            // the open change has its undo step
-  std::int64_t changed_from_ = 0;  // of the open change
+  bool stored_ = false;            // the undo step of the open change exists
+  std::int64_t changed_from_ = 0;  // the first frame that the open change may have changed
   AudioFormat format_;
   std::int64_t frames_ = 0;
   Annotations annotations_;

@@ -17,7 +17,7 @@ constexpr wchar_t kClassName[] = L"MarlindaEditor";
 constexpr UINT_PTR kTimer = 1;
 constexpr UINT kTickMilliseconds = 30;
 
-// Finds a function that older systems lack; null if it is missing.
+// Returns a function of a system library, or null if an older system lacks the function.
 template <class Function>
 Function FindFunction(const wchar_t* module, const char* name) {
   const HMODULE handle = LoadLibraryExW(module, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -111,7 +111,7 @@ LRESULT CALLBACK EditorWindow::Procedure(HWND window, UINT message, WPARAM wpara
 
 LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
   const POINT at = {GET_X_LPARAM(lparam), GET_Y_LPARAM(lparam)};
-  // An open dialog relies on a document and window that nobody changes.
+  // While a dialog is open, the document and the window must not change.
   const bool blocked = IsWindowEnabled(window_) == FALSE;
   if (blocked && (message == WM_COMMAND || message == WM_CLOSE ||
                   (message >= WM_MOUSEFIRST && message <= WM_MOUSELAST))) {
@@ -128,7 +128,7 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       try {
         Paint();
       } catch (const std::bad_alloc&) {
-        // Not reported: closing the message would cause another paint, which would fail too.
+        // Does not show a message: closing the message would cause another paint that fails.
       }
       return 0;
     case WM_ERASEBKGND:
@@ -263,7 +263,7 @@ Scene EditorWindow::CurrentScene() {
     recording_view_.SetLength(std::max(transport_.recorded(), view_.width() * frames));
     recording_view_.SetZoom({frames, 1});
     recording_view_.ScrollTo(recording_view_.extent());
-    // Copies only the visible columns: a take may last for hours.
+    // Copies only the visible columns, because a take may last for hours.
     const auto& columns = transport_.recorded_columns();
     const int channels = transport_.recording_format().channels;
     const std::int64_t first = std::min(std::max<std::int64_t>(0, recording_view_.origin() - 1),
@@ -282,7 +282,7 @@ Scene EditorWindow::CurrentScene() {
 }
 
 void EditorWindow::Paint() {
-  // Calls EndPaint also after a failure; otherwise Windows would repeat WM_PAINT endlessly.
+  // Calls EndPaint also after a failure. Otherwise Windows would repeat WM_PAINT endlessly.
   struct Painting {
     explicit Painting(HWND owner) : window(owner) { BeginPaint(window, &paint); }
     ~Painting() { EndPaint(window, &paint); }
@@ -320,7 +320,7 @@ void EditorWindow::WatchTimer() {
 
 void EditorWindow::Tick() {
   if (drag_ == Drag::kSelect) {
-    // The view scrolls while the mouse is beyond its edge.
+    // Scrolls the view while the mouse is beyond the view's edge.
     if (ViewX(drag_at_) < 0 || ViewX(drag_at_) >= view_.width()) DragTo(drag_at_);
   }
   const bool recorded = transport_.IsRecording();

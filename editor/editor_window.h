@@ -1,4 +1,4 @@
-// The editor's window: turns user input into edits, playback and drawing.
+// The editor's window. Turns user input into edits, playback and drawing.
 #pragma once
 
 #include <windows.h>
@@ -36,7 +36,7 @@ class EditorWindow {
  private:
   enum class Drag { kNone, kSelect, kScrub, kScroll, kLabel, kSection, kSectionBegin, kSectionEnd };
 
-  // editor_window.cpp: messages, drawing, status.
+  // Defined in editor_window.cpp: messages, drawing, status.
   static LRESULT CALLBACK Procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
   LRESULT Handle(UINT message, WPARAM wparam, LPARAM lparam);
   // Runs `action` and shows its failure to the user.
@@ -55,7 +55,7 @@ class EditorWindow {
   void InvalidateAll() { Invalidate({0, 0, layout_.client.cx, layout_.client.cy}); }
   void InvalidatePosition(std::int64_t frame);
 
-  // commands.cpp
+  // Defined in commands.cpp.
   void Command(int id);
   bool CanDo(int id) const;
   void PrepareMenu(HMENU menu);
@@ -69,17 +69,17 @@ class EditorWindow {
   void FinishRecording();
   void ShowKeys();
 
-  // files.cpp
-  // Asks to save changes. Calls `then` at once, after saving, or, if cancelled, never.
+  // Defined in files.cpp.
+  // Asks to save changes. Calls `then` at once or after saving. If cancelled, never calls `then`.
   void AfterSaving(std::function<void()> then);
   void StartFiles(std::vector<std::string> files, bool replace);
   void StartNextFile();
   void FinishJob();
-  // Cancels reading or writing, also of the files that follow.
+  // Cancels the file job that runs and the jobs that would follow.
   void CancelJob();
   void Export(std::function<void()> then);
 
-  // mouse.cpp
+  // Defined in mouse.cpp.
   void Press(POINT at, bool scrubs);
   void DragTo(POINT at);
   void Release();
@@ -87,9 +87,9 @@ class EditorWindow {
   void Wheel(POINT at, int delta, bool zooms);
   Mark MarkAt(POINT at) const;
   Drag HandleAt(const Mark& mark, POINT at) const;
-  // The annotations with the selected mark, or one of its ends, moved by `by` frames.
+  // Returns the annotations with the selected mark, or one of its ends, moved by `by` frames.
   Annotations Moved(Drag part, std::int64_t by) const;
-  // Moves the selected mark to its place in `moved`, as one undo step.
+  // Moves the selected mark to its place in `moved`. This is one undo step.
   void StoreMoved(const Annotations& moved);
   int ViewX(POINT at) const { return at.x - layout_.lanes.left; }
 
@@ -121,7 +121,7 @@ class EditorWindow {
   Waveform recording_waveform_;
 
   Drag drag_ = Drag::kNone;
-  bool alt_used_ = false;  // Alt has scrubbed, so its release does not open the menu
+  bool alt_used_ = false;  // after scrubbing, the release of Alt does not open the menu
   POINT drag_from_ = {};
   POINT drag_at_ = {};
   std::int64_t drag_origin_ = 0;

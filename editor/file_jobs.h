@@ -12,7 +12,7 @@
 
 namespace marlinda::editor {
 
-// Runs a task of the engine.
+// Runs a task of the engine. The derived classes import and export.
 class FileJob {
  public:
   virtual ~FileJob() = default;
@@ -24,10 +24,10 @@ class FileJob {
   const std::string& name() const { return name_; }
   // The current activity: "Reading", "Converting" or "Writing".
   virtual const char* activity() const = 0;
-  // Of the current activity, from 0 to 1.
+  // Returns the progress of the current activity from 0 to 1.
   virtual float progress() const;
-  // Call at each timer tick until it returns false: the job is then done. Throws a HostError if it
-  // failed.
+  // Call this at each timer tick. Returns false when the job is done. Throws a HostError if the job
+  // has failed.
   bool Poll();
   // Cancels the task and waits for the engine's worker. Do not poll the job afterwards.
   virtual void Cancel();
@@ -35,7 +35,7 @@ class FileJob {
  protected:
   explicit FileJob(const std::string& file);
   void Start(ComPtr<ICoreTask> task);
-  // Called by each Poll after the task has ended. Returns true if there is more to do.
+  // Each Poll calls this after the task has ended. Returns true if there is more to do.
   virtual bool Continue() = 0;
 
  private:
@@ -54,7 +54,7 @@ class ImportJob final : public FileJob {
   float progress() const override;
   // Valid after the end of the job.
   const Material& material() const { return material_; }
-  // How much of a damaged file could be read; empty for a complete file.
+  // States how much of a damaged file could be read. Empty for a complete file.
   const std::string& warning() const { return warning_; }
 
   void Cancel() override;
@@ -71,11 +71,11 @@ class ImportJob final : public FileJob {
   std::optional<Conversion> conversion_;
 };
 
-// The file name's extension, wav, mp3 or wma, decides the format.
+// Exports the document. The file name's extension (wav, mp3 or wma) selects the format.
 class ExportJob final : public FileJob {
  public:
   // Shows the engine's settings for this kind of file, modal to `owner`, then starts. Writes a
-  // temporary file in the target's folder and renames it when it is complete.
+  // temporary file in the target's folder and renames the complete file.
   ExportJob(const std::string& file, const Document& document, HWND owner);
   ~ExportJob() override { Cancel(); }
 

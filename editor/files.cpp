@@ -95,7 +95,7 @@ void EditorWindow::FinishJob() {
     message_ = "Wrote " + done->name();
   }
   StartNextFile();
-  // Last, because it may close the window.
+  // Calls `then` last, because it may close the window.
   if (const auto then = std::exchange(after_export_, nullptr); then && done) then();
 }
 

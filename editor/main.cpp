@@ -1,5 +1,5 @@
-// marlinda-editor: an audio editor. Its arguments are files, which become one document in that
-// order.
+// marlinda-editor, an audio editor. Opens the files of its arguments, in their order, as one
+// document.
 #include <windows.h>
 
 #include <shellapi.h>
@@ -11,8 +11,8 @@ namespace {
 
 using namespace marlinda;
 
-// Call before the first window is created. Not set in an embedded manifest, which would hide the
-// manifest file.
+// Call this before the program creates its first window. An embedded manifest could set the
+// awareness, but Windows would then ignore the manifest file.
 void SetDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;

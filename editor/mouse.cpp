@@ -19,7 +19,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
   const int reach = layout_.Scale(kReach);
   const Annotations& annotations = document_.annotations();
   if (PtInRect(&layout_.labels, at) != FALSE) {
-    // Finds the nearest flag whose line or name is under the mouse.
+    // Finds the rightmost flag whose line or name is under the mouse.
     Mark found;
     int found_x = 0;
     for (LONG index = 0; const Label& label : annotations.labels) {
@@ -64,7 +64,7 @@ void EditorWindow::Press(POINT at, bool scrubs) {
   const bool in_names = at.y >= layout_.labels.top && at.y < layout_.sections.bottom;
   if (at.y >= layout_.strip.top - layout_.Scale(4)) {
     drag_ = Drag::kScroll;
-    // A click beside the thumb centres the thumb there.
+    // A click beside the thumb moves the thumb's centre there.
     const RECT thumb = layout_.Thumb(view_);
     if (at.x < thumb.left || at.x >= thumb.right) {
       const double part = static_cast<double>(at.x - layout_.strip.left) /
@@ -189,7 +189,7 @@ void EditorWindow::DoubleClick(POINT at) {
     Select(frame, frame);
     return Command(ID_LABEL);
   }
-  // A second quick press scrolls or scrubs like the first.
+  // On the scroll strip or with Alt, a double click acts like a second press.
   if (at.y >= layout_.lanes.bottom || GetKeyState(VK_MENU) < 0) {
     return Press(at, GetKeyState(VK_MENU) < 0);
   }

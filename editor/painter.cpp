@@ -261,7 +261,7 @@ void Painter::PaintPoints(int channel, const RECT& lane) {
   const View& view = *scene_->view;
   const Waveform& wave = *scene_->waveform;
   const auto pixels = static_cast<LONG>(view.zoom().pixels);
-  // Includes a point more on both sides, for lines that reach into the area.
+  // Includes one more point on each side, because lines to these points cross the area.
   const std::int64_t first = std::max<std::int64_t>(
       wave.begin(), view.FrameAt(std::max(update_.left, lane.left) - lane.left) - 2);
   const std::int64_t last = std::min<std::int64_t>(

@@ -17,7 +17,7 @@ namespace marlinda::editor {
 
 enum class MarkKind { kNone, kLabel, kSection };
 
-// A label or section of the document, by its index.
+// Identifies a label or section of the document by its index.
 struct Mark {
   MarkKind kind = MarkKind::kNone;
   LONG index = 0;
@@ -81,7 +81,7 @@ class Painter {
   void SetLook(bool dark, int dpi);
   const Theme& theme() const { return theme_; }
   HFONT font() const { return font_.get(); }
-  // The width of a label's flag if it has enough room.
+  // Returns the width of a label's flag that shows the whole name.
   int FlagWidth(const std::string& name, const Layout& layout) const;
 
   // Draws the part of the scene inside `update`.
@@ -103,7 +103,7 @@ class Painter {
   void PaintPositions();
   void PaintStrip();
   void PaintHint();
-  // The y coordinate of a sample value in a lane.
+  // Returns the y coordinate of a sample value in a lane.
   int YOf(float value, const RECT& lane) const;
 
   Theme theme_;

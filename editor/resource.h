@@ -1,4 +1,4 @@
-// Identifiers of menu, keys and dialogs. Plain numbers, because the resource compiler reads them.
+// Identifiers of menu, keys and dialogs. Macros, because the resource compiler reads this file.
 #pragma once
 
 #define ID_EDITOR 1
@@ -49,11 +49,11 @@
 #define ID_RIGHT 153
 #define ID_PAGE_LEFT 154
 #define ID_PAGE_RIGHT 155
-#define ID_EXTEND 10 /* added to the six above: extends the selection */
+#define ID_EXTEND 10 /* added to one of the six above, extends the selection */
 
 #define ID_KEYS 170
 
-/* Devices: the system's default, then each by its index. */
+/* Each range begins with the system's default device. The devices follow by index. */
 #define ID_OUTPUT 1000
 #define ID_INPUT 1200
 #define ID_DEVICES_END 1400

@@ -7,7 +7,7 @@
 namespace marlinda::editor {
 namespace {
 
-// A step of the ruler: `count` / `divisor` seconds, or `count` frames, divided into `minors` parts.
+// A step of the ruler is `count` / `divisor` seconds, or `count` frames. It has `minors` parts.
 struct Step {
   std::int64_t count;
   std::int64_t divisor;
@@ -53,7 +53,7 @@ std::string TickText(std::int64_t units, const Step& step) {
                   static_cast<int>(seconds % 60));
   }
   if (step.divisor == 1) return text;
-  // The divisor adds a leading digit, which is removed.
+  // Adding the divisor keeps leading zeros. `substr` removes the digit in front of them.
   const std::string decimals = std::to_string(step.divisor + units % step.divisor).substr(1);
   return std::string(text) + "." + decimals;
 }
@@ -66,18 +66,18 @@ std::vector<Tick> RulerTicks(const View& view, std::int32_t rate, RulerUnit unit
                        static_cast<double>(zoom.pixels);
   const bool frames = unit == RulerUnit::kFrames;
   const Step step = frames ? StepOfFrames(least) : StepOfTime(least / rate);
-  // Frames in a minor tick, as a fraction; products stay below 2^63 for a year of audio.
+  // The frames between two minor ticks, possibly a fraction.
   const double minor = static_cast<double>(step.count) * (frames ? 1.0 : rate) /
                        static_cast<double>(step.divisor * step.minors);
   const Range visible = view.visible();
   std::vector<Tick> ticks;
-  // Starts with the labelled tick before the window, whose text may reach into it.
+  // Starts with the last labelled tick before the window, because its label may be visible.
   auto index =
       static_cast<std::int64_t>(static_cast<double>(visible.begin) / (minor * step.minors));
   for (index *= step.minors;; ++index) {
     const double frame = static_cast<double>(index) * minor;
     if (frame > static_cast<double>(visible.end)) return ticks;
-    // Only the pixel is rounded: at close zooms a tick lies between two frames.
+    // Rounds only the pixel, because at close zooms a tick may lie between two frames.
     const double pixel =
         frame * static_cast<double>(zoom.pixels) / static_cast<double>(zoom.frames);
     Tick tick{static_cast<int>(pixel - static_cast<double>(view.origin()) + 0.5), ""};

@@ -16,7 +16,7 @@ namespace marlinda::editor {
 
 class Take {
  public:
-  // Starts recording. `source` must be open; Stop closes it.
+  // Starts recording from `source`, which must be open. Stop closes `source`.
   Take(ComPtr<IAudioReader> source, ComPtr<IAudioPool> pool, const AudioFormat& format);
   ~Take() { Stop(); }
   Take(const Take&) = delete;
@@ -29,7 +29,7 @@ class Take {
   // Appends the columns that `columns` does not hold yet.
   void AppendColumns(std::vector<Extremes>& columns) const;
 
-  // Ends the recording, also if the device delivers nothing. Afterwards the pool has the take.
+  // Ends the recording, even if the device delivers nothing. Afterwards, the pool has the take.
   // Returns the first failure of device or pool.
   HRESULT Stop();
 
@@ -47,8 +47,8 @@ class Take {
   std::atomic<std::int64_t> frames_ = 0;
   mutable std::mutex mutex_;
   std::vector<Extremes> columns_;  // guarded by mutex_
-  HRESULT result_ = S_OK;          // only the thread accesses it until it has ended
-  std::thread thread_;             // last, because it uses the members above
+  HRESULT result_ = S_OK;          // belongs to the thread until the thread has ended
+  std::thread thread_;             // last, because the thread uses the members above
 };
 
 }  // namespace marlinda::editor

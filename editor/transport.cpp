@@ -9,7 +9,7 @@ namespace marlinda::editor {
 namespace {
 
 HostError NoSuchDevice(const HostError& error) {
-  // The host's remedy names an option of marlinda.exe.
+  // Replaces the host's remedy, which names an option of marlinda.exe.
   return {error.status(), error.subject(), error.reason(),
           "Connect a device and start the system's sound service, or choose another device in the "
           "Sound menu."};
@@ -104,7 +104,7 @@ void Transport::PollPlay() {
   __int64 position = 0;
   Check(document_.audio()->GetPlayStatus(&playing, &position));
   if (playing != VARIANT_FALSE) {
-    // When a section that is played once ends, the position returns to its begin.
+    // At its end, a section that plays once reports its begin as position. Ignores that.
     position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
     return ReadLevels();
   }
@@ -123,8 +123,8 @@ void Transport::PollPlay() {
 
 void Transport::PollScrub() {
   ReadLevels();
-  // Detects that the engine has closed a lost device: only an open device refuses the level of a
-  // channel that it does not have.
+  // Asks for the level of a channel that does not exist. An open device returns an error. Success
+  // means that the engine has closed the device because it was lost.
   float level = 0;
   if (FAILED(document_.audio()->GetOutputLevel(document_.format().channels, &level))) return;
   Stop();
@@ -141,8 +141,8 @@ bool Transport::InputOpens() const {
 }
 
 void Transport::PollRecord() {
-  // A device that delivers nothing is stalled or lost. It is lost if it cannot be opened a second
-  // time. So many polls without a frame pass before each try.
+  // A device that delivers nothing is stalled or lost. A lost device cannot be opened a second
+  // time. Tries that after each series of this many polls without a frame.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_format_.channels);
@@ -158,7 +158,7 @@ void Transport::PollRecord() {
   if (!failed && (++polls_without_sound_ % kPollsBetweenProbes != 0 || InputOpens())) return;
   const HRESULT result = take_->Stop();
   Stop();
-  // A pool returns the system's error, a device E_FAIL.
+  // The pool returns the system's error, and the device returns E_FAIL.
   if (failed && result != E_FAIL) throw Explain(result, kTemporaryFolder, ExitStatus::kOutput);
   throw NoSuchDevice(DeviceLost(*device_, "it stopped delivering audio"));
 }

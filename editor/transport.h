@@ -19,7 +19,7 @@ class Transport {
   Transport(const Transport&) = delete;
   Transport& operator=(const Transport&) = delete;
 
-  // Device indexes; empty for the system's default. Used by the next start.
+  // Indexes of the devices for the next start. An empty index is the system's default.
   std::optional<int> output;
   std::optional<int> input;
 
@@ -29,31 +29,31 @@ class Transport {
   bool IsRecording() const { return mode_ == Mode::kRecord; }
   bool IsIdle() const { return mode_ == Mode::kIdle; }
 
-  // Each start ends the current activity. Throws a HostError if the device cannot be used.
+  // Each start ends the current activity and throws a HostError if the device cannot be used.
   void Play(Range range, bool looped);
-  void Loop(Range range);  // another section for the running loop
+  void Loop(Range range);  // sets the section of the running loop
   void StartScrub(std::int64_t position);
   void Scrub(std::int64_t position);
-  // Records in the document's format, or 44100 Hz stereo if it has none.
+  // Records in the document's format. If the document has no format, records 44100 Hz stereo.
   void Record();
 
-  // Checks the device; call at each timer tick. Throws a HostError once if playback or recording
-  // has ended too early. After a recording, TakeRecording returns the audio received so far.
+  // Call this at each timer tick. Throws a HostError once if playback or recording has ended too
+  // early. After a recording, TakeRecording then returns the audio received so far.
   void Poll();
   // The position of playback or scrubbing at the last Poll.
   std::int64_t position() const { return position_; }
-  // Level of each channel from 0 to 1; empty when idle.
+  // Returns the level of each channel from 0 to 1, or nothing when idle.
   const std::vector<float>& levels() const { return levels_; }
 
   // Ends the current activity. A recording is kept for TakeRecording.
   void Stop();
 
-  // The current recording: a column of all channels for each block of the device.
+  // The current recording. Each block of the device becomes a column of all channels.
   std::int64_t recorded() const { return take_ ? take_->frames() : 0; }
   std::int64_t frames_per_column() const { return take_ ? take_->frames_per_column() : 1; }
   const AudioFormat& recording_format() const { return recording_format_; }
   const std::vector<Extremes>& recorded_columns() const { return columns_; }
-  // Returns the last recording; without frames if nothing was received.
+  // Returns the last recording. The recording has no frames if the device delivered none.
   Material TakeRecording();
 
  private:

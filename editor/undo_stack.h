@@ -1,5 +1,5 @@
-// Undo and redo without limit. A state holds everything that an undo restores, here a copy of a
-// document.
+// Undo and redo without limit. A state holds all data that an undo restores. In the editor, this is
+// a copy of a document.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ class UndoStack {
     steps_.push_back({std::move(name), std::move(before)});
     ++done_;
   }
-  // Removes the last stored state after a failed edit. Returns it.
+  // Removes and returns the last stored state after a failed edit.
   State Withdraw() {
     State before = std::move(steps_.back().state);
     steps_.pop_back();
@@ -29,11 +29,11 @@ class UndoStack {
 
   bool CanUndo() const { return done_ > 0; }
   bool CanRedo() const { return done_ < steps_.size(); }
-  // Names of the edits that Undo and Redo would undo or redo. There must be one.
+  // The name of the next edit to undo or to redo. Such an edit must exist.
   const std::string& UndoName() const { return steps_[done_ - 1].name; }
   const std::string& RedoName() const { return steps_[done_].name; }
 
-  // Each stores `present` for the other and returns the state to restore.
+  // Undo keeps `present` for Redo, and Redo keeps it for Undo. Returns the state to restore.
   State Undo(State present) {
     std::swap(steps_[--done_].state, present);
     return present;
@@ -55,7 +55,7 @@ class UndoStack {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   struct Step {
     std::string name;
-    State state;  // before the edit; after it if the edit is undone
+    State state;  // the state before the edit; after it if the edit is undone
   };
 
   std::vector<Step> steps_;

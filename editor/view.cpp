@@ -10,7 +10,7 @@ std::int64_t DivideUp(std::int64_t value, std::int64_t divisor) {
   return value / divisor + (value % divisor > 0 ? 1 : 0);
 }
 
-// The nearest zoom of the grid.
+// Returns the nearest zoom that has whole frames or whole pixels.
 Zoom NearestZoom(double frames_per_pixel) {
   if (frames_per_pixel >= 1) return {std::llround(frames_per_pixel), 1};
   return {
@@ -22,7 +22,7 @@ Zoom NearestZoom(double frames_per_pixel) {
 void View::SetLength(std::int64_t frames) {
   const bool all = ShowsAll();
   length_ = frames;
-  // A completely visible document stays completely visible while it grows.
+  // If the whole document is visible, it stays so while it grows.
   if (all || zoom_.frames > WidestFrames()) ShowAll();
   ScrollTo(origin_);
 }
@@ -42,7 +42,7 @@ std::int64_t View::PixelFromBegin(std::int64_t frame) const {
 
 std::int64_t View::FrameAt(int x) const {
   const std::int64_t pixel = std::max<std::int64_t>(0, origin_ + x);
-  // Between two points the nearer frame counts.
+  // Between two points, the nearer frame is returned.
   const std::int64_t frame =
       zoom_.pixels > 1 ? (pixel + zoom_.pixels / 2) / zoom_.pixels : pixel * zoom_.frames;
   return std::min(frame, length_);
@@ -74,7 +74,7 @@ void View::ZoomAround(std::int64_t frame, int x, double factor) {
   const double now = static_cast<double>(zoom_.frames) / static_cast<double>(zoom_.pixels);
   Zoom next = NearestZoom(now / factor);
   if (next == zoom_) {
-    // At few frames or pixels the factor may be less than a step of the grid: take the next step.
+    // Takes at least one step of the grid. At close zooms, the factor may be less than a step.
     const bool in = factor > 1;
     if (zoom_.frames > 1 || (!in && zoom_.pixels == 1)) {
       next.frames += in ? -1 : 1;

@@ -1,4 +1,4 @@
-// The visible part of a document: zoom, scrolling, and conversion between frames and pixels.
+// The visible part of a document. Zooms, scrolls, and converts between frames and pixels.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@ struct Range {
   friend bool operator==(const Range&, const Range&) = default;
 };
 
-// `frames` frames cover `pixels` pixels. One of the two is 1, so that columns and points lie on a
-// grid that scrolling does not move.
+// `frames` frames cover `pixels` pixels. One of the two numbers is 1, so that columns and points
+// lie on a grid that scrolling does not move.
 struct Zoom {
   std::int64_t frames = 1;
   std::int64_t pixels = 1;
@@ -29,8 +29,8 @@ class View {
  public:
   static constexpr std::int64_t kMaxPixelsPerFrame = 32;
 
-  // Set the document's length in frames and the width in pixels. The view keeps its begin if
-  // possible.
+  // Set the document's length in frames and the width in pixels. If possible, the first visible
+  // frame stays the same.
   void SetLength(std::int64_t frames);
   void SetWidth(int pixels);
 
@@ -44,8 +44,8 @@ class View {
 
   // Returns the frame at a pixel of the window, limited to the document.
   std::int64_t FrameAt(int x) const;
-  // Returns the pixel at which a frame begins; outside the window it is negative or beyond the
-  // width. Limited to the coordinates of Windows' drawing functions.
+  // Returns the pixel at which a frame begins. The pixel may be outside the window, but within the
+  // coordinates of Windows' drawing functions.
   int PixelOf(std::int64_t frame) const;
   Range visible() const;
   bool ShowsAll() const { return origin_ == 0 && extent() <= width_; }

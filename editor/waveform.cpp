@@ -18,7 +18,7 @@ void Waveform::Read(IEditedAudio* audio, int channels, const View& view) {
     channels_ = channels;
     zoom_ = view.zoom();
   }
-  // Includes frames just outside the window, for lines to their points.
+  // Includes frames just outside the window, because lines lead to their points.
   const std::int64_t per_column = zoom_.pixels;
   const std::int64_t first = std::max<std::int64_t>(0, view.origin() / per_column - 1);
   const std::int64_t past = (view.origin() + view.width()) / per_column + 2;
@@ -43,7 +43,7 @@ void Waveform::Read(IEditedAudio* audio, int channels, const View& view) {
 
 void Waveform::ReadColumns(IEditedAudio* audio, std::int64_t begin, std::int64_t end) {
   if (end <= begin || channels_ == 0) return;
-  // Columns that the engine cannot read keep their value: silence.
+  // Columns that the engine cannot read stay silent.
   const FloatArray pairs(static_cast<std::size_t>((end - begin) * channels_) * 2);
   audio->ReadWaveplot(begin * zoom_.frames, end * zoom_.frames, pairs.get());
   const auto samples = pairs.samples();

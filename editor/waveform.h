@@ -18,13 +18,13 @@ struct Extremes {
 class Waveform {
  public:
   // Reads the missing columns of the view. A column is a pixel, or a frame if frames are wider than
-  // a pixel. Throws if out of memory; columns that cannot be read are silent.
+  // a pixel. Throws if out of memory. Columns that cannot be read are silent.
   void Read(IEditedAudio* audio, int channels, const View& view);
   // Discards the columns from this frame on.
   void Forget(std::int64_t from_frame);
 
   int channels() const { return channels_; }
-  // Columns are counted from the document's begin.
+  // Columns are counted from the begin of the document.
   std::int64_t begin() const { return begin_; }
   std::int64_t end() const;
   const Extremes& At(std::int64_t column, int channel) const {
@@ -40,7 +40,7 @@ class Waveform {
   Zoom zoom_;
   int channels_ = 0;
   std::int64_t begin_ = 0;
-  std::vector<Extremes> columns_;  // all channels of a column, then the next column
+  std::vector<Extremes> columns_;  // all channels of the first column, then those of the next
 };
 
 }  // namespace marlinda::editor
