@@ -1,5 +1,5 @@
-// Interprets the input as edits at any position. Compares segments, labels and markers with plain
-// lists that follow the same rules.
+// Interprets the input as edits at any position. Compares the kernels' segments, labels and markers
+// with plain lists that follow the same rules.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -32,7 +32,7 @@ class Bytes {
     --left_;
     return *data_++;
   }
-  // Returns mostly small numbers, so that positions coincide, and some near the limits of 64 bits.
+  // Mostly returns small numbers, so that positions coincide. Some are near the 64-bit limits.
   std::int64_t Position() {
     const std::uint8_t kind = Next();
     const auto near = static_cast<std::int8_t>(Next());
@@ -45,7 +45,7 @@ class Bytes {
     const std::int64_t begin = Position();
     return {begin, Position()};
   }
-  // Returns a segment. About half of them have frames.
+  // Returns a segment. About half of the segments contain frames.
   Segment NextSegment() {
     const auto source = static_cast<char>('A' + Next() % 5);
     const std::int64_t begin = Position();

@@ -1,5 +1,5 @@
-// Runs a fuzzer over the files of folders: whole, truncated (small files at every byte, other files
-// at many places) and with changed bytes. Works without the fuzzer's compiler.
+// Passes the files of folders to a fuzzer: each whole, truncated (small files at every byte, others
+// at many places) and with changed bytes. Does not need clang.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Takes a copy of exactly the input's size, in which a sanitizer detects reads past the end.
+// `input` is a copy of exact size, so that a sanitizer detects reads past its end.
 void Run(Bytes input) {
   input.shrink_to_fit();
   LLVMFuzzerTestOneInput(input.data(), input.size());

@@ -1,5 +1,5 @@
-// Eight threads, each a host, edit, play, import and export at random, release objects while their
-// threads run, and call shared objects. TESSALY_CONCURRENT_STEPS sets the length.
+// Eight threads act as hosts. They edit, play, import and export at random, release objects whose
+// workers run, and call shared objects. TESSALY_CONCURRENT_STEPS sets the number of steps.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -12,7 +12,7 @@
 namespace marlinda::testing {
 namespace {
 
-// The objects that all threads call. Nobody edits them meanwhile.
+// Objects that all threads call and no thread edits.
 struct Shared {
   ComPtr<IEditedAudio> document = Create<IEditedAudio>(CLSID_CEditedAudio);
   ComPtr<IAudioPlayback> playback = Create<IAudioPlayback>(CLSID_CAudioPlayback);
@@ -43,7 +43,7 @@ void EditAndPlay(const std::function<int(int)>& draw) {
   for (int i = draw(20); i > 0; --i) {
     Check(document->ModifyPlaySection(draw(100), 1000 + draw(1000)));
   }
-  // Otherwise the last release stops it.
+  // Otherwise the document's last release stops the playback.
   if (draw(2) == 0) Check(document->StopPlay());
 }
 
@@ -72,7 +72,7 @@ void Host(unsigned number, int steps, const Shared& shared, const Bstr& target) 
     if (kind == 0) EditAndPlay(draw);
     for (int i = 0; i < 200 && kind == 1; ++i) UseShared(shared, draw);
     if (kind < 2) continue;
-    // Ends by itself, by Cancel, or by its last release in the middle.
+    // The task ends by itself, after Cancel, or at its last release while it runs.
     const auto task = kind == 2 ? MakeImport() : MakeExport(shared.document.Get(), target);
     Check(task->Start());
     const int end = draw(3);

@@ -1,6 +1,6 @@
 // Calls every method of one class with null pointers, extreme numbers, unusual texts and wrong
-// sample arrays in every state of the object, and then every method with valid arguments. The cases
-// come from the type library. CTest runs the program once for each class.
+// sample arrays in every state of the object. After most cases, calls every method with valid
+// arguments. The cases come from the type library. CTest runs the program once for each class.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,12 +33,12 @@ constexpr __int64 kFrames = 1000;
 const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// Stopping a thread takes a poll of 100 milliseconds, so only some cases start one afterwards.
+// The methods in kStart run after one case in 64, because ending a thread takes 100 ms.
 constexpr int kCasesForOneStart = 64;
-// The expected result of a method that may return anything.
+// Means that a case accepts any result.
 constexpr HRESULT kAny = S_OK;
 
-// Methods for which null is a valid object.
+// Methods that accept a null object.
 const std::set<std::string> kTakeNoObject = {
     "IEditedAudio::InsertSegment", "IEditedAudio::AppendSegment", "IWaveWriter::SetWriteThrough",
     "IImportFilter::Initialize"};
@@ -51,7 +51,7 @@ constexpr VARTYPE kPointerType = sizeof(void*) == 8 ? VT_I8 : VT_I4;
 
 enum State { kFresh, kSetUp, kOpen };
 
-// An array whose samples end right before a forbidden page, so that an access past them crashes.
+// Returns an array that ends right before a forbidden page, so that access past it crashes.
 SharedArray Guarded(std::size_t count = 2048, float value = 0.25F) {
   constexpr std::size_t kPage = 4096;
   const std::size_t bytes = count * sizeof(float);
@@ -96,7 +96,7 @@ std::vector<std::pair<HRESULT, SharedArray>> Arrays() {
   return arrays;
 }
 
-// The arguments of a case that differ from the valid ones, by parameter.
+// The arguments in which a case differs from a valid call, by parameter index.
 using Changes = std::map<std::size_t, Number>;
 struct Case {
   std::string name;
@@ -142,7 +142,7 @@ std::vector<Case> CasesOf(const Method& method) {
     }
   }
   if (numbers.size() < 2) return cases;
-  // Sums, differences and products of these overflow.
+  // Sums, differences and products of these pairs overflow.
   for (const auto& [first, others] : {std::pair{kMax, kMax}, std::pair{kMax, Number{-1}},
                                       std::pair{kMin, kMax}, std::pair{kMax / 2 + 1, kMax}}) {
     Case& all = cases.emplace_back(Case{"all " + std::to_string(first), {}});
@@ -154,7 +154,7 @@ std::vector<Case> CasesOf(const Method& method) {
   return cases;
 }
 
-// Calls that wait for a device or for a missing source.
+// True for methods that wait for a device or for a source that does not exist.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
   if (class_name == "CAudioPlayback") return state == kOpen && name == "IAudioWriter::WriteAudio";
@@ -174,13 +174,13 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
  protected:
   ContractAbuse() {
     Check(CopyFileW(TESSALY_SAMPLE_OGG, sample_.c_str(), TRUE) ? S_OK : LastErrorResult());
-    // Some texts are relative file names.
+    // Some texts of the cases are relative file names. Their files belong in this folder.
     SetCurrentDirectoryW(folder_.path().c_str());
   }
   void TearDown() override { SetCurrentDirectoryW(L"C:\\"); }
 
-  // Uses a new object for each case. Ignores the results of the preparation: an object that refuses
-  // stays in its state.
+  // Creates a new object for each case. Ignores the results of the preparing calls, because an
+  // object that refuses a call keeps its state.
   HRESULT RunOn(const Class& tested, State state, const Method& method, const Changes& changes,
                 bool and_go_on) {
     auto object = Create<IUnknown>(tested.clsid);
@@ -230,7 +230,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
       const bool is_plain = parameter.kind == Kind::kInteger || parameter.kind == Kind::kReal;
       types.push_back(is_plain ? parameter.type : kPointerType);
       V_VT(arguments.emplace_back(&values[p])) = types.back();
-      V_I8(&values[p]) =  // of which the call takes the low bytes
+      V_I8(&values[p]) =  // the call uses only the low bytes
           changed != changes.end()       ? changed->second
           : parameter.kind == Kind::kOut ? AsNumber(&outs[p])
                                          : Legal(object, parameter);
@@ -253,7 +253,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
     return hr;
   }
 
-  // The arguments of a well-behaved host, by interface and parameter name. New classes are covered
+  // Returns a valid argument, chosen by type and parameter name, so that new classes are covered
   // too.
   Number Legal(IUnknown* object, const Parameter& parameter) {
     static const std::map<std::string, Number> kKnown = {
@@ -274,7 +274,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
                                                                        : sample_));
   }
 
-  // An object with that interface. Null if the module has none.
+  // Returns an object with the parameter's interface, or null if the module has none.
   IUnknown* LegalObject(const Parameter& parameter) {
     const auto& [name, kind, type, iid] = parameter;
     ComPtr<IUnknown> object;
@@ -301,11 +301,11 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   const TemporaryFolder folder_;
   const std::wstring sample_ = folder_.File(L"sample.ogg");
   const OurConverter converter_;
-  // The objects of one case.
+  // Keep the arguments of one case alive.
   std::vector<ComPtr<IUnknown>> kept_;
   std::list<Bstr> texts_;
   std::vector<SharedArray> arrays_;
-  // Closes every dialog that the module opens, as a user who cancels.
+  // Cancels every dialog that the module opens, as a user would.
   const std::jthread user_{[main = GetCurrentThreadId()](const std::stop_token& stop) {
     for (; !stop.stop_requested(); Sleep(20)) EnumThreadWindows(main, CloseDialog, 0);
   }};
@@ -318,11 +318,11 @@ TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
   int open = 0;
   for (const State state : {kFresh, kSetUp, kOpen}) {
     for (const Method& method : tested->methods) {
-      // Flushed, so that the last line before a crash or a hang names the method.
+      // Flushes the output, so that the last line before a crash or a hang names the method.
       std::printf("state %d, %s\n", state, method.FullName().c_str());
       std::fflush(stdout);
       for (auto& [name, changes, wanted, array] : CasesOf(method)) {
-        // Only every fourth case, because each open object takes the time of ending its thread.
+        // Skips three of four cases, because ending the thread of an open object takes time.
         if (state == kOpen && !array && ++open % 4 != 0) continue;
         if (MayWait(tested->name, method, state) && wanted != E_INVALIDARG) continue;
         const SAFEARRAY before = array ? *array : SAFEARRAY{};
@@ -334,7 +334,7 @@ TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
         ++index_;
       }
     }
-    // Watches from the second state on: the first loads libraries and starts threads that stay.
+    // Counts from the second state on, because the first loads libraries and starts threads.
     if (!watch) watch.emplace();
   }
   EXPECT_GT(index_, 20);

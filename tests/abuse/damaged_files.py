@@ -20,7 +20,7 @@ WINE = os.environ["TESSALY_WINE"]
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
 BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
-# Each graph of Wine's decoders leaks, with any client.
+# Each graph of Wine's decoders leaks at least this many handles, in any program. The test ignores such steps.
 GRAPH_HANDLES = 30
 GIVE_UP_SECONDS = 1200  # for a batch
 
@@ -50,7 +50,7 @@ def make_seeds(folder):
 def damage(data, chance):
     data = bytearray(data)
     for _ in range(chance.choice((1, 1, 2, 4, 16))):
-        # Mostly in the header. But most damage there makes an Ogg file fail at once.
+        # Favours the header, except in Ogg files, where damage to the header mostly makes the import fail at once.
         reach = chance.choice((len(data), 512, len(data) if data.startswith(b"OggS") else 64))
         at = chance.randrange(max(1, min(len(data), reach)))
         size = chance.choice((1, 2, 4, 4, 64, 4096))
@@ -63,7 +63,7 @@ def damage(data, chance):
 
 
 def import_all(folder, find):
-    """Imports in one process, and after a crash the remaining files in another."""
+    """Imports the files in one process. After a crash, imports the remaining files in another process."""
     while remaining := sorted(folder.iterdir()):
         process = subprocess.Popen([WINE, BUILD / "tests/import_files.exe", f"Z:{folder}", "count"],
                                    stdout=subprocess.PIPE, **QUIET)
@@ -73,7 +73,7 @@ def import_all(folder, find):
         for line in process.stdout:
             words = line.decode(errors="replace").split()
             path = folder / words[0] if words else None
-            # The libraries below the decoders also print.
+            # Ignores other lines, which come from the libraries of Wine's decoders.
             if path not in remaining:
                 continue
             seconds, started = time.monotonic() - started, time.monotonic()

@@ -1,6 +1,6 @@
-// A host imports, edits and exports two seconds of audio while the Nth file call of the module
-// fails, and then the Nth allocation, for every N. The calls are replaced in the module's import
-// table. Allocations of the compiler's runtime do not fail.
+// A host imports, edits and exports two seconds of audio many times. In run N, the module's Nth
+// file call fails. A second series makes the Nth allocation fail instead. The test replaces
+// functions in the module's import table. Allocations of the compiler's runtime do not fail.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,7 +20,7 @@ namespace {
 
 enum class Fault { kNone, kFileCall, kAllocation };
 
-// Counts the calls of the armed kind. Call number `fails_at` fails; the first is 1.
+// Counts the calls of the armed kind. Call number `fails_at` fails. The first has number 1.
 std::atomic<Fault> armed = Fault::kNone;
 std::atomic<LONG64> calls = 0;
 std::atomic<LONG64> fails_at = 0;
@@ -62,7 +62,7 @@ struct Name {
   char text[32] = {};
 };
 
-// Replaces an imported function by one that returns `kFailure` when its turn comes.
+// Replaces an imported function by one whose call number `fails_at` returns `kFailure`.
 template <Name kName, Fault kKind, INT_PTR kFailure, DWORD kError = ERROR_NOT_ENOUGH_MEMORY,
           class R, class... Arguments>
 void Replace(R (*)(Arguments...)) {
@@ -75,8 +75,8 @@ void Replace(R (*)(Arguments...)) {
   });
 }
 
-// Fails only requests of operator new to the C heap. It calls malloc from one return address, which
-// is recorded while the module creates an object.
+// Makes malloc fail only for operator new. Operator new calls malloc from one return address, which
+// the test records while the module creates an object.
 decltype(&std::malloc) real_malloc = nullptr;
 std::atomic<bool> learning = false;
 std::atomic<const void*> operator_new = nullptr;
@@ -180,7 +180,7 @@ int Tell(Fault kind, LONG64 n, const Bstr& target) {
   armed = Fault::kNone;
   EXPECT_TRUE(failed != nullptr || failures == 0) << "a call failed without a cause";
 
-  // From here on no call fails.
+  // After this point, no call fails.
   ExpectStored(kept.Get(), samples);
   LONG ready = 0;
   Check(writer->QueryIsReady(&ready));

@@ -1,4 +1,4 @@
-// The common parts of the abuse tests.
+// Helpers that several abuse tests share.
 #pragma once
 
 #include <vector>

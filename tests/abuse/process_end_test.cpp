@@ -1,5 +1,5 @@
 // A host that ends without releasing anything ends at once, without a crash, and leaves no
-// temporary file. Loading, using and unloading the module many times leaves nothing behind.
+// temporary file. Using and unloading the module many times leaves no thread or object.
 #include <gtest/gtest.h>
 #include <process.h>
 
@@ -51,7 +51,7 @@ void ExpectCleanEnd(const wchar_t* work) {
   const std::wstring usual = _wgetenv(L"TMP");
   for (const wchar_t* killed : {L"0", L"1"}) {
     const TemporaryFolder folder;
-    // The children inherit the place of temporary files.
+    // Child processes inherit TMP and create their temporary files in this folder.
     SetEnvironmentVariableW(L"TMP", folder.path().c_str());
     SetEnvironmentVariableW(L"TESSALY_WORK", work);
     SetEnvironmentVariableW(L"TESSALY_KILLED", killed);

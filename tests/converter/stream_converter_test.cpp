@@ -17,7 +17,7 @@ using Samples = std::vector<float>;
 
 constexpr double kMinus3dB = 1.0 / std::numbers::sqrt2;
 
-// The last two ratios need too large a tap table.
+// For the last two ratios the tap table would be too large, so libsamplerate converts.
 constexpr std::pair<std::int32_t, std::int32_t> kRates[] = {
     {44100, 48000}, {48000, 44100},  {96000, 44100}, {44100, 192000},
     {8000, 48000},  {192000, 11025}, {44100, 44101}, {48000, 47999}};
@@ -30,7 +30,7 @@ Samples Noise() {
   return noise;
 }
 
-// The level of the difference between the converted sine and gain * the exact sine.
+// Converts a sine. Returns the level of its difference from `gain` * the exact sine.
 double ErrorLevel(std::int32_t source, std::int32_t target, double hertz, double gain) {
   std::vector<float> in(static_cast<std::size_t>(source));
   const double step = 2 * std::numbers::pi * hertz;

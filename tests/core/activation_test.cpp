@@ -1,4 +1,4 @@
-// A host without any registration: the manifest beside this program lists the module's classes.
+// Tests a host without registration. The manifest beside this program lists the classes.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -26,7 +26,7 @@ class Activation : public ::testing::Test {
   ~Activation() override { ForgetTypeLibrary(); }
 
  private:
-  // Wine registers a type library that it needs for a proxy, even one found through a manifest.
+  // Wine registers each type library that a proxy needs, even if a manifest lists the library.
   static void ForgetTypeLibrary() { UnRegisterTypeLib(LIBID_MarlindaLib, 1, 0, 0, SYS_WIN64); }
 };
 

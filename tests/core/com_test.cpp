@@ -1,4 +1,4 @@
-// The rules of COM for every class of the module, IDispatch of its objects, arrays and threads.
+// Tests the rules of COM for every class of the module, IDispatch, sample arrays and threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -65,17 +65,17 @@ TEST(EveryClass, HasOneIdentityAndExactlyItsInterfaces) {
 
 TEST(Module, StaysLoadedByFactoriesObjectsAndServerLocks) {
   const auto can_unload = ModuleUnderTest::CanUnloadNow;
-  // The factories registered for this process also keep it loaded.
+  // The class factories that this process has registered also keep the module loaded.
   ModuleUnderTest::Revoke();
   EXPECT_EQ(can_unload(), S_OK);
   ComPtr<IClassFactory> factory = FactoryOf(CLSID_CEditedAudio);
   void* out = &out;
   EXPECT_EQ(can_unload(), S_FALSE) << "a factory";
-  // An outer object may ask only for the inner unknown.
+  // An outer object may only request the inner object's IUnknown.
   EXPECT_EQ(factory->CreateInstance(factory.Get(), IID_IDispatch, &out), CLASS_E_NOAGGREGATION);
   EXPECT_EQ(factory->CreateInstance(nullptr, IID_IStream, &out), E_NOINTERFACE);
   EXPECT_EQ(out, nullptr);
-  // Objects may create others by class identifier.
+  // Registers the classes, because objects create other objects by class identifier.
   ModuleUnderTest::Load();
   auto object = Create<IUnknown>(CLSID_CEditedAudio);
   ModuleUnderTest::Revoke();
@@ -95,7 +95,7 @@ TEST(Module, StaysLoadedByFactoriesObjectsAndServerLocks) {
   ModuleUnderTest::Load();
 }
 
-// An argument as a client passes it. Owns nothing.
+// Returns an argument as a client passes it. The variant owns nothing.
 template <class T>
 VARIANT Value(int type, T value) {
   VARIANT variant;
@@ -104,7 +104,7 @@ VARIANT Value(int type, T value) {
   std::memcpy(&V_I8(&variant), &value, sizeof value);
   return variant;
 }
-// By reference; null if `value` is null.
+// Returns a reference as an argument. The reference is null if `value` is null.
 template <class T>
 VARIANT Reference(int type, T* value) {
   return Value(VT_BYREF | type, value);
@@ -116,17 +116,17 @@ const VARIANT kEmpty = Value(VT_EMPTY, 0);
 
 constexpr UINT kUntouched = 77;
 
-// A call and its results, which it owns.
+// Makes a call and owns its results.
 struct Outcome {
-  // The arguments are in declaration order. The last ones can be named by the identifiers of their
-  // parameters.
+  // `arguments` are in declaration order. `named` holds the parameter identifiers of the last
+  // arguments and may be empty.
   Outcome(IDispatch* object, DISPID member, std::vector<VARIANT> arguments,
           std::vector<DISPID> named = {}, WORD flags = DISPATCH_METHOD) {
     std::ranges::reverse(arguments);
     std::ranges::reverse(named);
     DISPPARAMS params = {arguments.data(), named.data(), static_cast<UINT>(arguments.size()),
                          static_cast<UINT>(named.size())};
-    V_VT(&result) = 0x7ead;  // must be overwritten, not cleared
+    V_VT(&result) = 0x7ead;  // Invoke must overwrite this and not clear it
     hr = object->Invoke(member, IID_NULL, LOCALE_USER_DEFAULT, flags, &params, &result, &exception,
                         &argument_error);
   }
@@ -144,7 +144,7 @@ struct Outcome {
   UINT argument_error = kUntouched;  // an index into the reversed arguments
 };
 
-// DISPIDs: positions of the methods in their interfaces.
+// Each DISPID is the method's position in its interface.
 constexpr DISPID kCreate = 1;                                          // INullReader
 constexpr DISPID kReadAudio = 1, kGetFormat = 2, kGetSampleCount = 3;  // IAudioReader
 constexpr DISPID kAddLabel = 1, kGetLabel = 3;                         // ILabelSupport
@@ -169,7 +169,7 @@ TEST_F(Dispatch, CoercesArgumentsByPositionByReferenceInVariablesAndByName) {
   VARIANT channels = Value(VT_I2, SHORT{2});
   struct Case {
     std::vector<VARIANT> arguments;
-    std::vector<__int64> format;  // frames, rate and channels of the reader; empty for a failure
+    std::vector<__int64> format;  // frames, rate and channels of the reader; empty after a failure
     HRESULT hr = S_OK;
     UINT index = kUntouched;  // counted from the last argument
     std::vector<DISPID> named = {};
@@ -212,7 +212,7 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
   for (const VARIANT& argument : {Array(array), Variable(reference), Variable(outer)}) {
     EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
-    // The method is declared with shorts, which cannot hold these peaks.
+    // The type library declares shorts, which cannot hold these peaks.
     std::ranges::fill(block.values(), 0.5F);
     EXPECT_EQ(Outcome(document_.Get(), kReadWaveplot, {Long(0), Long(8), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
@@ -234,7 +234,7 @@ TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Reference(VT_I4, &rate), to_channels}).hr, S_OK);
   EXPECT_EQ(rate, 48000);
   EXPECT_EQ(channels, 2);
-  // By value, results are lost.
+  // An out parameter that is passed by value loses its result.
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Long(0), kEmpty}).hr, S_OK);
   Outcome mismatch(reader_.Get(), kGetFormat, {Reference(VT_R8, &wrong), to_channels});
   EXPECT_EQ(mismatch.hr, DISP_E_TYPEMISMATCH);
@@ -265,7 +265,7 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
   EXPECT_EQ(V_VT(&count.result), VT_I8);
   EXPECT_EQ(V_I8(&count.result), 1LL << 40);
   EXPECT_EQ(Outcome(document_.Get(), kClear, {}).result.vt, VT_EMPTY);
-  // A null object is a VT_DISPATCH or VT_UNKNOWN of null, which scripts can test for.
+  // A null object is returned as a VT_DISPATCH or VT_UNKNOWN that is null, for scripts to test.
   Outcome none(Create<IAudioPool>(CLSID_CAudioPool).Get(), kCreateLastReader, {});
   EXPECT_TRUE(V_VT(&none.result) == VT_DISPATCH && V_DISPATCH(&none.result) == nullptr);
   Outcome failed(As<IAudioReader>(Create<IUnknown>(CLSID_CAudioPoolReader)).Get(), kReadAudio,
@@ -297,7 +297,7 @@ TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToAB
   const ULONG before = ReferenceCount(silence_.Get());
   EXPECT_EQ(insert(VT_DISPATCH, nullptr), S_OK);
   EXPECT_EQ(insert(VT_UNKNOWN, silence_.Get()), S_OK);
-  // By value, nothing is returned.
+  // kEmpty is a value, not a reference, so it receives no object.
   for (const VARIANT& to : {Reference(VT_DISPATCH, &direct), Variable(variable), kEmpty}) {
     EXPECT_EQ(V_I4(&first_segment(to)->result), 1);
   }
@@ -323,7 +323,7 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndInconsistentArguments) {
   }
   VARIANT arguments[] = {Long(16), Long(2), Long(1)};
   DISPID names[] = {0, 1, 2, 3};
-  // The first is valid. The caller passes no result, exception or index.
+  // Only the first element is valid. The test passes no pointers for the results.
   DISPPARAMS params[] = {
       {arguments, nullptr, 3, 0}, {nullptr, nullptr, 3, 0}, {arguments, names, 3, 4}};
   for (DISPPARAMS& each : params) {

@@ -42,17 +42,17 @@ Lines Below(HKEY root, const std::wstring& path, const std::wstring& shown = L""
 
 bool Exists(const std::wstring& path) { return !Below(HKEY_CLASSES_ROOT, path).empty(); }
 
-// Omits the entries of the automation library. Wine writes a user's type library for the machine.
+// Omits the entries of the type library, because Wine writes a user's library for all users.
 Lines ClassesIn(HKEY root) {
   Lines lines = Below(root, L"Software\\Classes");
-  // Wine and Windows write them in different cases.
+  // Ignores case, because Wine and Windows write these keys in different cases.
   std::erase_if(lines, [](const std::wstring& line) {
     const auto is_in = [&](const std::wstring& key) {
       return _wcsnicmp(line.c_str(), key.c_str(), key.size()) == 0;
     };
     return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
-  // These keys may have existed before.
+  // These two keys may already exist before the registration.
   lines.insert({L"AppID\\", L"CLSID\\"});
   return lines;
 }
@@ -127,7 +127,7 @@ TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
   EXPECT_EQ(Unregister(), E_INVALIDARG);
 }
 
-// The path looks like a script and contains letters outside every code page.
+// The module's path looks like a script and contains letters outside every code page.
 TEST_F(Registration, LetsOthersCreateTypedObjectsOfAModuleAtAnyPath) {
   const std::wstring library = L"TypeLib\\" + kGuid + L"\\1.0";
   const TemporaryFolder folder;

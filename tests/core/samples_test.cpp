@@ -1,4 +1,4 @@
-// The sample queue, and the converters at every instruction level of this processor.
+// Tests the sample queue, and the converters at every instruction level of this processor.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,11 +42,11 @@ TEST(AudioQueue, KeepsItsSamplesWhenItGrowsAndReadsSilenceWhereNothingIsLeft) {
   EXPECT_EQ(queue.Count(), 12042U);
 }
 
-// Exact: a product has at most 39 bits.
+// The result is exact, because a product has at most 39 bits and fits a double.
 std::int64_t ExactCode(double value, int bits) {
   constexpr std::int64_t kLowest = -(std::int64_t{1} << 31);
   if (bits > 16) {
-    // Values at or above full scale wrap. The upper bytes are the 24-bit code.
+    // Full scale and beyond become the lowest code. The upper bytes are the 24-bit code.
     const bool fits = value < 1.0 && value > -1.0;
     return (fits ? static_cast<std::int64_t>(value * 0x1p31) : kLowest) >> (32 - bits);
   }
@@ -57,8 +57,8 @@ std::int64_t ExactCode(double value, int bits) {
   return static_cast<std::int64_t>(code) + middle;
 }
 
-// Blocks of 0 to 66 samples at any offset. From the end, so that a block which writes past its end
-// destroys the previous one.
+// Calls `convert` for blocks of 0 to 66 samples, from the last block to the first. A block that
+// writes past its end then destroys the block that was converted before it.
 void ForEachBlock(std::size_t left, const std::function<void(std::size_t, std::size_t)>& convert) {
   for (std::size_t length = 0; left > 0; length = (length + 1) % 67) {
     const std::size_t count = std::min(left, length);
@@ -122,7 +122,7 @@ TEST_P(Converters, ReadEveryCodeAsTheNearestFloat) {
                           {16, -32768, 32767, 1, 32767},
                           {24, -8388608, 8388607, 7, 0x1p23},
                           {32, -2147483648LL, 2147483647, 65003, 0x1p31},
-                          // Halfway between two floats; the even one is chosen.
+                          // Halfway between two floats, the conversion chooses the even one.
                           {32, 0x40000000, 0x40001000, 0x40, 0x1p31}};
   for (const auto& [bits, first, last, step, denominator] : ranges) {
     std::vector<std::byte> bytes;

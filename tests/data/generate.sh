@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Regenerates the sound files of the tests (sox, vorbis-tools, ffmpeg). The tree holds them, so that every machine
-# tests the same bytes; run this only to change them. Serial numbers are fixed and differ, so that any two files can
-# be chained.
+# Regenerates the sound files of the tests (sox, vorbis-tools, ffmpeg). The tree holds the files, so that every machine
+# tests the same bytes. Run this script only to change them. The serial numbers are fixed, and each file has its own, so
+# that any two files can be chained.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 work=$(mktemp -d)
@@ -10,7 +10,7 @@ trap 'rm -r "$work"' EXIT
 sox -R -n -r 44100 -c 1 -b 16 "$work/mono.wav" synth 1.5 pluck A3 gain -3
 oggenc -Q -q 0 -s 1001 -o mono.ogg "$work/mono.wav"
 
-# Full of transients, so that long and short codec blocks alternate; loud enough to clip.
+# This file is full of transients, so that long and short codec blocks alternate. It is loud enough to clip.
 sox -R -n -r 44100 -c 2 -b 16 "$work/stereo.wav" synth 1 pluck C4 pluck G4 \
   synth 1 square amod 6 pinknoise mix gain -n -0.2
 oggenc -Q -q 1 -s 1002 -t 'A title' -a 'Someone' -l 'Ein Album' -d 2009-05-01 -G Ambient \
@@ -30,5 +30,5 @@ oggenc -Q -q 2 -s 1005 -o rate_8000.ogg "$work/low.wav"
 sox -n -r 44100 -c 2 -b 16 "$work/silent.wav" trim 0 0
 oggenc -Q -q 0 -s 1006 -o no_samples.ogg "$work/silent.wav"
 
-# Each sample is its own number.
+# The value of each sample is its frame number.
 ffmpeg -v error -y -f lavfi -i "aevalsrc='n/32768':s=8000:d=3" -c:a pcm_s16le -metadata title=Film -bitexact film.avi

@@ -1,5 +1,5 @@
-// Playback, recording and scrubbing on the real wave devices of a private sound server, whose
-// microphone records its speaker. Waits have no limit: CTest ends a hang.
+// Tests playback, recording and scrubbing on the real wave devices of a private sound server, whose
+// microphone records its speaker. Waits have no limit, because CTest ends a test that hangs.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -50,11 +50,11 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   __int64 last = player.Position();
   EXPECT_EQ(last, 1000);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // No frame, half a frame, and three and a half.
+  // The blocks hold 0, 0.5 and 3.5 frames.
   for (const std::size_t odd : {0, 1, 7}) EXPECT_EQ(player->WriteAudio(Floats(odd)), S_OK);
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
-  // Eleven blocks of 100 ms fit before more than a second is queued; forty need three seconds.
+  // WriteAudio waits while over 1 s is queued, so 40 blocks of 100 ms take almost 3 s.
   for (int i = 0; i < 40; ++i) ASSERT_EQ(player->WriteAudio(Floats(2 * 4410)), S_OK);
   EXPECT_GT(passed(), std::chrono::seconds(2));
   while (!player.Ready()) {
@@ -103,11 +103,11 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   };
   const Player player(8000, 1, 8);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // Longer than CTest's timeout.
+  // This block lasts longer than CTest's timeout.
   ASSERT_EQ(player->WriteAudio(Floats(8000 * 1000, 0.5F)), S_OK);
   WaitUntil(heard);
   EXPECT_EQ(player.playback->Break(), S_OK);
-  // Longer than a gap in the sound of a late player.
+  // Waits for 2 s of silence, because a player that is late also leaves short gaps.
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
 }
 
@@ -140,18 +140,18 @@ TEST_F(Grabber, ReadsMoreOrLessThanADeviceBufferAndTheRestAfterClosing) {
   SHORT channels = 0;
   EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);
   EXPECT_TRUE(rate == 44100 && channels == 2);
-  // device_test.py records the other widths.
+  // device_test.py tests the other widths.
   ASSERT_EQ(grabber_->SetFormat(44100, 2, 8), S_OK);
   ASSERT_EQ(reader_->OpenDevice(), S_OK);
-  // Also no frame, and more than all buffers hold.
+  // The reads include an empty block and a block larger than all buffers together.
   for (const std::size_t frames : {0, 1, 40'000, 100}) {
     const Floats block(2 * frames, 9.0F);
     ASSERT_EQ(reader_->ReadAudio(-1, block), S_OK);
-    // The code for silence is just above the middle.
+    // The 8-bit code for silence is just above the middle.
     for (const float sample : block.values()) ASSERT_NEAR(sample, 0.0F, 0.01);
   }
   EXPECT_EQ(reader_->CloseDevice(), S_OK);
-  // Unread samples remain. Then there is nothing to wait for.
+  // The unread samples can still be read. After them, ReadAudio fails without waiting.
   int reads = 0;
   while (reader_->ReadAudio(0, Floats(2)) == S_OK) ++reads;
   EXPECT_GT(reads, 0);
@@ -181,7 +181,7 @@ TEST_F(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
 
 class Scrubber : public ::testing::Test {
  protected:
-  // The writer takes a few passes at a time.
+  // Slows each call down, as a device would.
   Scrubber() {
     writer_->on_write = [](SAFEARRAY*) { Sleep(5); };
   }
@@ -211,7 +211,7 @@ TEST_F(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
   EXPECT_THAT(writer_->calls, ElementsAre("OpenDevice", "WriteAudio", "CloseDevice"));
   EXPECT_EQ(writer_->Held(), 1) << "kept until the scrubber ends";
 
-  // The window is a sine, so the power is constant.
+  // The crossfade's window is a sine, so that the power stays constant.
   const auto w = [](std::size_t i) { return std::sin(3.14159265F * static_cast<float>(i) / 8); };
   const std::vector<float>& played = writer_->samples;
   const auto sounds = [](float sample) { return sample != 0; };
@@ -238,7 +238,7 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
   };
   for (int round = 1; round <= 5; ++round) {
     writer_->closed = false;
-    // Stop from inside the writer does not wait for the call that it comes from.
+    // Stop inside WriteAudio does not wait for that call, so Start may fail for a moment.
     WaitUntil([&] { return Start(2, 2) == S_OK; });
     WaitUntil([&] { return calls > 0; });
     EXPECT_EQ(scrubber_->Stop(), S_OK);
@@ -250,7 +250,7 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
 TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(Start(1024, 0), E_INVALIDARG);
   EXPECT_EQ(Start(-1, 2), E_INVALIDARG);
-  // Refused before anything of that size is allocated.
+  // Start refuses this size before it allocates memory.
   EXPECT_EQ(Start(0x7FFFFFFF, 32767), E_INVALIDARG);
   EXPECT_EQ(scrubber_->WriteBlock(Floats(2048)), E_FAIL);
   EXPECT_EQ(scrubber_->Stop(), S_OK);
@@ -260,13 +260,13 @@ TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   ASSERT_EQ(Start(1025, 1), S_OK);
   EXPECT_EQ(scrubber_->WriteBlock(Floats(1024)), S_OK);
   AwaitMore(2);
-  scrubber_.Reset();  // running: stops, closes the writer and releases it
+  scrubber_.Reset();  // the last release ends scrubbing and closes and releases the writer
   EXPECT_EQ(writer_->block_sizes.back(), 512U);
   EXPECT_TRUE(writer_->closed);
   EXPECT_EQ(writer_->Held(), 0);
 }
 
-// Every other time the last release ends the use.
+// If `stops` is false, the last release ends each use.
 void PlayRecordAndScrub(bool stops) {
   const Floats block(2 * 4410, 0.1F);
   const Player player(44100, 2, 16, 100);
@@ -289,11 +289,11 @@ void PlayRecordAndScrub(bool stops) {
   scrubber->Stop();
 }
 
-// TESSALY_DEVICE_CYCLES sets another number of cycles for a soak.
+// TESSALY_DEVICE_CYCLES sets the number of cycles for a soak run.
 TEST(Cycles, LeaveNoThreadOrHandle) {
   const char* const named = std::getenv("TESSALY_DEVICE_CYCLES");
   const unsigned cycles = named == nullptr ? 30 : static_cast<unsigned>(std::atoi(named));
-  // The first use creates threads and handles of the system, which stay.
+  // The first cycles create threads and handles that the system keeps.
   for (int i = 0; i < 10; ++i) PlayRecordAndScrub(i % 2 == 0);
   const LeakWatch watch;
   for (unsigned i = 0; i < cycles && !HasFailure(); ++i) PlayRecordAndScrub(i % 2 == 0);

@@ -20,24 +20,24 @@ TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 LOSSES = ((ChangingServer.unload, ChangingServer.load), (ChangingServer.kill, ChangingServer.start))
 LOSSES *= int(os.environ.get("TESSALY_LOSS_REPEATS", "1"))
 
-# "watch" ends nothing: the engine detects the loss itself.
+# With "watch", the program ends nothing, because the engine detects the loss itself.
 USES = (("playback", "watch"), ("playback", "break"), ("playback", "close"), ("playback", "release"),
         ("drain", "watch"), ("document", "watch"), ("document", "stop"), ("document", "release"),
         ("cursor", "stop"), ("cursor", "release"), ("recorder", "close"))
 TONES = range(400, 2600, 200)
-# A drain ends by itself.
+# A drain ends by itself, and a recorder plays no tone.
 STEADY = {hertz for (use, _), hertz in zip(USES, TONES) if use not in ("drain", "recorder")}
 
 
 def ask(tools, word):
-    """Sends the command to all tools at once; returns their answers by tool."""
+    """Sends the command to all tools at once. Returns the answers by tool."""
     for tool in tools:
         tool.order(word)
     return {tool: tool.answer() for tool in tools}
 
 
 def heard(server):
-    """The tones in a fifth of a second, which has whole periods of each."""
+    """Returns the tones in a fifth of a second, which holds whole periods of each tone."""
     left = server.listen(RATE // 5)[0::2]
     power = lambda hertz: abs(sum(sample * cmath.exp(-2j * cmath.pi * hertz * n / RATE)
                                   for n, sample in enumerate(left)))
@@ -68,7 +68,7 @@ class LossTest(unittest.TestCase):
             lose(server)
             self.end(tools)
             for tool, answer in ask(tools, "start").items():
-                # A document does not report the failure.
+                # A document does not report that its device cannot be opened.
                 opens = tool.words[1] not in ("playback", "drain", "recorder")
                 self.assertEqual(answer["started"], int(opens), tool.name)
             self.end(tools)

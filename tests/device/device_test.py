@@ -22,7 +22,7 @@ STALL = 8  # seconds that the server is stopped
 
 
 def equal_frames(one, other, frame_bytes):
-    """The number of equal frames from the start."""
+    """Counts the equal frames from the start."""
     pairs = zip(frames_of(one, frame_bytes), frames_of(other, frame_bytes))
     return next((at for at, (a, b) in enumerate(pairs) if a != b), min(len(one), len(other)) // frame_bytes)
 
@@ -42,7 +42,7 @@ class PlayTest(unittest.TestCase):
         self.assertEqual((len(got), same), (len(expected), len(expected)), "bytes got, and equal ones")
 
     def test_every_channel_count_reaches_the_speaker_unchanged(self):
-        # The system converts six channels of integers to stereo.
+        # Plays six channels as floats only, because the system converts six channels of integers to stereo.
         for bits, channels in ((16, 1), (32, 2), (32, 6)):
             with self.subTest(bits=bits, channels=channels):
                 self.check(bits, channels, RATE // 2)
@@ -53,8 +53,8 @@ class PlayTest(unittest.TestCase):
 
 class RecordTest(unittest.TestCase):
     def check(self, bits, channels, frames):
-        """The microphone stays at most 80 ms ahead of the reads, because the system's recording buffer holds 100 ms
-        and drops the rest."""
+        """Keeps the microphone at most 80 ms ahead of the reads. The system's recording buffer holds 100 ms, and the
+        system drops all further samples."""
         ahead = RATE * 80 // 1000
         frame_bytes = 4 * channels
         # The silence at the end fills the last buffers of the device.

@@ -25,7 +25,7 @@ def broken_links(page):
     for target in re.findall(r"\]\((?![a-z]+:)([^)\s]+)\)", re.sub(r"`[^`\n]*`", "", plain(page))):
         file, _, anchor = target.partition("#")
         place = (ROOT / page).parent / file if file else ROOT / page
-        # The anchors of headings, as common Markdown renderers make them.
+        # Makes the anchors of headings like common Markdown renderers.
         if not place.exists() or (anchor and anchor not in [
                 re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
                 for heading in re.findall(r"^#+ (.*)$", plain(place), re.M)]):
@@ -38,7 +38,7 @@ class DocsTest(unittest.TestCase):
         self.assertEqual([link for page in pages if (ROOT / page).exists() for link in broken_links(page)], [])
 
     def recipes(self, *paths):
-        """Exit status and output without progress, run without a sound server."""
+        """Runs the program without a sound server. Returns its exit status and its output without progress."""
         status, *texts = run(*paths, environment={"PULSE_SERVER": "unix:/nowhere/native"})
         return status, [line for line in re.split(r"[\r\n]+", "".join(texts)) if re.match("[a-z ]+:|finding", line)]
 

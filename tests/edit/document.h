@@ -31,7 +31,7 @@ struct Document {
     EXPECT_EQ(markers->AddSectionMarker(begin, end, Wide(name)), S_OK);
   }
 
-  // In the format of PlainDocument::Text. All sources are RampSources.
+  // Returns the content in the format of PlainDocument::Text. All sources must be RampSources.
   std::string Text() const {
     PlainDocument content;
     IAudioReader* lent = nullptr;
@@ -45,7 +45,7 @@ struct Document {
       content.segments.emplace_back(source, begin, end);
       EXPECT_EQ(edit->GetNextSegment(&lent, &begin, &end, &more), S_OK);
     }
-    // Past the end only `more` is written.
+    // After the last segment, GetNextSegment only writes `more`.
     EXPECT_EQ(end, content.segments.empty() ? 0 : content.segments.back().end);
     LONG count = 0;
     EXPECT_EQ(labels->GetLabelCount(&count), S_OK);
@@ -61,7 +61,7 @@ struct Document {
     return content.Text();
   }
 
-  // "44100/2/16".
+  // Returns rate, channels and bits, such as "44100/2/16".
   std::string Format() const {
     LONG rate = -1;
     SHORT channels = -1;
@@ -97,8 +97,8 @@ struct Document {
   const ComPtr<IScrubSupport> scrub = As<IScrubSupport>(edit);
 };
 
-// Records each event and then runs the test's function. Connects itself to its interface's
-// connection point.
+// Records each event and then runs the test's function. Connects to the connection point of its
+// event interface.
 class Sink final : public TestObject<IDispatch> {
  public:
   Sink(std::string name, CallLog* log, const IID& iid = DIID__IEAUpdateEvents)

@@ -1,4 +1,4 @@
-// The kernels of edits and of playing a section.
+// Tests the kernels that edit a document and that play a section.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -27,13 +27,13 @@ TEST(Edits, LeaveTheIterationOnItsSegment) {
     return list.Next();
   };
   EXPECT_EQ(next_after(10, 700)->begin, 301);
-  // Directly before and directly after the segment.
+  // Inserts directly before, and then directly after, the next segment.
   EXPECT_EQ(next_after(700 + 301, 1)->begin, 302);
   EXPECT_EQ(next_after(700 + 1 + 303, 1)->source, 'B');
   EXPECT_EQ(list.Next()->begin, 303);
 }
 
-// CTest ends this test if each edit or read walks over all segments: that takes half an hour.
+// If each edit or read visits all segments, this takes half an hour and CTest ends the test.
 TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
   constexpr std::int64_t kSegments = 1'000'000;
   SegmentList<int> list;
@@ -51,7 +51,7 @@ TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
   EXPECT_EQ(frames, 1'000'000);
 }
 
-// The first blocks of a walk as pairs of position and samples.
+// Returns the first blocks of a walk, each as its position and its number of samples.
 std::vector<std::int64_t> Walk(const CSection& section, bool looped, std::int64_t block_bytes,
                                std::int64_t channels, std::size_t max_blocks = 9) {
   std::vector<std::int64_t> blocks;
@@ -67,10 +67,10 @@ TEST(PlaySection, WalksInBlocksOfFortyMillisecondsShortensTheLastOneAndLoops) {
   EXPECT_EQ(PlayBlockBytes(44100, 2), 1764 * 8);
   EXPECT_THAT(Walk({100, 125}, false, 80, 2), ElementsAre(100, 20, 110, 20, 120, 10));
   EXPECT_THAT(Walk({100, 115}, true, 80, 2, 3), ElementsAre(100, 20, 110, 10, 100, 20));
-  // 35 bytes are 8 samples: two frames of three channels and two samples, which do not count.
+  // A block of 35 bytes holds 8 samples. They are two frames and two surplus samples.
   EXPECT_THAT(Walk({0, 5}, false, 35, 3), ElementsAre(0, 8, 2, 8, 4, 3));
   EXPECT_THAT(Walk({0, 4}, false, 35, 3), ElementsAre(0, 8, 2, 6));
-  // Less than a frame in 40 milliseconds.
+  // A block of 40 ms would hold less than one frame.
   EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(-44100, 2), 2), ElementsAre(0, 2, 1, 2));
   EXPECT_THAT(Walk({0, 10}, true, 80, -2), ElementsAre());
   EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2), ElementsAre(kMin, 20, kMin + 10, 20));

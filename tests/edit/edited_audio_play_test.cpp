@@ -1,5 +1,5 @@
-// Playing and scrubbing a document on the real wave devices of a private sound server. CTest ends a
-// hang.
+// Tests playing and scrubbing of a document on the real wave devices of a private sound server.
+// CTest ends a test that hangs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ class EditedAudioPlay : public ::testing::Test {
     calls_.clear();
   }
 
-  // -1 if nothing plays.
+  // Returns -1 if nothing plays.
   __int64 Position() {
     VARIANT_BOOL playing = 77;
     __int64 position = 0;
@@ -52,7 +52,7 @@ class EditedAudioPlay : public ::testing::Test {
   }
 
   std::atomic<int> reads_{0};
-  // Read it only while no thread runs.
+  // Read the log only while no thread runs.
   CallLog calls_;
   CallLog events_;
   const ComPtr<Sink> sink_ = MakeObject<Sink>("s", &events_);
@@ -84,12 +84,12 @@ TEST_F(EditedAudioPlay, PlayFiresEvenIfItStartsNothingAndOnlyALoopChangesItsSect
   document_->ModifyPlaySection(2000, 2100);
   WaitForReads();
   EXPECT_THAT(Position(), ::testing::AllOf(::testing::Ge(2000), ::testing::Lt(2100)));
-  document_->ModifyPlaySection(700, 20);  // at least one frame
+  document_->ModifyPlaySection(700, 20);  // plays at least one frame
   EXPECT_EQ(Position(), 700);
   document_->StopPlay();
   Play(0, kHour, false);
   document_->ModifyPlaySection(kHour - 10, kHour);
-  // The device holds a second, which is 25 blocks. Then the thread waits for room.
+  // The device holds 25 blocks, which last a second. Then the thread waits for room.
   WaitForReads(28);
   EXPECT_LT(Position(), kHour - 10);
   document_->StopPlay();
@@ -118,7 +118,7 @@ TEST_F(EditedAudioPlay, AFailureOnTheThreadEndsThePlayback) {
 }
 
 TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndChangeTheSection) {
-  // Would recurse endlessly if the document allowed it.
+  // Play inside an event would recurse endlessly if the document allowed it.
   sink_->on_event = [&](DISPPARAMS*) { return Play(500, 510), S_OK; };
   Play(500, 510);
   sink_->on_event = [&](DISPPARAMS*) { return document_->StopPlay(); };
@@ -173,7 +173,7 @@ TEST_F(EditedAudioPlay, ScrubbingReadsAroundThePositionEndsPlayingAndIsHeard) {
   }
   WaitUntil([&] { return Level(0) > 0; });
   document_->InsertSegment(0, nullptr, 0, kRate);
-  // The level falls in silence, then one channel sounds.
+  // Plays silence, in which the level falls, and then only the second channel.
   Play(0, kRate + 50'000, true, 2);
   WaitUntil([&] { return Level(0) <= 0; });
   WaitUntil([&] { return Level(1) > 0; });

@@ -1,4 +1,4 @@
-// The content of a document, its sources and its events.
+// Tests the content of a document, its sources and its events.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <olectl.h>
@@ -15,7 +15,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// A host's object that aggregates a document, so that others reach it only through interfaces.
+// Aggregates a document, so that other documents reach the document only through interfaces.
 class Wrapper final : public TestObject<IUnknown> {
  public:
   Wrapper() {
@@ -35,13 +35,13 @@ class Wrapper final : public TestObject<IUnknown> {
 
 class EditedAudioModel : public ::testing::Test {
  protected:
-  // A document and its reference lists.
+  // A document and the plain lists that it must equal.
   struct Pair : Document {
     using Document::Document;
     PlainDocument plain;
     bool has_format = false;
 
-    // A document without a format takes that of the first source.
+    // A document without a format takes the first source's format.
     void Adopt(const std::vector<PlainDocument::Segment>& segments) {
       for (const auto& segment : segments) has_format |= segment.source != '-';
     }
@@ -83,7 +83,7 @@ class EditedAudioModel : public ::testing::Test {
         plain.Insert(position, {{segment}, {}, {}});
         return at.Adopt({segment});
       case 6:
-        // Other may be the document itself.
+        // `other` may be the same document as `at`.
         if (plain.segments.size() + other.plain.segments.size() > 2000) return;
         EXPECT_EQ(at->Insert(position, other), S_OK);
         at.Adopt(other.plain.segments);
@@ -129,13 +129,13 @@ class EditedAudioModel : public ::testing::Test {
       expected.resize(40);
       ASSERT_EQ(pair.Read(position, 40), expected);
     }
-    // One reference for each segment.
+    // The documents hold one reference to a source for each of its segments.
     for (std::size_t i = 0; i < 3; ++i) ASSERT_EQ(sources_[i]->Held(), held["ABC"[i]]);
   }
 
-  // Also empty and backward segments and ranges.
+  // If true, also uses empty and backward segments and ranges.
   bool odd_ = false;
-  // The last is silence.
+  // The last source is null, which is silence.
   std::array<ComPtr<RampSource>, 4> sources_ = {RampSource::Make('A', 1), RampSource::Make('B', 1),
                                                 RampSource::Make('C', 1)};
   std::array<Pair, 3> pairs_ = {Pair(), Pair(), Pair(As<IEditedAudio>(MakeObject<Wrapper>()))};
@@ -144,7 +144,7 @@ class EditedAudioModel : public ::testing::Test {
   __int64 Draw(__int64 low, __int64 high) {
     return std::uniform_int_distribution<__int64>(low, high)(random_);
   }
-  // Replaces a record, or removes it in odd rounds.
+  // Replaces a record, or removes it if odd_ is true.
   template <class Record>
   HRESULT Change(std::vector<Record>& records, LONG place, Record record) const {
     if (place < 0 || place >= std::ssize(records)) return E_INVALIDARG;
@@ -199,7 +199,7 @@ class EditedAudio : public ::testing::Test {
 TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.reader->ReadAudio(0, Floats(4)), S_FALSE) << "no channels";
   EXPECT_EQ(document_.Format(), "1/0/16");
-  document_->SetFormat(0, 6, 24);  // not a format either
+  document_->SetFormat(0, 6, 24);  // a rate of 0 is no format
   document_.Append(a_, 100, 104);
   document_.Append(nullptr, 0, 2);
   document_.Append(b_, 7, 9);
@@ -207,7 +207,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.Format(), "44100/1/24");
   EXPECT_EQ(log_, CallLog{"A.GetFormat"}) << "later sources are never asked";
   log_.clear();
-  // Each source gets an array of exactly its piece, in its initial state.
+  // Each source gets a fixed array that has its piece's size and holds zeros.
   b_->on_read = [&](SAFEARRAY* array) {
     SAFEARRAYBOUND larger = {1 << 20, 0};
     EXPECT_TRUE(FAILED(SafeArrayRedim(array, &larger)) && FAILED(SafeArrayDestroy(array)));
@@ -217,21 +217,21 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
               ElementsAre(A(101), A(102), A(103), 0, 0, B(7), B(8), A(10), A(11), 0));
   EXPECT_THAT(log_, ElementsAre("A.ReadAudio(101, 3)", "B.ReadAudio(7, 2)", "A.ReadAudio(10, 2)"));
   EXPECT_THAT(document_.Read(std::numeric_limits<__int64>::max(), 2), ElementsAre(0, 0));
-  // The pieces start at the front of the array even if the read begins before the document; the
-  // rest of the array stays unchanged.
+  // If the read begins before the document, the first piece still starts at the front of the array.
+  // The rest of the array stays unchanged.
   EXPECT_THAT(document_.Read(-2, 4), ElementsAre(A(100), A(101), -1, -1));
   b_->read_result = E_ACCESSDENIED;
   const Floats block(8, -1.0F);
   EXPECT_EQ(document_.reader->ReadAudio(3, block), E_ACCESSDENIED);
   EXPECT_THAT(block.ToVector(), ElementsAre(A(103), 0, 0, -1, -1, -1, -1, 0));
-  // Other success codes are not failures.
+  // Success codes other than S_OK are not failures.
   b_->read_result = S_FALSE;
   EXPECT_THAT(document_.Read(6, 3), ElementsAre(B(7), B(8), A(10)));
-  // A source may change the document.
+  // A source may change the document during a read.
   a_->on_read = [&](SAFEARRAY*) { document_->Clear(); };
   EXPECT_THAT(document_.Read(0, 7), ElementsAre(A(100), A(101), A(102), A(103), 0, 0, B(7)));
   EXPECT_EQ(document_.Length() + b_->Held(), 0);
-  // A backward segment: 100 frames of the first piece and 70 of the second into room for 120.
+  // After the backward segment, pieces of 100 and 70 frames share an array for 120 frames.
   a_->on_read = nullptr;
   document_.Append(a_, 0, 100);
   document_.Append(b_, 50, 0);
@@ -240,7 +240,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(log_.back(), "A.ReadAudio(200, 70)");
 }
 
-// Hosts must not do this. A read then returns the old or the new content.
+// Hosts must not edit during reads. Such a read returns the old or the new content.
 TEST_F(EditedAudio, EditsDuringReadsOnOtherThreadsCorruptNothing) {
   const auto quiet = RampSource::Make('Q', 1);
   document_.Append(quiet, 0, 1);
@@ -276,7 +276,7 @@ TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself)
   document_->Delete(4, 6);
   document_->AppendSegment(document_.reader.Get(), 0, 3);
   EXPECT_THAT(document_.Read(2, 5), ElementsAre(A(2), A(3), A(0), A(1), A(2)));
-  // These frames consist of themselves.
+  // The inserted frames refer to themselves, so reading them fails.
   document_->InsertSegment(0, document_.reader.Get(), 0, 2);
   EXPECT_EQ(document_.reader->ReadAudio(0, Floats(2)), E_FAIL);
   EXPECT_EQ(document_.reader->OpenDevice(), E_FAIL);
@@ -298,7 +298,7 @@ TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlotsWhateverTheyDo) {
     document_->InitChange(0, nullptr);
     return E_FAIL;
   };
-  // A disconnected sink is no longer called; a new one is called from the next event on.
+  // A disconnected sink is no longer called. A new sink is called from the next event on.
   EXPECT_EQ(Commit(), (CallLog{"a3", "c3"}));
   ComPtr<IErrorInfo> error;
   EXPECT_EQ(GetErrorInfo(0, error.GetAddressOf()), S_OK);
@@ -306,7 +306,7 @@ TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlotsWhateverTheyDo) {
   for (const DWORD wrong : {0UL, b->cookie, c->cookie + 1}) {
     EXPECT_EQ(point->Unadvise(wrong), CONNECT_E_NOCONNECTION);
   }
-  // A sink with only IDispatch also receives events. It gets the free slot.
+  // A sink that has only IDispatch also receives events. This sink takes the free slot.
   const auto plain = MakeObject<Sink>("p", &log_, IID_IDispatch);
   EXPECT_EQ(point->Advise(plain.Get(), &plain->cookie), S_OK);
   EXPECT_EQ(document_->CommitChange(), S_OK);
@@ -327,7 +327,7 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
     EXPECT_STREQ(V_BSTR(&arguments[1]), L"Cut");
     EXPECT_EQ(V_UNKNOWN(&arguments[0]), As<IUnknown>(document_.edit).Get());
     EXPECT_EQ(As<IEditedAudio>(V_UNKNOWN(&arguments[0]))->CopyAll(undo), S_OK);
-    // Breaks the rules without harm to the next sink and the caller.
+    // Clears the arguments, which a sink must not do. Other sinks and the caller are unaffected.
     VariantClear(&arguments[0]);
     VariantClear(&arguments[1]);
     return S_OK;
@@ -337,8 +337,8 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
   EXPECT_EQ(name.str(), L"Cut");
   EXPECT_EQ(undo.Text(), "A[0,10)");
   EXPECT_EQ(a_->Held(), 3) << "no snapshot";
-  // A second change is refused while one is open. A rollback empties the document, and only a
-  // commit fires.
+  // InitChange fails while a change is open. RollbackChange empties the document. Only CommitChange
+  // fires the content event.
   EXPECT_EQ(document_->InitChange(1, name), E_FAIL);
   document_.AddLabel("l", 1);
   EXPECT_EQ(document_->RollbackChange(), S_OK);
@@ -349,7 +349,7 @@ TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
   document_.Append(b_, 0, 10);
   Commit();
   EXPECT_EQ(b_->Held(), 1);
-  // Without a snapshot, the change fails to open.
+  // InitChange fails if it cannot create the snapshot.
   ModuleUnderTest::Revoke();
   EXPECT_EQ(document_->InitChange(0, nullptr), REGDB_E_CLASSNOTREG);
   ModuleUnderTest::Load();

@@ -1,4 +1,4 @@
-// The overview of documents, compared with plain loops over the samples and peaks of a pool's
+// Compares the overview of documents with plain loops over the samples and peaks of a pool's
 // reader.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ using Samples = std::vector<float>;
 constexpr __int64 kFramesPerPeak = 256;
 constexpr float kHost = 0.125F;
 
-// The reference: draws a piece into `n` columns from `first` on.
+// The reference implementation. Draws a piece into `n` columns, starting at `first`.
 struct PlainOverview {
   Samples pairs;
   __int64 channels;
@@ -60,13 +60,13 @@ struct PlainOverview {
 
 class EditedAudioWaveplot : public ::testing::Test {
  protected:
-  // The pairs of a range, drawn over the host's values.
+  // Draws a range into an array that holds kHost. Returns the array.
   Samples Plot(__int64 begin, __int64 end, std::size_t columns, std::size_t channels) {
     const Floats block(columns * 2 * channels, kHost);
     EXPECT_EQ(document_->ReadWaveplot(begin, end, block), S_OK);
     return block.ToVector();
   }
-  // Two numbers from the range, in ascending order.
+  // Returns two random numbers of the range, in ascending order.
   std::pair<__int64, __int64> Draw(__int64 low, __int64 high) {
     std::uniform_int_distribution<__int64> numbers(low, high);
     return std::minmax({numbers(random_), numbers(random_)});
@@ -77,8 +77,8 @@ class EditedAudioWaveplot : public ::testing::Test {
   Document document_;
 };
 
-// At every stage of a take, also after the pool has continued writing or, after a change of bit
-// depth within the take, has overwritten peaks.
+// Compares at every stage of a take, including after the pool has continued writing, and after a
+// change of bit depth has made it overwrite peaks.
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);
@@ -101,7 +101,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   std::pair<__int64, __int64> range;
   int drawn = 0;
   for (int round = 0; round < 300; ++round) {
-    // The position in the peak file falls back to a quarter.
+    // With 32 instead of 8 bits, the write position in the peak file falls to a quarter.
     if (round == 200) pool->SetBitDepth(32, 0);
     if (round % 10 == 0) {
       Samples noise(2 * 100 * kFramesPerPeak);
@@ -114,7 +114,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
       }
       ASSERT_EQ(writer->WriteAudio(Floats(noise)), S_OK);
     }
-    // Draws every third overview twice.
+    // Every third round draws the range of the previous round again.
     if (round % 3 != 0) range = Draw(0, plain.Length());
     if (round % 3 == 2) range.second = std::min(range.second, range.first + (1 << round % 13));
     const auto& [begin, end] = range;
@@ -134,7 +134,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
         for (__int64 i = 0; i < 2 * n; ++i) overview.Set(2 * first + i, 0, 0);
       } else if (FAILED(close_up ? audio->ReadAudio(piece.begin, read)
                                  : peaks->ReadPeaks(piece.begin / kFramesPerPeak, read))) {
-        continue;  // not written yet
+        continue;  // the pool does not hold this audio yet
       } else {
         close_up ? overview.DrawSamples(first, n, read.ToVector())
                  : overview.DrawPeaks(first, n, read.ToVector());
@@ -151,14 +151,14 @@ TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothin
   const auto a = RampSource::Make('A', 100, &log_);
   document_.Append(a, 0, 200'000);
   log_.clear();
-  EXPECT_THAT(Plot(0, 2560, 10, 100), Each(kHost));  // it has no peaks
+  EXPECT_THAT(Plot(0, 2560, 10, 100), Each(kHost));  // the source has no peaks
   EXPECT_EQ(Plot(0, 2550, 10, 100)[1], RampSource::Sample('A', 254, 0));
   const Samples pairs = Plot(0, 200'000, 1000, 100);
   for (std::size_t column = 0; column < 1000; ++column) {
     const auto last = static_cast<__int64>(column) * 200 + 199;
     ASSERT_EQ(pairs[200 * column + 199], RampSource::Sample('A', last, 99));
   }
-  // A later block that fails leaves nothing of the earlier ones.
+  // If a later block fails, the method also discards the earlier blocks.
   int left = 1;
   a->on_read = [&](SAFEARRAY*) { a->read_result = left-- > 0 ? S_OK : E_ACCESSDENIED; };
   EXPECT_THAT(Plot(0, 200'000, 1000, 100), Each(kHost));
@@ -178,7 +178,7 @@ TEST_F(EditedAudioWaveplot, DrawsNothingForEmptyRangesOrPastTheArray) {
   const Samples pairs = Plot(0, 1000, 10, 1);
   document_.Append(a, 900, 0);
   document_.Append(a, 0, 1000);
-  // Whole pieces of 1000 frames in a range of 1000: the first fills the array.
+  // The backward segment adds a second piece of 1000 frames, but the first fills the array.
   EXPECT_EQ(Plot(0, 1000, 10, 1), pairs);
   document_->Clear();
   document_.Append(nullptr, 0, 1LL << 62);

@@ -1,5 +1,5 @@
-// The rules of editing on plain lists: the reference for the fuzzer of the kernels and for random
-// edits of documents.
+// Implements the rules of editing with plain lists. The kernels' fuzzer and the test with random
+// edits compare their documents with these lists.
 #pragma once
 
 #include <algorithm>
@@ -67,7 +67,7 @@ struct PlainDocument {
     Insert(begin, tail);
   }
 
-  // "A[0,10) -[5,7) intro@5 verse[5,7)".
+  // Returns, for example, "A[0,10) -[5,7) intro@5 verse[5,7)".
   std::string Text() const {
     std::string text;
     for (const Segment& each : segments) text += std::string(1, each.source) + Text(each);
@@ -85,7 +85,7 @@ struct PlainDocument {
     return {WrappingAdd(section.begin, offset), WrappingAdd(section.end, offset)};
   }
 
-  // The number of segments before an insertion at the position. Splits a segment that contains it.
+  // Splits a segment that contains the position. Returns how many segments precede the position.
   std::size_t Split(std::int64_t position) {
     std::int64_t offset = 0;
     for (std::size_t i = 0; position != 0 && i < segments.size(); ++i) {

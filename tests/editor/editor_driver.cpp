@@ -29,7 +29,7 @@ std::string TextOf(HWND window) {
 
 std::string Status() { return TextOf(GetDlgItem(editor, ID_STATUS)); }
 
-// A state that never comes hangs, and the test runner ends the test.
+// Waits without a limit. The test runner ends a test that hangs.
 template <class Condition>
 void WaitUntil(Condition condition) {
   while (!condition()) Sleep(10);
@@ -89,13 +89,13 @@ std::string Obey(const Words& words) {
   } else if (order == "size") {
     SetWindowPos(editor, nullptr, 0, 0, number(1), number(2), SWP_NOZORDER);
   } else if (order == "mouse") {
-    // Sent as messages: the display sometimes moves a moved pointer back.
+    // Sends messages, because the display sometimes moves the pointer back.
     SendMessageA(editor, static_cast<UINT>(number(1)), 0, MAKELPARAM(number(2), number(3)));
   } else if (order == "dialog") {
     WaitUntil([&] { return FindDialog(Rest(words, 1)); });
     return DialogText();
   } else if (order == "question") {
-    // On top of the dialog.
+    // The question is a window on top of the dialog.
     const HWND below = dialog;
     WaitUntil([&] { return (dialog = GetLastActivePopup(below)) != below; });
     return DialogText();

@@ -1,4 +1,4 @@
-// The arithmetic of the editor's view, ruler and undo stack.
+// Tests the arithmetic of the editor's view, ruler and undo stack.
 #include <gmock/gmock.h>
 
 #include <random>
@@ -81,7 +81,7 @@ TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
   }
   view.MakeVisible(1'000'000);
   EXPECT_TRUE(view.visible().Holds(1'000'000));
-  // Between two points, the nearer frame counts.
+  // Between two points, FrameAt returns the nearer frame.
   EXPECT_EQ(view.FrameAt(view.PixelOf(1'000'001) - 1), 1'000'001);
   view.ZoomAt(0, 1e6);
   EXPECT_EQ(view.zoom().pixels, View::kMaxPixelsPerFrame);

@@ -153,7 +153,7 @@ class EditorTest(unittest.TestCase):
         cut = array.array("h", self.samples[:2 * begin] + self.samples[2 * end:])
         played = [tuple(round(value * 32767) for value in frame) for frame in heard.frames()]
         chosen = list(zip(cut[2 * label:2 * last:2], cut[2 * label + 1:2 * last:2]))
-        # A closing stream drops what the sound server still holds.
+        # When a stream closes, the sound server drops the samples that it still holds.
         self.assertGreater(len(played), len(chosen) - RATE // 10)
         self.assertEqual(played, chosen[:len(played)])
 
@@ -217,7 +217,7 @@ class EditorTest(unittest.TestCase):
         editor.ask("await", f"channels, {10 * RATE}")
         joined, written = self.folder / "~out.wav", self.folder / "out.wav"
         self.assertEqual(run("join", self.source, self.source, other, joined)[0], 0)
-        editor.export(written)  # must not replace the other file, whose name a temporary file might have
+        editor.export(written)  # the export must not overwrite ~out.wav with a temporary file
         self.assertEqual(written.read_bytes(), joined.read_bytes())
         editor.press(CTRL, "Z")
         broken = self.folder / "broken.wav"

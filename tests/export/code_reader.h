@@ -13,8 +13,8 @@
 
 namespace marlinda::testing {
 
-// The code of the sample with this index (frame * channels + channel), spread over the width. Omits
-// the most negative code, which not every width can reach.
+// Returns the code of the sample with this index (frame * channels + channel). The codes are spread
+// over the width, except the lowest code, which some widths cannot reach.
 inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   const auto spread = static_cast<std::uint32_t>((index + 1) * 2654435761U);
   // A float holds 24 bits, so 32-bit codes have the low byte 0.
@@ -23,7 +23,7 @@ inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   return std::max(code, lowest + 1) * (bits == 32 ? 256 : 1);
 }
 
-// The bytes of samples from `first` on, as the file must contain them.
+// Returns the bytes of samples from `first` on, as the file must contain them.
 inline riff::Bytes CodesAsPcm(std::uint64_t first, std::uint64_t count, int bits) {
   riff::Bytes result;
   for (std::uint64_t index = first; index < first + count; ++index) {
@@ -42,8 +42,8 @@ class CodeReader final : public RampSource {
     SHORT channels = 1;
     __int64 frames = 0;
     int bits = 16;
-    // Called before each read with the block. If read_result is a failure, the block stays as this
-    // left it.
+    // Called before each read with the caller's block. If read_result is a failure, the read leaves
+    // the block as this function has filled it.
     std::function<void(__int64 position, std::span<float> samples)> before_read = {};
   };
 
@@ -60,7 +60,7 @@ class CodeReader final : public RampSource {
   }
 
  private:
-  // The float that the engine converts to the code.
+  // Returns the float that the engine converts to the code.
   float At(__int64 frame, int channel) const override {
     const int bits = setup_.bits;
     const float scale = bits == 8 ? 127 : bits == 16 ? 32767 : bits == 24 ? 0x1p23F : 0x1p31F;

@@ -1,7 +1,7 @@
-// The compressed exports with the project's MP3 encoder, and without an encoder.
+// Tests the compressed exports with the project's MP3 encoder, and without an encoder.
 
 #include <gtest/gtest.h>
-// After windows.h.
+// Must follow windows.h.
 #include <dshow.h>
 
 #include <cmath>
@@ -20,7 +20,7 @@ using namespace riff;
 
 constexpr HRESULT kNoEncoder = VFW_E_CANNOT_CONNECT;
 
-// A different tone in each channel.
+// A source with a different tone in each channel.
 class Tones final : public RampSource {
  public:
   Tones(SHORT channels, __int64 count, LONG rate = 44100)
@@ -40,7 +40,7 @@ class DShowExport : public ::testing::Test {
     EXPECT_EQ(task->GetProgress(&progress), S_OK);
     return progress;
   }
-  // On a new filter.
+  // Creates a new filter and initialises it.
   void Initialize(SHORT channels, __int64 frames, LONG rate = 44100) {
     filter = Create<IExportFilter>(CLSID_CDShowExport);
     task = As<ICoreTask>(filter);
@@ -61,7 +61,7 @@ class DShowExport : public ::testing::Test {
     const std::vector<float>& samples = writer->samples;
     const int channels = tones->channels();
     ASSERT_EQ(samples.size(), static_cast<std::size_t>(channels * frames));
-    // The sound starts abruptly, which no encoder preserves.
+    // Skips the start and the end, because no encoder preserves an abrupt start.
     for (std::size_t i = 4000; i + 4000 < samples.size(); ++i) {
       ASSERT_NEAR(samples[i],
                   tones->At(static_cast<__int64>(i) / channels, static_cast<int>(i) % channels),
@@ -95,7 +95,7 @@ TEST_F(DShowExport, RefusesFilesThatItCannotWriteAndLeavesThemUnchanged) {
 }
 
 TEST_F(DShowExport, WritesEverySampleBetweenTheTags) {
-  settings.Write("MP3Bitrate", 300);  // the encoder has 256 and 320
+  settings.Write("MP3Bitrate", 300);  // the encoder offers 256 and 320
   for (const __int64 frames : {1LL, 65536LL, 200'001LL}) {
     Initialize(2, frames);
     EXPECT_EQ(
@@ -104,7 +104,7 @@ TEST_F(DShowExport, WritesEverySampleBetweenTheTags) {
     Run();
     EXPECT_EQ(Progress(), 1.0F);
     ExpectTones(frames);
-    // 27 bytes of frames and 1024 of padding: 8 * 128 + 27. The sound has 256 kbit/s.
+    // 27 bytes of frames and 1024 of padding are 8 * 128 + 27. The sound has 256 kbit/s.
     const Bytes front = Text("ID3") + Bytes{3, 0, 0, 0, 0, 8, 27} + Text("TIT2") +
                         Bytes{0, 0, 0, 2, 0, 0, 0, 'T'} + Text("TYER") +
                         Bytes{0, 0, 0, 5, 0, 0, 0} + Text("2009") + Bytes(1024) +
@@ -126,7 +126,7 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenItCannotWrite) {
   Run();
   ExpectTones(2 * 65536);
   Initialize(2, 1'000'000);
-  // Closes the file from outside the module. The system numbers its handles.
+  // Closes the file from outside the module. Handles are multiples of 4.
   tones->on_read = [&](SAFEARRAY*) {
     for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
       wchar_t name[MAX_PATH] = L"";

@@ -1,4 +1,4 @@
-// The task contract that all four filters share.
+// Tests the task contract that all four filters share.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -60,7 +60,7 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
     EXPECT_TRUE(running == VARIANT_TRUE || running == VARIANT_FALSE);
     return running == VARIANT_TRUE;
   }
-  // -1 if there is none.
+  // Returns -1 if GetProgress fails.
   float Progress() {
     float progress = 7;
     return SUCCEEDED(task->GetProgress(&progress)) ? progress : -1;
@@ -91,7 +91,7 @@ TEST_P(FilterTaskTest, DoesNothingWithoutAFileOrAfterACancel) {
   EXPECT_EQ(Initialize(), S_OK);
   EXPECT_EQ(Progress(), 0.0F);
   EXPECT_EQ(Name(), verb + path);
-  // A Cancel before Start stays in force.
+  // A Cancel before Start also ends the later run.
   EXPECT_EQ(task->Cancel(), S_OK);
   Run();
   EXPECT_LE(blocks, 1);
@@ -103,7 +103,7 @@ TEST_P(FilterTaskTest, RunsOnceWithProgressThatGrowsToOneAndReleasesItsClient) {
   on_block = [&] {
     seen.push_back(Progress());
     EXPECT_TRUE(IsRunning());
-    // Refuses a second start and another file.
+    // The running task refuses a second start and another file.
     EXPECT_EQ(task->Start(), E_FAIL);
     EXPECT_EQ(Initialize(), E_FAIL);
   };

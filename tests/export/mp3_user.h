@@ -10,7 +10,7 @@
 
 namespace marlinda::testing {
 
-// Registered during its lifetime.
+// Registers the encoder while this object exists.
 class RegisteredEncoder {
  public:
   RegisteredEncoder() { Check(Call("DllRegisterServer")); }
@@ -26,7 +26,7 @@ class RegisteredEncoder {
   }
 };
 
-// Absent before and after the test.
+// Deletes the user's encoder settings before and after the test.
 class EncoderSettings {
  public:
   EncoderSettings() {

@@ -1,5 +1,5 @@
-// Spells out the bytes that a RIFF file must have, independent of the code under test: Chunk("fmt
-// ", U16(1) + U16(2) + ...).
+// Builds the bytes that a RIFF file must have, independently of the code under test: Chunk("fmt ",
+// U16(1) + U16(2) + ...).
 #pragma once
 
 #include <bit>
@@ -41,7 +41,7 @@ inline Bytes Hex(std::string_view digits) {
   return result;
 }
 
-// Padded to a multiple of 4 bytes; the padding counts in the size.
+// Pads the chunk to a multiple of 4 bytes. The chunk's size includes the padding.
 inline Bytes Chunk(std::string_view id, Bytes body) {
   while (body.size() % 4 != 0) body.push_back(0);
   return Text(id) + U32(body.size()) + body;
@@ -70,7 +70,7 @@ inline Bytes Region(std::uint32_t id, std::uint64_t length, std::string_view nam
                            TextZ(name));
 }
 
-// A whole file; `rest` follows the samples.
+// Returns a whole file. `rest` follows the samples.
 inline Bytes Wav(const Bytes& format, const Bytes& samples, const Bytes& rest) {
   return Chunk("RIFF", Text("WAVE") + Chunk("fmt ", format) + Chunk("data", samples) + rest);
 }

@@ -1,8 +1,8 @@
-// The settings dialogs as a user sees them: real windows, which another thread operates while the
-// test's thread shows them.
+// Tests the settings dialogs as users see them: real windows, which another thread operates while
+// the test's thread shows them.
 
 #include <gtest/gtest.h>
-// After windows.h.
+// Must follow windows.h.
 #include <dshow.h>
 
 #include <functional>
@@ -16,7 +16,7 @@
 namespace marlinda::testing {
 namespace {
 
-// Steps in an open dialog, which they close.
+// Operates an open dialog and closes it.
 using DialogSteps = std::function<void(HWND dialog)>;
 
 DialogSteps Click(int item, DialogSteps leave = {}) {
@@ -27,14 +27,14 @@ DialogSteps Click(int item, DialogSteps leave = {}) {
 }
 const DialogSteps kOk = Click(IDOK);
 
-// The checked one of the radio buttons; 0 for none.
+// Returns the checked radio button, or 0 if none is checked.
 int Checked(HWND dialog) {
   int item = 201;
   while (item < 208 && IsDlgButtonChecked(dialog, item) != BST_CHECKED) ++item;
   return item < 208 ? item : 0;
 }
 
-// Runs the steps once a dialog with that title opens. A dialog that never opens hangs.
+// Runs the steps once a dialog with that title opens. If it never opens, the test hangs.
 std::jthread UseDialog(const std::wstring& title, const DialogSteps& steps) {
   return std::jthread([=] {
     HWND window = nullptr;
@@ -56,7 +56,7 @@ class SettingsDialogs : public ::testing::Test {
     const auto& filter = kind == L"wav" ? wav : compressed;
     EXPECT_EQ(filter->ShowSettingsDlg(Bstr(kind), HandleToULong(owner)), S_OK);
   }
-  // Format tag and bits per sample of the files that the WAV filter writes.
+  // Returns format tag and bits per sample of the files that the WAV filter writes.
   std::pair<int, int> Written() {
     const TemporaryFolder folder;
     const std::wstring path = folder.File(L"out.wav");
@@ -83,7 +83,7 @@ TEST_F(SettingsDialogs, ApplyTheWidthChosenBeforeOk) {
   } cases[] = {
       {8, 203, Click(206, kOk), {1, 32}},
       {24, 205, Click(207, Click(IDCANCEL)), {1, 24}},
-      // There is no button for 20 bits. Floats have 32 bits whatever was set.
+      // The dialog has no button for 20 bits. Float files have 32 bits at every setting.
       {20, 0, kOk, {1, 20}},
       {16, 204, Click(207, kOk), {3, 32}},
       {16, 207, kOk, {3, 32}},
@@ -99,7 +99,7 @@ TEST_F(SettingsDialogs, ApplyTheWidthChosenBeforeOk) {
 }
 
 TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
-  // Without a stored bit rate: 128.
+  // Without a stored bit rate, the dialog shows 128.
   Show(L"wma", [](HWND dialog) {
     EXPECT_EQ(Checked(dialog), 203);
     Click(201, Click(IDCANCEL))(dialog);
@@ -107,7 +107,7 @@ TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
   EXPECT_EQ(settings.Read("WMABitrate"), 0U);
   Show(L"wma", Click(202, kOk));
   EXPECT_EQ(settings.Read("WMABitrate"), 96U);
-  // The encoder's maximum is 320.
+  // The dialog limits the stored rate to the encoder's maximum of 320.
   settings.Write("MP3Bitrate", 400);
   Show(L"Mp3", [](HWND dialog) {
     const HWND list = GetDlgItem(dialog, 207);
@@ -128,7 +128,7 @@ TEST_F(SettingsDialogs, AreModalToTheOwnerOfCodecErrorsAndOutliveTheFilter) {
     EXPECT_FALSE(IsWindowEnabled(owner));
     kOk(dialog);
   };
-  // Without an encoder no bit rates are offered.
+  // Without an encoder, the dialog offers no bit rates.
   encoder.reset();
   settings.Write("MP3Bitrate", 192);
   Show(L"mp3", modal, owner);
@@ -169,7 +169,7 @@ TEST_F(SettingsDialogs, LeaveNothingBehind) {
   show(10);
   const std::size_t blocks = CountHeapBlocks();
   show(kTimes);
-  // Handles are not counted: under Wine the system's list of encoders keeps some each time.
+  // Does not count handles, because under Wine the list of encoders keeps some each time.
   EXPECT_LT(CountHeapBlocks(), blocks + kTimes / 2);
 }
 

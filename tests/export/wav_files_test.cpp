@@ -1,4 +1,4 @@
-// The WAV files of the export filter and the wave writer.
+// Tests the WAV files of the export filter and the wave writer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -66,7 +66,7 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
       {.channels = 2, .frames = 131073, .before_read = [&](__int64 at, std::span<float> samples) {
          blocks.emplace_back(at, samples.size());
          failing->read_result = at == 65536 ? E_FAIL : S_OK;
-         // The rest is silent, whatever the last block contained.
+         // The failing read fills one sample. The rest of the block must be silent.
          if (at == 65536) samples.front() = 0.5F;
        }});
   failing = reader.Get();
@@ -83,7 +83,7 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
 TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
   Export negative(CodeReader::Create({.channels = 2, .frames = -1}));
   EXPECT_EQ(negative.Run(), Wav(Format(2, 16), {}, Info()));
-  // 2^31 floats: more than a block may have.
+  // A block of 65536 frames would need almost 2^31 floats, which is more than allowed.
   Export wide(CodeReader::Create({.channels = 32767, .frames = 100000}));
   EXPECT_EQ(wide.Run(), Wav(ExtensibleFormat(1, 32767, 44100, 2, 16, 0), {}, Info()));
   EXPECT_EQ(wide.Progress(), 0.0F);
@@ -123,7 +123,7 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
                                    if (position == 2 * 65536) task->Cancel();
                                  }}));
   task = out.task.Get();
-  // The block that was being read at the Cancel is still written.
+  // The filter still writes the block that it reads during the Cancel.
   EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 3 * 65536, 16), Info()));
   EXPECT_FLOAT_EQ(out.Progress(), 0.3F);
 
@@ -138,7 +138,7 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
 TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
   const auto reader = CodeReader::Create({.frames = 10});
   Export out(reader);
-  // Nobody else can open the file, this object's second call included, which closes it.
+  // Initialize fails because the filter itself has the file open. This call closes it.
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), kSharingViolation);
   EXPECT_EQ(out.task->Start(), E_FAIL);
   WriteFileBytes(out.path, Bytes(5000, 0xEE));
@@ -154,13 +154,13 @@ class WaveWriter : public ::testing::Test {
     EXPECT_EQ(writer->SetResolution(bits), S_OK);
     EXPECT_EQ(audio->SetFormat(44100, channels), S_OK);
     EXPECT_EQ(audio->OpenDevice(), S_OK);
-    // The writer goes on with its file.
+    // The second OpenDevice fails, and the writer keeps its open file.
     EXPECT_EQ(audio->OpenDevice(), kSharingViolation);
     EXPECT_EQ(audio->WriteAudio(Floats(samples)), S_OK);
     EXPECT_EQ(audio->CloseDevice(), S_OK);
     return ReadFileBytes(path);
   }
-  // The header is plain for any channel count.
+  // The wave writer uses the plain header for every channel count.
   static Bytes File(SHORT channels, SHORT bits, const Bytes& codes) {
     return Wav(PlainFormat(bits == 32 ? 3 : 1, channels, 44100, bits / 8, bits), codes, {});
   }
@@ -209,7 +209,7 @@ TEST_F(WaveWriter, PassesEachCallOnFirstAndWritesTheBlockThatTheNextWriterLeft) 
               ElementsAre("SetFormat", "OpenDevice", "WriteAudio", "CloseDevice", "QueryIsReady"));
   EXPECT_TRUE(next->samples_per_sec == 44100 && next->channels == 1);
   EXPECT_THAT(next->samples, ElementsAre(0.5F, 0.25F));
-  // Also without a file.
+  // The writer passes calls on even if it cannot open its file.
   EXPECT_EQ(writer->SetTargetFile(Bstr(folder.File(L"none\\out.wav"))), S_OK);
   EXPECT_EQ(audio->OpenDevice(), kPathNotFound);
   EXPECT_EQ(audio->WriteAudio(Floats(4)), S_OK);
@@ -225,7 +225,7 @@ TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
   EXPECT_EQ(second->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(Record(1, 32, {0.5F, 1}), File(1, 32, F32(0.5F) + F32(1)));
   EXPECT_EQ(ReadFileBytes(second_path), ReadFileBytes(path));
-  // No writer holds itself: the end of the program finds remaining objects.
+  // A writer must not keep itself alive. The program's end detects objects that are left.
   EXPECT_EQ(second->SetWriteThrough(As<IAudioWriter>(second).Get()), S_OK);
 }
 

@@ -1,4 +1,4 @@
-// The kernels of the host: times, cut plans, WAV files, pictures.
+// Tests the kernels of the host: times, cut plans, WAV files, pictures.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// The reason of a refusal; empty if there is none.
+// Returns the reason why the call is refused, or an empty text.
 template <class Call>
 std::string RefusalOf(Call call) {
   try {
@@ -41,7 +41,7 @@ TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
   // Rounds half a frame up and less than half down.
   EXPECT_EQ(frames("0.5", 1), 1);
   EXPECT_EQ(frames("0.499999999", 1), 0);
-  // Beyond the 53 bits of a double.
+  // This number needs more than the 53 bits of a double.
   EXPECT_EQ(frames("200000000000.00001", 100000), 20000000000000001);
   EXPECT_THROW(frames("9223372036854775807", 2), std::invalid_argument);
   EXPECT_EQ(frames("1:02:03.5", 1000), 3723500);
@@ -70,7 +70,7 @@ TEST(Timecode, IsSplitFromItsNeighboursAtTheColonThatLeavesValidTimes) {
   }
   EXPECT_EQ(in_tenths(ParseNamedRange("0:05:0:10:Verse: 2").range.end), 100);
   EXPECT_EQ(in_tenths(ParseSpan("0:05:250f").length), 250);
-  // 10 to 20:30, or 10:20 to 30
+  // "10:20:30" may mean 10 to 20:30, or 10:20 to 30.
   for (const char* text : {"10:20:30", "", "2", "1:2:3", "1:x", "1-2"}) {
     EXPECT_THROW(ParseRange(text), std::invalid_argument) << text;
   }
@@ -99,7 +99,7 @@ TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles
     std::istringstream file(bytes);
     return ExamineWaveFile(file);
   };
-  // One channel of 24 bits: two and a third frames.
+  // The bytes hold two and a third frames of one 24-bit channel.
   constexpr std::string_view kBytes(
       "RIFF\x38\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1F\0\0\xC0\x5D\0\0\3\0\x18\0"
       "data\x8\0\0\0........LIST\4\0\0\0INFO",
@@ -125,7 +125,7 @@ struct Pixels {
     const auto at = static_cast<std::size_t>(3 * (y * kWidth + x));
     return {bytes.at(at), bytes.at(at + 1), bytes.at(at + 2)};
   }
-  // The rows of a column of which the wave covers at least half.
+  // Returns the rows of a column of which the wave covers at least half.
   std::vector<int> Wave(int column, int from = 0, int to = 200) const {
     std::vector<int> rows;
     for (int y = from; y < to; ++y) {
@@ -143,7 +143,7 @@ ShapedText Shape(const std::string& text) {
   return shaped;
 }
 
-// A picture of one second. A function of column and channel gives its columns.
+// Draws one second of sound. `pair` returns the extremes for a column and a channel.
 template <class Pair>
 Drawing Draw(Pair pair, Annotations annotations = {}, int channels = 1) {
   std::vector<float> pairs;
@@ -201,7 +201,7 @@ TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesThatDoNotMeet) {
   EXPECT_FALSE(red(0) || red(kWidth - 1));
   EXPECT_TRUE(red(44, 8) && red(104, 8) && red(144, 8));  // right of their lines
   EXPECT_FALSE(red(15, 8));
-  EXPECT_TRUE(red(180, 8 + 15));  // left of its line at the end, and below "backward"
+  EXPECT_TRUE(red(180, 8 + 15));  // the last name is left of its line, below "backward"
 
   // The smallest picture has room only for a lane.
   EXPECT_EQ(DrawWaveform({{}, {}, {}, 8, 0, 1, 0, annotations}, {}, 32, 32, Shape).Pixels().size(),

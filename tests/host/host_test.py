@@ -48,7 +48,7 @@ def frames_of(path):
 
 
 def facts_of(path):
-    """Frames, rate, channels and bits, as sox reads them."""
+    """Returns frames, rate, channels and bits, as sox reads them."""
     return [int(tool("soxi", flag, path)) for flag in ("-s", "-r", "-c", "-b")]
 
 
@@ -67,7 +67,7 @@ class Picture:
         self.rows = [data[at:at + stride] for at in range(0, len(data), stride)]
 
     def wave(self, column, top, bottom):
-        """The rows of a lane that the waveform covers in one column."""
+        """Returns the rows of a lane that the waveform covers in one column."""
         return [y for y in range(top, bottom)
                 if self.rows[y][3 * column] < 142]
 
@@ -85,7 +85,7 @@ class HostTest(ProgramTest):
              wav, "-o", cls.ogg)
         tool("sox", "-D", "-n", "-r", RATE, "-c", 1, "-b", 16, wav, "synth", 1, "sine", 1000)
         tool("oggenc", "-Q", "-s", 1, "-q", 9, wav, "-o", cls.tone)
-        # The other results are compared with this one bit by bit.
+        # The tests compare other results with this file bit by bit.
         assert run("convert", cls.ogg, wav)[0] == 0
         cls.samples = frames_of(wav)
 
@@ -134,7 +134,7 @@ class HostTest(ProgramTest):
             (4, ["plot", self.ogg, self.folder / "folder.png"], "folder.png"),
         ]:
             self.fail_with(status, *arguments, says=says)
-        # Room for the pool's 32-bit samples, but not for 20 s more in the output; or for neither.
+        # The first limit suffices for the pool but not for 20 s more in the output. The second stops the pool.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
         self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
@@ -162,10 +162,10 @@ class HostTest(ProgramTest):
             self.succeed(command, source, self.out, *options)
             self.assertEqual(facts_of(self.out), [RATE // 10, RATE, 2, bits])
             before, after = (array.array("i", tool("sox", file, "-t", "s32", "-")) for file in (source, self.out))
-            # Two codes of the source. A float holds their upper 24 bits.
+            # Allows two codes of the source's width. A float holds at most 24 bits.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
-        # NaN is silence, infinity is full scale.
+        # NaN becomes silence, and infinity becomes full scale.
         source.write_bytes(struct.pack("<4sI8sIHHIIHH4sI2f", b"RIFF", 44, b"WAVEfmt ", 16, 3, 1, RATE, 4 * RATE, 4, 32,
                                        b"data", 8, math.nan, math.inf))
         self.succeed("convert", source, self.out, "--bits", "16")
@@ -189,7 +189,7 @@ class HostTest(ProgramTest):
                          for options in ([], ["--rate", "22050"]))
         self.assertLess(whole, FRAMES)
         self.assertEqual(slower, whole * 22050 // RATE)
-        # The part is shorter than the file announces, so it ends early too.
+        # The damaged file is shorter than it announces, so the cut part also ends early.
         status, _, messages = run("cut", hole, self.out, "--keep", "0.5:")
         self.assertEqual((status, frames_of(self.out)), (0, self.piece(RATE // 2, whole)))
         self.assertIn(f"only {whole} of {FRAMES} frames", messages)
@@ -266,11 +266,11 @@ class HostTest(ProgramTest):
         self.addCleanup(wine, "reg", "delete", FILTER_KEY, "/f")
         wine("reg", "delete", FILTER_KEY, "/f")
         self.assertEqual((listed(), states("--remove")), (None, ["not listed"] * 2))
-        # Repairs a damaged entry under our own name.
+        # The command repairs a damaged entry under the engine's own name.
         self.assertEqual(wine("reg", "add", FILTER_KEY, "/v", "COggImport", "/d", "{broken}", "/f"), 0)
         self.assertEqual((states(), states(), listed()), (["listed"] * 2, ["listed already"] * 2, "COggImport"))
         self.assertEqual((states("--remove"), listed()), (["removed"] * 2, None))
-        # Keeps and finds another program's entry for the same class.
+        # The command finds and keeps another program's entry for the same class.
         wine("reg", "add", FILTER_KEY, "/v", "Vorbis", "/d", OGG_CLASS.lower(), "/f")
         self.assertEqual((sorted(states()), listed()), (["listed", "listed already"], "Vorbis"))
 
@@ -323,7 +323,7 @@ class HostTest(ProgramTest):
     def test_a_picture_of_a_part_is_that_of_the_whole_sound(self):
         wav, chain = self.folder / "all.wav", self.folder / "chain.ogg"
         self.succeed("convert", self.ogg, wav)
-        # Imported as a whole.
+        # The program imports a chained file as a whole.
         chain.write_bytes(self.ogg.read_bytes() + (ROOT / "tests/data/mono.ogg").read_bytes())
         # From 256 frames per column on, a file of known length is drawn without a pool.
         for width, sources in ("400", (self.ogg, chain)), ("100", (wav, self.ogg)):
@@ -345,7 +345,7 @@ class HostTest(ProgramTest):
         self.succeed("cut", long, self.out, "--keep", "2:59:58.5:2:59:59.5", "--keep", "1f:10f", **options)
         self.assertEqual(frames_of(self.out), self.piece(RATE // 2, RATE * 3 // 2) + bytes(36))
         self.succeed("plot", long, self.png, "--from", "2:59:59", **options)
-        # Refused before any import.
+        # The program refuses these commands before any import.
         for command in (["convert", long], ["join", long, long]):
             self.fail_with(4, *command, self.out, "--bits", "32", "--channels", "4", says="4 GiB", **options)
 
@@ -358,7 +358,7 @@ class HostTest(ProgramTest):
         self.assertEqual((json.loads(output)["output"], json.loads(output)["picture"]), (windows(self.out), None))
 
     def test_an_interrupted_conversion_or_export_ends_with_130_and_leaves_a_valid_file(self):
-        # Many minutes of work for the converter, and almost 4 GiB for the export.
+        # The conversion takes many minutes, and the export writes 2 GiB.
         long = self.folder / "long.ogg"
         tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-C", 3, long, "synth", 600, "sine", 997)
         for arguments, most in ((["convert", long, self.out, "--rate", "768000"], 600 * 768000),
@@ -368,7 +368,7 @@ class HostTest(ProgramTest):
             while not (self.out.exists() and self.out.stat().st_size > 0):
                 self.assertIsNone(command.process.poll())
                 time.sleep(0.01)
-            # Further Ctrl+C change nothing.
+            # While the program completes its file, it ignores further Ctrl+C.
             for _ in range(3):
                 command.process.send_signal(signal.SIGINT)
             status, output, messages = command.result()
@@ -393,7 +393,7 @@ class HostTest(ProgramTest):
                 section = re.search(rf"^### `{command}`\n(.*?)(?=^###? )", page, re.M | re.S)[1]
                 block = section.split("JSON:\n")[1]
                 self.assertEqual((list(report)[0], report.pop("schema_version")), ("schema_version", 2))
-                # Indented one level below the brace.
+                # The page indents the keys of the outermost object by one level.
                 self.assertEqual(list(report), re.findall(r'^      "(\w+)":', block, re.M))
                 self.assertLessEqual(keys(report), set(re.findall(r'"(\w+)":', block)))
         commands = re.findall(r"^  ([a-z-]+)  ", self.succeed("--help").split("Subcommands:")[1], re.M)
@@ -404,7 +404,7 @@ class HostTest(ProgramTest):
 
 
 class DoctorTest(ProgramTest):
-    """Breaks one requirement of the program at a time; "marlinda doctor" must find it."""
+    """Breaks one requirement of the program at a time, which "marlinda doctor" must report."""
 
     def setUp(self):
         super().setUp()
@@ -420,8 +420,8 @@ class DoctorTest(ProgramTest):
         self.addCleanup(wine, "regsvr32", "/s", "/u", windows(module))
 
     def doctor(self, status=7, program=PROGRAM, subject=None, cause=None):
-        """Returns the report. Besides the missing sound server it must have one problem, with this subject and cause,
-        or without these none unless the status expects some."""
+        """Returns the report. Besides the missing sound server, the report must hold one problem with this subject and
+        cause. Without a subject, `status` decides whether the report holds other problems."""
         got, output, messages = run("doctor", "--json", program=program, environment=NO_SERVER)
         self.assertEqual(got, status, output + messages)
         report = json.loads(output)
@@ -430,7 +430,7 @@ class DoctorTest(ProgramTest):
         self.assertEqual(len(report["problems"]), len(found) + 2)
         self.assertEqual(not found, status == 7)
         if subject:
-            # Without a module the type library may also be missing.
+            # If the module is missing, the type library may be missing, too.
             self.assertTrue(len(found) == 1 or not report["module"], found)
             self.assertIn(subject, found[0]["subject"])
             self.assertIn(cause, found[0]["cause"])
@@ -445,7 +445,7 @@ class DoctorTest(ProgramTest):
         self.assertEqual([state["available"] for state in report["classes"]], [True] * 14)
         failures = {each["kind"]: each["failure"] for each in report["decoding"]}
         self.assertEqual({failures[kind] for kind in ("AIFF", "AU", "MP3", "OGG", "WAV")}, {None})
-        # Its filter is not registered.
+        # The filter for FLAC is not registered.
         self.assertEqual(failures["FLAC"], "no working decoder")
         text = subprocess.check_output([ROOT / "scripts/sound-session", WINE, PROGRAM, "doctor"],
                                        stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL).decode()
@@ -472,14 +472,14 @@ class DoctorTest(ProgramTest):
         self.register(MODULE)
         wine("reg", "delete", CLASSES + r"\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", "/f")
         self.assertIsNone(self.doctor(6, self.alone, "type library", "not registered")["type_library"])
-        # The manager stops reading at the last one.
+        # The filter manager stops reading the list at the last value.
         for value, subject, cause in (
                 ("{11111111-2222-3333-4444-555555555555}", '"Ghost" in HKEY_LOCAL_MACHINE', "not registered"),
                 ("COggImport", '"Ghost"', "not a class identifier"), ("x" * 120, "Import Filters", "too long")):
             wine("reg", "add", FILTER_KEY, "/v", "Ghost", "/d", value, "/f")
             self.doctor(6, PROGRAM, subject, cause)
         wine("reg", "delete", FILTER_KEY, "/v", "Ghost", "/f")
-        # Even root cannot write in the last one.
+        # Even root cannot create a file in the last folder.
         for folder, cause in ((self.folder, None), (self.folder / "nowhere", "does not exist"),
                               (self.alone, "not a folder"), (pathlib.Path("/proc/self"), "no file can be made there")):
             wine("reg", "add", DIRECTORIES, "/v", "Temporary", "/d", windows(folder), "/f")

@@ -14,8 +14,8 @@ import unittest
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
 ENVIRONMENT = dict(os.environ, LC_ALL="C.UTF-8")
-# Messages of the libraries below Wine's decoders on a machine without a sound card and about unknown files. Also
-# Wine's message if one thread talks to the server while another ends the process.
+# Matches messages that are not the program's. Libraries below Wine's decoders report a missing sound card and unknown
+# files. Wine reports a thread that talks to its server while another thread ends the process.
 NOISE = re.compile(r"^\s*(ALSA lib |\(wine:\d+\): GStreamer|wine client error:).*\n(\r?\n)*", re.MULTILINE)
 
 
@@ -24,8 +24,8 @@ def windows(path):
 
 
 class Run:
-    """One run of the program. Its output goes to files: it may start helper processes of Wine, which outlive it and
-    would keep pipes open."""
+    """One run of the program. Its output goes to files, because helper processes of Wine outlive the program and would
+    keep pipes open."""
 
     def __init__(self, *arguments, program=PROGRAM, most_bytes=None, environment=None):
         """Limits the size of each file of the program to `most_bytes`, to simulate a full disk."""
@@ -40,7 +40,7 @@ class Run:
                                         preexec_fn=limit if most_bytes else None)
 
     def result(self):
-        """(exit status, standard output, standard error)"""
+        """Waits for the end. Returns exit status, standard output and standard error."""
         try:
             status = self.process.wait()
         finally:
@@ -63,7 +63,7 @@ def tool(*words):
 
 
 def keep_wine_alive(test_class):
-    """Keeps a program running, so that Wine's helper processes stay; discards their messages."""
+    """Keeps a program running, so that Wine's helper processes stay. Discards the messages of these processes."""
     keeper = subprocess.Popen([WINE, "cmd", "/k", "echo ready"], stdin=subprocess.PIPE,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     test_class.addClassCleanup(keeper.communicate)

@@ -27,7 +27,7 @@ LONG = ("--seconds", "600")
 
 @contextlib.contextmanager
 def sound():
-    """The environment and the speaker of a sound server whose microphone gets a tone."""
+    """Starts a sound server whose microphone gets a tone. Yields its environment and its speaker."""
     with contextlib.ExitStack() as ends:
         server = ends.enter_context(contextlib.ExitStack())
         environment = server.enter_context(sound_server(pipes=True))
@@ -39,7 +39,7 @@ def sound():
 
 
 class Heard:
-    """The frames that a speaker has received from now on, without silence."""
+    """The frames, without silence, that a speaker receives from now on."""
 
     def __init__(self, speaker):
         self.speaker = speaker
@@ -67,7 +67,7 @@ def temporary_files():
 
 
 def record(*arguments, **options):
-    """A recording whose pool holds half a second."""
+    """Starts a recording and waits until its pool holds half a second."""
     known = temporary_files()
     command = Run("record", *arguments, **options)
     wait_until(lambda: any(size >= RATE // 2 * FRAME_BYTES and file not in known
@@ -105,7 +105,7 @@ class SoundTest(ProgramTest):
         with Heard(self.speaker) as heard:
             status, text, messages = run("play", self.ogg, "--from", "0.5", "--to", "1", "--channels", "1",
                                          "--device", "0", "--progress")
-        # It did not wait for the import.
+        # The program reports no import progress, because it plays before the import ends.
         self.assertEqual((status, re.sub(r"progress \d+ Playing\n", "", messages)), (0, ""))
         self.assertTrue(messages.endswith("progress 100 Playing\n"), messages)
         self.assertRegex(text, r"^played .*two\.ogg: 0:00:00\.500 to 0:00:01\.000\n$")
@@ -137,7 +137,7 @@ class SoundTest(ProgramTest):
             (2, [*scrub, "2.1"], "88200 frames"),
             (2, [*take, "0"], "less than one frame"),
             (4, [*take, "999999"], "4 GiB"),
-            # Before the take.
+            # The program reports this before it records.
             (4, ["record", folder, "--seconds", "9999"], "this is a folder"),
             *((7, [*words, "--device", "99"], "marlinda devices") for words in (play, [*scrub, "1"], [*take, "1"])),
         ]:
@@ -155,12 +155,12 @@ class SoundTest(ProgramTest):
         self.assertEqual((report["frames"], report["bytes"]), (frames, self.out.stat().st_size))
         with wave.open(str(self.out)) as file:
             self.assertEqual(file.getparams()[:4], (1, 3, rate, frames))
-        # Contains only the tone. A busy machine may drop pieces but adds nothing.
+        # The recording contains only the tone. A busy machine may lose pieces but adds nothing.
         samples = array.array("h", tool("sox", self.out, "-b", 16, "-t", "s16", "-"))
         for begin in range(0, frames - 1000, 1000):
             self.assertAlmostEqual(max(samples[begin:begin + 1000]), 16384, delta=4000)
 
-    def test_a_take_whose_folder_is_gone_is_saved_elsewhere(self):
+    def test_a_take_whose_file_cannot_be_written_is_saved_elsewhere(self):
         command = record(self.out, "--seconds", "3")
         self.out.mkdir()
         messages = self.ends(command, 4, "the take was saved as C:")
@@ -170,14 +170,14 @@ class SoundTest(ProgramTest):
         saved.unlink()
 
     def test_a_recording_that_a_full_disk_or_an_interrupt_ends_keeps_its_take(self):
-        # The pool takes 8 bytes a frame, the file 4.
+        # The pool takes 8 bytes a frame, and the file takes 4.
         self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
         frames, samples = self.take()
-        # Including the block that found no room.
+        # The frames include the block that did not fit into the pool.
         self.assertAlmostEqual(frames, RATE * 1.02, delta=RATE * 0.02)
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
         command = record(self.out, *LONG)
-        # Further Ctrl+C change nothing.
+        # While the program completes its take, it ignores further Ctrl+C.
         command.process.send_signal(signal.SIGINT)
         self.interrupt(command, "the file is valid and holds the first")
         frames, samples = self.take()

@@ -1,4 +1,4 @@
-// The filter manager with a registry list, the test's own filters and the real ones.
+// Tests the filter manager with a registry list, the test's own filters and the real filters.
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -20,12 +20,12 @@ std::wstring TextOf(REFCLSID clsid) {
   return text;
 }
 
-// The answers of a test filter.
+// The results that a test filter returns.
 struct Answers {
   HRESULT can_load = S_OK;
   SHORT merit = 100;
   HRESULT merit_result = S_OK;
-  const wchar_t* fragment = nullptr;  // null fails
+  const wchar_t* fragment = nullptr;  // if null, the call fails
   const wchar_t* patterns = L"";
 };
 
@@ -71,7 +71,7 @@ class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
   DWORD registration_ = 0;
 };
 
-// With its own list instead of the machine's, which other programs read at the same time.
+// Uses its own list, because other programs read the machine's list at the same time.
 class FileFilterMgr : public ::testing::Test {
  protected:
   FileFilterMgr() {
@@ -83,7 +83,7 @@ class FileFilterMgr : public ::testing::Test {
     RegDeleteTreeW(HKEY_CURRENT_USER, kScratch);
   }
 
-  // Listed in the order of the calls. The names have two digits, for systems that sort them.
+  // Appends a filter. The names have two digits, because some systems sort the list by name.
   void List(const std::wstring& text, DWORD type = REG_SZ) {
     const std::wstring name = L"filter " + std::to_wstring(++count_);
     EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kListKey, name.c_str(), type, text.c_str(),
@@ -108,9 +108,9 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
   };
   const Row rows[] = {
       {{{.merit = 100}, {.merit = 300}, {.merit = 300}, {.merit = 200}}, 1},
-      // Only S_OK accepts.
+      // Only S_OK means that the filter accepts the file.
       {{{.can_load = S_FALSE, .merit = 999}, {.can_load = E_FAIL, .merit = 999}, {.merit = 1}}, 2},
-      // A merit below 0 or a failing merit is never chosen.
+      // A filter is never chosen if its merit is negative or cannot be read.
       {{{.merit = -1}, {.merit_result = E_FAIL}, {.merit = 0}}, 2},
   };
   for (const Row& row : rows) {
@@ -122,7 +122,7 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
     }
     const auto chosen = FilterFor(L"a file");
     EXPECT_EQ(chosen.Get(), filters[row.chosen].get());
-    // Every filter is asked for its merit.
+    // The manager asks every filter for its merit.
     for (const auto& each : filters) EXPECT_EQ(each->calls, "CQM");
   }
 }

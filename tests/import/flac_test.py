@@ -19,7 +19,7 @@ class FlacFiles(unittest.TestCase):
         keep_wine_alive(cls)
         cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
         cls.file, cls.out = cls.folder / "in.flac", cls.folder / "out.wav"
-        # The manager asks only registered filters.
+        # The filter manager asks only registered filters.
         tool(WINE, "regsvr32", "/s", MODULE)
         cls.addClassCleanup(tool, WINE, "regsvr32", "/s", "/u", MODULE)
 
@@ -54,7 +54,7 @@ class FlacFiles(unittest.TestCase):
         read = self.convert()
         self.assertEqual((len(read), read[:quarter], read[-quarter:]), (len(whole), whole[:quarter], whole[-quarter:]))
         self.assertIn(bytes(4096), read)
-        # A file without sound is refused.
+        # The filter refuses a file without sound.
         self.file.write_bytes(data[:42])
         self.assertEqual(run("convert", self.file, self.out)[0], 3)
 

@@ -1,7 +1,7 @@
-// The import filters through COM: Ogg files, files that CDShowImport reads itself, MPEG audio, and
-// files that go through a filter graph, with test filters that hang.
+// Tests the import filters through COM with Ogg files, files that CDShowImport reads itself, MPEG
+// audio, and files that go through a filter graph, also with filters that hang.
 #include <gmock/gmock.h>
-// After windows.h.
+// Must follow windows.h.
 #include <dshow.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ class ImportFilter : public ::testing::Test {
 
   HRESULT QueryCanLoad(const Path& path) { return filter_->QueryCanLoad(Bstr(path.wstring())); }
   HRESULT SetFilename(const Path& path) { return tags_->SetFilename(Bstr(path.wstring())); }
-  // With a new writer.
+  // Initialises the filter with a new writer.
   HRESULT Initialize(const Path& path) {
     writer_ = MakeObject<RecordingWriter>();
     return filter_->Initialize(Bstr(path.wstring()), writer_.Get());
@@ -47,7 +47,7 @@ class ImportFilter : public ::testing::Test {
     ASSERT_EQ(Initialize(path), S_OK);
     Run();
   }
-  // The writer fails and resizes every array that it gets.
+  // Makes the writer fail and try to resize every array that it gets.
   void HarmArrays() {
     writer_->result = E_FAIL;
     writer_->on_write = [this](SAFEARRAY* array) {
@@ -55,7 +55,7 @@ class ImportFilter : public ::testing::Test {
       EXPECT_EQ(SafeArrayRedim(array, &bound), DISP_E_ARRAYISLOCKED);
     };
   }
-  // Imports parts of a stereo file, which must equal the same parts of the whole.
+  // Imports parts of a stereo file. Each must equal the same part of the whole import.
   void ExpectEveryPart(const Path& path) {
     SCOPED_TRACE(path);
     Import(path);
@@ -89,7 +89,7 @@ class ImportFilter : public ::testing::Test {
               S_OK);
     return {title.str(), artist.str(), album.str(), year.str(), genre.str()};
   }
-  // Rate, channels, bits, bytes per second.
+  // Returns rate, channels, bits and bytes per second.
   std::vector<LONG> Format() {
     LONG rate = -1, bytes_per_sec = -1;
     SHORT channels = -1, bits = -1;
@@ -104,7 +104,7 @@ class ImportFilter : public ::testing::Test {
     EXPECT_EQ(filter_->GetSourceSampleCount(&count), S_OK);
     return count;
   }
-  // -1 if there is none.
+  // Returns -1 if GetProgress fails.
   float Progress() {
     float progress = -1;
     return SUCCEEDED(task_->GetProgress(&progress)) ? progress : -1;
@@ -123,7 +123,7 @@ class OggImport : public ImportFilter {
 };
 
 TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn) {
-  // Progress shows that a part is omitted.
+  // The filter omits the mono part of the chain, so progress ends below 1.
   const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("mono.ogg"));
   for (const auto& [path, announced, progress] :
        {std::tuple{DataFile("six_channels.ogg"), 24000, 1.0F},
@@ -145,7 +145,7 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
   EXPECT_EQ(As<IImportSection>(filter_)->SetSection(0, 1), E_FAIL);
   ExpectEveryPart(DataFile("stereo.ogg"));
-  // The file has more samples than its last position announces. The last block is not cut.
+  // The file has more samples than its last position announces. The last block stays whole.
   Import(TemporaryOgg(WithLastPosition("stereo.ogg", 1000)).path());
   EXPECT_EQ(Total(), 1000);
   EXPECT_EQ(Progress(), 1.0F);
@@ -180,21 +180,21 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_THAT(Format(), ElementsAre(48000, 6, 16, 120000 / 8));
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
   EXPECT_THAT(MetaData(), ElementsAre(L"A title", L"Someone", L"Ein Album", L"2009", L"Ambient"));
-  // Does not change the import that was set up.
+  // SetFilename does not change the import that was set up.
   EXPECT_EQ(SetFilename(DataFile("other.ogg")), S_OK);
   EXPECT_EQ(SetFilename(L"no such file"), E_FAIL);
   EXPECT_THAT(MetaData(), ElementsAre(L"\u00DCberraschung", L"Ren\u00E9e", L"", L"1998", L""));
   EXPECT_EQ(Total(), 44100);
-  // A writer that fails gets everything.
+  // A writer that fails still gets all blocks.
   HarmArrays();
   Run();
   EXPECT_EQ(writer_->block_sizes, DecodeWithLibrary(DataFile("stereo.ogg")).block_sizes);
 }
 
-// The length of film.avi, in which each sample is its own number, and of the other files.
+// Frames of film.avi and of the other files. In film.avi, each sample holds its frame number.
 constexpr std::size_t kFrames = 24000;
 
-// Stereo in which every frame differs from its neighbours.
+// Returns a stereo file in which every frame differs from its neighbours.
 Bytes WavFile(std::size_t frames = kFrames) {
   Bytes samples;
   for (std::size_t i = 0; i < 4 * frames; ++i) {
@@ -203,7 +203,7 @@ Bytes WavFile(std::size_t frames = kFrames) {
   return riff::Wav(riff::PlainFormat(1, 2, 44100, 2, 16), samples, riff::Info("Plain"));
 }
 
-// Silent frames of MPEG audio, 1152 samples each, after a tag.
+// Returns a tag and silent frames of MPEG audio with 1152 samples each.
 Bytes MpegFile(int count) {
   using namespace riff;
   Bytes file = Text("ID3") + Bytes{3, 0, 0, 0, 0, 0, 15} + Text("TIT2") + Bytes{0, 0, 0, 5} +
@@ -280,7 +280,7 @@ TEST_F(DShowImport, RefusesFilesWithoutSoundAndStaysUnchanged) {
 }
 
 TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsReleased) {
-  // Held by two pointers only.
+  // Only these two pointers hold the filter.
   filter_ = Create<IImportFilter>(CLSID_CDShowImport);
   task_ = As<ICoreTask>(filter_);
   EXPECT_EQ(Initialize(DataFile("film.avi")), S_OK);
@@ -297,8 +297,8 @@ TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsReleased) {
   EXPECT_TRUE(writer_->closed);
 }
 
-// During its lifetime the graphs of this process get this source instead of the system's. It hangs
-// when it opens a file named "build", and delivers nothing. The destructor releases the thread.
+// Replaces the system's source filter in the graphs of this process. This source delivers nothing,
+// and it hangs while it opens a file named "build". The destructor ends the hang.
 class HangingFilters final : public TestObject<IClassFactory> {
  public:
   HangingFilters() {
@@ -351,7 +351,7 @@ class HangingFilters final : public TestObject<IClassFactory> {
   const KernelHandle end_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::atomic<int> hanging_ = 0;
   std::atomic<bool> known_ = false;
-  // Graphs are built in the multithreaded apartment.
+  // DirectShow graphs are built in the multithreaded apartment.
   const std::jthread apartment_{[this] {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     DWORD cookie = 0;

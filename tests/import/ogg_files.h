@@ -1,5 +1,5 @@
-// Ogg files for the tests, those of the tree and others made from them, and an independent decoder:
-// a plain loop over the same build of the codec library.
+// Test files and a reference decoder. The Ogg files come from the source tree or are made from
+// those. The decoder is a plain loop over the same build of the codec library.
 #pragma once
 
 #include <vorbis/vorbisfile.h>
@@ -23,13 +23,13 @@ using riff::Bytes;
 
 // Twelve seconds of stereo, for tests that need a longer file.
 inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
-// Files of one short block: with one codeword; with 2^22 codewords; with a hundred codebooks of
-// 2^10 codewords and 8191 values each.
+// Files of one short block. The smallest has one codeword. The others have 2^22 codewords, or a
+// hundred codebooks with 2^10 codewords and 8191 values each.
 inline constexpr char kSmallest[] = "tests/import/hostile/smallest.ogg";
 inline constexpr char kManyCodebooks[] = "tests/import/hostile/codebooks.ogg";
 inline constexpr char kManyCodewords[] = "tests/import/hostile/codewords.ogg";
 
-// A file of tests/data, or one given with its folder.
+// Returns the path of a file. A name without a folder is a file of tests/data.
 inline std::filesystem::path DataFile(const std::string& name) {
   const std::filesystem::path root(TESSALY_SOURCE_DIR);
   return root / (name.find('/') == std::string::npos ? "tests/data/" + name : name);
@@ -44,11 +44,11 @@ inline Bytes ReadData(const std::string& name) {
 struct Decoded {
   bool opened = false;
   std::int64_t total_frames = 0;
-  // The rate of the first format.
+  // The sample rate of the file's first format.
   long samples_per_sec = 0;
   int channels = 0;
   std::vector<std::int16_t> samples;
-  std::vector<std::size_t> block_sizes;  // in samples, of up to 32768 bytes
+  std::vector<std::size_t> block_sizes;  // in samples; a block has at most 32768 bytes
 };
 
 // Decodes a file up to an error or a change of format.
@@ -99,7 +99,7 @@ class TemporaryOgg {
   std::filesystem::path path_;
 };
 
-// The offsets of the pages, and the end of the last.
+// Returns the offset of each page and the end of the last page.
 inline std::vector<std::size_t> PagesOf(const Bytes& file) {
   std::vector<std::size_t> begins = {0};
   while (begins.back() + 27 < file.size()) {
@@ -122,7 +122,7 @@ inline void MakeChecksumsRight(Bytes& file) {
   }
 }
 
-// The start and end of the page in the middle of a file.
+// Returns the start and end of the page in the middle of a file.
 inline std::pair<std::ptrdiff_t, std::ptrdiff_t> MiddlePage(const Bytes& file) {
   const auto begins = PagesOf(file);
   const std::size_t middle = begins.size() / 2;
@@ -135,7 +135,7 @@ inline Bytes WithoutMiddlePage(Bytes file) {
   return file;
 }
 
-// Changes a byte and corrects all checksums.
+// Flips bits of one byte and corrects all checksums.
 inline Bytes WithBitsFlipped(Bytes file, std::ptrdiff_t offset, int bits) {
   file[static_cast<std::size_t>(offset)] ^= static_cast<unsigned char>(bits);
   MakeChecksumsRight(file);
@@ -151,7 +151,7 @@ inline Bytes WithLastPosition(const std::string& name, std::int64_t frames) {
   return file;
 }
 
-// A chain of `count` links with `file` as content, each with its own number.
+// Returns a chain of `count` copies of `file`, each with its own serial number.
 inline Bytes ManyLinks(Bytes file, std::uint32_t count) {
   Bytes chain;
   const auto begins = PagesOf(file);

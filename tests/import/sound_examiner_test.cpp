@@ -1,5 +1,5 @@
-// Sound files as other programs write them, and malformed ones. sound_files_test.py reads the usual
-// ones.
+// Tests sound files as other programs write them, and malformed files. sound_files_test.py tests
+// the usual files.
 #include "import/sound_examiner.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ SoundFileInfo Examine(const Bytes& file) {
   return ExamineSound(source);
 }
 
-// A RIFF chunk: padded to 2 bytes, the padding not counted.
+// Returns a RIFF chunk, padded to 2 bytes. The chunk's size excludes the padding.
 Bytes EvenChunk(std::string_view id, const Bytes& body) {
   return Text(id) + U32(body.size()) + body + Bytes(body.size() % 2, 0);
 }
@@ -42,7 +42,7 @@ Bytes Big(std::uint64_t value, int bytes) {
   std::ranges::reverse(result);
   return result;
 }
-// An AIFC file of that type, or plain AIFF. The sound comes first, after a chunk of odd size.
+// Returns an AIFC file, or AIFF if `type` is empty. The samples come before the format.
 Bytes Aiff(std::string_view type, int channels, int frames, int bits, const Bytes& samples) {
   const auto chunk = [](std::string_view id, const Bytes& body) {
     return Text(id) + Big(body.size(), 4) + body + Bytes(body.size() % 2, 0);
@@ -57,7 +57,7 @@ Bytes Au(int encoding, std::uint64_t size, const Bytes& samples, int channels = 
   return Text(".snd") + Big(28, 4) + Big(size, 4) + Big(encoding, 4) + Big(8000, 4) +
          Big(channels, 4) + U32(0) + samples;
 }
-// A Windows Media file with a stream of audio or of another kind, and other objects.
+// Returns a Windows Media file with an audio stream or another stream, and then `rest`.
 Bytes Asf(const Bytes& format, bool is_audio = true, const Bytes& rest = {}) {
   const Bytes objects = Hex("9107DCB7B7A9CF118EE600C00C205365") + U32(78 + format.size()) + U32(0) +
                         (is_audio ? Hex("409E69F84D5BCF11A8FD00805F5C442B") : Bytes(16, 0)) +
@@ -66,7 +66,7 @@ Bytes Asf(const Bytes& format, bool is_audio = true, const Bytes& rest = {}) {
          U16(0) + objects;
 }
 
-// Frames of silence at 44,100 Hz and 128 kbit/s: 1152 samples of each channel.
+// Returns silent frames of 44,100 Hz and 128 kbit/s with 1152 samples per channel.
 Bytes MpegFrames(int count, bool stereo = false) {
   Bytes frames;
   for (; count > 0; --count) {
@@ -74,8 +74,8 @@ Bytes MpegFrames(int count, bool stereo = false) {
   }
   return frames;
 }
-// Five frames after one that states their number and the encoder's padding before and after the
-// sound.
+// Returns five frames after an info frame. The info frame states the number of frames and the
+// encoder's padding before and after the sound.
 Bytes MpegWithInfo(int before, int behind) {
   Bytes frame = MpegFrames(1);
   const Bytes info = Text("Info") + Big(1, 4) + Big(5, 4) + Text("LAME3.100") + Bytes(12) +
@@ -84,7 +84,7 @@ Bytes MpegWithInfo(int before, int behind) {
   return frame + MpegFrames(5);
 }
 
-// Samples of all channels. As many are decoded as are announced.
+// Expects as many decoded samples as announced. Returns their number for all channels.
 std::size_t MpegSamples(const Bytes& file) {
   MemorySource source(file);
   const auto stream = MpegStream::Open(source, ExamineSound(source).mpeg.value());
@@ -95,7 +95,7 @@ std::size_t MpegSamples(const Bytes& file) {
   return announced;
 }
 
-// The samples as 16-bit codes.
+// Returns the samples as 16-bit codes.
 std::vector<int> CodesOf(const Bytes& file) {
   MemorySource source(file);
   const PcmData pcm = ExamineSound(source).pcm.value();
@@ -203,7 +203,7 @@ TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
     EXPECT_TRUE(frames(size, size, 41) == 10 && frames(0, size, 41) == 10) << size;
   }
   EXPECT_EQ(frames(20, 40, 40), 10) << "the RIFF size is too small";
-  // An interrupted writer has not filled in the sizes; the writer of an empty file has.
+  // An interrupted program leaves these sizes. The file after the loop is really empty.
   for (const std::uint32_t size : {0U, 36U}) EXPECT_EQ(frames(size, 0, 41), 10) << size;
   const Bytes empty = EvenChunk("data", {}) + EvenList("INFO", Bytes(40, 0));
   EXPECT_EQ(Examine(RiffFile(kStereo16, empty)).pcm.value().frames, 0);
@@ -231,10 +231,10 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       {Au(7, 0xFFFFFFFF, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 1}), {32767}},
       {WaveOf(ExtensibleFormat(7, 1, 8000, 1, 8, 0), {0x80}), {32124}},
       {WaveOf(ms_format, ms), {50, -3, 14, -3}},
-      // The last of several blocks is truncated. There is no seventh predictor.
+      // The last of several blocks is truncated. In the next file, predictor 7 does not exist.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
-      // The files state how much of the last block is sound.
+      // These files state how much of the last block is sound.
       {announced(1), {100}},
       {announced(0), {100, 111, 81, 85, 88, 91, 94, 92, 94}},
   };
@@ -253,7 +253,7 @@ TEST(SoundExaminer, DecodesAsManyMpegSamplesAsItAnnounces) {
       {WaveOf(PlainFormat(0x55, 1, 8000, 1, 0), MpegFrames(2)), 2 * 1152},
   };
   for (const auto& [file, samples] : files) EXPECT_EQ(MpegSamples(file), samples);
-  // Too few frames, and a tag that is longer than the file.
+  // These files have too few frames, or a tag that is longer than the file.
   for (const Bytes& file :
        {MpegFrames(1), Bytes(2000, 0) + MpegFrames(3) + Bytes(70000, 7) + MpegFrames(3),
         Text("ID3") + Bytes{4, 0, 0, 1, 0, 0, 0} + MpegFrames(4)}) {
@@ -269,14 +269,14 @@ Bytes SyncSafe(std::uint64_t size) {
 TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
   const Bytes old_tag = Text("TAG") + Text("Old title") + Bytes(21, ' ') + Text("Old artist") +
                         Bytes(50, 0) + Text("1977") + Bytes(30, 0) + Bytes{17};
-  // Chapters nested deeper than a stack allows.
+  // These chapters are nested deeper than a stack allows.
   Bytes chapters;
   for (std::uint64_t depth = 30000; depth > 0; --depth) {
     chapters = std::move(chapters) + Text("CHAP") + SyncSafe(28 * depth - 10) + U16(0) +
                TextZ("c") + Bytes(16, 0);
   }
   const std::tuple<int, int, Bytes, Tags> cases[] = {
-      // An extended header, and a byte before the text that names its group.
+      // The tag has an extended header, and a byte with its group precedes the text.
       {3,
        0x40,
        Big(6, 4) + Bytes(6, 0) + Text("TPE1") + Big(6, 4) + Bytes(3, 0) + Text("Title"),

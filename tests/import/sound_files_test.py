@@ -14,7 +14,7 @@ from program import run, tool  # noqa: E402
 RATE = 44100
 FRAMES = 11025
 
-# Name: sox arguments, ffmpeg's name of the sample format.
+# For each name: the sox arguments, and ffmpeg's name of the sample format.
 PLAIN = {
     "u8.wav": ("-b 8 -e unsigned-integer", "u8"), "s16.wav": ("-b 16 -e signed-integer", "s16le"),
     "s24.wav": ("-b 24 -e signed-integer", "s24le"), "s32.wav": ("-b 32 -e signed-integer", "s32le"),
@@ -29,8 +29,8 @@ PLAIN = {
     "alaw.wav": ("-e a-law", "s16le"), "ima.wav": ("-e ima-adpcm", "s16le"),
 }
 VIDEO = "-f lavfi -i testsrc=duration=0.25:size=64x48"
-# Name: ffmpeg arguments; tolerance in frames; tolerance of a sample in 16-bit steps, or none if only the sound is
-# compared.
+# For each name: the ffmpeg arguments, the tolerance in frames, and the tolerance of a sample in 16-bit steps. Without a
+# tolerance of samples, the test only expects that there is sound.
 CODED = {
     "tone.mp3": ("-b:a 192k", 0, 1.1), "variable.mp3": ("-q:a 4", 0, 1.1), "tone.mp2": ("-c:a mp2", 1152, 1.1),
     "tone.ogg": ("", 0, 1.1), "adpcm.wav": ("-c:a adpcm_ms", 200, 0), "ulaw.aifc": ("-c:a pcm_mulaw", 0, 0),
@@ -47,7 +47,7 @@ def ffmpeg(*words):
 
 
 def engine_floats(codes, kind):
-    """The floats that the engine makes of the codes."""
+    """Returns the floats to which the engine converts the codes."""
     if kind == "u8":
         values = (code / 127.0 - 1.0 for code in codes)
     elif kind == "s24le":
@@ -78,7 +78,7 @@ class SoundFiles(unittest.TestCase):
         cls.reports = {words[0]: words[1:] for words in map(str.split, output.splitlines())}
 
     def imported(self, name):
-        """Channels, frames and samples."""
+        """Returns channels, frames and samples."""
         self.assertEqual(self.reports[name][0], "0", name)
         rate, channels, frames = map(int, self.reports[name][1:])
         samples = array.array("f", (self.folder / (name + ".raw")).read_bytes())
@@ -89,7 +89,7 @@ class SoundFiles(unittest.TestCase):
         for name, (options, kind) in PLAIN.items():
             with self.subTest(name=name):
                 _, frames, got = self.imported(name)
-                # ffmpeg rounds some samples of IMA ADPCM differently. Both count the padding.
+                # sox, because ffmpeg rounds some IMA ADPCM samples differently. Both programs count the padding.
                 codes = (tool("sox", self.folder / name, "-t", "raw", "-")[:4 * FRAMES]
                          if "adpcm" in options else
                          ffmpeg("-i", self.folder / name, "-f", kind, "-"))

@@ -1,6 +1,5 @@
-// The decoder compared with a plain loop over the same library, with hostile and huge files, and
-// with failing allocations. The linker redirects the realloc of import/codec_memory to this
-// program.
+// Compares the decoder with a plain loop over the same library. Also tests hostile and huge files,
+// and failing allocations. The linker redirects the realloc of import/codec_memory to this program.
 #include "import/vorbis_stream.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +18,7 @@ extern "C" {
 void* __real_realloc(void* block, std::size_t size);
 
 static std::atomic<long> requests = 0;
-static std::atomic<long> refused = 0;  // the number of one request; 0 for none
+static std::atomic<long> refused = 0;  // the number of the request that fails; 0 for none
 
 void* __wrap_realloc(void* block, std::size_t size) {
   return ++requests == refused ? nullptr : __real_realloc(block, size);
@@ -34,7 +33,7 @@ std::unique_ptr<VorbisStream> OpenStream(const std::filesystem::path& path, unsi
 }
 
 // Reads to the end with a buffer of exactly `room` samples, so that a sanitizer detects writes past
-// it. Reads after the end must return nothing.
+// the buffer. Reads after the end must return nothing.
 Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
   Decoded result;
   std::vector<std::int16_t> buffer(room);
@@ -46,7 +45,7 @@ Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
   return result;
 }
 
-// Expects that the file is refused or decoded exactly as by the library. Returns the number of
+// Expects the result of the library: the same samples, or a refused file. Returns the number of
 // readable frames.
 std::int64_t ExpectLikeTheLibrary(const std::filesystem::path& path, unsigned threads = 3,
                                   bool prepared = false) {
@@ -126,7 +125,7 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
     std::vector<Bytes> files = {
         music, cut, WithoutMiddlePage(music), cut + ManyLinks(music, 3),
         Bytes(music.begin(), music.begin() + end) + Bytes(music.begin() + begin, music.end())};
-    // Flags, positions, the stream's number and the page's number.
+    // Changes the flags, the position, the serial number and the page number.
     for (const auto& [field, bits] :
          {std::pair{5, 1}, {5, 2}, {5, 4}, {6, 64}, {7, 16}, {13, 128}, {14, 1}, {18, 1}}) {
       files.push_back(WithBitsFlipped(music, begin + field, bits));
@@ -137,7 +136,7 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
       for (const unsigned threads : {1U, 3U}) ExpectLikeTheLibrary(file.path(), threads);
     }
   }
-  // Closed while threads decode, and with truncated blocks.
+  // Reads short blocks, then closes the stream while threads decode.
   std::vector<std::int16_t> block(500 * 8);
   const auto stream = OpenStream(DataFile(kDemoPiece));
   for (int i = 0; i < 100; ++i) EXPECT_GT(stream->Read(block), 0U);
@@ -154,7 +153,7 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   EXPECT_THROW(OpenStream(DataFile(kManyCodebooks))->Prepare(), std::bad_alloc);
   // Many codewords briefly need more memory than a stack has.
   EXPECT_EQ(ReadToEnd(*OpenStream(DataFile(kManyCodewords))).samples.size(), 64U);
-  // Their tables together exceed the limit.
+  // The tables of all links together exceed the limit.
   const TemporaryOgg links(ManyLinks(ReadData("six_channels.ogg"), 600));
   const auto chain = OpenStream(links.path(), 1);
   std::vector<std::int16_t> block(16384);
@@ -167,8 +166,8 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   }
 }
 
-// Reads the file repeatedly. Each time one request fails, `threads` requests later than before. A
-// leak checker detects lost memory.
+// Reads the file repeatedly. In each round one request fails, `threads` requests later than in the
+// round before. A leak checker detects lost memory.
 void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
   const std::vector<std::int16_t> whole = DecodeWithLibrary(path).samples;
   long while_reading = 0;

@@ -24,19 +24,19 @@ PREFIX = pathlib.Path(os.environ["TESSALY_WINE_PREFIX"] + ("-both" if BOTH else 
 DRIVE = PREFIX / "drive_c"
 ZIP, = PACKAGES.glob("tessaly-*.zip")
 SETUP, = PACKAGES.glob("tessaly-*-setup.exe")
-# Without a sound server, whatever the machine has.
+# Hides the machine's sound server.
 ENVIRONMENT = dict(os.environ, PULSE_SERVER="unix:/nowhere/native", LC_ALL="C.UTF-8", TESSALY_WINE_PREFIX=str(PREFIX),
                    TESSALY_WINE_BITS="both" if BOTH else "64")
 FOLDERS = {"x64": 64, "x86": 32}
 PROGRAMS = {"Tessaly.dll", "Converter.dll", "Mp3Encoder.dll", "FlacImport.dll", "InterfacePicker.dll", "marlinda.exe", "marlinda-editor.exe"}
-# All of these are part of every Windows since 7, so nobody can plant one beside a host.
+# Every Windows since 7 has these libraries. The programs may import no others.
 SYSTEM_LIBRARIES = {f"{name}.dll" for name in (
     "advapi32 comctl32 comdlg32 gdi32 kernel32 msvcrt ole32 oleaut32 shell32 shlwapi user32 version winmm").split()}
 ENTRY = r"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Tessaly"
 # The engine creates its settings keys when it reads them and leaves them empty.
 SETTINGS_KEY = re.compile(r"(user|system) \[Software\\\\(Wow6432Node\\\\)?Brevant(\\\\Cutloom"
                           r"(\\\\Directories|\\\\EncoderSettings|\\\\Import Filters)?)?\]")
-# What Wine itself writes when programs start and end.
+# The registry keys that Wine itself writes when programs start and end.
 WINES_OWN = re.compile(
     r"(user \[(Console|Software\\\\(Wine|Microsoft\\\\ActiveMovie)|Volatile Environment|Control Panel)\b)|(system \[(System\\\\(?!.*Environment\])|"
     r"Hardware|Software\\\\(Wow6432Node\\\\)?Microsoft\\\\Windows( NT)?\\\\CurrentVersion\\\\(NetworkCards|Print|MMDevices))\b)")
@@ -46,7 +46,7 @@ def session(script, folder="/"):
     """Runs lines of shell in a Wine session; `wine` starts a program. Returns status and output."""
     text = r"""
         wine() { "$TESSALY_WINE" "$@"; }
-        # The uninstaller goes on after the program that began it, and so does what removes its copy.
+        # The started program ends first. A copy in Temp continues the work and is then removed.
         remove() {
           (cd / && wine "$1/uninstall.exe" /S) || return
           while [[ -e $1 || -n $(ls "$WINEPREFIX"/drive_c/users/*/Temp) ]]; do sleep 0.1; done
@@ -58,7 +58,7 @@ def session(script, folder="/"):
 
 
 def state():
-    """Every key and value of Wine's registry, and every file of drive C with its size and time."""
+    """Returns every key and value of Wine's registry, and every file of drive C with its size and time."""
     found = {path: None if path.is_dir() else (path.lstat().st_size, path.lstat().st_mtime_ns) for path in DRIVE.rglob("*")}
     for hive in ("system", "user"):
         text = (PREFIX / f"{hive}.reg").read_text(encoding="latin1").replace("\\\n", "")
@@ -69,7 +69,7 @@ def state():
 
 
 def image(file):
-    """The headers that objdump reads, and the names of the imported libraries."""
+    """Returns the headers that objdump reads, and the names of the imported libraries."""
     text = subprocess.check_output(["x86_64-w64-mingw32-objdump", "-p", file]).decode("latin1")
     return text, {name.lower() for name in re.findall(r"DLL Name: (\S+)", text)}
 
@@ -85,7 +85,7 @@ class PackageTest(unittest.TestCase):
         with zipfile.ZipFile(ZIP) as packed:
             packed.extractall(cls.top)
         cls.folder, = cls.top.iterdir()
-        # Includes what Wine writes at the first start of a program, and the keys that all programs share.
+        # Lets Wine write its entries of a first start, and adds the keys that all programs share.
         session(r"""
             wine cmd /c ver; wine regsvr32 /s nothing.dll; wine cscript //nologo nothing.vbs
             wine 'C:\windows\syswow64\cscript.exe' //nologo nothing.vbs
@@ -94,12 +94,12 @@ class PackageTest(unittest.TestCase):
         """)
 
     def setUp(self):
-        for folder in DRIVE.glob("users/*/Temp/*"):  # of an interrupted run
+        for folder in DRIVE.glob("users/*/Temp/*"):  # left by an interrupted run
             shutil.rmtree(folder) if folder.is_dir() else folder.unlink()
         self.state = state()
 
     def assertNothingLeft(self, settings=False):
-        """Expects no new keys, not even empty keys of settings unless allowed."""
+        """Expects no new or changed entries and files. If `settings` is true, empty settings keys may be new."""
         now = state()
         changed = [each for each in now.keys() | self.state.keys()
                    if now.get(each, "absent") != self.state.get(each, "absent")]
@@ -133,7 +133,7 @@ class PackageTest(unittest.TestCase):
         commands = self.top / "commands"
         commands.write_text("".join(f"{step}\r\necho ended with %ERRORLEVEL%\r\n" for step in steps))
         _, output = session(f"wine cmd /c console.cmd <{commands} 2>&1", self.folder)
-        # Without a sound device it reports that, and the rest works.
+        # The first and the last command report the missing sound device. The other commands succeed.
         self.assertEqual(re.findall(r"ended with (\d+)\n", output), ["7", "0", "0", "0", "7"], output)
         self.assertEqual(output.count("problem: "), 2)
         for pattern in (r"found by +manifest\n", r"32 bits +\S.*x86\\Tessaly.dll; not registered\n",
@@ -176,7 +176,7 @@ class PackageTest(unittest.TestCase):
         programs = ["x64", "x86"][:1 + BOTH]
         output = self.installed("/AllUsers /Path", "Program Files/Tessaly", rf"""
             for bits in {' '.join(programs)}; do
-              # Away from its manifest.
+              # This copy of the program has no manifest.
               (cp $bits/marlinda.exe {self.top} && cd {self.top} && wine ./marlinda.exe doctor --json)
               echo "--"
               system=system32; [[ $bits == x64 ]] || system=syswow64
@@ -206,7 +206,7 @@ class PackageTest(unittest.TestCase):
 
     def test_setup_for_one_user_into_a_chosen_folder_keeps_foreign_entries(self):
         keys = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings", r"HKLM\Software\Brevant\Cutloom\Import Filters"])
-        # Longer than the strings of the set-up program.
+        # This path is longer than the strings of the set-up program.
         path = "%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;"
         session(f"wine reg add HKCU\\\\Environment /v Path /f /t REG_EXPAND_SZ /d '{path[:-1]}'")
         self.addCleanup(session, r"wine reg delete HKCU\\Environment /v Path /f")
@@ -225,7 +225,7 @@ class PackageTest(unittest.TestCase):
         for pattern in ("filters       none listed", r"frames +529200", "Programs/Tessaly/Tessaly documents.lnk\n"):
             self.assertRegex(output, pattern)
         self.assertIn(f"REG_EXPAND_SZ    {path}C:\\Other Place\\Tessaly\\x64\n", output)
-        (DRIVE / "Other Place").rmdir()  # the uninstaller removes what is its own
+        (DRIVE / "Other Place").rmdir()  # the uninstaller removes only the folder that set-up made
         _, output = session(f"""
             for key in {keys}; do wine reg query "$key" /v theirs; done
             for hive in HKCU HKLM; do wine reg delete $hive\\\\Software\\\\Brevant /f; done
@@ -234,7 +234,7 @@ class PackageTest(unittest.TestCase):
         self.assertNothingLeft()
 
     def test_an_installation_in_use_is_neither_replaced_nor_removed_and_stays_the_only_one(self):
-        # A host until it is told to end; Wine's script language cannot sleep.
+        # A host that runs until the file `told` exists. It polls, because Wine's scripts cannot sleep.
         host, told = self.top / "host.vbs", self.top / "told"
         host.write_text(f"""
             Set files = CreateObject("Scripting.FileSystemObject")
@@ -262,7 +262,7 @@ class PackageTest(unittest.TestCase):
     def test_setup_refuses_wrong_switches_and_undoes_its_changes_if_it_fails(self):
         (DRIVE / "Full").mkdir()
         self.addCleanup(shutil.rmtree, DRIVE / "Full")
-        (DRIVE / "Full/docs").touch()  # where a folder is to be
+        (DRIVE / "Full/docs").touch()  # set-up needs a folder here
         self.state = state()
         wrong = ["/AllUsers /CurrentUser", "/AllUser", "/CurrentUser /AllUs /S ers", "Tessaly", "/Paths", r"/D=C:\\Full"]
         _, output = session("".join(f"wine {SETUP} /S {switches}; echo $?\n" for switches in wrong))

@@ -1,6 +1,6 @@
-// The pool and its readers, down to the bytes of their files.
+// Tests the pool and its readers, down to the bytes of their files.
 #include <windows.h>
-// After windows.h.
+// Must follow windows.h.
 #include <winioctl.h>
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ constexpr auto kEndOfFile = static_cast<HRESULT>(0x80070026);
 constexpr auto kInvalidHandle = static_cast<HRESULT>(0x80070006);
 constexpr auto kNegativeSeek = static_cast<HRESULT>(0x80070083);
 
-// `count` samples from `start` on, each different from its neighbours.
+// Returns `count` samples from `start` on, each different from its neighbours.
 Samples Wave(std::size_t count, float start = -1.0F) {
   Samples samples(count);
   for (std::size_t i = 0; i < count; ++i) {
@@ -37,7 +37,7 @@ Samples Wave(std::size_t count, float start = -1.0F) {
   return samples;
 }
 
-// The content of a file that only its handle can access.
+// Returns the content of a file that only its handle can access.
 template <class T = float>
 std::vector<T> Contents(HANDLE file) {
   LARGE_INTEGER size = {};
@@ -49,7 +49,7 @@ std::vector<T> Contents(HANDLE file) {
   return items;
 }
 
-// The result of reading into a block of -7, as samples or through the other interface as peaks.
+// The result of a read, and the block, which held only -7 before.
 using Block = std::pair<HRESULT, Samples>;
 Block ReadBlock(IUnknown* reader, __int64 position, std::size_t count, bool peaks = false) {
   const Floats block(count, -7.0F);
@@ -93,7 +93,7 @@ struct Pool {
     EXPECT_EQ(writer->QueryIsReady(&ready), S_OK);
     return ready == 1;
   }
-  // Null if the pool returns none.
+  // Returns null if the pool has none.
   ComPtr<IAudioReader> Reader(
       HRESULT (STDMETHODCALLTYPE IAudioPool::*create)(IAudioReader**)) const {
     ComPtr<IAudioReader> reader;
@@ -136,7 +136,7 @@ TEST(AudioPool, LetsAThreadReadATakeWhileTheNextIsWritten) {
   const Pool pool;
   Samples samples = Wave(1 << 16);
   pool.WriteTake(samples);
-  // Omits the record after them, which belongs to the next take.
+  // Omits the last record, which belongs to the next take.
   Samples peaks = Contents(pool.peak_file);
   peaks.resize(2 * samples.size() / 256);
   int wrong = 0;
@@ -170,10 +170,10 @@ TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock
   pool.Open();
   EXPECT_EQ(pool.Write(block), S_OK);
   expect_peaks({0.5F, 0.25F, 0.25F});
-  // The next write starts at record 2, and its incomplete group does not advance the position.
+  // The next write starts at record 2. Its group is incomplete and does not advance the position.
   EXPECT_EQ(pool.Write(Samples(255, 0.8F)), S_OK);
   expect_peaks({0.5F, 0.25F, 0.8F});
-  // 767 frames so far. One more completes group 2, although it began in the middle.
+  // So far, the pool has 767 frames. One more frame completes group 2, which began earlier.
   EXPECT_EQ(pool.Write({0.7F}), S_OK);
   EXPECT_EQ(pool.Write({0.6F}), S_OK);
   expect_peaks({0.5F, 0.25F, 0.7F, 0.6F});
@@ -208,7 +208,7 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   pool.WriteTake(Samples(20, 1.0F));
   EXPECT_FALSE(pool.PrevReader()) << "no cursor before CreateLastReader";
   pool.WriteTake(Samples(600, 0.0F));
-  // An empty run between takes, and a second OpenDevice that discards earlier writes.
+  // Opens and closes without writing. Then a second OpenDevice discards earlier writes.
   pool.Open();
   pool.Close(S_FALSE);
   pool.Open();
@@ -226,18 +226,18 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   expect(pool.LastReader(), 6, -1.0F);
   pool.WriteTake(Samples(2, 0.0F));
   expect(pool.PrevReader(), 600, 0.0F);
-  // Readers get the current bit depth.
+  // New readers get the pool's current bit depth.
   EXPECT_EQ(pool.pool->SetBitDepth(8, 0), S_OK);
   const auto last = pool.LastReader();
   EXPECT_EQ(SampleCount(last), 2);
-  // The pool is ready while nobody has it open.
+  // The pool is ready while neither its writer nor a reader is open.
   pool.Close();  // the discarded take
   EXPECT_TRUE(pool.IsReady());
   EXPECT_EQ(last->OpenDevice(), S_OK);
   EXPECT_FALSE(pool.IsReady());
   EXPECT_EQ(last->CloseDevice(), S_OK);
   EXPECT_TRUE(pool.IsReady());
-  // A plain count: an unmatched Unlock makes the pool busy.
+  // The pool only counts locks, so an unmatched Unlock makes the pool busy.
   EXPECT_EQ(pool.pool->Unlock(), S_OK);
   EXPECT_FALSE(pool.IsReady());
 }
@@ -255,7 +255,7 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
   const Pool plain(2, 16);
   for (int step = 0; step < 4; ++step) {
     if (step != 1) std::srand(77);
-    // Both clear the errors.
+    // SetFormat and SetBitDepth clear the errors of the dither.
     if (step == 2) pool.writer->SetFormat(8000, 2);
     if (step == 3) pool.pool->SetBitDepth(16, 2);
     const Floats block(original);
@@ -268,7 +268,7 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
   EXPECT_EQ(Contents(pool.peak_file), Contents(plain.peak_file));
 }
 
-// With its own settings instead of the user's, which other programs read at the same time.
+// Uses its own settings, because other programs read the user's settings at the same time.
 TEST(AudioPool, KeepsItsFilesInTheUsersFolderUntilTheLastRelease) {
   constexpr wchar_t kSettings[] = L"Software\\TessalyPoolTest";
   const TemporaryFolder folder;
@@ -319,7 +319,7 @@ class WithheldFile {
                                 DUPLICATE_SAME_ACCESS));
     return copy;
   }
-  // The system reuses free handle values in its own order.
+  // Creates handles until one has the freed value, because the system chooses the order.
   void Occupy(const std::function<HANDLE()>& make) const {
     CloseHandle(slot_);
     std::vector<KernelHandle> others;
@@ -330,12 +330,12 @@ class WithheldFile {
   const KernelHandle file_;
 };
 
-// Failed writes advance the position without filling the disk.
+// The failed writes advance the position without filling the disk.
 TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibytes) {
   const Pool pool;
   pool.WriteTake(Wave(300));
   DWORD returned = 0;
-  // Makes the file sparse, if it is not so by default.
+  // Makes the file sparse, which some file systems do not do by default.
   DeviceIoControl(pool.audio_file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
   const Samples wave = Wave(1000, 0.0F);
   constexpr __int64 kLarge = 1 << 22;
@@ -366,7 +366,7 @@ TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibyte
     EXPECT_EQ(SampleCount(take), 1000);
     EXPECT_EQ(Read(take, 0, 1000), wave);
     EXPECT_EQ(ReadBlock(take.Get(), 0, 2, true).second[1], std::ranges::max(wave));
-    // The gap before it ends where it begins.
+    // The gap before the take ends where the take begins.
     const auto gap = pool.PrevReader();
     EXPECT_EQ(Read(gap, SampleCount(gap) - 2, 3), (Samples{0.0F, 0.0F, wave[0]}));
     take = pool.PrevReader();
@@ -385,7 +385,7 @@ TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
   EXPECT_EQ(Read(pool.PrevReader(), 1, 4), (Samples{0.3F, 0.4F, 0.5F, 0.6F}));
   EXPECT_EQ(Read(last, -1, 4), (Samples{0.3F, 0.4F, 0.5F, 0.6F}));
   EXPECT_EQ(Read(last, 0, 3), (Samples{0.5F, 0.6F, 0.7F})) << "not whole frames";
-  // The rest keeps its values.
+  // The rest of the block keeps its values.
   EXPECT_EQ(ReadBlock(last.Get(), 1, 4), Block(kEndOfFile, {0.7F, 0.8F, -7.0F, -7.0F}));
   for (const __int64 position : {2LL, std::numeric_limits<__int64>::max(), -3LL}) {
     const HRESULT expected = position < 0 ? kNegativeSeek : kEndOfFile;
@@ -397,7 +397,7 @@ TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
   const Pool pcm(1, 24);
   pcm.WriteTake({1.0F, -1.0F});
   const auto reader = pcm.LastReader();
-  Read(reader, 0, 2);  // leaves its codes in the buffer
+  Read(reader, 0, 2);  // leaves codes in the reader's buffer
   EXPECT_EQ(ReadBlock(reader.Get(), 1, 5), Block(kEndOfFile, {-1.0F, 0, 0, 0, 0}));
 }
 

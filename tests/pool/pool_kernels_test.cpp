@@ -1,4 +1,4 @@
-// Dither, and peaks compared bit by bit with one comparison per value.
+// Tests dither, and compares peaks bit by bit with a loop that compares one value at a time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,7 +35,7 @@ std::vector<std::uint32_t> Bits(const Floats& values) {
 class Dither : public ::testing::Test {
  protected:
   ~Dither() override { LimitCpuLevel(HighestCpuLevel()); }
-  // In two blocks: the errors carry over, and SetUp clears them.
+  // Dithers two blocks. The errors carry over to the second block, and SetUp clears them.
   Floats Process(int mode, int channels, int bits, Floats samples, std::size_t first) {
     dither_.SetUp(mode, channels, bits);
     for (const auto block : {std::span(samples).first(first), std::span(samples).subspan(first)}) {
@@ -50,7 +50,7 @@ class Dither : public ::testing::Test {
   std::size_t drawn_ = 0;
 };
 
-// A separate program computed the codes in double precision, with stored values in single
+// A separate program computed the codes. It used double precision but stored values in single
 // precision.
 TEST_F(Dither, FollowsTheRuleStepByStep) {
   const Floats source = {0.3F,  -0.3F, 0.301F, -0.302F, 0.303F, -0.303F, 0.304F, -0.305F,
@@ -77,7 +77,7 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
       for (std::size_t i = 0; i < 16; ++i) {
         const double code = samples[i] * (std::ldexp(1.0, bits - 1) - 1);
         EXPECT_EQ(std::lround(code), codes[i]) << bits;
-        // As exactly as a float allows.
+        // The tolerance is the precision of a float.
         EXPECT_NEAR(code, codes[i], std::abs(code) * 1e-7) << bits;
       }
       EXPECT_EQ(drawn_, mode == DitherState::kTriangularNoise ? 32U : 0U);
@@ -93,10 +93,10 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
   EXPECT_EQ(drawn_, 6U);
 }
 
-// The errors feed back, so a difference in any of them shows in later samples.
+// Each error affects the later samples, so a difference in any error becomes visible.
 TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
-  // Noise, a ramp through all codes, a decay into silence, and overs with special values among
-  // them.
+  // Noise, a ramp through all codes, a decay into silence, and values beyond full scale with
+  // special values among them.
   std::minstd_rand random(7);
   std::uniform_real_distribution<float> level(-1.1F, 1.1F);
   const float odd[] = {kNan, kInfinity, -3.999F, 4.0F, -300.0F, 1e30F, -0.0F, 1e-45F, 0x1p-110F};
@@ -135,8 +135,8 @@ Floats Noise() {
   return values;
 }
 
-// Few different values, so that zeros of both signs, NaN and infinities meet often; values of one
-// sign, whose peak is a zero; and noise.
+// The first palette has few values, so that zeros of both signs, NaN and infinities often meet. The
+// next two have one sign, so one extreme is a zero. The others are NaN alone and noise.
 const Floats kPalettes[] = {
     {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
     {0.0F, -0.0F, 0.25F, kNan},
@@ -179,7 +179,7 @@ TEST_F(Peaks, OfABlockHaveOneGroupMoreThanItsWholeGroups) {
         }
         for (const CpuLevel level : kLevels) {
           LimitCpuLevel(level);
-          Floats peaks = {1.0F};  // to be replaced
+          Floats peaks = {1.0F};  // BuildPeaks must replace this
           BuildPeaks(samples, static_cast<int>(channels), peaks);
           ASSERT_EQ(Bits(peaks), Bits(expected)) << channels << " channels, " << frames;
         }
@@ -192,7 +192,7 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSameOverview) {
   const Floats peaks = Draw(Noise(), 4 * 9'960);
   PeakGroups groups(2);
   groups.Settle(9'960);  // in the middle of a group
-  // Draws the stretches between the boundaries and returns the number of peaks read.
+  // Draws one column for each range between boundaries. Returns the number of peaks read.
   const auto draw = [&](const std::vector<std::int64_t>& boundaries) {
     Floats expected(4 * (boundaries.size() - 1), kNoLowest);
     for (std::size_t i = 1; i < expected.size(); i += 2) expected[i] = kNoHighest;
@@ -217,7 +217,7 @@ TEST_F(Peaks, OfGroupsAreReadOnceForTheSameOverview) {
   for (std::int64_t column = 0; column <= 50; ++column) ends.push_back(5 + column * 198);
   EXPECT_LE(draw(ends), 10'064U);
   EXPECT_EQ(draw(ends), 0U);
-  // Another overview reads at most a group for each column.
+  // With other boundaries, each column reads at most one group.
   for (std::int64_t& end : ends) end += 36;
   EXPECT_LE(draw(ends), 52U * 64U);
 }

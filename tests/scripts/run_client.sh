@@ -10,7 +10,7 @@ if [[ ${3:-} != --in-session ]]; then
   if [[ $(cat "$place/installed" 2>/dev/null) != "${packages[$language]}" ]]; then
     rm -rf "$place"
     mkdir -p "$place"
-    # Installs for another system than this one, without the packages' install scripts, which would run here.
+    # Installs for Windows. Skips the packages' install scripts, because they would run on this system.
     # shellcheck disable=SC2086 -- a list
     if ! command -v npm >/dev/null || ! npm install --prefix "$place" --no-save --force --os=win32 --cpu=x64 \
       --ignore-scripts --no-audit --no-fund --fetch-retries 1 ${packages[$language]} >"$place/npm.log" 2>&1; then
@@ -23,7 +23,7 @@ if [[ ${3:-} != --in-session ]]; then
 fi
 unset TESSALY_REGISTRATION
 windows_path() { local path="Z:$1"; printf '%s' "${path//\//\\}"; }
-# The output of these cannot go into a pipe of Wine's.
+# These programs cannot write their output into a pipe of Wine.
 wine() { "$TESSALY_WINE" "$@" </dev/null >"$work/output" 2>"$work/errors" || { cat "$work"/{output,errors}; return 1; }; }
 work=$(mktemp -d)
 module=$(windows_path "$build/Tessaly.dll")
@@ -57,5 +57,5 @@ run_csharp() {
 cat "$work/output"
 grep -q '^264600 of 529200 frames written' "$work/output"
 [[ $(sox --info -s "$work/half.wav") == 264600 && $(sox --info -c "$work/half.wav") == 2 ]]
-# One bar for each eighth of the loud part, or one character per column.
+# A sample prints one bar for each eighth of the loud part, or one character per column.
 [[ $(grep -cx '#\{10,60\}' "$work/output") == 8 || $(head -n 1 "$work/output" | tr -d '\r') =~ ^[\ .:=+*#%@-]{64}$ ]]

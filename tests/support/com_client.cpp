@@ -118,7 +118,7 @@ std::span<float> Floats::values() const {
 TemporaryFolder::TemporaryFolder() {
   static std::atomic<int> counter = 0;
   const std::string prefix = "tessaly-" + std::to_string(GetCurrentProcessId()) + "-";
-  // Process identifiers are reused, and a crashed test leaves its folder behind.
+  // Skips existing folders: a crashed test leaves its folder, and process identifiers repeat.
   do {
     path_ =
         (std::filesystem::temp_directory_path() / (prefix + std::to_string(++counter))).wstring();

@@ -32,7 +32,7 @@ class ModuleUnderTest {
   static HRESULT CanUnloadNow();
 };
 
-// Registers the module's classes for the calling apartment during its lifetime.
+// Registers the module's classes for the calling apartment while this object exists.
 class Registration {
  public:
   Registration();
@@ -44,11 +44,11 @@ class Registration {
   std::vector<DWORD> cookies_;
 };
 
-// The main function of a client: runs `body` in an apartment with the module loaded. Returns its
-// result, or 1 after an exception or if objects of the module are left.
+// The main function of a client. Runs `body` in an apartment with the module loaded. Returns the
+// result of `body`, or 1 after an exception or if objects of the module are left.
 int RunClient(const std::function<int()>& body);
 
-// An export of a library. Throws if there is none.
+// Returns an export of a library. Throws if the library lacks it.
 void* ExportOf(HMODULE library, const char* name);
 template <class Function>
 Function* ExportAs(HMODULE library, const char* name) {
@@ -62,7 +62,7 @@ ComPtr<I> Create(REFCLSID clsid) {
   return object;
 }
 
-// Another interface of the object; null if it has none.
+// Returns another interface of the object, or null if the object lacks it.
 template <class I>
 ComPtr<I> As(IUnknown* object) {
   return TryQuery<I>(object);
@@ -108,7 +108,7 @@ class Bstr {
   Bstr& operator=(const Bstr&) = delete;
   ~Bstr() { SysFreeString(text_); }
   operator BSTR() const { return text_; }
-  // For an out parameter. Frees the current text.
+  // Frees the current text. Returns the address for an out parameter.
   BSTR* Receive() {
     SysFreeString(std::exchange(text_, nullptr));
     return &text_;
@@ -136,7 +136,7 @@ class TemporaryFolder {
 std::vector<unsigned char> ReadFileBytes(const std::wstring& path);
 void WriteFileBytes(const std::wstring& path, std::span<const unsigned char> bytes);
 
-// The reference count that Release returns.
+// Returns the reference count that Release reports.
 ULONG ReferenceCount(IUnknown* object);
 
 // Waits until the task has ended. Returns false if the query fails.

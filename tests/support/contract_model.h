@@ -1,9 +1,9 @@
 // The module's contracts, read from its type library: every class with its interfaces, methods and
-// parameters. Tests that loop over them cover new classes and methods automatically.
+// parameters. Tests that use this list cover new classes and methods automatically.
 #pragma once
 
 #include <windows.h>
-// After windows.h.
+// Must follow windows.h.
 #include <oleauto.h>
 
 #include <string>
@@ -18,7 +18,7 @@ enum class Kind { kInteger, kReal, kText, kObject, kArray, kOut };
 struct Parameter {
   std::string name;
   Kind kind;
-  VARTYPE type;  // or the type that an out-parameter points to; VT_UNKNOWN for every interface
+  VARTYPE type;  // for an out parameter, the type that it points to; VT_UNKNOWN for every interface
   IID iid;
 };
 
@@ -34,14 +34,14 @@ struct Method {
 struct Class {
   std::string name;
   CLSID clsid;
-  std::vector<IID> interfaces, events;  // the first are the default ones
+  std::vector<IID> interfaces, events;  // the first of each is the default
   std::vector<Method> methods;          // of all interfaces, in their order
 };
 
 std::vector<Class> ClassesOfTheModule();
 
 TYPEATTR AttributesOf(ITypeInfo* info);
-// The index of the view with a vtable that a dual interface has.
+// The index that selects the vtable view of a dual interface.
 constexpr UINT kVtableFace = static_cast<UINT>(-1);
 ComPtr<ITypeInfo> Implemented(ITypeInfo* info, UINT index);
 

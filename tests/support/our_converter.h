@@ -7,7 +7,7 @@
 
 namespace marlinda::testing {
 
-// Registers a factory's converter during its lifetime.
+// Registers a converter's class factory while this object exists.
 class InstalledConverter {
  public:
   explicit InstalledConverter(IUnknown* factory) {

@@ -1,7 +1,7 @@
 #include "tests/support/process_counts.h"
 
 #include <windows.h>
-// After windows.h.
+// Must follow windows.h.
 #include <tlhelp32.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 
 // One entry of the system's handle table.
 struct HandleEntry {
-  USHORT process;  // the lower half of its identifier
+  USHORT process;  // the lower half of the process identifier
   USHORT others[3];
   void* object;
   ULONG access;
@@ -71,7 +71,7 @@ std::size_t CountHeapBlocks() {
 
 void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
   while (CountThreads() > threads_ + more_threads || CountHandles() > handles_ + more_handles) {
-    // Shows in the report if CTest ends a test that waits for a leak.
+    // Explains the wait in the report if CTest ends a test because of a leak.
     std::printf("waiting: %u threads and %u handles, which were %u and %u\n", CountThreads(),
                 CountHandles(), threads_, handles_);
     std::fflush(stdout);

@@ -35,8 +35,8 @@ class RampSource : public TestObject<IAudioReader> {
   // Results of the calls. Only successful reads deliver samples.
   HRESULT read_result = S_OK;
   HRESULT open_result = S_OK;
-  __int64 frames = 4096;  // reported; reads deliver more
-  // Runs inside ReadAudio before anything is delivered, with the caller's array.
+  __int64 frames = 4096;  // the reported number; reads deliver more
+  // Runs inside ReadAudio with the caller's array, before the source delivers samples.
   std::function<void(SAFEARRAY*)> on_read;
 
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
@@ -66,7 +66,7 @@ class RampSource : public TestObject<IAudioReader> {
   virtual void Note(const std::string& call) {
     if (log_ != nullptr) log_->push_back(name_ + ("." + call));
   }
-  // The samples that reads deliver.
+  // Returns the samples that reads deliver.
   virtual float At(__int64 frame, int channel) const { return Sample(name_, frame, channel); }
 
  private:

@@ -40,7 +40,7 @@ def kill_server(environment):
 
 
 def wait_until(condition, what):
-    """Waits without a limit; CTest ends a hang. The last line of the output then names the missing event."""
+    """Waits without a limit. CTest ends a test that hangs. The last line of the output then names the missing event."""
     print("waiting for", what, file=sys.stderr, flush=True)
     while not condition():
         time.sleep(0.1)
@@ -64,8 +64,8 @@ def without_silence(samples, frame_bytes=FRAME_BYTES):
 
 
 class Speaker:
-    """Reads the speaker's pipe in real time or later while its server runs. Nothing arrives while nobody plays. A
-    pause (frame, seconds) stops the server for that time once this number of non-silent frames has arrived."""
+    """Reads the speaker's pipe at the sample rate or more slowly while the server runs. Nothing arrives while no program
+    plays. A pause (frame, seconds) stops the server for that time once this number of non-silent frames has arrived."""
 
     def __init__(self, environment, pause=None):
         self.frame_bytes = 4 * int(environment["TESSALY_SOUND_CHANNELS"])
@@ -101,7 +101,7 @@ class Speaker:
                 self.pause = None
 
     def close(self):
-        """Call it after the sound server has ended. Returns all received sound."""
+        """Call this after the sound server has ended. Returns all received sound."""
         self.thread.join()
         os.close(self.pipe)
         return bytes(self.got)
@@ -137,7 +137,7 @@ class Microphone:
                 time.sleep(0.01)
 
     def close(self):
-        """Call it after the sound server has ended."""
+        """Call this after the sound server has ended."""
         self.thread.join()
         self.pipe.close()
 
@@ -228,7 +228,7 @@ class ChangingServer:
             self.control("unload-module", module)
 
     def listen(self, frames):
-        """The sound at the speaker from now on, as floats of two channels."""
+        """Returns the sound at the speaker from now on, as floats of two channels."""
         words = ["parec", "--raw", "--device=speaker.monitor", "--format=float32le", f"--rate={RATE}", "--channels=2",
                  "--latency-msec=50"]
         with subprocess.Popen(words, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as recorder:

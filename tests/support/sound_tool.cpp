@@ -1,4 +1,4 @@
-// Uses sound devices, which the calling test stops, kills and takes away meanwhile:
+// Uses sound devices, while the calling test stops, kills and removes them:
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
@@ -30,7 +30,7 @@ namespace {
 
 constexpr LONG kRate = 44100;
 constexpr SHORT kChannels = 2;
-// The first device rather than the mapper, which converts formats to stereo of 16 bits.
+// Uses the first device, because the mapper converts formats to 16-bit stereo.
 constexpr LONG kFirstDevice = 0;
 
 template <class... Arguments>
@@ -42,9 +42,9 @@ void Say(const char* format, Arguments... arguments) {
 constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
-// Sample n of a tone or, with 0 Hz, of the interleaved signal, which is never 0 and so differs from
-// silence. Half a block of a tone has whole periods of a multiple of 20 Hz, so that blocks join,
-// even if the scrubber overlaps their halves.
+// Returns sample n of a tone. With 0 Hz, returns sample n of the interleaved signal, which is never
+// 0 and so differs from silence. Half a block holds whole periods of multiples of 20 Hz, so tones
+// continue between blocks, even if the scrubber overlaps their halves.
 float Wave(int hertz, __int64 n) {
   if (hertz == 0) {
     const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
@@ -136,7 +136,7 @@ bool IsPlaying(const Document& document) {
   return playing != VARIANT_FALSE;
 }
 
-// One way to use a device. It can start again after each end.
+// A way to use a device. A use can start again after each end.
 class Use {
  public:
   Use(const std::string& kind, int hertz) : kind_(kind), hertz_(hertz) {}
@@ -171,7 +171,7 @@ class Use {
     return hr;
   }
 
-  // Waits until more sound has passed than may be left from the last use.
+  // Waits until more sound has passed than the last use can have left in the device.
   void Works() const {
     while (reader_ && loud_blocks_ < 10) Sleep(10);
   }
@@ -215,7 +215,7 @@ class Use {
   }
 
  private:
-  // A thread that repeats the call.
+  // Starts a thread that repeats the call.
   void Repeat(std::function<HRESULT()> call) {
     leaving_ = false;
     thread_ = std::thread([this, call = std::move(call)] {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <windows.h>
-// After windows.h.
+// Must follow windows.h.
 #include <oaidl.h>
 
 #include <atomic>
@@ -13,7 +13,7 @@
 
 namespace marlinda::testing {
 
-// An interface without methods for automation, if it is dual.
+// Implements IDispatch for a dual interface. Every method returns E_NOTIMPL.
 template <class I>
 class WithoutAutomation : public I {};
 
@@ -30,15 +30,15 @@ class WithoutAutomation<I> : public I {
   }
 };
 
-// Lives on the heap behind a pointer of MakeObject, or as a local variable. The initial reference
-// belongs to the test.
+// Create the object with MakeObject or as a local variable. The initial reference belongs to the
+// test.
 template <class... Interfaces>
 class TestObject : public WithoutAutomation<Interfaces>... {
  public:
   TestObject(const TestObject&) = delete;
   TestObject& operator=(const TestObject&) = delete;
 
-  // References held by others.
+  // Returns the number of references that others hold.
   long Held() const { return references_ - 1; }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {

@@ -1,5 +1,5 @@
-// The connector between generated sources, as import filters or readers, and an export that records
-// what it reads.
+// Tests the connector between generated sources, which are import filters or readers, and an export
+// that records all samples that it reads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +24,7 @@ void Await(const Condition& condition) {
   while (!condition()) Sleep(5);
 }
 
-// An object that belongs to the thread that creates it and counts its references without
-// interlocking.
+// An object that belongs to the thread that creates it. Its reference count is not interlocked.
 template <class Base>
 class InApartment : public Base {
  public:
@@ -34,7 +33,7 @@ class InApartment : public Base {
   STDMETHODIMP_(ULONG) Release() override { return Count(-1), Base::Release(); }
 
   int references = 1;
-  std::atomic<int> foreign_calls = 0;  // on other threads
+  std::atomic<int> foreign_calls = 0;  // calls on other threads
 
  protected:
   HRESULT Noted() { return Count(0), S_OK; }
@@ -48,7 +47,7 @@ class InApartment : public Base {
   const DWORD thread_ = GetCurrentThreadId();
 };
 
-// A filter that shares only this with its thread.
+// A filter. Its thread has no access to the filter's object, only to `state_`.
 template <class Filter, class... Interfaces>
 class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTask>> {
  public:
@@ -90,7 +89,7 @@ class TestFilter : public InApartment<TestObject<Filter, Interfaces..., ICoreTas
   const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-// Sample `index` of an interleaved stream.
+// Returns sample `index` of an interleaved stream.
 float Counting(std::uint64_t index) { return static_cast<float>(index % 0x1000000); }
 
 class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
@@ -100,7 +99,7 @@ class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
   LONG rate = 44100;
   SHORT channels = 2;
   __int64 promised;
-  __int64 frames;  // to deliver
+  __int64 frames;  // the number to deliver
   std::size_t block_samples = 16384;
   std::function<float(std::uint64_t)> signal = Counting;
 
@@ -253,12 +252,12 @@ TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostA
   EXPECT_EQ(Ask(task_, &ICoreTask::GetProgress), 1.0F);
   Join(reader.Get(), to_reader.Get());
   Run(to_reader.Get());
-  // Later reads may use the reader, until the next set-up.
+  // The connector keeps the reader for later reads, until the next set-up.
   EXPECT_EQ(reader->references, 2);
   Join(ramp_.Get(), to_.Get());
   EXPECT_EQ(reader->references, 1);
   ExpectCounting(to_reader->result->samples, 2 * kFrames);
-  // One read larger than the queue gets everything.
+  // A single read that is larger than the queue gets all samples.
   const auto again = MakeObject<TestImport>(kFrames);
   Join(again.Get(), to_.Get());
   again->Start();
@@ -297,7 +296,7 @@ TEST_F(AudioConnector, IsAPlainQueueBeforeSetUpAndAfterAPollFindsTheExportEnded)
   EXPECT_EQ(Read(4), Samples(4, 0.5F));
 }
 
-// Ten waits for the first read only: ten for each would take a quarter of an hour.
+// Only the first read waits ten times. If all did, the test would take a quarter of an hour.
 TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASecond) {
   const auto from = MakeObject<TestImport>(1000);
   from->channels = 1;
@@ -314,13 +313,13 @@ TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfA
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(200, S_FALSE));
 }
 
-// An import that waits for room, and an export that waits for data.
+// First an import waits for room. Then an export waits for data.
 TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
   for (const bool stalled : {false, true}) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // the level that makes it not ready then exceeds the limit
+      from->block_samples = 10'000;  // overshoots the limit, at which an import does not wait yet
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());
@@ -375,7 +374,7 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
   Run(to_.Get());
   const auto& samples = to_->result->samples;
   ASSERT_EQ(samples.size(), 192000U);
-  // No read waited in vain.
+  // Every read received its samples.
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(2, S_OK));
   float last = 0;  // level of the frames that the converter holds back until the end
   for (std::size_t i = 500; i < 96000; ++i) {
@@ -385,8 +384,8 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
     if (i >= 95900) last = std::max(last, std::abs(samples[2 * i]));
   }
   EXPECT_GT(last, 0.9F);
-  // A take of a pool is converted as if nothing followed it: this source reports 4096 frames and
-  // delivers more.
+  // The converter treats the end of a pool's take as the end of the audio. This source reports 4096
+  // frames and delivers more.
   Join(RampSource::Make('A', 1).Get(), to_.Get(), 88200, 1);
   const Samples take = Read(8192 + 2000);
   const float end = RampSource::Sample('A', 4095, 0);
