@@ -29,7 +29,7 @@ inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
 // floats do not fit in an array, and reading them in blocks would take too long.
 inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
-// From this many peaks per column on, reading a summary costs less than reading the peaks.
+// With this many peaks per column or more, reading a summary costs less than reading the peaks.
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in one or more blocks. Returns false if a read fails.

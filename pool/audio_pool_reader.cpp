@@ -38,8 +38,8 @@ class CAudioPoolReader final
   static constexpr const CLSID& kClassId = CLSID_CAudioPoolReader;
 
   // IAudioPoolReader
-  // Accepts any values and ignores the results of the pool's methods. A second call selects another
-  // region. A null pool fails with E_POINTER and changes nothing.
+  // Accepts any offsets, byte count and bit depth, and ignores the results of the pool's methods. A
+  // second call selects another region. A null pool fails with E_POINTER and changes nothing.
   STDMETHODIMP Create(IAudioPool* pPool, __int64 nAudioByteOffset, __int64 nPeakByteOffset,
                       __int64 nByteCount, SHORT nBitsPerSample) override {
     if (pPool == nullptr) return E_POINTER;

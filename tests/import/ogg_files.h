@@ -1,5 +1,5 @@
-// Test files and a reference decoder. The Ogg files come from the source tree or are made from
-// those. The decoder is a plain loop over the same build of the codec library.
+// Test files and a reference decoder. Some Ogg files are in the source tree, the others are made
+// from them. The decoder is a plain loop over the import filter's build of the codec library.
 #pragma once
 
 #include <vorbis/vorbisfile.h>
