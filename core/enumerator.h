@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/com_call.h"
+#include "core/module.h"
 #include "core/plain_object.h"
 
 namespace marlinda {
@@ -53,6 +54,7 @@ class Enumerator final : public PlainObject<Interface> {
       : entries_(std::move(entries)), next_(next) {}
   ~Enumerator() override = default;
 
+  const ModuleObjectCount module_count_;
   const std::vector<Entry> entries_;
   std::size_t next_;
 };

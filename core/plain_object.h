@@ -1,11 +1,10 @@
-// The base of a COM object with one interface, without class identifier or aggregation.
+// The base of a COM object with one interface, without class identifier or aggregation. In the
+// engine's modules, the object also holds a ModuleObjectCount.
 #pragma once
 
 #include <unknwn.h>
 
 #include <atomic>
-
-#include "core/module.h"
 
 namespace marlinda {
 
@@ -35,7 +34,6 @@ class PlainObject : public Interface {
   virtual ~PlainObject() = default;
 
  private:
-  const ModuleObjectCount module_count_;
   std::atomic<ULONG> references_{1};
 };
 

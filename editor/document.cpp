@@ -1,20 +1,17 @@
 #include "editor/document.h"
 
 #include <algorithm>
-#include <atomic>
 #include <utility>
 
+#include "core/plain_object.h"
 #include "host/wide_text.h"
 
 namespace marlinda::editor {
 
 // Passes the events of one event interface to the document. The engine only calls Invoke.
-class DocumentEvents final : public IDispatch {
+class DocumentEvents final : public PlainObject<IDispatch> {
  public:
   DocumentEvents(Document& document, const IID& events) : document_(document), events_(events) {}
-  virtual ~DocumentEvents() = default;
-  DocumentEvents(const DocumentEvents&) = delete;
-  DocumentEvents& operator=(const DocumentEvents&) = delete;
 
   void Listen(IUnknown* source) {
     const auto points = Query<IConnectionPointContainer>(source);
@@ -28,19 +25,7 @@ class DocumentEvents final : public IDispatch {
   }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    const bool known =
-        IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, events_);
-    *object = known ? this : nullptr;
-    if (!known) return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
+    return PlainObject::QueryInterface(IsEqualIID(iid, events_) ? IID_IDispatch : iid, object);
   }
   STDMETHODIMP GetTypeInfoCount(UINT* count) override {
     if (count == nullptr) return E_POINTER;
@@ -67,7 +52,6 @@ class DocumentEvents final : public IDispatch {
  private:
   Document& document_;
   const IID events_;
-  std::atomic<ULONG> references_{1};
   ComPtr<IConnectionPoint> point_;
   DWORD cookie_ = 0;
 };

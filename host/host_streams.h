@@ -4,13 +4,13 @@
 #include <marlinda.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <functional>
 #include <span>
 #include <utility>
 
 #include "core/com_ptr.h"
+#include "core/plain_object.h"
 #include "host/engine.h"
 
 namespace marlinda {
@@ -18,28 +18,12 @@ namespace marlinda {
 // An object with one interface. The dispatch methods are not implemented, because the engine calls
 // the object only through its vtable.
 template <class I>
-class HostObject : public I {
+class HostObject : public PlainObject<I> {
  public:
-  virtual ~HostObject() = default;
-
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-        !IsEqualIID(iid, __uuidof(I))) {
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<I*>(this);
-    AddRef();
-    return S_OK;
+    return PlainObject<I>::QueryInterface(IsEqualIID(iid, IID_IDispatch) ? __uuidof(I) : iid,
+                                          object);
   }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-
   STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
   STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
   STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
@@ -47,9 +31,6 @@ class HostObject : public I {
                       UINT*) override {
     return E_NOTIMPL;
   }
-
- private:
-  std::atomic<ULONG> references_{1};
 };
 
 using ReadFunction = std::function<HRESULT(IAudioReader*, __int64, SAFEARRAY*)>;

@@ -28,6 +28,7 @@ class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
   }
 
  private:
+  const marlinda::ModuleObjectCount module_count_;
   const marlinda::ClassEntry& entry_;
 };
 
