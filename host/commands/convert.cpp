@@ -83,7 +83,6 @@ void Convert(const ConvertOptions& options, const Console& console) {
     if (to != audio.format) NewConverter(audio.format, to);
     annotations = AtRate(source.ReadAnnotations(), audio.format.rate, to.rate);
     wave->SetTexts({source.ReadTags(), annotations, source.ReadAcidData()});
-    wave->RequireRoom(frames, to, bits);
     if (audio.reader) return ConvertFromPool(audio, to, bits, *wave, console);
     return ConvertDirectly(source, to, bits, *wave, console);
   };
