@@ -28,8 +28,6 @@ class Conversion {
   ImportedAudio Finish();
 
  private:
-  HRESULT Pump();
-
   const ImportedAudio from_;
   const AudioFormat format_;
   const std::int64_t frames_;  // of the converted audio

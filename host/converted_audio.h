@@ -4,7 +4,9 @@
 #include <converter.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "core/constants.h"
 #include "core/sample_count.h"
@@ -27,22 +29,6 @@ inline ComPtr<IFormatConverter> NewConverter(const AudioFormat& from, const Audi
   return converter;
 }
 
-// Writes at most `wanted` frames of the converter's output and returns the number written.
-inline __int64 WriteOutput(IFormatConverter* converter, IAudioWriter* writer, SHORT channels,
-                           __int64 wanted) {
-  SAFEARRAY* output = nullptr;
-  Check(converter->GetOutput(&output));
-  if (output == nullptr) return 0;
-  const FloatArray owned(output);
-  const auto ready = static_cast<__int64>(owned.samples().size()) / channels;
-  const __int64 frames = std::min(ready, wanted);
-  if (frames == 0) return 0;
-  const FloatArray head(static_cast<std::size_t>(frames * channels));
-  std::ranges::copy(owned.samples().first(head.samples().size()), head.samples().begin());
-  Check(writer->WriteAudio(head.get()));
-  return frames;
-}
-
 // Returns the input's format, with `rate` and `channels` replaced if they are given.
 inline AudioFormat TargetFormat(const AudioFormat& from, std::optional<int> rate,
                                 std::optional<int> channels) {
@@ -62,31 +48,58 @@ inline Annotations AtRate(Annotations annotations, LONG from, LONG to) {
   return annotations;
 }
 
-// Converts the audio into a new pool. Audio that has the format `to` is returned unchanged.
-inline ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
-                                  const Console& console) {
-  const AudioFormat& from = audio.format;
-  if (from == to) return audio;
+// Converts the audio into a pool. Calls `progress` before each block; an exception of `progress`
+// ends the conversion.
+inline void ConvertInto(IAudioPool* pool, IFormatConverter* converter, const ImportedAudio& audio,
+                        const AudioFormat& to,
+                        const std::function<void(__int64 written)>& progress) {
   constexpr __int64 kBlockFrames = 65536;
-  const ComPtr<IFormatConverter> converter = NewConverter(from, to);
-  const ComPtr<IAudioPool> pool = NewPool();
-  const auto writer = Query<IAudioWriter>(pool.Get());
+  const AudioFormat& from = audio.format;
+  const auto writer = Query<IAudioWriter>(pool);
   Check(writer->SetFormat(to.rate, to.channels));
   Check(writer->OpenDevice());
   const OpenReader open(audio.reader.Get());
   const __int64 total = ConvertSampleCount(audio.frames, from.rate, to.rate);
   __int64 written = 0;
+  std::vector<float> output;
   for (__int64 at = 0; written < total; at += kBlockFrames) {
-    if (console.Interrupted()) throw NothingWritten("");
+    progress(written);
     // Silence after the end flushes the last frames from the converter's filter.
     const __int64 frames = std::clamp<__int64>(audio.frames - at, 0, kBlockFrames);
-    const FloatArray block(
+    const FloatArray input(
         static_cast<std::size_t>((frames > 0 ? frames : kBlockFrames) * from.channels));
-    if (frames > 0) Check(audio.reader->ReadAudio(at, block.get()));
-    Check(converter->Convert(block.get()));
-    written += WriteOutput(converter.Get(), writer.Get(), to.channels, total - written);
+    if (frames > 0) Check(audio.reader->ReadAudio(at, input.get()));
+    Check(converter->Convert(input.get()));
+    SAFEARRAY* converted = nullptr;
+    Check(converter->GetOutput(&converted));
+    if (converted == nullptr) continue;
+    const FloatArray owned(converted);
+    output.insert(output.end(), owned.samples().begin(), owned.samples().end());
+
+    // Writes multiples of 256 frames. Otherwise the pool's peaks would not match the frames.
+    const __int64 ready = static_cast<__int64>(output.size()) / to.channels;
+    const __int64 rest = total - written;
+    const __int64 count = ready >= rest ? rest : ready / kFramesPerPeak * kFramesPerPeak;
+    if (count == 0) continue;
+    const FloatArray block(static_cast<std::size_t>(count * to.channels));
+    const auto end = output.begin() + count * to.channels;
+    std::copy(output.begin(), end, block.samples().begin());
+    output.erase(output.begin(), end);
+    Check(writer->WriteAudio(block.get()));
+    written += count;
   }
   Check(writer->CloseDevice());
+}
+
+// Converts the audio into a new pool. Audio that has the format `to` is returned unchanged.
+inline ImportedAudio ConvertAudio(const ImportedAudio& audio, const AudioFormat& to,
+                                  const Console& console) {
+  if (audio.format == to) return audio;
+  const ComPtr<IFormatConverter> converter = NewConverter(audio.format, to);
+  const ComPtr<IAudioPool> pool = NewPool();
+  ConvertInto(pool.Get(), converter.Get(), audio, to, [&console](__int64) {
+    if (console.Interrupted()) throw NothingWritten("");
+  });
   return LastTake(pool.Get());
 }
 
