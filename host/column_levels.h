@@ -6,8 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <utility>
 #include <vector>
+
+#include "core/samples/extremes.h"
 
 namespace marlinda {
 
@@ -23,9 +24,9 @@ class ColumnLevels {
 
   // Adds the next whole frames. Frames beyond the last column are ignored.
   void Add(std::span<const float> samples) {
-    while (!samples.empty() && position_ < frames_) {
+    while (samples.size() >= channels_ && position_ < frames_) {
       const std::int64_t column = position_ * columns_ / frames_;
-      const std::int64_t left = ((column + 1) * frames_ + columns_ - 1) / columns_ - position_;
+      const std::int64_t left = BeginOf(column + 1) - position_;
       const auto count = std::min(static_cast<std::size_t>(left), samples.size() / channels_);
       AddTo(static_cast<std::size_t>(column), samples.first(count * channels_));
       samples = samples.subspan(count * channels_);
@@ -53,19 +54,13 @@ class ColumnLevels {
     return (column * frames_ + columns_ - 1) / columns_;
   }
   void AddTo(std::size_t column, std::span<const float> samples) {
-    const bool first = position_ == BeginOf(static_cast<std::int64_t>(column));
+    const auto pairs = std::span(pairs_).subspan(2 * column * channels_, 2 * channels_);
+    if (position_ == BeginOf(static_cast<std::int64_t>(column))) {
+      for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = samples[i / 2];
+    }
+    ExtendBySamples(pairs, samples);
+    if (squares_.empty()) return;
     for (std::size_t channel = 0; channel < channels_; ++channel) {
-      float* const pair = &pairs_[2 * (column * channels_ + channel)];
-      if (first) pair[0] = pair[1] = std::isnan(samples[channel]) ? 0 : samples[channel];
-      float low = pair[0];
-      float high = pair[1];
-      for (std::size_t i = channel; i < samples.size(); i += channels_) {
-        low = samples[i] < low ? samples[i] : low;
-        high = samples[i] > high ? samples[i] : high;
-      }
-      pair[0] = low;
-      pair[1] = high;
-      if (squares_.empty()) continue;
       double& sum = squares_[column * channels_ + channel];
       for (std::size_t i = channel; i < samples.size(); i += channels_) {
         sum += double{samples[i]} * samples[i];

@@ -13,6 +13,7 @@
 #include <stb/stb_image_write.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 
 #include "host/file_name.h"
@@ -88,11 +89,17 @@ int DrawAudio(IAudioReader* reader, const Annotations& annotations, const Pictur
   RangePicture picture(request, range, format);
   const OpenReader open(reader);
   constexpr __int64 kBlockFrames = 65536;
+  const auto block_of = [&](__int64 at) {
+    return static_cast<std::size_t>(std::min(kBlockFrames, range.end - at) * format.channels);
+  };
+  std::unique_ptr<const FloatArray> block;
   for (__int64 at = range.begin; at < range.end; at += kBlockFrames) {
-    const auto block_frames = std::min(kBlockFrames, range.end - at);
-    const FloatArray block(static_cast<std::size_t>(block_frames * format.channels));
-    Check(reader->ReadAudio(at, block.get()));
-    picture.Add(Finite(block.samples()));
+    if (!block || block->samples().size() != block_of(at)) {
+      block = std::make_unique<const FloatArray>(block_of(at));
+    }
+    Check(reader->ReadAudio(at, block->get()));
+    MakeFinite(block->samples());
+    picture.Add(block->samples());
   }
   return picture.Draw(annotations);
 }

@@ -112,12 +112,10 @@ std::filesystem::path PathOf(const std::string& file) { return Widen(file); }
 
 }  // namespace
 
-std::vector<float> Finite(std::span<const float> samples) {
-  std::vector<float> finite(samples.begin(), samples.end());
-  for (float& sample : finite) {
+void MakeFinite(std::span<float> samples) {
+  for (float& sample : samples) {
     if (!std::isfinite(sample)) sample = std::isnan(sample) ? 0.0F : std::copysign(1.0F, sample);
   }
-  return finite;
 }
 
 HostError NothingWritten(const std::string& subject) {
@@ -322,8 +320,9 @@ ImportedAudio Source::Stream(const SampleFunction& take, const Console& console,
   const auto write = [&](const AudioFormat& format, SAFEARRAY* array) {
     if (failure || format.channels <= 0) return E_FAIL;
     try {
-      const std::span<const float> samples = SamplesOf(array);
-      floats ? take(format, Finite(samples)) : take(format, samples);
+      const std::span<float> samples = SamplesOf(array);
+      if (floats) MakeFinite(samples);
+      take(format, samples);
       audio.format = format;
       audio.frames += static_cast<__int64>(samples.size()) / format.channels;
       return S_OK;

@@ -105,8 +105,8 @@ class OpenReader {
   IAudioReader* reader_;
 };
 
-// Returns the samples with NaN replaced by 0 and infinity by full scale.
-std::vector<float> Finite(std::span<const float> samples);
+// Replaces NaN by 0 and infinity by full scale.
+void MakeFinite(std::span<float> samples);
 
 // Returns the labels and markers of an object, or none if it lacks the interfaces.
 Annotations ReadAnnotations(IUnknown* object);
