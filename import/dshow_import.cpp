@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/annotation_support.h"
+#include "core/file_access.h"
 #include "core/handle.h"
 #include "core/resource.h"
 #include "core/sample_array.h"
@@ -40,18 +41,7 @@ class FileSource final : public ByteSource {
 
   std::uint64_t size() const override { return size_; }
   std::size_t Read(std::uint64_t offset, std::span<std::byte> out) override {
-    constexpr std::size_t kMaxRead = std::size_t{1} << 30;
-    std::size_t done = 0;
-    while (done < out.size()) {
-      OVERLAPPED at = {};
-      at.Offset = static_cast<DWORD>(offset + done);
-      at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
-      DWORD count = 0;
-      const auto wanted = static_cast<DWORD>(std::min(out.size() - done, kMaxRead));
-      if (!ReadFile(file_.get(), out.data() + done, wanted, &count, &at) || count == 0) break;
-      done += count;
-    }
-    return done;
+    return ReadAt(file_.get(), static_cast<std::int64_t>(offset), out).count;
   }
 
  private:
