@@ -19,8 +19,15 @@ namespace marlinda {
 // Creates or empties the file `name`, with exclusive write access. On failure, returns an empty
 // handle and sets the thread's last error.
 inline FileHandle CreateTargetFile(const std::string& name) noexcept {
-  return FileHandle(CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_NORMAL, nullptr));
+  const auto create = [&name](DWORD disposition) {
+    return FileHandle(CreateFileA(name.c_str(), GENERIC_WRITE, 0, nullptr, disposition,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+  };
+  // Under Wine, CREATE_ALWAYS truncates even a new file. Some file systems write a truncated file
+  // to the disk on closing, which takes longer than the export.
+  FileHandle file = create(CREATE_NEW);
+  if (!file && GetLastError() == ERROR_FILE_EXISTS) file = create(CREATE_ALWAYS);
+  return file;
 }
 
 // Returns false and sets the thread's last error if not everything could be written.
