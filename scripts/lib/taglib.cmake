@@ -1,0 +1,15 @@
+# Compiles TagLib's sources in one group per folder, which takes half the time. Included by TagLib's own CMake files.
+function(group_sources)
+  get_target_property(sources tag SOURCES)
+  get_target_property(folder tag SOURCE_DIR)
+  foreach(source ${sources})
+    get_filename_component(group ${source} DIRECTORY)
+    string(MAKE_C_IDENTIFIER "${group}" group)
+    # The sources of these two folders need their headers in different orders.
+    if(NOT group MATCHES "^(mp4|mpeg)$")
+      set_property(SOURCE ${folder}/${source} TARGET_DIRECTORY tag PROPERTY UNITY_GROUP g${group})
+    endif()
+  endforeach()
+  set_target_properties(tag PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+endfunction()
+cmake_language(DEFER CALL group_sources)
