@@ -28,7 +28,7 @@ void CheckTask(HRESULT hr) {
 // is then cancelled. The bar advances from `done` by `share`.
 bool RunTask(ICoreTask* task, ProgressBar& bar, const Console& console, double done = 0,
              double share = 1) {
-  constexpr DWORD kPollMilliseconds = 20;
+  constexpr DWORD kPollMilliseconds = 5;
   CheckTask(task->Start());
   for (;;) {
     VARIANT_BOOL running = VARIANT_FALSE;
