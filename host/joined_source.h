@@ -1,6 +1,7 @@
 // JoinedSource: several input files in sequence, used as a single file.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <optional>
 #include <span>
@@ -48,21 +49,23 @@ class JoinedSource {
     }
     return whole;
   }
-  // Call ImportParts, which works as in Source, only if CanImportParts returns true.
-  bool CanImportParts() const { return sources_.size() == 1 && first().Expected(); }
-  ImportedAudio ImportParts(std::vector<FrameRange> parts, const Console& console) {
-    annotations_ = first().ReadAnnotations();
-    return sources_.front().ImportParts(std::move(parts), console);
-  }
 
   // Decodes all files. Converts each file to `rate` and `channels`, or to the first file's values
   // if these are not given. Labels and markers move with their file.
-  ImportedAudio Import(std::optional<int> rate, std::optional<int> channels,
-                       const Console& console) {
+  //
+  // If `parts` is given, other frames of the whole may be silent. If a file then holds less than it
+  // announces, this file and the next files are decoded completely.
+  ImportedAudio Import(std::optional<int> rate, std::optional<int> channels, const Console& console,
+                       const std::vector<FrameRange>* parts = nullptr) {
     ImportedAudio whole;
     auto document = ComPtr<IEditedAudio>();
     for (Source& source : sources_) {
-      const ImportedAudio audio = source.Import(console);
+      const auto expected = parts != nullptr ? source.Expected() : std::nullopt;
+      const ImportedAudio audio = expected
+                                      ? ImportPartsOf(source, *expected, *parts, whole, console)
+                                      : source.Import(console);
+      // After a damaged file, the frames of the next files move.
+      if (expected && audio.frames != expected->frames) parts = nullptr;
       if (!document) {
         whole.format = TargetFormat(audio.format, rate, channels);
         document = NewDocument(whole.format, 32);
@@ -76,10 +79,26 @@ class JoinedSource {
     whole.reader = Query<IAudioReader>(document.Get());
     return whole;
   }
-  // Labels and markers of the whole. Valid after Import or ImportParts.
+  // Labels and markers of the whole. Valid after Import.
   const Annotations& annotations() const { return annotations_; }
 
  private:
+  // Decodes what the parts of the whole need of `file`, which follows `before`. Decodes all of a
+  // file that must be converted.
+  static ImportedAudio ImportPartsOf(Source& source, const ImportedAudio& file,
+                                     const std::vector<FrameRange>& parts,
+                                     const ImportedAudio& before, const Console& console) {
+    if (before.frames > 0 && file.format != before.format) return source.Import(console);
+    std::vector<FrameRange> own;
+    for (const FrameRange& part : parts) {
+      const FrameRange range = {std::max<__int64>(part.begin - before.frames, 0),
+                                std::min(part.end - before.frames, file.frames)};
+      if (range.begin < range.end) own.push_back(range);
+    }
+    if (!own.empty()) return source.ImportParts(std::move(own), console);
+    return {Silence(file.frames, file.format), file.format, file.frames};
+  }
+
   std::deque<Source> sources_;
   Annotations annotations_;
 };

@@ -70,8 +70,7 @@ void Cut(const CutOptions& options, const Console& console) {
     plan = PlanCut(options.request, expected->frames, expected->format.rate);
     wave.RequireRoom(plan.length, expected->format, bits);
   }
-  const ImportedAudio audio = source.CanImportParts() ? source.ImportParts(plan.pieces, console)
-                                                      : source.Import({}, {}, console);
+  const ImportedAudio audio = source.Import({}, {}, console, expected ? &plan.pieces : nullptr);
   if (!expected || audio.frames != expected->frames) {
     plan = PlanCut(options.request, audio.frames, audio.format.rate);
   }

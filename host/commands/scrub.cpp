@@ -114,6 +114,18 @@ class Scrubber {
   StatusLine line_;
 };
 
+// Returns the positions of --at in the audio.
+std::vector<std::int64_t> ResolveAt(const ScrubOptions& options, const ImportedAudio& audio) {
+  std::vector<std::int64_t> positions;
+  const auto resolve = [&](std::string_view text) {
+    for (const Timecode& time : ParseTimes(text)) {
+      positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
+    }
+  };
+  if (!options.at.empty()) ForOption("--at " + options.at, resolve, options.at);
+  return positions;
+}
+
 void Scrub(const ScrubOptions& options, const Console& console) {
   if (!options.at.empty()) ForOption("--at", ParseTimes, options.at);
   const std::chrono::microseconds hold(
@@ -123,14 +135,19 @@ void Scrub(const ScrubOptions& options, const Console& console) {
   }
   const auto device = DeviceChoice::OfOutputs(options.device);
   Source source(options.input);
-  const ImportedAudio audio = source.Import(console);
-  std::vector<std::int64_t> positions;
-  const auto resolve = [&](std::string_view text) {
-    for (const Timecode& time : ParseTimes(text)) {
-      positions.push_back(ResolvePosition(time, audio.frames, audio.format.rate));
+  const auto expected = options.at.empty() ? std::nullopt : source.Expected();
+  std::vector<FrameRange> parts;
+  if (expected) {
+    // Scrubbing plays a tenth of a second around a position.
+    const LONG margin = expected->format.rate;
+    for (const std::int64_t position : ResolveAt(options, *expected)) {
+      parts.push_back({std::max<std::int64_t>(position - margin, 0),
+                       std::min<std::int64_t>(position + margin, expected->frames)});
     }
-  };
-  if (!options.at.empty()) ForOption("--at " + options.at, resolve, options.at);
+  }
+  const ImportedAudio audio =
+      expected ? source.ImportParts(std::move(parts), console) : source.Import(console);
+  const std::vector<std::int64_t> positions = ResolveAt(options, audio);
 
   const SHORT bits = ChooseOutputBits(device, audio.format);
   const auto document = NewDocument(audio.format, bits);

@@ -193,6 +193,8 @@ class HostTest(ProgramTest):
         status, _, messages = run("cut", hole, self.out, "--keep", "0.5:")
         self.assertEqual((status, frames_of(self.out)), (0, self.piece(RATE // 2, whole)))
         self.assertIn(f"only {whole} of {FRAMES} frames", messages)
+        run("cut", hole, self.ogg, self.out, "--keep", f"0.5:{whole + RATE}f")
+        self.assertEqual(frames_of(self.out), self.piece(RATE // 2, whole) + self.piece(0, RATE))
 
     def test_join_keeps_pitch_length_and_labels_of_files_in_other_formats(self):
         self.succeed("cut", self.ogg, self.out, "--keep", ":1", "--label", "0.5:Half")
@@ -344,6 +346,8 @@ class HostTest(ProgramTest):
         options = {"most_bytes": 2_000_000}
         self.succeed("cut", long, self.out, "--keep", "2:59:58.5:2:59:59.5", "--keep", "1f:10f", **options)
         self.assertEqual(frames_of(self.out), self.piece(RATE // 2, RATE * 3 // 2) + bytes(36))
+        self.succeed("cut", self.ogg, long, self.out, "--keep", "2.5:3", "--keep", "3:00:01.5:3:00:02.5", **options)
+        self.assertEqual(frames_of(self.out), self.piece(RATE * 5 // 2, FRAMES) + self.piece(RATE // 2, RATE * 3 // 2))
         self.succeed("plot", long, self.png, "--from", "2:59:59", **options)
         # The program refuses these commands before any import.
         for command in (["convert", long], ["join", long, long]):
