@@ -23,7 +23,7 @@ class CMarlindaModule {
   bool Unlock() noexcept;
   bool CanUnload() const noexcept { return objects_ == 0 && locks_ == 0; }
 
-  // Returns string resource `id` in the system's ANSI code page, or an empty text on failure.
+  // Returns string resource `id` in the system's ANSI code page, or an empty string on failure.
   std::string LoadText(UINT id) const;
 
  private:

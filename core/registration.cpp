@@ -43,7 +43,8 @@ std::wstring Replace(std::wstring text, const Replacements& replacements) {
   return text;
 }
 
-// Splits a line before replacing names, because a replacement may contain " = " or " @".
+// Returns the entries of a script. Splits each line before it replaces the %NAME%s, because a
+// replacement may contain " = " or " @".
 std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   const HINSTANCE instance = TheModule().Instance();
   const HRSRC resource = FindResourceW(instance, MAKEINTRESOURCEW(id), L"REGISTRY");

@@ -33,7 +33,7 @@ class OverlapAdd {
     assert(block_frames % 2 == 0);
   }
 
-  // The samples of one pass: half a block.
+  // The number of samples in one pass: half a block.
   std::size_t OutputSamples() const noexcept { return overlap_.size(); }
 
   // Fades out the second half of the previous block and fades in the first half of `block`. `block`

@@ -109,9 +109,10 @@ inline bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size
       });
 }
 
-// `piece` is the range in the source, `columns` its width in pixel columns. `pairs` are the columns
-// that lie in the host's array. The pairs stay unchanged if the source cannot be opened or read,
-// or if the width requires peaks and the source has none. A null source is silence.
+// `piece` is the range in the source, `columns` its width in pixel columns. `pairs` receives a
+// minimum and a maximum per channel for each of the columns that lie in the host's array. The pairs
+// stay unchanged if the source cannot be opened or read, or if the piece must be drawn from peaks
+// and the source has none. A null source is silence.
 inline void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels,
                       __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {

@@ -24,7 +24,7 @@ std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggest
 
 // Returns the failure of the exception that is being handled. Call in a catch block.
 HostError CurrentFailure();
-// Shows what failed, on what, why, and what to do.
+// Shows the operation that failed (`what`), then the error's subject, reason and remedy.
 void ShowFailure(HWND owner, const std::string& what, const HostError& error);
 
 }  // namespace marlinda::editor

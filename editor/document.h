@@ -93,8 +93,8 @@ class Document {
   std::int64_t clipboard_frames_ = 0;
   UndoStack<ComPtr<IEditedAudio>> undo_;
   Tags saved_tags_;
-  bool stored_ = false;            // the undo step of the open change exists
-  std::int64_t changed_from_ = 0;  // the first frame that the open change may have changed
+  bool stored_ = false;            // StoreUndo has stored the step of the current edit
+  std::int64_t changed_from_ = 0;  // the first frame that the current edit may have changed
   AudioFormat format_;
   std::int64_t frames_ = 0;
   Annotations annotations_;

@@ -55,7 +55,7 @@ class UndoStack {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   struct Step {
     std::string name;
-    State state;  // the state before the edit; after it if the edit is undone
+    State state;  // before the edit, or after it while the edit is undone
   };
 
   std::vector<Step> steps_;

@@ -18,7 +18,8 @@ void Waveform::Read(IEditedAudio* audio, int channels, const View& view) {
     channels_ = channels;
     zoom_ = view.zoom();
   }
-  // Includes frames just outside the window, because lines lead to their points.
+  // Also reads the columns just outside the window, because the lines drawn to their points cross
+  // the window.
   const std::int64_t per_column = zoom_.pixels;
   const std::int64_t first = std::max<std::int64_t>(0, view.origin() / per_column - 1);
   const std::int64_t past = (view.origin() + view.width()) / per_column + 2;

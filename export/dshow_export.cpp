@@ -108,7 +108,7 @@ class DShowExportJob : public TaskJob {
       file->Finish();
     });
     file.reset();
-    // The missing file shows the failure, because a task cannot report one.
+    // A task cannot report a failure, so a client sees it only from the missing file.
     if (FAILED(writing)) DeleteFileA(path_.c_str());
     reader_.Reset();
   }

@@ -187,7 +187,7 @@ class CMpegSettings final : public SettingsDialog {
       if (SendMessageA(list, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(line.c_str())) < 0) {
         throw HResultError(E_OUTOFMEMORY);
       }
-      // The table is sorted, so list lines and table rows have the same numbers.
+      // The list holds the first rows of the sorted table, so a line has the same index as its row.
       if (rate == value_) SendMessageA(list, CB_SETCURSEL, static_cast<WPARAM>(row), 0);
     }
     return list;

@@ -45,8 +45,8 @@ class DeviceChoice {
 // that fails to open. Throws a HostError if the device opens with neither width.
 SHORT ChooseOutputBits(const DeviceChoice& device, const AudioFormat& format);
 
-// Opens the device for recording, with bits chosen as by ChooseOutputBits. Returns the open
-// grabber. Throws a HostError.
+// Opens the device for recording, with 32 bits (floats) or, if the device refuses them, with 16.
+// Returns the open grabber. Throws a HostError if the device refuses both.
 ComPtr<IAudioReader> OpenGrabber(const DeviceChoice& device, const AudioFormat& format);
 
 // The error of a device that was lost while in use. `what` states the effect.

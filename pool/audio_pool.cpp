@@ -68,8 +68,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
   }
   // Without a take, both methods leave the out-pointer unchanged. The reader gets the pool's
-  // current bit depth. The pool does not record the bit depth of a take, so a changed bit depth
-  // makes earlier takes unreadable. If the reader cannot be created, the cursor does not move.
+  // current bit depth. The pool does not record the bit depth of a take. So after a change of the
+  // bit depth, a new reader misreads the earlier takes. If the reader cannot be created, the next
+  // CreatePrevReader tries the same take again.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
     cursor_ = takes_.size();

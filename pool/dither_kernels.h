@@ -26,8 +26,8 @@ struct ShapingErrors {
 // A filter with these taps moves the errors' noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// Smaller errors cannot change any code and are dropped. In silence they would decay to denormals,
-// which slow the processor down.
+// Errors below this are set to 0, because they cannot change the integer that a sample is rounded
+// to. In silence they would otherwise decay to denormals, which slow the processor down.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
 // Rounds the samples to codes, frame by frame. `errors` has one entry per channel and carries over

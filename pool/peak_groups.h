@@ -1,4 +1,5 @@
-// PeakGroups: caches the minimum and maximum of each 64 peaks, so that a range query reads little.
+// PeakGroups: caches the minimum and maximum of every group of 64 peaks, so that a range query
+// reads little.
 #pragma once
 
 #include <algorithm>

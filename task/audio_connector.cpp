@@ -95,9 +95,9 @@ class CAudioConnector final
     });
   }
 
-  // ICoreTask. Start and Cancel do their work and return E_NOTIMPL; ignore the result. Start starts
-  // the export, then the import, and ignores their results. Cancel cancels the export first, whose
-  // file stays valid, and then the import.
+  // ICoreTask. Start and Cancel do their work but always return E_NOTIMPL, so callers must ignore
+  // the result. Start starts the export, then the import, and ignores their results. Cancel first
+  // cancels the export, which leaves a valid file, and then the import.
   STDMETHODIMP Start() override {
     ComCall([&] {
       LearnSource();

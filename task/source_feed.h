@@ -65,8 +65,9 @@ class SourceFeed {
   const StreamFormat& target() const noexcept { return target_; }
   PacedQueue& queue() noexcept { return queue_; }
 
-  // Host: sets the source's format and length in frames. Creates the converter if the format is
-  // known and differs from the target. Without a converter, samples pass unchanged.
+  // Called on the host's thread. Sets the source's format and length in frames. Creates the
+  // converter if the format is known and differs from the target. Without a converter, samples pass
+  // unchanged.
   void SetSource(const StreamFormat& format, __int64 frames) {
     {
       const std::lock_guard lock(mutex_);
@@ -79,15 +80,17 @@ class SourceFeed {
     const std::lock_guard lock(mutex_);
     converter_.Swap(converter);
   }
-  // Host: sets whether the import task ran at the last poll.
+  // Called on the host's thread. Sets whether the import task ran at the last poll.
   void SetImportRuns(bool runs) noexcept { import_runs_ = runs; }
-  // Host: waits for the current read of the reader to end and prevents further reads.
+  // Called on the host's thread. Waits for the current read of the reader to end and prevents
+  // further reads.
   void DetachReader() {
     const std::lock_guard lock(mutex_);
     reader_ = nullptr;
   }
 
-  // Export's thread. If the source has stopped, fills the rest with 0.0 and returns S_FALSE.
+  // Called on the export's thread. If the source has stopped, fills the rest with 0.0 and returns
+  // S_FALSE.
   HRESULT Read(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);
@@ -108,7 +111,8 @@ class SourceFeed {
     }
     return S_OK;
   }
-  // Import's thread. Waits for room. Drops the block if the queue is interrupted.
+  // Called on the import's thread. Waits until the queue has room. Drops the block if the queue is
+  // interrupted.
   HRESULT Write(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);

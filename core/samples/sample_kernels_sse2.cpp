@@ -1,5 +1,6 @@
 // The sample converters with SSE2. Codes of 8 and 16 bits are rounded in double precision, as in
-// the scalar form. Single precision is exact for all other conversions.
+// the scalar form. For all other conversions, single precision gives the same results as the scalar
+// form.
 #include <emmintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"

@@ -146,8 +146,8 @@ constexpr std::array kKinds = {"AIFF", "AU",  "AVI", "FLAC", "MOV", "MP3",
                                "MPG",  "OGG", "WAV", "WMA",  "WMV"};
 constexpr DWORD kDecodingSeconds = 30;
 
-// Extracts the tone of this kind and starts a process that writes the tone's peaks, both to
-// `folder`. A separate process is needed, because a decoder of the system can crash or hang.
+// Writes the tone of this kind into `folder` and starts a process that writes the tone's peaks
+// there. This needs a separate process, because a system decoder can crash or hang.
 KernelHandle StartDecoding(const std::string& program, const std::filesystem::path& folder,
                            const char* kind) {
   const HRSRC tone = FindResourceA(nullptr, kind, "TONE");

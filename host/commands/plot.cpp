@@ -49,7 +49,8 @@ void Plot(PlotOptions options, const Console& console) {
     const ImportedAudio part = source.Stream(
         [&](const AudioFormat&, auto samples) { picture.Add(samples); }, console, range);
     if (part.frames == range.end - range.begin) height = picture.Draw(annotations);
-    if (!height) source.Initialize();  // the file holds less than it announces
+    // The file holds fewer frames than it announces, so it is decoded again, into the pool.
+    if (!height) source.Initialize();
   }
   const ImportedAudio audio = height ? *expected : source.Import(console);
   if (!height) height = DrawAudio(audio.reader.Get(), annotations, options.picture);

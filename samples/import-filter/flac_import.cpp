@@ -29,7 +29,8 @@ constexpr wchar_t kListedAs[] = L"CFlacImport";
 constexpr GUID kTypeLibrary = {
     0xF70A5B7A, 0x7291, 0x4204, {0x93, 0xE6, 0xE7, 0x5F, 0xDA, 0xEF, 0x39, 0xFC}};
 
-// If several filters accept a file, the highest merit wins. Built-in filters have 100 and 200.
+// If several filters accept a file, the highest merit wins. Built-in filters have the merits 100
+// and 200.
 constexpr SHORT kMerit = 150;
 constexpr ULONG kFramesInBlock = 16384;
 // The smallest frame of a file (header and two checksums), and the most samples in a frame.

@@ -238,7 +238,8 @@ TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
   };
   for (int round = 1; round <= 5; ++round) {
     writer_->closed = false;
-    // Stop inside WriteAudio does not wait for that call, so Start may fail for a moment.
+    // A Stop that is called inside WriteAudio does not wait until WriteAudio returns, so Start may
+    // fail for a moment.
     WaitUntil([&] { return Start(2, 2) == S_OK; });
     WaitUntil([&] { return calls > 0; });
     EXPECT_EQ(scrubber_->Stop(), S_OK);

@@ -33,7 +33,8 @@ TEST(Edits, LeaveTheIterationOnItsSegment) {
   EXPECT_EQ(list.Next()->begin, 303);
 }
 
-// If each edit or read visits all segments, this takes half an hour and CTest ends the test.
+// If each edit or read visited all segments, this test would take half an hour, and CTest would end
+// it.
 TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
   constexpr std::int64_t kSegments = 1'000'000;
   SegmentList<int> list;

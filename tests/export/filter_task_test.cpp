@@ -103,7 +103,7 @@ TEST_P(FilterTaskTest, RunsOnceWithProgressThatGrowsToOneAndReleasesItsClient) {
   on_block = [&] {
     seen.push_back(Progress());
     EXPECT_TRUE(IsRunning());
-    // The running task refuses a second start and another file.
+    // While the task runs, Start and Initialize fail.
     EXPECT_EQ(task->Start(), E_FAIL);
     EXPECT_EQ(Initialize(), E_FAIL);
   };

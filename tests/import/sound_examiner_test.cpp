@@ -84,7 +84,8 @@ Bytes MpegWithInfo(int before, int behind) {
   return frame + MpegFrames(5);
 }
 
-// Expects as many decoded samples as announced. Returns their number for all channels.
+// Expects the stream to deliver as many samples as it announces. Returns this number, summed over
+// all channels.
 std::size_t MpegSamples(const Bytes& file) {
   MemorySource source(file);
   const auto stream = MpegStream::Open(source, ExamineSound(source).mpeg.value());

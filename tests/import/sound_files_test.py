@@ -104,7 +104,7 @@ class SoundFiles(unittest.TestCase):
                 if steps is None:
                     self.assertGreater(max(got), 0.2)
                     continue
-                # ffmpeg counts the padding of Ogg files.
+                # For Ogg files, ffmpeg also outputs the padding at the end. The slice removes it.
                 most = 4 * FRAMES if name.endswith(".ogg") else None
                 expected = engine_floats(ffmpeg("-i", self.folder / name, "-f", "s16le", "-")[:most], "s16le")
                 self.assertEqual(len(got), len(expected))

@@ -33,7 +33,7 @@ std::unique_ptr<VorbisStream> OpenStream(const std::filesystem::path& path, unsi
 }
 
 // Reads to the end with a buffer of exactly `room` samples, so that a sanitizer detects writes past
-// the buffer. Reads after the end must return nothing.
+// the buffer. A further Read must return nothing.
 Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
   Decoded result;
   std::vector<std::int16_t> buffer(room);

@@ -176,7 +176,7 @@ class PackageTest(unittest.TestCase):
         programs = ["x64", "x86"][:1 + BOTH]
         output = self.installed("/AllUsers /Path", "Program Files/Tessaly", rf"""
             for bits in {' '.join(programs)}; do
-              # This copy of the program has no manifest.
+              # Copies the program without its manifest, so that it uses the registered module.
               (cp $bits/marlinda.exe {self.top} && cd {self.top} && wine ./marlinda.exe doctor --json)
               echo "--"
               system=system32; [[ $bits == x64 ]] || system=syswow64

@@ -62,7 +62,7 @@ class RampSource : public TestObject<IAudioReader> {
   RampSource(char name, SHORT channels, CallLog* log, LONG samples_per_sec)
       : name_(name), channels_(channels), samples_per_sec_(samples_per_sec), log_(log) {}
 
-  // Called for every call of IAudioReader.
+  // Every method of IAudioReader calls this, with its own call as text.
   virtual void Note(const std::string& call) {
     if (log_ != nullptr) log_->push_back(name_ + ("." + call));
   }
