@@ -186,9 +186,10 @@ class SoundTest(ProgramTest):
 
     def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
+            # The recording comes first, because the other commands' pools would look like its take.
+            take = record(self.out, *LONG, environment=one)
             play = Run("play", self.ogg, "--loop", environment=one)
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600", environment=other)
-            take = record(self.out, *LONG, environment=one)
             Heard(speaker).wait_for(RATE // 2)
             Heard(other_speaker).wait_for(RATE // 2)
             kill_server(one)
