@@ -1,4 +1,5 @@
-// Tests the rules of COM for every class of the module, IDispatch, sample arrays and threads.
+// Tests the identity and the interfaces of every class, the module's lifetime, IDispatch, sample
+// arrays and worker threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include "core/worker_thread.h"
 #include "tests/support/com_client.h"
 #include "tests/support/contract_model.h"
+#include "tests/support/process_counts.h"
 #include "tests/support/test_object.h"
 
 namespace marlinda::testing {
@@ -331,6 +333,35 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndInconsistentArguments) {
         silence_->Invoke(kCreate, IID_NULL, 0, DISPATCH_METHOD, &each, nullptr, nullptr, nullptr),
         &each == params ? S_OK : E_INVALIDARG);
   }
+}
+
+// The calls are those that scripts make.
+TEST_F(Dispatch, LeavesNoMemoryBehind) {
+  constexpr int kTimes = 100;
+  const auto labels = As<ILabelSupport>(document_);
+  Bstr word(L"forty");
+  Floats block(8);
+  const auto call = [&](int times) {
+    for (int i = 0; i < times; ++i) {
+      VARIANT position = kEmpty;
+      VARIANT name = kEmpty;
+      Outcome(labels.Get(), kAddLabel, {Long(7), Value(VT_BSTR, BSTR{word})});
+      Outcome(labels.Get(), kGetLabel, {Long(0), Variable(position), Variable(name)});
+      EXPECT_EQ(V_VT(&name), VT_BSTR);
+      VariantClear(&name);
+      EXPECT_EQ(Outcome(labels.Get(), kGetLabel, {Long(9), kEmpty, kEmpty}).hr, DISP_E_EXCEPTION);
+      Outcome(silence_.Get(), kCreate, {Value(VT_BSTR, BSTR{word}), Long(2), Long(3)});
+      Outcome(silence_.Get(), kCreate, {Long(8), Long(2), Long(3)});
+      Outcome(reader_.Get(), kReadAudio, {Long(0), Array(block)});
+      Outcome(document_.Get(), kInsertSegment,
+              {Long(0), Value(VT_UNKNOWN, silence_.Get()), Long(2), Long(3)});
+      Outcome(document_.Get(), kClear, {});
+    }
+  };
+  call(kTimes);
+  const std::size_t blocks = CountHeapBlocks();
+  call(kTimes);
+  EXPECT_LT(CountHeapBlocks(), blocks + kTimes / 2);
 }
 
 TEST(SampleArrayView, LocksADescriptorWithoutATypeOnce) {

@@ -42,7 +42,8 @@ Lines Below(HKEY root, const std::wstring& path, const std::wstring& shown = L""
 
 bool Exists(const std::wstring& path) { return !Below(HKEY_CLASSES_ROOT, path).empty(); }
 
-// Omits the entries of the type library, because Wine writes a user's library for all users.
+// Omits the entries of the type library, because Wine registers it for all users even if the module
+// is registered for one user.
 Lines ClassesIn(HKEY root) {
   Lines lines = Below(root, L"Software\\Classes");
   // Ignores case, because Wine and Windows write these keys in different cases.

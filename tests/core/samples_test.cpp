@@ -57,8 +57,8 @@ std::int64_t ExactCode(double value, int bits) {
   return static_cast<std::int64_t>(code) + middle;
 }
 
-// Calls `convert` for blocks of 0 to 66 samples, from the last block to the first. A block that
-// writes past its end then destroys the block that was converted before it.
+// Calls `convert` for blocks of 0 to 66 samples, from the last block to the first. A conversion
+// that writes past the end of its block then damages a block that is already converted.
 void ForEachBlock(std::size_t left, const std::function<void(std::size_t, std::size_t)>& convert) {
   for (std::size_t length = 0; left > 0; length = (length + 1) % 67) {
     const std::size_t count = std::min(left, length);
