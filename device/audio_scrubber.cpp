@@ -156,7 +156,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     const ComPtr<IAudioWriter> writer;
     const std::size_t channel_count;
     SampleArray output;
-    // Guards the block. Start holds it until the thread may call the writer.
+    // Guards the block. Start locks this mutex until the thread may call the writer.
     std::mutex block_mutex;
     std::vector<float> block;
     const DWORD pause_milliseconds;

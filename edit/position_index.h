@@ -40,7 +40,8 @@ struct BlockSummary {
   // The lowest start and the highest end of all segments.
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Saturating sum of the absolute lengths, which is a bound on all offsets.
+  // Saturating sum of the absolute lengths: a bound on all offsets while it is below
+  // kMaxSafeLength.
   std::uint64_t absolute_length = 0;
   // The shortest length: negative if a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();

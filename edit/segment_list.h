@@ -151,7 +151,8 @@ class SegmentList {
   template <class Take>
   void ForEachPiece(const CSection& range, Take&& take) const {
     if (range.begin >= range.end) return;
-    // Without backward segments the pieces are adjacent, so the walk stops after the range.
+    // Without backward segments the segments lie in order, so the walk stops at the end of the
+    // range.
     const bool in_order = index_.AllAtLeast(0);
     for (std::size_t block = index_.FirstReaching(range.begin); block < blocks_.size(); ++block) {
       std::int64_t offset = index_.StartOf(block);

@@ -31,7 +31,7 @@ class TextDialog {
                         reinterpret_cast<LPARAM>(this)) != IDOK) {
       return false;
     }
-    // The texts use the system's code page, which lacks other characters.
+    // The engine stores texts in the system's code page, which lacks some characters.
     for (const Field& field : fields_) {
       if (FitsCodePage(Widen(field.text))) continue;
       throw HostError(ExitStatus::kUsage, field.text,

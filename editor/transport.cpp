@@ -104,7 +104,8 @@ void Transport::PollPlay() {
   __int64 position = 0;
   Check(document_.audio()->GetPlayStatus(&playing, &position));
   if (playing != VARIANT_FALSE) {
-    // At its end, a section that plays once reports its begin as position. Ignores that.
+    // When a section that plays once ends, the reported position is the start of the section.
+    // Ignores it.
     position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
     return ReadLevels();
   }

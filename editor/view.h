@@ -56,7 +56,7 @@ class View {
   void ZoomAround(std::int64_t frame, int x, double factor);
   void SetZoom(Zoom zoom);
   void ShowAll();
-  // Zooms so that the range fills the window.
+  // Zooms and scrolls so that the range is visible and as wide as the grid of zooms allows.
   void ShowRange(Range range);
   void ScrollTo(std::int64_t origin);
   void ScrollBy(std::int64_t pixels) { ScrollTo(origin_ + pixels); }

@@ -1,8 +1,8 @@
 // CMp3Encoder: an audio compressor for DirectShow graphs. The input is 16-bit PCM of one or two
 // channels. The output is MPEG layer 3 with the input's rate and channels. IAMStreamConfig sets the
-// bit rate before the output is connected. If the receiver offers IStream, as file writers do, the
-// encoder at the end overwrites the file's first frame with the information frame, which holds the
-// stream's length.
+// bit rate before the output is connected. At the end, the encoder overwrites the file's first
+// frame with the information frame, which holds the stream's length. This needs a receiver that
+// offers IStream, as file writers do.
 #include <converter.h>
 
 #include <algorithm>

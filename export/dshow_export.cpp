@@ -62,8 +62,8 @@ std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; 
 
 }  // namespace
 
-// One export from reader to compressed file, run by the filter's worker. The reader belongs to the
-// filter until Run begins, then to the worker.
+// One export from reader to compressed file, run by the filter's worker. During a run, only the
+// worker uses the reader.
 class DShowExportJob : public TaskJob {
  public:
   DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)

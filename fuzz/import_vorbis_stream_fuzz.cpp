@@ -16,7 +16,7 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// Returns a hash of all samples, or 0 if the stream cannot be opened.
+// Returns a hash of the samples that were read, or 0 if the stream cannot be opened.
 std::size_t ReadWhole(const std::uint8_t* data, std::size_t size, unsigned threads) {
   const std::size_t choice = data[size - 1];
   // fmemopen takes a pointer to writable memory.

@@ -195,7 +195,8 @@ struct FileTexts {
   std::optional<AcidData> acid = {};
 };
 
-// An output file of the kind that its extension selects. MP3 and WMA hold no labels or markers.
+// An output file. Its extension selects the kind: WAV, MP3 or WMA. MP3 and WMA hold no labels or
+// markers.
 class FileExport {
  public:
   // Create the object before a long import. Throws for an unsupported extension, a missing folder,

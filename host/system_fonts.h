@@ -136,8 +136,8 @@ class Fonts {
   std::map<wchar_t, std::size_t> face_of_;
 };
 
-// Shapes one line of UTF-8 text. Control characters become spaces. A character that the system's
-// usual font lacks comes from the first other font that has it.
+// Returns a function that shapes one line of UTF-8 text. Control characters become spaces. A
+// character that the system's usual font lacks comes from the first other font that has it.
 inline ShapeText SystemFonts() {
   return
       [fonts = std::make_shared<Fonts>()](const std::string& text) { return fonts->Shape(text); };

@@ -79,7 +79,7 @@ class VorbisStream {
   std::unique_ptr<Decoder> decoder_;
   const unsigned threads_;
   std::unique_ptr<VorbisWorkers> workers_;
-  int workers_link_ = -1;  // latest link with workers
+  int workers_link_ = -1;  // link of the chain for which workers were last started
   std::int32_t samples_per_sec_ = 0;
   std::int16_t channels_ = 0;
   std::int64_t total_frames_ = 0;

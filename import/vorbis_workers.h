@@ -259,7 +259,7 @@ class VorbisWorkers {
       }
     }
   }
-  // True if the packet yields a whole block.
+  // True if the packet yields a whole block, and its size and position are within the limits.
   bool IsOrdinary(ogg_packet& packet) {
     return packet.bytes <= kMaxPacketBytes && packet.e_o_s == 0 && packet.granulepos >= -1 &&
            packet.granulepos < kMaxPosition && vorbis_synthesis_trackonly(&file_.vb, &packet) == 0;

@@ -24,7 +24,7 @@ class DitherState {
   static constexpr int kNoiseShaping = 1;
   static constexpr int kTriangularNoise = 2;  // triangular dither, then noise shaping
 
-  // Clears all errors. Accepts any values, but only 1 to 8 channels can be dithered.
+  // Clears the quantisation errors. Accepts any values, but only 1 to 8 channels can be dithered.
   void SetUp(int mode, int channels, int bits) noexcept {
     mode_ = mode;
     channels_ = channels;

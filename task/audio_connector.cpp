@@ -116,8 +116,8 @@ class CAudioConnector final
       const std::shared_ptr<SourceFeed> job = this->job();
       Filters ended = DetachFilters();
       if (ended.export_task) {
-        // The export ends after its current block. The block is complete if the import still
-        // delivers.
+        // The export ends after its current block. If the import no longer delivers, the limit soon
+        // ends the wait for samples, and silence fills the rest of the block.
         job->queue().LimitTimeouts(1);
         ended.export_task->Cancel();
         // Releases the export before the import ends, because a client may be waiting for the file.

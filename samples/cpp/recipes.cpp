@@ -219,7 +219,8 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
   const HRESULT started = task->Start();
   if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that the task runs
   WaitFor(task.Get(), ShowPercent);
-  // A host that stops waiting earlier must cancel: connector and filter refer to each other.
+  // A host that stops polling before the end must cancel, because connector and filter hold
+  // references to each other.
   task->Cancel();
 }
 // End
@@ -260,7 +261,8 @@ class Sink final : public IDispatch {
   std::atomic<ULONG> references_ = 0;
 };
 
-// Receives events while it exists. Meanwhile, document and sink hold references to each other.
+// Receives events while it exists. Meanwhile, it holds a reference to the document, and the
+// document holds a reference to the sink.
 class Listener {
  public:
   Listener(IEditedAudio* document, REFIID events, Sink::Handler handler) {

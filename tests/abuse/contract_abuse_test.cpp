@@ -154,7 +154,7 @@ std::vector<Case> CasesOf(const Method& method) {
   return cases;
 }
 
-// True for methods that wait for a device or for a source that does not exist.
+// True for methods that wait for a device, or for samples from a source that does not exist.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
   if (class_name == "CAudioPlayback") return state == kOpen && name == "IAudioWriter::WriteAudio";

@@ -1,4 +1,4 @@
-// Short forms to create, edit and inspect a document, and a listener to its events.
+// Helpers that create, edit and inspect a document, and a sink that records its events.
 #pragma once
 
 #include <gtest/gtest.h>

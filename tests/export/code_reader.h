@@ -1,4 +1,4 @@
-// A source whose samples are known PCM codes, with a hook before each read.
+// A source whose samples the engine converts to known PCM codes, with a hook before each read.
 #pragma once
 
 #include <marlinda.h>

@@ -11,7 +11,7 @@
 
 namespace marlinda::testing {
 
-// The calls of several sources in order: "A.ReadAudio(100, 8)", where 8 counts array elements.
+// The calls to several sources, in order: "A.ReadAudio(100, 8)", where 8 counts array elements.
 using CallLog = std::vector<std::string>;
 
 class RampSource : public TestObject<IAudioReader> {

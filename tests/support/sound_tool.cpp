@@ -1,14 +1,15 @@
-// Uses sound devices, while the calling test stops, kills and removes them:
-//   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         the signal, between silences
-//   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  as raw floats; prints frames so far
+// Uses sound devices while the calling test stops or kills the sound server or removes the devices:
+//   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         plays the signal between silences
+//   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  writes floats; prints frames so far
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
-//   start  started=1 if the device was opened
-//   works  waits until sound has passed
-//   ask    calls what a user interface polls
-//   end    ends the use by ENDING, which is break, close, stop or release, or watch, which waits
-//          for the end of the thread that writes; refused=1 if that thread has failed with E_FAIL
-//   break  while the device is there, ends a use whose ENDING is watch
+//   start  started=1 if the use has begun; a document or cursor begins even without a device
+//   works  waits until a recorder has received sound; returns at once for other uses
+//   ask    calls the methods that a user interface polls
+//   end    ends the use by ENDING: break, close, stop or release; watch calls nothing. Then waits
+//          for the end of the use's thread, if there is one; refused=1 if its last call returned
+//          E_FAIL
+//   break  ends a use whose ENDING is watch and whose device still exists
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.
 #include <algorithm>

@@ -61,7 +61,7 @@ TEST(PacedQueue, EndsAReadAfterItsTimeoutsOrAnInterrupt) {
   }
   PacedQueue patient(kPatient);
   const std::jthread other([&] {
-    // By then, the reader usually waits.
+    // After these yields, the reader usually waits.
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     patient.Interrupt();
   });
