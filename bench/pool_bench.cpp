@@ -154,7 +154,7 @@ BENCHMARK(ReadFromBareFile)
     ->ArgsProduct({{32}, {64, 4096, 65536}})
     ->UseRealTime();
 
-// The time that the last release of an hour of audio takes on the host's thread.
+// Measures the last Release of a pool that holds an hour of audio, which runs on the host's thread.
 void ReleaseAnHour(benchmark::State& state) {
   const Floats block(bench::kBlockSamples);
   bench::FillWithNoise(block.values());

@@ -231,7 +231,8 @@ class Call {
         arguments_[k].PrepareResult(parameters[k], result);
         continue;
       }
-      // Parameter k has no argument, because the caller has named another parameter twice.
+      // The number of arguments is right, so parameter k has none only if the caller has named
+      // another parameter twice.
       if (given[k] == nullptr) return DISP_E_PARAMNOTOPTIONAL;
       const HRESULT hr = arguments_[k].Prepare(parameters[k], given[k], locale);
       if (FAILED(hr)) {

@@ -175,9 +175,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-  // Computes the peak position from the audio position, rounded down to whole groups of 256 frames.
-  // The next block overwrites the peaks of an incomplete last group. So the peaks stay aligned with
-  // the frames only if every block but the last is a multiple of 256 frames.
+  // Sets the peak position to the start of the group of 256 frames that holds the audio position.
+  // The next block writes its first peaks there, even if its first frame lies within that group. So
+  // the peaks match the frames only if every block but the last is a multiple of 256 frames.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
     const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;
