@@ -1,4 +1,4 @@
-// Reads and seeks at 64-bit offsets of a file.
+// Reads at 64-bit offsets of a file, and writes.
 #pragma once
 
 #include <windows.h>
@@ -64,6 +64,18 @@ inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> 
     if (read < size) return {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), count};
   }
   return {S_OK, count};
+}
+
+// Writes all of `bytes` at the file pointer.
+inline HRESULT WriteAll(HANDLE file, std::span<const std::byte> bytes) noexcept {
+  while (!bytes.empty()) {
+    const auto size = static_cast<DWORD>(std::min(bytes.size(), kMaxBytesPerCall));
+    DWORD written = 0;
+    if (!WriteFile(file, bytes.data(), size, &written, nullptr)) return LastErrorResult();
+    if (written < size) return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+    bytes = bytes.subspan(size);
+  }
+  return S_OK;
 }
 
 }  // namespace marlinda

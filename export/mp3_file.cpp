@@ -107,9 +107,8 @@ class FilePin final : public InputPin, private IStream {
   STDMETHODIMP Write(const void* bytes, ULONG size, ULONG* written) override {
     if (bytes == nullptr) return STG_E_INVALIDPOINTER;
     if (written != nullptr) *written = 0;
-    if (!WriteToFile(file_, std::span(static_cast<const std::byte*>(bytes), size))) {
-      return LastErrorResult();
-    }
+    const HRESULT hr = WriteAll(file_, std::span(static_cast<const std::byte*>(bytes), size));
+    if (FAILED(hr)) return hr;
     if (written != nullptr) *written = size;
     return S_OK;
   }
@@ -202,13 +201,12 @@ class Mp3File final : public EncodedFile {
   // The encoder calls this on any thread.
   HRESULT Store(std::span<const std::byte> bytes) noexcept {
     if (!file_ || FAILED(failure_)) return E_FAIL;
-    if (!WriteToFile(file_.get(), bytes)) failure_ = LastErrorResult();
+    failure_ = WriteAll(file_.get(), bytes);
     return failure_;
   }
 
   void Write(const TagLib::ByteVector& tag) {
-    const auto bytes = std::as_bytes(std::span(tag.data(), tag.size()));
-    if (!WriteToFile(file_.get(), bytes)) throw HResultError(LastErrorResult());
+    Check(WriteAll(file_.get(), std::as_bytes(std::span(tag.data(), tag.size()))));
   }
 
   // Throws the file's error if there is one, otherwise `hr`. The file's error causes the encoder's.

@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "core/file_access.h"
 #include "core/handle.h"
 #include "export/wav_layout.h"
 
@@ -26,23 +26,7 @@ inline FileHandle CreateTargetFile(const std::string& name) noexcept {
   // Under Wine, CREATE_ALWAYS truncates even a new file. Some file systems write a truncated file
   // to the disk on closing, which takes longer than the export.
   FileHandle file = create(CREATE_NEW);
-  if (!file && GetLastError() == ERROR_FILE_EXISTS) file = create(CREATE_ALWAYS);
-  return file;
-}
-
-// Returns false and sets the thread's last error if not everything could be written.
-inline bool WriteToFile(HANDLE file, std::span<const std::byte> bytes) noexcept {
-  // The system counts the bytes of one write in 32 bits.
-  constexpr std::size_t kMaxWrite = std::size_t{1} << 30;
-  while (!bytes.empty()) {
-    const auto size = static_cast<DWORD>(std::min(bytes.size(), kMaxWrite));
-    DWORD written = 0;
-    if (WriteFile(file, bytes.data(), size, &written, nullptr) == FALSE || written != size) {
-      return false;
-    }
-    bytes = bytes.subspan(size);
-  }
-  return true;
+  return file ? std::move(file) : create(CREATE_ALWAYS);
 }
 
 // Each chunk is padded to a multiple of 4 bytes, and its size includes the padding. The size fields
@@ -79,7 +63,7 @@ class WavFile {
 
  private:
   bool WriteBytes(std::span<const std::byte> bytes) noexcept {
-    return file_ && WriteToFile(file_.get(), bytes);
+    return file_ && SUCCEEDED(WriteAll(file_.get(), bytes));
   }
   void SeekTo(std::uint64_t position) noexcept {
     LARGE_INTEGER target;

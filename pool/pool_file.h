@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -52,15 +51,7 @@ class TemporaryFile {
   HRESULT Write(std::int64_t offset, std::span<const std::byte> bytes) noexcept {
     if (!handle_) return error_;
     const Seek seek(handle_.get(), offset);
-    while (!bytes.empty()) {
-      const auto size = static_cast<DWORD>(std::min(bytes.size(), kMaxBytesPerCall));
-      DWORD written = 0;
-      if (!WriteFile(handle_.get(), bytes.data(), size, &written, nullptr))
-        return LastErrorResult();
-      if (written < size) return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
-      bytes = bytes.subspan(size);
-    }
-    return S_OK;
+    return WriteAll(handle_.get(), bytes);
   }
 
  private:
