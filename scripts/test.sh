@@ -62,30 +62,29 @@ rm -f "$logs"/result-*
 names=(x64 package sound asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
-# Builds run while the suite under Wine waits for timers. Sound tests have a separate prefix, because other
-# tests register and unregister the classes.
+# Suites run while later builds run, because they also wait for timers.
 compile x64
 suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
-suite_64=$!
 compile x86
 suite package x64 "packages of both" "-L ^package$" &
-suite_package=$!
+bits_32=0
+wait "$system" || bits_32=$?
+cat "$logs/x86-root.log"
+session_32=(env TESSALY_WINE_BITS=32 "$root/scripts/wine-session")
+if [[ $bits_32 -eq 0 ]]; then
+  suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "${session_32[@]}" &
+elif [[ $bits_32 -eq 3 ]]; then
+  echo "  32 bits NOT TESTED. The reason is above." >&2
+  echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
+fi
 compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
-wait "$suite_64" "$suite_package" || true
-# Sound tests run after the builds, because a starved sound server inserts silence.
+# Sound tests run after the builds, because a starved sound server inserts silence. They have separate prefixes, because
+# other tests register and unregister the classes.
 suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
-status=0
-wait "$system" || status=$?
-cat "$logs/x86-root.log"
-if [[ $status -eq 0 ]]; then
-  export TESSALY_WINE_BITS=32
-  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "$root/scripts/wine-session" &
-  suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "$root/scripts/wine-session"
-elif [[ $status -eq 3 ]]; then
-  echo "  32 bits NOT TESTED. The reason is above." >&2
-  echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
+if [[ $bits_32 -eq 0 ]]; then
+  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "${session_32[@]}" &
 fi
 wait
 for name in "${names[@]}"; do
