@@ -10,6 +10,11 @@ wine_server=/usr/lib/wine/wineserver64 # can also end a 32-bit prefix's server a
 # Ends the prefix's processes, because Wine's helpers would run for some more seconds.
 stop_wine_server() {
   WINEPREFIX=$prefix "$wine_server" -k >/dev/null 2>&1 || true
+  # A few processes miss the end of the server and would wait for it forever.
+  local process
+  for process in $(grep -lszFx "WINEPREFIX=$prefix" /proc/[0-9]*/environ); do
+    [[ $(readlink "${process%/environ}/exe") != */lib/wine/* ]] || kill -KILL "$(cut -d / -f 3 <<<"$process")" 2>/dev/null || true
+  done
   # The prefix records which folder below /tmp holds the server's socket. Wine never removes that folder.
   local name=
   [[ ! -s $prefix/wineserver ]] || name=$(<"$prefix/wineserver")
