@@ -91,7 +91,7 @@ int Run(Console& console) {
   std::vector<std::string> arguments = Console::Arguments();
   if (!arguments.empty() && arguments[0] == "help") {
     arguments.erase(arguments.begin());
-    arguments.insert(arguments.begin() + (arguments.empty() ? 0 : 1), "--help");
+    arguments.insert(arguments.empty() ? arguments.end() : arguments.begin() + 1, "--help");
   }
   RequireCommand(app, arguments);
   try {

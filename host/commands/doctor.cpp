@@ -196,7 +196,6 @@ std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_f
 class Doctor {
  public:
   Doctor() {
-    program_ = PathOf(nullptr);
     AddFile("program", program_);
     Examine("module", [&] { ExamineModule(); });
     Examine("engines", [&] { ExamineEngines(); });
@@ -553,7 +552,7 @@ class Doctor {
   std::string text_;
   std::vector<HostError> problems_;
   std::vector<HostError> notes_;  // unusual states that may be intended
-  std::string program_;
+  std::string program_ = PathOf(nullptr);
   std::string module_;  // empty if it cannot be loaded
   Registrations registrations_;
 };

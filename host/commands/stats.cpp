@@ -84,7 +84,7 @@ class Meter {
     ebur128_loudness_range(loudness_.get(), &range);
     Json report = ToJson(all, true_peak,
                          static_cast<double>(frames_) * static_cast<double>(channels_.size()));
-    report["integrated_loudness_lufs"] = FiniteOrNull(loudness);
+    report["integrated_loudness_lufs"] = std::isfinite(loudness) ? Json(loudness) : Json();
     report["loudness_range_lu"] = range;
     report["silent_frames_at_start"] = first_sound_ < 0 ? frames_ : first_sound_;
     report["silent_frames_at_end"] = frames_ - 1 - last_sound_;
@@ -93,10 +93,7 @@ class Meter {
   }
 
  private:
-  static Json FiniteOrNull(double value) {
-    return std::isfinite(value) ? Json(value) : Json(nullptr);
-  }
-  static Json Decibels(double level) { return FiniteOrNull(20 * std::log10(level)); }
+  static Json Decibels(double level) { return level > 0 ? Json(20 * std::log10(level)) : Json(); }
   static Json ToJson(const ChannelLevels& levels, double true_peak, double samples) {
     return {{"peak_dbfs", Decibels(levels.peak)},
             {"true_peak_dbtp", Decibels(true_peak)},
