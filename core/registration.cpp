@@ -2,9 +2,9 @@
 
 #include <marlinda.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
-#include <ranges>
 #include <sstream>
 #include <vector>
 
@@ -34,7 +34,7 @@ void CheckRemoval(LSTATUS status) {
 }
 
 std::wstring Replace(std::wstring text, const Replacements& replacements) {
-  for (std::size_t begin = 0; (begin = text.find(L'%', begin)) != text.npos;) {
+  for (std::size_t begin = 0; (begin = text.find(L'%', begin)) != std::wstring::npos;) {
     const std::size_t end = text.find(L'%', begin + 1);
     const std::wstring& with = replacements.at(text.substr(begin + 1, end - begin - 1));
     text.replace(begin, end - begin + 1, with);
@@ -56,11 +56,11 @@ std::vector<Entry> ReadScript(UINT id, const Replacements& replacements) {
   for (std::wstring line; std::getline(script >> std::ws, line);) {
     std::erase(line, L'\r');
     Entry& entry = entries.emplace_back();
-    if (const std::size_t equals = line.find(L" = "); equals != line.npos) {
+    if (const std::size_t equals = line.find(L" = "); equals != std::wstring::npos) {
       entry.text = Replace(line.substr(equals + 3), replacements);
       line.resize(equals);
     }
-    if (const std::size_t at = line.find(L" @"); at != line.npos) {
+    if (const std::size_t at = line.find(L" @"); at != std::wstring::npos) {
       entry.name = line.substr(at + 2);
       line.resize(at);
     }
@@ -123,7 +123,9 @@ void Registration::Register(UINT id, const ClassEntry* of) const {
 }
 
 void Registration::Unregister(UINT id, const ClassEntry* of) const {
-  for (const Entry& entry : std::views::reverse(ReadScript(id, ReplacementsFor(of)))) {
+  std::vector<Entry> entries = ReadScript(id, ReplacementsFor(of));
+  std::ranges::reverse(entries);
+  for (const Entry& entry : entries) {
     const std::wstring path = FullPath(entry.key);
     if (!HasKey(entry.key)) continue;
     if (entry.text) CheckRemoval(RegDeleteKeyValueW(root_, path.c_str(), entry.name.c_str()));
@@ -143,8 +145,8 @@ void Registration::RegisterClasses(std::span<const ClassEntry> classes) const {
 }
 
 void Registration::UnregisterClasses(std::span<const ClassEntry> classes) const {
-  for (const ClassEntry& entry : std::views::reverse(classes)) {
-    Unregister(IDR_CLASS_REGISTRATION, &entry);
+  for (auto entry = classes.rbegin(); entry != classes.rend(); ++entry) {
+    Unregister(IDR_CLASS_REGISTRATION, &*entry);
   }
 }
 

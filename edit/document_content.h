@@ -265,7 +265,7 @@ struct DocumentContent {
   // Sets `divided` to the source of the segment that an edit at `range` will divide, else to null.
   // Releases the lock during AddRef and Release.
   void HoldDivided(std::unique_lock<SrwLock>& guard, const CSection& range,
-                   ComPtr<IAudioReader>& divided) {
+                   ComPtr<IAudioReader>& divided) const {
     for (;;) {
       const Segment* const found = segments.DividedBy(range);
       IAudioReader* const source = found != nullptr ? found->source.Get() : nullptr;

@@ -62,6 +62,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
   const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
   // With `columns` and `count` exchanged, FirstOfColumn returns the first column of a frame.
+  // NOLINTNEXTLINE(readability-suspicious-call-argument)
   for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
     const std::int64_t frame = Scale(column, frames, columns);
     if (frame >= end) return;

@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cstdio>
 #include <limits>
-#include <ranges>
 #include <stdexcept>
 #include <utility>
 
@@ -202,10 +201,12 @@ TimeSpan ParseSpan(std::string_view text) {
 
 std::vector<Timecode> ParseTimes(std::string_view text) {
   std::vector<Timecode> times;
-  for (const auto time : std::views::split(text, ',')) {
-    times.push_back(Timecode::Parse({time.begin(), time.end()}));
+  for (;;) {
+    const std::size_t comma = text.find(',');
+    times.push_back(Timecode::Parse(text.substr(0, comma)));
+    if (comma == std::string_view::npos) return times;
+    text.remove_prefix(comma + 1);
   }
-  return times;
 }
 
 std::string FormatDuration(std::int64_t frames, std::int32_t rate) {

@@ -128,9 +128,9 @@ Json ToJson(const Registrations& registrations) {
 std::string ToText(const Registrations& registrations, const char* none) {
   std::string text;
   for (const auto& [kind, module] : registrations) {
-    text += (text.empty() ? "" : "; ") +
-            (kind == "manifest" ? "manifest beside the program" : "registry, for the " + kind) +
-            ": " + module;
+    text.append(text.empty() ? "" : "; ")
+        .append(kind == "manifest" ? "manifest beside the program" : "registry, for the " + kind)
+        .append(": " + module);
   }
   return text.empty() ? none : text;
 }
@@ -340,7 +340,7 @@ class Doctor {
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
-      const std::string file = Narrow((place / L"Tessaly.dll").native());
+      std::string file = Narrow((place / L"Tessaly.dll").native());
       if (BitsOf(file) == bits) return file;
     }
     return "";
@@ -532,8 +532,9 @@ class Doctor {
     const auto folder = std::filesystem::temp_directory_path(ignored) /
                         ("marlinda-" + std::to_string(GetCurrentProcessId()));
     std::filesystem::create_directory(folder, ignored);
-    const ULONGLONG deadline = GetTickCount64() + 1000 * kDecodingSeconds;
+    const ULONGLONG deadline = GetTickCount64() + 1000ULL * kDecodingSeconds;
     std::vector<std::pair<std::string, KernelHandle>> trials;
+    trials.reserve(std::size(kKinds));
     for (const char* kind : kKinds)
       trials.emplace_back(kind, StartDecoding(program_, folder, kind));
     std::string text;
@@ -541,8 +542,9 @@ class Doctor {
       const std::string failure =
           DecodingFailure(process.get(), folder / (kind + "." + kind + ".json"), deadline);
       decoding.push_back({{"kind", kind}, {"failure", TextOrNull(failure)}});
-      text +=
-          (text.empty() ? "" : ", ") + kind + (failure.empty() ? " yes" : " no (" + failure + ")");
+      text.append(text.empty() ? "" : ", ")
+          .append(kind)
+          .append(failure.empty() ? " yes" : " no (" + failure + ")");
     }
     Line("decodes", text);
     std::filesystem::remove_all(folder, ignored);

@@ -1,6 +1,6 @@
 // "marlinda filters": lists the import filters of the registry list, then the built-in filters that
 // the list lacks.
-#include <ranges>
+#include <sstream>
 
 #include "host/commands/shared.h"
 #include "host/filter_list.h"
@@ -58,9 +58,8 @@ std::vector<FilterReport> Report(const FilterList& list) {
 
 Json PatternList(const std::string& patterns) {
   Json list = Json::array();
-  for (const auto pattern : std::views::split(patterns, ';')) {
-    list.push_back(std::string(pattern.begin(), pattern.end()));
-  }
+  std::istringstream words(patterns);
+  for (std::string pattern; std::getline(words, pattern, ';');) list.push_back(pattern);
   return list;
 }
 
