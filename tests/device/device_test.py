@@ -8,13 +8,14 @@ import array
 import os
 import pathlib
 import signal
+import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from sound import RATE, SoundTool, Speaker, codes, frames_of, sound_server, without_silence
+from sound import RATE, SoundTool, Speaker, codes, frames_of, sound_server, wait_until, without_silence
 
 TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 SECONDS = int(os.environ.get("TESSALY_DEVICE_SECONDS", "4"))
@@ -91,8 +92,12 @@ class StallTest(unittest.TestCase):
         with sound_server(pipes=False) as environment:
             server = int(environment["TESSALY_SOUND_SERVER_PID"])
             uses = [SoundTool(TOOL, environment, "use", use, "break", 440) for use in ("playback", "drain", "document")]
-            for tool in uses:
+            # The document opens its device after Play has returned. An opening would wait for a minute for the
+            # stopped server.
+            for tool in reversed(uses):
                 self.assertEqual(tool.ask("start"), {"started": 1})
+                wait_until(lambda: subprocess.check_output(["pactl", "list", "short", "sink-inputs"], env=environment),
+                           "a stream")
             os.kill(server, signal.SIGSTOP)
             try:
                 time.sleep(STALL)
