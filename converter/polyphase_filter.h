@@ -36,7 +36,8 @@ class PolyphaseFilter {
   void Filter(std::span<float> output) noexcept;
 
   const std::size_t channels_;
-  // Reduced rates: target_ output frames consume source_ input frames.
+  // The rates divided by their greatest common divisor. target_ output frames consume source_ input
+  // frames.
   const std::size_t source_;
   const std::size_t target_;
   const std::size_t taps_;  // per phase

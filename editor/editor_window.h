@@ -132,7 +132,7 @@ class EditorWindow {
   std::unique_ptr<FileJob> job_;
   std::deque<std::string> files_;  // still to read
   bool replace_ = false;           // the next file begins a new document
-  bool opening_ = false;           // the files become the document, without undo steps
+  bool opening_ = false;           // `files_` are opened, not inserted, and leave no undo steps
   std::int64_t insert_at_ = 0;
   std::function<void()> after_export_;
   std::wstring shown_title_;

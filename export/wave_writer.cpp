@@ -33,8 +33,7 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
  public:
   static constexpr const CLSID& kClassId = CLSID_CWaveWriter;
 
-  // Without CloseDevice, the last release keeps the file's samples, and the sizes in its header
-  // stay 0.
+  // A file that is still open keeps its samples, but the sizes in its header stay 0.
   ~CWaveWriter() = default;
 
   // IWaveWriter. Setting the object itself as its next writer removes the next writer.

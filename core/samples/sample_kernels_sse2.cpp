@@ -50,7 +50,7 @@ void EncodeBlock16(const float* source, std::byte* out) noexcept {
         out);
 }
 
-// Values that do not fit, full scale and NaN included, become the most negative code.
+// Values that do not fit, +1.0 and NaN included, become the most negative code.
 __m128i Scale32(const float* source) noexcept {
   return _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(source), _mm_set1_ps(2147483648.0F)));
 }

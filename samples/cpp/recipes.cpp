@@ -289,8 +289,8 @@ class UndoSteps {
           if (event == 1 && params.cArgs == 2) Store(params);  // FireStoreUndo
         }) {}
 
-  // Undoes the last change and returns its name. CopyAll sends no event, but the change around it
-  // sends FireContentChanged. InitChange's argument 0 avoids another undo step.
+  // Undoes the last change and returns its name. CopyAll sends no event, but CommitChange sends
+  // FireContentChanged. With argument 0, InitChange causes no further undo step.
   std::wstring Undo(IEditedAudio* document) {
     if (steps_.empty()) return L"";
     const Step last = std::move(steps_.back());

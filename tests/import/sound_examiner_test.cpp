@@ -208,7 +208,7 @@ TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
   for (const std::uint32_t size : {0U, 36U}) EXPECT_EQ(frames(size, 0, 41), 10) << size;
   const Bytes empty = EvenChunk("data", {}) + EvenList("INFO", Bytes(40, 0));
   EXPECT_EQ(Examine(RiffFile(kStereo16, empty)).pcm.value().frames, 0);
-  // The size of a file larger than 4 GiB is in a separate chunk.
+  // RF64, the form for files larger than 4 GiB, has its sizes in a separate chunk.
   const Bytes wide = EvenChunk("ds64", U32(0) + U32(0) + U32(8) + U32(0) + U32(2) + Bytes(8, 0));
   EXPECT_EQ(Examine(Text("RF64") + U32(0xFFFFFFFF) + Text("WAVE") + wide +
                     EvenChunk("fmt ", kStereo16) + Text("data") + U32(0xFFFFFFFF) + Bytes(41, 0))

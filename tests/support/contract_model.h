@@ -18,7 +18,8 @@ enum class Kind { kInteger, kReal, kText, kObject, kArray, kOut };
 struct Parameter {
   std::string name;
   Kind kind;
-  VARTYPE type;  // for an out parameter, the type that it points to; VT_UNKNOWN for every interface
+  // For an out parameter, the type that it points to, or VT_UNKNOWN if that is an interface.
+  VARTYPE type;
   IID iid;
 };
 
