@@ -12,8 +12,8 @@ stop_wine_server() {
   WINEPREFIX=$prefix "$wine_server" -k >/dev/null 2>&1 || true
   # A few processes miss the end of the server and would wait for it forever.
   local process
-  for process in $(grep -lszFx "WINEPREFIX=$prefix" /proc/[0-9]*/environ); do
-    [[ $(readlink "${process%/environ}/exe") != */lib/wine/* ]] || kill -KILL "$(cut -d / -f 3 <<<"$process")" 2>/dev/null || true
+  for process in $(grep -lszFx "WINEPREFIX=$prefix" /proc/[0-9]*/environ | cut -d / -f 3); do
+    [[ $(readlink "/proc/$process/exe") != */lib/wine/* ]] || kill -KILL "$process" 2>/dev/null || true
   done
   # The prefix records which folder below /tmp holds the server's socket. Wine never removes that folder.
   local name=
