@@ -32,7 +32,7 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 // ReadAudio waits without a time limit until enough samples are recorded. It ignores the position,
 // because recording is sequential. Only one thread at a time may read. CloseDevice on another
 // thread, or the last release, ends the wait. ReadAudio then fails with E_FAIL, as on a closed
-// device. Collected samples that were not read stay readable after CloseDevice.
+// device. A wait queues all full device buffers. Their samples stay readable after CloseDevice.
 class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
@@ -44,7 +44,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     const std::lock_guard lock(mutex_);
     format_ = DeviceFormat(nSamplesPerSec, nChannels, nBitsPerSample);
     buffer_bytes_ = format_.nAvgBytesPerSec / kBuffersPerSecond;
-    // Buffers hold whole frames: a part of a frame at the end of a buffer would shift later
+    // Buffers hold whole frames, because a part of a frame at the end of a buffer would shift later
     // samples.
     if (format_.nBlockAlign > 0) buffer_bytes_ -= buffer_bytes_ % format_.nBlockAlign;
     return S_OK;
@@ -60,7 +60,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     return ComCall([&]() -> HRESULT {
       SampleArrayView block;
       Check(block.Lock(psaAudioData));
-      // The object may be released during the wait, so from here on only the shared state is used.
+      // The object may be released during the wait, so the wait uses only `samples` and `job`.
       const std::shared_ptr<Samples> samples = samples_;
       std::shared_ptr<Job> job;
       {
@@ -107,7 +107,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   // Recorded samples that have not been read. They remain after the device is closed and, during a
   // wait, after the object is released.
   struct Samples {
-    // Returns false and takes nothing if there are too few samples.
+    // Returns false and leaves the queue unchanged if there are too few samples.
     bool Take(std::span<float> destination) {
       const std::lock_guard lock(mutex);
       if (queue.Count() < destination.size()) return false;
@@ -119,7 +119,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
     CAudioQueue queue;
   };
 
-  // The state of one opening of the device, shared by the object, its readers and the device.
+  // The state of one opening of the device, shared by the object, its readers and DataCallback.
   struct Job {
     struct Buffer {
       explicit Buffer(std::size_t size) : data(size) {}
@@ -131,7 +131,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         : format(wanted),
           samples(std::move(target)),
           floats(std::size_t{bytes / format.nBlockAlign} * format.nChannels),
-          // If the width is no multiple of 8, PCM frames take more bytes than the block align.
+          // If wBitsPerSample is no multiple of 8, PCM frames can need more bytes than nBlockAlign.
           buffers(kBufferCount,
                   Buffer(std::max<std::size_t>(
                       bytes, floats.size() * PcmBytesPerSample(wanted.wBitsPerSample)))) {
@@ -166,7 +166,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         return false;
       }
       for (; done > 0; --done) {
-        // Takes the whole buffer, even if dwBytesRecorded is smaller.
+        // Queues the whole buffer, even if dwBytesRecorded is smaller.
         Buffer& buffer = buffers[next];
         if (IsFloat(format)) {
           std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));
@@ -209,7 +209,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
     }
 
-    // Runs on a device thread. Only counts and signals: a wave-in call from here can deadlock.
+    // Runs on a device thread. Only counts and signals, because a wave-in call here can deadlock.
     static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
       if (message != WIM_DATA) return;
       auto* const self = reinterpret_cast<Job*>(job);
@@ -219,7 +219,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
 
     const WAVEFORMATEX format;
     const std::shared_ptr<Samples> samples;
-    // Signalled for each buffer, and when the device is closed.
+    // Signalled for each filled buffer, and when the device is closed.
     const KernelHandle event{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
     HWAVEIN device = nullptr;
     // Filled buffers that have not been collected.
@@ -242,7 +242,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       const std::lock_guard lock(mutex_);
       job.swap(job_);
     }
-    // A driver that refuses to close may still use buffers and event, so the job is leaked.
+    // If the driver refuses to close, it may still use the job. The job is therefore leaked.
     if (job && !job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
   }
 
@@ -253,11 +253,11 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
 
   // Guards the members below. Never held during a device call.
   std::mutex mutex_;
-  // Null while closed.
+  // Null while the device is closed.
   std::shared_ptr<Job> job_;
-  // For the next opening.
+  // Settings for the next OpenDevice.
   WAVEFORMATEX format_ = DeviceFormat(44100, 2, 16);
-  // Bytes of a device buffer. SetFormat sets the size of 40 ms.
+  // Bytes of a device buffer. SetFormat changes this to 40 ms of audio.
   std::uint32_t buffer_bytes_ = 4096;
   UINT device_id_ = WAVE_MAPPER;
 };

@@ -28,10 +28,10 @@
 namespace marlinda {
 namespace {
 
-// The worker probes the device if no buffer completes for this time plus the next buffer's
-// duration.
+// If no buffer completes within this time plus the next buffer's duration, the worker probes the
+// device.
 constexpr std::uint64_t kProbeMilliSecs = 3000;
-// How long GetPlaybackPos waits for a device call of another thread. A working device takes less.
+// How long GetPlaybackPos waits for a device call of another thread. A working device is faster.
 constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
 // Runs on a device thread. Only signals, because a wave-out call from here can deadlock.
@@ -51,7 +51,7 @@ class CAudioOutBuffer {
     if (size > static_cast<std::size_t>(std::numeric_limits<LONG>::max())) {
       throw HResultError(E_INVALIDARG);
     }
-    // If the width is no multiple of 8, PCM frames take more bytes than the block align.
+    // If wBitsPerSample is no multiple of 8, PCM frames can need more bytes than nBlockAlign.
     const int bits = format.wBitsPerSample;
     data_.resize(std::max(size, samples.size() * PcmBytesPerSample(bits)));
     if (IsFloat(format)) {
@@ -61,7 +61,7 @@ class CAudioOutBuffer {
     }
     for (std::size_t i = 0; i < samples.size(); ++i) {
       float& peak = peaks[i % peaks.size()];
-      // Skips NaN, because the comparison is false.
+      // NaN never becomes a peak, because the comparison is false.
       if (samples[i] > peak) peak = samples[i];
     }
     header_.lpData = reinterpret_cast<LPSTR>(data_.data());
@@ -72,8 +72,8 @@ class CAudioOutBuffer {
   CAudioOutBuffer(const CAudioOutBuffer&) = delete;
   CAudioOutBuffer& operator=(const CAudioOutBuffer&) = delete;
 
-  // Returns false if the device refuses the buffer. An empty buffer is not sent to the device: the
-  // system's format converters refuse empty buffers, and two in a row stop Wine's device.
+  // Returns false if the device refuses the buffer. An empty buffer is not sent to the device. The
+  // system's format converters refuse it, and two empty buffers in a row stop Wine's device.
   bool Play(HWAVEOUT device) noexcept {
     if (size() == 0) return true;
     device_ = device;
@@ -192,11 +192,11 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       if (!job->Open(device_id)) return E_FAIL;
       worker_.emplace();
       const HRESULT hr = worker_->Start([job] {
-        // A driver that refuses to close may still use buffers and event, so the job is leaked.
+        // If the driver refuses to close, it may still use the job. The job is therefore leaked.
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
-        // The driver may still use this job too.
+        // Leaked for the same reason.
         if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
         return E_FAIL;
       }
@@ -269,7 +269,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         queued_bytes += block.front().size();
         pending.splice(pending.end(), block);
       }
-      // The device may already have played the block, so the worker must look at it.
+      // The device may have played the block before it was pending, so the worker checks it now.
       SetEvent(event.get());
       return S_OK;
     }
@@ -330,7 +330,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
 
     bool Close() noexcept {
       const std::lock_guard device_lock(device_mutex);
-      // Repeats the reset, because the reset of a lost device fails and so ends the loop.
+      // Buffers of a lost device never complete. Its next reset fails, which ends the loop.
       while (Reset()) {
         Reap();
         if (IsPlayed()) break;
@@ -358,7 +358,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
       return pending.empty();
     }
 
-    // True if all blocks have been played, and after Break. Updates `levels`.
+    // True after Break, or if all blocks have been played. Updates `levels`.
     bool IsReady() noexcept {
       const std::lock_guard lock(mutex);
       levels = played_levels;
@@ -431,7 +431,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     change();
     return S_OK;
   }
-  // Null while closed.
+  // Returns null while the device is closed, and after its loss.
   std::shared_ptr<Job> OpenJob() {
     const std::lock_guard lock(mutex_);
     return job_ && job_->IsOpen() ? job_ : nullptr;
@@ -453,7 +453,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
   // Guards the members below. Never held during a device call.
   std::mutex mutex_;
   std::shared_ptr<Job> job_;
-  // For the next opening.
+  // Settings for the next OpenDevice, except `pos_offset_`.
   WAVEFORMATEX format_ = DeviceFormat(0, 0, 16);
   std::uint32_t buffer_millisecs_ = 1000;
   UINT device_id_ = WAVE_MAPPER;

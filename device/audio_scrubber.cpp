@@ -16,24 +16,29 @@
 #include "core/sample_array.h"
 #include "core/worker_thread.h"
 #include "device/overlap_add.h"
+#include "device/scrub_pacer.h"
 
 namespace marlinda {
 namespace {
+
+using Clock = ScrubPacer::Clock;
 
 constexpr DWORD kStopPollMilliSecs = 100;
 // Stop calls Break after this time. A working playback object with 100 ms of buffer blocks for
 // less.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// The time that WriteAudio should wait in each pass, a reserve against dropouts by a late thread.
-constexpr double kWriterMilliSecs = 10;
+// The pause after a pass that the writer has refused.
+constexpr DWORD kFailurePauseMilliSecs = 50;
 // Several minutes of audio. Computing the window of a longer block would take long.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 
 }  // namespace
 
 // The caller sets the writer's format before Start. The thread writes as fast as the writer accepts
-// blocks and ignores the results. The scrubber holds the writer until the next Start or the last
-// release. If WriteAudio of a playback object still blocks after a second, Stop calls Break.
+// blocks and ignores the results. It writes to a playback object only shortly before its audio runs
+// out, so that a moved position is heard soon. The scrubber holds the writer until the next Start
+// or the last release. If WriteAudio of a playback object still blocks after a second, Stop calls
+// Break.
 //
 // Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
 // length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does
@@ -81,8 +86,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
       // If another thread has stopped this scrub meanwhile, the writer may play something else.
       // Break must not stop that.
-      const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
-      if (playback) playback->Break();
+      if (job->running && job->playback) job->playback->Break();
       thread_.PollUntilEnded(kStopPollMilliSecs);
     }
     if (job->running.exchange(false)) job->writer->CloseDevice();
@@ -106,17 +110,17 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
   struct Job {
     Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
         : writer(target),
+          playback(TryQuery<IAudioPlayback>(target)),
           channel_count(channels),
           output(given_frames / 2 * channels),
           block(given_frames * channels),
-          pause_milliseconds(PauseMilliseconds(given_frames, rate)) {}
+          pacer(PassDuration(given_frames, rate)) {}
 
-    // Returns about the duration of one pass, but at most 100 ms, so that Stop need not wait long.
-    static DWORD PauseMilliseconds(std::size_t given_frames, LONG rate) noexcept {
-      if (rate <= 0) return kStopPollMilliSecs;
-      const std::uint64_t pass =
-          std::uint64_t{given_frames} * 500 / static_cast<std::uint64_t>(rate);
-      return static_cast<DWORD>(std::clamp<std::uint64_t>(pass, 1, kStopPollMilliSecs));
+    // Returns the duration of one pass, 0 without a rate.
+    static Clock::duration PassDuration(std::size_t given_frames, LONG rate) noexcept {
+      const auto frames = static_cast<double>(given_frames / 2);
+      return std::chrono::duration_cast<Clock::duration>(
+          std::chrono::duration<double>(rate > 0 ? frames / rate : 0));
     }
 
     // Samples of one pass: half a block. An odd block length loses one frame.
@@ -128,39 +132,42 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       // Computes the window here, because in Start it would delay the caller.
       OverlapAdd overlap_add(block.size() / channel_count / 2 * 2, channel_count);
       while (!stop) {
-        if (delay > 0) Sleep(delay);
+        AwaitTurn();
         // Restores the size, in case the writer resized the array against its contract.
         output.Resize(OutputSamples());
         {
           const std::lock_guard lock(block_mutex);
           overlap_add.Pass(block, output.samples());
         }
-        const auto begun = std::chrono::steady_clock::now();
+        const auto begun = Clock::now();
         const bool taken = SUCCEEDED(writer->WriteAudio(output.get()));
-        AdjustDelay(std::chrono::steady_clock::now() - begun);
+        if (taken) pacer.Written(Clock::now() - begun);
         // A writer that fails or gets an empty block does not wait. Without a pause the thread
         // would spin.
-        if (!taken || OutputSamples() == 0) Sleep(pause_milliseconds);
+        if (!taken || OutputSamples() == 0) Sleep(kFailurePauseMilliSecs);
       }
     }
 
-    // A pass that waits for room in the writer is out of date when it is heard. So the thread waits
-    // before it reads the block. The delay is just long enough that the writer hardly waits.
-    void AdjustDelay(std::chrono::duration<double, std::milli> waited) noexcept {
-      const double longest = pause_milliseconds - kWriterMilliSecs;
-      const double next =
-          std::clamp(delay + waited.count() - kWriterMilliSecs, 0.0, std::max(longest, 0.0));
-      delay = static_cast<DWORD>(next);
+    // Waits until the next pass is due. Other writers than playback objects set the pace alone, by
+    // blocking.
+    void AwaitTurn() {
+      if (!playback) return;
+      while (!stop && Clock::now() < pacer.Due()) {
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(pacer.Due() - Clock::now());
+        Sleep(static_cast<DWORD>(std::clamp<std::int64_t>(rest.count(), 0, kStopPollMilliSecs)));
+      }
+      LONG ready = 0;
+      if (SUCCEEDED(writer->QueryIsReady(&ready)) && ready != 0) pacer.RanDry(Clock::now());
     }
 
     const ComPtr<IAudioWriter> writer;
+    const ComPtr<IAudioPlayback> playback;  // null for other writers
     const std::size_t channel_count;
     SampleArray output;
     // Guards the block. Start locks this mutex until the thread may call the writer.
     std::mutex block_mutex;
     std::vector<float> block;
-    const DWORD pause_milliseconds;
-    DWORD delay = 0;  // the thread's wait before each pass
+    ScrubPacer pacer;  // belongs to the thread
     std::atomic<bool> stop{false};
     // True until Stop closes the writer's device.
     std::atomic<bool> running{true};

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <windows.h>
-// After windows.h.
+// mmreg.h needs windows.h first.
 #include <mmreg.h>
 
 #include <cstring>
@@ -11,8 +11,8 @@
 
 namespace marlinda {
 
-// 32 bits select IEEE float, any other width PCM. Validates nothing: opening a device fails for an
-// unsupported format. Products that do not fit in their field wrap.
+// 32 bits select IEEE float, and any other width selects PCM. Checks nothing, because opening a
+// device fails for an unsupported format. nBlockAlign and nAvgBytesPerSec wrap on overflow.
 inline WAVEFORMATEX DeviceFormat(LONG samples_per_sec, SHORT channels, SHORT bits) noexcept {
   WAVEFORMATEX format = {};
   format.wFormatTag = bits == 32 ? WAVE_FORMAT_IEEE_FLOAT : WAVE_FORMAT_PCM;
@@ -28,8 +28,8 @@ inline bool IsFloat(const WAVEFORMATEX& format) noexcept {
   return format.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
 }
 
-// Turns `source` into a WAVEFORMATEXTENSIBLE (tag 0xFFFE, cbSize 22) whose valid bits are the
-// source's bits. Playback sets `mono_as_stereo_mask`.
+// Returns `source` as a WAVEFORMATEXTENSIBLE (tag 0xFFFE, cbSize 22) in which all bits are valid.
+// Playback sets `mono_as_stereo_mask`; recording does not.
 inline WAVEFORMATEXTENSIBLE MakeExtensibleFormat(const WAVEFORMATEX& source, bool is_float,
                                                  bool mono_as_stereo_mask) noexcept {
   WAVEFORMATEXTENSIBLE format = {};

@@ -1,5 +1,5 @@
-// Crossfades the blocks of the scrubber: weights them by a square-root Hann window and adds them at
-// 50 % overlap. A repeated block loops without clicks, and one block fades into the next.
+// Crossfades the blocks of the scrubber. Weights them by a square-root Hann window and adds them at
+// 50 % overlap. A repeated block loops without clicks, and a new block fades in.
 #pragma once
 
 #include <cassert>
@@ -11,9 +11,9 @@
 namespace marlinda {
 
 // The square-root Hann window of `frames` values: 0 at the start, 1 in the middle. The squares of
-// two values half a window apart add up to 1, so the sum has constant power.
+// two values half a window apart add up to 1, so a crossfade has constant power.
 inline std::vector<float> ScrubWindow(std::size_t frames) {
-  // Single precision is part of the definition of the window.
+  // Single precision, because a double would change the output samples.
   constexpr float kPi = 3.1415927F;
   std::vector<float> window(frames);
   for (std::size_t i = 0; i < frames; ++i) {
@@ -37,7 +37,7 @@ class OverlapAdd {
   std::size_t OutputSamples() const noexcept { return overlap_.size(); }
 
   // Fades out the second half of the previous block and fades in the first half of `block`. `block`
-  // holds a whole block of samples, `output` OutputSamples(). Real-time safe.
+  // is a whole block, and `output` has OutputSamples() samples. Real-time safe.
   void Pass(std::span<const float> block, std::span<float> output) noexcept {
     const std::size_t half = window_.size() / 2;
     assert(block.size() >= 2 * overlap_.size() && output.size() == overlap_.size());

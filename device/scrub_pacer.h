@@ -1,0 +1,50 @@
+// Decides when the scrubber computes its next pass. A pass that is computed late contains the
+// newest position, but must not come after the device has played all earlier passes.
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+namespace marlinda {
+
+class ScrubPacer {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // `pass` is the duration of one pass.
+  explicit ScrubPacer(Clock::duration pass) noexcept : pass_(pass) {}
+
+  // The time to compute the next pass: before the device runs dry, by a reserve for late threads.
+  // A time in the past means at once.
+  Clock::time_point Due() const noexcept {
+    return dry_ && reserve_ <= kMaxReserve ? *dry_ - reserve_ : Clock::time_point::min();
+  }
+
+  // Call before a pass is written if the device has played everything. Each interruption of the
+  // sound increases the reserve. After a few, all passes are due at once, so that the writer sets
+  // the pace. A wrong sample rate, for example, makes the estimate useless.
+  void RanDry(Clock::time_point now) noexcept {
+    if (dry_) reserve_ += kStep;
+    dry_ = now;
+  }
+
+  // Call when a pass has been written. `waited` is the time that the writer blocked.
+  void Written(Clock::duration waited) noexcept {
+    if (!dry_) return;
+    *dry_ += pass_;
+    // The writer blocks when it holds more audio than estimated, because the device's clock is
+    // slow.
+    if (waited > kStep) *dry_ += kStep;
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kStep{20};
+  static constexpr std::chrono::milliseconds kMaxReserve{100};
+
+  Clock::duration pass_;
+  Clock::duration reserve_ = std::chrono::milliseconds(30);
+  // Estimates when the device has played everything. Empty before the first pass.
+  std::optional<Clock::time_point> dry_;
+};
+
+}  // namespace marlinda
