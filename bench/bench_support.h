@@ -2,6 +2,11 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_TOGGLE_COLLECT
+#endif
 
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +36,15 @@ inline std::vector<float> Noise(std::size_t count) {
 inline void CountSamples(benchmark::State& state, std::size_t samples) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(samples));
 }
+
+// Counts the instructions of one iteration when scripts/lib/count-instructions runs the program.
+class CountInstructions {
+ public:
+  CountInstructions() { CALLGRIND_TOGGLE_COLLECT; }
+  CountInstructions(const CountInstructions&) = delete;
+  CountInstructions& operator=(const CountInstructions&) = delete;
+  ~CountInstructions() { CALLGRIND_TOGGLE_COLLECT; }
+};
 
 inline void CountBytes(benchmark::State& state, std::size_t bytes) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));

@@ -29,6 +29,16 @@ run_here() {
       --benchmark_filter="$filter" --benchmark_out="$results/$name.native.json" || failed=1
   done
 }
+run_counted() {
+  # The rows of goals.txt whose place is "counted".
+  local names
+  mapfile -t names < <(awk -F ' *\\| *' -v chosen="$filter" '
+    $3 ~ / counted$/ { for (i = 4; i <= 5; i++) if ($i ~ chosen && !seen[$i]++) print $i }' "$root/bench/goals.txt")
+  [[ ${#names[@]} -gt 0 ]] || return 0
+  step "kernel_bench, instructions" "run it by hand: scripts/lib/count-instructions" \
+    "$root/scripts/lib/count-instructions" "$root/build/bench/bench/kernel_bench" \
+    "$results/kernel_bench.counted.json" "${names[@]}" || failed=1
+}
 run_under_wine() {
   local program name chosen
   cd "$results" # Windows programs understand a relative name
@@ -40,6 +50,13 @@ run_under_wine() {
     step "$name, Wine" "run it by hand: scripts/wine-run" timeout 240 "$root/scripts/wine-run" "$program" \
       "${options[@]}" --benchmark_filter="$chosen" --benchmark_out="$name.wine.json" || failed=1
   done
+}
+# Each move of the position takes 0.6 seconds, and the benchmark makes fifty.
+run_scrub() {
+  cd "$results"
+  "$root/scripts/wine-run" "$root/build/bench-x64/bench/scrub_to_sound.exe" --benchmark_filter="$filter" \
+    --benchmark_out_format=json --benchmark_out=scrub_to_sound.wine.json \
+    < <(parec --latency-msec=5 --raw --device=speaker.monitor)
 }
 # Whole programs from start to end, each beside its peers on the same file.
 make_sources() {
@@ -92,13 +109,15 @@ run_whole_programs() {
 }
 failed=
 run_here
+run_counted
 # One session, so that the Windows programs share one start of Wine.
 under_wine() {
   run_under_wine
+  step "scrub_to_sound, Wine" "see the log" "$root/scripts/sound-session" bash -euo pipefail -c run_scrub || failed=1
   step "whole programs" "see the log" bash -euo pipefail -c run_whole_programs || failed=1
   [[ -z $failed ]]
 }
-export -f step say run_under_wine make_sources run_whole_programs under_wine
+export -f step say run_under_wine run_scrub make_sources run_whole_programs under_wine
 export root results filter logs
 "$root/scripts/wine-session" bash -uo pipefail -c "$(declare -p options); failed=; under_wine" || failed=1
 

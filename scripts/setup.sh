@@ -14,8 +14,8 @@ build=(
 )
 # Wine, its display and a font for pictures and windows.
 wine=(wine64 libwine xvfb fonts-dejavu-core)
-# Decoders of Wine's DirectShow: rarer WAV formats and AVI (good), WMA and WMV (libav). Uncompressed files
-# need none.
+# Decoders of Wine's DirectShow. plugins-good reads rarer WAV formats and AVI, and libav reads WMA and WMV. Uncompressed
+# files need none.
 decoders=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
@@ -32,7 +32,7 @@ test=(
 lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
 bench=(
   "${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg
-  vorbis-tools pulseaudio pulseaudio-utils
+  vorbis-tools pulseaudio pulseaudio-utils valgrind
 )
 fuzz=("${build[@]}" g++ libtag1-dev clang libclang-rt-14-dev)
 
