@@ -62,9 +62,11 @@ rm -f "$logs"/result-*
 names=(x64 package sound asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
-# Suites run while later builds run, because they also wait for timers.
+# Suites run while later builds run, because they also wait for timers. Sound tests have separate prefixes, because other
+# tests register and unregister the classes.
 compile x64
 suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
+suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
 compile x86
 suite package x64 "packages of both" "-L ^package$" &
 bits_32=0
@@ -73,6 +75,7 @@ cat "$logs/x86-root.log"
 session_32=(env TESSALY_WINE_BITS=32 "$root/scripts/wine-session")
 if [[ $bits_32 -eq 0 ]]; then
   suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "${session_32[@]}" &
+  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "${session_32[@]}" &
 elif [[ $bits_32 -eq 3 ]]; then
   echo "  32 bits NOT TESTED. The reason is above." >&2
   echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
@@ -80,12 +83,6 @@ fi
 compile asan && suite asan asan "kernels under AddressSanitizer and UBSan" "-LE ^sound$"
 compile tsan threaded_kernel_tests &&
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$"
-# Sound tests run after the builds, because a starved sound server inserts silence. They have separate prefixes, because
-# other tests register and unregister the classes.
-suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
-if [[ $bits_32 -eq 0 ]]; then
-  suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "${session_32[@]}" &
-fi
 wait
 for name in "${names[@]}"; do
   # A suite without a result counts as failed.
