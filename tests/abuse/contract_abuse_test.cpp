@@ -33,7 +33,7 @@ constexpr __int64 kFrames = 1000;
 const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// The methods in kStart run after one case in 64, because ending a thread takes 100 ms.
+// The methods in kStart, below, run after one case in 64, because ending a thread takes 100 ms.
 constexpr int kCasesForOneStart = 64;
 // Means that a case accepts any result.
 constexpr HRESULT kAny = S_OK;
@@ -230,7 +230,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
       const bool is_plain = parameter.kind == Kind::kInteger || parameter.kind == Kind::kReal;
       types.push_back(is_plain ? parameter.type : kPointerType);
       V_VT(arguments.emplace_back(&values[p])) = types.back();
-      V_I8(&values[p]) =  // the call uses only the low bytes
+      V_I8(&values[p]) =  // a smaller type uses only the low bytes
           changed != changes.end()       ? changed->second
           : parameter.kind == Kind::kOut ? AsNumber(&outs[p])
                                          : Legal(object, parameter);
@@ -311,7 +311,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   }};
 };
 
-TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
+TEST_P(ContractAbuse, InvalidArgumentsFailWithTheRightErrorAndTheObjectStillWorks) {
   const auto tested = std::ranges::find(classes_, GetParam(), &Class::name);
   ASSERT_NE(tested, classes_.end());
   std::optional<LeakWatch> watch;
@@ -334,7 +334,7 @@ TEST_P(ContractAbuse, GivesTheRightErrorsAndTheObjectWorksAfterwards) {
         ++index_;
       }
     }
-    // Counts from the second state on, because the first loads libraries and starts threads.
+    // Counts from the second state on, because the first state loads libraries and starts threads.
     if (!watch) watch.emplace();
   }
   EXPECT_GT(index_, 20);

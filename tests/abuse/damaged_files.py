@@ -1,5 +1,5 @@
-"""Damages files of every supported kind and imports them, a hundred in a process. A crash, more than 20 s, more
-than 256 MiB, and leaked handles are findings. FINDINGS keeps their files.
+"""Damages files of every supported kind and imports them, a hundred in a process. Findings are crashes, imports of
+more than 20 s, more than 256 MiB of memory, and leaked handles. The folder FINDINGS receives their files.
 
 damaged_files.py BUILD FINDINGS [FILES] [SEED]   inside a Wine session
 """
@@ -20,7 +20,7 @@ WINE = os.environ["TESSALY_WINE"]
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
 BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
-# Each graph of Wine's decoders leaks at least this many handles, in any program. The test ignores such steps.
+# In any program, each filter graph of Wine's decoders leaks at least this many handles. The test ignores such leaks.
 GRAPH_HANDLES = 30
 GIVE_UP_SECONDS = 1200  # for a batch
 

@@ -20,7 +20,7 @@ namespace {
 
 enum class Fault { kNone, kFileCall, kAllocation };
 
-// Counts the calls of the armed kind. Call number `fails_at` fails. The first has number 1.
+// Counts the calls of the armed kind from 1. Call number `fails_at` fails.
 std::atomic<Fault> armed = Fault::kNone;
 std::atomic<LONG64> calls = 0;
 std::atomic<LONG64> fails_at = 0;

@@ -20,7 +20,7 @@ void End() {
   ExitProcess(7);
 }
 
-TEST(DISABLED_Child, EndsInTheMiddleOfItsWork) {
+TEST(DISABLED_Child, EndsWhileItWorks) {
   const std::wstring work = _wgetenv(L"TESSALY_WORK");
   if (work == L"import") {
     const HANDLE writing = CreateEventW(nullptr, TRUE, FALSE, nullptr);

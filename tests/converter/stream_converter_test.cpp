@@ -30,7 +30,7 @@ Samples Noise() {
   return noise;
 }
 
-// Converts a sine. Returns the level of its difference from `gain` * the exact sine.
+// Converts a sine. Returns the level in dB of the difference from `gain` * the exact sine.
 double ErrorLevel(std::int32_t source, std::int32_t target, double hertz, double gain) {
   std::vector<float> in(static_cast<std::size_t>(source));
   const double step = 2 * std::numbers::pi * hertz;
@@ -57,7 +57,7 @@ TEST(Resampling, HasErrorsAndAliasesBelowMinus140dB) {
   }
 }
 
-TEST(Resampling, GivesTheSameBitsWithEveryLevelOfInstructions) {
+TEST(Resampling, ReturnsTheSameBitsAtEveryInstructionLevel) {
   const Samples in = Noise();
   for (const auto& [source, target] : kRates) {
     std::vector<float> out[3];
@@ -70,7 +70,7 @@ TEST(Resampling, GivesTheSameBitsWithEveryLevelOfInstructions) {
   LimitCpuLevel(HighestCpuLevel());
 }
 
-TEST(StreamConverter, JoinsBlocksWithoutSeams) {
+TEST(StreamConverter, ConvertsBlocksOfAnySizeLikeTheWholeStream) {
   std::minstd_rand random(3);
   const Samples in = Noise();
   const std::pair<Format, Format> kFormats[] = {{{44100, 2}, {48000, 2}},
@@ -93,7 +93,7 @@ TEST(StreamConverter, JoinsBlocksWithoutSeams) {
   }
 }
 
-TEST(ChannelMap, MapsPositionsWithTheirGains) {
+TEST(ChannelMap, MixesSpeakerPositionsWithTheirGains) {
   const std::pair<Samples, std::vector<double>> kCases[] = {
       {{0.5F}, {0.5, 0.5}},
       {{0.5F, -0.25F}, {0.125}},

@@ -65,7 +65,7 @@ TEST(EveryClass, HasOneIdentityAndExactlyItsInterfaces) {
   }
 }
 
-TEST(Module, StaysLoadedByFactoriesObjectsAndServerLocks) {
+TEST(Module, StaysLoadedWhileFactoriesObjectsOrServerLocksExist) {
   const auto can_unload = ModuleUnderTest::CanUnloadNow;
   // The class factories that this process has registered also keep the module loaded.
   ModuleUnderTest::Revoke();
@@ -163,7 +163,7 @@ class Dispatch : public ::testing::Test {
   const ComPtr<IEditedAudio> document_ = Create<IEditedAudio>(CLSID_CEditedAudio);
 };
 
-TEST_F(Dispatch, CoercesArgumentsByPositionByReferenceInVariablesAndByName) {
+TEST_F(Dispatch, CoercesPositionalAndNamedArgumentsAndReferences) {
   Bstr number(L"44100");
   Bstr word(L"forty");
   __int64 count = -(1LL << 40);
@@ -214,7 +214,7 @@ TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
   for (const VARIANT& argument : {Array(array), Variable(reference), Variable(outer)}) {
     EXPECT_EQ(Outcome(reader_.Get(), kReadAudio, {Long(0), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
-    // The type library declares shorts, which cannot hold these peaks.
+    // The type library declares an array of shorts here, but the method requires floats.
     std::ranges::fill(block.values(), 0.5F);
     EXPECT_EQ(Outcome(document_.Get(), kReadWaveplot, {Long(0), Long(8), argument}).hr, S_OK);
     EXPECT_THAT(block.ToVector(), ::testing::Each(0.0F));
@@ -236,7 +236,7 @@ TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Reference(VT_I4, &rate), to_channels}).hr, S_OK);
   EXPECT_EQ(rate, 48000);
   EXPECT_EQ(channels, 2);
-  // An out parameter that is passed by value loses its result.
+  // If a client passes an out parameter by value, the client gets no result.
   EXPECT_EQ(Outcome(reader_.Get(), kGetFormat, {Long(0), kEmpty}).hr, S_OK);
   Outcome mismatch(reader_.Get(), kGetFormat, {Reference(VT_R8, &wrong), to_channels});
   EXPECT_EQ(mismatch.hr, DISP_E_TYPEMISMATCH);
@@ -267,7 +267,7 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
   EXPECT_EQ(V_VT(&count.result), VT_I8);
   EXPECT_EQ(V_I8(&count.result), 1LL << 40);
   EXPECT_EQ(Outcome(document_.Get(), kClear, {}).result.vt, VT_EMPTY);
-  // A null object is returned as a VT_DISPATCH or VT_UNKNOWN that is null, for scripts to test.
+  // Invoke returns a null object as a null VT_DISPATCH or VT_UNKNOWN, so that scripts can test it.
   Outcome none(Create<IAudioPool>(CLSID_CAudioPool).Get(), kCreateLastReader, {});
   EXPECT_TRUE(V_VT(&none.result) == VT_DISPATCH && V_DISPATCH(&none.result) == nullptr);
   Outcome failed(As<IAudioReader>(Create<IUnknown>(CLSID_CAudioPoolReader)).Get(), kReadAudio,
@@ -278,7 +278,7 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
   EXPECT_NE(SysStringLen(failed.exception.bstrDescription), 0U);
 }
 
-TEST_F(Dispatch, PassesTheInterfaceThatTheParameterDeclaresAndAddsAReferenceToABorrowedOne) {
+TEST_F(Dispatch, PassesTheDeclaredInterfaceAndAddsAReferenceToBorrowedOnes) {
   IDispatch* direct = document_.Get();
   VARIANT variable = Long(1);
   __int64 begin = 5;
@@ -336,7 +336,7 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndInconsistentArguments) {
 }
 
 // The calls are those that scripts make.
-TEST_F(Dispatch, LeavesNoMemoryBehind) {
+TEST_F(Dispatch, LeaksNoMemory) {
   constexpr int kTimes = 100;
   const auto labels = As<ILabelSupport>(document_);
   Bstr word(L"forty");
@@ -364,7 +364,7 @@ TEST_F(Dispatch, LeavesNoMemoryBehind) {
   EXPECT_LT(CountHeapBlocks(), blocks + kTimes / 2);
 }
 
-TEST(SampleArrayView, LocksADescriptorWithoutATypeOnce) {
+TEST(SampleArrayView, LocksAnUntypedFloatArrayOnlyOnce) {
   float samples[3] = {1, 2, 3};
   SAFEARRAY array = {1, FADF_AUTO | FADF_FIXEDSIZE, sizeof(float), 0, samples, {{3, 5}}};
   {
@@ -384,8 +384,8 @@ class Named : public TestObject<IPersist> {
   DWORD thread = 0;
 };
 
-// The test thread is a single-threaded apartment.
-TEST(WorkerThread, RunsOneBodyAtATimeAndServesItsCallsWhileItWaits) {
+// The test thread runs in a single-threaded apartment.
+TEST(WorkerThread, RunsOneBodyAtATimeAndTheWaitingThreadServesItsCalls) {
   const auto object = MakeObject<Named>();
   IStream* stream = nullptr;
   ASSERT_EQ(CoMarshalInterThreadInterfaceInStream(IID_IPersist, object.Get(), &stream), S_OK);

@@ -53,7 +53,7 @@ Lines ClassesIn(HKEY root) {
     };
     return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
-  // These two keys may already exist before the registration.
+  // Always includes these two keys, because they may already exist before the registration.
   lines.insert({L"AppID\\", L"CLSID\\"});
   return lines;
 }
@@ -128,8 +128,8 @@ TEST_F(Registration, WritesExactlyItsEntriesAndRemovesThem) {
   EXPECT_EQ(Unregister(), E_INVALIDARG);
 }
 
-// The module's path looks like a script and contains letters outside every code page.
-TEST_F(Registration, LetsOthersCreateTypedObjectsOfAModuleAtAnyPath) {
+// The module's path looks like a registry script and contains letters beyond ASCII.
+TEST_F(Registration, AModuleAtAnyPathCreatesObjectsWithTypeInformation) {
   const std::wstring library = L"TypeLib\\" + kGuid + L"\\1.0";
   const TemporaryFolder folder;
   const std::filesystem::path odd =

@@ -27,7 +27,7 @@ Samples Ramp(std::size_t count, std::size_t first = 0) {
   return ramp;
 }
 
-TEST(AudioQueue, KeepsItsSamplesWhenItGrowsAndReadsSilenceWhereNothingIsLeft) {
+TEST(AudioQueue, KeepsSamplesWhenItGrowsAndReadsSilencePastTheEnd) {
   CAudioQueue queue;
   queue.Append(Ramp(1500));
   Samples seen(1000);
@@ -42,11 +42,11 @@ TEST(AudioQueue, KeepsItsSamplesWhenItGrowsAndReadsSilenceWhereNothingIsLeft) {
   EXPECT_EQ(queue.Count(), 12042U);
 }
 
-// The result is exact, because a product has at most 39 bits and fits a double.
+// Exact, because the product of a float and a scale has at most 39 bits, which fit a double.
 std::int64_t ExactCode(double value, int bits) {
   constexpr std::int64_t kLowest = -(std::int64_t{1} << 31);
   if (bits > 16) {
-    // Full scale and beyond become the lowest code. The upper bytes are the 24-bit code.
+    // Full scale and beyond become the lowest code. The 24-bit code is the top of the 32-bit one.
     const bool fits = value < 1.0 && value > -1.0;
     return (fits ? static_cast<std::int64_t>(value * 0x1p31) : kLowest) >> (32 - bits);
   }
@@ -83,7 +83,7 @@ TEST_P(Converters, WriteTheCodesOfExactArithmetic) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
   Samples samples = {0.0F, -0.0F, kNan, -kNan, kInfinity, -kInfinity, 1.0F, -1.0F};
-  // An odd stride visits all exponents and both signs.
+  // These bit patterns include all exponents and both signs.
   for (std::uint64_t pattern = 0; pattern < std::uint64_t{1} << 32; pattern += 4001) {
     samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));
   }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Regenerates the sound files of the tests (sox, vorbis-tools, ffmpeg). The tree holds the files, so that every machine
-# tests the same bytes. Run this script only to change them. The serial numbers are fixed, and each file has its own, so
+# Regenerates the sound files of the tests with sox, vorbis-tools and ffmpeg. The tree holds the files, so that every
+# machine tests the same bytes. Run this script only to change them. Each Ogg file has its own fixed serial number, so
 # that any two files can be chained.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"

@@ -44,7 +44,7 @@ struct Player {
   const ComPtr<IAudioWriter> writer = As<IAudioWriter>(playback);
 };
 
-TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
+TEST(Playback, WriteAudioWaitsWhileTheBufferIsFullAndPositionsCountFromTheOffset) {
   const Player player(44100, 2, 16);
   EXPECT_EQ(player.playback->SetPosOffset(1000), S_OK);
   __int64 last = player.Position();
@@ -54,7 +54,7 @@ TEST(Playback, PacesItsWriterAndCountsFramesFromItsOffset) {
   for (const std::size_t odd : {0, 1, 7}) EXPECT_EQ(player->WriteAudio(Floats(odd)), S_OK);
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
-  // WriteAudio waits while over 1 s is queued, so 40 blocks of 100 ms take almost 3 s.
+  // WriteAudio waits while more than 1 s is queued, so 40 blocks of 100 ms take almost 3 s.
   for (int i = 0; i < 40; ++i) ASSERT_EQ(player->WriteAudio(Floats(2 * 4410)), S_OK);
   EXPECT_GT(passed(), std::chrono::seconds(2));
   while (!player.Ready()) {
@@ -135,7 +135,7 @@ class Grabber : public ::testing::Test {
   const ComPtr<IAudioReader> reader_ = As<IAudioReader>(grabber_);
 };
 
-TEST_F(Grabber, ReadsMoreOrLessThanADeviceBufferAndTheRestAfterClosing) {
+TEST_F(Grabber, ReadsBlocksOfAnySizeAndTheQueuedSamplesAfterClosing) {
   LONG rate = 0;
   SHORT channels = 0;
   EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);
@@ -181,7 +181,7 @@ TEST_F(Grabber, ClosingEndsTheWaitOfEveryReaderAndReadsBeforeOpeningFail) {
 
 class Scrubber : public ::testing::Test {
  protected:
-  // Slows each call down, as a device would.
+  // Slows each WriteAudio down, as a device would.
   Scrubber() {
     writer_->on_write = [](SAFEARRAY*) { Sleep(5); };
   }
@@ -195,7 +195,7 @@ class Scrubber : public ::testing::Test {
   ComPtr<IAudioScrubber> scrubber_ = Create<IAudioScrubber>(CLSID_CAudioScrubber);
 };
 
-TEST_F(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
+TEST_F(Scrubber, PlaysSilenceAndThenCrossfadesToTheWrittenBlock) {
   ASSERT_EQ(Start(9, 2), S_OK);
   EXPECT_EQ(Start(9, 2), E_FAIL);
   AwaitMore(3);
@@ -204,7 +204,7 @@ TEST_F(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
   EXPECT_EQ(scrubber_->WriteBlock(Floats(15)), E_INVALIDARG);
   ASSERT_EQ(scrubber_->WriteBlock(Floats(cursor)), S_OK);
   AwaitMore(5);
-  // A silent block ends the sound within one pass.
+  // After a silent block, only the second half of the previous block fades out.
   ASSERT_EQ(scrubber_->WriteBlock(Floats(16)), S_OK);
   AwaitMore(5);
   ASSERT_EQ(scrubber_->Stop(), S_OK);
@@ -229,7 +229,7 @@ TEST_F(Scrubber, PlaysSilenceFirstAndThenTheBlockUnderTheCursorCrossfaded) {
   }
 }
 
-TEST_F(Scrubber, WriterMayCallTheScrubberThatCallsItAndStopIt) {
+TEST_F(Scrubber, TheWriterMayCallAndStopTheScrubberInsideWriteAudio) {
   std::atomic<int> calls{0};
   writer_->on_write = [&](SAFEARRAY*) {
     if (calls++ > 0) return;

@@ -1,6 +1,6 @@
-"""Removes the devices of programs that play, record and scrub, and restores them: unloads sink and source, or
-kills the sound server. Every call that ends a use returns, every waiting thread fails, nothing leaks, and the next
-start in the same process works.
+"""Removes the devices of programs that play, record and scrub, and restores them. To remove them, it unloads sink
+and source or kills the sound server. Every call that ends a use must return, every waiting call must fail, nothing
+may leak, and the next start in the same process must work.
 
 Called inside a Wine session: device_loss_test.py sound_tool.exe [unittest arguments]
 
@@ -20,7 +20,7 @@ TOOL = str(pathlib.Path(sys.argv.pop(1)).resolve())
 LOSSES = ((ChangingServer.unload, ChangingServer.load), (ChangingServer.kill, ChangingServer.start))
 LOSSES *= int(os.environ.get("TESSALY_LOSS_REPEATS", "1"))
 
-# With "watch", the program ends nothing, because the engine detects the loss itself.
+# With "watch", sound_tool calls no method to end the use, because the engine detects the loss itself.
 USES = (("playback", "watch"), ("playback", "break"), ("playback", "close"), ("playback", "release"),
         ("drain", "watch"), ("document", "watch"), ("document", "stop"), ("document", "release"),
         ("cursor", "stop"), ("cursor", "release"), ("recorder", "close"))
@@ -37,7 +37,7 @@ def ask(tools, word):
 
 
 def heard(server):
-    """Returns the tones in a fifth of a second, which holds whole periods of each tone."""
+    """Returns the tones that the speaker plays. A fifth of a second holds whole periods of each tone."""
     left = server.listen(RATE // 5)[0::2]
     power = lambda hertz: abs(sum(sample * cmath.exp(-2j * cmath.pi * hertz * n / RATE)
                                   for n, sample in enumerate(left)))

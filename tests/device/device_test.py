@@ -23,7 +23,7 @@ STALL = 8  # seconds that the server is stopped
 
 
 def equal_frames(one, other, frame_bytes):
-    """Counts the equal frames from the start."""
+    """Returns the number of equal frames at the start of both."""
     pairs = zip(frames_of(one, frame_bytes), frames_of(other, frame_bytes))
     return next((at for at, (a, b) in enumerate(pairs) if a != b), min(len(one), len(other)) // frame_bytes)
 
@@ -92,8 +92,7 @@ class StallTest(unittest.TestCase):
         with sound_server(pipes=False) as environment:
             server = int(environment["TESSALY_SOUND_SERVER_PID"])
             uses = [SoundTool(TOOL, environment, "use", use, "break", 440) for use in ("playback", "drain", "document")]
-            # The document opens its device after Play has returned. An opening would wait for a minute for the
-            # stopped server.
+            # The document opens its device after Play has returned. With a stopped server, opening would take a minute.
             for tool in reversed(uses):
                 self.assertEqual(tool.ask("start"), {"started": 1})
                 wait_until(lambda: subprocess.check_output(["pactl", "list", "short", "sink-inputs"], env=environment),

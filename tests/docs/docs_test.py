@@ -25,7 +25,7 @@ def broken_links(page):
     for target in re.findall(r"\]\((?![a-z]+:)([^)\s]+)\)", re.sub(r"`[^`\n]*`", "", plain(page))):
         file, _, anchor = target.partition("#")
         place = (ROOT / page).parent / file if file else ROOT / page
-        # Makes the anchors of headings like common Markdown renderers.
+        # Forms the anchors of headings as common Markdown renderers do.
         if not place.exists() or (anchor and anchor not in [
                 re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
                 for heading in re.findall(r"^#+ (.*)$", plain(place), re.M)]):

@@ -20,7 +20,7 @@ struct Document {
   IEditedAudio* operator->() const { return edit.Get(); }
   operator IEditedAudio*() const { return edit.Get(); }
 
-  // A null source is silence.
+  // A null source appends silence.
   void Append(const ComPtr<RampSource>& source, __int64 begin, __int64 end) const {
     EXPECT_EQ(edit->AppendSegment(source.Get(), begin, end), S_OK);
   }
@@ -31,7 +31,7 @@ struct Document {
     EXPECT_EQ(markers->AddSectionMarker(begin, end, Wide(name)), S_OK);
   }
 
-  // Returns the content in the format of PlainDocument::Text. All sources must be RampSources.
+  // Returns the content in the format of PlainDocument::Text. Sources must be RampSources or null.
   std::string Text() const {
     PlainDocument content;
     IAudioReader* lent = nullptr;

@@ -15,7 +15,7 @@ using ::testing::ElementsAre;
 constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
-TEST(Edits, LeaveTheIterationOnItsSegment) {
+TEST(Edits, DoNotMoveTheIterationToAnotherSegment) {
   SegmentList<char> list;
   for (int i = 0; i < 600; ++i) list.Append({'A', i, i + 1});
   list.First();
@@ -27,7 +27,7 @@ TEST(Edits, LeaveTheIterationOnItsSegment) {
     return list.Next();
   };
   EXPECT_EQ(next_after(10, 700)->begin, 301);
-  // Inserts directly before, and then directly after, the next segment.
+  // Inserts directly before, and then directly after, the segment that Next returned last.
   EXPECT_EQ(next_after(700 + 301, 1)->begin, 302);
   EXPECT_EQ(next_after(700 + 1 + 303, 1)->source, 'B');
   EXPECT_EQ(list.Next()->begin, 303);
@@ -64,14 +64,14 @@ std::vector<std::int64_t> Walk(const CSection& section, bool looped, std::int64_
   return blocks;
 }
 
-TEST(PlaySection, WalksInBlocksOfFortyMillisecondsShortensTheLastOneAndLoops) {
+TEST(PlaySection, PlaysBlocksOf40MillisecondsAndAShorterLastOneAndLoops) {
   EXPECT_EQ(PlayBlockBytes(44100, 2), 1764 * 8);
   EXPECT_THAT(Walk({100, 125}, false, 80, 2), ElementsAre(100, 20, 110, 20, 120, 10));
   EXPECT_THAT(Walk({100, 115}, true, 80, 2, 3), ElementsAre(100, 20, 110, 10, 100, 20));
   // A block of 35 bytes holds 8 samples. They are two frames and two surplus samples.
   EXPECT_THAT(Walk({0, 5}, false, 35, 3), ElementsAre(0, 8, 2, 8, 4, 3));
   EXPECT_THAT(Walk({0, 4}, false, 35, 3), ElementsAre(0, 8, 2, 6));
-  // A block of 40 ms would hold less than one frame.
+  // At a negative rate, a block of 40 ms would hold less than one frame.
   EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(-44100, 2), 2), ElementsAre(0, 2, 1, 2));
   EXPECT_THAT(Walk({0, 10}, true, 80, -2), ElementsAre());
   EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2), ElementsAre(kMin, 20, kMin + 10, 20));

@@ -1,5 +1,5 @@
 // Tests playing and scrubbing of a document on the real wave devices of a private sound server.
-// CTest ends a test that hangs.
+// Waits have no limit, because CTest ends a test that hangs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -52,7 +52,7 @@ class EditedAudioPlay : public ::testing::Test {
   }
 
   std::atomic<int> reads_{0};
-  // Read the log only while no thread runs.
+  // Read calls_ only while the playback thread does not run.
   CallLog calls_;
   CallLog events_;
   const ComPtr<Sink> sink_ = MakeObject<Sink>("s", &events_);
@@ -71,7 +71,7 @@ TEST_F(EditedAudioPlay, PlaysASectionToItsEndInBlocksOfFortyMilliseconds) {
                           "A.ReadAudio(4528, 3528)", "A.ReadAudio(6292, 82)", "A.CloseDevice"));
 }
 
-TEST_F(EditedAudioPlay, PlayFiresEvenIfItStartsNothingAndOnlyALoopChangesItsSection) {
+TEST_F(EditedAudioPlay, PlayAlwaysFiresItsEventAndOnlyALoopCanChangeItsSection) {
   document_->ModifyPlaySection(100, 200);
   Play(100, 100);
   EXPECT_EQ(Position(), -1);
@@ -89,7 +89,7 @@ TEST_F(EditedAudioPlay, PlayFiresEvenIfItStartsNothingAndOnlyALoopChangesItsSect
   document_->StopPlay();
   Play(0, kHour, false);
   document_->ModifyPlaySection(kHour - 10, kHour);
-  // The device holds 25 blocks, which last a second. Then the thread waits for room.
+  // The device queues 25 blocks, which last a second. Then the playback thread waits.
   WaitForReads(28);
   EXPECT_LT(Position(), kHour - 10);
   document_->StopPlay();
@@ -98,7 +98,7 @@ TEST_F(EditedAudioPlay, PlayFiresEvenIfItStartsNothingAndOnlyALoopChangesItsSect
   EXPECT_EQ(events_, CallLog(6, "s1"));
 }
 
-TEST_F(EditedAudioPlay, AFailureOnTheThreadEndsThePlayback) {
+TEST_F(EditedAudioPlay, AFailedReadOrOpenEndsThePlayback) {
   const auto last_call = [&] {
     Play(0, 4410, false);
     WaitUntil([&] { return Position() < 0; });
@@ -118,7 +118,7 @@ TEST_F(EditedAudioPlay, AFailureOnTheThreadEndsThePlayback) {
 }
 
 TEST_F(EditedAudioPlay, SinksAndSourcesMayPlayStopAndChangeTheSection) {
-  // Play inside an event would recurse endlessly if the document allowed it.
+  // Each Play fires the event that calls Play again, so the document must limit the recursion.
   sink_->on_event = [&](DISPPARAMS*) { return Play(500, 510), S_OK; };
   Play(500, 510);
   sink_->on_event = [&](DISPPARAMS*) { return document_->StopPlay(); };
@@ -162,7 +162,7 @@ TEST_F(EditedAudioPlay, TheLastReleaseEndsPlayingAndScrubbing) {
   }
 }
 
-TEST_F(EditedAudioPlay, ScrubbingReadsAroundThePositionEndsPlayingAndIsHeard) {
+TEST_F(EditedAudioPlay, ScrubbingEndsPlaybackAndPlaysTheAudioAroundThePosition) {
   Play(0, 1000);
   ASSERT_EQ(document_.scrub->StartScrub(), S_OK);
   EXPECT_EQ(Position(), -1);
@@ -173,7 +173,7 @@ TEST_F(EditedAudioPlay, ScrubbingReadsAroundThePositionEndsPlayingAndIsHeard) {
   }
   WaitUntil([&] { return Level(0) > 0; });
   document_->InsertSegment(0, nullptr, 0, kRate);
-  // Plays silence, in which the level falls, and then only the second channel.
+  // Plays silence, so that the level falls, and then only the second channel.
   Play(0, kRate + 50'000, true, 2);
   WaitUntil([&] { return Level(0) <= 0; });
   WaitUntil([&] { return Level(1) > 0; });

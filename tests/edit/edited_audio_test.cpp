@@ -207,7 +207,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.Format(), "44100/1/24");
   EXPECT_EQ(log_, CallLog{"A.GetFormat"}) << "later sources are never asked";
   log_.clear();
-  // Each source gets a fixed array that has its piece's size and holds zeros.
+  // Each source gets an array of zeros for its part of the read, which it cannot resize or destroy.
   b_->on_read = [&](SAFEARRAY* array) {
     SAFEARRAYBOUND larger = {1 << 20, 0};
     EXPECT_TRUE(FAILED(SafeArrayRedim(array, &larger)) && FAILED(SafeArrayDestroy(array)));
@@ -217,8 +217,8 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
               ElementsAre(A(101), A(102), A(103), 0, 0, B(7), B(8), A(10), A(11), 0));
   EXPECT_THAT(log_, ElementsAre("A.ReadAudio(101, 3)", "B.ReadAudio(7, 2)", "A.ReadAudio(10, 2)"));
   EXPECT_THAT(document_.Read(std::numeric_limits<__int64>::max(), 2), ElementsAre(0, 0));
-  // If the read begins before the document, the first piece still starts at the front of the array.
-  // The rest of the array stays unchanged.
+  // A read from before frame 0 stores the first piece at the front of the array. The rest of the
+  // array stays unchanged.
   EXPECT_THAT(document_.Read(-2, 4), ElementsAre(A(100), A(101), -1, -1));
   b_->read_result = E_ACCESSDENIED;
   const Floats block(8, -1.0F);
@@ -231,7 +231,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   a_->on_read = [&](SAFEARRAY*) { document_->Clear(); };
   EXPECT_THAT(document_.Read(0, 7), ElementsAre(A(100), A(101), A(102), A(103), 0, 0, B(7)));
   EXPECT_EQ(document_.Length() + b_->Held(), 0);
-  // After the backward segment, pieces of 100 and 70 frames share an array for 120 frames.
+  // Because of the backward segment, pieces of 100 and 70 frames share an array for 120 frames.
   a_->on_read = nullptr;
   document_.Append(a_, 0, 100);
   document_.Append(b_, 50, 0);
@@ -240,7 +240,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(log_.back(), "A.ReadAudio(200, 70)");
 }
 
-// Hosts must not edit during reads. Such a read returns the old or the new content.
+// Hosts must not edit during reads. If they do, a read returns the old or the new content.
 TEST_F(EditedAudio, EditsDuringReadsOnOtherThreadsCorruptNothing) {
   const auto quiet = RampSource::Make('Q', 1);
   document_.Append(quiet, 0, 1);
@@ -261,7 +261,7 @@ TEST_F(EditedAudio, EditsDuringReadsOnOtherThreadsCorruptNothing) {
   EXPECT_EQ(quiet->Held(), 0);
 }
 
-TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself) {
+TEST_F(EditedAudio, OpensAndClosesSourcesInOrderEvenIfItContainsItself) {
   document_.Append(a_, 0, 4);
   document_.Append(nullptr, 0, 1);
   document_.Append(b_, 0, 1);
@@ -284,7 +284,7 @@ TEST_F(EditedAudio, OpensAndClosesEverySegmentsSourceInOrderAndMayContainItself)
   EXPECT_EQ(document_->Clear(), S_OK);
 }
 
-TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlotsWhateverTheyDo) {
+TEST_F(EditedAudio, CallsSinksInSlotOrderEvenIfTheyConnectOrDisconnect) {
   const auto a = MakeSink("a");
   const auto b = MakeSink("b");
   const auto c = MakeSink("c");
@@ -316,7 +316,7 @@ TEST_F(EditedAudio, CallsTheSinksInTheOrderOfTheirSlotsWhateverTheyDo) {
             CONNECT_E_CANNOTCONNECT);
 }
 
-TEST_F(EditedAudio, OffersTheDocumentForUndoBeforeAnythingChanges) {
+TEST_F(EditedAudio, FiresTheUndoEventBeforeAChange) {
   document_.Append(a_, 0, 10);
   log_.clear();
   const Document undo;

@@ -77,8 +77,7 @@ class EditedAudioWaveplot : public ::testing::Test {
   Document document_;
 };
 
-// Compares at every stage of a take, including after the pool has continued writing, and after a
-// change of bit depth has made it overwrite peaks.
+// Compares while a take grows, also after a change of bit depth makes the pool overwrite peaks.
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);
@@ -147,7 +146,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   EXPECT_GT(drawn, 200);
 }
 
-TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothing) {
+TEST_F(EditedAudioWaveplot, BelowAPeakPerColumnReadsSamplesAndWritesNothingAfterAFailure) {
   const auto a = RampSource::Make('A', 100, &log_);
   document_.Append(a, 0, 200'000);
   log_.clear();
@@ -169,7 +168,7 @@ TEST_F(EditedAudioWaveplot, ReadsFewerThan256FramesAColumnInBlocksAndAllOrNothin
                         "A.CloseDevice"));
 }
 
-TEST_F(EditedAudioWaveplot, DrawsNothingForEmptyRangesOrPastTheArray) {
+TEST_F(EditedAudioWaveplot, LeavesTheArrayUnchangedForEmptyRangesAndNeverWritesPastIt) {
   const auto a = RampSource::Make('A', 1);
   document_.Append(a, 0, 1000);
   for (const auto& [begin, end] : {std::pair{500LL, 500LL}, {500, 100}, {1000, 2000}}) {

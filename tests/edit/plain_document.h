@@ -15,7 +15,7 @@ namespace marlinda::testing {
 struct PlainDocument {
   using Segment = CAudioSegment<char>;
 
-  // Sources by name; "-" is silence.
+  // Each source is a letter; '-' is silence.
   std::vector<Segment> segments;
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;

@@ -19,7 +19,7 @@ HWND dialog = nullptr;
 
 std::string TextOf(HWND window) {
   char text[1000] = "";
-  // Wine loses the answer of a window that is being destroyed.
+  // Asks again after a timeout, because Wine loses the answer of a window that is being destroyed.
   while (IsWindow(window) != FALSE &&
          SendMessageTimeoutA(window, WM_GETTEXT, std::size(text), reinterpret_cast<LPARAM>(text),
                              SMTO_NORMAL, 1000, nullptr) == 0) {
@@ -29,7 +29,7 @@ std::string TextOf(HWND window) {
 
 std::string Status() { return TextOf(GetDlgItem(editor, ID_STATUS)); }
 
-// Waits without a limit. The test runner ends a test that hangs.
+// Waits without a limit. CTest ends a test that hangs.
 template <class Condition>
 void WaitUntil(Condition condition) {
   while (!condition()) Sleep(10);
@@ -49,7 +49,7 @@ void Key(WORD key, bool down) {
   SendInput(1, &input, sizeof input);
 }
 
-// A dialog is ready once it has the focus.
+// A dialog accepts input once one of its controls has the focus.
 bool FindDialog(const std::string& title) {
   dialog = FindWindowA("#32770", title.c_str());
   GUITHREADINFO info = {};

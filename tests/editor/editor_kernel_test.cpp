@@ -1,4 +1,4 @@
-// Tests the arithmetic of the editor's view, ruler and undo stack.
+// Tests the kernels of the editor: view, ruler and undo stack.
 #include <gmock/gmock.h>
 
 #include <random>
@@ -21,7 +21,7 @@ View ViewOf(std::int64_t frames, int width) {
   return view;
 }
 
-TEST(View, ShowsANewDocumentWholeAlsoWhileItGrows) {
+TEST(View, ShowsAllOfAGrowingDocumentUntilTheUserZooms) {
   View view = ViewOf(1000, 100);
   EXPECT_EQ(view.visible(), (Range{0, 1000}));
   view.SetLength(kTenHours);
@@ -53,7 +53,7 @@ TEST(View, ZoomingKeepsTheFrameUnderTheMouseOrTheCursor) {
   }
 }
 
-TEST(View, PixelsAndFramesAgreeAtEveryZoomOnAGridThatScrollingDoesNotMove) {
+TEST(View, PixelsAndFramesConvertBackAndForthAtEveryZoomAndScrollPosition) {
   std::mt19937 random(1);
   View view = ViewOf(kTenHours, 1280);
   for (int i = 0; i < 2000; ++i) {
@@ -71,7 +71,7 @@ TEST(View, PixelsAndFramesAgreeAtEveryZoomOnAGridThatScrollingDoesNotMove) {
   }
 }
 
-TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
+TEST(View, ShowRangeShowsTheWholeRangeAndMakeVisibleScrollsToTheFrame) {
   View view = ViewOf(kTenHours, 1000);
   for (const Range range : {Range{12'345, 999'999}, Range{0, kTenHours}, Range{500, 520}}) {
     view.ShowRange(range);
@@ -81,7 +81,7 @@ TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
   }
   view.MakeVisible(1'000'000);
   EXPECT_TRUE(view.visible().Holds(1'000'000));
-  // Between two points, FrameAt returns the nearer frame.
+  // At close zooms, FrameAt returns the frame that is nearest to the pixel.
   EXPECT_EQ(view.FrameAt(view.PixelOf(1'000'001) - 1), 1'000'001);
   view.ZoomAt(0, 1e6);
   EXPECT_EQ(view.zoom().pixels, View::kMaxPixelsPerFrame);
@@ -89,7 +89,7 @@ TEST(View, ARangeIsShownWholeAndAFrameIsBroughtInside) {
   EXPECT_GT(view.visible().length(), 1);
 }
 
-TEST(Ruler, TicksStandAtRoundTimesAndLeaveRoomForTheirTexts) {
+TEST(Ruler, TicksAreAtRoundTimesAndTheirTextsDoNotOverlap) {
   const std::tuple<double, RulerUnit, std::string> cases[] = {{0.01, RulerUnit::kTime, ""},
                                                               {0.8, RulerUnit::kTime, "0:00.1"},
                                                               {36000, RulerUnit::kTime, "1:00:00"},

@@ -1,4 +1,4 @@
-"""Operates the editor with mouse and keyboard, and compares its sound and its files.
+"""Operates the editor with mouse and keyboard, and checks its sound and its files.
 
 Called inside a Wine session: editor_test.py marlinda.exe marlinda-editor.exe editor_driver.exe [unittest arguments]
 TESSALY_EDITOR_PICTURES sets a folder for screenshots of the window.
@@ -26,7 +26,7 @@ SHIFT, CTRL, SPACE, END, HOME, PLUS = 16, 17, 32, 35, 36, 107
 MOVE, LEFT_DOWN, LEFT_UP, MIDDLE_DOWN, MIDDLE_UP = 0x200, 0x201, 0x202, 0x207, 0x208
 OK, CANCEL, NO = 1, 2, 7
 FILE_NAME, TEXT = 1148, 211  # edit fields of the file dialog and of the editor's dialogs
-LANE = 200  # a height inside the first lane
+LANE = 200  # a y coordinate inside the lane of the first channel
 
 
 def signal(frames):
@@ -174,7 +174,7 @@ class EditorTest(unittest.TestCase):
         editor.answer("Export", CANCEL)
         self.assertEqual(written.read_bytes(), wanted.read_bytes())
 
-    def test_a_position_that_is_held_is_heard_and_a_recording_follows_the_cursor(self):
+    def test_scrubbing_is_audible_and_a_recording_is_inserted_at_the_cursor(self):
         editor = self.start()
         editor.picture("empty")
         editor.press(CTRL, "O")
@@ -206,7 +206,7 @@ class EditorTest(unittest.TestCase):
         self.assertAlmostEqual(crossings * RATE / len(tone), 440, delta=5)
         self.assertAlmostEqual(max(tone) / 32767, 0.5, delta=0.01)
 
-    def test_files_follow_one_another_as_the_command_line_joins_them_and_failures_are_explained(self):
+    def test_inserted_files_equal_a_command_line_join_and_failures_are_explained(self):
         editor = self.start(self.source, self.source)
         editor.picture("whole-file")
         other = self.folder / "other.wav"

@@ -13,8 +13,8 @@
 
 namespace marlinda::testing {
 
-// Returns the code of the sample with this index (frame * channels + channel). The codes are spread
-// over the width, except the lowest code, which some widths cannot reach.
+// Returns the code of the sample with this index (frame * channels + channel). The codes cover the
+// range of the width, except the lowest code, which some widths cannot reach.
 inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   const auto spread = static_cast<std::uint32_t>((index + 1) * 2654435761U);
   // A float holds 24 bits, so 32-bit codes have the low byte 0.

@@ -51,7 +51,7 @@ class DShowExport : public ::testing::Test {
     ASSERT_EQ(task->Start(), S_OK);
     ASSERT_TRUE(WaitForTask(task.Get()));
   }
-  // Expects an import of the file to give this many frames, with the original tones.
+  // Expects that an import of the file delivers this many frames with the original tones.
   void ExpectTones(__int64 frames) {
     const auto import = Create<IImportFilter>(CLSID_CDShowImport);
     const auto writer = MakeObject<RecordingWriter>();
@@ -104,7 +104,7 @@ TEST_F(DShowExport, WritesEverySampleBetweenTheTags) {
     Run();
     EXPECT_EQ(Progress(), 1.0F);
     ExpectTones(frames);
-    // 27 bytes of frames and 1024 of padding are 8 * 128 + 27. The sound has 256 kbit/s.
+    // 27 bytes of ID3 frames and 1024 of padding are 8 * 128 + 27. The sound has 256 kbit/s.
     const Bytes front = Text("ID3") + Bytes{3, 0, 0, 0, 0, 8, 27} + Text("TIT2") +
                         Bytes{0, 0, 0, 2, 0, 0, 0, 'T'} + Text("TYER") +
                         Bytes{0, 0, 0, 5, 0, 0, 0} + Text("2009") + Bytes(1024) +
@@ -126,7 +126,7 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenItCannotWrite) {
   Run();
   ExpectTones(2 * 65536);
   Initialize(2, 1'000'000);
-  // Closes the file from outside the module. Handles are multiples of 4.
+  // Makes writes fail by closing the file. Tries all handles, which are multiples of 4.
   tones->on_read = [&](SAFEARRAY*) {
     for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
       wchar_t name[MAX_PATH] = L"";

@@ -148,7 +148,7 @@ TEST_P(FilterTaskTest, HasEndedWhenCancelOrTheLastReleaseReturns) {
   }
 }
 
-TEST_P(FilterTaskTest, SurvivesItsLastReleaseByItsOwnClient) {
+TEST_P(FilterTaskTest, TheClientMayReleaseTheTaskInsideACallback) {
   const KernelHandle released(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   ICoreTask* const last = task.Get();
   on_block = [&] {

@@ -1,5 +1,5 @@
-// Builds the bytes that a RIFF file must have, independently of the code under test: Chunk("fmt ",
-// U16(1) + U16(2) + ...).
+// Builds the bytes that a RIFF file must have, independently of the code under test. Example:
+// Chunk("fmt ", U16(1) + U16(2)).
 #pragma once
 
 #include <bit>

@@ -120,7 +120,7 @@ TEST_F(SettingsDialogs, StoreTheBitRateOfTheUser) {
   EXPECT_EQ(settings.Read("MP3Bitrate"), 320U);
 }
 
-TEST_F(SettingsDialogs, AreModalToTheOwnerOfCodecErrorsAndOutliveTheFilter) {
+TEST_F(SettingsDialogs, DisableTheirOwnerAndOutliveTheFilter) {
   const HWND owner = CreateWindowW(L"STATIC", L"host", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 0, 0, 200,
                                    200, nullptr, nullptr, nullptr, nullptr);
   const DialogSteps modal = [&](HWND dialog) {
@@ -148,9 +148,9 @@ TEST_F(SettingsDialogs, AreModalToTheOwnerOfCodecErrorsAndOutliveTheFilter) {
   });
 }
 
-TEST_F(SettingsDialogs, LeaveNothingBehind) {
+TEST_F(SettingsDialogs, LeakNoMemory) {
   constexpr unsigned kTimes = 100;
-  // One thread for all dialogs, so that the test's own threads do not count.
+  // One thread confirms all dialogs, so that starting threads does not change the heap count.
   const std::jthread user([main = GetCurrentThreadId()](const std::stop_token& stop) {
     for (; !stop.stop_requested(); Sleep(1)) {
       const HWND dialog = FindWindowW(L"#32770", nullptr);

@@ -59,7 +59,7 @@ TEST(WavExportFilter, WritesWholeFilesOfEveryWidthAndChannelCount) {
   }
 }
 
-TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem) {
+TEST(WavExportFilter, ReadsBlocksOf65536FramesAndSilencesTheRestOfAFailedRead) {
   std::vector<std::pair<__int64, std::size_t>> blocks;
   CodeReader* failing = nullptr;
   const auto reader = CodeReader::Create(
@@ -80,7 +80,7 @@ TEST(WavExportFilter, ReadsBlocksOf65536FramesWhateverAFailingReaderLeavesInThem
   EXPECT_EQ(out.Progress(), 1.0F);
 }
 
-TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
+TEST(WavExportFilter, WritesAFileWithoutSamplesForANegativeLengthOrTooManyChannels) {
   Export negative(CodeReader::Create({.channels = 2, .frames = -1}));
   EXPECT_EQ(negative.Run(), Wav(Format(2, 16), {}, Info()));
   // A block of 65536 frames would need almost 2^31 floats, which is more than allowed.
@@ -89,7 +89,7 @@ TEST(WavExportFilter, WritesAFileWithoutSamplesWhereThereAreNone) {
   EXPECT_EQ(wide.Progress(), 0.0F);
 }
 
-TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtStart) {
+TEST(WavExportFilter, AcceptsAnnotationsDuringTheExportButFixesTheWidthAtStart) {
   IExportFilter* filter = nullptr;
   Export out(CodeReader::Create(
       {.channels = 2, .frames = 65537, .before_read = [&](__int64 position, std::span<float>) {
@@ -117,7 +117,7 @@ TEST(WavExportFilter, TakesAnnotationsUntilTheLastSampleIsWrittenButTheWidthAtSt
                                       U16(4) + U16(8) + F32(97.25F))));
 }
 
-TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
+TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndContinuesAtItsPositionInTheNextRun) {
   ICoreTask* task = nullptr;
   Export out(CodeReader::Create({.frames = 10 * 65536, .before_read = [&](__int64 position, auto) {
                                    if (position == 2 * 65536) task->Cancel();
@@ -135,10 +135,10 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndGoesOnAtItsPosition) {
   EXPECT_EQ(again.Run(), Wav(Format(1, 16), CodesAsPcm(10, 2, 16), Info()));
 }
 
-TEST(WavExportFilter, ReportsWhyAFileCannotBeMadeAndThenHasNone) {
+TEST(WavExportFilter, FailsWithASharingViolationWhileItsFileIsOpenAndThenClosesIt) {
   const auto reader = CodeReader::Create({.frames = 10});
   Export out(reader);
-  // Initialize fails because the filter itself has the file open. This call closes it.
+  // Initialize fails, because the filter has the file open. The failing call closes the file.
   EXPECT_EQ(out.filter->Initialize(Bstr(out.path), reader.Get()), kSharingViolation);
   EXPECT_EQ(out.task->Start(), E_FAIL);
   WriteFileBytes(out.path, Bytes(5000, 0xEE));
@@ -171,7 +171,7 @@ class WaveWriter : public ::testing::Test {
   ComPtr<IAudioWriter> audio = As<IAudioWriter>(writer);
 };
 
-TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
+TEST_F(WaveWriter, WritesWholeFramesOfIntegersAndAllFloats) {
   const std::pair<SHORT, Bytes> widths[] = {
       {16, Hex("0000FF7F0180004001C00020")},
       {32, F32(0) + F32(1) + F32(-1) + F32(0.5F) + F32(-0.5F) + F32(0.25F)},
@@ -196,7 +196,7 @@ TEST_F(WaveWriter, WritesWholeFramesOfFixedPointAndEveryFloatOfAnyFormat) {
   }
 }
 
-TEST_F(WaveWriter, PassesEachCallOnFirstAndWritesTheBlockThatTheNextWriterLeft) {
+TEST_F(WaveWriter, CallsTheNextWriterFirstAndWritesTheBlockAsThatWriterChangedIt) {
   const auto next = MakeObject<RecordingWriter>();
   next->result = E_FAIL;  // ignored
   next->on_write = [&](SAFEARRAY* array) { static_cast<float*>(array->pvData)[0] = 0.0F; };
@@ -216,7 +216,7 @@ TEST_F(WaveWriter, PassesEachCallOnFirstAndWritesTheBlockThatTheNextWriterLeft) 
   EXPECT_EQ(next->blocks, 2U);
 }
 
-TEST_F(WaveWriter, EndsCallsThatComeBackAlongARing) {
+TEST_F(WaveWriter, TwoWritersThatForwardToEachOtherDoNotRecurse) {
   const auto second = Create<IWaveWriter>(CLSID_CWaveWriter);
   const std::wstring second_path = folder.File(L"second.wav");
   EXPECT_EQ(second->SetTargetFile(Bstr(second_path)), S_OK);

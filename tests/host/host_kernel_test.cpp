@@ -33,7 +33,7 @@ std::string RefusalOf(Call call) {
   return "";
 }
 
-TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
+TEST(Timecode, ConvertsExactlyToTheNearestFrameAndRefusesInvalidTexts) {
   const auto frames = [](const char* text, std::int32_t rate) {
     return Timecode::Parse(text).ToFrames(rate);
   };
@@ -52,7 +52,7 @@ TEST(Timecode, BecomesTheNearestFrameExactlyOrIsRefused) {
   EXPECT_EQ(FormatDuration(44099, 44100), "0:00:00.999") << "never rounded up";
 }
 
-TEST(Timecode, IsSplitFromItsNeighboursAtTheColonThatLeavesValidTimes) {
+TEST(Timecode, RangesSplitAtTheOnlyColonThatLeavesValidTimes) {
   const auto in_tenths = [](const std::optional<Timecode>& time) {
     return time ? time->ToFrames(10) : -1;
   };
@@ -94,12 +94,12 @@ TEST(CutPlan, RefusesPositionsOutsideTheAudioAndNamesTheOption) {
   }
 }
 
-TEST(WaveCheck, ComparesTheDataChunkWithItsFramesAndPaddingAndRefusesBrokenFiles) {
+TEST(WaveCheck, AcceptsOnlyWholeFilesWhoseDataChunkMatchesTheFrameCount) {
   const auto examine = [](const std::string& bytes) {
     std::istringstream file(bytes);
     return ExamineWaveFile(file);
   };
-  // The bytes hold two and a third frames of one 24-bit channel.
+  // The data chunk holds two frames of one 24-bit channel and two bytes of padding.
   constexpr std::string_view kBytes(
       "RIFF\x38\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1F\0\0\xC0\x5D\0\0\3\0\x18\0"
       "data\x8\0\0\0........LIST\4\0\0\0INFO",
@@ -135,7 +135,7 @@ struct Pixels {
   }
 };
 
-// Six pixels per character.
+// Shapes a text as a box with six pixels per character.
 ShapedText Shape(const std::string& text) {
   const double width = 6.0 * static_cast<double>(text.size());
   ShapedText shaped{{}, width};
@@ -176,7 +176,7 @@ TEST(WaveformPicture, EachLaneShowsItsChannelsMinimumAndMaximum) {
   EXPECT_NEAR(picture.Wave(80, 100, 200).front(), 124, 2);
 }
 
-TEST(WaveformPicture, JoinsItsColumnsAndSingleSamples) {
+TEST(WaveformPicture, ConnectsNeighbouringColumnsAndSamples) {
   const Pixels columns{Draw([](int column, int) {
                          const float a = column % 2 == 0 ? -0.5F : 0.5F;
                          return std::pair(a, a + 0.01F);
@@ -189,7 +189,7 @@ TEST(WaveformPicture, JoinsItsColumnsAndSingleSamples) {
   EXPECT_NEAR(line.Wave(75).front(), 194, 4);
 }
 
-TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesThatDoNotMeet) {
+TEST(WaveformPicture, DrawsLabelsAndMarkersAtTheirTimesWithoutOverlappingNames) {
   Annotations annotations;
   annotations.labels = {{22050, "Half"}, {-5, "before"}, {44100, "after"}, {43000, "End"}};
   annotations.markers = {{{4410, 8820}, "Verse"}, {{30000, 20000}, "backward"}};
@@ -199,7 +199,7 @@ TEST(WaveformPicture, LabelsAndMarkersStandAtTheirTimesWithNamesThatDoNotMeet) {
   };
   EXPECT_TRUE(red(100) && red(20) && red(40));
   EXPECT_FALSE(red(0) || red(kWidth - 1));
-  EXPECT_TRUE(red(44, 8) && red(104, 8) && red(144, 8));  // right of their lines
+  EXPECT_TRUE(red(44, 8) && red(104, 8) && red(144, 8));  // names right of their lines
   EXPECT_FALSE(red(15, 8));
   EXPECT_TRUE(red(180, 8 + 15));  // the last name is left of its line, below "backward"
 

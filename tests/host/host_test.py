@@ -35,7 +35,7 @@ def wine(*words):
 
 
 def foreign_image():
-    """The module with 32 bits in its header."""
+    """Returns the module with the machine type of 32-bit programs in its header."""
     data = bytearray(MODULE.read_bytes())
     place = int.from_bytes(data[0x3c:0x40], "little") + 4
     data[place:place + 2] = (0x014c).to_bytes(2, "little")
@@ -134,7 +134,7 @@ class HostTest(ProgramTest):
             (4, ["plot", self.ogg, self.folder / "folder.png"], "folder.png"),
         ]:
             self.fail_with(status, *arguments, says=says)
-        # The first limit suffices for the pool but not for 20 s more in the output. The second stops the pool.
+        # The first limit suffices for the pool, but not for 20 s more in the output. The second limit stops the pool.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
         self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
@@ -153,7 +153,7 @@ class HostTest(ProgramTest):
             shutil.copy(PROGRAM.parent / file, self.folder)
         self.fail_with(6, "convert", self.ogg, self.out, "--rate", "48000", program=alone, says="Converter.dll")
 
-    def test_files_keep_the_width_of_their_source_unless_another_is_chosen_and_full_scale(self):
+    def test_files_keep_full_scale_and_by_default_the_width_of_their_source(self):
         source = self.folder / "square.wav"
         for width, command, options, bits in (
                 (8, "convert", [], 16), (16, "convert", ["--bits", "24"], 24), (24, "convert", [], 24),
@@ -162,7 +162,7 @@ class HostTest(ProgramTest):
             self.succeed(command, source, self.out, *options)
             self.assertEqual(facts_of(self.out), [RATE // 10, RATE, 2, bits])
             before, after = (array.array("i", tool("sox", file, "-t", "s32", "-")) for file in (source, self.out))
-            # Allows two codes of the source's width. A float holds at most 24 bits.
+            # Allows a difference of two codes of the source's width. A float holds at most 24 bits.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
         # NaN becomes silence, and infinity becomes full scale.
@@ -180,7 +180,7 @@ class HostTest(ProgramTest):
         self.succeed("cut", far / "in.wav", far / "out.wav", "--keep", ":1")
         self.assertEqual(frames_of(far / "out.wav"), self.piece(0, RATE))
 
-    def test_a_damaged_file_is_converted_up_to_where_it_ends(self):
+    def test_a_damaged_file_is_converted_up_to_the_damage(self):
         hole = self.folder / "hole.ogg"
         data = bytearray(self.ogg.read_bytes())
         data[len(data) // 2] ^= 0xff
@@ -207,7 +207,7 @@ class HostTest(ProgramTest):
         self.assertEqual((data[:4 * RATE], data[8 * RATE:]), (self.piece(0, RATE), self.piece(0, RATE)))
         self.assertAlmostEqual(hertz(array.array("h", data[4 * RATE:8 * RATE])[::2]), 1000, delta=1)
 
-    def test_cut_joins_pieces_to_the_frame_and_places_silence_labels_and_markers(self):
+    def test_cut_joins_ranges_exactly_and_inserts_silence_labels_and_markers(self):
         self.succeed("cut", self.ogg, self.out, "--keep", "2.5:", "--keep", "1000f:2001f", "--keep", ":0.1")
         self.assertEqual(frames_of(self.out), self.piece(110250, FRAMES) + self.piece(1000, 2001) + self.piece(0, 4410))
         report = self.report(
@@ -276,7 +276,7 @@ class HostTest(ProgramTest):
         wine("reg", "add", FILTER_KEY, "/v", "Vorbis", "/d", OGG_CLASS.lower(), "/f")
         self.assertEqual((sorted(states()), listed()), (["listed", "listed already"], "Vorbis"))
 
-    def test_plot_draws_the_chosen_form(self):
+    def test_plot_draws_the_chosen_size_format_and_style(self):
         report = self.report("plot", self.tone, self.png, "--width", "300", "--height", "120")
         self.assertEqual([report[key] for key in ("input", "picture", "frames", "width", "height")],
                          [windows(self.tone), windows(self.png), RATE, 300, 120])
@@ -322,7 +322,7 @@ class HostTest(ProgramTest):
         self.assertAlmostEqual(report["silent_frames_at_start"], 441, delta=1)
         self.assertAlmostEqual(report["silent_frames_at_end"], 882, delta=1)
 
-    def test_a_picture_of_a_part_is_that_of_the_whole_sound(self):
+    def test_a_picture_of_a_section_is_the_same_with_and_without_a_pool(self):
         wav, chain = self.folder / "all.wav", self.folder / "chain.ogg"
         self.succeed("convert", self.ogg, wav)
         # The program imports a chained file as a whole.
@@ -335,7 +335,7 @@ class HostTest(ProgramTest):
                 pictures.append(self.png.read_bytes())
             self.assertEqual(*pictures, sources)
 
-    def test_a_second_of_a_long_file_takes_the_disk_space_of_a_second(self):
+    def test_one_second_of_a_long_file_needs_the_disk_space_of_one_second(self):
         long = self.folder / "long.wav"
         size = 3 * 3600 * RATE * 4
         with open(long, "wb") as file:
@@ -362,7 +362,7 @@ class HostTest(ProgramTest):
         self.assertEqual((json.loads(output)["output"], json.loads(output)["picture"]), (windows(self.out), None))
 
     def test_an_interrupted_conversion_or_export_ends_with_130_and_leaves_a_valid_file(self):
-        # The conversion takes many minutes, and the export writes 2 GiB.
+        # Uninterrupted, the conversion would take many minutes, and the export would write 2 GiB.
         long = self.folder / "long.ogg"
         tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-C", 3, long, "synth", 600, "sine", 997)
         for arguments, most in ((["convert", long, self.out, "--rate", "768000"], 600 * 768000),
@@ -472,11 +472,11 @@ class DoctorTest(ProgramTest):
             report = self.doctor(6, self.alone, f"the engine's module (machine: {windows(moved)})", cause)
             self.assertIsNone(report["module"])
 
-    def test_missing_type_libraries_filters_that_cannot_be_created_and_unusable_temporary_folders_are_problems(self):
+    def test_doctor_reports_missing_type_libraries_broken_filters_and_unusable_temporary_folders(self):
         self.register(MODULE)
         wine("reg", "delete", CLASSES + r"\TypeLib\{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", "/f")
         self.assertIsNone(self.doctor(6, self.alone, "type library", "not registered")["type_library"])
-        # The filter manager stops reading the list at the last value.
+        # The filter manager stops reading the list at the last of these values.
         for value, subject, cause in (
                 ("{11111111-2222-3333-4444-555555555555}", '"Ghost" in HKEY_LOCAL_MACHINE', "not registered"),
                 ("COggImport", '"Ghost"', "not a class identifier"), ("x" * 120, "Import Filters", "too long")):

@@ -89,7 +89,7 @@ class ProgramTest(unittest.TestCase):
         return json.loads(self.succeed(*arguments, "--json"))
 
     def ends(self, command, status, says):
-        """Expects this exit status and an empty standard output. Returns the messages."""
+        """Expects this exit status, no standard output, and `says` in the messages. Returns the messages."""
         got, output, messages = command.result()
         self.assertEqual((got, output), (status, ""), messages)
         self.assertIn(says, messages)

@@ -170,7 +170,7 @@ class SoundTest(ProgramTest):
         saved.unlink()
 
     def test_a_recording_that_a_full_disk_or_an_interrupt_ends_keeps_its_take(self):
-        # The pool takes 8 bytes a frame, and the file takes 4.
+        # A frame has 8 bytes in the pool and 4 in the file.
         self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
         frames, samples = self.take()
         # The frames include the block that did not fit into the pool.

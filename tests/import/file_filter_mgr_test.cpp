@@ -25,7 +25,7 @@ struct Answers {
   HRESULT can_load = S_OK;
   SHORT merit = 100;
   HRESULT merit_result = S_OK;
-  const wchar_t* fragment = nullptr;  // if null, the call fails
+  const wchar_t* fragment = nullptr;  // if null, GetFilterStrings fails
   const wchar_t* patterns = L"";
 };
 
@@ -83,7 +83,7 @@ class FileFilterMgr : public ::testing::Test {
     RegDeleteTreeW(HKEY_CURRENT_USER, kScratch);
   }
 
-  // Appends a filter. The names have two digits, because some systems sort the list by name.
+  // Appends a filter. All names have two digits, because some systems sort the list by name.
   void List(const std::wstring& text, DWORD type = REG_SZ) {
     const std::wstring name = L"filter " + std::to_wstring(++count_);
     EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kListKey, name.c_str(), type, text.c_str(),
@@ -101,7 +101,7 @@ class FileFilterMgr : public ::testing::Test {
   ComPtr<IFileFilterMgr> manager_ = Create<IFileFilterMgr>(CLSID_CFileFilterMgr);
 };
 
-TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
+TEST_F(FileFilterMgr, ChoosesTheFirstAcceptingFilterWithTheHighestMerit) {
   struct Row {
     std::vector<Answers> filters;
     std::size_t chosen;
@@ -127,7 +127,7 @@ TEST_F(FileFilterMgr, ChoosesTheFirstOfTheHighestMeritAmongThoseThatAccept) {
   }
 }
 
-TEST_F(FileFilterMgr, ReadsTextValuesThatNameAClassUpToTheFirstThatIsTooLong) {
+TEST_F(FileFilterMgr, ReadsClassIdentifiersUpToTheFirstValueThatIsTooLong) {
   TestFilter plain({.merit = 0, .fragment = L"Anything (*)|*|"});
   TestFilter wave({.merit = 0, .fragment = L"Wave (*.wav)|*.wav|", .patterns = L"*.wav;*.wave"});
   TestFilter failing({.can_load = S_FALSE});

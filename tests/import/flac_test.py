@@ -35,7 +35,7 @@ class FlacFiles(unittest.TestCase):
         self.assertEqual(run("convert", self.file, self.out, "--bits", str(bits))[0], 0)
         return self.samples(self.out, bits)
 
-    def test_samples_of_every_width_are_exact_and_the_title_is_there(self):
+    def test_samples_of_every_width_are_exact_and_the_title_is_read(self):
         for bits, channels in ((8, 1), (16, 2), (24, 2), (16, 6)):
             samples = self.make(bits, channels)
             self.assertEqual(self.convert(bits), samples)
@@ -44,7 +44,7 @@ class FlacFiles(unittest.TestCase):
                              [SECONDS * 44100, 44100, channels, bits])
             self.assertEqual(facts["tags"]["title"], "Nachtst\u00fcck")
 
-    def test_damage_is_silent_and_the_rest_keeps_its_place(self):
+    def test_damaged_blocks_become_silence_and_the_length_is_unchanged(self):
         whole = self.make(16, 2)
         quarter = len(whole) // 4
         data = bytearray(self.file.read_bytes())

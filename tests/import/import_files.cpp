@@ -1,8 +1,8 @@
 // Imports every file of a folder in one process, and writes the samples beside it as raw floats,
 // for comparison with other decoders:
 //   import_files FOLDER [count]
-// Prints one line for each file: name, result, rate, channels, frames. With `count` the samples are
-// counted, not written, and the line ends with the number of samples and of open handles.
+// Prints one line for each file: name, result, rate, channels, frames. With `count`, counts the
+// samples instead of writing them, and appends the numbers of samples and of open handles.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>

@@ -1,5 +1,5 @@
-// Tests the import filters through COM with Ogg files, files that CDShowImport reads itself, MPEG
-// audio, and files that go through a filter graph, also with filters that hang.
+// Tests the import filters through COM: Ogg files, files that CDShowImport reads itself, MPEG
+// audio, and files that need a filter graph, including graphs with filters that hang.
 #include <gmock/gmock.h>
 // Must follow windows.h.
 #include <dshow.h>
@@ -122,7 +122,7 @@ class OggImport : public ImportFilter {
   OggImport() : ImportFilter(CLSID_COggImport) {}
 };
 
-TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn) {
+TEST_F(OggImport, WritesDecodedBlocksOnOneThreadOfItsOwn) {
   // The filter omits the mono part of the chain, so progress ends below 1.
   const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("mono.ogg"));
   for (const auto& [path, announced, progress] :
@@ -145,7 +145,7 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   EXPECT_EQ(As<IImportSection>(filter_)->QueryCanSetSection(), S_FALSE);
   EXPECT_EQ(As<IImportSection>(filter_)->SetSection(0, 1), E_FAIL);
   ExpectEveryPart(DataFile("stereo.ogg"));
-  // The file has more samples than its last position announces. The last block stays whole.
+  // The file has more samples than its last page announces. The filter does not cut the last block.
   Import(TemporaryOgg(WithLastPosition("stereo.ogg", 1000)).path());
   EXPECT_EQ(Total(), 1000);
   EXPECT_EQ(Progress(), 1.0F);
@@ -153,7 +153,7 @@ TEST_F(OggImport, GivesTheWriterTheDecodedSamplesBlockByBlockOnOneThreadOfItsOwn
   EXPECT_GT(writer_->samples.size(), 2U * 1000);
 }
 
-TEST_F(OggImport, AcceptsOggVorbisFilesAloneAndHoldsNoneOpen) {
+TEST_F(OggImport, AcceptsOnlyOggVorbisFilesAndClosesRefusedFiles) {
   const Path file = folder_.File(L"a.ogg");
   EXPECT_EQ(Initialize(DataFile("stereo.ogg")), S_OK);
   EXPECT_EQ(QueryCanLoad(file), S_FALSE);
@@ -191,7 +191,7 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_EQ(writer_->block_sizes, DecodeWithLibrary(DataFile("stereo.ogg")).block_sizes);
 }
 
-// Frames of film.avi and of the other files. In film.avi, each sample holds its frame number.
+// The length of film.avi and of WavFile(). Each sample of film.avi holds its frame number.
 constexpr std::size_t kFrames = 24000;
 
 // Returns a stereo file in which every frame differs from its neighbours.
@@ -224,7 +224,7 @@ class DShowImport : public ImportFilter {
   const Bytes film_ = ReadData("film.avi");
 };
 
-TEST_F(DShowImport, WritesModerateBlocksOnOneWorkerWhateverTheWriterDoes) {
+TEST_F(DShowImport, WritesBlocksOfAtMost16384SamplesOnOneThreadEvenIfTheWriterFails) {
   struct Row {
     Bytes file;
     const wchar_t* title;
@@ -279,7 +279,7 @@ TEST_F(DShowImport, RefusesFilesWithoutSoundAndStaysUnchanged) {
   EXPECT_THAT(writer_->samples, SizeIs(kFrames));
 }
 
-TEST_F(DShowImport, EndsAGraphAfterTheBufferInWhichItIsReleased) {
+TEST_F(DShowImport, StopsAfterTheBufferDuringWhichTheFilterIsReleased) {
   // Only these two pointers hold the filter.
   filter_ = Create<IImportFilter>(CLSID_CDShowImport);
   task_ = As<ICoreTask>(filter_);

@@ -1,5 +1,5 @@
-// Test files and a reference decoder. Some Ogg files are in the source tree, the others are made
-// from them. The decoder is a plain loop over the import filter's build of the codec library.
+// Test files and a reference decoder. The functions make further Ogg files from those in the tree.
+// The decoder is a plain loop over the import filter's build of the codec library.
 #pragma once
 
 #include <vorbis/vorbisfile.h>
@@ -23,7 +23,7 @@ using riff::Bytes;
 
 // Twelve seconds of stereo, for tests that need a longer file.
 inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
-// Files of one short block. The smallest has one codeword. The others have 2^22 codewords, or a
+// Files of one short block. kSmallest has one codeword, kManyCodewords 2^22. kManyCodebooks has a
 // hundred codebooks with 2^10 codewords and 8191 values each.
 inline constexpr char kSmallest[] = "tests/import/hostile/smallest.ogg";
 inline constexpr char kManyCodebooks[] = "tests/import/hostile/codebooks.ogg";

@@ -1,5 +1,5 @@
-// Tests sound files as other programs write them, and malformed files. sound_files_test.py tests
-// the usual files.
+// Tests unusual files of other programs, and malformed files. sound_files_test.py tests the usual
+// files.
 #include "import/sound_examiner.h"
 
 #include <gmock/gmock.h>
@@ -137,7 +137,7 @@ TEST(SoundExaminer, ReadsCuesRegionsTextsAndLoopsOfOtherPrograms) {
   EXPECT_EQ(Examine(Wav(kStereo16, {}, Info())).tags, Tags()) << "a year that nobody knew";
 }
 
-TEST(SoundExaminer, ReadsEveryUncompressedWaveFormatAndRefusesContradictions) {
+TEST(SoundExaminer, ReadsEveryUncompressedWaveFormatAndRefusesInconsistentHeaders) {
   const std::pair<Bytes, PcmFormat> formats[] = {
       {PlainFormat(1, 1, 8000, 1, 8), {8000, 1, 8, false}},
       {PlainFormat(1, 2, 96000, 3, 20), {96000, 2, 24, false}},
@@ -166,7 +166,7 @@ TEST(SoundExaminer, ReadsEveryUncompressedWaveFormatAndRefusesContradictions) {
 }
 
 // Some decoders of the system crash or hang on the files that are refused here.
-TEST(SoundExaminer, LeavesOnlySoundFilesInPossibleFormatsToTheFiltersOfTheSystem) {
+TEST(SoundExaminer, PassesOnlyFilesWithPlausibleFormatsToSystemFilters) {
   const auto avi = [](std::string_view kind, const Bytes& format) {
     const Bytes stream = EvenChunk("strh", Text(kind)) + EvenChunk("strf", format);
     return EvenChunk("RIFF", Text("AVI ") + EvenList("hdrl", EvenChunk("avih", Bytes(56, 0)) +
@@ -193,7 +193,7 @@ TEST(SoundExaminer, LeavesOnlySoundFilesInPossibleFormatsToTheFiltersOfTheSystem
   }
 }
 
-TEST(SoundExaminer, CutsSizesThatReachBeyondTheFile) {
+TEST(SoundExaminer, LimitsChunkSizesToTheFile) {
   const auto frames = [](std::uint64_t riff, std::uint64_t data, int bytes) {
     return Examine(Text("RIFF") + U32(riff) + Text("WAVE") + EvenChunk("fmt ", kStereo16) +
                    Text("data") + U32(data) + Bytes(bytes, 0))
@@ -235,7 +235,7 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       // The last of several blocks is truncated. In the next file, predictor 7 does not exist.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
-      // These files state how much of the last block is sound.
+      // An announced number of frames counts only if it ends in the last block.
       {announced(1), {100}},
       {announced(0), {100, 111, 81, 85, 88, 91, 94, 92, 94}},
   };
@@ -277,7 +277,7 @@ TEST(SoundExaminer, ReadsTheTagsOfCompressedFiles) {
                TextZ("c") + Bytes(16, 0);
   }
   const std::tuple<int, int, Bytes, Tags> cases[] = {
-      // The tag has an extended header, and a byte with its group precedes the text.
+      // The first tag has an extended header. In the next two, a group byte precedes the text.
       {3,
        0x40,
        Big(6, 4) + Bytes(6, 0) + Text("TPE1") + Big(6, 4) + Bytes(3, 0) + Text("Title"),

@@ -30,7 +30,7 @@ PLAIN = {
 }
 VIDEO = "-f lavfi -i testsrc=duration=0.25:size=64x48"
 # For each name: the ffmpeg arguments, the tolerance in frames, and the tolerance of a sample in 16-bit steps. Without a
-# tolerance of samples, the test only expects that there is sound.
+# sample tolerance, the test only checks that the file contains sound.
 CODED = {
     "tone.mp3": ("-b:a 192k", 0, 1.1), "variable.mp3": ("-q:a 4", 0, 1.1), "tone.mp2": ("-c:a mp2", 1152, 1.1),
     "tone.ogg": ("", 0, 1.1), "adpcm.wav": ("-c:a adpcm_ms", 200, 0), "ulaw.aifc": ("-c:a pcm_mulaw", 0, 0),
@@ -85,11 +85,11 @@ class SoundFiles(unittest.TestCase):
         self.assertEqual((rate, len(samples)), (RATE, frames * channels))
         return channels, frames, samples
 
-    def test_every_uncompressed_sample_arrives_as_it_is(self):
+    def test_uncompressed_samples_are_imported_exactly(self):
         for name, (options, kind) in PLAIN.items():
             with self.subTest(name=name):
                 _, frames, got = self.imported(name)
-                # sox, because ffmpeg rounds some IMA ADPCM samples differently. Both programs count the padding.
+                # Reads IMA ADPCM with sox, because ffmpeg rounds some samples differently. The slice removes padding.
                 codes = (tool("sox", self.folder / name, "-t", "raw", "-")[:4 * FRAMES]
                          if "adpcm" in options else
                          ffmpeg("-i", self.folder / name, "-f", kind, "-"))

@@ -46,7 +46,7 @@ Decoded ReadToEnd(VorbisStream& stream, std::size_t room = 16384) {
 }
 
 // Expects the result of the library: the same samples, or a refused file. Returns the number of
-// readable frames.
+// readable frames, or -1 for a refused file.
 std::int64_t ExpectLikeTheLibrary(const std::filesystem::path& path, unsigned threads = 3,
                                   bool prepared = false) {
   const auto stream = OpenStream(path, threads);
@@ -63,7 +63,7 @@ std::int64_t ExpectLikeTheLibrary(const std::filesystem::path& path, unsigned th
   return stream->readable_frames();
 }
 
-TEST(VorbisStream, DeliversWhatTheLibraryDecodesUpToAChangeOfTheFormatInBlocksOfAnySize) {
+TEST(VorbisStream, DeliversTheLibrarysSamplesUpToAFormatChange) {
   for (const auto& [first, second, readable] : {std::tuple{"stereo.ogg", "other.ogg", 66150},
                                                 {"stereo.ogg", "mono.ogg", 44100},
                                                 {"mono.ogg", "rate_8000.ogg", 66150},
@@ -85,8 +85,8 @@ TEST(VorbisStream, DeliversWhatTheLibraryDecodesUpToAChangeOfTheFormatInBlocksOf
 
 TEST(VorbisStream, ReadsTheTextsOfItsComments) {
   Tags tags;
-  // A later comment replaces an earlier one, even if it is empty. A comment without a key is
-  // ignored.
+  // A later comment replaces an earlier one, even with an empty text. The decoder ignores a comment
+  // without a key.
   for (const char* comment : {"TITLE=1", "title=E=mc2", "ALBUM=1", "album=", "Date=2001-10-02",
                               "gENRE=g", "artist=a", "=TITLE", "TITLE", "TITLES=x"}) {
     ApplyVorbisComment(comment, tags);
@@ -142,14 +142,14 @@ TEST(VorbisStream, DeliversTheSameBlocksOnAnyNumberOfThreads) {
   for (int i = 0; i < 100; ++i) EXPECT_GT(stream->Read(block), 0U);
 }
 
-TEST(VorbisStream, AnnouncesNoMoreThanAFileOfItsSizeCanHold) {
+TEST(VorbisStream, LimitsTheAnnouncedLengthByTheFileSize) {
   const TemporaryOgg endless(
       WithLastPosition("stereo.ogg", std::numeric_limits<std::int64_t>::max()));
   EXPECT_EQ(OpenStream(endless.path())->total_frames(),
             std::ssize(ReadData("stereo.ogg")) * 2048 / 4);
 }
 
-TEST(VorbisStream, BoundsMemoryAndLinks) {
+TEST(VorbisStream, LimitsMemoryAndTheNumberOfLinks) {
   EXPECT_THROW(OpenStream(DataFile(kManyCodebooks))->Prepare(), std::bad_alloc);
   // Many codewords briefly need more memory than a stack has.
   EXPECT_EQ(ReadToEnd(*OpenStream(DataFile(kManyCodewords))).samples.size(), 64U);
@@ -166,8 +166,8 @@ TEST(VorbisStream, BoundsMemoryAndLinks) {
   }
 }
 
-// Reads the file repeatedly. In each round one request fails, `threads` requests later than in the
-// round before. A leak checker detects lost memory.
+// Reads the file repeatedly. In each round one allocation fails, `threads` allocations later than
+// in the round before. A leak checker detects lost memory.
 void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
   const std::vector<std::int16_t> whole = DecodeWithLibrary(path).samples;
   long while_reading = 0;
@@ -198,7 +198,7 @@ void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
   EXPECT_TRUE(while_reading > 0 && while_reading < n - 50) << "its memory comes from elsewhere";
 }
 
-TEST(CodecMemory, ThatIsRefusedEndsAFileAndHarmsNothing) {
+TEST(CodecMemory, AFailedAllocationEndsTheFileAndLeaksNothing) {
   const TemporaryOgg chain(ReadData("stereo.ogg") + ReadData("other.ogg"));
   RefuseRequests(chain.path(), 1);
   RefuseRequests(DataFile("stereo.ogg"), 3);

@@ -85,7 +85,7 @@ class PackageTest(unittest.TestCase):
         with zipfile.ZipFile(ZIP) as packed:
             packed.extractall(cls.top)
         cls.folder, = cls.top.iterdir()
-        # Lets Wine write its entries of a first start, and adds the keys that all programs share.
+        # Makes Wine write the entries of its first start. Adds keys that programs share, so that none counts as new.
         session(r"""
             wine cmd /c ver; wine regsvr32 /s nothing.dll; wine cscript //nologo nothing.vbs
             wine 'C:\windows\syswow64\cscript.exe' //nologo nothing.vbs
@@ -172,7 +172,7 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(status, 0, output)
         return output
 
-    def test_setup_for_the_machine_registers_both_bitnesses_and_leaves_nothing(self):
+    def test_setup_for_all_users_registers_both_bitnesses_and_uninstalls_completely(self):
         programs = ["x64", "x86"][:1 + BOTH]
         output = self.installed("/AllUsers /Path", "Program Files/Tessaly", rf"""
             for bits in {' '.join(programs)}; do
@@ -206,7 +206,7 @@ class PackageTest(unittest.TestCase):
 
     def test_setup_for_one_user_into_a_chosen_folder_keeps_foreign_entries(self):
         keys = shlex.join([r"HKCU\Software\Brevant\Cutloom\EncoderSettings", r"HKLM\Software\Brevant\Cutloom\Import Filters"])
-        # This path is longer than the strings of the set-up program.
+        # This path is longer than a string of the set-up program can be.
         path = "%SystemRoot%;" + "C:\\somewhere;" * 200 + "end;"
         session(f"wine reg add HKCU\\\\Environment /v Path /f /t REG_EXPAND_SZ /d '{path[:-1]}'")
         self.addCleanup(session, r"wine reg delete HKCU\\Environment /v Path /f")

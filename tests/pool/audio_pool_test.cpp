@@ -93,7 +93,7 @@ struct Pool {
     EXPECT_EQ(writer->QueryIsReady(&ready), S_OK);
     return ready == 1;
   }
-  // Returns null if the pool has none.
+  // Returns null if the pool has no such take.
   ComPtr<IAudioReader> Reader(
       HRESULT (STDMETHODCALLTYPE IAudioPool::*create)(IAudioReader**)) const {
     ComPtr<IAudioReader> reader;
@@ -110,7 +110,7 @@ struct Pool {
   HANDLE peak_file;
 };
 
-TEST(AudioPool, StoresEachBitDepthInItsCodeAndReadsItBack) {
+TEST(AudioPool, StoresAndReadsEachBitDepth) {
   const std::tuple<SHORT, Bytes, Samples> rows[] = {
       // At 8 bits reading is not the inverse of writing: the centre, 128, reads as 1/127.
       {8, {128, 255, 1, 192, 255}, {1 / 127.0F, 128 / 127.0F, -126 / 127.0F, 65 / 127.0F}},
@@ -158,7 +158,7 @@ TEST(AudioPool, LetsAThreadReadATakeWhileTheNextIsWritten) {
   EXPECT_TRUE(Contents(pool.audio_file) == samples);
 }
 
-TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock) {
+TEST(AudioPool, WritesOneExtraPeakPerBlockAndOverwritesItWithTheNextBlock) {
   const Pool pool;
   const auto expect_peaks = [&pool](const Samples& levels) {
     Samples expected;
@@ -170,10 +170,10 @@ TEST(AudioPool, WritesAPeakMoreThanThereAreGroupsAndOverwritesItWithTheNextBlock
   pool.Open();
   EXPECT_EQ(pool.Write(block), S_OK);
   expect_peaks({0.5F, 0.25F, 0.25F});
-  // The next write starts at record 2. Its group is incomplete and does not advance the position.
+  // The next write starts at record 2. It completes no group, so the position stays there.
   EXPECT_EQ(pool.Write(Samples(255, 0.8F)), S_OK);
   expect_peaks({0.5F, 0.25F, 0.8F});
-  // So far, the pool has 767 frames. One more frame completes group 2, which began earlier.
+  // So far, the pool has 767 frames. One more frame completes group 2, which the last write began.
   EXPECT_EQ(pool.Write({0.7F}), S_OK);
   EXPECT_EQ(pool.Write({0.6F}), S_OK);
   expect_peaks({0.5F, 0.25F, 0.7F, 0.6F});
@@ -255,7 +255,7 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
   const Pool plain(2, 16);
   for (int step = 0; step < 4; ++step) {
     if (step != 1) std::srand(77);
-    // SetFormat and SetBitDepth clear the errors of the dither.
+    // SetFormat and SetBitDepth clear the errors that the dither carries over.
     if (step == 2) pool.writer->SetFormat(8000, 2);
     if (step == 3) pool.pool->SetBitDepth(16, 2);
     const Floats block(original);
@@ -331,7 +331,7 @@ class WithheldFile {
 };
 
 // The failed writes advance the position without filling the disk.
-TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibytes) {
+TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
   const Pool pool;
   pool.WriteTake(Wave(300));
   DWORD returned = 0;
@@ -377,7 +377,7 @@ TEST(AudioPool, ReportsFailedWritesOfAudioAndWritesAcrossTwoFourAndEightGibibyte
   EXPECT_EQ(ReadBlock(take.Get(), 0, 4), Block(kInvalidHandle, Samples(4, -7.0F)));
 }
 
-TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
+TEST(AudioPoolReader, ReadsContinuePastTheRegionToTheEndOfTheFile) {
   const Pool pool(2);
   pool.WriteTake({0.1F, 0.2F, 0.3F, 0.4F});
   pool.WriteTake({0.5F, 0.6F, 0.7F, 0.8F});
@@ -401,7 +401,7 @@ TEST(AudioPoolReader, ReadsOnPastItsRegionUntilTheFileEnds) {
   EXPECT_EQ(ReadBlock(reader.Get(), 1, 5), Block(kEndOfFile, {-1.0F, 0, 0, 0, 0}));
 }
 
-TEST(AudioPoolReader, ReadsPeaksByNumberInChannelPairs) {
+TEST(AudioPoolReader, ReadsPeaksByIndexAsMinimumAndMaximumOfEachChannel) {
   const Pool pool(2);
   Samples block;
   for (int frame = 0; frame < 300; ++frame) {

@@ -35,7 +35,7 @@ std::vector<std::uint32_t> Bits(const Floats& values) {
 class Dither : public ::testing::Test {
  protected:
   ~Dither() override { LimitCpuLevel(HighestCpuLevel()); }
-  // Dithers two blocks. The errors carry over to the second block, and SetUp clears them.
+  // Clears the errors, then dithers two blocks. The first block's errors affect the second block.
   Floats Process(int mode, int channels, int bits, Floats samples, std::size_t first) {
     dither_.SetUp(mode, channels, bits);
     for (const auto block : {std::span(samples).first(first), std::span(samples).subspan(first)}) {
@@ -52,7 +52,7 @@ class Dither : public ::testing::Test {
 
 // A separate program computed the codes. It used double precision but stored values in single
 // precision.
-TEST_F(Dither, FollowsTheRuleStepByStep) {
+TEST_F(Dither, ReturnsTheCodesOfASeparateProgram) {
   const Floats source = {0.3F,  -0.3F, 0.301F, -0.302F, 0.303F, -0.303F, 0.304F, -0.305F,
                          0.25F, -0.9F, 0.25F,  1.2F,    0.0F,   -1.2F,   0.0F,   0.0F};
   struct Row {
@@ -94,7 +94,7 @@ TEST_F(Dither, FollowsTheRuleStepByStep) {
 }
 
 // Each error affects the later samples, so a difference in any error becomes visible.
-TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
+TEST_F(Dither, ReturnsTheSameBitsAtEveryInstructionLevel) {
   // Noise, a ramp through all codes, a decay into silence, and values beyond full scale with
   // special values among them.
   std::minstd_rand random(7);
@@ -113,7 +113,7 @@ TEST_F(Dither, GivesTheSameBitsWithEveryLevelOfInstructions) {
       std::vector<std::uint32_t> results[3];
       for (const CpuLevel limit : kLevels) {
         LimitCpuLevel(limit);
-        // The second block starts at an odd offset.
+        // The second block starts at an odd frame.
         results[static_cast<int>(limit)] =
             Bits(Process(DitherState::kNoiseShaping, channels, bits, source,
                          static_cast<std::size_t>(channels) * 333));
@@ -156,7 +156,7 @@ class Peaks : public ::testing::Test {
   std::mt19937 random_{11};
 };
 
-TEST_F(Peaks, OfABlockHaveOneGroupMoreThanItsWholeGroups) {
+TEST_F(Peaks, ABlockHasOnePeakMoreThanItHasWholeGroups) {
   for (const Floats& palette : kPalettes) {
     for (const std::size_t channels : {1U, 2U, 3U, 8U, 9U}) {
       for (const std::size_t frames : {0U, 1U, 255U, 256U, 257U, 1024U}) {
@@ -188,7 +188,7 @@ TEST_F(Peaks, OfABlockHaveOneGroupMoreThanItsWholeGroups) {
   }
 }
 
-TEST_F(Peaks, OfGroupsAreReadOnceForTheSameOverview) {
+TEST_F(Peaks, DrawingTheSameOverviewAgainReadsNoPeaks) {
   const Floats peaks = Draw(Noise(), 4 * 9'960);
   PeakGroups groups(2);
   groups.Settle(9'960);  // in the middle of a group

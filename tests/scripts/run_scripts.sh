@@ -19,7 +19,7 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# sample SCRIPT [FRAMES]: checks the output, because the script host returns 0 even after a script error.
+# sample SCRIPT [FRAMES]: runs a sample. Checks its output, because the script host returns 0 even after a script error.
 sample() {
   local output half=$work/$1.wav
   output=$(wine cscript //nologo "$(windows_path "$root/samples/scripts/$1")" "$(windows_path "$work/tone.ogg")" \

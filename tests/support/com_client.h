@@ -1,4 +1,4 @@
-// Helpers of a client of the module: class objects, arrays, texts and folders.
+// Helpers for clients of the module: class objects, arrays, texts and folders.
 #pragma once
 
 #include <marlinda.h>
@@ -14,8 +14,8 @@
 
 namespace marlinda::testing {
 
-// The module under test: ..\Tessaly.dll relative to the folder of the test program, or the file in
-// the environment variable TESSALY_DLL.
+// The module under test: ..\Tessaly.dll relative to the folder of the test program, or the file
+// that the environment variable TESSALY_DLL names.
 class ModuleUnderTest {
  public:
   // Registers the classes for this process only, without the registry.
@@ -44,8 +44,8 @@ class Registration {
   std::vector<DWORD> cookies_;
 };
 
-// The main function of a client. Runs `body` in an apartment with the module loaded. Returns the
-// result of `body`, or 1 after an exception or if objects of the module are left.
+// The main function of a client. Runs `body` in an apartment with the module loaded. Returns 1
+// after an exception or if objects or threads are left, otherwise the result of `body`.
 int RunClient(const std::function<int()>& body);
 
 // Returns an export of a library. Throws if the library lacks it.
@@ -72,7 +72,7 @@ ComPtr<I> As(const ComPtr<J>& object) {
   return TryQuery<I>(object.Get());
 }
 
-// An array of another element type or shape than the engine uses.
+// A SAFEARRAY of any element type and shape, including those that the engine refuses.
 class ForeignArray {
  public:
   explicit ForeignArray(VARTYPE type, UINT dimensions = 1, ULONG count = 8, LONG lower_bound = 0);
@@ -92,7 +92,7 @@ class Floats : public ForeignArray {
 
   std::span<float> values() const;
   std::vector<float> ToVector() const { return {values().begin(), values().end()}; }
-  // A template, because another index type could also index the converted pointer.
+  // A template fits every index type exactly, so the built-in [] of SAFEARRAY* never competes.
   template <std::integral Index>
   float& operator[](Index index) const {
     return values()[static_cast<std::size_t>(index)];

@@ -13,8 +13,8 @@ std::size_t CountHeapBlocks();
 // Finds leaks of threads and handles since its construction.
 class LeakWatch {
  public:
-  // Waits until at most so many more threads and handles are left. Finished threads may still be
-  // ending, and libraries keep some handles from their first use.
+  // Waits until the counts exceed those at construction by at most these numbers. Finished threads
+  // may still be ending, and libraries keep some handles from their first use.
   void AwaitAtMost(unsigned more_threads, unsigned more_handles) const;
 
  private:

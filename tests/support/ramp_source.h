@@ -24,7 +24,7 @@ class RampSource : public TestObject<IAudioReader> {
     return source;
   }
 
-  // Exact for frames from -4096 to 4095 and up to 8 channels.
+  // Identifies source, frame and channel for frames from -4096 to 4095 and up to 8 channels.
   static float Sample(char name, __int64 frame, int channel) {
     return static_cast<float>(((name - 'A' + 1) << 16) + (frame + 4096) * 8 + channel);
   }
@@ -35,7 +35,7 @@ class RampSource : public TestObject<IAudioReader> {
   // Results of the calls. Only successful reads deliver samples.
   HRESULT read_result = S_OK;
   HRESULT open_result = S_OK;
-  __int64 frames = 4096;  // the reported number; reads deliver more
+  __int64 frames = 4096;  // the reported number; reads past it still deliver samples
   // Runs inside ReadAudio with the caller's array, before the source delivers samples.
   std::function<void(SAFEARRAY*)> on_read;
 

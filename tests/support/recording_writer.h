@@ -15,14 +15,14 @@ namespace marlinda::testing {
 // Until the task has ended, all members but the atomics belong to the writing thread.
 class RecordingWriter final : public TestObject<IAudioWriter> {
  public:
-  // The methods in call order; consecutive WriteAudio calls count once.
+  // The methods in call order; consecutive calls of one method count once.
   std::vector<std::string> calls;
   std::vector<DWORD> threads;
   LONG samples_per_sec = 0;
   SHORT channels = 0;
   std::vector<std::size_t> block_sizes;
   std::vector<float> samples;
-  bool keep_samples = true;  // and keep block sizes
+  bool keep_samples = true;  // applies to block_sizes too
   std::atomic<std::size_t> blocks = 0;
   std::atomic<bool> closed = false;
 

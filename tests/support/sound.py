@@ -1,7 +1,7 @@
-"""Private sound servers, and the sound of a speaker that is a pipe.
+"""Starts private sound servers and reads their speaker through a pipe.
 
-The pipe loses nothing: the sound server waits for a late reader. If the *player* is late the server inserts silence.
-Signals have no silent frame, so inserted silence is recognised.
+The pipe loses nothing, because the sound server waits for a late reader. If the player is late, the server inserts
+silence. The test signals contain no silent frame, so the tests can remove inserted silence.
 """
 
 import array
@@ -24,7 +24,7 @@ FRAME_BYTES = 8  # two floats
 
 @contextlib.contextmanager
 def sound_server(pipes, channels=2):
-    """The environment of a sound server whose speaker and microphone are pipes or a null sink."""
+    """Yields the environment of a sound server. Speaker and microphone are pipes, or a null sink and its monitor."""
     environment = dict(os.environ, TESSALY_SOUND_PIPES="1" if pipes else "", TESSALY_SOUND_CHANNELS=str(channels))
     program = "import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); sys.stdin.read()"
     server = subprocess.Popen([SESSION, sys.executable, "-c", program], env=environment, stdin=subprocess.PIPE,
@@ -64,8 +64,8 @@ def without_silence(samples, frame_bytes=FRAME_BYTES):
 
 
 class Speaker:
-    """Reads the speaker's pipe at the sample rate or more slowly while the server runs. Nothing arrives while no program
-    plays. A pause (frame, seconds) stops the server for that time once this number of non-silent frames has arrived."""
+    """Reads the speaker's pipe at the sample rate or more slowly while the server runs. Nothing arrives while no
+    program plays. A `pause` of (frames, seconds) stops the server once so many non-silent frames have arrived."""
 
     def __init__(self, environment, pause=None):
         self.frame_bytes = 4 * int(environment["TESSALY_SOUND_CHANNELS"])
@@ -108,8 +108,8 @@ class Speaker:
 
 
 class Microphone:
-    """Writes a tone of half of full scale into the microphone's pipe in real time, or in larger pieces, while its
-    server runs."""
+    """Writes a tone at half of full scale into the microphone's pipe, on average in real time, until the server
+    ends."""
 
     HERTZ = 440
 
@@ -143,7 +143,7 @@ class Microphone:
 
 
 class SoundTool:
-    """A run of sound_tool.exe, `program`, with `words` as arguments."""
+    """Runs sound_tool.exe, whose path is `program`, with `words` as arguments."""
 
     def __init__(self, program, environment, *words):
         self.words = [str(word) for word in words]
@@ -228,7 +228,7 @@ class ChangingServer:
             self.control("unload-module", module)
 
     def listen(self, frames):
-        """Returns the sound at the speaker from now on, as floats of two channels."""
+        """Returns the next `frames` frames of sound at the speaker, as interleaved floats of two channels."""
         words = ["parec", "--raw", "--device=speaker.monitor", "--format=float32le", f"--rate={RATE}", "--channels=2",
                  "--latency-msec=50"]
         with subprocess.Popen(words, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as recorder:

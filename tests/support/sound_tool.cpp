@@ -1,5 +1,5 @@
 // Uses sound devices while the calling test stops or kills the sound server or removes the devices:
-//   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         plays the signal between silences
+//   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         plays a signal between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  writes floats; prints frames so far
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
@@ -31,7 +31,7 @@ namespace {
 
 constexpr LONG kRate = 44100;
 constexpr SHORT kChannels = 2;
-// Uses the first device, because the mapper converts formats to 16-bit stereo.
+// Uses the first device, because the wave mapper converts formats to 16-bit stereo.
 constexpr LONG kFirstDevice = 0;
 
 template <class... Arguments>
@@ -43,9 +43,9 @@ void Say(const char* format, Arguments... arguments) {
 constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
-// Returns sample n of a tone. With 0 Hz, returns sample n of the interleaved signal, which is never
-// 0 and so differs from silence. Half a block holds whole periods of multiples of 20 Hz, so tones
-// continue between blocks, even if the scrubber overlaps their halves.
+// Returns sample n of a tone, or with 0 Hz sample n of the test signal, whose samples are never 0,
+// unlike silence. Half a block holds whole periods of multiples of 20 Hz. Tones therefore continue
+// across blocks, even where the scrubber overlaps half blocks.
 float Wave(int hertz, __int64 n) {
   if (hertz == 0) {
     const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
@@ -86,8 +86,8 @@ bool IsReady(const ComPtr<IAudioWriter>& writer) {
 void Play(SHORT bits, SHORT channels, std::size_t block_frames, std::size_t frames) {
   const auto writer = Speaker(bits, channels);
   Check(writer->OpenDevice());
-  // The sound server drops some milliseconds at the start of a stream, and buffers complete some
-  // milliseconds before they are played.
+  // Silence surrounds the signal, because the sound server drops some milliseconds at the start of
+  // a stream, and buffers complete some milliseconds before they are played.
   const auto width = static_cast<std::size_t>(channels);
   const Floats silence(width * kRate);
   Check(writer->WriteAudio(silence));
@@ -172,7 +172,7 @@ class Use {
     return hr;
   }
 
-  // Waits until more sound has passed than the last use can have left in the device.
+  // Waits until a recorder has received more sound than its last use can have left in the device.
   void Works() const {
     while (reader_ && loud_blocks_ < 10) Sleep(10);
   }

@@ -1,4 +1,4 @@
-// The COM part of a test's own object.
+// The IUnknown and IDispatch methods of objects that tests implement.
 #pragma once
 
 #include <windows.h>
@@ -30,8 +30,8 @@ class WithoutAutomation<I> : public I {
   }
 };
 
-// Create the object with MakeObject or as a local variable. The initial reference belongs to the
-// test.
+// A COM object of a test. Create it with MakeObject or as a local variable. The initial reference
+// belongs to the test.
 template <class... Interfaces>
 class TestObject : public WithoutAutomation<Interfaces>... {
  public:

@@ -231,7 +231,7 @@ class AudioConnector : public ::testing::Test {
 };
 
 // Filters are apartment-threaded and may count their references without interlocking.
-TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostAlone) {
+TEST_F(AudioConnector, PassesSamplesUnchangedAndCallsFiltersOnlyOnTheHostsThread) {
   const OurConverter converter;           // not needed
   constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
   const auto from = MakeObject<TestImport>(kFrames);
@@ -267,7 +267,7 @@ TEST_F(AudioConnector, PassesEqualFormatsAndCallsTheFiltersOnTheThreadOfTheHostA
   EXPECT_EQ(to_->foreign_calls + to_reader->foreign_calls, 0);
 }
 
-TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePosition) {
+TEST_F(AudioConnector, ReadsItsSourceSequentiallyAndIgnoresThePosition) {
   CallLog log;
   const auto source = RampSource::Make('A', 2, &log);
   Join(source.Get(), to_.Get());
@@ -283,7 +283,7 @@ TEST_F(AudioConnector, ReadsAReaderInOrderInBlocksOf65535FramesWhateverThePositi
   EXPECT_EQ(SampleCount(), 2048);
 }
 
-TEST_F(AudioConnector, IsAPlainQueueBeforeSetUpAndAfterAPollFindsTheExportEnded) {
+TEST_F(AudioConnector, QueuesSamplesBeforeSetUpAndAfterTheExportHasEnded) {
   EXPECT_EQ(writer_->WriteAudio(Floats(0x800000 - 1)), S_OK);
   EXPECT_TRUE(IsReady());
   EXPECT_EQ(writer_->WriteAudio(Floats(1)), S_OK);
@@ -297,7 +297,7 @@ TEST_F(AudioConnector, IsAPlainQueueBeforeSetUpAndAfterAPollFindsTheExportEnded)
 }
 
 // Only the first read waits ten times. If all did, the test would take a quarter of an hour.
-TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfASecond) {
+TEST_F(AudioConnector, AfterAnImportStallsForFiveSecondsReadsReturnSilence) {
   const auto from = MakeObject<TestImport>(1000);
   from->channels = 1;
   from->promised = 200 * 65536;
@@ -313,13 +313,13 @@ TEST_F(AudioConnector, AnImportThatStopsEndsTheDataInSilenceAfterTenWaitsOfHalfA
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(200, S_FALSE));
 }
 
-// First an import waits for room. Then an export waits for data.
+// An import waits for room in the first two rounds. An export waits for data in the others.
 TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
   for (const bool stalled : {false, true}) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // overshoots the limit, at which an import does not wait yet
+      from->block_samples = 10'000;  // never exactly the limit, at which an import does not wait
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());
@@ -339,7 +339,7 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
   }
 }
 
-TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndAsksAgainForAFormat) {
+TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndReadsAnUnknownFormatAgainAtStart) {
   const auto passes = [&](LONG rate, SHORT channels) {
     Join(ramp_.Get(), to_.Get(), rate, channels);
     return Read(4)[3] == RampSource::Sample('A', 1, 1);
@@ -374,7 +374,7 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
   Run(to_.Get());
   const auto& samples = to_->result->samples;
   ASSERT_EQ(samples.size(), 192000U);
-  // Every read received its samples.
+  // A read that times out would return S_FALSE.
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(2, S_OK));
   float last = 0;  // level of the frames that the converter holds back until the end
   for (std::size_t i = 500; i < 96000; ++i) {
@@ -384,8 +384,8 @@ TEST_F(AudioConnector, ConvertsToTheLastFrameWithoutATimeout) {
     if (i >= 95900) last = std::max(last, std::abs(samples[2 * i]));
   }
   EXPECT_GT(last, 0.9F);
-  // The converter treats the end of a pool's take as the end of the audio. This source reports 4096
-  // frames and delivers more.
+  // Samples past the reported end, such as those of a pool's next take, must not be heard. This
+  // source reports 4096 frames and delivers more.
   Join(RampSource::Make('A', 1).Get(), to_.Get(), 88200, 1);
   const Samples take = Read(8192 + 2000);
   const float end = RampSource::Sample('A', 4095, 0);

@@ -15,7 +15,7 @@ constexpr std::size_t kMax = PacedQueue::kMaxQueued;
 // A lost wake-up hangs the test.
 constexpr PacedQueue::Pace kPatient = {std::chrono::hours(1), 10};
 
-TEST(SampleCount, IsTheProductDividedAndTruncatedAndNeverOverflows) {
+TEST(SampleCount, ConversionTruncatesAndSaturates) {
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
   EXPECT_EQ(ConvertSampleCount(-44101, 44100, 22050), -22050);
   EXPECT_EQ(ConvertSampleCount(2147483647, 44100, 48000), 2147483647LL * 48000 / 44100);
@@ -23,7 +23,7 @@ TEST(SampleCount, IsTheProductDividedAndTruncatedAndNeverOverflows) {
   EXPECT_EQ(ConvertSampleCount(77, 0, 48000), 77);
 }
 
-TEST(PacedQueue, WakesEitherSideAsSoonAsItsWaitIsOver) {
+TEST(PacedQueue, WakesReaderAndWriterAsSoonAsTheyCanContinue) {
   constexpr int kRounds = 2000;
   PacedQueue samples(kPatient);
   PacedQueue room(kPatient);
@@ -51,7 +51,7 @@ TEST(PacedQueue, WakesEitherSideAsSoonAsItsWaitIsOver) {
   }
 }
 
-TEST(PacedQueue, EndsAReadAfterItsTimeoutsOrAnInterrupt) {
+TEST(PacedQueue, ReadEndsAfterTooManyTimeoutsOrAnInterrupt) {
   PacedQueue queue({std::chrono::milliseconds(5), 10});
   for (const int limit : {10, 1}) {
     int timeouts = 0;
