@@ -1,7 +1,7 @@
-# tessaly_activation_manifest(<target>): lets the program <target> create the module's classes without registration.
+# tessaly_activation_manifest(<target>): lets the program <target> create the modules' classes without registration.
 # Writes <target>.exe.manifest into the program's folder, which must also hold Tessaly.dll, Converter.dll to convert
-# formats, and Mp3Encoder.dll to write MP3 files. Classes and identifiers come from the IDL. The installed CMake
-# package includes this file and has the IDL in the include folder.
+# formats, and Mp3Encoder.dll to write MP3 files. The class identifiers come from the IDL files, which are in core/ of
+# the sources and in include/ of the package.
 function(tessaly_activation_manifest target)
   set(idl ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../core/marlinda.idl)
   if(NOT EXISTS ${idl})
@@ -9,7 +9,7 @@ function(tessaly_activation_manifest target)
   endif()
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${idl})
   file(READ ${idl} text)
-  # CMake's lists interpret brackets and semicolons.
+  # Replaces brackets and semicolons, because both have a meaning in CMake lists.
   string(REPLACE "[" "<" text "${text}")
   string(REPLACE "]" ">" text "${text}")
   string(REPLACE ";" "," text "${text}")
@@ -22,8 +22,7 @@ function(tessaly_activation_manifest target)
     message(FATAL_ERROR "No library found in ${idl}")
   endif()
 
-  # The manifest lists interfaces, because a client in another apartment needs proxies. The type library describes
-  # the proxies.
+  # Calls from another apartment need proxies. COM makes the proxies of the listed interfaces from the type library.
   set(proxies)
   string(REGEX MATCHALL "<[^<>]*>${blank}interface[ \t\r\n]+[A-Za-z0-9_]+" interfaces "${text}")
   foreach(interface IN LISTS interfaces)

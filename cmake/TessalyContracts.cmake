@@ -3,7 +3,7 @@
 set(contracts_dir ${CMAKE_BINARY_DIR}/contracts)
 file(MAKE_DIRECTORY ${contracts_dir})
 if(MSVC)
-  # midl generates all files in one run.
+  # midl generates all files of an IDL file in one run.
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)
     set(midl_target x64)
   else()
@@ -26,7 +26,7 @@ if(MSVC)
       VERBATIM)
   endforeach()
 else()
-  # Debian names the compiler widl only if Wine's wrapper scripts are installed.
+  # On Debian, the PATH has a program named widl only if Wine's wrapper scripts are installed.
   find_program(WIDL_EXECUTABLE NAMES widl widl-stable PATHS /usr/lib/wine REQUIRED)
   find_path(WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows /usr/include/wine/windows
             NO_CMAKE_FIND_ROOT_PATH REQUIRED)

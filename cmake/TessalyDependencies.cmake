@@ -1,5 +1,4 @@
-# Finds the libraries that scripts/build-dependencies builds, in one folder below TESSALY_DEPS for each
-# target.
+# Finds the libraries of scripts/build-dependencies. TESSALY_DEPS has a folder for each target: native, x64 and x86.
 if(NOT WIN32)
   set(dependencies_target native)
 elseif(CMAKE_SIZEOF_VOID_P EQUAL 8)
@@ -8,11 +7,11 @@ else()
   set(dependencies_target x86)
 endif()
 
-# tessaly_find_package(<name>): calls find_package for these libraries only, so that no other build of a library is
-# used. This is a macro, because find_package sets variables of its caller.
+# tessaly_find_package(<name>): calls find_package, but searches only the target's folder, so that no other build of the
+# library is used. This is a macro, because find_package sets variables of its caller.
 macro(tessaly_find_package name)
   if(MSVC)
-    find_package(${name} CONFIG QUIET GLOBAL) # finds the build of vcpkg.json
+    find_package(${name} CONFIG QUIET GLOBAL) # vcpkg.json lists the libraries
   else()
     find_package(${name} CONFIG QUIET GLOBAL PATHS ${TESSALY_DEPS}/${dependencies_target}
                  NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
@@ -23,11 +22,11 @@ macro(tessaly_find_package name)
   endif()
 endmacro()
 
-# tessaly_find_library(<target> <library> <header>): finds a library without a CMake package. Native builds
-# use the system's library.
+# tessaly_find_library(<target> <library> <header>): finds a library that has no CMake package. Native builds use the
+# system's library.
 macro(tessaly_find_library target library header)
   if(MSVC OR NOT WIN32)
-    find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC, the build of vcpkg.json
+    find_library(${library}_LIBRARY ${library} REQUIRED) # with MSVC, the library from vcpkg
     find_path(${library}_INCLUDE_DIR ${header} REQUIRED)
   else()
     set(${library}_LIBRARY ${TESSALY_DEPS}/${dependencies_target}/lib/lib${library}.a)

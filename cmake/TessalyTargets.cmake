@@ -4,8 +4,7 @@ add_library(tessaly_options INTERFACE)
 if(MSVC)
   target_compile_options(tessaly_options INTERFACE /W4 /WX /permissive- /utf-8)
 else()
-  # Disables contraction. A fused multiply and add rounds once instead of twice, but sample values must be the same
-  # in every build.
+  # Forbids fused multiply-adds. They round once instead of twice, but sample values must be the same in every build.
   target_compile_options(tessaly_options INTERFACE -Wall -Wextra -Wpedantic -Werror -ffp-contract=off)
 endif()
 if(WIN32)
@@ -13,8 +12,8 @@ if(WIN32)
     tessaly_options INTERFACE NOMINMAX UNICODE _UNICODE _WIN32_WINNT=0x0601
                               WINVER=0x0601)
 endif()
-# Address space layout randomisation and stack protection make memory errors harder to exploit. The linker
-# sets the other image flags by default. A test checks all flags.
+# Address space layout randomisation, non-executable data and stack protection make memory errors harder to exploit.
+# MSVC enables stack protection and high-entropy addresses by default.
 if(MSVC)
   target_link_options(tessaly_options INTERFACE /DYNAMICBASE /NXCOMPAT)
 else()
@@ -28,8 +27,8 @@ else()
   endif()
 endif()
 if(TESSALY_SANITIZE_TRAP)
-  # There is no sanitizer runtime for Windows, so undefined behaviour traps. The check of dynamic types is off,
-  # because it needs the runtime.
+  # The mingw compilers have no sanitizer runtime, so undefined behaviour traps. The check of dynamic types (vptr) is
+  # off, because it needs the runtime.
   target_compile_options(tessaly_options INTERFACE -fsanitize=undefined -fno-sanitize=vptr
                                                    -fsanitize-undefined-trap-on-error)
 elseif(TESSALY_SANITIZE)
@@ -39,21 +38,21 @@ elseif(TESSALY_SANITIZE)
 endif()
 target_include_directories(tessaly_options INTERFACE ${CMAKE_SOURCE_DIR})
 
-# tessaly_kernels(<folder> <sources...>): plain C++, built on every platform, without COM.
+# tessaly_kernels(<folder> <sources...>): a library of plain C++ without COM, built on every platform.
 function(tessaly_kernels folder)
   add_library(${folder}_kernels STATIC ${ARGN})
   target_link_libraries(${folder}_kernels PUBLIC tessaly_options)
 endfunction()
 
-# tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA, which not every processor
-# has. The sources must not define inline functions that other files use, because the linker keeps one copy of each.
+# tessaly_avx2_sources(<sources...>): compiles kernels of this folder for AVX2 and FMA, which not every processor has.
+# The sources must not define inline functions that other files use, because the linker may choose the AVX2 copy.
 function(tessaly_avx2_sources)
   if(MSVC)
     set(options /arch:AVX2)
   else()
     set(options -mavx2 -mfma)
     if(MINGW)
-      # GCC assumes that the stack is aligned for wide registers, but on Windows it is not.
+      # GCC stores wide registers on the stack with aligned moves, but the Windows stack is not aligned for them.
       list(APPEND options -Wa,-muse-unaligned-vector-move)
     endif()
   endif()

@@ -1,5 +1,5 @@
-# tessaly_version_resource(<target> <description>): adds the project's version to a program or module, for the
-# file's properties in Windows.
+# tessaly_version_resource(<target> <description>): adds a version resource to a program or module. Windows shows it in
+# the file's properties.
 function(tessaly_version_resource target description)
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "EXECUTABLE")

@@ -1,4 +1,4 @@
-# Only the posix-threads variants have std::thread and std::mutex.
+# Only the posix-threads variants of the compilers have std::thread and std::mutex.
 set(CMAKE_C_COMPILER ${TESSALY_MINGW_TRIPLET}-gcc-posix)
 set(CMAKE_CXX_COMPILER ${TESSALY_MINGW_TRIPLET}-g++-posix)
 set(CMAKE_RC_COMPILER ${TESSALY_MINGW_TRIPLET}-windres)

@@ -1,5 +1,5 @@
-// The sums of a polyphase filter for each instruction level. Only polyphase_filter.cpp calls them.
-// Files compiled for AVX2 include this header, so it defines no inline functions.
+// The sums of a polyphase filter for each instruction level. This header defines no inline
+// functions, because the linker could choose a copy that is compiled for AVX2.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ using FilterKernel = void (*)(const float* taps, std::size_t count, const float*
 // The scalar form, which defines the results.
 void ScalarFilter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                   std::size_t channels, float* frame) noexcept;
-// Give the same bits as ScalarFilter.
+// Both compute the same bits as ScalarFilter.
 void Sse2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                 std::size_t channels, float* frame) noexcept;
 void Avx2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,

@@ -8,8 +8,8 @@ namespace marlinda {
 namespace {
 
 struct Lanes {
-  // Multiplies and adds separately, because a fused operation rounds only once, and its results
-  // would differ from those of the other forms.
+  // Multiplies and adds separately. A fused operation rounds only once, so its results would differ
+  // from those of the other forms.
   void Add(const float* taps, const float* samples) noexcept {
     sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_load_ps(taps), _mm256_loadu_ps(samples)));
   }

@@ -20,8 +20,8 @@ class CFormatConverter final : public Object<CFormatConverter, IFormatConverter>
   static constexpr const CLSID& kClassId = CLSID_CFormatConverter;
   static constexpr bool kHasClassInfo = false;
 
-  // Fails with E_INVALIDARG for formats that cannot be converted. The earlier stream then
-  // continues. Ignores nMode.
+  // Fails with E_INVALIDARG for formats that cannot be converted. An earlier stream then continues.
+  // Ignores nMode.
   STDMETHODIMP SetUp(LONG nSourceSamplesPerSec, LONG nTargetSamplesPerSec, SHORT nSourceChannels,
                      SHORT nTargetChannels, LONG) override {
     const StreamConverter::Format source = {nSourceSamplesPerSec, nSourceChannels};

@@ -10,9 +10,9 @@
 
 namespace marlinda {
 
-// A windowed sinc with taps for exactly the phases that occur. The response is flat up to 0.91 of
-// the lower rate's Nyquist frequency and at least 140 dB down above the Nyquist frequency. Output
-// frame n has the time of input frame n * source rate / target rate.
+// A windowed sinc filter with one row of taps for each phase that occurs. The response is flat up
+// to 0.91 of the lower rate's Nyquist frequency and at least 140 dB down above that Nyquist
+// frequency. Output frame n has the time of input frame n * source rate / target rate.
 class PolyphaseFilter {
  public:
   // Returns false if the tap table would be larger than 4 MiB.
@@ -21,8 +21,8 @@ class PolyphaseFilter {
   // Throws std::bad_alloc.
   PolyphaseFilter(std::int32_t source_rate, std::int32_t target_rate, std::size_t channels);
 
-  // Takes whole frames and appends the output frames that are ready. The result does not depend on
-  // how the caller splits the stream into calls. Throws std::bad_alloc.
+  // Resamples whole frames and appends the output frames that are ready. The result does not depend
+  // on how the caller splits the stream into calls. Throws std::bad_alloc.
   void Process(std::span<const float> frames, std::vector<float>& output);
 
  private:

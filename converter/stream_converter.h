@@ -57,8 +57,8 @@ class StreamConverter {
     if (resampler_ == nullptr) throw std::bad_alloc();
   }
 
-  // Takes any number of samples: a frame may be split between calls. Appends the output that is
-  // ready. Throws std::bad_alloc.
+  // Accepts any number of samples, even a part of a frame. Appends the output that is ready. Throws
+  // std::bad_alloc.
   void Convert(std::span<const float> samples, std::vector<float>& output) {
     const auto channels = static_cast<std::size_t>(source_.channels);
     if (!partial_.empty()) {
@@ -81,7 +81,7 @@ class StreamConverter {
 
   static constexpr double kMaxRatio = 256.0;
   static constexpr int kMaxResampledChannels = 128;
-  // Input frames per call of libsamplerate, so that the output fits in a buffer of known size.
+  // The most input frames per call of libsamplerate. This limits the size of the output buffer.
   static constexpr std::size_t kFramesPerPiece = 4096;
 
   static double RatioOf(const Format& source, const Format& target) {

@@ -1,4 +1,4 @@
-// AnnotationSupport: ILabelSupport and ISectionMarkerSupport over lists of records.
+// AnnotationSupport: implements ILabelSupport and ISectionMarkerSupport on lists of records.
 #pragma once
 
 #include <marlinda.h>
@@ -17,8 +17,8 @@ namespace marlinda {
 template <class Class, class Base>
 class AnnotationSupport : public Base {
  public:
-  // Each constant stands for a group of methods. A class that offers a group redeclares its
-  // constant as true. The methods of any other group return E_NOTIMPL.
+  // `Class` redeclares a constant as true to offer the methods that test it. All other methods,
+  // except the two counts, return E_NOTIMPL.
   static constexpr bool kAddsNotes = false;
   static constexpr bool kReadsNotes = false;
   static constexpr bool kEditsNotes = false;

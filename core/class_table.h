@@ -1,5 +1,5 @@
-// The classes of this module for class factories and registration. A new class is a new row in
-// module/class_table.cpp.
+// The classes of a module, for its class factories and registration. To add a class, add a row to
+// the module's class_table.cpp.
 #pragma once
 
 #include <windows.h>

@@ -1,5 +1,5 @@
-// The boundary between C++ and COM. Code of the engine throws exceptions; interface methods return
-// HRESULTs. ComCall turns the exceptions into HRESULTs.
+// The boundary between C++ and COM. The engine's code throws exceptions, but interface methods
+// return HRESULTs. ComCall turns the exceptions into HRESULTs.
 #pragma once
 
 #include <windows.h>
@@ -10,7 +10,7 @@
 
 namespace marlinda {
 
-// Carries an HRESULT to the interface boundary.
+// The exception that carries an HRESULT to ComCall.
 class HResultError {
  public:
   explicit HResultError(HRESULT code) noexcept : code_(code) {}

@@ -16,8 +16,8 @@ namespace {
 
 using Role = Parameter::Role;
 
-// Owns a value of the declared type. Either the method writes the value through a pointer, or the
-// value is coerced from an argument.
+// Owns a value of a parameter's type. The value is either an argument after coercion or the
+// method's output.
 class Slot {
  public:
   Slot() noexcept { VariantInit(&value_); }
@@ -79,7 +79,7 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // Adds a reference to a borrowed pointer, because the slot releases the pointer later.
+  // Adds the reference that the method did not add. The slot or the caller releases it later.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }
@@ -183,7 +183,7 @@ bool IsCoherent(const DISPPARAMS& params) noexcept {
          params.cNamedArgs <= params.cArgs;
 }
 
-// True for the interface whose segment iteration returns pointers without a reference.
+// True for IEditedAudio, whose segment iteration returns pointers without a reference.
 bool LendsPointers(REFIID iid) noexcept { return IsEqualIID(iid, IID_IEditedAudio); }
 
 void FillException(HRESULT failure, EXCEPINFO* exception) noexcept {
@@ -231,8 +231,7 @@ class Call {
         arguments_[k].PrepareResult(parameters[k], result);
         continue;
       }
-      // The number of arguments is right, so parameter k has none only if the caller has named
-      // another parameter twice.
+      // The argument count is right. If parameter k has no argument, another parameter has two.
       if (given[k] == nullptr) return DISP_E_PARAMNOTOPTIONAL;
       const HRESULT hr = arguments_[k].Prepare(parameters[k], given[k], locale);
       if (FAILED(hr)) {

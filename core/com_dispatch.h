@@ -1,8 +1,8 @@
 // Implements IDispatch for dual interfaces with the type information inside this module.
 //
-// Does not use ITypeInfo::Invoke. The systems' versions of ITypeInfo::Invoke accept different
-// argument counts and script variables, and report different argument indexes. Also, ReadWaveplot
-// must accept floats, although the type library declares shorts.
+// Does not use ITypeInfo::Invoke, because its implementations differ between systems. They accept
+// different argument counts and script variables, and report different argument indexes. Also,
+// ReadWaveplot must accept floats, although the type library declares shorts.
 #pragma once
 
 #include <oaidl.h>
@@ -19,8 +19,8 @@ HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT
 //
 // Arguments may be positional or named. They are passed by value, by reference, or as a VARIANT by
 // reference. Values are coerced to the declared type. Arrays are never copied. Every array
-// parameter accepts floats, even if it declares another element type. An out parameter takes a
-// reference to the declared type, or a VARIANT, which is replaced if the method succeeds.
+// parameter accepts floats, even if it declares another element type. An out parameter accepts a
+// reference to the declared type, or to a VARIANT, which a successful call replaces.
 //
 // Returns the method's success code. If the method fails, returns DISP_E_EXCEPTION with the failure
 // in the exception's scode. The caller must release returned interface pointers, even if the method

@@ -1,6 +1,6 @@
 // The base of every COM class: reference counting, QueryInterface, aggregation, IDispatch per dual
 // interface, IProvideClassInfo and the module's object count. A class lists its interfaces in the
-// order of its coclass and needs no other COM declaration than these:
+// order of its coclass. It needs only these COM declarations:
 //
 //   class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter> {
 //    public:
@@ -50,7 +50,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
   // IProvideClassInfo2. Only classes with events offer this interface and override GetGUID.
   STDMETHODIMP GetGUID(DWORD, GUID*) override { return E_NOTIMPL; }
 
-  // Creates an object, aggregated if `outer` is given. A failed call leaves no object.
+  // Creates an object, aggregated if `outer` is not null. If the call fails, no object remains.
   static HRESULT Instantiate(IUnknown* outer, REFIID iid, void** object) noexcept {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
@@ -122,7 +122,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
     return S_OK;
   }
 
-  // The default interface, which is the first dual interface in the list, provides IDispatch.
+  // The first dual interface in the list is the default interface and provides IDispatch.
   template <class I>
   IUnknown* Offer(REFIID iid, void** out) noexcept {
     const bool asked = IsEqualIID(iid, __uuidof(I)) ||

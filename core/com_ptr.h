@@ -38,7 +38,7 @@ ComPtr<I> TryQuery(IUnknown* object) {
 
 // True if both pointers refer to the same COM object; null matches nothing.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
-  // Compares plain pointers, because == of mingw's smart pointers compares truth values.
+  // Compares plain pointers, because == of mingw's ComPtr compares only whether each is null.
   const IUnknown* const identity = TryQuery<IUnknown>(a).Get();
   return identity != nullptr && identity == TryQuery<IUnknown>(b).Get();
 }

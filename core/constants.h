@@ -3,7 +3,7 @@
 
 namespace marlinda {
 
-// Frames per peak.
+// A peak holds the lowest and highest sample of this many frames, for each channel.
 inline constexpr int kFramesPerPeak = 256;
 
 // The last argument of IFormatConverter::SetUp. Every caller passes this value.

@@ -1,4 +1,4 @@
-// Reads at 64-bit offsets of a file, and writes.
+// Reads a file at 64-bit offsets, and writes at the file pointer.
 #pragma once
 
 #include <windows.h>
@@ -17,9 +17,9 @@ namespace marlinda {
 // The most bytes per call, because ReadFile and WriteFile count bytes in 32 bits.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
-// Moves the file pointer and holds the lock until the end of the scope, because all users of a
-// handle share the pointer. Passing the offset to the read or write call would need no lock, but is
-// forty times slower under Wine.
+// Moves the file pointer and locks the file until the end of the scope, because all users of a
+// handle share its file pointer. Passing the offset to ReadFile or WriteFile would need no lock,
+// but is forty times slower under Wine.
 class Seek {
  public:
   Seek(HANDLE file, std::int64_t offset) noexcept
@@ -45,8 +45,8 @@ struct ReadResult {
   std::size_t count;  // bytes read
 };
 
-// Reads into `bytes` from `offset`. Other threads may use the same handle meanwhile. An offset
-// before the start of the file fails with ERROR_NEGATIVE_SEEK.
+// Fills `bytes` from `offset` on. Other threads may use ReadAt or Seek on the same handle
+// meanwhile. A negative offset fails with ERROR_NEGATIVE_SEEK.
 inline ReadResult ReadAt(HANDLE file, std::int64_t offset, std::span<std::byte> bytes) noexcept {
   if (offset < 0) return {HRESULT_FROM_WIN32(ERROR_NEGATIVE_SEEK), 0};
   // No file reaches beyond the largest offset.

@@ -64,7 +64,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // E_FAIL unless the length is positive. The progress stays below 1.0 if the worker ended early.
+  // Returns E_FAIL unless the length is positive. Progress stays below 1.0 after an early end.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

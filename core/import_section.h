@@ -11,11 +11,11 @@ struct DECLSPEC_UUID("0c1d7f5a-3b0e-4f0b-8f7e-52a4c1e6b9d3") IImportSection : pu
   // part of the file, otherwise S_FALSE.
   virtual HRESULT STDMETHODCALLTYPE QueryCanSetSection() = 0;
   // Call once between Initialize and Start. The import then delivers `count` frames from frame
-  // `first` on. The samples equal those of an import of the whole file. Blocks also begin and end
-  // at the same frames as there, except the first and the last block. GetSourceSampleCount and
-  // GetProgress count only the imported frames. Labels and markers keep their positions in the
-  // file. Fails with E_FAIL if QueryCanSetSection does not return S_OK, and with E_INVALIDARG for a
-  // part that is empty or reaches beyond the file. After any other failure, call Initialize again.
+  // `first` on. Samples and block boundaries equal those of an import of the whole file, except
+  // that the first and the last block may be shorter. GetSourceSampleCount and GetProgress count
+  // only the imported frames. Labels and markers keep their positions in the file. Fails with
+  // E_FAIL if QueryCanSetSection does not return S_OK, and with E_INVALIDARG for a part that is
+  // empty or reaches beyond the file. After any other failure, call Initialize again.
   virtual HRESULT STDMETHODCALLTYPE SetSection(__int64 first, __int64 count) = 0;
 };
 

@@ -1,6 +1,6 @@
-// Counts nested calls of the same method of the same object on the same thread. A document can
-// contain itself through its segments, and writers can form a ring. Without a limit such calls
-// would overflow the stack.
+// Counts nested calls of the same method of the same object on the same thread, so that the method
+// can limit them. Without a limit, a document that contains itself through its segments, or a ring
+// of writers, would overflow the stack.
 #pragma once
 
 #include "core/thread_slot.h"

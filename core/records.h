@@ -1,4 +1,4 @@
-// Labels, markers and tags of a document or file. Texts are in the system's ANSI code page.
+// Labels, markers, tags and loop data of a document or file. Texts use the system's ANSI code page.
 #pragma once
 
 #include <cstdint>

@@ -19,7 +19,7 @@ namespace {
 // Maps NAME to the text that replaces %NAME%.
 using Replacements = std::map<std::wstring, std::wstring>;
 
-// A line of a script.
+// A line of a registry script.
 struct Entry {
   std::wstring key;                  // below HKEY_CLASSES_ROOT
   std::wstring name;                 // of the value; empty for the default value
@@ -98,7 +98,7 @@ Registration::Registration() {
   wchar_t setting[16] = L"";
   const DWORD length =
       GetEnvironmentVariableW(L"TESSALY_REGISTRATION", setting, ARRAYSIZE(setting));
-  // GetEnvironmentVariableW leaves the buffer undefined if the value does not fit.
+  // A value that does not fit leaves the buffer undefined. No value of that length is valid.
   const std::wstring_view value =
       length < ARRAYSIZE(setting) ? std::wstring_view(setting, length) : L"?";
   is_per_user_ = value == L"user";

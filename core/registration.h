@@ -1,6 +1,6 @@
 // Adds the content of registry scripts to the registry or removes it. The scripts are resources of
-// the module. A line of a script is a key ("KEY"), a key with its default value ("KEY = TEXT") or
-// another value ("KEY @NAME = TEXT"), below HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A
+// the module. A line of a script is a key ("KEY"), a key with its default value ("KEY = TEXT") or a
+// named value ("KEY @VALUE = TEXT"), below HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A
 // key without a line of its own is never removed.
 #pragma once
 
@@ -37,8 +37,8 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes the content of script `id`, with the replacements of class `of` unless `of` is
-  // null. Other keys and values stay unchanged.
+  // Writes the content of script `id`, with the replacements of class `of` unless `of` is null.
+  // Other keys and values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
   // Removes the content of script `id`, last line first. Keeps keys with other values or subkeys.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;
@@ -47,7 +47,7 @@ class Registration {
   void RegisterClasses(std::span<const ClassEntry> classes) const;
   void UnregisterClasses(std::span<const ClassEntry> classes) const;
 
-  // True if a key exists below HKEY_CLASSES_ROOT or, per user, below the user's own classes.
+  // True if key `path` exists below HKEY_CLASSES_ROOT or, if per user, below the user's classes.
   bool HasKey(const std::wstring& path) const;
 
  private:

@@ -28,7 +28,7 @@ std::size_t Checked(std::size_t count) {
   return count;
 }
 
-// ScratchCache frees larger arrays. 8 MiB is enough for the overview on the widest screens.
+// ScratchCache frees larger arrays. 8 MiB is enough for a waveform overview on the widest screens.
 constexpr std::size_t kMaxKeptSamples = std::size_t{1} << 21;
 
 }  // namespace
@@ -51,7 +51,7 @@ HRESULT SampleArrayView::Lock(SAFEARRAY* array) noexcept {
 }
 
 SampleArray::SampleArray(std::size_t count) : buffer_(Checked(count)) {
-  // Even an array without samples needs an address.
+  // Even an array without samples needs a pvData that is not null.
   buffer_.reserve(1);
   if (FAILED(SafeArrayAllocDescriptorEx(VT_R4, 1, &array_))) throw std::bad_alloc();
   array_->cbElements = sizeof(float);
@@ -74,7 +74,7 @@ void SampleArray::Resize(std::size_t count) {
 
 SAFEARRAY* SampleArray::Prepare(std::size_t count) {
   Resize(0);
-  // Frees the old memory before it allocates the new.
+  // Frees the old memory before it allocates, so that both blocks never exist at once.
   if (count > buffer_.capacity()) std::vector<float>().swap(buffer_);
   Resize(count);
   return array_;

@@ -12,8 +12,8 @@
 
 namespace marlinda {
 
-// Locks a caller's array during its lifetime and gives access to all samples. Ignores the lower
-// bound.
+// Keeps a caller's array locked while the view exists. Gives access to all samples and ignores the
+// lower bound.
 class SampleArrayView {
  public:
   SampleArrayView() noexcept = default;

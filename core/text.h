@@ -24,10 +24,10 @@ using OwnedBstr = Handle<BstrTraits>;
 std::string ToAnsi(BSTR text);
 
 // Converts UTF-8 text of a file to ANSI. Returns text that is not UTF-8 unchanged, because older
-// programs wrote texts in the code page.
+// programs wrote ANSI text.
 std::string Utf8ToAnsi(std::string_view text);
 
-// Returns ANSI text as a new BSTR, which the caller frees. The default is the code page of the
+// Returns ANSI text as a new BSTR, which the caller frees. `code_page` defaults to that of the
 // thread's locale. Throws std::bad_alloc, and HResultError if the conversion fails.
 BSTR ToBstr(std::string_view text, UINT code_page = CP_THREAD_ACP);
 

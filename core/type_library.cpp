@@ -21,7 +21,7 @@ struct GuidLess {
   }
 };
 
-// Both functions return a description that `info` owns. The deleter gives it back to `info`.
+// The next two functions return a description that `info` owns. The deleter returns it to `info`.
 auto AttributesOf(ITypeInfo* info) {
   TYPEATTR* attributes = nullptr;
   Check(info->GetTypeAttr(&attributes));
@@ -72,7 +72,7 @@ Parameter ReadParameter(ITypeInfo* info, const ELEMDESC& description) {
 }
 
 MethodTable ReadMethods(ITypeInfo* dispatch_face) {
-  // The vtable's description lists results as parameters and omits IDispatch's methods.
+  // Uses the vtable's description, because it lists results as parameters and omits IDispatch.
   HREFTYPE reference = 0;
   ComPtr<ITypeInfo> info;
   Check(dispatch_face->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference));

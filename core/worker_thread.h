@@ -16,7 +16,7 @@ namespace marlinda {
 bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
 
 // Owns at most one thread. The body must own everything that it uses. Capture shared state, not the
-// COM object: otherwise the last release of the object could happen on the worker itself.
+// COM object. Otherwise the worker itself could release the object last and so destroy it.
 class WorkerThread {
  public:
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};

@@ -403,8 +403,8 @@ FilterGraph::FilterGraph() {
 }
 
 HRESULT FilterGraph::Run() {
-  // Not done in the constructor: the graph passes the setting only to filters that it already
-  // contains.
+  // The constructor cannot remove the clock, because the graph passes this setting only to filters
+  // that it already contains.
   const auto filter = TryQuery<IMediaFilter>(builder_.Get());
   const HRESULT hr = filter != nullptr ? filter->SetSyncSource(nullptr) : E_NOINTERFACE;
   return FAILED(hr) ? hr : control_->Run();

@@ -32,13 +32,13 @@ struct FreeMediaType {
 // Owns a media type that came from a filter.
 using MediaType = std::unique_ptr<AM_MEDIA_TYPE, FreeMediaType>;
 
-// An audio media type with a wave format. The constructor copies the cbSize bytes after `format`
-// too.
+// An audio media type with a wave format.
 class AudioType {
  public:
   AudioType() noexcept = default;
+  // Also copies the cbSize bytes after `format`.
   explicit AudioType(const WAVEFORMATEX& format);
-  // Copies the type. Empty if the type is not audio in a wave format. Adds a missing cbSize field.
+  // Copies the format, with a missing cbSize added. Empty if `type` is not audio in a wave format.
   explicit AudioType(const AM_MEDIA_TYPE& type);
 
   bool empty() const noexcept { return format_.empty(); }
@@ -48,7 +48,7 @@ class AudioType {
   }
   // The view is valid while this object exists.
   AM_MEDIA_TYPE View() const noexcept;
-  // Makes a copy, whose format block the caller frees.
+  // Stores a copy in `type`. The caller frees the copy's format block.
   HRESULT CopyTo(AM_MEDIA_TYPE* type) const noexcept;
 
  private:
@@ -148,7 +148,7 @@ class OutputPin : public GraphPin {
   OutputPin(GraphFilter& filter, std::vector<AudioType> types, long buffer_bytes)
       : GraphPin(filter, PINDIR_OUTPUT), types_(std::move(types)), buffer_bytes_(buffer_bytes) {}
 
-  // Splits `bytes` into media samples. Divides the time from `start` to `stop` among them by size.
+  // Splits `bytes` and, in proportion, the time from `start` to `stop` into media samples.
   HRESULT Deliver(std::span<const std::byte> bytes, REFERENCE_TIME start, REFERENCE_TIME stop);
   HRESULT DeliverEnd() { return peer_ ? peer_->EndOfStream() : VFW_E_NOT_CONNECTED; }
 
@@ -228,8 +228,8 @@ class GraphFilter : public IBaseFilter {
   friend class GraphPin;
 };
 
-// A graph without a clock, so that its filters run as fast as they can. Use it on one thread, which
-// has entered an apartment.
+// A graph without a clock, so that its filters run as fast as they can. Use it only on a single
+// thread that has entered an apartment.
 class FilterGraph {
  public:
   // Throws HResultError if the system has no filter graph.

@@ -53,8 +53,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
   return part;
 }
 
-// Keeps the parts of the records in `head`, then the parts in `tail`. Moves the parts in `tail` by
-// `offset`. Works in place if the parts already have this order, otherwise collects the tail first.
+// Replaces the records by their parts in `head`, then their parts in `tail` moved by `offset`.
+// Works in place if the records already have this order. Otherwise first collects the tail.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
@@ -72,7 +72,7 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
     behind.reserve(in_tail);
     for (const Record& record : records) {
       if (!Reaches(record, tail)) continue;
-      // Copies a record that reaches both head and tail. Any other record is moved below.
+      // Copies a record that reaches both head and tail. The loop below moves any other record.
       behind.push_back(Reaches(record, head) ? record : Record());
     }
     records.reserve(in_head + in_tail);
@@ -139,7 +139,7 @@ struct Annotations {
   }
 
   // Removes the labels in `range`, clips the markers and moves everything behind the range. A
-  // marker that spans the range becomes two. A backward range doubles the records inside it.
+  // marker that spans the range becomes two. A backward range duplicates the records inside it.
   // `document` is the document's length.
   void Delete(const CSection& range, std::int64_t document) {
     const CSection head(0, range.begin);

@@ -37,10 +37,11 @@ using Points =
     Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
 // The connection point of one outgoing interface. It has its own identity but uses its container's
-// reference count. Sinks are called in slot order. A new sink takes the first free slot.
+// reference count. Each sink has a slot. An event calls the sinks in slot order. A new sink gets
+// the first free slot.
 class ConnectionPoint final : public IConnectionPoint {
  public:
-  // Makes the arguments of one event call, last argument first, as in DISPPARAMS.
+  // Returns the arguments of one event call, last argument first, as in DISPPARAMS.
   using Arguments = std::function<std::vector<VARIANTARG>()>;
 
   ConnectionPoint(IConnectionPointContainer& container, REFIID iid) noexcept
@@ -175,7 +176,6 @@ class ConnectionPoint final : public IConnectionPoint {
   std::vector<ComPtr<IUnknown>> sinks_;
 };
 
-// The connection points of the document.
 class ConnectionPoints {
  public:
   explicit ConnectionPoints(IConnectionPointContainer& container) noexcept

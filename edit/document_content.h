@@ -53,7 +53,7 @@ class SrwLock {
 };
 
 // The lock guards every member but the scratch array. It is never held during a call to a source, a
-// sink or another document, not even AddRef or Release: the callee may call the document.
+// sink or another document, not even AddRef or Release, because the callee may call this document.
 struct DocumentContent {
   using Segments = SegmentList<ComPtr<IAudioReader>>;
   using Segment = Segments::Segment;
@@ -73,7 +73,7 @@ struct DocumentContent {
       ++content_.pins;
     }
     ~Pin() {
-      // Declared first, so that the references are released after the lock.
+      // Declared before the guard, so that the references are released without the lock.
       std::vector<std::vector<Segments::Block>> released;
       const std::unique_lock guard(content_.lock);
       if (--content_.pins == 0) released.swap(content_.removed);
@@ -85,12 +85,12 @@ struct DocumentContent {
     DocumentContent& content_;
   };
 
-  // These implement the document's methods of the same names.
+  // ReadAudio, OpenDevice and CloseDevice implement the document's methods of the same names.
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
-    // Reads each piece into an array of exactly its size. If this fails, nothing of the piece
-    // reaches the caller. The pieces fill the caller's array from its start, even if the read
-    // begins before frame 0. With backward segments the pieces can exceed the array. The rest is
-    // then dropped.
+    // Reads each piece into an array of exactly the piece's size. If a read fails, nothing of its
+    // piece reaches the caller. The pieces fill the caller's array from its start, even if the read
+    // begins before frame 0. With backward segments the pieces can exceed the array. The excess is
+    // dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));
@@ -199,7 +199,7 @@ struct DocumentContent {
     annotations.MoveForInsertion(position, length);
   }
   // Removes the frames in a range. A backward range repeats its frames instead. A marker that spans
-  // the range becomes two. Empty and backward segments are removed too.
+  // the range becomes two. Also removes all empty and backward segments of the document.
   void Delete(const CSection& range) {
     if (CutOut(range)) return;
     const Pin pin(*this);

@@ -1,5 +1,5 @@
-// CEditedAudio: the editable document. It is a list of segments of other readers with labels and
-// section markers, and a reader itself.
+// CEditedAudio: the editable document. It lists segments of other readers, holds labels and section
+// markers, and is a reader itself.
 #include <marlinda.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ namespace {
 
 enum class PlayerCall { kPlay };
 
-// Limits the recursion of a sink that calls Play when it receives the playback event.
+// Limits the recursion of a sink that calls Play when it receives FireStartedPlayback.
 constexpr int kMaxPlayDepth = 16;
 
 // Events of _IEAUpdateEvents and _IEAUndoEvents.
@@ -66,10 +66,10 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
   }
 }
 
-// Adds the source's labels and markers, moved by `offset`, after those of the destination. Uses the
-// interfaces of both. With a range, copies only labels inside it and the parts of markers inside
-// it. Fails with E_FAIL if one of the objects does not support labels or markers. Labels already
-// copied stay.
+// Adds the source's labels and markers, moved by `offset`, after those of the destination, through
+// the COM interfaces of both objects. With a range, copies only the labels and the parts of markers
+// in the range. Fails with E_FAIL if one of the objects does not support labels or markers. Labels
+// already copied stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -88,8 +88,8 @@ HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
 
 class CEditedAudio;
 
-// Gives access to another document of this module, so that many segments are copied without a call
-// for each. Private. No type library describes it.
+// Gives access to another document of this module, so that copying needs no COM call per segment.
+// Private. No type library describes it.
 struct DECLSPEC_UUID("6f0c9e42-7d35-4b1a-9a5e-2c81d4f7b360") IDocumentObject : public IUnknown {
   // Returns the object itself. Does not call AddRef.
   virtual CEditedAudio* STDMETHODCALLTYPE Implementation() = 0;
@@ -107,8 +107,8 @@ namespace marlinda {
 // Editing rearranges, splits and copies segments. The samples stay in their sources. The methods do
 // not check ranges. Edits send no events.
 //
-// The host must not edit while another thread reads, even the playback thread: the read may see
-// only a part of the edit. The content's lock protects only memory.
+// The host must not edit while another thread, such as the playback thread, reads. The content's
+// lock protects the memory, but the read may see only a part of the edit.
 class CEditedAudio final
     : public AnnotationSupport<
           CEditedAudio,
@@ -263,8 +263,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document. Copying the snapshot to itself only empties the snapshot, so nothing is
-  // restored. The host restores the content from the copy that the host made before the change.
+  // Empties the document and restores nothing, because copying the snapshot to itself only empties
+  // the snapshot. The host restores the content from the copy that it made before the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;
@@ -375,7 +375,7 @@ class CEditedAudio final
     if (segment == nullptr) return S_OK;
     return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
   }
-  // Returns the segments of another document through its iteration.
+  // Reads the segments of another document with GetFirstSegment and GetNextSegment.
   std::vector<CEditedAudio::Segment> TakeSegments(IEditedAudio* document) {
     std::vector<Segment> segments;
     for (bool first = true;; first = false) {

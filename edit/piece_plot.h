@@ -21,15 +21,15 @@ namespace marlinda {
 // From this many frames per column on, the overview is drawn from peaks instead of samples.
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// The most floats of one read, so that memory does not grow with the piece. An overview as wide as
-// a screen takes one read.
+// The most floats of one read. The limit keeps memory small for long pieces. An overview as wide as
+// a screen needs only one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
-// Without a summary, a piece whose peaks have more floats than this (4 GiB) is not drawn. So many
-// floats do not fit in an array, and reading them in blocks would take too long.
+// Without IPeakSummary, a piece whose peaks have more floats than this (4 GiB) is not drawn,
+// because reading so many peaks would take too long.
 inline constexpr std::int64_t kMaxPeakFloats = std::int64_t{1} << 30;
 
-// With this many peaks per column or more, reading a summary costs less than reading the peaks.
+// With this many peaks per column or more, calling IPeakSummary costs less than reading the peaks.
 inline constexpr __int64 kPeaksPerColumnOfSummary = 64;
 
 // Reads `count` records of `unit` floats in one or more blocks. Returns false if a read fails.
@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from a summary, which has one peak for each column. Gives the same result as all peaks.
+// Draws from IPeakSummary, which returns one peak per column. The result equals that of all peaks.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);

@@ -40,8 +40,8 @@ class PlayCursor {
   // A looped section has an end only if it is empty or there are no channels.
   bool AtEnd() const noexcept { return channels_ <= 0 || position_ >= section_.end; }
 
-  // The first frame and the number of samples of the next block. The block is a full one or, at the
-  // end, the rest of the section. Call these methods only before the end.
+  // The first frame and the number of samples of the next block. The last block of the section may
+  // be shorter than the others. Call both methods only while AtEnd() is false.
   std::int64_t Position() const noexcept { return position_; }
   std::size_t Samples() const noexcept {
     const std::uint64_t left = FramesLeft();

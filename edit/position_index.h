@@ -1,5 +1,5 @@
-// PositionIndex: finds, without walking a segment list, the list's block that contains a position.
-// Holds a summary of each block and running totals.
+// PositionIndex: finds the block of a SegmentList that contains a position without walking the
+// list. Holds a summary of each block and running totals.
 #pragma once
 
 #include <algorithm>
@@ -37,19 +37,17 @@ struct BlockSummary {
 
   std::size_t count = 0;
   std::int64_t length = 0;
-  // The lowest start and the highest end of all segments.
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Saturating sum of the absolute lengths: a bound on all offsets while it is below
-  // kMaxSafeLength.
+  // Sum of the absolute lengths, at most kMaxSafeLength. A smaller sum is a bound on all offsets.
   std::uint64_t absolute_length = 0;
   // The shortest length: negative if a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// With backward segments the offsets are not sorted. But the furthest end of all segments up to a
-// block never decreases from block to block, so the index searches these ends. If offsets could
-// overflow, the index excludes no block, and the caller walks the whole list.
+// With backward segments the offsets are not sorted. So the index searches the furthest end of all
+// segments up to each block, which never decreases. If offsets could overflow, the index excludes
+// no block, and the caller walks the whole list.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {

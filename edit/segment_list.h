@@ -42,9 +42,9 @@ class CAudioSegment final : public CSection {
 // look-up walks only the block that the position index finds. All results equal those of a walk
 // over the whole list, even with empty and backward segments.
 //
-// `Source` is a handle whose copy holds a reference. Callers change the list under a lock,
-// which forbids AddRef and Release. So the list copies and destroys no handle: callers pass the
-// handles and receive the removed ones. A method that throws changes nothing.
+// `Source` is a handle whose copy holds a reference. Callers change the list under a lock, during
+// which AddRef and Release are forbidden. So the list neither copies nor destroys handles: callers
+// pass new handles and receive the removed ones. A method that throws changes nothing.
 template <class Source>
 class SegmentList {
  public:
@@ -55,7 +55,6 @@ class SegmentList {
   // Sum of the lengths of all segments.
   std::int64_t Length() const noexcept { return index_.Length(); }
 
-  // Appends a segment.
   void Append(Segment segment) {
     if (blocks_.empty() || blocks_.back().size() >= kBlockSize) AddBlock();
     blocks_.back().push_back(std::move(segment));
@@ -71,10 +70,10 @@ class SegmentList {
     return divided ? &blocks_[first.block][first.slot - 1] : nullptr;
   }
 
-  // Inserts segments before the frame at `position`. A segment around this frame is split there,
-  // even if nothing is inserted. Past the end, segments are appended without a gap. A negative
-  // position splits the first segment at a frame before its begin, so that its first part runs
-  // backward. `divided` is a copy of the divided segment's source.
+  // Inserts segments before the frame at `position`. A segment that contains this frame is split
+  // there, even if nothing is inserted. Past the end, segments are appended without a gap. A
+  // negative position splits the first segment at a frame before its begin, so that its first part
+  // runs backward. `divided` is a copy of the divided segment's source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
@@ -170,7 +169,7 @@ class SegmentList {
     }
   }
 
-  // Calls take(source, segment) for every segment, whole, in order.
+  // Calls take(source, segment) for every whole segment, in order.
   template <class Take>
   void ForEach(Take&& take) const {
     for (const Block& block : blocks_) {
@@ -179,7 +178,8 @@ class SegmentList {
   }
 
   // The list has one cursor. The cursor stays on its segment when segments are inserted around it.
-  // After the last segment, Next returns null. The pointer is valid until the list changes.
+  // After the last segment, Next returns null. The returned pointer is valid until the list
+  // changes.
   const Segment* First() noexcept {
     cursor_ = Count() > 0 ? std::optional<std::size_t>(0) : std::nullopt;
     return AtCursor();

@@ -19,17 +19,17 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
 // belongs to column i * columns / count.
 std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
 
-// Draws the columns of a piece from whole frames. The caller may pass consecutive blocks of
-// frames. A block begins at frame `first` of the piece, whose length is `frames`. If every column
-// has a frame, each column's minimum starts at +1 and its maximum at -1. So samples that all lie
-// above +1 have the minimum +1.
+// Draws the columns of a piece of `frames` frames. The caller passes the piece's samples in one or
+// more consecutive blocks of whole frames, each from frame `first` on. If there are at least as
+// many frames as columns, each column's minimum starts at +1 and its maximum at -1. So a column
+// whose samples all exceed +1 has the minimum +1.
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
-// Draws the columns of a piece from `count` peaks, in blocks as above. Each column's minimum is
-// initialised to its left neighbour's maximum, and its maximum to the neighbour's minimum, so that
-// the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks. Such a
-// neighbour still has the host's values.
+// Draws the columns of a piece from `count` peaks, in blocks like DrawSamples. Each column's
+// minimum starts at its left neighbour's maximum, and its maximum at the neighbour's minimum, so
+// that the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks.
+// Such a neighbour still has the host's values.
 void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept;
 

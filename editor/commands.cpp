@@ -42,7 +42,7 @@ void SetText(HMENU menu, int id, const std::string& text) {
   SetMenuItemInfoW(menu, static_cast<UINT>(id), FALSE, &info);
 }
 
-// Doubles each "&", which otherwise marks a key in a menu text.
+// Doubles each "&". A single "&" in a menu text marks the access key.
 std::string ForMenu(const std::string& text) {
   std::string escaped;
   for (const char c : text) escaped += c == '&' ? std::string("&&") : std::string(1, c);
@@ -377,7 +377,7 @@ void EditorWindow::FinishRecording() {
 void EditorWindow::Navigate(int id) {
   const bool extend = id >= ID_HOME + ID_EXTEND && id <= ID_PAGE_RIGHT + ID_EXTEND;
   const Zoom& zoom = view_.zoom();
-  // The arrow keys move by some pixels, or by one frame if frames are wider than a pixel.
+  // The arrow keys move by kPixels pixels, or by one frame if a frame is wider than a pixel.
   constexpr std::int64_t kPixels = 4;
   const std::int64_t step = zoom.pixels > 1 ? 1 : kPixels * zoom.frames;
   const std::int64_t page = std::max<std::int64_t>(1, view_.visible().length() / 4);
@@ -419,7 +419,7 @@ void EditorWindow::Navigate(int id) {
 }
 
 Range EditorWindow::SectionAround(std::int64_t frame) const {
-  // Finds the shortest section, else the range between two labels, else the whole document.
+  // Finds the shortest section at `frame`, else the range between the labels around `frame`.
   Range found = {0, document_.frames()};
   bool in_section = false;
   for (const auto& [section, name] : document_.annotations().markers) {

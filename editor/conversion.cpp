@@ -36,7 +36,7 @@ float Conversion::progress() const {
 
 ImportedAudio Conversion::Finish() {
   thread_.join();
-  // If the pool's files cannot be written, the pool returns the system's error.
+  // A failed write to the pool's files returns the system's error code.
   if (FAILED(result_)) throw Explain(result_, kTemporaryFolder, ExitStatus::kOutput);
   return LastTake(pool_.Get());
 }

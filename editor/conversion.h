@@ -16,7 +16,7 @@ class Conversion {
  public:
   // Starts the conversion. Throws a HostError if Converter.dll is missing or refuses the formats.
   Conversion(const ImportedAudio& from, const AudioFormat& to);
-  // Cancels the conversion.
+  // Cancels the conversion and waits for its thread.
   ~Conversion();
   Conversion(const Conversion&) = delete;
   Conversion& operator=(const Conversion&) = delete;

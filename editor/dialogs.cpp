@@ -19,13 +19,13 @@ struct Field {
   std::string text;
 };
 
-// Shows a dialog of the resources. Fills in its text items and reads them back.
+// Shows a dialog from the resources. Fills in its text items, and reads them back after OK.
 class TextDialog {
  public:
   TextDialog(std::string title, std::vector<Field> fields)
       : title_(std::move(title)), fields_(std::move(fields)) {}
 
-  // Returns false if cancelled. Throws a HostError if the engine cannot hold a text.
+  // Returns false if cancelled. Throws a HostError if the engine cannot store a text.
   bool Show(HWND owner, int resource) {
     if (DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource), owner, Procedure,
                         reinterpret_cast<LPARAM>(this)) != IDOK) {
@@ -75,7 +75,7 @@ class TextDialog {
   std::vector<Field> fields_;
 };
 
-// Replaces bars by zeros and appends two zeros, as the file dialog requires.
+// Replaces each "|" by a NUL and appends two NULs, as the file dialog requires.
 std::wstring WithZeros(std::wstring types) {
   std::ranges::replace(types, L'|', L'\0');
   types.append(2, L'\0');
@@ -178,7 +178,7 @@ HostError CurrentFailure() {
 void ShowFailure(HWND owner, const std::string& what, const HostError& error) {
   std::string text = what + ".\n\n" + error.subject() + (error.subject().empty() ? "" : ": ") +
                      error.reason() + ".";
-  // Replaces the host's remedy, which names the files of marlinda.exe.
+  // The remedy of a registration error names the files of marlinda.exe, so it is replaced.
   const std::string remedy =
       error.status() == ExitStatus::kRegistration
           ? "Keep Tessaly.dll, Converter.dll and marlinda-editor.exe.manifest beside "

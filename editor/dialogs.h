@@ -1,4 +1,4 @@
-// Dialogs that ask the user. All are modal to `owner` and return an empty result if cancelled.
+// The editor's dialogs, modal to `owner`. A cancelled dialog returns an empty result.
 #pragma once
 
 #include <windows.h>
@@ -22,7 +22,7 @@ std::vector<std::string> AskFilesToOpen(HWND owner, const std::string& title);
 std::optional<std::string> AskFileToWrite(HWND owner, const std::string& suggested,
                                           const std::wstring& types);
 
-// Returns the failure of the exception that is being handled. Call in a catch block.
+// Converts the exception that is being handled to a HostError. Call in a catch block.
 HostError CurrentFailure();
 // Shows the operation that failed (`what`), then the error's subject, reason and remedy.
 void ShowFailure(HWND owner, const std::string& what, const HostError& error);

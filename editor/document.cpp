@@ -18,7 +18,7 @@ class DocumentEvents final : public PlainObject<IDispatch> {
     Check(points->FindConnectionPoint(events_, point_.ReleaseAndGetAddressOf()));
     Check(point_->Advise(this, &cookie_));
   }
-  // Ends the connection, during which document and sink hold references to each other.
+  // Ends the connection. Until then, the engine's document and this sink refer to each other.
   void Leave() {
     if (point_) point_->Unadvise(cookie_);
     point_.Reset();
@@ -42,7 +42,7 @@ class DocumentEvents final : public PlainObject<IDispatch> {
       if (!IsEqualIID(events_, DIID__IEAUndoEvents)) {
         if (event == kContentChanged) document_.ContentChanged();
       } else if (event == kStoreUndo && params != nullptr && params->cArgs == 2) {
-        // rgvarg has reverse order: rgvarg[0] is the document, rgvarg[1] the name.
+        // rgvarg lists the arguments in reverse: rgvarg[0] is the document, rgvarg[1] the name.
         const BSTR name = V_BSTR(&params->rgvarg[1]);
         document_.StoreUndo(Narrow({name, SysStringLen(name)}));
       }

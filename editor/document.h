@@ -25,7 +25,7 @@ class DocumentEvents;
 
 class Document {
  public:
-  // Passed to `changed` after an edit that changed only names, no audio.
+  // Passed to `changed` after an edit that changed labels or sections, but no audio.
   static constexpr std::int64_t kNoAudio = std::numeric_limits<std::int64_t>::max();
 
   // `changed` is called after each change, with the first frame whose audio may differ.
@@ -35,7 +35,7 @@ class Document {
   Document& operator=(const Document&) = delete;
 
   IEditedAudio* audio() const { return audio_.Get(); }
-  // Has no channels while the document has no audio.
+  // Rate and channels are 0 while the document has no audio.
   const AudioFormat& format() const { return format_; }
   std::int64_t frames() const { return frames_; }
   const Annotations& annotations() const { return annotations_; }
@@ -46,13 +46,13 @@ class Document {
 
   Tags tags;  // descriptive texts for the next export
 
-  // Makes the document empty, without undo steps.
+  // Empties the document and deletes the undo steps.
   void Clear();
   // Deletes the undo steps and marks the content as saved.
   void ForgetSteps();
   void MarkSaved();
 
-  // Each edit is one undo step. An edit that fails throws a HostError and changes nothing.
+  // Each edit is one undo step. An edit that fails throws and leaves the content unchanged.
   void Insert(const std::string& name, std::int64_t position, const Material& material);
   void InsertSilence(std::int64_t position, std::int64_t frames);
   void Delete(const std::string& name, Range range);

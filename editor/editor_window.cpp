@@ -128,7 +128,7 @@ LRESULT EditorWindow::Handle(UINT message, WPARAM wparam, LPARAM lparam) {
       try {
         Paint();
       } catch (const std::bad_alloc&) {
-        // Does not show a message: closing the message would cause another paint that fails.
+        // Shows no message box, because closing the box would cause another paint that fails.
       }
       return 0;
     case WM_ERASEBKGND:
@@ -301,7 +301,7 @@ void EditorWindow::Paint() {
     painter_.Paint(target, update, layout_, scene);
   }
   if (paint.rcPaint.bottom > layout_.client.cy) {
-    // Fills the area beside and below the picture, where the status line leaves a margin.
+    // Fills the margins of the status line, which lies below the picture.
     RECT rest = paint.rcPaint;
     rest.top = std::max(rest.top, layout_.client.cy);
     FillRect(target, &rest, status_brush_.get());
@@ -443,7 +443,7 @@ void EditorWindow::Select(std::int64_t anchor, std::int64_t head) {
   head = std::clamp<std::int64_t>(head, 0, document_.frames());
   invalidate(anchor_, anchor);
   invalidate(head_, head);
-  // The cursor is drawn only while nothing is selected.
+  // Redraws both cursor positions, because the cursor is visible only while nothing is selected.
   InvalidatePosition(head_);
   InvalidatePosition(head);
   anchor_ = anchor;

@@ -75,7 +75,7 @@ class EditorWindow {
   void StartFiles(std::vector<std::string> files, bool replace);
   void StartNextFile();
   void FinishJob();
-  // Cancels the file job that runs and the jobs that would follow.
+  // Cancels the running file job and discards the files that would follow.
   void CancelJob();
   void Export(std::function<void()> then);
 
@@ -121,7 +121,7 @@ class EditorWindow {
   Waveform recording_waveform_;
 
   Drag drag_ = Drag::kNone;
-  bool alt_used_ = false;  // after scrubbing, the release of Alt does not open the menu
+  bool alt_used_ = false;  // Alt has started a scrub, so its release must not open the menu
   POINT drag_from_ = {};
   POINT drag_at_ = {};
   std::int64_t drag_origin_ = 0;

@@ -30,7 +30,7 @@ std::vector<ComPtr<IExportFilter>> ExportFilters() {
           CreateObject<IExportFilter>(CLSID_CDShowExport, "CDShowExport")};
 }
 
-// Returns an unused file name in the folder of this file.
+// Returns an unused file name in the folder of `file`.
 std::string UnusedNameBeside(const std::string& file) {
   fs::path path = PathOf(file);
   std::error_code ignored;
@@ -109,7 +109,7 @@ void ImportJob::TakeAudio() {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
                     "Free some space there and open the file again.");
   }
-  // Asks for the length now, because the length of a compressed file may be an estimate before.
+  // Before the import, the length of a compressed file may be an estimate. Asks for it only now.
   const std::optional<__int64> promised = source_->Frames();
   if (promised && take.frames < *promised) {
     warning_ = "only " + FormatDuration(take.frames, take.format.rate) + " of " +
@@ -168,7 +168,7 @@ void ExportJob::Begin(const Document& document, HWND owner) {
   }
 
   unfinished_ = UnusedNameBeside(file());
-  // At 24 and 32 bits, the engine would write full scale as the lowest code.
+  // Clamps the samples, because at 24 and 32 bits the engine writes full scale as the lowest code.
   const auto source = ClampSamples(reader_.Get());
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(unfinished_)).get(), source.Get());
   if (FAILED(hr)) throw Explain(hr, file(), ExitStatus::kOutput);

@@ -26,8 +26,7 @@ class FileJob {
   virtual const char* activity() const = 0;
   // Returns the progress of the current activity from 0 to 1.
   virtual float progress() const;
-  // Call this at each timer tick. Returns false when the job is done. Throws a HostError if the job
-  // has failed.
+  // Call this at each timer tick. Returns false when the job is done. Throws if the job has failed.
   bool Poll();
   // Cancels the task and waits for the engine's worker. Do not poll the job afterwards.
   virtual void Cancel();
@@ -74,14 +73,14 @@ class ImportJob final : public FileJob {
 // Exports the document. The file name's extension (wav, mp3 or wma) selects the format.
 class ExportJob final : public FileJob {
  public:
-  // Shows the engine's settings for this kind of file, modal to `owner`, then starts. Writes a
-  // temporary file in the target's folder and renames the complete file.
+  // Shows the engine's settings dialog for this kind of file, modal to `owner`, then starts. The
+  // job writes a temporary file in the target's folder and renames it when it is complete.
   ExportJob(const std::string& file, const Document& document, HWND owner);
   ~ExportJob() override { Cancel(); }
 
   const char* activity() const override { return "Writing"; }
 
-  // Types for a save dialog: description and pattern, each followed by a bar.
+  // Returns file types for a save dialog: description and pattern, each followed by "|".
   static std::wstring DialogFilter();
 
   void Cancel() override;

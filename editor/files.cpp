@@ -1,4 +1,4 @@
-// The files of the editor: opening, inserting, exporting, and the question about unsaved work.
+// The editor's file commands: opening, inserting and exporting files, and asking to save changes.
 #include <algorithm>
 #include <filesystem>
 #include <utility>
@@ -95,7 +95,7 @@ void EditorWindow::FinishJob() {
     message_ = "Wrote " + done->name();
   }
   StartNextFile();
-  // Calls `then` last, because it may close the window.
+  // Calls `then` last, because `then` may close the window.
   if (const auto then = std::exchange(after_export_, nullptr); then && done) then();
 }
 

@@ -29,7 +29,7 @@ class BackBuffer {
   BackBuffer& operator=(const BackBuffer&) = delete;
   ~BackBuffer() { Release(); }
 
-  // Reuses the bitmap while the size stays the same. Returns null if out of memory.
+  // Returns a context with a bitmap of `size`, or null if out of memory. May reuse the last bitmap.
   HDC Prepare(HDC like, SIZE size) {
     if (dc_ != nullptr && size.cx == size_.cx && size.cy == size_.cy) return dc_;
     Release();

@@ -1,5 +1,4 @@
-// marlinda-editor, an audio editor. Opens the files of its arguments, in their order, as one
-// document.
+// marlinda-editor, an audio editor. Opens the files given as arguments, in order, as one document.
 #include <windows.h>
 
 #include <shellapi.h>
@@ -11,8 +10,8 @@ namespace {
 
 using namespace marlinda;
 
-// Call this before the program creates its first window. An embedded manifest could set the
-// awareness, but Windows would then ignore the manifest file.
+// Call this before the program creates its first window. A manifest embedded in the program could
+// set the DPI awareness, but Windows would then ignore the manifest file beside the program.
 void SetDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;

@@ -19,7 +19,7 @@ Mark EditorWindow::MarkAt(POINT at) const {
   const int reach = layout_.Scale(kReach);
   const Annotations& annotations = document_.annotations();
   if (PtInRect(&layout_.labels, at) != FALSE) {
-    // Finds the rightmost flag whose line or name is under the mouse.
+    // Finds the rightmost label whose line or name is under the mouse.
     Mark found;
     int found_x = 0;
     for (LONG index = 0; const Label& label : annotations.labels) {

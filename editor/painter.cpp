@@ -84,7 +84,7 @@ RECT Layout::Lane(int channel, int channels) const {
 RECT Layout::Thumb(const View& view) const {
   const std::int64_t width = strip.right - strip.left;
   const std::int64_t extent = std::max<std::int64_t>(view.extent(), view.width());
-  // Uses doubles, because pixels at a close zoom times the width exceed 2^63.
+  // Uses doubles, because at a close zoom the product of origin and width can exceed 2^63.
   const double scale = static_cast<double>(width) / static_cast<double>(extent);
   const auto thumb =
       std::max<LONG>(Scale(16), static_cast<LONG>(static_cast<double>(view.width()) * scale));
@@ -261,7 +261,7 @@ void Painter::PaintPoints(int channel, const RECT& lane) {
   const View& view = *scene_->view;
   const Waveform& wave = *scene_->waveform;
   const auto pixels = static_cast<LONG>(view.zoom().pixels);
-  // Includes one more point on each side, because lines to these points cross the area.
+  // Includes points just outside the area, because the lines to these points cross the area.
   const std::int64_t first = std::max<std::int64_t>(
       wave.begin(), view.FrameAt(std::max(update_.left, lane.left) - lane.left) - 2);
   const std::int64_t last = std::min<std::int64_t>(
@@ -391,7 +391,6 @@ void Painter::PaintNames() {
   names.clear();
   for (LONG index = 0; const Label& label : scene_->annotations->labels) {
     const Name name = {view.PixelOf(label.position), 0, index++, &label.name};
-    // A label left of the window is not drawn.
     if (name.x >= 0 && name.x < width) names.push_back(name);
   }
   paint(layout_->labels, MarkKind::kLabel, std::move(names));

@@ -71,7 +71,7 @@ struct Theme {
       section, section_text, low, middle, high, strip, thumb, recording;
 };
 
-// True if the user has chosen dark windows.
+// True if dark mode is chosen for applications in Windows.
 bool SystemIsDark();
 
 class Painter {
@@ -81,7 +81,7 @@ class Painter {
   void SetLook(bool dark, int dpi);
   const Theme& theme() const { return theme_; }
   HFONT font() const { return font_.get(); }
-  // Returns the width of a label's flag that shows the whole name.
+  // Returns the width that a label's flag, the box of its name, needs to show the whole name.
   int FlagWidth(const std::string& name, const Layout& layout) const;
 
   // Draws the part of the scene inside `update`.
@@ -116,7 +116,7 @@ class Painter {
   const Scene* scene_ = nullptr;
 };
 
-// Returns 0 (-60 dB and below) to 1 (full scale).
+// Maps a level to a height from 0 (-60 dB and below) to 1 (full scale).
 float DecibelHeight(float level);
 
 }  // namespace marlinda::editor

@@ -49,11 +49,11 @@
 #define ID_RIGHT 153
 #define ID_PAGE_LEFT 154
 #define ID_PAGE_RIGHT 155
-#define ID_EXTEND 10 /* added to one of the six above, extends the selection */
+#define ID_EXTEND 10 /* add to one of the six commands above to extend the selection */
 
 #define ID_KEYS 170
 
-/* Each range begins with the system's default device. The devices follow by index. */
+/* Commands that choose a device: first the system's default, then the devices by index. */
 #define ID_OUTPUT 1000
 #define ID_INPUT 1200
 #define ID_DEVICES_END 1400

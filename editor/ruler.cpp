@@ -7,7 +7,7 @@
 namespace marlinda::editor {
 namespace {
 
-// A step of the ruler is `count` / `divisor` seconds, or `count` frames. It has `minors` parts.
+// A step between labelled ticks: `count` / `divisor` seconds or `count` frames, in `minors` parts.
 struct Step {
   std::int64_t count;
   std::int64_t divisor;
@@ -66,7 +66,7 @@ std::vector<Tick> RulerTicks(const View& view, std::int32_t rate, RulerUnit unit
                        static_cast<double>(zoom.pixels);
   const bool frames = unit == RulerUnit::kFrames;
   const Step step = frames ? StepOfFrames(least) : StepOfTime(least / rate);
-  // The frames between two minor ticks, possibly a fraction.
+  // The number of frames between two minor ticks, which may be fractional.
   const double minor = static_cast<double>(step.count) * (frames ? 1.0 : rate) /
                        static_cast<double>(step.divisor * step.minors);
   const Range visible = view.visible();

@@ -1,4 +1,4 @@
-// Formats times, places the ruler's ticks, and computes the room for names of annotations.
+// Formats times, places the ruler's ticks, and computes the width for each annotation's name.
 #pragma once
 
 #include <cstdint>

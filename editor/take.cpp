@@ -6,7 +6,7 @@
 namespace marlinda::editor {
 namespace {
 
-// About 40 ms in a multiple of 256 frames. Otherwise the pool's peaks would not match the frames.
+// About 40 ms. The pool's peaks match the frames only if blocks are multiples of 256 frames.
 std::int64_t BlockFrames(LONG rate) { return (std::max(1L, rate / 25) + 255) / 256 * 256; }
 
 }  // namespace
@@ -57,7 +57,7 @@ void Take::AppendColumns(std::vector<Extremes>& columns) const {
 HRESULT Take::Stop() {
   if (!thread_.joinable()) return result_;
   stopping_ = true;
-  // A read that takes longer waits for a lost device. Only closing the device ends such a read.
+  // A read that lasts longer than this waits for a lost device. Only closing the device ends it.
   constexpr ULONGLONG kPatienceMilliseconds = 2000;
   const ULONGLONG start = GetTickCount64();
   while (running_ && GetTickCount64() - start < kPatienceMilliseconds) Sleep(10);

@@ -26,7 +26,7 @@ class Take {
   std::int64_t frames() const { return frames_; }
   // Frames in a column of the picture and in a block of the recording.
   std::int64_t frames_per_column() const { return block_frames_; }
-  // Appends the columns that `columns` does not hold yet.
+  // Appends the columns that `columns` lacks.
   void AppendColumns(std::vector<Extremes>& columns) const;
 
   // Ends the recording, even if the device delivers nothing. Afterwards, the pool has the take.

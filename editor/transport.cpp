@@ -9,7 +9,7 @@ namespace marlinda::editor {
 namespace {
 
 HostError NoSuchDevice(const HostError& error) {
-  // Replaces the host's remedy, which names an option of marlinda.exe.
+  // Replaces the error's remedy, which names an option of marlinda.exe.
   return {error.status(), error.subject(), error.reason(),
           "Connect a device and start the system's sound service, or choose another device in the "
           "Sound menu."};
@@ -104,8 +104,8 @@ void Transport::PollPlay() {
   __int64 position = 0;
   Check(document_.audio()->GetPlayStatus(&playing, &position));
   if (playing != VARIANT_FALSE) {
-    // When a section that plays once ends, the reported position is the start of the section.
-    // Ignores it.
+    // At the end of a section that does not loop, the engine reports the section's start again. The
+    // position must not jump back.
     position_ = looped_ ? position : std::max<std::int64_t>(position_, position);
     return ReadLevels();
   }
@@ -124,8 +124,8 @@ void Transport::PollPlay() {
 
 void Transport::PollScrub() {
   ReadLevels();
-  // Asks for the level of a channel that does not exist. An open device returns an error. Success
-  // means that the engine has closed the device because it was lost.
+  // Asks for the level of a channel that the audio lacks. The call fails while the device is open.
+  // It succeeds after the engine has closed a lost device.
   float level = 0;
   if (FAILED(document_.audio()->GetOutputLevel(document_.format().channels, &level))) return;
   Stop();
@@ -142,8 +142,8 @@ bool Transport::InputOpens() const {
 }
 
 void Transport::PollRecord() {
-  // A device that delivers nothing is stalled or lost. A lost device cannot be opened a second
-  // time. Tries that after each series of this many polls without a frame.
+  // A device that delivers nothing is stalled or lost. Only a stalled device can be opened a second
+  // time. PollRecord tries to open it each time that this many polls brought no frame.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_format_.channels);
@@ -159,7 +159,7 @@ void Transport::PollRecord() {
   if (!failed && (++polls_without_sound_ % kPollsBetweenProbes != 0 || InputOpens())) return;
   const HRESULT result = take_->Stop();
   Stop();
-  // The pool returns the system's error, and the device returns E_FAIL.
+  // The device fails with E_FAIL, the pool with the system's error.
   if (failed && result != E_FAIL) throw Explain(result, kTemporaryFolder, ExitStatus::kOutput);
   throw NoSuchDevice(DeviceLost(*device_, "it stopped delivering audio"));
 }

@@ -19,7 +19,7 @@ class Transport {
   Transport(const Transport&) = delete;
   Transport& operator=(const Transport&) = delete;
 
-  // Indexes of the devices for the next start. An empty index is the system's default.
+  // Indexes of the devices for the next playback or recording. Empty means the system's default.
   std::optional<int> output;
   std::optional<int> input;
 
@@ -29,7 +29,7 @@ class Transport {
   bool IsRecording() const { return mode_ == Mode::kRecord; }
   bool IsIdle() const { return mode_ == Mode::kIdle; }
 
-  // Each start ends the current activity and throws a HostError if the device cannot be used.
+  // Play, StartScrub and Record end the current activity. They throw if the device cannot be used.
   void Play(Range range, bool looped);
   void Loop(Range range);  // sets the section of the running loop
   void StartScrub(std::int64_t position);
@@ -37,18 +37,18 @@ class Transport {
   // Records in the document's format. If the document has no format, records 44100 Hz stereo.
   void Record();
 
-  // Call this at each timer tick. Throws a HostError once if playback or recording has ended too
-  // early. After a recording, TakeRecording then returns the audio received so far.
+  // Call this at each timer tick. Throws a HostError if playing, scrubbing or recording has ended
+  // early. TakeRecording then returns the audio recorded so far.
   void Poll();
   // The position of playback or scrubbing at the last Poll.
   std::int64_t position() const { return position_; }
   // Returns the level of each channel from 0 to 1, or nothing when idle.
   const std::vector<float>& levels() const { return levels_; }
 
-  // Ends the current activity. A recording is kept for TakeRecording.
+  // Ends the current activity. After a recording, call TakeRecording.
   void Stop();
 
-  // The current recording. Each block of the device becomes a column of all channels.
+  // The current recording. Each recorded block is a column, with the extremes of every channel.
   std::int64_t recorded() const { return take_ ? take_->frames() : 0; }
   std::int64_t frames_per_column() const { return take_ ? take_->frames_per_column() : 1; }
   const AudioFormat& recording_format() const { return recording_format_; }

@@ -1,5 +1,5 @@
-// Undo and redo without limit. A state holds all data that an undo restores. In the editor, this is
-// a copy of a document.
+// Undo and redo without limit. A `State` holds all data that an undo restores. The editor uses a
+// copy of the document.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +33,7 @@ class UndoStack {
   const std::string& UndoName() const { return steps_[done_ - 1].name; }
   const std::string& RedoName() const { return steps_[done_].name; }
 
-  // Undo keeps `present` for Redo, and Redo keeps it for Undo. Returns the state to restore.
+  // Returns the state to restore. Stores `present` in its place, for the opposite operation.
   State Undo(State present) {
     std::swap(steps_[--done_].state, present);
     return present;
@@ -55,7 +55,7 @@ class UndoStack {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   struct Step {
     std::string name;
-    State state;  // before the edit, or after it while the edit is undone
+    State state;  // before the edit; after an undo, the state to redo
   };
 
   std::vector<Step> steps_;

@@ -22,7 +22,7 @@ Zoom NearestZoom(double frames_per_pixel) {
 void View::SetLength(std::int64_t frames) {
   const bool all = ShowsAll();
   length_ = frames;
-  // If the whole document is visible, it stays so while it grows.
+  // A document that was wholly visible stays wholly visible while it grows.
   if (all || zoom_.frames > WidestFrames()) ShowAll();
   ScrollTo(origin_);
 }
@@ -42,7 +42,7 @@ std::int64_t View::PixelFromBegin(std::int64_t frame) const {
 
 std::int64_t View::FrameAt(int x) const {
   const std::int64_t pixel = std::max<std::int64_t>(0, origin_ + x);
-  // Between two points, the nearer frame is returned.
+  // A pixel between two frames belongs to the nearer frame.
   const std::int64_t frame =
       zoom_.pixels > 1 ? (pixel + zoom_.pixels / 2) / zoom_.pixels : pixel * zoom_.frames;
   return std::min(frame, length_);
@@ -74,7 +74,7 @@ void View::ZoomAround(std::int64_t frame, int x, double factor) {
   const double now = static_cast<double>(zoom_.frames) / static_cast<double>(zoom_.pixels);
   Zoom next = NearestZoom(now / factor);
   if (next == zoom_) {
-    // Takes at least one step of the grid. At close zooms, the factor may be less than a step.
+    // Changes the zoom by at least one step, because a small factor may round to the same zoom.
     const bool in = factor > 1;
     if (zoom_.frames > 1 || (!in && zoom_.pixels == 1)) {
       next.frames += in ? -1 : 1;
@@ -101,7 +101,7 @@ void View::ShowAll() {
 void View::ShowRange(Range range) {
   if (range.empty()) return;
   const double frames_per_pixel = static_cast<double>(range.length()) / width_;
-  // Rounds up, so that the range fits even if its begin lies within a pixel.
+  // Rounds up, so that the range fits even if its first frame begins within a pixel.
   if (frames_per_pixel > 1) {
     const int room = std::max(1, width_ - 1);
     zoom_ = {std::min(DivideUp(range.length(), room), WidestFrames()), 1};

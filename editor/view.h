@@ -16,8 +16,8 @@ struct Range {
   friend bool operator==(const Range&, const Range&) = default;
 };
 
-// `frames` frames cover `pixels` pixels. One of the two numbers is 1, so that columns and points
-// lie on a grid that scrolling does not move.
+// `frames` frames cover `pixels` pixels. At least one of the numbers is 1, so that scrolling does
+// not change which frames form a column.
 struct Zoom {
   std::int64_t frames = 1;
   std::int64_t pixels = 1;
@@ -37,15 +37,15 @@ class View {
   const Zoom& zoom() const { return zoom_; }
   std::int64_t length() const { return length_; }
   int width() const { return width_; }
-  // The pixel at the left edge, counted from the begin of the document.
+  // The pixel at the left edge, counted from the start of the document.
   std::int64_t origin() const { return origin_; }
   // The document's width in pixels at this zoom.
   std::int64_t extent() const;
 
   // Returns the frame at a pixel of the window, limited to the document.
   std::int64_t FrameAt(int x) const;
-  // Returns the pixel at which a frame begins. The pixel may be outside the window, but within the
-  // coordinates of Windows' drawing functions.
+  // Returns the pixel at which a frame begins. The pixel may be outside the window, but is limited
+  // to coordinates that Windows can draw.
   int PixelOf(std::int64_t frame) const;
   Range visible() const;
   bool ShowsAll() const { return origin_ == 0 && extent() <= width_; }
@@ -56,7 +56,7 @@ class View {
   void ZoomAround(std::int64_t frame, int x, double factor);
   void SetZoom(Zoom zoom);
   void ShowAll();
-  // Zooms and scrolls so that the range is visible and as wide as the grid of zooms allows.
+  // Zooms and scrolls so that the whole range is visible and as wide as the zoom steps allow.
   void ShowRange(Range range);
   void ScrollTo(std::int64_t origin);
   void ScrollBy(std::int64_t pixels) { ScrollTo(origin_ + pixels); }

@@ -24,14 +24,14 @@ class Waveform {
   void Forget(std::int64_t from_frame);
 
   int channels() const { return channels_; }
-  // Columns are counted from the begin of the document.
+  // Columns are counted from the start of the document.
   std::int64_t begin() const { return begin_; }
   std::int64_t end() const;
   const Extremes& At(std::int64_t column, int channel) const {
     return columns_[static_cast<std::size_t>((column - begin_) * channels_ + channel)];
   }
 
-  // Replaces all columns by those of a take that is being recorded, from column `begin` on.
+  // Replaces all columns by `columns` of a running recording, which start at column `begin`.
   void Show(std::vector<Extremes> columns, int channels, std::int64_t begin);
 
  private:

@@ -1,8 +1,8 @@
 // CMp3Encoder: an audio compressor for DirectShow graphs. The input is 16-bit PCM of one or two
 // channels. The output is MPEG layer 3 with the input's rate and channels. IAMStreamConfig sets the
-// bit rate before the output is connected. At the end, the encoder overwrites the file's first
-// frame with the information frame, which holds the stream's length. This needs a receiver that
-// offers IStream, as file writers do.
+// bit rate before the output is connected. If the receiver offers IStream, as file writers do, the
+// encoder finally overwrites the file's first frame with the information frame, which holds the
+// stream's length.
 #include <converter.h>
 
 #include <algorithm>
@@ -93,7 +93,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     }
     return all;
   }
-  // Returns the chosen format, or the highest bit rate up to the default if none is chosen.
+  // Returns the chosen format if it fits the input, else the highest bit rate up to the default.
   Mp3Format Format() const {
     const auto formats = Formats();
     if (chosen_ && std::ranges::find(formats, *chosen_) != formats.end()) return *chosen_;

@@ -1,4 +1,4 @@
-// Mp3Stream: encodes 16-bit PCM to MPEG audio layer 3 of a constant bit rate with LAME.
+// Mp3Stream: encodes 16-bit PCM with LAME to MPEG audio layer 3 at a constant bit rate.
 #pragma once
 
 #include <cstddef>
@@ -40,8 +40,8 @@ class Mp3Stream {
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
   // Returns the last bytes. Do not call Encode afterwards.
   std::span<const std::byte> Finish();
-  // Call InfoFrame after Finish. Returns a frame with length, delay and padding, of the first
-  // frame's size. Returns nothing if the stream has no information frame.
+  // Call InfoFrame after Finish. Returns a frame that holds length, delay and padding, and has the
+  // size of the first frame. Returns nothing if the stream has no information frame.
   std::span<const std::byte> InfoFrame();
 
  private:

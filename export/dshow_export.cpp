@@ -1,5 +1,5 @@
-// CDShowExport: writes the audio of a reader into a WMA or MP3 file with the system's encoders, as
-// a task.
+// CDShowExport: writes the audio of a reader into a WMA or MP3 file, as a task. Uses the system's
+// encoders or the engine's MP3 encoder.
 #include <algorithm>
 #include <chrono>
 #include <future>
@@ -74,7 +74,7 @@ class DShowExportJob : public TaskJob {
   }
 
   EncodedKind kind() const noexcept { return kind_; }
-  // False once a Run has released the reader.
+  // False once Run has released the reader.
   bool HasReader() const noexcept { return reader_ != nullptr; }
   // Asks the reader for rate and channels. Fails with E_INVALIDARG if no file can have them.
   HRESULT AskFormat(int& samples_per_sec, int& channels) const {
@@ -108,7 +108,7 @@ class DShowExportJob : public TaskJob {
       file->Finish();
     });
     file.reset();
-    // A task cannot report a failure, so a client sees it only from the missing file.
+    // A task cannot report a failure. The missing file shows a client that the export has failed.
     if (FAILED(writing)) DeleteFileA(path_.c_str());
     reader_.Reset();
   }
@@ -144,9 +144,9 @@ class DShowExportJob : public TaskJob {
 // has ended, or call Cancel. The file's extension selects the format. The bit rates are the user's
 // settings in the registry.
 //
-// Start waits until encoder and file are open. If they cannot be opened, Start fails and leaves no
-// file behind. If there is no encoder, Start shows a message if ShowSettingsDlg has named an owner
-// window. A task that fails later deletes its file, and its progress stays below 1.
+// Start waits until encoder and file are open, and fails if either cannot be opened. If there is no
+// suitable encoder, Start creates no file. It then shows a message if ShowSettingsDlg has named an
+// owner window. A task that fails later deletes its file, and its progress stays below 1.
 class CDShowExport final
     : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
  public:
@@ -184,7 +184,7 @@ class CDShowExport final
         worker_.AwaitServingCalls(kServeMilliseconds);
       }
       const HRESULT opening = outcome.get();
-      // After a failed start, the task has ended when Start returns.
+      // Waits for the worker to end, so that no task runs after a failed Start.
       if (FAILED(opening)) worker_.PollUntilEnded(1);
       return opening;
     });
@@ -192,9 +192,9 @@ class CDShowExport final
     return hr;
   }
 
-  // IExportFilter. Initialize does not change the file. It fails if the file cannot be written, and
-  // with E_INVALIDARG if the extension is not supported. SetBitsPerSample has no effect, because
-  // the encoders choose the sample width.
+  // IExportFilter. Initialize fails with the system's error if the file cannot be written, and with
+  // E_INVALIDARG if the extension is not supported. Initialize does not change the file.
+  // SetBitsPerSample has no effect, because the encoders choose the sample width.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
   }
@@ -227,7 +227,7 @@ class CDShowExport final
   }
   STDMETHODIMP QueryIsLossy(VARIANT_BOOL* pbLossy) override { return HandOut(pbLossy, true); }
 
-  // IMetaDataWriter. Start reads the texts.
+  // IMetaDataWriter. Start copies the texts, so later calls have no effect on the task.
   STDMETHODIMP SetMetaData(BSTR bstrTitle, BSTR bstrArtist, BSTR bstrAlbum, BSTR bstrYear,
                            BSTR bstrGenre) override {
     return ComCall([&] {
@@ -250,7 +250,7 @@ class CDShowExport final
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
-  // Shows the message that no encoder is available, if ShowSettingsDlg has named an owner window.
+  // Shows a message about the missing encoder if ShowSettingsDlg has named an owner window.
   void ShowCodecError() const {
     if (message_owner_ == nullptr) return;
     const auto& module = TheModule();

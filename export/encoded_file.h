@@ -70,8 +70,8 @@ class EncodedFile {
   virtual void Finish() = 0;
 };
 
-// Both functions throw CodecError, or HResultError if the file cannot be created. After a failure,
-// there is no new file, and an existing file is unchanged.
+// Both functions throw CodecError, or HResultError if the file cannot be created. A CodecError
+// leaves no new file, and an existing file unchanged.
 std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
 std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 

@@ -1,4 +1,4 @@
-// The MP3 encoders among the system's audio compressors, and their capabilities.
+// Finds the MP3 encoders of the system and of the engine, and their capabilities.
 #pragma once
 
 #include <functional>

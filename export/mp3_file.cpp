@@ -1,5 +1,5 @@
-// Writes MP3 files with a DirectShow graph of the engine's source, an encoder of the system and the
-// engine's sink. The graph has no clock. The writing thread drives the data through the graph.
+// Writes MP3 files with a DirectShow graph of the engine's source, an MP3 encoder and the engine's
+// sink. The graph has no clock. The writing thread drives the data through the graph.
 
 #include <taglib/id3v1tag.h>
 #include <taglib/id3v2tag.h>
@@ -93,7 +93,7 @@ class FilePin final : public InputPin, private IStream {
     return SetFilePointerEx(file_, distance, position, origin) ? S_OK : LastErrorResult();
   }
 
-  // Positions count from the end of the tag that begins the file.
+  // Positions count from the end of the ID3 tag at the start of the file.
   STDMETHODIMP Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) override {
     if (origin > STREAM_SEEK_END) return STG_E_INVALIDFUNCTION;
     if (origin == STREAM_SEEK_SET) distance.QuadPart += begin_.QuadPart;
@@ -209,7 +209,7 @@ class Mp3File final : public EncodedFile {
     Check(WriteAll(file_.get(), std::as_bytes(std::span(tag.data(), tag.size()))));
   }
 
-  // Throws the file's error if there is one, otherwise `hr`. The file's error causes the encoder's.
+  // Throws the file's error if there is one, because it causes the encoder's. Else checks `hr`.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);

@@ -17,7 +17,7 @@ namespace marlinda {
 inline constexpr INT_PTR kNotShown = -1;
 inline constexpr int kMpegBitRatesKbit[] = {56, 64, 96, 128, 192, 256, 320};
 
-// Returns the highest bit rate of the first MP3 encoder, or 0 if there is none.
+// Returns the highest bit rate that the first MP3 encoder reports, or 0 without an encoder.
 inline int BestBitRateKbit() {
   int best = 0;
   ForEachMp3Encoder([&](IBaseFilter* encoder) {
@@ -112,11 +112,11 @@ class RadioDialog : public SettingsDialog {
       : SettingsDialog(template_id, value), choices_(choices) {}
 
  private:
-  // The checked button gets the initial focus, or OK if no button is checked, because a radio
-  // button counts as clicked when it gets the focus.
+  // The checked button gets the initial focus. If no button is checked, OK gets the focus, because
+  // a radio button counts as clicked when it gets the focus.
   HWND OnOpening() override {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
-    if (chosen == choices_.end()) return Item(IDOK);  // no button is checked initially
+    if (chosen == choices_.end()) return Item(IDOK);
     HWND button = Item(chosen->item);
     // Also makes the button the tab stop of the group.
     CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);
@@ -163,8 +163,8 @@ class CWmaSettings final : public RadioDialog {
       {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
-// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of an encoder
-// filter. If the encoder reports no capabilities, the dialog offers no choice and does not change
+// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of the first MP3
+// encoder. If the encoder reports no capabilities, the dialog offers no choice and does not change
 // the bit rate.
 class CMpegSettings final : public SettingsDialog {
  public:
@@ -173,7 +173,7 @@ class CMpegSettings final : public SettingsDialog {
   int bit_rate_kbit() const noexcept { return value_; }
 
  private:
-  // Lowers the bit rate to the encoder's highest. If the list lacks this rate, no line is selected.
+  // Limits the bit rate to the encoder's highest. If the list lacks this rate, selects no line.
   HWND OnOpening() override {
     HWND list = Item(IDC_MPEG_BIT_RATE);
     if (max_bit_rate_kbit_ == 0) return list;

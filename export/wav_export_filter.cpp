@@ -80,8 +80,8 @@ class WavExportJob : public TaskJob {
     WavSampleEncoder encoder(format);
     SampleArray block;
     while (!cancelled && position < total) {
-      // Subtracts in 64 bits: in 32 bits, a source of 2^31 frames or more would give negative or
-      // empty blocks without end.
+      // Subtracts in 64 bits. In 32 bits, a source of 2^31 frames or more would give negative or
+      // empty blocks, and the loop would not end.
       const std::int64_t frames = std::min<std::int64_t>(total - position, kFramesPerBlock);
       SAFEARRAY* const silence = block.Prepare(static_cast<std::size_t>(frames) *
                                                static_cast<std::size_t>(format.channels));

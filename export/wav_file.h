@@ -35,7 +35,7 @@ inline FileHandle CreateTargetFile(const std::string& name) noexcept {
 // Failed writes are not reported. The file is finished as far as possible.
 class WavFile {
  public:
-  // Takes ownership of `file`, which may be empty. Closes an open file, whose sizes stay 0.
+  // Takes ownership of `file`, which may be empty. Closes an old file without filling in its sizes.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;
@@ -70,7 +70,7 @@ class WavFile {
     target.QuadPart = static_cast<LONGLONG>(position);
     if (file_) SetFilePointerEx(file_.get(), target, nullptr, FILE_BEGIN);
   }
-  // Pads the chunk from `body_start` to the file pointer, and fills in its size.
+  // Pads the chunk whose body reaches from `body_start` to the file pointer. Fills in its size.
   void EndChunk(std::uint64_t body_start) noexcept {
     LARGE_INTEGER position = {};
     SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &position, FILE_CURRENT);

@@ -1,4 +1,4 @@
-// The bytes of WAV files except the samples. docs/files.md has the byte tables.
+// The bytes of WAV files except the samples. docs/files.md lists the chunks.
 #pragma once
 
 #include <algorithm>
@@ -30,7 +30,7 @@ class FourCC {
 // Collects the bytes of chunks field by field.
 class LittleEndianBytes {
  public:
-  // Appends the low `kBytes` bytes of `value`. Wider and signed values are cut, not clamped.
+  // Appends the low `kBytes` bytes of `value`. Values out of range are truncated, not clamped.
   template <int kBytes, std::integral Integer>
   LittleEndianBytes& Low(Integer value) {
     for (int i = 0; i < kBytes; ++i) {
@@ -85,7 +85,7 @@ struct WavFormat {
   std::int32_t BlockAlign() const noexcept { return channels * (bits / 8); }
 };
 
-// Labels, markers and metadata of the file. Names contain no NUL.
+// Labels, markers, metadata and loop data of the file. Names contain no NUL.
 struct WavAnnotations {
   std::vector<Label> labels = {};
   std::vector<SectionMarker> markers = {};

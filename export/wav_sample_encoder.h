@@ -15,15 +15,15 @@
 namespace marlinda {
 
 // A block of n frames has n * BlockAlign() bytes, so that the header's sizes are right at every
-// width. Samples of 8, 16, 24 and 32 bits fit exactly. At other widths the bytes are truncated or
-// padded with zeros. For example, a block of 12-bit samples takes 2 bytes per sample and loses its
-// second half, and so do floats with a 16-bit header. A block align of 0 or less gives no bytes.
+// width. PCM of 8, 16, 24 and 32 bits and 32-bit floats fit exactly. Other blocks are truncated or
+// padded with zeros. For example, 12-bit PCM has 2 bytes per sample, but BlockAlign() counts 1. A
+// block then loses its second half. So do floats at 16 bits. A block align below 1 gives no bytes.
 class WavSampleEncoder {
  public:
   explicit WavSampleEncoder(const WavFormat& format) noexcept : format_(format) {}
 
   // Converts `frames` frames of interleaved `samples`. The returned bytes are valid until the next
-  // call. Throws std::bad_alloc.
+  // call, and only while `samples` exists. Throws std::bad_alloc.
   std::span<const std::byte> Encode(std::span<const float> samples, std::size_t frames) {
     if (format_.BlockAlign() <= 0) return {};
     const auto block_align = static_cast<std::size_t>(format_.BlockAlign());

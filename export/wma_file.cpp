@@ -30,7 +30,7 @@ class WindowsMedia {
   WindowsMedia& operator=(const WindowsMedia&) = delete;
   ~WindowsMedia() { FreeLibrary(library_); }
 
-  // Calls the library's function `name` with the arguments and a pointer to the new object.
+  // Calls the library's function `name` with the arguments and a pointer for the new object.
   template <class Interface, class... Arguments>
   ComPtr<Interface> Create(const char* name, Arguments... arguments) const {
     const FARPROC address = GetProcAddress(library_, name);
@@ -60,14 +60,14 @@ bool Matches(IWMStreamConfig* stream, const EncoderSettings& settings) {
   std::vector<BYTE> memory(size);
   auto* const type = reinterpret_cast<WM_MEDIA_TYPE*>(memory.data());
   if (size < sizeof *type || FAILED(properties->GetMediaType(type, &size))) return false;
-  // Both structures have the same members.
+  // WM_MEDIA_TYPE and AM_MEDIA_TYPE have the same members.
   const auto* const format = WaveFormatOf(*reinterpret_cast<const AM_MEDIA_TYPE*>(type));
   return format != nullptr &&
          static_cast<int>(format->nSamplesPerSec) == settings.samples_per_sec &&
          format->nChannels == settings.channels;
 }
 
-// Returns the codec's stream with the best bit rate by IsBetterBitRate.
+// Returns the stream with the best bit rate of all codecs, by IsBetterBitRate.
 ComPtr<IWMStreamConfig> ChooseStream(IWMProfileManager* manager, const EncoderSettings& settings) {
   const auto codecs = TryQuery<IWMCodecInfo>(manager);
   DWORD codec_count = 0;
@@ -175,7 +175,7 @@ class WmaFile final : public EncodedFile {
         {L"WM/Year", tags.year}, {L"WM/Genre", tags.genre},
     };
     for (const auto& [name, text] : attributes) {
-      // The length includes the terminator and is counted in 16 bits.
+      // Omits texts whose length, with the terminator, does not fit in 16 bits.
       const std::size_t size = (text.size() + 1) * sizeof(wchar_t);
       if (!header || text.empty() || size > 0xFFFF) continue;
       CheckCodec(header->SetAttribute(0, name, WMT_TYPE_STRING,

@@ -1,5 +1,5 @@
-// Interprets the input as edits at any position. Compares the kernels' segments, labels and markers
-// with plain lists that follow the same rules.
+// Interprets the input as a sequence of edits at arbitrary positions. Compares the segments, labels
+// and markers of the kernels with plain lists that follow the same rules.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -45,7 +45,7 @@ class Bytes {
     const std::int64_t begin = Position();
     return {begin, Position()};
   }
-  // Returns a segment. About half of the segments contain frames.
+  // About half of the segments contain no frames.
   Segment NextSegment() {
     const auto source = static_cast<char>('A' + Next() % 5);
     const std::int64_t begin = Position();
@@ -132,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           Require(list.Remove(range, divided).size() + list.Count() <= before + 1);
           Require(list.Next() == nullptr);
         } else {
-          // Rebuilds the list, as a document does.
+          // Rebuilds the list, as DocumentContent::Delete does.
           list.RemoveAll();
           for (const Segment& s : plain.Part(0, range.begin).segments) list.Append(s);
           Insert(list, range.begin, plain.Part(range.end, plain.Length()).segments);

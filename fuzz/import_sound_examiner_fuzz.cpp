@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::int64_t frames = 0;
   while (frames < info.pcm->frames) {
     const std::size_t read = marlinda::ReadSamples(file, *info.pcm, frames, block, scratch);
-    // The file must hold all frames that its parser announces.
+    // The file must hold all frames that its parser reports.
     if (read < channels || read % channels != 0) std::abort();
     frames += static_cast<std::int64_t>(read / channels);
   }

@@ -1,5 +1,5 @@
-// Reads the input or a part of it as an Ogg Vorbis file, on one thread and then on several. Both
-// runs must return the same samples. The input's last byte selects the part and the block size.
+// Reads the input or a part of it as an Ogg Vorbis file, on three threads and on one. Both runs
+// must return the same samples. The input's last byte selects the part and the block size.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

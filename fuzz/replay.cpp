@@ -1,5 +1,5 @@
-// Passes the files of folders to a fuzzer: each whole, truncated (small files at every byte, others
-// at many places) and with changed bytes. Does not need clang.
+// Passes each file of the given folders to a fuzzer: whole, truncated and with changed bytes.
+// Truncates small files at every byte and others at 50 places. Does not need clang.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

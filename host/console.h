@@ -23,8 +23,8 @@ class Console {
     Finishing& operator=(const Finishing&) = delete;
   };
 
-  // Sets output to UTF-8. From now on, the first Ctrl+C only sets Interrupted, and the second ends
-  // the program at once with the exit status of an interruption.
+  // Sets output to UTF-8. From now on, the first Ctrl+C only sets Interrupted. The second Ctrl+C
+  // ends the program at once with ExitStatus::kInterrupted.
   Console();
   ~Console();
   Console(const Console&) = delete;
@@ -35,7 +35,7 @@ class Console {
 
   // Reports progress as lines on standard error instead of a bar.
   void WriteProgressLines() { progress_lines_ = true; }
-  // The bar is only drawn on a terminal.
+  // Returns where to show progress. The bar is drawn only if standard error is a terminal.
   ProgressOutput Progress() const;
 
   bool Interrupted() const;
@@ -47,7 +47,7 @@ class Console {
   // the single-threaded apartment needs.
   void Wait(DWORD milliseconds) const;
 
-  // True if standard input is a terminal, whose keys ReadKey returns.
+  // True if standard input is a terminal. ReadKey needs one.
   bool HasKeyboard() const;
   // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or
   // Ctrl+C. Dispatches window messages like Wait.

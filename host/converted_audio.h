@@ -76,7 +76,7 @@ inline void ConvertInto(IAudioPool* pool, IFormatConverter* converter, const Imp
     const FloatArray owned(converted);
     output.insert(output.end(), owned.samples().begin(), owned.samples().end());
 
-    // Writes multiples of 256 frames. Otherwise the pool's peaks would not match the frames.
+    // Writes multiples of 256 frames, because only then do the pool's peaks match the frames.
     const __int64 ready = static_cast<__int64>(output.size()) / to.channels;
     const __int64 rest = total - written;
     const __int64 count = ready >= rest ? rest : ready / kFramesPerPeak * kFramesPerPeak;

@@ -1,5 +1,5 @@
-// The plan of a cut in frames, made before any file is written: pieces, silence, labels and markers
-// of the result.
+// Converts the options of "marlinda cut" to frames before any file is written: pieces, silence,
+// labels and markers.
 #pragma once
 
 #include <cstdint>
@@ -59,8 +59,8 @@ inline void CheckSyntax(const CutRequest& request) {
   ForEachText("--marker", request.markers, ParseNamedRange);
 }
 
-// Makes the plan. Empty or backward ranges, and positions outside the audio, throw a
-// std::invalid_argument that names the option; nothing is clipped.
+// Makes the plan. Throws a std::invalid_argument that names the option for an empty or backward
+// range, and for a position outside the audio. Nothing is clipped.
 inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEachText("--keep", request.keep, [&](std::string_view text) {

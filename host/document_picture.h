@@ -22,7 +22,7 @@ struct PictureRequest {
   bool rms = false;  // also draws each column's root mean square
 };
 
-// Checks the request. Call CheckPicture before a long import. Throws a HostError.
+// Throws a HostError if the picture cannot be written. Call CheckPicture before a long import.
 void CheckPicture(const PictureRequest& request, const std::vector<std::string>& inputs);
 
 // Collects a range of audio and draws it.
@@ -40,7 +40,7 @@ class RangePicture {
   const FrameRange range_;
   const AudioFormat format_;
   ColumnLevels levels_;
-  std::vector<float> samples_;  // used if each frame has a column of its own
+  std::vector<float> samples_;  // drawn instead of levels_ if the range is short
 };
 
 // Draws the range of the request and returns the picture's height. Throws a HostError, or

@@ -23,7 +23,7 @@ struct Point {
 // if they have the same direction, and empty if they have opposite directions.
 class Outline {
  public:
-  // A straight line or cubic Bézier curve to `to`.
+  // A move, straight line or cubic Bézier curve to `to`.
   struct Step {
     enum class Kind : std::uint8_t { kMove, kLine, kCurve };
     Kind kind = Kind::kMove;

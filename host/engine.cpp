@@ -50,8 +50,8 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
   return reader->ReadAudio(position, frame.get());
 }
 
-// Of the built-in filters that accept the file, returns the filter with the highest merit.
-// Skips filters that the manager has tried, because a hanging decoder takes fifteen seconds.
+// Of the built-in filters that accept the file, returns the filter with the highest merit. Skips
+// listed filters: the manager has tried them, and a hanging decoder takes fifteen seconds.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   const FilterList listed = ReadFilterList();
   ComPtr<IImportFilter> best;
@@ -90,7 +90,7 @@ ComPtr<IImportFilter> ChooseFilter(const std::string& file, BSTR engine_name) {
   return filter;
 }
 
-// Sorts the parts and merges parts that touch.
+// Sorts the parts and merges parts that overlap or touch.
 std::vector<FrameRange> Separate(std::vector<FrameRange> parts) {
   std::ranges::sort(parts, {}, &FrameRange::begin);
   std::vector<FrameRange> separate;
@@ -348,7 +348,7 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
-  // From a damaged file, a section can deliver more frames than an import without a section.
+  // Sets no section for the whole file. With a section, a damaged file can deliver too many frames.
   if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);

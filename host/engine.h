@@ -1,5 +1,5 @@
 // The host's access to the engine: creates objects by class identifier and uses only their
-// interfaces. Failures throw a HostError that names the file or the class.
+// interfaces. Failures throw a HostError that names the file or the class, or an HResultError.
 #pragma once
 
 #include <marlinda.h>
@@ -23,7 +23,7 @@
 
 namespace marlinda {
 
-// Names the pool's files in messages.
+// The subject of messages about the pool's files.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
 // Returns S_OK if a new pool has a file for its samples, otherwise the error.
@@ -46,7 +46,7 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
-// A one-dimensional SAFEARRAY of floats, initially 0, as the interfaces require.
+// The sample block of the interfaces: a one-dimensional SAFEARRAY of floats, initially 0.
 class FloatArray {
  public:
   explicit FloatArray(std::size_t count)
@@ -154,8 +154,8 @@ class Source {
   ImportedAudio Import(const Console& console);
 
   // Decodes the file on another thread into `take`, without a pool. Returns format and length.
-  // Rethrows an exception of `take`. Pass `part` only if Expected returns a value. If the file
-  // holds less than it announces, Stream delivers fewer frames and reports nothing.
+  // Rethrows an exception of `take`. Pass `part` only if Expected returns a value. Reports a
+  // damaged file as Import does. With `part`, only delivers fewer frames instead.
   ImportedAudio Stream(const SampleFunction& take, const Console& console,
                        const std::optional<FrameRange>& part = {});
   // Makes the filter's next run write to `target`, or to the pool if `target` is null.
@@ -185,10 +185,10 @@ class Source {
   ComPtr<IImportFilter> filter_;
   FilterIdentity identity_;
   ComPtr<IAudioPool> pool_;
-  __int64 announced_ = 0;  // the length before an import of the whole file
+  __int64 announced_ = 0;  // the length reported before an import of the whole file
 };
 
-// The texts of a file.
+// The data of an output file beside its audio.
 struct FileTexts {
   Tags tags;
   Annotations annotations;
@@ -203,7 +203,7 @@ class FileExport {
   // or a file that is also an input.
   FileExport(const std::string& file, const std::vector<std::string>& inputs);
 
-  // Call it before Run.
+  // Call this before Run.
   void SetTexts(FileTexts texts) { texts_ = std::move(texts); }
 
   // Throws if the audio does not fit in a WAV file.

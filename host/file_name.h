@@ -1,4 +1,4 @@
-// File names between the user (any Unicode name) and the engine (the system's ANSI code page).
+// Checks file names, and converts Unicode names to names in the engine's ANSI code page.
 #pragma once
 
 #include <string>
@@ -25,8 +25,8 @@ void WriteWholeFile(const std::string& file, const std::string& content);
 // Returns the extension without its dot, ASCII letters in lower case.
 std::string ExtensionOf(const std::string& file);
 
-// Returns a name of the file that the engine's code page can hold: the name itself or the system's
-// short name. Throws a HostError if neither name fits.
+// Returns a name of the file in the engine's code page: the name itself or the system's short name.
+// Throws a HostError if the code page can hold neither.
 std::wstring EngineNameOfInput(const std::string& file);
 // Does the same for an output. If the name does not fit, creates the file to get a short name.
 std::wstring EngineNameOfOutput(const std::string& file);

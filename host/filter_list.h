@@ -27,10 +27,10 @@ struct FilterList {
   bool cut_short = false;
 };
 
-// Returns an empty list if the key is missing. Throws a HostError.
+// Returns an empty list if the key is missing. Throws a HostError if the key cannot be read.
 FilterList ReadFilterList();
 
-// Write or remove one value of the list. Throw a HostError. Removing a missing value succeeds.
+// Write or remove one value of the list, or throw a HostError. Removing a missing value succeeds.
 void WriteListedFilter(const std::string& value_name, REFCLSID class_id);
 void RemoveListedFilter(const std::string& value_name);
 

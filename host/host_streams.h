@@ -57,7 +57,7 @@ class FunctionReader final : public HostObject<IAudioReader> {
   const ReadFunction read_;
 };
 
-// Returns a reader that calls `read(source, position, array)` on the threads that call it.
+// Returns a reader whose ReadAudio calls `read(source, position, array)` on the calling thread.
 inline ComPtr<IAudioReader> ReadWith(IAudioReader* source, ReadFunction read) {
   ComPtr<IAudioReader> reader;
   *reader.GetAddressOf() = new FunctionReader(source, std::move(read));
@@ -95,7 +95,7 @@ class FunctionWriter final : public HostObject<IAudioWriter> {
   AudioFormat format_;
 };
 
-// Returns a writer that calls `write(format, array)` on the thread that calls the writer.
+// Returns a writer whose WriteAudio calls `write(format, array)` on the calling thread.
 inline ComPtr<IAudioWriter> WriteWith(WriteFunction write) {
   ComPtr<IAudioWriter> writer;
   *writer.GetAddressOf() = new FunctionWriter(std::move(write));

@@ -64,7 +64,7 @@ class JoinedSource {
       const ImportedAudio audio = expected
                                       ? ImportPartsOf(source, *expected, *parts, whole, console)
                                       : source.Import(console);
-      // After a damaged file, the frames of the next files move.
+      // A damaged file moves the frames of the next files, so `parts` no longer applies.
       if (expected && audio.frames != expected->frames) parts = nullptr;
       if (!document) {
         whole.format = TargetFormat(audio.format, rate, channels);
@@ -83,8 +83,8 @@ class JoinedSource {
   const Annotations& annotations() const { return annotations_; }
 
  private:
-  // Decodes what the parts of the whole need of `file`, which follows `before`. Decodes all of a
-  // file that must be converted.
+  // Decodes the frames of `source` that lie in `parts`. `file` is the expected audio of `source`,
+  // and `before` is the audio of the earlier files. Decodes all of a file that must be converted.
   static ImportedAudio ImportPartsOf(Source& source, const ImportedAudio& file,
                                      const std::vector<FrameRange>& parts,
                                      const ImportedAudio& before, const Console& console) {

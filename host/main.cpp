@@ -65,7 +65,7 @@ HostError WrongLine(const CLI::App& app, const std::vector<std::string>& argumen
   }
   const std::size_t colon = reason.find(':');
   if (error.get_name() == "ArgumentMismatch" && colon != reason.npos) {
-    // The last word of the parser's message if a value is missing.
+    // A message that ends in "missing" reports a missing value, any other a repeated option.
     const bool missing = reason.ends_with("missing");
     reason.replace(colon, reason.npos,
                    missing ? ": its value is missing" : ": it may be given only once");

@@ -10,8 +10,8 @@
 
 namespace marlinda {
 
-// Draws each line over the previous line, and clears the line at the end. Draws nothing if `out` is
-// null, as for files and pipes.
+// Draws each line over the previous line. The destructor clears the line. Pass null as `out` to
+// draw nothing, for example into files and pipes.
 class StatusLine {
  public:
   explicit StatusLine(std::ostream* out) : out_(out) {}
@@ -55,7 +55,7 @@ class ProgressBar {
 
 // The line of play, scrub and record: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [#### ]",
 // with a bar for each level. A bar covers -60 dB to full scale and ends in "!" at full scale and
-// above. The line fits in 79 columns if each bar can have at least three.
+// above. The line fits in 79 columns if at least three remain for each bar.
 std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
                           std::int32_t rate, std::span<const float> levels);
 

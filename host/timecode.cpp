@@ -21,7 +21,7 @@ bool IsAllDigits(std::string_view text) {
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// Parses digits. An empty text gives 0.
+// Parses `digits`, a part of `text`. Empty digits mean 0. Failures quote `text`.
 std::int64_t ParseDigits(std::string_view digits, std::string_view text) {
   std::int64_t value = 0;
   if (digits.empty()) return value;
@@ -42,7 +42,7 @@ std::int64_t ParseClock(std::string_view clock, std::string_view text) {
   const std::size_t first = std::min(clock.find(':'), clock.size());
   if (!IsAllDigits(clock.substr(0, first))) RefuseTime(text);
   if (first == clock.size()) return ParseDigits(clock, text);
-  const std::string_view rest = clock.substr(first);  // ":MM" or ":MM:SS"
+  const std::string_view rest = clock.substr(first);  // ":SS" or ":MM:SS"
   if (first == 0 || (rest.size() != 3 && rest.size() != 6)) RefuseTime(text);
   if (first > kMaxHourDigits) Refuse(text, "is too large for a time");
   std::int64_t seconds = ParseDigits(clock.substr(0, first), text);

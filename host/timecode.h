@@ -11,7 +11,7 @@
 
 namespace marlinda {
 
-// A time in seconds or in frames. The frame that seconds refer to depends on the rate.
+// A time in seconds or in frames. Converting seconds to frames needs a sample rate.
 class Timecode {
  public:
   // Parses "SECONDS", "MINUTES:SECONDS" or "HOURS:MINUTES:SECONDS" with at most nine decimals, or
@@ -58,8 +58,8 @@ struct FrameRange {
   std::int64_t end = 0;  // exclusive
 };
 
-// Resolve a range or position in audio of `frames` frames. Empty or backward ranges, and ranges and
-// positions past the end, throw std::invalid_argument; nothing is clipped.
+// Resolve a range or position in audio of `frames` frames. Throw std::invalid_argument if it lies
+// past the end, or if the range is empty or backward. Nothing is clipped.
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate);
 std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate);
 
@@ -88,7 +88,7 @@ TimeSpan ParseSpan(std::string_view text);
 // Parses comma-separated times such as "1,2.5,44100f". Throws std::invalid_argument.
 std::vector<Timecode> ParseTimes(std::string_view text);
 
-// Returns "H:MM:SS.mmm", rounded down to the millisecond, or "unknown" if the rate is not positive.
+// Returns "H:MM:SS.mmm", rounded down, or "unknown" if `frames` < 0 or `rate` <= 0.
 std::string FormatDuration(std::int64_t frames, std::int32_t rate);
 
 }  // namespace marlinda

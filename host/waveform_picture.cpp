@@ -174,11 +174,11 @@ class Canvas {
   void DrawLane(int channel) {
     const double top = LaneTop(channel);
     const double height = std::max(1.0, LaneTop(channel + 1) - top - kGap);
-    const double centre = std::floor(top + height / 2) + 0.5;  // silence is one row of pixels
+    const double centre = std::floor(top + height / 2) + 0.5;  // makes silence one row of pixels
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);
-    // Overlapping sections look darker, because each is drawn with its own opacity.
+    // Draws each section with its own opacity, so that overlapping sections stand out.
     for (const auto& [section, name] : waveform_.annotations.markers) {
       const double length = XOf(section.end) - XOf(section.begin);
       if (length > 0)

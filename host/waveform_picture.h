@@ -46,7 +46,7 @@ struct ShapedText {
 using ShapeText = std::function<ShapedText(const std::string& text)>;
 constexpr double kTextSize = 12;  // pixels from line to line
 
-// The minimum height at which the lanes can be read.
+// The minimum height at which the lanes are legible.
 int LeastHeight(int channels);
 
 // Full scale fills a lane. Samples beyond full scale are clipped and marked. Names take at most

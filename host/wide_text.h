@@ -32,7 +32,7 @@ class Bstr {
   ~Bstr() { SysFreeString(text_); }
 
   BSTR get() const { return text_; }
-  // Frees the text and returns its address, for an out parameter.
+  // Frees the text and returns the pointer's address, for an out parameter.
   BSTR* Receive() {
     SysFreeString(text_);
     text_ = nullptr;

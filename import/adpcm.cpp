@@ -11,7 +11,8 @@ namespace {
 
 using Bytes = std::span<const std::byte>;
 
-constexpr std::size_t kImaHeaderBytes = 4;  // per channel
+// Bytes per channel at the start of a block.
+constexpr std::size_t kImaHeaderBytes = 4;
 constexpr std::size_t kMsHeaderBytes = 7;
 
 constexpr int kImaSteps[] = {
@@ -45,7 +46,7 @@ int Nibble(std::byte byte, bool high) noexcept {
   return std::to_integer<int>(high ? byte >> 4 : byte & std::byte{15});
 }
 
-// The channels alternate every four bytes (eight codes).
+// The channels alternate every four bytes, which hold eight 4-bit codes.
 void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {
@@ -69,7 +70,7 @@ void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> sample
   }
 }
 
-// The channels alternate with each code. Decodes a block with an unknown predictor as silence.
+// The channels alternate after each code. Decodes a block with an unknown predictor as silence.
 void DecodeMs(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {

@@ -21,7 +21,7 @@ using Bytes = std::span<const std::byte>;
 std::int32_t RateFrom80Bits(Bytes bytes) {
   const auto exponent = static_cast<int>(ReadBig<2>(bytes, 0));
   const auto fraction = static_cast<double>(ReadBig<8>(bytes, 2));
-  if (exponent < 16383 || exponent > 16383 + 31) return 0;  // below 1, beyond 2^32 or negative
+  if (exponent < 16383 || exponent > 16383 + 31) return 0;  // below 1, at least 2^32 or negative
   const double rate = std::round(std::ldexp(fraction, exponent - 16383 - 63));
   return rate <= std::numeric_limits<std::int32_t>::max() ? static_cast<std::int32_t>(rate) : 0;
 }
@@ -30,7 +30,7 @@ bool IsPossible(const PcmFormat& format) {
   return format.channels > 0 && format.samples_per_sec > 0 && format.FrameBytes() <= kMaxFrameBytes;
 }
 
-// Reduces the number of frames to the whole frames within `promised` bytes and within the file.
+// Reduces `pcm.frames` to the whole frames that lie within both the `promised` bytes and the file.
 PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
   const std::uint64_t there = file.size() - std::min(pcm.offset, file.size());
   const std::uint64_t whole = std::min(promised, there) / pcm.FrameBytes();
@@ -38,7 +38,7 @@ PcmData CutToFile(ByteSource& file, PcmData pcm, std::uint64_t promised) {
   return pcm;
 }
 
-// An AIFF-C compression type whose samples need no decoder.
+// An AIFF-C compression type that ReadSamples can read.
 struct Encoding {
   std::string_view type;
   bool is_float;
@@ -92,7 +92,7 @@ AiffChunks FindChunks(ByteSource& file) {
   return found;
 }
 
-// An AU encoding that needs no decoder.
+// An AU encoding that ReadSamples can read.
 struct AuEncoding {
   std::uint32_t number;
   std::int16_t bits;

@@ -14,7 +14,7 @@ inline constexpr int kMaxChunks = 65536;
 // A size field holds this value if the size is stored elsewhere or unknown, as in piped files.
 inline constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 
-// The caller must have checked that the bytes at `offset` exist.
+// Functions with an `offset` do not check that the bytes there exist. The caller must check.
 template <int kBytes>
 constexpr std::uint64_t ReadLittle(std::span<const std::byte> bytes, std::size_t offset) noexcept {
   std::uint64_t value = 0;

@@ -14,8 +14,8 @@ class ByteSource {
   virtual ~ByteSource() = default;
 
   virtual std::uint64_t size() const = 0;
-  // Copies bytes from `offset` on to `out`. Returns the number of bytes copied, which is smaller
-  // than `out` at the end of the file or after an error.
+  // Fills `out` with the bytes from `offset` on. Returns the number of bytes read, which is less
+  // than the size of `out` at the end of the file or after an error.
   virtual std::size_t Read(std::uint64_t offset, std::span<std::byte> out) = 0;
 
   // Returns at most `count` bytes from `offset` on. Never allocates more than the file's size.

@@ -74,8 +74,8 @@ void CodecMemory::Free(void* contents) noexcept {
 
 }  // namespace marlinda
 
-// scripts/build-dependencies makes the library call these functions instead of malloc, calloc,
-// realloc and free.
+// scripts/build-dependencies makes the codec library call these functions instead of malloc,
+// calloc, realloc and free.
 extern "C" {
 
 void* marlinda_codec_malloc(std::size_t size) {

@@ -1,7 +1,7 @@
-// CodecMemory: the heap of one decoder of the codec library. scripts/build-dependencies builds the
-// library to allocate from CodecMemory. The library does not check the result of malloc, so a small
-// file that announces huge tables would crash the host. CodecMemory throws std::bad_alloc through
-// the library if memory runs out or the decoder's limit is reached. The decoder's state is then
+// CodecMemory: the heap of one Vorbis decoder. scripts/build-dependencies builds the codec library
+// (libogg and libvorbis) to allocate from CodecMemory. The library does not check the result of
+// malloc, so a small file that announces huge tables would crash the host. If memory runs out or
+// kMaxBytes is reached, CodecMemory throws std::bad_alloc through the library. The decoder is then
 // inconsistent and must not be used again; ~CodecMemory frees the blocks. A library that was built
 // without that script has its own heap and lacks this protection.
 #pragma once
@@ -11,7 +11,7 @@
 
 namespace marlinda {
 
-// A CodecMemory and the parts made of it share one limit. Each part may have its own thread.
+// A CodecMemory and its parts share one limit. Each part may be used on a thread of its own.
 class CodecMemory {
  public:
   // Limit in bytes for all blocks of a CodecMemory and of its parts together.
@@ -41,7 +41,7 @@ class CodecMemory {
   std::size_t held() const noexcept { return whole_->held_; }
 
   // Acts as malloc if `contents` is null, otherwise as realloc. If Resize throws, the old block is
-  // unchanged. A growing block gets spare room, because the library adds one page at a time.
+  // unchanged. A growing block gets spare room, because the library grows blocks page by page.
   static void* Resize(void* contents, std::size_t size);
   static void Free(void* contents) noexcept;
 
@@ -55,7 +55,7 @@ class CodecMemory {
     std::size_t size = sizeof(Block);  // including the contents and spare room
   };
 
-  // Counts `bytes` against the limit. Returns false and counts nothing if they exceed the limit.
+  // Counts `bytes`. Returns false and counts nothing if the total would exceed the limit.
   bool Take(std::size_t bytes) noexcept;
 
   Block blocks_;

@@ -1,5 +1,6 @@
-// CDShowImport: imports a file into an audio writer, as a task. Decodes WAV, AIFF, AU and MP3
-// itself, and Windows Media, AVI and MPEG with the system's DirectShow filters.
+// CDShowImport: imports a file into an audio writer, as a task. Decodes WAV, AIFF, AU and MPEG
+// audio itself. WAV with a rare compression, Windows Media, AVI and MPEG program streams need a
+// graph of the system's DirectShow filters. All other files are refused.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -179,11 +180,7 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 
 }  // namespace
 
-// Each run needs its own Initialize, as with the other import filters.
-//
-// This class decodes WAV, AIFF, AU and MPEG audio files itself, except WAV files with a rare
-// compression. Such WAV files, Windows Media, AVI and MPEG program streams need a graph of the
-// system's filters. All other files are refused.
+// Each run needs its own Initialize, which opens the file. The run closes the file at its end.
 //
 // Metadata, labels, section markers and loop data are read-only. They come from the file that
 // Initialize or SetFilename opened last.
@@ -273,8 +270,8 @@ class CDShowImport final
       WriteDecoded(source.file_name, job, target);
     }
   }
-  // Returns 0 for MPEG audio, whose frames depend on earlier frames, and for a graph of the
-  // system's filters, which only estimate the length.
+  // Returns 0 for MPEG audio, because decoding depends on the data before the section, and for a
+  // graph of the system's filters, because the filters only estimate the length.
   static __int64 SectionFrames(const DShowImportJob& job) {
     return job.source->info.pcm ? job.source->total : 0;
   }

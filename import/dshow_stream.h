@@ -29,9 +29,9 @@ namespace marlinda {
 
 // The last filter of a graph. It accepts uncompressed audio of any format on one input pin.
 //
-// The graph's threads deliver blocks into the pin, and one other thread takes the blocks. A
-// delivery waits until the previous block has been taken. The graph therefore decodes only as fast
-// as the other thread takes blocks, independent of any clock.
+// The graph's threads deliver blocks to the pin, and one other thread calls Take. A delivery waits
+// until Take has returned the previous block. The graph therefore decodes only as fast as the other
+// thread calls Take, independent of any clock.
 class AudioSink final : public GraphFilter {
  public:
   static ComPtr<AudioSink> Make() { return new AudioSink; }
@@ -202,10 +202,10 @@ inline KernelHandle MakeEvent(bool manual_reset) {
   return event;
 }
 
-// Use each object on one thread. A worker thread builds, runs and releases the graph, because the
-// graph must not live in the host's apartment, and some decoders wait forever for the missing part
-// of a damaged file. If the graph stalls for fifteen seconds, the worker thread is detached and
-// keeps the module loaded.
+// Use each object on one thread. A worker thread builds, runs and releases the graph. The graph
+// must not live in the host's apartment, and some decoders wait forever for the missing part of a
+// damaged file. If the graph cannot be built or released within fifteen seconds, the worker thread
+// is detached. A detached thread keeps the module loaded.
 //
 // COM creates a decoder without a threading model on the host's first thread. Therefore Open and
 // the destructor serve incoming COM calls while they wait.
@@ -275,7 +275,7 @@ class DShowStream {
   static constexpr DWORD kPatienceMilliseconds = 15000;
   static constexpr DWORD kPollMilliseconds = 100;
 
-  // State shared with the graph's thread.
+  // State shared with the worker thread.
   struct Job {
     explicit Job(std::wstring name) : file_name(std::move(name)) {}
     void Serve() {
@@ -297,13 +297,13 @@ class DShowStream {
     const std::wstring file_name;
     const ComPtr<AudioSink> sink = AudioSink::Make();
 
-    // Signalled once `format` and `seconds` are set or the graph's thread has ended.
+    // Signalled once `format` and `seconds` are set or Serve has returned.
     const KernelHandle built = MakeEvent(true);
     std::optional<PcmFormat> format;
     double seconds = 0;
     std::atomic<bool> failed{false};
 
-    // Orders to the graph's thread. `ordered` is signalled after each change.
+    // Orders to the worker thread. `ordered` is signalled after each change.
     const KernelHandle ordered = MakeEvent(false);
     std::atomic<bool> run{false};
     std::atomic<bool> stop{false};

@@ -14,10 +14,10 @@
 namespace marlinda {
 namespace {
 
-// A filter whose merit is not above this value is never chosen.
+// Only filters with a higher merit are chosen.
 constexpr SHORT kNoMerit = -1;
 
-// Returns the class identifiers in the registry's list as text, or none if there is no list.
+// Returns the class identifiers of the "Import Filters" list in the registry, as text.
 std::vector<std::string> ListedClasses() {
   std::vector<std::string> names;
   std::vector<std::string> class_ids;
@@ -47,8 +47,8 @@ SHORT MeritOf(IImportFilter* filter) {
 }  // namespace
 
 // Every call reads the filters from the registry's list, where other modules can add filters. This
-// module's filters must be in the list too. Entries that are invalid or whose class cannot be
-// created are skipped.
+// module's filters must be in the list too. Skips entries that are not class identifiers, and
+// classes that cannot be created.
 class CFileFilterMgr final : public Object<CFileFilterMgr, IFileFilterMgr> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CFileFilterMgr;

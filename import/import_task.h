@@ -1,5 +1,5 @@
-// ImportTask extends FilterTask by the parts that all import filters share: the source's format,
-// tags, and the run from source to writer.
+// ImportTask: the methods common to import filters (start, format, section, tags), and the run,
+// which decodes the source into the writer.
 #pragma once
 
 #include "core/com_ptr.h"
@@ -28,16 +28,16 @@ struct ImportJob : TaskJob {
 // - WriteBlocks(Job&, Source&, IAudioWriter*) runs on the worker.
 // - SectionFrames(const Job&) returns the exact length in frames if the filter can import a section
 //   of the file, otherwise 0.
-// - Select(Job&, first, count) prepares the source to import only this section.
+// - Select(Job&, first, count) prepares the import of this section. Returns false on failure.
 template <class Class, class Job, class... Interfaces>
 class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> {
  public:
-  // IImportFilter. The length of a compressed file is an estimate until the file has been decoded.
+  // IImportFilter. For some compressed files, the count is an estimate until the run has ended.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->total.load() : 0);
   }
 
-  // IExFormatInfo: all zeros before Initialize.
+  // IExFormatInfo. All values are 0 before Initialize.
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, Format().samples_per_sec, pnChannels, Format().channels);
   }
@@ -45,7 +45,7 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
   STDMETHODIMP GetBitsPerSample(SHORT* pnBitsPerSample) override {
     return SetOut(pnBitsPerSample, Format().bits);
   }
-  // The average over the file.
+  // The average over the file, or the nominal rate in the header of an Ogg Vorbis file.
   STDMETHODIMP GetAvgBytesPerSec(LONG* pnAvgBytesPerSec) override {
     return SetOut(pnAvgBytesPerSec, job_ != nullptr ? job_->average_bytes_per_sec : 0);
   }
@@ -97,8 +97,8 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
 
   // Ignores the writer's results. A failing writer loses samples; the host can query the writer.
   static void Run(Job& job) {
-    // Run releases source and writer at its end. A finished task then keeps no file open, and holds
-    // no writer that may hold this filter.
+    // Releases source and writer at the end of Run. Otherwise a finished task would keep the file
+    // open, and a writer that holds this filter would form a reference cycle with it.
     const auto source = std::move(job.source);
     const auto target = std::move(job.writer);
     target->SetFormat(job.format.samples_per_sec, job.format.channels);

@@ -12,7 +12,7 @@
 
 namespace marlinda {
 
-// The decoder's callbacks. Reads the range through a buffer, because each call reads few bytes.
+// The decoder's callbacks. They read through a buffer, because the decoder reads few bytes at once.
 struct MpegStream::Reader {
   static mpg123_ssize_t Read(void* stream, void* out, std::size_t bytes) noexcept {
     auto& self = *static_cast<MpegStream*>(stream);
@@ -85,9 +85,9 @@ bool MpegStream::FindFrames() {
          mpg123_seek(handle, 0, SEEK_SET) == 0;
 }
 
-// Any large file contains bytes that look like a frame. A stream that begins with a frame or a tag
-// needs a second frame, with or without a gap. Any other stream needs four frames without a gap,
-// none of them of layer 1. Layer 1 is not used in practice, but tables in programs look like it.
+// Any large file contains bytes that look like a frame. A stream that begins with a frame or an ID3
+// tag must have a second frame, with or without a gap. Any other stream must have four frames
+// without gaps. Layer 1 is rare and does not count, because tables in programs look like it.
 bool MpegStream::IsLikely() {
   constexpr std::string_view kTag = "ID3";
   mpg123_handle* const handle = handle_.get();

@@ -28,7 +28,7 @@ class MpegStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // Returns the length in frames from all headers, or 0 on failure. Call it before the first Read.
+  // Scans all headers. Returns the length in sample frames, or 0 on failure. Call it before Read.
   std::int64_t CountFrames();
 
   // Fills `samples`, whose size must be a whole number of frames. Returns the number of samples,

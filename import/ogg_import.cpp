@@ -37,8 +37,8 @@ struct OggImportJob : ImportJob<VorbisStream> {
   __int64 readable = 0;  // frames before the first change of format
 };
 
-// Each run needs its own Initialize, which opens the file. Start decodes and closes the file. If a
-// chain changes its format, only the frames before the change are imported.
+// Each run needs its own Initialize, which opens the file. The run closes the file at its end. If a
+// chained file changes its format, only the frames before the change are imported.
 //
 // Progress stays below 1 if a damaged file, a change of format or a lack of memory ends the run.
 class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilter, IExFormatInfo,
@@ -82,8 +82,8 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       return S_OK;
     });
   }
-  // Returns the number of frames that a run imports. If a chain changes its format, progress still
-  // counts the whole chain.
+  // Returns the number of frames that a run imports. Progress also counts the frames after a change
+  // of format, which are not imported.
   STDMETHODIMP GetSourceSampleCount(__int64* pnSampleCount) override {
     return SetOut(pnSampleCount, job_ != nullptr ? job_->readable : 0);
   }
@@ -111,7 +111,7 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // Returns 0 if a chain changes its format, because a section's progress would hide the rest.
+  // Returns 0 if the file changes its format, because sections would hide that frames are missing.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

@@ -33,7 +33,7 @@ WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept {
   WaveFields fields = {LittleU16(body, 0), LittleU16(body, 2), LittleU32(body, 4),
                        LittleU16(body, 12), LittleU16(body, 14)};
   if (fields.tag != kTagExtensible || body.size() < kExtensibleBytes) return fields;
-  // Sub-formats that stand for a tag contain the tag in their first two bytes.
+  // A sub-format identifier that stands for a format tag has this tag in its first two bytes.
   const auto pcm = SubFormatBytes(false);
   const auto sub_format = body.subspan(kSubFormatOffset, pcm.size());
   const bool has_tag = std::equal(pcm.begin() + 2, pcm.end(), sub_format.begin() + 2,
@@ -50,7 +50,7 @@ std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexce
     return std::nullopt;
   }
   const bool is_float = wave.tag == WaveFields::kFloat;
-  // Some writers leave the size of a frame at 0.
+  // Some programs write a block align of 0.
   const unsigned bytes =
       wave.block_align != 0 ? wave.block_align / wave.channels : (wave.bits + 7U) / 8;
   if (wave.block_align % wave.channels != 0 || bytes * wave.channels > kMaxFrameBytes) {

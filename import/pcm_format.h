@@ -50,7 +50,7 @@ WaveFields ReadWaveFields(std::span<const std::byte> body) noexcept;
 // Returns the format of uncompressed samples. Returns nothing if the body is too short, names a
 // compressed format, contradicts itself, or has no channels or no rate.
 //
-// Samples with fewer bits than their bytes are left-justified, so only the width in bytes counts.
+// A sample that leaves bits of its bytes unused is left-justified, so only its byte width counts.
 std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexcept;
 
 // Returns false if the system's decoders must not get this format. Some decoders crash or hang on

@@ -45,8 +45,8 @@ bool NextChunk(Bytes& list, Chunk& chunk) {
   return true;
 }
 
-// Collects cue points, names and regions. At the end of the file, Resolve assigns names and
-// regions to the cue points, because "adtl" may precede "cue ".
+// Collects the points of "cue " and the names and regions of "adtl". Resolve combines them at the
+// end of the file, because either chunk may come first.
 class CueSheet {
  public:
   void AddPoints(Bytes body) {
@@ -74,7 +74,7 @@ class CueSheet {
   }
   void Resolve(SoundFileInfo& info) {
     const std::vector<Point*> by_id = SortedById();
-    // If several points have the same number, finds the first of them.
+    // If several points have the same id, finds the first of them.
     const auto find = [&](std::uint32_t id) -> Point* {
       const auto found =
           std::ranges::lower_bound(by_id, id, {}, [](const Point* point) { return point->id; });
@@ -173,7 +173,7 @@ bool HasSound(Bytes header_list) {
       if (chunk.id == "strh" && chunk.body.size() >= 4) kind = IdAt(chunk.body, 0);
       if (chunk.id != "strf") continue;
       if (kind == "auds" && !IsPlausibleForDecoders(chunk.body)) return false;
-      // Digital video interleaves its sound with the pictures.
+      // A digital video stream ("iavs") contains both pictures and sound.
       has_sound = has_sound || kind == "auds" || kind == "iavs";
     }
   }
@@ -211,8 +211,8 @@ class RiffWalk {
  private:
   void WalkChunks(std::uint64_t riff_end) {
     for (int count = 0; count < kMaxChunks; ++count) {
-      // Chunks beyond the RIFF size are ignored only after the audio, because a RIFF size that is
-      // too small must not hide the audio.
+      // Until the audio is found, reads chunks beyond the RIFF size too, because a RIFF size that
+      // is too small must not hide the audio.
       const std::uint64_t end = data_offset_ ? riff_end : file_.size();
       if (position_ + kHeaderBytes > end) return;
       const std::vector<std::byte> header = file_.ReadUpTo(position_, kHeaderBytes);
@@ -234,8 +234,8 @@ class RiffWalk {
       return wide_data_size_.value_or(end - position_);
     }
     if (size != 0) return size;
-    // The chunk is empty, or its writer was stopped before the size was filled in. In the second
-    // case, audio follows instead of a chunk.
+    // The chunk is empty, or the program that wrote it stopped before it filled in the size. In the
+    // second case, audio follows instead of a chunk.
     const std::vector<std::byte> next = file_.ReadUpTo(position_, kHeaderBytes);
     const std::uint64_t rest = file_.size() - position_;
     const bool is_chunk =
@@ -294,7 +294,7 @@ class RiffWalk {
     info_.refused = wave.tag == WaveFields::kPcm || wave.tag == WaveFields::kFloat ||
                     !IsPlausibleForDecoders(format_) || data_bytes_ < wave.block_align;
   }
-  // Returns nothing if the samples need a decoder or the format contradicts itself.
+  // Returns nothing if the samples need a decoder of the system or the format contradicts itself.
   std::optional<PcmData> Samples() const {
     const WaveFields wave = ReadWaveFields(format_);
     if (wave.tag == WaveFields::kImaAdpcm) return AdpcmSamples(wave, Coding::kImaAdpcm);

@@ -50,7 +50,7 @@ void MakeWaveBytes(const PcmData& pcm, std::span<std::byte> bytes) {
   }
 }
 
-// True if a Windows Media file describes sound and every format is safe for decoders. The
+// True if a Windows Media file describes sound and every sound format is safe for decoders. The
 // file's header has one object per stream, with the stream's kind and wave format.
 bool HasWindowsMediaSound(ByteSource& file) {
   constexpr std::string_view kStreamProperties{
@@ -80,7 +80,7 @@ bool HasWindowsMediaSound(ByteSource& file) {
   return has_sound;
 }
 
-// Decodes the blocks that hold the frames from `first` on.
+// Decodes the ADPCM blocks that hold the frames from `first` on.
 std::size_t ReadBlocks(ByteSource& file, const PcmData& pcm, std::int64_t first,
                        std::span<float> samples, std::vector<std::byte>& scratch) {
   const auto channels = static_cast<std::size_t>(pcm.format.channels);

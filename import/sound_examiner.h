@@ -1,4 +1,4 @@
-// Recognises a sound file by its bytes, and reads samples that need no stateful decoder.
+// Recognises sound files by their bytes, and reads linear, logarithmic and ADPCM samples.
 #pragma once
 
 #include "import/byte_source.h"

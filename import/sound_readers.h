@@ -1,5 +1,5 @@
-// Readers of the kinds of sound files that hold more than MPEG audio. Input is untrusted. Reading
-// ends in any case, and sizes that a file claims do not increase memory use.
+// Reads RIFF, AIFF and AU files, and the tags of compressed files. Input is untrusted. Every
+// function returns for any input, and sizes that a file claims do not increase memory use.
 #pragma once
 
 #include "import/byte_source.h"
@@ -14,15 +14,15 @@ namespace marlinda {
 // also work. A size that exceeds the file is reduced, so that a truncated file can be read.
 //
 // Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker.
-// Markers keep the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if a
-// "labl" names the cue point. A cue point whose "labl" is missing or empty takes its name from its
-// "note". A marker without a name takes the name of its cue point.
+// Markers keep the order of the "ltxt" chunks. An "ltxt" without length and name is ignored if the
+// cue point has a "labl". A cue point whose "labl" is missing or empty gets its name from its
+// "note". A marker whose "ltxt" has no name gets the name of its cue point.
 //
 // Loop data has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
-// Both return nothing if the file is of another kind. They refuse samples that need a decoder,
-// because the system's filters crash on such AIFF-C files and play such AU files' headers as sound.
+// Both return nothing if the file is of another kind. They refuse codings that ReadSamples cannot
+// read, because the system's filters crash on such AIFF-C files and play such AU headers as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

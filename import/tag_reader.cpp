@@ -24,7 +24,7 @@ TagLib::ByteVector Read(ByteSource& file, std::uint64_t offset, std::uint64_t co
   return {reinterpret_cast<const char*>(bytes.data()), static_cast<unsigned>(bytes.size())};
 }
 
-// A file for TagLib whose bytes are in memory.
+// A TagLib::File over bytes in memory.
 class TagFile final : public TagLib::File {
  public:
   explicit TagFile(TagLib::ByteVectorStream& stream) : File(&stream) {}
@@ -49,7 +49,7 @@ class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
 // Size of the header of a tag and of each frame.
 constexpr unsigned kTagHeaderBytes = 10;
 
-// TagLib misreads the size of a version 2.3 extended header, because it expects version 2.4.
+// Removes the extended header of a version 2.3 tag, whose size TagLib reads as in version 2.4.
 void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   constexpr char kExtended = 0x40;
   if (tag.size() < kTagHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;

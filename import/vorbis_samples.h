@@ -6,8 +6,8 @@
 
 namespace marlinda {
 
-// Rounds to nearest, halves to even, and clips, as the codec library does. NaN and values beyond 32
-// bits become the lowest code, as in the library's 16-bit decoding.
+// Scales, rounds to nearest (halves to even) and clips, as the codec library does to decode to 16
+// bits. NaN and scaled values that do not fit in 32 bits become the lowest code.
 std::int16_t VorbisCode(float sample) noexcept;
 
 // Converts `frames` frames from one plane per channel to interleaved codes.

@@ -54,8 +54,8 @@ struct VorbisStream::Decoder {
     return result;
   }
 
-  // Returns the library's result. Limits the bytes read: the library reads parts of a chained file
-  // several times, and a hostile file could make it read forever.
+  // Returns the library's result. Limits the bytes read, because the library reads parts of a
+  // chained file several times. A hostile file could make the library read forever.
   int Open() {
     std::FILE* const opened = input.get();
     const std::int64_t size = SeekFile(opened, 0, SEEK_END) == 0 ? TellFile(opened) : 0;
@@ -83,8 +83,8 @@ struct VorbisStream::Decoder {
     callbacks.seek_func = [](void* source, ogg_int64_t offset, int origin) {
       return SeekFile(static_cast<Decoder*>(source)->input.get(), offset, origin);
     };
-    // A library without the project's patch expects the position as a long. If long has 32 bits,
-    // the call fails for positions beyond 2 GiB.
+    // A library without scripts/lib/libvorbis.patch expects the position as a long. If long has 32
+    // bits, the call fails for positions beyond 2 GiB.
     callbacks.tell_func = [](void* source) {
       using Position = decltype(ov_callbacks().tell_func(nullptr));
       const std::int64_t position = TellFile(static_cast<Decoder*>(source)->input.get());

@@ -26,9 +26,9 @@ using FilePointer = std::unique_ptr<std::FILE, CloseFile>;
 class VorbisStream {
  public:
   // Takes ownership of the file, which must be open for binary reading. Returns null if the file is
-  // not Ogg Vorbis or has more than 1000 links. Throws std::bad_alloc if memory runs out or the
-  // decoder needs more than CodecMemory::kMaxBytes. Both failures close the file. Decodes on up to
-  // `threads` worker threads. If `threads` is 1, decodes on Read's thread.
+  // not Ogg Vorbis or is a chain of more than 1000 links. Throws std::bad_alloc if memory runs out
+  // or the decoder needs more than CodecMemory::kMaxBytes. Both failures close the file. Read
+  // decodes on up to `threads` worker threads, or on its own thread if `threads` is 0 or 1.
   static std::unique_ptr<VorbisStream> Open(FilePointer file,
                                             unsigned threads = std::thread::hardware_concurrency());
 
@@ -38,9 +38,9 @@ class VorbisStream {
   std::int32_t samples_per_sec() const noexcept { return samples_per_sec_; }
   std::int16_t channels() const noexcept { return channels_; }
 
-  // The number of frames in all links by the file's headers, limited to the number that a file of
-  // this size can hold. Not positive if the headers lack the length. In a damaged file, Read may
-  // deliver more or fewer frames.
+  // The number of frames in all links according to the file's headers, limited to the number that a
+  // file of this size can hold. 0 or negative if the headers lack the length. From a damaged file,
+  // Read may deliver more or fewer frames.
   std::int64_t total_frames() const noexcept { return total_frames_; }
   // The number of frames before the first link of another format.
   std::int64_t readable_frames() const noexcept { return readable_frames_; }

@@ -35,9 +35,9 @@ inline constexpr long kMaxPacketBytes = 1L << 16;
 inline constexpr long kReadBytes = 1L << 14;
 // Beyond this position the library's sums may overflow.
 inline constexpr ogg_int64_t kMaxPosition = std::numeric_limits<ogg_int64_t>::max() / 2;
-// Limit for the library's reader and the workers' decoders together before decoding begins. The
-// remaining memory is enough for packets of kMaxPacketBytes, so the reader runs out of memory only
-// where it would without workers.
+// Limit in bytes for the memory of the library's reader and all workers before decoding begins. The
+// rest of CodecMemory::kMaxBytes is enough to decode packets of kMaxPacketBytes, so workers never
+// cause the reader to run out of memory.
 inline constexpr std::size_t kMaxHeld = CodecMemory::kMaxBytes / 2;
 
 // Maximum samples in a block, over all channels.
@@ -48,7 +48,7 @@ inline std::size_t MaxBlock(const vorbis_info& info) noexcept {
 
 // Takes packets from the library's reader. Leaves unusual packets to the reader: the trimmed last
 // packet, packets of the next link, damaged and huge packets. Each thread decodes groups of
-// packets. The thread first decodes the packet before its group, because blocks overlap.
+// packets. Because blocks overlap, the thread also decodes the packet before each group.
 class VorbisWorkers {
  public:
   static constexpr unsigned kMaxThreads = 8;
@@ -61,8 +61,8 @@ class VorbisWorkers {
            vorbis_synthesis_pcmout(&file.vd, nullptr) == 0;
   }
 
-  // Call it right after the reader has decoded a packet. `memory` is the reader's. Reader and
-  // memory must outlive the workers. Returns null, without effect, if memory or threads are short.
+  // Call it right after the reader has decoded a packet. The reader and its `memory` must outlive
+  // the workers. Returns null, without effect, if blocks are too large or resources run short.
   static std::unique_ptr<VorbisWorkers> Start(OggVorbis_File& file, CodecMemory& memory,
                                               unsigned threads) {
     const std::size_t packets = std::min(kGroupPackets, kMaxGroupSamples / MaxBlock(*file.vd.vi));
@@ -168,7 +168,7 @@ class VorbisWorkers {
     std::array<std::size_t, kGroupPackets> blocks = {};  // samples in each block
     std::size_t decoded = 0;                             // number of blocks
     bool failed = false;
-    bool done = false;  // guarded by the lock
+    bool done = false;  // guarded by mutex_
   };
   // Each thread has a Decoder. All Decoders share the stream's set-up, which no packet changes.
   struct Decoder {
@@ -177,7 +177,7 @@ class VorbisWorkers {
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // Frees memory on the library's own heap. A library that has failed must not be called.
+    // Needed for a library with its own heap. After a failure, the library's state is unusable.
     ~Decoder() {
       if (failed) return;
       try {
@@ -321,8 +321,8 @@ class VorbisWorkers {
   // A ring of groups. The counts satisfy read_ <= started_ <= filled_.
   std::vector<Group> groups_;
   std::size_t read_ = 0;
-  std::size_t started_ = 0;  // guarded by the lock
-  std::size_t filled_ = 0;   // guarded by the lock where the workers read it
+  std::size_t started_ = 0;  // guarded by mutex_
+  std::size_t filled_ = 0;   // guarded by mutex_, except for reads on the filling thread
   // Position in the group being read.
   std::size_t block_ = 0;
   std::size_t code_ = 0;

@@ -1,11 +1,11 @@
-; The set-up program and the uninstaller: copies the files, registers the modules of both bitnesses, lists the
-; import filters and adds entries to the Start menu. scripts/package.sh builds it and defines VERSION, OUT and
-; FOLDER. FOLDER holds the files. Lists of the files are beside FOLDER.
+; The set-up program and the uninstaller: copies the files, registers the modules of both bitnesses, lists the import
+; filters in the registry and adds entries to the Start menu. scripts/package.sh builds it and defines VERSION, OUT and
+; FOLDER. ${FOLDER} holds the files to install. Lists of these files and of the modules are beside ${FOLDER}.
 ;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
-; Installs for all users if the user is an administrator, else for the current user. Exit status 0 means done, and 1
-; cancelled by the user. 2 means refused or failed without changes, also for an unknown switch.
+; Installs for all users if the user is an administrator, else for the current user. Exit status: 0 done, 1 cancelled by
+; the user, 2 refused or failed. A refusal changes nothing. A failure removes the whole installation.
 
-; A 32-bit stub would see the 32-bit view of registry and system folder.
+; A 32-bit set-up program would see the 32-bit views of the registry and the system folder.
 Target amd64-unicode
 Unicode true
 SetCompressor /SOLID lzma
@@ -51,7 +51,7 @@ VIAddVersionKey LegalCopyright ""
 !insertmacro MUI_UNPAGE_INSTFILES
 !insertmacro MUI_LANGUAGE English
 
-; After a failure that changed nothing, shows a message and ends with status 2.
+; Shows a message and ends with status 2.
 !macro Refuse message
   DetailPrint "${message}"
   MessageBox MB_ICONSTOP "${message}" /SD IDOK
@@ -106,7 +106,7 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Register ${folder} ${module} /u
 !macroend
 
-; Changes the machine's list of import filters for one bitness. marlinda.exe works without the list.
+; Adds the import filters to the machine's list for one bitness, or removes them. marlinda.exe needs no list.
 !macro ListFilters folder options
   StrCpy $0 0
   ${If} $Scope == machine
@@ -118,8 +118,8 @@ VIAddVersionKey LegalCopyright ""
   ${EndIf}
 !macroend
 
-; Removes the empty settings keys. The engine creates a key when it reads settings, in the machine's settings only
-; if the user has the right. Keys with values belong to the user or the application and stay.
+; Removes the empty settings keys. The engine creates its keys when it reads settings, those in HKLM only if the user
+; has the right. Keys with values belong to the user or the application and stay.
 !macro RemoveEmptySettings view
   SetRegView ${view}
   DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"
@@ -304,8 +304,8 @@ Section Uninstall
   Call un.TakeBack
 SectionEnd
 
-; The uninstaller runs as a copy in the temporary folder. The copy cannot delete itself, so cmd.exe waits for its
-; end and deletes it. cmd.exe runs in the current folder that the section has set.
+; The uninstaller runs as a copy in the temporary folder. The copy cannot delete itself, so cmd.exe waits for its end
+; and deletes it. cmd.exe starts in $TEMP, the current folder that section Uninstall has set.
 Function un.onUninstSuccess
   ${If} $EXEDIR != $INSTDIR
     ExecShell "" "$SYSDIR\cmd.exe" '/d /c for /l %i in (1,1,60) do \
@@ -332,7 +332,7 @@ Function .onInit
   UserInfo::GetAccountType
   Pop $R0
   ${GetParameters} $R1 ; without /D
-  ; Rejects mistyped switches, because the set-up program would ignore them.
+  ; Rejects unknown switches, because NSIS would ignore them.
   ${WordReplace} " $R1 " " " "  " "+" $R3 ; each word has its own two spaces
   ${WordReplace} $R3 " /S " "" "+" $R3
   ${WordReplace} $R3 " /NCRC " "" "+" $R3
@@ -372,7 +372,7 @@ Function .onInit
     !insertmacro SelectSection ${PathSection}
   ${EndIf}
 
-  ; A new version replaces an existing installation in its folder: two installations would share one registration.
+  ; A new version replaces an existing installation in its folder, because two would share one registration.
   ReadRegStr $R0 SHCTX "${UNINSTALL_KEY}" InstallLocation
   ${If} $INSTDIR == "" ; no /D
     StrCpy $INSTDIR $R0

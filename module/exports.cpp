@@ -36,8 +36,8 @@ class ClassFactory final : public marlinda::PlainObject<IClassFactory> {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    // Keeps thread notifications enabled, because the runtime in this module frees thread data in
-    // them.
+    // Thread notifications stay enabled, because the runtime in this module uses them to free the
+    // data of threads that end.
     TheModule().Attach(instance);
   } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
     // Not called at process end, when the automation library may already be unloaded.

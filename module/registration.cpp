@@ -14,7 +14,7 @@
 namespace marlinda {
 namespace {
 
-// Windows Vista and later export the per-user functions, but few headers declare them.
+// oleaut32.dll exports the ForUser functions from Windows Vista on, but few headers declare them.
 template <class Function>
 Function PerUserFunction(const char* name) {
   const FARPROC address = GetProcAddress(GetModuleHandleW(L"oleaut32.dll"), name);
@@ -41,7 +41,7 @@ void UnregisterTypeLibrary(const Registration& registration) {
           : UnRegisterTypeLib;
   const HRESULT hr =
       unregister_library(LIBID_MarlindaLib, 1, 0, 0, is_64_bit ? SYS_WIN64 : SYS_WIN32);
-  // If no type library is registered, the function fails with various codes, which are ignored.
+  // If no type library is registered, `hr` may be any of several failures and is ignored.
   if (registration.HasKey(L"TypeLib\\" + ToText(LIBID_MarlindaLib) + L"\\1.0\\0\\" +
                           (is_64_bit ? L"win64" : L"win32"))) {
     Check(hr);

@@ -1,5 +1,5 @@
-// CAudioPool: the store for imported and recorded audio. Samples and peaks go to two temporary
-// files. Each non-empty run from OpenDevice to CloseDevice is a take, read through a reader.
+// CAudioPool: stores imported and recorded audio in a temporary audio file and its peaks in a
+// temporary peak file. All writes from OpenDevice to CloseDevice form a take.
 #include <marlinda.h>
 
 #include <atomic>
@@ -36,10 +36,10 @@ std::string TemporaryDirectory() {
 
 }  // namespace
 
-// Only one thread at a time may write. Meanwhile readers may read the samples already written, each
-// reader on one thread at a time. Any thread may call QueryIsReady, Lock and Unlock.
+// Only one thread at a time may write. Meanwhile readers may read the samples already written. Use
+// each reader on one thread at a time. Any thread may call QueryIsReady, Lock and Unlock.
 //
-// If a file cannot be created, its handle is 0 and its reads and writes fail. Without the sample
+// If a file cannot be created, its handle is 0 and its reads and writes fail. Without the audio
 // file, WriteAudio returns the error of the creation. All other methods work.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
@@ -67,9 +67,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
   }
-  // Without a take, both methods leave the out-pointer unchanged. The reader gets the pool's
-  // current bit depth. The pool does not record the bit depth of a take. So after a change of the
-  // bit depth, a new reader misreads the earlier takes. If the reader cannot be created, the next
+  // Without a take, CreateLastReader and CreatePrevReader leave the out-pointer unchanged. A new
+  // reader uses the pool's current bit depth, because the pool does not record that of a take. So
+  // it misreads takes of another bit depth. If the reader cannot be created, the next
   // CreatePrevReader tries the same take again.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
@@ -102,10 +102,10 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   // IAudioWriter
   // Dithering changes the caller's samples. A block that ends within a frame is stored in full, but
-  // its peaks cover only the whole frames. Fails with E_INVALIDARG without channels, outside 8 to
-  // 40 bits and for less than a frame, and with ERROR_NOT_SUPPORTED for dithering more than 8
-  // channels. A refused block is not changed, and nothing is written. A failed write advances the
-  // positions and leaves a gap in the take. A failed write of peaks is not reported.
+  // its peaks cover only the whole frames. Fails with E_INVALIDARG if the block is shorter than a
+  // frame or the pool has no channels or a bit depth outside 8 to 40. Fails with
+  // ERROR_NOT_SUPPORTED if it would dither more than 8 channels. A refused block is neither changed
+  // nor written. A failed write leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -129,7 +129,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
     return S_OK;
   }
   STDMETHODIMP CloseDevice() override {
-    // Decrements the count last, so that a client that finds the pool ready also finds the take.
+    // Decrements open_count_ last, so that a client that finds the pool ready also finds the take.
     const HRESULT hr = ComCall([&] {
       if (audio_position_ <= take_audio_begin_) return S_FALSE;
       takes_.push_back({take_audio_begin_, audio_position_, take_peak_begin_});
@@ -175,8 +175,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-  // Sets the peak position to the start of the group of 256 frames that holds the audio position.
-  // The next block writes its first peaks there, even if its first frame lies within that group. So
+  // Sets the peak position to the peaks of the group of 256 frames in which the next frame lies.
+  // The next block writes its first peaks there, even if it begins in the middle of that group. So
   // the peaks match the frames only if every block but the last is a multiple of 256 frames.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
@@ -198,8 +198,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // Number of times that the peak position moved back. Later blocks then overwrite settled peaks. A
-  // change of format or bit depth within a take can cause this.
+  // Counts backward moves of the peak position, after which new blocks overwrite settled peaks. A
+  // change of format or bit depth within a take can cause such a move.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;

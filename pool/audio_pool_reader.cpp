@@ -27,11 +27,11 @@ HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(
 
 }  // namespace
 
-// Holds no audio: every read uses the pool's file handles. The lock serialises a reader's reads.
+// Holds no audio: every read uses the pool's file handles. `mutex_` serialises a reader's reads.
 //
-// Reads are not clipped to the region: they may reach neighbouring regions. A read need not be
-// whole frames. It fails with 0x80070026 at the end of the file, with ERROR_NEGATIVE_SEEK if its
-// first byte would lie before the file, and with E_INVALIDARG for samples outside 8 to 40 bits.
+// Reads are not clipped to the region: they may reach neighbouring regions. A read need not cover
+// whole frames. It fails with 0x80070026 if it passes the end of the file, with ERROR_NEGATIVE_SEEK
+// if it begins before the file, and with E_INVALIDARG outside 8 to 40 bits per sample.
 class CAudioPoolReader final
     : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
  public:
@@ -81,8 +81,8 @@ class CAudioPoolReader final
   }
 
   // IAudioReader
-  // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. Samples past
-  // the end of the file keep their values in a 32-bit region. In other regions they become silence.
+  // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. Array elements
+  // past the end of the file keep their values in a 32-bit region. In other regions they become 0.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;

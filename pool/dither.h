@@ -38,9 +38,9 @@ class DitherState {
 
   bool CanDither() const noexcept { return channels_ >= 1 && channels_ <= kMaxChannels; }
 
-  // Rounds the samples of all whole frames to codes of the target width. Does nothing in mode 0. An
-  // incomplete last frame stays unchanged. `random` returns uniformly distributed numbers from 0 to
-  // 32767. Mode 2 calls it twice for each sample. The other modes do not call it.
+  // Rounds the samples of all whole frames to codes of the target width. Does nothing in mode kOff.
+  // An incomplete last frame stays unchanged. `random` returns uniformly distributed numbers from 0
+  // to 32767. kTriangularNoise calls it twice for each sample. The other modes do not call it.
   //
   // A NaN or infinite sample stays unchanged and leaves no error, because a NaN error would turn
   // the rest of the channel into NaN.

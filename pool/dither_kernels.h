@@ -1,5 +1,5 @@
-// Noise shaping of a block, for each instruction level. Only dither.h calls it. Files compiled
-// for AVX2 include this header, so it defines no inline functions.
+// Noise shaping of a block, for each instruction level. Only dither.h calls it. This header defines
+// no inline functions, because the linker could choose a copy that is compiled for AVX2.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ struct ShapingErrors {
 // A filter with these taps moves the errors' noise to where the ear is less sensitive.
 inline constexpr float kShapingTaps[3] = {1.623F, -0.982F, 0.109F};
 
-// Errors below this are set to 0, because they cannot change the integer that a sample is rounded
-// to. In silence they would otherwise decay to denormals, which slow the processor down.
+// Smaller errors are set to 0, because they cannot change the integer that a sample is rounded to.
+// In silence they would otherwise decay to denormals, which slow the processor down.
 inline constexpr float kSmallestShapedError = 0x1p-100F;
 
 // Rounds the samples to codes, frame by frame. `errors` has one entry per channel and carries over
@@ -38,7 +38,7 @@ using ShapingKernel = void (*)(const ShapingSteps& steps, ShapingErrors* errors,
 // The scalar form, which defines the results.
 void ScalarShape(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                  std::size_t frames, std::size_t channels) noexcept;
-// Give the same bits as ScalarShape, for widths of at most 24 bits.
+// Both compute the same bits as ScalarShape for codes of at most 24 bits.
 void Sse2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,
                std::size_t channels) noexcept;
 void Avx2Shape(const ShapingSteps& steps, ShapingErrors* errors, float* samples, std::size_t frames,

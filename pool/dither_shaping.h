@@ -1,5 +1,5 @@
-// The vector form of noise shaping, with two channels in one vector. Each sample needs the error of
-// the previous one. This chain of dependent steps limits the speed.
+// The vector form of noise shaping. A vector holds two channels, not two samples of one channel,
+// because each sample needs the error of the previous one.
 //
 // `Ops` multiplies, adds and truncates for one instruction level. Each source file defines Ops in
 // an unnamed namespace. The linker then cannot merge the template instances of different levels.
@@ -11,12 +11,12 @@
 
 namespace marlinda {
 
-// Three steps differ from the reference and give the same bits:
-// - A product of floats is exact in double, so a fused multiplication and addition may round once.
-// - Half a code is added together with the offset. This saves one rounding, whose error is far
-//   below a code and never moves a value across the edge of a code.
-// - code / scale is computed as code * (1 / scale). Rounded to float, the two agree for every code
-//   of up to 24 bits and samples below 4.0.
+// Three steps differ from ScalarShape but compute the same bits:
+// - A product of two floats is exact in double, so fusing it with the addition changes no result.
+// - Half a code is added together with the offset. This saves one rounding. The error of that
+//   rounding is too small to change the code.
+// - code / scale is computed as code * (1 / scale). Rounded to float, both results agree for every
+//   code of up to 24 bits and samples below 4.0.
 // ScalarShape processes frames with larger samples, NaN or errors too small to keep.
 template <class Ops, std::size_t kChannels>
 void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
@@ -68,7 +68,7 @@ void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samp
       __m128 sample = single
                           ? _mm_load_ss(at)
                           : _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
-      // Adds in the order of the reference. The second product does not wait for the newest error.
+      // Adds in the order of ScalarShape. The product with tap1 does not wait for the newest error.
       __m128d shaped = Ops::MultiplyAdd(_mm_cvtps_pd(newest[pair]), tap0,
                                         _mm_mul_pd(_mm_cvtps_pd(second[pair]), tap1));
       shaped = Ops::MultiplyAdd(_mm_cvtps_pd(third[pair]), tap2, shaped);

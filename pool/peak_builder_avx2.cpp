@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t kLanes = 8;
 
-// For NaN and equal numbers the instructions return their second operand, the old value. The result
-// equals that of one comparison after the other, except for zeros of both signs.
+// For NaN and equal numbers the instructions return their second operand, the old value. So the
+// result equals that of comparing one sample after the other, except for the sign of a zero.
 struct Extremes {
   void Add(const float* at) noexcept {
     const __m256 values = _mm256_loadu_ps(at);

@@ -1,5 +1,5 @@
-// The AVX search for the peaks of a group. Only peak_builder.cpp calls it. Files compiled for AVX2
-// include this header, so it defines no inline functions.
+// The AVX search for the peaks of a group. Only peak_builder.cpp calls it. This header defines no
+// inline functions, because the linker could choose a copy that is compiled for AVX2.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace marlinda {
 inline constexpr float kLargestSample = std::numeric_limits<float>::max();
 
 // Writes the pair (minimum, maximum) of each channel. `count` is a multiple of 32, `channels` 1, 2,
-// 4 or 8. Returns false if a result is zero: its sign depends on the order of the samples.
+// 4 or 8. Returns false if a result is zero, because its sign depends on the order of the samples.
 bool Avx2PeakGroup(const float* samples, std::size_t count, std::size_t channels,
                    float* pairs) noexcept;
 

@@ -16,15 +16,15 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// At most this many floats per read, so that the processor's cache still holds them for the search.
+// The most floats of one read. So many stay in the processor's cache until they are searched.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
-// Caches the extremes of every group of 64 peaks that was read, and the peaks of groups in which a
-// stretch begins or ends. Drawing the same overview again reads nothing. Drawing a different
-// overview reads one group for each column. For 10 hours of stereo the extremes take 1.5 MiB, and
-// twice as much while the take grows. The cached peaks take at most 4 MiB.
+// Caches the extremes of every group that was read, and all peaks of a group in which a range
+// begins or ends. Drawing the same overview again reads nothing. Drawing another overview of the
+// same peaks reads one group for each column. For 10 hours of stereo the extremes need 1.5 MiB, and
+// twice as much while a take is recorded. The cached peaks need at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
@@ -37,8 +37,8 @@ class PeakGroups {
   // object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
-  // Extends the pairs of each stretch by its peaks (see core/samples/extremes.h). The first stretch
-  // begins at peak `first`. Stretch i ends before peak ends[i], where the next stretch begins. All
+  // Extends the pairs of each range by its peaks (see core/samples/extremes.h). The first range
+  // begins at peak `first`. Range i ends before peak ends[i], where the next range begins. All
   // these peaks must be settled. Returns false if a read fails. The pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read) {
@@ -63,7 +63,7 @@ class PeakGroups {
   }
 
  private:
-  // Reads the groups that lie wholly within the stretches and are not cached yet.
+  // Reads the groups from `first` to the last end that are not cached yet.
   bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read) {
     if (ends.empty()) return true;
     const std::int64_t last_group = ends.back() / kGroup;
@@ -103,8 +103,7 @@ class PeakGroups {
     }
     return true;
   }
-  // Widens each pair to include the peaks of [begin, end), a range in one group, which may be
-  // empty.
+  // Extends the pairs by the peaks of [begin, end), which is empty or lies in one group.
   bool ExtendByPart(std::span<float> pairs, std::int64_t begin, std::int64_t end,
                     const Read& read) {
     if (begin >= end) return true;

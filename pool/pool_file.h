@@ -14,7 +14,7 @@
 
 namespace marlinda {
 
-// Names to try before the creation fails.
+// Create fails after this many names.
 inline constexpr int kMaxNames = 10;
 
 // A file that the system deletes when its handle is closed. The destructor does not delete it by
@@ -23,10 +23,6 @@ class TemporaryFile {
  public:
   // Creates a file with a new name and opens it exclusively. On failure, Write returns the error.
   void Create(const std::string& directory, const char* prefix) noexcept {
-    // GetTempFileNameA creates an empty file to reserve the name. Opening this file would truncate
-    // it. Some file systems write a truncated file to the disk on closing, even if closing deletes
-    // the file. So the empty file is deleted first. CREATE_NEW fails if another program has created
-    // a file of this name in between.
     if (GetFileAttributesA(directory.c_str()) == INVALID_FILE_ATTRIBUTES) {
       error_ = LastErrorResult();
       return;
@@ -35,6 +31,9 @@ class TemporaryFile {
       char name[MAX_PATH] = "";
       // Wine returns a number even if it could not create the file. In this case CreateFileA fails.
       if (GetTempFileNameA(directory.c_str(), prefix, 0, name) != 0) {
+        // Deletes the empty file that GetTempFileNameA has created. Reusing it with CREATE_ALWAYS
+        // would truncate it. Some file systems write a truncated file to the disk on closing, even
+        // if closing deletes the file. CREATE_NEW fails if another program has taken the name.
         DeleteFileA(name);
         handle_.Reset(CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                                   FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
@@ -47,7 +46,7 @@ class TemporaryFile {
   HANDLE handle() const noexcept { return handle_ ? handle_.get() : nullptr; }
 
   // Writes all of `bytes` at `offset`. Fails with the error of Create if there is no file. A failed
-  // seek is not reported: its cause makes the write fail too.
+  // seek needs no check, because its cause makes the write fail too.
   HRESULT Write(std::int64_t offset, std::span<const std::byte> bytes) noexcept {
     if (!handle_) return error_;
     const Seek seek(handle_.get(), offset);

@@ -17,8 +17,8 @@ if [[ $preset == coverage ]]; then
     env -C "$root" ctest --preset coverage --no-tests=error
 else
   shift
-  # This build is so slow that CTest ends some tests. The lines that such tests ran still count. The package tests
-  # need another build.
+  # This build is so slow that some tests exceed CTest's time limit. The lines that they ran still count. The package
+  # tests need another build.
   log=$logs/coverage-components.log
   env -C "$root" "$root/scripts/wine-session" ctest --preset x64-coverage --no-tests=error -LE '^sound$' \
     -E '^package' >"$log" 2>&1 </dev/null || true

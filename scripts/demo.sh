@@ -14,7 +14,7 @@ rm -rf "$folder"
 mkdir -p "$folder"
 
 # show TEXT COMMAND...: prints TEXT, which is the command as a person would type it, and runs COMMAND. The output of
-# COMMAND goes to log.txt and `said`.
+# COMMAND goes to log.txt and to the variable `said`.
 show() {
   local shown=$1
   shift
@@ -46,7 +46,7 @@ demo() {
     marlinda cut demo.ogg demo.wav --keep 4.8:7.2 --keep 0:4.8 --silence 2.4:1 \
     --label "0:Third bar" --label "3.4:From the top" --marker "2.4:3.4:Silence" --plot demo.png
   printf '    %s\n' "$(pick $'(demo.wav[^\n]+)')"
-  # Independent programs describe the result.
+  # Other programs describe the result.
   show "sox --info demo.wav" sox --info demo.wav
   printf '    %s, %s\n' "$(pick '= ([0-9]+ samples)')" "$(pick $'Sample Encoding: ([^\n]+)')"
   show "sndfile-info demo.wav" sndfile-info demo.wav

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks all code with clang-format, and all code except the tests with cppcheck and clang-tidy:
+# Checks all code with clang-format, and the folders listed below with cppcheck and clang-tidy:
 #   scripts/lint.sh [--changed | FILE.cpp...]
-# Kernels are checked as native code, components as Windows code. A clean file is checked again only after a change
-# to the file, to a header or to .clang-tidy. A full run takes fifteen to thirty minutes on two cores, so
-# scripts/test.sh does not include it. --changed checks only the files that differ from the last commit, in seconds.
-# It does not check other files that include a changed header.
+# clang-tidy checks kernels as native code and components as Windows code. It checks a clean file again only after a
+# change to the file, to a header or to .clang-tidy. A full run takes fifteen to thirty minutes on two cores, so
+# scripts/test.sh does not include it. With --changed, clang-tidy checks only the files that differ from the last
+# commit, in seconds. It does not check other files that include a changed header.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 cd "$root"
 
@@ -19,8 +19,8 @@ folders=()
 for folder in core pool edit device import export task converter host; do
   [[ ! -d $folder ]] || folders+=("$folder")
 done
-# cppcheck attributes exceptions of a ComCall body to the surrounding function, although ComCall catches them.
-# cppcheck reads only this project's headers.
+# cppcheck does not see that ComCall catches the exceptions of its body. It reads only this project's headers, so it
+# lacks other headers and their macros.
 step "cppcheck" "see the log" cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ -I . \
   --enable=warning,performance,portability --suppress=throwInNoexceptFunction \
   --suppress=missingInclude --suppress=unknownMacro "${folders[@]}"

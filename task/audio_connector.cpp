@@ -54,9 +54,9 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 // between them. It uses the external format converter if the formats differ. As a task, it runs the
 // tasks of both filters.
 //
-// The connector and its filters hold each other. Cancel releases the filters. So does
-// QueryIsTaskRunning once it finds that the export has ended. Call one of these methods: until
-// then, an import that waits for room keeps waiting.
+// The connector and its filters hold each other. Cancel releases the filters, and so does
+// QueryIsTaskRunning once it finds that the export has ended. The host must call one of these
+// methods. Until then, an import that waits for room keeps waiting.
 //
 // Only the host's thread calls the filters and counts their references. The export's thread calls
 // ReadAudio, GetFormat and GetSampleCount. The import's thread calls WriteAudio and QueryIsReady.
@@ -227,7 +227,7 @@ class CAudioConnector final
     LearnSource();
     return S_OK;
   }
-  // Shared with the worker threads. Each set-up has its own.
+  // The worker threads share the job. Each set-up has its own job.
   std::shared_ptr<SourceFeed> job() const {
     const std::lock_guard lock(mutex_);
     return job_;
@@ -243,7 +243,7 @@ class CAudioConnector final
     filters_.reader = std::exchange(detached.reader, {});
     return detached;
   }
-  // Reads the format and length of the source. Does nothing once started.
+  // Reads the format and length of the source. Does nothing after Start.
   void LearnSource() {
     Filters filters;
     {

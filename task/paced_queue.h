@@ -13,12 +13,12 @@
 
 namespace marlinda {
 
-// Serves one writer and one reader. Any thread may call the other methods.
+// Serves one writer thread and one reader thread. Any thread may call the other methods.
 //
-// Wakes a thread only when its wait is over, because a wake-up for each packet costs more than the
-// packet. The waiting thread sets `writer_waits_` or `wanted_` under the lock before it tests the
-// queue. The other thread reads these members under the lock after it has changed the queue, so no
-// wake-up is lost.
+// Wakes a thread only when its wait is over, because waking a thread for each block costs more than
+// handling the block. The waiting thread sets `writer_waits_` or `wanted_` under the lock before it
+// tests the queue. The other thread reads these members under the lock after it has changed the
+// queue, so no wake-up is lost.
 class PacedQueue {
  public:
   // The writer waits while the queue holds more samples than this. Testing and appending are two
@@ -59,8 +59,8 @@ class PacedQueue {
     if (wanted_ > 0 && queue_.Count() >= wanted_) samples_.notify_one();
   }
 
-  // Reader: waits until the queue holds `wanted` samples. Adds the rounds in which nothing arrived
-  // to `timeouts`. Returns false if samples are missing after too many timeouts or an interruption.
+  // Reader: waits for `wanted` samples. Adds 1 to `timeouts` for each round in which nothing
+  // arrives. Returns false if samples are missing after too many timeouts or an interruption.
   bool AwaitSamples(std::size_t wanted, int& timeouts) {
     std::unique_lock lock(mutex_);
     const auto is_over = [&] { return interrupted_ || queue_.Count() >= wanted; };

@@ -31,7 +31,7 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Give up flushing a converter after this many silent blocks. A converter holds back fewer frames.
+// Give up flushing a converter after this many silent blocks. A converter holds back less.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -89,8 +89,8 @@ class SourceFeed {
     reader_ = nullptr;
   }
 
-  // Called on the export's thread. If the source has stopped, fills the rest with 0.0 and returns
-  // S_FALSE.
+  // Called on the export's thread. If the source has stopped, fills the rest of the array with 0.0
+  // and returns S_FALSE.
   HRESULT Read(SAFEARRAY* array) {
     SampleArrayView view;
     const HRESULT hr = view.Lock(array);
@@ -124,7 +124,7 @@ class SourceFeed {
   }
 
  private:
-  // Both methods fill the queue up to `wanted` samples, or return false if the source ends.
+  // Both methods return false if the source ends before the queue holds `wanted` samples.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {
@@ -141,13 +141,13 @@ class SourceFeed {
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
     if (complete || import_runs_) return complete;
-    // The import ended before its reported length, so the converter still holds its last frames.
+    // If the import ended before its reported length, the converter still holds its last frames.
     const std::lock_guard lock(mutex_);
     PushSilence();
     return false;
   }
 
-  // Call with `mutex_` held.
+  // Call the methods from here on with `mutex_` held.
   void PullBlock() {
     if (!block_) block_ = std::make_unique<SampleArray>();
     SAFEARRAY* const array = block_->Prepare(static_cast<std::size_t>(kFramesPerPull) *
@@ -158,9 +158,9 @@ class SourceFeed {
     read_position_ += kFramesPerPull;
     Push(array, block_->samples());
   }
-  // A converter mixes neighbouring frames. Samples beyond the end of the source, such as the next
-  // take of a pool, must not be heard in the last frames of the source. Does nothing without a
-  // converter.
+  // Silences samples beyond the end of the source, such as the next take of a pool. The converter
+  // mixes neighbouring frames, so these samples would be heard in the last frames of the source.
+  // Does nothing without a converter.
   void SilenceBeyondEnd(std::span<float> samples, __int64 first_frame) const {
     if (!converter_ || source_frames_ <= 0) return;
     const __int64 left = std::clamp<__int64>(source_frames_ - first_frame, 0, kFramesPerPull);

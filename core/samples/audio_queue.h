@@ -23,7 +23,7 @@ class CAudioQueue {
   // the consumer never sees a value that is too high.
   std::size_t Count() const noexcept { return count_; }
 
-  // The ring's size in samples, which is more than Count().
+  // The ring's size in samples, which is always greater than Count().
   std::size_t Capacity() const {
     const std::lock_guard lock(mutex_);
     return ring_.size();
@@ -35,7 +35,7 @@ class CAudioQueue {
     if (capacity > ring_.size()) MoveToRing(capacity);
   }
 
-  // Drops all samples. Shrinks the ring to its first size unless memory runs out.
+  // Drops all samples. Shrinks the ring to its initial size unless memory runs out.
   void Clear() noexcept {
     const std::lock_guard lock(mutex_);
     read_index_ = 0;
@@ -64,7 +64,7 @@ class CAudioQueue {
   // Moves the first samples to `destination`. If there are too few, fills the rest with 0.0.
   void Read(std::span<float> destination) { Read(destination, destination.size()); }
 
-  // Copies the first samples likewise, but removes `advance` samples. 0 leaves the queue unchanged.
+  // Fills `destination` likewise, but removes `advance` samples. 0 leaves the queue unchanged.
   void Read(std::span<float> destination, std::size_t advance) {
     const std::lock_guard lock(mutex_);
     const std::size_t count = count_;
@@ -85,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // Wraps a position below twice the ring size. Compares, because a division costs more.
+  // Wraps a position below twice the ring size. A division would cost more than the comparison.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

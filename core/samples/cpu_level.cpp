@@ -34,8 +34,8 @@ CpuLevel Detect() noexcept {
   const bool fma = HasBit(registers[kEcx], 12);
   const bool reads_saved_state = HasBit(registers[kEcx], 27);
   if (!sse2) return CpuLevel::kScalar;
-  // The SSE registers and the upper halves of the AVX registers. If the system does not save these
-  // registers, a thread switch destroys their values.
+  // XCR0 bits of the SSE registers and of the upper halves of the AVX registers. If the system does
+  // not save these registers, a thread switch destroys their values.
   constexpr unsigned kWideRegisters = 0x6;
   if (!fma || !reads_saved_state || highest_leaf < 7 ||
       (static_cast<unsigned>(_xgetbv(0)) & kWideRegisters) != kWideRegisters) {

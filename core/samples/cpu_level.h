@@ -13,8 +13,8 @@ CpuLevel HighestCpuLevel() noexcept;
 // The level in use: the highest unless LimitCpuLevel has lowered it.
 CpuLevel CurrentCpuLevel() noexcept;
 
-// For tests and benchmarks. From now on, kernels use no higher level than `limit`. The processor's
-// highest level, or any level above it, removes the limit.
+// For tests and benchmarks. From now on, kernels use no higher level than `limit`. A limit at or
+// above HighestCpuLevel() removes an earlier limit.
 void LimitCpuLevel(CpuLevel limit) noexcept;
 
 }  // namespace marlinda

@@ -5,8 +5,8 @@
 namespace marlinda {
 namespace {
 
-// The kind of record. The value is the distance in floats from a channel's minimum to its maximum.
-// A sample is its own minimum and maximum, so the distance is 0.
+// What a record contains for each channel: a sample, or a peak (lowest, highest). The value is the
+// distance in floats from the lowest to the highest, which is 0 for a sample.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
@@ -23,9 +23,9 @@ struct Extremes {
 // From this record count on, Extend searches four parts in parallel.
 constexpr std::size_t kFewRecords = 24;
 
-// The scalar form for one channel: `count` records, each `stride` floats after the previous one.
-// Each comparison of a search waits for the previous one, so four parts are searched in parallel.
-// Joining the parts in order gives the result of a single search.
+// The scalar form. Extends one channel's pair by `count` records, each `stride` floats after the
+// previous one. Each comparison of a search waits for the previous one, so four parts are searched
+// in parallel. Joining the parts in order gives the result of a single search.
 void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
             Kind kind) noexcept {
   const auto high = static_cast<std::size_t>(kind);
@@ -100,8 +100,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
   return _mm_movemask_epi8(found) != 0;
 }
 
-// Returns false and changes nothing if Search cannot take the records, or if an extreme may be 0.0
-// or -0.0. The first of such zeros must be kept, but the lanes do not record their order.
+// Returns false and changes nothing if Search does not accept the records, or if an extreme may be
+// 0.0 or -0.0. The first of these zeros must stay, but the lanes do not record their order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

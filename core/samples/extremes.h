@@ -11,8 +11,8 @@ namespace marlinda {
 inline constexpr float kNoLowest = std::numeric_limits<float>::infinity();
 inline constexpr float kNoHighest = -std::numeric_limits<float>::infinity();
 
-// Both functions compare one value after the other. Only a smaller value replaces the lowest, only
-// a greater value the highest. So NaN is skipped, and of 0.0 and -0.0 the first stays.
+// Both functions act as if they compared in order. Only a smaller value replaces the lowest, only a
+// greater value the highest. So NaN is skipped, and of 0.0 and -0.0 the first stays.
 //
 // Extends the pairs by whole frames of interleaved samples.
 void ExtendBySamples(std::span<float> pairs, std::span<const float> samples) noexcept;

@@ -1,5 +1,5 @@
-// The loops of the vector forms of the converters. Each including file defines its `kConvertBlock`
-// in an unnamed namespace, so each file has its own loop.
+// The loops of the converters' vector forms. Each including file defines its `kConvertBlock` in an
+// unnamed namespace. The linker then cannot merge the loops of different instruction levels.
 #pragma once
 
 #include "core/samples/sample_kernels.h"

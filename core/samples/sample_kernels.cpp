@@ -1,4 +1,4 @@
-// The reference form of the sample converters, one sample at a time.
+// The scalar form of the sample converters, one sample at a time.
 #include <cstddef>
 #include <cstdint>
 #include <limits>

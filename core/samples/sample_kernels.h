@@ -1,5 +1,5 @@
 // The sample converters for each instruction level. Only sample_converter and the tests call them.
-// Files compiled for AVX2 include this header, so it defines no inline functions.
+// The header has no inline functions, because the linker could use an AVX2 version in all files.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ struct SampleKernels {
 
 // The scalar form, which defines the results.
 extern const SampleKernels kScalarSampleKernels;
-// Give the same bits as the scalar form, which converts the samples after the last whole vector.
+// Produce the same bits as the scalar form, and use it for samples after the last whole vector.
 extern const SampleKernels kSse2SampleKernels;
 extern const SampleKernels kAvx2SampleKernels;
 

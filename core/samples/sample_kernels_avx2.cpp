@@ -17,7 +17,7 @@ void Store(__m256i value, std::byte* out) noexcept {
 // the floor is one too high. The exact remainder, from one fused operation, is then negative, and
 // the code is corrected by -1. Samples are first limited to 1.0, which gives the highest code. For
 // NaN the minimum returns its second operand, the NaN. NaN and values far below -1.0 become the
-// most negative integer. The saturating steps keep this integer for either sign of the remainder.
+// most negative integer. Saturation makes it the lowest code, even if -1 is added.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);
@@ -49,7 +49,7 @@ void EncodeBlock16(const float* source, std::byte* out) noexcept {
   Store(RoundSixteen<32767>(source), out);
 }
 
-// Values that do not fit, full scale and NaN included, become the most negative code.
+// Values that do not fit, +1.0 and NaN included, become the most negative code.
 __m256i Scale32(const float* source) noexcept {
   return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_loadu_ps(source), _mm256_set1_ps(2147483648.0F)));
 }

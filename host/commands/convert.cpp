@@ -21,7 +21,7 @@ struct ConvertOptions {
   bool json = false;
 };
 
-// Cancels on destruction, because the connector and the filters hold references to each other.
+// The destructor cancels, so that the connector and the filters release each other.
 class Connector {
  public:
   Connector() = default;
@@ -60,7 +60,7 @@ std::optional<WaveFileFacts> ConvertDirectly(Source& source, const AudioFormat& 
   return facts;
 }
 
-// Exports an imported take, which has the exact length that the connector needs in advance.
+// Exports an imported take. The connector needs the exact length, which the take has.
 WaveFileFacts ConvertFromPool(const ImportedAudio& audio, const AudioFormat& to, int bits,
                               FileExport& wave, const Console& console) {
   if (to == audio.format) return wave.Run(audio.reader.Get(), bits, console);

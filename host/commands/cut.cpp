@@ -1,4 +1,4 @@
-// "marlinda cut": pieces of a file joined in the order given, with silence, labels and markers.
+// "marlinda cut": joins pieces of audio in the order given, and adds silence, labels and markers.
 #include "host/commands/shared.h"
 #include "host/cut_plan.h"
 #include "host/document_picture.h"
@@ -102,7 +102,7 @@ void Cut(const CutOptions& options, const Console& console) {
   PrintSummary(written, options.json, console);
 }
 
-// An option that may be repeated, with one value each time.
+// Adds an option that may be repeated, with one value each time.
 CLI::Option* AddRepeated(CLI::App* command, const char* name, const char* form,
                          std::vector<std::string>& values, const char* help) {
   return command->add_option(name, values, help)->option_text(form)->allow_extra_args(false);

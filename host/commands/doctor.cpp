@@ -84,7 +84,7 @@ std::filesystem::path FolderOf(const std::string& file) {
   return std::filesystem::path(Widen(file)).parent_path();
 }
 
-// Returns the registry's entries for programs of `bits` bits.
+// Returns the registry's entries for 64-bit or 32-bit programs.
 Registrations InRegistry(REFCLSID class_id, int bits) {
   Registrations found;
   const std::wstring path =
@@ -175,7 +175,7 @@ std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_f
   DWORD status = 0;
   if (WaitForSingleObject(process, static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0) {
     TerminateProcess(process, 1);
-    WaitForSingleObject(process, 1000);  // a running process holds its files
+    WaitForSingleObject(process, 1000);  // its files can be deleted only after it has ended
     return "no answer in " + std::to_string(kDecodingSeconds) + " s";
   }
   GetExitCodeProcess(process, &status);
@@ -184,15 +184,15 @@ std::string DecodingFailure(HANDLE process, const std::filesystem::path& peaks_f
   if (status != 0) return "status " + std::to_string(status);
   std::ifstream stream(peaks_file);
   const Json peaks = Json::parse(stream, nullptr, false);
-  constexpr int kLoud = 8000;  // half of the tone's level
+  constexpr int kLoud = 8000;  // about half of the tone's level
   const bool is_loud =
       peaks.is_object() &&
       std::ranges::any_of(peaks["data"], [](const Json& code) { return code > kLoud; });
   return is_loud ? "" : "the sound is wrong";
 }
 
-// Runs every check, even after problems. Opens the default sound devices briefly and makes the
-// engine create temporary files. Leaves nothing behind.
+// Runs all checks, but tries the decoders only if there is no problem so far. Opens the default
+// sound devices briefly and makes the engine create temporary files. Leaves nothing behind.
 class Doctor {
  public:
   Doctor() {
@@ -317,7 +317,6 @@ class Doctor {
     if (SUCCEEDED(hr)) {
       module_ = ModuleOf(manager.Get());
       AddFile("module", module_);
-      // Search for the first registration that names the module.
       const auto used = std::ranges::find_if(registrations_, [&](const auto& registration) {
         std::error_code error;
         return std::filesystem::equivalent(Widen(registration.module), Widen(module_), error);
@@ -336,7 +335,7 @@ class Doctor {
     Line("registered", ToText(registrations_, "nowhere"));
   }
 
-  // Returns the module beside the program or, in a package, in x64 or x86. Empty if there is none.
+  // Returns the module beside the program or in a package's x64 or x86 folder, else an empty text.
   std::string FindBeside(int bits) const {
     const auto folder = FolderOf(program_);
     for (const auto& place : {folder, folder.parent_path() / (bits == 64 ? L"x64" : L"x86")}) {
@@ -353,8 +352,8 @@ class Doctor {
       const std::string file = FindBeside(bits);
       Registrations registrations = InRegistry(CLSID_CFileFilterMgr, bits);
       if (bits != kOwnBits) {
-        // Some systems show programs of both bitnesses the same entries. An entry that this program
-        // sees belongs to this program's bitness.
+        // Some systems show the same entries to programs of both bitnesses. Ignores the entries
+        // that this program also finds, because they belong to its own bitness.
         std::erase_if(registrations, [&](const Registration& registration) {
           return std::ranges::count(registrations_, registration) != 0;
         });
@@ -389,7 +388,7 @@ class Doctor {
     Line("type library", help.utf8() + ", " + path.utf8());
   }
 
-  // Checks the classes in the module's type library.
+  // Creates an object of each class in the module's type library.
   void ExamineClasses() {
     Json& classes = report_["classes"] = Json::array();
     if (module_.empty()) return;
@@ -479,7 +478,7 @@ class Doctor {
     }
   }
 
-  // Chooses the folder as the engine does. The engine ignores a value that exceeds its buffer.
+  // Chooses the folder as the engine does, which ignores a registry value longer than its buffer.
   void ExamineTemporaryFolder() {
     char chosen[256] = "";
     DWORD size = sizeof chosen - 1;
@@ -524,7 +523,7 @@ class Doctor {
     }
   }
 
-  // Does not try the decoders after other problems, because every kind would fail.
+  // Does not try the decoders after other problems, which could make every kind of file fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

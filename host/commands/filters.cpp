@@ -1,5 +1,5 @@
-// "marlinda filters": lists the import filters of the registry list, then the built-in filters that
-// the list lacks.
+// "marlinda filters": lists the import filters in the registry, then the built-in filters that the
+// registry lacks.
 #include <sstream>
 
 #include "host/commands/shared.h"

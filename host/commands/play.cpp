@@ -65,7 +65,7 @@ class Player {
       __int64 now_at = 0;
       Check(document_->GetPlayStatus(&playing, &now_at));
       if (playing == VARIANT_FALSE) break;
-      // At the end of a section that does not loop, the engine reports the section's begin again.
+      // At the end of a section that does not loop, the engine reports the section's start again.
       position = section_.loop ? now_at : std::max(position, now_at);
       if (console.Interrupted()) {
         throw HostError(ExitStatus::kInterrupted, source.file(),

@@ -49,7 +49,7 @@ void Plot(PlotOptions options, const Console& console) {
     const ImportedAudio part = source.Stream(
         [&](const AudioFormat&, auto samples) { picture.Add(samples); }, console, range);
     if (part.frames == range.end - range.begin) height = picture.Draw(annotations);
-    // The file holds fewer frames than it announces, so it is decoded again, into the pool.
+    // Otherwise the file holds fewer frames than it announces. Decodes it again, into the pool.
     if (!height) source.Initialize();
   }
   const ImportedAudio audio = height ? *expected : source.Import(console);

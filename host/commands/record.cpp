@@ -114,7 +114,7 @@ bool CanBeOpened(const DeviceChoice& device, const AudioFormat& format) {
   }
 }
 
-// Returns the reason why the recording ended early, or nothing if it did not.
+// Records up to `frames` frames. Returns the reason if the recording ended early, else nothing.
 std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
                                 const AudioFormat& format, std::int64_t frames,
                                 const DeviceChoice& device, const Console& console) {

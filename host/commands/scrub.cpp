@@ -1,4 +1,4 @@
-// "marlinda scrub": plays an audio file around positions from a list or the arrow keys.
+// "marlinda scrub": plays an audio file around positions from a list or from the arrow keys.
 #include <algorithm>
 #include <chrono>
 
@@ -72,7 +72,7 @@ class Scrubber {
   }
 
  private:
-  // Returns the frames by which a key moves the position. Home and End may move beyond the audio.
+  // Returns the frames by which a key moves the position. The caller limits the new position.
   std::optional<std::int64_t> StepOf(WORD key) const {
     const std::int64_t rate = audio_.format.rate;
     // Move at least one frame, so that every key has an effect.
@@ -114,7 +114,7 @@ class Scrubber {
   StatusLine line_;
 };
 
-// Returns the positions of --at in the audio.
+// Converts the times of --at to frames of the audio.
 std::vector<std::int64_t> ResolveAt(const ScrubOptions& options, const ImportedAudio& audio) {
   std::vector<std::int64_t> positions;
   const auto resolve = [&](std::string_view text) {
@@ -138,7 +138,7 @@ void Scrub(const ScrubOptions& options, const Console& console) {
   const auto expected = options.at.empty() ? std::nullopt : source.Expected();
   std::vector<FrameRange> parts;
   if (expected) {
-    // Scrubbing plays a tenth of a second around a position.
+    // Scrubbing plays a tenth of a second at each position, so a margin of one second is ample.
     const LONG margin = expected->format.rate;
     for (const std::int64_t position : ResolveAt(options, *expected)) {
       parts.push_back({std::max<std::int64_t>(position - margin, 0),

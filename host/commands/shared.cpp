@@ -84,7 +84,7 @@ int OutputBits(const std::optional<int>& asked, const std::optional<int>& source
 }
 
 std::string Serialize(const Json& report) {
-  // Increase it when a report loses a key or a key changes its meaning, but not for new keys.
+  // Increase the version when a report loses a key or a key changes its meaning, not for new keys.
   constexpr int kSchemaVersion = 2;
   Json versioned = {{"schema_version", kSchemaVersion}};
   versioned.update(report);

@@ -17,8 +17,8 @@
 
 namespace marlinda {
 
-// Each function adds one command with its options to the parser, which runs the command after
-// reading the whole line. Failures throw a HostError.
+// Each function adds one command with its options to the parser. The parser runs the command after
+// reading the whole command line. Failures throw a HostError or an HResultError.
 void AddConvert(CLI::App& app, Console& console);
 void AddCut(CLI::App& app, Console& console);
 void AddDevices(CLI::App& app, Console& console);
@@ -34,7 +34,7 @@ void AddRecord(CLI::App& app, Console& console);
 void AddScrub(CLI::App& app, Console& console);
 void AddStats(CLI::App& app, Console& console);
 
-// Adds a command. `action` runs in a single-threaded apartment after the line is parsed. A
+// Adds a command. `action` runs in a single-threaded apartment after the command line is parsed. A
 // std::invalid_argument that `action` throws is reported as a usage error.
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, const char* footer,
                      std::function<void()> action);

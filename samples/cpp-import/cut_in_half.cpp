@@ -29,7 +29,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   document->AppendSegment(take, 0, frames);
   document->Delete(frames / 2, frames);
 
-  // Receives minimum and maximum of each column and channel. The elements are floats, not short.
+  // Minimum and maximum of each column and channel, as floats. The type library declares short.
   const ULONG columns = 64;
   SAFEARRAY* plot = SafeArrayCreateVector(VT_R4, 0, columns * 2 * channels);
   if (plot == nullptr) _com_raise_error(E_OUTOFMEMORY);

@@ -11,8 +11,8 @@
 
 using Microsoft::WRL::ComPtr;
 
-// Ends the program if `hr` is a failure. A real host would inform its user. `file` is the file
-// concerned.
+// Ends the program if `hr` is a failure, with a message that names the step `what` and `file`. A
+// real host would inform its user.
 inline void Check(HRESULT hr, const char* what, const wchar_t* file = L"") {
   if (SUCCEEDED(hr)) return;
   wchar_t reason[256] = L"\n";
@@ -40,7 +40,7 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
-// A text parameter of the engine.
+// Owns a BSTR, the type of the engine's text parameters.
 class Text {
  public:
   explicit Text(const std::wstring& text) : text_(SysAllocString(text.c_str())) {

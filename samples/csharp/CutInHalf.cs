@@ -37,7 +37,7 @@ interface IAudioPool
 [ComImport, Guid("AF905BC1-1608-4C54-8654-EAFC2E81686A"), InterfaceType(ComInterfaceType.InterfaceIsDual)]
 interface IImportFilter
 {
-    // PreserveSig returns S_FALSE and failures, which are results here, instead of throwing.
+    // With PreserveSig, the caller gets S_FALSE and failures, which are results here.
     [PreserveSig]
     int QueryCanLoad([MarshalAs(UnmanagedType.BStr)] string bstrFileName);
     void Initialize([MarshalAs(UnmanagedType.BStr)] string bstrFileName, IAudioWriter pWriter);
@@ -76,7 +76,7 @@ interface IEditedAudio
     void Clear();
     void InsertSegment(long nPosition, IAudioReader parSource, long nBegin, long nEnd);
     void AppendSegment(IAudioReader parSource, long nBegin, long nEnd);
-    // An IntPtr, because the caller does not own the reader, but C# would release an object.
+    // An IntPtr, because C# would release an IAudioReader, but the caller does not own the reader.
     int GetFirstSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     int GetNextSegment(out IntPtr pparSource, out long pnBegin, out long pnEnd);
     void Delete(long nBegin, long nEnd);

@@ -1,5 +1,5 @@
-// An import filter in a separate module: decodes FLAC files with libFLAC. docs/adding-a-filter.md
-// explains this file. "regsvr32 FlacImport.dll" registers and lists the filter.
+// An import filter in a separate module, which decodes FLAC files with libFLAC. "regsvr32
+// FlacImport.dll" registers and lists the filter. docs/adding-a-filter.md explains the steps.
 #include <windows.h>
 // The headers below need windows.h first.
 #include <FLAC/stream_decoder.h>
@@ -23,7 +23,7 @@ constexpr CLSID kFlacImport = {
     0x6F4D0B52, 0x93B7, 0x4E0D, {0x8A, 0x5C, 0x0D, 0x6E, 0x52, 0xB1, 0xF7, 0x39}};
 constexpr wchar_t kClassKey[] = L"Software\\Classes\\CLSID\\{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
 constexpr wchar_t kClassText[] = L"{6F4D0B52-93B7-4E0D-8A5C-0D6E52B1F739}";
-// The registry key that lists import filters. A value of any name holds a class identifier.
+// The registry key that lists import filters. Each value holds a class identifier, under any name.
 constexpr wchar_t kFilterList[] = L"Software\\Brevant\\Cutloom\\Import Filters";
 constexpr wchar_t kListedAs[] = L"CFlacImport";
 constexpr GUID kTypeLibrary = {
@@ -33,12 +33,12 @@ constexpr GUID kTypeLibrary = {
 // and 200.
 constexpr SHORT kMerit = 150;
 constexpr ULONG kFramesInBlock = 16384;
-// The smallest frame of a file (header and two checksums), and the most samples in a frame.
+// The minimum bytes (header and two checksums) and maximum samples per channel of a FLAC frame.
 constexpr __int64 kLeastBytesOfFrame = 8;
 constexpr __int64 kMaxBlock = 65535;
 
 HINSTANCE g_module = nullptr;
-// The number of objects and running workers. The module must stay loaded until this number is 0.
+// The number of filters, jobs and factory locks. The module must stay loaded until it is 0.
 std::atomic<long> g_in_use = 0;
 
 struct Description {
@@ -50,7 +50,7 @@ struct Description {
   std::wstring title, artist, album, year, genre;
 };
 
-// The divisor from codes to floats. An export with 8, 16 or 24 bits restores the codes.
+// The divisor from integers to floats. An export with 8, 16 or 24 bits restores the integers.
 float Scale(SHORT bits) {
   if (bits <= 8) return 127.0F / static_cast<float>(1 << (8 - bits));
   if (bits <= 16) return 32767.0F / static_cast<float>(1 << (16 - bits));
@@ -64,7 +64,7 @@ std::wstring Widen(const char* utf8, int size) {
   return text;
 }
 
-// Stores "NAME=text" in the field of that name unless the field is already set.
+// Stores the text of a comment "NAME=text". If a name occurs twice, only the first text counts.
 void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Description& description) {
   const std::pair<const char*, std::wstring Description::*> fields[] = {
       {"TITLE=", &Description::title}, {"ARTIST=", &Description::artist},
@@ -81,8 +81,8 @@ void TakeComment(const FLAC__StreamMetadata_VorbisComment_Entry& entry, Descript
   if (description.year.size() > 4) description.year.resize(4);  // keep the year of a date
 }
 
-// An open file and its decoder. The decoder calls the methods below, and none of them may let an
-// exception pass.
+// An open file and its decoder. libFLAC is C code, so no exception may leave the methods that it
+// calls.
 class Decoder {
  public:
   Decoder() : decoder_(FLAC__stream_decoder_new()) {}
@@ -156,7 +156,7 @@ class Decoder {
   Description description_;
 };
 
-// Measures a file that does not hold its length.
+// Counts the samples per channel of a file that does not hold its length.
 class Counter final : public Decoder {
  public:
   __int64 Count() {
@@ -201,8 +201,8 @@ class Job final : public Decoder {
 
  private:
   bool Take(const FLAC__Frame& frame, const FLAC__int32* const channels[]) noexcept override;
-  // Passes a block of `count` frames, which `fill` computes, to the writer. Returns false if the
-  // import must end.
+  // Calls `fill` to compute a block of `count` frames and passes the block to the writer. Returns
+  // false if the import must end.
   template <class Fill>
   bool Write(ULONG count, Fill fill);
   bool WriteSilence(__int64 end);
@@ -262,7 +262,7 @@ void Job::Run() {
     while (open && position < frames) open = Next();
     writer->CloseDevice();
   }
-  // Release the writer before the task reports its end.
+  // After the task has reported its end, the worker must not use objects of the host.
   std::exchange(writer, nullptr)->Release();
   running = false;
 }
@@ -308,8 +308,8 @@ class Dual : public I {
   }
 };
 
-// One object serves one import. IImportFilter is the first base, because scripts get the first
-// interface.
+// One object serves one import. QueryInterface returns IImportFilter as IDispatch, because scripts
+// get only the default interface.
 class FlacImport final : public Dual<IImportFilter>,
                          public Dual<IExFormatInfo>,
                          public Dual<IMetaDataReader>,

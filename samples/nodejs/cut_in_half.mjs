@@ -42,7 +42,7 @@ const interfaces = {
     Initialize: [1, 'void *file_name, void *reader'],
   },
 };
-// All these interfaces are dual: the seven methods of IUnknown and IDispatch come first.
+// All these interfaces are dual, so the seven methods of IUnknown and IDispatch come first.
 const FIRST_OWN = 7;
 const RELEASE = 2;
 
@@ -108,7 +108,7 @@ function create(progId, name) {
   const clsid = Buffer.alloc(16);
   check(CLSIDFromProgID(progId, clsid));
   const object = [null];
-  check(CoCreateInstance(clsid, null, 1 /* in this process */, guid(interfaces[name].iid), object));
+  check(CoCreateInstance(clsid, null, 1 /* CLSCTX_INPROC_SERVER */, guid(interfaces[name].iid), object));
   return new Face(name, object[0]);
 }
 
@@ -189,5 +189,5 @@ if (process.argv.length !== 4) {
   console.error('usage: node cut_in_half.mjs IN.ogg OUT.wav');
   process.exit(2);
 }
-check(CoInitializeEx(null, 2 /* a single-threaded apartment */));
+check(CoInitializeEx(null, 2 /* COINIT_APARTMENTTHREADED */));
 await cutInHalf(process.argv[2], process.argv[3]);

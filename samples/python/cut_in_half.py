@@ -11,7 +11,7 @@ import time
 
 from comtypes.client import CreateObject, GetModule
 
-# Reads "Marlinda 1.0 Type Library" and makes comtypes.gen.MarlindaLib.
+# Generates comtypes.gen.MarlindaLib from "Marlinda 1.0 Type Library".
 GetModule(("{F70A5B7A-7291-4204-93E6-E75FDAEF39FC}", 1, 0))
 from comtypes.gen import MarlindaLib as marlinda  # noqa: E402
 

@@ -7,8 +7,8 @@
 // - It cannot query an object for another interface, so InterfacePicker does that.
 // - It has no 64-bit numbers, so the length is an argument instead of the result of GetSampleCount.
 //   Arguments of methods may be whole numbers up to 2^53.
-// - It has no [out] parameters besides the result, and no arrays of floats. Therefore it cannot call
-//   ReadAudio, WriteAudio, ReadPeaks, ReadWaveplot and GetFormat.
+// - It has no [out] parameters besides the result, so it cannot call GetFormat.
+// - It has no arrays of floats, so it cannot call ReadAudio, WriteAudio, ReadPeaks and ReadWaveplot.
 if (WScript.Arguments.length != 3 || !(Number(WScript.Arguments(2)) > 0)) {
   WScript.Echo("usage: cscript cut_in_half.js IN OUT.wav FRAMES");
   WScript.Quit(2);
@@ -17,7 +17,7 @@ var input = WScript.Arguments(0), output = WScript.Arguments(1);
 var frames = Number(WScript.Arguments(2)), half = Math.floor(frames / 2);
 var pick = new ActiveXObject("Tessaly.InterfacePicker");
 
-// Returns null if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
+// Returns null if no listed filter reads the file. "marlinda install-filters" puts the engine's filters on the list.
 var filter = new ActiveXObject("Marlinda.FileFilterMgr").CreateImportFilter(input);
 if (!filter) {
   WScript.Echo("No import filter reads " + input);

@@ -14,7 +14,7 @@ End If
 Dim pick, manager, pool, import, take, frames
 Set pick = CreateObject("Tessaly.InterfacePicker")
 
-' Returns Nothing if no listed filter reads the file. "marlinda install-filters" lists the engine's filters.
+' Returns Nothing if no listed filter reads the file. "marlinda install-filters" puts the engine's filters on the list.
 Set manager = CreateObject("Marlinda.FileFilterMgr")
 Set import = manager.CreateImportFilter(WScript.Arguments(0))
 If import Is Nothing Then

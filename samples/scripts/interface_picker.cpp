@@ -1,5 +1,5 @@
-// Gives scripts every interface of an object. A script gets only an object's default interface. The
-// only method of InterfacePicker returns the other interfaces:
+// Lets scripts use every interface of an object. By itself, a script gets only the default one. The
+// default method of InterfacePicker returns the interface of a given name:
 //   Set pick = CreateObject("Tessaly.InterfacePicker")
 //   pick(filter, "ICoreTask").Start
 // "regsvr32 InterfacePicker.dll" registers the class for the machine, or for the current user if
@@ -68,7 +68,7 @@ HRESULT Pick(const VARIANT& object, const VARIANT& name, VARIANT* result) {
   return S_OK;
 }
 
-// One object for the whole process, without state.
+// One static object serves the whole process, so it needs no reference count.
 class InterfacePicker final : public IDispatch, public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {

@@ -1,5 +1,5 @@
-# Shared by the scripts: paths, running a step, configuring and building a preset. Sourcing it sets `root` and works
-# from any current folder.
+# Functions that the scripts share: run a step, configure a preset and build it. Sourcing this file sets `root` and
+# `logs`. It works from any current folder.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 logs=$root/build/logs
