@@ -1,5 +1,5 @@
 @echo off
-rem A command prompt in this folder, with marlinda in its path.
+rem Opens a command prompt in this folder, with marlinda in its PATH.
 setlocal
 set "programs=x64"
 if "%PROCESSOR_ARCHITECTURE%" == "x86" if not defined PROCESSOR_ARCHITEW6432 set "programs=x86"

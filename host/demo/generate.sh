@@ -8,7 +8,7 @@ trap 'rm -r "$work"' EXIT
 beat=0.6
 half=0.3
 
-# note LENGTH KIND PITCH: makes a mono file of one note, once, and prints the file name. Pitch "-" is a rest.
+# note LENGTH KIND PITCH: makes a mono file of one note unless it exists, and prints its name. Pitch "-" is a rest.
 note() {
   local file=$work/$2$3-$1.wav
   if [[ ! -e $file ]]; then
