@@ -219,8 +219,8 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
   const HRESULT started = task->Start();
   if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that the task runs
   WaitFor(task.Get(), ShowPercent);
-  // A host that stops polling before the end must cancel, because connector and filter hold
-  // references to each other.
+  // Not needed here. A host that stops polling before the end must cancel, because connector and
+  // filter hold references to each other.
   task->Cancel();
 }
 // End
