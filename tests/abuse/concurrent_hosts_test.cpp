@@ -1,5 +1,6 @@
-// Eight threads act as hosts. They edit, play, import and export at random, release objects whose
-// workers run, and call shared objects. TESSALY_CONCURRENT_STEPS sets the number of steps.
+// Eight threads act as hosts. They edit, play, import and export at random, release objects while
+// their worker threads run, and call shared objects. TESSALY_CONCURRENT_STEPS sets the number of
+// steps of each thread.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -33,7 +33,7 @@ constexpr __int64 kFrames = 1000;
 const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// The methods in kStart, below, run after one case in 64, because ending a thread takes 100 ms.
+// Calls the methods in kStart, below, after every 64th case, because ending a thread takes 100 ms.
 constexpr int kCasesForOneStart = 64;
 // Means that a case accepts any result.
 constexpr HRESULT kAny = S_OK;
@@ -43,7 +43,7 @@ const std::set<std::string> kTakeNoObject = {
     "IEditedAudio::InsertSegment", "IEditedAudio::AppendSegment", "IWaveWriter::SetWriteThrough",
     "IImportFilter::Initialize"};
 const std::set<std::string> kStart = {"Start", "StartScrub", "Play", "ShowSettingsDlg"};
-// The methods of the segment iteration return readers without a reference.
+// The methods of the segment iteration return readers without calling AddRef.
 const std::set<std::string> kLend = {"GetFirstSegment", "GetNextSegment"};
 
 // An integer of pointer size.
@@ -334,7 +334,7 @@ TEST_P(ContractAbuse, InvalidArgumentsFailWithTheRightErrorAndTheObjectStillWork
         ++index_;
       }
     }
-    // Counts from the second state on, because the first state loads libraries and starts threads.
+    // Watches for leaks only after the first state, whose calls load libraries and start threads.
     if (!watch) watch.emplace();
   }
   EXPECT_GT(index_, 20);

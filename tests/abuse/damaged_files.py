@@ -1,5 +1,5 @@
-"""Damages files of every supported kind and imports them, a hundred in a process. Findings are crashes, imports of
-more than 20 s, more than 256 MiB of memory, and leaked handles. The folder FINDINGS receives their files.
+"""Damages files of every supported kind and imports them, a hundred in a process. Findings are crashes, imports that
+take more than 20 s, and processes that use more than 256 MiB or leak handles. The folder FINDINGS receives their files.
 
 damaged_files.py BUILD FINDINGS [FILES] [SEED]   inside a Wine session
 """

@@ -73,7 +73,7 @@ TEST(ProcessEnd, IsCleanWhileTasksRunAndFilesAreOpen) {
 
 TEST(ProcessEnd, IsCleanWhileDevicesPlay) { ExpectCleanEnd(L"play"); }
 
-TEST(Module, LeavesNothingAfterLoadUseAndUnload) {
+TEST(Module, LeavesNoThreadOrHandleAfterManyLoadsAndUnloads) {
   const char* const named = std::getenv("TESSALY_LOAD_CYCLES");
   const int cycles = named != nullptr ? std::atoi(named) : 50;
   const TemporaryFolder folder;

@@ -203,7 +203,7 @@ TEST_F(Dispatch, CoercesPositionalAndNamedArgumentsAndReferences) {
   }
 }
 
-TEST_F(Dispatch, PassesFloatArraysThemselvesAndRefusesOtherElements) {
+TEST_F(Dispatch, PassesFloatArraysWithoutCopyingAndRefusesOtherElementTypes) {
   Floats block(8, 0.5F, 5);
   SAFEARRAY* array = block;
   VARIANT variable = Array(array);
@@ -262,7 +262,7 @@ TEST_F(Dispatch, WritesOutParametersToReferencesAndVariables) {
   EXPECT_EQ(V_VT(&variable), VT_I4) << "a failure keeps the variable";
 }
 
-TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
+TEST_F(Dispatch, ReturnsResultsInTheirDeclaredTypesAndErrorsInExcepInfo) {
   Outcome count(reader_.Get(), kGetSampleCount, {});
   EXPECT_EQ(V_VT(&count.result), VT_I8);
   EXPECT_EQ(V_I8(&count.result), 1LL << 40);
@@ -278,7 +278,7 @@ TEST_F(Dispatch, GivesResultsTheirDeclaredTypesAndFailuresInTheException) {
   EXPECT_NE(SysStringLen(failed.exception.bstrDescription), 0U);
 }
 
-TEST_F(Dispatch, PassesTheDeclaredInterfaceAndAddsAReferenceToBorrowedOnes) {
+TEST_F(Dispatch, PassesTheDeclaredInterfaceAndAddsAReferenceToBorrowedResults) {
   IDispatch* direct = document_.Get();
   VARIANT variable = Long(1);
   __int64 begin = 5;
@@ -364,7 +364,7 @@ TEST_F(Dispatch, LeaksNoMemory) {
   EXPECT_LT(CountHeapBlocks(), blocks + kTimes / 2);
 }
 
-TEST(SampleArrayView, LocksAnUntypedFloatArrayOnlyOnce) {
+TEST(SampleArrayView, AcceptsAFloatArrayWithoutAVartypeAndRefusesASecondLock) {
   float samples[3] = {1, 2, 3};
   SAFEARRAY array = {1, FADF_AUTO | FADF_FIXEDSIZE, sizeof(float), 0, samples, {{3, 5}}};
   {

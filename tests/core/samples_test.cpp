@@ -46,7 +46,8 @@ TEST(AudioQueue, KeepsSamplesWhenItGrowsAndReadsSilencePastTheEnd) {
 std::int64_t ExactCode(double value, int bits) {
   constexpr std::int64_t kLowest = -(std::int64_t{1} << 31);
   if (bits > 16) {
-    // Full scale and beyond become the lowest code. The 24-bit code is the top of the 32-bit one.
+    // Values that do not fit, +1.0 and NaN included, become the most negative code. The 24-bit code
+    // is the upper three bytes of the 32-bit code.
     const bool fits = value < 1.0 && value > -1.0;
     return (fits ? static_cast<std::int64_t>(value * 0x1p31) : kLowest) >> (32 - bits);
   }

@@ -103,11 +103,11 @@ TEST(Playback, BreakSilencesTheSoundThatIsQueued) {
   };
   const Player player(8000, 1, 8);
   ASSERT_EQ(player->OpenDevice(), S_OK);
-  // This block lasts longer than CTest's timeout.
+  // This block lasts longer than CTest's timeout, so the test passes only if Break discards it.
   ASSERT_EQ(player->WriteAudio(Floats(8000 * 1000, 0.5F)), S_OK);
   WaitUntil(heard);
   EXPECT_EQ(player.playback->Break(), S_OK);
-  // Waits for 2 s of silence, because a player that is late also leaves short gaps.
+  // Waits for 2 s of silence, because an underrun also causes short gaps.
   for (int silent = 0; silent < 20;) silent = heard() ? 0 : silent + 1;
 }
 
@@ -135,7 +135,7 @@ class Grabber : public ::testing::Test {
   const ComPtr<IAudioReader> reader_ = As<IAudioReader>(grabber_);
 };
 
-TEST_F(Grabber, ReadsBlocksOfAnySizeAndTheQueuedSamplesAfterClosing) {
+TEST_F(Grabber, ReadsBlocksOfAnySizeAndReturnsQueuedSamplesAfterClosing) {
   LONG rate = 0;
   SHORT channels = 0;
   EXPECT_EQ(reader_->GetFormat(&rate, &channels), S_OK);
@@ -204,7 +204,7 @@ TEST_F(Scrubber, PlaysSilenceAndThenCrossfadesToTheWrittenBlock) {
   EXPECT_EQ(scrubber_->WriteBlock(Floats(15)), E_INVALIDARG);
   ASSERT_EQ(scrubber_->WriteBlock(Floats(cursor)), S_OK);
   AwaitMore(5);
-  // After a silent block, only the second half of the previous block fades out.
+  // When a silent block follows, only the second half of the previous block still fades out.
   ASSERT_EQ(scrubber_->WriteBlock(Floats(16)), S_OK);
   AwaitMore(5);
   ASSERT_EQ(scrubber_->Stop(), S_OK);

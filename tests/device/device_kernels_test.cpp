@@ -7,7 +7,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-TEST(ScrubPacer, PassesAreDueShortlyBeforeTheDeviceRunsDryUntilTheSoundIsInterruptedOften) {
+TEST(ScrubPacer, PassesAreDueShortlyBeforeTheDeviceRunsDryAndAtOnceAfterManyInterruptions) {
   ScrubPacer pacer(milliseconds(50));
   const ScrubPacer::Clock::time_point start(milliseconds(1'000));
   pacer.Written({});

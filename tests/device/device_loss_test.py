@@ -59,7 +59,7 @@ class LossTest(unittest.TestCase):
                 self.assertEqual(answer.get("refused", 1), 1, tool.name)
         ask(tools, "idle")
 
-    def test_a_lost_device_ends_every_use_and_works_again_once_it_is_back(self):
+    def test_playing_recording_and_scrubbing_end_when_the_device_is_lost_and_work_again_once_it_is_back(self):
         server = self.enterContext(ChangingServer())
         tools = [self.enterContext(SoundTool(TOOL, server.environment, "use", *use, hertz))
                  for use, hertz in zip(USES, TONES)]

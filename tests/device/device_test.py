@@ -23,7 +23,7 @@ STALL = 8  # seconds that the server is stopped
 
 
 def equal_frames(one, other, frame_bytes):
-    """Returns the number of equal frames at the start of both."""
+    """Returns the number of equal frames at the start of both signals."""
     pairs = zip(frames_of(one, frame_bytes), frames_of(other, frame_bytes))
     return next((at for at, (a, b) in enumerate(pairs) if a != b), min(len(one), len(other)) // frame_bytes)
 
@@ -42,7 +42,7 @@ class PlayTest(unittest.TestCase):
         same = frame_bytes * equal_frames(got, expected, frame_bytes)
         self.assertEqual((len(got), same), (len(expected), len(expected)), "bytes got, and equal ones")
 
-    def test_every_channel_count_reaches_the_speaker_unchanged(self):
+    def test_samples_of_every_channel_count_reach_the_speaker_unchanged(self):
         # Plays six channels as floats only, because the system converts six channels of integers to stereo.
         for bits, channels in ((16, 1), (32, 2), (32, 6)):
             with self.subTest(bits=bits, channels=channels):
@@ -78,7 +78,7 @@ class RecordTest(unittest.TestCase):
         same = equal_frames(got, expected, 4 * channels)
         self.assertEqual((len(got), same), (len(expected), frames), "bytes got, and equal frames")
 
-    def test_widths_and_channel_counts_are_recorded_unchanged(self):
+    def test_samples_of_every_width_and_channel_count_are_recorded_unchanged(self):
         for bits, channels in ((16, 1), (24, 2), (32, 1)):
             with self.subTest(bits=bits, channels=channels):
                 self.check(bits, channels, RATE // 2)

@@ -52,7 +52,7 @@ TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
   EXPECT_EQ(frames, 1'000'000);
 }
 
-// Returns the first blocks of a walk, each as its position and its number of samples.
+// Returns the first blocks that a cursor visits, each as its position and its number of samples.
 std::vector<std::int64_t> Walk(const CSection& section, bool looped, std::int64_t block_bytes,
                                std::int64_t channels, std::size_t max_blocks = 9) {
   std::vector<std::int64_t> blocks;
@@ -71,7 +71,7 @@ TEST(PlaySection, PlaysBlocksOf40MillisecondsAndAShorterLastOneAndLoops) {
   // A block of 35 bytes holds 8 samples. They are two frames and two surplus samples.
   EXPECT_THAT(Walk({0, 5}, false, 35, 3), ElementsAre(0, 8, 2, 8, 4, 3));
   EXPECT_THAT(Walk({0, 4}, false, 35, 3), ElementsAre(0, 8, 2, 6));
-  // At a negative rate, a block of 40 ms would hold less than one frame.
+  // At a negative rate, 40 ms are less than one frame, so each block holds one frame.
   EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(-44100, 2), 2), ElementsAre(0, 2, 1, 2));
   EXPECT_THAT(Walk({0, 10}, true, 80, -2), ElementsAre());
   EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2), ElementsAre(kMin, 20, kMin + 10, 20));

@@ -71,7 +71,7 @@ TEST_F(EditedAudioPlay, PlaysASectionToItsEndInBlocksOfFortyMilliseconds) {
                           "A.ReadAudio(4528, 3528)", "A.ReadAudio(6292, 82)", "A.CloseDevice"));
 }
 
-TEST_F(EditedAudioPlay, PlayAlwaysFiresItsEventAndOnlyALoopCanChangeItsSection) {
+TEST_F(EditedAudioPlay, PlayAlwaysFiresItsEventAndModifyPlaySectionAffectsOnlyLoops) {
   document_->ModifyPlaySection(100, 200);
   Play(100, 100);
   EXPECT_EQ(Position(), -1);

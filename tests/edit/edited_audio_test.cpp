@@ -129,7 +129,7 @@ class EditedAudioModel : public ::testing::Test {
       expected.resize(40);
       ASSERT_EQ(pair.Read(position, 40), expected);
     }
-    // The documents hold one reference to a source for each of its segments.
+    // For each segment, a document holds one reference to the segment's source.
     for (std::size_t i = 0; i < 3; ++i) ASSERT_EQ(sources_[i]->Held(), held["ABC"[i]]);
   }
 
@@ -207,7 +207,7 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   EXPECT_EQ(document_.Format(), "44100/1/24");
   EXPECT_EQ(log_, CallLog{"A.GetFormat"}) << "later sources are never asked";
   log_.clear();
-  // Each source gets an array of zeros for its part of the read, which it cannot resize or destroy.
+  // For its part of the read, each source gets an array of zeros that it cannot resize or destroy.
   b_->on_read = [&](SAFEARRAY* array) {
     SAFEARRAYBOUND larger = {1 << 20, 0};
     EXPECT_TRUE(FAILED(SafeArrayRedim(array, &larger)) && FAILED(SafeArrayDestroy(array)));
@@ -231,7 +231,8 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   a_->on_read = [&](SAFEARRAY*) { document_->Clear(); };
   EXPECT_THAT(document_.Read(0, 7), ElementsAre(A(100), A(101), A(102), A(103), 0, 0, B(7)));
   EXPECT_EQ(document_.Length() + b_->Held(), 0);
-  // Because of the backward segment, pieces of 100 and 70 frames share an array for 120 frames.
+  // Because of the backward segment, this read of 120 frames has pieces of 100 and 70 frames. Only
+  // the first 20 frames of the last piece fit into the array.
   a_->on_read = nullptr;
   document_.Append(a_, 0, 100);
   document_.Append(b_, 50, 0);
@@ -261,7 +262,7 @@ TEST_F(EditedAudio, EditsDuringReadsOnOtherThreadsCorruptNothing) {
   EXPECT_EQ(quiet->Held(), 0);
 }
 
-TEST_F(EditedAudio, OpensAndClosesSourcesInOrderEvenIfItContainsItself) {
+TEST_F(EditedAudio, OpensAndClosesSourcesInOrderAndFailsToOpenIfItContainsItself) {
   document_.Append(a_, 0, 4);
   document_.Append(nullptr, 0, 1);
   document_.Append(b_, 0, 1);

@@ -100,7 +100,8 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   std::pair<__int64, __int64> range;
   int drawn = 0;
   for (int round = 0; round < 300; ++round) {
-    // With 32 instead of 8 bits, the write position in the peak file falls to a quarter.
+    // The pool computes the write position in the peak file from the take's bytes. With 32 instead
+    // of 8 bits, the position therefore falls to a quarter.
     if (round == 200) pool->SetBitDepth(32, 0);
     if (round % 10 == 0) {
       Samples noise(2 * 100 * kFramesPerPeak);
@@ -146,7 +147,7 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   EXPECT_GT(drawn, 200);
 }
 
-TEST_F(EditedAudioWaveplot, BelowAPeakPerColumnReadsSamplesAndWritesNothingAfterAFailure) {
+TEST_F(EditedAudioWaveplot, ReadsSamplesForColumnsShorterThanAPeakAndWritesNothingIfAReadFails) {
   const auto a = RampSource::Make('A', 100, &log_);
   document_.Append(a, 0, 200'000);
   log_.clear();

@@ -104,7 +104,8 @@ TEST_F(DShowExport, WritesEverySampleBetweenTheTags) {
     Run();
     EXPECT_EQ(Progress(), 1.0F);
     ExpectTones(frames);
-    // 27 bytes of ID3 frames and 1024 of padding are 8 * 128 + 27. The sound has 256 kbit/s.
+    // The tag size has 7 bits in each byte: 27 bytes of ID3 frames and 1024 of padding are {8, 27}.
+    // 0xFF, 0xFB, 0xD0 start an MPEG frame of 256 kbit/s.
     const Bytes front = Text("ID3") + Bytes{3, 0, 0, 0, 0, 8, 27} + Text("TIT2") +
                         Bytes{0, 0, 0, 2, 0, 0, 0, 'T'} + Text("TYER") +
                         Bytes{0, 0, 0, 5, 0, 0, 0} + Text("2009") + Bytes(1024) +

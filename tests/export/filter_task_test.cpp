@@ -81,7 +81,7 @@ class FilterTaskTest : public ::testing::TestWithParam<FilterCase> {
   ComPtr<ICoreTask> task = Create<ICoreTask>(GetParam().clsid);
 };
 
-TEST_P(FilterTaskTest, DoesNothingWithoutAFileOrAfterACancel) {
+TEST_P(FilterTaskTest, FailsToStartWithoutAFileAndEndsWithinOneBlockAfterAnEarlierCancel) {
   const std::wstring verb = GetParam().exports ? L"Saving " : L"Loading ";
   EXPECT_EQ(Progress(), -1);
   EXPECT_EQ(Name(), verb);

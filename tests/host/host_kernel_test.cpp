@@ -125,7 +125,7 @@ struct Pixels {
     const auto at = static_cast<std::size_t>(3 * (y * kWidth + x));
     return {bytes.at(at), bytes.at(at + 1), bytes.at(at + 2)};
   }
-  // Returns the rows of a column of which the wave covers at least half.
+  // Returns the rows in which the wave covers at least half of the column's pixel.
   std::vector<int> Wave(int column, int from = 0, int to = 200) const {
     std::vector<int> rows;
     for (int y = from; y < to; ++y) {
@@ -209,7 +209,7 @@ TEST(WaveformPicture, DrawsLabelsAndMarkersAtTheirTimesWithoutOverlappingNames) 
   EXPECT_THAT(Draw(Silent, annotations).Svg(), ::testing::StartsWith("<svg xmlns"));
 }
 
-TEST(ColumnLevels, EachFrameCountsInOneColumnWhateverTheBlocks) {
+TEST(ColumnLevels, EachFrameCountsInExactlyOneColumnForAnyBlockSizes) {
   constexpr std::size_t kFrames = 1'000;
   constexpr std::size_t kColumns = 37;
   std::mt19937 random(3);

@@ -134,7 +134,7 @@ class HostTest(ProgramTest):
             (4, ["plot", self.ogg, self.folder / "folder.png"], "folder.png"),
         ]:
             self.fail_with(status, *arguments, says=says)
-        # The first limit suffices for the pool, but not for 20 s more in the output. The second limit stops the pool.
+        # The pool's file fits the first limit, but an output with 20 s more does not. Even the pool exceeds the second.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
         self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
@@ -144,7 +144,7 @@ class HostTest(ProgramTest):
         self.assertEqual(sorted(self.folder.iterdir()), before)
         self.assertEqual(same.read_bytes(), self.ogg.read_bytes())
 
-    def test_modules_that_cannot_be_found_end_with_6_and_the_remedy(self):
+    def test_a_missing_module_ends_a_command_with_status_6_and_names_the_remedy(self):
         alone = self.folder / PROGRAM.name
         shutil.copy(PROGRAM, alone)
         for arguments in (["filters"], ["install-filters"], ["info", self.ogg], ["convert", self.ogg, self.out]):
@@ -285,7 +285,7 @@ class HostTest(ProgramTest):
         self.succeed("plot", self.tone, drawn, "--scale", "db", "--theme", "dark", "--colour", "#26ab9c", "--rms")
         self.assertRegex(drawn.read_text(), r'<svg [^>]*width="1200" height="320">(.|\n)*fill="#26ab9c" d="M')
 
-    def test_peaks_are_the_extremes_of_the_codes(self):
+    def test_peaks_writes_the_lowest_and_highest_code_of_each_group_of_frames(self):
         source, pairs = self.folder / "all.wav", []
         self.succeed("convert", self.ogg, source)
         codes = struct.unpack(f"<{2 * FRAMES}h", self.piece(0, FRAMES))
@@ -361,7 +361,7 @@ class HostTest(ProgramTest):
         self.assertEqual(frames_of(self.out), self.piece(RATE, 2 * RATE))
         self.assertEqual((json.loads(output)["output"], json.loads(output)["picture"]), (windows(self.out), None))
 
-    def test_an_interrupted_conversion_or_export_ends_with_130_and_leaves_a_valid_file(self):
+    def test_an_interrupted_conversion_or_export_ends_with_status_130_and_leaves_a_valid_file(self):
         # Uninterrupted, the conversion would take many minutes, and the export would write 2 GiB.
         long = self.folder / "long.ogg"
         tool("sox", "-R", "-n", "-r", RATE, "-c", 1, "-C", 3, long, "synth", 600, "sine", 997)

@@ -184,7 +184,7 @@ class SoundTest(ProgramTest):
         self.assertIn(frames, range(RATE // 2, 600 * RATE))
         self.assertGreater(max(samples[-RATE // 5:]), 16000)
 
-    def test_a_device_that_is_lost_ends_with_7_and_keeps_the_take(self):
+    def test_a_lost_device_ends_each_command_with_status_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
             # The recording comes first, because the other commands' pools would look like its take.
             take = record(self.out, *LONG, environment=one)

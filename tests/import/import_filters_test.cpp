@@ -260,7 +260,7 @@ TEST_F(DShowImport, WritesBlocksOfAtMost16384SamplesOnOneThreadEvenIfTheWriterFa
   }
 }
 
-TEST_F(DShowImport, RefusesFilesWithoutSoundAndStaysUnchanged) {
+TEST_F(DShowImport, RefusesFilesWithoutSoundAndKeepsThePreviousImport) {
   EXPECT_THAT(Format(), Each(0));
   EXPECT_EQ(Initialize(DataFile("film.avi")), S_OK);
   EXPECT_EQ(QueryCanLoad(folder_.File(L"missing.wav")), S_FALSE);

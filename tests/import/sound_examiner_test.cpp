@@ -193,7 +193,7 @@ TEST(SoundExaminer, PassesOnlyFilesWithPlausibleFormatsToSystemFilters) {
   }
 }
 
-TEST(SoundExaminer, LimitsChunkSizesToTheFile) {
+TEST(SoundExaminer, LimitsChunkSizesToTheFileSize) {
   const auto frames = [](std::uint64_t riff, std::uint64_t data, int bytes) {
     return Examine(Text("RIFF") + U32(riff) + Text("WAVE") + EvenChunk("fmt ", kStereo16) +
                    Text("data") + U32(data) + Bytes(bytes, 0))
@@ -235,7 +235,7 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       // The last of several blocks is truncated. In the next file, predictor 7 does not exist.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
-      // An announced number of frames counts only if it ends in the last block.
+      // The announced length is used only if its last frame lies in the last block.
       {announced(1), {100}},
       {announced(0), {100, 111, 81, 85, 88, 91, 94, 92, 94}},
   };

@@ -153,7 +153,7 @@ TEST(VorbisStream, LimitsMemoryAndTheNumberOfLinks) {
   EXPECT_THROW(OpenStream(DataFile(kManyCodebooks))->Prepare(), std::bad_alloc);
   // Many codewords briefly need more memory than a stack has.
   EXPECT_EQ(ReadToEnd(*OpenStream(DataFile(kManyCodewords))).samples.size(), 64U);
-  // The tables of all links together exceed the limit.
+  // The tables of all links together exceed the limit. The decoder must free those of past links.
   const TemporaryOgg links(ManyLinks(ReadData("six_channels.ogg"), 600));
   const auto chain = OpenStream(links.path(), 1);
   std::vector<std::int16_t> block(16384);

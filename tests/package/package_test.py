@@ -46,7 +46,7 @@ def session(script, folder="/"):
     """Runs lines of shell in a Wine session; `wine` starts a program. Returns status and output."""
     text = r"""
         wine() { "$TESSALY_WINE" "$@"; }
-        # The started program ends first. A copy in Temp continues the work and is then removed.
+        # uninstall.exe starts a copy of itself in Temp and ends. The copy does the work and is then removed.
         remove() {
           (cd / && wine "$1/uninstall.exe" /S) || return
           while [[ -e $1 || -n $(ls "$WINEPREFIX"/drive_c/users/*/Temp) ]]; do sleep 0.1; done
@@ -159,7 +159,7 @@ class PackageTest(unittest.TestCase):
         self.assertNothingLeft(settings=True)
 
     def installed(self, options, place, check):
-        """Installs, checks and removes with the uninstaller in one session."""
+        """Installs the engine, runs the lines of `check` and uninstalls the engine, all in one session."""
         target = shlex.quote(str(DRIVE / place))
         self.addCleanup(shutil.rmtree, DRIVE / place, ignore_errors=True)
         self.addCleanup(session, f"[[ ! -e {target} ]] || remove {target}")

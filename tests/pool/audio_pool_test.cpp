@@ -208,7 +208,7 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   pool.WriteTake(Samples(20, 1.0F));
   EXPECT_FALSE(pool.PrevReader()) << "no cursor before CreateLastReader";
   pool.WriteTake(Samples(600, 0.0F));
-  // Opens and closes without writing. Then a second OpenDevice discards earlier writes.
+  // Opens and closes without writing. Then a second OpenDevice discards the open take's writes.
   pool.Open();
   pool.Close(S_FALSE);
   pool.Open();
@@ -231,7 +231,7 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   const auto last = pool.LastReader();
   EXPECT_EQ(SampleCount(last), 2);
   // The pool is ready while neither its writer nor a reader is open.
-  pool.Close();  // the discarded take
+  pool.Close();  // balances the OpenDevice of the discarded take
   EXPECT_TRUE(pool.IsReady());
   EXPECT_EQ(last->OpenDevice(), S_OK);
   EXPECT_FALSE(pool.IsReady());
@@ -242,7 +242,7 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   EXPECT_FALSE(pool.IsReady());
 }
 
-TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
+TEST(AudioPool, DithersTheCallersBlockWithRandAndStoresTheDitheredSamples) {
   const Samples original = Wave(512, -0.9F);
   DitherState dither;
   dither.SetUp(2, 2, 16);
@@ -269,7 +269,7 @@ TEST(AudioPool, DithersTheCallersBlockWithTheRandomNumbersOfTheProcess) {
 }
 
 // Uses its own settings, because other programs read the user's settings at the same time.
-TEST(AudioPool, KeepsItsFilesInTheUsersFolderUntilTheLastRelease) {
+TEST(AudioPool, KeepsItsFilesInTheTemporaryFolderOfTheSettingsUntilTheLastRelease) {
   constexpr wchar_t kSettings[] = L"Software\\TessalyPoolTest";
   const TemporaryFolder folder;
   RegistryKey settings;

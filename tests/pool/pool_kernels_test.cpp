@@ -1,4 +1,4 @@
-// Tests dither, and compares peaks bit by bit with a loop that compares one value at a time.
+// Tests dither, and compares peaks bit by bit with those of a plain loop.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,7 +35,7 @@ std::vector<std::uint32_t> Bits(const Floats& values) {
 class Dither : public ::testing::Test {
  protected:
   ~Dither() override { LimitCpuLevel(HighestCpuLevel()); }
-  // Clears the errors, then dithers two blocks. The first block's errors affect the second block.
+  // Clears the rounding errors, then dithers two blocks. The errors of the first affect the second.
   Floats Process(int mode, int channels, int bits, Floats samples, std::size_t first) {
     dither_.SetUp(mode, channels, bits);
     for (const auto block : {std::span(samples).first(first), std::span(samples).subspan(first)}) {
@@ -52,7 +52,7 @@ class Dither : public ::testing::Test {
 
 // A separate program computed the codes. It used double precision but stored values in single
 // precision.
-TEST_F(Dither, ReturnsTheCodesOfASeparateProgram) {
+TEST_F(Dither, MatchesTheCodesOfAnIndependentImplementation) {
   const Floats source = {0.3F,  -0.3F, 0.301F, -0.302F, 0.303F, -0.303F, 0.304F, -0.305F,
                          0.25F, -0.9F, 0.25F,  1.2F,    0.0F,   -1.2F,   0.0F,   0.0F};
   struct Row {
@@ -93,7 +93,7 @@ TEST_F(Dither, ReturnsTheCodesOfASeparateProgram) {
   EXPECT_EQ(drawn_, 6U);
 }
 
-// Each error affects the later samples, so a difference in any error becomes visible.
+// Each rounding error affects the later samples, so a difference in any error becomes visible.
 TEST_F(Dither, ReturnsTheSameBitsAtEveryInstructionLevel) {
   // Noise, a ramp through all codes, a decay into silence, and values beyond full scale with
   // special values among them.

@@ -18,7 +18,7 @@ namespace marlinda::testing {
 // that the environment variable TESSALY_DLL names.
 class ModuleUnderTest {
  public:
-  // Registers the classes for this process only, without the registry.
+  // Loads the module and registers its classes for the calling apartment, without the registry.
   static void Load();
   // Revokes the classes. The module stays loaded.
   static void Revoke();

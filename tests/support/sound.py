@@ -65,7 +65,7 @@ def without_silence(samples, frame_bytes=FRAME_BYTES):
 
 class Speaker:
     """Reads the speaker's pipe at the sample rate or more slowly while the server runs. Nothing arrives while no
-    program plays. A `pause` of (frames, seconds) stops the server once so many non-silent frames have arrived."""
+    program plays. A `pause` of (frames, seconds) stops the server for `seconds` after `frames` non-silent frames."""
 
     def __init__(self, environment, pause=None):
         self.frame_bytes = 4 * int(environment["TESSALY_SOUND_CHANNELS"])

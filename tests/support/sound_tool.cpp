@@ -2,6 +2,7 @@
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         plays a signal between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  writes floats; prints frames so far
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
+// A drain plays two seconds and ends by itself. A cursor scrubs a document.
 // `use` reads orders, one a line, and answers each with a line of "name=number" words:
 //   start  started=1 if the use has begun; a document or cursor begins even without a device
 //   works  waits until a recorder has received sound; returns at once for other uses
@@ -43,9 +44,9 @@ void Say(const char* format, Arguments... arguments) {
 constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
-// Returns sample n of a tone, or with 0 Hz sample n of the test signal, whose samples are never 0,
-// unlike silence. Half a block holds whole periods of multiples of 20 Hz. Tones therefore continue
-// across blocks, even where the scrubber overlaps half blocks.
+// Returns sample n of a tone. With 0 Hz, returns sample n of the test signal, whose samples are
+// never 0, unlike silence. Half a block holds whole periods of multiples of 20 Hz. Tones therefore
+// continue across blocks, even where the scrubber overlaps half blocks.
 float Wave(int hertz, __int64 n) {
   if (hertz == 0) {
     const auto k = static_cast<int>(n * 7919 % 60000 - 30000);
@@ -172,7 +173,7 @@ class Use {
     return hr;
   }
 
-  // Waits until a recorder has received more sound than its last use can have left in the device.
+  // Waits until a recorder has received more sound than can be left over from its previous run.
   void Works() const {
     while (reader_ && loud_blocks_ < 10) Sleep(10);
   }

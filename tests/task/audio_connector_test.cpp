@@ -232,7 +232,7 @@ class AudioConnector : public ::testing::Test {
 
 // Filters are apartment-threaded and may count their references without interlocking.
 TEST_F(AudioConnector, PassesSamplesUnchangedAndCallsFiltersOnlyOnTheHostsThread) {
-  const OurConverter converter;           // not needed
+  const OurConverter converter;           // unused, because both formats are equal
   constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
   const auto from = MakeObject<TestImport>(kFrames);
   const auto reader = MakeObject<TestReader>(kFrames);
@@ -314,7 +314,7 @@ TEST_F(AudioConnector, AfterAnImportStallsForFiveSecondsReadsReturnSilence) {
 }
 
 // An import waits for room in the first two rounds. An export waits for data in the others.
-TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
+TEST_F(AudioConnector, CancelAndANewSetUpEndTheImportAndTheExport) {
   for (const bool stalled : {false, true}) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
@@ -339,7 +339,8 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndBothTasks) {
   }
 }
 
-TEST_F(AudioConnector, PassesSamplesUnchangedWithoutAConverterAndReadsAnUnknownFormatAgainAtStart) {
+TEST_F(AudioConnector,
+       PassesSamplesUnchangedWithoutAConverterAndQueriesAnUnknownFormatAgainAtStart) {
   const auto passes = [&](LONG rate, SHORT channels) {
     Join(ramp_.Get(), to_.Get(), rate, channels);
     return Read(4)[3] == RampSource::Sample('A', 1, 1);
