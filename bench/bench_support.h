@@ -1,4 +1,4 @@
-// Noise and sample counts that the benchmarks share.
+// Noise, block sizes and counters that the benchmarks share.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -17,7 +17,7 @@
 namespace marlinda::bench {
 
 constexpr std::size_t kStereo = 2;
-// The block size of exports and imports.
+// The block size of exports.
 constexpr std::size_t kBlockFrames = 65'536;
 constexpr std::size_t kBlockSamples = kBlockFrames * kStereo;
 

@@ -1,5 +1,5 @@
-// Measures peers of the sample converters in the same program: libsndfile with memory files, and
-// libswresample.
+// Measures the peers of the sample converters, which are other libraries with the same job:
+// libsndfile with memory files, and libswresample.
 #include <benchmark/benchmark.h>
 #include <sndfile.h>
 

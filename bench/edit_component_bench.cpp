@@ -26,7 +26,7 @@ struct Document {
   ComPtr<IAudioReader> source;
 };
 
-// Creates a document, as the benchmarks of small edits do, or one of the two device objects that a
+// Measures the creation of a document, which Append includes, and of the two device objects that a
 // document creates.
 void CreateObject(benchmark::State& state, const CLSID& clsid) {
   for (auto _ : state) benchmark::DoNotOptimize(Create<IUnknown>(clsid).Get());
@@ -167,7 +167,7 @@ void ScanPoolTakeFlat(benchmark::State& state) {
 }
 BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// Draws 255 frames a column, the most that are drawn from samples. The peer reads only the samples.
+// Draws 255 frames a column, the most that are drawn from samples. ReadPoolSamples only reads them.
 void DrawPoolSamples(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(1);
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);

@@ -136,7 +136,7 @@ BENCHMARK(Dither)
     ->ArgsProduct({{1}, {0, 1}, kLevels})
     ->ArgsProduct({{2}, {0}, {0, 2}});
 
-// Ten seconds of stereo, in the connector's blocks.
+// Ten seconds of stereo, in blocks of 1,024 frames.
 void Resample(benchmark::State& state) {
   const Level level(state, state.range(0));
   const std::vector<float> source = Noise(10 * 44'100 * kStereo);

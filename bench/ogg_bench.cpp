@@ -1,5 +1,5 @@
 // Measures the Ogg import through COM, and the codec library alone with the same file and build.
-// The difference is the cost of task, conversion to floats and blocks.
+// The difference is the cost of the task, the blocks and the conversion to floats.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>
 

@@ -1,5 +1,5 @@
 // Measures the pool's interfaces, and bare system calls on a file of the same kind. Bytes per
-// second count only the audio file.
+// second count the audio file but not the peak file.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -46,7 +46,7 @@ void SeekTo(HANDLE file, __int64 offset) {
   SetFilePointerEx(file, place, nullptr, FILE_BEGIN);
 }
 
-// Both benchmarks begin a new file after this many blocks, so that files stay small.
+// WriteToPool and WriteToBareFile begin a new file after this many blocks, to keep files small.
 constexpr __int64 kBlocksPerFile = 64;
 
 void WriteToPool(benchmark::State& state) {
@@ -154,7 +154,7 @@ BENCHMARK(ReadFromBareFile)
     ->ArgsProduct({{32}, {64, 4096, 65536}})
     ->UseRealTime();
 
-// Measures the last Release of a pool that holds an hour of audio, which runs on the host's thread.
+// Measures the last Release of a pool that holds an hour of audio. It blocks the host's thread.
 void ReleaseAnHour(benchmark::State& state) {
   const Floats block(bench::kBlockSamples);
   bench::FillWithNoise(block.values());

@@ -1,5 +1,5 @@
-// Measures the time from SetScrubPosition to its sound. The standard input is what the speaker
-// plays, as 16-bit stereo at 44.1 kHz.
+// Measures the time from SetScrubPosition until the new position is heard. The standard input
+// delivers what the speaker plays, as 16-bit stereo at 44.1 kHz.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -68,7 +68,7 @@ void ScrubToSound(benchmark::State& state) {
   std::size_t moves = 0;
   for (auto _ : state) {
     Check(scrub->SetScrubPosition(kRate / 2));
-    // A pass takes 50 ms. Each move comes one millisecond later in it.
+    // The scrubber writes every 50 ms. The growing wait spreads the moves over this interval.
     speaker.AwaitSilence(500 + moves++);
     const auto begin = std::chrono::steady_clock::now();
     Check(scrub->SetScrubPosition(kRate * 3 / 2));

@@ -7,8 +7,8 @@ else()
   set(dependencies_target x86)
 endif()
 
-# tessaly_find_package(<name>): calls find_package, but searches only the target's folder, so that no other build of the
-# library is used. This is a macro, because find_package sets variables of its caller.
+# tessaly_find_package(<name>): calls find_package. Without MSVC, searches only the target's folder, so that no other
+# build of the library is used. This is a macro, because find_package sets variables of its caller.
 macro(tessaly_find_package name)
   if(MSVC)
     find_package(${name} CONFIG QUIET GLOBAL) # vcpkg.json lists the libraries

@@ -17,7 +17,7 @@ using FilterKernel = void (*)(const float* taps, std::size_t count, const float*
 // The scalar form, which defines the results.
 void ScalarFilter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                   std::size_t channels, float* frame) noexcept;
-// Both compute the same bits as ScalarFilter.
+// Sse2Filter and Avx2Filter compute the same bits as ScalarFilter.
 void Sse2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,
                 std::size_t channels, float* frame) noexcept;
 void Avx2Filter(const float* taps, std::size_t count, const float* samples, std::size_t stride,

@@ -58,7 +58,7 @@ class StreamConverter {
   }
 
   // Accepts any number of samples, even a part of a frame. Appends the output that is ready. Throws
-  // std::bad_alloc.
+  // std::bad_alloc or, if libsamplerate fails, std::runtime_error.
   void Convert(std::span<const float> samples, std::vector<float>& output) {
     const auto channels = static_cast<std::size_t>(source_.channels);
     if (!partial_.empty()) {

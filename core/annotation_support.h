@@ -12,13 +12,13 @@
 
 namespace marlinda {
 
-// `Class` defines WithNotes(use), which calls use(all) inside ComCall. `all` has the lists `labels`
-// and `markers`. The methods check indexes, but not positions and ranges.
+// The derived class `Class` defines WithNotes(use), which calls use(all) inside ComCall. `all` has
+// the vectors `labels` and `markers`. Methods check indexes, but not positions and ranges.
 template <class Class, class Base>
 class AnnotationSupport : public Base {
  public:
-  // `Class` redeclares a constant as true to offer the methods that test it. All other methods,
-  // except the two counts, return E_NOTIMPL.
+  // `Class` redeclares a constant as true to offer the methods that test it. Methods whose constant
+  // is false return E_NOTIMPL. GetLabelCount and GetMarkerCount test no constant.
   static constexpr bool kAddsNotes = false;
   static constexpr bool kReadsNotes = false;
   static constexpr bool kEditsNotes = false;

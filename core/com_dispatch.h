@@ -1,8 +1,8 @@
 // Implements IDispatch for dual interfaces with the type information inside this module.
 //
 // Does not use ITypeInfo::Invoke, because its implementations differ between systems. They accept
-// different argument counts and script variables, and report different argument indexes. Also,
-// ReadWaveplot must accept floats, although the type library declares shorts.
+// different argument counts and VARIANT references, and report different argument indexes. Also,
+// ReadWaveplot must accept an array of floats, although the type library declares shorts.
 #pragma once
 
 #include <oaidl.h>
@@ -23,8 +23,8 @@ HRESULT DispatchGetIDsOfNames(REFIID iid, REFIID reserved, LPOLESTR* names, UINT
 // reference to the declared type, or to a VARIANT, which a successful call replaces.
 //
 // Returns the method's success code. If the method fails, returns DISP_E_EXCEPTION with the failure
-// in the exception's scode. The caller must release returned interface pointers, even if the method
-// itself adds no reference.
+// in the exception's scode. The caller must release returned interface pointers. If the method
+// itself adds no reference, DispatchInvoke adds it.
 HRESULT DispatchInvoke(REFIID iid, void* instance, DISPID member, REFIID reserved, LCID locale,
                        WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
                        UINT* argument_error) noexcept;

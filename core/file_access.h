@@ -17,9 +17,9 @@ namespace marlinda {
 // The most bytes per call, because ReadFile and WriteFile count bytes in 32 bits.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
-// Moves the file pointer and locks the file until the end of the scope, because all users of a
-// handle share its file pointer. Passing the offset to ReadFile or WriteFile would need no lock,
-// but is forty times slower under Wine.
+// Moves the file pointer and holds a lock for the handle until the end of the scope, because all
+// users of a handle share its file pointer. Passing the offset to ReadFile or WriteFile would need
+// no lock, but is forty times slower under Wine.
 class Seek {
  public:
   Seek(HANDLE file, std::int64_t offset) noexcept

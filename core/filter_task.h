@@ -55,7 +55,7 @@ template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
   // ICoreTask
-  // Returns when the worker has ended. A Cancel before Start takes effect when Start runs the task.
+  // Returns when the worker has ended. If called between Initialize and Start, the task ends early.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);
@@ -64,7 +64,7 @@ class FilterTask : public Object<Class, Interfaces...> {
   STDMETHODIMP QueryIsTaskRunning(VARIANT_BOOL* pbRunning) override {
     return HandOut(pbRunning, worker_.IsRunning());
   }
-  // Returns E_FAIL unless the length is positive. Progress stays below 1.0 after an early end.
+  // Returns E_FAIL unless the length is positive. If the task ends early, progress stays below 1.0.
   STDMETHODIMP GetProgress(float* pfProgress) override {
     if (pfProgress == nullptr) return E_POINTER;
     const __int64 total = job_ != nullptr ? job_->total.load() : 0;

@@ -1,5 +1,5 @@
 // The base of a COM object with one interface, without class identifier or aggregation. In the
-// engine's modules, the object also holds a ModuleObjectCount.
+// engine's modules, derived classes add a ModuleObjectCount.
 #pragma once
 
 #include <unknwn.h>

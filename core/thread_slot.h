@@ -1,6 +1,6 @@
 // A pointer to T for each thread, null until set. It replaces thread_local, because mingw's
 // thread_local leaks memory when a thread ends, and terminates the process when memory is short.
-// The portable kernels may include this header. Outside Windows it uses thread_local.
+// Portable code may include this header. Outside Windows it uses thread_local.
 #pragma once
 
 #ifdef _WIN32

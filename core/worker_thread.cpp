@@ -24,8 +24,8 @@ DWORD WINAPI Run(void* parameter) noexcept {
     module = job->module;
     ComCall(job->body);
   }
-  // The job no longer counts as an object, so the host may unload the module from here on. The
-  // reference to the module keeps this code loaded until the thread has left it.
+  // The job no longer counts as an object, so the host may release the module from here on. The
+  // thread's own reference to the module keeps this code loaded until the thread has left it.
   FreeLibraryAndExitThread(module, 0);
 }
 

@@ -15,8 +15,9 @@ namespace marlinda {
 // to objects in this thread's apartment, because the thread that signals may wait for such a call.
 bool AwaitServingCalls(HANDLE object, DWORD milliseconds) noexcept;
 
-// Owns at most one thread. The body must own everything that it uses. Capture shared state, not the
-// COM object. Otherwise the worker itself could release the object last and so destroy it.
+// Owns at most one thread, which runs the body passed to Start. The body must own everything that
+// it uses. Capture shared state, not the COM object. Otherwise the worker itself could release the
+// object last and so destroy it.
 class WorkerThread {
  public:
   static constexpr ULONGLONG kWithoutLimit = ~ULONGLONG{0};

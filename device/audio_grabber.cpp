@@ -32,7 +32,8 @@ constexpr std::uint32_t kBuffersPerSecond = 25;
 // ReadAudio waits without a time limit until enough samples are recorded. It ignores the position,
 // because recording is sequential. Only one thread at a time may read. CloseDevice on another
 // thread, or the last release, ends the wait. ReadAudio then fails with E_FAIL, as on a closed
-// device. A wait queues all full device buffers. Their samples stay readable after CloseDevice.
+// device. While it waits, ReadAudio moves the samples of all filled device buffers into a queue.
+// Queued samples stay readable after CloseDevice.
 class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioReader> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioGrabber;
@@ -166,7 +167,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
         return false;
       }
       for (; done > 0; --done) {
-        // Queues the whole buffer, even if dwBytesRecorded is smaller.
+        // Queues the samples of the whole buffer, even if dwBytesRecorded is smaller.
         Buffer& buffer = buffers[next];
         if (IsFloat(format)) {
           std::memcpy(floats.data(), buffer.data.data(), floats.size() * sizeof(float));

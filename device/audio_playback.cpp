@@ -110,17 +110,17 @@ using Buffers = std::list<CAudioOutBuffer>;
 
 }  // namespace
 
-// Each written block becomes one device buffer. WriteAudio waits while more than the buffer length
-// is queued, so its caller keeps the pace of the device. While one thread is in WriteAudio, another
-// may query position and level or call Break or CloseDevice.
+// Each written block becomes one device buffer. WriteAudio waits while the queued audio exceeds the
+// length from SetBufferLength, so its caller keeps the pace of the device. While one thread is in
+// WriteAudio, another may query position and level or call Break or CloseDevice.
 //
 // GetOutputLevel, QueryIsReady and Break return at once, even if the device is stalled.
 // GetPlaybackPos waits up to 50 ms for a device call of another thread. OpenDevice and CloseDevice
 // wait for the device.
 //
-// The worker waits for a stalled device. A device is lost if it refuses a block or a reset, or if
-// no buffer completes for some seconds and the device then refuses to pause. After a loss, the
-// object behaves as after CloseDevice.
+// If the device stalls, the worker thread waits until the device continues. A device is lost if it
+// refuses a block or a reset, or if no buffer completes for some seconds and the device then
+// refuses to pause. After a loss, the object behaves as after CloseDevice.
 class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudioWriter> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPlayback;
@@ -406,7 +406,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     // Held by WriteAudio from the start of its wait to the end of its write.
     std::mutex write_mutex;
 
-    // Held during every device call. The driver can stall such a call. Lock it before `mutex`.
+    // Held during every call on the open device, which can stall. Lock it before `mutex`.
     std::timed_mutex device_mutex;
     HWAVEOUT device = nullptr;
     std::atomic<std::uint32_t> position{0};

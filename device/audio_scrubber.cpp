@@ -27,7 +27,7 @@ constexpr DWORD kStopPollMilliSecs = 100;
 // Stop calls Break after this time. A working playback object with 100 ms of buffer blocks for
 // less.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
-// The pause after a pass that the writer has refused.
+// The pause after a failed or empty write.
 constexpr DWORD kFailurePauseMilliSecs = 50;
 // Several minutes of audio. Computing the window of a longer block would take long.
 constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
@@ -35,10 +35,10 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 }  // namespace
 
 // The caller sets the writer's format before Start. The thread writes as fast as the writer accepts
-// blocks and ignores the results. It writes to a playback object only shortly before its audio runs
-// out, so that a moved position is heard soon. The scrubber holds the writer until the next Start
-// or the last release. If WriteAudio of a playback object still blocks after a second, Stop calls
-// Break.
+// blocks and ignores the results. If the writer is a playback object, the thread writes only
+// shortly before the queued audio runs out, so that a moved position is heard soon. The scrubber
+// holds the writer until the next Start or the last release. If WriteAudio of a playback object
+// still blocks after a second, Stop calls Break.
 //
 // Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
 // length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does
@@ -65,7 +65,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // The thread waits for this lock until `job_` is set: the writer may call this object.
+      // The thread waits for this lock until `job_` is set, as its writer may call this object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -116,7 +116,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
           block(given_frames * channels),
           pacer(PassDuration(given_frames, rate)) {}
 
-    // Returns the duration of one pass, 0 without a rate.
+    // Returns the duration of one pass (half a block), or 0 without a rate.
     static Clock::duration PassDuration(std::size_t given_frames, LONG rate) noexcept {
       const auto frames = static_cast<double>(given_frames / 2);
       return std::chrono::duration_cast<Clock::duration>(
@@ -148,8 +148,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       }
     }
 
-    // Waits until the next pass is due. Other writers than playback objects set the pace alone, by
-    // blocking.
+    // Waits until the next pass is due. Returns at once unless the writer is a playback object,
+    // because other writers set the pace by blocking.
     void AwaitTurn() {
       if (!playback) return;
       while (!stop && Clock::now() < pacer.Due()) {

@@ -1,5 +1,5 @@
-// Decides when the scrubber computes its next pass. A pass that is computed late contains the
-// newest position, but must not come after the device has played all earlier passes.
+// Decides when the scrubber computes its next pass (half a block). A pass that is computed late
+// contains the newest position, but must not come after the device has played all earlier passes.
 #pragma once
 
 #include <chrono>
@@ -14,15 +14,15 @@ class ScrubPacer {
   // `pass` is the duration of one pass.
   explicit ScrubPacer(Clock::duration pass) noexcept : pass_(pass) {}
 
-  // The time to compute the next pass: before the device runs dry, by a reserve for late threads.
-  // A time in the past means at once.
+  // The time to compute the next pass: `reserve_` before the device has played everything, because
+  // threads can run late. A time in the past means at once.
   Clock::time_point Due() const noexcept {
     return dry_ && reserve_ <= kMaxReserve ? *dry_ - reserve_ : Clock::time_point::min();
   }
 
   // Call before a pass is written if the device has played everything. Each interruption of the
-  // sound increases the reserve. After a few, all passes are due at once, so that the writer sets
-  // the pace. A wrong sample rate, for example, makes the estimate useless.
+  // sound increases the reserve. After a few interruptions the estimate is useless, for example
+  // because of a wrong sample rate. All passes are then due at once, and the writer sets the pace.
   void RanDry(Clock::time_point now) noexcept {
     if (dry_) reserve_ += kStep;
     dry_ = now;

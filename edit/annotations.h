@@ -32,7 +32,8 @@ inline bool Reaches(const SectionMarker& marker, const CSection& range) noexcept
   return ClipMarker(marker.section, range).has_value();
 }
 
-// Clips a record to the range and moves the result. The record must reach into the range.
+// Clips a record (label or marker) to the range, then moves it by `offset`. The record must reach
+// into the range.
 inline void Clip(Label& label, const CSection&, std::int64_t offset) noexcept {
   label.position = WrappingAdd(label.position, offset);
 }
@@ -54,7 +55,7 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
 }
 
 // Replaces the records by their parts in `head`, then their parts in `tail` moved by `offset`.
-// Works in place if the records already have this order. Otherwise first collects the tail.
+// Works in place if the records have this order, otherwise with a second list for the tail.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {
@@ -101,8 +102,8 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
   std::ranges::move(behind, std::back_inserter(records));
 }
 
-// Both lists keep the order in which records were added. The methods do not check positions and
-// ranges. A method that throws changes nothing.
+// The lists are not sorted by position. The methods do not check positions and ranges. A method
+// that throws changes nothing.
 struct Annotations {
   std::vector<Label> labels;
   std::vector<SectionMarker> markers;

@@ -37,8 +37,8 @@ using Points =
     Enumerator<IEnumConnectionPoints, ComPtr<IConnectionPoint>, IConnectionPoint*, GivePoint>;
 
 // The connection point of one outgoing interface. It has its own identity but uses its container's
-// reference count. Each sink has a slot. An event calls the sinks in slot order. A new sink gets
-// the first free slot.
+// reference count. Each sink has a slot. Fire calls the sinks in slot order. A new sink gets the
+// first free slot.
 class ConnectionPoint final : public IConnectionPoint {
  public:
   // Returns the arguments of one event call, last argument first, as in DISPPARAMS.

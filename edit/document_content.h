@@ -89,8 +89,8 @@ struct DocumentContent {
   HRESULT ReadAudio(__int64 position, SAFEARRAY* samples) {
     // Reads each piece into an array of exactly the piece's size. If a read fails, nothing of its
     // piece reaches the caller. The pieces fill the caller's array from its start, even if the read
-    // begins before frame 0. With backward segments the pieces can exceed the array. The excess is
-    // dropped.
+    // begins before frame 0. With backward segments (end before begin) the pieces can exceed the
+    // array. The excess is dropped.
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;
       Check(view.Lock(samples));

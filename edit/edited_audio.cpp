@@ -149,9 +149,9 @@ class CEditedAudio final
   }
 
   // IEditedAudio
-  // The array holds floats although the type library declares shorts. Columns that no piece covers
-  // keep their values. Pieces are drawn side by side from the first column on, even if the range
-  // begins before frame 0.
+  // The array holds floats although the type library declares shorts. Columns without a segment
+  // keep their values. The parts of segments in the range are drawn side by side from the first
+  // column on, even if the range begins before frame 0.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;

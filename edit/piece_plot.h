@@ -22,7 +22,7 @@ namespace marlinda {
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
 // The most floats of one read. The limit keeps memory small for long pieces. An overview as wide as
-// a screen needs only one read.
+// a screen usually needs only one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
 // Without IPeakSummary, a piece whose peaks have more floats than this (4 GiB) is not drawn,

@@ -39,15 +39,15 @@ struct BlockSummary {
   std::int64_t length = 0;
   std::int64_t lowest_start = 0;
   std::int64_t highest_end = 0;
-  // Sum of the absolute lengths, at most kMaxSafeLength. A smaller sum is a bound on all offsets.
+  // Sum of the absolute lengths, capped at kMaxSafeLength. Below the cap, it bounds all offsets.
   std::uint64_t absolute_length = 0;
   // The shortest length: negative if a segment runs backward.
   std::int64_t shortest = std::numeric_limits<std::int64_t>::max();
 };
 
-// With backward segments the offsets are not sorted. So the index searches the furthest end of all
-// segments up to each block, which never decreases. If offsets could overflow, the index excludes
-// no block, and the caller walks the whole list.
+// With backward segments the offsets are not sorted. So the index stores for each block the
+// furthest end of all segments up to that block. It searches these values, which never decrease. If
+// offsets could overflow, the index excludes no block, and the caller walks the whole list.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {
@@ -76,7 +76,7 @@ class PositionIndex {
     const auto found = std::ranges::lower_bound(blocks_, position, {}, &Block::furthest_end);
     return static_cast<std::size_t>(found - blocks_.begin());
   }
-  // False if no segment of the block overlaps the range.
+  // If false, no segment of the block overlaps the range.
   bool MayShareFrames(std::size_t block, const CSection& range) const noexcept {
     if (CanOverflow()) return true;
     const Block& at = blocks_[block];

@@ -90,7 +90,7 @@ void LinkToLeft(std::span<float> own) noexcept {
 
 std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t denominator) noexcept {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  // In the usual case, this comparison avoids the division below.
+  // For small values, this comparison avoids the division by `numerator` below.
   constexpr std::int64_t kSmall = std::int64_t{1} << 31;
   if (value <= kSmall && numerator <= kSmall) return value * numerator / denominator;
   if (numerator == 0 || value <= kMax / numerator) return value * numerator / denominator;

@@ -8,7 +8,7 @@
 
 namespace marlinda::editor {
 
-// Passes the events of one event interface to the document. The engine only calls Invoke.
+// Passes the events of one event interface to the document. The engine calls only Invoke.
 class DocumentEvents final : public PlainObject<IDispatch> {
  public:
   DocumentEvents(Document& document, const IID& events) : document_(document), events_(events) {}
@@ -127,7 +127,7 @@ void Document::Edit(const std::string& name, std::int64_t from, const std::funct
   try {
     edit();
   } catch (...) {
-    // A rollback empties the document. The undo step holds the earlier content.
+    // RollbackChange only empties the document. The undo step holds the earlier content.
     audio_->RollbackChange();
     Restore(undo_.Withdraw().Get());
     throw;

@@ -257,7 +257,7 @@ Scene EditorWindow::CurrentScene() {
   scene.unit = unit_;
   if (job_) scene.progress = job_->progress();
   if (transport_.IsRecording()) {
-    // Shows only the take, up to its last column.
+    // Shows only the recording, scrolled to its end.
     const std::int64_t frames = transport_.frames_per_column();
     recording_view_.SetWidth(view_.width());
     recording_view_.SetLength(std::max(transport_.recorded(), view_.width() * frames));
@@ -443,7 +443,7 @@ void EditorWindow::Select(std::int64_t anchor, std::int64_t head) {
   head = std::clamp<std::int64_t>(head, 0, document_.frames());
   invalidate(anchor_, anchor);
   invalidate(head_, head);
-  // Redraws both cursor positions, because the cursor is visible only while nothing is selected.
+  // Redraws the cursor even if it has not moved, because a selection hides it.
   InvalidatePosition(head_);
   InvalidatePosition(head);
   anchor_ = anchor;

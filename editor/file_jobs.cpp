@@ -103,7 +103,7 @@ void ImportJob::TakeAudio() {
     throw HostError(ExitStatus::kInput, file(), "no audio could be decoded",
                     "The file may be damaged: play it elsewhere, or use another copy.");
   }
-  // The import ignores failed writes. The pool's file is then shorter than its take.
+  // The import ignores failed writes, so the end of the take may be missing from the pool's file.
   const FloatArray last(static_cast<std::size_t>(take.format.channels));
   if (FAILED(take.reader->ReadAudio(take.frames - 1, last.get()))) {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
@@ -168,7 +168,7 @@ void ExportJob::Begin(const Document& document, HWND owner) {
   }
 
   unfinished_ = UnusedNameBeside(file());
-  // Clamps the samples, because at 24 and 32 bits the engine writes full scale as the lowest code.
+  // Clamps samples, because at 24 and 32 bits the engine turns +1.0 into the most negative integer.
   const auto source = ClampSamples(reader_.Get());
   const HRESULT hr = filter_->Initialize(Bstr(EngineNameOfOutput(unfinished_)).get(), source.Get());
   if (FAILED(hr)) throw Explain(hr, file(), ExitStatus::kOutput);

@@ -7,7 +7,8 @@
 namespace marlinda::editor {
 namespace {
 
-// A step between labelled ticks: `count` / `divisor` seconds or `count` frames, in `minors` parts.
+// Labelled ticks are `count` / `divisor` seconds or `count` frames apart. Minor ticks divide this
+// distance into `minors` parts.
 struct Step {
   std::int64_t count;
   std::int64_t divisor;

@@ -10,7 +10,7 @@ std::int64_t DivideUp(std::int64_t value, std::int64_t divisor) {
   return value / divisor + (value % divisor > 0 ? 1 : 0);
 }
 
-// Returns the nearest zoom that has whole frames or whole pixels.
+// Returns the nearest zoom with a whole number of frames per pixel or of pixels per frame.
 Zoom NearestZoom(double frames_per_pixel) {
   if (frames_per_pixel >= 1) return {std::llround(frames_per_pixel), 1};
   return {

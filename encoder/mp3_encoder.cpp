@@ -22,7 +22,7 @@ namespace {
 constexpr long kBufferBytes = 16384;
 constexpr int kDefaultBitRateKbit = 128;
 constexpr int kBits = 16;
-// The delay of LAME's filter bank.
+// LAME's encoder delay.
 constexpr WORD kDelaySamples = 576;
 
 AudioType TypeOf(const Mp3Format& format) {
@@ -79,7 +79,7 @@ class Mp3Pin final : public OutputPin, private IAMStreamConfig {
     return IsEqualIID(iid, IID_IAMStreamConfig) ? static_cast<IAMStreamConfig*>(this) : nullptr;
   }
 
-  // Returns the formats for the connected input, or for all inputs if no input is connected.
+  // Returns the formats that fit the connected input, or all formats if the input is unconnected.
   std::vector<Mp3Format> Formats() const {
     if (const WAVEFORMATEX* const pcm = input_.type().format()) {
       return Mp3Formats(static_cast<int>(pcm->nSamplesPerSec), pcm->nChannels);

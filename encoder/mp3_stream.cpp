@@ -12,7 +12,7 @@ namespace {
 constexpr int kMaxChannels = 2;
 // LAME's quality, where 0 is the best. 2 is nearly as good and many times faster than real time.
 constexpr int kQuality = 2;
-// LAME returns at most 1.25 bytes per sample frame plus this number, and at the end this number.
+// Bytes of output buffer that LAME needs in addition to 1.25 bytes per sample frame of input.
 constexpr std::size_t kMinBuffer = 7200;
 constexpr int kBitRatesPerVersion = 14;
 

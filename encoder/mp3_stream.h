@@ -35,8 +35,8 @@ class Mp3Stream {
   Mp3Stream& operator=(const Mp3Stream&) = delete;
   ~Mp3Stream();
 
-  // Takes whole interleaved frames. Returns the encoded bytes, valid until the next call. Throws
-  // std::runtime_error.
+  // Encodes whole sample frames, interleaved. Returns the encoded bytes, valid until the next call.
+  // Throws std::runtime_error.
   std::span<const std::byte> Encode(std::span<const std::byte> pcm);
   // Returns the last bytes. Do not call Encode afterwards.
   std::span<const std::byte> Finish();

@@ -32,7 +32,7 @@ constexpr int kDefaultBitRateKbit = 128;
 constexpr DWORD kServeMilliseconds = 10;
 constexpr std::int64_t kFramesPerBlock = 65536;
 constexpr int kBits = 16;
-// File formats and encoders count the bytes of a frame in 16 bits.
+// WAVEFORMATEX stores the bytes of a frame in 16 bits.
 constexpr int kMaxChannels = 0xFFFF / (kBits / 8);
 
 std::optional<EncodedKind> KindOf(const std::string& extension) {
@@ -62,8 +62,8 @@ std::wstring Text(const OLECHAR* text) { return {text != nullptr ? text : L""}; 
 
 }  // namespace
 
-// One export from reader to compressed file, run by the filter's worker. During a run, only the
-// worker uses the reader.
+// One export from reader to compressed file, run by the worker of CDShowExport. During a run, only
+// the worker uses the reader.
 class DShowExportJob : public TaskJob {
  public:
   DShowExportJob(EncodedKind kind, std::string path, IAudioReader* reader)
@@ -89,8 +89,8 @@ class DShowExportJob : public TaskJob {
   }
 
   // Opens the encoder and the file, and reports the result through `opened`. On failure, keeps the
-  // reader for another Start. On success, writes the whole file and releases the reader. A
-  // cancelled file is valid and ends early. If writing fails, Run deletes the file.
+  // reader for another Start. On success, writes the whole file and releases the reader. After a
+  // cancel, the file is valid and ends early. If writing fails, Run deletes the file.
   void Run(EncoderSettings settings, std::promise<HRESULT>& opened) noexcept {
     const Apartment apartment(COINIT_MULTITHREADED);
     settings.path = path_;
@@ -99,7 +99,7 @@ class DShowExportJob : public TaskJob {
     const HRESULT opening = ComCall([&] {
       file = kind_ == EncodedKind::kMp3 ? CreateMp3File(settings) : CreateWmaFile(settings);
     });
-    // From here on, the filter may start the job again. A failed run must no longer use the job.
+    // Start waits for this result and returns it.
     opened.set_value(opening);
     if (FAILED(opening)) return;
 
@@ -145,8 +145,9 @@ class DShowExportJob : public TaskJob {
 // settings in the registry.
 //
 // Start waits until encoder and file are open, and fails if either cannot be opened. If there is no
-// suitable encoder, Start creates no file. It then shows a message if ShowSettingsDlg has named an
-// owner window. A task that fails later deletes its file, and its progress stays below 1.
+// suitable encoder, Start creates no file. It then shows a message if an earlier ShowSettingsDlg
+// received an owner window. A task that fails later deletes its file. Its progress stays below 1
+// unless all samples were written before the failure.
 class CDShowExport final
     : public FilterTask<CDShowExport, DShowExportJob, ICoreTask, IExportFilter, IMetaDataWriter> {
  public:
@@ -178,8 +179,8 @@ class CDShowExport final
       const auto opened = std::make_shared<std::promise<HRESULT>>();
       auto outcome = opened->get_future();
       Check(worker_.Start([job = job_, opened, settings] { job->Run(settings, *opened); }));
-      // COM creates an encoder without a threading model on the host's first thread, which may be
-      // waiting here.
+      // COM creates an encoder class without a ThreadingModel in the process's main STA. If this is
+      // the thread of the main STA, it must serve calls while it waits.
       while (outcome.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) {
         worker_.AwaitServingCalls(kServeMilliseconds);
       }
@@ -194,7 +195,7 @@ class CDShowExport final
 
   // IExportFilter. Initialize fails with the system's error if the file cannot be written, and with
   // E_INVALIDARG if the extension is not supported. Initialize does not change the file.
-  // SetBitsPerSample has no effect, because the encoders choose the sample width.
+  // SetBitsPerSample has no effect, because the encoders receive 16-bit PCM.
   STDMETHODIMP QuerySupportsExtension(BSTR bstrExtension, VARIANT_BOOL* pbSupported) override {
     return ComCall([&] { return HandOut(pbSupported, KindOf(ToAnsi(bstrExtension)).has_value()); });
   }
@@ -250,7 +251,7 @@ class CDShowExport final
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
-  // Shows a message about the missing encoder if ShowSettingsDlg has named an owner window.
+  // Shows a message about the missing encoder if ShowSettingsDlg has received an owner window.
   void ShowCodecError() const {
     if (message_owner_ == nullptr) return;
     const auto& module = TheModule();

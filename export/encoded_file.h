@@ -19,7 +19,7 @@ class CodecError final : public HResultError {
   CodecError() noexcept : HResultError(VFW_E_CANNOT_CONNECT) {}
 };
 
-// Tags in UTF-16, because both file formats support characters outside the code page. Empty texts
+// Tags in UTF-16, because MP3 and WMA files support characters outside the code page. Empty texts
 // are omitted.
 struct WideTags {
   std::wstring title;

@@ -42,8 +42,8 @@ ComPtr<IPin> FirstPin(IBaseFilter* filter, PIN_DIRECTION direction) {
   return first;
 }
 
-// Chooses among the encoder's formats for this rate and channel count by IsBetterBitRate. If the
-// encoder lists no such format, it keeps its default format.
+// Chooses by IsBetterBitRate among the encoder's formats with the sample rate and channel count of
+// the settings. If the encoder lists no such format, it keeps its default format.
 void ChooseBitRate(IBaseFilter* encoder, const EncoderSettings& settings) {
   const auto config = FindStreamConfig(encoder);
   const auto wanted = static_cast<DWORD>(settings.bit_rate_kbit);
@@ -209,7 +209,7 @@ class Mp3File final : public EncodedFile {
     Check(WriteAll(file_.get(), std::as_bytes(std::span(tag.data(), tag.size()))));
   }
 
-  // Throws the file's error if there is one, because it causes the encoder's. Else checks `hr`.
+  // Checks the file's error before `hr`, because a failed write makes the encoder fail, too.
   void ThrowFailure(HRESULT hr) const {
     Check(failure_);
     Check(hr);

@@ -67,7 +67,7 @@ class SettingsDialog {
     if (message == WM_INITDIALOG) {
       SetWindowLongPtrW(window, DWLP_USER, lparam);
       reinterpret_cast<SettingsDialog*>(lparam)->Open(window);
-      return FALSE;  // OnOpening has set the focus
+      return FALSE;  // Open has set the focus
     }
     auto* const self = reinterpret_cast<SettingsDialog*>(GetWindowLongPtrW(window, DWLP_USER));
     if (message != WM_COMMAND || self == nullptr) return FALSE;
@@ -130,7 +130,7 @@ class RadioDialog : public SettingsDialog {
   const std::span<const Choice> choices_;
 };
 
-// "Wave Encoder Settings". Float samples have 32 bits.
+// The dialog "Wave Encoder Settings". Float samples have 32 bits.
 class CWavSettings final : public RadioDialog {
  public:
   CWavSettings(SHORT bits_per_sample, bool is_float) noexcept
@@ -150,7 +150,7 @@ class CWavSettings final : public RadioDialog {
                                         {IDC_WAV_FLOAT, kFloat}};
 };
 
-// "WMA Encoder Settings".
+// The dialog "WMA Encoder Settings".
 class CWmaSettings final : public RadioDialog {
  public:
   explicit CWmaSettings(int bit_rate_kbit) noexcept
@@ -163,9 +163,9 @@ class CWmaSettings final : public RadioDialog {
       {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
-// "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of the first MP3
-// encoder. If the encoder reports no capabilities, the dialog offers no choice and does not change
-// the bit rate.
+// The dialog "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of the
+// first MP3 encoder. If the encoder reports no capabilities, the dialog offers no choice and does
+// not change the bit rate.
 class CMpegSettings final : public SettingsDialog {
  public:
   explicit CMpegSettings(int bit_rate_kbit) : SettingsDialog(IDD_MPEG_SETTINGS, bit_rate_kbit) {}

@@ -60,7 +60,7 @@ class WavExportJob : public TaskJob {
     reader_.Reset();
   }
 
-  // Calls `use` with the annotations under a lock, on any thread. The worker reads the annotations
+  // Thread-safe. Calls `use` with the annotations under a lock. The worker reads the annotations
   // after it has written the audio.
   template <class Use>
   HRESULT WithNotes(Use&& use) {

@@ -35,7 +35,7 @@ inline FileHandle CreateTargetFile(const std::string& name) noexcept {
 // Failed writes are not reported. The file is finished as far as possible.
 class WavFile {
  public:
-  // Takes ownership of `file`, which may be empty. Closes an old file without filling in its sizes.
+  // Takes over the handle `file`, which may be empty. Closes an old file, but fills in no sizes.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;
@@ -50,8 +50,8 @@ class WavFile {
     if (WriteBytes(header.bytes())) data_start_ = header.bytes().size();
   }
   void Write(std::span<const std::byte> samples) noexcept { WriteBytes(samples); }
-  // Ends the samples, writes `trailer`, fills in the sizes and closes the file. The destructor only
-  // closes the file and leaves the sizes at 0.
+  // Ends the "data" chunk, writes `trailer`, fills in the sizes and closes the file. The destructor
+  // only closes the file and leaves the sizes at 0.
   void Finish(std::span<const std::byte> trailer = {}) noexcept {
     if (data_start_ != 0) {
       EndChunk(data_start_);

@@ -17,7 +17,8 @@ namespace marlinda {
 // A block of n frames has n * BlockAlign() bytes, so that the header's sizes are right at every
 // width. PCM of 8, 16, 24 and 32 bits and 32-bit floats fit exactly. Other blocks are truncated or
 // padded with zeros. For example, 12-bit PCM has 2 bytes per sample, but BlockAlign() counts 1. A
-// block then loses its second half. So do floats at 16 bits. A block align below 1 gives no bytes.
+// block then loses its second half. Floats have 4 bytes at every width, so a block of floats at 16
+// bits loses its second half, too. A block align below 1 gives no bytes.
 class WavSampleEncoder {
  public:
   explicit WavSampleEncoder(const WavFormat& format) noexcept : format_(format) {}

@@ -1,4 +1,4 @@
-// Reads the input or a part of it as an Ogg Vorbis file, on three threads and on one. Both runs
+// Reads the samples of an Ogg Vorbis file, all or a part, on three threads and on one. Both runs
 // must return the same samples. The input's last byte selects the part and the block size.
 #include <cstddef>
 #include <cstdint>

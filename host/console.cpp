@@ -35,7 +35,7 @@ BOOL WINAPI HandleControl(DWORD event) {
   SetEvent(interrupt_event.get());
   if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
     // The window closes or the user logs off. The system ends the process when this handler
-    // returns, or after a few seconds, in which the main thread can finish the file.
+    // returns, or after a few seconds. Sleeping gives the main thread this time to finish the file.
     Sleep(INFINITE);
   }
   if (again && finishing_count == 0) {

@@ -14,7 +14,7 @@ namespace marlinda {
 class Console {
  public:
   // While an object of this class exists, a second Ctrl+C is ignored, so that the command can
-  // complete its file or take.
+  // complete its file or recording.
   class Finishing {
    public:
     Finishing();
@@ -43,14 +43,14 @@ class Console {
   // Ctrl+C may end, before the result is saved.
   void ForgetInterrupt() const;
 
-  // Waits until `milliseconds` have passed or Ctrl+C is pressed. Dispatches window messages, which
+  // Waits for Ctrl+C or a window message, at most `milliseconds`. Dispatches window messages, which
   // the single-threaded apartment needs.
   void Wait(DWORD milliseconds) const;
 
   // True if standard input is a terminal. ReadKey needs one.
   bool HasKeyboard() const;
-  // Returns the virtual-key code of the next key pressed, or nothing after `milliseconds` or
-  // Ctrl+C. Dispatches window messages like Wait.
+  // Waits like Wait, but also for console input. Returns the virtual-key code if the input is a key
+  // press, otherwise nothing.
   std::optional<WORD> ReadKey(DWORD milliseconds) const;
 
   // Writes data to standard output.

@@ -76,7 +76,7 @@ inline void ConvertInto(IAudioPool* pool, IFormatConverter* converter, const Imp
     const FloatArray owned(converted);
     output.insert(output.end(), owned.samples().begin(), owned.samples().end());
 
-    // Writes multiples of 256 frames, because only then do the pool's peaks match the frames.
+    // The pool's peaks are right only if every block but the last is a multiple of 256 frames.
     const __int64 ready = static_cast<__int64>(output.size()) / to.channels;
     const __int64 rest = total - written;
     const __int64 count = ready >= rest ? rest : ready / kFramesPerPeak * kFramesPerPeak;

@@ -1,5 +1,5 @@
-// Converts the options of "marlinda cut" to frames before any file is written: pieces, silence,
-// labels and markers.
+// Converts the options of "marlinda cut" (pieces, silence, labels and markers) to frames before any
+// file is written.
 #pragma once
 
 #include <cstdint>

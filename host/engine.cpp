@@ -51,7 +51,8 @@ HRESULT ReadOneFrame(IAudioReader* reader, __int64 position, SHORT channels) {
 }
 
 // Of the built-in filters that accept the file, returns the filter with the highest merit. Skips
-// listed filters: the manager has tried them, and a hanging decoder takes fifteen seconds.
+// filters in the registry's list. The filter manager has tried them already, and a decoder that
+// hangs costs fifteen seconds each time.
 ComPtr<IImportFilter> AskBuiltInFilters(BSTR file) {
   const FilterList listed = ReadFilterList();
   ComPtr<IImportFilter> best;
@@ -348,7 +349,8 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
-  // Sets no section for the whole file. With a section, a damaged file can deliver too many frames.
+  // Sets no section for the whole file. From a damaged file, a section can deliver frames that an
+  // import from the start drops.
   if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);
@@ -405,11 +407,12 @@ ImportedAudio Source::StartImport(const FrameRange& part) {
   Check(task->Start());
   const auto wait_and_read = [task](IAudioReader* reader, __int64 position, SAFEARRAY* array) {
     for (;;) {
-      // Ask before the read, so that a read after the end of the import finds all frames.
+      // Ask before the read. Otherwise the import could end between a failed read and the question,
+      // and its last frames would be lost.
       VARIANT_BOOL running = VARIANT_FALSE;
       task->QueryIsTaskRunning(&running);
       if (running == VARIANT_FALSE) {
-        // Return silence after the import's end: an error would make playback drop queued audio.
+        // Frames that were not imported are silent. An error would make playback drop queued audio.
         std::ranges::fill(SamplesOf(array), 0.0F);
       }
       const HRESULT hr = reader->ReadAudio(position, array);
@@ -454,8 +457,8 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // Before the import, the length of a compressed file may be an estimate. Afterwards, it may count
-  // only the frames that were decoded.
+  // Before the import, the length of a compressed file may be an estimate, so a shortfall of up to
+  // a second is ignored. After the import, the length may count only the decoded frames.
   const __int64 promised = std::max(Frames().value_or(0),
                                     audio.frames < announced_ - audio.format.rate ? announced_ : 0);
   const auto task = TryQuery<ICoreTask>(filter_.Get());

@@ -23,10 +23,10 @@
 
 namespace marlinda {
 
-// The subject of messages about the pool's files.
+// The subject of messages about the files in which a pool stores audio.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
-// Returns S_OK if a new pool has a file for its samples, otherwise the error.
+// Returns S_OK if `pool` has a file for its samples, otherwise the error. Pass a new pool.
 HRESULT TryPoolFiles(IAudioPool* pool);
 
 // Creates an object. Throws with a remedy if the class is not registered.
@@ -46,7 +46,7 @@ ComPtr<I> Query(IUnknown* object) {
   return result;
 }
 
-// The sample block of the interfaces: a one-dimensional SAFEARRAY of floats, initially 0.
+// A one-dimensional SAFEARRAY of floats, in which the interfaces pass samples. Initially all 0.
 class FloatArray {
  public:
   explicit FloatArray(std::size_t count)
@@ -76,7 +76,8 @@ struct FilterIdentity {
 
 FilterIdentity IdentityOf(IUnknown* object);
 
-// The error of a command that was interrupted before it wrote `subject`.
+// The error of a command that was interrupted before it wrote a file. `subject` is the input or
+// output file, or empty.
 HostError NothingWritten(const std::string& subject);
 
 struct AudioFormat {
@@ -112,14 +113,14 @@ void MakeFinite(std::span<float> samples);
 Annotations ReadAnnotations(IUnknown* object);
 void AddAnnotations(IUnknown* object, const Annotations& annotations);
 
-// Decoded audio, usually a take in a pool.
+// Decoded audio, usually a take: the audio of one import or recording in a pool.
 struct ImportedAudio {
   ComPtr<IAudioReader> reader;
   AudioFormat format;
   __int64 frames = 0;
 };
 
-// Receives blocks of samples in sequence, in which NaN is 0 and infinity is full scale.
+// Receives consecutive blocks of samples. NaN is already replaced by 0, infinity by full scale.
 using SampleFunction =
     std::function<void(const AudioFormat& format, std::span<const float> samples)>;
 
@@ -131,8 +132,8 @@ ImportedAudio LastTake(IAudioPool* pool);
 // An input file, its import filter and, if no target is given, the pool that receives the audio.
 class Source {
  public:
-  // Uses the filter that the filter manager chooses, otherwise a built-in filter. If `target` is
-  // given, the source has no pool, and the caller runs the import.
+  // Uses the filter that the filter manager chooses or, if it finds none, a built-in filter. If
+  // `target` is given, the source has no pool, and the caller runs the import.
   explicit Source(const std::string& file, IAudioWriter* target = nullptr);
 
   const std::string& file() const { return file_; }
@@ -153,9 +154,10 @@ class Source {
   // Decodes the whole file. Reports on standard error if the file holds less than it announces.
   ImportedAudio Import(const Console& console);
 
-  // Decodes the file on another thread into `take`, without a pool. Returns format and length.
-  // Rethrows an exception of `take`. Pass `part` only if Expected returns a value. Reports a
-  // damaged file as Import does. With `part`, only delivers fewer frames instead.
+  // Decodes the file, or only `part`, on another thread and passes the samples to `take`, without a
+  // pool. Returns format and length. Rethrows an exception of `take`. Pass `part` only if Expected
+  // returns a value. Without `part`, reports a damaged file as Import does. With `part`, a damaged
+  // file only makes the returned length shorter.
   ImportedAudio Stream(const SampleFunction& take, const Console& console,
                        const std::optional<FrameRange>& part = {});
   // Makes the filter's next run write to `target`, or to the pool if `target` is null.
@@ -188,7 +190,7 @@ class Source {
   __int64 announced_ = 0;  // the length reported before an import of the whole file
 };
 
-// The data of an output file beside its audio.
+// The data that an output file stores in addition to its audio.
 struct FileTexts {
   Tags tags;
   Annotations annotations;

@@ -45,7 +45,8 @@ void RefuseNoFile(const std::string& file, ExitStatus status) {
 // The engine opens files with functions that take fewer than MAX_PATH characters of the code page.
 bool Fits(const std::wstring& name) { return FitsCodePage(name) && name.size() < MAX_PATH; }
 
-// Returns the name or the short name, whichever fits. A name that is only too long is returned.
+// Returns the name if it fits, otherwise the short name if that fits. If neither fits, throws for
+// characters outside the code page, and otherwise returns the name although it is too long.
 std::wstring FittingName(const std::string& file, ExitStatus otherwise) {
   std::wstring name = Widen(file);
   if (Fits(name)) return name;

@@ -1,4 +1,4 @@
-// Checks file names, and converts Unicode names to names in the engine's ANSI code page.
+// Checks file names, and finds names that the engine's ANSI code page can represent.
 #pragma once
 
 #include <string>
@@ -25,8 +25,8 @@ void WriteWholeFile(const std::string& file, const std::string& content);
 // Returns the extension without its dot, ASCII letters in lower case.
 std::string ExtensionOf(const std::string& file);
 
-// Returns a name of the file in the engine's code page: the name itself or the system's short name.
-// Throws a HostError if the code page can hold neither.
+// Returns a name that the engine's code page can represent: the name itself or the system's short
+// name. Throws a HostError if the code page can represent neither.
 std::wstring EngineNameOfInput(const std::string& file);
 // Does the same for an output. If the name does not fit, creates the file to get a short name.
 std::wstring EngineNameOfOutput(const std::string& file);

@@ -37,8 +37,8 @@ FilterList ReadFilterList() {
   if (opened == ERROR_FILE_NOT_FOUND) return list;
   RequireSuccess(opened);
   for (DWORD index = 0;; ++index) {
-    // Uses the manager's buffer sizes, so that this list ends where the manager's list ends.
-    // The last byte stays 0, because a value's text may lack its terminator.
+    // The filter manager stops at a value that is too long for its buffers. The same sizes make
+    // this list end there, too. The last byte stays 0, because a value may lack its terminator.
     char name[101] = {};
     char data[101] = {};
     DWORD name_size = 100;

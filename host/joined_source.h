@@ -84,7 +84,8 @@ class JoinedSource {
 
  private:
   // Decodes the frames of `source` that lie in `parts`. `file` is the expected audio of `source`,
-  // and `before` is the audio of the earlier files. Decodes all of a file that must be converted.
+  // and `before` is the audio of the earlier files. Decodes all of a file whose format differs from
+  // that of `before`.
   static ImportedAudio ImportPartsOf(Source& source, const ImportedAudio& file,
                                      const std::vector<FrameRange>& parts,
                                      const ImportedAudio& before, const Console& console) {

@@ -7,7 +7,8 @@
 
 namespace marlinda {
 
-// Status 5 is unused, because a crashed program exits with status 5.
+// Status 5 is unused. After an access violation, a program exits with 0xC0000005, of which some
+// shells show only the low byte.
 enum class ExitStatus {
   kSuccess = 0,
   kFailure = 1,

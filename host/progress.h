@@ -11,7 +11,7 @@
 namespace marlinda {
 
 // Draws each line over the previous line. The destructor clears the line. Pass null as `out` to
-// draw nothing, for example into files and pipes.
+// draw nothing, for example if the output is a file or a pipe.
 class StatusLine {
  public:
   explicit StatusLine(std::ostream* out) : out_(out) {}
@@ -55,7 +55,7 @@ class ProgressBar {
 
 // The line of play, scrub and record: "Playing 0:00:01.200 / 0:00:05.500 [######    ] [#### ]",
 // with a bar for each level. A bar covers -60 dB to full scale and ends in "!" at full scale and
-// above. The line fits in 79 columns if at least three remain for each bar.
+// above. Each bar has at least three columns, even if the line then exceeds 79 columns.
 std::string TransportLine(std::string_view title, std::int64_t position, std::int64_t length,
                           std::int32_t rate, std::span<const float> levels);
 

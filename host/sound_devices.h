@@ -21,7 +21,7 @@ struct SoundDevice {
 std::vector<SoundDevice> OutputDevices();
 std::vector<SoundDevice> InputDevices();
 
-// An output or input device: the device with an index, or the system's default.
+// An output or input device, chosen by its index or as the system's default.
 class DeviceChoice {
  public:
   // Throw a HostError if the device of `index` does not exist, or if there is no device.

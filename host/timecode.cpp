@@ -174,7 +174,7 @@ std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32
 }
 
 NamedTime ParseNamedTime(std::string_view text) {
-  // Try the last colon first, so that the time is as long as possible.
+  // Try the last colon first, to find the longest prefix that is a time.
   for (auto colon = text.rfind(':'); colon != text.npos; colon = text.rfind(':', colon - 1)) {
     const auto [at, name] = CutAt(text, colon);
     if (IsTime(at, false)) return {Timecode::Parse(at), std::string(name)};

@@ -33,7 +33,7 @@ class Timecode {
 struct TimeRange {
   std::optional<Timecode> begin;
   std::optional<Timecode> end;
-  std::string typed = {};  // the options and a space, for messages
+  std::string typed = {};  // for messages: the options as typed, then a space
 };
 
 // Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument if the text is not of
@@ -63,8 +63,8 @@ struct FrameRange {
 FrameRange ResolveRange(const TimeRange& range, std::int64_t frames, std::int32_t rate);
 std::int64_t ResolvePosition(const Timecode& at, std::int64_t frames, std::int32_t rate);
 
-// Parses "AT:NAME". The name may contain colons; the time is as long as possible. Throws
-// std::invalid_argument.
+// Parses "AT:NAME". The name may contain colons: the time is the longest prefix that is a time.
+// Throws std::invalid_argument.
 struct NamedTime {
   Timecode at;
   std::string name;

@@ -123,8 +123,8 @@ class Canvas {
     drawing_.Fill(text.outline, colour, 1, {x, baseline});
   }
 
-  // Places a name right of its line, or left of the line near the picture's right edge, in the
-  // first row with room. Returns the row, or kMaxRows if no row has room.
+  // Places a name right of its line, in the first row with room. Near the picture's right edge, the
+  // name is left of its line. Returns the row, or kMaxRows if no row has room.
   int PlaceName(double line, const std::string& text, Colour colour) {
     ShapedText shaped = shape_(text);
     double x = line + 4;

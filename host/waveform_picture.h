@@ -55,8 +55,8 @@ Drawing DrawWaveform(const Waveform& waveform, const PictureStyle& style, int wi
                      const ShapeText& shape);
 
 // Returns the smallest usual step that puts ticks at least `least_pixels` apart and, if `whole` is
-// given, divides `whole`. Usual steps are 1, 2 and 5 times a power of ten below a second, and round
-// seconds, minutes and hours above.
+// given, divides `whole`. Below a second, usual steps are 1, 2 and 5 times a power of ten. From a
+// second on, usual steps are round numbers of seconds, minutes, hours or days.
 double TickStep(double seconds, int width, int least_pixels, double whole = 0);
 
 // Returns a time for the axis, with the decimals that the step needs: "0.25", "12", "3:05",

@@ -1,5 +1,5 @@
-// Decodes the two ADPCM codings of wave files. A block begins with uncompressed samples. Each later
-// sample takes four bits.
+// Decodes IMA ADPCM and Microsoft ADPCM of wave files. A block begins with uncompressed samples.
+// Each later sample takes four bits.
 #pragma once
 
 #include <cstddef>

@@ -11,7 +11,8 @@
 
 namespace marlinda {
 
-// A CodecMemory and its parts share one limit. Each part may be used on a thread of its own.
+// A CodecMemory constructed with `whole` is a part of `whole` and shares its limit. Each part may
+// be used on a thread of its own.
 class CodecMemory {
  public:
   // Limit in bytes for all blocks of a CodecMemory and of its parts together.
@@ -41,7 +42,7 @@ class CodecMemory {
   std::size_t held() const noexcept { return whole_->held_; }
 
   // Acts as malloc if `contents` is null, otherwise as realloc. If Resize throws, the old block is
-  // unchanged. A growing block gets spare room, because the library grows blocks page by page.
+  // unchanged. A growing block gets spare room, because the library adds one Ogg page at a time.
   static void* Resize(void* contents, std::size_t size);
   static void Free(void* contents) noexcept;
 

@@ -270,8 +270,9 @@ class CDShowImport final
       WriteDecoded(source.file_name, job, target);
     }
   }
-  // Returns 0 for MPEG audio, because decoding depends on the data before the section, and for a
-  // graph of the system's filters, because the filters only estimate the length.
+  // Returns 0, which disables sections, for MPEG audio and for files that the system's filters
+  // decode. MPEG decoding depends on the data before the section. The filters only estimate the
+  // length.
   static __int64 SectionFrames(const DShowImportJob& job) {
     return job.source->info.pcm ? job.source->total : 0;
   }

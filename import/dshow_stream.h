@@ -202,13 +202,13 @@ inline KernelHandle MakeEvent(bool manual_reset) {
   return event;
 }
 
-// Use each object on one thread. A worker thread builds, runs and releases the graph. The graph
-// must not live in the host's apartment, and some decoders wait forever for the missing part of a
-// damaged file. If the graph cannot be built or released within fifteen seconds, the worker thread
-// is detached. A detached thread keeps the module loaded.
+// Use each object on one thread. A worker thread builds, runs and releases the graph, because the
+// graph must not live in the host's apartment. Some decoders wait forever for the missing part of a
+// damaged file. Therefore the worker thread is detached if the graph cannot be built or released
+// within fifteen seconds. A detached thread keeps the module loaded.
 //
-// COM creates a decoder without a threading model on the host's first thread. Therefore Open and
-// the destructor serve incoming COM calls while they wait.
+// COM creates a decoder class without a ThreadingModel in the process's main STA. The thread of the
+// main STA may be waiting in Open or the destructor, so both serve incoming COM calls.
 class DShowStream {
  public:
   // Returns null if no filter can decode the file, or if the file has no sound.

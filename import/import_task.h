@@ -95,7 +95,8 @@ class ImportTask : public FilterTask<Class, Job, Interfaces..., IImportSection> 
     return job_ != nullptr && !job_->started && job_->source ? Class::SectionFrames(*job_) : 0;
   }
 
-  // Ignores the writer's results. A failing writer loses samples; the host can query the writer.
+  // Ignores the writer's results, so a failing writer loses samples. To detect failures, a host can
+  // pass a writer of its own.
   static void Run(Job& job) {
     // Releases source and writer at the end of Run. Otherwise a finished task would keep the file
     // open, and a writer that holds this filter would form a reference cycle with it.

@@ -18,7 +18,7 @@ namespace marlinda {
 // cue point has a "labl". A cue point whose "labl" is missing or empty gets its name from its
 // "note". A marker whose "ltxt" has no name gets the name of its cue point.
 //
-// Loop data has the layout that the engine writes, with the root note in the first field.
+// Loop data ("acid") has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
 // Both return nothing if the file is of another kind. They refuse codings that ReadSamples cannot

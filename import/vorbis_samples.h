@@ -6,7 +6,7 @@
 
 namespace marlinda {
 
-// Scales, rounds to nearest (halves to even) and clips, as the codec library does to decode to 16
+// Scales, rounds to nearest (halves to even) and clips, as libvorbisfile does when it decodes to 16
 // bits. NaN and scaled values that do not fit in 32 bits become the lowest code.
 std::int16_t VorbisCode(float sample) noexcept;
 

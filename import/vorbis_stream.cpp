@@ -226,7 +226,8 @@ std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
     return 0;
   }
   if (const int before = std::exchange(link_, link); before != link && before > 0) {
-    // Frees the tables of the previous link. The library keeps all tables but needs only link 0's.
+    // Frees the tables of the previous link. The library keeps the tables of all links, but needs
+    // only those of link 0 and of the current link.
     decoder_->Call([before](OggVorbis_File* state) {
       vorbis_info_clear(ov_info(state, before));
       return 0;

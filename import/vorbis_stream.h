@@ -28,7 +28,7 @@ class VorbisStream {
   // Takes ownership of the file, which must be open for binary reading. Returns null if the file is
   // not Ogg Vorbis or is a chain of more than 1000 links. Throws std::bad_alloc if memory runs out
   // or the decoder needs more than CodecMemory::kMaxBytes. Both failures close the file. Read
-  // decodes on up to `threads` worker threads, or on its own thread if `threads` is 0 or 1.
+  // decodes on up to `threads` worker threads, or on its caller's thread if `threads` is 0 or 1.
   static std::unique_ptr<VorbisStream> Open(FilePointer file,
                                             unsigned threads = std::thread::hardware_concurrency());
 

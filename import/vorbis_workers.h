@@ -1,5 +1,5 @@
 // VorbisWorkers: decodes a Vorbis stream's packets on several threads. Samples and blocks equal
-// those of the codec library's reader. Only vorbis_stream uses this class.
+// those of the codec library's reader (libvorbisfile). Only vorbis_stream uses this class.
 #pragma once
 
 // Omits the header's unused callback tables.
@@ -177,7 +177,7 @@ class VorbisWorkers {
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // Needed for a library with its own heap. After a failure, the library's state is unusable.
+    // Needed if the library does not use CodecMemory. After a failure, its state is unusable.
     ~Decoder() {
       if (failed) return;
       try {

@@ -1,9 +1,11 @@
-; The set-up program and the uninstaller: copies the files, registers the modules of both bitnesses, lists the import
-; filters in the registry and adds entries to the Start menu. scripts/package.sh builds it and defines VERSION, OUT and
-; FOLDER. ${FOLDER} holds the files to install. Lists of these files and of the modules are beside ${FOLDER}.
+; Source of the set-up program and the uninstaller. The set-up program copies the files, registers the modules of both
+; bitnesses, lists the import filters in the registry and adds entries to the Start menu. scripts/package.sh builds it
+; and defines VERSION, OUT and FOLDER. ${FOLDER} holds the files to install. Lists of these files and of the modules are
+; beside ${FOLDER}.
 ;   tessaly-VERSION-setup.exe [/S] [/AllUsers | /CurrentUser] [/Path] [/D=FOLDER]
-; Installs for all users if the user is an administrator, else for the current user. Exit status: 0 done, 1 cancelled by
-; the user, 2 refused or failed. A refusal changes nothing. A failure removes the whole installation.
+; By default, installs for all users if the user is an administrator, else for the current user. /Path adds
+; $INSTDIR\x64 to the PATH. /D sets $INSTDIR. Exit status: 0 done, 1 cancelled by the user, 2 refused or failed. A
+; refusal changes nothing. A failure removes the whole installation.
 
 ; A 32-bit set-up program would see the 32-bit views of the registry and the system folder.
 Target amd64-unicode
@@ -59,8 +61,8 @@ VIAddVersionKey LegalCopyright ""
   Quit
 !macroend
 
-; Fails if a module or program is in use, because the set-up program could replace only the other files. A file in
-; use cannot be opened for writing.
+; Refuses to continue while a module or program is in use, because only the other files could be replaced or removed. A
+; file in use cannot be opened for writing.
 !macro RequireUnused folder kind
   FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
   ${DoUntil} $2 == ""
@@ -106,7 +108,8 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Register ${folder} ${module} /u
 !macroend
 
-; Adds the import filters to the machine's list for one bitness, or removes them. marlinda.exe needs no list.
+; Adds the import filters of one bitness to the list in HKLM, or removes them. The list is only in HKLM, so an
+; installation for the current user adds none. marlinda.exe finds these filters without the list.
 !macro ListFilters folder options
   StrCpy $0 0
   ${If} $Scope == machine
@@ -216,7 +219,7 @@ VIAddVersionKey LegalCopyright ""
     !include "${FOLDER}.remove.nsh"
     Delete "$INSTDIR\uninstall.exe"
     RMDir "$INSTDIR"
-    ; The installation may have created this folder. It stays if it holds other programs.
+    ; The installation may have created the folder Programs. RMDir removes it only if it is empty.
     ${If} $INSTDIR == "$LOCALAPPDATA\Programs\${NAME}"
       RMDir "$LOCALAPPDATA\Programs"
     ${EndIf}

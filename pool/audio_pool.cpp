@@ -67,10 +67,10 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   STDMETHODIMP GetFormat(LONG* pnSamplesPerSec, SHORT* pnChannels) override {
     return SetOut(pnSamplesPerSec, samples_per_sec_, pnChannels, channels_);
   }
-  // Without a take, CreateLastReader and CreatePrevReader leave the out-pointer unchanged. A new
-  // reader uses the pool's current bit depth, because the pool does not record that of a take. So
-  // it misreads takes of another bit depth. If the reader cannot be created, the next
-  // CreatePrevReader tries the same take again.
+  // If no take is left, both methods return S_FALSE and leave the out-pointer unchanged. A new
+  // reader uses the pool's current bit depth, because the pool does not store the bit depths of its
+  // takes. So the reader misreads a take that has another bit depth. If the reader cannot be
+  // created, the next CreatePrevReader tries the same take again.
   STDMETHODIMP CreateLastReader(IAudioReader** ppAudioReader) override {
     if (ppAudioReader == nullptr) return E_POINTER;
     cursor_ = takes_.size();
@@ -103,7 +103,7 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   // IAudioWriter
   // Dithering changes the caller's samples. A block that ends within a frame is stored in full, but
   // its peaks cover only the whole frames. Fails with E_INVALIDARG if the block is shorter than a
-  // frame or the pool has no channels or a bit depth outside 8 to 40. Fails with
+  // frame, the pool has no channels, or the bit depth is outside 8 to 40. Fails with
   // ERROR_NOT_SUPPORTED if it would dither more than 8 channels. A refused block is neither changed
   // nor written. A failed write leaves a gap in the take. A failed write of peaks is not reported.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
@@ -175,9 +175,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   }
   // 32-bit samples are stored as received.
   bool Dithers() const noexcept { return dithering_mode_ != 0 && bits_per_sample_ != 32; }
-  // Sets the peak position to the peaks of the group of 256 frames in which the next frame lies.
-  // The next block writes its first peaks there, even if it begins in the middle of that group. So
-  // the peaks match the frames only if every block but the last is a multiple of 256 frames.
+  // Sets the peak position to the group of 256 frames that contains the next frame. The next block
+  // writes its first peaks there, even if it begins in the middle of that group. So the peaks match
+  // the frames only if every block but the last is a multiple of 256 frames.
   void Advance(std::size_t audio_bytes) noexcept {
     audio_position_ += static_cast<std::int64_t>(audio_bytes);
     const std::int64_t group_bytes = StoredBytes(bits_per_sample_) * channels_ * kFramesPerPeak;

@@ -1,5 +1,5 @@
-// The reference form of noise shaping, one sample at a time. Samples and errors are stored as
-// floats. Expressions are evaluated in double, because floats are too coarse for 24-bit codes.
+// The scalar form of noise shaping, one sample at a time. Samples and errors are stored as floats.
+// Expressions are evaluated in double, because floats are too coarse for 24-bit codes.
 #include "pool/dither_kernels.h"
 
 #include <cmath>

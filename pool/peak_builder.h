@@ -1,4 +1,4 @@
-// Peaks: the minimum and maximum of every 256 frames of a block for each channel.
+// Peaks: the minimum and maximum of each channel, for every group of 256 frames of a block.
 #pragma once
 
 #include <cstdint>

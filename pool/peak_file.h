@@ -8,8 +8,9 @@
 namespace marlinda {
 
 struct DECLSPEC_UUID("e1c7f1de-56f1-4a57-9a5b-0f4c9cf1a7e3") IPeakFile : public IUnknown {
-  // `end` receives the byte position of the first peak that may still change. Earlier peaks are
-  // final while `rewinds` stays the same. Fails if `file` is not the pool's peak file.
+  // `end` receives the byte position of the first peak that may still change. `rewinds` receives
+  // the number of times that this position has moved backward. Earlier peaks are final while
+  // `rewinds` stays the same. Fails if `file` is not the pool's peak file.
   virtual HRESULT STDMETHODCALLTYPE GetSettledPeaks(HANDLE file, std::int64_t* end,
                                                     std::uint32_t* rewinds) = 0;
 };

@@ -16,15 +16,16 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// The most floats of one read. So many stay in the processor's cache until they are searched.
+// The most floats of one read. A block of this size stays in the processor's cache for the search.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
 
 // Caches the extremes of every group that was read, and all peaks of a group in which a range
-// begins or ends. Drawing the same overview again reads nothing. Drawing another overview of the
-// same peaks reads one group for each column. For 10 hours of stereo the extremes need 1.5 MiB, and
-// twice as much while a take is recorded. The cached peaks need at most 4 MiB.
+// begins or ends. A waveform overview has one range for each column. Drawing the same overview
+// again reads nothing. Drawing another overview of the same peaks reads one group for each column.
+// For 10 hours of stereo the extremes need 1.5 MiB, and twice as much while a take is recorded. The
+// cached peaks need at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
@@ -63,7 +64,7 @@ class PeakGroups {
   }
 
  private:
-  // Reads the groups from `first` to the last end that are not cached yet.
+  // Reads the whole groups between `first` and the last end, except groups that are cached already.
   bool LearnGroups(std::int64_t first, std::span<const std::int64_t> ends, const Read& read) {
     if (ends.empty()) return true;
     const std::int64_t last_group = ends.back() / kGroup;
@@ -127,8 +128,8 @@ class PeakGroups {
                              .subspan(at, static_cast<std::size_t>(end - begin) * pair_floats_));
     return true;
   }
-  // Caches the peaks of a group. Drops all cached peaks first if there are too many. Overviews of
-  // one size need far fewer.
+  // Caches the peaks of a group. If the cache is full, drops all cached peaks first. A stereo
+  // overview of 4,000 columns fits in the cache.
   void Keep(std::int64_t group, std::span<const float> peaks) {
     if ((kept_peaks_.size() + 1) * peaks.size() > kMaxKeptFloats) kept_peaks_.clear();
     kept_peaks_.try_emplace(group, peaks.begin(), peaks.end());

@@ -17,8 +17,8 @@ inline constexpr std::size_t kMaxKeptBytes = std::size_t{1} << 22;
 // The widths that can be stored. Below 8 bits a sample would take no bytes.
 constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 
-// Bytes of a sample in the file. Widths between 8, 16, 24 and 32 bits take fewer bytes than their
-// codes need, and 40 bits take more.
+// Bytes of a sample in the file. The codes have 1 to 4 bytes (see PcmBytesPerSample). A 12-bit
+// sample takes fewer bytes than its code, a 40-bit sample more.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
 // Returns base + unit * count, the offset of an item in a file. Saturates if the sum does not fit

@@ -2,7 +2,7 @@
 # Builds the benchmarks, runs them natively and under Wine, and times marlinda beside other programs:
 #   scripts/bench.sh [FILTER]      a regular expression for names of benchmarks; all by default
 # Writes build/bench/table.md. A complete run also writes its comparisons to bench/RESULTS.md. Run nothing else
-# meanwhile. The files that whole programs read stay in build/bench/whole (0.8 GB).
+# meanwhile. The input files of the timed programs stay in build/bench/whole (0.8 GB).
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 filter=${1:-.}
 
@@ -30,7 +30,7 @@ run_here() {
   done
 }
 run_counted() {
-  # The rows of goals.txt whose place is "counted".
+  # The benchmarks in goals.txt whose place is "counted".
   local names
   mapfile -t names < <(awk -F ' *\\| *' -v chosen="$filter" '
     $3 ~ / counted$/ { for (i = 4; i <= 5; i++) if ($i ~ chosen && !seen[$i]++) print $i }' "$root/bench/goals.txt")
@@ -51,14 +51,14 @@ run_under_wine() {
       "${options[@]}" --benchmark_filter="$chosen" --benchmark_out="$name.wine.json" || failed=1
   done
 }
-# Each move of the position takes 0.6 seconds, and the benchmark makes fifty.
+# Runs the benchmark once, because its fifty moves of the scrub position take 0.6 seconds each.
 run_scrub() {
   cd "$results"
   "$root/scripts/wine-run" "$root/build/bench-x64/bench/scrub_to_sound.exe" --benchmark_filter="$filter" \
     --benchmark_out_format=json --benchmark_out=scrub_to_sound.wine.json \
     < <(parec --latency-msec=5 --raw --device=speaker.monitor)
 }
-# Whole programs from start to end, each beside its peers on the same file.
+# The next two functions time whole programs from start to end, each beside its peers on the same file.
 make_sources() {
   [[ ! -f hour.ogg ]] || return 0
   local pieces=() count

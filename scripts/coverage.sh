@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Reports which lines of the product the tests run:
-#   scripts/coverage.sh [--list]                 the kernels, by their tests on this machine
+#   scripts/coverage.sh [--list]                 the kernels (code without Windows), by their native tests
 #   scripts/coverage.sh --components [--list]    module, host and samples, by the tests under Wine; takes
 #                                                half an hour
 # --list prints every line that never ran.

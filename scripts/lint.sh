@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Checks all code with clang-format, and the folders listed below with cppcheck and clang-tidy:
 #   scripts/lint.sh [--changed | FILE.cpp...]
-# clang-tidy checks kernels as native code and components as Windows code. It checks a clean file again only after a
-# change to the file, to a header or to .clang-tidy. A full run takes fifteen to thirty minutes on two cores, so
-# scripts/test.sh does not include it. With --changed, clang-tidy checks only the files that differ from the last
-# commit, in seconds. It does not check other files that include a changed header.
+# clang-tidy checks kernels (code without Windows) as native code and components as Windows code. It checks a clean
+# file again only after a change to the file, to a header or to .clang-tidy. A full run takes fifteen to thirty
+# minutes on two cores, so scripts/test.sh does not include it. With --changed, clang-tidy checks only the files that
+# differ from the last commit, in seconds. It does not check other files that include a changed header.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 cd "$root"
 

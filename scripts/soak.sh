@@ -29,7 +29,7 @@ part_fuzz() {
   done
 }
 
-# Runs eight hosts in one process, 8,000 steps each.
+# Runs eight threads of one process as hosts, 8,000 steps each.
 part_hosts() {
   compile x64 Tessaly abuse_concurrent_hosts_tests
   TESSALY_CONCURRENT_STEPS=8000 under_wine "eight hosts, 8,000 steps each" \
@@ -50,8 +50,8 @@ part_files() {
     "$root/build/damaged" "${numbers[@]}"
 }
 
-# Loads, uses and unloads the module 900 times. A process can load a module built with mingw-w64 only about 1,000
-# times.
+# Loads, uses and unloads the module 900 times. A process can load it only about 1,000 times, because mingw-w64's
+# runtime leaks a thread-local slot each time.
 part_loads() {
   compile x64 Tessaly abuse_process_end_tests
   TESSALY_LOAD_CYCLES=900 under_wine "900 cycles of load, use and unload" "$root/scripts/wine-run" \
@@ -68,7 +68,7 @@ part_trap() {
 # Runs the long tests of the device classes, which take about forty minutes.
 part_device() { "$root/scripts/soak-device.sh"; }
 
-# Loses a device in each way, twenty times.
+# Tests each kind of device loss twenty times.
 part_loss() {
   compile x64 Tessaly sound_tool
   TESSALY_LOSS_REPEATS=20 step "each loss of a device twenty times" \
@@ -76,7 +76,7 @@ part_loss() {
     "$root/scripts/wine-session" python3 -B "$root/tests/device/device_loss_test.py" "$abuse/sound_tool.exe"
 }
 
-# Compares the memory that ten hours and ten minutes of audio use.
+# Compares the memory use of ten hours of audio with that of ten minutes.
 part_memory() {
   compile x64 Tessaly marlinda
   under_wine "memory of ten hours" python3 -B "$root/tests/abuse/long_files.py" "$root/build/x64/marlinda.exe"

@@ -60,8 +60,8 @@ void EndImport(SourceFeed& job, const Filters& filters) {
 //
 // Only the host's thread calls the filters and counts their references. The export's thread calls
 // ReadAudio, GetFormat and GetSampleCount. The import's thread calls WriteAudio and QueryIsReady.
-// These methods use no filter but the source reader. GetSampleCount reports the length that was
-// read before Start.
+// After Start, these methods call the source reader but no filter. GetSampleCount then reports the
+// length that Start has read.
 class CAudioConnector final
     : public Object<CAudioConnector, IAudioConnector, ICoreTask, IAudioReader, IAudioWriter> {
  public:

@@ -48,8 +48,8 @@ class PacedQueue {
   void Put(std::span<const float> samples) {
     const std::size_t needed = queue_.Count() + samples.size() + 1;
     const std::size_t capacity = queue_.Capacity();
-    // Append alone would grow the ring only by the appended size. Doubling the ring, up to the
-    // limit of the queue, saves thousands of copies while the queue fills.
+    // Append alone would grow the queue's ring buffer only by the appended size. Doubling the ring,
+    // up to the limit of the queue, saves thousands of copies while the queue fills.
     if (needed > capacity) {
       queue_.Reserve(std::max(needed, std::min(2 * capacity, kMaxQueued + samples.size() + 1)));
     }

@@ -31,7 +31,7 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Give up flushing a converter after this many silent blocks. A converter holds back less.
+// Give up flushing a converter after this many silent blocks. A converter holds back fewer frames.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -124,7 +124,7 @@ class SourceFeed {
   }
 
  private:
-  // Both methods return false if the source ends before the queue holds `wanted` samples.
+  // PullSamples and AwaitSamples return false if a source ends before `wanted` samples are queued.
   bool PullSamples(std::size_t wanted) {
     const std::lock_guard lock(mutex_);
     for (int empty_blocks = 0; queue_.Count() < wanted;) {

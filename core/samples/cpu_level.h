@@ -6,7 +6,7 @@ namespace marlinda {
 // All levels give the same results, bit for bit.
 enum class CpuLevel { kScalar, kSse2, kAvx2 };
 
-// The highest level of this processor. AVX2 requires FMA and a system that saves the wide
+// The highest level of this processor. kAvx2 also requires FMA and a system that saves the AVX
 // registers.
 CpuLevel HighestCpuLevel() noexcept;
 

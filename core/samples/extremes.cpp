@@ -5,12 +5,12 @@
 namespace marlinda {
 namespace {
 
-// What a record contains for each channel: a sample, or a peak (lowest, highest). The value is the
-// distance in floats from the lowest to the highest, which is 0 for a sample.
+// A record has one sample, or one peak (lowest, highest), for each channel. The enumerator's value
+// is the distance in floats from the lowest to the highest, which is 0 for a sample.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
-  // Uses comparisons instead of std::min and std::max, so that NaN replaces no value.
+  // Comparisons with NaN are false, so NaN replaces no value.
   void Add(float low, float high) noexcept {
     lowest = low < lowest ? low : lowest;
     highest = high > highest ? high : highest;
@@ -100,8 +100,9 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
   return _mm_movemask_epi8(found) != 0;
 }
 
-// Returns false and changes nothing if Search does not accept the records, or if an extreme may be
-// 0.0 or -0.0. The first of these zeros must stay, but the lanes do not record their order.
+// Extends the pairs by one Search over all channels. Returns false and changes nothing if Search
+// does not accept the records, or if an extreme is zero and the records contain -0.0. Of 0.0 and
+// -0.0 the first must stay, but the lanes do not record their order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

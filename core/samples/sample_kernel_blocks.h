@@ -1,4 +1,4 @@
-// The loops of the converters' vector forms. Each including file defines its `kConvertBlock` in an
+// The loops of the converters' vector forms. Each including file defines its block functions in an
 // unnamed namespace. The linker then cannot merge the loops of different instruction levels.
 #pragma once
 

@@ -14,10 +14,10 @@ void Store(__m256i value, std::byte* out) noexcept {
 // Returns sixteen rounded codes, limited to 16 bits.
 //
 // floor(sample * scale + 1/2) is the code. If rounding the sum to a float reaches the next integer,
-// the floor is one too high. The exact remainder, from one fused operation, is then negative, and
-// the code is corrected by -1. Samples are first limited to 1.0, which gives the highest code. For
-// NaN the minimum returns its second operand, the NaN. NaN and values far below -1.0 become the
-// most negative integer. Saturation makes it the lowest code, even if -1 is added.
+// the floor is one too high. The exact remainder, from one fused multiply-add, is then negative,
+// and the code is corrected by -1. Samples are first limited to 1.0, which gives the highest code.
+// For NaN the minimum returns its second operand, the NaN. NaN and values far below -1.0 become the
+// most negative integer. Saturation turns this integer into the lowest code, even if -1 is added.
 template <int kScale>
 __m256i RoundSixteen(const float* source) noexcept {
   const __m256 scale = _mm256_set1_ps(kScale);

@@ -21,7 +21,7 @@ struct ConvertOptions {
   bool json = false;
 };
 
-// The destructor cancels, so that the connector and the filters release each other.
+// The destructor cancels the task, so that the connector and the filters release each other.
 class Connector {
  public:
   Connector() = default;

@@ -1,4 +1,4 @@
-// "marlinda info": shows the properties that the filter reports without decoding the file.
+// "marlinda info": shows the properties that an import filter reports without decoding the file.
 #include "host/commands/shared.h"
 #include "host/engine.h"
 #include "host/timecode.h"

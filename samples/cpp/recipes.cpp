@@ -19,7 +19,7 @@ void WaitFor(ICoreTask* task, Show show) {
   while (running != VARIANT_FALSE) {
     Sleep(20);  // in a program with windows, use a timer
     float done = 0.0F;
-    if (task->GetProgress(&done) == S_OK) show(done);  // fails while the length is 0
+    if (task->GetProgress(&done) == S_OK) show(done);  // fails while the length is 0 or unknown
     Check(task->QueryIsTaskRunning(&running), "QueryIsTaskRunning");
   }
 }
@@ -38,7 +38,7 @@ ComPtr<IAudioReader> Import(const Text& file) {
   ComPtr<IImportFilter> filter;
   // The manager returns S_OK even if no filter reads the file, so test the pointer.
   Check(manager->CreateImportFilter(file, filter.GetAddressOf()), "CreateImportFilter");
-  if (!filter) {  // the list may be empty; built-in filters need no list
+  if (!filter) {  // the manager tries only listed filters; the built-in ones may be unlisted
     for (const CLSID* each : {&CLSID_COggImport, &CLSID_CDShowImport}) {
       const auto built_in = Create<IImportFilter>(*each);
       if (!filter && built_in->QueryCanLoad(file) == S_OK) filter = built_in;
@@ -217,7 +217,7 @@ void Convert(IAudioReader* source, const Text& file, LONG rate, SHORT channels) 
         file);
   const auto task = Query<ICoreTask>(connector.Get());
   const HRESULT started = task->Start();
-  if (started != E_NOTIMPL) Check(started, "Start");  // E_NOTIMPL means that the task runs
+  if (started != E_NOTIMPL) Check(started, "Start");  // the connector returns E_NOTIMPL on success
   WaitFor(task.Get(), ShowPercent);
   // Not needed here. A host that stops polling before the end must cancel, because connector and
   // filter hold references to each other.

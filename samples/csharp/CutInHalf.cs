@@ -37,7 +37,7 @@ interface IAudioPool
 [ComImport, Guid("AF905BC1-1608-4C54-8654-EAFC2E81686A"), InterfaceType(ComInterfaceType.InterfaceIsDual)]
 interface IImportFilter
 {
-    // With PreserveSig, the caller gets S_FALSE and failures, which are results here.
+    // PreserveSig returns the HRESULT instead of throwing, because every code except S_OK means "no".
     [PreserveSig]
     int QueryCanLoad([MarshalAs(UnmanagedType.BStr)] string bstrFileName);
     void Initialize([MarshalAs(UnmanagedType.BStr)] string bstrFileName, IAudioWriter pWriter);

@@ -1,5 +1,6 @@
 // An import filter in a separate module, which decodes FLAC files with libFLAC. "regsvr32
-// FlacImport.dll" registers and lists the filter. docs/adding-a-filter.md explains the steps.
+// FlacImport.dll" registers the class and adds it to the list of import filters.
+// docs/adding-a-filter.md explains the steps.
 #include <windows.h>
 // The headers below need windows.h first.
 #include <FLAC/stream_decoder.h>

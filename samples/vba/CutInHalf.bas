@@ -1,8 +1,8 @@
 Attribute VB_Name = "CutInHalf"
 ' Calls the engine from 64-bit Visual Basic for Applications, with a reference to "Marlinda 1.0 Type
-' Library" (Tools, References). Needs the registered 64-bit engine, because 32-bit applications lack
-' LongLong and cannot pass positions. Draws no overview, because VBA passes arrays by reference, but
-' the engine's methods take arrays by value. The tests neither compile nor run this file.
+' Library" (Tools, References). Needs the registered 64-bit engine. 32-bit applications lack LongLong, so
+' they cannot pass positions. Draws no overview, because VBA passes arrays by reference, but the
+' engine's methods take arrays by value. The tests neither compile nor run this file.
 Option Explicit
 
 #If VBA7 Then

@@ -1,6 +1,7 @@
 # Shared by scripts/wine-session and its display keeper. Source it with `root` and `prefix` set.
 #
-# $prefix.lock     shared lock of each session; exclusive lock to make the prefix or to stop the server
+# $prefix.lock     shared lock of each session; exclusive lock to stop the server
+# $prefix.start    exclusive lock of the session that prepares the prefix
 # $prefix.display  "<display> <keeper's process id>"; locked while the keeper runs
 
 wine=/usr/lib/wine/wine64 # the package's wrapper would print a hint about a missing 32-bit Wine
