@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs missing packages, builds everything, runs every test and checks the format of the code. Kernels run
-# natively under sanitizers. Kernels and components run under Wine in 64 and 32 bits, with private sound
-# servers. Prints a summary. The status is 0 only if everything passed.
+# Installs missing packages, builds everything, runs every test and checks the format of the code. Kernels (code
+# without Windows) run natively under sanitizers. Kernels and components run under Wine in 64 and 32 bits, with
+# private sound servers. Prints a summary. The status is 0 only if everything passed.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 started=$SECONDS
 
@@ -62,8 +62,8 @@ rm -f "$logs"/result-*
 names=(x64 package sound asan tsan x86 x86-sound)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
-# Suites run while later builds run, because they also wait for timers. Sound tests have separate prefixes, because other
-# tests register and unregister the classes.
+# Suites run during later builds, because tests that wait for timers leave the processor idle. Sound tests have separate
+# prefixes, because other tests register and unregister the classes.
 compile x64
 suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
 suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
@@ -74,7 +74,7 @@ wait "$system" || bits_32=$?
 cat "$logs/x86-root.log"
 session_32=(env TESSALY_WINE_BITS=32 "$root/scripts/wine-session")
 if [[ $bits_32 -eq 0 ]]; then
-  suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "${session_32[@]}" &
+  suite x86 x86 "kernels and components, 32 bits" "-j2 -LE ^sound$" "${session_32[@]}" &
   suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "${session_32[@]}" &
 elif [[ $bits_32 -eq 3 ]]; then
   echo "  32 bits NOT TESTED. The reason is above." >&2
