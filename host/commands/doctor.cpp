@@ -523,7 +523,7 @@ class Doctor {
     }
   }
 
-  // Does not try the decoders after other problems, which could make every kind of file fail.
+  // If there are other problems, does not try the decoders: every kind of file could fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

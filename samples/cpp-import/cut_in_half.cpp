@@ -29,7 +29,8 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   document->AppendSegment(take, 0, frames);
   document->Delete(frames / 2, frames);
 
-  // Minimum and maximum of each column and channel, as floats. The type library declares short.
+  // Minimum and maximum of each column and channel. They are floats, although the type library
+  // declares an array of 16-bit integers.
   const ULONG columns = 64;
   SAFEARRAY* plot = SafeArrayCreateVector(VT_R4, 0, columns * 2 * channels);
   if (plot == nullptr) _com_raise_error(E_OUTOFMEMORY);

@@ -204,7 +204,8 @@ TEST_F(Scrubber, PlaysSilenceAndThenCrossfadesToTheWrittenBlock) {
   EXPECT_EQ(scrubber_->WriteBlock(Floats(15)), E_INVALIDARG);
   ASSERT_EQ(scrubber_->WriteBlock(Floats(cursor)), S_OK);
   AwaitMore(5);
-  // When a silent block follows, only the second half of the previous block still fades out.
+  // During a silent block, the only sound is the second half of the previous block, which fades
+  // out.
   ASSERT_EQ(scrubber_->WriteBlock(Floats(16)), S_OK);
   AwaitMore(5);
   ASSERT_EQ(scrubber_->Stop(), S_OK);

@@ -162,7 +162,7 @@ class HostTest(ProgramTest):
             self.succeed(command, source, self.out, *options)
             self.assertEqual(facts_of(self.out), [RATE // 10, RATE, 2, bits])
             before, after = (array.array("i", tool("sox", file, "-t", "s32", "-")) for file in (source, self.out))
-            # Allows a difference of two codes of the source's width. A float holds at most 24 bits.
+            # Samples may differ by two steps of the source's width, but of at most 24 bits.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
         # NaN becomes silence, and infinity becomes full scale.

@@ -57,7 +57,7 @@ Bytes Au(int encoding, std::uint64_t size, const Bytes& samples, int channels = 
   return Text(".snd") + Big(28, 4) + Big(size, 4) + Big(encoding, 4) + Big(8000, 4) +
          Big(channels, 4) + U32(0) + samples;
 }
-// Returns a Windows Media file with an audio stream or another stream, and then `rest`.
+// Returns a Windows Media file with one stream, which is audio if `is_audio`, and then `rest`.
 Bytes Asf(const Bytes& format, bool is_audio = true, const Bytes& rest = {}) {
   const Bytes objects = Hex("9107DCB7B7A9CF118EE600C00C205365") + U32(78 + format.size()) + U32(0) +
                         (is_audio ? Hex("409E69F84D5BCF11A8FD00805F5C442B") : Bytes(16, 0)) +
