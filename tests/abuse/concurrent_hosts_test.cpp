@@ -44,7 +44,7 @@ void EditAndPlay(const std::function<int(int)>& draw) {
   for (int i = draw(20); i > 0; --i) {
     Check(document->ModifyPlaySection(draw(100), 1000 + draw(1000)));
   }
-  // Otherwise the document's last release stops the playback.
+  // Without StopPlay, the document's last release stops the playback.
   if (draw(2) == 0) Check(document->StopPlay());
 }
 

@@ -33,7 +33,7 @@ constexpr __int64 kFrames = 1000;
 const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// Calls the methods in kStart, below, after every 64th case, because ending a thread takes 100 ms.
+// Calls the methods in kStart (below) after every 64th case, because ending a thread takes 100 ms.
 constexpr int kCasesForOneStart = 64;
 // Means that a case accepts any result.
 constexpr HRESULT kAny = S_OK;
@@ -154,7 +154,7 @@ std::vector<Case> CasesOf(const Method& method) {
   return cases;
 }
 
-// True for methods that wait for a device, or for samples from a source that does not exist.
+// True for methods that wait for a device or for the samples of a nonexistent source.
 bool MayWait(const std::string& class_name, const Method& method, State state) {
   const std::string name = method.FullName();
   if (class_name == "CAudioPlayback") return state == kOpen && name == "IAudioWriter::WriteAudio";
@@ -301,7 +301,7 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   const TemporaryFolder folder_;
   const std::wstring sample_ = folder_.File(L"sample.ogg");
   const OurConverter converter_;
-  // Keep the arguments of one case alive.
+  // These members keep the arguments of one case alive.
   std::vector<ComPtr<IUnknown>> kept_;
   std::list<Bstr> texts_;
   std::vector<SharedArray> arrays_;

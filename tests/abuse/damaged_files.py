@@ -22,7 +22,7 @@ BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
 # In any program, each filter graph of Wine's decoders leaks at least this many handles. The test ignores such leaks.
 GRAPH_HANDLES = 30
-GIVE_UP_SECONDS = 1200  # for a batch
+GIVE_UP_SECONDS = 1200  # time limit of a batch
 
 SOX = {"s16.wav": "-b 16", "s24.wav": "-b 24", "f32.wav": "-b 32 -e floating-point", "mulaw.wav": "-e mu-law",
        "ima.wav": "-e ima-adpcm", "six.wav": "-c 6 -b 16", "s16.aiff": "-b 16", "f32.aifc": "-b 32 -e floating-point",

@@ -62,7 +62,7 @@ struct Name {
   char text[32] = {};
 };
 
-// Replaces an imported function by one whose call number `fails_at` returns `kFailure`.
+// Replaces an imported function by one that returns `kFailure` at call number `fails_at`.
 template <Name kName, Fault kKind, INT_PTR kFailure, DWORD kError = ERROR_NOT_ENOUGH_MEMORY,
           class R, class... Arguments>
 void Replace(R (*)(Arguments...)) {

@@ -73,7 +73,7 @@ TEST(Module, StaysLoadedWhileFactoriesObjectsOrServerLocksExist) {
   ComPtr<IClassFactory> factory = FactoryOf(CLSID_CEditedAudio);
   void* out = &out;
   EXPECT_EQ(can_unload(), S_FALSE) << "a factory";
-  // An outer object may only request the inner object's IUnknown.
+  // An outer object may request only the inner object's IUnknown.
   EXPECT_EQ(factory->CreateInstance(factory.Get(), IID_IDispatch, &out), CLASS_E_NOAGGREGATION);
   EXPECT_EQ(factory->CreateInstance(nullptr, IID_IStream, &out), E_NOINTERFACE);
   EXPECT_EQ(out, nullptr);

@@ -299,7 +299,7 @@ TEST(Cycles, LeaveNoThreadOrHandle) {
   for (int i = 0; i < 10; ++i) PlayRecordAndScrub(i % 2 == 0);
   const LeakWatch watch;
   for (unsigned i = 0; i < cycles && !HasFailure(); ++i) PlayRecordAndScrub(i % 2 == 0);
-  // The system creates some handles late, but fewer than one in three cycles.
+  // The system creates some handles late, but fewer than one per three cycles.
   watch.AwaitAtMost(cycles / 3, cycles / 3);
 }
 

@@ -217,8 +217,8 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
               ElementsAre(A(101), A(102), A(103), 0, 0, B(7), B(8), A(10), A(11), 0));
   EXPECT_THAT(log_, ElementsAre("A.ReadAudio(101, 3)", "B.ReadAudio(7, 2)", "A.ReadAudio(10, 2)"));
   EXPECT_THAT(document_.Read(std::numeric_limits<__int64>::max(), 2), ElementsAre(0, 0));
-  // A read from before frame 0 stores the first piece at the front of the array. The rest of the
-  // array stays unchanged.
+  // A read that begins before frame 0 stores the first piece at the front of the array. The rest
+  // of the array stays unchanged.
   EXPECT_THAT(document_.Read(-2, 4), ElementsAre(A(100), A(101), -1, -1));
   b_->read_result = E_ACCESSDENIED;
   const Floats block(8, -1.0F);

@@ -77,7 +77,7 @@ class EditedAudioWaveplot : public ::testing::Test {
   Document document_;
 };
 
-// Compares while a take grows, also after a change of bit depth makes the pool overwrite peaks.
+// Compares while a take grows, and also after a new bit depth has made the pool overwrite peaks.
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);

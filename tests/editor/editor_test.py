@@ -30,7 +30,7 @@ LANE = 200  # a y coordinate inside the lane of the first channel
 
 
 def signal(frames):
-    """16-bit stereo without a silent frame, in which every frame differs from its neighbours."""
+    """16-bit stereo in which no frame is silent and every frame differs from its neighbours."""
     samples = array.array("h")
     for n in range(frames):
         loudness = 2000 + 6000 * abs(math.sin(n / 30000))
@@ -82,7 +82,7 @@ class Editor:
         self.ask("mouse", message, x, LANE)
 
     def select(self, begin, end):
-        """Selects between two pixels and returns the range in frames from the status line."""
+        """Selects the range from one pixel to another. Returns the range in frames, as the status line shows it."""
         before = self.ask("status").split("Selected")[1:]
         for message, x in ((LEFT_DOWN, begin), (MOVE, end), (LEFT_UP, end)):
             self.mouse(message, x)

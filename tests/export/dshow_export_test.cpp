@@ -127,7 +127,7 @@ TEST_F(DShowExport, LeavesACompleteFileWhenCancelledAndNoneWhenItCannotWrite) {
   Run();
   ExpectTones(2 * 65536);
   Initialize(2, 1'000'000);
-  // Makes writes fail by closing the file. Tries all handles, which are multiples of 4.
+  // Closes the file, so that writes fail. Tries all handles, which are multiples of 4.
   tones->on_read = [&](SAFEARRAY*) {
     for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
       wchar_t name[MAX_PATH] = L"";

@@ -134,7 +134,7 @@ class HostTest(ProgramTest):
             (4, ["plot", self.ogg, self.folder / "folder.png"], "folder.png"),
         ]:
             self.fail_with(status, *arguments, says=says)
-        # The pool's file fits the first limit, but an output with 20 s more does not. Even the pool exceeds the second.
+        # The pool's file fits the first limit, but an output 20 s longer does not. The pool itself exceeds the next.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
         self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")
@@ -162,7 +162,7 @@ class HostTest(ProgramTest):
             self.succeed(command, source, self.out, *options)
             self.assertEqual(facts_of(self.out), [RATE // 10, RATE, 2, bits])
             before, after = (array.array("i", tool("sox", file, "-t", "s32", "-")) for file in (source, self.out))
-            # Samples may differ by two steps of the source's width, but of at most 24 bits.
+            # Samples may differ by two steps of the source's width, or of 24 bits if the source is wider.
             most = 2 << 32 - min(width, 24)
             self.assertLessEqual(max(abs(a - b) for a, b in zip(before, after)), most)
         # NaN becomes silence, and infinity becomes full scale.
@@ -327,7 +327,7 @@ class HostTest(ProgramTest):
         self.succeed("convert", self.ogg, wav)
         # The program imports a chained file as a whole.
         chain.write_bytes(self.ogg.read_bytes() + (ROOT / "tests/data/mono.ogg").read_bytes())
-        # From 256 frames per column on, a file of known length is drawn without a pool.
+        # With 256 or more frames per column, a file of known length is drawn without a pool.
         for width, sources in ("400", (self.ogg, chain)), ("100", (wav, self.ogg)):
             pictures = []
             for source in sources:
@@ -408,7 +408,7 @@ class HostTest(ProgramTest):
 
 
 class DoctorTest(ProgramTest):
-    """Breaks one requirement of the program at a time, which "marlinda doctor" must report."""
+    """Breaks one requirement of the program at a time. "marlinda doctor" must report it."""
 
     def setUp(self):
         super().setUp()

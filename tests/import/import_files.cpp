@@ -1,5 +1,5 @@
-// Imports every file of a folder in one process, and writes the samples beside it as raw floats,
-// for comparison with other decoders:
+// Imports all files of a folder in one process, and writes their samples as raw floats beside
+// them, for comparison with other decoders:
 //   import_files FOLDER [count]
 // Prints one line for each file: name, result, rate, channels, frames. With `count`, counts the
 // samples instead of writing them, and appends the numbers of samples and of open handles.

@@ -23,8 +23,8 @@ using riff::Bytes;
 
 // Twelve seconds of stereo, for tests that need a longer file.
 inline constexpr char kDemoPiece[] = "host/demo/demo.ogg";
-// Files of one short block. kSmallest has one codeword, kManyCodewords 2^22. kManyCodebooks has a
-// hundred codebooks with 2^10 codewords and 8191 values each.
+// Files of one short block. kSmallest has one codeword, kManyCodewords has 2^22. kManyCodebooks has
+// a hundred codebooks with 2^10 codewords and 8191 values each.
 inline constexpr char kSmallest[] = "tests/import/hostile/smallest.ogg";
 inline constexpr char kManyCodebooks[] = "tests/import/hostile/codebooks.ogg";
 inline constexpr char kManyCodewords[] = "tests/import/hostile/codewords.ogg";

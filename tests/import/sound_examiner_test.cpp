@@ -57,7 +57,7 @@ Bytes Au(int encoding, std::uint64_t size, const Bytes& samples, int channels = 
   return Text(".snd") + Big(28, 4) + Big(size, 4) + Big(encoding, 4) + Big(8000, 4) +
          Big(channels, 4) + U32(0) + samples;
 }
-// Returns a Windows Media file with one stream, which is audio if `is_audio`, and then `rest`.
+// Returns a Windows Media file: one stream, which is audio if `is_audio`, and then `rest`.
 Bytes Asf(const Bytes& format, bool is_audio = true, const Bytes& rest = {}) {
   const Bytes objects = Hex("9107DCB7B7A9CF118EE600C00C205365") + U32(78 + format.size()) + U32(0) +
                         (is_audio ? Hex("409E69F84D5BCF11A8FD00805F5C442B") : Bytes(16, 0)) +
@@ -232,7 +232,7 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       {Au(7, 0xFFFFFFFF, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 1}), {32767}},
       {WaveOf(ExtensibleFormat(7, 1, 8000, 1, 8, 0), {0x80}), {32124}},
       {WaveOf(ms_format, ms), {50, -3, 14, -3}},
-      // The last of several blocks is truncated. In the next file, predictor 7 does not exist.
+      // The last of several blocks is truncated. The next file uses the nonexistent predictor 7.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
       // The announced length is used only if its last frame lies in the last block.

@@ -366,7 +366,7 @@ TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
     EXPECT_EQ(SampleCount(take), 1000);
     EXPECT_EQ(Read(take, 0, 1000), wave);
     EXPECT_EQ(ReadBlock(take.Get(), 0, 2, true).second[1], std::ranges::max(wave));
-    // The gap before the take ends where the take begins.
+    // The take begins at the end of the preceding gap.
     const auto gap = pool.PrevReader();
     EXPECT_EQ(Read(gap, SampleCount(gap) - 2, 3), (Samples{0.0F, 0.0F, wave[0]}));
     take = pool.PrevReader();

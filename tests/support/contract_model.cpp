@@ -97,7 +97,7 @@ std::vector<Class> ClassesOfTheModule() {
       const bool is_source = (flags & IMPLTYPEFLAG_FSOURCE) != 0;
       (is_source ? found.events : found.interfaces).push_back(shown.guid);
       if (is_source) continue;
-      // The library lists the dispatch view of a dual interface, which has no vtable.
+      // For a dual interface, the library lists the dispatch view, which has no vtable.
       if (shown.typekind == TKIND_DISPATCH) face = Implemented(face.Get(), kVtableFace);
       AppendMethods(face.Get(), found.methods);
     }

@@ -71,7 +71,7 @@ std::size_t CountHeapBlocks() {
 
 void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
   while (CountThreads() > threads_ + more_threads || CountHandles() > handles_ + more_handles) {
-    // Explains the wait in the report if CTest ends a test because of a leak.
+    // If CTest ends a test because of a leak, this line in the report explains the wait.
     std::printf("waiting: %u threads and %u handles, which were %u and %u\n", CountThreads(),
                 CountHandles(), threads_, handles_);
     std::fflush(stdout);

@@ -8,8 +8,8 @@
 //   works  waits until a recorder has received sound; returns at once for other uses
 //   ask    calls the methods that a user interface polls
 //   end    ends the use by ENDING: break, close, stop or release; watch calls nothing. Then waits
-//          for the end of the use's thread, if there is one; refused=1 if its last call returned
-//          E_FAIL
+//          for the end of the use's thread, if there is one; refused=1 if that thread's last call
+//          returned E_FAIL
 //   break  ends a use whose ENDING is watch and whose device still exists
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.

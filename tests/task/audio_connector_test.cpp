@@ -238,7 +238,7 @@ TEST_F(AudioConnector, PassesSamplesUnchangedAndCallsFiltersOnlyOnTheHostsThread
   const auto reader = MakeObject<TestReader>(kFrames);
   const auto to_reader = MakeObject<TestExport>();
   from->block_samples = 4999;
-  to_->result->may_read = false;  // until the import waits for room
+  to_->result->may_read = false;  // becomes true once the import waits for room
   Join(from.Get(), to_.Get());
   EXPECT_EQ(Ask(task_, &ICoreTask::GetProgress), 0.25F);
   Start(to_.Get());
@@ -313,13 +313,13 @@ TEST_F(AudioConnector, AfterAnImportStallsForFiveSecondsReadsReturnSilence) {
   EXPECT_EQ(to_->result->results, std::vector<HRESULT>(200, S_FALSE));
 }
 
-// An import waits for room in the first two rounds. An export waits for data in the others.
+// In the first two rounds, the import waits for room. In the others, the export waits for data.
 TEST_F(AudioConnector, CancelAndANewSetUpEndTheImportAndTheExport) {
   for (const bool stalled : {false, true}) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // never exactly the limit, at which an import does not wait
+      from->block_samples = 10'000;  // never sums to the limit, at which an import does not wait
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());

@@ -29,14 +29,14 @@ TEST(PacedQueue, WakesReaderAndWriterAsSoonAsTheyCanContinue) {
   PacedQueue room(kPatient);
   room.Put(std::vector<float>(kMax));
   EXPECT_FALSE(room.HasRoom());
-  EXPECT_TRUE(room.AwaitRoom());  // at the limit, not above it
+  EXPECT_TRUE(room.AwaitRoom());  // the queue is at its limit, not above it
   std::atomic<int> round = 0;
   const std::jthread other([&] {
     const float one[1] = {};
     for (int i = 0; i < kRounds; ++i) {
       samples.Put(one);
-      samples.Put(one);  // now as many as the reader waits for
-      room.Put(one);     // one more than the limit
+      samples.Put(one);  // now it holds as many as the reader waits for
+      room.Put(one);     // now it holds one more than the limit
       round = i + 1;
       EXPECT_TRUE(room.AwaitRoom());
     }
