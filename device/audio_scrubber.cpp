@@ -1,5 +1,5 @@
-// CAudioScrubber: makes scrubbing audible. A thread repeatedly writes the block at the scrub
-// position to a writer, crossfaded with the previous block.
+// CAudioScrubber: makes scrubbing audible. A thread repeatedly crossfades the previous block with
+// the block at the scrub position and passes the result to a writer.
 #include <marlinda.h>
 
 #include <algorithm>
@@ -24,8 +24,8 @@ namespace {
 using Clock = ScrubPacer::Clock;
 
 constexpr DWORD kStopPollMilliSecs = 100;
-// Stop calls Break after this time. A working playback object with 100 ms of buffer blocks for
-// less.
+// Stop calls Break after this time. With a buffer length of 100 ms, WriteAudio of a working
+// playback object blocks for less.
 constexpr ULONGLONG kBreakAfterMilliSecs = 1000;
 // The pause after a failed or empty write.
 constexpr DWORD kFailurePauseMilliSecs = 50;
@@ -41,7 +41,7 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 // still blocks after a second, Stop calls Break.
 //
 // Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
-// length, blocks of more than 2^24 samples and channel counts below 1. Stop without Start does
+// length, a block of more than 2^24 samples or a channel count below 1. Stop without Start does
 // nothing. WriteBlock fails with E_FAIL unless the scrubber runs, and with E_INVALIDARG for a short
 // block.
 class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
@@ -65,7 +65,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // The thread waits for this lock until `job_` is set, as its writer may call this object.
+      // The thread waits for this lock until `job_` is set, because the writer may use this object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -86,7 +86,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     if (!thread_.PollUntilEnded(kStopPollMilliSecs, kBreakAfterMilliSecs)) {
       // If another thread has stopped this scrub meanwhile, the writer may play something else.
       // Break must not stop that.
-      if (job->running && job->playback) job->playback->Break();
+      const auto playback = job->running ? TryQuery<IAudioPlayback>(job->writer.Get()) : nullptr;
+      if (playback) playback->Break();
       thread_.PollUntilEnded(kStopPollMilliSecs);
     }
     if (job->running.exchange(false)) job->writer->CloseDevice();
@@ -110,7 +111,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
   struct Job {
     Job(IAudioWriter* target, std::size_t given_frames, LONG rate, std::size_t channels)
         : writer(target),
-          playback(TryQuery<IAudioPlayback>(target)),
+          is_playback(TryQuery<IAudioPlayback>(target) != nullptr),
           channel_count(channels),
           output(given_frames / 2 * channels),
           block(given_frames * channels),
@@ -151,7 +152,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     // Waits until the next pass is due. Returns at once unless the writer is a playback object,
     // because other writers set the pace by blocking.
     void AwaitTurn() {
-      if (!playback) return;
+      if (!is_playback) return;
       while (!stop && Clock::now() < pacer.Due()) {
         const auto rest = std::chrono::ceil<std::chrono::milliseconds>(pacer.Due() - Clock::now());
         Sleep(static_cast<DWORD>(std::clamp<std::int64_t>(rest.count(), 0, kStopPollMilliSecs)));
@@ -161,7 +162,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     }
 
     const ComPtr<IAudioWriter> writer;
-    const ComPtr<IAudioPlayback> playback;  // null for other writers
+    const bool is_playback;  // the writer is a playback object
     const std::size_t channel_count;
     SampleArray output;
     // Guards the block. Start locks this mutex until the thread may call the writer.

@@ -33,11 +33,8 @@ class OverlapAdd {
     assert(block_frames % 2 == 0);
   }
 
-  // The number of samples in one pass: half a block.
-  std::size_t OutputSamples() const noexcept { return overlap_.size(); }
-
   // Fades out the second half of the previous block and fades in the first half of `block`. `block`
-  // is a whole block, and `output` has OutputSamples() samples. Real-time safe.
+  // is a whole block, `output` half a block. Real-time safe.
   void Pass(std::span<const float> block, std::span<float> output) noexcept {
     const std::size_t half = window_.size() / 2;
     assert(block.size() >= 2 * overlap_.size() && output.size() == overlap_.size());

@@ -1,5 +1,5 @@
-// PositionIndex: finds the block of a SegmentList that contains a position without walking the
-// list. Holds a summary of each block and running totals.
+// PositionIndex: finds the block that contains a position, without walking the whole SegmentList.
+// Holds a summary of each block and running totals.
 #pragma once
 
 #include <algorithm>
@@ -52,7 +52,6 @@ struct BlockSummary {
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {
  public:
-  std::size_t BlockCount() const noexcept { return blocks_.size(); }
   // Segment count and total length of the list.
   std::size_t Count() const noexcept {
     return blocks_.empty() ? 0 : blocks_.back().ordinal + blocks_.back().summary.count;
@@ -83,7 +82,7 @@ class PositionIndex {
     return at.start + at.summary.lowest_start < range.end &&
            at.start + at.summary.highest_end > range.begin;
   }
-  // True if every segment has at least `length` frames (0 or more) and no offset can overflow.
+  // True if every segment has at least `length` (0 or more) frames and no offset can overflow.
   // Offsets then never decrease along the list.
   bool AllAtLeast(std::int64_t length) const noexcept {
     return blocks_.empty() || (!CanOverflow() && blocks_.back().shortest >= length);
