@@ -1,4 +1,4 @@
-// Measures the decoder of Ogg Vorbis files without task and writer, and the codec library alone.
+// Measures the Ogg Vorbis decoder without task and writer, and the codec library alone.
 // Both use the same build of the library.
 #include <benchmark/benchmark.h>
 #include <vorbis/vorbisfile.h>

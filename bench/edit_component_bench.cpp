@@ -26,8 +26,8 @@ struct Document {
   ComPtr<IAudioReader> source;
 };
 
-// Measures the creation of a document, which Append includes, and of the two device objects that a
-// document creates.
+// Measures the creation of a document and of the two device objects that a document creates. The
+// Append benchmark also includes the creation of a document.
 void CreateObject(benchmark::State& state, const CLSID& clsid) {
   for (auto _ : state) benchmark::DoNotOptimize(Create<IUnknown>(clsid).Get());
 }

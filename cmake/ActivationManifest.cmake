@@ -22,7 +22,7 @@ function(tessaly_activation_manifest target)
     message(FATAL_ERROR "No library found in ${idl}")
   endif()
 
-  # Calls from another apartment need proxies. COM makes the proxies of the listed interfaces from the type library.
+  # Calls from another apartment need proxies. COM uses the type library to make the proxies of the listed interfaces.
   set(proxies)
   string(REGEX MATCHALL "<[^<>]*>${blank}interface[ \t\r\n]+[A-Za-z0-9_]+" interfaces "${text}")
   foreach(interface IN LISTS interfaces)

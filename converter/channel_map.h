@@ -8,7 +8,7 @@
 namespace marlinda {
 
 // 1 to 8 channels have the layouts of Windows: mono, stereo, stereo with centre, quad, 5.0, 5.1,
-// 6.1 and 7.1. A channel whose position the target also has keeps its level. Any other channel goes
+// 6.1 and 7.1. A channel keeps its level if the target has its position. Any other channel goes
 // to the nearest positions of the target, mostly at -3 dB: centre to left and right, surround to
 // front. Stereo becomes mono as half the sum of both channels. A low-frequency channel is dropped
 // if the target has none. Mono goes to the centre or, without a centre, to left and right at full

@@ -49,7 +49,7 @@ class PolyphaseFilter {
   std::vector<float> history_;
   std::size_t held_;
   std::size_t begin_ = 0;
-  std::size_t phase_ = 0;  // of the next output frame, in units of 1 / target_ input frame
+  std::size_t phase_ = 0;  // phase of the next output frame, in 1 / target_ input frames
   std::size_t row_ = 0;
 };
 

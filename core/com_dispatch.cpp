@@ -119,7 +119,7 @@ class Argument {
     if ((type & VT_BYREF) != 0) return DISP_E_TYPEMISMATCH;
     PassSlot(parameter.type);
     if (variable_ != nullptr || type == VT_EMPTY) return S_OK;
-    // A script that cannot pass a reference passes a value. The method's output is lost. The call
+    // If a script cannot pass a reference, it passes a value. The method's output is lost. The call
     // still fails if the value cannot be converted to the parameter's type.
     Slot coerced;
     return VariantChangeTypeEx(&coerced.value(), given, locale, 0, parameter.type);

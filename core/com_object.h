@@ -31,7 +31,7 @@ class Object : public Implemented<Interfaces>..., public IProvideClassInfo2 {
  public:
   // A class with outgoing event interfaces redeclares this as true and overrides GetGUID.
   static constexpr bool kHasEvents = false;
-  // A class that no type library describes redeclares this as false.
+  // Redeclare this as false in a class that no type library describes.
   static constexpr bool kHasClassInfo = true;
 
   // IUnknown. Delegates to the outer object if this object is aggregated, otherwise to `inner_`.

@@ -14,7 +14,7 @@
 
 namespace marlinda {
 
-// The most bytes per call, because ReadFile and WriteFile count bytes in 32 bits.
+// The maximum number of bytes per call, because ReadFile and WriteFile count bytes in 32 bits.
 inline constexpr std::size_t kMaxBytesPerCall = std::size_t{1} << 30;
 
 // Moves the file pointer and holds a lock for the handle until the end of the scope, because all

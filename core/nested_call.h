@@ -1,6 +1,6 @@
 // Counts nested calls of the same method of the same object on the same thread, so that the method
-// can limit them. Without a limit, a document that contains itself through its segments, or a ring
-// of writers, would overflow the stack.
+// can limit them. Without a limit, a ring of writers, or a document that contains itself through
+// its segments, would overflow the stack.
 #pragma once
 
 #include "core/thread_slot.h"

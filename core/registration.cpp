@@ -22,7 +22,7 @@ using Replacements = std::map<std::wstring, std::wstring>;
 // A line of a registry script.
 struct Entry {
   std::wstring key;                  // below HKEY_CLASSES_ROOT
-  std::wstring name;                 // of the value; empty for the default value
+  std::wstring name;                 // name of the value; empty for the default value
   std::optional<std::wstring> text;  // absent if the line has only a key
 };
 

@@ -1,7 +1,7 @@
-// Adds the content of registry scripts to the registry or removes it. The scripts are resources of
-// the module. A line of a script is a key ("KEY"), a key with its default value ("KEY = TEXT") or a
-// named value ("KEY @VALUE = TEXT"), below HKEY_CLASSES_ROOT. %NAME% stands for a replacement. A
-// key without a line of its own is never removed.
+// Adds the content of registry scripts to the registry, or removes this content. The scripts are
+// resources of the module. A line of a script is a key ("KEY"), a key with its default value
+// ("KEY = TEXT") or a named value ("KEY @VALUE = TEXT"), below HKEY_CLASSES_ROOT. %NAME% stands for
+// a replacement. A key without a line of its own is never removed.
 #pragma once
 
 #include <windows.h>
@@ -37,7 +37,7 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes the content of script `id`, with the replacements of class `of` unless `of` is null.
+  // Writes the content of script `id`. If `of` is not null, adds the replacements of that class.
   // Other keys and values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
   // Removes the content of script `id`, last line first. Keeps keys with other values or subkeys.

@@ -30,8 +30,8 @@ class CRegistry {
   // open, or the value does not fit in 255 bytes with its terminator.
   std::string ReadString(const char* name, const std::string& default_value) const;
 
-  // Appends the values of type REG_SZ in the system's order and skips other types. A value whose
-  // name or data does not fit in 100 bytes with its terminator ends the enumeration.
+  // Appends the values of type REG_SZ in the system's order and skips other types. Stops at a value
+  // whose name or data does not fit in 100 bytes with its terminator.
   void EnumStringValues(std::vector<std::string>& names, std::vector<std::string>& datas) const;
 
  private:

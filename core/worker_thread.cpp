@@ -58,7 +58,7 @@ HRESULT WorkerThread::StartJob(std::function<void()> body) {
     FreeLibrary(job->module);
     return hr;
   }
-  static_cast<void>(job.release());  // owned by the thread
+  static_cast<void>(job.release());  // The thread now owns the job.
   ResumeThread(thread_.get());
   return S_OK;
 }

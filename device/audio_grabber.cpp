@@ -210,7 +210,7 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
       waveInUnprepareHeader(device, &buffer.header, sizeof buffer.header);
     }
 
-    // Runs on a device thread. Only counts and signals, because a wave-in call here can deadlock.
+    // Runs on a device thread. Must not call wave-in functions, because they can deadlock here.
     static void CALLBACK DataCallback(HWAVEIN, UINT message, DWORD_PTR job, DWORD_PTR, DWORD_PTR) {
       if (message != WIM_DATA) return;
       auto* const self = reinterpret_cast<Job*>(job);

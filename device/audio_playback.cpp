@@ -34,7 +34,7 @@ constexpr std::uint64_t kProbeMilliSecs = 3000;
 // How long GetPlaybackPos waits for a device call of another thread. A working device is faster.
 constexpr std::chrono::milliseconds kMaxPositionWait{50};
 
-// Runs on a device thread. Only signals, because a wave-out call from here can deadlock.
+// Runs on a device thread. Must not call wave-out functions, because they can deadlock here.
 void CALLBACK PlaybackDoneCallback(HWAVEOUT, UINT message, DWORD_PTR event, DWORD_PTR, DWORD_PTR) {
   if (message == WOM_DONE) SetEvent(reinterpret_cast<HANDLE>(event));
 }
@@ -417,7 +417,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     Buffers pending;
     std::uint32_t queued_bytes = 0;
     std::vector<float> played_levels;
-    // GetOutputLevel returns these levels. QueryIsReady and a WriteAudio that waited update them.
+    // GetOutputLevel returns these levels. QueryIsReady, and WriteAudio after a wait, update them.
     std::vector<float> levels;
     bool open = true;
     bool broken = false;

@@ -20,8 +20,8 @@ class ScrubPacer {
     return dry_ && reserve_ <= kMaxReserve ? *dry_ - reserve_ : Clock::time_point::min();
   }
 
-  // Call before a pass is written if the device has played everything. Each interruption of the
-  // sound increases the reserve. After a few interruptions the estimate is useless, for example
+  // If the device has played everything, call this before a pass is written. Each interruption of
+  // the sound increases the reserve. After a few interruptions the estimate is useless, for example
   // because of a wrong sample rate. All passes are then due at once, and the writer sets the pace.
   void RanDry(Clock::time_point now) noexcept {
     if (dry_) reserve_ += kStep;

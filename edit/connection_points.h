@@ -122,7 +122,7 @@ class ConnectionPoint final : public IConnectionPoint {
   }
 
  private:
-  // Makes the error of a failing sink the thread's error information.
+  // Sets the error of a failing sink as the thread's error information.
   static void InstallErrorInfo(EXCEPINFO& exception, REFIID event_interface) {
     if (exception.pfnDeferredFillIn != nullptr) exception.pfnDeferredFillIn(&exception);
     ComPtr<ICreateErrorInfo> error;

@@ -26,7 +26,7 @@ enum class ContentCall { kRead, kOpen, kClose };
 // Limit for nested reads of a document that contains itself. More could overflow a thread's stack.
 inline constexpr int kMaxReadDepth = 64;
 
-// A new document has the rate 1 and no channels. A format without rate or channels is not set.
+// A new document has the rate 1 and no channels. Without rate or channels, a format is unset.
 struct DocumentFormat {
   bool IsSet() const noexcept { return samples_per_sec != 0 && channels != 0; }
 
@@ -247,8 +247,8 @@ struct DocumentContent {
   ScratchCache scratch;
 
  private:
-  // Deletes the range in place if the range runs forward from frame 0 or later, all segments have
-  // frames and a format is set. Otherwise changes nothing and returns false.
+  // Deletes the range in place. Changes nothing and returns false if the range is backward, the
+  // range begins before frame 0, AllHaveFrames is false, or no format is set.
   bool CutOut(const CSection& range) {
     if (range.begin < 0 || range.end < range.begin) return false;
     const Pin pin(*this);

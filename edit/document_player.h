@@ -26,7 +26,7 @@ inline constexpr LONG kScrubBlocksPerSecond = 10;
 inline constexpr DWORD kPollMilliSecs = 10;
 
 // The constructor creates a playback object and a scrubber. If this fails, editing still works.
-// Methods that need one of the objects try again and throw the error.
+// A method that needs a missing object creates it, or throws the error.
 //
 // Playback and scrubbing share the playback object, so starting one of them ends the other.
 class DocumentPlayer {

@@ -68,8 +68,8 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
 
 // Adds the source's labels and markers, moved by `offset`, after those of the destination, through
 // the COM interfaces of both objects. With a range, copies only the labels and the parts of markers
-// in the range. Fails with E_FAIL if one of the objects does not support labels or markers. Labels
-// already copied stay.
+// in the range. Fails with E_FAIL if one of the objects does not support labels or markers. Does
+// not remove the labels that are already copied.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -375,7 +375,7 @@ class CEditedAudio final
     if (segment == nullptr) return S_OK;
     return SetOut(source, segment->source.Get(), begin, segment->begin, end, segment->end);
   }
-  // Reads the segments of another document with GetFirstSegment and GetNextSegment.
+  // Uses GetFirstSegment and GetNextSegment to read the segments of another document.
   std::vector<CEditedAudio::Segment> TakeSegments(IEditedAudio* document) {
     std::vector<Segment> segments;
     for (bool first = true;; first = false) {

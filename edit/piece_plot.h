@@ -1,4 +1,4 @@
-// Draws one piece of a document into the waveform overview from its source's samples or peaks.
+// Draws one piece of a document, from its source's samples or peaks, into the waveform overview.
 #pragma once
 
 #include <marlinda.h>
@@ -21,8 +21,8 @@ namespace marlinda {
 // From this many frames per column on, the overview is drawn from peaks instead of samples.
 inline constexpr __int64 kFramesPerColumnOfPeaks = 256;
 
-// The most floats of one read. The limit keeps memory small for long pieces. An overview as wide as
-// a screen usually needs only one read.
+// The maximum number of floats per read. The limit keeps memory small for long pieces. An overview
+// as wide as a screen usually needs only one read.
 inline constexpr std::size_t kMaxSamplesPerRead = std::size_t{1} << 24;
 inline constexpr std::size_t kMaxPeakFloatsPerRead = std::size_t{1} << 22;
 // Without IPeakSummary, a piece whose peaks have more floats than this (4 GiB) is not drawn,

@@ -17,7 +17,7 @@ inline constexpr std::int64_t kSampleBytes = sizeof(float);
 inline constexpr std::uint32_t kAllChannels = 0xFFFFFFFF;
 inline constexpr std::size_t kMaskBits = 32;
 
-// Returns the bytes of 40 milliseconds of 32-bit float frames, or 0 or less for an invalid format.
+// The byte count of 40 milliseconds of 32-bit float frames, or 0 or less for an invalid format.
 inline std::int64_t PlayBlockBytes(std::int64_t samples_per_sec, std::int64_t channels) noexcept {
   return channels * samples_per_sec * kSampleBytes / kBlocksPerSecond;
 }

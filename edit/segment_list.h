@@ -90,7 +90,7 @@ class SegmentList {
   // Removes the frames in `range` and returns the segments that lie wholly in it. Call only if
   // AllHaveFrames. `range` must not begin before frame 0 or run backward. A segment that contains
   // an end of the range is split there, even if the range is empty. `divided` is a copy of the
-  // divided segment's source. Ends the iteration with First and Next.
+  // divided segment's source. Ends an iteration by First and Next.
   Block Remove(const CSection& range, Source& divided) {
     Block removed;
     if (Count() == 0) return removed;

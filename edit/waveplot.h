@@ -26,7 +26,7 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
-// Draws the columns of a piece from `count` peaks, in blocks like DrawSamples. Each column's
+// Draws the columns of a piece from `count` peaks, in blocks as in DrawSamples. Each column's
 // minimum starts at its left neighbour's maximum, and its maximum at the neighbour's minimum, so
 // that the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks.
 // Such a neighbour still has the host's values.

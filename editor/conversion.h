@@ -30,7 +30,7 @@ class Conversion {
  private:
   const ImportedAudio from_;
   const AudioFormat format_;
-  const std::int64_t frames_;  // of the converted audio
+  const std::int64_t frames_;  // the length of the converted audio
   const ComPtr<IFormatConverter> converter_;
   const ComPtr<IAudioPool> pool_;
   std::atomic<bool> cancelled_ = false;

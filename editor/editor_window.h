@@ -87,7 +87,7 @@ class EditorWindow {
   void Wheel(POINT at, int delta, bool zooms);
   Mark MarkAt(POINT at) const;
   Drag HandleAt(const Mark& mark, POINT at) const;
-  // Returns the annotations with the selected mark, or one of its ends, moved by `by` frames.
+  // Returns the annotations after moving the selected mark, or one of its ends, by `by` frames.
   Annotations Moved(Drag part, std::int64_t by) const;
   // Moves the selected mark to its place in `moved`. This is one undo step.
   void StoreMoved(const Annotations& moved);
@@ -130,7 +130,7 @@ class EditorWindow {
   std::string file_ = "";  // shown in the title
   std::string message_;    // the last result, for the status line
   std::unique_ptr<FileJob> job_;
-  std::deque<std::string> files_;  // still to read
+  std::deque<std::string> files_;  // the files still to read
   bool replace_ = false;           // the next file begins a new document
   bool opening_ = false;           // `files_` are opened, not inserted, and leave no undo steps
   std::int64_t insert_at_ = 0;

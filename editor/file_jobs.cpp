@@ -109,7 +109,7 @@ void ImportJob::TakeAudio() {
     throw HostError(ExitStatus::kOutput, kTemporaryFolder, "the disk is full",
                     "Free some space there and open the file again.");
   }
-  // Before the import, the length of a compressed file may be an estimate. Asks for it only now.
+  // Asks only now, because the length of a compressed file may be an estimate before the import.
   const std::optional<__int64> promised = source_->Frames();
   if (promised && take.frames < *promised) {
     warning_ = "only " + FormatDuration(take.frames, take.format.rate) + " of " +

@@ -10,8 +10,8 @@ namespace {
 
 using namespace marlinda;
 
-// Call this before the program creates its first window. A manifest embedded in the program could
-// set the DPI awareness, but Windows would then ignore the manifest file beside the program.
+// Call this before the program creates its first window. An embedded manifest could set the DPI
+// awareness, but Windows would then ignore the manifest file beside the program.
 void SetDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;

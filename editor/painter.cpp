@@ -338,7 +338,7 @@ void Painter::PaintNames() {
   const int pad = layout_->Scale(kNamePad);
   struct Name {
     int x;
-    int end;  // of a section
+    int end;  // the right end of a section
     LONG index;
     const std::string* text;
   };

@@ -40,7 +40,7 @@ struct Scene {
   bool recording = false;
   bool decibels = false;
   RulerUnit unit = RulerUnit::kTime;
-  std::optional<float> progress;  // of a file job
+  std::optional<float> progress;  // the progress of a file job
 };
 
 // Positions of the window's parts.
@@ -71,7 +71,7 @@ struct Theme {
       section, section_text, low, middle, high, strip, thumb, recording;
 };
 
-// True if dark mode is chosen for applications in Windows.
+// True if Windows is set to dark mode for applications.
 bool SystemIsDark();
 
 class Painter {
@@ -81,7 +81,7 @@ class Painter {
   void SetLook(bool dark, int dpi);
   const Theme& theme() const { return theme_; }
   HFONT font() const { return font_.get(); }
-  // Returns the width that a label's flag, the box of its name, needs to show the whole name.
+  // Returns the width that a label's flag (the box of its name) needs to show the whole name.
   int FlagWidth(const std::string& name, const Layout& layout) const;
 
   // Draws the part of the scene inside `update`.

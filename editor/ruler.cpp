@@ -7,8 +7,8 @@
 namespace marlinda::editor {
 namespace {
 
-// Labelled ticks are `count` / `divisor` seconds or `count` frames apart. Minor ticks divide this
-// distance into `minors` parts.
+// The distance between labelled ticks is `count` / `divisor` seconds or `count` frames. Minor ticks
+// divide this distance into `minors` parts.
 struct Step {
   std::int64_t count;
   std::int64_t divisor;

@@ -57,7 +57,7 @@ void Take::AppendColumns(std::vector<Extremes>& columns) const {
 HRESULT Take::Stop() {
   if (!thread_.joinable()) return result_;
   stopping_ = true;
-  // A read that lasts longer than this waits for a lost device. Only CloseDevice ends the read.
+  // If a read lasts longer than this, it waits for a lost device. Only CloseDevice ends the read.
   constexpr ULONGLONG kPatienceMilliseconds = 2000;
   const ULONGLONG start = GetTickCount64();
   while (running_ && GetTickCount64() - start < kPatienceMilliseconds) Sleep(10);

@@ -143,7 +143,7 @@ bool Transport::InputOpens() const {
 
 void Transport::PollRecord() {
   // A device that delivers nothing is stalled or lost. Only a stalled device can be opened a second
-  // time. PollRecord tries to open it each time that this many polls brought no frame.
+  // time. After each run of this many polls without a frame, PollRecord tries to open the device.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_format_.channels);

@@ -69,7 +69,7 @@ class Transport {
 
   Document& document_;
   Mode mode_ = Mode::kIdle;
-  std::optional<DeviceChoice> device_;  // in use
+  std::optional<DeviceChoice> device_;  // the device in use
   Range range_;
   bool looped_ = false;
   std::int64_t position_ = 0;

@@ -55,7 +55,7 @@ class UndoStack {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   struct Step {
     std::string name;
-    State state;  // before the edit; after an undo, the state to redo
+    State state;  // the state before the edit or, after an undo, the state to redo
   };
 
   std::vector<Step> steps_;

@@ -29,8 +29,8 @@ class View {
  public:
   static constexpr std::int64_t kMaxPixelsPerFrame = 32;
 
-  // Set the document's length in frames and the width in pixels. If possible, the first visible
-  // frame stays the same.
+  // Set the document's length in frames and the view's width in pixels. If possible, the first
+  // visible frame stays the same.
   void SetLength(std::int64_t frames);
   void SetWidth(int pixels);
 
@@ -60,7 +60,7 @@ class View {
   void ShowRange(Range range);
   void ScrollTo(std::int64_t origin);
   void ScrollBy(std::int64_t pixels) { ScrollTo(origin_ + pixels); }
-  // If the frame is outside the window, scrolls it to a quarter of the width.
+  // If the frame is outside the window, scrolls the frame to a quarter of the width.
   void MakeVisible(std::int64_t frame);
 
  private:

@@ -31,7 +31,7 @@ class Waveform {
     return columns_[static_cast<std::size_t>((column - begin_) * channels_ + channel)];
   }
 
-  // Replaces all columns by `columns` of a running recording, which start at column `begin`.
+  // Replaces all columns by `columns` of a running recording. `begin` is the first column's index.
   void Show(std::vector<Extremes> columns, int channels, std::int64_t begin);
 
  private:

@@ -32,7 +32,7 @@ constexpr int kDefaultBitRateKbit = 128;
 constexpr DWORD kServeMilliseconds = 10;
 constexpr std::int64_t kFramesPerBlock = 65536;
 constexpr int kBits = 16;
-// WAVEFORMATEX stores the bytes of a frame in 16 bits.
+// WAVEFORMATEX stores the size of a frame in 16 bits.
 constexpr int kMaxChannels = 0xFFFF / (kBits / 8);
 
 std::optional<EncodedKind> KindOf(const std::string& extension) {

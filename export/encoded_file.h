@@ -71,7 +71,7 @@ class EncodedFile {
 };
 
 // Both functions throw CodecError, or HResultError if the file cannot be created. A CodecError
-// leaves no new file, and an existing file unchanged.
+// leaves no new file and does not change an existing file.
 std::unique_ptr<EncodedFile> CreateMp3File(const EncoderSettings& settings);
 std::unique_ptr<EncodedFile> CreateWmaFile(const EncoderSettings& settings);
 

@@ -118,7 +118,7 @@ class RadioDialog : public SettingsDialog {
     const auto chosen = std::ranges::find(choices_, value_, &Choice::value);
     if (chosen == choices_.end()) return Item(IDOK);
     HWND button = Item(chosen->item);
-    // Also makes the button the tab stop of the group.
+    // Also moves the group's tab stop to this button.
     CheckRadioButton(GetParent(button), choices_.front().item, choices_.back().item, chosen->item);
     return button;
   }

@@ -87,7 +87,7 @@ class WavFile {
     SeekTo(body_start + size);
   }
 
-  static constexpr std::uint64_t kRiffStart = 8;  // of the body of "RIFF"
+  static constexpr std::uint64_t kRiffStart = 8;  // where the body of "RIFF" begins
 
   FileHandle file_;
   std::uint64_t data_start_ = 0;  // 0 until the header is written

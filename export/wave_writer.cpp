@@ -50,8 +50,8 @@ class CWaveWriter final : public Object<CWaveWriter, IWaveWriter, IAudioWriter> 
     return ComCall([&] { target_file_ = ToAnsi(bstrFileName); });
   }
 
-  // IAudioWriter. Without an open file, calls only go to the next writer. WriteAudio passes an
-  // array whose elements are not floats to the next writer and then fails with E_INVALIDARG.
+  // IAudioWriter. Without an open file, calls only go to the next writer. If an array's elements
+  // are not floats, WriteAudio passes it to the next writer, then fails with E_INVALIDARG.
   STDMETHODIMP WriteAudio(SAFEARRAY* psaAudioData) override {
     const NestedCall call(this, WriterCall::kWriteAudio);
     if (call.Depth() > 1) return S_OK;

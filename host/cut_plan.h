@@ -59,8 +59,8 @@ inline void CheckSyntax(const CutRequest& request) {
   ForEachText("--marker", request.markers, ParseNamedRange);
 }
 
-// Makes the plan. Throws a std::invalid_argument that names the option for an empty or backward
-// range, and for a position outside the audio. Nothing is clipped.
+// Makes the plan. If a range is empty or backward, or a position lies outside the audio, throws a
+// std::invalid_argument that names the option. Nothing is clipped.
 inline CutPlan PlanCut(const CutRequest& request, std::int64_t source_frames, std::int32_t rate) {
   CutPlan plan;
   ForEachText("--keep", request.keep, [&](std::string_view text) {

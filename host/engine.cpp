@@ -349,8 +349,8 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
-  // Sets no section for the whole file. From a damaged file, a section can deliver frames that an
-  // import from the start drops.
+  // Sets no section for the whole file. From a damaged file, a section can deliver frames that a
+  // full import would drop.
   if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);

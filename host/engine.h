@@ -70,7 +70,7 @@ class FloatArray {
 };
 
 struct FilterIdentity {
-  std::string class_name;  // both empty if the object has no class information
+  std::string class_name;  // like class_id, empty if the object has no class information
   std::string class_id;
 };
 

@@ -26,7 +26,7 @@ class PlainHelp final : public CLI::Formatter {
   }
 };
 
-// Makes a repeated flag a usage error, because the parser accepts repeated flags.
+// Rejects repeated flags with a usage error, because the parser accepts them.
 void RefuseFlagsTwice(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* option : command->get_options()) {

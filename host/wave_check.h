@@ -9,8 +9,8 @@
 namespace marlinda {
 
 struct WaveFileFacts {
-  std::int64_t bytes = 0;       // of the whole file
-  std::int64_t data_bytes = 0;  // of the data chunk, including padding
+  std::int64_t bytes = 0;       // size of the whole file
+  std::int64_t data_bytes = 0;  // size of the data chunk, including padding
   int block_align = 0;          // bytes per frame; 0 for a compressed file
 };
 

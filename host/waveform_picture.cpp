@@ -19,12 +19,12 @@ constexpr Theme kDark = {{24, 26, 30},    {34, 37, 43},  {150, 105, 20},  {96, 1
                          {142, 196, 250}, {84, 94, 108}, {200, 205, 212}, {255, 120, 110},
                          {240, 184, 70},  {255, 70, 70}};
 
-constexpr int kGap = 4;       // between lanes
-constexpr int kTextRow = 15;  // one row of names above the lanes
+constexpr int kGap = 4;       // pixels between lanes
+constexpr int kTextRow = 15;  // height of one row of names above the lanes
 constexpr int kMaxRows = 3;
 constexpr int kAxis = 22;       // ticks and times below the lanes
-constexpr int kTickSpace = 70;  // for a time and its margin
-constexpr int kMinorSpace = 8;  // between ticks without a time
+constexpr int kTickSpace = 70;  // width of a time and its margin
+constexpr int kMinorSpace = 8;  // minimum spacing of ticks without a time
 constexpr int kLeastLane = 6;
 constexpr double kFloor = -60;   // dB
 constexpr double kDotSpace = 6;  // minimum spacing at which samples get a dot
@@ -174,7 +174,7 @@ class Canvas {
   void DrawLane(int channel) {
     const double top = LaneTop(channel);
     const double height = std::max(1.0, LaneTop(channel + 1) - top - kGap);
-    const double centre = std::floor(top + height / 2) + 0.5;  // makes silence one row of pixels
+    const double centre = std::floor(top + height / 2) + 0.5;  // so silence is one row of pixels
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);

@@ -70,7 +70,7 @@ void DecodeIma(std::size_t channels, Bytes block, std::span<std::int16_t> sample
   }
 }
 
-// The channels alternate after each code. Decodes a block with an unknown predictor as silence.
+// The channels alternate after each code. A block with an unknown predictor becomes silence.
 void DecodeMs(std::size_t channels, Bytes block, std::span<std::int16_t> samples) noexcept {
   const std::size_t frames = samples.size() / channels;
   for (std::size_t channel = 0; channel < channels; ++channel) {

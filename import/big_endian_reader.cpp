@@ -21,7 +21,7 @@ using Bytes = std::span<const std::byte>;
 std::int32_t RateFrom80Bits(Bytes bytes) {
   const auto exponent = static_cast<int>(ReadBig<2>(bytes, 0));
   const auto fraction = static_cast<double>(ReadBig<8>(bytes, 2));
-  if (exponent < 16383 || exponent > 16383 + 31) return 0;  // below 1, at least 2^32 or negative
+  if (exponent < 16383 || exponent > 16383 + 31) return 0;  // negative, below 1 or at least 2^32
   const double rate = std::round(std::ldexp(fraction, exponent - 16383 - 63));
   return rate <= std::numeric_limits<std::int32_t>::max() ? static_cast<std::int32_t>(rate) : 0;
 }

@@ -1,5 +1,5 @@
 // CDShowImport: imports a file into an audio writer, as a task. Decodes WAV, AIFF, AU and MPEG
-// audio itself. WAV with a rare compression, Windows Media, AVI and MPEG program streams need a
+// audio itself. Windows Media, AVI, MPEG program streams and WAV with a rare compression need a
 // graph of the system's DirectShow filters. All other files are refused.
 #include <algorithm>
 #include <cstdint>
@@ -56,7 +56,7 @@ struct DShowSource {
   FileSource file;
   SoundFileInfo info;
   std::unique_ptr<MpegStream> mpeg;  // for MPEG audio; reads `file`
-  PcmFormat format;                  // of the decoded samples
+  PcmFormat format;                  // format of the decoded samples
   std::int64_t total = 0;
   std::int64_t first = 0;  // first frame to import
 };
@@ -104,7 +104,7 @@ std::size_t FramesPerBlock(const PcmFormat& format) {
   return std::max(kImportBlockSamples / static_cast<std::size_t>(format.channels), std::size_t{1});
 }
 
-// Replaces the estimated length at the end of a run. After a complete run, the length is the
+// At the end of a run, replaces the estimated length. After a complete run, the length is the
 // position. After an error, the length exceeds the position, so that progress stays below 1.
 void NoteEnd(bool ended_well, DShowImportJob& job) {
   const __int64 position = job.position;
@@ -168,7 +168,7 @@ void WriteBuffer(std::span<const std::byte> bytes, SampleArray& block, DShowImpo
 
 void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWriter* target) {
   const auto stream = DShowStream::Open(file_name);
-  // A filter that was installed after Initialize may deliver another format.
+  // A filter that was installed after Initialize may deliver a different format.
   if (stream == nullptr || stream->format() != job.format) return NoteEnd(false, job);
   SampleArray block(kImportBlockSamples);
   std::vector<std::byte> bytes;
@@ -180,7 +180,7 @@ void WriteDecoded(const std::wstring& file_name, DShowImportJob& job, IAudioWrit
 
 }  // namespace
 
-// Each run needs its own Initialize, which opens the file. The run closes the file at its end.
+// Each run needs its own Initialize, which opens the file. At its end, the run closes the file.
 //
 // Metadata, labels, section markers and loop data are read-only. They come from the file that
 // Initialize or SetFilename opened last.

@@ -68,7 +68,7 @@ class AudioSink final : public GraphFilter {
   // Stops the filter and wakes a waiting delivery.
   STDMETHODIMP Stop() override {
     const HRESULT hr = GraphFilter::Stop();
-    // Notifies under the lock. Otherwise a delivery could test the state before the stop and start
+    // Notifies under the lock. Otherwise a delivery could test the state before the stop, but begin
     // to wait after the notification.
     const std::lock_guard lock(mutex_);
     changed_.notify_all();
@@ -112,7 +112,7 @@ class AudioSink final : public GraphFilter {
         AM_MEDIA_TYPE* announced = nullptr;
         if (sample->GetMediaType(&announced) == S_OK && announced != nullptr) {
           const MediaType owner(announced);
-          // The host knows only the format of the connection, so another format ends the stream.
+          // The host knows only the format of the connection, so any other format ends the stream.
           if (ParseWaveFormat(AudioType(*announced).bytes()) != sink_.format()) {
             sink_.End();
             return S_FALSE;

@@ -1,5 +1,5 @@
-// CFileFilterMgr: chooses the import filter for a file and describes all filters for an "open"
-// dialog.
+// CFileFilterMgr: chooses the import filter for a file, and builds the list of file types for an
+// "open" dialog.
 #include <marlinda.h>
 
 #include <string>

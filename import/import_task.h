@@ -16,7 +16,7 @@ inline constexpr std::size_t kImportBlockSamples = 16384;
 // `Source` is an open file with its decoder.
 template <class Source>
 struct ImportJob : TaskJob {
-  PcmFormat format;  // of the decoded samples
+  PcmFormat format;  // format of the decoded samples
   LONG average_bytes_per_sec = 0;
   bool started = false;
   // Owned by the filter until the worker starts, then by the worker.

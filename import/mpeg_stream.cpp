@@ -87,7 +87,7 @@ bool MpegStream::FindFrames() {
 
 // Any large file contains bytes that look like a frame. A stream that begins with a frame or an ID3
 // tag must have a second frame, with or without a gap. Any other stream must have four frames
-// without gaps and not be layer 1. Layer 1 is rare, and tables in programs look like it.
+// without gaps and must not be layer 1. Layer 1 is rare, and tables in programs look like it.
 bool MpegStream::IsLikely() {
   constexpr std::string_view kTag = "ID3";
   mpg123_handle* const handle = handle_.get();

@@ -16,8 +16,8 @@ struct mpg123_handle_struct;
 namespace marlinda {
 
 // Omits the encoder's delay and padding if the file states them. Damaged frames become silence.
-// Bytes between frames are skipped. Frames of another format are converted to the first frame's
-// format.
+// Bytes between frames are skipped. Frames of a different format are converted to the first
+// frame's format.
 class MpegStream {
  public:
   // Returns null if there are no frames. `file` must outlive the stream.
@@ -51,7 +51,7 @@ class MpegStream {
 
   ByteSource& file_;
   const ByteRange range_;
-  std::uint64_t position_ = 0;  // of the decoder's next byte, in the range
+  std::uint64_t position_ = 0;  // position of the decoder's next byte in the range
   // The first `buffered_` bytes of the buffer come from `buffer_begin_` in the range.
   std::vector<std::byte> buffer_;
   std::uint64_t buffer_begin_ = 0;

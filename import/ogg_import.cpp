@@ -37,8 +37,8 @@ struct OggImportJob : ImportJob<VorbisStream> {
   __int64 readable = 0;  // frames before the first change of format
 };
 
-// Each run needs its own Initialize, which opens the file. The run closes the file at its end. If a
-// chained file changes its format, only the frames before the change are imported.
+// Each run needs its own Initialize, which opens the file. At its end, the run closes the file. If
+// a chained file changes its format, only the frames before the change are imported.
 //
 // Progress stays below 1 if a damaged file, a change of format or a lack of memory ends the run.
 class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilter, IExFormatInfo,

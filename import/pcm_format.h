@@ -1,4 +1,4 @@
-// Uncompressed audio as wave headers describe it, and its conversion to floats.
+// Reads the formats in wave headers and converts uncompressed samples to floats.
 #pragma once
 
 #include <cstddef>

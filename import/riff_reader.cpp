@@ -338,11 +338,11 @@ class RiffWalk {
   ByteSource& file_;
   SoundFileInfo info_;
   CueSheet cues_;
-  std::uint64_t position_ = kFormHeaderBytes;  // of the chunk's header, then of its body
+  std::uint64_t position_ = kFormHeaderBytes;  // position of the chunk's header, then of its body
   std::uint64_t bytes_left_ = kMaxBodyBytes;
   bool is_wave_ = false;
   bool is_avi_ = false;
-  bool has_sound_ = false;  // in an AVI file
+  bool has_sound_ = false;  // true only for AVI files with sound
   std::vector<std::byte> format_;
   std::optional<std::uint32_t> frames_;  // announced in the "fact" chunk
   std::optional<std::uint64_t> wide_data_size_;

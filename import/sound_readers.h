@@ -1,5 +1,5 @@
 // Reads RIFF, AIFF and AU files, and the tags of compressed files. Input is untrusted. Every
-// function returns for any input, and sizes that a file claims do not increase memory use.
+// function returns for any input. Wrong sizes in a file do not increase memory use.
 #pragma once
 
 #include "import/byte_source.h"
@@ -10,7 +10,7 @@ namespace marlinda {
 // Reads a RIFF file, or its 64-bit variants RF64 and BW64. Returns nothing if the file is of
 // another kind.
 //
-// Chunks are padded to 2 bytes. Files padded to 4 bytes, with the padding included in the sizes,
+// Chunks are padded to 2 bytes. Chunks padded to 4 bytes, with the padding included in the sizes,
 // also work. A size that exceeds the file is reduced, so that a truncated file can be read.
 //
 // Cue points become labels in file order. A cue point with an "ltxt" becomes a section marker.
@@ -21,12 +21,12 @@ namespace marlinda {
 // Loop data ("acid") has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
-// Both return nothing if the file is of another kind. They refuse codings that ReadSamples cannot
+// ReadAiff and ReadAu return nothing for other formats. They refuse codings that ReadSamples cannot
 // read, because the system's filters crash on such AIFF-C files and play such AU headers as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 
-// Reads the ID3 tags or the content description of a compressed file with TagLib. Returns the texts
+// Uses TagLib to read the ID3 tags or content description of a compressed file. Returns the texts
 // in UTF-8, or nothing if the file has no such tag. If a file has ID3v2 and ID3v1 tags, the ID3v1
 // tag only fills in missing texts.
 std::optional<Tags> ReadTags(ByteSource& file);

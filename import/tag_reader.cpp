@@ -49,7 +49,7 @@ class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
 // Size of the header of a tag and of each frame.
 constexpr unsigned kTagHeaderBytes = 10;
 
-// Removes the extended header of a version 2.3 tag, whose size TagLib reads as in version 2.4.
+// Removes a version 2.3 extended header, whose size TagLib reads as in version 2.4.
 void RemoveExtendedHeader(TagLib::ByteVector& tag) {
   constexpr char kExtended = 0x40;
   if (tag.size() < kTagHeaderBytes + 4 || tag[3] != 3 || (tag[5] & kExtended) == 0) return;

@@ -209,8 +209,8 @@ std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   return 0;
 }
 
-// Converts the library's floats, which is faster than the library's own 16-bit decoding. Both ways
-// give the same samples in the same blocks.
+// Converts the library's floats, because that is faster than the library's own 16-bit decoding.
+// Both ways give the same samples in the same blocks.
 std::size_t VorbisStream::ReadFromLibrary(std::span<std::int16_t> buffer) {
   constexpr std::size_t kMaxFrames = std::numeric_limits<int>::max();
   const auto channels = static_cast<std::size_t>(channels_);

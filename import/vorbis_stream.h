@@ -42,7 +42,7 @@ class VorbisStream {
   // file of this size can hold. 0 or negative if the headers lack the length. From a damaged file,
   // Read may deliver more or fewer frames.
   std::int64_t total_frames() const noexcept { return total_frames_; }
-  // The number of frames before the first link of another format.
+  // The number of frames before the first link with a different format.
   std::int64_t readable_frames() const noexcept { return readable_frames_; }
 
   // The rate of the compressed stream: the header's nominal rate, otherwise the average over the

@@ -85,7 +85,7 @@ class VorbisWorkers {
     const oggpack_buffer& packet = file.vb.opb;
     latest_.assign(packet.buffer, packet.buffer + packet.storage);
   }
-  // Cancels and waits for the packets being decoded.
+  // Cancels further decoding and waits for the packets being decoded.
   ~VorbisWorkers() {
     {
       const std::lock_guard lock(mutex_);
@@ -177,7 +177,7 @@ class VorbisWorkers {
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // Needed if the library does not use CodecMemory. After a failure, its state is unusable.
+    // Needed if the library does not use CodecMemory. After a failure, `state` is unusable.
     ~Decoder() {
       if (failed) return;
       try {
@@ -259,7 +259,7 @@ class VorbisWorkers {
       }
     }
   }
-  // True if the packet yields a whole block, and its size and position are within the limits.
+  // True if the packet's size and position are within the limits and it yields a whole block.
   bool IsOrdinary(ogg_packet& packet) {
     return packet.bytes <= kMaxPacketBytes && packet.e_o_s == 0 && packet.granulepos >= -1 &&
            packet.granulepos < kMaxPosition && vorbis_synthesis_trackonly(&file_.vb, &packet) == 0;

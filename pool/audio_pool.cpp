@@ -204,8 +204,8 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;
   std::vector<Take> takes_;          // in the order in which they were closed
-  std::size_t cursor_ = 0;           // takes that CreatePrevReader can still return
-  std::atomic<long> open_count_{0};  // the writer, locks and open readers
+  std::size_t cursor_ = 0;           // number of takes that CreatePrevReader can still return
+  std::atomic<long> open_count_{0};  // counts the writer, locks and open readers
 
   StoredSamples stored_samples_;
   std::vector<float> peaks_;

@@ -82,7 +82,7 @@ class CAudioPoolReader final
 
   // IAudioReader
   // Reads fail with ERROR_INVALID_HANDLE before Create and if the pool has no file. At 32 bits per
-  // sample, array elements past the end of the file keep their values. Otherwise they become 0.
+  // sample, array elements past the end of the file keep their values. At other depths they are 0.
   STDMETHODIMP ReadAudio(__int64 nSamplePos, SAFEARRAY* psaAudioData) override {
     return ComCall([&]() -> HRESULT {
       SampleArrayView view;

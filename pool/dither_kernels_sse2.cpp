@@ -8,7 +8,7 @@ struct Ops {
   static __m128d MultiplyAdd(__m128d a, __m128d b, __m128d sum) noexcept {
     return _mm_add_pd(_mm_mul_pd(a, b), sum);
   }
-  // Correct for values that fit in 32 bits.
+  // Requires values that fit in 32 bits.
   static __m128d Truncate(__m128d value) noexcept {
     return _mm_cvtepi32_pd(_mm_cvttpd_epi32(value));
   }

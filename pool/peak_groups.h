@@ -16,7 +16,7 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// The most floats of one read. A block of this size stays in the processor's cache for the search.
+// Floats in the largest read. A block of this size stays in the processor's cache for the search.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
@@ -34,8 +34,8 @@ class PeakGroups {
   // `channels` is at least 1.
   explicit PeakGroups(std::size_t channels) noexcept : pair_floats_(2 * channels) {}
 
-  // Declares all peaks before `peak` final. If one changes nevertheless, start over with a new
-  // object.
+  // From now on, all peaks before `peak` count as final. If one of them changes nevertheless, start
+  // over with a new object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
   // Extends the pairs of each range by its peaks (see core/samples/extremes.h). The first range

@@ -58,7 +58,7 @@ run_scrub() {
     --benchmark_out_format=json --benchmark_out=scrub_to_sound.wine.json \
     < <(parec --latency-msec=5 --raw --device=speaker.monitor)
 }
-# The next two functions time whole programs from start to end, each beside its peers on the same file.
+# run_whole_programs times each program from start to end, beside its peers on the files of make_sources.
 make_sources() {
   [[ ! -f hour.ogg ]] || return 0
   local pieces=() count

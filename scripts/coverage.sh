@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Reports which lines of the product the tests run:
+# Reports which of the product's lines run in the tests:
 #   scripts/coverage.sh [--list]                 the kernels (code without Windows), by their native tests
 #   scripts/coverage.sh --components [--list]    module, host and samples, by the tests under Wine; takes
 #                                                half an hour

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Demonstrates the engine: imports an Ogg Vorbis file, cuts it, inserts a second of silence, adds two labels and a
 # section marker, draws the result and writes a WAV file. Other programs then describe this file. Plays the file if
-# the machine has a sound device. Installs and builds what is missing first. Leaves the results in build/demo.
+# the machine has a sound device. First installs and builds what is missing. Leaves the results in build/demo.
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 "$root/scripts/setup.sh" demo

@@ -5,7 +5,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/lib/common.sh"
 
 # Cross compilers, the interface compiler (widl and the files that it reads), header-only libraries, tools to
-# fetch and build source packages, and packages that configuring the tests needs.
+# fetch and build source packages, and packages needed to configure the tests.
 build=(
   cmake ninja-build g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine64-tools libwine-dev libwine libcli11-dev libstb-dev nlohmann-json3-dev

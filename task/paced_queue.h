@@ -48,7 +48,7 @@ class PacedQueue {
   void Put(std::span<const float> samples) {
     const std::size_t needed = queue_.Count() + samples.size() + 1;
     const std::size_t capacity = queue_.Capacity();
-    // Append alone would grow the queue's ring buffer only by the appended size. Doubling the ring,
+    // Append would grow the queue's ring buffer by just the appended size. Doubling the ring,
     // up to the limit of the queue, saves thousands of copies while the queue fills.
     if (needed > capacity) {
       queue_.Reserve(std::max(needed, std::min(2 * capacity, kMaxQueued + samples.size() + 1)));
@@ -109,7 +109,7 @@ class PacedQueue {
   bool interrupted_ = false;
   bool writer_waits_ = false;
   std::size_t wanted_ = 0;  // samples that the reader waits for
-  bool has_put_ = false;    // since the reader's round began
+  bool has_put_ = false;    // Put was called since the reader's round began
 };
 
 }  // namespace marlinda

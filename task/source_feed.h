@@ -211,7 +211,7 @@ class SourceFeed {
   __int64 source_frames_ = 0;
   ComPtr<IFormatConverter> converter_;
   __int64 samples_in_ = 0;
-  __int64 samples_out_ = 0;  // delivered by the converter
+  __int64 samples_out_ = 0;  // samples that the converter has delivered
   int silent_blocks_ = 0;
 };
 

@@ -19,7 +19,7 @@ class CAudioQueue {
   CAudioQueue() : ring_(kGrowMinimum) {}
   virtual ~CAudioQueue() = default;
 
-  // Returns the number of queued samples without the lock. Only the consumer lowers the count, so
+  // Returns the number of queued samples. Takes no lock. Only the consumer lowers the count, so
   // the consumer never sees a value that is too high.
   std::size_t Count() const noexcept { return count_; }
 
@@ -85,7 +85,7 @@ class CAudioQueue {
     ring_ = std::move(larger);
     read_index_ = 0;
   }
-  // Wraps a position below twice the ring size. A division would cost more than the comparison.
+  // Wraps `position`, which is below twice the ring size. A comparison costs less than a division.
   std::size_t InRing(std::size_t position) const noexcept {
     return position < ring_.size() ? position : position - ring_.size();
   }

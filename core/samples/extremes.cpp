@@ -47,7 +47,7 @@ void Extend(float* pair, const float* at, std::size_t count, std::size_t stride,
 }
 
 // The extremes of four lanes of contiguous floats. For NaN and equal numbers the instructions
-// return the old value, which is their second operand. So does Extremes::Add.
+// return the old value, which is their second operand. Extremes::Add keeps the old value too.
 struct FourExtremes {
   void Add(__m128 low, __m128 high) noexcept {
     lowest = _mm_min_ps(low, lowest);
@@ -63,7 +63,7 @@ struct FourExtremes {
   __m128 highest = _mm_set1_ps(kNoHighest);
 };
 
-// Searches at least four floats in records of 1, 2 or 4 floats. Lane i of the result belongs to
+// Searches four or more floats, in records of 1, 2 or 4 floats. Lane i of the result belongs to
 // float i modulo the record size.
 FourExtremes Search(std::span<const float> records) noexcept {
   const float* at = records.data();

@@ -8,8 +8,8 @@
 namespace marlinda {
 namespace {
 
-// Truncates toward zero. C++ leaves the conversion of NaN and of values that do not fit undefined.
-// They become the most negative integer, as with the instructions that the vector forms use.
+// Truncates toward zero. NaN and values that do not fit, whose conversion C++ leaves undefined,
+// become the most negative integer, as with the instructions that the vector forms use.
 std::int32_t Truncate(double value) noexcept {
   constexpr double kLimit = 2147483648.0;
   if (!(value > -kLimit - 1.0 && value < kLimit)) return std::numeric_limits<std::int32_t>::min();

@@ -67,7 +67,7 @@ void EncodeBlock24(const float* source, std::byte* out) noexcept {
 
 void EncodeBlock32(const float* source, std::byte* out) noexcept { Store(Scale32(source), out); }
 
-// A float holds code and divisor exactly, so one division gives the result of the scalar form.
+// Code and divisor are exact as floats, so one division gives the result of the scalar form.
 void Divide(__m128i codes, float divisor, float* destination) noexcept {
   _mm_storeu_ps(destination, _mm_div_ps(_mm_cvtepi32_ps(codes), _mm_set1_ps(divisor)));
 }

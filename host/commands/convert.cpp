@@ -1,5 +1,5 @@
-// "marlinda convert": writes a whole file as WAV, MP3 or WMA with its tags, in another sample rate
-// or number of channels if requested. WAV files also keep labels, markers and loop data.
+// "marlinda convert": converts a whole file and its tags to WAV, MP3 or WMA and, if requested, to
+// another sample rate or number of channels. WAV files also keep labels, markers and loop data.
 #include "core/sample_count.h"
 #include "host/commands/shared.h"
 #include "host/converted_audio.h"

@@ -478,7 +478,7 @@ class Doctor {
     }
   }
 
-  // Chooses the folder as the engine does, which ignores a registry value longer than its buffer.
+  // Chooses the folder like the engine, which ignores a registry value longer than its buffer.
   void ExamineTemporaryFolder() {
     char chosen[256] = "";
     DWORD size = sizeof chosen - 1;

@@ -1,5 +1,5 @@
-// "marlinda peaks": writes the peaks of an audio file in version 2 of the waveform data format of
-// audiowaveform, which web players read
+// "marlinda peaks": writes the peaks of an audio file for web players, in version 2 of the waveform
+// data format of audiowaveform
 // (https://github.com/bbc/audiowaveform/blob/master/doc/DataFormat.md).
 #include <algorithm>
 #include <cmath>

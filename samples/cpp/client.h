@@ -11,7 +11,7 @@
 
 using Microsoft::WRL::ComPtr;
 
-// Ends the program if `hr` is a failure, with a message that names the step `what` and `file`. A
+// If `hr` is a failure, ends the program with a message that names `file` and the step `what`. A
 // real host would inform its user.
 inline void Check(HRESULT hr, const char* what, const wchar_t* file = L"") {
   if (SUCCEEDED(hr)) return;

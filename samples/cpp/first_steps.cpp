@@ -35,7 +35,7 @@ static void CutInHalf(const wchar_t* in, const wchar_t* out) {
   Check(document->AppendSegment(take.Get(), 0, frames), "AppendSegment");
   Check(document->Delete(frames / 2, frames), "Delete");
 
-  // Minimum and maximum of each column and channel, as floats. The type library declares short.
+  // Minimum and maximum of each column and channel, as floats, although declared as short.
   constexpr ULONG kColumns = 64;
   const Floats peaks(kColumns * 2 * static_cast<ULONG>(channels));
   Check(document->ReadWaveplot(0, frames / 2, peaks), "ReadWaveplot");

@@ -1,4 +1,4 @@
-// The code of docs/recipes.md as one program. Each recipe must equal the page's code word for word.
+// The code of docs/recipes.md as one program. Each recipe must be identical to the page's code.
 //   recipes IN OUT_FOLDER
 #include "client.h"
 // The headers below need windows.h first.

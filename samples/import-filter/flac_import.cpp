@@ -1,4 +1,4 @@
-// An import filter in a separate module, which decodes FLAC files with libFLAC. "regsvr32
+// A separate module with an import filter that decodes FLAC files with libFLAC. "regsvr32
 // FlacImport.dll" registers the class and adds it to the list of import filters.
 // docs/adding-a-filter.md explains the steps.
 #include <windows.h>
@@ -39,7 +39,7 @@ constexpr __int64 kLeastBytesOfFrame = 8;
 constexpr __int64 kMaxBlock = 65535;
 
 HINSTANCE g_module = nullptr;
-// The number of filters, jobs and factory locks. The module must stay loaded until it is 0.
+// The number of filters, jobs and factory locks. The module must stay loaded until the number is 0.
 std::atomic<long> g_in_use = 0;
 
 struct Description {
@@ -47,7 +47,7 @@ struct Description {
   SHORT channels = 0;
   SHORT bits = 0;
   __int64 frames = 0;  // 0 if the file does not hold its length
-  __int64 bytes = 0;   // of the file
+  __int64 bytes = 0;   // the size of the file
   std::wstring title, artist, album, year, genre;
 };
 
@@ -150,7 +150,7 @@ class Decoder {
       }
     }
   }
-  // Does nothing, because the decoder skips to the next complete frame itself.
+  // Does nothing, because the decoder itself skips to the next complete frame.
   static void OnError(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void*) {}
 
   FLAC__StreamDecoder* decoder_;
@@ -268,7 +268,7 @@ void Job::Run() {
   running = false;
 }
 
-// Implements IDispatch, which scripts use, with the engine's type library.
+// Implements IDispatch for scripts. Uses the engine's type library.
 template <class I>
 class Dual : public I {
  public:
@@ -472,8 +472,8 @@ class FlacImport final : public Dual<IImportFilter>,
     return S_OK;
   }
 
-  // The worker releases the writer, which may hold the filter's last reference. Stop then runs on
-  // the worker, which must not wait for itself.
+  // The worker releases the writer, which may hold the last reference to the filter. Stop then runs
+  // on the worker, which must not wait for itself.
   void Stop() {
     job_->cancelled = true;
     if (!thread_.joinable()) return;

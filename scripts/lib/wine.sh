@@ -11,7 +11,7 @@ wine_server=/usr/lib/wine/wineserver64 # can also end a 32-bit prefix's server a
 # Ends the prefix's processes, because Wine's helpers would run for some more seconds.
 stop_wine_server() {
   WINEPREFIX=$prefix "$wine_server" -k >/dev/null 2>&1 || true
-  # A few processes miss the end of the server and would wait for it forever.
+  # A few processes miss the end of the server and would wait for the server forever.
   local process
   for process in $(grep -lszFx "WINEPREFIX=$prefix" /proc/[0-9]*/environ | cut -d / -f 3); do
     [[ $(readlink "/proc/$process/exe") != */lib/wine/* ]] || kill -KILL "$process" 2>/dev/null || true
