@@ -32,8 +32,7 @@ class ScrubPacer {
   void Written(Clock::duration waited) noexcept {
     if (!dry_) return;
     *dry_ += pass_;
-    // The writer blocks when it holds more audio than estimated, because the device's clock is
-    // slow.
+    // After a long wait, the writer held more audio than estimated: the device's clock is slow.
     if (waited > kStep) *dry_ += kStep;
   }
 

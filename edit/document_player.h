@@ -122,8 +122,8 @@ class DocumentPlayer {
 
  private:
   // The state of one playback, shared by the document and the thread. The thread does not hold the
-  // document, because looped playback would then keep the document alive. The job can outlive the
-  // document, because a source may release the document's last reference on this thread.
+  // document, which looped playback would keep alive. The job can outlive the document: a source
+  // that the job calls may release the last reference to the document.
   struct Job {
     // If the sources cannot be opened, the job keeps the writer open until the next playback or the
     // document's destruction.

@@ -57,7 +57,7 @@ void AddProgress(CLI::App* command, Console& console);
 void AddFiles(CLI::App* command, std::vector<std::string>& files);
 std::pair<std::vector<std::string>, std::string> SplitFiles(const char* command,
                                                             std::vector<std::string> files);
-// Adds an input and an output, IN and OUT.wav.
+// Adds the input and output arguments, which the help shows as IN and OUT.wav.
 void AddFiles(CLI::App* command, std::string& input, std::string& output);
 CLI::Option* AddOutput(CLI::App* command, std::string& output);
 void AddDevice(CLI::App* command, std::optional<int>& device);

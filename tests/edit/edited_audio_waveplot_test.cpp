@@ -100,8 +100,8 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   std::pair<__int64, __int64> range;
   int drawn = 0;
   for (int round = 0; round < 300; ++round) {
-    // The pool computes the write position in the peak file from the take's bytes. With 32 instead
-    // of 8 bits, the position therefore falls to a quarter.
+    // The pool divides the take's bytes by the frame size to get the write position in the peak
+    // file. With 32 instead of 8 bits, frames are four times as large, so it falls to a quarter.
     if (round == 200) pool->SetBitDepth(32, 0);
     if (round % 10 == 0) {
       Samples noise(2 * 100 * kFramesPerPeak);
