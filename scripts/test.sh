@@ -74,7 +74,7 @@ wait "$system" || bits_32=$?
 cat "$logs/x86-root.log"
 session_32=(env TESSALY_WINE_BITS=32 "$root/scripts/wine-session")
 if [[ $bits_32 -eq 0 ]]; then
-  suite x86 x86 "kernels and components, 32 bits" "-j2 -LE ^sound$" "${session_32[@]}" &
+  suite x86 x86 "kernels and components, 32 bits" "-LE ^sound$" "${session_32[@]}" &
 elif [[ $bits_32 -eq 3 ]]; then
   echo "  32 bits NOT TESTED. The reason is above." >&2
   echo "0 0 1 32 bits" | tee "$logs/result-x86" >"$logs/result-x86-sound"
