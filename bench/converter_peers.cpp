@@ -1,5 +1,5 @@
-// Measures the peers of the sample converters, which are other libraries with the same job:
-// libsndfile with memory files, and libswresample.
+// Measures two libraries that convert samples like the engine: libsndfile with memory files, and
+// libswresample.
 #include <benchmark/benchmark.h>
 #include <sndfile.h>
 

@@ -1,5 +1,5 @@
-// Measures the pool's interfaces, and bare system calls on a file of the same kind. Bytes per
-// second count the audio file but not the peak file.
+// Measures the pool's interfaces, and bare system calls on a file like the pool's. Bytes per second
+// count the audio file but not the peak file.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-// Measures the recorder's float queue with pieces of 1,024 samples at different fill levels. The
-// peer does the minimum work: it copies each piece in and out of memory as large as the fill level.
+// Measures the recorder's float queue with pieces of 1,024 samples at different fill levels.
+// TwoCopies measures the minimum work: it copies each piece into and out of memory as large as the
+// fill level.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -72,8 +72,9 @@ class Route {
     Send(right, gain);
   }
 
-  // Sends to the other surround pair at full level, or at -3 dB if the source has that pair too. If
-  // the target has no surround pair, sends to `front` at -3 dB.
+  // Sends a surround channel that the target lacks to `other`, its counterpart in the other
+  // surround pair. Uses full level, or -3 dB if the source has `other` too. If the target lacks
+  // `other` as well, sends to `front` at -3 dB.
   void SendSurround(Position other, Position front, double gain) {
     if (!Has(target_, other)) return Send(front, gain * kMinus3dB);
     Send(other, Has(source_, other) ? gain * kMinus3dB : gain);

@@ -79,7 +79,8 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // Adds the reference that the method did not add. The slot or the caller releases it later.
+  // Adds a reference, because the method returned its pointer without one. The slot or the caller
+  // releases it later.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }

@@ -37,8 +37,8 @@ class Registration {
 
   bool is_per_user() const noexcept { return is_per_user_; }
 
-  // Writes the content of script `id`. If `of` is not null, adds the replacements of that class.
-  // Other keys and values stay unchanged.
+  // Writes the content of script `id`. If the script has placeholders of a class, such as %CLSID%,
+  // pass that class as `of`. Other keys and values stay unchanged.
   void Register(UINT id, const ClassEntry* of = nullptr) const;
   // Removes the content of script `id`, last line first. Keeps keys with other values or subkeys.
   void Unregister(UINT id, const ClassEntry* of = nullptr) const;

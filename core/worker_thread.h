@@ -45,7 +45,7 @@ class WorkerThread {
   // return. The module stays loaded until the body returns.
   void Detach() noexcept;
 
-  // Waits at most `milliseconds` for the body to end. Meanwhile serves calls to objects.
+  // Waits at most `milliseconds` for the body to end. Meanwhile serves incoming COM calls.
   void AwaitServingCalls(DWORD milliseconds) const noexcept;
 
  private:

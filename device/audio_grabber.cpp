@@ -105,8 +105,8 @@ class CAudioGrabber final : public Object<CAudioGrabber, IAudioGrabber, IAudioRe
   }
 
  private:
-  // Recorded samples that have not been read. They remain after the device is closed and, during a
-  // wait, after the object is released.
+  // Recorded samples that have not been read. They remain after the device is closed. While
+  // ReadAudio waits, they also outlive the object.
   struct Samples {
     // Returns false and leaves the queue unchanged if there are too few samples.
     bool Take(std::span<float> destination) {

@@ -196,7 +196,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
-        // Leaked for the same reason.
+        // Leaks the job here, too, if the driver refuses to close.
         if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
         return E_FAIL;
       }

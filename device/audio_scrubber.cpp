@@ -65,7 +65,8 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
       auto job = std::make_shared<Job>(pAudioWriter, static_cast<std::size_t>(nSamplesInBlocks),
                                        nSamplesPerSec, static_cast<std::size_t>(nChannels));
       pAudioWriter->OpenDevice();
-      // The thread waits for this lock until `job_` is set, because the writer may use this object.
+      // Keeps the thread from calling WriteAudio until `job_` is set, because the writer may call
+      // this object.
       const std::lock_guard block_lock(job->block_mutex);
       const HRESULT hr = thread_.Start([job] { job->Run(); });
       if (FAILED(hr)) {
@@ -165,7 +166,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
     const bool is_playback;  // the writer is a playback object
     const std::size_t channel_count;
     SampleArray output;
-    // Guards the block. Start locks this mutex until the thread may call the writer.
+    // Guards the block. Start locks this mutex until the thread may call WriteAudio.
     std::mutex block_mutex;
     std::vector<float> block;
     ScrubPacer pacer;  // belongs to the thread

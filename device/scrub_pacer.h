@@ -14,15 +14,16 @@ class ScrubPacer {
   // `pass` is the duration of one pass.
   explicit ScrubPacer(Clock::duration pass) noexcept : pass_(pass) {}
 
-  // The time to compute the next pass: `reserve_` before the device has played everything, because
-  // threads can run late. A time in the past means at once.
+  // Returns when to compute the next pass: `reserve_` before the estimated end of the queued audio,
+  // because threads can run late. If that time has passed, compute the pass at once.
   Clock::time_point Due() const noexcept {
     return dry_ && reserve_ <= kMaxReserve ? *dry_ - reserve_ : Clock::time_point::min();
   }
 
-  // If the device has played everything, call this before a pass is written. Each interruption of
-  // the sound increases the reserve. After a few interruptions the estimate is useless, for example
-  // because of a wrong sample rate. All passes are then due at once, and the writer sets the pace.
+  // If the device has played everything, call this before a pass (half a block) is written. Each
+  // interruption of the sound increases the reserve. After a few interruptions, Due ignores the
+  // estimate `dry_`, which may be wrong because of a wrong sample rate. All passes are then due at
+  // once, and the writer sets the pace.
   void RanDry(Clock::time_point now) noexcept {
     if (dry_) reserve_ += kStep;
     dry_ = now;
@@ -32,7 +33,7 @@ class ScrubPacer {
   void Written(Clock::duration waited) noexcept {
     if (!dry_) return;
     *dry_ += pass_;
-    // After a long wait, the writer held more audio than estimated: the device's clock is slow.
+    // A long wait shows that the writer held more audio than estimated: the device's clock is slow.
     if (waited > kStep) *dry_ += kStep;
   }
 

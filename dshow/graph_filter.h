@@ -1,5 +1,5 @@
 // DirectShow graphs and the engine's own filters in them. GraphFilter and its pins implement the
-// DirectShow interfaces. The users of the pins list the accepted formats and handle the data.
+// DirectShow interfaces. The code that adds a pin chooses its formats and handles its data.
 #pragma once
 
 #include <dshow.h>

@@ -55,7 +55,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
 }
 
 // Replaces the records by their parts in `head`, followed by their parts in `tail` moved by
-// `offset`. Works in place if the records have this order, else with a second list for the tail.
+// `offset`. If the records are already in this order, works in place. Otherwise uses a second list
+// for the tail.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {

@@ -149,9 +149,9 @@ class CEditedAudio final
   }
 
   // IEditedAudio
-  // The array holds floats although the type library declares shorts. Columns without a segment
-  // keep their values. The parts of segments in the range are drawn side by side from the first
-  // column on, even if the range begins before frame 0.
+  // The array holds floats although the type library declares shorts. Draws the parts of segments
+  // in the range side by side from the first column on, even if the range begins before frame 0.
+  // All other columns keep their values.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -263,8 +263,8 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document and restores nothing, because copying the snapshot to itself only empties
-  // the snapshot. The host restores the content from the copy that it made before the change.
+  // Empties the document and restores nothing, because Copy first clears its destination, here the
+  // snapshot itself. The host restores the content from the copy that it made before the change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;

@@ -26,7 +26,7 @@ class CAudioSegment final : public CSection {
   CAudioSegment(const CAudioSegment&) = default;
   CAudioSegment(CAudioSegment&&) noexcept = default;
   CAudioSegment& operator=(const CAudioSegment&) = default;
-  // Does not use the handle's own move assignment, because that of mingw's ComPtr adds a reference.
+  // Does not move-assign `source`, because the move assignment of mingw's ComPtr adds a reference.
   CAudioSegment& operator=(CAudioSegment&& other) noexcept {
     if (this == &other) return *this;
     CSection::operator=(other);
@@ -89,8 +89,8 @@ class SegmentList {
 
   // Removes the frames in `range` and returns the segments that lie wholly in it. Call only if
   // AllHaveFrames. `range` must not begin before frame 0 or run backward. A segment that contains
-  // an end of the range is split there, even if the range is empty. `divided` is a copy of the
-  // divided segment's source. Ends an iteration by First and Next.
+  // an end of the range is split there, even if the range is empty. If DividedBy(range) returns a
+  // segment, `divided` is a copy of its source. Ends an iteration by First and Next.
   Block Remove(const CSection& range, Source& divided) {
     Block removed;
     if (Count() == 0) return removed;

@@ -43,7 +43,7 @@ class ColumnEnds {
   std::int64_t quotient_;
   std::int64_t remainder_;
   std::int64_t columns_;
-  // The end is whole_ + part_ / columns_, rounded up.
+  // The end that Next last returned is whole_ + part_ / columns_, rounded up.
   std::int64_t whole_;
   std::int64_t part_;
 };
@@ -61,7 +61,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
                    std::span<const float> samples) noexcept {
   const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
   const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
-  // With `columns` and `count` exchanged, FirstOfColumn returns the first column of a frame.
+  // Exchanges frames and columns, so that FirstOfColumn returns the first column of frame `first`.
   // NOLINTNEXTLINE(readability-suspicious-call-argument)
   for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
     const std::int64_t frame = Scale(column, frames, columns);
@@ -75,8 +75,9 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
   }
 }
 
-// Initialises a column from its left neighbour. `own` holds the column's pairs. The neighbour's
-// pairs precede `own` in memory.
+// Initialises each minimum with the left neighbour's maximum, and each maximum with the neighbour's
+// minimum, so that the two columns touch. `own` holds the column's pairs. The neighbour's pairs
+// precede `own` in memory.
 void LinkToLeft(std::span<float> own) noexcept {
   float* const pairs = own.data();
   const float* const left = pairs - own.size();

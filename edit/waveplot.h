@@ -20,16 +20,16 @@ std::int64_t Scale(std::int64_t value, std::int64_t numerator, std::int64_t deno
 std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64_t count) noexcept;
 
 // Draws the columns of a piece of `frames` frames. The caller passes the piece's samples in one or
-// more consecutive blocks of whole frames, each from frame `first` on. If there are at least as
-// many frames as columns, each column's minimum starts at +1 and its maximum at -1. So a column
-// whose samples all exceed +1 has the minimum +1.
+// more consecutive blocks of whole frames. `first` is the piece's frame at which `samples` begins.
+// If there are at least as many frames as columns, each column's minimum starts at +1 and its
+// maximum at -1. So a column whose samples all exceed +1 has the minimum +1.
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
 // Draws the columns of a piece from `count` peaks, in blocks as in DrawSamples. Each column's
 // minimum starts at its left neighbour's maximum, and its maximum at the neighbour's minimum, so
 // that the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks.
-// Such a neighbour still has the host's values.
+// Such a neighbour still has the values that the caller passed in `pairs`.
 void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept;
 

@@ -73,8 +73,8 @@ class Document {
  private:
   friend class DocumentEvents;
 
-  void StoreUndo(const std::string& name);  // event: a change begins
-  void ContentChanged();                    // event: the change has ended
+  void StoreUndo(const std::string& name);  // handles the event before a change
+  void ContentChanged();                    // handles the event after a change
 
   void Edit(const std::string& name, std::int64_t from, const std::function<void()>& edit);
   void Restore(IEditedAudio* state);

@@ -246,7 +246,7 @@ class CDShowExport final
     settings_.WriteDword(kWmaBitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));
   }
   void ShowMpegSettings() {
-    // Without an encoder the dialog offers no choice.
+    // Without an encoder, the list of bit rates in the dialog is empty.
     CMpegSettings dialog(BitRate(kMp3BitRate));
     if (dialog.ShowModal(message_owner_) != IDOK) return;
     settings_.WriteDword(kMp3BitRate, static_cast<DWORD>(dialog.bit_rate_kbit()));

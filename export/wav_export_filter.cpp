@@ -31,9 +31,9 @@ WavFormat AskFormat(IAudioReader* reader, std::int16_t bits, bool is_float) {
 //
 // Reader and target belong to the filter until Run begins, then to the worker until Run ends.
 //
-// One job serves one export, because only the constructor resets position and cancel flag. If the
-// filter starts the job again with a new reader and target, the job continues at its position and
-// writes a valid file without the earlier frames.
+// Use a job for only one export, because only the constructor resets position and cancel flag. A
+// second run with a new reader and target continues at the position of the first. It writes a valid
+// file without the earlier frames.
 class WavExportJob : public TaskJob {
  public:
   static constexpr std::int64_t kFramesPerBlock = 65536;

@@ -35,7 +35,8 @@ inline FileHandle CreateTargetFile(const std::string& name) noexcept {
 // Failed writes are not reported. The file is finished as far as possible.
 class WavFile {
  public:
-  // Takes over the handle `file`, which may be empty. Closes an old file, but fills in no sizes.
+  // Takes over the handle `file`, which may be empty. Closes a previous file, but does not fill in
+  // its chunk sizes.
   void Attach(FileHandle file) noexcept {
     file_ = std::move(file);
     data_start_ = 0;

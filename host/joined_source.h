@@ -53,7 +53,7 @@ class JoinedSource {
   // Decodes all files. Converts each file to `rate` and `channels`, or to the first file's values
   // if these are not given. Labels and markers move with their file.
   //
-  // If `parts` is given, other frames of the whole may be silent. If a file then holds less than it
+  // If `parts` is given, frames outside `parts` may be silent. If a file then holds less than it
   // announces, this file and the next files are decoded completely.
   ImportedAudio Import(std::optional<int> rate, std::optional<int> channels, const Console& console,
                        const std::vector<FrameRange>* parts = nullptr) {

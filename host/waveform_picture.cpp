@@ -178,7 +178,7 @@ class Canvas {
     const auto y_of = [&](float sample) { return centre - LevelOf(sample) * height / 2; };
 
     drawing_.FillRectangle(0, top, drawing_.width(), height, theme_.lane);
-    // Draws each section with its own opacity, so that overlapping sections stand out.
+    // Draws the translucent sections one by one, so that overlaps stand out.
     for (const auto& [section, name] : waveform_.annotations.markers) {
       const double length = XOf(section.end) - XOf(section.begin);
       if (length > 0)

@@ -32,7 +32,7 @@ bool CodecMemory::Take(std::size_t bytes) noexcept {
 }
 
 void* CodecMemory::Resize(void* contents, std::size_t size) {
-  // Keeps the contents, which follow the Block, aligned as by malloc.
+  // The contents follow the Block, whose size keeps them aligned as by malloc.
   static_assert(sizeof(Block) % (2 * sizeof(void*)) == 0);
   Block* const old = contents != nullptr ? static_cast<Block*>(contents) - 1 : nullptr;
   CodecMemory* const owner = old != nullptr ? old->owner : ThreadSlot<CodecMemory>::Get();

@@ -11,8 +11,8 @@
 
 namespace marlinda {
 
-// A CodecMemory constructed with `whole` is a part of `whole` and shares its limit. Each part may
-// be used on a thread of its own.
+// A CodecMemory can be a part of another one, `whole`, and then shares its limit. Each part may be
+// used on a thread of its own.
 class CodecMemory {
  public:
   // Limit in bytes for all blocks of a CodecMemory and of its parts together.
@@ -32,7 +32,7 @@ class CodecMemory {
   };
 
   CodecMemory() = default;
-  // Makes a part of `whole`, which must outlive the part.
+  // Shares the limit of `whole`, which must outlive this object.
   explicit CodecMemory(CodecMemory* whole) : whole_(whole) {}
   // Frees the blocks that the library has not freed. The library leaves some blocks after a damaged
   // file and all blocks after an exception.

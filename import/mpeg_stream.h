@@ -52,7 +52,7 @@ class MpegStream {
   ByteSource& file_;
   const ByteRange range_;
   std::uint64_t position_ = 0;  // position of the decoder's next byte in the range
-  // The first `buffered_` bytes of the buffer come from `buffer_begin_` in the range.
+  // The first `buffered_` bytes of the buffer are the range's bytes from `buffer_begin_` on.
   std::vector<std::byte> buffer_;
   std::uint64_t buffer_begin_ = 0;
   std::size_t buffered_ = 0;

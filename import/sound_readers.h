@@ -22,7 +22,8 @@ namespace marlinda {
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
 // ReadAiff and ReadAu return nothing for other formats. They refuse codings that ReadSamples cannot
-// read, because the system's filters crash on such AIFF-C files and play such AU headers as sound.
+// read, because the system's filters crash on such AIFF-C files and play the headers of such AU
+// files as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

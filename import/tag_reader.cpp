@@ -14,8 +14,8 @@
 namespace marlinda {
 namespace {
 
-// TagLib gets only this many bytes of a file, which limits time and memory. Texts after a larger
-// picture are not found.
+// TagLib gets only this many bytes of a file, which limits time and memory. Texts that follow a
+// picture of this size are not found.
 constexpr std::uint64_t kMaxTagBytes = std::uint64_t{8} << 20;
 constexpr std::uint64_t kId3v1Bytes = 128;
 

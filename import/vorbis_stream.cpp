@@ -188,7 +188,7 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   return samples;
 }
 
-// Returns 0 after the workers' last block, and resets `workers_` if the library can continue.
+// Returns 0 after the workers' last block. Resets `workers_` if the library's reader can continue.
 std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   if (decoder_->whole) {
     try {

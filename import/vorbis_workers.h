@@ -81,7 +81,8 @@ class VorbisWorkers {
       : file_(file),
         channels_(static_cast<std::size_t>(file.vd.vi->channels)),
         packets_of_group_(packets_of_group) {
-    // The reader's block still refers to the packet that the reader decoded last.
+    // The first group also needs the packet before it, which the reader decoded last. The reader's
+    // block still refers to that packet.
     const oggpack_buffer& packet = file.vb.opb;
     latest_.assign(packet.buffer, packet.buffer + packet.storage);
   }
@@ -177,7 +178,8 @@ class VorbisWorkers {
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // Needed if the library does not use CodecMemory. After a failure, `state` is unusable.
+    // Frees the blocks of a library that was built without CodecMemory. After a failure, `state` is
+    // unusable.
     ~Decoder() {
       if (failed) return;
       try {

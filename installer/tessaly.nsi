@@ -121,8 +121,8 @@ VIAddVersionKey LegalCopyright ""
   ${EndIf}
 !macroend
 
-; Removes the empty settings keys. The engine creates its keys when it reads settings, those in HKLM only if the user
-; has the right. Keys with values belong to the user or the application and stay.
+; Removes the empty settings keys. The engine creates its keys when it reads settings, but in HKLM
+; only if the user may write there. Keys with values belong to the user or the application and stay.
 !macro RemoveEmptySettings view
   SetRegView ${view}
   DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}\Import Filters"

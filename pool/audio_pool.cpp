@@ -40,7 +40,7 @@ std::string TemporaryDirectory() {
 // each reader on one thread at a time. Any thread may call QueryIsReady, Lock and Unlock.
 //
 // If a file cannot be created, its handle is 0 and its reads and writes fail. Without the audio
-// file, WriteAudio returns the error of the creation. All other methods work.
+// file, WriteAudio returns the error of the creation. The pool's other methods need no file.
 class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPeakFile> {
  public:
   static constexpr const CLSID& kClassId = CLSID_CAudioPool;

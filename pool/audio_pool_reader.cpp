@@ -112,7 +112,7 @@ class CAudioPoolReader final
   STDMETHODIMP OpenDevice() override { return pool_ ? pool_->Lock() : kNoFile; }
   STDMETHODIMP CloseDevice() override { return pool_ ? pool_->Unlock() : kNoFile; }
 
-  // IPeakSummary. Fails if a peak in the ranges is not settled.
+  // IPeakSummary. Fails if a peak in the ranges may still change.
   STDMETHODIMP SummarizePeaks(IPeakReader* peaks, std::size_t channels, std::int64_t first,
                               std::span<const std::int64_t> ends, std::span<float> pairs) override {
     return ComCall([&]() -> HRESULT {

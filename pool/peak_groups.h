@@ -16,7 +16,8 @@ namespace marlinda {
 
 inline constexpr std::int64_t kGroup = 64;
 
-// Floats in the largest read. A block of this size stays in the processor's cache for the search.
+// Maximum floats per read. A block of this size stays in the processor's cache until its extremes
+// are found.
 inline constexpr std::size_t kBlockFloats = std::size_t{1} << 16;
 
 inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(float);
@@ -47,7 +48,7 @@ class PeakGroups {
     for (const std::int64_t end : ends) {
       const std::span<float> own = pairs.first(pair_floats_);
       pairs = pairs.subspan(pair_floats_);
-      // Extends from left to right, because the first of 0.0 and -0.0 counts.
+      // Extends from left to right, because the first of equal extremes (0.0 and -0.0) stays.
       const std::int64_t first_group = (first + kGroup - 1) / kGroup;
       const std::int64_t last_group = end / kGroup;
       if (first_group > last_group) {

@@ -30,7 +30,7 @@ run_here() {
   done
 }
 run_counted() {
-  # The benchmarks in goals.txt whose place is "counted".
+  # The benchmarks that goals.txt marks as "counted".
   local names
   mapfile -t names < <(awk -F ' *\\| *' -v chosen="$filter" '
     $3 ~ / counted$/ { for (i = 4; i <= 5; i++) if ($i ~ chosen && !seen[$i]++) print $i }' "$root/bench/goals.txt")
@@ -58,7 +58,7 @@ run_scrub() {
     --benchmark_out_format=json --benchmark_out=scrub_to_sound.wine.json \
     < <(parec --latency-msec=5 --raw --device=speaker.monitor)
 }
-# run_whole_programs times each program from start to end, beside its peers on the files of make_sources.
+# Makes the audio files of run_whole_programs, which times marlinda and comparable programs.
 make_sources() {
   [[ ! -f hour.ogg ]] || return 0
   local pieces=() count
@@ -110,7 +110,7 @@ run_whole_programs() {
 failed=
 run_here
 run_counted
-# One session, so that the Windows programs share one start of Wine.
+# Runs in one wine-session, so that the Windows programs share one start of Wine.
 under_wine() {
   run_under_wine
   step "scrub_to_sound, Wine" "see the log" "$root/scripts/sound-session" bash -euo pipefail -c run_scrub || failed=1

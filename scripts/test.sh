@@ -86,7 +86,7 @@ if compile tsan threaded_kernel_tests; then
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$" &
 fi
 # Wine's 32-bit sound driver can abort a program that loses its device just after the sound was interrupted. Builds
-# interrupt the sound often.
+# interrupt the sound often, so this suite starts after the last build.
 if [[ $bits_32 -eq 0 ]]; then
   suite x86-sound x86 "sound, 32 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-x86-sound" "${session_32[@]}" &
 fi

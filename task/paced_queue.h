@@ -15,7 +15,7 @@ namespace marlinda {
 
 // Serves one writer thread and one reader thread. Any thread may call the other methods.
 //
-// Wakes a thread only when its wait is over, because waking a thread for each block costs more than
+// Wakes a thread only when it can continue, because waking a thread for each block costs more than
 // handling the block. The waiting thread sets `writer_waits_` or `wanted_` under the lock before it
 // tests the queue. The other thread reads these members under the lock after it has changed the
 // queue, so no wake-up is lost.
@@ -36,7 +36,8 @@ class PacedQueue {
   std::size_t Count() const noexcept { return queue_.Count(); }
   bool HasRoom() const noexcept { return queue_.Count() < kMaxQueued; }
 
-  // Writer: waits for room, without a time limit. Returns false if interrupted.
+  // Writer: waits until at most kMaxQueued samples are queued, without a time limit. Returns false
+  // if interrupted.
   bool AwaitRoom() {
     std::unique_lock lock(mutex_);
     writer_waits_ = true;
@@ -109,7 +110,7 @@ class PacedQueue {
   bool interrupted_ = false;
   bool writer_waits_ = false;
   std::size_t wanted_ = 0;  // samples that the reader waits for
-  bool has_put_ = false;    // Put was called since the reader's round began
+  bool has_put_ = false;    // Put was called during the reader's current wait
 };
 
 }  // namespace marlinda

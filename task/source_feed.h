@@ -1,4 +1,5 @@
-// SourceFeed: moves the samples of one set-up from the source through the converter into the queue.
+// SourceFeed: moves samples from a source through the converter into the queue. Each set-up of
+// CAudioConnector has its own SourceFeed.
 #pragma once
 
 #include <converter.h>
@@ -31,7 +32,8 @@ struct StreamFormat {
 inline constexpr __int64 kFramesPerPull = 65535;
 // Give up on a reader after this many blocks that add nothing to the queue.
 inline constexpr int kMaxEmptyBlocks = 10;
-// Give up flushing a converter after this many silent blocks. A converter holds back fewer frames.
+// Give up flushing a converter after this many silent blocks. They have more frames than a
+// converter holds back.
 inline constexpr int kMaxSilentBlocks = 16;
 inline constexpr std::size_t kSilentFrames = 4096;
 
@@ -141,7 +143,8 @@ class SourceFeed {
     const bool complete = waits ? queue_.AwaitSamples(wanted, timeouts) : queue_.Count() >= wanted;
     gave_up_ = !complete;
     if (complete || import_runs_) return complete;
-    // If the import ended before its reported length, the converter still holds its last frames.
+    // If the import ended before its reported length, silence flushes the last frames from the
+    // converter.
     const std::lock_guard lock(mutex_);
     PushSilence();
     return false;

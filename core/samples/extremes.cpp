@@ -63,8 +63,8 @@ struct FourExtremes {
   __m128 highest = _mm_set1_ps(kNoHighest);
 };
 
-// Searches four or more floats, in records of 1, 2 or 4 floats. Lane i of the result belongs to
-// float i modulo the record size.
+// Searches four or more floats, in records of 1, 2 or 4 floats. Lane i of the result holds extremes
+// of float number i % s of the records, where s is the record size.
 FourExtremes Search(std::span<const float> records) noexcept {
   const float* at = records.data();
   const float* const end = at + records.size();
@@ -101,8 +101,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
 }
 
 // Extends the pairs by one Search over all channels. Returns false and changes nothing if Search
-// does not accept the records, or if an extreme is zero and the records contain -0.0. Of 0.0 and
-// -0.0 the first must stay, but the lanes do not record their order.
+// does not accept the records, or if an extreme is zero and the records contain -0.0. Whichever of
+// 0.0 and -0.0 comes first must stay, but the lanes do not record their order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

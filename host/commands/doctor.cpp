@@ -523,7 +523,7 @@ class Doctor {
     }
   }
 
-  // If there are other problems, does not try the decoders: every kind of file could fail.
+  // Tries no decoder after another problem, which could make every kind of file fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

@@ -20,7 +20,8 @@ WINE = os.environ["TESSALY_WINE"]
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
 BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
-# In any program, each filter graph of Wine's decoders leaks at least this many handles. The test ignores such leaks.
+# Each filter graph of Wine's decoders leaks at least this many handles in any program. The test ignores increases of
+# this size or more.
 GRAPH_HANDLES = 30
 GIVE_UP_SECONDS = 1200  # time limit of a batch
 

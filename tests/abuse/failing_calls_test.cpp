@@ -116,7 +116,8 @@ void ExpectStored(IAudioReader* reader, const Samples& expected) {
   EXPECT_TRUE(block.ToVector() == expected);
 }
 
-// Imports, edits and exports while the module's call `n` fails. Returns how many COM calls failed.
+// Imports, edits and exports while the module's `n`th call of this kind fails. Returns how many COM
+// calls failed.
 int Tell(Fault kind, LONG64 n, const Bstr& target) {
   Samples samples(2000);
   std::iota(samples.begin(), samples.end(), 0.0F);

@@ -335,7 +335,7 @@ TEST_F(Dispatch, RefusesUnknownMembersPropertiesAndInconsistentArguments) {
   }
 }
 
-// The calls are those that scripts make.
+// Calls the methods as scripts do.
 TEST_F(Dispatch, LeaksNoMemory) {
   constexpr int kTimes = 100;
   const auto labels = As<ILabelSupport>(document_);

@@ -15,7 +15,7 @@ TEST(ScrubPacer, PassesAreDueShortlyBeforeTheDeviceRunsDryAndAtOnceAfterManyInte
   pacer.RanDry(start);
   pacer.Written({});
   EXPECT_EQ(pacer.Due(), start + milliseconds(20));
-  // A writer that blocks this long plays more slowly than estimated.
+  // A wait of more than 20 ms shows that the device plays more slowly than estimated.
   pacer.Written(milliseconds(21));
   EXPECT_EQ(pacer.Due(), start + milliseconds(90));
 

@@ -92,7 +92,8 @@ class StallTest(unittest.TestCase):
         with sound_server(pipes=False) as environment:
             server = int(environment["TESSALY_SOUND_SERVER_PID"])
             uses = [SoundTool(TOOL, environment, "use", use, "break", 440) for use in ("playback", "drain", "document")]
-            # The document opens its device after Play has returned. With a stopped server, opening would take a minute.
+            # Starts the document first and waits for its stream, because the document opens its device only after Play
+            # has returned. With a stopped server, opening would take a minute.
             for tool in reversed(uses):
                 self.assertEqual(tool.ask("start"), {"started": 1})
                 wait_until(lambda: subprocess.check_output(["pactl", "list", "short", "sink-inputs"], env=environment),

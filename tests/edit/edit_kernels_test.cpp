@@ -71,7 +71,7 @@ TEST(PlaySection, PlaysBlocksOf40MillisecondsAndAShorterLastOneAndLoops) {
   // A block of 35 bytes holds 8 samples. They are two frames and two surplus samples.
   EXPECT_THAT(Walk({0, 5}, false, 35, 3), ElementsAre(0, 8, 2, 8, 4, 3));
   EXPECT_THAT(Walk({0, 4}, false, 35, 3), ElementsAre(0, 8, 2, 6));
-  // At a negative rate, 40 ms are less than one frame, so each block holds one frame.
+  // PlayBlockBytes is negative for a negative rate, but each block holds at least one frame.
   EXPECT_THAT(Walk({0, 2}, false, PlayBlockBytes(-44100, 2), 2), ElementsAre(0, 2, 1, 2));
   EXPECT_THAT(Walk({0, 10}, true, 80, -2), ElementsAre());
   EXPECT_THAT(Walk({kMin, kMax}, true, 80, 2, 2), ElementsAre(kMin, 20, kMin + 10, 20));

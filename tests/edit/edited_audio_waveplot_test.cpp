@@ -178,7 +178,8 @@ TEST_F(EditedAudioWaveplot, LeavesTheArrayUnchangedForEmptyRangesAndNeverWritesP
   const Samples pairs = Plot(0, 1000, 10, 1);
   document_.Append(a, 900, 0);
   document_.Append(a, 0, 1000);
-  // The backward segment adds a second piece of 1000 frames, but the first fills the array.
+  // The backward segment ends at frame 100, so the last segment begins there. But the first segment
+  // already fills the array.
   EXPECT_EQ(Plot(0, 1000, 10, 1), pairs);
   document_->Clear();
   document_.Append(nullptr, 0, 1LL << 62);

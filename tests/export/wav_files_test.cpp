@@ -123,7 +123,7 @@ TEST(WavExportFilter, LeavesAValidFileWhenCancelledAndContinuesAtItsPositionInTh
                                    if (position == 2 * 65536) task->Cancel();
                                  }}));
   task = out.task.Get();
-  // The filter still writes the block that it reads during the Cancel.
+  // The third read cancels the task. The filter still writes the block of that read.
   EXPECT_EQ(out.Run(), Wav(Format(1, 16), CodesAsPcm(0, 3 * 65536, 16), Info()));
   EXPECT_FLOAT_EQ(out.Progress(), 0.3F);
 
@@ -225,7 +225,7 @@ TEST_F(WaveWriter, TwoWritersThatForwardToEachOtherDoNotRecurse) {
   EXPECT_EQ(second->SetWriteThrough(audio.Get()), S_OK);
   EXPECT_EQ(Record(1, 32, {0.5F, 1}), File(1, 32, F32(0.5F) + F32(1)));
   EXPECT_EQ(ReadFileBytes(second_path), ReadFileBytes(path));
-  // A writer must not keep itself alive. The program's end detects objects that are left.
+  // A writer must not keep itself alive. The test program fails at its end if objects are left.
   EXPECT_EQ(second->SetWriteThrough(As<IAudioWriter>(second).Get()), S_OK);
 }
 

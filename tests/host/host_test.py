@@ -134,7 +134,8 @@ class HostTest(ProgramTest):
             (4, ["plot", self.ogg, self.folder / "folder.png"], "folder.png"),
         ]:
             self.fail_with(status, *arguments, says=says)
-        # The pool's file fits the first limit, but an output 20 s longer does not. The pool itself exceeds the next.
+        # The pool's file fits the first limit, but an output 20 s longer does not. The pool's file exceeds the second
+        # limit.
         self.fail_with(4, *cut, "--keep", ":", "--silence", "0:20", most_bytes=2 * FRAMES * 4 + 100_000,
                        says="could not be written whole")
         self.fail_with(4, *cut, "--keep", ":", most_bytes=FRAMES * 4, says="temporary folder: the disk is full")

@@ -185,7 +185,7 @@ TEST_F(OggImport, ReportsTheSourceAndTheCommentsOfTheFileNamedLast) {
   EXPECT_EQ(SetFilename(L"no such file"), E_FAIL);
   EXPECT_THAT(MetaData(), ElementsAre(L"\u00DCberraschung", L"Ren\u00E9e", L"", L"1998", L""));
   EXPECT_EQ(Total(), 44100);
-  // A writer that fails still gets all blocks.
+  // A writer that fails and tries to resize its arrays still gets all blocks.
   HarmArrays();
   Run();
   EXPECT_EQ(writer_->block_sizes, DecodeWithLibrary(DataFile("stereo.ogg")).block_sizes);

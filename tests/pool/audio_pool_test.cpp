@@ -136,7 +136,7 @@ TEST(AudioPool, LetsAThreadReadATakeWhileTheNextIsWritten) {
   const Pool pool;
   Samples samples = Wave(1 << 16);
   pool.WriteTake(samples);
-  // Omits the last record, which belongs to the next take.
+  // Omits the extra last peak, which the next take overwrites.
   Samples peaks = Contents(pool.peak_file);
   peaks.resize(2 * samples.size() / 256);
   int wrong = 0;
@@ -170,7 +170,7 @@ TEST(AudioPool, WritesOneExtraPeakPerBlockAndOverwritesItWithTheNextBlock) {
   pool.Open();
   EXPECT_EQ(pool.Write(block), S_OK);
   expect_peaks({0.5F, 0.25F, 0.25F});
-  // The next write starts at record 2. It completes no group, so the position stays there.
+  // The next write starts at peak 2 and completes no group, so the peak position stays there.
   EXPECT_EQ(pool.Write(Samples(255, 0.8F)), S_OK);
   expect_peaks({0.5F, 0.25F, 0.8F});
   // So far, the pool has 767 frames. One more frame completes group 2, which the last write began.
@@ -319,7 +319,7 @@ class WithheldFile {
                                 DUPLICATE_SAME_ACCESS));
     return copy;
   }
-  // Creates handles until one has the freed value, because the system chooses the order.
+  // Creates handles until one has the freed value, because the system chooses the values.
   void Occupy(const std::function<HANDLE()>& make) const {
     CloseHandle(slot_);
     std::vector<KernelHandle> others;
@@ -330,7 +330,7 @@ class WithheldFile {
   const KernelHandle file_;
 };
 
-// The failed writes advance the position without filling the disk.
+// A failed write still advances the position, so the takes reach 8 GiB without filling the disk.
 TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
   const Pool pool;
   pool.WriteTake(Wave(300));
@@ -341,7 +341,7 @@ TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
   constexpr __int64 kLarge = 1 << 22;
   __int64 position = 300;
   for (const int shift : {31, 32, 33}) {
-    // Half of the next take lies past the boundary.
+    // Half of the next take lies past the file offset of 2^shift bytes.
     const __int64 begin = (1LL << shift) / 4 - 500;
     {
       const WithheldFile audio(pool.audio_file);
@@ -366,7 +366,7 @@ TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
     EXPECT_EQ(SampleCount(take), 1000);
     EXPECT_EQ(Read(take, 0, 1000), wave);
     EXPECT_EQ(ReadBlock(take.Get(), 0, 2, true).second[1], std::ranges::max(wave));
-    // The take begins at the end of the preceding gap.
+    // The preceding take is a gap, because its writes failed. This take begins at the gap's end.
     const auto gap = pool.PrevReader();
     EXPECT_EQ(Read(gap, SampleCount(gap) - 2, 3), (Samples{0.0F, 0.0F, wave[0]}));
     take = pool.PrevReader();

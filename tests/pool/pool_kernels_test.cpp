@@ -135,8 +135,9 @@ Floats Noise() {
   return values;
 }
 
-// The first palette has few values, so that zeros of both signs, NaN and infinities often meet. The
-// next two have one sign, so one extreme is a zero. The others are NaN alone and noise.
+// The first palette has few values, so that zeros of both signs, NaN and infinities often meet.
+// Besides zeros, the next two have numbers of only one sign, so one extreme is a zero. The others
+// are NaN alone and noise.
 const Floats kPalettes[] = {
     {0.0F, -0.0F, kNan, kInfinity, -kInfinity, kLargest, -kLargest, 0.5F, -0.5F, 1e-45F},
     {0.0F, -0.0F, 0.25F, kNan},

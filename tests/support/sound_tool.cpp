@@ -2,12 +2,13 @@
 //   sound_tool play BITS CHANNELS BLOCK_FRAMES FRAMES         plays a signal between silences
 //   sound_tool record BITS CHANNELS BLOCK_FRAMES FRAMES FILE  writes floats; prints frames so far
 //   sound_tool use playback|drain|document|cursor|recorder ENDING HERTZ
-// A drain plays two seconds and ends by itself. A cursor scrubs a document.
-// `use` reads orders, one a line, and answers each with a line of "name=number" words:
+// `use` starts and ends one use of a device. HERTZ is the frequency of the tone it plays. A drain
+// plays two seconds and ends by itself. A cursor scrubs a document. `use` reads orders, one a line,
+// and answers each with a line of "name=number" words:
 //   start  started=1 if the use has begun; a document or cursor begins even without a device
 //   works  waits until a recorder has received sound; returns at once for other uses
 //   ask    calls the methods that a user interface polls
-//   end    ends the use by ENDING: break, close, stop or release; watch calls nothing. Then waits
+//   end    ends the use by ENDING: break, close, stop or release; watch makes no call. Then waits
 //          for the end of the use's thread, if there is one; refused=1 if that thread's last call
 //          returned E_FAIL
 //   break  ends a use whose ENDING is watch and whose device still exists
@@ -138,7 +139,7 @@ bool IsPlaying(const Document& document) {
   return playing != VARIANT_FALSE;
 }
 
-// A way to use a device. A use can start again after each end.
+// A way to use a device. Start may be called again after each End.
 class Use {
  public:
   Use(const std::string& kind, int hertz) : kind_(kind), hertz_(hertz) {}

@@ -129,7 +129,7 @@ class TestImport final : public TestFilter<IImportFilter, IExFormatInfo> {
   ComPtr<IAudioWriter> writer_;
 };
 
-// A source of the counting signal. Only the export's thread reads it.
+// A source whose samples count up. Only the export's thread reads it.
 class TestReader final : public InApartment<RampSource> {
  public:
   explicit TestReader(__int64 count) : InApartment('A', SHORT{2}, nullptr, 44100) {
@@ -232,7 +232,7 @@ class AudioConnector : public ::testing::Test {
 
 // Filters are apartment-threaded and may count their references without interlocking.
 TEST_F(AudioConnector, PassesSamplesUnchangedAndCallsFiltersOnlyOnTheHostsThread) {
-  const OurConverter converter;           // unused, because both formats are equal
+  const OurConverter converter;           // installed but unused, because both formats are equal
   constexpr __int64 kFrames = 5'000'000;  // more than the queue holds
   const auto from = MakeObject<TestImport>(kFrames);
   const auto reader = MakeObject<TestReader>(kFrames);
@@ -296,7 +296,8 @@ TEST_F(AudioConnector, QueuesSamplesBeforeSetUpAndAfterTheExportHasEnded) {
   EXPECT_EQ(Read(4), Samples(4, 0.5F));
 }
 
-// Only the first read waits ten times. If all did, the test would take a quarter of an hour.
+// Only the first read waits for all ten timeouts. If all reads did, the test would take a quarter
+// of an hour.
 TEST_F(AudioConnector, AfterAnImportStallsForFiveSecondsReadsReturnSilence) {
   const auto from = MakeObject<TestImport>(1000);
   from->channels = 1;
@@ -319,7 +320,7 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndTheImportAndTheExport) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // never sums to the limit, at which an import does not wait
+      from->block_samples = 10'000;  // the queue skips its exact limit, where imports do not wait
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());

@@ -61,7 +61,7 @@ TEST(PacedQueue, ReadEndsAfterTooManyTimeoutsOrAnInterrupt) {
   }
   PacedQueue patient(kPatient);
   const std::jthread other([&] {
-    // After these yields, the reader usually waits.
+    // After these yields, the main thread usually waits in AwaitSamples.
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     patient.Interrupt();
   });
