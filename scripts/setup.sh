@@ -23,18 +23,19 @@ decoders=(
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
 # Tools to make and unpack the packages.
 package=("${build[@]}" nsis zip unzip)
-# The native compiler with sanitizers, independent programs that check the files the engine reads and writes,
-# and a sound server in place of a sound card.
+# The native compiler, and libraries of native kernels and their tests.
+native=(g++ libtag1-dev libgmock-dev)
+# Independent programs that check the files the engine reads and writes, and a sound server in place of a sound card.
 test=(
-  "${build[@]}" "${wine[@]}" "${decoders[@]}" g++ libtag1-dev clang-format sox sndfile-programs vorbis-tools ffmpeg
+  "${build[@]}" "${wine[@]}" "${decoders[@]}" "${native[@]}" clang-format sox sndfile-programs vorbis-tools ffmpeg
   pulseaudio pulseaudio-utils debootstrap "${package[@]}"
 )
-lint=("${build[@]}" g++ libtag1-dev clang-format clang-tidy cppcheck)
+lint=("${build[@]}" "${native[@]}" clang-format clang-tidy cppcheck)
 bench=(
-  "${build[@]}" "${wine[@]}" g++ libtag1-dev libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg
+  "${build[@]}" "${wine[@]}" "${native[@]}" libsndfile1-dev libswresample-dev sox sndfile-programs ffmpeg
   vorbis-tools pulseaudio pulseaudio-utils valgrind
 )
-fuzz=("${build[@]}" g++ libtag1-dev clang libclang-rt-14-dev)
+fuzz=("${build[@]}" "${native[@]}" clang libclang-rt-14-dev)
 
 groups=("$@")
 [[ ${#groups[@]} -gt 0 ]] || groups=(build test)
