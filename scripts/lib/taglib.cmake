@@ -5,7 +5,7 @@ function(group_sources)
   foreach(source ${sources})
     get_filename_component(group ${source} DIRECTORY)
     string(MAKE_C_IDENTIFIER "${group}" group)
-    # The sources of these two folders need their headers in different orders.
+    # The sources of these two folders need their headers in different orders, so they are compiled one by one.
     if(NOT group MATCHES "^(mp4|mpeg)$")
       set_property(SOURCE ${folder}/${source} TARGET_DIRECTORY tag PROPERTY UNITY_GROUP g${group})
     endif()
