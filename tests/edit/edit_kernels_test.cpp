@@ -33,14 +33,14 @@ TEST(Edits, DoNotMoveTheIterationToAnotherSegment) {
   EXPECT_EQ(list.Next()->begin, 303);
 }
 
-// If each edit or read visited all segments, this test would take half an hour, and CTest would end
-// it.
+// If each edit or read visited all segments, this test would take so long that CTest would end it.
 TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
   constexpr std::int64_t kSegments = 1'000'000;
+  constexpr int kEdits = 200'000;
   SegmentList<int> list;
   for (std::int64_t i = 0; i < kSegments; ++i) list.Append({1, 0, 100});
   std::int64_t frames = 0;
-  for (int i = 0; i < 500'000; ++i) {
+  for (int i = 0; i < kEdits; ++i) {
     const std::int64_t near_end = (kSegments - 2) * 100 + 7;
     std::vector<SegmentList<int>::Segment> added = {{2, 0, 1}};
     int divided = 1;
@@ -49,7 +49,7 @@ TEST(Edits, StayFastNearTheEndOfAMillionSegments) {
                       [&](int, const CSection& piece) { frames += piece.Length(); });
     list.Remove({near_end, near_end + 1}, divided);
   }
-  EXPECT_EQ(frames, 1'000'000);
+  EXPECT_EQ(frames, 2 * kEdits);
 }
 
 // Returns the first blocks that a cursor visits, each as its position and its number of samples.
