@@ -170,12 +170,68 @@ class AudioSink final : public GraphFilter {
   bool abandoned_ = false;
 };
 
-// Tries each output, because some source filters split the file into several outputs themselves.
-inline bool ConnectAnyOutput(const FilterGraph& graph, IBaseFilter* source, IPin* sink) {
+inline MediaType FirstType(IPin* pin) {
+  ComPtr<IEnumMediaTypes> types;
+  AM_MEDIA_TYPE* type = nullptr;
+  if (SUCCEEDED(pin->EnumMediaTypes(types.GetAddressOf())) && types != nullptr) {
+    types->Next(1, &type, nullptr);
+  }
+  return MediaType(type);
+}
+
+// Connects the first possible output of a filter with `sink`, if necessary through decoders. Omits
+// video, because Wine searches for seconds for filters that turn video into sound.
+inline bool ConnectSound(const FilterGraph& graph, IBaseFilter* filter, IPin* sink) {
   bool connected = false;
-  ForEachPin(source, PINDIR_OUTPUT,
-             [&](IPin* pin) { return connected = SUCCEEDED(graph.builder()->Connect(pin, sink)); });
+  ForEachPin(filter, PINDIR_OUTPUT, [&](IPin* pin) {
+    const MediaType type = FirstType(pin);
+    const bool is_video = type && IsEqualGUID(type->majortype, MEDIATYPE_Video);
+    return connected = !is_video && SUCCEEDED(graph.builder()->Connect(pin, sink));
+  });
   return connected;
+}
+
+// Connects an output of a file with `sink` through `splitter`. Removes the splitter on failure.
+inline bool ConnectThrough(const FilterGraph& graph, IPin* output, IBaseFilter* splitter,
+                           IPin* sink) {
+  if (FAILED(graph.builder()->AddFilter(splitter, nullptr))) return false;
+  bool split = false;
+  ForEachPin(splitter, PINDIR_INPUT, [&](IPin* input) {
+    return split = SUCCEEDED(graph.builder()->ConnectDirect(output, input, nullptr));
+  });
+  if (split && ConnectSound(graph, splitter, sink)) return true;
+  graph.builder()->RemoveFilter(splitter);
+  return false;
+}
+
+// Connects the first output of `source` with `sink` through the first splitter that finds sound.
+inline bool ConnectThroughSplitter(const FilterGraph& graph, IBaseFilter* source, IPin* sink) {
+  ComPtr<IPin> output;
+  ForEachPin(source, PINDIR_OUTPUT, [&](IPin* pin) {
+    output = pin;
+    return true;
+  });
+  const MediaType type = output ? FirstType(output.Get()) : nullptr;
+  if (!type || !IsEqualGUID(type->majortype, MEDIATYPE_Stream)) return false;
+  const GUID input[] = {type->majortype, type->subtype};
+  ComPtr<IFilterMapper2> mapper;
+  ComPtr<IEnumMoniker> monikers;
+  if (FAILED(CreateInstance(CLSID_FilterMapper2, mapper)) ||
+      mapper->EnumMatchingFilters(monikers.GetAddressOf(), 0, FALSE, MERIT_DO_NOT_USE + 1, TRUE, 1,
+                                  input, nullptr, nullptr, FALSE, TRUE, 0, nullptr, nullptr,
+                                  nullptr) != S_OK) {
+    return false;
+  }
+  ComPtr<IMoniker> moniker;
+  while (monikers->Next(1, moniker.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
+    ComPtr<IBaseFilter> splitter;
+    if (SUCCEEDED(moniker->BindToObject(nullptr, nullptr, __uuidof(IBaseFilter),
+                                        reinterpret_cast<void**>(splitter.GetAddressOf()))) &&
+        ConnectThrough(graph, output.Get(), splitter.Get(), sink)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 inline bool Build(const FilterGraph& graph, const std::wstring& file_name, AudioSink& sink) {
@@ -183,7 +239,8 @@ inline bool Build(const FilterGraph& graph, const std::wstring& file_name, Audio
   return SUCCEEDED(graph.builder()->AddFilter(&sink, L"Audio")) &&
          SUCCEEDED(graph.builder()->AddSourceFilter(file_name.c_str(), L"Source",
                                                     source.GetAddressOf())) &&
-         ConnectAnyOutput(graph, source.Get(), sink.pin());
+         (ConnectThroughSplitter(graph, source.Get(), sink.pin()) ||
+          ConnectSound(graph, source.Get(), sink.pin()));
 }
 
 inline double DurationSeconds(AudioSink& sink) {
