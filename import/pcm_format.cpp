@@ -53,7 +53,8 @@ std::optional<PcmFormat> ParseWaveFormat(std::span<const std::byte> body) noexce
   // Some programs write a block align of 0.
   const unsigned bytes =
       wave.block_align != 0 ? wave.block_align / wave.channels : (wave.bits + 7U) / 8;
-  if (wave.block_align % wave.channels != 0 || bytes * wave.channels > kMaxFrameBytes) {
+  if (wave.block_align % wave.channels != 0 ||
+      std::size_t{bytes} * wave.channels > kMaxFrameBytes) {
     return std::nullopt;
   }
   const bool fits = is_float ? (wave.bits == 32 || wave.bits == 64) && bytes * 8 == wave.bits
