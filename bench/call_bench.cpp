@@ -1,5 +1,5 @@
-// Compares calls with the least work they need: a small read with filling an array, and the start
-// of an export task or of scrubbing with creating a thread. The thread's work is not timed.
+// Compares calls with the least work they need. A small read must fill an array. The start of an
+// export task or of scrubbing must create a thread. The thread's work is not timed.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

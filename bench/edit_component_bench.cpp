@@ -1,5 +1,5 @@
 // Measures a document's interfaces for different numbers of segments: reading, editing, opening a
-// change, and the overview.
+// change (InitChange) and drawing the overview (ReadWaveplot).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -167,7 +167,8 @@ void ScanPoolTakeFlat(benchmark::State& state) {
 }
 BENCHMARK(ScanPoolTakeFlat)->Arg(1)->Arg(10)->Unit(benchmark::kMicrosecond);
 
-// Draws 255 frames a column, the most that are drawn from samples. ReadPoolSamples only reads them.
+// Draws 255 frames per column from samples. With more frames per column, the engine draws from
+// peaks. ReadPoolSamples reads these samples without drawing them.
 void DrawPoolSamples(benchmark::State& state) {
   const PoolTake& take = PoolTake::Of(1);
   const auto edit = Create<IEditedAudio>(CLSID_CEditedAudio);

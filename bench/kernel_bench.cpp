@@ -1,4 +1,4 @@
-// The sample kernels at each level of vector instructions: scalar 0, SSE2 1, AVX2 2.
+// The sample kernels at each level of vector instructions: 0 is scalar, 1 is SSE2, 2 is AVX2.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

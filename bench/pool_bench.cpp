@@ -154,7 +154,7 @@ BENCHMARK(ReadFromBareFile)
     ->ArgsProduct({{32}, {64, 4096, 65536}})
     ->UseRealTime();
 
-// Measures the last Release of a pool that holds an hour of audio. It blocks the host's thread.
+// Measures a pool's last Release, which blocks the host's thread. The pool holds an hour of audio.
 void ReleaseAnHour(benchmark::State& state) {
   const Floats block(bench::kBlockSamples);
   bench::FillWithNoise(block.values());

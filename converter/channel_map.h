@@ -1,4 +1,4 @@
-// Maps one channel count to another by the speaker positions of the usual layouts.
+// Converts audio to another number of channels, by the speaker positions of the usual layouts.
 #pragma once
 
 #include <cstddef>

@@ -96,8 +96,8 @@ PolyphaseFilter::PolyphaseFilter(std::int32_t source_rate, std::int32_t target_r
   for (std::size_t i = 0; i < target_; ++i) {
     const std::size_t phase = i * source_ % target_;
     for (std::size_t tap = 0; tap < taps_; ++tap) {
-      // The positions of the tap and of the response's middle, in units of 1 / target_ input frame.
-      // The response is symmetric, so `response` holds only its right half.
+      // The positions of the tap and of the response's middle. An input frame is target_ units
+      // long. The response is symmetric, so `response` holds only its right half.
       const std::size_t at = (tap + 1) * target_;
       const std::size_t middle = taps_ / 2 * target_ + phase;
       row[tap] = response[at > middle ? at - middle : middle - at];

@@ -27,8 +27,8 @@ class StreamConverter {
     std::int16_t channels = 0;
   };
 
-  // Accepts rate ratios from 1/256 to 256. If the rates differ, source or target must have at most
-  // 128 channels.
+  // Accepts rate ratios from 1/256 to 256. If the rates differ, the smaller of the two channel
+  // counts must be at most 128.
   static bool CanConvert(const Format& source, const Format& target) noexcept {
     if (source.rate <= 0 || target.rate <= 0 || source.channels <= 0 || target.channels <= 0) {
       return false;

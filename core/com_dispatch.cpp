@@ -79,8 +79,8 @@ class Argument {
 
   VARIANT* passed() noexcept { return &passed_; }
 
-  // Adds a reference, because the method returned its pointer without one. The slot or the caller
-  // releases it later.
+  // Adds a reference to the returned object, because IEditedAudio's segment iteration returns
+  // pointers without one. The slot or the caller releases this reference.
   void TakeReference() noexcept {
     if (writes_slot_ && slot_.HoldsInterface()) V_UNKNOWN(&slot_.value())->AddRef();
   }
@@ -106,8 +106,8 @@ class Argument {
     const bool is_interface = parameter.type == VT_DISPATCH || parameter.type == VT_UNKNOWN;
     const VARTYPE type = V_VT(given);
     if (is_interface && (type == (VT_BYREF | VT_DISPATCH) || type == (VT_BYREF | VT_UNKNOWN))) {
-      // Makes the method write to a slot that starts empty. If the method writes nothing,
-      // TakeReference then adds no reference to the caller's old object.
+      // Makes the method write to an empty slot instead of the caller's pointer. If the method
+      // writes nothing, TakeReference must not add a reference to the object at that pointer.
       reference_ = V_UNKNOWNREF(given);
       PassSlot(parameter.type);
       if (reference_ == nullptr) V_BYREF(&passed_) = nullptr;

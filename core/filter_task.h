@@ -44,7 +44,7 @@ inline HRESULT HandOut(VARIANT_BOOL* out, bool value) noexcept {
 // The state that a filter shares with its worker. The filter and the worker own it together.
 struct TaskJob {
   std::atomic<bool> cancelled{false};
-  // The expected length in frames. A compressed or damaged source may have more frames.
+  // The expected length in frames. A compressed or damaged source may deliver more or fewer frames.
   std::atomic<__int64> total{0};
   std::atomic<__int64> position{0};
 };
@@ -54,8 +54,8 @@ struct TaskJob {
 template <class Class, class Job, class... Interfaces>
 class FilterTask : public Object<Class, Interfaces...> {
  public:
-  // ICoreTask
-  // Returns when the worker has ended. If called between Initialize and Start, the task ends early.
+  // ICoreTask. Cancel returns when the worker has ended. A task cancelled between Initialize and
+  // Start ends early once started.
   STDMETHODIMP Cancel() override {
     if (job_ != nullptr) job_->cancelled = true;
     worker_.PollUntilEnded(kPollMilliseconds);

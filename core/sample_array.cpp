@@ -10,8 +10,8 @@ namespace {
 bool HoldsFloats(SAFEARRAY* array) noexcept {
   if (array->cDims != 1 || array->cbElements != sizeof(float)) return false;
   if ((array->fFeatures & FADF_HAVEVARTYPE) == 0) {
-    // If a client, not the system, filled in the descriptor, it stores no type. The elements then
-    // count as floats unless a flag names another type.
+    // If a client, not the system, filled in the descriptor, the descriptor stores no type. The
+    // elements then count as floats unless a flag names another type.
     return (array->fFeatures & (FADF_BSTR | FADF_UNKNOWN | FADF_DISPATCH | FADF_VARIANT |
                                 FADF_RECORD | FADF_HAVEIID)) == 0;
   }

@@ -33,7 +33,7 @@ class SampleArrayView {
 };
 
 // An array of floats that the engine owns and passes to readers and writers. The array is always
-// locked, so the system refuses to resize or destroy it. Resizing to a smaller count keeps the
+// locked, so SafeArrayRedim and SafeArrayDestroy fail. If the count shrinks, Resize keeps the
 // memory, because allocating an array for each read would cost more than the read.
 class SampleArray {
  public:

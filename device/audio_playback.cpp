@@ -196,7 +196,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         if (!job->Run()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
       });
       if (FAILED(hr)) {
-        // Leaks the job here, too, if the driver refuses to close.
+        // Leaks the job if the driver refuses to close, because the driver may still use it.
         if (!job->Close()) static_cast<void>(new (std::nothrow) std::shared_ptr<Job>(job));
         return E_FAIL;
       }
@@ -269,7 +269,7 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         queued_bytes += block.front().size();
         pending.splice(pending.end(), block);
       }
-      // The device may have played the block before it was pending, so the worker checks it now.
+      // The device may have played the block before `pending` held it, so the worker checks it now.
       SetEvent(event.get());
       return S_OK;
     }
@@ -318,8 +318,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
         if (reset_wanted.exchange(false)) {
           alive = Reset();
         } else if (stalled) {
-          // A lost device reports nothing: its buffers never complete and its position freezes. But
-          // it refuses to pause. A stalled device accepts the pause, and no samples are lost.
+          // The pause detects a lost device. Such a device reports no error, but refuses to pause.
+          // A device that only stalls accepts the pause and drops no samples.
           alive = waveOutPause(device) == MMSYSERR_NOERROR &&
                   waveOutRestart(device) == MMSYSERR_NOERROR;
         }
@@ -417,7 +417,8 @@ class CAudioPlayback final : public Object<CAudioPlayback, IAudioPlayback, IAudi
     Buffers pending;
     std::uint32_t queued_bytes = 0;
     std::vector<float> played_levels;
-    // GetOutputLevel returns these levels. QueryIsReady, and WriteAudio after a wait, update them.
+    // GetOutputLevel returns these levels. QueryIsReady updates them, and WriteAudio does if it has
+    // waited.
     std::vector<float> levels;
     bool open = true;
     bool broken = false;

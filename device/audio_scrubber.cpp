@@ -37,8 +37,8 @@ constexpr std::uint64_t kMaxBlockSamples = std::uint64_t{1} << 24;
 // The caller sets the writer's format before Start. The thread writes as fast as the writer accepts
 // blocks and ignores the results. If the writer is a playback object, the thread writes only
 // shortly before the queued audio runs out, so that a moved position is heard soon. The scrubber
-// holds the writer until the next Start or the last release. If WriteAudio of a playback object
-// still blocks after a second, Stop calls Break.
+// holds the writer until the next Start or the last release. Stop waits for the thread. After a
+// second, Stop calls Break of a playback object, in case WriteAudio blocks.
 //
 // Start fails with E_FAIL while the scrubber runs, and with E_INVALIDARG for a negative block
 // length, a block of more than 2^24 samples or a channel count below 1. Stop without Start does
@@ -125,7 +125,7 @@ class CAudioScrubber final : public Object<CAudioScrubber, IAudioScrubber> {
           std::chrono::duration<double>(rate > 0 ? frames / rate : 0));
     }
 
-    // Samples of one pass: half a block. An odd block length loses one frame.
+    // Samples per WriteAudio call: half a block. The last frame of an odd block length is unused.
     std::size_t OutputSamples() const noexcept {
       return block.size() / channel_count / 2 * channel_count;
     }

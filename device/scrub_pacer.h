@@ -11,7 +11,7 @@ class ScrubPacer {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `pass` is the duration of one pass.
+  // `pass` is the duration of one pass (half a block).
   explicit ScrubPacer(Clock::duration pass) noexcept : pass_(pass) {}
 
   // Returns when to compute the next pass: `reserve_` before the estimated end of the queued audio,
@@ -21,9 +21,9 @@ class ScrubPacer {
   }
 
   // If the device has played everything, call this before a pass (half a block) is written. Each
-  // interruption of the sound increases the reserve. After a few interruptions, Due ignores the
-  // estimate `dry_`, which may be wrong because of a wrong sample rate. All passes are then due at
-  // once, and the writer sets the pace.
+  // interruption of the sound increases the reserve. After a few interruptions, the estimate `dry_`
+  // may be wrong, for example because of a wrong sample rate. Due then ignores it and makes all
+  // passes due at once, and the writer sets the pace by blocking.
   void RanDry(Clock::time_point now) noexcept {
     if (dry_) reserve_ += kStep;
     dry_ = now;
@@ -33,7 +33,7 @@ class ScrubPacer {
   void Written(Clock::duration waited) noexcept {
     if (!dry_) return;
     *dry_ += pass_;
-    // A long wait shows that the writer held more audio than estimated: the device's clock is slow.
+    // A long wait shows a full queue, so the device plays more slowly than estimated.
     if (waited > kStep) *dry_ += kStep;
   }
 

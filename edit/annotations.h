@@ -74,7 +74,8 @@ void KeepAround(std::vector<Record>& records, const CSection& head, const CSecti
     behind.reserve(in_tail);
     for (const Record& record : records) {
       if (!Reaches(record, tail)) continue;
-      // Copies a record that reaches both head and tail. The loop below moves any other record.
+      // Copies a record that reaches both head and tail. For any other, adds an empty record, which
+      // the loop below replaces.
       behind.push_back(Reaches(record, head) ? record : Record());
     }
     records.reserve(in_head + in_tail);

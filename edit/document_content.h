@@ -221,8 +221,8 @@ struct DocumentContent {
       AdoptFormat(piece.source);
       behind.emplace_back(piece.source, piece.begin, piece.end);
     }
-    // Cut omits backward segments, so the head can be longer than range.begin. The tail is
-    // therefore inserted at range.begin, not appended.
+    // After a backward segment, positions repeat, so the head can have more than range.begin
+    // frames. The tail is therefore inserted at range.begin, not appended.
     const Segment* const found = kept.DividedBy({range.begin, range.begin});
     ComPtr<IAudioReader> divided = found != nullptr ? found->source : nullptr;
     kept.Insert(range.begin, behind, divided);

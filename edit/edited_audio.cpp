@@ -68,8 +68,8 @@ void CopyMarkers(ISectionMarkerSupport* source, ISectionMarkerSupport* destinati
 
 // Adds the source's labels and markers, moved by `offset`, after those of the destination, through
 // the COM interfaces of both objects. With a range, copies only the labels and the parts of markers
-// in the range. Fails with E_FAIL if one of the objects does not support labels or markers. Does
-// not remove the labels that are already copied.
+// in the range. Fails with E_FAIL if one of the objects does not support labels or markers. Labels
+// copied before the failure stay.
 HRESULT CopyAnnotations(IUnknown* source, IUnknown* destination, __int64 offset,
                         const std::optional<CSection>& range) {
   const auto source_labels = TryQuery<ILabelSupport>(source);
@@ -148,10 +148,10 @@ class CEditedAudio final
     return ComCall([&] { player_.StopScrub(); });
   }
 
-  // IEditedAudio
-  // The array holds floats although the type library declares shorts. Draws the parts of segments
-  // in the range side by side from the first column on, even if the range begins before frame 0.
-  // All other columns keep their values.
+  // IEditedAudio. The array of ReadWaveplot holds floats although the type library declares shorts.
+  // Draws the parts of segments that lie in the range, side by side from the first column on. All
+  // other columns keep their values. If the range begins before frame 0, the first column still
+  // shows frame 0.
   STDMETHODIMP ReadWaveplot(__int64 nBegin, __int64 nEnd, SAFEARRAY* psaPeaks) override {
     return ComCall([&] {
       SampleArrayView view;
@@ -172,7 +172,8 @@ class CEditedAudio final
         const __int64 first = Scale(offset, columns, range);
         offset = SaturatingAdd(offset, section.Length());
         const __int64 last = Scale(offset, columns, range);
-        // Backward segments can make the pieces wider than the array.
+        // A backward segment (end before begin) makes its neighbours overlap, so the pieces can be
+        // wider than the array.
         if (first >= last || first >= columns) continue;
         const std::span<float> pairs = view.samples().subspan(
             static_cast<std::size_t>(first) * pair_floats,
@@ -263,8 +264,9 @@ class CEditedAudio final
       return S_OK;
     });
   }
-  // Empties the document and restores nothing, because Copy first clears its destination, here the
-  // snapshot itself. The host restores the content from the copy that it made before the change.
+  // Empties the document and restores nothing. The snapshot is copied into itself, and Copy first
+  // clears the destination. The host restores the content from the copy that it made before the
+  // change.
   STDMETHODIMP RollbackChange() override {
     return ComCall([&]() -> HRESULT {
       if (!change_open_) return E_FAIL;

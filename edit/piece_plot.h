@@ -67,7 +67,7 @@ inline bool DrawFromSamples(IAudioReader* source, const CSection& piece, std::si
       });
 }
 
-// Draws from IPeakSummary, which returns one peak per column. All peaks would give the same result.
+// Draws one peak per column, from IPeakSummary. Reading all peaks would draw the same picture.
 inline bool DrawFromSummary(IPeakReader* reader, __int64 first, __int64 count, std::size_t channels,
                             __int64 columns, std::span<float> pairs) {
   const auto summary = TryQuery<IPeakSummary>(reader);
@@ -110,9 +110,9 @@ inline bool DrawFromPeaks(IAudioReader* source, const CSection& piece, std::size
 }
 
 // `piece` is the range in the source, `columns` its width in pixel columns. `pairs` receives a
-// minimum and a maximum per channel for each of the columns that lie in the host's array. The pairs
-// stay unchanged if the source cannot be opened or read, or if the piece must be drawn from peaks
-// and the source has none. A null source is silence.
+// minimum and a maximum per channel for each column. Columns beyond the end of `pairs` are not
+// drawn. The pairs stay unchanged if the source cannot be opened or read, or if the piece must be
+// drawn from peaks and the source has none. A null source is silence.
 inline void DrawPiece(IAudioReader* source, const CSection& piece, std::size_t channels,
                       __int64 columns, std::span<float> pairs, ScratchCache& scratch_keeper) {
   if (source == nullptr) {

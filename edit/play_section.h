@@ -53,7 +53,7 @@ class PlayCursor {
         last ? left * channels : block_samples_, std::numeric_limits<std::size_t>::max()));
   }
 
-  // Moves to the next block. After its end, a looped section continues at its start.
+  // Moves to the next block. At the end of a looped section, moves to the start of the section.
   void Advance() noexcept {
     const std::uint64_t step = std::min(FramesLeft(), block_frames_);
     position_ = WrappingAdd(position_, static_cast<std::int64_t>(step));
@@ -61,7 +61,7 @@ class PlayCursor {
   }
 
  private:
-  // Unsigned, because a section may be longer than the largest position.
+  // Unsigned, because a section that begins below 0 may be longer than the largest position.
   std::uint64_t FramesLeft() const noexcept {
     return static_cast<std::uint64_t>(section_.end) - static_cast<std::uint64_t>(position_);
   }
@@ -91,7 +91,8 @@ inline void ApplyChannelMask(std::span<float> block, std::size_t channels,
 // first frame follows, even if the section is not looped.
 inline std::int64_t PositionInSection(const CSection& section, std::int64_t played) noexcept {
   const std::int64_t length = section.Length();
-  // A section longer than the largest position is never played to its end.
+  // If a section is longer than the largest position, its Length() wraps to a negative number. Such
+  // a section is never played to its end.
   return WrappingAdd(section.begin, length > 0 ? played % length : played);
 }
 

@@ -47,7 +47,7 @@ struct BlockSummary {
 
 // With backward segments the offsets are not sorted. So the index stores for each block the
 // furthest end of all segments up to that block. It searches these values, which never decrease. If
-// offsets could overflow, the index excludes no block, and the caller walks the whole list.
+// offsets could overflow, look-ups by position report every block as a possible match.
 //
 // Look-ups are const and may run on several threads at once.
 class PositionIndex {

@@ -26,7 +26,8 @@ class CAudioSegment final : public CSection {
   CAudioSegment(const CAudioSegment&) = default;
   CAudioSegment(CAudioSegment&&) noexcept = default;
   CAudioSegment& operator=(const CAudioSegment&) = default;
-  // Does not move-assign `source`, because the move assignment of mingw's ComPtr adds a reference.
+  // Does not move-assign `source`, because the move assignment of mingw's ComPtr calls AddRef.
+  // SegmentList's callers hold a lock under which AddRef is forbidden.
   CAudioSegment& operator=(CAudioSegment&& other) noexcept {
     if (this == &other) return *this;
     CSection::operator=(other);
@@ -72,8 +73,8 @@ class SegmentList {
 
   // Inserts segments before the frame at `position`. A segment that contains this frame is split
   // there, even if nothing is inserted. Past the end, segments are appended without a gap. A
-  // negative position splits the first segment at a frame before its begin, so that its first part
-  // runs backward. `divided` is a copy of the divided segment's source.
+  // negative position splits the first segment at a frame before the segment's begin, so that the
+  // first part runs backward. `divided` is a copy of the split segment's source.
   void Insert(std::int64_t position, std::vector<Segment>& segments, Source& divided) {
     const Place place = FindPlace(position);
     if (place.cut) {
@@ -90,7 +91,7 @@ class SegmentList {
   // Removes the frames in `range` and returns the segments that lie wholly in it. Call only if
   // AllHaveFrames. `range` must not begin before frame 0 or run backward. A segment that contains
   // an end of the range is split there, even if the range is empty. If DividedBy(range) returns a
-  // segment, `divided` is a copy of its source. Ends an iteration by First and Next.
+  // segment, `divided` must be a copy of that segment's source. Afterwards, Next returns null.
   Block Remove(const CSection& range, Source& divided) {
     Block removed;
     if (Count() == 0) return removed;

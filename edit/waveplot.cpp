@@ -16,7 +16,8 @@ class ColumnEnds {
  public:
   ColumnEnds(std::int64_t columns, std::int64_t count, std::int64_t column) noexcept
       : quotient_(count / columns), remainder_(count % columns), columns_(columns) {
-    // column * count = whole_ * columns + part_. The products may wrap, the difference does not.
+    // column * count = whole_ * columns + part_. The two products that form part_ may wrap, but
+    // their difference does not.
     const std::int64_t carried = Scale(column, remainder_, columns);
     const auto unsigned_column = static_cast<std::uint64_t>(column);
     whole_ = static_cast<std::int64_t>(unsigned_column * static_cast<std::uint64_t>(quotient_)) +
@@ -61,7 +62,7 @@ void RepeatSamples(std::span<float> pairs, std::size_t channels, std::int64_t co
                    std::span<const float> samples) noexcept {
   const auto visible = static_cast<std::int64_t>(pairs.size() / (2 * channels));
   const std::int64_t end = first + static_cast<std::int64_t>(samples.size() / channels);
-  // Exchanges frames and columns, so that FirstOfColumn returns the first column of frame `first`.
+  // Swaps two arguments, so that FirstOfColumn returns the first column of frame `first`.
   // NOLINTNEXTLINE(readability-suspicious-call-argument)
   for (std::int64_t column = FirstOfColumn(first, frames, columns); column < visible; ++column) {
     const std::int64_t frame = Scale(column, frames, columns);

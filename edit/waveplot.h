@@ -26,10 +26,10 @@ std::int64_t FirstOfColumn(std::int64_t column, std::int64_t columns, std::int64
 void DrawSamples(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                  std::int64_t frames, std::int64_t first, std::span<const float> samples) noexcept;
 
-// Draws the columns of a piece from `count` peaks, in blocks as in DrawSamples. Each column's
-// minimum starts at its left neighbour's maximum, and its maximum at the neighbour's minimum, so
-// that the waveform has no gap. With fewer peaks than columns, the left neighbour may lack peaks.
-// Such a neighbour still has the values that the caller passed in `pairs`.
+// Draws the columns of a piece from `count` peaks, in blocks as in DrawSamples. Initialises each
+// minimum with the left neighbour's maximum, and each maximum with the neighbour's minimum, so that
+// the waveform has no gap. With fewer peaks than columns, some columns have no peaks. They stay as
+// the caller passed them in `pairs`.
 void DrawPeaks(std::span<float> pairs, std::size_t channels, std::int64_t columns,
                std::int64_t count, std::int64_t first, std::span<const float> peaks) noexcept;
 

@@ -36,7 +36,7 @@ float Conversion::progress() const {
 
 ImportedAudio Conversion::Finish() {
   thread_.join();
-  // A failed write to the pool's files returns the system's error code.
+  // If a write to the pool's temporary files failed, `result_` is the system's error code.
   if (FAILED(result_)) throw Explain(result_, kTemporaryFolder, ExitStatus::kOutput);
   return LastTake(pool_.Get());
 }

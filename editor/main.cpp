@@ -11,7 +11,8 @@ namespace {
 using namespace marlinda;
 
 // Call this before the program creates its first window. An embedded manifest could set the DPI
-// awareness, but Windows would then ignore the manifest file beside the program.
+// awareness, too. But Windows would then ignore the program's manifest file, which lists the
+// engine's classes.
 void SetDpiAwareness() {
   using Set = BOOL(WINAPI*)(HANDLE);
   constexpr LONG_PTR kPerMonitorV2 = -4;

@@ -57,7 +57,8 @@ void Take::AppendColumns(std::vector<Extremes>& columns) const {
 HRESULT Take::Stop() {
   if (!thread_.joinable()) return result_;
   stopping_ = true;
-  // If a read lasts longer than this, it waits for a lost device. Only CloseDevice ends the read.
+  // A read from a working device takes less time than this. A read from a lost device waits until
+  // CloseDevice.
   constexpr ULONGLONG kPatienceMilliseconds = 2000;
   const ULONGLONG start = GetTickCount64();
   while (running_ && GetTickCount64() - start < kPatienceMilliseconds) Sleep(10);

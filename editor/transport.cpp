@@ -142,8 +142,8 @@ bool Transport::InputOpens() const {
 }
 
 void Transport::PollRecord() {
-  // A device that delivers nothing is stalled or lost. Only a stalled device can be opened a second
-  // time. After each run of this many polls without a frame, PollRecord tries to open the device.
+  // A device that delivers nothing is stalled or lost. To tell which, PollRecord tries to open it a
+  // second time after each run of this many polls without a frame. A lost device fails to open.
   constexpr int kPollsBetweenProbes = 150;
   take_->AppendColumns(columns_);
   const auto channels = static_cast<std::size_t>(recording_format_.channels);

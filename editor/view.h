@@ -16,8 +16,8 @@ struct Range {
   friend bool operator==(const Range&, const Range&) = default;
 };
 
-// `frames` frames cover `pixels` pixels. At least one of the numbers is 1, so that scrolling does
-// not change which frames form a column.
+// `frames` frames cover `pixels` pixels. At least one of the numbers is 1. Therefore a column shows
+// the same frames at every scroll position.
 struct Zoom {
   std::int64_t frames = 1;
   std::int64_t pixels = 1;

@@ -145,7 +145,7 @@ class DShowExportJob : public TaskJob {
 // settings in the registry.
 //
 // Start waits until encoder and file are open, and fails if either cannot be opened. If there is no
-// suitable encoder, Start creates no file. It then shows a message if an earlier ShowSettingsDlg
+// suitable encoder, Start creates no file, but shows a message if an earlier ShowSettingsDlg
 // received an owner window. A task that fails later deletes its file. Its progress stays below 1
 // unless all samples were written before the failure.
 class CDShowExport final
@@ -166,8 +166,8 @@ class CDShowExport final
   // ICoreTask. Start fails with E_FAIL while the task runs, before Initialize and after a completed
   // task.
   STDMETHODIMP Start() override {
-    // The message box dispatches messages. A message handler may release the last reference, so
-    // Start keeps this object alive.
+    // The message box about a missing encoder dispatches messages. A message handler may release
+    // the last reference, so Start keeps this object alive.
     const ComPtr<IUnknown> alive(OuterUnknown());
     const HRESULT hr = ComCall([&] {
       if (worker_.IsRunning() || !job_ || !job_->HasReader()) return E_FAIL;

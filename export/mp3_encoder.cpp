@@ -12,7 +12,7 @@ namespace marlinda {
 namespace {
 
 // The system lists ACM codecs as compressors, with the format tag as a property. Reads this
-// property, because an ACM filter lists its formats only while its input is connected.
+// property, not the filter's formats, which it lists only while its input is connected.
 bool IsListedAsMp3(IMoniker* moniker) {
   ComPtr<IPropertyBag> properties;
   if (FAILED(moniker->BindToStorage(nullptr, nullptr, __uuidof(IPropertyBag),

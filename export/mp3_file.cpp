@@ -17,7 +17,7 @@ namespace {
 
 constexpr long kBufferBytes = 65536;
 constexpr REFERENCE_TIME kTicksPerSecond = 10'000'000;
-// Give up if the encoder has not ended its output this long after the end of its input.
+// The export waits this long for the end of the encoder's output, then fails.
 constexpr DWORD kEndMilliseconds = 60'000;
 constexpr DWORD kTimeout = ERROR_TIMEOUT;
 

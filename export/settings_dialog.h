@@ -163,9 +163,9 @@ class CWmaSettings final : public RadioDialog {
       {IDC_WMA_64_KBIT, 64}, {IDC_WMA_96_KBIT, 96}, {IDC_WMA_128_KBIT, 128}};
 };
 
-// The dialog "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest of the
-// first MP3 encoder. If the encoder reports no capabilities, the dialog offers no choice and does
-// not change the bit rate.
+// The dialog "MPEG Layer 3 Encoder Settings". Offers the usual bit rates up to the highest that the
+// first encoder of ForEachMp3Encoder reports. If the encoder reports no capabilities, the dialog
+// offers no choice and does not change the bit rate.
 class CMpegSettings final : public SettingsDialog {
  public:
   explicit CMpegSettings(int bit_rate_kbit) : SettingsDialog(IDD_MPEG_SETTINGS, bit_rate_kbit) {}

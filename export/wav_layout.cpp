@@ -41,8 +41,8 @@ void AddCuePoints(LittleEndianBytes& file, const WavAnnotations& all, std::int32
     block_start = position * static_cast<std::uint32_t>(block_align);
     add_point(label.position);
   }
-  // A marker's cue point stores its start only in the sample offset. Position and block start keep
-  // the values of the last label.
+  // In a marker's cue point, only the sample offset is the marker's. Position and block start
+  // repeat those of the last label, or are 0 without labels.
   for (const SectionMarker& marker : all.markers) add_point(marker.section.begin);
 }
 

@@ -74,7 +74,7 @@ class LittleEndianBytes {
   std::vector<std::byte> bytes_;
 };
 
-// The values are not validated. A field of the file holds the low bits of a value.
+// The values are not validated. A header field holds the low bits of a value that does not fit.
 struct WavFormat {
   std::int32_t samples_per_sec = 0;
   std::int16_t channels = 0;

@@ -53,7 +53,8 @@ Console::Console() : old_code_page_(GetConsoleOutputCP()) {
   SetConsoleOutputCP(CP_UTF8);
   for (std::FILE* stream : {stdout, stderr}) {
     _setmode(_fileno(stream), _O_BINARY);
-    // Buffers the output, because a console cannot join UTF-8 characters that arrive byte by byte.
+    // Buffers the output, because a console cannot join the bytes of a UTF-8 character that arrive
+    // one by one.
     std::setvbuf(stream, nullptr, _IOFBF, 1 << 12);
   }
   interrupt_event = KernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));

@@ -349,8 +349,8 @@ std::optional<ImportedAudio> Source::Expected() const {
 }
 
 void Source::Select(const FrameRange& part) {
-  // Sets no section for the whole file. From a damaged file, a section can deliver frames that a
-  // full import would drop.
+  // Sets no section for the whole file, so that the result equals a full import. From a damaged
+  // file, a section can deliver frames that a full import drops.
   if (part.end - part.begin == Frames()) return;
   const HRESULT hr =
       Query<IImportSection>(filter_.Get())->SetSection(part.begin, part.end - part.begin);
@@ -457,8 +457,9 @@ void Source::CheckRun(const ImportedAudio& audio, const Console& console) const 
     throw HostError(ExitStatus::kInput, file_, "no audio could be decoded",
                     "The file may be damaged.");
   }
-  // Before the import, the length of a compressed file may be an estimate, so a shortfall of up to
-  // a second is ignored. After the import, the length may count only the decoded frames.
+  // The length that the filter reports after the import may count only the decoded frames. So
+  // `announced_`, the length before the import, is compared too. It may be an estimate, so a
+  // shortfall of up to a second is ignored.
   const __int64 promised = std::max(Frames().value_or(0),
                                     audio.frames < announced_ - audio.format.rate ? announced_ : 0);
   const auto task = TryQuery<ICoreTask>(filter_.Get());
@@ -558,7 +559,7 @@ void FileExport::HandOver() {
 
 std::optional<WaveFileFacts> FileExport::Examine() const {
   if (!is_wave_) {
-    // The filter removes the file if its export fails.
+    // If the export fails, the filter removes the file. A file that exists is therefore valid.
     std::error_code error;
     const auto bytes = std::filesystem::file_size(PathOf(file_), error);
     if (error) return std::nullopt;

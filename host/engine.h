@@ -26,7 +26,8 @@ namespace marlinda {
 // The subject of messages about the files in which a pool stores audio.
 constexpr const char* kTemporaryFolder = "the engine's temporary folder";
 
-// Returns S_OK if `pool` has a file for its samples, otherwise the error. Pass a new pool.
+// Returns S_OK if `pool` has a file for its samples, otherwise the error. Pass a new pool, because
+// the function may write a sample.
 HRESULT TryPoolFiles(IAudioPool* pool);
 
 // Creates an object. Throws with a remedy if the class is not registered.
@@ -216,8 +217,8 @@ class FileExport {
   //
   // Samples of full scale and above become the highest code, and NaN becomes silence. `bits` only
   // applies to WAV. For other kinds, the result holds only the file's size. `driver` is a task that
-  // runs the export filter; if null, the filter runs itself. To save time, pass false as `floats`
-  // if no sample is NaN.
+  // runs the export filter; if null, the filter runs itself. `floats` states whether samples may be
+  // NaN; false saves time.
   WaveFileFacts Run(IAudioReader* reader, int bits, const Console& console,
                     ICoreTask* driver = nullptr, bool floats = true);
   // Removes the written file.

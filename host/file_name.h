@@ -28,7 +28,8 @@ std::string ExtensionOf(const std::string& file);
 // Returns a name that the engine's code page can represent: the name itself or the system's short
 // name. Throws a HostError if the code page can represent neither.
 std::wstring EngineNameOfInput(const std::string& file);
-// Does the same for an output. If the name does not fit, creates the file to get a short name.
+// Does the same for an output. If the code page cannot represent the name, creates the file to get
+// a short name.
 std::wstring EngineNameOfOutput(const std::string& file);
 
 }  // namespace marlinda

@@ -37,8 +37,9 @@ FilterList ReadFilterList() {
   if (opened == ERROR_FILE_NOT_FOUND) return list;
   RequireSuccess(opened);
   for (DWORD index = 0;; ++index) {
-    // The filter manager stops at a value that is too long for its buffers. The same sizes make
-    // this list end there, too. The last byte stays 0, because a value may lack its terminator.
+    // The filter manager stops at a value that is too long for its buffers. Buffers of the same
+    // size make this list end there, too. The last byte is never filled, so that a value without a
+    // terminator also ends with a 0.
     char name[101] = {};
     char data[101] = {};
     DWORD name_size = 100;

@@ -64,7 +64,8 @@ class JoinedSource {
       const ImportedAudio audio = expected
                                       ? ImportPartsOf(source, *expected, *parts, whole, console)
                                       : source.Import(console);
-      // A damaged file moves the frames of the next files, so `parts` no longer applies.
+      // If a damaged file lacks its announced length, the next files begin elsewhere, so `parts` no
+      // longer applies.
       if (expected && audio.frames != expected->frames) parts = nullptr;
       if (!document) {
         whole.format = TargetFormat(audio.format, rate, channels);

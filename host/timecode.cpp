@@ -88,8 +88,8 @@ std::optional<TwoTexts> CutTimes(std::string_view text, bool may_be_empty) {
   return found;
 }
 
-// Splits as CutTimes does, but throws if the text does not have this form. The reason names the
-// part that is not a time.
+// Splits as CutTimes does, but throws if CutTimes returns nothing. The reason names the part that
+// is not a time.
 TwoTexts RequireTimes(std::string_view text, bool may_be_empty, const char* form) {
   const auto times = CutTimes(text, may_be_empty);
   if (times) return *times;

@@ -37,7 +37,7 @@ struct TimeRange {
 };
 
 // Parses "BEGIN:END"; either side may be empty. Throws std::invalid_argument if the text is not of
-// this form or can be split at more than one colon.
+// this form or if more than one of its colons splits it into two times.
 TimeRange ParseRange(std::string_view text);
 
 // Parses the values of --from and --to; either may be empty. Failures name the option.

@@ -97,7 +97,7 @@ class Canvas {
  private:
   struct Line {
     double x;
-    int row;  // where the line begins: at its name or, without a name, below all rows
+    int row;  // the name's row, where the line begins; kMaxRows if no name is shown
     Colour colour;
   };
   struct Name {

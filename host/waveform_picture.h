@@ -22,7 +22,7 @@ struct Waveform {
   std::span<const float> pairs;
   // One root mean square for each channel of each column. May be empty.
   std::span<const float> rms;
-  // Interleaved frames, drawn instead of the pairs. Empty if there are too many frames to draw.
+  // Interleaved frames, drawn instead of `pairs`. Empty if there are too many frames to draw.
   std::span<const float> samples;
   int channels = 0;
   // The frames that the columns show; `end` is exclusive.

@@ -15,7 +15,7 @@ namespace marlinda {
 // used on a thread of its own.
 class CodecMemory {
  public:
-  // Limit in bytes for all blocks of a CodecMemory and of its parts together.
+  // Limit in bytes for the total of a CodecMemory and every CodecMemory that is a part of it.
   static constexpr std::size_t kMaxBytes = std::size_t{128} << 20;
 
   // While a Use exists, `memory` owns the blocks that the library allocates on this thread. Without
@@ -53,7 +53,7 @@ class CodecMemory {
     Block* previous = this;
     Block* next = this;
     CodecMemory* owner = nullptr;
-    std::size_t size = sizeof(Block);  // including the contents and spare room
+    std::size_t size = sizeof(Block);  // bytes of the Block, contents and spare room
   };
 
   // Counts `bytes`. Returns false and counts nothing if the total would exceed the limit.

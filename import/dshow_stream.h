@@ -180,7 +180,7 @@ inline MediaType FirstType(IPin* pin) {
 }
 
 // Connects the first possible output of a filter with `sink`, if necessary through decoders. Omits
-// video, because Wine searches for seconds for filters that turn video into sound.
+// video, because Wine would spend seconds on a search for filters that turn video into sound.
 inline bool ConnectSound(const FilterGraph& graph, IBaseFilter* filter, IPin* sink) {
   bool connected = false;
   ForEachPin(filter, PINDIR_OUTPUT, [&](IPin* pin) {
@@ -264,8 +264,9 @@ inline KernelHandle MakeEvent(bool manual_reset) {
 // damaged file. Therefore the worker thread is detached if the graph cannot be built or released
 // within fifteen seconds. A detached thread keeps the module loaded.
 //
-// COM creates a decoder class without a ThreadingModel in the process's main STA. The thread of the
-// main STA may be waiting in Open or the destructor, so both serve incoming COM calls.
+// If a decoder's class has no ThreadingModel, COM creates the decoder in the process's main STA.
+// The thread of the main STA may be waiting in Open or the destructor. Therefore these two
+// functions serve incoming COM calls.
 class DShowStream {
  public:
   // Returns null if no filter can decode the file, or if the file has no sound.

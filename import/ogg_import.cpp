@@ -111,8 +111,8 @@ class COggImport final : public ImportTask<COggImport, OggImportJob, IImportFilt
       job.position += static_cast<__int64>(samples) / job.format.channels;
     } while (!job.cancelled && job.position < job.total);
   }
-  // Returns 0 if the file changes its format. This disables the import of a section, which would
-  // hide that frames are missing.
+  // Returns 0, which disables the import of sections, if the file changes its format. The progress
+  // of a section would hide that the frames after the change are missing.
   static __int64 SectionFrames(const OggImportJob& job) {
     return job.source->total_frames() == job.readable ? job.readable : 0;
   }

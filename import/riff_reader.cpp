@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kHeaderBytes = 8;
 constexpr std::size_t kFormHeaderBytes = 12;
-// Limit for all chunks that are read into memory. Bytes beyond the limit are ignored.
+// Limit for the total size of all chunks read into memory. Bytes beyond the limit are ignored.
 constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{16} << 20;
 
 constexpr std::size_t kCuePointBytes = 24;

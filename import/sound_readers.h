@@ -21,9 +21,9 @@ namespace marlinda {
 // Loop data ("acid") has the layout that the engine writes, with the root note in the first field.
 std::optional<SoundFileInfo> ReadRiff(ByteSource& file);
 
-// ReadAiff and ReadAu return nothing for other formats. They refuse codings that ReadSamples cannot
-// read, because the system's filters crash on such AIFF-C files and play the headers of such AU
-// files as sound.
+// ReadAiff and ReadAu return nothing for other formats. They set `refused` for codings that
+// ReadSamples cannot read. The system's filters would crash on such AIFF-C files and play the
+// headers of such AU files as sound.
 std::optional<SoundFileInfo> ReadAiff(ByteSource& file);
 std::optional<SoundFileInfo> ReadAu(ByteSource& file);
 

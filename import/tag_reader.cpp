@@ -46,7 +46,7 @@ class TextFrameFactory final : public TagLib::ID3v2::FrameFactory {
   }
 };
 
-// Size of the header of a tag and of each frame.
+// Size of a tag's header. A frame's header has the same size.
 constexpr unsigned kTagHeaderBytes = 10;
 
 // Removes a version 2.3 extended header, whose size TagLib reads as in version 2.4.

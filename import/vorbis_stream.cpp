@@ -188,7 +188,8 @@ std::size_t VorbisStream::Read(std::span<std::int16_t> buffer) {
   return samples;
 }
 
-// Returns 0 after the workers' last block. Resets `workers_` if the library's reader can continue.
+// After the workers' last block, returns 0 and, if the library's reader can decode the rest, resets
+// `workers_`.
 std::size_t VorbisStream::ReadFromWorkers(std::span<std::int16_t> buffer) {
   if (decoder_->whole) {
     try {

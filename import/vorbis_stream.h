@@ -62,7 +62,7 @@ class VorbisStream {
   bool Select(std::int64_t first, std::int64_t count);
 
   // Decodes the next block of interleaved 16-bit samples and returns the number of samples, a whole
-  // number of frames. The buffer must hold at least one frame. Returns 0 at the end, and earlier
+  // number of frames. The buffer must hold at least one frame. Returns 0 at the end. Ends early
   // - if a link of a chain changes the sample rate or the channel count, because the announced
   //   format must hold for all samples;
   // - at the first error, such as a hole where pages are damaged or missing, because later samples

@@ -35,9 +35,9 @@ inline constexpr long kMaxPacketBytes = 1L << 16;
 inline constexpr long kReadBytes = 1L << 14;
 // Beyond this position the library's sums may overflow.
 inline constexpr ogg_int64_t kMaxPosition = std::numeric_limits<ogg_int64_t>::max() / 2;
-// Limit in bytes for the memory of the library's reader and all workers before decoding begins. The
-// rest of CodecMemory::kMaxBytes is enough to decode packets of kMaxPacketBytes, so workers never
-// cause the reader to run out of memory.
+// Limit in bytes for the memory that the library's reader and all workers hold when the workers
+// begin to decode. The rest of CodecMemory::kMaxBytes is enough to decode packets of
+// kMaxPacketBytes, so workers never cause the reader to run out of memory.
 inline constexpr std::size_t kMaxHeld = CodecMemory::kMaxBytes / 2;
 
 // Maximum samples in a block, over all channels.
@@ -46,15 +46,16 @@ inline std::size_t MaxBlock(const vorbis_info& info) noexcept {
          static_cast<std::size_t>(info.channels);
 }
 
-// Takes packets from the library's reader. Leaves unusual packets to the reader: the trimmed last
-// packet, packets of the next link, damaged and huge packets. Each thread decodes groups of
-// packets. Because blocks overlap, the thread also decodes the packet before each group.
+// Decodes packets on worker threads instead of in the library's reader. The reader still decodes
+// unusual packets: the trimmed last packet, packets of the next link, damaged and huge packets.
+// Each thread decodes groups of packets. Because blocks overlap, the thread also decodes the packet
+// before each group.
 class VorbisWorkers {
  public:
   static constexpr unsigned kMaxThreads = 8;
 
-  // True if the library's reader has decoded the first page, which the library trims, and the
-  // caller has read all samples decoded so far.
+  // Workers do not trim samples, but the library may trim the first page. So the library's reader
+  // must have decoded that page. The caller must also have read all samples decoded so far.
   static bool CanStart(OggVorbis_File& file) noexcept {
     return file.vd.granulepos >= 0 && file.vd.granulepos < kMaxPosition &&
            file.vb.opb.storage <= kMaxPacketBytes &&
@@ -178,8 +179,8 @@ class VorbisWorkers {
       if (vorbis_synthesis_init(&state, info) != 0) throw std::bad_alloc();
       vorbis_block_init(&state, &block);
     }
-    // Frees the blocks of a library that was built without CodecMemory. After a failure, `state` is
-    // unusable.
+    // Needed only for a library built without CodecMemory. Otherwise, ~CodecMemory frees the
+    // memory. After a failure, `state` must not be used.
     ~Decoder() {
       if (failed) return;
       try {

@@ -61,8 +61,8 @@ VIAddVersionKey LegalCopyright ""
   Quit
 !macroend
 
-; Refuses to continue while a module or program is in use, because only the other files could be replaced or removed. A
-; file in use cannot be opened for writing.
+; Refuses to continue while a module or program is in use, because it could not be replaced or
+; removed with the others. Opens each file for writing, which fails for a file in use.
 !macro RequireUnused folder kind
   FindFirst $1 $2 "$INSTDIR\${folder}\*.${kind}"
   ${DoUntil} $2 == ""
@@ -108,8 +108,9 @@ VIAddVersionKey LegalCopyright ""
   !insertmacro Register ${folder} ${module} /u
 !macroend
 
-; Adds the import filters of one bitness to the list in HKLM, or removes them. The list is only in HKLM, so an
-; installation for the current user adds none. marlinda.exe finds these filters without the list.
+; Adds the built-in import filters of one bitness to the registry's filter list, or removes them.
+; The list is only in HKLM, so an installation for the current user adds none. marlinda.exe finds
+; built-in filters without the list.
 !macro ListFilters folder options
   StrCpy $0 0
   ${If} $Scope == machine

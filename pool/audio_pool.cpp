@@ -91,8 +91,9 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
       return answer.CopyTo(ppAudioReader);
     });
   }
-  // Accepts any values. Audio can be written at 8 to 40 bits. In the file a sample takes bits / 8
-  // bytes, rounded down, so only 8, 16, 24 and 32 to 39 bits can be read back.
+  // Accepts any values. Audio can be written at 8 to 40 bits. The file reserves bits / 8 bytes for
+  // a sample, rounded down. An encoded sample has this size only at 8, 16, 24 and 32 to 39 bits, so
+  // only these can be read back.
   STDMETHODIMP SetBitDepth(SHORT nBitsPerSample, SHORT nDitheringMode) override {
     bits_per_sample_ = nBitsPerSample;
     dithering_mode_ = nDitheringMode;
@@ -198,14 +199,14 @@ class CAudioPool final : public Object<CAudioPool, IAudioPool, IAudioWriter, IPe
 
   std::int64_t audio_position_ = 0;
   std::atomic<std::int64_t> peak_position_{0};
-  // Counts backward moves of the peak position, after which new blocks overwrite settled peaks. A
-  // change of format or bit depth within a take can cause such a move.
+  // Counts backward moves of the peak position. After such a move, new blocks overwrite peaks that
+  // readers may have cached. A change of format or bit depth within a take can cause such a move.
   std::atomic<std::uint32_t> peak_rewinds_{0};
   std::int64_t take_audio_begin_ = 0;
   std::int64_t take_peak_begin_ = 0;
   std::vector<Take> takes_;          // in the order in which they were closed
   std::size_t cursor_ = 0;           // number of takes that CreatePrevReader can still return
-  std::atomic<long> open_count_{0};  // counts the writer, locks and open readers
+  std::atomic<long> open_count_{0};  // +1 by OpenDevice and Lock, -1 by CloseDevice and Unlock
 
   StoredSamples stored_samples_;
   std::vector<float> peaks_;

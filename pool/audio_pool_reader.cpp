@@ -31,7 +31,7 @@ HANDLE ToHandle(__int64 value) noexcept { return LongToHandle(static_cast<LONG>(
 //
 // Reads are not clipped to the region: they may reach neighbouring regions. A read need not cover
 // whole frames. It fails with 0x80070026 if it passes the end of the file, with ERROR_NEGATIVE_SEEK
-// if it begins before the file, and with E_INVALIDARG outside 8 to 40 bits per sample.
+// if it begins before the file, and with E_INVALIDARG if the bit depth is outside 8 to 40.
 class CAudioPoolReader final
     : public Object<CAudioPoolReader, IAudioPoolReader, IPeakReader, IAudioReader, IPeakSummary> {
  public:

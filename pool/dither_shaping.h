@@ -17,7 +17,7 @@ namespace marlinda {
 //   rounding is too small to change the code.
 // - code / scale is computed as code * (1 / scale). Rounded to float, both results agree for every
 //   code of up to 24 bits and samples below 4.0.
-// ScalarShape processes frames with larger samples, NaN or errors so small that they are set to 0.
+// ScalarShape processes frames with larger samples, NaN or small errors that it sets to 0.
 template <class Ops, std::size_t kChannels>
 void ShapeChannels(const ShapingSteps& steps, ShapingErrors* errors, float* samples,
                    std::size_t frames) noexcept {

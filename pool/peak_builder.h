@@ -17,8 +17,8 @@ constexpr std::int64_t PeakBytes(int channels) noexcept {
 // Replaces `peaks` by the peaks of a block of interleaved samples, in the layout of the peak file:
 // group after group, the pair (minimum, maximum) of each channel. F whole frames make F / 256 + 1
 // groups. The last group covers the remaining frames. If none remains, it covers the last frame
-// again, so that a reader always finds the newest peak. Without a whole frame, `peaks` becomes
-// empty. `channels` is at least 1.
+// again, so that peak F / 256 always exists. Without a whole frame, `peaks` becomes empty.
+// `channels` is at least 1.
 //
 // The minimum starts at the largest finite float, and only a smaller sample replaces it. The
 // maximum starts at the lowest finite float, and only a greater sample replaces it. So NaN never

@@ -1,4 +1,5 @@
-// Peaks of a group with AVX. Compiled for AVX2: call its function only on a processor with AVX2.
+// Finds the peaks of a group with AVX instructions. The compiler may also use AVX2 here, so call
+// the function only on a processor with AVX2.
 #include <immintrin.h>
 
 #include "pool/peak_group.h"
@@ -9,7 +10,8 @@ namespace {
 constexpr std::size_t kLanes = 8;
 
 // For NaN and equal numbers the instructions return their second operand, the old value. So the
-// result equals that of comparing one sample after the other, except for the sign of a zero.
+// result equals that of comparing one sample after the other. Only the sign of a zero may differ,
+// because it depends on the order of comparison.
 struct Extremes {
   void Add(const float* at) noexcept {
     const __m256 values = _mm256_loadu_ps(at);

@@ -25,8 +25,8 @@ inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(fl
 // Caches the extremes of every group that was read, and all peaks of a group in which a range
 // begins or ends. A waveform overview has one range for each column. Drawing the same overview
 // again reads nothing. Drawing another overview of the same peaks reads one group for each column.
-// For 10 hours of stereo the extremes need 1.5 MiB, and twice as much while a take is recorded. The
-// cached peaks need at most 4 MiB.
+// For 10 hours of stereo the extremes need 1.5 MiB. While a take is recorded, they need up to twice
+// as much, because a growing vector has spare capacity. The cached peaks need at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
@@ -39,16 +39,17 @@ class PeakGroups {
   // over with a new object.
   void Settle(std::int64_t peak) noexcept { settled_ = peak; }
 
-  // Extends the pairs of each range by its peaks (see core/samples/extremes.h). The first range
-  // begins at peak `first`. Range i ends before peak ends[i], where the next range begins. All
-  // these peaks must be settled. Returns false if a read fails. The pairs are then undefined.
+  // Extends the (lowest, highest) pairs of each range to include the range's peaks (see
+  // core/samples/extremes.h). The first range begins at peak `first`. Range i ends before peak
+  // ends[i], where the next range begins. All these peaks must be settled. Returns false if a read
+  // fails. The pairs are then undefined.
   bool Extend(std::int64_t first, std::span<const std::int64_t> ends, std::span<float> pairs,
               const Read& read) {
     if (!LearnGroups(first, ends, read)) return false;
     for (const std::int64_t end : ends) {
       const std::span<float> own = pairs.first(pair_floats_);
       pairs = pairs.subspan(pair_floats_);
-      // Extends from left to right, because the first of equal extremes (0.0 and -0.0) stays.
+      // Searches in order, because the pair holds the first of equal extremes (0.0 and -0.0).
       const std::int64_t first_group = (first + kGroup - 1) / kGroup;
       const std::int64_t last_group = end / kGroup;
       if (first_group > last_group) {

@@ -14,7 +14,7 @@
 
 namespace marlinda {
 
-// Create fails after this many names.
+// Create fails after it has tried this many names.
 inline constexpr int kMaxNames = 10;
 
 // A file that the system deletes when its handle is closed. The destructor does not delete it by

@@ -17,8 +17,8 @@ inline constexpr std::size_t kMaxKeptBytes = std::size_t{1} << 22;
 // The widths that can be stored. Below 8 bits a sample would take no bytes.
 constexpr bool IsStorable(int bits) noexcept { return bits >= 8 && bits <= 40; }
 
-// Bytes of a sample in the file. The codes have 1 to 4 bytes (see PcmBytesPerSample). A 12-bit
-// sample takes fewer bytes than its code, a 40-bit sample more.
+// Bytes per sample in the file. The codes have 1 to 4 bytes (see PcmBytesPerSample). At 12 bits,
+// only the first half of a block's codes is stored. At 40 bits, zeros follow the codes.
 constexpr std::int64_t StoredBytes(int bits) noexcept { return bits / 8; }
 
 // Returns base + unit * count, the offset of an item in a file. Saturates if the sum does not fit
@@ -34,8 +34,8 @@ constexpr std::int64_t ByteOffset(std::int64_t base, std::int64_t unit,
   return base + unit * count;
 }
 
-// Converts blocks between samples and their stored bytes, at storable widths. Reuses its buffer,
-// because allocating a large buffer costs more than the conversion.
+// Converts blocks between samples and their stored bytes. Requires IsStorable(bits). Reuses its
+// buffer, because allocating a large buffer costs more than the conversion.
 class StoredSamples {
  public:
   // Returns the bytes to store. At 32 bits these are the samples themselves. At other widths they

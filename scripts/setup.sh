@@ -23,7 +23,7 @@ decoders=(
 demo=("${build[@]}" "${wine[@]}" sox sndfile-programs)
 # Tools to make and unpack the packages.
 package=("${build[@]}" nsis zip unzip)
-# The native compiler, and libraries of native kernels and their tests.
+# The native compiler, and libraries for native builds of the kernels and their tests.
 native=(g++ libtag1-dev libgmock-dev)
 # Independent programs that check the files the engine reads and writes, and a sound server in place of a sound card.
 test=(

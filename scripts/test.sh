@@ -63,7 +63,7 @@ names=(x64 package sound asan tsan x86 x86-sound x86-loss)
 "$root/scripts/x86-root" >"$logs/x86-root.log" 2>&1 &
 system=$!
 # Suites run during later builds, because tests that wait for timers leave the processor idle. Sound tests have separate
-# prefixes, because other tests register and unregister the classes.
+# Wine prefixes, because other tests register and unregister the classes.
 compile x64
 suite x64 x64 "kernels and components, 64 bits" "-LE ^(sound|package)$" "$root/scripts/wine-session" &
 suite sound x64 "sound, 64 bits" "-L ^sound$" env "TESSALY_WINE_PREFIX=$root/build/wine-sound" "$root/scripts/wine-session" &
@@ -88,8 +88,8 @@ fi
 if compile tsan threaded_kernel_tests; then
   suite tsan tsan "kernels with threads under ThreadSanitizer" "-L ^threads$" &
 fi
-# Wine's 32-bit sound driver can abort a program that loses its device just after the sound was interrupted. Builds
-# interrupt the sound often, so this test starts after the last build.
+# Wine's 32-bit sound driver can abort a program that loses its device just after the sound was interrupted. The load of
+# a build often interrupts the sound, so this test starts after the last build.
 if [[ $bits_32 -eq 0 ]]; then
   wait "$sound_suite"
   suite x86-loss x86 "loss of sound devices, 32 bits" "-R ^device_loss_test$" "${sound_32[@]}" &

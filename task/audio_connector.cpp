@@ -68,8 +68,8 @@ class CAudioConnector final
   static constexpr const CLSID& kClassId = CLSID_CAudioConnector;
 
   // IAudioConnector. A set-up that fails changes nothing. It returns E_POINTER, E_NOINTERFACE or,
-  // if the connector is its own reader, E_INVALIDARG. A new set-up cancels the running tasks of the
-  // earlier one and drops its queued samples. If the target's rate or channel count is not
+  // if the reader is the connector itself, E_INVALIDARG. A new set-up cancels the running tasks of
+  // the earlier one and drops its queued samples. If the target's rate or channel count is not
   // positive, the connector does not convert.
   STDMETHODIMP SetupImportToExport(IUnknown* punkImportFilter, IUnknown* punkExportFilter,
                                    LONG nSamplesPerSec, SHORT nChannels) override {
@@ -116,11 +116,12 @@ class CAudioConnector final
       const std::shared_ptr<SourceFeed> job = this->job();
       Filters ended = DetachFilters();
       if (ended.export_task) {
-        // The export ends after its current block. If the import no longer delivers, the limit soon
+        // The export ends after its current block. If the import no longer delivers, one timeout
         // ends the wait for samples, and silence fills the rest of the block.
         job->queue().LimitTimeouts(1);
         ended.export_task->Cancel();
-        // Releases the export before the import ends, because a client may be waiting for the file.
+        // Releases the export first. Ending the import may take a while, and a client may be
+        // waiting for the exported file.
         ended.export_filter.Reset();
         ended.export_task.Reset();
       }
@@ -142,7 +143,7 @@ class CAudioConnector final
         return hr;
       }
       VARIANT_BOOL imports = VARIANT_FALSE;
-      // If the query fails, the import may still deliver.
+      // A failed query changes nothing, because the import may still deliver.
       if (filters.import_task && SUCCEEDED(filters.import_task->QueryIsTaskRunning(&imports))) {
         job->SetImportRuns(imports != VARIANT_FALSE);
       }
@@ -227,7 +228,7 @@ class CAudioConnector final
     LearnSource();
     return S_OK;
   }
-  // The worker threads share the job. Each set-up has its own job.
+  // Shares ownership, because SetUp may replace the job while a filter's thread uses it.
   std::shared_ptr<SourceFeed> job() const {
     const std::lock_guard lock(mutex_);
     return job_;

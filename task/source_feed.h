@@ -1,5 +1,5 @@
-// SourceFeed: moves samples from a source through the converter into the queue. Each set-up of
-// CAudioConnector has its own SourceFeed.
+// SourceFeed: moves samples from a source through the converter into the queue. Every successful
+// set-up of a CAudioConnector creates a new SourceFeed.
 #pragma once
 
 #include <converter.h>

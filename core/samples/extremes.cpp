@@ -6,7 +6,7 @@ namespace marlinda {
 namespace {
 
 // A record has one sample, or one peak (lowest, highest), for each channel. The enumerator's value
-// is the distance in floats from the lowest to the highest, which is 0 for a sample.
+// is the offset, in floats, of the highest from the lowest. For a sample it is 0.
 enum class Kind : std::size_t { kSamples = 0, kPeaks = 1 };
 
 struct Extremes {
@@ -101,8 +101,8 @@ bool HasNegativeZero(std::span<const float> values) noexcept {
 }
 
 // Extends the pairs by one Search over all channels. Returns false and changes nothing if Search
-// does not accept the records, or if an extreme is zero and the records contain -0.0. Whichever of
-// 0.0 and -0.0 comes first must stay, but the lanes do not record their order.
+// does not accept the records, or if an extreme is zero and the records contain -0.0. Of 0.0 and
+// -0.0, the first in the records must win, but Search compares the floats in another order.
 bool ExtendSideBySide(std::span<float> pairs, std::span<const float> records, std::size_t size,
                       Kind kind) noexcept {
   if (size > 4 || 4 % size != 0 || records.size() < 4) return false;

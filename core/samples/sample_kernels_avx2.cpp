@@ -1,5 +1,5 @@
-// The sample converters with AVX2 and FMA, in single precision. This file is compiled for AVX2, so
-// other files call its functions only through kAvx2SampleKernels.
+// The sample converters with AVX2 and FMA, in single precision. This file is compiled for both. Use
+// kAvx2SampleKernels only on a processor with both.
 #include <immintrin.h>
 
 #include "core/samples/sample_kernel_blocks.h"

@@ -19,7 +19,7 @@ constexpr const char* kCutHelp =
 struct CutOptions {
   std::vector<std::string> files;
   CutRequest request;
-  PictureRequest picture;  // the result's picture; drawn if it names a file
+  PictureRequest picture;  // the result's picture; none if `picture.file` is empty
   std::optional<int> bits;
   bool replace_text = false;
   bool json = false;

@@ -523,7 +523,8 @@ class Doctor {
     }
   }
 
-  // Tries no decoder after another problem, which could make every kind of file fail.
+  // Tries no decoder if an earlier check found a problem, because the problem could make every kind
+  // of file fail.
   void ExamineDecoders() {
     Json& decoding = report_["decoding"] = nullptr;
     if (!problems_.empty()) return Line("decodes", "not tried because of the problems below");

@@ -119,8 +119,8 @@ std::optional<HostError> Record(ComPtr<IAudioReader> grabber, IAudioPool* pool,
                                 const AudioFormat& format, std::int64_t frames,
                                 const DeviceChoice& device, const Console& console) {
   constexpr DWORD kPollMilliseconds = 50;
-  // A stalled device may continue, but a lost device cannot be opened again. After this many polls
-  // without a frame, Record tries to open the device.
+  // After this many polls without a frame, Record tests whether the device can be opened again. A
+  // lost device cannot be opened. A stalled device can, and recording may continue.
   constexpr int kPollsBetweenProbes = 100;
   Recorder recorder(std::move(grabber), Query<IAudioWriter>(pool), format, frames);
   ProgressBar bar(console.Progress(), "Recording");
@@ -192,7 +192,7 @@ void RecordFile(const RecordOptions& options, const Console& console) {
                     std::string(shortfall ? shortfall->what() : "the device delivered no audio") +
                         "; nothing was recorded");
   }
-  // A Ctrl+C before this call ended the recording. A later Ctrl+C interrupts the writing.
+  // An earlier Ctrl+C ended the recording. A Ctrl+C after this call interrupts the writing.
   console.ForgetInterrupt();
   const WaveFileFacts facts = Save(take.Get(), options, width, console);
   if (shortfall) {

@@ -41,7 +41,7 @@ class Meter {
                                EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK)) {
     if (!loudness_) throw std::bad_alloc();
     if (format.channels == 8) {
-      // The library does not assign the side channels of 7.1 itself.
+      // By default, the library leaves the side channels of 7.1 out of the loudness.
       ebur128_set_channel(loudness_.get(), 6, EBUR128_Mp090);
       ebur128_set_channel(loudness_.get(), 7, EBUR128_Mm090);
     }

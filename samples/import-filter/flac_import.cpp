@@ -51,7 +51,8 @@ struct Description {
   std::wstring title, artist, album, year, genre;
 };
 
-// The divisor from integers to floats. An export with 8, 16 or 24 bits restores the integers.
+// An integer sample divided by this is the float sample. An export with 8, 16 or 24 bits restores
+// the integers.
 float Scale(SHORT bits) {
   if (bits <= 8) return 127.0F / static_cast<float>(1 << (8 - bits));
   if (bits <= 16) return 32767.0F / static_cast<float>(1 << (16 - bits));

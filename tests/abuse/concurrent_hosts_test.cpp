@@ -73,7 +73,7 @@ void Host(unsigned number, int steps, const Shared& shared, const Bstr& target) 
     if (kind == 0) EditAndPlay(draw);
     for (int i = 0; i < 200 && kind == 1; ++i) UseShared(shared, draw);
     if (kind < 2) continue;
-    // The task ends by itself, after Cancel, or at its last release while it runs.
+    // Waits for the task, cancels it, or releases it while it runs.
     const auto task = kind == 2 ? MakeImport() : MakeExport(shared.document.Get(), target);
     Check(task->Start());
     const int end = draw(3);

@@ -33,7 +33,8 @@ constexpr __int64 kFrames = 1000;
 const Samples kTake(2 * kFrames, 0.25F);
 constexpr Number kMin = std::numeric_limits<Number>::min();
 constexpr Number kMax = std::numeric_limits<Number>::max();
-// Calls the methods in kStart (below) after every 64th case, because ending a thread takes 100 ms.
+// Calls the methods in kStart (below) only after every 64th case, because ending a thread that they
+// start takes 100 ms.
 constexpr int kCasesForOneStart = 64;
 // Means that a case accepts any result.
 constexpr HRESULT kAny = S_OK;
@@ -142,7 +143,7 @@ std::vector<Case> CasesOf(const Method& method) {
     }
   }
   if (numbers.size() < 2) return cases;
-  // Sums, differences and products of these pairs overflow.
+  // For each of these pairs, the sum, difference or product overflows.
   for (const auto& [first, others] : {std::pair{kMax, kMax}, std::pair{kMax, Number{-1}},
                                       std::pair{kMin, kMax}, std::pair{kMax / 2 + 1, kMax}}) {
     Case& all = cases.emplace_back(Case{"all " + std::to_string(first), {}});
@@ -179,8 +180,8 @@ class ContractAbuse : public ::testing::TestWithParam<std::string> {
   }
   void TearDown() override { SetCurrentDirectoryW(L"C:\\"); }
 
-  // Creates a new object for each case. Ignores the results of the preparing calls, because an
-  // object that refuses a call keeps its state.
+  // Creates a new object for each case. Ignores the results of the preparing calls. If an object
+  // refuses one, the case uses the object as it is.
   HRESULT RunOn(const Class& tested, State state, const Method& method, const Changes& changes,
                 bool and_go_on) {
     auto object = Create<IUnknown>(tested.clsid);

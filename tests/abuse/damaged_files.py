@@ -20,8 +20,8 @@ WINE = os.environ["TESSALY_WINE"]
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
 BATCH = 100
 MOST_SECONDS, MOST_MIB, MOST_HANDLES = 20, 256, 16
-# Each filter graph of Wine's decoders leaks at least this many handles in any program. The test ignores increases of
-# this size or more.
+# Each filter graph of Wine's decoders leaks at least this many handles, in any program. The test therefore counts only
+# smaller increases.
 GRAPH_HANDLES = 30
 GIVE_UP_SECONDS = 1200  # time limit of a batch
 

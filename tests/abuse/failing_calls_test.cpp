@@ -75,8 +75,8 @@ void Replace(R (*)(Arguments...)) {
   });
 }
 
-// Makes malloc fail only for operator new. Operator new calls malloc from one return address, which
-// the test records while the module creates an object.
+// Makes malloc fail only for operator new. Operator new calls malloc at one place. The test records
+// the return address of this call while the module creates an object.
 decltype(&std::malloc) real_malloc = nullptr;
 std::atomic<bool> learning = false;
 std::atomic<const void*> operator_new = nullptr;
@@ -181,7 +181,7 @@ int Tell(Fault kind, LONG64 n, const Bstr& target) {
   armed = Fault::kNone;
   EXPECT_TRUE(failed != nullptr || failures == 0) << "a call failed without a cause";
 
-  // After this point, no call fails.
+  // From here on, the test makes no call fail.
   ExpectStored(kept.Get(), samples);
   LONG ready = 0;
   Check(writer->QueryIsReady(&ready));

@@ -81,7 +81,7 @@ TEST_F(Activation, CarriesArraysAndEventsBetweenApartments) { std::thread(UsePro
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
-  // The manifest expects the module beside this program.
+  // Makes the test support use the same module as this program's manifest: the one in its folder.
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(nullptr, path, MAX_PATH);
   _wputenv_s(L"TESSALY_DLL",

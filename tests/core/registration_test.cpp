@@ -53,7 +53,7 @@ Lines ClassesIn(HKEY root) {
     };
     return is_in(L"TypeLib\\") || is_in(L"Interface\\") || is_in(L"Wow6432Node\\");
   });
-  // Always includes these two keys, because they may already exist before the registration.
+  // Adds these two keys if missing, because they may or may not exist before the registration.
   lines.insert({L"AppID\\", L"CLSID\\"});
   return lines;
 }

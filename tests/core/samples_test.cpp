@@ -88,7 +88,8 @@ TEST_P(Converters, WriteTheCodesOfExactArithmetic) {
   for (std::uint64_t pattern = 0; pattern < std::uint64_t{1} << 32; pattern += 4001) {
     samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));
   }
-  // The floats around the midpoints between codes, and around the 32-bit codes near zero.
+  // For each midpoint between codes of 8 or 16 bits, and for each 32-bit code near zero, adds the
+  // nearest float and its two neighbours.
   for (int code = -32769; code <= 32768; ++code) {
     for (const double middle : {(code + 0.5) / 127, (code + 0.5) / 32767, std::ldexp(code, -31)}) {
       const auto nearest = static_cast<float>(middle);

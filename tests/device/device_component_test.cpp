@@ -239,8 +239,8 @@ TEST_F(Scrubber, TheWriterMayCallAndStopTheScrubberInsideWriteAudio) {
   };
   for (int round = 1; round <= 5; ++round) {
     writer_->closed = false;
-    // A Stop that is called inside WriteAudio does not wait until WriteAudio returns, so Start may
-    // fail for a moment.
+    // Start fails while the previous thread runs. A Stop that is called inside WriteAudio does not
+    // wait for that thread.
     WaitUntil([&] { return Start(2, 2) == S_OK; });
     WaitUntil([&] { return calls > 0; });
     EXPECT_EQ(scrubber_->Stop(), S_OK);
@@ -268,7 +268,7 @@ TEST_F(Scrubber, RefusesWhatItCannotPlayAndSurvivesAWriterThatFails) {
   EXPECT_EQ(writer_->Held(), 0);
 }
 
-// If `stops` is false, the last release ends each use.
+// If `stops` is false, releases the objects without closing or stopping them.
 void PlayRecordAndScrub(bool stops) {
   const Floats block(2 * 4410, 0.1F);
   const Player player(44100, 2, 16, 100);

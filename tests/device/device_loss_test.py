@@ -68,7 +68,7 @@ class LossTest(unittest.TestCase):
             lose(server)
             self.end(tools)
             for tool, answer in ask(tools, "start").items():
-                # A document does not report that its device cannot be opened.
+                # A document or cursor begins even if its device cannot be opened.
                 opens = tool.words[1] not in ("playback", "drain", "recorder")
                 self.assertEqual(answer["started"], int(opens), tool.name)
             self.end(tools)

@@ -58,7 +58,7 @@ class RecordTest(unittest.TestCase):
         system drops all further samples."""
         ahead = RATE * 80 // 1000
         frame_bytes = 4 * channels
-        # The silence at the end fills the last buffers of the device.
+        # Silence follows the source, because the device delivers only full buffers.
         source = [code / 32768 for code in codes(frames * channels)]
         fed = array.array("f", source).tobytes() + bytes(2 * ahead * frame_bytes)
         with tempfile.TemporaryDirectory() as folder, \

@@ -84,12 +84,12 @@ TEST_F(EditedAudioPlay, PlayAlwaysFiresItsEventAndModifyPlaySectionAffectsOnlyLo
   document_->ModifyPlaySection(2000, 2100);
   WaitForReads();
   EXPECT_THAT(Position(), ::testing::AllOf(::testing::Ge(2000), ::testing::Lt(2100)));
-  document_->ModifyPlaySection(700, 20);  // plays at least one frame
+  document_->ModifyPlaySection(700, 20);  // a backward section plays one frame
   EXPECT_EQ(Position(), 700);
   document_->StopPlay();
   Play(0, kHour, false);
   document_->ModifyPlaySection(kHour - 10, kHour);
-  // The device queues 25 blocks, which last a second. Then the playback thread waits.
+  // The device queues 26 blocks, about a second. Before the 28th read, it has played at least one.
   WaitForReads(28);
   EXPECT_LT(Position(), kHour - 10);
   document_->StopPlay();
@@ -173,7 +173,8 @@ TEST_F(EditedAudioPlay, ScrubbingEndsPlaybackAndPlaysTheAudioAroundThePosition) 
   }
   WaitUntil([&] { return Level(0) > 0; });
   document_->InsertSegment(0, nullptr, 0, kRate);
-  // Plays silence, so that the level falls, and then only the second channel.
+  // The section begins with silence, so that the level falls. The mask 2 selects only the second
+  // channel.
   Play(0, kRate + 50'000, true, 2);
   WaitUntil([&] { return Level(0) <= 0; });
   WaitUntil([&] { return Level(1) > 0; });

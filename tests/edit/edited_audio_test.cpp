@@ -231,8 +231,8 @@ TEST_F(EditedAudio, ReadsThroughItsSegmentsUpToASourceThatFails) {
   a_->on_read = [&](SAFEARRAY*) { document_->Clear(); };
   EXPECT_THAT(document_.Read(0, 7), ElementsAre(A(100), A(101), A(102), A(103), 0, 0, B(7)));
   EXPECT_EQ(document_.Length() + b_->Held(), 0);
-  // Because of the backward segment, this read of 120 frames has pieces of 100 and 70 frames. Only
-  // the first 20 frames of the last piece fit into the array.
+  // The backward segment has a length of -50 frames, so this read of 120 frames has pieces of 100
+  // and 70 frames. Only the first 20 frames of the last piece fit into the array.
   a_->on_read = nullptr;
   document_.Append(a_, 0, 100);
   document_.Append(b_, 50, 0);

@@ -18,7 +18,8 @@ using Samples = std::vector<float>;
 constexpr __int64 kFramesPerPeak = 256;
 constexpr float kHost = 0.125F;
 
-// The reference implementation. Draws a piece into `n` columns, starting at `first`.
+// Computes the expected overview. Draws each piece of audio into `n` columns, starting at column
+// `first`.
 struct PlainOverview {
   Samples pairs;
   __int64 channels;
@@ -77,7 +78,7 @@ class EditedAudioWaveplot : public ::testing::Test {
   Document document_;
 };
 
-// Compares while a take grows, and also after a new bit depth has made the pool overwrite peaks.
+// Compares waveplots while a take grows. A new bit depth then makes the pool overwrite peaks.
 TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   const auto pool = Create<IAudioPool>(CLSID_CAudioPool);
   const auto writer = As<IAudioWriter>(pool);
@@ -101,7 +102,8 @@ TEST_F(EditedAudioWaveplot, AgreesWithPlainLoopsAtEveryZoomAndWidth) {
   int drawn = 0;
   for (int round = 0; round < 300; ++round) {
     // The pool divides the take's bytes by the frame size to get the write position in the peak
-    // file. With 32 instead of 8 bits, frames are four times as large, so it falls to a quarter.
+    // file. With 32 instead of 8 bits, frames are four times as large, so the position falls to a
+    // quarter.
     if (round == 200) pool->SetBitDepth(32, 0);
     if (round % 10 == 0) {
       Samples noise(2 * 100 * kFramesPerPeak);

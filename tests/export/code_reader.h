@@ -14,7 +14,8 @@
 namespace marlinda::testing {
 
 // Returns the code of the sample with this index (frame * channels + channel). The codes cover the
-// range of the width, except the lowest code, which some widths cannot reach.
+// range of the bit width, except the lowest code, which samples from -1.0 to 1.0 cannot reach at 8
+// and 16 bits.
 inline std::int32_t CodeAt(std::uint64_t index, int bits) {
   const auto spread = static_cast<std::uint32_t>((index + 1) * 2654435761U);
   // A float holds 24 bits, so 32-bit codes have the low byte 0.

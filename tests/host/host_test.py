@@ -326,9 +326,10 @@ class HostTest(ProgramTest):
     def test_a_picture_of_a_section_is_the_same_with_and_without_a_pool(self):
         wav, chain = self.folder / "all.wav", self.folder / "chain.ogg"
         self.succeed("convert", self.ogg, wav)
-        # The program imports a chained file as a whole.
+        # The chain's second link is mono. A file that changes its format is drawn from a pool, because no section of it
+        # can be imported.
         chain.write_bytes(self.ogg.read_bytes() + (ROOT / "tests/data/mono.ogg").read_bytes())
-        # With 256 or more frames per column, a file of known length is drawn without a pool.
+        # The other two files are drawn without a pool.
         for width, sources in ("400", (self.ogg, chain)), ("100", (wav, self.ogg)):
             pictures = []
             for source in sources:

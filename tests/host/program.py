@@ -14,8 +14,8 @@ import unittest
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 WINE = os.environ["TESSALY_WINE"]
 ENVIRONMENT = dict(os.environ, LC_ALL="C.UTF-8")
-# Matches messages that are not the program's. Libraries below Wine's decoders report a missing sound card and unknown
-# files. Wine reports a thread that talks to its server while another thread ends the process.
+# Matches messages that are not the program's. Libraries that Wine's decoders use report a missing sound card and
+# unknown files. Wine reports an error if a thread calls wineserver while another thread ends the process.
 NOISE = re.compile(r"^\s*(ALSA lib |\(wine:\d+\): GStreamer|wine client error:).*\n(\r?\n)*", re.MULTILINE)
 
 

@@ -173,7 +173,7 @@ class SoundTest(ProgramTest):
         # A frame has 8 bytes in the pool and 4 in the file.
         self.ends(Run("record", self.out, *LONG, most_bytes=RATE * 8), 4, "the file is valid and holds the first")
         frames, samples = self.take()
-        # The frames include the block that did not fit into the pool.
+        # The take includes the last block, although its write to the pool failed.
         self.assertAlmostEqual(frames, RATE * 1.02, delta=RATE * 0.02)
         self.assertGreater(max(samples[2 * (RATE - RATE // 5):2 * RATE]), 16000)
         command = record(self.out, *LONG)
@@ -186,7 +186,7 @@ class SoundTest(ProgramTest):
 
     def test_a_lost_device_ends_each_command_with_status_7_and_keeps_the_take(self):
         with sound() as (one, speaker), sound() as (other, other_speaker):
-            # The recording comes first, because the other commands' pools would look like its take.
+            # The recording starts first, because record() would mistake another command's pool for the recording's.
             take = record(self.out, *LONG, environment=one)
             play = Run("play", self.ogg, "--loop", environment=one)
             scrub = Run("scrub", self.ogg, "--at", "1", "--hold", "600", environment=other)

@@ -71,7 +71,7 @@ class TestFilter final : public TestObject<IImportFilter, IClassFactory> {
   DWORD registration_ = 0;
 };
 
-// Uses its own list, because other programs read the machine's list at the same time.
+// Uses its own filter list, because other programs read the machine's list at the same time.
 class FileFilterMgr : public ::testing::Test {
  protected:
   FileFilterMgr() {

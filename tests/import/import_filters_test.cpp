@@ -351,7 +351,7 @@ class HangingFilters final : public TestObject<IClassFactory> {
   const KernelHandle end_{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::atomic<int> hanging_ = 0;
   std::atomic<bool> known_ = false;
-  // DirectShow graphs are built in the multithreaded apartment.
+  // Registers the class in the multithreaded apartment, where the engine builds its graphs.
   const std::jthread apartment_{[this] {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     DWORD cookie = 0;

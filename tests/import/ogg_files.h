@@ -1,5 +1,5 @@
 // Test files and a reference decoder. The functions make further Ogg files from those in the tree.
-// The decoder is a plain loop over the import filter's build of the codec library.
+// The decoder calls ov_read in a plain loop, with the import filter's build of the codec library.
 #pragma once
 
 #include <vorbis/vorbisfile.h>

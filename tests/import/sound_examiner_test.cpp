@@ -204,7 +204,8 @@ TEST(SoundExaminer, LimitsChunkSizesToTheFileSize) {
     EXPECT_TRUE(frames(size, size, 41) == 10 && frames(0, size, 41) == 10) << size;
   }
   EXPECT_EQ(frames(20, 40, 40), 10) << "the RIFF size is too small";
-  // An interrupted program leaves these sizes. The file after the loop is really empty.
+  // An interrupted program leaves one of these RIFF sizes and a data size of 0, but the samples
+  // count. The file made of `empty` really has no samples.
   for (const std::uint32_t size : {0U, 36U}) EXPECT_EQ(frames(size, 0, 41), 10) << size;
   const Bytes empty = EvenChunk("data", {}) + EvenList("INFO", Bytes(40, 0));
   EXPECT_EQ(Examine(RiffFile(kStereo16, empty)).pcm.value().frames, 0);
@@ -235,7 +236,7 @@ TEST(SoundExaminer, ReadsTheSamplesOfUnusualAndDamagedFiles) {
       // The last of several blocks is truncated. The next file uses the nonexistent predictor 7.
       {WaveOf(ima_format, ima + U16(7) + U16(0)), {100, 111, 81, 85, 88, 91, 94, 92, 94, 7}},
       {WaveOf(ms_format, Bytes{7} + Bytes(7, 1)), {0, 0, 0, 0}},
-      // The announced length is used only if its last frame lies in the last block.
+      // The announced number of frames is used only if it ends in the last block.
       {announced(1), {100}},
       {announced(0), {100, 111, 81, 85, 88, 91, 94, 92, 94}},
   };

@@ -29,8 +29,8 @@ PLAIN = {
     "alaw.wav": ("-e a-law", "s16le"), "ima.wav": ("-e ima-adpcm", "s16le"),
 }
 VIDEO = "-f lavfi -i testsrc=duration=0.25:size=64x48"
-# For each name: the ffmpeg arguments, the tolerance in frames, and the tolerance of a sample in 16-bit steps. Without a
-# sample tolerance, the test only checks that the file contains sound.
+# For each name: the ffmpeg arguments, the tolerance of the length in frames, and the tolerance of a sample in 16-bit
+# steps. Without a sample tolerance, the test only checks that the file contains sound.
 CODED = {
     "tone.mp3": ("-b:a 192k", 0, 1.1), "variable.mp3": ("-q:a 4", 0, 1.1), "tone.mp2": ("-c:a mp2", 1152, 1.1),
     "tone.ogg": ("", 0, 1.1), "adpcm.wav": ("-c:a adpcm_ms", 200, 0), "ulaw.aifc": ("-c:a pcm_mulaw", 0, 0),

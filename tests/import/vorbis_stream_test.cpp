@@ -166,8 +166,8 @@ TEST(VorbisStream, LimitsMemoryAndTheNumberOfLinks) {
   }
 }
 
-// Reads the file repeatedly. In each round one allocation fails, `threads` allocations later than
-// in the round before. A leak checker detects lost memory.
+// Reads the file repeatedly. In round i, allocation number i * `threads` fails. A leak checker
+// detects lost memory.
 void RefuseRequests(const std::filesystem::path& path, unsigned threads) {
   const std::vector<std::int16_t> whole = DecodeWithLibrary(path).samples;
   long while_reading = 0;

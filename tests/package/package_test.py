@@ -85,7 +85,8 @@ class PackageTest(unittest.TestCase):
         with zipfile.ZipFile(ZIP) as packed:
             packed.extractall(cls.top)
         cls.folder, = cls.top.iterdir()
-        # Makes Wine write the entries of its first start. Adds keys that programs share, so that none counts as new.
+        # Makes Wine write the files and registry entries of its first start. Adds registry keys that programs share.
+        # The tests then do not report any of these as new.
         session(r"""
             wine cmd /c ver; wine regsvr32 /s nothing.dll; wine cscript //nologo nothing.vbs
             wine 'C:\windows\syswow64\cscript.exe' //nologo nothing.vbs

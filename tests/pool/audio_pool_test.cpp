@@ -93,7 +93,7 @@ struct Pool {
     EXPECT_EQ(writer->QueryIsReady(&ready), S_OK);
     return ready == 1;
   }
-  // Returns null if the pool has no such take.
+  // Returns null if `create` finds no take.
   ComPtr<IAudioReader> Reader(
       HRESULT (STDMETHODCALLTYPE IAudioPool::*create)(IAudioReader**)) const {
     ComPtr<IAudioReader> reader;
@@ -136,7 +136,7 @@ TEST(AudioPool, LetsAThreadReadATakeWhileTheNextIsWritten) {
   const Pool pool;
   Samples samples = Wave(1 << 16);
   pool.WriteTake(samples);
-  // Omits the extra last peak, which the next take overwrites.
+  // Omits the extra peak after the last group of 256 frames. The next take overwrites it.
   Samples peaks = Contents(pool.peak_file);
   peaks.resize(2 * samples.size() / 256);
   int wrong = 0;
@@ -208,7 +208,8 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   pool.WriteTake(Samples(20, 1.0F));
   EXPECT_FALSE(pool.PrevReader()) << "no cursor before CreateLastReader";
   pool.WriteTake(Samples(600, 0.0F));
-  // Opens and closes without writing. Then a second OpenDevice discards the open take's writes.
+  // Opens and closes without writing. Then leaves a take open, which the OpenDevice in WriteTake
+  // discards.
   pool.Open();
   pool.Close(S_FALSE);
   pool.Open();
@@ -231,13 +232,14 @@ TEST(AudioPool, ReturnsReadersOfItsTakesNewestFirst) {
   const auto last = pool.LastReader();
   EXPECT_EQ(SampleCount(last), 2);
   // The pool is ready while neither its writer nor a reader is open.
-  pool.Close();  // balances the OpenDevice of the discarded take
+  pool.Close();  // pairs with the OpenDevice of the take discarded above
   EXPECT_TRUE(pool.IsReady());
   EXPECT_EQ(last->OpenDevice(), S_OK);
   EXPECT_FALSE(pool.IsReady());
   EXPECT_EQ(last->CloseDevice(), S_OK);
   EXPECT_TRUE(pool.IsReady());
-  // The pool only counts locks, so an unmatched Unlock makes the pool busy.
+  // The pool adds 1 for each Lock and subtracts 1 for each Unlock. Any sum but 0 makes the pool
+  // busy.
   EXPECT_EQ(pool.pool->Unlock(), S_OK);
   EXPECT_FALSE(pool.IsReady());
 }
@@ -366,7 +368,8 @@ TEST(AudioPool, ReportsFailedWritesAndStoresTakesAcross2And4And8GiB) {
     EXPECT_EQ(SampleCount(take), 1000);
     EXPECT_EQ(Read(take, 0, 1000), wave);
     EXPECT_EQ(ReadBlock(take.Get(), 0, 2, true).second[1], std::ranges::max(wave));
-    // The preceding take is a gap, because its writes failed. This take begins at the gap's end.
+    // The take before `take` is only a gap, because its writes failed. A read past the gap's end
+    // continues into `take`.
     const auto gap = pool.PrevReader();
     EXPECT_EQ(Read(gap, SampleCount(gap) - 2, 3), (Samples{0.0F, 0.0F, wave[0]}));
     take = pool.PrevReader();
@@ -410,7 +413,7 @@ TEST(AudioPoolReader, ReadsPeaksByIndexAsMinimumAndMaximumOfEachChannel) {
   pool.WriteTake(Samples(512 * 2, 0.0F));
   pool.WriteTake(block);
   const auto take = pool.LastReader();
-  // The first peak belongs to the previous take, whose last record was overwritten.
+  // Peak -1 is the previous take's second peak. This take has overwritten the third.
   EXPECT_EQ(ReadBlock(take.Get(), -1, 12, true),
             Block(S_OK, {0, 0, 0, 0, 0, 255, -255, 0, 256, 299, -299, -256}));
   EXPECT_EQ(ReadBlock(take.Get(), 1, 8, true),

@@ -161,8 +161,9 @@ TEST_F(Peaks, ABlockHasOnePeakMoreThanItHasWholeGroups) {
   for (const Floats& palette : kPalettes) {
     for (const std::size_t channels : {1U, 2U, 3U, 8U, 9U}) {
       for (const std::size_t frames : {0U, 1U, 255U, 256U, 257U, 1024U}) {
-        // The block ends where its memory ends, begins at an odd offset and, with several channels,
-        // ends within a frame. Each channel has its own level.
+        // The block ends where its memory ends, so that AddressSanitizer finds reads past its end.
+        // It begins at the second float, so it is unaligned. With several channels, it ends within
+        // a frame. Each channel has its own level.
         Floats memory = Draw(palette, frames * channels + (frames > 0 ? channels : 1));
         for (std::size_t i = 0; i < memory.size(); ++i) {
           memory[i] *= static_cast<float>(1 + i % channels);

@@ -23,7 +23,7 @@ if [[ ${3:-} != --in-session ]]; then
 fi
 unset TESSALY_REGISTRATION
 windows_path() { local path="Z:$1"; printf '%s' "${path//\//\\}"; }
-# Writes the output to files, because the runtimes of both languages cannot write to a pipe under Wine.
+# Writes the output to files, because Node.js and .NET cannot write to a pipe under Wine.
 wine() { "$TESSALY_WINE" "$@" </dev/null >"$work/output" 2>"$work/errors" || { cat "$work"/{output,errors}; return 1; }; }
 work=$(mktemp -d)
 module=$(windows_path "$build/Tessaly.dll")

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the sample scripts in Windows' script host with the machine's registration of the modules:
+# Registers the modules for the whole machine and runs the sample scripts in Windows' script host:
 #   tests/scripts/run_scripts.sh BUILD_FOLDER
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)

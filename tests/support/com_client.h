@@ -92,7 +92,8 @@ class Floats : public ForeignArray {
 
   std::span<float> values() const;
   std::vector<float> ToVector() const { return {values().begin(), values().end()}; }
-  // A template fits every index type exactly, so the built-in [] of SAFEARRAY* never competes.
+  // A template fits every index type exactly, so a call is never ambiguous with [] on the object
+  // converted to SAFEARRAY*.
   template <std::integral Index>
   float& operator[](Index index) const {
     return values()[static_cast<std::size_t>(index)];

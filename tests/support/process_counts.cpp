@@ -71,7 +71,7 @@ std::size_t CountHeapBlocks() {
 
 void LeakWatch::AwaitAtMost(unsigned more_threads, unsigned more_handles) const {
   while (CountThreads() > threads_ + more_threads || CountHandles() > handles_ + more_handles) {
-    // If CTest ends a test because of a leak, this line in the report explains the wait.
+    // If a leak makes a test wait until CTest's time limit, this line in the report explains it.
     std::printf("waiting: %u threads and %u handles, which were %u and %u\n", CountThreads(),
                 CountHandles(), threads_, handles_);
     std::fflush(stdout);

@@ -24,7 +24,8 @@ class RampSource : public TestObject<IAudioReader> {
     return source;
   }
 
-  // Identifies source, frame and channel for frames from -4096 to 4095 and up to 8 channels.
+  // Returns a number that identifies source, frame and channel, for frames from -4096 to 4095 and
+  // up to 8 channels.
   static float Sample(char name, __int64 frame, int channel) {
     return static_cast<float>(((name - 'A' + 1) << 16) + (frame + 4096) * 8 + channel);
   }
@@ -62,7 +63,7 @@ class RampSource : public TestObject<IAudioReader> {
   RampSource(char name, SHORT channels, CallLog* log, LONG samples_per_sec)
       : name_(name), channels_(channels), samples_per_sec_(samples_per_sec), log_(log) {}
 
-  // Every method of IAudioReader calls this, with its own call as text.
+  // Every method of IAudioReader reports its call here, such as "ReadAudio(0, 8820)".
   virtual void Note(const std::string& call) {
     if (log_ != nullptr) log_->push_back(name_ + ("." + call));
   }

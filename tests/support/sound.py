@@ -190,7 +190,7 @@ class ChangingServer:
         # The path of a socket has at most 107 characters, which TMPDIR may exceed.
         self.folder = subprocess.check_output(["env", "-u", "TMPDIR", "mktemp", "-d"], text=True).strip()
         self.socket = self.folder + "/native"
-        # A real sound card must not replace these devices.
+        # Keeps the tested programs from using a real sound card instead of these devices.
         self.environment = dict(os.environ, PULSE_SERVER="unix:" + self.socket, ALSA_CONFIG_PATH="/dev/null",
                                 **dict.fromkeys(("HOME", "XDG_RUNTIME_DIR", "PULSE_RUNTIME_PATH",
                                                  "PULSE_STATE_PATH"), self.folder))

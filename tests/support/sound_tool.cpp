@@ -8,10 +8,10 @@
 //   start  started=1 if the use has begun; a document or cursor begins even without a device
 //   works  waits until a recorder has received sound; returns at once for other uses
 //   ask    calls the methods that a user interface polls
-//   end    ends the use by ENDING: break, close, stop or release; watch makes no call. Then waits
-//          for the end of the use's thread, if there is one; refused=1 if that thread's last call
-//          returned E_FAIL
-//   break  ends a use whose ENDING is watch and whose device still exists
+//   end    ends the use as ENDING says: break, close, stop or release. If ENDING is watch, makes no
+//          call, because the engine detects a lost device itself. Then waits for the end of the
+//          use's thread, if there is one; refused=1 if that thread's last call returned E_FAIL
+//   break  ends a use whose ENDING is watch, if its device still exists
 //   idle   waits until nothing plays any more
 // The end of the input ends the program. Its status is 1 if objects or threads are left.
 #include <algorithm>
@@ -46,8 +46,9 @@ constexpr std::size_t kToneSamples = kChannels * kRate / 10;
 constexpr float kLoudness = 0.05F;
 
 // Returns sample n of a tone. With 0 Hz, returns sample n of the test signal, whose samples are
-// never 0, unlike silence. Half a block holds whole periods of multiples of 20 Hz. Tones therefore
-// continue across blocks, even where the scrubber overlaps half blocks.
+// never 0, unlike silence. Half a block is 50 ms long, a whole number of periods if the frequency
+// is a multiple of 20 Hz. Such a tone continues across blocks, even where the scrubber overlaps
+// half blocks.
 float Wave(int hertz, __int64 n) {
   if (hertz == 0) {
     const auto k = static_cast<int>(n * 7919 % 60000 - 30000);

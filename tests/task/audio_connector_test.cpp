@@ -275,7 +275,7 @@ TEST_F(AudioConnector, ReadsItsSourceSequentiallyAndIgnoresThePosition) {
   EXPECT_EQ(Read(100)[99], RampSource::Sample('A', 49, 1));
   EXPECT_EQ(Read(3)[2], RampSource::Sample('A', 51, 0));
   EXPECT_EQ(log, (CallLog{"A.ReadAudio(0, 131070)"}));
-  source->read_result = E_FAIL;  // a failing block is silent
+  source->read_result = E_FAIL;  // a block is silent if its read fails
   const Samples large = Read(200'000);
   EXPECT_EQ(log.back(), "A.ReadAudio(65535, 131070)");
   EXPECT_EQ(std::ranges::count(large, 0.0F), 200'000 - (131070 - 103));
@@ -320,7 +320,7 @@ TEST_F(AudioConnector, CancelAndANewSetUpEndTheImportAndTheExport) {
     for (const bool cancels : {false, true}) {
       const auto from = MakeObject<TestImport>(1LL << 40);
       if (stalled) from->frames = 10;
-      from->block_samples = 10'000;  // the queue skips its exact limit, where imports do not wait
+      from->block_samples = 10'000;  // does not divide the queue limit; imports wait only above it
       const auto to = MakeObject<TestExport>();
       to->result->may_read = stalled;
       Join(from.Get(), to.Get());

@@ -12,7 +12,7 @@ namespace marlinda {
 namespace {
 
 constexpr std::size_t kMax = PacedQueue::kMaxQueued;
-// A lost wake-up hangs the test.
+// With this timeout of an hour, the test hangs if a wake-up is lost.
 constexpr PacedQueue::Pace kPatient = {std::chrono::hours(1), 10};
 
 TEST(SampleCount, ConversionTruncatesAndSaturates) {
@@ -29,7 +29,7 @@ TEST(PacedQueue, WakesReaderAndWriterAsSoonAsTheyCanContinue) {
   PacedQueue room(kPatient);
   room.Put(std::vector<float>(kMax));
   EXPECT_FALSE(room.HasRoom());
-  EXPECT_TRUE(room.AwaitRoom());  // the queue is at its limit, not above it
+  EXPECT_TRUE(room.AwaitRoom());  // at the limit; AwaitRoom waits only above it
   std::atomic<int> round = 0;
   const std::jthread other([&] {
     const float one[1] = {};
