@@ -539,8 +539,9 @@ class Doctor {
       trials.emplace_back(kind, StartDecoding(program_, folder, kind));
     std::string text;
     for (const auto& [kind, process] : trials) {
-      const std::string failure =
-          DecodingFailure(process.get(), folder / (kind + "." + kind + ".json"), deadline);
+      auto report = folder / kind;
+      report.concat(".").concat(kind).concat(".json");
+      const std::string failure = DecodingFailure(process.get(), report, deadline);
       decoding.push_back({{"kind", kind}, {"failure", TextOrNull(failure)}});
       text.append(text.empty() ? "" : ", ")
           .append(kind)
