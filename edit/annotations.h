@@ -55,8 +55,8 @@ std::vector<Record> PartOf(const std::vector<Record>& records, const CSection& r
 }
 
 // Replaces the records by their parts in `head`, followed by their parts in `tail` moved by
-// `offset`. If the records are already in this order, works in place. Otherwise uses a second list
-// for the tail.
+// `offset`. Works in place if all records with a part in `head` precede those with a part in
+// `tail`. Otherwise uses a second list for the tail.
 template <class Record>
 void KeepAround(std::vector<Record>& records, const CSection& head, const CSection& tail,
                 std::int64_t offset) {

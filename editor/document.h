@@ -25,7 +25,7 @@ class DocumentEvents;
 
 class Document {
  public:
-  // The constructor's callback `changed` receives this after an edit of only labels or sections.
+  // Argument of `changed` (see the constructor) after an edit that changes only labels or sections.
   static constexpr std::int64_t kNoAudio = std::numeric_limits<std::int64_t>::max();
 
   // `changed` is called after each change, with the first frame whose audio may differ.

@@ -14,8 +14,8 @@
 
 namespace marlinda {
 
-// Calls `read` for each value of an option. If `read` throws, puts the option and the value before
-// the reason.
+// Calls `read` for each value of an option. If `read` throws, adds the option and the value to the
+// exception's message.
 template <class Read>
 void ForEachText(const char* option, const std::vector<std::string>& texts, Read read) {
   for (const std::string& text : texts) ForOption(option + (" " + text), read, text);

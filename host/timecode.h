@@ -43,7 +43,7 @@ TimeRange ParseRange(std::string_view text);
 // Parses the values of --from and --to; either may be empty. Failures name the option.
 TimeRange ParseFromTo(std::string_view from, std::string_view to);
 
-// Calls `parse`. If `parse` fails, puts the option's name before the reason.
+// Calls `parse`. If `parse` throws, adds the option's name to the exception's message.
 template <class Parse>
 auto ForOption(const std::string& option, Parse parse, std::string_view text) {
   try {

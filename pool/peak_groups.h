@@ -24,9 +24,10 @@ inline constexpr std::size_t kMaxKeptFloats = (std::size_t{4} << 20) / sizeof(fl
 
 // Caches the extremes of every group that was read, and all peaks of a group in which a range
 // begins or ends. A waveform overview has one range for each column. Drawing the same overview
-// again reads nothing. Drawing another overview of the same peaks reads one group for each column.
-// For 10 hours of stereo the extremes need 1.5 MiB. While a take is recorded, they need up to twice
-// as much, because a growing vector has spare capacity. The cached peaks need at most 4 MiB.
+// again reads nothing. Drawing another overview of the same peaks reads only the groups at the
+// columns' boundaries. For 10 hours of stereo the extremes need 1.5 MiB. While a take is recorded,
+// they need up to twice as much, because a growing vector has spare capacity. The cached peaks need
+// at most 4 MiB.
 class PeakGroups {
  public:
   // Fills the array with the peaks from `first` on. Returns false on failure.
