@@ -1,6 +1,6 @@
 // 64-bit arithmetic on frame positions without undefined overflow. Use the wrapping functions for
-// lengths and offsets, and the saturating functions for bounds that are only compared. If the end
-// of a range saturates, the range means "to the end".
+// lengths and offsets, and the saturating functions for bounds. If the end of a range saturates,
+// the range means "to the end".
 #pragma once
 
 #include <cstdint>
