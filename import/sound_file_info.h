@@ -40,7 +40,7 @@ struct PcmData {
   std::size_t FrameBytes() const noexcept {
     return static_cast<std::size_t>(format.channels) * SampleBytes();
   }
-  // The average number of bytes of a frame in the file, for all codings.
+  // The number of bytes that a frame takes in the file: an average if the coding has blocks.
   double BytesPerFrame() const noexcept {
     return IsInBlocks() ? static_cast<double>(block_bytes) / static_cast<double>(block_frames)
                         : static_cast<double>(FrameBytes());
